@@ -1,0 +1,37 @@
+# Compiler and linker flags, each with its reason.
+
+add_library(tarn_flags INTERFACE)
+target_compile_options(tarn_flags INTERFACE
+  -Wall -Wextra -Wshadow -Wpointer-arith -Wcast-qual -Wvla -Wformat=2 -Wno-format-nonliteral
+  -fno-omit-frame-pointer)
+if(TARN_WERROR)
+  target_compile_options(tarn_flags INTERFACE -Werror)
+endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(tarn_flags INTERFACE -Wthread-safety)
+endif()
+
+if(TARN_SANITIZE)
+  target_compile_options(tarn_flags INTERFACE -fsanitize=${TARN_SANITIZE} -fno-sanitize-recover=all -g)
+  target_link_options(tarn_flags INTERFACE -fsanitize=${TARN_SANITIZE})
+  target_compile_definitions(tarn_flags INTERFACE TARN_SANITIZED="${TARN_SANITIZE}")
+elseif(CMAKE_BUILD_TYPE MATCHES "Rel")
+  target_compile_definitions(tarn_flags INTERFACE _FORTIFY_SOURCE=2)
+endif()
+if(TARN_COVERAGE)
+  target_compile_options(tarn_flags INTERFACE --coverage)
+  target_link_options(tarn_flags INTERFACE --coverage)
+endif()
+
+# The library reports every failure by its result, so nothing in it throws; statics have no destructors, because its
+# threads may outlive main(). A call inside the library is bound to the library even when the host defines the name.
+set(TARN_LIBRARY_FLAGS
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fvisibility-inlines-hidden -fno-threadsafe-statics>
+  -fvisibility=hidden -fno-semantic-interposition -fstack-protector-strong)
+
+# -z nodelete: dlclose must not unmap code that the accept thread still runs.
+set(TARN_LIBRARY_LINK_FLAGS
+  -Wl,-Bsymbolic-functions -Wl,-z,nodelete -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+if(NOT TARN_SANITIZE)
+  list(APPEND TARN_LIBRARY_LINK_FLAGS -Wl,-z,defs)
+endif()

@@ -1,0 +1,33 @@
+#include "clock.h"
+
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace tarn {
+
+uint64_t mono_ms() noexcept
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+}
+
+int64_t wall_s() noexcept
+{
+    return time(nullptr);
+}
+
+uint64_t wall_ms() noexcept
+{
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_usec) / 1000;
+}
+
+void pause_ms(uint32_t ms) noexcept
+{
+    usleep(ms * 1000);
+}
+
+} // namespace tarn

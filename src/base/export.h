@@ -1,0 +1,35 @@
+/*
+ * export.h - brackets for everything that leaves the library.
+ *
+ * Module headers are plain C so that a host may include them; what stands between the two brackets has C linkage
+ * and default visibility. Everything else in the library is hidden.
+ */
+#ifndef TARN_BASE_EXPORT_H
+#define TARN_BASE_EXPORT_H
+
+#ifdef __cplusplus
+#define TARN_API_BEGIN _Pragma("GCC visibility push(default)") extern "C" {
+#define TARN_API_END                                                                                                   \
+    }                                                                                                                  \
+    _Pragma("GCC visibility pop")
+#define TARN_LAYOUT_CHECK(cond) static_assert(cond, #cond)
+#else
+#define TARN_API_BEGIN _Pragma("GCC visibility push(default)")
+#define TARN_API_END _Pragma("GCC visibility pop")
+#define TARN_LAYOUT_CHECK(cond) _Static_assert(cond, #cond)
+#endif
+
+/* Record layout is part of the binary interface: hosts allocate these records themselves. */
+#define TARN_LAYOUT_SIZE(type, bytes) TARN_LAYOUT_CHECK(sizeof(type) == (bytes))
+#define TARN_LAYOUT_OFFSET(type, field, byte) TARN_LAYOUT_CHECK(offsetof(type, field) == (byte))
+
+/* Records that hold a mutex have a fixed size only where the mutex has one. */
+#if defined(__SIZEOF_PTHREAD_MUTEX_T) && __SIZEOF_PTHREAD_MUTEX_T != 40
+#define TARN_LAYOUT_HAS_MUTEX_SIZES 0
+#elif defined(__x86_64__)
+#define TARN_LAYOUT_HAS_MUTEX_SIZES 1
+#else
+#define TARN_LAYOUT_HAS_MUTEX_SIZES 0
+#endif
+
+#endif

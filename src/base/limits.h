@@ -1,0 +1,103 @@
+/*
+ * limits.h - every capacity, time limit and fixed size of the broker, and how they depend on each other.
+ *
+ * Names end in their unit; a bare _MAX or _CAPACITY counts elements.
+ */
+#ifndef TARN_BASE_LIMITS_H
+#define TARN_BASE_LIMITS_H
+
+#include "export.h"
+
+enum {
+    /* wire format */
+    CODEC_BODY_MAX         = 2112,                   /* bytes behind the fixed header that an encoder can build */
+    CODEC_SUBSCRIBE_MAX    = 1024,                   /* the same for SUBSCRIBE and UNSUBSCRIBE */
+    CODEC_PUBLISH_MAX      = 1 + 2 + CODEC_BODY_MAX, /* largest encoded PUBLISH */
+    CODEC_MIN_CAPACITY     = 128,                    /* smallest buffer that most encoders accept */
+    CODEC_ENCODE_LEN_MAX   = 268435455,              /* four length bytes */
+    CODEC_DECODE_LEN_MAX   = 2097151,                /* three length bytes */
+    CODEC_FILTERS_MAX      = 16,
+    CODEC_TOPIC_MAX        = 256,
+    CODEC_PAYLOAD_MAX      = 2048,
+    CODEC_CLIENT_ID_MAX    = 64,
+    CODEC_CLIENT_ID_V4_MAX = 23,
+
+    /* network */
+    NETIP_CLIENTS_MAX    = 11000,
+    NETIP_PORT           = 1883,
+    NETIP_BACKLOG        = 65535,
+    NETIP_RX_SIZE        = 4096, /* also the largest packet or datagram taken in */
+    NETIP_SEND_MAX       = 4096,
+    NETIP_IO_THREADS_MAX = 8,
+    NETIP_EPOLL_EVENTS   = 2048,
+    NETIP_EPOLL_WAIT_MS  = 100,
+
+    /* clients */
+    CLIENT_MAX             = 11000, /* also the size of both look-up tables */
+    CLIENT_BLOCK_RECORDS   = 100,
+    CLIENT_LOCKS           = 111,
+    CLIENT_ID_CHARS        = 63,
+    CLIENT_SEND_SLOTS      = 100, /* one stays empty: 99 packets */
+    CLIENT_SEND_SLOT_BYTES = 4096,
+    CLIENT_WILL_MAX        = 2048,
+    CLIENT_WILL_OVERDUE_MS = 30000,
+    CLIENT_KEEPALIVE_0_MS  = 60000, /* what a keep-alive of 0 becomes */
+    CLIENT_V4_PACKET_MAX   = 4096,
+    CLIENT_V5_PACKET_FLOOR = 256,
+
+    /* packet handling */
+    PACKET_REPLY_SIZE         = 128,
+    PACKET_DELIVERY_SIZE      = 2048, /* buffer of one outgoing delivery */
+    PACKET_WILL_BUFFER_SIZE   = 4096,
+    PACKET_SAVED_SUBS_MAX     = 32,
+    PACKET_SAVED_FILTER_CHARS = 63,
+
+    /* subscriptions and retained messages */
+    SUB_CAPACITY          = 10000,
+    SUB_MATCH_CAPACITY    = 11000,
+    RETAIN_CAPACITY       = 1000,
+    RETAIN_DEFAULT_LIFE_S = 604800,
+
+    /* reliable delivery */
+    QOS_PENDING_MAX    = 1000, /* entries of one client */
+    QOS_PAYLOAD_MAX    = 2048,
+    QOS_FIRST_RETRY_MS = 1000,
+    QOS_MAX_RETRY_MS   = 30000,
+    QOS_RETRIES_MAX    = 5,
+    QOS_SCAN_PERIOD_MS = 100,
+    QOS_ENCODE_EXTRA   = 266, /* bytes of a retransmission buffer beyond the payload */
+
+    /* files */
+    PERSIST_SUBS_MAX          = 64,
+    PERSIST_MSGS_MAX          = 100,
+    PERSIST_MSG_PAYLOAD_MAX   = 1024,
+    PERSIST_PATH_SIZE         = 512,
+    PERSIST_SESSION_TEXT_SIZE = 228,  /* buffer of the session file's text: 227 characters survive */
+    PERSIST_TEXT_READ_MAX     = 2047, /* bytes read back from a session or subscription file */
+    PERSIST_MSGS_READ_MAX     = 4095, /* bytes read back from a message file */
+    PERSIST_MSG_OBJECT_MAX    = 1023,  /* characters of one message object that are looked at */
+
+    /* log */
+    AGENT_LOG_MAX_FILE_SIZE = 1048576, /* default */
+    AGENT_LOG_RESERVED_SIZE = 256,      /* default */
+
+    /* TLS pre-shared keys */
+    TLS_PSK_KEY_MAX      = 32,
+    TLS_PSK_IDENTITY_MAX = 16
+};
+
+/* ---- how they relate */
+TARN_LAYOUT_CHECK(SUB_MATCH_CAPACITY >= SUB_CAPACITY);          /* a match list is never cut short */
+TARN_LAYOUT_CHECK(CLIENT_SEND_SLOT_BYTES >= CODEC_PUBLISH_MAX); /* every encoded packet fits one send slot */
+TARN_LAYOUT_CHECK(CLIENT_SEND_SLOT_BYTES <= NETIP_SEND_MAX);    /* every queued packet can be sent */
+TARN_LAYOUT_CHECK(PACKET_WILL_BUFFER_SIZE >= CODEC_PUBLISH_MAX);
+TARN_LAYOUT_CHECK(CLIENT_MAX == NETIP_CLIENTS_MAX);             /* a handle is its own place in the look-up table */
+TARN_LAYOUT_CHECK(CLIENT_MAX % CLIENT_BLOCK_RECORDS == 0);
+TARN_LAYOUT_CHECK(NETIP_CLIENTS_MAX / CLIENT_BLOCK_RECORDS < CLIENT_LOCKS); /* one lock a hundred handles */
+TARN_LAYOUT_CHECK(CLIENT_WILL_MAX == CODEC_PAYLOAD_MAX);
+TARN_LAYOUT_CHECK(QOS_PAYLOAD_MAX == CODEC_PAYLOAD_MAX);
+TARN_LAYOUT_CHECK(CLIENT_ID_CHARS < CODEC_CLIENT_ID_MAX);
+TARN_LAYOUT_CHECK(PACKET_SAVED_SUBS_MAX <= PERSIST_SUBS_MAX);   /* what is saved can be read back */
+TARN_LAYOUT_CHECK(PACKET_REPLY_SIZE >= CODEC_MIN_CAPACITY);
+
+#endif

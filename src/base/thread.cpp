@@ -1,0 +1,50 @@
+#include "thread.h"
+
+#include <initializer_list>
+#include <signal.h>
+
+namespace tarn {
+namespace {
+
+constexpr size_t kStackBytes = 1024 * 1024;
+
+// Everything but the faults of the thread itself.
+sigset_t asynchronous_signals() noexcept
+{
+    sigset_t set;
+    sigfillset(&set);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL})
+        sigdelset(&set, fault);
+    return set;
+}
+
+} // namespace
+
+int start_thread(pthread_t *handle, const char *name, void *(*body)(void *), void *arg) noexcept
+{
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, kStackBytes);
+
+    // A new thread inherits the mask of its creator.
+    const sigset_t blocked = asynchronous_signals();
+    sigset_t       before;
+    pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    const int error = pthread_create(handle, &attributes, body, arg);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+
+    pthread_attr_destroy(&attributes);
+    if (error == 0)
+        pthread_setname_np(*handle, name);
+    return error;
+}
+
+void finish_thread(pthread_t handle) noexcept
+{
+    if (pthread_equal(handle, pthread_self()))
+        pthread_detach(handle);
+    else
+        pthread_join(handle, nullptr);
+}
+
+} // namespace tarn

@@ -1,0 +1,79 @@
+// client_ref.h - client records held safely. A record is never freed, only released and used again; a pin keeps the
+// texts and the ring of the record one saw from changing owner underneath. Code inside the library finds records
+// through these functions; the exported find functions return the bare pointer at the caller's risk.
+//
+// A record outside the pool (a caller's own) has no guard: pins of it do nothing.
+#ifndef TARN_CLIENT_CLIENT_REF_H
+#define TARN_CLIENT_CLIENT_REF_H
+
+#include "../base/relaxed.h"
+#include "client.h"
+
+namespace tarn {
+
+class client_ref {
+public:
+    client_ref() = default;
+    explicit client_ref(mqtt_client_t *client) noexcept; // pins; the caller knows that the record is alive
+    client_ref(client_ref &&other) noexcept : client_(other.client_) { other.client_ = nullptr; }
+    client_ref &operator=(client_ref &&other) noexcept;
+    client_ref(const client_ref &) = delete;
+    client_ref &operator=(const client_ref &) = delete;
+    ~client_ref() { reset(); }
+
+    void           reset() noexcept; // unpins
+    explicit       operator bool() const noexcept { return client_ != nullptr; }
+    mqtt_client_t *get() const noexcept { return client_; }
+    mqtt_client_t *operator->() const noexcept { return client_; }
+    mqtt_client_t &operator*() const noexcept { return *client_; }
+
+private:
+    friend client_ref adopt_pinned(mqtt_client_t *client) noexcept;
+    mqtt_client_t *client_ = nullptr;
+};
+
+// As client_find_by_handle and client_find_by_cid, found and pinned in one step under the table's lock.
+client_ref find_client_by_handle(uint32_t handle) noexcept;
+client_ref find_client_by_cid(const char *client_id) noexcept;
+
+// The next used record in pool order at or after `index` (0 at first), pinned; empty at the end. `index` is moved
+// behind it.
+client_ref next_client(int32_t &index) noexcept;
+
+[[nodiscard]] inline bool is_online(mqtt_client_t &client) noexcept
+{
+    const uint32_t state = peek(client.state);
+    return state == CLIENT_CONNECTED || state == CLIENT_LOGINED;
+}
+
+// Counts the lives of a pool record: changes whenever the record is released. 0 for a record outside the pool.
+uint32_t incarnation_of(const mqtt_client_t *client) noexcept;
+
+// The id as text of its own, copied under the record's id lock: for threads other than the client's own.
+struct client_id_text {
+    char text[65];
+};
+client_id_text id_of(mqtt_client_t &client) noexcept;
+
+// Lock that guards the embedded session record against a second thread; held for writes of `session` and for saving
+// it, never across a callback. For a record outside the pool a lock that all such records share.
+Mutex &session_lock(const mqtt_client_t &client) noexcept;
+
+// Zeroes the embedded session record, touching only memory that was written before.
+void clear_session(mqtt_client_t &client) noexcept;
+// To be told before subs[] or msgs[] is filled up to these counts by other means than clear_session's callers know.
+void session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg_count) noexcept;
+
+// Claims a pool record for closing or for settling its will: one winner. Records outside the pool always win.
+[[nodiscard]] bool claim_closing(mqtt_client_t &client) noexcept;
+void               unclaim_closing(mqtt_client_t &client) noexcept;
+
+// Makes the record logged in, unless it was closed meanwhile (false).
+[[nodiscard]] bool mark_logged_in(mqtt_client_t &client) noexcept;
+
+// Sends what is queued for this client now, on the calling thread, as far as the socket takes it.
+void flush_client(mqtt_client_t &client) noexcept;
+
+} // namespace tarn
+
+#endif

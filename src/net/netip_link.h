@@ -1,0 +1,53 @@
+// netip_link.h - what the client module needs of the network layer beyond its exported calls: naming one connection
+// exactly, sending many packets at once, and a word at the end of each I/O round. Upward calls go through the event
+// callback and the round hook only; no lock is held in either.
+#ifndef TARN_NET_NETIP_LINK_H
+#define TARN_NET_NETIP_LINK_H
+
+#include "netip.h"
+
+namespace tarn::net {
+
+// A handle is reused; handle and generation together name one connection. 0 is no generation.
+uint32_t generation_of(uint32_t handle) noexcept; // 0 when the slot is free or the handle is out of range
+
+// netip_close, but only while the handle still belongs to that connection. Generation 0: a plain netip_close.
+void close_connection(uint32_t handle, uint32_t generation) noexcept;
+
+// The connection whose data event the calling thread is delivering right now; generation 0 outside one.
+struct Connection {
+    uint32_t handle     = NETIP_NO_HANDLE;
+    uint32_t generation = 0;
+};
+Connection current_connection() noexcept;
+// True while that connection's slot has not been closed since the event began.
+bool is_open(Connection connection) noexcept;
+
+// Sends packets in order without blocking: on TCP as one write, on UDP one datagram each.
+struct Packet {
+    const uint8_t *bytes;
+    int32_t        length;
+};
+struct Sent {
+    int      packets; // accepted, counted from the front; one that was cut inside counts
+    uint32_t result;  // NETIP_OK when all were accepted, else NETIP_AGAIN or NETIP_INVALID
+};
+constexpr int kGatherMax = 64;
+Sent send_packets(uint32_t handle, const Packet *packets, int count) noexcept;
+
+// Called by every I/O thread before it looks at the events of a round and after it has handled the last one.
+struct RoundHooks {
+    void (*begin)() = nullptr;
+    void (*end)()   = nullptr;
+};
+void set_round_hooks(RoundHooks hooks) noexcept;
+
+// Called by an I/O thread that finds a socket writable again after a send that would have blocked.
+void set_writable_hook(void (*writable)()) noexcept;
+
+// True while the layer runs (between a netip_init that returned 0 and netip_deinit).
+bool is_up() noexcept;
+
+} // namespace tarn::net
+
+#endif

@@ -1,0 +1,51 @@
+// faults.h - what tests can do to the system calls of the library: make the n-th one fail, or hold the clock.
+#ifndef TARN_TESTS_FAULTS_H
+#define TARN_TESTS_FAULTS_H
+
+#include <cstdint>
+
+namespace tarn::test {
+
+enum class Call {
+    Allocate, // malloc, calloc, realloc, counted together on the calling thread
+    ThreadCreate,
+    Socket,
+    Bind,
+    Listen,
+    Accept,
+    EpollCreate,
+    EpollCtl,
+    EpollWait,
+    FileOpen,
+    FileSeek,
+    Count_
+};
+
+// While it lives, the nth next call (1 = the next) and the `times - 1` after it fail with this errno value
+// (pthread_create returns it). Allocations are counted on the constructing thread only, all others on every thread.
+class Fail {
+public:
+    explicit Fail(Call call, int nth = 1, int error = 12 /* ENOMEM */, int times = 1);
+    ~Fail();
+    Fail(const Fail &) = delete;
+    Fail &operator=(const Fail &) = delete;
+    int   failed() const; // calls that were made to fail so far
+
+private:
+    Call call_;
+};
+
+// While it lives, all clocks stand still and move only by hand. Starts at wall 1,800,000,000 s and mono 1,000,000 ms.
+class ManualClock {
+public:
+    ManualClock();
+    ~ManualClock();
+    void advance_ms(int64_t ms);      // both clocks
+    void advance_wall_ms(int64_t ms); // the wall clock alone
+    uint64_t mono_ms() const;
+    int64_t  wall_s() const;
+};
+
+} // namespace tarn::test
+
+#endif
