@@ -1,5 +1,8 @@
 #include "thread.h"
 
+#include "memory.h"
+
+#include <cerrno>
 #include <initializer_list>
 #include <signal.h>
 
@@ -7,6 +10,23 @@ namespace tarn {
 namespace {
 
 constexpr size_t kStackBytes = 1024 * 1024;
+
+constinit thread_local bool t_library_thread = false;
+
+struct Launch {
+    const char *name;
+    void *(*body)(void *);
+    void *arg;
+};
+
+void *run(void *arg)
+{
+    const Launch launch = *static_cast<Launch *>(arg);
+    free(arg);
+    t_library_thread = true;
+    pthread_setname_np(pthread_self(), launch.name);
+    return launch.body(launch.arg);
+}
 
 // Everything but the faults of the thread itself.
 sigset_t asynchronous_signals() noexcept
@@ -22,6 +42,11 @@ sigset_t asynchronous_signals() noexcept
 
 int start_thread(pthread_t *handle, const char *name, void *(*body)(void *), void *arg) noexcept
 {
+    owned<Launch> launch = allocate<Launch>(1);
+    if (!launch)
+        return ENOMEM;
+    launch[0] = {name, body, arg};
+
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstacksize(&attributes, kStackBytes);
@@ -30,13 +55,18 @@ int start_thread(pthread_t *handle, const char *name, void *(*body)(void *), voi
     const sigset_t blocked = asynchronous_signals();
     sigset_t       before;
     pthread_sigmask(SIG_BLOCK, &blocked, &before);
-    const int error = pthread_create(handle, &attributes, body, arg);
+    const int error = pthread_create(handle, &attributes, run, launch.get());
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 
     pthread_attr_destroy(&attributes);
     if (error == 0)
-        pthread_setname_np(*handle, name);
+        launch.release(); // the new thread frees it
     return error;
+}
+
+bool on_library_thread() noexcept
+{
+    return t_library_thread;
 }
 
 void finish_thread(pthread_t handle) noexcept

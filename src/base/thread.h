@@ -7,9 +7,12 @@
 namespace tarn {
 
 // Starts a thread with a 1 MiB stack (packet handling is deep but never holds big records), a name for debuggers
-// (15 characters at most) and every asynchronous signal blocked, so that the host's handlers run on the host's threads.
-// Returns 0 or the errno value of the failure.
+// (15 characters at most, a constant) and every asynchronous signal blocked, so that the host's handlers run on the
+// host's threads. Returns 0 or the errno value of the failure.
 int start_thread(pthread_t *handle, const char *name, void *(*body)(void *), void *arg) noexcept;
+
+// True on a thread that start_thread made.
+bool on_library_thread() noexcept;
 
 // Waits for a thread to end; a thread that would wait for itself is detached instead.
 void finish_thread(pthread_t handle) noexcept;

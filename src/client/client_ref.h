@@ -71,6 +71,9 @@ void               unclaim_closing(mqtt_client_t &client) noexcept;
 // Makes the record logged in, unless it was closed meanwhile (false).
 [[nodiscard]] bool mark_logged_in(mqtt_client_t &client) noexcept;
 
+// False while no delayed will can be due: what the housekeeping thread asks before it scans the pool.
+[[nodiscard]] bool will_delays_running() noexcept;
+
 // Sends what is queued for this client now, on the calling thread, as far as the socket takes it.
 void flush_client(mqtt_client_t &client) noexcept;
 

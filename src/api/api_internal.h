@@ -1,0 +1,34 @@
+// api_internal.h - what the API files share: the check every call begins with, and the turn of the housekeeping thread.
+#ifndef TARN_API_API_INTERNAL_H
+#define TARN_API_API_INTERNAL_H
+
+#include "../log/log.h"
+#include "broker.h"
+
+#include <cstdint>
+
+namespace tarn::api {
+
+// False, with its line, for a null instance.
+[[nodiscard]] inline bool is_instance(const broker_t *broker)
+{
+    if (broker)
+        return true;
+    LOG_ERROR("[SDK] invalid broker handle");
+    return false;
+}
+
+// What is due at `now_s` (wall clock), measured from the start of the turn that did it last. The times of the last
+// runs belong to the process and are kept across stop and start.
+void housekeeping_turn(broker_t &broker, int64_t now_s);
+
+// Starts the instance's housekeeping thread unless it still has one.
+void begin_housekeeping(broker_t &broker);
+
+// Waits for it to end, after `running` was cleared. False when it could not wait, being called on that very thread:
+// then the thread goes on until its turn is over and still looks at the instance.
+bool end_housekeeping(broker_t &broker);
+
+} // namespace tarn::api
+
+#endif

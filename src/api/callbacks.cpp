@@ -1,0 +1,72 @@
+// callbacks.cpp - the host's three callbacks: registering them, and how packet handling reaches them.
+//
+// They belong to the instance that owns the client. No lock is held while one runs, so it may call the API.
+#include "../base/relaxed.h"
+#include "../client/client_types.h"
+#include "broker.h"
+
+#include <cstdio>
+
+using namespace tarn;
+
+namespace {
+
+constexpr size_t kEventTextSize = 256;
+
+broker_t *owner_of(mqtt_client_t *client)
+{
+    return client ? peek(client->broker) : nullptr;
+}
+
+} // namespace
+
+void tarn_sdk_mqtt_broker_register_event_callback(broker_t *broker, broker_event_cb_t cb)
+{
+    if (broker)
+        poke_release(broker->event_cb, cb);
+}
+
+void tarn_sdk_mqtt_broker_register_auth_callback(broker_t *broker, broker_auth_cb_t cb)
+{
+    if (broker)
+        poke_release(broker->auth_cb, cb);
+}
+
+void tarn_sdk_mqtt_broker_register_acl_callback(broker_t *broker, broker_acl_cb_t cb)
+{
+    if (broker)
+        poke_release(broker->acl_cb, cb);
+}
+
+bool broker_fire_auth(mqtt_client_t *client, const char *client_id, const char *username, const char *password)
+{
+    broker_t *const owner = owner_of(client);
+    if (!owner)
+        return true;
+    const broker_auth_cb_t ask = peek_acquire(owner->auth_cb);
+    return !ask || ask(owner, client_id, username, password);
+}
+
+bool broker_fire_acl(mqtt_client_t *client, const char *topic, uint8_t action)
+{
+    broker_t *const owner = owner_of(client);
+    if (!owner)
+        return true;
+    const broker_acl_cb_t ask = peek_acquire(owner->acl_cb);
+    return !ask || ask(owner, client->client_id, topic, action, client);
+}
+
+void broker_fire_event(mqtt_client_t *client, uint32_t kind, const char *topic, int32_t qos)
+{
+    broker_t *const owner = owner_of(client);
+    if (!owner)
+        return;
+    const broker_event_cb_t tell = peek_acquire(owner->event_cb);
+    if (!tell)
+        return;
+    // Texts stand as they are, unescaped, and the whole is cut at 255 characters.
+    char text[kEventTextSize];
+    snprintf(text, sizeof text, "{\"clientId\":\"%s\",\"topic\":\"%s\",\"qos\":%d}", client->client_id, topic ? topic : "",
+             qos);
+    tell(owner, kind, text);
+}

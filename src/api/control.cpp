@@ -1,0 +1,57 @@
+// control.cpp - what a host can do to a running broker.
+#include "../base/text.h"
+#include "../client/client_ref.h"
+#include "../handler/packet_handler.h"
+#include "../sub/retain.h"
+#include "api_internal.h"
+
+using namespace tarn;
+using api::is_instance;
+
+namespace {
+
+constexpr uint8_t kAdministrativeAction = 0x98; // DISCONNECT reason code [MQTT-3.14.2.1]
+constexpr size_t  kTextChars            = 1023; // more than a log line shows
+
+} // namespace
+
+int32_t tarn_sdk_mqtt_broker_kick_client(broker_t *broker, const char *client_id)
+{
+    if (!is_instance(broker) || !client_id || !*client_id)
+        return TARN_E_PARAM;
+    char id[kTextChars + 1]; // the caller's text may be the record's own, which the close wipes
+    copy_text(id, client_id, kTextChars);
+
+    const client_ref client = find_client_by_cid(id);
+    if (!client) {
+        LOG_WARN("[SDK] kick client not found: %s", id);
+        return TARN_E_NOT_FOUND;
+    }
+    if (peek(client->broker) != broker) {
+        LOG_ERROR("[SDK] kick rejected: client '%s' does not belong to this broker instance", id);
+        return TARN_E_DENIED;
+    }
+    if (const uint32_t state = peek(client->state); state == CLIENT_UNUSED || state == CLIENT_CLOSED) {
+        LOG_WARN("[SDK] kick client '%s' already closed", id);
+        return TARN_OK;
+    }
+    packet_handler_send_disconnect(client.get(), kAdministrativeAction);
+    client_close(client.get());
+    LOG_INFO("[SDK] kick client success: %s", id);
+    return TARN_OK;
+}
+
+int32_t tarn_sdk_mqtt_broker_publish(broker_t * /*unused*/, const char *topic, const void *payload, int32_t len,
+                                     uint32_t qos, uint8_t retain, uint32_t expiry_s)
+{
+    if (!topic || !payload || len < 1 || qos > 2)
+        return TARN_E_PARAM;
+    packet_handler_broker_publish(topic, static_cast<const uint8_t *>(payload), len, static_cast<uint8_t>(qos), retain,
+                                  expiry_s);
+    return TARN_OK;
+}
+
+int32_t tarn_sdk_mqtt_broker_clear_retain(broker_t * /*unused*/, const char *topic)
+{
+    return topic ? retain_msg_delete(topic) : TARN_E_PARAM;
+}

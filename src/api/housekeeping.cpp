@@ -1,0 +1,96 @@
+// housekeeping.cpp - the thread behind every periodic task but sending and retransmission.
+#include "../base/clock.h"
+#include "../base/relaxed.h"
+#include "../base/thread.h"
+#include "../client/client_ref.h"
+#include "../stats/mqtt_stats.h"
+#include "../sub/retain.h"
+#include "api_internal.h"
+
+namespace tarn::api {
+namespace {
+
+constexpr int64_t  kCleanPeriod_s  = 10;
+constexpr int64_t  kReportPeriod_s = 60;
+constexpr int64_t  kRetainPeriod_s = 5;
+constexpr uint32_t kTurn_ms        = 10;
+
+// Wall clock, s; 0 = never. Kept for the life of the process, shared by the threads of all instances.
+constinit int64_t last_clean        = 0;
+constinit int64_t last_stats_print  = 0;
+constinit int64_t last_retain_clean = 0;
+
+bool due(int64_t &last_s, int64_t now_s, int64_t period_s)
+{
+    return now_s - peek(last_s) >= period_s;
+}
+
+void report_when_due(int64_t now_s)
+{
+    if (!due(last_stats_print, now_s, kReportPeriod_s))
+        return;
+    mqtt_stats_print();
+    mqtt_stats_reset_period();
+    poke(last_stats_print, now_s);
+}
+
+} // namespace
+
+void housekeeping_turn(broker_t &broker, int64_t now_s)
+{
+    if (due(last_clean, now_s, kCleanPeriod_s)) {
+        client_clean_timeout(static_cast<uint32_t>(peek(broker.keepalive_timeout)) * 1000);
+        poke(last_clean, now_s);
+    }
+    report_when_due(now_s);
+    if (due(last_retain_clean, now_s, kRetainPeriod_s)) {
+        retain_clean_expired();
+        poke(last_retain_clean, now_s);
+    }
+    if (will_delays_running())
+        client_will_delay_scan();
+}
+
+void begin_housekeeping(broker_t &broker)
+{
+    if (peek(broker.thread) != 0)
+        return;
+    pthread_t thread = 0;
+    if (start_thread(&thread, "tarn-house", broker_thread_entry, &broker) == 0)
+        poke(broker.thread, thread);
+}
+
+bool end_housekeeping(broker_t &broker)
+{
+    const pthread_t thread = peek(broker.thread);
+    if (thread == 0)
+        return true;
+    finish_thread(thread);
+    poke(broker.thread, 0);
+    return !pthread_equal(thread, pthread_self());
+}
+
+} // namespace tarn::api
+
+using namespace tarn;
+
+namespace {
+
+// A thread that a callback of its own stopped and started again has been replaced by a new one.
+bool is_replaced(broker_t &broker)
+{
+    const pthread_t current = peek(broker.thread);
+    return current != 0 && !pthread_equal(current, pthread_self());
+}
+
+} // namespace
+
+void *broker_thread_entry(void *arg)
+{
+    auto &broker = *static_cast<broker_t *>(arg);
+    while (peek(broker.running) && !is_replaced(broker)) {
+        api::housekeeping_turn(broker, wall_s());
+        pause_ms(api::kTurn_ms);
+    }
+    return nullptr;
+}

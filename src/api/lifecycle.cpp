@@ -1,0 +1,237 @@
+// lifecycle.cpp - create, init, start, stop, deinit, destroy.
+//
+// The tables behind the API belong to the process, so one instance at a time can own the running network layer: the
+// one whose start brought it up, until somebody's deinit. Starting the owner again resumes it: its clients stay.
+#include "../base/mutex.h"
+#include "../base/text.h"
+#include "../base/thread.h"
+#include "../client/client.h"
+#include "../handler/packet_handler.h"
+#include "../net/netip_link.h"
+#include "../persist/persist.h"
+#include "../stats/mqtt_stats.h"
+#include "api_internal.h"
+
+#include <cstdlib>
+
+using namespace tarn;
+using api::is_instance;
+
+namespace {
+
+constexpr int32_t kPort_max       = 65535;
+constexpr int32_t kMaxClients_max = 50000; // what start takes; the client manager's own ceiling is lower
+
+// Serialises the calls of this file. A host thread waits for it; a library thread (a call from a callback) only tries,
+// because the holder may be waiting for that very thread to end.
+constinit Mutex life_mx{PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
+
+// Under life_mx.
+constinit broker_t *g_owner         = nullptr; // whose start brought the layer up
+constinit bool      g_free_owner    = false;   // destroyed meanwhile, but client records still point to it
+constinit bool      g_left_standing = false;   // a start failed after the layer's threads were up
+
+class LifeLock {
+public:
+    LifeLock() NO_LOCK_ANALYSIS : held_(!on_library_thread() || life_mx.try_lock())
+    {
+        if (held_ && !on_library_thread())
+            life_mx.lock();
+    }
+    ~LifeLock() NO_LOCK_ANALYSIS
+    {
+        if (held_)
+            life_mx.unlock();
+    }
+    LifeLock(const LifeLock &) = delete;
+    LifeLock &operator=(const LifeLock &) = delete;
+    explicit operator bool() const { return held_; }
+
+private:
+    bool held_;
+};
+
+void clear_callbacks(broker_t &broker)
+{
+    poke_release(broker.event_cb, nullptr);
+    poke_release(broker.auth_cb, nullptr);
+    poke_release(broker.acl_cb, nullptr);
+}
+
+void forget_owner()
+{
+    if (g_free_owner)
+        free(g_owner);
+    g_owner      = nullptr;
+    g_free_owner = false;
+}
+
+// Down without the log lines of deinit: what is left of a start that failed half-way.
+void take_down_leftovers()
+{
+    if (g_left_standing)
+        netip_deinit();
+    g_left_standing = false;
+}
+
+int32_t bring_up(broker_t &broker, int32_t max_clients)
+{
+    if (client_mgr_init(max_clients) != 0) {
+        LOG_ERROR("[SDK] client_mgr_init failed");
+        return TARN_E_RESOURCE;
+    }
+    poke(g_default_max_packet_size, static_cast<uint32_t>(peek(broker.max_packet_size)));
+    if (const uint32_t result = netip_init(mqtt_netip_event_cb, &broker, 1); result != NETIP_OK) {
+        LOG_ERROR("[SDK] netip_init failed[%d]", static_cast<int>(result));
+        g_left_standing = result == NETIP_NOMEM; // the accept thread failed last: everything else runs
+        client_mgr_deinit();
+        return TARN_E_RESOURCE;
+    }
+    g_owner = &broker;
+    return TARN_OK;
+}
+
+// The layer and its clients stayed while the owner was stopped.
+void resume(broker_t &broker, int32_t max_clients)
+{
+    poke(g_mqtt_max_clients, max_clients);
+    poke(g_default_max_packet_size, static_cast<uint32_t>(peek(broker.max_packet_size)));
+}
+
+int32_t start_layer(broker_t &broker, int32_t max_clients)
+{
+    if (max_clients > CLIENT_MAX) // refused in every state, with the client manager's own line
+        return bring_up(broker, max_clients);
+    take_down_leftovers();
+    if (!net::is_up())
+        return bring_up(broker, max_clients);
+    if (g_owner != &broker) {
+        LOG_ERROR("[SDK] netip_init failed[%d]", NETIP_BIND);
+        return TARN_E_RESOURCE;
+    }
+    resume(broker, max_clients);
+    return TARN_OK;
+}
+
+} // namespace
+
+broker_t *tarn_sdk_mqtt_broker_create(void)
+{
+    auto *broker = static_cast<broker_t *>(calloc(1, sizeof(broker_t)));
+    if (!broker) {
+        LOG_ERROR("[SDK] calloc instance failed");
+        return nullptr;
+    }
+    LOG_INFO("[SDK] ========================================================");
+    LOG_INFO("[SDK]   Version: V2.0.0 ");
+    LOG_INFO("[SDK] ========================================================");
+    broker->keepalive_timeout = 300;
+    broker->max_packet_size   = 4096;
+    broker->port              = NETIP_PORT;
+    broker->max_clients       = 5000;
+    copy_text(broker->data_dir, "./broker_data", sizeof broker->data_dir - 1);
+    LOG_INFO("[SDK] create broker instance success");
+    return broker;
+}
+
+void tarn_sdk_mqtt_broker_destroy(broker_t *broker)
+{
+    if (!broker)
+        return;
+    LifeLock life;
+    if (!life)
+        return; // the host is inside a lifecycle call that needs this instance
+    poke(broker->running, 0);
+    const bool thread_ended = api::end_housekeeping(*broker);
+    clear_callbacks(*broker);
+    if (broker == g_owner)
+        g_free_owner = thread_ended; // its clients know the record until the layer goes down
+    else if (thread_ended)
+        free(broker);
+    LOG_INFO("[SDK] destroy broker instance success");
+}
+
+int32_t tarn_sdk_mqtt_broker_init(broker_t *broker)
+{
+    if (!is_instance(broker))
+        return TARN_E_PARAM;
+    LifeLock life;
+    if (!life)
+        return TARN_E_BUSY;
+    const agent_log_config_t config = {
+        .level         = AGENT_LOG_WARN,
+        .output        = AGENT_LOG_TO_CONSOLE | AGENT_LOG_TO_FILE,
+        .max_file_size = 0,
+        .reserved_size = AGENT_LOG_RESERVED_SIZE,
+        .file_path     = nullptr,
+    };
+    agent_log_init(&config);
+    mqtt_stats_init();
+    packet_handler_init();
+    persist_init(broker->data_dir);
+    LOG_INFO("[SDK] init success, port=%d, max_clients=%d", peek(broker->port), peek(broker->max_clients));
+    return TARN_OK;
+}
+
+int32_t tarn_sdk_mqtt_broker_start(broker_t *broker, int32_t port, int32_t max_clients)
+{
+    if (!is_instance(broker))
+        return TARN_E_PARAM;
+    if (port < 1 || port > kPort_max) {
+        LOG_ERROR("[SDK] invalid listen port: %d", port);
+        return TARN_E_PARAM;
+    }
+    if (max_clients < 1 || max_clients > kMaxClients_max) {
+        LOG_ERROR("[SDK] invalid max clients: %d", max_clients);
+        return TARN_E_PARAM;
+    }
+    LifeLock life;
+    if (!life)
+        return TARN_E_BUSY;
+    if (const int32_t result = start_layer(*broker, max_clients); result != TARN_OK)
+        return result;
+
+    poke(broker->port, port);
+    poke(broker->max_clients, max_clients);
+    poke(broker->running, 1);
+    api::begin_housekeeping(*broker);
+    LOG_INFO("[SDK] start success, listen 0.0.0.0:%d", port);
+    return TARN_OK;
+}
+
+int32_t tarn_sdk_mqtt_broker_stop(broker_t *broker)
+{
+    if (!is_instance(broker))
+        return TARN_E_PARAM;
+    poke(broker->running, 0);
+    {
+        LifeLock life;
+        if (life)
+            api::end_housekeeping(*broker);
+    }
+    LOG_INFO("[SDK] broker stopped");
+    return TARN_OK;
+}
+
+void tarn_sdk_mqtt_broker_deinit(broker_t *broker)
+{
+    if (!is_instance(broker))
+        return;
+    LifeLock life;
+    if (!life)
+        return;
+    netip_deinit();
+    persist_destroy();
+    client_mgr_deinit();
+    mqtt_stats_deinit();
+    agent_log_deinit();
+    clear_callbacks(*broker);
+    forget_owner();
+    g_left_standing = false;
+    LOG_INFO("[SDK] deinit success"); // never seen: the log is off by now
+}
+
+bool tarn_sdk_mqtt_broker_is_running(broker_t *broker)
+{
+    return is_instance(broker) && peek(broker->running);
+}

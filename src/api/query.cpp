@@ -1,0 +1,80 @@
+// query.cpp - what a host can ask of a running broker.
+#include "../base/clock.h"
+#include "../base/text.h"
+#include "../client/client_ref.h"
+#include "../stats/mqtt_stats.h"
+#include "../sub/retain.h"
+#include "api_internal.h"
+
+#include <cstring>
+
+using namespace tarn;
+using api::is_instance;
+
+namespace {
+
+// The two lists have one shape: an empty buffer is refused, a zeroed one filled.
+int32_t fill_list(char *buf, int32_t size, int32_t (*fill)(char *buf, int32_t size))
+{
+    if (!buf || size <= 0)
+        return TARN_E_PARAM;
+    memset(buf, 0, static_cast<size_t>(size));
+    return fill(buf, size) < 0 ? TARN_E_NOT_FOUND : TARN_OK;
+}
+
+void describe(mqtt_client_t &client, tarn_sdk_mqtt_client_info_t &info)
+{
+    memset(&info, 0, sizeof info);
+    const client_id_text id = id_of(client);
+    copy_text(info.client_id, id.text, sizeof id.text - 1);
+    copy_text(info.ip, client.ip, sizeof info.ip - 1); // written once, before the record could be found
+    info.port         = peek(client.port);
+    info.keepalive    = static_cast<uint16_t>(peek(client.keepalive_ms) / 1000);
+    info.online       = is_online(client);
+    const uint64_t since_ms = peek(client.last_active); // read before the clock, which may not be older
+    info.idle_seconds       = static_cast<uint32_t>(elapsed(mono_ms(), since_ms) / 1000);
+}
+
+} // namespace
+
+uint32_t tarn_sdk_mqtt_broker_get_online_count(broker_t * /*unused*/)
+{
+    return client_get_connected_count();
+}
+
+int32_t tarn_sdk_mqtt_broker_get_client_id_list(broker_t * /*unused*/, char *buf, int32_t size)
+{
+    return fill_list(buf, size, client_fill_id_list);
+}
+
+int32_t tarn_sdk_mqtt_broker_get_retain_topic_list(broker_t * /*unused*/, char *buf, int32_t size)
+{
+    return fill_list(buf, size, retain_fill_topic_list);
+}
+
+int32_t tarn_sdk_mqtt_broker_get_client_info(broker_t *broker, const char *client_id, tarn_sdk_mqtt_client_info_t *info)
+{
+    if (!is_instance(broker) || !client_id || !info)
+        return TARN_E_PARAM;
+    const client_ref client = find_client_by_cid(client_id);
+    if (!client)
+        return TARN_E_NOT_FOUND;
+    if (peek(client->broker) != broker) {
+        LOG_ERROR("[SDK] get_client_info rejected: client '%s' belongs to another broker", client_id);
+        return TARN_E_DENIED;
+    }
+    describe(*client, *info);
+    return TARN_OK;
+}
+
+int32_t tarn_sdk_mqtt_broker_get_stats(broker_t * /*unused*/, tarn_sdk_mqtt_broker_stats_t *stats)
+{
+    if (!stats)
+        return TARN_E_PARAM;
+    const mqtt_stats_t &all = g_mqtt_stats;
+    stats->online           = client_get_connected_count();
+    stats->messages         = static_cast<uint32_t>(peek(all.qos0) + peek(all.qos1) + peek(all.qos2));
+    stats->subscriptions    = peek(all.subs);
+    stats->uptime_seconds   = static_cast<uint32_t>(elapsed(mono_ms(), peek(all.start_ms)) / 1000);
+    return TARN_OK;
+}
