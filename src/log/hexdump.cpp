@@ -1,0 +1,34 @@
+// hexdump.cpp - raw bytes as DEBUG lines of sixteen, without offsets or text columns.
+#include "log.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr size_t kRowBytes   = 16;
+constexpr size_t kColumnSize = 3; // two digits and a blank
+
+void log_row(const uint8_t *bytes, size_t count) noexcept
+{
+    static constexpr char kDigits[] = "0123456789ABCDEF";
+
+    char row[kRowBytes * kColumnSize + 1] = "";
+    for (size_t i = 0; i < count; ++i) {
+        row[i * kColumnSize]     = kDigits[bytes[i] >> 4];
+        row[i * kColumnSize + 1] = kDigits[bytes[i] & 0xF];
+        row[i * kColumnSize + 2] = ' ';
+    }
+    agent_log(AGENT_LOG_DEBUG, "%s", row);
+}
+
+} // namespace
+
+extern "C" void agent_log_hexdump(const char *title, const uint8_t *data, uint16_t len)
+{
+    if (!data || len == 0 || !tarn::log_passes(AGENT_LOG_DEBUG))
+        return;
+    if (title)
+        agent_log(AGENT_LOG_DEBUG, "%s", title);
+    for (size_t at = 0; at < len; at += kRowBytes)
+        log_row(data + at, std::min<size_t>(kRowBytes, len - at));
+}
