@@ -49,6 +49,10 @@ client_ref next_client(int32_t &index) noexcept;
 // Counts the lives of a pool record: changes whenever the record is released. 0 for a record outside the pool.
 uint32_t incarnation_of(const mqtt_client_t *client) noexcept;
 
+// True from the moment a pool record is being released until it is used again: what others added for it would be lost
+// or reach its next owner. Never true for a record outside the pool.
+[[nodiscard]] bool is_released(const mqtt_client_t *client) noexcept;
+
 // The id as text of its own, copied under the record's id lock: for threads other than the client's own.
 struct client_id_text {
     char text[65];

@@ -1,0 +1,47 @@
+// alarm.h - a thread's pause that another thread can cut short.
+#ifndef TARN_BASE_ALARM_H
+#define TARN_BASE_ALARM_H
+
+#include "mutex.h"
+#include "relaxed.h"
+
+#include <cstdint>
+#include <ctime>
+
+namespace tarn {
+
+// Statically initialised like a Mutex.
+class Alarm {
+public:
+    // Pauses for `ms` milliseconds, or until ring() finds `running` cleared.
+    void pause_while(const uint8_t &running, uint32_t ms) noexcept
+    {
+        timespec until{};
+        clock_gettime(CLOCK_MONOTONIC, &until);
+        until.tv_sec += ms / 1000;
+        until.tv_nsec += static_cast<long>(ms % 1000) * 1000000;
+        if (until.tv_nsec >= 1000000000) {
+            until.tv_nsec -= 1000000000;
+            ++until.tv_sec;
+        }
+        ScopedLock lock(mx_);
+        while (peek(running))
+            if (pthread_cond_clockwait(&rung_, &mx_.raw, CLOCK_MONOTONIC, &until) != 0)
+                return;
+    }
+
+    // To be called after the flag was cleared.
+    void ring() noexcept
+    {
+        ScopedLock lock(mx_);
+        pthread_cond_broadcast(&rung_);
+    }
+
+private:
+    Mutex          mx_{};
+    pthread_cond_t rung_ = PTHREAD_COND_INITIALIZER;
+};
+
+} // namespace tarn
+
+#endif

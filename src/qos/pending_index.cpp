@@ -1,0 +1,230 @@
+// pending_index.cpp - the list of pending deliveries and the index beside it.
+#include "../base/memory.h"
+#include "qos_internal.h"
+
+#include <cstdlib>
+
+qos_packet_t *g_pending_queue = nullptr;
+tarn_mutex_t  g_queue_mutex{};
+
+namespace tarn::qos {
+namespace {
+
+constexpr size_t kIdBuckets     = 1 << 15;
+constexpr size_t kClientBuckets = 1 << 12;
+
+// Entries of one client, counted. Lives while there is at least one.
+struct Tally {
+    const mqtt_client_t *client;
+    int                  count;
+    Tally               *next;
+};
+
+// An entry with its place in the index. `packet` comes first, so an entry is its packet.
+struct Tracked {
+    qos_packet_t packet;
+    Tracked     *chain;  // next older entry in the same bucket
+    Tracked     *newer;  // list neighbour towards the head, null at the head
+    Tally       *tally;
+    uint16_t     msg_id; // bucket key when it was linked: the packet's own fields may be edited by hand
+    const mqtt_client_t *client;
+};
+
+struct Index {
+    bool          complete = true;      // it knows every entry of the list
+    qos_packet_t *head     = nullptr;   // g_pending_queue as the index left it
+    Tracked      *by_id[kIdBuckets]          = {};
+    Tally        *by_client[kClientBuckets]  = {};
+};
+constinit Index g_index GUARDED_BY(g_queue_mutex);
+
+size_t hash_of(const mqtt_client_t *client)
+{
+    return reinterpret_cast<uintptr_t>(client) * 0x9E3779B97F4A7C15ull >> 40;
+}
+size_t id_bucket(const mqtt_client_t *client, uint16_t msg_id)
+{
+    return (hash_of(client) * 31 + msg_id) % kIdBuckets;
+}
+
+Tally **tally_link(const mqtt_client_t *client) REQUIRES(g_queue_mutex)
+{
+    Tally **link = &g_index.by_client[hash_of(client) % kClientBuckets];
+    while (*link && (*link)->client != client)
+        link = &(*link)->next;
+    return link;
+}
+
+// Forgets everything; the entries themselves stay in the list.
+void drop_index() REQUIRES(g_queue_mutex)
+{
+    for (Tracked *&bucket : g_index.by_id)
+        bucket = nullptr;
+    for (Tally *&bucket : g_index.by_client)
+        while (Tally *const tally = bucket) {
+            bucket = tally->next;
+            free(tally);
+        }
+    g_index.complete = false;
+}
+
+// To be asked before the index is believed.
+bool is_complete() REQUIRES(g_queue_mutex)
+{
+    if (g_pending_queue != g_index.head) {
+        if (g_index.complete)
+            drop_index();
+        g_index.head = g_pending_queue;
+    }
+    if (!g_pending_queue)
+        g_index.complete = true;
+    return g_index.complete;
+}
+
+Tracked *tracked(qos_packet_t *entry)
+{
+    return reinterpret_cast<Tracked *>(entry);
+}
+
+bool add_to_index(Tracked *entry) REQUIRES(g_queue_mutex)
+{
+    Tally **const link = tally_link(entry->packet.client);
+    if (!*link) {
+        auto *const tally = static_cast<Tally *>(malloc(sizeof(Tally)));
+        if (!tally)
+            return false;
+        *tally = {entry->packet.client, 0, nullptr};
+        *link  = tally;
+    }
+    entry->tally  = *link;
+    entry->client = entry->packet.client;
+    entry->msg_id = entry->packet.msg_id;
+    ++entry->tally->count;
+    Tracked *&bucket = g_index.by_id[id_bucket(entry->client, entry->msg_id)];
+    entry->chain     = bucket;
+    bucket           = entry;
+    return true;
+}
+
+void remove_from_index(Tracked *entry) REQUIRES(g_queue_mutex)
+{
+    Tracked **link = &g_index.by_id[id_bucket(entry->client, entry->msg_id)];
+    while (*link != entry)
+        link = &(*link)->chain;
+    *link = entry->chain;
+    if (--entry->tally->count == 0) {
+        Tally **const tally = tally_link(entry->client);
+        *tally              = entry->tally->next;
+        free(entry->tally);
+    }
+}
+
+// The pointer that points to this entry, or null when the list does not hold it.
+qos_packet_t **link_to(qos_packet_t *entry) REQUIRES(g_queue_mutex)
+{
+    qos_packet_t **link = &g_pending_queue;
+    if (is_complete())
+        link = tracked(entry)->newer ? &tracked(entry)->newer->packet.next : &g_pending_queue;
+    while (*link && *link != entry)
+        link = &(*link)->next;
+    return *link ? link : nullptr;
+}
+
+} // namespace
+
+qos_packet_t *make_entry()
+{
+    return reinterpret_cast<qos_packet_t *>(calloc(1, sizeof(Tracked)));
+}
+
+void free_entry(qos_packet_t *entry)
+{
+    free(entry->payload);
+    free(entry);
+}
+
+void link_entry(qos_packet_t *entry)
+{
+    const bool complete = is_complete();
+    if (complete && !add_to_index(tracked(entry)))
+        drop_index();
+    else if (complete && g_pending_queue)
+        tracked(g_pending_queue)->newer = tracked(entry);
+    entry->next     = g_pending_queue;
+    g_pending_queue = entry;
+    g_index.head    = entry;
+}
+
+int count_of(const mqtt_client_t *client)
+{
+    if (is_complete()) {
+        const Tally *const tally = *tally_link(client);
+        return tally ? tally->count : 0;
+    }
+    int count = 0;
+    for (const qos_packet_t *entry = g_pending_queue; entry; entry = entry->next)
+        count += entry->client == client;
+    return count;
+}
+
+qos_packet_t *find_entry(const mqtt_client_t *client, uint16_t msg_id)
+{
+    const auto is_it = [&](const qos_packet_t *entry) { return entry->client == client && entry->msg_id == msg_id; };
+    if (is_complete()) {
+        for (Tracked *entry = g_index.by_id[id_bucket(client, msg_id)]; entry; entry = entry->chain)
+            if (is_it(&entry->packet))
+                return &entry->packet;
+        return nullptr;
+    }
+    qos_packet_t *entry = g_pending_queue;
+    while (entry && !is_it(entry))
+        entry = entry->next;
+    return entry;
+}
+
+void remove_at(qos_packet_t **link)
+{
+    qos_packet_t *const entry = *link;
+    if (is_complete()) {
+        remove_from_index(tracked(entry));
+        if (entry->next)
+            tracked(entry->next)->newer = tracked(entry)->newer;
+    }
+    *link        = entry->next;
+    g_index.head = g_pending_queue;
+    free_entry(entry);
+}
+
+void remove_entry(qos_packet_t *entry)
+{
+    if (qos_packet_t **const link = link_to(entry))
+        remove_at(link);
+}
+
+int remove_all_of(const mqtt_client_t *client)
+{
+    int left    = count_of(client);
+    int removed = 0;
+    for (qos_packet_t **link = &g_pending_queue; *link && left > 0;) {
+        if ((*link)->client != client) {
+            link = &(*link)->next;
+            continue;
+        }
+        remove_at(link);
+        --left;
+        ++removed;
+    }
+    return removed;
+}
+
+int remove_all()
+{
+    int removed = 0;
+    while (g_pending_queue) {
+        remove_at(&g_pending_queue);
+        ++removed;
+    }
+    return removed;
+}
+
+} // namespace tarn::qos

@@ -1,0 +1,253 @@
+// qos_reliable.cpp - what packet handling does with pending deliveries: adding, acknowledging, expiring, dropping.
+//
+// The first transmission is always the caller's; from then on the delivery is tracked here until the client
+// acknowledges it, its retries or its life end, or the client is released.
+#include "../base/clock.h"
+#include "../base/text.h"
+#include "../client/client_ref.h"
+#include "../codec/mqtt_codec.h"
+#include "../log/log.h"
+#include "qos_internal.h"
+
+#include <cstdlib>
+#include <cstring>
+
+using namespace tarn;
+
+namespace {
+
+enum AckType : uint8_t { PUBACK = 4, PUBREC = 5, PUBREL = 6, PUBCOMP = 7 };
+
+const char *name_of(uint8_t packet_type)
+{
+    static constexpr const char *kNames[] = {"PUBACK", "PUBREC", "PUBREL", "PUBCOMP"};
+    return packet_type >= PUBACK && packet_type <= PUBCOMP ? kNames[packet_type - PUBACK] : "未知";
+}
+
+bool is_trackable(const mqtt_client_t *client, uint8_t qos, const char *topic, const void *payload, uint32_t payload_len)
+{
+    if (!client)
+        LOG_ERROR("[QoS] 添加报文参数错误：客户端为空");
+    else if (!topic || !*topic)
+        LOG_ERROR("[QoS] 添加报文参数错误：主题为空");
+    else if (!payload || payload_len == 0)
+        LOG_ERROR("[QoS] 添加报文参数错误：payload为空");
+    else if (payload_len > QOS_PAYLOAD_MAX)
+        LOG_ERROR("[QoS] 添加报文参数错误：payload长度超限（最大%d字节，当前%d字节）", QOS_PAYLOAD_MAX,
+                  static_cast<int>(payload_len));
+    else if (qos != 1 && qos != 2)
+        LOG_ERROR("[QoS] 添加报文参数错误：QoS非法（仅支持1/2，当前%d）", qos);
+    else
+        return true;
+    return false;
+}
+
+void fill(qos_packet_t &entry, mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic, uint64_t now_ms)
+{
+    entry.msg_id = msg_id;
+    entry.qos    = qos;
+    copy_text(entry.topic, topic, sizeof entry.topic - 1);
+    entry.last_send_ms      = now_ms;
+    entry.retry_interval_ms = QOS_FIRST_RETRY_MS;
+    entry.qos2_state        = qos == 2 ? qos::QOS2_AWAITS_PUBREC : qos::QOS2_NONE;
+    entry.client            = client;
+    entry.create_ms         = now_ms;
+}
+
+enum class Added { Yes, Full, NoEntry, NoPayload };
+
+Added add(mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic, const void *payload,
+          uint32_t payload_len, int &count) REQUIRES(g_queue_mutex)
+{
+    if (is_released(client))
+        return Added::Yes; // its entries were dropped a moment ago, and this one with them
+    count = qos::count_of(client);
+    if (count >= QOS_PENDING_MAX)
+        return Added::Full;
+    qos_packet_t *const entry = qos::make_entry();
+    if (!entry)
+        return Added::NoEntry;
+    entry->payload = static_cast<uint8_t *>(malloc(payload_len));
+    if (!entry->payload) {
+        qos::free_entry(entry);
+        return Added::NoPayload;
+    }
+    memcpy(entry->payload, payload, payload_len);
+    entry->payload_len = payload_len;
+    fill(*entry, client, msg_id, qos, topic, mono_ms());
+    qos::link_entry(entry);
+    qos::note_due(entry->last_send_ms + QOS_FIRST_RETRY_MS + 1);
+    return Added::Yes;
+}
+
+// Sends the next packet of the QoS 2 handshake. False when it could not be encoded.
+bool send_reply(mqtt_client_t *client, AckType type, uint16_t msg_id)
+{
+    mqtt_ack_para_t reply{};
+    reply.msg_id = msg_id;
+    uint8_t packet[PACKET_REPLY_SIZE];
+    int     length = sizeof packet;
+    if (mqtt_codec_encode_ack(&client->codec, type, &reply, packet, &length) != CODEC_OK)
+        return false;
+    client_send(client, packet, length);
+    return true;
+}
+
+// Unlinks and frees an acknowledged entry.
+void remove_packet(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
+{
+    const uint16_t msg_id = entry->msg_id;
+    LOG_DEBUG("[QoS_REMOVE] msg_id=%d, client=%s", msg_id, id_of(*client).text);
+    qos::remove_entry(entry);
+    LOG_DEBUG("[QoS] 移除已确认报文(msg_id=%d, client=%s)，完全删除", msg_id, id_of(*client).text);
+}
+
+int on_puback(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
+{
+    const uint16_t msg_id = entry->msg_id;
+    switch (entry->qos) {
+    case 1:
+        remove_packet(client, entry);
+        LOG_INFO("[QoS] QoS1 %s 完成: msg_id=%d", name_of(PUBACK), msg_id);
+        return 0;
+    case 2:
+        remove_packet(client, entry);
+        LOG_WARN("[QoS] QoS2 报文收到PUBACK(客户端降级)，强制完成: msg_id=%d", msg_id);
+        return 0;
+    default:
+        LOG_ERROR("[QoS] %s 不匹配: msg_id=%d QoS=%d", name_of(PUBACK), msg_id, entry->qos);
+        return -1;
+    }
+}
+
+int on_pubrec(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
+{
+    if (entry->qos != 2 || entry->qos2_state != qos::QOS2_AWAITS_PUBREC)
+        return 0;
+    entry->qos2_state = qos::QOS2_PUBREL_SENT;
+    if (!send_reply(client, PUBREL, entry->msg_id)) {
+        LOG_ERROR("[QoS] PUBREL编码失败: msg_id=%d", entry->msg_id);
+        return -1;
+    }
+    LOG_INFO("[QoS] ✅ 收到PUBREC -> 发送PUBREL: msg_id=%d", entry->msg_id);
+    return 0;
+}
+
+int on_pubrel(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
+{
+    if (entry->qos != 2 || entry->qos2_state != qos::QOS2_PUBREL_SENT)
+        return 0;
+    entry->qos2_state = qos::QOS2_PUBCOMP_SENT;
+    if (!send_reply(client, PUBCOMP, entry->msg_id)) {
+        LOG_ERROR("[QoS] PUBCOMP编码失败: msg_id=%d", entry->msg_id);
+        return -1;
+    }
+    LOG_INFO("[QoS] ✅ 收到PUBREL -> 发送PUBCOMP: msg_id=%d", entry->msg_id);
+    return 0;
+}
+
+int on_pubcomp(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
+{
+    if (entry->qos != 2)
+        return 0;
+    const uint16_t msg_id = entry->msg_id;
+    const bool     in_order = entry->qos2_state == qos::QOS2_PUBCOMP_SENT;
+    remove_packet(client, entry);
+    if (in_order)
+        LOG_INFO("[QoS] ✅ QoS2 完成: msg_id=%d", msg_id);
+    return 0;
+}
+
+} // namespace
+
+int qos_reliable_add_packet(mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic, const void *payload,
+                            uint32_t payload_len)
+{
+    if (!is_trackable(client, qos, topic, payload, payload_len))
+        return -1;
+    Added added;
+    int   count = 0;
+    {
+        ScopedLock lock(g_queue_mutex);
+        added = add(client, msg_id, qos, topic, payload, payload_len, count);
+    }
+    switch (added) {
+    case Added::Full:
+        LOG_ERROR("[QoS] 客户端未完成队列已满(client=%s)，最大支持%d条，当前%d条", id_of(*client).text, QOS_PENDING_MAX,
+                  count);
+        return -1;
+    case Added::NoEntry:
+        LOG_ERROR("[QoS] 添加报文失败：分配报文节点内存失败");
+        return -1;
+    case Added::NoPayload:
+        LOG_ERROR("[QoS] 添加报文失败：分配payload内存失败（需要%d字节）", static_cast<int>(payload_len));
+        return -1;
+    case Added::Yes:
+        break;
+    }
+    LOG_DEBUG("[QoS] 添加QoS%d报文到队列成功(msg_id=%d, client=%s, 载荷长度=%d)", qos, msg_id, id_of(*client).text,
+              static_cast<int>(payload_len));
+    return 0;
+}
+
+int qos_reliable_handle_ack(mqtt_client_t *client, uint16_t msg_id, uint8_t packet_type)
+{
+    if (!client || msg_id == 0) {
+        LOG_ERROR("[QoS] 处理ACK参数错误：客户端为空");
+        return -1;
+    }
+    ScopedLock          lock(g_queue_mutex);
+    qos_packet_t *const entry = qos::find_entry(client, msg_id);
+    if (!entry) {
+        LOG_DEBUG("[QoS] 收到无效ACK报文(msg_id=%d, client=%s, 类型=%d)：未找到对应报文", msg_id, id_of(*client).text,
+                  packet_type);
+        return -1;
+    }
+    LOG_DEBUG("[QoS追踪] ACK: %s | msg_id=%d | QoS=%d | state=%d", name_of(packet_type), msg_id, entry->qos,
+              static_cast<int>(entry->qos2_state));
+    switch (packet_type) {
+    case PUBACK:
+        return on_puback(client, entry);
+    case PUBREC:
+        return on_pubrec(client, entry);
+    case PUBREL:
+        return on_pubrel(client, entry);
+    case PUBCOMP:
+        return on_pubcomp(client, entry);
+    default:
+        LOG_ERROR("[QoS] 不支持的ACK类型: msg_id=%d", msg_id);
+        return -1;
+    }
+}
+
+void qos_reliable_set_packet_expiry(mqtt_client_t *client, uint16_t msg_id, uint32_t seconds)
+{
+    if (!client || msg_id == 0)
+        return;
+    {
+        ScopedLock          lock(g_queue_mutex);
+        qos_packet_t *const entry = qos::find_entry(client, msg_id);
+        if (!entry)
+            return;
+        entry->expiry_s = seconds;
+        qos::note_due(entry->create_ms + uint64_t{seconds} * 1000);
+    }
+    LOG_INFO("[QoS/Expiry] 设置消息过期: msg_id=%u, 过期时间=%u 秒", msg_id, seconds);
+}
+
+void qos_reliable_clean_client_packets(mqtt_client_t *client)
+{
+    if (!client) {
+        LOG_WARN("[QoS_CLEAN] 清理客户端: %s", "null");
+        LOG_WARN("[QoS] 清理客户端报文失败：客户端为空");
+        return;
+    }
+    const client_id_text id = id_of(*client);
+    LOG_WARN("[QoS_CLEAN] 清理客户端: %s", id.text);
+    int removed;
+    {
+        ScopedLock lock(g_queue_mutex);
+        removed = qos::remove_all_of(client);
+    }
+    LOG_INFO("[QoS] 清理客户端报文完成(client=%s)：共清理%d条", id.text, removed);
+}

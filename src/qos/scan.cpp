@@ -1,0 +1,261 @@
+// scan.cpp - retransmission with a doubling interval, expiry, and the two threads that drive both.
+#include "../base/alarm.h"
+#include "../base/clock.h"
+#include "../base/memory.h"
+#include "../base/text.h"
+#include "../base/thread.h"
+#include "../client/client_ref.h"
+#include "../codec/codec_text.h"
+#include "../codec/mqtt_codec.h"
+#include "../log/log.h"
+#include "qos_internal.h"
+
+#include <cstring>
+
+using namespace tarn;
+
+uint8_t   g_scan_running = 0;
+pthread_t g_scan_thread  = 0;
+
+namespace tarn::qos {
+namespace {
+
+constexpr uint64_t kFullWalkPeriod_ms = 500; // an entry edited by hand is noticed after this time at the latest
+constexpr uint64_t kSharedTurn_ms     = 50;  // a scan thread leaves out its turn when the other one had it just now
+constexpr uint64_t kNever             = UINT64_MAX;
+
+constinit uint64_t g_next_due_ms GUARDED_BY(g_queue_mutex) = kNever;
+constinit uint64_t g_last_walk_ms                          = 0; // relaxed
+constinit uint64_t g_last_turn_ms                          = 0; // relaxed
+
+struct Outcome {
+    int resent  = 0;
+    int dropped = 0;
+};
+
+bool has_expired(const qos_packet_t &entry, uint64_t now_ms)
+{
+    return entry.expiry_s != 0 && entry.create_ms + uint64_t{entry.expiry_s} * 1000 <= now_ms;
+}
+
+uint64_t due_at(const qos_packet_t &entry)
+{
+    const uint64_t expires_ms = entry.expiry_s ? entry.create_ms + uint64_t{entry.expiry_s} * 1000 : kNever;
+    if (entry.qos2_state >= QOS2_PUBREL_SENT)
+        return expires_ms; // waits for the client
+    const uint64_t retry_ms = entry.last_send_ms + entry.retry_interval_ms + 1;
+    return retry_ms < expires_ms ? retry_ms : expires_ms;
+}
+
+// What is due for the entry that `link` points to. True when it was dropped.
+bool settle(qos_packet_t **link, uint64_t now_ms, Outcome &outcome) REQUIRES(g_queue_mutex)
+{
+    qos_packet_t &entry = **link;
+    if (has_expired(entry, now_ms)) {
+        LOG_WARN("[QoS/Expiry] 消息已过期，自动丢弃: msg_id=%u, topic=%s", entry.msg_id, entry.topic);
+    } else {
+        if (entry.qos2_state == QOS2_PUBREL_SENT || entry.qos2_state == QOS2_PUBCOMP_SENT)
+            return false;
+        if (elapsed(now_ms, entry.last_send_ms) <= entry.retry_interval_ms)
+            return false;
+        if (entry.retry_count < QOS_RETRIES_MAX) {
+            outcome.resent += send_packet(&entry, now_ms) == 0;
+            return false;
+        }
+        LOG_ERROR("[QoS] 报文重试次数超限(msg_id=%d)，丢弃", entry.msg_id);
+    }
+    remove_at(link);
+    ++outcome.dropped;
+    return true;
+}
+
+Outcome walk(uint64_t now_ms) REQUIRES(g_queue_mutex)
+{
+    Outcome  outcome;
+    uint64_t next_due_ms = kNever;
+    for (qos_packet_t **link = &g_pending_queue; *link;) {
+        if (settle(link, now_ms, outcome))
+            continue;
+        if (const uint64_t due_ms = due_at(**link); due_ms < next_due_ms)
+            next_due_ms = due_ms;
+        link = &(*link)->next;
+    }
+    g_next_due_ms = next_due_ms;
+    return outcome;
+}
+
+// ---- the scan threads
+
+struct ScanThread {
+    pthread_t   handle;
+    ScanThread *next;
+};
+constinit Mutex       g_threads_mx{};
+constinit ScanThread *g_threads GUARDED_BY(g_threads_mx) = nullptr;
+constinit Alarm       g_end_of_scanning;
+
+void *scan_queue_thread(void *)
+{
+    LOG_DEBUG("[QoS] 队列扫描线程启动");
+    while (peek(g_scan_running)) {
+        scan_turn(mono_ms());
+        g_end_of_scanning.pause_while(g_scan_running, QOS_SCAN_PERIOD_MS);
+    }
+    LOG_DEBUG("[QoS] 队列扫描线程退出");
+    return nullptr;
+}
+
+// 0 or the errno value.
+int begin_scan_thread()
+{
+    owned<ScanThread> thread = allocate<ScanThread>(1);
+    if (!thread)
+        return ENOMEM;
+    if (const int error = start_thread(&thread[0].handle, "tarn-qos-scan", scan_queue_thread, nullptr))
+        return error;
+    ScopedLock lock(g_threads_mx);
+    poke(g_scan_thread, thread[0].handle);
+    thread[0].next = g_threads;
+    g_threads      = thread.release();
+    return 0;
+}
+
+} // namespace
+
+int send_packet(qos_packet_t *entry, uint64_t now_ms)
+{
+    mqtt_client_t *const client = entry->client;
+    LOG_DEBUG("[QoS_SEND] msg_id=%d, client=%s", entry->msg_id, client ? id_of(*client).text : "null");
+    if (!client) {
+        LOG_ERROR("[QoS] 重发报文参数错误：pkt/客户端为空");
+        return -1;
+    }
+    if (entry->payload_len < 1 || entry->payload_len > QOS_PAYLOAD_MAX) {
+        LOG_ERROR("[QoS] 重发报文参数错误：payload为空/长度超限（最大支持%d字节，当前%d字节）", QOS_PAYLOAD_MAX,
+                  static_cast<int>(entry->payload_len));
+        return -1;
+    }
+    if (peek(client->codec.version) == 0) {
+        LOG_ERROR("[QoS] 重发报文失败：客户端编解码上下文未初始化(client=%s)", id_of(*client).text);
+        return -1;
+    }
+
+    // QUIRK(first-retry-without-dup): DUP is set from the second retransmission on; [MQTT-3.3.1-1] wants it on every
+    // one. The first repeat of an offline message is its first transmission, and both share this path.
+    //   test: scan.the_first_retransmission_carries_dup_0_and_later_ones_dup_1
+    mqtt_publish_para_t message;
+    memset(&message, 0, sizeof message);
+    copy_text(message.topic, entry->topic, sizeof entry->topic - 1);
+    memcpy(message.payload, entry->payload, entry->payload_len);
+    message.payload_len = entry->payload_len;
+    message.msg_id      = entry->msg_id;
+    message.qos         = entry->qos;
+    message.dup         = entry->dup;
+
+    int                  size   = static_cast<int>(entry->payload_len) + QOS_ENCODE_EXTRA;
+    const owned<uint8_t> packet = allocate<uint8_t>(static_cast<size_t>(size));
+    if (!packet) {
+        LOG_ERROR("[QoS] 重发报文失败：分配发送缓冲区失败（需要%d字节）", size);
+        return -1;
+    }
+    if (const int code = mqtt_codec_encode_publish(&client->codec, &message, packet.get(), &size); code != CODEC_OK) {
+        LOG_ERROR("[QoS] 重发报文失败(msg_id=%d)：编码错误（错误码：%d，描述：%s）", entry->msg_id, code,
+                  codec::error_text(code));
+        return -1;
+    }
+    if (const uint32_t result = client_send(client, packet.get(), size); result != 0) {
+        LOG_ERROR("[QoS] 重发报文失败(msg_id=%d)：发送错误（返回码：%d）", entry->msg_id, static_cast<int>(result));
+        return -1;
+    }
+
+    entry->dup          = 1;
+    entry->last_send_ms = now_ms;
+    ++entry->retry_count;
+    entry->retry_interval_ms =
+        entry->retry_interval_ms < QOS_MAX_RETRY_MS / 2 ? entry->retry_interval_ms * 2 : uint32_t{QOS_MAX_RETRY_MS};
+    LOG_INFO("[QoS] 重发QoS%d报文成功(msg_id=%d)，重试次数=%d，下次间隔=%dms，载荷长度=%d", entry->qos, entry->msg_id,
+             static_cast<int>(entry->retry_count), static_cast<int>(entry->retry_interval_ms),
+             static_cast<int>(entry->payload_len));
+    return 0;
+}
+
+void note_due(uint64_t due_ms)
+{
+    if (due_ms < g_next_due_ms)
+        g_next_due_ms = due_ms;
+}
+
+void scan(uint64_t now_ms)
+{
+    Outcome outcome;
+    {
+        ScopedLock lock(g_queue_mutex);
+        poke(g_last_walk_ms, now_ms);
+        outcome = walk(now_ms);
+    }
+    if (outcome.resent || outcome.dropped)
+        LOG_DEBUG("[QoS] 队列扫描完成：重发%d条，丢弃%d条", outcome.resent, outcome.dropped);
+}
+
+void scan_turn(uint64_t now_ms)
+{
+    if (elapsed(now_ms, peek(g_last_turn_ms)) < kSharedTurn_ms)
+        return;
+    poke(g_last_turn_ms, now_ms);
+    {
+        ScopedLock lock(g_queue_mutex);
+        const bool nothing_due = now_ms < g_next_due_ms && elapsed(now_ms, peek(g_last_walk_ms)) < kFullWalkPeriod_ms;
+        if (!g_pending_queue || nothing_due)
+            return;
+    }
+    scan(now_ms);
+}
+
+void end_scan_threads()
+{
+    poke(g_scan_running, 0);
+    g_end_of_scanning.ring();
+    ScanThread *threads;
+    {
+        ScopedLock lock(g_threads_mx);
+        threads       = g_threads;
+        g_threads     = nullptr;
+    }
+    while (ScanThread *const thread = threads) {
+        threads = thread->next;
+        finish_thread(thread->handle);
+        free(thread);
+    }
+}
+
+} // namespace tarn::qos
+
+void qos_reliable_scan_queue(void)
+{
+    qos::scan(mono_ms());
+}
+
+int qos_reliable_init(void)
+{
+    poke(g_scan_running, 1);
+    if (const int error = qos::begin_scan_thread()) {
+        LOG_ERROR("[QoS] 创建扫描线程失败，Linux错误码：%d（描述：%s）", error, strerror(error));
+        poke(g_scan_running, 0);
+        return -1;
+    }
+    LOG_INFO("[QoS] 可靠投递模块初始化成功");
+    return 0;
+}
+
+void qos_reliable_destroy(void)
+{
+    poke(g_scan_running, 0);
+    LOG_DEBUG("[QoS] 开始销毁可靠投递模块");
+    qos::end_scan_threads();
+    int removed;
+    {
+        ScopedLock lock(g_queue_mutex);
+        removed = qos::remove_all();
+    }
+    LOG_INFO("[QoS] 可靠投递模块已销毁，共清理%d条未完成报文", removed);
+}

@@ -1,0 +1,191 @@
+#include "qos_fixture.h"
+
+using namespace tarn::test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TEST(add, fills_an_entry_and_puts_it_first)
+{
+    ManualClock clock;
+    RingClient  client;
+    LogCapture  log;
+    ASSERT_EQ(add(client, 7, 1, "a/b", "hello"), 0);
+    clock.advance_ms(5);
+    ASSERT_EQ(add(client, 8, 2), 0);
+    EXPECT_THAT(log.take(), ElementsAre(debug("[QoS] 添加QoS1报文到队列成功(msg_id=7, client=dev1, 载荷长度=5)"),
+                                        debug("[QoS] 添加QoS2报文到队列成功(msg_id=8, client=dev1, 载荷长度=1)")));
+
+    const qos_packet_t *newest = g_pending_queue;
+    EXPECT_EQ(newest->msg_id, 8);
+    EXPECT_EQ(newest->qos2_state, 1u);
+    const qos_packet_t *entry = newest->next;
+    EXPECT_EQ(entry->next, nullptr);
+    EXPECT_EQ(entry->msg_id, 7);
+    EXPECT_EQ(entry->qos, 1);
+    EXPECT_STREQ(entry->topic, "a/b");
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(entry->payload), entry->payload_len), "hello");
+    EXPECT_EQ(entry->dup, 0);
+    EXPECT_EQ(entry->last_send_ms, 1000000u);
+    EXPECT_EQ(entry->create_ms, 1000000u);
+    EXPECT_EQ(entry->retry_count, 0u);
+    EXPECT_EQ(entry->retry_interval_ms, 1000u);
+    EXPECT_EQ(entry->qos2_state, 0u);
+    EXPECT_EQ(entry->client, static_cast<mqtt_client_t *>(client));
+    EXPECT_EQ(entry->expiry_s, 0u);
+}
+
+TEST(add, refuses_in_this_order)
+{
+    RingClient        client;
+    const std::string big(2049, 'x');
+    LogCapture        log;
+    EXPECT_EQ(qos_reliable_add_packet(nullptr, 1, 9, nullptr, nullptr, 0), -1);
+    EXPECT_EQ(qos_reliable_add_packet(client, 1, 9, nullptr, nullptr, 0), -1);
+    EXPECT_EQ(qos_reliable_add_packet(client, 1, 9, "", nullptr, 0), -1);
+    EXPECT_EQ(qos_reliable_add_packet(client, 1, 9, "t", nullptr, 1), -1);
+    EXPECT_EQ(qos_reliable_add_packet(client, 1, 9, "t", "x", 0), -1);
+    EXPECT_EQ(qos_reliable_add_packet(client, 1, 9, "t", big.data(), 2049), -1);
+    EXPECT_EQ(qos_reliable_add_packet(client, 1, 0, "t", "x", 1), -1);
+    EXPECT_EQ(qos_reliable_add_packet(client, 1, 3, "t", "x", 1), -1);
+    EXPECT_THAT(log.take(),
+                ElementsAre(error("[QoS] 添加报文参数错误：客户端为空"), error("[QoS] 添加报文参数错误：主题为空"),
+                            error("[QoS] 添加报文参数错误：主题为空"), error("[QoS] 添加报文参数错误：payload为空"),
+                            error("[QoS] 添加报文参数错误：payload为空"),
+                            error("[QoS] 添加报文参数错误：payload长度超限（最大2048字节，当前2049字节）"),
+                            error("[QoS] 添加报文参数错误：QoS非法（仅支持1/2，当前0）"),
+                            error("[QoS] 添加报文参数错误：QoS非法（仅支持1/2，当前3）")));
+    EXPECT_EQ(qos_reliable_add_packet(client, 1, 1, "t", big.data(), 2048), 0);
+    EXPECT_EQ(pending_count(), 1);
+}
+
+TEST(add, cuts_the_topic_at_255_characters)
+{
+    RingClient        client;
+    const std::string topic(300, 't');
+    ASSERT_EQ(add(client, 1, 1, topic.c_str()), 0);
+    EXPECT_EQ(strlen(g_pending_queue->topic), 255u);
+}
+
+TEST(add, takes_1000_entries_of_one_client)
+{
+    RingClient client, other("dev2");
+    LogCapture log(3);
+    for (int i = 1; i <= 1000; ++i)
+        ASSERT_EQ(add(client, static_cast<uint16_t>(i)), 0);
+    EXPECT_EQ(add(client, 1001), -1);
+    EXPECT_THAT(log.take(), ElementsAre(error("[QoS] 客户端未完成队列已满(client=dev1)，最大支持1000条，当前1000条")));
+    EXPECT_EQ(add(other, 1), 0);
+    qos_reliable_handle_ack(client, 500, 4);
+    EXPECT_EQ(add(client, 1001), 0);
+}
+
+TEST(add, names_the_allocation_that_failed)
+{
+    RingClient client;
+    LogCapture log;
+    {
+        Fail fail(Call::Allocate, 1);
+        EXPECT_EQ(add(client, 1), -1);
+    }
+    {
+        Fail fail(Call::Allocate, 2);
+        EXPECT_EQ(add(client, 1, 1, "t", "hello"), -1);
+    }
+    EXPECT_THAT(log.take(), ElementsAre(error("[QoS] 添加报文失败：分配报文节点内存失败"),
+                                        error("[QoS] 添加报文失败：分配payload内存失败（需要5字节）")));
+    EXPECT_EQ(g_pending_queue, nullptr);
+    Fail fail(Call::Allocate, 3); // the count of this client: the list does without
+    EXPECT_EQ(add(client, 1), 0);
+    EXPECT_EQ(add(client, 2), 0);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 1, 4), 0);
+    EXPECT_EQ(pending_count(), 1);
+}
+
+TEST(clean, drops_the_entries_of_one_client)
+{
+    RingClient client, other("dev2");
+    for (const uint16_t id : {1, 2, 3}) {
+        add(client, id);
+        add(other, id);
+    }
+    LogCapture log;
+    qos_reliable_clean_client_packets(client);
+    EXPECT_THAT(log.take(), ElementsAre(warn("[QoS_CLEAN] 清理客户端: dev1"),
+                                        info("[QoS] 清理客户端报文完成(client=dev1)：共清理3条")));
+    EXPECT_EQ(pending_count(), 3);
+    qos_reliable_clean_client_packets(client);
+    qos_reliable_clean_client_packets(nullptr);
+    EXPECT_THAT(log.take(), ElementsAre(warn("[QoS_CLEAN] 清理客户端: dev1"),
+                                        info("[QoS] 清理客户端报文完成(client=dev1)：共清理0条"),
+                                        warn("[QoS_CLEAN] 清理客户端: null"),
+                                        warn("[QoS] 清理客户端报文失败：客户端为空")));
+}
+
+TEST(list, edited_by_hand_is_taken_literally)
+{
+    RingClient client, other("dev2");
+    add(client, 1);
+    add(client, 2);
+    auto *const own = static_cast<qos_packet_t *>(calloc(1, sizeof(qos_packet_t)));
+    own->msg_id     = 9;
+    own->qos        = 1;
+    own->client     = other;
+    own->payload    = static_cast<uint8_t *>(malloc(1));
+    own->next       = g_pending_queue;
+    g_pending_queue = own;
+
+    EXPECT_EQ(add(client, 3), 0);
+    EXPECT_EQ(qos_reliable_handle_ack(other, 9, 4), 0);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 1, 4), 0);
+    EXPECT_EQ(pending_count(), 2);
+    qos_reliable_clean_client_packets(client);
+    EXPECT_EQ(g_pending_queue, nullptr);
+    EXPECT_EQ(add(client, 4), 0);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 4, 4), 0);
+}
+
+// The same identifier may be queued twice; the newer one is found first.
+TEST(list, finds_the_newest_of_one_identifier)
+{
+    RingClient client;
+    add(client, 5, 1, "old");
+    add(client, 5, 1, "new");
+    qos_reliable_handle_ack(client, 5, 4);
+    ASSERT_EQ(pending_count(), 1);
+    EXPECT_STREQ(g_pending_queue->topic, "old");
+}
+
+TEST(list, random_adds_acks_and_cleans_leave_what_a_plain_list_leaves)
+{
+    std::vector<std::unique_ptr<RingClient>>            clients;
+    std::vector<std::pair<mqtt_client_t *, uint16_t>>   model; // newest last
+    LogCapture                                          log(4);
+    unsigned                                            seed = 1;
+    for (int i = 0; i < 7; ++i)
+        clients.push_back(std::make_unique<RingClient>());
+    for (int step = 0; step < 20000; ++step) {
+        mqtt_client_t *const client = *clients[static_cast<size_t>(rand_r(&seed)) % clients.size()];
+        const auto           id     = static_cast<uint16_t>(rand_r(&seed) % 40 + 1);
+        const int            choice = rand_r(&seed) % 100;
+        if (choice < 55) {
+            add(client, id);
+            model.emplace_back(client, id);
+        } else if (choice < 98) {
+            const bool found = qos_reliable_handle_ack(client, id, 4) == 0;
+            const auto at    = std::find(model.rbegin(), model.rend(), std::pair{client, id});
+            ASSERT_EQ(found, at != model.rend());
+            if (found)
+                model.erase(std::next(at).base());
+        } else {
+            qos_reliable_clean_client_packets(client);
+            std::erase_if(model, [&](const auto &entry) { return entry.first == client; });
+        }
+    }
+    const qos_packet_t *entry = g_pending_queue;
+    for (auto at = model.rbegin(); at != model.rend(); ++at, entry = entry->next) {
+        ASSERT_NE(entry, nullptr);
+        ASSERT_EQ(entry->client, at->first);
+        ASSERT_EQ(entry->msg_id, at->second);
+    }
+    EXPECT_EQ(entry, nullptr);
+}

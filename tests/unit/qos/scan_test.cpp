@@ -1,0 +1,236 @@
+#include "qos/qos_internal.h"
+#include "qos_fixture.h"
+
+#include <thread>
+
+using namespace tarn::test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+std::vector<LogLine> own(LogCapture &log)
+{
+    std::vector<LogLine> lines = log.take();
+    std::erase_if(lines, [](const LogLine &line) { return line.text.rfind("[QoS", 0) != 0; });
+    return lines;
+}
+
+} // namespace
+
+TEST(scan, the_first_retransmission_carries_dup_0_and_later_ones_dup_1)
+{
+    ManualClock clock;
+    RingClient  client;
+    LogCapture  log(1);
+    add(client, 7, 1, "t", "x");
+    struct Step {
+        int64_t     after_ms;
+        const char *packet;
+        int         count, next_ms;
+    };
+    for (const Step &step : {Step{1001, "32 06 00 01 't' 00 07 'x'", 1, 2000}, {2001, "3A 06 00 01 't' 00 07 'x'", 2, 4000},
+                             {4001, "3A 06 00 01 't' 00 07 'x'", 3, 8000}, {8001, "3A 06 00 01 't' 00 07 'x'", 4, 16000},
+                             {16001, "3A 06 00 01 't' 00 07 'x'", 5, 30000}}) {
+        clock.advance_ms(step.after_ms - 1);
+        qos_reliable_scan_queue();
+        EXPECT_THAT(client.take(), IsEmpty()) << "not before the interval is over";
+        clock.advance_ms(1);
+        qos_reliable_scan_queue();
+        EXPECT_THAT(client.take(), ElementsAre(wire(step.packet)));
+        EXPECT_THAT(own(log), ElementsAre(info("[QoS] 重发QoS1报文成功(msg_id=7)，重试次数=" + std::to_string(step.count) +
+                                               "，下次间隔=" + std::to_string(step.next_ms) + "ms，载荷长度=1")));
+    }
+    clock.advance_ms(30000);
+    qos_reliable_scan_queue();
+    EXPECT_EQ(pending_count(), 1);
+    clock.advance_ms(1);
+    qos_reliable_scan_queue();
+    EXPECT_THAT(own(log), ElementsAre(error("[QoS] 报文重试次数超限(msg_id=7)，丢弃")));
+    EXPECT_EQ(g_pending_queue, nullptr);
+    EXPECT_THAT(client.take(), IsEmpty());
+}
+
+TEST(scan, traces_what_it_sent_and_dropped)
+{
+    ManualClock clock;
+    RingClient  client;
+    add(client, 1);
+    add(client, 2);
+    g_pending_queue->retry_count = 5;
+    clock.advance_ms(1001);
+    LogCapture log;
+    qos_reliable_scan_queue();
+    EXPECT_THAT(own(log), ElementsAre(error("[QoS] 报文重试次数超限(msg_id=2)，丢弃"), debug("[QoS_SEND] msg_id=1, client=dev1"),
+                                      info("[QoS] 重发QoS1报文成功(msg_id=1)，重试次数=1，下次间隔=2000ms，载荷长度=1"),
+                                      debug("[QoS] 队列扫描完成：重发1条，丢弃1条")));
+    qos_reliable_scan_queue();
+    EXPECT_THAT(own(log), IsEmpty());
+}
+
+TEST(scan, drops_an_expired_entry_in_any_state)
+{
+    ManualClock clock;
+    RingClient  client;
+    add(client, 9, 2, "a/b");
+    qos_reliable_set_packet_expiry(client, 9, 5);
+    qos_reliable_handle_ack(client, 9, 5);
+    clock.advance_ms(4999);
+    qos_reliable_scan_queue();
+    ASSERT_EQ(pending_count(), 1);
+    clock.advance_ms(1);
+    LogCapture log(1);
+    qos_reliable_scan_queue();
+    EXPECT_THAT(log.take(), ElementsAre(warn("[QoS/Expiry] 消息已过期，自动丢弃: msg_id=9, topic=a/b")));
+    EXPECT_EQ(g_pending_queue, nullptr);
+}
+
+TEST(scan, leaves_qos_2_alone_once_pubrec_came)
+{
+    ManualClock clock;
+    RingClient  client;
+    add(client, 9, 2);
+    for (const uint32_t state : {2u, 3u}) {
+        g_pending_queue->qos2_state  = state;
+        g_pending_queue->retry_count = 9;
+        clock.advance_ms(3600000);
+        qos_reliable_scan_queue();
+        EXPECT_EQ(pending_count(), 1);
+        EXPECT_THAT(client.take(), IsEmpty());
+    }
+}
+
+TEST(scan, an_expiry_of_136_years_does_not_wrap)
+{
+    ManualClock clock;
+    RingClient  client;
+    add(client, 9);
+    qos_reliable_set_packet_expiry(client, 9, 0xFFFFFFFF);
+    clock.advance_ms(2000);
+    qos_reliable_scan_queue();
+    EXPECT_EQ(pending_count(), 1);
+}
+
+TEST(scan, tries_an_entry_again_that_could_not_be_sent)
+{
+    ManualClock clock;
+    RingClient  client;
+    add(client, 9);
+    client->state = CLIENT_CLOSED;
+    clock.advance_ms(1001);
+    LogCapture log(1);
+    qos_reliable_scan_queue();
+    qos_reliable_scan_queue();
+    EXPECT_THAT(own(log), ElementsAre(error("[QoS] 重发报文失败(msg_id=9)：发送错误（返回码：-1）"),
+                                      error("[QoS] 重发报文失败(msg_id=9)：发送错误（返回码：-1）")));
+    EXPECT_EQ(g_pending_queue->retry_count, 0u);
+    client->state = CLIENT_LOGINED;
+    qos_reliable_scan_queue();
+    EXPECT_EQ(client.take().size(), 1u);
+}
+
+TEST(scan, refuses_edited_entries_with_their_lines)
+{
+    ManualClock clock;
+    RingClient  client;
+    add(client, 9);
+    clock.advance_ms(1001);
+    LogCapture log(1);
+    g_pending_queue->client = nullptr;
+    qos_reliable_scan_queue();
+    g_pending_queue->client      = client;
+    g_pending_queue->payload_len = 0;
+    qos_reliable_scan_queue();
+    g_pending_queue->payload_len = 2049;
+    qos_reliable_scan_queue();
+    g_pending_queue->payload_len = 1;
+    client->codec.version        = 0;
+    qos_reliable_scan_queue();
+    client->codec.version = 4;
+    {
+        Fail fail(Call::Allocate, 1);
+        qos_reliable_scan_queue();
+    }
+    g_pending_queue->msg_id = 0;
+    qos_reliable_scan_queue();
+    EXPECT_THAT(own(log),
+                ElementsAre(error("[QoS] 重发报文参数错误：pkt/客户端为空"),
+                            error("[QoS] 重发报文参数错误：payload为空/长度超限（最大支持2048字节，当前0字节）"),
+                            error("[QoS] 重发报文参数错误：payload为空/长度超限（最大支持2048字节，当前2049字节）"),
+                            error("[QoS] 重发报文失败：客户端编解码上下文未初始化(client=dev1)"),
+                            error("[QoS] 重发报文失败：分配发送缓冲区失败（需要267字节）"),
+                            error("[QoS] 重发报文失败(msg_id=0)：编码错误（错误码：-1，描述：参数非法）")));
+}
+
+// The scan threads leave out the walk while nothing can be due, but never for longer than half a second.
+TEST(scan, a_turn_with_nothing_due_walks_twice_a_second)
+{
+    ManualClock clock;
+    RingClient  client;
+    add(client, 9);
+    qos_reliable_scan_queue();
+    g_pending_queue->last_send_ms -= 5000; // by hand: due now
+    clock.advance_ms(400);
+    tarn::qos::scan_turn(clock.mono_ms());
+    EXPECT_THAT(client.take(), IsEmpty());
+    clock.advance_ms(100);
+    tarn::qos::scan_turn(clock.mono_ms());
+    EXPECT_EQ(client.take().size(), 1u);
+}
+
+TEST(scan, a_turn_just_after_another_threads_turn_is_left_out)
+{
+    ManualClock clock;
+    RingClient  client;
+    add(client, 9);
+    clock.advance_ms(990);
+    tarn::qos::scan_turn(clock.mono_ms());
+    clock.advance_ms(11);
+    tarn::qos::scan_turn(clock.mono_ms());
+    EXPECT_THAT(client.take(), IsEmpty());
+    clock.advance_ms(39);
+    tarn::qos::scan_turn(clock.mono_ms());
+    EXPECT_EQ(client.take().size(), 1u);
+}
+
+TEST(threads, two_run_over_one_queue_and_both_end)
+{
+    LogCapture log(1);
+    ASSERT_EQ(qos_reliable_init(), 0);
+    const pthread_t first = g_scan_thread;
+    ASSERT_EQ(qos_reliable_init(), 0);
+    EXPECT_NE(first, g_scan_thread);
+    EXPECT_EQ(g_scan_running, 1);
+    RingClient client;
+    add(client, 1);
+    qos_reliable_destroy();
+    EXPECT_EQ(g_scan_running, 0);
+    EXPECT_EQ(g_pending_queue, nullptr);
+    qos_reliable_destroy();
+    EXPECT_THAT(own(log), ElementsAre(info("[QoS] 可靠投递模块初始化成功"), info("[QoS] 可靠投递模块初始化成功"),
+                                      info("[QoS] 可靠投递模块已销毁，共清理1条未完成报文"),
+                                      info("[QoS] 可靠投递模块已销毁，共清理0条未完成报文")));
+}
+
+TEST(threads, a_thread_that_cannot_be_made_ends_the_module)
+{
+    LogCapture log(1);
+    Fail       fail(Call::ThreadCreate, 1, 11 /* EAGAIN */);
+    EXPECT_EQ(qos_reliable_init(), -1);
+    EXPECT_EQ(g_scan_running, 0);
+    EXPECT_THAT(log.take(), ElementsAre(error("[QoS] 创建扫描线程失败，Linux错误码：11（描述：Resource temporarily unavailable）")));
+}
+
+TEST(threads, retransmit_by_themselves)
+{
+    RingClient client;
+    ASSERT_EQ(qos_reliable_init(), 0);
+    add(client, 1);
+    const auto start = std::chrono::steady_clock::now();
+    while (tarn::peek(client->send_tail) == 0 && std::chrono::steady_clock::now() - start < std::chrono::seconds(5))
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GT(took, std::chrono::milliseconds(950));
+    EXPECT_LT(took, std::chrono::seconds(5));
+    qos_reliable_destroy();
+}
