@@ -1,0 +1,46 @@
+// session_store.cpp - loading for the packet handler, into a record that is not on the stack.
+#include "session_store.h"
+
+#include "../base/memory.h"
+#include "../base/text.h"
+
+#include <cstring>
+#include <pthread.h>
+
+namespace tarn::persist {
+namespace {
+
+constinit pthread_once_t g_once = PTHREAD_ONCE_INIT;
+constinit pthread_key_t  g_key  = 0; // each thread's record, freed when it ends
+
+void make_key()
+{
+    pthread_key_create(&g_key, free);
+}
+
+} // namespace
+
+int load_session(persist_session_t *record, int *files_opened) noexcept
+{
+    *files_opened = 0;
+    return persist_load(record);
+}
+
+persist_session_t *scratch_session(const char *client_id) noexcept
+{
+    pthread_once(&g_once, make_key);
+    auto *record = static_cast<persist_session_t *>(pthread_getspecific(g_key));
+    if (!record) {
+        record = allocate_zeroed<persist_session_t>(1).release();
+        if (!record || pthread_setspecific(g_key, record) != 0) {
+            free(record);
+            return nullptr;
+        }
+    } else {
+        memset(record, 0, sizeof *record);
+    }
+    copy_text(record->client_id, client_id, sizeof record->client_id - 1);
+    return record;
+}
+
+} // namespace tarn::persist
