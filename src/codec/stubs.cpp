@@ -1,15 +1,7 @@
 #pragma GCC diagnostic ignored "-Wunused-parameter"
 // Weak stand-ins that let the whole library link while the modules are being written.
 #include "mqtt_codec.h"
-#include "codec_text.h"
 extern "C" {
-__attribute__((weak)) int mqtt_codec_ctx_init(mqtt_codec_ctx_t *ctx) { return {}; }
-__attribute__((weak)) uint32_t codec_encode_remaining_length(uint8_t *buf, uint32_t len) { return {}; }
-__attribute__((weak)) int codec_decode_remaining_length(const uint8_t *buf, int avail, uint32_t *consumed) { return {}; }
-__attribute__((weak)) int mqtt_codec_encode_connect(mqtt_codec_ctx_t *ctx, const mqtt_connect_para_t *para, uint8_t *buf, int *buf_len) { return {}; }
-__attribute__((weak)) int mqtt_codec_decode_connect(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_connect_para_t *para) { return {}; }
-__attribute__((weak)) int mqtt_codec_encode_connack(mqtt_codec_ctx_t *ctx, const mqtt_connack_para_t *para, uint8_t *buf, int *buf_len) { return {}; }
-__attribute__((weak)) int mqtt_codec_decode_connack(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_connack_para_t *para) { return {}; }
 __attribute__((weak)) int mqtt_codec_encode_publish(mqtt_codec_ctx_t *ctx, const mqtt_publish_para_t *para, uint8_t *buf, int *buf_len) { return {}; }
 __attribute__((weak)) int mqtt_codec_decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_publish_para_t *para) { return {}; }
 __attribute__((weak)) int mqtt_codec_encode_ack(mqtt_codec_ctx_t *ctx, int type, const mqtt_ack_para_t *para, uint8_t *buf, int *buf_len) { return {}; }
@@ -20,9 +12,4 @@ __attribute__((weak)) int mqtt_codec_encode_subscribe(mqtt_codec_ctx_t *ctx, con
 __attribute__((weak)) int mqtt_codec_decode_subscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_subscribe_para_t *para) { return {}; }
 __attribute__((weak)) int mqtt_codec_encode_unsubscribe(mqtt_codec_ctx_t *ctx, const mqtt_unsubscribe_para_t *para, uint8_t *buf, int *buf_len) { return {}; }
 __attribute__((weak)) int mqtt_codec_decode_unsubscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_unsubscribe_para_t *para) { return {}; }
-__attribute__((weak)) int mqtt_codec_encode_disconnect(mqtt_codec_ctx_t *ctx, const mqtt_disconnect_para_t *para, uint8_t *buf, int *buf_len) { return {}; }
-__attribute__((weak)) int mqtt_codec_decode_disconnect(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_disconnect_para_t *para) { return {}; }
-}
-namespace tarn::codec {
-__attribute__((weak)) const char *error_text(int) noexcept { return ""; }
 }

@@ -51,6 +51,24 @@ public:
         pos_ += 4;
         return true;
     }
+    // A big-endian number of 1, 2 or 4 bytes.
+    [[nodiscard]] bool number(int width, uint32_t &value)
+    {
+        if (!has(width))
+            return false;
+        value = 0;
+        for (int i = 0; i < width; ++i)
+            value = value << 8 | packet_[pos_++];
+        return true;
+    }
+    // Characters into an array with room for the terminator, too.
+    [[nodiscard]] bool text(char *to, int count)
+    {
+        if (!bytes(to, count))
+            return false;
+        to[count] = '\0';
+        return true;
+    }
     [[nodiscard]] bool bytes(void *to, int count)
     {
         if (!has(count))
