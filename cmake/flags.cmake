@@ -11,15 +11,21 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(tarn_flags INTERFACE -Wthread-safety)
 endif()
 
+# The library takes packets from anyone who reaches its port: a mistake in it should end the process, not serve the
+# attacker. The sanitizers need the plain code.
 if(TARN_SANITIZE)
   target_compile_options(tarn_flags INTERFACE -fsanitize=${TARN_SANITIZE} -fno-sanitize-recover=all -g)
   target_link_options(tarn_flags INTERFACE -fsanitize=${TARN_SANITIZE})
-  target_compile_definitions(tarn_flags INTERFACE TARN_SANITIZED="${TARN_SANITIZE}")
+  target_compile_definitions(tarn_flags INTERFACE TARN_SANITIZED="${TARN_SANITIZE}" _GLIBCXX_ASSERTIONS)
 elseif(CMAKE_BUILD_TYPE MATCHES "Rel")
-  target_compile_definitions(tarn_flags INTERFACE _FORTIFY_SOURCE=2)
+  # Some compilers come with a level of their own built in, hence -U.
+  target_compile_options(tarn_flags INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-clash-protection)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64|i.86")
+    target_compile_options(tarn_flags INTERFACE -fcf-protection)
+  endif()
 endif()
 if(TARN_COVERAGE)
-  target_compile_options(tarn_flags INTERFACE --coverage)
+  target_compile_options(tarn_flags INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(tarn_flags INTERFACE --coverage)
 endif()
 

@@ -4,7 +4,7 @@
 #ifndef TARN_API_BROKER_H
 #define TARN_API_BROKER_H
 
-#include "../../include/tarn_sdk_mqtt_broker.h"
+#include <tarn_sdk_mqtt_broker.h>
 #include "../base/export.h"
 
 TARN_API_BEGIN

@@ -1,0 +1,32 @@
+// options.h - the command line of tarn-broker.
+#ifndef TARN_BROKER_OPTIONS_H
+#define TARN_BROKER_OPTIONS_H
+
+#include <cstdint>
+#include <string>
+
+namespace tarn::broker {
+
+struct Options {
+    uint32_t log_level       = 2; // 0 debug .. 3 error
+    int32_t  keepalive_s     = 300;
+    int32_t  max_packet_size = 4096; // bytes
+    int32_t  max_clients     = 5000;
+};
+
+enum class Wish { Serve, Help, Version };
+
+struct CommandLine {
+    Wish        wish = Wish::Serve;
+    Options     options;
+    std::string error; // what is wrong with it; empty when nothing is
+};
+
+// The first --help or --version ends the reading, and so does the first mistake.
+CommandLine read_command_line(int argc, char *const *argv);
+
+extern const char *const kHelp;
+
+} // namespace tarn::broker
+
+#endif
