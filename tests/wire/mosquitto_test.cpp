@@ -1,0 +1,103 @@
+// The stock command line clients, at level 4 and every QoS, both ways.
+#include "support/broker_process.h"
+#include "support/peer.h"
+
+#include <gtest/gtest.h>
+
+using namespace tarn::test;
+
+namespace {
+
+struct mosquitto : testing::TestWithParam<int> {
+    void SetUp() override
+    {
+        if (Child("which", {"sh", "-c", "command -v mosquitto_pub mosquitto_sub stdbuf"}).wait(kLimit_ms) != 0)
+            GTEST_SKIP() << "no mosquitto_pub, mosquitto_sub and stdbuf here";
+    }
+    std::string   qos    = std::to_string(GetParam());
+    BrokerProcess broker = BrokerProcess::start();
+};
+
+// Subscribed when this returns.
+Child subscriber(const std::string &id, std::vector<std::string> options)
+{
+    std::vector<std::string> command = {"stdbuf", "-oL", "mosquitto_sub", "-d", "-V", "mqttv311", "-i", id};
+    command.insert(command.end(), options.begin(), options.end());
+    Child child(id, command);
+    EXPECT_TRUE(wait_until([&] { return child.output().find("Subscribed") != std::string::npos; })) << child.output();
+    return child;
+}
+
+void publish(std::vector<std::string> options)
+{
+    std::vector<std::string> command = {"mosquitto_pub", "-V", "mqttv311", "-i", "12345678901234567890123"};
+    command.insert(command.end(), options.begin(), options.end());
+    Child child("pub", command);
+    EXPECT_EQ(child.wait(kLimit_ms), 0) << child.errors();
+}
+
+bool printed(const Child &child, const std::string &line)
+{
+    return ("\n" + child.output()).find("\n" + line + "\n") != std::string::npos;
+}
+
+} // namespace
+
+TEST_P(mosquitto, from_one_to_the_other)
+{
+    Child sub = subscriber("sub", {"-t", "t/#", "-q", qos, "-v", "-C", "2"});
+    publish({"-t", "t/1", "-m", "hello", "-q", qos});
+    publish({"-t", "t/2", "-m", "world", "-q", qos});
+    EXPECT_EQ(sub.wait(kLimit_ms), 0);
+    EXPECT_TRUE(printed(sub, "t/1 hello") && printed(sub, "t/2 world")) << sub.output();
+}
+
+TEST_P(mosquitto, many_messages_in_order)
+{
+    std::string lines;
+    Child       sub = subscriber("sub", {"-t", "t", "-q", qos, "-C", "60"});
+    for (int i = 100; i < 160; ++i)
+        lines += "message " + std::to_string(i) + "\\n";
+    Child pub("pub", {"sh", "-c", "printf '" + lines + "' | mosquitto_pub -V mqttv311 -i pub -t t -l -q " + qos});
+    EXPECT_EQ(pub.wait(kLimit_ms), 0) << pub.errors();
+    EXPECT_EQ(sub.wait(kLimit_ms), 0) << sub.output();
+    for (int i = 100; i < 160; ++i)
+        EXPECT_TRUE(printed(sub, "message " + std::to_string(i))) << i;
+}
+
+TEST_P(mosquitto, retained_and_deleted)
+{
+    publish({"-t", "r", "-m", "kept", "-q", qos, "-r"});
+    Child sub = subscriber("sub", {"-t", "r", "-q", qos, "-C", "1"});
+    EXPECT_EQ(sub.wait(kLimit_ms), 0);
+    EXPECT_TRUE(printed(sub, "kept")) << sub.output();
+    publish({"-t", "r", "-n", "-q", qos, "-r"});
+    Peer late = Peer::tcp();
+    late.connect_v4("late").subscribe("r");
+    late.ping();
+}
+
+TEST_P(mosquitto, with_a_plain_peer)
+{
+    Peer peer = Peer::tcp();
+    peer.connect_v4("peer").subscribe("up", static_cast<unsigned>(GetParam()));
+    publish({"-t", "up", "-m", "hello", "-q", qos});
+    peer.expect_publish("up", "hello", {.qos = static_cast<unsigned>(GetParam())});
+    Child sub = subscriber("sub", {"-t", "down", "-q", qos, "-C", "1"});
+    peer.publish("down", "wow", {.qos = static_cast<unsigned>(GetParam())});
+    EXPECT_EQ(sub.wait(kLimit_ms), 0);
+    EXPECT_TRUE(printed(sub, "wow")) << sub.output();
+}
+
+TEST_P(mosquitto, a_session_that_is_kept)
+{
+    if (GetParam() == 0)
+        GTEST_SKIP() << "at QoS 0 nothing is kept";
+    subscriber("keeper", {"-c", "-t", "t", "-q", qos, "-E"}).wait(kLimit_ms);
+    publish({"-t", "t", "-m", "hello", "-q", qos});
+    Child sub = subscriber("keeper", {"-c", "-t", "t", "-q", qos, "-C", "1"});
+    EXPECT_EQ(sub.wait(kLimit_ms), 0) << sub.output();
+    EXPECT_TRUE(printed(sub, "hello")) << sub.output();
+}
+
+INSTANTIATE_TEST_SUITE_P(qos, mosquitto, testing::Values(0, 1, 2));

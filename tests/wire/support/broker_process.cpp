@@ -1,0 +1,57 @@
+#include "broker_process.h"
+#include "timing.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <gtest/gtest.h>
+
+namespace tarn::test {
+namespace {
+
+std::vector<std::string> command(const BrokerOptions &options)
+{
+    std::vector<std::string> words = {TARN_BROKER_PROGRAM};
+    const auto               add   = [&](const char *name, const std::string &value) {
+        if (!value.empty() && value != "0")
+            words.insert(words.end(), {name, value});
+    };
+    const char *level = getenv("TARN_TEST_LOG_LEVEL"); // for a closer look at one test
+    add("--log-level", options.log_level.empty() && level ? level : options.log_level);
+    add("--keep-alive", std::to_string(options.keep_alive_s));
+    add("--max-packet-size", std::to_string(options.max_packet_size));
+    add("--max-clients", std::to_string(options.max_clients));
+    return words;
+}
+
+} // namespace
+
+BrokerProcess BrokerProcess::start(const BrokerOptions &options) { return BrokerProcess(options); }
+
+BrokerProcess::BrokerProcess(const BrokerOptions &options) : child_("broker", command(options))
+{
+    const auto serving = [&] { return child_.errors().find("tarn-broker: serving MQTT") != std::string::npos; };
+    wait_until([&] { return serving() || child_.ended(); });
+    EXPECT_TRUE(serving()) << "the broker does not start\n" << child_.errors() << child_.output();
+}
+
+BrokerProcess::~BrokerProcess()
+{
+    if (child_.running())
+        stop();
+    if (testing::Test::HasFailure())
+        printf("---- end of the broker's log\n%s%s----\n", tail(child_.output()).c_str(), tail(child_.errors()).c_str());
+}
+
+void BrokerProcess::stop()
+{
+    child_.signal(SIGTERM);
+    EXPECT_EQ(child_.wait(kLimit_ms), 0) << "the broker does not end well\n" << tail(child_.errors(), 200);
+}
+
+void BrokerProcess::crash()
+{
+    child_.signal(SIGKILL);
+    EXPECT_EQ(child_.wait(kLimit_ms), 128 + SIGKILL);
+}
+
+} // namespace tarn::test
