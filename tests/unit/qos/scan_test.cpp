@@ -1,3 +1,4 @@
+#include "base/relaxed.h"
 #include "qos/qos_internal.h"
 #include "qos_fixture.h"
 
