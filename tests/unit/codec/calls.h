@@ -29,6 +29,14 @@ inline std::string pointer(const void *p) // as a log line prints it
     return text;
 }
 
+// A record of zeroes, padding included, to compare bytewise.
+template <class Record> Record zeroed()
+{
+    Record record;
+    memset(&record, 0, sizeof record);
+    return record;
+}
+
 // A context that shows which of its words a call wrote.
 inline mqtt_codec_ctx_t context(uint32_t version) { return {version, 77, 78, {1, 2, 3, 4, 5, 6, 7, 8}}; }
 inline bool untouched(const mqtt_codec_ctx_t &ctx) { return ctx.last_packet_type == 77 && ctx.last_packet_len == 78; }
@@ -44,7 +52,7 @@ template <class Record> struct Decoded {
 
 // Decodes a copy whose end is the end of its heap block, into a record full of garbage.
 template <class Record>
-Decoded<Record> decode(int (*decoder)(mqtt_codec_ctx_t *, const uint8_t *, int *, Record *), const Bytes &packet,
+Decoded<Record> decode_with(int (*decoder)(mqtt_codec_ctx_t *, const uint8_t *, int *, Record *), const Bytes &packet,
                        uint32_t version, uint32_t log_level = 0)
 {
     Decoded<Record> out;
@@ -81,7 +89,7 @@ struct Encoded {
 
 // Encodes into a heap block of exactly `capacity` bytes that held garbage.
 template <class Record>
-Encoded encode(int (*encoder)(mqtt_codec_ctx_t *, const Record *, uint8_t *, int *), const Record &para, uint32_t version,
+Encoded encode_with(int (*encoder)(mqtt_codec_ctx_t *, const Record *, uint8_t *, int *), const Record &para, uint32_t version,
                int capacity, uint32_t log_level = 0)
 {
     Encoded out;

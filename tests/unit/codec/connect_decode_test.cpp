@@ -1,5 +1,6 @@
 #include "calls.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 
 using namespace tarn::test;
@@ -8,7 +9,7 @@ namespace {
 
 using Connect = Decoded<mqtt_connect_para_t>;
 
-Connect decode(const Bytes &bytes, uint32_t version = 4) { return decode(mqtt_codec_decode_connect, bytes, version); }
+Connect decode(const Bytes &bytes, uint32_t version = 4) { return decode_with(mqtt_codec_decode_connect, bytes, version); }
 Connect decode(const char *bytes, uint32_t version = 4) { return decode(wire(bytes), version); }
 
 // A CONNECT of these fields behind the protocol name: level, flags, keep alive and so on.
@@ -45,7 +46,7 @@ void expect_success(const Connect &d, uint32_t version, int consumed, const Log 
 
 // Every field a CONNECT can carry.
 const char *const kFullV4 = "04 F6 00 3C | 00 02 'id' | 00 03 'w/t' | 00 04 'gone' | 00 04 'user' | 00 02 'pw'";
-const char *const kFullV5 = "05 F6 00 3C | 15 11 00 00 00 64 | 21 00 0A | 22 00 0B | 27 00 01 00 00 | 19 01 | 1A 01"
+const char *const kFullV5 = "05 F6 00 3C | 14 11 00 00 00 64 | 21 00 0A | 22 00 0B | 27 00 01 00 00 | 19 01 | 1A 01"
                             "| 00 02 'id' | 0A 18 00 00 00 1E | 02 00 00 00 3C | 00 03 'w/t' | 00 04 'gone'"
                             "| 00 04 'user' | 00 02 'pw'";
 
@@ -61,7 +62,7 @@ TEST(connect_decode, a_small_v4_packet)
     EXPECT_EQ(d.para.clean_start, 1);
     EXPECT_EQ(d.para.keep_alive, 60);
 
-    mqtt_connect_para_t expected{}; // the record was garbage before
+    auto expected = zeroed<mqtt_connect_para_t>(); // the record was garbage before
     strcpy(expected.client_id, "id");
     expected.clean_start = 1;
     expected.keep_alive  = 60;
@@ -588,7 +589,7 @@ TEST(connect_decode, credentials_have_1_to_64_bytes)
 
 namespace {
 
-// What each length of a packet, cut there, is refused with. `ends[i]` = (first length, text) of a stretch.
+// What a packet cut at this length, or at one further on up to the next stretch, is refused with.
 struct Stretch {
     int         from;
     std::string text;
@@ -633,44 +634,35 @@ TEST(connect_decode, v4_cut_at_every_byte)
 
 TEST(connect_decode, v5_cut_at_every_byte)
 {
-    expect_cuts(connect(kFullV5), {
+    const auto           at        = [](int from, const char *format, int pos) { return Stretch{from, line(format, pos)}; };
+    std::vector<Stretch> stretches = {
         {10, "no enough data for keep alive (pos=10)"},
         {12, "invalid MQTT 5.0 property length (len=-1, consumed=0)"},
-        {13, "no enough data for ClientID length (pos=13)"},
-        {14, "incomplete Session Expiry Interval (pos=14)"},
-        {18, "no enough data for ClientID length (pos=18)"},
-        {19, "incomplete Receive Maximum (pos=19)"},
-        {21, "no enough data for ClientID length (pos=21)"},
-        {22, "incomplete Topic Alias Maximum (pos=22)"},
-        {24, "no enough data for ClientID length (pos=24)"},
-        {25, "incomplete Max Packet Size (pos=25)"},
-        {29, "no enough data for ClientID length (pos=29)"},
-        {30, "incomplete Request Response Info (pos=30)"},
-        {31, "no enough data for ClientID length (pos=31)"},
-        {32, "incomplete Request Problem Info (pos=32)"},
-        {33, "no enough data for ClientID length (pos=33)"},
-        {35, "ClientID data out of bounds (pos=35, len=2, total=35)"},
-        {36, "ClientID data out of bounds (pos=35, len=2, total=36)"},
-        {37, "no enough data for Will Topic length (pos=37)"},
-        {38, "no enough data for Will Topic length (pos=38)"},
-        {39, "no enough data for Will Topic length (pos=39)"},
-        {40, "no enough data for Will Topic length (pos=40)"},
-        {41, "no enough data for Will Topic length (pos=41)"},
-        {42, "no enough data for Will Topic length (pos=42)"},
-        {43, "no enough data for Will Topic length (pos=43)"},
-        {44, "no enough data for Will Topic length (pos=44)"},
-        {45, "no enough data for Will Topic length (pos=45)"},
-        {46, "no enough data for Will Topic length (pos=46)"},
-        {47, "no enough data for Will Topic length (pos=47)"},
-        {48, "no enough data for Will Topic length (pos=48)"},
-        {50, "invalid Will Topic length 3"},
-        {53, "no enough data for Will Payload length (pos=53)"},
-        {55, "invalid Will Payload length 4"},
-        {59, "no enough data for Username length (pos=59)"},
-        {61, "invalid Username length 4"},
-        {65, "no enough data for Password length (pos=65)"},
-        {67, "invalid Password length 2"},
-    });
+    };
+    // A property block ends with the packet: between two properties the client id is what is missing.
+    for (const int next : {13, 18, 21, 24, 29, 31})
+        stretches.push_back(at(next, "no enough data for ClientID length (pos=%d)", next));
+    stretches.push_back(at(14, "incomplete Session Expiry Interval (pos=%d)", 14));
+    stretches.push_back(at(19, "incomplete Receive Maximum (pos=%d)", 19));
+    stretches.push_back(at(22, "incomplete Topic Alias Maximum (pos=%d)", 22));
+    stretches.push_back(at(25, "incomplete Max Packet Size (pos=%d)", 25));
+    stretches.push_back(at(30, "incomplete Request Response Info (pos=%d)", 30));
+    stretches.push_back(at(32, "incomplete Request Problem Info (pos=%d)", 32));
+    stretches.push_back(at(33, "no enough data for ClientID length (pos=%d)", 33));
+    stretches.push_back(at(35, "ClientID data out of bounds (pos=35, len=2, total=%d)", 35));
+    stretches.push_back(at(36, "ClientID data out of bounds (pos=35, len=2, total=%d)", 36));
+    // The same for the will's block, which may be cut anywhere.
+    for (int length = 37; length <= 48; ++length)
+        stretches.push_back(at(length, "no enough data for Will Topic length (pos=%d)", length));
+    stretches.push_back({50, "invalid Will Topic length 3"});
+    stretches.push_back(at(53, "no enough data for Will Payload length (pos=%d)", 53));
+    stretches.push_back({55, "invalid Will Payload length 4"});
+    stretches.push_back(at(59, "no enough data for Username length (pos=%d)", 59));
+    stretches.push_back({61, "invalid Username length 4"});
+    stretches.push_back(at(65, "no enough data for Password length (pos=%d)", 65));
+    stretches.push_back({67, "invalid Password length 2"});
+    std::sort(stretches.begin(), stretches.end(), [](const Stretch &a, const Stretch &b) { return a.from < b.from; });
+    expect_cuts(connect(kFullV5), stretches);
 }
 
 TEST(connect_decode, a_whole_packet_cut_short_by_its_length_field)

@@ -1,4 +1,5 @@
 #include "calls.h"
+#include "log/agent_log.h"
 
 #include <gtest/gtest.h>
 
