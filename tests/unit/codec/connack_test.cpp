@@ -146,7 +146,8 @@ TEST(connack_decode, v4)
     EXPECT_EQ(d.para.reason_code, 0);
     EXPECT_EQ(d.all, Log{debug("CONNACK decode success: version=4, code=0, len=4")});
 
-    auto expected            = zeroed<Connack>(); // the record was garbage before
+    Connack expected; // the record was garbage before
+    clear(expected);
     expected.session_present = 1;
     EXPECT_EQ(memcmp(&d.para, &expected, sizeof expected), 0);
     EXPECT_EQ(decode("20 02 FE 05").para.session_present, 0);

@@ -62,7 +62,8 @@ TEST(connect_decode, a_small_v4_packet)
     EXPECT_EQ(d.para.clean_start, 1);
     EXPECT_EQ(d.para.keep_alive, 60);
 
-    auto expected = zeroed<mqtt_connect_para_t>(); // the record was garbage before
+    mqtt_connect_para_t expected; // the record was garbage before
+    clear(expected);
     strcpy(expected.client_id, "id");
     expected.clean_start = 1;
     expected.keep_alive  = 60;
