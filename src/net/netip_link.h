@@ -20,10 +20,11 @@ struct Connection {
     uint32_t generation = 0;
 };
 Connection current_connection() noexcept;
-// True while that connection's slot has not been closed since the event began.
+// True while that connection's slot has not been closed since the event began. Always true for generation 0.
 bool is_open(Connection connection) noexcept;
 
-// Sends packets in order without blocking: on TCP as one write, on UDP one datagram each.
+// Sends 1..kGatherMax packets in order without blocking: on TCP as one write, on UDP one datagram each. A packet that
+// netip_send would refuse ends the list with NETIP_INVALID.
 struct Packet {
     const uint8_t *bytes;
     int32_t        length;
@@ -35,7 +36,8 @@ struct Sent {
 constexpr int kGatherMax = 64;
 Sent send_packets(uint32_t handle, const Packet *packets, int count) noexcept;
 
-// Called by every I/O thread before it looks at the events of a round and after it has handled the last one.
+// Called by every I/O thread before it looks at the events of a round and after it has handled the last one, UDP
+// included; not for a round without events.
 struct RoundHooks {
     void (*begin)() = nullptr;
     void (*end)()   = nullptr;

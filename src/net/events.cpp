@@ -1,0 +1,69 @@
+// events.cpp - the upward direction: the one event callback, the connection a thread is delivering for, and the hooks
+// around a round. No lock is held in any of these calls.
+#include "netip_internal.h"
+
+namespace tarn::net {
+namespace {
+
+constinit thread_local Connection t_current{};
+
+constinit std::atomic<void (*)()> g_round_begin{nullptr};
+constinit std::atomic<void (*)()> g_round_end{nullptr};
+constinit std::atomic<void (*)()> g_writable{nullptr};
+
+void call(const std::atomic<void (*)()> &hook)
+{
+    if (void (*const function)() = hook.load(std::memory_order_acquire))
+        function();
+}
+
+} // namespace
+
+EventSink event_sink() noexcept
+{
+    ScopedLock lock(g_netip_lock);
+    return {peek(g_netip_cb), peek(g_netip_cb_arg)};
+}
+
+void EventSink::connected(uint32_t handle, uint32_t reason) const noexcept
+{
+    if (call)
+        (void)call(handle, NETIP_EVENT_CONNECTED, nullptr, 0, reason, 0, arg);
+}
+
+bool EventSink::disconnected(uint32_t handle, uint32_t reason) const noexcept
+{
+    return !call || call(handle, NETIP_EVENT_DISCONNECTED, nullptr, 0, reason, 0, arg) != 0;
+}
+
+void EventSink::data(Connection connection, const uint8_t *bytes, uint32_t length) const noexcept
+{
+    if (!call)
+        return;
+    const Connection outer = t_current;
+    t_current              = connection;
+    (void)call(connection.handle, NETIP_EVENT_DATA, bytes, length, REASON_DATA, 0, arg);
+    t_current = outer;
+}
+
+Connection current_connection() noexcept
+{
+    return t_current;
+}
+
+void set_round_hooks(RoundHooks hooks) noexcept
+{
+    g_round_begin.store(hooks.begin, std::memory_order_release);
+    g_round_end.store(hooks.end, std::memory_order_release);
+}
+
+void set_writable_hook(void (*writable)()) noexcept
+{
+    g_writable.store(writable, std::memory_order_release);
+}
+
+void call_round_begin() noexcept { call(g_round_begin); }
+void call_round_end() noexcept { call(g_round_end); }
+void call_writable_hook() noexcept { call(g_writable); }
+
+} // namespace tarn::net

@@ -1,0 +1,189 @@
+// slot.cpp - who may touch a slot, and when it may be handed out again.
+//
+// A slot changes between free and in use under its own lock. The lock is part of the slot, so zero bytes must stay a
+// valid unlocked mutex: it is never initialised, and the table is cleared only around slots that nobody is inside.
+#include "../base/clock.h"
+#include "netip_internal.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <sched.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace tarn::net {
+
+constinit SlotSide g_side[NETIP_CLIENTS_MAX] = {};
+
+namespace {
+
+constinit uint32_t g_last_generation GUARDED_BY(g_netip_lock) = 0;
+
+uint32_t next_generation() REQUIRES(g_netip_lock)
+{
+    if (++g_last_generation == 0)
+        ++g_last_generation; // 0 means unknown
+    return g_last_generation;
+}
+
+// ---- clearing
+
+// Byte by byte and only where needed: a late caller may be reading an in_use byte, and fresh pages stay untouched.
+void clear_bytes(uint8_t *from, const uint8_t *to)
+{
+    for (; from < to; ++from)
+        if (peek(*from))
+            poke(*from, 0);
+}
+
+uint8_t *round_up(uint8_t *at, uintptr_t page)
+{
+    return at + (page - reinterpret_cast<uintptr_t>(at) % page) % page;
+}
+
+void clear_range(uint8_t *from, uint8_t *to)
+{
+    const auto page  = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    uint8_t   *first = round_up(from, page);
+    if (first < to) {
+        uint8_t *last = to - reinterpret_cast<uintptr_t>(to) % page;
+        if (first < last && madvise(first, static_cast<size_t>(last - first), MADV_DONTNEED) == 0) {
+            clear_bytes(from, first);
+            from = last;
+        }
+    }
+    clear_bytes(from, to);
+}
+
+// Afterwards nobody is inside the slot's lock, and whoever comes sees that the slot is free, as all are by now. The
+// read-modify-write orders this behind everything that leaving visitors did.
+void await_visitors(SlotSide &side)
+{
+    while (side.visitors.fetch_add(0, std::memory_order_acq_rel) != 0)
+        sched_yield();
+}
+
+// All of the slot but its lock, which the caller holds.
+void clear_around_lock(netip_conn_t &slot)
+{
+    auto *end    = reinterpret_cast<uint8_t *>(&slot + 1);
+    auto *behind = reinterpret_cast<uint8_t *>(&slot.lock + 1);
+    poke(slot.handle, 0);
+    poke(slot.type, 0);
+    poke(slot.fd, 0);
+    poke(slot.last_active, 0);
+    memset(behind, 0, static_cast<size_t>(end - behind));
+}
+
+void wipe_received(netip_conn_t &slot)
+{
+    memset(slot.rx_buf, 0, sizeof slot.rx_buf);
+    slot.rx_len        = 0;
+    slot.pkt_len       = 0;
+    slot.pkt_len_known = 0;
+}
+
+} // namespace
+
+// ---- guards
+
+SlotLock::SlotLock(uint32_t handle, Entry entry) noexcept NO_LOCK_ANALYSIS : handle_(handle), inside_(false)
+{
+    if (handle >= NETIP_CLIENTS_MAX)
+        return;
+    SlotSide     &side = side_of(handle);
+    netip_conn_t &slot = slot_of(handle);
+    side.visitors.fetch_add(1, std::memory_order_acq_rel); // before the look at in_use: see await_visitors()
+    if (entry == Always || peek_acquire(slot.in_use)) {
+        slot.lock.lock();
+        inside_ = entry == Always || peek(slot.in_use);
+        if (inside_)
+            return;
+        slot.lock.unlock();
+    }
+    side.visitors.fetch_sub(1, std::memory_order_acq_rel);
+}
+
+SlotLock::~SlotLock() NO_LOCK_ANALYSIS
+{
+    if (!inside_)
+        return;
+    slot_of(handle_).lock.unlock();
+    side_of(handle_).visitors.fetch_sub(1, std::memory_order_acq_rel);
+}
+
+bool is_current(Connection connection) noexcept
+{
+    return connection.handle < NETIP_CLIENTS_MAX && peek_acquire(slot_of(connection.handle).in_use) &&
+           peek(side_of(connection.handle).generation) == connection.generation;
+}
+
+SlotHold::SlotHold(Connection connection) noexcept
+{
+    SlotLock lock(connection.handle);
+    if (!lock || !net::is_current(connection))
+        return;
+    side_of(connection.handle).users.fetch_add(1, std::memory_order_relaxed);
+    connection_ = connection;
+}
+
+SlotHold::~SlotHold()
+{
+    if (!*this)
+        return;
+    SlotSide &side = side_of(handle());
+    SlotLock  lock(handle(), SlotLock::Always);
+    if (!peek(lock->in_use) && side.users.load(std::memory_order_relaxed) == 1)
+        wipe_received(*lock);
+    side.users.fetch_sub(1, std::memory_order_release); // from here on the slot may be handed out again
+}
+
+// ---- free and in use
+
+Connection open_slot(uint32_t type, int fd, const Peer &peer) noexcept
+{
+    const uint32_t handle = take_free_handle();
+    if (handle == NETIP_NO_HANDLE)
+        return {};
+    SlotSide  &side = side_of(handle);
+    SlotLock   lock(handle, SlotLock::Always);
+    netip_conn_t &slot = *lock;
+    clear_around_lock(slot);
+    poke(slot.handle, handle);
+    poke(slot.type, type);
+    poke(slot.fd, fd);
+    poke(slot.last_active, wall_ms());
+    slot.peer     = peer.address;
+    slot.peer_len = peer.length;
+    slot.port     = ntohs(peer.address.sin_port);
+    inet_ntop(AF_INET, &peer.address.sin_addr, slot.ip, sizeof slot.ip);
+
+    side.wants_writable = 0;
+    side.users.fetch_add(1, std::memory_order_relaxed);
+    poke(side.generation, next_generation());
+    poke_release(slot.in_use, 1);
+    return {handle, side.generation};
+}
+
+void mark_closed(uint32_t handle) noexcept
+{
+    poke_release(slot_of(handle).in_use, 0);
+    poke(side_of(handle).generation, 0);
+}
+
+void clear_table() noexcept
+{
+    uint32_t first = 0; // of the slots to be cleared together
+    for (uint32_t handle = 0; handle <= NETIP_CLIENTS_MAX; ++handle) {
+        if (handle < NETIP_CLIENTS_MAX) {
+            await_visitors(side_of(handle));
+            if (side_of(handle).users.load(std::memory_order_acquire) == 0)
+                continue;
+        }
+        clear_range(reinterpret_cast<uint8_t *>(&g_netip_clients[first]),
+                    reinterpret_cast<uint8_t *>(g_netip_clients + handle));
+        first = handle + 1;
+    }
+}
+
+} // namespace tarn::net

@@ -1,0 +1,78 @@
+// udp.cpp - each sender of datagrams is a connection of its own, each datagram one packet.
+#include "../base/clock.h"
+#include "netip_internal.h"
+
+#include <sys/socket.h>
+
+namespace tarn::net {
+namespace {
+
+struct Datagram {
+    uint8_t bytes[NETIP_RX_SIZE];
+    ssize_t length;
+    Peer    from;
+    int     fd;
+};
+
+// Not through the epoll instance: UDP is looked at once in a round that had events.
+bool receive(Datagram &datagram)
+{
+    ScopedLock lock(g_shared_fd_lock);
+    datagram.fd = peek(g_netip_udp);
+    if (datagram.fd < 0)
+        return false;
+    datagram.length = recvfrom(datagram.fd, datagram.bytes, sizeof datagram.bytes, MSG_DONTWAIT,
+                               reinterpret_cast<sockaddr *>(&datagram.from.address), &datagram.from.length);
+    return datagram.length >= 1;
+}
+
+bool same_peer(const sockaddr_in &a, const sockaddr_in &b)
+{
+    return a.sin_addr.s_addr == b.sin_addr.s_addr && a.sin_port == b.sin_port;
+}
+
+Connection find_peer(const sockaddr_in &address) REQUIRES(g_netip_lock)
+{
+    for (uint32_t handle = 0; handle < NETIP_CLIENTS_MAX; ++handle) {
+        if (!peek_acquire(slot_of(handle).in_use) || peek(slot_of(handle).type) != NETIP_UDP)
+            continue;
+        SlotLock slot(handle);
+        if (slot && same_peer(slot->peer, address))
+            return {handle, peek(side_of(handle).generation)};
+    }
+    return {};
+}
+
+void deliver(const SlotHold &hold, const Datagram &datagram, const EventSink &sink)
+{
+    if (!hold.is_current())
+        return; // closed by the connected callback
+    poke(hold.slot().last_active, wall_ms());
+    sink.data(hold.connection(), datagram.bytes, static_cast<uint32_t>(datagram.length));
+}
+
+} // namespace
+
+void receive_datagram(const EventSink &sink) noexcept
+{
+    Datagram datagram;
+    if (!receive(datagram))
+        return;
+    Connection known, added;
+    {
+        ScopedLock lock(g_netip_lock);
+        known = find_peer(datagram.from.address);
+        if (known.handle == NETIP_NO_HANDLE)
+            added = open_slot(NETIP_UDP, datagram.fd, datagram.from);
+    }
+    if (known.handle != NETIP_NO_HANDLE) {
+        if (const SlotHold hold(known); hold)
+            deliver(hold, datagram, sink);
+    } else if (added.handle != NETIP_NO_HANDLE) { // else the table is full: dropped
+        const SlotHold hold(added, SlotHold::Counted);
+        sink.connected(added.handle, REASON_DATAGRAM);
+        deliver(hold, datagram, sink);
+    }
+}
+
+} // namespace tarn::net

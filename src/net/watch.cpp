@@ -1,0 +1,124 @@
+// watch.cpp - what the epoll instance is told about each slot, and the two descriptors that all slots share.
+//
+// An event carries generation << 32 | handle, so that one left over from a slot's last connection is recognised; 0 is
+// the listener. Registration failures are harmless unless said otherwise: the descriptor is not in epoll, or no more.
+#include "../base/clock.h"
+#include "../base/fd.h"
+#include "netip_internal.h"
+
+namespace tarn::net {
+
+constinit Mutex g_shared_fd_lock{};
+
+namespace {
+
+constexpr uint32_t kReadable = EPOLLIN | EPOLLERR | EPOLLHUP;
+
+constexpr uint64_t kRest_ms = 100;
+
+constinit std::atomic<uint32_t> g_resting{0};         // slots
+constinit std::atomic<uint64_t> g_resting_since_ms{0}; // of the first of them
+
+bool tell_epoll(int operation, uint32_t handle, uint32_t events = 0)
+{
+    epoll_event event{};
+    event.events   = events;
+    event.data.u64 = uint64_t{peek(side_of(handle).generation)} << 32 | handle;
+    ScopedLock lock(g_shared_fd_lock);
+    return epoll_ctl(peek(netip_epoll_fd), operation, peek(slot_of(handle).fd), &event) == 0;
+}
+
+void set_resting(uint32_t handle, bool resting)
+{
+    SlotSide &side = side_of(handle);
+    if (resting == (side.resting != 0))
+        return;
+    poke(side.resting, resting);
+    if (!resting)
+        --g_resting;
+    else if (g_resting++ == 0)
+        g_resting_since_ms = mono_ms();
+}
+
+bool is_time_to_wake(bool idle)
+{
+    return g_resting != 0 && (idle || elapsed(mono_ms(), g_resting_since_ms) >= kRest_ms);
+}
+
+Fd take_shared(int32_t &descriptor)
+{
+    ScopedLock lock(g_shared_fd_lock);
+    return Fd(swap_in(descriptor, -1));
+}
+
+} // namespace
+
+bool watch(uint32_t handle) noexcept
+{
+    return tell_epoll(EPOLL_CTL_ADD, handle, kReadable | (side_of(handle).wants_writable ? EPOLLOUT : 0u));
+}
+
+void unwatch(uint32_t handle) noexcept
+{
+    tell_epoll(EPOLL_CTL_DEL, handle);
+    side_of(handle).wants_writable = 0;
+    set_resting(handle, false);
+}
+
+void want_writable(uint32_t handle) noexcept
+{
+    side_of(handle).wants_writable = 1;
+    tell_epoll(EPOLL_CTL_MOD, handle, kReadable | EPOLLOUT);
+}
+
+// A registration for writable events that stays would report for ever, as an idle socket is always writable.
+bool settle_writable(uint32_t handle) noexcept
+{
+    if (!side_of(handle).wants_writable)
+        return false;
+    side_of(handle).wants_writable = 0;
+    tell_epoll(EPOLL_CTL_MOD, handle, kReadable);
+    return true;
+}
+
+void rest(uint32_t handle) noexcept
+{
+    tell_epoll(EPOLL_CTL_DEL, handle);
+    set_resting(handle, true);
+}
+
+void wake_resting(bool idle) noexcept
+{
+    if (!is_time_to_wake(idle))
+        return;
+    for (uint32_t handle = 0; handle < NETIP_CLIENTS_MAX; ++handle) {
+        if (!peek(side_of(handle).resting))
+            continue;
+        SlotLock lock(handle);
+        if (!lock || !side_of(handle).resting)
+            continue;
+        set_resting(handle, false);
+        (void)watch(handle);
+    }
+}
+
+// Edge-triggered: it only has to wake a round for each arrival; the accept thread does the rest in its own time.
+bool watch_listener(int epoll, int listener) noexcept
+{
+    epoll_event event{};
+    event.events   = kReadable | EPOLLET;
+    event.data.u64 = 0;
+    return epoll_ctl(epoll, EPOLL_CTL_ADD, listener, &event) == 0;
+}
+
+void close_shared_udp() noexcept
+{
+    take_shared(g_netip_udp).reset();
+}
+
+void close_epoll() noexcept
+{
+    take_shared(netip_epoll_fd).reset();
+}
+
+} // namespace tarn::net
