@@ -7,6 +7,7 @@
 #define sub_match the_librarys_sub_match
 #include "api/broker.h"
 #include "client/client.h"
+#include "codec/mqtt_codec.h"
 #include "handler/packet_handler.h"
 #include "log/agent_log.h"
 #include "net/netip.h"
