@@ -88,7 +88,7 @@ void explain_failed_start(int32_t code)
 int32_t start(broker_t *broker, const Options &options)
 {
     tarn_sdk_mqtt_broker_init(broker);
-    tarn_sdk_mqtt_broker_set_log_level(broker, options.log_level); // after init, which sets it back
+    tarn_sdk_mqtt_broker_set_log_level(broker, options.log_level); // again, since init sets it back
     tarn_sdk_mqtt_broker_set_keepalive_timeout(broker, options.keepalive_s);
     tarn_sdk_mqtt_broker_set_max_packet_size(broker, options.max_packet_size);
     return tarn_sdk_mqtt_broker_start(broker, kPort, options.max_clients);
@@ -98,6 +98,7 @@ int serve(const Options &options)
 {
     const sigset_t ending = hold_ending_signals();
     raise_descriptor_limit();
+    tarn_sdk_mqtt_broker_set_log_level(nullptr, options.log_level);
     broker_t *broker = tarn_sdk_mqtt_broker_create();
     if (!broker) {
         fprintf(stderr, "tarn-broker: out of memory\n");

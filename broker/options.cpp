@@ -113,8 +113,9 @@ const char *const kHelp = R"(Usage: tarn-broker [OPTION]...
 Serves MQTT 3.1.1 and 5.0 on port 1883, TCP and UDP, until it gets SIGINT or SIGTERM.
 
   -l, --log-level LEVEL        debug, info, warn (default) or error; the log goes to standard output
-  -k, --keep-alive SECONDS     silence after which a client that set no keep-alive of its own is closed, 1..3600 (300)
-  -p, --max-packet-size BYTES  largest packet taken from a client, 256..10485760 (4096)
+  -k, --keep-alive SECONDS     silence after which a connection without CONNECT is closed, 1..3600 (300)
+  -p, --max-packet-size BYTES  largest packet before and with CONNECT, 256..10485760 (4096); no packet of more than
+                               4096 bytes is taken in any case
   -c, --max-clients N          clients served at a time, 1..11000 (5000)
   -h, --help                   print this and end
   -V, --version                print the version and end

@@ -1,0 +1,107 @@
+#include "broker/options.h"
+
+#include <gtest/gtest.h>
+#include <initializer_list>
+#include <vector>
+
+using namespace tarn::broker;
+
+namespace {
+
+CommandLine read(std::initializer_list<const char *> arguments)
+{
+    std::vector<std::string> texts{"tarn-broker"};
+    texts.insert(texts.end(), arguments.begin(), arguments.end());
+    std::vector<char *> argv;
+    for (std::string &text : texts)
+        argv.push_back(text.data());
+    argv.push_back(nullptr);
+    return read_command_line(static_cast<int>(texts.size()), argv.data());
+}
+
+std::string error_of(std::initializer_list<const char *> arguments)
+{
+    return read(arguments).error;
+}
+
+} // namespace
+
+TEST(options, nothing_given_serves_with_the_librarys_defaults)
+{
+    const CommandLine line = read({});
+    EXPECT_EQ(line.error, "");
+    EXPECT_EQ(line.wish, Wish::Serve);
+    EXPECT_EQ(line.options.log_level, 2u);
+    EXPECT_EQ(line.options.keepalive_s, 300);
+    EXPECT_EQ(line.options.max_packet_size, 4096);
+    EXPECT_EQ(line.options.max_clients, 5000);
+}
+
+TEST(options, short_and_long_names_set_the_same)
+{
+    for (const CommandLine &line :
+         {read({"-l", "info", "-k60", "-p", "512", "-c", "7"}),
+          read({"--log-level=info", "--keep-alive", "60", "--max-packet-size=512", "--max-clients", "7"})}) {
+        EXPECT_EQ(line.error, "");
+        EXPECT_EQ(line.options.log_level, 1u);
+        EXPECT_EQ(line.options.keepalive_s, 60);
+        EXPECT_EQ(line.options.max_packet_size, 512);
+        EXPECT_EQ(line.options.max_clients, 7);
+    }
+}
+
+TEST(options, levels_are_numbered_as_in_the_library)
+{
+    EXPECT_EQ(read({"-l", "debug"}).options.log_level, 0u);
+    EXPECT_EQ(read({"-l", "info"}).options.log_level, 1u);
+    EXPECT_EQ(read({"-l", "warn"}).options.log_level, 2u);
+    EXPECT_EQ(read({"-l", "error"}).options.log_level, 3u);
+    EXPECT_EQ(error_of({"-l", "fatal"}), "--log-level takes debug, info, warn or error, not 'fatal'");
+    EXPECT_EQ(error_of({"-l", ""}), "--log-level takes debug, info, warn or error, not ''");
+}
+
+TEST(options, numbers_are_taken_to_their_limits)
+{
+    EXPECT_EQ(read({"-k", "1"}).options.keepalive_s, 1);
+    EXPECT_EQ(read({"-k", "3600"}).options.keepalive_s, 3600);
+    EXPECT_EQ(read({"-p", "256"}).options.max_packet_size, 256);
+    EXPECT_EQ(read({"-p", "10485760"}).options.max_packet_size, 10485760);
+    EXPECT_EQ(read({"-c", "1"}).options.max_clients, 1);
+    EXPECT_EQ(read({"-c", "11000"}).options.max_clients, 11000);
+}
+
+TEST(options, numbers_beyond_their_limits_are_refused)
+{
+    EXPECT_EQ(error_of({"-k", "0"}), "--keep-alive takes a number from 1 to 3600, not '0'");
+    EXPECT_EQ(error_of({"-k", "3601"}), "--keep-alive takes a number from 1 to 3600, not '3601'");
+    EXPECT_EQ(error_of({"-p", "255"}), "--max-packet-size takes a number from 256 to 10485760, not '255'");
+    EXPECT_EQ(error_of({"-p", "10485761"}), "--max-packet-size takes a number from 256 to 10485760, not '10485761'");
+    EXPECT_EQ(error_of({"-c", "0"}), "--max-clients takes a number from 1 to 11000, not '0'");
+    EXPECT_EQ(error_of({"-c", "11001"}), "--max-clients takes a number from 1 to 11000, not '11001'");
+}
+
+TEST(options, texts_that_are_no_numbers_are_refused)
+{
+    for (const char *text : {"", "x", "5x", "0x10", "5 ", "-5", "1.5", "99999999999999999999"})
+        EXPECT_EQ(error_of({"-k", text}), std::string("--keep-alive takes a number from 1 to 3600, not '") + text + "'");
+}
+
+TEST(options, help_and_version_end_the_reading)
+{
+    EXPECT_EQ(read({"-h"}).wish, Wish::Help);
+    EXPECT_EQ(read({"--help"}).wish, Wish::Help);
+    EXPECT_EQ(read({"-V"}).wish, Wish::Version);
+    EXPECT_EQ(read({"--version"}).wish, Wish::Version);
+    EXPECT_EQ(error_of({"--help", "--bogus"}), "");
+}
+
+TEST(options, mistakes_are_named)
+{
+    EXPECT_EQ(error_of({"--bogus"}), "unknown option '--bogus'");
+    EXPECT_EQ(error_of({"-x"}), "unknown option '-x'");
+    EXPECT_EQ(error_of({"--help=3"}), "--help takes no value");
+    EXPECT_EQ(error_of({"-k"}), "-k needs a value");
+    EXPECT_EQ(error_of({"--keep-alive"}), "--keep-alive needs a value");
+    EXPECT_EQ(error_of({"1883"}), "unexpected argument '1883'");
+    EXPECT_EQ(error_of({"-k", "5", "--", "more"}), "unexpected argument 'more'");
+}

@@ -1,0 +1,149 @@
+// tarn-broker as whoever starts it sees it: what it prints where, when it ends and with which status.
+#include "support/child.h"
+#include "support/peer.h"
+#include "support/timing.h"
+
+#include <csignal>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace tarn::test;
+
+namespace {
+
+Child run(std::vector<std::string> arguments = {})
+{
+    arguments.insert(arguments.begin(), TARN_BROKER_PROGRAM);
+    return {"broker", arguments};
+}
+
+bool serves(const Child &broker)
+{
+    return wait_until([&] { return broker.errors().find("tarn-broker: serving ") != std::string::npos; });
+}
+
+// A socket of this test on 1883.
+class Port1883 {
+public:
+    explicit Port1883(int type) : fd_(socket(AF_INET, type | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_in any{};
+        any.sin_family = AF_INET;
+        any.sin_port   = htons(1883);
+        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&any), sizeof any), 0);
+        if (type == SOCK_STREAM) {
+            EXPECT_EQ(listen(fd_, 1), 0);
+        }
+    }
+    ~Port1883() { close(fd_); }
+    Port1883(const Port1883 &)            = delete;
+    Port1883 &operator=(const Port1883 &) = delete;
+
+private:
+    int fd_;
+};
+
+} // namespace
+
+TEST(program, help_goes_to_standard_output)
+{
+    Child broker = run({"--help"});
+    EXPECT_EQ(broker.wait(kLimit_ms), 0);
+    EXPECT_EQ(broker.output().substr(0, 31), "Usage: tarn-broker [OPTION]...\n");
+    EXPECT_EQ(broker.errors(), "");
+}
+
+TEST(program, version_is_the_librarys)
+{
+    Child broker = run({"--version"});
+    EXPECT_EQ(broker.wait(kLimit_ms), 0);
+    EXPECT_EQ(broker.output(), "tarn-broker V2.0.0\n");
+}
+
+TEST(program, a_bad_option_ends_it_with_2)
+{
+    Child broker = run({"--keep-alive=0"});
+    EXPECT_EQ(broker.wait(kLimit_ms), 2);
+    EXPECT_EQ(broker.errors(), "tarn-broker: --keep-alive takes a number from 1 to 3600, not '0'\n"
+                               "Try 'tarn-broker --help'.\n");
+    EXPECT_EQ(broker.output(), "");
+}
+
+TEST(program, says_that_it_serves_and_serves)
+{
+    Child broker = run({"-c", "11"});
+    ASSERT_TRUE(serves(broker));
+    EXPECT_EQ(broker.errors(),
+              "tarn-broker: serving MQTT 3.1.1 and 5.0 on 0.0.0.0:1883 (TCP and UDP), at most 11 clients\n");
+    Peer::tcp().connect_v4("a").ping();
+}
+
+TEST(program, ends_cleanly_on_each_signal)
+{
+    for (const int signal : {SIGINT, SIGTERM}) {
+        Child broker = run();
+        ASSERT_TRUE(serves(broker));
+        broker.signal(signal);
+        EXPECT_EQ(broker.wait(kLimit_ms), 0) << "signal " << signal;
+    }
+}
+
+// However soon it comes: it waits until there is something to end.
+TEST(program, a_signal_during_the_start_ends_it_cleanly)
+{
+    for (int delay_ms = 0; delay_ms < 10; ++delay_ms) {
+        Child broker = run();
+        pause_ms(delay_ms);
+        broker.signal(SIGTERM);
+        const int status = broker.wait(kLimit_ms);
+        if (broker.errors().empty())
+            continue; // it had not come to main() yet
+        EXPECT_EQ(status, 0) << broker.errors();
+    }
+}
+
+// The log is line-buffered, so it can be followed in a file or a pipe while the broker runs.
+TEST(program, logs_at_the_level_asked_for)
+{
+    Child broker = run({"-l", "info"});
+    ASSERT_TRUE(serves(broker));
+    EXPECT_TRUE(wait_until(
+        [&] { return broker.output().find("[SDK] start success, listen 0.0.0.0:1883\n") != std::string::npos; }));
+}
+
+TEST(program, prints_nothing_when_all_is_well)
+{
+    Child broker = run();
+    ASSERT_TRUE(serves(broker));
+    broker.signal(SIGTERM);
+    EXPECT_EQ(broker.wait(kLimit_ms), 0);
+    EXPECT_EQ(broker.output(), "");
+}
+
+TEST(program, raises_the_soft_limit_of_descriptors)
+{
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit low{64, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+
+    Child broker = run();
+    ASSERT_TRUE(serves(broker));
+    rlimit its{};
+    ASSERT_EQ(prlimit(broker.pid(), RLIMIT_NOFILE, nullptr, &its), 0);
+    EXPECT_EQ(its.rlim_cur, before.rlim_max);
+}
+
+TEST(program, says_why_it_cannot_listen)
+{
+    for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
+        Port1883 taken(type);
+        Child    broker = run();
+        EXPECT_EQ(broker.wait(kLimit_ms), 1);
+        EXPECT_EQ(broker.errors(), std::string("tarn-broker: cannot listen on port 1883: Address already in use (") +
+                                       (type == SOCK_STREAM ? "TCP" : "UDP") + ")\n");
+    }
+}
