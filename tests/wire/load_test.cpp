@@ -49,8 +49,9 @@ void expect_idle(pid_t pid)
 {
     const double share = cpu_share(pid, 5);
     printf("processor while idle: %.2f %% of a core\n", share * 100);
-    if (!kSanitized)
+    if (!kSanitized) {
         EXPECT_LT(share, 0.02);
+    }
 }
 
 void report(const LoopOptions &options, const LoopResult &result)
@@ -119,8 +120,9 @@ TEST(load_pace, sixty_four_in_flight)
     BrokerProcess broker = BrokerProcess::start();
     for (unsigned qos : {0u, 1u}) {
         const LoopResult result = measured({.qos = qos, .messages = 100000});
-        if (!kSanitized)
+        if (!kSanitized) {
             EXPECT_GT(result.deliveries_per_s(), 12800);
+        }
     }
 }
 
@@ -129,8 +131,9 @@ TEST(load_pace, one_in_flight)
     BrokerProcess broker = BrokerProcess::start();
     for (unsigned qos : {0u, 1u}) {
         const LoopResult result = measured({.qos = qos, .window = 1, .messages = 5000});
-        if (!kSanitized)
+        if (!kSanitized) {
             EXPECT_LT(result.p50_ms, 3);
+        }
     }
 }
 
@@ -139,8 +142,9 @@ TEST(load_pace, one_to_fifty)
     BrokerProcess broker = BrokerProcess::start();
     for (unsigned qos : {0u, 1u}) {
         const LoopResult result = measured({.qos = qos, .subscribers = 50, .messages = 4000});
-        if (!kSanitized)
+        if (!kSanitized) {
             EXPECT_GT(result.deliveries_per_s(), 50 * 6400 / 10);
+        }
     }
 }
 

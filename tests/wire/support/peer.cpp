@@ -123,7 +123,7 @@ Peer::Got Peer::receive(int limit_ms)
     if (count <= 0)
         return Got::Closed;
     rx_.insert(rx_.end(), chunk, chunk + count);
-    return Got::Bytes;
+    return Got::Data;
 }
 
 bool Peer::drain()
@@ -132,7 +132,7 @@ bool Peer::drain()
         switch (receive(0)) {
         case Got::Nothing: return true;
         case Got::Closed: return false;
-        case Got::Bytes: break;
+        case Got::Data: break;
         }
     }
 }
@@ -150,7 +150,7 @@ Captured Peer::expect(const Pattern &pattern, Where where)
             return captured;
         }
         const Got got = receive(left_ms(end_s));
-        if (got == Got::Bytes)
+        if (got == Got::Data)
             continue;
         why = got == Got::Closed ? "the connection ended" : "the time is up";
         if (got == Got::Closed || now_s() >= end_s)

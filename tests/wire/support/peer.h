@@ -70,7 +70,7 @@ public:
 private:
     Peer(int fd, Where where);
     static Peer open(int type, uint16_t port, Where where);
-    enum class Got { Bytes, Closed, Nothing };
+    enum class Got { Data, Closed, Nothing };
     Got  receive(int limit_ms);
     void fail(Where where, const std::string &what);
 
