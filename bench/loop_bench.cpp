@@ -25,9 +25,9 @@ struct Broker {
 };
 
 struct Settings {
-    unsigned            messages = 50000;
+    unsigned            messages      = 50000;
     size_t              payload_bytes = 64;
-    unsigned            rounds = 3;
+    unsigned            rounds        = 3;
     std::vector<Broker> brokers;
 };
 
@@ -37,8 +37,8 @@ struct Case {
 };
 
 constexpr Case kCases[] = {
-    {"QoS 0, 1 -> 1, 64 in flight", 0, 1, 64, 1},   {"QoS 1, 1 -> 1, 64 in flight", 1, 1, 64, 1},
-    {"QoS 0, 1 -> 1, 1 in flight", 0, 1, 1, 10},    {"QoS 1, 1 -> 1, 1 in flight", 1, 1, 1, 10},
+    {"QoS 0, 1 -> 1, 64 in flight", 0, 1, 64, 1},    {"QoS 1, 1 -> 1, 64 in flight", 1, 1, 64, 1},
+    {"QoS 0, 1 -> 1, 1 in flight", 0, 1, 1, 10},     {"QoS 1, 1 -> 1, 1 in flight", 1, 1, 1, 10},
     {"QoS 0, 1 -> 50, 64 in flight", 0, 50, 64, 20}, {"QoS 1, 1 -> 50, 64 in flight", 1, 50, 64, 20},
 };
 
