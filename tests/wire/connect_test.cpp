@@ -70,8 +70,9 @@ TEST(connect, v5_maximum_packet_size)
     const struct {
         const char *sent, *granted;
     } cases[] = {
-        {"27 00 00 00 00", "27 00 00 01 00"}, {"27 00 00 00 FF", "27 00 00 01 00"}, {"27 00 00 01 00", "27 00 00 01 00"},
-        {"27 00 00 01 01", "27 00 00 01 01"}, {"27 00 00 10 00", "27 00 00 10 00"}, {"27 FF FF FF FF", "27 FF FF FF FF"},
+        {"27 00 00 00 00", "27 00 00 01 00"}, {"27 00 00 00 FF", "27 00 00 01 00"},
+        {"27 00 00 01 00", "27 00 00 01 00"}, {"27 00 00 01 01", "27 00 00 01 01"},
+        {"27 00 00 10 00", "27 00 00 10 00"}, {"27 FF FF FF FF", "27 FF FF FF FF"},
     };
     for (const auto &one : cases) {
         SCOPED_TRACE(one.sent);
@@ -85,8 +86,9 @@ TEST(connect, v5_known_properties_in_any_order)
 {
     BrokerProcess broker = BrokerProcess::start();
     Peer          client = Peer::tcp();
-    client.send("10 22 | 00 04 'MQTT' 05 02 00 3C | 14 | 19 01 | 27 00 00 02 00 | 22 00 0A | 11 00 00 00 3C | 21 00 14 | 17 01 | "
-                "00 01 'a'"); // 0x17 is not known and ends the walk
+    client.send(
+        "10 22 | 00 04 'MQTT' 05 02 00 3C | 14 | 19 01 | 27 00 00 02 00 | 22 00 0A | 11 00 00 00 3C | 21 00 14 | "
+        "17 01 | 00 01 'a'"); // 0x17 is not known and ends the walk
     client.expect("20 0B | 00 00 | 08 21 00 00 27 00 00 02 00");
 }
 
@@ -111,13 +113,13 @@ TEST(connect, undecodable_packets_get_no_answer)
     BrokerProcess broker = BrokerProcess::start();
     Peer          client = Peer::tcp();
     for (const char *bad : {
-             "10 0E | 00 06 'MQIsdp' 03 02 00 3C | 00 00",      // the name of the level before
-             "10 0D | 00 04 'MQTX' 04 02 00 3C | 00 01 'a'",    // no such name
-             "10 0D | 00 04 'MQTT' 03 02 00 3C | 00 01 'a'",    // no such level
+             "10 0E | 00 06 'MQIsdp' 03 02 00 3C | 00 00",   // the name of the level before
+             "10 0D | 00 04 'MQTX' 04 02 00 3C | 00 01 'a'", // no such name
+             "10 0D | 00 04 'MQTT' 03 02 00 3C | 00 01 'a'", // no such level
              "10 0D | 00 04 'MQTT' 06 02 00 3C | 00 01 'a'",
-             "12 0D | 00 04 'MQTT' 04 02 00 3C | 00 01 'a'",    // flags in the first byte
-             "10 07 | 00 04 'MQTT' 04",                         // nine bytes
-             "10 0D | 00 04 'MQTT' 04 02 00 3C | 00 02 'a'",    // an id past the end
+             "12 0D | 00 04 'MQTT' 04 02 00 3C | 00 01 'a'",                         // flags in the first byte
+             "10 07 | 00 04 'MQTT' 04",                                              // nine bytes
+             "10 0D | 00 04 'MQTT' 04 02 00 3C | 00 02 'a'",                         // an id past the end
              "10 13 | 00 04 'MQTT' 04 1E 00 3C | 00 01 'a' | 00 01 'w' | 00 01 'p'", // will QoS 3
              "10 11 | 00 04 'MQTT' 04 06 00 3C | 00 01 'a' | 00 00 | 00 00",         // no will topic
              "10 0F | 00 04 'MQTT' 04 82 00 3C | 00 01 'a' | 00 00",                 // no user name

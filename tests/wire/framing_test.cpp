@@ -36,7 +36,7 @@ void send_apart(Peer &peer, const Bytes &bytes)
 // A PUBLISH at QoS 1 with so many bytes in all. Its payload cannot be read as a property length.
 Bytes publish_of_size(size_t size)
 {
-    const Bytes head = wire("00 01 't' | 00 01 | FF FF FF FF");
+    const Bytes head  = wire("00 01 't' | 00 01 | FF FF FF FF");
     Bytes       whole = packet(0x32, head + repeat('z', size - 3 - head.size()));
     EXPECT_EQ(whole.size(), size);
     return whole;

@@ -210,13 +210,13 @@ TEST(host, sees_what_clients_do)
     client.publish("t/1", "hello", {.qos = 2});
     client.unsubscribe("t/#");
     client.disconnect();
-    EXPECT_THAT(seen(8), ElementsAre("auth a me secret",                                        //
-                                     R"(event 0 {"clientId":"a","topic":"","qos":0})",          //
-                                     "acl a subscribe t/#",                                     //
-                                     R"(event 3 {"clientId":"a","topic":"t/#","qos":1})",       //
-                                     "acl a publish t/1",                                       //
-                                     R"(event 2 {"clientId":"a","topic":"t/1","qos":2})",       //
-                                     R"(event 4 {"clientId":"a","topic":"t/#","qos":0})",       //
+    EXPECT_THAT(seen(8), ElementsAre("auth a me secret",                                  //
+                                     R"(event 0 {"clientId":"a","topic":"","qos":0})",    //
+                                     "acl a subscribe t/#",                               //
+                                     R"(event 3 {"clientId":"a","topic":"t/#","qos":1})", //
+                                     "acl a publish t/1",                                 //
+                                     R"(event 2 {"clientId":"a","topic":"t/1","qos":2})", //
+                                     R"(event 4 {"clientId":"a","topic":"t/#","qos":0})", //
                                      R"(event 1 {"clientId":"a","topic":"","qos":0})"));
 }
 

@@ -6,9 +6,11 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 using namespace tarn::test;
@@ -44,8 +46,9 @@ public:
 
     void play(const std::string &calls)
     {
-        for (size_t at = 0; at < calls.size(); at = calls.find(' ', at) == std::string::npos ? calls.size() : calls.find(' ', at) + 1)
-            call(calls.substr(at, calls.find(' ', at) - at));
+        std::istringstream words(calls);
+        for (std::string word; words >> word;)
+            call(word);
     }
 
 private:
@@ -55,15 +58,24 @@ private:
         const auto index  = static_cast<size_t>(word.at(1) - '0');
         broker_t *&broker = brokers_[index];
         switch (word.at(0)) {
-        case 'i': EXPECT_EQ(tarn_sdk_mqtt_broker_init(broker), 0); break;
-        case 's': EXPECT_EQ(start(index), word.size() > 2 ? std::stoi(word.substr(2)) : 0); break;
-        case 't': EXPECT_EQ(tarn_sdk_mqtt_broker_stop(broker), 0); break;
-        case 'd': tarn_sdk_mqtt_broker_deinit(broker); break;
+        case 'i':
+            EXPECT_EQ(tarn_sdk_mqtt_broker_init(broker), 0);
+            break;
+        case 's':
+            EXPECT_EQ(start(index), word.size() > 2 ? std::stoi(word.substr(2)) : 0);
+            break;
+        case 't':
+            EXPECT_EQ(tarn_sdk_mqtt_broker_stop(broker), 0);
+            break;
+        case 'd':
+            tarn_sdk_mqtt_broker_deinit(broker);
+            break;
         case 'x':
             tarn_sdk_mqtt_broker_destroy(broker);
             broker = tarn_sdk_mqtt_broker_create();
             break;
-        default: FAIL() << "no such call: " << word;
+        default:
+            FAIL() << "no such call: " << word;
         }
     }
     broker_t *brokers_[2];
@@ -104,7 +116,8 @@ void expect_no_growth(auto round)
     threads = thread_count();
     for (int i = 1; i < kRounds && !testing::Test::HasFailure(); ++i)
         round();
-    EXPECT_TRUE(wait_until([&] { return thread_count() <= threads; })) << thread_count() << " threads, were " << threads;
+    EXPECT_TRUE(wait_until([&] { return thread_count() <= threads; }))
+        << thread_count() << " threads, were " << threads;
     EXPECT_TRUE(wait_until([&] { return descriptor_count() <= descriptors; }))
         << descriptor_count() << " descriptors, were " << descriptors;
 }

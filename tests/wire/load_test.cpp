@@ -49,8 +49,9 @@ void expect_idle(pid_t pid)
 {
     const double share = cpu_share(pid, 5);
     printf("processor while idle: %.2f %% of a core\n", share * 100);
-    if (!kSanitized)
+    if (!kSanitized) {
         EXPECT_LT(share, 0.02);
+    }
 }
 
 void report(const LoopOptions &options, const LoopResult &result)
@@ -119,8 +120,9 @@ TEST(load_pace, sixty_four_in_flight)
     BrokerProcess broker = BrokerProcess::start();
     for (unsigned qos : {0u, 1u}) {
         const LoopResult result = measured({.qos = qos, .messages = 100000});
-        if (!kSanitized)
+        if (!kSanitized) {
             EXPECT_GT(result.deliveries_per_s(), 12800);
+        }
     }
 }
 
@@ -129,8 +131,9 @@ TEST(load_pace, one_in_flight)
     BrokerProcess broker = BrokerProcess::start();
     for (unsigned qos : {0u, 1u}) {
         const LoopResult result = measured({.qos = qos, .window = 1, .messages = 5000});
-        if (!kSanitized)
+        if (!kSanitized) {
             EXPECT_LT(result.p50_ms, 3);
+        }
     }
 }
 
@@ -139,8 +142,9 @@ TEST(load_pace, one_to_fifty)
     BrokerProcess broker = BrokerProcess::start();
     for (unsigned qos : {0u, 1u}) {
         const LoopResult result = measured({.qos = qos, .subscribers = 50, .messages = 4000});
-        if (!kSanitized)
+        if (!kSanitized) {
             EXPECT_GT(result.deliveries_per_s(), 50 * 6400 / 10);
+        }
     }
 }
 
@@ -148,8 +152,14 @@ namespace {
 
 constexpr unsigned kChurners = 50;
 
-std::string topic_of(unsigned n) { return "to/" + std::to_string(n); }
-std::string letter_to(unsigned n) { return "for " + std::to_string(n) + ";"; } // 'f' is no property length
+std::string topic_of(unsigned n)
+{
+    return "to/" + std::to_string(n);
+}
+std::string letter_to(unsigned n)
+{
+    return "for " + std::to_string(n) + ";";
+} // 'f' is no property length
 
 // A client that does something at random on each turn, never waits, and checks that all it gets is meant for it.
 class Churner {
@@ -162,17 +172,30 @@ public:
             return appear();
         read();
         switch (random_() % 16) {
-        case 0: leave(&Peer::hang_up); break;
-        case 1: leave(&Peer::reset); break;
+        case 0:
+            leave(&Peer::hang_up);
+            break;
+        case 1:
+            leave(&Peer::reset);
+            break;
         case 2:
             peer_->send("E0 00");
             leave(&Peer::hang_up);
             break;
-        case 3: peer_->send(subscribe_packet(4, 1, topic_of(number_), random_() % 3)); break;
-        case 4: peer_->send(unsubscribe_packet(4, 2, topic_of(number_))); break;
-        case 5: peer_->send(connect_packet(4, id())); break;
-        case 6: peer_->send("C0 00"); break;
-        default: write_to(random_() % kChurners);
+        case 3:
+            peer_->send(subscribe_packet(4, 1, topic_of(number_), random_() % 3));
+            break;
+        case 4:
+            peer_->send(unsubscribe_packet(4, 2, topic_of(number_)));
+            break;
+        case 5:
+            peer_->send(connect_packet(4, id()));
+            break;
+        case 6:
+            peer_->send("C0 00");
+            break;
+        default:
+            write_to(random_() % kChurners);
         }
     }
 
@@ -197,7 +220,8 @@ private:
 
     void write_to(unsigned other)
     {
-        peer_->send(publish_packet(4, topic_of(other), letter_to(other), {.qos = static_cast<unsigned>(random_() % 3), .id = 9}));
+        peer_->send(publish_packet(4, topic_of(other), letter_to(other),
+                                   {.qos = static_cast<unsigned>(random_() % 3), .id = 9}));
     }
 
     void read()
@@ -217,8 +241,9 @@ private:
             return;
         ++received_;
         const Bytes  topic = prefixed(topic_of(number_)), payload = text(letter_to(number_));
-        const size_t at    = 2 + topic.size() + (qos ? 2 : 0);
-        EXPECT_TRUE(packet.size() == at + payload.size() && std::equal(topic.begin(), topic.end(), packet.begin() + 2) &&
+        const size_t at = 2 + topic.size() + (qos ? 2 : 0);
+        EXPECT_TRUE(packet.size() == at + payload.size() &&
+                    std::equal(topic.begin(), topic.end(), packet.begin() + 2) &&
                     std::equal(payload.begin(), payload.end(), packet.begin() + static_cast<long>(at)))
             << id() << " got " << hex(packet);
         if (qos)
@@ -236,10 +261,18 @@ void host_turn(Host &host, std::minstd_rand &random)
     const unsigned    other = random() % kChurners;
     const std::string id    = "churn-" + std::to_string(other);
     switch (random() % 8) {
-    case 0: host.client_ids(); break;
-    case 1: tarn_sdk_mqtt_broker_get_online_count(host.broker()); break;
-    case 2: host.retained_topics(); break;
-    case 3: tarn_sdk_mqtt_broker_kick_client(host.broker(), id.c_str()); break;
+    case 0:
+        host.client_ids();
+        break;
+    case 1:
+        tarn_sdk_mqtt_broker_get_online_count(host.broker());
+        break;
+    case 2:
+        host.retained_topics();
+        break;
+    case 3:
+        tarn_sdk_mqtt_broker_kick_client(host.broker(), id.c_str());
+        break;
     case 4: {
         tarn_sdk_mqtt_client_info_t info;
         tarn_sdk_mqtt_broker_get_client_info(host.broker(), id.c_str(), &info);
@@ -250,7 +283,8 @@ void host_turn(Host &host, std::minstd_rand &random)
         tarn_sdk_mqtt_broker_get_stats(host.broker(), &stats);
         break;
     }
-    default: EXPECT_EQ(host.publish(topic_of(other), letter_to(other), random() % 3), 0);
+    default:
+        EXPECT_EQ(host.publish(topic_of(other), letter_to(other), random() % 3), 0);
     }
 }
 

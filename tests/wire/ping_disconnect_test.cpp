@@ -72,8 +72,7 @@ TEST(disconnect, v5_short_forms_and_other_properties_are_refused)
     Peer          client = Peer::tcp();
     client.connect_v5("a");
     for (const char *refused : {
-             "E0 00",
-             "E0 01 | 00",
+             "E0 00", "E0 01 | 00",
              "E0 07 | 00 | 05 | 11 00 00 00 3C", // the interval under its usual number
              "E0 04 | 00 | 09 | 1F 00",          // a block past the end
              "E0 05 | 00 | 03 | 10 00 00",       // half a value
@@ -173,7 +172,7 @@ TEST(will, keeps_the_property_length_of_its_level)
 
 TEST(will, waits_for_its_delay_and_is_cancelled_by_a_return)
 {
-    Watch test;
+    Watch         test;
     const Connect delayed = {.will = Will{"w", "oops", 0, false, wire("18 00 00 00 01")}};
     test.client.connect_v5("a", delayed);
     const double start = now_s();

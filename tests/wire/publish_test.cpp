@@ -197,9 +197,9 @@ TEST(publish, undecodable_packets_get_no_answer)
              "36 0A | 00 01 't' | 00 07 | 'hello'", // QoS 3
              "32 0A | 00 01 't' | 00 00 | 'hello'", // packet identifier 0
              "34 0A | 00 01 't' | 00 00 | 'hello'",
-             "30 07 | 00 00 | 'hello'",             // no topic
-             "30 08 | 00 09 't' | 'hello'",         // a topic past the end
-             "32 04 | 00 01 't' | 00",              // half an identifier
+             "30 07 | 00 00 | 'hello'",     // no topic
+             "30 08 | 00 09 't' | 'hello'", // a topic past the end
+             "32 04 | 00 01 't' | 00",      // half an identifier
              "30 01 | 00",
              "30 00",
          }) {
@@ -237,12 +237,18 @@ TEST(publish, the_largest_deliveries)
         Bytes    properties;
         size_t   payload; // with a topic of one character
     } cases[] = {
-        {4, 0, {}, 2042}, {4, 1, {}, 2040}, {4, 2, {}, 2040},
-        {5, 0, {}, 2041}, {5, 1, {}, 2039}, {5, 2, {}, 2039},
-        {5, 0, wire("02 00 00 00 3C"), 2036}, {5, 1, wire("02 00 00 00 3C"), 2034},
+        {4, 0, {}, 2042},
+        {4, 1, {}, 2040},
+        {4, 2, {}, 2040},
+        {5, 0, {}, 2041},
+        {5, 1, {}, 2039},
+        {5, 2, {}, 2039},
+        {5, 0, wire("02 00 00 00 3C"), 2036},
+        {5, 1, wire("02 00 00 00 3C"), 2034},
     };
     for (const auto &one : cases) {
-        SCOPED_TRACE(testing::Message() << "level " << one.level << ", QoS " << one.qos << ", " << one.payload << " bytes");
+        SCOPED_TRACE(testing::Message() << "level " << one.level << ", QoS " << one.qos << ", " << one.payload
+                                        << " bytes");
         Trio        test(one.qos);
         Peer       &receiver = one.level == 5 ? test.v5 : test.v4;
         Publish     options  = {.qos = one.qos, .properties = one.properties};
@@ -258,8 +264,8 @@ TEST(publish, the_largest_deliveries)
 
 TEST(publish, a_payload_is_cut_to_2048_bytes)
 {
-    BrokerProcess     broker = BrokerProcess::start();
-    Peer              client = Peer::tcp();
+    BrokerProcess     broker       = BrokerProcess::start();
+    Peer              client       = Peer::tcp();
     const std::string long_payload = "\xFF\xFF\xFF\xFF" + std::string(2996, 'x');
     client.connect_v4("s").subscribe("t", 1);
     Peer sender = Peer::tcp();

@@ -72,10 +72,10 @@ TEST(subscribe, filters_that_are_refused)
     Peer          client = Peer::tcp();
     client.connect_v4("a");
     const std::map<std::string, bool> taken = {
-        {"#", true},     {"/#", true},    {"a/#", true},  {"+", true},     {"+/b", true},   {"a/+", true},
-        {"a//b", true},  {"/", true},     {"a/", true},   {"a/+/b", true}, {"+/+/+", true}, {"$share/g/a", true},
-        {"a#", false},   {"a/#/b", false}, {"a/##", false}, {"##", false},  {"a+", false},   {"+a", false},
-        {"a/+b/c", false}, {"++", false},  {"+/#", false}, {"a/+/#", false}, {"+/b/#", false},
+        {"#", true},       {"/#", true},     {"a/#", true},   {"+", true},      {"+/b", true},    {"a/+", true},
+        {"a//b", true},    {"/", true},      {"a/", true},    {"a/+/b", true},  {"+/+/+", true},  {"$share/g/a", true},
+        {"a#", false},     {"a/#/b", false}, {"a/##", false}, {"##", false},    {"a+", false},    {"+a", false},
+        {"a/+b/c", false}, {"++", false},    {"+/#", false},  {"a/+/#", false}, {"+/b/#", false},
     };
     unsigned id = 0;
     for (const auto &[filter, good] : taken) {
@@ -91,15 +91,33 @@ TEST(subscribe, what_filters_match)
         const char *filter, *topic;
         bool        match;
     } cases[] = {
-        {"sport/#", "sport", true},      {"sport/#", "sport/", true},  {"sport/#", "sport/tennis/x", true},
-        {"sport/#", "sports", false},    {"#", "$SYS/x", true},        {"+/x", "$SYS/x", true},
-        {"a/+", "a/b", true},            {"a/+", "a/", false},         {"a/+", "a/b/", true},
-        {"a/+", "a/b/c", false},         {"a/+", "a", false},          {"+/b", "/b", true},
-        {"+", "/", true},                {"+", "a", true},             {"+", "a/b", false},
-        {"a/b", "a/b/c", false},         {"a/b/c", "a/b", false},      {"A/b", "a/b", false},
-        {"a/+/c", "a/b/c", true},        {"a/+/c", "a//c", true},      {"a/+/c", "a/b/d", false},
-        {"$share/g1/a/+", "a/x", true},  {"$share/g1/", "a", false},   {"a/b", "a/+", false},
-        {"$share/g", "$share/g", true},  {"/#", "/x", true},           {"/#", "x", false},
+        {"sport/#", "sport", true},
+        {"sport/#", "sport/", true},
+        {"sport/#", "sport/tennis/x", true},
+        {"sport/#", "sports", false},
+        {"#", "$SYS/x", true},
+        {"+/x", "$SYS/x", true},
+        {"a/+", "a/b", true},
+        {"a/+", "a/", false},
+        {"a/+", "a/b/", true},
+        {"a/+", "a/b/c", false},
+        {"a/+", "a", false},
+        {"+/b", "/b", true},
+        {"+", "/", true},
+        {"+", "a", true},
+        {"+", "a/b", false},
+        {"a/b", "a/b/c", false},
+        {"a/b/c", "a/b", false},
+        {"A/b", "a/b", false},
+        {"a/+/c", "a/b/c", true},
+        {"a/+/c", "a//c", true},
+        {"a/+/c", "a/b/d", false},
+        {"$share/g1/a/+", "a/x", true},
+        {"$share/g1/", "a", false},
+        {"a/b", "a/+", false},
+        {"$share/g", "$share/g", true},
+        {"/#", "/x", true},
+        {"/#", "x", false},
     };
     Topics test;
     for (const auto &one : cases) {
@@ -137,7 +155,8 @@ TEST(subscribe, reading_stops_at_a_bad_filter)
     client.expect("90 03 | 00 02 | 01");
     client.send("82 09 | 00 03 | 00 01 'x' 01 | 00 01 'y'"); // one without its options
     client.expect("90 03 | 00 03 | 01");
-    client.send("82 0B | 00 04 | 00 02 00 'x' 01 | 00 01 'y' 02"); // one that begins with a zero byte is empty, but counts
+    client.send(
+        "82 0B | 00 04 | 00 02 00 'x' 01 | 00 01 'y' 02"); // one that begins with a zero byte is empty, but counts
     client.expect("90 04 | 00 04 | 80 02");
 }
 
@@ -218,8 +237,8 @@ TEST(subscribe, subscribing_again_replaces_the_qos)
 
 TEST(subscribe, shared_members_take_turns)
 {
-    BrokerProcess broker = BrokerProcess::start();
-    Peer          sender = Peer::tcp();
+    BrokerProcess     broker = BrokerProcess::start();
+    Peer              sender = Peer::tcp();
     std::vector<Peer> members;
     for (const char *id : {"a", "b", "c"}) {
         members.push_back(Peer::tcp());
@@ -276,10 +295,10 @@ TEST(unsubscribe, undecodable_packets_get_no_answer)
     Peer          client = Peer::tcp();
     client.connect_v4("a");
     for (const char *bad : {
-             "A0 05 | 00 01 | 00 01 'x'",            // flags
-             "A2 05 | 00 00 | 00 01 'x'",            // packet identifier 0
-             "A2 00",                                // no identifier
-             "A2 04 | 00 01 | 00 00",                // an empty filter fails the whole packet
+             "A0 05 | 00 01 | 00 01 'x'", // flags
+             "A2 05 | 00 00 | 00 01 'x'", // packet identifier 0
+             "A2 00",                     // no identifier
+             "A2 04 | 00 01 | 00 00",     // an empty filter fails the whole packet
              "A2 07 | 00 01 | 00 01 'x' | 00 00",
              "A2 05 | 00 01 | 00 09 'x'",
          }) {

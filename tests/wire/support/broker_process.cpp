@@ -25,7 +25,10 @@ std::vector<std::string> command(const BrokerOptions &options)
 
 } // namespace
 
-BrokerProcess BrokerProcess::start(const BrokerOptions &options) { return BrokerProcess(options); }
+BrokerProcess BrokerProcess::start(const BrokerOptions &options)
+{
+    return BrokerProcess(options);
+}
 
 BrokerProcess::BrokerProcess(const BrokerOptions &options) : child_("broker", command(options))
 {
@@ -39,7 +42,8 @@ BrokerProcess::~BrokerProcess()
     if (child_.running())
         stop();
     if (testing::Test::HasFailure())
-        printf("---- end of the broker's log\n%s%s----\n", tail(child_.output()).c_str(), tail(child_.errors()).c_str());
+        printf("---- end of the broker's log\n%s%s----\n", tail(child_.output()).c_str(),
+               tail(child_.errors()).c_str());
 }
 
 void BrokerProcess::stop()

@@ -24,9 +24,9 @@ public:
     BrokerProcess(BrokerProcess &&) = default;
     ~BrokerProcess();
 
-    void   stop();  // asks it to end and expects that it ends well
-    void   crash(); // kills it
-    pid_t  pid() const { return child_.pid(); }
+    void        stop();  // asks it to end and expects that it ends well
+    void        crash(); // kills it
+    pid_t       pid() const { return child_.pid(); }
     std::string log() const { return child_.output(); } // lines it has flushed so far
 
 private:

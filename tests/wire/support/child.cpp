@@ -58,7 +58,10 @@ Child::Child(const std::string &name, const std::vector<std::string> &command) :
     _exit(127);
 }
 
-Child::Child(Child &&other) noexcept { *this = std::move(other); }
+Child::Child(Child &&other) noexcept
+{
+    *this = std::move(other);
+}
 
 Child &Child::operator=(Child &&other) noexcept
 {
@@ -76,7 +79,8 @@ Child::~Child()
 bool Child::ended() const
 {
     siginfo_t info{};
-    return !running() || (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0);
+    return !running() ||
+           (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0);
 }
 
 void Child::signal(int number) const

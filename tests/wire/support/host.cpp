@@ -27,7 +27,8 @@ bool on_auth(broker_t *, const char *client_id, const char *username, const char
 bool on_acl(broker_t *, const char *client_id, const char *topic, uint8_t action, mqtt_client_t *)
 {
     const std::lock_guard lock(g_hooks_mutex);
-    g_seen.push_back(std::string("acl ") + client_id + (action == BROKER_ACL_PUBLISH ? " publish " : " subscribe ") + topic);
+    g_seen.push_back(std::string("acl ") + client_id + (action == BROKER_ACL_PUBLISH ? " publish " : " subscribe ") +
+                     topic);
     return g_refused_topic.empty() || g_refused_topic != topic;
 }
 

@@ -16,12 +16,12 @@ class Host {
 public:
     explicit Host(int max_clients = 100);
     ~Host();
-    Host(const Host &) = delete;
+    Host(const Host &)            = delete;
     Host &operator=(const Host &) = delete;
 
-    broker_t *broker() const { return broker_; }
-    int32_t   publish(std::string_view topic, std::string_view payload, unsigned qos = 0, bool retain = false,
-                      uint32_t expiry_s = 0);
+    broker_t   *broker() const { return broker_; }
+    int32_t     publish(std::string_view topic, std::string_view payload, unsigned qos = 0, bool retain = false,
+                        uint32_t expiry_s = 0);
     std::string client_ids();
     std::string retained_topics();
 

@@ -117,16 +117,19 @@ private:
         return ready;
     }
 
-    bool greet(Link &link, const std::string &id) { return link.open(options_.port) && ask(link, connect_packet(4, id), 0x20); }
+    bool greet(Link &link, const std::string &id)
+    {
+        return link.open(options_.port) && ask(link, connect_packet(4, id), 0x20);
+    }
 
     bool ask(Link &link, const Bytes &request, uint8_t answer)
     {
         bool answered = false;
         link.queue(request);
         return link.flush() && wait_until([&] {
-            link.read([&](const uint8_t *packet, size_t) { answered |= packet[0] == answer; });
-            return answered;
-        });
+                   link.read([&](const uint8_t *packet, size_t) { answered |= packet[0] == answer; });
+                   return answered;
+               });
     }
 
     void exchange()
@@ -154,7 +157,8 @@ private:
             Stamp stamp{.number = sent_, .sent_at_s = now_s()};
             Bytes payload(options_.payload_bytes, 'x');
             memcpy(payload.data(), &stamp, sizeof stamp);
-            publisher_.queue(publish_packet(4, options_.topic, payload, {.qos = options_.qos, .id = sent_ % 65535 + 1}));
+            publisher_.queue(
+                publish_packet(4, options_.topic, payload, {.qos = options_.qos, .id = sent_ % 65535 + 1}));
         }
     }
 
@@ -172,7 +176,9 @@ private:
         bool alive = publisher_.read([&](const uint8_t *packet, size_t) { acknowledged_ += packet[0] == 0x40; });
         for (Subscriber &subscriber : subscribers_)
             alive &= subscriber.link.read([&](const uint8_t *packet, size_t size) { take(subscriber, packet, size); });
-        arrived_ = std::min_element(subscribers_.begin(), subscribers_.end(), [](auto &a, auto &b) { return a.next < b.next; })->next;
+        arrived_ = std::min_element(subscribers_.begin(), subscribers_.end(), [](auto &a, auto &b) {
+                       return a.next < b.next;
+                   })->next;
         return alive;
     }
 
@@ -220,6 +226,9 @@ private:
 
 } // namespace
 
-LoopResult run_message_loop(const LoopOptions &options) { return Loop(options).run(); }
+LoopResult run_message_loop(const LoopOptions &options)
+{
+    return Loop(options).run();
+}
 
 } // namespace tarn::test

@@ -24,8 +24,8 @@ struct LoopResult {
     std::string error; // empty: all went well
     double      seconds    = 0;
     uint64_t    deliveries = 0;
-    uint64_t    lost       = 0; // deliveries that never came
-    uint64_t    disordered = 0; // deliveries that came twice or behind a later one
+    uint64_t    lost       = 0;                     // deliveries that never came
+    uint64_t    disordered = 0;                     // deliveries that came twice or behind a later one
     double      p50_ms = 0, p99_ms = 0, max_ms = 0; // from send to delivery
 
     double deliveries_per_s() const { return seconds > 0 ? static_cast<double>(deliveries) / seconds : 0; }

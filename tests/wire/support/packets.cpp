@@ -3,14 +3,20 @@
 namespace tarn::test {
 namespace {
 
-Bytes u32(uint32_t value) { return u16(value >> 16) + u16(value & 0xFFFF); }
+Bytes u32(uint32_t value)
+{
+    return u16(value >> 16) + u16(value & 0xFFFF);
+}
 
 Bytes block(const Bytes &properties) // length and properties; all that tests send are shorter than 128 bytes
 {
     return Bytes{static_cast<uint8_t>(properties.size())} + properties;
 }
 
-Bytes level5(unsigned level, const Bytes &bytes) { return level == 5 ? bytes : Bytes{}; }
+Bytes level5(unsigned level, const Bytes &bytes)
+{
+    return level == 5 ? bytes : Bytes{};
+}
 
 uint8_t connect_flags(const Connect &options)
 {
@@ -77,9 +83,15 @@ Bytes unsubscribe_packet(unsigned level, unsigned id, std::string_view filter)
     return packet(0xA2, u16(id) + level5(level, wire("00")) + prefixed(filter));
 }
 
-Bytes ack_packet(unsigned level, uint8_t first, unsigned id) { return packet(first, u16(id) + level5(level, wire("00"))); }
+Bytes ack_packet(unsigned level, uint8_t first, unsigned id)
+{
+    return packet(first, u16(id) + level5(level, wire("00")));
+}
 
-Bytes disconnect_packet(unsigned level) { return level == 5 ? wire("E0 02 | 00 00") : wire("E0 00"); }
+Bytes disconnect_packet(unsigned level)
+{
+    return level == 5 ? wire("E0 02 | 00 00") : wire("E0 00");
+}
 
 size_t packet_size(const uint8_t *bytes, size_t count)
 {

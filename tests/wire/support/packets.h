@@ -13,16 +13,16 @@ namespace tarn::test {
 struct Will {
     std::string topic;
     std::string payload;
-    unsigned    qos    = 0;
-    bool        retain = false;
+    unsigned    qos        = 0;
+    bool        retain     = false;
     Bytes       properties = {}; // level 5 only, without their length
 };
 
 struct Connect {
-    bool                       clean           = true;
-    unsigned                   keep_alive_s    = 60;
-    uint32_t                   max_packet_size = 4096; // level 5 only, 0 = not sent
-    std::optional<uint32_t>    session_expiry_s = {};  // level 5 only
+    bool                       clean            = true;
+    unsigned                   keep_alive_s     = 60;
+    uint32_t                   max_packet_size  = 4096; // level 5 only, 0 = not sent
+    std::optional<uint32_t>    session_expiry_s = {};   // level 5 only
     std::optional<Will>        will             = {};
     std::optional<std::string> username         = {};
     std::optional<std::string> password         = {};

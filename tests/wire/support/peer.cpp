@@ -24,7 +24,10 @@ sockaddr_in loopback(uint16_t port)
     return address;
 }
 
-int left_ms(double end_s) { return std::max(0, static_cast<int>((end_s - now_s()) * 1000 + 0.999)); }
+int left_ms(double end_s)
+{
+    return std::max(0, static_cast<int>((end_s - now_s()) * 1000 + 0.999));
+}
 
 } // namespace
 
@@ -48,10 +51,19 @@ Peer Peer::open(int type, uint16_t port, Where where)
     return {fd, where};
 }
 
-Peer Peer::tcp(uint16_t port, Where where) { return open(SOCK_STREAM, port, where); }
-Peer Peer::udp(uint16_t port, Where where) { return open(SOCK_DGRAM, port, where); }
+Peer Peer::tcp(uint16_t port, Where where)
+{
+    return open(SOCK_STREAM, port, where);
+}
+Peer Peer::udp(uint16_t port, Where where)
+{
+    return open(SOCK_DGRAM, port, where);
+}
 
-Peer::Peer(Peer &&other) noexcept { *this = std::move(other); }
+Peer::Peer(Peer &&other) noexcept
+{
+    *this = std::move(other);
+}
 
 Peer &Peer::operator=(Peer &&other) noexcept
 {
@@ -66,7 +78,10 @@ Peer &Peer::operator=(Peer &&other) noexcept
     return *this;
 }
 
-Peer::~Peer() { hang_up(); }
+Peer::~Peer()
+{
+    hang_up();
+}
 
 void Peer::hang_up()
 {
@@ -123,16 +138,19 @@ Peer::Got Peer::receive(int limit_ms)
     if (count <= 0)
         return Got::Closed;
     rx_.insert(rx_.end(), chunk, chunk + count);
-    return Got::Bytes;
+    return Got::Data;
 }
 
 bool Peer::drain()
 {
     for (;;) {
         switch (receive(0)) {
-        case Got::Nothing: return true;
-        case Got::Closed: return false;
-        case Got::Bytes: break;
+        case Got::Nothing:
+            return true;
+        case Got::Closed:
+            return false;
+        case Got::Data:
+            break;
         }
     }
 }
@@ -150,7 +168,7 @@ Captured Peer::expect(const Pattern &pattern, Where where)
             return captured;
         }
         const Got got = receive(left_ms(end_s));
-        if (got == Got::Bytes)
+        if (got == Got::Data)
             continue;
         why = got == Got::Closed ? "the connection ended" : "the time is up";
         if (got == Got::Closed || now_s() >= end_s)
@@ -172,7 +190,10 @@ void Peer::expect_nothing(int ms, Where where)
         fail(where, "expected silence\n  got      " + hex(rx_));
 }
 
-void Peer::expect_ignored(Where where) { ping(where); }
+void Peer::expect_ignored(Where where)
+{
+    ping(where);
+}
 
 void Peer::expect_closed(Where where)
 {
@@ -182,7 +203,8 @@ void Peer::expect_closed(Where where)
     while (rx_.empty() && now_s() < end_s)
         if (receive(left_ms(end_s)) == Got::Closed)
             return;
-    fail(where, rx_.empty() ? "the connection stays open" : "expected the end of the connection\n  got      " + hex(rx_));
+    fail(where,
+         rx_.empty() ? "the connection stays open" : "expected the end of the connection\n  got      " + hex(rx_));
 }
 
 Bytes Peer::read_packet(int limit_ms)

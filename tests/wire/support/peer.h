@@ -17,9 +17,12 @@ namespace tarn::test {
 
 // The line of the test that spoke.
 struct Where {
-    const char *file;
-    int         line;
-    static constexpr Where here(const char *file = __builtin_FILE(), int line = __builtin_LINE()) { return {file, line}; }
+    const char            *file;
+    int                    line;
+    static constexpr Where here(const char *file = __builtin_FILE(), int line = __builtin_LINE())
+    {
+        return {file, line};
+    }
 };
 
 class Peer {
@@ -70,14 +73,14 @@ public:
 private:
     Peer(int fd, Where where);
     static Peer open(int type, uint16_t port, Where where);
-    enum class Got { Bytes, Closed, Nothing };
+    enum class Got { Data, Closed, Nothing };
     Got  receive(int limit_ms);
     void fail(Where where, const std::string &what);
 
-    int      fd_     = -1;
-    unsigned level_  = 4;
+    int      fd_      = -1;
+    unsigned level_   = 4;
     unsigned next_id_ = 1;
-    bool     failed_ = false;
+    bool     failed_  = false;
     Bytes    rx_;
 };
 

@@ -19,12 +19,21 @@ int entries(const char *directory)
     return count;
 }
 
-std::string proc(pid_t pid, const char *name) { return file_text("/proc/" + std::to_string(pid) + "/" + name); }
+std::string proc(pid_t pid, const char *name)
+{
+    return file_text("/proc/" + std::to_string(pid) + "/" + name);
+}
 
 } // namespace
 
-int thread_count() { return entries("/proc/self/task"); }
-int descriptor_count() { return entries("/proc/self/fd"); }
+int thread_count()
+{
+    return entries("/proc/self/task");
+}
+int descriptor_count()
+{
+    return entries("/proc/self/fd");
+}
 
 double cpu_seconds(pid_t pid)
 {
@@ -32,7 +41,8 @@ double cpu_seconds(pid_t pid)
     unsigned long long user = 0, system = 0;
     const size_t       name_end = stat.rfind(')'); // the name may hold blanks
     if (name_end == std::string::npos ||
-        sscanf(stat.c_str() + name_end + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %llu %llu", &user, &system) != 2)
+        sscanf(stat.c_str() + name_end + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %llu %llu", &user, &system) !=
+            2)
         return 0;
     return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }

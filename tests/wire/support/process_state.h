@@ -7,9 +7,9 @@
 
 namespace tarn::test {
 
-int    thread_count();                 // of the calling process
-int    descriptor_count();             // of the calling process
-double cpu_seconds(pid_t pid);         // user and system
+int    thread_count();         // of the calling process
+int    descriptor_count();     // of the calling process
+double cpu_seconds(pid_t pid); // user and system
 size_t resident_bytes(pid_t pid);
 bool   raise_descriptor_limit(size_t wanted); // for this process and those it starts; false when not allowed
 

@@ -20,7 +20,10 @@ inline constexpr int  kSlowdown  = 1;
 inline constexpr int kLimit_ms = 4000 * kSlowdown; // for anything that must happen
 inline constexpr int kQuiet_ms = 200;              // for anything that must not
 
-inline void pause_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+inline void pause_ms(int ms)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
 
 inline double now_s()
 {
