@@ -41,6 +41,9 @@ enum PacketType : uint8_t {
 // A capacity or input length as log lines show it, -1 when the pointer is missing.
 [[nodiscard]] inline int length_of(const int *buf_len) { return buf_len ? *buf_len : -1; }
 
+// A pointer for "%p", which takes nothing but void pointers.
+[[nodiscard]] inline const void *addr(const void *pointer) { return pointer; }
+
 // ---- encoders
 
 // Zeroes the caller's whole buffer, which the caller may see, and writes the first byte.
