@@ -10,8 +10,9 @@ namespace {
 
 // properties: length:varint ... stepped over unread.
 //
-// QUIRK(ack-zero-property-length): a property length of 0 is not counted as consumed, against 2.2.2.1 (it is part of
-// the packet); for SUBACK it becomes the first code. The encoder of this codec never writes the byte.
+// QUIRK(ack-zero-property-length): a property length of 0 is not counted as consumed, against [MQTT 5.0 2.2.2.1]
+// (it is part of the packet); for SUBACK it becomes the first code. The encoder of this codec never writes the
+// byte.
 //   test: ack_decode.a_zero_property_length_is_not_consumed
 void skip_properties(Reader &in)
 {
@@ -35,9 +36,9 @@ void read_codes(Reader &in, mqtt_ack_para_t &para)
 // reserved [MQTT-2.1.3-1]: an acknowledgement that names its identifier is worth more than its flags.
 //   test: ack_decode.does_not_look_at_the_flags
 //
-// QUIRK(ack-level-detection): the level follows from the length instead of from CONNECT [MQTT-3.1.2-1]. A 5.0 client
-// that leaves out a reason code of 0 (MQTT 5.0 3.4.2.1 allows it) moves its context to 3.1.1, a 3.1.1 SUBACK with codes reads as
-// 5.0 with its first code as the reason.
+// QUIRK(ack-level-detection): the level follows from the length instead of from CONNECT [MQTT 5.0 3.1.2.2]. A 5.0
+// client that leaves out a reason code of 0 [MQTT 5.0 3.4.2.1] moves its context to 3.1.1, a 3.1.1 SUBACK with
+// codes reads as 5.0 with its first code as the reason.
 //   test: ack_decode.the_length_tells_the_level
 int mqtt_codec_decode_ack(mqtt_codec_ctx_t *ctx, int type, const uint8_t *buf, int *buf_len, mqtt_ack_para_t *para)
 {

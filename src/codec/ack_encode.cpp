@@ -3,7 +3,8 @@
 // 3.1.1:  type+flags:u8  remaining:varint  packet-id:u16  { SUBACK: code:u8 * 0..16 }
 // 5.0:    type+flags:u8  remaining:varint  packet-id:u16  reason:u8  { SUBACK: code:u8 * 0..16 }
 //
-// The lines about granted QoS at INFO follow one subscription from request to wire; operators read them in this order.
+// The lines about granted QoS at INFO follow one subscription from request to wire; operators read them in this
+// order.
 #include "codec_internal.h"
 
 using namespace tarn;
@@ -28,13 +29,15 @@ uint8_t first_byte(int type)
     return kPubrel;
 }
 
-// QUIRK(ack-no-properties): a 5.0 acknowledgement is three bytes, identifier and reason code, and never has a property
-// length, which is legal for the four PUBxxx (MQTT 5.0 3.4.2.2.1). UNSUBACK is built the same way although [MQTT-3.11.3-1] wants
-// properties and one code a filter: receivers of this broker know it as a plain acknowledgement.
+// QUIRK(ack-no-properties): a 5.0 acknowledgement is three bytes, identifier and reason code, and never has a
+// property length, which is legal for the four PUBxxx [MQTT 5.0 3.4.2.2.1]. UNSUBACK is built the same way although
+// [MQTT-3.11.3-1] wants properties and one code a filter: receivers of this broker know it as a plain
+// acknowledgement.
 //   test: ack_encode.unsuback_has_one_reason_code_at_5
 //
-// QUIRK(suback-third-byte): the third byte of a 5.0 SUBACK is 0 whatever the record's reason code says. It stands where
-// the property length belongs (MQTT 5.0 3.9.2.1), so a standard receiver reads "no properties" and then the codes.
+// QUIRK(suback-third-byte): the third byte of a 5.0 SUBACK is 0 whatever the record's reason code says. It stands
+// where the property length belongs [MQTT 5.0 3.9.2.1], so a standard receiver reads "no properties" and then the
+// codes.
 //   test: ack_encode.suback_reason_code_is_forced_to_zero
 void put_reason(Writer &head, int type, const mqtt_ack_para_t &para)
 {

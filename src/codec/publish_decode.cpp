@@ -1,7 +1,7 @@
 // publish_decode.cpp - PUBLISH into its record.
 //
-// The packet itself tells its level: bytes behind topic and identifier that read as a property block which fits make it
-// 5.0, anything else 3.1.1. What the context thinks is not asked; it learns the answer.
+// The packet itself tells its level: bytes behind topic and identifier that read as a property block which fits
+// make it 5.0, anything else 3.1.1. What the context thinks is not asked; it learns the answer.
 #include "codec_internal.h"
 
 using namespace tarn;
@@ -56,8 +56,8 @@ void trace_success(uint32_t level, const mqtt_publish_para_t &para, int consumed
 }
 
 // QUIRK(publish-flags): of the reserved combinations only QoS 3 is refused [MQTT-3.3.1-4]; DUP on QoS 0
-// [MQTT-3.3.1-2] passes. Topics are taken as bytes: neither UTF-8 [MQTT-1.5.4-1], nor a NUL inside [MQTT-1.5.4-2], nor
-// wildcards [MQTT-3.3.2-2] are looked for, because routing compares bytes.
+// [MQTT-3.3.1-2] passes. Topics are taken as bytes: neither UTF-8 [MQTT-1.5.4-1], nor a NUL inside [MQTT-1.5.4-2],
+// nor wildcards [MQTT-3.3.2-2] are looked for, because routing compares bytes.
 //   test: publish_decode.takes_flags_and_topics_as_they_come
 int read_flags(const FixedHeader &header, mqtt_publish_para_t &para)
 {
@@ -77,13 +77,13 @@ int read_flags(const FixedHeader &header, mqtt_publish_para_t &para)
 
 // topic:text
 //
-// QUIRK(publish-topic-in-input): the topic is bounded by the input, not by the packet's own end, against 2.1.4
-// (the remaining length counts everything that belongs to the packet); the framing hands over single packets, where
-// both ends are one.
+// QUIRK(publish-topic-in-input): the topic is bounded by the input, not by the packet's own end, against
+// [MQTT 5.0 2.1.4] (the remaining length counts everything that belongs to the packet); the framing hands over single
+// packets, where both ends are one.
 //   test: publish_decode.topic_may_reach_past_the_packet_into_the_input
 //
 // QUIRK(publish-empty-topic): an empty topic is refused at 5.0 too, where a Topic Alias may stand for it
-// [MQTT-3.3.2-8]; the broker keeps no aliases.
+// [MQTT 5.0 3.3.2.3.4]; the broker keeps no aliases.
 //   test: publish_decode.refuses_an_empty_topic
 int read_topic(Reader &in, mqtt_publish_para_t &para)
 {
@@ -124,9 +124,10 @@ int read_id(Reader &in, int packet_end, mqtt_publish_para_t &para)
     return CODEC_OK;
 }
 
-// QUIRK(publish-level-detection): the level is read off the packet instead of taken from the connection [MQTT-3.1.2-1].
-// A 3.1.1 payload whose first bytes read as a property length that fits loses them, and the context moves to 5.0.
-// Clients that change their mind about the level are served as they speak; those payloads are the known price.
+// QUIRK(publish-level-detection): the level is read off the packet instead of taken from the connection
+// [MQTT 5.0 3.1.2.2]. A 3.1.1 payload whose first bytes read as a property length that fits loses them, and the context moves
+// to 5.0. Clients that change their mind about the level are served as they speak; those payloads are the known
+// price.
 //   test: publish_decode.a_payload_that_looks_like_properties_makes_it_5
 //
 // True, and `in` behind the length field, when a property block stands here. Sets its end.
@@ -141,9 +142,9 @@ bool property_block(Reader &in, int packet_end, int &block_end)
     return true;
 }
 
-// QUIRK(unknown-property-skip): an identifier without a row is stepped over as if its value were length-prefixed, which
-// misreads the fixed-size properties of MQTT 5.0 (MQTT 5.0 2.2.2.2) behind which the walk may even leave the block. One rule for
-// all families of this codec; nothing it misreads is kept.
+// QUIRK(unknown-property-skip): an identifier without a row is stepped over as if its value were length-prefixed,
+// which misreads the fixed-size properties of the standard [MQTT 5.0 2.2.2.2], and may even lead
+// beyond the block. One rule for all families of this codec; nothing it misreads is kept.
 //   test: publish_decode.unknown_properties_are_skipped_as_length_prefixed
 void skip_unknown(Reader &in, uint8_t id, int block_end)
 {
@@ -181,8 +182,8 @@ void read_properties(Reader &in, int block_end, mqtt_publish_para_t &para)
 
 // payload: the rest of the packet.
 //
-// QUIRK(publish-truncate): of a payload above 2048 bytes the first 2048 are kept and the rest is not consumed, instead of
-// answering with 0x95 Packet too large (MQTT 5.0 3.3.4): a long message is rather shortened than lost.
+// QUIRK(publish-truncate): of a payload above 2048 bytes the first 2048 are kept and the rest is not consumed,
+// instead of answering with 0x95 Packet too large [MQTT 5.0 3.3.4]: a long message is rather shortened than lost.
 //   test: publish_decode.a_long_payload_is_cut_at_its_limit
 int read_payload(Reader &in, int packet_end, mqtt_publish_para_t &para)
 {

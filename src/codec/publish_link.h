@@ -21,13 +21,13 @@ struct PublishView {
     uint16_t                 topic_alias         = 0; // 0 = absent
 };
 
-// mqtt_codec_encode_publish without record and context: the same packet, result and log lines. Two things are left to
-// the caller: bytes of `buf` behind the packet keep what they held (a refused call may have written header bytes), and
-// no context learns of it.
+// mqtt_codec_encode_publish without record and context: the same packet, result and log lines. Two things are left
+// to the caller: bytes of `buf` behind the packet keep what they held (a refused call may have written header
+// bytes), and no context learns of it.
 [[nodiscard]] int encode_publish_view(uint32_t level, const PublishView &message, uint8_t *buf, int *buf_len) noexcept;
 
-// Where the two bytes of the packet identifier stand (big-endian) inside an encoded PUBLISH of QoS 1 or 2; -1 when the
-// packet is none.
+// Where the two bytes of the packet identifier stand (big-endian) inside an encoded PUBLISH of QoS 1 or 2; -1 when
+// the packet is none.
 [[nodiscard]] int publish_id_offset(const uint8_t *packet, int len) noexcept;
 
 } // namespace tarn::codec

@@ -31,8 +31,8 @@ int mqtt_codec_encode_simple(mqtt_codec_ctx_t *ctx, int type, uint8_t *buf, int 
 // type+flags:u8  remaining:varint  [anything]
 //
 // QUIRK(simple-lenient): any type may be asked for, flags [MQTT-2.1.3-1] are not looked at, content is stepped over
-// unread and may be incomplete; content means 5.0, none means 3.1.1 instead of the level of CONNECT [MQTT-3.1.2-1].
-// The decoder only answers "is it this packet, and where does it end".
+// unread and may be incomplete; content means 5.0, none means 3.1.1 instead of the level of CONNECT
+// [MQTT 5.0 3.1.2.2]. The decoder only answers "is it this packet, and where does it end".
 //   test: simple_decode.content_means_5_and_may_be_incomplete
 int mqtt_codec_decode_simple(mqtt_codec_ctx_t *ctx, int type, const uint8_t *buf, int *buf_len)
 {

@@ -68,8 +68,9 @@ int mqtt_codec_encode_subscribe(mqtt_codec_ctx_t *ctx, const mqtt_subscribe_para
 namespace {
 
 // QUIRK(subscribe-properties): this codec's SUBSCRIBE has a Max QoS (26), a Retain Handling (27) and a Subscription
-// Identifier (0B) of one byte each, where the standard has a variable byte integer for 0B and User Property as 26
-// [MQTT 5.0 3.8.2.1]. The broker stores none of them, so a client that sends the standard's is only misread here.
+// Identifier (0B) of one byte each, where the standard has a variable byte integer for 0B and User Property as 26,
+// and a property length that cannot be read means none [MQTT 5.0 3.8.2.1]. The broker stores none of them, so a
+// client that sends the standard's is only misread here.
 //   test: subscribe_decode.properties_are_one_byte_each
 struct PropertyRow {
     uint8_t id;
@@ -139,7 +140,8 @@ void read_properties(Reader &in, mqtt_subscribe_para_t &para)
 // filter:text  options:u8. False ends the list; what was read before stays.
 //
 // QUIRK(subscribe-options): of the options only QoS is kept, No Local, Retain As Published and Retain Handling are
-// dropped [MQTT-3.8.3-3], reserved bits [MQTT-3.8.3-5] and QoS 3 [MQTT-3.8.3-4] pass: delivery decides what it can do.
+// dropped [MQTT-3.8.3-3], reserved bits [MQTT-3.8.3-5] and QoS 3 [MQTT 5.0 3.8.3.1] pass: delivery decides what it
+// can do.
 //   test: subscribe_decode.keeps_only_the_qos_bits
 bool read_filter(Reader &in, mqtt_subscribe_para_t &para)
 {

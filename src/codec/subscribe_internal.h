@@ -6,9 +6,10 @@
 
 namespace tarn::codec {
 
-// QUIRK(subscription-identifier-item): the Subscription Identifier is written as 03 0B 01 id, one value byte behind a 01
-// that the standard does not have, instead of a variable byte integer [MQTT 5.0 3.8.2.1.2]; in UNSUBSCRIBE it has no
-// place at all [MQTT 5.0 3.10.2.1]. Users of these encoders rely on the four bytes; this codec's decoders read 01.
+// QUIRK(subscription-identifier-item): the Subscription Identifier is written as 03 0B 01 id, one value byte behind
+// a 01 that the standard does not have, instead of a variable byte integer [MQTT 5.0 3.8.2.1.2]; in UNSUBSCRIBE it
+// has no place at all [MQTT 5.0 3.10.2.1]. Users of these encoders rely on the four bytes; this codec's decoders
+// read 01.
 //   test: subscribe_encode.only_the_low_byte_of_the_subscription_identifier
 inline void put_subscription_properties(Writer &body, uint32_t level, uint32_t identifier)
 {

@@ -77,8 +77,9 @@ constexpr uint32_t kNoLimit      = UINT32_MAX;
 
 enum class Length { Read, RanOut, TooLong };
 
-// QUIRK(unsubscribe-length): lengths are read with the weights 1, 128, 0, 0, ... and any number of bytes, instead of 128
-// to the power of 0..3 in at most four bytes [MQTT-1.5.5-1]. Up to the limits in force here, two bytes say all.
+// QUIRK(unsubscribe-length): lengths are read with the weights 1, 128, 0, 0, ... and any number of bytes, instead
+// of 128 to the power of 0..3 in at most four bytes [MQTT-1.5.5-1]. Up to the limits in force here, two bytes say
+// all.
 //   test: unsubscribe_decode.a_third_length_byte_counts_nothing
 Length read_length(Reader &in, uint32_t limit, uint32_t &value)
 {
@@ -115,8 +116,9 @@ int read_header(Reader &in, uint32_t &remaining)
 
 // properties, 5.0:  length  { id:u8  value:u8 } ...; the filters start at the block's end, whatever the last step was.
 //
-// QUIRK(unsubscribe-properties): a one-byte Subscription Identifier is read, which UNSUBSCRIBE does not have, and all
-// others, User Property with its strings included, count as two bytes [MQTT 5.0 3.10.2.1]; nothing of it is used.
+// QUIRK(unsubscribe-properties): a one-byte Subscription Identifier is read, which UNSUBSCRIBE does not have, and
+// all others, User Property with its strings included, count as two bytes [MQTT 5.0 3.10.2.1]; nothing of it is
+// used.
 //   test: unsubscribe_decode.properties_go_in_steps_of_two
 int read_properties(Reader &in, uint32_t remaining, mqtt_unsubscribe_para_t &para)
 {
