@@ -50,6 +50,7 @@ __attribute__((weak)) bool claim_closing(mqtt_client_t &) noexcept { return true
 __attribute__((weak)) void unclaim_closing(mqtt_client_t &) noexcept {}
 __attribute__((weak)) bool mark_logged_in(mqtt_client_t &client) noexcept { client.state = CLIENT_LOGINED; return true; }
 __attribute__((weak)) bool is_released(const mqtt_client_t *) noexcept { return false; }
+__attribute__((weak)) void release_parked(mqtt_client_t &client) noexcept { client.state = CLIENT_CLOSED; }
 __attribute__((weak)) bool will_delays_running() noexcept { return true; }
 __attribute__((weak)) void flush_client(mqtt_client_t &client) noexcept { client_send_flush(&client); }
 }
