@@ -1,0 +1,89 @@
+// manager.cpp - the subscription manager itself: both arrays, allocated once and emptied by every later start.
+#include "../base/memory.h"
+#include "../log/log.h"
+#include "subscription_index.h"
+
+#include <utility>
+
+constinit sub_mgr_t g_sub_mgr{};
+
+using namespace tarn;
+using namespace tarn::sub;
+
+namespace tarn::sub {
+namespace {
+
+// Both need the lock. The arrays are zeroed when allocated, and entries that leave them are zeroed too.
+[[nodiscard]] bool empty_subscriptions(sub_mgr_t &manager) noexcept REQUIRES(manager.lock)
+{
+    if (manager.subs)
+        memset(manager.subs, 0, static_cast<size_t>(entries_in(manager)) * sizeof(sub_entry_t));
+    else
+        manager.subs = allocate_zeroed<sub_entry_t>(SUB_CAPACITY).release();
+    poke(manager.sub_count, 0);
+    refresh_index(manager, Trust::Usual);
+    return manager.subs != nullptr;
+}
+
+[[nodiscard]] bool empty_retained(sub_mgr_t &manager) noexcept REQUIRES(manager.lock)
+{
+    if (manager.retains)
+        memset(manager.retains, 0, static_cast<size_t>(retained_in(manager)) * sizeof(retain_msg_t));
+    else
+        manager.retains = allocate_zeroed<retain_msg_t>(RETAIN_CAPACITY).release();
+    poke(manager.retain_count, 0);
+    return manager.retains != nullptr;
+}
+
+} // namespace
+} // namespace tarn::sub
+
+// When the second array cannot be had, the first one stays: `subs` keeps its value, and another thread may be about to
+// use it. The next call goes on from there.
+extern "C" int sub_init(void)
+{
+    LOG_DEBUG("[DEBUG] sub_init：开始初始化订阅管理器");
+    bool have_subs;
+    bool have_retains;
+    {
+        ScopedLock lock(g_sub_mgr.lock);
+        have_subs    = empty_subscriptions(g_sub_mgr);
+        have_retains = have_subs && empty_retained(g_sub_mgr);
+    }
+    if (!have_subs) {
+        LOG_ERROR("[DEBUG] sub_init：分配订阅数组失败（需要内存=%lu字节）", SUB_CAPACITY * sizeof(sub_entry_t));
+        LOG_ERROR("分配订阅数组失败");
+        return -2;
+    }
+    LOG_DEBUG("[DEBUG] sub_init：订阅数组分配成功（容量=%d）", SUB_CAPACITY);
+    if (!have_retains) {
+        LOG_ERROR("[DEBUG] sub_init：分配保留消息数组失败（需要内存=%lu字节）", RETAIN_CAPACITY * sizeof(retain_msg_t));
+        LOG_ERROR("分配保留消息数组失败");
+        return -2;
+    }
+    LOG_DEBUG("[DEBUG] sub_init：保留消息数组分配成功（容量=%d）", RETAIN_CAPACITY);
+    LOG_DEBUG("[DEBUG] sub_init：互斥锁初始化成功"); // by the loader: it is never initialised again
+    LOG_INFO("订阅管理器初始化成功（符合MQTT 3.1.1标准，版本=%s）", "1.0.0");
+    return 0;
+}
+
+extern "C" void sub_deinit(void)
+{
+    LOG_DEBUG("[DEBUG] sub_deinit：开始销毁订阅管理器");
+    int32_t             subscriptions;
+    int32_t             retained;
+    owned<sub_entry_t>  subs;
+    owned<retain_msg_t> retains;
+    {
+        ScopedLock lock(g_sub_mgr.lock);
+        subscriptions = g_sub_mgr.sub_count;
+        retained      = g_sub_mgr.retain_count;
+        subs.reset(std::exchange(g_sub_mgr.subs, nullptr));
+        retains.reset(std::exchange(g_sub_mgr.retains, nullptr));
+        poke(g_sub_mgr.sub_count, 0);
+        poke(g_sub_mgr.retain_count, 0);
+    }
+    LOG_DEBUG("[DEBUG] sub_deinit：释放订阅数组（当前订阅数=%d）", subscriptions);
+    LOG_DEBUG("[DEBUG] sub_deinit：释放保留消息数组（当前保留消息数=%d）", retained);
+    LOG_INFO("订阅管理器销毁成功");
+}

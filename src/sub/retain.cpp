@@ -1,0 +1,267 @@
+// retain.cpp - the last retained message of each topic.
+//
+// Changes happen under the manager's lock; the file is written after it is dropped, once for each change.
+#include "retain.h"
+
+#include "../base/clock.h"
+#include "../log/log.h"
+#include "../persist/persist.h"
+#include "sub_internal.h"
+
+using namespace tarn;
+using namespace tarn::sub;
+
+namespace tarn::sub {
+namespace {
+
+constexpr size_t kTopicChars = sizeof(retain_msg_t::topic) - 1;
+
+bool has_topic(const retain_msg_t &entry, std::string_view topic) noexcept
+{
+    return text_of(entry.topic) == topic;
+}
+
+int32_t find(const sub_mgr_t &manager, std::string_view topic) noexcept REQUIRES(manager.lock)
+{
+    for (int32_t i = 0; i < retained_in(manager); ++i)
+        if (has_topic(manager.retains[i], topic))
+            return i;
+    return -1;
+}
+
+void take_out(sub_mgr_t &manager, int32_t at) noexcept REQUIRES(manager.lock)
+{
+    const int32_t left = retained_in(manager) - 1;
+    memmove(manager.retains + at, manager.retains + at + 1, static_cast<size_t>(left - at) * sizeof(retain_msg_t));
+    poke(manager.retain_count, left);
+}
+
+// QUIRK(retained-life): a retained message without an expiry interval lives seven days, although the standard keeps it
+// until it is replaced [MQTT-3.3.1-5]: the store is small and topics that fell silent must not fill it for ever.
+//   test: retain_clean_expired.gives_entries_without_interval_seven_days
+bool has_ended(const retain_msg_t &entry, int64_t now_s) noexcept
+{
+    const int64_t life = entry.expiry_interval ? int64_t{entry.expiry_interval} : int64_t{RETAIN_DEFAULT_LIFE_S};
+    int64_t       end;
+    return !__builtin_add_overflow(entry.store_time, life, &end) && end < now_s;
+}
+
+struct Message {
+    std::string_view topic; // cut
+    const uint8_t   *payload;
+    uint32_t         size; // 0 = delete
+    uint32_t         qos;
+};
+
+enum class Stored { Added, Updated, Deleted, Nothing, Full };
+
+void fill(retain_msg_t &entry, const Message &message) noexcept
+{
+    memcpy(entry.payload, message.payload, message.size);
+    entry.payload_len = message.size;
+    entry.qos         = message.qos;
+    entry.store_time  = wall_s();
+}
+
+// QUIRK(retained-expiry-kept): replacing a message keeps the expiry interval of the one before unless the new one brings
+// its own [MQTT-3.3.1-5]: an update without an interval is meant to refresh what it updates.
+//   test: retain_msg_set.replacing_keeps_place_and_expiry
+Stored store(sub_mgr_t &manager, const Message &message) noexcept REQUIRES(manager.lock)
+{
+    const int32_t found = find(manager, message.topic);
+    if (found >= 0 && message.size == 0) {
+        take_out(manager, found);
+        return Stored::Deleted;
+    }
+    if (found >= 0) {
+        fill(manager.retains[found], message);
+        return Stored::Updated;
+    }
+    if (message.size == 0)
+        return Stored::Nothing;
+
+    const int32_t count = retained_in(manager);
+    if (!manager.retains || count >= RETAIN_CAPACITY)
+        return Stored::Full;
+    retain_msg_t &entry = manager.retains[count];
+    memset(entry.topic, 0, sizeof entry.topic);
+    memcpy(entry.topic, message.topic.data(), message.topic.size());
+    fill(entry, message);
+    entry.expiry_interval = 0;
+    poke(manager.retain_count, count + 1);
+    return Stored::Added;
+}
+
+// Saves and reports what store() did.
+int finish(Stored stored, const char *topic) noexcept
+{
+    switch (stored) {
+    case Stored::Nothing:
+        break;
+    case Stored::Full:
+        LOG_ERROR("保留消息数量超限（max=%d）", RETAIN_CAPACITY);
+        return -4;
+    case Stored::Added:
+        persist_retain_save();
+        LOG_INFO("MQTT标准：新增Topic=%s的保留消息", topic);
+        break;
+    case Stored::Updated:
+        persist_retain_save();
+        LOG_INFO("MQTT标准：更新Topic=%s的保留消息", topic);
+        break;
+    case Stored::Deleted:
+        LOG_DEBUG("[DEBUG] retain_msg_set：空Payload，删除旧保留消息（topic=%s）", topic);
+        persist_retain_save();
+        LOG_INFO("MQTT标准：删除Topic=%s的保留消息（空Payload）", topic);
+        break;
+    }
+    return 0;
+}
+
+// Takes out the first entry whose life has ended and copies its topic. False if there is none.
+bool discard_one(sub_mgr_t &manager, int64_t now_s, char (&topic)[kTopicChars + 1]) noexcept REQUIRES(manager.lock)
+{
+    for (int32_t i = 0; i < retained_in(manager); ++i) {
+        if (!has_ended(manager.retains[i], now_s))
+            continue;
+        copy_text(topic, manager.retains[i].topic, kTopicChars);
+        take_out(manager, i);
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+} // namespace tarn::sub
+
+extern "C" int retain_msg_set(const char *topic, const uint8_t *payload, uint32_t payload_len, uint32_t qos)
+{
+    LOG_DEBUG("[DEBUG] retain_msg_set：开始处理（topic=%s, payload_len=%u, qos=%d）", or_null(topic), payload_len, qos);
+    if (!has_text(topic)) {
+        LOG_ERROR("[DEBUG] retain_msg_set：无效Topic（空指针/空字符串）");
+        return -1;
+    }
+    if (!payload && payload_len)
+        return -1;
+    retain_clean_expired(); // makes room
+
+    const Message message = {cut(topic, kTopicChars), payload, std::min<uint32_t>(payload_len, CODEC_PAYLOAD_MAX), qos};
+    Stored        stored;
+    {
+        ScopedLock lock(g_sub_mgr.lock);
+        LOG_DEBUG("[TRACE] retain_msg_set：已加锁，当前保留消息数量=%d", g_sub_mgr.retain_count);
+        stored = store(g_sub_mgr, message);
+    }
+    return finish(stored, topic);
+}
+
+extern "C" int retain_msg_set_with_expiry(const char *topic, const uint8_t *payload, uint32_t payload_len, uint32_t qos,
+                                          uint32_t expiry_interval)
+{
+    const int result = retain_msg_set(topic, payload, payload_len, qos);
+    if (result != 0 || expiry_interval == 0)
+        return result;
+    {
+        ScopedLock    lock(g_sub_mgr.lock);
+        const int32_t found = find(g_sub_mgr, cut(topic, kTopicChars));
+        if (found >= 0)
+            g_sub_mgr.retains[found].expiry_interval = expiry_interval;
+    }
+    persist_retain_save();
+    return 0;
+}
+
+extern "C" int retain_msg_get(const char *topic, retain_msg_t *out)
+{
+    LOG_DEBUG("[DEBUG] retain_msg_get：开始查询（topic=%s, msg_ptr=%p）", or_null(topic), static_cast<void *>(out));
+    if (!topic || !out) {
+        LOG_ERROR("[DEBUG] retain_msg_get：入参无效（topic=%p, msg=%p）", static_cast<const void *>(topic),
+                  static_cast<void *>(out));
+        return -1;
+    }
+    bool found = false;
+    {
+        const std::string_view wanted = cut(topic, kTopicChars);
+        ScopedLock             lock(g_sub_mgr.lock);
+        LOG_DEBUG("[TRACE] retain_msg_get：已加锁，当前保留消息数量=%d", g_sub_mgr.retain_count);
+        for (int32_t i = 0; i < retained_in(g_sub_mgr) && !found; ++i) {
+            const retain_msg_t &entry = g_sub_mgr.retains[i];
+            LOG_DEBUG("[TRACE] retain_msg_get：检查保留消息（索引=%d, topic=%s）", i, entry.topic);
+            found = has_topic(entry, wanted);
+            if (found)
+                *out = entry;
+        }
+    }
+    if (!found) {
+        LOG_DEBUG("[DEBUG] retain_msg_get：未找到保留消息（topic=%s）", topic);
+        return -5;
+    }
+    LOG_DEBUG("[DEBUG] retain_msg_get：找到保留消息（topic=%s, payload_len=%u）", topic, out->payload_len);
+    return 0;
+}
+
+extern "C" int retain_msg_delete(const char *topic)
+{
+    LOG_DEBUG("[DEBUG] retain_msg_delete：开始删除（topic=%s）", or_null(topic));
+    if (!topic) {
+        LOG_ERROR("[DEBUG] retain_msg_delete：入参无效（topic=%p）", static_cast<const void *>(topic));
+        return -1;
+    }
+    int32_t left = -1; // after the removal
+    {
+        const std::string_view wanted = cut(topic, kTopicChars);
+        ScopedLock             lock(g_sub_mgr.lock);
+        LOG_DEBUG("[TRACE] retain_msg_delete：已加锁，当前保留消息数量=%d", g_sub_mgr.retain_count);
+        for (int32_t i = 0; i < retained_in(g_sub_mgr) && left < 0; ++i) {
+            LOG_DEBUG("[TRACE] retain_msg_delete：检查保留消息（索引=%d, topic=%s）", i, g_sub_mgr.retains[i].topic);
+            if (!has_topic(g_sub_mgr.retains[i], wanted))
+                continue;
+            take_out(g_sub_mgr, i);
+            left = g_sub_mgr.retain_count;
+        }
+    }
+    if (left < 0) {
+        LOG_DEBUG("[DEBUG] retain_msg_delete：未找到保留消息（topic=%s）", topic);
+        return -5;
+    }
+    LOG_DEBUG("[DEBUG] retain_msg_delete：删除保留消息成功（topic=%s, 剩余数量=%d）", topic, left);
+    persist_retain_save();
+    return 0;
+}
+
+// One entry at a time, since the file is to be saved after each, and the save may need the lock itself.
+extern "C" void retain_clean_expired(void)
+{
+    const int64_t now_s = wall_s();
+    char          topic[kTopicChars + 1];
+    for (;;) {
+        {
+            ScopedLock lock(g_sub_mgr.lock);
+            if (!discard_one(g_sub_mgr, now_s, topic))
+                return;
+        }
+        LOG_INFO("保留消息已过期，自动清理: topic=%s", topic);
+        persist_retain_save();
+    }
+}
+
+extern "C" int retain_fill_topic_list(char *buf, int32_t size)
+{
+    if (!buf || size <= 0)
+        return -1;
+    const auto room   = static_cast<size_t>(size);
+    size_t     used   = 0;
+    int        topics = 0;
+    ScopedLock lock(g_sub_mgr.lock);
+    for (int32_t i = 0; i < retained_in(g_sub_mgr); ++i) {
+        const std::string_view topic = text_of(g_sub_mgr.retains[i].topic);
+        if (used + topic.size() + 1 >= room)
+            continue; // a shorter one may still fit
+        memcpy(buf + used, topic.data(), topic.size());
+        used += topic.size();
+        buf[used++] = '\n';
+        ++topics;
+    }
+    buf[used] = '\0';
+    return topics;
+}

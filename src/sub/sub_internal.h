@@ -1,0 +1,65 @@
+// sub_internal.h - what the files of the subscription module share.
+#ifndef TARN_SUB_SUB_INTERNAL_H
+#define TARN_SUB_SUB_INTERNAL_H
+
+#include "../base/relaxed.h"
+#include "../base/text.h"
+#include "sub.h"
+
+#include <algorithm>
+#include <string_view>
+
+namespace tarn::sub {
+
+// ---- filters
+
+enum class FilterFault { None, Empty, HashNotLast, HashNotAlone, PlusNotAlone, PlusBeforeHash };
+
+struct FilterVerdict {
+    FilterFault fault;
+    int         at; // index of the character at fault
+};
+
+// Judges without a word; mqtt_filter_is_valid is the same aloud.
+[[nodiscard]] FilterVerdict judge_filter(std::string_view filter) noexcept;
+
+constexpr std::string_view kSharePrefix = "$share/";
+
+// What of a filter is compared with topics: all of it, or what stands behind "$share/<group>/".
+[[nodiscard]] constexpr std::string_view compared_part(std::string_view filter) noexcept
+{
+    if (!filter.starts_with(kSharePrefix))
+        return filter;
+    const size_t slash = filter.find('/', kSharePrefix.size());
+    return slash == filter.npos ? filter : filter.substr(slash + 1);
+}
+
+// ---- the table
+
+constexpr size_t kClientIdChars = sizeof(sub_entry_t::client_id) - 1;
+constexpr size_t kFilterChars   = sizeof(sub_entry_t::topic_filter) - 1;
+
+// Ids and filters are cut to what an entry holds before they are compared.
+[[nodiscard]] inline std::string_view cut(const char *text, size_t limit) noexcept
+{
+    return {text, strnlen(text, limit)};
+}
+
+[[nodiscard]] inline bool has_text(const char *text) noexcept
+{
+    return text && *text;
+}
+
+// Entries in use, whatever a host wrote into the count. Needs the lock.
+[[nodiscard]] inline int32_t entries_in(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock)
+{
+    return manager.subs ? std::clamp<int32_t>(manager.sub_count, 0, SUB_CAPACITY) : 0;
+}
+[[nodiscard]] inline int32_t retained_in(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock)
+{
+    return manager.retains ? std::clamp<int32_t>(manager.retain_count, 0, RETAIN_CAPACITY) : 0;
+}
+
+} // namespace tarn::sub
+
+#endif

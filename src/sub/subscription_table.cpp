@@ -1,0 +1,383 @@
+// subscription_table.cpp - adding, removing, matching and counting subscriptions.
+//
+// At DEBUG every look at an entry is a line, so the table is walked from the start. Otherwise the index names the few
+// entries to look at; what is returned, written and logged is the same.
+#include "../log/log.h"
+#include "route.h"
+#include "subscription_index.h"
+
+using namespace tarn;
+using namespace tarn::sub;
+
+namespace tarn::sub {
+namespace {
+
+// The text becomes the array's, and what stood behind stays zero up to the old text's end: an entry's bytes depend on
+// its fields only.
+template <size_t N> void put_text(char (&array)[N], std::string_view text) noexcept
+{
+    const size_t before = strnlen(array, N);
+    memcpy(array, text.data(), text.size());
+    if (before > text.size())
+        memset(array + text.size(), 0, before - text.size());
+    array[std::min(text.size(), N - 1)] = '\0';
+}
+
+// Copies live bytes only: an entry has 2 KB, its texts rarely a hundred.
+void put_entry(sub_entry_t &to, const sub_entry_t &from) noexcept
+{
+    put_text(to.client_id, text_of(from.client_id));
+    put_text(to.topic_filter, text_of(from.topic_filter));
+    to.qos            = from.qos;
+    to.clean_session  = from.clean_session;
+    to.sub_identifier = from.sub_identifier;
+}
+
+// ---- adding
+
+struct Subscription {
+    std::string_view id;
+    std::string_view filter;
+    uint32_t         qos;
+    uint8_t          clean_session;
+    uint32_t         identifier; // 0 = none given: an update keeps the old one
+};
+
+struct Outcome {
+    enum { Added, Updated, Full } what;
+    uint32_t old_qos;
+    int32_t  count; // entries afterwards
+};
+
+int32_t find_aloud(const sub_mgr_t &manager, const Subscription &wanted) noexcept REQUIRES(manager.lock)
+{
+    for (int32_t i = 0; i < entries_in(manager); ++i) {
+        const sub_entry_t &entry = manager.subs[i];
+        LOG_DEBUG("[TRACE] sub_add：检查重复订阅（索引=%d, client_id=%s, topic_filter=%s）", i, entry.client_id,
+                  entry.topic_filter);
+        if (text_of(entry.client_id) == wanted.id && text_of(entry.topic_filter) == wanted.filter)
+            return i;
+    }
+    return -1;
+}
+
+int32_t find_quietly(const sub_mgr_t &manager, const Subscription &wanted) noexcept REQUIRES(manager.lock)
+{
+    EntrySet same;
+    entries_of(manager, wanted.id, &wanted.filter, same);
+    return same.first();
+}
+
+void append(sub_mgr_t &manager, const Subscription &wanted) noexcept REQUIRES(manager.lock)
+{
+    const int32_t count = entries_in(manager);
+    sub_entry_t  &entry = manager.subs[count];
+    put_text(entry.client_id, wanted.id);
+    put_text(entry.topic_filter, wanted.filter);
+    entry.qos            = wanted.qos;
+    entry.clean_session  = wanted.clean_session;
+    entry.sub_identifier = wanted.identifier;
+    poke(manager.sub_count, count + 1);
+    index_appended(manager);
+}
+
+Outcome upsert(sub_mgr_t &manager, const Subscription &wanted, bool aloud) noexcept REQUIRES(manager.lock)
+{
+    refresh_index(manager, Trust::Usual);
+    const int32_t count = entries_in(manager);
+    const int32_t found = aloud ? find_aloud(manager, wanted) : find_quietly(manager, wanted);
+    if (found >= 0) {
+        sub_entry_t   &entry   = manager.subs[found];
+        const uint32_t old_qos = entry.qos;
+        entry.qos              = wanted.qos;
+        entry.clean_session    = wanted.clean_session;
+        if (wanted.identifier)
+            entry.sub_identifier = wanted.identifier;
+        return {Outcome::Updated, old_qos, count};
+    }
+    if (!manager.subs || count >= SUB_CAPACITY)
+        return {Outcome::Full, 0, count};
+    append(manager, wanted);
+    return {Outcome::Added, 0, count + 1};
+}
+
+void report(const Outcome &outcome, const char *client_id, const char *filter, uint32_t qos, uint8_t clean) noexcept
+{
+    switch (outcome.what) {
+    case Outcome::Updated:
+        LOG_DEBUG("[DEBUG] sub_add：发现重复订阅，更新QoS和CleanSession（client_id=%s, topic_filter=%s, 旧QoS=%d, 新QoS=%d）", client_id,
+                  filter, outcome.old_qos, qos);
+        LOG_INFO("MQTT标准：更新订阅：ClientID=%s, Topic=%s, QoS=%d", client_id, filter, qos);
+        break;
+    case Outcome::Full:
+        LOG_ERROR("[DEBUG] sub_add：订阅数量超限（当前=%d, 最大=%d）", outcome.count, SUB_CAPACITY);
+        LOG_ERROR("订阅数量超限（max=%d）", SUB_CAPACITY);
+        break;
+    case Outcome::Added:
+        LOG_DEBUG("[DEBUG] sub_add：新增订阅成功（client_id=%s, topic_filter=%s, 总数=%d）", client_id, filter, outcome.count);
+        LOG_INFO("MQTT标准：新增订阅：ClientID=%s, Topic=%s, QoS=%d, CleanSession=%d", client_id, filter, qos, clean);
+        break;
+    }
+}
+
+// ---- removing
+
+// Marks what is to go. A removed entry's successors move up at once, so a look is numbered by what remains before it.
+void mark_aloud(const sub_mgr_t &manager, std::string_view id, const std::string_view *filter, EntrySet &going) noexcept
+    REQUIRES(manager.lock)
+{
+    int32_t at = 0;
+    for (int32_t i = 0; i < entries_in(manager); ++i) {
+        const sub_entry_t &entry = manager.subs[i];
+        LOG_DEBUG("[TRACE] sub_remove：检查订阅（索引=%d, client_id=%s, topic_filter=%s）", at, entry.client_id, entry.topic_filter);
+        if (text_of(entry.client_id) == id && (!filter || text_of(entry.topic_filter) == *filter)) {
+            LOG_DEBUG("[TRACE] sub_remove：移除订阅（索引=%d, topic_filter=%s）", at, entry.topic_filter);
+            going.add(i);
+        } else {
+            ++at;
+        }
+    }
+}
+
+// Takes the marked entries out in one pass; the rest keeps its order. Returns how many remain.
+int32_t take_out(sub_mgr_t &manager, const EntrySet &going) noexcept REQUIRES(manager.lock)
+{
+    const int32_t count = entries_in(manager);
+    const int32_t first = going.first();
+    if (first < 0)
+        return count;
+
+    int32_t kept = first;
+    for (int32_t i = first; i < count; ++i)
+        if (!going.has(i))
+            put_entry(manager.subs[kept++], manager.subs[i]);
+    for (int32_t i = kept; i < count; ++i)
+        put_entry(manager.subs[i], {});
+    poke(manager.sub_count, kept);
+    index_removed(manager, going);
+    return kept;
+}
+
+// ---- matching
+
+// Hands the matching entries to `take` in table order, until it returns false. Returns how many it took.
+template <class Take>
+int walk_matches(const sub_mgr_t &manager, const char *topic, Trust trust, Take take) noexcept REQUIRES(manager.lock)
+{
+    int  taken = 0;
+    auto visit = [&](int32_t i) {
+        const sub_entry_t &entry = manager.subs[i];
+        LOG_DEBUG("[TRACE] sub_match：检查订阅（索引=%d, client_id=%s, topic_filter=%s）", i, entry.client_id, entry.topic_filter);
+        if (!topic_match_wildcard(entry.topic_filter, topic))
+            return true;
+        const bool more = take(i, entry);
+        ++taken;
+        LOG_DEBUG("[TRACE] sub_match：匹配成功（索引=%d, client_id=%s）", i, entry.client_id);
+        return more;
+    };
+
+    if (log_passes(AGENT_LOG_DEBUG)) {
+        for (int32_t i = 0; i < entries_in(manager); ++i)
+            if (!visit(i))
+                break;
+        return taken;
+    }
+    refresh_index(manager, trust);
+    EntrySet candidates;
+    candidates_for(manager, topic, candidates);
+    candidates.for_each(visit);
+    return taken;
+}
+
+// The lines around a match and its lock; the walk itself is the caller's.
+template <class Take>
+int match(const char *topic, const void *into, int32_t room, Trust trust, Take take) noexcept
+{
+    LOG_DEBUG("[DEBUG] sub_match：开始匹配订阅（topic=%s, max_matched=%d）", or_null(topic), room);
+    if (!into || !topic || room < 1) {
+        LOG_ERROR("[DEBUG] sub_match：入参无效（topic=%p, matched=%p, max_matched=%d）", static_cast<const void *>(topic), into, room);
+        return 0;
+    }
+    int found;
+    {
+        ScopedLock lock(g_sub_mgr.lock);
+        LOG_DEBUG("[TRACE] sub_match：已加锁，当前订阅数=%d", g_sub_mgr.sub_count);
+        found = walk_matches(g_sub_mgr, topic, trust, take);
+    }
+    LOG_DEBUG("[DEBUG] sub_match：匹配完成（topic=%s, 匹配数量=%d）", topic, found);
+    LOG_INFO("MQTT标准：Topic=%s 匹配到 %d 个订阅者", topic, found);
+    return found;
+}
+
+// ---- routes
+
+[[nodiscard]] bool add_group(RouteList &list, Route &route, std::string_view filter) noexcept
+{
+    route.group      = static_cast<uint32_t>(list.names.size());
+    route.group_size = kNoGroup;
+    route.shared     = filter.starts_with(kSharePrefix);
+    const size_t end = route.shared ? filter.find('/', kSharePrefix.size()) : filter.npos;
+    if (end == filter.npos)
+        return true;
+    const std::string_view name = filter.substr(kSharePrefix.size(), end - kSharePrefix.size());
+    route.group_size            = static_cast<uint16_t>(name.size());
+    for (const char c : name)
+        if (!list.names.push(c))
+            return false;
+    return true;
+}
+
+[[nodiscard]] bool add_route(RouteList &list, int32_t index, const sub_entry_t &entry) noexcept
+{
+    Route route{};
+    const std::string_view id = text_of(entry.client_id).substr(0, kClientIdChars);
+    memcpy(route.client_id, id.data(), id.size());
+    route.qos   = static_cast<uint8_t>(entry.qos);
+    route.index = index;
+    return add_group(list, route, text_of(entry.topic_filter)) && list.routes.push(route);
+}
+
+} // namespace
+
+int match_routes(const char *topic, RouteList &list) noexcept
+{
+    list.routes.clear();
+    list.names.clear();
+    bool      stored = true;
+    const int found  = match(topic, &list, SUB_MATCH_CAPACITY, Trust::Usual, [&](int32_t i, const sub_entry_t &entry) {
+        stored = add_route(list, i, entry);
+        return stored;
+    });
+    return stored ? found : -1;
+}
+
+} // namespace tarn::sub
+
+// QUIRK(subscription-update): subscribing again keeps the subscription identifier of before when none is given, although
+// the new subscription should replace the old one whole [MQTT-3.8.4-3].
+//   test: sub_add_with_id.identifier_survives_an_update_without_one
+extern "C" int sub_add(const char *client_id, const char *topic_filter, uint32_t qos, uint8_t clean_session)
+{
+    LOG_DEBUG("[DEBUG] sub_add：开始添加订阅（client_id=%s, topic_filter=%s, qos=%d, clean_session=%d）", or_null(client_id),
+              or_null(topic_filter), qos, clean_session);
+    if (!has_text(client_id) || !has_text(topic_filter)) {
+        LOG_ERROR("[DEBUG] sub_add：无效的订阅参数（client_id=%s, topic_filter=%s）", or_null(client_id), or_null(topic_filter));
+        return -1;
+    }
+    if (qos > 2) {
+        LOG_ERROR("[DEBUG] sub_add：无效的QoS=%d（仅支持0/1/2）", qos);
+        return -1;
+    }
+    if (!mqtt_filter_is_valid(topic_filter)) {
+        LOG_ERROR("[DEBUG] sub_add：非法过滤器拒绝订阅（client_id=%s, filter=%s）", client_id, topic_filter);
+        return -1;
+    }
+
+    const Subscription wanted = {cut(client_id, kClientIdChars), cut(topic_filter, kFilterChars), qos, clean_session, 0};
+    Outcome            outcome;
+    {
+        ScopedLock lock(g_sub_mgr.lock);
+        LOG_DEBUG("[TRACE] sub_add：已加锁，当前订阅数=%d，最大容量=%d", g_sub_mgr.sub_count, SUB_CAPACITY);
+        outcome = upsert(g_sub_mgr, wanted, log_passes(AGENT_LOG_DEBUG));
+    }
+    report(outcome, client_id, topic_filter, qos, clean_session);
+    return outcome.what == Outcome::Full ? -4 : 0;
+}
+
+extern "C" int sub_add_with_id(const char *client_id, const char *topic_filter, uint32_t qos, uint8_t clean_session,
+                               uint32_t sub_identifier)
+{
+    if (sub_identifier == 0)
+        return sub_add(client_id, topic_filter, qos, clean_session);
+    if (!client_id || !topic_filter || qos > 2)
+        return -1;
+    if (!mqtt_filter_is_valid(topic_filter)) {
+        LOG_ERROR("[DEBUG] sub_add_with_id：非法过滤器拒绝订阅（client_id=%s, filter=%s）", client_id, topic_filter);
+        return -1;
+    }
+
+    const Subscription wanted = {cut(client_id, kClientIdChars), cut(topic_filter, kFilterChars), qos, clean_session,
+                                 sub_identifier};
+    ScopedLock         lock(g_sub_mgr.lock);
+    return upsert(g_sub_mgr, wanted, false).what == Outcome::Full ? -4 : 0;
+}
+
+extern "C" int sub_remove(const char *client_id, const char *topic_filter)
+{
+    const char *const shown = topic_filter ? topic_filter : "所有";
+    LOG_DEBUG("[DEBUG] sub_remove：开始移除订阅（client_id=%s, topic_filter=%s）", or_null(client_id), shown);
+    if (!has_text(client_id)) {
+        LOG_ERROR("[DEBUG] sub_remove：无效的ClientID（空指针/空字符串）");
+        return -1;
+    }
+
+    const std::string_view  id      = cut(client_id, kClientIdChars);
+    const std::string_view  filter  = topic_filter ? cut(topic_filter, kFilterChars) : std::string_view();
+    const std::string_view *only    = topic_filter ? &filter : nullptr;
+    int32_t                 removed = 0;
+    int32_t                 left    = 0;
+    {
+        ScopedLock lock(g_sub_mgr.lock);
+        LOG_DEBUG("[TRACE] sub_remove：已加锁，当前订阅数=%d", g_sub_mgr.sub_count);
+        refresh_index(g_sub_mgr, Trust::Usual);
+        EntrySet going;
+        if (log_passes(AGENT_LOG_DEBUG))
+            mark_aloud(g_sub_mgr, id, only, going);
+        else
+            entries_of(g_sub_mgr, id, only, going);
+        removed = going.count();
+        left    = take_out(g_sub_mgr, going);
+    }
+    LOG_DEBUG("[DEBUG] sub_remove：移除订阅完成（client_id=%s, 移除数量=%d, 剩余订阅数=%d）", client_id, removed, left);
+    LOG_INFO("MQTT标准：移除订阅：ClientID=%s, Topic=%s, 移除数量=%d", client_id, shown, removed);
+    return removed;
+}
+
+extern "C" int sub_match(const char *topic, sub_entry_t *matched, int32_t max_matched)
+{
+    int32_t next = 0;
+    return match(topic, matched, max_matched, Trust::Sure, [&](int32_t, const sub_entry_t &entry) {
+        matched[next++] = entry;
+        return next < max_matched;
+    });
+}
+
+extern "C" int sub_get_client_sub_count(const char *client_id)
+{
+    LOG_DEBUG("[DEBUG] sub_get_client_sub_count：开始统计（client_id=%s）", or_null(client_id));
+    if (!has_text(client_id)) {
+        LOG_ERROR("[DEBUG] sub_get_client_sub_count：无效的ClientID（空指针/空字符串）");
+        return -1;
+    }
+
+    const std::string_view id    = cut(client_id, kClientIdChars);
+    int32_t                count = 0;
+    {
+        ScopedLock lock(g_sub_mgr.lock);
+        LOG_DEBUG("[TRACE] sub_get_client_sub_count：已加锁，当前订阅数=%d", g_sub_mgr.sub_count);
+        for (int32_t i = 0; i < entries_in(g_sub_mgr); ++i) {
+            LOG_DEBUG("[TRACE] sub_get_client_sub_count：检查订阅（索引=%d, client_id=%s）", i, g_sub_mgr.subs[i].client_id);
+            if (text_of(g_sub_mgr.subs[i].client_id) != id)
+                continue;
+            LOG_DEBUG("[TRACE] sub_get_client_sub_count：匹配到客户端订阅（索引=%d）", i);
+            ++count;
+        }
+    }
+    LOG_DEBUG("[DEBUG] sub_get_client_sub_count：统计完成（client_id=%s, 订阅数量=%d）", client_id, count);
+    LOG_INFO("sub_get_client_sub_count：ClientID=%s, 订阅数量=%d", client_id, count);
+    return count;
+}
+
+extern "C" int sub_find_by_identifier(uint32_t sub_identifier, sub_entry_t *out)
+{
+    if (sub_identifier == 0 || !out)
+        return -1;
+    ScopedLock lock(g_sub_mgr.lock);
+    for (int32_t i = 0; i < entries_in(g_sub_mgr); ++i) {
+        if (g_sub_mgr.subs[i].sub_identifier == sub_identifier) {
+            *out = g_sub_mgr.subs[i];
+            return 0;
+        }
+    }
+    return -1;
+}
