@@ -63,7 +63,7 @@ client_id_text id_of(mqtt_client_t &client) noexcept;
 // it, never across a callback. For a record outside the pool a lock that all such records share.
 Mutex &session_lock(const mqtt_client_t &client) noexcept;
 
-// Zeroes the embedded session record, touching only memory that was written before.
+// Zeroes the embedded session record, touching only memory that was written before. session_lock held.
 void clear_session(mqtt_client_t &client) noexcept;
 // To be told before subs[] or msgs[] is filled up to these counts by other means than clear_session's callers know.
 void session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg_count) noexcept;
@@ -80,6 +80,9 @@ void release_parked(mqtt_client_t &client) noexcept;
 
 // False while no delayed will can be due: what the housekeeping thread asks before it scans the pool.
 [[nodiscard]] bool will_delays_running() noexcept;
+
+// False while no closed client waits for its delayed will: what CONNECT asks before it looks for one to cancel.
+[[nodiscard]] bool wills_are_parked() noexcept;
 
 // Sends what is queued for this client now, on the calling thread, as far as the socket takes it.
 void flush_client(mqtt_client_t &client) noexcept;

@@ -1,0 +1,38 @@
+// activity.cpp - a client's keep-alive and the moment it was last heard of or sent to.
+#include "../base/clock.h"
+#include "client_internal.h"
+
+using namespace tarn;
+using namespace tarn::client;
+
+// QUIRK(keepalive-zero): a keep-alive of 0 becomes 60 s and the client is closed after 90 s of silence, where MQTT turns
+// the mechanism off [MQTT-3.1.2.10]. Dead connections must not hold their record for ever.
+//   test: keepalive.zero_becomes_sixty_seconds
+void client_set_keepalive(mqtt_client_t *client, uint16_t seconds)
+{
+    const uint32_t handle = client ? peek(client->handle) : 0;
+    const int      state  = client ? static_cast<int>(peek(client->state)) : -1;
+    if (!client || state == CLIENT_CLOSED || handle == NETIP_NO_HANDLE) {
+        LOG_ERROR("client_set_keepalive: 无效客户端实例（handle=0x%08X, state=%d）", handle, state);
+        return;
+    }
+
+    const uint32_t keepalive_ms = seconds != 0 ? seconds * 1000u : uint32_t{CLIENT_KEEPALIVE_0_MS};
+    {
+        ScopedLock lock(lock_of_handle(handle));
+        poke(client->keepalive_ms, keepalive_ms);
+        poke(client->last_active, mono_ms());
+    }
+    LOG_DEBUG("client_set_keepalive: handle=0x%08X, cid=%s, keepalive=%lu秒（超时阈值=%lu秒）", handle,
+              id_of(*client).text, static_cast<unsigned long>(seconds),
+              static_cast<unsigned long>(keepalive_ms * 3 / 2000));
+}
+
+void client_update_active(mqtt_client_t *client)
+{
+    if (!client || peek(client->state) == CLIENT_CLOSED)
+        return;
+    if (peek(client->timeout_closing))
+        poke(client->timeout_closing, 0);
+    poke(client->last_active, mono_ms());
+}

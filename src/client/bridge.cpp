@@ -1,0 +1,98 @@
+// bridge.cpp - network events become client actions: the first packet of a connection makes its client record, every
+// packet goes to packet handling, a disconnect closes the client.
+#include "../handler/packet_handler.h"
+#include "client_internal.h"
+
+namespace tarn::client {
+namespace {
+
+constexpr uint32_t kIpSize = 64;
+
+uint8_t on_connected(uint32_t handle)
+{
+    char ip[kIpSize] = {};
+    if (!netip_get_client_ip(handle, ip, sizeof ip)) {
+        LOG_ERROR("Get client IP failed: handle=%u", handle);
+        return 0;
+    }
+    LOG_INFO("Client connected: handle=%u, ip=%s:%d", handle, ip, netip_get_client_port(handle));
+    return 1;
+}
+
+void on_disconnected(uint32_t handle, uint32_t reason, uint32_t error)
+{
+    if (handle == NETIP_NO_HANDLE)
+        return;
+    LOG_INFO("Client disconnected: handle=%u, reason=%d, error=%u", handle, static_cast<int>(reason), error);
+    const client_ref client = find_client_by_handle(handle);
+    if (!client)
+        return; // never sent a packet, or closed from above: then this is its own netip_close
+    if (peek(client->state) == CLIENT_LOGINED)
+        packet_handler_remove_client_subs(id_of(*client).text, peek(client->clean_session));
+    client_close(client.get());
+}
+
+// The connection that the calling thread delivers an event of, if it is this one.
+net::Connection connection_of(uint32_t handle)
+{
+    const net::Connection current = net::current_connection();
+    return current.handle == handle ? current : net::Connection{handle, 0};
+}
+
+client_ref make_client(uint32_t handle, broker_t *broker)
+{
+    char ip[kIpSize] = {};
+    (void)netip_get_client_ip(handle, ip, sizeof ip);
+    const net::Connection connection = connection_of(handle);
+    client_ref client = create_client(handle, ip, netip_get_client_port(handle), broker, connection);
+    if (client || (connection.generation != 0 && !net::is_open(connection)))
+        return client; // or closed from elsewhere while its packet was on the way
+    LOG_ERROR("Create client failed, close handle=%u", handle);
+    net::close_connection(handle, connection.generation);
+    return client;
+}
+
+void on_data(uint32_t handle, const uint8_t *data, uint32_t len, broker_t *broker)
+{
+    if (len == 0 || !data)
+        return;
+    client_ref client = find_client_by_handle(handle);
+    if (!client)
+        client = make_client(handle, broker);
+    if (client)
+        (void)packet_dispatch(client.get(), data, len);
+}
+
+void register_send_ready_once()
+{
+    static constinit std::atomic<uint8_t> registered{0};
+    if (registered.exchange(1, std::memory_order_relaxed) == 0)
+        netip_register_send_ready_cb(on_netip_send_ready);
+}
+
+} // namespace
+} // namespace tarn::client
+
+using namespace tarn::client;
+
+// Only "connected" can be answered with 0; a disconnect is always left to the network layer to finish.
+uint8_t mqtt_netip_event_cb(uint32_t handle, uint32_t event, const uint8_t *data, uint32_t len, uint32_t reason,
+                            uint32_t error, void *arg)
+{
+    register_send_ready_once();
+    switch (event) {
+    case NETIP_EVENT_CONNECTED:
+        return on_connected(handle);
+    case NETIP_EVENT_DISCONNECTED:
+        on_disconnected(handle, reason, error);
+        return 1;
+    case NETIP_EVENT_DATA:
+        on_data(handle, data, len, static_cast<broker_t *>(arg));
+        return 1;
+    default:
+        LOG_WARN("Unknown NetIP event type: %d", static_cast<int>(event));
+        return 1;
+    }
+}
+
+void on_netip_send_ready(uint32_t) {}

@@ -1,0 +1,145 @@
+// client_internal.h - what the files of the client manager share: the guards that stand beside each pool record, the
+// memory behind records and rings, the two tables, and the seams between sending, closing and the scans.
+//
+// The exported records and arrays are the truth. What stands here is hidden state by pool index; a record outside the
+// pool has none, and every guard lets it pass.
+//
+// Locks, outermost first: one of g_client_mgr.locks; data_mx; send_lock or will_lock of one record; leaves pool_mx,
+// id_mx. None is ever destroyed.
+#ifndef TARN_CLIENT_CLIENT_INTERNAL_H
+#define TARN_CLIENT_CLIENT_INTERNAL_H
+
+#include "../base/mutex.h"
+#include "../base/relaxed.h"
+#include "../log/log.h"
+#include "../net/netip_link.h"
+#include "client_ref.h"
+
+#include <atomic>
+
+namespace tarn::client {
+
+constexpr int32_t  kBlocksMax = CLIENT_MAX / CLIENT_BLOCK_RECORDS;
+constexpr uint32_t kFailed    = 0xFFFFFFFF;
+constexpr int32_t  kOutside   = -1; // pool index of a record that is not in the pool
+
+// ---- guards beside a record (pins.cpp)
+
+struct Side {
+    std::atomic<uint64_t> ctl;        // pins, RELEASED, WIPING, life number: see pins.cpp
+    std::atomic<uint32_t> generation; // of the connection the record was made for, 0 = unknown
+    std::atomic<uint8_t>  closing;    // claimed for closing or for settling the will
+    std::atomic<uint8_t>  parked;     // waits for its delayed will and is counted in will_scan.cpp
+    std::atomic<uint8_t>  listed;     // on its way to the send thread, or kept by it for another try
+    std::atomic<uint8_t>  in_round;   // in the list of the running I/O round
+    std::atomic<uint8_t>  round_blocked; // its socket took nothing in this round
+    std::atomic<uint8_t>  refusals;   // failed sends in a row, other than "would block"
+    uint8_t               flushing;   // one thread sends from the ring; send_lock
+    uint8_t               ring_used;  // slots written since the ring's pages were given back, saturating; send_lock
+    std::atomic<int32_t>  next_ready; // ready list of the send thread: index + 1, 0 = end
+    std::atomic<int32_t>  subs_high;  // session.subs[] and .msgs[] are zero from here on
+    std::atomic<int32_t>  msgs_high;
+    Mutex                 data_mx; // the embedded session record
+    Mutex                 id_mx;   // client_id and ip
+};
+
+int32_t        index_of(const mqtt_client_t *client) noexcept; // pool index, or kOutside
+Side          *side_of(const mqtt_client_t *client) noexcept;  // null outside the pool
+Side          &side_at(int32_t index) noexcept;
+mqtt_client_t *record_at(int32_t index) noexcept;
+
+Mutex &id_lock(const mqtt_client_t &client) noexcept;
+// The id as it stands in the record, also after release; id_of() shows a released record's as empty.
+client_id_text stored_id(const mqtt_client_t &client) noexcept;
+
+// Marks the record released and ends its life number; false when that has happened already. The caller holds a pin, so
+// that the texts go and the slot becomes free when it lets go at the earliest.
+[[nodiscard]] bool mark_released(mqtt_client_t &client) noexcept;
+// True when nobody holds or wipes the record: it may be given to a new client.
+[[nodiscard]] bool is_idle(int32_t index) noexcept;
+// Keeps everybody else from pinning, if nobody does now. wipe_done() lets them again.
+[[nodiscard]] bool try_begin_wipe(int32_t index) noexcept;
+void               wipe_done(int32_t index) noexcept;
+void               wipe_texts(mqtt_client_t &client) noexcept;
+
+// ---- memory (arena.cpp)
+
+// Makes the records of a block usable; they are zero until written. False when the system gives no memory.
+[[nodiscard]] bool   open_block(int32_t block) noexcept;
+mqtt_client_t       *records_of(int32_t block) noexcept;
+void                 give_back_block(int32_t block) noexcept; // the records read as zero afterwards
+client_send_slot_t  *make_ring(const mqtt_client_t &client) noexcept; // 100 zeroed slots, or null
+// Frees a ring of this record's. The ring is not used by anyone any more.
+void                 free_ring(const mqtt_client_t &client, client_send_slot_t *ring) noexcept;
+// Gives back the pages of the record's ring and leaves it in place, if it is one that can do that.
+void                 trim_ring(mqtt_client_t &client) noexcept REQUIRES(client.send_lock);
+
+// ---- the pool (pool.cpp)
+
+extern Mutex pool_mx; // the block list, used flags and counts
+
+// client_create, pinned. With a generation in `connection` the record is made only while that connection is open.
+client_ref create_client(uint32_t handle, const char *ip, uint16_t port, broker_t *broker,
+                         net::Connection connection) noexcept;
+// pool_free; true when the record was in use and is free now.
+bool release_record(mqtt_client_t &client) noexcept;
+
+[[nodiscard]] bool make_block_list() noexcept;         // empty, with room for the largest pool; false without memory
+[[nodiscard]] bool fill_pool(int32_t blocks) noexcept; // false without memory for that many blocks
+// Empties the manager: block list, counts, tables; every record is released and its memory given back.
+void unlink_pool() noexcept;
+
+// The record at this place in pool order; null behind the last block.
+mqtt_client_t *record_in_order(int32_t place) noexcept;
+
+// ---- tables (lookup.cpp)
+
+uint32_t hash_of(const char *client_id) noexcept;
+Mutex   &lock_of_handle(uint32_t handle) noexcept;
+// Sets the state and takes the record out of both tables, where the entries are its own.
+void leave_tables(mqtt_client_t &client, uint32_t new_state) noexcept;
+void clear_tables() noexcept;
+
+// ---- sending (send_ring.cpp, send_thread.cpp, round_flush.cpp)
+
+enum class Flushed {
+    Drained, // nothing left
+    Partly,  // 100 packets sent, more left
+    Full,    // the socket takes no more
+    Refused, // the connection takes none
+    Busy,    // another thread sends for this client and will see what is queued
+};
+// Sends up to 100 packets. With online_only nothing leaves a ring whose client is not online.
+Flushed flush_ring(mqtt_client_t &client, bool online_only) noexcept;
+// The same for an online client; what is left is handed to the send thread.
+void flush_and_hand_over(mqtt_client_t &client) noexcept;
+// Returns when no thread is sending from this ring. Nobody starts again once the client is not online.
+void wait_for_flusher(mqtt_client_t &client) noexcept;
+// Frees the ring, now or when the thread that sends from it is done.
+void drop_ring(mqtt_client_t &client) noexcept;
+[[nodiscard]] bool has_packets(mqtt_client_t &client) noexcept;
+
+void hand_to_send_thread(int32_t index) noexcept; // wakes it
+void wake_send_thread() noexcept;                 // it tries again what sockets did not take
+
+void use_network_hooks() noexcept;
+// True when the calling thread is inside an I/O round, which sends at its end what the round queued.
+[[nodiscard]] bool in_io_round() noexcept;
+void               add_to_round(int32_t index) noexcept;
+// For the send thread, every 10 ms: sends for a round that has been running for long. False when no round has queued
+// anything for a while; add_to_round wakes the thread then. `quiet_turns` is the caller's count.
+bool flush_long_round(int &quiet_turns) noexcept;
+
+// ---- closing and wills (close.cpp, will_store.cpp, will_scan.cpp, timeout_scan.cpp)
+
+void close_connection_of(mqtt_client_t &client) noexcept;
+void free_will_texts(mqtt_client_t &client) noexcept REQUIRES(client.will_lock);
+void note_parked(mqtt_client_t &client, uint64_t due_at_ms) noexcept;
+void note_unparked(mqtt_client_t &client) noexcept;
+
+uint32_t timeout_scan_turn(uint64_t now_ms, uint32_t default_threshold_ms) noexcept;
+void     will_scan_turn(uint64_t now_ms) noexcept;
+
+} // namespace tarn::client
+
+#endif

@@ -1,0 +1,147 @@
+// close.cpp - the one way a client leaves the online states, whoever closes it and why.
+//
+// Closing decides, in this order: what becomes of the saved session, whether the will starts, and whether the record is
+// free now or waits for a delayed will. One thread closes a record; files, callbacks and the network are used with no
+// lock held, so whatever they call may look up, send and close clients.
+#include "../base/clock.h"
+#include "../handler/packet_handler.h"
+#include "../persist/persist.h"
+#include "client_internal.h"
+
+namespace tarn::client {
+namespace {
+
+void keep_session_until(mqtt_client_t &client, const client_id_text &id, uint32_t interval_s)
+{
+    const uint64_t deadline_s = static_cast<uint64_t>(wall_s()) + interval_s;
+    {
+        ScopedLock lock(lock_of_handle(peek(client.handle)));
+        poke(client.session_expiry_deadline, deadline_s);
+    }
+    LOG_INFO("[MQTT5] 会话已设置过期: %s, 剩余=%u秒, 截止=%llu", id.text, interval_s,
+             static_cast<unsigned long long>(deadline_s));
+    ScopedLock lock(session_lock(client));
+    client.session.session_expiry_interval = interval_s;
+    client.session.session_expiry_deadline = deadline_s;
+    persist_mark(&client.session, PERSIST_SESSION);
+}
+
+// QUIRK(session-ends-with-connection): a client that asked for a session to be kept loses it when its connection drops
+// and no expiry interval above 0 was given, which no 3.1.1 client can give [MQTT-3.1.2-4 and 4.1 of 3.1.1]. One that
+// says DISCONNECT keeps it, without a deadline.
+//   test: close.a_dropped_v4_session_is_deleted_at_once
+void settle_session(mqtt_client_t &client, const client_id_text &id)
+{
+    if (peek(client.clean_session) || peek(client.disconnect_received))
+        return;
+    if (const uint32_t interval_s = peek(client.session_expiry_interval); interval_s != 0) {
+        keep_session_until(client, id, interval_s);
+        return;
+    }
+    LOG_INFO("[MQTT5] 会话立即删除(expiry=0): %s", id.text);
+    persist_remove(id.text);
+}
+
+// QUIRK(will-after-timeout): the will of a client that the keep-alive scan closes starts even if the client has said
+// DISCONNECT [MQTT-3.14.4-3].
+//   test: close.a_timed_out_client_starts_its_will_whatever_it_said
+bool will_is_due(mqtt_client_t &client)
+{
+    if (!peek(client.will_msg_used) || peek(client.will_sent))
+        return false;
+    return peek(client.timeout_closing) || !peek(client.disconnect_received);
+}
+
+// While the client is online still: it may be one of the receivers.
+void start_will(mqtt_client_t &client, const client_id_text &id)
+{
+    if (!peek(client.timeout_closing))
+        LOG_INFO("[遗嘱调试][异常断开] ClientID=%s, 未发送DISCONNECT报文，强制触发遗嘱发送", id.text);
+    LOG_WARN("[WILL-ENTER] 客户端进入遗嘱延迟: %s, will_delay_sec=%u", id.text, peek(client.will_delay_interval));
+    bump(g_will_delay_client_count);
+    packet_start_will_delay(&client);
+    if (peek(client.will_delay_pending))
+        note_parked(client, peek(client.will_delay_deadline));
+}
+
+// A parked record is not sent to any more; its ring need not keep its pages.
+void give_back_ring_pages(mqtt_client_t &client)
+{
+    wait_for_flusher(client);
+    ScopedLock lock(client.send_lock);
+    trim_ring(client);
+}
+
+void go_offline(mqtt_client_t &client)
+{
+    leave_tables(client, CLIENT_WILL_PENDING);
+    wait_for_flusher(client); // or it would send to the handle's next owner
+    close_connection_of(client);
+}
+
+void park(mqtt_client_t &client, const client_id_text &id)
+{
+    start_will(client, id);
+    go_offline(client);
+    give_back_ring_pages(client);
+    LOG_DEBUG("[遗嘱调试][延迟释放客户端] ClientID=%s，等待遗嘱发送完成后再释放", id.text);
+}
+
+void free_now(mqtt_client_t &client, const client_id_text &id)
+{
+    LOG_WARN("[FREE-NORMAL] 客户端正常关闭: %s", id.text);
+    go_offline(client);
+    const bool released = release_record(client);
+    poke(client.state, CLIENT_CLOSED);
+    LOG_DEBUG("[遗嘱调试][客户端关闭完成] ClientID=%s, 状态改为CLOSED", released ? "" : id.text);
+}
+
+void close_claimed(mqtt_client_t &client)
+{
+    const client_id_text id = stored_id(client);
+    LOG_DEBUG("[MQTT5] Client close: max_packet_size=%u, client=%s", peek(client.max_packet_size), id.text);
+    settle_session(client, id);
+    if (will_is_due(client))
+        park(client, id);
+    else
+        free_now(client, id);
+}
+
+// Another thread has closed the client between our look at the state and our claim.
+bool was_lost(mqtt_client_t &client, uint32_t state_before)
+{
+    const uint32_t now = peek(client.state);
+    return now != state_before && (now == CLIENT_WILL_PENDING || now == CLIENT_CLOSED);
+}
+
+} // namespace
+
+void close_connection_of(mqtt_client_t &client) noexcept
+{
+    const Side *const side = side_of(&client);
+    net::close_connection(peek(client.handle), side ? side->generation.load(std::memory_order_relaxed) : 0);
+}
+
+} // namespace tarn::client
+
+using namespace tarn;
+using namespace tarn::client;
+
+void client_close(mqtt_client_t *client)
+{
+    if (!client) {
+        LOG_DEBUG("[遗嘱调试][关闭客户端] 客户端为空，跳过");
+        return;
+    }
+    const client_ref pin(client);
+    const uint32_t   state = peek(client->state);
+    if (state == CLIENT_CLOSED) {
+        LOG_DEBUG("[遗嘱调试][关闭客户端] ClientID=%s, 状态已关闭，跳过", id_of(*client).text);
+        return;
+    }
+    if (!claim_closing(*client))
+        return; // being closed, perhaps further up on this very thread
+    if (!was_lost(*client, state))
+        close_claimed(*client);
+    unclaim_closing(*client);
+}

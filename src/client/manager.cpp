@@ -1,0 +1,47 @@
+// manager.cpp - the client manager comes up and goes down. What its threads touch stays: the pool's memory keeps its
+// type and its locks, only the pages go back.
+#include "../qos/qos_reliable.h"
+#include "client_internal.h"
+
+using namespace tarn;
+using namespace tarn::client;
+
+uint32_t client_mgr_init(int32_t max_clients)
+{
+    if (max_clients < 1 || max_clients > CLIENT_MAX) {
+        LOG_ERROR("max_clients %d invalid, must <= %d", max_clients, CLIENT_MAX);
+        return kFailed;
+    }
+    poke(g_mqtt_max_clients, max_clients);
+    poke(g_client_mgr.running, 0);
+    unlink_pool(); // of an init without a deinit, or of clients that were created before
+
+    if (!make_block_list()) {
+        LOG_ERROR("malloc pools failed");
+        return kFailed;
+    }
+    if (!fill_pool((max_clients + CLIENT_BLOCK_RECORDS - 1) / CLIENT_BLOCK_RECORDS)) {
+        unlink_pool();
+        return kFailed;
+    }
+    poke(g_client_mgr.running, 1);
+
+    if (qos_reliable_init() != 0) {
+        LOG_ERROR("QoS reliable init failed");
+        client_mgr_deinit();
+        return kFailed;
+    }
+    use_network_hooks();
+    mqtt_start_send_thread();
+    LOG_INFO("client_mgr_init success, dynamic max_clients = %d", max_clients);
+    return 0;
+}
+
+void client_mgr_deinit(void)
+{
+    mqtt_stop_send_thread();
+    poke(g_client_mgr.running, 0);
+    qos_reliable_destroy();
+    unlink_pool();
+    LOG_INFO("Client manager deinit success (QoS module destroyed)");
+}

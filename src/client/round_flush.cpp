@@ -1,0 +1,88 @@
+// round_flush.cpp - packets that an I/O thread queues while it handles a round of events are sent by that thread when
+// the round ends: many packets in one write, and no other thread has to wake up for them.
+//
+// A callback of the host can hold a round up. The send thread therefore looks at the round's list every 10 ms while
+// rounds queue packets, and sends in its place.
+#include "client_internal.h"
+
+namespace tarn::client {
+namespace {
+
+// Places in the pool of records that the running round queued for. Only the thread inside the round adds and removes;
+// the network layer lets one thread in at a time.
+constinit int32_t              g_round[CLIENT_MAX]{};
+constinit std::atomic<int32_t> g_round_count{0};
+constinit std::atomic<uint8_t> g_watched{0}; // the send thread looks every 10 ms
+constinit std::atomic<uint8_t> g_queued_since{0};
+
+constinit thread_local bool t_in_round = false;
+
+void begin_round()
+{
+    t_in_round = true;
+}
+
+void end_round()
+{
+    t_in_round          = false;
+    const int32_t count = g_round_count.load(std::memory_order_relaxed);
+    for (int32_t i = 0; i < count; ++i) {
+        const int32_t index = peek(g_round[i]);
+        Side         &side  = side_at(index);
+        side.in_round.store(0, std::memory_order_relaxed);
+        side.round_blocked.store(0, std::memory_order_relaxed);
+        const client_ref client(record_at(index)); // whoever has the record now
+        flush_and_hand_over(*client);
+    }
+    g_round_count.store(0, std::memory_order_release);
+}
+
+} // namespace
+
+bool in_io_round() noexcept
+{
+    return t_in_round;
+}
+
+void add_to_round(int32_t index) noexcept
+{
+    if (side_at(index).in_round.exchange(1, std::memory_order_relaxed))
+        return;
+    const int32_t count = g_round_count.load(std::memory_order_relaxed);
+    poke(g_round[count], index);
+    g_round_count.store(count + 1, std::memory_order_release);
+    if (g_queued_since.load(std::memory_order_relaxed) == 0)
+        g_queued_since.store(1);
+    if (g_watched.load() == 0) {
+        g_watched.store(1);
+        wake_send_thread();
+    }
+}
+
+bool flush_long_round(int &quiet_turns) noexcept
+{
+    constexpr int kQuietTurns = 20; // turns without a packet until nobody looks any more
+
+    const int32_t count = g_round_count.load(std::memory_order_acquire);
+    for (int32_t i = 0; i < count; ++i) {
+        const client_ref client(record_at(peek(g_round[i])));
+        flush_and_hand_over(*client);
+    }
+    quiet_turns = g_queued_since.exchange(0) || count > 0 ? 0 : quiet_turns + 1;
+    if (quiet_turns < kQuietTurns)
+        return true;
+    quiet_turns = kQuietTurns;
+    g_watched.store(0);
+    if (g_queued_since.load() == 0)
+        return false;
+    g_watched.store(1); // one was queued just now, by a thread that still saw us watching
+    return true;
+}
+
+void use_network_hooks() noexcept
+{
+    net::set_round_hooks({begin_round, end_round});
+    net::set_writable_hook(wake_send_thread);
+}
+
+} // namespace tarn::client

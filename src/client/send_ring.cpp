@@ -1,0 +1,294 @@
+// send_ring.cpp - a client's outbound ring: producers copy a packet in and return, one thread at a time sends.
+//
+// The ring is empty at head == tail and full with one slot left, so it holds 99 packets. Packets are sent without
+// send_lock: slots from head on belong to the thread that set the `flushing` mark until it moves head, so producers
+// never wait for the socket. For a record outside the pool there is no mark, and the lock is kept.
+#include "../base/text.h"
+#include "../stats/mqtt_stats.h"
+#include "client_internal.h"
+
+#include <cstring>
+#include <sched.h>
+
+namespace tarn::client {
+namespace {
+
+constexpr int kFlushMax = 100; // packets a flush
+
+int next_of(int slot)
+{
+    return (slot + 1) % CLIENT_SEND_SLOTS;
+}
+
+bool may_flush(mqtt_client_t &client, bool online_only)
+{
+    if (online_only && !is_online(client))
+        return false;
+    return peek(client.state) != CLIENT_CLOSED && peek(client.used) && peek(client.send_queue);
+}
+
+// The record's connection may be gone and its handle another client's.
+bool has_its_connection(mqtt_client_t &client, const Side *side)
+{
+    const uint32_t generation = side ? side->generation.load(std::memory_order_relaxed) : 0;
+    return is_online(client) || generation == 0 || net::generation_of(peek(client.handle)) == generation;
+}
+
+struct Batch {
+    client_send_slot_t *ring = nullptr;
+    uint32_t            handle;
+    int                 count = 0;
+    net::Packet         packets[net::kGatherMax];
+};
+
+bool is_sendable(int32_t length)
+{
+    return length >= 1 && length <= CLIENT_SEND_SLOT_BYTES;
+}
+
+// The packets from head on that can go in one write. A slot with an impossible length ends a batch or is one alone:
+// the network layer refuses it.
+void gather(mqtt_client_t &client, int limit, Batch &batch) REQUIRES(client.send_lock)
+{
+    batch.ring   = client.send_queue;
+    batch.handle = peek(client.handle);
+    batch.count  = 0;
+    for (int at = client.send_head; at != client.send_tail && batch.count < limit; at = next_of(at)) {
+        const client_send_slot_t &slot = batch.ring[at % CLIENT_SEND_SLOTS];
+        if (!slot.ready || (!is_sendable(slot.length) && batch.count > 0))
+            return;
+        batch.packets[batch.count++] = {slot.data, slot.length};
+        if (!is_sendable(slot.length))
+            return;
+    }
+}
+
+net::Sent send(const Batch &batch)
+{
+    if (batch.count > 1 || is_sendable(batch.packets[0].length))
+        return net::send_packets(batch.handle, batch.packets, batch.count);
+    const uint32_t result = netip_send(batch.handle, batch.packets[0].bytes, batch.packets[0].length);
+    return {result == NETIP_OK ? 1 : 0, result};
+}
+
+void advance(mqtt_client_t &client, int packets) REQUIRES(client.send_lock)
+{
+    for (; packets > 0; --packets) {
+        const int head                 = client.send_head % CLIENT_SEND_SLOTS;
+        client.send_queue[head].ready = 0;
+        poke(client.send_head, static_cast<uint8_t>(next_of(head)));
+    }
+}
+
+Flushed outcome(const net::Sent &sent, int asked)
+{
+    if (sent.packets >= asked)
+        return Flushed::Drained;
+    return sent.result == NETIP_AGAIN ? Flushed::Full : Flushed::Refused;
+}
+
+// Sends one batch; false when the flush is over. send_lock is held, but not during the call for a pool record.
+bool send_batch(mqtt_client_t &client, Side *side, int limit, int &sent_packets, Flushed &result) NO_LOCK_ANALYSIS
+{
+    Batch batch;
+    gather(client, limit, batch);
+    if (batch.count == 0)
+        return false;
+    if (side)
+        client.send_lock.unlock();
+    const net::Sent sent = send(batch);
+    if (side)
+        client.send_lock.lock();
+    if (client.send_queue != batch.ring) { // released meanwhile, and the ring left to us
+        free_ring(client, batch.ring);
+        result = Flushed::Drained;
+        return false;
+    }
+    advance(client, sent.packets);
+    sent_packets += sent.packets;
+    result = outcome(sent, batch.count);
+    return result == Flushed::Drained;
+}
+
+enum class Queued { Ok, Offline, NoRing, Full };
+
+Queued enqueue(mqtt_client_t &client, const uint8_t *bytes, int32_t length) EXCLUDES(client.send_lock)
+{
+    ScopedLock lock(client.send_lock);
+    if (!is_online(client)) // once more: release has emptied the ring for good
+        return Queued::Offline;
+    if (!client.send_queue) {
+        client_send_slot_t *const ring = make_ring(client);
+        if (!ring)
+            return Queued::NoRing;
+        poke(client.send_queue, ring);
+    }
+    const int tail = client.send_tail % CLIENT_SEND_SLOTS;
+    const int next = next_of(tail);
+    if (next == client.send_head)
+        return Queued::Full;
+    client_send_slot_t &slot = client.send_queue[tail];
+    memcpy(slot.data, bytes, static_cast<size_t>(length));
+    slot.length = length;
+    slot.ready  = 1;
+    poke(client.send_tail, static_cast<uint8_t>(next));
+    if (Side *const side = side_of(&client); side && side->ring_used < CLIENT_SEND_SLOTS)
+        ++side->ring_used;
+    return Queued::Ok;
+}
+
+// A burst that one packet from the network sets off fills a ring before its round ends, so the ring is emptied between;
+// once a round when the socket takes nothing.
+Queued enqueue_making_room(mqtt_client_t &client, const uint8_t *bytes, int32_t length)
+{
+    const Queued queued = enqueue(client, bytes, length);
+    Side *const  side   = side_of(&client);
+    if (queued != Queued::Full || !side || !in_io_round() || side->round_blocked.load(std::memory_order_relaxed))
+        return queued;
+    const Flushed result = flush_ring(client, true);
+    side->round_blocked.store(result == Flushed::Full || result == Flushed::Refused, std::memory_order_relaxed);
+    return enqueue(client, bytes, length);
+}
+
+// Somebody has to send it: the running I/O round at its end, or else the send thread, now.
+void see_to_sending(mqtt_client_t &client)
+{
+    const int32_t index = index_of(&client);
+    if (index == kOutside)
+        return;
+    if (in_io_round())
+        add_to_round(index);
+    else
+        hand_to_send_thread(index);
+}
+
+} // namespace
+
+bool has_packets(mqtt_client_t &client) noexcept
+{
+    return peek(client.send_head) != peek(client.send_tail);
+}
+
+Flushed flush_ring(mqtt_client_t &client, bool online_only) noexcept NO_LOCK_ANALYSIS
+{
+    Side *const side = side_of(&client);
+    if (!may_flush(client, online_only))
+        return Flushed::Drained;
+
+    client.send_lock.lock();
+    if (side && side->flushing) {
+        client.send_lock.unlock();
+        return Flushed::Busy;
+    }
+    if (side)
+        side->flushing = 1;
+    Flushed result = Flushed::Drained;
+    int     sent   = 0;
+    while (sent < kFlushMax && may_flush(client, online_only)) {
+        if (!has_its_connection(client, side)) {
+            result = Flushed::Refused;
+            break;
+        }
+        const int limit = kFlushMax - sent < net::kGatherMax ? kFlushMax - sent : net::kGatherMax;
+        if (!send_batch(client, side, limit, sent, result))
+            break;
+    }
+    if (result == Flushed::Drained && sent >= kFlushMax && has_packets(client))
+        result = Flushed::Partly;
+    if (side)
+        side->flushing = 0;
+    client.send_lock.unlock();
+    return result;
+}
+
+void flush_and_hand_over(mqtt_client_t &client) noexcept
+{
+    const Flushed result = flush_ring(client, true);
+    const int32_t index  = index_of(&client);
+    if (index != kOutside && result != Flushed::Drained && result != Flushed::Busy)
+        hand_to_send_thread(index);
+}
+
+void wait_for_flusher(mqtt_client_t &client) noexcept
+{
+    const Side *const side = side_of(&client);
+    for (bool busy = side != nullptr; busy;) {
+        {
+            ScopedLock lock(client.send_lock);
+            busy = side->flushing != 0;
+        }
+        if (busy)
+            sched_yield();
+    }
+}
+
+void drop_ring(mqtt_client_t &client) noexcept
+{
+    Side *const side = side_of(&client);
+    ScopedLock  lock(client.send_lock);
+    client_send_slot_t *const ring = client.send_queue;
+    poke(client.send_queue, nullptr);
+    poke(client.send_head, 0);
+    poke(client.send_tail, 0);
+    if (side)
+        side->ring_used = 0;
+    if (ring && !(side && side->flushing))
+        free_ring(client, ring);
+}
+
+} // namespace tarn::client
+
+using namespace tarn;
+using namespace tarn::client;
+
+uint32_t client_send(mqtt_client_t *client, const uint8_t *bytes, int32_t length)
+{
+    if (!client || !bytes || length < 1 || length > CLIENT_SEND_SLOT_BYTES) {
+        mqtt_stats_inc_drop_invalid_param();
+        return kFailed;
+    }
+    const client_ref pin(client);
+    if (!is_online(*client)) {
+        mqtt_stats_inc_drop_offline();
+        return kFailed;
+    }
+    if (static_cast<uint32_t>(length) > peek(client->max_packet_size)) {
+        mqtt_stats_inc_drop_too_big();
+        return kFailed;
+    }
+    switch (enqueue_making_room(*client, bytes, length)) {
+    case Queued::Offline:
+        mqtt_stats_inc_drop_offline();
+        return kFailed;
+    case Queued::NoRing:
+        mqtt_stats_inc_drop_invalid_param();
+        return kFailed;
+    case Queued::Full:
+        mqtt_stats_inc_drop_queue_full();
+        return kFailed;
+    case Queued::Ok:
+        break;
+    }
+    mqtt_stats_inc_tx_pkt();
+    client_update_active(client);
+    see_to_sending(*client);
+    return 0;
+}
+
+void client_send_flush(mqtt_client_t *client)
+{
+    if (!client)
+        return;
+    const client_ref pin(client);
+    Flushed          result;
+    while ((result = flush_ring(*client, false)) == Flushed::Busy)
+        sched_yield(); // one non-blocking write of another thread
+    const int32_t index = index_of(client);
+    if (index != kOutside && result != Flushed::Drained && is_online(*client))
+        hand_to_send_thread(index);
+}
+
+void tarn::flush_client(mqtt_client_t &client) noexcept
+{
+    client_send_flush(&client);
+}

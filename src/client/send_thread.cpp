@@ -1,0 +1,245 @@
+// send_thread.cpp - sends what threads outside the I/O rounds queued, and tries again what sockets did not take.
+//
+// Who queues for a record that is not listed puts it into the ready list and wakes the thread. Records whose sockets
+// are full stay with the thread: it tries them every 10 ms, and at once when the network layer sees one writable.
+// Twice a second it looks at the whole pool, for rings that were filled by hand and for memory to give back.
+#include "../base/clock.h"
+#include "../base/thread.h"
+#include "client_internal.h"
+
+#include <climits>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+uint8_t   g_send_running = 0;
+pthread_t g_send_thread  = 0;
+
+namespace tarn::client {
+namespace {
+
+constexpr uint32_t kRetry_ms    = 10;  // while records are listed or I/O rounds are watched
+constexpr uint32_t kIdle_ms     = 100; // otherwise
+constexpr uint32_t kWalk_ms     = 500;
+constexpr uint32_t kTrimIdle_ms = 10000;
+constexpr int      kTrimSlots   = 8;  // a ring that was used less is not worth a system call
+constexpr int      kRefusals    = 10; // from then on a record is tried with each walk only
+
+constinit std::atomic<int32_t>  g_ready{0}; // newest record of the ready list: index + 1, 0 = empty
+constinit std::atomic<uint32_t> g_asleep{0}; // the thread waits in the kernel on this word
+constinit std::atomic<uint8_t>  g_try_again{0};
+
+constinit Mutex g_start_mx{};
+constinit bool  g_started GUARDED_BY(g_start_mx) = false; // there is a thread to join
+
+static_assert(sizeof g_asleep == sizeof(uint32_t), "a futex word");
+
+bool nothing_to_do()
+{
+    return g_ready.load() == 0 && g_try_again.load() == 0 && peek(g_send_running);
+}
+
+// False when the whole time passed. The time is relative, so it passes also while a test holds the clocks.
+bool sleep_until_woken(uint32_t ms)
+{
+    g_asleep.store(1);
+    bool timed_out = false;
+    if (nothing_to_do()) {
+        const timespec wait{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
+        timed_out = syscall(SYS_futex, &g_asleep, FUTEX_WAIT_PRIVATE, 1, &wait, nullptr, 0) != 0 && g_asleep.load() != 0;
+    }
+    g_asleep.store(0);
+    return !timed_out;
+}
+
+void wake()
+{
+    if (g_asleep.exchange(0) != 0)
+        syscall(SYS_futex, &g_asleep, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
+}
+
+// The records of the ready list, oldest first, as a chain of index + 1.
+int32_t take_ready()
+{
+    int32_t newest_first = g_ready.exchange(0);
+    int32_t oldest_first = 0;
+    while (newest_first != 0) {
+        Side &side         = side_at(newest_first - 1);
+        const int32_t next = side.next_ready.load(std::memory_order_relaxed);
+        side.next_ready.store(oldest_first, std::memory_order_relaxed);
+        oldest_first = newest_first;
+        newest_first = next;
+    }
+    return oldest_first;
+}
+
+// The thread's own list of records to try again.
+class Waiting {
+public:
+    ~Waiting()
+    {
+        for (int32_t i = 0; i < count_; ++i) // for the next thread to find
+            side_at(places_[i]).listed.store(0);
+    }
+    bool empty() const { return count_ == 0; }
+    // The record is flushed, and kept when packets stay.
+    void serve(int32_t index)
+    {
+        Side &side = side_at(index);
+        side.listed.store(0); // first: a packet that comes behind the flush lists it again
+        const client_ref client(record_at(index));
+        const Flushed    result = flush_ring(*client, true);
+        if (result == Flushed::Partly) {
+            hand_to_send_thread(index);
+            return;
+        }
+        if (result == Flushed::Refused && side.refusals.load(std::memory_order_relaxed) >= kRefusals)
+            return; // no connection, it seems: the walks go on trying
+        count_refusal(side, result);
+        const bool left = result == Flushed::Full || result == Flushed::Refused;
+        if (left && side.listed.exchange(1) == 0)
+            places_[count_++] = index;
+    }
+    void try_again()
+    {
+        const int32_t count = count_;
+        count_              = 0;
+        for (int32_t i = 0; i < count; ++i) // serve() writes at or before i
+            serve(places_[i]);
+    }
+
+private:
+    static void count_refusal(Side &side, Flushed result)
+    {
+        const uint8_t before = side.refusals.load(std::memory_order_relaxed);
+        side.refusals.store(result == Flushed::Refused ? static_cast<uint8_t>(before + 1) : uint8_t{0},
+                            std::memory_order_relaxed);
+    }
+
+    int32_t places_[CLIENT_MAX]; // each record at most once: `listed`
+    int32_t count_ = 0;
+};
+
+void trim_idle_ring(mqtt_client_t &client, uint64_t now_ms)
+{
+    const Side *const side = side_of(&client);
+    if (!side || elapsed(now_ms, peek(client.last_active)) < kTrimIdle_ms)
+        return;
+    ScopedLock lock(client.send_lock);
+    if (side->ring_used >= kTrimSlots && !side->flushing && !has_packets(client))
+        trim_ring(client);
+}
+
+void walk(Waiting &waiting, uint64_t now_ms)
+{
+    int32_t place = 0;
+    while (const client_ref client = next_client(place)) {
+        if (!is_online(*client) || !peek(client->send_queue))
+            continue;
+        const int32_t index = index_of(client.get());
+        if (!has_packets(*client))
+            trim_idle_ring(*client, now_ms);
+        else if (index == kOutside)
+            (void)flush_ring(*client, true);
+        else if (side_at(index).listed.load() == 0)
+            waiting.serve(index);
+    }
+}
+
+void run()
+{
+    Waiting  waiting;
+    uint64_t next_walk_ms = 0;
+    uint64_t next_try_ms  = 0;
+    uint32_t quiet_ms     = kWalk_ms; // time slept through since the last walk
+    int      quiet_turns  = 0;
+    bool     woken        = false;
+    do {
+        for (int32_t next = take_ready(); next != 0;) {
+            const int32_t index = next - 1;
+            next                = side_at(index).next_ready.load(std::memory_order_relaxed);
+            waiting.serve(index);
+        }
+        const uint64_t now_ms = mono_ms();
+        if (g_try_again.exchange(0) || !woken || now_ms >= next_try_ms) {
+            waiting.try_again();
+            next_try_ms = now_ms + kRetry_ms;
+        }
+        const bool watching = flush_long_round(quiet_turns);
+        if (quiet_ms >= kWalk_ms || now_ms >= next_walk_ms) {
+            walk(waiting, now_ms);
+            next_walk_ms = now_ms + kWalk_ms;
+            quiet_ms     = 0;
+        }
+        const uint32_t pause = waiting.empty() && !watching ? kIdle_ms : kRetry_ms;
+        woken                = sleep_until_woken(pause);
+        quiet_ms += woken ? 0 : pause;
+    } while (peek(g_send_running));
+}
+
+} // namespace
+
+void hand_to_send_thread(int32_t index) noexcept
+{
+    Side &side = side_at(index);
+    if (side.listed.exchange(1) != 0)
+        return;
+    int32_t newest = g_ready.load();
+    do
+        side.next_ready.store(newest, std::memory_order_relaxed);
+    while (!g_ready.compare_exchange_weak(newest, index + 1));
+    wake();
+}
+
+void wake_send_thread() noexcept
+{
+    g_try_again.store(1);
+    wake();
+}
+
+} // namespace tarn::client
+
+using namespace tarn;
+using namespace tarn::client;
+
+void *send_thread_proc(void *)
+{
+    LOG_INFO("[SEND_THREAD] 发送线程启动");
+    if (peek(g_send_running))
+        run();
+    LOG_INFO("[SEND_THREAD] 发送线程退出");
+    return nullptr;
+}
+
+void mqtt_start_send_thread(void)
+{
+    {
+        ScopedLock lock(g_start_mx);
+        if (g_started && peek(g_send_running))
+            return;
+    }
+    mqtt_stop_send_thread(); // one that was ended through the flag alone
+    ScopedLock lock(g_start_mx);
+    if (g_started)
+        return;
+    poke(g_send_running, 1);
+    g_started = start_thread(&g_send_thread, "tarn-send", send_thread_proc, nullptr) == 0;
+}
+
+void mqtt_stop_send_thread(void)
+{
+    pthread_t thread  = 0;
+    bool      started = false;
+    {
+        ScopedLock lock(g_start_mx);
+        started       = g_started;
+        thread        = g_send_thread;
+        g_started     = false;
+        g_send_thread = 0;
+        poke(g_send_running, 0);
+    }
+    wake();
+    if (started)
+        finish_thread(thread);
+}

@@ -1,0 +1,154 @@
+// will_scan.cpp - publishes delayed wills when they are due and releases the records that waited for it.
+//
+// Three parties can settle a delayed will: this scan, the CONNECT of a client that came back, and a second close. Each
+// claims the record first and then looks again, so a will is published or cancelled, never both.
+#include "../base/clock.h"
+#include "../handler/packet_handler.h"
+#include "client_internal.h"
+
+int32_t g_will_delay_client_count = 0;
+
+namespace tarn::client {
+namespace {
+
+constexpr uint64_t kNever   = UINT64_MAX;
+constexpr uint64_t kWalk_ms = 500; // wills that were set going by hand are found by a full walk
+
+// What spares the housekeeping thread the walk: records that client_close has parked, and the earliest moment at which
+// one of them is due.
+constinit std::atomic<int32_t>  g_parked{0};
+constinit std::atomic<uint64_t> g_next_due_ms{kNever};
+constinit std::atomic<uint64_t> g_next_walk_ms{0};
+
+void due_no_later_than(uint64_t at_ms)
+{
+    uint64_t seen = g_next_due_ms.load(std::memory_order_relaxed);
+    while (at_ms < seen && !g_next_due_ms.compare_exchange_weak(seen, at_ms))
+        ;
+}
+
+bool is_waiting(mqtt_client_t &client)
+{
+    return peek_acquire(client.used) && peek(client.state) == CLIENT_WILL_PENDING && peek(client.will_delay_pending);
+}
+
+// QUIRK(overdue-will): a will that is late by more than 30 s, because the broker was stopped meanwhile, is dropped
+// [MQTT-3.1.2-8].
+//   test: will_scan.a_will_overdue_by_more_than_30_s_is_dropped
+bool is_overdue(mqtt_client_t &client, uint64_t now_ms)
+{
+    return peek(client.will_delay_deadline) + CLIENT_WILL_OVERDUE_MS < now_ms;
+}
+
+bool is_due(mqtt_client_t &client, uint64_t now_ms)
+{
+    ScopedLock lock(client.will_lock);
+    return peek(client.will_delay_pending) && !peek(client.will_sent) && peek(client.will_delay_deadline) <= now_ms;
+}
+
+void end_delay(mqtt_client_t &client)
+{
+    ScopedLock lock(client.will_lock);
+    poke(client.will_sent, 1);
+    poke(client.will_delay_pending, 0);
+}
+
+// The record is free afterwards.
+void settle(mqtt_client_t &client)
+{
+    leave_tables(client, CLIENT_CLOSED);
+    bump(g_will_delay_client_count, -1);
+    (void)release_record(client);
+}
+
+void drop(mqtt_client_t &client)
+{
+    LOG_WARN("[WILL] 超时30s强制清理 client=%s", stored_id(client).text);
+    end_delay(client);
+    settle(client);
+}
+
+void publish(mqtt_client_t &client)
+{
+    LOG_WARN("[WILL] 延迟结束，发送并清理 client=%s", stored_id(client).text);
+    packet_send_will_message(&client);
+    end_delay(client);
+    close_connection_of(client);
+    settle(client);
+}
+
+void settle_if_due(mqtt_client_t &client, uint64_t now_ms)
+{
+    if (!is_waiting(client))
+        return;
+    if (is_overdue(client, now_ms))
+        drop(client);
+    else if (is_due(client, now_ms))
+        publish(client);
+}
+
+// When this record has to be looked at again, if it still waits.
+uint64_t next_look_ms(mqtt_client_t &client, uint64_t now_ms)
+{
+    if (!is_waiting(client))
+        return kNever;
+    const uint64_t due_ms = peek(client.will_delay_deadline);
+    if (peek(client.will_sent)) // nothing to publish, but the record is freed some day
+        return due_ms + CLIENT_WILL_OVERDUE_MS + 1;
+    return due_ms > now_ms ? due_ms : now_ms; // claimed by another thread: look again next time
+}
+
+} // namespace
+
+void note_parked(mqtt_client_t &client, uint64_t due_at_ms) noexcept
+{
+    Side *const side = side_of(&client);
+    if (side && side->parked.exchange(1) == 0)
+        g_parked.fetch_add(1);
+    due_no_later_than(due_at_ms);
+}
+
+void note_unparked(mqtt_client_t &client) noexcept
+{
+    Side *const side = side_of(&client);
+    if (side && side->parked.exchange(0) != 0)
+        g_parked.fetch_sub(1);
+}
+
+void will_scan_turn(uint64_t now_ms) noexcept
+{
+    g_next_walk_ms.store(now_ms + kWalk_ms, std::memory_order_relaxed);
+    g_next_due_ms.store(kNever); // whoever parks a record from here on lowers it again
+    for (int32_t place = 0; mqtt_client_t *const record = record_in_order(place); ++place) {
+        if (!is_waiting(*record))
+            continue;
+        const client_ref client(record);
+        if (claim_closing(*client)) {
+            settle_if_due(*client, now_ms);
+            unclaim_closing(*client);
+        }
+        due_no_later_than(next_look_ms(*client, now_ms));
+    }
+}
+
+} // namespace tarn::client
+
+using namespace tarn;
+using namespace tarn::client;
+
+bool tarn::will_delays_running() noexcept
+{
+    const uint64_t now_ms = mono_ms();
+    return now_ms >= g_next_due_ms.load(std::memory_order_relaxed) ||
+           now_ms >= g_next_walk_ms.load(std::memory_order_relaxed);
+}
+
+bool tarn::wills_are_parked() noexcept
+{
+    return g_parked.load() > 0;
+}
+
+void client_will_delay_scan(void)
+{
+    will_scan_turn(mono_ms());
+}
