@@ -222,7 +222,7 @@ void cancel_parked_will(mqtt_client_t &parked)
 void cancel_delayed_wills(mqtt_client_t &client)
 {
     packet_cancel_will(&client);
-    if (!will_delays_running())
+    if (!wills_are_parked())
         return;
     int32_t place = 0;
     while (const client_ref other = next_client(place))
