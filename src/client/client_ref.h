@@ -75,6 +75,9 @@ void               unclaim_closing(mqtt_client_t &client) noexcept;
 // Makes the record logged in, unless it was closed meanwhile (false).
 [[nodiscard]] bool mark_logged_in(mqtt_client_t &client) noexcept;
 
+// Ends a claimed record that waits for its will: out of both tables, CLOSED, no longer counted as delayed, released.
+void release_parked(mqtt_client_t &client) noexcept;
+
 // False while no delayed will can be due: what the housekeeping thread asks before it scans the pool.
 [[nodiscard]] bool will_delays_running() noexcept;
 

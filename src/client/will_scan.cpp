@@ -148,6 +148,11 @@ bool tarn::wills_are_parked() noexcept
     return g_parked.load() > 0;
 }
 
+void tarn::release_parked(mqtt_client_t &client) noexcept
+{
+    settle(client);
+}
+
 void client_will_delay_scan(void)
 {
     will_scan_turn(mono_ms());

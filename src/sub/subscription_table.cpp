@@ -232,8 +232,9 @@ int match(const char *topic, const void *into, int32_t room, Trust trust, Take t
     Route route{};
     const std::string_view id = text_of(entry.client_id).substr(0, kClientIdChars);
     memcpy(route.client_id, id.data(), id.size());
-    route.qos   = static_cast<uint8_t>(entry.qos);
-    route.index = index;
+    route.qos           = static_cast<uint8_t>(entry.qos);
+    route.clean_session = entry.clean_session;
+    route.index         = index;
     return add_group(list, route, text_of(entry.topic_filter)) && list.routes.push(route);
 }
 

@@ -1,0 +1,299 @@
+// connect.cpp - CONNECT: who the client is, what it and the broker agree on, and what becomes of its saved session.
+//
+// There is no session take-over: an older connection of the same id is neither closed nor told, the new record is just
+// the one found by that id from now on. From adopt() on, the record's id is the client's name, not the decoded one.
+#include "../base/text.h"
+#include "../codec/mqtt_codec.h"
+#include "../persist/session_store.h"
+#include "../stats/mqtt_stats.h"
+#include "../sub/sub.h"
+#include "handler_internal.h"
+#include "reply.h"
+
+#include <algorithm>
+
+namespace tarn::handler {
+namespace {
+
+constexpr uint8_t kBadUserNameOrPassword = 0x86;
+
+int refuse(mqtt_client_t &client)
+{
+    mqtt_connack_para_t connack{};
+    connack.reason_code = kBadUserNameOrPassword;
+    if (send_refusal(client, connack) == Reply::NoMemory)
+        LOG_ERROR("connack_buf malloc failed");
+    else
+        let_leave(client);
+    client_close(&client);
+    return -1;
+}
+
+// False when the connection was closed meanwhile: then nothing more is to happen.
+// QUIRK(no-take-over): an older connection of the same id stays open [MQTT-3.1.4-3].
+//   test: Connect.ASecondClientOfAnIdLeavesTheFirstOpen
+[[nodiscard]] bool adopt(mqtt_client_t &client, const mqtt_connect_para_t &connect)
+{
+    poke(client.clean_session, connect.clean_start);
+    client_set_keepalive(&client, connect.keep_alive);
+    client_set_cid(&client, connect.client_id);
+    return mark_logged_in(client);
+}
+
+void negotiate_session_expiry(mqtt_client_t &client, const mqtt_connect_para_t &connect)
+{
+    if (speaks_v5(client)) {
+        poke(client.session_expiry_interval, connect.session_expiry_interval);
+        LOG_INFO("[MQTT5] Session Expiry Interval negotiated: client=%s, value=%u (0x11)", client.client_id,
+                 connect.session_expiry_interval);
+    } else {
+        poke(client.session_expiry_interval, 0);
+        LOG_DEBUG("[MQTT3] Session Expiry Interval not supported, set to 0");
+    }
+}
+
+// QUIRK(packet-size-floor): a 5.0 client without Maximum Packet Size, which means no limit (MQTT 5.0 3.1.2.11.4), or
+// with one below 256 gets 256.
+//   test: Connect.AnAbsentMaximumPacketSizeBecomes256
+void negotiate_packet_size(mqtt_client_t &client, const mqtt_connect_para_t &connect)
+{
+    const uint32_t asked = connect.max_packet_size;
+    if (!speaks_v5(client)) {
+        poke(client.max_packet_size, CLIENT_V4_PACKET_MAX);
+        LOG_INFO("[MQTT3] Maximum Packet Size not supported, use default=%u, client=%s", CLIENT_V4_PACKET_MAX,
+                 client.client_id);
+    } else if (asked < CLIENT_V5_PACKET_FLOOR) {
+        poke(client.max_packet_size, CLIENT_V5_PACKET_FLOOR);
+        LOG_WARN("[MQTT5] Maximum Packet Size too small(%u), force set to 256, client=%s", asked, client.client_id);
+    } else {
+        poke(client.max_packet_size, asked);
+        LOG_INFO("[MQTT5] Maximum Packet Size negotiated: client=%s, value=%u (valid)", client.client_id, asked);
+    }
+}
+
+// ---- the saved session
+
+// Refills the embedded record from the client's files; false when it has none.
+bool load_session_of(mqtt_client_t &client)
+{
+    persist_session_t &session = client.session;
+    ScopedLock         lock(session_lock(client));
+    clear_session(client);
+    copy_text(session.client_id, client.client_id, sizeof client.client_id - 1);
+    int files_opened = 0;
+    if (persist::load_session(&session, &files_opened) != 0 || files_opened == 0)
+        return false;
+    // One place more: a broken file may have left something behind the last entry.
+    session_written(client, std::min<int32_t>(session.sub_count + 1, PERSIST_SUBS_MAX),
+                    std::min<int32_t>(session.msg_count + 1, PERSIST_MSGS_MAX));
+    return true;
+}
+
+// QUIRK(restored-will-unretained): a will restored from the session file is not retained, whatever its client asked
+// [MQTT-3.1.2-17]: the file keeps no such flag.
+//   test: Connect.ARestoredWillIsNeverRetained
+void restore_will(mqtt_client_t &client)
+{
+    const persist_session_t &session = client.session;
+    if (!session.will_flag)
+        return;
+    // The file's length may exceed the bytes the record holds: what is missing reads as zeroes.
+    uint8_t payload[CLIENT_WILL_MAX] = {};
+    memcpy(payload, session.will_payload, sizeof session.will_payload);
+    client_set_will_msg(&client, session.will_topic, payload, session.will_len, session.will_qos, 0);
+    LOG_INFO("[遗嘱] 客户端 %s 遗嘱恢复成功", client.client_id);
+}
+
+// Whatever the clean-session flag says: settle_session() discards it again.
+void restore_session(mqtt_client_t &client)
+{
+    const bool found = load_session_of(client);
+    poke(client.session_restored, found);
+    if (!found)
+        return;
+    LOG_INFO("[会话] 加载客户端持久化数据成功: %s, 订阅数=%d, 离线消息数=%d", client.client_id,
+             client.session.sub_count, client.session.msg_count);
+    restore_will(client);
+}
+
+// ---- the will in this CONNECT
+
+void say_will(const mqtt_client_t &client, const mqtt_connect_para_t &connect)
+{
+    LOG_INFO("[WILL-CONNECT] Client=%s set will:", client.client_id);
+    LOG_INFO("[WILL-CONNECT] Topic: %s, QoS: %u, Retain: %u, PayloadLen: %u", connect.will_topic, connect.will_qos,
+             connect.will_retain, static_cast<uint32_t>(connect.will_payload_len));
+    LOG_HEXDUMP("[WILL-CONNECT] Payload", connect.will_payload, connect.will_payload_len);
+}
+
+// A payload above 1024 bytes leaves its length in the record, but no bytes.
+void copy_will_to_session(persist_session_t &session, const mqtt_connect_para_t &connect)
+{
+    const auto length  = static_cast<uint32_t>(connect.will_payload_len);
+    session.will_flag  = 1;
+    session.will_qos   = static_cast<uint8_t>(connect.will_qos);
+    session.will_len   = length;
+    copy_text(session.will_topic, connect.will_topic, sizeof session.will_topic - 1);
+    if (length <= sizeof session.will_payload)
+        memcpy(session.will_payload, connect.will_payload, length);
+}
+
+void take_will(mqtt_client_t &client, const mqtt_connect_para_t &connect)
+{
+    if (!connect.will_flag) {
+        ScopedLock lock(session_lock(client));
+        client.session.will_flag = 0;
+        return;
+    }
+    say_will(client, connect);
+    client_set_will_msg(&client, connect.will_topic, connect.will_payload,
+                        static_cast<uint32_t>(connect.will_payload_len), static_cast<uint8_t>(connect.will_qos),
+                        connect.will_retain);
+    if (speaks_v5(client)) {
+        {
+            ScopedLock lock(session_lock(client));
+            client.session.will_delay_interval      = connect.will_delay_interval;
+            client.session.will_msg_expiry_interval = connect.will_msg_expiry_interval;
+        }
+        client_set_will_enhance(&client, connect.will_delay_interval, connect.will_msg_expiry_interval, 0, "", "",
+                                nullptr, 0);
+    }
+    ScopedLock lock(session_lock(client));
+    copy_will_to_session(client.session, connect);
+    if (!peek(client.clean_session))
+        persist_mark(&client.session, PERSIST_SESSION);
+}
+
+// ---- what becomes of the session
+
+void drop_session(mqtt_client_t &client)
+{
+    (void)persist_remove(client.client_id);
+    poke(client.session_restored, 0);
+    {
+        ScopedLock lock(session_lock(client));
+        client.session.sub_count = 0;
+        client.session.msg_count = 0;
+    }
+    (void)sub_remove(client.client_id, nullptr);
+    LOG_INFO("[会话] CleanSession=1 → 清除历史数据 + 内存订阅");
+}
+
+void resubscribe(mqtt_client_t &client)
+{
+    for (const persist_sub_t &saved : std::span(client.session.subs, static_cast<size_t>(client.session.sub_count)))
+        if (sub_add(client.client_id, saved.topic, saved.qos, 0) == 0)
+            LOG_INFO("[恢复] 订阅: %s QoS=%d → 内存订阅表", saved.topic, saved.qos);
+    LOG_INFO("[会话] 客户端 %s 上下文恢复完成", client.client_id);
+}
+
+void settle_session(mqtt_client_t &client)
+{
+    if (peek(client.clean_session))
+        drop_session(client);
+    else if (peek(client.session_restored))
+        resubscribe(client);
+    else
+        LOG_INFO("[会话] CleanSession=0，但无历史数据，新建会话: %s", client.client_id);
+}
+
+// ---- delayed wills of the same id: a client that came back has not vanished
+
+bool awaits_will(mqtt_client_t &client)
+{
+    if (peek(client.state) != CLIENT_WILL_PENDING)
+        return false;
+    ScopedLock lock(client.will_lock);
+    return client.will_delay_pending != 0;
+}
+
+// The will scan claims records the same way: a will is published or cancelled, never both.
+void cancel_parked_will(mqtt_client_t &parked)
+{
+    if (!claim_closing(parked))
+        return;
+    if (awaits_will(parked)) {
+        packet_cancel_will(&parked);
+        release_parked(parked);
+    }
+    unclaim_closing(parked);
+}
+
+void cancel_delayed_wills(mqtt_client_t &client)
+{
+    packet_cancel_will(&client);
+    if (!wills_are_parked())
+        return;
+    int32_t place = 0;
+    while (const client_ref other = next_client(place))
+        if (other.get() != &client && awaits_will(*other) && strcmp(id_of(*other).text, client.client_id) == 0)
+            cancel_parked_will(*other);
+}
+
+// ---- the answer
+
+// False without memory: then nothing more is done for this CONNECT, and the connection stays.
+[[nodiscard]] bool accept(mqtt_client_t &client)
+{
+    mqtt_connack_para_t connack{};
+    connack.session_present = peek(client.session_restored);
+    if (speaks_v5(client)) {
+        connack.session_expiry_interval = peek(client.session_expiry_interval);
+        connack.max_packet_size         = peek(client.max_packet_size);
+        LOG_INFO("[MQTT5] CONNACK properties: max_packet_size=%u, session_expiry_interval=%u", connack.max_packet_size,
+                 connack.session_expiry_interval);
+    }
+    switch (send_connack(client, connack)) {
+    case Reply::NoMemory:
+        LOG_ERROR("connack_buf malloc failed");
+        return false;
+    case Reply::NotEncoded:
+        break;
+    case Reply::Sent:
+        LOG_INFO("CONNACK -> %s (SessionPresent=%d)", client.client_id, connack.session_present);
+    }
+    return true;
+}
+
+// QUIRK(retained-at-resume): a resumed session receives the retained messages of all its filters again, as if it had
+// subscribed anew (MQTT 5.0 3.3.1.3).
+//   test: Connect.AResumedSessionGetsRetainedMessagesAgain
+void resume_session(mqtt_client_t &client)
+{
+    if (peek(client.clean_session) || !peek(client.session_restored))
+        return;
+    for (const persist_sub_t &saved : std::span(client.session.subs, static_cast<size_t>(client.session.sub_count)))
+        send_retained_msg_to_client(&client, saved.topic);
+    packet_handler_restore_offline_msgs(&client);
+}
+
+} // namespace
+
+int handle_connect(mqtt_client_t &client, Packet packet) noexcept
+{
+    mqtt_connect_para_t connect{};
+    int                 length = static_cast<int>(packet.size());
+    if (mqtt_codec_decode_connect(&client.codec, packet.data(), &length, &connect) != CODEC_OK) {
+        LOG_ERROR("CONNECT decode failed");
+        mqtt_stats_inc_parse_error();
+        return -1;
+    }
+    if (!broker_fire_auth(&client, connect.client_id, connect.username, connect.password))
+        return refuse(client);
+    if (!adopt(client, connect))
+        return -1;
+
+    negotiate_session_expiry(client, connect);
+    negotiate_packet_size(client, connect);
+    restore_session(client);
+    take_will(client, connect);
+    settle_session(client);
+    cancel_delayed_wills(client);
+    if (!accept(client))
+        return -1;
+    resume_session(client);
+    broker_fire_event(&client, BROKER_EVENT_CONNECTED, nullptr, 0);
+    return 0;
+}
+
+} // namespace tarn::handler

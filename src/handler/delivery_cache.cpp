@@ -1,0 +1,44 @@
+// delivery_cache.cpp - encoding deliveries, once a form where nobody can tell.
+#include "delivery_cache.h"
+
+#include "../codec/mqtt_codec_types.h"
+#include "../log/log.h"
+
+namespace tarn::handler {
+
+DeliveryCache::Encoded DeliveryCache::encode(uint32_t version, uint32_t qos, uint16_t id) noexcept
+{
+    message_.qos    = qos;
+    message_.msg_id = id;
+
+    const bool can_keep = (version == 4 || version == 5) && qos <= 2;
+    Form      &form     = can_keep ? forms_[version - 4][qos] : other_;
+    if (can_keep && form.bytes && (qos == 0 || id != 0) && !log_passes(AGENT_LOG_DEBUG)) {
+        if (qos != 0) {
+            form.bytes[static_cast<size_t>(form.id_at)]     = static_cast<uint8_t>(id >> 8);
+            form.bytes[static_cast<size_t>(form.id_at) + 1] = static_cast<uint8_t>(id);
+        }
+        return {CODEC_OK, form.bytes.get(), form.length};
+    }
+
+    owned<uint8_t> bytes = allocate<uint8_t>(PACKET_DELIVERY_SIZE);
+    if (!bytes)
+        return {kNoMemory, nullptr, 0};
+    int length = PACKET_DELIVERY_SIZE;
+    if (const int code = codec::encode_publish_view(version, message_, bytes.get(), &length))
+        return {code, nullptr, 0};
+    form.bytes  = std::move(bytes);
+    form.length = length;
+    form.id_at  = codec::publish_id_offset(form.bytes.get(), length);
+    return {CODEC_OK, form.bytes.get(), length};
+}
+
+bool DeliveryCache::only_buffer_too_small(int code, uint32_t version) const noexcept
+{
+    const size_t properties = 1 + (message_.msg_expiry_interval != 0 ? 5u : 0u) + (message_.topic_alias != 0 ? 4u : 0u);
+    const size_t body       = 2 + message_.topic.size() + (message_.qos != 0 ? 2u : 0u) +
+                        (version == 5 ? properties : 0u) + message_.payload.size();
+    return code == CODEC_E_BUFFER && body <= CODEC_BODY_MAX;
+}
+
+} // namespace tarn::handler

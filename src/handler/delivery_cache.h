@@ -1,0 +1,53 @@
+// delivery_cache.h - one message as its receivers get it. Receivers of one protocol version and QoS get the same bytes
+// but for the packet identifier, so each form is encoded once and only its identifier written anew.
+//
+// At DEBUG every delivery is encoded for itself, because the encoder's trace lines belong to it; so is one that the
+// encoder refuses, for its ERROR line.
+#ifndef TARN_HANDLER_DELIVERY_CACHE_H
+#define TARN_HANDLER_DELIVERY_CACHE_H
+
+#include "../base/limits.h"
+#include "../base/memory.h"
+#include "../codec/publish_link.h"
+
+namespace tarn::handler {
+
+// A message on its way: topic and payload lie elsewhere, the topic NUL-terminated. QoS and identifier are those of the
+// delivery being made.
+struct Message : codec::PublishView {
+    const char *topic_text() const noexcept { return topic.data(); }
+    uint32_t    payload_len() const noexcept { return static_cast<uint32_t>(payload.size()); }
+};
+
+class DeliveryCache {
+public:
+    static constexpr int kNoMemory = 1; // beside the codec's own results
+
+    struct Encoded {
+        int            code;   // CODEC_*, or kNoMemory
+        const uint8_t *bytes;  // until the next call
+        int            length; // 0 unless code is CODEC_OK
+    };
+
+    explicit DeliveryCache(Message &message) noexcept : message_(message) {}
+
+    Encoded encode(uint32_t version, uint32_t qos, uint16_t id) noexcept;
+
+    // True when a larger buffer is all that a delivery refused with `code` lacked.
+    bool only_buffer_too_small(int code, uint32_t version) const noexcept;
+
+private:
+    struct Form {
+        owned<uint8_t> bytes;
+        int            length = 0;
+        int            id_at  = 0; // place of the packet identifier
+    };
+
+    Message &message_;
+    Form     forms_[2][3]; // by version and QoS
+    Form     other_;       // of a version or QoS that should not be
+};
+
+} // namespace tarn::handler
+
+#endif

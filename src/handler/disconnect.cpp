@@ -1,0 +1,122 @@
+// disconnect.cpp - the client takes its leave: no will, the session kept or dropped, the connection closed.
+#include "../base/text.h"
+#include "../codec/disconnect_link.h"
+#include "../persist/persist.h"
+#include "../qos/qos_reliable.h"
+#include "../sub/sub.h"
+#include "handler_internal.h"
+
+namespace tarn::handler {
+namespace {
+
+constexpr uint32_t kKeepInterval = 0xFFFFFFFF;
+
+// QUIRK(expiry-maximum-ignored): a Session Expiry Interval of 0xFFFFFFFF means "as CONNECT said" instead of "never"
+// (MQTT 5.0 3.14.2.2.2), and a non-zero one is accepted after a CONNECT with 0 (the same section).
+//   test: Disconnect.AnExpiryOfAllOnesKeepsTheInterval
+void override_session_expiry(mqtt_client_t &client, const mqtt_disconnect_para_t &disconnect, bool expiry_given)
+{
+    if (!speaks_v5(client) || !expiry_given || disconnect.session_expiry_interval == kKeepInterval)
+        return;
+    poke(client.session_expiry_interval, disconnect.session_expiry_interval);
+    LOG_INFO("[MQTT5] DISCONNECT 覆盖会话超时: %u", disconnect.session_expiry_interval);
+}
+
+// QUIRK(will-dropped-always): every DISCONNECT drops the will, also one with reason 0x04 "disconnect with will message"
+// [MQTT-3.14.4-3].
+//   test: Disconnect.ReasonFourDropsTheWillToo
+void drop_will(mqtt_client_t &client)
+{
+    {
+        ScopedLock lock(client.will_lock);
+        poke(client.will_msg_used, 0);
+    }
+    {
+        ScopedLock lock(session_lock(client));
+        client.session.will_flag = 0;
+    }
+    packet_cancel_will(&client);
+}
+
+void save_session(mqtt_client_t &client)
+{
+    {
+        ScopedLock lock(session_lock(client));
+        persist_mark(&client.session, PERSIST_SUBSCRIPTIONS);
+    }
+    persist_flush();
+}
+
+void settle_v4_session(mqtt_client_t &client)
+{
+    if (peek(client.clean_session)) {
+        (void)persist_remove(client.client_id);
+        LOG_INFO("持久化：客户端数据已清除 ClientID=%s", client.client_id);
+        return;
+    }
+    save_session(client);
+    LOG_INFO("持久化：客户端会话已保存 ClientID=%s, 订阅数=%d", client.client_id, client.session.sub_count);
+}
+
+// The interval alone decides, not the clean-start flag.
+void settle_v5_session(mqtt_client_t &client)
+{
+    const uint32_t interval_s = peek(client.session_expiry_interval);
+    LOG_INFO("[MQTT5] DISCONNECT: session_expiry_interval=%u, clean_session=%u", interval_s,
+             peek(client.clean_session));
+    if (interval_s != 0) {
+        LOG_INFO("[MQTT5] Session Expiry=%u → 保留会话", interval_s);
+        save_session(client);
+    } else {
+        LOG_INFO("[MQTT5] Session Expiry=0 → 立即清除会话");
+        (void)persist_remove(client.client_id);
+    }
+}
+
+} // namespace
+
+int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept
+{
+    mqtt_disconnect_para_t disconnect{};
+    bool                   expiry_given = false;
+    int                    length       = static_cast<int>(packet.size());
+    if (const int code = codec::decode_disconnect(&client.codec, packet.data(), &length, &disconnect, &expiry_given))
+        return undecodable(client, "解码DISCONNECT失败：ClientID=%s, 错误码=%d", code);
+
+    LOG_INFO("MQTT标准：客户端主动断开连接：ClientID=%s", client.client_id);
+    poke(client.disconnect_received, 1);
+    broker_fire_event(&client, BROKER_EVENT_DISCONNECTED, nullptr, 0);
+    override_session_expiry(client, disconnect, expiry_given);
+    drop_will(client);
+    if (speaks_v5(client))
+        settle_v5_session(client);
+    else
+        settle_v4_session(client);
+    packet_handler_remove_client_subs(client.client_id, peek(client.clean_session));
+    client_close(&client);
+    return 0;
+}
+
+} // namespace tarn::handler
+
+using namespace tarn;
+
+// Pending deliveries end with the connection in either case, subscriptions only with a clean session.
+// QUIRK(pending-dropped): unacknowledged deliveries of a persistent session are discarded when its connection ends
+// instead of being repeated after the reconnect [MQTT-4.4.0-1].
+//   test: RemoveClientSubs.PendingDeliveriesGoForCleanAndPersistentSessions
+void packet_handler_remove_client_subs(const char *client_id, uint8_t clean_session)
+{
+    if (!client_id || client_id[0] == '\0')
+        return;
+    char id[256]; // of its own: the argument may stand in a record or table entry that is about to change
+    copy_text(id, client_id, sizeof id - 1);
+    if (const client_ref client = find_client_by_cid(id))
+        qos_reliable_clean_client_packets(client.get());
+    if (!clean_session) {
+        LOG_INFO("MQTT标准：CleanSession=false，保留客户端订阅：ClientID=%s", id);
+        return;
+    }
+    const int removed = sub_remove(id, nullptr);
+    LOG_INFO("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=%s, 数量=%d", id, removed);
+}

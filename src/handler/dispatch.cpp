@@ -1,0 +1,90 @@
+// dispatch.cpp - the one entrance of every packet a client sends: checks that hold for all, then the packet's handler.
+//
+// No client state is asked: a PUBLISH before CONNECT is handled like any other, a second CONNECT in full again.
+#include "../stats/mqtt_stats.h"
+#include "handler_internal.h"
+
+using namespace tarn;
+using namespace tarn::handler;
+
+namespace {
+
+using Handler = int (*)(mqtt_client_t &client, Packet packet) noexcept;
+
+constexpr uint8_t kPacketTooLarge = 0x95;
+
+// By packet type. A type without a handler is not for a broker to receive, or unknown to it (AUTH).
+// QUIRK(any-packet-any-time): the first packet need not be CONNECT and a second CONNECT does not end the connection
+// [MQTT-3.1.0-1, MQTT-3.1.0-2], because no client state is consulted here.
+//   test: Dispatch.APublishBeforeConnectIsHandled, Connect.ASecondConnectIsProcessedInFull
+constexpr Handler kHandlers[16] = {
+    nullptr,
+    handle_connect,
+    nullptr,
+    handle_publish,
+    handle_acknowledgement, // PUBACK
+    handle_acknowledgement, // PUBREC
+    handle_acknowledgement, // PUBREL
+    handle_acknowledgement, // PUBCOMP
+    handle_subscribe,
+    nullptr,
+    handle_unsubscribe,
+    nullptr,
+    handle_ping,
+    nullptr,
+    handle_disconnect,
+    nullptr,
+};
+
+// QUIRK(own-limit-inbound): the Maximum Packet Size a 5.0 client announces for what it receives is applied to what it
+// sends [MQTT-3.1.2-24]. Limits of both directions are one number in the record.
+//   test: Dispatch.APacketAboveTheLimitIsAnsweredWithDisconnectAndClosed
+int close_oversized(mqtt_client_t &client, Packet packet, uint32_t limit)
+{
+    LOG_ERROR("[MQTT过载保护] 报文超长关闭连接：Client=%s, 接收=%d, 协商最大=%d", client.client_id,
+              static_cast<int>(packet.size()), static_cast<int>(limit));
+    packet_handler_send_disconnect(&client, kPacketTooLarge);
+    client_close(&client);
+    return -1;
+}
+
+// QUIRK(unknown-type-ignored): a packet type that a broker cannot handle is logged and otherwise ignored instead of
+// ending the connection as a protocol error [MQTT-4.13.1-1].
+//   test: Dispatch.TypesWithoutAHandlerAreLoggedAndIgnored
+int ignore_unknown(const mqtt_client_t &client, int type)
+{
+    LOG_WARN("未处理的MQTT报文类型：%d, ClientID=%s", type, client.client_id);
+    return 0;
+}
+
+} // namespace
+
+// QUIRK(malformed-kept): a packet that does not decode is logged and counted, the connection stays
+// [MQTT-4.8.0-1 of 3.1.1, MQTT-4.13.1-1 of 5.0].
+//   test: Dispatch.APacketThatDoesNotDecodeIsCountedAndNotAnswered
+int handler::undecodable(const mqtt_client_t &client, const char *line, int code) noexcept
+{
+    LOG_ERROR(line, client.client_id, code);
+    mqtt_stats_inc_parse_error();
+    return -1;
+}
+
+int packet_dispatch(mqtt_client_t *client, const uint8_t *buf, uint32_t len)
+{
+    mqtt_stats_inc_rx_pkt();
+    if (!buf || static_cast<int32_t>(len) < 1 || !client) {
+        LOG_ERROR("无效报文参数");
+        return -1;
+    }
+
+    const client_ref pin(client);
+    const Packet     packet(buf, len);
+    const uint32_t   limit = peek(client->max_packet_size);
+    if (limit != 0 && len > limit)
+        return close_oversized(*client, packet, limit);
+
+    const int type = packet[0] >> 4;
+    LOG_DEBUG("收到MQTT报文：ClientID=%s, 类型=%d, 长度=%u", client->client_id, type, len);
+    client_update_active(client);
+    return kHandlers[type] ? kHandlers[type](*client, packet) : ignore_unknown(*client, type);
+}

@@ -1,0 +1,60 @@
+// handler_internal.h - what the packet handlers share: one handler a packet type, and the words they use for them.
+//
+// A handler runs on the thread that read the packet, with its client pinned for the whole call and no lock held. It
+// returns 0, or -1 when the packet was not handled; whatever a client is to notice happens inside.
+#ifndef TARN_HANDLER_HANDLER_INTERNAL_H
+#define TARN_HANDLER_HANDLER_INTERNAL_H
+
+#include "../api/broker.h"
+#include "../base/relaxed.h"
+#include "../client/client_ref.h"
+#include "../log/log.h"
+#include "packet_handler.h"
+
+#include <span>
+
+namespace tarn::handler {
+
+enum PacketType : int {
+    CONNECT     = 1,
+    PUBLISH     = 3,
+    PUBACK      = 4,
+    PUBREC      = 5,
+    PUBREL      = 6,
+    PUBCOMP     = 7,
+    SUBSCRIBE   = 8,
+    SUBACK      = 9,
+    UNSUBSCRIBE = 10,
+    UNSUBACK    = 11,
+    PINGREQ     = 12,
+    DISCONNECT  = 14
+};
+
+using Packet = std::span<const uint8_t>; // exactly one packet, fixed header first
+
+int handle_connect(mqtt_client_t &client, Packet packet) noexcept;
+int handle_publish(mqtt_client_t &client, Packet packet) noexcept;
+int handle_subscribe(mqtt_client_t &client, Packet packet) noexcept;
+int handle_unsubscribe(mqtt_client_t &client, Packet packet) noexcept;
+int handle_acknowledgement(mqtt_client_t &client, Packet packet) noexcept; // PUBACK, PUBREC, PUBREL, PUBCOMP
+int handle_ping(mqtt_client_t &client, Packet packet) noexcept;
+int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept;
+
+// A packet that does not decode: one line of the form "解码X失败：ClientID=%s, 错误码=%d", counted, not answered.
+int undecodable(const mqtt_client_t &client, const char *line, int code) noexcept;
+
+[[nodiscard]] inline bool speaks_v5(mqtt_client_t &client) noexcept
+{
+    return peek(client.codec.version) == 5;
+}
+
+// The first test message is due ten seconds from now (test_message.cpp).
+void begin_test_period() noexcept;
+
+// Draws of the identifier generator (packet_id.cpp).
+uint16_t draw_packet_id() noexcept;   // 1..65533, one draw
+uint16_t draw_delivery_id() noexcept; // 0..65535, two draws
+
+} // namespace tarn::handler
+
+#endif

@@ -1,0 +1,51 @@
+// retained.cpp - the retained messages that match a new or restored subscription.
+//
+// The store stays locked for the whole replay, so that it is one state of the store; queueing takes the send lock
+// inside.
+#include "../base/text.h"
+#include "../sub/sub.h"
+#include "delivery_cache.h"
+#include "handler_internal.h"
+
+#include <algorithm>
+
+using namespace tarn;
+using namespace tarn::handler;
+
+namespace {
+
+// QUIRK(retained-qos): a retained message goes out at the QoS it was published with, not at the smaller granted one
+// [MQTT-3.8.4-8], without its expiry interval [MQTT-3.3.2-6], and is never repeated.
+//   test: Retained.TheMessageKeepsItsOwnQos
+void send_retained(mqtt_client_t &client, const retain_msg_t &retained, const char *filter)
+{
+    char topic[CODEC_TOPIC_MAX + 1];
+    copy_text(topic, retained.topic, CODEC_TOPIC_MAX);
+    Message message;
+    message.topic   = topic;
+    message.payload = {retained.payload, std::min<uint32_t>(retained.payload_len, sizeof retained.payload)};
+    message.retain  = 1;
+
+    DeliveryCache                cache(message);
+    const uint16_t               id     = draw_delivery_id(); // at QoS 0 too
+    const DeliveryCache::Encoded packet = cache.encode(peek(client.codec.version), retained.qos, id);
+    if (packet.code != CODEC_OK)
+        return;
+    poke(client.codec.last_packet_type, uint32_t{PUBLISH});
+    (void)client_send(&client, packet.bytes, packet.length);
+    LOG_INFO("[保留消息] 下发成功: Client=%s, Topic=%s, Filter=%s", client.client_id, topic, filter);
+}
+
+} // namespace
+
+void send_retained_msg_to_client(mqtt_client_t *client, const char *filter)
+{
+    if (!client || !filter)
+        return;
+    const client_ref pin(client);
+    ScopedLock       lock(g_sub_mgr.lock);
+    const int32_t    count = g_sub_mgr.retains ? std::clamp<int32_t>(g_sub_mgr.retain_count, 0, RETAIN_CAPACITY) : 0;
+    for (const retain_msg_t &retained : std::span(g_sub_mgr.retains, static_cast<size_t>(count)))
+        if (retained.payload_len != 0 && topic_match_wildcard(filter, retained.topic))
+            send_retained(*client, retained, filter);
+}

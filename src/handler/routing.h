@@ -1,0 +1,142 @@
+// routing.h - the way of a message to its receivers, shared by every route: match the topic, choose one member per
+// shared group, then deliver to each receiver at its QoS, in its protocol version, under an identifier of its own.
+//
+// What differs between the routes is a Path: what is passed over, what is said, what becomes of absent receivers and
+// which deliveries are tracked. No lock is held while a message travels; each receiver is pinned for its turn.
+#ifndef TARN_HANDLER_ROUTING_H
+#define TARN_HANDLER_ROUTING_H
+
+#include "../qos/qos_reliable.h"
+#include "../sub/route.h"
+#include "delivery_cache.h"
+#include "handler_internal.h"
+
+#include <algorithm>
+
+namespace tarn::handler {
+
+// The matching subscriptions of one topic in table order. One at a time on each thread.
+class Matches {
+public:
+    Matches() noexcept;
+
+    [[nodiscard]] bool find(const char *topic) noexcept; // false: no memory, errno says so
+    [[nodiscard]] bool choose() noexcept;                // shared groups; false: no memory for the flags
+
+    int               count() const noexcept { return count_; }
+    const sub::Route &operator[](int at) const noexcept { return list_.routes[static_cast<size_t>(at)]; }
+
+    // A member of a shared group, of which another member was chosen.
+    bool skips(int at) const noexcept
+    {
+        const sub::Route &route = (*this)[at];
+        return route.shared && route.group_size != sub::kNoGroup && !chosen_[static_cast<size_t>(at)];
+    }
+
+private:
+    sub::RouteList &list_;
+    owned<uint8_t>  chosen_; // a flag a match
+    int             count_ = 0;
+};
+
+struct Receiver {
+    int               number; // from 1, as log lines count
+    const sub::Route &route;
+};
+
+// What every Path has, and the parts it may leave out.
+struct BasicPath {
+    static constexpr bool kDrawsAtQos0   = false; // an identifier is drawn where none is sent
+    static constexpr bool kRemembersQos1 = true;  // as the one acknowledgement the receiver's record waits for
+
+    Message       &message; // its QoS and identifier change with every delivery
+    const uint32_t qos;     // of the message itself
+
+    explicit BasicPath(Message &what) noexcept : message(what), qos(what.qos) {}
+
+    bool     tracks() const { return true; } // queued QoS 1 and 2 deliveries join the reliable-delivery queue
+    uint32_t qos_to(const Receiver &to) const { return std::min<uint32_t>(qos, to.route.qos); }
+
+    bool passes_over(const Receiver &) { return false; } // without a word
+    void not_chosen(const Receiver &) {}
+    // Every Path says what becomes of a receiver that nobody is (client null) or that is not online:
+    //   void absent(const Receiver &to, const mqtt_client_t *client, uint32_t state);
+    bool prepare(const Receiver &, uint32_t /*version*/) { return true; } // false: nothing goes to it
+    void no_memory(const Receiver &) {}
+    void encoded(mqtt_client_t &, const DeliveryCache &, int /*code*/, uint32_t /*version*/) {} // or refused
+    void not_encoded(const Receiver &, int /*code*/) {}
+    void not_sent(const Receiver &, uint32_t /*result*/) {}
+    void sent(const Receiver &) {}
+};
+
+inline void track(mqtt_client_t &client, const Message &message) noexcept
+{
+    (void)qos_reliable_add_packet(&client, message.msg_id, static_cast<uint8_t>(message.qos), message.topic_text(),
+                                  message.payload.data(), message.payload_len());
+}
+
+// The smaller of the message's and the granted QoS, a fresh identifier, one copy for every matching subscription.
+template <class Path>
+bool deliver(DeliveryCache &cache, Path &path, const Receiver &to, mqtt_client_t &client)
+{
+    const uint32_t version = peek(client.codec.version); // once: another thread may change it
+    const uint32_t qos     = path.qos_to(to);
+    if (!path.prepare(to, version))
+        return false;
+
+    const uint16_t               id     = qos != 0 || Path::kDrawsAtQos0 ? draw_delivery_id() : uint16_t{0};
+    const DeliveryCache::Encoded packet = cache.encode(version, qos, id);
+    if (packet.code == DeliveryCache::kNoMemory) {
+        path.no_memory(to);
+        return false;
+    }
+    path.encoded(client, cache, packet.code, version);
+    if (packet.code != CODEC_OK) {
+        path.not_encoded(to, packet.code);
+        return false;
+    }
+    poke(client.codec.last_packet_type, uint32_t{PUBLISH});
+    if (const uint32_t result = client_send(&client, packet.bytes, packet.length)) {
+        path.not_sent(to, result);
+        return false;
+    }
+
+    path.sent(to);
+    if (path.tracks() && qos != 0)
+        track(client, path.message);
+    if (Path::kRemembersQos1 && qos == 1)
+        poke(client.qos1_pending_msg_id, id);
+    return true;
+}
+
+// Returns the number of receivers that the message was queued for.
+template <class Path>
+int fan_out(const Matches &matches, Path &path)
+{
+    DeliveryCache cache(path.message);
+    int           sent = 0;
+    for (int at = 0; at < matches.count(); at++) {
+        const Receiver to{at + 1, matches[at]};
+        if (path.passes_over(to))
+            continue;
+        if (matches.skips(at)) {
+            path.not_chosen(to);
+            continue;
+        }
+        const client_ref client = find_client_by_cid(to.route.client_id);
+        const uint32_t   state  = client ? peek(client->state) : uint32_t{CLIENT_UNUSED};
+        if (state == CLIENT_CONNECTED || state == CLIENT_LOGINED)
+            sent += deliver(cache, path, to, *client);
+        else
+            path.absent(to, client.get(), state);
+    }
+    return sent;
+}
+
+// True when a message for this absent receiver is to be kept: its subscription asked to be remembered, or one of its
+// files is there. Reads the files either way, and counts and logs that.
+[[nodiscard]] bool has_saved_session(const sub::Route &route) noexcept;
+
+} // namespace tarn::handler
+
+#endif

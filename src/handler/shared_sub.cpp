@@ -1,0 +1,139 @@
+// shared_sub.cpp - shared subscriptions: which member of each "$share/" group receives a message.
+//
+// A global round robin: one counter for all groups and all messages, one step a group and message. Groups take their
+// turns in the order in which the match list first names them.
+#include "shared_sub.h"
+
+#include "../base/relaxed.h"
+#include "../base/text.h"
+#include "shared_choice.h"
+
+#include <algorithm>
+
+int32_t g_rr_counter = 0;
+
+namespace tarn::handler {
+namespace {
+
+constexpr size_t kGroupCharsMax = 255; // a longer name is never handled as a group of its own
+
+// Sorted by name, the members of a group and of every group whose name it begins stand side by side.
+bool sort_by_group(ShareChoice &choice)
+{
+    const GrowArray<ShareMember> &members = choice.members;
+    choice.order.clear();
+    for (uint32_t at = 0; at < members.size(); at++)
+        if (!choice.order.push(at))
+            return false;
+    std::sort(choice.order.begin(), choice.order.end(), [&](uint32_t left, uint32_t right) {
+        const int names = members[left].group.compare(members[right].group);
+        return names != 0 ? names < 0 : left < right;
+    });
+    return true;
+}
+
+// The group whose first member in `order` is `first`.
+ShareChoice::Group group_at(const ShareChoice &choice, uint32_t first)
+{
+    const std::string_view name   = choice.members[choice.order[first]].group;
+    const auto             extent = [&](auto belongs) {
+        const uint32_t *const begin = choice.order.begin() + first;
+        const uint32_t *const end   = std::partition_point(
+            begin, choice.order.end(), [&](uint32_t at) { return belongs(choice.members[at].group); });
+        return static_cast<uint32_t>(end - begin);
+    };
+    return {first, extent([&](std::string_view other) { return other == name; }),
+            extent([&](std::string_view other) { return other.starts_with(name); })};
+}
+
+bool list_groups(ShareChoice &choice)
+{
+    choice.groups.clear();
+    for (uint32_t first = 0; first < choice.order.size();) {
+        const ShareChoice::Group group = group_at(choice, first);
+        first += group.own;
+        if (choice.members[choice.order[group.first]].group.size() <= kGroupCharsMax && !choice.groups.push(group))
+            return false;
+    }
+    std::sort(choice.groups.begin(), choice.groups.end(),
+              [&](const auto &left, const auto &right) { return choice.order[left.first] < choice.order[right.first]; });
+    return choice.among.reserve(choice.order.size());
+}
+
+// The group's `turn`th member, counted in list order.
+uint32_t member_at(ShareChoice &choice, const ShareChoice::Group &group, uint32_t turn)
+{
+    if (group.size == group.own)
+        return choice.order[group.first + turn];
+    choice.among.clear();
+    for (uint32_t at = group.first; at < group.first + group.size; at++)
+        (void)choice.among.push(choice.order[at]); // reserved
+    std::nth_element(choice.among.begin(), choice.among.begin() + turn, choice.among.end());
+    return choice.among[turn];
+}
+
+// The group name of a filter; false for a filter that belongs to no group.
+bool group_of(std::string_view filter, std::string_view &group)
+{
+    if (!filter.starts_with(kSharePrefix))
+        return false;
+    filter.remove_prefix(kSharePrefix.size());
+    const size_t slash = filter.find('/');
+    if (slash == filter.npos)
+        return false;
+    group = filter.substr(0, slash);
+    return true;
+}
+
+} // namespace
+
+// QUIRK(group-prefix): members of group "ab" are members of group "a" too, so one of them can be given a message for
+// either and then nobody of group "a" itself gets it; MQTT keeps groups apart [MQTT-4.8.2-4].
+//   test: SharedSub.AGroupTakesInTheGroupsItsNameBegins
+bool choose_members(ShareChoice &choice) noexcept
+{
+    if (!sort_by_group(choice) || !list_groups(choice))
+        return false;
+    for (const ShareChoice::Group &group : choice.groups) {
+        const auto turn = static_cast<uint32_t>(bump(g_rr_counter)); // wraps, never negative
+        choice.members[member_at(choice, group, turn % group.size)].chosen = 1;
+    }
+    return true;
+}
+
+} // namespace tarn::handler
+
+using namespace tarn;
+using namespace tarn::handler;
+
+void shared_sub_mark_selected(const sub_entry_t *matches, int count, uint8_t *selected)
+{
+    if (!matches || !selected)
+        return;
+    ShareChoice choice;
+    for (int entry = 0; entry < count; entry++) {
+        ShareMember member{{}, static_cast<uint32_t>(entry), 0};
+        if (group_of(text_of(matches[entry].topic_filter), member.group) && !choice.members.push(member))
+            return;
+    }
+    if (!choose_members(choice))
+        return;
+    for (const ShareMember &member : choice.members)
+        if (member.chosen)
+            selected[member.entry] = 1;
+}
+
+bool shared_is_shared_subscription(const char *filter)
+{
+    return filter && std::string_view(filter).starts_with(kSharePrefix);
+}
+
+const sub_entry_t *shared_select_client(const char *key, const sub_entry_t *candidates, int count)
+{
+    if (!key || !candidates || count < 1)
+        return nullptr;
+    uint32_t hash = 5381;
+    for (; *key; key++)
+        hash = hash * 33 + static_cast<uint8_t>(*key);
+    return &candidates[hash % static_cast<uint32_t>(count)];
+}

@@ -1,0 +1,62 @@
+// unsubscribe.cpp - UNSUBSCRIBE: filters leave the table, and the answer says nothing about any of them.
+#include "../codec/mqtt_codec.h"
+#include "../sub/sub.h"
+#include "handler_internal.h"
+#include "reply.h"
+
+#include <algorithm>
+#include <cerrno>
+
+namespace tarn::handler {
+namespace {
+
+// QUIRK(unsubscribe-forgotten): the saved list of the session keeps the filter, so it comes back with the next session
+// restore [MQTT-3.10.4-2].
+//   test: Unsubscribe.TheSavedListKeepsTheFilter
+void remove_filter(mqtt_client_t &client, const char *filter)
+{
+    if (filter[0] == '\0')
+        return;
+    if (sub_remove(client.client_id, filter) < 1) {
+        LOG_DEBUG("取消订阅失败：ClientID=%s, Topic=%s", client.client_id, filter);
+        return;
+    }
+    LOG_INFO("取消订阅成功：ClientID=%s, Topic=%s", client.client_id, filter);
+    broker_fire_event(&client, BROKER_EVENT_UNSUBSCRIBE, filter, 0);
+}
+
+// QUIRK(unsuback-one-code): a 5.0 UNSUBACK carries one code 0, not one for each filter [MQTT-3.11.3-1].
+//   test: Unsubscribe.TheAnswerIsTheIdentifierAndOneCode
+int answer(mqtt_client_t &client, uint16_t id)
+{
+    mqtt_ack_para_t ack{};
+    ack.msg_id = id;
+    switch (send_ack(client, UNSUBACK, ack)) {
+    case Reply::NoMemory:
+        LOG_ERROR("ack_buf malloc failed: %d", errno);
+        return -1;
+    case Reply::NotEncoded:
+        break;
+    case Reply::Sent:
+        LOG_INFO("发送UNSUBACK成功：ClientID=%s, MsgID=%d", client.client_id, id);
+    }
+    return 0;
+}
+
+} // namespace
+
+int handle_unsubscribe(mqtt_client_t &client, Packet packet) noexcept
+{
+    mqtt_unsubscribe_para_t request{};
+    int                     length = static_cast<int>(packet.size());
+    if (const int code = mqtt_codec_decode_unsubscribe(&client.codec, packet.data(), &length, &request))
+        return undecodable(client, "解码UNSUBSCRIBE失败：ClientID=%s, 错误码=%d", code);
+
+    LOG_INFO("MQTT标准：客户端取消订阅：ClientID=%s, MsgID=%d, 取消数=%d", client.client_id, request.msg_id,
+             request.filter_count);
+    for (int at = 0; at < std::min<int>(request.filter_count, CODEC_FILTERS_MAX); at++)
+        remove_filter(client, request.topic_filters[at]);
+    return answer(client, request.msg_id);
+}
+
+} // namespace tarn::handler

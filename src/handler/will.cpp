@@ -1,0 +1,145 @@
+// will.cpp - a client's last will: published, put off, or called off.
+//
+// The will fields belong to will_lock. What is published is a copy taken under it, because a reconnect may replace the
+// will meanwhile. Who may publish at all is settled by the callers' claim on the record.
+#include "../base/clock.h"
+#include "../base/memory.h"
+#include "../base/text.h"
+#include "../codec/mqtt_codec.h"
+#include "../persist/persist.h"
+#include "../stats/mqtt_stats.h"
+#include "handler_internal.h"
+
+#include <algorithm>
+
+using namespace tarn;
+using namespace tarn::handler;
+
+namespace {
+
+struct WillFlags {
+    uint8_t  used;
+    uint8_t  sent;
+    uint32_t delay_s;
+};
+
+WillFlags flags_of(mqtt_client_t &client)
+{
+    ScopedLock lock(client.will_lock);
+    return {client.will_msg_used, client.will_sent, client.will_delay_interval};
+}
+
+// False when there is no will, or it was published before.
+bool copy_will(mqtt_client_t &client, mqtt_publish_para_t &will)
+{
+    ScopedLock lock(client.will_lock);
+    if (!client.will_msg_used || client.will_sent)
+        return false;
+    if (client.will_topic)
+        copy_text(will.topic, client.will_topic, CODEC_TOPIC_MAX);
+    if (client.will_payload)
+        memcpy(will.payload, client.will_payload, std::min<size_t>(client.will_payload_len, sizeof will.payload));
+    will.payload_len         = client.will_payload_len; // too long a one is the encoder's to refuse
+    will.qos                 = client.will_qos;
+    will.retain              = client.will_retain;
+    will.msg_expiry_interval = client.will_msg_expiry_interval;
+    return true;
+}
+
+void say_sending(mqtt_client_t &client, const mqtt_publish_para_t &will)
+{
+    LOG_INFO("[WILL] Send will message: client=%s", id_of(client).text);
+    LOG_INFO("[WILL] Topic: %s, QoS: %u, Retain: %u, PayloadLen: %u", will.topic, will.qos, will.retain,
+             will.payload_len);
+    LOG_HEXDUMP("[WILL] Payload", will.payload, std::min<size_t>(will.payload_len, sizeof will.payload));
+}
+
+void mark_will_sent(mqtt_client_t &client)
+{
+    ScopedLock lock(client.will_lock);
+    poke(client.will_sent, 1);
+}
+
+void publish_will(mqtt_client_t &client, const mqtt_publish_para_t &will, const uint8_t *packet, int length)
+{
+    LOG_INFO("[WILL] 编码成功 | len=%d | 开始广播", length);
+    packet_handler_broadcast_msg(packet, static_cast<uint32_t>(length), 1);
+    mqtt_stats_inc_will_sent();
+    broker_fire_event(&client, BROKER_EVENT_WILL, will.topic, static_cast<int32_t>(will.qos));
+    {
+        ScopedLock lock(session_lock(client));
+        client.session.will_flag = 0;
+    }
+    mark_will_sent(client);
+    LOG_INFO("[WILL] 广播完成 | will_sent=%d", 1);
+    if (!peek(client.clean_session)) {
+        ScopedLock lock(session_lock(client));
+        persist_mark(&client.session, PERSIST_SUBSCRIPTIONS);
+    }
+}
+
+} // namespace
+
+int packet_send_will_message(mqtt_client_t *client)
+{
+    mqtt_publish_para_t will{};
+    if (!client)
+        return -1;
+    const client_ref pin(client);
+    if (!copy_will(*client, will))
+        return -1;
+    say_sending(*client, will);
+
+    const owned<uint8_t> packet = allocate_zeroed<uint8_t>(PACKET_WILL_BUFFER_SIZE);
+    if (!packet) {
+        LOG_ERROR("[WILL] malloc failed");
+        return -1;
+    }
+    will.msg_id      = draw_packet_id(); // receivers get others
+    int       length = PACKET_WILL_BUFFER_SIZE;
+    const int code   = mqtt_codec_encode_publish(&client->codec, &will, packet.get(), &length);
+    if (code != CODEC_OK || length <= 0) {
+        LOG_ERROR("[WILL] 编码失败 | code=%d | len=%d", code, length);
+        return -1;
+    }
+    publish_will(*client, will, packet.get(), length);
+    return 0;
+}
+
+void packet_start_will_delay(mqtt_client_t *client)
+{
+    if (!client) {
+        LOG_ERROR("[WILL] 启动失败：client == NULL");
+        return;
+    }
+    const client_ref pin(client);
+    const WillFlags  will = flags_of(*client);
+    LOG_INFO("[WILL] 准备启动遗嘱 | client=%s | will_msg_used=%d | will_sent=%d", id_of(*client).text, will.used, will.sent);
+    if (!will.used || will.sent) {
+        LOG_WARN("[WILL] 不启动：条件不满足");
+        return;
+    }
+    if (will.delay_s == 0) {
+        LOG_INFO("[WILL] 延迟=0 → 立即发送");
+        (void)packet_send_will_message(client);
+        return;
+    }
+    {
+        ScopedLock lock(client->will_lock);
+        poke(client->will_delay_deadline, mono_ms() + uint64_t{will.delay_s} * 1000);
+        poke(client->will_delay_pending, 1);
+    }
+    LOG_INFO("[WILL] 启动延迟成功 | delay=%us", will.delay_s);
+}
+
+void packet_cancel_will(mqtt_client_t *client)
+{
+    if (!client)
+        return;
+    const client_ref pin(client);
+    {
+        ScopedLock lock(client->will_lock);
+        poke(client->will_delay_pending, 0);
+    }
+    LOG_INFO("[WILL-MQTT5] client=%s 取消遗嘱延迟", id_of(*client).text);
+}
