@@ -1,4 +1,4 @@
-// session_store.cpp - loading for the packet handler, into a record that is not on the stack.
+// session_store.cpp - a record to load a session into that is not on the stack.
 #include "session_store.h"
 
 #include "../base/memory.h"
@@ -19,12 +19,6 @@ void make_key()
 }
 
 } // namespace
-
-int load_session(persist_session_t *record, int *files_opened) noexcept
-{
-    *files_opened = 0;
-    return persist_load(record);
-}
 
 persist_session_t *scratch_session(const char *client_id) noexcept
 {

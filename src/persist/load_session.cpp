@@ -1,0 +1,270 @@
+// load_session.cpp - a session record back from the client's three files.
+//
+// Nothing here is a JSON parser, and file layouts depend on it: each key is searched as text, anywhere, and its value
+// is read a fixed distance behind the key's first character. Some distances are not the key's length, so those values
+// come back cut or empty; the table says which. Whatever is found is taken, whatever is missing stays as it was.
+#include "../base/text.h"
+#include "../log/log.h"
+#include "../stats/mqtt_stats.h"
+#include "persist_internal.h"
+#include "session_store.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace tarn::persist {
+namespace {
+
+// Behind the text lie zeroes, so that a value searched behind the last key ends.
+constexpr size_t kSlack = 64;
+using SessionText       = char[PERSIST_TEXT_READ_MAX + 1 + kSlack];
+
+// False when there is no such file.
+bool read_file(const Path &path, char *text, size_t limit)
+{
+    FILE *const file = path.usable ? fopen(path.text, "re") : nullptr;
+    if (!file)
+        return false;
+    const size_t got = fread(text, 1, limit, file);
+    text[got]        = '\0';
+    fclose(file);
+    return true;
+}
+
+// From `from` up to the next quote, or nothing when there is none.
+std::string_view up_to_quote(const char *from)
+{
+    const char *const quote = strchr(from, '"');
+    return quote ? std::string_view(from, static_cast<size_t>(quote - from)) : std::string_view();
+}
+
+// ---- session file
+
+struct SessionKey {
+    const char *key;
+    size_t      distance;     // from the key's first character to the value's
+    bool        will_only;    // looked at only when will_flag is set
+    void (*store)(persist_session_t &record, const char *value);
+    // What the distance makes of the value, where it is not simply restored.
+};
+
+unsigned long long number(const char *value)
+{
+    return strtoull(value, nullptr, 10);
+}
+uint8_t holds_true(const char *value)
+{
+    return strstr(value, "true") != nullptr;
+}
+void store_will_payload(persist_session_t &record, const char *value)
+{
+    record.will_len =
+        static_cast<uint32_t>(unhex(record.will_payload, sizeof record.will_payload, up_to_quote(value)));
+}
+
+template <size_t N> void store_text(char (&field)[N], const char *value)
+{
+    unescape(field, std::min<size_t>(N - 1, 255), up_to_quote(value));
+}
+
+constexpr SessionKey kSessionKeys[] = {
+    {"\"session_expiry_interval\":", 26, false,
+     [](persist_session_t &r, const char *v) { r.session_expiry_interval = static_cast<uint32_t>(number(v)); }},
+    {"\"session_expiry_deadline\":", 28, false, // the first two digits are lost
+     [](persist_session_t &r, const char *v) { r.session_expiry_deadline = number(v); }},
+    {"\"clean_start\":", 0, false, // "true" anywhere behind the key
+     [](persist_session_t &r, const char *v) { r.clean_start = holds_true(v); }},
+    {"\"will_flag\":", 0, false, // likewise
+     [](persist_session_t &r, const char *v) { r.will_flag = holds_true(v); }},
+    {"\"will_topic\":\"", 13, true, // on the opening quote: restored empty
+     [](persist_session_t &r, const char *v) { store_text(r.will_topic, v); }},
+    {"\"will_qos\":", 10, true, // on the colon: 0
+     [](persist_session_t &r, const char *v) { r.will_qos = static_cast<uint8_t>(number(v)); }},
+    {"\"will_len\":", 11, true,
+     [](persist_session_t &r, const char *v) { r.will_len = static_cast<uint32_t>(number(v)); }},
+    {"\"will_payload\":\"", 15, true, store_will_payload}, // on the opening quote: no bytes
+    {"\"will_delay_interval\":", 22, false,
+     [](persist_session_t &r, const char *v) { r.will_delay_interval = static_cast<uint32_t>(number(v)); }},
+    {"\"will_msg_expiry_interval\":", 26, false, // on the colon: 0
+     [](persist_session_t &r, const char *v) { r.will_msg_expiry_interval = static_cast<uint32_t>(number(v)); }},
+    {"\"will_payload_format\":", 22, false,
+     [](persist_session_t &r, const char *v) { r.will_payload_format = static_cast<uint8_t>(number(v)); }},
+    {"\"will_content_type\":\"", 20, false, // on the opening quote: restored empty
+     [](persist_session_t &r, const char *v) { store_text(r.will_content_type, v); }},
+    {"\"will_response_topic\":\"", 22, false, // likewise
+     [](persist_session_t &r, const char *v) { store_text(r.will_response_topic, v); }},
+    {"\"will_correlation_len\":", 23, false,
+     [](persist_session_t &r, const char *v) { r.will_correlation_len = static_cast<uint32_t>(number(v)); }},
+};
+
+void take_session(persist_session_t &record, const char *text)
+{
+    for (const SessionKey &row : kSessionKeys) {
+        if (row.will_only && !(record.will_flag & 1))
+            continue;
+        if (const char *const key = strstr(text, row.key))
+            row.store(record, key + row.distance);
+    }
+}
+
+// ---- subscription file
+
+// {"subs":[{"topic":"...","qos":N},...]}
+void take_subscriptions(persist_session_t &record, const char *text)
+{
+    constexpr std::string_view kTopic = "\"topic\":\"";
+    constexpr std::string_view kQos   = "\",\"qos\":";
+
+    record.sub_count = 0;
+    const char *at   = strstr(text, "\"subs\":[");
+    if (!at)
+        return;
+    while ((at = strstr(at, kTopic.data())) && record.sub_count < PERSIST_SUBS_MAX) {
+        const char *const topic = at + kTopic.size();
+        const char *const end   = strstr(topic, kQos.data());
+        if (!end)
+            break;
+        persist_sub_t &sub = record.subs[record.sub_count++];
+        unescape(sub.topic, sizeof sub.topic - 1, {topic, static_cast<size_t>(end - topic)});
+        at      = end + kQos.size();
+        sub.qos = static_cast<uint8_t>(number(at));
+    }
+    LOG_INFO("[persist] ✅ 恢复订阅成功: %s 共 %d 条", record.client_id, record.sub_count);
+}
+
+// ---- message file
+
+// A topic ends at the first quote that is not escaped.
+std::string_view up_to_open_quote(const char *from)
+{
+    const char *end = from;
+    while (*end && *end != '"')
+        end += *end == '\\' && end[1] ? 2 : 1;
+    return *end ? std::string_view(from, static_cast<size_t>(end - from)) : std::string_view();
+}
+
+// {"msgid":N,"qos":N,"topic":"...","payload":"hex"}. False when a key is missing.
+bool take_message(persist_msg_t &message, const char *object)
+{
+    const char *const msgid   = strstr(object, "\"msgid\":");
+    const char *const qos     = strstr(object, "\"qos\":");
+    const char *const topic   = strstr(object, "\"topic\":\"");
+    const char *const payload = strstr(object, "\"payload\":\"");
+    if (!msgid || !qos || !topic || !payload)
+        return false;
+    memset(&message, 0, sizeof message);
+    message.msgid = static_cast<uint16_t>(number(msgid + 8));
+    message.qos   = static_cast<uint8_t>(number(qos + 6));
+    unescape(message.topic, sizeof message.topic - 1, up_to_open_quote(topic + 9));
+    message.payload_len =
+        static_cast<uint32_t>(unhex(message.payload, sizeof message.payload, up_to_quote(payload + 11)));
+    return true;
+}
+
+// {"msgs":[{...},...]}
+void take_messages(persist_session_t &record, const char *text)
+{
+    record.msg_count = 0;
+    const char *at   = strstr(text, "\"msgs\":[");
+    if (!at) {
+        LOG_WARN("[persist][定位] 消息格式错误：找不到 msgs 节点");
+        return;
+    }
+    char object[PERSIST_MSG_OBJECT_MAX + 1];
+    while (record.msg_count < PERSIST_MSGS_MAX && (at = strchr(at, '{'))) {
+        const char *const end = strchr(at, '}');
+        if (!end)
+            return;
+        const auto length = std::min<size_t>(static_cast<size_t>(end + 1 - at), PERSIST_MSG_OBJECT_MAX);
+        memcpy(object, at, length);
+        object[length] = '\0';
+        record.msg_count += take_message(record.msgs[record.msg_count], object);
+        at = end + 1;
+    }
+}
+
+// ---- the three files
+
+bool load_session_file(persist_session_t &record, const Path &path) REQUIRES(g_persist_mutex)
+{
+    SessionText text{};
+    if (!read_file(path, text, PERSIST_TEXT_READ_MAX))
+        return false;
+    mqtt_stats_inc_persist_read();
+    take_session(record, text);
+    return true;
+}
+
+bool load_subscription_file(persist_session_t &record, const Path &path) REQUIRES(g_persist_mutex)
+{
+    SessionText text{};
+    if (!read_file(path, text, PERSIST_TEXT_READ_MAX))
+        return false;
+    take_subscriptions(record, text);
+    return true;
+}
+
+bool load_message_file(persist_session_t &record, const Path &path) REQUIRES(g_persist_mutex)
+{
+    FILE *const file = path.usable ? fopen(path.text, "re") : nullptr;
+    if (!file) {
+        LOG_DEBUG("[persist][定位] 无离线消息文件：%s", path.text);
+        return false;
+    }
+    mqtt_stats_inc_persist_read();
+    if (const owned<char> text = allocate_zeroed<char>(PERSIST_MSGS_READ_MAX + 1 + kSlack)) {
+        text[fread(text.get(), 1, PERSIST_MSGS_READ_MAX, file)] = '\0';
+        take_messages(record, text.get());
+    } else {
+        LOG_ERROR("[persist] 内存分配失败");
+    }
+    fclose(file);
+    return true;
+}
+
+} // namespace
+
+int load_session(persist_session_t *record, int *files_opened) noexcept
+{
+    *files_opened = 0;
+    if (!record || !record->client_id[0])
+        return -1;
+    const owned<Path> path = allocate<Path>(1);
+    if (!path)
+        return -5;
+    ScopedLock lock(g_persist_mutex);
+    client_path(path[0], kSessionDirectory, record->client_id);
+    *files_opened += load_session_file(*record, path[0]);
+    client_path(path[0], kSubscriptionDirectory, record->client_id);
+    *files_opened += load_subscription_file(*record, path[0]);
+    client_path(path[0], kMessageDirectory, record->client_id);
+    *files_opened += load_message_file(*record, path[0]);
+    return 0;
+}
+
+} // namespace tarn::persist
+
+using namespace tarn;
+
+int persist_load(persist_session_t *rec)
+{
+    int files_opened;
+    return persist::load_session(rec, &files_opened);
+}
+
+int persist_load_client_only(persist_session_t *rec)
+{
+    if (!rec || !rec->client_id[0])
+        return -1;
+    persist::Path path;
+    persist::client_path(path, persist::kSubscriptionDirectory, rec->client_id);
+    FILE *const file = path.usable ? fopen(path.text, "re") : nullptr;
+    if (!file)
+        return -4;
+    fclose(file);
+    mqtt_stats_inc_persist_read();
+    rec->clean_session = 0;
+    return 0;
+}

@@ -1,0 +1,82 @@
+// offline_messages.cpp - keeping a message for a client that is away, and taking one back.
+#include "../base/clock.h"
+#include "../base/text.h"
+#include "../log/log.h"
+#include "persist_internal.h"
+#include "session_store.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace tarn::persist {
+namespace {
+
+// Stored messages have identifiers of their own, 1..65535, from a generator of their own: rand() belongs to the host.
+uint16_t draw_msgid() noexcept
+{
+    static constinit Mutex    seed_mx{};
+    static constinit uint32_t seed = 0; // under seed_mx; 0 = not yet seeded
+    ScopedLock                lock(seed_mx);
+    if (seed == 0)
+        seed = static_cast<uint32_t>(wall_ms()) | 1;
+    return static_cast<uint16_t>(static_cast<uint32_t>(rand_r(&seed)) % 65535 + 1);
+}
+
+// The place of a new message; the oldest one goes when all are taken.
+persist_msg_t &place_for_one(persist_session_t &record)
+{
+    if (record.msg_count < PERSIST_MSGS_MAX)
+        return record.msgs[record.msg_count++];
+    LOG_WARN("[persist][定位] 离线消息溢出，丢弃最早一条: %s", record.client_id);
+    memmove(&record.msgs[0], &record.msgs[1], sizeof record.msgs[0] * (PERSIST_MSGS_MAX - 1));
+    return record.msgs[PERSIST_MSGS_MAX - 1];
+}
+
+void fill(persist_msg_t &message, const char *topic, const uint8_t *payload, int32_t payload_len, uint8_t qos)
+{
+    memset(&message, 0, sizeof message);
+    message.qos   = qos;
+    message.msgid = draw_msgid();
+    copy_text(message.topic, topic, sizeof message.topic - 1);
+    message.payload_len = std::min<uint32_t>(static_cast<uint32_t>(payload_len), PERSIST_MSG_PAYLOAD_MAX);
+    memcpy(message.payload, payload, message.payload_len);
+    message.store_time = static_cast<uint64_t>(wall_s());
+}
+
+} // namespace
+} // namespace tarn::persist
+
+using namespace tarn;
+
+int persist_add_offline_msg(const char *client_id, const char *topic, const uint8_t *payload, int32_t payload_len,
+                            uint8_t qos)
+{
+    if (!client_id || !topic || !payload || payload_len < 1)
+        return -1;
+    ScopedLock               files(persist::files_lock(client_id));
+    persist_session_t *const record = persist::scratch_session(client_id);
+    if (!record)
+        return -1;
+    persist_load(record);
+    persist::fill(persist::place_for_one(*record), topic, payload, payload_len, qos);
+    if (record->client_id[0])
+        persist::write_files(*record, PERSIST_MESSAGES);
+    return 0;
+}
+
+int persist_remove_offline_msg(const char *client_id, uint16_t msgid)
+{
+    if (!client_id || msgid == 0)
+        return -1;
+    ScopedLock               files(persist::files_lock(client_id));
+    persist_session_t *const record = persist::scratch_session(client_id);
+    if (!record || persist_load(record) != 0)
+        return -4;
+    persist_msg_t *const end =
+        std::remove_if(record->msgs, record->msgs + std::clamp<int>(record->msg_count, 0, PERSIST_MSGS_MAX),
+                       [&](const persist_msg_t &message) { return message.msgid == msgid; });
+    record->msg_count = static_cast<int32_t>(end - record->msgs);
+    persist::write_files(*record, PERSIST_MESSAGES);
+    return 0;
+}

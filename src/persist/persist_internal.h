@@ -1,0 +1,67 @@
+// persist_internal.h - paths, texts and locks that the files of this module share.
+#ifndef TARN_PERSIST_PERSIST_INTERNAL_H
+#define TARN_PERSIST_PERSIST_INTERNAL_H
+
+#include "../base/memory.h"
+#include "../base/mutex.h"
+#include "persist.h"
+
+#include <cstdarg>
+#include <string_view>
+
+namespace tarn::persist {
+
+// ---- paths
+
+// Long enough for every root, directory and id, so that a path is judged by its real length.
+struct Path {
+    char text[PERSIST_PATH_SIZE + 256];
+    bool usable; // may reach the file system
+};
+
+// <root>/<directory>/<id>.json. A path that an id with "/" would lead elsewhere, or that is too long together with
+// ".tmp", is not usable: such a client has no files.
+void client_path(Path &path, const char *directory, const char *client_id) noexcept;
+
+constexpr const char *kSessionDirectory      = "session";
+constexpr const char *kSubscriptionDirectory = "subscription";
+constexpr const char *kMessageDirectory      = "message";
+
+// ---- texts
+
+// A text that grows as it is appended to. After an allocation failed it stays as it was and ok() is false.
+class Text {
+public:
+    void append(std::string_view piece) noexcept;
+    void append_format(const char *format, ...) noexcept __attribute__((format(printf, 2, 3)));
+    void append_escaped(std::string_view value, bool braces_too = false) noexcept;
+    void append_hex(const uint8_t *bytes, size_t count) noexcept;
+    void cut(size_t characters) noexcept;
+
+    bool        ok() const noexcept { return ok_; }
+    const char *c_str() noexcept;
+
+private:
+    GrowArray<char> chars_;
+    bool            ok_ = true;
+};
+
+// Decodes the escapes of one text value into `to` (at most `limit` bytes and a terminator).
+void unescape(char *to, size_t limit, std::string_view raw) noexcept;
+// Bytes decoded from hex pairs, at most `limit`.
+size_t unhex(uint8_t *to, size_t limit, std::string_view pairs) noexcept;
+
+// ---- files
+
+// Writes `text` to a path that is known to be usable, or says that it cannot.
+void safe_write(const Path &path, const char *text) noexcept;
+
+// Serialises writes, and reading before writing, of one client's files. Taken before g_persist_mutex.
+Mutex &files_lock(const char *client_id) noexcept;
+
+// persist_flush_single with files_lock held; does nothing for a clean session.
+void write_files(persist_session_t &record, uint8_t what) noexcept;
+
+} // namespace tarn::persist
+
+#endif

@@ -1,0 +1,117 @@
+// retain_file.cpp - the whole retained store in "retain.dat": count:u32, then that many retain_msg_t as they lie in
+// memory, in the host's byte order.
+#include "../log/log.h"
+#include "../stats/mqtt_stats.h"
+#include "../sub/sub.h"
+#include "persist_internal.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+using namespace tarn;
+
+namespace {
+
+// A copy of the store as it is now: the file is written from it while others go on storing.
+struct Snapshot {
+    owned<retain_msg_t> records;
+    uint32_t            count = 0;
+};
+
+bool take_snapshot(Snapshot &snapshot) REQUIRES(g_sub_mgr.lock)
+{
+    const int32_t count = g_sub_mgr.retains ? std::clamp<int32_t>(g_sub_mgr.retain_count, 0, RETAIN_CAPACITY) : 0;
+    snapshot.count      = static_cast<uint32_t>(count);
+    snapshot.records    = allocate<retain_msg_t>(snapshot.count);
+    if (!snapshot.records)
+        return false;
+    if (count > 0)
+        memcpy(snapshot.records.get(), g_sub_mgr.retains, sizeof(retain_msg_t) * snapshot.count);
+    return true;
+}
+
+// Under a name of its own and renamed, so that a kill leaves the old file or the new one. A full disk keeps the old one.
+// False when the file cannot be opened.
+bool write_snapshot(const Snapshot &snapshot) REQUIRES(g_persist_mutex)
+{
+    char path[PERSIST_PATH_SIZE + 16];
+    char tmp[sizeof path + 4];
+    snprintf(path, sizeof path, "%s/retain.dat", g_persist_root_path);
+    snprintf(tmp, sizeof tmp, "%s.tmp", path);
+    FILE *const file = fopen(tmp, "wbe");
+    if (!file)
+        return false;
+    bool written = fwrite(&snapshot.count, sizeof snapshot.count, 1, file) == 1;
+    written = fwrite(snapshot.records.get(), sizeof(retain_msg_t), snapshot.count, file) == snapshot.count && written;
+    written = fclose(file) == 0 && written;
+    if (!written || rename(tmp, path) != 0)
+        unlink(tmp);
+    return true;
+}
+
+bool read_records(FILE *file, owned<retain_msg_t> &records, uint32_t &count)
+{
+    if (fread(&count, sizeof count, 1, file) != 1 || count < 1 || count > RETAIN_CAPACITY)
+        return false;
+    records = allocate_zeroed<retain_msg_t>(RETAIN_CAPACITY);
+    return records && fread(records.get(), sizeof(retain_msg_t), count, file) == count;
+}
+
+// Whatever the file holds, the store holds terminated topics and lengths within their arrays.
+void make_safe(retain_msg_t &record)
+{
+    record.topic[sizeof record.topic - 1] = '\0';
+    record.payload_len                    = std::min<uint32_t>(record.payload_len, sizeof record.payload);
+}
+
+} // namespace
+
+// The newer of two copies must be the one that stays on the disk, so the locks are taken over from hand to hand: the
+// store's to copy it, the file's before the store's is given back.
+int persist_retain_save(void) NO_LOCK_ANALYSIS
+{
+    Snapshot snapshot;
+    g_sub_mgr.lock.lock();
+    g_persist_mutex.lock();
+    const bool copied = take_snapshot(snapshot);
+    g_sub_mgr.lock.unlock();
+    const bool opened = copied && write_snapshot(snapshot);
+    g_persist_mutex.unlock();
+
+    if (!opened) {
+        LOG_ERROR("[persist] retain save failed");
+        return -2;
+    }
+    mqtt_stats_inc_persist_write();
+    LOG_DEBUG("[persist] retain saved: %d entries", static_cast<int>(snapshot.count));
+    return 0;
+}
+
+int persist_retain_load(void)
+{
+    // Shorter than the name it is saved under may be: a root of more than 243 characters is saved but never loaded.
+    char        path[256];
+    const int   length = snprintf(path, sizeof path, "%s/retain.dat", g_persist_root_path);
+    FILE *const file   = length < static_cast<int>(sizeof path) ? fopen(path, "rbe") : nullptr;
+    if (!file) {
+        LOG_WARN("[persist] no retain file");
+        return -4;
+    }
+    {
+        ScopedLock          store(g_sub_mgr.lock);
+        ScopedLock          lock(g_persist_mutex);
+        owned<retain_msg_t> records;
+        uint32_t            count = 0;
+        if (g_sub_mgr.retains && read_records(file, records, count)) {
+            std::for_each(records.get(), records.get() + count, make_safe);
+            memcpy(g_sub_mgr.retains, records.get(), sizeof(retain_msg_t) * count);
+            g_sub_mgr.retain_count = static_cast<int32_t>(count);
+            LOG_INFO("[persist] retain loaded: %d entries", static_cast<int>(count));
+        }
+    }
+    fclose(file);
+    mqtt_stats_inc_persist_read();
+    return 0;
+}

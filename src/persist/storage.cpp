@@ -1,0 +1,185 @@
+// storage.cpp - the data directory: where files lie, how one is replaced, and the module's start and stop.
+#include "../base/clock.h"
+#include "../base/text.h"
+#include "../log/log.h"
+#include "../stats/mqtt_stats.h"
+#include "persist_internal.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace tarn;
+
+char         g_persist_root_path[PERSIST_PATH_SIZE] = "./mqtt_data";
+tarn_mutex_t g_persist_mutex{};
+
+namespace tarn::persist {
+namespace {
+
+constexpr int      kAttempts       = 3;
+constexpr uint32_t kRetryPause_ms  = 10;
+constexpr size_t   kFileLocks      = 64;
+constexpr size_t   kTmpChars       = 4; // ".tmp"
+
+constinit Mutex g_files_mx[kFileLocks]{};
+
+void say_cannot_write(const char *tmp)
+{
+    LOG_ERROR("[persist] 写入临时文件失败(重试%d次): %s", kAttempts, tmp);
+}
+
+// True when the whole text is on the disk under this name.
+bool write_whole(const char *name, const char *text)
+{
+    FILE *const file = fopen(name, "we");
+    if (!file)
+        return false;
+    bool written = fputs(text, file) >= 0;
+    written      = fflush(file) == 0 && written;
+    written      = fsync(fileno(file)) == 0 && written;
+    return fclose(file) == 0 && written;
+}
+
+// Replaces the target in one step, so that whoever opens it meets the old text or the new one. Only when that fails the
+// target is deleted first.
+bool replace(const char *tmp, const char *target)
+{
+    for (int attempt = 1; attempt <= kAttempts; ++attempt) {
+        if (rename(tmp, target) == 0)
+            return true;
+        unlink(target);
+        if (attempt < kAttempts)
+            pause_ms(kRetryPause_ms);
+    }
+    return false;
+}
+
+void replace_file(const char *target, const char *tmp, const char *text)
+{
+    int attempt = 1;
+    while (!write_whole(tmp, text)) {
+        if (attempt++ == kAttempts) {
+            unlink(tmp);
+            say_cannot_write(tmp);
+            return;
+        }
+        pause_ms(kRetryPause_ms);
+    }
+    if (replace(tmp, target)) {
+        mqtt_stats_inc_persist_write();
+        return;
+    }
+    LOG_ERROR("[persist] 重命名失败: %s", target);
+    unlink(tmp);
+}
+
+} // namespace
+
+void client_path(Path &path, const char *directory, const char *client_id) noexcept
+{
+    const int length =
+        snprintf(path.text, sizeof path.text, "%s/%s/%s.json", g_persist_root_path, directory, client_id);
+    path.usable = !strchr(client_id, '/') && static_cast<size_t>(length) + kTmpChars < PERSIST_PATH_SIZE;
+}
+
+void safe_write(const Path &path, const char *text) noexcept
+{
+    char tmp[sizeof path.text + kTmpChars];
+    snprintf(tmp, sizeof tmp, "%s.tmp", path.text);
+    if (path.usable)
+        replace_file(path.text, tmp, text);
+    else
+        say_cannot_write(tmp);
+}
+
+Mutex &files_lock(const char *client_id) noexcept
+{
+    uint32_t hash = 0;
+    for (const char *c = client_id; *c; ++c)
+        hash = hash * 31 + static_cast<unsigned char>(*c);
+    return g_files_mx[hash % kFileLocks];
+}
+
+} // namespace tarn::persist
+
+void persist_safe_write(const char *path, const char *text)
+{
+    if (!text || !path || !*path) {
+        LOG_ERROR("[persist] 安全写入失败：参数为空");
+        return;
+    }
+    persist::Path checked;
+    const int     length = snprintf(checked.text, sizeof checked.text, "%s", path);
+    checked.usable       = static_cast<size_t>(length) + persist::kTmpChars < PERSIST_PATH_SIZE;
+    persist::safe_write(checked, text);
+}
+
+void persist_make_dir(const char *path)
+{
+    struct stat status;
+    if (stat(path, &status) == 0)
+        return;
+    mkdir(path, 0755);
+    LOG_DEBUG("[persist] 目录创建成功: %s", path);
+}
+
+int persist_init(const char *root_path)
+{
+    LOG_INFO("[persist] 持久化模块初始化中...");
+    if (root_path && *root_path)
+        copy_text(g_persist_root_path, root_path, sizeof g_persist_root_path - 1);
+    persist_make_dir(g_persist_root_path);
+    for (const char *directory :
+         {persist::kSessionDirectory, persist::kSubscriptionDirectory, persist::kMessageDirectory}) {
+        persist::Path path;
+        snprintf(path.text, sizeof path.text, "%s/%s", g_persist_root_path, directory);
+        persist_make_dir(path.text);
+    }
+    persist_load_all_persisted_subscriptions();
+    persist_retain_load();
+    LOG_INFO("[persist] 持久化模块初始化完成，路径：%s", g_persist_root_path);
+    return 0;
+}
+
+// The mutex stays: clients may still close after this.
+int persist_destroy(void)
+{
+    LOG_INFO("[persist] 持久化模块销毁中...");
+    return 0;
+}
+
+void persist_stop(void)
+{
+    LOG_INFO("[persist] 停止刷盘线程...");
+}
+
+void persist_flush(void)
+{
+    LOG_DEBUG("[persist] 执行强制刷盘(无操作，已同步写入)");
+}
+
+void persist_clean_expire(void)
+{
+    LOG_DEBUG("[persist] 清理过期会话（未启用）");
+}
+
+int persist_remove(const char *client_id)
+{
+    if (!client_id)
+        return -1;
+    const owned<persist::Path> path = allocate<persist::Path>(1);
+    if (!path)
+        return -5;
+    ScopedLock files(persist::files_lock(client_id));
+    ScopedLock lock(g_persist_mutex);
+    for (const char *directory :
+         {persist::kSessionDirectory, persist::kSubscriptionDirectory, persist::kMessageDirectory}) {
+        persist::client_path(path[0], directory, client_id);
+        if (path[0].usable)
+            unlink(path[0].text);
+    }
+    return 0;
+}
