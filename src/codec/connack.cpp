@@ -131,8 +131,7 @@ int mqtt_codec_decode_connack(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *bu
     const int input_len = length_of(buf_len);
     if (!ctx || !buf || !para || input_len < kMinLevel4)
         return REFUSE(CODEC_E_PARAM, "CONNACK decode: invalid param (ctx=%p, buf=%p, buf_len=%p, len=%d, para=%p)",
-                      static_cast<void *>(ctx), static_cast<const void *>(buf), static_cast<void *>(buf_len), input_len,
-                      static_cast<void *>(para));
+                      addr(ctx), addr(buf), addr(buf_len), input_len, addr(para));
     memset(para, 0, sizeof *para);
 
     const FixedHeader header = read_fixed_header(buf, input_len);

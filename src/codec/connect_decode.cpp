@@ -316,7 +316,7 @@ int mqtt_codec_decode_connect(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *bu
     const int input_len = length_of(buf_len);
     if (!ctx || !buf || !para || input_len < kInputMin)
         return REFUSE(CODEC_E_PARAM, "CONNECT decode: invalid input (ctx=%p, buf=%p, len=%d < 10)",
-                      static_cast<void *>(ctx), static_cast<const void *>(buf), input_len);
+                      addr(ctx), addr(buf), input_len);
     memset(para, 0, sizeof *para);
     LOG_HEXDUMP("CONNECT decode: full packet data", buf, input_len);
 

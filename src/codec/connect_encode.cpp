@@ -127,8 +127,7 @@ int mqtt_codec_encode_connect(mqtt_codec_ctx_t *ctx, const mqtt_connect_para_t *
     const int capacity = length_of(buf_len);
     if (!ctx || !para || !buf || capacity < CODEC_MIN_CAPACITY)
         return REFUSE(CODEC_E_PARAM, "CONNECT encode: invalid param (ctx=%p, para=%p, buf=%p, buf_len=%p, len=%d)",
-                      static_cast<void *>(ctx), static_cast<const void *>(para), static_cast<void *>(buf),
-                      static_cast<void *>(buf_len), capacity);
+                      addr(ctx), addr(para), addr(buf), addr(buf_len), capacity);
     const uint32_t level = level_of(ctx);
     if (!known_level(level))
         return REFUSE(CODEC_E_VERSION, "CONNECT encode: unsupported version %d (only 3.1.1/5.0 allowed)",

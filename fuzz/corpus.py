@@ -1,0 +1,99 @@
+#!/usr/bin/env python3
+"""First inputs of the fuzzers: corpus.py <fuzzer> <directory>. One file an input, named by what it holds.
+
+Packets are written as the tests write them: hex pairs and 'quoted text'. Whole packets of every family are enough; the
+fuzzer cuts and bends them itself.
+"""
+import os
+import re
+import sys
+
+
+def wire(text):
+    out = b""
+    for quoted, pair in re.findall(r"'([^']*)'|([0-9A-Fa-f]{2})", text):
+        out += quoted.encode() if quoted else bytes.fromhex(pair)
+    return out
+
+
+def packet(first, body):
+    length, field = len(body), b""
+    while True:
+        length, seven = length >> 7, length & 0x7F
+        field += bytes([seven | (0x80 if length else 0)])
+        if not length:
+            return bytes([first]) + field + body
+
+
+CONNECT_4 = packet(0x10, wire("00 04 'MQTT' 04 F6 00 3C 00 02 'id' 00 03 'w/t' 00 04 'gone' 00 04 'user' 00 02 'pw'"))
+CONNECT_5 = packet(0x10, wire(
+    "00 04 'MQTT' 05 F6 00 3C 14 11 00 00 00 64 21 00 0A 22 00 0B 27 00 01 00 00 19 01 1A 01 00 02 'id'"
+    "0A 18 00 00 00 1E 02 00 00 00 3C 00 03 'w/t' 00 04 'gone' 00 04 'user' 00 02 'pw'"))
+
+PACKETS = {
+    "connect_4": CONNECT_4,
+    "connect_5": CONNECT_5,
+    "connect_short": CONNECT_5[:40],
+    "connect_long_id": packet(0x10, wire("00 04 'MQTT' 05 82 00 3C 00 00 64") + b"x" * 64 + wire("00 04 'user'") + b"y" * 30),
+    "connect_unknown_property": packet(0x10, wire("00 04 'MQTT' 05 02 00 3C 09 26 00 01 'k' 00 01 'v' A1 21 00 01 'i'")),
+    "connect_name": packet(0x10, wire("FF FF 'MQIsdpxx'")),
+    "connack_4": wire("20 02 01 00"),
+    "connack_5": wire("20 0E 00 86 0B 21 01 02 22 03 04 10 05 06 07 08"),
+    "connack_unknown": wire("20 0A 00 00 07 1F 02 'ab' 21 00 0A"),
+    "publish_0": wire("30 08 00 01 'a' 'hello'"),
+    "publish_1": wire("33 09 00 03 'a/b' 00 07 'hi'"),
+    "publish_5": packet(0x3D, wire("00 01 'a' 00 07 0B 02 00 00 00 3C 23 00 05 26 01 'x' 'hello'")),
+    "publish_long": packet(0x30, wire("00 01 'a'") + b"\x7f" * 3000),
+    "puback_4": wire("40 02 00 07"),
+    "puback_5": wire("40 04 00 07 10 00"),
+    "pubrec_5": wire("50 07 00 07 00 03 1F 00 00"),
+    "pubrel": wire("62 02 00 07"),
+    "pubcomp": wire("70 03 00 07 92"),
+    "suback": wire("90 06 00 07 00 00 01 80"),
+    "unsuback": wire("B0 03 00 07 00"),
+    "subscribe_4": wire("82 0D 00 01 00 03 'a/b' 01 00 02 '+/' 02"),
+    "subscribe_5": wire("82 10 00 01 06 0B 05 26 02 27 01 00 04 'a/#x' 02"),
+    "subscribe_17": packet(0x82, wire("00 01 00") + wire("00 01 'f' 01") * 17),
+    "unsubscribe_4": wire("A2 07 00 01 00 03 'a/b'"),
+    "unsubscribe_5": wire("A2 0A 00 01 02 0B 05 00 03 'a/b'"),
+    "unsubscribe_17": packet(0xA2, wire("00 01") + wire("00 01 'f'") * 17),
+    "pingreq": wire("C0 00"),
+    "pingresp": wire("D0 00"),
+    "disconnect_4": wire("E0 00"),
+    "disconnect_5": wire("E0 13 00 11 10 01 02 03 04 1F 00 03 'why' 26 00 03 'abc'"),
+}
+
+LEVELS = {"v4": 0x00, "v5": 0x10, "v0": 0x20, "v9": 0x30}
+SIMPLE = 0x40
+
+
+def codec_decode():
+    for name, data in PACKETS.items():
+        kind = data[0] >> 4
+        for level, bits in LEVELS.items():
+            yield f"{name}_{level}", bytes([kind | bits]) + data
+        yield f"{name}_simple", bytes([kind | SIMPLE]) + data
+
+
+def codec_encode():
+    sizes = {1: 2556, 2: 16, 3: 2332, 4: 72, 5: 72, 6: 72, 7: 72, 8: 4192, 9: 72, 10: 4124, 11: 72, 14: 144}
+    for kind, size in sizes.items():
+        for fill in (0x00, 0x01, 0x41, 0xFF):
+            for level in (0x00, 0x10):
+                yield f"{kind}_{fill:02x}_{level:02x}", bytes([kind | level, 0x0F, 0xFF]) + bytes([fill]) * size
+        # A counted text or filter list: small numbers, short texts.
+        yield f"{kind}_short", bytes([kind | 0x10, 0x07, 0xFF]) + (b"ab\0" + b"\1\0\0") * (size // 6)
+    for kind in (12, 13, 14, 15):
+        for level in (0x00, 0x10, 0x20):
+            yield f"simple_{kind}_{level:02x}", bytes([kind | level | SIMPLE, 0x00, 0x7F, 0])
+
+
+def main():
+    fuzzer, directory = sys.argv[1:]
+    os.makedirs(directory, exist_ok=True)
+    for name, data in globals()[fuzzer]():
+        with open(os.path.join(directory, "seed_" + name), "wb") as seed:
+            seed.write(data)
+
+
+main()
