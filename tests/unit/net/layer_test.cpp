@@ -178,7 +178,8 @@ TEST(restart, while_the_layer_is_down_udp_is_closed)
     UdpPeer udp;
     udp.send("C0 00");
     Peer peer;
-    EXPECT_TRUE(eventually([&] { return layer.events.seen().size() == 3; }));
+    peer.send("D0 00");
+    EXPECT_EQ(layer.events.wait_for(4).size(), 4u);
 }
 
 TEST(restart, a_peer_of_an_earlier_start_does_not_reach_a_later_one)

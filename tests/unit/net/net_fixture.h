@@ -269,6 +269,16 @@ struct HandmadeSlot {
     Fd            peer;
 };
 
+// Gives the number of a closed descriptor to something harmless, as the kernel may at any moment.
+inline Fd take_number(int fd)
+{
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1) << fd << " is still open";
+    Fd other(open("/dev/null", O_RDWR | O_CLOEXEC));
+    if (other.get() == fd)
+        return other;
+    return Fd(dup3(other.get(), fd, O_CLOEXEC));
+}
+
 // Entries of a directory of this process: "fd" (with the one used for looking) or "task".
 inline size_t count_of(const char *what)
 {

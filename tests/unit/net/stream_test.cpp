@@ -261,6 +261,7 @@ TEST(several_threads, deliver_each_stream_in_order)
         for (auto &peer : peers)
             peer->send({0x30, 0x01, static_cast<uint8_t>(i)});
     EXPECT_EQ(layer.events.wait_for(8 + 8 * 200).size(), 8u + 8 * 200);
+    netip_deinit();
     std::vector<uint8_t> expected;
     for (int i = 0; i < 200; ++i)
         expected.push_back(static_cast<uint8_t>(i));

@@ -39,14 +39,15 @@ TEST(udp, a_new_sender_connects_with_reason_3_and_its_datagram_is_one_packet)
     EXPECT_STREQ(slot.ip, "127.0.0.1");
     EXPECT_EQ(slot.port, udp.port());
     EXPECT_EQ(slot.peer_len, 16u);
-    EXPECT_EQ(netip_get_client_last_active(1), static_cast<uint64_t>(clock.wall_s()) * 1000);
+    const uint64_t at = static_cast<uint64_t>(clock.wall_s()) * 1000;
+    EXPECT_EQ(netip_get_client_last_active(1), at);
 
     clock.advance_ms(700);
     udp.send("C0 00");
     make_a_round(tcp);
     layer.events.wait_for(6);
     EXPECT_EQ(layer.events.seen().back(), data(1, wire("C0 00"))); // the same handle, no second connect
-    EXPECT_EQ(netip_get_client_last_active(1), static_cast<uint64_t>(clock.wall_s()) * 1000 + 700 % 1000);
+    EXPECT_EQ(netip_get_client_last_active(1), at + 700);
 }
 
 TEST(udp, waits_for_a_tcp_event_and_is_read_once_a_round)
@@ -75,8 +76,12 @@ TEST(udp, the_arrival_of_a_connection_is_an_event_too)
     Layer   layer;
     UdpPeer udp;
     udp.send("C0 00");
-    Peer tcp;
-    EXPECT_TRUE(eventually([&] { return layer.events.seen().size() == 3; }));
+    // The kernel tells of it unless the accept thread was quicker.
+    std::vector<std::unique_ptr<Peer>> silent;
+    EXPECT_TRUE(eventually([&] {
+        silent.push_back(std::make_unique<Peer>());
+        return layer.events.seen().size() == silent.size() + 2;
+    }));
 }
 
 TEST(udp, senders_differ_by_address_and_port)
@@ -103,7 +108,8 @@ TEST(udp, answers_go_to_the_sender)
     UdpPeer udp;
     udp.send("C0 00");
     Peer tcp;
-    layer.events.wait_for(3);
+    make_a_round(tcp);
+    layer.events.wait_for(4);
     const uint32_t handle = netip_get_client_port(0) == udp.port() ? 0 : 1;
     EXPECT_EQ(send_bytes(handle, wire("D0 00")), 0u);
     EXPECT_EQ(hex(udp.receive()), "D0 00");
@@ -125,7 +131,8 @@ TEST(udp, a_datagram_is_cut_at_4096_bytes)
     UdpPeer udp;
     udp.send(repeat('x', 4097));
     Peer tcp;
-    layer.events.wait_for(3);
+    make_a_round(tcp);
+    layer.events.wait_for(4);
     EXPECT_TRUE(layer.events.count(data(0, repeat('x', 4096))) + layer.events.count(data(1, repeat('x', 4096))) == 1);
 }
 
@@ -178,10 +185,9 @@ TEST(udp, closing_one_peer_ends_udp_until_the_next_start)
     netip_close(1);
     EXPECT_EQ(events.seen().back(), disconnected(1, 2));
     EXPECT_EQ(g_netip_udp, -1);
-    EXPECT_EQ(fcntl(shared, F_GETFD), -1);
     EXPECT_EQ(send_bytes(2, wire("D0 00")), 6u);
     EXPECT_EQ(netip_get_client_port(2), b.port()); // still in use
-    const Fd reused(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    const Fd reused = take_number(shared);
     EXPECT_EQ(send_bytes(2, wire("D0 00")), 6u); // the number now belongs to somebody else
     netip_close(2);
     EXPECT_NE(fcntl(reused.get(), F_GETFD), -1);
@@ -190,9 +196,10 @@ TEST(udp, closing_one_peer_ends_udp_until_the_next_start)
     Recorder again;
     ASSERT_EQ(netip_init(Recorder::callback, &again, 1), 0u);
     UdpPeer c;
-    c.send("C0 00");
+    c.send("D0 00");
     Peer other;
-    EXPECT_EQ(again.wait_for(3).size(), 3u);
+    make_a_round(other);
+    EXPECT_TRUE(eventually([&] { return again.count(data(0, wire("D0 00"))) + again.count(data(1, wire("D0 00"))) == 1; }));
     netip_deinit();
 }
 
@@ -225,6 +232,7 @@ TEST(udp, without_a_callback_the_slot_is_filled_and_the_datagram_dropped)
     UdpPeer udp;
     udp.send("C0 00");
     Peer tcp;
+    make_a_round(tcp);
     EXPECT_TRUE(eventually(
         [&] { return netip_get_client_port(0) == udp.port() || netip_get_client_port(1) == udp.port(); }));
     EXPECT_THAT(layer.events.seen(), IsEmpty());
@@ -252,12 +260,14 @@ TEST(udp, the_thread_that_delivers_knows_its_connection)
     std::atomic<uint32_t> generation{0};
     Layer   layer([&](const Recorder::Event &event) {
         if (event.event == NETIP_EVENT_DATA)
-            generation = current_connection().generation == generation_of(event.handle) ? generation_of(event.handle) : 0;
+            if (event.length == 3 && current_connection().handle == event.handle)
+                generation = current_connection().generation;
         return true;
     });
     UdpPeer udp;
-    udp.send("C0 00");
+    udp.send("30 01 00");
     Peer tcp;
-    layer.events.wait_for(3);
+    make_a_round(tcp);
     EXPECT_TRUE(eventually([&] { return generation != 0; }));
+    EXPECT_TRUE(generation == generation_of(0) || generation == generation_of(1));
 }
