@@ -20,12 +20,12 @@ constexpr uint32_t kAcceptPause_ms = 5;
 
 struct Arrival {
     Fd   fd;
-    Peer peer;
+    PeerAddress peer;
 };
 
 struct Held {
     int  fd; // -1: none
-    Peer peer;
+    PeerAddress peer;
 };
 
 constinit bool g_alive GUARDED_BY(g_netip_lock) = false;

@@ -75,14 +75,14 @@ private:
 };
 
 // A peer as accept and recvfrom report it.
-struct Peer {
+struct PeerAddress {
     sockaddr_in address{};
     socklen_t   length = sizeof(sockaddr_in);
 };
 
 // Takes a free slot for a new connection and marks it in use, with one hold on it that the caller adopts. Handle
 // NETIP_NO_HANDLE when the table is full.
-Connection open_slot(uint32_t type, int fd, const Peer &peer) noexcept REQUIRES(g_netip_lock);
+Connection open_slot(uint32_t type, int fd, const PeerAddress &peer) noexcept REQUIRES(g_netip_lock);
 // The free slot that is next in turn; see netip_get_free_handle.
 uint32_t take_free_handle() noexcept REQUIRES(g_netip_lock);
 // Frees the slot, once its holders are gone. Slot lock held, by a holder.

@@ -140,7 +140,7 @@ SlotHold::~SlotHold()
 
 // ---- free and in use
 
-Connection open_slot(uint32_t type, int fd, const Peer &peer) noexcept
+Connection open_slot(uint32_t type, int fd, const PeerAddress &peer) noexcept
 {
     const uint32_t handle = take_free_handle();
     if (handle == NETIP_NO_HANDLE)

@@ -10,7 +10,7 @@ namespace {
 struct Datagram {
     uint8_t bytes[NETIP_RX_SIZE];
     ssize_t length;
-    Peer    from;
+    PeerAddress    from;
     int     fd;
 };
 
