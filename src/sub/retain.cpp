@@ -38,7 +38,7 @@ void take_out(sub_mgr_t &manager, int32_t at) noexcept REQUIRES(manager.lock)
 
 // QUIRK(retained-life): a retained message without an expiry interval lives seven days, although the standard keeps it
 // until it is replaced [MQTT-3.3.1-5]: the store is small and topics that fell silent must not fill it for ever.
-//   test: retain_clean_expired.gives_entries_without_interval_seven_days
+//   test: retain_expiry.gives_entries_without_interval_seven_days
 bool has_ended(const retain_msg_t &entry, int64_t now_s) noexcept
 {
     const int64_t life = entry.expiry_interval ? int64_t{entry.expiry_interval} : int64_t{RETAIN_DEFAULT_LIFE_S};
@@ -65,7 +65,7 @@ void fill(retain_msg_t &entry, const Message &message) noexcept
 
 // QUIRK(retained-expiry-kept): replacing a message keeps the expiry interval of the one before unless the new one brings
 // its own [MQTT-3.3.1-5]: an update without an interval is meant to refresh what it updates.
-//   test: retain_msg_set.replacing_keeps_place_and_expiry
+//   test: retain_set.replacing_keeps_place_and_expiry
 Stored store(sub_mgr_t &manager, const Message &message) noexcept REQUIRES(manager.lock)
 {
     const int32_t found = find(manager, message.topic);

@@ -55,8 +55,8 @@ uint64_t key_of(std::string_view filter) noexcept
 // The id and the first characters of the filter lie in one stretch, read as words, whatever stands behind the
 // terminators; the few longer filters add their rest.
 constexpr size_t kStampBytes       = 112;
-constexpr size_t kStampFilterChars = kStampBytes - offsetof(sub_entry_t, topic_filter);
-static_assert(kStampBytes % 16 == 0 && kStampFilterChars > 0);
+constexpr size_t kStampLastChar = kStampBytes - offsetof(sub_entry_t, topic_filter) - 1; // of the filter
+static_assert(kStampBytes % 16 == 0);
 
 uint64_t stamp_of(const sub_entry_t &entry) noexcept
 {
@@ -71,8 +71,9 @@ uint64_t stamp_of(const sub_entry_t &entry) noexcept
         odd ^= odd >> 31;
     }
     uint64_t stamp = mix(even, odd);
-    if (entry.topic_filter[kStampFilterChars - 1])
-        stamp = mix(stamp, hash_of(text_of(entry.topic_filter).substr(kStampFilterChars - 1)));
+    const char *rest = entry.topic_filter + kStampLastChar;
+    if (*rest)
+        stamp = mix(stamp, hash_of(cut(rest, kFilterChars - kStampLastChar)));
     return stamp;
 }
 

@@ -1,0 +1,381 @@
+#include "sub/retain.h"
+
+#include "log/agent_log.h"
+#include "sub/sub.h"
+#include "support/faults.h"
+#include "support/log_capture.h"
+#include "support/wire.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+using namespace tarn::test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr int64_t kWeek = 604800;
+
+struct Store : testing::Test {
+    Store() { sub_init(); }
+    ManualClock clock;
+    LogCapture  log{AGENT_LOG_INFO};
+
+    int set(const std::string &topic, const std::string &payload, uint32_t qos = 0)
+    {
+        return retain_msg_set(topic.c_str(), text(payload).data(), static_cast<uint32_t>(payload.size()), qos);
+    }
+    int set_for(const std::string &topic, const std::string &payload, uint32_t expiry_s)
+    {
+        return retain_msg_set_with_expiry(topic.c_str(), text(payload).data(), static_cast<uint32_t>(payload.size()), 0,
+                                          expiry_s);
+    }
+    // "topic payload qos age expiry" of every entry.
+    std::vector<std::string> entries() const
+    {
+        std::vector<std::string> all;
+        for (int i = 0; i < g_sub_mgr.retain_count; ++i) {
+            const retain_msg_t &e = g_sub_mgr.retains[i];
+            all.push_back(std::string(e.topic) + " " + std::string(e.payload, e.payload + e.payload_len) + " " +
+                          std::to_string(e.qos) + " " + std::to_string(clock.wall_s() - e.store_time) + " " +
+                          std::to_string(e.expiry_interval));
+        }
+        return all;
+    }
+    std::vector<LogLine> lines() // but those of the file
+    {
+        std::vector<LogLine> all = log.take();
+        std::erase_if(all, [](const LogLine &line) { return line.text.rfind("[persist]", 0) == 0; });
+        return all;
+    }
+    void at_debug()
+    {
+        agent_log_set_level(0);
+        log.take();
+    }
+};
+struct retain_set : Store {};
+struct retain_set_with_expiry : Store {};
+struct retain_expiry : Store {};
+struct retain_get : Store {};
+struct retain_delete : Store {};
+struct retain_topic_list : Store {};
+
+} // namespace
+
+// ---- set
+
+TEST_F(retain_set, appends)
+{
+    lines();
+    EXPECT_EQ(set("a/b", "one", 2), 0);
+    EXPECT_THAT(lines(), ElementsAre(info("MQTT标准：新增Topic=a/b的保留消息")));
+    set("c", "two");
+    EXPECT_THAT(entries(), ElementsAre("a/b one 2 0 0", "c two 0 0 0"));
+}
+
+TEST_F(retain_set, replacing_keeps_place_and_expiry)
+{
+    set_for("a/b", "first", 100);
+    set("c", "x");
+    clock.advance_ms(5000);
+    lines();
+    EXPECT_EQ(set("a/b", "2nd", 1), 0);
+    EXPECT_THAT(lines(), ElementsAre(info("MQTT标准：更新Topic=a/b的保留消息")));
+    EXPECT_THAT(entries(), ElementsAre("a/b 2nd 1 0 100", "c x 0 5 0"));
+}
+
+TEST_F(retain_set, deletes_by_an_empty_payload)
+{
+    set("a", "1");
+    set("b", "2");
+    set("c", "3");
+    lines();
+    EXPECT_EQ(retain_msg_set("a", nullptr, 0, 0), 0);
+    EXPECT_THAT(lines(), ElementsAre(info("MQTT标准：删除Topic=a的保留消息（空Payload）")));
+    EXPECT_THAT(entries(), ElementsAre("b 2 0 0 0", "c 3 0 0 0"));
+    EXPECT_EQ(retain_msg_set("unknown", nullptr, 0, 0), 0);
+    EXPECT_THAT(lines(), IsEmpty());
+}
+
+TEST_F(retain_set, refuses_a_missing_topic)
+{
+    lines();
+    EXPECT_EQ(retain_msg_set(nullptr, nullptr, 0, 0), -1);
+    EXPECT_EQ(retain_msg_set("", nullptr, 0, 0), -1);
+    EXPECT_THAT(lines(), ElementsAre(error("[DEBUG] retain_msg_set：无效Topic（空指针/空字符串）"),
+                                     error("[DEBUG] retain_msg_set：无效Topic（空指针/空字符串）")));
+}
+
+TEST_F(retain_set, refuses_a_length_without_payload)
+{
+    EXPECT_EQ(retain_msg_set("a", nullptr, 1, 0), -1);
+    EXPECT_THAT(entries(), IsEmpty());
+}
+
+TEST_F(retain_set, cuts_payloads_to_2048_bytes)
+{
+    const Bytes big = repeat(0x61, 5000);
+    for (const uint32_t length : {2047u, 2048u, 2049u, 0xFFFFFFFFu}) {
+        EXPECT_EQ(retain_msg_set("a", big.data(), length, 0), 0);
+        EXPECT_EQ(g_sub_mgr.retains[0].payload_len, std::min(length, 2048u));
+    }
+}
+
+TEST_F(retain_set, cuts_topics_to_256_characters)
+{
+    const std::string topic(256, 't');
+    set(topic + "one", "1");
+    set(topic + "two", "2");
+    EXPECT_THAT(entries(), ElementsAre(topic + " 2 0 0 0"));
+    set(topic.substr(1), "3");
+    EXPECT_EQ(g_sub_mgr.retain_count, 2);
+    retain_msg_t found;
+    EXPECT_EQ(retain_msg_get((topic + "three").c_str(), &found), 0);
+    EXPECT_EQ(retain_msg_delete((topic + "four").c_str()), 0);
+}
+
+TEST_F(retain_set, leaves_nothing_behind_a_topic)
+{
+    set(std::string(200, 't'), "1");
+    retain_msg_delete(std::string(200, 't').c_str());
+    set("a", "1");
+    char expected[257] = "a";
+    EXPECT_EQ(memcmp(g_sub_mgr.retains[0].topic, expected, sizeof expected), 0);
+    EXPECT_EQ(g_sub_mgr.retains[0].expiry_interval, 0u);
+}
+
+TEST_F(retain_set, refuses_the_1001st_but_replaces_on)
+{
+    for (int i = 0; i < 1000; ++i)
+        ASSERT_EQ(set("t" + std::to_string(i), "x"), 0);
+    lines();
+    EXPECT_EQ(set("new", "x"), -4);
+    EXPECT_THAT(lines(), ElementsAre(error("保留消息数量超限（max=1000）")));
+    EXPECT_EQ(set("t999", "y"), 0);
+    EXPECT_EQ(set_for("new", "x", 5), -4);
+}
+
+TEST_F(retain_set, makes_room_by_discarding_what_has_expired)
+{
+    for (int i = 0; i < 1000; ++i)
+        ASSERT_EQ(i == 500 ? set_for("t500", "x", 10) : set("t" + std::to_string(i), "x"), 0);
+    clock.advance_ms(11000);
+    lines();
+    EXPECT_EQ(set("new", "x"), 0);
+    EXPECT_THAT(lines(), ElementsAre(info("保留消息已过期，自动清理: topic=t500"), info("MQTT标准：新增Topic=new的保留消息")));
+    EXPECT_STREQ(g_sub_mgr.retains[999].topic, "new");
+}
+
+TEST_F(retain_set, at_debug_tells_its_steps)
+{
+    at_debug();
+    set("a", "one", 1);
+    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_set：开始处理（topic=a, payload_len=3, qos=1）"),
+                                     debug("[TRACE] retain_msg_set：已加锁，当前保留消息数量=0"),
+                                     info("MQTT标准：新增Topic=a的保留消息")));
+    retain_msg_set("a", nullptr, 0, 0);
+    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_set：开始处理（topic=a, payload_len=0, qos=0）"),
+                                     debug("[TRACE] retain_msg_set：已加锁，当前保留消息数量=1"),
+                                     debug("[DEBUG] retain_msg_set：空Payload，删除旧保留消息（topic=a）"),
+                                     info("MQTT标准：删除Topic=a的保留消息（空Payload）")));
+    retain_msg_set(nullptr, nullptr, 0, 0);
+    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_set：开始处理（topic=(null), payload_len=0, qos=0）"),
+                                     error("[DEBUG] retain_msg_set：无效Topic（空指针/空字符串）")));
+}
+
+TEST_F(retain_set_with_expiry, stores_the_interval)
+{
+    EXPECT_EQ(set_for("a", "x", 10), 0);
+    EXPECT_THAT(entries(), ElementsAre("a x 0 0 10"));
+    EXPECT_EQ(set_for("a", "y", 0), 0); // keeps it
+    EXPECT_THAT(entries(), ElementsAre("a y 0 0 10"));
+    EXPECT_EQ(set_for("a", "", 20), 0);
+    EXPECT_THAT(entries(), IsEmpty());
+    EXPECT_EQ(set_for("", "x", 20), -1);
+}
+
+// ---- expiry
+
+TEST_F(retain_expiry, ends_a_life_after_more_than_its_interval)
+{
+    set_for("a", "x", 10);
+    clock.advance_ms(10000);
+    retain_clean_expired();
+    EXPECT_EQ(g_sub_mgr.retain_count, 1);
+    clock.advance_ms(1000);
+    lines();
+    retain_clean_expired();
+    EXPECT_THAT(lines(), ElementsAre(info("保留消息已过期，自动清理: topic=a")));
+    EXPECT_EQ(g_sub_mgr.retain_count, 0);
+}
+
+TEST_F(retain_expiry, gives_entries_without_interval_seven_days)
+{
+    set("a", "x");
+    set_for("b", "x", static_cast<uint32_t>(kWeek) + 1);
+    clock.advance_ms(kWeek * 1000);
+    retain_clean_expired();
+    EXPECT_EQ(g_sub_mgr.retain_count, 2);
+    clock.advance_ms(1000);
+    retain_clean_expired();
+    EXPECT_EQ(g_sub_mgr.retain_count, 1);
+    EXPECT_STREQ(g_sub_mgr.retains[0].topic, "b");
+}
+
+TEST_F(retain_expiry, discards_all_that_ended_in_order)
+{
+    set_for("a", "1", 1);
+    set_for("b", "2", 1);
+    set("c", "3");
+    set_for("d", "4", 1);
+    clock.advance_ms(2000);
+    lines();
+    retain_clean_expired();
+    EXPECT_THAT(lines(), ElementsAre(info("保留消息已过期，自动清理: topic=a"), info("保留消息已过期，自动清理: topic=b"),
+                                     info("保留消息已过期，自动清理: topic=d")));
+    EXPECT_THAT(entries(), ElementsAre("c 3 0 2 0"));
+}
+
+TEST_F(retain_expiry, bears_any_stored_time)
+{
+    set("a", "x");
+    set("b", "x");
+    g_sub_mgr.retains[0].store_time = INT64_MAX;
+    g_sub_mgr.retains[1].store_time = INT64_MIN;
+    retain_clean_expired();
+    ASSERT_EQ(g_sub_mgr.retain_count, 1);
+    EXPECT_STREQ(g_sub_mgr.retains[0].topic, "a");
+}
+
+// ---- get, delete, list
+
+TEST_F(retain_get, copies_the_entry_of_exactly_this_topic)
+{
+    set("a", "1");
+    set("a/b", "2", 1);
+    lines();
+    retain_msg_t found{};
+    EXPECT_EQ(retain_msg_get("a/b", &found), 0);
+    EXPECT_EQ(memcmp(&found, &g_sub_mgr.retains[1], sizeof found), 0);
+    EXPECT_EQ(retain_msg_get("a/+", &found), -5);
+    EXPECT_EQ(retain_msg_get("A", &found), -5);
+    EXPECT_EQ(retain_msg_get("", &found), -5);
+    EXPECT_THAT(lines(), IsEmpty());
+}
+
+TEST_F(retain_get, refuses_missing_arguments)
+{
+    retain_msg_t found;
+    lines();
+    EXPECT_EQ(retain_msg_get(nullptr, nullptr), -1);
+    EXPECT_EQ(retain_msg_get("a", nullptr), -1);
+    EXPECT_EQ(retain_msg_get(nullptr, &found), -1);
+    const std::vector<LogLine> all = lines();
+    ASSERT_EQ(all.size(), 3u);
+    EXPECT_EQ(all[0], error("[DEBUG] retain_msg_get：入参无效（topic=(nil), msg=(nil)）"));
+    EXPECT_EQ(all[1].level, "ERROR");
+    EXPECT_THAT(all[1].text, testing::EndsWith("msg=(nil)）"));
+    EXPECT_THAT(all[2].text, testing::StartsWith("[DEBUG] retain_msg_get：入参无效（topic=(nil), msg=0x"));
+}
+
+TEST_F(retain_get, at_debug_tells_every_look)
+{
+    set("a", "1");
+    set("b", "22");
+    retain_msg_t found;
+    char         address[32];
+    snprintf(address, sizeof address, "%p", static_cast<void *>(&found));
+    at_debug();
+    EXPECT_EQ(retain_msg_get("b", &found), 0);
+    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_get：开始查询（topic=b, msg_ptr=" + std::string(address) + "）"),
+                                     debug("[TRACE] retain_msg_get：已加锁，当前保留消息数量=2"),
+                                     debug("[TRACE] retain_msg_get：检查保留消息（索引=0, topic=a）"),
+                                     debug("[TRACE] retain_msg_get：检查保留消息（索引=1, topic=b）"),
+                                     debug("[DEBUG] retain_msg_get：找到保留消息（topic=b, payload_len=2）")));
+    EXPECT_EQ(retain_msg_get("x", &found), -5);
+    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_get：开始查询（topic=x, msg_ptr=" + std::string(address) + "）"),
+                                     debug("[TRACE] retain_msg_get：已加锁，当前保留消息数量=2"),
+                                     debug("[TRACE] retain_msg_get：检查保留消息（索引=0, topic=a）"),
+                                     debug("[TRACE] retain_msg_get：检查保留消息（索引=1, topic=b）"),
+                                     debug("[DEBUG] retain_msg_get：未找到保留消息（topic=x）")));
+}
+
+TEST_F(retain_delete, takes_out_the_entry_of_exactly_this_topic)
+{
+    set("a", "1");
+    set("b", "2");
+    set("c", "3");
+    lines();
+    EXPECT_EQ(retain_msg_delete("b"), 0);
+    EXPECT_EQ(retain_msg_delete("b"), -5);
+    EXPECT_EQ(retain_msg_delete("+"), -5);
+    EXPECT_THAT(lines(), IsEmpty());
+    EXPECT_THAT(entries(), ElementsAre("a 1 0 0 0", "c 3 0 0 0"));
+    EXPECT_EQ(retain_msg_delete(nullptr), -1);
+    EXPECT_THAT(lines(), ElementsAre(error("[DEBUG] retain_msg_delete：入参无效（topic=(nil)）")));
+}
+
+TEST_F(retain_delete, at_debug_tells_every_look)
+{
+    set("a", "1");
+    set("b", "2");
+    at_debug();
+    EXPECT_EQ(retain_msg_delete("b"), 0);
+    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_delete：开始删除（topic=b）"),
+                                     debug("[TRACE] retain_msg_delete：已加锁，当前保留消息数量=2"),
+                                     debug("[TRACE] retain_msg_delete：检查保留消息（索引=0, topic=a）"),
+                                     debug("[TRACE] retain_msg_delete：检查保留消息（索引=1, topic=b）"),
+                                     debug("[DEBUG] retain_msg_delete：删除保留消息成功（topic=b, 剩余数量=1）")));
+    EXPECT_EQ(retain_msg_delete("b"), -5);
+    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_delete：开始删除（topic=b）"),
+                                     debug("[TRACE] retain_msg_delete：已加锁，当前保留消息数量=1"),
+                                     debug("[TRACE] retain_msg_delete：检查保留消息（索引=0, topic=a）"),
+                                     debug("[DEBUG] retain_msg_delete：未找到保留消息（topic=b）")));
+    EXPECT_EQ(retain_msg_delete(nullptr), -1);
+    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_delete：开始删除（topic=(null)）"),
+                                     error("[DEBUG] retain_msg_delete：入参无效（topic=(nil)）")));
+}
+
+TEST_F(retain_topic_list, lists_what_fits_and_skips_what_does_not)
+{
+    set("abcdefghij", "1");
+    set("x", "2");
+    at_debug();
+    char list[32];
+    memset(list, '#', sizeof list);
+    EXPECT_EQ(retain_fill_topic_list(list, 10), 1);
+    EXPECT_STREQ(list, "x\n");
+    EXPECT_EQ(retain_fill_topic_list(list, 14), 2);
+    EXPECT_STREQ(list, "abcdefghij\nx\n");
+    EXPECT_EQ(retain_fill_topic_list(list, 13), 1);
+    EXPECT_STREQ(list, "abcdefghij\n");
+    EXPECT_EQ(retain_fill_topic_list(list, 12), 1);
+    EXPECT_STREQ(list, "abcdefghij\n");
+    EXPECT_EQ(retain_fill_topic_list(list, 11), 1);
+    EXPECT_STREQ(list, "x\n");
+    EXPECT_EQ(retain_fill_topic_list(list, 3), 1);
+    EXPECT_EQ(retain_fill_topic_list(list, 2), 0);
+    EXPECT_STREQ(list, "");
+    EXPECT_EQ(retain_fill_topic_list(list, 1), 0);
+    EXPECT_THAT(lines(), IsEmpty());
+}
+
+TEST_F(retain_topic_list, of_an_empty_store_is_empty)
+{
+    char list[4] = "#";
+    EXPECT_EQ(retain_fill_topic_list(list, 4), 0);
+    EXPECT_STREQ(list, "");
+}
+
+TEST_F(retain_topic_list, needs_a_buffer)
+{
+    char list[4] = "#";
+    EXPECT_EQ(retain_fill_topic_list(nullptr, 4), -1);
+    EXPECT_EQ(retain_fill_topic_list(list, 0), -1);
+    EXPECT_EQ(retain_fill_topic_list(list, -1), -1);
+    EXPECT_STREQ(list, "#");
+}

@@ -1,0 +1,127 @@
+#include "sub/route.h"
+
+#include "log/agent_log.h"
+#include "sub/sub.h"
+#include "support/faults.h"
+#include "support/log_capture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+using namespace tarn::test;
+using tarn::sub::kNoGroup;
+using tarn::sub::match_routes;
+using tarn::sub::Route;
+using tarn::sub::RouteList;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+struct routes : testing::Test {
+    routes() { sub_init(); }
+    LogCapture log{AGENT_LOG_INFO};
+    RouteList  list;
+
+    // "index id qos" and, of shared ones, "group" or "no group".
+    std::vector<std::string> shown() const
+    {
+        std::vector<std::string> all;
+        for (const Route &route : list.routes) {
+            std::string text = std::to_string(route.index) + " " + route.client_id + " " + std::to_string(route.qos);
+            if (route.shared)
+                text += route.group_size == kNoGroup ? " no group" : " '" + std::string(list.group_of(route)) + "'";
+            EXPECT_EQ(route.selected, 0);
+            all.push_back(text);
+        }
+        return all;
+    }
+};
+
+} // namespace
+
+TEST_F(routes, tell_who_at_which_qos_and_in_which_group)
+{
+    sub_add("c0", "x", 0, 0);
+    sub_add("c1", "a/b", 1, 0);
+    sub_add("c2", "$share/group/a/+", 2, 0);
+    sub_add("c3", "$share//a/b", 0, 0);
+    sub_add(std::string(64, 'i').c_str(), "#", 1, 0);
+    log.take();
+    EXPECT_EQ(match_routes("a/b", list), 4);
+    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：Topic=a/b 匹配到 4 个订阅者")));
+    EXPECT_THAT(shown(), ElementsAre("1 c1 1", "2 c2 2 'group'", "3 c3 0 ''", "4 " + std::string(64, 'i') + " 1"));
+}
+
+TEST_F(routes, mark_a_shared_filter_without_second_slash)
+{
+    sub_add("c", "$share/g", 1, 0);
+    EXPECT_EQ(match_routes("$share/g", list), 1);
+    EXPECT_THAT(shown(), ElementsAre("0 c 1 no group"));
+}
+
+TEST_F(routes, replace_those_of_the_call_before)
+{
+    sub_add("c", "$share/g/a", 1, 0);
+    EXPECT_EQ(match_routes("a", list), 1);
+    EXPECT_EQ(match_routes("a", list), 1);
+    EXPECT_THAT(shown(), ElementsAre("0 c 1 'g'"));
+    EXPECT_EQ(list.names.size(), 1u);
+    EXPECT_EQ(match_routes("b", list), 0);
+    EXPECT_THAT(shown(), IsEmpty());
+}
+
+TEST_F(routes, complain_as_the_match_does)
+{
+    sub_add("c", "$share/g/", 1, 0);
+    log.take();
+    EXPECT_EQ(match_routes("a", list), 0);
+    EXPECT_THAT(log.take(),
+                ElementsAre(error("[DEBUG] mqtt_filter_is_valid：空过滤器非法"), info("MQTT标准：Topic=a 匹配到 0 个订阅者")));
+}
+
+TEST_F(routes, at_debug_write_the_lines_of_the_match)
+{
+    sub_add("c1", "x", 0, 0);
+    sub_add("c2", "a", 0, 0);
+    agent_log_set_level(0);
+    log.take();
+    EXPECT_EQ(match_routes("a", list), 1);
+    EXPECT_THAT(shown(), ElementsAre("1 c2 0"));
+    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] sub_match：开始匹配订阅（topic=a, max_matched=11000）"),
+                                        debug("[TRACE] sub_match：已加锁，当前订阅数=2"),
+                                        debug("[TRACE] sub_match：检查订阅（索引=0, client_id=c1, topic_filter=x）"),
+                                        debug("[DEBUG] topic_match_wildcard：匹配结果（filter=x, topic=a, match=0）"),
+                                        debug("[TRACE] sub_match：检查订阅（索引=1, client_id=c2, topic_filter=a）"),
+                                        debug("[DEBUG] topic_match_wildcard：匹配结果（filter=a, topic=a, match=1）"),
+                                        debug("[TRACE] sub_match：匹配成功（索引=1, client_id=c2）"),
+                                        debug("[DEBUG] sub_match：匹配完成（topic=a, 匹配数量=1）"),
+                                        info("MQTT标准：Topic=a 匹配到 1 个订阅者")));
+}
+
+TEST_F(routes, need_a_topic)
+{
+    log.take();
+    EXPECT_EQ(match_routes(nullptr, list), 0);
+    const std::vector<LogLine> lines = log.take();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].level, "ERROR");
+    EXPECT_THAT(lines[0].text, testing::StartsWith("[DEBUG] sub_match：入参无效（topic=(nil), matched=0x"));
+    EXPECT_THAT(lines[0].text, testing::EndsWith(", max_matched=11000）"));
+}
+
+TEST_F(routes, fail_when_memory_runs_out)
+{
+    sub_add("c1", "$share/g/a", 1, 0);
+    for (const int nth : {1, 2}) { // the group's name, the route
+        RouteList fresh;
+        log.take();
+        Fail fail(Call::Allocate, nth);
+        EXPECT_EQ(match_routes("a", fresh), -1);
+        EXPECT_EQ(fail.failed(), 1);
+    }
+    RouteList fresh;
+    EXPECT_EQ(match_routes("a", fresh), 1);
+}

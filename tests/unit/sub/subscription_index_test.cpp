@@ -1,0 +1,412 @@
+// The indexed table against a table that is walked from the start, and against hosts that edit it by hand.
+#include "sub/route.h"
+#include "sub/sub.h"
+
+#include "log/agent_log.h"
+#include "support/faults.h"
+#include "support/log_capture.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace tarn::test;
+using tarn::sub::match_routes;
+using tarn::sub::RouteList;
+
+namespace {
+
+// ---- the model: filters level by level, entries in a plain vector
+
+using Levels = std::vector<std::string>;
+
+Levels split(const std::string &text)
+{
+    Levels levels(1);
+    for (const char c : text) {
+        if (c == '/')
+            levels.emplace_back();
+        else
+            levels.back() += c;
+    }
+    return levels;
+}
+
+bool model_valid(const std::string &filter)
+{
+    const Levels levels = split(filter);
+    bool         plus   = false;
+    if (filter.empty())
+        return false;
+    for (size_t i = 0; i < levels.size(); ++i) {
+        const std::string &level = levels[i];
+        if (level == "+")
+            plus = true;
+        else if (level == "#" && i + 1 == levels.size())
+            return !plus;
+        else if (level.find_first_of("+#") != level.npos)
+            return false;
+    }
+    return true;
+}
+
+bool model_matches(std::string filter, const std::string &topic)
+{
+    if (filter.rfind("$share/", 0) == 0 && filter.find('/', 7) != filter.npos)
+        filter = filter.substr(filter.find('/', 7) + 1);
+    if (!model_valid(filter))
+        return false;
+    const Levels f = split(filter);
+    Levels       t = split(topic);
+    if (f.back() == "+" && t.size() == f.size() + 1 && t.back().empty())
+        t.pop_back(); // a final '+' takes a final slash
+    else if (f.back() == "+" && t.size() == f.size() && t.back().empty())
+        return false; // but no empty level at the end
+    for (size_t i = 0; i < f.size(); ++i) {
+        if (f[i] == "#")
+            return true;
+        if (i >= t.size())
+            return false;
+        if (f[i] == "+" ? (i + 1 == t.size() && t[i].empty() && i + 1 < f.size()) : f[i] != t[i])
+            return false;
+        if (i + 1 == t.size())
+            return i + 1 == f.size() || (i + 2 == f.size() && f[i + 1] == "#");
+    }
+    return f.size() == t.size();
+}
+
+struct Entry {
+    std::string id, filter;
+    uint32_t    qos, identifier;
+    bool        operator==(const Entry &) const = default;
+};
+
+struct Model {
+    std::vector<Entry> entries;
+
+    int add(const std::string &id, const std::string &filter, uint32_t qos, uint32_t identifier)
+    {
+        if (!model_valid(filter))
+            return -1;
+        for (Entry &e : entries)
+            if (e.id == id && e.filter == filter) {
+                e.qos = qos;
+                if (identifier)
+                    e.identifier = identifier;
+                return 0;
+            }
+        entries.push_back({id, filter, qos, identifier});
+        return 0;
+    }
+    int remove(const std::string &id, const std::string *filter)
+    {
+        return static_cast<int>(
+            std::erase_if(entries, [&](const Entry &e) { return e.id == id && (!filter || e.filter == *filter); }));
+    }
+    std::vector<Entry> match(const std::string &topic, size_t room) const
+    {
+        std::vector<Entry> found;
+        for (const Entry &e : entries)
+            if (found.size() < room && model_matches(e.filter, topic))
+                found.push_back(e);
+        return found;
+    }
+};
+
+Entry as_entry(const sub_entry_t &e) { return {e.client_id, e.topic_filter, e.qos, e.sub_identifier}; }
+
+std::vector<Entry> table()
+{
+    std::vector<Entry> all;
+    for (int i = 0; i < g_sub_mgr.sub_count; ++i)
+        all.push_back(as_entry(g_sub_mgr.subs[i]));
+    return all;
+}
+
+std::vector<Entry> matched(const std::string &topic, int room = 3000)
+{
+    static std::vector<sub_entry_t> area(3000);
+    const int                       count = sub_match(topic.c_str(), area.data(), room);
+    std::vector<Entry>              all;
+    for (int i = 0; i < count; ++i)
+        all.push_back(as_entry(area[static_cast<size_t>(i)]));
+    return all;
+}
+
+std::vector<Entry> routed(const std::string &topic)
+{
+    static RouteList   list;
+    std::vector<Entry> all;
+    const int          count = match_routes(topic.c_str(), list);
+    EXPECT_EQ(count, static_cast<int>(list.routes.size()));
+    for (const auto &route : list.routes) {
+        const sub_entry_t &e = g_sub_mgr.subs[route.index];
+        EXPECT_STREQ(route.client_id, e.client_id);
+        EXPECT_EQ(route.qos, e.qos);
+        all.push_back(as_entry(e));
+    }
+    return all;
+}
+
+std::ostream &operator<<(std::ostream &out, const Entry &e) { return out << e.id << ':' << e.filter; }
+
+// ---- random texts from few pieces, so that they meet often
+
+struct Dice {
+    std::mt19937 engine{20240607};
+    unsigned     up_to(unsigned n) { return static_cast<unsigned>(engine() % n); }
+
+    std::string topic()
+    {
+        static const char *const kLevels[] = {"a", "b", "c", "", "ab", "long-level-name-that-goes-beyond-the-first-words"};
+        std::string text;
+        for (unsigned i = 0, n = 1 + up_to(5); i < n; ++i)
+            text += (i ? "/" : "") + std::string(kLevels[up_to(6)]);
+        return text;
+    }
+    std::string filter()
+    {
+        std::string  text   = topic();
+        const Levels levels = split(text);
+        text.clear();
+        for (size_t i = 0; i < levels.size(); ++i)
+            text += (i ? "/" : "") + (up_to(5) == 0 ? "+" : levels[i]);
+        if (up_to(5) == 0)
+            text += "/#";
+        if (up_to(30) == 0)
+            text = "#";
+        if (up_to(8) == 0)
+            text = "$share/" + std::string(up_to(2) ? "g" : "gg") + "/" + (up_to(9) ? text : "");
+        return text;
+    }
+    std::string id() { return "client-" + std::to_string(up_to(40)); }
+};
+
+struct index_of_subscriptions : testing::Test {
+    index_of_subscriptions()
+    {
+        agent_log_set_level(AGENT_LOG_FATAL);
+        sub_init();
+    }
+    ManualClock clock;
+    Model       model;
+    Dice        dice;
+
+    void add(const std::string &id, const std::string &filter, uint32_t qos = 0, uint32_t identifier = 0)
+    {
+        EXPECT_EQ(sub_add_with_id(id.c_str(), filter.c_str(), qos, 0, identifier), model.add(id, filter, qos, identifier));
+    }
+    void fill(int count)
+    {
+        for (int i = 0; i < count; ++i)
+            add("client-" + std::to_string(i), "fill/" + std::to_string(i));
+    }
+    // Writes into the exported array, as a host or a test may.
+    void edit_by_hand(size_t place)
+    {
+        sub_entry_t &entry = g_sub_mgr.subs[place];
+        Entry       &e     = model.entries[place];
+        switch (dice.up_to(4)) {
+        case 0:
+            e.filter = dice.filter();
+            strcpy(entry.topic_filter, e.filter.c_str());
+            break;
+        case 1:
+            e.id = dice.id();
+            strcpy(entry.client_id, e.id.c_str());
+            break;
+        case 2: // an invalid filter
+            e.filter = "a#";
+            strcpy(entry.topic_filter, "a#");
+            break;
+        case 3:
+            g_sub_mgr.sub_count = static_cast<int>(place);
+            model.entries.resize(place);
+            break;
+        }
+    }
+};
+
+} // namespace
+
+TEST_F(index_of_subscriptions, behaves_as_the_table_walked_from_the_start)
+{
+#ifdef TARN_SANITIZED
+    constexpr int kSteps = 20000;
+#else
+    constexpr int kSteps = 100000;
+#endif
+    for (int step = 0; step < kSteps; ++step) {
+        const std::string id     = dice.id();
+        const std::string filter = dice.filter();
+        const std::string topic  = dice.topic();
+        const unsigned    action = dice.up_to(1000);
+        if (action < 500) {
+            add(id, filter, dice.up_to(3), dice.up_to(3));
+        } else if (action < 700) {
+            ASSERT_EQ(sub_remove(id.c_str(), filter.c_str()), model.remove(id, &filter));
+        } else if (action < 706) {
+            ASSERT_EQ(sub_remove(id.c_str(), nullptr), model.remove(id, nullptr));
+        } else if (action < 850) {
+            const auto room = static_cast<int>(1 + dice.up_to(400));
+            ASSERT_EQ(matched(topic, room), model.match(topic, static_cast<size_t>(room))) << topic;
+        } else if (action < 990) {
+            ASSERT_EQ(routed(topic), model.match(topic, 10000)) << topic;
+        } else if (!model.entries.empty()) {
+            edit_by_hand(dice.up_to(static_cast<unsigned>(model.entries.size())));
+            if (dice.up_to(2)) { // a match notices at once, all else in a big table with the next check
+                ASSERT_EQ(matched(topic), model.match(topic, 3000)) << topic;
+            }
+            clock.advance_ms(100);
+        }
+        ASSERT_EQ(g_sub_mgr.sub_count, static_cast<int>(model.entries.size()));
+        if (step % 5000 == 0) {
+            ASSERT_EQ(table(), model.entries) << step;
+        }
+    }
+    EXPECT_EQ(table(), model.entries);
+}
+
+TEST_F(index_of_subscriptions, notices_edits_in_a_small_table_at_once)
+{
+    fill(256);
+    EXPECT_EQ(routed("fill/7").size(), 1u);
+    strcpy(g_sub_mgr.subs[255].topic_filter, "by/hand");
+    EXPECT_EQ(routed("by/hand").size(), 1u);
+    EXPECT_EQ(routed("fill/255").size(), 0u);
+    strcpy(g_sub_mgr.subs[0].client_id, "by-hand");
+    EXPECT_EQ(sub_remove("by-hand", nullptr), 1);
+    strcpy(g_sub_mgr.subs[9].topic_filter, "new");
+    EXPECT_EQ(sub_add(g_sub_mgr.subs[9].client_id, "new", 2, 0), 0);
+    EXPECT_EQ(g_sub_mgr.sub_count, 255);
+}
+
+TEST_F(index_of_subscriptions, notices_edits_in_a_big_table_when_matching_or_in_time)
+{
+    fill(257);
+    EXPECT_EQ(routed("fill/7").size(), 1u);
+    strcpy(g_sub_mgr.subs[100].topic_filter, "by/hand");
+    EXPECT_EQ(matched("by/hand").size(), 1u);
+    strcpy(g_sub_mgr.subs[100].topic_filter, "by/hand/again");
+    clock.advance_ms(100);
+    EXPECT_EQ(routed("by/hand/again").size(), 1u);
+}
+
+TEST_F(index_of_subscriptions, notices_edits_behind_the_first_characters)
+{
+    const std::string common(60, 'c');
+    for (int i = 0; i < 3; ++i)
+        add("c", common + std::to_string(i));
+    EXPECT_EQ(routed(common + "x").size(), 0u);
+    g_sub_mgr.subs[1].topic_filter[60] = 'x';
+    EXPECT_EQ(routed(common + "x").size(), 1u);
+    for (const size_t length : {45u, 46u, 47u, 48u}) { // around the end of the stretch that is read as words
+        const std::string edge(length, 'e');
+        add("c", edge);
+        EXPECT_EQ(routed(edge + "x").size(), 0u);
+        strcpy(g_sub_mgr.subs[g_sub_mgr.sub_count - 1].topic_filter, (edge + "x").c_str());
+        EXPECT_EQ(routed(edge + "x").size(), 1u) << length;
+    }
+}
+
+TEST_F(index_of_subscriptions, follows_a_table_put_in_by_hand)
+{
+    fill(3);
+    EXPECT_EQ(routed("fill/1").size(), 1u);
+    std::vector<sub_entry_t> own(10000);
+    strcpy(own[0].client_id, "own");
+    strcpy(own[0].topic_filter, "own/topic");
+    sub_entry_t *const before = g_sub_mgr.subs;
+    g_sub_mgr.subs            = own.data();
+    g_sub_mgr.sub_count       = 1;
+    EXPECT_EQ(routed("own/topic").size(), 1u);
+    EXPECT_EQ(routed("fill/1").size(), 0u);
+    g_sub_mgr.subs      = before;
+    g_sub_mgr.sub_count = 3;
+    EXPECT_EQ(routed("fill/1").size(), 1u);
+}
+
+TEST_F(index_of_subscriptions, takes_out_equal_entries_made_by_hand)
+{
+    fill(2);
+    g_sub_mgr.subs[1] = g_sub_mgr.subs[0];
+    EXPECT_EQ(sub_remove("client-0", "fill/0"), 2);
+    EXPECT_EQ(g_sub_mgr.sub_count, 0);
+}
+
+TEST_F(index_of_subscriptions, updates_the_first_of_equal_entries_made_by_hand)
+{
+    fill(3);
+    g_sub_mgr.subs[2] = g_sub_mgr.subs[1];
+    EXPECT_EQ(sub_add("client-1", "fill/1", 2, 0), 0);
+    EXPECT_EQ(g_sub_mgr.subs[1].qos, 2u);
+    EXPECT_EQ(g_sub_mgr.subs[2].qos, 0u);
+}
+
+TEST_F(index_of_subscriptions, stays_in_step_at_debug)
+{
+    fill(3);
+    {
+        LogCapture at_debug;
+        sub_add("d", "debug", 0, 0);
+        sub_remove("client-1", "fill/1");
+    }
+    EXPECT_EQ(routed("debug").size(), 1u);
+    EXPECT_EQ(routed("fill/1").size(), 0u);
+    EXPECT_EQ(routed("fill/2").size(), 1u);
+}
+
+TEST_F(index_of_subscriptions, starts_empty_with_an_emptied_table)
+{
+    fill(300);
+    EXPECT_EQ(routed("fill/299").size(), 1u);
+    sub_init();
+    EXPECT_EQ(routed("fill/299").size(), 0u);
+    for (int i = 0; i < 300; ++i) { // as many as before, by hand
+        strcpy(g_sub_mgr.subs[i].client_id, "c");
+        strcpy(g_sub_mgr.subs[i].topic_filter, "same");
+    }
+    g_sub_mgr.sub_count = 300;
+    EXPECT_EQ(routed("same").size(), 300u);
+}
+
+TEST_F(index_of_subscriptions, works_in_the_full_table)
+{
+    fill(10000);
+    EXPECT_EQ(routed("fill/9999").size(), 1u);
+    EXPECT_EQ(sub_remove("client-0", nullptr), 1);
+    EXPECT_EQ(routed("fill/9999").size(), 1u);
+    add("x", "#");
+    EXPECT_EQ(routed("fill/9999").size(), 2u);
+    EXPECT_EQ(matched("fill/5000").size(), 2u);
+}
+
+TEST(index_of_subscriptions_threads, share_the_table)
+{
+    agent_log_set_level(AGENT_LOG_FATAL);
+    sub_init();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([t] {
+            const std::string id = "thread-" + std::to_string(t);
+            RouteList         list;
+            sub_entry_t       found;
+            for (int i = 0; i < 300; ++i) {
+                const std::string filter = std::to_string(i % 90) + (i % 3 ? "/+" : "/#");
+                const std::string topic  = std::to_string(i % 90) + "/x";
+                EXPECT_EQ(sub_add(id.c_str(), filter.c_str(), 1, 0), 0);
+                EXPECT_GE(match_routes(topic.c_str(), list), 1);
+                EXPECT_EQ(sub_match(topic.c_str(), &found, 1), 1);
+                EXPECT_EQ(sub_find_by_identifier(1, &found), -1);
+                if (i % 50 == 49) {
+                    EXPECT_GE(sub_remove(id.c_str(), nullptr), 1);
+                }
+            }
+            EXPECT_GE(sub_get_client_sub_count(id.c_str()), 0);
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+}
