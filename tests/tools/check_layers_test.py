@@ -1,0 +1,90 @@
+#!/usr/bin/env python3
+import sys
+import unittest
+
+from project import TOOLS, Project
+
+sys.path.insert(0, str(TOOLS))
+import check_layers  # noqa: E402
+
+INSTALL = "set(TARN_MODULE_HEADERS\n  net/netip.h net/netip_types.h client/client_types.h client/client.h)\n"
+
+
+class CheckLayers(unittest.TestCase):
+    def faults(self, files):
+        """Without the lines about listed headers that this small project does not have."""
+        made = Project({"cmake/install.cmake": INSTALL, **files})
+        return [
+            line
+            for line in made.run("check_layers.py")[1]
+            if not line.endswith(("is listed but does not exist", "any more"))
+        ]
+
+    def test_downward_to_a_header_for_others(self):
+        self.assertEqual(
+            self.faults({"src/net/netip.h": "", "src/client/a.cpp": '#include "../net/netip.h"\n'}), []
+        )
+
+    def test_upward(self):
+        self.assertEqual(
+            self.faults({"src/client/client.h": "", "src/net/a.cpp": '#include "../client/client.h"\n'}),
+            ["src/net/a.cpp:1: client/ is above net/, and client/client.h is no listed exception"],
+        )
+
+    def test_upward_by_exception(self):
+        self.assertEqual(
+            self.faults({"src/client/client.h": "", "src/stats/a.cpp": '#include "../client/client.h"\n'}), []
+        )
+
+    def test_a_private_header_from_outside(self):
+        self.assertEqual(
+            self.faults({"src/net/net_internal.h": "", "src/client/a.cpp": '\n#include "../net/net_internal.h"\n'}),
+            ["src/client/a.cpp:2: net/net_internal.h is private to net/"],
+        )
+
+    def test_a_private_header_from_inside(self):
+        self.assertEqual(
+            self.faults({"src/net/net_internal.h": "", "src/net/a.cpp": '#include "net_internal.h"\n'}), []
+        )
+
+    def test_a_header_for_others_takes_types_only(self):
+        files = {"src/net/netip.h": "", "src/net/netip_types.h": ""}
+        self.assertEqual(self.faults({**files, "src/client/client.h": '#include "../net/netip_types.h"\n'}), [])
+        self.assertEqual(
+            self.faults({**files, "src/client/client.h": '#include "../net/netip.h"\n'}),
+            ["src/client/client.h:1: a header for other modules takes only types of net/, not net/netip.h"],
+        )
+
+    def test_everybody_may_use_base(self):
+        self.assertEqual(
+            self.faults({"src/base/clock.h": "", "src/net/netip.h": '#include "../base/clock.h"\n'}), []
+        )
+
+    def test_the_public_header_belongs_to_the_top(self):
+        self.assertEqual(self.faults({"src/api/a.cpp": "#include <tarn_sdk_mqtt_broker.h>\n"}), [])
+        self.assertEqual(len(self.faults({"src/net/a.cpp": "#include <tarn_sdk_mqtt_broker.h>\n"})), 1)
+
+    def test_a_module_without_a_layer(self):
+        self.assertEqual(self.faults({"src/extra/a.cpp": ""}), ["src/extra/a.cpp: extra/ is in no layer"])
+
+    def test_the_program_stays_outside(self):
+        self.assertEqual(
+            self.faults({"src/net/netip.h": "", "broker/main.cpp": '#include "../src/net/netip.h"\n'}),
+            ["broker/main.cpp:1: tarn-broker lives on the public header alone, not net/netip.h"],
+        )
+
+    def test_an_exception_that_nobody_uses_is_reported(self):
+        made = Project({"cmake/install.cmake": INSTALL, "src/stats/a.cpp": ""})
+        self.assertIn(
+            "tools/check_layers.py: nothing in stats/ includes client/client.h any more",
+            made.run("check_layers.py")[1],
+        )
+
+    def test_every_exception_goes_up(self):
+        for module, header in check_layers.UPWARD:
+            layers = check_layers.LAYERS
+            self.assertGreater(layers.index(header.split("/")[0]), layers.index(module))
+
+
+if __name__ == "__main__":
+    unittest.main()

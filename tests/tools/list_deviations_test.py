@@ -1,0 +1,89 @@
+#!/usr/bin/env python3
+import unittest
+
+from project import Project
+
+CODE = """// text.cpp - about texts.
+void f()
+{
+    // QUIRK(long-id): a long id is cut instead of being refused [MQTT-3.1.3-8],
+    // since older hosts send them.
+    //   test: ids.long_ones_are_cut
+    cut();
+}
+"""
+TEST = "TEST(ids, long_ones_are_cut)\n{\n}\n"
+
+
+def project(code=CODE, test=TEST):
+    return Project({"src/codec/text.cpp": code, "tests/unit/codec/text_test.cpp": test})
+
+
+class ListDeviations(unittest.TestCase):
+    def faults(self, made, *options):
+        status, lines = made.run("list_deviations.py", *options)
+        self.assertEqual(status, 1 if lines else 0)
+        return lines
+
+    def test_writes_statement_reason_code_and_test(self):
+        made = project()
+        self.assertEqual(self.faults(made), [])
+        self.assertIn(
+            "\n## long-id\n\n"
+            "A long id is cut instead of being refused [MQTT-3.1.3-8], since older hosts send them.\n\n"
+            "- Standard: MQTT-3.1.3-8\n- Code: `src/codec/text.cpp`\n- Test: `ids.long_ones_are_cut`\n",
+            made.read("docs/deviations.md"),
+        )
+
+    def test_a_fresh_list_passes_the_check_and_a_stale_one_does_not(self):
+        made = project()
+        self.assertEqual(self.faults(made, "--check"), ["docs/deviations.md is stale: run ./dev format"])
+        self.faults(made)
+        self.assertEqual(self.faults(made, "--check"), [])
+        made.write("src/codec/text.cpp", CODE.replace("cut instead", "shortened instead"))
+        self.assertEqual(self.faults(made, "--check"), ["docs/deviations.md is stale: run ./dev format"])
+
+    def test_the_check_writes_nothing(self):
+        made = project()
+        self.faults(made, "--check")
+        self.assertFalse((made.root / "docs").exists())
+
+    def test_sorts_by_name(self):
+        made = project(CODE + CODE.replace("long-id", "another"))
+        self.faults(made)
+        text = made.read("docs/deviations.md")
+        self.assertLess(text.index("## another"), text.index("## long-id"))
+
+    def test_a_test_that_does_not_exist(self):
+        self.assertEqual(
+            self.faults(project(test="TEST(ids, short_ones)\n")),
+            ["src/codec/text.cpp:4: QUIRK(long-id) names the test ids.long_ones_are_cut, which does not exist"],
+        )
+
+    def test_several_tests_on_several_lines(self):
+        code = CODE.replace("ids.long_ones_are_cut", "ids.a, ids.b,\n    //   ids.c")
+        self.assertEqual(self.faults(project(code, "TEST(ids, a)\nTEST_F(ids, b)\nTEST_P(ids, c)\n")), [])
+
+    def test_no_test_no_statement_and_a_name_used_twice(self):
+        code = "// QUIRK(one): something.\nint a;\n// QUIRK(one): more [MQTT-1.5.4-1].\n"
+        self.assertEqual(
+            self.faults(project(code)),
+            [
+                "src/codec/text.cpp:1: QUIRK(one) names no statement of the standard, as in [MQTT-3.1.2-24]",
+                "src/codec/text.cpp:1: QUIRK(one) names no test",
+                "src/codec/text.cpp:3: QUIRK(one) is also at src/codec/text.cpp:1",
+                "src/codec/text.cpp:3: QUIRK(one) names no test",
+            ],
+        )
+
+    def test_a_chapter_number_is_a_statement_too(self):
+        for statement in ("[MQTT 3.1.1 3.2.2.3]", "chapter 2.2.2.1", "MQTT 5.0 3.4.2.1"):
+            self.assertEqual(self.faults(project(CODE.replace("[MQTT-3.1.3-8]", statement))), [])
+
+    def test_the_number_of_a_version_is_none(self):
+        for version in ("3.1.1", "5.0"):
+            self.assertEqual(len(self.faults(project(CODE.replace("[MQTT-3.1.3-8]", version)))), 1)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,118 @@
+#!/usr/bin/env python3
+"""Checks who includes whom below src/ and broker/: check_layers.py [ROOT].
+
+The modules stand in layers; a file includes headers of its own module and of lower ones. The calls that go up are few
+and listed here with their reasons. Of another module only its headers for others may be included: the plain C ones,
+which are installed, and the seams. Such a header itself takes no more of other modules than types, so that including
+it never drags a module in.
+"""
+import re
+import sys
+from pathlib import Path
+
+# From the bottom up.
+LAYERS = ["base", "log", "tls", "codec", "net", "stats", "persist", "sub", "client", "qos", "handler", "api"]
+
+# What modules of the library need of each other beyond the installed headers.
+SEAMS = {
+    "client/client_ref.h": "records found and held safely",
+    "codec/codec_text.h": "results as log lines name them",
+    "codec/disconnect_link.h": "whether a property was there",
+    "codec/publish_link.h": "encoding one message for many receivers",
+    "log/log.h": "lines whose arguments are not evaluated below the level",
+    "net/netip_link.h": "one connection named exactly, many packets in one write",
+    "persist/session_store.h": "whether a saved session exists",
+    "sub/route.h": "matches without copies of whole entries",
+}
+
+# (module, header above it): why the call goes up.
+UPWARD = {
+    ("stats", "client/client.h"): "the report counts the clients online",
+    ("stats", "sub/sub.h"): "the report counts subscriptions and retained messages",
+    ("persist", "sub/sub.h"): "loading fills the subscription table and the retained store",
+    ("client", "qos/qos_reliable.h"): "a released record takes its pending deliveries with it",
+    ("client", "handler/packet_handler.h"): "the bridge hands packets up, a close starts the will",
+    ("handler", "api/broker.h"): "the host's callbacks are asked and told",
+}
+
+INCLUDE = re.compile(r'^\s*#\s*include\s+(["<])([^">]+)[">]')
+
+
+def installed_headers(root):
+    """The list in cmake/install.cmake."""
+    text = (root / "cmake/install.cmake").read_text(encoding="utf-8")
+    listed = re.search(r"set\(TARN_MODULE_HEADERS\s+([^)]*)\)", text)
+    return set(listed[1].split()) if listed else set()
+
+
+def includes(path, source_dir):
+    """(line number, header relative to src/) of each include that names a file of the library."""
+    for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
+        match = INCLUDE.match(line)
+        if not match:
+            continue
+        if match[1] == "<":
+            if match[2] == "tarn_sdk_mqtt_broker.h":
+                yield number, "api/" + match[2]
+            continue
+        target = (path.parent / match[2]).resolve()
+        if not target.exists():
+            target = (source_dir / match[2]).resolve()
+        if target.is_relative_to(source_dir):
+            yield number, target.relative_to(source_dir).as_posix()
+        else:
+            yield number, None if target.is_relative_to(path.parent.resolve()) else match[2]
+
+
+def fault_of(source, header, shared, used_upward):
+    """What is wrong with this include, or None. Both names are relative to src/."""
+    module, other = source.split("/")[0], header.split("/")[0]
+    if module == other:
+        return None
+    if other not in LAYERS:
+        return f"{header} belongs to no module"
+    if other != "base" and header not in shared:
+        return f"{header} is private to {other}/"
+    if source in shared and other != "base" and not header.endswith("_types.h"):
+        return f"a header for other modules takes only types of {other}/, not {header}"
+    if LAYERS.index(other) < LAYERS.index(module):
+        return None
+    used_upward.add((module, header))
+    return None if (module, header) in UPWARD else f"{other}/ is above {module}/, and {header} is no listed exception"
+
+
+def check(root):
+    source_dir = (root / "src").resolve()
+    shared = installed_headers(root) | SEAMS.keys() | {"api/tarn_sdk_mqtt_broker.h"}
+    used_upward = set()
+    for path in sorted(source_dir.glob("*/*")):
+        source = path.relative_to(source_dir).as_posix()
+        module = path.parent.name
+        if module not in LAYERS:
+            yield f"src/{source}: {module}/ is in no layer"
+            continue
+        for number, header in includes(path, source_dir):
+            fault = fault_of(source, header, shared, used_upward) if header else None
+            if fault:
+                yield f"src/{source}:{number}: {fault}"
+    for module, header in sorted(UPWARD.keys() - used_upward):
+        yield f"tools/check_layers.py: nothing in {module}/ includes {header} any more"
+    for header in sorted(SEAMS.keys() | installed_headers(root)):
+        if not (source_dir / header).exists():
+            yield f"{header} is listed but does not exist"
+    for path in sorted((root / "broker").glob("*.[ch]*")):
+        for number, header in includes(path, source_dir):
+            if header and header != "api/tarn_sdk_mqtt_broker.h":
+                yield f"broker/{path.name}:{number}: tarn-broker lives on the public header alone, not {header}"
+
+
+def main():
+    root = Path(sys.argv[1] if len(sys.argv) > 1 else Path(__file__).parent.parent).resolve()
+    faults = list(check(root))
+    for fault in faults:
+        print(fault)
+    return 1 if faults else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
