@@ -18,17 +18,22 @@ struct mosquitto : testing::TestWithParam<int> {
     BrokerProcess broker = BrokerProcess::start();
 };
 
-// Subscribed when this returns.
-Child subscriber(const std::string &id, std::vector<std::string> options)
+Child unready_subscriber(const std::string &id, const std::vector<std::string> &options)
 {
     std::vector<std::string> command = {"stdbuf", "-oL", "mosquitto_sub", "-d", "-V", "mqttv311", "-i", id};
     command.insert(command.end(), options.begin(), options.end());
-    Child child(id, command);
+    return Child(id, command);
+}
+
+// Subscribed when this returns.
+Child subscriber(const std::string &id, const std::vector<std::string> &options)
+{
+    Child child = unready_subscriber(id, options);
     EXPECT_TRUE(wait_until([&] { return child.output().find("Subscribed") != std::string::npos; })) << child.output();
     return child;
 }
 
-void publish(std::vector<std::string> options)
+void publish(const std::vector<std::string> &options)
 {
     std::vector<std::string> command = {"mosquitto_pub", "-V", "mqttv311", "-i", "12345678901234567890123"};
     command.insert(command.end(), options.begin(), options.end());
@@ -68,7 +73,7 @@ TEST_P(mosquitto, many_messages_in_order)
 TEST_P(mosquitto, retained_and_deleted)
 {
     publish({"-t", "r", "-m", "kept", "-q", qos, "-r"});
-    Child sub = subscriber("sub", {"-t", "r", "-q", qos, "-C", "1"});
+    Child sub = unready_subscriber("sub", {"-t", "r", "-q", qos, "-C", "1"}); // the message comes before the SUBACK
     EXPECT_EQ(sub.wait(kLimit_ms), 0);
     EXPECT_TRUE(printed(sub, "kept")) << sub.output();
     publish({"-t", "r", "-n", "-q", qos, "-r"});

@@ -46,6 +46,8 @@ Child::Child(const std::string &name, const std::vector<std::string> &command) :
     for (const std::string &word : command)
         argv.push_back(const_cast<char *>(word.c_str()));
     argv.push_back(nullptr);
+    for (const std::string &file : {out, err}) // of an earlier one: what it said must not be taken for this one's
+        unlink(file.c_str());
 
     pid_ = fork();
     if (pid_ != 0)
