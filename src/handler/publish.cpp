@@ -109,7 +109,7 @@ int acknowledge(mqtt_client_t &client, int type, uint16_t id, const char *no_mem
 
 // QUIRK(qos2-at-once): a QoS 2 message is forwarded when it arrives, not on PUBREL, and again when it is repeated:
 // there is no memory of identifiers seen [MQTT-4.3.3-10].
-//   test: publish.a_repeated_qos2_message_is_forwarded_again
+//   test: publish.a_repeated_qos_2_message_is_forwarded_again
 int answer_publisher(mqtt_client_t &client, uint32_t qos, uint16_t id)
 {
     switch (qos) {
