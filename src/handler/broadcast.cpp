@@ -21,7 +21,7 @@ struct ReadPublish {
 // packet was encoded for its owner's: a 5.0 receiver of a 3.1.1 owner's will loses the bytes that look like a property
 // block, a 3.1.1 receiver of a 5.0 owner's will gets the property bytes as payload [MQTT-3.3.3-1]. Likewise a remaining
 // length of two bytes is taken for the beginning of the topic.
-//   test: Broadcast.TheReceiversVersionDecidesWhereThePayloadBegins, Broadcast.ATwoByteRemainingLengthIsMisread
+//   test: broadcast.the_receivers_version_decides_where_the_payload_begins, broadcast.a_two_byte_remaining_length_is_misread
 struct BroadcastPath : BasicPath {
     const Packet   packet;
     const uint32_t payload_at;
@@ -34,7 +34,7 @@ struct BroadcastPath : BasicPath {
 
     // QUIRK(will-once): a will goes to subscribers that are online only and is never repeated to them [MQTT-4.4.0-1]; it
     // is not retained, whatever its flag says [MQTT-3.1.2-17], and the flag reaches the subscribers [MQTT-3.3.1-12].
-    //   test: Broadcast.AWillIsNotTracked
+    //   test: broadcast.a_will_is_not_tracked
     bool tracks() const { return !is_will; }
 
     void not_chosen(const Receiver &to)

@@ -31,7 +31,7 @@ int refuse(mqtt_client_t &client)
 
 // False when the connection was closed meanwhile: then nothing more is to happen.
 // QUIRK(no-take-over): an older connection of the same id stays open [MQTT-3.1.4-3].
-//   test: Connect.ASecondClientOfAnIdLeavesTheFirstOpen
+//   test: connect.a_second_client_of_an_id_leaves_the_first_open
 [[nodiscard]] bool adopt(mqtt_client_t &client, const mqtt_connect_para_t &connect)
 {
     poke(client.clean_session, connect.clean_start);
@@ -54,7 +54,7 @@ void negotiate_session_expiry(mqtt_client_t &client, const mqtt_connect_para_t &
 
 // QUIRK(packet-size-floor): a 5.0 client without Maximum Packet Size, which means no limit (MQTT 5.0 3.1.2.11.4), or
 // with one below 256 gets 256.
-//   test: Connect.AnAbsentMaximumPacketSizeBecomes256
+//   test: connect.an_absent_maximum_packet_size_becomes_256
 void negotiate_packet_size(mqtt_client_t &client, const mqtt_connect_para_t &connect)
 {
     const uint32_t asked = connect.max_packet_size;
@@ -91,7 +91,7 @@ bool load_session_of(mqtt_client_t &client)
 
 // QUIRK(restored-will-unretained): a will restored from the session file is not retained, whatever its client asked
 // [MQTT-3.1.2-17]: the file keeps no such flag.
-//   test: Connect.ARestoredWillIsNeverRetained
+//   test: connect.a_restored_will_is_never_retained
 void restore_will(mqtt_client_t &client)
 {
     const persist_session_t &session = client.session;
@@ -257,7 +257,7 @@ void cancel_delayed_wills(mqtt_client_t &client)
 
 // QUIRK(retained-at-resume): a resumed session receives the retained messages of all its filters again, as if it had
 // subscribed anew (MQTT 5.0 3.3.1.3).
-//   test: Connect.AResumedSessionGetsRetainedMessagesAgain
+//   test: connect.a_resumed_session_gets_retained_messages_again
 void resume_session(mqtt_client_t &client)
 {
     if (peek(client.clean_session) || !peek(client.session_restored))

@@ -13,7 +13,7 @@ constexpr uint32_t kKeepInterval = 0xFFFFFFFF;
 
 // QUIRK(expiry-maximum-ignored): a Session Expiry Interval of 0xFFFFFFFF means "as CONNECT said" instead of "never"
 // (MQTT 5.0 3.14.2.2.2), and a non-zero one is accepted after a CONNECT with 0 (the same section).
-//   test: Disconnect.AnExpiryOfAllOnesKeepsTheInterval
+//   test: disconnect.an_expiry_of_all_ones_keeps_the_interval
 void override_session_expiry(mqtt_client_t &client, const mqtt_disconnect_para_t &disconnect, bool expiry_given)
 {
     if (!speaks_v5(client) || !expiry_given || disconnect.session_expiry_interval == kKeepInterval)
@@ -24,7 +24,7 @@ void override_session_expiry(mqtt_client_t &client, const mqtt_disconnect_para_t
 
 // QUIRK(will-dropped-always): every DISCONNECT drops the will, also one with reason 0x04 "disconnect with will message"
 // [MQTT-3.14.4-3].
-//   test: Disconnect.ReasonFourDropsTheWillToo
+//   test: disconnect.reason_four_drops_the_will_too
 void drop_will(mqtt_client_t &client)
 {
     {
@@ -104,7 +104,7 @@ using namespace tarn;
 // Pending deliveries end with the connection in either case, subscriptions only with a clean session.
 // QUIRK(pending-dropped): unacknowledged deliveries of a persistent session are discarded when its connection ends
 // instead of being repeated after the reconnect [MQTT-4.4.0-1].
-//   test: RemoveClientSubs.PendingDeliveriesGoForCleanAndPersistentSessions
+//   test: remove_client_subs.pending_deliveries_go_for_clean_and_persistent_sessions
 void packet_handler_remove_client_subs(const char *client_id, uint8_t clean_session)
 {
     if (!client_id || client_id[0] == '\0')

@@ -16,7 +16,7 @@ constexpr uint8_t kPacketTooLarge = 0x95;
 // By packet type. A type without a handler is not for a broker to receive, or unknown to it (AUTH).
 // QUIRK(any-packet-any-time): the first packet need not be CONNECT and a second CONNECT does not end the connection
 // [MQTT-3.1.0-1, MQTT-3.1.0-2], because no client state is consulted here.
-//   test: Dispatch.APublishBeforeConnectIsHandled, Connect.ASecondConnectIsProcessedInFull
+//   test: dispatch.a_publish_before_connect_is_handled, connect.a_second_connect_is_processed_in_full
 constexpr Handler kHandlers[16] = {
     nullptr,
     handle_connect,
@@ -38,7 +38,7 @@ constexpr Handler kHandlers[16] = {
 
 // QUIRK(own-limit-inbound): the Maximum Packet Size a 5.0 client announces for what it receives is applied to what it
 // sends [MQTT-3.1.2-24]. Limits of both directions are one number in the record.
-//   test: Dispatch.APacketAboveTheLimitIsAnsweredWithDisconnectAndClosed
+//   test: dispatch.a_packet_above_the_limit_is_answered_with_disconnect_and_closed
 int close_oversized(mqtt_client_t &client, Packet packet, uint32_t limit)
 {
     LOG_ERROR("[MQTT过载保护] 报文超长关闭连接：Client=%s, 接收=%d, 协商最大=%d", client.client_id,
@@ -50,7 +50,7 @@ int close_oversized(mqtt_client_t &client, Packet packet, uint32_t limit)
 
 // QUIRK(unknown-type-ignored): a packet type that a broker cannot handle is logged and otherwise ignored instead of
 // ending the connection as a protocol error [MQTT-4.13.1-1].
-//   test: Dispatch.TypesWithoutAHandlerAreLoggedAndIgnored
+//   test: dispatch.types_without_a_handler_are_logged_and_ignored
 int ignore_unknown(const mqtt_client_t &client, int type)
 {
     LOG_WARN("未处理的MQTT报文类型：%d, ClientID=%s", type, client.client_id);
@@ -61,7 +61,7 @@ int ignore_unknown(const mqtt_client_t &client, int type)
 
 // QUIRK(malformed-kept): a packet that does not decode is logged and counted, the connection stays
 // [MQTT-4.8.0-1 of 3.1.1, MQTT-4.13.1-1 of 5.0].
-//   test: Dispatch.APacketThatDoesNotDecodeIsCountedAndNotAnswered
+//   test: dispatch.a_packet_that_does_not_decode_is_counted_and_not_answered
 int handler::undecodable(const mqtt_client_t &client, const char *line, int code) noexcept
 {
     LOG_ERROR(line, client.client_id, code);

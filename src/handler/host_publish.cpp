@@ -74,7 +74,7 @@ int packet_handler_broker_publish(const char *topic, const uint8_t *payload, int
 
     // QUIRK(host-retain-forwarded): the host's retain flag goes out to subscribers as it was passed, where MQTT clears
     // it for established subscriptions [MQTT-3.3.1-12].
-    //   test: HostPublish.TheRetainFlagIsForwarded
+    //   test: host_publish.the_retain_flag_is_forwarded
     Message message;
     message.topic               = sent_topic;
     message.payload             = {own_payload, length};

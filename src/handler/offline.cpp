@@ -38,7 +38,7 @@ persist_session_t *load_messages(const char *client_id)
 
 // QUIRK(offline-late): messages of a resumed session come with the retransmission scan, first with DUP 0, and those of
 // QoS 0 are lost, though the broker kept them [MQTT-4.5.0-1].
-//   test: Offline.KeptMessagesJoinTheQueueAndTheFileIsEmptied
+//   test: offline.kept_messages_join_the_queue_and_the_file_is_emptied
 void packet_handler_restore_offline_msgs(mqtt_client_t *client)
 {
     if (!client || client->client_id[0] == '\0') {

@@ -30,7 +30,7 @@ uint16_t draw_packet_id() noexcept
 // QUIRK(delivery-identifier): identifiers are random and may repeat one that is still in flight, or be 0, in which case
 // the encoder refuses that one delivery; MQTT wants unused, non-zero ones [MQTT-2.2.1-3]. The byte mix of two draws is
 // part of the contract.
-//   test: PacketId.ADeliveryMixesTheBytesOfTwoDraws
+//   test: packet_id.a_delivery_mixes_the_bytes_of_two_draws
 uint16_t draw_delivery_id() noexcept
 {
     ScopedLock     lock(msgid_mutex);

@@ -15,7 +15,7 @@ namespace {
 
 // QUIRK(never-own): a client never receives its own publications, whatever its subscription says; MQTT leaves that to
 // the No Local option [MQTT-3.8.3-3].
-//   test: Publish.APublisherNeverReceivesItsOwnMessage
+//   test: publish.a_publisher_never_receives_its_own_message
 struct ClientPath : BasicPath {
     const std::string_view sender;
 
@@ -46,7 +46,7 @@ struct ClientPath : BasicPath {
 
 // QUIRK(expiry-elsewhere): a Message Expiry Interval is forwarded undiminished [MQTT-3.3.2-6], and of the pending
 // deliveries it limits the one that has the publisher's own identifier, not those made from this message.
-//   test: Publish.AnExpiryGoesToTheEntryWithThePublishersIdentifier
+//   test: publish.an_expiry_goes_to_the_entry_with_the_publishers_identifier
 void limit_life(mqtt_client_t &client, const mqtt_publish_para_t &message)
 {
     if (message.qos != 0 && message.msg_expiry_interval != 0)
@@ -56,7 +56,7 @@ void limit_life(mqtt_client_t &client, const mqtt_publish_para_t &message)
 // The message as its receivers get it: neither retained nor repeated, all else as decoded.
 // QUIRK(alias-forwarded): a 5.0 publisher's Topic Alias appears in the deliveries, where it means nothing that the
 // receiver agreed to [MQTT-3.3.2-9]; the topic itself is always there too.
-//   test: Publish.ATopicAliasIsForwarded
+//   test: publish.a_topic_alias_is_forwarded
 Message forwarded(const mqtt_publish_para_t &publication)
 {
     Message message;
@@ -109,7 +109,7 @@ int acknowledge(mqtt_client_t &client, int type, uint16_t id, const char *no_mem
 
 // QUIRK(qos2-at-once): a QoS 2 message is forwarded when it arrives, not on PUBREL, and again when it is repeated:
 // there is no memory of identifiers seen [MQTT-4.3.3-10].
-//   test: Publish.ARepeatedQos2MessageIsForwardedAgain
+//   test: publish.a_repeated_qos_2_message_is_forwarded_again
 int answer_publisher(mqtt_client_t &client, uint32_t qos, uint16_t id)
 {
     switch (qos) {
@@ -140,7 +140,7 @@ int handle_publish(mqtt_client_t &client, Packet packet) noexcept
 
     // QUIRK(refused-unanswered): a publication that the host refuses is not acknowledged at any QoS, so its publisher
     // keeps repeating it [MQTT-3.3.4-1, MQTT-4.3.2-4].
-    //   test: Publish.ARefusedPublicationIsNotAcknowledged
+    //   test: publish.a_refused_publication_is_not_acknowledged
     if (!broker_fire_acl(&client, message.topic, BROKER_ACL_PUBLISH)) {
         LOG_WARN("[ACL] 发布被拒绝: %s", message.topic);
         return -1;

@@ -16,7 +16,7 @@ namespace {
 
 // QUIRK(retained-qos): a retained message goes out at the QoS it was published with, not at the smaller granted one
 // [MQTT-3.8.4-8], without its expiry interval [MQTT-3.3.2-6], and is never repeated.
-//   test: Retained.TheMessageKeepsItsOwnQos
+//   test: retained.the_message_keeps_its_own_qos
 void send_retained(mqtt_client_t &client, const retain_msg_t &retained, const char *filter)
 {
     char topic[CODEC_TOPIC_MAX + 1];

@@ -27,7 +27,7 @@ void say_request(const mqtt_client_t &client, const mqtt_subscribe_para_t &reque
 
 // The code of one filter. A granted one is answered with the retained messages at once, so before the SUBACK.
 // QUIRK(empty-filter-refused): an empty filter gets 0x80, where MQTT ends the connection [MQTT-4.7.3-1].
-//   test: Subscribe.AFilterThatBeginsWithNulIsTheEmptyOne
+//   test: subscribe.a_filter_that_begins_with_nul_is_the_empty_one
 uint32_t subscribe_one(mqtt_client_t &client, int at, const char *filter, uint32_t qos)
 {
     if (filter[0] == '\0') {
@@ -52,7 +52,7 @@ uint32_t subscribe_one(mqtt_client_t &client, int at, const char *filter, uint32
 // The entry for this filter: the one of exactly this text, or a new one at the end.
 // QUIRK(saved-filter-cut): a filter longer than 63 characters is saved cut, so that a session restore subscribes to
 // something else, and each SUBSCRIBE of it adds another copy [MQTT-3.1.2-4 of 3.1.1].
-//   test: Subscribe.ALongFilterIsSavedCutAndEachTimeAnew
+//   test: subscribe.a_long_filter_is_saved_cut_and_each_time_anew
 persist_sub_t &entry_for(mqtt_client_t &client, const char *filter)
 {
     persist_session_t &session = client.session;

@@ -12,7 +12,7 @@ namespace {
 
 // QUIRK(unsubscribe-forgotten): the saved list of the session keeps the filter, so it comes back with the next session
 // restore [MQTT-3.10.4-2].
-//   test: Unsubscribe.TheSavedListKeepsTheFilter
+//   test: unsubscribe.the_saved_list_keeps_the_filter
 void remove_filter(mqtt_client_t &client, const char *filter)
 {
     if (filter[0] == '\0')
@@ -26,7 +26,7 @@ void remove_filter(mqtt_client_t &client, const char *filter)
 }
 
 // QUIRK(unsuback-one-code): a 5.0 UNSUBACK carries one code 0, not one for each filter [MQTT-3.11.3-1].
-//   test: Unsubscribe.TheAnswerIsTheIdentifierAndOneCode
+//   test: unsubscribe.the_answer_is_the_identifier_and_one_code
 int answer(mqtt_client_t &client, uint16_t id)
 {
     mqtt_ack_para_t ack{};

@@ -1,0 +1,245 @@
+#include "handler_fixture.h"
+
+using namespace tarn;
+using namespace tarn::test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+void give_will(Client &client)
+{
+    client_set_will_msg(client, "w", reinterpret_cast<const uint8_t *>("x"), 1, 0, 0);
+    client->session.will_flag  = 1;
+    client->will_delay_pending = 1;
+}
+
+} // namespace
+
+TEST(disconnect, v4_clean_session_line_by_line)
+{
+    Handling broker;
+    broker.host.hear_events();
+    Client client(broker, 4, "dev1");
+    client->clean_session = 1;
+    sub_add("dev1", "a", 0, 1);
+    LogCapture log(AGENT_LOG_INFO);
+    EXPECT_EQ(client.sends("E0 00"), 0);
+    EXPECT_THAT(log.take(),
+                ElementsAre(info("MQTT标准：客户端主动断开连接：ClientID=dev1"), info("[WILL-MQTT5] client=dev1 取消遗嘱延迟"),
+                            info("持久化：客户端数据已清除 ClientID=dev1"), warn("[QoS_CLEAN] 清理客户端: dev1"),
+                            info("[QoS] 清理客户端报文完成(client=dev1)：共清理0条"),
+                            info("MQTT标准：移除订阅：ClientID=dev1, Topic=所有, 移除数量=1"),
+                            info("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=dev1, 数量=1"),
+                            warn("[FREE-NORMAL] 客户端正常关闭: dev1")));
+    EXPECT_THAT(broker.host.take(), ElementsAre(R"(1 {"clientId":"dev1","topic":"","qos":0})"));
+    EXPECT_EQ(client->state, CLIENT_CLOSED);
+    EXPECT_EQ(client->disconnect_received, 1);
+    EXPECT_THAT(client.gets(), IsEmpty());
+}
+
+TEST(disconnect, v4_kept_session_line_by_line)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    client->session.sub_count = 1;
+    sub_add("dev1", "a", 0, 0);
+    LogCapture log;
+    EXPECT_EQ(client.sends("E0 00"), 0);
+    std::vector<LogLine> lines = handler_lines(log);
+    std::erase_if(lines, [](const LogLine &line) { return line.text.rfind("DISCONNECT decode", 0) == 0 || line.text.rfind("[遗嘱调试]", 0) == 0; });
+    EXPECT_THAT(lines, ElementsAre(debug("收到MQTT报文：ClientID=dev1, 类型=14, 长度=2"),
+                                   info("MQTT标准：客户端主动断开连接：ClientID=dev1"),
+                                   info("[WILL-MQTT5] client=dev1 取消遗嘱延迟"),
+                                   info("持久化：客户端会话已保存 ClientID=dev1, 订阅数=1"),
+                                   info("MQTT标准：CleanSession=false，保留客户端订阅：ClientID=dev1"),
+                                   debug("[MQTT5] Client close: max_packet_size=4096, client=dev1"),
+                                   warn("[FREE-NORMAL] 客户端正常关闭: dev1")));
+    EXPECT_EQ(sub_get_client_sub_count("dev1"), 1);
+}
+
+TEST(disconnect, v5_with_an_interval_keeps_the_session)
+{
+    Handling broker;
+    Client   client(broker, 5, "dev1");
+    client->clean_session           = 1; // does not decide
+    client->session_expiry_interval = 60;
+    LogCapture log(AGENT_LOG_INFO);
+    EXPECT_EQ(client.sends("E0 02 00 00"), 0);
+    const auto lines = log.take();
+    EXPECT_EQ(lines[2], info("[MQTT5] DISCONNECT: session_expiry_interval=60, clean_session=1"));
+    EXPECT_EQ(lines[3], info("[MQTT5] Session Expiry=60 → 保留会话"));
+}
+
+TEST(disconnect, v5_with_interval_0_drops_the_session)
+{
+    Handling broker;
+    Client   client(broker, 5, "dev1");
+    client->session_expiry_interval = 60;
+    LogCapture log(AGENT_LOG_INFO);
+    EXPECT_EQ(client.sends("E0 07 00 05 10 00 00 00 00"), 0);
+    const auto lines = log.take();
+    EXPECT_EQ(lines[1], info("[MQTT5] DISCONNECT 覆盖会话超时: 0"));
+    EXPECT_EQ(lines[3], info("[MQTT5] DISCONNECT: session_expiry_interval=0, clean_session=0"));
+    EXPECT_EQ(lines[4], info("[MQTT5] Session Expiry=0 → 立即清除会话"));
+    EXPECT_EQ(client->session_expiry_interval, 0u);
+}
+
+TEST(disconnect, v5_can_prolong_the_session)
+{
+    Handling   broker;
+    Client     client(broker, 5, "dev1");
+    LogCapture log(AGENT_LOG_INFO);
+    EXPECT_EQ(client.sends("E0 07 00 05 10 FF FF FF FE"), 0);
+    EXPECT_TRUE(log.has(info("[MQTT5] DISCONNECT 覆盖会话超时: 4294967294")));
+    EXPECT_TRUE(log.has(info("[MQTT5] Session Expiry=4294967294 → 保留会话")));
+}
+
+TEST(disconnect, an_expiry_of_all_ones_keeps_the_interval)
+{
+    Handling broker;
+    Client   client(broker, 5, "dev1");
+    client->session_expiry_interval = 60;
+    LogCapture log(AGENT_LOG_INFO);
+    EXPECT_EQ(client.sends("E0 07 00 05 10 FF FF FF FF"), 0);
+    EXPECT_TRUE(log.has(info("[MQTT5] Session Expiry=60 → 保留会话")));
+    EXPECT_FALSE(log.has(info("[MQTT5] DISCONNECT 覆盖会话超时: 4294967295")));
+}
+
+TEST(disconnect, prevents_the_will)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1"), watcher(broker, 4, "watcher");
+    sub_add("watcher", "w", 0, 1);
+    give_will(client);
+    EXPECT_EQ(client.sends("E0 00"), 0);
+    EXPECT_EQ(client->will_msg_used, 0);
+    EXPECT_EQ(client->session.will_flag, 0);
+    EXPECT_EQ(client->will_delay_pending, 0);
+    EXPECT_EQ(client->state, CLIENT_CLOSED);
+    EXPECT_THAT(watcher.gets(), IsEmpty());
+}
+
+TEST(disconnect, reason_four_drops_the_will_too)
+{
+    Handling broker;
+    Client   client(broker, 5, "dev1"), watcher(broker, 4, "watcher");
+    sub_add("watcher", "w", 0, 1);
+    give_will(client);
+    EXPECT_EQ(client.sends("E0 02 04 00"), 0);
+    EXPECT_THAT(watcher.gets(), IsEmpty());
+}
+
+TEST(disconnect, the_host_hears_of_it_before_the_session_is_settled)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    give_will(client);
+    static mqtt_client_t *seen;
+    seen                       = client;
+    broker.host.broker.event_cb = [](broker_t *, uint32_t kind, const char *) {
+        EXPECT_EQ(kind, 1u);
+        EXPECT_EQ(seen->disconnect_received, 1);
+        EXPECT_EQ(seen->will_msg_used, 1);
+        EXPECT_EQ(seen->state, CLIENT_LOGINED);
+        seen = nullptr;
+    };
+    EXPECT_EQ(client.sends("E0 00"), 0);
+    EXPECT_EQ(seen, nullptr);
+}
+
+TEST(disconnect, saves_the_subscriptions_of_a_kept_session)
+{
+    NEEDS_STORED_SESSIONS();
+    Handling broker;
+    Client   client(broker);
+    client.sends(connect_v4("dev1", 0));
+    client->session.sub_count = 1;
+    strcpy(client->session.subs[0].topic, "a");
+    client.sends("E0 00");
+    EXPECT_EQ(stored("subscription", "dev1"), R"({"subs":[{"topic":"a","qos":0}]})");
+}
+
+// ---- what a departing client leaves
+
+TEST(remove_client_subs, needs_an_id)
+{
+    Handling   broker;
+    LogCapture log;
+    packet_handler_remove_client_subs(nullptr, 1);
+    packet_handler_remove_client_subs("", 1);
+    EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST(remove_client_subs, pending_deliveries_go_for_clean_and_persistent_sessions)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    for (const uint8_t clean : {0, 1}) {
+        qos_reliable_add_packet(client, 7, 1, "t", "x", 1);
+        sub_add("dev1", "a", 0, clean);
+        packet_handler_remove_client_subs("dev1", clean);
+        EXPECT_EQ(pending_count(), 0);
+        EXPECT_EQ(sub_get_client_sub_count("dev1"), clean ? 0 : 1);
+    }
+}
+
+TEST(remove_client_subs, an_id_without_a_record_has_subscriptions_only)
+{
+    Handling   broker;
+    LogCapture log(AGENT_LOG_INFO);
+    sub_add("gone", "a", 0, 1);
+    log.take();
+    packet_handler_remove_client_subs("gone", 1);
+    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：移除订阅：ClientID=gone, Topic=所有, 移除数量=1"),
+                                        info("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=gone, 数量=1")));
+}
+
+TEST(remove_client_subs, the_id_may_stand_in_the_table_itself)
+{
+    Handling broker;
+    sub_add("dev1", "a", 0, 1);
+    sub_add("dev2", "a", 0, 1);
+    LogCapture log(AGENT_LOG_INFO);
+    packet_handler_remove_client_subs(g_sub_mgr.subs[0].client_id, 1);
+    EXPECT_EQ(log.take().back(), info("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=dev1, 数量=1"));
+    EXPECT_EQ(sub_get_client_sub_count("dev2"), 1);
+}
+
+// ---- DISCONNECT from the broker
+
+TEST(send_disconnect, a_v5_client_gets_the_reason)
+{
+    Handling broker;
+    Client   client(broker, 5, "dev1");
+    packet_handler_send_disconnect(client, 0x98);
+    EXPECT_THAT(client.gets(), ElementsAre(wire("E0 02 98 00")));
+    EXPECT_EQ(client->state, CLIENT_LOGINED); // closing is the caller's
+}
+
+TEST(send_disconnect, a_v4_client_gets_two_bytes)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    packet_handler_send_disconnect(client, 0x98);
+    EXPECT_THAT(client.gets(), ElementsAre(wire("E0 00")));
+}
+
+TEST(send_disconnect, at_no_known_level_sends_the_whole_empty_buffer)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    client->codec.version = 0;
+    packet_handler_send_disconnect(client, 0x98);
+    EXPECT_THAT(client.gets(), ElementsAre(repeat(0, 128)));
+}
+
+TEST(send_disconnect, without_a_connection_sends_nothing)
+{
+    Handling broker;
+    Client   client(broker, 5, "dev1");
+    client->handle = NETIP_NO_HANDLE;
+    packet_handler_send_disconnect(client, 0x98);
+    packet_handler_send_disconnect(nullptr, 0x98);
+    EXPECT_THAT(client.gets(), IsEmpty());
+}

@@ -1,0 +1,218 @@
+// handler_fixture.h - packet handling without a network: clients are records outside the pool, what is sent to them
+// stays in their rings, and the host's callbacks write down what they are told.
+#ifndef TARN_TESTS_HANDLER_FIXTURE_H
+#define TARN_TESTS_HANDLER_FIXTURE_H
+
+#include "api/broker.h"
+#include "client/client_ref.h"
+#include "codec/mqtt_codec.h"
+#include "handler/handler_internal.h"
+#include "handler/packet_handler.h"
+#include "handler/shared_sub.h"
+#include "net/netip.h"
+#include "persist/session_store.h"
+#include "qos/qos_reliable.h"
+#include "stats/mqtt_stats.h"
+#include "sub/retain.h"
+#include "sub/sub.h"
+#include "support/faults.h"
+#include "support/log_capture.h"
+#include "support/wire.h"
+
+#include <cstring>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace tarn::test {
+
+// The host: callbacks that note what they were asked and told, and answer as they are set.
+struct Host {
+    broker_t                 broker{};
+    std::vector<std::string> heard;
+    bool                     accepts = true;
+    std::string              denied; // topic or filter
+
+    static Host *&current()
+    {
+        static Host *host = nullptr;
+        return host;
+    }
+    Host() { current() = this; }
+    ~Host() { current() = nullptr; }
+    void hear_events()
+    {
+        broker.event_cb = [](broker_t *, uint32_t kind, const char *text) {
+            current()->heard.push_back(std::to_string(kind) + " " + text);
+        };
+    }
+    void ask_auth()
+    {
+        broker.auth_cb = [](broker_t *, const char *id, const char *user, const char *password) {
+            current()->heard.push_back(std::string("auth ") + id + " " + user + " " + password);
+            return current()->accepts;
+        };
+    }
+    void ask_acl()
+    {
+        broker.acl_cb = [](broker_t *, const char *id, const char *topic, uint8_t action, mqtt_client_t *) {
+            current()->heard.push_back(std::string("acl ") + id + " " + topic + " " + std::to_string(action));
+            return current()->denied != topic;
+        };
+    }
+    std::vector<std::string> take()
+    {
+        std::vector<std::string> all;
+        all.swap(heard);
+        return all;
+    }
+};
+
+// Tables ready, no thread running, nothing below ERROR printed unless a test captures it.
+struct Handling {
+    LogCapture quiet{AGENT_LOG_FATAL};
+    Host       host;
+
+    Handling()
+    {
+        sub_init();
+        msgid_seed = 1;
+    }
+};
+
+// A client as the event bridge makes one, but outside the pool.
+class Client {
+public:
+    explicit Client(Handling &handling, uint32_t version = 4, const char *id = "")
+    {
+        static uint32_t next_handle = 5000;
+        mqtt_codec_ctx_init(&record_->codec);
+        record_->codec.version   = version;
+        record_->handle          = next_handle++; // no slot of the network layer
+        record_->state           = CLIENT_CONNECTED;
+        record_->used            = 1;
+        record_->max_packet_size = 4096;
+        record_->broker          = &handling.host.broker;
+        if (*id)
+            client_set_cid(record_.get(), id);
+        if (*id)
+            record_->state = CLIENT_LOGINED;
+    }
+    ~Client()
+    {
+        for (mqtt_client_t *&entry : g_client_mgr.by_cid)
+            if (entry == record_.get())
+                entry = nullptr;
+        qos_reliable_clean_client_packets(record_.get());
+        free(record_->send_queue);
+        free(record_->will_topic);
+        free(record_->will_payload);
+    }
+    mqtt_client_t *operator->() { return record_.get(); }
+    mqtt_client_t &operator*() { return *record_; }
+    operator mqtt_client_t *() { return record_.get(); }
+
+    int sends(const Bytes &packet) { return packet_dispatch(record_.get(), packet.data(), static_cast<uint32_t>(packet.size())); }
+    int sends(std::string_view text) { return sends(wire(text)); }
+
+    // What the broker queued for it so far, taken out.
+    std::vector<Bytes> gets()
+    {
+        std::vector<Bytes> packets;
+        while (record_->send_queue && record_->send_head != record_->send_tail) {
+            client_send_slot_t &slot = record_->send_queue[record_->send_head];
+            packets.emplace_back(slot.data, slot.data + slot.length);
+            slot.ready         = 0;
+            record_->send_head = static_cast<uint8_t>((record_->send_head + 1) % CLIENT_SEND_SLOTS);
+        }
+        return packets;
+    }
+
+private:
+    std::unique_ptr<mqtt_client_t> record_{new mqtt_client_t{}};
+};
+
+// CONNECT with clean session (or start) 1 unless flags say otherwise.
+inline Bytes connect_v4(std::string_view id, uint8_t flags = 0x02)
+{
+    return packet(0x10, wire("00 04 'MQTT' 04") + Bytes{flags} + wire("00 3C") + prefixed(id));
+}
+inline Bytes connect_v5(std::string_view id, const Bytes &properties = wire("27 00 00 10 00"), uint8_t flags = 0x02)
+{
+    return packet(0x10, wire("00 04 'MQTT' 05") + Bytes{flags} + wire("00 3C") +
+                            Bytes{static_cast<uint8_t>(properties.size())} + properties + prefixed(id));
+}
+
+inline int pending_count()
+{
+    int count = 0;
+    for (const qos_packet_t *entry = g_pending_queue; entry; entry = entry->next)
+        ++count;
+    return count;
+}
+
+// The identifier that the next delivery will have, without drawing it.
+inline uint16_t next_id()
+{
+    unsigned seed  = msgid_seed;
+    const unsigned first  = static_cast<unsigned>(rand_r(&seed)) % 65533 + 1;
+    const unsigned second = static_cast<unsigned>(rand_r(&seed)) % 65533 + 1;
+    return static_cast<uint16_t>((second >> 8 & 0xFF) * 256 + (first & 0xFF));
+}
+// So many single draws from now, the seed.
+inline uint32_t seed_after(int draws, unsigned seed = msgid_seed)
+{
+    while (draws-- > 0)
+        (void)rand_r(&seed);
+    return seed;
+}
+inline Bytes id_bytes(unsigned id) { return u16(id); }
+
+// Lines but those with which the codec, the tables and the stores accompany what the handlers do.
+inline std::vector<LogLine> handler_lines(LogCapture &log)
+{
+    std::vector<LogLine> lines = log.take();
+    std::erase_if(lines, [](const LogLine &line) {
+        for (const char *foreign : {"var_header[", "  var_header[", "payload_buf[", "ack_buf[", "【QoS溯源5】", "【QoS溯源6】",
+                                    "【QoS溯源7】", "【QoS溯源3】MQTT 5.0 SUBACK", "[PUBLISH ENCODE]", "[TRACE]", "[DEBUG]",
+                                    "PUBLISH decode", "ACK encode", "ACK decode", "CONNACK encode", "========== ",
+                                    "Property ", "[persist]", "[QoS", "Set client ID", "client_set_keepalive"})
+            if (line.text.rfind(foreign, 0) == 0)
+                return true;
+        return false;
+    });
+    return lines;
+}
+
+// ---- saved sessions, as files
+
+inline void store(const char *kind, const std::string &id, const std::string &text)
+{
+    const std::string root = g_persist_root_path;
+    mkdir(root.c_str(), 0755);
+    mkdir((root + "/" + kind).c_str(), 0755);
+    std::ofstream(root + "/" + kind + "/" + id + ".json") << text;
+}
+inline std::string stored(const char *kind, const std::string &id)
+{
+    std::ifstream file(std::string(g_persist_root_path) + "/" + kind + "/" + id + ".json");
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+inline bool files_are_read()
+{
+    for (const char *kind : {"session", "subscription", "message"})
+        store(kind, "probe", "{}");
+    int files = 0;
+    return persist::load_session(persist::scratch_session("probe"), &files) == 0 && files > 0;
+}
+#define NEEDS_STORED_SESSIONS()                                                                                        \
+    if (!files_are_read())                                                                                             \
+    GTEST_SKIP() << "the storage keeps nothing yet"
+
+} // namespace tarn::test
+
+#endif
