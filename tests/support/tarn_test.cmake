@@ -15,6 +15,8 @@ function(tarn_unit_test module)
   endif()
   add_executable(unit_${module} ${sources} $<TARGET_OBJECTS:tarn_objects>)
   target_link_libraries(unit_${module} PRIVATE tarn_test_support)
+  # What takes longest to compile in a test is the framework's headers.
+  target_precompile_headers(unit_${module} REUSE_FROM tarn_test_support)
   gtest_discover_tests(unit_${module} TEST_PREFIX unit.${module}. DISCOVERY_MODE PRE_TEST
     PROPERTIES TIMEOUT 120)
 endfunction()
