@@ -282,6 +282,7 @@ TEST(connect_decode, the_level_is_kept_even_when_the_rest_fails)
     const Connect five = decode(connect("05 02 00"), 4);
     expect_refused(five, "CONNECT decode: no enough data for keep alive (pos=10)");
     EXPECT_EQ(five.ctx.version, 5u);
+    EXPECT_EQ(decode(connect("05") + wire("00 00"), 4).ctx.version, 5u) << "no flags";
     const Connect four = decode(connect("04 02 00"), 5);
     EXPECT_EQ(four.code, -4);
     EXPECT_EQ(four.ctx.version, 4u);
