@@ -34,15 +34,24 @@ void check(const mqtt_publish_para_t &p)
     PROMISE(terminated(p.topic));
     PROMISE(p.payload_len <= CODEC_PAYLOAD_MAX);
 }
-void check(const mqtt_ack_para_t &p) { PROMISE(p.return_code_count >= 0 && p.return_code_count <= CODEC_FILTERS_MAX); }
+void check(const mqtt_ack_para_t &p)
+{
+    PROMISE(p.return_code_count >= 0 && p.return_code_count <= CODEC_FILTERS_MAX);
+}
 template <class Filters> void check_filters(const Filters &p)
 {
     PROMISE(p.filter_count >= 0 && p.filter_count <= CODEC_FILTERS_MAX);
     for (const auto &filter : p.topic_filters)
         PROMISE(terminated(filter));
 }
-void check(const mqtt_subscribe_para_t &p) { check_filters(p); }
-void check(const mqtt_unsubscribe_para_t &p) { check_filters(p); }
+void check(const mqtt_subscribe_para_t &p)
+{
+    check_filters(p);
+}
+void check(const mqtt_unsubscribe_para_t &p)
+{
+    check_filters(p);
+}
 void check(const mqtt_disconnect_para_t &p)
 {
     PROMISE(terminated(p.reason_string) && terminated(p.user_property));
@@ -61,10 +70,10 @@ struct Input {
 // Runs `decode` and holds it to what every decoder promises. True on success.
 template <class Decode> bool decoded(const Input &in, mqtt_codec_ctx_t &ctx, Decode decode)
 {
-    ctx             = kBefore;
-    ctx.version     = in.level;
+    ctx              = kBefore;
+    ctx.version      = in.level;
     int       length = in.length;
-    const int code  = decode(&ctx, in.packet, &length);
+    const int code   = decode(&ctx, in.packet, &length);
 
     PROMISE(code <= 0 && code >= CODEC_E_UNSUPPORTED);
     PROMISE(memcmp(ctx.reserved, kBefore.reserved, sizeof ctx.reserved) == 0);
@@ -95,13 +104,14 @@ template <class Record, class Decode, class Encode> void round(const Input &in, 
     mqtt_codec_ctx_t ctx;
     const auto       record = std::make_unique<Record>();
     memset(record.get(), 0xEE, sizeof(Record));
-    const bool success =
-        decoded(in, ctx, [&](auto *c, const uint8_t *buf, int *length) { return decode(c, buf, length, record.get()); });
+    const bool success = decoded(
+        in, ctx, [&](auto *c, const uint8_t *buf, int *length) { return decode(c, buf, length, record.get()); });
     if (!success)
         return;
     check(*record);
     for (const int capacity : {128, 1000, 4096})
-        encoded(ctx, capacity, [&](auto *c, uint8_t *buf, int *length) { return encode(c, record.get(), buf, length); });
+        encoded(ctx, capacity,
+                [&](auto *c, uint8_t *buf, int *length) { return encode(c, record.get(), buf, length); });
 }
 
 int decode_disconnect(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_disconnect_para_t *para)

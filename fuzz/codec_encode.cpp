@@ -1,7 +1,7 @@
 // codec_encode.cpp - any bytes as the record of any encoder: texts without terminators, lengths and counts of any size.
 //
-// input:  choice:u8  capacity:u16  record      choice: low nibble = packet type, 10 = level 5 instead of 4, 20 = the level
-//         is the capacity's first byte, 40 = the simple family. A short record is filled up with its last byte.
+// input:  choice:u8  capacity:u16  record      choice: low nibble = packet type, 10 = level 5 instead of 4, 20 = the
+//         level is the capacity's first byte, 40 = the simple family. A short record is filled up with its last byte.
 #include "codec/mqtt_codec.h"
 #include "promise.h"
 

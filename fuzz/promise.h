@@ -26,7 +26,10 @@ inline void format_all_lines()
     g_log_config.output = 0;
 }
 
-template <size_t N> bool terminated(const char (&text)[N]) { return memchr(text, 0, N) != nullptr; }
+template <size_t N> bool terminated(const char (&text)[N])
+{
+    return memchr(text, 0, N) != nullptr;
+}
 
 } // namespace tarn::fuzz
 

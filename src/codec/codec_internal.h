@@ -32,17 +32,30 @@ enum PacketType : uint8_t {
 
 // return REFUSE(CODEC_E_..., "format", ...): the ERROR line and the result of a failing call. A macro, so that the
 // compiler checks the format.
-#define REFUSE(code, ...) ((::tarn::log_passes(AGENT_LOG_ERROR) ? agent_log(AGENT_LOG_ERROR, __VA_ARGS__) : (void)0), (code))
+#define REFUSE(code, ...)                                                                                              \
+    ((::tarn::log_passes(AGENT_LOG_ERROR) ? agent_log(AGENT_LOG_ERROR, __VA_ARGS__) : (void)0), (code))
 
 // The context's level, read once a call: another thread may change it meanwhile.
-[[nodiscard]] inline uint32_t level_of(mqtt_codec_ctx_t *ctx) { return peek(ctx->version); }
-[[nodiscard]] constexpr bool  known_level(uint32_t version) { return version == 4 || version == 5; }
+[[nodiscard]] inline uint32_t level_of(mqtt_codec_ctx_t *ctx)
+{
+    return peek(ctx->version);
+}
+[[nodiscard]] constexpr bool known_level(uint32_t version)
+{
+    return version == 4 || version == 5;
+}
 
 // A capacity or input length as log lines show it, -1 when the pointer is missing.
-[[nodiscard]] inline int length_of(const int *buf_len) { return buf_len ? *buf_len : -1; }
+[[nodiscard]] inline int length_of(const int *buf_len)
+{
+    return buf_len ? *buf_len : -1;
+}
 
 // A pointer for "%p", which takes nothing but void pointers.
-[[nodiscard]] inline const void *addr(const void *pointer) { return pointer; }
+[[nodiscard]] inline const void *addr(const void *pointer)
+{
+    return pointer;
+}
 
 // ---- encoders
 

@@ -84,9 +84,9 @@ template <class T> void read_value(Reader &in, T &field)
         in.seek(in.end());
 }
 
-// QUIRK(connack-decode-properties): Session Expiry Interval is 0x10 here, 0x11 in the standard [MQTT 5.0 3.2.2.3.2], and
-// any property but these three is skipped as if a length stood before its value [MQTT 5.0 2.2.2.2], which mis-steps
-// over values of fixed size: the codec's one rule for unknown properties of unknown shape.
+// QUIRK(connack-decode-properties): Session Expiry Interval is 0x10 here, 0x11 in the standard [MQTT 5.0 3.2.2.3.2],
+// and any property but these three is skipped as if a length stood before its value [MQTT 5.0 2.2.2.2], which
+// mis-steps over values of fixed size: the codec's one rule for unknown properties of unknown shape.
 //   test: connack_decode.unknown_properties_are_skipped_as_length_prefixed
 void read_property(Reader &in, int block_end, uint8_t id, mqtt_connack_para_t &para)
 {
@@ -153,6 +153,7 @@ int mqtt_codec_decode_connack(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *bu
             return code;
 
     poke(ctx->version, level);
-    LOG_DEBUG("CONNACK decode success: version=%d, code=%d, len=%d", static_cast<int>(level), para->reason_code, in.pos());
+    LOG_DEBUG("CONNACK decode success: version=%d, code=%d, len=%d", static_cast<int>(level), para->reason_code,
+              in.pos());
     return decoded(ctx, CONNACK, in.pos(), buf_len);
 }

@@ -22,7 +22,10 @@ enum : uint8_t {
     FLAG_USERNAME    = 0x80
 };
 
-uint8_t is_set(uint8_t flags, uint8_t flag) { return (flags & flag) != 0; }
+uint8_t is_set(uint8_t flags, uint8_t flag)
+{
+    return (flags & flag) != 0;
+}
 
 // ---- fixed header
 
@@ -315,8 +318,8 @@ int mqtt_codec_decode_connect(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *bu
 
     const int input_len = length_of(buf_len);
     if (!ctx || !buf || !para || input_len < kInputMin)
-        return REFUSE(CODEC_E_PARAM, "CONNECT decode: invalid input (ctx=%p, buf=%p, len=%d < 10)",
-                      addr(ctx), addr(buf), input_len);
+        return REFUSE(CODEC_E_PARAM, "CONNECT decode: invalid input (ctx=%p, buf=%p, len=%d < 10)", addr(ctx),
+                      addr(buf), input_len);
     memset(para, 0, sizeof *para);
     LOG_HEXDUMP("CONNECT decode: full packet data", buf, input_len);
 

@@ -36,9 +36,9 @@ uint8_t flags_of(const mqtt_connect_para_t &para)
     return static_cast<uint8_t>(flags);
 }
 
-// QUIRK(connect-encode-ids): Session Expiry Interval goes out as 0x10 and Maximum Packet Size as 0x11, which the standard
-// numbers 0x11 and 0x27 [MQTT 5.0 3.1.2.11.2] [MQTT 5.0 3.1.2.11.4]; Receive Maximum is written even when 0
-// [MQTT 5.0 3.1.2.11.3]. The decoder beside it reads the standard's numbers; both sides keep the bytes their peers know.
+// QUIRK(connect-encode-ids): Session Expiry Interval goes out as 0x10 and Maximum Packet Size as 0x11, which the
+// standard numbers 0x11 and 0x27 [MQTT 5.0 3.1.2.11.2] [MQTT 5.0 3.1.2.11.4]; Receive Maximum is written even when 0
+// [MQTT 5.0 3.1.2.11.3]. The decoder reads the standard's numbers; both sides keep the bytes their peers know.
 //   test: connect_encode.v5_properties_in_their_order
 //
 // properties:  length:u8  10 u32  21 u16  [22 u16]  [11 u32]  [19 u8]  [1A u8]
@@ -84,7 +84,8 @@ int put_will(Writer &body, uint32_t level, const mqtt_connect_para_t &para)
     if (level == 5)
         put_will_properties(body, para);
     body.text(topic);
-    body.u16(static_cast<uint16_t>(para.will_payload_len)).bytes(para.will_payload, static_cast<size_t>(para.will_payload_len));
+    body.u16(static_cast<uint16_t>(para.will_payload_len))
+        .bytes(para.will_payload, static_cast<size_t>(para.will_payload_len));
     return CODEC_OK;
 }
 
@@ -94,12 +95,14 @@ int put_credentials(Writer &body, const mqtt_connect_para_t &para)
     const std::string_view password = text_of(para.password);
     if (para.username_flag & 1) {
         if (username.empty() || username.size() == sizeof para.username)
-            return REFUSE(CODEC_E_PARAM, "CONNECT encode: invalid username (len=%d)", static_cast<int>(username.size()));
+            return REFUSE(CODEC_E_PARAM, "CONNECT encode: invalid username (len=%d)",
+                          static_cast<int>(username.size()));
         body.text(username);
     }
     if (para.password_flag & 1) {
         if (password.empty() || password.size() == sizeof para.password)
-            return REFUSE(CODEC_E_PARAM, "CONNECT encode: invalid password (len=%d)", static_cast<int>(password.size()));
+            return REFUSE(CODEC_E_PARAM, "CONNECT encode: invalid password (len=%d)",
+                          static_cast<int>(password.size()));
         body.text(password);
     }
     return CODEC_OK;

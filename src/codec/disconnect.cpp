@@ -141,7 +141,8 @@ int read_body(uint32_t level, Reader &in, mqtt_disconnect_para_t &para, bool &ex
     if (level != 4)
         return REFUSE(CODEC_E_VERSION, "DISCONNECT decode: unsupported MQTT version");
     if (!in.at_end())
-        return REFUSE(CODEC_E_MALFORMED, "DISCONNECT decode: MQTT 3.1.1 remaining length must be 0 (got %d)", in.left());
+        return REFUSE(CODEC_E_MALFORMED, "DISCONNECT decode: MQTT 3.1.1 remaining length must be 0 (got %d)",
+                      in.left());
     LOG_DEBUG("DISCONNECT decode: MQTT 3.1.1");
     return CODEC_OK;
 }

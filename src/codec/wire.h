@@ -104,7 +104,10 @@ public:
         return put(wire, sizeof wire);
     }
     Writer &bytes(const void *from, size_t count) { return put(from, count); }
-    Writer &text(std::string_view value) { return u16(static_cast<uint16_t>(value.size())).put(value.data(), value.size()); }
+    Writer &text(std::string_view value)
+    {
+        return u16(static_cast<uint16_t>(value.size())).put(value.data(), value.size());
+    }
 
     bool           fits() const { return need_ <= area_.size(); }
     size_t         need() const { return need_; } // bytes asked for so far

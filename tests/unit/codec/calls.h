@@ -30,14 +30,23 @@ inline std::string pointer(const void *p) // as a log line prints it
 }
 
 // Zeroes with padding, to compare bytewise. In place, because a copy may leave the padding behind.
-template <class Record> void clear(Record &record) { memset(&record, 0, sizeof record); }
+template <class Record> void clear(Record &record)
+{
+    memset(&record, 0, sizeof record);
+}
 
 // A context that shows which of its words a call wrote.
-inline mqtt_codec_ctx_t context(uint32_t version) { return {version, 77, 78, {1, 2, 3, 4, 5, 6, 7, 8}}; }
-inline bool untouched(const mqtt_codec_ctx_t &ctx) { return ctx.last_packet_type == 77 && ctx.last_packet_len == 78; }
+inline mqtt_codec_ctx_t context(uint32_t version)
+{
+    return {version, 77, 78, {1, 2, 3, 4, 5, 6, 7, 8}};
+}
+inline bool untouched(const mqtt_codec_ctx_t &ctx)
+{
+    return ctx.last_packet_type == 77 && ctx.last_packet_len == 78;
+}
 
 template <class Record> struct Decoded {
-    int              code = 99;
+    int              code     = 99;
     int              consumed = 99; // *buf_len afterwards
     Record           para;
     mqtt_codec_ctx_t ctx;
@@ -48,7 +57,7 @@ template <class Record> struct Decoded {
 // Decodes a copy whose end is the end of its heap block, into a record full of garbage.
 template <class Record>
 Decoded<Record> decode_with(int (*decoder)(mqtt_codec_ctx_t *, const uint8_t *, int *, Record *), const Bytes &packet,
-                       uint32_t version, uint32_t log_level = 0)
+                            uint32_t version, uint32_t log_level = 0)
 {
     Decoded<Record> out;
     memset(&out.para, 0xEE, sizeof out.para);
@@ -65,7 +74,7 @@ Decoded<Record> decode_with(int (*decoder)(mqtt_codec_ctx_t *, const uint8_t *, 
 }
 
 struct Encoded {
-    int              code = 99;
+    int              code   = 99;
     int              length = 99; // *buf_len afterwards
     Bytes            buffer;      // all of it
     mqtt_codec_ctx_t ctx;
@@ -84,8 +93,8 @@ struct Encoded {
 
 // Encodes into a heap block of exactly `capacity` bytes that held garbage.
 template <class Record>
-Encoded encode_with(int (*encoder)(mqtt_codec_ctx_t *, const Record *, uint8_t *, int *), const Record &para, uint32_t version,
-               int capacity, uint32_t log_level = 0)
+Encoded encode_with(int (*encoder)(mqtt_codec_ctx_t *, const Record *, uint8_t *, int *), const Record &para,
+                    uint32_t version, int capacity, uint32_t log_level = 0)
 {
     Encoded out;
     out.ctx    = context(version);

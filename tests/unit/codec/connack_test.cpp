@@ -117,21 +117,22 @@ TEST(connack_encode, needs_its_pointers)
 TEST(connack_encode, says_what_it_wrote)
 {
     EXPECT_EQ(encode({0, 3, 0, 0, 0, 0}, 4).all, (Log{
-        debug("========== CONNACK encode start =========="),
-        warn("CONNACK encode: 3.1.1 force code=0"),
-        debug("CONNACK encode success: total_len=4"),
-        debug("========== CONNACK encode end =========="),
-    }));
-    EXPECT_EQ(encode({0, 0, 0, 0, 0, 4294967295u}, 5).all, (Log{
-        debug("========== CONNACK encode start =========="),
-        debug("Property SessionExpiry(0x10): DISABLED (compatible with MQTTX v1.13.0)"),
-        debug("Property TopicAliasMax(0x22): DISABLED"),
-        debug("Property MaxQoS(0x27): DISABLED"),
-        debug("Property RetainAvailable(0x28): DISABLED"),
-        debug("Property MaxPacketSize(0x11): 4294967295 bytes"),
-        debug("CONNACK encode success: total_len=13"),
-        debug("========== CONNACK encode end =========="),
-    }));
+                                                     debug("========== CONNACK encode start =========="),
+                                                     warn("CONNACK encode: 3.1.1 force code=0"),
+                                                     debug("CONNACK encode success: total_len=4"),
+                                                     debug("========== CONNACK encode end =========="),
+                                                 }));
+    EXPECT_EQ(encode({0, 0, 0, 0, 0, 4294967295u}, 5).all,
+              (Log{
+                  debug("========== CONNACK encode start =========="),
+                  debug("Property SessionExpiry(0x10): DISABLED (compatible with MQTTX v1.13.0)"),
+                  debug("Property TopicAliasMax(0x22): DISABLED"),
+                  debug("Property MaxQoS(0x27): DISABLED"),
+                  debug("Property RetainAvailable(0x28): DISABLED"),
+                  debug("Property MaxPacketSize(0x11): 4294967295 bytes"),
+                  debug("CONNACK encode success: total_len=13"),
+                  debug("========== CONNACK encode end =========="),
+              }));
     EXPECT_EQ(encode({}, 7).all, (Log{debug("========== CONNACK encode start =========="),
                                       error("CONNACK encode: unsupported version 7")}));
 }
@@ -182,7 +183,8 @@ TEST(connack_decode, reads_back_what_was_encoded)
     EXPECT_EQ(d.consumed, 13);
     EXPECT_EQ(d.para.receive_max, 10);
     // 27 is unknown here and its first byte, 0, is taken as a length: the other three look like properties.
-    EXPECT_EQ(d.log, (Log{warn("CONNACK decode: unknown property type 0x27"), warn("CONNACK decode: unknown property type 0x00"),
+    EXPECT_EQ(d.log, (Log{warn("CONNACK decode: unknown property type 0x27"),
+                          warn("CONNACK decode: unknown property type 0x00"),
                           warn("CONNACK decode: unknown property type 0x07")}));
 }
 
@@ -196,8 +198,10 @@ TEST(connack_decode, unknown_properties_are_skipped_as_length_prefixed)
     expect_success(decode("20 04 00 00 | 01 1F"), 5, 6, {warn("CONNACK decode: unknown property type 0x1F")});
     expect_success(decode("20 05 00 00 | 02 1F 7F"), 5, 7, {warn("CONNACK decode: unknown property type 0x1F")});
     expect_success(decode("20 07 00 00 | 02 1F 02 | 'ab'"), 5, 9, {warn("CONNACK decode: unknown property type 0x1F")});
-    expect_success(decode("20 08 00 00 | 05 1F 80 80 80 01"), 5, 10, {warn("CONNACK decode: unknown property type 0x1F")});
-    expect_success(decode("20 05 00 00 | 02 1F 80 | 01 41"), 5, 7, {warn("CONNACK decode: unknown property type 0x1F")});
+    expect_success(decode("20 08 00 00 | 05 1F 80 80 80 01"), 5, 10,
+                   {warn("CONNACK decode: unknown property type 0x1F")});
+    expect_success(decode("20 05 00 00 | 02 1F 80 | 01 41"), 5, 7,
+                   {warn("CONNACK decode: unknown property type 0x1F")});
 }
 
 TEST(connack_decode, a_value_may_cross_its_block_but_not_the_input)
@@ -206,7 +210,8 @@ TEST(connack_decode, a_value_may_cross_its_block_but_not_the_input)
     expect_success(crossing, 5, 8);
     EXPECT_EQ(crossing.para.receive_max, 10);
 
-    for (const char *packet : {"20 04 00 00 | 01 21", "20 05 00 00 | 02 21 00", "20 04 00 00 | 7F 22", "20 07 00 00 | 04 10 00 00 00"}) {
+    for (const char *packet :
+         {"20 04 00 00 | 01 21", "20 05 00 00 | 02 21 00", "20 04 00 00 | 7F 22", "20 07 00 00 | 04 10 00 00 00"}) {
         const auto d = decode(packet);
         expect_success(d, 5, static_cast<int>(wire(packet).size()));
         EXPECT_EQ(d.para.receive_max, 0);
@@ -222,7 +227,8 @@ TEST(connack_decode, needs_four_bytes_and_its_pointers)
     const Bytes       bytes = wire("20 02 00 00");
     int               four = 4, three = 3;
     LogCapture        log;
-    const std::string c = pointer(&ctx), b = pointer(bytes.data()), l = pointer(&four), l3 = pointer(&three), p = pointer(&para);
+    const std::string c = pointer(&ctx), b = pointer(bytes.data()), l = pointer(&four), l3 = pointer(&three),
+                      p = pointer(&para);
     EXPECT_EQ(mqtt_codec_decode_connack(nullptr, bytes.data(), &four, &para), -1);
     EXPECT_EQ(mqtt_codec_decode_connack(&ctx, nullptr, &four, &para), -1);
     EXPECT_EQ(mqtt_codec_decode_connack(&ctx, bytes.data(), nullptr, &para), -1);
@@ -230,12 +236,12 @@ TEST(connack_decode, needs_four_bytes_and_its_pointers)
     EXPECT_EQ(mqtt_codec_decode_connack(&ctx, bytes.data(), &three, &para), -1);
     const std::string head = "CONNACK decode: invalid param (ctx=";
     EXPECT_EQ(log.take(), (Log{
-        error(head + "(nil), buf=" + b + ", buf_len=" + l + ", len=4, para=" + p + ")"),
-        error(head + c + ", buf=(nil), buf_len=" + l + ", len=4, para=" + p + ")"),
-        error(head + c + ", buf=" + b + ", buf_len=(nil), len=-1, para=" + p + ")"),
-        error(head + c + ", buf=" + b + ", buf_len=" + l + ", len=4, para=(nil))"),
-        error(head + c + ", buf=" + b + ", buf_len=" + l3 + ", len=3, para=" + p + ")"),
-    }));
+                              error(head + "(nil), buf=" + b + ", buf_len=" + l + ", len=4, para=" + p + ")"),
+                              error(head + c + ", buf=(nil), buf_len=" + l + ", len=4, para=" + p + ")"),
+                              error(head + c + ", buf=" + b + ", buf_len=(nil), len=-1, para=" + p + ")"),
+                              error(head + c + ", buf=" + b + ", buf_len=" + l + ", len=4, para=(nil))"),
+                              error(head + c + ", buf=" + b + ", buf_len=" + l3 + ", len=3, para=" + p + ")"),
+                          }));
     EXPECT_TRUE(untouched(ctx));
 }
 
@@ -277,10 +283,11 @@ TEST(connack_decode, cut_at_every_byte)
     const Bytes whole = wire("20 0E 00 00 | 0B 21 01 02 | 22 03 04 | 10 05 06 07 08");
     for (size_t length = 4; length < whole.size(); ++length) {
         SCOPED_TRACE(length);
-        expect_refused(decode_with(mqtt_codec_decode_connack, Bytes(whole.begin(), whole.begin() + static_cast<long>(length)), 4),
-                       "CONNACK decode: invalid remaining length (len=14, consumed=1)");
-        Bytes claim = Bytes(whole.begin(), whole.begin() + static_cast<long>(length)); // this one says it is whole
-        claim[1]    = static_cast<uint8_t>(length - 2);
+        expect_refused(
+            decode_with(mqtt_codec_decode_connack, Bytes(whole.begin(), whole.begin() + static_cast<long>(length)), 4),
+            "CONNACK decode: invalid remaining length (len=14, consumed=1)");
+        Bytes claim  = Bytes(whole.begin(), whole.begin() + static_cast<long>(length)); // this one says it is whole
+        claim[1]     = static_cast<uint8_t>(length - 2);
         const auto d = decode_with(mqtt_codec_decode_connack, claim, 4);
         expect_success(d, length == 4 ? 4 : 5, static_cast<int>(length));
     }

@@ -9,14 +9,32 @@ namespace {
 
 using Connect = Decoded<mqtt_connect_para_t>;
 
-Connect decode(const Bytes &bytes, uint32_t version = 4) { return decode_with(mqtt_codec_decode_connect, bytes, version); }
-Connect decode(const char *bytes, uint32_t version = 4) { return decode(wire(bytes), version); }
+Connect decode(const Bytes &bytes, uint32_t version = 4)
+{
+    return decode_with(mqtt_codec_decode_connect, bytes, version);
+}
+Connect decode(const char *bytes, uint32_t version = 4)
+{
+    return decode(wire(bytes), version);
+}
 
 // A CONNECT of these fields behind the protocol name: level, flags, keep alive and so on.
-Bytes connect(const Bytes &body) { return packet(0x10, wire("00 04 'MQTT'") + body); }
-Bytes connect(const char *body) { return connect(wire(body)); }
-Connect decode_body(const char *body) { return decode(connect(body)); }
-Connect decode_body(const Bytes &body) { return decode(connect(body)); }
+Bytes connect(const Bytes &body)
+{
+    return packet(0x10, wire("00 04 'MQTT'") + body);
+}
+Bytes connect(const char *body)
+{
+    return connect(wire(body));
+}
+Connect decode_body(const char *body)
+{
+    return decode(connect(body));
+}
+Connect decode_body(const Bytes &body)
+{
+    return decode(connect(body));
+}
 
 std::string line(const char *format, int value)
 {
@@ -31,7 +49,10 @@ void expect_refused(const Connect &d, int code, const Log &log)
     EXPECT_EQ(d.log, log);
     EXPECT_TRUE(untouched(d.ctx));
 }
-void expect_refused(const Connect &d, const std::string &text) { expect_refused(d, -4, {error(text)}); }
+void expect_refused(const Connect &d, const std::string &text)
+{
+    expect_refused(d, -4, {error(text)});
+}
 
 void expect_success(const Connect &d, uint32_t version, int consumed, const Log &log = {})
 {
@@ -138,9 +159,9 @@ TEST(connect_decode, each_flag_by_itself)
 TEST(connect_decode, says_what_it_read)
 {
     const Connect d = decode("10 0E | 00 04 'MQTT' 04 02 00 3C | 00 02 'id'");
-    EXPECT_EQ(d.all, (Log{debug("CONNECT decode: full packet data"),
-                          debug("10 0E 00 04 4D 51 54 54 04 02 00 3C 00 02 69 64 "),
-                          debug("CONNECT decode success: version=4, client_id='id', keep_alive=60, parsed_len=16")}));
+    EXPECT_EQ(d.all,
+              (Log{debug("CONNECT decode: full packet data"), debug("10 0E 00 04 4D 51 54 54 04 02 00 3C 00 02 69 64 "),
+                   debug("CONNECT decode success: version=4, client_id='id', keep_alive=60, parsed_len=16")}));
 }
 
 TEST(connect_decode, trailing_bytes_are_not_counted)
@@ -164,7 +185,7 @@ TEST(connect_decode, needs_its_pointers)
 {
     mqtt_codec_ctx_t    ctx = context(4);
     mqtt_connect_para_t para;
-    const Bytes         bytes = connect("04 02 00 3C | 00 02 'id'");
+    const Bytes         bytes  = connect("04 02 00 3C | 00 02 'id'");
     int                 length = 16;
     LogCapture          log;
     EXPECT_EQ(mqtt_codec_decode_connect(nullptr, bytes.data(), &length, &para), -1);
@@ -173,11 +194,11 @@ TEST(connect_decode, needs_its_pointers)
     EXPECT_EQ(mqtt_codec_decode_connect(&ctx, bytes.data(), &length, nullptr), -1);
     const std::string c = pointer(&ctx), b = pointer(bytes.data());
     EXPECT_EQ(log.take(), (Log{
-        error("CONNECT decode: invalid input (ctx=(nil), buf=" + b + ", len=16 < 10)"),
-        error("CONNECT decode: invalid input (ctx=" + c + ", buf=(nil), len=16 < 10)"),
-        error("CONNECT decode: invalid input (ctx=" + c + ", buf=" + b + ", len=-1 < 10)"),
-        error("CONNECT decode: invalid input (ctx=" + c + ", buf=" + b + ", len=16 < 10)"),
-    }));
+                              error("CONNECT decode: invalid input (ctx=(nil), buf=" + b + ", len=16 < 10)"),
+                              error("CONNECT decode: invalid input (ctx=" + c + ", buf=(nil), len=16 < 10)"),
+                              error("CONNECT decode: invalid input (ctx=" + c + ", buf=" + b + ", len=-1 < 10)"),
+                              error("CONNECT decode: invalid input (ctx=" + c + ", buf=" + b + ", len=16 < 10)"),
+                          }));
     EXPECT_TRUE(untouched(ctx));
     EXPECT_EQ(length, 16);
 }
@@ -187,12 +208,12 @@ TEST(connect_decode, needs_ten_bytes)
     mqtt_codec_ctx_t    ctx = context(4);
     mqtt_connect_para_t para;
     memset(&para, 0xEE, sizeof para);
-    const Bytes bytes = wire("10 07 | 00 04 'MQTT' 04");
+    const Bytes bytes  = wire("10 07 | 00 04 'MQTT' 04");
     int         length = 9;
     LogCapture  log;
     EXPECT_EQ(mqtt_codec_decode_connect(&ctx, bytes.data(), &length, &para), -1);
-    EXPECT_EQ(log.take(), Log{error("CONNECT decode: invalid input (ctx=" + pointer(&ctx) + ", buf=" +
-                                    pointer(bytes.data()) + ", len=9 < 10)")});
+    EXPECT_EQ(log.take(), Log{error("CONNECT decode: invalid input (ctx=" + pointer(&ctx) +
+                                    ", buf=" + pointer(bytes.data()) + ", len=9 < 10)")});
     EXPECT_EQ(static_cast<uint8_t>(para.client_id[0]), 0xEE) << "the record is not touched yet";
 
     expect_refused(decode("10 08 | 00 04 'MQTT' 04 00"), "CONNECT decode: no enough data for keep alive (pos=10)");
@@ -262,8 +283,10 @@ TEST(connect_decode, no_room_for_the_protocol_name)
                    "CONNECT decode: no enough data for protocol name (pos=2, len=2)");
     expect_refused(decode("10 03 | 00 04 'MQTT' 04 02 00 3C"),
                    "CONNECT decode: no enough data for protocol name (pos=2, len=5)");
-    expect_refused(decode("10 04 | 00 04 'MQTT' 04 02 00 3C"), "CONNECT decode: invalid protocol name (len=4, name=MQ)");
-    expect_refused(decode("10 05 | 00 04 'MQTT' 04 02 00 3C"), "CONNECT decode: invalid protocol name (len=4, name=MQT)");
+    expect_refused(decode("10 04 | 00 04 'MQTT' 04 02 00 3C"),
+                   "CONNECT decode: invalid protocol name (len=4, name=MQ)");
+    expect_refused(decode("10 05 | 00 04 'MQTT' 04 02 00 3C"),
+                   "CONNECT decode: invalid protocol name (len=4, name=MQT)");
     expect_refused(decode("10 06 | 00 04 'MQTT' 04 02 00 3C"),
                    "CONNECT decode: no enough data for protocol version (pos=8)");
 }
@@ -282,6 +305,7 @@ TEST(connect_decode, the_level_is_kept_even_when_the_rest_fails)
     const Connect five = decode(connect("05 02 00"), 4);
     expect_refused(five, "CONNECT decode: no enough data for keep alive (pos=10)");
     EXPECT_EQ(five.ctx.version, 5u);
+    EXPECT_EQ(decode(connect("05") + wire("00 00"), 4).ctx.version, 5u) << "no flags";
     const Connect four = decode(connect("04 02 00"), 5);
     EXPECT_EQ(four.code, -4);
     EXPECT_EQ(four.ctx.version, 4u);
@@ -318,7 +342,8 @@ TEST(connect_decode, flags_and_keep_alive_must_be_there)
     expect_refused(decode(connect("04") + next), "CONNECT decode: no enough data for connect flags (pos=9)");
     expect_refused(decode(connect("04 02") + next), "CONNECT decode: no enough data for keep alive (pos=10)");
     expect_refused(decode(connect("04 02 00") + next), "CONNECT decode: no enough data for keep alive (pos=10)");
-    expect_refused(decode(connect("04 02 00 3C") + next), "CONNECT decode: no enough data for ClientID length (pos=12)");
+    expect_refused(decode(connect("04 02 00 3C") + next),
+                   "CONNECT decode: no enough data for ClientID length (pos=12)");
 }
 
 // ---- properties
@@ -330,9 +355,9 @@ TEST(connect_decode, each_property_must_end_inside_its_block)
         const char *name;
     };
     const Case cases[] = {
-        {"21 00 0A", "Receive Maximum"},          {"22 00 0B", "Topic Alias Maximum"},
-        {"27 00 01 00 00", "Max Packet Size"},    {"19 01", "Request Response Info"},
-        {"1A 01", "Request Problem Info"},        {"11 00 00 00 64", "Session Expiry Interval"},
+        {"21 00 0A", "Receive Maximum"},       {"22 00 0B", "Topic Alias Maximum"},
+        {"27 00 01 00 00", "Max Packet Size"}, {"19 01", "Request Response Info"},
+        {"1A 01", "Request Problem Info"},     {"11 00 00 00 64", "Session Expiry Interval"},
     };
     for (const Case &c : cases) {
         const Bytes value = wire(c.value);
@@ -340,14 +365,16 @@ TEST(connect_decode, each_property_must_end_inside_its_block)
         for (size_t cut = 1; cut < value.size(); ++cut)
             expect_refused(decode_body(wire("05 02 00 00") + Bytes{static_cast<uint8_t>(cut)} + value + rest),
                            std::string("CONNECT decode: incomplete ") + c.name + " (pos=14)");
-        const Bytes whole = connect(wire("05 02 00 00") + Bytes{static_cast<uint8_t>(value.size())} + value + wire("00 02 'id'"));
+        const Bytes whole =
+            connect(wire("05 02 00 00") + Bytes{static_cast<uint8_t>(value.size())} + value + wire("00 02 'id'"));
         expect_success(decode(whole), 5, static_cast<int>(whole.size()));
     }
 }
 
 TEST(connect_decode, a_property_block_longer_than_the_packet_ends_with_it)
 {
-    expect_refused(decode_body("05 02 00 00 | 7F 21 00 0A"), "CONNECT decode: no enough data for ClientID length (pos=16)");
+    expect_refused(decode_body("05 02 00 00 | 7F 21 00 0A"),
+                   "CONNECT decode: no enough data for ClientID length (pos=16)");
     expect_refused(decode_body("05 02 00 00 | 7F 21 00"), "CONNECT decode: incomplete Receive Maximum (pos=14)");
 }
 
@@ -413,9 +440,8 @@ TEST(connect_decode, empty_client_id)
         EXPECT_EQ(d.log, warned);
         EXPECT_STREQ(d.para.client_id, "");
     }
-    const Log refused = {
-        error("CONNECT decode: client_id_len=0 (empty ClientID)"),
-        error("CONNECT decode: clean_start=0 - empty ClientID is NOT allowed (MQTT standard)")};
+    const Log refused = {error("CONNECT decode: client_id_len=0 (empty ClientID)"),
+                         error("CONNECT decode: clean_start=0 - empty ClientID is NOT allowed (MQTT standard)")};
     expect_refused(decode_body("04 00 00 3C | 00 00"), -4, refused);
     expect_refused(decode_body("05 00 00 3C 00 | 00 00"), -4, refused);
 }
@@ -451,9 +477,9 @@ TEST(connect_decode, a_v5_id_has_at_most_64_characters)
 
 TEST(connect_decode, the_rest_of_a_long_id_is_read_as_what_follows)
 {
-    const Log  warned = {warn("CONNECT decode: ClientID exceed buffer (len=100, max=64), truncate")};
-    const Bytes id    = text(std::string(64, 'x')) + wire("00 04 'user'") + text(std::string(30, 'y'));
-    const Connect d   = decode_body(wire("05 82 00 3C 00 | 00 64") + id + wire("00 04 'USER'"));
+    const Log     warned = {warn("CONNECT decode: ClientID exceed buffer (len=100, max=64), truncate")};
+    const Bytes   id     = text(std::string(64, 'x')) + wire("00 04 'user'") + text(std::string(30, 'y'));
+    const Connect d      = decode_body(wire("05 82 00 3C 00 | 00 64") + id + wire("00 04 'USER'"));
     expect_success(d, 5, 85, warned);
     EXPECT_EQ(d.para.client_id, std::string(64, 'x'));
     EXPECT_STREQ(d.para.username, "user");
@@ -475,8 +501,10 @@ TEST(connect_decode, will_topic)
     expect_refused(with(prefixed(std::string(257, 't'))), "CONNECT decode: invalid Will Topic length 257");
     expect_refused(with(prefixed("")), "CONNECT decode: invalid Will Topic length 0");
     expect_refused(with(wire("00 09 't'")), "CONNECT decode: invalid Will Topic length 9");
-    expect_refused(decode_body("04 06 00 3C | 00 02 'id'"), "CONNECT decode: no enough data for Will Topic length (pos=16)");
-    expect_refused(decode_body("04 06 00 3C | 00 02 'id' 00"), "CONNECT decode: no enough data for Will Topic length (pos=16)");
+    expect_refused(decode_body("04 06 00 3C | 00 02 'id'"),
+                   "CONNECT decode: no enough data for Will Topic length (pos=16)");
+    expect_refused(decode_body("04 06 00 3C | 00 02 'id' 00"),
+                   "CONNECT decode: no enough data for Will Topic length (pos=16)");
 }
 
 TEST(connect_decode, will_payload)
@@ -540,9 +568,12 @@ TEST(connect_decode, an_unknown_will_property_ends_their_walk)
 TEST(connect_decode, an_unreadable_will_property_length_means_none)
 {
     // 80 80 80 is no length, so the topic's own length is read there.
-    expect_refused(decode_body("05 06 00 3C 00 | 00 02 'id' | 80 80 80 01"), "CONNECT decode: invalid Will Topic length 32896");
-    expect_refused(decode_body("05 06 00 3C 00 | 00 02 'id'"), "CONNECT decode: no enough data for Will Topic length (pos=17)");
-    expect_refused(decode_body("05 06 00 3C 00 | 00 02 'id' | FF"), "CONNECT decode: no enough data for Will Topic length (pos=17)");
+    expect_refused(decode_body("05 06 00 3C 00 | 00 02 'id' | 80 80 80 01"),
+                   "CONNECT decode: invalid Will Topic length 32896");
+    expect_refused(decode_body("05 06 00 3C 00 | 00 02 'id'"),
+                   "CONNECT decode: no enough data for Will Topic length (pos=17)");
+    expect_refused(decode_body("05 06 00 3C 00 | 00 02 'id' | FF"),
+                   "CONNECT decode: no enough data for Will Topic length (pos=17)");
 }
 
 TEST(connect_decode, a_will_block_longer_than_the_packet_ends_with_it)
@@ -563,7 +594,9 @@ TEST(connect_decode, v4_has_no_will_properties)
 TEST(connect_decode, credentials_have_1_to_64_bytes)
 {
     const auto user = [](const Bytes &bytes) { return decode_body(wire("04 82 00 3C | 00 02 'id'") + bytes); };
-    const auto pass = [](const Bytes &bytes) { return decode_body(wire("04 C2 00 3C | 00 02 'id' | 00 01 'u'") + bytes); };
+    const auto pass = [](const Bytes &bytes) {
+        return decode_body(wire("04 C2 00 3C | 00 02 'id' | 00 01 'u'") + bytes);
+    };
 
     for (const size_t length : {1u, 63u, 64u}) {
         const std::string value(length, 'c');
@@ -618,24 +651,24 @@ void expect_cuts(const Bytes &whole, const std::vector<Stretch> &stretches)
 TEST(connect_decode, v4_cut_at_every_byte)
 {
     expect_cuts(connect(kFullV4), {
-        {10, "no enough data for keep alive (pos=10)"},
-        {12, "no enough data for ClientID length (pos=12)"},
-        {14, "ClientID data out of bounds (pos=14, len=2, total=14)"},
-        {15, "ClientID data out of bounds (pos=14, len=2, total=15)"},
-        {16, "no enough data for Will Topic length (pos=16)"},
-        {18, "invalid Will Topic length 3"},
-        {21, "no enough data for Will Payload length (pos=21)"},
-        {23, "invalid Will Payload length 4"},
-        {27, "no enough data for Username length (pos=27)"},
-        {29, "invalid Username length 4"},
-        {33, "no enough data for Password length (pos=33)"},
-        {35, "invalid Password length 2"},
-    });
+                                      {10, "no enough data for keep alive (pos=10)"},
+                                      {12, "no enough data for ClientID length (pos=12)"},
+                                      {14, "ClientID data out of bounds (pos=14, len=2, total=14)"},
+                                      {15, "ClientID data out of bounds (pos=14, len=2, total=15)"},
+                                      {16, "no enough data for Will Topic length (pos=16)"},
+                                      {18, "invalid Will Topic length 3"},
+                                      {21, "no enough data for Will Payload length (pos=21)"},
+                                      {23, "invalid Will Payload length 4"},
+                                      {27, "no enough data for Username length (pos=27)"},
+                                      {29, "invalid Username length 4"},
+                                      {33, "no enough data for Password length (pos=33)"},
+                                      {35, "invalid Password length 2"},
+                                  });
 }
 
 TEST(connect_decode, v5_cut_at_every_byte)
 {
-    const auto           at        = [](int from, const char *format, int pos) { return Stretch{from, line(format, pos)}; };
+    const auto           at = [](int from, const char *format, int pos) { return Stretch{from, line(format, pos)}; };
     std::vector<Stretch> stretches = {
         {10, "no enough data for keep alive (pos=10)"},
         {12, "invalid MQTT 5.0 property length (len=-1, consumed=0)"},
@@ -670,8 +703,8 @@ TEST(connect_decode, a_whole_packet_cut_short_by_its_length_field)
 {
     const Bytes whole = connect(kFullV5);
     for (size_t length = 0; length + 2 < whole.size(); ++length) { // the claim shrinks, the input does not
-        Bytes claim = whole;
-        claim[1]    = static_cast<uint8_t>(length);
+        Bytes claim     = whole;
+        claim[1]        = static_cast<uint8_t>(length);
         const Connect d = decode(claim);
         EXPECT_EQ(d.code, -4) << length;
         EXPECT_EQ(d.log.size(), 1u) << length;

@@ -17,7 +17,7 @@ Connect of(const char *client_id)
 
 Connect with_will()
 {
-    Connect para = of("id");
+    Connect para   = of("id");
     para.will_flag = 1;
     strcpy(para.will_topic, "t");
     para.will_payload[0]  = 'p';
@@ -46,7 +46,10 @@ void expect_packet(const Encoded &e, const std::string &packet)
     EXPECT_EQ(e.ctx.last_packet_type, 1u);
     EXPECT_EQ(e.ctx.last_packet_len, 78u) << "decoders only";
 }
-void expect_packet(const Encoded &e, const char *packet) { expect_packet(e, hex(wire(packet))); }
+void expect_packet(const Encoded &e, const char *packet)
+{
+    expect_packet(e, hex(wire(packet)));
+}
 
 void expect_refused(const Encoded &e, int code, const std::string &text, int capacity = 4096)
 {
@@ -62,7 +65,10 @@ void expect_begun(const Encoded &e)
     EXPECT_EQ(e.buffer[0], 0x10);
     EXPECT_TRUE(e.rest_is_zero(1));
 }
-void expect_not_begun(const Encoded &e) { EXPECT_EQ(e.buffer, repeat(0xEE, e.buffer.size())); }
+void expect_not_begun(const Encoded &e)
+{
+    EXPECT_EQ(e.buffer, repeat(0xEE, e.buffer.size()));
+}
 
 } // namespace
 
@@ -123,9 +129,9 @@ TEST(connect_encode, will_and_credentials)
 
 TEST(connect_encode, will_properties)
 {
-    Connect para = with_will();
-    const char *const head = "| 00 04 'MQTT' 05 04 00 00 | 08 10 00 00 00 00 21 00 00 | 00 02 'id' |";
-    const auto  packet = [&](const char *first, const char *properties) {
+    Connect           para   = with_will();
+    const char *const head   = "| 00 04 'MQTT' 05 04 00 00 | 08 10 00 00 00 00 21 00 00 | 00 02 'id' |";
+    const auto        packet = [&](const char *first, const char *properties) {
         return hex(wire(std::string(first) + head + properties + "| 00 01 't' 00 01 'p'"));
     };
     expect_packet(encode(para, 5), packet("10 1E", "00"));
@@ -143,7 +149,7 @@ TEST(connect_encode, will_properties)
 TEST(connect_encode, flag_bits_as_the_record_has_them)
 {
     const auto flags = [](auto set) {
-        Connect para = with_will();
+        Connect para   = with_will();
         para.will_flag = 0;
         strcpy(para.username, "u");
         strcpy(para.password, "p");
@@ -155,17 +161,46 @@ TEST(connect_encode, flag_bits_as_the_record_has_them)
     EXPECT_EQ(flags([](Connect &p) { p.clean_start = 0; }), 0x00);
     EXPECT_EQ(flags([](Connect &p) { p.clean_start = 1; }), 0x02);
     EXPECT_EQ(flags([](Connect &p) { p.clean_start = 3; }), 0x06) << "shifted, not masked";
-    EXPECT_EQ(flags([](Connect &p) { p.will_qos = 3; p.will_retain = 1; }), 0x00) << "nothing without a will";
+    EXPECT_EQ(flags([](Connect &p) {
+                  p.will_qos    = 3;
+                  p.will_retain = 1;
+              }),
+              0x00)
+        << "nothing without a will";
     EXPECT_EQ(flags([](Connect &p) { p.will_flag = 2; }), 0x00);
     EXPECT_EQ(flags([](Connect &p) { p.will_flag = 3; }), 0x04);
-    EXPECT_EQ(flags([](Connect &p) { p.will_flag = 1; p.will_qos = 7; }), 0x1C);
-    EXPECT_EQ(flags([](Connect &p) { p.will_flag = 1; p.will_retain = 1; }), 0x24);
-    EXPECT_EQ(flags([](Connect &p) { p.will_flag = 1; p.will_retain = 2; }), 0x04);
+    EXPECT_EQ(flags([](Connect &p) {
+                  p.will_flag = 1;
+                  p.will_qos  = 7;
+              }),
+              0x1C);
+    EXPECT_EQ(flags([](Connect &p) {
+                  p.will_flag   = 1;
+                  p.will_retain = 1;
+              }),
+              0x24);
+    EXPECT_EQ(flags([](Connect &p) {
+                  p.will_flag   = 1;
+                  p.will_retain = 2;
+              }),
+              0x04);
     EXPECT_EQ(flags([](Connect &p) { p.username_flag = 1; }), 0x80);
     EXPECT_EQ(flags([](Connect &p) { p.username_flag = 2; }), 0x00);
-    EXPECT_EQ(flags([](Connect &p) { p.username_flag = 1; p.password_flag = 1; }), 0xC0);
-    EXPECT_EQ(flags([](Connect &p) { p.username_flag = 1; p.password_flag = 2; }), 0x80);
-    EXPECT_EQ(flags([](Connect &p) { p.username_flag = 1; p.password_flag = 3; }), 0x80);
+    EXPECT_EQ(flags([](Connect &p) {
+                  p.username_flag = 1;
+                  p.password_flag = 1;
+              }),
+              0xC0);
+    EXPECT_EQ(flags([](Connect &p) {
+                  p.username_flag = 1;
+                  p.password_flag = 2;
+              }),
+              0x80);
+    EXPECT_EQ(flags([](Connect &p) {
+                  p.username_flag = 1;
+                  p.password_flag = 3;
+              }),
+              0x80);
     EXPECT_EQ(flags([](Connect &p) { p.password_flag = 2; }), 0x00);
 }
 
@@ -183,7 +218,7 @@ TEST(connect_encode, a_password_is_written_by_bit_0_of_its_flag)
 
 TEST(connect_encode, needs_its_pointers)
 {
-    mqtt_codec_ctx_t  ctx = context(4);
+    mqtt_codec_ctx_t  ctx  = context(4);
     const Connect     para = of("i");
     uint8_t           buf[128];
     int               length = 128;
@@ -195,11 +230,11 @@ TEST(connect_encode, needs_its_pointers)
     EXPECT_EQ(mqtt_codec_encode_connect(&ctx, &para, buf, nullptr), -1);
     const std::string head = "CONNECT encode: invalid param (ctx=";
     EXPECT_EQ(log.take(), (Log{
-        error(head + "(nil), para=" + p + ", buf=" + b + ", buf_len=" + l + ", len=128)"),
-        error(head + c + ", para=(nil), buf=" + b + ", buf_len=" + l + ", len=128)"),
-        error(head + c + ", para=" + p + ", buf=(nil), buf_len=" + l + ", len=128)"),
-        error(head + c + ", para=" + p + ", buf=" + b + ", buf_len=(nil), len=-1)"),
-    }));
+                              error(head + "(nil), para=" + p + ", buf=" + b + ", buf_len=" + l + ", len=128)"),
+                              error(head + c + ", para=(nil), buf=" + b + ", buf_len=" + l + ", len=128)"),
+                              error(head + c + ", para=" + p + ", buf=(nil), buf_len=" + l + ", len=128)"),
+                              error(head + c + ", para=" + p + ", buf=" + b + ", buf_len=(nil), len=-1)"),
+                          }));
     EXPECT_TRUE(untouched(ctx));
 }
 
@@ -219,7 +254,8 @@ TEST(connect_encode, level)
 {
     for (const uint32_t version : {0u, 3u, 6u}) {
         const Encoded e = encode(of(""), version); // checked before the id
-        expect_refused(e, -2, "CONNECT encode: unsupported version " + std::to_string(version) + " (only 3.1.1/5.0 allowed)");
+        expect_refused(e, -2,
+                       "CONNECT encode: unsupported version " + std::to_string(version) + " (only 3.1.1/5.0 allowed)");
         expect_not_begun(e);
     }
 }
@@ -257,7 +293,7 @@ TEST(connect_encode, a_password_needs_a_user_name)
 
 TEST(connect_encode, will_topic)
 {
-    Connect para = with_will();
+    Connect para       = with_will();
     para.will_topic[0] = 0;
     expect_refused(encode(para, 4), -1, "CONNECT encode: invalid will topic (len=0)");
     expect_begun(encode(para, 4));
@@ -273,7 +309,8 @@ TEST(connect_encode, will_payload)
     Connect para = with_will();
     for (const int length : {-1, 0, 2049, 100000}) {
         para.will_payload_len = length;
-        expect_refused(encode(para, 5), -1, "CONNECT encode: invalid will payload (len=" + std::to_string(length) + ")");
+        expect_refused(encode(para, 5), -1,
+                       "CONNECT encode: invalid will payload (len=" + std::to_string(length) + ")");
         expect_begun(encode(para, 5));
         EXPECT_EQ(encode(para, 5).all.size(), 1u) << "refused before the will properties";
     }
@@ -304,7 +341,7 @@ TEST(connect_encode, credentials)
 
 TEST(connect_encode, capacity)
 {
-    Connect para = with_will();
+    Connect para          = with_will();
     para.will_payload_len = 200;
     const int needed      = encode(para, 4).length;
     EXPECT_EQ(needed, 222);
@@ -317,7 +354,7 @@ TEST(connect_encode, capacity)
 
 TEST(connect_encode, a_body_has_at_most_2112_bytes)
 {
-    Connect para = with_will(); // 10 + (2 + 2) + (2 + topic) + (2 + 2048)
+    Connect para          = with_will(); // 10 + (2 + 2) + (2 + topic) + (2 + 2048)
     para.will_payload_len = 2048;
     fill(para.will_topic, 46);
     EXPECT_EQ(encode(para, 4).code, 0);
@@ -361,7 +398,7 @@ TEST(connect_encode, at_level_5_its_own_decoder_stops_at_the_expiry)
     para.clean_start             = 1;
     para.session_expiry_interval = 100;
     para.receive_max             = 10;
-    const Encoded e = encode(para, 5);
+    const Encoded e              = encode(para, 5);
     const auto    d = decode_with(mqtt_codec_decode_connect, Bytes(e.buffer.begin(), e.buffer.begin() + e.length), 4);
     EXPECT_EQ(d.code, 0);
     EXPECT_EQ(d.log, Log{warn("CONNECT decode: unknown property type=0x10, skip")});

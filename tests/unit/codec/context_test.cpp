@@ -39,7 +39,7 @@ TEST(codec_context, threads_may_share_a_context)
     mqtt_codec_ctx_t ctx;
     LogCapture       log(AGENT_LOG_FATAL);
     mqtt_codec_ctx_init(&ctx);
-    std::thread reader([&] {
+    std::thread               reader([&] {
         const Bytes         bytes = wire("10 0F | 00 04 'MQTT' 05 02 00 3C 00 | 00 02 'id'");
         mqtt_connect_para_t para;
         for (int i = 0; i < 1000; ++i) {

@@ -37,7 +37,10 @@ void expect_packet(const Encoded &e, const Bytes &packet)
     EXPECT_EQ(e.ctx.last_packet_type, 14u);
     EXPECT_EQ(e.ctx.last_packet_len, 78u) << "decoders only";
 }
-void expect_packet(const Encoded &e, const char *packet) { expect_packet(e, wire(packet)); }
+void expect_packet(const Encoded &e, const char *packet)
+{
+    expect_packet(e, wire(packet));
+}
 
 void expect_refused(const Encoded &e, int code)
 {
@@ -50,7 +53,10 @@ Decoded<Disconnect> decode(const Bytes &packet, uint32_t version = 5)
 {
     return decode_with(mqtt_codec_decode_disconnect, packet, version);
 }
-Decoded<Disconnect> decode(const char *packet, uint32_t version = 5) { return decode(wire(packet), version); }
+Decoded<Disconnect> decode(const char *packet, uint32_t version = 5)
+{
+    return decode(wire(packet), version);
+}
 
 void expect_refused(const Decoded<Disconnect> &d, int code, const std::string &text)
 {
@@ -140,12 +146,14 @@ TEST(disconnect_encode, properties_have_at_most_128_bytes)
     fill(para.reason_string, 61);
     fill(para.user_property, 61);
     para.user_property_len = 61; // 64 + 64
-    expect_packet(encode(para, 5), wire("E0 83 01 00 80 01 1F 00 3D") + repeat('x', 61) + wire("26 00 3D") + repeat('x', 61));
+    expect_packet(encode(para, 5),
+                  wire("E0 83 01 00 80 01 1F 00 3D") + repeat('x', 61) + wire("26 00 3D") + repeat('x', 61));
     fill(para.user_property, 62);
     para.user_property_len = 62;
     expect_refused(encode(para, 5), -3);
-    para.user_property_len       = 60; // 127, in one length byte
-    expect_packet(encode(para, 5), wire("E0 81 01 00 7F 1F 00 3D") + repeat('x', 61) + wire("26 00 3C") + repeat('x', 60));
+    para.user_property_len = 60; // 127, in one length byte
+    expect_packet(encode(para, 5),
+                  wire("E0 81 01 00 7F 1F 00 3D") + repeat('x', 61) + wire("26 00 3C") + repeat('x', 60));
     para.session_expiry_interval = 1; // 5 more
     expect_refused(encode(para, 5), -3);
 }
@@ -199,7 +207,8 @@ TEST(disconnect_decode, v4)
     const auto d = decode("E0 00", 4);
     expect_success(d, 2);
     EXPECT_EQ(d.ctx.version, 4u);
-    EXPECT_EQ(d.all, (Log{debug("DISCONNECT decode: MQTT 3.1.1"), debug("DISCONNECT decode success: version=4, len=2")}));
+    EXPECT_EQ(d.all,
+              (Log{debug("DISCONNECT decode: MQTT 3.1.1"), debug("DISCONNECT decode success: version=4, len=2")}));
     Disconnect expected; // the record was garbage before
     clear(expected);
     EXPECT_EQ(memcmp(&d.para, &expected, sizeof expected), 0);
@@ -218,7 +227,8 @@ TEST(disconnect_decode, v5)
     expect_success(d, 4);
     EXPECT_EQ(d.ctx.version, 5u);
     EXPECT_EQ(d.para.reason_code, 4);
-    EXPECT_EQ(d.all, (Log{debug("DISCONNECT decode: MQTT 5.0, reason=0x04"), debug("DISCONNECT decode success: version=5, len=4")}));
+    EXPECT_EQ(d.all, (Log{debug("DISCONNECT decode: MQTT 5.0, reason=0x04"),
+                          debug("DISCONNECT decode success: version=5, len=4")}));
     EXPECT_EQ(decode("E0 02 00 00").para.reason_code, 0);
     expect_success(decode("E0 02 00 00"), 4);
 }
@@ -302,9 +312,10 @@ TEST(disconnect_decode, v5_short_forms_are_refused)
 TEST(disconnect_decode, a_property_block_must_end_inside_the_packet)
 {
     expect_refused(decode("E0 02 00 01"), -4, "DISCONNECT decode: property length exceed remaining data");
-    expect_refused(decode("E0 06 00 05 10 00 00 00 3C"), -4, "DISCONNECT decode: property length exceed remaining data");
+    expect_refused(decode("E0 06 00 05 10 00 00 00 3C"), -4,
+                   "DISCONNECT decode: property length exceed remaining data");
     expect_success(decode("E0 08 00 05 10 00 00 00 3C FF"), 9); // what is behind the block is not counted
-    expect_success(decode("E0 03 00 80 00"), 5); // a longer form of 0
+    expect_success(decode("E0 03 00 80 00"), 5);                // a longer form of 0
 }
 
 TEST(disconnect_decode, flags_are_not_checked)
@@ -351,7 +362,7 @@ TEST(disconnect_decode, needs_a_byte_and_its_pointers)
 {
     mqtt_codec_ctx_t ctx = context(4);
     Disconnect       para;
-    const Bytes      bytes = wire("E0 00");
+    const Bytes      bytes  = wire("E0 00");
     int              length = 2, none = 0;
     LogCapture       log;
     EXPECT_EQ(mqtt_codec_decode_disconnect(nullptr, bytes.data(), &length, &para), -1);
@@ -370,12 +381,14 @@ TEST(disconnect_decode, cut_at_every_byte)
     for (size_t length = 2; length < whole.size(); ++length) {
         const Bytes part(whole.begin(), whole.begin() + static_cast<long>(length));
         SCOPED_TRACE(length);
-        expect_refused(decode(part), -3, "DISCONNECT decode: buffer too short (need=21, have=" + std::to_string(length) + ")");
+        expect_refused(decode(part), -3,
+                       "DISCONNECT decode: buffer too short (need=21, have=" + std::to_string(length) + ")");
 
         Bytes claim = part; // this one says it is whole
         claim[1]    = static_cast<uint8_t>(length - 2);
-        expect_refused(decode(claim), -4, length < 4 ? "DISCONNECT decode: invalid property length"
-                                                     : "DISCONNECT decode: property length exceed remaining data");
+        expect_refused(decode(claim), -4,
+                       length < 4 ? "DISCONNECT decode: invalid property length"
+                                  : "DISCONNECT decode: property length exceed remaining data");
         if (length < 5)
             continue;
         claim[3]        = static_cast<uint8_t>(length - 4); // and so does its block

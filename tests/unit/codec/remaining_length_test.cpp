@@ -20,7 +20,10 @@ struct Value {
     uint32_t consumed;
     bool     operator==(const Value &) const = default;
 };
-std::ostream &operator<<(std::ostream &out, const Value &v) { return out << v.value << " in " << v.consumed; }
+std::ostream &operator<<(std::ostream &out, const Value &v)
+{
+    return out << v.value << " in " << v.consumed;
+}
 
 constexpr uint32_t kUnwritten = 12345;
 
@@ -28,7 +31,8 @@ Value decoded(const char *text, int avail = -1)
 {
     const Bytes bytes = wire(text);
     Value       out   = {0, kUnwritten};
-    out.value = codec_decode_remaining_length(bytes.data(), avail < 0 ? static_cast<int>(bytes.size()) : avail, &out.consumed);
+    out.value =
+        codec_decode_remaining_length(bytes.data(), avail < 0 ? static_cast<int>(bytes.size()) : avail, &out.consumed);
     return out;
 }
 constexpr Value kFailed = {-1, kUnwritten};
