@@ -123,6 +123,7 @@ int mqtt_codec_encode_ack(mqtt_codec_ctx_t *ctx, int type, const mqtt_ack_para_t
     uint8_t body_area[kHeadMax + CODEC_FILTERS_MAX];
     Writer  body(body_area);
     body.bytes(head.data(), head.size()).bytes(codes.data(), codes.size());
+    // Neither can happen with these lengths.
     const Sealed sealed = seal_packet(buf, capacity, body);
     if (sealed.length_bytes == 0)
         return REFUSE(CODEC_E_MALFORMED, "ACK encode: encode remaining length failed (bytes=%d)",

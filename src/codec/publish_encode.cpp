@@ -133,7 +133,7 @@ int write(uint32_t level, const PublishView &message, uint8_t *buf, int *buf_len
                       body, CODEC_BODY_MAX);
 
     const uint32_t length_bytes = codec_encode_remaining_length(buf + 1, body);
-    if (length_bytes == 0)
+    if (length_bytes == 0) // cannot happen with a body this short
         return REFUSE(CODEC_E_MALFORMED, "[PUBLISH ENCODE] Step 5 ERROR: Encode Remaining Length failed (len=%d) [MQTT 5.0 §2.1.4]\n",
                       body);
     const auto total = static_cast<int>(1 + length_bytes + body);

@@ -22,7 +22,7 @@ int mqtt_codec_encode_simple(mqtt_codec_ctx_t *ctx, int type, uint8_t *buf, int 
 
     open_packet(buf, *buf_len, static_cast<uint8_t>(type << 4)); // the zeroes behind it are the rest of the packet
     const int total = type == DISCONNECT && level == 5 ? 3 : 2;
-    if (total > *buf_len)
+    if (total > *buf_len) // cannot happen with the capacity asked for above
         return REFUSE(CODEC_E_BUFFER, "Simple encode: buffer overflow (need %d, have %d)", total, *buf_len);
     LOG_DEBUG("Simple encode success: type=%d, version=%d, len=%d", type, level, total);
     return encoded(ctx, static_cast<uint32_t>(type), total, buf_len);

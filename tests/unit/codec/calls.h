@@ -6,6 +6,7 @@
 #include "support/log_capture.h"
 #include "support/wire.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -64,7 +65,7 @@ Decoded<Record> decode_with(int (*decoder)(mqtt_codec_ctx_t *, const uint8_t *, 
     out.ctx      = context(version);
     out.consumed = static_cast<int>(packet.size());
     std::unique_ptr<uint8_t[]> input(new uint8_t[packet.size()]);
-    memcpy(input.get(), packet.data(), packet.size());
+    std::copy(packet.begin(), packet.end(), input.get());
 
     LogCapture log(log_level);
     out.code = decoder(&out.ctx, input.get(), &out.consumed, &out.para);

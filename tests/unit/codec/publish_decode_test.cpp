@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <thread>
 
 using namespace tarn::test;
 
@@ -512,4 +513,31 @@ TEST(publish_decode, does_not_read_back_the_encoders_alias)
     const Publish d  = decode(Bytes(e.buffer.begin(), e.buffer.begin() + e.length));
     expect_success(d, 5, e.length, {warn("PUBLISH decode: unknown property type 0x05, pos=9")});
     EXPECT_EQ(d.para.topic_alias, 0x0200);
+}
+
+TEST(publish_decode, shares_its_context_with_an_encoder_on_another_thread)
+{
+    LogCapture       log(4);
+    mqtt_codec_ctx_t ctx = context(4);
+    const Bytes      v4  = wire("30 08 | 00 01 'a' 'hello'");
+    const Bytes      v5  = wire("30 05 00 01 61 00 41");
+    std::thread      reader([&] {
+        for (int i = 0; i < 2000; ++i) {
+            const Bytes        &bytes = i % 2 ? v4 : v5;
+            int                 len   = static_cast<int>(bytes.size());
+            mqtt_publish_para_t para;
+            EXPECT_EQ(mqtt_codec_decode_publish(&ctx, bytes.data(), &len, &para), 0);
+        }
+    });
+    mqtt_publish_para_t para;
+    memset(&para, 0, sizeof para);
+    para.topic[0] = 'a';
+    for (int i = 0; i < 2000; ++i) {
+        uint8_t buf[128];
+        int     len = sizeof buf;
+        EXPECT_EQ(mqtt_codec_encode_publish(&ctx, &para, buf, &len), 0);
+        EXPECT_EQ(buf[1], len - 2) << "one level from start to end";
+        EXPECT_TRUE(len == 5 || len == 6);
+    }
+    reader.join();
 }
