@@ -123,6 +123,8 @@ void hand_to_send_thread(int32_t index) noexcept; // wakes it
 void wake_send_thread() noexcept;                 // it tries again what sockets did not take
 
 void use_network_hooks() noexcept;
+void begin_io_round() noexcept; // called by the network layer
+void end_io_round() noexcept;
 // True when the calling thread is inside an I/O round, which sends at its end what the round queued.
 [[nodiscard]] bool in_io_round() noexcept;
 void               add_to_round(int32_t index) noexcept;

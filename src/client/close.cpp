@@ -29,7 +29,7 @@ void keep_session_until(mqtt_client_t &client, const client_id_text &id, uint32_
 // QUIRK(session-ends-with-connection): a client that asked for a session to be kept loses it when its connection drops
 // and no expiry interval above 0 was given, which no 3.1.1 client can give [MQTT-3.1.2-4 and 4.1 of 3.1.1]. One that
 // says DISCONNECT keeps it, without a deadline.
-//   test: close.a_dropped_v4_session_is_deleted_at_once
+//   test: Close.a_dropped_v4_session_is_deleted_at_once
 void settle_session(mqtt_client_t &client, const client_id_text &id)
 {
     if (peek(client.clean_session) || peek(client.disconnect_received))
@@ -44,7 +44,7 @@ void settle_session(mqtt_client_t &client, const client_id_text &id)
 
 // QUIRK(will-after-timeout): the will of a client that the keep-alive scan closes starts even if the client has said
 // DISCONNECT [MQTT-3.14.4-3].
-//   test: close.a_timed_out_client_starts_its_will_whatever_it_said
+//   test: Close.a_timed_out_client_starts_its_will_whatever_it_said
 bool will_is_due(mqtt_client_t &client)
 {
     if (!peek(client.will_msg_used) || peek(client.will_sent))

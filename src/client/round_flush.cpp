@@ -8,8 +8,10 @@
 namespace tarn::client {
 namespace {
 
-// Places in the pool of records that the running round queued for. Only the thread inside the round adds and removes;
-// the network layer lets one thread in at a time.
+// Places in the pool of records that the running round queued for. Only the thread inside the round adds and removes.
+// The network layer lets one thread in at a time, but a round whose callback restarts the layer meets rounds of the new
+// start; the second one then queues like any other thread.
+constinit std::atomic<uint8_t> g_round_taken{0};
 constinit int32_t              g_round[CLIENT_MAX]{};
 constinit std::atomic<int32_t> g_round_count{0};
 constinit std::atomic<uint8_t> g_watched{0}; // the send thread looks every 10 ms
@@ -17,14 +19,18 @@ constinit std::atomic<uint8_t> g_queued_since{0};
 
 constinit thread_local bool t_in_round = false;
 
-void begin_round()
+} // namespace
+
+void begin_io_round() noexcept
 {
-    t_in_round = true;
+    t_in_round = g_round_taken.exchange(1, std::memory_order_acquire) == 0;
 }
 
-void end_round()
+void end_io_round() noexcept
 {
-    t_in_round          = false;
+    if (!t_in_round)
+        return;
+    t_in_round = false;
     const int32_t count = g_round_count.load(std::memory_order_relaxed);
     for (int32_t i = 0; i < count; ++i) {
         const int32_t index = peek(g_round[i]);
@@ -34,10 +40,9 @@ void end_round()
         const client_ref client(record_at(index)); // whoever has the record now
         flush_and_hand_over(*client);
     }
-    g_round_count.store(0, std::memory_order_release);
+    g_round_count.store(0, std::memory_order_relaxed);
+    g_round_taken.store(0, std::memory_order_release);
 }
-
-} // namespace
 
 bool in_io_round() noexcept
 {
@@ -81,7 +86,7 @@ bool flush_long_round(int &quiet_turns) noexcept
 
 void use_network_hooks() noexcept
 {
-    net::set_round_hooks({begin_round, end_round});
+    net::set_round_hooks({begin_io_round, end_io_round});
     net::set_writable_hook(wake_send_thread);
 }
 

@@ -34,7 +34,7 @@ bool is_waiting(mqtt_client_t &client)
 
 // QUIRK(overdue-will): a will that is late by more than 30 s, because the broker was stopped meanwhile, is dropped
 // [MQTT-3.1.2-8].
-//   test: will_scan.a_will_overdue_by_more_than_30_s_is_dropped
+//   test: WillScan.a_will_overdue_by_more_than_30_s_is_dropped
 bool is_overdue(mqtt_client_t &client, uint64_t now_ms)
 {
     return peek(client.will_delay_deadline) + CLIENT_WILL_OVERDUE_MS < now_ms;

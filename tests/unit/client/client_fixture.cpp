@@ -1,0 +1,295 @@
+#include "client_fixture.h"
+
+#include "base/clock.h"
+#include "handler/packet_handler.h"
+#include "persist/persist.h"
+#include "qos/qos_reliable.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <mutex>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace tarn::test {
+
+Calls g_calls;
+
+namespace {
+
+std::mutex g_made_mx;
+
+void note(std::string call)
+{
+    const std::lock_guard<std::mutex> lock(g_made_mx);
+    g_calls.made.push_back(std::move(call));
+}
+
+std::string id_text(mqtt_client_t *client) { return client::stored_id(*client).text; }
+
+bool memory_fails()
+{
+    return g_calls.memory_fails_after >= 0 && g_calls.memory_fails_after-- == 0;
+}
+
+} // namespace
+
+std::vector<std::string> take_calls()
+{
+    const std::lock_guard<std::mutex> lock(g_made_mx);
+    return std::exchange(g_calls.made, {});
+}
+
+Socket::Socket(uint32_t handle, int send_buffer) : handle_(handle)
+{
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair) != 0)
+        abort();
+    if (send_buffer)
+        setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer);
+    ours_              = pair[1];
+    netip_conn_t &slot = g_netip_clients[handle];
+    slot.handle        = handle;
+    slot.type          = NETIP_TCP;
+    slot.fd            = pair[0];
+    slot.port          = 4321;
+    strcpy(slot.ip, "192.0.2.7");
+    poke_release(slot.in_use, 1);
+}
+
+Socket::~Socket()
+{
+    close(ours_);
+    netip_conn_t &slot = g_netip_clients[handle_];
+    if (swap_in(slot.in_use, 0))
+        close(slot.fd);
+}
+
+Bytes Socket::received()
+{
+    Bytes   bytes(1 << 20);
+    ssize_t total = 0;
+    for (ssize_t got; (got = recv(ours_, bytes.data() + total, bytes.size() - static_cast<size_t>(total), 0)) > 0;)
+        total += got;
+    bytes.resize(static_cast<size_t>(total));
+    return bytes;
+}
+
+Bytes Socket::wait_for(size_t bytes)
+{
+    Bytes all;
+    for (int i = 0; i < 200 && all.size() < bytes; ++i) {
+        pollfd ready{ours_, POLLIN, 0};
+        poll(&ready, 1, 5);
+        all = all + received();
+    }
+    return all;
+}
+
+bool Socket::closed_by_broker()
+{
+    (void)received();
+    char byte;
+    return recv(ours_, &byte, 1, 0) == 0;
+}
+
+void Socket::stuff()
+{
+    const Bytes filler(512, 0);
+    while (::send(g_netip_clients[handle_].fd, filler.data(), filler.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0)
+        ;
+}
+
+size_t Socket::drain() { return received().size(); }
+
+TcpPeer::TcpPeer() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+{
+    sockaddr_in address{};
+    address.sin_family      = AF_INET;
+    address.sin_port        = htons(NETIP_PORT);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(fd_, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+        abort();
+}
+
+TcpPeer::~TcpPeer() { close(fd_); }
+
+void TcpPeer::send(const Bytes &bytes) const
+{
+    if (::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0)
+        perror("send");
+}
+
+Bytes TcpPeer::wait_for(size_t bytes)
+{
+    Bytes all;
+    for (int i = 0; i < 200 && all.size() < bytes; ++i) {
+        pollfd ready{fd_, POLLIN, 0};
+        if (poll(&ready, 1, 10) != 1)
+            continue;
+        Bytes         part(4096);
+        const ssize_t got = recv(fd_, part.data(), part.size(), MSG_DONTWAIT);
+        if (got <= 0)
+            break;
+        part.resize(static_cast<size_t>(got));
+        all = all + part;
+    }
+    return all;
+}
+
+Manager::Manager(int32_t max_clients)
+{
+    const LogCapture quiet;
+    if (client_mgr_init(max_clients) != 0)
+        abort();
+    mqtt_stop_send_thread();
+    qos_reliable_destroy(); // the scan thread
+    take_calls();
+}
+
+Manager::~Manager()
+{
+    const LogCapture quiet;
+    client_mgr_deinit();
+}
+
+mqtt_client_t *log_in(uint32_t handle, const char *id, uint8_t clean, uint32_t version)
+{
+    mqtt_client_t *const client = client_create(handle, "10.0.0.1", 1000, nullptr);
+    if (!client)
+        return nullptr;
+    client_set_cid(client, id);
+    poke(client->clean_session, clean);
+    poke(client->codec.version, version);
+    EXPECT_TRUE(mark_logged_in(*client));
+    return client;
+}
+
+OwnRecord::OwnRecord(uint32_t handle) : record_(new mqtt_client_t{})
+{
+    record_->handle          = handle;
+    record_->state           = CLIENT_LOGINED;
+    record_->used            = 1;
+    record_->max_packet_size = 4096;
+}
+
+OwnRecord::~OwnRecord() { free(record_->send_queue); }
+
+std::vector<LogLine> own_lines(LogCapture &log)
+{
+    std::vector<LogLine> lines = log.take();
+    std::erase_if(lines, [](const LogLine &line) { return line.text.rfind("[QoS", 0) == 0; });
+    return lines;
+}
+
+uint32_t send(mqtt_client_t *client, const Bytes &packet)
+{
+    return client_send(client, packet.data(), static_cast<int32_t>(packet.size()));
+}
+
+int queued(const mqtt_client_t *client)
+{
+    return (peek(client->send_tail) - peek(client->send_head) + CLIENT_SEND_SLOTS) % CLIENT_SEND_SLOTS;
+}
+
+bool eventually(const std::function<bool()> &condition)
+{
+    for (int i = 0; i < 5000; ++i) {
+        if (condition())
+            return true;
+        usleep(1000);
+    }
+    return condition();
+}
+
+} // namespace tarn::test
+
+using namespace tarn;
+using namespace tarn::test;
+
+// The manager's calls to other modules arrive here (see CMakeLists.txt).
+extern "C" {
+int   __real_qos_reliable_init(void);
+void  __real_qos_reliable_destroy(void);
+void  __real_qos_reliable_clean_client_packets(mqtt_client_t *client);
+void *__real_mmap(void *, size_t, int, int, int, off_t);
+int   __real_mprotect(void *, size_t, int);
+
+int __wrap_packet_dispatch(mqtt_client_t *client, const uint8_t *buf, uint32_t len)
+{
+    note("packet_dispatch " + hex(buf, len));
+    return g_calls.on_packet ? g_calls.on_packet(*client, Bytes(buf, buf + len)) : 0;
+}
+
+int __wrap_packet_send_will_message(mqtt_client_t *client)
+{
+    note("packet_send_will_message " + id_text(client) + " state " + std::to_string(peek(client->state)));
+    if (g_calls.on_will)
+        g_calls.on_will(*client);
+    poke(client->will_sent, 1);
+    return 0;
+}
+
+void __wrap_packet_start_will_delay(mqtt_client_t *client)
+{
+    note("packet_start_will_delay " + id_text(client) + " state " + std::to_string(peek(client->state)));
+    if (peek(client->will_delay_interval) == 0) {
+        __wrap_packet_send_will_message(client);
+        return;
+    }
+    ScopedLock lock(client->will_lock);
+    poke(client->will_delay_pending, 1);
+    poke(client->will_delay_deadline, mono_ms() + uint64_t{peek(client->will_delay_interval)} * 1000);
+}
+
+void __wrap_packet_handler_remove_client_subs(const char *client_id, uint8_t clean_session)
+{
+    note("packet_handler_remove_client_subs " + std::string(client_id) + " " + std::to_string(clean_session));
+}
+
+void __wrap_persist_mark(persist_session_t *rec, uint8_t what)
+{
+    note("persist_mark " + std::to_string(what) + " expiry " + std::to_string(rec->session_expiry_interval) + " until " +
+         std::to_string(rec->session_expiry_deadline));
+    if (g_calls.on_mark)
+        g_calls.on_mark();
+}
+
+int __wrap_persist_remove(const char *client_id)
+{
+    note("persist_remove " + std::string(client_id));
+    return 0;
+}
+
+int __wrap_qos_reliable_init(void)
+{
+    note("qos_reliable_init");
+    if (g_calls.qos_fails || g_calls.qos_stands_in)
+        return g_calls.qos_fails ? -1 : 0;
+    return __real_qos_reliable_init();
+}
+
+void __wrap_qos_reliable_destroy(void)
+{
+    note("qos_reliable_destroy");
+    __real_qos_reliable_destroy();
+}
+
+void __wrap_qos_reliable_clean_client_packets(mqtt_client_t *client)
+{
+    note("qos_reliable_clean_client_packets " + id_text(client));
+    __real_qos_reliable_clean_client_packets(client);
+}
+
+void *__wrap_mmap(void *at, size_t bytes, int protection, int flags, int fd, off_t offset)
+{
+    return memory_fails() ? MAP_FAILED : __real_mmap(at, bytes, protection, flags, fd, offset);
+}
+
+int __wrap_mprotect(void *at, size_t bytes, int protection)
+{
+    return memory_fails() ? -1 : __real_mprotect(at, bytes, protection);
+}
+}

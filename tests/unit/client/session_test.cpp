@@ -1,0 +1,121 @@
+#include "client_fixture.h"
+
+using namespace tarn;
+using namespace tarn::test;
+
+TEST(expired_sessions, are_deleted_once_their_deadline_has_passed)
+{
+    const ManualClock clock;
+    const Manager     manager;
+    const auto        parked_until = [](uint32_t handle, const char *id, int64_t deadline_s) {
+        mqtt_client_t *const client     = log_in(handle, id);
+        client->session_expiry_deadline = static_cast<uint64_t>(deadline_s);
+        return client;
+    };
+    const int64_t now = clock.wall_s();
+    mqtt_client_t *const past = parked_until(1, "past", now - 1);
+    parked_until(2, "now", now);
+    parked_until(3, "future", now + 1);
+    parked_until(4, "none", 0);
+    parked_until(5, "unused", 1)->used = 0;
+    parked_until(6, "old", 5);
+    LogCapture log;
+    client_clean_expired_sessions();
+    EXPECT_THAT(log.take(), ElementsAre(info("[MQTT5] 开始清理过期会话..."),
+                                        info("[MQTT5] 清理过期会话: past (deadline=1799999999)"),
+                                        info("[MQTT5] 清理过期会话: old (deadline=5)"),
+                                        info("[MQTT5] 过期会话清理完成")));
+    EXPECT_THAT(take_calls(), ElementsAre("persist_remove past", "persist_remove old"));
+    EXPECT_EQ(past->session_expiry_deadline, static_cast<uint64_t>(now - 1)) << "stays";
+    g_client_mgr.blocks[0].records[4].used = 1;
+}
+
+TEST(expired_sessions, are_deleted_in_portions)
+{
+    const Manager manager(300);
+    for (const uint32_t count : {63u, 64u, 65u, 200u}) {
+        for (uint32_t i = 0; i < count; ++i)
+            log_in(i, ("dev" + std::to_string(i)).c_str())->session_expiry_deadline = 1;
+        take_calls();
+        client_clean_expired_sessions();
+        const std::vector<std::string> calls = take_calls();
+        ASSERT_THAT(calls, SizeIs(count));
+        EXPECT_EQ(calls.back(), "persist_remove dev" + std::to_string(count - 1));
+        for (uint32_t i = 0; i < count; ++i)
+            client_close(client_find_by_handle(i));
+    }
+}
+
+TEST(expired_sessions, without_a_pool_are_none)
+{
+    LogCapture log;
+    client_clean_expired_sessions();
+    EXPECT_THAT(log.take(),
+                ElementsAre(info("[MQTT5] 开始清理过期会话..."), info("[MQTT5] 过期会话清理完成")));
+}
+
+namespace {
+
+bool is_zero(const persist_session_t &session)
+{
+    static const persist_session_t zero{};
+    return memcmp(&session, &zero, sizeof zero) == 0;
+}
+
+} // namespace
+
+TEST(clear_session, clears_what_counts_and_told_places_say_was_written)
+{
+    const Manager      manager;
+    mqtt_client_t     &client  = *log_in(1, "dev1");
+    persist_session_t &session = client.session;
+    strcpy(session.client_id, "dev1");
+    session.will_correlation_len = 7;
+    strcpy(session.subs[1].topic, "a");
+    session.sub_count = 2;
+    strcpy(session.msgs[0].topic, "b");
+    session.msg_count = 1;
+    clear_session(client);
+    EXPECT_TRUE(is_zero(session));
+
+    session_written(client, 64, 3);
+    session_written(client, 1, 1); // lower: does not count
+    strcpy(session.subs[63].topic, "a");
+    session.msgs[2].qos = 1;
+    clear_session(client);
+    EXPECT_TRUE(is_zero(session));
+}
+
+TEST(clear_session, leaves_pages_alone_that_nobody_wrote)
+{
+    const Manager      manager;
+    mqtt_client_t     &client  = *log_in(1, "dev1");
+    persist_session_t &session = client.session;
+    session.subs[5].qos        = 1; // not told
+    session.msgs[5].qos        = 1;
+    clear_session(client);
+    EXPECT_EQ(session.subs[5].qos, 1);
+    EXPECT_EQ(session.msgs[5].qos, 1);
+}
+
+TEST(clear_session, believes_no_count_beyond_the_arrays)
+{
+    const Manager  manager;
+    mqtt_client_t &client     = *log_in(1, "dev1");
+    mqtt_client_t &next       = *log_in(2, "dev2");
+    client.session.sub_count  = 1000000;
+    client.session.msg_count  = -5;
+    session_written(client, -1, 1000000);
+    clear_session(client);
+    EXPECT_TRUE(is_zero(client.session));
+    EXPECT_STREQ(next.client_id, "dev2");
+}
+
+TEST(clear_session, of_an_own_record_clears_all)
+{
+    OwnRecord own;
+    memset(&own->session, 7, sizeof own->session);
+    session_written(*own, 1, 1);
+    clear_session(*own);
+    EXPECT_TRUE(is_zero(own->session));
+}
