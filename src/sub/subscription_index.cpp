@@ -1,80 +1,39 @@
 #include "subscription_index.h"
 
 #include "../base/clock.h"
+#include "filter_key.h"
 
+#include <array>
 #include <cstring>
 
 namespace tarn::sub {
 namespace {
 
-// ---- hashes
-
-// FNV-1a, byte by byte: a topic's running hash is also the hash of each of its prefixes.
-constexpr uint64_t kTextBasis  = 0xCBF29CE484222325;
-constexpr uint64_t kExactBasis = 0x9AE16A3B2F90404F; // keeps whole filters apart from the prefixes of wildcard filters
-
-constexpr uint64_t step(uint64_t hash, char c) noexcept
-{
-    return (hash ^ static_cast<uint8_t>(c)) * 0x100000001B3;
-}
-constexpr uint64_t hash_of(std::string_view text, uint64_t hash = kTextBasis) noexcept
-{
-    for (const char c : text)
-        hash = step(hash, c);
-    return hash;
-}
-constexpr uint64_t mix(uint64_t a, uint64_t b) noexcept
-{
-    const uint64_t h = (a ^ std::rotl(b, 29)) * 0x9E3779B97F4A7C15;
-    return h ^ h >> 32;
-}
-constexpr uint64_t pair_hash(uint64_t id_hash, std::string_view filter) noexcept
-{
-    return mix(id_hash, hash_of(filter));
-}
-
-// ---- the key under which an entry's filter is found
-
-constexpr uint64_t kComplainKey = 1; // invalid filters: candidates for every topic
-
-constexpr uint64_t exact_key(std::string_view topic) noexcept { return hash_of(topic, kExactBasis); }
-
-// Filters without wildcards are found by all of their text, the others by what stands before the first wildcard: it is
-// empty or ends in '/'.
-uint64_t key_of(std::string_view filter) noexcept
-{
-    const std::string_view compared = compared_part(filter);
-    if (judge_filter(compared).fault != FilterFault::None)
-        return kComplainKey;
-    const size_t wildcard = compared.find_first_of("+#");
-    return wildcard == compared.npos ? exact_key(compared) : hash_of(compared.substr(0, wildcard));
-}
-
 // ---- stamps
 
 // The id and the first characters of the filter lie in one stretch, read as words, whatever stands behind the
 // terminators; the few longer filters add their rest.
-constexpr size_t kStampBytes       = 112;
+constexpr size_t kStampBytes    = 112;
 constexpr size_t kStampLastChar = kStampBytes - offsetof(sub_entry_t, topic_filter) - 1; // of the filter
-static_assert(kStampBytes % 16 == 0);
+constexpr size_t kStampWords    = kStampBytes / 8;
+
+constexpr std::array<uint64_t, kStampWords> kFactors = [] {
+    std::array<uint64_t, kStampWords> factors{};
+    uint64_t                          factor = 0x9E3779B97F4A7C15;
+    for (uint64_t &each : factors)
+        each = factor = factor * 0xD1342543DE82EF95 + 2; // odd stays odd
+    return factors;
+}();
 
 uint64_t stamp_of(const sub_entry_t &entry) noexcept
 {
-    uint64_t words[kStampBytes / 8];
+    uint64_t words[kStampWords];
     memcpy(words, &entry, sizeof words);
-    uint64_t even = 0;
-    uint64_t odd  = 0;
-    for (size_t i = 0; i < std::size(words); i += 2) {
-        even = (even ^ words[i]) * 0x9E3779B97F4A7C15;
-        odd  = (odd ^ words[i + 1]) * 0xD6E8FEB86659FD93;
-        even ^= even >> 29;
-        odd ^= odd >> 31;
-    }
-    uint64_t stamp = mix(even, odd);
+    uint64_t stamp = 0;
+    for (size_t i = 0; i < kStampWords; ++i) // products that do not wait for each other
+        stamp += (words[i] ^ words[i] >> 32) * kFactors[i];
     const char *rest = entry.topic_filter + kStampLastChar;
-    if (*rest)
-        stamp = mix(stamp, hash_of(cut(rest, kFilterChars - kStampLastChar)));
-    return stamp;
+    return *rest ? hash_mix(stamp, hash_of(cut(rest, kFilterChars - kStampLastChar))) : stamp;
 }
 
 // ---- chains
@@ -113,10 +72,42 @@ struct Index {
     uint64_t           id[SUB_CAPACITY];
     uint64_t           pair[SUB_CAPACITY]; // of id and filter
     uint64_t           key[SUB_CAPACITY];  // of the filter
+    int32_t            shape[SUB_CAPACITY]; // its place among the shapes, or -1
     Chains             by_pair;
     Chains             by_key;
+
+    // Shapes that filters have. A place with no uses is free.
+    Shape   shapes[SUB_CAPACITY];
+    int32_t shape_uses[SUB_CAPACITY];
+    int32_t shape_count;
 };
 constinit Index g_index{}; // under g_sub_mgr.lock
+
+// There are as many places as entries, so one is always found.
+int32_t use_shape(const Shape &shape) noexcept
+{
+    int32_t place = g_index.shape_count;
+    for (int32_t i = 0; i < g_index.shape_count; ++i) {
+        if (g_index.shape_uses[i] == 0) {
+            place = i;
+        } else if (g_index.shapes[i] == shape) {
+            place = i;
+            break;
+        }
+    }
+    g_index.shape_count = std::max(g_index.shape_count, place + 1);
+    g_index.shapes[place] = shape;
+    ++g_index.shape_uses[place];
+    return place;
+}
+
+void drop_shape(int32_t place) noexcept
+{
+    if (place >= 0)
+        --g_index.shape_uses[place];
+    while (g_index.shape_count > 0 && g_index.shape_uses[g_index.shape_count - 1] == 0)
+        --g_index.shape_count;
+}
 
 void note_entry(int32_t i) noexcept
 {
@@ -124,8 +115,10 @@ void note_entry(int32_t i) noexcept
     const std::string_view filter = text_of(entry.topic_filter);
     g_index.stamp[i]              = stamp_of(entry);
     g_index.id[i]                 = hash_of(text_of(entry.client_id));
-    g_index.pair[i]               = pair_hash(g_index.id[i], filter);
-    g_index.key[i]                = key_of(filter);
+    g_index.pair[i]               = hash_mix(g_index.id[i], hash_of(filter));
+    const FilterKey key           = key_of(filter);
+    g_index.key[i]                = key.key;
+    g_index.shape[i]              = key.shape.levels ? use_shape(key.shape) : -1;
 }
 
 void link_entry(int32_t i) noexcept
@@ -146,6 +139,8 @@ void rebuild(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock)
 {
     g_index.subs  = manager.subs;
     g_index.count = entries_in(manager);
+    memset(g_index.shape_uses, 0, sizeof(int32_t) * static_cast<size_t>(g_index.shape_count));
+    g_index.shape_count = 0;
     for (int32_t i = 0; i < g_index.count; ++i)
         note_entry(i);
     link_all();
@@ -190,17 +185,13 @@ void candidates_for(const sub_mgr_t &, std::string_view topic, EntrySet &found) 
     };
     if (g_index.count == 0)
         return;
-    add_all(kComplainKey);
-    add_all(exact_key(topic));
-
-    uint64_t prefix = kTextBasis;
-    add_all(prefix); // filters that begin with a wildcard
-    for (const char c : topic) {
-        prefix = step(prefix, c);
-        if (c == '/')
-            add_all(prefix);
-    }
-    add_all(step(prefix, '/')); // "a/#" matches "a"
+    for_each_key(topic, add_all);
+    if (g_index.shape_count == 0)
+        return;
+    const LevelHashes levels(topic);
+    for (int32_t i = 0; i < g_index.shape_count; ++i)
+        if (g_index.shape_uses[i] && g_index.shapes[i].may_match(levels.count))
+            add_all(shape_key(g_index.shapes[i], levels));
 }
 
 void entries_of(const sub_mgr_t &manager, std::string_view id, const std::string_view *filter, EntrySet &found) noexcept
@@ -215,7 +206,7 @@ void entries_of(const sub_mgr_t &manager, std::string_view id, const std::string
                 found.add(i);
         return;
     }
-    g_index.by_pair.for_each(pair_hash(id_hash, *filter), [&](int32_t i) {
+    g_index.by_pair.for_each(hash_mix(id_hash, hash_of(*filter)), [&](int32_t i) {
         if (has_id(i) && text_of(manager.subs[i].topic_filter) == *filter)
             found.add(i);
     });
@@ -231,12 +222,15 @@ void index_removed(const sub_mgr_t &, const EntrySet &removed) noexcept
 {
     int32_t kept = 0;
     for (int32_t i = 0; i < g_index.count; ++i) {
-        if (removed.has(i))
+        if (removed.has(i)) {
+            drop_shape(g_index.shape[i]);
             continue;
+        }
         g_index.stamp[kept] = g_index.stamp[i];
         g_index.id[kept]    = g_index.id[i];
         g_index.pair[kept]  = g_index.pair[i];
         g_index.key[kept]   = g_index.key[i];
+        g_index.shape[kept] = g_index.shape[i];
         ++kept;
     }
     g_index.count = kept;

@@ -166,13 +166,18 @@ TEST_F(stats, update_takes_a_snapshot_of_the_other_modules)
     EXPECT_EQ(g_mqtt_stats.pool_usage, 0.0f);
 }
 
-TEST_F(stats, highest_online_number_stays)
+TEST_F(stats, online_number_is_live_and_the_highest_stays)
 {
-    g_mqtt_stats.max_online = 5;
-    g_mqtt_stats.online     = 5;
+    mqtt_client_t *const first  = client_create(1, "127.0.0.1", 1, nullptr);
+    mqtt_client_t *const second = client_create(2, "127.0.0.1", 2, nullptr);
+    ASSERT_TRUE(first && second);
     mqtt_stats_update();
-    EXPECT_EQ(g_mqtt_stats.online, client_get_connected_count());
-    EXPECT_EQ(g_mqtt_stats.max_online, 5u);
+    EXPECT_EQ(g_mqtt_stats.online, 2u);
+    EXPECT_EQ(g_mqtt_stats.max_online, 2u);
+    tarn::poke(second->state, CLIENT_CLOSED);
+    mqtt_stats_update();
+    EXPECT_EQ(g_mqtt_stats.online, 1u);
+    EXPECT_EQ(g_mqtt_stats.max_online, 2u);
 }
 
 TEST_F(stats, reset_clears_the_period_only)

@@ -55,6 +55,15 @@ TEST_F(routes, tell_who_at_which_qos_and_in_which_group)
     EXPECT_THAT(shown(), ElementsAre("1 c1 1", "2 c2 2 'group'", "3 c3 0 ''", "4 " + std::string(64, 'i') + " 1"));
 }
 
+TEST_F(routes, tell_what_the_subscriber_asked_to_be_kept)
+{
+    sub_add("c1", "a", 0, 0);
+    sub_add("c2", "a", 0, 1);
+    EXPECT_EQ(match_routes("a", list), 2);
+    EXPECT_EQ(list.routes[0].clean_session, 0);
+    EXPECT_EQ(list.routes[1].clean_session, 1);
+}
+
 TEST_F(routes, mark_a_shared_filter_without_second_slash)
 {
     sub_add("c", "$share/g", 1, 0);

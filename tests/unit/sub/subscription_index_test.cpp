@@ -272,25 +272,25 @@ TEST_F(index_of_subscriptions, behaves_as_the_table_walked_from_the_start)
 
 TEST_F(index_of_subscriptions, notices_edits_in_a_small_table_at_once)
 {
-    fill(256);
+    fill(64);
     EXPECT_EQ(routed("fill/7").size(), 1u);
-    strcpy(g_sub_mgr.subs[255].topic_filter, "by/hand");
+    strcpy(g_sub_mgr.subs[63].topic_filter, "by/hand");
     EXPECT_EQ(routed("by/hand").size(), 1u);
-    EXPECT_EQ(routed("fill/255").size(), 0u);
+    EXPECT_EQ(routed("fill/63").size(), 0u);
     strcpy(g_sub_mgr.subs[0].client_id, "by-hand");
     EXPECT_EQ(sub_remove("by-hand", nullptr), 1);
     strcpy(g_sub_mgr.subs[9].topic_filter, "new");
     EXPECT_EQ(sub_add(g_sub_mgr.subs[9].client_id, "new", 2, 0), 0);
-    EXPECT_EQ(g_sub_mgr.sub_count, 255);
+    EXPECT_EQ(g_sub_mgr.sub_count, 63);
 }
 
 TEST_F(index_of_subscriptions, notices_edits_in_a_big_table_when_matching_or_in_time)
 {
-    fill(257);
+    fill(65);
     EXPECT_EQ(routed("fill/7").size(), 1u);
-    strcpy(g_sub_mgr.subs[100].topic_filter, "by/hand");
+    strcpy(g_sub_mgr.subs[20].topic_filter, "by/hand");
     EXPECT_EQ(matched("by/hand").size(), 1u);
-    strcpy(g_sub_mgr.subs[100].topic_filter, "by/hand/again");
+    strcpy(g_sub_mgr.subs[20].topic_filter, "by/hand/again");
     clock.advance_ms(100);
     EXPECT_EQ(routed("by/hand/again").size(), 1u);
 }
@@ -371,6 +371,46 @@ TEST_F(index_of_subscriptions, starts_empty_with_an_emptied_table)
     }
     g_sub_mgr.sub_count = 300;
     EXPECT_EQ(routed("same").size(), 300u);
+}
+
+TEST_F(index_of_subscriptions, finds_filters_of_many_shapes)
+{
+    std::vector<std::string> filters;
+    for (int shape = 1; shape < 256; ++shape) { // which of eight levels are '+'
+        std::string filter;
+        for (int level = 0; level < 8; ++level)
+            filter += (level ? "/" : "") + (shape >> level & 1 ? "+" : std::to_string(level));
+        filters.push_back(filter);
+        add("c", filter);
+    }
+    EXPECT_EQ(routed("0/1/2/3/4/5/6/7").size(), 255u);
+    EXPECT_EQ(routed("0/1/2/3/4/5/6/x").size(), 128u);
+    EXPECT_EQ(routed("0/1/2/3/4/5/6/7/").size(), 128u); // those that end in '+'
+    EXPECT_EQ(routed("0/1/2/3/4/5/6").size(), 0u);
+    for (size_t i = 0; i < filters.size(); i += 2)
+        EXPECT_EQ(sub_remove("c", filters[i].c_str()), 1);
+    EXPECT_EQ(routed("0/1/2/3/4/5/6/7").size(), 127u);
+    add("c", "+/+");
+    EXPECT_EQ(routed("a/b").size(), 1u);
+    EXPECT_EQ(sub_remove("c", nullptr), 128);
+    EXPECT_EQ(routed("a/b").size(), 0u);
+}
+
+TEST_F(index_of_subscriptions, finds_filters_with_more_levels_than_a_shape_has)
+{
+    for (const int levels : {63, 64, 65, 66, 128}) {
+        std::string topic = "t";
+        for (int level = 1; level < levels; ++level)
+            topic += "/t";
+        const std::string up_to_last = topic.substr(0, topic.size() - 1);
+        add("c", "+" + topic.substr(1));
+        add("c", up_to_last + "+");
+        add("c", up_to_last + "#");
+        add("c", topic);
+        EXPECT_EQ(routed(topic).size(), 4u) << levels;
+        EXPECT_EQ(routed(topic + "/").size(), 2u) << levels;
+        sub_remove("c", nullptr);
+    }
 }
 
 TEST_F(index_of_subscriptions, works_in_the_full_table)
