@@ -189,7 +189,7 @@ TEST(broadcast, what_the_encoder_or_the_ring_refuses_is_reported)
     small->max_packet_size = 5;
     LogCapture log(AGENT_LOG_ERROR);
     broadcast(wire("30 05 00 01 't'") + repeat('x', 2049));
-    EXPECT_EQ(log.take()[2], error("[遗嘱调试][广播失败] 订阅者1：To=r, 编码失败（错误码=-1）"));
+    EXPECT_EQ(log.take()[1], error("[遗嘱调试][广播失败] 订阅者1：To=r, 编码失败（错误码=-1）"));
     broadcast(wire("30 04 00 01 't' 'x'"));
     EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] 订阅者2：To=small, 发送返回值=-1")));
     EXPECT_EQ(client.gets().size(), 1u);
