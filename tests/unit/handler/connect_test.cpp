@@ -213,7 +213,7 @@ TEST(connect, a_refused_client_is_closed_at_once_without_memory)
     Client     client(broker);
     LogCapture log(AGENT_LOG_ERROR);
     {
-        Fail fail(Call::Allocate, 2); // the first is the host's own note
+        Fail fail(Call::Allocate, 1);
         EXPECT_EQ(client.sends(connect_v4("dev1")), -1);
         EXPECT_EQ(fail.failed(), 1);
     }

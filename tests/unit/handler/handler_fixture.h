@@ -72,13 +72,13 @@ struct Host {
     }
 };
 
-// Tables ready, no thread running, nothing below ERROR printed unless a test captures it.
+// Tables ready, no thread running, and lines printed only where a test captures them.
 struct Handling {
-    LogCapture quiet{AGENT_LOG_FATAL};
-    Host       host;
+    Host host;
 
     Handling()
     {
+        poke(g_log_config.output, 0u);
         sub_init();
         msgid_seed = 1;
     }
@@ -114,7 +114,8 @@ public:
     }
     mqtt_client_t *operator->() { return record_.get(); }
     mqtt_client_t &operator*() { return *record_; }
-    operator mqtt_client_t *() { return record_.get(); }
+    operator mqtt_client_t *() const { return record_.get(); }
+    friend bool operator==(const mqtt_client_t *record, const Client &client) { return record == client.record_.get(); }
 
     int sends(const Bytes &packet) { return packet_dispatch(record_.get(), packet.data(), static_cast<uint32_t>(packet.size())); }
     int sends(std::string_view text) { return sends(wire(text)); }

@@ -176,7 +176,7 @@ TEST(host_publish, is_tracked_when_only_the_buffer_was_too_small)
 
     LogCapture log(AGENT_LOG_ERROR);
     EXPECT_EQ(publish(std::string(61, 't').c_str(), std::string(2048, 'p'), 1), 0);
-    EXPECT_EQ(log.take()[0], error("[PUBLISH ENCODE] Step 4.4 ERROR: Payload buffer overflow (need=2113, have=2112)"));
+    EXPECT_EQ(log.take()[0], error("[PUBLISH ENCODE] Step 4.4 ERROR: Payload buffer overflow (need=2113, have=2112)\n"));
     EXPECT_EQ(pending_count(), 0);
 }
 

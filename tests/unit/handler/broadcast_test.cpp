@@ -1,0 +1,232 @@
+#include "handler_fixture.h"
+
+using namespace tarn;
+using namespace tarn::test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+void broadcast(const Bytes &packet, bool is_will = true)
+{
+    packet_handler_broadcast_msg(packet.data(), static_cast<uint32_t>(packet.size()), is_will);
+}
+
+std::vector<LogLine> will_lines(LogCapture &log)
+{
+    std::vector<LogLine> lines = log.take();
+    std::erase_if(lines, [](const LogLine &line) {
+        return line.text.rfind("[遗嘱", 0) != 0 && line.text.rfind("[共享", 0) != 0;
+    });
+    return lines;
+}
+
+} // namespace
+
+TEST(broadcast, below_four_bytes_the_arguments_are_refused)
+{
+    Handling   broker;
+    LogCapture log(AGENT_LOG_INFO);
+    packet_handler_broadcast_msg(nullptr, 10, 1);
+    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] 参数无效：buf=(nil), len=10（需≥4）")));
+    const Bytes three = wire("30 01 00");
+    broadcast(three);
+    char expected[100];
+    snprintf(expected, sizeof expected, "[遗嘱调试][广播失败] 参数无效：buf=%p, len=3（需≥4）", static_cast<const void *>(three.data()));
+    EXPECT_THAT(log.take(), ElementsAre(error(expected)));
+}
+
+TEST(broadcast, a_topic_past_the_end_is_refused)
+{
+    Handling   broker;
+    LogCapture log(AGENT_LOG_INFO);
+    broadcast(wire("30 02 00 01"));
+    broadcast(wire("30 03 00 02 't'"));
+    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] Topic越界：topic_len=1, msg_len=4, 2+2+topic_len=5 > msg_len"),
+                                        error("[遗嘱调试][广播失败] Topic越界：topic_len=2, msg_len=5, 2+2+topic_len=6 > msg_len")));
+    broadcast(wire("30 02 00 00"));
+    EXPECT_EQ(log.take()[0], info("[遗嘱调试][广播开始] Topic=, 原始QoS=0, 消息长度=4, 开始匹配订阅者（上限=11000）"));
+}
+
+TEST(broadcast, line_by_line)
+{
+    Handling broker;
+    Client   a(broker, 4, "a"), b(broker, 4, "b"), away(broker, 4, "away");
+    sub_add("a", "w/#", 0, 1);
+    sub_add("b", "w/t", 2, 1);
+    sub_add("gone", "w/t", 1, 0);
+    sub_add("away", "w/t", 1, 0);
+    sub_add_with_id("", "w/t", 1, 0, 5);
+    sub_add("a", "$share/g/w/t", 1, 0);
+    sub_add("b", "$share/g/w/t", 1, 0);
+    away->state          = CLIENT_WILL_PENDING;
+    uint16_t       ids[2];
+    const uint32_t seed = msgid_seed;
+    for (uint16_t &id : ids)
+        id = handler::draw_delivery_id();
+    msgid_seed = seed;
+    LogCapture log;
+    broadcast(wire("33 09 | 00 03 'w/t' | 00 07 | 'bye'"));
+    EXPECT_THAT(will_lines(log),
+                ElementsAre(info("[遗嘱调试][广播开始] Topic=w/t, 原始QoS=1, 消息长度=12, 开始匹配订阅者（上限=11000）"),
+                            info("[遗嘱调试][订阅匹配] Topic=w/t 匹配到 7 个订阅者（上限=11000）"),
+                            debug("[遗嘱调试][订阅者列表] 匹配到的7个订阅者："),
+                            debug("[遗嘱调试][订阅者1] ClientID=a, TopicFilter=w/#, 订阅QoS=0"),
+                            debug("[遗嘱调试][订阅者2] ClientID=b, TopicFilter=w/t, 订阅QoS=2"),
+                            debug("[遗嘱调试][订阅者3] ClientID=gone, TopicFilter=w/t, 订阅QoS=1"),
+                            debug("[遗嘱调试][订阅者4] ClientID=away, TopicFilter=w/t, 订阅QoS=1"),
+                            debug("[遗嘱调试][订阅者5] ClientID=, TopicFilter=w/t, 订阅QoS=1"),
+                            debug("[遗嘱调试][订阅者6] ClientID=a, TopicFilter=$share/g/w/t, 订阅QoS=1"),
+                            debug("[遗嘱调试][订阅者7] ClientID=b, TopicFilter=$share/g/w/t, 订阅QoS=1"),
+                            debug("[遗嘱调试][QoS降级] 订阅者1：原始QoS=1 → 订阅QoS=0 → 最终投递QoS=0"),
+                            info("[遗嘱调试][广播成功] 订阅者1：To=a, Topic=w/t,最终投递QoS=0（已降级）"),
+                            debug("[遗嘱调试][QoS降级] 订阅者2：原始QoS=1 → 订阅QoS=2 → 最终投递QoS=1"),
+                            info("[遗嘱调试][广播成功] 订阅者2：To=b, Topic=w/t,最终投递QoS=1（已降级）"),
+                            warn("[遗嘱调试][广播失败] 订阅者3：ClientID=gone 不存在"),
+                            warn("[遗嘱调试][跳过] 客户端已离线，不发送遗嘱：away"),
+                            warn("[遗嘱调试][广播跳过] 订阅者5：ClientID为空"),
+                            debug("[遗嘱调试][QoS降级] 订阅者6：原始QoS=1 → 订阅QoS=1 → 最终投递QoS=1"),
+                            info("[遗嘱调试][广播成功] 订阅者6：To=a, Topic=w/t,最终投递QoS=1（已降级）"),
+                            debug("[共享订阅] 订阅者7 同组已负载均衡，跳过发送"),
+                            info("[遗嘱调试][广播完成] Topic=w/t, 总计匹配7个订阅者，成功发送3个，失败4个")));
+    EXPECT_THAT(a.gets(), ElementsAre(wire("31 08 00 03 'w/t' 'bye'"),
+                                      wire("33 0A 00 03 'w/t'") + u16(ids[1]) + text("bye")));
+    EXPECT_THAT(b.gets(), ElementsAre(wire("33 0A 00 03 'w/t'") + u16(ids[0]) + text("bye")));
+    EXPECT_EQ(a->qos1_pending_msg_id, ids[1]);
+    EXPECT_EQ(g_sub_mgr.retain_count, 0); // whatever the flag says
+    EXPECT_EQ(g_mqtt_stats.offline_msg, 0u);
+}
+
+TEST(broadcast, a_will_is_not_tracked)
+{
+    Handling broker;
+    Client   client(broker, 4, "r");
+    sub_add("r", "t", 2, 1);
+    broadcast(wire("34 06 00 01 't' 00 07 'x'"), true);
+    EXPECT_EQ(pending_count(), 0);
+    broadcast(wire("34 06 00 01 't' 00 07 'x'"), false);
+    EXPECT_EQ(pending_count(), 1);
+    EXPECT_EQ(client.gets().size(), 2u);
+}
+
+TEST(broadcast, without_matches)
+{
+    Handling   broker;
+    LogCapture log;
+    broadcast(wire("30 04 00 01 't' 'x'"));
+    EXPECT_EQ(log.take().back(), debug("[遗嘱调试][广播完成] 无匹配订阅者，Topic=t"));
+}
+
+TEST(broadcast, of_anything_else_says_more_about_who_is_away)
+{
+    Handling broker;
+    Client   away(broker, 4, "away");
+    sub_add("away", "t", 0, 1);
+    away->state = CLIENT_WILL_PENDING;
+    LogCapture log(AGENT_LOG_WARN);
+    broadcast(wire("30 04 00 01 't' 'x'"), false);
+    EXPECT_THAT(log.take(), ElementsAre(warn("[遗嘱调试][广播失败] 订阅者1：ClientID=away 状态无效（3），需为LOGINED/CONNECTED")));
+}
+
+TEST(broadcast, the_receivers_version_decides_where_the_payload_begins)
+{
+    Handling broker;
+    Client   old(broker, 4, "old"), young(broker, 5, "young"), second(broker, 5, "second");
+    sub_add("old", "t", 0, 1);
+    sub_add("young", "t", 0, 1);
+    sub_add("second", "t", 0, 1);
+    broadcast(wire("30 07 | 00 01 't' | 02 'pp' 'x'"));
+    EXPECT_THAT(old.gets(), ElementsAre(wire("30 07 00 01 't' 02 'ppx'")));
+    EXPECT_THAT(young.gets(), ElementsAre(wire("30 05 00 01 't' 00 'x'")));
+    EXPECT_THAT(second.gets(), ElementsAre(wire("30 05 00 01 't' 00 'x'"))); // not stepped over twice
+}
+
+TEST(broadcast, a_payload_past_the_end_skips_that_receiver)
+{
+    Handling broker;
+    Client   young(broker, 5, "young"), old(broker, 4, "old");
+    sub_add("young", "t", 0, 1);
+    sub_add("old", "t", 0, 1);
+    LogCapture log(AGENT_LOG_ERROR);
+    broadcast(wire("30 04 00 01 't' 'x'")); // 'x' is a property length of 120
+    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] 订阅者1：Payload解析失败（start=126, len=-120, msg_len=6）")));
+    EXPECT_THAT(old.gets(), ElementsAre(wire("30 04 00 01 't' 'x'")));
+    broadcast(wire("30 03 00 01 't'"));
+    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] 订阅者1：Payload解析失败（start=5, len=0, msg_len=5）"),
+                                        error("[遗嘱调试][广播失败] 订阅者2：Payload解析失败（start=5, len=0, msg_len=5）")));
+    broadcast(wire("30 04 00 01 't' 00")); // an empty block and nothing behind it
+    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] 订阅者1：Payload解析失败（start=6, len=0, msg_len=6）")));
+    EXPECT_THAT(young.gets(), IsEmpty());
+}
+
+TEST(broadcast, a_two_byte_remaining_length_is_misread)
+{
+    Handling broker;
+    Client   client(broker, 4, "r");
+    sub_add("r", "#", 0, 1);
+    LogCapture log(AGENT_LOG_ERROR);
+    broadcast(packet(0x30, prefixed("t") + repeat('x', 200)));
+    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] Topic越界：topic_len=256, msg_len=206, 2+2+topic_len=260 > msg_len")));
+    EXPECT_THAT(client.gets(), IsEmpty());
+}
+
+TEST(broadcast, long_topics_are_cut_to_256)
+{
+    Handling broker;
+    Client   client(broker, 4, "r");
+    sub_add("r", "#", 0, 1);
+    const std::string topic(300, 't');
+    broadcast(wire("30 05") + prefixed(topic) + text("x"));
+    EXPECT_THAT(client.gets(), ElementsAre(packet(0x30, prefixed(topic.substr(0, 256)) + text("x"))));
+}
+
+TEST(broadcast, what_the_encoder_or_the_ring_refuses_is_reported)
+{
+    Handling broker;
+    Client   client(broker, 4, "r"), small(broker, 4, "small");
+    sub_add("r", "#", 0, 1);
+    sub_add("small", "#", 0, 1);
+    small->max_packet_size = 5;
+    LogCapture log(AGENT_LOG_ERROR);
+    broadcast(wire("30 05 00 01 't'") + repeat('x', 2049));
+    EXPECT_EQ(log.take()[1], error("[遗嘱调试][广播失败] 订阅者1：To=r, 编码失败（错误码=-1）"));
+    broadcast(wire("30 04 00 01 't' 'x'"));
+    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] 订阅者2：To=small, 发送返回值=-1")));
+    EXPECT_EQ(client.gets().size(), 1u);
+}
+
+TEST(broadcast, allocations_failing_one_after_another)
+{
+    Handling broker;
+    Client   client(broker, 4, "r");
+    sub_add("r", "#", 0, 1);
+    client.sends("C0 00");
+    client.gets();
+    const Bytes will = wire("30 04 00 01 't' 'x'");
+    LogCapture  log(AGENT_LOG_ERROR);
+    {
+        Fail fail(Call::Allocate, 1);
+        broadcast(will);
+    }
+    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] malloc topic failed: 12")));
+    {
+        Fail fail(Call::Allocate, 2);
+        broadcast(will);
+    }
+    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] malloc订阅者数组失败：errno=12")));
+    broadcast(will);
+    client.gets();
+    {
+        Fail fail(Call::Allocate, 2); // the flags, now that the list is there
+        broadcast(will);
+        EXPECT_EQ(fail.failed(), 1);
+    }
+    EXPECT_THAT(log.take(), IsEmpty());
+    EXPECT_THAT(client.gets(), IsEmpty());
+    {
+        Fail fail(Call::Allocate, 3);
+        broadcast(will);
+    }
+    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] 订阅者1：malloc缓冲区失败（errno=12）")));
+    EXPECT_THAT(client.gets(), IsEmpty());
+}

@@ -1,0 +1,66 @@
+#include "handler_fixture.h"
+
+using namespace tarn;
+using namespace tarn::test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TEST(offline, who_gets_nothing)
+{
+    Handling   broker;
+    Client     nameless(broker), clean(broker, 4, "clean"), away(broker, 4, "away"), fresh(broker, 4, "fresh");
+    LogCapture log;
+    clean->clean_session = 1;
+    away->state          = CLIENT_WILL_PENDING;
+    packet_handler_restore_offline_msgs(nullptr);
+    packet_handler_restore_offline_msgs(nameless);
+    packet_handler_restore_offline_msgs(clean);
+    packet_handler_restore_offline_msgs(away);
+    packet_handler_restore_offline_msgs(fresh);
+    EXPECT_THAT(handler_lines(log),
+                ElementsAre(debug("[packet_handler] 不补发：client 无效"), debug("[packet_handler] 不补发：client 无效"),
+                            debug("[packet_handler] CleanSession=1，不补发离线消息: clean"),
+                            debug("[packet_handler] 客户端不在线，不补发离线消息: away"),
+                            debug("[packet_handler] 无离线消息需要补发: fresh")));
+}
+
+TEST(offline, without_memory_there_is_nothing_to_restore)
+{
+    Handling   broker;
+    Client     client(broker, 4, "dev1");
+    LogCapture log;
+    {
+        Fail fail(Call::Allocate, 1);
+        packet_handler_restore_offline_msgs(client);
+        EXPECT_EQ(fail.failed(), 1);
+    }
+    EXPECT_THAT(handler_lines(log), ElementsAre(debug("[packet_handler] 无离线消息需要补发: dev1")));
+}
+
+TEST(offline, kept_messages_join_the_queue_and_the_file_is_emptied)
+{
+    NEEDS_STORED_SESSIONS();
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    store("message", "dev1",
+          R"({"msgs":[{"msgid":9,"qos":1,"topic":"a","payload":"6869"},{"msgid":0,"qos":2,"topic":"b","payload":"78"},)"
+          R"({"msgid":11,"qos":0,"topic":"c","payload":"79"}]})");
+    unsigned       seed     = msgid_seed;
+    const unsigned repaired = static_cast<unsigned>(rand_r(&seed)) % 65533 + 1;
+    LogCapture     log;
+    packet_handler_restore_offline_msgs(client);
+    EXPECT_THAT(handler_lines(log),
+                ElementsAre(info("[packet_handler] 开始补发离线消息: dev1 共 3 条"),
+                            debug("[packet_handler] 已补发: msgid=9 topic=a qos=1"),
+                            debug("[packet_handler] 修复离线消息 MsgID=0 → 新 MsgID=" + std::to_string(repaired)),
+                            debug("[packet_handler] 已补发: msgid=" + std::to_string(repaired) + " topic=b qos=2"),
+                            debug("[packet_handler] 已补发: msgid=11 topic=c qos=0"),
+                            info("[packet_handler] 离线消息补发完成: dev1，已清空离线消息")));
+    ASSERT_EQ(pending_count(), 2); // the queue refuses QoS 0
+    EXPECT_EQ(g_pending_queue->msg_id, repaired);
+    EXPECT_EQ(g_pending_queue->next->msg_id, 9);
+    EXPECT_EQ(g_pending_queue->next->payload_len, 2u);
+    EXPECT_THAT(client.gets(), IsEmpty());
+    EXPECT_EQ(stored("message", "dev1"), R"({"msgs":[]})");
+    EXPECT_EQ(msgid_seed, seed);
+}

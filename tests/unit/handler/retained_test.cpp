@@ -1,0 +1,124 @@
+#include "handler_fixture.h"
+
+using namespace tarn;
+using namespace tarn::test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+void retain(const char *topic, std::string_view payload = "r", uint32_t qos = 0, uint32_t expiry = 0)
+{
+    retain_msg_set_with_expiry(topic, reinterpret_cast<const uint8_t *>(payload.data()),
+                               static_cast<uint32_t>(payload.size()), qos, expiry);
+}
+
+} // namespace
+
+TEST(retained, matching_messages_go_out_in_store_order)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    retain("a/2");
+    retain("b");
+    retain("a/1");
+    LogCapture log(AGENT_LOG_INFO);
+    send_retained_msg_to_client(client, "a/+");
+    EXPECT_THAT(client.gets(), ElementsAre(wire("31 06 00 03 'a/2' 'r'"), wire("31 06 00 03 'a/1' 'r'")));
+    EXPECT_THAT(log.take(), ElementsAre(info("[保留消息] 下发成功: Client=dev1, Topic=a/2, Filter=a/+"),
+                                        info("[保留消息] 下发成功: Client=dev1, Topic=a/1, Filter=a/+")));
+    EXPECT_EQ(client->codec.last_packet_type, 3u);
+}
+
+TEST(retained, the_message_keeps_its_own_qos)
+{
+    Handling broker;
+    Client   client(broker, 5, "dev1");
+    retain("t", "r", 2, 600);
+    sub_add("dev1", "t", 0, 1);
+    const uint16_t id = next_id();
+    send_retained_msg_to_client(client, "t");
+    EXPECT_THAT(client.gets(), ElementsAre(wire("35 07 00 01 't'") + u16(id) + wire("00 'r'"))); // no expiry
+    EXPECT_EQ(pending_count(), 0);                                                             // not tracked
+    EXPECT_EQ(client->qos1_pending_msg_id, 0);
+}
+
+TEST(retained, two_draws_for_every_message)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    retain("a");
+    retain("b");
+    retain("c");
+    sub_add("dev1", "#", 0, 1);
+    const uint32_t seed = msgid_seed;
+    send_retained_msg_to_client(client, "b");
+    EXPECT_EQ(msgid_seed, seed_after(2, seed)); // also at QoS 0
+    send_retained_msg_to_client(client, "#");
+    EXPECT_EQ(msgid_seed, seed_after(8, seed));
+    send_retained_msg_to_client(client, "nothing");
+    EXPECT_EQ(msgid_seed, seed_after(8, seed));
+}
+
+TEST(retained, an_empty_entry_is_passed_over)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    retain("t");
+    g_sub_mgr.retains[0].payload_len = 0;
+    send_retained_msg_to_client(client, "t");
+    EXPECT_THAT(client.gets(), IsEmpty());
+}
+
+TEST(retained, an_oversized_entry_is_cut_to_its_array)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    retain("t", std::string(2043, 'r'));
+    g_sub_mgr.retains[0].payload_len = 100000;
+    send_retained_msg_to_client(client, "t");
+    EXPECT_THAT(client.gets(), IsEmpty()); // 2048 bytes do not fit the delivery buffer
+}
+
+TEST(retained, an_empty_store_or_none_sends_nothing)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    send_retained_msg_to_client(client, "#");
+    send_retained_msg_to_client(nullptr, "#");
+    send_retained_msg_to_client(client, nullptr);
+    sub_deinit();
+    send_retained_msg_to_client(client, "#");
+    EXPECT_THAT(client.gets(), IsEmpty());
+}
+
+TEST(retained, a_failing_buffer_loses_that_message_only)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    retain("a");
+    retain("b");
+    client.sends("C0 00");
+    client.gets();
+    LogCapture log(AGENT_LOG_INFO);
+    const uint32_t seed = msgid_seed;
+    {
+        Fail fail(Call::Allocate, 1);
+        send_retained_msg_to_client(client, "#");
+        EXPECT_EQ(fail.failed(), 1);
+    }
+    EXPECT_THAT(client.gets(), ElementsAre(wire("31 04 00 01 'b' 'r'")));
+    EXPECT_THAT(log.take(), ElementsAre(info("[保留消息] 下发成功: Client=dev1, Topic=b, Filter=#")));
+    EXPECT_EQ(msgid_seed, seed_after(4, seed));
+}
+
+TEST(retained, the_line_does_not_ask_whether_it_was_queued)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    retain("t");
+    client->state = CLIENT_CLOSED;
+    LogCapture log(AGENT_LOG_INFO);
+    send_retained_msg_to_client(client, "t");
+    EXPECT_THAT(log.take(), ElementsAre(info("[保留消息] 下发成功: Client=dev1, Topic=t, Filter=t")));
+}

@@ -1,0 +1,196 @@
+#include "handler_fixture.h"
+
+using namespace tarn;
+using namespace tarn::test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+void give_will(Client &client, std::string_view payload = "bye", uint8_t qos = 0, uint8_t retain = 0, uint32_t delay_s = 0,
+               uint32_t expiry_s = 0)
+{
+    client_set_will_msg(client, "w", reinterpret_cast<const uint8_t *>(payload.data()), static_cast<uint32_t>(payload.size()),
+                        qos, retain);
+    client_set_will_enhance(client, delay_s, expiry_s, 0, "", "", nullptr, 0);
+}
+
+} // namespace
+
+TEST(will, is_published_line_by_line)
+{
+    Handling broker;
+    broker.host.hear_events();
+    Client owner(broker, 4, "dev1"), watcher(broker, 4, "watcher");
+    sub_add("watcher", "w", 1, 1);
+    give_will(owner, "bye", 1, 1);
+    owner->session.will_flag = 1;
+    LogCapture log;
+    EXPECT_EQ(packet_send_will_message(owner), 0);
+    std::vector<LogLine> lines = handler_lines(log);
+    std::erase_if(lines, [](const LogLine &line) { return line.text.rfind("[WILL]", 0) != 0 && line.text.rfind("62 ", 0) != 0; });
+    EXPECT_THAT(lines, ElementsAre(info("[WILL] Send will message: client=dev1"),
+                                   info("[WILL] Topic: w, QoS: 1, Retain: 1, PayloadLen: 3"), debug("[WILL] Payload"),
+                                   debug("62 79 65 "), info("[WILL] 编码成功 | len=10 | 开始广播"),
+                                   info("[WILL] 广播完成 | will_sent=1")));
+    EXPECT_EQ(watcher.gets().size(), 1u);
+    EXPECT_EQ(owner->will_sent, 1);
+    EXPECT_EQ(owner->session.will_flag, 0);
+    EXPECT_EQ(g_mqtt_stats.will_sent, 1u);
+    EXPECT_EQ(g_sub_mgr.retain_count, 0);
+    EXPECT_THAT(broker.host.take(), ElementsAre(R"(5 {"clientId":"dev1","topic":"w","qos":1})"));
+    EXPECT_EQ(packet_send_will_message(owner), -1); // at most once
+    EXPECT_THAT(watcher.gets(), IsEmpty());
+}
+
+TEST(will, draws_once_for_itself)
+{
+    Handling       broker;
+    Client         owner(broker, 4, "dev1");
+    const uint32_t seed = msgid_seed;
+    give_will(owner);
+    EXPECT_EQ(packet_send_will_message(owner), 0);
+    EXPECT_EQ(msgid_seed, seed_after(1, seed));
+}
+
+TEST(will, none_or_sent_before)
+{
+    Handling   broker;
+    Client     owner(broker, 4, "dev1");
+    LogCapture log;
+    EXPECT_EQ(packet_send_will_message(nullptr), -1);
+    EXPECT_EQ(packet_send_will_message(owner), -1);
+    owner->will_msg_used = owner->will_sent = 1;
+    EXPECT_EQ(packet_send_will_message(owner), -1);
+    EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST(will, its_expiry_is_encoded_for_a_v5_owner_and_lost_on_the_way)
+{
+    Handling broker;
+    Client   owner(broker, 5, "dev1"), old(broker, 4, "old"), young(broker, 5, "young");
+    sub_add("old", "w", 0, 1);
+    sub_add("young", "w", 0, 1);
+    give_will(owner, "x", 0, 0, 0, 60);
+    EXPECT_EQ(packet_send_will_message(owner), 0);
+    EXPECT_THAT(old.gets(), ElementsAre(wire("30 0A 00 01 'w' 05 02 00 00 00 3C 'x'"))); // the block as payload
+    EXPECT_THAT(young.gets(), ElementsAre(wire("30 05 00 01 'w' 00 'x'")));
+}
+
+TEST(will, that_cannot_be_encoded_stays_unsent)
+{
+    Handling broker;
+    broker.host.hear_events();
+    Client owner(broker, 4, "dev1");
+    give_will(owner);
+    owner->will_topic[0] = '\0';
+    LogCapture log(AGENT_LOG_ERROR);
+    EXPECT_EQ(packet_send_will_message(owner), -1);
+    EXPECT_EQ(log.take().back(), error("[WILL] 编码失败 | code=-1 | len=4096"));
+    EXPECT_EQ(owner->will_sent, 0);
+    EXPECT_EQ(g_mqtt_stats.will_sent, 0u);
+    EXPECT_THAT(broker.host.take(), IsEmpty());
+}
+
+TEST(will, with_an_impossible_length_or_no_topic_is_the_encoders_to_refuse)
+{
+    Handling   broker;
+    Client     owner(broker, 4, "dev1");
+    LogCapture log(AGENT_LOG_ERROR);
+    owner->will_msg_used    = 1;
+    owner->will_payload_len = 70000;
+    EXPECT_EQ(packet_send_will_message(owner), -1);
+    give_will(owner, std::string(2048, 'x'));
+    owner->will_payload_len = 2049;
+    EXPECT_EQ(packet_send_will_message(owner), -1);
+    EXPECT_EQ(owner->will_sent, 0);
+}
+
+TEST(will, without_memory)
+{
+    Handling broker;
+    Client   owner(broker, 4, "dev1");
+    give_will(owner);
+    LogCapture     log(AGENT_LOG_ERROR);
+    const uint32_t seed = msgid_seed;
+    {
+        Fail fail(Call::Allocate, 1);
+        EXPECT_EQ(packet_send_will_message(owner), -1);
+    }
+    EXPECT_THAT(log.take(), ElementsAre(error("[WILL] malloc failed")));
+    EXPECT_EQ(owner->will_sent, 0);
+    EXPECT_EQ(msgid_seed, seed);
+}
+
+TEST(will, the_owner_may_be_a_receiver)
+{
+    Handling broker;
+    Client   owner(broker, 4, "dev1");
+    sub_add("dev1", "w", 0, 1);
+    give_will(owner);
+    EXPECT_EQ(packet_send_will_message(owner), 0);
+    EXPECT_EQ(owner.gets().size(), 1u);
+}
+
+// ---- starting
+
+TEST(start_will_delay, needs_a_client_with_an_unsent_will)
+{
+    Handling   broker;
+    Client     owner(broker, 4, "dev1");
+    LogCapture log;
+    packet_start_will_delay(nullptr);
+    packet_start_will_delay(owner);
+    EXPECT_THAT(log.take(), ElementsAre(error("[WILL] 启动失败：client == NULL"),
+                                        info("[WILL] 准备启动遗嘱 | client=dev1 | will_msg_used=0 | will_sent=0"),
+                                        warn("[WILL] 不启动：条件不满足")));
+    owner->will_msg_used = owner->will_sent = 1;
+    packet_start_will_delay(owner);
+    EXPECT_THAT(log.take(), ElementsAre(info("[WILL] 准备启动遗嘱 | client=dev1 | will_msg_used=1 | will_sent=1"),
+                                        warn("[WILL] 不启动：条件不满足")));
+}
+
+TEST(start_will_delay, a_delay_of_0_publishes_at_once)
+{
+    Handling broker;
+    Client   owner(broker, 4, "dev1"), watcher(broker, 4, "watcher");
+    sub_add("watcher", "w", 0, 1);
+    give_will(owner);
+    LogCapture log(AGENT_LOG_INFO);
+    packet_start_will_delay(owner);
+    const auto lines = log.take();
+    EXPECT_EQ(lines[0], info("[WILL] 准备启动遗嘱 | client=dev1 | will_msg_used=1 | will_sent=0"));
+    EXPECT_EQ(lines[1], info("[WILL] 延迟=0 → 立即发送"));
+    EXPECT_EQ(watcher.gets().size(), 1u);
+    EXPECT_EQ(owner->will_sent, 1);
+    EXPECT_EQ(owner->will_delay_pending, 0);
+}
+
+TEST(start_will_delay, a_delay_sets_the_deadline_in_64_bits)
+{
+    Handling    broker;
+    ManualClock clock;
+    Client      owner(broker, 5, "dev1");
+    give_will(owner, "bye", 0, 0, 0xFFFFFFFF);
+    LogCapture log(AGENT_LOG_INFO);
+    packet_start_will_delay(owner);
+    EXPECT_EQ(log.take().back(), info("[WILL] 启动延迟成功 | delay=4294967295s"));
+    EXPECT_EQ(owner->will_delay_pending, 1);
+    EXPECT_EQ(owner->will_delay_deadline, clock.mono_ms() + uint64_t{0xFFFFFFFF} * 1000);
+    EXPECT_EQ(owner->will_sent, 0);
+}
+
+// ---- cancelling
+
+TEST(cancel_will, says_so_each_time)
+{
+    Handling   broker;
+    Client     owner(broker, 4, "dev1");
+    LogCapture log;
+    owner->will_delay_pending = 1;
+    packet_cancel_will(owner);
+    EXPECT_EQ(owner->will_delay_pending, 0);
+    packet_cancel_will(owner);
+    packet_cancel_will(nullptr);
+    EXPECT_THAT(log.take(), ElementsAre(info("[WILL-MQTT5] client=dev1 取消遗嘱延迟"), info("[WILL-MQTT5] client=dev1 取消遗嘱延迟")));
+}
