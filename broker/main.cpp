@@ -55,9 +55,9 @@ void wait_for_ending_signal(const sigset_t &ending)
 }
 
 // Why 1883 cannot be had: the library tells only that it could not, so one asks the system again. 0 when it can.
-int listening_error(int type)
+int listening_error()
 {
-    const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return errno;
     const int on = 1;
@@ -66,23 +66,18 @@ int listening_error(int type)
     any.sin_family      = AF_INET;
     any.sin_port        = htons(kPort);
     any.sin_addr.s_addr = htonl(INADDR_ANY);
-    int error           = bind(fd, reinterpret_cast<const sockaddr *>(&any), sizeof any) == 0 ? 0 : errno;
-    if (error == 0 && type == SOCK_STREAM && listen(fd, 1) != 0)
-        error = errno;
+    const bool can      = bind(fd, reinterpret_cast<const sockaddr *>(&any), sizeof any) == 0 && listen(fd, 1) == 0;
+    const int  error    = can ? 0 : errno;
     close(fd);
     return error;
 }
 
 void explain_failed_start(int32_t code)
 {
-    for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
-        if (const int error = listening_error(type)) {
-            fprintf(stderr, "tarn-broker: cannot listen on port %d: %s (%s)\n", kPort, strerror(error),
-                    type == SOCK_STREAM ? "TCP" : "UDP");
-            return;
-        }
-    }
-    fprintf(stderr, "tarn-broker: cannot start: %s\n", tarn_sdk_mqtt_broker_error_str(code));
+    if (const int error = listening_error())
+        fprintf(stderr, "tarn-broker: cannot listen on port %d: %s\n", kPort, strerror(error));
+    else
+        fprintf(stderr, "tarn-broker: cannot start: %s\n", tarn_sdk_mqtt_broker_error_str(code));
 }
 
 int32_t start(broker_t *broker, const Options &options)
