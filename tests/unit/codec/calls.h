@@ -82,6 +82,9 @@ struct Encoded {
     Log              log; // loud lines only
     Log              all;
 
+    // The packet's length, or the result of a failure: that leaves the capacity in *buf_len, which can be the same.
+    int written() const { return code == 0 ? length : code; }
+
     std::string packet() const { return hex(Bytes(buffer.begin(), buffer.begin() + length)); }
     bool        rest_is_zero(size_t from) const
     {

@@ -299,7 +299,7 @@ TEST(connect_encode, will_topic)
     expect_begun(encode(para, 4));
     fill(para.will_topic, 256);
     EXPECT_EQ(encode(para, 4).code, 0);
-    EXPECT_EQ(encode(para, 4).length, 1 + 2 + 10 + 4 + 258 + 3);
+    EXPECT_EQ(encode(para, 4).written(), 1 + 2 + 10 + 4 + 258 + 3);
     fill(para.will_topic); // no terminator
     expect_refused(encode(para, 4), -1, "CONNECT encode: invalid will topic (len=257)");
 }
@@ -316,7 +316,7 @@ TEST(connect_encode, will_payload)
     }
     para.will_payload_len = 2048;
     EXPECT_EQ(encode(para, 4).code, 0);
-    EXPECT_EQ(encode(para, 4).length, 1 + 2 + 10 + 4 + 3 + 2 + 2048);
+    EXPECT_EQ(encode(para, 4).written(), 1 + 2 + 10 + 4 + 3 + 2 + 2048);
 }
 
 TEST(connect_encode, credentials)
@@ -358,7 +358,7 @@ TEST(connect_encode, a_body_has_at_most_2112_bytes)
     para.will_payload_len = 2048;
     fill(para.will_topic, 46);
     EXPECT_EQ(encode(para, 4).code, 0);
-    EXPECT_EQ(encode(para, 4).length, 1 + 2 + 2112);
+    EXPECT_EQ(encode(para, 4).written(), 1 + 2 + 2112);
     fill(para.will_topic, 47);
     const Encoded e = encode(para, 4);
     expect_refused(e, -3, "CONNECT encode: buffer full (need=2113, available=2112)");

@@ -149,7 +149,7 @@ TEST(publish_encode, remaining_length_grows_to_two_bytes)
     EXPECT_EQ(hex(encode(sized(1, 124)).buffer.data(), 4), "30 7F 00 01");
     const Encoded e = encode(sized(1, 125));
     EXPECT_EQ(hex(e.buffer.data(), 5), "30 80 01 00 01");
-    EXPECT_EQ(e.length, 131);
+    EXPECT_EQ(e.written(), 131);
 }
 
 // ---- refusals in front of the buffer
@@ -211,7 +211,7 @@ TEST(publish_encode, wants_a_topic_of_1_to_256_characters)
     };
     expect_refused(encode(message("")), 4, -1, line(0));
     expect_refused(encode(sized(257, 0)), 4, -1, line(257)); // no terminator in the array
-    EXPECT_EQ(encode(sized(256, 0)).length, 3 + 2 + 256);
+    EXPECT_EQ(encode(sized(256, 0)).written(), 3 + 2 + 256);
 }
 
 TEST(publish_encode, wants_an_identifier_for_qos_1_and_2)
@@ -251,19 +251,19 @@ TEST(publish_encode, looks_at_the_fields_in_order)
 TEST(publish_encode, a_body_has_at_most_2112_bytes)
 {
     // topic + payload: 2 bytes of topic length, 2 of identifier, 1 of property length.
-    EXPECT_EQ(encode(sized(62, 2048, 0), 4).length, 2115);
+    EXPECT_EQ(encode(sized(62, 2048, 0), 4).written(), 2115);
     expect_refused_late(encode(sized(63, 2048, 0), 4), "30", payload_overflow(2113));
-    EXPECT_EQ(encode(sized(60, 2048, 1), 4).length, 2115);
+    EXPECT_EQ(encode(sized(60, 2048, 1), 4).written(), 2115);
     expect_refused_late(encode(sized(61, 2048, 1), 4), "32", payload_overflow(2113));
-    EXPECT_EQ(encode(sized(61, 2048, 0), 5).length, 2115);
+    EXPECT_EQ(encode(sized(61, 2048, 0), 5).written(), 2115);
     expect_refused_late(encode(sized(62, 2048, 0), 5), "30", payload_overflow(2113));
-    EXPECT_EQ(encode(sized(59, 2048, 2), 5).length, 2115);
+    EXPECT_EQ(encode(sized(59, 2048, 2), 5).written(), 2115);
     expect_refused_late(encode(sized(60, 2048, 2), 5), "34", payload_overflow(2113));
 
     Publish para             = sized(50, 2048, 2);
     para.msg_expiry_interval = 1;
     para.topic_alias         = 1;
-    EXPECT_EQ(encode(para, 5).length, 2115);
+    EXPECT_EQ(encode(para, 5).written(), 2115);
     para.topic[50] = 't';
     expect_refused_late(encode(para, 5), "34", payload_overflow(2113));
     expect_refused_late(encode(sized(256, 2000)), "30", payload_overflow(2258));
@@ -271,11 +271,11 @@ TEST(publish_encode, a_body_has_at_most_2112_bytes)
 
 TEST(publish_encode, wants_room_for_the_whole_packet)
 {
-    EXPECT_EQ(encode(sized(1, 123), 4, 128).length, 128);
+    EXPECT_EQ(encode(sized(1, 123), 4, 128).written(), 128);
     expect_refused_late(encode(sized(1, 124), 4, 128), "30 7F", final_overflow(129, 128));
     expect_refused_late(encode(sized(1, 125), 4, 128), "30 80 01", final_overflow(131, 128));
     expect_refused_late(encode(sized(62, 2048), 4, 2114), "30 C0 10", final_overflow(2115, 2114));
-    EXPECT_EQ(encode(sized(62, 2048), 4, 2115).length, 2115);
+    EXPECT_EQ(encode(sized(62, 2048), 4, 2115).written(), 2115);
 }
 
 TEST(publish_encode, a_delivery_buffer_holds_2043_bytes_of_topic_and_payload)
@@ -286,7 +286,7 @@ TEST(publish_encode, a_delivery_buffer_holds_2043_bytes_of_topic_and_payload)
     for (const auto &c : cases) {
         Publish para             = sized(10, c.most - 10, c.qos);
         para.msg_expiry_interval = c.expiry;
-        EXPECT_EQ(encode(para, c.version, 2048).length, 2048) << c.most;
+        EXPECT_EQ(encode(para, c.version, 2048).written(), 2048) << c.most;
         para.topic[10] = 't';
         const Encoded e = encode(para, c.version, 2048);
         EXPECT_EQ(e.code, -3) << c.most;

@@ -164,7 +164,7 @@ TEST(subscribe_encode, passes_over_bad_filters)
     expect_packet(encode(request(1, {{"", 0}, {"a", 1}, {std::string(257, 'x'), 0}, {"b", 2}})), "82 0A 00 01 00 01 61 01 00 01 62 02",
                   {warn("SUBSCRIBE encode: invalid filter len 0 for index 0"),
                    warn("SUBSCRIBE encode: invalid filter len 257 for index 2")});
-    EXPECT_EQ(encode(request(1, {{std::string(256, 'x'), 0}})).length, 3 + 2 + 2 + 256 + 1);
+    EXPECT_EQ(encode(request(1, {{std::string(256, 'x'), 0}})).written(), 3 + 2 + 2 + 256 + 1);
     expect_refused(encode(request(1, {{"", 0}, {"", 0}})), -1,
                    {warn("SUBSCRIBE encode: invalid filter len 0 for index 0"),
                     warn("SUBSCRIBE encode: invalid filter len 0 for index 1"),
@@ -177,7 +177,7 @@ TEST(subscribe_encode, a_body_has_at_most_1024_bytes)
     // 2 of identifier; 3 more than its characters each filter
     const std::string     most(256, 'x');
     mqtt_subscribe_para_t para = request(1, {{most, 0}, {most, 0}, {most, 0}, {std::string(242, 'x'), 0}});
-    EXPECT_EQ(encode(para, 4).length, 1027);
+    EXPECT_EQ(encode(para, 4).written(), 1027);
     expect_refused(encode(para, 5), -3, {error("SUBSCRIBE encode: buffer full (need 1025, have 1024)")}, "82");
     para.topic_filters[3][242] = 'x';
     expect_refused(encode(para, 4), -3, {error("SUBSCRIBE encode: buffer full (need 1025, have 1024)")}, "82");
@@ -188,7 +188,7 @@ TEST(subscribe_encode, a_body_has_at_most_1024_bytes)
 
 TEST(subscribe_encode, wants_room_for_the_whole_packet)
 {
-    EXPECT_EQ(encode(request(1, {{std::string(121, 'x'), 0}}), 4, 128).length, 128);
+    EXPECT_EQ(encode(request(1, {{std::string(121, 'x'), 0}}), 4, 128).written(), 128);
     expect_refused(encode(request(1, {{std::string(122, 'x'), 0}}), 4, 128), -3,
                    {error("SUBSCRIBE encode: buffer full (need 129, have 128)")}, "82 7F");
     expect_refused(encode(request(1, {{std::string(122, 'x'), 0}}), 5, 128), -3,

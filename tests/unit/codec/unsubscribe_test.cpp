@@ -166,7 +166,7 @@ TEST(unsubscribe_encode, passes_over_bad_filters)
     expect_packet(encode(request(1, {"", "a", std::string(257, 'x'), "b"})), "A2 08 00 01 00 01 61 00 01 62",
                   {warn("UNSUBSCRIBE encode: invalid filter len 0 for index 0"),
                    warn("UNSUBSCRIBE encode: invalid filter len 257 for index 2")});
-    EXPECT_EQ(encode(request(1, {std::string(256, 'x')})).length, 3 + 2 + 2 + 256);
+    EXPECT_EQ(encode(request(1, {std::string(256, 'x')})).written(), 3 + 2 + 2 + 256);
     expect_refused(encode(request(1, {""})), -1,
                    {warn("UNSUBSCRIBE encode: invalid filter len 0 for index 0"),
                     error("UNSUBSCRIBE encode: no valid topic filters")},
@@ -177,7 +177,7 @@ TEST(unsubscribe_encode, a_body_has_at_most_1024_bytes)
 {
     const std::string       most(256, 'x');
     mqtt_unsubscribe_para_t para = request(1, {most, most, most, std::string(246, 'x')});
-    EXPECT_EQ(encode(para, 4).length, 1027);
+    EXPECT_EQ(encode(para, 4).written(), 1027);
     expect_refused(encode(para, 5), -3, {error("UNSUBSCRIBE encode: buffer full (need 1025, have 1024)")}, "A2");
     para.topic_filters[3][246] = 'x';
     expect_refused(encode(para, 4), -3, {error("UNSUBSCRIBE encode: buffer full (need 1025, have 1024)")}, "A2");
@@ -187,7 +187,7 @@ TEST(unsubscribe_encode, a_body_has_at_most_1024_bytes)
 
 TEST(unsubscribe_encode, wants_room_for_the_whole_packet)
 {
-    EXPECT_EQ(encode(request(1, {std::string(122, 'x')}), 4, 128).length, 128);
+    EXPECT_EQ(encode(request(1, {std::string(122, 'x')}), 4, 128).written(), 128);
     expect_refused(encode(request(1, {std::string(123, 'x')}), 4, 128), -3,
                    {error("UNSUBSCRIBE encode: buffer full (need 129, have 128)")}, "A2 7F");
 }
