@@ -109,10 +109,10 @@ void free_ring(const mqtt_client_t &client, client_send_slot_t *ring) noexcept
 void trim_ring(mqtt_client_t &client) noexcept
 {
     const int32_t index = index_of(&client);
-    if (index == kOutside || !client.send_queue || client.send_queue != own_ring(index))
+    if (index == kOutside || !client.send_queue || client.send_queue != own_ring(index) || side_at(index).flushing)
         return;
     madvise(client.send_queue, kRingBytes, MADV_DONTNEED);
-    side_at(index).ring_used = 0;
+    poke(side_at(index).ring_used, 0);
 }
 
 } // namespace tarn::client

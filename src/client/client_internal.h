@@ -35,7 +35,7 @@ struct Side {
     std::atomic<uint8_t>  round_blocked; // its socket took nothing in this round
     std::atomic<uint8_t>  refusals;   // failed sends in a row, other than "would block"
     uint8_t               flushing;   // one thread sends from the ring; send_lock
-    uint8_t               ring_used;  // slots written since the ring's pages were given back, saturating; send_lock
+    uint8_t               ring_used;  // slots written since the ring's pages were given back, at most 100; send_lock
     std::atomic<int32_t>  next_ready; // ready list of the send thread: index + 1, 0 = end
     std::atomic<int32_t>  subs_high;  // session.subs[] and .msgs[] are zero from here on
     std::atomic<int32_t>  msgs_high;
@@ -71,7 +71,7 @@ void                 give_back_block(int32_t block) noexcept; // the records rea
 client_send_slot_t  *make_ring(const mqtt_client_t &client) noexcept; // 100 zeroed slots, or null
 // Frees a ring of this record's. The ring is not used by anyone any more.
 void                 free_ring(const mqtt_client_t &client, client_send_slot_t *ring) noexcept;
-// Gives back the pages of the record's ring and leaves it in place, if it is one that can do that.
+// Gives back the pages of the record's ring and leaves it in place, if it is one that can do that and nobody sends.
 void                 trim_ring(mqtt_client_t &client) noexcept REQUIRES(client.send_lock);
 
 // ---- the pool (pool.cpp)
@@ -91,6 +91,8 @@ void unlink_pool() noexcept;
 
 // The record at this place in pool order; null behind the last block.
 mqtt_client_t *record_in_order(int32_t place) noexcept;
+// The block's used flag of that place.
+[[nodiscard]] bool is_flagged(int32_t place) noexcept;
 
 // ---- tables (lookup.cpp)
 

@@ -26,10 +26,14 @@ void keep_session_until(mqtt_client_t &client, const client_id_text &id, uint32_
     persist_mark(&client.session, PERSIST_SESSION);
 }
 
-// QUIRK(session-ends-with-connection): a client that asked for a session to be kept loses it when its connection drops
-// and no expiry interval above 0 was given, which no 3.1.1 client can give [MQTT-3.1.2-4 and 4.1 of 3.1.1]. One that
-// says DISCONNECT keeps it, without a deadline.
+// QUIRK(session-ends-with-connection): a 3.1.1 client that asked for its session to be kept loses it when its
+// connection drops [MQTT-3.1.2-4, MQTT-3.1.2-5 of 3.1.1], because only an expiry interval above 0 keeps one then. After
+// DISCONNECT it stays, without a deadline.
 //   test: Close.a_dropped_v4_session_is_deleted_at_once
+
+// QUIRK(clean-start-without-expiry): a 5.0 client that starts clean gets no deadline and its session is not saved,
+// whatever expiry interval it gave [MQTT-3.1.2-23 of 5.0]. Clean stands for the whole session here, as in 3.1.1.
+//   test: Close.a_clean_session_has_no_deadline
 void settle_session(mqtt_client_t &client, const client_id_text &id)
 {
     if (peek(client.clean_session) || peek(client.disconnect_received))
@@ -53,6 +57,10 @@ bool will_is_due(mqtt_client_t &client)
 }
 
 // While the client is online still: it may be one of the receivers.
+
+// QUIRK(will-outlives-session): a delayed will waits for its delay even if the session ends before, as it does at once
+// with an expiry interval of 0 [MQTT-3.1.2-8 of 5.0]. Session and will are settled apart.
+//   test: Close.a_will_waits_although_its_session_is_deleted
 void start_will(mqtt_client_t &client, const client_id_text &id)
 {
     if (!peek(client.timeout_closing))

@@ -271,6 +271,12 @@ mqtt_client_t *record_in_order(int32_t place) noexcept
     return blocks ? peek(blocks[place / CLIENT_BLOCK_RECORDS].records) + place % CLIENT_BLOCK_RECORDS : nullptr;
 }
 
+bool is_flagged(int32_t place) noexcept
+{
+    const client_pool_block_t *const blocks = peek_acquire(g_client_mgr.blocks);
+    return blocks && peek(blocks[place / CLIENT_BLOCK_RECORDS].used_flags[place % CLIENT_BLOCK_RECORDS]) != 0;
+}
+
 bool make_block_list() noexcept
 {
     ScopedLock lock(pool_mx);
@@ -293,12 +299,24 @@ bool has_traces(mqtt_client_t &client)
     return peek(client.used) || peek(client.send_queue) || peek(client.will_topic) || peek(client.will_payload);
 }
 
+// Only after an init over a live manager: deinit has emptied the list before.
+void drop_deliveries(mqtt_client_t &client)
+{
+    {
+        ScopedLock lock(g_queue_mutex);
+        if (!g_pending_queue)
+            return;
+    }
+    qos_reliable_clean_client_packets(&client);
+}
+
 void retire(mqtt_client_t &client)
 {
     if (!has_traces(client))
         return;
     const client_ref pin(&client);
     (void)mark_released(client);
+    drop_deliveries(client);
     poke(client.state, CLIENT_CLOSED);
     poke(client.handle, NETIP_NO_HANDLE);
     poke(client.used, 0);
@@ -399,15 +417,14 @@ void pool_free(mqtt_client_t *client)
         (void)client::release_record(*client);
 }
 
-// By the used flags, which stand together: free slots cost nothing.
+// By the blocks' used flags, which stand together: free slots cost next to nothing.
 client_ref tarn::next_client(int32_t &index) noexcept
 {
     for (;; ++index) {
         mqtt_client_t *const record = client::record_in_order(index);
         if (!record)
             return {};
-        const client_pool_block_t *const blocks = peek(g_client_mgr.blocks);
-        if (!blocks || !peek(blocks[index / CLIENT_BLOCK_RECORDS].used_flags[index % CLIENT_BLOCK_RECORDS]))
+        if (!client::is_flagged(index))
             continue;
         client_ref client(record);
         if (!peek_acquire(client->used))

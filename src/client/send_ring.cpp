@@ -133,7 +133,7 @@ Queued enqueue(mqtt_client_t &client, const uint8_t *bytes, int32_t length) EXCL
     slot.ready  = 1;
     poke(client.send_tail, static_cast<uint8_t>(next));
     if (Side *const side = side_of(&client); side && side->ring_used < CLIENT_SEND_SLOTS)
-        ++side->ring_used;
+        poke(side->ring_used, static_cast<uint8_t>(side->ring_used + 1));
     return Queued::Ok;
 }
 
@@ -231,7 +231,7 @@ void drop_ring(mqtt_client_t &client) noexcept
     poke(client.send_head, 0);
     poke(client.send_tail, 0);
     if (side)
-        side->ring_used = 0;
+        poke(side->ring_used, 0);
     if (ring && !(side && side->flushing))
         free_ring(client, ring);
 }

@@ -121,29 +121,45 @@ private:
     int32_t count_ = 0;
 };
 
-void trim_idle_ring(mqtt_client_t &client, uint64_t now_ms)
+bool has_unsent(mqtt_client_t &client)
 {
-    const Side *const side = side_of(&client);
-    if (!side || elapsed(now_ms, peek(client.last_active)) < kTrimIdle_ms)
-        return;
+    return is_online(client) && peek(client.send_queue) && has_packets(client);
+}
+
+bool rests_with_pages(mqtt_client_t &client, Side &side, uint64_t now_ms)
+{
+    return peek(side.ring_used) >= kTrimSlots && elapsed(now_ms, peek(client.last_active)) >= kTrimIdle_ms;
+}
+
+void send_unlisted(mqtt_client_t &client, int32_t index, Waiting &waiting)
+{
+    if (index == kOutside)
+        (void)flush_ring(client, true);
+    else if (side_at(index).listed.load() == 0)
+        waiting.serve(index);
+}
+
+void trim_idle_ring(mqtt_client_t &client)
+{
     ScopedLock lock(client.send_lock);
-    if (side->ring_used >= kTrimSlots && !side->flushing && !has_packets(client))
+    if (!has_packets(client))
         trim_ring(client);
 }
 
+// Looks first and pins where there is something to do: most records rest.
 void walk(Waiting &waiting, uint64_t now_ms)
 {
-    int32_t place = 0;
-    while (const client_ref client = next_client(place)) {
-        if (!is_online(*client) || !peek(client->send_queue))
+    for (int32_t place = 0; mqtt_client_t *const record = record_in_order(place); ++place) {
+        if (!is_flagged(place))
             continue;
-        const int32_t index = index_of(client.get());
-        if (!has_packets(*client))
-            trim_idle_ring(*client, now_ms);
-        else if (index == kOutside)
-            (void)flush_ring(*client, true);
-        else if (side_at(index).listed.load() == 0)
-            waiting.serve(index);
+        const int32_t index = index_of(record);
+        if (has_unsent(*record)) {
+            const client_ref client(record);
+            send_unlisted(*client, index, waiting);
+        } else if (index != kOutside && rests_with_pages(*record, side_at(index), now_ms)) {
+            const client_ref client(record);
+            trim_idle_ring(*client);
+        }
     }
 }
 

@@ -223,6 +223,15 @@ TEST_F(Close, a_timed_out_client_that_said_nothing_has_no_line_about_force)
     EXPECT_THAT(own_lines(log), ElementsAre(kCloseLine, kDeletedLine, entered(30), kParkedLine));
 }
 
+TEST_F(Close, a_will_waits_although_its_session_is_deleted)
+{
+    mqtt_client_t *const record = client(0);
+    give_will(record, 30);
+    client_close(record);
+    EXPECT_THAT(take_calls(), ElementsAre("persist_remove dev1", "packet_start_will_delay dev1 state 2"));
+    expect_parked(record);
+}
+
 TEST_F(Close, a_will_that_was_sent_is_not_started_again)
 {
     mqtt_client_t *const record = client(1);

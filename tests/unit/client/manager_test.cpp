@@ -134,6 +134,16 @@ TEST(client_mgr_init, over_a_live_manager_empties_it_silently)
     client_mgr_deinit();
 }
 
+TEST(client_mgr_init, over_a_live_manager_drops_its_deliveries)
+{
+    const LogCapture quiet;
+    ASSERT_EQ(client_mgr_init(10), 0u);
+    ASSERT_EQ(qos_reliable_add_packet(log_in(3, "dev1"), 1, 1, "t", "x", 1), 0);
+    ASSERT_EQ(client_mgr_init(10), 0u);
+    EXPECT_EQ(g_pending_queue, nullptr) << "or the next client in the slot would get it";
+    client_mgr_deinit();
+}
+
 TEST(client_mgr_deinit, frees_all_and_leaves_nothing_to_find)
 {
     LogCapture log;
