@@ -138,6 +138,14 @@ TEST_F(storage, remove_takes_all_three_files)
 
 using retain_file = DataDirectory;
 
+// A retained file that claims `count` records and holds `bytes` bytes behind that.
+static std::string counted(uint32_t count, size_t bytes, char byte)
+{
+    std::string file(sizeof count + bytes, byte);
+    memcpy(file.data(), &count, sizeof count);
+    return file;
+}
+
 TEST_F(retain_file, an_empty_store_is_four_bytes)
 {
     LogCapture log;
@@ -174,7 +182,7 @@ TEST_F(retain_file, that_is_missing_short_or_lying_is_ignored)
     EXPECT_EQ(persist_retain_load(), -4);
     EXPECT_THAT(log.take(), ElementsAre(warn("[persist] no retain file")));
     for (const uint32_t count : {3u, 1001u, 0xFFFFFFFFu}) {
-        write_text("data/retain.dat", std::string(reinterpret_cast<const char *>(&count), 4) + std::string(2 * 2336, 'r'));
+        write_text("data/retain.dat", counted(count, 2 * 2336, 'r'));
         EXPECT_EQ(persist_retain_load(), 0);
         EXPECT_EQ(g_sub_mgr.retain_count, 0);
     }
@@ -186,7 +194,7 @@ TEST_F(retain_file, that_is_missing_short_or_lying_is_ignored)
 TEST_F(retain_file, hostile_records_are_made_safe)
 {
     const uint32_t count = 1;
-    write_text("data/retain.dat", std::string(reinterpret_cast<const char *>(&count), 4) + std::string(2336, '\xFF'));
+    write_text("data/retain.dat", counted(count, 2336, '\xFF'));
     EXPECT_EQ(persist_retain_load(), 0);
     ASSERT_EQ(g_sub_mgr.retain_count, 1);
     EXPECT_EQ(strlen(g_sub_mgr.retains[0].topic), 256u);
