@@ -245,7 +245,7 @@ TEST(connect, v5_clean_start_does_not_decide_at_disconnect)
 {
     BrokerProcess broker = BrokerProcess::start();
     Peer          client = Peer::tcp();
-    client.connect_v5("a", {.session_expiry_s = 3600}).disconnect();
+    client.connect_v5("a", {.session_expiry_s = 3600}).subscribe("t").disconnect();
     Peer again = Peer::tcp();
     again.connect_v5("a", {.clean = false, .session_present = true});
 }

@@ -475,6 +475,7 @@ TEST(publish, a_kept_subscription_without_a_client_gets_the_message_stored)
 {
     Handling broker;
     Client   sender(broker, 4, "s");
+    persist_init("data");
     sub_add("gone", "t", 1, 0);
     LogCapture log(AGENT_LOG_INFO);
     for (const int qos : {0, 2}) {
