@@ -93,6 +93,7 @@ int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept
     else
         settle_v4_session(client);
     packet_handler_remove_client_subs(client.client_id, peek(client.clean_session));
+    flush_client(client); // answers to packets that came in one go with this one
     client_close(&client);
     return 0;
 }
