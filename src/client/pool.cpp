@@ -61,12 +61,10 @@ bool add_block() REQUIRES(pool_mx)
     const int32_t block = g_client_mgr.block_count;
     if (!have_block_list() || !open_block(block))
         return false;
-    g_block_list[block] = {
-        .records    = records_of(block),
-        .used_flags = g_used_flags[block],
-        .used       = 0,
-        .capacity   = CLIENT_BLOCK_RECORDS,
-    };
+    client_pool_block_t &added = g_block_list[block];
+    if (!added.records) // else it stands there since an earlier start, and late readers may look at it
+        added = {records_of(block), g_used_flags[block], 0, CLIENT_BLOCK_RECORDS};
+    poke(added.used, 0);
     poke(g_client_mgr.capacity, g_client_mgr.capacity + CLIENT_BLOCK_RECORDS);
     poke_release(g_client_mgr.block_count, block + 1); // whoever sees the count sees the block
     return true;
@@ -268,7 +266,7 @@ mqtt_client_t *record_in_order(int32_t place) noexcept
     if (place < 0 || place / CLIENT_BLOCK_RECORDS >= peek_acquire(g_client_mgr.block_count))
         return nullptr;
     client_pool_block_t *const blocks = peek_acquire(g_client_mgr.blocks);
-    return blocks ? peek(blocks[place / CLIENT_BLOCK_RECORDS].records) + place % CLIENT_BLOCK_RECORDS : nullptr;
+    return blocks ? blocks[place / CLIENT_BLOCK_RECORDS].records + place % CLIENT_BLOCK_RECORDS : nullptr;
 }
 
 bool is_flagged(int32_t place) noexcept
@@ -331,13 +329,14 @@ void retire(mqtt_client_t &client)
 void scrub(mqtt_client_t &client)
 {
     wipe_texts(client);
-    const size_t session = offsetof(mqtt_client_t, session);
-    const size_t locks[] = {offsetof(mqtt_client_t, send_lock), offsetof(mqtt_client_t, will_lock), session};
-    char *const  bytes   = reinterpret_cast<char *>(&client);
-    size_t       from    = 0;
+    const size_t   session = offsetof(mqtt_client_t, session);
+    const size_t   locks[] = {offsetof(mqtt_client_t, send_lock), offsetof(mqtt_client_t, will_lock), session};
+    uint8_t *const bytes   = reinterpret_cast<uint8_t *>(&client);
+    size_t         at      = 0;
     for (const size_t lock : locks) {
-        memset(bytes + from, 0, lock - from);
-        from = lock + sizeof(Mutex);
+        for (; at < lock; ++at)
+            poke(bytes[at], 0); // scans may look in passing
+        at = lock + sizeof(Mutex);
     }
     clear_session(client);
 }

@@ -6,6 +6,8 @@
 #include "../stats/mqtt_stats.h"
 #include "client_internal.h"
 
+#include <utility>
+
 namespace tarn::client {
 namespace {
 
@@ -26,7 +28,7 @@ public:
                 return true;
         return false;
     }
-    void       add(client_ref client) { clients_[count_++] = static_cast<client_ref &&>(client); }
+    void       add(client_ref client) { clients_[count_++] = std::move(client); }
     client_ref &operator[](int i) { return clients_[i]; }
 
 private:
@@ -85,7 +87,7 @@ void look_at(const Visit &visit, client_ref client, CloseList &list)
     poke(client->timeout_closing, 1);
     LOG_WARN("[超时待关闭] 加入关闭列表 → cid=%s | 不活跃%lu ms", stored_id(*client).text,
              static_cast<unsigned long>(idle_ms));
-    list.add(static_cast<client_ref &&>(client));
+    list.add(std::move(client));
 }
 
 bool is_in_use(const client_pool_block_t &block, int at, mqtt_client_t &client)
@@ -105,7 +107,7 @@ void visit_block(client_pool_block_t &block, Visit visit, CloseList &list)
             continue;
         client_ref client(&record);
         if (is_in_use(block, visit.at, record))
-            look_at(visit, static_cast<client_ref &&>(client), list);
+            look_at(visit, std::move(client), list);
     }
 }
 

@@ -4,17 +4,21 @@
 #include "client_internal.h"
 
 #include <cstring>
+#include <utility>
 
 namespace tarn::client {
 namespace {
 
-// What the record holds after the call, for the line that tells it.
+// What the record holds after the call, for the line that tells it, and what it held before: the caller may have handed
+// us the record's own texts.
 struct Stored {
-    const char *topic;
-    uint32_t    payload_len;
-    uint8_t     qos;
-    uint8_t     retain;
-    uint8_t     used;
+    owned<char>    old_topic;
+    owned<uint8_t> old_payload;
+    const char    *topic;
+    uint32_t       payload_len;
+    uint8_t        qos;
+    uint8_t        retain;
+    uint8_t        used;
 };
 
 owned<char> copy_of(const char *text)
@@ -41,7 +45,8 @@ Stored store(mqtt_client_t &client, const char *topic, const uint8_t *payload, u
     ScopedLock     lock(client.will_lock);
     owned<char>    topic_copy   = copy_of(topic);
     owned<uint8_t> payload_copy = copy_of(payload, payload_len);
-    free_will_texts(client); // after the copies: the caller may hand us the record's own
+    owned<char>    old_topic(client.will_topic);
+    owned<uint8_t> old_payload(client.will_payload);
     if (topic_copy && payload_copy) {
         poke(client.will_topic, topic_copy.release());
         poke(client.will_payload, payload_copy.release());
@@ -51,10 +56,12 @@ Stored store(mqtt_client_t &client, const char *topic, const uint8_t *payload, u
         poke(client.will_sent, 0);
         poke(client.will_msg_used, 1);
     } else {
+        poke(client.will_topic, nullptr);
+        poke(client.will_payload, nullptr);
         poke(client.will_msg_used, 0);
     }
-    return {client.will_topic ? topic : nullptr, client.will_payload_len, client.will_qos, client.will_retain,
-            client.will_msg_used};
+    return {std::move(old_topic), std::move(old_payload), client.will_topic ? topic : nullptr,
+            client.will_payload_len, client.will_qos, client.will_retain, client.will_msg_used};
 }
 
 } // namespace
