@@ -7,6 +7,7 @@
 #include "support/wire.h"
 
 #include <algorithm>
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
