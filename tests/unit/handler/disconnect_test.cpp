@@ -152,7 +152,6 @@ TEST(disconnect, the_host_hears_of_it_before_the_session_is_settled)
 
 TEST(disconnect, saves_the_subscriptions_of_a_kept_session)
 {
-    NEEDS_STORED_SESSIONS();
     Handling broker;
     Client   client(broker);
     client.sends(connect_v4("dev1", 0));
