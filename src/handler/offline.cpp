@@ -41,12 +41,12 @@ persist_session_t *load_messages(const char *client_id)
 //   test: offline.kept_messages_join_the_queue_and_the_file_is_emptied
 void packet_handler_restore_offline_msgs(mqtt_client_t *client)
 {
-    if (!client || client->client_id[0] == '\0') {
+    const client_ref     pin(client);
+    const client_id_text id = client ? id_of(*client) : client_id_text{};
+    if (id.text[0] == '\0') {
         LOG_DEBUG("[packet_handler] 不补发：client 无效");
         return;
     }
-    const client_ref     pin(client);
-    const client_id_text id = id_of(*client);
     if (peek(client->clean_session)) {
         LOG_DEBUG("[packet_handler] CleanSession=1，不补发离线消息: %s", id.text);
         return;

@@ -33,7 +33,7 @@ void send_retained(mqtt_client_t &client, const retain_msg_t &retained, const ch
         return;
     poke(client.codec.last_packet_type, uint32_t{PUBLISH});
     (void)client_send(&client, packet.bytes, packet.length);
-    LOG_INFO("[保留消息] 下发成功: Client=%s, Topic=%s, Filter=%s", client.client_id, topic, filter);
+    LOG_INFO("[保留消息] 下发成功: Client=%s, Topic=%s, Filter=%s", id_of(client).text, topic, filter);
 }
 
 } // namespace

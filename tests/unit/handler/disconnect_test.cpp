@@ -1,5 +1,7 @@
 #include "handler_fixture.h"
 
+#include <sys/socket.h>
+
 using namespace tarn;
 using namespace tarn::test;
 using testing::ElementsAre;
@@ -150,7 +152,6 @@ TEST(disconnect, the_host_hears_of_it_before_the_session_is_settled)
 
 TEST(disconnect, saves_the_subscriptions_of_a_kept_session)
 {
-    NEEDS_STORED_SESSIONS();
     Handling broker;
     Client   client(broker);
     client.sends(connect_v4("dev1", 0));
@@ -232,6 +233,24 @@ TEST(send_disconnect, at_no_known_level_sends_the_whole_empty_buffer)
     client->codec.version = 0;
     packet_handler_send_disconnect(client, 0x98);
     EXPECT_THAT(client.gets(), ElementsAre(repeat(0, 128)));
+}
+
+TEST(send_disconnect, the_packet_has_left_when_it_returns)
+{
+    Handling broker;
+    Client   client(broker, 5, "dev1");
+    int      pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    netip_conn_t &slot = g_netip_clients[client->handle];
+    slot.handle        = client->handle;
+    slot.type          = NETIP_TCP;
+    slot.fd            = pair[0];
+    slot.in_use        = 1;
+    packet_handler_send_disconnect(client, 0x98);
+    uint8_t got[8];
+    EXPECT_EQ(recv(pair[1], got, sizeof got, MSG_DONTWAIT), 4);
+    EXPECT_EQ(hex(got, 4), "E0 02 98 00");
+    EXPECT_EQ(client->send_head, client->send_tail);
 }
 
 TEST(send_disconnect, without_a_connection_sends_nothing)

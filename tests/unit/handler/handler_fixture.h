@@ -30,6 +30,24 @@
 
 namespace tarn::test {
 
+// ---- saved sessions, as files
+
+inline void store(const char *kind, const std::string &id, const std::string &text)
+{
+    std::ofstream(std::string(g_persist_root_path) + "/" + kind + "/" + id + ".json") << text;
+}
+inline std::string stored(const char *kind, const std::string &id)
+{
+    std::ifstream file(std::string(g_persist_root_path) + "/" + kind + "/" + id + ".json");
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+inline void make_directories()
+{
+    const std::string root = g_persist_root_path;
+    for (const char *directory : {"", "/session", "/subscription", "/message"})
+        mkdir((root + directory).c_str(), 0755);
+}
+
 // The host: callbacks that note what they were asked and told, and answer as they are set.
 struct Host {
     broker_t                 broker{};
@@ -79,6 +97,7 @@ struct Handling {
     Handling()
     {
         poke(g_log_config.output, 0u);
+        make_directories();
         sub_init();
         msgid_seed = 1;
     }
@@ -188,31 +207,6 @@ inline std::vector<LogLine> handler_lines(LogCapture &log)
     });
     return lines;
 }
-
-// ---- saved sessions, as files
-
-inline void store(const char *kind, const std::string &id, const std::string &text)
-{
-    const std::string root = g_persist_root_path;
-    mkdir(root.c_str(), 0755);
-    mkdir((root + "/" + kind).c_str(), 0755);
-    std::ofstream(root + "/" + kind + "/" + id + ".json") << text;
-}
-inline std::string stored(const char *kind, const std::string &id)
-{
-    std::ifstream file(std::string(g_persist_root_path) + "/" + kind + "/" + id + ".json");
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-inline bool files_are_read()
-{
-    for (const char *kind : {"session", "subscription", "message"})
-        store(kind, "probe", "{}");
-    int files = 0;
-    return persist::load_session(persist::scratch_session("probe"), &files) == 0 && files > 0;
-}
-#define NEEDS_STORED_SESSIONS()                                                                                        \
-    if (!files_are_read())                                                                                             \
-    GTEST_SKIP() << "the storage keeps nothing yet"
 
 } // namespace tarn::test
 

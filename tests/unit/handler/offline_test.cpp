@@ -39,7 +39,6 @@ TEST(offline, without_memory_there_is_nothing_to_restore)
 
 TEST(offline, kept_messages_join_the_queue_and_the_file_is_emptied)
 {
-    NEEDS_STORED_SESSIONS();
     Handling broker;
     Client   client(broker, 4, "dev1");
     store("message", "dev1",

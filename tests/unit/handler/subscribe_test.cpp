@@ -184,7 +184,6 @@ TEST(subscribe, a_long_filter_is_saved_cut_and_each_time_anew)
 
 TEST(subscribe, a_kept_session_writes_its_file)
 {
-    NEEDS_STORED_SESSIONS();
     Handling broker;
     Client   client(broker);
     client.sends(connect_v4("dev1", 0));

@@ -67,7 +67,6 @@ TEST(unsubscribe, the_saved_list_keeps_the_filter)
 
 TEST(unsubscribe, a_removed_filter_is_active_again_after_a_reconnect)
 {
-    NEEDS_STORED_SESSIONS();
     Handling broker;
     Client   client(broker), again(broker);
     client.sends(connect_v4("dev1", 0));

@@ -1,0 +1,66 @@
+// Everything at once, for the sanitizers: host publishes from two threads while one thread connects, subscribes,
+// publishes and disconnects clients of the pool and another closes them from outside.
+#include "handler_fixture.h"
+
+#include <atomic>
+#include <thread>
+
+using namespace tarn;
+using namespace tarn::test;
+
+namespace {
+
+constexpr int kRounds = 150;
+
+void dispatch(mqtt_client_t *client, const Bytes &packet)
+{
+    packet_dispatch(client, packet.data(), static_cast<uint32_t>(packet.size()));
+}
+
+// What the I/O thread does for one connection, from accept to close.
+void serve(Handling &broker, uint32_t handle, const std::string &id)
+{
+    const client_ref client(client_create(handle, "10.0.0.1", 4711, &broker.host.broker));
+    ASSERT_TRUE(client);
+    dispatch(client.get(), handle % 2 ? connect_v4(id) : connect_v5(id));
+    dispatch(client.get(), wire("82 06 | 00 01 | 00 01 't' 01"));
+    dispatch(client.get(), wire("82 0F | 00 02 | 00 0A '$share/g/t' 01"));
+    dispatch(client.get(), wire("32 06 | 00 01 't' 00 07 'x'"));
+    dispatch(client.get(), wire("31 04 | 00 01 'r' 'x'"));
+    dispatch(client.get(), wire("40 02 00 07"));
+    if (handle % 3)
+        dispatch(client.get(), wire("E0 00"));
+    client_close(client.get());
+}
+
+} // namespace
+
+TEST(threads, publish_connect_and_close_at_once)
+{
+    Handling broker;
+    poke(g_log_config.level, uint32_t{AGENT_LOG_FATAL});
+    std::atomic<bool> done{false};
+
+    const auto publish = [&] {
+        while (!done)
+            packet_handler_broker_publish("t", reinterpret_cast<const uint8_t *>("payload"), 7, 1, 1, 60);
+    };
+    const auto close = [&] {
+        while (!done)
+            for (const char *id : {"dev0", "dev1", "dev2"})
+                if (const client_ref client = find_client_by_cid(id)) {
+                    packet_cancel_will(client.get());
+                    send_retained_msg_to_client(client.get(), "#");
+                    packet_handler_remove_client_subs(id, 1);
+                    client_close(client.get());
+                }
+    };
+    std::thread first(publish), second(publish), closer(close);
+    for (uint32_t round = 0; round < kRounds; round++)
+        serve(broker, 1 + round % 7, "dev" + std::to_string(round % 3));
+    done = true;
+    first.join();
+    second.join();
+    closer.join();
+    EXPECT_EQ(g_client_mgr.used_count, 0);
+}
