@@ -51,13 +51,12 @@ void close_gently(int fd)
     close(fd);
 }
 
-// All UDP peers share one socket, so closing one of them ends UDP until the next start.
-void close_descriptor(netip_conn_t &slot, bool opened_here)
+// A UDP peer of this layer: its descriptor is everybody's and lives in g_netip_udp. The number in the slot may have
+// gone to somebody else by now. A slot filled by hand owns what it names, unless that is the same socket.
+bool shares_descriptor(const SlotHold &hold)
 {
-    if (slot.type == NETIP_UDP && (opened_here || slot.fd == peek(g_netip_udp)))
-        close_shared_udp();
-    else
-        close_gently(slot.fd);
+    const netip_conn_t &slot = hold.slot();
+    return slot.type == NETIP_UDP && (hold.connection().generation != 0 || slot.fd == peek(g_netip_udp));
 }
 
 // The receive buffer is wiped by the last holder, who may be delivering a packet from it right now.
@@ -86,18 +85,20 @@ void close_connection(uint32_t handle, uint32_t generation) noexcept
     const SlotHold hold({handle, generation ? generation : generation_of(handle)});
     if (!hold || !take_slot(hold))
         return;
-    const bool agreed      = event_sink().disconnected(handle, REASON_LOCAL);
-    const bool opened_here = hold.connection().generation != 0;
+    const bool agreed = event_sink().disconnected(handle, REASON_LOCAL);
+    const bool shared = shares_descriptor(hold);
     {
         SlotLock slot(handle, SlotLock::Always);
-        unwatch(handle);
-        if (agreed) {
-            close_descriptor(*slot, opened_here);
+        if (!shared)
+            unwatch(handle);
+        if (agreed)
             wipe_peer(*slot);
-            return;
-        }
+        if (agreed && shared)
+            close_shared_udp(); // and with it UDP, until the next start
+        else if (agreed)
+            close_gently(slot->fd);
     }
-    if (hold.slot().type != NETIP_UDP)
+    if (!agreed && !shared)
         park(hold.slot().fd);
 }
 
@@ -127,9 +128,10 @@ void retire(uint32_t handle, const EventSink &sink) noexcept
     if (!take_slot(hold))
         return;
     SlotLock slot(handle, SlotLock::Always);
-    unwatch(handle);
-    if (slot->type == NETIP_TCP)
-        close_gently(slot->fd); // the UDP socket follows by itself
+    if (slot->type == NETIP_TCP) { // the UDP socket follows by itself
+        unwatch(handle);
+        close_gently(slot->fd);
+    }
     wipe_peer(*slot);
 }
 

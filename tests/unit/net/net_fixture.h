@@ -172,7 +172,8 @@ inline bool readable(int fd, std::chrono::milliseconds wait)
 // A TCP client on loopback.
 class Peer {
 public:
-    Peer() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    Peer() : Peer(Fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))) {}
+    explicit Peer(Fd unconnected) : fd_(std::move(unconnected))
     {
         const sockaddr_in address = loopback();
         if (connect(fd_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)

@@ -246,7 +246,8 @@ TEST(a_new_slot, is_filled_with_the_peer)
     g_netip_clients[0].pkt_len_known = 1;
     Peer peer;
     layer.events.wait_for(1);
-    const netip_conn_t &slot = g_netip_clients[0];
+    SlotLock            lock(0);
+    const netip_conn_t &slot = *lock;
     EXPECT_EQ(slot.handle, 0u);
     EXPECT_EQ(slot.type, unsigned{NETIP_TCP});
     EXPECT_EQ(slot.in_use, 1);

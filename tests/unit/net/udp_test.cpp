@@ -203,6 +203,44 @@ TEST(udp, closing_one_peer_ends_udp_until_the_next_start)
     netip_deinit();
 }
 
+TEST(udp, closing_a_peer_of_a_dead_socket_touches_nobody_else)
+{
+    Layer   layer;
+    Peer    tcp;
+    UdpPeer a, b;
+    layer.events.wait_for(1);
+    std::this_thread::sleep_for(kSilence);
+    a.send("C0 00");
+    make_a_round(tcp);
+    layer.events.wait_for(4);
+    b.send("C0 00");
+    make_a_round(tcp);
+    layer.events.wait_for(7);
+    const int shared = g_netip_udp;
+    Fd        first(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), second(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    netip_close(1);
+    Peer next(std::move(first)); // the kernel had chosen a number for it when accept went to sleep
+    layer.events.wait_for(9);
+    Peer last(std::move(second)); // gets the number that was the UDP socket's
+    layer.events.wait_for(10);
+    ASSERT_EQ(peek(g_netip_clients[4].fd), shared);
+    netip_close(2);
+    last.send("D0 00");
+    layer.events.wait_for(12);
+    EXPECT_EQ(layer.events.seen().back(), data(4, wire("D0 00")));
+}
+
+TEST(udp, a_handmade_slot_may_name_the_shared_socket)
+{
+    Layer         layer;
+    netip_conn_t &slot = g_netip_clients[50];
+    slot.type          = NETIP_UDP;
+    slot.fd            = g_netip_udp;
+    poke(slot.in_use, 1);
+    netip_close(50);
+    EXPECT_EQ(g_netip_udp, -1);
+}
+
 TEST(udp, a_peer_closed_in_its_connected_event_gets_no_data)
 {
     Layer   layer([](const Recorder::Event &event) {
