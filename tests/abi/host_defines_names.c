@@ -35,16 +35,16 @@ static void *the_librarys(const char *name)
 /* Connects, subscribes to "a", publishes to it and disconnects: the longest way through the library. */
 static int talk(void)
 {
-    static const char conversation[] = "\x10\x0d\x00\x04MQTT\x04\x02\x00\x3c\x00\x01h"
-                                       "\x82\x06\x00\x01\x00\x01""a\x01"
-                                       "\x32\x06\x00\x01""a\x00\x02!"
-                                       "\xc0\x00\xe0";
+    static const char conversation[] = "\x10\x0d\x00\x04MQTT\x04\x02\x00\x3c\x00\x01h" /* CONNECT */
+                                       "\x82\x06\x00\x01\x00\x01\x61\x01"              /* SUBSCRIBE */
+                                       "\x32\x06\x00\x01\x61\x00\x02!"                 /* PUBLISH */
+                                       "\xc0\x00"                                      /* PINGREQ */
+                                       "\xe0";                                         /* DISCONNECT, with the NUL */
     struct sockaddr_in address = {.sin_family = AF_INET, .sin_port = htons(1883)};
     address.sin_addr.s_addr    = htonl(INADDR_LOOPBACK);
     const int fd               = socket(AF_INET, SOCK_STREAM, 0);
     if (fd < 0 || connect(fd, (struct sockaddr *)&address, sizeof address) != 0)
         return -1;
-    /* The literal's own NUL is the last byte of DISCONNECT. */
     if (send(fd, conversation, sizeof conversation, 0) != (ssize_t)sizeof conversation)
         return -1;
     char    replies[256];

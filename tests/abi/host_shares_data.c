@@ -27,9 +27,18 @@ static int g_failures;
 int client_send(int x);
 int agent_log(int x);
 int sub_match(int x);
-int client_send(int x) { return ++g_own_calls + x; }
-int agent_log(int x) { return ++g_own_calls + x; }
-int sub_match(int x) { return ++g_own_calls + x; }
+int client_send(int x)
+{
+    return ++g_own_calls + x;
+}
+int agent_log(int x)
+{
+    return ++g_own_calls + x;
+}
+int sub_match(int x)
+{
+    return ++g_own_calls + x;
+}
 
 #define EXPECT(condition)                                                                                              \
     do {                                                                                                               \

@@ -83,7 +83,8 @@ TEST(options, numbers_beyond_their_limits_are_refused)
 TEST(options, texts_that_are_no_numbers_are_refused)
 {
     for (const char *text : {"", "x", "5x", "0x10", "5 ", "-5", "1.5", "99999999999999999999"})
-        EXPECT_EQ(error_of({"-k", text}), std::string("--keep-alive takes a number from 1 to 3600, not '") + text + "'");
+        EXPECT_EQ(error_of({"-k", text}),
+                  std::string("--keep-alive takes a number from 1 to 3600, not '") + text + "'");
 }
 
 TEST(options, help_and_version_end_the_reading)

@@ -93,6 +93,21 @@ TEST(program, ends_cleanly_on_each_signal)
     }
 }
 
+// Ending takes a moment, in which a second signal may come; the machine decides whether it comes in time.
+TEST(program, ends_at_once_on_a_second_signal)
+{
+    int status = 0;
+    for (int attempt = 0; attempt < 50 && status == 0; ++attempt) {
+        Child broker = run();
+        ASSERT_TRUE(serves(broker));
+        broker.signal(SIGTERM);
+        ASSERT_TRUE(wait_until([&] { return broker.errors().find("tarn-broker: ending\n") != std::string::npos; }));
+        broker.signal(SIGINT);
+        status = broker.wait(kLimit_ms);
+    }
+    EXPECT_EQ(status, 128 + SIGINT);
+}
+
 // However soon it comes: it waits until there is something to end.
 TEST(program, a_signal_during_the_start_ends_it_cleanly)
 {

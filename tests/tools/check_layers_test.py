@@ -31,6 +31,12 @@ class CheckLayers(unittest.TestCase):
             ["src/net/a.cpp:1: client/ is above net/, and client/client.h is no listed exception"],
         )
 
+    def test_upward_by_one_layer(self):
+        self.assertEqual(
+            self.faults({"src/net/netip.h": "", "src/codec/a.cpp": '#include "../net/netip.h"\n'}),
+            ["src/codec/a.cpp:1: net/ is above codec/, and net/netip.h is no listed exception"],
+        )
+
     def test_upward_by_exception(self):
         self.assertEqual(
             self.faults({"src/client/client.h": "", "src/stats/a.cpp": '#include "../client/client.h"\n'}), []
@@ -79,6 +85,12 @@ class CheckLayers(unittest.TestCase):
             "tools/check_layers.py: nothing in stats/ includes client/client.h any more",
             made.run("check_layers.py")[1],
         )
+
+    def test_a_listed_header_that_is_gone_is_reported(self):
+        made = Project({"cmake/install.cmake": INSTALL, "src/net/netip.h": ""})
+        lines = made.run("check_layers.py")[1]
+        self.assertIn("client/client.h is listed but does not exist", lines)
+        self.assertNotIn("net/netip.h is listed but does not exist", lines)
 
     def test_every_exception_goes_up(self):
         for module, header in check_layers.UPWARD:

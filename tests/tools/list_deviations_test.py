@@ -62,7 +62,9 @@ class ListDeviations(unittest.TestCase):
 
     def test_several_tests_on_several_lines(self):
         code = CODE.replace("ids.long_ones_are_cut", "ids.a, ids.b,\n    //   ids.c")
-        self.assertEqual(self.faults(project(code, "TEST(ids, a)\nTEST_F(ids, b)\nTEST_P(ids, c)\n")), [])
+        made = project(code, "TEST(ids, a)\nTEST_F(ids, b)\nTEST_P(ids, c)\n")
+        self.assertEqual(self.faults(made), [])
+        self.assertIn("- Test: `ids.a`, `ids.b`, `ids.c`\n", made.read("docs/deviations.md"))
 
     def test_no_test_no_statement_and_a_name_used_twice(self):
         code = "// QUIRK(one): something.\nint a;\n// QUIRK(one): more [MQTT-1.5.4-1].\n"
