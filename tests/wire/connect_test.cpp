@@ -202,10 +202,11 @@ TEST(connect, v4_session_that_was_left_in_order_is_present)
         client.subscribe("t"); // a session without subscriptions leaves no file when it is left in order
         return client;
     };
-    come(false, false).disconnect(); // nothing is known yet
+    come(false, false).disconnect();
+    come(false, false).subscribe("t").disconnect(); // without a subscription nothing was kept
     come(false, true).disconnect();
     come(false, true).disconnect();
-    come(true, false).disconnect(); // forgets
+    come(true, false).subscribe("t").disconnect(); // forgets
     come(false, false).disconnect();
 }
 
@@ -230,11 +231,11 @@ TEST(connect, v5_session_lives_by_its_expiry_interval)
         client.subscribe("t");
         return client;
     };
-    come(3600, false).disconnect();
-    come(3600, true).hang_up();
-    Peer::tcp().connect_v4("b").ping();
+    come(3600, false).subscribe("t").disconnect();
+    come(3600, true).disconnect();
     come({}, true).disconnect(); // no interval: removed
-    come(3600, false).disconnect();
+    come(3600, false).hang_up(); // a drop keeps the session, with or without subscriptions
+    Peer::tcp().connect_v4("b").ping();
     Peer client = come(3600, true);
     client.send("E0 07 | 00 05 | 10 00 00 00 00"); // an interval of 0 in the DISCONNECT removes too
     client.expect_closed();

@@ -169,7 +169,8 @@ std::string letter_to(unsigned n)
     return "for " + std::to_string(n) + ";";
 } // 'f' is no property length
 
-// A client that does something at random on each turn, never waits, and checks that all it gets is meant for it.
+// A client that does something at random on each turn, once what it did last has been taken in, and checks that all it
+// gets is meant for it.
 class Churner {
 public:
     explicit Churner(unsigned number) : number_(number), random_(number) {}
@@ -179,6 +180,20 @@ public:
         if (!peer_ || !peer_->drain() || !peer_->ok())
             return appear();
         read();
+        if (asked_)
+            return;
+        act();
+        if (peer_)
+            ask();
+    }
+
+    unsigned received() const { return received_; }
+
+private:
+    std::string id() const { return "churn-" + std::to_string(number_); }
+
+    void act()
+    {
         switch (random_() % 64) {
         case 0:
             leave(&Peer::hang_up);
@@ -201,18 +216,16 @@ public:
         case 7:
             peer_->send(subscribe_packet(4, 1, topic_of(number_), random_() % 3));
             break;
-        case 8:
-            peer_->send("C0 00");
-            break;
         default:
             write_to(random_() % kChurners);
         }
     }
 
-    unsigned received() const { return received_; }
-
-private:
-    std::string id() const { return "churn-" + std::to_string(number_); }
+    void ask()
+    {
+        peer_->send("C0 00");
+        asked_ = true;
+    }
 
     void leave(void (Peer::*how)())
     {
@@ -223,11 +236,12 @@ private:
     void appear()
     {
         peer_.emplace(Peer::tcp());
-        Connect options = {.clean = random_() % 4 != 0, .keep_alive_s = 1};
+        Connect options = {.clean = number_ % 10 != 0, .keep_alive_s = 1}; // files are slow: few need them
         if (appearances_++ < 2) // a client that dies with a will keeps its record, so not too often
             options.will = Will{topic_of((number_ + 1) % kChurners), letter_to((number_ + 1) % kChurners)};
         peer_->send(connect_packet(4, id(), options));
         peer_->send(subscribe_packet(4, 1, topic_of(number_), random_() % 3));
+        ask();
     }
 
     void write_to(unsigned other)
@@ -245,6 +259,8 @@ private:
     void take(const Bytes &packet)
     {
         const unsigned type = packet[0] >> 4, qos = packet[0] >> 1 & 3;
+        if (type == 13)
+            asked_ = false;
         if (type == 5)
             peer_->send(Bytes{0x62, 2, packet[2], packet[3]});
         if (type == 6)
@@ -265,6 +281,7 @@ private:
     const unsigned      number_;
     std::minstd_rand    random_;
     std::optional<Peer> peer_;
+    bool                asked_       = false; // a PINGREQ is on its way
     unsigned            received_    = 0;
     unsigned            appearances_ = 0;
 };
