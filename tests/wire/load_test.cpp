@@ -84,7 +84,7 @@ LoopResult measured(LoopOptions options)
 
 } // namespace
 
-TEST(load_table, DISABLED_eleven_thousand_connections_and_not_one_more)
+TEST(load_table, eleven_thousand_connections_and_not_one_more)
 {
     if (!raise_descriptor_limit(kConnections + 500))
         GTEST_SKIP() << "the limit of open files is below " << kConnections + 500;
@@ -123,7 +123,7 @@ TEST(load_table, DISABLED_eleven_thousand_connections_and_not_one_more)
 
 // 10 ms is how long a queued packet may wait; a broker that only looked every 10 ms would move 6400 messages a second
 // with 64 in flight, and take 5 to 10 ms for one.
-TEST(load_pace, DISABLED_sixty_four_in_flight)
+TEST(load_pace, sixty_four_in_flight)
 {
     BrokerProcess broker = BrokerProcess::start();
     for (unsigned qos : {0u, 1u}) {
@@ -145,7 +145,7 @@ TEST(load_pace, one_in_flight)
     }
 }
 
-TEST(load_pace, DISABLED_one_to_fifty)
+TEST(load_pace, one_to_fifty)
 {
     BrokerProcess broker = BrokerProcess::start();
     for (unsigned qos : {0u, 1u}) {
@@ -321,7 +321,7 @@ void host_turn(Host &host, std::minstd_rand &random)
 } // namespace
 
 // Run under a thread or address sanitizer this is the test of everything that happens at once.
-TEST(load_churn, DISABLED_fifty_clients_at_random_beside_a_busy_host)
+TEST(load_churn, fifty_clients_at_random_beside_a_busy_host)
 {
     Host host(400);
     tarn_sdk_mqtt_broker_set_log_level(host.broker(), 4);
