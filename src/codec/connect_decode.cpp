@@ -321,6 +321,9 @@ int mqtt_codec_decode_connect(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *bu
         return REFUSE(CODEC_E_PARAM, "CONNECT decode: invalid input (ctx=%p, buf=%p, len=%d < 10)", addr(ctx),
                       addr(buf), input_len);
     memset(para, 0, sizeof *para);
+    LOG_DEBUG("========== CONNECT decode start ==========");
+    LOG_DEBUG("CONNECT decode: input param - ctx=%p, buf=%p, buf_len=%p (len=%d), para=%p", addr(ctx), addr(buf),
+              addr(buf_len), input_len, addr(para));
     LOG_HEXDUMP("CONNECT decode: full packet data", buf, input_len);
 
     FixedHeader header;

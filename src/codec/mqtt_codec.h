@@ -13,7 +13,7 @@
 TARN_API_BEGIN
 
 int      mqtt_codec_ctx_init(mqtt_codec_ctx_t *ctx);
-uint32_t codec_encode_remaining_length(uint8_t *buf, uint32_t len);                         /* bytes written, 0 = failed */
+uint32_t codec_encode_remaining_length(uint8_t *buf, uint32_t len); /* bytes written, 0 = failed */
 int      codec_decode_remaining_length(const uint8_t *buf, int avail, uint32_t *consumed); /* value, -1 = failed */
 
 int mqtt_codec_encode_connect(mqtt_codec_ctx_t *ctx, const mqtt_connect_para_t *para, uint8_t *buf, int *buf_len);
@@ -28,8 +28,10 @@ int mqtt_codec_encode_simple(mqtt_codec_ctx_t *ctx, int type, uint8_t *buf, int 
 int mqtt_codec_decode_simple(mqtt_codec_ctx_t *ctx, int type, const uint8_t *buf, int *buf_len);
 int mqtt_codec_encode_subscribe(mqtt_codec_ctx_t *ctx, const mqtt_subscribe_para_t *para, uint8_t *buf, int *buf_len);
 int mqtt_codec_decode_subscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_subscribe_para_t *para);
-int mqtt_codec_encode_unsubscribe(mqtt_codec_ctx_t *ctx, const mqtt_unsubscribe_para_t *para, uint8_t *buf, int *buf_len);
-int mqtt_codec_decode_unsubscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_unsubscribe_para_t *para);
+int mqtt_codec_encode_unsubscribe(mqtt_codec_ctx_t *ctx, const mqtt_unsubscribe_para_t *para, uint8_t *buf,
+                                  int *buf_len);
+int mqtt_codec_decode_unsubscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len,
+                                  mqtt_unsubscribe_para_t *para);
 int mqtt_codec_encode_disconnect(mqtt_codec_ctx_t *ctx, const mqtt_disconnect_para_t *para, uint8_t *buf, int *buf_len);
 int mqtt_codec_decode_disconnect(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_disconnect_para_t *para);
 

@@ -49,9 +49,8 @@ void trace_input(mqtt_codec_ctx_t *ctx, const uint8_t *buf, const int *buf_len, 
 
 void trace_success(uint32_t level, const mqtt_publish_para_t &para, int consumed)
 {
-    LOG_DEBUG("PUBLISH decode success: version=%d, topic=%s, qos=%d, msg_id=%d, payload_len=%d, total len=%d",
-              level, para.topic, para.qos, para.msg_id,
-              para.payload_len, consumed);
+    LOG_DEBUG("PUBLISH decode success: version=%d, topic=%s, qos=%d, msg_id=%d, payload_len=%d, total len=%d", level,
+              para.topic, para.qos, para.msg_id, para.payload_len, consumed);
     LOG_DEBUG("========== PUBLISH DECODE DEBUG END (SUCCESS) ==========\n");
 }
 
@@ -193,13 +192,12 @@ int read_payload(Reader &in, int packet_end, mqtt_publish_para_t &para)
         return CODEC_OK;
     }
     if (length > CODEC_PAYLOAD_MAX) {
-        LOG_WARN("PUBLISH decode: payload length exceed max (%d > %d), truncate to max", length,
-                 CODEC_PAYLOAD_MAX);
+        LOG_WARN("PUBLISH decode: payload length exceed max (%d > %d), truncate to max", length, CODEC_PAYLOAD_MAX);
         length = CODEC_PAYLOAD_MAX;
     }
     if (!in.bytes(para.payload, length)) { // the packet was found complete, so this is a second lock on the door
-        LOG_ERROR("PUBLISH decode: buffer too short for payload - pos+len=%d > buf_len=%d",
-                  in.pos() + length, in.end());
+        LOG_ERROR("PUBLISH decode: buffer too short for payload - pos+len=%d > buf_len=%d", in.pos() + length,
+                  in.end());
         return ended(CODEC_E_MALFORMED, "PAYLOAD SHORT");
     }
     para.payload_len = static_cast<uint32_t>(length);
@@ -213,8 +211,8 @@ int mqtt_codec_decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *bu
 {
     trace_input(ctx, buf, buf_len, para);
     if (!buf || !para || !ctx || length_of(buf_len) < 2) {
-        LOG_ERROR("PUBLISH decode: invalid param (ctx=%p, buf=%p, buf_len=%p, len=%d, para=%p)", addr(ctx),
-                  addr(buf), addr(buf_len), length_of(buf_len), addr(para));
+        LOG_ERROR("PUBLISH decode: invalid param (ctx=%p, buf=%p, buf_len=%p, len=%d, para=%p)", addr(ctx), addr(buf),
+                  addr(buf_len), length_of(buf_len), addr(para));
         return ended(CODEC_E_PARAM, "INVALID PARAM");
     }
     memset(para, 0, sizeof *para);
@@ -236,7 +234,7 @@ int mqtt_codec_decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *bu
         if (const int refused = read_id(in, header.end, *para); refused != CODEC_OK)
             return refused;
 
-    uint32_t level   = 4;
+    uint32_t level     = 4;
     int      block_end = 0;
     if (property_block(in, header.end, block_end)) {
         level = 5;

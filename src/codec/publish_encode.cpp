@@ -1,7 +1,7 @@
 // publish_encode.cpp - PUBLISH from a record or from a view.
 //
-// The busiest encoder. All sizes are known before the body is written, so topic, properties and payload go straight
-// into the caller's buffer; trace lines cost one test of the level.
+// The busiest encoder. What stands before the payload is built in a small area, so that the remaining length is known;
+// then it and the payload are copied once, behind that length. Trace lines cost one test of the level.
 //
 // PUBLISH:  3d:u8  remaining:varint  topic:text  [packet-id:u16, QoS 1 and 2]  [properties, 5.0]  payload
 #include "publish_link.h"
@@ -26,18 +26,23 @@ bool carries_id(const PublishView &message)
 int check(uint32_t level, const PublishView &message, int capacity)
 {
     if (capacity < CODEC_MIN_CAPACITY)
-        return REFUSE(CODEC_E_PARAM, "[PUBLISH ENCODE] Step 1 ERROR: Buffer too small (required=%d, actual=%d) [MQTT 5.0 §3.3.1.4]\n",
+        return REFUSE(CODEC_E_PARAM,
+                      "[PUBLISH ENCODE] Step 1 ERROR: Buffer too small (required=%d, actual=%d) [MQTT 5.0 §3.3.1.4]\n",
                       CODEC_MIN_CAPACITY, capacity);
     if (!known_level(level))
-        return REFUSE(CODEC_E_VERSION, "[PUBLISH ENCODE] Step 1 ERROR: Unsupported version %d (only 3.1.1/5.0) [MQTT 5.0 §1.2]\n",
+        return REFUSE(CODEC_E_VERSION,
+                      "[PUBLISH ENCODE] Step 1 ERROR: Unsupported version %d (only 3.1.1/5.0) [MQTT 5.0 §1.2]\n",
                       level);
     if (message.topic.empty() || message.topic.size() > CODEC_TOPIC_MAX)
-        return REFUSE(CODEC_E_PARAM, "[PUBLISH ENCODE] Step 1 ERROR: Invalid topic (len=%d, max=%d) [MQTT 5.0 §3.3.2.1]\n",
+        return REFUSE(CODEC_E_PARAM,
+                      "[PUBLISH ENCODE] Step 1 ERROR: Invalid topic (len=%d, max=%d) [MQTT 5.0 §3.3.2.1]\n",
                       static_cast<int>(message.topic.size()), CODEC_TOPIC_MAX);
     if (carries_id(message) && message.msg_id == 0)
-        return REFUSE(CODEC_E_PARAM, "[PUBLISH ENCODE] Step 1 ERROR: QoS1/2 requires non-zero Packet ID [MQTT 5.0 §3.3.2.2]\n");
+        return REFUSE(CODEC_E_PARAM,
+                      "[PUBLISH ENCODE] Step 1 ERROR: QoS1/2 requires non-zero Packet ID [MQTT 5.0 §3.3.2.2]\n");
     if (message.payload.size() > CODEC_PAYLOAD_MAX)
-        return REFUSE(CODEC_E_PARAM, "[PUBLISH ENCODE] Step 1 ERROR: Invalid payload len (len=%d, max=%d) [MQTT 5.0 §3.3.3]\n",
+        return REFUSE(CODEC_E_PARAM,
+                      "[PUBLISH ENCODE] Step 1 ERROR: Invalid payload len (len=%d, max=%d) [MQTT 5.0 §3.3.3]\n",
                       static_cast<int>(message.payload.size()), CODEC_PAYLOAD_MAX);
     return CODEC_OK;
 }
@@ -102,8 +107,8 @@ int put_head(uint32_t level, const PublishView &message, Writer &head, size_t &p
     if (level == 5) {
         const uint32_t bytes = property_bytes(message);
         if (!put_varint(head, bytes))
-            return REFUSE(CODEC_E_MALFORMED, "[PUBLISH ENCODE] Step 4.3 ERROR: Encode Property Length failed (len=%d)\n",
-                          bytes);
+            return REFUSE(CODEC_E_MALFORMED,
+                          "[PUBLISH ENCODE] Step 4.3 ERROR: Encode Property Length failed (len=%d)\n", bytes);
         properties_at = head.size();
         put_properties(head, message);
     }
@@ -134,7 +139,8 @@ int write(uint32_t level, const PublishView &message, uint8_t *buf, int *buf_len
 
     const uint32_t length_bytes = codec_encode_remaining_length(buf + 1, body);
     if (length_bytes == 0) // cannot happen with a body this short
-        return REFUSE(CODEC_E_MALFORMED, "[PUBLISH ENCODE] Step 5 ERROR: Encode Remaining Length failed (len=%d) [MQTT 5.0 §2.1.4]\n",
+        return REFUSE(CODEC_E_MALFORMED,
+                      "[PUBLISH ENCODE] Step 5 ERROR: Encode Remaining Length failed (len=%d) [MQTT 5.0 §2.1.4]\n",
                       body);
     const auto total = static_cast<int>(1 + length_bytes + body);
     if (total > *buf_len)
@@ -196,10 +202,11 @@ using namespace tarn::codec;
 int mqtt_codec_encode_publish(mqtt_codec_ctx_t *ctx, const mqtt_publish_para_t *para, uint8_t *buf, int *buf_len)
 {
     if (!ctx || !para || !buf || !buf_len)
-        return REFUSE(CODEC_E_PARAM, "[PUBLISH ENCODE] Step 1 ERROR: Null pointer detected (ctx=%p, para=%p, buf=%p, buf_len=%p)\n",
+        return REFUSE(CODEC_E_PARAM,
+                      "[PUBLISH ENCODE] Step 1 ERROR: Null pointer detected (ctx=%p, para=%p, buf=%p, buf_len=%p)\n",
                       addr(ctx), addr(para), addr(buf), addr(buf_len));
 
-    const uint32_t    level = level_of(ctx);
+    const uint32_t    level   = level_of(ctx);
     const PublishView message = view_of(*para);
     if (const int refused = check(level, message, *buf_len); refused != CODEC_OK)
         return refused;

@@ -33,7 +33,7 @@ int codec_decode_remaining_length(const uint8_t *buf, int avail, uint32_t *consu
     //   test: decode_remaining_length.a_fourth_byte_is_refused
     constexpr int kLengthBytesMax = 3;
 
-    if (!buf)
+    if (!buf || !consumed)
         return -1;
     int value = 0;
     for (int i = 0; i < kLengthBytesMax && i < avail; ++i) {

@@ -7,7 +7,6 @@
 #include "support/wire.h"
 
 #include <algorithm>
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>

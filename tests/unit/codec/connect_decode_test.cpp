@@ -159,7 +159,11 @@ TEST(connect_decode, each_flag_by_itself)
 TEST(connect_decode, says_what_it_read)
 {
     const Connect d = decode("10 0E | 00 04 'MQTT' 04 02 00 3C | 00 02 'id'");
-    EXPECT_EQ(d.all,
+    ASSERT_EQ(d.all.size(), 5u);
+    EXPECT_EQ(d.all[0], debug("========== CONNECT decode start =========="));
+    EXPECT_EQ(d.all[1].text.find("CONNECT decode: input param - ctx=0x"), 0u);
+    EXPECT_NE(d.all[1].text.find(" (len=16), para=0x"), std::string::npos);
+    EXPECT_EQ(Log(d.all.begin() + 2, d.all.end()),
               (Log{debug("CONNECT decode: full packet data"), debug("10 0E 00 04 4D 51 54 54 04 02 00 3C 00 02 69 64 "),
                    debug("CONNECT decode success: version=4, client_id='id', keep_alive=60, parsed_len=16")}));
 }

@@ -14,11 +14,20 @@ Publish decode(const Bytes &bytes, uint32_t version = 4, uint32_t log_level = 0)
 {
     return decode_with(mqtt_codec_decode_publish, bytes, version, log_level);
 }
-Publish decode(const char *bytes, uint32_t version = 4) { return decode(wire(bytes), version); }
+Publish decode(const char *bytes, uint32_t version = 4)
+{
+    return decode(wire(bytes), version);
+}
 
 // A QoS 0 PUBLISH on topic "a" with these bytes behind the topic.
-Bytes behind_topic(const Bytes &rest) { return packet(0x30, wire("00 01 'a'") + rest); }
-Publish decode_rest(const char *rest) { return decode(behind_topic(wire(rest))); }
+Bytes behind_topic(const Bytes &rest)
+{
+    return packet(0x30, wire("00 01 'a'") + rest);
+}
+Publish decode_rest(const char *rest)
+{
+    return decode(behind_topic(wire(rest)));
+}
 
 std::string payload_of(const Publish &d)
 {
@@ -42,7 +51,8 @@ void expect_refused(const Publish &d, uint32_t version, const std::string &text,
     EXPECT_EQ(d.log, Log{error(text)});
     EXPECT_TRUE(untouched(d.ctx));
     EXPECT_EQ(d.ctx.version, version);
-    const Log end = {error(text), debug("========== PUBLISH DECODE DEBUG END (FAIL: " + std::string(banner) + ") ==========\n")};
+    const Log end = {error(text),
+                     debug("========== PUBLISH DECODE DEBUG END (FAIL: " + std::string(banner) + ") ==========\n")};
     ASSERT_GE(d.all.size(), 2u);
     EXPECT_EQ(Log(d.all.end() - 2, d.all.end()), end);
 }
@@ -92,7 +102,11 @@ TEST(publish_decode, all_fields_at_level_5)
 
 TEST(publish_decode, takes_flags_and_topics_as_they_come)
 {
-    const struct { const char *first; uint32_t qos; int retain, dup; } cases[] = {
+    const struct {
+        const char *first;
+        uint32_t    qos;
+        int         retain, dup;
+    } cases[] = {
         {"30", 0, 0, 0}, {"31", 0, 1, 0}, {"38", 0, 0, 1}, {"32", 1, 0, 0}, {"3B", 1, 1, 1}, {"34", 2, 0, 0},
     };
     for (const auto &c : cases) {
@@ -123,13 +137,13 @@ TEST(publish_decode, refuses_missing_parameters)
     mqtt_codec_ctx_t    ctx = context(4);
     mqtt_publish_para_t para;
     memset(&para, 0xEE, sizeof para);
-    const Bytes      bytes = wire("30 03 00 01 61");
-    const uint8_t   *buf   = bytes.data();
-    int              len   = 5;
-    LogCapture       log(2);
-    const auto line = [](const void *c, const void *b, const void *l, int length, const void *p) {
-        return Log{error("PUBLISH decode: invalid param (ctx=" + pointer(c) + ", buf=" + pointer(b) + ", buf_len=" + pointer(l) +
-                         ", len=" + std::to_string(length) + ", para=" + pointer(p) + ")")};
+    const Bytes    bytes = wire("30 03 00 01 61");
+    const uint8_t *buf   = bytes.data();
+    int            len   = 5;
+    LogCapture     log(2);
+    const auto     line = [](const void *c, const void *b, const void *l, int length, const void *p) {
+        return Log{error("PUBLISH decode: invalid param (ctx=" + pointer(c) + ", buf=" + pointer(b) +
+                             ", buf_len=" + pointer(l) + ", len=" + std::to_string(length) + ", para=" + pointer(p) + ")")};
     };
     EXPECT_EQ(mqtt_codec_decode_publish(nullptr, buf, &len, &para), -1);
     EXPECT_EQ(log.take(), line(nullptr, buf, &len, 5, &para));
@@ -154,11 +168,12 @@ TEST(publish_decode, traces_missing_parameters_too)
     LogCapture log(0);
     int        len = -7;
     EXPECT_EQ(mqtt_codec_decode_publish(nullptr, nullptr, &len, nullptr), -1);
-    EXPECT_EQ(log.take(),
-              (Log{debug("========== PUBLISH DECODE DEBUG START =========="),
-                   debug("PUBLISH decode: input param - ctx=(nil), buf=(nil), buf_len=" + pointer(&len) + " (len=-7), para=(nil)"),
-                   error("PUBLISH decode: invalid param (ctx=(nil), buf=(nil), buf_len=" + pointer(&len) + ", len=-7, para=(nil))"),
-                   debug("========== PUBLISH DECODE DEBUG END (FAIL: INVALID PARAM) ==========\n")}));
+    EXPECT_EQ(log.take(), (Log{debug("========== PUBLISH DECODE DEBUG START =========="),
+                               debug("PUBLISH decode: input param - ctx=(nil), buf=(nil), buf_len=" + pointer(&len) +
+                                     " (len=-7), para=(nil)"),
+                               error("PUBLISH decode: invalid param (ctx=(nil), buf=(nil), buf_len=" + pointer(&len) +
+                                     ", len=-7, para=(nil))"),
+                               debug("========== PUBLISH DECODE DEBUG END (FAIL: INVALID PARAM) ==========\n")}));
 }
 
 TEST(publish_decode, refuses_another_type)
@@ -181,8 +196,9 @@ TEST(publish_decode, refuses_a_bad_remaining_length)
 {
     const auto line = [](int len, int consumed, int need, int have) {
         char text[160];
-        snprintf(text, sizeof text, "PUBLISH decode: invalid remaining length (len=%d, consumed=%d, total need=%d, buf_len=%d)",
-                 len, consumed, need, have);
+        snprintf(text, sizeof text,
+                 "PUBLISH decode: invalid remaining length (len=%d, consumed=%d, total need=%d, buf_len=%d)", len,
+                 consumed, need, have);
         return std::string(text);
     };
     const char *const banner = "INVALID REMAINING LENGTH";
@@ -196,8 +212,10 @@ TEST(publish_decode, refuses_a_bad_remaining_length)
 TEST(publish_decode, refuses_a_cut_topic_length)
 {
     const char *const banner = "TOPIC LENGTH SHORT";
-    expect_refused("30 00", "PUBLISH decode: buffer too short for topic length (need 2 bytes) - pos=2, buf_len=2", banner);
-    expect_refused("30 01 00", "PUBLISH decode: buffer too short for topic length (need 2 bytes) - pos=2, buf_len=3", banner);
+    expect_refused("30 00", "PUBLISH decode: buffer too short for topic length (need 2 bytes) - pos=2, buf_len=2",
+                   banner);
+    expect_refused("30 01 00", "PUBLISH decode: buffer too short for topic length (need 2 bytes) - pos=2, buf_len=3",
+                   banner);
 }
 
 TEST(publish_decode, refuses_an_empty_topic)
@@ -213,8 +231,8 @@ TEST(publish_decode, topics_have_at_most_256_characters)
     expect_success(fits, 4, 261);
     EXPECT_EQ(std::string(fits.para.topic), std::string(256, 't'));
     EXPECT_EQ(decode(packet(0x30, prefixed(std::string(255, 't')))).code, 0);
-    expect_refused(decode(packet(0x30, prefixed(std::string(257, 't')))), 4, "PUBLISH decode: topic length exceed max (257 > 256)",
-                   "TOPIC TOO LONG");
+    expect_refused(decode(packet(0x30, prefixed(std::string(257, 't')))), 4,
+                   "PUBLISH decode: topic length exceed max (257 > 256)", "TOPIC TOO LONG");
     expect_refused("30 03 FF FF 61", "PUBLISH decode: topic length exceed max (65535 > 256)", "TOPIC TOO LONG");
 }
 
@@ -241,7 +259,8 @@ TEST(publish_decode, refuses_a_cut_identifier)
 {
     const auto line = [](int remaining, int pos, int have) {
         char text[160];
-        snprintf(text, sizeof text, "PUBLISH decode: buffer too short for msg id (need 2 bytes) - remaining=%d, pos+2=%d > buf_len=%d",
+        snprintf(text, sizeof text,
+                 "PUBLISH decode: buffer too short for msg id (need 2 bytes) - remaining=%d, pos+2=%d > buf_len=%d",
                  remaining, pos, have);
         return std::string(text);
     };
@@ -262,7 +281,7 @@ TEST(publish_decode, refuses_identifier_0)
 
 TEST(publish_decode, leaves_what_was_read_in_a_refused_record)
 {
-    const Publish d = decode("3D 05 00 01 61 00 00");
+    const Publish       d = decode("3D 05 00 01 61 00 00");
     mqtt_publish_para_t expected;
     memset(&expected, 0, sizeof expected);
     expected.topic[0] = 'a';
@@ -305,15 +324,16 @@ TEST(publish_decode, a_length_that_does_not_fit_makes_it_4)
 {
     Publish d = decode_rest("03 'A' 'x'"); // one byte too long
     expect_success(d, 4, 8);
-    EXPECT_EQ(payload_of(d), "\x03" "Ax");
+    EXPECT_EQ(payload_of(d), "\x03"
+                             "Ax");
 
     const std::string text = "A" + std::string(64, '\0');
     d                      = decode(behind_topic(tarn::test::text(text)));
     EXPECT_EQ(d.ctx.version, 4u);
     EXPECT_EQ(payload_of(d), text);
 
-    expect_success(decode_rest("80"), 4, 6);          // no end
-    expect_success(decode_rest("FF FF FF 00"), 4, 9); // four bytes
+    expect_success(decode_rest("80"), 4, 6);                         // no end
+    expect_success(decode_rest("FF FF FF 00"), 4, 9);                // four bytes
     expect_success(decode(wire("30 04 00 01 61 80 | 00 00")), 4, 6); // its end lies behind the packet
 }
 
@@ -344,8 +364,9 @@ TEST(publish_decode, a_cut_expiry_is_not_stored_but_stepped_over)
 {
     for (int have = 0; have < 4; ++have) { // value bytes inside the block; payload behind it
         const Bytes   block = wire("02") + repeat(1, static_cast<size_t>(have));
-        const Publish d     = decode(behind_topic(Bytes{static_cast<uint8_t>(block.size())} + block + text("123456789")));
-        expect_success(d, 5, 6 + 1 + have + 9, {warn("PUBLISH decode: msg_expiry_interval buffer short - pos=6, need 4 bytes")});
+        const Publish d = decode(behind_topic(Bytes{static_cast<uint8_t>(block.size())} + block + text("123456789")));
+        expect_success(d, 5, 6 + 1 + have + 9,
+                       {warn("PUBLISH decode: msg_expiry_interval buffer short - pos=6, need 4 bytes")});
         EXPECT_EQ(d.para.msg_expiry_interval, 0u);
         EXPECT_EQ(payload_of(d), std::string("123456789").substr(static_cast<size_t>(4 - have)));
     }
@@ -386,8 +407,9 @@ TEST(publish_decode, unknown_properties_are_skipped_as_length_prefixed)
     d = decode_rest("05 | 01 00 | 23 00 05 | 'x'");
     EXPECT_EQ(d.para.topic_alias, 5);
     d = decode_rest("05 | 01 01 | 23 00 05 | 'x'");
-    expect_success(d, 5, 12, {warn("PUBLISH decode: unknown property type 0x01, pos=6"),
-                              warn("PUBLISH decode: unknown property type 0x00, pos=9")});
+    expect_success(d, 5, 12,
+                   {warn("PUBLISH decode: unknown property type 0x01, pos=6"),
+                    warn("PUBLISH decode: unknown property type 0x00, pos=9")});
     EXPECT_EQ(d.para.topic_alias, 0);
     EXPECT_EQ(payload_of(d), "") << "00 05 led five bytes on, beyond the payload";
 }
@@ -403,17 +425,19 @@ TEST(publish_decode, an_unknown_property_at_the_end_of_its_block)
 {
     const Publish d = decode_rest("01 | 26 | 03 'abc'"); // its length is not looked for outside
     expect_success(d, 5, 11, {warn("PUBLISH decode: unknown property type 0x26, pos=6")});
-    EXPECT_EQ(payload_of(d), "\x03" "abc");
+    EXPECT_EQ(payload_of(d), "\x03"
+                             "abc");
 }
 
 TEST(publish_decode, an_unknown_property_without_a_readable_length)
 {
     const Publish d = decode_rest("05 | 26 80 | 80 80 80 | 'x'");
-    expect_success(d, 5, 12, {warn("PUBLISH decode: unknown property type 0x26, pos=6"),
-                              error("PUBLISH decode: invalid attr len for type 0x26, skip 1 byte"),
-                              warn("PUBLISH decode: unknown property type 0x80, pos=8"),
-                              error("PUBLISH decode: invalid attr len for type 0x80, skip 1 byte"),
-                              warn("PUBLISH decode: unknown property type 0x80, pos=10")});
+    expect_success(d, 5, 12,
+                   {warn("PUBLISH decode: unknown property type 0x26, pos=6"),
+                    error("PUBLISH decode: invalid attr len for type 0x26, skip 1 byte"),
+                    warn("PUBLISH decode: unknown property type 0x80, pos=8"),
+                    error("PUBLISH decode: invalid attr len for type 0x80, skip 1 byte"),
+                    warn("PUBLISH decode: unknown property type 0x80, pos=10")});
     EXPECT_EQ(payload_of(d), "x");
 }
 
@@ -431,7 +455,8 @@ TEST(publish_decode, a_long_payload_is_cut_at_its_limit)
     EXPECT_EQ(d.para.payload_len, 2048u);
 
     d = decode(behind_topic(wire("00") + repeat('p', 3000)));
-    expect_success(d, 5, 3007 - 952, {warn("PUBLISH decode: payload length exceed max (3000 > 2048), truncate to max")});
+    expect_success(d, 5, 3007 - 952,
+                   {warn("PUBLISH decode: payload length exceed max (3000 > 2048), truncate to max")});
     EXPECT_EQ(payload_of(d), std::string(2048, 'p'));
     EXPECT_EQ(d.para.msg_id, 0) << "nothing was written behind the payload";
 }
@@ -443,8 +468,8 @@ TEST(publish_decode, traces_between_its_banners)
     const Publish d = decode("30 08 | 00 01 'a' 'hello'");
     ASSERT_EQ(d.all.size(), 8u);
     EXPECT_EQ(d.all[0], debug("========== PUBLISH DECODE DEBUG START =========="));
-    EXPECT_THAT(d.all[1].text, testing::MatchesRegex(
-        "PUBLISH decode: input param - ctx=0x[0-9a-f]+, buf=0x[0-9a-f]+, buf_len=0x[0-9a-f]+ \\(len=10\\), para=0x[0-9a-f]+"));
+    EXPECT_THAT(d.all[1].text, testing::MatchesRegex("PUBLISH decode: input param - ctx=0x[0-9a-f]+, buf=0x[0-9a-f]+, "
+                                                     "buf_len=0x[0-9a-f]+ \\(len=10\\), para=0x[0-9a-f]+"));
     EXPECT_EQ(Log(d.all.begin() + 2, d.all.end()),
               (Log{debug("packet"), debug("30 08 00 01 61 68 65 6C 6C 6F "), debug("payload"), debug("68 65 6C 6C 6F "),
                    debug("PUBLISH decode success: version=4, topic=a, qos=0, msg_id=0, payload_len=5, total len=10"),
@@ -517,11 +542,11 @@ TEST(publish_decode, does_not_read_back_the_encoders_alias)
 
 TEST(publish_decode, shares_its_context_with_an_encoder_on_another_thread)
 {
-    LogCapture       log(4);
-    mqtt_codec_ctx_t ctx = context(4);
-    const Bytes      v4  = wire("30 08 | 00 01 'a' 'hello'");
-    const Bytes      v5  = wire("30 05 00 01 61 00 41");
-    std::thread      reader([&] {
+    LogCapture          log(4);
+    mqtt_codec_ctx_t    ctx = context(4);
+    const Bytes         v4  = wire("30 08 | 00 01 'a' 'hello'");
+    const Bytes         v5  = wire("30 05 00 01 61 00 41");
+    std::thread         reader([&] {
         for (int i = 0; i < 2000; ++i) {
             const Bytes        &bytes = i % 2 ? v4 : v5;
             int                 len   = static_cast<int>(bytes.size());

@@ -160,10 +160,10 @@ TEST(publish_encode, refuses_null_pointers)
     mqtt_codec_ctx_t ctx  = context(4);
     const Publish    para = message("a");
     uint8_t          buf[128];
-    int              len = 128;
-    const auto line = [](const void *c, const void *p, const void *b, const void *l) {
-        return Log{error("[PUBLISH ENCODE] Step 1 ERROR: Null pointer detected (ctx=" + pointer(c) + ", para=" + pointer(p) +
-                         ", buf=" + pointer(b) + ", buf_len=" + pointer(l) + ")\n")};
+    int              len  = 128;
+    const auto       line = [](const void *c, const void *p, const void *b, const void *l) {
+        return Log{error("[PUBLISH ENCODE] Step 1 ERROR: Null pointer detected (ctx=" + pointer(c) +
+                               ", para=" + pointer(p) + ", buf=" + pointer(b) + ", buf_len=" + pointer(l) + ")\n")};
     };
     EXPECT_EQ(mqtt_codec_encode_publish(nullptr, &para, buf, &len), -1);
     EXPECT_EQ(log.take(), line(nullptr, &para, buf, &len));
@@ -207,7 +207,8 @@ TEST(publish_encode, wants_level_4_or_5)
 TEST(publish_encode, wants_a_topic_of_1_to_256_characters)
 {
     const auto line = [](int length) {
-        return "[PUBLISH ENCODE] Step 1 ERROR: Invalid topic (len=" + std::to_string(length) + ", max=256) [MQTT 5.0 §3.3.2.1]\n";
+        return "[PUBLISH ENCODE] Step 1 ERROR: Invalid topic (len=" + std::to_string(length) +
+               ", max=256) [MQTT 5.0 §3.3.2.1]\n";
     };
     expect_refused(encode(message("")), 4, -1, line(0));
     expect_refused(encode(sized(257, 0)), 4, -1, line(257)); // no terminator in the array
@@ -226,11 +227,13 @@ TEST(publish_encode, wants_a_payload_of_at_most_2048_bytes)
 {
     Publish para     = sized(1, 2048);
     para.payload_len = 2049;
-    expect_refused(encode(para), 4, -1, "[PUBLISH ENCODE] Step 1 ERROR: Invalid payload len (len=2049, max=2048) [MQTT 5.0 §3.3.3]\n");
+    expect_refused(encode(para), 4, -1,
+                   "[PUBLISH ENCODE] Step 1 ERROR: Invalid payload len (len=2049, max=2048) [MQTT 5.0 §3.3.3]\n");
     para.payload_len = 2048;
     EXPECT_EQ(encode(para).code, 0);
     para.payload_len = 0xFFFFFFFF;
-    expect_refused(encode(para), 4, -1, "[PUBLISH ENCODE] Step 1 ERROR: Invalid payload len (len=-1, max=2048) [MQTT 5.0 §3.3.3]\n");
+    expect_refused(encode(para), 4, -1,
+                   "[PUBLISH ENCODE] Step 1 ERROR: Invalid payload len (len=-1, max=2048) [MQTT 5.0 §3.3.3]\n");
 }
 
 TEST(publish_encode, looks_at_the_fields_in_order)
@@ -280,14 +283,17 @@ TEST(publish_encode, wants_room_for_the_whole_packet)
 
 TEST(publish_encode, a_delivery_buffer_holds_2043_bytes_of_topic_and_payload)
 {
-    struct { uint32_t version, qos, expiry; size_t most; } const cases[] = {
+    struct {
+        uint32_t version, qos, expiry;
+        size_t   most;
+    } const cases[] = {
         {4, 0, 0, 2043}, {4, 1, 0, 2041}, {5, 0, 0, 2042}, {5, 2, 0, 2040}, {5, 0, 9, 2037}, {5, 1, 9, 2035},
     };
     for (const auto &c : cases) {
         Publish para             = sized(10, c.most - 10, c.qos);
         para.msg_expiry_interval = c.expiry;
         EXPECT_EQ(encode(para, c.version, 2048).written(), 2048) << c.most;
-        para.topic[10] = 't';
+        para.topic[10]  = 't';
         const Encoded e = encode(para, c.version, 2048);
         EXPECT_EQ(e.code, -3) << c.most;
         EXPECT_EQ(e.log, Log{error(final_overflow(2049, 2048))});
@@ -364,7 +370,7 @@ TEST(publish_view, gives_the_packet_of_the_record)
 TEST(publish_view, refuses_like_the_record)
 {
     uint8_t     buf[2048];
-    int         len = sizeof buf;
+    int         len  = sizeof buf;
     const Bytes much = repeat('p', 2049);
     LogCapture  log(2);
     EXPECT_EQ(encode_publish_view(4, {"a", {}, 1, 0}, buf, &len), -1);
@@ -383,9 +389,9 @@ TEST(publish_id_offset, finds_the_identifier)
     for (const size_t payload : {size_t{0}, size_t{200}})
         for (const uint32_t version : {4u, 5u})
             for (const uint32_t qos : {1u, 2u}) {
-                Publish       para = sized(5, payload, qos);
-                Encoded       e    = encode(para, version);
-                const int     at   = publish_id_offset(e.buffer.data(), e.length);
+                Publish   para = sized(5, payload, qos);
+                Encoded   e    = encode(para, version);
+                const int at   = publish_id_offset(e.buffer.data(), e.length);
                 ASSERT_EQ(at, (payload ? 3 : 2) + 2 + 5);
                 e.buffer[static_cast<size_t>(at)]     = 0xAB;
                 e.buffer[static_cast<size_t>(at) + 1] = 0xCD;

@@ -113,6 +113,7 @@ TEST(decode_remaining_length, nothing_to_read)
     EXPECT_EQ(codec_decode_remaining_length(&byte, -1, &consumed), -1);
     EXPECT_EQ(codec_decode_remaining_length(&byte, INT_MIN, &consumed), -1);
     EXPECT_EQ(consumed, kUnwritten);
+    EXPECT_EQ(codec_decode_remaining_length(&byte, 1, nullptr), -1) << "nowhere to store the count";
 }
 
 TEST(decode_remaining_length, reads_back_what_was_encoded)
