@@ -289,6 +289,8 @@ TEST(connect_encode, a_password_needs_a_user_name)
         expect_refused(encode(para, version), -1, "CONNECT encode: password flag set but username flag not set");
         expect_begun(encode(para, version));
     }
+    para.username_flag = 2; // bit 0 is the flag
+    expect_refused(encode(para, 4), -1, "CONNECT encode: password flag set but username flag not set");
 }
 
 TEST(connect_encode, will_topic)
