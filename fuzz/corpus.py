@@ -2,7 +2,10 @@
 """First inputs of the fuzzers: corpus.py <fuzzer> <directory>. One file an input, named by what it holds.
 
 Packets are written as the tests write them: hex pairs and 'quoted text'. Whole packets of every family are enough; the
-fuzzer cuts and bends them itself.
+fuzzer cuts and bends them itself. What long runs found beyond them is kept in <fuzzer>.hex, one input a line; after
+a run that reached more, renew it:
+
+    <fuzzer>_fuzz -merge=1 least corpus/<fuzzer>_fuzz && corpus.py --keep <fuzzer> least
 """
 import os
 import re
@@ -88,12 +91,41 @@ def codec_encode():
             yield f"simple_{kind}_{level:02x}", bytes([kind | level | SIMPLE, 0x00, 0x7F, 0])
 
 
-def main():
-    fuzzer, directory = sys.argv[1:]
+def found_file(fuzzer):
+    return os.path.join(os.path.dirname(os.path.abspath(__file__)), fuzzer + ".hex")
+
+
+def found(fuzzer):
+    if not os.path.exists(found_file(fuzzer)):
+        return
+    with open(found_file(fuzzer), encoding="ascii") as lines:
+        for number, line in enumerate(lines, 1):
+            yield f"found_{number}", bytes.fromhex(line)
+
+
+def keep(fuzzer, directory):
+    inputs = set()
+    for name in os.listdir(directory):
+        with open(os.path.join(directory, name), "rb") as data:
+            inputs.add(data.read())
+    with open(found_file(fuzzer), "w", encoding="ascii") as lines:
+        for data in sorted(inputs, key=lambda data: (len(data), data)):
+            lines.write(data.hex() + "\n")
+
+
+def write(fuzzer, directory):
     os.makedirs(directory, exist_ok=True)
-    for name, data in globals()[fuzzer]():
+    for name, data in [*globals()[fuzzer](), *found(fuzzer)]:
         with open(os.path.join(directory, "seed_" + name), "wb") as seed:
             seed.write(data)
+
+
+def main():
+    *option, fuzzer, directory = sys.argv[1:]
+    if option == ["--keep"]:
+        keep(fuzzer, directory)
+    else:
+        write(fuzzer, directory)
 
 
 main()
