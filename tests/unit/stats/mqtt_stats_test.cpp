@@ -7,6 +7,7 @@
 #include "support/faults.h"
 #include "support/log_capture.h"
 
+#include <atomic>
 #include <clocale>
 #include <cstdlib>
 #include <fstream>
@@ -315,10 +316,13 @@ TEST_F(stats, json_needs_1024_bytes)
 TEST(stats_threads, lose_no_count)
 {
     LogCapture               log(AGENT_LOG_FATAL);
+    std::atomic<int>         ready{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
-        threads.emplace_back([] {
-            for (int i = 0; i < 5000; ++i) {
+        threads.emplace_back([&ready] {
+            for (++ready; ready < 4;)
+                std::this_thread::yield();
+            for (int i = 0; i < 100000; ++i) {
                 mqtt_stats_inc_rx_pkt();
                 mqtt_stats_inc_qos(1);
             }
@@ -330,7 +334,7 @@ TEST(stats_threads, lose_no_count)
     }
     for (std::thread &thread : threads)
         thread.join();
-    EXPECT_EQ(g_mqtt_stats.pkt_rx, 20000u);
-    EXPECT_EQ(g_mqtt_stats.period_rx, 20000u);
-    EXPECT_EQ(g_mqtt_stats.qos1, 20000u);
+    EXPECT_EQ(g_mqtt_stats.pkt_rx, 400000u);
+    EXPECT_EQ(g_mqtt_stats.period_rx, 400000u);
+    EXPECT_EQ(g_mqtt_stats.qos1, 400000u);
 }
