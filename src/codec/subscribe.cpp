@@ -166,9 +166,8 @@ bool read_filter(Reader &in, mqtt_subscribe_para_t &para)
     return true;
 }
 
-int no_filters(mqtt_subscribe_para_t &para)
+int no_filters()
 {
-    para.filter_count = 0;
     return REFUSE(CODEC_E_MALFORMED, "SUBSCRIBE decode: no valid topic filters (filter_count=0)");
 }
 
@@ -181,7 +180,7 @@ int read_filters(Reader &in, int input, mqtt_subscribe_para_t &para)
 {
     while (in.pos() < input && para.filter_count < CODEC_FILTERS_MAX && read_filter(in, para) && !in.at_end()) {
     }
-    return para.filter_count > 0 ? CODEC_OK : no_filters(para);
+    return para.filter_count > 0 ? CODEC_OK : no_filters();
 }
 
 void trace_input(mqtt_codec_ctx_t *ctx, const uint8_t *buf, const int *buf_len, const mqtt_subscribe_para_t *para)
@@ -225,7 +224,7 @@ int mqtt_codec_decode_subscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *
     if (level == 5 && !in.at_end()) {
         read_properties(in, *para);
         if (in.at_end())
-            return no_filters(*para);
+            return no_filters();
     }
     if (const int refused = read_filters(in, input, *para); refused != CODEC_OK)
         return refused;

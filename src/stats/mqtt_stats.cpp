@@ -9,6 +9,7 @@
 #include "../log/log.h"
 #include "../sub/sub.h"
 
+#include <cmath>
 #include <cstdio>
 
 constinit mqtt_stats_t g_mqtt_stats{};
@@ -38,6 +39,17 @@ template <class Total, class Period> void count(Total &total, Period &period) no
 {
     bump(total);
     bump(period);
+}
+
+// The usage as "%.1f" would show it, in two numbers: a host's locale may print a comma there, which is no JSON. The
+// product is exact in a double, so the rounding is printf's.
+struct Percent {
+    long whole, tenths;
+};
+Percent usage() noexcept
+{
+    const long tenths = lrint(static_cast<double>(peek(s.pool_usage)) * 10);
+    return {tenths / 10, tenths % 10};
 }
 
 void raise(uint32_t &highest, uint32_t value) noexcept
@@ -111,10 +123,11 @@ extern "C" void mqtt_stats_reset_period(void)
 extern "C" void mqtt_stats_print(void)
 {
     mqtt_stats_update();
+    const Percent used = usage();
     LOG_WARN("!!!>>>===================== MQTT Broker 维测统计 =====================");
     LOG_WARN("运行时长: %llu ms", mono_ms() - read(s.start_ms));
     LOG_WARN("在线客户端: %u / 历史最高: %u", read(s.online), read(s.max_online));
-    LOG_WARN("内存池使用率: %u/%u (%.1f%%)", read(s.pool_used), read(s.pool_cap), static_cast<double>(peek(s.pool_usage)));
+    LOG_WARN("内存池使用率: %u/%u (%ld.%ld%%)", read(s.pool_used), read(s.pool_cap), used.whole, used.tenths);
     report_period();
     report_totals();
     LOG_WARN("!!!>>>================================================================");
@@ -125,15 +138,16 @@ extern "C" int mqtt_stats_to_json(char *buf, int32_t size)
     if (!buf || size < 1024)
         return -1;
     mqtt_stats_update();
+    const Percent used = usage();
     snprintf(buf, static_cast<size_t>(size),
-             "{\"online\":%u,\"max_online\":%u,\"pool_used\":%u,\"pool_cap\":%u,\"pool_usage\":%.1f,"
+             "{\"online\":%u,\"max_online\":%u,\"pool_used\":%u,\"pool_cap\":%u,\"pool_usage\":%ld.%ld,"
              "\"pkt_rx\":%llu,\"pkt_tx\":%llu,"
              "\"drop_offline\":%llu,\"drop_queue_full\":%llu,\"drop_too_big\":%llu,\"drop_invalid_param\":%llu,"
              "\"drop_send_failed\":%llu,"
              "\"qos0\":%llu,\"qos1\":%llu,\"qos2\":%llu,"
              "\"offline_msg\":%llu,\"retain_msg\":%u,\"subs\":%u,\"timeout\":%u,\"will_sent\":%u}",
              read(s.online), read(s.max_online), read(s.pool_used), read(s.pool_cap),
-             static_cast<double>(peek(s.pool_usage)), read(s.pkt_rx), read(s.pkt_tx), read(s.drop_offline),
+             used.whole, used.tenths, read(s.pkt_rx), read(s.pkt_tx), read(s.drop_offline),
              read(s.drop_queue_full), read(s.drop_too_big), read(s.drop_invalid_param), read(s.drop_send_failed),
              read(s.qos0), read(s.qos1), read(s.qos2), read(s.offline_msg), read(s.retain_msg), read(s.subs),
              read(s.timeout), read(s.will_sent));

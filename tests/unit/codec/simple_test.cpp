@@ -139,6 +139,7 @@ TEST(simple_decode, two_bytes_are_level_4)
 
 TEST(simple_decode, content_means_5_and_may_be_incomplete)
 {
+    expect_decoded(decode(14, "E0 01 04"), 14, 5, 3);
     expect_decoded(decode(14, "E0 02 04 00"), 14, 5, 4);
     expect_decoded(decode(14, "E0 02 04 00 | C0 00"), 14, 5, 4);
     expect_decoded(decode(14, "E0 02 04"), 14, 5, 3);

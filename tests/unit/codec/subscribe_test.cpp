@@ -381,10 +381,13 @@ TEST(subscribe_decode, a_missing_value_is_stepped_over_all_the_same)
 
 TEST(subscribe_decode, unknown_properties_are_skipped_as_length_prefixed)
 {
-    const Subscribe d = decode_v5("07 1F 03 'abc' 0B 05 | 00 01 'a' 01");
+    Subscribe d = decode_v5("07 1F 03 'abc' 0B 05 | 00 01 'a' 01");
     expect_success(d, 5, 7, 16, {warn("SUBSCRIBE decode: unknown property type 0x1F, attr_len=3")});
     EXPECT_EQ(d.para.subscription_identifier, 5u);
     expect_filters(d, {{"a", 1}});
+    d = decode_v5("05 1F 01 'x' 0B 05 | 00 01 'a' 01"); // a length of 1 is one
+    expect_success(d, 5, 7, 14, {warn("SUBSCRIBE decode: unknown property type 0x1F, attr_len=1")});
+    EXPECT_EQ(d.para.subscription_identifier, 5u);
 }
 
 TEST(subscribe_decode, an_unknown_property_without_length_ends_the_block)

@@ -1,9 +1,11 @@
 #include "log/agent_log.h"
 
+#include "base/relaxed.h"
 #include "console.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
 
+#include <atomic>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -11,11 +13,22 @@
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 
 using namespace tarn::test;
 using testing::EndsWith;
 
 namespace {
+
+// This thread's last call of setvbuf, and what it shall return.
+thread_local struct {
+    const void *stream, *area;
+    int         mode;
+    size_t      size;
+    int         result = 0;
+} g_buffering;
 
 constexpr char kDefaultPath[] = "tarn_flash.txt";
 
@@ -36,9 +49,16 @@ void start(const char *path, uint32_t max_file_size = 0, uint32_t output = 3)
 // One line in the interleaving in which it reaches the file: the flag is cleared while the console prints.
 std::string log_through(const char *text, uint32_t level = AGENT_LOG_WARN)
 {
-    Console console([] { g_log_in_use = 0; });
+    Console console([] { tarn::poke(g_log_in_use, 0); });
     agent_log(level, "%s", text);
     return console.text;
+}
+
+// Whether a thread of this process waits for something.
+bool asleep(pid_t thread)
+{
+    const std::string stat = read_file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    return stat.substr(stat.rfind(')') + 2, 1) == "S";
 }
 
 size_t open_descriptors()
@@ -56,6 +76,16 @@ struct log_file : testing::Test {
 };
 
 } // namespace
+
+extern "C" int __real_setvbuf(FILE *stream, char *area, int mode, size_t size);
+extern "C" int __wrap_setvbuf(FILE *stream, char *area, int mode, size_t size)
+{
+    g_buffering.stream = stream;
+    g_buffering.area   = area;
+    g_buffering.mode   = mode;
+    g_buffering.size   = size;
+    return g_buffering.result ? g_buffering.result : __real_setvbuf(stream, area, mode, size);
+}
 
 TEST_F(log_file, is_created_and_stays_empty_while_the_flag_is_held)
 {
@@ -188,6 +218,74 @@ TEST_F(log_file, is_closed_when_it_cannot_seek)
     start("a.log");
     log_through("seen");
     EXPECT_THAT(read_file("a.log"), EndsWith("] seen\n"));
+}
+
+TEST_F(log_file, is_written_with_the_flag_taken_back)
+{
+    start("a.log");
+    uint32_t   seen  = 99;
+    const auto write = [](void *flag, const char *, size_t count) {
+        *static_cast<uint32_t *>(flag) = g_log_in_use;
+        return static_cast<ssize_t>(count);
+    };
+    const auto seek = [](void *, off64_t *, int) { return 0; };
+    fclose(static_cast<FILE *>(g_log_file));
+    g_log_file = fopencookie(&seen, "w", {nullptr, write, seek, nullptr});
+    log_through("text");
+    EXPECT_EQ(seen, 1u);
+    EXPECT_EQ(g_log_in_use, 0u);
+}
+
+TEST_F(log_file, has_a_buffer_of_4096_bytes)
+{
+    const auto expect_buffered = [] {
+        EXPECT_EQ(g_buffering.stream, g_log_file);
+        EXPECT_EQ(g_buffering.area, nullptr);
+        EXPECT_EQ(g_buffering.mode, _IOFBF);
+        EXPECT_EQ(g_buffering.size, 4096u);
+        g_buffering = {};
+    };
+    start("a.log", 1);
+    expect_buffered();
+    EXPECT_EQ(agent_log_clear_flash(), 0);
+    expect_buffered();
+    log_through("a line");
+    log_through("started afresh");
+    expect_buffered();
+}
+
+TEST_F(log_file, clear_returns_what_buffering_returned)
+{
+    start("a.log");
+    g_buffering.result = -1;
+    EXPECT_EQ(agent_log_clear_flash(), -1);
+    EXPECT_NE(g_log_file, nullptr);
+    EXPECT_EQ(g_log_in_use, 0u);
+    g_buffering.result = 0;
+    log_through("goes on");
+    EXPECT_THAT(read_file("a.log"), EndsWith("] goes on\n"));
+}
+
+TEST_F(log_file, is_not_waited_for)
+{
+    ASSERT_EQ(mkfifo("pipe", 0600), 0);
+    start("pipe", 0, AGENT_LOG_TO_CONSOLE);
+    g_log_config.output = 3;
+    std::atomic<pid_t> id{0};
+    std::thread        clearing([&] {
+        id = gettid();
+        EXPECT_EQ(agent_log_clear_flash(), 0); // waits for a reader of the pipe, and holds the file meanwhile
+    });
+    while (id == 0 || tarn::peek(g_log_in_use) == 0 || !asleep(id))
+        std::this_thread::yield();
+    tarn::poke(g_log_in_use, 0);
+    EXPECT_THAT(log_through("on the console alone"), EndsWith("alone\n"));
+    const int reader = open("pipe", O_RDONLY);
+    clearing.join();
+    char byte;
+    EXPECT_EQ(fcntl(reader, F_SETFL, O_NONBLOCK), 0);
+    EXPECT_EQ(read(reader, &byte, 1), -1) << "the line was dropped";
+    close(reader);
 }
 
 TEST_F(log_file, is_closed_by_deinit)

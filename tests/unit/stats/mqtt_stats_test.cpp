@@ -7,6 +7,10 @@
 #include "support/faults.h"
 #include "support/log_capture.h"
 
+#include <atomic>
+#include <clocale>
+#include <cstdlib>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -15,6 +19,7 @@
 
 using namespace tarn::test;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {
@@ -54,6 +59,14 @@ struct stats : testing::Test {
         s.period_will               = 39;
         s.period_persist_write      = 40;
         s.period_persist_read       = 41;
+    }
+    // As in a host that asked for German numbers. The locale is made here, few machines have one.
+    static bool use_decimal_comma()
+    {
+        std::ofstream("comma.src") << "LC_NUMERIC\ndecimal_point \",\"\nthousands_sep \"\"\ngrouping -1\nEND LC_NUMERIC\n";
+        const int made = system("localedef -c -i ./comma.src -f UTF-8 ./comma 2>localedef.txt");
+        setenv("LOCPATH", ".", 1);
+        return made != -1 && setlocale(LC_NUMERIC, "comma") && *localeconv()->decimal_point == ',';
     }
     static void fill_sources()
     {
@@ -257,6 +270,39 @@ TEST_F(stats, json_with_the_largest_numbers_fits_1024_bytes)
     EXPECT_EQ(text[strlen(text) - 1], '}');
 }
 
+TEST_F(stats, numbers_look_the_same_in_every_locale)
+{
+    if (!use_decimal_comma())
+        GTEST_SKIP() << "no locale to try";
+    fill_sources();
+    char text[1024];
+    EXPECT_EQ(mqtt_stats_to_json(text, sizeof text), 0);
+    EXPECT_THAT(text, HasSubstr("\"pool_usage\":33.3,\"pkt_rx\":0,"));
+    mqtt_stats_print();
+    EXPECT_TRUE(log.has(warn("内存池使用率: 100/300 (33.3%)")));
+}
+
+TEST_F(stats, usage_is_rounded_as_printf_rounds)
+{
+    const auto shown = [](int used, int capacity) {
+        g_client_mgr.used_count = used;
+        g_client_mgr.capacity   = capacity;
+        char text[1024];
+        EXPECT_EQ(mqtt_stats_to_json(text, sizeof text), 0);
+        const std::string json = text, key = "\"pool_usage\":";
+        const size_t      from = json.find(key) + key.size();
+        return json.substr(from, json.find(',', from) - from);
+    };
+    for (int used = 0; used <= 11000; ++used) {
+        char expected[16];
+        snprintf(expected, sizeof expected, "%.1f", static_cast<double>(static_cast<float>(used) / 11000.0f * 100.0f));
+        ASSERT_EQ(shown(used, 11000), expected);
+    }
+    EXPECT_EQ(shown(100, 1600), "6.2"); // 6.25 and 18.75: a tie goes to the even digit
+    EXPECT_EQ(shown(300, 1600), "18.8");
+    EXPECT_EQ(shown(7, 0), "0.0");
+}
+
 TEST_F(stats, json_needs_1024_bytes)
 {
     char text[1024] = "untouched";
@@ -270,10 +316,13 @@ TEST_F(stats, json_needs_1024_bytes)
 TEST(stats_threads, lose_no_count)
 {
     LogCapture               log(AGENT_LOG_FATAL);
+    std::atomic<int>         ready{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
-        threads.emplace_back([] {
-            for (int i = 0; i < 5000; ++i) {
+        threads.emplace_back([&ready] {
+            for (++ready; ready < 4;)
+                std::this_thread::yield();
+            for (int i = 0; i < 100000; ++i) {
                 mqtt_stats_inc_rx_pkt();
                 mqtt_stats_inc_qos(1);
             }
@@ -285,7 +334,7 @@ TEST(stats_threads, lose_no_count)
     }
     for (std::thread &thread : threads)
         thread.join();
-    EXPECT_EQ(g_mqtt_stats.pkt_rx, 20000u);
-    EXPECT_EQ(g_mqtt_stats.period_rx, 20000u);
-    EXPECT_EQ(g_mqtt_stats.qos1, 20000u);
+    EXPECT_EQ(g_mqtt_stats.pkt_rx, 400000u);
+    EXPECT_EQ(g_mqtt_stats.period_rx, 400000u);
+    EXPECT_EQ(g_mqtt_stats.qos1, 400000u);
 }
