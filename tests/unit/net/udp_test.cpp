@@ -71,17 +71,72 @@ TEST(udp, waits_for_a_tcp_event_and_is_read_once_a_round)
     EXPECT_EQ(layer.events.seen().back(), data(1, wire("D0 00")));
 }
 
-TEST(udp, the_arrival_of_a_connection_is_an_event_too)
+TEST(udp, a_new_connection_is_an_event_also_when_it_was_accepted_before_epoll_was_asked)
 {
-    Layer   layer;
-    UdpPeer udp;
-    udp.send("C0 00");
-    // The kernel tells of it unless the accept thread was quicker.
+    std::atomic<bool> inside{false}, leave{false};
+    Layer             layer([&](const Recorder::Event &event) {
+        if (event.handle == 0 && event.event == NETIP_EVENT_DATA) {
+            inside = true;
+            eventually([&] { return leave.load(); });
+        }
+        return true;
+    });
+    Peer              tcp;
+    layer.events.wait_for(1);
+    std::this_thread::sleep_for(kSilence);
+    make_a_round(tcp);
+    ASSERT_TRUE(eventually([&] { return inside.load(); }));
+    UdpPeer first, second;
+    first.send("C0 00");
+    second.send("D0 00");
+    Peer silent; // nothing of it is left for epoll to see when the I/O thread asks again
+    EXPECT_EQ(layer.events.wait_for(3).back(), connected(1));
+    leave = true;
+    layer.events.wait_for(7);
+    std::this_thread::sleep_for(kSilence);
+    EXPECT_THAT(layer.events.seen(),
+                ElementsAre(connected(0), data(0, wire("C0 00")), connected(1), connected(2, 3),
+                            data(2, wire("C0 00")), connected(3, 3), data(3, wire("D0 00"))));
+}
+
+TEST(udp, each_new_connection_is_an_event)
+{
+    Layer                              layer;
     std::vector<std::unique_ptr<Peer>> silent;
-    EXPECT_TRUE(eventually([&] {
+    for (size_t i = 0; i < 50; ++i) {
+        UdpPeer udp;
+        udp.send("C0 00");
         silent.push_back(std::make_unique<Peer>());
-        return layer.events.seen().size() == silent.size() + 2;
-    }));
+        ASSERT_EQ(layer.events.wait_for(3 * (i + 1)).size(), 3 * (i + 1)) << i;
+    }
+}
+
+TEST(udp, a_connection_that_finds_no_slot_is_an_event_too)
+{
+    Layer layer;
+    Peer  tcp;
+    {
+        UdpPeer udp;
+        layer.events.wait_for(1);
+        std::this_thread::sleep_for(kSilence);
+        udp.send("C0 00");
+        make_a_round(tcp);
+        layer.events.wait_for(4);
+        {
+            ScopedLock lock(g_netip_lock);
+            for (uint32_t handle = 2; handle < 11000; ++handle) {
+                poke(g_netip_clients[handle].type, 9);
+                poke(g_netip_clients[handle].in_use, 1);
+            }
+        }
+        udp.send("D0 00");
+        Peer turned_away;
+        EXPECT_EQ(turned_away.end(), 0);
+        EXPECT_EQ(layer.events.wait_for(5).back(), data(1, wire("D0 00")));
+    }
+    ScopedLock lock(g_netip_lock);
+    for (uint32_t handle = 2; handle < 11000; ++handle)
+        poke(g_netip_clients[handle].in_use, 0);
 }
 
 TEST(udp, senders_differ_by_address_and_port)
@@ -290,7 +345,7 @@ TEST(udp, deinit_leaves_the_shared_socket_to_its_end)
     const size_t descriptors = open_descriptors();
     netip_deinit();
     EXPECT_THAT(events.seen(), Contains(disconnected(1, 2)));
-    EXPECT_EQ(open_descriptors(), descriptors - 3); // TCP, UDP and epoll
+    EXPECT_EQ(open_descriptors(), descriptors - 4); // TCP, UDP, epoll and its bell
 }
 
 TEST(udp, the_thread_that_delivers_knows_its_connection)
