@@ -78,6 +78,31 @@ TEST(netip_close, frees_the_slot_before_its_event)
     EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), disconnected(0, 2)));
 }
 
+TEST(netip_close, of_a_connection_with_unread_input_does_not_spin_while_its_event_is_delivered)
+{
+    static std::atomic<int>  rounds{0};
+    static std::atomic<bool> reading{false}, closing{false};
+    Layer layer([](const Recorder::Event &event) {
+        if (event.event == NETIP_EVENT_DATA) { // keeps the I/O thread from reading what comes next
+            reading = true;
+            eventually([] { return closing.load(); });
+        } else if (event.event == NETIP_EVENT_DISCONNECTED) {
+            closing = true;
+            std::this_thread::sleep_for(2 * kSilence);
+        }
+        return true;
+    });
+    Peer  peer;
+    peer.send("C0 00");
+    ASSERT_TRUE(eventually([] { return reading.load(); }));
+    peer.send("C0 00");
+    set_round_hooks({[] { ++rounds; }, nullptr});
+    netip_close(0);
+    set_round_hooks({});
+    EXPECT_LE(rounds, 2);
+    EXPECT_EQ(peer.end(), 0);
+}
+
 TEST(netip_close, over_unread_input_still_delivers_what_was_sent)
 {
     const Fd    listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
