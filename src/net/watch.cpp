@@ -64,7 +64,6 @@ bool watch(uint32_t handle) noexcept
 void unwatch(uint32_t handle) noexcept
 {
     tell_epoll(EPOLL_CTL_DEL, handle);
-    side_of(handle).wants_writable = 0;
     set_resting(handle, false);
 }
 

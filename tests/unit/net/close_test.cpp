@@ -276,6 +276,22 @@ TEST(hang_up, by_another_thread_meanwhile_closes_once)
     EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), disconnected(0, 0), disconnected(0, 2)));
 }
 
+TEST(hang_up, of_a_descriptor_that_somebody_duplicated_leaves_nothing_in_epoll)
+{
+    static std::atomic<int> rounds{0};
+    Layer                   layer;
+    Peer                    peer;
+    layer.events.wait_for(1);
+    const Fd kept(dup(g_netip_clients[0].fd)); // as a child that the host forked would hold it
+    peer.close();
+    layer.events.wait_for(2);
+    std::this_thread::sleep_for(kSilence);
+    set_round_hooks({[] { ++rounds; }, nullptr});
+    std::this_thread::sleep_for(kSilence);
+    set_round_hooks({});
+    EXPECT_EQ(rounds, 0);
+}
+
 TEST(close_connection, closes_only_the_connection_it_names)
 {
     HandmadeSlot connection(7);
