@@ -282,7 +282,11 @@ TEST(hang_up, of_a_descriptor_that_somebody_duplicated_leaves_nothing_in_epoll)
     Layer                   layer;
     Peer                    peer;
     layer.events.wait_for(1);
-    const Fd kept(dup(g_netip_clients[0].fd)); // as a child that the host forked would hold it
+    Fd kept; // as a child that the host forked would hold it
+    {
+        SlotLock slot(0);
+        kept = Fd(dup(slot->fd));
+    }
     peer.close();
     layer.events.wait_for(2);
     std::this_thread::sleep_for(kSilence);
