@@ -133,6 +133,7 @@ void *accept_thread(void *)
     for (;;) {
         Arrival arrival;
         if (take_held(arrival) || accept_one(arrival)) {
+            ring_bell(); // before the socket joins epoll: its own events never come ahead of the bell's
             if (!admit(arrival))
                 return nullptr;
             continue;

@@ -68,12 +68,14 @@ void wipe_peer(netip_conn_t &slot)
     slot.port     = 0;
 }
 
-// Frees the slot for the holder that comes first.
+// Frees the slot for the holder that comes first. Unread input would be reported for ever while the callback is told.
 bool take_slot(const SlotHold &hold)
 {
     SlotLock lock(hold.handle(), SlotLock::Always);
     if (!hold.is_current())
         return false;
+    if (!shares_descriptor(hold))
+        unwatch(hold.handle());
     mark_closed(hold.handle());
     return true;
 }
@@ -89,8 +91,6 @@ void close_connection(uint32_t handle, uint32_t generation) noexcept
     const bool shared = shares_descriptor(hold);
     {
         SlotLock slot(handle, SlotLock::Always);
-        if (!shared)
-            unwatch(handle);
         if (agreed)
             wipe_peer(*slot);
         if (agreed && shared)
@@ -128,10 +128,8 @@ void retire(uint32_t handle, const EventSink &sink) noexcept
     if (!take_slot(hold))
         return;
     SlotLock slot(handle, SlotLock::Always);
-    if (slot->type == NETIP_TCP) { // the UDP socket follows by itself
-        unwatch(handle);
+    if (slot->type == NETIP_TCP) // the UDP socket follows by itself
         close_gently(slot->fd);
-    }
     wipe_peer(*slot);
 }
 

@@ -119,7 +119,7 @@ void handle_event(const epoll_event &event, const EventSink &sink, uint32_t star
 {
     const Connection connection{static_cast<uint32_t>(event.data.u64), static_cast<uint32_t>(event.data.u64 >> 32)};
     if (connection.generation == 0)
-        return; // the listener: its connections are the accept thread's
+        return; // the listener or the bell: connections are the accept thread's
     const SlotHold hold(connection);
     if (!hold)
         return; // closed earlier in this round

@@ -10,6 +10,7 @@
 #include "netip_internal.h"
 
 #include <algorithm>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 using namespace tarn;
@@ -32,6 +33,7 @@ constinit int32_t            g_io_started = 0;     // entries of g_io_threads. g
 
 struct Parts {
     Fd               epoll;
+    Fd               bell;
     owned<pthread_t> threads;
     int32_t          thread_count = 0;
     Fd               new_listener; // unless there is one to adopt
@@ -108,7 +110,9 @@ uint32_t make_parts(Parts &parts, int32_t io_threads)
     if (!is_our_listener(parts.listener))
         if (const uint32_t failure = open_listener(parts); failure != NETIP_OK)
             return failure;
-    (void)watch_listener(parts.epoll.get(), parts.listener);
+    (void)watch_shared(parts.epoll.get(), parts.listener);
+    parts.bell = Fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)); // without it UDP waits a little longer
+    (void)watch_shared(parts.epoll.get(), parts.bell.get());
     parts.udp = open_udp();
     return NETIP_OK;
 }
@@ -119,10 +123,11 @@ void set_callback(netip_event_cb_t cb, void *arg) REQUIRES(g_netip_lock)
     poke(g_netip_cb_arg, arg);
 }
 
-void set_descriptors(int epoll, int listener, int udp) REQUIRES(g_netip_lock)
+void set_descriptors(int epoll, int bell, int listener, int udp) REQUIRES(g_netip_lock)
 {
     ScopedLock lock(g_shared_fd_lock);
     poke(netip_epoll_fd, epoll);
+    poke(g_bell, bell);
     poke(g_netip_tcp_listen, listener);
     poke(g_netip_udp, udp);
 }
@@ -151,7 +156,7 @@ bool publish(Parts &parts, netip_event_cb_t cb, void *arg)
         const int32_t old_listener = peek(g_netip_tcp_listen);
         clear_table();
         set_callback(cb, arg);
-        set_descriptors(parts.epoll.get(), parts.listener, parts.udp ? parts.udp.get() : -1);
+        set_descriptors(parts.epoll.get(), parts.bell.get(), parts.listener, parts.udp.get());
         poke(g_io_thread_num, parts.thread_count);
         poke(g_start, g_start + 1);
         poke(g_netip_running, 1);
@@ -160,13 +165,14 @@ bool publish(Parts &parts, netip_event_cb_t cb, void *arg)
             poke(g_io_threads, parts.threads.release());
             g_io_started = started;
             parts.epoll.release();
+            parts.bell.release();
             parts.new_listener.release();
             parts.udp.release();
             g_state = State::Up;
             return true;
         }
         poke(g_netip_running, 0); // or those that were started would never end
-        set_descriptors(-1, old_listener, -1);
+        set_descriptors(-1, -1, old_listener, -1);
         set_callback(nullptr, nullptr);
     }
     join_threads(parts.threads.get(), started);

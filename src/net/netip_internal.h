@@ -112,8 +112,9 @@ void call_writable_hook() noexcept;
 
 // ---- epoll registrations and shared descriptors (watch.cpp)
 
-// The two descriptors that all slots share die under this lock: netip_epoll_fd and g_netip_udp.
-extern Mutex g_shared_fd_lock;
+// The descriptors that all slots share die under this lock: netip_epoll_fd, g_netip_udp and the bell.
+extern Mutex   g_shared_fd_lock;
+extern int32_t g_bell; // an eventfd watched by epoll, -1 = none
 
 // Slot lock held for these.
 bool watch(uint32_t handle) noexcept; // readable events from now on
@@ -124,9 +125,10 @@ void rest(uint32_t handle) noexcept;               // no events for about 100 ms
 
 // No lock held. Watches the resting slots again, if any and if it is time; an idle round is always time.
 void wake_resting(bool idle) noexcept;
-bool watch_listener(int epoll, int listener) noexcept;
+bool watch_shared(int epoll, int descriptor) noexcept; // the listener, the bell
+void ring_bell() noexcept;                             // makes an I/O thread do a round
 void close_shared_udp() noexcept;
-void close_epoll() noexcept;
+void close_epoll() noexcept; // and the bell
 
 // ---- closing (close.cpp)
 

@@ -1,14 +1,17 @@
-// watch.cpp - what the epoll instance is told about each slot, and the two descriptors that all slots share.
+// watch.cpp - what the epoll instance is told about each slot, and the descriptors that all slots share.
 //
 // An event carries generation << 32 | handle, so that one left over from a slot's last connection is recognised; 0 is
-// the listener. Registration failures are harmless unless said otherwise: the descriptor is not in epoll, or no more.
+// the listener or the bell. Registration failures are harmless unless said otherwise: the descriptor is not in epoll, or no more.
 #include "../base/clock.h"
 #include "../base/fd.h"
 #include "netip_internal.h"
 
+#include <sys/eventfd.h>
+
 namespace tarn::net {
 
-constinit Mutex g_shared_fd_lock{};
+constinit Mutex   g_shared_fd_lock{};
+constinit int32_t g_bell = -1;
 
 namespace {
 
@@ -61,7 +64,6 @@ bool watch(uint32_t handle) noexcept
 void unwatch(uint32_t handle) noexcept
 {
     tell_epoll(EPOLL_CTL_DEL, handle);
-    side_of(handle).wants_writable = 0;
     set_resting(handle, false);
 }
 
@@ -102,13 +104,20 @@ void wake_resting(bool idle) noexcept
     }
 }
 
-// Edge-triggered: it only has to wake a round for each arrival; the accept thread does the rest in its own time.
-bool watch_listener(int epoll, int listener) noexcept
+// Edge-triggered: each arrival and each stroke of the bell only has to wake a round, and nobody here reads it.
+bool watch_shared(int epoll, int descriptor) noexcept
 {
     epoll_event event{};
     event.events   = kReadable | EPOLLET;
     event.data.u64 = 0;
-    return epoll_ctl(epoll, EPOLL_CTL_ADD, listener, &event) == 0;
+    return epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &event) == 0;
+}
+
+// The listener alone is not enough: epoll tells nothing of a connection that was accepted before it looked.
+void ring_bell() noexcept
+{
+    ScopedLock lock(g_shared_fd_lock);
+    (void)eventfd_write(peek(g_bell), 1);
 }
 
 void close_shared_udp() noexcept
@@ -119,6 +128,7 @@ void close_shared_udp() noexcept
 void close_epoll() noexcept
 {
     take_shared(netip_epoll_fd).reset();
+    take_shared(g_bell).reset();
 }
 
 } // namespace tarn::net

@@ -33,6 +33,15 @@ TEST(udp, a_datagram_waits_for_tcp_traffic)
     test.udp.expect("20 02 00 00");
 }
 
+TEST(udp, a_new_tcp_connection_is_traffic_too)
+{
+    Udp test;
+    test.udp.send(connect_packet(4, "u"));
+    test.udp.expect_nothing();
+    Peer other = Peer::tcp();
+    test.udp.expect("20 02 00 00");
+}
+
 TEST(udp, a_tcp_connection_that_ends_is_traffic_too)
 {
     Udp  test;

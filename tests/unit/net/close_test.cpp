@@ -78,6 +78,31 @@ TEST(netip_close, frees_the_slot_before_its_event)
     EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), disconnected(0, 2)));
 }
 
+TEST(netip_close, of_a_connection_with_unread_input_does_not_spin_while_its_event_is_delivered)
+{
+    static std::atomic<int>  rounds{0};
+    static std::atomic<bool> reading{false}, closing{false};
+    Layer layer([](const Recorder::Event &event) {
+        if (event.event == NETIP_EVENT_DATA) { // keeps the I/O thread from reading what comes next
+            reading = true;
+            eventually([] { return closing.load(); });
+        } else if (event.event == NETIP_EVENT_DISCONNECTED) {
+            closing = true;
+            std::this_thread::sleep_for(2 * kSilence);
+        }
+        return true;
+    });
+    Peer  peer;
+    peer.send("C0 00");
+    ASSERT_TRUE(eventually([] { return reading.load(); }));
+    peer.send("C0 00");
+    set_round_hooks({[] { ++rounds; }, nullptr});
+    netip_close(0);
+    set_round_hooks({});
+    EXPECT_LE(rounds, 2);
+    EXPECT_EQ(peer.end(), 0);
+}
+
 TEST(netip_close, over_unread_input_still_delivers_what_was_sent)
 {
     const Fd    listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -126,7 +151,7 @@ TEST(netip_close, many_objections_are_all_kept_and_all_closed)
     }
     const size_t descriptors = open_descriptors();
     netip_deinit();
-    EXPECT_EQ(open_descriptors(), descriptors - 42); // with epoll and UDP
+    EXPECT_EQ(open_descriptors(), descriptors - 43); // with epoll, its bell and UDP
 }
 
 TEST(netip_close, without_memory_an_objection_costs_a_descriptor)
@@ -249,6 +274,26 @@ TEST(hang_up, by_another_thread_meanwhile_closes_once)
     netip_deinit();
     EXPECT_NE(fcntl(fd, F_GETFD), -1);
     EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), disconnected(0, 0), disconnected(0, 2)));
+}
+
+TEST(hang_up, of_a_descriptor_that_somebody_duplicated_leaves_nothing_in_epoll)
+{
+    static std::atomic<int> rounds{0};
+    Layer                   layer;
+    Peer                    peer;
+    layer.events.wait_for(1);
+    Fd kept; // as a child that the host forked would hold it
+    {
+        SlotLock slot(0);
+        kept = Fd(dup(slot->fd));
+    }
+    peer.close();
+    layer.events.wait_for(2);
+    std::this_thread::sleep_for(kSilence);
+    set_round_hooks({[] { ++rounds; }, nullptr});
+    std::this_thread::sleep_for(kSilence);
+    set_round_hooks({});
+    EXPECT_EQ(rounds, 0);
 }
 
 TEST(close_connection, closes_only_the_connection_it_names)

@@ -237,6 +237,26 @@ TEST(netip_init, makes_a_listener_anew_when_the_old_one_was_closed_from_outside)
     EXPECT_EQ(netip_get_client_port(1), peer.port());
 }
 
+TEST(netip_init, makes_a_listener_anew_when_its_number_became_a_listener_on_another_port)
+{
+    ASSERT_EQ(start(), 0u);
+    netip_deinit();
+    {
+        Peer waking;
+        ASSERT_TRUE(eventually([] { return threads_named("tarn-accept") == 0; }));
+    }
+    const int number = g_netip_tcp_listen;
+    close(number);
+    const Fd          other(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_in address = loopback(0);
+    ASSERT_EQ(bind(other.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(other.get(), 1), 0);
+    const Fd reused(other.get() == number ? -1 : dup3(other.get(), number, O_CLOEXEC));
+    Layer    layer;
+    EXPECT_NE(g_netip_tcp_listen, number);
+    EXPECT_EQ(port_of(g_netip_tcp_listen), 1883);
+}
+
 TEST(netip_deinit, alone_or_repeated_does_nothing)
 {
     const size_t descriptors = open_descriptors();

@@ -108,7 +108,7 @@ TEST(layer, a_close_nested_in_the_event_of_deinit_closes_once)
     EXPECT_THAT(layer.events.seen(),
                 ElementsAre(connected(0), connected(1), disconnected(0, 2), disconnected(0, 2), disconnected(1, 2),
                             disconnected(1, 2)));
-    EXPECT_EQ(open_descriptors(), descriptors - 4); // two connections, epoll, UDP
+    EXPECT_EQ(open_descriptors(), descriptors - 5); // two connections, epoll, its bell, UDP
 }
 
 // ---- the listener outlives the layer
@@ -292,6 +292,29 @@ TEST(from_a_callback, deinit_and_init_at_once)
     netip_deinit();
 }
 
+TEST(from_a_callback, the_round_of_an_old_start_reads_no_datagram_of_the_new_one)
+{
+    Recorder          second;
+    std::atomic<bool> done{false};
+    Layer             layer([&](const Recorder::Event &event) {
+        if (event.event == NETIP_EVENT_DATA) {
+            netip_deinit();
+            EXPECT_EQ(netip_init(Recorder::callback, &second, 1), 0u);
+            UdpPeer().send("D0 00");
+            done = true;
+        }
+        return true;
+    });
+    Peer              peer;
+    layer.events.wait_for(1);
+    peer.send("C0 00");
+    EXPECT_TRUE(eventually([&] { return done.load(); }));
+    EXPECT_TRUE(eventually([] { return threads_named("tarn-io") == 1; }));
+    EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), data(0, wire("C0 00")), disconnected(0, 2)));
+    EXPECT_THAT(second.seen(), IsEmpty());
+    netip_deinit();
+}
+
 TEST(layer, deinit_waits_for_the_connected_callback)
 {
     std::atomic<bool> entered{false}, leave{false}, left{false};
@@ -306,6 +329,7 @@ TEST(layer, deinit_waits_for_the_connected_callback)
     Peer              peer;
     ASSERT_TRUE(eventually([&] { return entered.load(); }));
     std::thread leaver([&] {
+        eventually([] { return threads_named("tarn-io") == 0; }); // deinit has nobody else to wait for
         std::this_thread::sleep_for(50ms);
         leave = true;
     });
@@ -434,6 +458,16 @@ TEST(epoll_wait, failing_for_ever_does_not_spin)
     EXPECT_THAT(log.take(), testing::Each(error("[IO] epoll_wait 错误, errno=9")));
 }
 
+TEST(epoll_wait, pauses_from_the_second_failure_in_a_row)
+{
+    Layer      layer;
+    const auto from = std::chrono::steady_clock::now();
+    Fail       fail(Call::EpollWait, 1, EBADF, 4);
+    ring_bell();
+    EXPECT_TRUE(eventually([&] { return fail.failed() == 4; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - from, 200ms); // behind the second and the third
+}
+
 // ---- what a round is
 
 namespace {
@@ -484,23 +518,67 @@ TEST(round, an_idle_layer_only_wakes_every_100_ms)
     EXPECT_LT(after.ru_nvcsw - before.ru_nvcsw, 25); // 5 rounds and this thread
 }
 
-TEST(round, by_hand)
-{
-    const Fd epoll(epoll_create1(EPOLL_CLOEXEC));
-    netip_epoll_fd  = epoll.get();
-    g_netip_running = 1;
-    Recorder events;
-    g_netip_cb     = Recorder::callback;
-    g_netip_cb_arg = &events;
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-    const Fd peer(pair[1]);
+namespace {
+
+// A layer without threads: the test runs the rounds.
+struct ByHand {
+    ByHand()
+    {
+        netip_epoll_fd  = epoll.get();
+        g_netip_running = 1;
+        g_netip_cb      = Recorder::callback;
+        g_netip_cb_arg  = &events;
+    }
+    ~ByHand() { netip_epoll_fd = -1; }
+    static void serve(int fd)
     {
         ScopedLock     lock(g_netip_lock);
-        const SlotHold hold(open_slot(NETIP_TCP, pair[0], {}), SlotHold::Counted);
+        const SlotHold hold(open_slot(NETIP_TCP, fd, {}), SlotHold::Counted);
         SlotLock       slot(hold.handle());
         EXPECT_TRUE(watch(hold.handle()));
     }
+    const Fd epoll{epoll_create1(EPOLL_CLOEXEC)};
+    Recorder events;
+};
+
+} // namespace
+
+TEST(round, an_error_alone_and_a_hang_up_alone_end_a_connection)
+{
+    ByHand layer;
+    int    broken[2], ended[2]; // the end of a pipe reports either, and cannot be received from
+    ASSERT_EQ(pipe2(broken, O_CLOEXEC), 0);
+    ASSERT_EQ(pipe2(ended, O_CLOEXEC), 0);
+    layer.serve(broken[1]);
+    layer.serve(ended[0]);
+    EXPECT_EQ(close(broken[0]), 0);
+    EXPECT_EQ(run_round(0, 0), 1);
+    EXPECT_THAT(layer.events.seen(), ElementsAre(disconnected(0, 0)));
+    EXPECT_EQ(close(ended[1]), 0);
+    EXPECT_EQ(run_round(0, 0), 1);
+    EXPECT_THAT(layer.events.seen(), ElementsAre(disconnected(0, 0), disconnected(1, 0)));
+}
+
+TEST(round, a_hang_up_comes_before_what_could_still_be_read)
+{
+    ByHand layer;
+    int    pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    layer.serve(pair[0]);
+    EXPECT_EQ(write(pair[1], "\xC0\x00", 2), 2);
+    EXPECT_EQ(close(pair[1]), 0);
+    EXPECT_EQ(run_round(0, 0), 1);
+    EXPECT_THAT(layer.events.seen(), ElementsAre(disconnected(0, 0)));
+}
+
+TEST(round, by_hand)
+{
+    ByHand    layer;
+    Recorder &events = layer.events;
+    int       pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    const Fd peer(pair[1]);
+    layer.serve(pair[0]);
     EXPECT_EQ(run_round(0, 0), 0);
     EXPECT_EQ(run_round(1, 0), 0); // of another start
     EXPECT_EQ(write(peer.get(), "\xC0\x00", 2), 2);
@@ -508,7 +586,6 @@ TEST(round, by_hand)
     EXPECT_EQ(run_round(0, 0), 1);
     EXPECT_THAT(events.seen(), ElementsAre(data(0, wire("C0 00"))));
     EXPECT_EQ(current_connection().generation, 0u);
-    netip_epoll_fd = -1;
 }
 
 // ---- capacity

@@ -223,9 +223,11 @@ private:
 // A UDP client on loopback.
 class UdpPeer {
 public:
-    UdpPeer() : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    UdpPeer() : UdpPeer(loopback(0)) {}
+    explicit UdpPeer(const sockaddr_in &from) : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
     {
         const sockaddr_in address = loopback();
+        EXPECT_EQ(bind(fd_.get(), reinterpret_cast<const sockaddr *>(&from), sizeof from), 0);
         EXPECT_EQ(connect(fd_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     }
     int      fd() const { return fd_.get(); }

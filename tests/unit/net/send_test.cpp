@@ -172,6 +172,20 @@ TEST(writable, asked_for_in_the_connected_event_is_noticed_too)
     set_writable_hook(nullptr);
 }
 
+TEST(writable, a_new_connection_inherits_no_wish)
+{
+    side_of(0).wants_writable = 1;
+    set_writable_hook([] { ++g_writable; });
+    Layer layer;
+    Peer  peer;
+    peer.send("C0 00");
+    layer.events.wait_for(2);
+    EXPECT_FALSE(wants_writable(0));
+    netip_deinit();
+    EXPECT_EQ(g_writable, 0);
+    set_writable_hook(nullptr);
+}
+
 TEST(send_packets, writes_many_as_one)
 {
     const HandmadeSlot connection(7);

@@ -71,17 +71,73 @@ TEST(udp, waits_for_a_tcp_event_and_is_read_once_a_round)
     EXPECT_EQ(layer.events.seen().back(), data(1, wire("D0 00")));
 }
 
-TEST(udp, the_arrival_of_a_connection_is_an_event_too)
+TEST(udp, a_new_connection_is_an_event_also_when_it_was_accepted_before_epoll_was_asked)
 {
-    Layer   layer;
-    UdpPeer udp;
-    udp.send("C0 00");
-    // The kernel tells of it unless the accept thread was quicker.
+    std::atomic<bool> inside{false}, leave{false}, both_read{false};
+    Layer             layer;
+    layer.events.on_event = [&](const Recorder::Event &event) {
+        if (event.handle == 0 && event.event == NETIP_EVENT_DATA) {
+            inside = true;
+            eventually([&] { return leave.load(); });
+        } else if (event.handle == 1) { // the round is owed already, not only when this callback is over
+            leave     = true;
+            both_read = layer.events.wait_for(7).size() == 7;
+        }
+        return true;
+    };
+    Peer tcp;
+    layer.events.wait_for(1);
+    std::this_thread::sleep_for(kSilence);
+    make_a_round(tcp);
+    ASSERT_TRUE(eventually([&] { return inside.load(); }));
+    UdpPeer first, second;
+    first.send("C0 00");
+    second.send("D0 00");
+    Peer silent; // nothing of it is left for epoll to see when the I/O thread asks again
+    EXPECT_TRUE(eventually([&] { return both_read.load(); }));
+    EXPECT_THAT(layer.events.seen(),
+                ElementsAre(connected(0), data(0, wire("C0 00")), connected(1), connected(2, 3),
+                            data(2, wire("C0 00")), connected(3, 3), data(3, wire("D0 00"))));
+}
+
+TEST(udp, each_new_connection_is_an_event)
+{
+    Layer                              layer;
     std::vector<std::unique_ptr<Peer>> silent;
-    EXPECT_TRUE(eventually([&] {
+    for (size_t i = 0; i < 50; ++i) {
+        UdpPeer udp;
+        udp.send("C0 00");
         silent.push_back(std::make_unique<Peer>());
-        return layer.events.seen().size() == silent.size() + 2;
-    }));
+        ASSERT_EQ(layer.events.wait_for(3 * (i + 1)).size(), 3 * (i + 1)) << i;
+    }
+}
+
+TEST(udp, a_connection_that_finds_no_slot_is_an_event_too)
+{
+    Layer layer;
+    Peer  tcp;
+    {
+        UdpPeer udp;
+        layer.events.wait_for(1);
+        std::this_thread::sleep_for(kSilence);
+        udp.send("C0 00");
+        make_a_round(tcp);
+        layer.events.wait_for(4);
+        {
+            ScopedLock lock(g_netip_lock);
+            for (uint32_t handle = 2; handle < 11000; ++handle) {
+                poke(g_netip_clients[handle].type, 9);
+                poke(g_netip_clients[handle].in_use, 1);
+            }
+        }
+        udp.send("D0 00");
+        Peer turned_away;
+        EXPECT_EQ(turned_away.end(), 0);
+        EXPECT_EQ(layer.events.wait_for(5).back(), data(1, wire("D0 00")));
+    }
+    ScopedLock lock(g_netip_lock);
+    for (uint32_t handle = 2; handle < 11000; ++handle)
+        poke(g_netip_clients[handle].in_use, 0);
 }
 
 TEST(udp, senders_differ_by_address_and_port)
@@ -100,6 +156,42 @@ TEST(udp, senders_differ_by_address_and_port)
     EXPECT_EQ(netip_get_client_port(1), a.port());
     EXPECT_EQ(netip_get_client_port(2), b.port());
     EXPECT_EQ(layer.events.seen().back(), data(2, wire("D0 00")));
+}
+
+TEST(udp, senders_with_one_port_differ_by_address)
+{
+    Layer       layer;
+    Peer        tcp;
+    UdpPeer     a;
+    sockaddr_in other   = loopback(a.port());
+    other.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
+    UdpPeer b(other);
+    layer.events.wait_for(1);
+    std::this_thread::sleep_for(kSilence);
+    a.send("C0 00");
+    make_a_round(tcp);
+    layer.events.wait_for(4);
+    b.send("D0 00");
+    make_a_round(tcp);
+    layer.events.wait_for(7);
+    EXPECT_EQ(layer.events.seen().back(), data(2, wire("D0 00")));
+    char ip[16];
+    EXPECT_EQ(netip_get_client_ip(2, ip, sizeof ip), 1);
+    EXPECT_STREQ(ip, "127.0.0.2");
+}
+
+TEST(udp, a_tcp_connection_with_the_address_of_a_sender_is_somebody_else)
+{
+    Layer   layer;
+    Peer    tcp;
+    UdpPeer udp(loopback(tcp.port()));
+    layer.events.wait_for(1);
+    std::this_thread::sleep_for(kSilence);
+    udp.send("D0 00");
+    make_a_round(tcp);
+    layer.events.wait_for(4);
+    EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), data(0, wire("C0 00")), connected(1, 3),
+                                                 data(1, wire("D0 00"))));
 }
 
 TEST(udp, answers_go_to_the_sender)
@@ -134,6 +226,23 @@ TEST(udp, a_datagram_is_cut_at_4096_bytes)
     make_a_round(tcp);
     layer.events.wait_for(4);
     EXPECT_TRUE(layer.events.count(data(0, repeat('x', 4096))) + layer.events.count(data(1, repeat('x', 4096))) == 1);
+}
+
+TEST(udp, an_empty_datagram_is_no_packet_and_makes_no_connection)
+{
+    Layer   layer;
+    Peer    tcp;
+    UdpPeer udp;
+    layer.events.wait_for(1);
+    std::this_thread::sleep_for(kSilence);
+    udp.send(Bytes{});
+    make_a_round(tcp);
+    layer.events.wait_for(2);
+    make_a_round(tcp); // it is gone
+    layer.events.wait_for(3);
+    netip_deinit();
+    EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), data(0, wire("C0 00")), data(0, wire("C0 00")),
+                                                 disconnected(0, 2)));
 }
 
 TEST(udp, a_sender_with_no_free_slot_is_dropped)
@@ -201,6 +310,33 @@ TEST(udp, closing_one_peer_ends_udp_until_the_next_start)
     make_a_round(other);
     EXPECT_TRUE(eventually([&] { return again.count(data(0, wire("D0 00"))) + again.count(data(1, wire("D0 00"))) == 1; }));
     netip_deinit();
+}
+
+TEST(udp, an_objecting_callback_keeps_the_shared_socket_and_deinit_closes_it_once)
+{
+    std::atomic<bool> agree{false};
+    Layer             layer([&](const Recorder::Event &event) {
+        return event.event != NETIP_EVENT_DISCONNECTED || agree;
+    });
+    Peer              tcp;
+    UdpPeer           a, b;
+    layer.events.wait_for(1);
+    std::this_thread::sleep_for(kSilence);
+    a.send("C0 00");
+    make_a_round(tcp);
+    layer.events.wait_for(4);
+    const int shared = g_netip_udp;
+    netip_close(1);
+    EXPECT_EQ(layer.events.seen().back(), disconnected(1, 2));
+    EXPECT_EQ(g_netip_udp, shared);
+    b.send("D0 00"); // and UDP goes on
+    make_a_round(tcp);
+    EXPECT_EQ(layer.events.wait_for(8).back(), data(2, wire("D0 00")));
+    agree = true;
+    netip_close(2);
+    const Fd reused = take_number(shared);
+    netip_deinit();
+    EXPECT_NE(fcntl(shared, F_GETFD), -1);
 }
 
 TEST(udp, closing_a_peer_of_a_dead_socket_touches_nobody_else)
@@ -290,7 +426,7 @@ TEST(udp, deinit_leaves_the_shared_socket_to_its_end)
     const size_t descriptors = open_descriptors();
     netip_deinit();
     EXPECT_THAT(events.seen(), Contains(disconnected(1, 2)));
-    EXPECT_EQ(open_descriptors(), descriptors - 3); // TCP, UDP and epoll
+    EXPECT_EQ(open_descriptors(), descriptors - 4); // TCP, UDP, epoll and its bell
 }
 
 TEST(udp, the_thread_that_delivers_knows_its_connection)
