@@ -134,8 +134,8 @@ void reset_will(mqtt_client_t &client)
     poke(client.will_delay_pending, 0);
 }
 
-// Not touched: client_id, clean_session, session_restored, timeout_closing, which release clears, and keepalive_ms,
-// which a slot hands on to its next client until CONNECT sets it.
+// Not touched: client_id, clean_session, session_restored and timeout_closing, which release has cleared, and
+// keepalive_ms, which a slot hands on to its next client until CONNECT sets it.
 void fill(mqtt_client_t &client, uint32_t handle, const char *ip, uint16_t port, broker_t *broker)
 {
     poke(client.handle, handle);
@@ -252,6 +252,8 @@ bool release_record(mqtt_client_t &client) noexcept
         poke(client.will_delay_pending, 0);
     }
     note_unparked(client);
+    poke(client.clean_session, 0);
+    poke(client.session_restored, 0);
     poke(client.timeout_closing, 0);
     poke(client.session_expiry_interval, 0);
     poke(client.session_expiry_deadline, 0);

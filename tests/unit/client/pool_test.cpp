@@ -106,8 +106,8 @@ TEST(client_create, clears_what_a_client_before_left)
     EXPECT_EQ(client->codec.version, 4u);
     EXPECT_EQ(client->timeout_closing, 0);
     EXPECT_EQ(client->keepalive_ms, 7000u) << "kept until CONNECT";
-    EXPECT_EQ(client->clean_session, 1) << "not touched";
-    EXPECT_EQ(client->session_restored, 1) << "not touched";
+    EXPECT_EQ(client->clean_session, 0);
+    EXPECT_EQ(client->session_restored, 0);
 }
 
 TEST(client_create, refuses_beyond_the_limit)
@@ -228,6 +228,7 @@ TEST(pool_free, clears_the_record_and_frees_the_slot)
     client->session_expiry_interval = 6;
     client->session_expiry_deadline = 7;
     client->timeout_closing         = 1;
+    client->session_restored        = 1;
     client->keepalive_ms            = 8;
     client->state                   = CLIENT_WILL_PENDING;
     take_calls();
@@ -251,6 +252,8 @@ TEST(pool_free, clears_the_record_and_frees_the_slot)
     EXPECT_EQ(client->will_delay_pending, 0);
     EXPECT_EQ(client->session_expiry_interval, 0u);
     EXPECT_EQ(client->session_expiry_deadline, 0u);
+    EXPECT_EQ(client->clean_session, 0);
+    EXPECT_EQ(client->session_restored, 0);
     EXPECT_EQ(client->keepalive_ms, 8u) << "kept";
     EXPECT_EQ(g_client_mgr.used_count, 0);
     EXPECT_EQ(g_client_mgr.blocks[0].used, 0);

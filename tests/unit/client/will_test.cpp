@@ -2,6 +2,9 @@
 
 #include "base/clock.h"
 
+#include <thread>
+#include <unistd.h>
+
 using namespace tarn;
 using namespace tarn::test;
 
@@ -262,6 +265,19 @@ TEST_F(WillScan, leaves_a_record_that_another_thread_settles)
     unclaim_closing(*record);
     client_will_delay_scan();
     EXPECT_THAT(take_calls(), SizeIs(2));
+}
+
+TEST_F(WillScan, does_not_claim_what_is_not_due)
+{
+    mqtt_client_t *const record = park(1, "dev1", 5);
+    record->will_lock.lock(); // the scan gets as far as this
+    std::thread scanner(client_will_delay_scan);
+    EXPECT_TRUE(eventually([] { return !client::is_idle(0); }));
+    usleep(20000);
+    EXPECT_TRUE(claim_closing(*record)) << "as the CONNECT of a client that comes back does, to cancel its will";
+    unclaim_closing(*record);
+    record->will_lock.unlock();
+    scanner.join();
 }
 
 TEST_F(WillScan, leaves_the_tables_to_the_client_that_came_back)
