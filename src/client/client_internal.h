@@ -134,6 +134,13 @@ void               add_to_round(int32_t index) noexcept;
 // anything for a while; add_to_round wakes the thread then. `quiet_turns` is the caller's count.
 bool flush_long_round(int &quiet_turns) noexcept;
 
+// True when another thread has taken the client out of the online states since its state was `before`.
+[[nodiscard]] inline bool was_closed_since(mqtt_client_t &client, uint32_t before) noexcept
+{
+    const uint32_t now = peek(client.state);
+    return now != before && (now == CLIENT_CLOSED || now == CLIENT_WILL_PENDING);
+}
+
 // ---- closing and wills (close.cpp, will_store.cpp, will_scan.cpp, timeout_scan.cpp)
 
 void close_connection_of(mqtt_client_t &client) noexcept;

@@ -52,13 +52,6 @@ bool is_found(mqtt_client_t &client, const char *client_id)
     return peek_acquire(client.used) && peek(client.state) != CLIENT_CLOSED && has_id(client, client_id);
 }
 
-// True when another thread has taken the client out of the online states since `before`.
-bool was_closed_since(mqtt_client_t &client, uint32_t before)
-{
-    const uint32_t now = peek(client.state);
-    return now != before && (now == CLIENT_CLOSED || now == CLIENT_WILL_PENDING);
-}
-
 void store_id(mqtt_client_t &client, const char *client_id)
 {
     ScopedLock lock(id_lock(client));
