@@ -91,8 +91,9 @@ void unlink_pool() noexcept;
 
 // The record at this place in pool order; null behind the last block.
 mqtt_client_t *record_in_order(int32_t place) noexcept;
-// The block's used flag of that place.
-[[nodiscard]] bool is_flagged(int32_t place) noexcept;
+// The next record at or after `place` whose used flag is set in its block, not pinned; null at the end. `place` is
+// moved behind it. Records that nobody uses are not even read: they have no pages.
+mqtt_client_t *next_flagged(int32_t &place) noexcept;
 
 // ---- tables (lookup.cpp)
 

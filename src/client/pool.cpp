@@ -271,10 +271,15 @@ mqtt_client_t *record_in_order(int32_t place) noexcept
     return blocks ? blocks[place / CLIENT_BLOCK_RECORDS].records + place % CLIENT_BLOCK_RECORDS : nullptr;
 }
 
-bool is_flagged(int32_t place) noexcept
+mqtt_client_t *next_flagged(int32_t &place) noexcept
 {
-    const client_pool_block_t *const blocks = peek_acquire(g_client_mgr.blocks);
-    return blocks && peek(blocks[place / CLIENT_BLOCK_RECORDS].used_flags[place % CLIENT_BLOCK_RECORDS]) != 0;
+    while (mqtt_client_t *const record = record_in_order(place)) {
+        const client_pool_block_t *const blocks = peek_acquire(g_client_mgr.blocks);
+        const int32_t                    at     = place++;
+        if (blocks && peek(blocks[at / CLIENT_BLOCK_RECORDS].used_flags[at % CLIENT_BLOCK_RECORDS]))
+            return record;
+    }
+    return nullptr;
 }
 
 bool make_block_list() noexcept
@@ -418,19 +423,12 @@ void pool_free(mqtt_client_t *client)
         (void)client::release_record(*client);
 }
 
-// By the blocks' used flags, which stand together: free slots cost next to nothing.
 client_ref tarn::next_client(int32_t &index) noexcept
 {
-    for (;; ++index) {
-        mqtt_client_t *const record = client::record_in_order(index);
-        if (!record)
-            return {};
-        if (!client::is_flagged(index))
-            continue;
+    while (mqtt_client_t *const record = client::next_flagged(index)) {
         client_ref client(record);
-        if (!peek_acquire(client->used))
-            continue;
-        ++index;
-        return client;
+        if (peek_acquire(client->used))
+            return client;
     }
+    return {};
 }

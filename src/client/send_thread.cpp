@@ -149,9 +149,8 @@ void trim_idle_ring(mqtt_client_t &client)
 // Looks first and pins where there is something to do: most records rest.
 void walk(Waiting &waiting, uint64_t now_ms)
 {
-    for (int32_t place = 0; mqtt_client_t *const record = record_in_order(place); ++place) {
-        if (!is_flagged(place))
-            continue;
+    int32_t place = 0;
+    while (mqtt_client_t *const record = next_flagged(place)) {
         const int32_t index = index_of(record);
         if (has_unsent(*record)) {
             const client_ref client(record);

@@ -26,8 +26,8 @@ int collect(uint64_t now_s, int32_t &place, Expired (&found)[kAtATime])
 {
     ScopedLock lock(g_client_mgr.locks[0]);
     int        count = 0;
-    for (; count < kAtATime; ++place) {
-        mqtt_client_t *const record = record_in_order(place);
+    while (count < kAtATime) {
+        mqtt_client_t *const record = next_flagged(place);
         if (!record)
             break;
         if (!is_expired(*record, now_s))

@@ -126,7 +126,8 @@ void will_scan_turn(uint64_t now_ms) noexcept
 {
     g_next_walk_ms.store(now_ms + kWalk_ms, std::memory_order_relaxed);
     g_next_due_ms.store(kNever); // whoever parks a record from here on lowers it again
-    for (int32_t place = 0; mqtt_client_t *const record = record_in_order(place); ++place) {
+    int32_t place = 0;
+    while (mqtt_client_t *const record = next_flagged(place)) {
         if (!is_waiting(*record))
             continue;
         const client_ref client(record);

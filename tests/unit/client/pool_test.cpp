@@ -3,6 +3,8 @@
 #include "base/clock.h"
 #include "qos/qos_reliable.h"
 
+#include <sys/mman.h>
+
 using namespace tarn;
 using namespace tarn::test;
 
@@ -331,4 +333,26 @@ TEST(pool_free, serves_a_block_that_a_caller_planted)
     EXPECT_EQ(g_client_mgr.used_count, 0);
     g_client_mgr.blocks      = nullptr;
     g_client_mgr.block_count = 0;
+}
+
+TEST(pool, costs_no_page_for_records_that_nobody_uses)
+{
+    const Manager manager(11000);
+    char          buf[16];
+    int32_t       place = 0;
+    client_will_delay_scan();
+    client_clean_expired_sessions();
+    client_clean_timeout(1000);
+    client_fill_id_list(buf, sizeof buf);
+    EXPECT_EQ(client_get_connected_count(), 0u);
+    EXPECT_FALSE(next_client(place));
+    mqtt_start_send_thread();
+    mqtt_stop_send_thread(); // walks when it starts
+    for (int32_t block = 0; block < 110; ++block) {
+        unsigned char in_core[4096];
+        const size_t  bytes = 100 * sizeof(mqtt_client_t);
+        ASSERT_EQ(mincore(g_client_mgr.blocks[block].records, bytes, in_core), 0);
+        for (size_t page = 0; page < bytes / 4096; ++page)
+            ASSERT_EQ(in_core[page] & 1, 0) << "block " << block << ", page " << page;
+    }
 }
