@@ -300,6 +300,9 @@ TEST(pool_free, drops_the_deliveries_of_the_record_and_takes_no_more)
     ASSERT_EQ(qos_reliable_add_packet(client, 1, 1, "t", "x", 1), 0);
     client->state = CLIENT_CLOSED;
     LogCapture log(1);
+    g_calls.on_clean = [](mqtt_client_t &cleaned) {
+        EXPECT_TRUE(is_released(&cleaned)) << "or one could be added behind the cleaning";
+    };
     pool_free(client);
     EXPECT_TRUE(log.has(info("[QoS] 清理客户端报文完成(client=dev1)：共清理1条")));
     EXPECT_EQ(g_pending_queue, nullptr);

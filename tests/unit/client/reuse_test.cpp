@@ -87,3 +87,13 @@ TEST_F(Reuse, the_next_connection_is_a_client_of_its_own)
     EXPECT_EQ(receivers[2], receivers[1]);
     EXPECT_EQ(g_netip_clients[0].in_use, 1) << "and it stays connected";
 }
+
+TEST_F(Reuse, a_connection_that_is_closed_from_above_takes_its_client_along)
+{
+    TcpPeer peer;
+    say(peer);
+    may_go_on = true;
+    EXPECT_EQ(client_find_by_handle(0), receivers[0]);
+    netip_close(0); // the slot is marked free before the disconnect is told
+    EXPECT_EQ(receivers[0]->used, 0);
+}

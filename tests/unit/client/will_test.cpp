@@ -2,9 +2,6 @@
 
 #include "base/clock.h"
 
-#include <thread>
-#include <unistd.h>
-
 using namespace tarn;
 using namespace tarn::test;
 
@@ -270,14 +267,11 @@ TEST_F(WillScan, leaves_a_record_that_another_thread_settles)
 TEST_F(WillScan, does_not_claim_what_is_not_due)
 {
     mqtt_client_t *const record = park(1, "dev1", 5);
-    record->will_lock.lock(); // the scan gets as far as this
-    std::thread scanner(client_will_delay_scan);
-    EXPECT_TRUE(eventually([] { return !client::is_idle(0); }));
-    usleep(20000);
-    EXPECT_TRUE(claim_closing(*record)) << "as the CONNECT of a client that comes back does, to cancel its will";
-    unclaim_closing(*record);
-    record->will_lock.unlock();
-    scanner.join();
+    while_it_waits(record->will_lock, client_will_delay_scan, [&] {
+        EXPECT_FALSE(client::is_idle(0)) << "the scan looks at it";
+        EXPECT_TRUE(claim_closing(*record)) << "as the CONNECT of a client that comes back does, to cancel its will";
+        unclaim_closing(*record);
+    });
 }
 
 TEST_F(WillScan, leaves_the_tables_to_the_client_that_came_back)
