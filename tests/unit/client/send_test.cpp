@@ -386,3 +386,17 @@ TEST(flush_ring, leaves_the_ring_to_the_thread_that_sends_from_it)
     client::free_ring(*client, ring);
     EXPECT_EQ(ring[0].data[0], 0);
 }
+
+TEST(trim_ring, gives_back_no_pages_that_are_being_sent)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    send(client, {42});
+    ScopedLock lock(client->send_lock);
+    client::side_at(0).flushing = 1;
+    client::trim_ring(*client);
+    EXPECT_EQ(client->send_queue[0].data[0], 42);
+    client::side_at(0).flushing = 0;
+    client::trim_ring(*client);
+    EXPECT_EQ(client->send_queue[0].data[0], 0);
+}

@@ -93,6 +93,8 @@ TEST(clear_session, leaves_pages_alone_that_nobody_wrote)
     const Manager      manager;
     mqtt_client_t     &client  = *log_in(1, "dev1");
     persist_session_t &session = client.session;
+    session_written(client, 64, 100);
+    clear_session(client);
     session.subs[5].qos        = 1; // not told
     session.msgs[5].qos        = 1;
     clear_session(client);

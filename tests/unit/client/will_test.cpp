@@ -349,6 +349,7 @@ TEST_F(WillScan, costs_nothing_while_nothing_is_due)
     clock.advance_ms(1);
     EXPECT_TRUE(will_delays_running()) << "the second client's will";
     client_will_delay_scan();
+    EXPECT_FALSE(will_delays_running()) << "that one is settled";
     EXPECT_TRUE(wills_are_parked());
     EXPECT_EQ(first->used, 1);
     EXPECT_EQ(g_client_mgr.used_count, 1);
