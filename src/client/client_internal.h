@@ -91,8 +91,9 @@ void unlink_pool() noexcept;
 
 // The record at this place in pool order; null behind the last block.
 mqtt_client_t *record_in_order(int32_t place) noexcept;
-// The block's used flag of that place.
-[[nodiscard]] bool is_flagged(int32_t place) noexcept;
+// The next record at or after `place` whose used flag is set in its block, not pinned; null at the end. `place` is
+// moved behind it. Records that nobody uses are not even read: they have no pages.
+mqtt_client_t *next_flagged(int32_t &place) noexcept;
 
 // ---- tables (lookup.cpp)
 
@@ -133,6 +134,13 @@ void               add_to_round(int32_t index) noexcept;
 // For the send thread, every 10 ms: sends for a round that has been running for long. False when no round has queued
 // anything for a while; add_to_round wakes the thread then. `quiet_turns` is the caller's count.
 bool flush_long_round(int &quiet_turns) noexcept;
+
+// True when another thread has taken the client out of the online states since its state was `before`.
+[[nodiscard]] inline bool was_closed_since(mqtt_client_t &client, uint32_t before) noexcept
+{
+    const uint32_t now = peek(client.state);
+    return now != before && (now == CLIENT_CLOSED || now == CLIENT_WILL_PENDING);
+}
 
 // ---- closing and wills (close.cpp, will_store.cpp, will_scan.cpp, timeout_scan.cpp)
 

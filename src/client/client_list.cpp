@@ -29,8 +29,9 @@ int32_t client_fill_id_list(char *buf, int32_t size)
     ScopedLock    lock(g_client_mgr.locks[0]);
     const int32_t limit = size - 1;
     int32_t       pos   = 0;
-    for (int32_t place = 0; pos < limit; ++place) {
-        mqtt_client_t *const client = record_in_order(place);
+    int32_t       place = 0;
+    while (pos < limit) {
+        mqtt_client_t *const client = next_flagged(place);
         if (!client)
             break;
         if (!is_used_and_online(*client))
@@ -50,7 +51,8 @@ int32_t client_fill_id_list(char *buf, int32_t size)
 uint32_t client_get_connected_count(void)
 {
     uint32_t count = 0;
-    for (int32_t place = 0; mqtt_client_t *const client = record_in_order(place); ++place)
+    int32_t  place = 0;
+    while (mqtt_client_t *const client = next_flagged(place))
         count += is_used_and_online(*client);
     return count;
 }

@@ -56,8 +56,6 @@ bool will_is_due(mqtt_client_t &client)
     return peek(client.timeout_closing) || !peek(client.disconnect_received);
 }
 
-// While the client is online still: it may be one of the receivers.
-
 // QUIRK(will-outlives-session): a delayed will waits for its delay even if the session ends before, as it does at once
 // with an expiry interval of 0 [MQTT-3.1.2-8 of 5.0]. Session and will are settled apart.
 //   test: Close.a_will_waits_although_its_session_is_deleted
@@ -67,7 +65,7 @@ void start_will(mqtt_client_t &client, const client_id_text &id)
         LOG_INFO("[遗嘱调试][异常断开] ClientID=%s, 未发送DISCONNECT报文，强制触发遗嘱发送", id.text);
     LOG_WARN("[WILL-ENTER] 客户端进入遗嘱延迟: %s, will_delay_sec=%u", id.text, peek(client.will_delay_interval));
     bump(g_will_delay_client_count);
-    packet_start_will_delay(&client);
+    packet_start_will_delay(&client); // while it is online: it may be one of the receivers
     if (peek(client.will_delay_pending))
         note_parked(client, peek(client.will_delay_deadline));
 }
@@ -115,13 +113,6 @@ void close_claimed(mqtt_client_t &client)
         free_now(client, id);
 }
 
-// Another thread has closed the client between our look at the state and our claim.
-bool was_lost(mqtt_client_t &client, uint32_t state_before)
-{
-    const uint32_t now = peek(client.state);
-    return now != state_before && (now == CLIENT_WILL_PENDING || now == CLIENT_CLOSED);
-}
-
 } // namespace
 
 void close_connection_of(mqtt_client_t &client) noexcept
@@ -149,7 +140,7 @@ void client_close(mqtt_client_t *client)
     }
     if (!claim_closing(*client))
         return; // being closed, perhaps further up on this very thread
-    if (!was_lost(*client, state))
+    if (!was_closed_since(*client, state)) // between our look and our claim
         close_claimed(*client);
     unclaim_closing(*client);
 }

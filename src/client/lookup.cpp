@@ -32,6 +32,16 @@ void clear_entry(mqtt_client_t *&entry, mqtt_client_t &client)
     (void)swap_if(entry, &client, nullptr);
 }
 
+// A slot is free for the next connection once the disconnect was told, and a thread that closes the client for a reason
+// of its own may still be at it then.
+bool is_of_earlier_connection(mqtt_client_t &client, uint32_t handle)
+{
+    const Side *const side    = side_of(&client);
+    const uint32_t    own     = side ? side->generation.load(std::memory_order_relaxed) : 0;
+    const uint32_t    current = own != 0 ? net::generation_of(handle) : 0;
+    return current != 0 && current != own;
+}
+
 bool has_id(const mqtt_client_t &client, const char *client_id)
 {
     return strcmp(stored_id(client).text, client_id) == 0;
@@ -40,13 +50,6 @@ bool has_id(const mqtt_client_t &client, const char *client_id)
 bool is_found(mqtt_client_t &client, const char *client_id)
 {
     return peek_acquire(client.used) && peek(client.state) != CLIENT_CLOSED && has_id(client, client_id);
-}
-
-// True when another thread has taken the client out of the online states since `before`.
-bool was_closed_since(mqtt_client_t &client, uint32_t before)
-{
-    const uint32_t now = peek(client.state);
-    return now != before && (now == CLIENT_CLOSED || now == CLIENT_WILL_PENDING);
 }
 
 void store_id(mqtt_client_t &client, const char *client_id)
@@ -110,7 +113,8 @@ client_ref tarn::find_client_by_handle(uint32_t handle) noexcept
         return {};
     ScopedLock lock(lock_of_handle(handle));
     client_ref client(peek_acquire(g_client_mgr.by_handle[handle % CLIENT_MAX]));
-    if (client && (peek(client->state) == CLIENT_CLOSED || peek(client->handle) != handle))
+    if (client && (peek(client->state) == CLIENT_CLOSED || peek(client->handle) != handle ||
+                   is_of_earlier_connection(*client, handle)))
         client.reset();
     return client;
 }

@@ -24,7 +24,8 @@ constinit Side  g_sides[CLIENT_MAX]{};
 constinit Mutex g_outside_id_mx{}; // shared by all records outside the pool
 constinit Mutex g_outside_data_mx{};
 
-// A wipe is short and takes no lock but id_mx, so waiting for it is safe with any lock held.
+// A wipe is short and takes send_lock, will_lock and id_mx of its own record only. Nobody pins a record while holding
+// one of these of the same record, so waiting is safe with any other lock held.
 void pin(Side &side) noexcept
 {
     uint64_t seen = side.ctl.load(std::memory_order_relaxed);

@@ -134,8 +134,8 @@ void reset_will(mqtt_client_t &client)
     poke(client.will_delay_pending, 0);
 }
 
-// Not touched: client_id, clean_session, session_restored, timeout_closing, which release clears, and keepalive_ms,
-// which a slot hands on to its next client until CONNECT sets it.
+// Not touched: client_id, clean_session, session_restored and timeout_closing, which release has cleared, and
+// keepalive_ms, which a slot hands on to its next client until CONNECT sets it.
 void fill(mqtt_client_t &client, uint32_t handle, const char *ip, uint16_t port, broker_t *broker)
 {
     poke(client.handle, handle);
@@ -252,6 +252,8 @@ bool release_record(mqtt_client_t &client) noexcept
         poke(client.will_delay_pending, 0);
     }
     note_unparked(client);
+    poke(client.clean_session, 0);
+    poke(client.session_restored, 0);
     poke(client.timeout_closing, 0);
     poke(client.session_expiry_interval, 0);
     poke(client.session_expiry_deadline, 0);
@@ -269,10 +271,15 @@ mqtt_client_t *record_in_order(int32_t place) noexcept
     return blocks ? blocks[place / CLIENT_BLOCK_RECORDS].records + place % CLIENT_BLOCK_RECORDS : nullptr;
 }
 
-bool is_flagged(int32_t place) noexcept
+mqtt_client_t *next_flagged(int32_t &place) noexcept
 {
-    const client_pool_block_t *const blocks = peek_acquire(g_client_mgr.blocks);
-    return blocks && peek(blocks[place / CLIENT_BLOCK_RECORDS].used_flags[place % CLIENT_BLOCK_RECORDS]) != 0;
+    while (mqtt_client_t *const record = record_in_order(place)) {
+        const client_pool_block_t *const blocks = peek_acquire(g_client_mgr.blocks);
+        const int32_t                    at     = place++;
+        if (blocks && peek(blocks[at / CLIENT_BLOCK_RECORDS].used_flags[at % CLIENT_BLOCK_RECORDS]))
+            return record;
+    }
+    return nullptr;
 }
 
 bool make_block_list() noexcept
@@ -416,19 +423,12 @@ void pool_free(mqtt_client_t *client)
         (void)client::release_record(*client);
 }
 
-// By the blocks' used flags, which stand together: free slots cost next to nothing.
 client_ref tarn::next_client(int32_t &index) noexcept
 {
-    for (;; ++index) {
-        mqtt_client_t *const record = client::record_in_order(index);
-        if (!record)
-            return {};
-        if (!client::is_flagged(index))
-            continue;
+    while (mqtt_client_t *const record = client::next_flagged(index)) {
         client_ref client(record);
-        if (!peek_acquire(client->used))
-            continue;
-        ++index;
-        return client;
+        if (peek_acquire(client->used))
+            return client;
     }
+    return {};
 }

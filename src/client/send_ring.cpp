@@ -27,48 +27,28 @@ bool may_flush(mqtt_client_t &client, bool online_only)
     return peek(client.state) != CLIENT_CLOSED && peek(client.used) && peek(client.send_queue);
 }
 
-// The record's connection may be gone and its handle another client's.
-bool has_its_connection(mqtt_client_t &client, const Side *side)
-{
-    const uint32_t generation = side ? side->generation.load(std::memory_order_relaxed) : 0;
-    return is_online(client) || generation == 0 || net::generation_of(peek(client.handle)) == generation;
-}
-
 struct Batch {
     client_send_slot_t *ring = nullptr;
     uint32_t            handle;
+    uint32_t            generation; // the handle may be another client's by now, even while this one is online
     int                 count = 0;
     net::Packet         packets[net::kGatherMax];
 };
 
-bool is_sendable(int32_t length)
-{
-    return length >= 1 && length <= CLIENT_SEND_SLOT_BYTES;
-}
-
-// The packets from head on that can go in one write. A slot with an impossible length ends a batch or is one alone:
-// the network layer refuses it.
+// The packets from head on, up to the first slot that is not ready.
 void gather(mqtt_client_t &client, int limit, Batch &batch) REQUIRES(client.send_lock)
 {
-    batch.ring   = client.send_queue;
-    batch.handle = peek(client.handle);
-    batch.count  = 0;
+    const Side *const side = side_of(&client);
+    batch.ring             = client.send_queue;
+    batch.handle           = peek(client.handle);
+    batch.generation       = side ? side->generation.load(std::memory_order_relaxed) : 0;
+    batch.count            = 0;
     for (int at = client.send_head; at != client.send_tail && batch.count < limit; at = next_of(at)) {
         const client_send_slot_t &slot = batch.ring[at % CLIENT_SEND_SLOTS];
-        if (!slot.ready || (!is_sendable(slot.length) && batch.count > 0))
+        if (!slot.ready)
             return;
         batch.packets[batch.count++] = {slot.data, slot.length};
-        if (!is_sendable(slot.length))
-            return;
     }
-}
-
-net::Sent send(const Batch &batch)
-{
-    if (batch.count > 1 || is_sendable(batch.packets[0].length))
-        return net::send_packets(batch.handle, batch.packets, batch.count);
-    const uint32_t result = netip_send(batch.handle, batch.packets[0].bytes, batch.packets[0].length);
-    return {result == NETIP_OK ? 1 : 0, result};
 }
 
 void advance(mqtt_client_t &client, int packets) REQUIRES(client.send_lock)
@@ -96,7 +76,7 @@ bool send_batch(mqtt_client_t &client, Side *side, int limit, int &sent_packets,
         return false;
     if (side)
         client.send_lock.unlock();
-    const net::Sent sent = send(batch);
+    const net::Sent sent = net::send_packets(batch.handle, batch.packets, batch.count, batch.generation);
     if (side)
         client.send_lock.lock();
     if (client.send_queue != batch.ring) { // released meanwhile, and the ring left to us
@@ -185,10 +165,6 @@ Flushed flush_ring(mqtt_client_t &client, bool online_only) noexcept NO_LOCK_ANA
     Flushed result = Flushed::Drained;
     int     sent   = 0;
     while (sent < kFlushMax && may_flush(client, online_only)) {
-        if (!has_its_connection(client, side)) {
-            result = Flushed::Refused;
-            break;
-        }
         const int limit = kFlushMax - sent < net::kGatherMax ? kFlushMax - sent : net::kGatherMax;
         if (!send_batch(client, side, limit, sent, result))
             break;

@@ -149,9 +149,8 @@ void trim_idle_ring(mqtt_client_t &client)
 // Looks first and pins where there is something to do: most records rest.
 void walk(Waiting &waiting, uint64_t now_ms)
 {
-    for (int32_t place = 0; mqtt_client_t *const record = record_in_order(place); ++place) {
-        if (!is_flagged(place))
-            continue;
+    int32_t place = 0;
+    while (mqtt_client_t *const record = next_flagged(place)) {
         const int32_t index = index_of(record);
         if (has_unsent(*record)) {
             const client_ref client(record);
@@ -194,6 +193,17 @@ void run()
     } while (peek(g_send_running));
 }
 
+// The thread takes no lock that its joiner holds, and runs no callback of the host's.
+void end_thread() REQUIRES(g_start_mx)
+{
+    poke(g_send_running, 0);
+    wake();
+    if (g_started)
+        finish_thread(g_send_thread);
+    g_started     = false;
+    g_send_thread = 0;
+}
+
 } // namespace
 
 void hand_to_send_thread(int32_t index) noexcept
@@ -230,32 +240,16 @@ void *send_thread_proc(void *)
 
 void mqtt_start_send_thread(void)
 {
-    {
-        ScopedLock lock(g_start_mx);
-        if (g_started && peek(g_send_running))
-            return;
-    }
-    mqtt_stop_send_thread(); // one that was ended through the flag alone
     ScopedLock lock(g_start_mx);
-    if (g_started)
+    if (g_started && peek(g_send_running))
         return;
+    end_thread(); // one that was ended through the flag alone
     poke(g_send_running, 1);
     g_started = start_thread(&g_send_thread, "tarn-send", send_thread_proc, nullptr) == 0;
 }
 
 void mqtt_stop_send_thread(void)
 {
-    pthread_t thread  = 0;
-    bool      started = false;
-    {
-        ScopedLock lock(g_start_mx);
-        started       = g_started;
-        thread        = g_send_thread;
-        g_started     = false;
-        g_send_thread = 0;
-        poke(g_send_running, 0);
-    }
-    wake();
-    if (started)
-        finish_thread(thread);
+    ScopedLock lock(g_start_mx);
+    end_thread();
 }

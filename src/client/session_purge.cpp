@@ -16,17 +16,25 @@ struct Expired {
 
 constexpr int kAtATime = 64; // files are removed without the lock, in portions
 
+bool is_expired(mqtt_client_t &client, uint64_t now_s)
+{
+    const uint64_t deadline_s = peek(client.session_expiry_deadline);
+    return peek_acquire(client.used) && deadline_s != 0 && deadline_s < now_s;
+}
+
 int collect(uint64_t now_s, int32_t &place, Expired (&found)[kAtATime])
 {
     ScopedLock lock(g_client_mgr.locks[0]);
     int        count = 0;
-    for (; count < kAtATime; ++place) {
-        mqtt_client_t *const client = record_in_order(place);
-        if (!client)
+    while (count < kAtATime) {
+        mqtt_client_t *const record = next_flagged(place);
+        if (!record)
             break;
-        const uint64_t deadline_s = peek(client->session_expiry_deadline);
-        if (peek_acquire(client->used) && deadline_s != 0 && deadline_s < now_s)
-            found[count++] = {stored_id(*client), deadline_s};
+        if (!is_expired(*record, now_s))
+            continue;
+        const client_ref client(record); // deadline and id are one client's
+        if (is_expired(*client, now_s))
+            found[count++] = {stored_id(*client), peek(client->session_expiry_deadline)};
     }
     return count;
 }
@@ -72,6 +80,12 @@ void tarn::session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg
     raise(side->msgs_high, msg_count, PERSIST_MSGS_MAX);
 }
 
+void reset_count(int32_t &count)
+{
+    if (count != 0) // or a page of its own would be spent on it
+        count = 0;
+}
+
 // A session record is 149 KB, nearly all of it lists that few clients fill.
 void tarn::clear_session(mqtt_client_t &client) noexcept
 {
@@ -86,7 +100,7 @@ void tarn::clear_session(mqtt_client_t &client) noexcept
     const auto msgs = static_cast<size_t>(side->msgs_high.exchange(0, std::memory_order_relaxed));
     memset(&session, 0, offsetof(persist_session_t, subs));
     memset(session.subs, 0, subs * sizeof session.subs[0]);
-    session.sub_count = 0;
+    reset_count(session.sub_count);
     memset(session.msgs, 0, msgs * sizeof session.msgs[0]);
-    session.msg_count = 0;
+    reset_count(session.msg_count);
 }

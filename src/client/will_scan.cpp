@@ -1,7 +1,8 @@
 // will_scan.cpp - publishes delayed wills when they are due and releases the records that waited for it.
 //
 // Three parties can settle a delayed will: this scan, the CONNECT of a client that came back, and a second close. Each
-// claims the record first and then looks again, so a will is published or cancelled, never both.
+// claims the record first and then looks again, so a will is published or cancelled, never both. The scan claims only
+// what is due: a CONNECT that finds the record claimed takes its will for settled.
 #include "../base/clock.h"
 #include "../handler/packet_handler.h"
 #include "client_internal.h"
@@ -79,12 +80,18 @@ void publish(mqtt_client_t &client)
 
 void settle_if_due(mqtt_client_t &client, uint64_t now_ms)
 {
-    if (!is_waiting(client))
+    const auto needs_settling = [&] {
+        return is_waiting(client) && (is_overdue(client, now_ms) || is_due(client, now_ms));
+    };
+    if (!needs_settling() || !claim_closing(client))
         return;
-    if (is_overdue(client, now_ms))
-        drop(client);
-    else if (is_due(client, now_ms))
-        publish(client);
+    if (needs_settling()) { // still: another thread may have settled it before our claim
+        if (is_overdue(client, now_ms))
+            drop(client);
+        else
+            publish(client);
+    }
+    unclaim_closing(client);
 }
 
 // When this record has to be looked at again, if it still waits.
@@ -119,14 +126,12 @@ void will_scan_turn(uint64_t now_ms) noexcept
 {
     g_next_walk_ms.store(now_ms + kWalk_ms, std::memory_order_relaxed);
     g_next_due_ms.store(kNever); // whoever parks a record from here on lowers it again
-    for (int32_t place = 0; mqtt_client_t *const record = record_in_order(place); ++place) {
+    int32_t place = 0;
+    while (mqtt_client_t *const record = next_flagged(place)) {
         if (!is_waiting(*record))
             continue;
         const client_ref client(record);
-        if (claim_closing(*client)) {
-            settle_if_due(*client, now_ms);
-            unclaim_closing(*client);
-        }
+        settle_if_due(*client, now_ms);
         due_no_later_than(next_look_ms(*client, now_ms));
     }
 }

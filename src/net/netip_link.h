@@ -24,7 +24,8 @@ Connection current_connection() noexcept;
 bool is_open(Connection connection) noexcept;
 
 // Sends 1..kGatherMax packets in order without blocking: on TCP as one write, on UDP one datagram each. A packet that
-// netip_send would refuse ends the list with NETIP_INVALID.
+// netip_send would refuse ends the list with NETIP_INVALID. With a generation nothing is sent to another connection
+// that has the handle by now.
 struct Packet {
     const uint8_t *bytes;
     int32_t        length;
@@ -34,7 +35,7 @@ struct Sent {
     uint32_t result;  // NETIP_OK when all were accepted, else NETIP_AGAIN or NETIP_INVALID
 };
 constexpr int kGatherMax = 64;
-Sent send_packets(uint32_t handle, const Packet *packets, int count) noexcept;
+Sent send_packets(uint32_t handle, const Packet *packets, int count, uint32_t generation = 0) noexcept;
 
 // Called by every I/O thread before it looks at the events of a round and after it has handled the last one, UDP
 // included; not for a round without events.

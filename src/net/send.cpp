@@ -69,7 +69,7 @@ Sent send_datagrams(uint32_t handle, const Packet *packets, int count)
 
 namespace tarn::net {
 
-Sent send_packets(uint32_t handle, const Packet *packets, int count) noexcept
+Sent send_packets(uint32_t handle, const Packet *packets, int count, uint32_t generation) noexcept
 {
     if (!packets || count < 1 || count > kGatherMax)
         return {0, NETIP_INVALID};
@@ -78,6 +78,8 @@ Sent send_packets(uint32_t handle, const Packet *packets, int count) noexcept
         ++fit;
     SlotLock slot(handle);
     if (fit == 0 || !slot || (slot->type != NETIP_TCP && slot->type != NETIP_UDP))
+        return {0, NETIP_INVALID};
+    if (generation != 0 && !is_current({handle, generation}))
         return {0, NETIP_INVALID};
     const Sent sent =
         slot->type == NETIP_TCP ? send_stream(handle, packets, fit) : send_datagrams(handle, packets, fit);

@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 namespace tarn::test {
@@ -194,6 +195,16 @@ int queued(const mqtt_client_t *client)
     return (peek(client->send_tail) - peek(client->send_head) + CLIENT_SEND_SLOTS) % CLIENT_SEND_SLOTS;
 }
 
+void while_it_waits(Mutex &lock, const std::function<void()> &act, const std::function<void()> &then)
+{
+    lock.lock();
+    std::thread thread(act);
+    usleep(20000);
+    then();
+    lock.unlock();
+    thread.join();
+}
+
 bool eventually(const std::function<bool()> &condition)
 {
     for (int i = 0; i < 5000; ++i) {
@@ -280,6 +291,8 @@ void __wrap_qos_reliable_destroy(void)
 void __wrap_qos_reliable_clean_client_packets(mqtt_client_t *client)
 {
     note("qos_reliable_clean_client_packets " + id_text(client));
+    if (g_calls.on_clean)
+        g_calls.on_clean(*client);
     __real_qos_reliable_clean_client_packets(client);
 }
 

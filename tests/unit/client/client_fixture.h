@@ -32,6 +32,7 @@ struct Calls {
     std::function<int(mqtt_client_t &, Bytes)> on_packet;   // packet_dispatch
     std::function<void(mqtt_client_t &)>       on_will;     // packet_send_will_message
     std::function<void()>                      on_mark;     // persist_mark
+    std::function<void(mqtt_client_t &)>       on_clean;    // qos_reliable_clean_client_packets, before it begins
     bool                                       qos_fails = false;     // qos_reliable_init
     bool                                       qos_stands_in = false; // it does nothing
     int                                        memory_fails_after = -1; // mmap and mprotect: so many succeed
@@ -100,6 +101,10 @@ std::vector<LogLine> own_lines(LogCapture &log);
 
 uint32_t send(mqtt_client_t *client, const Bytes &packet);
 int      queued(const mqtt_client_t *client); // packets in the ring
+
+// Runs `act` on another thread while the test holds a lock that `act` will want, and meanwhile `then`, once the thread
+// is at the lock.
+void while_it_waits(Mutex &lock, const std::function<void()> &act, const std::function<void()> &then);
 
 // Polls for at most five seconds.
 bool eventually(const std::function<bool()> &condition);

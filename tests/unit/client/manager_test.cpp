@@ -2,6 +2,8 @@
 
 #include "qos/qos_reliable.h"
 
+#include <thread>
+
 using namespace tarn;
 using namespace tarn::test;
 
@@ -226,6 +228,21 @@ TEST(send_thread, says_when_it_starts_and_ends)
                 ElementsAre(info("[SEND_THREAD] 发送线程启动"), info("[SEND_THREAD] 发送线程退出")));
     mqtt_stop_send_thread(); // does not run
     EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST(send_thread, started_by_several_at_once_is_one)
+{
+    LogCapture log;
+    for (int round = 0; round < 50; ++round) {
+        std::vector<std::thread> starters;
+        for (int i = 0; i < 4; ++i)
+            starters.emplace_back(mqtt_start_send_thread);
+        for (std::thread &starter : starters)
+            starter.join();
+        mqtt_stop_send_thread();
+        EXPECT_THAT(log.take(),
+                    ElementsAre(info("[SEND_THREAD] 发送线程启动"), info("[SEND_THREAD] 发送线程退出")));
+    }
 }
 
 TEST(send_thread, ended_through_its_flag_can_be_started_again)

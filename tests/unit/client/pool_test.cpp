@@ -3,6 +3,8 @@
 #include "base/clock.h"
 #include "qos/qos_reliable.h"
 
+#include <sys/mman.h>
+
 using namespace tarn;
 using namespace tarn::test;
 
@@ -106,8 +108,8 @@ TEST(client_create, clears_what_a_client_before_left)
     EXPECT_EQ(client->codec.version, 4u);
     EXPECT_EQ(client->timeout_closing, 0);
     EXPECT_EQ(client->keepalive_ms, 7000u) << "kept until CONNECT";
-    EXPECT_EQ(client->clean_session, 1) << "not touched";
-    EXPECT_EQ(client->session_restored, 1) << "not touched";
+    EXPECT_EQ(client->clean_session, 0);
+    EXPECT_EQ(client->session_restored, 0);
 }
 
 TEST(client_create, refuses_beyond_the_limit)
@@ -228,6 +230,7 @@ TEST(pool_free, clears_the_record_and_frees_the_slot)
     client->session_expiry_interval = 6;
     client->session_expiry_deadline = 7;
     client->timeout_closing         = 1;
+    client->session_restored        = 1;
     client->keepalive_ms            = 8;
     client->state                   = CLIENT_WILL_PENDING;
     take_calls();
@@ -251,6 +254,8 @@ TEST(pool_free, clears_the_record_and_frees_the_slot)
     EXPECT_EQ(client->will_delay_pending, 0);
     EXPECT_EQ(client->session_expiry_interval, 0u);
     EXPECT_EQ(client->session_expiry_deadline, 0u);
+    EXPECT_EQ(client->clean_session, 0);
+    EXPECT_EQ(client->session_restored, 0);
     EXPECT_EQ(client->keepalive_ms, 8u) << "kept";
     EXPECT_EQ(g_client_mgr.used_count, 0);
     EXPECT_EQ(g_client_mgr.blocks[0].used, 0);
@@ -295,6 +300,9 @@ TEST(pool_free, drops_the_deliveries_of_the_record_and_takes_no_more)
     ASSERT_EQ(qos_reliable_add_packet(client, 1, 1, "t", "x", 1), 0);
     client->state = CLIENT_CLOSED;
     LogCapture log(1);
+    g_calls.on_clean = [](mqtt_client_t &cleaned) {
+        EXPECT_TRUE(is_released(&cleaned)) << "or one could be added behind the cleaning";
+    };
     pool_free(client);
     EXPECT_TRUE(log.has(info("[QoS] 清理客户端报文完成(client=dev1)：共清理1条")));
     EXPECT_EQ(g_pending_queue, nullptr);
@@ -328,4 +336,26 @@ TEST(pool_free, serves_a_block_that_a_caller_planted)
     EXPECT_EQ(g_client_mgr.used_count, 0);
     g_client_mgr.blocks      = nullptr;
     g_client_mgr.block_count = 0;
+}
+
+TEST(pool, costs_no_page_for_records_that_nobody_uses)
+{
+    const Manager manager(11000);
+    char          buf[16];
+    int32_t       place = 0;
+    client_will_delay_scan();
+    client_clean_expired_sessions();
+    client_clean_timeout(1000);
+    client_fill_id_list(buf, sizeof buf);
+    EXPECT_EQ(client_get_connected_count(), 0u);
+    EXPECT_FALSE(next_client(place));
+    mqtt_start_send_thread();
+    mqtt_stop_send_thread(); // walks when it starts
+    for (int32_t block = 0; block < 110; ++block) {
+        unsigned char in_core[4096];
+        const size_t  bytes = 100 * sizeof(mqtt_client_t);
+        ASSERT_EQ(mincore(g_client_mgr.blocks[block].records, bytes, in_core), 0);
+        for (size_t page = 0; page < bytes / 4096; ++page)
+            ASSERT_EQ(in_core[page] & 1, 0) << "block " << block << ", page " << page;
+    }
 }

@@ -72,6 +72,17 @@ TEST(client_send, only_to_online_clients)
     EXPECT_EQ(drops(), 3u);
 }
 
+TEST(client_send, gives_no_ring_to_a_client_that_is_released_meanwhile)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    while_it_waits(client->send_lock, [&] { EXPECT_EQ(send(client, wire("D0 00")), kFailed); },
+                   [&] { poke(client->state, CLIENT_CLOSED); });
+    EXPECT_EQ(client->send_queue, nullptr);
+    EXPECT_EQ(g_mqtt_stats.drop_offline, 1u);
+    EXPECT_EQ(drops(), 1u);
+}
+
 TEST(client_send, up_to_the_clients_packet_size)
 {
     OwnRecord own;
@@ -374,4 +385,18 @@ TEST(flush_ring, leaves_the_ring_to_the_thread_that_sends_from_it)
     client::side_at(0).flushing = 0;
     client::free_ring(*client, ring);
     EXPECT_EQ(ring[0].data[0], 0);
+}
+
+TEST(trim_ring, gives_back_no_pages_that_are_being_sent)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    send(client, {42});
+    ScopedLock lock(client->send_lock);
+    client::side_at(0).flushing = 1;
+    client::trim_ring(*client);
+    EXPECT_EQ(client->send_queue[0].data[0], 42);
+    client::side_at(0).flushing = 0;
+    client::trim_ring(*client);
+    EXPECT_EQ(client->send_queue[0].data[0], 0);
 }

@@ -1,5 +1,7 @@
 #include "client_fixture.h"
 
+#include <fstream>
+
 using namespace tarn;
 using namespace tarn::test;
 
@@ -91,12 +93,35 @@ TEST(clear_session, leaves_pages_alone_that_nobody_wrote)
     const Manager      manager;
     mqtt_client_t     &client  = *log_in(1, "dev1");
     persist_session_t &session = client.session;
+    session_written(client, 64, 100);
+    clear_session(client);
     session.subs[5].qos        = 1; // not told
     session.msgs[5].qos        = 1;
     clear_session(client);
     EXPECT_EQ(session.subs[5].qos, 1);
     EXPECT_EQ(session.msgs[5].qos, 1);
 }
+
+#ifndef TARN_SANITIZED
+TEST(clear_session, spends_no_memory_on_lists_that_stay_empty)
+{
+    const Manager manager(1000);
+    const auto    resident_kib = [] {
+        std::ifstream statm("/proc/self/statm");
+        long          size, resident;
+        statm >> size >> resident;
+        return resident * 4;
+    };
+    const LogCapture quiet(4);
+    const long       before_kib = resident_kib();
+    for (uint32_t i = 0; i < 1000; ++i) {
+        mqtt_client_t *const client = log_in(i, ("dev" + std::to_string(i)).c_str());
+        clear_session(*client);
+        strcpy(client->session.client_id, "dev");
+    }
+    EXPECT_LT(resident_kib() - before_kib, 9000) << "two pages a client at most, not one for each count as well";
+}
+#endif
 
 TEST(clear_session, believes_no_count_beyond_the_arrays)
 {

@@ -140,6 +140,31 @@ TEST(threads, create_find_send_and_close_at_random)
     EXPECT_EQ(g_pending_queue, nullptr);
 }
 
+TEST(threads, no_more_clients_are_made_than_the_limit_allows)
+{
+    const LogCapture      quiet(4);
+    const Manager         manager(50);
+    std::atomic<uint32_t> next_handle{0};
+    for (int round = 0; round < 100; ++round) {
+        std::atomic<int>         waiting{4};
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 4; ++i)
+            threads.emplace_back([&] {
+                for (--waiting; waiting > 0; std::this_thread::yield()) {
+                }
+                for (int tries = 0; tries < 20; ++tries)
+                    client_create(next_handle++ % CLIENT_MAX, "", 0, nullptr);
+            });
+        for (std::thread &thread : threads)
+            thread.join();
+        ASSERT_EQ(g_client_mgr.used_count, 50);
+        int32_t place = 0;
+        while (const client_ref client = next_client(place))
+            client_close(client.get());
+        ASSERT_EQ(g_client_mgr.used_count, 0);
+    }
+}
+
 TEST(threads, the_manager_goes_down_and_up_under_callers)
 {
     const LogCapture         quiet(4);

@@ -264,6 +264,16 @@ TEST_F(WillScan, leaves_a_record_that_another_thread_settles)
     EXPECT_THAT(take_calls(), SizeIs(2));
 }
 
+TEST_F(WillScan, does_not_claim_what_is_not_due)
+{
+    mqtt_client_t *const record = park(1, "dev1", 5);
+    while_it_waits(record->will_lock, client_will_delay_scan, [&] {
+        EXPECT_FALSE(client::is_idle(0)) << "the scan looks at it";
+        EXPECT_TRUE(claim_closing(*record)) << "as the CONNECT of a client that comes back does, to cancel its will";
+        unclaim_closing(*record);
+    });
+}
+
 TEST_F(WillScan, leaves_the_tables_to_the_client_that_came_back)
 {
     park(1, "dev1", 1);
@@ -339,6 +349,7 @@ TEST_F(WillScan, costs_nothing_while_nothing_is_due)
     clock.advance_ms(1);
     EXPECT_TRUE(will_delays_running()) << "the second client's will";
     client_will_delay_scan();
+    EXPECT_FALSE(will_delays_running()) << "that one is settled";
     EXPECT_TRUE(wills_are_parked());
     EXPECT_EQ(first->used, 1);
     EXPECT_EQ(g_client_mgr.used_count, 1);

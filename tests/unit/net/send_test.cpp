@@ -237,6 +237,22 @@ TEST(send_packets, a_free_slot_takes_none)
     }
 }
 
+TEST(send_packets, with_a_generation_reaches_that_connection_only)
+{
+    const HandmadeSlot connection(7);
+    poke(side_of(7).generation, 5);
+    const Bytes  bytes = wire("C0 00");
+    const Packet packet{bytes.data(), 2};
+    EXPECT_EQ(send_packets(7, &packet, 1, 4).result, unsigned{NETIP_INVALID});
+    EXPECT_EQ(send_packets(7, &packet, 1, 4).packets, 0);
+    EXPECT_EQ(pending(connection.peer.get()), 0u);
+    EXPECT_EQ(send_packets(7, &packet, 1, 5).packets, 1);
+    EXPECT_EQ(send_packets(7, &packet, 1).packets, 1) << "0: whichever connection it is";
+    EXPECT_EQ(pending(connection.peer.get()), 4u);
+    poke(side_of(7).generation, 0);
+    EXPECT_EQ(send_packets(7, &packet, 1, 5).packets, 0) << "a slot filled by hand is none of ours";
+}
+
 TEST(send_packets, one_that_is_cut_counts_and_the_rest_waits)
 {
     // The room left decides where the write ends: inside a packet, or between two of them.
