@@ -40,7 +40,7 @@ private:
     struct Form {
         owned<uint8_t> bytes;
         int            length = 0;
-        int            id_at  = 0; // place of the packet identifier
+        int            id_at  = 0; // place of the packet identifier; -1 where the host's retain flag hides it
     };
 
     Message &message_;
