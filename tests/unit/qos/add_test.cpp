@@ -144,6 +144,90 @@ TEST(list, edited_by_hand_is_taken_literally)
     EXPECT_EQ(qos_reliable_handle_ack(client, 4, 4), 0);
 }
 
+TEST(list, fields_edited_by_hand_are_taken_literally)
+{
+    RingClient client, other("dev2");
+    for (const uint16_t id : {1, 2, 3})
+        add(client, id);
+    g_pending_queue->next->msg_id = 9;
+    EXPECT_EQ(qos_reliable_handle_ack(client, 2, 4), -1);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 9, 4), 0);
+    g_pending_queue->client = other;
+    EXPECT_EQ(qos_reliable_handle_ack(other, 3, 4), 0);
+    EXPECT_EQ(add(client, 4), 0);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 4, 4), 0);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 1, 4), 0);
+    EXPECT_EQ(g_pending_queue, nullptr);
+}
+
+namespace {
+
+// Entries as many, so that the index is believed or checked; the oldest has identifier 1.
+void add_many(RingClient &client, int count)
+{
+    for (int id = 1; id <= count; ++id)
+        ASSERT_EQ(add(client, static_cast<uint16_t>(id)), 0);
+}
+qos_packet_t *entry_of_host(RingClient &client, uint16_t id, qos_packet_t *next)
+{
+    auto *const entry        = static_cast<qos_packet_t *>(calloc(1, sizeof(qos_packet_t)));
+    entry->msg_id            = id;
+    entry->qos               = 1;
+    entry->client            = client;
+    entry->payload           = static_cast<uint8_t *>(calloc(1, 1));
+    entry->payload_len       = 1;
+    entry->retry_interval_ms = 1000;
+    entry->retry_count       = 5;
+    entry->next              = next;
+    return entry;
+}
+
+} // namespace
+
+TEST(list, an_entry_put_in_behind_the_head_is_taken_literally)
+{
+    RingClient client, other("dev2");
+    add_many(client, 64);
+    g_pending_queue->next = entry_of_host(other, 9, g_pending_queue->next);
+    EXPECT_EQ(qos_reliable_handle_ack(other, 9, 4), 0);
+    EXPECT_EQ(pending_count(), 64);
+    qos_reliable_clean_client_packets(client);
+    EXPECT_EQ(g_pending_queue, nullptr);
+}
+
+TEST(list, an_entry_put_into_a_long_list_is_dropped_by_the_scan)
+{
+    ManualClock clock;
+    RingClient  client, other("dev2");
+    for (const uint16_t before : {1, 2}) { // it follows an entry that goes, or stands alone
+        add_many(client, 100);
+        qos_packet_t *place = g_pending_queue->next;
+        place->retry_count  = before == 1 ? 5 : 0;
+        place->next         = entry_of_host(other, 9, place->next);
+        clock.advance_ms(1001);
+        qos_reliable_scan_queue();
+        EXPECT_EQ(pending_count(), before == 1 ? 99 : 100);
+        EXPECT_EQ(qos_reliable_handle_ack(other, 9, 4), -1);
+        EXPECT_EQ(qos_reliable_handle_ack(client, 50, 4), 0);
+        qos_reliable_clean_client_packets(client);
+        EXPECT_EQ(g_pending_queue, nullptr);
+    }
+}
+
+TEST(list, an_entry_taken_out_by_hand_is_gone)
+{
+    RingClient client;
+    add_many(client, 3);
+    qos_packet_t *const middle = g_pending_queue->next;
+    g_pending_queue->next      = middle->next;
+    free(middle->payload);
+    free(middle);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 2, 4), -1);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 1, 4), 0);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 3, 4), 0);
+    EXPECT_EQ(g_pending_queue, nullptr);
+}
+
 // The same identifier may be queued twice; the newer one is found first.
 TEST(list, finds_the_newest_of_one_identifier)
 {

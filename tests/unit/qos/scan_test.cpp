@@ -3,6 +3,7 @@
 #include "qos_fixture.h"
 
 #include <thread>
+#include <utility>
 
 using namespace tarn::test;
 using testing::ElementsAre;
@@ -101,6 +102,25 @@ TEST(scan, leaves_qos_2_alone_once_pubrec_came)
     }
 }
 
+TEST(scan, only_qos_2_waits_for_the_client)
+{
+    ManualClock clock;
+    RingClient  client;
+    for (const uint32_t state : {2u, 3u}) { // by hand: QoS 1 has no such state
+        add(client, 9, 1);
+        g_pending_queue->qos2_state = state;
+        clock.advance_ms(1001);
+        tarn::qos::scan_turn(clock.mono_ms());
+        EXPECT_EQ(client.take().size(), 1u);
+        qos_reliable_clean_client_packets(client);
+    }
+    add(client, 9, 2);
+    g_pending_queue->qos2_state = 4; // nor QoS 2 such a one
+    clock.advance_ms(1001);
+    tarn::qos::scan_turn(clock.mono_ms());
+    EXPECT_EQ(client.take().size(), 1u);
+}
+
 TEST(scan, an_expiry_of_136_years_does_not_wrap)
 {
     ManualClock clock;
@@ -145,7 +165,10 @@ TEST(scan, refuses_edited_entries_with_their_lines)
     g_pending_queue->payload_len = 2049;
     qos_reliable_scan_queue();
     g_pending_queue->payload_len = 1;
-    client->codec.version        = 0;
+    uint8_t *const payload       = std::exchange(g_pending_queue->payload, nullptr);
+    qos_reliable_scan_queue();
+    g_pending_queue->payload = payload;
+    client->codec.version    = 0;
     qos_reliable_scan_queue();
     client->codec.version = 4;
     {
@@ -158,6 +181,7 @@ TEST(scan, refuses_edited_entries_with_their_lines)
                 ElementsAre(error("[QoS] 重发报文参数错误：pkt/客户端为空"),
                             error("[QoS] 重发报文参数错误：payload为空/长度超限（最大支持2048字节，当前0字节）"),
                             error("[QoS] 重发报文参数错误：payload为空/长度超限（最大支持2048字节，当前2049字节）"),
+                            error("[QoS] 重发报文参数错误：payload为空/长度超限（最大支持2048字节，当前1字节）"),
                             error("[QoS] 重发报文失败：客户端编解码上下文未初始化(client=dev1)"),
                             error("[QoS] 重发报文失败：分配发送缓冲区失败（需要267字节）"),
                             error("[QoS] 重发报文失败(msg_id=0)：编码错误（错误码：-1，描述：参数非法）")));
