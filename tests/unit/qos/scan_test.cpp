@@ -237,6 +237,18 @@ TEST(threads, two_run_over_one_queue_and_both_end)
                                       info("[QoS] 可靠投递模块已销毁，共清理0条未完成报文")));
 }
 
+TEST(threads, tell_their_start_and_end_at_debug)
+{
+    LogCapture log;
+    ASSERT_EQ(qos_reliable_init(), 0);
+    while (!log.has(debug("[QoS] 队列扫描线程启动")))
+        std::this_thread::yield();
+    log.take();
+    qos_reliable_destroy();
+    EXPECT_THAT(log.take(), ElementsAre(debug("[QoS] 开始销毁可靠投递模块"), debug("[QoS] 队列扫描线程退出"),
+                                        info("[QoS] 可靠投递模块已销毁，共清理0条未完成报文")));
+}
+
 TEST(threads, a_thread_that_cannot_be_made_ends_the_module)
 {
     LogCapture log(1);
