@@ -33,6 +33,9 @@ struct Outcome {
     int dropped = 0;
 };
 
+// QUIRK(expiry-after-send): a delivery ends with its expiry even when it was sent and is half acknowledged
+// [MQTT-4.3.3-7]: an entry that nobody completes is not kept for longer than its message is worth.
+//   test: scan.drops_an_expired_entry_in_any_state
 bool has_expired(const qos_packet_t &entry, uint64_t now_ms)
 {
     return entry.expiry_s != 0 && entry.create_ms + uint64_t{entry.expiry_s} * 1000 <= now_ms;
@@ -74,6 +77,14 @@ bool settle(qos_packet_t **link, uint64_t now_ms, Outcome &outcome) REQUIRES(g_q
     return true;
 }
 
+// QUIRK(timed-retransmission): deliveries are repeated while the connection stands, where MQTT repeats them after a
+// reconnect only [MQTT-4.4.0-1], and are given up after five times [MQTT-4.3.2-3, MQTT-4.3.3-3]: a client that lost a
+// packet need not reconnect, and one that never answers is not kept in memory.
+//   test: scan.the_first_retransmission_carries_dup_0_and_later_ones_dup_1
+//
+// QUIRK(newest-first): what is due at one time goes out newest first, messages kept for an absent client included
+// [MQTT-4.6.0-5]. The list has its newest entry at the head, and its order is visible.
+//   test: scan.what_is_due_at_one_time_goes_newest_first
 Outcome walk(uint64_t now_ms) REQUIRES(g_queue_mutex)
 {
     Outcome  outcome;

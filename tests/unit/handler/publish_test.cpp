@@ -165,6 +165,28 @@ TEST(publish, a_topic_alias_is_forwarded)
     EXPECT_THAT(receiver.gets(), ElementsAre(wire("30 09 | 00 01 't' | 04 23 02 00 05 | 'x'")));
 }
 
+TEST(publish, properties_but_the_expiry_are_not_forwarded)
+{
+    Handling broker;
+    Client   sender(broker, 5, "s"), receiver(broker, 5, "r");
+    sub_add_with_id("r", "t", 0, 1, 7);
+    EXPECT_EQ(sender.sends("30 07 | 00 01 't' | 02 01 00 | 'x'"), 0); // Payload Format Indicator
+    EXPECT_THAT(receiver.gets(), ElementsAre(wire("30 05 00 01 't' 00 'x'")));
+}
+
+TEST(publish, a_receive_maximum_holds_nothing_back)
+{
+    Handling broker;
+    Client   sender(broker, 4, "s"), receiver(broker, 5);
+    receiver.sends(connect_v5("r", wire("21 00 01 27 00 00 10 00")));
+    sub_add("r", "t", 1, 1);
+    receiver.gets();
+    for (int i = 0; i < 3; i++)
+        sender.sends(publish("t", 1, 7));
+    EXPECT_EQ(receiver.gets().size(), 3u);
+    EXPECT_EQ(pending_count(), 3);
+}
+
 TEST(publish, an_expiry_goes_to_the_entry_with_the_publishers_identifier)
 {
     Handling broker;
@@ -260,6 +282,50 @@ TEST(publish, a_shared_group_gets_one_copy)
     EXPECT_EQ(a.gets().size(), 0u);
     EXPECT_EQ(b.gets().size(), 2u);
     EXPECT_TRUE(log.has(debug("[共享订阅] 订阅者1 同组已负载均衡，跳过发送")));
+}
+
+// "$share/g" matches the topic of that name and belongs to no group.
+TEST(publish, a_share_prefix_without_a_second_slash_is_a_plain_filter)
+{
+    Handling broker;
+    Client   sender(broker, 4, "s"), a(broker, 4, "a"), b(broker, 4, "b");
+    sub_add("a", "$share/g", 0, 1);
+    sub_add("b", "$share/g", 0, 1);
+    EXPECT_EQ(sender.sends(publish("$share/g")), 0);
+    EXPECT_EQ(packet_handler_broker_publish("$share/g", reinterpret_cast<const uint8_t *>("x"), 1, 0, 0, 0), 0);
+    const Bytes packet = publish("$share/g");
+    packet_handler_broadcast_msg(packet.data(), static_cast<uint32_t>(packet.size()), 1);
+    EXPECT_THAT(a.gets(), ElementsAre(packet, packet, packet));
+    EXPECT_THAT(b.gets(), ElementsAre(packet, packet, packet));
+    EXPECT_EQ(g_rr_counter, 0);
+}
+
+TEST(publish, a_group_with_a_name_above_255_characters_gets_nothing)
+{
+    Handling          broker;
+    Client            sender(broker, 4, "s"), a(broker, 4, "a");
+    const std::string name(256, 'g');
+    sub_add("a", ("$share/" + name + "/t").c_str(), 0, 1);
+    EXPECT_EQ(sender.sends(publish("t")), 0);
+    EXPECT_THAT(a.gets(), IsEmpty());
+    sub_add("a", ("$share/" + name.substr(1) + "/t").c_str(), 0, 1);
+    EXPECT_EQ(sender.sends(publish("t")), 0);
+    EXPECT_EQ(a.gets().size(), 1u); // both entries are members of the shorter name
+    EXPECT_EQ(g_rr_counter, 1);
+}
+
+// The routes choose from their own lists; the rule is that of shared_sub_mark_selected.
+TEST(publish, a_group_takes_in_the_groups_its_name_begins)
+{
+    Handling broker;
+    Client   sender(broker, 4, "s"), a(broker, 4, "a"), ab(broker, 4, "ab");
+    sub_add("a", "$share/a/t", 0, 1);
+    sub_add("ab", "$share/ab/t", 0, 1);
+    g_rr_counter = 1; // a: 1 % 2, ab: 2 % 1
+    EXPECT_EQ(sender.sends(publish("t")), 0);
+    EXPECT_THAT(a.gets(), IsEmpty());
+    EXPECT_EQ(ab.gets().size(), 1u);
+    EXPECT_EQ(g_rr_counter, 3);
 }
 
 TEST(publish, the_chosen_member_may_be_the_publisher)

@@ -53,6 +53,18 @@ TEST(scan, the_first_retransmission_carries_dup_0_and_later_ones_dup_1)
     EXPECT_THAT(client.take(), IsEmpty());
 }
 
+TEST(scan, what_is_due_at_one_time_goes_newest_first)
+{
+    ManualClock clock;
+    RingClient  client;
+    for (const uint16_t id : {1, 2, 3})
+        add(client, id);
+    clock.advance_ms(1001);
+    qos_reliable_scan_queue();
+    EXPECT_THAT(client.take(), ElementsAre(wire("32 06 00 01 't' 00 03 'x'"), wire("32 06 00 01 't' 00 02 'x'"),
+                                           wire("32 06 00 01 't' 00 01 'x'")));
+}
+
 TEST(scan, traces_what_it_sent_and_dropped)
 {
     ManualClock clock;
