@@ -140,6 +140,20 @@ TEST(host_publish, topics_are_sent_with_255_characters_and_stored_with_256)
     EXPECT_EQ(g_sub_mgr.retains[0].topic, topic.substr(0, 256));
 }
 
+TEST(host_publish, a_topic_longer_than_any_filter_is_matched_whole)
+{
+    Handling          broker;
+    Client            receiver(broker, 4, "r");
+    const std::string longest(2048, 't');
+    sub_add("r", longest.c_str(), 0, 1);
+    sub_add("r", "a/+", 0, 1);
+    EXPECT_EQ(publish((longest + "t").c_str(), "x"), 0);
+    EXPECT_EQ(publish(("a/" + longest + "/b").c_str(), "x"), 0);
+    EXPECT_THAT(receiver.gets(), IsEmpty());
+    EXPECT_EQ(publish(longest.c_str(), "x"), 0);
+    EXPECT_EQ(receiver.gets().size(), 1u);
+}
+
 TEST(host_publish, payloads_are_cut_at_2048_bytes)
 {
     Handling broker;
