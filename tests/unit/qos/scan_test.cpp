@@ -215,6 +215,30 @@ TEST(scan, a_turn_with_nothing_due_walks_twice_a_second)
     EXPECT_EQ(client.take().size(), 1u);
 }
 
+TEST(scan, a_turn_knows_when_an_entry_expires)
+{
+    ManualClock clock;
+    RingClient  client;
+    add(client, 1);
+    clock.advance_ms(600);
+    qos_reliable_scan_queue();
+    qos_reliable_set_packet_expiry(client, 1, 1); // 400 ms after the walk
+    clock.advance_ms(399);
+    tarn::qos::scan_turn(clock.mono_ms());
+    EXPECT_EQ(pending_count(), 1);
+    clock.advance_ms(51); // the next turn
+    tarn::qos::scan_turn(clock.mono_ms());
+    EXPECT_EQ(pending_count(), 0);
+
+    add(client, 2);
+    qos_reliable_set_packet_expiry(client, 2, 1);
+    clock.advance_ms(800);
+    qos_reliable_scan_queue();
+    clock.advance_ms(200);
+    tarn::qos::scan_turn(clock.mono_ms());
+    EXPECT_EQ(pending_count(), 0);
+}
+
 TEST(scan, a_turn_just_after_another_threads_turn_is_left_out)
 {
     ManualClock clock;
