@@ -223,10 +223,10 @@ TEST(scan, a_turn_knows_when_an_entry_expires)
     clock.advance_ms(600);
     qos_reliable_scan_queue();
     qos_reliable_set_packet_expiry(client, 1, 1); // 400 ms after the walk
-    clock.advance_ms(399);
+    clock.advance_ms(350);
     tarn::qos::scan_turn(clock.mono_ms());
     EXPECT_EQ(pending_count(), 1);
-    clock.advance_ms(51); // the next turn
+    clock.advance_ms(50); // 1 ms before a retransmission would be due
     tarn::qos::scan_turn(clock.mono_ms());
     EXPECT_EQ(pending_count(), 0);
 
