@@ -11,9 +11,10 @@ DeliveryCache::Encoded DeliveryCache::encode(uint32_t version, uint32_t qos, uin
     message_.qos    = qos;
     message_.msg_id = id;
 
-    const bool can_keep = (version == 4 || version == 5) && qos <= 2;
-    Form      &form     = can_keep ? forms_[version - 4][qos] : other_;
-    if (can_keep && form.bytes && (qos == 0 || id != 0) && !log_passes(AGENT_LOG_DEBUG)) {
+    const bool can_keep  = (version == 4 || version == 5) && qos <= 2;
+    Form      &form      = can_keep ? forms_[version - 4][qos] : other_;
+    const bool can_patch = qos == 0 || (id != 0 && form.id_at > 0);
+    if (can_keep && form.bytes && can_patch && !log_passes(AGENT_LOG_DEBUG)) {
         if (qos != 0) {
             form.bytes[static_cast<size_t>(form.id_at)]     = static_cast<uint8_t>(id >> 8);
             form.bytes[static_cast<size_t>(form.id_at) + 1] = static_cast<uint8_t>(id);

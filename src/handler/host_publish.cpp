@@ -51,7 +51,7 @@ int packet_handler_broker_publish(const char *topic, const uint8_t *payload, int
     if (!topic || !payload || payload_len < 1 || qos > 2)
         return -1;
 
-    // Own copies first: the arguments may point into records that change on the way.
+    // Own copies first: the arguments may point into records that change on the way. Longer topics stand in none.
     char    own_topic[sizeof(sub_entry_t::topic_filter)];
     char    sent_topic[kSentTopicChars + 1];
     uint8_t own_payload[CODEC_PAYLOAD_MAX];
@@ -61,11 +61,13 @@ int packet_handler_broker_publish(const char *topic, const uint8_t *payload, int
     memcpy(own_payload, payload, length);
     (void)draw_delivery_id(); // the message's own, which no delivery uses
 
+    const bool        is_copied   = strnlen(topic, sizeof own_topic) < sizeof own_topic;
+    const char *const whole_topic = is_copied ? own_topic : topic;
     if (retain & 1)
-        (void)retain_msg_set_with_expiry(own_topic, own_payload, length, qos, message_expiry);
+        (void)retain_msg_set_with_expiry(whole_topic, own_payload, length, qos, message_expiry);
 
     Matches matches;
-    if (!matches.find(own_topic))
+    if (!matches.find(whole_topic))
         return -1;
     if (matches.count() == 0)
         return 0;

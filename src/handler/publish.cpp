@@ -14,8 +14,8 @@ namespace tarn::handler {
 namespace {
 
 // QUIRK(never-own): a client never receives its own publications, whatever its subscription says; MQTT leaves that to
-// the No Local option [MQTT-3.8.3-3].
-//   test: publish.a_publisher_never_receives_its_own_message
+// the No Local option [MQTT-3.8.3-3]. Where it is the chosen member of a shared group, nobody of the group gets them.
+//   test: publish.a_publisher_never_receives_its_own_message, publish.the_chosen_member_may_be_the_publisher
 struct ClientPath : BasicPath {
     const std::string_view sender;
 
@@ -57,6 +57,11 @@ void limit_life(mqtt_client_t &client, const mqtt_publish_para_t &message)
 // QUIRK(alias-forwarded): a 5.0 publisher's Topic Alias appears in the deliveries, where it means nothing that the
 // receiver agreed to [MQTT-3.3.2-9]; the topic itself is always there too.
 //   test: publish.a_topic_alias_is_forwarded
+//
+// QUIRK(properties-not-forwarded): Payload Format Indicator, Response Topic, Correlation Data, User Properties and
+// Content Type end here [MQTT-3.3.2-4, MQTT-3.3.2-15, MQTT-3.3.2-16, MQTT-3.3.2-17, MQTT-3.3.2-20], and no Subscription
+// Identifier is added [MQTT-3.3.4-3]: messages are topic, payload, QoS, retain and expiry.
+//   test: publish.properties_but_the_expiry_are_not_forwarded
 Message forwarded(const mqtt_publish_para_t &publication)
 {
     Message message;

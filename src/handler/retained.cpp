@@ -14,6 +14,10 @@ using namespace tarn::handler;
 
 namespace {
 
+// QUIRK(retained-for-shared): a shared subscription gets retained messages too, each of its members all of them
+// [MQTT 5.0 4.8.2]: whoever subscribes learns the state of its topics.
+//   test: retained.every_member_of_a_shared_group_gets_them
+//
 // QUIRK(retained-qos): a retained message goes out at the QoS it was published with, not at the smaller granted one
 // [MQTT-3.8.4-8], without its expiry interval [MQTT-3.3.2-6], and is never repeated.
 //   test: retained.the_message_keeps_its_own_qos

@@ -10,8 +10,9 @@ tarn_mutex_t  g_queue_mutex{};
 namespace tarn::qos {
 namespace {
 
-constexpr size_t kIdBuckets     = 1 << 15;
-constexpr size_t kClientBuckets = 1 << 12;
+constexpr size_t kIdBuckets            = 1 << 15;
+constexpr size_t kClientBuckets        = 1 << 12;
+constexpr int    kAlwaysCheckedEntries = 64;
 
 // Entries of one client, counted. Lives while there is at least one.
 struct Tally {
@@ -24,7 +25,8 @@ struct Tally {
 struct Tracked {
     qos_packet_t packet;
     Tracked     *chain;  // next older entry in the same bucket
-    Tracked     *newer;  // list neighbour towards the head, null at the head
+    Tracked     *newer;  // list neighbours as the index left them, null at the ends
+    Tracked     *older;
     Tally       *tally;
     uint16_t     msg_id; // bucket key when it was linked: the packet's own fields may be edited by hand
     const mqtt_client_t *client;
@@ -32,6 +34,7 @@ struct Tracked {
 
 struct Index {
     bool          complete = true;      // it knows every entry of the list
+    int           size     = 0;         // entries it knows
     qos_packet_t *head     = nullptr;   // g_pending_queue as the index left it
     Tracked      *by_id[kIdBuckets]          = {};
     Tally        *by_client[kClientBuckets]  = {};
@@ -65,25 +68,48 @@ void drop_index() REQUIRES(g_queue_mutex)
             bucket = tally->next;
             free(tally);
         }
+    g_index.size     = 0;
     g_index.complete = false;
-}
-
-// To be asked before the index is believed.
-bool is_complete() REQUIRES(g_queue_mutex)
-{
-    if (g_pending_queue != g_index.head) {
-        if (g_index.complete)
-            drop_index();
-        g_index.head = g_pending_queue;
-    }
-    if (!g_pending_queue)
-        g_index.complete = true;
-    return g_index.complete;
 }
 
 Tracked *tracked(qos_packet_t *entry)
 {
     return reinterpret_cast<Tracked *>(entry);
+}
+qos_packet_t *packet_of(Tracked *entry)
+{
+    return reinterpret_cast<qos_packet_t *>(entry);
+}
+
+bool is_untouched(const Tracked &entry)
+{
+    return entry.packet.next == packet_of(entry.older) && entry.packet.msg_id == entry.msg_id &&
+           entry.packet.client == entry.client;
+}
+
+// Whether the list is as a complete index left it. Of a long one only the head is looked at. Each step leads to an
+// entry that the index knows, since the one before still points to it.
+bool is_list_untouched() REQUIRES(g_queue_mutex)
+{
+    if (g_pending_queue != g_index.head)
+        return false;
+    if (g_index.size > kAlwaysCheckedEntries)
+        return true;
+    const Tracked *entry = tracked(g_pending_queue);
+    while (entry && is_untouched(*entry))
+        entry = entry->older;
+    return !entry;
+}
+
+// To be asked before the index is believed.
+bool is_complete() REQUIRES(g_queue_mutex)
+{
+    if (g_index.complete && !is_list_untouched())
+        drop_index();
+    g_index.head = g_pending_queue;
+    if (!g_pending_queue)
+        g_index.complete = true;
+    return g_index.complete;
 }
 
 bool add_to_index(Tracked *entry) REQUIRES(g_queue_mutex)
@@ -100,23 +126,35 @@ bool add_to_index(Tracked *entry) REQUIRES(g_queue_mutex)
     entry->client = entry->packet.client;
     entry->msg_id = entry->packet.msg_id;
     ++entry->tally->count;
+    ++g_index.size;
     Tracked *&bucket = g_index.by_id[id_bucket(entry->client, entry->msg_id)];
     entry->chain     = bucket;
     bucket           = entry;
     return true;
 }
 
-void remove_from_index(Tracked *entry) REQUIRES(g_queue_mutex)
+// False, with nothing done, for an entry of somebody else's or one edited by hand.
+bool remove_from_index(qos_packet_t *packet) REQUIRES(g_queue_mutex)
 {
-    Tracked **link = &g_index.by_id[id_bucket(entry->client, entry->msg_id)];
-    while (*link != entry)
+    Tracked **link = &g_index.by_id[id_bucket(packet->client, packet->msg_id)];
+    while (*link && packet_of(*link) != packet)
         link = &(*link)->chain;
+    Tracked *const entry = *link;
+    if (!entry || !is_untouched(*entry))
+        return false;
+
     *link = entry->chain;
+    if (entry->newer)
+        entry->newer->older = entry->older;
+    if (entry->older)
+        entry->older->newer = entry->newer;
+    --g_index.size;
     if (--entry->tally->count == 0) {
         Tally **const tally = tally_link(entry->client);
         *tally              = entry->tally->next;
         free(entry->tally);
     }
+    return true;
 }
 
 // The pointer that points to this entry, or null when the list does not hold it.
@@ -146,10 +184,12 @@ void free_entry(qos_packet_t *entry)
 void link_entry(qos_packet_t *entry)
 {
     const bool complete = is_complete();
-    if (complete && !add_to_index(tracked(entry)))
+    if (complete && !add_to_index(tracked(entry))) {
         drop_index();
-    else if (complete && g_pending_queue)
+    } else if (complete && g_pending_queue) {
         tracked(g_pending_queue)->newer = tracked(entry);
+        tracked(entry)->older           = tracked(g_pending_queue);
+    }
     entry->next     = g_pending_queue;
     g_pending_queue = entry;
     g_index.head    = entry;
@@ -185,11 +225,8 @@ qos_packet_t *find_entry(const mqtt_client_t *client, uint16_t msg_id)
 void remove_at(qos_packet_t **link)
 {
     qos_packet_t *const entry = *link;
-    if (is_complete()) {
-        remove_from_index(tracked(entry));
-        if (entry->next)
-            tracked(entry->next)->newer = tracked(entry)->newer;
-    }
+    if (is_complete() && !remove_from_index(entry))
+        drop_index();
     *link        = entry->next;
     g_index.head = g_pending_queue;
     free_entry(entry);

@@ -102,6 +102,9 @@ void remove_packet(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_
     LOG_DEBUG("[QoS] 移除已确认报文(msg_id=%d, client=%s)，完全删除", msg_id, id_of(*client).text);
 }
 
+// QUIRK(puback-ends-qos-2): PUBACK completes a QoS 2 delivery, which waits for PUBREC by the standard [MQTT-4.3.3-3]: a
+// client that took the message for one of QoS 1 has it.
+//   test: ack.puback_completes_qos_2_in_any_state_with_a_warning
 int on_puback(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
 {
     const uint16_t msg_id = entry->msg_id;

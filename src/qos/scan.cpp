@@ -33,16 +33,24 @@ struct Outcome {
     int dropped = 0;
 };
 
+// QUIRK(expiry-after-send): a delivery ends with its expiry even when it was sent and is half acknowledged
+// [MQTT-4.3.3-7]: an entry that nobody completes is not kept for longer than its message is worth.
+//   test: scan.drops_an_expired_entry_in_any_state
 bool has_expired(const qos_packet_t &entry, uint64_t now_ms)
 {
     return entry.expiry_s != 0 && entry.create_ms + uint64_t{entry.expiry_s} * 1000 <= now_ms;
 }
 
+bool waits_for_client(const qos_packet_t &entry)
+{
+    return entry.qos == 2 && (entry.qos2_state == QOS2_PUBREL_SENT || entry.qos2_state == QOS2_PUBCOMP_SENT);
+}
+
 uint64_t due_at(const qos_packet_t &entry)
 {
     const uint64_t expires_ms = entry.expiry_s ? entry.create_ms + uint64_t{entry.expiry_s} * 1000 : kNever;
-    if (entry.qos2_state >= QOS2_PUBREL_SENT)
-        return expires_ms; // waits for the client
+    if (waits_for_client(entry))
+        return expires_ms;
     const uint64_t retry_ms = entry.last_send_ms + entry.retry_interval_ms + 1;
     return retry_ms < expires_ms ? retry_ms : expires_ms;
 }
@@ -54,7 +62,7 @@ bool settle(qos_packet_t **link, uint64_t now_ms, Outcome &outcome) REQUIRES(g_q
     if (has_expired(entry, now_ms)) {
         LOG_WARN("[QoS/Expiry] 消息已过期，自动丢弃: msg_id=%u, topic=%s", entry.msg_id, entry.topic);
     } else {
-        if (entry.qos2_state == QOS2_PUBREL_SENT || entry.qos2_state == QOS2_PUBCOMP_SENT)
+        if (waits_for_client(entry))
             return false;
         if (elapsed(now_ms, entry.last_send_ms) <= entry.retry_interval_ms)
             return false;
@@ -69,6 +77,14 @@ bool settle(qos_packet_t **link, uint64_t now_ms, Outcome &outcome) REQUIRES(g_q
     return true;
 }
 
+// QUIRK(timed-retransmission): deliveries are repeated while the connection stands, where MQTT repeats them after a
+// reconnect only [MQTT-4.4.0-1], and are given up after five times [MQTT-4.3.2-3, MQTT-4.3.3-3]: a client that lost a
+// packet need not reconnect, and one that never answers is not kept in memory.
+//   test: scan.the_first_retransmission_carries_dup_0_and_later_ones_dup_1
+//
+// QUIRK(newest-first): what is due at one time goes out newest first, messages kept for an absent client included
+// [MQTT-4.6.0-5]. The list has its newest entry at the head, and its order is visible.
+//   test: scan.what_is_due_at_one_time_goes_newest_first
 Outcome walk(uint64_t now_ms) REQUIRES(g_queue_mutex)
 {
     Outcome  outcome;
@@ -130,7 +146,7 @@ int send_packet(qos_packet_t *entry, uint64_t now_ms)
         LOG_ERROR("[QoS] 重发报文参数错误：pkt/客户端为空");
         return -1;
     }
-    if (entry->payload_len < 1 || entry->payload_len > QOS_PAYLOAD_MAX) {
+    if (!entry->payload || entry->payload_len < 1 || entry->payload_len > QOS_PAYLOAD_MAX) {
         LOG_ERROR("[QoS] 重发报文参数错误：payload为空/长度超限（最大支持%d字节，当前%d字节）", QOS_PAYLOAD_MAX,
                   static_cast<int>(entry->payload_len));
         return -1;

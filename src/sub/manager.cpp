@@ -13,7 +13,8 @@ using namespace tarn::sub;
 namespace tarn::sub {
 namespace {
 
-// Both need the lock. The arrays are zeroed when allocated, and entries that leave them are zeroed too.
+// Both need the lock. The arrays are zeroed when allocated. Subscriptions that leave theirs are zeroed too; retained
+// messages leave their bytes behind.
 [[nodiscard]] bool empty_subscriptions(sub_mgr_t &manager) noexcept REQUIRES(manager.lock)
 {
     if (manager.subs)
@@ -28,7 +29,7 @@ namespace {
 [[nodiscard]] bool empty_retained(sub_mgr_t &manager) noexcept REQUIRES(manager.lock)
 {
     if (manager.retains)
-        memset(manager.retains, 0, static_cast<size_t>(retained_in(manager)) * sizeof(retain_msg_t));
+        memset(manager.retains, 0, RETAIN_CAPACITY * sizeof(retain_msg_t));
     else
         manager.retains = allocate_zeroed<retain_msg_t>(RETAIN_CAPACITY).release();
     poke(manager.retain_count, 0);

@@ -194,6 +194,11 @@ void candidates_for(const sub_mgr_t &, std::string_view topic, EntrySet &found) 
             add_all(shape_key(g_index.shapes[i], levels));
 }
 
+int32_t shapes_in_use(const sub_mgr_t &) noexcept
+{
+    return g_index.shape_count;
+}
+
 void entries_of(const sub_mgr_t &manager, std::string_view id, const std::string_view *filter, EntrySet &found) noexcept
 {
     const uint64_t id_hash = hash_of(id);

@@ -90,13 +90,15 @@ struct Host {
     }
 };
 
-// Tables ready, no thread running, and lines printed only where a test captures them.
+// Tables ready, no thread running, and lines printed only where a test captures them. At INFO, because some ways are
+// taken at DEBUG only.
 struct Handling {
     Host host;
 
     Handling()
     {
         poke(g_log_config.output, 0u);
+        poke(g_log_config.level, uint32_t{AGENT_LOG_INFO});
         make_directories();
         sub_init();
         msgid_seed = 1;

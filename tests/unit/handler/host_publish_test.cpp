@@ -100,6 +100,26 @@ TEST(host_publish, only_bit_0_of_retain_stores)
     EXPECT_EQ(g_sub_mgr.retain_count, 1);
 }
 
+TEST(host_publish, a_retain_flag_above_1_spoils_the_header_only)
+{
+    Handling broker;
+    Client   a(broker, 4, "a"), b(broker, 4, "b");
+    sub_add("a", "t", 1, 1);
+    sub_add("b", "t", 1, 1);
+    uint16_t ids[3];
+    for (const uint8_t flag : {2, 4, 0xFF}) {
+        SCOPED_TRACE(flag);
+        msgid_seed = 1;
+        for (uint16_t &id : ids)
+            id = handler::draw_delivery_id();
+        msgid_seed        = 1;
+        const Bytes first = {static_cast<uint8_t>(0x32 | flag)};
+        EXPECT_EQ(publish("t", "x", 1, flag), 0);
+        EXPECT_THAT(a.gets(), ElementsAre(first + wire("06 00 01 't'") + u16(ids[1]) + text("x")));
+        EXPECT_THAT(b.gets(), ElementsAre(first + wire("06 00 01 't'") + u16(ids[2]) + text("x")));
+    }
+}
+
 TEST(host_publish, expiry_reaches_v5_receivers)
 {
     Handling broker;
@@ -118,6 +138,20 @@ TEST(host_publish, topics_are_sent_with_255_characters_and_stored_with_256)
     EXPECT_EQ(publish(topic.c_str(), "x", 0, 1), 0);
     EXPECT_THAT(receiver.gets(), ElementsAre(packet(0x31, prefixed(topic.substr(0, 255)) + text("x"))));
     EXPECT_EQ(g_sub_mgr.retains[0].topic, topic.substr(0, 256));
+}
+
+TEST(host_publish, a_topic_longer_than_any_filter_is_matched_whole)
+{
+    Handling          broker;
+    Client            receiver(broker, 4, "r");
+    const std::string longest(2048, 't');
+    sub_add("r", longest.c_str(), 0, 1);
+    sub_add("r", "a/+", 0, 1);
+    EXPECT_EQ(publish((longest + "t").c_str(), "x"), 0);
+    EXPECT_EQ(publish(("a/" + longest + "/b").c_str(), "x"), 0);
+    EXPECT_THAT(receiver.gets(), IsEmpty());
+    EXPECT_EQ(publish(longest.c_str(), "x"), 0);
+    EXPECT_EQ(receiver.gets().size(), 1u);
 }
 
 TEST(host_publish, payloads_are_cut_at_2048_bytes)

@@ -43,6 +43,17 @@ TEST(retained, the_message_keeps_its_own_qos)
     EXPECT_EQ(client->qos1_pending_msg_id, 0);
 }
 
+TEST(retained, every_member_of_a_shared_group_gets_them)
+{
+    Handling broker;
+    Client   first(broker, 4, "dev1"), second(broker, 4, "dev2");
+    retain("t");
+    for (Client *client : {&first, &second}) {
+        send_retained_msg_to_client(*client, "$share/g/t");
+        EXPECT_THAT(client->gets(), ElementsAre(wire("31 04 00 01 't' 'r'")));
+    }
+}
+
 TEST(retained, two_draws_for_every_message)
 {
     Handling broker;

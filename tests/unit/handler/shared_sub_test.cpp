@@ -71,6 +71,19 @@ TEST(shared_sub, members_of_several_names_count_in_list_order)
     EXPECT_THAT(mark(list), ElementsAre(1, 1, 1, 0)); // ab 4 % 2 -> 0; a 5 % 4 -> 1; ac -> 2
 }
 
+TEST(shared_sub, members_of_a_big_group_take_turns_in_match_order)
+{
+    std::vector<sub_entry_t> list;
+    for (int i = 0; i < 50; i++) {
+        list.push_back(matches({"$share/big/t"})[0]);
+        list.push_back(matches({"$share/other/t"})[0]);
+    }
+    for (size_t turn = 0; turn < 50; turn++) {
+        g_rr_counter = static_cast<int>(turn);
+        EXPECT_EQ(mark(list)[2 * turn], 1) << turn;
+    }
+}
+
 TEST(shared_sub, the_empty_group_takes_in_all)
 {
     const auto list = matches({"$share//t", "$share/x/t"});

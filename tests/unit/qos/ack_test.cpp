@@ -98,6 +98,17 @@ TEST(ack, qos_2_goes_from_pubrec_to_pubcomp)
     EXPECT_EQ(g_pending_queue, nullptr);
 }
 
+TEST(ack, pubrel_before_pubrec_changes_nothing)
+{
+    RingClient client;
+    add(client, 3, 2);
+    LogCapture log(1);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 3, PUBREL), 0);
+    EXPECT_EQ(g_pending_queue->qos2_state, 1u);
+    EXPECT_THAT(client.take(), IsEmpty());
+    EXPECT_THAT(log.take(), IsEmpty());
+}
+
 TEST(ack, pubcomp_out_of_order_removes_silently)
 {
     RingClient client;

@@ -79,6 +79,21 @@ TEST(add, takes_1000_entries_of_one_client)
     EXPECT_EQ(add(client, 1001), 0);
 }
 
+// The next owner of the record must not get it.
+TEST(add, keeps_nothing_for_a_record_that_is_being_released)
+{
+    LogCapture             log(4);
+    const tarn::client_ref client(client_create(7, "10.0.0.1", 4711, nullptr));
+    ASSERT_TRUE(client);
+    EXPECT_EQ(add(client.get(), 1), 0);
+    EXPECT_EQ(pending_count(), 1);
+    client->state = CLIENT_CLOSED;
+    pool_free(client.get()); // pinned: still ours
+    EXPECT_EQ(pending_count(), 0);
+    EXPECT_EQ(add(client.get(), 2), 0);
+    EXPECT_EQ(pending_count(), 0);
+}
+
 TEST(add, names_the_allocation_that_failed)
 {
     RingClient client;
@@ -142,6 +157,129 @@ TEST(list, edited_by_hand_is_taken_literally)
     EXPECT_EQ(g_pending_queue, nullptr);
     EXPECT_EQ(add(client, 4), 0);
     EXPECT_EQ(qos_reliable_handle_ack(client, 4, 4), 0);
+}
+
+TEST(list, an_identifier_edited_by_hand_is_taken_literally)
+{
+    RingClient client;
+    for (const uint16_t id : {1, 2, 3})
+        add(client, id);
+    g_pending_queue->next->msg_id = 9;
+    EXPECT_EQ(qos_reliable_handle_ack(client, 2, 4), -1);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 9, 4), 0);
+    EXPECT_EQ(add(client, 4), 0);
+    for (const uint16_t id : {4, 1, 3})
+        EXPECT_EQ(qos_reliable_handle_ack(client, id, 4), 0);
+    EXPECT_EQ(g_pending_queue, nullptr);
+}
+
+TEST(list, a_client_edited_by_hand_is_taken_literally)
+{
+    RingClient client, other("dev2");
+    for (const uint16_t id : {1, 2, 3})
+        add(client, id);
+    g_pending_queue->next->client = other;
+    EXPECT_EQ(qos_reliable_handle_ack(client, 2, 4), -1);
+    EXPECT_EQ(qos_reliable_handle_ack(other, 2, 4), 0);
+    EXPECT_EQ(pending_count(), 2);
+}
+
+TEST(list, edits_are_noticed_again_when_a_long_list_has_become_short)
+{
+    RingClient client;
+    for (uint16_t id = 1; id <= 100; ++id)
+        add(client, id);
+    for (uint16_t id = 3; id <= 100; ++id)
+        qos_reliable_handle_ack(client, id, 4);
+    g_pending_queue->next->msg_id = 300;
+    EXPECT_EQ(qos_reliable_handle_ack(client, 300, 4), 0);
+}
+
+// Clients are told apart by their address alone; with so many of them some share a bucket of the index with the first.
+TEST(list, counts_clients_apart)
+{
+    constexpr size_t              kClients = 20000;
+    const std::unique_ptr<char[]> area(new char[kClients * 64]);
+    const auto client = [&](size_t i) { return reinterpret_cast<mqtt_client_t *>(&area[i * 64]); };
+    LogCapture log(4);
+    for (uint16_t id = 1; id < 1000; ++id)
+        ASSERT_EQ(add(client(0), id), 0);
+    for (size_t i = 1; i < kClients; ++i)
+        for (const uint16_t id : {1, 2})
+            ASSERT_EQ(add(client(i), id), 0) << i;
+    for (size_t i = 1; i < kClients; ++i)
+        for (const uint16_t id : {1, 2})
+            ASSERT_EQ(qos_reliable_handle_ack(client(i), id, 4), 0);
+    EXPECT_EQ(pending_count(), 999);
+    qos_reliable_destroy();
+}
+
+namespace {
+
+// Entries as many, so that the index is believed or checked; the oldest has identifier 1.
+void add_many(RingClient &client, int count)
+{
+    for (int id = 1; id <= count; ++id)
+        ASSERT_EQ(add(client, static_cast<uint16_t>(id)), 0);
+}
+qos_packet_t *entry_of_host(RingClient &client, uint16_t id, qos_packet_t *next)
+{
+    auto *const entry        = static_cast<qos_packet_t *>(calloc(1, sizeof(qos_packet_t)));
+    entry->msg_id            = id;
+    entry->qos               = 1;
+    entry->client            = client;
+    entry->payload           = static_cast<uint8_t *>(calloc(1, 1));
+    entry->payload_len       = 1;
+    entry->retry_interval_ms = 1000;
+    entry->retry_count       = 5;
+    entry->next              = next;
+    return entry;
+}
+
+} // namespace
+
+TEST(list, an_entry_put_in_behind_the_head_is_taken_literally)
+{
+    RingClient client, other("dev2");
+    add_many(client, 64);
+    g_pending_queue->next = entry_of_host(other, 9, g_pending_queue->next);
+    EXPECT_EQ(qos_reliable_handle_ack(other, 9, 4), 0);
+    EXPECT_EQ(pending_count(), 64);
+    qos_reliable_clean_client_packets(client);
+    EXPECT_EQ(g_pending_queue, nullptr);
+}
+
+TEST(list, an_entry_put_into_a_long_list_is_dropped_by_the_scan)
+{
+    ManualClock clock;
+    RingClient  client, other("dev2");
+    for (const uint16_t before : {1, 2}) { // it follows an entry that goes, or stands alone
+        add_many(client, 100);
+        qos_packet_t *place = g_pending_queue->next;
+        place->retry_count  = before == 1 ? 5 : 0;
+        place->next         = entry_of_host(other, 9, place->next);
+        clock.advance_ms(1001);
+        qos_reliable_scan_queue();
+        EXPECT_EQ(pending_count(), before == 1 ? 99 : 100);
+        EXPECT_EQ(qos_reliable_handle_ack(other, 9, 4), -1);
+        EXPECT_EQ(qos_reliable_handle_ack(client, 50, 4), 0);
+        qos_reliable_clean_client_packets(client);
+        EXPECT_EQ(g_pending_queue, nullptr);
+    }
+}
+
+TEST(list, an_entry_taken_out_by_hand_is_gone)
+{
+    RingClient client;
+    add_many(client, 3);
+    qos_packet_t *const middle = g_pending_queue->next;
+    g_pending_queue->next      = middle->next;
+    free(middle->payload);
+    free(middle);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 2, 4), -1);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 1, 4), 0);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 3, 4), 0);
+    EXPECT_EQ(g_pending_queue, nullptr);
 }
 
 // The same identifier may be queued twice; the newer one is found first.

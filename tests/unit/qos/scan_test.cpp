@@ -3,6 +3,7 @@
 #include "qos_fixture.h"
 
 #include <thread>
+#include <utility>
 
 using namespace tarn::test;
 using testing::ElementsAre;
@@ -50,6 +51,18 @@ TEST(scan, the_first_retransmission_carries_dup_0_and_later_ones_dup_1)
     EXPECT_THAT(own(log), ElementsAre(error("[QoS] 报文重试次数超限(msg_id=7)，丢弃")));
     EXPECT_EQ(g_pending_queue, nullptr);
     EXPECT_THAT(client.take(), IsEmpty());
+}
+
+TEST(scan, what_is_due_at_one_time_goes_newest_first)
+{
+    ManualClock clock;
+    RingClient  client;
+    for (const uint16_t id : {1, 2, 3})
+        add(client, id);
+    clock.advance_ms(1001);
+    qos_reliable_scan_queue();
+    EXPECT_THAT(client.take(), ElementsAre(wire("32 06 00 01 't' 00 03 'x'"), wire("32 06 00 01 't' 00 02 'x'"),
+                                           wire("32 06 00 01 't' 00 01 'x'")));
 }
 
 TEST(scan, traces_what_it_sent_and_dropped)
@@ -101,6 +114,25 @@ TEST(scan, leaves_qos_2_alone_once_pubrec_came)
     }
 }
 
+TEST(scan, only_qos_2_waits_for_the_client)
+{
+    ManualClock clock;
+    RingClient  client;
+    for (const uint32_t state : {2u, 3u}) { // by hand: QoS 1 has no such state
+        add(client, 9, 1);
+        g_pending_queue->qos2_state = state;
+        clock.advance_ms(1001);
+        tarn::qos::scan_turn(clock.mono_ms());
+        EXPECT_EQ(client.take().size(), 1u);
+        qos_reliable_clean_client_packets(client);
+    }
+    add(client, 9, 2);
+    g_pending_queue->qos2_state = 4; // nor QoS 2 such a one
+    clock.advance_ms(1001);
+    tarn::qos::scan_turn(clock.mono_ms());
+    EXPECT_EQ(client.take().size(), 1u);
+}
+
 TEST(scan, an_expiry_of_136_years_does_not_wrap)
 {
     ManualClock clock;
@@ -145,7 +177,10 @@ TEST(scan, refuses_edited_entries_with_their_lines)
     g_pending_queue->payload_len = 2049;
     qos_reliable_scan_queue();
     g_pending_queue->payload_len = 1;
-    client->codec.version        = 0;
+    uint8_t *const payload       = std::exchange(g_pending_queue->payload, nullptr);
+    qos_reliable_scan_queue();
+    g_pending_queue->payload = payload;
+    client->codec.version    = 0;
     qos_reliable_scan_queue();
     client->codec.version = 4;
     {
@@ -158,6 +193,7 @@ TEST(scan, refuses_edited_entries_with_their_lines)
                 ElementsAre(error("[QoS] 重发报文参数错误：pkt/客户端为空"),
                             error("[QoS] 重发报文参数错误：payload为空/长度超限（最大支持2048字节，当前0字节）"),
                             error("[QoS] 重发报文参数错误：payload为空/长度超限（最大支持2048字节，当前2049字节）"),
+                            error("[QoS] 重发报文参数错误：payload为空/长度超限（最大支持2048字节，当前1字节）"),
                             error("[QoS] 重发报文失败：客户端编解码上下文未初始化(client=dev1)"),
                             error("[QoS] 重发报文失败：分配发送缓冲区失败（需要267字节）"),
                             error("[QoS] 重发报文失败(msg_id=0)：编码错误（错误码：-1，描述：参数非法）")));
@@ -177,6 +213,30 @@ TEST(scan, a_turn_with_nothing_due_walks_twice_a_second)
     clock.advance_ms(100);
     tarn::qos::scan_turn(clock.mono_ms());
     EXPECT_EQ(client.take().size(), 1u);
+}
+
+TEST(scan, a_turn_knows_when_an_entry_expires)
+{
+    ManualClock clock;
+    RingClient  client;
+    add(client, 1);
+    clock.advance_ms(600);
+    qos_reliable_scan_queue();
+    qos_reliable_set_packet_expiry(client, 1, 1); // 400 ms after the walk
+    clock.advance_ms(350);
+    tarn::qos::scan_turn(clock.mono_ms());
+    EXPECT_EQ(pending_count(), 1);
+    clock.advance_ms(50); // 1 ms before a retransmission would be due
+    tarn::qos::scan_turn(clock.mono_ms());
+    EXPECT_EQ(pending_count(), 0);
+
+    add(client, 2);
+    qos_reliable_set_packet_expiry(client, 2, 1);
+    clock.advance_ms(800);
+    qos_reliable_scan_queue();
+    clock.advance_ms(200);
+    tarn::qos::scan_turn(clock.mono_ms());
+    EXPECT_EQ(pending_count(), 0);
 }
 
 TEST(scan, a_turn_just_after_another_threads_turn_is_left_out)
@@ -211,6 +271,18 @@ TEST(threads, two_run_over_one_queue_and_both_end)
     EXPECT_THAT(own(log), ElementsAre(info("[QoS] 可靠投递模块初始化成功"), info("[QoS] 可靠投递模块初始化成功"),
                                       info("[QoS] 可靠投递模块已销毁，共清理1条未完成报文"),
                                       info("[QoS] 可靠投递模块已销毁，共清理0条未完成报文")));
+}
+
+TEST(threads, tell_their_start_and_end_at_debug)
+{
+    LogCapture log;
+    ASSERT_EQ(qos_reliable_init(), 0);
+    while (!log.has(debug("[QoS] 队列扫描线程启动")))
+        std::this_thread::yield();
+    log.take();
+    qos_reliable_destroy();
+    EXPECT_THAT(log.take(), ElementsAre(debug("[QoS] 开始销毁可靠投递模块"), debug("[QoS] 队列扫描线程退出"),
+                                        info("[QoS] 可靠投递模块已销毁，共清理0条未完成报文")));
 }
 
 TEST(threads, a_thread_that_cannot_be_made_ends_the_module)

@@ -76,6 +76,8 @@ TEST(sub_init, empties_what_is_there_and_allocates_once)
     ASSERT_EQ(sub_add("id", "b", 1, 0), 0);
     ASSERT_EQ(sub_remove("id", "b"), 1);
     ASSERT_EQ(retain_msg_set("t", &payload, 1, 0), 0);
+    ASSERT_EQ(retain_msg_set("u", &payload, 1, 0), 0);
+    ASSERT_EQ(retain_msg_delete("u"), 0);
 
     Fail fail(Call::Allocate);
     EXPECT_EQ(sub_init(), 0);
@@ -89,6 +91,7 @@ TEST(sub_init, empties_what_is_there_and_allocates_once)
     EXPECT_EQ(memcmp(&subs[0], &empty, sizeof empty), 0);
     EXPECT_EQ(memcmp(&subs[1], &empty, sizeof empty), 0);
     EXPECT_EQ(memcmp(&retains[0], &none, sizeof none), 0);
+    EXPECT_EQ(memcmp(&retains[1], &none, sizeof none), 0);
 }
 
 TEST(sub_deinit, frees_and_tells_the_counts)

@@ -1,6 +1,8 @@
 #include "sub/retain.h"
 
 #include "log/agent_log.h"
+#include "persist/persist.h"
+#include "stats/mqtt_stats.h"
 #include "sub/sub.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
@@ -9,6 +11,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/stat.h>
+#include <utility>
 #include <vector>
 
 using namespace tarn::test;
@@ -63,6 +67,21 @@ struct retain_expiry : Store {};
 struct retain_get : Store {};
 struct retain_delete : Store {};
 struct retain_topic_list : Store {};
+
+struct retain_file : Store {
+    retain_file()
+    {
+        mkdir(g_persist_root_path, 0755);
+        log.take();
+    }
+    // Saves since this was asked last.
+    int saves()
+    {
+        const auto now = static_cast<int>(g_mqtt_stats.persist_write);
+        return now - std::exchange(saves_, now);
+    }
+    int saves_ = 0;
+};
 
 } // namespace
 
@@ -140,7 +159,7 @@ TEST_F(retain_set, cuts_topics_to_256_characters)
 
 TEST_F(retain_set, leaves_nothing_behind_a_topic)
 {
-    set(std::string(200, 't'), "1");
+    set_for(std::string(200, 't'), "1", 10);
     retain_msg_delete(std::string(200, 't').c_str());
     set("a", "1");
     char expected[257] = "a";
@@ -378,4 +397,84 @@ TEST_F(retain_topic_list, needs_a_buffer)
     EXPECT_EQ(retain_fill_topic_list(list, 0), -1);
     EXPECT_EQ(retain_fill_topic_list(list, -1), -1);
     EXPECT_STREQ(list, "#");
+}
+
+// ---- the file
+
+TEST_F(retain_file, is_saved_with_every_change)
+{
+    retain_msg_t found;
+    char         list[8];
+    set("a", "1");
+    EXPECT_EQ(saves(), 1);
+    set("a", "2");
+    EXPECT_EQ(saves(), 1);
+    set("a", "");
+    EXPECT_EQ(saves(), 1);
+    set("a", "");
+    retain_msg_set(nullptr, nullptr, 0, 0);
+    EXPECT_EQ(saves(), 0);
+    set_for("b", "1", 10);
+    EXPECT_EQ(saves(), 2) << "once more for the interval";
+    set_for("b", "", 10);
+    EXPECT_EQ(saves(), 2) << "though there is nothing to write an interval into";
+    set_for("b", "1", 0);
+    EXPECT_EQ(saves(), 1);
+    retain_msg_get("b", &found);
+    retain_fill_topic_list(list, 8);
+    retain_clean_expired();
+    EXPECT_EQ(saves(), 0);
+    EXPECT_EQ(retain_msg_delete("b"), 0);
+    EXPECT_EQ(saves(), 1);
+    EXPECT_EQ(retain_msg_delete("b"), -5);
+    EXPECT_EQ(saves(), 0);
+    for (const char *topic : {"a", "b", "c"})
+        set_for(topic, "1", 10);
+    saves();
+    clock.advance_ms(11000);
+    retain_clean_expired();
+    EXPECT_EQ(saves(), 3) << "one for each";
+}
+
+TEST_F(retain_file, is_not_saved_for_a_message_that_is_refused)
+{
+    for (int i = 0; i < 1000; ++i)
+        g_sub_mgr.retains[i].store_time = clock.wall_s();
+    g_sub_mgr.retain_count = 1000;
+    EXPECT_EQ(set("new", "x"), -4);
+    EXPECT_EQ(set_for("new", "x", 5), -4);
+    EXPECT_EQ(saves(), 0);
+}
+
+TEST_F(retain_file, is_saved_before_a_change_is_told_and_after_an_expiry_was)
+{
+    const LogLine one = debug("[persist] retain saved: 1 entries"), none = debug("[persist] retain saved: 0 entries");
+    set_for("a", "1", 10);
+    clock.advance_ms(11000);
+    at_debug();
+    set("b", "1");
+    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] retain_msg_set：开始处理（topic=b, payload_len=1, qos=0）"),
+                                        info("保留消息已过期，自动清理: topic=a"), none,
+                                        debug("[TRACE] retain_msg_set：已加锁，当前保留消息数量=0"), one,
+                                        info("MQTT标准：新增Topic=b的保留消息")));
+    set("b", "2");
+    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] retain_msg_set：开始处理（topic=b, payload_len=1, qos=0）"),
+                                        debug("[TRACE] retain_msg_set：已加锁，当前保留消息数量=1"), one,
+                                        info("MQTT标准：更新Topic=b的保留消息")));
+    set("b", "");
+    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] retain_msg_set：开始处理（topic=b, payload_len=0, qos=0）"),
+                                        debug("[TRACE] retain_msg_set：已加锁，当前保留消息数量=1"),
+                                        debug("[DEBUG] retain_msg_set：空Payload，删除旧保留消息（topic=b）"), none,
+                                        info("MQTT标准：删除Topic=b的保留消息（空Payload）")));
+}
+
+TEST_F(retain_file, that_cannot_be_written_changes_no_result)
+{
+    Fail fail(Call::FileOpen, 1, 13 /* EACCES */, 100);
+    EXPECT_EQ(set("a", "1"), 0);
+    EXPECT_EQ(set_for("b", "1", 10), 0);
+    EXPECT_EQ(retain_msg_delete("a"), 0);
+    EXPECT_EQ(g_sub_mgr.retain_count, 1);
+    EXPECT_EQ(saves(), 0);
+    EXPECT_EQ(log.count(error("[persist] retain save failed")), 4);
 }

@@ -1,6 +1,7 @@
 // The indexed table against a table that is walked from the start, and against hosts that edit it by hand.
 #include "sub/route.h"
 #include "sub/sub.h"
+#include "sub/subscription_index.h"
 
 #include "log/agent_log.h"
 #include "support/faults.h"
@@ -394,6 +395,27 @@ TEST_F(index_of_subscriptions, finds_filters_of_many_shapes)
     EXPECT_EQ(routed("a/b").size(), 1u);
     EXPECT_EQ(sub_remove("c", nullptr), 128);
     EXPECT_EQ(routed("a/b").size(), 0u);
+}
+
+TEST_F(index_of_subscriptions, forgets_shapes_that_no_filter_has)
+{
+    const auto shapes = [] {
+        tarn::ScopedLock lock(g_sub_mgr.lock);
+        return tarn::sub::shapes_in_use(g_sub_mgr);
+    };
+    for (int round = 0; round < 3; ++round) {
+        add("c1", "+/b");
+        add("c1", "b/+");
+        add("c2", "+/+");
+        add("c2", "x/+"); // of the same shape as b/+
+        EXPECT_EQ(shapes(), 3);
+        EXPECT_EQ(sub_remove("c1", nullptr), 2); // those of c2 move up
+        EXPECT_LE(shapes(), 3);
+        EXPECT_EQ(routed("x/y").size(), 2u);
+        EXPECT_EQ(sub_remove("c2", nullptr), 2);
+        EXPECT_EQ(shapes(), 0);
+        model.entries.clear();
+    }
 }
 
 TEST_F(index_of_subscriptions, finds_filters_with_more_levels_than_a_shape_has)
