@@ -6,6 +6,8 @@
 
 #include "routes_world.h"
 
+#include <set>
+
 namespace tarn::test::routes {
 
 enum class Route { Publish, Host, Will, Broadcast, Test };
@@ -58,45 +60,10 @@ inline Bytes written(const World &world)
                   body + message.payload);
 }
 
-// ---- the oracle
+// ---- the words of every story
 
-class Oracle {
-public:
-    explicit Oracle(const World &world) : world_(world), message_(world.message), seed_(world.seed)
-    {
-        if (world.retained_before)
-            store_.push_back({message_.topic, 0, 0, text("old")});
-        if (world.sender_awaits_7)
-            pending_.push_front({kSender, world.sender_level, kPublishId, 1, "other", text("o"), 0});
-        for (const Member &member : world.members)
-            if (member.file != File::None)
-                files_[path_of(member)] = member.file == File::Session ? R"({"client_id":")" + member.id + R"("})"
-                                          : member.file == File::Subscription ? R"({"subs":[]})"
-                                                                              : R"({"msgs":[]})";
-    }
-
-    Seen expect(Route route)
-    {
-        switch (route) {
-        case Route::Publish:
-            client_publish();
-            break;
-        case Route::Host:
-            seen_.result = host_publish();
-            break;
-        case Route::Will:
-            seen_.result = will();
-            break;
-        case Route::Broadcast:
-            broadcast(written(world_), false);
-            break;
-        case Route::Test:
-            test_message();
-        }
-        return finish();
-    }
-
-private:
+class Story {
+protected:
     struct Pending {
         std::string id;
         unsigned    level, msg_id, qos;
@@ -120,13 +87,21 @@ private:
     uint32_t                             seed_;
     Seen                                 seen_;
     std::vector<Match>                   matches_;
-    const Member                        *chosen_ = nullptr; // of the shared group
+    std::set<const Member *>             chosen_; // one of each shared group
     std::map<std::string, Strings>       packets_;
     std::map<std::string, int>           counters_;
     std::deque<Pending>                  pending_;
     std::vector<Retained>                store_;
     std::map<std::string, std::string>   files_;
     std::map<std::string, std::string>   records_;
+
+    explicit Story(const World &world) : world_(world), message_(world.message), seed_(world.seed), files_(world.files)
+    {
+        if (world.retained_before)
+            store_.push_back({message_.topic, 0, 0, text("old")});
+        if (world.sender_awaits_7)
+            pending_.push_front({kSender, world.sender_level, kPublishId, 1, "other", text("o"), 0});
+    }
 
     // ---- small words
 
@@ -142,6 +117,14 @@ private:
         packets_[id].push_back(id + ": " + brief(bytes));
         count_both("tx");
     }
+    bool send(const Member &to, const Bytes &bytes)
+    {
+        if (to.hindrance == Hindrance::None)
+            send(to.id, bytes);
+        else
+            count_both(to.hindrance == Hindrance::RingFull ? "drop_queue_full" : "drop_too_big");
+        return to.hindrance == Hindrance::None;
+    }
 
     unsigned draw() // one draw of the generator
     {
@@ -155,12 +138,10 @@ private:
         return (b >> 8 & 0xFF) * 256 + (a & 0xFF);
     }
 
-    static std::string path_of(const Member &member)
-    {
-        constexpr const char *kKinds[] = {"", "session/", "subscription/", "message/"};
-        return kKinds[static_cast<int>(member.file)] + member.id + ".json";
-    }
-    static bool is_shared(const Member &member) { return member.filter.starts_with("$share/g/"); }
+    // The name of a shared group, with the slash behind it, and what stands behind that.
+    static bool is_shared(const Member &member) { return member.filter.starts_with("$share/"); }
+    static std::string behind_share(const Member &member) { return member.filter.substr(7); }
+    static std::string group_of(const Member &member) { return behind_share(member).substr(0, behind_share(member).find('/')); }
     static bool is_online(const Member &member) { return member.presence == Presence::Online; }
     static unsigned smaller(unsigned left, unsigned right) { return left < right ? left : right; }
 
@@ -172,7 +153,7 @@ private:
         say(debug(print("[TRACE] sub_match：已加锁，当前订阅数=%zu", world_.members.size())));
         for (size_t at = 0; at < world_.members.size(); at++) {
             const Member     &member = world_.members[at];
-            const std::string bare   = is_shared(member) ? member.filter.substr(9) : member.filter;
+            const std::string bare   = is_shared(member) ? behind_share(member).substr(group_of(member).size() + 1) : member.filter;
             const bool        fits   = bare == topic;
             say(debug(print("[TRACE] sub_match：检查订阅（索引=%zu, client_id=%s, topic_filter=%s）", at,
                             member.id.c_str(), member.filter.c_str())));
@@ -187,19 +168,24 @@ private:
         say(info(print("MQTT标准：Topic=%s 匹配到 %zu 个订阅者", topic.c_str(), matches_.size())));
     }
 
-    // One step of the counter for the group; the member at counter mod members.
+    // A step of the counter for each group, in the order in which they appear; the member at counter mod members, and
+    // whoever is in a group whose name begins with this group's name is a member of this one, too.
     void choose()
     {
-        std::vector<const Member *> group;
-        for (const Match &match : matches_)
-            if (is_shared(match.member))
-                group.push_back(&match.member);
-        if (group.empty())
-            return;
-        chosen_ = group[static_cast<uint32_t>(world_.turn) % group.size()];
-        seen_.turns++;
+        std::set<std::string> done;
+        auto                  turn = static_cast<uint32_t>(world_.turn);
+        for (const Match &first : matches_) {
+            if (!is_shared(first.member) || !done.insert(group_of(first.member)).second)
+                continue;
+            std::vector<const Member *> members;
+            for (const Match &match : matches_)
+                if (is_shared(match.member) && behind_share(match.member).starts_with(group_of(first.member)))
+                    members.push_back(&match.member);
+            chosen_.insert(members[turn++ % members.size()]);
+            seen_.turns++;
+        }
     }
-    bool passed_over(const Match &match) const { return is_shared(match.member) && &match.member != chosen_; }
+    bool passed_over(const Match &match) const { return is_shared(match.member) && !chosen_.count(&match.member); }
 
     void track(const Member &to, unsigned id, unsigned qos, const Bytes &payload)
     {
@@ -259,14 +245,24 @@ private:
     // Reads the client's files, as often as it is called; true when there is a session to keep a message in.
     bool load(const Member &member)
     {
-        count_both("persist_read", files_.count("session/" + member.id + ".json") ? 1 : 0);
-        if (files_.count("subscription/" + member.id + ".json"))
-            say(info(print("[persist] ✅ 恢复订阅成功: %s 共 0 条", member.id.c_str())));
-        if (files_.count("message/" + member.id + ".json"))
-            count_both("persist_read");
-        else
+        const std::string name       = "/" + member.id + ".json";
+        const bool        session    = files_.count("session" + name);
+        const bool        subscribed = files_.count("subscription" + name);
+        const bool        messages   = files_.count("message" + name);
+        count_both("persist_read", session + messages);
+        if (subscribed)
+            say(info(print("[persist] ✅ 恢复订阅成功: %s 共 %zu 条", member.id.c_str(),
+                           occurrences("\"topic\":", files_["subscription" + name]))));
+        if (!messages)
             say(debug(print("[persist][定位] 无离线消息文件：%s/message/%s.json", g_persist_root_path, member.id.c_str())));
-        return member.remembered || member.file != File::None;
+        return member.remembered || session || subscribed || messages;
+    }
+    static size_t occurrences(const std::string &what, const std::string &text)
+    {
+        size_t count = 0;
+        for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += what.size())
+            count++;
+        return count;
     }
     void store_message(const Member &member, unsigned qos)
     {
@@ -279,6 +275,75 @@ private:
         count_both("persist_write");
     }
 
+    // ---- the end of the story
+
+    Seen finish()
+    {
+        for (const auto &[id, packets] : packets_)
+            seen_.packets.insert(seen_.packets.end(), packets.begin(), packets.end());
+        for (const auto &[name, by] : counters_)
+            if (by)
+                seen_.counters.push_back(print("%s+%d", name.c_str(), by));
+        for (const auto &[path, content] : files_)
+            seen_.files.push_back(path + " " + content);
+        for (const auto &[name, value] : records_)
+            seen_.records.push_back(name + value);
+        for (const Retained &kept : store_)
+            seen_.retained.push_back(retained_text(kept.topic, kept.qos, kept.expiry_s, kept.payload));
+        std::map<std::string, Strings> repeated;
+        for (const Pending &entry : pending_) {
+            seen_.pending.push_back(pending_now(entry));
+            const Encoded out = encode(entry.level, entry.qos, false, entry.topic, entry.msg_id, 0, entry.payload,
+                                       entry.payload.size() + 266); // first with DUP 0
+            if (out.code == 0 && !has_limit(entry.id))
+                repeated[entry.id].push_back(entry.id + ": " + brief(out.bytes));
+        }
+        for (const auto &[id, packets] : repeated)
+            seen_.repeated.insert(seen_.repeated.end(), packets.begin(), packets.end());
+        return seen_;
+    }
+    bool has_limit(const std::string &id) const
+    {
+        return std::any_of(world_.members.begin(), world_.members.end(), [&](const Member &member) {
+            return member.id == id && member.hindrance == Hindrance::Limit4;
+        });
+    }
+    static std::string pending_now(const Pending &entry)
+    {
+        return print("%s id=%u qos=%u topic=%s payload=%s dup=0 tries=0 next=1000ms state=%d expiry=%u age=0/0ms",
+                     entry.id.c_str(), entry.msg_id, entry.qos, entry.topic.c_str(), brief(entry.payload).c_str(),
+                     entry.qos == 2 ? 1 : 0, entry.expiry_s);
+    }
+};
+
+// ---- one message on one route
+
+class Oracle : Story {
+public:
+    explicit Oracle(const World &world) : Story(world) {}
+
+    Seen expect(Route route)
+    {
+        switch (route) {
+        case Route::Publish:
+            client_publish();
+            break;
+        case Route::Host:
+            seen_.result = host_publish();
+            break;
+        case Route::Will:
+            seen_.result = will();
+            break;
+        case Route::Broadcast:
+            broadcast(written(world_), false);
+            break;
+        case Route::Test:
+            test_message();
+        }
+        return finish();
+    }
+
+private:
     // ---- a client publishes
 
     void client_publish()
@@ -347,7 +412,8 @@ private:
                     say(error(out.complaint));
                     continue;
                 }
-                send(to.id, out.bytes);
+                if (!send(to, out.bytes))
+                    continue;
                 say(info(print("转发消息成功：To=%s, Topic=%s, QoS=%u", to.id.c_str(), message_.topic.c_str(), qos)));
                 if (qos)
                     track(to, id, qos, message_.payload);
@@ -407,7 +473,7 @@ private:
         if (out.code)
             say(error(out.complaint));
         else
-            send(to.id, out.bytes);
+            (void)send(to, out.bytes);
         if (qos && roomy.code == 0)
             track(to, id, qos, message_.payload);
     }
@@ -522,7 +588,10 @@ private:
             say(error(print("[遗嘱调试][广播失败] 订阅者%d：To=%s, 编码失败（错误码=%d）", match.number, id, out.code)));
             return false;
         }
-        send(to.id, out.bytes);
+        if (!send(to, out.bytes)) {
+            say(error(print("[遗嘱调试][广播失败] 订阅者%d：To=%s, 发送返回值=-1", match.number, id)));
+            return false;
+        }
         say(info(print("[遗嘱调试][广播成功] 订阅者%d：To=%s, Topic=%s,最终投递QoS=%u（已降级）", match.number, id,
                        topic.c_str(), qos)));
         if (qos && !is_will)
@@ -566,7 +635,10 @@ private:
                 say(error(print("编码测试消息失败：To=%s, 错误码=%d", id, out.code)));
                 continue;
             }
-            send(to.id, out.bytes);
+            if (!send(to, out.bytes)) {
+                say(error(print("转发测试消息失败：To=%s, 发送返回值=-1", id)));
+                continue;
+            }
             say(info(print("转发测试消息成功：To=%s, Topic=broker/test, QoS=%u（标准降级后）", id, qos)));
             if (qos) {
                 track(to, msg_id, 1, message_.payload);
@@ -575,40 +647,6 @@ private:
             successes++;
         }
         say(info(print("测试消息转发完成：总计匹配%zu个订阅者，成功发送%d个", matches_.size(), successes)));
-    }
-
-    // ---- the end of the story
-
-    Seen finish()
-    {
-        for (const auto &[id, packets] : packets_)
-            seen_.packets.insert(seen_.packets.end(), packets.begin(), packets.end());
-        for (const auto &[name, by] : counters_)
-            if (by)
-                seen_.counters.push_back(print("%s+%d", name.c_str(), by));
-        for (const auto &[path, content] : files_)
-            seen_.files.push_back(path + " " + content);
-        for (const auto &[name, value] : records_)
-            seen_.records.push_back(name + value);
-        for (const Retained &kept : store_)
-            seen_.retained.push_back(retained_text(kept.topic, kept.qos, kept.expiry_s, kept.payload));
-        std::map<std::string, Strings> repeated;
-        for (const Pending &entry : pending_) {
-            seen_.pending.push_back(pending_now(entry));
-            const Encoded out = encode(entry.level, entry.qos, false, entry.topic, entry.msg_id, 0, entry.payload,
-                                       entry.payload.size() + 266); // first with DUP 0
-            if (out.code == 0)
-                repeated[entry.id].push_back(entry.id + ": " + brief(out.bytes));
-        }
-        for (const auto &[id, packets] : repeated)
-            seen_.repeated.insert(seen_.repeated.end(), packets.begin(), packets.end());
-        return seen_;
-    }
-    static std::string pending_now(const Pending &entry)
-    {
-        return print("%s id=%u qos=%u topic=%s payload=%s dup=0 tries=0 next=1000ms state=%d expiry=%u age=0/0ms",
-                     entry.id.c_str(), entry.msg_id, entry.qos, entry.topic.c_str(), brief(entry.payload).c_str(),
-                     entry.qos == 2 ? 1 : 0, entry.expiry_s);
     }
 };
 

@@ -9,47 +9,34 @@ namespace tarn::test::routes {
 
 // ---- the receiver "r"
 
-enum class Who {
-    Nobody,
-    Online,
-    Publisher,
-    Away,
-    AwayRemembered,
-    AwayWithSessionFile,
-    AwayWithSubscriptionFile,
-    AwayWithMessageFile,
-    Parked,
-    ParkedRemembered,
-    Chosen,
-    PassedOver,
-    ChosenAway,
-    ChosenAwayRemembered,
-    ChosenPublisher,
-};
 struct Receiver {
-    Who         who;
     const char *name;
-    Presence    presence;
-    bool        remembered;
-    File        file;
-    int32_t     turn; // of its shared group, or -1 where it is in none
+    Presence    presence = Presence::Online;
+    bool        remembered = false;
+    const char *file = nullptr; // the one of its three files that is there
+    int32_t     turn = -1;      // of its shared group, if it is in one
+    Hindrance   hindrance = Hindrance::None;
+    bool        publishes = false; // is the sender itself
 };
+constexpr Receiver kNobody = {.name = "nobody"};
 constexpr Receiver kReceivers[] = {
-    {Who::Nobody, "nobody", Presence::Unknown, false, File::None, -1},
-    {Who::Online, "online", Presence::Online, false, File::None, -1},
-    {Who::Publisher, "the publisher itself", Presence::Online, false, File::None, -1},
-    {Who::Away, "offline without session", Presence::Unknown, false, File::None, -1},
-    {Who::AwayRemembered, "offline with session", Presence::Unknown, true, File::None, -1},
-    {Who::AwayWithSessionFile, "offline, clean, session file", Presence::Unknown, false, File::Session, -1},
-    {Who::AwayWithSubscriptionFile, "offline, clean, subscription file", Presence::Unknown, false, File::Subscription, -1},
-    {Who::AwayWithMessageFile, "offline, clean, message file", Presence::Unknown, false, File::Message, -1},
-    {Who::Parked, "will pending, without session", Presence::Parked, false, File::None, -1},
-    {Who::ParkedRemembered, "will pending, with session", Presence::Parked, true, File::None, -1},
-    {Who::Chosen, "shared member", Presence::Online, false, File::None, 4},
-    {Who::PassedOver, "shared member passed over", Presence::Online, true, File::None, 7},
-    {Who::ChosenAway, "shared member offline without session", Presence::Unknown, false, File::None, 0},
-    {Who::ChosenAwayRemembered, "shared member offline with session", Presence::Unknown, true, File::None, 0},
-    {Who::ChosenPublisher, "shared member, the publisher itself", Presence::Online, false, File::None, 2},
+    {.name = "online"},
+    {.name = "the publisher itself", .publishes = true},
+    {.name = "online, its ring full", .hindrance = Hindrance::RingFull},
+    {.name = "online, with a limit below the message", .hindrance = Hindrance::Limit4},
+    {.name = "offline without session", .presence = Presence::Unknown},
+    {.name = "offline with session", .presence = Presence::Unknown, .remembered = true},
+    {.name = "offline, clean, with a session file", .presence = Presence::Unknown, .file = "session"},
+    {.name = "offline, clean, with a subscription file", .presence = Presence::Unknown, .file = "subscription"},
+    {.name = "offline, clean, with a message file", .presence = Presence::Unknown, .file = "message"},
+    {.name = "will pending, without session", .presence = Presence::Parked},
+    {.name = "will pending, with session", .presence = Presence::Parked, .remembered = true},
+    {.name = "shared member", .turn = 4},
+    {.name = "shared member passed over", .remembered = true, .turn = 7},
+    {.name = "shared member offline without session", .presence = Presence::Unknown, .turn = 0},
+    {.name = "shared member offline with session", .presence = Presence::Unknown, .remembered = true, .turn = 0},
+    {.name = "shared member, the publisher itself", .turn = 2, .publishes = true},
+    kNobody,
 };
 
 // ---- the payload
@@ -120,7 +107,7 @@ inline size_t payload_size(const Row &row, Route route)
         const size_t properties = row.style.level == 4 ? 0 : row.style.expiry_s ? 6 : 1;
         return 127 - 3 - (row.message_qos ? 2 : 0) - properties + more;
     }
-    const unsigned level = row.receiver.who == Who::Publisher ? row.style.level : row.level;
+    const unsigned level = row.receiver.publishes ? row.style.level : row.level;
     const unsigned qos   = row.message_qos < row.granted ? row.message_qos : row.granted;
     return room_for(level, qos, row.style.expiry_s) - 1 + more;
 }
@@ -141,16 +128,20 @@ inline World world_of(const Row &row, Route route)
     world.retained_before = row.style.retained_before;
     world.turn            = std::max(row.receiver.turn, 0);
 
-    const std::string topic  = world.message.topic;
-    const bool        shared = row.receiver.turn >= 0;
-    const bool        itself = row.receiver.who == Who::Publisher || row.receiver.who == Who::ChosenPublisher;
-    world.members            = {{"n", "u", 2, 4}};
-    if (row.receiver.who == Who::Nobody)
+    const Receiver   &receiver = row.receiver;
+    const std::string topic    = world.message.topic;
+    const bool        shared   = receiver.turn >= 0;
+    world.members              = {{"n", "u", 2, 4}};
+    if (receiver.name == kNobody.name)
         return world;
     world.members.push_back({"y", topic, row.granted, row.level});
-    world.members.push_back({itself ? kSender : "r", shared ? "$share/g/" + topic : topic, row.granted,
-                             itself ? row.style.level : row.level, row.receiver.presence, row.receiver.remembered,
-                             row.receiver.file});
+    world.members.push_back({receiver.publishes ? kSender : "r", shared ? "$share/g/" + topic : topic, row.granted,
+                             receiver.publishes ? row.style.level : row.level, receiver.presence, receiver.remembered,
+                             receiver.hindrance});
+    if (receiver.file)
+        world.files[std::string(receiver.file) + "/r.json"] = *receiver.file == 'm'              ? R"({"msgs":[]})"
+                                                              : receiver.file[1] == 'u' ? R"({"subs":[]})"
+                                                                                        : R"({"client_id":"r"})";
     if (shared)
         world.members.push_back({"o", "$share/g/" + topic, 1, 4});
     world.members.push_back({"z", topic, 2, 5});

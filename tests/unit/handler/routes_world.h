@@ -19,7 +19,7 @@ using Strings = std::vector<std::string>;
 using Lines   = std::vector<LogLine>;
 
 enum class Presence { Online, Parked, Unknown }; // parked: a record that waits for its will
-enum class File { None, Session, Subscription, Message };
+enum class Hindrance { None, RingFull, Limit4 }; // no place in the send ring; packets of 4 bytes at most
 
 struct Member {
     std::string id;
@@ -28,7 +28,7 @@ struct Member {
     unsigned    level      = 4;
     Presence    presence   = Presence::Online;
     bool        remembered = false; // subscribed without clean session
-    File        file       = File::None;
+    Hindrance   hindrance  = Hindrance::None;
 };
 
 struct Sending {
@@ -49,6 +49,8 @@ struct World {
     bool                retained_before = false; // the topic has a retained message already
     int32_t             turn            = 0;     // of the shared groups
     uint32_t            seed            = 1;     // of the identifiers
+
+    std::map<std::string, std::string> files; // "session/r.json" and its text
 };
 
 constexpr const char *kSender    = "p";
@@ -189,6 +191,8 @@ public:
         sender_ = &add_client(kSender, world.sender_level);
         for (const Member &member : world.members)
             enter(member);
+        for (const auto &[path, content] : world.files)
+            std::ofstream(g_persist_root_path + ("/" + path)) << content;
         if (world.retained_before)
             retain_msg_set(world.message.topic.c_str(), reinterpret_cast<const uint8_t *>("old"), 3, 0);
         if (world.sender_awaits_7)
@@ -228,6 +232,8 @@ public:
     }
 
 private:
+    static constexpr uint8_t kFiller = 0xC0;
+
     Stage                                         &stage_;
     const World                                   &world_;
     std::map<std::string, std::unique_ptr<Client>> clients_;
@@ -241,15 +247,15 @@ private:
     void enter(const Member &member)
     {
         sub_add(member.id.c_str(), member.filter.c_str(), member.granted, !member.remembered);
-        if (member.presence != Presence::Unknown && member.id != kSender)
-            add_client(member.id, member.level)->state =
-                member.presence == Presence::Online ? CLIENT_LOGINED : CLIENT_WILL_PENDING;
-        if (member.file == File::Session)
-            store("session", member.id, R"({"client_id":")" + member.id + R"("})");
-        if (member.file == File::Subscription)
-            store("subscription", member.id, R"({"subs":[]})");
-        if (member.file == File::Message)
-            store("message", member.id, R"({"msgs":[]})");
+        if (member.presence == Presence::Unknown || member.id == kSender)
+            return;
+        Client &client = add_client(member.id, member.level);
+        client->state  = member.presence == Presence::Online ? CLIENT_LOGINED : CLIENT_WILL_PENDING;
+        if (member.hindrance == Hindrance::RingFull)
+            for (int i = 0; i < CLIENT_SEND_SLOTS - 1; i++)
+                client_send(client, &kFiller, 1);
+        if (member.hindrance == Hindrance::Limit4)
+            client->max_packet_size = 4;
     }
 
     Strings packets()
@@ -257,7 +263,8 @@ private:
         Strings all;
         for (auto &[id, client] : clients_)
             for (const Bytes &bytes : client->gets())
-                all.push_back(id + ": " + brief(bytes));
+                if (bytes != Bytes{kFiller})
+                    all.push_back(id + ": " + brief(bytes));
         return all;
     }
 
@@ -294,7 +301,7 @@ private:
                                                   {kept.payload, kept.payload + kept.payload_len}));
         }
         seen.told  = stage_.broker.host.take();
-        seen.turns = g_rr_counter - world_.turn;
+        seen.turns = static_cast<int>(static_cast<uint32_t>(g_rr_counter) - static_cast<uint32_t>(world_.turn));
         for (uint32_t seed = world_.seed; seed != msgid_seed && seen.draws < 1000; seen.draws++)
             (void)rand_r(&seed);
     }
