@@ -139,7 +139,10 @@ protected:
     }
 
     // The name of a shared group, with the slash behind it, and what stands behind that.
-    static bool is_shared(const Member &member) { return member.filter.starts_with("$share/"); }
+    static bool is_shared(const Member &member)
+    {
+        return member.filter.starts_with("$share/") && member.filter.find('/', 7) != std::string::npos;
+    }
     static std::string behind_share(const Member &member) { return member.filter.substr(7); }
     static std::string group_of(const Member &member) { return behind_share(member).substr(0, behind_share(member).find('/')); }
     static bool is_online(const Member &member) { return member.presence == Presence::Online; }
