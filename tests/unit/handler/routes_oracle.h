@@ -71,12 +71,6 @@ protected:
         Bytes       payload;
         uint32_t    expiry_s;
     };
-    struct Retained {
-        std::string topic;
-        unsigned    qos;
-        uint32_t    expiry_s;
-        Bytes       payload;
-    };
     struct Match {
         int           number; // from 1
         const Member &member;
@@ -91,14 +85,12 @@ protected:
     std::map<std::string, Strings>       packets_;
     std::map<std::string, int>           counters_;
     std::deque<Pending>                  pending_;
-    std::vector<Retained>                store_;
     std::map<std::string, std::string>   files_;
+    std::vector<Kept>                    store_;
     std::map<std::string, std::string>   records_;
 
-    explicit Story(const World &world) : world_(world), message_(world.message), seed_(world.seed), files_(world.files)
+    explicit Story(const World &world) : world_(world), message_(world.message), seed_(world.seed), files_(world.files), store_(world.kept)
     {
-        if (world.retained_before)
-            store_.push_back({message_.topic, 0, 0, text("old")});
         if (world.sender_awaits_7)
             pending_.push_front({kSender, world.sender_level, kPublishId, 1, "other", text("o"), 0});
     }
@@ -150,19 +142,33 @@ protected:
 
     // ---- what every route does first
 
+    // Filters here are plain topics, "+" and "#".
+    bool fits(const Member &member, const std::string &topic)
+    {
+        const std::string filter = is_shared(member) ? behind_share(member).substr(group_of(member).size() + 1) : member.filter;
+        if (filter == "#")
+            return true; // without a line
+        if (filter == "+")
+            say(debug("[TRACE] topic_match_wildcard：匹配+通配符，跳过当前层级"));
+        const size_t slash = topic.find('/');
+        const bool   found = filter == "+" ? slash == std::string::npos : filter == topic;
+        if (filter == "+" && !found)
+            say(debug(print("[DEBUG] topic_match_wildcard：未完全匹配（filter剩余=, topic剩余=%s）",
+                            topic.substr(slash + 1).c_str())));
+        say(debug(print("[DEBUG] topic_match_wildcard：匹配结果（filter=%s, topic=%s, match=%d）", filter.c_str(),
+                        topic.c_str(), found)));
+        return found;
+    }
+
     void match(const std::string &topic)
     {
         say(debug(print("[DEBUG] sub_match：开始匹配订阅（topic=%s, max_matched=11000）", topic.c_str())));
         say(debug(print("[TRACE] sub_match：已加锁，当前订阅数=%zu", world_.members.size())));
         for (size_t at = 0; at < world_.members.size(); at++) {
             const Member     &member = world_.members[at];
-            const std::string bare   = is_shared(member) ? behind_share(member).substr(group_of(member).size() + 1) : member.filter;
-            const bool        fits   = bare == topic;
             say(debug(print("[TRACE] sub_match：检查订阅（索引=%zu, client_id=%s, topic_filter=%s）", at,
                             member.id.c_str(), member.filter.c_str())));
-            say(debug(print("[DEBUG] topic_match_wildcard：匹配结果（filter=%s, topic=%s, match=%d）", bare.c_str(),
-                            topic.c_str(), fits)));
-            if (!fits)
+            if (!fits(member, topic))
                 continue;
             say(debug(print("[TRACE] sub_match：匹配成功（索引=%zu, client_id=%s）", at, member.id.c_str())));
             matches_.push_back({static_cast<int>(matches_.size()) + 1, member});
@@ -236,7 +242,7 @@ protected:
             say(info(print("MQTT标准：新增Topic=%s的保留消息", topic)));
         }
         if (message_.expiry_s) {
-            for (Retained &kept : store_)
+            for (Kept &kept : store_)
                 if (kept.topic == topic)
                     kept.expiry_s = message_.expiry_s;
             save_retained();
@@ -291,19 +297,36 @@ protected:
             seen_.files.push_back(path + " " + content);
         for (const auto &[name, value] : records_)
             seen_.records.push_back(name + value);
-        for (const Retained &kept : store_)
+        for (const Kept &kept : store_)
             seen_.retained.push_back(retained_text(kept.topic, kept.qos, kept.expiry_s, kept.payload));
+        scan();
+        return seen_;
+    }
+
+    // What is not acknowledged goes out a second later, newest first and with DUP 0.
+    void scan()
+    {
         std::map<std::string, Strings> repeated;
+        int                            count = 0;
+        const auto                     line  = [&](LogLine said) { seen_.scan_lines.push_back(std::move(said)); };
         for (const Pending &entry : pending_) {
             seen_.pending.push_back(pending_now(entry));
             const Encoded out = encode(entry.level, entry.qos, false, entry.topic, entry.msg_id, 0, entry.payload,
-                                       entry.payload.size() + 266); // first with DUP 0
-            if (out.code == 0 && !has_limit(entry.id))
-                repeated[entry.id].push_back(entry.id + ": " + brief(out.bytes));
+                                       entry.payload.size() + 266);
+            line(debug(print("[QoS_SEND] msg_id=%u, client=%s", entry.msg_id, entry.id.c_str())));
+            if (has_limit(entry.id)) {
+                line(error(print("[QoS] 重发报文失败(msg_id=%u)：发送错误（返回码：-1）", entry.msg_id)));
+                continue;
+            }
+            repeated[entry.id].push_back(entry.id + ": " + brief(out.bytes));
+            line(info(print("[QoS] 重发QoS%u报文成功(msg_id=%u)，重试次数=1，下次间隔=2000ms，载荷长度=%zu", entry.qos,
+                            entry.msg_id, entry.payload.size())));
+            count++;
         }
+        if (count)
+            line(debug(print("[QoS] 队列扫描完成：重发%d条，丢弃0条", count)));
         for (const auto &[id, packets] : repeated)
             seen_.repeated.insert(seen_.repeated.end(), packets.begin(), packets.end());
-        return seen_;
     }
     bool has_limit(const std::string &id) const
     {

@@ -41,22 +41,42 @@ inline void prepare(Scene &scene, Route route, const World &world)
     }
 }
 
-// Returns what is wrong with this row.
+// Does the same at each log level, in a fresh scene; returns what is wrong.
+template <class Act>
+std::string run(Stage &stage, const World &world, const Seen &expected, Act act)
+{
+    for (uint32_t level = AGENT_LOG_DEBUG; level <= AGENT_LOG_WARN; level++) {
+        stage.clock.advance_ms(10000); // so that a test message is due
+        Scene      scene(stage, world);
+        const Seen seen   = act(scene, level);
+        Seen       should = expected;
+        should.lines      = from_level(should.lines, level);
+        should.scan_lines = from_level(should.scan_lines, level);
+        if (const std::string text = compare(should, seen); !text.empty())
+            return std::string("\n  at ") + kLevelNames[level] + text;
+    }
+    return "";
+}
+
 inline std::string run(Stage &stage, Route route, const World &world)
 {
-    const Seen  expected = Oracle(world).expect(route);
-    std::string wrong;
-    for (uint32_t level = AGENT_LOG_DEBUG; level <= AGENT_LOG_WARN && wrong.empty(); level++) {
-        stage.clock.advance_ms(10000); // so that a test message is due
-        Scene scene(stage, world);
+    return run(stage, world, Oracle(world).expect(route), [&](Scene &scene, uint32_t level) {
         prepare(scene, route, world);
-        const Seen seen   = scene.see(level, [&](Scene &of) { return act(of, route, world); });
-        Seen       should = expected;
-        should.lines      = from_level(expected.lines, level);
-        if (const std::string text = compare(should, seen); !text.empty())
-            wrong = std::string("\n  at ") + kLevelNames[level] + text;
+        return scene.see(level, [&](Scene &of) { return act(of, route, world); });
+    });
+}
+
+// A seed with which so many draws are followed by an identifier of 0.
+inline uint32_t seed_of_0(int draws)
+{
+    for (uint32_t seed = 1;; seed++) {
+        unsigned   at   = seed;
+        const auto draw = [&] { return static_cast<unsigned>(rand_r(&at)) % 65533 + 1; };
+        for (int i = 0; i < draws; i++)
+            (void)draw();
+        if (const unsigned low = draw() & 0xFF; low == 0 && (draw() >> 8 & 0xFF) == 0)
+            return seed;
     }
-    return wrong;
 }
 
 } // namespace tarn::test::routes

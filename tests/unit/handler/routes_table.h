@@ -125,7 +125,8 @@ inline World world_of(const Row &row, Route route)
     world.sender_level    = row.style.level;
     world.sender_is_clean = row.style.clean;
     world.sender_awaits_7 = row.style.awaits_7;
-    world.retained_before = row.style.retained_before;
+    if (row.style.retained_before)
+        world.kept = {{world.message.topic, 0, 0, text("old")}};
     world.turn            = std::max(row.receiver.turn, 0);
 
     const Receiver   &receiver = row.receiver;
@@ -207,6 +208,7 @@ inline std::string compare(const Seen &expected, const Seen &seen)
     number("draws", expected.draws, seen.draws);
     number("shared turns", expected.turns, seen.turns);
     part("lines", as_text(expected.lines), as_text(seen.lines));
+    part("lines of the scan", as_text(expected.scan_lines), as_text(seen.scan_lines));
     return out;
 }
 

@@ -10,14 +10,7 @@ namespace {
 void run_table(Route route, const std::vector<Payload> &payloads)
 {
     Stage stage;
-    int   failed = 0;
-    for_each_row(payloads, [&](const Row &row) {
-        if (failed >= 3)
-            return;
-        const std::string wrong = run(stage, route, world_of(row, route));
-        EXPECT_TRUE(wrong.empty()) << row.name() << wrong;
-        failed += !wrong.empty();
-    });
+    for_each_row(payloads, [&](const Row &row) { stage.report(row.name(), run(stage, route, world_of(row, route))); });
 }
 
 } // namespace

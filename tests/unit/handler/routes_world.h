@@ -40,13 +40,21 @@ struct Sending {
     uint32_t    expiry_s = 0;
 };
 
+struct Kept {
+    std::string topic;
+    unsigned    qos;
+    uint32_t    expiry_s;
+    Bytes       payload;
+};
+
 struct World {
     std::vector<Member> members; // in the order in which they subscribed
     Sending             message;
     unsigned            sender_level    = 4;
     bool                sender_is_clean = true;
     bool                sender_awaits_7 = false; // a delivery of its own, under the identifier it publishes with
-    bool                retained_before = false; // the topic has a retained message already
+    std::vector<Kept>   kept;                    // retained messages, in store order
+    Hindrance           sender_hindrance = Hindrance::None;
     int32_t             turn            = 0;     // of the shared groups
     uint32_t            seed            = 1;     // of the identifiers
 
@@ -71,6 +79,7 @@ struct Seen {
     int     draws = 0;
     int     turns = 0;
     Lines   lines;
+    Lines   scan_lines;
 };
 
 inline std::string print(const char *format, ...) __attribute__((format(printf, 1, 2)));
@@ -161,11 +170,20 @@ struct Stage {
     Handling    broker;
     ManualClock clock;
     std::string files;
+    int         failures = 0;
+
+    // Reports a row that went wrong; the first three of a table say enough.
+    void report(const std::string &row, const std::string &wrong)
+    {
+        if (!wrong.empty() && ++failures <= 3)
+            ADD_FAILURE() << row << wrong;
+    }
 
     Stage()
     {
         broker.host.hear_events();
         broker.host.ask_acl();
+        handler::begin_test_period();
         char in_memory[] = "/dev/shm/tarn-routes-XXXXXX";
         if (mkdtemp(in_memory)) {
             files = in_memory;
@@ -188,13 +206,15 @@ public:
     {
         remove_files();
         sub_init();
-        sender_ = &add_client(kSender, world.sender_level);
+        sender_ = &add_client(kSender, world.sender_level, kSender);
         for (const Member &member : world.members)
             enter(member);
         for (const auto &[path, content] : world.files)
             std::ofstream(g_persist_root_path + ("/" + path)) << content;
-        if (world.retained_before)
-            retain_msg_set(world.message.topic.c_str(), reinterpret_cast<const uint8_t *>("old"), 3, 0);
+        for (const Kept &kept : world.kept)
+            retain_msg_set_with_expiry(kept.topic.c_str(), kept.payload.data(), static_cast<uint32_t>(kept.payload.size()),
+                                       kept.qos, kept.expiry_s);
+        hinder(*sender_, world.sender_hindrance);
         if (world.sender_awaits_7)
             qos_reliable_add_packet(*sender_, kPublishId, 1, "other", "o", 1);
         if (!world.sender_is_clean) {
@@ -204,30 +224,37 @@ public:
             strcpy((*sender_)->session.subs[0].topic, "saved");
         }
         (*sender_)->clean_session = world.sender_is_clean;
-        g_rr_counter              = world.turn;
-        msgid_seed                = world.seed;
-        stage.broker.host.take();
-        g_mqtt_stats = {};
     }
 
     Client &sender() { return *sender_; }
-    Client &client(const std::string &id) { return *clients_.at(id); }
+    // A connection that has not said yet who it is; in what is seen it has this name.
+    Client &newcomer(const std::string &name) { return add_client(name, 4, ""); }
 
     // Does what it is given at this log level, and looks around.
     template <class Act>
     Seen see(uint32_t level, Act act)
     {
+        g_rr_counter = world_.turn;
+        msgid_seed   = world_.seed;
+        g_mqtt_stats = {};
+        stage_.broker.host.take();
+
         Seen seen;
         {
             LogCapture log(level);
             seen.result = act(*this);
             seen.lines  = log.take();
         }
-        std::erase_if(seen.lines, is_codec_trace);
         look(seen);
         stage_.clock.advance_ms(1001);
-        qos_reliable_scan_queue();
+        {
+            LogCapture log(level);
+            qos_reliable_scan_queue();
+            seen.scan_lines = log.take();
+        }
         seen.repeated = packets();
+        std::erase_if(seen.lines, is_codec_trace);
+        std::erase_if(seen.scan_lines, is_codec_trace);
         return seen;
     }
 
@@ -239,9 +266,9 @@ private:
     std::map<std::string, std::unique_ptr<Client>> clients_;
     Client                                        *sender_ = nullptr;
 
-    Client &add_client(const std::string &id, unsigned level)
+    Client &add_client(const std::string &name, unsigned level, const std::string &id)
     {
-        return *(clients_[id] = std::make_unique<Client>(stage_.broker, level, id.c_str()));
+        return *(clients_[name] = std::make_unique<Client>(stage_.broker, level, id.c_str()));
     }
 
     void enter(const Member &member)
@@ -249,12 +276,17 @@ private:
         sub_add(member.id.c_str(), member.filter.c_str(), member.granted, !member.remembered);
         if (member.presence == Presence::Unknown || member.id == kSender)
             return;
-        Client &client = add_client(member.id, member.level);
+        Client &client = add_client(member.id, member.level, member.id);
         client->state  = member.presence == Presence::Online ? CLIENT_LOGINED : CLIENT_WILL_PENDING;
-        if (member.hindrance == Hindrance::RingFull)
+        hinder(client, member.hindrance);
+    }
+
+    static void hinder(Client &client, Hindrance hindrance)
+    {
+        if (hindrance == Hindrance::RingFull)
             for (int i = 0; i < CLIENT_SEND_SLOTS - 1; i++)
                 client_send(client, &kFiller, 1);
-        if (member.hindrance == Hindrance::Limit4)
+        if (hindrance == Hindrance::Limit4)
             client->max_packet_size = 4;
     }
 
