@@ -254,6 +254,8 @@ protected:
     // Reads the client's files, as often as it is called; true when there is a session to keep a message in.
     bool load(const Member &member)
     {
+        if (member.id.empty())
+            return false;
         const std::string name       = "/" + member.id + ".json";
         const bool        session    = files_.count("session" + name);
         const bool        subscribed = files_.count("subscription" + name);
@@ -480,7 +482,7 @@ private:
         for (const Match &match : matches_) {
             const Member  &to  = match.member;
             const unsigned qos = smaller(message_.qos, to.granted);
-            if (passed_over(match))
+            if (to.id.empty() || passed_over(match))
                 continue;
             if (is_online(to))
                 deliver_for_host(to, qos);
@@ -586,6 +588,10 @@ private:
             say(debug(print("[共享订阅] 订阅者%d 同组已负载均衡，跳过发送", match.number)));
             return false;
         }
+        if (to.id.empty()) {
+            say(warn(print("[遗嘱调试][广播跳过] 订阅者%d：ClientID为空", match.number)));
+            return false;
+        }
         if (to.presence == Presence::Unknown) {
             say(warn(print("[遗嘱调试][广播失败] 订阅者%d：ClientID=%s 不存在", match.number, id)));
             return false;
@@ -645,6 +651,8 @@ private:
             const Member     &to  = match.member;
             const char *const id  = to.id.c_str();
             const unsigned    qos = to.granted ? 1 : 0;
+            if (to.id.empty())
+                continue;
             if (passed_over(match)) {
                 say(debug(print("[共享订阅] 测试消息 订阅者%d 跳过", match.number)));
                 continue;

@@ -17,6 +17,7 @@ struct Receiver {
     int32_t     turn = -1;      // of its shared group, if it is in one
     Hindrance   hindrance = Hindrance::None;
     bool        publishes = false; // is the sender itself
+    const char *id = "r";
 };
 constexpr Receiver kNobody = {.name = "nobody"};
 constexpr Receiver kReceivers[] = {
@@ -36,6 +37,9 @@ constexpr Receiver kReceivers[] = {
     {.name = "shared member offline without session", .presence = Presence::Unknown, .turn = 0},
     {.name = "shared member offline with session", .presence = Presence::Unknown, .remembered = true, .turn = 0},
     {.name = "shared member, the publisher itself", .turn = 2, .publishes = true},
+    {.name = "without an id", .presence = Presence::Unknown, .remembered = true, .id = ""},
+    {.name = "shared member without an id", .presence = Presence::Unknown, .remembered = true, .turn = 0, .id = ""},
+    {.name = "shared member without an id, passed over", .presence = Presence::Unknown, .turn = 1, .id = ""},
     kNobody,
 };
 
@@ -136,7 +140,7 @@ inline World world_of(const Row &row, Route route)
     if (receiver.name == kNobody.name)
         return world;
     world.members.push_back({"y", topic, row.granted, row.level});
-    world.members.push_back({receiver.publishes ? kSender : "r", shared ? "$share/g/" + topic : topic, row.granted,
+    world.members.push_back({receiver.publishes ? kSender : receiver.id, shared ? "$share/g/" + topic : topic, row.granted,
                              receiver.publishes ? row.style.level : row.level, receiver.presence, receiver.remembered,
                              receiver.hindrance});
     if (receiver.file)

@@ -273,7 +273,10 @@ private:
 
     void enter(const Member &member)
     {
-        sub_add(member.id.c_str(), member.filter.c_str(), member.granted, !member.remembered);
+        if (member.id.empty()) // only this one takes it
+            sub_add_with_id("", member.filter.c_str(), member.granted, !member.remembered, 1);
+        else
+            sub_add(member.id.c_str(), member.filter.c_str(), member.granted, !member.remembered);
         if (member.presence == Presence::Unknown || member.id == kSender)
             return;
         Client &client = add_client(member.id, member.level, member.id);
