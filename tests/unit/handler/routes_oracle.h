@@ -39,10 +39,15 @@ inline Encoded encode(unsigned level, unsigned qos, bool retain, const std::stri
         body = body + (expiry_s ? wire("05 02") + u16(expiry_s >> 16) + u16(expiry_s & 0xFFFF) : wire("00"));
     body = body + payload;
     if (body.size() > 2112)
-        return {-3, {}, print("[PUBLISH ENCODE] Step 4.4 ERROR: Payload buffer overflow (need=%zu, have=2112)\n", body.size())};
+        return {-3,
+                {},
+                print("[PUBLISH ENCODE] Step 4.4 ERROR: Payload buffer overflow (need=%zu, have=2112)\n", body.size())};
     const Bytes whole = packet(static_cast<uint8_t>(0x30 | qos << 1 | (retain ? 1 : 0)), body);
     if (whole.size() > capacity)
-        return {-3, {}, print("[PUBLISH ENCODE] Step 6 ERROR: Final buffer overflow (need=%zu, have=%zu)\n", whole.size(), capacity)};
+        return {-3,
+                {},
+                print("[PUBLISH ENCODE] Step 6 ERROR: Final buffer overflow (need=%zu, have=%zu)\n", whole.size(),
+                      capacity)};
     return {0, whole, ""};
 }
 
@@ -76,20 +81,21 @@ protected:
         const Member &member;
     };
 
-    const World                         &world_;
-    Sending                              message_;
-    uint32_t                             seed_;
-    Seen                                 seen_;
-    std::vector<Match>                   matches_;
-    std::set<const Member *>             chosen_; // one of each shared group
-    std::map<std::string, Strings>       packets_;
-    std::map<std::string, int>           counters_;
-    std::deque<Pending>                  pending_;
-    std::map<std::string, std::string>   files_;
-    std::vector<Kept>                    store_;
-    std::map<std::string, std::string>   records_;
+    const World                       &world_;
+    Sending                            message_;
+    uint32_t                           seed_;
+    Seen                               seen_;
+    std::vector<Match>                 matches_;
+    std::set<const Member *>           chosen_; // one of each shared group
+    std::map<std::string, Strings>     packets_;
+    std::map<std::string, int>         counters_;
+    std::deque<Pending>                pending_;
+    std::map<std::string, std::string> files_;
+    std::vector<Kept>                  store_;
+    std::map<std::string, std::string> records_;
 
-    explicit Story(const World &world) : world_(world), message_(world.message), seed_(world.seed), files_(world.files), store_(world.kept)
+    explicit Story(const World &world)
+        : world_(world), message_(world.message), seed_(world.seed), files_(world.files), store_(world.kept)
     {
         if (world.sender_awaits_7)
             pending_.push_front({kSender, world.sender_level, kPublishId, 1, "other", text("o"), 0});
@@ -136,8 +142,11 @@ protected:
         return member.filter.starts_with("$share/") && member.filter.find('/', 7) != std::string::npos;
     }
     static std::string behind_share(const Member &member) { return member.filter.substr(7); }
-    static std::string group_of(const Member &member) { return behind_share(member).substr(0, behind_share(member).find('/')); }
-    static bool is_online(const Member &member) { return member.presence == Presence::Online; }
+    static std::string group_of(const Member &member)
+    {
+        return behind_share(member).substr(0, behind_share(member).find('/'));
+    }
+    static bool     is_online(const Member &member) { return member.presence == Presence::Online; }
     static unsigned smaller(unsigned left, unsigned right) { return left < right ? left : right; }
 
     // ---- what every route does first
@@ -145,7 +154,8 @@ protected:
     // Filters here are plain topics, "+" and "#".
     bool fits(const Member &member, const std::string &topic)
     {
-        const std::string filter = is_shared(member) ? behind_share(member).substr(group_of(member).size() + 1) : member.filter;
+        const std::string filter =
+            is_shared(member) ? behind_share(member).substr(group_of(member).size() + 1) : member.filter;
         if (filter == "#")
             return true; // without a line
         if (filter == "+")
@@ -165,7 +175,7 @@ protected:
         say(debug(print("[DEBUG] sub_match：开始匹配订阅（topic=%s, max_matched=11000）", topic.c_str())));
         say(debug(print("[TRACE] sub_match：已加锁，当前订阅数=%zu", world_.members.size())));
         for (size_t at = 0; at < world_.members.size(); at++) {
-            const Member     &member = world_.members[at];
+            const Member &member = world_.members[at];
             say(debug(print("[TRACE] sub_match：检查订阅（索引=%zu, client_id=%s, topic_filter=%s）", at,
                             member.id.c_str(), member.filter.c_str())));
             if (!fits(member, topic))
@@ -222,7 +232,7 @@ protected:
     void retain()
     {
         const char *const topic = message_.topic.c_str();
-        const auto        at    = std::find_if(store_.begin(), store_.end(), [&](auto &kept) { return kept.topic == topic; });
+        const auto at = std::find_if(store_.begin(), store_.end(), [&](auto &kept) { return kept.topic == topic; });
         say(debug(print("[DEBUG] retain_msg_set：开始处理（topic=%s, payload_len=%zu, qos=%u）", topic,
                         message_.payload.size(), message_.qos)));
         say(debug(print("[TRACE] retain_msg_set：已加锁，当前保留消息数量=%zu", store_.size())));
@@ -265,7 +275,8 @@ protected:
             say(info(print("[persist] ✅ 恢复订阅成功: %s 共 %zu 条", member.id.c_str(),
                            occurrences("\"topic\":", files_["subscription" + name]))));
         if (!messages)
-            say(debug(print("[persist][定位] 无离线消息文件：%s/message/%s.json", g_persist_root_path, member.id.c_str())));
+            say(debug(
+                print("[persist][定位] 无离线消息文件：%s/message/%s.json", g_persist_root_path, member.id.c_str())));
         return member.remembered || session || subscribed || messages;
     }
     static size_t occurrences(const std::string &what, const std::string &text)
@@ -281,8 +292,9 @@ protected:
         std::string bytes; // at most 1024
         for (size_t at = 0; at < message_.payload.size() && at < 1024; at++)
             bytes += print("%02x", message_.payload[at]);
-        files_["message/" + member.id + ".json"] = print(R"({"msgs":[{"msgid":N,"qos":%u,"topic":"%s","payload":"%s"}]})",
-                                                         qos, message_.topic.c_str(), bytes.c_str());
+        files_["message/" + member.id + ".json"] =
+            print(R"({"msgs":[{"msgid":N,"qos":%u,"topic":"%s","payload":"%s"}]})", qos, message_.topic.c_str(),
+                  bytes.c_str());
         count_both("persist_write");
     }
 
@@ -391,8 +403,8 @@ private:
                 entry.level = level; // what is repeated to it from now on is in that level, too
         cut_decoded_payload();
         count(print("qos%u", message_.qos).c_str());
-        say(info(print("MQTT标准：收到发布消息：ClientID=p, Topic=%s, QoS=%u, Retain=%d, MsgID=%u", message_.topic.c_str(),
-                       message_.qos, message_.retain, message_.qos ? kPublishId : 0)));
+        say(info(print("MQTT标准：收到发布消息：ClientID=p, Topic=%s, QoS=%u, Retain=%d, MsgID=%u",
+                       message_.topic.c_str(), message_.qos, message_.retain, message_.qos ? kPublishId : 0)));
         seen_.told = {print("acl p %s 1", message_.topic.c_str()),
                       print(R"(2 {"clientId":"p","topic":"%s","qos":%u})", message_.topic.c_str(), message_.qos)};
         if (message_.qos > 0 && message_.expiry_s > 0)
@@ -410,7 +422,8 @@ private:
     {
         if (message_.payload.size() <= 2048)
             return;
-        say(warn(print("PUBLISH decode: payload length exceed max (%zu > 2048), truncate to max", message_.payload.size())));
+        say(warn(
+            print("PUBLISH decode: payload length exceed max (%zu > 2048), truncate to max", message_.payload.size())));
         message_.payload.resize(2048);
     }
     void limit_pending()
@@ -434,8 +447,9 @@ private:
             if (passed_over(match)) {
                 say(debug(print("[共享订阅] 订阅者%d 同组已负载均衡，跳过发送", match.number)));
             } else if (is_online(to)) {
-                const unsigned id  = qos ? draw_id() : 0;
-                const Encoded  out = encode(to.level, qos, false, message_.topic, id, message_.expiry_s, message_.payload);
+                const unsigned id = qos ? draw_id() : 0;
+                const Encoded  out =
+                    encode(to.level, qos, false, message_.topic, id, message_.expiry_s, message_.payload);
                 if (out.code) {
                     say(error(out.complaint));
                     continue;
@@ -450,7 +464,8 @@ private:
                 successes++;
             } else if (load(to) && !message_.payload.empty()) {
                 store_message(to, qos);
-                say(info(print("[MQTT标准] 离线消息已存储：ClientID=%s, Topic=%s", to.id.c_str(), message_.topic.c_str())));
+                say(info(
+                    print("[MQTT标准] 离线消息已存储：ClientID=%s, Topic=%s", to.id.c_str(), message_.topic.c_str())));
                 count("offline_msg");
             }
         }
@@ -494,7 +509,8 @@ private:
     void deliver_for_host(const Member &to, unsigned qos)
     {
         const unsigned id = draw_id();
-        const Encoded  out = encode(to.level, qos, message_.retain, message_.topic, id, message_.expiry_s, message_.payload);
+        const Encoded  out =
+            encode(to.level, qos, message_.retain, message_.topic, id, message_.expiry_s, message_.payload);
         // What more room than 2048 bytes would have held is tracked, and delivered by the scan.
         const Encoded roomy =
             encode(to.level, qos, message_.retain, message_.topic, id, message_.expiry_s, message_.payload, 4096);
@@ -508,7 +524,8 @@ private:
     void keep_for_host(const Member &to, unsigned qos)
     {
         if (qos == 0) {
-            say(info(print("[MQTT标准] QoS=0 离线消息不存储：ClientID=%s, Topic=%s", to.id.c_str(), message_.topic.c_str())));
+            say(info(print("[MQTT标准] QoS=0 离线消息不存储：ClientID=%s, Topic=%s", to.id.c_str(),
+                           message_.topic.c_str())));
             return;
         }
         store_message(to, qos);
@@ -524,8 +541,8 @@ private:
             return -1;
         const uint32_t expiry_s = will.expiry_s;
         say(info("[WILL] Send will message: client=p"));
-        say(info(print("[WILL] Topic: %s, QoS: %u, Retain: %d, PayloadLen: %zu", will.topic.c_str(), will.qos, will.retain,
-                       will.payload.size())));
+        say(info(print("[WILL] Topic: %s, QoS: %u, Retain: %d, PayloadLen: %zu", will.topic.c_str(), will.qos,
+                       will.retain, will.payload.size())));
         if (!will.payload.empty())
             say(debug("[WILL] Payload"));
         const unsigned id = draw();
@@ -539,7 +556,7 @@ private:
         say(info(print("[WILL] 编码成功 | len=%zu | 开始广播", out.bytes.size())));
         broadcast(out.bytes, true);
         count_both("will");
-        seen_.told = {print(R"(5 {"clientId":"p","topic":"%s","qos":%u})", will.topic.c_str(), will.qos)};
+        seen_.told              = {print(R"(5 {"clientId":"p","topic":"%s","qos":%u})", will.topic.c_str(), will.qos)};
         records_["p.will_sent"] = "";
         say(info("[WILL] 广播完成 | will_sent=1"));
         if (!world_.sender_is_clean) {
@@ -560,10 +577,11 @@ private:
         const std::string topic(packet.begin() + 4, packet.begin() + 4 + static_cast<long>(topic_len));
         const unsigned    qos    = packet[0] >> 1 & 3;
         const bool        retain = packet[0] & 1;
-        say(info(print("[遗嘱调试][广播开始] Topic=%s, 原始QoS=%u, 消息长度=%zu, 开始匹配订阅者（上限=11000）", topic.c_str(),
-                       qos, packet.size())));
+        say(info(print("[遗嘱调试][广播开始] Topic=%s, 原始QoS=%u, 消息长度=%zu, 开始匹配订阅者（上限=11000）",
+                       topic.c_str(), qos, packet.size())));
         match(topic);
-        say(info(print("[遗嘱调试][订阅匹配] Topic=%s 匹配到 %zu 个订阅者（上限=11000）", topic.c_str(), matches_.size())));
+        say(info(
+            print("[遗嘱调试][订阅匹配] Topic=%s 匹配到 %zu 个订阅者（上限=11000）", topic.c_str(), matches_.size())));
         if (matches_.empty()) {
             say(debug(print("[遗嘱调试][广播完成] 无匹配订阅者，Topic=%s", topic.c_str())));
             return;
@@ -579,8 +597,8 @@ private:
         say(info(print("[遗嘱调试][广播完成] Topic=%s, 总计匹配%zu个订阅者，成功发送%zu个，失败%zu个", topic.c_str(),
                        matches_.size(), successes, matches_.size() - successes)));
     }
-    bool broadcast_to(const Match &match, const Bytes &packet, const std::string &topic, size_t start, unsigned message_qos,
-                      bool retain, bool is_will)
+    bool broadcast_to(const Match &match, const Bytes &packet, const std::string &topic, size_t start,
+                      unsigned message_qos, bool retain, bool is_will)
     {
         const Member     &to = match.member;
         const char *const id = to.id.c_str();
@@ -603,13 +621,14 @@ private:
             return false;
         }
         const unsigned qos = smaller(message_qos, to.granted);
-        say(debug(print("[遗嘱调试][QoS降级] 订阅者%d：原始QoS=%u → 订阅QoS=%u → 最终投递QoS=%u", match.number, message_qos,
-                        to.granted, qos)));
+        say(debug(print("[遗嘱调试][QoS降级] 订阅者%d：原始QoS=%u → 订阅QoS=%u → 最终投递QoS=%u", match.number,
+                        message_qos, to.granted, qos)));
         if (to.level == 5 && start < packet.size())
             start += 1u + packet[start];
         if (start >= packet.size()) {
-            say(error(print("[遗嘱调试][广播失败] 订阅者%d：Payload解析失败（start=%zu, len=%d, msg_len=%zu）", match.number,
-                            start, static_cast<int>(packet.size()) - static_cast<int>(start), packet.size())));
+            say(error(print("[遗嘱调试][广播失败] 订阅者%d：Payload解析失败（start=%zu, len=%d, msg_len=%zu）",
+                            match.number, start, static_cast<int>(packet.size()) - static_cast<int>(start),
+                            packet.size())));
             return false;
         }
         const Bytes    payload(packet.begin() + static_cast<long>(start), packet.end());
@@ -617,7 +636,8 @@ private:
         const Encoded  out    = encode(to.level, qos, retain, topic, msg_id, 0, payload);
         if (out.code) {
             say(error(out.complaint));
-            say(error(print("[遗嘱调试][广播失败] 订阅者%d：To=%s, 编码失败（错误码=%d）", match.number, id, out.code)));
+            say(error(
+                print("[遗嘱调试][广播失败] 订阅者%d：To=%s, 编码失败（错误码=%d）", match.number, id, out.code)));
             return false;
         }
         if (!send(to, out.bytes)) {

@@ -12,7 +12,7 @@ constexpr struct {
     const char *name;
     int         draws; // before those of the first receiver
 } kRoutes[] = {
-    {Route::Publish, "client PUBLISH", 0}, {Route::Host, "host publish", 2},      {Route::Will, "will", 1},
+    {Route::Publish, "client PUBLISH", 0}, {Route::Host, "host publish", 2},     {Route::Will, "will", 1},
     {Route::Broadcast, "broadcast", 0},    {Route::Test, "the test message", 0},
 };
 
@@ -51,19 +51,19 @@ TEST(routes_rare, every_turn_of_several_shared_groups)
         turns.push_back(turn);
     for (const auto &[route, name, draws] : kRoutes)
         for (int turn : turns) {
-            World world = quiet_world(route, 1);
-            world.turn  = turn;
+            World world         = quiet_world(route, 1);
+            world.turn          = turn;
             const std::string t = world.message.topic;
-            world.members = {{"n", "u", 2},
-                             {"a", "$share/g/" + t, 0, 4},
-                             {"away", "$share/gg/" + t, 1, 4, Presence::Unknown, true}, // a member of g, too
-                             {"plain", t, 2, 5},
-                             {"b", "$share/gg/" + t, 1, 5},
-                             {kSender, "$share/g/" + t, 1, 4},
-                             {"a", "$share/h/" + t, 1, 4}, // one client in two groups gets one copy for each
-                             {"a", t, 2, 4},
-                             {"gone", "$share/h/" + t, 1, 4, Presence::Unknown},
-                             {"b", "$share/g", 2, 5}}; // no shared subscription, and another topic
+            world.members       = {{"n", "u", 2},
+                                   {"a", "$share/g/" + t, 0, 4},
+                                   {"away", "$share/gg/" + t, 1, 4, Presence::Unknown, true}, // a member of g, too
+                                   {"plain", t, 2, 5},
+                                   {"b", "$share/gg/" + t, 1, 5},
+                                   {kSender, "$share/g/" + t, 1, 4},
+                                   {"a", "$share/h/" + t, 1, 4}, // one client in two groups gets one copy for each
+                                   {"a", t, 2, 4},
+                                   {"gone", "$share/h/" + t, 1, 4, Presence::Unknown},
+                                   {"b", "$share/g", 2, 5}}; // no shared subscription, and another topic
             stage.report(print("%s, turn %d", name, turn), run(stage, route, world));
         }
 }
@@ -75,7 +75,8 @@ TEST(routes_rare, a_share_prefix_without_a_second_slash_is_a_topic)
         if (route != Route::Test) {
             World world         = quiet_world(route, 1);
             world.message.topic = "$share/g";
-            world.members       = {{"a", "$share/g", 1, 4}, {"b", "$share/g", 2, 5}, {"away", "$share/g", 1, 4, Presence::Unknown, true}};
+            world.members       = {
+                      {"a", "$share/g", 1, 4}, {"b", "$share/g", 2, 5}, {"away", "$share/g", 1, 4, Presence::Unknown, true}};
             stage.report(name, run(stage, route, world));
         }
 }

@@ -32,8 +32,8 @@ public:
         replay(request.filter);
         if (!world_.sender_is_clean)
             save(request);
-        say(info(print("【QoS溯源3】MQTT %s Reason Code赋值：授权QoS=%u → ReasonCode=0x%02X", level == 5 ? "5.0" : "3.1.1",
-                       qos, qos)));
+        say(info(print("【QoS溯源3】MQTT %s Reason Code赋值：授权QoS=%u → ReasonCode=0x%02X",
+                       level == 5 ? "5.0" : "3.1.1", qos, qos)));
         (void)send(itself(), level == 5 ? wire("90 04 00 09 00") + Bytes{static_cast<uint8_t>(qos)}
                                         : wire("90 03 00 09") + Bytes{static_cast<uint8_t>(qos)});
         say(info(print("发送SUBACK成功：ClientID=p, MsgID=9, 授权QoS=%u, ReasonCode=0x%02X", qos, qos)));
@@ -63,14 +63,15 @@ private:
         const char *const filter = request.filter.c_str();
         const size_t      count  = world_.members.size();
         const int         clean  = world_.sender_is_clean;
-        say(debug(print("[DEBUG] sub_add：开始添加订阅（client_id=p, topic_filter=%s, qos=%u, clean_session=%d）", filter,
-                        request.qos, clean)));
+        say(debug(print("[DEBUG] sub_add：开始添加订阅（client_id=p, topic_filter=%s, qos=%u, clean_session=%d）",
+                        filter, request.qos, clean)));
         say(debug(print("[TRACE] sub_add：已加锁，当前订阅数=%zu，最大容量=10000", count)));
         for (size_t at = 0; at < count; at++)
             say(debug(print("[TRACE] sub_add：检查重复订阅（索引=%zu, client_id=%s, topic_filter=%s）", at,
                             world_.members[at].id.c_str(), world_.members[at].filter.c_str())));
         say(debug(print("[DEBUG] sub_add：新增订阅成功（client_id=p, topic_filter=%s, 总数=%zu）", filter, count + 1)));
-        say(info(print("MQTT标准：新增订阅：ClientID=p, Topic=%s, QoS=%u, CleanSession=%d", filter, request.qos, clean)));
+        say(info(
+            print("MQTT标准：新增订阅：ClientID=p, Topic=%s, QoS=%u, CleanSession=%d", filter, request.qos, clean)));
     }
 
     // In store order, at the QoS of the message whatever was granted, without expiry; the line follows the encoder.
@@ -152,12 +153,13 @@ TEST(routes_replay, retained_messages_come_before_the_suback)
                                 request.filter.replace(at, 9, world.message.topic);
                             world.sender_is_clean  = (qos + requested + level) % 2;
                             world.sender_hindrance = hindrance;
-                            const Bytes packet   = subscribe(world, request);
-                            const Seen  expected = Replay(world).expect(request, packet.size());
-                            stage.report(print("%s, QoS %u to QoS %u, level %u, payload: %s%s", filter, qos, requested, level,
-                                               payload.name, hindrance == Hindrance::None ? "" : ", ring full"),
+                            const Bytes packet     = subscribe(world, request);
+                            const Seen  expected   = Replay(world).expect(request, packet.size());
+                            stage.report(print("%s, QoS %u to QoS %u, level %u, payload: %s%s", filter, qos, requested,
+                                               level, payload.name, hindrance == Hindrance::None ? "" : ", ring full"),
                                          run(stage, world, expected, [&](Scene &scene, uint32_t log) {
-                                             return scene.see(log, [&](Scene &of) { return of.sender().sends(packet); });
+                                             return scene.see(log,
+                                                              [&](Scene &of) { return of.sender().sends(packet); });
                                          }));
                         }
 }

@@ -51,7 +51,7 @@ std::vector<Stored> read_back(const std::vector<Stored> &messages)
     std::vector<Stored> found;
     size_t              at = std::string(R"({"msgs":[)").size();
     for (Stored message : messages) {
-        message.payload = message.payload.substr(0, 2 * 1024);
+        message.payload   = message.payload.substr(0, 2 * 1024);
         const size_t size = object_of(message, true).size();
         if (at + size > 4095)
             break;
@@ -83,8 +83,8 @@ public:
 
     Seen expect(size_t packet_size)
     {
-        const Member              &r        = world_.members[1];
-        const std::vector<Stored>  messages = read_back(file_);
+        const Member             &r        = world_.members[1];
+        const std::vector<Stored> messages = read_back(file_);
         count_both("rx");
         say(debug(print("收到MQTT报文：ClientID=, 类型=1, 长度=%zu", packet_size)));
         say(debug("client_set_keepalive: handle=0x00002710, cid=, keepalive=60秒（超时阈值=90秒）"));
@@ -116,12 +116,14 @@ private:
 
     void subscribe_again(const Member &r)
     {
-        say(debug(print("[DEBUG] sub_add：开始添加订阅（client_id=r, topic_filter=t, qos=%u, clean_session=0）", r.granted)));
+        say(debug(
+            print("[DEBUG] sub_add：开始添加订阅（client_id=r, topic_filter=t, qos=%u, clean_session=0）", r.granted)));
         say(debug("[TRACE] sub_add：已加锁，当前订阅数=2，最大容量=10000"));
         say(debug("[TRACE] sub_add：检查重复订阅（索引=0, client_id=n, topic_filter=u）"));
         say(debug("[TRACE] sub_add：检查重复订阅（索引=1, client_id=r, topic_filter=t）"));
-        say(debug(print("[DEBUG] sub_add：发现重复订阅，更新QoS和CleanSession（client_id=r, topic_filter=t, 旧QoS=%u, 新QoS=%u）",
-                        r.granted, r.granted)));
+        say(debug(print(
+            "[DEBUG] sub_add：发现重复订阅，更新QoS和CleanSession（client_id=r, topic_filter=t, 旧QoS=%u, 新QoS=%u）",
+            r.granted, r.granted)));
         say(info(print("MQTT标准：更新订阅：ClientID=r, Topic=t, QoS=%u", r.granted)));
         say(info(print("[恢复] 订阅: t QoS=%u → 内存订阅表", r.granted)));
     }
@@ -153,7 +155,8 @@ private:
                 say(error("[QoS] 添加报文参数错误：QoS非法（仅支持1/2，当前0）"));
             else
                 track(r, id, message.qos, payload);
-            say(debug(print("[packet_handler] 已补发: msgid=%u topic=%s qos=%u", id, message.topic.c_str(), message.qos)));
+            say(debug(
+                print("[packet_handler] 已补发: msgid=%u topic=%s qos=%u", id, message.topic.c_str(), message.qos)));
         }
         files_["message/r.json"] = R"({"msgs":[]})";
         count_both("persist_write");
@@ -183,8 +186,8 @@ std::vector<Stored> kept_of(const std::vector<Missed> &missed, unsigned granted,
 World world_for(unsigned level, unsigned granted, unsigned retained_qos)
 {
     World world;
-    world.members = {{"n", "u", 2}, {"r", "t", granted, level, Presence::Unknown, true}};
-    world.kept    = {{"u", 2, 0, text("not for r")}, {"t", retained_qos, 60, text("kept")}};
+    world.members                      = {{"n", "u", 2}, {"r", "t", granted, level, Presence::Unknown, true}};
+    world.kept                         = {{"u", 2, 0, text("not for r")}, {"t", retained_qos, 60, text("kept")}};
     world.files["subscription/r.json"] = print(R"({"subs":[{"topic":"t","qos":%u}]})", granted);
     return world;
 }
@@ -192,9 +195,9 @@ World world_for(unsigned level, unsigned granted, unsigned retained_qos)
 // All of it: the messages go out while "r" is away, the file is looked at, "r" returns.
 std::string miss_and_return(Stage &stage, const World &away, const std::vector<Missed> &missed, bool first_without_id)
 {
-    const Member             &r        = away.members[1];
-    const std::vector<Stored> kept     = kept_of(missed, r.granted, first_without_id);
-    World                     world    = away;
+    const Member             &r     = away.members[1];
+    const std::vector<Stored> kept  = kept_of(missed, r.granted, first_without_id);
+    World                     world = away;
     std::string               unlike; // what the rules say is in the file
     if (!kept.empty())
         world.files["message/r.json"] = file_of(kept, true);
@@ -209,7 +212,7 @@ std::string miss_and_return(Stage &stage, const World &away, const std::vector<M
         }
         scene.sender().gets(); // acknowledgements
         scene.sender()->qos2_pending_msg_id = 0;
-        const std::string file = stored("message", "r");
+        const std::string file              = stored("message", "r");
         if (const std::string rule = kept.empty() ? "" : file_of(kept, false); without_msgids(file) != rule)
             unlike = "\n  kept file: expected " + rule + "\n             seen     " + file;
         if (!kept.empty())
@@ -246,9 +249,10 @@ TEST(routes_resume, what_was_missed_comes_a_second_after_the_connack)
                                 missed.push_back({Route::Publish, 2, wire("FF 32")});
                                 missed.push_back({Route::Host, 1, text("3rd")});
                             }
-                            stage.report(print("%s, QoS %u to QoS %u, level %u, payload: %s%s",
-                                               route == Route::Publish ? "client PUBLISH" : "host publish", qos, granted,
-                                               level, name, more ? ", two more behind it" : ""),
-                                         miss_and_return(stage, world_for(level, granted, qos), missed, (qos + level) % 2));
+                            stage.report(
+                                print("%s, QoS %u to QoS %u, level %u, payload: %s%s",
+                                      route == Route::Publish ? "client PUBLISH" : "host publish", qos, granted, level,
+                                      name, more ? ", two more behind it" : ""),
+                                miss_and_return(stage, world_for(level, granted, qos), missed, (qos + level) % 2));
                         }
 }

@@ -6,12 +6,12 @@
 
 namespace tarn::test::routes {
 
-
 inline int act(Scene &scene, Route route, const World &world)
 {
     const Sending       &message = world.message;
-    const uint8_t *const payload = message.payload.empty() ? reinterpret_cast<const uint8_t *>("") : message.payload.data();
-    const Bytes          packet  = written(world);
+    const uint8_t *const payload =
+        message.payload.empty() ? reinterpret_cast<const uint8_t *>("") : message.payload.data();
+    const Bytes packet = written(world);
     switch (route) {
     case Route::Publish:
         return scene.sender().sends(packet);
@@ -36,14 +36,14 @@ inline void prepare(Scene &scene, Route route, const World &world)
     const Sending &message = world.message;
     if (route == Route::Will) {
         client_set_will_msg(scene.sender(), message.topic.c_str(), message.payload.data(),
-                            static_cast<uint32_t>(message.payload.size()), static_cast<uint8_t>(message.qos), message.retain);
+                            static_cast<uint32_t>(message.payload.size()), static_cast<uint8_t>(message.qos),
+                            message.retain);
         client_set_will_enhance(scene.sender(), 0, message.expiry_s, 0, "", "", nullptr, 0);
     }
 }
 
 // Does the same at each log level, in a fresh scene; returns what is wrong.
-template <class Act>
-std::string run(Stage &stage, const World &world, const Seen &expected, Act act)
+template <class Act> std::string run(Stage &stage, const World &world, const Seen &expected, Act act)
 {
     for (uint32_t level = AGENT_LOG_DEBUG; level <= AGENT_LOG_WARN; level++) {
         stage.clock.advance_ms(10000); // so that a test message is due

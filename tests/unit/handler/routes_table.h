@@ -11,15 +11,15 @@ namespace tarn::test::routes {
 
 struct Receiver {
     const char *name;
-    Presence    presence = Presence::Online;
+    Presence    presence   = Presence::Online;
     bool        remembered = false;
-    const char *file = nullptr; // the one of its three files that is there
-    int32_t     turn = -1;      // of its shared group, if it is in one
-    Hindrance   hindrance = Hindrance::None;
-    bool        publishes = false; // is the sender itself
-    const char *id = "r";
+    const char *file       = nullptr; // the one of its three files that is there
+    int32_t     turn       = -1;      // of its shared group, if it is in one
+    Hindrance   hindrance  = Hindrance::None;
+    bool        publishes  = false; // is the sender itself
+    const char *id         = "r";
 };
-constexpr Receiver kNobody = {.name = "nobody"};
+constexpr Receiver kNobody      = {.name = "nobody"};
 constexpr Receiver kReceivers[] = {
     {.name = "online"},
     {.name = "the publisher itself", .publishes = true},
@@ -99,8 +99,8 @@ struct Row {
 
     std::string name() const
     {
-        return print("QoS %u to QoS %u at level %u, %s, payload: %s, sent %s", message_qos, granted, level, receiver.name,
-                     payload.name, style.name);
+        return print("QoS %u to QoS %u at level %u, %s, payload: %s, sent %s", message_qos, granted, level,
+                     receiver.name, payload.name, style.name);
     }
 };
 
@@ -131,7 +131,7 @@ inline World world_of(const Row &row, Route route)
     world.sender_awaits_7 = row.style.awaits_7;
     if (row.style.retained_before)
         world.kept = {{world.message.topic, 0, 0, text("old")}};
-    world.turn            = std::max(row.receiver.turn, 0);
+    world.turn = std::max(row.receiver.turn, 0);
 
     const Receiver   &receiver = row.receiver;
     const std::string topic    = world.message.topic;
@@ -140,11 +140,11 @@ inline World world_of(const Row &row, Route route)
     if (receiver.name == kNobody.name)
         return world;
     world.members.push_back({"y", topic, row.granted, row.level});
-    world.members.push_back({receiver.publishes ? kSender : receiver.id, shared ? "$share/g/" + topic : topic, row.granted,
-                             receiver.publishes ? row.style.level : row.level, receiver.presence, receiver.remembered,
-                             receiver.hindrance});
+    world.members.push_back({receiver.publishes ? kSender : receiver.id, shared ? "$share/g/" + topic : topic,
+                             row.granted, receiver.publishes ? row.style.level : row.level, receiver.presence,
+                             receiver.remembered, receiver.hindrance});
     if (receiver.file)
-        world.files[std::string(receiver.file) + "/r.json"] = *receiver.file == 'm'              ? R"({"msgs":[]})"
+        world.files[std::string(receiver.file) + "/r.json"] = *receiver.file == 'm'     ? R"({"msgs":[]})"
                                                               : receiver.file[1] == 'u' ? R"({"subs":[]})"
                                                                                         : R"({"client_id":"r"})";
     if (shared)
@@ -154,8 +154,7 @@ inline World world_of(const Row &row, Route route)
 }
 
 // Every row, each with one of the ways of sending, so spread that every pair of values meets every way.
-template <class Visit>
-void for_each_row(const std::vector<Payload> &payloads, Visit visit)
+template <class Visit> void for_each_row(const std::vector<Payload> &payloads, Visit visit)
 {
     for (size_t who = 0; who < std::size(kReceivers); who++)
         for (unsigned level : {4u, 5u})

@@ -55,8 +55,8 @@ struct World {
     bool                sender_awaits_7 = false; // a delivery of its own, under the identifier it publishes with
     std::vector<Kept>   kept;                    // retained messages, in store order
     Hindrance           sender_hindrance = Hindrance::None;
-    int32_t             turn            = 0;     // of the shared groups
-    uint32_t            seed            = 1;     // of the identifiers
+    int32_t             turn             = 0; // of the shared groups
+    uint32_t            seed             = 1; // of the identifiers
 
     std::map<std::string, std::string> files; // "session/r.json" and its text
 };
@@ -106,7 +106,10 @@ inline std::string brief(const uint8_t *bytes, size_t count)
     }
     return out;
 }
-inline std::string brief(const Bytes &bytes) { return brief(bytes.data(), bytes.size()); }
+inline std::string brief(const Bytes &bytes)
+{
+    return brief(bytes.data(), bytes.size());
+}
 
 inline std::string pending_text(const std::string &client, const qos_packet_t &entry)
 {
@@ -128,8 +131,8 @@ inline bool is_codec_trace(const LogLine &line)
         return false;
     for (const char *of_codec :
          {"var_header[", "  var_header[", "payload_buf[", "ack_buf[", "【QoS溯源5】", "【QoS溯源6】", "【QoS溯源7】",
-          "【QoS溯源3】MQTT 5.0 SUBACK", "[PUBLISH ENCODE]", "PUBLISH decode", "SUBSCRIBE decode", "ACK encode", "========== ",
-          "CONNECT decode", "CONNACK encode", "Property "})
+          "【QoS溯源3】MQTT 5.0 SUBACK", "[PUBLISH ENCODE]", "PUBLISH decode", "SUBSCRIBE decode", "ACK encode",
+          "========== ", "CONNECT decode", "CONNACK encode", "Property "})
         if (line.text.starts_with(of_codec))
             return true;
     if (line.level != "DEBUG")
@@ -170,7 +173,8 @@ struct Stage {
     Handling    broker;
     ManualClock clock;
     std::string files;
-    int         failures = 0;
+    int         failures  = 0;
+    bool        has_files = false; // left by the row before
 
     // Reports a row that went wrong; the first three of a table say enough.
     void report(const std::string &row, const std::string &wrong)
@@ -204,7 +208,9 @@ class Scene {
 public:
     Scene(Stage &stage, const World &world) : stage_(stage), world_(world)
     {
-        remove_files();
+        if (stage.has_files)
+            remove_files();
+        stage.has_files = !world.files.empty();
         sub_init();
         sender_ = &add_client(kSender, world.sender_level, kSender);
         for (const Member &member : world.members)
@@ -212,15 +218,15 @@ public:
         for (const auto &[path, content] : world.files)
             std::ofstream(g_persist_root_path + ("/" + path)) << content;
         for (const Kept &kept : world.kept)
-            retain_msg_set_with_expiry(kept.topic.c_str(), kept.payload.data(), static_cast<uint32_t>(kept.payload.size()),
-                                       kept.qos, kept.expiry_s);
+            retain_msg_set_with_expiry(kept.topic.c_str(), kept.payload.data(),
+                                       static_cast<uint32_t>(kept.payload.size()), kept.qos, kept.expiry_s);
         hinder(*sender_, world.sender_hindrance);
         if (world.sender_awaits_7)
             qos_reliable_add_packet(*sender_, kPublishId, 1, "other", "o", 1);
         if (!world.sender_is_clean) {
             strcpy((*sender_)->session.client_id, kSender);
-            (*sender_)->session.sub_count     = 1;
-            (*sender_)->session.subs[0].qos   = 1;
+            (*sender_)->session.sub_count   = 1;
+            (*sender_)->session.subs[0].qos = 1;
             strcpy((*sender_)->session.subs[0].topic, "saved");
         }
         (*sender_)->clean_session = world.sender_is_clean;
@@ -231,8 +237,7 @@ public:
     Client &newcomer(const std::string &name) { return add_client(name, 4, ""); }
 
     // Does what it is given at this log level, and looks around.
-    template <class Act>
-    Seen see(uint32_t level, Act act)
+    template <class Act> Seen see(uint32_t level, Act act)
     {
         g_rr_counter = world_.turn;
         msgid_seed   = world_.seed;
@@ -322,6 +327,7 @@ private:
             seen.pending.push_back(pending_text(name_of(entry->client), shown));
         }
         seen.files = files();
+        stage_.has_files |= !seen.files.empty();
         for (auto &[id, client] : clients_) {
             if ((*client)->qos1_pending_msg_id)
                 seen.records.push_back(print("%s.qos1_pending=%u", id.c_str(), (*client)->qos1_pending_msg_id));
@@ -383,7 +389,6 @@ private:
         for (const char *kind : {"message", "session", "subscription"})
             for (const auto &file : std::filesystem::directory_iterator(std::string(g_persist_root_path) + "/" + kind))
                 std::filesystem::remove(file.path());
-        std::filesystem::remove(std::string(g_persist_root_path) + "/retain.dat");
     }
 };
 
