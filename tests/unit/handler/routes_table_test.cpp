@@ -1,0 +1,54 @@
+// Every route a message can travel, for every receiver, level, QoS and payload: bytes, counters, pending deliveries,
+// files, records, callbacks and log lines against an oracle that knows the rules only.
+#include "routes_run.h"
+
+using namespace tarn::test;
+using namespace tarn::test::routes;
+
+namespace {
+
+void run_table(Route route, const std::vector<Payload> &payloads)
+{
+    Stage stage;
+    for_each_row(payloads, [&](const Row &row) { stage.report(row.name(), run(stage, route, world_of(row, route))); });
+}
+
+} // namespace
+
+// The oracle of itself: what it counts byte by byte is the room that a delivery is promised to have.
+TEST(routes_table, a_delivery_has_the_room_it_is_promised)
+{
+    for (unsigned level : {4u, 5u})
+        for (unsigned qos : {0u, 1u, 2u})
+            for (uint32_t expiry_s : {0u, 60u})
+                for (size_t topic : {1u, 256u}) {
+                    const auto code = [&](size_t more) {
+                        const size_t payload = room_for(level, qos, expiry_s) - topic + more;
+                        return encode(level, qos, false, std::string(topic, 't'), 1, expiry_s, repeat(0xFF, payload))
+                            .code;
+                    };
+                    EXPECT_EQ(code(0), 0);
+                    EXPECT_EQ(code(1), -3);
+                }
+}
+
+TEST(routes_table, a_client_publishes)
+{
+    run_table(Route::Publish, kPublishPayloads);
+}
+TEST(routes_table, the_host_publishes)
+{
+    run_table(Route::Host, kPublishPayloads);
+}
+TEST(routes_table, a_will_is_sent)
+{
+    run_table(Route::Will, kEncodedPayloads);
+}
+TEST(routes_table, an_encoded_message_is_broadcast)
+{
+    run_table(Route::Broadcast, kEncodedPayloads);
+}
+TEST(routes_table, the_test_message_goes_out)
+{
+    run_table(Route::Test, kTestPayload);
+}
