@@ -388,6 +388,7 @@ TEST(connect, only_a_kept_session_with_a_will_writes_its_file)
     Client   client(broker);
     client.sends(connect_with_will(4, 0x06, text("x"))); // clean
     EXPECT_EQ(stored("session", "dev1"), "");
+    EXPECT_EQ(g_mqtt_stats.persist_write, 0u);
     client.sends(connect_v4("dev1", 0)); // no will
     EXPECT_EQ(stored("session", "dev1"), "");
     client.sends(connect_with_will(4, 0x04, text("x")));
@@ -436,10 +437,10 @@ TEST(connect, what_was_loaded_is_wiped_by_the_next_connect)
     store("subscription", "dev1", R"({"subs":[{"topic":"a","qos":1},{"topic":"b","qos":1}]})");
     store("message", "dev1", R"({"msgs":[{"msgid":9,"qos":1,"topic":"t","payload":"6869"}]})");
     mqtt_client_t *const client = client_create(1, "10.0.0.1", 4711, &broker.host.broker);
-    sends(client, connect_v4("dev1", 0));
+    sends(client, connect_v4("dev1")); // the lists stay behind, their counts do not
     EXPECT_STREQ(client->session.subs[1].topic, "b");
     EXPECT_STREQ(client->session.msgs[0].topic, "t");
-    sends(client, connect_v4("dev2", 0));
+    sends(client, connect_v4("dev2"));
     EXPECT_STREQ(client->session.subs[0].topic, "");
     EXPECT_STREQ(client->session.subs[1].topic, "");
     EXPECT_STREQ(client->session.msgs[0].topic, "");
@@ -480,6 +481,26 @@ TEST(connect, a_resumed_session_gets_retained_messages_again)
     EXPECT_EQ(client.sends(connect_v4("dev1", 0)), 0);
     EXPECT_THAT(client.gets(),
                 ElementsAre(wire("20 02 01 00"), wire("31 06 00 03 'a/1' 'r'"), wire("31 04 00 01 'b' 'r'")));
+}
+
+TEST(connect, the_host_hears_of_it_when_everything_is_done)
+{
+    Handling broker;
+    store("subscription", "dev1", R"({"subs":[{"topic":"r","qos":0}]})");
+    store("message", "dev1", R"({"msgs":[{"msgid":9,"qos":1,"topic":"b","payload":"6869"}]})");
+    retain_msg_set("r", reinterpret_cast<const uint8_t *>("r"), 1, 0);
+    Client client(broker);
+    static mqtt_client_t *connected;
+    static int            heard;
+    connected                   = client;
+    heard                       = 0;
+    broker.host.broker.event_cb = [](broker_t *, uint32_t, const char *) {
+        EXPECT_EQ(connected->send_tail, 2); // CONNACK and the retained message
+        EXPECT_EQ(pending_count(), 1);
+        heard++;
+    };
+    EXPECT_EQ(client.sends(connect_v4("dev1", 0)), 0);
+    EXPECT_EQ(heard, 1);
 }
 
 TEST(connect, a_clean_session_discards_what_was_loaded)
@@ -539,7 +560,7 @@ TEST(connect, a_reconnect_cancels_the_delayed_wills_of_its_id)
 {
     Handling             broker;
     mqtt_client_t *const first  = vanished(broker, 1, "dev1");
-    mqtt_client_t *const other  = vanished(broker, 2, "dev2");
+    mqtt_client_t *const other  = vanished(broker, 2, "dev10");
     mqtt_client_t *const second = vanished(broker, 3, "dev1");
     ASSERT_EQ(g_will_delay_client_count, 3);
     ASSERT_EQ(first->state, CLIENT_WILL_PENDING);

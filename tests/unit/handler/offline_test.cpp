@@ -84,3 +84,13 @@ TEST(offline, three_kept_messages_come_a_second_after_the_connack)
                 testing::UnorderedElementsAre(wire("32 06 | 00 01 'a' | 00 09 | '1'"), wire("32 06 | 00 01 'a' | 00 0A | '2'"),
                                               wire("32 06 | 00 01 'a' | 00 0B | '3'")));
 }
+
+TEST(offline, a_client_that_is_connected_but_not_logged_in_is_online_too)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    client->state = CLIENT_CONNECTED;
+    store("message", "dev1", R"({"msgs":[{"msgid":9,"qos":1,"topic":"a","payload":"31"}]})");
+    packet_handler_restore_offline_msgs(client);
+    EXPECT_EQ(pending_count(), 1);
+}

@@ -1,6 +1,5 @@
 #include "handler_fixture.h"
 
-using namespace tarn;
 using namespace tarn::test;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -46,16 +45,4 @@ TEST(ping, without_memory_fails)
     }
     EXPECT_THAT(log.take(), ElementsAre(error("pingresp_buf malloc failed: 12")));
     EXPECT_THAT(client.gets(), IsEmpty());
-}
-
-TEST(ping, a_queued_answer_counts_as_activity_again)
-{
-    Handling    broker;
-    ManualClock clock;
-    Client      client(broker, 4, "dev1");
-    const Bytes ping = wire("C0 00");
-    client->timeout_closing = 1;
-    EXPECT_EQ(handler::handle_ping(*client, ping), 0);
-    EXPECT_EQ(client->timeout_closing, 0);
-    EXPECT_EQ(client->last_active, clock.mono_ms());
 }
