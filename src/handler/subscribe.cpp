@@ -92,10 +92,11 @@ void save(mqtt_client_t &client, const mqtt_subscribe_para_t &request, const mqt
     LOG_INFO("[持久化] 订阅已保存到文件: %s, 订阅数=%d", client.client_id, saved);
 }
 
-// The summary is the first filter's code. It appears in log lines only: the SUBACK carries the list.
+// The summary is the first filter's code: a granted QoS or 0x80, so both levels know it. It appears in log lines only,
+// the SUBACK carries the list.
 uint8_t reason_of(mqtt_client_t &client, uint32_t summary)
 {
-    const auto reason = static_cast<uint8_t>(speaks_v5(client) && summary > 2 ? kRefused : summary);
+    const auto reason = static_cast<uint8_t>(summary);
     if (speaks_v5(client))
         LOG_INFO("【QoS溯源3】MQTT 5.0 Reason Code赋值：授权QoS=%d → ReasonCode=0x%02X", static_cast<int>(summary), reason);
     else

@@ -80,10 +80,13 @@ TEST(connect, the_packet_size_floor_is_256)
 {
     Handling broker;
     Client   client(broker);
+    LogCapture log;
     client.sends(connect_v5("dev5", wire("27 00 00 00 FF")));
     EXPECT_EQ(client->max_packet_size, 256u);
+    EXPECT_TRUE(log.has(warn("[MQTT5] Maximum Packet Size too small(255), force set to 256, client=dev5")));
     client.sends(connect_v5("dev5", wire("27 00 00 01 00")));
     EXPECT_EQ(client->max_packet_size, 256u);
+    EXPECT_TRUE(log.has(info("[MQTT5] Maximum Packet Size negotiated: client=dev5, value=256 (valid)")));
     client.sends(connect_v5("dev5", wire("27 00 00 01 01")));
     EXPECT_EQ(client->max_packet_size, 257u);
     client.sends(connect_v5("dev5", wire("27 FF FF FF FF")));
@@ -203,6 +206,55 @@ TEST(connect, a_refused_v5_client_gets_code_86_and_the_close)
     EXPECT_EQ(client.sends(connect_v5("dev1")), -1);
     EXPECT_THAT(client.gets(), ElementsAre(wire("20 0B 00 86 08 21 00 00 27 00 00 00 00")));
     EXPECT_EQ(client->state, CLIENT_CLOSED);
+}
+
+TEST(connect, the_refusal_has_ten_ms_to_leave_before_the_close)
+{
+    Handling broker;
+    broker.host.ask_auth();
+    broker.host.accepts = false;
+    Client         client(broker);
+    Socket         socket(client);
+    const uint64_t before = mono_ms();
+    EXPECT_EQ(client.sends(connect_v4("dev1")), -1);
+    EXPECT_GE(mono_ms() - before, 10u);
+    EXPECT_EQ(socket.gets(), wire("20 02 00 00"));
+    EXPECT_TRUE(socket.is_closed());
+}
+
+// Only a host that reaches into the record from its callback can bring this about.
+TEST(connect, a_connack_that_does_not_encode_is_left_out_and_the_rest_goes_on)
+{
+    Handling broker;
+    broker.host.hear_events();
+    store("message", "dev1", R"({"msgs":[{"msgid":9,"qos":1,"topic":"a","payload":"31"}]})");
+    Client client(broker);
+    static mqtt_client_t *asking;
+    asking                     = client;
+    broker.host.broker.auth_cb = [](broker_t *, const char *, const char *, const char *) {
+        asking->codec.version = 0;
+        return true;
+    };
+    LogCapture log(AGENT_LOG_INFO);
+    EXPECT_EQ(client.sends(connect_v4("dev1", 0)), 0);
+    EXPECT_FALSE(log.has(info("CONNACK -> dev1 (SessionPresent=1)")));
+    EXPECT_THAT(client.gets(), IsEmpty());
+    EXPECT_EQ(pending_count(), 1);
+    EXPECT_EQ(broker.host.take().size(), 1u);
+}
+
+TEST(connect, a_refusal_that_does_not_encode_sends_the_empty_buffer)
+{
+    Handling broker;
+    Client   client(broker);
+    static mqtt_client_t *asking;
+    asking                     = client;
+    broker.host.broker.auth_cb = [](broker_t *, const char *, const char *, const char *) {
+        asking->codec.version = 0;
+        return false;
+    };
+    EXPECT_EQ(client.sends(connect_v4("dev1")), -1);
+    EXPECT_THAT(client.gets(), ElementsAre(repeat(0, 128)));
 }
 
 TEST(connect, a_refused_client_is_closed_at_once_without_memory)
@@ -330,6 +382,19 @@ TEST(connect, the_session_holds_255_characters_of_the_will_topic)
     EXPECT_EQ(client->will_topic, topic);
 }
 
+TEST(connect, only_a_kept_session_with_a_will_writes_its_file)
+{
+    Handling broker;
+    Client   client(broker);
+    client.sends(connect_with_will(4, 0x06, text("x"))); // clean
+    EXPECT_EQ(stored("session", "dev1"), "");
+    EXPECT_EQ(g_mqtt_stats.persist_write, 0u);
+    client.sends(connect_v4("dev1", 0)); // no will
+    EXPECT_EQ(stored("session", "dev1"), "");
+    client.sends(connect_with_will(4, 0x04, text("x")));
+    EXPECT_THAT(stored("session", "dev1"), testing::HasSubstr(R"("will_flag":true,"will_topic":"w/t")"));
+}
+
 TEST(connect, without_a_will_the_session_has_none)
 {
     Handling broker;
@@ -363,6 +428,23 @@ TEST(connect, the_embedded_record_is_wiped)
     EXPECT_EQ(client->session.sub_count, 0);
     EXPECT_STREQ(client->session.subs[0].topic, "");
     EXPECT_EQ(client->session_restored, 0);
+}
+
+// The wipe of a record in the pool is told how much of it was written.
+TEST(connect, what_was_loaded_is_wiped_by_the_next_connect)
+{
+    Handling broker;
+    store("subscription", "dev1", R"({"subs":[{"topic":"a","qos":1},{"topic":"b","qos":1}]})");
+    store("message", "dev1", R"({"msgs":[{"msgid":9,"qos":1,"topic":"t","payload":"6869"}]})");
+    mqtt_client_t *const client = client_create(1, "10.0.0.1", 4711, &broker.host.broker);
+    sends(client, connect_v4("dev1")); // the lists stay behind, their counts do not
+    EXPECT_STREQ(client->session.subs[1].topic, "b");
+    EXPECT_STREQ(client->session.msgs[0].topic, "t");
+    sends(client, connect_v4("dev2"));
+    EXPECT_STREQ(client->session.subs[0].topic, "");
+    EXPECT_STREQ(client->session.subs[1].topic, "");
+    EXPECT_STREQ(client->session.msgs[0].topic, "");
+    pool_free(client);
 }
 
 TEST(connect, a_saved_session_is_restored_line_by_line)
@@ -401,18 +483,43 @@ TEST(connect, a_resumed_session_gets_retained_messages_again)
                 ElementsAre(wire("20 02 01 00"), wire("31 06 00 03 'a/1' 'r'"), wire("31 04 00 01 'b' 'r'")));
 }
 
+TEST(connect, the_host_hears_of_it_when_everything_is_done)
+{
+    Handling broker;
+    store("subscription", "dev1", R"({"subs":[{"topic":"r","qos":0}]})");
+    store("message", "dev1", R"({"msgs":[{"msgid":9,"qos":1,"topic":"b","payload":"6869"}]})");
+    retain_msg_set("r", reinterpret_cast<const uint8_t *>("r"), 1, 0);
+    Client client(broker);
+    static mqtt_client_t *connected;
+    static int            heard;
+    connected                   = client;
+    heard                       = 0;
+    broker.host.broker.event_cb = [](broker_t *, uint32_t, const char *) {
+        EXPECT_EQ(connected->send_tail, 2); // CONNACK and the retained message
+        EXPECT_EQ(pending_count(), 1);
+        heard++;
+    };
+    EXPECT_EQ(client.sends(connect_v4("dev1", 0)), 0);
+    EXPECT_EQ(heard, 1);
+}
+
 TEST(connect, a_clean_session_discards_what_was_loaded)
 {
     Handling broker;
+    store("session", "dev1", "{}");
     store("subscription", "dev1", R"({"subs":[{"topic":"a","qos":1}]})");
+    store("message", "dev1", R"({"msgs":[{"msgid":9,"qos":1,"topic":"b","payload":"6869"}]})");
     Client     client(broker);
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends(connect_v4("dev1")), 0);
-    EXPECT_TRUE(log.has(info("[会话] 加载客户端持久化数据成功: dev1, 订阅数=1, 离线消息数=0")));
+    EXPECT_TRUE(log.has(info("[会话] 加载客户端持久化数据成功: dev1, 订阅数=1, 离线消息数=1")));
     EXPECT_TRUE(log.has(info("CONNACK -> dev1 (SessionPresent=0)")));
     EXPECT_EQ(client->session.sub_count, 0);
+    EXPECT_EQ(client->session.msg_count, 0);
     EXPECT_EQ(client->session_restored, 0);
-    EXPECT_EQ(stored("subscription", "dev1"), "");
+    EXPECT_EQ(pending_count(), 0);
+    for (const char *kind : {"session", "subscription", "message"})
+        EXPECT_EQ(stored(kind, "dev1"), "");
     EXPECT_EQ(sub_get_client_sub_count("dev1"), 0);
 }
 
@@ -434,15 +541,15 @@ TEST(connect, a_restored_will_is_never_retained)
 
 namespace {
 
-// A client of the pool that has vanished with a will delay of 30 s.
-mqtt_client_t *vanished(Handling &broker, uint32_t handle, const char *id)
+// A client of the pool that has vanished with a will.
+mqtt_client_t *vanished(Handling &broker, uint32_t handle, const char *id, uint32_t delay_s = 30)
 {
     mqtt_client_t *const client = client_create(handle, "10.0.0.1", 4711, &broker.host.broker);
     client_set_cid(client, id);
     client->state         = CLIENT_LOGINED;
     client->clean_session = 1;
     client_set_will_msg(client, "w", reinterpret_cast<const uint8_t *>("x"), 1, 0, 0);
-    client_set_will_enhance(client, 30, 0, 0, "", "", nullptr, 0);
+    client_set_will_enhance(client, delay_s, 0, 0, "", "", nullptr, 0);
     client_close(client);
     return client;
 }
@@ -453,7 +560,7 @@ TEST(connect, a_reconnect_cancels_the_delayed_wills_of_its_id)
 {
     Handling             broker;
     mqtt_client_t *const first  = vanished(broker, 1, "dev1");
-    mqtt_client_t *const other  = vanished(broker, 2, "dev2");
+    mqtt_client_t *const other  = vanished(broker, 2, "dev10");
     mqtt_client_t *const second = vanished(broker, 3, "dev1");
     ASSERT_EQ(g_will_delay_client_count, 3);
     ASSERT_EQ(first->state, CLIENT_WILL_PENDING);
@@ -492,4 +599,48 @@ TEST(connect, a_refused_connect_cancels_no_will)
     EXPECT_EQ(parked->will_delay_pending, 1);
     EXPECT_EQ(g_will_delay_client_count, 1);
     pool_free(parked);
+}
+
+TEST(connect, a_will_that_another_thread_settles_is_left_to_it)
+{
+    Handling             broker;
+    mqtt_client_t *const parked = vanished(broker, 1, "dev1");
+    Client               client(broker);
+    ASSERT_TRUE(claim_closing(*parked)); // as the will scan does
+    EXPECT_EQ(client.sends(connect_v4("dev1")), 0);
+    EXPECT_EQ(parked->state, CLIENT_WILL_PENDING);
+    EXPECT_EQ(parked->will_delay_pending, 1);
+    unclaim_closing(*parked);
+    pool_free(parked);
+}
+
+TEST(connect, the_place_of_a_cancelled_will_serves_its_next_owner_in_full)
+{
+    Handling             broker;
+    mqtt_client_t *const parked = vanished(broker, 1, "dev1");
+    Client               client(broker);
+    EXPECT_EQ(client.sends(connect_v4("dev1")), 0);
+    mqtt_client_t *const next = client_create(2, "10.0.0.2", 4711, &broker.host.broker);
+    ASSERT_EQ(next, parked);
+    client_close(next);
+    EXPECT_EQ(next->used, 0);
+}
+
+TEST(connect, records_of_the_id_without_a_delay_running_stay)
+{
+    Handling             broker;
+    mqtt_client_t *const parked = vanished(broker, 1, "dev1");
+    mqtt_client_t *const sent   = vanished(broker, 2, "dev1", 0);
+    mqtt_client_t *const online = client_create(3, "10.0.0.1", 4711, &broker.host.broker);
+    client_set_cid(online, "dev1");
+    online->will_delay_pending = 1;
+    Client client(broker);
+    EXPECT_EQ(client.sends(connect_v4("dev1")), 0);
+    EXPECT_EQ(parked->used, 0);
+    EXPECT_EQ(sent->state, CLIENT_WILL_PENDING); // its will is out
+    EXPECT_EQ(sent->used, 1);
+    EXPECT_EQ(online->will_delay_pending, 1);
+    EXPECT_EQ(online->used, 1);
+    pool_free(sent);
+    pool_free(online);
 }

@@ -1,7 +1,5 @@
 #include "handler_fixture.h"
 
-#include <sys/socket.h>
-
 using namespace tarn;
 using namespace tarn::test;
 using testing::ElementsAre;
@@ -73,6 +71,66 @@ TEST(disconnect, v5_with_an_interval_keeps_the_session)
     EXPECT_EQ(lines[3], info("[MQTT5] Session Expiry=60 → 保留会话"));
 }
 
+TEST(disconnect, v5_keeps_or_drops_the_files)
+{
+    Handling broker;
+    for (const char *packet : {"E0 02 00 00", "E0 07 00 05 10 00 00 00 00"}) {
+        Client client(broker);
+        client.sends(connect_v5("dev1", wire("11 00 00 00 3C 27 00 00 10 00"), 0x00));
+        client.sends("82 07 | 00 01 00 | 00 01 'a' 01");
+        store("message", "dev1", R"({"msgs":[]})");
+        client.sends(packet);
+    }
+    for (const char *kind : {"session", "subscription", "message"})
+        EXPECT_EQ(stored(kind, "dev1"), "");
+    EXPECT_EQ(sub_get_client_sub_count("dev1"), 1); // clean start 0
+}
+
+TEST(disconnect, v5_without_the_property_keeps_the_interval_of_connect)
+{
+    Handling broker;
+    Client   client(broker);
+    client.sends(connect_v5("dev1", wire("11 00 00 00 3C 27 00 00 10 00"), 0x00));
+    client.sends("82 07 | 00 01 00 | 00 01 'a' 01");
+    client.sends("E0 02 00 00");
+    EXPECT_EQ(stored("subscription", "dev1"), R"({"subs":[{"topic":"a","qos":1}]})");
+}
+
+TEST(disconnect, v4_clean_session_removes_the_files)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    client->clean_session = 1;
+    for (const char *kind : {"session", "subscription", "message"})
+        store(kind, "dev1", "{}");
+    client.sends("E0 00");
+    for (const char *kind : {"session", "subscription", "message"})
+        EXPECT_EQ(stored(kind, "dev1"), "");
+}
+
+TEST(disconnect, a_kept_session_is_flushed_before_it_is_said)
+{
+    Handling broker;
+    for (const uint32_t version : {4u, 5u}) {
+        Client client(broker, version, "dev1");
+        client->session_expiry_interval = 60;
+        LogCapture log;
+        client.sends(version == 5 ? wire("E0 02 00 00") : wire("E0 00"));
+        EXPECT_TRUE(log.has(debug("[persist] 执行强制刷盘(无操作，已同步写入)")));
+    }
+}
+
+TEST(disconnect, what_was_queued_before_leaves_before_the_close)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    Socket   socket(client);
+    client.sends("82 06 | 00 01 | 00 01 'a' 01");
+    client.sends("E0 00");
+    EXPECT_EQ(socket.gets(), wire("90 03 00 01 01"));
+    EXPECT_TRUE(socket.is_closed());
+}
+
 TEST(disconnect, v5_with_interval_0_drops_the_session)
 {
     Handling broker;
@@ -135,18 +193,20 @@ TEST(disconnect, reason_four_drops_the_will_too)
 TEST(disconnect, the_host_hears_of_it_before_the_session_is_settled)
 {
     Handling broker;
-    Client   client(broker, 4, "dev1");
+    Client   client(broker, 5, "dev1");
     give_will(client);
     static mqtt_client_t *seen;
     seen                       = client;
+    client->session_expiry_interval = 60;
     broker.host.broker.event_cb = [](broker_t *, uint32_t kind, const char *) {
         EXPECT_EQ(kind, 1u);
         EXPECT_EQ(seen->disconnect_received, 1);
         EXPECT_EQ(seen->will_msg_used, 1);
         EXPECT_EQ(seen->state, CLIENT_LOGINED);
+        EXPECT_EQ(seen->session_expiry_interval, 60u);
         seen = nullptr;
     };
-    EXPECT_EQ(client.sends("E0 00"), 0);
+    EXPECT_EQ(client.sends("E0 07 00 05 10 00 00 00 00"), 0);
     EXPECT_EQ(seen, nullptr);
 }
 
@@ -239,17 +299,11 @@ TEST(send_disconnect, the_packet_has_left_when_it_returns)
 {
     Handling broker;
     Client   client(broker, 5, "dev1");
-    int      pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-    netip_conn_t &slot = g_netip_clients[client->handle];
-    slot.handle        = client->handle;
-    slot.type          = NETIP_TCP;
-    slot.fd            = pair[0];
-    slot.in_use        = 1;
+    Socket   socket(client);
+    const uint64_t before = mono_ms();
     packet_handler_send_disconnect(client, 0x98);
-    uint8_t got[8];
-    EXPECT_EQ(recv(pair[1], got, sizeof got, MSG_DONTWAIT), 4);
-    EXPECT_EQ(hex(got, 4), "E0 02 98 00");
+    EXPECT_GE(mono_ms() - before, 10u);
+    EXPECT_EQ(socket.gets(), wire("E0 02 98 00"));
     EXPECT_EQ(client->send_head, client->send_tail);
 }
 

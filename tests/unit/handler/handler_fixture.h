@@ -4,6 +4,7 @@
 #define TARN_TESTS_HANDLER_FIXTURE_H
 
 #include "api/broker.h"
+#include "base/clock.h"
 #include "client/client_ref.h"
 #include "codec/mqtt_codec.h"
 #include "handler/handler_internal.h"
@@ -25,7 +26,9 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 namespace tarn::test {
@@ -157,6 +160,48 @@ public:
 private:
     std::unique_ptr<mqtt_client_t> record_{new mqtt_client_t{}};
 };
+
+// The other end of a connection: gives a client a slot with a socket of its own.
+class Socket {
+public:
+    explicit Socket(Client &client)
+    {
+        int pair[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+        netip_conn_t &slot = g_netip_clients[client->handle];
+        slot.handle        = client->handle;
+        slot.type          = NETIP_TCP;
+        slot.fd            = pair[0];
+        slot.in_use        = 1;
+        end_               = pair[1];
+    }
+    ~Socket() { close(end_); }
+    Socket(const Socket &) = delete;
+    Socket &operator=(const Socket &) = delete;
+
+    // What has arrived so far, in one piece.
+    Bytes gets()
+    {
+        Bytes         bytes(4096);
+        const ssize_t got = recv(end_, bytes.data(), bytes.size(), MSG_DONTWAIT);
+        bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
+        return bytes;
+    }
+    bool is_closed()
+    {
+        uint8_t byte;
+        return recv(end_, &byte, 1, MSG_DONTWAIT) == 0;
+    }
+
+private:
+    int end_;
+};
+
+// A packet from any record, also one of the pool.
+inline int sends(mqtt_client_t *client, const Bytes &packet)
+{
+    return packet_dispatch(client, packet.data(), static_cast<uint32_t>(packet.size()));
+}
 
 // CONNECT with clean session (or start) 1 unless flags say otherwise.
 inline Bytes connect_v4(std::string_view id, uint8_t flags = 0x02)

@@ -63,3 +63,34 @@ TEST(offline, kept_messages_join_the_queue_and_the_file_is_emptied)
     EXPECT_EQ(stored("message", "dev1"), R"({"msgs":[]})");
     EXPECT_EQ(msgid_seed, seed);
 }
+
+TEST(offline, three_kept_messages_come_a_second_after_the_connack)
+{
+    ManualClock clock;
+    Handling    broker;
+    Client      client(broker);
+    store("message", "dev1",
+          R"({"msgs":[{"msgid":9,"qos":1,"topic":"a","payload":"31"},{"msgid":10,"qos":1,"topic":"a","payload":"32"},)"
+          R"({"msgid":11,"qos":1,"topic":"a","payload":"33"}]})");
+    EXPECT_EQ(client.sends(connect_v4("dev1", 0)), 0);
+    EXPECT_THAT(client.gets(), ElementsAre(wire("20 02 01 00")));
+    EXPECT_EQ(stored("message", "dev1"), R"({"msgs":[]})");
+    clock.advance_ms(1000);
+    qos_reliable_scan_queue();
+    EXPECT_THAT(client.gets(), IsEmpty());
+    clock.advance_ms(1);
+    qos_reliable_scan_queue();
+    EXPECT_THAT(client.gets(),
+                testing::UnorderedElementsAre(wire("32 06 | 00 01 'a' | 00 09 | '1'"), wire("32 06 | 00 01 'a' | 00 0A | '2'"),
+                                              wire("32 06 | 00 01 'a' | 00 0B | '3'")));
+}
+
+TEST(offline, a_client_that_is_connected_but_not_logged_in_is_online_too)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    client->state = CLIENT_CONNECTED;
+    store("message", "dev1", R"({"msgs":[{"msgid":9,"qos":1,"topic":"a","payload":"31"}]})");
+    packet_handler_restore_offline_msgs(client);
+    EXPECT_EQ(pending_count(), 1);
+}

@@ -130,6 +130,34 @@ TEST(subscribe, retained_messages_come_before_the_suback)
     EXPECT_THAT(client.gets(), ElementsAre(wire("31 04 00 01 'b' 'r'"), wire("31 06 00 03 'a/1' 'r'"), wire("90 04 00 01 00 00")));
 }
 
+TEST(subscribe, the_host_hears_of_a_filter_after_its_retained_messages)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    retain("a");
+    static mqtt_client_t *subscriber;
+    static int            queued;
+    subscriber                  = client;
+    queued                      = -1;
+    broker.host.broker.event_cb = [](broker_t *, uint32_t, const char *) { queued = subscriber->send_tail; };
+    EXPECT_EQ(client.sends(subscribe(1, {{"a", 0}})), 0);
+    EXPECT_EQ(queued, 1);
+}
+
+// The wipe of a record in the pool is told how much of it was written.
+TEST(subscribe, what_is_saved_is_wiped_by_the_next_connect)
+{
+    Handling             broker;
+    mqtt_client_t *const client = client_create(1, "10.0.0.1", 4711, &broker.host.broker);
+    sends(client, connect_v4("dev1"));
+    sends(client, subscribe(1, {{"a", 1}, {"b", 1}}));
+    EXPECT_STREQ(client->session.subs[1].topic, "b");
+    sends(client, connect_v4("dev1"));
+    EXPECT_STREQ(client->session.subs[0].topic, "");
+    EXPECT_STREQ(client->session.subs[1].topic, "");
+    pool_free(client);
+}
+
 TEST(subscribe, the_same_filter_again_changes_its_saved_qos)
 {
     Handling broker;
@@ -189,6 +217,21 @@ TEST(subscribe, a_kept_session_writes_its_file)
     client.sends(connect_v4("dev1", 0));
     client.sends(subscribe(1, {{"a", 1}, {"b", 0}}));
     EXPECT_EQ(stored("subscription", "dev1"), R"({"subs":[{"topic":"a","qos":1},{"topic":"b","qos":0}]})");
+    for (int i = 2; i < 33; i++)
+        client.sends(subscribe(1, {{("f" + std::to_string(i)).c_str(), 0}}));
+    const std::string file = stored("subscription", "dev1");
+    EXPECT_NE(file.find("f31"), std::string::npos);
+    EXPECT_EQ(file.find("f32"), std::string::npos);
+}
+
+TEST(subscribe, a_clean_session_writes_no_file)
+{
+    Handling broker;
+    Client   client(broker);
+    client.sends(connect_v4("dev1"));
+    client.sends(subscribe(1, {{"a", 1}}));
+    EXPECT_EQ(stored("subscription", "dev1"), "");
+    EXPECT_EQ(g_sub_mgr.subs[0].clean_session, 1);
 }
 
 TEST(subscribe, without_memory_for_the_suback_fails)

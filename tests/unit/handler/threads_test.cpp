@@ -12,24 +12,19 @@ namespace {
 
 constexpr int kRounds = 150;
 
-void dispatch(mqtt_client_t *client, const Bytes &packet)
-{
-    packet_dispatch(client, packet.data(), static_cast<uint32_t>(packet.size()));
-}
-
 // What the I/O thread does for one connection, from accept to close.
 void serve(Handling &broker, uint32_t handle, const std::string &id)
 {
     const client_ref client(client_create(handle, "10.0.0.1", 4711, &broker.host.broker));
     ASSERT_TRUE(client);
-    dispatch(client.get(), handle % 2 ? connect_v4(id) : connect_v5(id));
-    dispatch(client.get(), wire("82 06 | 00 01 | 00 01 't' 01"));
-    dispatch(client.get(), wire("82 0F | 00 02 | 00 0A '$share/g/t' 01"));
-    dispatch(client.get(), wire("32 06 | 00 01 't' 00 07 'x'"));
-    dispatch(client.get(), wire("31 04 | 00 01 'r' 'x'"));
-    dispatch(client.get(), wire("40 02 00 07"));
+    sends(client.get(), handle % 2 ? connect_v4(id) : connect_v5(id));
+    sends(client.get(), wire("82 06 | 00 01 | 00 01 't' 01"));
+    sends(client.get(), wire("82 0F | 00 02 | 00 0A '$share/g/t' 01"));
+    sends(client.get(), wire("32 06 | 00 01 't' 00 07 'x'"));
+    sends(client.get(), wire("31 04 | 00 01 'r' 'x'"));
+    sends(client.get(), wire("40 02 00 07"));
     if (handle % 3)
-        dispatch(client.get(), wire("E0 00"));
+        sends(client.get(), wire("E0 00"));
     client_close(client.get());
 }
 

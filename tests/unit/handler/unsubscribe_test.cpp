@@ -90,3 +90,18 @@ TEST(unsubscribe, without_memory_for_the_unsuback_fails)
     EXPECT_THAT(log.take(), ElementsAre(error("ack_buf malloc failed: 12")));
     EXPECT_THAT(client.gets(), IsEmpty());
 }
+
+// Only a host that reaches into the record from its callback can bring this about.
+TEST(unsubscribe, an_answer_that_does_not_encode_is_left_out)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    sub_add("dev1", "a", 0, 1);
+    static mqtt_client_t *told;
+    told                        = client;
+    broker.host.broker.event_cb = [](broker_t *, uint32_t, const char *) { told->codec.version = 0; };
+    LogCapture log(AGENT_LOG_INFO);
+    EXPECT_EQ(client.sends("A2 05 | 00 05 | 00 01 'a'"), 0);
+    EXPECT_EQ(log.take().back(), error("ACK encode: unsupported version 0"));
+    EXPECT_THAT(client.gets(), IsEmpty());
+}

@@ -43,6 +43,61 @@ TEST(will, is_published_line_by_line)
     EXPECT_THAT(watcher.gets(), IsEmpty());
 }
 
+TEST(will, the_host_hears_of_it_after_the_broadcast)
+{
+    Handling broker;
+    Client   owner(broker, 4, "dev1"), watcher(broker, 4, "watcher");
+    sub_add("watcher", "w", 0, 1);
+    give_will(owner);
+    owner->session.will_flag = 1;
+    static mqtt_client_t *dying, *receiver;
+    static int            heard;
+    dying                       = owner;
+    receiver                    = watcher;
+    heard                       = 0;
+    broker.host.broker.event_cb = [](broker_t *, uint32_t, const char *) {
+        EXPECT_EQ(receiver->send_tail, 1);
+        EXPECT_EQ(g_mqtt_stats.will_sent, 1u);
+        EXPECT_EQ(dying->session.will_flag, 1);
+        EXPECT_EQ(dying->will_sent, 0);
+        heard++;
+    };
+    EXPECT_EQ(packet_send_will_message(owner), 0);
+    EXPECT_EQ(heard, 1);
+}
+
+TEST(will, its_deliveries_are_not_tracked_and_nobody_keeps_it)
+{
+    Handling broker;
+    Client   owner(broker, 4, "dev1"), watcher(broker, 4, "watcher"), away(broker, 4, "away");
+    sub_add("watcher", "w", 2, 0);
+    sub_add("away", "w", 2, 0);
+    away->state = CLIENT_WILL_PENDING;
+    give_will(owner, "bye", 2);
+    LogCapture log(AGENT_LOG_WARN);
+    EXPECT_EQ(packet_send_will_message(owner), 0);
+    EXPECT_THAT(log.take(), ElementsAre(warn("[遗嘱调试][跳过] 客户端已离线，不发送遗嘱：away")));
+    EXPECT_EQ(watcher.gets().size(), 1u);
+    EXPECT_EQ(pending_count(), 0);
+    EXPECT_EQ(stored("message", "away"), "");
+}
+
+TEST(will, a_kept_session_is_saved_with_it)
+{
+    Handling broker;
+    for (const char *id : {"kept", "clean"}) {
+        Client owner(broker, 4, id);
+        strcpy(owner->session.client_id, id);
+        strcpy(owner->session.subs[0].topic, "a");
+        owner->session.sub_count = 1;
+        owner->clean_session     = id[0] == 'c';
+        give_will(owner);
+        EXPECT_EQ(packet_send_will_message(owner), 0);
+    }
+    EXPECT_EQ(stored("subscription", "kept"), R"({"subs":[{"topic":"a","qos":0}]})");
+    EXPECT_EQ(stored("subscription", "clean"), "");
+}
+
 TEST(will, draws_once_for_itself)
 {
     Handling       broker;
