@@ -13,6 +13,7 @@
 #include "api_internal.h"
 
 #include <cstdlib>
+#include <cstring>
 
 using namespace tarn;
 using api::is_instance;
@@ -29,6 +30,7 @@ constinit Mutex life_mx{};
 // Under life_mx.
 constinit broker_t *g_owner         = nullptr; // whose start brought the layer up
 constinit bool      g_free_owner    = false;   // destroyed meanwhile, but client records still point to it
+constinit broker_t *g_kept          = nullptr; // the last that could not be freed, see keep()
 constinit bool      g_left_standing = false;   // a start failed after the layer's threads were up
 
 class LifeLock {
@@ -61,10 +63,19 @@ void clear_callbacks(broker_t &broker)
     poke_release(broker.acl_cb, nullptr);
 }
 
-// Inside a callback the record stays for good, emptied: the callback's caller still looks at it.
+// For an instance that somebody further up or on another thread still looks at: it stays for good, emptied, and in a
+// chain through its text, where leak checkers find it.
+void keep(broker_t *broker)
+{
+    memcpy(broker->data_dir, &g_kept, sizeof g_kept);
+    g_kept = broker;
+}
+
 void free_instance(broker_t *broker)
 {
-    if (!api::in_callback())
+    if (api::in_callback()) // the callback's caller goes on with it
+        keep(broker);
+    else
         free(broker);
 }
 
@@ -157,14 +168,15 @@ void tarn_sdk_mqtt_broker_destroy(broker_t *broker)
     if (!life)
         return; // the host is inside a lifecycle call that needs this instance
     poke(broker->running, 0);
-    const bool thread_ended = api::end_housekeeping(*broker);
-    if (!thread_ended)
-        pthread_detach(pthread_self()); // nobody can wait for it any more
     clear_callbacks(*broker);
-    if (broker == g_owner)
-        g_free_owner = thread_ended; // its clients know the record until the layer goes down
-    else if (thread_ended)
+    if (!api::end_housekeeping(*broker)) {
+        pthread_detach(pthread_self()); // its own thread: nobody can wait for it any more
+        keep(broker);
+    } else if (broker == g_owner) {
+        g_free_owner = true; // its clients know the record until the layer goes down
+    } else {
         free_instance(broker);
+    }
     LOG_INFO("[SDK] destroy broker instance success");
 }
 
