@@ -532,7 +532,7 @@ TEST_F(start, left_half_way_survives_its_instance)
     UdpPeer datagram; // UDP is open, and its clients belong to the instance
     datagram.send("10 0D | 00 04 'MQTT' 04 02 00 3C | 00 01 'c'");
     const Peer arrival; // a round with an event looks at UDP
-    EXPECT_TRUE(eventually([] { return g_client_mgr.used_count > 0; }));
+    EXPECT_TRUE(eventually([] { return peek(g_client_mgr.used_count) > 0; }));
     Instance other;
     EXPECT_EQ(other.start(), TARN_OK);
     EXPECT_EQ(tarn_sdk_mqtt_broker_get_online_count(nullptr), 0u);

@@ -38,6 +38,8 @@ struct in_callback : testing::Test {
     }
     ~in_callback() override
     {
+        if (broker)
+            tarn_sdk_mqtt_broker_stop(broker); // its thread calls what is cleared here
         g_act             = nullptr;
         g_modules.on_turn = nullptr;
     }
@@ -242,7 +244,6 @@ TEST_F(in_callback, on_the_housekeeping_thread_the_instance_may_be_destroyed)
     });
     EXPECT_TRUE(eventually([&] { return done.load() && threads_named("tarn-house") == 0; }));
     (void)broker.release();
-    g_modules.on_turn = nullptr;
     Instance other;
     EXPECT_EQ(other.start(), TARN_E_RESOURCE); // it goes on serving
     tarn_sdk_mqtt_broker_deinit(other);
