@@ -1,4 +1,4 @@
-// api_internal.h - what the API files share: the check every call begins with, and the turn of the housekeeping thread.
+// api_internal.h - what the API files share: the check every call begins with, and the housekeeping thread.
 #ifndef TARN_API_API_INTERNAL_H
 #define TARN_API_API_INTERNAL_H
 
@@ -22,11 +22,14 @@ namespace tarn::api {
 // runs belong to the process and are kept across stop and start.
 void housekeeping_turn(broker_t &broker, int64_t now_s);
 
+// True inside one of the host's callbacks: whoever called it goes on with the instance afterwards.
+[[nodiscard]] bool in_callback() noexcept;
+
 // Starts the instance's housekeeping thread unless it still has one.
 void begin_housekeeping(broker_t &broker);
 
-// Waits for it to end, after `running` was cleared. False when it could not wait, being called on that very thread:
-// then the thread goes on until its turn is over and still looks at the instance.
+// Waits for it to end, after `running` was cleared. False on that very thread, which ends after its turn and is still
+// to be waited for.
 bool end_housekeeping(broker_t &broker);
 
 } // namespace tarn::api

@@ -1,9 +1,8 @@
 // callbacks.cpp - the host's three callbacks: registering them, and how packet handling reaches them.
 //
 // They belong to the instance that owns the client. No lock is held while one runs, so it may call the API.
-#include "../base/relaxed.h"
-#include "../client/client_types.h"
-#include "broker.h"
+#include "../client/client_ref.h"
+#include "api_internal.h"
 
 #include <cstdio>
 
@@ -13,12 +12,27 @@ namespace {
 
 constexpr size_t kEventTextSize = 256;
 
+constinit thread_local int t_callbacks = 0; // one inside the other, when a callback kicks a client
+
+class CallbackScope {
+public:
+    CallbackScope() { ++t_callbacks; }
+    ~CallbackScope() { --t_callbacks; }
+    CallbackScope(const CallbackScope &) = delete;
+    CallbackScope &operator=(const CallbackScope &) = delete;
+};
+
 broker_t *owner_of(mqtt_client_t *client)
 {
     return client ? peek(client->broker) : nullptr;
 }
 
 } // namespace
+
+bool api::in_callback() noexcept
+{
+    return t_callbacks > 0;
+}
 
 void tarn_sdk_mqtt_broker_register_event_callback(broker_t *broker, broker_event_cb_t cb)
 {
@@ -44,6 +58,7 @@ bool broker_fire_auth(mqtt_client_t *client, const char *client_id, const char *
     if (!owner)
         return true;
     const broker_auth_cb_t ask = peek_acquire(owner->auth_cb);
+    const CallbackScope    scope;
     return !ask || ask(owner, client_id, username, password);
 }
 
@@ -53,6 +68,7 @@ bool broker_fire_acl(mqtt_client_t *client, const char *topic, uint8_t action)
     if (!owner)
         return true;
     const broker_acl_cb_t ask = peek_acquire(owner->acl_cb);
+    const CallbackScope   scope;
     return !ask || ask(owner, client->client_id, topic, action, client);
 }
 
@@ -64,9 +80,11 @@ void broker_fire_event(mqtt_client_t *client, uint32_t kind, const char *topic, 
     const broker_event_cb_t tell = peek_acquire(owner->event_cb);
     if (!tell)
         return;
+    // The id is copied, because a will's event comes on any thread and its client's own may be taking a new id.
     // Texts stand as they are, unescaped, and the whole is cut at 255 characters.
     char text[kEventTextSize];
-    snprintf(text, sizeof text, "{\"clientId\":\"%s\",\"topic\":\"%s\",\"qos\":%d}", client->client_id, topic ? topic : "",
-             qos);
+    snprintf(text, sizeof text, "{\"clientId\":\"%s\",\"topic\":\"%s\",\"qos\":%d}", id_of(*client).text,
+             topic ? topic : "", qos);
+    const CallbackScope scope;
     tell(owner, kind, text);
 }

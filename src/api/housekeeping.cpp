@@ -65,30 +65,21 @@ bool end_housekeeping(broker_t &broker)
     const pthread_t thread = peek(broker.thread);
     if (thread == 0)
         return true;
+    if (pthread_equal(thread, pthread_self()))
+        return false;
     finish_thread(thread);
     poke(broker.thread, 0);
-    return !pthread_equal(thread, pthread_self());
+    return true;
 }
 
 } // namespace tarn::api
 
 using namespace tarn;
 
-namespace {
-
-// A thread that a callback of its own stopped and started again has been replaced by a new one.
-bool is_replaced(broker_t &broker)
-{
-    const pthread_t current = peek(broker.thread);
-    return current != 0 && !pthread_equal(current, pthread_self());
-}
-
-} // namespace
-
 void *broker_thread_entry(void *arg)
 {
     auto &broker = *static_cast<broker_t *>(arg);
-    while (peek(broker.running) && !is_replaced(broker)) {
+    while (peek(broker.running)) {
         api::housekeeping_turn(broker, wall_s());
         pause_ms(api::kTurn_ms);
     }

@@ -13,6 +13,7 @@
 #include "api_internal.h"
 
 #include <cstdlib>
+#include <cstring>
 
 using namespace tarn;
 using api::is_instance;
@@ -22,22 +23,19 @@ namespace {
 constexpr int32_t kPort_max       = 65535;
 constexpr int32_t kMaxClients_max = 50000; // what start takes; the client manager's own ceiling is lower
 
-// Serialises the calls of this file. A host thread waits for it; a library thread (a call from a callback) only tries,
-// because the holder may be waiting for that very thread to end.
-constinit Mutex life_mx{PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
+// Serialises the calls of this file. A call from a callback only tries: the holder may be waiting for that very thread
+// to end, or be further up on its stack, half-way through a deinit that closes clients.
+constinit Mutex life_mx{};
 
 // Under life_mx.
 constinit broker_t *g_owner         = nullptr; // whose start brought the layer up
 constinit bool      g_free_owner    = false;   // destroyed meanwhile, but client records still point to it
+constinit broker_t *g_kept          = nullptr; // the last that could not be freed, see keep()
 constinit bool      g_left_standing = false;   // a start failed after the layer's threads were up
 
 class LifeLock {
 public:
-    LifeLock() NO_LOCK_ANALYSIS : held_(!on_library_thread() || life_mx.try_lock())
-    {
-        if (held_ && !on_library_thread())
-            life_mx.lock();
-    }
+    LifeLock() NO_LOCK_ANALYSIS : held_(acquire()) {}
     ~LifeLock() NO_LOCK_ANALYSIS
     {
         if (held_)
@@ -48,6 +46,13 @@ public:
     explicit operator bool() const { return held_; }
 
 private:
+    static bool acquire() NO_LOCK_ANALYSIS
+    {
+        if (api::in_callback() || on_library_thread())
+            return life_mx.try_lock();
+        life_mx.lock();
+        return true;
+    }
     bool held_;
 };
 
@@ -58,10 +63,26 @@ void clear_callbacks(broker_t &broker)
     poke_release(broker.acl_cb, nullptr);
 }
 
+// For an instance that somebody further up or on another thread still looks at: it stays for good, emptied, and in a
+// chain through its text, where leak checkers find it.
+void keep(broker_t *broker)
+{
+    memcpy(broker->data_dir, &g_kept, sizeof g_kept);
+    g_kept = broker;
+}
+
+void free_instance(broker_t *broker)
+{
+    if (api::in_callback()) // the callback's caller goes on with it
+        keep(broker);
+    else
+        free(broker);
+}
+
 void forget_owner()
 {
     if (g_free_owner)
-        free(g_owner);
+        free_instance(g_owner);
     g_owner      = nullptr;
     g_free_owner = false;
 }
@@ -69,8 +90,10 @@ void forget_owner()
 // Down without the log lines of deinit: what is left of a start that failed half-way.
 void take_down_leftovers()
 {
-    if (g_left_standing)
-        netip_deinit();
+    if (!g_left_standing)
+        return;
+    netip_deinit();
+    forget_owner();
     g_left_standing = false;
 }
 
@@ -83,7 +106,10 @@ int32_t bring_up(broker_t &broker, int32_t max_clients)
     poke(g_default_max_packet_size, static_cast<uint32_t>(peek(broker.max_packet_size)));
     if (const uint32_t result = netip_init(mqtt_netip_event_cb, &broker, 1); result != NETIP_OK) {
         LOG_ERROR("[SDK] netip_init failed[%d]", static_cast<int>(result));
-        g_left_standing = result == NETIP_NOMEM; // the accept thread failed last: everything else runs
+        if (result == NETIP_NOMEM) { // perhaps the accept thread, which comes last: then everything else runs
+            g_left_standing = true;
+            g_owner         = &broker; // datagrams can still make clients of it
+        }
         client_mgr_deinit();
         return TARN_E_RESOURCE;
     }
@@ -142,12 +168,15 @@ void tarn_sdk_mqtt_broker_destroy(broker_t *broker)
     if (!life)
         return; // the host is inside a lifecycle call that needs this instance
     poke(broker->running, 0);
-    const bool thread_ended = api::end_housekeeping(*broker);
     clear_callbacks(*broker);
-    if (broker == g_owner)
-        g_free_owner = thread_ended; // its clients know the record until the layer goes down
-    else if (thread_ended)
-        free(broker);
+    if (!api::end_housekeeping(*broker)) {
+        pthread_detach(pthread_self()); // its own thread: nobody can wait for it any more
+        keep(broker);
+    } else if (broker == g_owner) {
+        g_free_owner = true; // its clients know the record until the layer goes down
+    } else {
+        free_instance(broker);
+    }
     LOG_INFO("[SDK] destroy broker instance success");
 }
 
@@ -193,9 +222,12 @@ int32_t tarn_sdk_mqtt_broker_start(broker_t *broker, int32_t port, int32_t max_c
 
     poke(broker->port, port);
     poke(broker->max_clients, max_clients);
-    poke(broker->running, 1);
+    if (!peek(broker->running)) {
+        (void)api::end_housekeeping(*broker); // a stop inside a callback may have left it
+        poke(broker->running, 1);
+    }
+    LOG_INFO("[SDK] start success, listen 0.0.0.0:%d", port); // before the first turn's report: lines that meet are lost
     api::begin_housekeeping(*broker);
-    LOG_INFO("[SDK] start success, listen 0.0.0.0:%d", port);
     return TARN_OK;
 }
 
@@ -207,7 +239,7 @@ int32_t tarn_sdk_mqtt_broker_stop(broker_t *broker)
     {
         LifeLock life;
         if (life)
-            api::end_housekeeping(*broker);
+            (void)api::end_housekeeping(*broker);
     }
     LOG_INFO("[SDK] broker stopped");
     return TARN_OK;

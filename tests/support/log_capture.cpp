@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -52,8 +53,10 @@ LogCapture::LogCapture(uint32_t level)
 
 LogCapture::~LogCapture()
 {
-    fflush(stdout);
+    const std::string all = raw();
     dup2(saved_stdout_, STDOUT_FILENO);
+    if (testing::Test::HasFailure()) // what failed was said there too
+        fputs(all.c_str(), stdout);
     close(saved_stdout_);
     close(memory_);
     poke(g_log_config.level, saved_level_);

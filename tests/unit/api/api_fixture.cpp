@@ -1,0 +1,289 @@
+#include "api_fixture.h"
+
+#include "base/clock.h"
+#include "client/client.h"
+#include "handler/packet_handler.h"
+#include "net/netip.h"
+#include "persist/persist.h"
+#include "stats/mqtt_stats.h"
+#include "sub/retain.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdarg>
+#include <map>
+#include <mutex>
+
+namespace tarn::test {
+
+Modules g_modules;
+
+namespace {
+
+struct Entry {
+    bool        is_line;
+    std::string text;
+};
+thread_local std::vector<Entry> *t_entries; // of a thread that ever took its transcript
+
+std::mutex                 g_counts_mx;
+std::map<std::string, int> g_counts;
+std::atomic<int>           g_turns{0};
+std::atomic<int>           g_level_kept{-1};
+
+std::vector<Entry> &entries()
+{
+    if (!t_entries)
+        t_entries = new std::vector<Entry>;
+    return *t_entries;
+}
+
+void note_call(const std::string &call)
+{
+    {
+        std::lock_guard lock(g_counts_mx);
+        ++g_counts[call];
+    }
+    if (t_entries)
+        t_entries->push_back({false, call});
+}
+
+void note_line(uint32_t level, const char *text)
+{
+    static const char *const names[] = {"DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
+    if (t_entries)
+        t_entries->push_back({true, std::string(names[level]) + " " + text});
+}
+
+Transcript take(bool lines, bool calls)
+{
+    Transcript texts;
+    for (Entry &entry : entries())
+        if (entry.is_line ? lines : calls)
+            texts.push_back(std::move(entry.text));
+    entries().clear();
+    return texts;
+}
+
+} // namespace
+
+Transcript take_transcript() { return take(true, true); }
+Transcript take_lines() { return take(true, false); }
+Transcript take_calls() { return take(false, true); }
+
+int times(const std::string &call)
+{
+    std::lock_guard lock(g_counts_mx);
+    return g_counts[call];
+}
+int  turns() { return g_turns.load(); }
+void forget_turns() { g_turns.store(0); }
+
+QuietLog::QuietLog(uint32_t level) : log_(level)
+{
+    g_level_kept = static_cast<int>(level);
+    (void)take_transcript();
+}
+QuietLog::~QuietLog() { g_level_kept = -1; }
+
+Instance::Instance()
+{
+    broker_t nobody{};
+    api::housekeeping_turn(nobody, wall_s());
+    broker_ = tarn_sdk_mqtt_broker_create();
+    (void)take_transcript();
+}
+Instance::~Instance()
+{
+    if (!broker_)
+        return;
+    tarn_sdk_mqtt_broker_stop(broker_);
+    tarn_sdk_mqtt_broker_deinit(broker_);
+    tarn_sdk_mqtt_broker_destroy(broker_);
+}
+int32_t Instance::start(int32_t port, int32_t max_clients)
+{
+    return tarn_sdk_mqtt_broker_start(broker_, port, max_clients);
+}
+broker_t *Instance::release() { return std::exchange(broker_, nullptr); }
+
+mqtt_client_t *add_client(uint32_t handle, const char *id, broker_t *owner, uint32_t state)
+{
+    mqtt_client_t *const client = client_create(handle, "192.0.2.7", 40001, owner);
+    client_set_cid(client, id);
+    poke(client->state, state);
+    return client;
+}
+
+OwnClient::OwnClient(broker_t *owner, const char *id)
+{
+    strcpy(record_->client_id, id);
+    record_->broker = owner;
+}
+
+} // namespace tarn::test
+
+using namespace tarn::test;
+
+extern "C" {
+
+void     __real_agent_log(uint32_t, const char *, ...);
+void     __real_agent_log_init(const agent_log_config_t *);
+void     __real_agent_log_deinit(void);
+void     __real_mqtt_stats_init(void);
+void     __real_mqtt_stats_deinit(void);
+void     __real_mqtt_stats_print(void);
+void     __real_mqtt_stats_reset_period(void);
+int      __real_packet_handler_init(void);
+int      __real_packet_handler_broker_publish(const char *, const uint8_t *, int, uint8_t, uint8_t, uint32_t);
+void     __real_packet_handler_send_disconnect(mqtt_client_t *, uint8_t);
+int      __real_persist_init(const char *);
+int      __real_persist_destroy(void);
+uint32_t __real_client_mgr_init(int32_t);
+void     __real_client_mgr_deinit(void);
+void     __real_client_close(mqtt_client_t *);
+uint32_t __real_client_clean_timeout(uint32_t);
+void     __real_client_will_delay_scan(void);
+int32_t  __real_client_fill_id_list(char *, int32_t);
+uint32_t __real_netip_init(netip_event_cb_t, void *, int32_t);
+void     __real_netip_deinit(void);
+void     __real_retain_clean_expired(void);
+int      __real_retain_fill_topic_list(char *, int32_t);
+int      __real_usleep(useconds_t);
+
+void __wrap_agent_log(uint32_t level, const char *format, ...)
+{
+    char    text[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    note_line(level, text);
+    __real_agent_log(level, "%s", text);
+}
+void __wrap_agent_log_init(const agent_log_config_t *config)
+{
+    note_call("agent_log_init level=" + std::to_string(config->level) + " output=" + std::to_string(config->output) +
+              " size=" + std::to_string(config->max_file_size) + " reserved=" + std::to_string(config->reserved_size) +
+              " path=" + (config->file_path ? config->file_path : "null"));
+    __real_agent_log_init(config);
+    if (g_level_kept >= 0)
+        agent_log_set_level(static_cast<uint32_t>(g_level_kept));
+}
+void __wrap_agent_log_deinit(void)
+{
+    note_call("agent_log_deinit");
+    __real_agent_log_deinit();
+}
+void __wrap_mqtt_stats_init(void)
+{
+    note_call("mqtt_stats_init");
+    __real_mqtt_stats_init();
+}
+void __wrap_mqtt_stats_deinit(void)
+{
+    note_call("mqtt_stats_deinit");
+    __real_mqtt_stats_deinit();
+}
+void __wrap_mqtt_stats_print(void)
+{
+    note_call("mqtt_stats_print");
+    __real_mqtt_stats_print();
+}
+void __wrap_mqtt_stats_reset_period(void)
+{
+    note_call("mqtt_stats_reset_period");
+    __real_mqtt_stats_reset_period();
+}
+int __wrap_packet_handler_init(void)
+{
+    note_call("packet_handler_init");
+    return g_modules.packet_handler_init ? g_modules.packet_handler_init() : __real_packet_handler_init();
+}
+int __wrap_packet_handler_broker_publish(const char *topic, const uint8_t *payload, int length, uint8_t qos,
+                                         uint8_t retain, uint32_t expiry)
+{
+    note_call("packet_handler_broker_publish " + std::string(topic) + " " + std::to_string(length) + " " +
+              std::to_string(qos) + " " + std::to_string(retain) + " " + std::to_string(expiry));
+    return g_modules.packet_handler_broker_publish
+               ? g_modules.packet_handler_broker_publish()
+               : __real_packet_handler_broker_publish(topic, payload, length, qos, retain, expiry);
+}
+void __wrap_packet_handler_send_disconnect(mqtt_client_t *client, uint8_t reason)
+{
+    note_call("packet_handler_send_disconnect " + std::string(client->client_id) + " " + std::to_string(reason));
+    __real_packet_handler_send_disconnect(client, reason);
+}
+int __wrap_persist_init(const char *path)
+{
+    note_call("persist_init " + std::string(path));
+    return __real_persist_init(path);
+}
+int __wrap_persist_destroy(void)
+{
+    note_call("persist_destroy");
+    return __real_persist_destroy();
+}
+uint32_t __wrap_client_mgr_init(int32_t max_clients)
+{
+    note_call("client_mgr_init " + std::to_string(max_clients));
+    return __real_client_mgr_init(max_clients);
+}
+void __wrap_client_mgr_deinit(void)
+{
+    note_call("client_mgr_deinit");
+    __real_client_mgr_deinit();
+}
+void __wrap_client_close(mqtt_client_t *client)
+{
+    note_call("client_close " + std::string(tarn::id_of(*client).text));
+    __real_client_close(client);
+}
+uint32_t __wrap_client_clean_timeout(uint32_t threshold_ms)
+{
+    note_call("client_clean_timeout " + std::to_string(threshold_ms));
+    return __real_client_clean_timeout(threshold_ms);
+}
+void __wrap_client_will_delay_scan(void)
+{
+    note_call("client_will_delay_scan");
+    __real_client_will_delay_scan();
+}
+int32_t __wrap_client_fill_id_list(char *buf, int32_t size)
+{
+    return g_modules.list ? g_modules.list() : __real_client_fill_id_list(buf, size);
+}
+uint32_t __wrap_netip_init(netip_event_cb_t cb, void *arg, int32_t io_threads)
+{
+    note_call("netip_init threads=" + std::to_string(io_threads) + (cb == mqtt_netip_event_cb ? " bridge" : " ?") +
+              " packets=" + std::to_string(g_default_max_packet_size));
+    return __real_netip_init(cb, arg, io_threads);
+}
+void __wrap_netip_deinit(void)
+{
+    note_call("netip_deinit");
+    __real_netip_deinit();
+}
+void __wrap_retain_clean_expired(void)
+{
+    note_call("retain_clean_expired");
+    __real_retain_clean_expired();
+}
+int __wrap_retain_fill_topic_list(char *buf, int32_t size)
+{
+    return g_modules.list ? g_modules.list() : __real_retain_fill_topic_list(buf, size);
+}
+
+// Housekeeping threads are known by their pause, which only they make so.
+int __wrap_usleep(useconds_t us)
+{
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    if (strcmp(name, "tarn-house") == 0) {
+        g_turns.fetch_add(1);
+        if (g_modules.on_turn)
+            g_modules.on_turn();
+    }
+    return __real_usleep(us);
+}
+}

@@ -1,0 +1,146 @@
+#include "base/thread.h"
+
+#include "support/faults.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <semaphore>
+#include <string>
+#include <thread>
+
+using namespace tarn;
+using namespace tarn::test;
+
+namespace {
+
+// What a thread finds out about itself.
+struct Self {
+    char     name[16] = "";
+    size_t   stack    = 0;
+    bool     library  = false;
+    sigset_t mask{};
+    pthread_t id      = 0;
+
+    static void *look(void *self)
+    {
+        static_cast<Self *>(self)->look();
+        return nullptr;
+    }
+    void look()
+    {
+        id = pthread_self();
+        pthread_getname_np(id, name, sizeof name);
+        pthread_attr_t attributes;
+        pthread_getattr_np(id, &attributes);
+        pthread_attr_getstacksize(&attributes, &stack);
+        pthread_attr_destroy(&attributes);
+        pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+        library = on_library_thread();
+    }
+};
+
+Self run()
+{
+    Self      self;
+    pthread_t thread = 0;
+    EXPECT_EQ(start_thread(&thread, "tarn-test", Self::look, &self), 0);
+    finish_thread(thread);
+    EXPECT_NE(self.id, 0u);
+    return self;
+}
+
+} // namespace
+
+TEST(thread, has_its_name_and_a_stack_of_1_mib)
+{
+    const Self self = run();
+    EXPECT_STREQ(self.name, "tarn-test");
+    EXPECT_EQ(self.stack, 1024u * 1024u);
+}
+
+TEST(thread, takes_no_signal_but_its_own_faults)
+{
+    const Self self = run();
+    for (const int taken : {SIGSEGV, SIGBUS, SIGFPE, SIGILL})
+        EXPECT_EQ(sigismember(&self.mask, taken), 0) << taken;
+    for (const int blocked : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGALRM, SIGCHLD, SIGUSR1, SIGUSR2, SIGQUIT, SIGRTMIN})
+        EXPECT_EQ(sigismember(&self.mask, blocked), 1) << blocked;
+}
+
+TEST(thread, leaves_the_creators_signals_as_they_were)
+{
+    sigset_t before, after;
+    sigemptyset(&before);
+    sigaddset(&before, SIGUSR1);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    run();
+    pthread_sigmask(SIG_BLOCK, nullptr, &after);
+    for (int signal = 1; signal < 32; ++signal)
+        EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal)) << signal;
+    {
+        const Fail fail(Call::ThreadCreate, 1, EAGAIN);
+        pthread_t  thread = 0;
+        EXPECT_NE(start_thread(&thread, "t", Self::look, nullptr), 0);
+    }
+    pthread_sigmask(SIG_BLOCK, nullptr, &after);
+    EXPECT_EQ(sigismember(&after, SIGTERM), 0);
+}
+
+TEST(thread, knows_that_it_is_the_librarys)
+{
+    EXPECT_FALSE(on_library_thread());
+    EXPECT_TRUE(run().library);
+    EXPECT_FALSE(on_library_thread());
+    bool elsewhere = true;
+    std::thread([&] { elsewhere = on_library_thread(); }).join();
+    EXPECT_FALSE(elsewhere);
+}
+
+TEST(thread, that_cannot_be_made_says_why)
+{
+    pthread_t thread = 0;
+    for (const int reason : {EAGAIN, EPERM}) {
+        const Fail fail(Call::ThreadCreate, 1, reason);
+        EXPECT_EQ(start_thread(&thread, "t", Self::look, nullptr), reason);
+    }
+    const Fail fail(Call::Allocate);
+    EXPECT_EQ(start_thread(&thread, "t", Self::look, nullptr), ENOMEM);
+    EXPECT_EQ(fail.failed(), 1);
+    EXPECT_EQ(thread, 0u);
+}
+
+TEST(finish_thread, waits_for_the_end)
+{
+    static std::atomic<bool> ended{false};
+    pthread_t                thread = 0;
+    ASSERT_EQ(start_thread(&thread, "t", [](void *) -> void * {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        ended = true;
+        return nullptr;
+    }, nullptr), 0);
+    finish_thread(thread);
+    EXPECT_TRUE(ended);
+}
+
+TEST(finish_thread, of_itself_detaches)
+{
+    static std::binary_semaphore detached{0}, looked{0};
+    pthread_t                    thread = 0;
+    ASSERT_EQ(start_thread(&thread, "t", [](void *) -> void * {
+        finish_thread(pthread_self());
+        detached.release();
+        looked.acquire();
+        return nullptr;
+    }, nullptr), 0);
+    detached.acquire();
+    pthread_attr_t attributes;
+    int            state = -1;
+    ASSERT_EQ(pthread_getattr_np(thread, &attributes), 0);
+    pthread_attr_getdetachstate(&attributes, &state);
+    pthread_attr_destroy(&attributes);
+    EXPECT_EQ(state, PTHREAD_CREATE_DETACHED);
+    looked.release();
+}
