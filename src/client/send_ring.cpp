@@ -117,15 +117,24 @@ Queued enqueue(mqtt_client_t &client, const uint8_t *bytes, int32_t length) EXCL
     return Queued::Ok;
 }
 
-// A burst that one packet from the network sets off fills a ring before its round ends, so the ring is emptied between;
-// once a round when the socket takes nothing.
+// Another thread's flush is one non-blocking write, worth waiting for: it may have looked before the latest packets came.
+Flushed flush_in_turn(mqtt_client_t &client, bool online_only)
+{
+    Flushed result;
+    while ((result = flush_ring(client, online_only)) == Flushed::Busy)
+        sched_yield();
+    return result;
+}
+
+// A burst of one round fills a ring before the round ends, so the ring is emptied between; once a round when the socket
+// takes nothing.
 Queued enqueue_making_room(mqtt_client_t &client, const uint8_t *bytes, int32_t length)
 {
     const Queued queued = enqueue(client, bytes, length);
     Side *const  side   = side_of(&client);
     if (queued != Queued::Full || !side || !in_io_round() || side->round_blocked.load(std::memory_order_relaxed))
         return queued;
-    const Flushed result = flush_ring(client, true);
+    const Flushed result = flush_in_turn(client, true);
     side->round_blocked.store(result == Flushed::Full || result == Flushed::Refused, std::memory_order_relaxed);
     return enqueue(client, bytes, length);
 }
@@ -256,10 +265,8 @@ void client_send_flush(mqtt_client_t *client)
     if (!client)
         return;
     const client_ref pin(client);
-    Flushed          result;
-    while ((result = flush_ring(*client, false)) == Flushed::Busy)
-        sched_yield(); // one non-blocking write of another thread
-    const int32_t index = index_of(client);
+    const Flushed    result = flush_in_turn(*client, false);
+    const int32_t    index  = index_of(client);
     if (index != kOutside && result != Flushed::Drained && is_online(*client))
         hand_to_send_thread(index);
 }

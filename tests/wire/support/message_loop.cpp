@@ -138,7 +138,8 @@ private:
         latencies_ms_.reserve(static_cast<size_t>(options_.messages) * options_.subscribers);
         while (arrived_ < options_.messages || acknowledged_ < (options_.qos ? options_.messages : 0)) {
             if (now_s() - start_s > options_.limit_s) {
-                result_.error = "the time is up";
+                result_.error = "the time is up: " + std::to_string(arrived_) + " arrived, " +
+                                std::to_string(acknowledged_) + " acknowledged of " + std::to_string(sent_) + " sent";
                 break;
             }
             send_what_fits();
