@@ -1,5 +1,8 @@
 #include "client_fixture.h"
 
+#include <chrono>
+#include <thread>
+
 using namespace tarn;
 using namespace tarn::test;
 
@@ -38,6 +41,29 @@ TEST(io_round, makes_room_in_a_full_ring)
     }
     client::end_io_round();
     EXPECT_EQ(socket.received(), expected);
+    EXPECT_EQ(g_mqtt_stats.drop_queue_full, 0u);
+}
+
+TEST(io_round, waits_for_another_thread_s_write_before_it_calls_a_ring_full)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    Socket               socket(1);
+    const auto set_flushing = [client](uint8_t flushing) {
+        ScopedLock lock(client->send_lock);
+        client::side_at(0).flushing = flushing;
+    };
+    set_flushing(1); // as the send thread, in the middle of its write
+    std::thread other([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        set_flushing(0);
+    });
+    client::begin_io_round();
+    for (int i = 0; i < 150; ++i)
+        EXPECT_EQ(send(client, {1}), 0u) << i;
+    client::end_io_round();
+    other.join();
+    EXPECT_EQ(socket.received().size(), 150u);
     EXPECT_EQ(g_mqtt_stats.drop_queue_full, 0u);
 }
 
