@@ -41,10 +41,9 @@ TEST(globals, before_the_first_start)
 
 TEST(globals, the_table_lock_may_be_taken_twice_by_its_holder)
 {
-    g_netip_lock.lock();
-    EXPECT_TRUE(g_netip_lock.try_lock());
-    g_netip_lock.unlock();
-    g_netip_lock.unlock();
+    ScopedLock lock(g_netip_lock);
+    EXPECT_EQ(pthread_mutex_trylock(&g_netip_lock.raw), 0);
+    pthread_mutex_unlock(&g_netip_lock.raw);
 }
 
 TEST(free_handle, goes_round_before_it_comes_back)
