@@ -78,6 +78,10 @@ void               unclaim_closing(mqtt_client_t &client) noexcept;
 // Ends a claimed record that waits for its will: out of both tables, CLOSED, no longer counted as delayed, released.
 void release_parked(mqtt_client_t &client) noexcept;
 
+// The same for a pool record whose delay was called off while another thread parked it or looked at it: no scan would
+// ever take it. Asked by who calls off and, in unclaim_closing, by who had the claim meanwhile.
+void release_called_off(mqtt_client_t &client) noexcept;
+
 // False while no delayed will can be due: what the housekeeping thread asks before it scans the pool.
 [[nodiscard]] bool will_delays_running() noexcept;
 

@@ -199,8 +199,11 @@ bool claim_closing(mqtt_client_t &client) noexcept
 
 void unclaim_closing(mqtt_client_t &client) noexcept
 {
-    if (Side *const side = side_of(&client))
-        side->closing.store(0, std::memory_order_release);
+    Side *const side = side_of(&client);
+    if (!side)
+        return;
+    side->closing.store(0, std::memory_order_release);
+    release_called_off(client);
 }
 
 bool mark_logged_in(mqtt_client_t &client) noexcept

@@ -94,6 +94,14 @@ void settle_if_due(mqtt_client_t &client, uint64_t now_ms)
     unclaim_closing(client);
 }
 
+bool was_called_off(mqtt_client_t &client)
+{
+    if (peek(client.state) != CLIENT_WILL_PENDING)
+        return false;
+    ScopedLock lock(client.will_lock);
+    return peek(client.will_delay_interval) != 0 && !peek(client.will_sent) && !peek(client.will_delay_pending);
+}
+
 // When this record has to be looked at again, if it still waits.
 uint64_t next_look_ms(mqtt_client_t &client, uint64_t now_ms)
 {
@@ -156,6 +164,15 @@ bool tarn::wills_are_parked() noexcept
 void tarn::release_parked(mqtt_client_t &client) noexcept
 {
     settle(client);
+}
+
+void tarn::release_called_off(mqtt_client_t &client) noexcept
+{
+    if (!side_of(&client) || !was_called_off(client) || !claim_closing(client))
+        return;
+    if (was_called_off(client))
+        settle(client);
+    unclaim_closing(client);
 }
 
 void client_will_delay_scan(void)

@@ -95,8 +95,11 @@ bool load_session_of(mqtt_client_t &client)
 void restore_will(mqtt_client_t &client)
 {
     const persist_session_t &session = client.session;
-    if (!session.will_flag)
-        return;
+    {
+        ScopedLock lock(session_lock(client)); // a will published meanwhile clears the flag
+        if (!session.will_flag)
+            return;
+    }
     // The file's length may exceed the bytes the record holds: what is missing reads as zeroes.
     uint8_t payload[CLIENT_WILL_MAX] = {};
     memcpy(payload, session.will_payload, sizeof session.will_payload);
@@ -222,6 +225,7 @@ void cancel_parked_will(mqtt_client_t &parked)
 void cancel_delayed_wills(mqtt_client_t &client)
 {
     packet_cancel_will(&client);
+    release_called_off(client); // another thread may have parked it since adopt()
     if (!wills_are_parked())
         return;
     int32_t place = 0;

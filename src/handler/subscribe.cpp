@@ -65,7 +65,10 @@ persist_sub_t &entry_for(mqtt_client_t &client, const char *filter)
     return entry;
 }
 
-// Whatever the clean-session flag says. Filters beyond the 32nd entry are in the table, but not saved.
+// Whatever the clean-session flag says.
+// QUIRK(saved-filters-32): filters beyond the 32nd saved entry are in the table, but do not come back with the session
+// [MQTT-3.1.2-4 of 3.1.1]: the saved list has a fixed size.
+//   test: subscribe.the_33rd_filter_is_in_the_table_but_not_saved
 void remember(mqtt_client_t &client, const mqtt_subscribe_para_t &request, const mqtt_ack_para_t &ack)
     REQUIRES(session_lock(client))
 {

@@ -59,3 +59,46 @@ TEST(threads, publish_connect_and_close_at_once)
     closer.join();
     EXPECT_EQ(g_client_mgr.used_count, 0);
 }
+
+// Three parties meet at a delayed will: who closes the client, the scan, and a CONNECT of the client itself or of the one
+// that came back.
+TEST(threads, delayed_wills_are_settled_while_clients_come_back)
+{
+    ManualClock clock;
+    Handling    broker;
+    poke(g_log_config.level, uint32_t{AGENT_LOG_FATAL});
+    std::atomic<bool> done{false}, armed{false}; // armed: the client has its will and its delay
+    const Bytes       connect = packet(0x10, wire("00 04 'MQTT' 05 04 00 3C | 05 27 00 00 10 00 | 00 04 'dev1'"
+                                                  "| 05 18 00 00 00 01 | 00 01 'w' | 00 01 'x'"));
+
+    std::thread scan([&] {
+        while (!done) {
+            clock.advance_ms(400);
+            client_will_delay_scan();
+        }
+    });
+    std::thread closer([&] {
+        while (!done)
+            if (const client_ref client = find_client_by_cid("dev1"); client && armed && is_online(*client))
+                client_close(client.get()); // once each: a second close would count the will again
+    });
+    for (uint32_t round = 0; round < kRounds; round++) {
+        const client_ref client(client_create(1 + round % 7, "10.0.0.1", 4711, &broker.host.broker));
+        ASSERT_TRUE(client);
+        sends(client.get(), connect);
+        armed = true;
+        sends(client.get(), wire("82 07 | 00 01 00 | 00 01 'w' 01"));
+        sends(client.get(), connect);
+        while (is_online(*client))
+            std::this_thread::yield();
+        armed = false;
+    }
+    done = true;
+    scan.join();
+    closer.join();
+    clock.advance_ms(1000);
+    client_will_delay_scan();
+    EXPECT_EQ(g_will_delay_client_count, 0);
+    EXPECT_EQ(g_client_mgr.used_count, 0);
+    EXPECT_LE(g_mqtt_stats.will_sent, kRounds);
+}
