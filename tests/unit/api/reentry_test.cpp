@@ -77,7 +77,7 @@ const char *const kPublish         = "30 06 | 00 01 't' | 'abc'";
 TEST_F(in_callback, is_known_and_over_when_the_last_one_returns)
 {
     EXPECT_FALSE(api::in_callback());
-    bool inside = false, behind_nested = false;
+    bool inside = false, behind_nested = false, in_acl = false;
     OwnClient client(broker);
     tarn_sdk_mqtt_broker_register_event_callback(broker, on_event);
     tarn_sdk_mqtt_broker_register_acl_callback(broker, on_acl);
@@ -92,6 +92,10 @@ TEST_F(in_callback, is_known_and_over_when_the_last_one_returns)
     EXPECT_EQ(g_calls, 2);
     EXPECT_TRUE(inside);
     EXPECT_TRUE(behind_nested);
+    EXPECT_FALSE(api::in_callback());
+    g_act = [&](broker_t *) { in_acl = api::in_callback(); };
+    EXPECT_TRUE(broker_fire_acl(client, "t", BROKER_ACL_SUBSCRIBE));
+    EXPECT_TRUE(in_acl);
     EXPECT_FALSE(api::in_callback());
     static bool in_auth = false;
     tarn_sdk_mqtt_broker_register_auth_callback(
