@@ -144,12 +144,20 @@ TEST(relaxed, swaps_and_counts)
 TEST(mutex, of_zero_bytes_is_a_free_one)
 {
     static Mutex mutex; // NOLINT: zeroed by the loader
-    ASSERT_TRUE(mutex.try_lock());
-    bool taken = true;
-    std::thread([&] { taken = mutex.try_lock(); }).join();
-    EXPECT_FALSE(taken);
-    mutex.unlock();
-    int sum = 0;
+    const auto is_free = [] {
+        if (!mutex.try_lock())
+            return false;
+        mutex.unlock();
+        return true;
+    };
+    bool free_elsewhere = true;
+    {
+        ScopedLock lock(mutex);
+        std::thread([&] { free_elsewhere = is_free(); }).join();
+    }
+    EXPECT_FALSE(free_elsewhere);
+    EXPECT_TRUE(is_free());
+    int        sum = 0;
     const auto add = [&] {
         for (int i = 0; i < 10000; ++i) {
             ScopedLock lock(mutex);
