@@ -19,7 +19,7 @@ int32_t tarn_sdk_mqtt_broker_kick_client(broker_t *broker, const char *client_id
 {
     if (!is_instance(broker) || !client_id || !*client_id)
         return TARN_E_PARAM;
-    char id[kTextChars + 1]; // the caller's text may be the record's own, which the close wipes
+    char id[kTextChars + 1]; // the caller's text may be one of the record, which the close frees
     copy_text(id, client_id, kTextChars);
 
     const client_ref client = find_client_by_cid(id);

@@ -29,6 +29,7 @@ thread_local std::vector<Entry> *t_entries; // of a thread that ever took its tr
 std::mutex                 g_counts_mx;
 std::map<std::string, int> g_counts;
 std::atomic<int>           g_turns{0};
+std::atomic<int>           g_pause_us{0};
 std::atomic<int>           g_level_kept{-1};
 
 std::vector<Entry> &entries()
@@ -77,6 +78,7 @@ int times(const std::string &call)
     return g_counts[call];
 }
 int  turns() { return g_turns.load(); }
+int  pause_us() { return g_pause_us.load(); }
 void forget_turns() { g_turns.store(0); }
 
 QuietLog::QuietLog(uint32_t level) : log_(level)
@@ -280,6 +282,7 @@ int __wrap_usleep(useconds_t us)
     char name[16] = "";
     pthread_getname_np(pthread_self(), name, sizeof name);
     if (strcmp(name, "tarn-house") == 0) {
+        g_pause_us = static_cast<int>(us);
         g_turns.fetch_add(1);
         if (g_modules.on_turn)
             g_modules.on_turn();

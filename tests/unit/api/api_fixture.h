@@ -44,6 +44,7 @@ Transcript take_calls();
 // How often any thread made this call, as the transcript would show it.
 int  times(const std::string &call);
 int  turns(); // of housekeeping threads
+int  pause_us(); // of the last one
 void forget_turns();
 
 // Swallows the log, and keeps lines from INFO on coming after init has set the level to WARN.

@@ -115,12 +115,17 @@ TEST_F(kick, a_record_without_a_state_is_closed_already)
     EXPECT_EQ(client->used, 1);
 }
 
-// A host may pass the id it found in a record, which the close wipes.
-TEST_F(kick, the_last_line_names_the_client_even_when_its_own_text_was_passed)
+// A host may pass a text that it found in the record and that the close changes.
+TEST_F(kick, the_last_line_shows_what_was_passed)
 {
     mqtt_client_t *const client = add_client(1, "dev1", &broker);
     EXPECT_EQ(transcript(client->client_id, TARN_OK).back(), "INFO [SDK] kick client success: dev1");
     EXPECT_STREQ(client->client_id, "");
+
+    mqtt_client_t *const other = add_client(2, "dev2", &broker);
+    client_set_will_msg(other, "dev2", reinterpret_cast<const uint8_t *>("x"), 1, 0, 0);
+    other->will_msg_used = 0; // nothing to publish, so the close frees it
+    EXPECT_EQ(transcript(other->will_topic, TARN_OK).back(), "INFO [SDK] kick client success: dev2");
 }
 
 TEST_F(publish, refuses_bad_arguments_before_anything_happens)

@@ -203,6 +203,7 @@ TEST(housekeeping_thread, pauses_10_ms_after_each_turn)
     const uint64_t start_ms = mono_ms();
     const int      before   = turns();
     EXPECT_TRUE(eventually([&] { return turns() >= before + 21; }));
+    EXPECT_EQ(pause_us(), 10000);
     EXPECT_GE(mono_ms() - start_ms, 195u); // at least 20 whole pauses lie between
     poke(broker.running, 0);
     EXPECT_TRUE(api::end_housekeeping(broker));

@@ -520,6 +520,21 @@ TEST_F(start, left_half_way_is_taken_down_by_the_next_one)
     EXPECT_EQ(broker.start(), TARN_E_RESOURCE);
 }
 
+TEST_F(start, left_half_way_is_taken_down_by_deinit)
+{
+    {
+        const Fail fail(Call::ThreadCreate, 4, EAGAIN);
+        EXPECT_EQ(broker.start(), TARN_E_RESOURCE);
+    }
+    deinits();
+    EXPECT_EQ(threads_named("tarn-io"), 0u);
+    inits();
+    (void)take_transcript();
+    EXPECT_EQ(broker.start(), TARN_OK);
+    EXPECT_EQ(take_calls().front(), "client_mgr_init 100");
+    expect_service();
+}
+
 TEST_F(start, left_half_way_survives_its_instance)
 {
     {
@@ -566,6 +581,7 @@ TEST_F(start, soon_after_a_stop_does_not_scan_on_its_first_turn)
 TEST_F(start, replaces_a_housekeeping_thread_that_ended)
 {
     ASSERT_EQ(broker.start(), TARN_OK);
+    EXPECT_TRUE(eventually([] { return turns() > 2; }));
     poke(broker->running, 0);
     EXPECT_TRUE(eventually([] { return threads_named("tarn-house") == 0; }));
     ASSERT_EQ(broker.start(), TARN_OK);
@@ -645,6 +661,19 @@ TEST_F(deinit, takes_everything_down_in_order)
     EXPECT_EQ(broker->acl_cb, nullptr);
     EXPECT_EQ(broker->max_clients, 100); // the settings stay
     EXPECT_EQ(threads_named("tarn-io"), 0u);
+}
+
+TEST_F(deinit, lets_the_instance_be_freed) // the address sanitizer looks for it
+{
+    for (int i = 0; i < 3; ++i) {
+        Instance other;
+        ASSERT_EQ(other.start(), TARN_OK);
+        if (i == 1) { // in another order
+            broker_t *const owner = other.release();
+            tarn_sdk_mqtt_broker_destroy(owner);
+            deinits();
+        }
+    }
 }
 
 TEST_F(deinit, works_without_a_start_and_again)

@@ -11,15 +11,15 @@ using namespace tarn::test;
 
 namespace {
 
-// What the event and the access-control callback do, and how often they were called.
+// What the event and the access-control callback do, and how often they did it.
 std::function<void(broker_t *)> g_act;
 std::atomic<int>                g_calls{0};
 
 void on_event(broker_t *broker, uint32_t, const char *)
 {
-    g_calls.fetch_add(1);
     if (g_act)
         g_act(broker);
+    g_calls.fetch_add(1);
 }
 bool on_acl(broker_t *broker, const char *, const char *, uint8_t, mqtt_client_t *)
 {
@@ -77,13 +77,13 @@ const char *const kPublish         = "30 06 | 00 01 't' | 'abc'";
 TEST_F(in_callback, is_known_and_over_when_the_last_one_returns)
 {
     EXPECT_FALSE(api::in_callback());
-    bool inside = false, behind_nested = false;
+    bool inside = false, behind_nested = false, in_acl = false;
     OwnClient client(broker);
     tarn_sdk_mqtt_broker_register_event_callback(broker, on_event);
     tarn_sdk_mqtt_broker_register_acl_callback(broker, on_acl);
     g_act = [&](broker_t *) {
-        if (g_calls > 1)
-            return;
+        if (std::exchange(inside, true))
+            return; // the nested one
         inside = api::in_callback();
         broker_fire_acl(client, "t", BROKER_ACL_PUBLISH);
         behind_nested = api::in_callback();
@@ -92,6 +92,10 @@ TEST_F(in_callback, is_known_and_over_when_the_last_one_returns)
     EXPECT_EQ(g_calls, 2);
     EXPECT_TRUE(inside);
     EXPECT_TRUE(behind_nested);
+    EXPECT_FALSE(api::in_callback());
+    g_act = [&](broker_t *) { in_acl = api::in_callback(); };
+    EXPECT_TRUE(broker_fire_acl(client, "t", BROKER_ACL_SUBSCRIBE));
+    EXPECT_TRUE(in_acl);
     EXPECT_FALSE(api::in_callback());
     static bool in_auth = false;
     tarn_sdk_mqtt_broker_register_auth_callback(
@@ -105,19 +109,17 @@ TEST_F(in_callback, is_known_and_over_when_the_last_one_returns)
 TEST_F(in_callback, on_the_io_thread_everything_may_be_ended)
 {
     tarn_sdk_mqtt_broker_register_acl_callback(broker, on_acl);
-    ASSERT_EQ(broker.start(), TARN_OK);
-    std::atomic<bool> done{false};
-    g_act = [&](broker_t *instance) {
+    g_act = [](broker_t *instance) {
         EXPECT_EQ(tarn_sdk_mqtt_broker_stop(instance), TARN_OK);
         tarn_sdk_mqtt_broker_deinit(instance);
         tarn_sdk_mqtt_broker_destroy(instance);
-        done = true;
     };
+    ASSERT_EQ(broker.start(), TARN_OK);
     Peer peer;
     peer.send(kConnect);
     EXPECT_EQ(hex(peer.receive(4)), "20 02 00 00");
     peer.send(kPublish);
-    EXPECT_TRUE(eventually([&] { return done.load(); }));
+    EXPECT_TRUE(eventually([] { return g_calls == 1; }));
     (void)broker.release();
     EXPECT_EQ(peer.end(), 0);
     EXPECT_TRUE(eventually([] { return threads_named("tarn-io") == 0; }));
@@ -221,15 +223,13 @@ TEST_F(in_callback, on_the_housekeeping_thread_a_stop_lets_the_turn_end)
 
 TEST_F(in_callback, on_the_housekeeping_thread_a_stop_and_a_start_go_on_with_it)
 {
-    std::atomic<bool> done{false};
-    act_on_housekeeping_thread([&](broker_t *instance) {
+    act_on_housekeeping_thread([](broker_t *instance) {
         const pthread_t thread = instance->thread;
         EXPECT_EQ(tarn_sdk_mqtt_broker_stop(instance), TARN_OK);
         EXPECT_EQ(tarn_sdk_mqtt_broker_start(instance, 1883, 100), TARN_OK);
         EXPECT_EQ(instance->thread, thread);
-        done = true;
     });
-    EXPECT_TRUE(eventually([&] { return done.load(); }));
+    EXPECT_TRUE(eventually([] { return g_calls == 1; }));
     forget_turns();
     EXPECT_TRUE(eventually([] { return turns() > 5; }));
     EXPECT_EQ(threads_named("tarn-house"), 1u);
@@ -237,12 +237,10 @@ TEST_F(in_callback, on_the_housekeeping_thread_a_stop_and_a_start_go_on_with_it)
 
 TEST_F(in_callback, on_the_housekeeping_thread_the_instance_may_be_destroyed)
 {
-    std::atomic<bool> done{false};
-    act_on_housekeeping_thread([&](broker_t *instance) {
+    act_on_housekeeping_thread([](broker_t *instance) {
         tarn_sdk_mqtt_broker_destroy(instance);
-        done = true;
     });
-    EXPECT_TRUE(eventually([&] { return done.load() && threads_named("tarn-house") == 0; }));
+    EXPECT_TRUE(eventually([] { return g_calls == 1 && threads_named("tarn-house") == 0; }));
     (void)broker.release();
     Instance other;
     EXPECT_EQ(other.start(), TARN_E_RESOURCE); // it goes on serving
@@ -264,16 +262,17 @@ TEST_F(in_callback, an_instance_that_serves_nobody_may_be_destroyed)
 TEST_F(in_callback, clients_may_be_kicked)
 {
     tarn_sdk_mqtt_broker_register_acl_callback(broker, on_acl);
-    ASSERT_EQ(broker.start(), TARN_OK);
-    std::atomic<int32_t> result{1};
+    int32_t result = 1;
     g_act = [&](broker_t *instance) { result = tarn_sdk_mqtt_broker_kick_client(instance, "c"); };
+    ASSERT_EQ(broker.start(), TARN_OK);
     Peer peer;
     peer.send(kConnect);
     EXPECT_EQ(hex(peer.receive(4)), "20 02 00 00");
     peer.send(kPublish);
     EXPECT_EQ(hex(peer.receive(2)), "E0 00");
     EXPECT_EQ(peer.end(), 0);
-    EXPECT_TRUE(eventually([&] { return result == TARN_OK; }));
+    EXPECT_TRUE(eventually([] { return g_calls == 1; }));
+    EXPECT_EQ(result, TARN_OK);
 }
 
 // For the thread sanitizer: a will's event and the client's own new CONNECT.

@@ -139,7 +139,6 @@ public:
     mqtt_client_t *operator->() { return record_.get(); }
     mqtt_client_t &operator*() { return *record_; }
     operator mqtt_client_t *() const { return record_.get(); }
-    friend bool operator==(const mqtt_client_t *record, const Client &client) { return record == client.record_.get(); }
 
     int sends(const Bytes &packet) { return packet_dispatch(record_.get(), packet.data(), static_cast<uint32_t>(packet.size())); }
     int sends(std::string_view text) { return sends(wire(text)); }
