@@ -347,14 +347,10 @@ TEST_F(Close, runs_with_no_lock_held)
     give_will(record, 0);
     record->session_expiry_interval = 60;
     const auto look_about           = [&] { // another thread may need any of these meanwhile
-        for (Mutex &lock : g_client_mgr.locks) {
-            ASSERT_TRUE(lock.try_lock());
-            lock.unlock();
-        }
-        ASSERT_TRUE(record->will_lock.try_lock());
-        record->will_lock.unlock();
-        ASSERT_TRUE(record->send_lock.try_lock());
-        record->send_lock.unlock();
+        for (Mutex &lock : g_client_mgr.locks)
+            ASSERT_TRUE(is_free(lock));
+        ASSERT_TRUE(is_free(record->will_lock));
+        ASSERT_TRUE(is_free(record->send_lock));
     };
     g_calls.on_mark = look_about;
     g_calls.on_will = [&](mqtt_client_t &) { look_about(); };
