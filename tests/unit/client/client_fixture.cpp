@@ -195,6 +195,14 @@ int queued(const mqtt_client_t *client)
     return (peek(client->send_tail) - peek(client->send_head) + CLIENT_SEND_SLOTS) % CLIENT_SEND_SLOTS;
 }
 
+bool is_free(Mutex &lock)
+{
+    if (!lock.try_lock())
+        return false;
+    lock.unlock();
+    return true;
+}
+
 void while_it_waits(Mutex &lock, const std::function<void()> &act, const std::function<void()> &then)
 {
     lock.lock();
