@@ -41,15 +41,6 @@ extern Calls g_calls;
 
 std::vector<std::string> take_calls();
 
-// Whether any thread could have the lock now.
-inline bool is_free(Mutex &lock)
-{
-    if (pthread_mutex_trylock(&lock.raw) != 0)
-        return false;
-    pthread_mutex_unlock(&lock.raw);
-    return true;
-}
-
 // One end of a stream in the connection table, the other for the test. Open until destroyed, whoever closes the slot.
 class Socket {
 public:
