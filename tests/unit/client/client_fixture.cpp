@@ -70,12 +70,11 @@ Socket::~Socket()
 
 Bytes Socket::received()
 {
-    Bytes   bytes(1 << 20);
-    ssize_t total = 0;
-    for (ssize_t got; (got = recv(ours_, bytes.data() + total, bytes.size() - static_cast<size_t>(total), 0)) > 0;)
-        total += got;
-    bytes.resize(static_cast<size_t>(total));
-    return bytes;
+    Bytes   all;
+    uint8_t part[4096];
+    for (ssize_t got; (got = recv(ours_, part, sizeof part, 0)) > 0;)
+        all.insert(all.end(), part, part + got);
+    return all;
 }
 
 Bytes Socket::wait_for(size_t bytes)

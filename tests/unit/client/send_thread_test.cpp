@@ -31,16 +31,14 @@ TEST(send_thread, is_woken_and_does_not_wait_for_its_turn)
     const Sending        sending;
     mqtt_client_t *const client = log_in(1, "dev1");
     Socket               socket(1);
-    const uint64_t       start_ms = mono_ms();
+    int                  quick = 0;
     for (uint8_t i = 0; i < 50; ++i) {
+        const uint64_t start_ms = mono_ms();
         send(client, {i});
         ASSERT_EQ(socket.wait_for(1), Bytes{i});
+        quick += mono_ms() - start_ms < 5;
     }
-#ifdef TARN_SANITIZED
-    EXPECT_LT(mono_ms() - start_ms, 2000u) << "and 5000 ms at the pace of a thread that nobody wakes";
-#else
-    EXPECT_LT(mono_ms() - start_ms, 400u) << "50 packets at 10 ms each would take 500 ms";
-#endif
+    EXPECT_GT(quick, 15) << "each comes just after a turn of 10 ms or more; a busy machine may be slow at some";
 }
 
 TEST(send_thread, sends_what_was_queued_before_it_started)
