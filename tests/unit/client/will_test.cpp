@@ -270,7 +270,7 @@ TEST_F(WillScan, does_not_claim_what_is_not_due)
     while_it_waits(record->will_lock, client_will_delay_scan, [&] {
         EXPECT_FALSE(client::is_idle(0)) << "the scan looks at it";
         EXPECT_TRUE(claim_closing(*record)) << "as the CONNECT of a client that comes back does, to cancel its will";
-        unclaim_closing(*record);
+        client::side_at(0).closing = 0; // unclaim_closing would look at the will
     });
 }
 
