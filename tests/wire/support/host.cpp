@@ -1,5 +1,8 @@
 #include "host.h"
 
+#include "base/mutex.h"
+#include "qos/qos_reliable.h"
+
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <mutex>
@@ -66,6 +69,15 @@ std::string Host::retained_topics()
     std::vector<char> text(1 << 18);
     EXPECT_EQ(tarn_sdk_mqtt_broker_get_retain_topic_list(broker_, text.data(), static_cast<int32_t>(text.size())), 0);
     return text.data();
+}
+
+std::vector<Pending> pending_deliveries()
+{
+    std::vector<Pending> all;
+    const ScopedLock     lock(g_queue_mutex);
+    for (const qos_packet_t *entry = g_pending_queue; entry; entry = entry->next)
+        all.push_back({entry->msg_id, entry->qos, entry->qos2_state});
+    return all;
 }
 
 void Hooks::listen(broker_t *broker)
