@@ -65,7 +65,8 @@ public:
         ASSERT_EQ(copies_.size(), copies);
         for (size_t i = 0; i < copies; ++i) {
             SCOPED_TRACE(testing::Message() << "copy " << i << " after " << copies_[i].at_s - to_s << " s");
-            EXPECT_EQ(copies_[i].packet, publish_packet(level_, "t", "hello", {.qos = qos_, .dup = i >= 2, .id = id()}));
+            EXPECT_EQ(copies_[i].packet,
+                      publish_packet(level_, "t", "hello", {.qos = qos_, .dup = i >= 2, .id = id()}));
             EXPECT_GE(copies_[i].at_s, from_s + kCopyAfter_s[i]);
             EXPECT_LE(copies_[i].at_s, to_s + kCopyAfter_s[i] + slack_s(i));
         }

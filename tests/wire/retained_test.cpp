@@ -229,14 +229,14 @@ TEST(retained, lives_go_on_across_a_restart_and_end_after_seven_days_without_an_
     LogCapture log(1);
     Host       host;
     tarn_sdk_mqtt_broker_set_log_level(host.broker(), 1);
-    EXPECT_TRUE(wait_until([&] { return host.retained_topics() == "young\nrunning\n"; }, 2000 * kSlowdown + kCleaned_ms));
+    EXPECT_TRUE(
+        wait_until([&] { return host.retained_topics() == "young\nrunning\n"; }, 2000 * kSlowdown + kCleaned_ms));
     EXPECT_GT(time(nullptr), soon);
     expect_replay("+", publish_packet(4, "young", "x", {.retain = true}) +
                            publish_packet(4, "running", "x", {.retain = true}));
     EXPECT_EQ(log.count(info("保留消息已过期，自动清理: topic=soon")), 1);
-    EXPECT_TRUE(wait_until([] {
-        return std::filesystem::file_size("broker_data/retain.dat") == 4 + 2 * sizeof(retain_msg_t);
-    }));
+    EXPECT_TRUE(wait_until(
+        [] { return std::filesystem::file_size("broker_data/retain.dat") == 4 + 2 * sizeof(retain_msg_t); }));
 }
 
 TEST(retained, a_full_store_takes_a_new_topic_once_one_has_ended)
