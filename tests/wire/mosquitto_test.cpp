@@ -3,6 +3,7 @@
 #include "support/peer.h"
 
 #include <gtest/gtest.h>
+#include <sstream>
 
 using namespace tarn::test;
 
@@ -103,6 +104,42 @@ TEST_P(mosquitto_session, that_is_kept)
     Child sub = subscriber("keeper", {"-c", "-t", "t", "-q", qos, "-C", "1"});
     EXPECT_EQ(sub.wait(kLimit_ms), 0) << sub.output();
     EXPECT_TRUE(printed(sub, "hello")) << sub.output();
+}
+
+// Each waits for as many messages as are its share, so that a wrong turn shows as a client that does not end.
+TEST_P(mosquitto, three_in_a_shared_group_take_turns)
+{
+    std::vector<Child> members;
+    for (const char *id : {"first", "second", "third"})
+        members.push_back(subscriber(id, {"-t", "$share/g/t", "-q", qos, "-C", "3"}));
+    Child pub("pub", {"sh", "-c", "seq 100 108 | mosquitto_pub -V mqttv311 -i pub -t t -l -q " + qos});
+    EXPECT_EQ(pub.wait(kLimit_ms), 0) << pub.errors();
+    for (int member = 0; member < 3; ++member) {
+        Child &sub = members[static_cast<size_t>(member)];
+        EXPECT_EQ(sub.wait(kLimit_ms), 0) << sub.output();
+        for (int message = 100 + member; message < 109; message += 3)
+            EXPECT_TRUE(printed(sub, std::to_string(message))) << message << " is not among\n" << sub.output();
+    }
+}
+
+TEST_P(mosquitto, several_retained_messages_in_order_at_their_own_qos)
+{
+    publish({"-t", "r/1", "-m", "one", "-q", "2", "-r"});
+    publish({"-t", "r/2", "-m", "two", "-q", "2", "-r"});
+    publish({"-t", "r/3", "-m", "three", "-q", "2", "-r"});
+    publish({"-t", "r/1", "-m", "changed", "-q", "2", "-r"});
+    publish({"-t", "r/2", "-n", "-q", "2", "-r"});
+    publish({"-t", "r/4", "-m", "four", "-q", "1", "-r"});
+    publish({"-t", "r/5", "-m", "five", "-q", "0", "-r"});
+    Child sub = unready_subscriber("sub", {"-t", "r/#", "-q", qos, "-C", "4", "-F", "%t %p qos %q retain %r"});
+    EXPECT_EQ(sub.wait(kLimit_ms), 0) << sub.output();
+    std::string       lines;
+    std::stringstream output(sub.output());
+    for (std::string line; std::getline(output, line);)
+        if (line.rfind("r/", 0) == 0)
+            lines += line + "\n";
+    EXPECT_EQ(lines, "r/4 four qos 1 retain 1\nr/5 five qos 0 retain 1\n"       // shown as they come
+                     "r/1 changed qos 2 retain 1\nr/3 three qos 2 retain 1\n"); // shown on PUBREL, behind the SUBACK
 }
 
 INSTANTIATE_TEST_SUITE_P(qos, mosquitto, testing::Values(0, 1, 2));

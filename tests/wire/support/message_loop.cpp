@@ -86,6 +86,8 @@ private:
     Bytes out_, in_;
 };
 
+constexpr double kGiveUp_s = 1.0 * kSlowdown;
+
 struct Subscriber {
     Link     link;
     uint32_t next = 0; // number of the message that comes next
@@ -134,7 +136,7 @@ private:
 
     void exchange()
     {
-        const double start_s = now_s();
+        const double start_s = moved_s_ = now_s();
         latencies_ms_.reserve(static_cast<size_t>(options_.messages) * options_.subscribers);
         while (arrived_ < options_.messages || acknowledged_ < (options_.qos ? options_.messages : 0)) {
             if (now_s() - start_s > options_.limit_s) {
@@ -147,8 +149,20 @@ private:
                 result_.error = "a connection ended";
                 break;
             }
+            if (options_.qos && acknowledged_ == sent_ && now_s() - moved_s_ > kGiveUp_s)
+                give_up();
         }
         result_.seconds = now_s() - start_s;
+    }
+
+    // What the publisher has an acknowledgement for and still does not come is lost, and the window must not wait for it.
+    void give_up()
+    {
+        for (Subscriber &subscriber : subscribers_) {
+            result_.lost += sent_ - subscriber.next;
+            subscriber.next = sent_;
+        }
+        arrived_ = sent_;
     }
 
     void send_what_fits()
@@ -174,7 +188,10 @@ private:
         fds[0] = publisher_.wanted();
         poll(fds.data(), fds.size(), 100);
 
-        bool alive = publisher_.read([&](const uint8_t *packet, size_t) { acknowledged_ += packet[0] == 0x40; });
+        bool alive = publisher_.read([&](const uint8_t *packet, size_t) {
+            acknowledged_ += packet[0] == 0x40;
+            moved_s_ = now_s();
+        });
         for (Subscriber &subscriber : subscribers_)
             alive &= subscriber.link.read([&](const uint8_t *packet, size_t size) { take(subscriber, packet, size); });
         arrived_ = std::min_element(subscribers_.begin(), subscribers_.end(), [](auto &a, auto &b) {
@@ -199,10 +216,11 @@ private:
             ++result_.disordered;
             return;
         }
+        moved_s_ = now_s();
         result_.lost += stamp.number - subscriber.next;
         subscriber.next = stamp.number + 1;
         ++result_.deliveries;
-        latencies_ms_.push_back((now_s() - stamp.sent_at_s) * 1000);
+        latencies_ms_.push_back((moved_s_ - stamp.sent_at_s) * 1000);
     }
 
     void summarise()
@@ -221,6 +239,7 @@ private:
     Link                    publisher_;
     std::vector<Subscriber> subscribers_;
     uint32_t                sent_ = 0, arrived_ = 0, acknowledged_ = 0; // messages; arrived: everywhere
+    double                  moved_s_ = 0;                               // when the last packet came
     std::vector<double>     latencies_ms_;
     LoopResult              result_;
 };
