@@ -226,7 +226,8 @@ int32_t tarn_sdk_mqtt_broker_start(broker_t *broker, int32_t port, int32_t max_c
         (void)api::end_housekeeping(*broker); // a stop inside a callback may have left it
         poke(broker->running, 1);
     }
-    LOG_INFO("[SDK] start success, listen 0.0.0.0:%d", port); // before the first turn's report: lines that meet are lost
+    // Before the first turn's report: lines that meet are lost.
+    LOG_INFO("[SDK] start success, listen 0.0.0.0:%d", port);
     api::begin_housekeeping(*broker);
     return TARN_OK;
 }

@@ -8,10 +8,10 @@
 #define TARN_BASE_EXPORT_H
 
 #ifdef __cplusplus
+/* clang-format off */
 #define TARN_API_BEGIN _Pragma("GCC visibility push(default)") extern "C" {
-#define TARN_API_END                                                                                                   \
-    }                                                                                                                  \
-    _Pragma("GCC visibility pop")
+#define TARN_API_END } _Pragma("GCC visibility pop")
+/* clang-format on */
 #define TARN_LAYOUT_CHECK(cond) static_assert(cond, #cond)
 #else
 #define TARN_API_BEGIN _Pragma("GCC visibility push(default)")
