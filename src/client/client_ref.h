@@ -79,7 +79,7 @@ void               unclaim_closing(mqtt_client_t &client) noexcept;
 void release_parked(mqtt_client_t &client) noexcept;
 
 // The same for a pool record whose delay was called off while another thread parked it or looked at it: no scan would
-// ever take it. Asked by who calls off and, in unclaim_closing, by who had the claim meanwhile.
+// ever take it. Asked by who calls off and, in unclaim_closing, by who had the claim meanwhile; takes will_lock.
 void release_called_off(mqtt_client_t &client) noexcept;
 
 // False while no delayed will can be due: what the housekeeping thread asks before it scans the pool.
