@@ -22,6 +22,7 @@ constexpr uint32_t kMessages = kSanitized ? 1000 : 20000;
 constexpr unsigned kTopics   = 10;  // message n goes to topic n % kTopics
 constexpr uint32_t kInFlight = 64;  // messages sent that have not reached everybody; a ring holds 99
 constexpr uint32_t kOwed     = 600; // acknowledgements that one subscriber owes; the broker tracks 1000 deliveries
+constexpr unsigned kStay     = kSanitized ? 20 : 60; // deliveries until the restless go, and up to twice as many
 
 enum class Temper {
     Prompt,
@@ -66,7 +67,7 @@ public:
             peer_->send(std::exchange(answers_, {}) + wire("C0 00"));
             batches_.push_back(std::exchange(answered_, 0u));
         }
-        if (temper_ == Temper::Restless && since_arrival_ > 60 + random_() % 60)
+        if (temper_ == Temper::Restless && since_arrival_ > kStay + random_() % kStay)
             leave();
     }
 
