@@ -19,10 +19,10 @@ tarn_mutex_t g_persist_mutex{};
 namespace tarn::persist {
 namespace {
 
-constexpr int      kAttempts       = 3;
-constexpr uint32_t kRetryPause_ms  = 10;
-constexpr size_t   kFileLocks      = 64;
-constexpr size_t   kTmpChars       = 4; // ".tmp"
+constexpr int      kAttempts      = 3;
+constexpr uint32_t kRetryPause_ms = 10;
+constexpr size_t   kFileLocks     = 64;
+constexpr size_t   kTmpChars      = 4; // ".tmp"
 
 constinit Mutex g_files_mx[kFileLocks]{};
 
@@ -98,8 +98,8 @@ void safe_write(const Path &path, const char *text) noexcept
 Mutex &files_lock(const char *client_id) noexcept
 {
     uint32_t hash = 0;
-    for (const char *c = client_id; *c; ++c)
-        hash = hash * 31 + static_cast<unsigned char>(*c);
+    for (size_t i = 0; i < sizeof(persist_session_t::client_id) - 1 && client_id[i]; ++i) // as records cut it
+        hash = hash * 31 + static_cast<unsigned char>(client_id[i]);
     return g_files_mx[hash % kFileLocks];
 }
 
