@@ -5,6 +5,7 @@
 #include "../stats/mqtt_stats.h"
 #include "persist_internal.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -43,14 +44,15 @@ bool write_whole(const char *name, const char *text)
     return fclose(file) == 0 && written;
 }
 
-// Replaces the target in one step, so that whoever opens it meets the old text or the new one. Only when that fails the
-// target is deleted first.
+// Replaces the target in one step, so that whoever opens it meets the old text or the new one. The target is deleted
+// first only where the file system cannot replace: after any other failure that could lose the old text for nothing.
 bool replace(const char *tmp, const char *target)
 {
     for (int attempt = 1; attempt <= kAttempts; ++attempt) {
         if (rename(tmp, target) == 0)
             return true;
-        unlink(target);
+        if (errno == EEXIST)
+            unlink(target);
         if (attempt < kAttempts)
             pause_ms(kRetryPause_ms);
     }
@@ -129,7 +131,7 @@ void persist_make_dir(const char *path)
 int persist_init(const char *root_path)
 {
     LOG_INFO("[persist] 持久化模块初始化中...");
-    if (root_path && *root_path)
+    if (root_path && *root_path && strcmp(root_path, g_persist_root_path) != 0) // clients of another instance read it
         copy_text(g_persist_root_path, root_path, sizeof g_persist_root_path - 1);
     persist_make_dir(g_persist_root_path);
     for (const char *directory :

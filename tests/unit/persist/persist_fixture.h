@@ -9,6 +9,7 @@
 #include "support/faults.h"
 #include "support/log_capture.h"
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
