@@ -16,8 +16,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 
 namespace tarn::test {
 

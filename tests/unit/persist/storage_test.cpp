@@ -1,7 +1,6 @@
 #include "base/text.h"
 #include "persist_fixture.h"
 
-#include <set>
 #include <sys/stat.h>
 #include <unistd.h>
 
