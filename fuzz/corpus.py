@@ -1,14 +1,15 @@
 #!/usr/bin/env python3
 """First inputs of the fuzzers: corpus.py <fuzzer> <directory>. One file an input, named by what it holds.
 
-Packets are written as the tests write them: hex pairs and 'quoted text'. Whole packets of every family are enough; the
-fuzzer cuts and bends them itself. What long runs found beyond them is kept in <fuzzer>.hex, one input a line; after
-a run that reached more, renew it:
+Packets are written as the tests write them: hex pairs and 'quoted text'. Whole packets and files of every kind are
+enough; the fuzzer cuts and bends them itself. What long runs found beyond them is kept in <fuzzer>.hex, one input a
+line; after a run that reached more, renew it:
 
     <fuzzer>_fuzz -merge=1 least corpus/<fuzzer>_fuzz && corpus.py --keep <fuzzer> least
 """
 import os
 import re
+import struct
 import sys
 
 
@@ -89,6 +90,77 @@ def codec_encode():
     for kind in (12, 13, 14, 15):
         for level in (0x00, 0x10, 0x20):
             yield f"simple_{kind}_{level:02x}", bytes([kind | level | SIMPLE, 0x00, 0x7F, 0])
+
+
+# The session file's keys, in its order, with a value each.
+SESSION = (
+    b'{"client_id":"id","clean_session":false,"clean_start":true,"session_expiry_interval":60,'
+    b'"session_expiry_deadline":1763200000,"last_online":1763100000,"will_flag":true,"will_topic":"w/t","will_qos":1,'
+    b'"will_len":4,"will_payload":"676f6e65","will_delay_interval":5,"will_msg_expiry_interval":6,'
+    b'"will_payload_format":1,"will_content_type":"text","will_response_topic":"r","will_correlation_len":3}')
+
+
+def subscription(topic, qos=b"1"):
+    return b'{"topic":"%s","qos":%s}' % (topic, qos)
+
+
+def message(topic, payload=b"6869", msgid=b"7", qos=b"1"):
+    return b'{"msgid":%s,"qos":%s,"topic":"%s","payload":"%s"}' % (msgid, qos, topic, payload)
+
+
+def listed(name, entries):
+    return b'{"%s":[%s]}' % (name, b",".join(entries))
+
+
+TOPICS = {
+    "plain": b"a/b",
+    "empty": b"",
+    "escapes": rb'\"\\\/\b\f\n\r\t\u0001\u001F\u007f',
+    "no_escapes": rb"\u0000\u0080\x\u00",
+    "open": b"a\\",
+    "key_inside": rb'\",\"qos\":1},{\"topic\":\"#',
+    "braces": rb"\u007b\u007d",
+    "bare_braces": b"a}b{c",
+    "high_bytes": b"\xff\xc3\xa9\x7f",
+    "long": b"t" * 256,
+}
+
+
+def persist_load():
+    session, subscriptions, messages = b"\0", b"\1", b"\2"
+    yield "session", session + SESSION
+    yield "session_cut", session + SESSION[:227]
+    yield "session_spread", session + SESSION.replace(b'"will', b" " * 120 + b'"will')
+    yield "session_last_key", session + b'"session_expiry_deadline":'
+    yield "session_big", session + b'"session_expiry_interval":99999999999999999999999,"will_flag":true,"will_len":-1'
+    for name, topic in TOPICS.items():
+        yield "subscription_" + name, subscriptions + listed(b"subs", [subscription(topic), subscription(b"x", b"2")])
+        yield "message_" + name, messages + listed(b"msgs", [message(topic), message(b"x")])
+    yield "subscriptions_65", subscriptions + listed(b"subs", [subscription(b"t")] * 65)
+    yield "messages_101", messages + listed(b"msgs", [b'{"topic":"","qos":,"msgid":,"payload":"}'] * 101)
+    yield "message_long", messages + listed(b"msgs", [message(b"t", b"61" * 600), message(b"u")])
+    yield "message_odd_hex", messages + listed(b"msgs", [message(b"t", hexed) for hexed in (b"616", b"6x", b"AF")])
+    yield "message_big", messages + listed(b"msgs", [message(b"t", b"61", b"65536", b"256"), message(b"t", b"", b"-1")])
+    yield "message_keyless", messages + listed(b"msgs", [b'{"msgid":1}', b'{"qos":1,"topic":"', message(b"t")])
+    for which, start in ((session, b'"will_flag":'), (subscriptions, b'"subs":[{"topic":"'), (messages, b'"msgs":[{')):
+        yield f"empty_{which[0]}", which
+        yield f"start_{which[0]}", which + start
+
+
+def persist_retain():
+    def record(topic, payload_len=5, qos=1, store_time=1763200000, expiry=0):
+        return topic[:257].ljust(257, b"\0") + struct.pack("<IIqI", payload_len, qos, store_time, expiry)
+
+    one, two = record(b"a/b"), record(b"c", 2048, 2, 0, 10)
+    wild = record(b"\xff" * 257, 0xFFFFFFFF, 0xFFFFFFFF, -(2 ** 63), 0xFFFFFFFF)
+    for name, count, records in (
+            ("none", 0, []), ("one", 1, [one]), ("two", 2, [one, two]), ("short", 3, [one, two]),
+            ("fewer", 1, [one, two]), ("wild", 2, [wild, one]), ("late", 1, [record(b"z", 0, 0, 2 ** 63 - 1, 1)]),
+            ("same", 2, [one, one]), ("too_many", 1001, [one]), ("most", 1000, [one]), ("huge", 0xFFFFFFFF, [one]),
+            ("nameless", 1, [record(b"")])):
+        yield name, struct.pack("<I", count) + b"".join(records)
+    yield "cut", struct.pack("<I", 2) + one + two[:-1]
+    yield "no_count", b"\1\0\0"
 
 
 def found_file(fuzzer):

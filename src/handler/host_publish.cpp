@@ -1,6 +1,5 @@
 // host_publish.cpp - a message of the host's own: neither callbacks nor an excluded sender, and hardly a line of log.
 #include "../base/text.h"
-#include "../persist/persist.h"
 #include "../sub/retain.h"
 #include "routing.h"
 
@@ -19,16 +18,17 @@ struct HostPath : BasicPath {
     bool passes_over(const Receiver &to) { return to.route.client_id[0] == '\0'; }
     void absent(const Receiver &to, const mqtt_client_t *, uint32_t)
     {
-        if (!has_saved_session(to.route) || message.topic.empty() || message.payload.empty())
+        persist::HeldSession session(to.route.client_id);
+        if (!keeps_messages(session, to.route) || message.topic.empty() || message.payload.empty())
             return;
-        const auto kept_qos = static_cast<uint8_t>(qos_to(to));
+        const uint32_t kept_qos = qos_to(to);
         if (kept_qos == 0) {
-            LOG_INFO("[MQTT标准] QoS=0 离线消息不存储：ClientID=%s, Topic=%s", to.route.client_id, message.topic_text());
+            LOG_INFO("[MQTT标准] QoS=0 离线消息不存储：ClientID=%s, Topic=%s", to.route.client_id,
+                     message.topic_text());
             return;
         }
-        (void)persist_add_offline_msg(to.route.client_id, message.topic_text(), message.payload.data(),
-                                      static_cast<int32_t>(message.payload_len()), kept_qos);
-        LOG_INFO("[STANDARD] APP发布离线消息已存储: %s, Topic=%s", to.route.client_id, message.topic_text());
+        if (keep_message(session, message, kept_qos))
+            LOG_INFO("[STANDARD] APP发布离线消息已存储: %s, Topic=%s", to.route.client_id, message.topic_text());
     }
     // Tracked whether it can be queued or not, also when only the buffer was too small for it: the scan delivers it
     // then. Before it is queued, since its acknowledgement may come in on another thread.

@@ -25,15 +25,6 @@ void requeue(mqtt_client_t &client, const persist_msg_t &message)
     LOG_DEBUG("[packet_handler] 已补发: msgid=%d topic=%s qos=%d", id, message.topic, message.qos);
 }
 
-// The saved session of this id, or null when it has no messages.
-persist_session_t *load_messages(const char *client_id)
-{
-    persist_session_t *const saved        = persist::scratch_session(client_id);
-    int                      files_opened = 0;
-    const bool               loaded       = saved && persist::load_session(saved, &files_opened) == 0;
-    return loaded && saved->msg_count > 0 ? saved : nullptr;
-}
-
 } // namespace
 
 // QUIRK(offline-late): messages of a resumed session come with the retransmission scan, first with DUP 0, and those of
@@ -56,15 +47,17 @@ void packet_handler_restore_offline_msgs(mqtt_client_t *client)
         return;
     }
 
-    persist_session_t *const saved = load_messages(id.text);
-    if (!saved) {
+    // Held until the file is emptied: what others store meanwhile would go with it.
+    persist::HeldSession held(id.text);
+    if (!held.is_loaded() || held.record().msg_count == 0) {
         LOG_DEBUG("[packet_handler] 无离线消息需要补发: %s", id.text);
         return;
     }
-    LOG_INFO("[packet_handler] 开始补发离线消息: %s 共 %d 条", id.text, saved->msg_count);
-    for (int at = 0; at < saved->msg_count; at++)
-        requeue(*client, saved->msgs[at]);
-    saved->msg_count = 0;
-    persist_mark(saved, PERSIST_MESSAGES);
+    persist_session_t &saved = held.record();
+    LOG_INFO("[packet_handler] 开始补发离线消息: %s 共 %d 条", id.text, saved.msg_count);
+    for (int at = 0; at < saved.msg_count; at++)
+        requeue(*client, saved.msgs[at]);
+    saved.msg_count = 0;
+    held.write_messages();
     LOG_INFO("[packet_handler] 离线消息补发完成: %s，已清空离线消息", id.text);
 }

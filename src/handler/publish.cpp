@@ -1,7 +1,6 @@
 // publish.cpp - PUBLISH from a client: ask the host, keep a retained copy, route, acknowledge.
 #include "../base/text.h"
 #include "../codec/mqtt_codec.h"
-#include "../persist/persist.h"
 #include "../stats/mqtt_stats.h"
 #include "../sub/retain.h"
 #include "reply.h"
@@ -22,17 +21,15 @@ struct ClientPath : BasicPath {
     ClientPath(Message &what, std::string_view from) : BasicPath(what), sender(from) {}
 
     bool passes_over(const Receiver &to) { return sender == to.route.client_id; }
-    void not_chosen(const Receiver &to)
-    {
-        LOG_DEBUG("[共享订阅] 订阅者%d 同组已负载均衡，跳过发送", to.number);
-    }
+    void not_chosen(const Receiver &to) { LOG_DEBUG("[共享订阅] 订阅者%d 同组已负载均衡，跳过发送", to.number); }
     // Kept at QoS 0 too, unlike on the host's path.
     void absent(const Receiver &to, const mqtt_client_t *, uint32_t)
     {
-        if (!has_saved_session(to.route) || message.topic.empty() || message.payload.empty())
+        persist::HeldSession session(to.route.client_id);
+        if (!keeps_messages(session, to.route) || message.topic.empty() || message.payload.empty())
             return;
-        (void)persist_add_offline_msg(to.route.client_id, message.topic_text(), message.payload.data(),
-                                      static_cast<int32_t>(message.payload_len()), static_cast<uint8_t>(qos_to(to)));
+        if (!keep_message(session, message, qos_to(to)))
+            return;
         LOG_INFO("[MQTT标准] 离线消息已存储：ClientID=%s, Topic=%s", to.route.client_id, message.topic_text());
         mqtt_stats_inc_offline_msg();
     }
@@ -119,12 +116,10 @@ int answer_publisher(mqtt_client_t &client, uint32_t qos, uint16_t id)
 {
     switch (qos) {
     case 1:
-        return acknowledge(client, PUBACK, id, "puback_buf malloc failed: %d",
-                           "发送PUBACK成功：ClientID=%s, MsgID=%d");
+        return acknowledge(client, PUBACK, id, "puback_buf malloc failed: %d", "发送PUBACK成功：ClientID=%s, MsgID=%d");
     case 2:
         poke(client.qos2_pending_msg_id, id);
-        return acknowledge(client, PUBREC, id, "pubrec_buf malloc failed: %d",
-                           "发送PUBREC成功：ClientID=%s, MsgID=%d");
+        return acknowledge(client, PUBREC, id, "pubrec_buf malloc failed: %d", "发送PUBREC成功：ClientID=%s, MsgID=%d");
     default:
         return 0;
     }

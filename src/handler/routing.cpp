@@ -1,7 +1,6 @@
 // routing.cpp - match lists, shared choice over them, and the question whether an absent receiver has a session.
 #include "routing.h"
 
-#include "../persist/session_store.h"
 #include "shared_choice.h"
 
 namespace tarn::handler {
@@ -48,12 +47,16 @@ bool Matches::choose() noexcept
     return true;
 }
 
-bool has_saved_session(const sub::Route &route) noexcept
+bool keeps_messages(const persist::HeldSession &session, const sub::Route &route) noexcept
 {
-    persist_session_t *const scratch      = persist::scratch_session(route.client_id);
-    int                      files_opened = 0;
-    return scratch && persist::load_session(scratch, &files_opened) == 0 &&
-           (!route.clean_session || files_opened > 0);
+    return session.is_loaded() && (!route.clean_session || session.has_files());
+}
+
+bool keep_message(persist::HeldSession &session, const Message &message, uint32_t qos) noexcept
+{
+    session.report_again();
+    return session.add_message(message.topic_text(), message.payload.data(), message.payload_len(),
+                               static_cast<uint8_t>(qos));
 }
 
 } // namespace tarn::handler

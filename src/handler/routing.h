@@ -6,6 +6,7 @@
 #ifndef TARN_HANDLER_ROUTING_H
 #define TARN_HANDLER_ROUTING_H
 
+#include "../persist/session_store.h"
 #include "../qos/qos_reliable.h"
 #include "../sub/route.h"
 #include "delivery_cache.h"
@@ -79,8 +80,7 @@ inline void track(mqtt_client_t &client, const Message &message) noexcept
 // QUIRK(receive-maximum-ignored): deliveries do not wait for acknowledgements of earlier ones, whatever Receive Maximum a
 // 5.0 client announced [MQTT-3.3.4-9]. What limits them is the client's ring and 1000 pending deliveries.
 //   test: publish.a_receive_maximum_holds_nothing_back
-template <class Path>
-bool deliver(DeliveryCache &cache, Path &path, const Receiver &to, mqtt_client_t &client)
+template <class Path> bool deliver(DeliveryCache &cache, Path &path, const Receiver &to, mqtt_client_t &client)
 {
     const uint32_t version = peek(client.codec.version); // once: another thread may change it
     const uint32_t qos     = path.qos_to(to);
@@ -113,8 +113,7 @@ bool deliver(DeliveryCache &cache, Path &path, const Receiver &to, mqtt_client_t
 }
 
 // Returns the number of receivers that the message was queued for.
-template <class Path>
-int fan_out(const Matches &matches, Path &path)
+template <class Path> int fan_out(const Matches &matches, Path &path)
 {
     DeliveryCache cache(path.message);
     int           sent = 0;
@@ -137,8 +136,11 @@ int fan_out(const Matches &matches, Path &path)
 }
 
 // True when a message for this absent receiver is to be kept: its subscription asked to be remembered, or one of its
-// files is there. Reads the files either way, and counts and logs that.
-[[nodiscard]] bool has_saved_session(const sub::Route &route) noexcept;
+// files is there.
+[[nodiscard]] bool keeps_messages(const persist::HeldSession &session, const sub::Route &route) noexcept;
+
+// Asking and storing count and say a load each, though the files are read once. False without memory.
+[[nodiscard]] bool keep_message(persist::HeldSession &session, const Message &message, uint32_t qos) noexcept;
 
 } // namespace tarn::handler
 

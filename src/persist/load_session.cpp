@@ -3,6 +3,8 @@
 // Nothing here is a JSON parser, and file layouts depend on it: each key is searched as text, anywhere, and its value
 // is read a fixed distance behind the key's first character. Some distances are not the key's length, so those values
 // come back cut or empty; the table says which. Whatever is found is taken, whatever is missing stays as it was.
+//
+// Reading is silent. What a load counts and says is made from what it found, after the lock is dropped.
 #include "../base/text.h"
 #include "../log/log.h"
 #include "../stats/mqtt_stats.h"
@@ -21,10 +23,15 @@ namespace {
 constexpr size_t kSlack = 64;
 using SessionText       = char[PERSIST_TEXT_READ_MAX + 1 + kSlack];
 
+FILE *open_file(const Path &path)
+{
+    return path.usable ? fopen(path.text, "re") : nullptr;
+}
+
 // False when there is no such file.
 bool read_file(const Path &path, char *text, size_t limit)
 {
-    FILE *const file = path.usable ? fopen(path.text, "re") : nullptr;
+    FILE *const file = open_file(path);
     if (!file)
         return false;
     const size_t got = fread(text, 1, limit, file);
@@ -44,10 +51,9 @@ std::string_view up_to_quote(const char *from)
 
 struct SessionKey {
     const char *key;
-    size_t      distance;     // from the key's first character to the value's
-    bool        will_only;    // looked at only when will_flag is set
+    size_t      distance;  // from the key's first character to the value's
+    bool        will_only; // looked at only when will_flag is set
     void (*store)(persist_session_t &record, const char *value);
-    // What the distance makes of the value, where it is not simply restored.
 };
 
 unsigned long long number(const char *value)
@@ -60,8 +66,7 @@ uint8_t holds_true(const char *value)
 }
 void store_will_payload(persist_session_t &record, const char *value)
 {
-    record.will_len =
-        static_cast<uint32_t>(unhex(record.will_payload, sizeof record.will_payload, up_to_quote(value)));
+    record.will_len = static_cast<uint32_t>(unhex(record.will_payload, sizeof record.will_payload, up_to_quote(value)));
 }
 
 template <size_t N> void store_text(char (&field)[N], const char *value)
@@ -69,6 +74,7 @@ template <size_t N> void store_text(char (&field)[N], const char *value)
     unescape(field, std::min<size_t>(N - 1, 255), up_to_quote(value));
 }
 
+// With what the distance makes of the value, where it is not simply restored.
 constexpr SessionKey kSessionKeys[] = {
     {"\"session_expiry_interval\":", 26, false,
      [](persist_session_t &r, const char *v) { r.session_expiry_interval = static_cast<uint32_t>(number(v)); }},
@@ -111,8 +117,8 @@ void take_session(persist_session_t &record, const char *text)
 
 // ---- subscription file
 
-// {"subs":[{"topic":"...","qos":N},...]}
-void take_subscriptions(persist_session_t &record, const char *text)
+// {"subs":[{"topic":"...","qos":N},...]}. False when there is no list.
+bool take_subscriptions(persist_session_t &record, const char *text)
 {
     constexpr std::string_view kTopic = "\"topic\":\"";
     constexpr std::string_view kQos   = "\",\"qos\":";
@@ -120,7 +126,7 @@ void take_subscriptions(persist_session_t &record, const char *text)
     record.sub_count = 0;
     const char *at   = strstr(text, "\"subs\":[");
     if (!at)
-        return;
+        return false;
     while ((at = strstr(at, kTopic.data())) && record.sub_count < PERSIST_SUBS_MAX) {
         const char *const topic = at + kTopic.size();
         const char *const end   = strstr(topic, kQos.data());
@@ -131,7 +137,7 @@ void take_subscriptions(persist_session_t &record, const char *text)
         at      = end + kQos.size();
         sub.qos = static_cast<uint8_t>(number(at));
     }
-    LOG_INFO("[persist] ✅ 恢复订阅成功: %s 共 %d 条", record.client_id, record.sub_count);
+    return true;
 }
 
 // ---- message file
@@ -163,85 +169,117 @@ bool take_message(persist_msg_t &message, const char *object)
     return true;
 }
 
-// {"msgs":[{...},...]}
-void take_messages(persist_session_t &record, const char *text)
+// {"msgs":[{...},...]}. False when there is no list.
+bool take_messages(persist_session_t &record, const char *text)
 {
     record.msg_count = 0;
     const char *at   = strstr(text, "\"msgs\":[");
-    if (!at) {
-        LOG_WARN("[persist][定位] 消息格式错误：找不到 msgs 节点");
-        return;
-    }
+    if (!at)
+        return false;
     char object[PERSIST_MSG_OBJECT_MAX + 1];
     while (record.msg_count < PERSIST_MSGS_MAX && (at = strchr(at, '{'))) {
         const char *const end = strchr(at, '}');
         if (!end)
-            return;
+            break;
         const auto length = std::min<size_t>(static_cast<size_t>(end + 1 - at), PERSIST_MSG_OBJECT_MAX);
         memcpy(object, at, length);
         object[length] = '\0';
         record.msg_count += take_message(record.msgs[record.msg_count], object);
         at = end + 1;
     }
+    return true;
 }
 
 // ---- the three files
 
-bool load_session_file(persist_session_t &record, const Path &path) REQUIRES(g_persist_mutex)
+bool read_session_file(persist_session_t &record, const Path &path) REQUIRES(g_persist_mutex)
 {
     SessionText text{};
     if (!read_file(path, text, PERSIST_TEXT_READ_MAX))
         return false;
-    mqtt_stats_inc_persist_read();
     take_session(record, text);
     return true;
 }
 
-bool load_subscription_file(persist_session_t &record, const Path &path) REQUIRES(g_persist_mutex)
+bool read_subscription_file(persist_session_t &record, const Path &path, bool &has_list) REQUIRES(g_persist_mutex)
 {
     SessionText text{};
     if (!read_file(path, text, PERSIST_TEXT_READ_MAX))
         return false;
-    take_subscriptions(record, text);
+    has_list = take_subscriptions(record, text);
     return true;
 }
 
-bool load_message_file(persist_session_t &record, const Path &path) REQUIRES(g_persist_mutex)
+Found::Messages read_message_file(persist_session_t &record, const Path &path) REQUIRES(g_persist_mutex)
 {
-    FILE *const file = path.usable ? fopen(path.text, "re") : nullptr;
-    if (!file) {
-        LOG_DEBUG("[persist][定位] 无离线消息文件：%s", path.text);
-        return false;
-    }
-    mqtt_stats_inc_persist_read();
+    FILE *const file = open_file(path);
+    if (!file)
+        return Found::Messages::NoFile;
+    auto found = Found::Messages::NoMemory;
     if (const owned<char> text = allocate_zeroed<char>(PERSIST_MSGS_READ_MAX + 1 + kSlack)) {
         text[fread(text.get(), 1, PERSIST_MSGS_READ_MAX, file)] = '\0';
-        take_messages(record, text.get());
-    } else {
-        LOG_ERROR("[persist] 内存分配失败");
+        found = take_messages(record, text.get()) ? Found::Messages::Taken : Found::Messages::NoList;
     }
     fclose(file);
-    return true;
+    return found;
 }
 
 } // namespace
 
-int load_session(persist_session_t *record, int *files_opened) noexcept
+int read_session(persist_session_t *record, Found &found) noexcept
 {
-    *files_opened = 0;
     if (!record || !record->client_id[0])
         return -1;
+    terminate_id(*record);
+
     const owned<Path> path = allocate<Path>(1);
     if (!path)
         return -5;
     ScopedLock lock(g_persist_mutex);
     client_path(path[0], kSessionDirectory, record->client_id);
-    *files_opened += load_session_file(*record, path[0]);
+    found.session_file = read_session_file(*record, path[0]);
     client_path(path[0], kSubscriptionDirectory, record->client_id);
-    *files_opened += load_subscription_file(*record, path[0]);
+    found.subscription_file = read_subscription_file(*record, path[0], found.subscription_list);
     client_path(path[0], kMessageDirectory, record->client_id);
-    *files_opened += load_message_file(*record, path[0]);
+    found.messages = read_message_file(*record, path[0]);
     return 0;
+}
+
+void report(const persist_session_t &record, const Found &found) noexcept
+{
+    if (found.session_file)
+        mqtt_stats_inc_persist_read();
+    if (found.subscription_list)
+        LOG_INFO("[persist] ✅ 恢复订阅成功: %s 共 %d 条", record.client_id, record.sub_count);
+    if (found.messages != Found::Messages::NoFile)
+        mqtt_stats_inc_persist_read();
+
+    switch (found.messages) {
+    case Found::Messages::NoFile: {
+        Path path;
+        client_path(path, kMessageDirectory, record.client_id);
+        LOG_DEBUG("[persist][定位] 无离线消息文件：%s", path.text);
+        break;
+    }
+    case Found::Messages::NoMemory:
+        LOG_ERROR("[persist] 内存分配失败");
+        break;
+    case Found::Messages::NoList:
+        LOG_WARN("[persist][定位] 消息格式错误：找不到 msgs 节点");
+        break;
+    case Found::Messages::Taken:
+        break;
+    }
+}
+
+int load_session(persist_session_t *record, int *files_opened) noexcept
+{
+    Found     found;
+    const int result = read_session(record, found);
+    if (result == 0)
+        report(*record, found);
+    *files_opened = found.files();
+    return result;
 }
 
 } // namespace tarn::persist
@@ -258,9 +296,11 @@ int persist_load_client_only(persist_session_t *rec)
 {
     if (!rec || !rec->client_id[0])
         return -1;
+    persist::terminate_id(*rec);
+
     persist::Path path;
     persist::client_path(path, persist::kSubscriptionDirectory, rec->client_id);
-    FILE *const file = path.usable ? fopen(path.text, "re") : nullptr;
+    FILE *const file = persist::open_file(path);
     if (!file)
         return -4;
     fclose(file);

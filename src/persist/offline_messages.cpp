@@ -33,18 +33,34 @@ persist_msg_t &place_for_one(persist_session_t &record)
     return record.msgs[PERSIST_MSGS_MAX - 1];
 }
 
-void fill(persist_msg_t &message, const char *topic, const uint8_t *payload, int32_t payload_len, uint8_t qos)
+void fill(persist_msg_t &message, const char *topic, const uint8_t *payload, uint32_t payload_len, uint8_t qos)
 {
     memset(&message, 0, sizeof message);
     message.qos   = qos;
     message.msgid = draw_msgid();
     copy_text(message.topic, topic, sizeof message.topic - 1);
-    message.payload_len = std::min<uint32_t>(static_cast<uint32_t>(payload_len), PERSIST_MSG_PAYLOAD_MAX);
+    message.payload_len = std::min<uint32_t>(payload_len, PERSIST_MSG_PAYLOAD_MAX);
     memcpy(message.payload, payload, message.payload_len);
     message.store_time = static_cast<uint64_t>(wall_s());
 }
 
 } // namespace
+
+bool HeldSession::add_message(const char *topic, const uint8_t *payload, uint32_t payload_len, uint8_t qos) noexcept
+{
+    if (!is_known())
+        return false;
+    fill(place_for_one(*record_), topic, payload, payload_len, qos);
+    write_messages();
+    return true;
+}
+
+void HeldSession::write_messages() noexcept
+{
+    if (record_->client_id[0])
+        write_files(*record_, PERSIST_MESSAGES);
+}
+
 } // namespace tarn::persist
 
 using namespace tarn;
@@ -54,29 +70,22 @@ int persist_add_offline_msg(const char *client_id, const char *topic, const uint
 {
     if (!client_id || !topic || !payload || payload_len < 1)
         return -1;
-    ScopedLock               files(persist::files_lock(client_id));
-    persist_session_t *const record = persist::scratch_session(client_id);
-    if (!record)
-        return -1;
-    persist_load(record);
-    persist::fill(persist::place_for_one(*record), topic, payload, payload_len, qos);
-    if (record->client_id[0])
-        persist::write_files(*record, PERSIST_MESSAGES);
-    return 0;
+    persist::HeldSession session(client_id);
+    return session.add_message(topic, payload, static_cast<uint32_t>(payload_len), qos) ? 0 : -1;
 }
 
 int persist_remove_offline_msg(const char *client_id, uint16_t msgid)
 {
     if (!client_id || msgid == 0)
         return -1;
-    ScopedLock               files(persist::files_lock(client_id));
-    persist_session_t *const record = persist::scratch_session(client_id);
-    if (!record || persist_load(record) != 0)
+    persist::HeldSession session(client_id);
+    if (!session.is_loaded() || !session.is_known())
         return -4;
-    persist_msg_t *const end =
-        std::remove_if(record->msgs, record->msgs + std::clamp<int>(record->msg_count, 0, PERSIST_MSGS_MAX),
-                       [&](const persist_msg_t &message) { return message.msgid == msgid; });
-    record->msg_count = static_cast<int32_t>(end - record->msgs);
-    persist::write_files(*record, PERSIST_MESSAGES);
+    auto       &messages = session.record().msgs;
+    auto       &count    = session.record().msg_count;
+    auto *const end      = std::remove_if(messages, messages + count,
+                                          [&](const persist_msg_t &message) { return message.msgid == msgid; });
+    count                = static_cast<int32_t>(end - messages);
+    session.write_messages();
     return 0;
 }

@@ -4,7 +4,7 @@
 
 #include "../base/memory.h"
 #include "../base/mutex.h"
-#include "persist.h"
+#include "session_store.h"
 
 #include <cstdarg>
 #include <string_view>
@@ -26,6 +26,12 @@ void client_path(Path &path, const char *directory, const char *client_id) noexc
 constexpr const char *kSessionDirectory      = "session";
 constexpr const char *kSubscriptionDirectory = "subscription";
 constexpr const char *kMessageDirectory      = "message";
+
+// A caller's record may lack its terminator.
+inline void terminate_id(persist_session_t &record) noexcept
+{
+    record.client_id[sizeof record.client_id - 1] = '\0';
+}
 
 // ---- texts
 
@@ -58,6 +64,10 @@ void safe_write(const Path &path, const char *text) noexcept;
 
 // Serialises writes, and reading before writing, of one client's files. Taken before g_persist_mutex.
 Mutex &files_lock(const char *client_id) noexcept;
+
+// persist_load without a word: the record from the client's files, and which of them there were.
+int  read_session(persist_session_t *record, Found &found) noexcept;
+void report(const persist_session_t &record, const Found &found) noexcept; // what it has to count and say
 
 // persist_flush_single with files_lock held; does nothing for a clean session.
 void write_files(persist_session_t &record, uint8_t what) noexcept;

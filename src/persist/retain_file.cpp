@@ -1,5 +1,6 @@
 // retain_file.cpp - the whole retained store in "retain.dat": count:u32, then that many retain_msg_t as they lie in
 // memory, in the host's byte order.
+#include "../base/relaxed.h"
 #include "../log/log.h"
 #include "../stats/mqtt_stats.h"
 #include "../sub/sub.h"
@@ -32,8 +33,8 @@ bool take_snapshot(Snapshot &snapshot) REQUIRES(g_sub_mgr.lock)
     return true;
 }
 
-// Under a name of its own and renamed, so that a kill leaves the old file or the new one. A full disk keeps the old one.
-// False when the file cannot be opened.
+// Under a name of its own and renamed, so that a kill leaves the old file or the new one. A full disk keeps the old one,
+// and nobody is told. False when the file cannot be opened or its place cannot be taken.
 bool write_snapshot(const Snapshot &snapshot) REQUIRES(g_persist_mutex)
 {
     char path[PERSIST_PATH_SIZE + 16];
@@ -46,9 +47,10 @@ bool write_snapshot(const Snapshot &snapshot) REQUIRES(g_persist_mutex)
     bool written = fwrite(&snapshot.count, sizeof snapshot.count, 1, file) == 1;
     written = fwrite(snapshot.records.get(), sizeof(retain_msg_t), snapshot.count, file) == snapshot.count && written;
     written = fclose(file) == 0 && written;
-    if (!written || rename(tmp, path) != 0)
-        unlink(tmp);
-    return true;
+    if (written && rename(tmp, path) == 0)
+        return true;
+    unlink(tmp);
+    return !written;
 }
 
 bool read_records(FILE *file, owned<retain_msg_t> &records, uint32_t &count)
@@ -91,7 +93,7 @@ int persist_retain_save(void) NO_LOCK_ANALYSIS
 
 int persist_retain_load(void)
 {
-    // Shorter than the name it is saved under may be: a root of more than 243 characters is saved but never loaded.
+    // Shorter than the name it is saved under may be: a root of more than 244 characters is saved but never loaded.
     char        path[256];
     const int   length = snprintf(path, sizeof path, "%s/retain.dat", g_persist_root_path);
     FILE *const file   = length < static_cast<int>(sizeof path) ? fopen(path, "rbe") : nullptr;
@@ -107,7 +109,7 @@ int persist_retain_load(void)
         if (g_sub_mgr.retains && read_records(file, records, count)) {
             std::for_each(records.get(), records.get() + count, make_safe);
             memcpy(g_sub_mgr.retains, records.get(), sizeof(retain_msg_t) * count);
-            g_sub_mgr.retain_count = static_cast<int32_t>(count);
+            poke(g_sub_mgr.retain_count, static_cast<int32_t>(count));
             LOG_INFO("[persist] retain loaded: %d entries", static_cast<int>(count));
         }
     }

@@ -1,5 +1,5 @@
-// session_store.cpp - a record to load a session into that is not on the stack.
-#include "session_store.h"
+// session_store.cpp - a record to load a session into that is not on the stack, and a session held while it is changed.
+#include "persist_internal.h"
 
 #include "../base/memory.h"
 #include "../base/text.h"
@@ -10,12 +10,13 @@
 namespace tarn::persist {
 namespace {
 
-constinit pthread_once_t g_once = PTHREAD_ONCE_INIT;
-constinit pthread_key_t  g_key  = 0; // each thread's record, freed when it ends
+constinit pthread_once_t g_once    = PTHREAD_ONCE_INIT;
+constinit pthread_key_t  g_key     = 0;     // each thread's record, freed when it ends
+constinit bool           g_has_key = false; // a process has 1024 of them
 
 void make_key()
 {
-    pthread_key_create(&g_key, free);
+    g_has_key = pthread_key_create(&g_key, free) == 0;
 }
 
 } // namespace
@@ -23,6 +24,8 @@ void make_key()
 persist_session_t *scratch_session(const char *client_id) noexcept
 {
     pthread_once(&g_once, make_key);
+    if (!g_has_key)
+        return nullptr;
     auto *record = static_cast<persist_session_t *>(pthread_getspecific(g_key));
     if (!record) {
         record = allocate_zeroed<persist_session_t>(1).release();
@@ -35,6 +38,27 @@ persist_session_t *scratch_session(const char *client_id) noexcept
     }
     copy_text(record->client_id, client_id, sizeof record->client_id - 1);
     return record;
+}
+
+HeldSession::HeldSession(const char *client_id) noexcept
+    : files_(files_lock(client_id)), record_(scratch_session(client_id))
+{
+    files_.lock();
+    if (!record_)
+        return;
+    result_ = read_session(record_, found_);
+    if (result_ == 0)
+        report(*record_, found_);
+}
+
+HeldSession::~HeldSession() noexcept
+{
+    files_.unlock();
+}
+
+void HeldSession::report_again() const noexcept
+{
+    report(*record_, found_);
 }
 
 } // namespace tarn::persist

@@ -1,19 +1,64 @@
-// session_store.h - saved sessions for the packet handler: loading with the answer to "was there one?", and a record
-// to load into that does not need 150 KB of stack.
+// session_store.h - saved sessions for the packet handler: loading with the answer to "was there one?", a session held
+// while it is read and changed, and a record to load into that does not need 150 KB of stack.
 #ifndef TARN_PERSIST_SESSION_STORE_H
 #define TARN_PERSIST_SESSION_STORE_H
 
 #include "persist.h"
+#include "../base/mutex.h"
 
 namespace tarn::persist {
 
-// persist_load, and in *files_opened how many of the client's three files were there. A saved session exists when at
-// least one was.
+// What lay where a client's three files would be.
+struct Found {
+    enum class Messages : uint8_t { NoFile, NoMemory, NoList, Taken };
+
+    bool     session_file      = false;
+    bool     subscription_file = false;
+    bool     subscription_list = false; // in that file
+    Messages messages          = Messages::NoFile;
+
+    // A saved session exists when this is not 0.
+    int files() const { return session_file + subscription_file + (messages != Messages::NoFile); }
+};
+
+// persist_load, and in *files_opened how many of the client's three files were there.
 int load_session(persist_session_t *record, int *files_opened) noexcept;
 
 // The calling thread's own scratch record with this id (127 characters) and everything else empty; null when memory
 // ran out. Valid until the thread's next call.
 persist_session_t *scratch_session(const char *client_id) noexcept;
+
+// A client's saved session, read once into the thread's scratch record and held: until it is let go, no other thread
+// writes this client's files. One at a time on each thread.
+class HeldSession {
+public:
+    explicit HeldSession(const char *client_id) noexcept NO_LOCK_ANALYSIS; // persist_load
+    ~HeldSession() noexcept NO_LOCK_ANALYSIS;
+    HeldSession(const HeldSession &)            = delete;
+    HeldSession &operator=(const HeldSession &) = delete;
+
+    bool is_loaded() const noexcept { return result_ == 0; }
+    bool has_files() const noexcept { return found_.files() > 0; }
+
+    // False when memory ran out on the way: what is in the files is not known then, and must not be overwritten.
+    bool is_known() const noexcept { return record_ && result_ != -5 && found_.messages != Found::Messages::NoMemory; }
+
+    persist_session_t &record() noexcept { return *record_; } // of a known or loaded session
+
+    // Counts the load and says its lines once more, for those who ask first and store then.
+    void report_again() const noexcept;
+
+    // Appends a message, in place of the oldest when there are too many, and writes the message file. Longer payloads
+    // are cut. False, and nothing is written, when the session is not known.
+    bool add_message(const char *topic, const uint8_t *payload, uint32_t payload_len, uint8_t qos) noexcept;
+    void write_messages() noexcept;
+
+private:
+    Mutex             &files_;
+    persist_session_t *record_;
+    Found              found_;
+    int                result_ = -1; // of persist_load
+};
 
 } // namespace tarn::persist
 

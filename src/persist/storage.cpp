@@ -5,6 +5,7 @@
 #include "../stats/mqtt_stats.h"
 #include "persist_internal.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,10 +20,10 @@ tarn_mutex_t g_persist_mutex{};
 namespace tarn::persist {
 namespace {
 
-constexpr int      kAttempts       = 3;
-constexpr uint32_t kRetryPause_ms  = 10;
-constexpr size_t   kFileLocks      = 64;
-constexpr size_t   kTmpChars       = 4; // ".tmp"
+constexpr int      kAttempts      = 3;
+constexpr uint32_t kRetryPause_ms = 10;
+constexpr size_t   kFileLocks     = 64;
+constexpr size_t   kTmpChars      = 4; // ".tmp"
 
 constinit Mutex g_files_mx[kFileLocks]{};
 
@@ -43,14 +44,15 @@ bool write_whole(const char *name, const char *text)
     return fclose(file) == 0 && written;
 }
 
-// Replaces the target in one step, so that whoever opens it meets the old text or the new one. Only when that fails the
-// target is deleted first.
+// Replaces the target in one step, so that whoever opens it meets the old text or the new one. The target is deleted
+// first only where the file system cannot replace: after any other failure that could lose the old text for nothing.
 bool replace(const char *tmp, const char *target)
 {
     for (int attempt = 1; attempt <= kAttempts; ++attempt) {
         if (rename(tmp, target) == 0)
             return true;
-        unlink(target);
+        if (errno == EEXIST)
+            unlink(target);
         if (attempt < kAttempts)
             pause_ms(kRetryPause_ms);
     }
@@ -98,8 +100,8 @@ void safe_write(const Path &path, const char *text) noexcept
 Mutex &files_lock(const char *client_id) noexcept
 {
     uint32_t hash = 0;
-    for (const char *c = client_id; *c; ++c)
-        hash = hash * 31 + static_cast<unsigned char>(*c);
+    for (size_t i = 0; i < sizeof(persist_session_t::client_id) - 1 && client_id[i]; ++i) // as records cut it
+        hash = hash * 31 + static_cast<unsigned char>(client_id[i]);
     return g_files_mx[hash % kFileLocks];
 }
 
@@ -129,7 +131,7 @@ void persist_make_dir(const char *path)
 int persist_init(const char *root_path)
 {
     LOG_INFO("[persist] 持久化模块初始化中...");
-    if (root_path && *root_path)
+    if (root_path && *root_path && strcmp(root_path, g_persist_root_path) != 0) // clients of another instance read it
         copy_text(g_persist_root_path, root_path, sizeof g_persist_root_path - 1);
     persist_make_dir(g_persist_root_path);
     for (const char *directory :

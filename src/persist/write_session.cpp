@@ -96,7 +96,7 @@ void write_files(persist_session_t &record, uint8_t what) noexcept
 {
     if (record.clean_session & 1)
         return;
-    record.client_id[sizeof record.client_id - 1] = '\0'; // a caller's record may lack it
+    terminate_id(record);
     if (what & PERSIST_SESSION)
         write_session_file(record);
     if (what & PERSIST_SUBSCRIPTIONS)

@@ -25,6 +25,8 @@ thread_local int t_allocation_skip   = 0;
 thread_local int t_allocation_times  = 0;
 thread_local int t_allocation_failed = 0;
 
+std::atomic<int> g_calls_to_live{0}; // of those that change files; 0 = for ever
+
 std::atomic<bool>    g_clock_held{false};
 std::atomic<int64_t> g_mono_ms{0};
 std::atomic<int64_t> g_wall_ms{0};
@@ -60,6 +62,13 @@ int failure_of(Call call)
     return plan.error.load();
 }
 
+int failure_of_file(Call call)
+{
+    if (g_calls_to_live.load() > 0 && g_calls_to_live.fetch_sub(1) == 1)
+        _exit(KillAt::kStatus);
+    return failure_of(call);
+}
+
 } // namespace
 
 Fail::Fail(Call call, int nth, int error, int times) : call_(call)
@@ -89,6 +98,9 @@ int Fail::failed() const
 {
     return call_ == Call::Allocate ? t_allocation_failed : g_plans[static_cast<int>(call_)].failed.load();
 }
+
+KillAt::KillAt(int nth) { g_calls_to_live.store(nth); }
+KillAt::~KillAt() { g_calls_to_live.store(0); }
 
 ManualClock::ManualClock()
 {
@@ -127,6 +139,13 @@ int   __real_gettimeofday(timeval *, void *);
 time_t __real_time(time_t *);
 FILE *__real_fopen(const char *, const char *);
 int   __real_fseek(FILE *, long, int);
+size_t __real_fwrite(const void *, size_t, size_t, FILE *);
+int   __real_fputs(const char *, FILE *);
+int   __real_fflush(FILE *);
+int   __real_fsync(int);
+int   __real_fclose(FILE *);
+int   __real_rename(const char *, const char *);
+int   __real_unlink(const char *);
 
 void *__wrap_malloc(size_t size) { return allocation_fails() ? nullptr : __real_malloc(size); }
 void *__wrap_calloc(size_t count, size_t size) { return allocation_fails() ? nullptr : __real_calloc(count, size); }
@@ -186,8 +205,30 @@ time_t __wrap_time(time_t *now)
 }
 FILE *__wrap_fopen(const char *path, const char *mode)
 {
-    return failure_of(Call::FileOpen) ? nullptr : __real_fopen(path, mode);
+    return failure_of_file(Call::FileOpen) ? nullptr : __real_fopen(path, mode);
 }
+size_t __wrap_fwrite(const void *data, size_t size, size_t count, FILE *file)
+{
+    return failure_of_file(Call::FileWrite) ? 0 : __real_fwrite(data, size, count, file);
+}
+int __wrap_fputs(const char *text, FILE *file)
+{
+    return failure_of_file(Call::FileWrite) ? EOF : __real_fputs(text, file);
+}
+int __wrap_fflush(FILE *file) { return failure_of_file(Call::FileFlush) ? EOF : __real_fflush(file); }
+int __wrap_fsync(int fd) { return failure_of_file(Call::FileSync) ? -1 : __real_fsync(fd); }
+int __wrap_fclose(FILE *file)
+{
+    const int error  = failure_of_file(Call::FileClose);
+    const int result = __real_fclose(file);
+    errno            = error ? error : errno;
+    return error ? EOF : result;
+}
+int __wrap_rename(const char *from, const char *to)
+{
+    return failure_of_file(Call::Rename) ? -1 : __real_rename(from, to);
+}
+int __wrap_unlink(const char *path) { return failure_of_file(Call::Unlink) ? -1 : __real_unlink(path); }
 int __wrap_fseek(FILE *file, long offset, int whence)
 {
     return failure_of(Call::FileSeek) ? -1 : __real_fseek(file, offset, whence);

@@ -18,6 +18,12 @@ enum class Call {
     EpollWait,
     FileOpen,
     FileSeek,
+    FileWrite, // fwrite and fputs, to the console too
+    FileFlush,
+    FileSync,
+    FileClose, // the file is closed all the same
+    Rename,
+    Unlink,
     Count_
 };
 
@@ -27,7 +33,7 @@ class Fail {
 public:
     explicit Fail(Call call, int nth = 1, int error = 12 /* ENOMEM */, int times = 1);
     ~Fail();
-    Fail(const Fail &) = delete;
+    Fail(const Fail &)            = delete;
     Fail &operator=(const Fail &) = delete;
     int   failed() const; // calls that were made to fail so far
 
@@ -35,13 +41,25 @@ private:
     Call call_;
 };
 
+// While it lives, the process ends just before its nth next call of those from FileOpen to Unlink that change files, as
+// if it were killed there: what is buffered is lost, nothing is cleaned up. For a child process.
+class KillAt {
+public:
+    static constexpr int kStatus = 77; // what the child's parent sees
+
+    explicit KillAt(int nth);
+    ~KillAt();
+    KillAt(const KillAt &)            = delete;
+    KillAt &operator=(const KillAt &) = delete;
+};
+
 // While it lives, all clocks stand still and move only by hand. Starts at wall 1,800,000,000 s and mono 1,000,000 ms.
 class ManualClock {
 public:
     ManualClock();
     ~ManualClock();
-    void advance_ms(int64_t ms);      // both clocks
-    void advance_wall_ms(int64_t ms); // the wall clock alone
+    void     advance_ms(int64_t ms);      // both clocks
+    void     advance_wall_ms(int64_t ms); // the wall clock alone
     uint64_t mono_ms() const;
     int64_t  wall_s() const;
 };

@@ -5,7 +5,7 @@
 # The linker sends the library's calls to these functions through tests/support/faults.h, where a test can make them
 # fail or move time.
 set(TARN_WRAPPED malloc calloc realloc pthread_create socket bind listen accept4 epoll_create1 epoll_ctl epoll_wait
-  clock_gettime gettimeofday time fopen fseek)
+  clock_gettime gettimeofday time fopen fseek fwrite fputs fflush fsync fclose rename unlink)
 list(TRANSFORM TARN_WRAPPED PREPEND "-Wl,--wrap=" OUTPUT_VARIABLE TARN_WRAP_FLAGS)
 
 function(tarn_unit_test module)

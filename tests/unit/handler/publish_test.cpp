@@ -639,6 +639,47 @@ TEST(publish, a_clean_sessions_leftover_with_a_file_gets_the_message)
     EXPECT_NE(stored("message", "gone"), "");
 }
 
+TEST(publish, the_files_of_an_absent_client_are_read_once_and_counted_twice)
+{
+    Handling broker;
+    Client   sender(broker, 4, "s");
+    store("session", "gone", "{}");
+    store("subscription", "gone", R"({"subs":[{"topic":"t","qos":1}]})");
+    store("message", "gone", R"({"msgs":[]})");
+    sub_add("gone", "t", 1, 0);
+    LogCapture log(AGENT_LOG_INFO);
+    Fail       no_fifth(Call::FileOpen, 5); // three files and the new one
+    EXPECT_EQ(sender.sends(publish("t", 1, 7)), 0);
+    EXPECT_EQ(no_fifth.failed(), 0);
+    EXPECT_EQ(g_mqtt_stats.persist_read, 4u);
+    EXPECT_EQ(log.count(info("[persist] ✅ 恢复订阅成功: gone 共 1 条")), 2);
+    EXPECT_THAT(stored("message", "gone"), testing::HasSubstr(R"("qos":1,"topic":"t","payload":"78")"));
+}
+
+TEST(publish, what_memory_does_not_let_be_read_is_not_overwritten)
+{
+    const std::string kept = R"({"msgs":[{"msgid":9,"qos":1,"topic":"a","payload":"31"}]})";
+    Handling          broker;
+    Client            sender(broker, 4, "s");
+    store("message", "gone", kept);
+    sub_add("gone", "t", 1, 0);
+    persist::scratch_session(""); // has its memory
+    LogCapture log(AGENT_LOG_INFO);
+    int        failures = 0;
+    for (int nth = 1; nth <= 20; nth++) {
+        Fail fail(Call::Allocate, nth);
+        sender.sends(publish("t", 1, 7));
+        failures += log.count(error("[persist] 内存分配失败")) != 0;
+        if (log.has(error("[persist] 内存分配失败"))) {
+            EXPECT_EQ(stored("message", "gone"), kept);
+            EXPECT_FALSE(log.has(info("[MQTT标准] 离线消息已存储：ClientID=gone, Topic=t")));
+        }
+        log.take();
+        store("message", "gone", kept);
+    }
+    EXPECT_EQ(failures, 1);
+}
+
 TEST(publish, an_empty_message_is_not_stored)
 {
     Handling broker;

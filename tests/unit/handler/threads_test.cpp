@@ -102,3 +102,23 @@ TEST(threads, delayed_wills_are_settled_while_clients_come_back)
     EXPECT_EQ(g_client_mgr.used_count, 0);
     EXPECT_LE(g_mqtt_stats.will_sent, kRounds);
 }
+
+TEST(threads, a_message_stored_while_others_are_restored_is_not_lost)
+{
+    constexpr int kMessages = 60; // all of them are read back from one file
+    Handling      broker;
+    Client        client(broker, 4, "dev1");
+    poke(g_log_config.level, uint32_t{AGENT_LOG_FATAL});
+    std::atomic<bool> done{false};
+
+    std::thread store([&] {
+        for (int i = 0; i < kMessages; i++)
+            persist_add_offline_msg("dev1", "t", reinterpret_cast<const uint8_t *>("x"), 1, 1);
+        done = true;
+    });
+    while (!done)
+        packet_handler_restore_offline_msgs(client);
+    store.join();
+    packet_handler_restore_offline_msgs(client);
+    EXPECT_EQ(pending_count(), kMessages);
+}

@@ -9,14 +9,17 @@
 #include "support/faults.h"
 #include "support/log_capture.h"
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 
 namespace tarn::test {
 

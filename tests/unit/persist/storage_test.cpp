@@ -1,8 +1,10 @@
+#include "base/text.h"
 #include "persist_fixture.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
 
+using namespace tarn;
 using namespace tarn::test;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -87,18 +89,6 @@ TEST_F(storage, a_target_that_cannot_be_replaced_is_told)
     persist_safe_write("d", "x");
     EXPECT_THAT(log.take(), ElementsAre(error("[persist] 重命名失败: d")));
     EXPECT_FALSE(std::filesystem::exists("d.tmp"));
-}
-
-TEST_F(storage, a_full_disk_keeps_the_old_file)
-{
-    if (access("/dev/full", W_OK) != 0)
-        GTEST_SKIP() << "no /dev/full here";
-    persist_safe_write("f", "old");
-    std::filesystem::create_symlink("/dev/full", "f.tmp");
-    LogCapture log;
-    persist_safe_write("f", "new");
-    EXPECT_EQ(read_text("f"), "old");
-    EXPECT_TRUE(log.has(error("[persist] 写入临时文件失败(重试3次): f.tmp")) || read_text("f") == "new");
 }
 
 TEST_F(storage, ids_that_lead_elsewhere_touch_nothing)
@@ -208,4 +198,131 @@ TEST_F(retain_file, that_cannot_be_opened_is_told)
     EXPECT_EQ(persist_retain_save(), -2);
     EXPECT_THAT(log.take(), ElementsAre(error("[persist] retain save failed")));
     EXPECT_EQ(g_mqtt_stats.persist_write, 0u);
+}
+
+// ---- which ids have files, and where
+
+// The files below `root`, by their path from there.
+static std::set<std::string> files_below(const std::string &root)
+{
+    std::set<std::string> files;
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(root))
+        if (!entry.is_directory())
+            files.insert(std::filesystem::relative(entry.path(), root).string());
+    return files;
+}
+
+TEST_F(storage, every_id_stays_in_its_three_directories)
+{
+    LogCapture               quiet(4);
+    std::vector<std::string> ids = {".",       "..",         "...",      "a..b",  ".json",          "x.json",
+                                    "-rf",     "~",          "$HOME",    "a b",   "a\nb",           "\xff\xfe\x80",
+                                    "%s%n",    "a\\..\\b",   "*",        "\x7f",  std::string(63, 'i'), std::string(63, '\xff'),
+                                    "auto_17", "C:\\x",      "\xe2\x80\xae", "\"}"};
+    for (const char *middle : {"/", "//", "/../", "/./", "..//.."}) // none of these has a file
+        for (const char *side : {"", "a", ".", ".."})
+            ids.push_back(std::string(side) + middle + side);
+    std::set<std::string> expected = {"retain.dat"};
+    persist_retain_save();
+    for (const std::string &id : ids) {
+        memset(record.get(), 0, sizeof *record);
+        strcpy(record->client_id, id.c_str());
+        subscribe("t", 1);
+        persist_flush_single(record.get(), PERSIST_SESSION | PERSIST_SUBSCRIPTIONS | PERSIST_MESSAGES);
+        if (id.find('/') == std::string::npos)
+            for (const char *directory : {"session/", "subscription/", "message/"})
+                expected.insert(directory + id + ".json");
+        EXPECT_EQ(load(id.c_str()).sub_count, id.find('/') == std::string::npos) << id;
+    }
+    EXPECT_EQ(files_below("data"), expected);
+    EXPECT_EQ(files_below(".").size(), expected.size()) << "nothing lies outside";
+    for (const std::string &id : ids)
+        EXPECT_EQ(persist_remove(id.c_str()), 0);
+    EXPECT_EQ(files_below("data"), std::set<std::string>{"retain.dat"});
+}
+
+// A data directory whose name has this many characters.
+static std::string long_root(size_t length)
+{
+    std::string root = "data";
+    while (root.size() + 2 < length)
+        root += "/" + std::string(std::min<size_t>(200, length - root.size() - 1), 'r');
+    EXPECT_EQ(root.size(), length);
+    return root;
+}
+
+TEST_F(storage, a_temporary_name_may_have_511_characters)
+{
+    // <root>/session/<63 characters>.json.tmp
+    for (const size_t root_length : {511u - 81, 512u - 81}) {
+        const std::string root = long_root(root_length);
+        const std::string id(63, 'i');
+        std::filesystem::create_directories(root + "/session");
+        copy_text(g_persist_root_path, root.c_str(), sizeof g_persist_root_path - 1);
+        strcpy(record->client_id, id.c_str());
+        const bool fits = root_length == 511 - 81;
+        LogCapture log;
+        persist_flush_single(record.get(), PERSIST_SESSION);
+        const std::string path = root + "/session/" + id + ".json";
+        EXPECT_EQ(path.size() + 4, fits ? 511u : 512u);
+        EXPECT_EQ(std::filesystem::exists(path), fits);
+        if (!fits) {
+            EXPECT_THAT(log.take(), ElementsAre(error("[persist] 写入临时文件失败(重试3次): " + path + ".tmp")));
+            write_text(path, R"({"session_expiry_interval":9})");
+        }
+        EXPECT_EQ(load(id.c_str()).session_expiry_interval, 0u) << "what was written, or nothing";
+        EXPECT_EQ(g_mqtt_stats.persist_read, 1u) << "only the one that fits is opened";
+        EXPECT_EQ(persist_remove(id.c_str()), 0);
+        EXPECT_EQ(std::filesystem::exists(path), !fits);
+    }
+}
+
+TEST_F(storage, a_name_passed_in_may_have_507_characters)
+{
+    const std::string directory = long_root(490);
+    std::filesystem::create_directories(directory);
+    LogCapture        log;
+    const std::string fits = directory + "/" + std::string(16, 'f');
+    persist_safe_write(fits.c_str(), "x");
+    EXPECT_EQ(fits.size(), 507u);
+    EXPECT_EQ(read_text(fits), "x");
+    EXPECT_THAT(log.take(), IsEmpty());
+    persist_safe_write((fits + "f").c_str(), "x");
+    EXPECT_THAT(log.take(), ElementsAre(error("[persist] 写入临时文件失败(重试3次): " + fits + "f.tmp")));
+    EXPECT_FALSE(std::filesystem::exists(fits + "f"));
+}
+
+TEST_F(storage, a_root_is_cut_at_511_characters)
+{
+    LogCapture quiet(4);
+    persist_init(std::string(600, 'r').c_str());
+    EXPECT_EQ(std::string(g_persist_root_path), std::string(511, 'r'));
+}
+
+TEST_F(storage, a_root_of_244_characters_is_the_longest_that_retained_messages_are_loaded_from)
+{
+    for (const size_t length : {244, 245}) {
+        copy_text(g_persist_root_path, long_root(length).c_str(), sizeof g_persist_root_path - 1);
+        std::filesystem::create_directories(g_persist_root_path);
+        LogCapture quiet(4);
+        EXPECT_EQ(persist_retain_save(), 0);
+        EXPECT_TRUE(std::filesystem::exists(long_root(length) + "/retain.dat"));
+        EXPECT_EQ(persist_retain_load(), length == 244 ? 0 : -4);
+    }
+}
+
+TEST_F(storage, an_id_without_a_terminator_is_cut_at_127_characters)
+{
+    memset(record->client_id, 'i', sizeof record->client_id);
+    const std::string name = std::string(127, 'i') + ".json";
+    persist_mark(record.get(), PERSIST_MESSAGES);
+    EXPECT_EQ(files_below("data"), std::set<std::string>{"message/" + name});
+    write_text("data/subscription/" + name, R"({"subs":[{"topic":"t","qos":1}]})");
+    memset(record->client_id, 'i', sizeof record->client_id);
+    EXPECT_EQ(persist_load_client_only(record.get()), 0);
+    memset(record->client_id, 'i', sizeof record->client_id);
+    EXPECT_EQ(persist_load(record.get()), 0);
+    EXPECT_EQ(record->sub_count, 1);
+    EXPECT_EQ(persist_add_offline_msg(std::string(200, 'i').c_str(), "t", bytes("x"), 1, 1), 0);
+    EXPECT_EQ(load(std::string(127, 'i').c_str()).msg_count, 1);
 }

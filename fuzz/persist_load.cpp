@@ -1,0 +1,101 @@
+// persist_load.cpp - any bytes as one of a client's three files: loaded, written again and loaded once more.
+//
+// input:  which:u8  file      which: 0 session, 1 subscription, 2 message (modulo 3)
+#include "data_directory.h"
+#include "persist/persist.h"
+#include "promise.h"
+
+#include <memory>
+
+using namespace tarn::fuzz;
+
+namespace {
+
+constexpr const char *kFiles[] = {"session/id.json", "subscription/id.json", "message/id.json"};
+
+using Record = std::unique_ptr<persist_session_t>;
+
+// Whatever the files hold, fields that no key names keep what they held.
+Record load()
+{
+    Record record(new persist_session_t);
+    memset(static_cast<void *>(record.get()), 0xEE, sizeof *record);
+    memcpy(record->client_id, "id", 3);
+    record->clean_session = 0;
+    record->sub_count = record->msg_count = 0;
+    PROMISE(persist_load(record.get()) == 0);
+    PROMISE(strcmp(record->client_id, "id") == 0 && record->clean_session == 0);
+    return record;
+}
+
+void check(const persist_session_t &record)
+{
+    PROMISE(record.sub_count >= 0 && record.sub_count <= PERSIST_SUBS_MAX);
+    PROMISE(record.msg_count >= 0 && record.msg_count <= PERSIST_MSGS_MAX);
+    for (int i = 0; i < record.sub_count; ++i)
+        PROMISE(terminated(record.subs[i].topic));
+    for (int i = 0; i < record.msg_count; ++i) {
+        PROMISE(terminated(record.msgs[i].topic));
+        PROMISE(record.msgs[i].payload_len <= PERSIST_MSG_PAYLOAD_MAX);
+        PROMISE(record.msgs[i].store_time == 0);
+    }
+    if (record.will_flag == 1) {
+        PROMISE(record.will_topic[0] == '\0' || record.will_topic[0] == '\xEE');
+        PROMISE(record.will_qos == 0 || record.will_qos == 0xEE);
+    }
+    PROMISE(record.last_online == 0xEEEEEEEEEEEEEEEE && record.will_correlation_data[0] == 0xEE);
+}
+
+// What was read and written reads the same again, as far as it lies in the bytes that are read.
+void check_subscriptions_again(persist_session_t &first)
+{
+    persist_mark(&first, PERSIST_SUBSCRIPTIONS);
+    const Record again = load();
+    const bool   whole = size_of(kFiles[1]) <= PERSIST_TEXT_READ_MAX;
+    PROMISE(first.sub_count == 0 ||
+            (whole ? again->sub_count == first.sub_count : again->sub_count <= first.sub_count));
+    for (int i = 0; whole && i < first.sub_count; ++i) {
+        PROMISE(strcmp(again->subs[i].topic, first.subs[i].topic) == 0);
+        PROMISE(again->subs[i].qos == first.subs[i].qos);
+    }
+}
+
+void check_messages_again(persist_session_t &first)
+{
+    persist_mark(&first, PERSIST_MESSAGES);
+    const Record again = load();
+    const bool   whole = size_of(kFiles[2]) <= PERSIST_MSG_OBJECT_MAX; // of which no object is longer
+    PROMISE(whole ? again->msg_count == first.msg_count : again->msg_count <= first.msg_count);
+    for (int i = 0; whole && i < first.msg_count; ++i) {
+        const persist_msg_t &was = first.msgs[i], &is = again->msgs[i];
+        PROMISE(strcmp(is.topic, was.topic) == 0 && is.qos == was.qos && is.msgid == was.msgid);
+        PROMISE(is.payload_len == was.payload_len && memcmp(is.payload, was.payload, was.payload_len) == 0);
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    format_all_lines();
+    enter_data_directory();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    if (size < 1)
+        return 0;
+    const uint8_t which = data[0] % 3;
+    for (const char *file : kFiles)
+        remove_file(file);
+    write_file(kFiles[which], data + 1, size - 1);
+
+    const Record record = load();
+    check(*record);
+    if (which == 1)
+        check_subscriptions_again(*record);
+    if (which == 2)
+        check_messages_again(*record);
+    return 0;
+}

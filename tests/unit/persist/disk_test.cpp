@@ -1,0 +1,295 @@
+// What the disk can do to a write: refuse it, fill up, vanish, break, or be cut off with the process.
+#include "persist_fixture.h"
+
+#include <cerrno>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace tarn::test;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using disk = DataDirectory;
+
+namespace {
+
+const LogLine kCannotWrite  = error("[persist] 写入临时文件失败(重试3次): f.tmp");
+const LogLine kCannotRename = error("[persist] 重命名失败: f");
+
+// Runs `work` in children that end before their first, second, ... call that changes a file, and holds `check` against
+// what each leaves behind, until one comes through. Returns the number of those that did not.
+template <class Work, class Check> int kill_everywhere(Work work, Check check)
+{
+    for (int nth = 1;; ++nth) {
+        const pid_t child = fork();
+        if (child == 0) {
+            {
+                KillAt kill(nth);
+                work();
+            }
+            _exit(0);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status)) << nth;
+        const bool was_killed = WEXITSTATUS(status) == KillAt::kStatus;
+        check(was_killed);
+        if (!was_killed)
+            return nth - 1;
+    }
+}
+
+// 64 KiB of disk for this test alone.
+bool mount_small_disk(const char *directory)
+{
+    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("none", directory, "tmpfs", 0, "size=64k") == 0;
+}
+
+retain_msg_t &retain(const char *topic)
+{
+    retain_msg_t &message = g_sub_mgr.retains[g_sub_mgr.retain_count++];
+    strcpy(message.topic, topic);
+    return message;
+}
+
+} // namespace
+
+TEST_F(disk, a_kill_leaves_the_old_text_or_the_new_one)
+{
+    const std::string old_text(20000, 'o'), new_text(30000, 'n');
+    const int         kills = kill_everywhere(
+        [&] {
+            persist_safe_write("f", old_text.c_str());
+            persist_safe_write("f", new_text.c_str());
+        },
+        [&](bool was_killed) {
+            const std::string text = read_text("f");
+            if (was_killed)
+                EXPECT_TRUE(text == "(no file)" || text == old_text || text == new_text) << text.size();
+            else
+                EXPECT_EQ(text, new_text);
+        });
+    EXPECT_EQ(kills, 2 * 6) << "open, write, flush, sync, close, rename; nothing is deleted";
+}
+
+TEST_F(disk, a_kill_leaves_the_old_store_or_the_new_one)
+{
+    retain("old").payload_len = 1;
+    persist_retain_save();
+    const std::string before = read_text("data/retain.dat");
+    retain("new").payload_len = 2;
+    const int kills = kill_everywhere([] { persist_retain_save(); },
+                                      [&](bool was_killed) {
+                                          const std::string text = read_text("data/retain.dat");
+                                          EXPECT_EQ(text == before, was_killed);
+                                          EXPECT_TRUE(was_killed || text.size() == 4u + 2 * 2336);
+                                      });
+    EXPECT_EQ(kills, 5) << "open, count, records, close, rename";
+}
+
+TEST_F(disk, each_step_of_a_write_may_break_twice)
+{
+    for (const Call call : {Call::FileOpen, Call::FileWrite, Call::FileFlush, Call::FileSync, Call::FileClose, Call::Rename}) {
+        persist_safe_write("f", "old");
+        LogCapture log;
+        Fail       fail(call, 1, EIO, 2);
+        persist_safe_write("f", "new");
+        EXPECT_EQ(fail.failed(), 2);
+        EXPECT_EQ(read_text("f"), "new");
+        EXPECT_FALSE(std::filesystem::exists("f.tmp"));
+        EXPECT_THAT(log.take(), IsEmpty());
+    }
+    EXPECT_EQ(g_mqtt_stats.persist_write, 12u);
+}
+
+TEST_F(disk, a_step_that_breaks_three_times_leaves_the_old_file)
+{
+    persist_safe_write("f", "old");
+    for (const int code : {EIO, ENOSPC, EROFS, EACCES, EMFILE}) {
+        for (const Call call : {Call::FileOpen, Call::FileWrite, Call::FileFlush, Call::FileSync, Call::FileClose, Call::Rename}) {
+            LogCapture log;
+            {
+                Fail fail(call, 1, code, 3);
+                persist_safe_write("f", "new");
+                EXPECT_EQ(fail.failed(), 3);
+            }
+            EXPECT_EQ(read_text("f"), "old");
+            EXPECT_FALSE(std::filesystem::exists("f.tmp"));
+            EXPECT_THAT(log.take(), ElementsAre(call == Call::Rename ? kCannotRename : kCannotWrite));
+        }
+    }
+    EXPECT_EQ(g_mqtt_stats.persist_write, 1u);
+}
+
+TEST_F(disk, a_file_system_that_cannot_replace_has_the_target_deleted_first)
+{
+    persist_safe_write("f", "old");
+    LogCapture log;
+    {
+        Fail fail(Call::Rename, 1, EEXIST);
+        Fail stays(Call::Unlink, 2);
+        persist_safe_write("f", "new");
+        EXPECT_EQ(stays.failed(), 0);
+    }
+    EXPECT_EQ(read_text("f"), "new");
+    Fail rename(Call::Rename, 1, EEXIST, 3);
+    persist_safe_write("f", "newer");
+    EXPECT_EQ(read_text("f"), "(no file)");
+    EXPECT_THAT(log.take(), ElementsAre(kCannotRename));
+}
+
+TEST_F(disk, three_attempts_have_two_pauses)
+{
+    Fail           open(Call::FileOpen, 1, ENOSPC, 3);
+    const auto     before = std::chrono::steady_clock::now();
+    LogCapture     quiet(4);
+    persist_safe_write("f", "x");
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(20));
+}
+
+TEST_F(disk, a_directory_that_was_removed_is_told_file_by_file)
+{
+    std::filesystem::remove_all("data");
+    subscribe("t", 1);
+    LogCapture log(2);
+    persist_flush_single(record.get(), PERSIST_SESSION | PERSIST_SUBSCRIPTIONS | PERSIST_MESSAGES);
+    EXPECT_THAT(log.take(), ElementsAre(error("[persist] 写入临时文件失败(重试3次): data/session/dev1.json.tmp"),
+                                        error("[persist] 写入临时文件失败(重试3次): data/subscription/dev1.json.tmp"),
+                                        error("[persist] 写入临时文件失败(重试3次): data/message/dev1.json.tmp")));
+    EXPECT_EQ(persist_add_offline_msg("dev1", "t", bytes("x"), 1, 1), 0) << "told by the line alone";
+    EXPECT_EQ(persist_load(record.get()), 0);
+    EXPECT_EQ(persist_remove("dev1"), 0);
+    EXPECT_EQ(persist_retain_save(), -2);
+    EXPECT_FALSE(std::filesystem::exists("data"));
+    EXPECT_EQ(g_mqtt_stats.persist_write, 0u);
+}
+
+TEST_F(disk, a_read_only_disk_keeps_its_files)
+{
+    if (!mount_small_disk("data/message"))
+        GTEST_SKIP() << "no mounts here";
+    persist_mark(record.get(), PERSIST_MESSAGES);
+    ASSERT_EQ(mount(nullptr, "data/message", nullptr, MS_REMOUNT | MS_RDONLY, "size=64k"), 0);
+    LogCapture    log(2);
+    const LogLine line = error("[persist] 写入临时文件失败(重试3次): data/message/dev1.json.tmp");
+    EXPECT_EQ(persist_remove("dev1"), 0);
+    EXPECT_EQ(persist_add_offline_msg("dev1", "t", bytes("x"), 1, 1), 0);
+    EXPECT_EQ(persist_remove_offline_msg("dev1", 1), 0);
+    EXPECT_EQ(read_text("data/message/dev1.json"), R"({"msgs":[]})");
+    EXPECT_THAT(log.take(), ElementsAre(line, line));
+}
+
+TEST_F(disk, a_full_disk_keeps_its_files)
+{
+    if (!mount_small_disk("data"))
+        GTEST_SKIP() << "no mounts here";
+    LogCapture quiet(4);
+    persist_init("data");
+    persist_mark(record.get(), PERSIST_MESSAGES);
+    retain("old").payload_len = 1;
+    ASSERT_EQ(persist_retain_save(), 0);
+    const std::string store = read_text("data/retain.dat");
+    write_text("data/rest", std::string(100000, 'r')); // all there is
+    g_mqtt_stats = {};
+
+    LogCapture log(2);
+    EXPECT_EQ(persist_add_offline_msg("dev1", "t", bytes(std::string(1024, 'p').c_str()), 1024, 1), 0);
+    EXPECT_THAT(log.take(), ElementsAre(error("[persist] 写入临时文件失败(重试3次): data/message/dev1.json.tmp")));
+    EXPECT_EQ(read_text("data/message/dev1.json"), R"({"msgs":[]})");
+    EXPECT_FALSE(std::filesystem::exists("data/message/dev1.json.tmp"));
+    EXPECT_EQ(g_mqtt_stats.persist_write, 0u);
+
+    retain("new").payload_len = 2;
+    EXPECT_EQ(persist_retain_save(), 0);
+    EXPECT_EQ(read_text("data/retain.dat"), store);
+    std::filesystem::remove("data/rest");
+    EXPECT_EQ(persist_retain_save(), 0);
+    EXPECT_EQ(read_text("data/retain.dat").size(), 4u + 2 * 2336);
+}
+
+TEST_F(disk, start_goes_on_without_directories)
+{
+    write_text("blocked", "a file where the directory would be");
+    LogCapture log;
+    EXPECT_EQ(persist_init("blocked"), 0);
+    EXPECT_TRUE(log.has(debug("[persist] 目录创建成功: blocked/session"))) << "said whether or not it succeeded";
+    EXPECT_FALSE(log.has(debug("[persist] 目录创建成功: blocked")));
+    EXPECT_TRUE(log.has(warn("[persist] 订阅目录不存在")));
+    EXPECT_TRUE(log.has(info("[persist] 持久化模块初始化完成，路径：blocked")));
+}
+
+TEST_F(disk, retained_writes_that_break_keep_the_old_store)
+{
+    retain("old");
+    persist_retain_save();
+    const std::string before = read_text("data/retain.dat");
+    retain("new");
+    for (const int nth : {1, 2}) {
+        Fail       fail(Call::FileWrite, nth, ENOSPC);
+        LogCapture log;
+        EXPECT_EQ(persist_retain_save(), 0) << "write errors are not told";
+        EXPECT_EQ(log.count(debug("[persist] retain saved: 2 entries")), 1);
+        EXPECT_EQ(read_text("data/retain.dat"), before);
+        EXPECT_FALSE(std::filesystem::exists("data/retain.dat.tmp"));
+    }
+    {
+        Fail fail(Call::FileClose, 1, EIO);
+        EXPECT_EQ(persist_retain_save(), 0);
+        EXPECT_EQ(read_text("data/retain.dat"), before);
+    }
+    LogCapture log;
+    for (const Call call : {Call::FileOpen, Call::Rename}) {
+        Fail fail(call, 1, EIO);
+        EXPECT_EQ(persist_retain_save(), -2);
+        EXPECT_THAT(log.take(), ElementsAre(error("[persist] retain save failed")));
+        EXPECT_EQ(read_text("data/retain.dat"), before);
+        EXPECT_FALSE(std::filesystem::exists("data/retain.dat.tmp"));
+    }
+    {
+        Fail fail(Call::Allocate);
+        EXPECT_EQ(persist_retain_save(), -2);
+    }
+    EXPECT_EQ(persist_retain_save(), 0);
+    EXPECT_NE(read_text("data/retain.dat"), before);
+}
+
+TEST_F(disk, a_directory_in_the_place_of_the_retained_file_is_a_failure)
+{
+    std::filesystem::create_directory("data/retain.dat");
+    LogCapture log;
+    EXPECT_EQ(persist_retain_save(), -2);
+    EXPECT_THAT(log.take(), ElementsAre(error("[persist] retain save failed")));
+    EXPECT_FALSE(std::filesystem::exists("data/retain.dat.tmp"));
+    EXPECT_EQ(persist_retain_load(), 0) << "it can be opened";
+    EXPECT_EQ(g_sub_mgr.retain_count, 0);
+}
+
+TEST_F(disk, without_memory_the_retained_file_is_not_read)
+{
+    retain("kept");
+    persist_retain_save();
+    sub_init();
+    LogCapture log;
+    Fail       fail(Call::Allocate);
+    EXPECT_EQ(persist_retain_load(), 0);
+    EXPECT_EQ(fail.failed(), 1);
+    EXPECT_EQ(g_sub_mgr.retain_count, 0);
+    EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST_F(disk, without_memory_a_text_is_not_written)
+{
+    subscribe("a/topic/that/needs/more/than/sixteen/characters", 1);
+    for (const uint8_t what : {PERSIST_SESSION, PERSIST_SUBSCRIPTIONS, PERSIST_MESSAGES}) {
+        LogCapture log;
+        Fail       fail(Call::Allocate);
+        persist_flush_single(record.get(), what);
+        EXPECT_EQ(fail.failed(), 1);
+        EXPECT_THAT(log.take(), IsEmpty());
+    }
+    for (const char *directory : {"session", "subscription", "message"})
+        EXPECT_TRUE(std::filesystem::is_empty(std::string("data/") + directory));
+}
