@@ -65,11 +65,11 @@ template <class Search> void run(benchmark::State &state, Kind kind, Search sear
 
 void register_searches(const char *name, Kind kind)
 {
-    static std::vector<sub_entry_t>   found(SUB_MATCH_CAPACITY);
-    static tarn::sub::RouteList       routes;
-    const auto                        add = [&](const char *how, auto search) {
+    static std::vector<sub_entry_t> found(SUB_MATCH_CAPACITY);
+    static tarn::sub::RouteList     routes;
+    const auto                      add = [&](const char *how, auto search) {
         benchmark::RegisterBenchmark((std::string(name) + "/" + how).c_str(),
-                                     [=](benchmark::State &state) { run(state, kind, search); })
+                                                          [=](benchmark::State &state) { run(state, kind, search); })
             ->Arg(100)
             ->Arg(1000)
             ->Arg(SUB_CAPACITY);

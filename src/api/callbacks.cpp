@@ -18,7 +18,7 @@ class CallbackScope {
 public:
     CallbackScope() { ++t_callbacks; }
     ~CallbackScope() { --t_callbacks; }
-    CallbackScope(const CallbackScope &) = delete;
+    CallbackScope(const CallbackScope &)            = delete;
     CallbackScope &operator=(const CallbackScope &) = delete;
 };
 

@@ -41,9 +41,9 @@ public:
         if (held_)
             life_mx.unlock();
     }
-    LifeLock(const LifeLock &) = delete;
+    LifeLock(const LifeLock &)            = delete;
     LifeLock &operator=(const LifeLock &) = delete;
-    explicit operator bool() const { return held_; }
+    explicit  operator bool() const { return held_; }
 
 private:
     static bool acquire() NO_LOCK_ANALYSIS

@@ -28,9 +28,9 @@ void describe(mqtt_client_t &client, tarn_sdk_mqtt_client_info_t &info)
     const client_id_text id = id_of(client);
     copy_text(info.client_id, id.text, sizeof id.text - 1);
     copy_text(info.ip, client.ip, sizeof info.ip - 1); // written once, before the record could be found
-    info.port         = peek(client.port);
-    info.keepalive    = static_cast<uint16_t>(peek(client.keepalive_ms) / 1000);
-    info.online       = is_online(client);
+    info.port               = peek(client.port);
+    info.keepalive          = static_cast<uint16_t>(peek(client.keepalive_ms) / 1000);
+    info.online             = is_online(client);
     const uint64_t since_ms = peek(client.last_active); // read before the clock, which may not be older
     info.idle_seconds       = static_cast<uint32_t>(elapsed(mono_ms(), since_ms) / 1000);
 }

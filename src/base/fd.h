@@ -20,9 +20,9 @@ public:
     ~Fd() { reset(); }
 
     explicit operator bool() const { return fd_ >= 0; }
-    int  get() const { return fd_; }
-    int  release() { return std::exchange(fd_, -1); }
-    void reset(int fd = -1)
+    int      get() const { return fd_; }
+    int      release() { return std::exchange(fd_, -1); }
+    void     reset(int fd = -1)
     {
         if (fd_ >= 0)
             ::close(fd_);

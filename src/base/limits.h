@@ -75,11 +75,11 @@ enum {
     PERSIST_SESSION_TEXT_SIZE = 228,  /* buffer of the session file's text: 227 characters survive */
     PERSIST_TEXT_READ_MAX     = 2047, /* bytes read back from a session or subscription file */
     PERSIST_MSGS_READ_MAX     = 4095, /* bytes read back from a message file */
-    PERSIST_MSG_OBJECT_MAX    = 1023,  /* characters of one message object that are looked at */
+    PERSIST_MSG_OBJECT_MAX    = 1023, /* characters of one message object that are looked at */
 
     /* log */
     AGENT_LOG_MAX_FILE_SIZE = 1048576, /* default */
-    AGENT_LOG_RESERVED_SIZE = 256,      /* default */
+    AGENT_LOG_RESERVED_SIZE = 256,     /* default */
 
     /* TLS pre-shared keys */
     TLS_PSK_KEY_MAX      = 32,
@@ -91,13 +91,13 @@ TARN_LAYOUT_CHECK(SUB_MATCH_CAPACITY >= SUB_CAPACITY);          /* a match list 
 TARN_LAYOUT_CHECK(CLIENT_SEND_SLOT_BYTES >= CODEC_PUBLISH_MAX); /* every encoded packet fits one send slot */
 TARN_LAYOUT_CHECK(CLIENT_SEND_SLOT_BYTES <= NETIP_SEND_MAX);    /* every queued packet can be sent */
 TARN_LAYOUT_CHECK(PACKET_WILL_BUFFER_SIZE >= CODEC_PUBLISH_MAX);
-TARN_LAYOUT_CHECK(CLIENT_MAX == NETIP_CLIENTS_MAX);             /* a handle is its own place in the look-up table */
+TARN_LAYOUT_CHECK(CLIENT_MAX == NETIP_CLIENTS_MAX); /* a handle is its own place in the look-up table */
 TARN_LAYOUT_CHECK(CLIENT_MAX % CLIENT_BLOCK_RECORDS == 0);
 TARN_LAYOUT_CHECK(NETIP_CLIENTS_MAX / CLIENT_BLOCK_RECORDS < CLIENT_LOCKS); /* one lock a hundred handles */
 TARN_LAYOUT_CHECK(CLIENT_WILL_MAX == CODEC_PAYLOAD_MAX);
 TARN_LAYOUT_CHECK(QOS_PAYLOAD_MAX == CODEC_PAYLOAD_MAX);
 TARN_LAYOUT_CHECK(CLIENT_ID_CHARS < CODEC_CLIENT_ID_MAX);
-TARN_LAYOUT_CHECK(PACKET_SAVED_SUBS_MAX <= PERSIST_SUBS_MAX);   /* what is saved can be read back */
+TARN_LAYOUT_CHECK(PACKET_SAVED_SUBS_MAX <= PERSIST_SUBS_MAX); /* what is saved can be read back */
 TARN_LAYOUT_CHECK(PACKET_REPLY_SIZE >= CODEC_MIN_CAPACITY);
 
 #endif

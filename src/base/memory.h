@@ -35,8 +35,8 @@ template <class T> class GrowArray {
     static_assert(std::is_trivially_copyable_v<T>);
 
 public:
-    GrowArray() = default;
-    GrowArray(const GrowArray &) = delete;
+    GrowArray()                             = default;
+    GrowArray(const GrowArray &)            = delete;
     GrowArray &operator=(const GrowArray &) = delete;
     ~GrowArray() { std::free(data_); }
 
@@ -61,10 +61,10 @@ public:
         data_[size_++] = value;
         return true;
     }
-    void   clear() noexcept { size_ = 0; }
-    void   resize_down(size_t size) noexcept { size_ = size < size_ ? size : size_; }
-    size_t size() const noexcept { return size_; }
-    bool   empty() const noexcept { return size_ == 0; }
+    void     clear() noexcept { size_ = 0; }
+    void     resize_down(size_t size) noexcept { size_ = size < size_ ? size : size_; }
+    size_t   size() const noexcept { return size_; }
+    bool     empty() const noexcept { return size_ == 0; }
     T       *data() noexcept { return data_; }
     const T *data() const noexcept { return data_; }
     T       &operator[](size_t i) noexcept { return data_[i]; }

@@ -28,8 +28,8 @@ namespace tarn {
 struct CAPABILITY("mutex") Mutex {
     pthread_mutex_t raw;
 
-    void lock() ACQUIRE() { pthread_mutex_lock(&raw); }
-    void unlock() RELEASE() { pthread_mutex_unlock(&raw); }
+    void               lock() ACQUIRE() { pthread_mutex_lock(&raw); }
+    void               unlock() RELEASE() { pthread_mutex_unlock(&raw); }
     [[nodiscard]] bool try_lock() TRY_ACQUIRE(true) { return pthread_mutex_trylock(&raw) == 0; }
 };
 static_assert(sizeof(Mutex) == sizeof(pthread_mutex_t), "a Mutex replaces a pthread_mutex_t in exported records");
@@ -39,7 +39,7 @@ class SCOPED_CAPABILITY ScopedLock {
 public:
     explicit ScopedLock(Mutex &mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
     ~ScopedLock() RELEASE() { mutex_.unlock(); }
-    ScopedLock(const ScopedLock &) = delete;
+    ScopedLock(const ScopedLock &)            = delete;
     ScopedLock &operator=(const ScopedLock &) = delete;
 
 private:

@@ -44,7 +44,7 @@ client_ref make_client(uint32_t handle, broker_t *broker)
     char ip[kIpSize] = {};
     (void)netip_get_client_ip(handle, ip, sizeof ip);
     const net::Connection connection = connection_of(handle);
-    client_ref client = create_client(handle, ip, netip_get_client_port(handle), broker, connection);
+    client_ref            client     = create_client(handle, ip, netip_get_client_port(handle), broker, connection);
     if (client || (connection.generation != 0 && !net::is_open(connection)))
         return client; // or closed from elsewhere while its packet was on the way
     LOG_ERROR("Create client failed, close handle=%u", handle);

@@ -26,18 +26,18 @@ constexpr int32_t  kOutside   = -1; // pool index of a record that is not in the
 // ---- guards beside a record (pins.cpp)
 
 struct Side {
-    std::atomic<uint64_t> ctl;        // pins, RELEASED, WIPING, life number: see pins.cpp
-    std::atomic<uint32_t> generation; // of the connection the record was made for, 0 = unknown
-    std::atomic<uint8_t>  closing;    // claimed for closing or for settling the will
-    std::atomic<uint8_t>  parked;     // waits for its delayed will and is counted in will_scan.cpp
-    std::atomic<uint8_t>  listed;     // on its way to the send thread, or kept by it for another try
-    std::atomic<uint8_t>  in_round;   // in the list of the running I/O round
+    std::atomic<uint64_t> ctl;           // pins, RELEASED, WIPING, life number: see pins.cpp
+    std::atomic<uint32_t> generation;    // of the connection the record was made for, 0 = unknown
+    std::atomic<uint8_t>  closing;       // claimed for closing or for settling the will
+    std::atomic<uint8_t>  parked;        // waits for its delayed will and is counted in will_scan.cpp
+    std::atomic<uint8_t>  listed;        // on its way to the send thread, or kept by it for another try
+    std::atomic<uint8_t>  in_round;      // in the list of the running I/O round
     std::atomic<uint8_t>  round_blocked; // its socket took nothing in this round
-    std::atomic<uint8_t>  refusals;   // failed sends in a row, other than "would block"
-    uint8_t               flushing;   // one thread sends from the ring; send_lock
-    uint8_t               ring_used;  // slots written since the ring's pages were given back, at most 100; send_lock
-    std::atomic<int32_t>  next_ready; // ready list of the send thread: index + 1, 0 = end
-    std::atomic<int32_t>  subs_high;  // session.subs[] and .msgs[] are zero from here on
+    std::atomic<uint8_t>  refusals;      // failed sends in a row, other than "would block"
+    uint8_t               flushing;      // one thread sends from the ring; send_lock
+    uint8_t               ring_used;     // slots written since the ring's pages were given back, at most 100; send_lock
+    std::atomic<int32_t>  next_ready;    // ready list of the send thread: index + 1, 0 = end
+    std::atomic<int32_t>  subs_high;     // session.subs[] and .msgs[] are zero from here on
     std::atomic<int32_t>  msgs_high;
     Mutex                 data_mx; // the embedded session record
     Mutex                 id_mx;   // client_id and ip
@@ -65,14 +65,14 @@ void               wipe_texts(mqtt_client_t &client) noexcept;
 // ---- memory (arena.cpp)
 
 // Makes the records of a block usable; they are zero until written. False when the system gives no memory.
-[[nodiscard]] bool   open_block(int32_t block) noexcept;
-mqtt_client_t       *records_of(int32_t block) noexcept;
-void                 give_back_block(int32_t block) noexcept; // the records read as zero afterwards
-client_send_slot_t  *make_ring(const mqtt_client_t &client) noexcept; // 100 zeroed slots, or null
+[[nodiscard]] bool  open_block(int32_t block) noexcept;
+mqtt_client_t      *records_of(int32_t block) noexcept;
+void                give_back_block(int32_t block) noexcept;         // the records read as zero afterwards
+client_send_slot_t *make_ring(const mqtt_client_t &client) noexcept; // 100 zeroed slots, or null
 // Frees a ring of this record's. The ring is not used by anyone any more.
-void                 free_ring(const mqtt_client_t &client, client_send_slot_t *ring) noexcept;
+void free_ring(const mqtt_client_t &client, client_send_slot_t *ring) noexcept;
 // Gives back the pages of the record's ring and leaves it in place, if it is one that can do that and nobody sends.
-void                 trim_ring(mqtt_client_t &client) noexcept REQUIRES(client.send_lock);
+void trim_ring(mqtt_client_t &client) noexcept REQUIRES(client.send_lock);
 
 // ---- the pool (pool.cpp)
 
@@ -119,7 +119,7 @@ void flush_and_hand_over(mqtt_client_t &client) noexcept;
 // Returns when no thread is sending from this ring. Nobody starts again once the client is not online.
 void wait_for_flusher(mqtt_client_t &client) noexcept;
 // Frees the ring, now or when the thread that sends from it is done.
-void drop_ring(mqtt_client_t &client) noexcept;
+void               drop_ring(mqtt_client_t &client) noexcept;
 [[nodiscard]] bool has_packets(mqtt_client_t &client) noexcept;
 
 void hand_to_send_thread(int32_t index) noexcept; // wakes it

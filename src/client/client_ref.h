@@ -17,7 +17,7 @@ public:
     explicit client_ref(mqtt_client_t *client) noexcept; // pins; the caller knows that the record is alive
     client_ref(client_ref &&other) noexcept : client_(other.client_) { other.client_ = nullptr; }
     client_ref &operator=(client_ref &&other) noexcept;
-    client_ref(const client_ref &) = delete;
+    client_ref(const client_ref &)            = delete;
     client_ref &operator=(const client_ref &) = delete;
     ~client_ref() { reset(); }
 
@@ -29,7 +29,7 @@ public:
 
 private:
     friend client_ref adopt_pinned(mqtt_client_t *client) noexcept;
-    mqtt_client_t *client_ = nullptr;
+    mqtt_client_t    *client_ = nullptr;
 };
 
 // As client_find_by_handle and client_find_by_cid, found and pinned in one step under the table's lock.

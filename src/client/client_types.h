@@ -61,10 +61,10 @@ struct mqtt_client_t {
     uint8_t             will_retain;
     uint8_t             will_sent;
     tarn_mutex_t        will_lock;
-    uint32_t            max_packet_size;         /* bytes */
-    uint32_t            session_expiry_interval; /* s */
-    uint64_t            session_expiry_deadline; /* wall s, 0 = none */
-    uint32_t            will_delay_interval;     /* s */
+    uint32_t            max_packet_size;          /* bytes */
+    uint32_t            session_expiry_interval;  /* s */
+    uint64_t            session_expiry_deadline;  /* wall s, 0 = none */
+    uint32_t            will_delay_interval;      /* s */
     uint32_t            will_msg_expiry_interval; /* s */
     uint8_t             will_payload_format;
     char                will_content_type[64];

@@ -139,7 +139,7 @@ void client_close(mqtt_client_t *client)
         return;
     }
     if (!claim_closing(*client))
-        return; // being closed, perhaps further up on this very thread
+        return;                            // being closed, perhaps further up on this very thread
     if (!was_closed_since(*client, state)) // between our look and our claim
         close_claimed(*client);
     unclaim_closing(*client);

@@ -23,15 +23,15 @@ namespace {
 
 // The block list lives as long as the process, at its full length: scans walk it without a lock.
 constinit client_pool_block_t *g_block_list GUARDED_BY(pool_mx) = nullptr;
-constinit bool                 g_unlinking GUARDED_BY(pool_mx)  = false; // no new records meanwhile
-constinit uint8_t              g_used_flags[kBlocksMax][CLIENT_BLOCK_RECORDS]{};
+constinit bool g_unlinking                  GUARDED_BY(pool_mx) = false; // no new records meanwhile
+constinit uint8_t                           g_used_flags[kBlocksMax][CLIENT_BLOCK_RECORDS]{};
 
 struct Place {
     client_pool_block_t *block = nullptr;
     int32_t              at    = 0;
-    explicit operator bool() const { return block != nullptr; }
-    mqtt_client_t &record() const { return block->records[at]; }
-    uint8_t       &used_flag() const { return block->used_flags[at]; }
+    explicit             operator bool() const { return block != nullptr; }
+    mqtt_client_t       &record() const { return block->records[at]; }
+    uint8_t             &used_flag() const { return block->used_flags[at]; }
 };
 
 Place place_of(const mqtt_client_t &client) noexcept
@@ -39,8 +39,8 @@ Place place_of(const mqtt_client_t &client) noexcept
     const int32_t              count  = peek_acquire(g_client_mgr.block_count);
     client_pool_block_t *const blocks = peek_acquire(g_client_mgr.blocks);
     for (int32_t i = 0; blocks && i < count; ++i) {
-        client_pool_block_t &block = blocks[i];
-        const auto offset = reinterpret_cast<uintptr_t>(&client) - reinterpret_cast<uintptr_t>(block.records);
+        client_pool_block_t &block  = blocks[i];
+        const auto           offset = reinterpret_cast<uintptr_t>(&client) - reinterpret_cast<uintptr_t>(block.records);
         if (offset < CLIENT_BLOCK_RECORDS * sizeof(mqtt_client_t))
             return {&block, static_cast<int32_t>(offset / sizeof(mqtt_client_t))};
     }

@@ -30,7 +30,7 @@ void end_io_round() noexcept
 {
     if (!t_in_round)
         return;
-    t_in_round = false;
+    t_in_round          = false;
     const int32_t count = g_round_count.load(std::memory_order_relaxed);
     for (int32_t i = 0; i < count; ++i) {
         const int32_t index = peek(g_round[i]);

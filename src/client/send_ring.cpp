@@ -54,7 +54,7 @@ void gather(mqtt_client_t &client, int limit, Batch &batch) REQUIRES(client.send
 void advance(mqtt_client_t &client, int packets) REQUIRES(client.send_lock)
 {
     for (; packets > 0; --packets) {
-        const int head                 = client.send_head % CLIENT_SEND_SLOTS;
+        const int head                = client.send_head % CLIENT_SEND_SLOTS;
         client.send_queue[head].ready = 0;
         poke(client.send_head, static_cast<uint8_t>(next_of(head)));
     }
@@ -209,8 +209,8 @@ void wait_for_flusher(mqtt_client_t &client) noexcept
 
 void drop_ring(mqtt_client_t &client) noexcept
 {
-    Side *const side = side_of(&client);
-    ScopedLock  lock(client.send_lock);
+    Side *const               side = side_of(&client);
+    ScopedLock                lock(client.send_lock);
     client_send_slot_t *const ring = client.send_queue;
     poke(client.send_queue, nullptr);
     poke(client.send_head, 0);

@@ -26,12 +26,12 @@ constexpr uint32_t kTrimIdle_ms = 10000;
 constexpr int      kTrimSlots   = 8;  // a ring that was used less is not worth a system call
 constexpr int      kRefusals    = 10; // from then on a record is tried with each walk only
 
-constinit std::atomic<int32_t>  g_ready{0}; // newest record of the ready list: index + 1, 0 = empty
+constinit std::atomic<int32_t>  g_ready{0};  // newest record of the ready list: index + 1, 0 = empty
 constinit std::atomic<uint32_t> g_asleep{0}; // the thread waits in the kernel on this word
 constinit std::atomic<uint8_t>  g_try_again{0};
 
-constinit Mutex g_start_mx{};
-constinit bool  g_started GUARDED_BY(g_start_mx) = false; // there is a thread to join
+constinit Mutex          g_start_mx{};
+constinit bool g_started GUARDED_BY(g_start_mx) = false; // there is a thread to join
 
 static_assert(sizeof g_asleep == sizeof(uint32_t), "a futex word");
 
@@ -47,7 +47,8 @@ bool sleep_until_woken(uint32_t ms)
     bool timed_out = false;
     if (nothing_to_do()) {
         const timespec wait{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
-        timed_out = syscall(SYS_futex, &g_asleep, FUTEX_WAIT_PRIVATE, 1, &wait, nullptr, 0) != 0 && g_asleep.load() != 0;
+        timed_out =
+            syscall(SYS_futex, &g_asleep, FUTEX_WAIT_PRIVATE, 1, &wait, nullptr, 0) != 0 && g_asleep.load() != 0;
     }
     g_asleep.store(0);
     return !timed_out;
@@ -65,7 +66,7 @@ int32_t take_ready()
     int32_t newest_first = g_ready.exchange(0);
     int32_t oldest_first = 0;
     while (newest_first != 0) {
-        Side &side         = side_at(newest_first - 1);
+        Side         &side = side_at(newest_first - 1);
         const int32_t next = side.next_ready.load(std::memory_order_relaxed);
         side.next_ready.store(oldest_first, std::memory_order_relaxed);
         oldest_first = newest_first;

@@ -28,7 +28,7 @@ public:
                 return true;
         return false;
     }
-    void       add(client_ref client) { clients_[count_++] = std::move(client); }
+    void        add(client_ref client) { clients_[count_++] = std::move(client); }
     client_ref &operator[](int i) { return clients_[i]; }
 
 private:
@@ -37,8 +37,8 @@ private:
 };
 
 struct Visit {
-    int32_t block;
-    int     at;
+    int32_t  block;
+    int      at;
     uint64_t now_ms;
     uint32_t default_threshold_ms;
 };

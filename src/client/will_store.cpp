@@ -60,8 +60,9 @@ Stored store(mqtt_client_t &client, const char *topic, const uint8_t *payload, u
         poke(client.will_payload, nullptr);
         poke(client.will_msg_used, 0);
     }
-    return {std::move(old_topic), std::move(old_payload), client.will_topic ? topic : nullptr,
-            client.will_payload_len, client.will_qos, client.will_retain, client.will_msg_used};
+    return {std::move(old_topic),    std::move(old_payload), client.will_topic ? topic : nullptr,
+            client.will_payload_len, client.will_qos,        client.will_retain,
+            client.will_msg_used};
 }
 
 } // namespace
@@ -93,7 +94,8 @@ void client_set_will_msg(mqtt_client_t *client, const char *topic, const uint8_t
 {
     if (!client || !topic || payload_len > CLIENT_WILL_MAX) {
         LOG_ERROR("[遗嘱调试][设置失败] 参数无效：client=%p, topic=%s, payload_len=%d（上限=%d）, qos=%d",
-                  static_cast<void *>(client), topic ? topic : "NULL", static_cast<int>(payload_len), CLIENT_WILL_MAX, qos);
+                  static_cast<void *>(client), topic ? topic : "NULL", static_cast<int>(payload_len), CLIENT_WILL_MAX,
+                  qos);
         return;
     }
     const client_ref     pin(client);
@@ -106,8 +108,9 @@ void client_set_will_msg(mqtt_client_t *client, const char *topic, const uint8_t
         LOG_WARN("[遗嘱调试][QoS降级] ClientID=%s, 原始QoS=%d超出范围（0-2），自动降级为QoS0", id.text, qos);
     }
     const Stored will = store(*client, topic, payload, payload ? payload_len : 0, stored_qos, retain);
-    LOG_INFO("[遗嘱调试][设置成功] ClientID=%s, 最终存储：topic=%s, payload_len=%d, qos=%d, retain=%d, will_msg_used=%d",
-             id.text, or_null(will.topic), static_cast<int>(will.payload_len), will.qos, will.retain, will.used);
+    LOG_INFO(
+        "[遗嘱调试][设置成功] ClientID=%s, 最终存储：topic=%s, payload_len=%d, qos=%d, retain=%d, will_msg_used=%d",
+        id.text, or_null(will.topic), static_cast<int>(will.payload_len), will.qos, will.retain, will.used);
 }
 
 void client_set_will_enhance(mqtt_client_t *client, uint32_t delay_s, uint32_t expiry_s, uint8_t payload_format,

@@ -126,15 +126,12 @@ int mqtt_codec_encode_ack(mqtt_codec_ctx_t *ctx, int type, const mqtt_ack_para_t
     // Neither can happen with these lengths.
     const Sealed sealed = seal_packet(buf, capacity, body);
     if (sealed.length_bytes == 0)
-        return REFUSE(CODEC_E_MALFORMED, "ACK encode: encode remaining length failed (bytes=%d)",
-                      sealed.length_bytes);
+        return REFUSE(CODEC_E_MALFORMED, "ACK encode: encode remaining length failed (bytes=%d)", sealed.length_bytes);
     if (sealed.total > capacity)
-        return REFUSE(CODEC_E_BUFFER, "ACK encode: buffer full (need %d bytes, have %d bytes)", sealed.total,
-                      capacity);
+        return REFUSE(CODEC_E_BUFFER, "ACK encode: buffer full (need %d bytes, have %d bytes)", sealed.total, capacity);
 
     if (level == 5 && type == SUBACK && log_passes(AGENT_LOG_INFO))
         trace_packet(buf, sealed.total);
-    LOG_DEBUG("ACK encode success: type=%d, msg_id=%d, version=%d, len=%d",
-              type, para->msg_id, level, sealed.total);
+    LOG_DEBUG("ACK encode success: type=%d, msg_id=%d, version=%d, len=%d", type, para->msg_id, level, sealed.total);
     return encoded(ctx, static_cast<uint32_t>(type), sealed.total, buf_len);
 }

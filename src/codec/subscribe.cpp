@@ -52,8 +52,8 @@ int mqtt_codec_encode_subscribe(mqtt_codec_ctx_t *ctx, const mqtt_subscribe_para
     if (put_filters(body, *para) == 0)
         return REFUSE(CODEC_E_PARAM, "SUBSCRIBE encode: no valid topic filters");
     if (!body.fits())
-        return REFUSE(CODEC_E_BUFFER, "SUBSCRIBE encode: buffer full (need %d, have %d)",
-                      static_cast<int>(body.need()), CODEC_SUBSCRIBE_MAX);
+        return REFUSE(CODEC_E_BUFFER, "SUBSCRIBE encode: buffer full (need %d, have %d)", static_cast<int>(body.need()),
+                      CODEC_SUBSCRIBE_MAX);
 
     const Sealed sealed = seal_packet(buf, capacity, body);
     if (sealed.length_bytes == 0) // cannot happen with a body this short
@@ -147,14 +147,14 @@ bool read_filter(Reader &in, mqtt_subscribe_para_t &para)
 {
     uint16_t length = 0;
     if (!in.u16(length)) {
-        LOG_ERROR("SUBSCRIBE decode: buffer too short for topic filter length (pos=%d, payload_end=%d)",
-                  in.pos(), in.end());
+        LOG_ERROR("SUBSCRIBE decode: buffer too short for topic filter length (pos=%d, payload_end=%d)", in.pos(),
+                  in.end());
         return false;
     }
     char *filter = para.topic_filters[para.filter_count];
     if (length == 0 || length > CODEC_TOPIC_MAX || !in.bytes(filter, length)) {
-        LOG_WARN("SUBSCRIBE decode: invalid topic filter length %d (max=%d, pos+len=%d, payload_end=%d)",
-                 length, CODEC_TOPIC_MAX, in.pos() + length, in.end());
+        LOG_WARN("SUBSCRIBE decode: invalid topic filter length %d (max=%d, pos+len=%d, payload_end=%d)", length,
+                 CODEC_TOPIC_MAX, in.pos() + length, in.end());
         return false;
     }
     uint8_t options = 0;
@@ -178,15 +178,14 @@ int no_filters()
 //   test: subscribe_decode.a_17th_filter_is_ignored
 int read_filters(Reader &in, int input, mqtt_subscribe_para_t &para)
 {
-    while (in.pos() < input && para.filter_count < CODEC_FILTERS_MAX && read_filter(in, para) && !in.at_end()) {
-    }
+    while (in.pos() < input && para.filter_count < CODEC_FILTERS_MAX && read_filter(in, para) && !in.at_end()) {}
     return para.filter_count > 0 ? CODEC_OK : no_filters();
 }
 
 void trace_input(mqtt_codec_ctx_t *ctx, const uint8_t *buf, const int *buf_len, const mqtt_subscribe_para_t *para)
 {
-    LOG_DEBUG("SUBSCRIBE decode: input param - ctx=%p, buf=%p, buf_len=%p (len=%d), para=%p",
-              addr(ctx), addr(buf), addr(buf_len), length_of(buf_len), addr(para));
+    LOG_DEBUG("SUBSCRIBE decode: input param - ctx=%p, buf=%p, buf_len=%p (len=%d), para=%p", addr(ctx), addr(buf),
+              addr(buf_len), length_of(buf_len), addr(para));
     if (length_of(buf_len) > 0)
         LOG_HEXDUMP("SUBSCRIBE decode: full input data", buf, *buf_len);
 }
@@ -205,12 +204,13 @@ int mqtt_codec_decode_subscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *
     const int         input  = *buf_len;
     const FixedHeader header = read_fixed_header(buf, input);
     if (header.type != SUBSCRIBE)
-        return REFUSE(CODEC_E_MALFORMED, "SUBSCRIBE decode: not a SUBSCRIBE packet (type=%d, expect=%d)",
-                      header.type, SUBSCRIBE);
+        return REFUSE(CODEC_E_MALFORMED, "SUBSCRIBE decode: not a SUBSCRIBE packet (type=%d, expect=%d)", header.type,
+                      SUBSCRIBE);
     if (header.flags != kFlags)
         return REFUSE(CODEC_E_MALFORMED, "SUBSCRIBE decode: invalid flags (0x%02X, expect=0x02)", header.flags);
     if (!header.length.ok() || header.end > input)
-        return REFUSE(CODEC_E_MALFORMED, "SUBSCRIBE decode: invalid remaining length (len=%d, consumed=%d, total=%d, buf_len=%d)",
+        return REFUSE(CODEC_E_MALFORMED,
+                      "SUBSCRIBE decode: invalid remaining length (len=%d, consumed=%d, total=%d, buf_len=%d)",
                       header.length.value, header.length.bytes, header.end, input);
 
     Reader in(buf, header.end, header.body);
@@ -228,7 +228,7 @@ int mqtt_codec_decode_subscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *
     }
     if (const int refused = read_filters(in, input, *para); refused != CODEC_OK)
         return refused;
-    LOG_DEBUG("SUBSCRIBE decode success - version=%d, msg_id=%d, filters=%d, decode_len=%d",
-              level, para->msg_id, para->filter_count, in.pos());
+    LOG_DEBUG("SUBSCRIBE decode success - version=%d, msg_id=%d, filters=%d, decode_len=%d", level, para->msg_id,
+              para->filter_count, in.pos());
     return decoded(ctx, SUBSCRIBE, in.pos(), buf_len);
 }

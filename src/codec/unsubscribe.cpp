@@ -33,7 +33,8 @@ int put_filters(Writer &body, const mqtt_unsubscribe_para_t &para)
 
 } // namespace
 
-int mqtt_codec_encode_unsubscribe(mqtt_codec_ctx_t *ctx, const mqtt_unsubscribe_para_t *para, uint8_t *buf, int *buf_len)
+int mqtt_codec_encode_unsubscribe(mqtt_codec_ctx_t *ctx, const mqtt_unsubscribe_para_t *para, uint8_t *buf,
+                                  int *buf_len)
 {
     if (!ctx || !para || !buf || length_of(buf_len) < CODEC_MIN_CAPACITY)
         return REFUSE(CODEC_E_PARAM, "UNSUBSCRIBE encode: invalid param (ctx=%p, para=%p, buf=%p, buf_len=%p, len=%d)",
@@ -63,8 +64,8 @@ int mqtt_codec_encode_unsubscribe(mqtt_codec_ctx_t *ctx, const mqtt_unsubscribe_
         return REFUSE(CODEC_E_MALFORMED, "UNSUBSCRIBE encode: encode remaining length failed");
     if (sealed.total > capacity)
         return REFUSE(CODEC_E_BUFFER, "UNSUBSCRIBE encode: buffer full (need %d, have %d)", sealed.total, capacity);
-    LOG_DEBUG("UNSUBSCRIBE encode success: version=%d, msg_id=%d, filters=%d, len=%d",
-              level, para->msg_id, para->filter_count, sealed.total);
+    LOG_DEBUG("UNSUBSCRIBE encode success: version=%d, msg_id=%d, filters=%d, len=%d", level, para->msg_id,
+              para->filter_count, sealed.total);
     return encoded(ctx, UNSUBSCRIBE, sealed.total, buf_len);
 }
 
@@ -108,8 +109,8 @@ int read_header(Reader &in, uint32_t &remaining)
         break;
     }
     if (remaining < 2 || !in.has(static_cast<int>(remaining)))
-        return REFUSE(CODEC_E_BUFFER, "UNSUBSCRIBE剩余长度不合法：offset=%d rem_len=%u total_len=%d",
-                      in.pos(), remaining, total);
+        return REFUSE(CODEC_E_BUFFER, "UNSUBSCRIBE剩余长度不合法：offset=%d rem_len=%u total_len=%d", in.pos(),
+                      remaining, total);
     in = in.block(in.pos() + static_cast<int>(remaining));
     return CODEC_OK;
 }
@@ -125,7 +126,8 @@ int read_properties(Reader &in, uint32_t remaining, mqtt_unsubscribe_para_t &par
     uint32_t length = 0;
     switch (read_length(in, remaining - 2, length)) {
     case Length::RanOut:
-        return REFUSE(CODEC_E_MALFORMED, "UNSUBSCRIBE 5.0属性长度解码越界：offset=%d rem_len_end=%d", in.pos(), in.end());
+        return REFUSE(CODEC_E_MALFORMED, "UNSUBSCRIBE 5.0属性长度解码越界：offset=%d rem_len_end=%d", in.pos(),
+                      in.end());
     case Length::TooLong:
         return REFUSE(CODEC_E_BUFFER, "UNSUBSCRIBE 5.0属性长度超限：prop_len=%u 最大允许=%u", length, remaining - 2);
     case Length::Read:
@@ -133,7 +135,8 @@ int read_properties(Reader &in, uint32_t remaining, mqtt_unsubscribe_para_t &par
     }
     const int block_end = in.pos() + static_cast<int>(length);
     if (block_end > in.end())
-        return REFUSE(CODEC_E_MALFORMED, "UNSUBSCRIBE 5.0属性长度越界：prop_end=%d rem_len_end=%d", block_end, in.end());
+        return REFUSE(CODEC_E_MALFORMED, "UNSUBSCRIBE 5.0属性长度越界：prop_end=%d rem_len_end=%d", block_end,
+                      in.end());
 
     Reader block = in.block(block_end);
     for (uint8_t id = 0, value = 0; block.u8(id);) {
@@ -181,12 +184,13 @@ int read_filters(Reader &in, mqtt_unsubscribe_para_t &para)
         }
         uint16_t length = 0;
         if (!in.u16(length))
-            return REFUSE(CODEC_E_MALFORMED, "UNSUBSCRIBE Topic长度字段越界：offset=%d rem_len_end=%d",
-                          in.pos(), in.end());
+            return REFUSE(CODEC_E_MALFORMED, "UNSUBSCRIBE Topic长度字段越界：offset=%d rem_len_end=%d", in.pos(),
+                          in.end());
         char *filter = para.topic_filters[para.filter_count];
         if (length == 0 || length > CODEC_TOPIC_MAX || !in.bytes(filter, length))
-            return REFUSE(CODEC_E_MALFORMED, "UNSUBSCRIBE Topic长度非法：len=%u 最大允许=%u offset+len=%d rem_len_end=%d",
-                          length, CODEC_TOPIC_MAX, in.pos() + length, in.end());
+            return REFUSE(CODEC_E_MALFORMED,
+                          "UNSUBSCRIBE Topic长度非法：len=%u 最大允许=%u offset+len=%d rem_len_end=%d", length,
+                          CODEC_TOPIC_MAX, in.pos() + length, in.end());
         LOG_DEBUG("UNSUBSCRIBE解析Topic[%d]：%s（长度=%u）", para.filter_count, filter, length);
         ++para.filter_count;
     }
@@ -196,14 +200,16 @@ int read_filters(Reader &in, mqtt_unsubscribe_para_t &para)
 } // namespace
 
 // UNSUBSCRIBE:  A2  remaining:length  packet-id:u16  [properties, 5.0]  { filter:text } * 0..16
-int mqtt_codec_decode_unsubscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_unsubscribe_para_t *para)
+int mqtt_codec_decode_unsubscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len,
+                                  mqtt_unsubscribe_para_t *para)
 {
     if (!ctx || !buf || !para || length_of(buf_len) < 4)
         return REFUSE(CODEC_E_PARAM, "UNSUBSCRIBE解码参数非法：ctx=%p buf=%p buf_len=%d para=%p", addr(ctx), addr(buf),
                       length_of(buf_len), addr(para));
     memset(para, 0, sizeof *para);
     if (buf[0] != kFirstByte)
-        return REFUSE(CODEC_E_MALFORMED, "UNSUBSCRIBE固定报头非法：类型=%d 保留位=0x%02X（预期0x02）", buf[0] >> 4, buf[0] & 0x0F);
+        return REFUSE(CODEC_E_MALFORMED, "UNSUBSCRIBE固定报头非法：类型=%d 保留位=0x%02X（预期0x02）", buf[0] >> 4,
+                      buf[0] & 0x0F);
     poke(ctx->last_packet_type, UNSUBSCRIBE); // stays, even when the packet fails further down
 
     Reader   in(buf, *buf_len, 1);
@@ -229,7 +235,7 @@ int mqtt_codec_decode_unsubscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int
 
     if (level != known)
         poke(ctx->version, level);
-    LOG_INFO("UNSUBSCRIBE解码完成：总解码字节=%d Topic数量=%d 消息ID=%u 版本=%s", in.pos(), para->filter_count, para->msg_id,
-             level == 5 ? "5.0" : "3.1.1");
+    LOG_INFO("UNSUBSCRIBE解码完成：总解码字节=%d Topic数量=%d 消息ID=%u 版本=%s", in.pos(), para->filter_count,
+             para->msg_id, level == 5 ? "5.0" : "3.1.1");
     return decoded(ctx, UNSUBSCRIBE, in.pos(), buf_len);
 }

@@ -13,11 +13,11 @@ namespace tarn::handler {
 namespace {
 
 struct AckRow {
-    const char *undecodable; // client id, code
-    const char *received;    // client id, identifier
-    int         reply;       // packet type, 0 = none
-    const char *no_memory;   // errno
-    const char *replied;     // client id, identifier
+    const char *undecodable;                            // client id, code
+    const char *received;                               // client id, identifier
+    int         reply;                                  // packet type, 0 = none
+    const char *no_memory;                              // errno
+    const char *replied;                                // client id, identifier
     void (*settle)(mqtt_client_t &client, uint16_t id); // the record's own bookkeeping, last
 };
 

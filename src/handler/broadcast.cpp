@@ -37,10 +37,7 @@ struct BroadcastPath : BasicPath {
     //   test: broadcast.a_will_is_not_tracked
     bool tracks() const { return !is_will; }
 
-    void not_chosen(const Receiver &to)
-    {
-        LOG_DEBUG("[共享订阅] 订阅者%d 同组已负载均衡，跳过发送", to.number);
-    }
+    void not_chosen(const Receiver &to) { LOG_DEBUG("[共享订阅] 订阅者%d 同组已负载均衡，跳过发送", to.number); }
     void absent(const Receiver &to, const mqtt_client_t *client, uint32_t state)
     {
         if (to.route.client_id[0] == '\0')

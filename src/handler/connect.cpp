@@ -132,10 +132,10 @@ void say_will(const mqtt_client_t &client, const mqtt_connect_para_t &connect)
 // A payload above 1024 bytes leaves its length in the record, but no bytes.
 void copy_will_to_session(persist_session_t &session, const mqtt_connect_para_t &connect)
 {
-    const auto length  = static_cast<uint32_t>(connect.will_payload_len);
-    session.will_flag  = 1;
-    session.will_qos   = static_cast<uint8_t>(connect.will_qos);
-    session.will_len   = length;
+    const auto length = static_cast<uint32_t>(connect.will_payload_len);
+    session.will_flag = 1;
+    session.will_qos  = static_cast<uint8_t>(connect.will_qos);
+    session.will_len  = length;
     copy_text(session.will_topic, connect.will_topic, sizeof session.will_topic - 1);
     if (length <= sizeof session.will_payload)
         memcpy(session.will_payload, connect.will_payload, length);

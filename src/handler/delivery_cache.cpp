@@ -37,8 +37,8 @@ DeliveryCache::Encoded DeliveryCache::encode(uint32_t version, uint32_t qos, uin
 bool DeliveryCache::only_buffer_too_small(int code, uint32_t version) const noexcept
 {
     const size_t properties = 1 + (message_.msg_expiry_interval != 0 ? 5u : 0u) + (message_.topic_alias != 0 ? 4u : 0u);
-    const size_t body       = 2 + message_.topic.size() + (message_.qos != 0 ? 2u : 0u) +
-                        (version == 5 ? properties : 0u) + message_.payload.size();
+    const size_t body = 2 + message_.topic.size() + (message_.qos != 0 ? 2u : 0u) + (version == 5 ? properties : 0u) +
+                        message_.payload.size();
     return code == CODEC_E_BUFFER && body <= CODEC_BODY_MAX;
 }
 

@@ -8,8 +8,8 @@
 
 TARN_API_BEGIN
 
-extern uint32_t        msgid_seed; /* rand_r() state, 0 = take time() at the next draw; under msgid_mutex */
-extern tarn_mutex_t    msgid_mutex;
+extern uint32_t     msgid_seed; /* rand_r() state, 0 = take time() at the next draw; under msgid_mutex */
+extern tarn_mutex_t msgid_mutex;
 
 int  packet_handler_init(void);
 int  packet_handler_deinit(void);

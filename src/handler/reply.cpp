@@ -66,8 +66,8 @@ void packet_handler_send_disconnect(mqtt_client_t *client, uint8_t reason_code)
     using namespace tarn;
     if (!client || peek(client->handle) == NETIP_NO_HANDLE)
         return;
-    const client_ref        pin(client);
-    mqtt_disconnect_para_t  disconnect{};
+    const client_ref       pin(client);
+    mqtt_disconnect_para_t disconnect{};
     if (handler::speaks_v5(*client))
         disconnect.reason_code = reason_code;
 

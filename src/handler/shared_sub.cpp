@@ -39,7 +39,7 @@ ShareChoice::Group group_at(const ShareChoice &choice, uint32_t first)
     const auto             extent = [&](auto belongs) {
         const uint32_t *const begin = choice.order.begin() + first;
         const uint32_t *const end   = std::partition_point(
-            begin, choice.order.end(), [&](uint32_t at) { return belongs(choice.members[at].group); });
+                          begin, choice.order.end(), [&](uint32_t at) { return belongs(choice.members[at].group); });
         return static_cast<uint32_t>(end - begin);
     };
     return {first, extent([&](std::string_view other) { return other == name; }),
@@ -55,8 +55,9 @@ bool list_groups(ShareChoice &choice)
         if (choice.members[choice.order[group.first]].group.size() <= kGroupCharsMax && !choice.groups.push(group))
             return false;
     }
-    std::sort(choice.groups.begin(), choice.groups.end(),
-              [&](const auto &left, const auto &right) { return choice.order[left.first] < choice.order[right.first]; });
+    std::sort(choice.groups.begin(), choice.groups.end(), [&](const auto &left, const auto &right) {
+        return choice.order[left.first] < choice.order[right.first];
+    });
     return choice.among.reserve(choice.order.size());
 }
 

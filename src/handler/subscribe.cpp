@@ -101,9 +101,11 @@ uint8_t reason_of(mqtt_client_t &client, uint32_t summary)
 {
     const auto reason = static_cast<uint8_t>(summary);
     if (speaks_v5(client))
-        LOG_INFO("【QoS溯源3】MQTT 5.0 Reason Code赋值：授权QoS=%d → ReasonCode=0x%02X", static_cast<int>(summary), reason);
+        LOG_INFO("【QoS溯源3】MQTT 5.0 Reason Code赋值：授权QoS=%d → ReasonCode=0x%02X", static_cast<int>(summary),
+                 reason);
     else
-        LOG_INFO("【QoS溯源3】MQTT 3.1.1 Reason Code赋值：授权QoS=%d → ReasonCode=0x%02X", static_cast<int>(summary), reason);
+        LOG_INFO("【QoS溯源3】MQTT 3.1.1 Reason Code赋值：授权QoS=%d → ReasonCode=0x%02X", static_cast<int>(summary),
+                 reason);
     return reason;
 }
 

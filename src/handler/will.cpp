@@ -114,7 +114,8 @@ void packet_start_will_delay(mqtt_client_t *client)
     }
     const client_ref pin(client);
     const WillFlags  will = flags_of(*client);
-    LOG_INFO("[WILL] 准备启动遗嘱 | client=%s | will_msg_used=%d | will_sent=%d", id_of(*client).text, will.used, will.sent);
+    LOG_INFO("[WILL] 准备启动遗嘱 | client=%s | will_msg_used=%d | will_sent=%d", id_of(*client).text, will.used,
+             will.sent);
     if (!will.used || will.sent) {
         LOG_WARN("[WILL] 不启动：条件不满足");
         return;

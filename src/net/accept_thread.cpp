@@ -19,17 +19,17 @@ namespace {
 constexpr uint32_t kAcceptPause_ms = 5;
 
 struct Arrival {
-    Fd   fd;
+    Fd          fd;
     PeerAddress peer;
 };
 
 struct Held {
-    int  fd; // -1: none
+    int         fd; // -1: none
     PeerAddress peer;
 };
 
 constinit bool g_alive GUARDED_BY(g_netip_lock) = false;
-constinit Held g_held GUARDED_BY(g_netip_lock)  = {-1, {}};
+constinit Held g_held  GUARDED_BY(g_netip_lock) = {-1, {}};
 
 constinit Mutex             g_admission{}; // held while a connection is admitted, its callback included
 constinit thread_local bool t_accepting = false;

@@ -46,8 +46,7 @@ void close_gently(int fd)
 {
     shutdown(fd, SHUT_WR);
     uint8_t sink[kDrainBytes];
-    for (int turn = 0; turn < kDrainTurns && recv(fd, sink, sizeof sink, MSG_DONTWAIT) > 0; ++turn) {
-    }
+    for (int turn = 0; turn < kDrainTurns && recv(fd, sink, sizeof sink, MSG_DONTWAIT) > 0; ++turn) {}
     close(fd);
 }
 

@@ -62,8 +62,17 @@ void set_writable_hook(void (*writable)()) noexcept
     g_writable.store(writable, std::memory_order_release);
 }
 
-void call_round_begin() noexcept { call(g_round_begin); }
-void call_round_end() noexcept { call(g_round_end); }
-void call_writable_hook() noexcept { call(g_writable); }
+void call_round_begin() noexcept
+{
+    call(g_round_begin);
+}
+void call_round_end() noexcept
+{
+    call(g_round_end);
+}
+void call_writable_hook() noexcept
+{
+    call(g_writable);
+}
 
 } // namespace tarn::net

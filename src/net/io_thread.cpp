@@ -34,7 +34,7 @@ public:
         give_up();
         t_turn = nullptr;
     }
-    RoundTurn(const RoundTurn &) = delete;
+    RoundTurn(const RoundTurn &)            = delete;
     RoundTurn &operator=(const RoundTurn &) = delete;
 
     void give_up() noexcept NO_LOCK_ANALYSIS
@@ -46,7 +46,7 @@ public:
     static RoundTurn *of_this_thread() noexcept { return t_turn; }
 
 private:
-    bool                                  held_;
+    bool                                     held_;
     static constinit thread_local RoundTurn *t_turn;
 };
 constinit thread_local RoundTurn *RoundTurn::t_turn = nullptr;
@@ -57,8 +57,8 @@ ssize_t receive_bytes(const SlotHold &hold)
     SlotLock slot(hold.handle(), SlotLock::Always);
     if (!hold.is_current())
         return -1;
-    const ssize_t got = recv(slot->fd, slot->rx_buf + slot->rx_len, static_cast<size_t>(room_left(*slot)),
-                             MSG_DONTWAIT);
+    const ssize_t got =
+        recv(slot->fd, slot->rx_buf + slot->rx_len, static_cast<size_t>(room_left(*slot)), MSG_DONTWAIT);
     if (got > 0) {
         slot->rx_len += static_cast<int32_t>(got);
         poke(slot->last_active, wall_ms());

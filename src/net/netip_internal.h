@@ -20,16 +20,22 @@ namespace tarn::net {
 // ---- slots (slot.cpp)
 
 struct SlotSide {
-    uint32_t              generation; // names the connection in the slot; 0: free, or not put there by this layer
-    std::atomic<uint32_t> visitors;   // threads at or behind the slot's lock
-    std::atomic<uint16_t> users;      // holds (SlotHold) on the connection; the slot is not reused before they end
+    uint32_t              generation;     // names the connection in the slot; 0: free, or not put there by this layer
+    std::atomic<uint32_t> visitors;       // threads at or behind the slot's lock
+    std::atomic<uint16_t> users;          // holds (SlotHold) on the connection; the slot is not reused before they end
     uint8_t               wants_writable; // registered for writable events. Slot lock
     uint8_t               resting;        // taken out of epoll for a while. Slot lock
 };
 extern SlotSide g_side[NETIP_CLIENTS_MAX];
 
-inline netip_conn_t &slot_of(uint32_t handle) noexcept { return g_netip_clients[handle]; }
-inline SlotSide     &side_of(uint32_t handle) noexcept { return g_side[handle]; }
+inline netip_conn_t &slot_of(uint32_t handle) noexcept
+{
+    return g_netip_clients[handle];
+}
+inline SlotSide &side_of(uint32_t handle) noexcept
+{
+    return g_side[handle];
+}
 
 // Locks one slot for the extent of a block. Whoever neither holds the slot nor g_netip_lock gets in only while the slot
 // is in use; that, and the count of visitors, is what lets a start clear the table with every lock in it.
@@ -38,7 +44,7 @@ public:
     enum Entry { Always, IfInUse };
     explicit SlotLock(uint32_t handle, Entry entry = IfInUse) noexcept;
     ~SlotLock();
-    SlotLock(const SlotLock &) = delete;
+    SlotLock(const SlotLock &)            = delete;
     SlotLock &operator=(const SlotLock &) = delete;
 
     explicit      operator bool() const noexcept { return inside_; }
@@ -58,10 +64,10 @@ bool is_current(Connection connection) noexcept;
 class SlotHold {
 public:
     enum Adopt { Counted };
-    explicit SlotHold(Connection connection) noexcept;                          // empty unless current
+    explicit SlotHold(Connection connection) noexcept;                           // empty unless current
     SlotHold(Connection connection, Adopt) noexcept : connection_(connection) {} // the one that open_slot() counted
     ~SlotHold();
-    SlotHold(const SlotHold &) = delete;
+    SlotHold(const SlotHold &)            = delete;
     SlotHold &operator=(const SlotHold &) = delete;
 
     explicit      operator bool() const noexcept { return connection_.handle != NETIP_NO_HANDLE; }
@@ -119,9 +125,9 @@ extern int32_t g_bell; // an eventfd watched by epoll, -1 = none
 // Slot lock held for these.
 bool watch(uint32_t handle) noexcept; // readable events from now on
 void unwatch(uint32_t handle) noexcept;
-void want_writable(uint32_t handle) noexcept;      // writable events too
-bool settle_writable(uint32_t handle) noexcept;    // no longer; false when nobody had asked for them
-void rest(uint32_t handle) noexcept;               // no events for about 100 ms
+void want_writable(uint32_t handle) noexcept;   // writable events too
+bool settle_writable(uint32_t handle) noexcept; // no longer; false when nobody had asked for them
+void rest(uint32_t handle) noexcept;            // no events for about 100 ms
 
 // No lock held. Watches the resting slots again, if any and if it is time; an idle round is always time.
 void wake_resting(bool idle) noexcept;

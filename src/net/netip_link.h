@@ -35,7 +35,7 @@ struct Sent {
     uint32_t result;  // NETIP_OK when all were accepted, else NETIP_AGAIN or NETIP_INVALID
 };
 constexpr int kGatherMax = 64;
-Sent send_packets(uint32_t handle, const Packet *packets, int count, uint32_t generation = 0) noexcept;
+Sent          send_packets(uint32_t handle, const Packet *packets, int count, uint32_t generation = 0) noexcept;
 
 // Called by every I/O thread before it looks at the events of a round and after it has handled the last one, UDP
 // included; not for a round without events.

@@ -145,8 +145,8 @@ Connection open_slot(uint32_t type, int fd, const PeerAddress &peer) noexcept
     const uint32_t handle = take_free_handle();
     if (handle == NETIP_NO_HANDLE)
         return {};
-    SlotSide  &side = side_of(handle);
-    SlotLock   lock(handle, SlotLock::Always);
+    SlotSide     &side = side_of(handle);
+    SlotLock      lock(handle, SlotLock::Always);
     netip_conn_t &slot = *lock;
     clear_around_lock(slot);
     poke(slot.handle, handle);

@@ -8,10 +8,10 @@ namespace tarn::net {
 namespace {
 
 struct Datagram {
-    uint8_t bytes[NETIP_RX_SIZE];
-    ssize_t length;
-    PeerAddress    from;
-    int     fd;
+    uint8_t     bytes[NETIP_RX_SIZE];
+    ssize_t     length;
+    PeerAddress from;
+    int         fd;
 };
 
 // Not through the epoll instance: UDP is looked at once in a round that had events.

@@ -19,7 +19,7 @@ constexpr uint32_t kReadable = EPOLLIN | EPOLLERR | EPOLLHUP;
 
 constexpr uint64_t kRest_ms = 100;
 
-constinit std::atomic<uint32_t> g_resting{0};         // slots
+constinit std::atomic<uint32_t> g_resting{0};          // slots
 constinit std::atomic<uint64_t> g_resting_since_ms{0}; // of the first of them
 
 bool tell_epoll(int operation, uint32_t handle, uint32_t events = 0)

@@ -9,8 +9,8 @@
 
 TARN_API_BEGIN
 
-extern char            g_persist_root_path[512]; /* "./mqtt_data" until persist_init */
-extern tarn_mutex_t    g_persist_mutex;
+extern char         g_persist_root_path[512]; /* "./mqtt_data" until persist_init */
+extern tarn_mutex_t g_persist_mutex;
 
 int  persist_init(const char *root_path); /* always 0 */
 int  persist_destroy(void);               /* always 0 */

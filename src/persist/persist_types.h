@@ -12,9 +12,9 @@
 TARN_API_BEGIN
 
 enum { /* bit set of persist_mark and persist_flush_single; callers pass one bit at a time */
-    PERSIST_SESSION       = 1,
-    PERSIST_SUBSCRIPTIONS = 2,
-    PERSIST_MESSAGES      = 4
+       PERSIST_SESSION       = 1,
+       PERSIST_SUBSCRIPTIONS = 2,
+       PERSIST_MESSAGES      = 4
 };
 
 typedef struct {

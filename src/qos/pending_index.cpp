@@ -23,21 +23,21 @@ struct Tally {
 
 // An entry with its place in the index. `packet` comes first, so an entry is its packet.
 struct Tracked {
-    qos_packet_t packet;
-    Tracked     *chain;  // next older entry in the same bucket
-    Tracked     *newer;  // list neighbours as the index left them, null at the ends
-    Tracked     *older;
-    Tally       *tally;
-    uint16_t     msg_id; // bucket key when it was linked: the packet's own fields may be edited by hand
+    qos_packet_t         packet;
+    Tracked             *chain; // next older entry in the same bucket
+    Tracked             *newer; // list neighbours as the index left them, null at the ends
+    Tracked             *older;
+    Tally               *tally;
+    uint16_t             msg_id; // bucket key when it was linked: the packet's own fields may be edited by hand
     const mqtt_client_t *client;
 };
 
 struct Index {
-    bool          complete = true;      // it knows every entry of the list
-    int           size     = 0;         // entries it knows
-    qos_packet_t *head     = nullptr;   // g_pending_queue as the index left it
-    Tracked      *by_id[kIdBuckets]          = {};
-    Tally        *by_client[kClientBuckets]  = {};
+    bool          complete                  = true;    // it knows every entry of the list
+    int           size                      = 0;       // entries it knows
+    qos_packet_t *head                      = nullptr; // g_pending_queue as the index left it
+    Tracked      *by_id[kIdBuckets]         = {};
+    Tally        *by_client[kClientBuckets] = {};
 };
 constinit Index g_index GUARDED_BY(g_queue_mutex);
 

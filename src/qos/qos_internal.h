@@ -15,12 +15,12 @@ namespace tarn::qos {
 enum Qos2State : uint32_t { QOS2_NONE = 0, QOS2_AWAITS_PUBREC = 1, QOS2_PUBREL_SENT = 2, QOS2_PUBCOMP_SENT = 3 };
 
 // All below: g_queue_mutex held.
-qos_packet_t *make_entry() REQUIRES(g_queue_mutex);                                 // zeroed, not linked; or null
-void          link_entry(qos_packet_t *entry) REQUIRES(g_queue_mutex);              // at the head
-void          free_entry(qos_packet_t *entry) REQUIRES(g_queue_mutex);              // not linked, payload included
-int           count_of(const mqtt_client_t *client) REQUIRES(g_queue_mutex);        // entries of this client
+qos_packet_t *make_entry() REQUIRES(g_queue_mutex);                          // zeroed, not linked; or null
+void          link_entry(qos_packet_t *entry) REQUIRES(g_queue_mutex);       // at the head
+void          free_entry(qos_packet_t *entry) REQUIRES(g_queue_mutex);       // not linked, payload included
+int           count_of(const mqtt_client_t *client) REQUIRES(g_queue_mutex); // entries of this client
 qos_packet_t *find_entry(const mqtt_client_t *client, uint16_t msg_id) REQUIRES(g_queue_mutex); // newest first
-void          remove_entry(qos_packet_t *entry) REQUIRES(g_queue_mutex);            // unlinks and frees
+void          remove_entry(qos_packet_t *entry) REQUIRES(g_queue_mutex);                        // unlinks and frees
 // Unlinks and frees the entry that `link` points to: for walks, which know the place.
 void remove_at(qos_packet_t **link) REQUIRES(g_queue_mutex);
 int  remove_all_of(const mqtt_client_t *client) REQUIRES(g_queue_mutex);

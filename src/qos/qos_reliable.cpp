@@ -24,7 +24,8 @@ const char *name_of(uint8_t packet_type)
     return packet_type >= PUBACK && packet_type <= PUBCOMP ? kNames[packet_type - PUBACK] : "未知";
 }
 
-bool is_trackable(const mqtt_client_t *client, uint8_t qos, const char *topic, const void *payload, uint32_t payload_len)
+bool is_trackable(const mqtt_client_t *client, uint8_t qos, const char *topic, const void *payload,
+                  uint32_t payload_len)
 {
     if (!client)
         LOG_ERROR("[QoS] 添加报文参数错误：客户端为空");
@@ -153,7 +154,7 @@ int on_pubcomp(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mute
 {
     if (entry->qos != 2)
         return 0;
-    const uint16_t msg_id = entry->msg_id;
+    const uint16_t msg_id   = entry->msg_id;
     const bool     in_order = entry->qos2_state == qos::QOS2_PUBCOMP_SENT;
     remove_packet(client, entry);
     if (in_order)

@@ -26,16 +26,16 @@ typedef struct qos_packet_t {
     struct qos_packet_t *next;
 } qos_packet_t;
 
-extern qos_packet_t   *g_pending_queue; /* newest first */
-extern tarn_mutex_t    g_queue_mutex;
-extern uint8_t         g_scan_running;
-extern pthread_t       g_scan_thread; /* the scan thread created last */
+extern qos_packet_t *g_pending_queue; /* newest first */
+extern tarn_mutex_t  g_queue_mutex;
+extern uint8_t       g_scan_running;
+extern pthread_t     g_scan_thread; /* the scan thread created last */
 
 int  qos_reliable_init(void);
 void qos_reliable_destroy(void);
-int  qos_reliable_add_packet(mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic, const void *payload,
-                             uint32_t payload_len);
-int  qos_reliable_handle_ack(mqtt_client_t *client, uint16_t msg_id, uint8_t packet_type);
+int qos_reliable_add_packet(mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic, const void *payload,
+                            uint32_t payload_len);
+int qos_reliable_handle_ack(mqtt_client_t *client, uint16_t msg_id, uint8_t packet_type);
 void qos_reliable_set_packet_expiry(mqtt_client_t *client, uint16_t msg_id, uint32_t seconds);
 void qos_reliable_clean_client_packets(mqtt_client_t *client);
 void qos_reliable_scan_queue(void);

@@ -25,8 +25,8 @@ constexpr uint64_t kSharedTurn_ms     = 50;  // a scan thread leaves out its tur
 constexpr uint64_t kNever             = UINT64_MAX;
 
 constinit uint64_t g_next_due_ms GUARDED_BY(g_queue_mutex) = kNever;
-constinit uint64_t g_last_walk_ms                          = 0; // relaxed
-constinit uint64_t g_last_turn_ms                          = 0; // relaxed
+constinit uint64_t               g_last_walk_ms            = 0; // relaxed
+constinit uint64_t               g_last_turn_ms            = 0; // relaxed
 
 struct Outcome {
     int resent  = 0;
@@ -106,9 +106,9 @@ struct ScanThread {
     pthread_t   handle;
     ScanThread *next;
 };
-constinit Mutex       g_threads_mx{};
+constinit Mutex                 g_threads_mx{};
 constinit ScanThread *g_threads GUARDED_BY(g_threads_mx) = nullptr;
-constinit Alarm       g_end_of_scanning;
+constinit Alarm                 g_end_of_scanning;
 
 void *scan_queue_thread(void *)
 {
@@ -234,8 +234,8 @@ void end_scan_threads()
     ScanThread *threads;
     {
         ScopedLock lock(g_threads_mx);
-        threads       = g_threads;
-        g_threads     = nullptr;
+        threads   = g_threads;
+        g_threads = nullptr;
     }
     while (ScanThread *const thread = threads) {
         threads = thread->next;

@@ -61,11 +61,12 @@ void raise(uint32_t &highest, uint32_t value) noexcept
 
 void report_period() noexcept
 {
-    LOG_WARN("[周期60s] 收包:%llu | 发包:%llu | 超时:%u | 遗嘱:%u | 持久写:%llu | 持久读:%llu", read(s.period_rx), read(s.period_tx),
-             read(s.period_timeout), read(s.period_will), read(s.period_persist_write), read(s.period_persist_read));
-    LOG_WARN("[周期丢包] 离线:%llu | 队列满:%llu | 超长:%llu | 非法参数:%llu | 发送失败:%llu", read(s.period_drop_offline),
-             read(s.period_drop_queue_full), read(s.period_drop_too_big), read(s.period_drop_invalid_param),
-             read(s.period_drop_send_failed));
+    LOG_WARN("[周期60s] 收包:%llu | 发包:%llu | 超时:%u | 遗嘱:%u | 持久写:%llu | 持久读:%llu", read(s.period_rx),
+             read(s.period_tx), read(s.period_timeout), read(s.period_will), read(s.period_persist_write),
+             read(s.period_persist_read));
+    LOG_WARN("[周期丢包] 离线:%llu | 队列满:%llu | 超长:%llu | 非法参数:%llu | 发送失败:%llu",
+             read(s.period_drop_offline), read(s.period_drop_queue_full), read(s.period_drop_too_big),
+             read(s.period_drop_invalid_param), read(s.period_drop_send_failed));
 }
 
 void report_totals() noexcept
@@ -92,9 +93,7 @@ extern "C" void mqtt_stats_init(void)
     LOG_INFO("[MQTT-Stats] 维测统计模块初始化完成");
 }
 
-extern "C" void mqtt_stats_deinit(void)
-{
-}
+extern "C" void mqtt_stats_deinit(void) {}
 
 extern "C" void mqtt_stats_update(void)
 {
@@ -146,11 +145,10 @@ extern "C" int mqtt_stats_to_json(char *buf, int32_t size)
              "\"drop_send_failed\":%llu,"
              "\"qos0\":%llu,\"qos1\":%llu,\"qos2\":%llu,"
              "\"offline_msg\":%llu,\"retain_msg\":%u,\"subs\":%u,\"timeout\":%u,\"will_sent\":%u}",
-             read(s.online), read(s.max_online), read(s.pool_used), read(s.pool_cap),
-             used.whole, used.tenths, read(s.pkt_rx), read(s.pkt_tx), read(s.drop_offline),
-             read(s.drop_queue_full), read(s.drop_too_big), read(s.drop_invalid_param), read(s.drop_send_failed),
-             read(s.qos0), read(s.qos1), read(s.qos2), read(s.offline_msg), read(s.retain_msg), read(s.subs),
-             read(s.timeout), read(s.will_sent));
+             read(s.online), read(s.max_online), read(s.pool_used), read(s.pool_cap), used.whole, used.tenths,
+             read(s.pkt_rx), read(s.pkt_tx), read(s.drop_offline), read(s.drop_queue_full), read(s.drop_too_big),
+             read(s.drop_invalid_param), read(s.drop_send_failed), read(s.qos0), read(s.qos1), read(s.qos2),
+             read(s.offline_msg), read(s.retain_msg), read(s.subs), read(s.timeout), read(s.will_sent));
     return 0;
 }
 
@@ -161,16 +159,55 @@ extern "C" void mqtt_stats_inc_qos(uint8_t qos)
         bump(*totals[qos]);
 }
 
-extern "C" void mqtt_stats_inc_rx_pkt(void) { count(s.pkt_rx, s.period_rx); }
-extern "C" void mqtt_stats_inc_tx_pkt(void) { count(s.pkt_tx, s.period_tx); }
-extern "C" void mqtt_stats_inc_drop_offline(void) { count(s.drop_offline, s.period_drop_offline); }
-extern "C" void mqtt_stats_inc_drop_queue_full(void) { count(s.drop_queue_full, s.period_drop_queue_full); }
-extern "C" void mqtt_stats_inc_drop_too_big(void) { count(s.drop_too_big, s.period_drop_too_big); }
-extern "C" void mqtt_stats_inc_drop_invalid_param(void) { count(s.drop_invalid_param, s.period_drop_invalid_param); }
-extern "C" void mqtt_stats_inc_drop_send_failed(void) { count(s.drop_send_failed, s.period_drop_send_failed); }
-extern "C" void mqtt_stats_inc_offline_msg(void) { bump(s.offline_msg); }
-extern "C" void mqtt_stats_inc_will_sent(void) { count(s.will_sent, s.period_will); }
-extern "C" void mqtt_stats_inc_timeout(void) { count(s.timeout, s.period_timeout); }
-extern "C" void mqtt_stats_inc_persist_write(void) { count(s.persist_write, s.period_persist_write); }
-extern "C" void mqtt_stats_inc_persist_read(void) { count(s.persist_read, s.period_persist_read); }
-extern "C" void mqtt_stats_inc_parse_error(void) { bump(s.parse_error); }
+extern "C" void mqtt_stats_inc_rx_pkt(void)
+{
+    count(s.pkt_rx, s.period_rx);
+}
+extern "C" void mqtt_stats_inc_tx_pkt(void)
+{
+    count(s.pkt_tx, s.period_tx);
+}
+extern "C" void mqtt_stats_inc_drop_offline(void)
+{
+    count(s.drop_offline, s.period_drop_offline);
+}
+extern "C" void mqtt_stats_inc_drop_queue_full(void)
+{
+    count(s.drop_queue_full, s.period_drop_queue_full);
+}
+extern "C" void mqtt_stats_inc_drop_too_big(void)
+{
+    count(s.drop_too_big, s.period_drop_too_big);
+}
+extern "C" void mqtt_stats_inc_drop_invalid_param(void)
+{
+    count(s.drop_invalid_param, s.period_drop_invalid_param);
+}
+extern "C" void mqtt_stats_inc_drop_send_failed(void)
+{
+    count(s.drop_send_failed, s.period_drop_send_failed);
+}
+extern "C" void mqtt_stats_inc_offline_msg(void)
+{
+    bump(s.offline_msg);
+}
+extern "C" void mqtt_stats_inc_will_sent(void)
+{
+    count(s.will_sent, s.period_will);
+}
+extern "C" void mqtt_stats_inc_timeout(void)
+{
+    count(s.timeout, s.period_timeout);
+}
+extern "C" void mqtt_stats_inc_persist_write(void)
+{
+    count(s.persist_write, s.period_persist_write);
+}
+extern "C" void mqtt_stats_inc_persist_read(void)
+{
+    count(s.persist_read, s.period_persist_read);
+}
+extern "C" void mqtt_stats_inc_parse_error(void)
+{
+    bump(s.parse_error);
+}

@@ -12,13 +12,13 @@ namespace tarn::sub {
 
 struct Route {
     char     client_id[65];
-    uint8_t  shared;     // the filter begins with "$share/"
-    uint8_t  selected;   // chosen member of its group
-    uint8_t  qos;        // granted
+    uint8_t  shared;        // the filter begins with "$share/"
+    uint8_t  selected;      // chosen member of its group
+    uint8_t  qos;           // granted
     uint8_t  clean_session; // of the subscriber, when it subscribed
-    uint16_t group_size; // characters of the group name at `group`
-    uint32_t group;      // offset of the group name in RouteList::names; group_size 0xFFFF = no second slash
-    int32_t  index;      // place in the subscription table, in which order routes stand
+    uint16_t group_size;    // characters of the group name at `group`
+    uint32_t group;         // offset of the group name in RouteList::names; group_size 0xFFFF = no second slash
+    int32_t  index;         // place in the subscription table, in which order routes stand
 };
 constexpr uint16_t kNoGroup = 0xFFFF;
 

@@ -10,7 +10,7 @@ TARN_API_BEGIN
 
 extern sub_mgr_t g_sub_mgr;
 
-int mqtt_filter_is_valid(const char *filter);                      /* 1 valid, 0 invalid */
+int mqtt_filter_is_valid(const char *filter);                    /* 1 valid, 0 invalid */
 int topic_match_wildcard(const char *filter, const char *topic); /* 1 match, 0 none */
 
 int  sub_init(void);

@@ -30,10 +30,10 @@ typedef struct { /* also one record of retain.dat */
 } retain_msg_t;
 
 typedef struct {
-    sub_entry_t    *subs; /* SUB_CAPACITY, insertion order, contiguous */
-    int32_t         sub_count;
-    retain_msg_t   *retains; /* RETAIN_CAPACITY, likewise */
-    int32_t         retain_count;
+    sub_entry_t  *subs; /* SUB_CAPACITY, insertion order, contiguous */
+    int32_t       sub_count;
+    retain_msg_t *retains; /* RETAIN_CAPACITY, likewise */
+    int32_t       retain_count;
     tarn_mutex_t  lock;
 } sub_mgr_t;
 

@@ -70,8 +70,8 @@ struct Index {
     uint64_t           checked_at_ms;
     uint64_t           stamp[SUB_CAPACITY];
     uint64_t           id[SUB_CAPACITY];
-    uint64_t           pair[SUB_CAPACITY]; // of id and filter
-    uint64_t           key[SUB_CAPACITY];  // of the filter
+    uint64_t           pair[SUB_CAPACITY];  // of id and filter
+    uint64_t           key[SUB_CAPACITY];   // of the filter
     int32_t            shape[SUB_CAPACITY]; // its place among the shapes, or -1
     Chains             by_pair;
     Chains             by_key;
@@ -95,7 +95,7 @@ int32_t use_shape(const Shape &shape) noexcept
             break;
         }
     }
-    g_index.shape_count = std::max(g_index.shape_count, place + 1);
+    g_index.shape_count   = std::max(g_index.shape_count, place + 1);
     g_index.shapes[place] = shape;
     ++g_index.shape_uses[place];
     return place;
@@ -202,9 +202,7 @@ int32_t shapes_in_use(const sub_mgr_t &) noexcept
 void entries_of(const sub_mgr_t &manager, std::string_view id, const std::string_view *filter, EntrySet &found) noexcept
 {
     const uint64_t id_hash = hash_of(id);
-    auto           has_id  = [&](int32_t i) {
-        return g_index.id[i] == id_hash && text_of(manager.subs[i].client_id) == id;
-    };
+    auto has_id = [&](int32_t i) { return g_index.id[i] == id_hash && text_of(manager.subs[i].client_id) == id; };
     if (!filter) {
         for (int32_t i = 0; i < g_index.count; ++i)
             if (has_id(i))

@@ -105,8 +105,9 @@ void report(const Outcome &outcome, const char *client_id, const char *filter, u
 {
     switch (outcome.what) {
     case Outcome::Updated:
-        LOG_DEBUG("[DEBUG] sub_add：发现重复订阅，更新QoS和CleanSession（client_id=%s, topic_filter=%s, 旧QoS=%d, 新QoS=%d）", client_id,
-                  filter, outcome.old_qos, qos);
+        LOG_DEBUG(
+            "[DEBUG] sub_add：发现重复订阅，更新QoS和CleanSession（client_id=%s, topic_filter=%s, 旧QoS=%d, 新QoS=%d）",
+            client_id, filter, outcome.old_qos, qos);
         LOG_INFO("MQTT标准：更新订阅：ClientID=%s, Topic=%s, QoS=%d", client_id, filter, qos);
         break;
     case Outcome::Full:
@@ -114,7 +115,8 @@ void report(const Outcome &outcome, const char *client_id, const char *filter, u
         LOG_ERROR("订阅数量超限（max=%d）", SUB_CAPACITY);
         break;
     case Outcome::Added:
-        LOG_DEBUG("[DEBUG] sub_add：新增订阅成功（client_id=%s, topic_filter=%s, 总数=%d）", client_id, filter, outcome.count);
+        LOG_DEBUG("[DEBUG] sub_add：新增订阅成功（client_id=%s, topic_filter=%s, 总数=%d）", client_id, filter,
+                  outcome.count);
         LOG_INFO("MQTT标准：新增订阅：ClientID=%s, Topic=%s, QoS=%d, CleanSession=%d", client_id, filter, qos, clean);
         break;
     }
@@ -129,7 +131,8 @@ void mark_aloud(const sub_mgr_t &manager, std::string_view id, const std::string
     int32_t at = 0;
     for (int32_t i = 0; i < entries_in(manager); ++i) {
         const sub_entry_t &entry = manager.subs[i];
-        LOG_DEBUG("[TRACE] sub_remove：检查订阅（索引=%d, client_id=%s, topic_filter=%s）", at, entry.client_id, entry.topic_filter);
+        LOG_DEBUG("[TRACE] sub_remove：检查订阅（索引=%d, client_id=%s, topic_filter=%s）", at, entry.client_id,
+                  entry.topic_filter);
         if (text_of(entry.client_id) == id && (!filter || text_of(entry.topic_filter) == *filter)) {
             LOG_DEBUG("[TRACE] sub_remove：移除订阅（索引=%d, topic_filter=%s）", at, entry.topic_filter);
             going.add(i);
@@ -167,7 +170,8 @@ int walk_matches(const sub_mgr_t &manager, const char *topic, Trust trust, Take 
     int  taken = 0;
     auto visit = [&](int32_t i) {
         const sub_entry_t &entry = manager.subs[i];
-        LOG_DEBUG("[TRACE] sub_match：检查订阅（索引=%d, client_id=%s, topic_filter=%s）", i, entry.client_id, entry.topic_filter);
+        LOG_DEBUG("[TRACE] sub_match：检查订阅（索引=%d, client_id=%s, topic_filter=%s）", i, entry.client_id,
+                  entry.topic_filter);
         if (!topic_match_wildcard(entry.topic_filter, topic))
             return true;
         const bool more = take(i, entry);
@@ -190,12 +194,12 @@ int walk_matches(const sub_mgr_t &manager, const char *topic, Trust trust, Take 
 }
 
 // The lines around a match and its lock; the walk itself is the caller's.
-template <class Take>
-int match(const char *topic, const void *into, int32_t room, Trust trust, Take take) noexcept
+template <class Take> int match(const char *topic, const void *into, int32_t room, Trust trust, Take take) noexcept
 {
     LOG_DEBUG("[DEBUG] sub_match：开始匹配订阅（topic=%s, max_matched=%d）", or_null(topic), room);
     if (!into || !topic || room < 1) {
-        LOG_ERROR("[DEBUG] sub_match：入参无效（topic=%p, matched=%p, max_matched=%d）", static_cast<const void *>(topic), into, room);
+        LOG_ERROR("[DEBUG] sub_match：入参无效（topic=%p, matched=%p, max_matched=%d）",
+                  static_cast<const void *>(topic), into, room);
         return 0;
     }
     int found;
@@ -229,7 +233,7 @@ int match(const char *topic, const void *into, int32_t room, Trust trust, Take t
 
 [[nodiscard]] bool add_route(RouteList &list, int32_t index, const sub_entry_t &entry) noexcept
 {
-    Route route{};
+    Route                  route{};
     const std::string_view id = text_of(entry.client_id).substr(0, kClientIdChars);
     memcpy(route.client_id, id.data(), id.size());
     route.qos           = static_cast<uint8_t>(entry.qos);
@@ -259,10 +263,11 @@ int match_routes(const char *topic, RouteList &list) noexcept
 //   test: adding_with_id.identifier_survives_an_update_without_one
 extern "C" int sub_add(const char *client_id, const char *topic_filter, uint32_t qos, uint8_t clean_session)
 {
-    LOG_DEBUG("[DEBUG] sub_add：开始添加订阅（client_id=%s, topic_filter=%s, qos=%d, clean_session=%d）", or_null(client_id),
-              or_null(topic_filter), qos, clean_session);
+    LOG_DEBUG("[DEBUG] sub_add：开始添加订阅（client_id=%s, topic_filter=%s, qos=%d, clean_session=%d）",
+              or_null(client_id), or_null(topic_filter), qos, clean_session);
     if (!has_text(client_id) || !has_text(topic_filter)) {
-        LOG_ERROR("[DEBUG] sub_add：无效的订阅参数（client_id=%s, topic_filter=%s）", or_null(client_id), or_null(topic_filter));
+        LOG_ERROR("[DEBUG] sub_add：无效的订阅参数（client_id=%s, topic_filter=%s）", or_null(client_id),
+                  or_null(topic_filter));
         return -1;
     }
     if (qos > 2) {
@@ -274,7 +279,8 @@ extern "C" int sub_add(const char *client_id, const char *topic_filter, uint32_t
         return -1;
     }
 
-    const Subscription wanted = {cut(client_id, kClientIdChars), cut(topic_filter, kFilterChars), qos, clean_session, 0};
+    const Subscription wanted = {cut(client_id, kClientIdChars), cut(topic_filter, kFilterChars), qos, clean_session,
+                                 0};
     Outcome            outcome;
     {
         ScopedLock lock(g_sub_mgr.lock);
@@ -357,7 +363,8 @@ extern "C" int sub_get_client_sub_count(const char *client_id)
         ScopedLock lock(g_sub_mgr.lock);
         LOG_DEBUG("[TRACE] sub_get_client_sub_count：已加锁，当前订阅数=%d", g_sub_mgr.sub_count);
         for (int32_t i = 0; i < entries_in(g_sub_mgr); ++i) {
-            LOG_DEBUG("[TRACE] sub_get_client_sub_count：检查订阅（索引=%d, client_id=%s）", i, g_sub_mgr.subs[i].client_id);
+            LOG_DEBUG("[TRACE] sub_get_client_sub_count：检查订阅（索引=%d, client_id=%s）", i,
+                      g_sub_mgr.subs[i].client_id);
             if (text_of(g_sub_mgr.subs[i].client_id) != id)
                 continue;
             LOG_DEBUG("[TRACE] sub_get_client_sub_count：匹配到客户端订阅（索引=%d）", i);

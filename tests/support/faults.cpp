@@ -99,8 +99,14 @@ int Fail::failed() const
     return call_ == Call::Allocate ? t_allocation_failed : g_plans[static_cast<int>(call_)].failed.load();
 }
 
-KillAt::KillAt(int nth) { g_calls_to_live.store(nth); }
-KillAt::~KillAt() { g_calls_to_live.store(0); }
+KillAt::KillAt(int nth)
+{
+    g_calls_to_live.store(nth);
+}
+KillAt::~KillAt()
+{
+    g_calls_to_live.store(0);
+}
 
 ManualClock::ManualClock()
 {
@@ -108,48 +114,69 @@ ManualClock::ManualClock()
     g_wall_ms.store(int64_t{1800000000} * 1000);
     g_clock_held.store(true);
 }
-ManualClock::~ManualClock() { g_clock_held.store(false); }
+ManualClock::~ManualClock()
+{
+    g_clock_held.store(false);
+}
 void ManualClock::advance_ms(int64_t ms)
 {
     g_mono_ms.fetch_add(ms);
     g_wall_ms.fetch_add(ms);
 }
-void     ManualClock::advance_wall_ms(int64_t ms) { g_wall_ms.fetch_add(ms); }
-uint64_t ManualClock::mono_ms() const { return static_cast<uint64_t>(g_mono_ms.load()); }
-int64_t  ManualClock::wall_s() const { return g_wall_ms.load() / 1000; }
+void ManualClock::advance_wall_ms(int64_t ms)
+{
+    g_wall_ms.fetch_add(ms);
+}
+uint64_t ManualClock::mono_ms() const
+{
+    return static_cast<uint64_t>(g_mono_ms.load());
+}
+int64_t ManualClock::wall_s() const
+{
+    return g_wall_ms.load() / 1000;
+}
 
 } // namespace tarn::test
 
 using namespace tarn::test;
 
 extern "C" {
-void *__real_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
-void *__real_realloc(void *old, size_t size);
-int   __real_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
-int   __real_socket(int, int, int);
-int   __real_bind(int, const sockaddr *, socklen_t);
-int   __real_listen(int, int);
-int   __real_accept4(int, sockaddr *, socklen_t *, int);
-int   __real_epoll_create1(int);
-int   __real_epoll_ctl(int, int, int, epoll_event *);
-int   __real_epoll_wait(int, epoll_event *, int, int);
-int   __real_clock_gettime(clockid_t, timespec *);
-int   __real_gettimeofday(timeval *, void *);
+void  *__real_malloc(size_t size);
+void  *__real_calloc(size_t count, size_t size);
+void  *__real_realloc(void *old, size_t size);
+int    __real_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
+int    __real_socket(int, int, int);
+int    __real_bind(int, const sockaddr *, socklen_t);
+int    __real_listen(int, int);
+int    __real_accept4(int, sockaddr *, socklen_t *, int);
+int    __real_epoll_create1(int);
+int    __real_epoll_ctl(int, int, int, epoll_event *);
+int    __real_epoll_wait(int, epoll_event *, int, int);
+int    __real_clock_gettime(clockid_t, timespec *);
+int    __real_gettimeofday(timeval *, void *);
 time_t __real_time(time_t *);
-FILE *__real_fopen(const char *, const char *);
-int   __real_fseek(FILE *, long, int);
+FILE  *__real_fopen(const char *, const char *);
+int    __real_fseek(FILE *, long, int);
 size_t __real_fwrite(const void *, size_t, size_t, FILE *);
-int   __real_fputs(const char *, FILE *);
-int   __real_fflush(FILE *);
-int   __real_fsync(int);
-int   __real_fclose(FILE *);
-int   __real_rename(const char *, const char *);
-int   __real_unlink(const char *);
+int    __real_fputs(const char *, FILE *);
+int    __real_fflush(FILE *);
+int    __real_fsync(int);
+int    __real_fclose(FILE *);
+int    __real_rename(const char *, const char *);
+int    __real_unlink(const char *);
 
-void *__wrap_malloc(size_t size) { return allocation_fails() ? nullptr : __real_malloc(size); }
-void *__wrap_calloc(size_t count, size_t size) { return allocation_fails() ? nullptr : __real_calloc(count, size); }
-void *__wrap_realloc(void *old, size_t size) { return allocation_fails() ? nullptr : __real_realloc(old, size); }
+void *__wrap_malloc(size_t size)
+{
+    return allocation_fails() ? nullptr : __real_malloc(size);
+}
+void *__wrap_calloc(size_t count, size_t size)
+{
+    return allocation_fails() ? nullptr : __real_calloc(count, size);
+}
+void *__wrap_realloc(void *old, size_t size)
+{
+    return allocation_fails() ? nullptr : __real_realloc(old, size);
+}
 
 int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *arg)
 {
@@ -165,12 +192,18 @@ int __wrap_bind(int fd, const sockaddr *address, socklen_t length)
 {
     return failure_of(Call::Bind) ? -1 : __real_bind(fd, address, length);
 }
-int __wrap_listen(int fd, int backlog) { return failure_of(Call::Listen) ? -1 : __real_listen(fd, backlog); }
+int __wrap_listen(int fd, int backlog)
+{
+    return failure_of(Call::Listen) ? -1 : __real_listen(fd, backlog);
+}
 int __wrap_accept4(int fd, sockaddr *address, socklen_t *length, int flags)
 {
     return failure_of(Call::Accept) ? -1 : __real_accept4(fd, address, length, flags);
 }
-int __wrap_epoll_create1(int flags) { return failure_of(Call::EpollCreate) ? -1 : __real_epoll_create1(flags); }
+int __wrap_epoll_create1(int flags)
+{
+    return failure_of(Call::EpollCreate) ? -1 : __real_epoll_create1(flags);
+}
 int __wrap_epoll_ctl(int epoll, int operation, int fd, epoll_event *event)
 {
     return failure_of(Call::EpollCtl) ? -1 : __real_epoll_ctl(epoll, operation, fd, event);
@@ -215,8 +248,14 @@ int __wrap_fputs(const char *text, FILE *file)
 {
     return failure_of_file(Call::FileWrite) ? EOF : __real_fputs(text, file);
 }
-int __wrap_fflush(FILE *file) { return failure_of_file(Call::FileFlush) ? EOF : __real_fflush(file); }
-int __wrap_fsync(int fd) { return failure_of_file(Call::FileSync) ? -1 : __real_fsync(fd); }
+int __wrap_fflush(FILE *file)
+{
+    return failure_of_file(Call::FileFlush) ? EOF : __real_fflush(file);
+}
+int __wrap_fsync(int fd)
+{
+    return failure_of_file(Call::FileSync) ? -1 : __real_fsync(fd);
+}
 int __wrap_fclose(FILE *file)
 {
     const int error  = failure_of_file(Call::FileClose);
@@ -228,7 +267,10 @@ int __wrap_rename(const char *from, const char *to)
 {
     return failure_of_file(Call::Rename) ? -1 : __real_rename(from, to);
 }
-int __wrap_unlink(const char *path) { return failure_of_file(Call::Unlink) ? -1 : __real_unlink(path); }
+int __wrap_unlink(const char *path)
+{
+    return failure_of_file(Call::Unlink) ? -1 : __real_unlink(path);
+}
 int __wrap_fseek(FILE *file, long offset, int whence)
 {
     return failure_of(Call::FileSeek) ? -1 : __real_fseek(file, offset, whence);

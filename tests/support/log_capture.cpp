@@ -32,13 +32,31 @@ bool starts_line(const std::string &line)
 
 } // namespace
 
-std::ostream &operator<<(std::ostream &out, const LogLine &line) { return out << '[' << line.level << "] " << line.text; }
+std::ostream &operator<<(std::ostream &out, const LogLine &line)
+{
+    return out << '[' << line.level << "] " << line.text;
+}
 
-LogLine debug(std::string text) { return {"DEBUG", std::move(text)}; }
-LogLine info(std::string text) { return {"INFO", std::move(text)}; }
-LogLine warn(std::string text) { return {"WARN", std::move(text)}; }
-LogLine error(std::string text) { return {"ERROR", std::move(text)}; }
-LogLine fatal(std::string text) { return {"FATAL", std::move(text)}; }
+LogLine debug(std::string text)
+{
+    return {"DEBUG", std::move(text)};
+}
+LogLine info(std::string text)
+{
+    return {"INFO", std::move(text)};
+}
+LogLine warn(std::string text)
+{
+    return {"WARN", std::move(text)};
+}
+LogLine error(std::string text)
+{
+    return {"ERROR", std::move(text)};
+}
+LogLine fatal(std::string text)
+{
+    return {"FATAL", std::move(text)};
+}
 
 LogCapture::LogCapture(uint32_t level)
     : saved_level_(peek(g_log_config.level)), saved_output_(peek(g_log_config.output))
@@ -68,7 +86,7 @@ std::string LogCapture::raw()
     fflush(stdout);
     struct stat status {};
     fstat(memory_, &status);
-    std::string text(static_cast<size_t>(status.st_size), '\0');
+    std::string   text(static_cast<size_t>(status.st_size), '\0');
     const ssize_t got = pread(memory_, text.data(), text.size(), 0);
     text.resize(got > 0 ? static_cast<size_t>(got) : 0);
     return text;
@@ -109,7 +127,10 @@ std::vector<LogLine> LogCapture::take_from(const std::string &level)
     return all;
 }
 
-bool LogCapture::has(const LogLine &line) { return count(line) > 0; }
+bool LogCapture::has(const LogLine &line)
+{
+    return count(line) > 0;
+}
 
 int LogCapture::count(const LogLine &line)
 {

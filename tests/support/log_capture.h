@@ -29,15 +29,15 @@ class LogCapture {
 public:
     explicit LogCapture(uint32_t level = 0);
     ~LogCapture();
-    LogCapture(const LogCapture &) = delete;
+    LogCapture(const LogCapture &)            = delete;
     LogCapture &operator=(const LogCapture &) = delete;
 
-    std::vector<LogLine> lines();                          // all so far
-    std::vector<LogLine> take();                           // the same, then forgotten
+    std::vector<LogLine> lines();                             // all so far
+    std::vector<LogLine> take();                              // the same, then forgotten
     std::vector<LogLine> take_from(const std::string &level); // only lines of this level name or above, then forgotten
     bool                 has(const LogLine &line);
     int                  count(const LogLine &line);
-    std::string          raw();                            // standard output as printed
+    std::string          raw(); // standard output as printed
 
 private:
     int      saved_stdout_;

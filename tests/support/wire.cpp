@@ -40,17 +40,32 @@ std::string hex(const uint8_t *bytes, size_t count)
     }
     return out;
 }
-std::string hex(const Bytes &bytes) { return hex(bytes.data(), bytes.size()); }
+std::string hex(const Bytes &bytes)
+{
+    return hex(bytes.data(), bytes.size());
+}
 
 Bytes operator+(Bytes left, const Bytes &right)
 {
     left.insert(left.end(), right.begin(), right.end());
     return left;
 }
-Bytes text(std::string_view value) { return {value.begin(), value.end()}; }
-Bytes u16(unsigned value) { return {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)}; }
-Bytes prefixed(std::string_view value) { return u16(static_cast<unsigned>(value.size())) + text(value); }
-Bytes repeat(uint8_t value, size_t count) { return Bytes(count, value); }
+Bytes text(std::string_view value)
+{
+    return {value.begin(), value.end()};
+}
+Bytes u16(unsigned value)
+{
+    return {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+}
+Bytes prefixed(std::string_view value)
+{
+    return u16(static_cast<unsigned>(value.size())) + text(value);
+}
+Bytes repeat(uint8_t value, size_t count)
+{
+    return Bytes(count, value);
+}
 
 Bytes packet(uint8_t first, const Bytes &body)
 {

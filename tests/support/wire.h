@@ -19,8 +19,8 @@ std::string hex(const Bytes &bytes);
 std::string hex(const uint8_t *bytes, size_t count);
 
 Bytes operator+(Bytes left, const Bytes &right);
-Bytes text(std::string_view value);            // the characters alone
-Bytes prefixed(std::string_view value);        // 2-byte length and the characters
+Bytes text(std::string_view value);     // the characters alone
+Bytes prefixed(std::string_view value); // 2-byte length and the characters
 Bytes repeat(uint8_t value, size_t count);
 Bytes u16(unsigned value);
 Bytes packet(uint8_t first, const Bytes &body); // first byte, remaining length, body

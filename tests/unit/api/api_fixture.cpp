@@ -68,25 +68,46 @@ Transcript take(bool lines, bool calls)
 
 } // namespace
 
-Transcript take_transcript() { return take(true, true); }
-Transcript take_lines() { return take(true, false); }
-Transcript take_calls() { return take(false, true); }
+Transcript take_transcript()
+{
+    return take(true, true);
+}
+Transcript take_lines()
+{
+    return take(true, false);
+}
+Transcript take_calls()
+{
+    return take(false, true);
+}
 
 int times(const std::string &call)
 {
     std::lock_guard lock(g_counts_mx);
     return g_counts[call];
 }
-int  turns() { return g_turns.load(); }
-int  pause_us() { return g_pause_us.load(); }
-void forget_turns() { g_turns.store(0); }
+int turns()
+{
+    return g_turns.load();
+}
+int pause_us()
+{
+    return g_pause_us.load();
+}
+void forget_turns()
+{
+    g_turns.store(0);
+}
 
 QuietLog::QuietLog(uint32_t level) : log_(level)
 {
     g_level_kept = static_cast<int>(level);
     (void)take_transcript();
 }
-QuietLog::~QuietLog() { g_level_kept = -1; }
+QuietLog::~QuietLog()
+{
+    g_level_kept = -1;
+}
 
 Instance::Instance()
 {
@@ -107,7 +128,10 @@ int32_t Instance::start(int32_t port, int32_t max_clients)
 {
     return tarn_sdk_mqtt_broker_start(broker_, port, max_clients);
 }
-broker_t *Instance::release() { return std::exchange(broker_, nullptr); }
+broker_t *Instance::release()
+{
+    return std::exchange(broker_, nullptr);
+}
 
 mqtt_client_t *add_client(uint32_t handle, const char *id, broker_t *owner, uint32_t state)
 {

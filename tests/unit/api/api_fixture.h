@@ -27,10 +27,10 @@ using Transcript = std::vector<std::string>;
 // What the API asks of other modules is written down and then done, unless a test replaces it. The linker leads the
 // calls here (tests/unit/CMakeLists.txt).
 struct Modules {
-    std::function<int()> packet_handler_init;           // instead of the real one, as are all of these
-    std::function<int()> packet_handler_broker_publish;
-    std::function<int()> list;                          // client_fill_id_list and retain_fill_topic_list
-    std::function<void()> on_turn;                      // runs at the end of each housekeeping turn, on its thread
+    std::function<int()>  packet_handler_init; // instead of the real one, as are all of these
+    std::function<int()>  packet_handler_broker_publish;
+    std::function<int()>  list;    // client_fill_id_list and retain_fill_topic_list
+    std::function<void()> on_turn; // runs at the end of each housekeeping turn, on its thread
 };
 extern Modules g_modules;
 
@@ -43,7 +43,7 @@ Transcript take_calls();
 
 // How often any thread made this call, as the transcript would show it.
 int  times(const std::string &call);
-int  turns(); // of housekeeping threads
+int  turns();    // of housekeeping threads
 int  pause_us(); // of the last one
 void forget_turns();
 
@@ -63,7 +63,7 @@ class Instance {
 public:
     Instance();
     ~Instance(); // stop, deinit, destroy
-    operator broker_t *() const { return broker_; }
+              operator broker_t *() const { return broker_; }
     broker_t *operator->() const { return broker_; }
 
     int32_t   start(int32_t port = 1883, int32_t max_clients = 100);
@@ -80,7 +80,7 @@ mqtt_client_t *add_client(uint32_t handle, const char *id, broker_t *owner, uint
 class OwnClient {
 public:
     explicit OwnClient(broker_t *owner, const char *id = "own");
-    operator mqtt_client_t *() { return record_.get(); }
+                   operator mqtt_client_t *() { return record_.get(); }
     mqtt_client_t *operator->() { return record_.get(); }
 
 private:

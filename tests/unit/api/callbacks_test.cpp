@@ -8,10 +8,10 @@
 
 namespace {
 
-std::string     g_seen;
-broker_t       *g_broker;
-mqtt_client_t  *g_client;
-bool            g_answer;
+std::string    g_seen;
+broker_t      *g_broker;
+mqtt_client_t *g_client;
+bool           g_answer;
 
 void on_event(broker_t *broker, uint32_t kind, const char *text)
 {
@@ -39,7 +39,7 @@ struct Fixture : testing::Test {
     Fixture()
     {
         g_seen.clear();
-        g_broker = nullptr;
+        g_broker       = nullptr;
         client->broker = &broker;
         strcpy(client->client_id, "dev1");
     }

@@ -146,9 +146,9 @@ TEST_F(publish, hands_everything_on_and_ignores_the_result)
     EXPECT_EQ(with("a/b", bytes, 1, 0), TARN_OK);
     EXPECT_EQ(with("t", bytes, 3000, 2, 1, 77), TARN_OK);
     EXPECT_EQ(with("", bytes, INT32_MAX, 1, 255, UINT32_MAX), TARN_OK);
-    EXPECT_THAT(take_calls(), ElementsAre("packet_handler_broker_publish a/b 1 0 0 0",
-                                          "packet_handler_broker_publish t 3000 2 1 77",
-                                          "packet_handler_broker_publish  2147483647 1 255 4294967295"));
+    EXPECT_THAT(take_calls(),
+                ElementsAre("packet_handler_broker_publish a/b 1 0 0 0", "packet_handler_broker_publish t 3000 2 1 77",
+                            "packet_handler_broker_publish  2147483647 1 255 4294967295"));
     g_modules.packet_handler_broker_publish = nullptr;
 }
 

@@ -229,8 +229,8 @@ TEST_F(start, brings_everything_up_in_order)
 {
     tarn_sdk_mqtt_broker_set_max_packet_size(broker, 1000);
     EXPECT_EQ(broker.start(), TARN_OK);
-    EXPECT_THAT(take_transcript(), ElementsAre("client_mgr_init 100", kQosUp, kUp,
-                                               "netip_init threads=1 bridge packets=1000", kStarted));
+    EXPECT_THAT(take_transcript(),
+                ElementsAre("client_mgr_init 100", kQosUp, kUp, "netip_init threads=1 bridge packets=1000", kStarted));
     EXPECT_TRUE(net::is_up());
     EXPECT_EQ(g_netip_cb_arg, static_cast<broker_t *>(broker));
     EXPECT_EQ(g_mqtt_max_clients, 100);
@@ -336,8 +336,8 @@ TEST_F(start, of_a_running_owner_with_bad_numbers_changes_nothing)
     ASSERT_EQ(broker.start(), TARN_OK);
     (void)take_transcript();
     EXPECT_EQ(broker.start(1883, 20000), TARN_E_RESOURCE);
-    EXPECT_THAT(take_lines(), ElementsAre("ERROR max_clients 20000 invalid, must <= 11000",
-                                          "ERROR [SDK] client_mgr_init failed"));
+    EXPECT_THAT(take_lines(),
+                ElementsAre("ERROR max_clients 20000 invalid, must <= 11000", "ERROR [SDK] client_mgr_init failed"));
     EXPECT_EQ(broker.start(0), TARN_E_PARAM);
     EXPECT_EQ(broker.start(1883, 0), TARN_E_PARAM);
     EXPECT_EQ(broker->running, 1);
@@ -347,7 +347,7 @@ TEST_F(start, of_a_running_owner_with_bad_numbers_changes_nothing)
 
 TEST_F(start, is_denied_while_another_instance_owns_the_layer)
 {
-    Instance other;
+    Instance   other;
     const auto expect_denied = [&] {
         (void)take_transcript();
         EXPECT_EQ(other.start(8883, 7), TARN_E_RESOURCE);
@@ -392,8 +392,8 @@ TEST_F(start, on_a_taken_port_undoes_itself)
         EXPECT_FALSE(net::is_up());
     }
     EXPECT_EQ(broker.start(), TARN_OK);
-    EXPECT_THAT(take_transcript(), ElementsAre("client_mgr_init 100", kQosUp, kUp,
-                                               "netip_init threads=1 bridge packets=4096", kStarted));
+    EXPECT_THAT(take_transcript(),
+                ElementsAre("client_mgr_init 100", kQosUp, kUp, "netip_init threads=1 bridge packets=4096", kStarted));
     expect_service();
 }
 
@@ -402,17 +402,19 @@ TEST_F(start, failing_in_the_layer_says_its_number_and_undoes_itself)
     const struct {
         Call call;
         int  number;
-    } rows[] = {{Call::EpollCreate, NETIP_EPOLL}, {Call::Socket, NETIP_SOCKET}, {Call::Bind, NETIP_BIND},
-                {Call::Listen, NETIP_LISTEN}};
+    } rows[]                 = {{Call::EpollCreate, NETIP_EPOLL},
+                                {Call::Socket, NETIP_SOCKET},
+                                {Call::Bind, NETIP_BIND},
+                                {Call::Listen, NETIP_LISTEN}};
     const size_t descriptors = open_descriptors();
     for (const auto &row : rows) {
         {
             const Fail fail(row.call, 1, EMFILE);
             EXPECT_EQ(broker.start(), TARN_E_RESOURCE);
         }
-        EXPECT_THAT(take_lines(), ElementsAre(kQosUp, kUp,
-                                              "ERROR [SDK] netip_init failed[" + std::to_string(row.number) + "]",
-                                              kQosDown, kDown));
+        EXPECT_THAT(take_lines(),
+                    ElementsAre(kQosUp, kUp, "ERROR [SDK] netip_init failed[" + std::to_string(row.number) + "]",
+                                kQosDown, kDown));
         EXPECT_EQ(broker->running, 0);
         EXPECT_EQ(open_descriptors(), descriptors);
     }
@@ -541,8 +543,8 @@ TEST_F(start, left_half_way_survives_its_instance)
         const Fail fail(Call::ThreadCreate, 4, EAGAIN);
         EXPECT_EQ(broker.start(), TARN_E_RESOURCE);
     }
-    tarn_sdk_mqtt_broker_register_auth_callback(broker,
-                                                [](broker_t *, const char *, const char *, const char *) { return true; });
+    tarn_sdk_mqtt_broker_register_auth_callback(
+        broker, [](broker_t *, const char *, const char *, const char *) { return true; });
     tarn_sdk_mqtt_broker_destroy(broker.release());
     UdpPeer datagram; // UDP is open, and its clients belong to the instance
     datagram.send("10 0D | 00 04 'MQTT' 04 02 00 3C | 00 01 'c'");
@@ -649,10 +651,9 @@ TEST_F(deinit, takes_everything_down_in_order)
     (void)take_transcript();
     (void)log->take();
     deinits();
-    EXPECT_THAT(take_transcript(),
-                ElementsAre("netip_deinit", "persist_destroy", "INFO [persist] 持久化模块销毁中...",
-                            "client_mgr_deinit", kQosDown, kDown, "mqtt_stats_deinit", "agent_log_deinit",
-                            "INFO [SDK] deinit success"));
+    EXPECT_THAT(take_transcript(), ElementsAre("netip_deinit", "persist_destroy", "INFO [persist] 持久化模块销毁中...",
+                                               "client_mgr_deinit", kQosDown, kDown, "mqtt_stats_deinit",
+                                               "agent_log_deinit", "INFO [SDK] deinit success"));
     EXPECT_FALSE(log->has(info("[SDK] deinit success"))); // the log is off by then
     EXPECT_TRUE(log->has(info("Client manager deinit success (QoS module destroyed)")));
     EXPECT_FALSE(net::is_up());

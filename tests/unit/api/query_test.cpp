@@ -19,7 +19,7 @@ struct Clients : testing::Test {
     broker_t                    broker{};
     tarn_sdk_mqtt_client_info_t info{};
 
-    int32_t get_info(const char *id) { return tarn_sdk_mqtt_broker_get_client_info(&broker, id, &info); }
+    int32_t     get_info(const char *id) { return tarn_sdk_mqtt_broker_get_client_info(&broker, id, &info); }
     std::string list(int32_t size = 1000)
     {
         std::string text(static_cast<size_t>(size), '\xEE');
@@ -27,9 +27,9 @@ struct Clients : testing::Test {
         return text.c_str();
     }
 };
-using online_count = Clients;
+using online_count   = Clients;
 using client_id_list = Clients;
-using client_info = Clients;
+using client_info    = Clients;
 
 bool is_filled_with(const void *area, size_t size, uint8_t value)
 {
@@ -219,7 +219,7 @@ TEST_F(client_info, idle_counts_whole_seconds_since_the_last_packet)
 
 TEST_F(Clients, statistics_come_from_the_counters)
 {
-    ManualClock clock;
+    ManualClock                  clock;
     tarn_sdk_mqtt_broker_stats_t stats;
     EXPECT_EQ(tarn_sdk_mqtt_broker_get_stats(&broker, nullptr), TARN_E_PARAM);
 

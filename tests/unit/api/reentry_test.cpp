@@ -77,7 +77,7 @@ const char *const kPublish         = "30 06 | 00 01 't' | 'abc'";
 TEST_F(in_callback, is_known_and_over_when_the_last_one_returns)
 {
     EXPECT_FALSE(api::in_callback());
-    bool inside = false, behind_nested = false, in_acl = false;
+    bool      inside = false, behind_nested = false, in_acl = false;
     OwnClient client(broker);
     tarn_sdk_mqtt_broker_register_event_callback(broker, on_event);
     tarn_sdk_mqtt_broker_register_acl_callback(broker, on_acl);
@@ -237,9 +237,7 @@ TEST_F(in_callback, on_the_housekeeping_thread_a_stop_and_a_start_go_on_with_it)
 
 TEST_F(in_callback, on_the_housekeeping_thread_the_instance_may_be_destroyed)
 {
-    act_on_housekeeping_thread([](broker_t *instance) {
-        tarn_sdk_mqtt_broker_destroy(instance);
-    });
+    act_on_housekeeping_thread([](broker_t *instance) { tarn_sdk_mqtt_broker_destroy(instance); });
     EXPECT_TRUE(eventually([] { return g_calls == 1 && threads_named("tarn-house") == 0; }));
     (void)broker.release();
     Instance other;
@@ -263,7 +261,7 @@ TEST_F(in_callback, clients_may_be_kicked)
 {
     tarn_sdk_mqtt_broker_register_acl_callback(broker, on_acl);
     int32_t result = 1;
-    g_act = [&](broker_t *instance) { result = tarn_sdk_mqtt_broker_kick_client(instance, "c"); };
+    g_act          = [&](broker_t *instance) { result = tarn_sdk_mqtt_broker_kick_client(instance, "c"); };
     ASSERT_EQ(broker.start(), TARN_OK);
     Peer peer;
     peer.send(kConnect);

@@ -69,11 +69,12 @@ TEST(alarm, a_ring_after_the_flag_was_cleared_ends_every_pause)
         std::this_thread::sleep_for(1ms);
     std::this_thread::sleep_for(20ms);
     EXPECT_LT(time_of([&] {
-        poke(g_running, 0);
-        g_alarm.ring();
-        one.join();
-        two.join();
-    }), 20000u);
+                  poke(g_running, 0);
+                  g_alarm.ring();
+                  one.join();
+                  two.join();
+              }),
+              20000u);
     EXPECT_EQ(done, 2);
     poke(g_running, 1);
 }

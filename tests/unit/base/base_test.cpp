@@ -144,7 +144,7 @@ TEST(relaxed, swaps_and_counts)
 TEST(mutex, of_zero_bytes_is_a_free_one)
 {
     static Mutex mutex; // NOLINT: zeroed by the loader
-    const auto is_free = [] {
+    const auto   is_free = [] {
         if (!mutex.try_lock())
             return false;
         mutex.unlock();

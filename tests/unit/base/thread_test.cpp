@@ -18,11 +18,11 @@ namespace {
 
 // What a thread finds out about itself.
 struct Self {
-    char     name[16] = "";
-    size_t   stack    = 0;
-    bool     library  = false;
-    sigset_t mask{};
-    pthread_t id      = 0;
+    char      name[16] = "";
+    size_t    stack    = 0;
+    bool      library  = false;
+    sigset_t  mask{};
+    pthread_t id = 0;
 
     static void *look(void *self)
     {
@@ -116,11 +116,15 @@ TEST(finish_thread, waits_for_the_end)
 {
     static std::atomic<bool> ended{false};
     pthread_t                thread = 0;
-    ASSERT_EQ(start_thread(&thread, "t", [](void *) -> void * {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        ended = true;
-        return nullptr;
-    }, nullptr), 0);
+    ASSERT_EQ(start_thread(
+                  &thread, "t",
+                  [](void *) -> void * {
+                      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                      ended = true;
+                      return nullptr;
+                  },
+                  nullptr),
+              0);
     finish_thread(thread);
     EXPECT_TRUE(ended);
 }
@@ -129,12 +133,16 @@ TEST(finish_thread, of_itself_detaches)
 {
     static std::binary_semaphore detached{0}, looked{0};
     pthread_t                    thread = 0;
-    ASSERT_EQ(start_thread(&thread, "t", [](void *) -> void * {
-        finish_thread(pthread_self());
-        detached.release();
-        looked.acquire();
-        return nullptr;
-    }, nullptr), 0);
+    ASSERT_EQ(start_thread(
+                  &thread, "t",
+                  [](void *) -> void * {
+                      finish_thread(pthread_self());
+                      detached.release();
+                      looked.acquire();
+                      return nullptr;
+                  },
+                  nullptr),
+              0);
     detached.acquire();
     pthread_attr_t attributes;
     int            state = -1;

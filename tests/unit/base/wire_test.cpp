@@ -11,7 +11,7 @@ TEST(reader, never_leaves_its_packet)
 {
     const Bytes packet = wire("01 02 03");
     Reader      in(packet.data(), 3);
-    uint16_t    two = 0;
+    uint16_t    two  = 0;
     uint32_t    four = 7;
     EXPECT_TRUE(in.u16(two));
     EXPECT_EQ(two, 0x0102);

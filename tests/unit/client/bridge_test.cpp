@@ -11,8 +11,8 @@ auto *const kBroker = reinterpret_cast<broker_t *>(0x1000);
 
 uint8_t event(uint32_t handle, uint32_t kind, const Bytes &data = {}, uint32_t reason = 3)
 {
-    return mqtt_netip_event_cb(handle, kind, data.empty() ? nullptr : data.data(),
-                               static_cast<uint32_t>(data.size()), reason, 0, kBroker);
+    return mqtt_netip_event_cb(handle, kind, data.empty() ? nullptr : data.data(), static_cast<uint32_t>(data.size()),
+                               reason, 0, kBroker);
 }
 
 } // namespace
@@ -169,8 +169,7 @@ TEST(bridge, warns_of_other_events)
     LogCapture log;
     EXPECT_EQ(event(7, 3), 1);
     EXPECT_EQ(event(7, 77), 1);
-    EXPECT_THAT(log.take(),
-                ElementsAre(warn("Unknown NetIP event type: 3"), warn("Unknown NetIP event type: 77")));
+    EXPECT_THAT(log.take(), ElementsAre(warn("Unknown NetIP event type: 3"), warn("Unknown NetIP event type: 77")));
     on_netip_send_ready(7); // does nothing
 }
 

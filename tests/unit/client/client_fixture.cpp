@@ -28,7 +28,10 @@ void note(std::string call)
     g_calls.made.push_back(std::move(call));
 }
 
-std::string id_text(mqtt_client_t *client) { return client::stored_id(*client).text; }
+std::string id_text(mqtt_client_t *client)
+{
+    return client::stored_id(*client).text;
+}
 
 bool memory_fails()
 {
@@ -102,7 +105,10 @@ void Socket::stuff()
         ;
 }
 
-size_t Socket::drain() { return received().size(); }
+size_t Socket::drain()
+{
+    return received().size();
+}
 
 TcpPeer::TcpPeer() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
@@ -114,7 +120,10 @@ TcpPeer::TcpPeer() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
         abort();
 }
 
-TcpPeer::~TcpPeer() { close(fd_); }
+TcpPeer::~TcpPeer()
+{
+    close(fd_);
+}
 
 void TcpPeer::send(const Bytes &bytes) const
 {
@@ -175,7 +184,10 @@ OwnRecord::OwnRecord(uint32_t handle) : record_(new mqtt_client_t{})
     record_->max_packet_size = 4096;
 }
 
-OwnRecord::~OwnRecord() { free(record_->send_queue); }
+OwnRecord::~OwnRecord()
+{
+    free(record_->send_queue);
+}
 
 std::vector<LogLine> own_lines(LogCapture &log)
 {
@@ -269,8 +281,8 @@ void __wrap_packet_handler_remove_client_subs(const char *client_id, uint8_t cle
 
 void __wrap_persist_mark(persist_session_t *rec, uint8_t what)
 {
-    note("persist_mark " + std::to_string(what) + " expiry " + std::to_string(rec->session_expiry_interval) + " until " +
-         std::to_string(rec->session_expiry_deadline));
+    note("persist_mark " + std::to_string(what) + " expiry " + std::to_string(rec->session_expiry_interval) +
+         " until " + std::to_string(rec->session_expiry_deadline));
     if (g_calls.on_mark)
         g_calls.on_mark();
 }

@@ -28,14 +28,14 @@ using testing::SizeIs;
 // What the manager asks of other modules. Packet handling and files are replaced, so that each test says what they do;
 // reliable delivery is real, unless told to fail.
 struct Calls {
-    std::vector<std::string> made;                          // "persist_remove dev1", in order
-    std::function<int(mqtt_client_t &, Bytes)> on_packet;   // packet_dispatch
-    std::function<void(mqtt_client_t &)>       on_will;     // packet_send_will_message
-    std::function<void()>                      on_mark;     // persist_mark
-    std::function<void(mqtt_client_t &)>       on_clean;    // qos_reliable_clean_client_packets, before it begins
-    bool                                       qos_fails = false;     // qos_reliable_init
-    bool                                       qos_stands_in = false; // it does nothing
-    int                                        memory_fails_after = -1; // mmap and mprotect: so many succeed
+    std::vector<std::string>                   made;      // "persist_remove dev1", in order
+    std::function<int(mqtt_client_t &, Bytes)> on_packet; // packet_dispatch
+    std::function<void(mqtt_client_t &)>       on_will;   // packet_send_will_message
+    std::function<void()>                      on_mark;   // persist_mark
+    std::function<void(mqtt_client_t &)>       on_clean;  // qos_reliable_clean_client_packets, before it begins
+    bool                                       qos_fails          = false; // qos_reliable_init
+    bool                                       qos_stands_in      = false; // it does nothing
+    int                                        memory_fails_after = -1;    // mmap and mprotect: so many succeed
 };
 extern Calls g_calls;
 
@@ -46,14 +46,14 @@ class Socket {
 public:
     explicit Socket(uint32_t handle, int send_buffer = 0);
     ~Socket();
-    Socket(const Socket &) = delete;
+    Socket(const Socket &)            = delete;
     Socket &operator=(const Socket &) = delete;
 
-    Bytes  received();                 // what has arrived, without waiting
-    Bytes  wait_for(size_t bytes);     // at least so many, or a second
-    bool   closed_by_broker();         // end of stream
-    void   stuff();                    // until the broker's end takes no byte more
-    size_t drain();                    // the other way round; how many came
+    Bytes  received();             // what has arrived, without waiting
+    Bytes  wait_for(size_t bytes); // at least so many, or a second
+    bool   closed_by_broker();     // end of stream
+    void   stuff();                // until the broker's end takes no byte more
+    size_t drain();                // the other way round; how many came
 
 private:
     uint32_t handle_;
@@ -65,10 +65,10 @@ class TcpPeer {
 public:
     TcpPeer();
     ~TcpPeer();
-    TcpPeer(const TcpPeer &) = delete;
+    TcpPeer(const TcpPeer &)            = delete;
     TcpPeer &operator=(const TcpPeer &) = delete;
-    void  send(const Bytes &bytes) const;
-    Bytes wait_for(size_t bytes); // so many, or what came within a second or so
+    void     send(const Bytes &bytes) const;
+    Bytes    wait_for(size_t bytes); // so many, or what came within a second or so
 
 private:
     int fd_;

@@ -11,8 +11,8 @@ const LogLine kCloseLine   = debug("[MQTT5] Client close: max_packet_size=4096, 
 const LogLine kFreeLine    = warn("[FREE-NORMAL] 客户端正常关闭: dev1");
 const LogLine kClosedLine  = debug("[遗嘱调试][客户端关闭完成] ClientID=, 状态改为CLOSED");
 const LogLine kDeletedLine = info("[MQTT5] 会话立即删除(expiry=0): dev1");
-const LogLine kForcedLine  = info("[遗嘱调试][异常断开] ClientID=dev1, 未发送DISCONNECT报文，强制触发遗嘱发送");
-const LogLine kParkedLine  = debug("[遗嘱调试][延迟释放客户端] ClientID=dev1，等待遗嘱发送完成后再释放");
+const LogLine kForcedLine = info("[遗嘱调试][异常断开] ClientID=dev1, 未发送DISCONNECT报文，强制触发遗嘱发送");
+const LogLine kParkedLine = debug("[遗嘱调试][延迟释放客户端] ClientID=dev1，等待遗嘱发送完成后再释放");
 
 LogLine entered(int delay_s)
 {
@@ -95,8 +95,8 @@ TEST_F(Close, a_client_without_an_id_is_released)
     log.take();
     client_close(record);
     EXPECT_THAT(own_lines(log), ElementsAre(debug("[MQTT5] Client close: max_packet_size=4096, client="),
-                                      info("[MQTT5] 会话立即删除(expiry=0): "), warn("[FREE-NORMAL] 客户端正常关闭: "),
-                                      kClosedLine));
+                                            info("[MQTT5] 会话立即删除(expiry=0): "),
+                                            warn("[FREE-NORMAL] 客户端正常关闭: "), kClosedLine));
     EXPECT_THAT(take_calls(), ElementsAre("persist_remove ", "qos_reliable_clean_client_packets "));
     expect_released(record);
 }
@@ -132,8 +132,8 @@ TEST_F(Close, the_largest_expiry_interval_does_not_wrap)
     mqtt_client_t *const record     = client(0);
     record->session_expiry_interval = 0xFFFFFFFF;
     client_close(record);
-    EXPECT_THAT(own_lines(log), testing::Contains(
-                              info("[MQTT5] 会话已设置过期: dev1, 剩余=4294967295秒, 截止=6094967295")));
+    EXPECT_THAT(own_lines(log),
+                testing::Contains(info("[MQTT5] 会话已设置过期: dev1, 剩余=4294967295秒, 截止=6094967295")));
 }
 
 TEST_F(Close, a_client_that_said_disconnect_keeps_its_session_as_it_is)
@@ -250,10 +250,11 @@ TEST_F(Close, session_first_then_will)
     give_will(record, 30);
     log.take();
     client_close(record);
-    EXPECT_THAT(own_lines(log), ElementsAre(kCloseLine, info("[MQTT5] 会话已设置过期: dev1, 剩余=60秒, 截止=1800000060"),
-                                      kForcedLine, entered(30), kParkedLine));
-    EXPECT_THAT(take_calls(), ElementsAre("persist_mark 1 expiry 60 until 1800000060",
-                                          "packet_start_will_delay dev1 state 2"));
+    EXPECT_THAT(own_lines(log),
+                ElementsAre(kCloseLine, info("[MQTT5] 会话已设置过期: dev1, 剩余=60秒, 截止=1800000060"), kForcedLine,
+                            entered(30), kParkedLine));
+    EXPECT_THAT(take_calls(),
+                ElementsAre("persist_mark 1 expiry 60 until 1800000060", "packet_start_will_delay dev1 state 2"));
     EXPECT_EQ(record->session_expiry_deadline, 1800000060u) << "a parked record keeps it";
 }
 
@@ -423,7 +424,7 @@ TEST_F(Close, by_two_threads_happens_once)
             client_close(pin.get());
             return nullptr;
         };
-        pthread_t threads[2];
+        pthread_t        threads[2];
         const client_ref pin(record);
         for (pthread_t &thread : threads)
             pthread_create(&thread, nullptr, close_it, record);

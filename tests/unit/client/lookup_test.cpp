@@ -103,11 +103,12 @@ TEST(client_id, of_a_client_that_is_closed_meanwhile_makes_no_entry)
     const Manager        manager;
     mqtt_client_t *const client = client_create(7, "", 0, nullptr);
     const uint32_t       hash   = client::hash_of("dev1");
-    while_it_waits(g_client_mgr.locks[hash % 111], [&] { client_set_cid(client, "dev1"); },
-                   [&] {
-                       EXPECT_STREQ(client::stored_id(*client).text, "dev1");
-                       poke(client->state, CLIENT_CLOSED); // its closing found no entry to clear
-                   });
+    while_it_waits(
+        g_client_mgr.locks[hash % 111], [&] { client_set_cid(client, "dev1"); },
+        [&] {
+            EXPECT_STREQ(client::stored_id(*client).text, "dev1");
+            poke(client->state, CLIENT_CLOSED); // its closing found no entry to clear
+        });
     EXPECT_EQ(g_client_mgr.by_cid[hash % 11000], nullptr);
 }
 

@@ -43,8 +43,7 @@ TEST(client_mgr_init, takes_1_to_11000_clients)
     LogCapture log(2);
     for (const int32_t wrong : {0, -1, 11001}) {
         EXPECT_EQ(client_mgr_init(wrong), kFailed);
-        EXPECT_THAT(log.take(),
-                    ElementsAre(error("max_clients " + std::to_string(wrong) + " invalid, must <= 11000")));
+        EXPECT_THAT(log.take(), ElementsAre(error("max_clients " + std::to_string(wrong) + " invalid, must <= 11000")));
         EXPECT_EQ(g_mqtt_max_clients, 11000) << "untouched";
     }
     for (const auto &[clients, blocks] : {std::pair{1, 1}, {100, 1}, {101, 2}, {11000, 110}}) {
@@ -215,8 +214,7 @@ TEST(send_thread, says_when_it_starts_and_ends)
     LogCapture log;
     g_send_running = 0;
     EXPECT_EQ(send_thread_proc(nullptr), nullptr);
-    EXPECT_THAT(log.take(),
-                ElementsAre(info("[SEND_THREAD] 发送线程启动"), info("[SEND_THREAD] 发送线程退出")));
+    EXPECT_THAT(log.take(), ElementsAre(info("[SEND_THREAD] 发送线程启动"), info("[SEND_THREAD] 发送线程退出")));
 
     mqtt_start_send_thread();
     mqtt_start_send_thread(); // runs already
@@ -224,8 +222,7 @@ TEST(send_thread, says_when_it_starts_and_ends)
     EXPECT_TRUE(eventually([&] { return log.has(info("[SEND_THREAD] 发送线程启动")); }));
     mqtt_stop_send_thread();
     EXPECT_EQ(g_send_running, 0);
-    EXPECT_THAT(log.take(),
-                ElementsAre(info("[SEND_THREAD] 发送线程启动"), info("[SEND_THREAD] 发送线程退出")));
+    EXPECT_THAT(log.take(), ElementsAre(info("[SEND_THREAD] 发送线程启动"), info("[SEND_THREAD] 发送线程退出")));
     mqtt_stop_send_thread(); // does not run
     EXPECT_THAT(log.take(), IsEmpty());
 }
@@ -240,8 +237,7 @@ TEST(send_thread, started_by_several_at_once_is_one)
         for (std::thread &starter : starters)
             starter.join();
         mqtt_stop_send_thread();
-        EXPECT_THAT(log.take(),
-                    ElementsAre(info("[SEND_THREAD] 发送线程启动"), info("[SEND_THREAD] 发送线程退出")));
+        EXPECT_THAT(log.take(), ElementsAre(info("[SEND_THREAD] 发送线程启动"), info("[SEND_THREAD] 发送线程退出")));
     }
 }
 

@@ -159,7 +159,7 @@ TEST(next_client, passes_over_a_record_whose_own_flag_is_clear)
 {
     const Manager manager;
     log_in(1, "a")->used = 0;
-    int32_t index = 0;
+    int32_t index        = 0;
     EXPECT_FALSE(next_client(index));
     g_client_mgr.blocks[0].records[0].used = 1;
 }

@@ -10,7 +10,10 @@ using namespace tarn::test;
 
 namespace {
 
-mqtt_client_t *create(uint32_t handle) { return client_create(handle, "10.0.0.1", 1000, nullptr); }
+mqtt_client_t *create(uint32_t handle)
+{
+    return client_create(handle, "10.0.0.1", 1000, nullptr);
+}
 
 void release(mqtt_client_t *client)
 {
@@ -24,9 +27,9 @@ TEST(client_create, fills_the_record_and_tells_it)
 {
     const ManualClock clock;
     const Manager     manager;
-    g_default_max_packet_size = 2000;
-    auto *const broker        = reinterpret_cast<broker_t *>(0x1000);
-    LogCapture  log;
+    g_default_max_packet_size   = 2000;
+    auto *const          broker = reinterpret_cast<broker_t *>(0x1000);
+    LogCapture           log;
     mqtt_client_t *const client = client_create(7, "192.0.2.1", 1234, broker);
     ASSERT_NE(client, nullptr);
     EXPECT_THAT(log.take(), ElementsAre(debug("mqtt_codec_ctx_init: success"),
@@ -62,16 +65,16 @@ TEST(client_create, cuts_the_address_to_63_characters)
 TEST(client_create, clears_what_a_client_before_left)
 {
     const Manager        manager;
-    mqtt_client_t *const client   = create(1);
-    client->disconnect_received   = 1;
-    client->send_head             = 5;
-    client->send_tail             = 5;
-    client->will_payload_len      = 9;
-    client->will_qos              = 2;
-    client->will_retain           = 1;
-    client->will_delay_interval   = 3;
+    mqtt_client_t *const client      = create(1);
+    client->disconnect_received      = 1;
+    client->send_head                = 5;
+    client->send_tail                = 5;
+    client->will_payload_len         = 9;
+    client->will_qos                 = 2;
+    client->will_retain              = 1;
+    client->will_delay_interval      = 3;
     client->will_msg_expiry_interval = 4;
-    client->will_payload_format   = 1;
+    client->will_payload_format      = 1;
     strcpy(client->will_content_type, "a");
     strcpy(client->will_response_topic, "b");
     client->will_correlation_len    = 8;
@@ -150,7 +153,7 @@ TEST(client_create, adds_a_block_when_the_limit_was_raised)
     const Manager manager(100);
     for (uint32_t i = 0; i < 100; ++i)
         create(i);
-    g_mqtt_max_clients = 250;
+    g_mqtt_max_clients          = 250;
     mqtt_client_t *const client = create(100);
     ASSERT_NE(client, nullptr);
     EXPECT_EQ(g_client_mgr.block_count, 2);
@@ -312,8 +315,8 @@ TEST(pool_free, drops_the_deliveries_of_the_record_and_takes_no_more)
 
 TEST(pool_free, serves_a_block_that_a_caller_planted)
 {
-    auto records = std::make_unique<mqtt_client_t[]>(100);
-    uint8_t flags[100] = {};
+    auto                records    = std::make_unique<mqtt_client_t[]>(100);
+    uint8_t             flags[100] = {};
     client_pool_block_t block{records.get(), flags, 1, 100};
     g_client_mgr.blocks      = &block;
     g_client_mgr.block_count = 1;

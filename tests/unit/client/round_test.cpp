@@ -49,7 +49,7 @@ TEST(io_round, waits_for_another_thread_s_write_before_it_calls_a_ring_full)
     const Manager        manager;
     mqtt_client_t *const client = log_in(1, "dev1");
     Socket               socket(1);
-    const auto set_flushing = [client](uint8_t flushing) {
+    const auto           set_flushing = [client](uint8_t flushing) {
         ScopedLock lock(client->send_lock);
         client::side_at(0).flushing = flushing;
     };

@@ -76,8 +76,9 @@ TEST(client_send, gives_no_ring_to_a_client_that_is_released_meanwhile)
 {
     const Manager        manager;
     mqtt_client_t *const client = log_in(1, "dev1");
-    while_it_waits(client->send_lock, [&] { EXPECT_EQ(send(client, wire("D0 00")), kFailed); },
-                   [&] { poke(client->state, CLIENT_CLOSED); });
+    while_it_waits(
+        client->send_lock, [&] { EXPECT_EQ(send(client, wire("D0 00")), kFailed); },
+        [&] { poke(client->state, CLIENT_CLOSED); });
     EXPECT_EQ(client->send_queue, nullptr);
     EXPECT_EQ(g_mqtt_stats.drop_offline, 1u);
     EXPECT_EQ(drops(), 1u);

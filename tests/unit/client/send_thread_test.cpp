@@ -88,7 +88,7 @@ TEST(send_thread, finds_a_ring_that_was_filled_by_hand)
     mqtt_client_t *const client = log_in(1, "dev1");
     Socket               socket(1);
     {
-        ScopedLock lock(client->send_lock);
+        ScopedLock  lock(client->send_lock);
         auto *const ring = static_cast<client_send_slot_t *>(calloc(100, sizeof(client_send_slot_t)));
         ring[0].data[0]  = 0xD0;
         ring[0].length   = 2;
@@ -112,8 +112,8 @@ TEST(send_thread, keeps_trying_a_client_without_a_connection)
 
 TEST(send_thread, serves_a_planted_block_too)
 {
-    auto    records    = std::make_unique<mqtt_client_t[]>(100);
-    uint8_t flags[100] = {};
+    auto                records    = std::make_unique<mqtt_client_t[]>(100);
+    uint8_t             flags[100] = {};
     client_pool_block_t block{records.get(), flags, 1, 100};
     g_client_mgr.blocks      = &block;
     g_client_mgr.block_count = 1;
@@ -139,7 +139,7 @@ TEST(send_thread, is_idle_when_there_is_nothing_to_send)
     for (uint32_t i = 0; i < 100; ++i)
         send(log_in(i, ("dev" + std::to_string(i)).c_str()), wire("D0 00")); // no sockets: all are put off
     usleep(300000);
-    timespec before, after;
+    timespec  before, after;
     clockid_t clock;
     ASSERT_EQ(pthread_getcpuclockid(g_send_thread, &clock), 0);
     clock_gettime(clock, &before);

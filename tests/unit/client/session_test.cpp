@@ -14,7 +14,7 @@ TEST(expired_sessions, are_deleted_once_their_deadline_has_passed)
         client->session_expiry_deadline = static_cast<uint64_t>(deadline_s);
         return client;
     };
-    const int64_t now = clock.wall_s();
+    const int64_t        now  = clock.wall_s();
     mqtt_client_t *const past = parked_until(1, "past", now - 1);
     parked_until(2, "now", now);
     parked_until(3, "future", now + 1);
@@ -23,10 +23,10 @@ TEST(expired_sessions, are_deleted_once_their_deadline_has_passed)
     parked_until(6, "old", 5);
     LogCapture log;
     client_clean_expired_sessions();
-    EXPECT_THAT(log.take(), ElementsAre(info("[MQTT5] 开始清理过期会话..."),
-                                        info("[MQTT5] 清理过期会话: past (deadline=1799999999)"),
-                                        info("[MQTT5] 清理过期会话: old (deadline=5)"),
-                                        info("[MQTT5] 过期会话清理完成")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(info("[MQTT5] 开始清理过期会话..."),
+                            info("[MQTT5] 清理过期会话: past (deadline=1799999999)"),
+                            info("[MQTT5] 清理过期会话: old (deadline=5)"), info("[MQTT5] 过期会话清理完成")));
     EXPECT_THAT(take_calls(), ElementsAre("persist_remove past", "persist_remove old"));
     EXPECT_EQ(past->session_expiry_deadline, static_cast<uint64_t>(now - 1)) << "stays";
     g_client_mgr.blocks[0].records[4].used = 1;
@@ -52,8 +52,7 @@ TEST(expired_sessions, without_a_pool_are_none)
 {
     LogCapture log;
     client_clean_expired_sessions();
-    EXPECT_THAT(log.take(),
-                ElementsAre(info("[MQTT5] 开始清理过期会话..."), info("[MQTT5] 过期会话清理完成")));
+    EXPECT_THAT(log.take(), ElementsAre(info("[MQTT5] 开始清理过期会话..."), info("[MQTT5] 过期会话清理完成")));
 }
 
 namespace {
@@ -95,8 +94,8 @@ TEST(clear_session, leaves_pages_alone_that_nobody_wrote)
     persist_session_t &session = client.session;
     session_written(client, 64, 100);
     clear_session(client);
-    session.subs[5].qos        = 1; // not told
-    session.msgs[5].qos        = 1;
+    session.subs[5].qos = 1; // not told
+    session.msgs[5].qos = 1;
     clear_session(client);
     EXPECT_EQ(session.subs[5].qos, 1);
     EXPECT_EQ(session.msgs[5].qos, 1);
@@ -126,10 +125,10 @@ TEST(clear_session, spends_no_memory_on_lists_that_stay_empty)
 TEST(clear_session, believes_no_count_beyond_the_arrays)
 {
     const Manager  manager;
-    mqtt_client_t &client     = *log_in(1, "dev1");
-    mqtt_client_t &next       = *log_in(2, "dev2");
-    client.session.sub_count  = 1000000;
-    client.session.msg_count  = -5;
+    mqtt_client_t &client    = *log_in(1, "dev1");
+    mqtt_client_t &next      = *log_in(2, "dev2");
+    client.session.sub_count = 1000000;
+    client.session.msg_count = -5;
     session_written(client, -1, 1000000);
     clear_session(client);
     EXPECT_TRUE(is_zero(client.session));

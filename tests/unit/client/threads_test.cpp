@@ -16,7 +16,10 @@ namespace {
 
 constexpr uint32_t kHandles = 40;
 
-std::string id_of_handle(uint32_t handle) { return "dev" + std::to_string(handle); }
+std::string id_of_handle(uint32_t handle)
+{
+    return "dev" + std::to_string(handle);
+}
 
 void connect_one(uint32_t handle)
 {
@@ -150,8 +153,7 @@ TEST(threads, no_more_clients_are_made_than_the_limit_allows)
         std::vector<std::thread> threads;
         for (int i = 0; i < 4; ++i)
             threads.emplace_back([&] {
-                for (--waiting; waiting > 0; std::this_thread::yield()) {
-                }
+                for (--waiting; waiting > 0; std::this_thread::yield()) {}
                 for (int tries = 0; tries < 20; ++tries)
                     client_create(next_handle++ % CLIENT_MAX, "", 0, nullptr);
             });

@@ -25,7 +25,10 @@ struct Timeout : testing::Test {
     }
 };
 
-std::string mono(const ManualClock &clock) { return std::to_string(clock.mono_ms()); }
+std::string mono(const ManualClock &clock)
+{
+    return std::to_string(clock.mono_ms());
+}
 
 } // namespace
 
@@ -65,7 +68,7 @@ TEST_F(Timeout, threshold_is_a_32_bit_product)
     record->keepalive_ms        = 0x60000000; // times 3 wraps to 0x20000000
     EXPECT_EQ(scan_after(0x10000000 - 1), 0u);
     EXPECT_EQ(scan_after(1), 1u);
-    record->keepalive_ms = 0;
+    record->keepalive_ms       = 0;
     client(1, 0)->keepalive_ms = 3; // 4 and a half rounds down
     EXPECT_EQ(scan_after(3), 0u);
     EXPECT_EQ(scan_after(1), 1u);
@@ -118,9 +121,9 @@ TEST_F(Timeout, tells_every_step)
             debug("[超时扫描] block=7 无客户端，跳过"), debug("[超时扫描] block=8 无客户端，跳过"),
             debug("[超时扫描] block=9 无客户端，跳过"), debug("[超时清理] 本次扫描完成，待关闭客户端数量 = 1"),
             warn("[超时执行关闭] 真实关闭 → cid=dev2, state=2, handle=0x2"),
-            debug("[MQTT5] Client close: max_packet_size=4096, client=dev2"), warn("[FREE-NORMAL] 客户端正常关闭: dev2"),
-            debug("[遗嘱调试][客户端关闭完成] ClientID=, 状态改为CLOSED"), warn("[超时完成] 客户端已关闭 → cid="),
-            info("[超时清理] 本次成功清理 1 个超时客户端")));
+            debug("[MQTT5] Client close: max_packet_size=4096, client=dev2"),
+            warn("[FREE-NORMAL] 客户端正常关闭: dev2"), debug("[遗嘱调试][客户端关闭完成] ClientID=, 状态改为CLOSED"),
+            warn("[超时完成] 客户端已关闭 → cid="), info("[超时清理] 本次成功清理 1 个超时客户端")));
     EXPECT_EQ(fresh->used, 1);
 }
 
@@ -170,7 +173,7 @@ TEST_F(Timeout, does_nothing_while_the_manager_is_down)
 
 TEST_F(Timeout, three_thousand_clients_take_three_scans)
 {
-    const Manager manager(3000);
+    const Manager    manager(3000);
     const LogCapture quiet(3);
     for (uint32_t i = 0; i < 3000; ++i)
         client(i, 10);
@@ -231,8 +234,7 @@ TEST_F(Timeout, a_small_pool_is_visited_again_but_its_clients_close_once)
     EXPECT_EQ(g_mqtt_stats.timeout, 1u);
     log.take();
     client_clean_timeout(0);
-    EXPECT_EQ(log.lines().front(),
-              debug("[超时清理] 开始扫描 | 当前时间 ms = " + mono(clock) + " | 扫描块起点 = 1"));
+    EXPECT_EQ(log.lines().front(), debug("[超时清理] 开始扫描 | 当前时间 ms = " + mono(clock) + " | 扫描块起点 = 1"));
 }
 
 TEST_F(Timeout, the_cursor_restarts_when_the_pool_is_smaller_than_before)
@@ -321,9 +323,8 @@ TEST(keepalive, is_set_in_milliseconds_and_counts_as_activity)
     EXPECT_EQ(client->keepalive_ms, 65535000u);
     EXPECT_THAT(
         log.take(),
-        ElementsAre(
-            debug("client_set_keepalive: handle=0x0000001A, cid=dev1, keepalive=10秒（超时阈值=15秒）"),
-            debug("client_set_keepalive: handle=0x0000001A, cid=dev1, keepalive=65535秒（超时阈值=98302秒）")));
+        ElementsAre(debug("client_set_keepalive: handle=0x0000001A, cid=dev1, keepalive=10秒（超时阈值=15秒）"),
+                    debug("client_set_keepalive: handle=0x0000001A, cid=dev1, keepalive=65535秒（超时阈值=98302秒）")));
 }
 
 TEST(keepalive, zero_becomes_sixty_seconds)
@@ -348,10 +349,9 @@ TEST(keepalive, is_refused_for_a_record_without_a_connection)
     record->handle = NETIP_NO_HANDLE;
     client_set_keepalive(record.get(), 10);
     EXPECT_EQ(record->keepalive_ms, 0u);
-    EXPECT_THAT(log.take(),
-                ElementsAre(error("client_set_keepalive: 无效客户端实例（handle=0x00000000, state=-1）"),
-                            error("client_set_keepalive: 无效客户端实例（handle=0x00000007, state=4）"),
-                            error("client_set_keepalive: 无效客户端实例（handle=0xFFFFFFFF, state=1）")));
+    EXPECT_THAT(log.take(), ElementsAre(error("client_set_keepalive: 无效客户端实例（handle=0x00000000, state=-1）"),
+                                        error("client_set_keepalive: 无效客户端实例（handle=0x00000007, state=4）"),
+                                        error("client_set_keepalive: 无效客户端实例（handle=0xFFFFFFFF, state=1）")));
 }
 
 TEST(activity, is_now_unless_the_record_is_closed)

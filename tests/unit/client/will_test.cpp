@@ -74,10 +74,11 @@ TEST(set_will, needs_a_client_and_a_topic)
     client_set_will_msg(nullptr, "t", nullptr, 0, 2, 0);
     client_set_will_msg(client.get(), nullptr, nullptr, 7, 1, 0);
     EXPECT_EQ(client->will_msg_used, 0);
-    EXPECT_THAT(log.take(),
-                ElementsAre(error("[遗嘱调试][设置失败] 参数无效：client=(nil), topic=t, payload_len=0（上限=2048）, qos=2"),
-                            error("[遗嘱调试][设置失败] 参数无效：client=" + hex_of(client.get()) +
-                                  ", topic=NULL, payload_len=7（上限=2048）, qos=1")));
+    EXPECT_THAT(
+        log.take(),
+        ElementsAre(error("[遗嘱调试][设置失败] 参数无效：client=(nil), topic=t, payload_len=0（上限=2048）, qos=2"),
+                    error("[遗嘱调试][设置失败] 参数无效：client=" + hex_of(client.get()) +
+                          ", topic=NULL, payload_len=7（上限=2048）, qos=1")));
 }
 
 TEST(set_will, lowers_a_qos_above_2_to_0)
@@ -87,11 +88,12 @@ TEST(set_will, lowers_a_qos_above_2_to_0)
     LogCapture log;
     client_set_will_msg(client.get(), "t", nullptr, 0, 3, 0);
     EXPECT_EQ(client->will_qos, 0);
-    EXPECT_THAT(log.take(),
-                ElementsAre(debug("[遗嘱调试][设置开始] ClientID=dev1, 原始入参：topic=t, payload_len=0, qos=3, retain=0"),
-                            warn("[遗嘱调试][QoS降级] ClientID=dev1, 原始QoS=3超出范围（0-2），自动降级为QoS0"),
-                            info("[遗嘱调试][设置成功] ClientID=dev1, 最终存储：topic=t, payload_len=0, qos=0, "
-                                 "retain=0, will_msg_used=1")));
+    EXPECT_THAT(
+        log.take(),
+        ElementsAre(debug("[遗嘱调试][设置开始] ClientID=dev1, 原始入参：topic=t, payload_len=0, qos=3, retain=0"),
+                    warn("[遗嘱调试][QoS降级] ClientID=dev1, 原始QoS=3超出范围（0-2），自动降级为QoS0"),
+                    info("[遗嘱调试][设置成功] ClientID=dev1, 最终存储：topic=t, payload_len=0, qos=0, "
+                         "retain=0, will_msg_used=1")));
     ScopedLock lock(client->will_lock);
     client::free_will_texts(*client);
 }
@@ -266,8 +268,8 @@ TEST_F(WillScan, leaves_a_record_that_another_thread_settles)
 
 TEST_F(WillScan, does_not_claim_what_is_not_due)
 {
-    mqtt_client_t *const record = park(1, "dev1", 5);
-    bool claimed = false;
+    mqtt_client_t *const record  = park(1, "dev1", 5);
+    bool                 claimed = false;
     while_it_waits(record->will_lock, client_will_delay_scan, [&] {
         EXPECT_FALSE(client::is_idle(0)) << "the scan looks at it";
         claimed = claim_closing(*record);

@@ -18,7 +18,10 @@ template <int Type> Ack decode(const Bytes &bytes, uint32_t version = 4, uint32_
 {
     return decode_with(decode_type<Type>, bytes, version, log_level);
 }
-template <int Type> Ack decode(const char *bytes, uint32_t version = 4) { return decode<Type>(wire(bytes), version); }
+template <int Type> Ack decode(const char *bytes, uint32_t version = 4)
+{
+    return decode<Type>(wire(bytes), version);
+}
 
 void expect_success(const Ack &d, uint32_t type, uint32_t version, int id, int reason, int consumed)
 {
@@ -170,9 +173,9 @@ TEST(ack_decode, refuses_missing_parameters)
     const uint8_t *buf   = bytes.data();
     int            len   = 4;
     LogCapture     log(0);
-    const auto line = [](const void *c, const void *b, const void *l, int length, const void *p) {
-        return Log{error("ACK decode: invalid param (ctx=" + pointer(c) + ", buf=" + pointer(b) + ", buf_len=" + pointer(l) +
-                         ", len=" + std::to_string(length) + ", para=" + pointer(p) + ")")};
+    const auto     line = [](const void *c, const void *b, const void *l, int length, const void *p) {
+        return Log{error("ACK decode: invalid param (ctx=" + pointer(c) + ", buf=" + pointer(b) +
+                             ", buf_len=" + pointer(l) + ", len=" + std::to_string(length) + ", para=" + pointer(p) + ")")};
     };
     EXPECT_EQ(mqtt_codec_decode_ack(nullptr, 4, buf, &len, &para), -1);
     EXPECT_EQ(log.take(), line(nullptr, buf, &len, 4, &para));
@@ -238,8 +241,8 @@ TEST(ack_decode, reads_back_what_the_encoder_wrote)
     const auto round_trip = []<int Type>(uint32_t version) {
         mqtt_ack_para_t para;
         memset(&para, 0, sizeof para);
-        para.msg_id      = 0xBEEF;
-        para.reason_code = version == 5 ? 0x97 : 0;
+        para.msg_id        = 0xBEEF;
+        para.reason_code   = version == 5 ? 0x97 : 0;
         const auto encoder = [](mqtt_codec_ctx_t *ctx, const mqtt_ack_para_t *p, uint8_t *buf, int *len) {
             return mqtt_codec_encode_ack(ctx, Type, p, buf, len);
         };

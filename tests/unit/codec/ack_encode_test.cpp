@@ -67,11 +67,18 @@ Log operator+(Log left, const Log &right)
     left.insert(left.end(), right.begin(), right.end());
     return left;
 }
-Log head_list(const char *bytes) { return Log{info("【QoS溯源6】SUBACK可变头（前16字节）：")} + list("var_header", wire(bytes)); }
-Log code_list(const char *bytes) { return Log{info("【QoS溯源6】SUBACK负载（前16字节）：")} + list("payload_buf", wire(bytes)); }
+Log head_list(const char *bytes)
+{
+    return Log{info("【QoS溯源6】SUBACK可变头（前16字节）：")} + list("var_header", wire(bytes));
+}
+Log code_list(const char *bytes)
+{
+    return Log{info("【QoS溯源6】SUBACK负载（前16字节）：")} + list("payload_buf", wire(bytes));
+}
 Log packet_list(int length, const char *bytes)
 {
-    return Log{info("【QoS溯源7】发送SUBACK前最终缓冲区（长度=" + std::to_string(length) + "）：")} + list("ack_buf", wire(bytes));
+    return Log{info("【QoS溯源7】发送SUBACK前最终缓冲区（长度=" + std::to_string(length) + "）：")} +
+           list("ack_buf", wire(bytes));
 }
 
 // The address inside a line differs from run to run.
@@ -154,10 +161,10 @@ TEST(ack_encode, refuses_missing_parameters)
     mqtt_codec_ctx_t      ctx  = context(4);
     const mqtt_ack_para_t para = ack(7);
     uint8_t               buf[128];
-    int                   len = 128;
-    const auto line = [](const void *c, const void *p, const void *b, const void *l, int length) {
-        return Log{error("ACK encode: invalid param (ctx=" + pointer(c) + ", para=" + pointer(p) + ", buf=" + pointer(b) +
-                         ", buf_len=" + pointer(l) + ", len=" + std::to_string(length) + ")")};
+    int                   len  = 128;
+    const auto            line = [](const void *c, const void *p, const void *b, const void *l, int length) {
+        return Log{error("ACK encode: invalid param (ctx=" + pointer(c) + ", para=" + pointer(p) +
+                                    ", buf=" + pointer(b) + ", buf_len=" + pointer(l) + ", len=" + std::to_string(length) + ")")};
     };
     EXPECT_EQ(mqtt_codec_encode_ack(nullptr, 4, &para, buf, &len), -1);
     EXPECT_EQ(log.take(), line(nullptr, &para, buf, &len, 128));
@@ -191,7 +198,8 @@ TEST(ack_encode, refuses_other_types)
 TEST(ack_encode, wants_level_4_or_5)
 {
     for (const uint32_t version : {0u, 3u, 6u})
-        expect_refused(encode<kPuback>(ack(7), version), -2, "ACK encode: unsupported version " + std::to_string(version));
+        expect_refused(encode<kPuback>(ack(7), version), -2,
+                       "ACK encode: unsupported version " + std::to_string(version));
 }
 
 // ---- trace at INFO: part of what operators read, in this order

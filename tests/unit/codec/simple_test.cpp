@@ -25,22 +25,25 @@ Simple encode(int type, uint32_t version, int capacity = 128, uint32_t log_level
 
 Simple decode(int type, const Bytes &bytes, uint32_t version = 4)
 {
-    Simple     out{99, static_cast<int>(bytes.size()), bytes, context(version), {}};
+    Simple out{99, static_cast<int>(bytes.size()), bytes, context(version), {}};
     out.buffer.shrink_to_fit();
     LogCapture log(0);
     out.code = mqtt_codec_decode_simple(&out.ctx, type, out.buffer.data(), &out.length);
     out.log  = log.take();
     return out;
 }
-Simple decode(int type, const char *bytes, uint32_t version = 4) { return decode(type, wire(bytes), version); }
+Simple decode(int type, const char *bytes, uint32_t version = 4)
+{
+    return decode(type, wire(bytes), version);
+}
 
 void expect_encoded(const Simple &s, int type, int version, const char *packet)
 {
     Bytes expected = wire(packet);
     EXPECT_EQ(s.code, 0);
     EXPECT_EQ(s.length, static_cast<int>(expected.size()));
-    EXPECT_EQ(s.log, Log{debug("Simple encode success: type=" + std::to_string(type) + ", version=" + std::to_string(version) +
-                               ", len=" + std::to_string(expected.size()))});
+    EXPECT_EQ(s.log, Log{debug("Simple encode success: type=" + std::to_string(type) +
+                               ", version=" + std::to_string(version) + ", len=" + std::to_string(expected.size()))});
     expected.resize(s.buffer.size()); // zeroes behind it
     EXPECT_EQ(s.buffer, expected);
     EXPECT_EQ(s.ctx.last_packet_type, static_cast<uint32_t>(type));
@@ -51,8 +54,8 @@ void expect_decoded(const Simple &s, int type, uint32_t version, int consumed)
 {
     EXPECT_EQ(s.code, 0);
     EXPECT_EQ(s.length, consumed);
-    EXPECT_EQ(s.log, Log{debug("Simple decode success: type=" + std::to_string(type) + ", version=" + std::to_string(version) +
-                               ", len=" + std::to_string(consumed))});
+    EXPECT_EQ(s.log, Log{debug("Simple decode success: type=" + std::to_string(type) +
+                               ", version=" + std::to_string(version) + ", len=" + std::to_string(consumed))});
     EXPECT_EQ(s.ctx.version, version);
     EXPECT_EQ(s.ctx.last_packet_type, static_cast<uint32_t>(type));
     EXPECT_EQ(s.ctx.last_packet_len, static_cast<uint32_t>(consumed));
@@ -68,8 +71,8 @@ void expect_refused(const Simple &s, int code, const std::string &text)
 
 std::string invalid(const char *call, const void *ctx, const void *buf, const void *buf_len, int len)
 {
-    return std::string(call) + ": invalid param (ctx=" + pointer(ctx) + ", buf=" + pointer(buf) + ", buf_len=" + pointer(buf_len) +
-           ", len=" + std::to_string(len) + ")";
+    return std::string(call) + ": invalid param (ctx=" + pointer(ctx) + ", buf=" + pointer(buf) +
+           ", buf_len=" + pointer(buf_len) + ", len=" + std::to_string(len) + ")";
 }
 
 } // namespace
@@ -193,8 +196,8 @@ TEST(simple_decode, refuses_a_bad_remaining_length)
 
 TEST(simple_decode, cut_at_every_byte)
 {
-    const Bytes whole = wire("E0 81 00 04");
-    const int   codes[]  = {-1, -1, -4, 0, 0};
+    const Bytes whole   = wire("E0 81 00 04");
+    const int   codes[] = {-1, -1, -4, 0, 0};
     for (size_t cut = 0; cut <= whole.size(); ++cut) {
         const Simple s = decode(14, Bytes(whole.begin(), whole.begin() + static_cast<long>(cut)));
         EXPECT_EQ(s.code, codes[cut]) << cut;

@@ -53,10 +53,16 @@ Subscribe decode(const Bytes &bytes, uint32_t version = 4)
 {
     return decode_with(mqtt_codec_decode_subscribe, bytes, version);
 }
-Subscribe decode(const char *bytes, uint32_t version = 4) { return decode(wire(bytes), version); }
+Subscribe decode(const char *bytes, uint32_t version = 4)
+{
+    return decode(wire(bytes), version);
+}
 
 // A 5.0 SUBSCRIBE with identifier 7 and these bytes behind it.
-Subscribe decode_v5(const char *rest) { return decode(packet(0x82, wire("00 07") + wire(rest)), 5); }
+Subscribe decode_v5(const char *rest)
+{
+    return decode(packet(0x82, wire("00 07") + wire(rest)), 5);
+}
 
 void expect_filters(const Subscribe &d, const std::vector<std::pair<std::string, uint32_t>> &filters)
 {
@@ -77,8 +83,8 @@ void expect_success(const Subscribe &d, uint32_t version, int id, int consumed, 
     EXPECT_EQ(d.ctx.last_packet_type, 8u);
     EXPECT_EQ(d.ctx.last_packet_len, static_cast<uint32_t>(consumed));
     char text[128];
-    snprintf(text, sizeof text, "SUBSCRIBE decode success - version=%u, msg_id=%d, filters=%d, decode_len=%d", version, id,
-             d.para.filter_count, consumed);
+    snprintf(text, sizeof text, "SUBSCRIBE decode success - version=%u, msg_id=%d, filters=%d, decode_len=%d", version,
+             id, d.para.filter_count, consumed);
     EXPECT_EQ(d.all.back(), debug(text));
 }
 
@@ -95,8 +101,9 @@ const LogLine kNoFilters = error("SUBSCRIBE decode: no valid topic filters (filt
 LogLine bad_filter(int length, int pos_len, int end)
 {
     char text[160];
-    snprintf(text, sizeof text, "SUBSCRIBE decode: invalid topic filter length %d (max=256, pos+len=%d, payload_end=%d)", length,
-             pos_len, end);
+    snprintf(text, sizeof text,
+             "SUBSCRIBE decode: invalid topic filter length %d (max=256, pos+len=%d, payload_end=%d)", length, pos_len,
+             end);
     return warn(text);
 }
 
@@ -112,7 +119,8 @@ TEST(subscribe_encode, one_filter)
 
 TEST(subscribe_encode, only_two_bits_of_qos)
 {
-    expect_packet(encode(request(0x1234, {{"a", 0}, {"+", 2}, {"#", 7}})), "82 0E 12 34 00 01 61 00 00 01 2B 02 00 01 23 03");
+    expect_packet(encode(request(0x1234, {{"a", 0}, {"+", 2}, {"#", 7}})),
+                  "82 0E 12 34 00 01 61 00 00 01 2B 02 00 01 23 03");
 }
 
 TEST(subscribe_encode, only_the_low_byte_of_the_subscription_identifier)
@@ -155,13 +163,15 @@ TEST(subscribe_encode, judges_count_level_and_identifier_in_this_order)
     expect_refused(encode(para, 3), -1, {error("SUBSCRIBE encode: invalid filter count 17")});
     para = request(0, {{"a", 0}});
     for (const uint32_t version : {0u, 3u, 6u})
-        expect_refused(encode(para, version), -2, {error("SUBSCRIBE encode: unsupported version " + std::to_string(version))});
+        expect_refused(encode(para, version), -2,
+                       {error("SUBSCRIBE encode: unsupported version " + std::to_string(version))});
     expect_refused(encode(para, 4), -1, {error("SUBSCRIBE encode: msg_id cannot be zero")});
 }
 
 TEST(subscribe_encode, passes_over_bad_filters)
 {
-    expect_packet(encode(request(1, {{"", 0}, {"a", 1}, {std::string(257, 'x'), 0}, {"b", 2}})), "82 0A 00 01 00 01 61 01 00 01 62 02",
+    expect_packet(encode(request(1, {{"", 0}, {"a", 1}, {std::string(257, 'x'), 0}, {"b", 2}})),
+                  "82 0A 00 01 00 01 61 01 00 01 62 02",
                   {warn("SUBSCRIBE encode: invalid filter len 0 for index 0"),
                    warn("SUBSCRIBE encode: invalid filter len 257 for index 2")});
     EXPECT_EQ(encode(request(1, {{std::string(256, 'x'), 0}})).written(), 3 + 2 + 2 + 256 + 1);
@@ -278,9 +288,9 @@ TEST(subscribe_decode, refuses_missing_parameters)
     const uint8_t *buf   = bytes.data();
     int            len   = 8;
     LogCapture     log(1);
-    const auto line = [](const void *c, const void *b, const void *l, int length, const void *p) {
-        return Log{error("SUBSCRIBE decode: invalid param (ctx=" + pointer(c) + ", buf=" + pointer(b) + ", buf_len=" + pointer(l) +
-                         ", len=" + std::to_string(length) + ", para=" + pointer(p) + ")")};
+    const auto     line = [](const void *c, const void *b, const void *l, int length, const void *p) {
+        return Log{error("SUBSCRIBE decode: invalid param (ctx=" + pointer(c) + ", buf=" + pointer(b) +
+                             ", buf_len=" + pointer(l) + ", len=" + std::to_string(length) + ", para=" + pointer(p) + ")")};
     };
     EXPECT_EQ(mqtt_codec_decode_subscribe(nullptr, buf, &len, &para), -1);
     EXPECT_EQ(log.take(), line(nullptr, buf, &len, 8, &para));
@@ -304,8 +314,9 @@ TEST(subscribe_decode, traces_its_input_at_debug)
 {
     const Subscribe d = decode("82 06 00 07 00 01 'a' 01");
     ASSERT_EQ(d.all.size(), 4u);
-    EXPECT_THAT(d.all[0].text, testing::MatchesRegex(
-        "SUBSCRIBE decode: input param - ctx=0x[0-9a-f]+, buf=0x[0-9a-f]+, buf_len=0x[0-9a-f]+ \\(len=8\\), para=0x[0-9a-f]+"));
+    EXPECT_THAT(d.all[0].text,
+                testing::MatchesRegex("SUBSCRIBE decode: input param - ctx=0x[0-9a-f]+, buf=0x[0-9a-f]+, "
+                                      "buf_len=0x[0-9a-f]+ \\(len=8\\), para=0x[0-9a-f]+"));
     EXPECT_EQ(d.all[1], debug("SUBSCRIBE decode: full input data"));
     EXPECT_EQ(d.all[2], debug("82 06 00 07 00 01 61 01 "));
 
@@ -317,12 +328,14 @@ TEST(subscribe_decode, traces_its_input_at_debug)
 
 TEST(subscribe_decode, refuses_another_type_or_flags)
 {
-    expect_refused(decode("A2 06 00 07 00 01 'a' 01"), {error("SUBSCRIBE decode: not a SUBSCRIBE packet (type=10, expect=8)")});
+    expect_refused(decode("A2 06 00 07 00 01 'a' 01"),
+                   {error("SUBSCRIBE decode: not a SUBSCRIBE packet (type=10, expect=8)")});
     for (const int flags : {0x0, 0x1, 0x3, 0xA, 0xF}) {
         Bytes bytes = wire("82 06 00 07 00 01 'a' 01");
         bytes[0]    = static_cast<uint8_t>(0x80 | flags);
         char text[80];
-        snprintf(text, sizeof text, "SUBSCRIBE decode: invalid flags (0x%02X, expect=0x02)", static_cast<unsigned>(flags));
+        snprintf(text, sizeof text, "SUBSCRIBE decode: invalid flags (0x%02X, expect=0x02)",
+                 static_cast<unsigned>(flags));
         expect_refused(decode(bytes), {error(text)});
     }
 }
@@ -331,7 +344,8 @@ TEST(subscribe_decode, refuses_a_bad_remaining_length)
 {
     const auto line = [](int len, int consumed, int total, int have) {
         char text[160];
-        snprintf(text, sizeof text, "SUBSCRIBE decode: invalid remaining length (len=%d, consumed=%d, total=%d, buf_len=%d)", len,
+        snprintf(text, sizeof text,
+                 "SUBSCRIBE decode: invalid remaining length (len=%d, consumed=%d, total=%d, buf_len=%d)", len,
                  consumed, total, have);
         return Log{error(text)};
     };
@@ -366,7 +380,10 @@ TEST(subscribe_decode, properties_are_one_byte_each)
 TEST(subscribe_decode, a_missing_value_is_stepped_over_all_the_same)
 {
     // The step takes the first byte of the filter's length with it, so one more byte stands in front of it here.
-    struct { const char *id; const char *text; } const cases[] = {
+    struct {
+        const char *id;
+        const char *text;
+    } const cases[] = {
         {"26", "SUBSCRIBE decode: incomplete max QoS"},
         {"27", "SUBSCRIBE decode: incomplete retain handling"},
         {"0B", "SUBSCRIBE decode: incomplete subscription identifier"},
@@ -394,8 +411,9 @@ TEST(subscribe_decode, an_unknown_property_without_length_ends_the_block)
 {
     for (const char *block : {"04 1F 00 0B 05", "04 1F 80 80 80"}) {
         const Subscribe d = decode(packet(0x82, wire("00 07") + wire(block) + wire("00 01 'a' 01")), 5);
-        expect_success(d, 5, 7, 13, {warn(block[6] == '0' ? "SUBSCRIBE decode: unknown property type 0x1F, attr_len=0"
-                                                          : "SUBSCRIBE decode: unknown property type 0x1F, attr_len=-1")});
+        expect_success(d, 5, 7, 13,
+                       {warn(block[6] == '0' ? "SUBSCRIBE decode: unknown property type 0x1F, attr_len=0"
+                                             : "SUBSCRIBE decode: unknown property type 0x1F, attr_len=-1")});
         EXPECT_EQ(d.para.subscription_identifier, 0u);
         expect_filters(d, {{"a", 1}});
     }
@@ -423,8 +441,10 @@ TEST(subscribe_decode, refuses_a_block_with_nothing_behind_it)
     expect_refused(decode_v5("01 0B"), {warn("SUBSCRIBE decode: incomplete subscription identifier"), kNoFilters});
     expect_refused(decode_v5("02 0B 01"), {kNoFilters});
     expect_refused(decode_v5("7F 0B 01"), {kNoFilters}); // the block claims more than the packet has
-    expect_refused(decode_v5("7F 1F 01"), {warn("SUBSCRIBE decode: unknown property type 0x1F, attr_len=1"), kNoFilters});
-    expect_refused(decode_v5("7F 1F 00 0B 01"), {warn("SUBSCRIBE decode: unknown property type 0x1F, attr_len=0"), kNoFilters});
+    expect_refused(decode_v5("7F 1F 01"),
+                   {warn("SUBSCRIBE decode: unknown property type 0x1F, attr_len=1"), kNoFilters});
+    expect_refused(decode_v5("7F 1F 00 0B 01"),
+                   {warn("SUBSCRIBE decode: unknown property type 0x1F, attr_len=0"), kNoFilters});
     expect_refused(decode("82 03 00 07 00 | 00 01 'a' 01", 5), {kNoFilters}); // filters of the next packet do not count
 }
 
@@ -449,10 +469,12 @@ TEST(subscribe_decode, a_bad_filter_ends_the_list)
 TEST(subscribe_decode, a_cut_length_ends_the_list)
 {
     Subscribe d = decode("82 07 | 00 07 | 00 01 'a' 01 | 00");
-    expect_success(d, 4, 7, 8, {error("SUBSCRIBE decode: buffer too short for topic filter length (pos=8, payload_end=9)")});
+    expect_success(d, 4, 7, 8,
+                   {error("SUBSCRIBE decode: buffer too short for topic filter length (pos=8, payload_end=9)")});
     expect_filters(d, {{"a", 1}});
     d = decode("82 07 | 00 07 | 00 01 'a' 01 | 00 | 01 'b' 01"); // goes on behind the packet, but not for us
-    expect_success(d, 4, 7, 8, {error("SUBSCRIBE decode: buffer too short for topic filter length (pos=8, payload_end=9)")});
+    expect_success(d, 4, 7, 8,
+                   {error("SUBSCRIBE decode: buffer too short for topic filter length (pos=8, payload_end=9)")});
 }
 
 TEST(subscribe_decode, missing_options_end_the_list)
@@ -473,10 +495,12 @@ TEST(subscribe_decode, refuses_a_packet_without_a_good_filter)
     expect_refused(decode("82 05 00 07 00 01 'a'"),
                    {error("SUBSCRIBE decode: buffer too short for req qos (pos=7, payload_end=7)"), kNoFilters});
     // An identifier alone, with more input behind the packet.
-    expect_refused(decode("82 02 00 07 | C0 00"),
-                   {error("SUBSCRIBE decode: buffer too short for topic filter length (pos=4, payload_end=4)"), kNoFilters});
-    expect_refused(decode("82 02 00 07 | C0 00", 5),
-                   {error("SUBSCRIBE decode: buffer too short for topic filter length (pos=4, payload_end=4)"), kNoFilters});
+    expect_refused(
+        decode("82 02 00 07 | C0 00"),
+        {error("SUBSCRIBE decode: buffer too short for topic filter length (pos=4, payload_end=4)"), kNoFilters});
+    expect_refused(
+        decode("82 02 00 07 | C0 00", 5),
+        {error("SUBSCRIBE decode: buffer too short for topic filter length (pos=4, payload_end=4)"), kNoFilters});
     expect_refused(decode("82 82 80 00 00 07"), {kNoFilters}); // the packet is all of the input
 }
 
@@ -501,9 +525,10 @@ TEST(subscribe_decode, every_cut_of_a_packet_is_refused)
 TEST(subscribe_decode, reads_back_what_the_encoder_wrote)
 {
     for (const uint32_t version : {4u, 5u}) {
-        const mqtt_subscribe_para_t para = request(0xBEEF, {{"a", 0}, {"b/+/c", 1}, {"#", 2}, {std::string(256, 'f'), 1}});
-        const Encoded               e    = encode(para, version);
-        const Subscribe             d    = decode(Bytes(e.buffer.begin(), e.buffer.begin() + e.length), version);
+        const mqtt_subscribe_para_t para =
+            request(0xBEEF, {{"a", 0}, {"b/+/c", 1}, {"#", 2}, {std::string(256, 'f'), 1}});
+        const Encoded   e = encode(para, version);
+        const Subscribe d = decode(Bytes(e.buffer.begin(), e.buffer.begin() + e.length), version);
         expect_success(d, version, 0xBEEF, e.length);
         EXPECT_EQ(memcmp(&d.para, &para, sizeof para), 0);
     }

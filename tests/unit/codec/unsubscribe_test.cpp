@@ -50,7 +50,10 @@ Unsubscribe decode(const Bytes &bytes, uint32_t version = 4)
 {
     return decode_with(mqtt_codec_decode_unsubscribe, bytes, version);
 }
-Unsubscribe decode(const char *bytes, uint32_t version = 4) { return decode(wire(bytes), version); }
+Unsubscribe decode(const char *bytes, uint32_t version = 4)
+{
+    return decode(wire(bytes), version);
+}
 
 void expect_filters(const Unsubscribe &d, const std::vector<std::string> &filters)
 {
@@ -93,8 +96,8 @@ void expect_refused(const char *bytes, uint32_t version, int code, const std::st
 
 std::string topic_length(unsigned length, int offset_len, int end)
 {
-    return "UNSUBSCRIBE Topic长度非法：len=" + std::to_string(length) + " 最大允许=256 offset+len=" + std::to_string(offset_len) +
-           " rem_len_end=" + std::to_string(end);
+    return "UNSUBSCRIBE Topic长度非法：len=" + std::to_string(length) +
+           " 最大允许=256 offset+len=" + std::to_string(offset_len) + " rem_len_end=" + std::to_string(end);
 }
 
 } // namespace
@@ -129,9 +132,9 @@ TEST(unsubscribe_encode, refuses_missing_parameters)
     uint8_t                       buf[128];
     int                           len = 128;
     LogCapture                    log(0);
-    const auto line = [](const void *c, const void *p, const void *b, const void *l, int length) {
-        return Log{error("UNSUBSCRIBE encode: invalid param (ctx=" + pointer(c) + ", para=" + pointer(p) + ", buf=" + pointer(b) +
-                         ", buf_len=" + pointer(l) + ", len=" + std::to_string(length) + ")")};
+    const auto                    line = [](const void *c, const void *p, const void *b, const void *l, int length) {
+        return Log{error("UNSUBSCRIBE encode: invalid param (ctx=" + pointer(c) + ", para=" + pointer(p) +
+                                            ", buf=" + pointer(b) + ", buf_len=" + pointer(l) + ", len=" + std::to_string(length) + ")")};
     };
     EXPECT_EQ(mqtt_codec_encode_unsubscribe(nullptr, &para, buf, &len), -1);
     EXPECT_EQ(log.take(), line(nullptr, &para, buf, &len, 128));
@@ -153,7 +156,8 @@ TEST(unsubscribe_encode, judges_level_count_and_identifier_in_this_order)
 {
     mqtt_unsubscribe_para_t para = request(0, {});
     for (const uint32_t version : {0u, 3u, 6u})
-        expect_refused(encode(para, version), -2, {error("UNSUBSCRIBE encode: unsupported version " + std::to_string(version))});
+        expect_refused(encode(para, version), -2,
+                       {error("UNSUBSCRIBE encode: unsupported version " + std::to_string(version))});
     for (const int count : {0, -1, 17}) {
         para.filter_count = count;
         expect_refused(encode(para), -1, {error("UNSUBSCRIBE encode: invalid filter count " + std::to_string(count))});
@@ -200,9 +204,10 @@ TEST(unsubscribe_decode, level_4)
     expect_success(d, 4, 0x1234, 12);
     const mqtt_unsubscribe_para_t expected = request(0x1234, {"a/b", "#"});
     EXPECT_EQ(memcmp(&d.para, &expected, sizeof expected), 0);
-    EXPECT_EQ(d.all, (Log{debug("UNSUBSCRIBE解析消息ID：4660"), debug("UNSUBSCRIBE 3.1.1版本，无属性字段"),
-                          debug("UNSUBSCRIBE解析Topic[0]：a/b（长度=3）"), debug("UNSUBSCRIBE解析Topic[1]：#（长度=1）"),
-                          info("UNSUBSCRIBE解码完成：总解码字节=12 Topic数量=2 消息ID=4660 版本=3.1.1")}));
+    EXPECT_EQ(d.all,
+              (Log{debug("UNSUBSCRIBE解析消息ID：4660"), debug("UNSUBSCRIBE 3.1.1版本，无属性字段"),
+                   debug("UNSUBSCRIBE解析Topic[0]：a/b（长度=3）"), debug("UNSUBSCRIBE解析Topic[1]：#（长度=1）"),
+                   info("UNSUBSCRIBE解码完成：总解码字节=12 Topic数量=2 消息ID=4660 版本=3.1.1")}));
 }
 
 TEST(unsubscribe_decode, level_5)
@@ -236,7 +241,8 @@ TEST(unsubscribe_decode, a_17th_filter_is_ignored)
             body = body + prefixed(std::string(1, static_cast<char>('a' + i)));
         const Unsubscribe d     = decode(packet(0xA2, body));
         const int         taken = count < 16 ? count : 16;
-        expect_success(d, 4, 7, 4 + taken * 3, count > 16 ? Log{warn("UNSUBSCRIBE Topic数超过上限：当前=16 最大=16")} : Log{});
+        expect_success(d, 4, 7, 4 + taken * 3,
+                       count > 16 ? Log{warn("UNSUBSCRIBE Topic数超过上限：当前=16 最大=16")} : Log{});
         EXPECT_EQ(d.para.filter_count, taken);
     }
 }
@@ -252,9 +258,9 @@ TEST(unsubscribe_decode, refuses_missing_parameters)
     const uint8_t *buf   = bytes.data();
     int            len   = 7;
     LogCapture     log(0);
-    const auto line = [](const void *c, const void *b, int length, const void *p) {
-        return Log{error("UNSUBSCRIBE解码参数非法：ctx=" + pointer(c) + " buf=" + pointer(b) + " buf_len=" + std::to_string(length) +
-                         " para=" + pointer(p))};
+    const auto     line = [](const void *c, const void *b, int length, const void *p) {
+        return Log{error("UNSUBSCRIBE解码参数非法：ctx=" + pointer(c) + " buf=" + pointer(b) +
+                             " buf_len=" + std::to_string(length) + " para=" + pointer(p))};
     };
     EXPECT_EQ(mqtt_codec_decode_unsubscribe(nullptr, buf, &len, &para), -1);
     EXPECT_EQ(log.take(), line(nullptr, buf, 7, &para));
@@ -306,7 +312,8 @@ TEST(unsubscribe_decode, the_remaining_length_is_at_most_2048)
     };
     expect_success(decode(filled(wire("A2 FF 0F"), 2047)), 4, 7, 2050);
     expect_success(decode(filled(wire("A2 80 10"), 2048)), 4, 7, 2051);
-    expect_refused(decode(filled(wire("A2 81 10"), 2049)), 4, -3, "UNSUBSCRIBE剩余长度超限：rem_len=2049 最大允许=2048");
+    expect_refused(decode(filled(wire("A2 81 10"), 2049)), 4, -3,
+                   "UNSUBSCRIBE剩余长度超限：rem_len=2049 最大允许=2048");
     expect_refused("A2 FF 7F 00 07", 4, -3, "UNSUBSCRIBE剩余长度超限：rem_len=16383 最大允许=2048");
 }
 
@@ -342,7 +349,8 @@ TEST(unsubscribe_decode, refuses_identifier_0)
 TEST(unsubscribe_decode, properties_go_in_steps_of_two)
 {
     const Unsubscribe d = decode("A2 0C | 00 07 | 06 26 0B 0B 05 1F 09 | 00 01 'a'", 5);
-    expect_success(d, 5, 7, 14, {warn("MQTT 5.0不支持的UNSUBSCRIBE属性：0x26"), warn("MQTT 5.0不支持的UNSUBSCRIBE属性：0x1F")});
+    expect_success(d, 5, 7, 14,
+                   {warn("MQTT 5.0不支持的UNSUBSCRIBE属性：0x26"), warn("MQTT 5.0不支持的UNSUBSCRIBE属性：0x1F")});
     EXPECT_EQ(d.para.subscription_identifier, 5u);
     expect_filters(d, {"a"});
 }
@@ -435,7 +443,8 @@ TEST(unsubscribe_decode, a_bad_filter_fails_the_packet)
     expect_refused(d, 4, -4, topic_length(0, 9, 12));
     EXPECT_EQ(d.para.filter_count, 1) << "read before";
     expect_refused("A2 08 | 00 07 | 00 01 'a' | 00 02 'b'", 4, -4, topic_length(2, 11, 10));
-    expect_refused("A2 08 | 00 07 | 00 01 'a' | 00 02 'b' | 'c'", 4, -4, topic_length(2, 11, 10)); // not from the next packet
+    expect_refused("A2 08 | 00 07 | 00 01 'a' | 00 02 'b' | 'c'", 4, -4,
+                   topic_length(2, 11, 10)); // not from the next packet
 }
 
 TEST(unsubscribe_decode, filters_have_at_most_256_characters)
@@ -443,13 +452,15 @@ TEST(unsubscribe_decode, filters_have_at_most_256_characters)
     const Unsubscribe d = decode(packet(0xA2, wire("00 07") + prefixed(std::string(256, 'f'))));
     expect_success(d, 4, 7, 3 + 2 + 2 + 256);
     expect_filters(d, {std::string(256, 'f')});
-    expect_refused(decode(packet(0xA2, wire("00 07") + prefixed(std::string(257, 'f')))), 4, -4, topic_length(257, 7 + 257, 264));
+    expect_refused(decode(packet(0xA2, wire("00 07") + prefixed(std::string(257, 'f')))), 4, -4,
+                   topic_length(257, 7 + 257, 264));
 }
 
 TEST(unsubscribe_decode, refuses_a_cut_filter_length)
 {
     expect_refused("A2 06 | 00 07 | 00 01 'a' | 00", 4, -4, "UNSUBSCRIBE Topic长度字段越界：offset=7 rem_len_end=8");
-    expect_refused("A2 06 | 00 07 | 00 01 'a' | 00 | 01", 4, -4, "UNSUBSCRIBE Topic长度字段越界：offset=7 rem_len_end=8");
+    expect_refused("A2 06 | 00 07 | 00 01 'a' | 00 | 01", 4, -4,
+                   "UNSUBSCRIBE Topic长度字段越界：offset=7 rem_len_end=8");
 }
 
 TEST(unsubscribe_decode, every_cut_of_a_packet)

@@ -28,7 +28,8 @@ TEST(acknowledge, puback_of_an_older_identifier_warns_and_still_completes_the_en
     qos_reliable_add_packet(client, 7, 1, "t", "x", 1);
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends("40 02 00 07"), 0);
-    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：收到PUBACK确认：ClientID=dev1, MsgID=7"), info("[QoS] QoS1 PUBACK 完成: msg_id=7"),
+    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：收到PUBACK确认：ClientID=dev1, MsgID=7"),
+                                        info("[QoS] QoS1 PUBACK 完成: msg_id=7"),
                                         warn("MQTT标准：收到无效PUBACK：ClientID=dev1, MsgID=7（无对应待确认消息）")));
     EXPECT_EQ(client->qos1_pending_msg_id, 8);
     EXPECT_EQ(pending_count(), 0);
@@ -40,8 +41,8 @@ TEST(acknowledge, pubrec_is_answered_with_pubrel)
     Client     client(broker, 4, "dev1");
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends("50 02 12 34"), 0);
-    EXPECT_THAT(handler_lines(log),
-                ElementsAre(info("收到PUBREC：ClientID=dev1, MsgID=4660"), info("发送PUBREL成功：ClientID=dev1, MsgID=4660")));
+    EXPECT_THAT(handler_lines(log), ElementsAre(info("收到PUBREC：ClientID=dev1, MsgID=4660"),
+                                                info("发送PUBREL成功：ClientID=dev1, MsgID=4660")));
     EXPECT_THAT(client.gets(), ElementsAre(wire("62 02 12 34")));
 }
 
@@ -63,8 +64,8 @@ TEST(acknowledge, pubrel_is_answered_with_pubcomp_whatever_is_pending)
     client->qos2_pending_msg_id = 9;
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends("62 03 00 07 00"), 0);
-    EXPECT_THAT(handler_lines(log),
-                ElementsAre(info("收到PUBREL：ClientID=dev1, MsgID=7"), info("发送PUBCOMP成功：ClientID=dev1, MsgID=7")));
+    EXPECT_THAT(handler_lines(log), ElementsAre(info("收到PUBREL：ClientID=dev1, MsgID=7"),
+                                                info("发送PUBCOMP成功：ClientID=dev1, MsgID=7")));
     EXPECT_THAT(client.gets(), ElementsAre(wire("70 03 00 07 00")));
     EXPECT_EQ(client->qos2_pending_msg_id, 0);
 }
@@ -125,7 +126,7 @@ TEST(acknowledge, an_answer_that_cannot_be_queued_counts_as_sent)
     client->state               = CLIENT_CLOSED;
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends("62 02 00 07"), 0);
-    EXPECT_THAT(handler_lines(log),
-                ElementsAre(info("收到PUBREL：ClientID=dev1, MsgID=7"), info("发送PUBCOMP成功：ClientID=dev1, MsgID=7")));
+    EXPECT_THAT(handler_lines(log), ElementsAre(info("收到PUBREL：ClientID=dev1, MsgID=7"),
+                                                info("发送PUBCOMP成功：ClientID=dev1, MsgID=7")));
     EXPECT_EQ(client->qos2_pending_msg_id, 0);
 }

@@ -32,7 +32,8 @@ TEST(broadcast, below_four_bytes_the_arguments_are_refused)
     const Bytes three = wire("30 01 00");
     broadcast(three);
     char expected[100];
-    snprintf(expected, sizeof expected, "[遗嘱调试][广播失败] 参数无效：buf=%p, len=3（需≥4）", static_cast<const void *>(three.data()));
+    snprintf(expected, sizeof expected, "[遗嘱调试][广播失败] 参数无效：buf=%p, len=3（需≥4）",
+             static_cast<const void *>(three.data()));
     EXPECT_THAT(log.take(), ElementsAre(error(expected)));
 }
 
@@ -42,8 +43,10 @@ TEST(broadcast, a_topic_past_the_end_is_refused)
     LogCapture log(AGENT_LOG_INFO);
     broadcast(wire("30 02 00 01"));
     broadcast(wire("30 03 00 02 't'"));
-    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] Topic越界：topic_len=1, msg_len=4, 2+2+topic_len=5 > msg_len"),
-                                        error("[遗嘱调试][广播失败] Topic越界：topic_len=2, msg_len=5, 2+2+topic_len=6 > msg_len")));
+    EXPECT_THAT(
+        log.take(),
+        ElementsAre(error("[遗嘱调试][广播失败] Topic越界：topic_len=1, msg_len=4, 2+2+topic_len=5 > msg_len"),
+                    error("[遗嘱调试][广播失败] Topic越界：topic_len=2, msg_len=5, 2+2+topic_len=6 > msg_len")));
     broadcast(wire("30 02 00 00"));
     EXPECT_EQ(log.take()[0], info("[遗嘱调试][广播开始] Topic=, 原始QoS=0, 消息长度=4, 开始匹配订阅者（上限=11000）"));
 }
@@ -59,7 +62,7 @@ TEST(broadcast, line_by_line)
     sub_add_with_id("", "w/t", 1, 0, 5);
     sub_add("a", "$share/g/w/t", 1, 0);
     sub_add("b", "$share/g/w/t", 1, 0);
-    away->state          = CLIENT_WILL_PENDING;
+    away->state = CLIENT_WILL_PENDING;
     uint16_t       ids[2];
     const uint32_t seed = msgid_seed;
     for (uint16_t &id : ids)
@@ -67,30 +70,31 @@ TEST(broadcast, line_by_line)
     msgid_seed = seed;
     LogCapture log;
     broadcast(wire("33 09 | 00 03 'w/t' | 00 07 | 'bye'"));
-    EXPECT_THAT(will_lines(log),
-                ElementsAre(info("[遗嘱调试][广播开始] Topic=w/t, 原始QoS=1, 消息长度=12, 开始匹配订阅者（上限=11000）"),
-                            info("[遗嘱调试][订阅匹配] Topic=w/t 匹配到 7 个订阅者（上限=11000）"),
-                            debug("[遗嘱调试][订阅者列表] 匹配到的7个订阅者："),
-                            debug("[遗嘱调试][订阅者1] ClientID=a, TopicFilter=w/#, 订阅QoS=0"),
-                            debug("[遗嘱调试][订阅者2] ClientID=b, TopicFilter=w/t, 订阅QoS=2"),
-                            debug("[遗嘱调试][订阅者3] ClientID=gone, TopicFilter=w/t, 订阅QoS=1"),
-                            debug("[遗嘱调试][订阅者4] ClientID=away, TopicFilter=w/t, 订阅QoS=1"),
-                            debug("[遗嘱调试][订阅者5] ClientID=, TopicFilter=w/t, 订阅QoS=1"),
-                            debug("[遗嘱调试][订阅者6] ClientID=a, TopicFilter=$share/g/w/t, 订阅QoS=1"),
-                            debug("[遗嘱调试][订阅者7] ClientID=b, TopicFilter=$share/g/w/t, 订阅QoS=1"),
-                            debug("[遗嘱调试][QoS降级] 订阅者1：原始QoS=1 → 订阅QoS=0 → 最终投递QoS=0"),
-                            info("[遗嘱调试][广播成功] 订阅者1：To=a, Topic=w/t,最终投递QoS=0（已降级）"),
-                            debug("[遗嘱调试][QoS降级] 订阅者2：原始QoS=1 → 订阅QoS=2 → 最终投递QoS=1"),
-                            info("[遗嘱调试][广播成功] 订阅者2：To=b, Topic=w/t,最终投递QoS=1（已降级）"),
-                            warn("[遗嘱调试][广播失败] 订阅者3：ClientID=gone 不存在"),
-                            warn("[遗嘱调试][跳过] 客户端已离线，不发送遗嘱：away"),
-                            warn("[遗嘱调试][广播跳过] 订阅者5：ClientID为空"),
-                            debug("[遗嘱调试][QoS降级] 订阅者6：原始QoS=1 → 订阅QoS=1 → 最终投递QoS=1"),
-                            info("[遗嘱调试][广播成功] 订阅者6：To=a, Topic=w/t,最终投递QoS=1（已降级）"),
-                            debug("[共享订阅] 订阅者7 同组已负载均衡，跳过发送"),
-                            info("[遗嘱调试][广播完成] Topic=w/t, 总计匹配7个订阅者，成功发送3个，失败4个")));
-    EXPECT_THAT(a.gets(), ElementsAre(wire("31 08 00 03 'w/t' 'bye'"),
-                                      wire("33 0A 00 03 'w/t'") + u16(ids[1]) + text("bye")));
+    EXPECT_THAT(
+        will_lines(log),
+        ElementsAre(info("[遗嘱调试][广播开始] Topic=w/t, 原始QoS=1, 消息长度=12, 开始匹配订阅者（上限=11000）"),
+                    info("[遗嘱调试][订阅匹配] Topic=w/t 匹配到 7 个订阅者（上限=11000）"),
+                    debug("[遗嘱调试][订阅者列表] 匹配到的7个订阅者："),
+                    debug("[遗嘱调试][订阅者1] ClientID=a, TopicFilter=w/#, 订阅QoS=0"),
+                    debug("[遗嘱调试][订阅者2] ClientID=b, TopicFilter=w/t, 订阅QoS=2"),
+                    debug("[遗嘱调试][订阅者3] ClientID=gone, TopicFilter=w/t, 订阅QoS=1"),
+                    debug("[遗嘱调试][订阅者4] ClientID=away, TopicFilter=w/t, 订阅QoS=1"),
+                    debug("[遗嘱调试][订阅者5] ClientID=, TopicFilter=w/t, 订阅QoS=1"),
+                    debug("[遗嘱调试][订阅者6] ClientID=a, TopicFilter=$share/g/w/t, 订阅QoS=1"),
+                    debug("[遗嘱调试][订阅者7] ClientID=b, TopicFilter=$share/g/w/t, 订阅QoS=1"),
+                    debug("[遗嘱调试][QoS降级] 订阅者1：原始QoS=1 → 订阅QoS=0 → 最终投递QoS=0"),
+                    info("[遗嘱调试][广播成功] 订阅者1：To=a, Topic=w/t,最终投递QoS=0（已降级）"),
+                    debug("[遗嘱调试][QoS降级] 订阅者2：原始QoS=1 → 订阅QoS=2 → 最终投递QoS=1"),
+                    info("[遗嘱调试][广播成功] 订阅者2：To=b, Topic=w/t,最终投递QoS=1（已降级）"),
+                    warn("[遗嘱调试][广播失败] 订阅者3：ClientID=gone 不存在"),
+                    warn("[遗嘱调试][跳过] 客户端已离线，不发送遗嘱：away"),
+                    warn("[遗嘱调试][广播跳过] 订阅者5：ClientID为空"),
+                    debug("[遗嘱调试][QoS降级] 订阅者6：原始QoS=1 → 订阅QoS=1 → 最终投递QoS=1"),
+                    info("[遗嘱调试][广播成功] 订阅者6：To=a, Topic=w/t,最终投递QoS=1（已降级）"),
+                    debug("[共享订阅] 订阅者7 同组已负载均衡，跳过发送"),
+                    info("[遗嘱调试][广播完成] Topic=w/t, 总计匹配7个订阅者，成功发送3个，失败4个")));
+    EXPECT_THAT(a.gets(),
+                ElementsAre(wire("31 08 00 03 'w/t' 'bye'"), wire("33 0A 00 03 'w/t'") + u16(ids[1]) + text("bye")));
     EXPECT_THAT(b.gets(), ElementsAre(wire("33 0A 00 03 'w/t'") + u16(ids[0]) + text("bye")));
     EXPECT_EQ(a->qos1_pending_msg_id, ids[1]);
     EXPECT_EQ(g_sub_mgr.retain_count, 0); // whatever the flag says
@@ -125,7 +129,8 @@ TEST(broadcast, of_anything_else_says_more_about_who_is_away)
     away->state = CLIENT_WILL_PENDING;
     LogCapture log(AGENT_LOG_WARN);
     broadcast(wire("30 04 00 01 't' 'x'"), false);
-    EXPECT_THAT(log.take(), ElementsAre(warn("[遗嘱调试][广播失败] 订阅者1：ClientID=away 状态无效（3），需为LOGINED/CONNECTED")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(warn("[遗嘱调试][广播失败] 订阅者1：ClientID=away 状态无效（3），需为LOGINED/CONNECTED")));
 }
 
 TEST(broadcast, the_receivers_version_decides_where_the_payload_begins)
@@ -149,13 +154,16 @@ TEST(broadcast, a_payload_past_the_end_skips_that_receiver)
     sub_add("old", "t", 0, 1);
     LogCapture log(AGENT_LOG_ERROR);
     broadcast(wire("30 04 00 01 't' 'x'")); // 'x' is a property length of 120
-    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] 订阅者1：Payload解析失败（start=126, len=-120, msg_len=6）")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(error("[遗嘱调试][广播失败] 订阅者1：Payload解析失败（start=126, len=-120, msg_len=6）")));
     EXPECT_THAT(old.gets(), ElementsAre(wire("30 04 00 01 't' 'x'")));
     broadcast(wire("30 03 00 01 't'"));
-    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] 订阅者1：Payload解析失败（start=5, len=0, msg_len=5）"),
-                                        error("[遗嘱调试][广播失败] 订阅者2：Payload解析失败（start=5, len=0, msg_len=5）")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(error("[遗嘱调试][广播失败] 订阅者1：Payload解析失败（start=5, len=0, msg_len=5）"),
+                            error("[遗嘱调试][广播失败] 订阅者2：Payload解析失败（start=5, len=0, msg_len=5）")));
     broadcast(wire("30 04 00 01 't' 00")); // an empty block and nothing behind it
-    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] 订阅者1：Payload解析失败（start=6, len=0, msg_len=6）")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(error("[遗嘱调试][广播失败] 订阅者1：Payload解析失败（start=6, len=0, msg_len=6）")));
     EXPECT_THAT(young.gets(), IsEmpty());
 }
 
@@ -166,7 +174,9 @@ TEST(broadcast, a_two_byte_remaining_length_is_misread)
     sub_add("r", "#", 0, 1);
     LogCapture log(AGENT_LOG_ERROR);
     broadcast(packet(0x30, prefixed("t") + repeat('x', 200)));
-    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] Topic越界：topic_len=256, msg_len=206, 2+2+topic_len=260 > msg_len")));
+    EXPECT_THAT(
+        log.take(),
+        ElementsAre(error("[遗嘱调试][广播失败] Topic越界：topic_len=256, msg_len=206, 2+2+topic_len=260 > msg_len")));
     EXPECT_THAT(client.gets(), IsEmpty());
 }
 

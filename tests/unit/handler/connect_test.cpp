@@ -17,11 +17,11 @@ TEST(connect, v4_clean_session_line_by_line)
     Client     client(broker);
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends(connect_v4("dev1")), 0);
-    EXPECT_THAT(log.take(), ElementsAre(info("[MQTT3] Maximum Packet Size not supported, use default=4096, client=dev1"),
-                                        info("MQTT标准：移除订阅：ClientID=dev1, Topic=所有, 移除数量=0"),
-                                        info("[会话] CleanSession=1 → 清除历史数据 + 内存订阅"),
-                                        info("[WILL-MQTT5] client=dev1 取消遗嘱延迟"),
-                                        info("CONNACK -> dev1 (SessionPresent=0)")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(info("[MQTT3] Maximum Packet Size not supported, use default=4096, client=dev1"),
+                            info("MQTT标准：移除订阅：ClientID=dev1, Topic=所有, 移除数量=0"),
+                            info("[会话] CleanSession=1 → 清除历史数据 + 内存订阅"),
+                            info("[WILL-MQTT5] client=dev1 取消遗嘱延迟"), info("CONNACK -> dev1 (SessionPresent=0)")));
     EXPECT_THAT(client.gets(), ElementsAre(wire("20 02 00 00")));
     EXPECT_EQ(client->state, CLIENT_LOGINED);
     EXPECT_STREQ(client->client_id, "dev1");
@@ -40,12 +40,13 @@ TEST(connect, v5_new_session_line_by_line)
     Client     client(broker);
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends(connect_v5("dev5", wire("11 00 00 0E 10 | 27 00 00 02 00"), 0x00)), 0);
-    EXPECT_THAT(log.take(), ElementsAre(info("[MQTT5] Session Expiry Interval negotiated: client=dev5, value=3600 (0x11)"),
-                                        info("[MQTT5] Maximum Packet Size negotiated: client=dev5, value=512 (valid)"),
-                                        info("[会话] CleanSession=0，但无历史数据，新建会话: dev5"),
-                                        info("[WILL-MQTT5] client=dev5 取消遗嘱延迟"),
-                                        info("[MQTT5] CONNACK properties: max_packet_size=512, session_expiry_interval=3600"),
-                                        info("CONNACK -> dev5 (SessionPresent=0)")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(info("[MQTT5] Session Expiry Interval negotiated: client=dev5, value=3600 (0x11)"),
+                            info("[MQTT5] Maximum Packet Size negotiated: client=dev5, value=512 (valid)"),
+                            info("[会话] CleanSession=0，但无历史数据，新建会话: dev5"),
+                            info("[WILL-MQTT5] client=dev5 取消遗嘱延迟"),
+                            info("[MQTT5] CONNACK properties: max_packet_size=512, session_expiry_interval=3600"),
+                            info("CONNACK -> dev5 (SessionPresent=0)")));
     EXPECT_THAT(client.gets(), ElementsAre(wire("20 0B | 00 00 | 08 21 00 00 27 00 00 02 00")));
     EXPECT_EQ(client->session_expiry_interval, 3600u);
     EXPECT_EQ(client->max_packet_size, 512u);
@@ -69,7 +70,8 @@ TEST(connect, an_absent_maximum_packet_size_becomes_256)
     Client     client(broker);
     LogCapture log(AGENT_LOG_WARN);
     EXPECT_EQ(client.sends(connect_v5("dev5", {})), 0);
-    EXPECT_THAT(log.take(), ElementsAre(warn("[MQTT5] Maximum Packet Size too small(0), force set to 256, client=dev5")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(warn("[MQTT5] Maximum Packet Size too small(0), force set to 256, client=dev5")));
     EXPECT_THAT(client.gets(), ElementsAre(wire("20 0B 00 00 08 21 00 00 27 00 00 01 00")));
     EXPECT_EQ(client.sends(packet(0xF0, repeat(0, 253))), 0);
     EXPECT_EQ(client.sends(packet(0xF0, repeat(0, 254))), -1);
@@ -78,8 +80,8 @@ TEST(connect, an_absent_maximum_packet_size_becomes_256)
 
 TEST(connect, the_packet_size_floor_is_256)
 {
-    Handling broker;
-    Client   client(broker);
+    Handling   broker;
+    Client     client(broker);
     LogCapture log;
     client.sends(connect_v5("dev5", wire("27 00 00 00 FF")));
     EXPECT_EQ(client->max_packet_size, 256u);
@@ -160,7 +162,7 @@ TEST(connect, of_a_client_that_was_closed_meanwhile_ends_without_an_answer)
     broker.host.hear_events();
     for (const uint32_t state : {CLIENT_WILL_PENDING, CLIENT_CLOSED}) {
         Client client(broker);
-        client->state           = state;
+        client->state = state;
         EXPECT_EQ(client.sends(connect_v4("dev1")), -1);
         EXPECT_EQ(client->state, state);
         EXPECT_THAT(client.gets(), IsEmpty());
@@ -175,7 +177,8 @@ TEST(connect, the_host_is_asked_for_id_name_and_password)
     Handling broker;
     broker.host.ask_auth();
     Client client(broker);
-    EXPECT_EQ(client.sends(packet(0x10, wire("00 04 'MQTT' 04 C2 00 3C | 00 04 'dev1' | 00 03 'bob' | 00 02 'pw'"))), 0);
+    EXPECT_EQ(client.sends(packet(0x10, wire("00 04 'MQTT' 04 C2 00 3C | 00 04 'dev1' | 00 03 'bob' | 00 02 'pw'"))),
+              0);
     EXPECT_THAT(broker.host.take(), ElementsAre("auth dev1 bob pw"));
 }
 
@@ -228,7 +231,7 @@ TEST(connect, a_connack_that_does_not_encode_is_left_out_and_the_rest_goes_on)
     Handling broker;
     broker.host.hear_events();
     store("message", "dev1", R"({"msgs":[{"msgid":9,"qos":1,"topic":"a","payload":"31"}]})");
-    Client client(broker);
+    Client                client(broker);
     static mqtt_client_t *asking;
     asking                     = client;
     broker.host.broker.auth_cb = [](broker_t *, const char *, const char *, const char *) {
@@ -245,8 +248,8 @@ TEST(connect, a_connack_that_does_not_encode_is_left_out_and_the_rest_goes_on)
 
 TEST(connect, a_refusal_that_does_not_encode_sends_the_empty_buffer)
 {
-    Handling broker;
-    Client   client(broker);
+    Handling              broker;
+    Client                client(broker);
     static mqtt_client_t *asking;
     asking                     = client;
     broker.host.broker.auth_cb = [](broker_t *, const char *, const char *, const char *) {
@@ -321,7 +324,9 @@ TEST(connect, a_will_is_stored_and_mirrored_line_by_line)
     LogCapture log;
     EXPECT_EQ(client.sends(connect_with_will(4, 0x2C, text("gone"))), 0); // QoS 1, retain, session kept
     std::vector<LogLine> lines = handler_lines(log);
-    std::erase_if(lines, [](const LogLine &line) { return line.text.find("WILL-CONNECT") == std::string::npos && line.text.rfind("67 ", 0) != 0; });
+    std::erase_if(lines, [](const LogLine &line) {
+        return line.text.find("WILL-CONNECT") == std::string::npos && line.text.rfind("67 ", 0) != 0;
+    });
     EXPECT_THAT(lines, ElementsAre(info("[WILL-CONNECT] Client=dev1 set will:"),
                                    info("[WILL-CONNECT] Topic: w/t, QoS: 1, Retain: 1, PayloadLen: 4"),
                                    debug("[WILL-CONNECT] Payload"), debug("67 6F 6E 65 ")));
@@ -377,7 +382,9 @@ TEST(connect, the_session_holds_255_characters_of_the_will_topic)
     Handling          broker;
     Client            client(broker);
     const std::string topic(256, 't');
-    EXPECT_EQ(client.sends(packet(0x10, wire("00 04 'MQTT' 04 06 00 3C | 00 04 'dev1'") + prefixed(topic) + wire("00 00"))), 0);
+    EXPECT_EQ(
+        client.sends(packet(0x10, wire("00 04 'MQTT' 04 06 00 3C | 00 04 'dev1'") + prefixed(topic) + wire("00 00"))),
+        0);
     EXPECT_EQ(client->session.will_topic, topic.substr(0, 255));
     EXPECT_EQ(client->will_topic, topic);
 }
@@ -450,7 +457,8 @@ TEST(connect, what_was_loaded_is_wiped_by_the_next_connect)
 TEST(connect, a_saved_session_is_restored_line_by_line)
 {
     Handling broker;
-    store("subscription", "dev1", R"({"subs":[{"topic":"a/+","qos":1},{"topic":"bad/#/x","qos":0},{"topic":"b","qos":2}]})");
+    store("subscription", "dev1",
+          R"({"subs":[{"topic":"a/+","qos":1},{"topic":"bad/#/x","qos":0},{"topic":"b","qos":2}]})");
     store("message", "dev1", R"({"msgs":[{"msgid":9,"qos":1,"topic":"b","payload":"6869"}]})");
     Client     client(broker);
     LogCapture log(AGENT_LOG_INFO);
@@ -489,7 +497,7 @@ TEST(connect, the_host_hears_of_it_when_everything_is_done)
     store("subscription", "dev1", R"({"subs":[{"topic":"r","qos":0}]})");
     store("message", "dev1", R"({"msgs":[{"msgid":9,"qos":1,"topic":"b","payload":"6869"}]})");
     retain_msg_set("r", reinterpret_cast<const uint8_t *>("r"), 1, 0);
-    Client client(broker);
+    Client                client(broker);
     static mqtt_client_t *connected;
     static int            heard;
     connected                   = client;

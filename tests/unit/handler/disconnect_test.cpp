@@ -26,7 +26,8 @@ TEST(disconnect, v4_clean_session_line_by_line)
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends("E0 00"), 0);
     EXPECT_THAT(log.take(),
-                ElementsAre(info("MQTT标准：客户端主动断开连接：ClientID=dev1"), info("[WILL-MQTT5] client=dev1 取消遗嘱延迟"),
+                ElementsAre(info("MQTT标准：客户端主动断开连接：ClientID=dev1"),
+                            info("[WILL-MQTT5] client=dev1 取消遗嘱延迟"),
                             info("持久化：客户端数据已清除 ClientID=dev1"), warn("[QoS_CLEAN] 清理客户端: dev1"),
                             info("[QoS] 清理客户端报文完成(client=dev1)：共清理0条"),
                             info("MQTT标准：移除订阅：ClientID=dev1, Topic=所有, 移除数量=1"),
@@ -47,7 +48,9 @@ TEST(disconnect, v4_kept_session_line_by_line)
     LogCapture log;
     EXPECT_EQ(client.sends("E0 00"), 0);
     std::vector<LogLine> lines = handler_lines(log);
-    std::erase_if(lines, [](const LogLine &line) { return line.text.rfind("DISCONNECT decode", 0) == 0 || line.text.rfind("[遗嘱调试]", 0) == 0; });
+    std::erase_if(lines, [](const LogLine &line) {
+        return line.text.rfind("DISCONNECT decode", 0) == 0 || line.text.rfind("[遗嘱调试]", 0) == 0;
+    });
     EXPECT_THAT(lines, ElementsAre(debug("收到MQTT报文：ClientID=dev1, 类型=14, 长度=2"),
                                    info("MQTT标准：客户端主动断开连接：ClientID=dev1"),
                                    info("[WILL-MQTT5] client=dev1 取消遗嘱延迟"),
@@ -196,9 +199,9 @@ TEST(disconnect, the_host_hears_of_it_before_the_session_is_settled)
     Client   client(broker, 5, "dev1");
     give_will(client);
     static mqtt_client_t *seen;
-    seen                       = client;
+    seen                            = client;
     client->session_expiry_interval = 60;
-    broker.host.broker.event_cb = [](broker_t *, uint32_t kind, const char *) {
+    broker.host.broker.event_cb     = [](broker_t *, uint32_t kind, const char *) {
         EXPECT_EQ(kind, 1u);
         EXPECT_EQ(seen->disconnect_received, 1);
         EXPECT_EQ(seen->will_msg_used, 1);
@@ -252,8 +255,9 @@ TEST(remove_client_subs, an_id_without_a_record_has_subscriptions_only)
     sub_add("gone", "a", 0, 1);
     log.take();
     packet_handler_remove_client_subs("gone", 1);
-    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：移除订阅：ClientID=gone, Topic=所有, 移除数量=1"),
-                                        info("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=gone, 数量=1")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(info("MQTT标准：移除订阅：ClientID=gone, Topic=所有, 移除数量=1"),
+                            info("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=gone, 数量=1")));
 }
 
 TEST(remove_client_subs, the_id_may_stand_in_the_table_itself)
@@ -297,9 +301,9 @@ TEST(send_disconnect, at_no_known_level_sends_the_whole_empty_buffer)
 
 TEST(send_disconnect, the_packet_has_left_when_it_returns)
 {
-    Handling broker;
-    Client   client(broker, 5, "dev1");
-    Socket   socket(client);
+    Handling       broker;
+    Client         client(broker, 5, "dev1");
+    Socket         socket(client);
     const uint64_t before = mono_ms();
     packet_handler_send_disconnect(client, 0x98);
     EXPECT_GE(mono_ms() - before, 10u);

@@ -14,7 +14,8 @@ TEST(dispatch, bad_arguments_are_counted_and_refused)
     EXPECT_EQ(packet_dispatch(client, nullptr, 2), -1);
     EXPECT_EQ(packet_dispatch(client, ping.data(), 0), -1);
     EXPECT_EQ(packet_dispatch(client, ping.data(), 0x80000000), -1);
-    EXPECT_THAT(log.take(), ElementsAre(error("无效报文参数"), error("无效报文参数"), error("无效报文参数"), error("无效报文参数")));
+    EXPECT_THAT(log.take(), ElementsAre(error("无效报文参数"), error("无效报文参数"), error("无效报文参数"),
+                                        error("无效报文参数")));
     EXPECT_EQ(g_mqtt_stats.pkt_rx, 4u);
     EXPECT_THAT(client.gets(), IsEmpty());
 }
@@ -125,8 +126,8 @@ TEST(dispatch, a_packet_that_does_not_decode_is_counted_and_not_answered)
     Client   client(broker, 4, "dev1");
     for (const Case &each : cases) {
         SCOPED_TRACE(each.packet);
-        client->codec.version     = each.version;
-        g_mqtt_stats.parse_error  = 0;
+        client->codec.version    = each.version;
+        g_mqtt_stats.parse_error = 0;
         LogCapture log(AGENT_LOG_ERROR);
         EXPECT_EQ(client.sends(each.packet), -1);
         EXPECT_EQ(log.take().back(), error(each.line));

@@ -138,9 +138,12 @@ public:
     }
     mqtt_client_t *operator->() { return record_.get(); }
     mqtt_client_t &operator*() { return *record_; }
-    operator mqtt_client_t *() const { return record_.get(); }
+                   operator mqtt_client_t *() const { return record_.get(); }
 
-    int sends(const Bytes &packet) { return packet_dispatch(record_.get(), packet.data(), static_cast<uint32_t>(packet.size())); }
+    int sends(const Bytes &packet)
+    {
+        return packet_dispatch(record_.get(), packet.data(), static_cast<uint32_t>(packet.size()));
+    }
     int sends(std::string_view text) { return sends(wire(text)); }
 
     // What the broker queued for it so far, taken out.
@@ -175,7 +178,7 @@ public:
         end_               = pair[1];
     }
     ~Socket() { close(end_); }
-    Socket(const Socket &) = delete;
+    Socket(const Socket &)            = delete;
     Socket &operator=(const Socket &) = delete;
 
     // What has arrived so far, in one piece.
@@ -224,7 +227,7 @@ inline int pending_count()
 // The identifier that the next delivery will have, without drawing it.
 inline uint16_t next_id()
 {
-    unsigned seed  = msgid_seed;
+    unsigned       seed   = msgid_seed;
     const unsigned first  = static_cast<unsigned>(rand_r(&seed)) % 65533 + 1;
     const unsigned second = static_cast<unsigned>(rand_r(&seed)) % 65533 + 1;
     return static_cast<uint16_t>((second >> 8 & 0xFF) * 256 + (first & 0xFF));
@@ -236,17 +239,23 @@ inline uint32_t seed_after(int draws, unsigned seed = msgid_seed)
         (void)rand_r(&seed);
     return seed;
 }
-inline Bytes id_bytes(unsigned id) { return u16(id); }
+inline Bytes id_bytes(unsigned id)
+{
+    return u16(id);
+}
 
 // Lines but those with which the codec, the tables and the stores accompany what the handlers do.
 inline std::vector<LogLine> handler_lines(LogCapture &log)
 {
     std::vector<LogLine> lines = log.take();
     std::erase_if(lines, [](const LogLine &line) {
-        for (const char *foreign : {"var_header[", "  var_header[", "payload_buf[", "ack_buf[", "【QoS溯源5】", "【QoS溯源6】",
-                                    "【QoS溯源7】", "【QoS溯源3】MQTT 5.0 SUBACK", "[PUBLISH ENCODE]", "[TRACE]", "[DEBUG]",
-                                    "PUBLISH decode", "ACK encode", "ACK decode", "CONNACK encode", "========== ",
-                                    "Property ", "[persist]", "[QoS", "Set client ID", "client_set_keepalive"})
+        for (const char *foreign :
+             {"var_header[",         "  var_header[", "payload_buf[",   "ack_buf[",
+              "【QoS溯源5】",        "【QoS溯源6】",  "【QoS溯源7】",   "【QoS溯源3】MQTT 5.0 SUBACK",
+              "[PUBLISH ENCODE]",    "[TRACE]",       "[DEBUG]",        "PUBLISH decode",
+              "ACK encode",          "ACK decode",    "CONNACK encode", "========== ",
+              "Property ",           "[persist]",     "[QoS",           "Set client ID",
+              "client_set_keepalive"})
             if (line.text.rfind(foreign, 0) == 0)
                 return true;
         return false;

@@ -210,7 +210,8 @@ TEST(host_publish, is_tracked_when_only_the_buffer_was_too_small)
 
     LogCapture log(AGENT_LOG_ERROR);
     EXPECT_EQ(publish(std::string(61, 't').c_str(), std::string(2048, 'p'), 1), 0);
-    EXPECT_EQ(log.take()[0], error("[PUBLISH ENCODE] Step 4.4 ERROR: Payload buffer overflow (need=2113, have=2112)\n"));
+    EXPECT_EQ(log.take()[0],
+              error("[PUBLISH ENCODE] Step 4.4 ERROR: Payload buffer overflow (need=2113, have=2112)\n"));
     EXPECT_EQ(pending_count(), 0);
 }
 
@@ -247,10 +248,10 @@ TEST(host_publish, absent_receivers_get_qos_1_and_2_stored)
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(publish("t", "x", 2), 0);
     EXPECT_THAT(handler_lines(log), ElementsAre(info("MQTT标准：Topic=t 匹配到 2 个订阅者"),
-                                        info("[STANDARD] APP发布离线消息已存储: gone, Topic=t")));
+                                                info("[STANDARD] APP发布离线消息已存储: gone, Topic=t")));
     EXPECT_EQ(publish("t", "x", 0), 0);
     EXPECT_THAT(handler_lines(log), ElementsAre(info("MQTT标准：Topic=t 匹配到 2 个订阅者"),
-                                        info("[MQTT标准] QoS=0 离线消息不存储：ClientID=gone, Topic=t")));
+                                                info("[MQTT标准] QoS=0 离线消息不存储：ClientID=gone, Topic=t")));
     EXPECT_EQ(g_mqtt_stats.offline_msg, 0u);
 }
 

@@ -17,11 +17,11 @@ TEST(offline, who_gets_nothing)
     packet_handler_restore_offline_msgs(clean);
     packet_handler_restore_offline_msgs(away);
     packet_handler_restore_offline_msgs(fresh);
-    EXPECT_THAT(handler_lines(log),
-                ElementsAre(debug("[packet_handler] 不补发：client 无效"), debug("[packet_handler] 不补发：client 无效"),
-                            debug("[packet_handler] CleanSession=1，不补发离线消息: clean"),
-                            debug("[packet_handler] 客户端不在线，不补发离线消息: away"),
-                            debug("[packet_handler] 无离线消息需要补发: fresh")));
+    EXPECT_THAT(handler_lines(log), ElementsAre(debug("[packet_handler] 不补发：client 无效"),
+                                                debug("[packet_handler] 不补发：client 无效"),
+                                                debug("[packet_handler] CleanSession=1，不补发离线消息: clean"),
+                                                debug("[packet_handler] 客户端不在线，不补发离线消息: away"),
+                                                debug("[packet_handler] 无离线消息需要补发: fresh")));
 }
 
 TEST(offline, without_memory_there_is_nothing_to_restore)
@@ -80,9 +80,9 @@ TEST(offline, three_kept_messages_come_a_second_after_the_connack)
     EXPECT_THAT(client.gets(), IsEmpty());
     clock.advance_ms(1);
     qos_reliable_scan_queue();
-    EXPECT_THAT(client.gets(),
-                testing::UnorderedElementsAre(wire("32 06 | 00 01 'a' | 00 09 | '1'"), wire("32 06 | 00 01 'a' | 00 0A | '2'"),
-                                              wire("32 06 | 00 01 'a' | 00 0B | '3'")));
+    EXPECT_THAT(client.gets(), testing::UnorderedElementsAre(wire("32 06 | 00 01 'a' | 00 09 | '1'"),
+                                                             wire("32 06 | 00 01 'a' | 00 0A | '2'"),
+                                                             wire("32 06 | 00 01 'a' | 00 0B | '3'")));
 }
 
 TEST(offline, a_client_that_is_connected_but_not_logged_in_is_online_too)

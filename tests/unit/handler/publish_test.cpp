@@ -31,10 +31,10 @@ TEST(publish, qos_0_line_by_line)
     const uint32_t seed = msgid_seed;
     LogCapture     log(AGENT_LOG_INFO);
     EXPECT_EQ(sender.sends(publish("a/b")), 0);
-    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：收到发布消息：ClientID=s, Topic=a/b, QoS=0, Retain=0, MsgID=0"),
-                                        info("MQTT标准：Topic=a/b 匹配到 1 个订阅者"),
-                                        info("转发消息成功：To=r, Topic=a/b, QoS=0"),
-                                        info("MQTT标准：消息转发完成：匹配1个订阅者，成功发送1个")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(info("MQTT标准：收到发布消息：ClientID=s, Topic=a/b, QoS=0, Retain=0, MsgID=0"),
+                            info("MQTT标准：Topic=a/b 匹配到 1 个订阅者"), info("转发消息成功：To=r, Topic=a/b, QoS=0"),
+                            info("MQTT标准：消息转发完成：匹配1个订阅者，成功发送1个")));
     EXPECT_THAT(receiver.gets(), ElementsAre(wire("30 06 00 03 'a/b' 'x'")));
     EXPECT_THAT(sender.gets(), IsEmpty());
     EXPECT_THAT(broker.host.take(), ElementsAre(R"(2 {"clientId":"s","topic":"a/b","qos":0})"));
@@ -240,7 +240,8 @@ TEST(publish, overlapping_subscriptions_each_get_a_copy)
     sub_add("r", "#", 1, 1);
     const uint16_t id = next_id();
     EXPECT_EQ(sender.sends(publish("t", 1, 7)), 0);
-    EXPECT_THAT(receiver.gets(), ElementsAre(wire("30 04 00 01 't' 'x'"), wire("32 06 00 01 't'") + u16(id) + text("x")));
+    EXPECT_THAT(receiver.gets(),
+                ElementsAre(wire("30 04 00 01 't' 'x'"), wire("32 06 00 01 't'") + u16(id) + text("x")));
 }
 
 TEST(publish, identifiers_are_drawn_in_table_order)
@@ -433,7 +434,9 @@ TEST(publish, an_identifier_of_0_loses_its_delivery)
         msgid_seed = seed_for_id_0(place);
         LogCapture log(AGENT_LOG_ERROR);
         EXPECT_EQ(sender.sends(publish("t", 1, 7)), 0);
-        EXPECT_THAT(log.take(), ElementsAre(error("[PUBLISH ENCODE] Step 1 ERROR: QoS1/2 requires non-zero Packet ID [MQTT 5.0 §3.3.2.2]\n")));
+        EXPECT_THAT(log.take(),
+                    ElementsAre(error(
+                        "[PUBLISH ENCODE] Step 1 ERROR: QoS1/2 requires non-zero Packet ID [MQTT 5.0 §3.3.2.2]\n")));
         EXPECT_EQ(a.gets().size(), place == 1 ? 0u : 1u);
         EXPECT_EQ(b.gets().size(), place == 1 ? 1u : 0u);
         EXPECT_EQ(pending_count(), 1);
@@ -449,7 +452,8 @@ TEST(publish, the_delivery_buffer_holds_2048_bytes)
         int      qos;
         size_t   fits; // topic and payload
     };
-    for (const Case &each : {Case{4, 0, 2043}, Case{4, 1, 2041}, Case{5, 0, 2042}, Case{5, 1, 2040}, Case{4, 2, 2041}}) {
+    for (const Case &each :
+         {Case{4, 0, 2043}, Case{4, 1, 2041}, Case{5, 0, 2042}, Case{5, 1, 2040}, Case{4, 2, 2041}}) {
         SCOPED_TRACE(std::to_string(each.version) + " " + std::to_string(each.qos));
         Handling broker;
         Client   sender(broker, 4, "s"), receiver(broker, each.version, "r");

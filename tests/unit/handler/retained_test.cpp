@@ -39,7 +39,7 @@ TEST(retained, the_message_keeps_its_own_qos)
     const uint16_t id = next_id();
     send_retained_msg_to_client(client, "t");
     EXPECT_THAT(client.gets(), ElementsAre(wire("35 07 00 01 't'") + u16(id) + wire("00 'r'"))); // no expiry
-    EXPECT_EQ(pending_count(), 0);                                                             // not tracked
+    EXPECT_EQ(pending_count(), 0);                                                               // not tracked
     EXPECT_EQ(client->qos1_pending_msg_id, 0);
 }
 
@@ -111,7 +111,7 @@ TEST(retained, a_failing_buffer_loses_that_message_only)
     retain("b");
     client.sends("C0 00");
     client.gets();
-    LogCapture log(AGENT_LOG_INFO);
+    LogCapture     log(AGENT_LOG_INFO);
     const uint32_t seed = msgid_seed;
     {
         Fail fail(Call::Allocate, 1);

@@ -41,7 +41,8 @@ TEST(shared_sub, plain_filters_and_a_prefix_without_a_second_slash_are_never_fla
 
 TEST(shared_sub, one_step_of_the_counter_a_group)
 {
-    EXPECT_THAT(mark(matches({"$share/b/t", "$share/a/t", "t", "$share/b/t", "$share/a/#"})), ElementsAre(1, 0, 0, 0, 1));
+    EXPECT_THAT(mark(matches({"$share/b/t", "$share/a/t", "t", "$share/b/t", "$share/a/#"})),
+                ElementsAre(1, 0, 0, 0, 1));
     EXPECT_EQ(g_rr_counter, 2);
 }
 
@@ -87,7 +88,7 @@ TEST(shared_sub, members_of_a_big_group_take_turns_in_match_order)
 TEST(shared_sub, the_empty_group_takes_in_all)
 {
     const auto list = matches({"$share//t", "$share/x/t"});
-    g_rr_counter = 1;
+    g_rr_counter    = 1;
     EXPECT_THAT(mark(list), ElementsAre(0, 1)); // empty: 1 % 2 -> 1; x: 0
 }
 
@@ -149,8 +150,8 @@ TEST(shared_sub, a_prefix_makes_a_filter_shared)
 
 TEST(shared_sub, select_client_hashes_the_key)
 {
-    const auto list = matches({"0", "1", "2", "3", "4"});
-    const auto *all = list.data();
+    const auto  list = matches({"0", "1", "2", "3", "4"});
+    const auto *all  = list.data();
     EXPECT_EQ(shared_select_client("", all, 5), all + 5381 % 5);
     EXPECT_EQ(shared_select_client("a", all, 5), all + (5381 * 33 + 'a') % 5);
     EXPECT_EQ(shared_select_client("\xFF", all, 5), all + (5381 * 33 + 255) % 5); // bytes are unsigned

@@ -95,7 +95,8 @@ TEST(subscribe, the_summary_is_the_first_filters_code)
         EXPECT_EQ(lines.back(), info("发送SUBACK成功：ClientID=dev1, MsgID=2, 授权QoS=128, ReasonCode=0x80"));
         EXPECT_EQ(lines.end()[-2], info(std::string("【QoS溯源3】MQTT ") + (version == 5 ? "5.0" : "3.1.1") +
                                         " Reason Code赋值：授权QoS=128 → ReasonCode=0x80"));
-        EXPECT_THAT(client.gets(), ElementsAre(version == 5 ? wire("90 05 00 02 00 80 02") : wire("90 04 00 02 80 02")));
+        EXPECT_THAT(client.gets(),
+                    ElementsAre(version == 5 ? wire("90 05 00 02 00 80 02") : wire("90 04 00 02 80 02")));
     }
 }
 
@@ -127,7 +128,8 @@ TEST(subscribe, retained_messages_come_before_the_suback)
     retain("a/1");
     retain("b");
     EXPECT_EQ(client.sends(subscribe(1, {{"b", 0}, {"a/+", 0}})), 0);
-    EXPECT_THAT(client.gets(), ElementsAre(wire("31 04 00 01 'b' 'r'"), wire("31 06 00 03 'a/1' 'r'"), wire("90 04 00 01 00 00")));
+    EXPECT_THAT(client.gets(),
+                ElementsAre(wire("31 04 00 01 'b' 'r'"), wire("31 06 00 03 'a/1' 'r'"), wire("90 04 00 01 00 00")));
 }
 
 TEST(subscribe, the_host_hears_of_a_filter_after_its_retained_messages)

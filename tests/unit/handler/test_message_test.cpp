@@ -39,17 +39,19 @@ TEST_F(TestMessage, line_by_line)
     msgid_seed        = seed;
     LogCapture log;
     packet_handler_publish_test_msg();
-    EXPECT_THAT(handler_lines(log),
-                ElementsAre(info("MQTT标准：准备发布测试消息：Topic=broker/test, Payload=[Hello from MQTT Broker!], QoS=1"),
-                            info("MQTT标准：Topic=broker/test 匹配到 7 个订阅者"),
-                            info("【订阅匹配】Topic=broker/test 匹配到 7 个订阅者（上限=11000）"),
-                            info("转发测试消息成功：To=a, Topic=broker/test, QoS=0（标准降级后）"),
-                            info("转发测试消息成功：To=b, Topic=broker/test, QoS=1（标准降级后）"),
-                            warn("订阅者状态无效：ClientID=away, 状态=3"), warn("订阅者不存在：ClientID=gone"),
-                            info("转发测试消息成功：To=a, Topic=broker/test, QoS=0（标准降级后）"),
-                            debug("[共享订阅] 测试消息 订阅者6 跳过"),
-                            info("测试消息转发完成：总计匹配7个订阅者，成功发送3个")));
-    EXPECT_THAT(a.gets(), ElementsAre(packet(0x30, prefixed("broker/test") + kText), packet(0x30, prefixed("broker/test") + kText)));
+    EXPECT_THAT(
+        handler_lines(log),
+        ElementsAre(info("MQTT标准：准备发布测试消息：Topic=broker/test, Payload=[Hello from MQTT Broker!], QoS=1"),
+                    info("MQTT标准：Topic=broker/test 匹配到 7 个订阅者"),
+                    info("【订阅匹配】Topic=broker/test 匹配到 7 个订阅者（上限=11000）"),
+                    info("转发测试消息成功：To=a, Topic=broker/test, QoS=0（标准降级后）"),
+                    info("转发测试消息成功：To=b, Topic=broker/test, QoS=1（标准降级后）"),
+                    warn("订阅者状态无效：ClientID=away, 状态=3"), warn("订阅者不存在：ClientID=gone"),
+                    info("转发测试消息成功：To=a, Topic=broker/test, QoS=0（标准降级后）"),
+                    debug("[共享订阅] 测试消息 订阅者6 跳过"),
+                    info("测试消息转发完成：总计匹配7个订阅者，成功发送3个")));
+    EXPECT_THAT(a.gets(), ElementsAre(packet(0x30, prefixed("broker/test") + kText),
+                                      packet(0x30, prefixed("broker/test") + kText)));
     EXPECT_THAT(b.gets(), ElementsAre(packet(0x32, prefixed("broker/test") + u16(id) + Bytes{0} + kText)));
     EXPECT_EQ(pending_count(), 1);
     EXPECT_EQ(b->qos1_pending_msg_id, id);

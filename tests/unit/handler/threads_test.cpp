@@ -69,7 +69,7 @@ TEST(threads, delayed_wills_are_settled_while_clients_come_back)
     poke(g_log_config.level, uint32_t{AGENT_LOG_FATAL});
     std::atomic<bool> done{false}, armed{false}; // armed: the client has its will and its delay
     const Bytes       connect = packet(0x10, wire("00 04 'MQTT' 05 04 00 3C | 05 27 00 00 10 00 | 00 04 'dev1'"
-                                                  "| 05 18 00 00 00 01 | 00 01 'w' | 00 01 'x'"));
+                                                        "| 05 18 00 00 00 01 | 00 01 'w' | 00 01 'x'"));
 
     std::thread scan([&] {
         while (!done) {

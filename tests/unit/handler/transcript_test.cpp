@@ -7,7 +7,8 @@ using testing::ElementsAre;
 
 namespace {
 
-std::vector<LogLine> ack_trace(const Bytes &head, const Bytes &codes = {}, const Bytes &packet = {}, bool suback = false)
+std::vector<LogLine> ack_trace(const Bytes &head, const Bytes &codes = {}, const Bytes &packet = {},
+                               bool suback = false)
 {
     std::vector<LogLine> lines;
     char                 text[100];
@@ -47,10 +48,11 @@ TEST(transcript, at_level_4)
     LogCapture log(AGENT_LOG_INFO);
 
     dev.sends(connect_v4("dev"));
-    EXPECT_EQ(log.take(), (Lines{info("[MQTT3] Maximum Packet Size not supported, use default=4096, client=dev"),
-                                 info("MQTT标准：移除订阅：ClientID=dev, Topic=所有, 移除数量=0"),
-                                 info("[会话] CleanSession=1 → 清除历史数据 + 内存订阅"),
-                                 info("[WILL-MQTT5] client=dev 取消遗嘱延迟"), info("CONNACK -> dev (SessionPresent=0)")}));
+    EXPECT_EQ(log.take(),
+              (Lines{info("[MQTT3] Maximum Packet Size not supported, use default=4096, client=dev"),
+                     info("MQTT标准：移除订阅：ClientID=dev, Topic=所有, 移除数量=0"),
+                     info("[会话] CleanSession=1 → 清除历史数据 + 内存订阅"),
+                     info("[WILL-MQTT5] client=dev 取消遗嘱延迟"), info("CONNACK -> dev (SessionPresent=0)")}));
     EXPECT_THAT(dev.gets(), ElementsAre(wire("20 02 00 00")));
 
     dev.sends("82 08 | 00 01 | 00 03 'a/b' 01");
@@ -68,10 +70,11 @@ TEST(transcript, at_level_4)
     log.take();
     const uint16_t id = next_id();
     app.sends("34 09 | 00 03 'a/b' 00 07 | 'hi'");
-    EXPECT_EQ(log.take(), (Lines{info("MQTT标准：收到发布消息：ClientID=app, Topic=a/b, QoS=2, Retain=0, MsgID=7"),
-                                 info("MQTT标准：Topic=a/b 匹配到 1 个订阅者"), info("转发消息成功：To=dev, Topic=a/b, QoS=1"),
-                                 info("MQTT标准：消息转发完成：匹配1个订阅者，成功发送1个")} +
-                           ack_trace(wire("00 07")) + Lines{info("发送PUBREC成功：ClientID=app, MsgID=7")}));
+    EXPECT_EQ(log.take(),
+              (Lines{info("MQTT标准：收到发布消息：ClientID=app, Topic=a/b, QoS=2, Retain=0, MsgID=7"),
+                     info("MQTT标准：Topic=a/b 匹配到 1 个订阅者"), info("转发消息成功：To=dev, Topic=a/b, QoS=1"),
+                     info("MQTT标准：消息转发完成：匹配1个订阅者，成功发送1个")} +
+               ack_trace(wire("00 07")) + Lines{info("发送PUBREC成功：ClientID=app, MsgID=7")}));
     EXPECT_THAT(dev.gets(), ElementsAre(wire("32 09 | 00 03 'a/b'") + u16(id) + text("hi")));
     EXPECT_THAT(app.gets(), ElementsAre(wire("50 02 00 07")));
 
@@ -85,12 +88,13 @@ TEST(transcript, at_level_4)
                                  info("[QoS] QoS1 PUBACK 完成: msg_id=" + std::to_string(id))}));
 
     dev.sends("E0 00");
-    EXPECT_EQ(log.take(), (Lines{info("MQTT标准：客户端主动断开连接：ClientID=dev"), info("[WILL-MQTT5] client=dev 取消遗嘱延迟"),
-                                 info("持久化：客户端数据已清除 ClientID=dev"), warn("[QoS_CLEAN] 清理客户端: dev"),
-                                 info("[QoS] 清理客户端报文完成(client=dev)：共清理0条"),
-                                 info("MQTT标准：移除订阅：ClientID=dev, Topic=所有, 移除数量=1"),
-                                 info("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=dev, 数量=1"),
-                                 warn("[FREE-NORMAL] 客户端正常关闭: dev")}));
+    EXPECT_EQ(log.take(),
+              (Lines{info("MQTT标准：客户端主动断开连接：ClientID=dev"), info("[WILL-MQTT5] client=dev 取消遗嘱延迟"),
+                     info("持久化：客户端数据已清除 ClientID=dev"), warn("[QoS_CLEAN] 清理客户端: dev"),
+                     info("[QoS] 清理客户端报文完成(client=dev)：共清理0条"),
+                     info("MQTT标准：移除订阅：ClientID=dev, Topic=所有, 移除数量=1"),
+                     info("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=dev, 数量=1"),
+                     warn("[FREE-NORMAL] 客户端正常关闭: dev")}));
 }
 
 TEST(transcript, at_level_5)
@@ -111,15 +115,17 @@ TEST(transcript, at_level_5)
 
     dev.sends("82 09 | 00 01 00 | 00 03 'a/b' 02");
     Lines lines = log.take();
-    std::erase_if(lines, [](const LogLine &line) { return line.text.rfind("【QoS溯源5】", 0) == 0; }); // an address in it
-    EXPECT_EQ(lines, (Lines{info("【QoS溯源1】客户端订阅请求：ClientID=dev, MsgID=1, 订阅数=1"),
-                            info("【QoS溯源1】filter[0]：Topic=a/b, 请求QoS=2 (0x02)"),
-                            info("MQTT标准：新增订阅：ClientID=dev, Topic=a/b, QoS=2, CleanSession=1"),
-                            info("【QoS溯源2】filter[0]：Topic=a/b, 请求QoS=2 → 授予QoS=2 (0x02)"),
-                            info("【QoS溯源3】MQTT 5.0 Reason Code赋值：授权QoS=2 → ReasonCode=0x02"),
-                            info("【QoS溯源3】MQTT 5.0 SUBACK全局Reason Code修正：强制设为0x00（Success），原参数值=0x02")} +
-                      ack_trace(wire("00 01 00"), wire("02"), wire("90 04 00 01 00 02"), true) +
-                      Lines{info("发送SUBACK成功：ClientID=dev, MsgID=1, 授权QoS=2, ReasonCode=0x02")}));
+    std::erase_if(lines,
+                  [](const LogLine &line) { return line.text.rfind("【QoS溯源5】", 0) == 0; }); // an address in it
+    EXPECT_EQ(lines,
+              (Lines{info("【QoS溯源1】客户端订阅请求：ClientID=dev, MsgID=1, 订阅数=1"),
+                     info("【QoS溯源1】filter[0]：Topic=a/b, 请求QoS=2 (0x02)"),
+                     info("MQTT标准：新增订阅：ClientID=dev, Topic=a/b, QoS=2, CleanSession=1"),
+                     info("【QoS溯源2】filter[0]：Topic=a/b, 请求QoS=2 → 授予QoS=2 (0x02)"),
+                     info("【QoS溯源3】MQTT 5.0 Reason Code赋值：授权QoS=2 → ReasonCode=0x02"),
+                     info("【QoS溯源3】MQTT 5.0 SUBACK全局Reason Code修正：强制设为0x00（Success），原参数值=0x02")} +
+               ack_trace(wire("00 01 00"), wire("02"), wire("90 04 00 01 00 02"), true) +
+               Lines{info("发送SUBACK成功：ClientID=dev, MsgID=1, 授权QoS=2, ReasonCode=0x02")}));
     EXPECT_THAT(dev.gets(), ElementsAre(wire("90 04 00 01 00 02")));
 
     app.sends(connect_v5("app"));
@@ -127,19 +133,21 @@ TEST(transcript, at_level_5)
     log.take();
     const uint16_t id = next_id();
     app.sends("32 0A | 00 03 'a/b' 00 07 00 | 'hi'");
-    EXPECT_EQ(log.take(), (Lines{info("MQTT标准：收到发布消息：ClientID=app, Topic=a/b, QoS=1, Retain=0, MsgID=7"),
-                                 info("MQTT标准：Topic=a/b 匹配到 1 个订阅者"), info("转发消息成功：To=dev, Topic=a/b, QoS=1"),
-                                 info("MQTT标准：消息转发完成：匹配1个订阅者，成功发送1个")} +
-                           ack_trace(wire("00 07 00")) + Lines{info("发送PUBACK成功：ClientID=app, MsgID=7")}));
+    EXPECT_EQ(log.take(),
+              (Lines{info("MQTT标准：收到发布消息：ClientID=app, Topic=a/b, QoS=1, Retain=0, MsgID=7"),
+                     info("MQTT标准：Topic=a/b 匹配到 1 个订阅者"), info("转发消息成功：To=dev, Topic=a/b, QoS=1"),
+                     info("MQTT标准：消息转发完成：匹配1个订阅者，成功发送1个")} +
+               ack_trace(wire("00 07 00")) + Lines{info("发送PUBACK成功：ClientID=app, MsgID=7")}));
     EXPECT_THAT(dev.gets(), ElementsAre(wire("32 0A | 00 03 'a/b'") + u16(id) + wire("00 'hi'")));
     EXPECT_THAT(app.gets(), ElementsAre(wire("40 03 00 07 00")));
 
     dev.sends("E0 02 00 00");
-    EXPECT_EQ(log.take(), (Lines{info("MQTT标准：客户端主动断开连接：ClientID=dev"), info("[WILL-MQTT5] client=dev 取消遗嘱延迟"),
-                                 info("[MQTT5] DISCONNECT: session_expiry_interval=0, clean_session=1"),
-                                 info("[MQTT5] Session Expiry=0 → 立即清除会话"), warn("[QoS_CLEAN] 清理客户端: dev"),
-                                 info("[QoS] 清理客户端报文完成(client=dev)：共清理1条"),
-                                 info("MQTT标准：移除订阅：ClientID=dev, Topic=所有, 移除数量=1"),
-                                 info("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=dev, 数量=1"),
-                                 warn("[FREE-NORMAL] 客户端正常关闭: dev")}));
+    EXPECT_EQ(log.take(),
+              (Lines{info("MQTT标准：客户端主动断开连接：ClientID=dev"), info("[WILL-MQTT5] client=dev 取消遗嘱延迟"),
+                     info("[MQTT5] DISCONNECT: session_expiry_interval=0, clean_session=1"),
+                     info("[MQTT5] Session Expiry=0 → 立即清除会话"), warn("[QoS_CLEAN] 清理客户端: dev"),
+                     info("[QoS] 清理客户端报文完成(client=dev)：共清理1条"),
+                     info("MQTT标准：移除订阅：ClientID=dev, Topic=所有, 移除数量=1"),
+                     info("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=dev, 数量=1"),
+                     warn("[FREE-NORMAL] 客户端正常关闭: dev")}));
 }

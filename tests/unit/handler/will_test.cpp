@@ -7,11 +7,11 @@ using testing::IsEmpty;
 
 namespace {
 
-void give_will(Client &client, std::string_view payload = "bye", uint8_t qos = 0, uint8_t retain = 0, uint32_t delay_s = 0,
-               uint32_t expiry_s = 0)
+void give_will(Client &client, std::string_view payload = "bye", uint8_t qos = 0, uint8_t retain = 0,
+               uint32_t delay_s = 0, uint32_t expiry_s = 0)
 {
-    client_set_will_msg(client, "w", reinterpret_cast<const uint8_t *>(payload.data()), static_cast<uint32_t>(payload.size()),
-                        qos, retain);
+    client_set_will_msg(client, "w", reinterpret_cast<const uint8_t *>(payload.data()),
+                        static_cast<uint32_t>(payload.size()), qos, retain);
     client_set_will_enhance(client, delay_s, expiry_s, 0, "", "", nullptr, 0);
 }
 
@@ -28,7 +28,8 @@ TEST(will, is_published_line_by_line)
     LogCapture log;
     EXPECT_EQ(packet_send_will_message(owner), 0);
     std::vector<LogLine> lines = handler_lines(log);
-    std::erase_if(lines, [](const LogLine &line) { return line.text.rfind("[WILL]", 0) != 0 && line.text.rfind("62 ", 0) != 0; });
+    std::erase_if(
+        lines, [](const LogLine &line) { return line.text.rfind("[WILL]", 0) != 0 && line.text.rfind("62 ", 0) != 0; });
     EXPECT_THAT(lines, ElementsAre(info("[WILL] Send will message: client=dev1"),
                                    info("[WILL] Topic: w, QoS: 1, Retain: 1, PayloadLen: 3"), debug("[WILL] Payload"),
                                    debug("62 79 65 "), info("[WILL] 编码成功 | len=10 | 开始广播"),
@@ -247,5 +248,6 @@ TEST(cancel_will, says_so_each_time)
     EXPECT_EQ(owner->will_delay_pending, 0);
     packet_cancel_will(owner);
     packet_cancel_will(nullptr);
-    EXPECT_THAT(log.take(), ElementsAre(info("[WILL-MQTT5] client=dev1 取消遗嘱延迟"), info("[WILL-MQTT5] client=dev1 取消遗嘱延迟")));
+    EXPECT_THAT(log.take(), ElementsAre(info("[WILL-MQTT5] client=dev1 取消遗嘱延迟"),
+                                        info("[WILL-MQTT5] client=dev1 取消遗嘱延迟")));
 }

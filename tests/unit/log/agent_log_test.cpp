@@ -14,7 +14,10 @@ using testing::IsEmpty;
 
 namespace {
 
-agent_log_config_t console_at(uint32_t level) { return {level, AGENT_LOG_TO_CONSOLE, 0, 256, nullptr}; }
+agent_log_config_t console_at(uint32_t level)
+{
+    return {level, AGENT_LOG_TO_CONSOLE, 0, 256, nullptr};
+}
 
 } // namespace
 

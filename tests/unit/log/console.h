@@ -21,7 +21,7 @@ public:
         fclose(stdout);
         stdout = saved_;
     }
-    Console(const Console &) = delete;
+    Console(const Console &)            = delete;
     Console &operator=(const Console &) = delete;
 
     std::string text;

@@ -38,7 +38,10 @@ std::string read_file(const std::string &path)
     text << std::ifstream(path).rdbuf();
     return text.str();
 }
-void write_file(const std::string &path, const std::string &text) { std::ofstream(path) << text; }
+void write_file(const std::string &path, const std::string &text)
+{
+    std::ofstream(path) << text;
+}
 
 void start(const char *path, uint32_t max_file_size = 0, uint32_t output = 3)
 {
@@ -105,8 +108,7 @@ TEST_F(log_file, gets_the_line_when_another_thread_clears_the_flag_meanwhile)
     EXPECT_EQ(read_file("a.log"), "[2027-01-15 08:00:00.000] [WARN] text\n");
     EXPECT_EQ(g_log_in_use, 0u);
     log_through("more", 9);
-    EXPECT_EQ(read_file("a.log"),
-              "[2027-01-15 08:00:00.000] [WARN] text\n[2027-01-15 08:00:00.000] [UNKNOWN] more\n");
+    EXPECT_EQ(read_file("a.log"), "[2027-01-15 08:00:00.000] [WARN] text\n[2027-01-15 08:00:00.000] [UNKNOWN] more\n");
 }
 
 TEST_F(log_file, is_appended_to_by_a_new_start)

@@ -33,9 +33,9 @@ TEST(log_threads, print_whole_lines_or_none)
 
 TEST(log_threads, survive_init_deinit_and_clear_at_any_moment)
 {
-    LogCapture        log;
-    std::atomic<bool> stop{false};
-    std::thread       meddler([&] {
+    LogCapture               log;
+    std::atomic<bool>        stop{false};
+    std::thread              meddler([&] {
         const agent_log_config_t both = {AGENT_LOG_DEBUG, 3, 200, 256, "a.log"};
         for (int i = 0; i < 1500; ++i) {
             agent_log_init(&both);
@@ -45,7 +45,7 @@ TEST(log_threads, survive_init_deinit_and_clear_at_any_moment)
         }
         stop = true;
     });
-    std::thread       clearer([&] {
+    std::thread              clearer([&] {
         while (!stop)
             (void)agent_log_clear_flash();
     });

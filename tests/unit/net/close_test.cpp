@@ -36,7 +36,7 @@ TEST(netip_close, ignores_unknown_handles)
 
 TEST(netip_close, clears_what_belonged_to_the_peer)
 {
-    HandmadeSlot connection(7);
+    HandmadeSlot  connection(7);
     netip_conn_t &slot = connection.slot();
     slot.peer          = loopback();
     slot.peer_len      = 16;
@@ -82,7 +82,7 @@ TEST(netip_close, of_a_connection_with_unread_input_does_not_spin_while_its_even
 {
     static std::atomic<int>  rounds{0};
     static std::atomic<bool> reading{false}, closing{false};
-    Layer layer([](const Recorder::Event &event) {
+    Layer                    layer([](const Recorder::Event &event) {
         if (event.event == NETIP_EVENT_DATA) { // keeps the I/O thread from reading what comes next
             reading = true;
             eventually([] { return closing.load(); });
@@ -92,7 +92,7 @@ TEST(netip_close, of_a_connection_with_unread_input_does_not_spin_while_its_even
         }
         return true;
     });
-    Peer  peer;
+    Peer                     peer;
     peer.send("C0 00");
     ASSERT_TRUE(eventually([] { return reading.load(); }));
     peer.send("C0 00");
@@ -162,9 +162,8 @@ TEST(netip_close, without_memory_an_objection_costs_a_descriptor)
     const int fd = g_netip_clients[0].fd;
     {
         ScopedLock lock(g_netip_lock); // a callback that allocates nothing itself
-        poke(g_netip_cb, [](uint32_t, uint32_t, const uint8_t *, uint32_t, uint32_t, uint32_t, void *) -> uint8_t {
-            return 0;
-        });
+        poke(g_netip_cb,
+             [](uint32_t, uint32_t, const uint8_t *, uint32_t, uint32_t, uint32_t, void *) -> uint8_t { return 0; });
         Fail fail(Call::Allocate);
         netip_close(0);
         EXPECT_EQ(fail.failed(), 1);
@@ -186,10 +185,9 @@ TEST(netip_close, of_a_handmade_udp_slot_closes_its_own_descriptor)
 TEST(hang_up, an_objecting_callback_is_asked_again_every_100_ms)
 {
     std::atomic<int> objections{3};
-    Layer            layer([&](const Recorder::Event &event) {
-        return event.event != NETIP_EVENT_DISCONNECTED || objections-- <= 0;
-    });
-    Peer             peer;
+    Layer            layer(
+        [&](const Recorder::Event &event) { return event.event != NETIP_EVENT_DISCONNECTED || objections-- <= 0; });
+    Peer peer;
     layer.events.wait_for(1);
     const auto from = std::chrono::steady_clock::now();
     peer.close();
@@ -205,12 +203,11 @@ TEST(hang_up, is_asked_again_also_in_a_busy_layer)
 {
     std::atomic<int>  objections{1};
     std::atomic<bool> stop{false};
-    Layer             layer([&](const Recorder::Event &event) {
-        return event.event != NETIP_EVENT_DISCONNECTED || objections-- <= 0;
-    });
-    Peer              busy, peer;
+    Layer             layer(
+        [&](const Recorder::Event &event) { return event.event != NETIP_EVENT_DISCONNECTED || objections-- <= 0; });
+    Peer busy, peer;
     layer.events.wait_for(2);
-    std::thread traffic([&] {
+    std::thread    traffic([&] {
         while (!stop) {
             busy.send("C0 00");
             std::this_thread::sleep_for(2ms); // no round ever times out
@@ -226,10 +223,9 @@ TEST(hang_up, is_asked_again_also_in_a_busy_layer)
 TEST(hang_up, a_resting_connection_can_still_be_closed)
 {
     std::atomic<int> objections{1};
-    Layer            layer([&](const Recorder::Event &event) {
-        return event.event != NETIP_EVENT_DISCONNECTED || objections-- <= 0;
-    });
-    Peer             peer;
+    Layer            layer(
+        [&](const Recorder::Event &event) { return event.event != NETIP_EVENT_DISCONNECTED || objections-- <= 0; });
+    Peer peer;
     layer.events.wait_for(1);
     peer.close();
     layer.events.wait_for(2);

@@ -94,8 +94,8 @@ TEST(netip_init, refuses_a_second_start_and_touches_nothing)
 
 TEST(netip_init, zeroes_the_table)
 {
-    g_netip_clients[5].type = 7;
-    g_netip_clients[6].in_use = 1;
+    g_netip_clients[5].type     = 7;
+    g_netip_clients[6].in_use   = 1;
     g_netip_clients[10999].port = 9;
     ASSERT_EQ(start(), 0u);
     EXPECT_EQ(g_netip_clients[5].type, 0u);
@@ -113,8 +113,8 @@ TEST(netip_init, each_failure_has_its_code_and_releases_everything)
         int      nth, threads;
         uint32_t result;
     } rows[] = {
-        {Call::EpollCreate, 1, 1, 7}, {Call::Allocate, 1, 1, 1},     {Call::Socket, 1, 1, 2},
-        {Call::Bind, 1, 1, 3},        {Call::Listen, 1, 1, 4},       {Call::ThreadCreate, 1, 1, 1},
+        {Call::EpollCreate, 1, 1, 7},  {Call::Allocate, 1, 1, 1},     {Call::Socket, 1, 1, 2},
+        {Call::Bind, 1, 1, 3},         {Call::Listen, 1, 1, 4},       {Call::ThreadCreate, 1, 1, 1},
         {Call::ThreadCreate, 8, 8, 1}, {Call::ThreadCreate, 3, 8, 1}, {Call::Allocate, 2, 1, 1},
     };
     for (const auto &row : rows) {
@@ -186,7 +186,7 @@ TEST(netip_init, runs_without_udp_when_its_socket_fails)
 
 TEST(netip_init, without_an_accept_thread_says_so_and_leaves_the_rest_standing)
 {
-    LogCapture log(AGENT_LOG_DEBUG);
+    LogCapture   log(AGENT_LOG_DEBUG);
     const size_t descriptors = open_descriptors();
     {
         Fail fail(Call::ThreadCreate, 2);

@@ -69,9 +69,8 @@ TEST(layer, deinit_closes_every_slot_in_ascending_order_with_reason_2)
     layer->events.wait_for(3);
     const int fd = g_netip_clients[1].fd;
     netip_deinit();
-    EXPECT_THAT(layer->events.seen(),
-                ElementsAre(connected(0), connected(1), connected(2), disconnected(0, 2), disconnected(1, 2),
-                            disconnected(2, 2)));
+    EXPECT_THAT(layer->events.seen(), ElementsAre(connected(0), connected(1), connected(2), disconnected(0, 2),
+                                                  disconnected(1, 2), disconnected(2, 2)));
     for (Peer *peer : {&a, &b, &c})
         EXPECT_EQ(peer->end(), 0);
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
@@ -101,13 +100,12 @@ TEST(layer, a_close_nested_in_the_event_of_deinit_closes_once)
             netip_close(event.handle);
         return true;
     });
-    Peer a, b;
+    Peer  a, b;
     layer.events.wait_for(2);
     const size_t descriptors = open_descriptors();
     netip_deinit();
-    EXPECT_THAT(layer.events.seen(),
-                ElementsAre(connected(0), connected(1), disconnected(0, 2), disconnected(0, 2), disconnected(1, 2),
-                            disconnected(1, 2)));
+    EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), connected(1), disconnected(0, 2), disconnected(0, 2),
+                                                 disconnected(1, 2), disconnected(1, 2)));
     EXPECT_EQ(open_descriptors(), descriptors - 5); // two connections, epoll, its bell, UDP
 }
 
@@ -115,7 +113,9 @@ TEST(layer, a_close_nested_in_the_event_of_deinit_closes_once)
 
 TEST(restart, the_sleeping_accept_thread_and_the_listener_go_on)
 {
-    { Layer layer; }
+    {
+        Layer layer;
+    }
     const int listener = g_netip_tcp_listen;
     EXPECT_EQ(threads_named("tarn-accept"), 1u);
     Layer layer;
@@ -127,7 +127,9 @@ TEST(restart, the_sleeping_accept_thread_and_the_listener_go_on)
 
 TEST(restart, connections_made_while_the_layer_was_down_are_served_in_their_order)
 {
-    { Layer layer; }
+    {
+        Layer layer;
+    }
     Peer first, second, third;
     first.send("30 01 01");
     second.send("30 01 02");
@@ -149,7 +151,9 @@ TEST(restart, connections_made_while_the_layer_was_down_are_served_in_their_orde
 
 TEST(restart, the_connection_in_hand_survives_a_failed_start)
 {
-    { Layer layer; }
+    {
+        Layer layer;
+    }
     Peer first;
     ASSERT_TRUE(accept_thread_ended());
     {
@@ -219,9 +223,8 @@ TEST(from_a_callback, deinit_ends_the_layer_and_the_thread)
         EXPECT_EQ(peer.end(), 0);
         EXPECT_EQ(other.end(), 0);
         EXPECT_TRUE(eventually([] { return threads_named("tarn-io") == 0; }));
-        EXPECT_THAT(layer.events.seen(),
-                    ElementsAre(connected(0), connected(1), data(0, wire("C0 00")), disconnected(0, 2),
-                                disconnected(1, 2)));
+        EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), connected(1), data(0, wire("C0 00")),
+                                                     disconnected(0, 2), disconnected(1, 2)));
     }
     Layer again;
     Peer  peer;
@@ -668,7 +671,7 @@ TEST(capacity, the_11001st_connection_is_accepted_and_closed)
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
 
-    const Crowd           crowd(11000);
+    const Crowd                  crowd(11000);
     static std::atomic<uint32_t> here{0}, gone{0};
     const auto count = [](uint32_t, uint32_t event, const uint8_t *, uint32_t, uint32_t, uint32_t, void *) -> uint8_t {
         ++(event == NETIP_EVENT_CONNECTED ? here : gone);

@@ -28,7 +28,10 @@
 #include <vector>
 
 namespace tarn::net {
-inline void PrintTo(const Connection &c, std::ostream *out) { *out << c.handle << '#' << c.generation; }
+inline void PrintTo(const Connection &c, std::ostream *out)
+{
+    *out << c.handle << '#' << c.generation;
+}
 } // namespace tarn::net
 
 namespace tarn::test {
@@ -137,7 +140,7 @@ public:
         start(1);
     }
     ~Layer() { netip_deinit(); }
-    Layer(const Layer &) = delete;
+    Layer(const Layer &)            = delete;
     Layer &operator=(const Layer &) = delete;
 
     Recorder events;
@@ -185,7 +188,7 @@ public:
     {
         EXPECT_EQ(::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
     }
-    void send(std::string_view packet) { send(wire(packet)); }
+    void  send(std::string_view packet) { send(wire(packet)); }
     Bytes receive(size_t count)
     {
         Bytes  bytes(count);
@@ -204,7 +207,7 @@ public:
     {
         if (!readable(fd_.get(), kPatience))
             return -1;
-        uint8_t byte;
+        uint8_t       byte;
         const ssize_t n = recv(fd_.get(), &byte, 1, 0);
         return n == 0 ? 0 : n < 0 ? errno : -1;
     }
@@ -285,8 +288,8 @@ inline Fd take_number(int fd)
 // Entries of a directory of this process: "fd" (with the one used for looking) or "task".
 inline size_t count_of(const char *what)
 {
-    const std::string path = std::string("/proc/self/") + what;
-    DIR              *dir  = opendir(path.c_str());
+    const std::string path  = std::string("/proc/self/") + what;
+    DIR              *dir   = opendir(path.c_str());
     size_t            count = 0;
     while (const dirent *entry = dir ? readdir(dir) : nullptr)
         count += entry->d_name[0] != '.';
@@ -294,14 +297,17 @@ inline size_t count_of(const char *what)
         closedir(dir);
     return count;
 }
-inline size_t open_descriptors() { return count_of("fd") - 1; }
+inline size_t open_descriptors()
+{
+    return count_of("fd") - 1;
+}
 // Threads with this name.
 inline size_t threads_named(const std::string &name)
 {
     DIR   *dir   = opendir("/proc/self/task");
     size_t count = 0;
     while (const dirent *entry = dir ? readdir(dir) : nullptr) {
-        const std::string path = std::string("/proc/self/task/") + entry->d_name + "/comm";
+        const std::string path     = std::string("/proc/self/task/") + entry->d_name + "/comm";
         char              comm[64] = {};
         if (FILE *file = fopen(path.c_str(), "re")) {
             if (fgets(comm, sizeof comm, file) && name + "\n" == comm)

@@ -68,8 +68,8 @@ void be_a_udp_client(std::minstd_rand &)
 
 void be_a_host(std::minstd_rand &random)
 {
-    const uint32_t handle = random() % kHandles;
-    const Bytes    bytes  = wire("30 03 00 01 't'");
+    const uint32_t handle    = random() % kHandles;
+    const Bytes    bytes     = wire("30 03 00 01 't'");
     const Packet   packets[] = {{bytes.data(), 5}, {bytes.data(), 5}};
     char           ip[64];
     switch (random() % 8) {
@@ -177,7 +177,7 @@ TEST(race, a_late_close_never_hits_the_next_owner)
 {
     // Two threads close what they saw; every connection must see exactly one disconnected event of its own.
     static std::atomic<int> opened{0}, ended{0};
-    g_stop = false;
+    g_stop           = false;
     const auto count = [](uint32_t, uint32_t event, const uint8_t *, uint32_t, uint32_t, uint32_t, void *) -> uint8_t {
         if (event == NETIP_EVENT_CONNECTED)
             ++opened;
@@ -194,8 +194,7 @@ TEST(race, a_late_close_never_hits_the_next_owner)
         });
     crew.add([](std::minstd_rand &) {
         const Peer peer;
-        while (!g_stop && !readable(peer.fd(), 10ms)) {
-        }
+        while (!g_stop && !readable(peer.fd(), 10ms)) {}
         ScopedLock lock(g_netip_lock);
         poke(g_last_handle, 0);
     });

@@ -74,7 +74,8 @@ TEST(netip_send, an_error_gives_6_and_raises_no_signal)
 
 TEST(netip_send, a_handmade_udp_slot_uses_its_own_descriptor)
 {
-    const Fd    receiver(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), sender(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const Fd receiver(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
+        sender(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in address = loopback(0);
     ASSERT_EQ(bind(receiver.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     netip_conn_t &slot = g_netip_clients[9];
@@ -91,7 +92,7 @@ TEST(netip_send, a_handmade_udp_slot_uses_its_own_descriptor)
 TEST(netip_send, a_full_socket_gives_5)
 {
     const HandmadeSlot connection(7);
-    const Bytes        bytes = repeat('x', 4096);
+    const Bytes        bytes  = repeat('x', 4096);
     uint32_t           result = 0;
     int                sent   = 0;
     while ((result = send_bytes(7, bytes)) == 0)
@@ -127,12 +128,10 @@ TEST(writable, is_noticed_once_and_does_not_spin)
     Peer  peer;
     layer.events.wait_for(1);
     limit_buffer(g_netip_clients[0].fd);
-    while (send_bytes(0, repeat('x', 4096)) == 0) {
-    }
+    while (send_bytes(0, repeat('x', 4096)) == 0) {}
     // The last bytes may still be on their way to the peer and make room once more.
     std::this_thread::sleep_for(kSilence);
-    while (send_bytes(0, repeat('x', 4096)) == 0) {
-    }
+    while (send_bytes(0, repeat('x', 4096)) == 0) {}
     set_writable_hook([] { ++g_writable; });
     set_round_hooks({[] { ++g_rounds; }, nullptr});
     EXPECT_TRUE(wants_writable(0));
@@ -158,8 +157,7 @@ TEST(writable, asked_for_in_the_connected_event_is_noticed_too)
     set_writable_hook([] { ++g_writable; });
     Layer layer([](const Recorder::Event &event) {
         if (event.event == NETIP_EVENT_CONNECTED) {
-            while (send_bytes(event.handle, repeat('x', 4096)) == 0) {
-            }
+            while (send_bytes(event.handle, repeat('x', 4096)) == 0) {}
             full = true;
         }
         return true;

@@ -244,9 +244,9 @@ TEST(stream, stops_reading_when_the_layer_goes_down)
 
 TEST(several_threads, deliver_each_stream_in_order)
 {
-    std::mutex                       mx;
+    std::mutex                        mx;
     std::vector<std::vector<uint8_t>> got(8);
-    Layer                            layer(4);
+    Layer                             layer(4);
     layer.events.on_event = [&](const Recorder::Event &event) {
         if (event.event == NETIP_EVENT_DATA) {
             std::lock_guard lock(mx);
@@ -282,7 +282,7 @@ TEST(stale_events, of_a_reused_slot_are_skipped)
     g_netip_running = 1;
     g_netip_cb      = Recorder::callback;
     g_netip_cb_arg  = &events;
-    const auto add = [](int fd) {
+    const auto add  = [](int fd) {
         ScopedLock     lock(g_netip_lock);
         const SlotHold hold(open_slot(NETIP_TCP, fd, {}), SlotHold::Counted);
         SlotLock       slot(hold.handle());

@@ -64,8 +64,8 @@ TEST(udp, waits_for_a_tcp_event_and_is_read_once_a_round)
     make_a_round(tcp);
     layer.events.wait_for(4);
     std::this_thread::sleep_for(kSilence);
-    EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), data(0, wire("C0 00")), connected(1, 3),
-                                                 data(1, wire("C0 00"))));
+    EXPECT_THAT(layer.events.seen(),
+                ElementsAre(connected(0), data(0, wire("C0 00")), connected(1, 3), data(1, wire("C0 00"))));
     make_a_round(tcp);
     layer.events.wait_for(6);
     EXPECT_EQ(layer.events.seen().back(), data(1, wire("D0 00")));
@@ -95,9 +95,8 @@ TEST(udp, a_new_connection_is_an_event_also_when_it_was_accepted_before_epoll_wa
     second.send("D0 00");
     Peer silent; // nothing of it is left for epoll to see when the I/O thread asks again
     EXPECT_TRUE(eventually([&] { return both_read.load(); }));
-    EXPECT_THAT(layer.events.seen(),
-                ElementsAre(connected(0), data(0, wire("C0 00")), connected(1), connected(2, 3),
-                            data(2, wire("C0 00")), connected(3, 3), data(3, wire("D0 00"))));
+    EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), data(0, wire("C0 00")), connected(1), connected(2, 3),
+                                                 data(2, wire("C0 00")), connected(3, 3), data(3, wire("D0 00"))));
 }
 
 TEST(udp, each_new_connection_is_an_event)
@@ -163,7 +162,7 @@ TEST(udp, senders_with_one_port_differ_by_address)
     Layer       layer;
     Peer        tcp;
     UdpPeer     a;
-    sockaddr_in other   = loopback(a.port());
+    sockaddr_in other     = loopback(a.port());
     other.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
     UdpPeer b(other);
     layer.events.wait_for(1);
@@ -190,8 +189,8 @@ TEST(udp, a_tcp_connection_with_the_address_of_a_sender_is_somebody_else)
     udp.send("D0 00");
     make_a_round(tcp);
     layer.events.wait_for(4);
-    EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), data(0, wire("C0 00")), connected(1, 3),
-                                                 data(1, wire("D0 00"))));
+    EXPECT_THAT(layer.events.seen(),
+                ElementsAre(connected(0), data(0, wire("C0 00")), connected(1, 3), data(1, wire("D0 00"))));
 }
 
 TEST(udp, answers_go_to_the_sender)
@@ -241,8 +240,8 @@ TEST(udp, an_empty_datagram_is_no_packet_and_makes_no_connection)
     make_a_round(tcp); // it is gone
     layer.events.wait_for(3);
     netip_deinit();
-    EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), data(0, wire("C0 00")), data(0, wire("C0 00")),
-                                                 disconnected(0, 2)));
+    EXPECT_THAT(layer.events.seen(),
+                ElementsAre(connected(0), data(0, wire("C0 00")), data(0, wire("C0 00")), disconnected(0, 2)));
 }
 
 TEST(udp, a_sender_with_no_free_slot_is_dropped)
@@ -308,18 +307,17 @@ TEST(udp, closing_one_peer_ends_udp_until_the_next_start)
     c.send("D0 00");
     Peer other;
     make_a_round(other);
-    EXPECT_TRUE(eventually([&] { return again.count(data(0, wire("D0 00"))) + again.count(data(1, wire("D0 00"))) == 1; }));
+    EXPECT_TRUE(
+        eventually([&] { return again.count(data(0, wire("D0 00"))) + again.count(data(1, wire("D0 00"))) == 1; }));
     netip_deinit();
 }
 
 TEST(udp, an_objecting_callback_keeps_the_shared_socket_and_deinit_closes_it_once)
 {
     std::atomic<bool> agree{false};
-    Layer             layer([&](const Recorder::Event &event) {
-        return event.event != NETIP_EVENT_DISCONNECTED || agree;
-    });
-    Peer              tcp;
-    UdpPeer           a, b;
+    Layer   layer([&](const Recorder::Event &event) { return event.event != NETIP_EVENT_DISCONNECTED || agree; });
+    Peer    tcp;
+    UdpPeer a, b;
     layer.events.wait_for(1);
     std::this_thread::sleep_for(kSilence);
     a.send("C0 00");
@@ -353,7 +351,7 @@ TEST(udp, closing_a_peer_of_a_dead_socket_touches_nobody_else)
     make_a_round(tcp);
     layer.events.wait_for(7);
     const int shared = g_netip_udp;
-    Fd        first(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), second(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    Fd first(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), second(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     netip_close(1);
     Peer next(std::move(first)); // the kernel had chosen a number for it when accept went to sleep
     layer.events.wait_for(9);
@@ -407,8 +405,8 @@ TEST(udp, without_a_callback_the_slot_is_filled_and_the_datagram_dropped)
     udp.send("C0 00");
     Peer tcp;
     make_a_round(tcp);
-    EXPECT_TRUE(eventually(
-        [&] { return netip_get_client_port(0) == udp.port() || netip_get_client_port(1) == udp.port(); }));
+    EXPECT_TRUE(
+        eventually([&] { return netip_get_client_port(0) == udp.port() || netip_get_client_port(1) == udp.port(); }));
     EXPECT_THAT(layer.events.seen(), IsEmpty());
 }
 
@@ -432,13 +430,13 @@ TEST(udp, deinit_leaves_the_shared_socket_to_its_end)
 TEST(udp, the_thread_that_delivers_knows_its_connection)
 {
     std::atomic<uint32_t> generation{0};
-    Layer   layer([&](const Recorder::Event &event) {
+    Layer                 layer([&](const Recorder::Event &event) {
         if (event.event == NETIP_EVENT_DATA)
             if (event.length == 3 && current_connection().handle == event.handle)
                 generation = current_connection().generation;
         return true;
     });
-    UdpPeer udp;
+    UdpPeer               udp;
     udp.send("30 01 00");
     Peer tcp;
     make_a_round(tcp);

@@ -79,9 +79,9 @@ TEST_F(disk, a_kill_leaves_the_old_store_or_the_new_one)
 {
     retain("old").payload_len = 1;
     persist_retain_save();
-    const std::string before = read_text("data/retain.dat");
+    const std::string before  = read_text("data/retain.dat");
     retain("new").payload_len = 2;
-    const int kills = kill_everywhere([] { persist_retain_save(); },
+    const int kills           = kill_everywhere([] { persist_retain_save(); },
                                       [&](bool was_killed) {
                                           const std::string text = read_text("data/retain.dat");
                                           EXPECT_EQ(text == before, was_killed);
@@ -92,7 +92,8 @@ TEST_F(disk, a_kill_leaves_the_old_store_or_the_new_one)
 
 TEST_F(disk, each_step_of_a_write_may_break_twice)
 {
-    for (const Call call : {Call::FileOpen, Call::FileWrite, Call::FileFlush, Call::FileSync, Call::FileClose, Call::Rename}) {
+    for (const Call call :
+         {Call::FileOpen, Call::FileWrite, Call::FileFlush, Call::FileSync, Call::FileClose, Call::Rename}) {
         persist_safe_write("f", "old");
         LogCapture log;
         Fail       fail(call, 1, EIO, 2);
@@ -109,7 +110,8 @@ TEST_F(disk, a_step_that_breaks_three_times_leaves_the_old_file)
 {
     persist_safe_write("f", "old");
     for (const int code : {EIO, ENOSPC, EROFS, EACCES, EMFILE}) {
-        for (const Call call : {Call::FileOpen, Call::FileWrite, Call::FileFlush, Call::FileSync, Call::FileClose, Call::Rename}) {
+        for (const Call call :
+             {Call::FileOpen, Call::FileWrite, Call::FileFlush, Call::FileSync, Call::FileClose, Call::Rename}) {
             LogCapture log;
             {
                 Fail fail(call, 1, code, 3);
@@ -143,9 +145,9 @@ TEST_F(disk, a_file_system_that_cannot_replace_has_the_target_deleted_first)
 
 TEST_F(disk, three_attempts_have_two_pauses)
 {
-    Fail           open(Call::FileOpen, 1, ENOSPC, 3);
-    const auto     before = std::chrono::steady_clock::now();
-    LogCapture     quiet(4);
+    Fail       open(Call::FileOpen, 1, ENOSPC, 3);
+    const auto before = std::chrono::steady_clock::now();
+    LogCapture quiet(4);
     persist_safe_write("f", "x");
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(20));
 }

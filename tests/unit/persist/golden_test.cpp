@@ -138,8 +138,8 @@ TEST_F(golden, a_hundred_messages_of_the_largest_size_are_written_whole)
         pairs += "ab";
     std::string expected = R"({"msgs":[)";
     for (int i = 0; i < 100; ++i)
-        expected += (i ? "," : "") + (R"({"msgid":65535,"qos":255,"topic":")" + braces) + R"(","payload":")" + pairs +
-                    R"("})";
+        expected +=
+            (i ? "," : "") + (R"({"msgid":65535,"qos":255,"topic":")" + braces) + R"(","payload":")" + pairs + R"("})";
     EXPECT_EQ(read_text("data/message/dev1.json"), expected + "]}");
 }
 

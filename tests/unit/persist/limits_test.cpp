@@ -9,12 +9,24 @@ using limits = DataDirectory;
 
 namespace {
 
-void session(const std::string &text) { write_text("data/session/dev1.json", text); }
-void subscriptions(const std::string &text) { write_text("data/subscription/dev1.json", text); }
-void messages(const std::string &text) { write_text("data/message/dev1.json", text); }
+void session(const std::string &text)
+{
+    write_text("data/session/dev1.json", text);
+}
+void subscriptions(const std::string &text)
+{
+    write_text("data/subscription/dev1.json", text);
+}
+void messages(const std::string &text)
+{
+    write_text("data/message/dev1.json", text);
+}
 
 // Blanks in front, so that `text` ends at byte `end`.
-std::string ending_at(size_t end, const std::string &text) { return std::string(end - text.size(), ' ') + text; }
+std::string ending_at(size_t end, const std::string &text)
+{
+    return std::string(end - text.size(), ' ') + text;
+}
 
 } // namespace
 
@@ -45,9 +57,10 @@ TEST_F(limits, a_value_behind_the_end_of_the_text_is_nothing)
 
 TEST_F(limits, a_session_file_cut_anywhere_gives_the_keys_it_still_has)
 {
-    const std::string whole = R"({"clean_start":true,"session_expiry_interval":61,"session_expiry_deadline":1763200000,)"
-                              R"("will_flag":true,"will_topic":"w","will_qos":1,"will_len":5,"will_delay_interval":7,)"
-                              R"("will_payload_format":1,"will_content_type":"c","will_correlation_len":3})";
+    const std::string whole =
+        R"({"clean_start":true,"session_expiry_interval":61,"session_expiry_deadline":1763200000,)"
+        R"("will_flag":true,"will_topic":"w","will_qos":1,"will_len":5,"will_delay_interval":7,)"
+        R"("will_payload_format":1,"will_content_type":"c","will_correlation_len":3})";
     for (size_t length = 0; length <= whole.size(); ++length) {
         session(whole.substr(0, length));
         load();
@@ -63,7 +76,8 @@ TEST_F(limits, a_session_file_cut_anywhere_gives_the_keys_it_still_has)
 
 TEST_F(limits, without_a_will_its_first_fields_are_not_looked_at)
 {
-    session(R"({"will_flag":false,"will_topic":"w","will_qos":1,"will_len":5,"will_payload":"61","will_delay_interval":7})");
+    session(
+        R"({"will_flag":false,"will_topic":"w","will_qos":1,"will_len":5,"will_payload":"61","will_delay_interval":7})");
     strcpy(record->will_topic, "kept");
     record->will_qos = 2;
     record->will_len = 9;
@@ -145,7 +159,8 @@ TEST_F(limits, sixty_four_subscriptions_are_the_most)
         subscriptions(text);
         LogCapture log(1);
         EXPECT_EQ(load().sub_count, std::min(count, 64));
-        EXPECT_THAT(log.take(), ElementsAre(info("[persist] ✅ 恢复订阅成功: dev1 共 " + std::to_string(std::min(count, 64)) + " 条")));
+        EXPECT_THAT(log.take(), ElementsAre(info("[persist] ✅ 恢复订阅成功: dev1 共 " +
+                                                 std::to_string(std::min(count, 64)) + " 条")));
         EXPECT_EQ(record->msg_count, 0);
     }
 }
@@ -171,7 +186,8 @@ TEST_F(limits, the_100th_message_drops_none_and_the_101st_the_oldest)
     LogCapture log(2);
     EXPECT_EQ(persist_add_offline_msg("dev1", "new", bytes("x"), 1, 1), 0);
     EXPECT_THAT(log.take(), IsEmpty());
-    EXPECT_THAT(read_text("data/message/dev1.json"), testing::StartsWith(R"({"msgs":[{"msgid":5,"qos":0,"topic":"o",)"));
+    EXPECT_THAT(read_text("data/message/dev1.json"),
+                testing::StartsWith(R"({"msgs":[{"msgid":5,"qos":0,"topic":"o",)"));
 
     messages(text + R"({"topic":"","qos":,"msgid":,"payload":"})");
     EXPECT_EQ(persist_add_offline_msg("dev1", "new", bytes("x"), 1, 1), 0);
@@ -251,7 +267,8 @@ TEST_F(limits, payloads_are_read_up_to_what_is_no_hex_pair)
     for (const auto &[raw, payload] : kCases) {
         messages(std::string(R"({"msgs":[{"msgid":1,"qos":1,"topic":"t","payload":")") + raw + R"("}]})");
         ASSERT_EQ(load().msg_count, 1);
-        EXPECT_EQ(std::string(reinterpret_cast<const char *>(record->msgs[0].payload), record->msgs[0].payload_len), payload);
+        EXPECT_EQ(std::string(reinterpret_cast<const char *>(record->msgs[0].payload), record->msgs[0].payload_len),
+                  payload);
     }
     messages(R"({"msgs":[{"msgid":1,"qos":1,"topic":"t","payload":"6162}]})");
     ASSERT_EQ(load().msg_count, 1);
@@ -304,8 +321,9 @@ TEST_F(limits, an_unknown_identifier_writes_the_file_unchanged)
     EXPECT_EQ(persist_remove_offline_msg("dev1", other), 0);
     EXPECT_EQ(g_mqtt_stats.persist_write, 1u);
     EXPECT_EQ(read_text("data/message/dev1.json"), before);
-    messages(R"({"msgs":[{"msgid":7,"qos":1,"topic":"a","payload":"61"},{"msgid":8,"qos":1,"topic":"b","payload":"61"},)"
-             R"({"msgid":7,"qos":1,"topic":"c","payload":"61"}]})");
+    messages(
+        R"({"msgs":[{"msgid":7,"qos":1,"topic":"a","payload":"61"},{"msgid":8,"qos":1,"topic":"b","payload":"61"},)"
+        R"({"msgid":7,"qos":1,"topic":"c","payload":"61"}]})");
     EXPECT_EQ(persist_remove_offline_msg("dev1", 7), 0);
     EXPECT_EQ(read_text("data/message/dev1.json"), R"({"msgs":[{"msgid":8,"qos":1,"topic":"b","payload":"61"}]})");
     EXPECT_EQ(persist_remove_offline_msg("nobody", 7), 0);

@@ -61,7 +61,10 @@ struct DataDirectory : testing::Test {
     }
 };
 
-inline const uint8_t *bytes(const char *text) { return reinterpret_cast<const uint8_t *>(text); }
+inline const uint8_t *bytes(const char *text)
+{
+    return reinterpret_cast<const uint8_t *>(text);
+}
 
 } // namespace tarn::test
 

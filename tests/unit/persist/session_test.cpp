@@ -49,10 +49,11 @@ TEST_F(session_file, of_a_clean_session_is_never_written)
 
 TEST_F(session_file, distances_of_the_loader)
 {
-    write_text("data/session/dev1.json",
-               R"({"session_expiry_interval":61,"session_expiry_deadline":1763200000,"will_flag":true,"will_topic":"w",)"
-               R"("will_qos":1,"will_len":5,"will_delay_interval":7,"will_msg_expiry_interval":9,)"
-               R"("will_payload_format":1,"will_content_type":"c","will_response_topic":"r","will_correlation_len":3})");
+    write_text(
+        "data/session/dev1.json",
+        R"({"session_expiry_interval":61,"session_expiry_deadline":1763200000,"will_flag":true,"will_topic":"w",)"
+        R"("will_qos":1,"will_len":5,"will_delay_interval":7,"will_msg_expiry_interval":9,)"
+        R"("will_payload_format":1,"will_content_type":"c","will_response_topic":"r","will_correlation_len":3})");
     strcpy(record->will_topic, "x");
     EXPECT_EQ(persist_load(record.get()), 0);
     EXPECT_EQ(record->session_expiry_interval, 61u);
@@ -222,7 +223,7 @@ TEST_F(message_file, drops_the_oldest_of_101)
     LogCapture log(2);
     EXPECT_EQ(persist_add_offline_msg("dev1", "new", bytes("x"), 1, 1), 0);
     EXPECT_THAT(log.take(), ElementsAre(warn("[persist][定位] 离线消息溢出，丢弃最早一条: dev1")));
-    const std::string kept = read_text("data/message/dev1.json");
+    const std::string kept    = read_text("data/message/dev1.json");
     size_t            objects = 0;
     for (size_t at = kept.find("\"msgid\""); at != std::string::npos; at = kept.find("\"msgid\"", at + 1))
         ++objects;
@@ -236,7 +237,8 @@ TEST_F(message_file, cuts_a_payload_at_1024_bytes)
     persist_add_offline_msg("dev1", "t", bytes(payload.c_str()), 1500, 1);
     const std::string text = read_text("data/message/dev1.json");
     EXPECT_EQ(text.size() - text.find("payload\":\"") - 10 - 4, 2048u);
-    EXPECT_EQ(load().msgs[0].payload_len, 0u) << "1023 characters of an object are looked at, without its closing quote";
+    EXPECT_EQ(load().msgs[0].payload_len, 0u)
+        << "1023 characters of an object are looked at, without its closing quote";
 }
 
 TEST_F(message_file, refuses_what_is_nothing)
@@ -282,8 +284,9 @@ TEST_F(message_file, malformed_ones_give_what_they_hold)
     write_text("data/message/dev1.json", "{}");
     EXPECT_EQ(load().msg_count, 0);
     EXPECT_THAT(log.take(), ElementsAre(warn("[persist][定位] 消息格式错误：找不到 msgs 节点")));
-    write_text("data/message/dev1.json",
-               R"({"msgs":[{"msgid":1},{"msgid":2,"qos":1,"topic":"t","payload":"61"},{"msgid":3,"qos":1,"topic":"u","payload":"61)");
+    write_text(
+        "data/message/dev1.json",
+        R"({"msgs":[{"msgid":1},{"msgid":2,"qos":1,"topic":"t","payload":"61"},{"msgid":3,"qos":1,"topic":"u","payload":"61)");
     EXPECT_EQ(load().msg_count, 1);
     EXPECT_EQ(record->msgs[0].msgid, 2);
     Fail fail(Call::Allocate, 2);

@@ -41,8 +41,9 @@ TEST_F(storage, entry_points_without_work_say_so)
     persist_clean_expire();
     persist_stop();
     EXPECT_EQ(persist_destroy(), 0);
-    EXPECT_THAT(log.take(), ElementsAre(debug("[persist] 执行强制刷盘(无操作，已同步写入)"), debug("[persist] 清理过期会话（未启用）"),
-                                        info("[persist] 停止刷盘线程..."), info("[persist] 持久化模块销毁中...")));
+    EXPECT_THAT(log.take(), ElementsAre(debug("[persist] 执行强制刷盘(无操作，已同步写入)"),
+                                        debug("[persist] 清理过期会话（未启用）"), info("[persist] 停止刷盘线程..."),
+                                        info("[persist] 持久化模块销毁中...")));
     persist_safe_write("after", "x");
     EXPECT_EQ(read_text("after"), "x") << "clients may close after this";
 }
@@ -100,8 +101,8 @@ TEST_F(storage, ids_that_lead_elsewhere_touch_nothing)
         subscribe("t", 0);
         LogCapture log(2);
         persist_flush_single(record.get(), PERSIST_SESSION);
-        EXPECT_THAT(log.take(), ElementsAre(error("[persist] 写入临时文件失败(重试3次): data/session/" + std::string(id) +
-                                                  ".json.tmp")));
+        EXPECT_THAT(log.take(), ElementsAre(error("[persist] 写入临时文件失败(重试3次): data/session/" +
+                                                  std::string(id) + ".json.tmp")));
         EXPECT_EQ(persist_load(record.get()), 0);
         EXPECT_EQ(persist_load_client_only(record.get()), -4);
         EXPECT_EQ(persist_remove(id), 0);
@@ -215,10 +216,28 @@ static std::set<std::string> files_below(const std::string &root)
 TEST_F(storage, every_id_stays_in_its_three_directories)
 {
     LogCapture               quiet(4);
-    std::vector<std::string> ids = {".",       "..",         "...",      "a..b",  ".json",          "x.json",
-                                    "-rf",     "~",          "$HOME",    "a b",   "a\nb",           "\xff\xfe\x80",
-                                    "%s%n",    "a\\..\\b",   "*",        "\x7f",  std::string(63, 'i'), std::string(63, '\xff'),
-                                    "auto_17", "C:\\x",      "\xe2\x80\xae", "\"}"};
+    std::vector<std::string> ids = {".",
+                                    "..",
+                                    "...",
+                                    "a..b",
+                                    ".json",
+                                    "x.json",
+                                    "-rf",
+                                    "~",
+                                    "$HOME",
+                                    "a b",
+                                    "a\nb",
+                                    "\xff\xfe\x80",
+                                    "%s%n",
+                                    "a\\..\\b",
+                                    "*",
+                                    "\x7f",
+                                    std::string(63, 'i'),
+                                    std::string(63, '\xff'),
+                                    "auto_17",
+                                    "C:\\x",
+                                    "\xe2\x80\xae",
+                                    "\"}"};
     for (const char *middle : {"/", "//", "/../", "/./", "..//.."}) // none of these has a file
         for (const char *side : {"", "a", ".", ".."})
             ids.push_back(std::string(side) + middle + side);

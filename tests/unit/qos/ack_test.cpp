@@ -24,7 +24,8 @@ TEST(ack, needs_a_client_and_an_identifier)
     LogCapture log;
     EXPECT_EQ(qos_reliable_handle_ack(nullptr, 1, PUBACK), -1);
     EXPECT_EQ(qos_reliable_handle_ack(client, 0, PUBACK), -1);
-    EXPECT_THAT(log.take(), ElementsAre(error("[QoS] 处理ACK参数错误：客户端为空"), error("[QoS] 处理ACK参数错误：客户端为空")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(error("[QoS] 处理ACK参数错误：客户端为空"), error("[QoS] 处理ACK参数错误：客户端为空")));
 }
 
 TEST(ack, of_an_unknown_identifier_is_told_at_debug)
@@ -152,7 +153,8 @@ TEST(ack, replies_that_cannot_be_encoded_are_told)
     LogCapture log(1);
     EXPECT_EQ(qos_reliable_handle_ack(client, 3, PUBREC), -1);
     EXPECT_EQ(qos_reliable_handle_ack(client, 3, PUBREL), -1);
-    EXPECT_THAT(own(log), ElementsAre(error("[QoS] PUBREL编码失败: msg_id=3"), error("[QoS] PUBCOMP编码失败: msg_id=3")));
+    EXPECT_THAT(own(log),
+                ElementsAre(error("[QoS] PUBREL编码失败: msg_id=3"), error("[QoS] PUBCOMP编码失败: msg_id=3")));
 }
 
 TEST(expiry, is_set_for_a_known_identifier_only)

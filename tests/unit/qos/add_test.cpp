@@ -130,10 +130,10 @@ TEST(clean, drops_the_entries_of_one_client)
     EXPECT_EQ(pending_count(), 3);
     qos_reliable_clean_client_packets(client);
     qos_reliable_clean_client_packets(nullptr);
-    EXPECT_THAT(log.take(), ElementsAre(warn("[QoS_CLEAN] 清理客户端: dev1"),
-                                        info("[QoS] 清理客户端报文完成(client=dev1)：共清理0条"),
-                                        warn("[QoS_CLEAN] 清理客户端: null"),
-                                        warn("[QoS] 清理客户端报文失败：客户端为空")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(warn("[QoS_CLEAN] 清理客户端: dev1"),
+                            info("[QoS] 清理客户端报文完成(client=dev1)：共清理0条"),
+                            warn("[QoS_CLEAN] 清理客户端: null"), warn("[QoS] 清理客户端报文失败：客户端为空")));
 }
 
 TEST(list, edited_by_hand_is_taken_literally)
@@ -200,8 +200,8 @@ TEST(list, counts_clients_apart)
 {
     constexpr size_t              kClients = 20000;
     const std::unique_ptr<char[]> area(new char[kClients * 64]);
-    const auto client = [&](size_t i) { return reinterpret_cast<mqtt_client_t *>(&area[i * 64]); };
-    LogCapture log(4);
+    const auto                    client = [&](size_t i) { return reinterpret_cast<mqtt_client_t *>(&area[i * 64]); };
+    LogCapture                    log(4);
     for (uint16_t id = 1; id < 1000; ++id)
         ASSERT_EQ(add(client(0), id), 0);
     for (size_t i = 1; i < kClients; ++i)
@@ -295,10 +295,10 @@ TEST(list, finds_the_newest_of_one_identifier)
 
 TEST(list, random_adds_acks_and_cleans_leave_what_a_plain_list_leaves)
 {
-    std::vector<std::unique_ptr<RingClient>>            clients;
-    std::vector<std::pair<mqtt_client_t *, uint16_t>>   model; // newest last
-    LogCapture                                          log(4);
-    unsigned                                            seed = 1;
+    std::vector<std::unique_ptr<RingClient>>          clients;
+    std::vector<std::pair<mqtt_client_t *, uint16_t>> model; // newest last
+    LogCapture                                        log(4);
+    unsigned                                          seed = 1;
     for (int i = 0; i < 7; ++i)
         clients.push_back(std::make_unique<RingClient>());
     for (int step = 0; step < 20000; ++step) {

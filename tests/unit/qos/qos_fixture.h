@@ -31,7 +31,7 @@ public:
     }
     ~RingClient() { free(record_->send_queue); }
     mqtt_client_t *operator->() { return record_.get(); }
-    operator mqtt_client_t *() { return record_.get(); }
+                   operator mqtt_client_t *() { return record_.get(); }
 
     // Packets queued so far, taken out.
     std::vector<Bytes> take()

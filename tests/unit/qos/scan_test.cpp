@@ -33,8 +33,10 @@ TEST(scan, the_first_retransmission_carries_dup_0_and_later_ones_dup_1)
         const char *packet;
         int         count, next_ms;
     };
-    for (const Step &step : {Step{1001, "32 06 00 01 't' 00 07 'x'", 1, 2000}, {2001, "3A 06 00 01 't' 00 07 'x'", 2, 4000},
-                             {4001, "3A 06 00 01 't' 00 07 'x'", 3, 8000}, {8001, "3A 06 00 01 't' 00 07 'x'", 4, 16000},
+    for (const Step &step : {Step{1001, "32 06 00 01 't' 00 07 'x'", 1, 2000},
+                             {2001, "3A 06 00 01 't' 00 07 'x'", 2, 4000},
+                             {4001, "3A 06 00 01 't' 00 07 'x'", 3, 8000},
+                             {8001, "3A 06 00 01 't' 00 07 'x'", 4, 16000},
                              {16001, "3A 06 00 01 't' 00 07 'x'", 5, 30000}}) {
         clock.advance_ms(step.after_ms - 1);
         qos_reliable_scan_queue();
@@ -42,8 +44,9 @@ TEST(scan, the_first_retransmission_carries_dup_0_and_later_ones_dup_1)
         clock.advance_ms(1);
         qos_reliable_scan_queue();
         EXPECT_THAT(client.take(), ElementsAre(wire(step.packet)));
-        EXPECT_THAT(own(log), ElementsAre(info("[QoS] 重发QoS1报文成功(msg_id=7)，重试次数=" + std::to_string(step.count) +
-                                               "，下次间隔=" + std::to_string(step.next_ms) + "ms，载荷长度=1")));
+        EXPECT_THAT(own(log),
+                    ElementsAre(info("[QoS] 重发QoS1报文成功(msg_id=7)，重试次数=" + std::to_string(step.count) +
+                                     "，下次间隔=" + std::to_string(step.next_ms) + "ms，载荷长度=1")));
     }
     clock.advance_ms(30000);
     qos_reliable_scan_queue();
@@ -77,9 +80,10 @@ TEST(scan, traces_what_it_sent_and_dropped)
     clock.advance_ms(1001);
     LogCapture log;
     qos_reliable_scan_queue();
-    EXPECT_THAT(own(log), ElementsAre(error("[QoS] 报文重试次数超限(msg_id=2)，丢弃"), debug("[QoS_SEND] msg_id=1, client=dev1"),
-                                      info("[QoS] 重发QoS1报文成功(msg_id=1)，重试次数=1，下次间隔=2000ms，载荷长度=1"),
-                                      debug("[QoS] 队列扫描完成：重发1条，丢弃1条")));
+    EXPECT_THAT(own(log),
+                ElementsAre(error("[QoS] 报文重试次数超限(msg_id=2)，丢弃"), debug("[QoS_SEND] msg_id=1, client=dev1"),
+                            info("[QoS] 重发QoS1报文成功(msg_id=1)，重试次数=1，下次间隔=2000ms，载荷长度=1"),
+                            debug("[QoS] 队列扫描完成：重发1条，丢弃1条")));
     qos_reliable_scan_queue();
     EXPECT_THAT(own(log), IsEmpty());
 }
@@ -305,7 +309,8 @@ TEST(threads, a_thread_that_cannot_be_made_ends_the_module)
     Fail       fail(Call::ThreadCreate, 1, 11 /* EAGAIN */);
     EXPECT_EQ(qos_reliable_init(), -1);
     EXPECT_EQ(g_scan_running, 0);
-    EXPECT_THAT(log.take(), ElementsAre(error("[QoS] 创建扫描线程失败，Linux错误码：11（描述：Resource temporarily unavailable）")));
+    EXPECT_THAT(log.take(), ElementsAre(error(
+                                "[QoS] 创建扫描线程失败，Linux错误码：11（描述：Resource temporarily unavailable）")));
 }
 
 TEST(threads, retransmit_by_themselves)

@@ -63,7 +63,8 @@ struct stats : testing::Test {
     // As in a host that asked for German numbers. The locale is made here, few machines have one.
     static bool use_decimal_comma()
     {
-        std::ofstream("comma.src") << "LC_NUMERIC\ndecimal_point \",\"\nthousands_sep \"\"\ngrouping -1\nEND LC_NUMERIC\n";
+        std::ofstream("comma.src")
+            << "LC_NUMERIC\ndecimal_point \",\"\nthousands_sep \"\"\ngrouping -1\nEND LC_NUMERIC\n";
         const int made = system("localedef -c -i ./comma.src -f UTF-8 ./comma 2>localedef.txt");
         setenv("LOCPATH", ".", 1);
         return made != -1 && setlocale(LC_NUMERIC, "comma") && *localeconv()->decimal_point == ',';
@@ -91,8 +92,8 @@ TEST_F(stats, init_zeroes_everything_and_takes_the_time)
     // All fields but the four bytes of padding behind parse_error and pool_usage.
     EXPECT_EQ(memcmp(&g_mqtt_stats, &expected, offsetof(mqtt_stats_t, parse_error) + 4), 0);
     EXPECT_EQ(memcmp(&g_mqtt_stats.persist_write, &expected.persist_write, 16 + 8 + 4), 0);
-    EXPECT_EQ(memcmp(&g_mqtt_stats.period_rx, &expected.period_rx,
-                     sizeof expected - offsetof(mqtt_stats_t, period_rx)), 0);
+    EXPECT_EQ(memcmp(&g_mqtt_stats.period_rx, &expected.period_rx, sizeof expected - offsetof(mqtt_stats_t, period_rx)),
+              0);
 }
 
 TEST_F(stats, deinit_does_nothing)
@@ -217,7 +218,7 @@ TEST_F(stats, report_has_thirteen_lines_at_warn)
     mqtt_stats_print();
     EXPECT_THAT(log.take(),
                 ElementsAre(warn("!!!>>>===================== MQTT Broker 维测统计 ====================="),
-                            warn("运行时长: 61234 ms"), //
+                            warn("运行时长: 61234 ms"),          //
                             warn("在线客户端: 0 / 历史最高: 9"), //
                             warn("内存池使用率: 100/300 (33.3%)"),
                             warn("[周期60s] 收包:31 | 发包:32 | 超时:38 | 遗嘱:39 | 持久写:40 | 持久读:41"),
@@ -254,10 +255,11 @@ TEST_F(stats, json_names_totals_and_snapshot)
     fill_sources();
     char text[1024];
     EXPECT_EQ(mqtt_stats_to_json(text, sizeof text), 0);
-    EXPECT_STREQ(text, "{\"online\":0,\"max_online\":0,\"pool_used\":100,\"pool_cap\":300,\"pool_usage\":33.3,\"pkt_rx\":11,"
-                       "\"pkt_tx\":12,\"drop_offline\":13,\"drop_queue_full\":14,\"drop_too_big\":15,"
-                       "\"drop_invalid_param\":16,\"drop_send_failed\":17,\"qos0\":18,\"qos1\":19,\"qos2\":20,"
-                       "\"offline_msg\":21,\"retain_msg\":8,\"subs\":7,\"timeout\":22,\"will_sent\":23}");
+    EXPECT_STREQ(text,
+                 "{\"online\":0,\"max_online\":0,\"pool_used\":100,\"pool_cap\":300,\"pool_usage\":33.3,\"pkt_rx\":11,"
+                 "\"pkt_tx\":12,\"drop_offline\":13,\"drop_queue_full\":14,\"drop_too_big\":15,"
+                 "\"drop_invalid_param\":16,\"drop_send_failed\":17,\"qos0\":18,\"qos1\":19,\"qos2\":20,"
+                 "\"offline_msg\":21,\"retain_msg\":8,\"subs\":7,\"timeout\":22,\"will_sent\":23}");
     EXPECT_THAT(log.take(), IsEmpty());
 }
 

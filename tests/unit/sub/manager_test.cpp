@@ -140,7 +140,10 @@ static void expect_no_arrays()
     EXPECT_EQ(sub_match("a", &entry, 1), 1);
 }
 
-TEST(sub_mgr, is_empty_and_full_before_init) { expect_no_arrays(); }
+TEST(sub_mgr, is_empty_and_full_before_init)
+{
+    expect_no_arrays();
+}
 
 TEST(sub_mgr, is_empty_and_full_after_deinit)
 {

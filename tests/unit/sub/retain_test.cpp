@@ -185,7 +185,8 @@ TEST_F(retain_set, makes_room_by_discarding_what_has_expired)
     clock.advance_ms(11000);
     lines();
     EXPECT_EQ(set("new", "x"), 0);
-    EXPECT_THAT(lines(), ElementsAre(info("保留消息已过期，自动清理: topic=t500"), info("MQTT标准：新增Topic=new的保留消息")));
+    EXPECT_THAT(lines(),
+                ElementsAre(info("保留消息已过期，自动清理: topic=t500"), info("MQTT标准：新增Topic=new的保留消息")));
     EXPECT_STREQ(g_sub_mgr.retains[999].topic, "new");
 }
 
@@ -254,8 +255,9 @@ TEST_F(retain_expiry, discards_all_that_ended_in_order)
     clock.advance_ms(2000);
     lines();
     retain_clean_expired();
-    EXPECT_THAT(lines(), ElementsAre(info("保留消息已过期，自动清理: topic=a"), info("保留消息已过期，自动清理: topic=b"),
-                                     info("保留消息已过期，自动清理: topic=d")));
+    EXPECT_THAT(lines(),
+                ElementsAre(info("保留消息已过期，自动清理: topic=a"), info("保留消息已过期，自动清理: topic=b"),
+                            info("保留消息已过期，自动清理: topic=d")));
     EXPECT_THAT(entries(), ElementsAre("c 3 0 2 0"));
 }
 
@@ -310,17 +312,19 @@ TEST_F(retain_get, at_debug_tells_every_look)
     snprintf(address, sizeof address, "%p", static_cast<void *>(&found));
     at_debug();
     EXPECT_EQ(retain_msg_get("b", &found), 0);
-    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_get：开始查询（topic=b, msg_ptr=" + std::string(address) + "）"),
-                                     debug("[TRACE] retain_msg_get：已加锁，当前保留消息数量=2"),
-                                     debug("[TRACE] retain_msg_get：检查保留消息（索引=0, topic=a）"),
-                                     debug("[TRACE] retain_msg_get：检查保留消息（索引=1, topic=b）"),
-                                     debug("[DEBUG] retain_msg_get：找到保留消息（topic=b, payload_len=2）")));
+    EXPECT_THAT(lines(),
+                ElementsAre(debug("[DEBUG] retain_msg_get：开始查询（topic=b, msg_ptr=" + std::string(address) + "）"),
+                            debug("[TRACE] retain_msg_get：已加锁，当前保留消息数量=2"),
+                            debug("[TRACE] retain_msg_get：检查保留消息（索引=0, topic=a）"),
+                            debug("[TRACE] retain_msg_get：检查保留消息（索引=1, topic=b）"),
+                            debug("[DEBUG] retain_msg_get：找到保留消息（topic=b, payload_len=2）")));
     EXPECT_EQ(retain_msg_get("x", &found), -5);
-    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_get：开始查询（topic=x, msg_ptr=" + std::string(address) + "）"),
-                                     debug("[TRACE] retain_msg_get：已加锁，当前保留消息数量=2"),
-                                     debug("[TRACE] retain_msg_get：检查保留消息（索引=0, topic=a）"),
-                                     debug("[TRACE] retain_msg_get：检查保留消息（索引=1, topic=b）"),
-                                     debug("[DEBUG] retain_msg_get：未找到保留消息（topic=x）")));
+    EXPECT_THAT(lines(),
+                ElementsAre(debug("[DEBUG] retain_msg_get：开始查询（topic=x, msg_ptr=" + std::string(address) + "）"),
+                            debug("[TRACE] retain_msg_get：已加锁，当前保留消息数量=2"),
+                            debug("[TRACE] retain_msg_get：检查保留消息（索引=0, topic=a）"),
+                            debug("[TRACE] retain_msg_get：检查保留消息（索引=1, topic=b）"),
+                            debug("[DEBUG] retain_msg_get：未找到保留消息（topic=x）")));
 }
 
 TEST_F(retain_delete, takes_out_the_entry_of_exactly_this_topic)

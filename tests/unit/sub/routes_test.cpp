@@ -87,8 +87,8 @@ TEST_F(routes, complain_as_the_match_does)
     sub_add("c", "$share/g/", 1, 0);
     log.take();
     EXPECT_EQ(match_routes("a", list), 0);
-    EXPECT_THAT(log.take(),
-                ElementsAre(error("[DEBUG] mqtt_filter_is_valid：空过滤器非法"), info("MQTT标准：Topic=a 匹配到 0 个订阅者")));
+    EXPECT_THAT(log.take(), ElementsAre(error("[DEBUG] mqtt_filter_is_valid：空过滤器非法"),
+                                        info("MQTT标准：Topic=a 匹配到 0 个订阅者")));
 }
 
 TEST_F(routes, at_debug_write_the_lines_of_the_match)

@@ -117,7 +117,10 @@ struct Model {
     }
 };
 
-Entry as_entry(const sub_entry_t &e) { return {e.client_id, e.topic_filter, e.qos, e.sub_identifier}; }
+Entry as_entry(const sub_entry_t &e)
+{
+    return {e.client_id, e.topic_filter, e.qos, e.sub_identifier};
+}
 
 std::vector<Entry> table()
 {
@@ -152,7 +155,10 @@ std::vector<Entry> routed(const std::string &topic)
     return all;
 }
 
-std::ostream &operator<<(std::ostream &out, const Entry &e) { return out << e.id << ':' << e.filter; }
+std::ostream &operator<<(std::ostream &out, const Entry &e)
+{
+    return out << e.id << ':' << e.filter;
+}
 
 // ---- random texts from few pieces, so that they meet often
 
@@ -162,8 +168,9 @@ struct Dice {
 
     std::string topic()
     {
-        static const char *const kLevels[] = {"a", "b", "c", "", "ab", "long-level-name-that-goes-beyond-the-first-words"};
-        std::string text;
+        static const char *const kLevels[] = {"a", "b",  "c",
+                                              "",  "ab", "long-level-name-that-goes-beyond-the-first-words"};
+        std::string              text;
         for (unsigned i = 0, n = 1 + up_to(5); i < n; ++i)
             text += (i ? "/" : "") + std::string(kLevels[up_to(6)]);
         return text;
@@ -198,7 +205,8 @@ struct index_of_subscriptions : testing::Test {
 
     void add(const std::string &id, const std::string &filter, uint32_t qos = 0, uint32_t identifier = 0)
     {
-        EXPECT_EQ(sub_add_with_id(id.c_str(), filter.c_str(), qos, 0, identifier), model.add(id, filter, qos, identifier));
+        EXPECT_EQ(sub_add_with_id(id.c_str(), filter.c_str(), qos, 0, identifier),
+                  model.add(id, filter, qos, identifier));
     }
     void fill(int count)
     {

@@ -41,7 +41,11 @@ struct Table : testing::Test {
             all.push_back(entry.client_id);
         return all;
     }
-    void at_debug() { agent_log_set_level(0); log.take(); }
+    void at_debug()
+    {
+        agent_log_set_level(0);
+        log.take();
+    }
 };
 struct adding : Table {};
 struct adding_with_id : Table {};
@@ -163,25 +167,30 @@ TEST_F(adding, at_debug_tells_every_look)
 {
     at_debug();
     sub_add("c1", "a", 1, 0);
-    EXPECT_THAT(log.take(),
-                ElementsAre(debug("[DEBUG] sub_add：开始添加订阅（client_id=c1, topic_filter=a, qos=1, clean_session=0）"),
-                            debug("[TRACE] sub_add：已加锁，当前订阅数=0，最大容量=10000"),
-                            debug("[DEBUG] sub_add：新增订阅成功（client_id=c1, topic_filter=a, 总数=1）"),
-                            info("MQTT标准：新增订阅：ClientID=c1, Topic=a, QoS=1, CleanSession=0")));
+    EXPECT_THAT(
+        log.take(),
+        ElementsAre(debug("[DEBUG] sub_add：开始添加订阅（client_id=c1, topic_filter=a, qos=1, clean_session=0）"),
+                    debug("[TRACE] sub_add：已加锁，当前订阅数=0，最大容量=10000"),
+                    debug("[DEBUG] sub_add：新增订阅成功（client_id=c1, topic_filter=a, 总数=1）"),
+                    info("MQTT标准：新增订阅：ClientID=c1, Topic=a, QoS=1, CleanSession=0")));
     sub_add("c2", "a", 1, 0);
     log.take();
     sub_add("c2", "a", 2, 1);
-    EXPECT_THAT(log.take(),
-                ElementsAre(debug("[DEBUG] sub_add：开始添加订阅（client_id=c2, topic_filter=a, qos=2, clean_session=1）"),
-                            debug("[TRACE] sub_add：已加锁，当前订阅数=2，最大容量=10000"),
-                            debug("[TRACE] sub_add：检查重复订阅（索引=0, client_id=c1, topic_filter=a）"),
-                            debug("[TRACE] sub_add：检查重复订阅（索引=1, client_id=c2, topic_filter=a）"),
-                            debug("[DEBUG] sub_add：发现重复订阅，更新QoS和CleanSession（client_id=c2, topic_filter=a, 旧QoS=1, 新QoS=2）"),
-                            info("MQTT标准：更新订阅：ClientID=c2, Topic=a, QoS=2")));
+    EXPECT_THAT(
+        log.take(),
+        ElementsAre(debug("[DEBUG] sub_add：开始添加订阅（client_id=c2, topic_filter=a, qos=2, clean_session=1）"),
+                    debug("[TRACE] sub_add：已加锁，当前订阅数=2，最大容量=10000"),
+                    debug("[TRACE] sub_add：检查重复订阅（索引=0, client_id=c1, topic_filter=a）"),
+                    debug("[TRACE] sub_add：检查重复订阅（索引=1, client_id=c2, topic_filter=a）"),
+                    debug("[DEBUG] sub_add：发现重复订阅，更新QoS和CleanSession（client_id=c2, topic_filter=a, "
+                          "旧QoS=1, 新QoS=2）"),
+                    info("MQTT标准：更新订阅：ClientID=c2, Topic=a, QoS=2")));
     sub_add(nullptr, nullptr, 0, 0);
-    EXPECT_THAT(log.take(),
-                ElementsAre(debug("[DEBUG] sub_add：开始添加订阅（client_id=(null), topic_filter=(null), qos=0, clean_session=0）"),
-                            error("[DEBUG] sub_add：无效的订阅参数（client_id=(null), topic_filter=(null)）")));
+    EXPECT_THAT(
+        log.take(),
+        ElementsAre(
+            debug("[DEBUG] sub_add：开始添加订阅（client_id=(null), topic_filter=(null), qos=0, clean_session=0）"),
+            error("[DEBUG] sub_add：无效的订阅参数（client_id=(null), topic_filter=(null)）")));
 }
 
 // ---- sub_add_with_id
@@ -294,24 +303,27 @@ TEST_F(removing, at_debug_tells_every_look)
     sub_add("c2", "a", 0, 0);
     at_debug();
     EXPECT_EQ(sub_remove("c1", nullptr), 2);
-    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] sub_remove：开始移除订阅（client_id=c1, topic_filter=所有）"),
-                                        debug("[TRACE] sub_remove：已加锁，当前订阅数=3"),
-                                        debug("[TRACE] sub_remove：检查订阅（索引=0, client_id=c1, topic_filter=a）"),
-                                        debug("[TRACE] sub_remove：移除订阅（索引=0, topic_filter=a）"),
-                                        debug("[TRACE] sub_remove：检查订阅（索引=0, client_id=c1, topic_filter=b）"),
-                                        debug("[TRACE] sub_remove：移除订阅（索引=0, topic_filter=b）"),
-                                        debug("[TRACE] sub_remove：检查订阅（索引=0, client_id=c2, topic_filter=a）"),
-                                        debug("[DEBUG] sub_remove：移除订阅完成（client_id=c1, 移除数量=2, 剩余订阅数=1）"),
-                                        info("MQTT标准：移除订阅：ClientID=c1, Topic=所有, 移除数量=2")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(debug("[DEBUG] sub_remove：开始移除订阅（client_id=c1, topic_filter=所有）"),
+                            debug("[TRACE] sub_remove：已加锁，当前订阅数=3"),
+                            debug("[TRACE] sub_remove：检查订阅（索引=0, client_id=c1, topic_filter=a）"),
+                            debug("[TRACE] sub_remove：移除订阅（索引=0, topic_filter=a）"),
+                            debug("[TRACE] sub_remove：检查订阅（索引=0, client_id=c1, topic_filter=b）"),
+                            debug("[TRACE] sub_remove：移除订阅（索引=0, topic_filter=b）"),
+                            debug("[TRACE] sub_remove：检查订阅（索引=0, client_id=c2, topic_filter=a）"),
+                            debug("[DEBUG] sub_remove：移除订阅完成（client_id=c1, 移除数量=2, 剩余订阅数=1）"),
+                            info("MQTT标准：移除订阅：ClientID=c1, Topic=所有, 移除数量=2")));
     EXPECT_EQ(sub_remove("c2", "x"), 0);
-    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] sub_remove：开始移除订阅（client_id=c2, topic_filter=x）"),
-                                        debug("[TRACE] sub_remove：已加锁，当前订阅数=1"),
-                                        debug("[TRACE] sub_remove：检查订阅（索引=0, client_id=c2, topic_filter=a）"),
-                                        debug("[DEBUG] sub_remove：移除订阅完成（client_id=c2, 移除数量=0, 剩余订阅数=1）"),
-                                        info("MQTT标准：移除订阅：ClientID=c2, Topic=x, 移除数量=0")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(debug("[DEBUG] sub_remove：开始移除订阅（client_id=c2, topic_filter=x）"),
+                            debug("[TRACE] sub_remove：已加锁，当前订阅数=1"),
+                            debug("[TRACE] sub_remove：检查订阅（索引=0, client_id=c2, topic_filter=a）"),
+                            debug("[DEBUG] sub_remove：移除订阅完成（client_id=c2, 移除数量=0, 剩余订阅数=1）"),
+                            info("MQTT标准：移除订阅：ClientID=c2, Topic=x, 移除数量=0")));
     EXPECT_EQ(sub_remove(nullptr, nullptr), -1);
-    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] sub_remove：开始移除订阅（client_id=(null), topic_filter=所有）"),
-                                        error("[DEBUG] sub_remove：无效的ClientID（空指针/空字符串）")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(debug("[DEBUG] sub_remove：开始移除订阅（client_id=(null), topic_filter=所有）"),
+                            error("[DEBUG] sub_remove：无效的ClientID（空指针/空字符串）")));
 }
 
 // ---- sub_match
@@ -358,7 +370,8 @@ TEST_F(matching, stops_when_there_is_no_more_room)
     log.take();
     EXPECT_THAT(matches("a", 1), ElementsAre("c1"));
     EXPECT_THAT(matches("a", 3), ElementsAre("c1", "c2", "c3"));
-    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：Topic=a 匹配到 1 个订阅者"), info("MQTT标准：Topic=a 匹配到 3 个订阅者")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(info("MQTT标准：Topic=a 匹配到 1 个订阅者"), info("MQTT标准：Topic=a 匹配到 3 个订阅者")));
 }
 
 TEST_F(matching, complains_about_a_shared_filter_without_a_topic_part_each_time)
@@ -368,8 +381,10 @@ TEST_F(matching, complains_about_a_shared_filter_without_a_topic_part_each_time)
     log.take();
     EXPECT_THAT(matches("a"), ElementsAre("c2"));
     EXPECT_THAT(matches("b"), IsEmpty());
-    EXPECT_THAT(log.take(), ElementsAre(error("[DEBUG] mqtt_filter_is_valid：空过滤器非法"), info("MQTT标准：Topic=a 匹配到 1 个订阅者"),
-                                        error("[DEBUG] mqtt_filter_is_valid：空过滤器非法"), info("MQTT标准：Topic=b 匹配到 0 个订阅者")));
+    EXPECT_THAT(log.take(), ElementsAre(error("[DEBUG] mqtt_filter_is_valid：空过滤器非法"),
+                                        info("MQTT标准：Topic=a 匹配到 1 个订阅者"),
+                                        error("[DEBUG] mqtt_filter_is_valid：空过滤器非法"),
+                                        info("MQTT标准：Topic=b 匹配到 0 个订阅者")));
 }
 
 TEST_F(matching, refuses_bad_arguments)
@@ -384,13 +399,17 @@ TEST_F(matching, refuses_bad_arguments)
     EXPECT_EQ(sub_match(nullptr, &room, -1), 0);
     const std::vector<LogLine> lines = log.take();
     ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[0], error("[DEBUG] sub_match：入参无效（topic=(nil), matched=" + std::string(address) + ", max_matched=1）"));
+    EXPECT_EQ(lines[0],
+              error("[DEBUG] sub_match：入参无效（topic=(nil), matched=" + std::string(address) + ", max_matched=1）"));
     EXPECT_THAT(lines[1].text, testing::HasSubstr(", matched=(nil), max_matched=1）"));
-    EXPECT_EQ(lines[2], error("[DEBUG] sub_match：入参无效（topic=(nil), matched=" + std::string(address) + ", max_matched=0）"));
-    EXPECT_EQ(lines[3], error("[DEBUG] sub_match：入参无效（topic=(nil), matched=" + std::string(address) + ", max_matched=-1）"));
+    EXPECT_EQ(lines[2],
+              error("[DEBUG] sub_match：入参无效（topic=(nil), matched=" + std::string(address) + ", max_matched=0）"));
+    EXPECT_EQ(lines[3], error("[DEBUG] sub_match：入参无效（topic=(nil), matched=" + std::string(address) +
+                              ", max_matched=-1）"));
     at_debug();
     EXPECT_EQ(sub_match(nullptr, &room, 1), 0);
-    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] sub_match：开始匹配订阅（topic=(null), max_matched=1）"), lines[0]));
+    EXPECT_THAT(log.take(),
+                ElementsAre(debug("[DEBUG] sub_match：开始匹配订阅（topic=(null), max_matched=1）"), lines[0]));
 }
 
 TEST_F(matching, at_debug_tells_every_look)

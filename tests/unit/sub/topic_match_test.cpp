@@ -13,8 +13,8 @@ using testing::IsEmpty;
 
 namespace {
 
-const LogLine kPassed  = debug("[TRACE] topic_match_wildcard：匹配+通配符，跳过当前层级");
-const LogLine kParent  = debug("[TRACE] topic_match_wildcard：filter剩余/#且topic结束，判定匹配");
+const LogLine kPassed = debug("[TRACE] topic_match_wildcard：匹配+通配符，跳过当前层级");
+const LogLine kParent = debug("[TRACE] topic_match_wildcard：filter剩余/#且topic结束，判定匹配");
 
 LogLine rest(const std::string &filter, const std::string &topic)
 {
@@ -45,20 +45,35 @@ struct topic_match : testing::Test {
 TEST_F(topic_match, compares_byte_by_byte)
 {
     expect_all(1, {{"a", "a"}, {"a/b", "a/b"}, {"/", "/"}, {"a//b", "a//b"}, {"温度", "温度"}});
-    expect_all(0, {{"A/b", "a/b"}, {"a/b", "a/b/c"}, {"a/b/c", "a/b"}, {"a", "a/"}, {"a/", "a"}, {"a", ""}, {"a", "b"}});
+    expect_all(0,
+               {{"A/b", "a/b"}, {"a/b", "a/b/c"}, {"a/b/c", "a/b"}, {"a", "a/"}, {"a/", "a"}, {"a", ""}, {"a", "b"}});
 }
 
 TEST_F(topic_match, hash_takes_the_rest_and_the_level_above)
 {
-    expect_all(1, {{"sport/#", "sport"}, {"sport/#", "sport/"}, {"sport/#", "sport/tennis/x"}, {"#", "a"}, {"#", "/"},
-                   {"#", ""}, {"/#", "/"}, {"/#", "/a/b"}, {"/#", ""}, {"a//#", "a/"}});
+    expect_all(1, {{"sport/#", "sport"},
+                   {"sport/#", "sport/"},
+                   {"sport/#", "sport/tennis/x"},
+                   {"#", "a"},
+                   {"#", "/"},
+                   {"#", ""},
+                   {"/#", "/"},
+                   {"/#", "/a/b"},
+                   {"/#", ""},
+                   {"a//#", "a/"}});
     expect_all(0, {{"sport/#", "sports"}, {"sport/#", "spor"}, {"/#", "a"}, {"a/b/#", "a"}, {"a/#", ""}});
 }
 
 TEST_F(topic_match, plus_takes_one_level)
 {
-    expect_all(1, {{"a/+", "a/b"}, {"+/b", "/b"}, {"+/b", "a/b"}, {"+", "a"}, {"+/+", "/a"}, {"a/+/c", "a//c"},
-                   {"+/+/+", "a/b/c"}, {"+/", "a/"}});
+    expect_all(1, {{"a/+", "a/b"},
+                   {"+/b", "/b"},
+                   {"+/b", "a/b"},
+                   {"+", "a"},
+                   {"+/+", "/a"},
+                   {"a/+/c", "a//c"},
+                   {"+/+/+", "a/b/c"},
+                   {"+/", "a/"}});
     expect_all(0, {{"a/+", "a/b/c"}, {"+", "a/b"}, {"+/b", "a/c"}, {"+/b", "a"}, {"a/+/c", "a/b"}, {"a/+", "a"}});
 }
 

@@ -10,15 +10,12 @@ using namespace tarn::test;
 namespace {
 
 const Bytes kKey      = wire("01 02 03 04 05 06 07 08 | 09 0A 0B 0C 0D 0E 0F 10 | 11 12 13 14 15 16 17 18 | "
-                             "19 1A 1B 1C 1D 1E 1F 20 | 21");
+                                  "19 1A 1B 1C 1D 1E 1F 20 | 21");
 const Bytes kIdentity = text("identity-of-17-ch");
 
 struct tls_psk : testing::Test {
     tls_psk_ctx_t ctx{};
-    void          start(int32_t key_len = 4)
-    {
-        ASSERT_EQ(tls_psk_init(&ctx, kKey.data(), key_len, kIdentity.data(), 8), 0);
-    }
+    void start(int32_t key_len = 4) { ASSERT_EQ(tls_psk_init(&ctx, kKey.data(), key_len, kIdentity.data(), 8), 0); }
 };
 
 } // namespace
