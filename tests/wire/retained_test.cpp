@@ -123,14 +123,14 @@ TEST(retained, a_thousand_topics_and_not_one_more)
     watcher.connect_v4("watcher").subscribe("k/1000");
     LogCapture log(3);
     publish_all(test.sender, kAlready, kCapacity);
-    EXPECT_THAT(log.take(), IsEmpty());
+    EXPECT_THAT(log.take_from("ERROR"), IsEmpty());
     EXPECT_EQ(test.host.retained_topics(), topics(0, kCapacity));
 
     test.sender.publish(topic_of(kCapacity), "one more", {.qos = 1, .retain = true}); // acknowledged all the same
-    EXPECT_THAT(log.take(), ElementsAre(error("保留消息数量超限（max=1000）")));
+    EXPECT_THAT(log.take_from("ERROR"), ElementsAre(error("保留消息数量超限（max=1000）")));
     watcher.expect_publish(topic_of(kCapacity), "one more"); // and passed on
     EXPECT_EQ(test.host.publish("k/host", "one more", 0, true), 0);
-    EXPECT_THAT(log.take(), ElementsAre(error("保留消息数量超限（max=1000）")));
+    EXPECT_THAT(log.take_from("ERROR"), ElementsAre(error("保留消息数量超限（max=1000）")));
     EXPECT_EQ(test.host.retained_topics(), topics(0, kCapacity));
     expect_replay("k/#", replay(0, kCapacity));
     EXPECT_EQ(std::filesystem::file_size("broker_data/retain.dat"), 4 + kCapacity * sizeof(retain_msg_t));
@@ -143,7 +143,7 @@ TEST(retained, a_full_store_replaces_in_place)
     full.sender.publish(topic_of(500), "new", {.retain = true});
     EXPECT_EQ(full.host.publish(topic_of(0), "newer", 0, true), 0);
     full.sender.ping();
-    EXPECT_THAT(log.take(), IsEmpty());
+    EXPECT_THAT(log.take_from("ERROR"), IsEmpty());
     expect_replay("k/#", replay(0, "newer") + replay(1, 500) + replay(500, "new") + replay(501, kCapacity));
 }
 
