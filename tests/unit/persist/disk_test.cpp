@@ -145,11 +145,13 @@ TEST_F(disk, a_file_system_that_cannot_replace_has_the_target_deleted_first)
 
 TEST_F(disk, three_attempts_have_two_pauses)
 {
-    Fail       open(Call::FileOpen, 1, ENOSPC, 3);
-    const auto before = std::chrono::steady_clock::now();
     LogCapture quiet(4);
-    persist_safe_write("f", "x");
-    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(20));
+    for (const Call call : {Call::FileOpen, Call::Rename}) {
+        Fail       fail(call, 1, ENOSPC, 3);
+        const auto before = std::chrono::steady_clock::now();
+        persist_safe_write("f", "x");
+        EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(20));
+    }
 }
 
 TEST_F(disk, a_directory_that_was_removed_is_told_file_by_file)

@@ -188,12 +188,35 @@ TEST_F(subscription_file, of_every_client_enters_the_table_at_start)
     EXPECT_TRUE(log.has(info("[persist] ✅ 恢复客户端订阅: x.jso  订阅数=0")));
     EXPECT_TRUE(log.has(info("[persist] ✅ 恢复客户端订阅:   订阅数=0")));
     EXPECT_TRUE(log.has(info("[persist] ✅ 所有持久化订阅加载完成")));
-    EXPECT_EQ(g_sub_mgr.sub_count, 1);
+    ASSERT_EQ(g_sub_mgr.sub_count, 1);
+    EXPECT_STREQ(g_sub_mgr.subs[0].client_id, "dev1");
+    EXPECT_STREQ(g_sub_mgr.subs[0].topic_filter, "a");
+    EXPECT_EQ(g_sub_mgr.subs[0].qos, 1);
+    EXPECT_EQ(g_sub_mgr.subs[0].clean_session, 0) << "for messages are kept for it from now on";
     std::filesystem::remove_all("data/subscription");
     log.take();
     persist_load_all_persisted_subscriptions();
     EXPECT_THAT(log.take(), ElementsAre(line, info("[persist] 🔥 BROKER 启动 - 自动加载所有持久化订阅"), line,
                                         warn("[persist] 订阅目录不存在")));
+}
+
+TEST_F(subscription_file, is_read_with_the_two_others_at_start)
+{
+    write_text("data/session/dev1.json", "{}");
+    write_text("data/subscription/dev1.json", R"({"subs":[{"topic":"a","qos":1},{"topic":"b","qos":2}]})");
+    write_text("data/message/dev1.json", "{}");
+    LogCapture    log(1);
+    const LogLine line = info("[persist] ==============================================");
+    persist_load_all_persisted_subscriptions();
+    std::vector<LogLine> lines = log.take();
+    std::erase_if(lines, [](const LogLine &said) { return said.text.find("[persist]") != 0; });
+    EXPECT_THAT(lines, ElementsAre(line, info("[persist] 🔥 BROKER 启动 - 自动加载所有持久化订阅"), line,
+                                   info("[persist] ✅ 恢复订阅成功: dev1 共 2 条"),
+                                   warn("[persist][定位] 消息格式错误：找不到 msgs 节点"),
+                                   info("[persist] ✅ 恢复客户端订阅: dev1  订阅数=2"), line,
+                                   info("[persist] ✅ 所有持久化订阅加载完成"), line));
+    EXPECT_EQ(g_mqtt_stats.persist_read, 2u);
+    EXPECT_EQ(g_sub_mgr.sub_count, 2);
 }
 
 using message_file = DataDirectory;
