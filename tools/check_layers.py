@@ -18,6 +18,7 @@ SEAMS = {
     "client/client_ref.h": "records found and held safely",
     "codec/codec_text.h": "results as log lines name them",
     "codec/disconnect_link.h": "whether a property was there",
+    "codec/packet_type.h": "the types of packets by name",
     "codec/publish_link.h": "encoding one message for many receivers",
     "log/log.h": "lines whose arguments are not evaluated below the level",
     "net/netip_link.h": "one connection named exactly, many packets in one write",

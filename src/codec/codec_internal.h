@@ -9,26 +9,10 @@
 #include "../base/relaxed.h"
 #include "../log/log.h"
 #include "mqtt_codec.h"
+#include "packet_type.h"
 #include "wire.h"
 
 namespace tarn::codec {
-
-enum PacketType : uint8_t {
-    CONNECT     = 1,
-    CONNACK     = 2,
-    PUBLISH     = 3,
-    PUBACK      = 4,
-    PUBREC      = 5,
-    PUBREL      = 6,
-    PUBCOMP     = 7,
-    SUBSCRIBE   = 8,
-    SUBACK      = 9,
-    UNSUBSCRIBE = 10,
-    UNSUBACK    = 11,
-    PINGREQ     = 12,
-    PINGRESP    = 13,
-    DISCONNECT  = 14
-};
 
 // return REFUSE(CODEC_E_..., "format", ...): the ERROR line and the result of a failing call. A macro, so that the
 // compiler checks the format.

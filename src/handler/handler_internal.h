@@ -8,27 +8,13 @@
 #include "../api/broker.h"
 #include "../base/relaxed.h"
 #include "../client/client_ref.h"
+#include "../codec/packet_type.h"
 #include "../log/log.h"
 #include "packet_handler.h"
 
 #include <span>
 
 namespace tarn::handler {
-
-enum PacketType : int {
-    CONNECT     = 1,
-    PUBLISH     = 3,
-    PUBACK      = 4,
-    PUBREC      = 5,
-    PUBREL      = 6,
-    PUBCOMP     = 7,
-    SUBSCRIBE   = 8,
-    SUBACK      = 9,
-    UNSUBSCRIBE = 10,
-    UNSUBACK    = 11,
-    PINGREQ     = 12,
-    DISCONNECT  = 14
-};
 
 using Packet = std::span<const uint8_t>; // exactly one packet, fixed header first
 
