@@ -21,7 +21,8 @@ struct mosquitto : testing::TestWithParam<int> {
 
 Child unready_subscriber(const std::string &id, const std::vector<std::string> &options)
 {
-    std::vector<std::string> command = {"stdbuf", "-oL", "mosquitto_sub", "-d", "-V", "mqttv311", "-i", id};
+    std::vector<std::string> command = {"stdbuf", "-oL", "mosquitto_sub", "-h", "127.0.0.1",
+                                        "-d",     "-V",  "mqttv311",      "-i", id};
     command.insert(command.end(), options.begin(), options.end());
     return Child(id, command);
 }
@@ -36,7 +37,8 @@ Child subscriber(const std::string &id, const std::vector<std::string> &options)
 
 void publish(const std::vector<std::string> &options)
 {
-    std::vector<std::string> command = {"mosquitto_pub", "-V", "mqttv311", "-i", "12345678901234567890123"};
+    std::vector<std::string> command = {"mosquitto_pub",          "-h", "127.0.0.1", "-V", "mqttv311", "-i",
+                                        "12345678901234567890123"};
     command.insert(command.end(), options.begin(), options.end());
     Child child("pub", command);
     EXPECT_EQ(child.wait(kLimit_ms), 0) << child.errors();
