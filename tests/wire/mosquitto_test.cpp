@@ -66,7 +66,8 @@ TEST_P(mosquitto, many_messages_in_order)
     Child       sub = subscriber("sub", {"-t", "t", "-q", qos, "-C", "60"});
     for (int i = 100; i < 160; ++i)
         lines += "message " + std::to_string(i) + "\\n";
-    Child pub("pub", {"sh", "-c", "printf '" + lines + "' | mosquitto_pub -V mqttv311 -i pub -t t -l -q " + qos});
+    Child pub("pub",
+              {"sh", "-c", "printf '" + lines + "' | mosquitto_pub -h 127.0.0.1 -V mqttv311 -i pub -t t -l -q " + qos});
     EXPECT_EQ(pub.wait(kLimit_ms), 0) << pub.errors();
     EXPECT_EQ(sub.wait(kLimit_ms), 0) << sub.output();
     for (int i = 100; i < 160; ++i)
@@ -114,7 +115,7 @@ TEST_P(mosquitto, three_in_a_shared_group_take_turns)
     std::vector<Child> members;
     for (const char *id : {"first", "second", "third"})
         members.push_back(subscriber(id, {"-t", "$share/g/t", "-q", qos, "-C", "3"}));
-    Child pub("pub", {"sh", "-c", "seq 100 108 | mosquitto_pub -V mqttv311 -i pub -t t -l -q " + qos});
+    Child pub("pub", {"sh", "-c", "seq 100 108 | mosquitto_pub -h 127.0.0.1 -V mqttv311 -i pub -t t -l -q " + qos});
     EXPECT_EQ(pub.wait(kLimit_ms), 0) << pub.errors();
     for (int member = 0; member < 3; ++member) {
         Child &sub = members[static_cast<size_t>(member)];
