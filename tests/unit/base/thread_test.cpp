@@ -20,7 +20,7 @@ namespace {
 struct Self {
     char      name[16] = "";
     size_t    stack    = 0;
-    bool      library  = false;
+    bool      ours     = false;
     sigset_t  mask{};
     pthread_t id = 0;
 
@@ -38,7 +38,7 @@ struct Self {
         pthread_attr_getstacksize(&attributes, &stack);
         pthread_attr_destroy(&attributes);
         pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-        library = on_library_thread();
+        ours = on_library_thread();
     }
 };
 
@@ -92,7 +92,7 @@ TEST(thread, leaves_the_creators_signals_as_they_were)
 TEST(thread, knows_that_it_is_the_librarys)
 {
     EXPECT_FALSE(on_library_thread());
-    EXPECT_TRUE(run().library);
+    EXPECT_TRUE(run().ours);
     EXPECT_FALSE(on_library_thread());
     bool elsewhere = true;
     std::thread([&] { elsewhere = on_library_thread(); }).join();
