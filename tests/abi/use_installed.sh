@@ -1,10 +1,11 @@
 #!/bin/sh
-# Installs the build tree and uses it as a stranger would: use_installed.sh SOURCE BUILD LIBDIR CC
+# Installs the build tree and uses it as a stranger would: use_installed.sh SOURCE BUILD LIBDIR CC GENERATOR
 set -eu
 source=$1
 build=$2
 libdir=$3
 cc=$4
+generator=$5 # the one that is there: a machine may have ninja and no make
 
 # Installed in one place and moved to another: nothing in it may name the first.
 cmake --install "$build" --prefix "$PWD/first" >install.log
@@ -46,7 +47,7 @@ find_package(tarn_sdk_mqtt_broker 2.0 REQUIRED)
 add_executable(host smallest_host.c modules.c)
 target_link_libraries(host PRIVATE tarn_sdk_mqtt_broker::tarn_sdk_mqtt_broker)
 C
-cmake -S project -B project/build -DCMAKE_PREFIX_PATH="$PWD/here" -DCMAKE_C_COMPILER="$cc" >project.log || {
+cmake -G "$generator" -S project -B project/build -DCMAKE_PREFIX_PATH="$PWD/here" -DCMAKE_C_COMPILER="$cc" >project.log || {
     cat project.log
     exit 1
 }
