@@ -82,7 +82,7 @@ client_id_text stored_id(const mqtt_client_t &client) noexcept
     client_id_text id;
     ScopedLock     lock(id_lock(client));
     copy_text(id.text, client.client_id, sizeof id.text - 1);
-    return id;
+    return id; // cppcheck-suppress uninitvar ; copy_text wrote it
 }
 
 bool mark_released(mqtt_client_t &client) noexcept

@@ -41,8 +41,10 @@ uint8_t *round_up(uint8_t *at, uintptr_t page)
     return at + (page - reinterpret_cast<uintptr_t>(at) % page) % page;
 }
 
-void clear_range(uint8_t *from, uint8_t *to)
+void clear_slots(netip_conn_t *begin, netip_conn_t *end)
 {
+    auto      *from  = reinterpret_cast<uint8_t *>(begin);
+    auto      *to    = reinterpret_cast<uint8_t *>(end);
     const auto page  = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
     uint8_t   *first = round_up(from, page);
     if (first < to) {
@@ -173,17 +175,16 @@ void mark_closed(uint32_t handle) noexcept
 
 void clear_table() noexcept
 {
-    uint32_t first = 0; // of the slots to be cleared together
-    for (uint32_t handle = 0; handle <= NETIP_CLIENTS_MAX; ++handle) {
-        if (handle < NETIP_CLIENTS_MAX) {
-            await_visitors(side_of(handle));
-            if (side_of(handle).users.load(std::memory_order_acquire) == 0)
-                continue;
-        }
-        clear_range(reinterpret_cast<uint8_t *>(&g_netip_clients[first]),
-                    reinterpret_cast<uint8_t *>(g_netip_clients + handle));
-        first = handle + 1;
+    netip_conn_t *const end   = g_netip_clients + NETIP_CLIENTS_MAX;
+    netip_conn_t       *first = g_netip_clients; // of the slots to be cleared together
+    for (uint32_t handle = 0; handle < NETIP_CLIENTS_MAX; ++handle) {
+        await_visitors(side_of(handle));
+        if (side_of(handle).users.load(std::memory_order_acquire) == 0)
+            continue;
+        clear_slots(first, g_netip_clients + handle);
+        first = g_netip_clients + handle + 1;
     }
+    clear_slots(first, end);
 }
 
 } // namespace tarn::net
