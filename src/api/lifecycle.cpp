@@ -67,7 +67,7 @@ void clear_callbacks(broker_t &broker)
 // chain through its text, where leak checkers find it.
 void keep(broker_t *broker)
 {
-    memcpy(broker->data_dir, &g_kept, sizeof g_kept);
+    memcpy(broker->data_dir, &g_kept, sizeof(void *));
     g_kept = broker;
 }
 
