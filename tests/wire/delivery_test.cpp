@@ -6,7 +6,7 @@
 #include "support/peer.h"
 
 #include <algorithm>
-#include <cmath>
+#include <cstdlib>
 #include <deque>
 #include <gtest/gtest.h>
 #include <map>
@@ -18,11 +18,21 @@ using namespace tarn::test;
 
 namespace {
 
-constexpr uint32_t kMessages = kSanitized ? 1000 : 20000;
-constexpr unsigned kTopics   = 10;  // message n goes to topic n % kTopics
-constexpr uint32_t kInFlight = 64;  // messages sent that have not reached everybody; a ring holds 99
-constexpr uint32_t kOwed     = 600; // acknowledgements that one subscriber owes; the broker tracks 1000 deliveries
-constexpr unsigned kStay     = kSanitized ? 20 : 60; // deliveries until the restless go, and up to twice as many
+// To each subscriber. TARN_LOAD_MESSAGES=20000 asks for all of them under a sanitizer, too.
+uint32_t messages_each()
+{
+    if (const char *wanted = getenv("TARN_LOAD_MESSAGES"))
+        return static_cast<uint32_t>(strtoul(wanted, nullptr, 10));
+    return kSanitized ? 1000 : 20000;
+}
+
+const uint32_t kMessages = messages_each();
+// Messages sent that have not reached everybody; a ring holds 99. Fewer where each takes long, or all are repeated.
+constexpr uint32_t kInFlight = kSanitized ? 16 : 64;
+constexpr uint32_t kOwed     = 800; // acknowledgements that one subscriber owes; the broker tracks 1000 deliveries
+const unsigned     kStay     = kMessages / 40 + 1; // deliveries until the restless go, and up to twice as many
+constexpr uint32_t kReseed   = 1000; // messages; no delivery of so many gets the identifier 0, which would lose it
+constexpr char     kTopic[]  = "load/t";
 
 enum class Temper {
     Prompt,
@@ -31,12 +41,10 @@ enum class Temper {
     Restless,  // the same, and goes and comes back
 };
 constexpr Temper   kTempers[]   = {Temper::Prompt, Temper::Prompt, Temper::Late, Temper::Forgetful, Temper::Restless};
-constexpr unsigned kSubscribers = kTopics * std::size(kTempers);
+constexpr unsigned kGroups      = 10; // one of each temper
+constexpr unsigned kSubscribers = kGroups * std::size(kTempers);
 
-std::string topic_of(unsigned topic)
-{
-    return "load/" + std::to_string(topic);
-}
+constexpr const char *kFilters[] = {"load/t", "load/+", "load/#", "#", "+/t"}; // each group has its own
 
 Bytes payload_of(uint32_t number) // begins with what is no property length
 {
@@ -46,7 +54,7 @@ Bytes payload_of(uint32_t number) // begins with what is no property length
 class Subscriber {
 public:
     explicit Subscriber(unsigned number)
-        : topic_(number / std::size(kTempers)), temper_(kTempers[number % std::size(kTempers)]),
+        : group_(number / std::size(kTempers)), temper_(kTempers[number % std::size(kTempers)]),
           id_("sub-" + std::to_string(number)), random_(number), seen_(kMessages), settled_(kMessages)
     {
         appear();
@@ -72,23 +80,23 @@ public:
     }
 
     bool     stays() const { return temper_ != Temper::Restless; }
+    Temper   temper() const { return temper_; }
     bool     subscribed() const { return subscribed_; }
-    bool     takes(uint32_t number) const { return everything() || number % kTopics == topic_; }
-    bool     has(uint32_t number) const { return seen_[number]; }
-    uint32_t reached() const { return next_ + (everything() ? 0 : kTopics - 1); } // has all below that it takes
+    uint32_t reached() const { return next_; } // one above the highest number that has come
     uint32_t owed() const { return owed_; }
+    uint32_t missing() const { return static_cast<uint32_t>(std::count(seen_.begin(), seen_.end(), false)); }
+    uint32_t forgotten() const { return forgotten_; }
     uint64_t repeats() const { return repeats_; }
     uint64_t disordered() const { return disordered_; }
     unsigned arrivals() const { return arrivals_; }
 
 private:
-    bool     everything() const { return topic_ == 0; }
-    unsigned level() const { return topic_ % 2 ? 5 : 4; }
+    unsigned level() const { return group_ % 2 ? 5 : 4; }
     bool     forgets() { return temper_ >= Temper::Forgetful && random_() % 3 == 0; }
 
     void appear()
     {
-        const bool clean = topic_ / 2 != 2; // files are slow: few need them
+        const bool clean = group_ / 2 != 2; // files are slow: few need them
         peer_            = std::make_unique<Peer>(Peer::tcp());
         greet({.clean = clean, .keep_alive_s = 600, .session_expiry_s = clean ? 0 : 600});
     }
@@ -104,7 +112,7 @@ private:
         batches_.clear();
         ++arrivals_;
         peer_->send(connect_packet(level(), id_, options));
-        peer_->send(subscribe_packet(level(), 1, everything() ? "load/#" : topic_of(topic_), 1 + topic_ % 2));
+        peer_->send(subscribe_packet(level(), 1, kFilters[group_ % std::size(kFilters)], 1 + group_ % 2));
     }
 
     void leave()
@@ -139,9 +147,8 @@ private:
                                 uint32_t{packet[number_at + 2]} << 8 | packet[number_at + 3];
         const bool dup = packet[0] & 8;
         ASSERT_LT(number, kMessages) << hex(packet);
-        ASSERT_TRUE(takes(number) && id != 0) << hex(packet);
-        ASSERT_EQ(packet, publish_packet(level(), topic_of(number % kTopics), payload_of(number),
-                                         {.qos = 1, .dup = dup, .id = id}));
+        ASSERT_NE(id, 0u) << hex(packet);
+        ASSERT_EQ(packet, publish_packet(level(), kTopic, payload_of(number), {.qos = 1, .dup = dup, .id = id}));
         note(number, dup);
         acknowledge(number, id, dup);
     }
@@ -161,8 +168,10 @@ private:
 
     void acknowledge(uint32_t number, unsigned id, bool dup)
     {
-        if (!dup && forgets()) // a copy marked DUP is the third: enough of forgetting
+        if (!dup && forgets()) { // a copy marked DUP is the third: enough of forgetting
+            ++forgotten_;
             return;
+        }
         if (temper_ == Temper::Late)
             due_.insert({now_s() + (random_() % 50 == 0 ? 1.4 : 0.2), {number, id}});
         else
@@ -176,7 +185,7 @@ private:
         settled_[number] = true;
     }
 
-    const unsigned                                       topic_;
+    const unsigned                                       group_;
     const Temper                                         temper_;
     const std::string                                    id_;
     std::minstd_rand                                     random_;
@@ -187,7 +196,7 @@ private:
     Bytes                                                answers_;
     uint32_t                                             answered_ = 0; // messages in `answers_`
     std::deque<uint32_t>                                 batches_;      // such numbers, each with a PINGREQ behind
-    uint32_t                                             next_ = 0, owed_ = 0;
+    uint32_t                                             next_ = 0, owed_ = 0, forgotten_ = 0;
     unsigned                                             since_arrival_ = 0, arrivals_ = 0;
     uint64_t                                             repeats_ = 0, disordered_ = 0;
 };
@@ -199,9 +208,11 @@ public:
     void send_below(uint32_t end)
     {
         Bytes all;
-        for (; sent_ < std::min(end, kMessages); ++sent_)
-            all = std::move(all) +
-                  publish_packet(4, topic_of(sent_ % kTopics), payload_of(sent_), {.qos = 1, .id = sent_ % 65535 + 1});
+        for (; sent_ < std::min(end, kMessages); ++sent_) {
+            if (sent_ % kReseed == 0)
+                seed_identifiers(164);
+            all = std::move(all) + publish_packet(4, kTopic, payload_of(sent_), {.qos = 1, .id = sent_ % 65535 + 1});
+        }
         peer_.send(all);
     }
 
@@ -252,30 +263,26 @@ public:
         return reached + kInFlight;
     }
 
-    // An identifier of 0, one in 65536, loses its delivery by design.
     void check() const
     {
-        uint64_t expected = 0, missing = 0, disordered = 0, repeats = 0;
+        uint64_t missing = 0, disordered = 0, repeats = 0;
         unsigned arrivals = 0;
         for (const auto &one : all_) {
             repeats += one->repeats();
             arrivals += one->arrivals();
-            if (!one->stays())
-                continue;
-            disordered += one->disordered();
-            for (uint32_t number = 0; number < kMessages; ++number) {
-                expected += one->takes(number);
-                missing += one->takes(number) && !one->has(number);
+            missing += one->stays() ? one->missing() : 0;
+            disordered += one->stays() ? one->disordered() : 0;
+            if (one->temper() == Temper::Forgetful) {
+                EXPECT_GT(one->forgotten(), kMessages / 4);
             }
         }
-        printf("%llu deliveries to those who stayed, %llu missing; %llu repetitions, %u arrivals in all\n",
-               static_cast<unsigned long long>(expected), static_cast<unsigned long long>(missing),
-               static_cast<unsigned long long>(repeats), arrivals);
-        const double lost = static_cast<double>(expected) / 65536;
-        EXPECT_LE(missing, static_cast<uint64_t>(lost + 5 * std::sqrt(lost) + 3));
+        fprintf(stderr, "%u messages to each: %llu missing where somebody stayed, %llu repetitions, %u arrivals\n",
+                kMessages, static_cast<unsigned long long>(missing), static_cast<unsigned long long>(repeats),
+                arrivals);
+        EXPECT_EQ(missing, 0u);
         EXPECT_EQ(disordered, 0u);
-        EXPECT_GT(repeats, kMessages / 20);
-        EXPECT_GT(arrivals, kSubscribers + kTopics); // the restless have come back
+        EXPECT_GT(repeats, kMessages);
+        EXPECT_GT(arrivals, kSubscribers + kGroups); // the restless have come back, some of them again
     }
 
 private:
@@ -284,7 +291,7 @@ private:
 
 } // namespace
 
-TEST(load_delivery, what_was_acknowledged_reaches_all_who_stay_and_nothing_stays_pending)
+TEST(slow_delivery, what_was_acknowledged_reaches_all_who_stay_and_nothing_stays_pending)
 {
     Host       host;
     LogCapture log(3);
@@ -295,7 +302,7 @@ TEST(load_delivery, what_was_acknowledged_reaches_all_who_stay_and_nothing_stays
             crowd.turn();
             return crowd.all_subscribed();
         }));
-        const double end_s = now_s() + 240;
+        const double end_s = now_s() + 200 * kSlowdown;
         while (!publisher.done() && now_s() < end_s && !testing::Test::HasFailure()) {
             publisher.send_below(crowd.open_to(publisher.sent()));
             publisher.take();

@@ -143,3 +143,37 @@ TEST(slow_repetition, after_1_3_7_15_and_31_seconds_and_given_up_after_61)
     }
     EXPECT_THAT(log.take_from("ERROR"), testing::UnorderedElementsAreArray(dropped));
 }
+
+// An interval goes to the delivery that has the publisher as its receiver and the identifier it publishes with. One
+// delivery is repeated once before its end, the other is half acknowledged.
+TEST(repetition, ends_with_an_interval_that_the_receiver_sets)
+{
+    Host       host;
+    LogCapture log(2);
+    Peer       sender = Peer::tcp(), waiting = Peer::tcp(), halfway = Peer::tcp();
+    sender.connect_v4("p");
+    waiting.connect_v5("waiting").subscribe("t", 1);
+    halfway.connect_v5("halfway").subscribe("t", 2);
+    const double from_s = now_s();
+    sender.publish("t", "hello", {.qos = 2});
+    const unsigned first  = waiting.expect_publish("t", "hello", {.qos = 1});
+    const unsigned second = halfway.expect_publish("t", "hello", {.qos = 2});
+    const Bytes    pubrel = ack_packet(5, 0x62, second);
+    halfway.acknowledge(0x50, second);
+    halfway.expect(pubrel + pubrel);
+    const Bytes two_seconds = wire("02 00 00 00 02");
+    waiting.publish("other", "x", {.qos = 1, .id = first, .properties = two_seconds});
+    halfway.publish("other", "x", {.qos = 1, .id = second, .properties = two_seconds});
+    EXPECT_EQ(pending_deliveries().size(), 2u);
+    EXPECT_EQ(waiting.expect_publish("t", "hello", {.qos = 1}), first);
+    EXPECT_TRUE(wait_until([] { return pending_deliveries().empty(); }));
+    EXPECT_GE(now_s(), from_s + 2);
+    std::vector<LogLine> ended;
+    for (unsigned id : {first, second})
+        ended.push_back(warn("[QoS/Expiry] 消息已过期，自动丢弃: msg_id=" + std::to_string(id) + ", topic=t"));
+    std::vector<LogLine> lines = log.take();
+    std::erase_if(lines, [](const LogLine &line) { return line.text.rfind("[QoS/Expiry]", 0) != 0; });
+    EXPECT_THAT(lines, testing::UnorderedElementsAreArray(ended));
+    waiting.expect_nothing(1300); // the next copy would have come after three
+    halfway.ping();
+}

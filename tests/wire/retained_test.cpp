@@ -1,8 +1,6 @@
 // The store of retained messages as clients and the host see it: its thousand places, its order, and how lives end.
-#include "support/broker_process.h"
 #include "support/host.h"
 #include "support/log_capture.h"
-#include "support/message_loop.h"
 #include "support/peer.h"
 
 #include "sub/sub.h"
@@ -278,26 +276,4 @@ TEST(retained, the_topic_list_takes_what_fits)
     EXPECT_EQ(tarn_sdk_mqtt_broker_get_retain_topic_list(test.host.broker(), nullptr, 4), -2);
     EXPECT_EQ(tarn_sdk_mqtt_broker_get_retain_topic_list(test.host.broker(), text, 0), -2);
     EXPECT_EQ(tarn_sdk_mqtt_broker_get_retain_topic_list(test.host.broker(), text, -1), -2);
-}
-
-// Messages that are not retained never look at the store. Best of three each, so that a neighbour's burst of work does
-// not count; the figures themselves belong to the benchmark.
-TEST(load_retained, a_full_store_does_not_slow_down_other_messages)
-{
-    const auto pace = [](const Bytes &kept) {
-        BrokerProcess broker = BrokerProcess::start();
-        double        best   = 0;
-        for (int round = 0; round < 3; ++round) {
-            const LoopResult result = run_message_loop({.qos = 1, .messages = kSanitized ? 1000u : 20000u});
-            EXPECT_EQ(result.error, "");
-            best = std::max(best, result.deliveries_per_s());
-        }
-        expect_replay("k/#", kept);
-        return best;
-    };
-    const double empty = pace({});
-    write_file(records_of(kCapacity));
-    const double full = pace(replay(0, kCapacity));
-    printf("deliveries/s: %.0f with an empty store, %.0f with a full one\n", empty, full);
-    EXPECT_GT(full, empty / 2);
 }

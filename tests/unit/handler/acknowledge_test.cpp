@@ -130,3 +130,42 @@ TEST(acknowledge, an_answer_that_cannot_be_queued_counts_as_sent)
                                                 info("发送PUBCOMP成功：ClientID=dev1, MsgID=7")));
     EXPECT_EQ(client->qos2_pending_msg_id, 0);
 }
+
+// The queue refuses it in its words; the handlers take it for an identifier like any other.
+TEST(acknowledge, an_identifier_of_0_is_answered_too)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    qos_reliable_add_packet(client, 7, 2, "t", "x", 1);
+    struct {
+        const char          *packet, *answer;
+        std::vector<LogLine> lines;
+    } const rows[] = {
+        {"40 02 00 00",
+         "",
+         {info("MQTT标准：收到PUBACK确认：ClientID=dev1, MsgID=0"), error("[QoS] 处理ACK参数错误：客户端为空")}},
+        {"50 02 00 00",
+         "62 02 00 00",
+         {info("收到PUBREC：ClientID=dev1, MsgID=0"), error("[QoS] 处理ACK参数错误：客户端为空"),
+          info("发送PUBREL成功：ClientID=dev1, MsgID=0")}},
+        {"62 02 00 00",
+         "70 02 00 00",
+         {info("收到PUBREL：ClientID=dev1, MsgID=0"), error("[QoS] 处理ACK参数错误：客户端为空"),
+          info("发送PUBCOMP成功：ClientID=dev1, MsgID=0")}},
+        {"70 02 00 00",
+         "",
+         {info("收到PUBCOMP：ClientID=dev1, MsgID=0，QoS2流程完成"), error("[QoS] 处理ACK参数错误：客户端为空")}},
+    };
+    for (const auto &row : rows) {
+        LogCapture log(AGENT_LOG_INFO);
+        EXPECT_EQ(client.sends(row.packet), 0);
+        std::vector<LogLine> lines = log.take();
+        std::erase_if(lines, [](const LogLine &line) { // the encoder's trace
+            return line.text.rfind("var_header[", 0) == 0 || line.text.rfind("【QoS溯源6】", 0) == 0;
+        });
+        EXPECT_EQ(lines, row.lines);
+        const Bytes answer = wire(row.answer);
+        EXPECT_EQ(client.gets(), answer.empty() ? std::vector<Bytes>{} : std::vector<Bytes>{answer});
+    }
+    EXPECT_EQ(pending_count(), 1);
+}

@@ -94,3 +94,20 @@ TEST(offline, a_client_that_is_connected_but_not_logged_in_is_online_too)
     packet_handler_restore_offline_msgs(client);
     EXPECT_EQ(pending_count(), 1);
 }
+
+TEST(offline, what_the_full_queue_refuses_is_lost)
+{
+    Handling broker;
+    Client   client(broker, 4, "dev1");
+    for (uint16_t id = 1; id <= 999; id++)
+        ASSERT_EQ(qos_reliable_add_packet(client, id, 1, "t", "x", 1), 0);
+    store("message", "dev1",
+          R"({"msgs":[{"msgid":1001,"qos":1,"topic":"a","payload":"31"},)"
+          R"({"msgid":1002,"qos":2,"topic":"a","payload":"32"}]})");
+    LogCapture log(AGENT_LOG_ERROR);
+    packet_handler_restore_offline_msgs(client);
+    EXPECT_THAT(log.take(), ElementsAre(error("[QoS] 客户端未完成队列已满(client=dev1)，最大支持1000条，当前1000条")));
+    EXPECT_EQ(pending_count(), 1000);
+    EXPECT_EQ(g_pending_queue->msg_id, 1001);
+    EXPECT_EQ(stored("message", "dev1"), R"({"msgs":[]})");
+}

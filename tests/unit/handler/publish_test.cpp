@@ -406,6 +406,46 @@ TEST(publish, a_full_ring_loses_that_delivery_only)
     EXPECT_THAT(sender.gets(), ElementsAre(wire("40 02 00 07")));
 }
 
+// On every route that tracks: delivered, counted and remembered, but never repeated.
+TEST(publish, a_full_queue_leaves_deliveries_untracked)
+{
+    Handling    broker;
+    Client      sender(broker, 4, "s"), receiver(broker, 4, "r"), other(broker, 4, "o");
+    ManualClock clock;
+    sub_add("r", "#", 1, 1);
+    for (uint16_t id = 1; id <= 1000; id++)
+        ASSERT_EQ(qos_reliable_add_packet(receiver, id, 1, "t", "x", 1), 0);
+    const LogLine full = error("[QoS] 客户端未完成队列已满(client=r)，最大支持1000条，当前1000条");
+    const Bytes   packet = publish("t", 1, 7);
+    LogCapture    log(AGENT_LOG_INFO);
+    const auto    remembered = [&] { return std::exchange(receiver->qos1_pending_msg_id, uint16_t{0}) != 0; };
+
+    EXPECT_EQ(sender.sends(packet), 0);
+    EXPECT_TRUE(log.has(info("MQTT标准：消息转发完成：匹配1个订阅者，成功发送1个")));
+    EXPECT_THAT(log.take_from("ERROR"), ElementsAre(full));
+    EXPECT_TRUE(remembered());
+    EXPECT_EQ(packet_handler_broker_publish("t", packet.data(), 1, 1, 0, 0), 0);
+    EXPECT_THAT(log.take_from("ERROR"), ElementsAre(full));
+    packet_handler_broadcast_msg(packet.data(), static_cast<uint32_t>(packet.size()), 0);
+    EXPECT_TRUE(log.has(info("[遗嘱调试][广播完成] Topic=t, 总计匹配1个订阅者，成功发送1个，失败0个")));
+    EXPECT_THAT(log.take_from("ERROR"), ElementsAre(full));
+    EXPECT_TRUE(remembered());
+    clock.advance_ms(10000);
+    packet_handler_publish_test_msg();
+    EXPECT_TRUE(log.has(info("测试消息转发完成：总计匹配1个订阅者，成功发送1个")));
+    EXPECT_THAT(log.take_from("ERROR"), ElementsAre(full));
+    EXPECT_TRUE(remembered());
+    EXPECT_EQ(receiver.gets().size(), 4u);
+    EXPECT_EQ(pending_count(), 1000);
+
+    sub_add("o", "#", 1, 1); // others are not concerned
+    EXPECT_EQ(sender.sends(packet), 0);
+    EXPECT_EQ(pending_count(), 1001);
+    qos_reliable_handle_ack(receiver, 1, 4);
+    EXPECT_EQ(sender.sends(packet), 0);
+    EXPECT_EQ(pending_count(), 1002);
+}
+
 namespace {
 
 // A seed with which the delivery at this place, from 1, gets the identifier 0; found by trying.

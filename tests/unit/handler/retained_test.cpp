@@ -1,5 +1,7 @@
 #include "handler_fixture.h"
 
+#include <sys/mman.h>
+
 using namespace tarn;
 using namespace tarn::test;
 using testing::ElementsAre;
@@ -12,6 +14,28 @@ void retain(const char *topic, std::string_view payload = "r", uint32_t qos = 0,
     retain_msg_set_with_expiry(topic, reinterpret_cast<const uint8_t *>(payload.data()),
                                static_cast<uint32_t>(payload.size()), qos, expiry);
 }
+
+// A full store whose memory must not be touched: whoever does ends the test.
+class UntouchableStore {
+public:
+    UntouchableStore()
+    {
+        for (int i = 0; i < RETAIN_CAPACITY; i++)
+            g_sub_mgr.retains[i] = {"t", {'r'}, 1, 0, wall_s(), 0};
+        g_sub_mgr.retain_count = RETAIN_CAPACITY;
+        protect(PROT_NONE);
+    }
+    ~UntouchableStore() { protect(PROT_READ | PROT_WRITE); }
+
+private:
+    static void protect(int access) // all of it but what shares a page with something else
+    {
+        const auto page  = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+        const auto begin = (reinterpret_cast<uintptr_t>(g_sub_mgr.retains) + page - 1) / page * page;
+        const auto end   = reinterpret_cast<uintptr_t>(g_sub_mgr.retains + RETAIN_CAPACITY) / page * page;
+        ASSERT_EQ(mprotect(reinterpret_cast<void *>(begin), end - begin, access), 0);
+    }
+};
 
 } // namespace
 
@@ -132,4 +156,28 @@ TEST(retained, the_line_does_not_ask_whether_it_was_queued)
     LogCapture log(AGENT_LOG_INFO);
     send_retained_msg_to_client(client, "t");
     EXPECT_THAT(log.take(), ElementsAre(info("[保留消息] 下发成功: Client=dev1, Topic=t, Filter=t")));
+}
+
+// So it costs other traffic nothing that the store is full; bench/retained_bench.cpp has the figures.
+TEST(retained, what_has_nothing_to_do_with_a_full_store_never_looks_at_it)
+{
+    Handling broker;
+    Client   sender(broker, 4, "s"), online(broker, 4, "r"), member(broker, 4, "m"), newcomer(broker);
+    sub_add("r", "t", 2, 1);
+    sub_add("m", "$share/g/t", 1, 1);
+    sub_add("gone", "t", 1, 0);
+    const Bytes            encoded = wire("34 06 00 01 't' 00 07 'x'");
+    const UntouchableStore store;
+    for (const char *packet : {"30 04 00 01 't' 'x'", "32 06 00 01 't' 00 07 'x'", "34 06 00 01 't' 00 07 'x'",
+                               "62 02 00 07", "C0 00", "A2 05 00 08 00 01 'u'"})
+        EXPECT_EQ(sender.sends(packet), 0);
+    EXPECT_EQ(packet_handler_broker_publish("t", encoded.data(), 1, 1, 0, 0), 0);
+    packet_handler_broadcast_msg(encoded.data(), static_cast<uint32_t>(encoded.size()), 0);
+    packet_handler_publish_test_msg();
+    EXPECT_EQ(newcomer.sends(connect_v4("new")), 0);
+    qos_reliable_scan_queue();
+    EXPECT_EQ(online.gets().size(), 5u);
+    EXPECT_EQ(member.gets().size(), 5u);
+    EXPECT_EQ(sender.gets().size(), 5u);
+    EXPECT_EQ(g_mqtt_stats.offline_msg, 3u);
 }

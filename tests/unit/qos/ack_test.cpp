@@ -16,6 +16,11 @@ std::vector<LogLine> own(LogCapture &log)
     return lines;
 }
 
+int rank_of(const LogLine &line)
+{
+    return line.level == "DEBUG" ? 0 : line.level == "INFO" ? 1 : line.level == "WARN" ? 2 : 3;
+}
+
 } // namespace
 
 TEST(ack, needs_a_client_and_an_identifier)
@@ -155,6 +160,115 @@ TEST(ack, replies_that_cannot_be_encoded_are_told)
     EXPECT_EQ(qos_reliable_handle_ack(client, 3, PUBREL), -1);
     EXPECT_THAT(own(log),
                 ElementsAre(error("[QoS] PUBREL编码失败: msg_id=3"), error("[QoS] PUBCOMP编码失败: msg_id=3")));
+}
+
+// ---- the whole table, each row with all its lines
+
+namespace {
+
+struct Entry {
+    uint8_t  qos;
+    uint32_t state;
+};
+// Also QoS 0 and 3 and a fourth state, which only a host that edits the list can make.
+constexpr Entry kEntries[] = {{1, 0}, {2, 1}, {2, 2}, {2, 3}, {2, 4}, {0, 0}, {3, 1}};
+
+struct Outcome {
+    int                  result = 0;
+    uint32_t             state; // afterwards
+    bool                 stays = true;
+    std::vector<Bytes>   sent;
+    std::vector<LogLine> lines;
+
+    void remove()
+    {
+        stays = false;
+        lines.push_back(debug("[QoS_REMOVE] msg_id=258, client=dev1"));
+        lines.push_back(debug("[QoS] 移除已确认报文(msg_id=258, client=dev1)，完全删除"));
+    }
+    void fail(std::string line)
+    {
+        result = -1;
+        lines.push_back(error(std::move(line)));
+    }
+    void reply(uint32_t next, uint8_t first, unsigned level, std::string line)
+    {
+        state = next;
+        sent.push_back(packet(first, u16(258) + (level == 5 ? wire("00") : Bytes{})));
+        lines.push_back(info(std::move(line)));
+    }
+};
+
+Outcome outcome_of(uint8_t type, const Entry &entry, unsigned level)
+{
+    const char *const names[] = {"PUBACK", "PUBREC", "PUBREL", "PUBCOMP"};
+    const std::string name    = type >= PUBACK && type <= PUBCOMP ? names[type - PUBACK] : "未知";
+    const std::string qos = std::to_string(entry.qos), state = std::to_string(entry.state);
+    Outcome           out{.state = entry.state, .sent = {}, .lines = {}};
+    out.lines = {debug("[QoS追踪] ACK: " + name + " | msg_id=258 | QoS=" + qos + " | state=" + state)};
+    switch (type) {
+    case PUBACK:
+        if (entry.qos != 1 && entry.qos != 2) {
+            out.fail("[QoS] PUBACK 不匹配: msg_id=258 QoS=" + qos);
+            break;
+        }
+        out.remove();
+        out.lines.push_back(entry.qos == 1 ? info("[QoS] QoS1 PUBACK 完成: msg_id=258")
+                                           : warn("[QoS] QoS2 报文收到PUBACK(客户端降级)，强制完成: msg_id=258"));
+        break;
+    case PUBREC:
+        if (entry.qos == 2 && entry.state == 1)
+            out.reply(2, 0x62, level, "[QoS] ✅ 收到PUBREC -> 发送PUBREL: msg_id=258");
+        break;
+    case PUBREL:
+        if (entry.qos == 2 && entry.state == 2)
+            out.reply(3, 0x70, level, "[QoS] ✅ 收到PUBREL -> 发送PUBCOMP: msg_id=258");
+        break;
+    case PUBCOMP:
+        if (entry.qos != 2)
+            break;
+        out.remove();
+        if (entry.state == 3)
+            out.lines.push_back(info("[QoS] ✅ QoS2 完成: msg_id=258"));
+        break;
+    default:
+        out.fail("[QoS] 不支持的ACK类型: msg_id=258");
+    }
+    return out;
+}
+
+} // namespace
+
+TEST(ack, every_type_meets_every_entry)
+{
+    for (const unsigned level : {4u, 5u})
+        for (const Entry &entry : kEntries)
+            for (const uint8_t type : std::initializer_list<uint8_t>{0, 3, PUBACK, PUBREC, PUBREL, PUBCOMP, 8, 255}) {
+                SCOPED_TRACE(testing::Message() << "level " << level << ", QoS " << int(entry.qos) << ", state "
+                                                << entry.state << ", type " << int(type));
+                const Outcome expected = outcome_of(type, entry, level);
+                for (int log_level = 0; log_level <= 3; ++log_level) {
+                    RingClient client, other("dev2");
+                    client->codec.version = level;
+                    add(other, 258); // the same identifier, and never meant
+                    add(client, 258, 2, "t", "x");
+                    g_pending_queue->qos        = entry.qos;
+                    g_pending_queue->qos2_state = entry.state;
+                    LogCapture log(static_cast<uint32_t>(log_level));
+                    EXPECT_EQ(qos_reliable_handle_ack(client, 258, type), expected.result);
+                    std::vector<LogLine> lines = expected.lines;
+                    std::erase_if(lines, [&](const LogLine &line) { return rank_of(line) < log_level; });
+                    EXPECT_EQ(own(log), lines);
+                    EXPECT_EQ(client.take(), expected.sent);
+                    EXPECT_EQ(other.take(), std::vector<Bytes>{});
+                    ASSERT_EQ(pending_count(), expected.stays ? 2 : 1);
+                    if (expected.stays) {
+                        EXPECT_EQ(g_pending_queue->qos2_state, expected.state);
+                    }
+                    qos_reliable_clean_client_packets(client);
+                    qos_reliable_clean_client_packets(other);
+                }
+            }
 }
 
 TEST(expiry, is_set_for_a_known_identifier_only)

@@ -24,38 +24,63 @@ std::vector<LogLine> own(LogCapture &log)
 
 TEST(scan, the_first_retransmission_carries_dup_0_and_later_ones_dup_1)
 {
+    struct Step {
+        int64_t after_ms;
+        bool    dup;
+        int     count, next_ms;
+    };
+    for (const unsigned level : {4u, 5u})
+        for (const unsigned qos : {1u, 2u}) {
+            SCOPED_TRACE(testing::Message() << "level " << level << ", QoS " << qos);
+            ManualClock clock;
+            RingClient  client;
+            LogCapture  log(1);
+            client->codec.version = level;
+            add(client, 7, static_cast<uint8_t>(qos), "t", "x");
+            for (const Step &step : {Step{1001, false, 1, 2000}, Step{2001, true, 2, 4000}, Step{4001, true, 3, 8000},
+                                     Step{8001, true, 4, 16000}, Step{16001, true, 5, 30000}}) {
+                clock.advance_ms(step.after_ms - 1);
+                qos_reliable_scan_queue();
+                EXPECT_THAT(client.take(), IsEmpty()) << "not before the interval is over";
+                clock.advance_ms(1);
+                qos_reliable_scan_queue();
+                const auto first = static_cast<uint8_t>(0x30 | qos << 1 | (step.dup ? 8 : 0));
+                EXPECT_THAT(client.take(), ElementsAre(packet(first, wire("00 01 't' 00 07") +
+                                                                         (level == 5 ? wire("00 'x'") : text("x")))));
+                EXPECT_THAT(own(log),
+                            ElementsAre(info("[QoS] 重发QoS" + std::to_string(qos) +
+                                             "报文成功(msg_id=7)，重试次数=" + std::to_string(step.count) +
+                                             "，下次间隔=" + std::to_string(step.next_ms) + "ms，载荷长度=1")));
+            }
+            clock.advance_ms(30000);
+            qos_reliable_scan_queue();
+            EXPECT_EQ(pending_count(), 1);
+            clock.advance_ms(1);
+            qos_reliable_scan_queue();
+            EXPECT_THAT(own(log), ElementsAre(error("[QoS] 报文重试次数超限(msg_id=7)，丢弃")));
+            EXPECT_EQ(g_pending_queue, nullptr);
+            EXPECT_THAT(client.take(), IsEmpty());
+        }
+}
+
+// Looked at every 100 ms, as the scan threads do: each copy comes at the first look after its time, and that counts as
+// the beginning of the next interval.
+TEST(scan, every_100_ms_copies_come_after_about_1_3_7_15_and_31_seconds)
+{
     ManualClock clock;
     RingClient  client;
-    LogCapture  log(1);
-    add(client, 7, 1, "t", "x");
-    struct Step {
-        int64_t     after_ms;
-        const char *packet;
-        int         count, next_ms;
-    };
-    for (const Step &step : {Step{1001, "32 06 00 01 't' 00 07 'x'", 1, 2000},
-                             {2001, "3A 06 00 01 't' 00 07 'x'", 2, 4000},
-                             {4001, "3A 06 00 01 't' 00 07 'x'", 3, 8000},
-                             {8001, "3A 06 00 01 't' 00 07 'x'", 4, 16000},
-                             {16001, "3A 06 00 01 't' 00 07 'x'", 5, 30000}}) {
-        clock.advance_ms(step.after_ms - 1);
-        qos_reliable_scan_queue();
-        EXPECT_THAT(client.take(), IsEmpty()) << "not before the interval is over";
-        clock.advance_ms(1);
-        qos_reliable_scan_queue();
-        EXPECT_THAT(client.take(), ElementsAre(wire(step.packet)));
-        EXPECT_THAT(own(log),
-                    ElementsAre(info("[QoS] 重发QoS1报文成功(msg_id=7)，重试次数=" + std::to_string(step.count) +
-                                     "，下次间隔=" + std::to_string(step.next_ms) + "ms，载荷长度=1")));
+    LogCapture  log(3);
+    add(client, 7);
+    std::vector<int64_t> sent_ms;
+    int64_t              at_ms = 0;
+    for (; pending_count() > 0 && at_ms < 100000; at_ms += 100) {
+        tarn::qos::scan_turn(clock.mono_ms());
+        for (size_t i = client.take().size(); i > 0; --i)
+            sent_ms.push_back(at_ms);
+        clock.advance_ms(100);
     }
-    clock.advance_ms(30000);
-    qos_reliable_scan_queue();
-    EXPECT_EQ(pending_count(), 1);
-    clock.advance_ms(1);
-    qos_reliable_scan_queue();
-    EXPECT_THAT(own(log), ElementsAre(error("[QoS] 报文重试次数超限(msg_id=7)，丢弃")));
-    EXPECT_EQ(g_pending_queue, nullptr);
-    EXPECT_THAT(client.take(), IsEmpty());
+    EXPECT_THAT(sent_ms, ElementsAre(1100, 3200, 7300, 15400, 31500));
+    EXPECT_EQ(at_ms - 100, 31500 + 30100);
 }
 
 TEST(scan, what_is_due_at_one_time_goes_newest_first)
@@ -195,6 +220,10 @@ TEST(scan, refuses_edited_entries_with_their_lines)
     }
     g_pending_queue->msg_id = 0;
     qos_reliable_scan_queue();
+    g_pending_queue->msg_id = 9;
+    client->codec.version   = 9;
+    qos_reliable_scan_queue();
+    client->codec.version = 4;
     EXPECT_THAT(own(log),
                 ElementsAre(error("[QoS] 重发报文参数错误：pkt/客户端为空"),
                             error("[QoS] 重发报文参数错误：payload为空/长度超限（最大支持2048字节，当前0字节）"),
@@ -202,7 +231,44 @@ TEST(scan, refuses_edited_entries_with_their_lines)
                             error("[QoS] 重发报文参数错误：payload为空/长度超限（最大支持2048字节，当前1字节）"),
                             error("[QoS] 重发报文失败：客户端编解码上下文未初始化(client=dev1)"),
                             error("[QoS] 重发报文失败：分配发送缓冲区失败（需要267字节）"),
-                            error("[QoS] 重发报文失败(msg_id=0)：编码错误（错误码：-1，描述：参数非法）")));
+                            error("[QoS] 重发报文失败(msg_id=0)：编码错误（错误码：-1，描述：参数非法）"),
+                            error("[QoS] 重发报文失败(msg_id=9)：编码错误（错误码：-2，描述：协议版本不支持）")));
+    EXPECT_EQ(g_pending_queue->retry_count, 0u);
+}
+
+TEST(scan, traces_an_entry_without_a_client)
+{
+    ManualClock clock;
+    RingClient  client;
+    add(client, 9);
+    g_pending_queue->client = nullptr; // by hand
+    clock.advance_ms(1001);
+    LogCapture log;
+    qos_reliable_scan_queue();
+    EXPECT_THAT(own(log), ElementsAre(debug("[QoS_SEND] msg_id=9, client=null"),
+                                      error("[QoS] 重发报文参数错误：pkt/客户端为空")));
+    g_pending_queue->client = client;
+}
+
+// A body of 2112 bytes is the most that the encoder takes: topic of 60, identifier and payload.
+TEST(scan, an_entry_too_large_for_the_encoder_is_tried_again_and_again)
+{
+    ManualClock       clock;
+    RingClient        client;
+    const std::string payload(2048, 'x');
+    add(client, 1, 1, std::string(60, 't').c_str(), payload.c_str());
+    add(client, 2, 1, std::string(61, 't').c_str(), payload.c_str());
+    clock.advance_ms(1001);
+    LogCapture log(1);
+    qos_reliable_scan_queue();
+    EXPECT_THAT(client.take(), ElementsAre(packet(0x32, prefixed(std::string(60, 't')) + u16(1) + text(payload))));
+    const LogLine failed = error("[QoS] 重发报文失败(msg_id=2)：编码错误（错误码：-3，描述：缓冲区不足）");
+    EXPECT_THAT(
+        own(log),
+        ElementsAre(failed, info("[QoS] 重发QoS1报文成功(msg_id=1)，重试次数=1，下次间隔=2000ms，载荷长度=2048")));
+    clock.advance_ms(100);
+    qos_reliable_scan_queue();
+    EXPECT_THAT(own(log), ElementsAre(failed));
 }
 
 // The scan threads leave out the walk while nothing can be due, but never for longer than half a second.
