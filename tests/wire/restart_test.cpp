@@ -340,8 +340,8 @@ TEST_P(restart, retained_messages_keep_their_lives)
     sender.publish("r/lasting", "1", {.qos = 1, .retain = true});
     sender.publish("r/gone", "2", {.qos = 1, .retain = true});
     sender.publish("r/hour", "3", {.qos = 2, .retain = true, .properties = wire("02 00 00 0E 10")});
-    sender.publish("r/second", "4", {.qos = 1, .retain = true, .properties = wire("02 00 00 00 01")});
     sender.publish("r/gone", "", {.qos = 1, .retain = true});
+    sender.publish("r/second", "4", {.qos = 1, .retain = true, .properties = wire("02 00 00 00 01")});
     const time_t stored = time(nullptr);
     EXPECT_EQ(std::filesystem::file_size("broker_data/retain.dat"), 4 + 3 * 2336u);
     start_again();
