@@ -343,9 +343,7 @@ TEST_P(restart, retained_messages_keep_their_lives)
     sender.publish("r/gone", "", {.qos = 1, .retain = true});
     sender.publish("r/second", "4", {.qos = 1, .retain = true, .properties = wire("02 00 00 00 01")});
     const time_t stored = time(nullptr);
-    EXPECT_EQ(std::filesystem::file_size("broker_data/retain.dat"), 4 + 3 * 2336u);
     start_again();
-    EXPECT_EQ(std::filesystem::file_size("broker_data/retain.dat"), 4 + 3 * 2336u);
     EXPECT_TRUE(wait_until([&] { return time(nullptr) > stored + 1; }));
     sender = come(4, "sender", {});
     sender.publish("r/last", "5", {.qos = 1, .retain = true}); // discards what has ended
