@@ -1,6 +1,7 @@
 #!/bin/sh
-# loop.sh TARN_BROKER LOOP_BENCH [OPTION]... - runs the loop against tarn-broker and, where it is installed, against
-# mosquitto as a yardstick, in a directory and, where the kernel allows it, a network of their own.
+# loop.sh TARN_BROKER BENCH [OPTION]... - runs a program that measures against tarn-broker and, where it is installed,
+# against mosquitto as a yardstick, in a directory and, where the kernel allows it, a network of their own. With
+# TARN_BENCH_ALONE=yes without the yardstick.
 set -eu
 if [ -z "${TARN_OWN_NETWORK-}" ]; then
     for namespace in -n -rn; do
@@ -12,7 +13,7 @@ elif command -v ip >/dev/null 2>&1; then
     ip link set lo up
 fi
 broker=$1
-loop_bench=$2
+bench=$2
 shift 2
 PATH=$PATH:/usr/sbin:/usr/local/sbin
 
@@ -24,7 +25,7 @@ cd "$directory"
 "$broker" >broker.log 2>broker.err &
 started=$!
 set -- "$@" tarn-broker=1883
-if command -v mosquitto >/dev/null 2>&1; then
+if [ -z "${TARN_BENCH_ALONE-}" ] && command -v mosquitto >/dev/null 2>&1; then
     printf 'listener 1884 127.0.0.1\nallow_anonymous true\nmax_inflight_messages 0\nmax_queued_messages 0\n' >stock.conf
     mosquitto -c stock.conf >/dev/null 2>&1 &
     started="$started $!"
@@ -34,4 +35,4 @@ for _ in 1 2 3 4 5 6 7 8 9 10; do
     grep -q '^tarn-broker: serving MQTT' broker.err && break
     sleep 0.2
 done
-"$loop_bench" "$@"
+"$bench" "$@"

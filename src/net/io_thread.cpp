@@ -14,8 +14,9 @@ namespace tarn::net {
 namespace {
 
 // What one connection may take of a round; level triggering brings the rest in the next.
-constexpr int     kReadsPerEvent = 32;
-constexpr ssize_t kBytesPerEvent = 64 * 1024;
+constexpr int      kReadsPerEvent   = 32;
+constexpr ssize_t  kBytesPerEvent   = 64 * 1024;
+constexpr uint64_t kTimePerEvent_ms = 10; // packets that write files take milliseconds each
 
 constexpr uint32_t kFailurePause_ms = 100;
 
@@ -90,7 +91,8 @@ bool deliver_packets(const SlotHold &hold, const EventSink &sink)
 //   test: stream.a_packet_of_4097_bytes_ends_the_connection
 bool receive(const SlotHold &hold, const EventSink &sink, uint32_t start)
 {
-    ssize_t total = 0;
+    const uint64_t began_ms = mono_ms();
+    ssize_t        total    = 0;
     for (int reads = 0; reads < kReadsPerEvent && total < kBytesPerEvent && layer_runs(start); ++reads) {
         const ssize_t got = receive_bytes(hold);
         if (got < 1)
@@ -98,7 +100,7 @@ bool receive(const SlotHold &hold, const EventSink &sink, uint32_t start)
         total += got;
         LOG_DEBUG("[NETIP] 开始解析客户端数据 handle=%d 缓存长度=%d", static_cast<int>(hold.handle()),
                   hold.slot().rx_len);
-        if (!deliver_packets(hold, sink))
+        if (!deliver_packets(hold, sink) || elapsed(mono_ms(), began_ms) >= kTimePerEvent_ms)
             return true;
     }
     return true;

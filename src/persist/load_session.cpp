@@ -12,6 +12,7 @@
 #include "session_store.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,7 +26,14 @@ using SessionText       = char[PERSIST_TEXT_READ_MAX + 1 + kSlack];
 
 FILE *open_file(const Path &path)
 {
+    errno = ENOENT;
     return path.usable ? fopen(path.text, "re") : nullptr;
+}
+
+// Whether there is no such file, as far as the error tells: not when descriptors ran out, for example.
+bool says_there_is_none(int error)
+{
+    return error == ENOENT || error == ENOTDIR || error == EISDIR;
 }
 
 // False when there is no such file.
@@ -219,15 +227,20 @@ bool read_subscription_file(persist_session_t &record, const Path &path, bool &h
     return true;
 }
 
-Found::Messages read_message_file(persist_session_t &record, const Path &path) REQUIRES(g_persist_mutex)
+// Messages of which an error left only the first are not taken at all: with those, the others would be overwritten.
+Found::Messages read_message_file(persist_session_t &record, const Path &path, bool &unread) REQUIRES(g_persist_mutex)
 {
     FILE *const file = open_file(path);
-    if (!file)
+    if (!file) {
+        unread = !says_there_is_none(errno);
         return Found::Messages::NoFile;
+    }
     auto found = Found::Messages::NoMemory;
     if (const owned<char> text = allocate_zeroed<char>(PERSIST_MSGS_READ_MAX + 1 + kSlack)) {
-        text[fread(text.get(), 1, PERSIST_MSGS_READ_MAX, file)] = '\0';
-        found = take_messages(record, text.get()) ? Found::Messages::Taken : Found::Messages::NoList;
+        const size_t got       = fread(text.get(), 1, PERSIST_MSGS_READ_MAX, file);
+        unread                 = ferror(file) && !says_there_is_none(errno);
+        text[unread ? 0 : got] = '\0';
+        found                  = take_messages(record, text.get()) ? Found::Messages::Taken : Found::Messages::NoList;
     }
     fclose(file);
     return found;
@@ -250,7 +263,7 @@ int read_session(persist_session_t *record, Found &found) noexcept
     client_path(path[0], kSubscriptionDirectory, record->client_id);
     found.subscription_file = read_subscription_file(*record, path[0], found.subscription_list);
     client_path(path[0], kMessageDirectory, record->client_id);
-    found.messages = read_message_file(*record, path[0]);
+    found.messages = read_message_file(*record, path[0], found.messages_unread);
     return 0;
 }
 

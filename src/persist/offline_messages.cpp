@@ -63,8 +63,14 @@ bool HeldSession::add_message(const char *topic, const uint8_t *payload, uint32_
 
 void HeldSession::write_messages() noexcept
 {
-    if (record_->client_id[0])
-        write_files(*record_, PERSIST_MESSAGES);
+    if (!record_->client_id[0])
+        return;
+    if (!found_.messages_unread)
+        return write_files(*record_, PERSIST_MESSAGES);
+    Path path;
+    client_path(path, kMessageDirectory, record_->client_id);
+    path.usable = false;
+    safe_write(path, "");
 }
 
 } // namespace tarn::persist

@@ -57,7 +57,7 @@ bool read_records(FILE *file, owned<retain_msg_t> &records, uint32_t &count)
 {
     if (fread(&count, sizeof count, 1, file) != 1 || count < 1 || count > RETAIN_CAPACITY)
         return false;
-    records = allocate_zeroed<retain_msg_t>(RETAIN_CAPACITY);
+    records = allocate<retain_msg_t>(count);
     return records && fread(records.get(), sizeof(retain_msg_t), count, file) == count;
 }
 

@@ -16,6 +16,7 @@ struct Found {
     bool     subscription_file = false;
     bool     subscription_list = false; // in that file
     Messages messages          = Messages::NoFile;
+    bool     messages_unread   = false; // they may be there: what failed was not that there is no such file
 
     // A saved session exists when this is not 0.
     int files() const { return session_file + subscription_file + (messages != Messages::NoFile); }
@@ -49,7 +50,8 @@ public:
     void report_again() const noexcept;
 
     // Appends a message, in place of the oldest when there are too many, and writes the message file. Longer payloads
-    // are cut. False, and nothing is written, when the session is not known.
+    // are cut. False, and nothing is written, when the session is not known. Where messages lie unread, their file stays
+    // and the log says that it cannot be written.
     bool add_message(const char *topic, const uint8_t *payload, uint32_t payload_len, uint8_t qos) noexcept;
     void write_messages() noexcept;
 

@@ -226,6 +226,30 @@ TEST(stream, one_fast_peer_leaves_room_for_others)
     EXPECT_LT(floods_before_other, 150); // 64 KiB of them, or 32 receives
 }
 
+TEST(stream, one_peer_with_slow_packets_leaves_room_for_others)
+{
+    std::atomic<int> slow{0};
+    std::atomic<int> slow_before_other{-1};
+    Layer            layer([&](const Recorder::Event &event) {
+        if (event.event != NETIP_EVENT_DATA)
+            return true;
+        if (event.length == 2)
+            slow_before_other = slow.load();
+        else
+            std::this_thread::sleep_for(++slow == 1 ? 300ms : 10ms); // all bytes of both peers arrive meanwhile
+        return true;
+    });
+    Peer             burst, other;
+    layer.events.wait_for(2);
+    for (int i = 0; i < 40; ++i)
+        burst.send(packet(0x30, repeat('x', 1000)));
+    EXPECT_TRUE(eventually([&] { return slow >= 1; }));
+    other.send("C0 00");
+    EXPECT_TRUE(eventually([&] { return slow == 40; }));
+    EXPECT_GE(slow_before_other, 1);
+    EXPECT_LT(slow_before_other, 12) << "those of one or two receives";
+}
+
 TEST(stream, stops_reading_when_the_layer_goes_down)
 {
     std::atomic<bool> inside{false};

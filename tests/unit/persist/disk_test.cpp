@@ -271,6 +271,54 @@ TEST_F(disk, a_directory_in_the_place_of_the_retained_file_is_a_failure)
     EXPECT_EQ(g_sub_mgr.retain_count, 0);
 }
 
+// What is only out of reach for a moment must not be replaced by the one message that comes meanwhile.
+TEST_F(disk, messages_that_cannot_be_read_now_are_not_overwritten)
+{
+    const std::string kept = R"({"msgs":[{"msgid":7,"qos":1,"topic":"a","payload":"61"}]})";
+    const LogLine     line = error("[persist] 写入临时文件失败(重试3次): data/message/dev1.json.tmp");
+    write_text("data/message/dev1.json", kept);
+    for (const int code : {EMFILE, ENFILE, EACCES, EIO, ENOMEM}) {
+        LogCapture log;
+        {
+            Fail fail(Call::FileOpen, 3, code); // of the session, the subscriptions, the messages
+            EXPECT_EQ(persist_add_offline_msg("dev1", "t", bytes("x"), 1, 1), 0) << "told by the line alone";
+        }
+        EXPECT_THAT(log.take(), ElementsAre(debug("[persist][定位] 无离线消息文件：data/message/dev1.json"), line));
+        {
+            Fail fail(Call::FileOpen, 3, code);
+            EXPECT_EQ(persist_remove_offline_msg("dev1", 7), 0);
+        }
+        EXPECT_EQ(read_text("data/message/dev1.json"), kept);
+        EXPECT_EQ(g_mqtt_stats.persist_read, 0u);
+        EXPECT_EQ(g_mqtt_stats.persist_write, 0u);
+    }
+    EXPECT_EQ(persist_add_offline_msg("dev1", "t", bytes("x"), 1, 1), 0);
+    EXPECT_EQ(load().msg_count, 2);
+}
+
+TEST_F(disk, messages_whose_reading_breaks_are_not_overwritten)
+{
+    // Reading the first page of a process is an input/output error.
+    std::filesystem::create_symlink("/proc/self/mem", "data/message/dev1.json");
+    if (std::ifstream memory("data/message/dev1.json"); !memory)
+        GTEST_SKIP() << "nothing here that breaks when it is read";
+    LogCapture log;
+    EXPECT_EQ(persist_add_offline_msg("dev1", "t", bytes("x"), 1, 1), 0);
+    EXPECT_TRUE(std::filesystem::is_symlink("data/message/dev1.json"));
+    EXPECT_THAT(log.take(), ElementsAre(warn("[persist][定位] 消息格式错误：找不到 msgs 节点"),
+                                        error("[persist] 写入临时文件失败(重试3次): data/message/dev1.json.tmp")));
+    EXPECT_EQ(g_mqtt_stats.persist_read, 1u) << "it was opened";
+}
+
+TEST_F(disk, a_directory_in_the_place_of_a_message_file_cannot_be_replaced)
+{
+    std::filesystem::create_directory("data/message/dev1.json");
+    LogCapture log;
+    EXPECT_EQ(persist_add_offline_msg("dev1", "t", bytes("x"), 1, 1), 0);
+    EXPECT_THAT(log.take(), ElementsAre(warn("[persist][定位] 消息格式错误：找不到 msgs 节点"),
+                                        error("[persist] 重命名失败: data/message/dev1.json")));
+}
+
 TEST_F(disk, without_memory_the_retained_file_is_not_read)
 {
     retain("kept");
