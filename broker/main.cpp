@@ -23,7 +23,7 @@ int main(int argc, char **argv)
     }
     switch (line.wish) {
     case Wish::Help:
-        fputs(kHelp, stdout);
+        fputs(help_text().c_str(), stdout);
         return kEnded;
     case Wish::Version:
         printf("tarn-broker %s\n", tarn_sdk_mqtt_broker_version());

@@ -25,7 +25,7 @@ struct CommandLine {
 // The first --help or --version ends the reading, and so does the first mistake.
 CommandLine read_command_line(int argc, char *const *argv);
 
-extern const char *const kHelp;
+std::string help_text();
 
 } // namespace tarn::broker
 

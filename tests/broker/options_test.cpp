@@ -96,6 +96,17 @@ TEST(options, help_and_version_end_the_reading)
     EXPECT_EQ(error_of({"--help", "--bogus"}), "");
 }
 
+TEST(options, help_lists_every_option_in_columns)
+{
+    const std::string text = help_text();
+    EXPECT_NE(text.find("\n  -k, --keep-alive SECONDS     silence after which a connection without CONNECT is closed, "
+                        "1..3600 (300)\n"),
+              std::string::npos);
+    EXPECT_NE(text.find("no packet of more than\n                               4096 bytes"), std::string::npos);
+    for (const char *name : {"--log-level", "--max-packet-size", "--max-clients", "--help", "--version"})
+        EXPECT_NE(text.find(name), std::string::npos) << name;
+}
+
 TEST(options, mistakes_are_named)
 {
     EXPECT_EQ(error_of({"--bogus"}), "unknown option '--bogus'");
