@@ -2,10 +2,12 @@
 //
 // The library's log goes to standard output, what this program has to say itself to standard error.
 #include "options.h"
+#include "passwd.h"
 #include "serve.h"
 
 #include <csignal>
 #include <cstdio>
+#include <string_view>
 
 #include <tarn_sdk_mqtt_broker.h>
 
@@ -15,6 +17,9 @@ int main(int argc, char **argv)
 {
     setvbuf(stdout, nullptr, _IOLBF, 0); // log lines appear as they are written, also in a pipe
     signal(SIGPIPE, SIG_IGN);            // whoever reads the log may go; the broker stays
+
+    if (argc > 1 && std::string_view(argv[1]) == "passwd")
+        return passwd_command(argc - 1, argv + 1);
 
     const CommandLine line = read_command_line(argc, argv);
     if (!line.error.empty()) {

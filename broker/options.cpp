@@ -40,6 +40,12 @@ const Row kRows[] = {
      "largest packet before and with CONNECT, 256..10485760 (4096); no packet of more than\n"
      "4096 bytes is taken in any case"},
     {'c', "max-clients", "N", Number{&Options::max_clients, 1, 11000}, "clients served at a time, 1..11000 (5000)"},
+    {0, "directory", "DIR", Text{&Options::directory}, "work there: sessions, and relative names of files"},
+    {0, "user-file", "FILE", Text{&Options::user_file},
+     "who may connect, and by which password; see tarn-broker passwd --help"},
+    {0, "acl-file", "FILE", Text{&Options::acl_file},
+     "who may subscribe and publish to what; nothing else is allowed then"},
+    {0, "user", "NAME", Text{&Options::user}, "become this user before anything is opened"},
     {'h', "help", nullptr, Wish::Help, "print this and end"},
     {'V', "version", nullptr, Wish::Version, "print the version and end"},
 };
@@ -192,11 +198,13 @@ CommandLine read_command_line(int argc, char *const *argv)
 std::string help_text()
 {
     std::string text = "Usage: tarn-broker [OPTION]...\n"
+                       "       tarn-broker passwd [--delete] FILE NAME\n"
                        "Serves MQTT 3.1.1 and 5.0 on port 1883, TCP and UDP, until it gets SIGINT or SIGTERM.\n\n";
     for (const Row &row : kRows)
         text += help_of(row);
     return text + "\n"
-                  "Sessions and messages are kept in ./broker_data. A second signal ends the broker at once.\n"
+                  "Sessions and messages are kept in ./broker_data. SIGHUP makes it read the files of users and\n"
+                  "rules again. A second SIGINT or SIGTERM ends the broker at once.\n"
                   "Exit status: 0 ended by a signal, 1 could not serve, 2 bad option.\n";
 }
 
