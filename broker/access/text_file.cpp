@@ -87,7 +87,7 @@ Mistake replace_file(const std::string &path, std::string_view text)
     if (take_over_owner(file.fd(), target) && write_whole(file.fd(), text) &&
         rename(beside.c_str(), target.c_str()) == 0)
         return {};
-    const Mistake mistake = cannot("write", target);
+    Mistake mistake = cannot("write", target);
     unlink(beside.c_str());
     return mistake;
 }
@@ -102,7 +102,7 @@ Mistake for_each_line(const std::string &path, std::string_view text,
         if (line.empty() || line.front() == '#')
             continue;
         if (const Mistake mistake = take(line); !mistake.empty())
-            return path + ":" + std::to_string(number) + ": " + mistake;
+            return (path + ":").append(std::to_string(number)).append(": ").append(mistake);
     }
     return {};
 }

@@ -69,7 +69,7 @@ std::string hash_password(const std::string &password)
 
 Mistake Users::parse(const std::string &path, std::string_view text)
 {
-    const Mistake mistake = for_each_line(path, text, [this](std::string_view line) { return take(line); });
+    Mistake mistake = for_each_line(path, text, [this](std::string_view line) { return take(line); });
     if (stand_in_.empty())
         stand_in_ = hash_password("-");
     return mistake;
