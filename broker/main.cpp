@@ -2,10 +2,12 @@
 //
 // The library's log goes to standard output, what this program has to say itself to standard error.
 #include "options.h"
+#include "passwd.h"
 #include "serve.h"
 
 #include <csignal>
 #include <cstdio>
+#include <string_view>
 
 #include <tarn_sdk_mqtt_broker.h>
 
@@ -16,6 +18,9 @@ int main(int argc, char **argv)
     setvbuf(stdout, nullptr, _IOLBF, 0); // log lines appear as they are written, also in a pipe
     signal(SIGPIPE, SIG_IGN);            // whoever reads the log may go; the broker stays
 
+    if (argc > 1 && std::string_view(argv[1]) == "passwd")
+        return passwd_command(argc - 1, argv + 1);
+
     const CommandLine line = read_command_line(argc, argv);
     if (!line.error.empty()) {
         fprintf(stderr, "tarn-broker: %s\nTry 'tarn-broker --help'.\n", line.error.c_str());
@@ -23,7 +28,7 @@ int main(int argc, char **argv)
     }
     switch (line.wish) {
     case Wish::Help:
-        fputs(kHelp, stdout);
+        fputs(help_text().c_str(), stdout);
         return kEnded;
     case Wish::Version:
         printf("tarn-broker %s\n", tarn_sdk_mqtt_broker_version());

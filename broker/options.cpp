@@ -4,124 +4,208 @@
 #include <cstdlib>
 #include <getopt.h>
 #include <iterator>
+#include <variant>
+#include <vector>
 
 namespace tarn::broker {
 namespace {
 
-// The numbers the library takes for each setting, so that a wrong one is refused with its name and range.
-struct NumberRow {
-    char        letter;
-    const char *name;
-    int32_t     lowest;
-    int32_t     highest;
+// What an option's value is and where it goes.
+struct Number { // in the range the library takes, so that a wrong one is refused with its name
     int32_t Options::*target;
+    int32_t           lowest;
+    int32_t           highest;
 };
-constexpr NumberRow kNumbers[] = {
-    {'k', "--keep-alive", 1, 3600, &Options::keepalive_s},
-    {'p', "--max-packet-size", 256, 10485760, &Options::max_packet_size},
-    {'c', "--max-clients", 1, 11000, &Options::max_clients},
+struct Level {};
+struct Text {
+    std::string Options::*target;
+};
+struct Switch {
+    bool Options::*target;
+};
+using Target = std::variant<Number, Level, Text, Switch, Wish>;
+
+struct Row {
+    char        letter; // 0 without a short form
+    const char *name;
+    const char *argument; // null when it takes none
+    Target      target;
+    const char *help;
+};
+const Row kRows[] = {
+    {'l', "log-level", "LEVEL", Level{}, "debug, info, warn (default) or error; the log goes to standard output"},
+    {'k', "keep-alive", "SECONDS", Number{&Options::keepalive_s, 1, 3600},
+     "silence after which a connection without CONNECT is closed, 1..3600 (300)"},
+    {'p', "max-packet-size", "BYTES", Number{&Options::max_packet_size, 256, 10485760},
+     "largest packet before and with CONNECT, 256..10485760 (4096); no packet of more than\n"
+     "4096 bytes is taken in any case"},
+    {'c', "max-clients", "N", Number{&Options::max_clients, 1, 11000}, "clients served at a time, 1..11000 (5000)"},
+    {0, "directory", "DIR", Text{&Options::directory}, "work there: sessions, and relative names of files"},
+    {0, "user-file", "FILE", Text{&Options::user_file},
+     "who may connect, and by which password; see tarn-broker passwd --help"},
+    {0, "acl-file", "FILE", Text{&Options::acl_file},
+     "who may subscribe and publish to what; nothing else is allowed then"},
+    {0, "user", "NAME", Text{&Options::user}, "become this user before anything is opened"},
+    {'h', "help", nullptr, Wish::Help, "print this and end"},
+    {'V', "version", nullptr, Wish::Version, "print the version and end"},
 };
 
 constexpr const char *kLevels[] = {"debug", "info", "warn", "error"}; // in the library's numbering
 
-constexpr option kLongOptions[] = {
-    {"log-level", required_argument, nullptr, 'l'},
-    {"keep-alive", required_argument, nullptr, 'k'},
-    {"max-packet-size", required_argument, nullptr, 'p'},
-    {"max-clients", required_argument, nullptr, 'c'},
-    {"help", no_argument, nullptr, 'h'},
-    {"version", no_argument, nullptr, 'V'},
-    {nullptr, 0, nullptr, 0},
+// What getopt returns for a row: its letter, or a number that is no letter.
+int code_of(const Row &row)
+{
+    return row.letter ? row.letter : 256 + static_cast<int>(&row - kRows);
+}
+
+const Row *row_of(int code)
+{
+    for (const Row &row : kRows)
+        if (code_of(row) == code)
+            return &row;
+    return nullptr;
+}
+
+std::vector<option> long_options()
+{
+    std::vector<option> options;
+    for (const Row &row : kRows)
+        options.push_back({row.name, row.argument ? required_argument : no_argument, nullptr, code_of(row)});
+    options.push_back({nullptr, 0, nullptr, 0});
+    return options;
+}
+
+std::string short_options()
+{
+    std::string letters = ":"; // to be told of a missing value apart from an unknown option
+    for (const Row &row : kRows) {
+        if (row.letter == 0)
+            continue;
+        letters += row.letter;
+        if (row.argument)
+            letters += ':';
+    }
+    return letters;
+}
+
+// One for each kind of value: each gives the mistake, if it is one.
+struct Read {
+    const Row   &row;
+    const char  *text; // null for an option without a value
+    CommandLine &line;
+
+    std::string operator()(const Number &number) const
+    {
+        char *end        = nullptr;
+        errno            = 0;
+        const long value = strtol(text, &end, 10);
+        if (end == text || *end != '\0' || errno != 0 || value < number.lowest || value > number.highest)
+            return refused("a number from " + std::to_string(number.lowest) + " to " + std::to_string(number.highest));
+        line.options.*number.target = static_cast<int32_t>(value);
+        return {};
+    }
+
+    std::string operator()(Level) const
+    {
+        for (size_t i = 0; i < std::size(kLevels); ++i) {
+            if (std::string(text) == kLevels[i]) {
+                line.options.log_level = static_cast<uint32_t>(i);
+                return {};
+            }
+        }
+        return refused("debug, info, warn or error");
+    }
+
+    std::string operator()(const Text &value) const
+    {
+        if (*text == '\0')
+            return std::string("--") + row.name + " takes a name, not an empty one";
+        line.options.*value.target = text;
+        return {};
+    }
+
+    std::string operator()(const Switch &value) const
+    {
+        line.options.*value.target = true;
+        return {};
+    }
+
+    std::string operator()(Wish wish) const
+    {
+        line.wish = wish;
+        return {};
+    }
+
+    std::string refused(const std::string &wanted) const
+    {
+        return std::string("--") + row.name + " takes " + wanted + ", not '" + text + "'";
+    }
 };
 
-std::string read_level(const std::string &text, uint32_t &level)
-{
-    for (size_t i = 0; i < std::size(kLevels); ++i) {
-        if (text == kLevels[i]) {
-            level = static_cast<uint32_t>(i);
-            return {};
-        }
-    }
-    return "--log-level takes debug, info, warn or error, not '" + text + "'";
-}
-
-std::string read_number(const NumberRow &row, const char *text, Options &options)
-{
-    char *end        = nullptr;
-    errno            = 0;
-    const long value = strtol(text, &end, 10);
-    if (end == text || *end != '\0' || errno != 0 || value < row.lowest || value > row.highest)
-        return std::string(row.name) + " takes a number from " + std::to_string(row.lowest) + " to " +
-               std::to_string(row.highest) + ", not '" + text + "'";
-    options.*row.target = static_cast<int32_t>(value);
-    return {};
-}
-
-std::string read_value(int letter, const char *text, Options &options)
-{
-    for (const NumberRow &row : kNumbers)
-        if (letter == row.letter)
-            return read_number(row, text, options);
-    return read_level(text, options.log_level);
-}
-
 // What getopt could not read. It names a short option, and a long one that was given a value it does not take, by its
-// letter; a long one that it does not know stands in the argument before optind.
+// code; a long one that it does not know stands in the argument before optind.
 std::string describe_mistake(char *const *argv)
 {
-    for (const option &row : kLongOptions)
-        if (row.name && optopt == row.val)
-            return std::string("--") + row.name + " takes no value";
+    if (const Row *row = row_of(optopt))
+        return std::string("--") + row->name + " takes no value";
     if (optopt != 0)
         return std::string("unknown option '-") + static_cast<char>(optopt) + "'";
     return std::string("unknown option '") + argv[optind - 1] + "'";
+}
+
+// "  -k, --keep-alive SECONDS     " and the help text, whose further lines stand below its first.
+std::string help_of(const Row &row)
+{
+    constexpr size_t kColumn = 31;
+    std::string      text    = row.letter ? std::string("  -") + row.letter + ", --" : std::string("      --");
+    text += row.name;
+    if (row.argument)
+        text += std::string(" ") + row.argument;
+    text.resize(kColumn, ' ');
+    for (const char *c = row.help; *c; ++c) {
+        text += *c;
+        if (*c == '\n')
+            text.append(kColumn, ' ');
+    }
+    return text + "\n";
 }
 
 } // namespace
 
 CommandLine read_command_line(int argc, char *const *argv)
 {
-    CommandLine line;
+    const std::string         letters = short_options();
+    const std::vector<option> names   = long_options();
+    CommandLine               line;
     optind = 0; // 0, not 1: getopt starts afresh, also in its own static state
     opterr = 0;
-    for (int letter; (letter = getopt_long(argc, argv, ":l:k:p:c:hV", kLongOptions, nullptr)) != -1;) {
-        switch (letter) {
-        case 'h':
-            line.wish = Wish::Help;
-            return line;
-        case 'V':
-            line.wish = Wish::Version;
-            return line;
-        case ':':
+    for (int code; (code = getopt_long(argc, argv, letters.c_str(), names.data(), nullptr)) != -1;) {
+        const Row *row = row_of(code);
+        if (row)
+            line.error = std::visit(Read{*row, optarg, line}, row->target);
+        else if (code == ':')
             line.error = std::string(argv[optind - 1]) + " needs a value";
-            return line;
-        case '?':
+        else
             line.error = describe_mistake(argv);
+        if (!line.error.empty() || line.wish == Wish::Help || line.wish == Wish::Version)
             return line;
-        default:
-            line.error = read_value(letter, optarg, line.options);
-            if (!line.error.empty())
-                return line;
-        }
     }
     if (optind < argc)
         line.error = std::string("unexpected argument '") + argv[optind] + "'";
     return line;
 }
 
-const char *const kHelp = R"(Usage: tarn-broker [OPTION]...
-Serves MQTT 3.1.1 and 5.0 on port 1883, TCP and UDP, until it gets SIGINT or SIGTERM.
-
-  -l, --log-level LEVEL        debug, info, warn (default) or error; the log goes to standard output
-  -k, --keep-alive SECONDS     silence after which a connection without CONNECT is closed, 1..3600 (300)
-  -p, --max-packet-size BYTES  largest packet before and with CONNECT, 256..10485760 (4096); no packet of more than
-                               4096 bytes is taken in any case
-  -c, --max-clients N          clients served at a time, 1..11000 (5000)
-  -h, --help                   print this and end
-  -V, --version                print the version and end
-
-Sessions and messages are kept in ./broker_data. A second signal ends the broker at once.
-Exit status: 0 ended by a signal, 1 could not serve, 2 bad option.
-)";
+std::string help_text()
+{
+    std::string text = "Usage: tarn-broker [OPTION]...\n"
+                       "       tarn-broker passwd [--delete] FILE NAME\n"
+                       "Serves MQTT 3.1.1 and 5.0 on port 1883, TCP and UDP, until it gets SIGINT or SIGTERM.\n\n";
+    for (const Row &row : kRows)
+        text += help_of(row);
+    return text + "\n"
+                  "Sessions and messages are kept in ./broker_data. SIGHUP makes it read the files of users and\n"
+                  "rules again. A second SIGINT or SIGTERM ends the broker at once.\n"
+                  "Exit status: 0 ended by a signal, 1 could not serve, 2 bad option.\n";
+}
 
 } // namespace tarn::broker

@@ -8,10 +8,14 @@
 namespace tarn::broker {
 
 struct Options {
-    uint32_t log_level       = 2; // 0 debug .. 3 error
-    int32_t  keepalive_s     = 300;
-    int32_t  max_packet_size = 4096; // bytes
-    int32_t  max_clients     = 5000;
+    uint32_t    log_level       = 2; // 0 debug .. 3 error
+    int32_t     keepalive_s     = 300;
+    int32_t     max_packet_size = 4096; // bytes
+    int32_t     max_clients     = 5000;
+    std::string directory; // this and all below: empty when not given
+    std::string user_file;
+    std::string acl_file;
+    std::string user; // to run as
 };
 
 enum class Wish { Serve, Help, Version };
@@ -25,7 +29,7 @@ struct CommandLine {
 // The first --help or --version ends the reading, and so does the first mistake.
 CommandLine read_command_line(int argc, char *const *argv);
 
-extern const char *const kHelp;
+std::string help_text();
 
 } // namespace tarn::broker
 

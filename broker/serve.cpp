@@ -1,6 +1,8 @@
 #include "serve.h"
 
+#include "access/guard.h"
 #include "loop.h"
+#include "privileges.h"
 
 #include <cerrno>
 #include <csignal>
@@ -16,7 +18,8 @@
 namespace tarn::broker {
 namespace {
 
-constexpr uint16_t kPort = 1883; // the library serves no other
+constexpr uint16_t                  kPort      = 1883; // the library serves no other
+constexpr std::chrono::milliseconds kLookAfter = std::chrono::seconds(5);
 
 // Each client takes a descriptor, and the usual soft limit is 1024. When it cannot be raised, fewer clients fit.
 void raise_descriptor_limit()
@@ -27,6 +30,16 @@ void raise_descriptor_limit()
     limit.rlim_cur = limit.rlim_max;
     if (setrlimit(RLIMIT_NOFILE, &limit) != 0)
         perror("tarn-broker: cannot raise the limit of open files");
+}
+
+// A broker without clients has some ten files open, and opens a few more for sessions.
+void warn_of_descriptor_limit(int32_t clients)
+{
+    constexpr rlim_t kOwn = 32;
+    rlimit           limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < static_cast<rlim_t>(clients) + kOwn)
+        fprintf(stderr, "tarn-broker: %d clients do not fit into the limit of %llu open files (ulimit -n)\n", clients,
+                static_cast<unsigned long long>(limit.rlim_cur));
 }
 
 // The first ending signal ends the loop; after it, during the end, the next one ends the process at once.
@@ -67,12 +80,42 @@ void explain_failed_start(int32_t code)
         fprintf(stderr, "tarn-broker: cannot start: %s\n", tarn_sdk_mqtt_broker_error_str(code));
 }
 
-int32_t start(broker_t *broker, const Options &options)
+// Everything that can be wrong with the surroundings, before there are threads. Privileges go first: no file that a
+// later reload could not read, and no packet, is read with them. The port needs none. Empty when all is well.
+std::string prepare(const Options &options, Access &access)
+{
+    if (!options.directory.empty() && chdir(options.directory.c_str()) != 0)
+        return "cannot go to " + options.directory + ": " + strerror(errno);
+    if (!options.user.empty())
+        if (std::string mistake = become_user(options.user); !mistake.empty())
+            return mistake;
+    if (!options.user.empty() || !options.directory.empty())
+        if (std::string mistake = check_data_directory(); !mistake.empty())
+            return mistake;
+    if (Mistake mistake = access.load(); !mistake.empty())
+        return mistake;
+    return access.restore_owners();
+}
+
+void reload_on_signal(Loop &loop, Access &access)
+{
+    loop.on_signal(SIGHUP, [&access] {
+        const Mistake mistake = access.load();
+        if (mistake.empty())
+            fprintf(stderr, "tarn-broker: users and rules were read again\n");
+        else
+            fprintf(stderr, "tarn-broker: %s\ntarn-broker: users and rules stay as they were\n", mistake.c_str());
+    });
+}
+
+int32_t start(broker_t *broker, const Options &options, Access &access)
 {
     tarn_sdk_mqtt_broker_init(broker);
     tarn_sdk_mqtt_broker_set_log_level(broker, options.log_level); // again, since init sets it back
     tarn_sdk_mqtt_broker_set_keepalive_timeout(broker, options.keepalive_s);
     tarn_sdk_mqtt_broker_set_max_packet_size(broker, options.max_packet_size);
+    if (access.is_wanted())
+        guard(broker, access);
     return tarn_sdk_mqtt_broker_start(broker, kPort, options.max_clients);
 }
 
@@ -80,9 +123,16 @@ int32_t start(broker_t *broker, const Options &options)
 
 ExitStatus serve(const Options &options)
 {
-    Loop loop;
+    Access access(options.user_file, options.acl_file);
+    Loop   loop;
     end_on_signals(loop);
+    if (access.is_wanted())
+        reload_on_signal(loop, access);
     raise_descriptor_limit();
+    if (const std::string mistake = prepare(options, access); !mistake.empty()) {
+        fprintf(stderr, "tarn-broker: %s\n", mistake.c_str());
+        return kCannotServe;
+    }
     tarn_sdk_mqtt_broker_set_log_level(nullptr, options.log_level);
     broker_t *broker = tarn_sdk_mqtt_broker_create();
     if (!broker) {
@@ -90,10 +140,13 @@ ExitStatus serve(const Options &options)
         return kCannotServe;
     }
 
-    const int32_t code = start(broker, options);
+    const int32_t code = start(broker, options, access);
     if (code == TARN_OK) {
         fprintf(stderr, "tarn-broker: serving MQTT 3.1.1 and 5.0 on 0.0.0.0:%d (TCP and UDP), at most %d clients\n",
                 kPort, options.max_clients);
+        warn_of_descriptor_limit(options.max_clients);
+        if (access.asks_for_users())
+            loop.every(kLookAfter, [&] { look_after(broker, access); });
         loop.run();
         fprintf(stderr, "tarn-broker: ending\n");
         tarn_sdk_mqtt_broker_stop(broker);
@@ -101,6 +154,8 @@ ExitStatus serve(const Options &options)
         explain_failed_start(code);
     }
     tarn_sdk_mqtt_broker_deinit(broker);
+    if (const Mistake mistake = access.save_owners(); !mistake.empty())
+        fprintf(stderr, "tarn-broker: %s\n", mistake.c_str());
     tarn_sdk_mqtt_broker_destroy(broker);
     return code == TARN_OK ? kEnded : kCannotServe;
 }

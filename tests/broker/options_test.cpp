@@ -87,6 +87,21 @@ TEST(options, texts_that_are_no_numbers_are_refused)
                   std::string("--keep-alive takes a number from 1 to 3600, not '") + text + "'");
 }
 
+TEST(options, names_are_taken_as_they_are)
+{
+    const CommandLine none = read({});
+    for (const std::string &name :
+         {none.options.directory, none.options.user_file, none.options.acl_file, none.options.user})
+        EXPECT_EQ(name, "");
+    const CommandLine line = read({"--directory", "a dir", "--user-file=users", "--acl-file", "-", "--user", "nobody"});
+    EXPECT_EQ(line.error, "");
+    EXPECT_EQ(line.options.directory, "a dir");
+    EXPECT_EQ(line.options.user_file, "users");
+    EXPECT_EQ(line.options.acl_file, "-");
+    EXPECT_EQ(line.options.user, "nobody");
+    EXPECT_EQ(error_of({"--user-file="}), "--user-file takes a name, not an empty one");
+}
+
 TEST(options, help_and_version_end_the_reading)
 {
     EXPECT_EQ(read({"-h"}).wish, Wish::Help);
@@ -94,6 +109,18 @@ TEST(options, help_and_version_end_the_reading)
     EXPECT_EQ(read({"-V"}).wish, Wish::Version);
     EXPECT_EQ(read({"--version"}).wish, Wish::Version);
     EXPECT_EQ(error_of({"--help", "--bogus"}), "");
+}
+
+TEST(options, help_lists_every_option_in_columns)
+{
+    const std::string text = help_text();
+    EXPECT_NE(text.find("\n  -k, --keep-alive SECONDS     silence after which a connection without CONNECT is closed, "
+                        "1..3600 (300)\n"),
+              std::string::npos);
+    EXPECT_NE(text.find("no packet of more than\n                               4096 bytes"), std::string::npos);
+    for (const char *name : {"--log-level", "--max-packet-size", "--max-clients", "--user-file", "--acl-file",
+                             "--user NAME", "--directory", "--help", "--version"})
+        EXPECT_NE(text.find(name), std::string::npos) << name;
 }
 
 TEST(options, mistakes_are_named)

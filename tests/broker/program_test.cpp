@@ -1,31 +1,18 @@
 // tarn-broker as whoever starts it sees it: what it prints where, when it ends and with which status.
-#include "support/child.h"
+#include "program.h"
 #include "support/peer.h"
-#include "support/timing.h"
 
 #include <csignal>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace tarn::test;
 
 namespace {
-
-// Each run writes to files of its own, so that one never reads what the run before had said.
-Child run(std::vector<std::string> arguments = {})
-{
-    static int runs = 0;
-    arguments.insert(arguments.begin(), TARN_BROKER_PROGRAM);
-    return {"broker" + std::to_string(++runs), arguments};
-}
-
-bool serves(const Child &broker)
-{
-    return wait_until([&] { return broker.errors().find("tarn-broker: serving ") != std::string::npos; });
-}
 
 // A socket of this test on 1883.
 class Port1883 {
@@ -154,6 +141,20 @@ TEST(program, raises_the_soft_limit_of_descriptors)
     EXPECT_EQ(its.rlim_cur, before.rlim_max);
 }
 
+TEST(program, says_when_the_clients_do_not_fit_into_the_limit_of_files)
+{
+    Child small{"small", {"sh", "-c", "ulimit -n 100; exec \"$0\" -c 69", TARN_BROKER_PROGRAM}};
+    ASSERT_TRUE(serves(small));
+    EXPECT_TRUE(says(small, "tarn-broker: 69 clients do not fit into the limit of 100 open files (ulimit -n)\n"));
+    small.signal(SIGTERM);
+    EXPECT_EQ(small.wait(kLimit_ms), 0);
+
+    Child fits{"fits", {"sh", "-c", "ulimit -n 100; exec \"$0\" -c 68", TARN_BROKER_PROGRAM}};
+    ASSERT_TRUE(serves(fits));
+    Peer::tcp().connect_v4("a").ping();
+    EXPECT_EQ(fits.errors().find("do not fit"), std::string::npos) << fits.errors();
+}
+
 TEST(program, says_why_it_cannot_listen)
 {
     Port1883 taken(SOCK_STREAM);
@@ -177,4 +178,20 @@ TEST(program, serves_when_only_udp_is_taken)
     Child    broker = run();
     ASSERT_TRUE(serves(broker));
     Peer::tcp().connect_v4("a").ping();
+}
+
+TEST(program, works_in_the_directory_it_is_told)
+{
+    ASSERT_EQ(mkdir("there", 0755), 0);
+    Child broker = run({"--directory", "there"});
+    ASSERT_TRUE(serves(broker));
+    EXPECT_EQ(access("there/broker_data/session", F_OK), 0);
+    EXPECT_NE(access("broker_data", F_OK), 0);
+}
+
+TEST(program, says_that_it_cannot_go_to_a_directory)
+{
+    Child broker = run({"--directory=not there"});
+    EXPECT_EQ(broker.wait(kLimit_ms), 1);
+    EXPECT_EQ(broker.errors(), "tarn-broker: cannot go to not there: No such file or directory\n");
 }

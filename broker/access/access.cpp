@@ -1,0 +1,161 @@
+#include "access.h"
+
+#include "filter.h"
+
+#include <algorithm>
+#include <unistd.h>
+#include <utility>
+
+namespace tarn::broker {
+namespace {
+
+constexpr const char *kOwnersFile = "broker_data/owners";
+constexpr size_t      kIdMax      = 63; // the library cuts longer ids when it takes them
+
+// A saved session that holds anything has a file of subscriptions. Ids with a '/' have no files.
+bool has_saved_session(const std::string &client_id)
+{
+    return client_id.find('/') == client_id.npos &&
+           access(("broker_data/subscription/" + client_id + ".json").c_str(), F_OK) == 0;
+}
+
+// The form of the ids that the library chooses.
+bool is_chosen_id(std::string_view client_id)
+{
+    constexpr std::string_view kAuto = "auto_";
+    return client_id.size() > kAuto.size() && client_id.starts_with(kAuto) &&
+           std::all_of(client_id.begin() + kAuto.size(), client_id.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+} // namespace
+
+Access::Access(std::string user_file, std::string acl_file)
+    : user_file_(std::move(user_file)), acl_file_(std::move(acl_file))
+{
+}
+
+Mistake Access::load()
+{
+    Files       loaded;
+    std::string text;
+    if (!user_file_.empty()) {
+        loaded.users = std::make_shared<Users>();
+        if (Mistake mistake = read_file(user_file_, text); !mistake.empty())
+            return mistake;
+        if (Mistake mistake = loaded.users->parse(user_file_, text); !mistake.empty())
+            return mistake;
+    }
+    if (!acl_file_.empty()) {
+        const auto acl = std::make_shared<Acl>();
+        if (Mistake mistake = read_file(acl_file_, text); !mistake.empty())
+            return mistake;
+        if (Mistake mistake = acl->parse(acl_file_, text, asks_for_users()); !mistake.empty())
+            return mistake;
+        loaded.acl = acl;
+    }
+    const std::lock_guard lock(mutex_);
+    std::swap(files_, loaded); // the old ones go after the lock, unless a callback still has them
+    return {};
+}
+
+Access::Files Access::files() const
+{
+    const std::lock_guard lock(mutex_);
+    return files_;
+}
+
+bool Access::may_connect(const std::string &client_id, const std::string &user, const std::string &password)
+{
+    const Files now = files();
+    if (!now.users)
+        return true;
+    if (user.empty() || password.empty() || !now.users->check(user, password))
+        return false;
+    if (client_id.empty())
+        return true;
+    return !is_chosen_id(client_id) && bindings_.bind(std::string_view(client_id).substr(0, kIdMax), user);
+}
+
+// A session that the library chose the id of begins clean, so nothing of the other user's is behind it.
+bool Access::chosen(const std::string &client_id, const std::string &user, const std::function<bool()> &is_alone)
+{
+    if (bindings_.bind(client_id, user))
+        return true;
+    if (!is_alone())
+        return false;
+    bindings_.forget(client_id);
+    return bindings_.bind(client_id, user);
+}
+
+// Nothing when the client may not do anything. Packets before a CONNECT come with an empty id.
+std::optional<std::string> Access::user_behind(const Files &files, const std::string &client_id) const
+{
+    if (client_id.empty())
+        return {};
+    if (!files.users)
+        return std::string();
+    std::optional<std::string> user = bindings_.user_of(client_id);
+    return user && files.users->has(*user) ? user : std::nullopt;
+}
+
+bool Access::may_subscribe(const std::string &client_id, const std::string &filter)
+{
+    const Files                      now  = files();
+    const std::optional<std::string> user = user_behind(now, client_id);
+    if (!user || !is_utf8(filter) || (now.acl && !now.acl->may_subscribe({client_id, *user}, filter)))
+        return false;
+    if (now.users && !is_chosen_id(client_id)) { // those have no sessions, and none comes back
+        bindings_.subscribed(client_id);
+        const std::lock_guard lock(mutex_);
+        saves_due_ = 2; // the first may come before the library has written its file
+    }
+    return true;
+}
+
+bool Access::may_publish(const std::string &client_id, const std::string &topic)
+{
+    const Files                      now  = files();
+    const std::optional<std::string> user = user_behind(now, client_id);
+    return user && is_topic(topic) && (!now.acl || now.acl->may_publish({client_id, *user}, topic));
+}
+
+std::vector<std::string> Access::unwelcome() const
+{
+    const Files now = files();
+    if (!now.users)
+        return {};
+    return bindings_.ids_where([&](const std::string &user) { return !now.users->has(user); });
+}
+
+void Access::sweep(const std::set<std::string, std::less<>> &online)
+{
+    bindings_.sweep(online, has_saved_session);
+}
+
+Mistake Access::restore_owners()
+{
+    std::string text;
+    if (!asks_for_users() || access(kOwnersFile, F_OK) != 0)
+        return {};
+    if (Mistake mistake = read_file(kOwnersFile, text); !mistake.empty())
+        return mistake;
+    return bindings_.restore(kOwnersFile, text, has_saved_session);
+}
+
+Mistake Access::save_owners()
+{
+    {
+        const std::lock_guard lock(mutex_);
+        if (saves_due_ == 0)
+            return {};
+        --saves_due_;
+    }
+    Mistake mistake = replace_file(kOwnersFile, bindings_.to_text(has_saved_session));
+    if (!mistake.empty()) {
+        const std::lock_guard lock(mutex_);
+        saves_due_ = std::max(saves_due_, 1);
+    }
+    return mistake;
+}
+
+} // namespace tarn::broker

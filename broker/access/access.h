@@ -1,0 +1,72 @@
+// access.h - what the files of users and rules make of a client's wishes. Knows nothing of the library: guard.h joins
+// the two.
+//
+// Any thread may ask while another one loads: the files' content is replaced as a whole, and who still uses the old one
+// has its share of it.
+#ifndef TARN_BROKER_ACCESS_ACCESS_H
+#define TARN_BROKER_ACCESS_ACCESS_H
+
+#include "acl.h"
+#include "bindings.h"
+#include "users.h"
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace tarn::broker {
+
+class Access {
+public:
+    // Names of files, empty for none. Without users everybody may connect; without rules everybody who is connected may
+    // do everything.
+    Access(std::string user_file, std::string acl_file);
+
+    bool is_wanted() const { return !user_file_.empty() || !acl_file_.empty(); }
+    bool asks_for_users() const { return !user_file_.empty(); }
+
+    // Reads both files. With a mistake in one of them nothing changes.
+    Mistake load();
+
+    // The id is empty when the library will choose one.
+    bool may_connect(const std::string &client_id, const std::string &user, const std::string &password);
+
+    // The id that it chose for a client that is online now. False when it is another user's: that one's client is there,
+    // too, unless this one is alone with the id.
+    bool chosen(const std::string &client_id, const std::string &user, const std::function<bool()> &is_alone);
+
+    bool may_subscribe(const std::string &client_id, const std::string &filter);
+    bool may_publish(const std::string &client_id, const std::string &topic);
+
+    // Ids that belong to users who are no more in the file.
+    std::vector<std::string> unwelcome() const;
+
+    // Called every few seconds with the ids that are online.
+    void sweep(const std::set<std::string, std::less<>> &online);
+
+    // Whose the saved sessions are, kept beside them. Saves when there may be something new.
+    Mistake restore_owners();
+    Mistake save_owners();
+
+private:
+    struct Files {
+        std::shared_ptr<Users>     users; // null without such a file
+        std::shared_ptr<const Acl> acl;
+    };
+    Files                      files() const;
+    std::optional<std::string> user_behind(const Files &files, const std::string &client_id) const;
+
+    const std::string  user_file_;
+    const std::string  acl_file_;
+    mutable std::mutex mutex_;
+    Files              files_;         // under mutex_
+    int                saves_due_ = 0; // under mutex_
+    Bindings           bindings_;
+};
+
+} // namespace tarn::broker
+
+#endif

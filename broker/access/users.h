@@ -1,0 +1,50 @@
+// users.h - the file of users, "NAME:HASH" a line, and the question whether a password is right.
+//
+// Hashes are the system's, as crypt(5) describes them. Hashing is slow on purpose, and who asks is the thread that
+// serves all clients. So new hashes are of a cost that thread can bear, and of each user the password that was right
+// last is remembered, as a hash under a key that lives and dies with this object: a client that comes back, or a
+// thousand devices that share a user, cost one hashing. A wrong password and an unknown user cost one each time.
+#ifndef TARN_BROKER_ACCESS_USERS_H
+#define TARN_BROKER_ACCESS_USERS_H
+
+#include "keyed_hash.h"
+#include "text_file.h"
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+namespace tarn::broker {
+
+Mistake     check_user_name(std::string_view name);
+std::string hash_password(const std::string &password); // empty when the system cannot
+
+class Users {
+public:
+    Mistake parse(const std::string &path, std::string_view text);
+
+    bool   has(std::string_view name) const { return hashes_.find(name) != hashes_.end(); }
+    size_t count() const { return hashes_.size(); }
+
+    // By any number of threads.
+    bool check(const std::string &name, const std::string &password);
+
+    unsigned hashings() const; // so far; so that tests can see what a check costs
+
+private:
+    Mistake take(std::string_view line);
+    bool    matches(const std::string &hash, const std::string &password);
+    Hash128 trace(const std::string &hash, const std::string &password) const;
+
+    std::map<std::string, std::string, std::less<>> hashes_;
+    std::string                                     stand_in_; // for users that are not there
+    const HashKey                                   key_ = random_key();
+    mutable std::mutex                              mutex_;
+    std::map<std::string, Hash128>                  right_last_; // by user; under mutex_, as all below
+    unsigned                                        hashings_ = 0;
+};
+
+} // namespace tarn::broker
+
+#endif

@@ -1,0 +1,302 @@
+#include "broker/access/access.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <thread>
+
+using namespace tarn::broker;
+
+namespace {
+
+using Ids = std::set<std::string, std::less<>>;
+
+void write(const std::string &name, const std::string &text)
+{
+    std::ofstream(name) << text;
+}
+
+std::string read(const std::string &name)
+{
+    std::string text;
+    EXPECT_EQ(read_file(name, text), "");
+    return text;
+}
+
+// Everybody's password is "right".
+std::string users(std::initializer_list<const char *> names)
+{
+    static const std::string hash = hash_password("right");
+    std::string              text;
+    for (const char *name : names)
+        text += std::string(name) + ":" + hash + "\n";
+    return text;
+}
+
+struct access : testing::Test {
+    void SetUp() override
+    {
+        std::filesystem::create_directories("broker_data/subscription");
+        write("users", users({"alice", "bob"}));
+        write("acl", "read news\nuser alice\nreadwrite home/#\n");
+    }
+    static void save_session(const std::string &id) { write("broker_data/subscription/" + id + ".json", "{}"); }
+    static void sweeps(Access &access, const Ids &online)
+    {
+        for (int i = 0; i < 3; ++i)
+            access.sweep(online);
+    }
+};
+
+} // namespace
+
+TEST_F(access, without_files_everything_is_allowed_but_before_connect)
+{
+    Access all("", "");
+    EXPECT_FALSE(all.is_wanted());
+    ASSERT_EQ(all.load(), "");
+    EXPECT_TRUE(all.may_connect("x", "", ""));
+    EXPECT_TRUE(all.may_publish("x", "a"));
+    EXPECT_TRUE(all.may_subscribe("x", "#"));
+    EXPECT_FALSE(all.may_publish("", "a"));
+}
+
+TEST_F(access, with_users_alone_who_is_logged_in_may_do_everything)
+{
+    Access some("users", "");
+    EXPECT_TRUE(some.is_wanted());
+    ASSERT_EQ(some.load(), "");
+    EXPECT_FALSE(some.may_connect("x", "", ""));
+    EXPECT_FALSE(some.may_connect("x", "alice", ""));
+    EXPECT_FALSE(some.may_connect("x", "alice", "wrong"));
+    EXPECT_FALSE(some.may_publish("x", "a"));
+    EXPECT_FALSE(some.may_subscribe("x", "a"));
+    EXPECT_TRUE(some.may_connect("x", "alice", "right"));
+    EXPECT_TRUE(some.may_publish("x", "a"));
+    EXPECT_TRUE(some.may_subscribe("x", "#"));
+}
+
+TEST_F(access, before_connect_and_with_bad_topics_nothing_is_allowed)
+{
+    for (const char *user_file : {"users", ""}) {
+        write("all", "readwrite #\n");
+        Access some(user_file, "all");
+        ASSERT_EQ(some.load(), "");
+        ASSERT_TRUE(some.may_connect("x", "alice", "right"));
+        EXPECT_TRUE(some.may_publish("x", "a"));
+        EXPECT_FALSE(some.may_publish("", "a"));
+        EXPECT_FALSE(some.may_subscribe("", "a"));
+        for (const char *topic : {"", "a/+", "#", "\xC3"})
+            EXPECT_FALSE(some.may_publish("x", topic)) << topic;
+        EXPECT_TRUE(some.may_subscribe("x", "a/+"));
+        EXPECT_FALSE(some.may_subscribe("x", "\xC3"));
+    }
+}
+
+TEST_F(access, with_both_the_rules_of_the_user_count)
+{
+    Access some("users", "acl");
+    ASSERT_EQ(some.load(), "");
+    ASSERT_TRUE(some.may_connect("x", "alice", "right"));
+    ASSERT_TRUE(some.may_connect("y", "bob", "right"));
+    EXPECT_TRUE(some.may_subscribe("x", "news"));
+    EXPECT_TRUE(some.may_publish("x", "home/lamp"));
+    EXPECT_FALSE(some.may_publish("x", "news"));
+    EXPECT_TRUE(some.may_subscribe("y", "news"));
+    EXPECT_FALSE(some.may_publish("y", "home/lamp"));
+}
+
+TEST_F(access, with_rules_alone_everybody_connects)
+{
+    write("acl", "read news\nclient lamp*\nwrite lamps/%c\n");
+    Access some("", "acl");
+    EXPECT_TRUE(some.is_wanted());
+    EXPECT_FALSE(some.asks_for_users());
+    ASSERT_EQ(some.load(), "");
+    EXPECT_TRUE(some.may_connect("lamp1", "", ""));
+    EXPECT_TRUE(some.may_subscribe("x", "news"));
+    EXPECT_FALSE(some.may_publish("x", "lamps/lamp1"));
+    EXPECT_TRUE(some.may_publish("lamp1", "lamps/lamp1"));
+    EXPECT_TRUE(some.may_subscribe("auto_1", "news"));
+}
+
+TEST_F(access, an_id_stays_with_its_user)
+{
+    Access some("users", "");
+    ASSERT_EQ(some.load(), "");
+    EXPECT_TRUE(some.may_connect("x", "alice", "right"));
+    EXPECT_FALSE(some.may_connect("x", "bob", "right"));
+    EXPECT_TRUE(some.may_connect("x", "alice", "right"));
+    sweeps(some, {"x"});
+    EXPECT_FALSE(some.may_connect("x", "bob", "right"));
+    sweeps(some, {});
+    EXPECT_TRUE(some.may_connect("x", "bob", "right"));
+}
+
+TEST_F(access, an_id_with_subscriptions_stays_also_offline)
+{
+    Access some("users", "acl");
+    ASSERT_EQ(some.load(), "");
+    some.may_connect("x", "alice", "right");
+    EXPECT_FALSE(some.may_subscribe("x", "other"));
+    some.may_connect("y", "alice", "right");
+    EXPECT_TRUE(some.may_subscribe("y", "home/#"));
+    sweeps(some, {});
+    EXPECT_TRUE(some.may_connect("x", "bob", "right")); // was refused its only one
+    EXPECT_FALSE(some.may_connect("y", "bob", "right"));
+}
+
+// The library cuts them, and asks with what is left.
+TEST_F(access, ids_are_bound_as_the_library_cuts_them)
+{
+    Access            some("users", "");
+    const std::string id(63, 'x');
+    ASSERT_EQ(some.load(), "");
+    EXPECT_TRUE(some.may_connect(id + "1", "alice", "right"));
+    EXPECT_TRUE(some.may_publish(id, "a"));
+    EXPECT_FALSE(some.may_connect(id + "2", "bob", "right"));
+    EXPECT_FALSE(some.may_connect(id, "bob", "right"));
+}
+
+TEST_F(access, ids_that_the_library_chooses)
+{
+    Access some("users", "");
+    ASSERT_EQ(some.load(), "");
+    const auto two   = [] { return false; };
+    const auto alone = [] { return true; };
+    EXPECT_FALSE(some.may_connect("", "alice", "wrong"));
+    EXPECT_TRUE(some.may_connect("", "alice", "right"));
+    EXPECT_FALSE(some.may_publish("auto_17", "a"));
+    EXPECT_TRUE(some.chosen("auto_17", "alice", two));
+    EXPECT_TRUE(some.may_publish("auto_17", "a"));
+    EXPECT_TRUE(some.chosen("auto_17", "alice", two));
+    EXPECT_FALSE(some.chosen("auto_17", "bob", two));
+    EXPECT_TRUE(some.may_subscribe("auto_17", "a"));
+    sweeps(some, {}); // no session stays behind them
+    EXPECT_TRUE(some.chosen("auto_17", "bob", two));
+    EXPECT_TRUE(some.chosen("auto_17", "alice", alone));
+    EXPECT_TRUE(some.may_publish("auto_17", "a"));
+    EXPECT_FALSE(some.chosen("auto_17", "bob", two));
+    EXPECT_FALSE(some.may_connect("auto_18", "alice", "right")); // nobody else's to choose
+    for (const char *id : {"auto_", "auto_1x", "xauto_1", "Auto_1"})
+        EXPECT_TRUE(some.may_connect(id, "alice", "right")) << id;
+}
+
+TEST_F(access, owners_of_saved_sessions_outlive_the_process)
+{
+    {
+        Access some("users", "");
+        ASSERT_EQ(some.load(), "");
+        ASSERT_EQ(some.restore_owners(), ""); // no file yet
+        some.may_connect("x", "alice", "right");
+        some.may_connect("gone", "alice", "right");
+        some.may_connect("a/b", "alice", "right");
+        ASSERT_EQ(some.save_owners(), "");
+        EXPECT_FALSE(std::filesystem::exists("broker_data/owners")); // nothing new yet
+        some.may_subscribe("x", "a");
+        some.may_subscribe("a/b", "a");
+        ASSERT_EQ(some.save_owners(), "");
+        EXPECT_EQ(read("broker_data/owners"), "");
+        save_session("x"); // the library writes its file after it asked
+        ASSERT_EQ(some.save_owners(), "");
+        EXPECT_EQ(read("broker_data/owners"), "x alice\n");
+        std::filesystem::remove("broker_data/owners");
+        ASSERT_EQ(some.save_owners(), "");
+        EXPECT_FALSE(std::filesystem::exists("broker_data/owners"));
+        some.may_subscribe("x", "b");
+        ASSERT_EQ(some.save_owners(), "");
+    }
+    Access later("users", "");
+    ASSERT_EQ(later.load(), "");
+    ASSERT_EQ(later.restore_owners(), "");
+    sweeps(later, {});
+    EXPECT_FALSE(later.may_connect("x", "bob", "right"));
+    EXPECT_TRUE(later.may_connect("gone", "bob", "right"));
+    EXPECT_TRUE(later.may_connect("x", "alice", "right"));
+}
+
+TEST_F(access, owners_that_cannot_be_saved_are_saved_later)
+{
+    Access some("users", "");
+    ASSERT_EQ(some.load(), "");
+    save_session("x");
+    some.may_connect("x", "alice", "right");
+    some.may_subscribe("x", "a");
+    std::filesystem::rename("broker_data", "away");
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(some.save_owners(), "cannot make a file beside broker_data/owners: No such file or directory");
+    std::filesystem::rename("away", "broker_data");
+    EXPECT_EQ(some.save_owners(), "");
+    EXPECT_EQ(read("broker_data/owners"), "x alice\n");
+}
+
+TEST_F(access, a_broken_file_of_owners_is_told)
+{
+    write("broker_data/owners", "x\n");
+    Access some("users", "");
+    EXPECT_EQ(some.restore_owners(),
+              "broker_data/owners:1: a line is ID USER, with %XX for bytes that are not visible");
+    EXPECT_EQ(Access("", "acl").restore_owners(), ""); // not asked for
+}
+
+TEST_F(access, loading_replaces_both_files)
+{
+    Access some("users", "acl");
+    ASSERT_EQ(some.load(), "");
+    some.may_connect("x", "alice", "right");
+    some.may_connect("y", "bob", "right");
+    write("users", users({"bob", "carol"}));
+    write("acl", "readwrite #\n");
+    EXPECT_FALSE(some.may_publish("y", "anything"));
+    ASSERT_EQ(some.load(), "");
+    EXPECT_TRUE(some.may_publish("y", "anything"));
+    EXPECT_TRUE(some.may_connect("z", "carol", "right"));
+    EXPECT_FALSE(some.may_publish("x", "home/lamp")); // alice is gone
+    EXPECT_FALSE(some.may_subscribe("x", "home/lamp"));
+    EXPECT_FALSE(some.may_connect("x", "alice", "right"));
+    EXPECT_EQ(some.unwelcome(), std::vector<std::string>{"x"});
+}
+
+TEST_F(access, with_a_mistake_nothing_changes)
+{
+    Access some("users", "acl");
+    ASSERT_EQ(some.load(), "");
+    write("users", users({"carol"}));
+    write("acl", "read news\n\nreed news\n");
+    EXPECT_EQ(some.load(), "acl:3: a line begins with read, write, readwrite, user or client, not with 'reed'");
+    EXPECT_FALSE(some.may_connect("x", "carol", "right"));
+    EXPECT_TRUE(some.may_connect("x", "alice", "right"));
+    EXPECT_TRUE(some.may_publish("x", "home/lamp"));
+
+    write("users", "alice\n");
+    EXPECT_EQ(some.load(), "users:1: a line is NAME:HASH, and here is no ':'");
+    std::remove("users");
+    EXPECT_EQ(some.load(), "cannot read users: No such file or directory");
+    EXPECT_TRUE(some.may_connect("x", "alice", "right"));
+    EXPECT_EQ(Access("", "no acl").load(), "cannot read no acl: No such file or directory");
+    EXPECT_EQ(Access("", ".").load(), "cannot read .: Is a directory");
+}
+
+TEST_F(access, files_are_read_while_clients_ask)
+{
+    Access some("users", "acl");
+    ASSERT_EQ(some.load(), "");
+    ASSERT_TRUE(some.may_connect("x", "alice", "right"));
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 2; ++i)
+        clients.emplace_back([&some] {
+            for (int turn = 0; turn < 500; ++turn) {
+                EXPECT_TRUE(some.may_publish("x", "home/lamp"));
+                EXPECT_FALSE(some.may_subscribe("x", "other"));
+                EXPECT_TRUE(some.may_subscribe("x", "home/#"));
+            }
+        });
+    for (int turn = 0; turn < 20; ++turn) {
+        EXPECT_EQ(some.load(), "");
+        some.sweep({"x"});
+        EXPECT_EQ(some.save_owners(), "");
+    }
+    for (std::thread &client : clients)
+        client.join();
+}
