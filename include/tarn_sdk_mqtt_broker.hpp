@@ -395,16 +395,17 @@ public:
         return Result{tarn_sdk_mqtt_broker_kick_client(broker_, client_id)};
     }
 
-    Result publish(const char *topic, const void *payload, size_t size, const PublishOptions &options = {}) noexcept
+    Result publish(const char *topic, std::string_view payload, const PublishOptions &options = {}) noexcept
+    {
+        return publish_bytes(topic, payload.data(), payload.size(), options);
+    }
+
+    Result publish_bytes(const char *topic, const void *payload, size_t size,
+                         const PublishOptions &options = {}) noexcept
     {
         const auto length = static_cast<int32_t>(size < INT32_MAX ? size : INT32_MAX);
         return Result{tarn_sdk_mqtt_broker_publish(broker_, topic, payload, length, options.qos, options.retain,
                                                    options.expiry_s)};
-    }
-
-    Result publish(const char *topic, std::string_view payload, const PublishOptions &options = {}) noexcept
-    {
-        return publish(topic, payload.data(), payload.size(), options);
     }
 
     Result clear_retain(const char *topic) noexcept
