@@ -13,6 +13,7 @@
 
 using namespace tarn::test;
 using testing::ElementsAre;
+using testing::UnorderedElementsAre;
 
 namespace {
 
@@ -188,8 +189,8 @@ TEST(access_control, tells_of_wills)
     alice.connect_v4("alice", options);
     alice.hang_up();
     watcher.expect_publish("bob/x", "unasked");
-    EXPECT_THAT(example.end(), ElementsAre("Serving alice and bob, press Enter to end",
-                                           R"(will: {"clientId":"alice","topic":"bob/x","qos":0})"));
+    EXPECT_THAT(example.end(), UnorderedElementsAre("Serving alice and bob, press Enter to end",
+                                                    R"(will: {"clientId":"alice","topic":"bob/x","qos":0})"));
 }
 
 TEST(event_queue, prints_what_clients_do_in_order)
@@ -201,14 +202,16 @@ TEST(event_queue, prints_what_clients_do_in_order)
     client.unsubscribe("t/#").disconnect();
     Peer dying = Peer::tcp();
     dying.connect_v4("b", {.will = Will{"w", "gone", 2}}).ping();
-    EXPECT_THAT(example.end(), // which closes b
-                ElementsAre("Serving, press Enter to end", R"(connected {"clientId":"a","topic":"","qos":0})",
-                            R"(subscribed {"clientId":"a","topic":"t/#","qos":1})",
-                            R"(published {"clientId":"a","topic":"t/1","qos":1})",
-                            R"(unsubscribed {"clientId":"a","topic":"t/#","qos":0})",
-                            R"(disconnected {"clientId":"a","topic":"","qos":0})",
-                            R"(connected {"clientId":"b","topic":"","qos":0})",
-                            R"(will {"clientId":"b","topic":"w","qos":2})", "0 events dropped"));
+    std::vector<std::string> lines = example.end(); // which closes b
+    // Clients are served, and told of, a moment before the host says so.
+    EXPECT_EQ(std::erase(lines, "Serving, press Enter to end"), 1u);
+    EXPECT_THAT(lines, ElementsAre(R"(connected {"clientId":"a","topic":"","qos":0})",
+                                   R"(subscribed {"clientId":"a","topic":"t/#","qos":1})",
+                                   R"(published {"clientId":"a","topic":"t/1","qos":1})",
+                                   R"(unsubscribed {"clientId":"a","topic":"t/#","qos":0})",
+                                   R"(disconnected {"clientId":"a","topic":"","qos":0})",
+                                   R"(connected {"clientId":"b","topic":"","qos":0})",
+                                   R"(will {"clientId":"b","topic":"w","qos":2})", "0 events dropped"));
 }
 
 TEST(sensor, publishes_values_and_keeps_the_last)
@@ -247,8 +250,10 @@ TEST(statistics, tell_of_every_change)
 
 TEST(several_lives, each_begins_with_what_was_kept)
 {
-    Example example("several_lives_cpp");
-    Peer    client = Peer::tcp();
+    Example    example("several_lives_cpp");
+    const auto has_printed = [&](size_t lines) { return wait_until([&] { return example.lines().size() == lines; }); };
+    EXPECT_TRUE(has_printed(1));
+    Peer client = Peer::tcp();
     client.connect_v4("a").publish("kept", "hello", {.retain = true});
     client.ping(); // it was taken
     for (int life = 2; life <= 3; ++life) {
