@@ -289,7 +289,8 @@ const char *tarn_sdk_mqtt_broker_version(void);
 const char *tarn_sdk_mqtt_broker_error_str(int32_t code);
 
 /* ---------------------------------------------------------------------------------------------------------- queries
- * They describe one moment: by the time they return, a client may have come or gone. */
+ * They describe one moment: by the time they return, a client may have come or gone. An id that is in use twice names
+ * the later client; when that one has gone, the earlier is still listed, but cannot be named any more. */
 
 /*
  * The number of clients online: with a connection on which a packet was received. `broker` is not used.
