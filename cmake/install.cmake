@@ -1,7 +1,7 @@
 # What `cmake --install` puts where:
 #   bin/tarn-broker
 #   lib/libtarn_sdk_mqtt_broker.so*        and lib/pkgconfig, lib/cmake/tarn_sdk_mqtt_broker beside it
-#   include/tarn_sdk_mqtt_broker.h         all that most hosts need
+#   include/tarn_sdk_mqtt_broker.h         all that most hosts need, and .hpp for those in C++
 #   include/tarn_sdk_mqtt_broker/<module>/ the modules behind it; they include each other by relative paths, so the
 #                                          folders stay as they are under src/
 #   lib/systemd/system/tarn-broker.service found by systemd below /usr and /usr/local
@@ -12,7 +12,7 @@ install(TARGETS tarn_sdk_mqtt_broker tarn-broker EXPORT tarn_sdk_mqtt_brokerTarg
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES broker/tarn-broker.service DESTINATION lib/systemd/system)
 install(FILES docs/tarn-broker.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(FILES include/tarn_sdk_mqtt_broker.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/tarn_sdk_mqtt_broker.h include/tarn_sdk_mqtt_broker.hpp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 # The headers that are plain C. A header that is not listed here is the library's own.
 set(TARN_MODULE_HEADERS

@@ -15,6 +15,8 @@
  *     tarn_sdk_mqtt_broker_deinit(broker);
  *     tarn_sdk_mqtt_broker_destroy(broker);
  *
+ * tarn_sdk_mqtt_broker.hpp is the same for hosts in C++.
+ *
  * Life of an instance
  *
  *     create --> init --> start --> stop --> deinit --> destroy
@@ -135,7 +137,7 @@ typedef bool (*broker_auth_cb_t)(broker_t *broker, const char *client_id, const 
  * Decides whether a client may publish to a topic (action BROKER_ACL_PUBLISH) or subscribe to a filter
  * (BROKER_ACL_SUBSCRIBE): true allows it. `client_id` is the id under which the client is known. A refused PUBLISH is
  * dropped and not acknowledged; a refused filter gets the SUBACK code 0x80. It is asked for every PUBLISH, so it should
- * be quick. `client` is valid during the call only.
+ * be quick; it is not asked for wills. `client` is valid during the call only.
  */
 typedef bool (*broker_acl_cb_t)(broker_t *broker, const char *client_id, const char *topic, uint8_t action,
                                 mqtt_client_t *client);
@@ -287,7 +289,8 @@ const char *tarn_sdk_mqtt_broker_version(void);
 const char *tarn_sdk_mqtt_broker_error_str(int32_t code);
 
 /* ---------------------------------------------------------------------------------------------------------- queries
- * They describe one moment: by the time they return, a client may have come or gone. */
+ * They describe one moment: by the time they return, a client may have come or gone. An id that is in use twice names
+ * the later client; when that one has gone, the earlier is still listed, but cannot be named any more. */
 
 /*
  * The number of clients online: with a connection on which a packet was received. `broker` is not used.

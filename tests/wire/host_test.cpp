@@ -171,6 +171,30 @@ TEST(host, kicks_clients)
     EXPECT_EQ(tarn_sdk_mqtt_broker_get_online_count(host.broker()), 0u);
 }
 
+// Nobody takes an id over: both connections of it stay, and the id means the later one.
+TEST(host, an_id_that_is_used_twice_is_that_of_the_later_client)
+{
+    Host host;
+    Peer first = Peer::tcp(), second = Peer::tcp();
+    first.connect_v4("a", {.keep_alive_s = 10});
+    second.connect_v5("a", {.keep_alive_s = 20});
+    EXPECT_EQ(host.client_ids(), "a,a");
+    EXPECT_EQ(tarn_sdk_mqtt_broker_get_online_count(host.broker()), 2u);
+    tarn_sdk_mqtt_client_info_t info;
+    EXPECT_EQ(tarn_sdk_mqtt_broker_get_client_info(host.broker(), "a", &info), 0);
+    EXPECT_EQ(info.port, second.local_port());
+    EXPECT_EQ(info.keepalive, 20);
+    EXPECT_EQ(tarn_sdk_mqtt_broker_kick_client(host.broker(), "a"), 0);
+    second.expect("E0 02 | 98 00");
+    second.expect_closed();
+    first.ping();
+    EXPECT_EQ(host.client_ids(), "a");
+    EXPECT_EQ(tarn_sdk_mqtt_broker_get_online_count(host.broker()), 1u);
+    EXPECT_EQ(tarn_sdk_mqtt_broker_get_client_info(host.broker(), "a", &info), -5); // nothing leads to the first
+    EXPECT_EQ(tarn_sdk_mqtt_broker_kick_client(host.broker(), "a"), -5);
+    first.ping();
+}
+
 TEST(host, another_instance_may_not_touch_the_clients)
 {
     Host      host;

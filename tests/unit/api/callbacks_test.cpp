@@ -105,3 +105,16 @@ TEST_F(fire, event_text_is_cut_at_255_characters)
     const std::string whole = R"({"clientId":"dev1","topic":")" + topic + R"(","qos":1})";
     EXPECT_EQ(g_seen, "2 " + whole.substr(0, 255));
 }
+
+TEST_F(fire, event_text_of_255_characters_stays_whole)
+{
+    tarn_sdk_mqtt_broker_register_event_callback(&broker, on_event);
+    const size_t rest = strlen(R"({"clientId":"dev1","topic":"","qos":1})");
+    for (const size_t length : {254, 255, 256, 257}) {
+        const std::string topic(length - rest, 't');
+        const std::string whole = R"({"clientId":"dev1","topic":")" + topic + R"(","qos":1})";
+        ASSERT_EQ(whole.size(), length);
+        broker_fire_event(client.get(), BROKER_EVENT_PUBLISH, topic.c_str(), 1);
+        EXPECT_EQ(g_seen, "2 " + whole.substr(0, 255));
+    }
+}
