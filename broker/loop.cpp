@@ -46,9 +46,27 @@ void Loop::on_readable(int fd, Act act)
     readers_[fd] = std::make_shared<Act>(std::move(act));
 }
 
+void Loop::on_writable(int fd, Act act)
+{
+    if (act)
+        writers_[fd] = std::make_shared<Act>(std::move(act));
+    else
+        writers_.erase(fd);
+}
+
 void Loop::forget(int fd)
 {
     readers_.erase(fd);
+    writers_.erase(fd);
+}
+
+void Loop::call(const Acts &acts, int fd)
+{
+    const auto found = acts.find(fd);
+    if (found == acts.end())
+        return;
+    const std::shared_ptr<Act> act = found->second;
+    (*act)();
 }
 
 void Loop::every(std::chrono::milliseconds period, Act act)
@@ -62,15 +80,12 @@ void Loop::run()
         std::vector<pollfd> fds;
         for (const auto &reader : readers_)
             fds.push_back({reader.first, POLLIN, 0});
-        if (poll(fds.data(), fds.size(), wait_ms()) > 0) {
-            for (const pollfd &ready : fds) {
-                const auto reader = readers_.find(ready.fd);
-                if (ready.revents == 0 || reader == readers_.end())
-                    continue;
-                const std::shared_ptr<Act> act = reader->second;
-                (*act)();
-            }
-        }
+        for (const auto &writer : writers_)
+            fds.push_back({writer.first, POLLOUT, 0});
+        if (poll(fds.data(), fds.size(), wait_ms()) > 0)
+            for (const pollfd &ready : fds)
+                if (ready.revents != 0)
+                    call(ready.events == POLLIN ? readers_ : writers_, ready.fd);
         run_due_intervals();
     }
 }

@@ -31,6 +31,9 @@ public:
     // Calls act as long as the descriptor can be read, was closed by its peer, or failed.
     void on_readable(int fd, Act act);
 
+    // Calls act as long as the descriptor takes bytes; a null act ends that.
+    void on_writable(int fd, Act act);
+
     // No more calls for this descriptor; also from inside its own act. The caller closes it afterwards.
     void forget(int fd);
 
@@ -48,16 +51,20 @@ private:
         Act                       act;
     };
 
-    void take_signals();
-    void run_due_intervals();
-    int  wait_ms() const;
+    using Acts = std::map<int, std::shared_ptr<Act>>; // shared, so that an act may forget itself while it runs
 
-    int                                 signal_fd_;
-    sigset_t                            signals_;
-    bool                                ended_ = false;
-    std::map<int, Act>                  signal_acts_;
-    std::map<int, std::shared_ptr<Act>> readers_; // shared, so that an act may forget itself while it runs
-    std::vector<Interval>               intervals_;
+    static void call(const Acts &acts, int fd);
+    void        take_signals();
+    void        run_due_intervals();
+    int         wait_ms() const;
+
+    int                   signal_fd_;
+    sigset_t              signals_;
+    bool                  ended_ = false;
+    std::map<int, Act>    signal_acts_;
+    Acts                  readers_;
+    Acts                  writers_;
+    std::vector<Interval> intervals_;
 };
 
 } // namespace tarn::broker

@@ -1,6 +1,7 @@
-// tarn-broker - the library as a program: a small host on its public functions alone.
+// tarn-broker - the library as a program: a host of its own, on the installed headers alone.
 //
 // The library's log goes to standard output, what this program has to say itself to standard error.
+#include "console/client.h"
 #include "options.h"
 #include "passwd.h"
 #include "serve.h"
@@ -18,8 +19,11 @@ int main(int argc, char **argv)
     setvbuf(stdout, nullptr, _IOLBF, 0); // log lines appear as they are written, also in a pipe
     signal(SIGPIPE, SIG_IGN);            // whoever reads the log may go; the broker stays
 
-    if (argc > 1 && std::string_view(argv[1]) == "passwd")
+    const std::string_view first = argc > 1 ? argv[1] : "";
+    if (first == "passwd")
         return passwd_command(argc - 1, argv + 1);
+    if (first == "ctl")
+        return run_console(argc - 1, argv + 1);
 
     const CommandLine line = read_command_line(argc, argv);
     if (!line.error.empty()) {

@@ -46,6 +46,10 @@ const Row kRows[] = {
     {0, "acl-file", "FILE", Text{&Options::acl_file},
      "who may subscribe and publish to what; nothing else is allowed then"},
     {0, "user", "NAME", Text{&Options::user}, "become this user before anything is opened"},
+    {0, "events", "FILE", Text{&Options::events},
+     "append what happens to FILE as JSON, a line an event; - is standard output"},
+    {0, "control", "PATH", Text{&Options::control}, "answer 'tarn-broker ctl PATH' at this Unix socket"},
+    {0, "top", nullptr, Switch{&Options::top}, "show the running broker in this terminal; the log is part of it"},
     {'h', "help", nullptr, Wish::Help, "print this and end"},
     {'V', "version", nullptr, Wish::Version, "print the version and end"},
 };
@@ -199,12 +203,14 @@ std::string help_text()
 {
     std::string text = "Usage: tarn-broker [OPTION]...\n"
                        "       tarn-broker passwd [--delete] FILE NAME\n"
+                       "       tarn-broker ctl PATH [COMMAND [ARGUMENT]...]\n"
                        "Serves MQTT 3.1.1 and 5.0 on port 1883, TCP and UDP, until it gets SIGINT or SIGTERM.\n\n";
     for (const Row &row : kRows)
         text += help_of(row);
     return text + "\n"
                   "Sessions and messages are kept in ./broker_data. SIGHUP makes it read the files of users and\n"
                   "rules again. A second SIGINT or SIGTERM ends the broker at once.\n"
+                  "SIGUSR1 prints the statistics as JSON on standard output.\n"
                   "Exit status: 0 ended by a signal, 1 could not serve, 2 bad option.\n";
 }
 

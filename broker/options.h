@@ -15,7 +15,10 @@ struct Options {
     std::string directory; // this and all below: empty when not given
     std::string user_file;
     std::string acl_file;
-    std::string user; // to run as
+    std::string user;        // to run as
+    std::string events;      // a file, "-" = standard output, empty = none
+    std::string control;     // the path of the control socket, empty = none
+    bool        top = false; // the live view
 };
 
 enum class Wish { Serve, Help, Version };

@@ -1,6 +1,7 @@
 #include "serve.h"
 
 #include "access/guard.h"
+#include "attachments.h"
 #include "loop.h"
 #include "privileges.h"
 
@@ -42,16 +43,10 @@ void warn_of_descriptor_limit(int32_t clients)
                 static_cast<unsigned long long>(limit.rlim_cur));
 }
 
-// The first ending signal ends the loop; after it, during the end, the next one ends the process at once.
 void end_on_signals(Loop &loop)
 {
-    for (const int number : {SIGINT, SIGTERM}) {
-        loop.on_signal(number, [&loop] {
-            loop.release_signal(SIGINT);
-            loop.release_signal(SIGTERM);
-            loop.end();
-        });
-    }
+    for (const int number : {SIGINT, SIGTERM})
+        loop.on_signal(number, [&loop] { loop.end(); });
 }
 
 // Why 1883 cannot be had: the library tells only that it could not, so one asks the system again. 0 when it can.
@@ -134,11 +129,18 @@ ExitStatus serve(const Options &options)
         return kCannotServe;
     }
     tarn_sdk_mqtt_broker_set_log_level(nullptr, options.log_level);
+
+    Attachments attachments(loop, options);
+    if (const std::string fault = attachments.open(); !fault.empty()) {
+        fprintf(stderr, "tarn-broker: %s\n", fault.c_str());
+        return kCannotServe;
+    }
     broker_t *broker = tarn_sdk_mqtt_broker_create();
     if (!broker) {
         fprintf(stderr, "tarn-broker: out of memory\n");
         return kCannotServe;
     }
+    attachments.watch(broker);
 
     const int32_t code = start(broker, options, access);
     if (code == TARN_OK) {
@@ -147,7 +149,11 @@ ExitStatus serve(const Options &options)
         warn_of_descriptor_limit(options.max_clients);
         if (access.asks_for_users())
             loop.every(kLookAfter, [&] { look_after(broker, access); });
+        attachments.serve(broker);
         loop.run();
+        attachments.end();
+        for (const int number : {SIGINT, SIGTERM}) // the next one ends the process at once
+            loop.release_signal(number);
         fprintf(stderr, "tarn-broker: ending\n");
         tarn_sdk_mqtt_broker_stop(broker);
     } else {

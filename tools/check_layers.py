@@ -55,12 +55,16 @@ def includes(path, source_dir):
         if match[1] == "<":
             if match[2] == "tarn_sdk_mqtt_broker.h":
                 yield number, "api/" + match[2]
+            elif match[2].startswith("tarn_sdk_mqtt_broker/"):
+                yield number, match[2].removeprefix("tarn_sdk_mqtt_broker/")
             continue
         target = (path.parent / match[2]).resolve()
         if not target.exists():
             target = (source_dir / match[2]).resolve()
         if target.is_relative_to(source_dir):
             yield number, target.relative_to(source_dir).as_posix()
+        elif target.is_relative_to(source_dir.parent / "broker"):
+            yield number, None
         else:
             yield number, None if target.is_relative_to(path.parent.resolve()) else match[2]
 
@@ -101,10 +105,11 @@ def check(root):
     for header in sorted(SEAMS.keys() | installed_headers(root)):
         if not (source_dir / header).exists():
             yield f"{header} is listed but does not exist"
-    for path in sorted((root / "broker").glob("*.[ch]*")):
+    for path in sorted((root / "broker").rglob("*.[ch]*")):
         for number, header in includes(path, source_dir):
-            if header and header != "api/tarn_sdk_mqtt_broker.h":
-                yield f"broker/{path.name}:{number}: tarn-broker lives on the public header alone, not {header}"
+            if header and header not in installed_headers(root) | {"api/tarn_sdk_mqtt_broker.h"}:
+                name = path.relative_to(root).as_posix()
+                yield f"{name}:{number}: tarn-broker lives on the installed headers alone, not {header}"
 
 
 def main():

@@ -75,9 +75,17 @@ class CheckLayers(unittest.TestCase):
 
     def test_the_program_stays_outside(self):
         self.assertEqual(
-            self.faults({"src/net/netip.h": "", "broker/main.cpp": '#include "../src/net/netip.h"\n'}),
-            ["broker/main.cpp:1: tarn-broker lives on the public header alone, not net/netip.h"],
+            self.faults({"src/net/net_internal.h": "", "broker/main.cpp": '#include "../src/net/net_internal.h"\n'}),
+            ["broker/main.cpp:1: tarn-broker lives on the installed headers alone, not net/net_internal.h"],
         )
+        self.assertEqual(
+            self.faults({"broker/view/top.cpp": "#include <tarn_sdk_mqtt_broker/log/log.h>\n"}),
+            ["broker/view/top.cpp:1: tarn-broker lives on the installed headers alone, not log/log.h"],
+        )
+
+    def test_the_program_takes_installed_headers_and_its_own(self):
+        lines = "#include <tarn_sdk_mqtt_broker/net/netip.h>\n#include \"../loop.h\"\n"
+        self.assertEqual(self.faults({"src/net/netip.h": "", "broker/loop.h": "", "broker/view/top.cpp": lines}), [])
 
     def test_an_exception_that_nobody_uses_is_reported(self):
         made = Project({"cmake/install.cmake": INSTALL, "src/stats/a.cpp": ""})

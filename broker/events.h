@@ -1,0 +1,34 @@
+// events.h - what happens in the broker, one JSON object a line:
+//   {"time":"2026-01-31T23:59:59.042Z","event":"publish","clientId":"a","topic":"home/x","qos":1}
+//
+// The library tells of an event in a text of 255 characters at most in which id and topic stand unescaped. So:
+// - An id or topic may contain what stands between the two in the text. When the text can be read in more than one way,
+//   clientId and topic are null, and "text" has all of it.
+// - A text of 255 characters may have been cut. Then "cut" is true, topic is how the topic begins, qos is null.
+// - Bytes that are no UTF-8 are shown as U+FFFD, controls as \u00xx.
+// When the reader is so slow that lines are lost, {"time":...,"event":"lost","count":N} stands in their place.
+#ifndef TARN_BROKER_EVENTS_H
+#define TARN_BROKER_EVENTS_H
+
+#include "line_writer.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+typedef struct broker_t broker_t;
+
+namespace tarn::broker {
+
+std::string event_line(int64_t time_ms, uint32_t kind, std::string_view text); // wall clock
+std::string lost_line(int64_t time_ms, uint64_t count);
+
+// From now until the instance is deinitialised its events go to `writer`, which lives longer than that. To be called
+// before start.
+void write_events(broker_t *broker, LineWriter &writer);
+
+std::string tell_lost_events(uint64_t count); // for the writer
+
+} // namespace tarn::broker
+
+#endif

@@ -1,0 +1,87 @@
+#include "query.h"
+
+#include "text.h"
+
+#include <atomic>
+#include <string_view>
+
+#include <tarn_sdk_mqtt_broker.h>
+#include <tarn_sdk_mqtt_broker/stats/mqtt_stats.h>
+#include <tarn_sdk_mqtt_broker/sub/retain.h>
+
+namespace tarn::broker {
+namespace {
+
+constexpr size_t kIdBytes    = 64; // with the separator
+constexpr size_t kTopicBytes = 257;
+constexpr size_t kSpare      = 100; // clients that come between counting and listing
+
+// The library's threads count while this reads.
+template <class T> T peek(T &counter)
+{
+    return std::atomic_ref<T>(counter).load(std::memory_order_relaxed);
+}
+
+} // namespace
+
+std::vector<std::string> clients_online(broker_t *broker)
+{
+    std::string list((tarn_sdk_mqtt_broker_get_online_count(broker) + kSpare) * kIdBytes, '\0');
+    tarn_sdk_mqtt_broker_get_client_id_list(broker, list.data(), static_cast<int32_t>(list.size()));
+    return names_in_list(list.c_str(), ',', kIdBytes - 1, [broker](const std::string &id) {
+        tarn_sdk_mqtt_client_info_t info;
+        return tarn_sdk_mqtt_broker_get_client_info(broker, id.c_str(), &info) == TARN_OK;
+    });
+}
+
+std::vector<std::string> retained_topics()
+{
+    std::string list(size_t{RETAIN_CAPACITY} * kTopicBytes + 1, '\0');
+    tarn_sdk_mqtt_broker_get_retain_topic_list(nullptr, list.data(), static_cast<int32_t>(list.size()));
+    std::string_view topics = list.c_str();
+    if (!topics.empty())
+        topics.remove_suffix(1); // each is followed by a newline
+    retain_msg_t message;
+    return names_in_list(topics, '\n', kTopicBytes - 1,
+                         [&](const std::string &topic) { return retain_msg_get(topic.c_str(), &message) == 0; });
+}
+
+std::string statistics_json()
+{
+    char text[1024]; // the most it can take are some 700
+    mqtt_stats_to_json(text, sizeof text);
+    return text;
+}
+
+Counters read_counters()
+{
+    mqtt_stats_update();
+    mqtt_stats_t                &s = g_mqtt_stats;
+    tarn_sdk_mqtt_broker_stats_t basic{};
+    tarn_sdk_mqtt_broker_get_stats(nullptr, &basic);
+    return {
+        .messages_in     = peek(s.qos0) + peek(s.qos1) + peek(s.qos2),
+        .packets_in      = peek(s.pkt_rx),
+        .packets_out     = peek(s.pkt_tx),
+        .bytes_in        = 0,
+        .bytes_out       = 0,
+        .drop_offline    = peek(s.drop_offline),
+        .drop_queue_full = peek(s.drop_queue_full),
+        .drop_too_big    = peek(s.drop_too_big),
+        .drop_invalid    = peek(s.drop_invalid_param),
+        .drop_failed     = peek(s.drop_send_failed),
+        .stored_offline  = peek(s.offline_msg),
+        .timeouts        = peek(s.timeout),
+        .wills           = peek(s.will_sent),
+        .undecodable     = peek(s.parse_error),
+        .online          = basic.online,
+        .most_online     = peek(s.max_online),
+        .pool_used       = peek(s.pool_used),
+        .pool_capacity   = peek(s.pool_cap),
+        .subscriptions   = peek(s.subs),
+        .retained        = peek(s.retain_msg),
+        .uptime_s        = basic.uptime_seconds,
+    };
+}
+
+} // namespace tarn::broker

@@ -1,0 +1,37 @@
+// query.h - the library's answers in C++: lists as vectors, the statistics as JSON and as plain numbers.
+#ifndef TARN_BROKER_QUERY_H
+#define TARN_BROKER_QUERY_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+typedef struct broker_t broker_t;
+
+namespace tarn::broker {
+
+std::vector<std::string> clients_online(broker_t *broker); // ids
+std::vector<std::string> retained_topics();
+
+std::string statistics_json(); // one line
+
+// What has been counted since the start, and how things stand now.
+struct Counters {
+    uint64_t messages_in; // PUBLISH packets from clients
+    uint64_t packets_in;  // of any type
+    uint64_t packets_out; // of any type; the library does not count messages apart
+    uint64_t bytes_in;    // over TCP, see traffic.h
+    uint64_t bytes_out;
+    uint64_t drop_offline, drop_queue_full, drop_too_big, drop_invalid, drop_failed; // outbound packets
+    uint64_t stored_offline;                                                         // messages kept for absent clients
+    uint64_t timeouts, wills, undecodable;
+    uint32_t online, most_online;
+    uint32_t pool_used, pool_capacity; // client records
+    uint32_t subscriptions, retained;
+    uint64_t uptime_s;
+};
+Counters read_counters(); // all but the bytes
+
+} // namespace tarn::broker
+
+#endif

@@ -1,0 +1,235 @@
+#include "text.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdint>
+#include <unordered_set>
+
+namespace tarn::broker {
+namespace {
+
+std::string hex(const char *format, unsigned value)
+{
+    char text[16];
+    snprintf(text, sizeof text, format, value);
+    return text;
+}
+
+// The answer of a command ends with such a line, so no name may look like one.
+bool looks_like_an_end(std::string_view word)
+{
+    return word == "ok" || word.starts_with("error:");
+}
+
+bool is_plain(std::string_view word)
+{
+    if (word.empty() || word.front() == '"' || looks_like_an_end(word))
+        return false;
+    for (std::string_view rest = word; !rest.empty();) {
+        const Decoded next = decode_utf8(rest);
+        if (next.character == kNoCharacter || next.character == ' ' || next.character == '\\' ||
+            is_control(next.character))
+            return false;
+        rest.remove_prefix(next.bytes);
+    }
+    return true;
+}
+
+int hex_digit(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    const char lower = static_cast<char>(c | 0x20);
+    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+}
+
+// What stands behind a backslash; false when nobody knows it. Takes it from the front of rest.
+bool take_escape(std::string_view &rest, std::string &word)
+{
+    constexpr std::string_view kLetters = "\"\\nrt", kMeanings = "\"\\\n\r\t";
+    if (rest.empty())
+        return false;
+    const char letter = rest.front();
+    rest.remove_prefix(1);
+    if (const size_t at = kLetters.find(letter); at != kLetters.npos) {
+        word += kMeanings[at];
+        return true;
+    }
+    if (letter != 'x' || rest.size() < 2 || hex_digit(rest[0]) < 0 || hex_digit(rest[1]) < 0)
+        return false;
+    const int value = hex_digit(rest[0]) * 16 + hex_digit(rest[1]);
+    rest.remove_prefix(2);
+    word += static_cast<char>(value);
+    return value != 0; // texts end at NUL in the library, so none may contain one
+}
+
+// rest begins behind the opening quote and ends behind the closing one. Returns what is wrong.
+const char *take_quoted(std::string_view &rest, std::string &word)
+{
+    while (!rest.empty() && rest.front() != '"') {
+        const char c = rest.front();
+        rest.remove_prefix(1);
+        if (c != '\\')
+            word += c;
+        else if (!take_escape(rest, word))
+            return "in quotes \\ is followed by \" \\ n r t or x and two hex digits other than 00";
+    }
+    if (rest.empty())
+        return "a quote is not closed";
+    rest.remove_prefix(1);
+    return rest.empty() || rest.front() == ' ' || rest.front() == '\t' ? "" : "a blank must follow a closing quote";
+}
+
+} // namespace
+
+Decoded decode_utf8(std::string_view text)
+{
+    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+    const auto lead = byte(0);
+    if (lead < 0x80)
+        return {lead, 1};
+    const size_t count = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
+    if (lead < 0xC2 || lead > 0xF4 || text.size() < count)
+        return {kNoCharacter, 1};
+    char32_t character = lead & (0x7FU >> count);
+    for (size_t i = 1; i < count; ++i) {
+        if ((byte(i) & 0xC0) != 0x80)
+            return {kNoCharacter, 1};
+        character = character << 6 | (byte(i) & 0x3FU);
+    }
+    constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    const bool         surrogate   = character >= 0xD800 && character < 0xE000;
+    if (character < kSmallest[count] || character > 0x10FFFF || surrogate)
+        return {kNoCharacter, 1};
+    return {character, count};
+}
+
+void append_utf8(std::string &text, char32_t character)
+{
+    const auto tail = [&](int shift) { text += static_cast<char>(0x80 | (character >> shift & 0x3F)); };
+    if (character < 0x80) {
+        text += static_cast<char>(character);
+    } else if (character < 0x800) {
+        text += static_cast<char>(0xC0 | character >> 6);
+        tail(0);
+    } else if (character < 0x10000) {
+        text += static_cast<char>(0xE0 | character >> 12);
+        tail(6);
+        tail(0);
+    } else {
+        text += static_cast<char>(0xF0 | character >> 18);
+        tail(12);
+        tail(6);
+        tail(0);
+    }
+}
+
+bool is_control(char32_t character)
+{
+    return character < 0x20 || (character >= 0x7F && character < 0xA0) || character == 0x2028 || character == 0x2029;
+}
+
+std::string json_string(std::string_view text)
+{
+    std::string json = "\"";
+    while (!text.empty()) {
+        const Decoded next = decode_utf8(text);
+        if (next.character == kNoCharacter)
+            json += "\xEF\xBF\xBD";
+        else if (next.character == '"' || next.character == '\\')
+            json.append({'\\', static_cast<char>(next.character)});
+        else if (is_control(next.character))
+            json += hex("\\u%04x", next.character);
+        else
+            json += text.substr(0, next.bytes);
+        text.remove_prefix(next.bytes);
+    }
+    return json + '"';
+}
+
+std::string quote_word(std::string_view word)
+{
+    if (is_plain(word))
+        return std::string(word);
+    std::string quoted = "\"";
+    while (!word.empty()) {
+        const Decoded next = decode_utf8(word);
+        const char    c    = word.front();
+        if (c == '"' || c == '\\')
+            quoted.append({'\\', c});
+        else if (c == '\n' || c == '\r' || c == '\t')
+            quoted.append({'\\', c == '\n' ? 'n' : c == '\r' ? 'r' : 't'});
+        else if (next.character == kNoCharacter || is_control(next.character))
+            for (const char bad : word.substr(0, next.bytes))
+                quoted += hex("\\x%02x", static_cast<unsigned char>(bad));
+        else
+            quoted += word.substr(0, next.bytes);
+        word.remove_prefix(next.bytes);
+    }
+    return quoted + '"';
+}
+
+Words split_words(std::string_view line)
+{
+    Words result;
+    for (;;) {
+        line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
+        if (line.empty())
+            return result;
+        std::string word;
+        if (line.front() == '"') {
+            line.remove_prefix(1);
+            result.error = take_quoted(line, word);
+            if (!result.error.empty())
+                return result;
+        } else {
+            const size_t end = std::min(line.find_first_of(" \t"), line.size());
+            word             = line.substr(0, end);
+            line.remove_prefix(end);
+        }
+        result.words.push_back(std::move(word));
+    }
+}
+
+std::vector<std::string> names_in_list(std::string_view list, char separator, size_t max_bytes,
+                                       const std::function<bool(const std::string &)> &exists)
+{
+    if (list.empty())
+        return {};
+    std::vector<std::string_view> pieces;
+    for (size_t end; (end = list.find(separator)) != list.npos; list.remove_prefix(end + 1))
+        pieces.push_back(list.substr(0, end));
+    pieces.push_back(list);
+
+    std::vector<std::string>             names;
+    std::unordered_set<std::string_view> plain(pieces.begin(), pieces.end());
+    if (plain.size() == pieces.size() &&
+        std::all_of(pieces.begin(), pieces.end(), [&](std::string_view piece) { return exists(std::string(piece)); })) {
+        names.assign(pieces.begin(), pieces.end()); // the usual case
+        return names;
+    }
+
+    std::unordered_set<std::string> seen;
+    for (size_t from = 0; from < pieces.size();) {
+        size_t      taken = 0;
+        std::string run, longest;
+        for (size_t count = 1; from + count <= pieces.size(); ++count) {
+            run += pieces[from + count - 1];
+            if (run.size() > max_bytes)
+                break;
+            if (!seen.contains(run) && exists(run)) {
+                taken   = count;
+                longest = run;
+            }
+            run += separator;
+        }
+        if (taken > 0) {
+            seen.insert(longest);
+            names.push_back(longest);
+        }
+        from += std::max<size_t>(taken, 1);
+    }
+    return names;
+}
+
+} // namespace tarn::broker

@@ -1,0 +1,140 @@
+#include "broker/text.h"
+
+#include <gmock/gmock.h>
+#include <set>
+
+using namespace tarn::broker;
+using testing::ElementsAre;
+
+TEST(text_json, plain_text_stays)
+{
+    EXPECT_EQ(json_string(""), "\"\"");
+    EXPECT_EQ(json_string("home/x +#$"), "\"home/x +#$\"");
+    EXPECT_EQ(json_string("温度/é/😀"), "\"温度/é/😀\"");
+}
+
+TEST(text_json, quotes_backslashes_and_controls_are_escaped)
+{
+    EXPECT_EQ(json_string("a\"b\\c"), R"("a\"b\\c")");
+    EXPECT_EQ(json_string("\x01\n\r\t\x1b\x1f\x7f"), R"("\u0001\u000a\u000d\u0009\u001b\u001f\u007f")");
+    EXPECT_EQ(json_string("\xC2\x80\xC2\x9F"), R"("\u0080\u009f")");
+    EXPECT_EQ(json_string("\xE2\x80\xA8\xE2\x80\xA9"), R"("\u2028\u2029")");
+    EXPECT_EQ(json_string("\xC2\xA0"), "\"\xC2\xA0\"");
+}
+
+// Each byte that belongs to no character is one U+FFFD, and what follows it is read for itself.
+TEST(text_json, broken_utf8_becomes_replacement_characters)
+{
+    const std::string bad = "\xEF\xBF\xBD";
+    EXPECT_EQ(json_string("\x80"), '"' + bad + '"');
+    EXPECT_EQ(json_string("\xC3"), '"' + bad + '"');
+    EXPECT_EQ(json_string("\xC3\""), '"' + bad + "\\\"\"");
+    EXPECT_EQ(json_string("\xE6\xB8x"), '"' + bad + bad + "x\"");
+    EXPECT_EQ(json_string("\xC0\x80"), '"' + bad + bad + '"');           // overlong
+    EXPECT_EQ(json_string("\xC1\xBF"), '"' + bad + bad + '"');           // overlong
+    EXPECT_EQ(json_string("\xE0\x9F\xBF"), '"' + bad + bad + bad + '"'); // overlong
+    EXPECT_EQ(json_string("\xE0\xA0\x80"), "\"\xE0\xA0\x80\"");          // the first of three bytes
+    EXPECT_EQ(json_string("\xED\xA0\x80"), '"' + bad + bad + bad + '"'); // a surrogate
+    EXPECT_EQ(json_string("\xED\xBF\xBF"), '"' + bad + bad + bad + '"'); // the last of them
+    EXPECT_EQ(json_string("\xEE\x80\x80"), "\"\xEE\x80\x80\"");          // behind them
+    EXPECT_EQ(json_string("\xF0\x8F\xBF\xBF"), '"' + bad + bad + bad + bad + '"');
+    EXPECT_EQ(json_string("\xF4\x8F\xBF\xBF"), "\"\xF4\x8F\xBF\xBF\""); // the last there is
+    EXPECT_EQ(json_string("\xF4\x90\x80\x80"), '"' + bad + bad + bad + bad + '"');
+    EXPECT_EQ(json_string("\xF5\xFF"), '"' + bad + bad + '"');
+}
+
+TEST(text_utf8, what_is_written_is_read_back)
+{
+    for (const char32_t c : {U'a', U'\x7f', U'\x80', U'\x7ff', U'\x800', U'\xffff', U'\x10000', U'\x10ffff'}) {
+        std::string text;
+        append_utf8(text, c);
+        const Decoded back = decode_utf8(text);
+        EXPECT_EQ(back.character, c);
+        EXPECT_EQ(back.bytes, text.size());
+    }
+}
+
+TEST(text_words, are_cut_at_blanks)
+{
+    EXPECT_THAT(split_words("").words, ElementsAre());
+    EXPECT_THAT(split_words(" \t ").words, ElementsAre());
+    EXPECT_THAT(split_words("  kick\ta  b ").words, ElementsAre("kick", "a", "b"));
+    EXPECT_THAT(split_words(R"(a\b it"s)").words, ElementsAre(R"(a\b)", R"(it"s)"));
+}
+
+TEST(text_words, quotes_hold_blanks_and_escapes)
+{
+    EXPECT_THAT(split_words(R"("a b" "" "\"\\\n\r\t\x1B\xc3\xa9")").words,
+                ElementsAre("a b", "", "\"\\\n\r\t\x1B\xC3\xA9"));
+}
+
+TEST(text_words, mistakes_in_quotes_are_told)
+{
+    const std::string escapes = "in quotes \\ is followed by \" \\ n r t or x and two hex digits other than 00";
+    EXPECT_EQ(split_words("\"a").error, "a quote is not closed");
+    EXPECT_EQ(split_words("\"").error, "a quote is not closed");
+    EXPECT_EQ(split_words(R"("a"b)").error, "a blank must follow a closing quote");
+    for (const char *line : {R"("\q")", R"("\x1")", R"("\xg0")", R"("\x0g")", R"("\x00")", R"("\)"})
+        EXPECT_EQ(split_words(line).error, escapes) << line;
+}
+
+TEST(text_words, every_text_survives_being_quoted)
+{
+    for (int byte = 1; byte < 256; ++byte) {
+        for (const std::string &text :
+             {std::string(1, static_cast<char>(byte)), 'a' + std::string(1, static_cast<char>(byte)) + 'b'}) {
+            const std::string quoted = quote_word(text);
+            EXPECT_THAT(split_words(quoted + " x").words, ElementsAre(text, "x")) << quoted;
+            EXPECT_EQ(json_string(quoted).find("\\u"), std::string::npos) << "a control in " << quoted;
+            EXPECT_EQ(json_string(quoted).find("\xEF\xBF\xBD"), std::string::npos) << "no UTF-8 in " << quoted;
+        }
+    }
+    EXPECT_THAT(split_words(quote_word("")).words, ElementsAre(""));
+}
+
+TEST(text_words, only_what_needs_quotes_gets_them)
+{
+    EXPECT_EQ(quote_word("home/温度/é"), "home/温度/é");
+    EXPECT_EQ(quote_word("it\"s"), "it\"s");
+    EXPECT_EQ(quote_word(""), R"("")");
+    EXPECT_EQ(quote_word("a b"), R"("a b")");
+    EXPECT_EQ(quote_word("\n\xC2\x85"), R"("\n\xc2\x85")");
+    EXPECT_EQ(quote_word("ok"), R"("ok")"); // would look like the end of an answer
+    EXPECT_EQ(quote_word("error:"), R"("error:")");
+    EXPECT_EQ(quote_word("okay"), "okay");
+}
+
+namespace {
+
+std::vector<std::string> names(std::string_view list, const std::set<std::string> &there, size_t max_bytes = 8)
+{
+    return names_in_list(list, ',', max_bytes, [&](const std::string &name) { return there.contains(name); });
+}
+
+} // namespace
+
+TEST(text_names, are_found_in_the_order_of_the_list)
+{
+    EXPECT_THAT(names("", {}), ElementsAre());
+    EXPECT_THAT(names("b", {"b"}), ElementsAre("b"));
+    EXPECT_THAT(names("b,a,c", {"a", "b", "c"}), ElementsAre("b", "a", "c"));
+    EXPECT_THAT(names("b,gone,c", {"b", "c"}), ElementsAre("b", "c"));
+}
+
+TEST(text_names, may_contain_the_separator)
+{
+    EXPECT_THAT(names("a,b", {"a,b"}), ElementsAre("a,b"));
+    EXPECT_THAT(names("x,a,,b,y", {"x", "a,,b", "y"}), ElementsAre("x", "a,,b", "y"));
+    EXPECT_THAT(names(",a", {",a"}), ElementsAre(",a"));
+    EXPECT_THAT(names("a,", {"a,"}), ElementsAre("a,"));
+    EXPECT_THAT(names(",", {","}), ElementsAre(","));
+    EXPECT_THAT(names("1234,678", {"1234,678"}), ElementsAre("1234,678"));
+    EXPECT_THAT(names("1234,6789", {"1234,6789"}), ElementsAre()) << "longer than any name can be";
+}
+
+// a, b, and one that is called "a,b": whatever the order, each is found once.
+TEST(text_names, are_told_apart_from_pieces_of_others)
+{
+    for (const char *list : {"a,b,a,b", "a,a,b,b"})
+        EXPECT_THAT(names(list, {"a", "b", "a,b"}), testing::UnorderedElementsAre("a", "b", "a,b")) << list;
+}
