@@ -81,7 +81,10 @@ void dismiss_emergency()
 // Texts are UTF-8. Where nothing is said about the character set, it is taken for that too.
 void choose_character_set()
 {
-    const auto is_set = [](const char *name) { return getenv(name) && *getenv(name); };
+    const auto is_set = [](const char *name) {
+        const char *value = getenv(name);
+        return value && *value;
+    };
     setlocale(LC_CTYPE, is_set("LC_ALL") || is_set("LC_CTYPE") || is_set("LANG") ? "" : "C.UTF-8");
 }
 
