@@ -31,12 +31,13 @@ int32_t tarn_sdk_mqtt_broker_kick_client(broker_t *broker, const char *client_id
         LOG_ERROR("[SDK] kick rejected: client '%s' does not belong to this broker instance", id);
         return TARN_E_DENIED;
     }
-    if (const uint32_t state = peek(client->state); state == CLIENT_UNUSED || state == CLIENT_CLOSED) {
+    const uint32_t state = peek(client->state);
+    if (state == CLIENT_UNUSED || state == CLIENT_CLOSED) {
         LOG_WARN("[SDK] kick client '%s' already closed", id);
         return TARN_OK;
     }
     packet_handler_send_disconnect(client.get(), kAdministrativeAction);
-    client_close(client.get());
+    close_seen(*client, state);
     LOG_INFO("[SDK] kick client success: %s", id);
     return TARN_OK;
 }

@@ -27,9 +27,10 @@ void on_disconnected(uint32_t handle, uint32_t reason, uint32_t error)
     const client_ref client = find_client_by_handle(handle);
     if (!client)
         return; // never sent a packet, or closed from above: then this is its own netip_close
-    if (peek(client->state) == CLIENT_LOGINED)
+    const uint32_t state = peek(client->state);
+    if (state == CLIENT_LOGINED)
         packet_handler_remove_client_subs(id_of(*client).text, peek(client->clean_session));
-    client_close(client.get());
+    close_seen(*client, state);
 }
 
 // The connection that the calling thread delivers an event of, if it is this one.

@@ -72,6 +72,10 @@ void session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg_count
 [[nodiscard]] bool claim_closing(mqtt_client_t &client) noexcept;
 void               unclaim_closing(mqtt_client_t &client) noexcept;
 
+// client_close by a caller that holds a pin and saw the client in this state: returns when another thread has closed it
+// since, also when that one has parked it.
+void close_seen(mqtt_client_t &client, uint32_t seen_state) noexcept;
+
 // Makes the record logged in, unless it was closed meanwhile (false).
 [[nodiscard]] bool mark_logged_in(mqtt_client_t &client) noexcept;
 

@@ -126,6 +126,21 @@ void close_connection_of(mqtt_client_t &client) noexcept
 using namespace tarn;
 using namespace tarn::client;
 
+// A second close of a parked record runs again by right. Only who saw the client online before, and did something else
+// meanwhile, comes second: the other one has settled session and will, and the client may have come back since.
+void tarn::close_seen(mqtt_client_t &client, uint32_t seen_state) noexcept
+{
+    if (peek(client.state) == CLIENT_CLOSED) {
+        LOG_DEBUG("[遗嘱调试][关闭客户端] ClientID=%s, 状态已关闭，跳过", id_of(client).text);
+        return;
+    }
+    if (!claim_closing(client))
+        return; // being closed, perhaps further up on this very thread
+    if (!was_closed_since(client, seen_state))
+        close_claimed(client);
+    unclaim_closing(client);
+}
+
 void client_close(mqtt_client_t *client)
 {
     if (!client) {
@@ -133,14 +148,5 @@ void client_close(mqtt_client_t *client)
         return;
     }
     const client_ref pin(client);
-    const uint32_t   state = peek(client->state);
-    if (state == CLIENT_CLOSED) {
-        LOG_DEBUG("[遗嘱调试][关闭客户端] ClientID=%s, 状态已关闭，跳过", id_of(*client).text);
-        return;
-    }
-    if (!claim_closing(*client))
-        return;                            // being closed, perhaps further up on this very thread
-    if (!was_closed_since(*client, state)) // between our look and our claim
-        close_claimed(*client);
-    unclaim_closing(*client);
+    close_seen(*client, peek(client->state));
 }

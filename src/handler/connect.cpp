@@ -17,7 +17,7 @@ namespace {
 
 constexpr uint8_t kBadUserNameOrPassword = 0x86;
 
-int refuse(mqtt_client_t &client)
+int refuse(mqtt_client_t &client, uint32_t state)
 {
     mqtt_connack_para_t connack{};
     connack.reason_code = kBadUserNameOrPassword;
@@ -25,7 +25,7 @@ int refuse(mqtt_client_t &client)
         LOG_ERROR("connack_buf malloc failed");
     else
         let_leave(client);
-    client_close(&client);
+    close_seen(client, state);
     return -1;
 }
 
@@ -275,6 +275,7 @@ void resume_session(mqtt_client_t &client)
 
 int handle_connect(mqtt_client_t &client, Packet packet) noexcept
 {
+    const uint32_t      state = peek(client.state);
     mqtt_connect_para_t connect{};
     int                 length = static_cast<int>(packet.size());
     if (mqtt_codec_decode_connect(&client.codec, packet.data(), &length, &connect) != CODEC_OK) {
@@ -283,7 +284,7 @@ int handle_connect(mqtt_client_t &client, Packet packet) noexcept
         return -1;
     }
     if (!broker_fire_auth(&client, connect.client_id, connect.username, connect.password))
-        return refuse(client);
+        return refuse(client, state);
     if (!adopt(client, connect))
         return -1;
 

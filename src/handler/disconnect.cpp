@@ -77,6 +77,7 @@ void settle_v5_session(mqtt_client_t &client)
 
 int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept
 {
+    const uint32_t         state = peek(client.state);
     mqtt_disconnect_para_t disconnect{};
     bool                   expiry_given = false;
     int                    length       = static_cast<int>(packet.size());
@@ -94,7 +95,7 @@ int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept
         settle_v4_session(client);
     packet_handler_remove_client_subs(client.client_id, peek(client.clean_session));
     flush_client(client); // answers to packets that came in one go with this one
-    client_close(&client);
+    close_seen(client, state);
     return 0;
 }
 

@@ -43,8 +43,9 @@ int close_oversized(mqtt_client_t &client, Packet packet, uint32_t limit)
 {
     LOG_ERROR("[MQTT过载保护] 报文超长关闭连接：Client=%s, 接收=%d, 协商最大=%d", client.client_id,
               static_cast<int>(packet.size()), static_cast<int>(limit));
+    const uint32_t state = peek(client.state);
     packet_handler_send_disconnect(&client, kPacketTooLarge);
-    client_close(&client);
+    close_seen(client, state);
     return -1;
 }
 

@@ -60,6 +60,10 @@ void mark_will_sent(mqtt_client_t &client)
     poke(client.will_sent, 1);
 }
 
+// QUIRK(will-saves-session): publishing the will of a kept session writes its subscriptions, also when the session was
+// deleted a moment before because it ended with the connection: the next CONNECT finds a session present although it
+// should find none [MQTT-3.2.2-3]. Closing settles the session first and the will after it.
+//   test: close_table.every_kind_of_client_every_way_and_every_will
 void publish_will(mqtt_client_t &client, const mqtt_publish_para_t &will, const uint8_t *packet, int length)
 {
     LOG_INFO("[WILL] 编码成功 | len=%d | 开始广播", length);

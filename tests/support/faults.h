@@ -3,6 +3,7 @@
 #define TARN_TESTS_FAULTS_H
 
 #include <cstdint>
+#include <functional>
 
 namespace tarn::test {
 
@@ -51,6 +52,24 @@ public:
     ~KillAt();
     KillAt(const KillAt &)            = delete;
     KillAt &operator=(const KillAt &) = delete;
+};
+
+// While it lives, it runs before each call of those from FileOpen to Unlink that changes files, on the calling thread.
+class OnFileCall {
+public:
+    explicit OnFileCall(std::function<void()> act);
+    ~OnFileCall();
+    OnFileCall(const OnFileCall &)            = delete;
+    OnFileCall &operator=(const OnFileCall &) = delete;
+};
+
+// While it lives, files are not synced, only said to be: for tests that write very many.
+class UnsyncedFiles {
+public:
+    UnsyncedFiles();
+    ~UnsyncedFiles();
+    UnsyncedFiles(const UnsyncedFiles &)            = delete;
+    UnsyncedFiles &operator=(const UnsyncedFiles &) = delete;
 };
 
 // While it lives, all clocks stand still and move only by hand. Starts at wall 1,800,000,000 s and mono 1,000,000 ms.

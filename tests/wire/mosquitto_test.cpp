@@ -2,6 +2,7 @@
 #include "support/broker_process.h"
 #include "support/peer.h"
 
+#include <csignal>
 #include <gtest/gtest.h>
 #include <sstream>
 
@@ -9,12 +10,14 @@ using namespace tarn::test;
 
 namespace {
 
+void skip_without_programs()
+{
+    if (Child("which", {"sh", "-c", "command -v mosquitto_pub mosquitto_sub stdbuf"}).wait(kLimit_ms) != 0)
+        GTEST_SKIP() << "no mosquitto_pub, mosquitto_sub and stdbuf here";
+}
+
 struct mosquitto : testing::TestWithParam<int> {
-    void SetUp() override
-    {
-        if (Child("which", {"sh", "-c", "command -v mosquitto_pub mosquitto_sub stdbuf"}).wait(kLimit_ms) != 0)
-            GTEST_SKIP() << "no mosquitto_pub, mosquitto_sub and stdbuf here";
-    }
+    void          SetUp() override { skip_without_programs(); }
     std::string   qos    = std::to_string(GetParam());
     BrokerProcess broker = BrokerProcess::start();
 };
@@ -148,6 +151,89 @@ TEST_P(mosquitto, several_retained_messages_in_order_at_their_own_qos)
             lines += line + "\n";
     EXPECT_EQ(lines, "r/4 four qos 1 retain 1\nr/5 five qos 0 retain 1\n"       // shown as they come
                      "r/1 changed qos 2 retain 1\nr/3 three qos 2 retain 1\n"); // shown on PUBREL, behind the SUBACK
+}
+
+namespace {
+
+struct mosquitto_will : testing::Test {
+    void          SetUp() override { skip_without_programs(); }
+    BrokerProcess broker = BrokerProcess::start({.max_clients = 100}); // one scan sees them all
+
+    static Child mortal(const std::string &id, const std::string &will, const std::vector<std::string> &more = {})
+    {
+        std::vector<std::string> options = {"-t", "x", "--will-topic", "w", "--will-payload", will, "--will-qos", "1"};
+        options.insert(options.end(), more.begin(), more.end());
+        return subscriber(id, options);
+    }
+};
+struct slow_mosquitto : mosquitto_will {};
+
+} // namespace
+
+// The first byte says how many of the next a level 5 subscriber takes for properties.
+TEST_F(mosquitto_will, of_a_killed_client_reaches_plain_shared_and_level_5_subscribers)
+{
+    Child plain     = subscriber("plain", {"-t", "w", "-q", "1", "-v", "-C", "2"});
+    Child members[] = {subscriber("first", {"-t", "$share/g/w", "-q", "1", "-C", "1"}),
+                       subscriber("second", {"-t", "$share/g/w", "-q", "1", "-C", "1"})};
+    Peer  five      = Peer::tcp();
+    five.connect_v5("five").subscribe("w");
+
+    mortal("mortal", "\x01.gone").signal(SIGKILL);
+    five.expect("30 08 | 00 01 'w' | 00 | 'gone'");
+    EXPECT_TRUE(wait_until([&] { return members[0].ended() || members[1].ended(); }));
+    five.ping();
+    EXPECT_NE(members[0].ended(), members[1].ended()) << "one of the group";
+
+    mortal("mortal", "\x01.again").signal(SIGKILL);
+    five.expect("30 09 | 00 01 'w' | 00 | 'again'");
+    for (Child *child : {&plain, &members[0], &members[1]})
+        EXPECT_EQ(child->wait(kLimit_ms), 0) << child->output();
+    EXPECT_TRUE(printed(plain, "w \x01.gone") && printed(plain, "w \x01.again")) << plain.output();
+    const bool in_turn = printed(members[0], "\x01.gone") && printed(members[1], "\x01.again");
+    EXPECT_TRUE(in_turn || (printed(members[1], "\x01.gone") && printed(members[0], "\x01.again")));
+}
+
+TEST_F(mosquitto_will, of_a_client_that_says_goodbye_reaches_nobody)
+{
+    Peer watch = Peer::tcp();
+    watch.connect_v4("watch").subscribe("w");
+    Child polite = mortal("polite", "gone");
+    polite.signal(SIGTERM); // it disconnects
+    EXPECT_EQ(polite.wait(kLimit_ms), 0) << polite.errors();
+    watch.expect_nothing();
+    watch.ping();
+}
+
+// Five seconds are the least it takes for a keep-alive. Silence of half as much again is found by the next scan, which
+// comes every 10 to 11 s.
+TEST_F(slow_mosquitto, a_stopped_client_is_closed_in_time_and_its_will_published)
+{
+    Peer watch = Peer::tcp();
+    watch.connect_v4("watch").subscribe("w");
+    Child        awake = subscriber("awake", {"-t", "news", "-k", "5", "-C", "1"});
+    Child        deaf  = mortal("deaf", "silent", {"-k", "5"});
+    const double start = now_s();
+    deaf.signal(SIGSTOP);
+    EXPECT_EQ(watch.read_packet(30000), wire("30 09 | 00 01 'w' | 'silent'"));
+    EXPECT_GT(now_s() - start, 7.4);
+    EXPECT_LT(now_s() - start, 7.5 + 11 + kSlowdown);
+    EXPECT_NE(broker.log().find("[超时完成] 客户端已关闭 → cid=deaf"), std::string::npos);
+
+    EXPECT_NE(awake.output().find("PINGRESP"), std::string::npos) << "which is what kept it";
+    watch.publish("news", "hello");
+    EXPECT_EQ(awake.wait(kLimit_ms), 0) << awake.output();
+    EXPECT_TRUE(printed(awake, "hello"));
+
+    deaf.signal(SIGCONT); // finds its connection closed and comes back
+    const auto times_subscribed = [&] {
+        const std::string text  = deaf.output();
+        int               count = 0;
+        for (size_t at = 0; (at = text.find("Subscribed", at)) != std::string::npos; ++at)
+            ++count;
+        return count;
+    };
+    EXPECT_TRUE(wait_until([&] { return times_subscribed() == 2; })) << deaf.output();
 }
 
 INSTANTIATE_TEST_SUITE_P(qos, mosquitto, testing::Values(0, 1, 2));

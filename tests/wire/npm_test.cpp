@@ -39,6 +39,11 @@ TEST(npm, retained_messages_at_qos_1_and_2)
     run("retained.js");
 }
 
+TEST(npm, wills_put_off_called_off_and_shared)
+{
+    run("wills.js");
+}
+
 TEST(npm, three_in_a_shared_group)
 {
     run("shared.js");

@@ -81,6 +81,15 @@ Transcript take_calls()
     return take(false, true);
 }
 
+Transcript take_calls_and(const std::string &part)
+{
+    Transcript texts;
+    for (Entry &entry : std::exchange(entries(), {}))
+        if (!entry.is_line || entry.text.find(part) != std::string::npos)
+            texts.push_back(std::move(entry.text));
+    return texts;
+}
+
 int times(const std::string &call)
 {
     std::lock_guard lock(g_counts_mx);
@@ -167,7 +176,6 @@ int      __real_persist_init(const char *);
 int      __real_persist_destroy(void);
 uint32_t __real_client_mgr_init(int32_t);
 void     __real_client_mgr_deinit(void);
-void     __real_client_close(mqtt_client_t *);
 uint32_t __real_client_clean_timeout(uint32_t);
 void     __real_client_will_delay_scan(void);
 int32_t  __real_client_fill_id_list(char *, int32_t);
@@ -239,6 +247,8 @@ void __wrap_packet_handler_send_disconnect(mqtt_client_t *client, uint8_t reason
 {
     note_call("packet_handler_send_disconnect " + std::string(client->client_id) + " " + std::to_string(reason));
     __real_packet_handler_send_disconnect(client, reason);
+    if (g_modules.on_disconnect_sent)
+        g_modules.on_disconnect_sent(*client);
 }
 int __wrap_persist_init(const char *path)
 {
@@ -259,11 +269,6 @@ void __wrap_client_mgr_deinit(void)
 {
     note_call("client_mgr_deinit");
     __real_client_mgr_deinit();
-}
-void __wrap_client_close(mqtt_client_t *client)
-{
-    note_call("client_close " + std::string(tarn::id_of(*client).text));
-    __real_client_close(client);
 }
 uint32_t __wrap_client_clean_timeout(uint32_t threshold_ms)
 {

@@ -27,10 +27,11 @@ using Transcript = std::vector<std::string>;
 // What the API asks of other modules is written down and then done, unless a test replaces it. The linker leads the
 // calls here (tests/unit/CMakeLists.txt).
 struct Modules {
-    std::function<int()>  packet_handler_init; // instead of the real one, as are all of these
-    std::function<int()>  packet_handler_broker_publish;
-    std::function<int()>  list;    // client_fill_id_list and retain_fill_topic_list
-    std::function<void()> on_turn; // runs at the end of each housekeeping turn, on its thread
+    std::function<int()>                 packet_handler_init; // instead of the real one, as are all of these
+    std::function<int()>                 packet_handler_broker_publish;
+    std::function<int()>                 list;               // client_fill_id_list and retain_fill_topic_list
+    std::function<void(mqtt_client_t &)> on_disconnect_sent; // runs behind packet_handler_send_disconnect
+    std::function<void()>                on_turn;            // runs at the end of each housekeeping turn, on its thread
 };
 extern Modules g_modules;
 
@@ -40,6 +41,7 @@ Transcript take_transcript();
 // Only the lines or only the calls among them.
 Transcript take_lines();
 Transcript take_calls();
+Transcript take_calls_and(const std::string &part); // and the lines that hold this text
 
 // How often any thread made this call, as the transcript would show it.
 int  times(const std::string &call);

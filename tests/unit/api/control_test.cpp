@@ -92,7 +92,7 @@ TEST_F(kick, sends_a_disconnect_then_closes_then_says_so)
         EXPECT_EQ(client->state, unsigned{CLIENT_CLOSED});
         EXPECT_EQ(seen.front(), "packet_handler_send_disconnect dev1 152");
         EXPECT_EQ(seen.back(), "INFO [SDK] kick client success: dev1");
-        EXPECT_THAT(seen, Contains("client_close dev1"));
+        EXPECT_THAT(seen, Contains("WARN [FREE-NORMAL] 客户端正常关闭: dev1"));
         EXPECT_EQ(tarn_sdk_mqtt_broker_get_online_count(nullptr), 0u);
     }
     EXPECT_THAT(transcript("dev1", TARN_E_NOT_FOUND), ElementsAre("WARN [SDK] kick client not found: dev1"));
@@ -103,6 +103,20 @@ TEST_F(kick, a_client_whose_will_waits_is_closed_again)
     mqtt_client_t *const client = add_client(1, "w", &broker, CLIENT_WILL_PENDING);
     EXPECT_EQ(transcript("w", TARN_OK).back(), "INFO [SDK] kick client success: w");
     EXPECT_EQ(client->state, unsigned{CLIENT_CLOSED});
+}
+
+// The connection may drop while the DISCONNECT is on its way: then the kick comes second and settles nothing again.
+TEST_F(kick, a_client_that_was_closed_meanwhile_is_not_closed_again)
+{
+    mqtt_client_t *const client = add_client(1, "dev1", &broker);
+    client_set_will_msg(client, "w", reinterpret_cast<const uint8_t *>("x"), 1, 0, 0);
+    client_set_will_enhance(client, 30, 0, 0, nullptr, nullptr, nullptr, 0);
+    g_modules.on_disconnect_sent = [](mqtt_client_t &kicked) { client_close(&kicked); };
+    EXPECT_EQ(transcript("dev1", TARN_OK).back(), "INFO [SDK] kick client success: dev1");
+    EXPECT_EQ(client->state, unsigned{CLIENT_WILL_PENDING});
+    EXPECT_EQ(g_will_delay_client_count, 1);
+    g_modules.on_disconnect_sent = nullptr;
+    pool_free(client);
 }
 
 TEST_F(kick, a_record_without_a_state_is_closed_already)

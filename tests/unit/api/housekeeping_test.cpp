@@ -111,6 +111,32 @@ TEST_F(housekeeping_turn, wills_are_scanned_every_half_second_when_none_is_known
     EXPECT_THAT(at(1000), ElementsAre(kWills));
 }
 
+// Ten seconds of a full and idle pool: a thousand turns, of which twenty look for wills that were set going by hand and
+// one looks for silence, among a thousand of the records.
+TEST_F(housekeeping_turn, of_eleven_thousand_idle_clients_walks_over_few_records)
+{
+    for (uint32_t handle = 0; handle < CLIENT_MAX; ++handle)
+        add_client(handle, ("c" + std::to_string(handle)).c_str(), &broker);
+    ASSERT_EQ(g_client_mgr.used_count, CLIENT_MAX);
+    g_client_mgr.running = 1;
+    (void)at(clock.wall_s());
+    const int scans = times(kScan), walks = times(kWills);
+    agent_log_set_level(AGENT_LOG_DEBUG); // where each record that is looked at has a line
+    (void)take_transcript();
+    for (int turn = 0; turn < 1000; ++turn) {
+        clock.advance_ms(10);
+        api::housekeeping_turn(broker, clock.wall_s());
+    }
+    EXPECT_EQ(times(kScan) - scans, 1);
+    EXPECT_EQ(times(kWills) - walks, 20);
+    const Transcript lines = take_lines();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string &line) { return line.rfind("DEBUG [超时扫描-详细]", 0) == 0; }),
+              1000);
+    EXPECT_EQ(client_get_connected_count(), uint32_t{CLIENT_MAX});
+    g_client_mgr.running = 0;
+}
+
 TEST_F(housekeeping_turn, a_report_starts_a_new_period)
 {
     mqtt_stats_inc_timeout();

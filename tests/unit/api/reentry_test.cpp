@@ -156,8 +156,9 @@ TEST_F(in_callback, of_a_deinit_nothing_can_be_begun_or_ended)
     (void)take_calls();
     tarn_sdk_mqtt_broker_deinit(broker);
     EXPECT_EQ(g_calls, 2);
-    EXPECT_THAT(take_calls(), ElementsAre("netip_deinit", "client_close c", "persist_destroy", "client_mgr_deinit",
-                                          "mqtt_stats_deinit", "agent_log_deinit"));
+    EXPECT_THAT(take_calls_and("[WILL-ENTER]"),
+                ElementsAre("netip_deinit", "WARN [WILL-ENTER] 客户端进入遗嘱延迟: c, will_delay_sec=0",
+                            "persist_destroy", "client_mgr_deinit", "mqtt_stats_deinit", "agent_log_deinit"));
     EXPECT_FALSE(tarn_sdk_mqtt_broker_is_running(broker)); // the stop took effect, without waiting
     EXPECT_NE(broker->thread, 0u);
     g_act = nullptr;

@@ -113,6 +113,22 @@ TEST(bridge, closes_the_client_of_a_lost_connection)
     EXPECT_EQ(log.lines().front(), info("Client disconnected: handle=7, reason=0, error=0"));
 }
 
+// As a kick on a host thread may do while the subscriptions are removed.
+TEST(bridge, leaves_a_client_alone_that_was_closed_meanwhile)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(7, "dev1", 0);
+    client_set_will_msg(client, "gone", text("x").data(), 1, 0, 0);
+    client_set_will_enhance(client, 30, 0, 0, nullptr, nullptr, nullptr, 0);
+    take_calls();
+    g_calls.on_remove_subs = [&] { client_close(client); };
+    event(7, NETIP_EVENT_DISCONNECTED, {}, 0);
+    EXPECT_THAT(take_calls(), ElementsAre("packet_handler_remove_client_subs dev1 0", "persist_remove dev1",
+                                          "packet_start_will_delay dev1 state 2"))
+        << "once each";
+    EXPECT_EQ(g_will_delay_client_count, 1);
+}
+
 TEST(bridge, leaves_the_subscriptions_of_a_client_that_never_logged_in)
 {
     const Manager        manager;

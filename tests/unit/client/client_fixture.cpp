@@ -277,6 +277,8 @@ void __wrap_packet_start_will_delay(mqtt_client_t *client)
 void __wrap_packet_handler_remove_client_subs(const char *client_id, uint8_t clean_session)
 {
     note("packet_handler_remove_client_subs " + std::string(client_id) + " " + std::to_string(clean_session));
+    if (g_calls.on_remove_subs)
+        g_calls.on_remove_subs();
 }
 
 void __wrap_persist_mark(persist_session_t *rec, uint8_t what)

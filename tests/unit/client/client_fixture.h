@@ -28,11 +28,12 @@ using testing::SizeIs;
 // What the manager asks of other modules. Packet handling and files are replaced, so that each test says what they do;
 // reliable delivery is real, unless told to fail.
 struct Calls {
-    std::vector<std::string>                   made;      // "persist_remove dev1", in order
-    std::function<int(mqtt_client_t &, Bytes)> on_packet; // packet_dispatch
-    std::function<void(mqtt_client_t &)>       on_will;   // packet_send_will_message
-    std::function<void()>                      on_mark;   // persist_mark
-    std::function<void(mqtt_client_t &)>       on_clean;  // qos_reliable_clean_client_packets, before it begins
+    std::vector<std::string>                   made;           // "persist_remove dev1", in order
+    std::function<int(mqtt_client_t &, Bytes)> on_packet;      // packet_dispatch
+    std::function<void(mqtt_client_t &)>       on_will;        // packet_send_will_message
+    std::function<void()>                      on_remove_subs; // packet_handler_remove_client_subs
+    std::function<void()>                      on_mark;        // persist_mark
+    std::function<void(mqtt_client_t &)>       on_clean;       // qos_reliable_clean_client_packets, before it begins
     bool                                       qos_fails          = false; // qos_reliable_init
     bool                                       qos_stands_in      = false; // it does nothing
     int                                        memory_fails_after = -1;    // mmap and mprotect: so many succeed

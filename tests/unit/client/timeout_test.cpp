@@ -309,6 +309,20 @@ TEST_F(Timeout, a_listed_record_cannot_become_another_client)
     EXPECT_EQ(newcomer->state, uint32_t{CLIENT_LOGINED});
 }
 
+TEST_F(Timeout, a_listed_client_that_was_closed_meanwhile_is_not_closed_again)
+{
+    const Manager        manager(100);
+    mqtt_client_t *const first  = client(1, 10);
+    mqtt_client_t *const second = client(2, 10);
+    for (mqtt_client_t *const willing : {first, second})
+        client_set_will_msg(willing, "gone", nullptr, 0, 0, 0);
+    client_set_will_enhance(second, 30, 0, 0, nullptr, nullptr, nullptr, 0);
+    g_calls.on_will = [&](mqtt_client_t &) { client_close(second); }; // while the first is closed
+    EXPECT_EQ(scan_after(15000), 2u);
+    EXPECT_EQ(second->state, uint32_t{CLIENT_WILL_PENDING});
+    EXPECT_EQ(g_will_delay_client_count, 2);
+}
+
 TEST(keepalive, is_set_in_milliseconds_and_counts_as_activity)
 {
     ManualClock          clock;

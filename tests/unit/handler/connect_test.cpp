@@ -634,6 +634,29 @@ TEST(connect, the_place_of_a_cancelled_will_serves_its_next_owner_in_full)
     EXPECT_EQ(next->used, 0);
 }
 
+// The host kicks the client while it is asked about it, and refuses it then.
+TEST(connect, a_refused_client_that_was_closed_meanwhile_is_not_closed_again)
+{
+    Handling             broker;
+    mqtt_client_t *const client = client_create(1, "10.0.0.1", 4711, &broker.host.broker);
+    client_set_cid(client, "dev1");
+    client->state = CLIENT_LOGINED;
+    client_set_will_msg(client, "w", reinterpret_cast<const uint8_t *>("x"), 1, 0, 0);
+    client_set_will_enhance(client, 30, 0, 0, "", "", nullptr, 0);
+    static mqtt_client_t *kicked;
+    kicked                     = client;
+    broker.host.broker.auth_cb = [](broker_t *, const char *, const char *, const char *) {
+        client_close(kicked);
+        return false;
+    };
+    const Bytes again = connect_v4("dev1");
+    EXPECT_EQ(packet_dispatch(client, again.data(), static_cast<uint32_t>(again.size())), -1);
+    EXPECT_EQ(client->state, CLIENT_WILL_PENDING);
+    EXPECT_EQ(client->will_delay_pending, 1);
+    EXPECT_EQ(g_will_delay_client_count, 1);
+    pool_free(client);
+}
+
 TEST(connect, records_of_the_id_without_a_delay_running_stay)
 {
     Handling             broker;

@@ -7,13 +7,14 @@ const call = (client, name, ...args) =>
   new Promise((resolve, reject) => client[name](...args, (error, result) => error ? reject(error) : resolve(result)))
 
 // Resolves to the client and its CONNACK.
-function connect (clientId) {
+function connect (clientId, options = {}) {
   return new Promise((resolve, reject) => {
     const client = mqtt.connect('mqtt://127.0.0.1:1883', {
       protocolVersion: 5,
       clientId,
       reconnectPeriod: 0,
-      properties: { maximumPacketSize: 4096 }
+      properties: { maximumPacketSize: 4096 },
+      ...options
     })
     client.once('connect', connack => resolve([client, connack]))
     client.once('error', reject)
