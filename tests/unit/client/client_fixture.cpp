@@ -5,6 +5,7 @@
 #include "persist/persist.h"
 #include "qos/qos_reliable.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <mutex>
@@ -83,7 +84,7 @@ Bytes Socket::received()
 Bytes Socket::wait_for(size_t bytes)
 {
     Bytes all;
-    for (int i = 0; i < 200 && all.size() < bytes; ++i) {
+    for (int i = 0; i < 2000 && all.size() < bytes; ++i) {
         pollfd ready{ours_, POLLIN, 0};
         poll(&ready, 1, 5);
         all = all + received();
@@ -101,8 +102,17 @@ bool Socket::closed_by_broker()
 void Socket::stuff()
 {
     const Bytes filler(512, 0);
-    while (::send(g_netip_clients[handle_].fd, filler.data(), filler.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0)
-        ;
+    for (ssize_t sent;
+         (sent = ::send(g_netip_clients[handle_].fd, filler.data(), filler.size(), MSG_NOSIGNAL | MSG_DONTWAIT)) > 0;)
+        stuffed_ += static_cast<size_t>(sent);
+}
+
+// Not a byte more: behind them comes already what the broker sends into the room that this makes.
+void Socket::unstuff()
+{
+    uint8_t part[512];
+    for (ssize_t got; stuffed_ > 0 && (got = recv(ours_, part, std::min(sizeof part, stuffed_), 0)) > 0;)
+        stuffed_ -= static_cast<size_t>(got);
 }
 
 size_t Socket::drain()

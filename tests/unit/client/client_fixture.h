@@ -51,14 +51,16 @@ public:
     Socket &operator=(const Socket &) = delete;
 
     Bytes  received();             // what has arrived, without waiting
-    Bytes  wait_for(size_t bytes); // at least so many, or a second
+    Bytes  wait_for(size_t bytes); // at least so many, or what came within ten seconds
     bool   closed_by_broker();     // end of stream
     void   stuff();                // until the broker's end takes no byte more
-    size_t drain();                // the other way round; how many came
+    void   unstuff();              // takes that out again
+    size_t drain();                // takes all that has arrived; how many bytes
 
 private:
     uint32_t handle_;
     int      ours_;
+    size_t   stuffed_ = 0;
 };
 
 // A TCP connection to the broker's port.

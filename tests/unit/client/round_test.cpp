@@ -83,7 +83,7 @@ TEST(io_round, drops_when_the_socket_is_full_too)
     client::end_io_round();
     EXPECT_EQ(client::side_at(0).round_blocked.load(), 0);
     EXPECT_EQ(client::side_at(0).listed.load(), 1) << "the send thread's from here on";
-    socket.drain();
+    socket.unstuff();
     mqtt_start_send_thread();
     EXPECT_THAT(socket.wait_for(99), SizeIs(99));
 }

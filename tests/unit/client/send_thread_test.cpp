@@ -60,7 +60,7 @@ TEST(send_thread, goes_on_when_the_socket_has_room_again)
     for (uint8_t i = 0; i < 99; ++i)
         ASSERT_EQ(send(client, {i}), 0u);
     EXPECT_EQ(queued(client), 99);
-    socket.drain();
+    socket.unstuff();
     EXPECT_THAT(socket.wait_for(99), SizeIs(99));
     EXPECT_TRUE(eventually([&] { return queued(client) == 0; }));
 }
@@ -74,7 +74,7 @@ TEST(send_thread, passes_over_clients_that_are_not_online)
     first.stuff();
     send(parked, wire("D0 00"));
     poke(parked->state, CLIENT_WILL_PENDING);
-    first.drain();
+    first.unstuff();
     send(online, wire("D0 00"));
     EXPECT_EQ(hex(second.wait_for(2)), "D0 00");
     usleep(30000);
