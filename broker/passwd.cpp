@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <poll.h>
 #include <string>
 #include <termios.h>
 #include <unistd.h>
@@ -33,14 +34,20 @@ void note_signal(int number)
     g_signal = number;
 }
 
-// No echo while this lives. Signals that end or stop the program wait until the terminal is as it was.
+// No echo while this lives. Signals that end or stop the program come in only while it waits for input, so that none
+// is missed, and act when the terminal is as it was.
 class Quiet {
 public:
     Quiet()
     {
         struct sigaction action {};
-        action.sa_handler = note_signal; // and no SA_RESTART: reading ends
+        action.sa_handler = note_signal;
         g_signal          = 0;
+        sigset_t mine;
+        sigemptyset(&mine);
+        for (const int number : kNumbers)
+            sigaddset(&mine, number);
+        sigprocmask(SIG_BLOCK, &mine, &mask_before_);
         for (size_t i = 0; i < kSignals; ++i)
             sigaction(kNumbers[i], &action, &before_[i]);
         tcgetattr(STDIN_FILENO, &terminal_);
@@ -54,24 +61,38 @@ public:
         fputc('\n', stderr); // the one that was typed was not shown
         for (size_t i = 0; i < kSignals; ++i)
             sigaction(kNumbers[i], &before_[i], nullptr);
+        sigprocmask(SIG_SETMASK, &mask_before_, nullptr);
         if (g_signal)
             raise(g_signal);
     }
     Quiet(const Quiet &)            = delete;
     Quiet &operator=(const Quiet &) = delete;
 
+    // Until there is something to read, or a signal (false).
+    bool wait_for_input() const
+    {
+        pollfd input{STDIN_FILENO, POLLIN, 0};
+        while (!g_signal)
+            if (ppoll(&input, 1, nullptr, &mask_before_) >= 0 || errno != EINTR)
+                return true;
+        return false;
+    }
+
 private:
     static constexpr int    kNumbers[] = {SIGINT, SIGTERM, SIGQUIT, SIGHUP, SIGTSTP};
     static constexpr size_t kSignals   = sizeof kNumbers / sizeof kNumbers[0];
     struct sigaction        before_[kSignals];
+    sigset_t                mask_before_;
     termios                 terminal_{};
 };
 
-// One line of standard input without its end; false when there is none.
-bool read_line(std::string &line)
+// One line of standard input without its end; false when there is none, or a signal came.
+bool read_line(std::string &line, const Quiet *terminal = nullptr)
 {
     line.clear();
     for (char c;;) {
+        if (terminal && !terminal->wait_for_input())
+            return false;
         const ssize_t count = read(STDIN_FILENO, &c, 1);
         if (count != 1)
             return count == 0 && !line.empty();
@@ -85,7 +106,7 @@ bool ask(const char *question, std::string &answer)
 {
     fputs(question, stderr);
     const Quiet quiet;
-    return read_line(answer);
+    return read_line(answer, &quiet);
 }
 
 std::string check_password(const std::string &password)
