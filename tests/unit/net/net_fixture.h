@@ -302,6 +302,7 @@ inline size_t open_descriptors()
     return count_of("fd") - 1;
 }
 // Threads with this name.
+// To be waited for: a joined thread is listed a moment longer, and a new one names itself.
 inline size_t threads_named(const std::string &name)
 {
     DIR   *dir   = opendir("/proc/self/task");
