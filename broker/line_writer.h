@@ -48,8 +48,8 @@ private:
     std::thread thread_;
 };
 
-// Descriptors for a LineWriter, -1 with errno. They do not block where the kernel can help it; what is shared with other
-// programs, as standard output is, keeps its mode.
+// Descriptors for a LineWriter, -1 with errno. They do not block where the kernel can help it; what is shared with
+// other programs, as standard output is, keeps its mode.
 int open_for_lines(int shared_fd);
 int open_for_lines(const char *path); // appends; a new file gets mode 0600
 

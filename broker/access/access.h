@@ -34,8 +34,8 @@ public:
     // The id is empty when the library will choose one.
     bool may_connect(const std::string &client_id, const std::string &user, const std::string &password);
 
-    // The id that it chose for a client that is online now. False when it is another user's: that one's client is there,
-    // too, unless this one is alone with the id.
+    // The id that it chose for a client that is online now. False when it is another user's: that one's client is
+    // there, too, unless this one is alone with the id.
     bool chosen(const std::string &client_id, const std::string &user, const std::function<bool()> &is_alone);
 
     bool may_subscribe(const std::string &client_id, const std::string &filter);

@@ -28,8 +28,8 @@ public:
     ConsoleServer(const ConsoleServer &)            = delete;
     ConsoleServer &operator=(const ConsoleServer &) = delete;
 
-    // Opens the socket at path; one that nobody listens to any more is replaced. Returns what is wrong, or "". Not while
-    // other threads make files: the mask of the process is changed for a moment.
+    // Opens the socket at path; one that nobody listens to any more is replaced. Returns what is wrong, or "". Not
+    // while other threads make files: the mask of the process is changed for a moment.
     std::string open(const std::string &path);
 
     // From now on commands are answered; before that they wait.

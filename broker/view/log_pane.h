@@ -1,5 +1,5 @@
-// log_pane.h - standard output and standard error while the screen belongs to the view: what the program and the library
-// write there is read by a thread, which never waits for anybody, and its last lines are kept to be shown.
+// log_pane.h - standard output and standard error while the screen belongs to the view: what the program and the
+// library write there is read by a thread, which never waits for anybody, and its last lines are kept to be shown.
 #ifndef TARN_BROKER_VIEW_LOG_PANE_H
 #define TARN_BROKER_VIEW_LOG_PANE_H
 

@@ -11,7 +11,8 @@ namespace tarn::broker {
 
 class Loop;
 
-// Before there are threads. Returns why there can be no view, or "": no terminal, an unknown one, or no ncurses in here.
+// Before there are threads. Returns why there can be no view, or "": no terminal, an unknown one, or no ncurses in
+// here.
 std::string prepare_view();
 
 // Takes the terminal over, and what is written to it, until it is destroyed. `q`, and the terminal's end, end the loop.

@@ -170,7 +170,8 @@ uint32_t generation_for(uint32_t handle, net::Connection connection)
 }
 
 // A connection can be closed by another thread while its first packet is on its way here. Whoever closes it marks it
-// closed first and looks the record up under the handle's lock afterwards: either we see the mark or it sees the record.
+// closed first and looks the record up under the handle's lock afterwards: either we see the mark or it sees the
+// record.
 bool is_gone(net::Connection connection)
 {
     return connection.generation != 0 && !net::is_open(connection);

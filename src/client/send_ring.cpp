@@ -117,7 +117,8 @@ Queued enqueue(mqtt_client_t &client, const uint8_t *bytes, int32_t length) EXCL
     return Queued::Ok;
 }
 
-// Another thread's flush is one non-blocking write, worth waiting for: it may have looked before the latest packets came.
+// Another thread's flush is one non-blocking write, worth waiting for: it may have looked before the latest packets
+// came.
 Flushed flush_in_turn(mqtt_client_t &client, bool online_only)
 {
     Flushed result;

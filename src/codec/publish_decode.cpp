@@ -124,9 +124,9 @@ int read_id(Reader &in, int packet_end, mqtt_publish_para_t &para)
 }
 
 // QUIRK(publish-level-detection): the level is read off the packet instead of taken from the connection
-// [MQTT 5.0 3.1.2.2]. A 3.1.1 payload whose first bytes read as a property length that fits loses them, and the context moves
-// to 5.0. Clients that change their mind about the level are served as they speak; those payloads are the known
-// price.
+// [MQTT 5.0 3.1.2.2]. A 3.1.1 payload whose first bytes read as a property length that fits loses them, and the
+// context moves to 5.0. Clients that change their mind about the level are served as they speak; those payloads are
+// the known price.
 //   test: publish_decode.a_payload_that_looks_like_properties_makes_it_5
 //
 // True, and `in` behind the length field, when a property block stands here. Sets its end.

@@ -77,8 +77,8 @@ inline void track(mqtt_client_t &client, const Message &message) noexcept
 }
 
 // The smaller of the message's and the granted QoS, a fresh identifier, one copy for every matching subscription.
-// QUIRK(receive-maximum-ignored): deliveries do not wait for acknowledgements of earlier ones, whatever Receive Maximum a
-// 5.0 client announced [MQTT-3.3.4-9]. What limits them is the client's ring and 1000 pending deliveries.
+// QUIRK(receive-maximum-ignored): deliveries do not wait for acknowledgements of earlier ones, whatever Receive
+// Maximum a 5.0 client announced [MQTT-3.3.4-9]. What limits them is the client's ring and 1000 pending deliveries.
 //   test: publish.a_receive_maximum_holds_nothing_back
 template <class Path> bool deliver(DeliveryCache &cache, Path &path, const Receiver &to, mqtt_client_t &client)
 {

@@ -1,7 +1,8 @@
 // watch.cpp - what the epoll instance is told about each slot, and the descriptors that all slots share.
 //
 // An event carries generation << 32 | handle, so that one left over from a slot's last connection is recognised; 0 is
-// the listener or the bell. Registration failures are harmless unless said otherwise: the descriptor is not in epoll, or no more.
+// the listener or the bell. Registration failures are harmless unless said otherwise: the descriptor is not in epoll,
+// or no more.
 #include "../base/clock.h"
 #include "../base/fd.h"
 #include "netip_internal.h"

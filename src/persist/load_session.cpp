@@ -83,9 +83,9 @@ template <size_t N> void store_text(char (&field)[N], const char *value)
 }
 
 // With what the distance makes of the value, where it is not simply restored.
-// QUIRK(session-distances): of a saved session the end loses its first two digits and the will its topic, payload and QoS,
-// so that it is never published, though both belong to the session [MQTT-3.1.2-8, MQTT-3.1.2-5]. Files of earlier
-// versions hold the same, and a restart must treat them the same.
+// QUIRK(session-distances): of a saved session the end loses its first two digits and the will its topic, payload and
+// QoS, so that it is never published, though both belong to the session [MQTT-3.1.2-8, MQTT-3.1.2-5]. Files of
+// earlier versions hold the same, and a restart must treat them the same.
 //   test: session_file.distances_of_the_loader, session_file.a_will_payload_comes_back_empty
 constexpr SessionKey kSessionKeys[] = {
     {"\"session_expiry_interval\":", 26, false,
@@ -129,8 +129,9 @@ void take_session(persist_session_t &record, const char *text)
 
 // ---- subscription file
 
-// QUIRK(files-read-in-part): of a subscription file 2047 bytes are read, of a message file 4095, and 1023 of one message; what
-// lies beyond is not resumed, or without its payload [MQTT-3.1.2-5, MQTT-4.5.0-1]. Loading has bounded buffers.
+// QUIRK(files-read-in-part): of a subscription file 2047 bytes are read, of a message file 4095, and 1023 of one
+// message; what lies beyond is not resumed, or without its payload [MQTT-3.1.2-5, MQTT-4.5.0-1]. Loading has bounded
+// buffers.
 //   test: limits.of_a_subscription_file_2047_bytes_are_read, limits.of_a_message_file_4095_bytes_are_read,
 //   limits.of_a_message_1023_characters_are_looked_at
 //

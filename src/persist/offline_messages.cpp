@@ -25,7 +25,8 @@ uint16_t draw_msgid() noexcept
 
 // The place of a new message; the oldest one goes when all are taken.
 // QUIRK(offline-bounds): an absent client is kept its last hundred messages, the first 1024 bytes of each, and none
-// without a payload, although all belong to its session [MQTT-4.5.0-1]: they are one small file, written anew each time.
+// without a payload, although all belong to its session [MQTT-4.5.0-1]: they are one small file, written anew each
+// time.
 //   test: limits.the_100th_message_drops_none_and_the_101st_the_oldest, limits.payloads_are_stored_up_to_1024_bytes
 persist_msg_t &place_for_one(persist_session_t &record)
 {
@@ -36,8 +37,8 @@ persist_msg_t &place_for_one(persist_session_t &record)
     return record.msgs[PERSIST_MSGS_MAX - 1];
 }
 
-// QUIRK(offline-unexpiring): a kept message has no expiry interval: it is delivered however long its client was away, and
-// without one [MQTT-3.3.2-5, MQTT-3.3.2-6]. The file has no room for it.
+// QUIRK(offline-unexpiring): a kept message has no expiry interval: it is delivered however long its client was away,
+// and without one [MQTT-3.3.2-5, MQTT-3.3.2-6]. The file has no room for it.
 //   test: golden.message_file
 void fill(persist_msg_t &message, const char *topic, const uint8_t *payload, uint32_t payload_len, uint8_t qos)
 {

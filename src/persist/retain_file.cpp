@@ -33,8 +33,8 @@ bool take_snapshot(Snapshot &snapshot) REQUIRES(g_sub_mgr.lock)
     return true;
 }
 
-// Under a name of its own and renamed, so that a kill leaves the old file or the new one. A full disk keeps the old one,
-// and nobody is told. False when the file cannot be opened or its place cannot be taken.
+// Under a name of its own and renamed, so that a kill leaves the old file or the new one. A full disk keeps the old
+// one, and nobody is told. False when the file cannot be opened or its place cannot be taken.
 bool write_snapshot(const Snapshot &snapshot) REQUIRES(g_persist_mutex)
 {
     char path[PERSIST_PATH_SIZE + 16];

@@ -50,8 +50,8 @@ public:
     void report_again() const noexcept;
 
     // Appends a message, in place of the oldest when there are too many, and writes the message file. Longer payloads
-    // are cut. False, and nothing is written, when the session is not known. Where messages lie unread, their file stays
-    // and the log says that it cannot be written.
+    // are cut. False, and nothing is written, when the session is not known. Where messages lie unread, their file
+    // stays and the log says that it cannot be written.
     bool add_message(const char *topic, const uint8_t *payload, uint32_t payload_len, uint8_t qos) noexcept;
     void write_messages() noexcept;
 

@@ -83,6 +83,7 @@ void replace_file(const char *target, const char *tmp, const char *text)
 void client_path(Path &path, const char *directory, const char *client_id) noexcept
 {
     const int length =
+        // cppcheck-suppress ctuuninitvar ; it is written here
         snprintf(path.text, sizeof path.text, "%s/%s/%s.json", g_persist_root_path, directory, client_id);
     path.usable = !strchr(client_id, '/') && static_cast<size_t>(length) + kTmpChars < PERSIST_PATH_SIZE;
 }

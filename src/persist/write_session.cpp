@@ -12,8 +12,9 @@ const char *truth(uint8_t flag)
     return flag & 1 ? "true" : "false";
 }
 
-// QUIRK(session-file-cut): the session file ends after 227 characters, usually inside the will; what lies behind is lost
-// with a restart, although a session's will belongs to its state [MQTT-3.1.2-8]. The reader takes the keys it finds.
+// QUIRK(session-file-cut): the session file ends after 227 characters, usually inside the will; what lies behind is
+// lost with a restart, although a session's will belongs to its state [MQTT-3.1.2-8]. The reader takes the keys it
+// finds.
 //   test: session_file.is_cut_at_227_characters
 void write_session_file(const persist_session_t &record)
 {

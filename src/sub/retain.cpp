@@ -63,8 +63,8 @@ void fill(retain_msg_t &entry, const Message &message) noexcept
     entry.store_time  = wall_s();
 }
 
-// QUIRK(retained-expiry-kept): replacing a message keeps the expiry interval of the one before unless the new one brings
-// its own [MQTT-3.3.1-5]: an update without an interval is meant to refresh what it updates.
+// QUIRK(retained-expiry-kept): replacing a message keeps the expiry interval of the one before unless the new one
+// brings its own [MQTT-3.3.1-5]: an update without an interval is meant to refresh what it updates.
 //   test: retain_set.replacing_keeps_place_and_expiry
 Stored store(sub_mgr_t &manager, const Message &message) noexcept REQUIRES(manager.lock)
 {

@@ -2,8 +2,8 @@
 //
 // The table is the truth and hosts may edit it by hand; the index is a hint beside it, in static memory and under the
 // same lock. Every entry has a stamp of its two texts. Stamps are compared before the index is believed: all of them
-// in a small table and for whoever asks to be sure, otherwise all of them every kIndexCheckPeriodMs. Where one is wrong,
-// the index is built anew. What it finds is still compared with the entry itself.
+// in a small table and for whoever asks to be sure, otherwise all of them every kIndexCheckPeriodMs. Where one is
+// wrong, the index is built anew. What it finds is still compared with the entry itself.
 #ifndef TARN_SUB_SUBSCRIPTION_INDEX_H
 #define TARN_SUB_SUBSCRIPTION_INDEX_H
 

@@ -258,8 +258,8 @@ int match_routes(const char *topic, RouteList &list) noexcept
 
 } // namespace tarn::sub
 
-// QUIRK(subscription-update): subscribing again keeps the subscription identifier of before when none is given, although
-// the new subscription should replace the old one whole [MQTT-3.8.4-3].
+// QUIRK(subscription-update): subscribing again keeps the subscription identifier of before when none is given,
+// although the new subscription should replace the old one whole [MQTT-3.8.4-3].
 //   test: adding_with_id.identifier_survives_an_update_without_one
 extern "C" int sub_add(const char *client_id, const char *topic_filter, uint32_t qos, uint8_t clean_session)
 {
