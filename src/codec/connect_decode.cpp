@@ -79,8 +79,8 @@ int read_flags(Reader &in, mqtt_connect_para_t &para)
         return REFUSE(CODEC_E_MALFORMED, "CONNECT decode: no enough data for connect flags (pos=%d)", in.pos());
 
     // QUIRK(connect-flags): the reserved bit may be set [MQTT-3.1.2-3], will QoS and will retain may be set without a
-    // will [MQTT-3.1.2-11] [MQTT-3.1.2-13], and 3.1.1 may give a password without a user name [MQTT-3.1.2-22]. Nothing
-    // depends on these bits, so a client that sets them still connects.
+    // will [MQTT-3.1.2-11] [MQTT-3.1.2-13], and 3.1.1 may give a password without a user name [MQTT-3.1.2-22 of 3.1.1].
+    // Nothing depends on these bits, so a client that sets them still connects.
     //   test: connect_decode.loose_flags_are_accepted
     para.clean_start   = is_set(flags, FLAG_CLEAN_START);
     para.will_flag     = is_set(flags, FLAG_WILL);

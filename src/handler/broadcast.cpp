@@ -33,7 +33,7 @@ struct BroadcastPath : BasicPath {
     }
 
     // QUIRK(will-once): a will goes to subscribers that are online only and is never repeated to them [MQTT-4.4.0-1];
-    // it is not retained, whatever its flag says [MQTT-3.1.2-17], and the flag reaches the subscribers
+    // it is not retained, whatever its flag says [MQTT-3.1.2-15], and the flag reaches the subscribers
     // [MQTT-3.3.1-12].
     //   test: broadcast.a_will_is_not_tracked
     bool tracks() const { return !is_will; }

@@ -90,7 +90,7 @@ bool load_session_of(mqtt_client_t &client)
 }
 
 // QUIRK(restored-will-unretained): a will restored from the session file is not retained, whatever its client asked
-// [MQTT-3.1.2-17]: the file keeps no such flag.
+// [MQTT-3.1.2-15]: the file keeps no such flag.
 //   test: connect.a_restored_will_is_never_retained
 void restore_will(mqtt_client_t &client)
 {
