@@ -159,10 +159,10 @@ TEST_F(limits, of_many_messages_the_oldest_come_back)
         payload.resize(20, 'x');
         ASSERT_EQ(persist_add_offline_msg("dev1", topic.c_str(), bytes(payload.c_str()), 20, 1), 0);
     }
-    load(); // each takes 108 to 112 characters, by the digits of its identifier
+    load(); // each takes 108 to 112 characters, by the digits of its identifier: a 37th may or may not fit
     EXPECT_GE(record->msg_count, 36);
     EXPECT_LE(record->msg_count, 37);
-    for (int i = 0; i < record->msg_count; ++i)
+    for (int i = 0; i < 36; ++i)
         EXPECT_EQ(memcmp(record->msgs[i].payload, std::to_string(1000 + i).c_str(), 4), 0) << i;
 }
 
