@@ -7,7 +7,8 @@ Each stands as a comment at the code that departs:
     //   test: suite.name
 
 The list is docs/deviations.md; --check compares it instead of writing it. Either way a departure without a statement
-of the standard, without a test, with a test that does not exist, or with the name of another one is a fault.
+of the standard or with one that cannot exist, without a test or with one that does not exist, or with the name of
+another one is a fault.
 """
 import re
 import sys
@@ -18,7 +19,8 @@ START = re.compile(r"^\s*(?://|/?\*)\s*QUIRK\(([a-z0-9-]+)\):\s*(.*)$")
 MORE = re.compile(r"^\s*(?://|\*(?!/))\s?(.*)$")
 TEST = re.compile(r"^\s*test:\s*(.*)$")
 # [MQTT-3.1.2-24], [MQTT 3.1.1 3.2.2.3], or the bare number of a chapter of version 5.0.
-STATEMENT = re.compile(r"\[(MQTT[- ][^\]]+)\]|\b((?:MQTT \d[.\d]* )?(?!3\.1\.1\b(?!\.))\d+\.\d+(?:\.\d+)+)")
+STATEMENT = re.compile(r"\[(MQTT[- ][^\]]+)\]|\b((?:MQTT \d[.\d]* )?(?!3\.1\.1\b(?!\.\d))\d+\.\d+(?:\.\d+)+)")
+WELL_FORMED = re.compile(r"MQTT-\d+\.\d+\.\d+-\d+(?: of (?:3\.1\.1|5\.0))?|(?:MQTT (?:3\.1\.1|5\.0) )?\d+(?:\.\d+)+")
 GTEST = re.compile(r"\bTEST(?:_F|_P)?\(\s*(\w+)\s*,\s*(\w+)\s*\)")
 
 HEAD = """# Deviations
@@ -35,7 +37,8 @@ class Quirk:
         self.text, self.tests = text, []
 
     def statements(self):
-        return list(dict.fromkeys(named or number for named, number in STATEMENT.findall(self.text)))
+        found = [named or number for named, number in STATEMENT.findall(self.text)]
+        return list(dict.fromkeys(one for several in found for one in several.split(", ")))
 
 
 def quirks_of(path, name_in_list):
@@ -85,6 +88,12 @@ def faults_of(quirks, tests):
         seen[quirk.name] = f"{quirk.file}:{quirk.line}"
         if not quirk.statements():
             yield f"{at} names no statement of the standard, as in [MQTT-3.1.2-24]"
+        for statement in quirk.statements():
+            if not WELL_FORMED.fullmatch(statement):
+                yield (
+                    f"{at} names {statement}, which is neither a statement as in [MQTT-3.1.2-24 of 3.1.1] "
+                    "nor a chapter as in [MQTT 5.0 3.1.2.4]"
+                )
         if not quirk.tests:
             yield f"{at} names no test"
         for test in quirk.tests:

@@ -6,7 +6,7 @@ using namespace tarn;
 using namespace tarn::client;
 
 // QUIRK(keepalive-zero): a keep-alive of 0 becomes 60 s and the client is closed after 90 s of silence, where MQTT
-// turns the mechanism off [MQTT-3.1.2.10]. Dead connections must not hold their record for ever.
+// turns the mechanism off [MQTT 5.0 3.1.2.10]. Dead connections must not hold their record for ever.
 //   test: keepalive.zero_becomes_sixty_seconds
 void client_set_keepalive(mqtt_client_t *client, uint16_t seconds)
 {

@@ -79,8 +79,8 @@ int read_flags(Reader &in, mqtt_connect_para_t &para)
         return REFUSE(CODEC_E_MALFORMED, "CONNECT decode: no enough data for connect flags (pos=%d)", in.pos());
 
     // QUIRK(connect-flags): the reserved bit may be set [MQTT-3.1.2-3], will QoS and will retain may be set without a
-    // will [MQTT-3.1.2-11] [MQTT-3.1.2-13], and 3.1.1 may give a password without a user name [MQTT-3.1.2-22]. Nothing
-    // depends on these bits, so a client that sets them still connects.
+    // will [MQTT-3.1.2-11] [MQTT-3.1.2-13], and 3.1.1 may give a password without a user name [MQTT-3.1.2-22 of 3.1.1].
+    // Nothing depends on these bits, so a client that sets them still connects.
     //   test: connect_decode.loose_flags_are_accepted
     para.clean_start   = is_set(flags, FLAG_CLEAN_START);
     para.will_flag     = is_set(flags, FLAG_WILL);
@@ -200,9 +200,12 @@ int read_client_id(Reader &in, uint8_t level, mqtt_connect_para_t &para)
         return REFUSE(CODEC_E_MALFORMED, "CONNECT decode: MQTT 3.1.1 ClientID too long (len=%d, max=23)", length);
 
     // QUIRK(connect-long-id): a 5.0 id above 64 characters is cut instead of being refused with reason 0x85
-    // [MQTT-3.1.3-8], and its rest is read as the fields that follow, which normally fails there: the consumed count
-    // and the record then agree on where the id ended.
-    //   test: connect_decode.the_rest_of_a_long_id_is_read_as_what_follows
+    // [MQTT-3.1.3-8], and of the 64 the record keeps 63. A client without will and user name connects, and is the same
+    // as any other whose first 63 characters are those, which then no longer hears anything. Of one with a will or a
+    // user name the rest of the id is read as such, which normally fails and is not answered: the consumed count and
+    // the record then agree on where the id ended.
+    //   test: connect_decode.the_rest_of_a_long_id_is_read_as_what_follows, connect.v5_ids_are_cut_at_64_characters,
+    //   connect.two_long_v5_ids_that_begin_alike_are_one_client
     int kept = length;
     if (kept > CODEC_CLIENT_ID_MAX) {
         LOG_WARN("CONNECT decode: ClientID exceed buffer (len=%d, max=%d), truncate", length, CODEC_CLIENT_ID_MAX);
@@ -246,7 +249,8 @@ struct FieldRule {
 constexpr FieldRule kWillTopic   = {"Will Topic", 1, CODEC_TOPIC_MAX};
 constexpr FieldRule kWillPayload = {"Will Payload", 0, CODEC_PAYLOAD_MAX};
 // QUIRK(connect-credentials): an empty user name or password is refused, which the standard allows [MQTT 5.0 3.1.3.5]
-// [MQTT 5.0 3.1.3.6], and so is one above 64 bytes: the record has no room, and a flag without a text means nothing.
+// [MQTT 5.0 3.1.3.6], and so is one above 64 bytes, without an answer: the record has no room, and a flag without a text
+// means nothing.
 //   test: connect_decode.credentials_have_1_to_64_bytes
 constexpr FieldRule kUsername = {"Username", 1, sizeof(mqtt_connect_para_t::username) - 1};
 constexpr FieldRule kPassword = {"Password", 1, sizeof(mqtt_connect_para_t::password) - 1};

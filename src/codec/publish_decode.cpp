@@ -124,10 +124,18 @@ int read_id(Reader &in, int packet_end, mqtt_publish_para_t &para)
 }
 
 // QUIRK(publish-level-detection): the level is read off the packet instead of taken from the connection
-// [MQTT 5.0 3.1.2.2]. A 3.1.1 payload whose first bytes read as a property length that fits loses them, and the
-// context moves to 5.0. Clients that change their mind about the level are served as they speak; those payloads are
-// the known price.
-//   test: publish_decode.a_payload_that_looks_like_properties_makes_it_5
+// [MQTT 5.0 3.1.2.2]. A 3.1.1 payload whose first byte, below 80, is less than its length is read as 5.0: JSON from 124
+// bytes on when it begins with '{', from 92 with '[', a text from one byte more than the code of its first character,
+// other data from one byte on when that is 00. A first byte from 80 on makes a longer length with the second. Lost are
+// the bytes of the length and those it counts, and what the last of these, read as properties, make it step over: up to
+// the whole payload [MQTT 3.1.1 3.3.3]. Emptied like that, a retained message deletes the one before. The context
+// moves to 5.0 until the next packet that tells a level: the client is answered in 5.0, which some stock ones take for
+// a broken stream, come back and repeat the message for ever; its DISCONNECT is refused and its will published.
+// Clients that change their mind about the level are served as they speak; those payloads are the known price. Three
+// bytes from 80 on in front, as in the mark EF BB BF of UTF-8, are never a length and keep a payload whole.
+//   test: publish_decode.a_payload_that_looks_like_properties_makes_it_5,
+//   publish_decode.a_payload_longer_than_its_first_byte_says_is_read_as_5,
+//   publish_decode.three_bytes_from_80_on_keep_a_payload_whole, publish.a_long_json_payload_of_a_v4_client_is_lost
 //
 // True, and `in` behind the length field, when a property block stands here. Sets its end.
 bool property_block(Reader &in, int packet_end, int &block_end)
@@ -182,8 +190,9 @@ void read_properties(Reader &in, int block_end, mqtt_publish_para_t &para)
 // payload: the rest of the packet.
 //
 // QUIRK(publish-truncate): of a payload above 2048 bytes the first 2048 are kept and the rest is not consumed,
-// instead of answering with 0x95 Packet too large [MQTT 5.0 3.3.4]: a long message is rather shortened than lost.
-//   test: publish_decode.a_long_payload_is_cut_at_its_limit
+// instead of answering with 0x95 Packet too large [MQTT 5.0 3.2.2.3.6]. The record has room for no more, and what is
+// left reaches nobody, see delivery-size and files-read-in-part; the publisher is acknowledged all the same.
+//   test: publish_decode.a_long_payload_is_cut_at_its_limit, publish.a_payload_is_cut_to_2048_bytes
 int read_payload(Reader &in, int packet_end, mqtt_publish_para_t &para)
 {
     int length = packet_end - in.pos();

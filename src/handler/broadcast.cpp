@@ -19,9 +19,12 @@ struct ReadPublish {
 
 // QUIRK(will-guessed-payload): where the payload begins is derived from the receiver's protocol version, while the
 // packet was encoded for its owner's: a 5.0 receiver of a 3.1.1 owner's will loses the bytes that look like a property
-// block, a 3.1.1 receiver of a 5.0 owner's will gets the property bytes as payload [MQTT-3.3.3-1]. Likewise a remaining
-// length of two bytes is taken for the beginning of the topic.
-//   test: broadcast.the_receivers_version_decides_where_the_payload_begins, broadcast.a_two_byte_remaining_length_is_misread
+// block, which are all of most texts, so that it gets nothing; a 3.1.1 receiver of a 5.0 owner's will gets the property
+// bytes as payload [MQTT 5.0 3.3.3]. Likewise a remaining length of two bytes is taken for the beginning of the topic: a
+// will of more than 125 bytes of topic and payload reaches nobody (123 at QoS 1 and 2, one less of a 5.0 owner, five
+// fewer with an expiry interval).
+//   test: broadcast.the_receivers_version_decides_where_the_payload_begins, broadcast.a_two_byte_remaining_length_is_misread,
+//   will.sizes_that_reach_a_subscriber
 struct BroadcastPath : BasicPath {
     const Packet   packet;
     const uint32_t payload_at;
@@ -33,7 +36,7 @@ struct BroadcastPath : BasicPath {
     }
 
     // QUIRK(will-once): a will goes to subscribers that are online only and is never repeated to them [MQTT-4.4.0-1];
-    // it is not retained, whatever its flag says [MQTT-3.1.2-17], and the flag reaches the subscribers
+    // it is not retained, whatever its flag says [MQTT-3.1.2-15], and the flag reaches the subscribers
     // [MQTT-3.3.1-12].
     //   test: broadcast.a_will_is_not_tracked
     bool tracks() const { return !is_will; }

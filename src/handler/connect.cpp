@@ -53,8 +53,9 @@ void negotiate_session_expiry(mqtt_client_t &client, const mqtt_connect_para_t &
 }
 
 // QUIRK(packet-size-floor): a 5.0 client without Maximum Packet Size, which means no limit (MQTT 5.0 3.1.2.11.4), or
-// with one below 256 gets 256.
-//   test: connect.an_absent_maximum_packet_size_becomes_256
+// with one below 256 gets 256, both ways: a larger delivery does not reach it, a larger packet of its own ends the
+// connection (own-limit-inbound).
+//   test: connect.an_absent_maximum_packet_size_becomes_256, publish.level_5_without_a_maximum_has_256_bytes_both_ways
 void negotiate_packet_size(mqtt_client_t &client, const mqtt_connect_para_t &connect)
 {
     const uint32_t asked = connect.max_packet_size;
@@ -90,7 +91,7 @@ bool load_session_of(mqtt_client_t &client)
 }
 
 // QUIRK(restored-will-unretained): a will restored from the session file is not retained, whatever its client asked
-// [MQTT-3.1.2-17]: the file keeps no such flag.
+// [MQTT-3.1.2-15]: the file keeps no such flag.
 //   test: connect.a_restored_will_is_never_retained
 void restore_will(mqtt_client_t &client)
 {
@@ -237,6 +238,12 @@ void cancel_delayed_wills(mqtt_client_t &client)
 // ---- the answer
 
 // False without memory: then nothing more is done for this CONNECT, and the connection stays.
+//
+// QUIRK(receive-maximum-zero): a 5.0 client is told a Receive Maximum of 0, which is a protocol error
+// [MQTT 5.0 3.2.2.3.3]: nothing in flight is counted here, so there is no number to tell. The mosquitto clients 2.0 and
+// Paho for Python give up, Paho for C connects and waits for ever before its first publication, MQTT.js does not mind.
+//   test: connect.v5_without_properties_gets_256_bytes, mosquitto_level_5.gives_up_at_the_connack,
+//   npm.mqtt_at_level_5
 [[nodiscard]] bool accept(mqtt_client_t &client)
 {
     mqtt_connack_para_t connack{};
@@ -273,6 +280,13 @@ void resume_session(mqtt_client_t &client)
 
 } // namespace
 
+// QUIRK(connect-unanswered): a CONNECT that does not decode gets no CONNACK and its connection stays, until it has been
+// silent for too long. So a 3.1.1 client whose id has more than 23 characters waits for an answer instead of reading
+// "identifier rejected" [MQTT 3.1.1 3.2.2.3], one that speaks level 3 instead of "unacceptable protocol version"
+// [MQTT-3.1.2-2 of 3.1.1], one with a user name or password of none or more than 64 bytes instead of a refusal. Like
+// any packet that does not decode: the level, and with it the form of an answer, may be what is wrong.
+//   test: connect.v4_ids_have_at_most_23_characters, connect.undecodable_packets_get_no_answer,
+//   connect.user_names_and_passwords_have_1_to_64_bytes
 int handle_connect(mqtt_client_t &client, Packet packet) noexcept
 {
     const uint32_t      state = peek(client.state);

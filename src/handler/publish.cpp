@@ -52,7 +52,7 @@ void limit_life(mqtt_client_t &client, const mqtt_publish_para_t &message)
 
 // The message as its receivers get it: neither retained nor repeated, all else as decoded.
 // QUIRK(alias-forwarded): a 5.0 publisher's Topic Alias appears in the deliveries, where it means nothing that the
-// receiver agreed to [MQTT-3.3.2-9]; the topic itself is always there too.
+// receiver agreed to [MQTT-3.3.2-11]; the topic itself is always there too.
 //   test: publish.a_topic_alias_is_forwarded
 //
 // QUIRK(properties-not-forwarded): Payload Format Indicator, Response Topic, Correlation Data, User Properties and

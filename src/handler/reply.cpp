@@ -59,7 +59,7 @@ void let_leave(mqtt_client_t &client) noexcept
 
 // Sent to 3.1.1 clients too, then without a reason.
 // QUIRK(disconnect-to-v4): a 3.1.1 client receives E0 00 before the broker closes its connection, although DISCONNECT
-// travels from client to server only in that version [MQTT-3.14 of 3.1.1]. Clients ignore it and see the close.
+// travels from client to server only in that version [MQTT 3.1.1 3.14]. Clients ignore it and see the close.
 //   test: send_disconnect.a_v4_client_gets_two_bytes
 void packet_handler_send_disconnect(mqtt_client_t *client, uint8_t reason_code)
 {

@@ -89,7 +89,7 @@ bool group_of(std::string_view filter, std::string_view &group)
 } // namespace
 
 // QUIRK(group-prefix): members of group "ab" are members of group "a" too, so one of them can be given a message for
-// either and then nobody of group "a" itself gets it; MQTT keeps groups apart [MQTT-4.8.2-4].
+// either and then nobody of group "a" itself gets it; MQTT keeps groups apart [MQTT 5.0 4.8.2].
 //   test: shared_sub.a_group_takes_in_the_groups_its_name_begins
 bool choose_members(ShareChoice &choice) noexcept
 {

@@ -130,10 +130,13 @@ void take_session(persist_session_t &record, const char *text)
 // ---- subscription file
 
 // QUIRK(files-read-in-part): of a subscription file 2047 bytes are read, of a message file 4095, and 1023 of one
-// message; what lies beyond is not resumed, or without its payload [MQTT-3.1.2-5, MQTT-4.5.0-1]. Loading has bounded
-// buffers.
+// message; what lies beyond is not resumed, or without its payload [MQTT-3.1.2-5, MQTT-4.5.0-1]. A payload takes two
+// characters a byte there. So an absent client gets no payload above some 480 bytes, and of many messages the oldest
+// that fit (of payloads of 20 bytes on a topic of 24, 36), because the file is read before each newer one is added.
+// Loading has bounded buffers.
 //   test: limits.of_a_subscription_file_2047_bytes_are_read, limits.of_a_message_file_4095_bytes_are_read,
-//   limits.of_a_message_1023_characters_are_looked_at
+//   limits.of_a_message_1023_characters_are_looked_at, limits.of_many_messages_the_oldest_come_back,
+//   limits.a_payload_above_some_480_bytes_does_not_come_back
 //
 // {"subs":[{"topic":"...","qos":N},...]}. False when there is no list.
 bool take_subscriptions(persist_session_t &record, const char *text)

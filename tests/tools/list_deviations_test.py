@@ -84,7 +84,21 @@ class ListDeviations(unittest.TestCase):
 
     def test_the_number_of_a_version_is_none(self):
         for version in ("3.1.1", "5.0"):
-            self.assertEqual(len(self.faults(project(CODE.replace("[MQTT-3.1.3-8]", version)))), 1)
+            for behind in ("", ".", ", as before"):
+                code = CODE.replace("[MQTT-3.1.3-8],\n    // since older hosts send them.", version + behind)
+                self.assertEqual(len(self.faults(project(code))), 1, version + behind)
+
+    def test_a_statement_that_cannot_exist(self):
+        for wrong in ("MQTT-3.1.2.10", "MQTT-3.14 of 3.1.1", "MQTT-3.1.2-24 of 4.0", "MQTT 3.1.2-24", "MQTT 5.0"):
+            self.assertEqual(
+                self.faults(project(CODE.replace("MQTT-3.1.3-8", "MQTT-3.1.3-8, " + wrong))),
+                [
+                    f"src/codec/text.cpp:4: QUIRK(long-id) names {wrong}, which is neither a statement as in "
+                    "[MQTT-3.1.2-24 of 3.1.1] nor a chapter as in [MQTT 5.0 3.1.2.4]"
+                ],
+            )
+        for right in ("MQTT-3.1.2-24 of 3.1.1", "MQTT-3.1.2-23 of 5.0", "MQTT 3.1.1 3.14", "MQTT 5.0 3.8.2.1.2"):
+            self.assertEqual(self.faults(project(CODE.replace("MQTT-3.1.3-8", "MQTT-3.1.3-8, " + right))), [])
 
 
 if __name__ == "__main__":

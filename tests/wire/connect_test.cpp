@@ -56,6 +56,25 @@ TEST(connect, v5_ids_are_cut_at_64_characters)
     client.expect_ignored();
 }
 
+TEST(connect, two_long_v5_ids_that_begin_alike_are_one_client)
+{
+    BrokerProcess     broker = BrokerProcess::start();
+    const std::string alike(63, 'i');
+    Peer              first = Peer::tcp(), second = Peer::tcp(), sender = Peer::tcp();
+    first.connect_v5(alike + "-first").subscribe("t");
+    second.connect_v5(alike + "-other").subscribe("t");
+    sender.connect_v4("p").publish("t", "hello");
+    second.expect_publish("t", "hello");
+    first.expect_nothing();
+    first.ping();
+
+    Peer whole = Peer::tcp(); // of 64 characters, which are not too many, the last does not count either
+    whole.connect_v5(alike + "2").subscribe("t");
+    sender.publish("t", "hello");
+    whole.expect_publish("t", "hello");
+    second.expect_nothing();
+}
+
 TEST(connect, v5_without_properties_gets_256_bytes)
 {
     BrokerProcess broker = BrokerProcess::start();

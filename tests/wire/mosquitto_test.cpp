@@ -155,6 +155,27 @@ TEST_P(mosquitto, several_retained_messages_in_order_at_their_own_qos)
 
 namespace {
 
+struct mosquitto_level_5 : testing::Test {
+    void          SetUp() override { skip_without_programs(); }
+    BrokerProcess broker = BrokerProcess::start();
+};
+
+} // namespace
+
+// The Receive Maximum of 0 in the CONNACK is no valid one.
+TEST_F(mosquitto_level_5, gives_up_at_the_connack)
+{
+    for (const char *size : {"256", "4096"}) {
+        Child pub("pub", {"mosquitto_pub", "-h", "127.0.0.1", "-V", "5", "-i", "pub", "-D", "connect",
+                          "maximum-packet-size", size, "-t", "t", "-m", "hello"});
+        EXPECT_NE(pub.wait(kLimit_ms), 0) << pub.output();
+        EXPECT_TRUE(wait_until([&] { return pub.errors().find("rotocol error") != std::string::npos; }))
+            << pub.errors();
+    }
+}
+
+namespace {
+
 struct mosquitto_will : testing::Test {
     void          SetUp() override { skip_without_programs(); }
     BrokerProcess broker = BrokerProcess::start({.max_clients = 100}); // one scan sees them all

@@ -170,6 +170,34 @@ TEST(will, keeps_the_property_length_of_its_level)
     v5.expect("30 06 | 00 01 'w' | 00 | 'yz'");
 }
 
+// Where its remaining length takes two bytes, the second is read as the beginning of the topic.
+TEST(will, sizes_that_reach_a_subscriber)
+{
+    const struct {
+        unsigned level, qos;
+        Bytes    properties;
+        size_t   payload; // with a topic of one character
+    } cases[] = {
+        {4, 0, {}, 124}, {4, 1, {}, 122}, {5, 0, {}, 123}, {5, 1, {}, 121}, {5, 1, wire("02 00 00 00 3C"), 116},
+    };
+    for (const auto &one : cases) {
+        SCOPED_TRACE(testing::Message() << "level " << one.level << ", QoS " << one.qos << ", " << one.payload
+                                        << " bytes");
+        Watch      test;
+        const auto leaves = [&](size_t payload) {
+            Peer          mortal  = Peer::tcp();
+            const Connect options = {.will = Will{"w", std::string(payload, 'x'), one.qos, false, one.properties}};
+            one.level == 5 ? mortal.connect_v5("a", options) : mortal.connect_v4("a", options);
+            mortal.hang_up();
+        };
+        leaves(one.payload);
+        const Bytes arrived = test.v4.read_packet();
+        EXPECT_EQ(Bytes(arrived.end() - one.payload, arrived.end()), repeat('x', one.payload));
+        leaves(one.payload + 1);
+        test.v4.expect_nothing();
+    }
+}
+
 TEST(will, waits_for_its_delay_and_is_cancelled_by_a_return)
 {
     Watch         test;

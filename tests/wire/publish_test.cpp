@@ -175,6 +175,35 @@ TEST(publish, the_level_is_told_from_the_bytes)
     test.sender.expect("40 02 | 00 0A");
 }
 
+// 124 bytes that begin with 7B, which counts the 123 behind it.
+TEST(publish, a_long_json_payload_of_a_v4_client_is_lost)
+{
+    BrokerProcess broker = BrokerProcess::start();
+    Peer          watch = Peer::tcp(), sender = Peer::tcp(), late = Peer::tcp();
+    watch.connect_v4("watch").subscribe("#");
+    sender.connect_v4("p", {.will = Will{"w", "gone"}});
+    sender.publish("t", "old", {.retain = true});
+    watch.expect_publish("t", "old");
+
+    std::string json = R"({"temperature":21.5,"place":")";
+    json             = json + std::string(122 - json.size(), 'x') + "\"}";
+    ASSERT_EQ(json.size(), 124u);
+    sender.send(publish_packet(4, "t", json, {.qos = 1, .retain = true, .id = 7}));
+    sender.expect("40 03 | 00 07 | 00"); // as to a client of level 5
+    watch.expect("30 03 | 00 01 't'");
+    late.connect_v4("late").subscribe("t");
+    late.ping(); // the message that was kept is gone
+
+    sender.send("E0 00"); // is no DISCONNECT of level 5
+    sender.expect_ignored();
+    sender.hang_up();
+    watch.expect("30 08 | 00 01 'w' | 00 'gone'");
+
+    sender = Peer::tcp(); // one byte less is nothing but a payload
+    sender.connect_v4("p").publish("t", json.substr(0, 123), {.qos = 1});
+    watch.expect_publish("t", json.substr(0, 123));
+}
+
 TEST(publish, a_subscribers_own_publish_moves_it_to_the_other_level)
 {
     Trio test;
@@ -271,6 +300,26 @@ TEST(publish, a_payload_is_cut_to_2048_bytes)
     Peer sender = Peer::tcp();
     sender.connect_v4("p").publish("t", long_payload, {.qos = 1}); // decoded and acknowledged; 2048 bytes are too many
     client.expect_nothing();                                       // for one delivery, though
+}
+
+TEST(publish, level_5_without_a_maximum_has_256_bytes_both_ways)
+{
+    BrokerProcess     broker = BrokerProcess::start();
+    Peer              client = Peer::tcp(), other = Peer::tcp();
+    const std::string most(249, '\xFF'); // 30, two length bytes, 3 of topic, the property length: 256
+    client.connect_v5("c", {.max_packet_size = 0}).subscribe("t");
+    other.connect_v5("o").subscribe("u");
+    other.publish("t", most);
+    client.expect_publish("t", most);
+    other.publish("t", most + "x");
+    other.ping();
+    client.expect_nothing();
+    client.publish("u", most);
+    other.expect_publish("u", most);
+    client.publish("u", most + "x");
+    client.expect("E0 02 | 95 00");
+    client.expect_closed();
+    other.expect_nothing();
 }
 
 TEST(publish, a_receiver_gets_nothing_above_its_maximum)

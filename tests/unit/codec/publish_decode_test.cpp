@@ -320,6 +320,44 @@ TEST(publish_decode, a_payload_that_looks_like_properties_makes_it_5)
     EXPECT_EQ(payload_of(d), "");
 }
 
+TEST(publish_decode, a_payload_longer_than_its_first_byte_says_is_read_as_5)
+{
+    const struct {
+        char   first;
+        size_t longest; // that is still a payload
+    } cases[] = {{'{', 123}, {'[', 91}, {'<', 60}, {'"', 34},  {' ', 32}, {'0', 48},    {'9', 57},
+                 {'A', 65},  {'Z', 90}, {'a', 97}, {'z', 122}, {'\0', 0}, {'\x7F', 127}};
+    for (const auto &one : cases) {
+        SCOPED_TRACE(one.first);
+        std::string payload(one.longest, 'x');
+        if (!payload.empty()) {
+            payload[0] = one.first;
+            EXPECT_EQ(payload_of(decode(behind_topic(text(payload)))), payload);
+        }
+        payload    = std::string(one.longest + 1, 'x');
+        payload[0] = one.first;
+        Publish d  = decode(behind_topic(text(payload)));
+        EXPECT_EQ(d.code, 0);
+        EXPECT_EQ(d.ctx.version, 5u);
+        EXPECT_EQ(payload_of(d), "");
+    }
+    const Publish d = decode(behind_topic(text("z\xC3\xBC" + std::string(600, 'x')))); // two bytes of a length: 15427
+    EXPECT_EQ(d.code, 0);
+    EXPECT_EQ(payload_of(d), "") << "a step may take the whole payload, not only the bytes counted";
+}
+
+TEST(publish_decode, three_bytes_from_80_on_keep_a_payload_whole)
+{
+    for (const char *front : {"\xEF\xBB\xBF", "\x80\x80\x80", "\xFF\xFF\xFF"})
+        for (size_t more : {0, 1, 121, 125, 128, 600, 2045}) {
+            SCOPED_TRACE(more);
+            const std::string payload = front + std::string(more, '{');
+            const Publish     d       = decode(behind_topic(text(payload)));
+            EXPECT_EQ(d.ctx.version, 4u);
+            EXPECT_EQ(payload_of(d), payload);
+        }
+}
+
 TEST(publish_decode, a_length_that_does_not_fit_makes_it_4)
 {
     Publish d = decode_rest("03 'A' 'x'"); // one byte too long

@@ -57,6 +57,23 @@ TEST(acknowledge, a_pubrec_for_a_tracked_delivery_is_answered_twice)
     EXPECT_THAT(client.gets(), ElementsAre(wire("62 02 00 07")));
 }
 
+TEST(acknowledge, a_reason_code_that_refuses_is_not_looked_at)
+{
+    Handling broker;
+    Client   client(broker, 5, "dev1");
+    qos_reliable_add_packet(client, 7, 2, "t", "x", 1);
+    EXPECT_EQ(client.sends("50 03 00 07 97"), 0); // quota exceeded
+    EXPECT_THAT(client.gets(), ElementsAre(wire("62 03 00 07 00"), wire("62 03 00 07 00")));
+    EXPECT_EQ(pending_count(), 1) << "and waits for PUBCOMP";
+    EXPECT_EQ(client.sends("70 03 00 07 92"), 0); // packet identifier not found
+    EXPECT_EQ(pending_count(), 0);
+
+    qos_reliable_add_packet(client, 8, 1, "t", "x", 1);
+    EXPECT_EQ(client.sends("40 03 00 08 80"), 0);
+    EXPECT_EQ(pending_count(), 0);
+    EXPECT_THAT(client.gets(), IsEmpty());
+}
+
 TEST(acknowledge, pubrel_is_answered_with_pubcomp_whatever_is_pending)
 {
     Handling broker;

@@ -150,6 +150,35 @@ TEST_F(limits, of_a_message_1023_characters_are_looked_at)
     EXPECT_EQ(load().msg_count, 1) << "the payload's opening quote is byte 1023, then 1024";
 }
 
+TEST_F(limits, of_many_messages_the_oldest_come_back)
+{
+    const std::string topic = "home/kitchen/temperature";
+    LogCapture        quiet(4);
+    for (int i = 0; i < 100; ++i) {
+        std::string payload = std::to_string(1000 + i);
+        payload.resize(20, 'x');
+        ASSERT_EQ(persist_add_offline_msg("dev1", topic.c_str(), bytes(payload.c_str()), 20, 1), 0);
+    }
+    load(); // each takes 108 to 112 characters, by the digits of its identifier: a 37th may or may not fit
+    EXPECT_GE(record->msg_count, 36);
+    EXPECT_LE(record->msg_count, 37);
+    for (int i = 0; i < 36; ++i)
+        EXPECT_EQ(memcmp(record->msgs[i].payload, std::to_string(1000 + i).c_str(), 4), 0) << i;
+}
+
+TEST_F(limits, a_payload_above_some_480_bytes_does_not_come_back)
+{
+    const std::string payload(500, 'p');
+    const auto        kept = [&](int32_t length) {
+        std::filesystem::remove("data/message/dev1.json");
+        EXPECT_EQ(persist_add_offline_msg("dev1", "t", bytes(payload.c_str()), length, 1), 0);
+        EXPECT_EQ(load().msg_count, 1);
+        return record->msgs[0].payload_len;
+    };
+    EXPECT_EQ(kept(480), 480u);
+    EXPECT_EQ(kept(500), 0u);
+}
+
 TEST_F(limits, sixty_four_subscriptions_are_the_most)
 {
     for (const int count : {63, 64, 65}) {
