@@ -11,7 +11,7 @@ include(CMakePackageConfigHelpers)
 install(TARGETS tarn_sdk_mqtt_broker tarn-broker EXPORT tarn_sdk_mqtt_brokerTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES broker/tarn-broker.service DESTINATION lib/systemd/system)
-install(FILES docs/tarn-broker.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES docs/tarn-broker.md docs/log-lines.md docs/deviations.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES include/tarn_sdk_mqtt_broker.h include/tarn_sdk_mqtt_broker.hpp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 # The headers that are plain C. A header that is not listed here is the library's own.

@@ -343,8 +343,9 @@ int32_t tarn_sdk_mqtt_broker_get_retain_topic_list(broker_t *broker, char *buf, 
 
 /*
  * Closes one client of this instance. A 5.0 client is told so by DISCONNECT with reason 0x98, administrative action
- * [MQTT-3.14.2-1]. To the others it looks as if the connection had broken: the will is published [MQTT-3.1.2-8] and a
- * saved session stays. Takes some 10 ms, so that the DISCONNECT can leave.
+ * [MQTT-3.14.2-1]. To the others it looks as if the connection had broken: the will is published [MQTT-3.1.2-8], a
+ * saved session with an expiry interval stays, one of 3.1.1 ends. Subscriptions stay in any case, for whoever comes with
+ * the id. Takes some 10 ms, so that the DISCONNECT can leave.
  *
  *   client_id  up to 63 characters, not empty
  *   returns    TARN_OK

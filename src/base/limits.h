@@ -1,5 +1,6 @@
 /*
- * limits.h - every capacity, time limit and fixed size of the broker, and how they depend on each other.
+ * limits.h - the capacities, time limits and fixed sizes that others can meet, and how they depend on each other. What
+ * only one file has to know, such as the length of a pause, stands in that file.
  *
  * Names end in their unit; a bare _MAX or _CAPACITY counts elements.
  */

@@ -28,6 +28,11 @@ void client_set_keepalive(mqtt_client_t *client, uint16_t seconds)
               static_cast<unsigned long>(keepalive_ms * 3 / 2000));
 }
 
+// QUIRK(sent-counts-as-life): a packet that is queued for a client is a sign of life like one that it sent, so a client
+// that vanished without a word is not closed after its keep-alive [MQTT-3.1.2-22] while messages go on coming for it,
+// and its will waits. It is closed when the messages pause, when its queue and its socket are full, or when TCP gives
+// it up. A will that must come in time belongs to a client that subscribes to nothing, or to little.
+//   test: client_send.counts_as_activity
 void client_update_active(mqtt_client_t *client)
 {
     if (!client || peek(client->state) == CLIENT_CLOSED)

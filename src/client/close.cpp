@@ -11,6 +11,12 @@
 namespace tarn::client {
 namespace {
 
+// QUIRK(session-never-expires): the session of a 5.0 client that is away does not end with its expiry interval
+// [MQTT-4.1.0-2]: the deadline is written to its file, but nobody ends what is past it. Subscriptions, and messages at
+// QoS 1 and 2, the latest hundred, wait until the client comes back, over restarts too. To end such a session, connect
+// with its id, a clean start and no expiry interval and disconnect, or remove its files in broker_data while the broker
+// is stopped.
+//   test: connect.v5_session_does_not_expire_while_its_client_is_away
 void keep_session_until(mqtt_client_t &client, const client_id_text &id, uint32_t interval_s)
 {
     const uint64_t deadline_s = static_cast<uint64_t>(wall_s()) + interval_s;
@@ -28,8 +34,11 @@ void keep_session_until(mqtt_client_t &client, const client_id_text &id, uint32_
 
 // QUIRK(session-ends-with-connection): a 3.1.1 client that asked for its session to be kept loses it when its
 // connection drops [MQTT-3.1.2-4, MQTT-3.1.2-5 of 3.1.1], because only an expiry interval above 0 keeps one then. After
-// DISCONNECT it stays, without a deadline.
-//   test: Close.a_dropped_v4_session_is_deleted_at_once
+// DISCONNECT it stays, without a deadline. What is lost are the files: the client finds no session present, and its
+// subscriptions work on until the broker ends, but are gone after a restart. A client that may drop subscribes after
+// every CONNECT, or speaks 5.0 with an expiry interval.
+//   test: Close.a_dropped_v4_session_is_deleted_at_once,
+//   connect.v4_subscriptions_of_a_dropped_session_last_until_the_broker_ends
 
 // QUIRK(clean-start-without-expiry): a 5.0 client that starts clean gets no deadline and its session is not saved,
 // whatever expiry interval it gave [MQTT-3.1.2-23 of 5.0]. Clean stands for the whole session here, as in 3.1.1.
@@ -85,6 +94,11 @@ void go_offline(mqtt_client_t &client)
     close_connection_of(client);
 }
 
+// QUIRK(will-keeps-place): a client whose will was published at once keeps its place among max_clients until the broker
+// ends, as if the will were still to come [MQTT-3.1.2-10]. When so many clients have gone like that, no new one is
+// taken: "Client pool full, max=%d". With a Will Delay Interval of a second or more (5.0) the place is free after the
+// delay; else make max_clients large enough for the clients and all the wills between two restarts.
+//   test: Close.a_will_without_delay_parks_its_record_for_good, limits.a_published_will_keeps_the_place_of_its_client
 void park(mqtt_client_t &client, const client_id_text &id)
 {
     start_will(client, id);
@@ -93,6 +107,11 @@ void park(mqtt_client_t &client, const client_id_text &id)
     LOG_DEBUG("[遗嘱调试][延迟释放客户端] ClientID=%s，等待遗嘱发送完成后再释放", id.text);
 }
 
+// QUIRK(closed-keeps-subscriptions): a client that the broker closes, for its silence or because the host kicks it,
+// leaves its subscriptions in the table, those of a clean session too, which should end with the connection
+// [MQTT-3.1.2-6 of 3.1.1, MQTT-4.1.0-2]. They take up room there, and work again for whoever comes with the id and
+// without a clean session. Clients with clean sessions keep to them and to ids of their own.
+//   test: host.a_kicked_client_leaves_its_subscriptions, close_table.every_kind_of_client_every_way_and_every_will
 void free_now(mqtt_client_t &client, const client_id_text &id)
 {
     LOG_WARN("[FREE-NORMAL] 客户端正常关闭: %s", id.text);

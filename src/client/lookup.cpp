@@ -16,6 +16,18 @@ namespace {
 // Bytes count as signed, because the id is plain text.
 constexpr uint32_t kHashFactor = 31;
 
+// QUIRK(one-id-a-bucket): clients are found by a hash of their id in a table of 11000 buckets with one client each.
+// When two ids share a bucket, only the one that connected last is found, as long as both are there. The other stays
+// connected, is answered, and what it publishes is served, but it gets no message, nor can a host name it, although it
+// is a client of its own [MQTT-3.1.3-2, MQTT-4.5.0-1]. Of 1000 random ids, such as the mqttjs_1f3a90c2 of a stock
+// client, some 45 are hidden. Ids that are counted never share one: a fixed text with three digits behind it, as in
+// sensor-000 to sensor-999, or with three letters of which the first is a to k and the others a to z, which makes 7436.
+// It holds for all fixed texts but one in 400000, and within one of them; with two, or with numbers of different
+// length, look for it with the hash, which is 31 times what it was plus the next byte, modulo 2^32, then modulo 11000.
+//   test: find_by_cid.finds_of_two_ids_in_a_bucket_the_one_set_last,
+//   connect.of_two_ids_in_a_bucket_the_earlier_hears_nothing, client_hash.random_ids_share_buckets,
+//   client_hash.a_prefix_and_a_number_of_three_digits_have_a_bucket_of_their_own,
+//   client_hash.a_prefix_and_three_letters_of_which_the_first_is_a_to_k_have_a_bucket_of_their_own
 mqtt_client_t *&entry_of_hash(uint32_t hash)
 {
     return g_client_mgr.by_cid[hash % CLIENT_MAX];

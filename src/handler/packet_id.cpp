@@ -27,10 +27,14 @@ uint16_t draw_packet_id() noexcept
     return static_cast<uint16_t>(draw());
 }
 
-// QUIRK(delivery-identifier): identifiers are random and may repeat one that is still in flight, or be 0, in which case
-// the encoder refuses that one delivery; MQTT wants unused, non-zero ones [MQTT-2.2.1-3]. The byte mix of two draws is
-// part of the contract.
-//   test: packet_id.a_delivery_mixes_the_bytes_of_two_draws
+// QUIRK(delivery-identifier): identifiers are random and may repeat one that is still in flight, or be 0, about once in
+// 65800 deliveries at QoS 1 or 2; MQTT wants unused, non-zero ones [MQTT-2.2.1-3]. That one delivery is refused by the
+// encoder and lost, with the ERROR line "QoS1/2 requires non-zero Packet ID", although its publisher is acknowledged
+// [MQTT-4.3.2-4]; its other receivers get the message. What must not be lost carries a number that its receiver checks.
+// The byte mix of two draws is part of the contract.
+//   test: packet_id.a_delivery_mixes_the_bytes_of_two_draws,
+//   publish.a_delivery_with_identifier_0_is_lost_and_its_publisher_acknowledged,
+//   routes_rare.an_identifier_of_0, delivery.an_identifier_of_0_loses_one_delivery_and_nothing_else
 uint16_t draw_delivery_id() noexcept
 {
     ScopedLock     lock(msgid_mutex);

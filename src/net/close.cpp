@@ -81,6 +81,14 @@ bool take_slot(const SlotHold &hold)
 
 } // namespace
 
+// QUIRK(udp-ends-for-all): the socket of a UDP client is that of all of them, so the end of one ends UDP until the
+// broker is started anew, although a connection is one client's [MQTT-4.2.0-1]. DISCONNECT ends one, and so do silence
+// beyond the keep-alive, a kick, and a refused CONNECT; whoever sends one datagram and no CONNECT is ended after the
+// default keep-alive of 300 s. The others' places stay taken. Let nobody but known devices reach the UDP port, with a
+// keep-alive of 65535 s (27 hours of silence) and no DISCONNECT, or block it.
+//   test: udp.a_disconnect_over_udp_ends_udp_for_all,
+//   slow_udp.a_sender_that_falls_silent_without_a_connect_ends_udp_for_all,
+//   udp.closing_one_peer_ends_udp_until_the_next_start
 void close_connection(uint32_t handle, uint32_t generation) noexcept
 {
     const SlotHold hold({handle, generation ? generation : generation_of(handle)});

@@ -83,8 +83,9 @@ bool settle(qos_packet_t **link, uint64_t now_ms, Outcome &outcome) REQUIRES(g_q
 //   test: scan.the_first_retransmission_carries_dup_0_and_later_ones_dup_1
 //
 // QUIRK(newest-first): what is due at one time goes out newest first, messages kept for an absent client included
-// [MQTT-4.6.0-5]. The list has its newest entry at the head, and its order is visible.
-//   test: scan.what_is_due_at_one_time_goes_newest_first
+// [MQTT-4.6.0-5]: it gets them in the reverse of the order in which they were published. The list has its newest entry
+// at the head, and its order is visible. Where the order matters, the payload carries a number or a time.
+//   test: scan.what_is_due_at_one_time_goes_newest_first, offline.three_kept_messages_come_a_second_after_the_connack
 Outcome walk(uint64_t now_ms) REQUIRES(g_queue_mutex)
 {
     Outcome  outcome;

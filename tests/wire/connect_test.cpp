@@ -212,6 +212,30 @@ TEST(connect, a_second_connection_with_the_same_id_leaves_the_first_open)
     second.ping();
 }
 
+TEST(connect, of_two_ids_in_a_bucket_the_earlier_hears_nothing)
+{
+    const auto bucket = [](std::string_view id) {
+        uint32_t hash = 0;
+        for (const char c : id)
+            hash = hash * 31 + static_cast<uint32_t>(c);
+        return hash % 11000;
+    };
+    std::string rival;
+    for (int i = 0; bucket(rival) != bucket("dev1"); ++i)
+        rival = "x" + std::to_string(i);
+
+    BrokerProcess broker  = BrokerProcess::start();
+    Peer          earlier = Peer::tcp(), later = Peer::tcp(), sender = Peer::tcp();
+    earlier.connect_v4("dev1").subscribe("t");
+    later.connect_v4(rival).subscribe("t");
+    sender.connect_v4("sender").publish("t", "hello");
+    later.expect_publish("t", "hello");
+    earlier.expect_nothing();
+    earlier.ping();
+    earlier.publish("t", "from the hidden one"); // what it sends is served
+    later.expect_publish("t", "from the hidden one");
+}
+
 TEST(connect, v4_session_that_was_left_in_order_is_present)
 {
     BrokerProcess broker = BrokerProcess::start();
@@ -240,6 +264,33 @@ TEST(connect, v4_session_that_was_dropped_is_forgotten)
     again.connect_v4("a", {.clean = false, .session_present = false});
 }
 
+TEST(connect, v4_subscriptions_of_a_dropped_session_last_until_the_broker_ends)
+{
+    const auto come = [] {
+        Peer client = Peer::tcp();
+        client.connect_v4("a", {.clean = false, .session_present = false});
+        return client;
+    };
+    {
+        BrokerProcess broker = BrokerProcess::start();
+        Peer          sender = Peer::tcp();
+        sender.connect_v4("sender");
+        come().subscribe("t").hang_up();
+        sender.ping(); // the drop has been seen
+        Peer client = come();
+        sender.publish("t", "hello");
+        client.expect_publish("t", "hello");
+        client.hang_up();
+        sender.ping();
+    }
+    BrokerProcess broker = BrokerProcess::start();
+    Peer          sender = Peer::tcp();
+    Peer          client = come();
+    sender.connect_v4("sender").publish("t", "hello");
+    client.expect_nothing();
+    client.ping();
+}
+
 TEST(connect, v5_session_lives_by_its_expiry_interval)
 {
     BrokerProcess broker = BrokerProcess::start();
@@ -258,6 +309,30 @@ TEST(connect, v5_session_lives_by_its_expiry_interval)
     client.send("E0 07 | 00 05 | 10 00 00 00 00"); // an interval of 0 in the DISCONNECT removes too
     client.expect_closed();
     come({}, false);
+}
+
+TEST(connect, v5_session_does_not_expire_while_its_client_is_away)
+{
+    for (const bool restart : {false, true}) {
+        std::optional<BrokerProcess> broker(BrokerProcess::start());
+        const Connect                come   = {.clean = false, .session_expiry_s = 1};
+        Peer                         client = Peer::tcp();
+        client.connect_v5("a", {.clean = true}).disconnect();
+        client = Peer::tcp();
+        client.connect_v5("a", come).subscribe("t").hang_up();
+        pause_ms(2200); // two seconds of the wall clock, whatever the fraction
+        if (restart) {
+            broker.reset();
+            broker.emplace(BrokerProcess::start());
+        }
+        Connect back         = come;
+        back.session_present = true;
+        client               = Peer::tcp();
+        client.connect_v5("a", back);
+        Peer sender = Peer::tcp();
+        sender.connect_v4("sender").publish("t", "hello");
+        client.expect_publish("t", "hello");
+    }
 }
 
 TEST(connect, v5_clean_start_does_not_decide_at_disconnect)

@@ -153,6 +153,24 @@ TEST(host, an_empty_id_is_replaced)
     EXPECT_THAT(host.client_ids(), testing::MatchesRegex("auto_[0-9]+"));
 }
 
+TEST(host, a_kicked_client_leaves_its_subscriptions)
+{
+    Host host;
+    Peer client = Peer::tcp();
+    client.connect_v4("a").subscribe("t");
+    EXPECT_EQ(tarn_sdk_mqtt_broker_kick_client(host.broker(), "a"), 0);
+    client.expect("E0 00");
+    client.expect_closed();
+    client = Peer::tcp();
+    client.connect_v4("a", {.clean = false});
+    host.publish("t", "hello");
+    client.expect_publish("t", "hello");
+    client = Peer::tcp();
+    client.connect_v4("a"); // clean: takes them out
+    host.publish("t", "hello");
+    client.expect_nothing();
+}
+
 TEST(host, kicks_clients)
 {
     Host host;

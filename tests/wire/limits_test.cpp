@@ -22,6 +22,28 @@ TEST(limits, clients_beyond_the_maximum_are_closed_at_their_first_packet)
     second.ping();
 }
 
+TEST(limits, a_published_will_keeps_the_place_of_its_client)
+{
+    BrokerProcess broker = BrokerProcess::start({.max_clients = 2});
+    Peer          stays  = Peer::tcp();
+    stays.connect_v4("stays");
+    Peer::tcp().connect_v4("gone", {.will = Will{"t", "x"}}).hang_up();
+    stays.ping(); // the end has been seen
+    Peer next = Peer::tcp();
+    next.send(connect_packet(4, "next"));
+    next.expect_closed();
+}
+
+TEST(limits, a_client_that_goes_without_a_will_leaves_its_place)
+{
+    BrokerProcess broker = BrokerProcess::start({.max_clients = 2});
+    Peer          stays  = Peer::tcp();
+    stays.connect_v4("stays");
+    Peer::tcp().connect_v4("gone").hang_up();
+    stays.ping();
+    Peer::tcp().connect_v4("next");
+}
+
 TEST(limits, the_default_maximum_packet_size_holds_until_connect)
 {
     BrokerProcess broker = BrokerProcess::start({.max_packet_size = 256});

@@ -145,6 +145,26 @@ TEST(udp, an_empty_datagram_harms_nobody)
     test.udp.expect("D0 00");
 }
 
+TEST(slow_udp, a_sender_that_falls_silent_without_a_connect_ends_udp_for_all)
+{
+    BrokerProcess broker = BrokerProcess::start({.keep_alive_s = 1, .max_clients = 100});
+    Peer          tcp = Peer::tcp(), silent = Peer::udp(), other = Peer::udp();
+    tcp.connect_v4("tcp");
+    pause_ms(50); // no event of the connection itself is left
+    silent.send("C0 00");
+    tcp.ping();
+    silent.expect("D0 00");
+    other.send(connect_packet(4, "other"));
+    tcp.ping();
+    other.expect("20 02 00 00");
+    const auto silence_was_ended = [&] { return broker.log().find("[超时完成]") != std::string::npos; };
+    EXPECT_TRUE(wait_until(silence_was_ended, 15000 * kSlowdown)); // looked for every 10 s
+    other.send("C0 00");
+    tcp.ping();
+    tcp.ping();
+    other.expect_nothing();
+}
+
 TEST(udp, a_disconnect_over_udp_ends_udp_for_all)
 {
     Udp  test;

@@ -1,5 +1,9 @@
 #include "client_fixture.h"
 
+#include <cstdio>
+#include <random>
+#include <set>
+
 using namespace tarn;
 using namespace tarn::test;
 
@@ -16,6 +20,8 @@ std::string other_id_in_the_bucket_of(const char *id)
     }
 }
 
+constexpr const char *kPrefixes[] = {"", "a", "dev", "sensor-", "lamp.kitchen.", "house/4/", "01234567890123456789"};
+
 } // namespace
 
 TEST(client_hash, is_31_times_plus_signed_bytes)
@@ -30,6 +36,47 @@ TEST(client_hash, is_31_times_plus_signed_bytes)
             h = h * 31 + 'z';
         return h;
     }());
+}
+
+// What docs/deviations.md promises of ids that never share a bucket.
+TEST(client_hash, a_prefix_and_a_number_of_three_digits_have_a_bucket_of_their_own)
+{
+    for (const char *prefix : kPrefixes) {
+        std::set<uint32_t> buckets;
+        for (int i = 0; i < 1000; ++i) {
+            char number[4];
+            snprintf(number, sizeof number, "%03d", i);
+            buckets.insert(client::hash_of((std::string(prefix) + number).c_str()) % CLIENT_MAX);
+        }
+        EXPECT_EQ(buckets.size(), 1000u) << prefix;
+    }
+}
+
+TEST(client_hash, a_prefix_and_three_letters_of_which_the_first_is_a_to_k_have_a_bucket_of_their_own)
+{
+    for (const char *prefix : kPrefixes) {
+        std::set<uint32_t> buckets;
+        for (char first = 'a'; first <= 'k'; ++first)
+            for (char second = 'a'; second <= 'z'; ++second)
+                for (char third = 'a'; third <= 'z'; ++third) {
+                    const std::string id = std::string(prefix) + first + second + third;
+                    buckets.insert(client::hash_of(id.c_str()) % CLIENT_MAX);
+                }
+        EXPECT_EQ(buckets.size(), 7436u) << prefix;
+    }
+}
+
+TEST(client_hash, random_ids_share_buckets)
+{
+    std::mt19937       random(1);
+    std::set<uint32_t> buckets;
+    for (int i = 0; i < 1000; ++i) {
+        char id[16];
+        snprintf(id, sizeof id, "mqttjs_%08x", static_cast<unsigned>(random()));
+        buckets.insert(client::hash_of(id) % CLIENT_MAX);
+    }
+    EXPECT_GT(buckets.size(), 920u); // some 45 of the thousand are hidden behind others
+    EXPECT_LT(buckets.size(), 980u);
 }
 
 TEST(client_lock, is_chosen_by_handle_or_by_hash)

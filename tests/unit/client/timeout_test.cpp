@@ -196,6 +196,24 @@ TEST_F(Timeout, three_thousand_clients_take_three_scans)
     EXPECT_EQ(g_client_mgr.blocks[2].used, 0);
 }
 
+TEST_F(Timeout, a_place_is_looked_at_once_in_so_many_scans_as_the_limit_has_thousands)
+{
+    const LogCapture quiet(3);
+    for (const int limit : {1000, 5000, 11000}) {
+        const Manager manager(limit);
+        const auto    scans_until_closed = [&] {
+            client(0, 2);
+            clock.advance_ms(3000);
+            int scans = 1;
+            while (client_clean_timeout(0) == 0)
+                ++scans;
+            return scans;
+        };
+        (void)scans_until_closed(); // the first block has just had its turn
+        EXPECT_EQ(scans_until_closed(), limit / 1000);
+    }
+}
+
 TEST_F(Timeout, a_full_list_ends_the_trace)
 {
     const Manager manager(1000);

@@ -80,9 +80,10 @@ TEST(offline, three_kept_messages_come_a_second_after_the_connack)
     EXPECT_THAT(client.gets(), IsEmpty());
     clock.advance_ms(1);
     qos_reliable_scan_queue();
-    EXPECT_THAT(client.gets(), testing::UnorderedElementsAre(wire("32 06 | 00 01 'a' | 00 09 | '1'"),
-                                                             wire("32 06 | 00 01 'a' | 00 0A | '2'"),
-                                                             wire("32 06 | 00 01 'a' | 00 0B | '3'")));
+    EXPECT_THAT(client.gets(),
+                ElementsAre(wire("32 06 | 00 01 'a' | 00 0B | '3'"), wire("32 06 | 00 01 'a' | 00 0A | '2'"),
+                            wire("32 06 | 00 01 'a' | 00 09 | '1'")))
+        << "newest first";
 }
 
 TEST(offline, a_client_that_is_connected_but_not_logged_in_is_online_too)

@@ -68,6 +68,20 @@ TEST(publish, qos_1_is_tracked_and_acknowledged)
     EXPECT_EQ(g_mqtt_stats.qos1, 1u);
 }
 
+TEST(publish, a_delivery_with_identifier_0_is_lost_and_its_publisher_acknowledged)
+{
+    Handling broker;
+    Client   sender(broker, 4, "s"), receiver(broker, 4, "r");
+    sub_add("r", "t", 1, 1);
+    msgid_seed = 1;
+    while (next_id() != 0)
+        ++msgid_seed;
+    EXPECT_EQ(sender.sends(publish("t", 1, 7)), 0);
+    EXPECT_THAT(sender.gets(), ElementsAre(wire("40 02 00 07")));
+    EXPECT_THAT(receiver.gets(), IsEmpty());
+    EXPECT_EQ(pending_count(), 0) << "nothing repeats it";
+}
+
 TEST(publish, qos_2_downgraded_to_1)
 {
     Handling broker;
