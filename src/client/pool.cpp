@@ -243,6 +243,7 @@ bool release_record(mqtt_client_t &client) noexcept
     poke(client.state, CLIENT_CLOSED);
     poke(client.handle, NETIP_NO_HANDLE);
     poke(client.used, 0);
+    leave_chain(client);
     drop_ring(client);
     {
         ScopedLock lock(client.will_lock);
@@ -326,6 +327,7 @@ void retire(mqtt_client_t &client)
     poke(client.state, CLIENT_CLOSED);
     poke(client.handle, NETIP_NO_HANDLE);
     poke(client.used, 0);
+    leave_chain(client); // it may have been given an id behind the clearing of the tables
     drop_ring(client);
     note_unparked(client);
     ScopedLock lock(client.will_lock);
