@@ -166,6 +166,9 @@ void free_will_texts(mqtt_client_t &client) noexcept REQUIRES(client.will_lock);
 void note_parked(mqtt_client_t &client, uint64_t due_at_ms) noexcept;
 void note_unparked(mqtt_client_t &client) noexcept;
 
+// Forgets whose session the record's is: id, will flag and counts. The lists stay for clear_session to find.
+void empty_session(mqtt_client_t &client) noexcept;
+
 uint32_t timeout_scan_turn(uint64_t now_ms, uint32_t default_threshold_ms) noexcept;
 void     will_scan_turn(uint64_t now_ms) noexcept;
 

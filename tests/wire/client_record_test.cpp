@@ -1,10 +1,14 @@
-// Clients that meet inside the broker, because their ids share an entry of its table.
+// Two places where clients meet inside the broker: ids that share an entry of its table, and a record that one client
+// has after another.
 #include "support/broker_process.h"
 #include "support/peer.h"
 
+#include <filesystem>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 using namespace tarn::test;
+using testing::IsEmpty;
 
 namespace {
 
@@ -89,4 +93,47 @@ TEST(hidden_clients, all_200_receive_after_as_many_visits)
     publisher.publish("t", "all");
     for (Peer &subscriber : subscribers)
         subscriber.expect_publish("t", "all");
+}
+
+namespace {
+
+std::vector<std::string> saved_files()
+{
+    std::vector<std::string> paths;
+    for (const char *directory : {"session", "subscription", "message"})
+        for (const auto &entry : std::filesystem::directory_iterator(std::string("broker_data/") + directory))
+            paths.push_back(entry.path().string());
+    return paths;
+}
+
+} // namespace
+
+TEST(reused_record, writes_no_file_of_who_had_it_before)
+{
+    BrokerProcess broker = BrokerProcess::start();
+    struct {
+        Bytes       says;
+        const char *answer;
+    } const cases[] = {
+        {disconnect_packet(4), ""}, {subscribe_packet(4, 1, "other", 1), "90 03 | 00 01 | 80"}, // without an id
+    };
+    for (const auto &[says, answer] : cases) {
+        SCOPED_TRACE(hex(says));
+        Peer owner = Peer::tcp();
+        owner.connect_v4("owner", {.clean = false}).subscribe("t", 1);
+        owner.disconnect();
+        ASSERT_THAT(saved_files(), testing::ElementsAre("broker_data/subscription/owner.json"));
+
+        Peer silent = Peer::tcp();
+        silent.send("C0 00"); // makes a record for this connection: the one that the owner had
+        silent.expect("D0 00");
+        Peer back = Peer::tcp();
+        back.connect_v4("owner", {.clean = true});
+        ASSERT_THAT(saved_files(), IsEmpty());
+
+        silent.send(says);
+        *answer ? (void)silent.expect(answer) : silent.expect_closed();
+        EXPECT_THAT(saved_files(), IsEmpty());
+        back.disconnect();
+    }
 }
