@@ -91,8 +91,10 @@ TEST(hidden_clients, all_200_receive_after_as_many_visits)
     Peer publisher = Peer::tcp();
     publisher.connect_v4("publisher");
     publisher.publish("t", "all");
-    for (Peer &subscriber : subscribers)
+    for (Peer &subscriber : subscribers) {
         subscriber.expect_publish("t", "all");
+        ASSERT_TRUE(subscriber.ok());
+    }
 }
 
 namespace {
