@@ -5,7 +5,7 @@
 // pool has none, and every guard lets it pass.
 //
 // Locks, outermost first: one of g_client_mgr.locks; data_mx; send_lock or will_lock of one record; leaves pool_mx,
-// id_mx. None is ever destroyed.
+// bucket_mx, id_mx. None is ever destroyed.
 #ifndef TARN_CLIENT_CLIENT_INTERNAL_H
 #define TARN_CLIENT_CLIENT_INTERNAL_H
 
@@ -25,6 +25,8 @@ constexpr int32_t  kOutside   = -1; // pool index of a record that is not in the
 
 // ---- guards beside a record (pins.cpp)
 
+extern Mutex bucket_mx; // entries of by_cid, and the chains behind them
+
 struct Side {
     std::atomic<uint64_t> ctl;           // pins, RELEASED, WIPING, life number: see pins.cpp
     std::atomic<uint32_t> generation;    // of the connection the record was made for, 0 = unknown
@@ -39,6 +41,9 @@ struct Side {
     std::atomic<int32_t>  next_ready;    // ready list of the send thread: index + 1, 0 = end
     std::atomic<int32_t>  subs_high;     // session.subs[] and .msgs[] are zero from here on
     std::atomic<int32_t>  msgs_high;
+    int32_t bucket        GUARDED_BY(bucket_mx); // whose chain the record is in, + 1; 0 = in none
+    int32_t newer         GUARDED_BY(bucket_mx); // its neighbours there: index + 1, 0 = end
+    int32_t older         GUARDED_BY(bucket_mx);
     Mutex                 data_mx; // the embedded session record
     Mutex                 id_mx;   // client_id and ip
 };
@@ -103,6 +108,18 @@ Mutex   &lock_of_handle(uint32_t handle) noexcept;
 void leave_tables(mqtt_client_t &client, uint32_t new_state) noexcept;
 void clear_tables() noexcept;
 
+// ---- records that share an entry of by_cid (id_buckets.cpp)
+
+// Makes the record the one its bucket's entry names. One that was closed since its state was `seen_state` is left as it
+// is: its closing has passed the tables already.
+void enter_bucket(mqtt_client_t &client, uint32_t hash, uint32_t seen_state) noexcept;
+// Out of the chain it is in. The entry of that bucket, if it is the record's, goes to the online record set last before
+// it; without one it stays.
+void leave_chain(mqtt_client_t &client) noexcept;
+// Takes the entry of this bucket, if it is the record's: for the online record set last, or null.
+void leave_entry(mqtt_client_t &client, uint32_t hash) noexcept;
+void clear_buckets() noexcept;
+
 // ---- sending (send_ring.cpp, send_thread.cpp, round_flush.cpp)
 
 enum class Flushed {
@@ -148,6 +165,9 @@ void close_connection_of(mqtt_client_t &client) noexcept;
 void free_will_texts(mqtt_client_t &client) noexcept REQUIRES(client.will_lock);
 void note_parked(mqtt_client_t &client, uint64_t due_at_ms) noexcept;
 void note_unparked(mqtt_client_t &client) noexcept;
+
+// Forgets whose session the record's is: id, will flag and counts. The lists stay for clear_session to find.
+void empty_session(mqtt_client_t &client) noexcept;
 
 uint32_t timeout_scan_turn(uint64_t now_ms, uint32_t default_threshold_ms) noexcept;
 void     will_scan_turn(uint64_t now_ms) noexcept;

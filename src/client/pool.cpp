@@ -155,6 +155,7 @@ void fill(mqtt_client_t &client, uint32_t handle, const char *ip, uint16_t port,
         poke(client.send_tail, 0);
     }
     reset_will(client);
+    empty_session(client); // a holder of the record before may have written it behind its release
     poke(client.max_packet_size, peek(g_default_max_packet_size));
     poke(client.qos2_pending_msg_id, 0);
     poke(client.qos1_pending_msg_id, 0);
@@ -243,7 +244,9 @@ bool release_record(mqtt_client_t &client) noexcept
     poke(client.state, CLIENT_CLOSED);
     poke(client.handle, NETIP_NO_HANDLE);
     poke(client.used, 0);
+    leave_chain(client);
     drop_ring(client);
+    empty_session(client); // or a connection that never says CONNECT could write this one's files
     {
         ScopedLock lock(client.will_lock);
         free_will_texts(client);
@@ -326,7 +329,9 @@ void retire(mqtt_client_t &client)
     poke(client.state, CLIENT_CLOSED);
     poke(client.handle, NETIP_NO_HANDLE);
     poke(client.used, 0);
+    leave_chain(client); // it may have been given an id behind the clearing of the tables
     drop_ring(client);
+    empty_session(client);
     note_unparked(client);
     ScopedLock lock(client.will_lock);
     free_will_texts(client);

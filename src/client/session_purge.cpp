@@ -48,6 +48,12 @@ void raise(std::atomic<int32_t> &high, int32_t count, int32_t limit)
         ;
 }
 
+void reset_count(int32_t &count)
+{
+    if (peek(count) != 0) // or a page of its own would be spent on it
+        poke(count, 0);
+}
+
 } // namespace
 } // namespace tarn::client
 
@@ -80,10 +86,15 @@ void tarn::session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg
     raise(side->msgs_high, msg_count, PERSIST_MSGS_MAX);
 }
 
-void reset_count(int32_t &count)
+void tarn::client::empty_session(mqtt_client_t &client) noexcept
 {
-    if (count != 0) // or a page of its own would be spent on it
-        count = 0;
+    persist_session_t &session = client.session;
+    ScopedLock         lock(session_lock(client));
+    session_written(client, session.sub_count, session.msg_count);
+    memset(session.client_id, 0, sizeof session.client_id);
+    session.will_flag = 0;
+    reset_count(session.sub_count);
+    reset_count(session.msg_count);
 }
 
 // A session record is 149 KB, nearly all of it lists that few clients fill.

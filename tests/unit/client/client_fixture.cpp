@@ -186,6 +186,22 @@ mqtt_client_t *log_in(uint32_t handle, const char *id, uint8_t clean, uint32_t v
     return client;
 }
 
+std::vector<std::string> ids_in_the_bucket_of(const char *id, size_t count)
+{
+    const uint32_t           hash = client::hash_of(id);
+    uint32_t                 last = hash;
+    std::vector<std::string> found;
+    for (int i = 0; found.size() < count; ++i) {
+        const std::string other      = "x" + std::to_string(i);
+        const uint32_t    other_hash = client::hash_of(other.c_str());
+        if (other_hash % CLIENT_MAX != hash % CLIENT_MAX || other_hash % CLIENT_LOCKS == last % CLIENT_LOCKS)
+            continue;
+        found.push_back(other);
+        last = other_hash;
+    }
+    return found;
+}
+
 OwnRecord::OwnRecord(uint32_t handle) : record_(new mqtt_client_t{})
 {
     record_->handle          = handle;

@@ -86,6 +86,8 @@ public:
 
 // A logged-in pool client.
 mqtt_client_t *log_in(uint32_t handle, const char *id, uint8_t clean = 1, uint32_t version = 4);
+// So many ids whose hashes meet in one entry of by_cid with this one's, each under another lock than the one before.
+std::vector<std::string> ids_in_the_bucket_of(const char *id, size_t count);
 // A record of the test's own, zero but for what sending needs.
 class OwnRecord {
 public:

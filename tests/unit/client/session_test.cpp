@@ -143,3 +143,99 @@ TEST(clear_session, of_an_own_record_clears_all)
     clear_session(*own);
     EXPECT_TRUE(is_zero(own->session));
 }
+
+// ---- the session of a released record
+
+namespace {
+
+void write_session(mqtt_client_t &client)
+{
+    persist_session_t &session = client.session;
+    strcpy(session.client_id, "dev1");
+    session.will_flag = 1;
+    strcpy(session.subs[2].topic, "a");
+    session.sub_count = 3;
+    strcpy(session.msgs[1].topic, "b");
+    session.msg_count = 2;
+}
+
+void expect_nobodys(const persist_session_t &session)
+{
+    EXPECT_STREQ(session.client_id, "");
+    EXPECT_EQ(session.will_flag, 0);
+    EXPECT_EQ(session.sub_count, 0);
+    EXPECT_EQ(session.msg_count, 0);
+}
+
+} // namespace
+
+TEST(released_session, is_nobodys)
+{
+    const Manager  manager;
+    mqtt_client_t &client = *log_in(1, "dev1");
+    write_session(client);
+    client_close(&client);
+    expect_nobodys(client.session);
+    ASSERT_EQ(client_create(2, "", 0, nullptr), &client);
+    expect_nobodys(client.session);
+    clear_session(client);
+    EXPECT_TRUE(is_zero(client.session)) << "the lists behind the counts are not forgotten";
+}
+
+TEST(released_session, that_is_still_held_is_nobodys_already)
+{
+    const Manager    manager;
+    const client_ref client(log_in(1, "dev1"));
+    write_session(*client);
+    client_close(client.get());
+    expect_nobodys(client->session);
+}
+
+TEST(released_session, written_by_a_late_holder_is_nobodys_when_used_again)
+{
+    const Manager        manager;
+    mqtt_client_t *const record = log_in(1, "dev1");
+    {
+        const client_ref client(record);
+        client_close(record);
+        write_session(*client); // a CONNECT that was under way, say
+    }
+    ASSERT_EQ(client_create(2, "", 0, nullptr), record);
+    expect_nobodys(record->session);
+    clear_session(*record);
+    EXPECT_TRUE(is_zero(record->session));
+}
+
+TEST(released_session, held_while_the_manager_goes_down_is_nobodys)
+{
+    const Manager manager;
+    client_ref    client(log_in(1, "dev1"));
+    write_session(*client);
+    client_mgr_deinit();
+    expect_nobodys(client->session);
+    write_session(*client);
+    mqtt_client_t *const record = client.get();
+    client.reset();
+    ASSERT_EQ(client_create(2, "", 0, nullptr), record);
+    expect_nobodys(record->session);
+}
+
+#ifndef TARN_SANITIZED
+TEST(released_session, costs_no_memory_when_nothing_was_in_it)
+{
+    const LogCapture quiet(4);
+    const Manager    manager(1000);
+    const auto       resident_kib = [] {
+        std::ifstream statm("/proc/self/statm");
+        long          size, resident;
+        statm >> size >> resident;
+        return resident * 4;
+    };
+    const long before_kib = resident_kib();
+    for (uint32_t i = 0; i < 1000; ++i)
+        client_create(i, "", 0, nullptr);
+    for (uint32_t i = 0; i < 1000; ++i)
+        client_close(client_find_by_handle(i));
+    EXPECT_LT(resident_kib() - before_kib, 9000) << "two pages a client at most";
+}
+#endif
