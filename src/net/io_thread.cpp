@@ -52,7 +52,8 @@ private:
 };
 constinit thread_local RoundTurn *RoundTurn::t_turn = nullptr;
 
-// One recv behind the bytes held; into a full buffer one of 0 bytes, which returns 0 as soon as another byte waits.
+// One recv behind the bytes held. A buffer that is still full, because the callback objected to the end, asks for 0
+// bytes and gets 0 as soon as another byte waits.
 ssize_t receive_bytes(const SlotHold &hold)
 {
     SlotLock slot(hold.handle(), SlotLock::Always);
@@ -107,6 +108,8 @@ Left receive(const SlotHold &hold, const EventSink &sink, uint32_t start)
                   hold.slot().rx_len);
         if (!deliver_packets(hold, sink))
             return Left::Later;
+        if (room_left(hold.slot()) == 0)
+            return Left::End; // the packet in front will never be whole
         if (elapsed(mono_ms(), began_ms) >= kTimePerEvent_ms)
             return Left::Later;
     }

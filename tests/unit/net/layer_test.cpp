@@ -625,6 +625,29 @@ TEST(round, an_end_that_the_callback_objects_to_is_told_again_but_nothing_is_rea
     EXPECT_THAT(layer.events.seen(), ElementsAre(data(0, wire("C0 00")), disconnected(0, 0), disconnected(0, 0)));
 }
 
+TEST(round, a_full_buffer_whose_end_was_objected_to_is_told_again_with_the_next_byte)
+{
+    ByHand layer;
+    int    pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    const Fd peer(pair[1]);
+    bool     agrees       = false;
+    layer.events.on_event = [&](const Recorder::Event &event) {
+        return event.event != NETIP_EVENT_DISCONNECTED || agrees;
+    };
+    layer.serve(pair[0]);
+    const Bytes undecodable = repeat(0xFF, 4096);
+    EXPECT_EQ(write(peer.get(), undecodable.data(), undecodable.size()), 4096);
+    EXPECT_EQ(run_round(0, 0), 1);
+    EXPECT_THAT(layer.events.seen(), ElementsAre(disconnected(0, 0)));
+    EXPECT_EQ(run_round(0, 0), 0);
+    EXPECT_EQ(run_round(0, 0), 0) << "watched again, and nothing to tell";
+    agrees = true;
+    EXPECT_EQ(write(peer.get(), "x", 1), 1);
+    EXPECT_EQ(run_round(0, 0), 1);
+    EXPECT_THAT(layer.events.seen(), ElementsAre(disconnected(0, 0), disconnected(0, 0)));
+}
+
 TEST(round, by_hand)
 {
     ByHand    layer;

@@ -109,20 +109,31 @@ TEST(stream, packets_before_one_that_is_too_large_are_still_delivered)
     EXPECT_THAT(layer.events.wait_for(3), ElementsAre(connected(0), data(0, wire("C0 00")), disconnected(0, 0)));
 }
 
-TEST(stream, undecodable_bytes_end_the_connection_with_the_4097th)
+TEST(stream, undecodable_bytes_end_the_connection_with_the_4096th)
 {
     Layer layer;
     Peer  peer;
     layer.events.wait_for(1);
-    peer.send(wire("30 FF FF FF FF") + repeat(0, 4091));
+    peer.send(wire("30 FF FF FF FF") + repeat(0, 4090));
     EXPECT_TRUE(eventually([] {
         SlotLock slot(0);
-        return slot && slot->rx_len == 4096;
+        return slot && slot->rx_len == 4095;
     }));
     std::this_thread::sleep_for(kSilence);
     EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0)));
     peer.send("00");
     EXPECT_THAT(layer.events.wait_for(2), ElementsAre(connected(0), disconnected(0, 0)));
+    EXPECT_EQ(peer.end(), 0);
+}
+
+TEST(stream, a_packet_of_4097_bytes_ends_the_connection_before_its_last_byte_comes)
+{
+    Layer       layer;
+    Peer        peer;
+    const Bytes large = packet(0x30, repeat('x', 4094));
+    peer.send(Bytes(large.begin(), large.end() - 1));
+    EXPECT_THAT(layer.events.wait_for(2), ElementsAre(connected(0), disconnected(0, 0)));
+    EXPECT_EQ(peer.end(), 0);
 }
 
 TEST(stream, a_connection_that_ends_inside_a_packet)
