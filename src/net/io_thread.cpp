@@ -52,7 +52,8 @@ private:
 };
 constinit thread_local RoundTurn *RoundTurn::t_turn = nullptr;
 
-// One recv behind the bytes held; into a full buffer one of 0 bytes, which returns 0 as soon as another byte waits.
+// One recv behind the bytes held. A buffer that is still full, because the callback objected to the end, asks for 0
+// bytes and gets 0 as soon as another byte waits.
 ssize_t receive_bytes(const SlotHold &hold)
 {
     SlotLock slot(hold.handle(), SlotLock::Always);
@@ -83,27 +84,36 @@ bool deliver_packets(const SlotHold &hold, const EventSink &sink)
     return true;
 }
 
-// False at the end of the stream.
-//
+// What a turn at reading left behind.
+enum class Left {
+    Later, // perhaps more, for the next round; or the connection was closed meanwhile
+    None,  // nothing, for now
+    End,   // nothing that could ever be read
+};
+
 // QUIRK(packet-size): a packet above 4096 bytes ends the connection without a word, whatever Maximum Packet Size was
 // announced and with no DISCONNECT 0x95 [MQTT-3.2.2-15]. It stays because the receive buffer is part of the slot:
 // memory is bounded by the table, and nobody has to read what cannot be kept.
 //   test: stream.a_packet_of_4097_bytes_ends_the_connection
-bool receive(const SlotHold &hold, const EventSink &sink, uint32_t start)
+Left receive(const SlotHold &hold, const EventSink &sink, uint32_t start)
 {
     const uint64_t began_ms = mono_ms();
     ssize_t        total    = 0;
     for (int reads = 0; reads < kReadsPerEvent && total < kBytesPerEvent && layer_runs(start); ++reads) {
         const ssize_t got = receive_bytes(hold);
         if (got < 1)
-            return got != 0;
+            return got == 0 ? Left::End : Left::None;
         total += got;
         LOG_DEBUG("[NETIP] 开始解析客户端数据 handle=%d 缓存长度=%d", static_cast<int>(hold.handle()),
                   hold.slot().rx_len);
-        if (!deliver_packets(hold, sink) || elapsed(mono_ms(), began_ms) >= kTimePerEvent_ms)
-            return true;
+        if (!deliver_packets(hold, sink))
+            return Left::Later;
+        if (room_left(hold.slot()) == 0)
+            return Left::End; // the packet in front will never be whole
+        if (elapsed(mono_ms(), began_ms) >= kTimePerEvent_ms)
+            return Left::Later;
     }
-    return true;
+    return Left::Later;
 }
 
 void note_writable(const SlotHold &hold)
@@ -125,11 +135,15 @@ void handle_event(const epoll_event &event, const EventSink &sink, uint32_t star
     const SlotHold hold(connection);
     if (!hold)
         return; // closed earlier in this round
-    if (event.events & (EPOLLERR | EPOLLHUP))
-        return hang_up(hold, sink);
-    if (event.events & EPOLLOUT)
+    // The peer may be gone, but what it sent before still waits here and comes first. A turn that ends before all of it
+    // is read goes on in the next round, as the broken connection is reported until it is closed.
+    const bool broken = event.events & (EPOLLERR | EPOLLHUP);
+    if (!broken && (event.events & EPOLLOUT))
         note_writable(hold);
-    if ((event.events & EPOLLIN) && !receive(hold, sink, start))
+    if (!broken && !(event.events & EPOLLIN))
+        return;
+    const Left left = receive(hold, sink, start);
+    if (left == Left::End || (broken && left == Left::None && hold.is_current()))
         hang_up(hold, sink);
 }
 

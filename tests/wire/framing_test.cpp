@@ -160,15 +160,15 @@ TEST(framing, a_packet_of_4097_bytes_ends_the_connection)
     Peer::tcp().connect_v4("b");
 }
 
-TEST(framing, a_full_buffer_waits_for_one_byte_more)
+TEST(framing, what_cannot_become_whole_ends_the_connection_with_byte_4096)
 {
     BrokerProcess broker = BrokerProcess::start();
     Peer          client = Peer::tcp();
     client.connect_v4("a");
     const Bytes whole = publish_of_size(4097);
-    client.send(Bytes(whole.begin(), whole.end() - 1));
+    client.send(Bytes(whole.begin(), whole.end() - 2));
     client.expect_nothing();
-    client.send(Bytes(whole.end() - 1, whole.end()));
+    client.send(Bytes(whole.end() - 2, whole.end() - 1));
     client.expect_closed();
 }
 
@@ -177,7 +177,7 @@ TEST(framing, a_length_that_never_ends)
     BrokerProcess broker = BrokerProcess::start();
     Peer          client = Peer::tcp();
     client.connect_v4("a");
-    client.send(wire("30 FF FF FF FF 01") + repeat(0, 4090));
+    client.send(wire("30 FF FF FF FF 01") + repeat(0, 4089));
     client.expect_nothing();
     client.send("00");
     client.expect_closed();
@@ -188,7 +188,7 @@ TEST(framing, the_largest_length_is_never_filled)
     BrokerProcess broker = BrokerProcess::start();
     Peer          client = Peer::tcp();
     client.connect_v4("a");
-    client.send(wire("30 FF FF FF 7F") + repeat(0, 4091));
+    client.send(wire("30 FF FF FF 7F") + repeat(0, 4090));
     client.expect_nothing();
     client.send("00");
     client.expect_closed();

@@ -562,16 +562,90 @@ TEST(round, an_error_alone_and_a_hang_up_alone_end_a_connection)
     EXPECT_THAT(layer.events.seen(), ElementsAre(disconnected(0, 0), disconnected(1, 0)));
 }
 
-TEST(round, a_hang_up_comes_before_what_could_still_be_read)
+namespace {
+
+// What one end of a socket pair sent before it was closed, for a connection served by hand.
+void serve_what_was_left(const Bytes &bytes)
+{
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    ByHand::serve(pair[0]);
+    EXPECT_EQ(write(pair[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    EXPECT_EQ(close(pair[1]), 0); // reported as a hang-up, together with what can be read
+}
+
+} // namespace
+
+TEST(round, a_hang_up_comes_after_what_can_still_be_read)
+{
+    ByHand layer;
+    serve_what_was_left(wire("C0 00 C1 00"));
+    EXPECT_EQ(run_round(0, 0), 1);
+    EXPECT_THAT(layer.events.seen(), ElementsAre(data(0, wire("C0 00")), data(0, wire("C1 00")), disconnected(0, 0)));
+    EXPECT_EQ(run_round(0, 0), 0);
+}
+
+TEST(round, a_turn_that_ends_before_a_broken_connection_is_read_goes_on_in_the_next)
+{
+    ManualClock clock;
+    ByHand      layer;
+    layer.events.on_event = [&](const Recorder::Event &event) {
+        if (event.event == NETIP_EVENT_DATA)
+            clock.advance_ms(10);
+        return true;
+    };
+    const Bytes half = packet(0x30, repeat('x', 2045)); // a receive takes two
+    serve_what_was_left(half + half + half + half + half);
+    const auto events_after_round = [&] {
+        EXPECT_EQ(run_round(0, 0), 1);
+        return layer.events.seen().size();
+    };
+    EXPECT_EQ(events_after_round(), 2u);
+    EXPECT_EQ(events_after_round(), 4u);
+    EXPECT_EQ(events_after_round(), 5u);
+    EXPECT_EQ(layer.events.count(disconnected(0, 0)), 0u);
+    EXPECT_EQ(events_after_round(), 6u);
+    EXPECT_EQ(layer.events.seen().back(), disconnected(0, 0));
+    EXPECT_EQ(run_round(0, 0), 0);
+}
+
+TEST(round, an_end_that_the_callback_objects_to_is_told_again_but_nothing_is_read_twice)
+{
+    ByHand layer;
+    bool   agrees         = false;
+    layer.events.on_event = [&](const Recorder::Event &event) {
+        return event.event != NETIP_EVENT_DISCONNECTED || agrees;
+    };
+    serve_what_was_left(wire("C0 00"));
+    EXPECT_EQ(run_round(0, 0), 1);
+    EXPECT_EQ(run_round(0, 0), 0); // it rests; an idle round ends that
+    agrees = true;
+    EXPECT_EQ(run_round(0, 0), 1);
+    EXPECT_EQ(run_round(0, 0), 0);
+    EXPECT_THAT(layer.events.seen(), ElementsAre(data(0, wire("C0 00")), disconnected(0, 0), disconnected(0, 0)));
+}
+
+TEST(round, a_full_buffer_whose_end_was_objected_to_is_told_again_with_the_next_byte)
 {
     ByHand layer;
     int    pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    const Fd peer(pair[1]);
+    bool     agrees       = false;
+    layer.events.on_event = [&](const Recorder::Event &event) {
+        return event.event != NETIP_EVENT_DISCONNECTED || agrees;
+    };
     layer.serve(pair[0]);
-    EXPECT_EQ(write(pair[1], "\xC0\x00", 2), 2);
-    EXPECT_EQ(close(pair[1]), 0);
+    const Bytes undecodable = repeat(0xFF, 4096);
+    EXPECT_EQ(write(peer.get(), undecodable.data(), undecodable.size()), 4096);
     EXPECT_EQ(run_round(0, 0), 1);
     EXPECT_THAT(layer.events.seen(), ElementsAre(disconnected(0, 0)));
+    EXPECT_EQ(run_round(0, 0), 0);
+    EXPECT_EQ(run_round(0, 0), 0) << "watched again, and nothing to tell";
+    agrees = true;
+    EXPECT_EQ(write(peer.get(), "x", 1), 1);
+    EXPECT_EQ(run_round(0, 0), 1);
+    EXPECT_THAT(layer.events.seen(), ElementsAre(disconnected(0, 0), disconnected(0, 0)));
 }
 
 TEST(round, by_hand)

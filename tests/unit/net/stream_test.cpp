@@ -2,6 +2,9 @@
 #include "support/faults.h"
 #include "support/log_capture.h"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+
 using namespace tarn;
 using namespace tarn::net;
 using namespace tarn::test;
@@ -106,20 +109,31 @@ TEST(stream, packets_before_one_that_is_too_large_are_still_delivered)
     EXPECT_THAT(layer.events.wait_for(3), ElementsAre(connected(0), data(0, wire("C0 00")), disconnected(0, 0)));
 }
 
-TEST(stream, undecodable_bytes_end_the_connection_with_the_4097th)
+TEST(stream, undecodable_bytes_end_the_connection_with_the_4096th)
 {
     Layer layer;
     Peer  peer;
     layer.events.wait_for(1);
-    peer.send(wire("30 FF FF FF FF") + repeat(0, 4091));
+    peer.send(wire("30 FF FF FF FF") + repeat(0, 4090));
     EXPECT_TRUE(eventually([] {
         SlotLock slot(0);
-        return slot && slot->rx_len == 4096;
+        return slot && slot->rx_len == 4095;
     }));
     std::this_thread::sleep_for(kSilence);
     EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0)));
     peer.send("00");
     EXPECT_THAT(layer.events.wait_for(2), ElementsAre(connected(0), disconnected(0, 0)));
+    EXPECT_EQ(peer.end(), 0);
+}
+
+TEST(stream, a_packet_of_4097_bytes_ends_the_connection_before_its_last_byte_comes)
+{
+    Layer       layer;
+    Peer        peer;
+    const Bytes large = packet(0x30, repeat('x', 4094));
+    peer.send(Bytes(large.begin(), large.end() - 1));
+    EXPECT_THAT(layer.events.wait_for(2), ElementsAre(connected(0), disconnected(0, 0)));
+    EXPECT_EQ(peer.end(), 0);
 }
 
 TEST(stream, a_connection_that_ends_inside_a_packet)
@@ -246,6 +260,134 @@ TEST(stream, one_peer_with_slow_packets_leaves_room_for_others)
     EXPECT_TRUE(eventually([&] { return slow >= 1; }));
     other.send("C0 00");
     EXPECT_TRUE(eventually([&] { return slow == 40; }));
+    EXPECT_GE(slow_before_other, 1);
+    EXPECT_LT(slow_before_other, 12) << "those of one or two receives";
+}
+
+namespace {
+
+// Everything sent has reached the other side's kernel, which a reset does not take back.
+bool all_arrived(const Peer &peer)
+{
+    int waiting = 0;
+    return eventually([&] { return ioctl(peer.fd(), SIOCOUTQ, &waiting) == 0 && waiting == 0; });
+}
+
+enum class Ending { Closed, ClosedOverAnswers, Reset };
+
+void PrintTo(Ending ending, std::ostream *out)
+{
+    *out << (ending == Ending::Closed ? "closed" : ending == Ending::Reset ? "reset" : "closed_over_unread_answers");
+}
+
+struct burst : testing::TestWithParam<Ending> {
+    static constexpr int kPackets = 20; // five receives
+
+    static Bytes nth(int i) { return packet(0x30, repeat(static_cast<uint8_t>(i), 1000)); }
+
+    // Sends all packets and ends the connection while the callback is busy with the first of them.
+    void send_and_end(Peer &peer)
+    {
+        Bytes all;
+        for (int i = 0; i < kPackets; ++i)
+            all = all + nth(i);
+        peer.send(all);
+        ASSERT_TRUE(all_arrived(peer));
+        ASSERT_TRUE(eventually([&] { return answered_.load(); }));
+        if (GetParam() == Ending::ClosedOverAnswers) {
+            EXPECT_TRUE(readable(peer.fd(), kPatience));
+        }
+        GetParam() == Ending::Reset ? peer.reset() : peer.close();
+        ended_ = true;
+    }
+    // For each packet: longer than a connection's turn in a round.
+    void handle(const Recorder::Event &event)
+    {
+        if (!answered_ && GetParam() == Ending::ClosedOverAnswers) {
+            EXPECT_EQ(send_bytes(event.handle, wire("D0 00")), 0u);
+        }
+        answered_ = true;
+        EXPECT_TRUE(eventually([&] { return ended_.load(); }));
+        std::this_thread::sleep_for(11ms);
+    }
+    static std::vector<std::string> all_events(uint32_t reason)
+    {
+        std::vector<std::string> events = {connected(0)};
+        for (int i = 0; i < kPackets; ++i)
+            events.push_back(data(0, nth(i)));
+        events.push_back(disconnected(0, reason));
+        return events;
+    }
+
+private:
+    std::atomic<bool> answered_{false}, ended_{false};
+};
+
+} // namespace
+
+TEST_P(burst, before_the_end_of_a_connection_is_handled_to_its_last_packet)
+{
+    Layer layer([&](const Recorder::Event &event) {
+        if (event.event == NETIP_EVENT_DATA)
+            handle(event);
+        return true;
+    });
+    Peer  peer;
+    send_and_end(peer);
+    EXPECT_EQ(layer.events.wait_for(kPackets + 2), all_events(0));
+}
+
+TEST_P(burst, whose_last_packet_closes_the_connection_is_no_broken_one)
+{
+    Layer layer([&](const Recorder::Event &event) {
+        if (event.event == NETIP_EVENT_DATA) {
+            handle(event);
+            if (event.bytes[3] == kPackets - 1)
+                netip_close(event.handle);
+        }
+        return true;
+    });
+    Peer  peer;
+    send_and_end(peer);
+    layer.events.wait_for(kPackets + 2);
+    Peer next;
+    next.send("C0 00"); // a round later
+    layer.events.wait_for(kPackets + 4);
+    std::vector<std::string> expected = all_events(2);
+    expected.insert(expected.end(), {connected(1), data(1, wire("C0 00"))});
+    EXPECT_EQ(layer.events.seen(), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(, burst, testing::Values(Ending::Closed, Ending::ClosedOverAnswers, Ending::Reset),
+                         testing::PrintToStringParamName());
+
+TEST(stream, a_broken_connection_with_slow_packets_leaves_room_for_others)
+{
+    std::atomic<int>  slow{0};
+    std::atomic<int>  slow_before_other{-1};
+    std::atomic<bool> all_sent{false};
+    Layer             layer([&](const Recorder::Event &event) {
+        if (event.event == NETIP_EVENT_DATA && event.length == 2) {
+            slow_before_other = slow.load();
+        } else if (event.event == NETIP_EVENT_DATA) {
+            ++slow;
+            EXPECT_TRUE(eventually([&] { return all_sent.load(); }));
+            std::this_thread::sleep_for(11ms);
+        }
+        return true;
+    });
+    Peer              burst, other;
+    layer.events.wait_for(2);
+    Bytes all;
+    for (int i = 0; i < 40; ++i)
+        all = all + packet(0x30, repeat('x', 1000));
+    burst.send(all);
+    EXPECT_TRUE(all_arrived(burst) && eventually([&] { return slow >= 1; }));
+    burst.reset();
+    other.send("C0 00");
+    all_sent = true;
+    layer.events.wait_for(2 + 41 + 1);
+    EXPECT_EQ(slow, 40);
     EXPECT_GE(slow_before_other, 1);
     EXPECT_LT(slow_before_other, 12) << "those of one or two receives";
 }
