@@ -389,7 +389,7 @@ TEST(delivery, what_the_host_broadcasts_is_not_repeated_once_acknowledged)
 
 TEST(delivery, wills_of_kicked_clients_are_acknowledged_as_expected)
 {
-    Host host;
+    Host host(200); // each will without a delay keeps its record
     Peer watcher = Peer::tcp();
     watcher.connect_v4("watcher").subscribe("w", 1);
     LogCapture log(2);
