@@ -101,7 +101,7 @@ void stall_then_read_slowly(unsigned qos, size_t size)
 {
     Stalled test(qos, size);
     for (int turn = 0; turn < 40 && !testing::Test::HasFatalFailure(); ++turn) {
-        test.write(size < 100 ? 400 : 50);
+        test.write(size < 1000 ? 200 : 50);
         if (turn >= 10)
             test.read_some(3);
     }
@@ -116,7 +116,7 @@ void stall_then_read_slowly(unsigned qos, size_t size)
 
 TEST(stalled, a_reader_gets_whole_packets)
 {
-    stall_then_read_slowly(0, 40);
+    stall_then_read_slowly(0, 300);
 }
 
 TEST(stalled, a_reader_gets_whole_large_packets)
@@ -126,7 +126,7 @@ TEST(stalled, a_reader_gets_whole_large_packets)
 
 TEST(stalled, a_reader_gets_whole_packets_at_qos_1)
 {
-    stall_then_read_slowly(1, 40);
+    stall_then_read_slowly(1, 300);
 }
 
 TEST(stalled, a_reader_gets_whole_large_packets_at_qos_1)
