@@ -22,6 +22,7 @@ SEAMS = {
     "codec/publish_link.h": "encoding one message for many receivers",
     "log/log.h": "lines whose arguments are not evaluated below the level",
     "net/netip_link.h": "one connection named exactly, many packets in one write",
+    "qos/booking.h": "a delivery queued and booked in one step",
     "persist/session_store.h": "whether a saved session exists",
     "sub/route.h": "matches without copies of whole entries",
 }

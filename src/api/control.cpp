@@ -36,6 +36,7 @@ int32_t tarn_sdk_mqtt_broker_kick_client(broker_t *broker, const char *client_id
         LOG_WARN("[SDK] kick client '%s' already closed", id);
         return TARN_OK;
     }
+    end_with_disconnect(*client);
     packet_handler_send_disconnect(client.get(), kAdministrativeAction);
     close_seen(*client, state);
     LOG_INFO("[SDK] kick client success: %s", id);

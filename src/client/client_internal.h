@@ -27,6 +27,9 @@ constexpr int32_t  kOutside   = -1; // pool index of a record that is not in the
 
 extern Mutex bucket_mx; // entries of by_cid, and the chains behind them
 
+// The DISCONNECT of the broker's that ends a connection; see end_with_disconnect().
+enum class LastPacket : uint8_t { None, Announced, Queued };
+
 struct Side {
     std::atomic<uint64_t> ctl;           // pins, RELEASED, WIPING, life number: see pins.cpp
     std::atomic<uint32_t> generation;    // of the connection the record was made for, 0 = unknown
@@ -38,6 +41,8 @@ struct Side {
     std::atomic<uint8_t>  refusals;      // failed sends in a row, other than "would block"
     uint8_t               flushing;      // one thread sends from the ring; send_lock
     uint8_t               ring_used;     // slots written since the ring's pages were given back, at most 100; send_lock
+    LastPacket            last_packet;   // send_lock
+    uint8_t               sent_until;    // with LastPacket::Queued: slot behind the last that is sent; send_lock
     std::atomic<int32_t>  next_ready;    // ready list of the send thread: index + 1, 0 = end
     std::atomic<int32_t>  subs_high;     // session.subs[] and .msgs[] are zero from here on
     std::atomic<int32_t>  msgs_high;

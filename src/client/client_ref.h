@@ -92,6 +92,15 @@ void release_called_off(mqtt_client_t &client) noexcept;
 // False while no closed client waits for its delayed will: what CONNECT asks before it looks for one to cancel.
 [[nodiscard]] bool wills_are_parked() noexcept;
 
+// client_send in two steps, for who has to do something before the packet may leave. The caller holds a pin, and sees
+// to the sending of what was queued (result 0) soon.
+uint32_t queue_packet(mqtt_client_t &client, const uint8_t *bytes, int32_t length) noexcept;
+void     see_to_sending(mqtt_client_t &client) noexcept;
+
+// The next DISCONNECT that is queued for this client is the last packet sent to it: the caller closes it then, and what
+// is queued meanwhile, its own will for one, stays in the ring. A record outside the pool is sent all.
+void end_with_disconnect(mqtt_client_t &client) noexcept;
+
 // Sends what is queued for this client now, on the calling thread, as far as the socket takes it.
 void flush_client(mqtt_client_t &client) noexcept;
 

@@ -153,6 +153,8 @@ void fill(mqtt_client_t &client, uint32_t handle, const char *ip, uint16_t port,
         ScopedLock lock(client.send_lock);
         poke(client.send_head, 0);
         poke(client.send_tail, 0);
+        if (Side *const side = side_of(&client))
+            side->last_packet = LastPacket::None;
     }
     reset_will(client);
     empty_session(client); // a holder of the record before may have written it behind its release

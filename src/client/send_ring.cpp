@@ -3,7 +3,12 @@
 // The ring is empty at head == tail and full with one slot left, so it holds 99 packets. Packets are sent without
 // send_lock: slots from head on belong to the thread that set the `flushing` mark until it moves head, so producers
 // never wait for the socket. For a record outside the pool there is no mark, and the lock is kept.
+//
+// A packet leaves the ring with its last byte. Of one that the socket took in part the network layer knows how much, and
+// goes on there when the packet comes to it again: a client that reads nothing for a while may lose whole packets to a
+// full ring, but never gets a part of one, behind which it would read payload as packets.
 #include "../base/text.h"
+#include "../codec/packet_type.h"
 #include "../stats/mqtt_stats.h"
 #include "client_internal.h"
 
@@ -35,7 +40,7 @@ struct Batch {
     net::Packet         packets[net::kGatherMax];
 };
 
-// The packets from head on, up to the first slot that is not ready.
+// The packets from head on, up to the first slot that is not ready or the last packet of the connection.
 void gather(mqtt_client_t &client, int limit, Batch &batch) REQUIRES(client.send_lock)
 {
     const Side *const side = side_of(&client);
@@ -43,7 +48,8 @@ void gather(mqtt_client_t &client, int limit, Batch &batch) REQUIRES(client.send
     batch.handle           = peek(client.handle);
     batch.generation       = side ? side->generation.load(std::memory_order_relaxed) : 0;
     batch.count            = 0;
-    for (int at = client.send_head; at != client.send_tail && batch.count < limit; at = next_of(at)) {
+    const int end          = side && side->last_packet == LastPacket::Queued ? side->sent_until : client.send_tail;
+    for (int at = client.send_head; at != end && batch.count < limit; at = next_of(at)) {
         const client_send_slot_t &slot = batch.ring[at % CLIENT_SEND_SLOTS];
         if (!slot.ready)
             return;
@@ -90,6 +96,16 @@ bool send_batch(mqtt_client_t &client, Side *side, int limit, int &sent_packets,
     return result == Flushed::Drained;
 }
 
+void note_queued(mqtt_client_t &client, Side &side, int type) REQUIRES(client.send_lock)
+{
+    if (side.ring_used < CLIENT_SEND_SLOTS)
+        poke(side.ring_used, static_cast<uint8_t>(side.ring_used + 1));
+    if (type == DISCONNECT && side.last_packet == LastPacket::Announced) {
+        side.last_packet = LastPacket::Queued;
+        side.sent_until  = client.send_tail;
+    }
+}
+
 enum class Queued { Ok, Offline, NoRing, Full };
 
 Queued enqueue(mqtt_client_t &client, const uint8_t *bytes, int32_t length) EXCLUDES(client.send_lock)
@@ -112,8 +128,8 @@ Queued enqueue(mqtt_client_t &client, const uint8_t *bytes, int32_t length) EXCL
     slot.length = length;
     slot.ready  = 1;
     poke(client.send_tail, static_cast<uint8_t>(next));
-    if (Side *const side = side_of(&client); side && side->ring_used < CLIENT_SEND_SLOTS)
-        poke(side->ring_used, static_cast<uint8_t>(side->ring_used + 1));
+    if (Side *const side = side_of(&client))
+        note_queued(client, *side, bytes[0] >> 4);
     return Queued::Ok;
 }
 
@@ -138,18 +154,6 @@ Queued enqueue_making_room(mqtt_client_t &client, const uint8_t *bytes, int32_t 
     const Flushed result = flush_in_turn(client, true);
     side->round_blocked.store(result == Flushed::Full || result == Flushed::Refused, std::memory_order_relaxed);
     return enqueue(client, bytes, length);
-}
-
-// Somebody has to send it: the running I/O round at its end, or else the send thread, now.
-void see_to_sending(mqtt_client_t &client)
-{
-    const int32_t index = index_of(&client);
-    if (index == kOutside)
-        return;
-    if (in_io_round())
-        add_to_round(index);
-    else
-        hand_to_send_thread(index);
 }
 
 } // namespace
@@ -227,22 +231,21 @@ void drop_ring(mqtt_client_t &client) noexcept
 using namespace tarn;
 using namespace tarn::client;
 
-uint32_t client_send(mqtt_client_t *client, const uint8_t *bytes, int32_t length)
+uint32_t tarn::queue_packet(mqtt_client_t &client, const uint8_t *bytes, int32_t length) noexcept
 {
-    if (!client || !bytes || length < 1 || length > CLIENT_SEND_SLOT_BYTES) {
+    if (!bytes || length < 1 || length > CLIENT_SEND_SLOT_BYTES) {
         mqtt_stats_inc_drop_invalid_param();
         return kFailed;
     }
-    const client_ref pin(client);
-    if (!is_online(*client)) {
+    if (!is_online(client)) {
         mqtt_stats_inc_drop_offline();
         return kFailed;
     }
-    if (static_cast<uint32_t>(length) > peek(client->max_packet_size)) {
+    if (static_cast<uint32_t>(length) > peek(client.max_packet_size)) {
         mqtt_stats_inc_drop_too_big();
         return kFailed;
     }
-    switch (enqueue_making_room(*client, bytes, length)) {
+    switch (enqueue_making_room(client, bytes, length)) {
     case Queued::Offline:
         mqtt_stats_inc_drop_offline();
         return kFailed;
@@ -256,7 +259,39 @@ uint32_t client_send(mqtt_client_t *client, const uint8_t *bytes, int32_t length
         break;
     }
     mqtt_stats_inc_tx_pkt();
-    client_update_active(client);
+    client_update_active(&client);
+    return 0;
+}
+
+// The running I/O round sends at its end, or else the send thread, now.
+void tarn::see_to_sending(mqtt_client_t &client) noexcept
+{
+    const int32_t index = index_of(&client);
+    if (index == kOutside)
+        return;
+    if (in_io_round())
+        add_to_round(index);
+    else
+        hand_to_send_thread(index);
+}
+
+void tarn::end_with_disconnect(mqtt_client_t &client) noexcept
+{
+    Side *const side = side_of(&client);
+    ScopedLock  lock(client.send_lock);
+    if (side && side->last_packet == LastPacket::None)
+        side->last_packet = LastPacket::Announced;
+}
+
+uint32_t client_send(mqtt_client_t *client, const uint8_t *bytes, int32_t length)
+{
+    if (!client) {
+        mqtt_stats_inc_drop_invalid_param();
+        return kFailed;
+    }
+    const client_ref pin(client);
+    if (const uint32_t failed = queue_packet(*client, bytes, length))
+        return failed;
     see_to_sending(*client);
     return 0;
 }

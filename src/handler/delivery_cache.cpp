@@ -34,11 +34,11 @@ DeliveryCache::Encoded DeliveryCache::encode(uint32_t version, uint32_t qos, uin
     return {CODEC_OK, form.bytes.get(), length};
 }
 
-bool DeliveryCache::only_buffer_too_small(int code, uint32_t version) const noexcept
+// The packet of a retransmission: neither expiry nor alias, so its properties are the one byte of their length.
+bool DeliveryCache::scan_can_encode(int code, uint32_t version) const noexcept
 {
-    const size_t properties = 1 + (message_.msg_expiry_interval != 0 ? 5u : 0u) + (message_.topic_alias != 0 ? 4u : 0u);
-    const size_t body = 2 + message_.topic.size() + (message_.qos != 0 ? 2u : 0u) + (version == 5 ? properties : 0u) +
-                        message_.payload.size();
+    const size_t body =
+        2 + message_.topic.size() + (message_.qos != 0 ? 2u : 0u) + (version == 5 ? 1u : 0u) + message_.payload.size();
     return code == CODEC_E_BUFFER && body <= CODEC_BODY_MAX;
 }
 

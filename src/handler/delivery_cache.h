@@ -39,8 +39,9 @@ public:
 
     Encoded encode(uint32_t version, uint32_t qos, uint16_t id) noexcept;
 
-    // True when a larger buffer is all that a delivery refused with `code` lacked.
-    bool only_buffer_too_small(int code, uint32_t version) const noexcept;
+    // True when a delivery that was refused with `code` for want of room can be retransmitted all the same: the scan
+    // has a larger buffer and sends no properties.
+    bool scan_can_encode(int code, uint32_t version) const noexcept;
 
 private:
     struct Form {

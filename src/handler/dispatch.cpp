@@ -44,6 +44,7 @@ int close_oversized(mqtt_client_t &client, Packet packet, uint32_t limit)
     LOG_ERROR("[MQTT过载保护] 报文超长关闭连接：Client=%s, 接收=%d, 协商最大=%d", client.client_id,
               static_cast<int>(packet.size()), static_cast<int>(limit));
     const uint32_t state = peek(client.state);
+    end_with_disconnect(client);
     packet_handler_send_disconnect(&client, kPacketTooLarge);
     close_seen(client, state);
     return -1;

@@ -14,7 +14,7 @@ struct HostPath : BasicPath {
 
     using BasicPath::BasicPath;
 
-    bool tracks() const { return false; } // but see encoded()
+    bool tracks() const { return false; } // once queued: see encoded()
     bool passes_over(const Receiver &to) { return to.route.client_id[0] == '\0'; }
     void absent(const Receiver &to, const mqtt_client_t *, uint32_t)
     {
@@ -34,8 +34,9 @@ struct HostPath : BasicPath {
     // then. Before it is queued, since its acknowledgement may come in on another thread.
     void encoded(mqtt_client_t &client, const DeliveryCache &cache, int code, uint32_t version)
     {
-        if (message.qos != 0 && (code == CODEC_OK || cache.only_buffer_too_small(code, version)))
-            track(client, message);
+        if (message.qos != 0 && (code == CODEC_OK || cache.scan_can_encode(code, version)))
+            (void)qos_reliable_add_packet(&client, message.msg_id, static_cast<uint8_t>(message.qos),
+                                          message.topic_text(), message.payload.data(), message.payload_len());
     }
 };
 

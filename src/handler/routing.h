@@ -7,7 +7,7 @@
 #define TARN_HANDLER_ROUTING_H
 
 #include "../persist/session_store.h"
-#include "../qos/qos_reliable.h"
+#include "../qos/booking.h"
 #include "../sub/route.h"
 #include "delivery_cache.h"
 #include "handler_internal.h"
@@ -70,10 +70,18 @@ struct BasicPath {
     void sent(const Receiver &) {}
 };
 
-inline void track(mqtt_client_t &client, const Message &message) noexcept
+inline qos::Delivery delivery_of(mqtt_client_t &client, const Message &message, bool tracked, bool remembered) noexcept
 {
-    (void)qos_reliable_add_packet(&client, message.msg_id, static_cast<uint8_t>(message.qos), message.topic_text(),
-                                  message.payload.data(), message.payload_len());
+    return {client,  message.msg_id, static_cast<uint8_t>(message.qos), message.topic_text(), message.payload,
+            tracked, remembered};
+}
+
+// Most messages have nothing to be booked and need not queue up at the pending deliveries.
+inline qos::Booked send_delivery(const qos::Delivery &delivery, Packet packet) noexcept
+{
+    if (delivery.tracked || delivery.remembered)
+        return qos::send_booked(delivery, packet);
+    return {client_send(&delivery.client, packet.data(), static_cast<int32_t>(packet.size()))};
 }
 
 // The smaller of the message's and the granted QoS, a fresh identifier, one copy for every matching subscription.
@@ -99,16 +107,17 @@ template <class Path> bool deliver(DeliveryCache &cache, Path &path, const Recei
         return false;
     }
     poke(client.codec.last_packet_type, uint32_t{PUBLISH});
-    if (const uint32_t result = client_send(&client, packet.bytes, packet.length)) {
-        path.not_sent(to, result);
+    const qos::Delivery delivery =
+        delivery_of(client, path.message, path.tracks() && qos != 0, Path::kRemembersQos1 && qos == 1);
+    const qos::Booked booked = send_delivery(delivery, {packet.bytes, static_cast<size_t>(packet.length)});
+    if (booked.result != 0) {
+        path.not_sent(to, booked.result);
         return false;
     }
 
     path.sent(to);
-    if (path.tracks() && qos != 0)
-        track(client, path.message);
-    if (Path::kRemembersQos1 && qos == 1)
-        poke(client.qos1_pending_msg_id, id);
+    if (delivery.tracked)
+        qos::say_booked(delivery, booked);
     return true;
 }
 

@@ -19,12 +19,20 @@ namespace tarn::net {
 
 // ---- slots (slot.cpp)
 
+// A packet of which the socket has taken a part only; see send_packets().
+struct HalfSent {
+    const uint8_t *packet; // null = none
+    int32_t        sent;   // bytes
+    uint64_t       socket; // see identity_of() in send.cpp
+};
+
 struct SlotSide {
     uint32_t              generation;     // names the connection in the slot; 0: free, or not put there by this layer
     std::atomic<uint32_t> visitors;       // threads at or behind the slot's lock
     std::atomic<uint16_t> users;          // holds (SlotHold) on the connection; the slot is not reused before they end
     uint8_t               wants_writable; // registered for writable events. Slot lock
     uint8_t               resting;        // taken out of epoll for a while. Slot lock
+    HalfSent              half_sent;      // Slot lock
 };
 extern SlotSide g_side[NETIP_CLIENTS_MAX];
 

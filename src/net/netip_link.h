@@ -26,12 +26,15 @@ bool is_open(Connection connection) noexcept;
 // Sends 1..kGatherMax packets in order without blocking: on TCP as one write, on UDP one datagram each. A packet that
 // netip_send would refuse ends the list with NETIP_INVALID. With a generation nothing is sent to another connection
 // that has the handle by now.
+//
+// Of a packet that the socket takes only in part the rest is owed: it is not counted, and the next list is to begin
+// with the same packet at the same place, which then goes on where it stopped. Another one in front is sent whole.
 struct Packet {
     const uint8_t *bytes;
     int32_t        length;
 };
 struct Sent {
-    int      packets; // accepted, counted from the front; one that was cut inside counts
+    int      packets; // accepted to their last byte, counted from the front
     uint32_t result;  // NETIP_OK when all were accepted, else NETIP_AGAIN or NETIP_INVALID
 };
 constexpr int kGatherMax = 64;

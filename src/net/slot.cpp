@@ -161,6 +161,7 @@ Connection open_slot(uint32_t type, int fd, const PeerAddress &peer) noexcept
     inet_ntop(AF_INET, &peer.address.sin_addr, slot.ip, sizeof slot.ip);
 
     side.wants_writable = 0;
+    side.half_sent      = {};
     side.users.fetch_add(1, std::memory_order_relaxed);
     poke(side.generation, next_generation());
     poke_release(slot.in_use, 1);

@@ -7,12 +7,14 @@
 #include "../client/client_ref.h"
 #include "../codec/mqtt_codec.h"
 #include "../log/log.h"
+#include "booking.h"
 #include "qos_internal.h"
 
 #include <cstdlib>
 #include <cstring>
 
 using namespace tarn;
+using qos::Added;
 
 namespace {
 
@@ -27,23 +29,18 @@ const char *name_of(uint8_t packet_type)
 // QUIRK(empty-unrepeated): a message without a payload is sent once and not repeated, whatever its QoS, so a receiver
 // that lost it never gets it [MQTT-4.3.2-1, MQTT-4.3.3-1]; an ERROR line tells. Send a byte where it matters.
 //   test: publish.an_empty_message_at_qos_1_is_sent_but_not_tracked
-bool is_trackable(const mqtt_client_t *client, uint8_t qos, const char *topic, const void *payload,
-                  uint32_t payload_len)
+// What is wrong with the arguments, or Added::Yes.
+Added check(const mqtt_client_t *client, uint8_t qos, const char *topic, const void *payload, uint32_t payload_len)
 {
     if (!client)
-        LOG_ERROR("[QoS] 添加报文参数错误：客户端为空");
-    else if (!topic || !*topic)
-        LOG_ERROR("[QoS] 添加报文参数错误：主题为空");
-    else if (!payload || payload_len == 0)
-        LOG_ERROR("[QoS] 添加报文参数错误：payload为空");
-    else if (payload_len > QOS_PAYLOAD_MAX)
-        LOG_ERROR("[QoS] 添加报文参数错误：payload长度超限（最大%d字节，当前%d字节）", QOS_PAYLOAD_MAX,
-                  static_cast<int>(payload_len));
-    else if (qos != 1 && qos != 2)
-        LOG_ERROR("[QoS] 添加报文参数错误：QoS非法（仅支持1/2，当前%d）", qos);
-    else
-        return true;
-    return false;
+        return Added::NoClient;
+    if (!topic || !*topic)
+        return Added::NoTopic;
+    if (!payload || payload_len == 0)
+        return Added::NoPayload;
+    if (payload_len > QOS_PAYLOAD_MAX)
+        return Added::TooLong;
+    return qos == 1 || qos == 2 ? Added::Yes : Added::BadQos;
 }
 
 void fill(qos_packet_t &entry, mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic, uint64_t now_ms)
@@ -58,11 +55,11 @@ void fill(qos_packet_t &entry, mqtt_client_t *client, uint16_t msg_id, uint8_t q
     entry.create_ms         = now_ms;
 }
 
-enum class Added { Yes, Full, NoEntry, NoPayload };
-
 Added add(mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic, const void *payload,
           uint32_t payload_len, int &count) REQUIRES(g_queue_mutex)
 {
+    if (const Added wrong = check(client, qos, topic, payload, payload_len); wrong != Added::Yes)
+        return wrong;
     if (is_released(client))
         return Added::Yes; // its entries were dropped a moment ago, and this one with them
     count = qos::count_of(client);
@@ -74,7 +71,7 @@ Added add(mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic
     entry->payload = static_cast<uint8_t *>(malloc(payload_len));
     if (!entry->payload) {
         qos::free_entry(entry);
-        return Added::NoPayload;
+        return Added::NoPayloadMemory;
     }
     memcpy(entry->payload, payload, payload_len);
     entry->payload_len = payload_len;
@@ -82,6 +79,43 @@ Added add(mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic
     qos::link_entry(entry);
     qos::note_due(entry->last_send_ms + QOS_FIRST_RETRY_MS + 1);
     return Added::Yes;
+}
+
+int say_added(mqtt_client_t *client, uint16_t msg_id, uint8_t qos, uint32_t payload_len, Added added, int count)
+{
+    switch (added) {
+    case Added::NoClient:
+        LOG_ERROR("[QoS] 添加报文参数错误：客户端为空");
+        return -1;
+    case Added::NoTopic:
+        LOG_ERROR("[QoS] 添加报文参数错误：主题为空");
+        return -1;
+    case Added::NoPayload:
+        LOG_ERROR("[QoS] 添加报文参数错误：payload为空");
+        return -1;
+    case Added::TooLong:
+        LOG_ERROR("[QoS] 添加报文参数错误：payload长度超限（最大%d字节，当前%d字节）", QOS_PAYLOAD_MAX,
+                  static_cast<int>(payload_len));
+        return -1;
+    case Added::BadQos:
+        LOG_ERROR("[QoS] 添加报文参数错误：QoS非法（仅支持1/2，当前%d）", qos);
+        return -1;
+    case Added::Full:
+        LOG_ERROR("[QoS] 客户端未完成队列已满(client=%s)，最大支持%d条，当前%d条", id_of(*client).text, QOS_PENDING_MAX,
+                  count);
+        return -1;
+    case Added::NoEntry:
+        LOG_ERROR("[QoS] 添加报文失败：分配报文节点内存失败");
+        return -1;
+    case Added::NoPayloadMemory:
+        LOG_ERROR("[QoS] 添加报文失败：分配payload内存失败（需要%d字节）", static_cast<int>(payload_len));
+        return -1;
+    case Added::Yes:
+        break;
+    }
+    LOG_DEBUG("[QoS] 添加QoS%d报文到队列成功(msg_id=%d, client=%s, 载荷长度=%d)", qos, msg_id, id_of(*client).text,
+              static_cast<int>(payload_len));
+    return 0;
 }
 
 // Sends the next packet of the QoS 2 handshake. False when it could not be encoded.
@@ -167,34 +201,41 @@ int on_pubcomp(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mute
 
 } // namespace
 
+qos::Booked qos::send_booked(const Delivery &delivery, std::span<const uint8_t> packet) noexcept
+{
+    mqtt_client_t &client = delivery.client;
+    Booked         booked;
+    {
+        ScopedLock lock(g_queue_mutex);
+        booked.result = queue_packet(client, packet.data(), static_cast<int32_t>(packet.size()));
+        if (booked.result != 0)
+            return booked;
+        if (delivery.tracked)
+            booked.added = add(&client, delivery.msg_id, delivery.qos, delivery.topic, delivery.payload.data(),
+                               static_cast<uint32_t>(delivery.payload.size()), booked.count);
+        if (delivery.remembered)
+            poke(client.qos1_pending_msg_id, delivery.msg_id);
+    }
+    see_to_sending(client);
+    return booked;
+}
+
+void qos::say_booked(const Delivery &delivery, const Booked &booked) noexcept
+{
+    (void)say_added(&delivery.client, delivery.msg_id, delivery.qos, static_cast<uint32_t>(delivery.payload.size()),
+                    booked.added, booked.count);
+}
+
 int qos_reliable_add_packet(mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic, const void *payload,
                             uint32_t payload_len)
 {
-    if (!is_trackable(client, qos, topic, payload, payload_len))
-        return -1;
     Added added;
     int   count = 0;
     {
         ScopedLock lock(g_queue_mutex);
         added = add(client, msg_id, qos, topic, payload, payload_len, count);
     }
-    switch (added) {
-    case Added::Full:
-        LOG_ERROR("[QoS] 客户端未完成队列已满(client=%s)，最大支持%d条，当前%d条", id_of(*client).text, QOS_PENDING_MAX,
-                  count);
-        return -1;
-    case Added::NoEntry:
-        LOG_ERROR("[QoS] 添加报文失败：分配报文节点内存失败");
-        return -1;
-    case Added::NoPayload:
-        LOG_ERROR("[QoS] 添加报文失败：分配payload内存失败（需要%d字节）", static_cast<int>(payload_len));
-        return -1;
-    case Added::Yes:
-        break;
-    }
-    LOG_DEBUG("[QoS] 添加QoS%d报文到队列成功(msg_id=%d, client=%s, 载荷长度=%d)", qos, msg_id, id_of(*client).text,
-              static_cast<int>(payload_len));
-    return 0;
+    return say_added(client, msg_id, qos, payload_len, added, count);
 }
 
 int qos_reliable_handle_ack(mqtt_client_t *client, uint16_t msg_id, uint8_t packet_type)

@@ -1,17 +1,20 @@
 // Delivery at QoS 1: to fifty subscribers that acknowledge each in its own way while messages keep coming, and what one
 // identifier of 0 does.
+#include "handler/packet_handler.h"
 #include "support/host.h"
 #include "support/log_capture.h"
 #include "support/message_loop.h"
 #include "support/peer.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <deque>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
 #include <random>
+#include <thread>
 #include <vector>
 
 using namespace tarn::test;
@@ -335,4 +338,92 @@ TEST(delivery, an_identifier_of_0_loses_one_delivery_and_nothing_else)
     EXPECT_EQ(result.deliveries, 19u);
     EXPECT_EQ(result.disordered, 0u);
     EXPECT_TRUE(wait_until([] { return pending_deliveries().empty(); }));
+}
+
+namespace {
+
+// Takes the next message, acknowledges it at once and returns the packet.
+Bytes take(Peer &peer)
+{
+    const Bytes packet = peer.read_packet();
+    if (packet.size() > 6 && packet[0] >> 4 == 3)
+        peer.acknowledge(0x40, unsigned{packet[4 + packet[3]]} << 8 | packet[5 + packet[3]]);
+    return packet;
+}
+
+int unexpected_acknowledgements(LogCapture &log)
+{
+    int count = 0;
+    for (const LogLine &line : log.take())
+        count += line.text.find("收到无效PUBACK") != std::string::npos;
+    return count;
+}
+
+} // namespace
+
+// The acknowledgement is there before the host's thread has done another thing.
+TEST(delivery, what_the_host_broadcasts_is_not_repeated_once_acknowledged)
+{
+    constexpr int kBroadcasts = 4000;
+    Host          host;
+    Peer          receiver = Peer::tcp();
+    receiver.connect_v4("r").subscribe("t", 1);
+    std::atomic<int> taken{0};
+    std::thread      broadcaster([&] {
+        const Bytes packet = publish_packet(4, "t", "hello", {.qos = 1});
+        for (int sent = 0; sent < kBroadcasts; ++sent) {
+            while (sent - taken >= 30 && taken >= 0)
+                std::this_thread::yield();
+            packet_handler_broadcast_msg(packet.data(), static_cast<uint32_t>(packet.size()), 0);
+        }
+    });
+    for (int i = 0; i < kBroadcasts && taken >= 0; ++i) {
+        const Bytes packet = take(receiver);
+        EXPECT_EQ(packet.empty() ? 0 : packet[0], 0x32) << i;
+        taken = packet.empty() ? -1 : i + 1;
+    }
+    broadcaster.join();
+    receiver.ping();
+    EXPECT_TRUE(pending_deliveries().empty());
+}
+
+TEST(delivery, wills_of_kicked_clients_are_acknowledged_as_expected)
+{
+    Host host(200); // each will without a delay keeps its record
+    Peer watcher = Peer::tcp();
+    watcher.connect_v4("watcher").subscribe("w", 1);
+    LogCapture log(2);
+    for (int i = 0; i < 150 && watcher.ok(); ++i) {
+        Peer client = Peer::tcp();
+        client.connect_v4("kicked", {.will = Will{"w", "gone", 1}});
+        EXPECT_EQ(tarn_sdk_mqtt_broker_kick_client(host.broker(), "kicked"), 0);
+        EXPECT_EQ(take(watcher)[0], 0x32);
+        watcher.ping();
+    }
+    EXPECT_EQ(unexpected_acknowledgements(log), 0);
+}
+
+TEST(delivery, delayed_wills_are_acknowledged_as_expected)
+{
+    constexpr int     kClients = 20;
+    Host              host;
+    std::vector<Peer> watchers;
+    for (int i = 0; i < kClients; ++i) {
+        const std::string number = std::to_string(i);
+        watchers.push_back(Peer::tcp());
+        watchers.back().connect_v4("watcher" + number).subscribe("w/" + number, 1);
+    }
+    LogCapture log(2);
+    for (int i = 0; i < kClients; ++i) {
+        const std::string number = std::to_string(i);
+        Peer              client = Peer::tcp();
+        const Will        will{"w/" + number, "gone", 1, false, wire("18 00 00 00 01")};
+        client.connect_v5("gone" + number, {.will = will});
+    }
+    for (Peer &watcher : watchers) {
+        const Bytes packet = take(watcher);
+        EXPECT_EQ(packet.empty() ? 0 : packet[0], 0x32);
+        watcher.ping();
+    }
+    EXPECT_EQ(unexpected_acknowledgements(log), 0);
 }

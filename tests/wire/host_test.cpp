@@ -189,6 +189,39 @@ TEST(host, kicks_clients)
     EXPECT_EQ(tarn_sdk_mqtt_broker_get_online_count(host.broker()), 0u);
 }
 
+// Its will is one of its own messages, and comes while it is being closed.
+TEST(host, a_kicked_client_gets_nothing_behind_the_disconnect)
+{
+    Host host(200); // each will without a delay keeps its record
+    Peer watcher = Peer::tcp();
+    watcher.connect_v4("watcher").subscribe("w");
+    for (int i = 0; i < 150 && watcher.ok(); ++i) {
+        Peer client = Peer::tcp();
+        client.connect_v4("a", {.will = Will{"w", "oops"}}).subscribe("w");
+        EXPECT_EQ(tarn_sdk_mqtt_broker_kick_client(host.broker(), "a"), 0);
+        client.expect("E0 00");
+        client.expect_closed();
+        watcher.expect("30 07 | 00 01 'w' | 'oops'");
+        ASSERT_TRUE(client.ok()) << i;
+    }
+}
+
+TEST(host, a_delivery_that_only_its_expiry_made_too_large_comes_a_second_later)
+{
+    Host host;
+    Peer receiver = Peer::tcp();
+    receiver.connect_v5("r").subscribe("#", 1);
+    const std::string payload(2048, 'p');
+    for (const size_t topic_chars : {55u, 59u}) {
+        const std::string topic(topic_chars, 't');
+        EXPECT_EQ(host.publish(topic, payload, 1, false, 600), 0);
+        receiver.acknowledge(0x40, receiver.expect_publish(topic, payload, {.qos = 1}));
+    }
+    EXPECT_EQ(host.publish(std::string(60, 't'), payload, 1, false, 600), 0);
+    EXPECT_TRUE(wait_until([] { return pending_deliveries().empty(); }));
+    receiver.expect_nothing(1400);
+}
+
 // Nobody takes an id over: both connections of it stay, and the id means the later one.
 TEST(host, an_id_that_is_used_twice_is_that_of_the_later_client)
 {

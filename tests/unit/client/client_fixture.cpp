@@ -108,11 +108,20 @@ void Socket::stuff()
 }
 
 // Not a byte more: behind them comes already what the broker sends into the room that this makes.
-void Socket::unstuff()
+void Socket::unstuff(size_t bytes)
 {
-    uint8_t part[512];
-    for (ssize_t got; stuffed_ > 0 && (got = recv(ours_, part, std::min(sizeof part, stuffed_), 0)) > 0;)
+    uint8_t      part[512];
+    const size_t stay = stuffed_ - std::min(bytes, stuffed_);
+    for (ssize_t got; stuffed_ > stay && (got = recv(ours_, part, std::min(sizeof part, stuffed_ - stay), 0)) > 0;)
         stuffed_ -= static_cast<size_t>(got);
+}
+
+Bytes Socket::some(size_t bytes)
+{
+    Bytes         part(bytes);
+    const ssize_t got = recv(ours_, part.data(), part.size(), 0);
+    part.resize(got > 0 ? static_cast<size_t>(got) : 0);
+    return part;
 }
 
 size_t Socket::drain()

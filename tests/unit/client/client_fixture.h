@@ -50,12 +50,13 @@ public:
     Socket(const Socket &)            = delete;
     Socket &operator=(const Socket &) = delete;
 
-    Bytes  received();             // what has arrived, without waiting
-    Bytes  wait_for(size_t bytes); // at least so many, or what came within ten seconds
-    bool   closed_by_broker();     // end of stream
-    void   stuff();                // until the broker's end takes no byte more
-    void   unstuff();              // takes that out again
-    size_t drain();                // takes all that has arrived; how many bytes
+    Bytes  received();                       // what has arrived, without waiting
+    Bytes  wait_for(size_t bytes);           // at least so many, or what came within ten seconds
+    bool   closed_by_broker();               // end of stream
+    void   stuff();                          // until the broker's end takes no byte more
+    void   unstuff(size_t bytes = SIZE_MAX); // takes that out again, or so much of it
+    Bytes  some(size_t bytes);               // at most so many of what has arrived
+    size_t drain();                          // takes all that has arrived; how many bytes
 
 private:
     uint32_t handle_;

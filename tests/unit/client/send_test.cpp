@@ -1,5 +1,10 @@
 #include "client_fixture.h"
 
+#include "net/netip_internal.h"
+
+#include <atomic>
+#include <thread>
+
 using namespace tarn;
 using namespace tarn::test;
 
@@ -344,6 +349,204 @@ TEST(client_send_flush, keeps_what_a_full_socket_does_not_take)
     const int now = queued(client);
     client_send_flush(client);
     EXPECT_EQ(queued(client), now) << "would block: all stay";
+}
+
+namespace {
+
+// A packet of this many bytes that tells its number and holds what would be a packet of its own if it were cut.
+Bytes numbered(uint16_t number, size_t size)
+{
+    const Bytes head = u16(number);
+    Bytes       body = head;
+    while (body.size() < size - 3)
+        body = body + wire("30 04 00 01 'c'") + head;
+    body.resize(size - 3);
+    return packet(0x30, body);
+}
+
+// Queues packets for a reader that takes little and seldom, and expects that it reads exactly what was queued.
+void expect_whole_packets(mqtt_client_t *client, Socket &socket, size_t size, const std::function<void()> &flush)
+{
+    Bytes expected, arrived;
+    int   refused = 0;
+    for (uint16_t i = 0; i < 400; ++i) {
+        const Bytes bytes = numbered(i, size);
+        if (send(client, bytes) == 0)
+            expected = std::move(expected) + bytes;
+        else
+            ++refused;
+        flush();
+        if (i % 3 == 0)
+            arrived = std::move(arrived) + socket.some(1 + i * 7 % size);
+    }
+    EXPECT_TRUE(eventually([&] {
+        flush();
+        arrived = std::move(arrived) + socket.received();
+        return queued(client) == 0;
+    }));
+    arrived = std::move(arrived) + socket.received();
+    EXPECT_TRUE(arrived == expected) << size << ": " << arrived.size() << " of " << expected.size() << " bytes";
+    EXPECT_GT(refused, 0) << "whole packets are lost";
+}
+
+} // namespace
+
+TEST(client_send_flush, a_reader_that_stalls_reads_whole_packets)
+{
+    const Manager manager;
+    for (const size_t size : {300u, 1000u, 4000u}) {
+        mqtt_client_t *const client = log_in(1, "dev1");
+        Socket               socket(1, 4608);
+        expect_whole_packets(client, socket, size, [client] { client_send_flush(client); });
+        client_close(client);
+    }
+}
+
+TEST(client_send_flush, a_reader_of_an_own_records_packets_that_stalls_reads_whole_ones)
+{
+    for (const size_t size : {300u, 1000u, 4000u}) {
+        OwnRecord own(1);
+        Socket    socket(1, 4608);
+        expect_whole_packets(own.get(), socket, size, [&] { client_send_flush(own.get()); });
+    }
+}
+
+TEST(client_send_flush, whoever_flushes_a_reader_that_stalls_reads_whole_packets)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    Socket               socket(1, 4608);
+    std::atomic<bool>    done{false};
+    std::thread          other([&] {
+        while (!done)
+            client_send_flush(client);
+    });
+    mqtt_start_send_thread();
+    expect_whole_packets(client, socket, 4000, [client] { client_send_flush(client); });
+    done = true;
+    other.join();
+}
+
+namespace {
+
+// Queues two packets of 4000 bytes, numbered 1 and 2, and sends until the one in front has been sent in part.
+void send_in_part(mqtt_client_t *client, Socket &socket)
+{
+    socket.stuff();
+    EXPECT_EQ(send(client, numbered(1, 4000)), 0u);
+    EXPECT_EQ(send(client, numbered(2, 4000)), 0u);
+    client_send_flush(client);
+    EXPECT_EQ(queued(client), 2);
+    for (int i = 0; i < 100 && net::side_of(1).half_sent.packet == nullptr; ++i) {
+        socket.unstuff(512);
+        client_send_flush(client);
+    }
+    ASSERT_EQ(net::side_of(1).half_sent.packet, client->send_queue[client->send_head].data);
+}
+
+} // namespace
+
+TEST(client_send_flush, a_packet_leaves_the_ring_with_its_last_byte)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    Socket               socket(1, 4608);
+    send_in_part(client, socket);
+    const auto                number = static_cast<uint16_t>(3 - queued(client)); // of the packet in front
+    const client_send_slot_t &slot   = client->send_queue[client->send_head];
+    EXPECT_EQ(slot.ready, 1);
+    EXPECT_EQ(slot.length, 4000);
+    EXPECT_EQ(Bytes(slot.data, slot.data + 4000), numbered(number, 4000)) << "whole, as it was queued";
+    socket.unstuff();
+    Bytes arrived = socket.received();
+    EXPECT_LT(arrived.size(), 4000u * number);
+    while (queued(client) != 0) {
+        client_send_flush(client);
+        arrived = std::move(arrived) + socket.received();
+    }
+    EXPECT_EQ(arrived, numbered(1, 4000) + numbered(2, 4000));
+}
+
+TEST(client_send_flush, the_next_client_of_a_slot_and_handle_is_sent_whole_packets)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    uint8_t              place  = 0;
+    {
+        Socket socket(1, 4608);
+        send_in_part(client, socket);
+        place = client->send_head;
+        client_close(client);
+    }
+    ASSERT_EQ(log_in(1, "dev2"), client);
+    Socket socket(1);
+    client->send_head = client->send_tail = place;
+    send(client, numbered(3, 4000)); // at the same place in the same ring
+    client_send_flush(client);
+    EXPECT_EQ(socket.received(), numbered(3, 4000));
+}
+
+TEST(client_send_flush, a_disconnect_does_not_come_inside_a_packet)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    Socket               socket(1, 4608);
+    send_in_part(client, socket);
+    end_with_disconnect(*client);
+    send(client, wire("E0 00"));
+    client_send_flush(client);
+    socket.unstuff();
+    Bytes arrived;
+    while (queued(client) != 0) {
+        arrived = std::move(arrived) + socket.received();
+        client_send_flush(client);
+    }
+    EXPECT_EQ(arrived + socket.received(), numbered(1, 4000) + numbered(2, 4000) + wire("E0 00"));
+}
+
+TEST(end_with_disconnect, nothing_is_sent_behind_it)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    Socket               socket(1);
+    end_with_disconnect(*client);
+    EXPECT_EQ(send(client, wire("D0 00")), 0u);
+    EXPECT_EQ(send(client, wire("E0 00")), 0u);
+    EXPECT_EQ(send(client, wire("30 03 00 01 'w'")), 0u);
+    EXPECT_EQ(send(client, wire("E0 00")), 0u);
+    EXPECT_EQ(g_mqtt_stats.pkt_tx, 4u);
+    mqtt_start_send_thread();
+    client_send_flush(client);
+    EXPECT_EQ(hex(socket.wait_for(4)), "D0 00 E0 00");
+    usleep(30000);
+    EXPECT_THAT(socket.received(), IsEmpty());
+    EXPECT_EQ(queued(client), 2);
+}
+
+TEST(end_with_disconnect, ends_with_the_record)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    end_with_disconnect(*client);
+    send(client, wire("E0 00"));
+    client_close(client);
+    ASSERT_EQ(log_in(1, "dev2"), client);
+    Socket socket(1);
+    send(client, wire("E0 00"));
+    send(client, wire("D0 00"));
+    client_send_flush(client);
+    EXPECT_EQ(hex(socket.received()), "E0 00 D0 00");
+}
+
+TEST(end_with_disconnect, a_disconnect_alone_ends_nothing)
+{
+    OwnRecord own(3);
+    Socket    socket(3);
+    end_with_disconnect(*own.get()); // no guard for it
+    send(own.get(), wire("E0 00"));
+    send(own.get(), wire("D0 00"));
+    client_send_flush(own.get());
+    EXPECT_EQ(hex(socket.received()), "E0 00 D0 00");
 }
 
 TEST(flush_ring, is_one_at_a_time)

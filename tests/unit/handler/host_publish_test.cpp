@@ -215,20 +215,42 @@ TEST(host_publish, is_tracked_when_only_the_buffer_was_too_small)
     EXPECT_EQ(pending_count(), 0);
 }
 
-TEST(host_publish, v5_bodies_count_their_properties)
+// The retransmission has no expiry, so only the byte of the property length counts.
+TEST(host_publish, v5_bodies_count_what_the_scan_sends)
 {
     Handling broker;
     Client   receiver(broker, 5, "r");
     sub_add("r", "#", 1, 1);
     const std::string payload(2048, 'p');
-    EXPECT_EQ(publish(std::string(59, 't').c_str(), payload, 1), 0);
-    EXPECT_EQ(pending_count(), 1);
-    EXPECT_EQ(publish(std::string(60, 't').c_str(), payload, 1), 0);
-    EXPECT_EQ(pending_count(), 1);
-    EXPECT_EQ(publish(std::string(54, 't').c_str(), payload, 1, 0, 9), 0);
-    EXPECT_EQ(pending_count(), 2);
-    EXPECT_EQ(publish(std::string(55, 't').c_str(), payload, 1, 0, 9), 0);
-    EXPECT_EQ(pending_count(), 2);
+    const auto        tracked = [&](size_t topic_chars, uint32_t expiry) {
+        const int before = pending_count();
+        EXPECT_EQ(publish(std::string(topic_chars, 't').c_str(), payload, 1, 0, expiry), 0);
+        return pending_count() > before;
+    };
+    for (const size_t topic_chars : {54u, 55u, 57u, 59u}) {
+        SCOPED_TRACE(topic_chars);
+        EXPECT_TRUE(tracked(topic_chars, 0));
+        EXPECT_TRUE(tracked(topic_chars, 9));
+    }
+    EXPECT_FALSE(tracked(60, 0));
+    EXPECT_FALSE(tracked(60, 9));
+    EXPECT_THAT(receiver.gets(), IsEmpty());
+}
+
+TEST(host_publish, what_only_its_expiry_made_too_large_comes_with_the_scan)
+{
+    ManualClock clock;
+    Handling    broker;
+    Client      receiver(broker, 5, "r");
+    sub_add("r", "#", 1, 1);
+    const std::string topic(59, 't'), payload(2048, 'p');
+    EXPECT_EQ(publish(topic.c_str(), payload, 1, 0, 9), 0);
+    EXPECT_THAT(receiver.gets(), IsEmpty());
+    ASSERT_EQ(pending_count(), 1);
+    const unsigned id = g_pending_queue->msg_id;
+    clock.advance_ms(1001);
+    qos_reliable_scan_queue();
+    EXPECT_THAT(receiver.gets(), ElementsAre(packet(0x32, prefixed(topic) + u16(id) + Bytes{0} + text(payload))));
 }
 
 TEST(host_publish, qos_0_too_big_is_just_lost)

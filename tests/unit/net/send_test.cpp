@@ -251,33 +251,109 @@ TEST(send_packets, with_a_generation_reaches_that_connection_only)
     EXPECT_EQ(send_packets(7, &packet, 1, 5).packets, 0) << "a slot filled by hand is none of ours";
 }
 
-TEST(send_packets, one_that_is_cut_counts_and_the_rest_waits)
+TEST(send_packets, goes_on_inside_a_packet_that_was_cut)
 {
-    // The room left decides where the write ends: inside a packet, or between two of them.
+    // The room left decides where each write ends: inside a packet, or between two of them.
     Layer layer;
     Peer  peer;
     layer.events.wait_for(1);
     limit_buffer(g_netip_clients[0].fd);
-    const Bytes         bytes = repeat('x', 1000);
-    std::vector<Packet> packets(64, Packet{bytes.data(), 1000});
-    size_t              counted = 0;
-    size_t              cuts    = 0; // at most one a call
-    Sent                sent{};
-    for (int quiet = 0; quiet < 3;) {
-        sent = send_packets(0, packets.data(), 64);
-        counted += static_cast<size_t>(sent.packets);
+    std::vector<Bytes>  bytes;
+    std::vector<Packet> packets;
+    for (int i = 0; i < 2000; ++i) {
+        bytes.push_back(repeat(static_cast<uint8_t>(i), 1000));
+        packets.push_back({bytes.back().data(), 1000});
+    }
+    Bytes     arrived;
+    const int take = 3333;
+    int       cuts = 0;
+    for (int next = 0; next < 2000;) {
+        const Sent sent = send_packets(0, packets.data() + next, std::min(64, 2000 - next));
+        ASSERT_NE(sent.result, unsigned{NETIP_INVALID});
+        next += sent.packets;
         if (sent.result == NETIP_OK)
             continue;
-        EXPECT_EQ(sent.result, unsigned{NETIP_AGAIN});
-        EXPECT_LT(sent.packets, 64);
-        cuts += sent.packets > 0;
-        quiet = sent.packets ? 0 : quiet + 1;
-        std::this_thread::sleep_for(20ms);
+        EXPECT_TRUE(wants_writable(0));
+        cuts += side_of(0).half_sent.packet != nullptr;
+        ASSERT_TRUE(readable(peer.fd(), kPatience));
+        Bytes         some(take);
+        const ssize_t got = recv(peer.fd(), some.data(), some.size(), 0);
+        arrived.insert(arrived.end(), some.begin(), some.begin() + got);
     }
-    size_t arrived = 0;
-    while (readable(peer.fd(), kSilence))
-        arrived += pending(peer.fd());
-    EXPECT_LE(arrived, counted * 1000);
-    EXPECT_GT(arrived + cuts * 1000, counted * 1000);
-    EXPECT_GT(cuts, 0u);
+    while (arrived.size() < 2000 * 1000 && readable(peer.fd(), kPatience)) {
+        Bytes         some(1 << 20);
+        const ssize_t got = recv(peer.fd(), some.data(), some.size(), 0);
+        arrived.insert(arrived.end(), some.begin(), some.begin() + got);
+    }
+    ASSERT_EQ(arrived.size(), 2000u * 1000);
+    for (size_t i = 0; i < arrived.size(); ++i)
+        ASSERT_EQ(arrived[i], static_cast<uint8_t>(i / 1000)) << i;
+    EXPECT_GT(cuts, 0);
+}
+
+namespace {
+
+// A slot whose socket has taken a part of this packet.
+struct HalfSentSlot : HandmadeSlot {
+    explicit HalfSentSlot(const Packet &packet) : HandmadeSlot(7)
+    {
+        limit_buffer(slot().fd);
+        const std::vector<Packet> packets(64, packet);
+        while (side_of(7).half_sent.packet == nullptr)
+            if (send_packets(7, packets.data(), 64).result == NETIP_AGAIN && side_of(7).half_sent.packet == nullptr)
+                pending(peer.get()); // it ended between two
+        pending(peer.get());
+    }
+};
+
+} // namespace
+
+TEST(send_packets, another_packet_in_front_is_sent_whole)
+{
+    const Bytes        bytes = repeat('x', 1001), other = repeat('y', 100);
+    const HalfSentSlot connection({bytes.data(), 1001});
+    const int32_t      before = side_of(7).half_sent.sent;
+    EXPECT_GT(before, 0);
+    EXPECT_LT(before, 1001);
+    const Packet next{other.data(), 100}, shorter{bytes.data(), before};
+    EXPECT_EQ(send_packets(7, &next, 1).packets, 1);
+    EXPECT_EQ(pending(connection.peer.get()), 100u);
+    EXPECT_EQ(send_packets(7, &shorter, 1).packets, 1);
+    EXPECT_EQ(pending(connection.peer.get()), static_cast<size_t>(before)) << "nothing is owed any more";
+}
+
+TEST(send_packets, another_socket_in_the_slot_gets_the_packet_whole)
+{
+    const Bytes  bytes = repeat('x', 1001);
+    const Packet packet{bytes.data(), 1001};
+    {
+        const HalfSentSlot connection(packet);
+        close(connection.slot().fd);
+    }
+    const HandmadeSlot connection(7); // very likely with the same descriptor
+    EXPECT_EQ(send_packets(7, &packet, 1).packets, 1);
+    EXPECT_EQ(pending(connection.peer.get()), 1001u);
+}
+
+TEST(send_packets, a_new_connection_is_owed_nothing)
+{
+    const Bytes  bytes = wire("D0 00");
+    const Packet packet{bytes.data(), 2};
+    side_of(0).half_sent = {bytes.data(), 1, 0};
+    Layer layer;
+    Peer  peer;
+    layer.events.wait_for(1);
+    EXPECT_EQ(send_packets(0, &packet, 1).packets, 1);
+    ASSERT_TRUE(readable(peer.fd(), kPatience));
+    EXPECT_EQ(pending(peer.fd()), 2u);
+}
+
+TEST(netip_send, sends_whole_what_the_queue_has_sent_in_part)
+{
+    const Bytes        bytes = repeat('x', 1001);
+    const HalfSentSlot connection({bytes.data(), 1001});
+    const int32_t      before = side_of(7).half_sent.sent;
+    EXPECT_EQ(send_bytes(7, bytes), 0u);
+    EXPECT_EQ(pending(connection.peer.get()), 1001u);
+    EXPECT_EQ(side_of(7).half_sent.sent, before) << "which is still owed";
 }
