@@ -6,11 +6,16 @@
 
 namespace tarn {
 
-uint64_t mono_ms() noexcept
+uint64_t mono_us() noexcept
 {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
+uint64_t mono_ms() noexcept
+{
+    return mono_us() / 1000;
 }
 
 int64_t wall_s() noexcept

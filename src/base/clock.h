@@ -1,4 +1,4 @@
-// clock.h - the four times the broker uses. The only callers of the system clocks.
+// clock.h - the times the broker uses. The only callers of the system clocks.
 #ifndef TARN_BASE_CLOCK_H
 #define TARN_BASE_CLOCK_H
 
@@ -6,7 +6,8 @@
 
 namespace tarn {
 
-uint64_t mono_ms() noexcept; // CLOCK_MONOTONIC
+uint64_t mono_us() noexcept; // CLOCK_MONOTONIC
+uint64_t mono_ms() noexcept; // the same
 int64_t  wall_s() noexcept;  // time()
 uint64_t wall_ms() noexcept; // gettimeofday()
 void     pause_ms(uint32_t ms) noexcept;

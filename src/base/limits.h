@@ -73,7 +73,9 @@ enum {
     PERSIST_MSGS_MAX          = 100,
     PERSIST_MSG_PAYLOAD_MAX   = 1024,
     PERSIST_PATH_SIZE         = 512,
-    PERSIST_SESSION_TEXT_SIZE = 228,  /* buffer of the session file's text: 227 characters survive */
+    PERSIST_SESSION_TEXT_SIZE = 228,  /* buffer of the session file's text when it is written alone */
+    PERSIST_SUB_TEXT_SIZE     = 288,  /* what each subscription written with it adds to that buffer */
+    PERSIST_MSG_TEXT_SIZE     = 2368, /* the same for each message */
     PERSIST_TEXT_READ_MAX     = 2047, /* bytes read back from a session or subscription file */
     PERSIST_MSGS_READ_MAX     = 4095, /* bytes read back from a message file */
     PERSIST_MSG_OBJECT_MAX    = 1023, /* characters of one message object that are looked at */

@@ -1,7 +1,8 @@
 // text.cpp - building the three kinds of JSON files and taking their values apart.
 //
 // Escapes keep one client's text from becoming another field: a quote or a backslash gets a backslash, control
-// characters become \u00xx, and in message files, whose objects are found by their braces, so do { and }.
+// characters become \u00xx, and in message files, whose objects are found by their braces, so do { and }. These are
+// decoded again, and nothing else.
 #include "persist_internal.h"
 
 #include <cstdio>
@@ -21,29 +22,34 @@ int hex_digit(char c)
     return -1;
 }
 
-// The value of \u0001..\u007f at the front of `raw`, or 0.
-char unicode_escape(std::string_view raw)
+// Whether append_escaped writes this byte as \u00xx.
+bool is_written_by_number(int byte)
 {
-    if (raw.size() < 6 || raw.substr(0, 4) != "\\u00")
-        return 0;
-    const int high = hex_digit(raw[4]);
-    const int low  = hex_digit(raw[5]);
-    return high >= 0 && high <= 7 && low >= 0 ? static_cast<char>(high * 16 + low) : '\0';
+    return (byte > 0 && byte < 0x20) || byte == '{' || byte == '}';
 }
 
-// The character that the escape at the front of `raw` stands for, and its length; 0 when it is none.
+// The value of a digit as append_escaped writes it, or -1.
+int lower_hex_digit(char c)
+{
+    return c >= 'A' && c <= 'F' ? -1 : hex_digit(c);
+}
+
+// The character that the escape at the front of `raw` stands for, and its length; 0 when it is none of those that
+// append_escaped writes. Earlier versions wrote texts raw, so any other backslash is one.
 size_t decode_escape(std::string_view raw, char &decoded)
 {
-    constexpr std::string_view kLetters = "\"\\/bfnrt";
-    constexpr std::string_view kValues  = "\"\\/\b\f\n\r\t";
-    if (raw.size() < 2)
-        return 0;
-    if (const size_t at = kLetters.find(raw[1]); at != kLetters.npos) {
-        decoded = kValues[at];
+    if (raw.size() >= 2 && (raw[1] == '"' || raw[1] == '\\')) {
+        decoded = raw[1];
         return 2;
     }
-    decoded = unicode_escape(raw);
-    return decoded ? 6 : 0;
+    if (raw.size() < 6 || !raw.starts_with("\\u00"))
+        return 0;
+    const int high = lower_hex_digit(raw[4]);
+    const int low  = lower_hex_digit(raw[5]);
+    if (high < 0 || low < 0 || !is_written_by_number(high * 16 + low))
+        return 0;
+    decoded = static_cast<char>(high * 16 + low);
+    return 6;
 }
 
 } // namespace

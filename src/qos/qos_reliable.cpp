@@ -29,6 +29,7 @@ const char *name_of(uint8_t packet_type)
 // QUIRK(empty-unrepeated): a message without a payload is sent once and not repeated, whatever its QoS, so a receiver
 // that lost it never gets it [MQTT-4.3.2-1, MQTT-4.3.3-1]; an ERROR line tells. Send a byte where it matters.
 //   test: publish.an_empty_message_at_qos_1_is_sent_but_not_tracked
+//
 // What is wrong with the arguments, or Added::Yes.
 Added check(const mqtt_client_t *client, uint8_t qos, const char *topic, const void *payload, uint32_t payload_len)
 {

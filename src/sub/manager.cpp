@@ -22,7 +22,7 @@ namespace {
     else
         manager.subs = allocate_zeroed<sub_entry_t>(SUB_CAPACITY).release();
     poke(manager.sub_count, 0);
-    refresh_index(manager, Trust::Usual);
+    fit_index(manager);
     return manager.subs != nullptr;
 }
 

@@ -55,6 +55,15 @@ constexpr size_t kFilterChars   = sizeof(sub_entry_t::topic_filter) - 1;
 {
     return manager.subs ? std::clamp<int32_t>(manager.sub_count, 0, SUB_CAPACITY) : 0;
 }
+
+// Asks the memory for what a walk through the table will look at soon: entries are 2 KB apart, and the hardware does
+// not guess the next one. Past the table's end it does nothing.
+inline void fetch_ahead(const char *text) noexcept
+{
+    constexpr uintptr_t kDistance = 12 * sizeof(sub_entry_t);
+    __builtin_prefetch(reinterpret_cast<const void *>(reinterpret_cast<uintptr_t>(text) + kDistance));
+}
+
 [[nodiscard]] inline int32_t retained_in(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock)
 {
     return manager.retains ? std::clamp<int32_t>(manager.retain_count, 0, RETAIN_CAPACITY) : 0;

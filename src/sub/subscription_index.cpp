@@ -11,10 +11,11 @@ namespace {
 
 // ---- stamps
 
-// The id and the first characters of the filter lie in one stretch, read as words, whatever stands behind the
-// terminators; the few longer filters add their rest.
-constexpr size_t kStampBytes    = 112;
-constexpr size_t kStampLastChar = kStampBytes - offsetof(sub_entry_t, topic_filter) - 1; // of the filter
+// The first characters of a filter lie in one stretch, read as words, whatever stands behind the terminator; the few
+// longer filters add their rest.
+constexpr size_t kStampFrom     = 64; // of an entry; the byte before its filter is the end of its id
+constexpr size_t kStampBytes    = 48;
+constexpr size_t kStampLastChar = kStampFrom + kStampBytes - offsetof(sub_entry_t, topic_filter) - 1; // of the filter
 constexpr size_t kStampWords    = kStampBytes / 8;
 
 constexpr std::array<uint64_t, kStampWords> kFactors = [] {
@@ -28,7 +29,7 @@ constexpr std::array<uint64_t, kStampWords> kFactors = [] {
 uint64_t stamp_of(const sub_entry_t &entry) noexcept
 {
     uint64_t words[kStampWords];
-    memcpy(words, &entry, sizeof words);
+    memcpy(words, reinterpret_cast<const char *>(&entry) + kStampFrom, sizeof words);
     uint64_t stamp = 0;
     for (size_t i = 0; i < kStampWords; ++i) // products that do not wait for each other
         stamp += (words[i] ^ words[i] >> 32) * kFactors[i];
@@ -67,13 +68,10 @@ static_assert(Chains::kHeads == size_t{1} << (64 - 50));
 struct Index {
     const sub_entry_t *subs; // the table it was built from
     int32_t            count;
-    uint64_t           checked_at_ms;
+    uint64_t           checked_at_us;
     uint64_t           stamp[SUB_CAPACITY];
-    uint64_t           id[SUB_CAPACITY];
-    uint64_t           pair[SUB_CAPACITY];  // of id and filter
     uint64_t           key[SUB_CAPACITY];   // of the filter
     int32_t            shape[SUB_CAPACITY]; // its place among the shapes, or -1
-    Chains             by_pair;
     Chains             by_key;
 
     // Shapes that filters have. A place with no uses is free.
@@ -111,28 +109,18 @@ void drop_shape(int32_t place) noexcept
 
 void note_entry(int32_t i) noexcept
 {
-    const sub_entry_t     &entry  = g_index.subs[i];
-    const std::string_view filter = text_of(entry.topic_filter);
-    g_index.stamp[i]              = stamp_of(entry);
-    g_index.id[i]                 = hash_of(text_of(entry.client_id));
-    g_index.pair[i]               = hash_mix(g_index.id[i], hash_of(filter));
-    const FilterKey key           = key_of(filter);
-    g_index.key[i]                = key.key;
-    g_index.shape[i]              = key.shape.levels ? use_shape(key.shape) : -1;
-}
-
-void link_entry(int32_t i) noexcept
-{
-    g_index.by_pair.link(i, g_index.pair[i]);
-    g_index.by_key.link(i, g_index.key[i]);
+    const sub_entry_t &entry = g_index.subs[i];
+    const FilterKey    key   = key_of(text_of(entry.topic_filter));
+    g_index.stamp[i]         = stamp_of(entry);
+    g_index.key[i]           = key.key;
+    g_index.shape[i]         = key.shape.levels ? use_shape(key.shape) : -1;
 }
 
 void link_all() noexcept
 {
-    g_index.by_pair.clear();
     g_index.by_key.clear();
     for (int32_t i = 0; i < g_index.count; ++i)
-        link_entry(i);
+        g_index.by_key.link(i, g_index.key[i]);
 }
 
 void rebuild(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock)
@@ -146,33 +134,48 @@ void rebuild(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock)
     link_all();
 }
 
+bool fits(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock)
+{
+    return g_index.subs == manager.subs && g_index.count == entries_in(manager);
+}
+
 bool stamps_fit() noexcept
 {
-    constexpr int32_t kAhead = 12; // entries are 2 KB apart: the hardware does not guess the next one
-
     uint64_t difference = 0;
     for (int32_t i = 0; i < g_index.count; ++i) {
-        const char *later = reinterpret_cast<const char *>(g_index.subs + std::min(i + kAhead, g_index.count - 1));
-        __builtin_prefetch(later);
-        __builtin_prefetch(later + 64);
-        difference |= stamp_of(g_index.subs[i]) ^ g_index.stamp[i];
+        const sub_entry_t &entry = g_index.subs[i];
+        fetch_ahead(entry.topic_filter);
+        fetch_ahead(entry.topic_filter + kStampLastChar);
+        difference |= stamp_of(entry) ^ g_index.stamp[i];
     }
     return difference == 0;
 }
 
+// True when stamps are to be compared now.
+bool is_due(Trust trust) noexcept
+{
+    if (trust == Trust::Sure || g_index.count <= kAlwaysCheckedEntries)
+        return true;
+    const uint64_t now   = mono_us();
+    const uint64_t pause = static_cast<uint64_t>(g_index.count) * kPauseNsPerEntry / 1000;
+    if (now - g_index.checked_at_us < pause)
+        return false;
+    g_index.checked_at_us = now;
+    return true;
+}
+
 } // namespace
 
-void refresh_index(const sub_mgr_t &manager, Trust trust) noexcept
+void fit_index(const sub_mgr_t &manager) noexcept
 {
-    const int32_t  count = entries_in(manager);
-    const uint64_t now   = mono_ms();
-    const bool     fits  = g_index.subs == manager.subs && g_index.count == count;
-    if (fits && trust == Trust::Usual && count > kAlwaysCheckedEntries &&
-        elapsed(now, g_index.checked_at_ms) < kIndexCheckPeriodMs)
-        return;
-    if (!fits || !stamps_fit())
+    if (!fits(manager))
         rebuild(manager);
-    g_index.checked_at_ms = now;
+}
+
+void check_index(const sub_mgr_t &manager, Trust trust) noexcept
+{
+    if (!fits(manager) || (is_due(trust) && !stamps_fit()))
+        rebuild(manager);
 }
 
 void candidates_for(const sub_mgr_t &, std::string_view topic, EntrySet &found) noexcept
@@ -199,26 +202,11 @@ int32_t shapes_in_use(const sub_mgr_t &) noexcept
     return g_index.shape_count;
 }
 
-void entries_of(const sub_mgr_t &manager, std::string_view id, const std::string_view *filter, EntrySet &found) noexcept
-{
-    const uint64_t id_hash = hash_of(id);
-    auto has_id = [&](int32_t i) { return g_index.id[i] == id_hash && text_of(manager.subs[i].client_id) == id; };
-    if (!filter) {
-        for (int32_t i = 0; i < g_index.count; ++i)
-            if (has_id(i))
-                found.add(i);
-        return;
-    }
-    g_index.by_pair.for_each(hash_mix(id_hash, hash_of(*filter)), [&](int32_t i) {
-        if (has_id(i) && text_of(manager.subs[i].topic_filter) == *filter)
-            found.add(i);
-    });
-}
-
 void index_appended(const sub_mgr_t &) noexcept
 {
-    note_entry(g_index.count);
-    link_entry(g_index.count++);
+    const int32_t place = g_index.count++;
+    note_entry(place);
+    g_index.by_key.link(place, g_index.key[place]);
 }
 
 void index_removed(const sub_mgr_t &, const EntrySet &removed) noexcept
@@ -230,8 +218,6 @@ void index_removed(const sub_mgr_t &, const EntrySet &removed) noexcept
             continue;
         }
         g_index.stamp[kept] = g_index.stamp[i];
-        g_index.id[kept]    = g_index.id[i];
-        g_index.pair[kept]  = g_index.pair[i];
         g_index.key[kept]   = g_index.key[i];
         g_index.shape[kept] = g_index.shape[i];
         ++kept;

@@ -1,7 +1,9 @@
 // subscription_table.cpp - adding, removing, matching and counting subscriptions.
 //
-// At DEBUG every look at an entry is a line, so the table is walked from the start. Otherwise the index names the few
-// entries to look at; what is returned, written and logged is the same.
+// Adding and removing walk through the table, so that they see it as it is, whoever wrote into it; an entry that is not
+// theirs costs them one look at its id. Matching does so at DEBUG, where every look is a line. Otherwise the index names
+// the few entries to look at; what is returned, written and logged is the same.
+#include "../base/thread.h"
 #include "../log/log.h"
 #include "route.h"
 #include "subscription_index.h"
@@ -33,6 +35,12 @@ void put_entry(sub_entry_t &to, const sub_entry_t &from) noexcept
     to.sub_identifier = from.sub_identifier;
 }
 
+// Whether the array holds this text, which is not longer than it may be.
+template <size_t N> bool holds(const char (&array)[N], std::string_view text) noexcept
+{
+    return array[text.size()] == '\0' && memcmp(array, text.data(), text.size()) == 0;
+}
+
 // ---- adding
 
 struct Subscription {
@@ -49,23 +57,19 @@ struct Outcome {
     int32_t  count; // entries afterwards
 };
 
-int32_t find_aloud(const sub_mgr_t &manager, const Subscription &wanted) noexcept REQUIRES(manager.lock)
+int32_t find(const sub_mgr_t &manager, const Subscription &wanted, bool aloud) noexcept REQUIRES(manager.lock)
 {
-    for (int32_t i = 0; i < entries_in(manager); ++i) {
+    const int32_t count = entries_in(manager);
+    for (int32_t i = 0; i < count; ++i) {
         const sub_entry_t &entry = manager.subs[i];
-        LOG_DEBUG("[TRACE] sub_add：检查重复订阅（索引=%d, client_id=%s, topic_filter=%s）", i, entry.client_id,
-                  entry.topic_filter);
-        if (text_of(entry.client_id) == wanted.id && text_of(entry.topic_filter) == wanted.filter)
+        fetch_ahead(entry.client_id);
+        if (aloud)
+            LOG_DEBUG("[TRACE] sub_add：检查重复订阅（索引=%d, client_id=%s, topic_filter=%s）", i, entry.client_id,
+                      entry.topic_filter);
+        if (holds(entry.client_id, wanted.id) && holds(entry.topic_filter, wanted.filter))
             return i;
     }
     return -1;
-}
-
-int32_t find_quietly(const sub_mgr_t &manager, const Subscription &wanted) noexcept REQUIRES(manager.lock)
-{
-    EntrySet same;
-    entries_of(manager, wanted.id, &wanted.filter, same);
-    return same.first();
 }
 
 void append(sub_mgr_t &manager, const Subscription &wanted) noexcept REQUIRES(manager.lock)
@@ -77,15 +81,15 @@ void append(sub_mgr_t &manager, const Subscription &wanted) noexcept REQUIRES(ma
     entry.qos            = wanted.qos;
     entry.clean_session  = wanted.clean_session;
     entry.sub_identifier = wanted.identifier;
+    fit_index(manager);
     poke(manager.sub_count, count + 1);
     index_appended(manager);
 }
 
 Outcome upsert(sub_mgr_t &manager, const Subscription &wanted, bool aloud) noexcept REQUIRES(manager.lock)
 {
-    refresh_index(manager, Trust::Usual);
     const int32_t count = entries_in(manager);
-    const int32_t found = aloud ? find_aloud(manager, wanted) : find_quietly(manager, wanted);
+    const int32_t found = find(manager, wanted, aloud);
     if (found >= 0) {
         sub_entry_t   &entry   = manager.subs[found];
         const uint32_t old_qos = entry.qos;
@@ -125,20 +129,25 @@ void report(const Outcome &outcome, const char *client_id, const char *filter, u
 // ---- removing
 
 // Marks what is to go. A removed entry's successors move up at once, so a look is numbered by what remains before it.
-void mark_aloud(const sub_mgr_t &manager, std::string_view id, const std::string_view *filter, EntrySet &going) noexcept
+void mark(const sub_mgr_t &manager, std::string_view id, const std::string_view *filter, EntrySet &going) noexcept
     REQUIRES(manager.lock)
 {
-    int32_t at = 0;
-    for (int32_t i = 0; i < entries_in(manager); ++i) {
+    const bool    aloud = log_passes(AGENT_LOG_DEBUG);
+    const int32_t count = entries_in(manager);
+    int32_t       at    = 0;
+    for (int32_t i = 0; i < count; ++i) {
         const sub_entry_t &entry = manager.subs[i];
-        LOG_DEBUG("[TRACE] sub_remove：检查订阅（索引=%d, client_id=%s, topic_filter=%s）", at, entry.client_id,
-                  entry.topic_filter);
-        if (text_of(entry.client_id) == id && (!filter || text_of(entry.topic_filter) == *filter)) {
-            LOG_DEBUG("[TRACE] sub_remove：移除订阅（索引=%d, topic_filter=%s）", at, entry.topic_filter);
-            going.add(i);
-        } else {
+        fetch_ahead(entry.client_id);
+        if (aloud)
+            LOG_DEBUG("[TRACE] sub_remove：检查订阅（索引=%d, client_id=%s, topic_filter=%s）", at, entry.client_id,
+                      entry.topic_filter);
+        if (!holds(entry.client_id, id) || (filter && !holds(entry.topic_filter, *filter))) {
             ++at;
+            continue;
         }
+        if (aloud)
+            LOG_DEBUG("[TRACE] sub_remove：移除订阅（索引=%d, topic_filter=%s）", at, entry.topic_filter);
+        going.add(i);
     }
 }
 
@@ -150,6 +159,7 @@ int32_t take_out(sub_mgr_t &manager, const EntrySet &going) noexcept REQUIRES(ma
     if (first < 0)
         return count;
 
+    fit_index(manager);
     int32_t kept = first;
     for (int32_t i = first; i < count; ++i)
         if (!going.has(i))
@@ -186,7 +196,7 @@ int walk_matches(const sub_mgr_t &manager, const char *topic, Trust trust, Take 
                 break;
         return taken;
     }
-    refresh_index(manager, trust);
+    check_index(manager, trust);
     EntrySet candidates;
     candidates_for(manager, topic, candidates);
     candidates.for_each(visit);
@@ -244,12 +254,15 @@ template <class Take> int match(const char *topic, const void *into, int32_t roo
 
 } // namespace
 
+// A host that edits the table by hand and then publishes does so on a thread of its own. The library's threads route
+// what clients send, message after message.
 int match_routes(const char *topic, RouteList &list) noexcept
 {
     list.routes.clear();
     list.names.clear();
-    bool      stored = true;
-    const int found  = match(topic, &list, SUB_MATCH_CAPACITY, Trust::Usual, [&](int32_t i, const sub_entry_t &entry) {
+    bool        stored = true;
+    const Trust trust  = on_library_thread() ? Trust::Usual : Trust::Sure;
+    const int   found  = match(topic, &list, SUB_MATCH_CAPACITY, trust, [&](int32_t i, const sub_entry_t &entry) {
         stored = add_route(list, i, entry);
         return stored;
     });
@@ -326,12 +339,8 @@ extern "C" int sub_remove(const char *client_id, const char *topic_filter)
     {
         ScopedLock lock(g_sub_mgr.lock);
         LOG_DEBUG("[TRACE] sub_remove：已加锁，当前订阅数=%d", g_sub_mgr.sub_count);
-        refresh_index(g_sub_mgr, Trust::Usual);
         EntrySet going;
-        if (log_passes(AGENT_LOG_DEBUG))
-            mark_aloud(g_sub_mgr, id, only, going);
-        else
-            entries_of(g_sub_mgr, id, only, going);
+        mark(g_sub_mgr, id, only, going);
         removed = going.count();
         left    = take_out(g_sub_mgr, going);
     }

@@ -246,6 +246,25 @@ TEST(publish, a_publisher_never_receives_its_own_message)
     EXPECT_EQ(pending_count(), 0);
 }
 
+TEST(publish, sees_at_once_what_was_written_into_a_big_table)
+{
+    Handling broker;
+    Client   sender(broker, 4, "s"), receiver(broker, 4, "r"), other(broker, 4, "o");
+    sub_add("o", "t", 0, 1);
+    for (int i = 0; i < 500; i++)
+        sub_add(("c" + std::to_string(i)).c_str(), ("fill/" + std::to_string(i)).c_str(), 0, 1);
+    EXPECT_EQ(sender.sends(publish("t", 0, 0)), 0);
+    EXPECT_THAT(other.gets(), ElementsAre(wire("30 04 00 01 't' 'x'")));
+    strcpy(g_sub_mgr.subs[300].client_id, "r");
+    strcpy(g_sub_mgr.subs[300].topic_filter, "t");
+    EXPECT_EQ(sender.sends(publish("t", 0, 0)), 0);
+    EXPECT_THAT(other.gets(), ElementsAre(wire("30 04 00 01 't' 'x'")));
+    EXPECT_THAT(receiver.gets(), ElementsAre(wire("30 04 00 01 't' 'x'")));
+    strcpy(g_sub_mgr.subs[300].topic_filter, "u");
+    EXPECT_EQ(sender.sends(publish("t", 0, 0)), 0);
+    EXPECT_THAT(receiver.gets(), IsEmpty());
+}
+
 TEST(publish, overlapping_subscriptions_each_get_a_copy)
 {
     Handling broker;

@@ -260,16 +260,20 @@ TEST_F(limits, payloads_are_stored_up_to_1024_bytes)
     }
 }
 
-TEST_F(limits, escapes_are_read_and_all_other_backslashes_stay)
+TEST_F(limits, escapes_that_are_written_are_read_and_all_other_backslashes_stay)
 {
     const struct {
         const char *raw, *topic;
     } kCases[] = {
-        {R"(\"\\\/\b\f\n\r\t)", "\"\\/\b\f\n\r\t"},
-        {R"(\u0041\u001F\u001f\u007f\u0001)", "A\x1f\x1f\x7f\x01"},
-        {R"(\u0000\u0080\u00ff\u0141\U0041\u004\u00g1\u001g)", R"(\u0000\u0080\u00ff\u0141\U0041\u004\u00g1\u001g)"},
+        {R"(\"\\)", "\"\\"},
+        {R"(\u0001\u0009\u000a\u001f\u007b\u007d)", "\x01\t\n\x1f{}"},
+        {R"(\/\b\f\n\r\t)", R"(\/\b\f\n\r\t)"},
+        {R"(C:\new\table\u0041)", R"(C:\new\table\u0041)"}, // as it was written before there were escapes
+        {R"(\u0000\u0020\u0022\u005c\u007a\u007c\u007f)", R"(\u0000\u0020\u0022\u005c\u007a\u007c\u007f)"},
+        {R"(\u001F\u000A\u007B\u007D)", R"(\u001F\u000A\u007B\u007D)"},
+        {R"(\u0080\u00ff\u0141\u0101\U001f\u001\u00g1\u001g)", R"(\u0080\u00ff\u0141\u0101\U001f\u001\u00g1\u001g)"},
         {R"(\a\x\')", R"(\a\x\')"},
-        {R"(\\u0041)", R"(\u0041)"},
+        {R"(\\u001f)", R"(\u001f)"},
         {R"(a\\)", "a\\"},
     };
     for (const auto &[raw, topic] : kCases) {
@@ -286,6 +290,23 @@ TEST_F(limits, escapes_are_read_and_all_other_backslashes_stay)
     EXPECT_STREQ(record->msgs[0].topic, "a\\\"b\\") << "it ends at the quote that is not escaped";
     messages(R"({"msgs":[{"msgid":1,"qos":1,"topic":"never closed\","payload":\"61\"}]})");
     EXPECT_EQ(load().msg_count, 0) << "without a payload it is none";
+}
+
+TEST_F(limits, every_byte_comes_back_as_it_was_written)
+{
+    std::string topic;
+    for (int byte = 1; byte < 256; ++byte)
+        topic += static_cast<char>(byte);
+    subscribe(topic.c_str(), 1);
+    record->msg_count = 1;
+    strcpy(record->msgs[0].topic, topic.c_str());
+    persist_mark(record.get(), PERSIST_SUBSCRIPTIONS);
+    persist_mark(record.get(), PERSIST_MESSAGES);
+    load();
+    ASSERT_EQ(record->sub_count, 1);
+    EXPECT_EQ(record->subs[0].topic, topic);
+    ASSERT_EQ(record->msg_count, 1);
+    EXPECT_EQ(record->msgs[0].topic, topic);
 }
 
 TEST_F(limits, payloads_are_read_up_to_what_is_no_hex_pair)

@@ -28,9 +28,53 @@ TEST_F(session_file, is_cut_at_227_characters)
     memset(record->will_topic, 't', 200);
     persist_mark(record.get(), PERSIST_SESSION);
     EXPECT_EQ(read_text("data/session/dev1.json").size(), 227u);
-    persist_flush_single(record.get(), PERSIST_SESSION | PERSIST_MESSAGES);
-    EXPECT_EQ(read_text("data/session/dev1.json").size(), 227u) << "also beside other files";
-    EXPECT_EQ(read_text("data/message/dev1.json"), R"({"msgs":[]})");
+}
+
+TEST_F(session_file, written_with_others_is_cut_where_their_buffer_ends)
+{
+    constexpr uint8_t kSession = PERSIST_SESSION, kSubs = PERSIST_SUBSCRIPTIONS, kMsgs = PERSIST_MESSAGES;
+    const struct {
+        uint8_t what;
+        int     subs, msgs;
+        size_t  characters;
+    } kCases[] = {
+        {kSession, 1, 2, 227},
+        {kSession | kSubs, 0, 2, 227},
+        {kSession | kSubs, 1, 2, 227 + 288},
+        {kSession | kSubs, 5, 2, 227 + 5 * 288},
+        {kSession | kSubs, -1, 0, 227},
+        {kSession | kMsgs, 1, 0, 227},
+        {kSession | kMsgs, 1, -1, 227},
+        {kSession | kMsgs, 1, 1, 227 + 2368},
+        {kSession | kSubs | kMsgs, 0, 0, 227},
+        {kSession | kSubs | kMsgs, 1, 0, 227 + 288},
+        {kSession | kSubs | kMsgs, 1, 1, 227 + 288 + 2368},
+    };
+    // A will whose text alone has more characters than any of these buffers: escapes count as they are written.
+    record->will_flag = 1;
+    record->will_len  = sizeof record->will_payload;
+    memset(record->will_topic, 'w', sizeof record->will_topic - 1);
+    memset(record->will_content_type, '\x01', sizeof record->will_content_type - 1);
+    memset(record->will_response_topic, '\x02', sizeof record->will_response_topic - 1);
+    record->sub_count = 64;
+    persist_flush_single(record.get(), kSession | kSubs);
+    const std::string whole = read_text("data/session/dev1.json");
+    EXPECT_EQ(whole.back(), '}') << "64 subscriptions leave room for all";
+    ASSERT_GT(whole.size(), size_t{227 + 288 + 2368});
+
+    for (const auto &[what, subs, msgs, characters] : kCases) {
+        record->sub_count = subs;
+        record->msg_count = msgs;
+        persist_flush_single(record.get(), what);
+        EXPECT_EQ(read_text("data/session/dev1.json"), whole.substr(0, characters)) << int{what} << ' ' << subs;
+    }
+    record->sub_count = 1;
+    record->msg_count = 1;
+    strcpy(record->subs[0].topic, "t");
+    strcpy(record->msgs[0].topic, "m");
+    persist_flush_single(record.get(), kSession | kSubs | kMsgs);
+    EXPECT_EQ(read_text("data/subscription/dev1.json"), R"({"subs":[{"topic":"t","qos":0}]})") << "from its own start";
+    EXPECT_EQ(read_text("data/message/dev1.json"), R"({"msgs":[{"msgid":0,"qos":0,"topic":"m","payload":""}]})");
 }
 
 TEST_F(session_file, of_a_clean_session_is_never_written)

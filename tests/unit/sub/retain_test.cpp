@@ -85,6 +85,33 @@ struct retain_file : Store {
 
 } // namespace
 
+// The store is walked each time, so it is always as it stands, whoever wrote into it.
+TEST_F(retain_set, sees_what_was_written_into_a_full_store)
+{
+    for (int i = 0; i < 1000; ++i) {
+        retain_msg_t &entry = g_sub_mgr.retains[i];
+        strcpy(entry.topic, ("t" + std::to_string(i)).c_str());
+        entry.payload_len = 1;
+        entry.store_time  = clock.wall_s();
+    }
+    g_sub_mgr.retain_count = 1000;
+    strcpy(g_sub_mgr.retains[999].topic, "hand");
+    EXPECT_EQ(set("hand", "new"), 0);
+    EXPECT_EQ(set("t999", "new"), -4);
+    EXPECT_EQ(g_sub_mgr.retains[999].payload_len, 3u);
+    strcpy(g_sub_mgr.retains[3].topic, "hand");
+    EXPECT_EQ(set("hand", "second"), 0);
+    EXPECT_EQ(g_sub_mgr.retains[3].payload_len, 6u) << "the first of two";
+    EXPECT_EQ(retain_msg_delete("hand"), 0);
+    EXPECT_EQ(retain_msg_delete("hand"), 0);
+    EXPECT_EQ(retain_msg_delete("hand"), -5);
+    g_sub_mgr.retain_count = 10;
+    EXPECT_EQ(retain_msg_delete("t500"), -5);
+    g_sub_mgr.retains[4].store_time -= kWeek + 1;
+    EXPECT_EQ(set("new", "x"), 0);
+    EXPECT_EQ(g_sub_mgr.retain_count, 10);
+}
+
 // ---- set
 
 TEST_F(retain_set, appends)
