@@ -106,7 +106,7 @@ void reload_on_signal(Loop &loop, Access &access)
 int32_t start(broker_t *broker, const Options &options, Access &access)
 {
     tarn_sdk_mqtt_broker_init(broker);
-    tarn_sdk_mqtt_broker_set_log_level(broker, options.log_level); // again, since init sets it back
+    tarn_sdk_mqtt_broker_set_log_level(broker, options.level()); // again, since init sets it back
     tarn_sdk_mqtt_broker_set_keepalive_timeout(broker, options.keepalive_s);
     tarn_sdk_mqtt_broker_set_max_packet_size(broker, options.max_packet_size);
     if (access.is_wanted())
@@ -128,7 +128,7 @@ ExitStatus serve(const Options &options)
         fprintf(stderr, "tarn-broker: %s\n", mistake.c_str());
         return kCannotServe;
     }
-    tarn_sdk_mqtt_broker_set_log_level(nullptr, options.log_level);
+    tarn_sdk_mqtt_broker_set_log_level(nullptr, options.level());
 
     Attachments attachments(loop, options);
     if (const std::string fault = attachments.open(); !fault.empty()) {
