@@ -17,13 +17,14 @@ struct Number { // in the range the library takes, so that a wrong one is refuse
     int32_t           highest;
 };
 struct Level {};
+struct Port {}; // nobody can choose it, and everybody tries
 struct Text {
     std::string Options::*target;
 };
 struct Switch {
     bool Options::*target;
 };
-using Target = std::variant<Number, Level, Text, Switch, Wish>;
+using Target = std::variant<Number, Level, Port, Text, Switch, Wish>;
 
 struct Row {
     char        letter; // 0 without a short form
@@ -33,10 +34,13 @@ struct Row {
     const char *help;
 };
 const Row kRows[] = {
-    {'l', "log-level", "LEVEL", Level{}, "debug, info, warn (default) or error; the log goes to standard output"},
+    {'l', "log-level", "LEVEL", Level{},
+     "debug, info, warn or error (default; with --top it is warn);\n"
+     "the log goes to standard output"},
     {'k', "keep-alive", "SECONDS", Number{&Options::keepalive_s, 1, 3600},
      "silence after which a connection without CONNECT is closed, 1..3600 (300)"},
-    {'p', "max-packet-size", "BYTES", Number{&Options::max_packet_size, 256, 10485760},
+    {'p', "port", "1883", Port{}, "the port is always this one"},
+    {0, "max-packet-size", "BYTES", Number{&Options::max_packet_size, 256, 10485760},
      "largest packet before and with CONNECT, 256..10485760 (4096); no packet of more than\n"
      "4096 bytes is taken in any case"},
     {'c', "max-clients", "N", Number{&Options::max_clients, 1, 11000}, "clients served at a time, 1..11000 (5000)"},
@@ -118,6 +122,11 @@ struct Read {
             }
         }
         return refused("debug, info, warn or error");
+    }
+
+    std::string operator()(Port) const
+    {
+        return std::string(text) == "1883" ? "" : std::string("the port is always 1883, it cannot be '") + text + "'";
     }
 
     std::string operator()(const Text &value) const
@@ -208,8 +217,8 @@ std::string help_text()
     for (const Row &row : kRows)
         text += help_of(row);
     return text + "\n"
-                  "Sessions and messages are kept in ./broker_data. SIGHUP makes it read the files of users and\n"
-                  "rules again. A second SIGINT or SIGTERM ends the broker at once.\n"
+                  "Sessions and messages are kept in ./broker_data, by one broker at a time. SIGHUP makes it read the\n"
+                  "files of users and rules again. A second SIGINT or SIGTERM ends the broker at once.\n"
                   "SIGUSR1 prints the statistics as JSON on standard output.\n"
                   "Exit status: 0 ended by a signal, 1 could not serve, 2 bad option.\n";
 }

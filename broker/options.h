@@ -3,22 +3,26 @@
 #define TARN_BROKER_OPTIONS_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace tarn::broker {
 
 struct Options {
-    uint32_t    log_level       = 2; // 0 debug .. 3 error
-    int32_t     keepalive_s     = 300;
-    int32_t     max_packet_size = 4096; // bytes
-    int32_t     max_clients     = 5000;
-    std::string directory; // this and all below: empty when not given
-    std::string user_file;
-    std::string acl_file;
-    std::string user;        // to run as
-    std::string events;      // a file, "-" = standard output, empty = none
-    std::string control;     // the path of the control socket, empty = none
-    bool        top = false; // the live view
+    std::optional<uint32_t> log_level; // 0 debug .. 3 error; nothing when not given
+    int32_t                 keepalive_s     = 300;
+    int32_t                 max_packet_size = 4096; // bytes
+    int32_t                 max_clients     = 5000;
+    std::string             directory; // this and all below: empty when not given
+    std::string             user_file;
+    std::string             acl_file;
+    std::string             user;        // to run as
+    std::string             events;      // a file, "-" = standard output, empty = none
+    std::string             control;     // the path of the control socket, empty = none
+    bool                    top = false; // the live view
+
+    // Who looks at the log wants to see more of it than a journal does.
+    uint32_t level() const { return log_level.value_or(top ? 2 : 3); }
 };
 
 enum class Wish { Serve, Help, Version };

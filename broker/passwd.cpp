@@ -1,6 +1,7 @@
 #include "passwd.h"
 
 #include "access/users.h"
+#include "file_lock.h"
 #include "serve.h"
 
 #include <cerrno>
@@ -145,31 +146,56 @@ bool is_line_of(std::string_view line, std::string_view name)
     return line.starts_with(name) && line.substr(name.size()).starts_with(':');
 }
 
+// The file's text, if it can be changed as wished. One that is not there yet is empty, unless a user is to be removed.
+Mistake read_users(const std::string &path, const std::string &name, bool remove, std::string &text)
+{
+    text.clear();
+    if (!remove && access(path.c_str(), F_OK) != 0 && errno == ENOENT)
+        return {};
+    Users users;
+    if (Mistake mistake = read_file(path, text); !mistake.empty())
+        return mistake;
+    if (Mistake mistake = users.parse(path, text); !mistake.empty())
+        return mistake;
+    return remove && !users.has(name) ? path + " has no user '" + name + "'" : "";
+}
+
+std::string ask_for_hash(std::string &hash)
+{
+    std::string password;
+    if (std::string mistake = read_password(password); !mistake.empty())
+        return mistake;
+    hash = hash_password(password);
+    explicit_bzero(password.data(), password.size());
+    return hash.empty() ? "the system cannot hash passwords with yescrypt" : "";
+}
+
+// Whoever changes a file of users locks the directory it is in: the file itself is replaced, and may not be there yet.
+Mistake lock_directory_of(const std::string &path, FileLock &lock)
+{
+    const std::string target    = link_target(path);
+    const size_t      slash     = target.rfind('/');
+    const std::string directory = slash == target.npos ? "." : target.substr(0, slash + 1);
+    if (lock.wait_for_directory(directory) || errno == ENOENT) // without a directory, writing fails and says so
+        return {};
+    return "cannot lock " + directory + ": " + strerror(errno);
+}
+
+// The file is read before the password is asked for, to tell its mistakes first, and again when others have to wait.
 int change_file(const std::string &path, const std::string &name, bool remove)
 {
-    std::string text;
-    Users       users;
-    const bool  is_new = !remove && access(path.c_str(), F_OK) != 0 && errno == ENOENT;
-    if (!is_new)
-        if (const Mistake mistake = read_file(path, text); !mistake.empty())
-            return fail(mistake);
-    if (const Mistake mistake = users.parse(path, text); !mistake.empty())
-        return fail(mistake);
-    if (remove && !users.has(name))
-        return fail(path + " has no user '" + name + "'");
-
-    std::string password, hash;
-    if (!remove) {
-        if (const std::string mistake = read_password(password); !mistake.empty())
-            return fail(mistake);
-        hash = hash_password(password);
-        explicit_bzero(password.data(), password.size());
-        if (hash.empty())
-            return fail("the system cannot hash passwords with yescrypt");
-    }
-    if (const Mistake mistake = replace_file(path, with_user(text, name, hash)); !mistake.empty())
-        return fail(mistake);
-    return kEnded;
+    std::string text, hash;
+    FileLock    lock;
+    Mistake     mistake = read_users(path, name, remove, text);
+    if (mistake.empty() && !remove)
+        mistake = ask_for_hash(hash);
+    if (mistake.empty())
+        mistake = lock_directory_of(path, lock);
+    if (mistake.empty())
+        mistake = read_users(path, name, remove, text);
+    if (mistake.empty())
+        mistake = replace_file(path, with_user(text, name, hash));
+    return mistake.empty() ? kEnded : fail(mistake);
 }
 
 } // namespace

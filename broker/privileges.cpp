@@ -1,11 +1,9 @@
 #include "privileges.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <grp.h>
 #include <linux/capability.h>
-#include <memory>
 #include <pwd.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -55,18 +53,6 @@ bool has_capabilities()
     return false;
 }
 
-bool can_write(const char *directory)
-{
-    return access(directory, R_OK | W_OK | X_OK) == 0;
-}
-
-std::string cannot_keep_sessions(const std::string &place)
-{
-    const std::string                             why = strerror(errno);
-    const std::unique_ptr<char, void (*)(void *)> here(getcwd(nullptr, 0), free);
-    return "cannot keep sessions in " + std::string(here ? here.get() : ".") + place + ": " + why;
-}
-
 } // namespace
 
 std::string become_user(const std::string &name)
@@ -83,17 +69,6 @@ std::string become_user(const std::string &name)
         return cannot_become(name, strerror(errno));
     if (!is_user(*user) || has_capabilities() || setresuid(0, 0, 0) == 0)
         return cannot_become(name, "privileges are left");
-    return {};
-}
-
-// Of what is not there yet the directory counts in which it will be made.
-std::string check_data_directory()
-{
-    if (access("broker_data", F_OK) != 0)
-        return can_write(".") ? std::string() : cannot_keep_sessions("");
-    for (const char *name : {"broker_data", "broker_data/session", "broker_data/subscription", "broker_data/message"})
-        if (!can_write(name) && errno != ENOENT)
-            return cannot_keep_sessions(std::string("/") + name);
     return {};
 }
 

@@ -1,4 +1,4 @@
-// privileges.h - what the process may do to the machine: as whom it runs, where, and with how many files.
+// privileges.h - what the process may do to the machine: as whom it runs.
 #ifndef TARN_BROKER_PRIVILEGES_H
 #define TARN_BROKER_PRIVILEGES_H
 
@@ -6,13 +6,9 @@
 
 namespace tarn::broker {
 
-// Each returns what went wrong, empty when nothing did.
-
-// Becomes this user for good: its ids, its groups, no capabilities. To be called before other threads start.
+// Becomes this user for good: its ids, its groups, no capabilities. To be called before other threads start. Returns
+// what went wrong, empty when nothing did.
 std::string become_user(const std::string &name);
-
-// Whether sessions and messages could be kept in ./broker_data.
-std::string check_data_directory();
 
 } // namespace tarn::broker
 

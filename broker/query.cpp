@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include <tarn_sdk_mqtt_broker.h>
+#include <tarn_sdk_mqtt_broker/net/netip.h>
 #include <tarn_sdk_mqtt_broker/stats/mqtt_stats.h>
 #include <tarn_sdk_mqtt_broker/sub/retain.h>
 
@@ -82,6 +83,11 @@ Counters read_counters()
         .retained        = peek(s.retain_msg),
         .uptime_s        = basic.uptime_seconds,
     };
+}
+
+bool udp_is_open()
+{
+    return peek(g_netip_udp) >= 0;
 }
 
 } // namespace tarn::broker

@@ -32,6 +32,9 @@ struct Counters {
 };
 Counters read_counters(); // all but the bytes
 
+// Whether datagrams are served. All UDP clients share one socket, which is closed with the first of them that ends.
+bool udp_is_open();
+
 } // namespace tarn::broker
 
 #endif

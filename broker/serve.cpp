@@ -2,8 +2,10 @@
 
 #include "access/guard.h"
 #include "attachments.h"
+#include "data_directory.h"
 #include "loop.h"
 #include "privileges.h"
+#include "query.h"
 
 #include <cerrno>
 #include <csignal>
@@ -12,6 +14,7 @@
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <tarn_sdk_mqtt_broker.h>
@@ -21,6 +24,7 @@ namespace {
 
 constexpr uint16_t                  kPort      = 1883; // the library serves no other
 constexpr std::chrono::milliseconds kLookAfter = std::chrono::seconds(5);
+constexpr std::chrono::milliseconds kLookAtUdp = std::chrono::seconds(1);
 
 // Each client takes a descriptor, and the usual soft limit is 1024. When it cannot be raised, fewer clients fit.
 void raise_descriptor_limit()
@@ -50,9 +54,9 @@ void end_on_signals(Loop &loop)
 }
 
 // Why 1883 cannot be had: the library tells only that it could not, so one asks the system again. 0 when it can.
-int listening_error()
+int port_error(int type)
 {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return errno;
     const int on = 1;
@@ -61,52 +65,104 @@ int listening_error()
     any.sin_family      = AF_INET;
     any.sin_port        = htons(kPort);
     any.sin_addr.s_addr = htonl(INADDR_ANY);
-    const bool can      = bind(fd, reinterpret_cast<const sockaddr *>(&any), sizeof any) == 0 && listen(fd, 1) == 0;
-    const int  error    = can ? 0 : errno;
+    const bool can      = bind(fd, reinterpret_cast<const sockaddr *>(&any), sizeof any) == 0 &&
+                     (type == SOCK_DGRAM || listen(fd, 1) == 0);
+    const int error = can ? 0 : errno;
     close(fd);
     return error;
 }
 
 void explain_failed_start(int32_t code)
 {
-    if (const int error = listening_error())
+    if (const int error = port_error(SOCK_STREAM))
         fprintf(stderr, "tarn-broker: cannot listen on port %d: %s\n", kPort, strerror(error));
     else
         fprintf(stderr, "tarn-broker: cannot start: %s\n", tarn_sdk_mqtt_broker_error_str(code));
 }
 
+void warn_of_empty_files(const Access &access)
+{
+    for (const std::string &text : access.warnings())
+        fprintf(stderr, "tarn-broker: %s\n", text.c_str());
+}
+
 // Everything that can be wrong with the surroundings, before there are threads. Privileges go first: no file that a
 // later reload could not read, and no packet, is read with them. The port needs none. Empty when all is well.
-std::string prepare(const Options &options, Access &access)
+std::string prepare(const Options &options, Access &access, DataDirectory &data)
 {
     if (!options.directory.empty() && chdir(options.directory.c_str()) != 0)
         return "cannot go to " + options.directory + ": " + strerror(errno);
     if (!options.user.empty())
         if (std::string mistake = become_user(options.user); !mistake.empty())
             return mistake;
-    if (!options.user.empty() || !options.directory.empty())
-        if (std::string mistake = check_data_directory(); !mistake.empty())
-            return mistake;
     if (Mistake mistake = access.load(); !mistake.empty())
+        return mistake;
+    warn_of_empty_files(access);
+    if (std::string mistake = data.take(); !mistake.empty())
         return mistake;
     return access.restore_owners();
 }
 
+void reload(Access &access)
+{
+    if (const Mistake mistake = access.load(); !mistake.empty()) {
+        fprintf(stderr, "tarn-broker: %s\ntarn-broker: users and rules stay as they were\n", mistake.c_str());
+        return;
+    }
+    fprintf(stderr, "tarn-broker: users and rules were read again\n");
+    warn_of_empty_files(access);
+}
+
+// Whether this process had a terminal that was closed. Its descriptors stay, and give EIO.
+bool terminal_is_gone()
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (!isatty(fd) && errno == EIO)
+            return true;
+    return false;
+}
+
+// SIGHUP has two meanings. Where there are files it asks for them, as ever; else who sent it matters: a service manager
+// reloads, a terminal goes away.
 void reload_on_signal(Loop &loop, Access &access)
 {
-    loop.on_signal(SIGHUP, [&access] {
-        const Mistake mistake = access.load();
-        if (mistake.empty())
-            fprintf(stderr, "tarn-broker: users and rules were read again\n");
+    loop.on_signal(SIGHUP, [&] {
+        if (access.is_wanted())
+            reload(access);
+        else if (terminal_is_gone())
+            loop.end();
         else
-            fprintf(stderr, "tarn-broker: %s\ntarn-broker: users and rules stay as they were\n", mistake.c_str());
+            fprintf(stderr, "tarn-broker: there is nothing to read again without --user-file and --acl-file\n");
+    });
+}
+
+void tell_where_it_serves(int32_t clients)
+{
+    const bool udp = udp_is_open();
+    fprintf(stderr, "tarn-broker: serving MQTT 3.1.1 and 5.0 on 0.0.0.0:%d (%s), at most %d clients\n", kPort,
+            udp ? "TCP and UDP" : "TCP", clients);
+    if (udp)
+        return;
+    const int error = port_error(SOCK_DGRAM);
+    fprintf(stderr, "tarn-broker: UDP port %d could not be opened%s%s\n", kPort, error ? ": " : "",
+            error ? strerror(error) : "");
+}
+
+// Who sends datagrams is told nothing, so the administrator is.
+void tell_when_udp_closes(Loop &loop)
+{
+    loop.every(kLookAtUdp, [was_open = udp_is_open()]() mutable {
+        if (was_open && !udp_is_open())
+            fprintf(stderr, "tarn-broker: UDP is closed until the next start: one of its clients has ended, and all of "
+                            "them share one socket\n");
+        was_open = udp_is_open();
     });
 }
 
 int32_t start(broker_t *broker, const Options &options, Access &access)
 {
     tarn_sdk_mqtt_broker_init(broker);
-    tarn_sdk_mqtt_broker_set_log_level(broker, options.log_level); // again, since init sets it back
+    tarn_sdk_mqtt_broker_set_log_level(broker, options.level()); // again, since init sets it back
     tarn_sdk_mqtt_broker_set_keepalive_timeout(broker, options.keepalive_s);
     tarn_sdk_mqtt_broker_set_max_packet_size(broker, options.max_packet_size);
     if (access.is_wanted())
@@ -118,17 +174,18 @@ int32_t start(broker_t *broker, const Options &options, Access &access)
 
 ExitStatus serve(const Options &options)
 {
-    Access access(options.user_file, options.acl_file);
-    Loop   loop;
+    umask(077);         // what clients said is nobody else's business, whoever makes the file
+    DataDirectory data; // locked until all else is gone
+    Access        access(options.user_file, options.acl_file);
+    Loop          loop;
     end_on_signals(loop);
-    if (access.is_wanted())
-        reload_on_signal(loop, access);
+    reload_on_signal(loop, access);
     raise_descriptor_limit();
-    if (const std::string mistake = prepare(options, access); !mistake.empty()) {
+    if (const std::string mistake = prepare(options, access, data); !mistake.empty()) {
         fprintf(stderr, "tarn-broker: %s\n", mistake.c_str());
         return kCannotServe;
     }
-    tarn_sdk_mqtt_broker_set_log_level(nullptr, options.log_level);
+    tarn_sdk_mqtt_broker_set_log_level(nullptr, options.level());
 
     Attachments attachments(loop, options);
     if (const std::string fault = attachments.open(); !fault.empty()) {
@@ -144,8 +201,8 @@ ExitStatus serve(const Options &options)
 
     const int32_t code = start(broker, options, access);
     if (code == TARN_OK) {
-        fprintf(stderr, "tarn-broker: serving MQTT 3.1.1 and 5.0 on 0.0.0.0:%d (TCP and UDP), at most %d clients\n",
-                kPort, options.max_clients);
+        tell_where_it_serves(options.max_clients);
+        tell_when_udp_closes(loop);
         warn_of_descriptor_limit(options.max_clients);
         if (access.asks_for_users())
             loop.every(kLookAfter, [&] { look_after(broker, access); });

@@ -64,6 +64,17 @@ Access::Files Access::files() const
     return files_;
 }
 
+std::vector<std::string> Access::warnings() const
+{
+    const Files              now = files();
+    std::vector<std::string> texts;
+    if (now.users && now.users->count() == 0)
+        texts.push_back(user_file_ + " has no users: nobody can connect");
+    if (now.acl && now.acl->is_empty())
+        texts.push_back(acl_file_ + " has no rules: nobody can subscribe or publish");
+    return texts;
+}
+
 bool Access::may_connect(const std::string &client_id, const std::string &user, const std::string &password)
 {
     const Files now = files();

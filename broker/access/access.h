@@ -31,6 +31,9 @@ public:
     // Reads both files. With a mistake in one of them nothing changes.
     Mistake load();
 
+    // What is in order, and yet nobody can have meant.
+    std::vector<std::string> warnings() const;
+
     // The id is empty when the library will choose one.
     bool may_connect(const std::string &client_id, const std::string &user, const std::string &password);
 

@@ -117,6 +117,13 @@ Mistake Acl::parse(const std::string &path, std::string_view text, bool users_kn
     return for_each_line(path, text, Reader{*this, users_known});
 }
 
+bool Acl::is_empty() const
+{
+    return everybody_.empty() &&
+           std::all_of(users_.begin(), users_.end(), [](const auto &user) { return user.second.empty(); }) &&
+           std::all_of(clients_.begin(), clients_.end(), [](const Section &section) { return section.rules.empty(); });
+}
+
 template <class Allows> bool Acl::any_rule(const Asker &asker, Allows allows) const
 {
     const auto one_of = [&](const Rules &rules) { return std::any_of(rules.begin(), rules.end(), allows); };

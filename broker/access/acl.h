@@ -35,6 +35,8 @@ public:
     // Without users known, rules that speak of them are a mistake: anybody could claim a name.
     Mistake parse(const std::string &path, std::string_view text, bool users_known);
 
+    bool is_empty() const; // no rule at all, sections or not
+
     bool may_subscribe(const Asker &asker, std::string_view filter) const;
     bool may_publish(const Asker &asker, std::string_view topic) const;
 

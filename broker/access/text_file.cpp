@@ -50,13 +50,6 @@ bool take_over_owner(int fd, const std::string &path)
                                     fchown(fd, before.st_uid, before.st_gid) == 0);
 }
 
-// A link stays one: what it points to is replaced.
-std::string link_target(const std::string &path)
-{
-    const std::unique_ptr<char, void (*)(void *)> real(realpath(path.c_str(), nullptr), free);
-    return real ? real.get() : path;
-}
-
 } // namespace
 
 Mistake read_file(const std::string &path, std::string &text)
@@ -75,6 +68,12 @@ Mistake read_file(const std::string &path, std::string &text)
         else if (errno != EINTR)
             return cannot("read", path);
     }
+}
+
+std::string link_target(const std::string &path)
+{
+    const std::unique_ptr<char, void (*)(void *)> real(realpath(path.c_str(), nullptr), free);
+    return real ? real.get() : path;
 }
 
 Mistake replace_file(const std::string &path, std::string_view text)

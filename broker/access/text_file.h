@@ -14,6 +14,9 @@ using Mistake = std::string;
 
 Mistake read_file(const std::string &path, std::string &text);
 
+// The file that replace_file() replaces: a link stays one, and what it points to is replaced.
+std::string link_target(const std::string &path);
+
 // Replaces the file in one step, by a new one of mode 0600 that keeps the owner of the old one.
 Mistake replace_file(const std::string &path, std::string_view text);
 

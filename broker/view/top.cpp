@@ -26,13 +26,6 @@ int64_t now_ms()
         .count();
 }
 
-bool nobody_waits_for(int signal)
-{
-    sigset_t blocked;
-    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-    return !sigismember(&blocked, signal);
-}
-
 } // namespace
 
 std::string prepare_view()
@@ -76,8 +69,6 @@ void Top::State::watch()
     loop.on_readable(terminal.fd(), [this] { take_keys(); });
     loop.on_signal(SIGWINCH, [this] { redraw_afresh(); });
     loop.on_signal(SIGTSTP, [this] { sleep(); });
-    if (nobody_waits_for(SIGHUP))
-        loop.on_signal(SIGHUP, [this] { loop.end(); });
 }
 
 void Top::State::look()

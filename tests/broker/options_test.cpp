@@ -31,7 +31,7 @@ TEST(options, nothing_given_serves_with_the_librarys_defaults)
     const CommandLine line = read({});
     EXPECT_EQ(line.error, "");
     EXPECT_EQ(line.wish, Wish::Serve);
-    EXPECT_EQ(line.options.log_level, 2u);
+    EXPECT_EQ(line.options.level(), 3u);
     EXPECT_EQ(line.options.keepalive_s, 300);
     EXPECT_EQ(line.options.max_packet_size, 4096);
     EXPECT_EQ(line.options.max_clients, 5000);
@@ -39,33 +39,51 @@ TEST(options, nothing_given_serves_with_the_librarys_defaults)
 
 TEST(options, short_and_long_names_set_the_same)
 {
-    for (const CommandLine &line :
-         {read({"-l", "info", "-k60", "-p", "512", "-c", "7"}),
-          read({"--log-level=info", "--keep-alive", "60", "--max-packet-size=512", "--max-clients", "7"})}) {
+    for (const CommandLine &line : {read({"-l", "info", "-k60", "-c", "7"}),
+                                    read({"--log-level=info", "--keep-alive", "60", "--max-clients", "7"})}) {
         EXPECT_EQ(line.error, "");
-        EXPECT_EQ(line.options.log_level, 1u);
+        EXPECT_EQ(line.options.level(), 1u);
         EXPECT_EQ(line.options.keepalive_s, 60);
-        EXPECT_EQ(line.options.max_packet_size, 512);
         EXPECT_EQ(line.options.max_clients, 7);
     }
 }
 
 TEST(options, levels_are_numbered_as_in_the_library)
 {
-    EXPECT_EQ(read({"-l", "debug"}).options.log_level, 0u);
-    EXPECT_EQ(read({"-l", "info"}).options.log_level, 1u);
-    EXPECT_EQ(read({"-l", "warn"}).options.log_level, 2u);
-    EXPECT_EQ(read({"-l", "error"}).options.log_level, 3u);
+    EXPECT_EQ(read({"-l", "debug"}).options.level(), 0u);
+    EXPECT_EQ(read({"-l", "info"}).options.level(), 1u);
+    EXPECT_EQ(read({"-l", "warn"}).options.level(), 2u);
+    EXPECT_EQ(read({"-l", "error"}).options.level(), 3u);
     EXPECT_EQ(error_of({"-l", "fatal"}), "--log-level takes debug, info, warn or error, not 'fatal'");
     EXPECT_EQ(error_of({"-l", ""}), "--log-level takes debug, info, warn or error, not ''");
+}
+
+TEST(options, who_looks_on_sees_warnings_unless_asked_otherwise)
+{
+    EXPECT_EQ(read({"--top"}).options.level(), 2u);
+    EXPECT_EQ(read({"--top", "-l", "error"}).options.level(), 3u);
+    EXPECT_EQ(read({"-l", "error", "--top"}).options.level(), 3u);
+}
+
+TEST(options, the_port_is_always_1883)
+{
+    for (const CommandLine &line : {read({"-p", "1883"}), read({"-p1883"}), read({"--port", "1883"})}) {
+        EXPECT_EQ(line.error, "");
+        EXPECT_EQ(line.wish, Wish::Serve);
+        EXPECT_EQ(line.options.max_packet_size, 4096);
+    }
+    for (const char *text : {"1884", "8883", "0", "", "x", "01883", "1883 "}) {
+        EXPECT_EQ(error_of({"-p", text}), std::string("the port is always 1883, it cannot be '") + text + "'");
+        EXPECT_EQ(error_of({"--port", text}), std::string("the port is always 1883, it cannot be '") + text + "'");
+    }
 }
 
 TEST(options, numbers_are_taken_to_their_limits)
 {
     EXPECT_EQ(read({"-k", "1"}).options.keepalive_s, 1);
     EXPECT_EQ(read({"-k", "3600"}).options.keepalive_s, 3600);
-    EXPECT_EQ(read({"-p", "256"}).options.max_packet_size, 256);
-    EXPECT_EQ(read({"-p", "10485760"}).options.max_packet_size, 10485760);
+    EXPECT_EQ(read({"--max-packet-size", "256"}).options.max_packet_size, 256);
+    EXPECT_EQ(read({"--max-packet-size=10485760"}).options.max_packet_size, 10485760);
     EXPECT_EQ(read({"-c", "1"}).options.max_clients, 1);
     EXPECT_EQ(read({"-c", "11000"}).options.max_clients, 11000);
 }
@@ -74,8 +92,10 @@ TEST(options, numbers_beyond_their_limits_are_refused)
 {
     EXPECT_EQ(error_of({"-k", "0"}), "--keep-alive takes a number from 1 to 3600, not '0'");
     EXPECT_EQ(error_of({"-k", "3601"}), "--keep-alive takes a number from 1 to 3600, not '3601'");
-    EXPECT_EQ(error_of({"-p", "255"}), "--max-packet-size takes a number from 256 to 10485760, not '255'");
-    EXPECT_EQ(error_of({"-p", "10485761"}), "--max-packet-size takes a number from 256 to 10485760, not '10485761'");
+    EXPECT_EQ(error_of({"--max-packet-size", "255"}),
+              "--max-packet-size takes a number from 256 to 10485760, not '255'");
+    EXPECT_EQ(error_of({"--max-packet-size=10485761"}),
+              "--max-packet-size takes a number from 256 to 10485760, not '10485761'");
     EXPECT_EQ(error_of({"-c", "0"}), "--max-clients takes a number from 1 to 11000, not '0'");
     EXPECT_EQ(error_of({"-c", "11001"}), "--max-clients takes a number from 1 to 11000, not '11001'");
 }
@@ -118,8 +138,8 @@ TEST(options, help_lists_every_option_in_columns)
                         "1..3600 (300)\n"),
               std::string::npos);
     EXPECT_NE(text.find("no packet of more than\n                               4096 bytes"), std::string::npos);
-    for (const char *name : {"--log-level", "--max-packet-size", "--max-clients", "--user-file", "--acl-file",
-                             "--user NAME", "--directory", "--help", "--version"})
+    for (const char *name : {"--log-level", "-p, --port 1883 ", "--max-packet-size", "--max-clients", "--user-file",
+                             "--acl-file", "--user NAME", "--directory", "--help", "--version"})
         EXPECT_NE(text.find(name), std::string::npos) << name;
 }
 

@@ -169,6 +169,22 @@ TEST(passwd, takes_a_line_as_the_password)
     EXPECT_EQ(file_text("users"), before);
 }
 
+TEST(passwd, many_at_once_lose_no_user)
+{
+    constexpr int      kUsers = 20;
+    std::vector<Child> children;
+    for (int i = 0; i < kUsers; ++i) {
+        const std::string name = "user" + std::to_string(i);
+        children.emplace_back(name, std::vector<std::string>{"sh", "-c", "echo secret | \"$0\" passwd users " + name,
+                                                             TARN_BROKER_PROGRAM});
+    }
+    for (Child &child : children)
+        EXPECT_EQ(child.wait(kLimit_ms), 0);
+    Users users;
+    ASSERT_EQ(users.parse("users", file_text("users")), "");
+    EXPECT_EQ(users.count(), static_cast<size_t>(kUsers));
+}
+
 TEST(passwd, leaves_a_file_with_mistakes_alone)
 {
     write("users", "# mine\nsecret\n");

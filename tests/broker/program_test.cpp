@@ -3,11 +3,16 @@
 #include "support/peer.h"
 
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <pty.h>
+#include <set>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace tarn::test;
@@ -35,6 +40,28 @@ private:
     int fd_;
 };
 
+std::string here()
+{
+    char directory[4096];
+    return getcwd(directory, sizeof directory) ? directory : "";
+}
+
+// As somebody whom the modes of files bind: root is not.
+Child run_without_privileges(const std::string &name, std::vector<std::string> command)
+{
+    if (geteuid() == 0)
+        command.insert(command.begin(), {"setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups"});
+    return {name, command};
+}
+
+unsigned mode_of(const std::filesystem::path &path)
+{
+    return static_cast<unsigned>(std::filesystem::status(path).permissions());
+}
+
+const std::string kUdpIsClosed = "tarn-broker: UDP is closed until the next start: one of its clients has ended, and "
+                                 "all of them share one socket\n";
+
 } // namespace
 
 TEST(program, help_goes_to_standard_output)
@@ -61,6 +88,16 @@ TEST(program, a_bad_option_ends_it_with_2)
     EXPECT_EQ(broker.output(), "");
 }
 
+TEST(program, another_port_ends_it_with_2)
+{
+    Child broker = run({"-p", "1884"});
+    EXPECT_EQ(broker.wait(kLimit_ms), 2);
+    EXPECT_EQ(broker.errors(), "tarn-broker: the port is always 1883, it cannot be '1884'\n"
+                               "Try 'tarn-broker --help'.\n");
+    Child same = run({"-p", "1883"});
+    EXPECT_TRUE(serves(same)) << same.errors();
+}
+
 TEST(program, says_that_it_serves_and_serves)
 {
     Child broker = run({"-c", "11"});
@@ -78,6 +115,44 @@ TEST(program, ends_cleanly_on_each_signal)
         broker.signal(signal);
         EXPECT_EQ(broker.wait(kLimit_ms), 0) << "signal " << signal;
     }
+}
+
+// So a reload of the service does it no harm.
+TEST(program, sighup_without_files_says_that_there_is_nothing_to_read)
+{
+    Child broker = run();
+    ASSERT_TRUE(serves(broker));
+    Peer peer = Peer::tcp();
+    peer.connect_v4("a");
+    broker.signal(SIGHUP);
+    EXPECT_TRUE(says(broker, "tarn-broker: there is nothing to read again without --user-file and --acl-file\n"))
+        << broker.errors();
+    peer.ping();
+    broker.signal(SIGTERM);
+    EXPECT_EQ(broker.wait(kLimit_ms), 0);
+}
+
+TEST(program, ends_with_the_terminal_it_was_started_in)
+{
+    int         terminal = -1;
+    const pid_t pid      = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        execl(TARN_BROKER_PROGRAM, "tarn-broker", nullptr);
+        _exit(127);
+    }
+    std::string shown;
+    char        some[256];
+    for (ssize_t count; shown.find("serving") == shown.npos && (count = read(terminal, some, sizeof some)) > 0;)
+        shown.append(some, static_cast<size_t>(count));
+    ASSERT_NE(shown.find("serving"), shown.npos) << shown;
+    close(terminal);
+    int status = 0;
+    if (!wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; })) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        FAIL() << "it serves on";
+    }
+    EXPECT_EQ(status, 0);
 }
 
 // Ending takes a moment, in which a second signal may come; the machine decides whether it comes in time.
@@ -118,13 +193,18 @@ TEST(program, logs_at_the_level_asked_for)
         [&] { return broker.output().find("[SDK] start success, listen 0.0.0.0:1883\n") != std::string::npos; }));
 }
 
-TEST(program, logs_no_more_than_warnings_unless_asked)
+// A client without an id is worth a warning.
+TEST(program, logs_no_more_than_errors_unless_asked)
 {
-    Child broker = run();
-    ASSERT_TRUE(serves(broker));
-    broker.signal(SIGTERM);
-    EXPECT_EQ(broker.wait(kLimit_ms), 0);
-    EXPECT_EQ(broker.output().find("INFO"), std::string::npos) << broker.output();
+    for (const bool asked : {false, true}) {
+        Child broker = run(asked ? std::vector<std::string>{"-l", "warn"} : std::vector<std::string>{});
+        ASSERT_TRUE(serves(broker));
+        Peer::tcp().connect_v4("").ping();
+        broker.signal(SIGTERM);
+        EXPECT_EQ(broker.wait(kLimit_ms), 0);
+        EXPECT_EQ(broker.output().find("[WARN] CONNECT decode: empty ClientID") != std::string::npos, asked)
+            << broker.output();
+    }
 }
 
 TEST(program, raises_the_soft_limit_of_descriptors)
@@ -166,7 +246,7 @@ TEST(program, says_why_it_cannot_listen)
 // Too few descriptors for a start, but enough to see that it is not the port.
 TEST(program, says_that_it_cannot_start_for_another_reason)
 {
-    Child broker{"broker", {"sh", "-c", "exec 3<&- 4<&- 5<&-; ulimit -n 6; exec \"$0\"", TARN_BROKER_PROGRAM}};
+    Child broker{"broker", {"sh", "-c", "exec 3<&- 4<&- 5<&-; ulimit -n 7; exec \"$0\"", TARN_BROKER_PROGRAM}};
     EXPECT_EQ(broker.wait(kLimit_ms), 1);
     EXPECT_EQ(broker.errors(), "tarn-broker: cannot start: Resource error\n");
 }
@@ -176,8 +256,29 @@ TEST(program, serves_when_only_udp_is_taken)
 {
     Port1883 taken(SOCK_DGRAM);
     Child    broker = run();
-    ASSERT_TRUE(serves(broker));
+    ASSERT_TRUE(says(broker, "tarn-broker: UDP port 1883 could not be opened: Address already in use\n"));
+    EXPECT_EQ(broker.errors(), "tarn-broker: serving MQTT 3.1.1 and 5.0 on 0.0.0.0:1883 (TCP), at most 5000 clients\n"
+                               "tarn-broker: UDP port 1883 could not be opened: Address already in use\n");
     Peer::tcp().connect_v4("a").ping();
+}
+
+TEST(program, says_when_udp_closes)
+{
+    Child broker = run();
+    ASSERT_TRUE(serves(broker));
+    Peer tcp = Peer::tcp(), udp = Peer::udp();
+    tcp.connect_v4("tcp");
+    udp.send(connect_packet(4, "udp"));
+    tcp.ping(); // a datagram waits for traffic on TCP
+    udp.expect("20 02 00 00");
+    pause_ms(1500); // it looks every second
+    EXPECT_EQ(broker.errors().find(kUdpIsClosed), std::string::npos);
+    udp.send("E0 00");
+    tcp.ping();
+    EXPECT_TRUE(says(broker, kUdpIsClosed)) << broker.errors();
+    tcp.ping();
+    pause_ms(1500);
+    EXPECT_EQ(broker.errors().find(kUdpIsClosed), broker.errors().rfind(kUdpIsClosed)) << "said once";
 }
 
 TEST(program, works_in_the_directory_it_is_told)
@@ -194,4 +295,70 @@ TEST(program, says_that_it_cannot_go_to_a_directory)
     Child broker = run({"--directory=not there"});
     EXPECT_EQ(broker.wait(kLimit_ms), 1);
     EXPECT_EQ(broker.errors(), "tarn-broker: cannot go to not there: No such file or directory\n");
+}
+
+TEST(program, a_directory_that_cannot_be_written_is_refused)
+{
+    ASSERT_EQ(chmod(".", 0755), 0);
+    ASSERT_EQ(mkdir("closed", 0555), 0);
+    const std::string refusal = "tarn-broker: cannot keep sessions in " + here() + "/closed: Permission denied\n";
+    Child             told    = run_without_privileges("told", {TARN_BROKER_PROGRAM, "--directory", "closed"});
+    EXPECT_EQ(told.wait(kLimit_ms), 1);
+    EXPECT_EQ(told.errors(), refusal);
+    Child there = run_without_privileges("there", {"sh", "-c", "cd closed && exec \"$0\"", TARN_BROKER_PROGRAM});
+    EXPECT_EQ(there.wait(kLimit_ms), 1);
+    EXPECT_EQ(there.errors(), refusal);
+}
+
+TEST(program, a_file_where_the_data_directory_belongs_is_told)
+{
+    std::ofstream("broker_data") << "x";
+    Child broker = run();
+    EXPECT_EQ(broker.wait(kLimit_ms), 1);
+    EXPECT_EQ(broker.errors(), "tarn-broker: cannot keep sessions in " + here() + "/broker_data: Not a directory\n");
+}
+
+TEST(program, two_brokers_cannot_have_one_directory)
+{
+    Child first = run();
+    ASSERT_TRUE(serves(first));
+    Child second = run({"--control", "ctl"});
+    EXPECT_EQ(second.wait(kLimit_ms), 1);
+    EXPECT_EQ(second.errors(), "tarn-broker: another broker keeps its sessions in " + here() + "/broker_data\n");
+    EXPECT_NE(access("ctl", F_OK), 0); // it had begun nothing
+    Peer::tcp().connect_v4("a").ping();
+
+    first.signal(SIGKILL); // what is left of it is in nobody's way
+    EXPECT_EQ(first.wait(kLimit_ms), 128 + SIGKILL);
+    Child third = run();
+    ASSERT_TRUE(serves(third)) << third.errors();
+    third.signal(SIGTERM);
+    EXPECT_EQ(third.wait(kLimit_ms), 0);
+    Child fourth = run();
+    EXPECT_TRUE(serves(fourth)) << fourth.errors();
+}
+
+TEST(program, its_files_are_for_its_user_alone)
+{
+    umask(022);
+    Child broker = run({"--events", "events", "--control", "ctl"});
+    ASSERT_TRUE(serves(broker));
+    Peer keeper = Peer::tcp(), writer = Peer::tcp();
+    keeper.connect_v4("keeper", {.clean = false}).subscribe("t", 1);
+    keeper.disconnect();
+    writer.connect_v4("writer");
+    writer.publish("t", "for later", {.qos = 1, .retain = true});
+    writer.ping();
+    EXPECT_EQ(mode_of("ctl"), 0600u);
+    broker.signal(SIGTERM);
+    EXPECT_EQ(broker.wait(kLimit_ms), 0);
+
+    std::set<std::filesystem::path> made = {"broker_data", "events", "tarn_flash.txt"};
+    for (const auto &entry : std::filesystem::recursive_directory_iterator("broker_data"))
+        made.insert(entry.path());
+    for (const char *name : {"broker_data/lock", "broker_data/retain.dat", "broker_data/subscription/keeper.json",
+                             "broker_data/message/keeper.json"})
+        EXPECT_EQ(made.count(name), 1u) << name;
+    for (const std::filesystem::path &path : made)
+        EXPECT_EQ(mode_of(path) & 077u, 0u) << path;
 }

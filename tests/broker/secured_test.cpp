@@ -376,11 +376,24 @@ TEST_F(secured, a_mistake_in_a_file_leaves_everything_as_it_was)
     expect_refused("y", as("carol"));
 }
 
-TEST_F(secured, without_files_sighup_ends_it_as_ever)
+TEST_F(secured, empty_files_are_warned_of)
 {
-    Child broker = serve({});
+    const std::string no_users = "tarn-broker: empty_users has no users: nobody can connect\n";
+    const std::string no_rules = "tarn-broker: empty_rules has no rules: nobody can subscribe or publish\n";
+    write("empty_users", "");
+    write("empty_rules", "# none yet\n\nuser alice\nclient x\n");
+    Child broker = serve({"--user-file", "empty_users", "--acl-file", "empty_rules"});
+    EXPECT_EQ(broker.errors().substr(0, broker.errors().find("tarn-broker: serving")), no_users + no_rules);
+
+    write("empty_users", users({"alice"}));
+    write("empty_rules", "user alice\nread a\n");
+    reload(broker);
+    write("empty_rules", "\n");
     broker.signal(SIGHUP);
-    EXPECT_EQ(broker.wait(kLimit_ms), 128 + SIGHUP);
+    EXPECT_TRUE(says(broker, "tarn-broker: users and rules were read again\ntarn-broker: users and rules were read "
+                             "again\n" +
+                                 no_rules))
+        << broker.errors();
 }
 
 // ---- what is wrong at the start

@@ -105,6 +105,18 @@ class Top(unittest.TestCase):
         terminal.type("q")
         self.assert_ends_well(terminal)
 
+    def test_shows_warnings_unless_asked_otherwise(self):
+        terminal = self.started(rows=40)
+        self.addCleanup(connect("").close)
+        self.assertTrue(terminal.wait_for_text("empty ClientID", LIMIT_S), terminal.lines())
+
+    def test_sighup_ends_nothing(self):
+        terminal = self.started(rows=40)
+        terminal.signal(signal.SIGHUP)
+        self.assertTrue(terminal.wait_for_text("there is nothing to read again", LIMIT_S), terminal.lines())
+        terminal.type("q")
+        self.assert_ends_well(terminal)
+
     def test_clients_cannot_draw(self):
         terminal = self.started()
         self.addCleanup(connect("\x1b[2J\x1b[Hgone").close)
@@ -163,7 +175,14 @@ class Top(unittest.TestCase):
         self.assertTrue(terminal.is_as_before())
 
     def test_ends_with_its_terminal(self):
-        terminal = self.started()
+        self.end_with_terminal()
+
+    def test_ends_with_its_terminal_also_when_sighup_is_for_files(self):
+        Path("rules").write_text("read #\n")
+        self.end_with_terminal("--acl-file", "rules")
+
+    def end_with_terminal(self, *options):
+        terminal = self.started(*options)
         pid = terminal.pid
         os.close(terminal.slave)
         os.close(terminal.master)
