@@ -47,6 +47,8 @@ void be_a_client(std::minstd_rand &random)
 {
     const Fd          fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const sockaddr_in address = loopback();
+    const timeval     soon{0, 100000}; // the listener's queue may be full, for ever once the layer is down
+    setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &soon, sizeof soon);
     if (connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         return;
     const Bytes bytes = wire("C0 00 30 03 00 01 't' C0");
