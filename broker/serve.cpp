@@ -3,6 +3,7 @@
 #include "access/guard.h"
 #include "attachments.h"
 #include "loop.h"
+#include "output.h"
 #include "privileges.h"
 
 #include <cerrno>
@@ -129,6 +130,7 @@ ExitStatus serve(const Options &options)
         return kCannotServe;
     }
     tarn_sdk_mqtt_broker_set_log_level(nullptr, options.log_level);
+    escape_standard_output();
 
     Attachments attachments(loop, options);
     if (const std::string fault = attachments.open(); !fault.empty()) {
