@@ -2,6 +2,7 @@
 
 #include "access/guard.h"
 #include "attachments.h"
+#include "disk_watch.h"
 #include "loop.h"
 #include "output.h"
 #include "privileges.h"
@@ -104,6 +105,14 @@ void reload_on_signal(Loop &loop, Access &access)
     });
 }
 
+void watch_disk(Loop &loop, DiskWatch &disk)
+{
+    loop.every(DiskWatch::kPeriod, [&disk] {
+        if (const std::string news = disk.look(); !news.empty())
+            fprintf(stderr, "tarn-broker: %s\n", news.c_str());
+    });
+}
+
 int32_t start(broker_t *broker, const Options &options, Access &access)
 {
     tarn_sdk_mqtt_broker_init(broker);
@@ -144,6 +153,7 @@ ExitStatus serve(const Options &options)
     }
     attachments.watch(broker);
 
+    DiskWatch     disk;
     const int32_t code = start(broker, options, access);
     if (code == TARN_OK) {
         fprintf(stderr, "tarn-broker: serving MQTT 3.1.1 and 5.0 on 0.0.0.0:%d (TCP and UDP), at most %d clients\n",
@@ -151,6 +161,7 @@ ExitStatus serve(const Options &options)
         warn_of_descriptor_limit(options.max_clients);
         if (access.asks_for_users())
             loop.every(kLookAfter, [&] { look_after(broker, access); });
+        watch_disk(loop, disk);
         attachments.serve(broker);
         loop.run();
         attachments.end();
