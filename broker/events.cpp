@@ -24,6 +24,9 @@ constexpr std::string_view kBack    = R"(","qos":)"; // one digit and } follow
 constexpr const char *kNames[] = {"connected", "disconnected", "publish", "subscribe", "unsubscribe", "will"};
 static_assert(BROKER_EVENT_WILL + 1 == std::size(kNames));
 
+constexpr const char *kWhat[] = {"login", "publish", "subscribe", "will"};
+static_assert(Refusal::kKinds == std::size(kWhat));
+
 std::atomic<LineWriter *> g_writer; // the callback gets nothing but the instance
 
 int64_t wall_ms()
@@ -140,6 +143,14 @@ std::string event_line(int64_t time_ms, uint32_t kind, std::string_view text)
     return line + '}';
 }
 
+std::string refused_line(int64_t time_ms, const Refusal &refusal)
+{
+    return line_start(time_ms, "refused") + R"(,"clientId":)" + json_string(refusal.client_id) + R"(,"topic":)" +
+           json_string(refusal.topic) + R"(,"qos":null,"what":")" + kWhat[refusal.kind] + R"(","user":)" +
+           json_string(refusal.user) + R"(,"address":)" + json_string(refusal.address) + R"(,"reason":)" +
+           json_string(refusal.reason) + '}';
+}
+
 std::string lost_line(int64_t time_ms, uint64_t count)
 {
     return line_start(time_ms, "lost") + R"(,"count":)" + std::to_string(count) + '}';
@@ -148,6 +159,12 @@ std::string lost_line(int64_t time_ms, uint64_t count)
 std::string tell_lost_events(uint64_t count)
 {
     return lost_line(wall_ms(), count);
+}
+
+void write_refusal(const Refusal &refusal)
+{
+    if (LineWriter *const writer = g_writer.load())
+        writer->write(refused_line(wall_ms(), refusal));
 }
 
 void write_events(broker_t *broker, LineWriter &writer)

@@ -3,9 +3,13 @@
 #include "access/guard.h"
 #include "attachments.h"
 #include "data_directory.h"
+#include "disk_watch.h"
+#include "events.h"
 #include "loop.h"
+#include "output.h"
 #include "privileges.h"
 #include "query.h"
+#include "refusals.h"
 
 #include <cerrno>
 #include <csignal>
@@ -18,6 +22,7 @@
 #include <unistd.h>
 
 #include <tarn_sdk_mqtt_broker.h>
+#include <tarn_sdk_mqtt_broker/log/agent_log.h>
 
 namespace tarn::broker {
 namespace {
@@ -159,15 +164,34 @@ void tell_when_udp_closes(Loop &loop)
     });
 }
 
-int32_t start(broker_t *broker, const Options &options, Access &access)
+int32_t start(broker_t *broker, const Options &options, Access &access, RefusalLog &refusals)
 {
     tarn_sdk_mqtt_broker_init(broker);
     tarn_sdk_mqtt_broker_set_log_level(broker, options.level()); // again, since init sets it back
     tarn_sdk_mqtt_broker_set_keepalive_timeout(broker, options.keepalive_s);
     tarn_sdk_mqtt_broker_set_max_packet_size(broker, options.max_packet_size);
+    if (!access.is_wanted())
+        return tarn_sdk_mqtt_broker_start(broker, kPort, options.max_clients);
+    guard(broker, access, [&](const Refusal &refusal) {
+        refusals.report(refusal);
+        write_refusal(refusal);
+    });
+    const int32_t code = tarn_sdk_mqtt_broker_start(broker, kPort, options.max_clients);
+    guard_wills();
+    return code;
+}
+
+// What the main thread does every few seconds.
+void keep_house(Loop &loop, broker_t *broker, Access &access, RefusalLog &refusals, DiskWatch &disk)
+{
+    if (access.asks_for_users())
+        loop.every(kLookAfter, [&access, broker] { look_after(broker, access); });
     if (access.is_wanted())
-        guard(broker, access);
-    return tarn_sdk_mqtt_broker_start(broker, kPort, options.max_clients);
+        loop.every(RefusalLog::kPeriod, [&refusals] { refusals.end_period(); });
+    loop.every(DiskWatch::kPeriod, [&disk] {
+        if (const std::string news = disk.look(); !news.empty())
+            fprintf(stderr, "tarn-broker: %s\n", news.c_str());
+    });
 }
 
 } // namespace
@@ -186,6 +210,7 @@ ExitStatus serve(const Options &options)
         return kCannotServe;
     }
     tarn_sdk_mqtt_broker_set_log_level(nullptr, options.level());
+    escape_standard_output();
 
     Attachments attachments(loop, options);
     if (const std::string fault = attachments.open(); !fault.empty()) {
@@ -199,13 +224,14 @@ ExitStatus serve(const Options &options)
     }
     attachments.watch(broker);
 
-    const int32_t code = start(broker, options, access);
+    RefusalLog    refusals(log_warning); // at every level: they are this program's own news, and few
+    DiskWatch     disk;
+    const int32_t code = start(broker, options, access, refusals);
     if (code == TARN_OK) {
         tell_where_it_serves(options.max_clients);
         tell_when_udp_closes(loop);
         warn_of_descriptor_limit(options.max_clients);
-        if (access.asks_for_users())
-            loop.every(kLookAfter, [&] { look_after(broker, access); });
+        keep_house(loop, broker, access, refusals, disk);
         attachments.serve(broker);
         loop.run();
         attachments.end();
@@ -217,6 +243,7 @@ ExitStatus serve(const Options &options)
         explain_failed_start(code);
     }
     tarn_sdk_mqtt_broker_deinit(broker);
+    refusals.end_period();
     if (const Mistake mistake = access.save_owners(); !mistake.empty())
         fprintf(stderr, "tarn-broker: %s\n", mistake.c_str());
     tarn_sdk_mqtt_broker_destroy(broker);

@@ -35,6 +35,22 @@ bool is_plain(std::string_view word)
     return true;
 }
 
+// Moves one character from the front of rest to result: as it is, or as \n, \r, \t or \xHH when it is a control or
+// none.
+void take_escaped(std::string_view &rest, std::string &result)
+{
+    const Decoded next = decode_utf8(rest);
+    const char    c    = rest.front();
+    if (c == '\n' || c == '\r' || c == '\t')
+        result.append({'\\', c == '\n' ? 'n' : c == '\r' ? 'r' : 't'});
+    else if (next.character == kNoCharacter || is_control(next.character))
+        for (const char bad : rest.substr(0, next.bytes))
+            result += hex("\\x%02x", static_cast<unsigned char>(bad));
+    else
+        result += rest.substr(0, next.bytes);
+    rest.remove_prefix(next.bytes);
+}
+
 int hex_digit(char c)
 {
     if (c >= '0' && c <= '9')
@@ -126,7 +142,17 @@ void append_utf8(std::string &text, char32_t character)
 
 bool is_control(char32_t character)
 {
-    return character < 0x20 || (character >= 0x7F && character < 0xA0) || character == 0x2028 || character == 0x2029;
+    const auto within = [character](char32_t first, char32_t last) { return character >= first && character <= last; };
+    return character < 0x20 || within(0x7F, 0x9F) || character == 0x061C || within(0x200E, 0x200F) ||
+           within(0x2028, 0x202E) || within(0x2066, 0x2069);
+}
+
+std::string escaped(std::string_view text)
+{
+    std::string result;
+    while (!text.empty())
+        take_escaped(text, result);
+    return result;
 }
 
 std::string json_string(std::string_view text)
@@ -153,18 +179,9 @@ std::string quote_word(std::string_view word)
         return std::string(word);
     std::string quoted = "\"";
     while (!word.empty()) {
-        const Decoded next = decode_utf8(word);
-        const char    c    = word.front();
-        if (c == '"' || c == '\\')
-            quoted.append({'\\', c});
-        else if (c == '\n' || c == '\r' || c == '\t')
-            quoted.append({'\\', c == '\n' ? 'n' : c == '\r' ? 'r' : 't'});
-        else if (next.character == kNoCharacter || is_control(next.character))
-            for (const char bad : word.substr(0, next.bytes))
-                quoted += hex("\\x%02x", static_cast<unsigned char>(bad));
-        else
-            quoted += word.substr(0, next.bytes);
-        word.remove_prefix(next.bytes);
+        if (word.front() == '"' || word.front() == '\\')
+            quoted += '\\';
+        take_escaped(word, quoted);
     }
     return quoted + '"';
 }

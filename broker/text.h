@@ -20,10 +20,14 @@ constexpr char32_t kNoCharacter = 0xFFFFFFFF;
 Decoded            decode_utf8(std::string_view text);
 void               append_utf8(std::string &text, char32_t character);
 
-// True for what moves a cursor, ends a line or is not seen: C0, DEL, C1 and the two Unicode line ends.
+// True for what moves a cursor, ends a line, turns the direction of what follows or is not seen: C0, DEL, C1, the two
+// Unicode line ends and the bidirectional controls.
 bool is_control(char32_t character);
 
-// A JSON string with its quotes, always valid UTF-8 on one line: bytes that are none become U+FFFD, controls \u00xx.
+// Nothing in it acts on a terminal: controls and bytes that are no UTF-8 are \n, \r, \t or \xHH, all else stays.
+std::string escaped(std::string_view text);
+
+// A JSON string with its quotes, always valid UTF-8 on one line: bytes that are none become U+FFFD, controls \uXXXX.
 std::string json_string(std::string_view text);
 
 // A word as split_words() reads it: plain where that can be, else in quotes with \" \\ \n \r \t and \xHH.

@@ -27,6 +27,17 @@ bool is_chosen_id(std::string_view client_id)
            std::all_of(client_id.begin() + kAuto.size(), client_id.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
+// As the library takes it: longer ids are cut.
+std::string_view taken_id(std::string_view client_id)
+{
+    return client_id.substr(0, kIdMax);
+}
+
+constexpr Verdict kNoRule{"no rule allows it"};
+constexpr Verdict kNotUtf8{"the filter is not UTF-8"};
+constexpr Verdict kNoTopic{"it is no topic to publish to"};
+constexpr Verdict kNobody{"no user who may connect stands behind it"};
+
 } // namespace
 
 Access::Access(std::string user_file, std::string acl_file)
@@ -75,16 +86,25 @@ std::vector<std::string> Access::warnings() const
     return texts;
 }
 
-bool Access::may_connect(const std::string &client_id, const std::string &user, const std::string &password)
+Verdict Access::may_connect(const std::string &client_id, const std::string &user, const std::string &password)
 {
     const Files now = files();
     if (!now.users)
-        return true;
-    if (user.empty() || password.empty() || !now.users->check(user, password))
-        return false;
-    if (client_id.empty())
-        return true;
-    return !is_chosen_id(client_id) && bindings_.bind(std::string_view(client_id).substr(0, kIdMax), user);
+        return {};
+    if (user.empty() || password.empty())
+        return {"user name or password is missing"};
+    if (!now.users->check(user, password))
+        return {"unknown user or wrong password"};
+    const std::string_view id = taken_id(client_id);
+    if (now.acl && !now.acl->may_have_id({id, user}))
+        return {"the user may not have this id"};
+    if (id.empty())
+        return {};
+    if (is_chosen_id(client_id))
+        return {"ids of this form are not for clients to choose"};
+    if (bindings_.bind(id, user))
+        return {};
+    return {bindings_.user_of(id) ? "the id belongs to another user" : "the user has too many ids"};
 }
 
 // A session that the library chose the id of begins clean, so nothing of the other user's is behind it.
@@ -109,25 +129,47 @@ std::optional<std::string> Access::user_behind(const Files &files, const std::st
     return user && files.users->has(*user) ? user : std::nullopt;
 }
 
-bool Access::may_subscribe(const std::string &client_id, const std::string &filter)
+Verdict Access::may_subscribe(const std::string &client_id, const std::string &filter)
 {
     const Files                      now  = files();
     const std::optional<std::string> user = user_behind(now, client_id);
-    if (!user || !is_utf8(filter) || (now.acl && !now.acl->may_subscribe({client_id, *user}, filter)))
-        return false;
+    if (!user)
+        return kNobody;
+    if (!is_utf8(filter))
+        return kNotUtf8;
+    if (now.acl && !now.acl->may_subscribe({client_id, *user}, filter))
+        return kNoRule;
     if (now.users && !is_chosen_id(client_id)) { // those have no sessions, and none comes back
         bindings_.subscribed(client_id);
         const std::lock_guard lock(mutex_);
         saves_due_ = 2; // the first may come before the library has written its file
     }
-    return true;
+    return {};
 }
 
-bool Access::may_publish(const std::string &client_id, const std::string &topic)
+Verdict Access::may_publish(const std::string &client_id, const std::string &topic)
 {
     const Files                      now  = files();
     const std::optional<std::string> user = user_behind(now, client_id);
-    return user && is_topic(topic) && (!now.acl || now.acl->may_publish({client_id, *user}, topic));
+    return user ? may_write(now, {client_id, *user}, topic) : kNobody;
+}
+
+Verdict Access::may_leave_will(const std::string &client_id, const std::string &user, const std::string &topic) const
+{
+    const Files now = files();
+    return may_write(now, {taken_id(client_id), now.users ? user : ""}, topic);
+}
+
+Verdict Access::may_write(const Files &files, const Asker &asker, const std::string &topic)
+{
+    if (!is_topic(topic))
+        return kNoTopic;
+    return files.acl && !files.acl->may_publish(asker, topic) ? kNoRule : Verdict{};
+}
+
+std::string Access::user_of(const std::string &client_id) const
+{
+    return bindings_.user_of(client_id).value_or("");
 }
 
 std::vector<std::string> Access::unwelcome() const

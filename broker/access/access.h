@@ -19,6 +19,12 @@
 
 namespace tarn::broker {
 
+// Yes, or no and why: words for the log that end a sentence about the client.
+struct Verdict {
+    const char *why_not = nullptr;
+    explicit    operator bool() const { return !why_not; }
+};
+
 class Access {
 public:
     // Names of files, empty for none. Without users everybody may connect; without rules everybody who is connected may
@@ -35,14 +41,20 @@ public:
     std::vector<std::string> warnings() const;
 
     // The id is empty when the library will choose one.
-    bool may_connect(const std::string &client_id, const std::string &user, const std::string &password);
+    Verdict may_connect(const std::string &client_id, const std::string &user, const std::string &password);
 
     // The id that it chose for a client that is online now. False when it is another user's: that one's client is
     // there, too, unless this one is alone with the id.
     bool chosen(const std::string &client_id, const std::string &user, const std::function<bool()> &is_alone);
 
-    bool may_subscribe(const std::string &client_id, const std::string &filter);
-    bool may_publish(const std::string &client_id, const std::string &topic);
+    Verdict may_subscribe(const std::string &client_id, const std::string &filter);
+    Verdict may_publish(const std::string &client_id, const std::string &topic);
+
+    // What its CONNECT asks for, before it is known whether it may connect. Rules with the id, and sections for ids, do
+    // not count for a client that comes without one: the library chooses it later.
+    Verdict may_leave_will(const std::string &client_id, const std::string &user, const std::string &topic) const;
+
+    std::string user_of(const std::string &client_id) const; // empty when nobody knows
 
     // Ids that belong to users who are no more in the file.
     std::vector<std::string> unwelcome() const;
@@ -61,6 +73,7 @@ private:
     };
     Files                      files() const;
     std::optional<std::string> user_behind(const Files &files, const std::string &client_id) const;
+    static Verdict             may_write(const Files &files, const Asker &asker, const std::string &topic);
 
     const std::string  user_file_;
     const std::string  acl_file_;

@@ -64,6 +64,7 @@ struct Acl::Reader {
     Acl       &acl;
     const bool users_known;
     Rules     *open = &acl.everybody_;
+    User      *user = nullptr; // whose section is open, if it is one
 
     Mistake operator()(std::string_view line)
     {
@@ -74,9 +75,12 @@ struct Acl::Reader {
             return open_user(rest);
         if (word == "client")
             return open_client(rest);
+        if (word == "clientid")
+            return add_id(rest);
         if (word == "read" || word == "write" || word == "readwrite")
             return add_rule(word != "write", word != "read", rest);
-        return "a line begins with read, write, readwrite, user or client, not with '" + std::string(word) + "'";
+        return "a line begins with read, write, readwrite, user, clientid or client, not with '" + std::string(word) +
+               "'";
     }
 
     Mistake open_user(std::string_view name)
@@ -85,7 +89,18 @@ struct Acl::Reader {
             return "rules for users need --user-file: without it anybody can claim a name";
         if (Mistake mistake = check_user_name(name); !mistake.empty())
             return mistake;
-        open = &acl.users_[std::string(name)];
+        user = &acl.users_[std::string(name)];
+        open = &user->rules;
+        return {};
+    }
+
+    Mistake add_id(std::string_view pattern)
+    {
+        if (!user)
+            return "clientid stands in a section of a user: it says which ids that one may have";
+        if (pattern.empty())
+            return "the pattern of client ids is missing";
+        user->ids.emplace_back(pattern);
         return {};
     }
 
@@ -95,6 +110,7 @@ struct Acl::Reader {
             return "the pattern of client ids is missing";
         acl.clients_.push_back({std::string(pattern), {}});
         open = &acl.clients_.back().rules; // used only until the next one is added
+        user = nullptr;
         return {};
     }
 
@@ -129,11 +145,20 @@ template <class Allows> bool Acl::any_rule(const Asker &asker, Allows allows) co
     const auto one_of = [&](const Rules &rules) { return std::any_of(rules.begin(), rules.end(), allows); };
     if (one_of(everybody_))
         return true;
-    if (const auto user = users_.find(asker.user); user != users_.end() && one_of(user->second))
+    if (const auto user = users_.find(asker.user); user != users_.end() && one_of(user->second.rules))
         return true;
     return std::any_of(clients_.begin(), clients_.end(), [&](const Section &section) {
         return matches_pattern(section.pattern, asker.client_id) && one_of(section.rules);
     });
+}
+
+bool Acl::may_have_id(const Asker &asker) const
+{
+    const auto user = users_.find(asker.user);
+    if (user == users_.end() || user->second.ids.empty())
+        return true;
+    return std::any_of(user->second.ids.begin(), user->second.ids.end(),
+                       [&](const std::string &pattern) { return matches_pattern(pattern, asker.client_id); });
 }
 
 bool Acl::may_subscribe(const Asker &asker, std::string_view filter) const

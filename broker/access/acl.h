@@ -4,6 +4,7 @@
 //   readwrite clients/%c/#           %c is the client's id, %u its user
 //
 //   user alice                       for this user
+//   clientid  alice-*                who may connect with no other ids than those of such lines, if there are any
 //   write     home/+/lamp
 //
 //   client sensor-*                  for client ids of this form; * stands for any characters
@@ -37,6 +38,7 @@ public:
 
     bool is_empty() const; // no rule at all, sections or not
 
+    bool may_have_id(const Asker &asker) const; // the user this id
     bool may_subscribe(const Asker &asker, std::string_view filter) const;
     bool may_publish(const Asker &asker, std::string_view topic) const;
 
@@ -46,6 +48,10 @@ private:
         std::string filter;
     };
     using Rules = std::vector<Rule>;
+    struct User {
+        std::vector<std::string> ids; // patterns; none: any id
+        Rules                    rules;
+    };
     struct Section {
         std::string pattern;
         Rules       rules;
@@ -53,9 +59,9 @@ private:
     struct Reader;
     template <class Allows> bool any_rule(const Asker &asker, Allows allows) const;
 
-    Rules                                     everybody_;
-    std::map<std::string, Rules, std::less<>> users_;
-    std::vector<Section>                      clients_;
+    Rules                                    everybody_;
+    std::map<std::string, User, std::less<>> users_;
+    std::vector<Section>                     clients_;
 };
 
 } // namespace tarn::broker

@@ -1,10 +1,12 @@
 #include "guard.h"
 
 #include "../event_hub.h"
+#include "gate.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <string_view>
+#include <utility>
 
 #include <tarn_sdk_mqtt_broker.h>
 
@@ -15,16 +17,35 @@ constexpr size_t kIdRoom     = 64; // bytes for each id and its comma
 constexpr size_t kClientsMax = 11000;
 constexpr int    kKicksMax   = 100; // at a time; each takes some 10 ms
 
-Access *g_access; // the callbacks get nothing but the instance; set before it starts
+Access     *g_access; // the callbacks get nothing but the instance; set before it starts
+TellRefusal g_tell;   // likewise
 
 // The user of a CONNECT without an id, until the event of the same CONNECT, on the same thread, tells the chosen one.
 thread_local std::string t_waits_for_id;
 
+const char *judge_will(const ConnectWill &will)
+{
+    return g_access->may_leave_will(will.client_id, will.user, will.topic).why_not;
+}
+
+// A packet that has not passed the gate came in the moment between the library's start and the gate's, and nobody knows
+// what will it leaves. While one waits here the gate is closed, so these are what the I/O thread had read by then.
+Verdict judge_login(const char *client_id, const char *user, const char *password)
+{
+    if (!passed_gate())
+        return {"it came while the broker started"};
+    return g_access->may_connect(client_id, user, password);
+}
+
 bool on_connect(broker_t * /*broker*/, const char *client_id, const char *user, const char *password)
 {
-    const bool may = g_access->may_connect(client_id, user, password);
-    t_waits_for_id = may && *client_id == '\0' ? user : "";
-    return may;
+    const Verdict verdict = judge_login(client_id, user, password);
+    t_waits_for_id        = verdict && *client_id == '\0' && g_access->asks_for_users() ? user : "";
+    if (!verdict)
+        g_tell({Refusal::Login, user, client_id, peer_address(), "", verdict.why_not});
+    else if (const DroppedWill *const dropped = dropped_will())
+        g_tell({Refusal::Will, user, client_id, peer_address(), dropped->will.topic, dropped->why});
+    return static_cast<bool>(verdict);
 }
 
 // The id in the text of a CONNECTED event, which has neither topic nor QoS.
@@ -62,16 +83,23 @@ void on_event(broker_t *broker, uint32_t kind, const char *text)
         for_each_online([&](std::string_view other) { clients += other == id; });
         return clients <= 1;
     };
-    if (!g_access->chosen(id, t_waits_for_id, is_alone))
+    if (!g_access->chosen(id, t_waits_for_id, is_alone)) {
+        g_tell({Refusal::Login, t_waits_for_id, id, peer_address(), "", "another user got the same id in this second"});
         tarn_sdk_mqtt_broker_kick_client(broker, id.c_str());
+    }
     t_waits_for_id.clear();
 }
 
 bool on_wish(broker_t * /*broker*/, const char *client_id, const char *topic, uint8_t action,
              mqtt_client_t * /*client*/)
 {
-    return action == BROKER_ACL_PUBLISH ? g_access->may_publish(client_id, topic)
-                                        : g_access->may_subscribe(client_id, topic);
+    const bool    publishes = action == BROKER_ACL_PUBLISH;
+    const Verdict verdict =
+        publishes ? g_access->may_publish(client_id, topic) : g_access->may_subscribe(client_id, topic);
+    if (!verdict)
+        g_tell({publishes ? Refusal::Publication : Refusal::Subscription, g_access->user_of(client_id), client_id,
+                peer_address(), topic, verdict.why_not});
+    return static_cast<bool>(verdict);
 }
 
 void kick_unwelcome(broker_t *broker, const Access &access)
@@ -88,14 +116,19 @@ void kick_unwelcome(broker_t *broker, const Access &access)
 
 } // namespace
 
-void guard(broker_t *broker, Access &access)
+void guard(broker_t *broker, Access &access, TellRefusal tell)
 {
     g_access = &access;
+    g_tell   = std::move(tell);
     tarn_sdk_mqtt_broker_register_acl_callback(broker, on_wish);
-    if (!access.asks_for_users())
-        return;
     tarn_sdk_mqtt_broker_register_auth_callback(broker, on_connect);
-    listen_to_events(broker, on_event);
+    if (access.asks_for_users())
+        listen_to_events(broker, on_event);
+}
+
+void guard_wills()
+{
+    close_gate(judge_will);
 }
 
 void look_after(broker_t *broker, Access &access)

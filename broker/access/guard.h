@@ -2,14 +2,23 @@
 #ifndef TARN_BROKER_ACCESS_GUARD_H
 #define TARN_BROKER_ACCESS_GUARD_H
 
+#include "../refusals.h"
 #include "access.h"
+
+#include <functional>
 
 typedef struct broker_t broker_t;
 
 namespace tarn::broker {
 
-// From now until the instance is deinitialised. `access` lives longer than that.
-void guard(broker_t *broker, Access &access);
+// What is to be told of a refusal; on the library's threads.
+using TellRefusal = std::function<void(const Refusal &)>;
+
+// From now until the instance is deinitialised. `access` lives longer than that. To be called before start.
+void guard(broker_t *broker, Access &access, TellRefusal tell);
+
+// To be called as soon as start has returned, also when it failed.
+void guard_wills();
 
 // To be called every few seconds, not in a callback: forgets ids that are gone for good, saves whose sessions are, and
 // closes clients of users that are no more.

@@ -107,6 +107,58 @@ TEST_F(access, with_both_the_rules_of_the_user_count)
     EXPECT_FALSE(some.may_publish("y", "home/lamp"));
 }
 
+TEST_F(access, a_refusal_has_its_reason)
+{
+    write("acl", "read news\nuser bob\nclientid b*\n");
+    Access some("users", "acl");
+    ASSERT_EQ(some.load(), "");
+    EXPECT_STREQ(some.may_connect("x", "", "right").why_not, "user name or password is missing");
+    EXPECT_STREQ(some.may_connect("x", "alice", "").why_not, "user name or password is missing");
+    EXPECT_STREQ(some.may_connect("x", "alice", "wrong").why_not, "unknown user or wrong password");
+    EXPECT_STREQ(some.may_connect("x", "carol", "right").why_not, "unknown user or wrong password");
+    EXPECT_STREQ(some.may_connect("auto_1", "alice", "right").why_not,
+                 "ids of this form are not for clients to choose");
+    EXPECT_STREQ(some.may_connect("x", "bob", "right").why_not, "the user may not have this id");
+    EXPECT_STREQ(some.may_connect("", "bob", "right").why_not, "the user may not have this id");
+    EXPECT_STREQ(some.may_connect("b1", "alice", "right").why_not, nullptr);
+    EXPECT_STREQ(some.may_connect("b1", "bob", "right").why_not, "the id belongs to another user");
+    EXPECT_STREQ(some.may_publish("b1", "news").why_not, "no rule allows it");
+    EXPECT_STREQ(some.may_publish("b1", "a/+").why_not, "it is no topic to publish to");
+    EXPECT_STREQ(some.may_publish("", "a").why_not, "no user who may connect stands behind it");
+    EXPECT_STREQ(some.may_subscribe("b1", "#").why_not, "no rule allows it");
+    EXPECT_STREQ(some.may_subscribe("b1", "\xC3").why_not, "the filter is not UTF-8");
+    EXPECT_EQ(some.user_of("b1"), "alice");
+    EXPECT_EQ(some.user_of("x"), "");
+}
+
+TEST_F(access, a_will_needs_the_right_to_write)
+{
+    write("acl", "write own/%c\nuser alice\nwrite home/#\nclient sensor-*\nwrite sensors/#\n");
+    Access some("users", "acl");
+    ASSERT_EQ(some.load(), "");
+    EXPECT_TRUE(some.may_leave_will("x", "alice", "home/x"));
+    EXPECT_FALSE(some.may_leave_will("x", "bob", "home/x"));
+    EXPECT_TRUE(some.may_leave_will("x", "bob", "own/x"));
+    EXPECT_FALSE(some.may_leave_will("x", "bob", "own/y"));
+    EXPECT_TRUE(some.may_leave_will("sensor-1", "bob", "sensors/1"));
+    EXPECT_TRUE(some.may_leave_will("", "alice", "home/x"));
+    EXPECT_FALSE(some.may_leave_will("", "alice", "own/"));
+    EXPECT_FALSE(some.may_leave_will("x", "alice", "home/+"));
+    const std::string cut(63, 'i');
+    EXPECT_TRUE(some.may_leave_will(cut + "j", "bob", "own/" + cut));
+
+    Access users_alone("users", "");
+    ASSERT_EQ(users_alone.load(), "");
+    EXPECT_TRUE(users_alone.may_leave_will("x", "alice", "any"));
+    EXPECT_FALSE(users_alone.may_leave_will("x", "alice", "any/#"));
+
+    Access rules_alone("", "acl2"); // whoever claims to be alice
+    write("acl2", "write own/%c\n");
+    ASSERT_EQ(rules_alone.load(), "");
+    EXPECT_TRUE(rules_alone.may_leave_will("x", "alice", "own/x"));
+    EXPECT_FALSE(rules_alone.may_leave_will("x", "alice", "home/x"));
+}
+
 TEST_F(access, with_rules_alone_everybody_connects)
 {
     write("acl", "read news\nclient lamp*\nwrite lamps/%c\n");
@@ -264,7 +316,8 @@ TEST_F(access, with_a_mistake_nothing_changes)
     ASSERT_EQ(some.load(), "");
     write("users", users({"carol"}));
     write("acl", "read news\n\nreed news\n");
-    EXPECT_EQ(some.load(), "acl:3: a line begins with read, write, readwrite, user or client, not with 'reed'");
+    EXPECT_EQ(some.load(),
+              "acl:3: a line begins with read, write, readwrite, user, clientid or client, not with 'reed'");
     EXPECT_FALSE(some.may_connect("x", "carol", "right"));
     EXPECT_TRUE(some.may_connect("x", "alice", "right"));
     EXPECT_TRUE(some.may_publish("x", "home/lamp"));

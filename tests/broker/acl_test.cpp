@@ -130,14 +130,30 @@ TEST_F(acl, patterns)
         EXPECT_EQ(matches_pattern(row.pattern, row.text), row.matches) << row.pattern << " and " << row.text;
 }
 
+TEST_F(acl, a_user_may_be_bound_to_ids)
+{
+    ASSERT_EQ(parse("user alice\nclientid a*\nread x\nclientid phone\n"
+                    "user bob\nread y\n"
+                    "user alice\nclientid *-of-alice\n"),
+              "");
+    for (const char *id : {"a", "a1", "phone", "tv-of-alice"})
+        EXPECT_TRUE(file.may_have_id({id, "alice"})) << id;
+    for (const char *id : {"", "b1", "phones", "tv-of-bob"})
+        EXPECT_FALSE(file.may_have_id({id, "alice"})) << id;
+    for (const char *user : {"bob", "carol", ""})
+        EXPECT_TRUE(file.may_have_id({"phone", user})) << user;
+    EXPECT_TRUE(reads({"a1", "alice"}, "x"));
+}
+
 TEST_F(acl, mistakes_are_told_with_their_line)
 {
     struct Row {
         std::string line, mistake;
     };
     for (const Row &row : std::vector<Row>{
-             {"allow a/#", "a line begins with read, write, readwrite, user or client, not with 'allow'"},
-             {"Read a", "a line begins with read, write, readwrite, user or client, not with 'Read'"},
+             {"allow a/#", "a line begins with read, write, readwrite, user, clientid or client, not with 'allow'"},
+             {"Read a", "a line begins with read, write, readwrite, user, clientid or client, not with 'Read'"},
+             {"clientid x", "clientid stands in a section of a user: it says which ids that one may have"},
              {"read", "the filter is missing"},
              {"write  ", "the filter is missing"},
              {"read a#", "'#' can only be the last level of a filter, as in a/#"},
@@ -151,6 +167,13 @@ TEST_F(acl, mistakes_are_told_with_their_line)
         Acl other;
         EXPECT_EQ(other.parse("FILE", "# comment\nread a\n\n" + row.line + "\n", true), "FILE:4: " + row.mistake);
     }
+}
+
+TEST_F(acl, mistakes_of_sections_are_told)
+{
+    EXPECT_EQ(parse("user alice\nclientid\n"), "acl:2: the pattern of client ids is missing");
+    EXPECT_EQ(parse("user alice\nclient y\nclientid x\n"),
+              "acl:3: clientid stands in a section of a user: it says which ids that one may have");
 }
 
 TEST_F(acl, without_users_no_rule_may_speak_of_them)

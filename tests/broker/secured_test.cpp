@@ -7,6 +7,7 @@
 #include <csignal>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sstream>
 #include <thread>
 #include <unistd.h>
 
@@ -66,6 +67,10 @@ struct secured : testing::Test {
         ASSERT_GE(answer.size(), 4u);
         EXPECT_EQ(answer[0], 0x20);
         EXPECT_EQ(answer[3], 0x86);
+    }
+    static bool logs(const Child &broker, const std::string &text)
+    {
+        return wait_until([&] { return broker.output().find(text) != std::string::npos; });
     }
     // A filter, and the SUBACK's code for it.
     static void expect_suback(Peer &peer, const char *filter, const char *code)
@@ -322,6 +327,199 @@ TEST_F(secured, ids_of_the_librarys_form_are_not_for_clients_to_choose)
     expect_refused("auto_1234", as("alice"));
 }
 
+TEST_F(secured, a_user_may_be_bound_to_ids)
+{
+    write("rules", "user alice\nclientid alice-*\nreadwrite #\n");
+    Child broker = serve();
+    Peer::tcp().connect_v4("alice-1", as("alice")).ping();
+    expect_refused("x", as("alice"));
+    expect_refused("", as("alice"));
+    Peer::tcp().connect_v4("x", as("bob")).ping();
+    Peer::tcp().connect_v4("", as("bob")).ping();
+    EXPECT_TRUE(logs(broker, "login refused: user alice, id x, address "));
+    EXPECT_TRUE(logs(broker, ": the user may not have this id\n"));
+}
+
+// ---- wills
+
+TEST_F(secured, a_will_to_where_its_client_may_not_write_is_dropped)
+{
+    Child broker = serve({"--user-file", "users", "--acl-file", "rules", "--events", "events"});
+    Peer  reader = Peer::tcp();
+    reader.connect_v4("reader", as("alice")).subscribe("home/#");
+    for (const unsigned level : {4u, 5u}) {
+        Connect bob = as("bob");
+        bob.will    = Will{"home/gone", "by bob", 1, true, level == 5 ? wire("18 00 00 00 00") : Bytes{}};
+        Peer peer   = Peer::tcp();
+        level == 4 ? peer.connect_v4("b", bob) : peer.connect_v5("b", bob);
+        const std::string address = "127.0.0.1:" + std::to_string(peer.local_port());
+        peer.ping();
+        peer.reset();
+        EXPECT_TRUE(logs(broker, "[WARN] will dropped: user bob, id b, address " + address +
+                                     ", topic home/gone: no rule allows it\n"));
+        EXPECT_TRUE(wait_until([&] {
+            return file_text("events").find(R"("event":"refused","clientId":"b","topic":"home/gone","qos":null,)"
+                                            R"("what":"will","user":"bob","address":")" +
+                                            address + R"(","reason":"no rule allows it"})") != std::string::npos;
+        }));
+    }
+    Connect alice = as("alice");
+    alice.will    = Will{"home/gone", "by alice"};
+    Peer::tcp().connect_v4("a", alice).reset();
+    reader.expect_publish("home/gone", "by alice");
+    reader.expect_nothing();
+}
+
+// A kick and the end of the broker publish wills from other threads than the one that connects.
+TEST_F(secured, a_dropped_will_is_published_by_no_other_way)
+{
+    Child broker  = serve({"--user-file", "users", "--acl-file", "rules", "--control", "ctl"});
+    Peer  watcher = Peer::tcp();
+    watcher.connect_v4("watcher", as("alice")).subscribe("home/#");
+    std::atomic<bool> enough = false;
+    std::thread       kicks([&] {
+        for (int i = 0; !enough; ++i)
+            Child("ctl" + std::to_string(i % 2), {TARN_BROKER_PROGRAM, "ctl", "ctl", "kick", "b"}).wait(kLimit_ms);
+    });
+    Connect           bob = as("bob");
+    bob.will              = Will{"home/gone", "by bob"};
+    for (int i = 0; i < 200; ++i) {
+        Peer peer = Peer::tcp();
+        peer.send(connect_packet(4, "b", bob));
+        peer.read_packet();
+    }
+    enough = true;
+    kicks.join();
+    watcher.expect_nothing();
+}
+
+// On one connection, with an id that another client has, with no id, with a session that is kept, and with an id whose
+// place in the library's table is another one's.
+TEST_F(secured, a_dropped_will_stays_away_whatever_the_id)
+{
+    Child broker = serve();
+    Peer  reader = Peer::tcp();
+    reader.connect_v4("reader", as("alice")).subscribe("home/#");
+    Connect bob = as("bob");
+    bob.will    = Will{"home/gone", "by bob"};
+
+    Peer twice = Peer::tcp();
+    twice.connect_v4("b1", as("bob")).connect_v4("b2", bob).reset();
+    Peer first = Peer::tcp(), second = Peer::tcp();
+    first.connect_v4("b", bob);
+    second.connect_v4("b", bob);
+    first.reset();
+    second.reset();
+    Peer::tcp().connect_v4("", bob).reset();
+
+    Connect keep          = bob;
+    keep.clean            = false;
+    keep.session_expiry_s = 60;
+    Peer kept             = Peer::tcp();
+    kept.connect_v5("kept", keep).reset();
+    EXPECT_TRUE(logs(broker, "will dropped: user bob, id kept, "));
+    keep.will.reset();
+    pause_ms(100); // the drop comes first
+    Peer back = Peer::tcp();
+    back.send(connect_packet(5, "kept", keep));
+    EXPECT_FALSE(back.read_packet().empty());
+    back.reset();
+    reader.expect_nothing();
+}
+
+// A client that is not let in has left no will, and the next one is not told to have.
+TEST_F(secured, a_will_is_told_of_who_leaves_it)
+{
+    Child   broker = serve();
+    Connect bob    = as("bob", "wrong");
+    bob.will       = Will{"home/gone", "by bob"};
+    expect_refused("b", bob);
+    Peer::tcp().send(connect_packet(4, std::string(24, 'i'), bob)); // no CONNECT that the library reads
+    Peer::tcp().connect_v4("c", as("bob")).ping();
+    bob.password = "right";
+    Peer::tcp().connect_v4("d", bob).ping();
+    EXPECT_TRUE(logs(broker, "will dropped: user bob, id d, "));
+    const std::string log = broker.output();
+    EXPECT_EQ(log.find("will dropped"), log.rfind("will dropped"));
+}
+
+TEST_F(secured, rules_for_client_ids_hold_for_wills)
+{
+    write("all", "read #\nclient sensor-*\nwrite sensors/%c\n");
+    Child   broker = serve({"--acl-file", "all"});
+    Peer    reader = Peer::tcp();
+    Connect connect;
+    reader.connect_v4("reader").subscribe("#");
+    for (const char *topic : {"sensors/sensor-2", "sensors/sensor-1"}) {
+        connect.will = Will{topic, "gone"};
+        Peer::tcp().connect_v4("sensor-1", connect).reset();
+    }
+    reader.expect_publish("sensors/sensor-1", "gone");
+    reader.expect_nothing();
+    EXPECT_TRUE(logs(broker, "will dropped: no user, id sensor-1, "));
+}
+
+// ---- what was refused is told
+
+TEST_F(secured, what_is_refused_is_told_in_the_log_and_as_an_event)
+{
+    Child broker = serve({"--user-file", "users", "--acl-file", "rules", "--events", "events"});
+    Peer  wrong = Peer::tcp(), bob = Peer::tcp();
+    wrong.send(connect_packet(5, "x\n\x1b[2J", as("alice", "wrong")));
+    wrong.read_packet();
+    bob.connect_v4("b", as("bob"));
+    bob.publish("home/x", "no");
+    expect_suback(bob, "home/#", "80");
+    const std::string at_wrong = "address 127.0.0.1:" + std::to_string(wrong.local_port()),
+                      at_bob   = "address 127.0.0.1:" + std::to_string(bob.local_port());
+    for (const std::string &line :
+         {"[WARN] login refused: user alice, id \"x\\n\\x1b[2J\", " + at_wrong + ": unknown user or wrong password\n",
+          "[WARN] publication refused: user bob, id b, " + at_bob + ", topic home/x: no rule allows it\n",
+          "[WARN] subscription refused: user bob, id b, " + at_bob + ", filter home/#: no rule allows it\n"})
+        EXPECT_TRUE(logs(broker, line)) << line << broker.output();
+    for (const char *event : {R"("clientId":"x\u000a\u001b[2J","topic":"","qos":null,"what":"login","user":"alice")",
+                              R"("clientId":"b","topic":"home/x","qos":null,"what":"publish","user":"bob")",
+                              R"("clientId":"b","topic":"home/#","qos":null,"what":"subscribe","user":"bob")"})
+        EXPECT_TRUE(wait_until([&] { return file_text("events").find(event) != std::string::npos; })) << event;
+    EXPECT_EQ(broker.output().find("secret"), std::string::npos);
+}
+
+// Each is a line or counted in one.
+TEST_F(secured, a_flood_of_refusals_is_counted)
+{
+    constexpr size_t kSent  = 300;
+    Child            broker = serve();
+    Peer             bob    = Peer::tcp();
+    bob.connect_v4("b", as("bob"));
+    for (size_t i = 0; i < kSent; ++i)
+        bob.publish("home/x", "no");
+    bob.ping();
+    size_t lines = 0, counted = 0;
+    EXPECT_TRUE(wait_until(
+        [&] {
+            lines = counted = 0;
+            std::istringstream log(broker.output());
+            for (std::string line; std::getline(log, line);) {
+                lines += line.find("publication refused: ") != line.npos;
+                if (const size_t at = line.find(" more refused publications"); at != line.npos)
+                    counted += std::stoul(line.substr(line.rfind(' ', at - 1) + 1));
+            }
+            return lines + counted == kSent;
+        },
+        4 * 10'000 * kSlowdown))
+        << lines << " and " << counted;
+    EXPECT_LE(lines, kSent / 2);
+}
+
+TEST_F(secured, what_is_refused_is_told_at_every_level_of_the_log)
+{
+    Child broker = serve({"--user-file", "users", "--acl-file", "rules", "--log-level", "error"});
+    Peer  bob    = Peer::tcp();
+    bob.connect_v4("b", as("bob")).publish("home/x", "no");
+    bob.ping();
+    EXPECT_TRUE(logs(broker, "[WARN] publication refused: user bob, id b, ")) << broker.output();
+}
+
 // ---- reading the files again
 
 TEST_F(secured, sighup_reads_both_files_again)
@@ -365,9 +563,9 @@ TEST_F(secured, a_mistake_in_a_file_leaves_everything_as_it_was)
     write("users", users({"carol"}));
     write("rules", "readwrite #\n\nreed home\n");
     broker.signal(SIGHUP);
-    ASSERT_TRUE(says(broker,
-                     "tarn-broker: rules:3: a line begins with read, write, readwrite, user or client, not with "
-                     "'reed'\ntarn-broker: users and rules stay as they were\n"))
+    ASSERT_TRUE(says(
+        broker, "tarn-broker: rules:3: a line begins with read, write, readwrite, user, clientid or client, not with "
+                "'reed'\ntarn-broker: users and rules stay as they were\n"))
         << broker.errors();
     Peer alice = Peer::tcp();
     alice.connect_v4("x", as("alice"));

@@ -22,6 +22,24 @@ TEST(text_json, quotes_backslashes_and_controls_are_escaped)
     EXPECT_EQ(json_string("\xC2\xA0"), "\"\xC2\xA0\"");
 }
 
+// They would show what follows, or what came before, in another order than it has.
+TEST(text_json, bidirectional_controls_are_escaped)
+{
+    EXPECT_EQ(json_string("\xD8\x9C\xE2\x80\x8E\xE2\x80\x8F"), R"("\u061c\u200e\u200f")");
+    EXPECT_EQ(json_string("\xE2\x80\xAA\xE2\x80\xAE\xE2\x81\xA6\xE2\x81\xA9"), R"("\u202a\u202e\u2066\u2069")");
+    EXPECT_EQ(json_string("\xE2\x80\x8D\xE2\x80\xAF\xE2\x81\xA5\xE2\x81\xAA"),
+              "\"\xE2\x80\x8D\xE2\x80\xAF\xE2\x81\xA5\xE2\x81\xAA\""); // their neighbours
+    EXPECT_EQ(quote_word("a\xE2\x80\xAE"), "\"a\\xe2\\x80\\xae\"");
+}
+
+TEST(text_escaped, controls_and_what_is_no_utf8_stand_in_words)
+{
+    EXPECT_EQ(escaped("a b \\ \" 温 \xF0\x9F\x98\x80"), "a b \\ \" 温 \xF0\x9F\x98\x80");
+    EXPECT_EQ(escaped("\x1b\n\r\t\x7f\xC2\x85\xE2\x80\xAE"), "\\x1b\\n\\r\\t\\x7f\\xc2\\x85\\xe2\\x80\\xae");
+    EXPECT_EQ(escaped("\xE6\xB8x\xFF"), "\\xe6\\xb8x\\xff");
+    EXPECT_EQ(escaped(""), "");
+}
+
 // Each byte that belongs to no character is one U+FFFD, and what follows it is read for itself.
 TEST(text_json, broken_utf8_becomes_replacement_characters)
 {

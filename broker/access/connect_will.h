@@ -1,0 +1,32 @@
+// connect_will.h - the will in a CONNECT packet: found, and taken out. Bytes only; nothing is decided here.
+//
+// The packet is read exactly as the library's decoder reads it, its leniences included, or a will could be seen here
+// in one way and be kept there in another: tests hold the two against each other.
+#ifndef TARN_BROKER_ACCESS_CONNECT_WILL_H
+#define TARN_BROKER_ACCESS_CONNECT_WILL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace tarn::broker {
+
+struct ConnectWill {
+    std::string client_id, user, topic; // as the library hands them on: a NUL ends them
+    size_t      body;                   // offsets in the packet: behind its remaining length
+    size_t      flags;
+    size_t      begin, end; // of the will's properties, topic and payload
+};
+
+// Nothing when the packet is no CONNECT, leaves no will, or is one that the library refuses.
+std::optional<ConnectWill> find_will(std::span<const uint8_t> packet);
+
+// The same CONNECT without its will.
+std::vector<uint8_t> without_will(std::span<const uint8_t> packet, const ConnectWill &will);
+
+} // namespace tarn::broker
+
+#endif
