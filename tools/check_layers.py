@@ -24,6 +24,7 @@ SEAMS = {
     "net/netip_link.h": "one connection named exactly, many packets in one write",
     "qos/booking.h": "a delivery queued and booked in one step",
     "persist/session_store.h": "whether a saved session exists",
+    "stats/counters.h": "counting without a call",
     "sub/route.h": "matches without copies of whole entries",
 }
 

@@ -21,6 +21,7 @@ ENTRY = re.compile(r"^- `(.*)` \((WARN|ERROR|FATAL)\)")
 # Texts that reach their call through a variable, and how those texts begin or go, in the files named.
 CARRIED = {
     "line": ("handler/*.cpp", r"解码"),
+    "line.text": ("stats/report.cpp", r".*: ?%llu"),
     "no_memory": ("handler/publish.cpp", r".*malloc failed"),
     "row.no_memory": ("handler/acknowledge.cpp", r".*malloc failed"),
     "row->too_short": ("codec/publish_decode.cpp", r".* buffer short - "),

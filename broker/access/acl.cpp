@@ -136,7 +136,7 @@ Mistake Acl::parse(const std::string &path, std::string_view text, bool users_kn
 bool Acl::is_empty() const
 {
     return everybody_.empty() &&
-           std::all_of(users_.begin(), users_.end(), [](const auto &user) { return user.second.empty(); }) &&
+           std::all_of(users_.begin(), users_.end(), [](const auto &user) { return user.second.rules.empty(); }) &&
            std::all_of(clients_.begin(), clients_.end(), [](const Section &section) { return section.rules.empty(); });
 }
 

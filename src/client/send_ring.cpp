@@ -9,7 +9,7 @@
 // full ring, but never gets a part of one, behind which it would read payload as packets.
 #include "../base/text.h"
 #include "../codec/packet_type.h"
-#include "../stats/mqtt_stats.h"
+#include "../stats/counters.h"
 #include "client_internal.h"
 
 #include <cstring>
@@ -234,31 +234,31 @@ using namespace tarn::client;
 uint32_t tarn::queue_packet(mqtt_client_t &client, const uint8_t *bytes, int32_t length) noexcept
 {
     if (!bytes || length < 1 || length > CLIENT_SEND_SLOT_BYTES) {
-        mqtt_stats_inc_drop_invalid_param();
+        stats::count(stats::Counter::drop_invalid_param);
         return kFailed;
     }
     if (!is_online(client)) {
-        mqtt_stats_inc_drop_offline();
+        stats::count(stats::Counter::drop_offline);
         return kFailed;
     }
     if (static_cast<uint32_t>(length) > peek(client.max_packet_size)) {
-        mqtt_stats_inc_drop_too_big();
+        stats::count(stats::Counter::drop_too_big);
         return kFailed;
     }
     switch (enqueue_making_room(client, bytes, length)) {
     case Queued::Offline:
-        mqtt_stats_inc_drop_offline();
+        stats::count(stats::Counter::drop_offline);
         return kFailed;
     case Queued::NoRing:
-        mqtt_stats_inc_drop_invalid_param();
+        stats::count(stats::Counter::drop_invalid_param);
         return kFailed;
     case Queued::Full:
-        mqtt_stats_inc_drop_queue_full();
+        stats::count(stats::Counter::drop_queue_full);
         return kFailed;
     case Queued::Ok:
         break;
     }
-    mqtt_stats_inc_tx_pkt();
+    stats::count(stats::Counter::tx_pkt);
     client_update_active(&client);
     return 0;
 }
@@ -286,7 +286,7 @@ void tarn::end_with_disconnect(mqtt_client_t &client) noexcept
 uint32_t client_send(mqtt_client_t *client, const uint8_t *bytes, int32_t length)
 {
     if (!client) {
-        mqtt_stats_inc_drop_invalid_param();
+        stats::count(stats::Counter::drop_invalid_param);
         return kFailed;
     }
     const client_ref pin(client);

@@ -3,7 +3,7 @@
 // A turn first lists, then closes. The listed records are pinned, so that none of them can become another client
 // between the two.
 #include "../base/clock.h"
-#include "../stats/mqtt_stats.h"
+#include "../stats/counters.h"
 #include "client_internal.h"
 
 #include <utility>
@@ -136,7 +136,7 @@ void close_listed(mqtt_client_t &client)
     LOG_WARN("[超时执行关闭] 真实关闭 → cid=%s, state=%d, handle=0x%x", id_of(client).text,
              static_cast<int>(peek(client.state)), peek(client.handle));
     close_seen(client, CLIENT_LOGINED); // online, that is, when it was listed
-    mqtt_stats_inc_timeout();
+    stats::count(stats::Counter::timeout);
     LOG_WARN("[超时完成] 客户端已关闭 → cid=%s", id_of(client).text); // empty once the record is released
 }
 

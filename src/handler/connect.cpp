@@ -5,7 +5,7 @@
 #include "../base/text.h"
 #include "../codec/mqtt_codec.h"
 #include "../persist/session_store.h"
-#include "../stats/mqtt_stats.h"
+#include "../stats/counters.h"
 #include "../sub/sub.h"
 #include "handler_internal.h"
 #include "reply.h"
@@ -297,7 +297,7 @@ int handle_connect(mqtt_client_t &client, Packet packet) noexcept
     int                 length = static_cast<int>(packet.size());
     if (mqtt_codec_decode_connect(&client.codec, packet.data(), &length, &connect) != CODEC_OK) {
         LOG_ERROR("CONNECT decode failed");
-        mqtt_stats_inc_parse_error();
+        stats::count(stats::Counter::parse_error);
         return -1;
     }
     if (!broker_fire_auth(&client, connect.client_id, connect.username, connect.password))

@@ -1,7 +1,7 @@
 // dispatch.cpp - the one entrance of every packet a client sends: checks that hold for all, then the packet's handler.
 //
 // No client state is asked: a PUBLISH before CONNECT is handled like any other, a second CONNECT in full again.
-#include "../stats/mqtt_stats.h"
+#include "../stats/counters.h"
 #include "handler_internal.h"
 
 using namespace tarn;
@@ -67,13 +67,13 @@ int ignore_unknown(const mqtt_client_t &client, int type)
 int handler::undecodable(const mqtt_client_t &client, const char *line, int code) noexcept
 {
     LOG_ERROR(line, client.client_id, code);
-    mqtt_stats_inc_parse_error();
+    stats::count(stats::Counter::parse_error);
     return -1;
 }
 
 int packet_dispatch(mqtt_client_t *client, const uint8_t *buf, uint32_t len)
 {
-    mqtt_stats_inc_rx_pkt();
+    stats::count(stats::Counter::rx_pkt);
     if (!buf || static_cast<int32_t>(len) < 1 || !client) {
         LOG_ERROR("无效报文参数");
         return -1;

@@ -1,7 +1,7 @@
 // publish.cpp - PUBLISH from a client: ask the host, keep a retained copy, route, acknowledge.
 #include "../base/text.h"
 #include "../codec/mqtt_codec.h"
-#include "../stats/mqtt_stats.h"
+#include "../stats/counters.h"
 #include "../sub/retain.h"
 #include "reply.h"
 #include "routing.h"
@@ -31,7 +31,7 @@ struct ClientPath : BasicPath {
         if (!keep_message(session, message, qos_to(to)))
             return;
         LOG_INFO("[MQTT标准] 离线消息已存储：ClientID=%s, Topic=%s", to.route.client_id, message.topic_text());
-        mqtt_stats_inc_offline_msg();
+        stats::count(stats::Counter::offline_msg);
     }
     void no_memory(const Receiver &) { LOG_ERROR("forward_buf malloc failed: %d", errno); }
     void sent(const Receiver &to)
@@ -134,7 +134,7 @@ int handle_publish(mqtt_client_t &client, Packet packet) noexcept
     if (const int code = mqtt_codec_decode_publish(&client.codec, packet.data(), &length, &message))
         return undecodable(client, "解码PUBLISH失败：ClientID=%s, 错误码=%d", code);
 
-    mqtt_stats_inc_qos(static_cast<uint8_t>(message.qos));
+    stats::count_qos(message.qos);
     LOG_INFO("MQTT标准：收到发布消息：ClientID=%s, Topic=%s, QoS=%d, Retain=%d, MsgID=%d", client.client_id,
              message.topic, static_cast<int>(message.qos), message.retain, message.msg_id);
 

@@ -7,7 +7,7 @@
 #include "../base/text.h"
 #include "../codec/mqtt_codec.h"
 #include "../persist/persist.h"
-#include "../stats/mqtt_stats.h"
+#include "../stats/counters.h"
 #include "handler_internal.h"
 
 #include <algorithm>
@@ -68,7 +68,7 @@ void publish_will(mqtt_client_t &client, const mqtt_publish_para_t &will, const 
 {
     LOG_INFO("[WILL] 编码成功 | len=%d | 开始广播", length);
     packet_handler_broadcast_msg(packet, static_cast<uint32_t>(length), 1);
-    mqtt_stats_inc_will_sent();
+    stats::count(stats::Counter::will_sent);
     broker_fire_event(&client, BROKER_EVENT_WILL, will.topic, static_cast<int32_t>(will.qos));
     {
         ScopedLock lock(session_lock(client));

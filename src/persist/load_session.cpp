@@ -7,7 +7,7 @@
 // Reading is silent. What a load counts and says is made from what it found, after the lock is dropped.
 #include "../base/text.h"
 #include "../log/log.h"
-#include "../stats/mqtt_stats.h"
+#include "../stats/counters.h"
 #include "persist_internal.h"
 #include "session_store.h"
 
@@ -274,11 +274,11 @@ int read_session(persist_session_t *record, Found &found) noexcept
 void report(const persist_session_t &record, const Found &found) noexcept
 {
     if (found.session_file)
-        mqtt_stats_inc_persist_read();
+        stats::count(stats::Counter::persist_read);
     if (found.subscription_list)
         LOG_INFO("[persist] ✅ 恢复订阅成功: %s 共 %d 条", record.client_id, record.sub_count);
     if (found.messages != Found::Messages::NoFile)
-        mqtt_stats_inc_persist_read();
+        stats::count(stats::Counter::persist_read);
 
     switch (found.messages) {
     case Found::Messages::NoFile: {
@@ -330,7 +330,7 @@ int persist_load_client_only(persist_session_t *rec)
     if (!file)
         return -4;
     fclose(file);
-    mqtt_stats_inc_persist_read();
+    stats::count(stats::Counter::persist_read);
     rec->clean_session = 0;
     return 0;
 }

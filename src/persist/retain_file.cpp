@@ -2,7 +2,7 @@
 // memory, in the host's byte order.
 #include "../base/relaxed.h"
 #include "../log/log.h"
-#include "../stats/mqtt_stats.h"
+#include "../stats/counters.h"
 #include "../sub/sub.h"
 #include "persist_internal.h"
 
@@ -86,7 +86,7 @@ int persist_retain_save(void) NO_LOCK_ANALYSIS
         LOG_ERROR("[persist] retain save failed");
         return -2;
     }
-    mqtt_stats_inc_persist_write();
+    stats::count(stats::Counter::persist_write);
     LOG_DEBUG("[persist] retain saved: %d entries", static_cast<int>(snapshot.count));
     return 0;
 }
@@ -114,6 +114,6 @@ int persist_retain_load(void)
         }
     }
     fclose(file);
-    mqtt_stats_inc_persist_read();
+    stats::count(stats::Counter::persist_read);
     return 0;
 }

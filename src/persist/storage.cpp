@@ -2,7 +2,7 @@
 #include "../base/clock.h"
 #include "../base/text.h"
 #include "../log/log.h"
-#include "../stats/mqtt_stats.h"
+#include "../stats/counters.h"
 #include "persist_internal.h"
 
 #include <cerrno>
@@ -71,7 +71,7 @@ void replace_file(const char *target, const char *tmp, const char *text)
         pause_ms(kRetryPause_ms);
     }
     if (replace(tmp, target)) {
-        mqtt_stats_inc_persist_write();
+        stats::count(stats::Counter::persist_write);
         return;
     }
     LOG_ERROR("[persist] 重命名失败: %s", target);
