@@ -13,9 +13,10 @@ FileLock::~FileLock()
         close(fd_);
 }
 
+// Not opened for writing, so that the disk may be made read-only meanwhile.
 bool FileLock::take_file(const std::string &path)
 {
-    return take(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600), LOCK_EX | LOCK_NB);
+    return take(open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600), LOCK_EX | LOCK_NB);
 }
 
 bool FileLock::wait_for_directory(const std::string &path)

@@ -1,6 +1,7 @@
 // What the disk, and what clients write to it, can do to a broker that serves: nothing outside its data directory, and
 // nothing to other clients.
 #include "support/broker_process.h"
+#include "support/host.h"
 #include "support/peer.h"
 
 #include <cstring>
@@ -322,12 +323,15 @@ TEST(disk, when_the_directory_is_removed_clients_are_served)
     EXPECT_TRUE(fs::exists("broker_data/subscription/new.json"));
 }
 
+// tarn-broker would not start; the library does, for a host that has other things to do.
 TEST(disk, when_the_directory_cannot_be_made_the_broker_starts_all_the_same)
 {
     write_text("broker_data", "a file");
-    BrokerProcess broker = BrokerProcess::start();
-    EXPECT_EQ(times_said(broker, "[persist] 订阅目录不存在"), 1u);
-    EXPECT_EQ(times_said(broker, "[persist] no retain file"), 1u);
+    testing::internal::CaptureStdout();
+    Host              host;
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_THAT(log, HasSubstr("[WARN] [persist] 订阅目录不存在"));
+    EXPECT_THAT(log, HasSubstr("[WARN] [persist] no retain file"));
     Peer client = come(4, "a", keep(4, false));
     client.subscribe("t", 1);
     Peer sender = come(5, "sender", {});

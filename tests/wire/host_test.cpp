@@ -222,7 +222,7 @@ TEST(host, a_delivery_that_only_its_expiry_made_too_large_comes_a_second_later)
     receiver.expect_nothing(1400);
 }
 
-// Nobody takes an id over: both connections of it stay, and the id means the later one.
+// Nobody takes an id over: both connections of it stay, and the id means the later one as long as that is there.
 TEST(host, an_id_that_is_used_twice_is_that_of_the_later_client)
 {
     Host host;
@@ -241,9 +241,11 @@ TEST(host, an_id_that_is_used_twice_is_that_of_the_later_client)
     first.ping();
     EXPECT_EQ(host.client_ids(), "a");
     EXPECT_EQ(tarn_sdk_mqtt_broker_get_online_count(host.broker()), 1u);
-    EXPECT_EQ(tarn_sdk_mqtt_broker_get_client_info(host.broker(), "a", &info), -5); // nothing leads to the first
-    EXPECT_EQ(tarn_sdk_mqtt_broker_kick_client(host.broker(), "a"), -5);
-    first.ping();
+    EXPECT_EQ(tarn_sdk_mqtt_broker_get_client_info(host.broker(), "a", &info), 0);
+    EXPECT_EQ(info.port, first.local_port());
+    EXPECT_EQ(tarn_sdk_mqtt_broker_kick_client(host.broker(), "a"), 0);
+    first.expect("E0 00");
+    first.expect_closed();
 }
 
 TEST(host, another_instance_may_not_touch_the_clients)

@@ -16,7 +16,7 @@ std::vector<std::string> command(const BrokerOptions &options)
             words.insert(words.end(), {name, value});
     };
     const char *level = getenv("TARN_TEST_LOG_LEVEL"); // for a closer look at one test
-    add("--log-level", options.log_level.empty() && level ? level : options.log_level);
+    add("--log-level", !options.log_level.empty() ? options.log_level : level ? level : "warn");
     add("--keep-alive", std::to_string(options.keep_alive_s));
     add("--max-packet-size", std::to_string(options.max_packet_size));
     add("--max-clients", std::to_string(options.max_clients));
