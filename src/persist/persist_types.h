@@ -68,6 +68,15 @@ TARN_API_END
 TARN_LAYOUT_SIZE(persist_sub_t, 257);
 TARN_LAYOUT_SIZE(persist_msg_t, 1304);
 TARN_LAYOUT_SIZE(persist_session_t, 148896);
+TARN_LAYOUT_FIELD(persist_sub_t, topic, 256);
+TARN_LAYOUT_FIELD(persist_msg_t, topic, 256);
+TARN_LAYOUT_FIELD(persist_msg_t, payload, 1024);
+TARN_LAYOUT_FIELD(persist_session_t, client_id, 128);
+TARN_LAYOUT_FIELD(persist_session_t, will_topic, 256);
+TARN_LAYOUT_FIELD(persist_session_t, will_payload, 1024);
+TARN_LAYOUT_FIELD(persist_session_t, will_content_type, 64);
+TARN_LAYOUT_FIELD(persist_session_t, will_response_topic, 256);
+TARN_LAYOUT_FIELD(persist_session_t, will_correlation_data, 256);
 TARN_LAYOUT_OFFSET(persist_msg_t, payload, 258);
 TARN_LAYOUT_OFFSET(persist_msg_t, payload_len, 1284);
 TARN_LAYOUT_OFFSET(persist_msg_t, store_time, 1296);

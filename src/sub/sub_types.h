@@ -46,11 +46,15 @@ typedef struct {
 TARN_API_END
 
 TARN_LAYOUT_SIZE(sub_entry_t, 2128);
+TARN_LAYOUT_FIELD(sub_entry_t, client_id, 65);
+TARN_LAYOUT_FIELD(sub_entry_t, topic_filter, 2049);
 TARN_LAYOUT_OFFSET(sub_entry_t, topic_filter, 65);
 TARN_LAYOUT_OFFSET(sub_entry_t, qos, 2116);
 TARN_LAYOUT_OFFSET(sub_entry_t, clean_session, 2120);
 TARN_LAYOUT_OFFSET(sub_entry_t, sub_identifier, 2124);
 TARN_LAYOUT_SIZE(retain_msg_t, 2336);
+TARN_LAYOUT_FIELD(retain_msg_t, topic, 257);
+TARN_LAYOUT_FIELD(retain_msg_t, payload, 2048);
 TARN_LAYOUT_OFFSET(retain_msg_t, payload, 257);
 TARN_LAYOUT_OFFSET(retain_msg_t, payload_len, 2308);
 TARN_LAYOUT_OFFSET(retain_msg_t, qos, 2312);

@@ -70,5 +70,7 @@ void tls_psk_destroy(tls_psk_ctx_t *ctx);
 TARN_API_END
 
 TARN_LAYOUT_SIZE(tls_psk_ctx_t, 56);
+TARN_LAYOUT_FIELD(tls_psk_ctx_t, key, 32);
+TARN_LAYOUT_FIELD(tls_psk_ctx_t, identity, 16);
 
 #endif
