@@ -56,7 +56,7 @@ enum {
     PACKET_WILL_BUFFER_SIZE   = 4096,
     PACKET_SAVED_SUBS_MAX     = 32,
     PACKET_SAVED_FILTER_CHARS = 63,
-    PACKET_SHARE_GROUP_CHARS  = 255, /* entries of a shared group with a longer name are never chosen */
+    PACKET_SHARE_GROUP_CHARS  = 255, /* a shared group with a longer name has no turn of its own */
 
     /* subscriptions and retained messages */
     SUB_CAPACITY          = 10000,

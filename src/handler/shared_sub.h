@@ -23,8 +23,8 @@ extern int32_t g_rr_counter;
 /*
  * Chooses one member of each shared group in a list of matches. Groups take their turns, one step of the counter each,
  * in the order in which the list first names them. Members of a group whose name begins with another's belong to that
- * one too. Entries without a group ("$share/g" is none) and those of groups with a name above 255 characters are never
- * chosen.
+ * one too. A group with a name above 255 characters has no turn of its own, and entries without a group ("$share/g" is
+ * none) are never chosen.
  *
  *   matches   `count` entries; null does nothing
  *   count     0 or less does nothing
