@@ -2,7 +2,11 @@
  * limits.h - the capacities, time limits and fixed sizes that others can meet, and how they depend on each other. What
  * only one file has to know, such as the length of a pause, stands in that file.
  *
- * Names end in their unit; a bare _MAX or _CAPACITY counts elements.
+ * Names end in their unit: _CHARS of a text without its terminator, _SIZE and _BYTES in bytes. A bare _MAX or _CAPACITY
+ * counts elements, which for payloads and encoded packets are bytes.
+ *
+ * Records have these names as the sizes of their arrays, and every record's layout is asserted where it is declared: to
+ * change a limit that stands in a record does not compile, because hosts were compiled with the old size.
  */
 #ifndef TARN_BASE_LIMITS_H
 #define TARN_BASE_LIMITS_H
@@ -52,10 +56,12 @@ enum {
     PACKET_WILL_BUFFER_SIZE   = 4096,
     PACKET_SAVED_SUBS_MAX     = 32,
     PACKET_SAVED_FILTER_CHARS = 63,
+    PACKET_SHARE_GROUP_CHARS  = 255, /* a shared group with a longer name has no turn of its own */
 
     /* subscriptions and retained messages */
     SUB_CAPACITY          = 10000,
     SUB_MATCH_CAPACITY    = 11000,
+    SUB_FILTER_CHARS      = 2048, /* the rest of a filter is cut off */
     RETAIN_CAPACITY       = 1000,
     RETAIN_DEFAULT_LIFE_S = 604800,
 
@@ -69,10 +75,16 @@ enum {
     QOS_ENCODE_EXTRA   = 266, /* bytes of a retransmission buffer beyond the payload */
 
     /* files */
+    PERSIST_ID_CHARS          = 127,
+    PERSIST_TOPIC_CHARS       = 255, /* of a filter, a message's topic, a will's topics */
     PERSIST_SUBS_MAX          = 64,
     PERSIST_MSGS_MAX          = 100,
-    PERSIST_MSG_PAYLOAD_MAX   = 1024,
+    PERSIST_MSG_PAYLOAD_MAX   = 1024, /* bytes */
+    PERSIST_WILL_PAYLOAD_MAX  = 1024, /* bytes */
+    PERSIST_CONTENT_CHARS     = 63,   /* of a will's content type */
+    PERSIST_CORRELATION_MAX   = 256,  /* bytes */
     PERSIST_PATH_SIZE         = 512,
+    PERSIST_RETAIN_READ_SIZE  = 256,  /* buffer of the path that retain.dat is read from: less than it is saved under */
     PERSIST_SESSION_TEXT_SIZE = 228,  /* buffer of the session file's text when it is written alone */
     PERSIST_SUB_TEXT_SIZE     = 288,  /* what each subscription written with it adds to that buffer */
     PERSIST_MSG_TEXT_SIZE     = 2368, /* the same for each message */
@@ -81,8 +93,15 @@ enum {
     PERSIST_MSG_OBJECT_MAX    = 1023, /* characters of one message object that are looked at */
 
     /* log */
-    AGENT_LOG_MAX_FILE_SIZE = 1048576, /* default */
-    AGENT_LOG_RESERVED_SIZE = 256,     /* default */
+    AGENT_LOG_LEVELS            = 5,
+    AGENT_LOG_MESSAGE_CHARS     = 1022,    /* of one line on the console, without its time and level */
+    AGENT_LOG_PRINTF_CHARS      = 255,     /* the same through agent_log_printf */
+    AGENT_LOG_MAX_FILE_SIZE     = 1048576, /* bytes, default */
+    AGENT_LOG_RESERVED_SIZE     = 256,     /* default */
+    AGENT_LOG_RESERVED_SIZE_MAX = 1024,
+
+    /* statistics */
+    STATS_JSON_SIZE_MIN = 1024, /* smallest buffer for the JSON form */
 
     /* TLS pre-shared keys */
     TLS_PSK_KEY_MAX      = 32,
@@ -101,6 +120,12 @@ TARN_LAYOUT_CHECK(CLIENT_WILL_MAX == CODEC_PAYLOAD_MAX);
 TARN_LAYOUT_CHECK(QOS_PAYLOAD_MAX == CODEC_PAYLOAD_MAX);
 TARN_LAYOUT_CHECK(CLIENT_ID_CHARS < CODEC_CLIENT_ID_MAX);
 TARN_LAYOUT_CHECK(PACKET_SAVED_SUBS_MAX <= PERSIST_SUBS_MAX); /* what is saved can be read back */
+TARN_LAYOUT_CHECK(PACKET_SAVED_FILTER_CHARS <= PERSIST_TOPIC_CHARS);
+TARN_LAYOUT_CHECK(CODEC_TOPIC_MAX <= SUB_FILTER_CHARS);                    /* a filter from the wire is stored whole */
+TARN_LAYOUT_CHECK(CODEC_CLIENT_ID_MAX <= PERSIST_ID_CHARS);                /* and so is an id */
+TARN_LAYOUT_CHECK(PERSIST_WILL_PAYLOAD_MAX <= CLIENT_WILL_MAX);            /* a saved will can be taken over */
+TARN_LAYOUT_CHECK(PERSIST_SESSION_TEXT_SIZE <= PERSIST_TEXT_READ_MAX + 1); /* a whole session file is read */
+TARN_LAYOUT_CHECK(AGENT_LOG_RESERVED_SIZE <= AGENT_LOG_RESERVED_SIZE_MAX);
 TARN_LAYOUT_CHECK(PACKET_REPLY_SIZE >= CODEC_MIN_CAPACITY);
 
 #endif

@@ -15,8 +15,6 @@ int32_t g_rr_counter = 0;
 namespace tarn::handler {
 namespace {
 
-constexpr size_t kGroupCharsMax = 255; // a longer name is never handled as a group of its own
-
 // Sorted by name, the members of a group and of every group whose name it begins stand side by side.
 bool sort_by_group(ShareChoice &choice)
 {
@@ -52,7 +50,8 @@ bool list_groups(ShareChoice &choice)
     for (uint32_t first = 0; first < choice.order.size();) {
         const ShareChoice::Group group = group_at(choice, first);
         first += group.own;
-        if (choice.members[choice.order[group.first]].group.size() <= kGroupCharsMax && !choice.groups.push(group))
+        if (choice.members[choice.order[group.first]].group.size() <= PACKET_SHARE_GROUP_CHARS &&
+            !choice.groups.push(group))
             return false;
     }
     std::sort(choice.groups.begin(), choice.groups.end(), [&](const auto &left, const auto &right) {

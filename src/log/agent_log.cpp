@@ -8,7 +8,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-constinit const char *g_log_level_str[5] = {"DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
+constinit const char *g_log_level_str[AGENT_LOG_LEVELS] = {"DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
 
 constinit agent_log_config_t g_log_config = {
     .level         = AGENT_LOG_DEBUG,
@@ -103,7 +103,7 @@ extern "C" void agent_log_printf(const char *format, ...)
     if (!format || !log_passes(AGENT_LOG_INFO))
         return;
 
-    char    text[256] = "";
+    char    text[AGENT_LOG_PRINTF_CHARS + 1] = "";
     va_list arguments;
     va_start(arguments, format);
     vsnprintf(text, sizeof text, format, arguments);

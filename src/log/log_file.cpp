@@ -15,7 +15,7 @@ namespace tarn::log {
 namespace {
 
 constexpr size_t kFileBufferBytes = 4096;
-constexpr size_t kFileLineChars   = 1022; // without the line break
+constexpr size_t kFileLineChars   = AGENT_LOG_MESSAGE_CHARS; // with time and level, without the line break
 
 // Guards the stream, its path and its size limit. A writer that finds it taken drops its line.
 constinit Mutex g_file_lock{PTHREAD_MUTEX_INITIALIZER};
@@ -90,7 +90,7 @@ bool configure_file(const agent_log_config_t &config, bool wanted) noexcept
 {
     ScopedLock lock(g_file_lock);
     g_log_config.max_file_size = config.max_file_size ? config.max_file_size : uint32_t{AGENT_LOG_MAX_FILE_SIZE};
-    g_log_config.reserved_size = config.reserved_size >= 1 && config.reserved_size <= 1024
+    g_log_config.reserved_size = config.reserved_size >= 1 && config.reserved_size <= AGENT_LOG_RESERVED_SIZE_MAX
                                      ? config.reserved_size
                                      : uint16_t{AGENT_LOG_RESERVED_SIZE};
     remember_path(config.file_path);

@@ -8,12 +8,12 @@
 
 namespace tarn::log {
 
-constexpr size_t kMessageSize = 1024; // a message keeps at most 1022 characters
+constexpr size_t kMessageSize = AGENT_LOG_MESSAGE_CHARS + 2; // in a file a line break and a terminator follow
 constexpr size_t kStampSize   = 64;
 
 inline const char *name_of(uint32_t level) noexcept
 {
-    return level < 5 ? g_log_level_str[level] : "UNKNOWN";
+    return level < AGENT_LOG_LEVELS ? g_log_level_str[level] : "UNKNOWN";
 }
 
 // The busy flag as an atomic. Sequentially consistent, because it and the shut-down mark are checked against each

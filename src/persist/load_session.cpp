@@ -79,7 +79,7 @@ void store_will_payload(persist_session_t &record, const char *value)
 
 template <size_t N> void store_text(char (&field)[N], const char *value)
 {
-    unescape(field, std::min<size_t>(N - 1, 255), up_to_quote(value));
+    unescape(field, N - 1, up_to_quote(value));
 }
 
 // With what the distance makes of the value, where it is not simply restored.

@@ -20,7 +20,7 @@ constexpr size_t      kSuffixChars = 5; // ".json"
 void restore_client(const char *file_name)
 {
     const size_t length = strlen(file_name);
-    char         client_id[256]{};
+    char         client_id[PERSIST_ID_CHARS + 1]{};
     if (length > kSuffixChars)
         copy_text(client_id, file_name, std::min(length - kSuffixChars, sizeof client_id - 1));
 

@@ -94,7 +94,7 @@ int persist_retain_save(void) NO_LOCK_ANALYSIS
 int persist_retain_load(void)
 {
     // Shorter than the name it is saved under may be: a root of more than 244 characters is saved but never loaded.
-    char        path[256];
+    char        path[PERSIST_RETAIN_READ_SIZE];
     const int   length = snprintf(path, sizeof path, "%s/retain.dat", g_persist_root_path);
     FILE *const file   = length < static_cast<int>(sizeof path) ? fopen(path, "rbe") : nullptr;
     if (!file) {

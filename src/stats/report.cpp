@@ -16,8 +16,7 @@ using namespace tarn::stats;
 
 namespace {
 
-constexpr mqtt_stats_t &s        = g_mqtt_stats;
-constexpr int32_t       kJsonMin = 1024; // bytes that the longest JSON fits into
+constexpr mqtt_stats_t &s = g_mqtt_stats;
 
 using Stats = mqtt_stats_t;
 
@@ -215,7 +214,7 @@ extern "C" void mqtt_stats_print(void)
 
 extern "C" int mqtt_stats_to_json(char *buf, int32_t size)
 {
-    if (!buf || size < kJsonMin)
+    if (!buf || size < STATS_JSON_SIZE_MIN)
         return -1;
     mqtt_stats_update();
     Json json(buf, size);

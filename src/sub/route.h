@@ -11,7 +11,7 @@
 namespace tarn::sub {
 
 struct Route {
-    char     client_id[65];
+    char     client_id[CODEC_CLIENT_ID_MAX + 1];
     uint8_t  shared;        // the filter begins with "$share/"
     uint8_t  selected;      // chosen member of its group
     uint8_t  qos;           // granted

@@ -24,6 +24,11 @@
 #define CHECK(condition) _Static_assert(condition, #condition)
 #endif
 #define SIZE(type, bytes) CHECK(sizeof(type) == (bytes))
+#ifdef __cplusplus
+#define FIELD(type, field, bytes) CHECK(sizeof(type::field) == (bytes))
+#else
+#define FIELD(type, field, bytes) CHECK(sizeof(((type *)0)->field) == (bytes))
+#endif
 #define OFFSET(type, field, byte) CHECK(offsetof(type, field) == (byte))
 
 SIZE(mqtt_codec_ctx_t, 44);
@@ -51,6 +56,15 @@ OFFSET(mqtt_disconnect_para_t, user_property, 76);
 SIZE(persist_sub_t, 257);
 SIZE(persist_msg_t, 1304);
 SIZE(persist_session_t, 148896);
+FIELD(persist_sub_t, topic, 256);
+FIELD(persist_msg_t, topic, 256);
+FIELD(persist_msg_t, payload, 1024);
+FIELD(persist_session_t, client_id, 128);
+FIELD(persist_session_t, will_topic, 256);
+FIELD(persist_session_t, will_payload, 1024);
+FIELD(persist_session_t, will_content_type, 64);
+FIELD(persist_session_t, will_response_topic, 256);
+FIELD(persist_session_t, will_correlation_data, 256);
 OFFSET(persist_msg_t, payload, 258);
 OFFSET(persist_msg_t, payload_len, 1284);
 OFFSET(persist_msg_t, store_time, 1296);
@@ -77,11 +91,15 @@ SIZE(client_send_slot_t, 4104);
 SIZE(client_pool_block_t, 24);
 
 SIZE(sub_entry_t, 2128);
+FIELD(sub_entry_t, client_id, 65);
+FIELD(sub_entry_t, topic_filter, 2049);
 OFFSET(sub_entry_t, topic_filter, 65);
 OFFSET(sub_entry_t, qos, 2116);
 OFFSET(sub_entry_t, clean_session, 2120);
 OFFSET(sub_entry_t, sub_identifier, 2124);
 SIZE(retain_msg_t, 2336);
+FIELD(retain_msg_t, topic, 257);
+FIELD(retain_msg_t, payload, 2048);
 OFFSET(retain_msg_t, payload, 257);
 OFFSET(retain_msg_t, payload_len, 2308);
 OFFSET(retain_msg_t, qos, 2312);
@@ -103,6 +121,8 @@ OFFSET(mqtt_stats_t, period_rx, 160);
 SIZE(agent_log_config_t, 24);
 OFFSET(agent_log_config_t, file_path, 16);
 SIZE(tls_psk_ctx_t, 56);
+FIELD(tls_psk_ctx_t, key, 32);
+FIELD(tls_psk_ctx_t, identity, 16);
 
 #if defined(__x86_64__) && defined(__LP64__) /* records that hold a mutex */
 SIZE(netip_conn_t, 4264);
