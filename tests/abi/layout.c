@@ -104,6 +104,9 @@ SIZE(agent_log_config_t, 24);
 OFFSET(agent_log_config_t, file_path, 16);
 SIZE(tls_psk_ctx_t, 56);
 
+CHECK(sizeof g_netip_clients / sizeof g_netip_clients[0] == 11000);
+CHECK(sizeof g_epoll_events / sizeof g_epoll_events[0] == 2048);
+
 #if defined(__x86_64__) && defined(__LP64__) /* records that hold a mutex */
 SIZE(netip_conn_t, 4264);
 OFFSET(netip_conn_t, lock, 24);
