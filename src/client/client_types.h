@@ -47,13 +47,14 @@ typedef struct {
 
 /* clang-format off */
 struct mqtt_client_t {
-    /* who it is */
-    uint32_t handle;                             /* of its connection, NETIP_NO_HANDLE once released; any thread */
-    char     client_id[CODEC_CLIENT_ID_MAX + 1]; /* CLIENT_ID_CHARS at most, empty before CONNECT; a lock of the */
-    char     ip[NETIP_IP_CHARS + 1];             /* library's own. The peer, as in "192.0.2.7"; the same lock */
-    uint16_t port;                               /* of the peer, host order; any thread */
+    uint32_t handle; /* of its connection, NETIP_NO_HANDLE once released; any thread */
 
-    /* where it stands; any thread */
+    /* Written under a lock of the library's own; the thread that handles the client's packets reads them without. */
+    char client_id[CODEC_CLIENT_ID_MAX + 1]; /* CLIENT_ID_CHARS characters at most; empty before CONNECT */
+    char ip[NETIP_IP_CHARS + 1];             /* of the peer, as in "192.0.2.7" */
+
+    /* any thread */
+    uint16_t port;                /* of the peer, host order */
     uint32_t state;               /* CLIENT_* */
     uint64_t last_active;         /* mono ms: received from, or queued for, last */
     uint16_t next_msg_id;         /* 1 from creation; the broker draws its identifiers elsewhere */
@@ -62,11 +63,10 @@ struct mqtt_client_t {
     uint8_t  clean_session;       /* flag of CONNECT: clean session, at 5.0 clean start */
     uint8_t  disconnect_received; /* flag: it said DISCONNECT, so its end is no accident */
     uint8_t  session_restored;    /* flag: CONNECT found a saved session */
+    broker_t        *broker;      /* the instance it came in through, not owned */
+    mqtt_codec_ctx_t codec;       /* its protocol level */
 
-    broker_t        *broker; /* the instance it came in through, not owned; any thread */
-    mqtt_codec_ctx_t codec;  /* its protocol level; any thread */
-
-    /* the send ring: empty when head == tail, full with one slot left. Read under send_lock, or one value by anybody */
+    /* The send ring: empty when head == tail, full with one slot left. Written under send_lock, read like the will. */
     client_send_slot_t *send_queue TARN_GUARDED_BY(send_lock); /* CLIENT_SEND_SLOTS of them, or null */
     uint8_t             send_head  TARN_GUARDED_BY(send_lock); /* next slot to send, 0..CLIENT_SEND_SLOTS - 1 */
     uint8_t             send_tail  TARN_GUARDED_BY(send_lock); /* next slot to fill, likewise */
@@ -75,9 +75,10 @@ struct mqtt_client_t {
     /* any thread */
     uint8_t  used;            /* flag: the record is some client's; set last, so that whoever sees it sees the rest */
     uint8_t  timeout_closing; /* flag: the scan for silent clients is about to close it */
-    uint32_t keepalive_ms;    /* silence allowed before the half more that is granted; 0 = none said yet */
+    uint32_t keepalive_ms;    /* one and a half times that much silence is granted; until CONNECT that of the record's
+                                 last client, 0 = none. Changes under the lock of the handle. */
 
-    /* the will. Written under will_lock, read under it, or one value by anybody. */
+    /* The will. Written under will_lock, read under it, or one value by anybody. */
     uint8_t      will_msg_used    TARN_GUARDED_BY(will_lock); /* flag: there is one */
     char        *will_topic       TARN_GUARDED_BY(will_lock); /* owned by the record, on the heap; null = none */
     uint8_t     *will_payload     TARN_GUARDED_BY(will_lock); /* likewise */
@@ -87,12 +88,12 @@ struct mqtt_client_t {
     uint8_t      will_sent        TARN_GUARDED_BY(will_lock); /* flag: published, or given up */
     tarn_mutex_t will_lock;
 
-    /* agreed in CONNECT; any thread */
+    /* any thread; agreed in CONNECT */
     uint32_t max_packet_size;         /* bytes, both ways */
     uint32_t session_expiry_interval; /* s that the session outlives its connection; 0 = ends with it, and at 3.1.1 */
     uint64_t session_expiry_deadline; /* wall clock, s; 0 = none. Set at the close. */
 
-    /* more of the will, from 5.0. Written under will_lock, read under it, or one value by anybody. */
+    /* More of the will, from 5.0. Written under will_lock, read under it, or one value by anybody. */
     uint32_t will_delay_interval      TARN_GUARDED_BY(will_lock); /* s between close and will; 0 = at once */
     uint32_t will_msg_expiry_interval TARN_GUARDED_BY(will_lock); /* s that the message lives; 0 = for ever */
     uint8_t  will_payload_format      TARN_GUARDED_BY(will_lock); /* this and the next four are kept, never sent */
@@ -103,7 +104,7 @@ struct mqtt_client_t {
     uint64_t will_delay_deadline  TARN_GUARDED_BY(will_lock); /* mono ms; when the will is due, while it is pending */
     uint8_t  will_delay_pending   TARN_GUARDED_BY(will_lock); /* flag: it is closed and its will waits */
 
-    /* what is saved of it; a lock of the library's own, held while a file is written from it as well */
+    /* What is saved of it. Under a lock of the library's own, also held while a file is written from it. */
     persist_session_t session;
 };
 /* clang-format on */
