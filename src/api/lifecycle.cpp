@@ -152,7 +152,7 @@ broker_t *tarn_sdk_mqtt_broker_create(void)
     LOG_INFO("[SDK]   Version: V2.0.0 ");
     LOG_INFO("[SDK] ========================================================");
     broker->keepalive_timeout = 300;
-    broker->max_packet_size   = 4096;
+    broker->max_packet_size   = CLIENT_PACKET_DEFAULT;
     broker->port              = NETIP_PORT;
     broker->max_clients       = 5000;
     copy_text(broker->data_dir, "./broker_data", sizeof broker->data_dir - 1);

@@ -21,11 +21,13 @@ enum {
     CODEC_MIN_CAPACITY     = 128,                    /* smallest buffer that most encoders accept */
     CODEC_ENCODE_LEN_MAX   = 268435455,              /* four length bytes */
     CODEC_DECODE_LEN_MAX   = 2097151,                /* three length bytes */
-    CODEC_FILTERS_MAX      = 16,
-    CODEC_TOPIC_MAX        = 256,
-    CODEC_PAYLOAD_MAX      = 2048,
-    CODEC_CLIENT_ID_MAX    = 64,
-    CODEC_CLIENT_ID_V4_MAX = 23,
+    CODEC_FILTERS_MAX      = 16,                     /* of one packet, and codes of one SUBACK */
+    CODEC_TOPIC_MAX        = 256,                    /* characters, of filters too */
+    CODEC_PAYLOAD_MAX      = 2048,                   /* bytes */
+    CODEC_CLIENT_ID_MAX    = 64,                     /* characters */
+    CODEC_CLIENT_ID_V4_MAX = 23,                     /* the same at 3.1.1 */
+    CODEC_CREDENTIAL_MAX   = 64,                     /* characters of a user name, bytes of a password */
+    CODEC_REASON_MAX       = 64,                     /* characters of a DISCONNECT's texts */
 
     /* network */
     NETIP_CLIENTS_MAX    = 11000,
@@ -36,19 +38,23 @@ enum {
     NETIP_IO_THREADS_MAX = 8,
     NETIP_EPOLL_EVENTS   = 2048,
     NETIP_EPOLL_WAIT_MS  = 100,
+    NETIP_IP_CHARS       = 63, /* room for an address as text */
 
     /* clients */
     CLIENT_MAX             = 11000, /* also the size of both look-up tables */
     CLIENT_BLOCK_RECORDS   = 100,
     CLIENT_LOCKS           = 111,
-    CLIENT_ID_CHARS        = 63,
+    CLIENT_ID_CHARS        = 63,  /* what a record keeps of an id */
     CLIENT_SEND_SLOTS      = 100, /* one stays empty: 99 packets */
     CLIENT_SEND_SLOT_BYTES = 4096,
-    CLIENT_WILL_MAX        = 2048,
+    CLIENT_WILL_MAX        = 2048, /* bytes of a will's payload */
     CLIENT_WILL_OVERDUE_MS = 30000,
     CLIENT_KEEPALIVE_0_MS  = 60000, /* what a keep-alive of 0 becomes */
+    CLIENT_PACKET_DEFAULT  = 4096,  /* bytes; largest packet before CONNECT, unless the host sets another */
     CLIENT_V4_PACKET_MAX   = 4096,
     CLIENT_V5_PACKET_FLOOR = 256,
+    CLIENT_CONTENT_CHARS   = 63,  /* of a will's content type */
+    CLIENT_CORRELATION_MAX = 255, /* bytes of a will's correlation data */
 
     /* packet handling */
     PACKET_REPLY_SIZE         = 128,
@@ -68,6 +74,7 @@ enum {
     /* reliable delivery */
     QOS_PENDING_MAX    = 1000, /* entries of one client */
     QOS_PAYLOAD_MAX    = 2048,
+    QOS_TOPIC_CHARS    = 255, /* the rest of a topic is cut off */
     QOS_FIRST_RETRY_MS = 1000,
     QOS_MAX_RETRY_MS   = 30000,
     QOS_RETRIES_MAX    = 5,
@@ -116,6 +123,14 @@ TARN_LAYOUT_CHECK(PACKET_WILL_BUFFER_SIZE >= CODEC_PUBLISH_MAX);
 TARN_LAYOUT_CHECK(CLIENT_MAX == NETIP_CLIENTS_MAX); /* a handle is its own place in the look-up table */
 TARN_LAYOUT_CHECK(CLIENT_MAX % CLIENT_BLOCK_RECORDS == 0);
 TARN_LAYOUT_CHECK(NETIP_CLIENTS_MAX / CLIENT_BLOCK_RECORDS < CLIENT_LOCKS); /* one lock a hundred handles */
+TARN_LAYOUT_CHECK(CLIENT_SEND_SLOTS >= 2 && CLIENT_SEND_SLOTS <= 255);      /* a place in the ring is one byte */
+TARN_LAYOUT_CHECK(CLIENT_PACKET_DEFAULT <= NETIP_RX_SIZE);
+TARN_LAYOUT_CHECK(NETIP_IP_CHARS >= 15); /* "255.255.255.255" */
+TARN_LAYOUT_CHECK(CODEC_CLIENT_ID_V4_MAX <= CODEC_CLIENT_ID_MAX);
+TARN_LAYOUT_CHECK(CODEC_SUBSCRIBE_MAX <= CODEC_BODY_MAX);
+TARN_LAYOUT_CHECK(PACKET_DELIVERY_SIZE >= CODEC_MIN_CAPACITY);
+TARN_LAYOUT_CHECK(QOS_ENCODE_EXTRA >= CODEC_MIN_CAPACITY); /* a retransmission of one byte fits its buffer */
+TARN_LAYOUT_CHECK(QOS_TOPIC_CHARS <= CODEC_TOPIC_MAX);
 TARN_LAYOUT_CHECK(CLIENT_WILL_MAX == CODEC_PAYLOAD_MAX);
 TARN_LAYOUT_CHECK(QOS_PAYLOAD_MAX == CODEC_PAYLOAD_MAX);
 TARN_LAYOUT_CHECK(CLIENT_ID_CHARS < CODEC_CLIENT_ID_MAX);

@@ -1,5 +1,6 @@
 /*
- * mutex_type.h - the type of every mutex that stands in an exported record or global.
+ * mutex_type.h - the type of every mutex that stands in an exported record or global, and the word that says what it
+ * guards.
  *
  * A host sees the plain POSIX mutex. Inside the library the same bytes carry the compiler's lock annotations, so
  * that "needs this lock" can be written down and checked.
@@ -14,6 +15,17 @@
 typedef tarn::Mutex tarn_mutex_t;
 #else
 typedef pthread_mutex_t tarn_mutex_t;
+#endif
+
+/*
+ * Behind a field or global: it changes only while this lock is held, and is read under it, or where one value is enough
+ * with peek() of relaxed.h. clang checks that where the library itself is compiled (TARN_CHECK_GUARDS); to hosts, and
+ * to tests that have a record for themselves, it is a comment.
+ */
+#if defined(__cplusplus) && defined(TARN_CHECK_GUARDS)
+#define TARN_GUARDED_BY(lock) GUARDED_BY(lock)
+#else
+#define TARN_GUARDED_BY(lock)
 #endif
 
 #endif

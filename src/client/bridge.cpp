@@ -6,11 +6,9 @@
 namespace tarn::client {
 namespace {
 
-constexpr uint32_t kIpSize = 64;
-
 uint8_t on_connected(uint32_t handle)
 {
-    char ip[kIpSize] = {};
+    char ip[NETIP_IP_CHARS + 1] = {};
     if (!netip_get_client_ip(handle, ip, sizeof ip)) {
         LOG_ERROR("Get client IP failed: handle=%u", handle);
         return 0;
@@ -55,7 +53,7 @@ net::Connection connection_of(uint32_t handle)
 
 client_ref make_client(uint32_t handle, broker_t *broker)
 {
-    char ip[kIpSize] = {};
+    char ip[NETIP_IP_CHARS + 1] = {};
     (void)netip_get_client_ip(handle, ip, sizeof ip);
     const net::Connection connection = connection_of(handle);
     client_ref            client     = create_client(handle, ip, netip_get_client_port(handle), broker, connection);

@@ -40,7 +40,7 @@ struct Side {
     std::atomic<uint8_t>  round_blocked; // its socket took nothing in this round
     std::atomic<uint8_t>  refusals;      // failed sends in a row, other than "would block"
     uint8_t               flushing;      // one thread sends from the ring; send_lock
-    uint8_t               ring_used;     // slots written since the ring's pages were given back, at most 100; send_lock
+    uint8_t               ring_used;     // slots written since its pages were given back; send_lock
     LastPacket            last_packet;   // send_lock
     uint8_t               sent_until;    // with LastPacket::Queued: slot behind the last that is sent; send_lock
     std::atomic<int32_t>  next_ready;    // ready list of the send thread: index + 1, 0 = end
@@ -78,7 +78,7 @@ void               wipe_texts(mqtt_client_t &client) noexcept;
 [[nodiscard]] bool  open_block(int32_t block) noexcept;
 mqtt_client_t      *records_of(int32_t block) noexcept;
 void                give_back_block(int32_t block) noexcept;         // the records read as zero afterwards
-client_send_slot_t *make_ring(const mqtt_client_t &client) noexcept; // 100 zeroed slots, or null
+client_send_slot_t *make_ring(const mqtt_client_t &client) noexcept; // zeroed slots, or null
 // Frees a ring of this record's. The ring is not used by anyone any more.
 void free_ring(const mqtt_client_t &client, client_send_slot_t *ring) noexcept;
 // Gives back the pages of the record's ring and leaves it in place, if it is one that can do that and nobody sends.

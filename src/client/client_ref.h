@@ -55,7 +55,7 @@ uint32_t incarnation_of(const mqtt_client_t *client) noexcept;
 
 // The id as text of its own, copied under the record's id lock: for threads other than the client's own.
 struct client_id_text {
-    char text[65];
+    char text[CODEC_CLIENT_ID_MAX + 1];
 };
 client_id_text id_of(mqtt_client_t &client) noexcept;
 

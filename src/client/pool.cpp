@@ -13,7 +13,7 @@
 
 client_mgr_t g_client_mgr{};
 int32_t      g_mqtt_max_clients        = CLIENT_MAX;
-uint32_t     g_default_max_packet_size = 4096;
+uint32_t     g_default_max_packet_size = CLIENT_PACKET_DEFAULT;
 
 namespace tarn::client {
 

@@ -1,7 +1,9 @@
 /*
  * mqtt_codec_types.h - packet records and result codes of the MQTT codec.
  *
- * Packet identifiers are plain numbers (7 for the wire bytes 00 07). Strings are NUL-terminated inside their arrays.
+ * Records belong to their caller, and to one thread at a time; only a context may be shared (mqtt_codec_ctx_t). Packet
+ * identifiers are plain numbers (7 for the wire bytes 00 07). Texts are NUL-terminated inside their arrays; a decoder
+ * zeroes the whole record first. Flags are 0 or 1.
  */
 #ifndef TARN_CODEC_MQTT_CODEC_TYPES_H
 #define TARN_CODEC_MQTT_CODEC_TYPES_H
@@ -13,99 +15,112 @@
 
 TARN_API_BEGIN
 
+/* What functions return; each says which of these it can return. */
 enum {
     CODEC_OK            = 0,
-    CODEC_E_PARAM       = -1,
-    CODEC_E_VERSION     = -2,
-    CODEC_E_BUFFER      = -3,
-    CODEC_E_MALFORMED   = -4,
-    CODEC_E_UNSUPPORTED = -5
+    CODEC_E_PARAM       = -1, /* a null pointer, too short a buffer, a field that cannot be sent */
+    CODEC_E_VERSION     = -2, /* a protocol level other than 4 and 5 */
+    CODEC_E_BUFFER      = -3, /* it does not fit */
+    CODEC_E_MALFORMED   = -4, /* not the packet that was asked for, or not well formed */
+    CODEC_E_UNSUPPORTED = -5  /* a packet type or a property that is not handled here */
 };
 
+/* What one connection's packets have in common. Relaxed: any thread; each call reads the level once. */
 typedef struct {
-    uint32_t version; /* 4 or 5; 0 = never initialised */
-    uint32_t last_packet_type;
-    uint32_t last_packet_len; /* set by decoders only */
-    uint32_t reserved[8];
+    uint32_t version;          /* protocol level, 4 = 3.1.1, 5 = 5.0; 0 = never initialised */
+    uint32_t last_packet_type; /* of the last call that succeeded, 1..14 */
+    uint32_t last_packet_len;  /* bytes that the last decoder consumed; encoders leave it */
+    uint32_t reserved[8];      /* 0 */
 } mqtt_codec_ctx_t;
 
+/* CONNECT */
 typedef struct {
-    char     client_id[65];
-    uint8_t  clean_start;
-    uint16_t keep_alive; /* s */
-    uint8_t  will_flag;
-    uint32_t will_qos;
+    char     client_id[CODEC_CLIENT_ID_MAX + 1];
+    uint8_t  clean_start; /* flag; at 3.1.1 clean session */
+    uint16_t keep_alive;  /* s, 0 = off */
+
+    uint8_t  will_flag; /* flag: the next seven count */
+    uint32_t will_qos;  /* 0..2 */
     uint8_t  will_retain;
-    char     will_topic[257];
-    uint8_t  will_payload[2048];
-    int32_t  will_payload_len;
-    uint32_t will_delay_interval;      /* s, 0 = absent */
-    uint32_t will_msg_expiry_interval; /* s, 0 = absent */
-    uint8_t  username_flag;
-    char     username[65];
-    uint32_t username_len;
-    uint8_t  password_flag;
-    char     password[65];
+    char     will_topic[CODEC_TOPIC_MAX + 1];
+    uint8_t  will_payload[CODEC_PAYLOAD_MAX];
+    int32_t  will_payload_len;         /* bytes, 0..CODEC_PAYLOAD_MAX; the encoder wants 1 or more */
+    uint32_t will_delay_interval;      /* s, 0 = absent; 5.0 */
+    uint32_t will_msg_expiry_interval; /* s, 0 = absent; 5.0 */
+
+    uint8_t  username_flag; /* flag: there is one */
+    char     username[CODEC_CREDENTIAL_MAX + 1];
+    uint32_t username_len;  /* bytes, filled by the decoder; the encoder goes by the text */
+    uint8_t  password_flag; /* likewise */
+    char     password[CODEC_CREDENTIAL_MAX + 1];
     uint32_t password_len;
+
+    /* 5.0; 0 = absent */
     uint32_t session_expiry_interval; /* s */
-    uint16_t receive_max;
+    uint16_t receive_max;             /* packets */
     uint16_t topic_alias_max;
-    uint8_t  request_response_info;
-    uint8_t  request_problem_info;
-    uint32_t max_packet_size; /* bytes */
+    uint8_t  request_response_info; /* flag */
+    uint8_t  request_problem_info;  /* flag */
+    uint32_t max_packet_size;       /* bytes */
 } mqtt_connect_para_t;
 
+/* CONNACK */
 typedef struct {
-    uint8_t  session_present;
-    uint8_t  reason_code;
-    uint32_t session_expiry_interval; /* filled by the decoder, never encoded */
-    uint16_t receive_max;
-    uint16_t topic_alias_max; /* filled by the decoder, never encoded */
-    uint32_t max_packet_size;
+    uint8_t  session_present;         /* flag */
+    uint8_t  reason_code;             /* 5.0 reason, 3.1.1 return code */
+    uint32_t session_expiry_interval; /* s; filled by the decoder, never encoded */
+    uint16_t receive_max;             /* packets; 5.0, encoded even when 0 */
+    uint16_t topic_alias_max;         /* filled by the decoder, never encoded */
+    uint32_t max_packet_size;         /* bytes; 5.0, encoded even when 0, never decoded */
 } mqtt_connack_para_t;
 
+/* PUBLISH */
 typedef struct {
-    char     topic[257];
-    uint8_t  payload[2048];
-    uint32_t payload_len;
-    uint16_t msg_id; /* non-zero for QoS 1 and 2 */
-    uint32_t qos;
+    char     topic[CODEC_TOPIC_MAX + 1];
+    uint8_t  payload[CODEC_PAYLOAD_MAX];
+    uint32_t payload_len; /* bytes, 0..CODEC_PAYLOAD_MAX */
+    uint16_t msg_id;      /* 1..65535 for QoS 1 and 2, else not used */
+    uint32_t qos;         /* 0..2 */
     uint8_t  retain;
     uint8_t  dup;
-    uint32_t msg_expiry_interval; /* s, 0 = absent */
-    uint16_t topic_alias;         /* 0 = absent */
+    uint32_t msg_expiry_interval; /* s, 0 = absent; 5.0 */
+    uint16_t topic_alias;         /* 0 = absent; 5.0 */
 } mqtt_publish_para_t;
 
+/* PUBACK, PUBREC, PUBREL, PUBCOMP, SUBACK, UNSUBACK */
 typedef struct {
     uint16_t msg_id;
-    uint8_t  reason_code;
-    uint32_t return_codes[16]; /* SUBACK; the low byte of each goes on the wire */
-    int32_t  return_code_count;
+    uint8_t  reason_code;                     /* 5.0 */
+    uint32_t return_codes[CODEC_FILTERS_MAX]; /* SUBACK; the low byte of each goes on the wire */
+    int32_t  return_code_count;               /* 0..CODEC_FILTERS_MAX */
 } mqtt_ack_para_t;
 
+/* SUBSCRIBE */
 typedef struct {
-    uint16_t msg_id;
-    char     topic_filters[16][257];
-    uint32_t qos[16];
-    int32_t  filter_count;
-    uint32_t subscription_identifier; /* one byte on the wire, 0 = absent */
-    uint8_t  max_qos;
-    uint8_t  retain_handling;
+    uint16_t msg_id; /* 1..65535 */
+    char     topic_filters[CODEC_FILTERS_MAX][CODEC_TOPIC_MAX + 1];
+    uint32_t qos[CODEC_FILTERS_MAX];  /* asked for, one a filter; 0..2 */
+    int32_t  filter_count;            /* 1..CODEC_FILTERS_MAX */
+    uint32_t subscription_identifier; /* one byte on the wire, 0 = absent; 5.0 */
+    uint8_t  max_qos;                 /* filled by the decoder at 5.0, never encoded */
+    uint8_t  retain_handling;         /* likewise */
 } mqtt_subscribe_para_t;
 
+/* UNSUBSCRIBE */
 typedef struct {
-    uint16_t msg_id;
-    char     topic_filters[16][257];
-    int32_t  filter_count;
-    uint32_t subscription_identifier;
+    uint16_t msg_id; /* 1..65535 */
+    char     topic_filters[CODEC_FILTERS_MAX][CODEC_TOPIC_MAX + 1];
+    int32_t  filter_count;            /* 0..CODEC_FILTERS_MAX; the encoder wants 1 or more */
+    uint32_t subscription_identifier; /* one byte on the wire, 0 = absent; 5.0 */
 } mqtt_unsubscribe_para_t;
 
+/* DISCONNECT; at 3.1.1 none of it is on the wire */
 typedef struct {
     uint8_t  reason_code;
     uint32_t session_expiry_interval; /* s, 0 = absent */
-    char     reason_string[65];
-    uint16_t user_property_len;
-    char     user_property[65];
+    char     reason_string[CODEC_REASON_MAX + 1];
+    uint16_t user_property_len; /* bytes, 0..CODEC_REASON_MAX; 0 = absent */
+    char     user_property[CODEC_REASON_MAX + 1];
 } mqtt_disconnect_para_t;
 
 TARN_API_END

@@ -5,6 +5,8 @@
 
 using namespace tarn;
 
+static_assert(CODEC_ENCODE_LEN_MAX == (1 << 4 * 7) - 1, "four bytes of seven bits");
+
 uint32_t codec_encode_remaining_length(uint8_t *buf, uint32_t len)
 {
     if (!buf)
@@ -32,6 +34,7 @@ int codec_decode_remaining_length(const uint8_t *buf, int avail, uint32_t *consu
     // [MQTT-1.5.5-1] forbids to senders only.
     //   test: decode_remaining_length.a_fourth_byte_is_refused
     constexpr int kLengthBytesMax = 3;
+    static_assert(CODEC_DECODE_LEN_MAX == (1 << kLengthBytesMax * 7) - 1);
 
     if (!buf || !consumed)
         return -1;

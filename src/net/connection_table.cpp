@@ -9,18 +9,18 @@
 using namespace tarn;
 using namespace tarn::net;
 
-constinit netip_conn_t     g_netip_clients[11000] = {};
-constinit uint32_t         g_last_handle          = 0;
-constinit uint8_t          g_netip_running        = 0;
-constinit tarn_mutex_t     g_netip_lock           = {PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
-constinit netip_event_cb_t g_netip_cb             = nullptr;
-constinit void            *g_netip_cb_arg         = nullptr;
-constinit int32_t          g_io_thread_num        = 1;
-constinit pthread_t       *g_io_threads           = nullptr;
-constinit int32_t          g_netip_tcp_listen     = -1;
-constinit int32_t          g_netip_udp            = -1;
-constinit int32_t          netip_epoll_fd         = -1;
-constinit epoll_event      g_epoll_events[2048]   = {};
+constinit netip_conn_t     g_netip_clients[NETIP_CLIENTS_MAX] = {};
+constinit uint32_t         g_last_handle                      = 0;
+constinit uint8_t          g_netip_running                    = 0;
+constinit tarn_mutex_t     g_netip_lock                       = {PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
+constinit netip_event_cb_t g_netip_cb                         = nullptr;
+constinit void            *g_netip_cb_arg                     = nullptr;
+constinit int32_t          g_io_thread_num                    = 1;
+constinit pthread_t       *g_io_threads                       = nullptr;
+constinit int32_t          g_netip_tcp_listen                 = -1;
+constinit int32_t          g_netip_udp                        = -1;
+constinit int32_t          netip_epoll_fd                     = -1;
+constinit epoll_event      g_epoll_events[NETIP_EPOLL_EVENTS] = {};
 
 namespace tarn::net {
 namespace {

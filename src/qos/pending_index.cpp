@@ -81,7 +81,7 @@ qos_packet_t *packet_of(Tracked *entry)
     return reinterpret_cast<qos_packet_t *>(entry);
 }
 
-bool is_untouched(const Tracked &entry)
+bool is_untouched(const Tracked &entry) REQUIRES(g_queue_mutex)
 {
     return entry.packet.next == packet_of(entry.older) && entry.packet.msg_id == entry.msg_id &&
            entry.packet.client == entry.client;
@@ -157,6 +157,11 @@ bool remove_from_index(qos_packet_t *packet) REQUIRES(g_queue_mutex)
     return true;
 }
 
+bool is_delivery(const qos_packet_t &entry, const mqtt_client_t *client, uint16_t msg_id) REQUIRES(g_queue_mutex)
+{
+    return entry.client == client && entry.msg_id == msg_id;
+}
+
 // The pointer that points to this entry, or null when the list does not hold it.
 qos_packet_t **link_to(qos_packet_t *entry) REQUIRES(g_queue_mutex)
 {
@@ -209,15 +214,14 @@ int count_of(const mqtt_client_t *client)
 
 qos_packet_t *find_entry(const mqtt_client_t *client, uint16_t msg_id)
 {
-    const auto is_it = [&](const qos_packet_t *entry) { return entry->client == client && entry->msg_id == msg_id; };
     if (is_complete()) {
         for (Tracked *entry = g_index.by_id[id_bucket(client, msg_id)]; entry; entry = entry->chain)
-            if (is_it(&entry->packet))
+            if (is_delivery(entry->packet, client, msg_id))
                 return &entry->packet;
         return nullptr;
     }
     qos_packet_t *entry = g_pending_queue;
-    while (entry && !is_it(entry))
+    while (entry && !is_delivery(*entry, client, msg_id))
         entry = entry->next;
     return entry;
 }

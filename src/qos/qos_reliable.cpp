@@ -45,6 +45,7 @@ Added check(const mqtt_client_t *client, uint8_t qos, const char *topic, const v
 }
 
 void fill(qos_packet_t &entry, mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic, uint64_t now_ms)
+    REQUIRES(g_queue_mutex)
 {
     entry.msg_id = msg_id;
     entry.qos    = qos;

@@ -36,17 +36,17 @@ struct Outcome {
 // QUIRK(expiry-after-send): a delivery ends with its expiry even when it was sent and is half acknowledged
 // [MQTT-4.3.3-7]: an entry that nobody completes is not kept for longer than its message is worth.
 //   test: scan.drops_an_expired_entry_in_any_state
-bool has_expired(const qos_packet_t &entry, uint64_t now_ms)
+bool has_expired(const qos_packet_t &entry, uint64_t now_ms) REQUIRES(g_queue_mutex)
 {
     return entry.expiry_s != 0 && entry.create_ms + uint64_t{entry.expiry_s} * 1000 <= now_ms;
 }
 
-bool waits_for_client(const qos_packet_t &entry)
+bool waits_for_client(const qos_packet_t &entry) REQUIRES(g_queue_mutex)
 {
     return entry.qos == 2 && (entry.qos2_state == QOS2_PUBREL_SENT || entry.qos2_state == QOS2_PUBCOMP_SENT);
 }
 
-uint64_t due_at(const qos_packet_t &entry)
+uint64_t due_at(const qos_packet_t &entry) REQUIRES(g_queue_mutex)
 {
     const uint64_t expires_ms = entry.expiry_s ? entry.create_ms + uint64_t{entry.expiry_s} * 1000 : kNever;
     if (waits_for_client(entry))

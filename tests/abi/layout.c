@@ -124,6 +124,9 @@ SIZE(tls_psk_ctx_t, 56);
 FIELD(tls_psk_ctx_t, key, 32);
 FIELD(tls_psk_ctx_t, identity, 16);
 
+CHECK(sizeof g_netip_clients / sizeof g_netip_clients[0] == 11000);
+CHECK(sizeof g_epoll_events / sizeof g_epoll_events[0] == 2048);
+
 #if defined(__x86_64__) && defined(__LP64__) /* records that hold a mutex */
 SIZE(netip_conn_t, 4264);
 OFFSET(netip_conn_t, lock, 24);
