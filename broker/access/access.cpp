@@ -36,7 +36,7 @@ std::string_view taken_id(std::string_view client_id)
 constexpr Verdict kNoRule{"no rule allows it"};
 constexpr Verdict kNotUtf8{"the filter is not UTF-8"};
 constexpr Verdict kNoTopic{"it is no topic to publish to"};
-constexpr Verdict kNobody{"no user who may connect stands behind it"};
+constexpr Verdict kNobody{"it has not connected as somebody who may"};
 
 } // namespace
 

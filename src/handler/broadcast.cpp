@@ -59,8 +59,8 @@ struct BroadcastPath : BasicPath {
         LOG_DEBUG("[遗嘱调试][QoS降级] 订阅者%d：原始QoS=%d → 订阅QoS=%d → 最终投递QoS=%d", to.number,
                   static_cast<int>(qos), to.route.qos, static_cast<int>(qos_to(to)));
         uint32_t at = payload_at;
-        if (version == 5 && at < packet.size()) // a property byte that is not there is not stepped over
-            at += 1u + packet[at];
+        if (version == 5) // a length that is not there counts as 0, and is stepped over all the same
+            at += 1u + (at < packet.size() ? packet[at] : 0u);
         if (at >= packet.size()) {
             LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：Payload解析失败（start=%d, len=%d, msg_len=%d）", to.number,
                       static_cast<int>(at), static_cast<int>(packet.size()) - static_cast<int>(at),

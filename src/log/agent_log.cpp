@@ -32,11 +32,17 @@ void set_shut_down(uint32_t down) noexcept
     busy().store(down);
 }
 
+// In one piece, whatever the C library makes of a printf: a host that reads it can tell the end of a line from a newline
+// that a client chose.
 void print_line(uint32_t level, const char *message) noexcept
 {
     char stamp[kStampSize];
+    char line[kStampSize + kMessageSize + 16]; // and the level with its brackets
     platform_get_localtime_str(stamp, sizeof stamp);
-    printf("[%s] [%s] %s\n", stamp, name_of(level), message);
+    const int length = snprintf(line, sizeof line, "[%s] [%s] %s\n", stamp, name_of(level), message);
+    flockfile(stdout);
+    (void)fwrite_unlocked(line, 1, static_cast<size_t>(length), stdout);
+    funlockfile(stdout);
 }
 
 } // namespace

@@ -151,17 +151,20 @@ bool stamps_fit() noexcept
     return difference == 0;
 }
 
-// True when stamps are to be compared now.
-bool is_due(Trust trust) noexcept
+// True when stamps are to be compared now, which begins a new pause.
+bool is_due(uint64_t pause_ns_per_entry) noexcept
 {
-    if (trust == Trust::Sure || g_index.count <= kAlwaysCheckedEntries)
-        return true;
     const uint64_t now   = mono_us();
-    const uint64_t pause = static_cast<uint64_t>(g_index.count) * kPauseNsPerEntry / 1000;
+    const uint64_t pause = static_cast<uint64_t>(g_index.count) * pause_ns_per_entry / 1000;
     if (now - g_index.checked_at_us < pause)
         return false;
     g_index.checked_at_us = now;
     return true;
+}
+
+bool is_always_checked(Trust trust) noexcept
+{
+    return trust == Trust::Sure || g_index.count <= kAlwaysCheckedEntries;
 }
 
 } // namespace
@@ -174,8 +177,16 @@ void fit_index(const sub_mgr_t &manager) noexcept
 
 void check_index(const sub_mgr_t &manager, Trust trust) noexcept
 {
-    if (!fits(manager) || (is_due(trust) && !stamps_fit()))
+    if (!fits(manager) || ((is_always_checked(trust) || is_due(kPauseNsPerEntry)) && !stamps_fit()))
         rebuild(manager);
+}
+
+bool index_was_wrong(const sub_mgr_t &manager) noexcept
+{
+    if (is_always_checked(Trust::Usual) || !is_due(kShortPauseNsPerEntry) || stamps_fit())
+        return false;
+    rebuild(manager);
+    return true;
 }
 
 void candidates_for(const sub_mgr_t &, std::string_view topic, EntrySet &found) noexcept

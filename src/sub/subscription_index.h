@@ -53,16 +53,20 @@ private:
 
 // When stamps are compared. Sure: always, which takes some 6 ns an entry. Usual: always in a table of up to
 // kAlwaysCheckedEntries; in a bigger one after a pause in proportion to what the comparison takes, so that it takes about
-// a hundredth of the time at most. Until then, filters that were written in by hand are not found.
+// a hundredth of the time at most, and a tenth where nothing seems to match. Until then, filters that were written in by
+// hand are not found.
 enum class Trust { Usual, Sure };
 
 constexpr int32_t  kAlwaysCheckedEntries = 64;
 constexpr uint64_t kPauseNsPerEntry      = 500;
+constexpr uint64_t kShortPauseNsPerEntry = 60; // before it is believed that nothing matches
 
 // Makes the index follow the table's place and length. To be called before every change that it is told of.
 void fit_index(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock);
 // The same, and compares stamps. To be called before every search.
 void check_index(const sub_mgr_t &manager, Trust trust) noexcept REQUIRES(manager.lock);
+// Asked when a search found nothing that matches: true when the index was wrong and is built anew.
+[[nodiscard]] bool index_was_wrong(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock);
 
 // Adds every entry that could match the topic: those that do, and those whose filter is invalid, because matching them
 // has to complain.

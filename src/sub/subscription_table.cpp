@@ -197,9 +197,11 @@ int walk_matches(const sub_mgr_t &manager, const char *topic, Trust trust, Take 
         return taken;
     }
     check_index(manager, trust);
-    EntrySet candidates;
-    candidates_for(manager, topic, candidates);
-    candidates.for_each(visit);
+    do {
+        EntrySet candidates;
+        candidates_for(manager, topic, candidates);
+        candidates.for_each(visit);
+    } while (taken == 0 && trust == Trust::Usual && index_was_wrong(manager));
     return taken;
 }
 

@@ -124,7 +124,7 @@ TEST_F(access, a_refusal_has_its_reason)
     EXPECT_STREQ(some.may_connect("b1", "bob", "right").why_not, "the id belongs to another user");
     EXPECT_STREQ(some.may_publish("b1", "news").why_not, "no rule allows it");
     EXPECT_STREQ(some.may_publish("b1", "a/+").why_not, "it is no topic to publish to");
-    EXPECT_STREQ(some.may_publish("", "a").why_not, "no user who may connect stands behind it");
+    EXPECT_STREQ(some.may_publish("", "a").why_not, "it has not connected as somebody who may");
     EXPECT_STREQ(some.may_subscribe("b1", "#").why_not, "no rule allows it");
     EXPECT_STREQ(some.may_subscribe("b1", "\xC3").why_not, "the filter is not UTF-8");
     EXPECT_EQ(some.user_of("b1"), "alice");

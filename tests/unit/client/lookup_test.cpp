@@ -41,6 +41,19 @@ TEST(client_hash, a_prefix_and_a_number_of_three_digits_have_a_bucket_of_their_o
     }
 }
 
+TEST(client_hash, a_prefix_and_four_digits_have_a_bucket_of_their_own_up_to_2075)
+{
+    for (const char *prefix : kPrefixes) {
+        std::set<uint32_t> buckets;
+        for (int i = 0; i < 2076; ++i) {
+            char number[8];
+            snprintf(number, sizeof number, "%04d", i);
+            buckets.insert(client::hash_of((std::string(prefix) + number).c_str()) % CLIENT_MAX);
+        }
+        EXPECT_EQ(buckets.size(), 2076u) << prefix;
+    }
+}
+
 TEST(client_hash, a_prefix_and_three_letters_of_which_the_first_is_a_to_k_have_a_bucket_of_their_own)
 {
     for (const char *prefix : kPrefixes) {

@@ -358,6 +358,18 @@ TEST(publish_decode, three_bytes_from_80_on_keep_a_payload_whole)
         }
 }
 
+TEST(publish_decode, two_bytes_of_which_the_first_is_80_or_more_may_be_a_property_length)
+{
+    for (const auto &[front, least] : {std::pair(wire("80 00"), 2u), std::pair(wire("F0 00"), 114u),
+                                       std::pair(wire("C8 01"), 202u), std::pair(wire("80 01"), 130u)}) {
+        const std::string rest(least - 2, 'x');
+        EXPECT_EQ(decode(behind_topic(front + text(rest))).ctx.version, 5u) << least;
+        if (!rest.empty()) {
+            EXPECT_EQ(decode(behind_topic(front + text(rest.substr(1)))).ctx.version, 4u) << least;
+        }
+    }
+}
+
 TEST(publish_decode, a_length_that_does_not_fit_makes_it_4)
 {
     Publish d = decode_rest("03 'A' 'x'"); // one byte too long

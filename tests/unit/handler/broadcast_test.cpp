@@ -168,25 +168,25 @@ TEST(broadcast, a_payload_past_the_end_skips_that_receiver)
 }
 
 // Nothing is stepped over that is not there: the start stays behind topic and identifier, at both versions.
-TEST(broadcast, without_a_property_byte_the_start_stays_where_it_was)
+TEST(broadcast, a_property_length_that_is_not_there_is_stepped_over_all_the_same)
 {
     Handling broker;
     Client   young(broker, 5, "young"), old(broker, 4, "old");
     sub_add("young", "t", 2, 1);
     sub_add("old", "t", 2, 1);
     LogCapture log(AGENT_LOG_ERROR);
-    const auto says = [](const std::string &numbers) {
-        return ElementsAre(error("[遗嘱调试][广播失败] 订阅者1：Payload解析失败（" + numbers + "）"),
-                           error("[遗嘱调试][广播失败] 订阅者2：Payload解析失败（" + numbers + "）"));
+    const auto say = [](const std::string &to_young, const std::string &to_old) {
+        return ElementsAre(error("[遗嘱调试][广播失败] 订阅者1：Payload解析失败（" + to_young + "）"),
+                           error("[遗嘱调试][广播失败] 订阅者2：Payload解析失败（" + to_old + "）"));
     };
     broadcast(wire("30 03 00 01 't'"));
-    EXPECT_THAT(log.take(), says("start=5, len=0, msg_len=5"));
+    EXPECT_THAT(log.take(), say("start=6, len=-1, msg_len=5", "start=5, len=0, msg_len=5"));
     broadcast(wire("32 05 00 01 't' 00 07"));
-    EXPECT_THAT(log.take(), says("start=7, len=0, msg_len=7"));
+    EXPECT_THAT(log.take(), say("start=8, len=-1, msg_len=7", "start=7, len=0, msg_len=7"));
     broadcast(wire("34 04 00 01 't' 00")); // half an identifier
-    EXPECT_THAT(log.take(), says("start=7, len=-1, msg_len=6"));
+    EXPECT_THAT(log.take(), say("start=8, len=-2, msg_len=6", "start=7, len=-1, msg_len=6"));
     broadcast(wire("32 03 00 01 't'"));
-    EXPECT_THAT(log.take(), says("start=7, len=-2, msg_len=5"));
+    EXPECT_THAT(log.take(), say("start=8, len=-3, msg_len=5", "start=7, len=-2, msg_len=5"));
 }
 
 TEST(broadcast, a_two_byte_remaining_length_is_misread)

@@ -426,6 +426,15 @@ TEST_P(edits_by_hand, reach_the_librarys_threads_within_5_ms)
     EXPECT_EQ(routed_by_the_library("over").back().id, "by-hand") << "ids are read from the table";
 }
 
+TEST_P(edits_by_hand, are_looked_for_before_nothing_is_found_on_the_librarys_threads)
+{
+    EXPECT_EQ(routed_by_the_library("by/hand").size(), 0u);
+    clock.advance_ms(1);
+    EXPECT_EQ(routed_by_the_library("fill/7").size(), 1u);
+    write(last, "hand", "by/hand");
+    EXPECT_EQ(routed_by_the_library("by/hand").size(), 1u);
+}
+
 TEST_F(index_of_subscriptions, notices_edits_behind_the_first_characters)
 {
     const std::string common(60, 'c');
