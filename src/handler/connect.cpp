@@ -6,7 +6,7 @@
 #include "../codec/mqtt_codec.h"
 #include "../persist/session_store.h"
 #include "../stats/counters.h"
-#include "../sub/sub.h"
+#include "../sub/sub.hpp"
 #include "handler_internal.h"
 #include "reply.h"
 
@@ -180,7 +180,7 @@ void drop_session(mqtt_client_t &client)
         client.session.sub_count = 0;
         client.session.msg_count = 0;
     }
-    (void)sub_remove(client.client_id, nullptr);
+    (void)sub::remove_all_of(client.client_id);
     LOG_INFO("[会话] CleanSession=1 → 清除历史数据 + 内存订阅");
 }
 
@@ -188,7 +188,7 @@ void resubscribe(mqtt_client_t &client)
 {
     for (const persist_sub_t &saved :
          std::span(client.session.subs, static_cast<size_t>(peek(client.session.sub_count))))
-        if (sub_add(client.client_id, saved.topic, saved.qos, 0) == 0)
+        if (sub::is_subscribed(sub::add(client.client_id, saved.topic, saved.qos, 0)))
             LOG_INFO("[恢复] 订阅: %s QoS=%d → 内存订阅表", saved.topic, saved.qos);
     LOG_INFO("[会话] 客户端 %s 上下文恢复完成", client.client_id);
 }

@@ -3,7 +3,7 @@
 #include "../codec/disconnect_link.h"
 #include "../persist/persist.h"
 #include "../qos/qos_reliable.h"
-#include "../sub/sub.h"
+#include "../sub/sub.hpp"
 #include "handler_internal.h"
 
 namespace tarn::handler {
@@ -119,6 +119,6 @@ void packet_handler_remove_client_subs(const char *client_id, uint8_t clean_sess
         LOG_INFO("MQTT标准：CleanSession=false，保留客户端订阅：ClientID=%s", id);
         return;
     }
-    const int removed = sub_remove(id, nullptr);
+    const int32_t removed = sub::remove_all_of(id);
     LOG_INFO("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=%s, 数量=%d", id, removed);
 }

@@ -1,14 +1,14 @@
 // module.cpp - start and end of packet handling.
 #include "../persist/persist.h"
 #include "../qos/qos_reliable.h"
-#include "../sub/sub.h"
+#include "../sub/sub.hpp"
 #include "handler_internal.h"
 
 using namespace tarn;
 
 int packet_handler_init(void)
 {
-    if (sub_init() != 0) {
+    if (!sub::init()) {
         LOG_FATAL("订阅管理器初始化失败");
         return -1;
     }

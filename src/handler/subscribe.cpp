@@ -3,7 +3,7 @@
 #include "../base/text.h"
 #include "../codec/mqtt_codec.h"
 #include "../persist/persist.h"
-#include "../sub/sub.h"
+#include "../sub/sub.hpp"
 #include "handler_internal.h"
 #include "reply.h"
 
@@ -38,7 +38,7 @@ uint32_t subscribe_one(mqtt_client_t &client, int at, const char *filter, uint32
         LOG_WARN("[ACL] 订阅被拒绝: %s", filter);
         return kRefused;
     }
-    if (sub_add(client.client_id, filter, qos, peek(client.clean_session)) != 0) {
+    if (!sub::is_subscribed(sub::add(client.client_id, filter, qos, peek(client.clean_session)))) {
         LOG_WARN("【QoS溯源2】filter[%d]：Topic=%s, 添加订阅失败，授予QoS=失败(0x%02X)", at, filter, kRefused);
         return kRefused;
     }

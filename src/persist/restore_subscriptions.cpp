@@ -1,7 +1,7 @@
 // restore_subscriptions.cpp - at start every persisted subscription enters the table again, before any client is back.
 #include "../base/text.h"
 #include "../log/log.h"
-#include "../sub/sub.h"
+#include "../sub/sub.hpp"
 #include "persist_internal.h"
 #include "session_store.h"
 
@@ -29,7 +29,7 @@ void restore_client(const char *file_name)
         return;
     if (persist_load(record) == 0)
         for (int32_t i = 0; i < record->sub_count; ++i)
-            sub_add(record->client_id, record->subs[i].topic, record->subs[i].qos, 0);
+            sub::add(record->client_id, record->subs[i].topic, record->subs[i].qos, 0);
     LOG_INFO("[persist] ✅ 恢复客户端订阅: %s  订阅数=%d", record->client_id, record->sub_count);
 }
 

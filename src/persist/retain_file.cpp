@@ -3,7 +3,7 @@
 #include "../base/relaxed.h"
 #include "../log/log.h"
 #include "../stats/counters.h"
-#include "../sub/sub.h"
+#include "../sub/sub.hpp"
 #include "persist_internal.h"
 
 #include <algorithm>

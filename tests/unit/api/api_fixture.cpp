@@ -181,8 +181,8 @@ void     __real_client_will_delay_scan(void);
 int32_t  __real_client_fill_id_list(char *, int32_t);
 uint32_t __real_netip_init(netip_event_cb_t, void *, int32_t);
 void     __real_netip_deinit(void);
-void     __real_retain_clean_expired(void);
-int      __real_retain_fill_topic_list(char *, int32_t);
+void     __real__ZN4tarn3sub24discard_expired_retainedEv(void);
+int32_t  __real__ZN4tarn3sub20list_retained_topicsEPci(char *, int32_t);
 int      __real_usleep(useconds_t);
 
 void __wrap_agent_log(uint32_t level, const char *format, ...)
@@ -295,14 +295,14 @@ void __wrap_netip_deinit(void)
     note_call("netip_deinit");
     __real_netip_deinit();
 }
-void __wrap_retain_clean_expired(void)
+void __wrap__ZN4tarn3sub24discard_expired_retainedEv(void)
 {
     note_call("retain_clean_expired");
-    __real_retain_clean_expired();
+    __real__ZN4tarn3sub24discard_expired_retainedEv();
 }
-int __wrap_retain_fill_topic_list(char *buf, int32_t size)
+int32_t __wrap__ZN4tarn3sub20list_retained_topicsEPci(char *buf, int32_t size)
 {
-    return g_modules.list ? g_modules.list() : __real_retain_fill_topic_list(buf, size);
+    return g_modules.list ? g_modules.list() : __real__ZN4tarn3sub20list_retained_topicsEPci(buf, size);
 }
 
 // Housekeeping threads are known by their pause, which only they make so.
