@@ -25,6 +25,7 @@ SEAMS = {
     "qos/booking.h": "a delivery queued and booked in one step",
     "persist/session_store.h": "whether a saved session exists",
     "stats/counters.h": "counting without a call",
+    "qos/qos.hpp": "deliveries that are not acknowledged yet",
     "sub/route.h": "matches without copies of whole entries",
     "sub/sub.hpp": "subscriptions and retained messages",
 }
@@ -34,7 +35,7 @@ UPWARD = {
     ("stats", "client/client.h"): "the report counts the clients online",
     ("stats", "sub/sub.h"): "the report counts subscriptions and retained messages",
     ("persist", "sub/sub.hpp"): "loading fills the subscription table and the retained store",
-    ("client", "qos/qos_reliable.h"): "a released record takes its pending deliveries with it",
+    ("client", "qos/qos.hpp"): "a released record takes its pending deliveries with it",
     ("client", "handler/packet_handler.h"): "the bridge hands packets up, a close starts the will",
     ("handler", "api/broker.h"): "the host's callbacks are asked and told",
 }

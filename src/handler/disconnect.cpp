@@ -2,7 +2,7 @@
 #include "../base/text.h"
 #include "../codec/disconnect_link.h"
 #include "../persist/persist.h"
-#include "../qos/qos_reliable.h"
+#include "../qos/qos.hpp"
 #include "../sub/sub.hpp"
 #include "handler_internal.h"
 
@@ -114,7 +114,7 @@ void packet_handler_remove_client_subs(const char *client_id, uint8_t clean_sess
     char id[256]; // of its own: the argument may stand in a record or table entry that is about to change
     copy_text(id, client_id, sizeof id - 1);
     if (const client_ref client = find_client_by_cid(id))
-        qos_reliable_clean_client_packets(client.get());
+        qos::drop_deliveries_of(*client);
     if (!clean_session) {
         LOG_INFO("MQTT标准：CleanSession=false，保留客户端订阅：ClientID=%s", id);
         return;

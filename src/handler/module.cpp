@@ -1,6 +1,6 @@
 // module.cpp - start and end of packet handling.
 #include "../persist/persist.h"
-#include "../qos/qos_reliable.h"
+#include "../qos/qos.hpp"
 #include "../sub/sub.hpp"
 #include "handler_internal.h"
 
@@ -12,7 +12,7 @@ int packet_handler_init(void)
         LOG_FATAL("订阅管理器初始化失败");
         return -1;
     }
-    if (qos_reliable_init() != 0) {
+    if (!qos::init()) {
         LOG_ERROR("QoS可靠投递模块初始化失败");
         return -1;
     }
@@ -24,6 +24,6 @@ int packet_handler_init(void)
 // The identifier generator's lock outlives this: other threads may still be drawing.
 int packet_handler_deinit(void)
 {
-    qos_reliable_destroy();
+    qos::destroy();
     return persist_destroy();
 }
