@@ -23,6 +23,7 @@ SEAMS = {
     "log/log.h": "lines whose arguments are not evaluated below the level",
     "net/netip_link.h": "one connection named exactly, many packets in one write",
     "qos/booking.h": "a delivery queued and booked in one step",
+    "persist/persist.hpp": "saved sessions and retained messages",
     "persist/session_store.h": "whether a saved session exists",
     "stats/counters.h": "counting without a call",
     "qos/qos.hpp": "deliveries that are not acknowledged yet",

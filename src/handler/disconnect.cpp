@@ -1,7 +1,7 @@
 // disconnect.cpp - the client takes its leave: no will, the session kept or dropped, the connection closed.
 #include "../base/text.h"
 #include "../codec/disconnect_link.h"
-#include "../persist/persist.h"
+#include "../persist/persist.hpp"
 #include "../qos/qos.hpp"
 #include "../sub/sub.hpp"
 #include "handler_internal.h"
@@ -42,15 +42,15 @@ void save_session(mqtt_client_t &client)
 {
     {
         ScopedLock lock(session_lock(client));
-        persist_mark(&client.session, PERSIST_SUBSCRIPTIONS);
+        persist::save(client.session, PERSIST_SUBSCRIPTIONS);
     }
-    persist_flush();
+    persist::flush();
 }
 
 void settle_v4_session(mqtt_client_t &client)
 {
     if (peek(client.clean_session)) {
-        (void)persist_remove(client.client_id);
+        (void)persist::remove_session(client.client_id);
         LOG_INFO("持久化：客户端数据已清除 ClientID=%s", client.client_id);
         return;
     }
@@ -69,7 +69,7 @@ void settle_v5_session(mqtt_client_t &client)
         save_session(client);
     } else {
         LOG_INFO("[MQTT5] Session Expiry=0 → 立即清除会话");
-        (void)persist_remove(client.client_id);
+        (void)persist::remove_session(client.client_id);
     }
 }
 

@@ -1,5 +1,5 @@
 // module.cpp - start and end of packet handling.
-#include "../persist/persist.h"
+#include "../persist/persist.hpp"
 #include "../qos/qos.hpp"
 #include "../sub/sub.hpp"
 #include "handler_internal.h"
@@ -25,5 +25,6 @@ int packet_handler_init(void)
 int packet_handler_deinit(void)
 {
     qos::destroy();
-    return persist_destroy();
+    persist::destroy();
+    return 0;
 }

@@ -2,7 +2,7 @@
 //
 // They are not sent from here: they join the reliable-delivery queue as if sent once, and its scan sends them about a
 // second later. The queue takes QoS 1 and 2 only, so kept messages of QoS 0 end here.
-#include "../persist/session_store.h"
+#include "../persist/persist.hpp"
 #include "../qos/qos.hpp"
 #include "handler_internal.h"
 

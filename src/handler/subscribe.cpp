@@ -2,7 +2,7 @@
 // with the session and reported in the SUBACK.
 #include "../base/text.h"
 #include "../codec/mqtt_codec.h"
-#include "../persist/persist.h"
+#include "../persist/persist.hpp"
 #include "../sub/sub.hpp"
 #include "handler_internal.h"
 #include "reply.h"
@@ -89,7 +89,7 @@ void save(mqtt_client_t &client, const mqtt_subscribe_para_t &request, const mqt
         remember(client, request, ack);
         if (peek(client.clean_session))
             return;
-        persist_mark(&client.session, PERSIST_SUBSCRIPTIONS);
+        persist::save(client.session, PERSIST_SUBSCRIPTIONS);
         saved = client.session.sub_count;
     }
     LOG_INFO("[持久化] 订阅已保存到文件: %s, 订阅数=%d", client.client_id, saved);

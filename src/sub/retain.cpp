@@ -3,7 +3,7 @@
 // Changes happen under the manager's lock; the file is written after it is dropped, once for each change.
 #include "../base/clock.h"
 #include "../log/log.h"
-#include "../persist/persist.h"
+#include "../persist/persist.hpp"
 #include "sub_internal.h"
 
 namespace tarn::sub {
@@ -96,16 +96,16 @@ void finish(Stored stored, const char *topic) noexcept
         LOG_ERROR("保留消息数量超限（max=%d）", RETAIN_CAPACITY);
         break;
     case Stored::New:
-        persist_retain_save();
+        persist::save_retained();
         LOG_INFO("MQTT标准：新增Topic=%s的保留消息", topic);
         break;
     case Stored::Updated:
-        persist_retain_save();
+        persist::save_retained();
         LOG_INFO("MQTT标准：更新Topic=%s的保留消息", topic);
         break;
     case Stored::Deleted:
         LOG_DEBUG("[DEBUG] retain_msg_set：空Payload，删除旧保留消息（topic=%s）", topic);
-        persist_retain_save();
+        persist::save_retained();
         LOG_INFO("MQTT标准：删除Topic=%s的保留消息（空Payload）", topic);
         break;
     }
@@ -120,7 +120,7 @@ void set_expiry(const char *topic, uint32_t expiry_s) noexcept
         if (found >= 0)
             g_sub_mgr.retains[found].expiry_interval = expiry_s;
     }
-    persist_retain_save();
+    persist::save_retained();
 }
 
 // Takes out the first entry whose life has ended and copies its topic. False if there is none.
@@ -233,7 +233,7 @@ bool delete_retained(const char *topic) noexcept
         return false;
     }
     LOG_DEBUG("[DEBUG] retain_msg_delete：删除保留消息成功（topic=%s, 剩余数量=%d）", topic, left);
-    persist_retain_save();
+    persist::save_retained();
     return true;
 }
 
@@ -249,7 +249,7 @@ void discard_expired_retained() noexcept
                 return;
         }
         LOG_INFO("保留消息已过期，自动清理: topic=%s", topic);
-        persist_retain_save();
+        persist::save_retained();
     }
 }
 

@@ -316,18 +316,18 @@ void __wrap_packet_handler_remove_client_subs(const char *client_id, uint8_t cle
         g_calls.on_remove_subs();
 }
 
-void __wrap_persist_mark(persist_session_t *rec, uint8_t what)
+void __wrap__ZN4tarn7persist4saveER17persist_session_th(persist_session_t &rec, uint8_t what)
 {
-    note("persist_mark " + std::to_string(what) + " expiry " + std::to_string(rec->session_expiry_interval) +
-         " until " + std::to_string(rec->session_expiry_deadline));
+    note("persist_mark " + std::to_string(what) + " expiry " + std::to_string(rec.session_expiry_interval) + " until " +
+         std::to_string(rec.session_expiry_deadline));
     if (g_calls.on_mark)
         g_calls.on_mark();
 }
 
-int __wrap_persist_remove(const char *client_id)
+bool __wrap__ZN4tarn7persist14remove_sessionEPKc(const char *client_id)
 {
     note("persist_remove " + std::string(client_id));
-    return 0;
+    return true;
 }
 
 bool __wrap__ZN4tarn3qos4initEv(void)
