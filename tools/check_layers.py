@@ -3,8 +3,11 @@
 
 The modules stand in layers; a file includes headers of its own module and of lower ones. The calls that go up are few
 and listed here with their reasons. Of another module only its headers for others may be included: the plain C ones,
-which are installed, and the seams. Such a header itself takes no more of other modules than types, so that including
-it never drags a module in.
+which are installed, its face with what that includes, and the seams. Such a header itself takes no more of other
+modules than types, so that including it never drags a module in.
+
+The exported functions of a module that has a face are for hosts: they turn away null pointers and make plain numbers of
+results, in <module>_c.cpp. The library itself calls the face.
 """
 import re
 import sys
@@ -13,7 +16,10 @@ from pathlib import Path
 # From the bottom up.
 LAYERS = ["base", "log", "tls", "codec", "net", "stats", "persist", "sub", "client", "qos", "handler", "api"]
 
-# What modules of the library need of each other beyond the installed headers.
+# The one C++ header of a module, with all that others may use of it.
+FACES = {"persist": "persist/persist.hpp", "qos": "qos/qos.hpp", "sub": "sub/sub.hpp"}
+
+# What the library needs of modules without a face, beyond their installed headers.
 SEAMS = {
     "client/client_ref.h": "records found and held safely",
     "codec/codec_text.h": "results as log lines name them",
@@ -22,22 +28,30 @@ SEAMS = {
     "codec/publish_link.h": "encoding one message for many receivers",
     "log/log.h": "lines whose arguments are not evaluated below the level",
     "net/netip_link.h": "one connection named exactly, many packets in one write",
-    "qos/booking.h": "a delivery queued and booked in one step",
-    "persist/session_store.h": "whether a saved session exists",
     "stats/counters.h": "counting without a call",
-    "sub/route.h": "matches without copies of whole entries",
 }
 
 # (module, header above it): why the call goes up.
 UPWARD = {
     ("stats", "client/client.h"): "the report counts the clients online",
     ("stats", "sub/sub.h"): "the report counts subscriptions and retained messages",
-    ("persist", "sub/sub.h"): "loading fills the subscription table and the retained store",
-    ("client", "qos/qos_reliable.h"): "a released record takes its pending deliveries with it",
+    ("persist", "sub/sub.hpp"): "loading fills the subscription table and the retained store",
+    ("client", "qos/qos.hpp"): "a released record takes its pending deliveries with it",
     ("client", "handler/packet_handler.h"): "the bridge hands packets up, a close starts the will",
     ("handler", "api/broker.h"): "the host's callbacks are asked and told",
 }
 
+# (file, exported function): calls of the library that still take a host's way.
+CALLS_AS_HOSTS = {
+    ("handler/host_publish.cpp", "qos_reliable_add_packet"),
+    ("handler/host_publish.cpp", "retain_msg_set_with_expiry"),
+    ("handler/publish.cpp", "qos_reliable_set_packet_expiry"),
+    ("handler/publish.cpp", "retain_msg_set_with_expiry"),
+    ("handler/retained.cpp", "topic_match_wildcard"),
+}
+
+PROTOTYPE = re.compile(r"^(?!#|typedef|extern|TARN_)\w[\w\s*]*?\b(\w+)\([^;{]*\);", re.MULTILINE)
+NO_CODE = re.compile(r"//[^\n]*|/\*.*?\*/|\"(?:[^\"\\\n]|\\.)*\"", re.DOTALL)
 INCLUDE = re.compile(r'^\s*#\s*include\s+(["<])([^">]+)[">]')
 
 
@@ -71,6 +85,16 @@ def includes(path, source_dir):
             yield number, None if target.is_relative_to(path.parent.resolve()) else match[2]
 
 
+def parts_of_faces(root):
+    """The faces and what they include of their own modules, which may be included without the rest."""
+    for module, face in FACES.items():
+        if (root / "src" / face).exists():
+            yield face
+            for _, header in includes(root / "src" / face, root / "src"):
+                if header and header.startswith(module + "/"):
+                    yield header
+
+
 def fault_of(source, header, shared, used_upward):
     """What is wrong with this include, or None. Both names are relative to src/."""
     module, other = source.split("/")[0], header.split("/")[0]
@@ -88,9 +112,45 @@ def fault_of(source, header, shared, used_upward):
     return None if (module, header) in UPWARD else f"{other}/ is above {module}/, and {header} is no listed exception"
 
 
+def exported_functions(root):
+    """{name: module} of the functions that the installed headers of modules with a face declare."""
+    names = {}
+    for header in sorted(installed_headers(root)):
+        module, path = header.split("/")[0], root / "src" / header
+        if module in FACES and path.exists():
+            names |= dict.fromkeys(PROTOTYPE.findall(NO_CODE.sub("", path.read_text(encoding="utf-8"))), module)
+    return names
+
+
+def calls_as_hosts(root):
+    """(file, line number, function, module) of each use of such a function outside its header and its shell."""
+    names = exported_functions(root)
+    if not names:
+        return
+    use = re.compile(rf"\b({'|'.join(sorted(names))})\b")
+    apart = installed_headers(root) | {f"{module}/{module}_c.cpp" for module in FACES}
+    for path in sorted((root / "src").glob("*/*")):
+        source = path.relative_to(root / "src").as_posix()
+        if source in apart:
+            continue
+        code = NO_CODE.sub(lambda cut: "\n" * cut[0].count("\n"), path.read_text(encoding="utf-8"))
+        for found in use.finditer(code):
+            yield source, code.count("\n", 0, found.start()) + 1, found[1], names[found[1]]
+
+
+def check_calls(root):
+    used = set()
+    for source, number, name, module in calls_as_hosts(root):
+        used.add((source, name))
+        if (source, name) not in CALLS_AS_HOSTS:
+            yield f"src/{source}:{number}: {name} is for hosts; the library has {FACES[module]}"
+    for source, name in sorted(CALLS_AS_HOSTS - used):
+        yield f"tools/check_layers.py: {source} does not use {name} any more"
+
+
 def check(root):
     source_dir = (root / "src").resolve()
-    shared = installed_headers(root) | SEAMS.keys() | {"api/tarn_sdk_mqtt_broker.h"}
+    shared = installed_headers(root) | SEAMS.keys() | {*parts_of_faces(root), "api/tarn_sdk_mqtt_broker.h"}
     used_upward = set()
     for path in sorted(source_dir.glob("*/*")):
         source = path.relative_to(source_dir).as_posix()
@@ -104,7 +164,7 @@ def check(root):
                 yield f"src/{source}:{number}: {fault}"
     for module, header in sorted(UPWARD.keys() - used_upward):
         yield f"tools/check_layers.py: nothing in {module}/ includes {header} any more"
-    for header in sorted(SEAMS.keys() | installed_headers(root)):
+    for header in sorted({*SEAMS, *FACES.values()} | installed_headers(root)):
         if not (source_dir / header).exists():
             yield f"{header} is listed but does not exist"
     for path in sorted((root / "broker").rglob("*.[ch]*")):
@@ -112,6 +172,7 @@ def check(root):
             if header and header not in installed_headers(root) | {"api/tarn_sdk_mqtt_broker.h"}:
                 name = path.relative_to(root).as_posix()
                 yield f"{name}:{number}: tarn-broker lives on the installed headers alone, not {header}"
+    yield from check_calls(root)
 
 
 def main():

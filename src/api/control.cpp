@@ -2,7 +2,7 @@
 #include "../base/text.h"
 #include "../client/client_ref.h"
 #include "../handler/packet_handler.h"
-#include "../sub/retain.h"
+#include "../sub/sub.hpp"
 #include "api_internal.h"
 
 using namespace tarn;
@@ -55,5 +55,7 @@ int32_t tarn_sdk_mqtt_broker_publish(broker_t * /*unused*/, const char *topic, c
 
 int32_t tarn_sdk_mqtt_broker_clear_retain(broker_t * /*unused*/, const char *topic)
 {
-    return topic ? retain_msg_delete(topic) : TARN_E_PARAM;
+    if (!topic)
+        return TARN_E_PARAM;
+    return sub::delete_retained(topic) ? TARN_OK : TARN_E_NOT_FOUND;
 }

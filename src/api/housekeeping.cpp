@@ -4,7 +4,7 @@
 #include "../base/thread.h"
 #include "../client/client_ref.h"
 #include "../stats/mqtt_stats.h"
-#include "../sub/retain.h"
+#include "../sub/sub.hpp"
 #include "api_internal.h"
 
 namespace tarn::api {
@@ -44,7 +44,7 @@ void housekeeping_turn(broker_t &broker, int64_t now_s)
     }
     report_when_due(now_s);
     if (due(last_retain_clean, now_s, kRetainPeriod_s)) {
-        retain_clean_expired();
+        sub::discard_expired_retained();
         poke(last_retain_clean, now_s);
     }
     if (will_delays_running())

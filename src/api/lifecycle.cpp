@@ -8,7 +8,7 @@
 #include "../client/client.h"
 #include "../handler/packet_handler.h"
 #include "../net/netip_link.h"
-#include "../persist/persist.h"
+#include "../persist/persist.hpp"
 #include "../stats/mqtt_stats.h"
 #include "api_internal.h"
 
@@ -197,7 +197,7 @@ int32_t tarn_sdk_mqtt_broker_init(broker_t *broker)
     agent_log_init(&config);
     mqtt_stats_init();
     packet_handler_init();
-    persist_init(broker->data_dir);
+    persist::init(broker->data_dir);
     LOG_INFO("[SDK] init success, port=%d, max_clients=%d", peek(broker->port), peek(broker->max_clients));
     return TARN_OK;
 }
@@ -254,7 +254,7 @@ void tarn_sdk_mqtt_broker_deinit(broker_t *broker)
     if (!life)
         return;
     netip_deinit();
-    persist_destroy();
+    persist::destroy();
     client_mgr_deinit();
     mqtt_stats_deinit();
     agent_log_deinit();

@@ -3,7 +3,7 @@
 #include "../base/text.h"
 #include "../client/client_ref.h"
 #include "../stats/mqtt_stats.h"
-#include "../sub/retain.h"
+#include "../sub/sub.hpp"
 #include "api_internal.h"
 
 #include <cstring>
@@ -49,7 +49,7 @@ int32_t tarn_sdk_mqtt_broker_get_client_id_list(broker_t * /*unused*/, char *buf
 
 int32_t tarn_sdk_mqtt_broker_get_retain_topic_list(broker_t * /*unused*/, char *buf, int32_t size)
 {
-    return fill_list(buf, size, retain_fill_topic_list);
+    return fill_list(buf, size, sub::list_retained_topics);
 }
 
 int32_t tarn_sdk_mqtt_broker_get_client_info(broker_t *broker, const char *client_id, tarn_sdk_mqtt_client_info_t *info)

@@ -5,7 +5,7 @@
 // lock held, so whatever they call may look up, send and close clients.
 #include "../base/clock.h"
 #include "../handler/packet_handler.h"
-#include "../persist/persist.h"
+#include "../persist/persist.hpp"
 #include "client_internal.h"
 
 namespace tarn::client {
@@ -29,7 +29,7 @@ void keep_session_until(mqtt_client_t &client, const client_id_text &id, uint32_
     ScopedLock lock(session_lock(client));
     client.session.session_expiry_interval = interval_s;
     client.session.session_expiry_deadline = deadline_s;
-    persist_mark(&client.session, PERSIST_SESSION);
+    persist::save(client.session, PERSIST_SESSION);
 }
 
 // QUIRK(session-ends-with-connection): a 3.1.1 client that asked for its session to be kept loses it when its
@@ -52,7 +52,7 @@ void settle_session(mqtt_client_t &client, const client_id_text &id)
         return;
     }
     LOG_INFO("[MQTT5] 会话立即删除(expiry=0): %s", id.text);
-    persist_remove(id.text);
+    persist::remove_session(id.text);
 }
 
 // QUIRK(will-after-timeout): the will of a client that the keep-alive scan closes starts even if the client has said

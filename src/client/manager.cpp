@@ -1,6 +1,6 @@
 // manager.cpp - the client manager comes up and goes down. What its threads touch stays: the pool's memory keeps its
 // type and its locks, only the pages go back.
-#include "../qos/qos_reliable.h"
+#include "../qos/qos.hpp"
 #include "client_internal.h"
 
 using namespace tarn;
@@ -26,7 +26,7 @@ uint32_t client_mgr_init(int32_t max_clients)
     }
     poke(g_client_mgr.running, 1);
 
-    if (qos_reliable_init() != 0) {
+    if (!qos::init()) {
         LOG_ERROR("QoS reliable init failed");
         client_mgr_deinit();
         return kFailed;
@@ -41,7 +41,7 @@ void client_mgr_deinit(void)
 {
     mqtt_stop_send_thread();
     poke(g_client_mgr.running, 0);
-    qos_reliable_destroy();
+    qos::destroy();
     unlink_pool();
     LOG_INFO("Client manager deinit success (QoS module destroyed)");
 }

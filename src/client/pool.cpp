@@ -6,7 +6,7 @@
 #include "../base/memory.h"
 #include "../base/text.h"
 #include "../codec/mqtt_codec.h"
-#include "../qos/qos_reliable.h"
+#include "../qos/qos.hpp"
 #include "client_internal.h"
 
 #include <cstring>
@@ -241,7 +241,7 @@ bool release_record(mqtt_client_t &client) noexcept
     const client_ref pin(&client);
     if (!mark_released(client))
         return false;
-    qos_reliable_clean_client_packets(&client); // after the mark: none can be added any more
+    qos::drop_deliveries_of(client); // after the mark: none can be added any more
 
     poke(client.state, CLIENT_CLOSED);
     poke(client.handle, NETIP_NO_HANDLE);
@@ -318,7 +318,7 @@ void drop_deliveries(mqtt_client_t &client)
         if (!g_pending_queue)
             return;
     }
-    qos_reliable_clean_client_packets(&client);
+    qos::drop_deliveries_of(client);
 }
 
 void retire(mqtt_client_t &client)

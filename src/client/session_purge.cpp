@@ -1,7 +1,7 @@
 // session_purge.cpp - deletes the saved sessions of records that still wait for their will although the session has
 // expired, and keeps count of what of an embedded session record was written.
 #include "../base/clock.h"
-#include "../persist/persist.h"
+#include "../persist/persist.hpp"
 #include "client_internal.h"
 
 #include <cstring>
@@ -71,7 +71,7 @@ void client_clean_expired_sessions(void)
         for (int i = 0; i < count; ++i) {
             LOG_INFO("[MQTT5] 清理过期会话: %s (deadline=%llu)", found[i].id.text,
                      static_cast<unsigned long long>(found[i].deadline_s));
-            persist_remove(found[i].id.text);
+            persist::remove_session(found[i].id.text);
         }
     }
     LOG_INFO("[MQTT5] 过期会话清理完成");

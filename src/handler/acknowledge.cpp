@@ -3,7 +3,7 @@
 // Each acknowledgement goes to the reliable-delivery queue first; what the row says besides happens whether the queue
 // knew the identifier or not.
 #include "../codec/mqtt_codec.h"
-#include "../qos/qos_reliable.h"
+#include "../qos/qos.hpp"
 #include "handler_internal.h"
 #include "reply.h"
 
@@ -73,7 +73,7 @@ int handle_acknowledgement(mqtt_client_t &client, Packet packet) noexcept
         return undecodable(client, row.undecodable, code);
 
     LOG_INFO(row.received, client.client_id, ack.msg_id);
-    (void)qos_reliable_handle_ack(&client, ack.msg_id, static_cast<uint8_t>(type));
+    (void)qos::acknowledge(client, ack.msg_id, static_cast<uint8_t>(type));
 
     if (row.reply != 0) {
         mqtt_ack_para_t answer{};

@@ -4,9 +4,9 @@
 // the one found by that id from now on. From adopt() on, the record's id is the client's name, not the decoded one.
 #include "../base/text.h"
 #include "../codec/mqtt_codec.h"
-#include "../persist/session_store.h"
+#include "../persist/persist.hpp"
 #include "../stats/counters.h"
-#include "../sub/sub.h"
+#include "../sub/sub.hpp"
 #include "handler_internal.h"
 #include "reply.h"
 
@@ -83,7 +83,7 @@ bool load_session_of(mqtt_client_t &client)
     clear_session(client);
     copy_text(session.client_id, client.client_id, sizeof client.client_id - 1);
     int files_opened = 0;
-    if (persist::load_session(&session, &files_opened) != 0 || files_opened == 0)
+    if (persist::load_session(session, files_opened) != persist::Loaded::Yes || files_opened == 0)
         return false;
     // One place more: a broken file may have left something behind the last entry.
     session_written(client, std::min<int32_t>(session.sub_count + 1, PERSIST_SUBS_MAX),
@@ -166,21 +166,21 @@ void take_will(mqtt_client_t &client, const mqtt_connect_para_t &connect)
     ScopedLock lock(session_lock(client));
     copy_will_to_session(client.session, connect);
     if (!peek(client.clean_session))
-        persist_mark(&client.session, PERSIST_SESSION);
+        persist::save(client.session, PERSIST_SESSION);
 }
 
 // ---- what becomes of the session
 
 void drop_session(mqtt_client_t &client)
 {
-    (void)persist_remove(client.client_id);
+    (void)persist::remove_session(client.client_id);
     poke(client.session_restored, 0);
     {
         ScopedLock lock(session_lock(client));
         client.session.sub_count = 0;
         client.session.msg_count = 0;
     }
-    (void)sub_remove(client.client_id, nullptr);
+    (void)sub::remove_all_of(client.client_id);
     LOG_INFO("[会话] CleanSession=1 → 清除历史数据 + 内存订阅");
 }
 
@@ -188,7 +188,7 @@ void resubscribe(mqtt_client_t &client)
 {
     for (const persist_sub_t &saved :
          std::span(client.session.subs, static_cast<size_t>(peek(client.session.sub_count))))
-        if (sub_add(client.client_id, saved.topic, saved.qos, 0) == 0)
+        if (sub::is_subscribed(sub::add(client.client_id, saved.topic, saved.qos, 0)))
             LOG_INFO("[恢复] 订阅: %s QoS=%d → 内存订阅表", saved.topic, saved.qos);
     LOG_INFO("[会话] 客户端 %s 上下文恢复完成", client.client_id);
 }

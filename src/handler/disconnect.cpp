@@ -1,9 +1,9 @@
 // disconnect.cpp - the client takes its leave: no will, the session kept or dropped, the connection closed.
 #include "../base/text.h"
 #include "../codec/disconnect_link.h"
-#include "../persist/persist.h"
-#include "../qos/qos_reliable.h"
-#include "../sub/sub.h"
+#include "../persist/persist.hpp"
+#include "../qos/qos.hpp"
+#include "../sub/sub.hpp"
 #include "handler_internal.h"
 
 namespace tarn::handler {
@@ -42,15 +42,15 @@ void save_session(mqtt_client_t &client)
 {
     {
         ScopedLock lock(session_lock(client));
-        persist_mark(&client.session, PERSIST_SUBSCRIPTIONS);
+        persist::save(client.session, PERSIST_SUBSCRIPTIONS);
     }
-    persist_flush();
+    persist::flush();
 }
 
 void settle_v4_session(mqtt_client_t &client)
 {
     if (peek(client.clean_session)) {
-        (void)persist_remove(client.client_id);
+        (void)persist::remove_session(client.client_id);
         LOG_INFO("持久化：客户端数据已清除 ClientID=%s", client.client_id);
         return;
     }
@@ -69,7 +69,7 @@ void settle_v5_session(mqtt_client_t &client)
         save_session(client);
     } else {
         LOG_INFO("[MQTT5] Session Expiry=0 → 立即清除会话");
-        (void)persist_remove(client.client_id);
+        (void)persist::remove_session(client.client_id);
     }
 }
 
@@ -114,11 +114,11 @@ void packet_handler_remove_client_subs(const char *client_id, uint8_t clean_sess
     char id[256]; // of its own: the argument may stand in a record or table entry that is about to change
     copy_text(id, client_id, sizeof id - 1);
     if (const client_ref client = find_client_by_cid(id))
-        qos_reliable_clean_client_packets(client.get());
+        qos::drop_deliveries_of(*client);
     if (!clean_session) {
         LOG_INFO("MQTT标准：CleanSession=false，保留客户端订阅：ClientID=%s", id);
         return;
     }
-    const int removed = sub_remove(id, nullptr);
+    const int32_t removed = sub::remove_all_of(id);
     LOG_INFO("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=%s, 数量=%d", id, removed);
 }

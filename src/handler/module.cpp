@@ -1,18 +1,18 @@
 // module.cpp - start and end of packet handling.
-#include "../persist/persist.h"
-#include "../qos/qos_reliable.h"
-#include "../sub/sub.h"
+#include "../persist/persist.hpp"
+#include "../qos/qos.hpp"
+#include "../sub/sub.hpp"
 #include "handler_internal.h"
 
 using namespace tarn;
 
 int packet_handler_init(void)
 {
-    if (sub_init() != 0) {
+    if (!sub::init()) {
         LOG_FATAL("订阅管理器初始化失败");
         return -1;
     }
-    if (qos_reliable_init() != 0) {
+    if (!qos::init()) {
         LOG_ERROR("QoS可靠投递模块初始化失败");
         return -1;
     }
@@ -24,6 +24,7 @@ int packet_handler_init(void)
 // The identifier generator's lock outlives this: other threads may still be drawing.
 int packet_handler_deinit(void)
 {
-    qos_reliable_destroy();
-    return persist_destroy();
+    qos::destroy();
+    persist::destroy();
+    return 0;
 }

@@ -2,8 +2,8 @@
 //
 // They are not sent from here: they join the reliable-delivery queue as if sent once, and its scan sends them about a
 // second later. The queue takes QoS 1 and 2 only, so kept messages of QoS 0 end here.
-#include "../persist/session_store.h"
-#include "../qos/qos_reliable.h"
+#include "../persist/persist.hpp"
+#include "../qos/qos.hpp"
 #include "handler_internal.h"
 
 #include <algorithm>
@@ -20,8 +20,8 @@ void requeue(mqtt_client_t &client, const persist_msg_t &message)
         id = draw_packet_id();
         LOG_DEBUG("[packet_handler] 修复离线消息 MsgID=0 → 新 MsgID=%d", id);
     }
-    (void)qos_reliable_add_packet(&client, id, message.qos, message.topic, message.payload,
-                                  std::min<uint32_t>(message.payload_len, sizeof message.payload));
+    (void)qos::track(client, id, message.qos, message.topic,
+                     {message.payload, std::min<size_t>(message.payload_len, sizeof message.payload)});
     LOG_DEBUG("[packet_handler] 已补发: msgid=%d topic=%s qos=%d", id, message.topic, message.qos);
 }
 

@@ -2,8 +2,8 @@
 // with the session and reported in the SUBACK.
 #include "../base/text.h"
 #include "../codec/mqtt_codec.h"
-#include "../persist/persist.h"
-#include "../sub/sub.h"
+#include "../persist/persist.hpp"
+#include "../sub/sub.hpp"
 #include "handler_internal.h"
 #include "reply.h"
 
@@ -38,7 +38,7 @@ uint32_t subscribe_one(mqtt_client_t &client, int at, const char *filter, uint32
         LOG_WARN("[ACL] 订阅被拒绝: %s", filter);
         return kRefused;
     }
-    if (sub_add(client.client_id, filter, qos, peek(client.clean_session)) != 0) {
+    if (!sub::is_subscribed(sub::add(client.client_id, filter, qos, peek(client.clean_session)))) {
         LOG_WARN("【QoS溯源2】filter[%d]：Topic=%s, 添加订阅失败，授予QoS=失败(0x%02X)", at, filter, kRefused);
         return kRefused;
     }
@@ -89,7 +89,7 @@ void save(mqtt_client_t &client, const mqtt_subscribe_para_t &request, const mqt
         remember(client, request, ack);
         if (peek(client.clean_session))
             return;
-        persist_mark(&client.session, PERSIST_SUBSCRIPTIONS);
+        persist::save(client.session, PERSIST_SUBSCRIPTIONS);
         saved = client.session.sub_count;
     }
     LOG_INFO("[持久化] 订阅已保存到文件: %s, 订阅数=%d", client.client_id, saved);

@@ -1,6 +1,6 @@
 // unsubscribe.cpp - UNSUBSCRIBE: filters leave the table, and the answer says nothing about any of them.
 #include "../codec/mqtt_codec.h"
-#include "../sub/sub.h"
+#include "../sub/sub.hpp"
 #include "handler_internal.h"
 #include "reply.h"
 
@@ -17,7 +17,7 @@ void remove_filter(mqtt_client_t &client, const char *filter)
 {
     if (filter[0] == '\0')
         return;
-    if (sub_remove(client.client_id, filter) < 1) {
+    if (sub::remove(client.client_id, filter) == 0) {
         LOG_DEBUG("取消订阅失败：ClientID=%s, Topic=%s", client.client_id, filter);
         return;
     }

@@ -6,7 +6,7 @@
 #include "../base/memory.h"
 #include "../base/text.h"
 #include "../codec/mqtt_codec.h"
-#include "../persist/persist.h"
+#include "../persist/persist.hpp"
 #include "../stats/counters.h"
 #include "handler_internal.h"
 
@@ -78,7 +78,7 @@ void publish_will(mqtt_client_t &client, const mqtt_publish_para_t &will, const 
     LOG_INFO("[WILL] 广播完成 | will_sent=%d", 1);
     if (!peek(client.clean_session)) {
         ScopedLock lock(session_lock(client));
-        persist_mark(&client.session, PERSIST_SUBSCRIPTIONS);
+        persist::save(client.session, PERSIST_SUBSCRIPTIONS);
     }
 }
 

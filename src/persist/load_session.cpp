@@ -9,7 +9,6 @@
 #include "../log/log.h"
 #include "../stats/counters.h"
 #include "persist_internal.h"
-#include "session_store.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -252,23 +251,23 @@ Found::Messages read_message_file(persist_session_t &record, const Path &path, b
 
 } // namespace
 
-int read_session(persist_session_t *record, Found &found) noexcept
+Loaded read_session(persist_session_t &record, Found &found) noexcept
 {
-    if (!record || !record->client_id[0])
-        return -1;
-    terminate_id(*record);
+    if (!record.client_id[0])
+        return Loaded::NoId;
+    terminate_id(record);
 
     const owned<Path> path = allocate<Path>(1);
     if (!path)
-        return -5;
+        return Loaded::NoMemory;
     ScopedLock lock(g_persist_mutex);
-    client_path(path[0], kSessionDirectory, record->client_id);
-    found.session_file = read_session_file(*record, path[0]);
-    client_path(path[0], kSubscriptionDirectory, record->client_id);
-    found.subscription_file = read_subscription_file(*record, path[0], found.subscription_list);
-    client_path(path[0], kMessageDirectory, record->client_id);
-    found.messages = read_message_file(*record, path[0], found.messages_unread);
-    return 0;
+    client_path(path[0], kSessionDirectory, record.client_id);
+    found.session_file = read_session_file(record, path[0]);
+    client_path(path[0], kSubscriptionDirectory, record.client_id);
+    found.subscription_file = read_subscription_file(record, path[0], found.subscription_list);
+    client_path(path[0], kMessageDirectory, record.client_id);
+    found.messages = read_message_file(record, path[0], found.messages_unread);
+    return Loaded::Yes;
 }
 
 void report(const persist_session_t &record, const Found &found) noexcept
@@ -298,39 +297,28 @@ void report(const persist_session_t &record, const Found &found) noexcept
     }
 }
 
-int load_session(persist_session_t *record, int *files_opened) noexcept
+Loaded load_session(persist_session_t &record, int &files_opened) noexcept
 {
-    Found     found;
-    const int result = read_session(record, found);
-    if (result == 0)
-        report(*record, found);
-    *files_opened = found.files();
-    return result;
+    Found        found;
+    const Loaded loaded = read_session(record, found);
+    if (loaded == Loaded::Yes)
+        report(record, found);
+    files_opened = found.files();
+    return loaded;
+}
+
+bool keep_if_subscribed(persist_session_t &record) noexcept
+{
+    terminate_id(record);
+    Path path;
+    client_path(path, kSubscriptionDirectory, record.client_id);
+    FILE *const file = open_file(path);
+    if (!file)
+        return false;
+    fclose(file);
+    stats::count(stats::Counter::persist_read);
+    record.clean_session = 0;
+    return true;
 }
 
 } // namespace tarn::persist
-
-using namespace tarn;
-
-int persist_load(persist_session_t *rec)
-{
-    int files_opened;
-    return persist::load_session(rec, &files_opened);
-}
-
-int persist_load_client_only(persist_session_t *rec)
-{
-    if (!rec || !rec->client_id[0])
-        return -1;
-    persist::terminate_id(*rec);
-
-    persist::Path path;
-    persist::client_path(path, persist::kSubscriptionDirectory, rec->client_id);
-    FILE *const file = persist::open_file(path);
-    if (!file)
-        return -4;
-    fclose(file);
-    stats::count(stats::Counter::persist_read);
-    rec->clean_session = 0;
-    return 0;
-}

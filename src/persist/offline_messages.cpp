@@ -3,7 +3,6 @@
 #include "../base/text.h"
 #include "../log/log.h"
 #include "persist_internal.h"
-#include "session_store.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -74,31 +73,17 @@ void HeldSession::write_messages() noexcept
     safe_write(path, "");
 }
 
-} // namespace tarn::persist
-
-using namespace tarn;
-
-int persist_add_offline_msg(const char *client_id, const char *topic, const uint8_t *payload, int32_t payload_len,
-                            uint8_t qos)
+bool HeldSession::remove_message(uint16_t msgid) noexcept
 {
-    if (!client_id || !topic || !payload || payload_len < 1)
-        return -1;
-    persist::HeldSession session(client_id);
-    return session.add_message(topic, payload, static_cast<uint32_t>(payload_len), qos) ? 0 : -1;
-}
-
-int persist_remove_offline_msg(const char *client_id, uint16_t msgid)
-{
-    if (!client_id || msgid == 0)
-        return -1;
-    persist::HeldSession session(client_id);
-    if (!session.is_loaded() || !session.is_known())
-        return -4;
-    auto       &messages = session.record().msgs;
-    auto       &count    = session.record().msg_count;
+    if (!is_loaded() || !is_known())
+        return false;
+    auto       &messages = record_->msgs;
+    auto       &count    = record_->msg_count;
     auto *const end      = std::remove_if(messages, messages + count,
                                           [&](const persist_msg_t &message) { return message.msgid == msgid; });
     count                = static_cast<int32_t>(end - messages);
-    session.write_messages();
-    return 0;
+    write_messages();
+    return true;
 }
+
+} // namespace tarn::persist

@@ -4,7 +4,7 @@
 
 #include "../base/memory.h"
 #include "../base/mutex.h"
-#include "session_store.h"
+#include "persist.hpp"
 
 #include <cstdarg>
 #include <string_view>
@@ -22,6 +22,9 @@ struct Path {
 // <root>/<directory>/<id>.json. A path that an id with "/" would lead elsewhere, or that is too long together with
 // ".tmp", is not usable: such a client has no files.
 void client_path(Path &path, const char *directory, const char *client_id) noexcept;
+
+// A path that a host gave; longer ones than a path may be, with ".tmp", are not usable.
+Path path_of(const char *text) noexcept;
 
 constexpr const char *kSessionDirectory      = "session";
 constexpr const char *kSubscriptionDirectory = "subscription";
@@ -59,18 +62,24 @@ size_t unhex(uint8_t *to, size_t limit, std::string_view pairs) noexcept;
 
 // ---- files
 
+void make_directory(const char *path) noexcept; // if there is nothing of this name
+
 // Writes `text` to a path that is known to be usable, or says that it cannot.
 void safe_write(const Path &path, const char *text) noexcept;
 
 // Serialises writes, and reading before writing, of one client's files. Taken before g_persist_mutex.
 Mutex &files_lock(const char *client_id) noexcept;
 
-// persist_load without a word: the record from the client's files, and which of them there were.
-int  read_session(persist_session_t *record, Found &found) noexcept;
-void report(const persist_session_t &record, const Found &found) noexcept; // what it has to count and say
+// load_session without a word: the record from the client's files, and which of them there were.
+Loaded read_session(persist_session_t &record, Found &found) noexcept;
+void   report(const persist_session_t &record, const Found &found) noexcept; // what it has to count and say
+// Clears the clean-session flag of a record with an id when its client has a subscription file; false when it has not.
+bool keep_if_subscribed(persist_session_t &record) noexcept;
+void restore_subscriptions() noexcept; // everybody's, into the table
 
-// persist_flush_single with files_lock held; does nothing for a clean session.
-void write_files(persist_session_t &record, uint8_t what) noexcept;
+// Writes those files that `what` names; nothing for a clean session.
+void write_session(persist_session_t &record, uint8_t what) noexcept;
+void write_files(persist_session_t &record, uint8_t what) noexcept; // the same with files_lock held
 
 } // namespace tarn::persist
 

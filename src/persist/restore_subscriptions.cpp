@@ -1,17 +1,15 @@
 // restore_subscriptions.cpp - at start every persisted subscription enters the table again, before any client is back.
 #include "../base/text.h"
 #include "../log/log.h"
-#include "../sub/sub.h"
+#include "../sub/sub.hpp"
 #include "persist_internal.h"
-#include "session_store.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
 
-using namespace tarn;
-
+namespace tarn::persist {
 namespace {
 
 constexpr const char *kSeparator   = "[persist] ==============================================";
@@ -24,25 +22,26 @@ void restore_client(const char *file_name)
     if (length > kSuffixChars)
         copy_text(client_id, file_name, std::min(length - kSuffixChars, sizeof client_id - 1));
 
-    persist_session_t *const record = persist::scratch_session(client_id);
+    persist_session_t *const record = scratch_session(client_id);
     if (!record)
         return;
-    if (persist_load(record) == 0)
+    int files_opened;
+    if (load_session(*record, files_opened) == Loaded::Yes)
         for (int32_t i = 0; i < record->sub_count; ++i)
-            sub_add(record->client_id, record->subs[i].topic, record->subs[i].qos, 0);
+            sub::add(record->client_id, record->subs[i].topic, record->subs[i].qos, 0);
     LOG_INFO("[persist] ✅ 恢复客户端订阅: %s  订阅数=%d", record->client_id, record->sub_count);
 }
 
 } // namespace
 
-void persist_load_all_persisted_subscriptions(void)
+void restore_subscriptions() noexcept
 {
     LOG_INFO("%s", kSeparator);
     LOG_INFO("[persist] 🔥 BROKER 启动 - 自动加载所有持久化订阅");
     LOG_INFO("%s", kSeparator);
 
-    persist::Path path;
-    snprintf(path.text, sizeof path.text, "%s/%s", g_persist_root_path, persist::kSubscriptionDirectory);
+    Path path;
+    snprintf(path.text, sizeof path.text, "%s/%s", g_persist_root_path, kSubscriptionDirectory);
     DIR *const directory = opendir(path.text);
     if (!directory) {
         LOG_WARN("[persist] 订阅目录不存在");
@@ -57,3 +56,5 @@ void persist_load_all_persisted_subscriptions(void)
     LOG_INFO("[persist] ✅ 所有持久化订阅加载完成");
     LOG_INFO("%s", kSeparator);
 }
+
+} // namespace tarn::persist

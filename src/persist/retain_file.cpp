@@ -3,7 +3,7 @@
 #include "../base/relaxed.h"
 #include "../log/log.h"
 #include "../stats/counters.h"
-#include "../sub/sub.h"
+#include "../sub/sub.hpp"
 #include "persist_internal.h"
 
 #include <algorithm>
@@ -11,8 +11,7 @@
 #include <cstring>
 #include <unistd.h>
 
-using namespace tarn;
-
+namespace tarn::persist {
 namespace {
 
 // A copy of the store as it is now: the file is written from it while others go on storing.
@@ -72,7 +71,7 @@ void make_safe(retain_msg_t &record)
 
 // The newer of two copies must be the one that stays on the disk, so the locks are taken over from hand to hand: the
 // store's to copy it, the file's before the store's is given back.
-int persist_retain_save(void) NO_LOCK_ANALYSIS
+bool save_retained() noexcept NO_LOCK_ANALYSIS
 {
     Snapshot snapshot;
     g_sub_mgr.lock.lock();
@@ -84,14 +83,14 @@ int persist_retain_save(void) NO_LOCK_ANALYSIS
 
     if (!opened) {
         LOG_ERROR("[persist] retain save failed");
-        return -2;
+        return false;
     }
     stats::count(stats::Counter::persist_write);
     LOG_DEBUG("[persist] retain saved: %d entries", static_cast<int>(snapshot.count));
-    return 0;
+    return true;
 }
 
-int persist_retain_load(void)
+bool load_retained() noexcept
 {
     // Shorter than the name it is saved under may be: a root of more than 244 characters is saved but never loaded.
     char        path[PERSIST_RETAIN_READ_SIZE];
@@ -99,7 +98,7 @@ int persist_retain_load(void)
     FILE *const file   = length < static_cast<int>(sizeof path) ? fopen(path, "rbe") : nullptr;
     if (!file) {
         LOG_WARN("[persist] no retain file");
-        return -4;
+        return false;
     }
     {
         ScopedLock          store(g_sub_mgr.lock);
@@ -115,5 +114,7 @@ int persist_retain_load(void)
     }
     fclose(file);
     stats::count(stats::Counter::persist_read);
-    return 0;
+    return true;
 }
+
+} // namespace tarn::persist

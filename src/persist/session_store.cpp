@@ -46,8 +46,8 @@ HeldSession::HeldSession(const char *client_id) noexcept
     files_.lock();
     if (!record_)
         return;
-    result_ = read_session(record_, found_);
-    if (result_ == 0)
+    loaded_ = read_session(*record_, found_);
+    if (loaded_ == Loaded::Yes)
         report(*record_, found_);
 }
 

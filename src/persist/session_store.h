@@ -22,8 +22,10 @@ struct Found {
     int files() const { return session_file + subscription_file + (messages != Messages::NoFile); }
 };
 
-// persist_load, and in *files_opened how many of the client's three files were there.
-int load_session(persist_session_t *record, int *files_opened) noexcept;
+enum class Loaded : uint8_t { Yes, NoId, NoMemory }; // Yes also when there is nothing
+
+// Fills the record from its client's three files, and tells how many of them were there.
+Loaded load_session(persist_session_t &record, int &files_opened) noexcept;
 
 // The calling thread's own scratch record with this id (127 characters) and everything else empty; null when memory
 // ran out. Valid until the thread's next call.
@@ -33,16 +35,19 @@ persist_session_t *scratch_session(const char *client_id) noexcept;
 // writes this client's files. One at a time on each thread.
 class HeldSession {
 public:
-    explicit HeldSession(const char *client_id) noexcept NO_LOCK_ANALYSIS; // persist_load
+    explicit HeldSession(const char *client_id) noexcept NO_LOCK_ANALYSIS;
     ~HeldSession() noexcept NO_LOCK_ANALYSIS;
     HeldSession(const HeldSession &)            = delete;
     HeldSession &operator=(const HeldSession &) = delete;
 
-    bool is_loaded() const noexcept { return result_ == 0; }
+    bool is_loaded() const noexcept { return loaded_ == Loaded::Yes; }
     bool has_files() const noexcept { return found_.files() > 0; }
 
     // False when memory ran out on the way: what is in the files is not known then, and must not be overwritten.
-    bool is_known() const noexcept { return record_ && result_ != -5 && found_.messages != Found::Messages::NoMemory; }
+    bool is_known() const noexcept
+    {
+        return record_ && loaded_ != Loaded::NoMemory && found_.messages != Found::Messages::NoMemory;
+    }
 
     persist_session_t &record() noexcept { return *record_; } // of a known or loaded session
 
@@ -53,13 +58,16 @@ public:
     // are cut. False, and nothing is written, when the session is not known. Where messages lie unread, their file
     // stays and the log says that it cannot be written.
     bool add_message(const char *topic, const uint8_t *payload, uint32_t payload_len, uint8_t qos) noexcept;
+    // Removes the messages with this identifier, of which there may be none, and writes the file. False, and nothing is
+    // written, when the session is not loaded or not known.
+    bool remove_message(uint16_t msgid) noexcept;
     void write_messages() noexcept;
 
 private:
     Mutex             &files_;
     persist_session_t *record_;
     Found              found_;
-    int                result_ = -1; // of persist_load
+    Loaded             loaded_ = Loaded::NoId;
 };
 
 } // namespace tarn::persist

@@ -12,8 +12,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-using namespace tarn;
-
 char         g_persist_root_path[PERSIST_PATH_SIZE] = "./mqtt_data";
 tarn_mutex_t g_persist_mutex{};
 
@@ -110,21 +108,15 @@ Mutex &files_lock(const char *client_id) noexcept
     return g_files_mx[hash % kFileLocks];
 }
 
-} // namespace tarn::persist
-
-void persist_safe_write(const char *path, const char *text)
+Path path_of(const char *text) noexcept
 {
-    if (!text || !path || !*path) {
-        LOG_ERROR("[persist] 安全写入失败：参数为空");
-        return;
-    }
-    persist::Path checked;
-    const int     length = snprintf(checked.text, sizeof checked.text, "%s", path);
-    checked.usable       = static_cast<size_t>(length) + persist::kTmpChars < PERSIST_PATH_SIZE;
-    persist::safe_write(checked, text);
+    Path      path;
+    const int length = snprintf(path.text, sizeof path.text, "%s", text);
+    path.usable      = static_cast<size_t>(length) + kTmpChars < PERSIST_PATH_SIZE;
+    return path;
 }
 
-void persist_make_dir(const char *path)
+void make_directory(const char *path) noexcept
 {
     struct stat status;
     if (stat(path, &status) == 0)
@@ -133,60 +125,46 @@ void persist_make_dir(const char *path)
     LOG_DEBUG("[persist] 目录创建成功: %s", path);
 }
 
-int persist_init(const char *root_path)
+void init(const char *root_path) noexcept
 {
     LOG_INFO("[persist] 持久化模块初始化中...");
     if (root_path && *root_path && strcmp(root_path, g_persist_root_path) != 0) // clients of another instance read it
         copy_text(g_persist_root_path, root_path, sizeof g_persist_root_path - 1);
-    persist_make_dir(g_persist_root_path);
-    for (const char *directory :
-         {persist::kSessionDirectory, persist::kSubscriptionDirectory, persist::kMessageDirectory}) {
-        persist::Path path;
+    make_directory(g_persist_root_path);
+    for (const char *directory : {kSessionDirectory, kSubscriptionDirectory, kMessageDirectory}) {
+        Path path;
         snprintf(path.text, sizeof path.text, "%s/%s", g_persist_root_path, directory);
-        persist_make_dir(path.text);
+        make_directory(path.text);
     }
-    persist_load_all_persisted_subscriptions();
-    persist_retain_load();
+    restore_subscriptions();
+    load_retained();
     LOG_INFO("[persist] 持久化模块初始化完成，路径：%s", g_persist_root_path);
-    return 0;
 }
 
 // The mutex stays: clients may still close after this.
-int persist_destroy(void)
+void destroy() noexcept
 {
     LOG_INFO("[persist] 持久化模块销毁中...");
-    return 0;
 }
 
-void persist_stop(void)
-{
-    LOG_INFO("[persist] 停止刷盘线程...");
-}
-
-void persist_flush(void)
+void flush() noexcept
 {
     LOG_DEBUG("[persist] 执行强制刷盘(无操作，已同步写入)");
 }
 
-void persist_clean_expire(void)
+bool remove_session(const char *client_id) noexcept
 {
-    LOG_DEBUG("[persist] 清理过期会话（未启用）");
-}
-
-int persist_remove(const char *client_id)
-{
-    if (!client_id)
-        return -1;
-    const owned<persist::Path> path = allocate<persist::Path>(1);
+    const owned<Path> path = allocate<Path>(1);
     if (!path)
-        return -5;
-    ScopedLock files(persist::files_lock(client_id));
+        return false;
+    ScopedLock files(files_lock(client_id));
     ScopedLock lock(g_persist_mutex);
-    for (const char *directory :
-         {persist::kSessionDirectory, persist::kSubscriptionDirectory, persist::kMessageDirectory}) {
-        persist::client_path(path[0], directory, client_id);
+    for (const char *directory : {kSessionDirectory, kSubscriptionDirectory, kMessageDirectory}) {
+        client_path(path[0], directory, client_id);
         if (path[0].usable)
             unlink(path[0].text);
     }
-    return 0;
+    return true;
 }
+
+} // namespace tarn::persist

@@ -126,20 +126,16 @@ void write_files(persist_session_t &record, uint8_t what) noexcept
         write_message_file(record);
 }
 
+void write_session(persist_session_t &record, uint8_t what) noexcept
+{
+    ScopedLock files(files_lock(record.client_id));
+    write_files(record, what);
+}
+
+void save(persist_session_t &record, uint8_t what) noexcept
+{
+    if (record.client_id[0] && !(record.clean_session & 1))
+        write_session(record, what);
+}
+
 } // namespace tarn::persist
-
-using namespace tarn;
-
-void persist_flush_single(persist_session_t *rec, uint8_t what)
-{
-    if (!rec)
-        return;
-    ScopedLock files(persist::files_lock(rec->client_id));
-    persist::write_files(*rec, what);
-}
-
-void persist_mark(persist_session_t *rec, uint8_t what)
-{
-    if (rec && rec->client_id[0] && !(rec->clean_session & 1))
-        persist_flush_single(rec, what);
-}

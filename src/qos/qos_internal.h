@@ -8,7 +8,7 @@
 #define TARN_QOS_QOS_INTERNAL_H
 
 #include "../base/mutex.h"
-#include "qos_reliable.h"
+#include "qos.hpp"
 
 namespace tarn::qos {
 

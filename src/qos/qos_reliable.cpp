@@ -7,13 +7,13 @@
 #include "../client/client_ref.h"
 #include "../codec/mqtt_codec.h"
 #include "../log/log.h"
-#include "booking.h"
 #include "qos_internal.h"
 
 #include <cstdlib>
 #include <cstring>
 
 using namespace tarn;
+using qos::Acknowledged;
 using qos::Added;
 
 namespace {
@@ -145,60 +145,60 @@ void remove_packet(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_
 // QUIRK(puback-ends-qos-2): PUBACK completes a QoS 2 delivery, which waits for PUBREC by the standard [MQTT-4.3.3-3]: a
 // client that took the message for one of QoS 1 has it.
 //   test: ack.puback_completes_qos_2_in_any_state_with_a_warning
-int on_puback(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
+Acknowledged on_puback(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
 {
     const uint16_t msg_id = entry->msg_id;
     switch (entry->qos) {
     case 1:
         remove_packet(client, entry);
         LOG_INFO("[QoS] QoS1 %s 完成: msg_id=%d", name_of(PUBACK), msg_id);
-        return 0;
+        return Acknowledged::Taken;
     case 2:
         remove_packet(client, entry);
         LOG_WARN("[QoS] QoS2 报文收到PUBACK(客户端降级)，强制完成: msg_id=%d", msg_id);
-        return 0;
+        return Acknowledged::Taken;
     default:
         LOG_ERROR("[QoS] %s 不匹配: msg_id=%d QoS=%d", name_of(PUBACK), msg_id, entry->qos);
-        return -1;
+        return Acknowledged::Failed;
     }
 }
 
-int on_pubrec(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
+Acknowledged on_pubrec(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
 {
     if (entry->qos != 2 || entry->qos2_state != qos::QOS2_AWAITS_PUBREC)
-        return 0;
+        return Acknowledged::Taken;
     entry->qos2_state = qos::QOS2_PUBREL_SENT;
     if (!send_reply(client, PUBREL, entry->msg_id)) {
         LOG_ERROR("[QoS] PUBREL编码失败: msg_id=%d", entry->msg_id);
-        return -1;
+        return Acknowledged::Failed;
     }
     LOG_INFO("[QoS] ✅ 收到PUBREC -> 发送PUBREL: msg_id=%d", entry->msg_id);
-    return 0;
+    return Acknowledged::Taken;
 }
 
-int on_pubrel(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
+Acknowledged on_pubrel(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
 {
     if (entry->qos != 2 || entry->qos2_state != qos::QOS2_PUBREL_SENT)
-        return 0;
+        return Acknowledged::Taken;
     entry->qos2_state = qos::QOS2_PUBCOMP_SENT;
     if (!send_reply(client, PUBCOMP, entry->msg_id)) {
         LOG_ERROR("[QoS] PUBCOMP编码失败: msg_id=%d", entry->msg_id);
-        return -1;
+        return Acknowledged::Failed;
     }
     LOG_INFO("[QoS] ✅ 收到PUBREL -> 发送PUBCOMP: msg_id=%d", entry->msg_id);
-    return 0;
+    return Acknowledged::Taken;
 }
 
-int on_pubcomp(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
+Acknowledged on_pubcomp(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
 {
     if (entry->qos != 2)
-        return 0;
+        return Acknowledged::Taken;
     const uint16_t msg_id   = entry->msg_id;
     const bool     in_order = entry->qos2_state == qos::QOS2_PUBCOMP_SENT;
     remove_packet(client, entry);
     if (in_order)
         LOG_INFO("[QoS] ✅ QoS2 完成: msg_id=%d", msg_id);
-    return 0;
+    return Acknowledged::Taken;
 }
 
 } // namespace
@@ -228,76 +228,73 @@ void qos::say_booked(const Delivery &delivery, const Booked &booked) noexcept
                     booked.added, booked.count);
 }
 
-int qos_reliable_add_packet(mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic, const void *payload,
-                            uint32_t payload_len)
+Added qos::track(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, const char *topic,
+                 std::span<const uint8_t> payload) noexcept
 {
-    Added added;
-    int   count = 0;
+    const auto size  = static_cast<uint32_t>(payload.size());
+    int        count = 0;
+    Added      added;
     {
         ScopedLock lock(g_queue_mutex);
-        added = add(client, msg_id, qos, topic, payload, payload_len, count);
+        added = add(&client, msg_id, qos, topic, payload.data(), size, count);
     }
-    return say_added(client, msg_id, qos, payload_len, added, count);
+    (void)say_added(&client, msg_id, qos, size, added, count);
+    return added;
 }
 
-int qos_reliable_handle_ack(mqtt_client_t *client, uint16_t msg_id, uint8_t packet_type)
+Acknowledged qos::acknowledge(mqtt_client_t &client, uint16_t msg_id, uint8_t packet_type) noexcept
 {
-    if (!client || msg_id == 0) {
+    if (msg_id == 0) {
         LOG_ERROR("[QoS] 处理ACK参数错误：客户端为空");
-        return -1;
+        return Acknowledged::Unknown;
     }
     ScopedLock          lock(g_queue_mutex);
-    qos_packet_t *const entry = qos::find_entry(client, msg_id);
+    qos_packet_t *const entry = find_entry(&client, msg_id);
     if (!entry) {
-        LOG_DEBUG("[QoS] 收到无效ACK报文(msg_id=%d, client=%s, 类型=%d)：未找到对应报文", msg_id, id_of(*client).text,
+        LOG_DEBUG("[QoS] 收到无效ACK报文(msg_id=%d, client=%s, 类型=%d)：未找到对应报文", msg_id, id_of(client).text,
                   packet_type);
-        return -1;
+        return Acknowledged::Unknown;
     }
     LOG_DEBUG("[QoS追踪] ACK: %s | msg_id=%d | QoS=%d | state=%d", name_of(packet_type), msg_id, entry->qos,
               static_cast<int>(entry->qos2_state));
     switch (packet_type) {
     case PUBACK:
-        return on_puback(client, entry);
+        return on_puback(&client, entry);
     case PUBREC:
-        return on_pubrec(client, entry);
+        return on_pubrec(&client, entry);
     case PUBREL:
-        return on_pubrel(client, entry);
+        return on_pubrel(&client, entry);
     case PUBCOMP:
-        return on_pubcomp(client, entry);
+        return on_pubcomp(&client, entry);
     default:
         LOG_ERROR("[QoS] 不支持的ACK类型: msg_id=%d", msg_id);
-        return -1;
+        return Acknowledged::Failed;
     }
 }
 
-void qos_reliable_set_packet_expiry(mqtt_client_t *client, uint16_t msg_id, uint32_t seconds)
+void qos::set_expiry(mqtt_client_t &client, uint16_t msg_id, uint32_t seconds) noexcept
 {
-    if (!client || msg_id == 0)
+    if (msg_id == 0)
         return;
     {
         ScopedLock          lock(g_queue_mutex);
-        qos_packet_t *const entry = qos::find_entry(client, msg_id);
+        qos_packet_t *const entry = find_entry(&client, msg_id);
         if (!entry)
             return;
         entry->expiry_s = seconds;
-        qos::note_due(entry->create_ms + uint64_t{seconds} * 1000);
+        note_due(entry->create_ms + uint64_t{seconds} * 1000);
     }
     LOG_INFO("[QoS/Expiry] 设置消息过期: msg_id=%u, 过期时间=%u 秒", msg_id, seconds);
 }
 
-void qos_reliable_clean_client_packets(mqtt_client_t *client)
+void qos::drop_deliveries_of(mqtt_client_t &client) noexcept
 {
-    if (!client) {
-        LOG_WARN("[QoS_CLEAN] 清理客户端: %s", "null");
-        LOG_WARN("[QoS] 清理客户端报文失败：客户端为空");
-        return;
-    }
-    const client_id_text id = id_of(*client);
+    const client_id_text id = id_of(client);
     LOG_WARN("[QoS_CLEAN] 清理客户端: %s", id.text);
     int removed;
     {
         ScopedLock lock(g_queue_mutex);
-        removed = qos::remove_all_of(client);
+        removed = remove_all_of(&client);
     }
     LOG_INFO("[QoS] 清理客户端报文完成(client=%s)：共清理%d条", id.text, removed);
 }

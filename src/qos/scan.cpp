@@ -12,8 +12,6 @@
 
 #include <cstring>
 
-using namespace tarn;
-
 uint8_t   g_scan_running = 0;
 pthread_t g_scan_thread  = 0;
 
@@ -245,34 +243,29 @@ void end_scan_threads()
     }
 }
 
-} // namespace tarn::qos
-
-void qos_reliable_scan_queue(void)
-{
-    qos::scan(mono_ms());
-}
-
-int qos_reliable_init(void)
+bool init() noexcept
 {
     poke(g_scan_running, 1);
-    if (const int error = qos::begin_scan_thread()) {
+    if (const int error = begin_scan_thread()) {
         LOG_ERROR("[QoS] 创建扫描线程失败，Linux错误码：%d（描述：%s）", error, strerror(error));
         poke(g_scan_running, 0);
-        return -1;
+        return false;
     }
     LOG_INFO("[QoS] 可靠投递模块初始化成功");
-    return 0;
+    return true;
 }
 
-void qos_reliable_destroy(void)
+void destroy() noexcept
 {
     poke(g_scan_running, 0);
     LOG_DEBUG("[QoS] 开始销毁可靠投递模块");
-    qos::end_scan_threads();
+    end_scan_threads();
     int removed;
     {
         ScopedLock lock(g_queue_mutex);
-        removed = qos::remove_all();
+        removed = remove_all();
     }
     LOG_INFO("[QoS] 可靠投递模块已销毁，共清理%d条未完成报文", removed);
 }
+
+} // namespace tarn::qos

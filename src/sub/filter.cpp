@@ -2,7 +2,6 @@
 #include "sub_internal.h"
 
 #include "../log/log.h"
-#include "sub.h"
 
 #include <cstring>
 
@@ -47,16 +46,12 @@ FilterVerdict judge_filter(std::string_view filter) noexcept
     return refuse(FilterFault::None);
 }
 
-} // namespace tarn::sub
-
-using namespace tarn::sub;
-
-extern "C" int mqtt_filter_is_valid(const char *filter)
+bool is_valid_filter(const char *filter) noexcept
 {
-    const FilterVerdict verdict = judge_filter(filter ? filter : "");
+    const FilterVerdict verdict = judge_filter(filter);
     switch (verdict.fault) {
     case FilterFault::None:
-        return 1;
+        return true;
     case FilterFault::Empty:
         LOG_ERROR("[DEBUG] mqtt_filter_is_valid：空过滤器非法");
         break;
@@ -73,5 +68,7 @@ extern "C" int mqtt_filter_is_valid(const char *filter)
         LOG_ERROR("[DEBUG] mqtt_filter_is_valid：#前不能有+（filter=%s）", filter);
         break;
     }
-    return 0;
+    return false;
 }
+
+} // namespace tarn::sub

@@ -7,9 +7,6 @@
 
 constinit sub_mgr_t g_sub_mgr{};
 
-using namespace tarn;
-using namespace tarn::sub;
-
 namespace tarn::sub {
 namespace {
 
@@ -37,11 +34,10 @@ namespace {
 }
 
 } // namespace
-} // namespace tarn::sub
 
 // When the second array cannot be had, the first one stays: `subs` keeps its value, and another thread may be about to
 // use it. The next call goes on from there.
-extern "C" int sub_init(void)
+bool init() noexcept
 {
     LOG_DEBUG("[DEBUG] sub_init：开始初始化订阅管理器");
     bool have_subs;
@@ -54,21 +50,21 @@ extern "C" int sub_init(void)
     if (!have_subs) {
         LOG_ERROR("[DEBUG] sub_init：分配订阅数组失败（需要内存=%lu字节）", SUB_CAPACITY * sizeof(sub_entry_t));
         LOG_ERROR("分配订阅数组失败");
-        return -2;
+        return false;
     }
     LOG_DEBUG("[DEBUG] sub_init：订阅数组分配成功（容量=%d）", SUB_CAPACITY);
     if (!have_retains) {
         LOG_ERROR("[DEBUG] sub_init：分配保留消息数组失败（需要内存=%lu字节）", RETAIN_CAPACITY * sizeof(retain_msg_t));
         LOG_ERROR("分配保留消息数组失败");
-        return -2;
+        return false;
     }
     LOG_DEBUG("[DEBUG] sub_init：保留消息数组分配成功（容量=%d）", RETAIN_CAPACITY);
     LOG_DEBUG("[DEBUG] sub_init：互斥锁初始化成功"); // by the loader: it is never initialised again
     LOG_INFO("订阅管理器初始化成功（符合MQTT 3.1.1标准，版本=%s）", "1.0.0");
-    return 0;
+    return true;
 }
 
-extern "C" void sub_deinit(void)
+void deinit() noexcept
 {
     LOG_DEBUG("[DEBUG] sub_deinit：开始销毁订阅管理器");
     int32_t             subscriptions;
@@ -88,3 +84,5 @@ extern "C" void sub_deinit(void)
     LOG_DEBUG("[DEBUG] sub_deinit：释放保留消息数组（当前保留消息数=%d）", retained);
     LOG_INFO("订阅管理器销毁成功");
 }
+
+} // namespace tarn::sub

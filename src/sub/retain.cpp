@@ -1,15 +1,10 @@
 // retain.cpp - the last retained message of each topic.
 //
 // Changes happen under the manager's lock; the file is written after it is dropped, once for each change.
-#include "retain.h"
-
 #include "../base/clock.h"
 #include "../log/log.h"
-#include "../persist/persist.h"
+#include "../persist/persist.hpp"
 #include "sub_internal.h"
-
-using namespace tarn;
-using namespace tarn::sub;
 
 namespace tarn::sub {
 namespace {
@@ -53,8 +48,6 @@ struct Message {
     uint32_t         qos;
 };
 
-enum class Stored { Added, Updated, Deleted, Nothing, Full };
-
 void fill(retain_msg_t &entry, const Message &message) noexcept
 {
     memcpy(entry.payload, message.payload, message.size);
@@ -89,33 +82,45 @@ Stored store(sub_mgr_t &manager, const Message &message) noexcept REQUIRES(manag
     fill(entry, message);
     entry.expiry_interval = 0;
     poke(manager.retain_count, count + 1);
-    return Stored::Added;
+    return Stored::New;
 }
 
 // Saves and reports what store() did.
-int finish(Stored stored, const char *topic) noexcept
+void finish(Stored stored, const char *topic) noexcept
 {
     switch (stored) {
     case Stored::Nothing:
+    case Stored::NoTopic:
         break;
     case Stored::Full:
         LOG_ERROR("保留消息数量超限（max=%d）", RETAIN_CAPACITY);
-        return -4;
-    case Stored::Added:
-        persist_retain_save();
+        break;
+    case Stored::New:
+        persist::save_retained();
         LOG_INFO("MQTT标准：新增Topic=%s的保留消息", topic);
         break;
     case Stored::Updated:
-        persist_retain_save();
+        persist::save_retained();
         LOG_INFO("MQTT标准：更新Topic=%s的保留消息", topic);
         break;
     case Stored::Deleted:
         LOG_DEBUG("[DEBUG] retain_msg_set：空Payload，删除旧保留消息（topic=%s）", topic);
-        persist_retain_save();
+        persist::save_retained();
         LOG_INFO("MQTT标准：删除Topic=%s的保留消息（空Payload）", topic);
         break;
     }
-    return 0;
+}
+
+// Gives the topic's message this interval, if there is one.
+void set_expiry(const char *topic, uint32_t expiry_s) noexcept
+{
+    {
+        ScopedLock    lock(g_sub_mgr.lock);
+        const int32_t found = find(g_sub_mgr, cut(topic, kTopicChars));
+        if (found >= 0)
+            g_sub_mgr.retains[found].expiry_interval = expiry_s;
+    }
+    persist::save_retained();
 }
 
 // Takes out the first entry whose life has ended and copies its topic. False if there is none.
@@ -132,53 +137,50 @@ bool discard_one(sub_mgr_t &manager, int64_t now_s, char (&topic)[kTopicChars + 
 }
 
 } // namespace
-} // namespace tarn::sub
 
-extern "C" int retain_msg_set(const char *topic, const uint8_t *payload, uint32_t payload_len, uint32_t qos)
+bool begins_retain(const char *topic, size_t payload_len, uint32_t qos) noexcept
 {
-    LOG_DEBUG("[DEBUG] retain_msg_set：开始处理（topic=%s, payload_len=%u, qos=%d）", or_null(topic), payload_len, qos);
-    if (!has_text(topic)) {
-        LOG_ERROR("[DEBUG] retain_msg_set：无效Topic（空指针/空字符串）");
-        return -1;
-    }
-    if (!payload && payload_len)
-        return -1;
-    retain_clean_expired(); // makes room
+    LOG_DEBUG("[DEBUG] retain_msg_set：开始处理（topic=%s, payload_len=%u, qos=%d）", or_null(topic),
+              static_cast<uint32_t>(payload_len), qos);
+    if (has_text(topic))
+        return true;
+    LOG_ERROR("[DEBUG] retain_msg_set：无效Topic（空指针/空字符串）");
+    return false;
+}
 
-    const Message message = {cut(topic, kTopicChars), payload, std::min<uint32_t>(payload_len, CODEC_PAYLOAD_MAX), qos};
+Stored retain(const RetainedMessage &message) noexcept
+{
+    if (!begins_retain(message.topic, message.payload.size(), message.qos))
+        return Stored::NoTopic;
+    discard_expired_retained(); // makes room
+
+    const auto    size = static_cast<uint32_t>(std::min<size_t>(message.payload.size(), CODEC_PAYLOAD_MAX));
+    const Message kept = {cut(message.topic, kTopicChars), message.payload.data(), size, message.qos};
     Stored        stored;
     {
         ScopedLock lock(g_sub_mgr.lock);
         LOG_DEBUG("[TRACE] retain_msg_set：已加锁，当前保留消息数量=%d", g_sub_mgr.retain_count);
-        stored = store(g_sub_mgr, message);
+        stored = store(g_sub_mgr, kept);
     }
-    return finish(stored, topic);
+    finish(stored, message.topic);
+    if (message.expiry_s != 0 && stored != Stored::Full)
+        set_expiry(message.topic, message.expiry_s);
+    return stored;
 }
 
-extern "C" int retain_msg_set_with_expiry(const char *topic, const uint8_t *payload, uint32_t payload_len, uint32_t qos,
-                                          uint32_t expiry_interval)
+bool begins_get(const char *topic, const retain_msg_t *out) noexcept
 {
-    const int result = retain_msg_set(topic, payload, payload_len, qos);
-    if (result != 0 || expiry_interval == 0)
-        return result;
-    {
-        ScopedLock    lock(g_sub_mgr.lock);
-        const int32_t found = find(g_sub_mgr, cut(topic, kTopicChars));
-        if (found >= 0)
-            g_sub_mgr.retains[found].expiry_interval = expiry_interval;
-    }
-    persist_retain_save();
-    return 0;
+    LOG_DEBUG("[DEBUG] retain_msg_get：开始查询（topic=%s, msg_ptr=%p）", or_null(topic),
+              static_cast<const void *>(out));
+    if (topic && out)
+        return true;
+    LOG_ERROR("[DEBUG] retain_msg_get：入参无效（topic=%p, msg=%p）", static_cast<const void *>(topic),
+              static_cast<const void *>(out));
+    return false;
 }
 
-extern "C" int retain_msg_get(const char *topic, retain_msg_t *out)
+bool copy_retained(const char *topic, retain_msg_t &out) noexcept
 {
-    LOG_DEBUG("[DEBUG] retain_msg_get：开始查询（topic=%s, msg_ptr=%p）", or_null(topic), static_cast<void *>(out));
-    if (!topic || !out) {
-        LOG_ERROR("[DEBUG] retain_msg_get：入参无效（topic=%p, msg=%p）", static_cast<const void *>(topic),
-                  static_cast<void *>(out));
-        return -1;
-    }
     bool found = false;
     {
         const std::string_view wanted = cut(topic, kTopicChars);
@@ -189,24 +191,30 @@ extern "C" int retain_msg_get(const char *topic, retain_msg_t *out)
             LOG_DEBUG("[TRACE] retain_msg_get：检查保留消息（索引=%d, topic=%s）", i, entry.topic);
             found = has_topic(entry, wanted);
             if (found)
-                *out = entry;
+                out = entry;
         }
     }
     if (!found) {
         LOG_DEBUG("[DEBUG] retain_msg_get：未找到保留消息（topic=%s）", topic);
-        return -5;
+        return false;
     }
-    LOG_DEBUG("[DEBUG] retain_msg_get：找到保留消息（topic=%s, payload_len=%u）", topic, out->payload_len);
-    return 0;
+    LOG_DEBUG("[DEBUG] retain_msg_get：找到保留消息（topic=%s, payload_len=%u）", topic, out.payload_len);
+    return true;
 }
 
-extern "C" int retain_msg_delete(const char *topic)
+bool begins_delete(const char *topic) noexcept
 {
     LOG_DEBUG("[DEBUG] retain_msg_delete：开始删除（topic=%s）", or_null(topic));
-    if (!topic) {
-        LOG_ERROR("[DEBUG] retain_msg_delete：入参无效（topic=%p）", static_cast<const void *>(topic));
-        return -1;
-    }
+    if (topic)
+        return true;
+    LOG_ERROR("[DEBUG] retain_msg_delete：入参无效（topic=%p）", static_cast<const void *>(topic));
+    return false;
+}
+
+bool delete_retained(const char *topic) noexcept
+{
+    if (!begins_delete(topic))
+        return false;
     int32_t left = -1; // after the removal
     {
         const std::string_view wanted = cut(topic, kTopicChars);
@@ -222,15 +230,15 @@ extern "C" int retain_msg_delete(const char *topic)
     }
     if (left < 0) {
         LOG_DEBUG("[DEBUG] retain_msg_delete：未找到保留消息（topic=%s）", topic);
-        return -5;
+        return false;
     }
     LOG_DEBUG("[DEBUG] retain_msg_delete：删除保留消息成功（topic=%s, 剩余数量=%d）", topic, left);
-    persist_retain_save();
-    return 0;
+    persist::save_retained();
+    return true;
 }
 
 // One entry at a time, since the file is to be saved after each, and the save may need the lock itself.
-extern "C" void retain_clean_expired(void)
+void discard_expired_retained() noexcept
 {
     const int64_t now_s = wall_s();
     char          topic[kTopicChars + 1];
@@ -241,17 +249,15 @@ extern "C" void retain_clean_expired(void)
                 return;
         }
         LOG_INFO("保留消息已过期，自动清理: topic=%s", topic);
-        persist_retain_save();
+        persist::save_retained();
     }
 }
 
-extern "C" int retain_fill_topic_list(char *buf, int32_t size)
+int32_t list_retained_topics(char *buf, int32_t size) noexcept
 {
-    if (!buf || size <= 0)
-        return -1;
     const auto room   = static_cast<size_t>(size);
     size_t     used   = 0;
-    int        topics = 0;
+    int32_t    topics = 0;
     ScopedLock lock(g_sub_mgr.lock);
     for (int32_t i = 0; i < retained_in(g_sub_mgr); ++i) {
         const std::string_view topic = text_of(g_sub_mgr.retains[i].topic);
@@ -265,3 +271,5 @@ extern "C" int retain_fill_topic_list(char *buf, int32_t size)
     buf[used] = '\0';
     return topics;
 }
+
+} // namespace tarn::sub

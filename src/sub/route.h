@@ -1,5 +1,5 @@
-// route.h - the matches of one topic as routing needs them: who, at which QoS, in which shared group. The exported
-// sub_match copies whole 2 KB entries; this copies only what a delivery looks at.
+// route.h - the matches of one topic as routing needs them: who, at which QoS, in which shared group. Copying
+// whole entries, of 2 KB, is for hosts; this copies only what a delivery looks at.
 #ifndef TARN_SUB_ROUTE_H
 #define TARN_SUB_ROUTE_H
 
@@ -13,7 +13,6 @@ namespace tarn::sub {
 struct Route {
     char     client_id[CODEC_CLIENT_ID_MAX + 1];
     uint8_t  shared;        // the filter begins with "$share/"
-    uint8_t  selected;      // chosen member of its group
     uint8_t  qos;           // granted
     uint8_t  clean_session; // of the subscriber, when it subscribed
     uint16_t group_size;    // characters of the group name at `group`

@@ -4,7 +4,7 @@
 
 #include "../base/relaxed.h"
 #include "../base/text.h"
-#include "sub.h"
+#include "sub.hpp"
 
 #include <algorithm>
 #include <string_view>
@@ -20,7 +20,7 @@ struct FilterVerdict {
     int         at; // index of the character at fault
 };
 
-// Judges without a word; mqtt_filter_is_valid is the same aloud.
+// Judges without a word; is_valid_filter is the same aloud.
 [[nodiscard]] FilterVerdict judge_filter(std::string_view filter) noexcept;
 
 constexpr std::string_view kSharePrefix = "$share/";
@@ -68,6 +68,17 @@ inline void fetch_ahead(const char *text) noexcept
 {
     return manager.retains ? std::clamp<int32_t>(manager.retain_count, 0, RETAIN_CAPACITY) : 0;
 }
+
+// ---- the first line of a call
+
+// Each says that its call begins, and false when it cannot go on, for want of a text, which it says too. A pointer may
+// be null: the lines tell.
+[[nodiscard]] bool begins_add(const char *client_id, const char *filter, uint32_t qos, uint8_t clean_session) noexcept;
+[[nodiscard]] bool begins_remove(const char *client_id, const char *filter) noexcept; // null filter = all
+[[nodiscard]] bool begins_count(const char *client_id) noexcept;
+[[nodiscard]] bool begins_retain(const char *topic, size_t payload_len, uint32_t qos) noexcept;
+[[nodiscard]] bool begins_get(const char *topic, const retain_msg_t *out) noexcept;
+[[nodiscard]] bool begins_delete(const char *topic) noexcept;
 
 } // namespace tarn::sub
 

@@ -208,11 +208,6 @@ void candidates_for(const sub_mgr_t &, std::string_view topic, EntrySet &found) 
             add_all(shape_key(g_index.shapes[i], levels));
 }
 
-int32_t shapes_in_use(const sub_mgr_t &) noexcept
-{
-    return g_index.shape_count;
-}
-
 void index_appended(const sub_mgr_t &) noexcept
 {
     const int32_t place = g_index.count++;

@@ -72,9 +72,6 @@ void check_index(const sub_mgr_t &manager, Trust trust) noexcept REQUIRES(manage
 // has to complain.
 void candidates_for(const sub_mgr_t &manager, std::string_view topic, EntrySet &found) noexcept REQUIRES(manager.lock);
 
-// Shapes of filters with '+' that a topic is looked up for. None is left behind by filters that are gone.
-[[nodiscard]] int32_t shapes_in_use(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock);
-
 // To be told after the table changed: one entry was appended, or these were taken out and the rest moved up.
 void index_appended(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock);
 void index_removed(const sub_mgr_t &manager, const EntrySet &removed) noexcept REQUIRES(manager.lock);

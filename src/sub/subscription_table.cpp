@@ -5,11 +5,7 @@
 // the few entries to look at; what is returned, written and logged is the same.
 #include "../base/thread.h"
 #include "../log/log.h"
-#include "route.h"
 #include "subscription_index.h"
-
-using namespace tarn;
-using namespace tarn::sub;
 
 namespace tarn::sub {
 namespace {
@@ -52,7 +48,7 @@ struct Subscription {
 };
 
 struct Outcome {
-    enum { Added, Updated, Full } what;
+    Added    what; // New, Updated or Full
     uint32_t old_qos;
     int32_t  count; // entries afterwards
 };
@@ -97,31 +93,33 @@ Outcome upsert(sub_mgr_t &manager, const Subscription &wanted, bool aloud) noexc
         entry.clean_session    = wanted.clean_session;
         if (wanted.identifier)
             entry.sub_identifier = wanted.identifier;
-        return {Outcome::Updated, old_qos, count};
+        return {Added::Updated, old_qos, count};
     }
     if (!manager.subs || count >= SUB_CAPACITY)
-        return {Outcome::Full, 0, count};
+        return {Added::Full, 0, count};
     append(manager, wanted);
-    return {Outcome::Added, 0, count + 1};
+    return {Added::New, 0, count + 1};
 }
 
 void report(const Outcome &outcome, const char *client_id, const char *filter, uint32_t qos, uint8_t clean) noexcept
 {
     switch (outcome.what) {
-    case Outcome::Updated:
+    case Added::Updated:
         LOG_DEBUG(
             "[DEBUG] sub_add：发现重复订阅，更新QoS和CleanSession（client_id=%s, topic_filter=%s, 旧QoS=%d, 新QoS=%d）",
             client_id, filter, outcome.old_qos, qos);
         LOG_INFO("MQTT标准：更新订阅：ClientID=%s, Topic=%s, QoS=%d", client_id, filter, qos);
         break;
-    case Outcome::Full:
+    case Added::Full:
         LOG_ERROR("[DEBUG] sub_add：订阅数量超限（当前=%d, 最大=%d）", outcome.count, SUB_CAPACITY);
         LOG_ERROR("订阅数量超限（max=%d）", SUB_CAPACITY);
         break;
-    case Outcome::Added:
+    case Added::New:
         LOG_DEBUG("[DEBUG] sub_add：新增订阅成功（client_id=%s, topic_filter=%s, 总数=%d）", client_id, filter,
                   outcome.count);
         LOG_INFO("MQTT标准：新增订阅：ClientID=%s, Topic=%s, QoS=%d, CleanSession=%d", client_id, filter, qos, clean);
+        break;
+    default:
         break;
     }
 }
@@ -171,6 +169,32 @@ int32_t take_out(sub_mgr_t &manager, const EntrySet &going) noexcept REQUIRES(ma
     return kept;
 }
 
+// What lines call the filter of a removal of all.
+const char *or_all(const char *filter) noexcept
+{
+    return filter ? filter : "所有";
+}
+
+// `only` is the filter, cut; both are null for all of the client's.
+int32_t remove_where(const char *client_id, const char *filter, const std::string_view *only) noexcept
+{
+    if (!begins_remove(client_id, filter))
+        return 0;
+    int32_t removed = 0;
+    int32_t left    = 0;
+    {
+        ScopedLock lock(g_sub_mgr.lock);
+        LOG_DEBUG("[TRACE] sub_remove：已加锁，当前订阅数=%d", g_sub_mgr.sub_count);
+        EntrySet going;
+        mark(g_sub_mgr, cut(client_id, kClientIdChars), only, going);
+        removed = going.count();
+        left    = take_out(g_sub_mgr, going);
+    }
+    LOG_DEBUG("[DEBUG] sub_remove：移除订阅完成（client_id=%s, 移除数量=%d, 剩余订阅数=%d）", client_id, removed, left);
+    LOG_INFO("MQTT标准：移除订阅：ClientID=%s, Topic=%s, 移除数量=%d", client_id, or_all(filter), removed);
+    return removed;
+}
+
 // ---- matching
 
 // Hands the matching entries to `take` in table order, until it returns false. Returns how many it took.
@@ -182,7 +206,7 @@ int walk_matches(const sub_mgr_t &manager, const char *topic, Trust trust, Take 
         const sub_entry_t &entry = manager.subs[i];
         LOG_DEBUG("[TRACE] sub_match：检查订阅（索引=%d, client_id=%s, topic_filter=%s）", i, entry.client_id,
                   entry.topic_filter);
-        if (!topic_match_wildcard(entry.topic_filter, topic))
+        if (!matches(entry.topic_filter, topic))
             return true;
         const bool more = take(i, entry);
         ++taken;
@@ -271,103 +295,101 @@ int match_routes(const char *topic, RouteList &list) noexcept
     return stored ? found : -1;
 }
 
-} // namespace tarn::sub
+// ---- calls
+
+bool begins_add(const char *client_id, const char *filter, uint32_t qos, uint8_t clean_session) noexcept
+{
+    LOG_DEBUG("[DEBUG] sub_add：开始添加订阅（client_id=%s, topic_filter=%s, qos=%d, clean_session=%d）",
+              or_null(client_id), or_null(filter), qos, clean_session);
+    if (has_text(client_id) && has_text(filter))
+        return true;
+    LOG_ERROR("[DEBUG] sub_add：无效的订阅参数（client_id=%s, topic_filter=%s）", or_null(client_id), or_null(filter));
+    return false;
+}
 
 // QUIRK(subscription-update): subscribing again keeps the subscription identifier of before when none is given,
 // although the new subscription should replace the old one whole [MQTT-3.8.4-3].
 //   test: adding_with_id.identifier_survives_an_update_without_one
-extern "C" int sub_add(const char *client_id, const char *topic_filter, uint32_t qos, uint8_t clean_session)
+Added add(const char *client_id, const char *filter, uint32_t qos, uint8_t clean_session) noexcept
 {
-    LOG_DEBUG("[DEBUG] sub_add：开始添加订阅（client_id=%s, topic_filter=%s, qos=%d, clean_session=%d）",
-              or_null(client_id), or_null(topic_filter), qos, clean_session);
-    if (!has_text(client_id) || !has_text(topic_filter)) {
-        LOG_ERROR("[DEBUG] sub_add：无效的订阅参数（client_id=%s, topic_filter=%s）", or_null(client_id),
-                  or_null(topic_filter));
-        return -1;
-    }
+    if (!begins_add(client_id, filter, qos, clean_session))
+        return Added::NoText;
     if (qos > 2) {
         LOG_ERROR("[DEBUG] sub_add：无效的QoS=%d（仅支持0/1/2）", qos);
-        return -1;
+        return Added::BadQos;
     }
-    if (!mqtt_filter_is_valid(topic_filter)) {
-        LOG_ERROR("[DEBUG] sub_add：非法过滤器拒绝订阅（client_id=%s, filter=%s）", client_id, topic_filter);
-        return -1;
+    if (!is_valid_filter(filter)) {
+        LOG_ERROR("[DEBUG] sub_add：非法过滤器拒绝订阅（client_id=%s, filter=%s）", client_id, filter);
+        return Added::BadFilter;
     }
 
-    const Subscription wanted = {cut(client_id, kClientIdChars), cut(topic_filter, kFilterChars), qos, clean_session,
-                                 0};
+    const Subscription wanted = {cut(client_id, kClientIdChars), cut(filter, kFilterChars), qos, clean_session, 0};
     Outcome            outcome;
     {
         ScopedLock lock(g_sub_mgr.lock);
         LOG_DEBUG("[TRACE] sub_add：已加锁，当前订阅数=%d，最大容量=%d", g_sub_mgr.sub_count, SUB_CAPACITY);
         outcome = upsert(g_sub_mgr, wanted, log_passes(AGENT_LOG_DEBUG));
     }
-    report(outcome, client_id, topic_filter, qos, clean_session);
-    return outcome.what == Outcome::Full ? -4 : 0;
+    report(outcome, client_id, filter, qos, clean_session);
+    return outcome.what;
 }
 
-extern "C" int sub_add_with_id(const char *client_id, const char *topic_filter, uint32_t qos, uint8_t clean_session,
-                               uint32_t sub_identifier)
+Added add_with_id(const char *client_id, const char *filter, uint32_t qos, uint8_t clean_session,
+                  uint32_t identifier) noexcept
 {
-    if (sub_identifier == 0)
-        return sub_add(client_id, topic_filter, qos, clean_session);
-    if (!client_id || !topic_filter || qos > 2)
-        return -1;
-    if (!mqtt_filter_is_valid(topic_filter)) {
-        LOG_ERROR("[DEBUG] sub_add_with_id：非法过滤器拒绝订阅（client_id=%s, filter=%s）", client_id, topic_filter);
-        return -1;
+    if (qos > 2)
+        return Added::BadQos;
+    if (!is_valid_filter(filter)) {
+        LOG_ERROR("[DEBUG] sub_add_with_id：非法过滤器拒绝订阅（client_id=%s, filter=%s）", client_id, filter);
+        return Added::BadFilter;
     }
 
-    const Subscription wanted = {cut(client_id, kClientIdChars), cut(topic_filter, kFilterChars), qos, clean_session,
-                                 sub_identifier};
+    const Subscription wanted = {cut(client_id, kClientIdChars), cut(filter, kFilterChars), qos, clean_session,
+                                 identifier};
     ScopedLock         lock(g_sub_mgr.lock);
-    return upsert(g_sub_mgr, wanted, false).what == Outcome::Full ? -4 : 0;
+    return upsert(g_sub_mgr, wanted, false).what;
 }
 
-extern "C" int sub_remove(const char *client_id, const char *topic_filter)
+bool begins_remove(const char *client_id, const char *filter) noexcept
 {
-    const char *const shown = topic_filter ? topic_filter : "所有";
-    LOG_DEBUG("[DEBUG] sub_remove：开始移除订阅（client_id=%s, topic_filter=%s）", or_null(client_id), shown);
-    if (!has_text(client_id)) {
-        LOG_ERROR("[DEBUG] sub_remove：无效的ClientID（空指针/空字符串）");
-        return -1;
-    }
-
-    const std::string_view  id      = cut(client_id, kClientIdChars);
-    const std::string_view  filter  = topic_filter ? cut(topic_filter, kFilterChars) : std::string_view();
-    const std::string_view *only    = topic_filter ? &filter : nullptr;
-    int32_t                 removed = 0;
-    int32_t                 left    = 0;
-    {
-        ScopedLock lock(g_sub_mgr.lock);
-        LOG_DEBUG("[TRACE] sub_remove：已加锁，当前订阅数=%d", g_sub_mgr.sub_count);
-        EntrySet going;
-        mark(g_sub_mgr, id, only, going);
-        removed = going.count();
-        left    = take_out(g_sub_mgr, going);
-    }
-    LOG_DEBUG("[DEBUG] sub_remove：移除订阅完成（client_id=%s, 移除数量=%d, 剩余订阅数=%d）", client_id, removed, left);
-    LOG_INFO("MQTT标准：移除订阅：ClientID=%s, Topic=%s, 移除数量=%d", client_id, shown, removed);
-    return removed;
+    LOG_DEBUG("[DEBUG] sub_remove：开始移除订阅（client_id=%s, topic_filter=%s）", or_null(client_id), or_all(filter));
+    if (has_text(client_id))
+        return true;
+    LOG_ERROR("[DEBUG] sub_remove：无效的ClientID（空指针/空字符串）");
+    return false;
 }
 
-extern "C" int sub_match(const char *topic, sub_entry_t *matched, int32_t max_matched)
+int32_t remove(const char *client_id, const char *filter) noexcept
+{
+    const std::string_view only = cut(filter, kFilterChars);
+    return remove_where(client_id, filter, &only);
+}
+
+int32_t remove_all_of(const char *client_id) noexcept
+{
+    return remove_where(client_id, nullptr, nullptr);
+}
+
+int copy_matches(const char *topic, sub_entry_t *matched, int32_t room) noexcept
 {
     int32_t next = 0;
-    return match(topic, matched, max_matched, Trust::Sure, [&](int32_t, const sub_entry_t &entry) {
+    return match(topic, matched, room, Trust::Sure, [&](int32_t, const sub_entry_t &entry) {
         matched[next++] = entry;
-        return next < max_matched;
+        return next < room;
     });
 }
 
-extern "C" int sub_get_client_sub_count(const char *client_id)
+bool begins_count(const char *client_id) noexcept
 {
     LOG_DEBUG("[DEBUG] sub_get_client_sub_count：开始统计（client_id=%s）", or_null(client_id));
-    if (!has_text(client_id)) {
-        LOG_ERROR("[DEBUG] sub_get_client_sub_count：无效的ClientID（空指针/空字符串）");
-        return -1;
-    }
+    if (has_text(client_id))
+        return true;
+    LOG_ERROR("[DEBUG] sub_get_client_sub_count：无效的ClientID（空指针/空字符串）");
+    return false;
+}
 
+int32_t count_of(const char *client_id) noexcept
+{
     const std::string_view id    = cut(client_id, kClientIdChars);
     int32_t                count = 0;
     {
@@ -387,16 +409,16 @@ extern "C" int sub_get_client_sub_count(const char *client_id)
     return count;
 }
 
-extern "C" int sub_find_by_identifier(uint32_t sub_identifier, sub_entry_t *out)
+bool find_by_identifier(uint32_t identifier, sub_entry_t &out) noexcept
 {
-    if (sub_identifier == 0 || !out)
-        return -1;
     ScopedLock lock(g_sub_mgr.lock);
     for (int32_t i = 0; i < entries_in(g_sub_mgr); ++i) {
-        if (g_sub_mgr.subs[i].sub_identifier == sub_identifier) {
-            *out = g_sub_mgr.subs[i];
-            return 0;
+        if (g_sub_mgr.subs[i].sub_identifier == identifier) {
+            out = g_sub_mgr.subs[i];
+            return true;
         }
     }
-    return -1;
+    return false;
 }
+
+} // namespace tarn::sub

@@ -98,21 +98,17 @@ void trace(const char *filter, const char *topic, const Walk &w) noexcept
 }
 
 } // namespace
-} // namespace tarn::sub
 
-using namespace tarn;
-using namespace tarn::sub;
-
-extern "C" int topic_match_wildcard(const char *filter, const char *topic)
+bool matches(const char *filter, const char *topic) noexcept
 {
-    if (!filter || !topic)
-        return 0;
     filter = compared_part(filter).data();
-    if (!mqtt_filter_is_valid(filter))
-        return 0;
+    if (!is_valid_filter(filter))
+        return false;
 
     const Walk w = walk(filter, topic);
     if (log_passes(AGENT_LOG_DEBUG))
         trace(filter, topic, w);
     return w.match;
 }
+
+} // namespace tarn::sub

@@ -61,6 +61,67 @@ class CheckLayers(unittest.TestCase):
             ["src/client/client.h:1: a header for other modules takes only types of net/, not net/netip.h"],
         )
 
+    def test_a_face_and_what_it_includes_of_its_module(self):
+        face = {"src/sub/sub.hpp": '#include "route.h"\n', "src/sub/route.h": "", "src/sub/sub_internal.h": ""}
+        lines = '#include "../sub/sub.hpp"\n#include "../sub/route.h"\n'
+        self.assertEqual(self.faults({**face, "src/handler/a.cpp": lines}), [])
+        self.assertEqual(
+            self.faults({**face, "src/sub/sub.hpp": "", "src/handler/a.cpp": lines}),
+            ["src/handler/a.cpp:2: sub/route.h is private to sub/"],
+        )
+
+    def test_a_face_takes_types_only(self):
+        files = {"src/client/client.h": "", "src/qos/qos.hpp": '#include "../client/client.h"\n'}
+        self.assertEqual(
+            self.faults(files),
+            ["src/qos/qos.hpp:1: a header for other modules takes only types of client/, not client/client.h"],
+        )
+
+    def calls(self, files):
+        """Of a sub/ whose header and shell have sub_add."""
+        header = "/* as sub_add( */\nint  sub_add(const char *id,\n    int qos);\nTARN_LAYOUT_SIZE(int, 4);\n"
+        return self.faults(
+            {
+                "cmake/install.cmake": "set(TARN_MODULE_HEADERS\n  client/client.h sub/sub.h)\n",
+                "src/sub/sub.h": header,
+                "src/sub/sub_c.cpp": "int sub_add(const char *id, int qos)\n{\n    return 0;\n}\n",
+                **files,
+            }
+        )
+
+    def test_an_exported_function_called_by_another_module(self):
+        self.assertEqual(
+            self.calls({"src/handler/a.cpp": "void f()\n{\n    (void)sub_add(id, 1);\n}\n"}),
+            ["src/handler/a.cpp:3: sub_add is for hosts; the library has sub/sub.hpp"],
+        )
+
+    def test_an_exported_function_passed_on_or_called_by_its_own_module(self):
+        self.assertEqual(
+            self.calls({"src/api/a.cpp": "each(sub_add);\n", "src/sub/table.cpp": "/* one\n*/ sub_add(id, 1);\n"}),
+            [
+                "src/api/a.cpp:1: sub_add is for hosts; the library has sub/sub.hpp",
+                "src/sub/table.cpp:2: sub_add is for hosts; the library has sub/sub.hpp",
+            ],
+        )
+
+    def test_the_face_and_log_lines_and_comments_may_have_its_name(self):
+        lines = 'sub::add(id, 1); // not sub_add(\nLOG_DEBUG("sub_add(\\"%s\\")", id);\nsub_add_all(id);\n'
+        self.assertEqual(self.calls({"src/handler/a.cpp": lines}), [])
+
+    def test_an_exported_function_of_a_module_without_a_face(self):
+        self.assertEqual(
+            self.calls({"src/client/client.h": "int client_send(int c);\n", "src/handler/a.cpp": "client_send(c);\n"}),
+            [],
+        )
+
+    def test_a_call_that_still_takes_a_hosts_way(self):
+        for file, name in check_layers.CALLS_AS_HOSTS:
+            listed = "set(TARN_MODULE_HEADERS\n  qos/q.h)\n"
+            files = {"cmake/install.cmake": listed, "src/qos/q.h": f"int {name}(int);\n"}
+            self.assertEqual(self.faults({**files, f"src/{file}": f"{name}(c);\n"}), [])
+            gone = f"tools/check_layers.py: {file} does not use {name} any more"
+            self.assertIn(gone, Project({**files, f"src/{file}": ""}).run("check_layers.py")[1])
+
     def test_everybody_may_use_base(self):
         self.assertEqual(
             self.faults({"src/base/clock.h": "", "src/net/netip.h": '#include "../base/clock.h"\n'}), []

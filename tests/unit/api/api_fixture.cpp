@@ -172,8 +172,8 @@ void     __real_mqtt_stats_reset_period(void);
 int      __real_packet_handler_init(void);
 int      __real_packet_handler_broker_publish(const char *, const uint8_t *, int, uint8_t, uint8_t, uint32_t);
 void     __real_packet_handler_send_disconnect(mqtt_client_t *, uint8_t);
-int      __real_persist_init(const char *);
-int      __real_persist_destroy(void);
+void     __real__ZN4tarn7persist4initEPKc(const char *);
+void     __real__ZN4tarn7persist7destroyEv(void);
 uint32_t __real_client_mgr_init(int32_t);
 void     __real_client_mgr_deinit(void);
 uint32_t __real_client_clean_timeout(uint32_t);
@@ -181,8 +181,8 @@ void     __real_client_will_delay_scan(void);
 int32_t  __real_client_fill_id_list(char *, int32_t);
 uint32_t __real_netip_init(netip_event_cb_t, void *, int32_t);
 void     __real_netip_deinit(void);
-void     __real_retain_clean_expired(void);
-int      __real_retain_fill_topic_list(char *, int32_t);
+void     __real__ZN4tarn3sub24discard_expired_retainedEv(void);
+int32_t  __real__ZN4tarn3sub20list_retained_topicsEPci(char *, int32_t);
 int      __real_usleep(useconds_t);
 
 void __wrap_agent_log(uint32_t level, const char *format, ...)
@@ -250,15 +250,15 @@ void __wrap_packet_handler_send_disconnect(mqtt_client_t *client, uint8_t reason
     if (g_modules.on_disconnect_sent)
         g_modules.on_disconnect_sent(*client);
 }
-int __wrap_persist_init(const char *path)
+void __wrap__ZN4tarn7persist4initEPKc(const char *path)
 {
     note_call("persist_init " + std::string(path));
-    return __real_persist_init(path);
+    __real__ZN4tarn7persist4initEPKc(path);
 }
-int __wrap_persist_destroy(void)
+void __wrap__ZN4tarn7persist7destroyEv(void)
 {
     note_call("persist_destroy");
-    return __real_persist_destroy();
+    __real__ZN4tarn7persist7destroyEv();
 }
 uint32_t __wrap_client_mgr_init(int32_t max_clients)
 {
@@ -295,14 +295,14 @@ void __wrap_netip_deinit(void)
     note_call("netip_deinit");
     __real_netip_deinit();
 }
-void __wrap_retain_clean_expired(void)
+void __wrap__ZN4tarn3sub24discard_expired_retainedEv(void)
 {
     note_call("retain_clean_expired");
-    __real_retain_clean_expired();
+    __real__ZN4tarn3sub24discard_expired_retainedEv();
 }
-int __wrap_retain_fill_topic_list(char *buf, int32_t size)
+int32_t __wrap__ZN4tarn3sub20list_retained_topicsEPci(char *buf, int32_t size)
 {
-    return g_modules.list ? g_modules.list() : __real_retain_fill_topic_list(buf, size);
+    return g_modules.list ? g_modules.list() : __real__ZN4tarn3sub20list_retained_topicsEPci(buf, size);
 }
 
 // Housekeeping threads are known by their pause, which only they make so.

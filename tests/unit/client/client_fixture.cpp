@@ -276,9 +276,9 @@ using namespace tarn::test;
 
 // The manager's calls to other modules arrive here (see CMakeLists.txt).
 extern "C" {
-int   __real_qos_reliable_init(void);
-void  __real_qos_reliable_destroy(void);
-void  __real_qos_reliable_clean_client_packets(mqtt_client_t *client);
+bool  __real__ZN4tarn3qos4initEv(void);
+void  __real__ZN4tarn3qos7destroyEv(void);
+void  __real__ZN4tarn3qos18drop_deliveries_ofER13mqtt_client_t(mqtt_client_t &client);
 void *__real_mmap(void *, size_t, int, int, int, off_t);
 int   __real_mprotect(void *, size_t, int);
 
@@ -316,40 +316,40 @@ void __wrap_packet_handler_remove_client_subs(const char *client_id, uint8_t cle
         g_calls.on_remove_subs();
 }
 
-void __wrap_persist_mark(persist_session_t *rec, uint8_t what)
+void __wrap__ZN4tarn7persist4saveER17persist_session_th(persist_session_t &rec, uint8_t what)
 {
-    note("persist_mark " + std::to_string(what) + " expiry " + std::to_string(rec->session_expiry_interval) +
-         " until " + std::to_string(rec->session_expiry_deadline));
+    note("persist_mark " + std::to_string(what) + " expiry " + std::to_string(rec.session_expiry_interval) + " until " +
+         std::to_string(rec.session_expiry_deadline));
     if (g_calls.on_mark)
         g_calls.on_mark();
 }
 
-int __wrap_persist_remove(const char *client_id)
+bool __wrap__ZN4tarn7persist14remove_sessionEPKc(const char *client_id)
 {
     note("persist_remove " + std::string(client_id));
-    return 0;
+    return true;
 }
 
-int __wrap_qos_reliable_init(void)
+bool __wrap__ZN4tarn3qos4initEv(void)
 {
     note("qos_reliable_init");
     if (g_calls.qos_fails || g_calls.qos_stands_in)
-        return g_calls.qos_fails ? -1 : 0;
-    return __real_qos_reliable_init();
+        return !g_calls.qos_fails;
+    return __real__ZN4tarn3qos4initEv();
 }
 
-void __wrap_qos_reliable_destroy(void)
+void __wrap__ZN4tarn3qos7destroyEv(void)
 {
     note("qos_reliable_destroy");
-    __real_qos_reliable_destroy();
+    __real__ZN4tarn3qos7destroyEv();
 }
 
-void __wrap_qos_reliable_clean_client_packets(mqtt_client_t *client)
+void __wrap__ZN4tarn3qos18drop_deliveries_ofER13mqtt_client_t(mqtt_client_t &client)
 {
-    note("qos_reliable_clean_client_packets " + id_text(client));
+    note("qos_reliable_clean_client_packets " + id_text(&client));
     if (g_calls.on_clean)
-        g_calls.on_clean(*client);
-    __real_qos_reliable_clean_client_packets(client);
+        g_calls.on_clean(client);
+    __real__ZN4tarn3qos18drop_deliveries_ofER13mqtt_client_t(client);
 }
 
 void *__wrap_mmap(void *at, size_t bytes, int protection, int flags, int fd, off_t offset)

@@ -287,6 +287,12 @@ TEST_F(removing, takes_out_nothing_where_nothing_fits)
     EXPECT_EQ(g_sub_mgr.sub_count, 1);
 }
 
+TEST_F(removing, takes_an_id_that_stands_in_the_table)
+{
+    ASSERT_EQ(sub_add("c1", "a", 0, 0), 0);
+    EXPECT_EQ(sub_remove(g_sub_mgr.subs[0].client_id, nullptr), 1);
+}
+
 TEST_F(removing, refuses_a_missing_id)
 {
     log.take();

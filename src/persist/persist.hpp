@@ -1,0 +1,30 @@
+// persist.hpp - what outlives the process, for the other modules of the library. Hosts have the same as persist.h:
+// persist_c.cpp turns away null pointers, calls this, and makes plain numbers of the results.
+//
+// A session that is read to be changed is a HeldSession (session_store.h): while there is one, nobody else writes its
+// client's files. No pointer may be null where nothing else is said.
+#ifndef TARN_PERSIST_PERSIST_HPP
+#define TARN_PERSIST_PERSIST_HPP
+
+#include "session_store.h"
+
+namespace tarn::persist {
+
+// Makes the directories and loads subscriptions and retained messages. Null or empty: the root stays as it is.
+void init(const char *root_path) noexcept;
+void destroy() noexcept;
+void flush() noexcept; // everything has been written by then
+
+// Writes those of the client's files that `what` names; nothing without an id or for a clean session. The caller holds
+// the record's lock, if others may write to it.
+void save(persist_session_t &record, uint8_t what) noexcept;
+// Deletes all files of the client's; false when memory for the paths ran out.
+bool remove_session(const char *client_id) noexcept;
+
+// The whole retained store. False when it cannot be written, and when there is no file to read.
+bool save_retained() noexcept;
+bool load_retained() noexcept;
+
+} // namespace tarn::persist
+
+#endif
