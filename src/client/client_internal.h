@@ -30,11 +30,17 @@ extern Mutex bucket_mx; // entries of by_cid, and the chains behind them
 // The DISCONNECT of the broker's that ends a connection; see end_with_disconnect().
 enum class LastPacket : uint8_t { None, Announced, Queued };
 
+// What stands beside the pins in Side::hold.
+enum Mark : uint32_t {
+    kClaimed  = 1u << 28, // one thread closes the client or settles its will
+    kParked   = 1u << 29, // waits for its delayed will and is counted in will_scan.cpp
+    kReleased = 1u << 30, // its life is over; the last unpin wipes the texts and frees the slot
+    kWiping   = 1u << 31, // nobody may pin
+};
+
 struct Side {
-    std::atomic<uint64_t> ctl;           // pins, RELEASED, WIPING, life number: see pins.cpp
+    std::atomic<uint32_t> hold;          // pins and marks: see pins.cpp
     std::atomic<uint32_t> generation;    // of the connection the record was made for, 0 = unknown
-    std::atomic<uint8_t>  closing;       // claimed for closing or for settling the will
-    std::atomic<uint8_t>  parked;        // waits for its delayed will and is counted in will_scan.cpp
     std::atomic<uint8_t>  listed;        // on its way to the send thread, or kept by it for another try
     std::atomic<uint8_t>  in_round;      // in the list of the running I/O round
     std::atomic<uint8_t>  round_blocked; // its socket took nothing in this round
@@ -62,9 +68,9 @@ Mutex &id_lock(const mqtt_client_t &client) noexcept;
 // The id as it stands in the record, also after release; id_of() shows a released record's as empty.
 client_id_text stored_id(const mqtt_client_t &client) noexcept;
 
-// Marks the record released and ends its life number; false when that has happened already. The caller holds a pin, so
-// that the texts go and the slot becomes free when it lets go at the earliest.
-[[nodiscard]] bool mark_released(mqtt_client_t &client) noexcept;
+// True for the one caller that set the mark, or took it away. A record outside the pool has none: true always.
+bool set_mark(const mqtt_client_t &client, Mark mark) noexcept;
+bool clear_mark(const mqtt_client_t &client, Mark mark) noexcept;
 // True when nobody holds or wipes the record: it may be given to a new client.
 [[nodiscard]] bool is_idle(int32_t index) noexcept;
 // Keeps everybody else from pinning, if nobody does now. wipe_done() lets them again.

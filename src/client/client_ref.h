@@ -28,8 +28,7 @@ public:
     mqtt_client_t &operator*() const noexcept { return *client_; }
 
 private:
-    friend client_ref adopt_pinned(mqtt_client_t *client) noexcept;
-    mqtt_client_t    *client_ = nullptr;
+    mqtt_client_t *client_ = nullptr;
 };
 
 // As client_find_by_handle and client_find_by_cid, found and pinned in one step under the table's lock.
@@ -45,9 +44,6 @@ client_ref next_client(int32_t &index) noexcept;
     const uint32_t state = peek(client.state);
     return state == CLIENT_CONNECTED || state == CLIENT_LOGINED;
 }
-
-// Counts the lives of a pool record: changes whenever the record is released. 0 for a record outside the pool.
-uint32_t incarnation_of(const mqtt_client_t *client) noexcept;
 
 // True from the moment a pool record is being released until it is used again: what others added for it would be lost
 // or reach its next owner. Never true for a record outside the pool.

@@ -239,7 +239,7 @@ bool release_record(mqtt_client_t &client) noexcept
         return false;
 
     const client_ref pin(&client);
-    if (!mark_released(client))
+    if (!set_mark(client, kReleased))
         return false;
     qos_reliable_clean_client_packets(&client); // after the mark: none can be added any more
 
@@ -326,7 +326,7 @@ void retire(mqtt_client_t &client)
     if (!has_traces(client))
         return;
     const client_ref pin(&client);
-    (void)mark_released(client);
+    (void)set_mark(client, kReleased);
     drop_deliveries(client);
     poke(client.state, CLIENT_CLOSED);
     poke(client.handle, NETIP_NO_HANDLE);

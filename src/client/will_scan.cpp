@@ -117,16 +117,14 @@ uint64_t next_look_ms(mqtt_client_t &client, uint64_t now_ms)
 
 void note_parked(mqtt_client_t &client, uint64_t due_at_ms) noexcept
 {
-    Side *const side = side_of(&client);
-    if (side && side->parked.exchange(1) == 0)
+    if (side_of(&client) && set_mark(client, kParked))
         g_parked.fetch_add(1);
     due_no_later_than(due_at_ms);
 }
 
 void note_unparked(mqtt_client_t &client) noexcept
 {
-    Side *const side = side_of(&client);
-    if (side && side->parked.exchange(0) != 0)
+    if (side_of(&client) && clear_mark(client, kParked))
         g_parked.fetch_sub(1);
 }
 
