@@ -3,9 +3,6 @@
 // One word a record says who holds it: the pins in bits 0 to 27, the marks above them. A mark has one winner.
 #include "client_internal.h"
 
-#include "../base/text.h"
-
-#include <cstring>
 #include <sched.h>
 
 namespace tarn::client {
@@ -13,9 +10,7 @@ namespace {
 
 constexpr uint32_t kPins = kClaimed - 1;
 
-constinit Side  g_sides[CLIENT_MAX]{};
-constinit Mutex g_outside_id_mx{}; // shared by all records outside the pool
-constinit Mutex g_outside_data_mx{};
+constinit Side g_sides[CLIENT_MAX]{};
 
 // A wipe is short and takes send_lock, will_lock and id_mx of its own record only. Nobody pins a record while holding
 // one of these of the same record, so waiting is safe with any other lock held.
@@ -42,13 +37,8 @@ void unpin(mqtt_client_t &client, Side &side) noexcept
         if ((seen & (kPins | kReleased | kWiping)) != kReleased)
             return; // pinned again: that one wipes, or has done it
     } while (!side.hold.compare_exchange_weak(seen, seen | kWiping, std::memory_order_acq_rel));
-    wipe_texts(client);
+    wipe(client);
     wipe_done(index_of(&client));
-}
-
-bool marked_released(const Side &side) noexcept
-{
-    return (side.hold.load(std::memory_order_acquire) & kReleased) != 0;
 }
 
 } // namespace
@@ -64,20 +54,6 @@ Side *side_of(const mqtt_client_t *client) noexcept
     return index == kOutside ? nullptr : &g_sides[index];
 }
 
-Mutex &id_lock(const mqtt_client_t &client) noexcept
-{
-    Side *const side = side_of(&client);
-    return side ? side->id_mx : g_outside_id_mx;
-}
-
-client_id_text stored_id(const mqtt_client_t &client) noexcept
-{
-    client_id_text id;
-    ScopedLock     lock(id_lock(client));
-    copy_text(id.text, client.client_id, sizeof id.text - 1);
-    return id; // cppcheck-suppress uninitvar ; copy_text wrote it
-}
-
 bool set_mark(const mqtt_client_t &client, Mark mark) noexcept
 {
     Side *const side = side_of(&client);
@@ -88,6 +64,12 @@ bool clear_mark(const mqtt_client_t &client, Mark mark) noexcept
 {
     Side *const side = side_of(&client);
     return !side || (side->hold.fetch_and(~uint32_t{mark}) & mark) != 0;
+}
+
+bool has_mark(const mqtt_client_t &client, Mark mark) noexcept
+{
+    const Side *const side = side_of(&client);
+    return side && (side->hold.load(std::memory_order_acquire) & mark) != 0;
 }
 
 bool is_idle(int32_t index) noexcept
@@ -109,19 +91,6 @@ bool try_begin_wipe(int32_t index) noexcept
 void wipe_done(int32_t index) noexcept
 {
     g_sides[index].hold.fetch_and(~uint32_t{kWiping | kReleased}, std::memory_order_release);
-}
-
-// Also what a thread with a pin may have stored after the release.
-void wipe_texts(mqtt_client_t &client) noexcept
-{
-    drop_ring(client);
-    {
-        ScopedLock lock(client.will_lock);
-        free_will_texts(client);
-    }
-    ScopedLock lock(id_lock(client));
-    memset(client.client_id, 0, sizeof client.client_id);
-    memset(client.ip, 0, sizeof client.ip);
 }
 
 } // namespace tarn::client
@@ -158,43 +127,7 @@ void client_ref::reset() noexcept
 bool is_released(const mqtt_client_t *client) noexcept
 {
     const Side *const side = client ? side_of(client) : nullptr;
-    return side && (client::marked_released(*side) || !peek(client->used));
-}
-
-// A released record shows no id, although its text stays until the last pin is gone.
-client_id_text id_of(mqtt_client_t &client) noexcept
-{
-    const Side *const side = side_of(&client);
-    if (side && !peek(client.used) && client::marked_released(*side))
-        return {};
-    return client::stored_id(client);
-}
-
-Mutex &session_lock(const mqtt_client_t &client) noexcept
-{
-    Side *const side = side_of(&client);
-    return side ? side->data_mx : client::g_outside_data_mx;
-}
-
-bool claim_closing(mqtt_client_t &client) noexcept
-{
-    return client::set_mark(client, client::kClaimed);
-}
-
-void unclaim_closing(mqtt_client_t &client) noexcept
-{
-    if (!side_of(&client))
-        return;
-    (void)client::clear_mark(client, client::kClaimed);
-    release_called_off(client);
-}
-
-bool mark_logged_in(mqtt_client_t &client) noexcept
-{
-    for (const uint32_t from : {CLIENT_CONNECTED, CLIENT_LOGINED, CLIENT_UNUSED})
-        if (swap_if(client.state, from, CLIENT_LOGINED))
-            return true;
-    return false;
+    return side && (client::has_mark(*client, client::kReleased) || !peek(client->used));
 }
 
 } // namespace tarn
