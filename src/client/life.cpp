@@ -1,20 +1,19 @@
 // life.cpp - a client's life: the states of its record and every way from one to the next.
 //
-//                     create                 log in
-//      free slot ---------------> CONNECTED ---------> LOGINED ---+
-//    UNUSED | CLOSED                  |                   |   ^---+ log in again
-//          ^                          +---------+---------+
-//          |                                    |
-//          |                                    | go offline, claimed
-//          |                                    v
-//          |                               WILL_PENDING ---+
-//          |                                |   |      ^---+ go offline: closed again
-//          |           no will, or no delay |   | parked
-//          |                     is awaited |   | settle, claimed
-//          |                        release |   | release
-//          |     last unpin:                v   v
-//          |     wipe                       CLOSED <------------ any state
-//          +------------------------- released, pinned  retire
+//                   create                  log in
+//     free slot -----------------> CONNECTED ---------> LOGINED ---+
+//   UNUSED | CLOSED                    |                   |   ^---+ log in again
+//         ^                            +---------+---------+
+//         |                                      | go offline
+//         |                                      v
+//         |                                WILL_PENDING ---+
+//         |                                 |    |     ^---+ go offline: closed again, and its will starts again
+//         |                  no will starts |    | a will waits for its delay
+//         |                         release |    | settle, release
+//         |                                 v    v
+//         |                                 CLOSED <----------- any state
+//         +------------------------- released, pinned   retire
+//                 wipe
 //
 // Who takes an edge, and what makes it one winner:
 //   create      client_create, the bridge with a connection's first packet; who takes the slot (pool.cpp)
@@ -28,7 +27,7 @@
 //   wipe        the last unpin of a released record (pins.cpp). Where a whole block is held by nobody, unlink_pool gives
 //               its memory back instead, or scrubs the records that share it with a held one: UNUSED again
 //
-// A record whose will was published at once has no edge to CLOSED but retire and a second close: see will-keeps-place.
+// A record whose will was published at once stays WILL_PENDING until retire or a second close: see will-keeps-place.
 // Which field begins anew on which edge is in record_fields.h. What decides over session and will is in close.cpp.
 #include "life.h"
 

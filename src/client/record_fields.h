@@ -16,7 +16,7 @@ namespace tarn::client {
 // but its locks reads as zero.
 enum class When : uint8_t {
     Create,  // a client gets the record
-    Connect, // its CONNECT: handler/connect.cpp, through the functions of this module
+    Connect, // its CONNECT: set by packet handling and by what it calls here
     Release, // the client is gone
     Retire,  // the manager goes down while it is there. Another thread may be closing it just then, and goes on reading
              // there what it decides by.
@@ -93,7 +93,7 @@ inline constexpr Field kRecord[] = {
     ROW(send_tail,                 Zero,  Kept,   Set,    Set,   Set,  Send),
     ROW(send_lock,                 Kept,  Kept,   Kept,   Kept,  Kept, Lock),
     ROW(used,                      Set,   Kept,   Set,    Set,   Kept, Word),    // 1 shows the others: last at create
-    ROW(timeout_closing,           Kept,  Kept,   Zero,   Kept,  Kept, Word),
+    ROW(timeout_closing,           Kept,  Kept,   Zero,   Kept,  Kept, Word),    // and by any sign of life
     ROW(keepalive_ms,              Kept,  Set,    Kept,   Kept,  Kept, Word),    // the next client's until its CONNECT
     ROW(will_msg_used,             Zero,  Set,    Zero,   Kept,  Kept, Will),
     ROW(will_topic,                Set,   Set,    Set,    Set,   Set,  Will),    // freed
@@ -111,10 +111,10 @@ inline constexpr Field kRecord[] = {
     ROW(will_payload_format,       Zero,  Set,    Kept,   Kept,  Kept, Will),
     ROW(will_content_type,         Zero,  Set,    Kept,   Kept,  Kept, Will),
     ROW(will_response_topic,       Zero,  Set,    Kept,   Kept,  Kept, Will),
-    ROW(will_correlation_data,     Zero,  Set,    Kept,   Kept,  Kept, Will),
-    ROW(will_correlation_len,      Zero,  Set,    Kept,   Kept,  Kept, Will),
+    ROW(will_correlation_data,     Zero,  Kept,   Kept,   Kept,  Kept, Will),
+    ROW(will_correlation_len,      Zero,  Kept,   Kept,   Kept,  Kept, Will),
     ROW(will_delay_deadline,       Zero,  Kept,   Zero,   Kept,  Kept, Will),
-    ROW(will_delay_pending,        Zero,  Kept,   Zero,   Zero,  Kept, Will),
+    ROW(will_delay_pending,        Zero,  Set,    Zero,   Zero,  Kept, Will),
     ROW(session,                   Set,   Set,    Set,    Set,   Kept, Session), // empty_session(), clear_session()
 };
 // clang-format on
