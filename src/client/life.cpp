@@ -23,7 +23,7 @@
 //   settle      the will scan, the CONNECT of a client that came back (release_parked), who calls the delay off
 //               (release_called_off); who has the claim
 //   release     behind go offline where no will starts, and behind settle; pool_free. Who sets the mark kReleased
-//   retire      unlink_pool, when the manager goes down. A record that is released already stays as it is
+//   retire      unlink_pool, when the manager goes down; a released record loses what a holder stored in it since
 //   wipe        the last unpin of a released record (pins.cpp). Where a whole block is held by nobody, unlink_pool gives
 //               its memory back instead, or scrubs the records that share it with a held one: UNUSED again
 //

@@ -6,6 +6,7 @@
 #include "../base/field_count.h"
 #include "client_internal.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <iterator>
 #include <span>
@@ -57,7 +58,7 @@ namespace rows {
 using enum Cell;
 using enum Guard;
 
-template <class Record, class T>
+template <class T>
 constexpr Field field(const char *name, size_t at, Cell create, Cell connect, Cell release, Cell retire, Cell wipe,
                       Guard guard)
 {
@@ -67,7 +68,7 @@ constexpr Field field(const char *name, size_t at, Cell create, Cell connect, Ce
             guard};
 }
 
-#define ROW(name, ...) field<Of, decltype(Of::name)>(#name, offsetof(Of, name), __VA_ARGS__)
+#define ROW(name, ...) field<decltype(Of::name)>(#name, offsetof(Of, name), __VA_ARGS__)
 
 using Of = mqtt_client_t;
 
@@ -120,7 +121,7 @@ inline constexpr Field kRecord[] = {
 // clang-format on
 
 #undef ROW
-#define ROW(name, ...) field<OfSide, decltype(OfSide::name)>(#name, offsetof(OfSide, name), __VA_ARGS__)
+#define ROW(name, ...) field<decltype(OfSide::name)>(#name, offsetof(OfSide, name), __VA_ARGS__)
 
 using OfSide = Side;
 
@@ -163,23 +164,22 @@ template <class Record> consteval bool cover(std::span<const Field> fields)
     return sizeof(Record) - end < alignof(Record) && fields.size() == field_count<Record>();
 }
 
-// A row that life.cpp zeroes is a word or bytes, under a lock that it takes there.
-consteval bool can_be_zeroed(std::span<const Field> fields)
+// life.cpp zeroes words, and bytes under a lock that it takes there.
+constexpr bool can_be_zeroed(const Field &field)
 {
-    for (const Field &field : fields)
-        for (const Cell cell : field.cells) {
-            const bool alone = field.guard == Word && field.is_word;
-            const bool held =
-                (field.guard == Id || field.guard == Send || field.guard == Will) && (field.is_word || field.is_bytes);
-            if (cell == Zero && !alone && !held)
-                return false;
-        }
-    return true;
+    const bool is_locked = field.guard == Id || field.guard == Send || field.guard == Will;
+    return is_locked ? field.is_word || field.is_bytes : field.guard == Word && field.is_word;
+}
+
+constexpr bool is_zeroed(const Field &field)
+{
+    return std::ranges::find(field.cells, Zero) != std::end(field.cells);
 }
 
 static_assert(cover<mqtt_client_t>(kRecord), "a row for each field of a client record");
 static_assert(cover<Side>(kSide), "a row for each field of a Side");
-static_assert(can_be_zeroed(kRecord));
+static_assert(std::ranges::all_of(kRecord, [](const Field &f) { return !is_zeroed(f) || can_be_zeroed(f); }));
+static_assert(std::ranges::none_of(kSide, is_zeroed), "nobody would do it");
 
 } // namespace rows
 

@@ -121,6 +121,7 @@ TEST(life, a_record_that_was_retired_during_its_close_stays_closed)
     client_set_will_msg(&record, "t", text("x").data(), 1, 0, 0);
     g_calls.on_will = [](mqtt_client_t &) { client_mgr_deinit(); };
     client_close(&record);
+    g_calls.on_will = nullptr;
     EXPECT_EQ(record.state, uint32_t{CLIENT_CLOSED});
     EXPECT_TRUE(is_released(&record));
 }
