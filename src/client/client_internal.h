@@ -12,8 +12,7 @@
 #include "../base/mutex.h"
 #include "../base/relaxed.h"
 #include "../log/log.h"
-#include "../net/netip_link.h"
-#include "client_ref.h"
+#include "life.h"
 
 #include <atomic>
 
@@ -30,11 +29,17 @@ extern Mutex bucket_mx; // entries of by_cid, and the chains behind them
 // The DISCONNECT of the broker's that ends a connection; see end_with_disconnect().
 enum class LastPacket : uint8_t { None, Announced, Queued };
 
+// What stands beside the pins in Side::hold.
+enum Mark : uint32_t {
+    kClaimed  = 1u << 28, // one thread closes the client or settles its will
+    kParked   = 1u << 29, // waits for its delayed will and is counted in will_scan.cpp
+    kReleased = 1u << 30, // its life is over; the last unpin wipes the texts and frees the slot
+    kWiping   = 1u << 31, // nobody may pin
+};
+
 struct Side {
-    std::atomic<uint64_t> ctl;           // pins, RELEASED, WIPING, life number: see pins.cpp
+    std::atomic<uint32_t> hold;          // pins and marks: see pins.cpp
     std::atomic<uint32_t> generation;    // of the connection the record was made for, 0 = unknown
-    std::atomic<uint8_t>  closing;       // claimed for closing or for settling the will
-    std::atomic<uint8_t>  parked;        // waits for its delayed will and is counted in will_scan.cpp
     std::atomic<uint8_t>  listed;        // on its way to the send thread, or kept by it for another try
     std::atomic<uint8_t>  in_round;      // in the list of the running I/O round
     std::atomic<uint8_t>  round_blocked; // its socket took nothing in this round
@@ -58,19 +63,29 @@ Side          *side_of(const mqtt_client_t *client) noexcept;  // null outside t
 Side          &side_at(int32_t index) noexcept;
 mqtt_client_t *record_at(int32_t index) noexcept;
 
-Mutex &id_lock(const mqtt_client_t &client) noexcept;
-// The id as it stands in the record, also after release; id_of() shows a released record's as empty.
-client_id_text stored_id(const mqtt_client_t &client) noexcept;
-
-// Marks the record released and ends its life number; false when that has happened already. The caller holds a pin, so
-// that the texts go and the slot becomes free when it lets go at the earliest.
-[[nodiscard]] bool mark_released(mqtt_client_t &client) noexcept;
+// True for the one caller that set the mark, or took it away. A record outside the pool has none: true always.
+bool               set_mark(const mqtt_client_t &client, Mark mark) noexcept;
+bool               clear_mark(const mqtt_client_t &client, Mark mark) noexcept;
+[[nodiscard]] bool has_mark(const mqtt_client_t &client, Mark mark) noexcept;
 // True when nobody holds or wipes the record: it may be given to a new client.
 [[nodiscard]] bool is_idle(int32_t index) noexcept;
 // Keeps everybody else from pinning, if nobody does now. wipe_done() lets them again.
 [[nodiscard]] bool try_begin_wipe(int32_t index) noexcept;
 void               wipe_done(int32_t index) noexcept;
-void               wipe_texts(mqtt_client_t &client) noexcept;
+
+// ---- the id's text (client_id.cpp)
+
+Mutex &id_lock(const mqtt_client_t &client) noexcept;
+// The id as it stands in the record, also after release; id_of() shows a released record's as empty.
+client_id_text stored_id(const mqtt_client_t &client) noexcept;
+void           store_id(mqtt_client_t &client, const char *client_id) noexcept;
+
+// ---- the embedded session record (session.cpp)
+
+// Forgets whose session the record's is: id, will flag and counts. The lists stay for clear_session to find.
+void empty_session(mqtt_client_t &client) noexcept;
+// Of a record whose memory reads as zero again.
+void forget_written(Side &side) noexcept;
 
 // ---- memory (arena.cpp)
 
@@ -88,11 +103,19 @@ void trim_ring(mqtt_client_t &client) noexcept REQUIRES(client.send_lock);
 
 extern Mutex pool_mx; // the block list, used flags and counts
 
-// client_create, pinned. With a generation in `connection` the record is made only while that connection is open.
-client_ref create_client(uint32_t handle, const char *ip, uint16_t port, broker_t *broker,
-                         net::Connection connection) noexcept;
-// pool_free; true when the record was in use and is free now.
-bool release_record(mqtt_client_t &client) noexcept;
+// A record's place in its block. Empty for a record of no block.
+struct Slot {
+    client_pool_block_t *block = nullptr;
+    int32_t              at    = 0;
+    explicit             operator bool() const { return block != nullptr; }
+    mqtt_client_t       &record() const { return block->records[at]; }
+    uint8_t             &used_flag() const { return block->used_flags[at]; }
+};
+Slot slot_of(const mqtt_client_t &client) noexcept;
+
+enum class Taken { Slot, TableFull, NoSlot };
+Taken take_slot(Slot &slot, int32_t &used_count) noexcept EXCLUDES(pool_mx); // the lowest free one
+void  give_slot_back(const Slot &slot) noexcept EXCLUDES(pool_mx);
 
 [[nodiscard]] bool make_block_list() noexcept;         // empty, with room for the largest pool; false without memory
 [[nodiscard]] bool fill_pool(int32_t blocks) noexcept; // false without memory for that many blocks
@@ -109,8 +132,8 @@ mqtt_client_t *next_flagged(int32_t &place) noexcept;
 
 uint32_t hash_of(const char *client_id) noexcept;
 Mutex   &lock_of_handle(uint32_t handle) noexcept;
-// Sets the state and takes the record out of both tables, where the entries are its own.
-void leave_tables(mqtt_client_t &client, uint32_t new_state) noexcept;
+// Takes the edge, under the lock of its handle, and the record out of both tables, where the entries are its own.
+void leave_tables(mqtt_client_t &client, const Edge &edge) noexcept;
 void clear_tables() noexcept;
 
 // ---- records that share an entry of by_cid (id_buckets.cpp)
@@ -157,22 +180,11 @@ void               add_to_round(int32_t index) noexcept;
 // anything for a while; add_to_round wakes the thread then. `quiet_turns` is the caller's count.
 bool flush_long_round(int &quiet_turns) noexcept;
 
-// True when another thread has taken the client out of the online states since its state was `before`.
-[[nodiscard]] inline bool was_closed_since(mqtt_client_t &client, uint32_t before) noexcept
-{
-    const uint32_t now = peek(client.state);
-    return now != before && (now == CLIENT_CLOSED || now == CLIENT_WILL_PENDING);
-}
+// ---- wills and scans (will_store.cpp, will_scan.cpp, timeout_scan.cpp)
 
-// ---- closing and wills (close.cpp, will_store.cpp, will_scan.cpp, timeout_scan.cpp)
-
-void close_connection_of(mqtt_client_t &client) noexcept;
 void free_will_texts(mqtt_client_t &client) noexcept REQUIRES(client.will_lock);
 void note_parked(mqtt_client_t &client, uint64_t due_at_ms) noexcept;
 void note_unparked(mqtt_client_t &client) noexcept;
-
-// Forgets whose session the record's is: id, will flag and counts. The lists stay for clear_session to find.
-void empty_session(mqtt_client_t &client) noexcept;
 
 uint32_t timeout_scan_turn(uint64_t now_ms, uint32_t default_threshold_ms) noexcept;
 void     will_scan_turn(uint64_t now_ms) noexcept;

@@ -11,6 +11,8 @@
 
 namespace tarn {
 
+// ---- pins (pins.cpp)
+
 class client_ref {
 public:
     client_ref() = default;
@@ -28,9 +30,14 @@ public:
     mqtt_client_t &operator*() const noexcept { return *client_; }
 
 private:
-    friend client_ref adopt_pinned(mqtt_client_t *client) noexcept;
-    mqtt_client_t    *client_ = nullptr;
+    mqtt_client_t *client_ = nullptr;
 };
+
+// True from the moment a pool record is being released until it is used again: what others added for it would be lost
+// or reach its next owner. Never true for a record outside the pool.
+[[nodiscard]] bool is_released(const mqtt_client_t *client) noexcept;
+
+// ---- finding (lookup.cpp, pool.cpp)
 
 // As client_find_by_handle and client_find_by_cid, found and pinned in one step under the table's lock.
 client_ref find_client_by_handle(uint32_t handle) noexcept;
@@ -40,24 +47,15 @@ client_ref find_client_by_cid(const char *client_id) noexcept;
 // behind it.
 client_ref next_client(int32_t &index) noexcept;
 
-[[nodiscard]] inline bool is_online(mqtt_client_t &client) noexcept
-{
-    const uint32_t state = peek(client.state);
-    return state == CLIENT_CONNECTED || state == CLIENT_LOGINED;
-}
-
-// Counts the lives of a pool record: changes whenever the record is released. 0 for a record outside the pool.
-uint32_t incarnation_of(const mqtt_client_t *client) noexcept;
-
-// True from the moment a pool record is being released until it is used again: what others added for it would be lost
-// or reach its next owner. Never true for a record outside the pool.
-[[nodiscard]] bool is_released(const mqtt_client_t *client) noexcept;
+// ---- the id (client_id.cpp)
 
 // The id as text of its own, copied under the record's id lock: for threads other than the client's own.
 struct client_id_text {
     char text[CODEC_CLIENT_ID_MAX + 1];
 };
 client_id_text id_of(mqtt_client_t &client) noexcept;
+
+// ---- the embedded session record (session.cpp)
 
 // Lock that guards the embedded session record against a second thread; held for writes of `session` and for saving
 // it, never across a callback. For a record outside the pool a lock that all such records share.
@@ -68,16 +66,24 @@ void clear_session(mqtt_client_t &client) noexcept;
 // To be told before subs[] or msgs[] is filled up to these counts by other means than clear_session's callers know.
 void session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg_count) noexcept;
 
-// Claims a pool record for closing or for settling its will: one winner. Records outside the pool always win.
-[[nodiscard]] bool claim_closing(mqtt_client_t &client) noexcept;
-void               unclaim_closing(mqtt_client_t &client) noexcept;
+// ---- its life (life.cpp; close_seen: close.cpp)
+
+[[nodiscard]] inline bool is_online(mqtt_client_t &client) noexcept
+{
+    const uint32_t state = peek(client.state);
+    return state == CLIENT_CONNECTED || state == CLIENT_LOGINED;
+}
+
+// Makes the record logged in, unless it was closed meanwhile (false).
+[[nodiscard]] bool mark_logged_in(mqtt_client_t &client) noexcept;
 
 // client_close by a caller that holds a pin and saw the client in this state: returns when another thread has closed it
 // since, also when that one has parked it.
 void close_seen(mqtt_client_t &client, uint32_t seen_state) noexcept;
 
-// Makes the record logged in, unless it was closed meanwhile (false).
-[[nodiscard]] bool mark_logged_in(mqtt_client_t &client) noexcept;
+// Claims a pool record for closing or for settling its will: one winner. Records outside the pool always win.
+[[nodiscard]] bool claim_closing(mqtt_client_t &client) noexcept;
+void               unclaim_closing(mqtt_client_t &client) noexcept;
 
 // Ends a claimed record that waits for its will: out of both tables, CLOSED, no longer counted as delayed, released.
 void release_parked(mqtt_client_t &client) noexcept;
@@ -86,11 +92,15 @@ void release_parked(mqtt_client_t &client) noexcept;
 // ever take it. Asked by who calls off and, in unclaim_closing, by who had the claim meanwhile; takes will_lock.
 void release_called_off(mqtt_client_t &client) noexcept;
 
+// ---- delayed wills (will_scan.cpp)
+
 // False while no delayed will can be due: what the housekeeping thread asks before it scans the pool.
 [[nodiscard]] bool will_delays_running() noexcept;
 
 // False while no closed client waits for its delayed will: what CONNECT asks before it looks for one to cancel.
 [[nodiscard]] bool wills_are_parked() noexcept;
+
+// ---- sending (send_ring.cpp)
 
 // client_send in two steps, for who has to do something before the packet may leave. The caller holds a pin, and sees
 // to the sending of what was queued (result 0) soon.

@@ -87,13 +87,6 @@ void give_back_ring_pages(mqtt_client_t &client)
     trim_ring(client);
 }
 
-void go_offline(mqtt_client_t &client)
-{
-    leave_tables(client, CLIENT_WILL_PENDING);
-    wait_for_flusher(client); // or it would send to the handle's next owner
-    close_connection_of(client);
-}
-
 // QUIRK(will-keeps-place): a client whose will was published at once keeps its place among max_clients until the broker
 // ends, as if the will were still to come [MQTT-3.1.2-10]. When so many clients have gone like that, no new one is
 // taken: "Client pool full, max=%d". With a Will Delay Interval of a second or more (5.0) the place is free after the
@@ -117,7 +110,7 @@ void free_now(mqtt_client_t &client, const client_id_text &id)
     LOG_WARN("[FREE-NORMAL] 客户端正常关闭: %s", id.text);
     go_offline(client);
     const bool released = release_record(client);
-    poke(client.state, CLIENT_CLOSED);
+    (void)step(client, kSettle); // one that cannot be released, such as a caller's own
     LOG_DEBUG("[遗嘱调试][客户端关闭完成] ClientID=%s, 状态改为CLOSED", released ? "" : id.text);
 }
 
@@ -133,12 +126,6 @@ void close_claimed(mqtt_client_t &client)
 }
 
 } // namespace
-
-void close_connection_of(mqtt_client_t &client) noexcept
-{
-    const Side *const side = side_of(&client);
-    net::close_connection(peek(client.handle), side ? side->generation.load(std::memory_order_relaxed) : 0);
-}
 
 } // namespace tarn::client
 

@@ -41,12 +41,6 @@ bool is_found(mqtt_client_t &client, const char *client_id)
     return peek_acquire(client.used) && peek(client.state) != CLIENT_CLOSED && has_id(client, client_id);
 }
 
-void store_id(mqtt_client_t &client, const char *client_id)
-{
-    ScopedLock lock(id_lock(client));
-    copy_text(client.client_id, client_id, CLIENT_ID_CHARS);
-}
-
 } // namespace
 
 uint32_t hash_of(const char *client_id) noexcept
@@ -62,12 +56,12 @@ Mutex &lock_of_handle(uint32_t handle) noexcept
     return g_client_mgr.locks[handle == NETIP_NO_HANDLE ? 0 : handle % CLIENT_MAX / CLIENT_BLOCK_RECORDS];
 }
 
-void leave_tables(mqtt_client_t &client, uint32_t new_state) noexcept
+void leave_tables(mqtt_client_t &client, const Edge &edge) noexcept
 {
     const uint32_t handle = peek(client.handle);
     {
         ScopedLock lock(lock_of_handle(handle));
-        poke(client.state, new_state);
+        step(client, edge);
         if (handle != NETIP_NO_HANDLE)
             (void)swap_if(g_client_mgr.by_handle[handle % CLIENT_MAX], &client, nullptr); // else another client's
     }

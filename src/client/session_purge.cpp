@@ -1,10 +1,8 @@
 // session_purge.cpp - deletes the saved sessions of records that still wait for their will although the session has
-// expired, and keeps count of what of an embedded session record was written.
+// expired.
 #include "../base/clock.h"
 #include "../persist/persist.hpp"
 #include "client_internal.h"
-
-#include <cstring>
 
 namespace tarn::client {
 namespace {
@@ -39,21 +37,6 @@ int collect(uint64_t now_s, int32_t &place, Expired (&found)[kAtATime])
     return count;
 }
 
-void raise(std::atomic<int32_t> &high, int32_t count, int32_t limit)
-{
-    if (count > limit)
-        count = limit;
-    int32_t seen = high.load(std::memory_order_relaxed);
-    while (count > seen && !high.compare_exchange_weak(seen, count, std::memory_order_relaxed))
-        ;
-}
-
-void reset_count(int32_t &count)
-{
-    if (peek(count) != 0) // or a page of its own would be spent on it
-        poke(count, 0);
-}
-
 } // namespace
 } // namespace tarn::client
 
@@ -75,43 +58,4 @@ void client_clean_expired_sessions(void)
         }
     }
     LOG_INFO("[MQTT5] 过期会话清理完成");
-}
-
-void tarn::session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg_count) noexcept
-{
-    Side *const side = side_of(&client);
-    if (!side)
-        return;
-    raise(side->subs_high, sub_count, PERSIST_SUBS_MAX);
-    raise(side->msgs_high, msg_count, PERSIST_MSGS_MAX);
-}
-
-void tarn::client::empty_session(mqtt_client_t &client) noexcept
-{
-    persist_session_t &session = client.session;
-    ScopedLock         lock(session_lock(client));
-    session_written(client, session.sub_count, session.msg_count);
-    memset(session.client_id, 0, sizeof session.client_id);
-    session.will_flag = 0;
-    reset_count(session.sub_count);
-    reset_count(session.msg_count);
-}
-
-// A session record is 149 KB, nearly all of it lists that few clients fill.
-void tarn::clear_session(mqtt_client_t &client) noexcept
-{
-    persist_session_t &session = client.session;
-    Side *const        side    = side_of(&client);
-    if (!side) {
-        memset(&session, 0, sizeof session);
-        return;
-    }
-    session_written(client, session.sub_count, session.msg_count);
-    const auto subs = static_cast<size_t>(side->subs_high.exchange(0, std::memory_order_relaxed));
-    const auto msgs = static_cast<size_t>(side->msgs_high.exchange(0, std::memory_order_relaxed));
-    memset(&session, 0, offsetof(persist_session_t, subs));
-    memset(session.subs, 0, subs * sizeof session.subs[0]);
-    reset_count(session.sub_count);
-    memset(session.msgs, 0, msgs * sizeof session.msgs[0]);
-    reset_count(session.msg_count);
 }

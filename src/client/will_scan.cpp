@@ -54,19 +54,11 @@ void end_delay(mqtt_client_t &client)
     poke(client.will_delay_pending, 0);
 }
 
-// The record is free afterwards.
-void settle(mqtt_client_t &client)
-{
-    leave_tables(client, CLIENT_CLOSED);
-    bump(g_will_delay_client_count, -1);
-    (void)release_record(client);
-}
-
 void drop(mqtt_client_t &client)
 {
     LOG_WARN("[WILL] 超时30s强制清理 client=%s", stored_id(client).text);
     end_delay(client);
-    settle(client);
+    release_parked(client);
 }
 
 void publish(mqtt_client_t &client)
@@ -75,7 +67,7 @@ void publish(mqtt_client_t &client)
     packet_send_will_message(&client);
     end_delay(client);
     close_connection_of(client);
-    settle(client);
+    release_parked(client);
 }
 
 void settle_if_due(mqtt_client_t &client, uint64_t now_ms)
@@ -94,14 +86,6 @@ void settle_if_due(mqtt_client_t &client, uint64_t now_ms)
     unclaim_closing(client);
 }
 
-bool was_called_off(mqtt_client_t &client)
-{
-    if (peek(client.state) != CLIENT_WILL_PENDING)
-        return false;
-    ScopedLock lock(client.will_lock);
-    return peek(client.will_delay_interval) != 0 && !peek(client.will_sent) && !peek(client.will_delay_pending);
-}
-
 // When this record has to be looked at again, if it still waits.
 uint64_t next_look_ms(mqtt_client_t &client, uint64_t now_ms)
 {
@@ -117,16 +101,14 @@ uint64_t next_look_ms(mqtt_client_t &client, uint64_t now_ms)
 
 void note_parked(mqtt_client_t &client, uint64_t due_at_ms) noexcept
 {
-    Side *const side = side_of(&client);
-    if (side && side->parked.exchange(1) == 0)
+    if (side_of(&client) && set_mark(client, kParked))
         g_parked.fetch_add(1);
     due_no_later_than(due_at_ms);
 }
 
 void note_unparked(mqtt_client_t &client) noexcept
 {
-    Side *const side = side_of(&client);
-    if (side && side->parked.exchange(0) != 0)
+    if (side_of(&client) && clear_mark(client, kParked))
         g_parked.fetch_sub(1);
 }
 
@@ -159,20 +141,6 @@ bool tarn::will_delays_running() noexcept
 bool tarn::wills_are_parked() noexcept
 {
     return g_parked.load() > 0;
-}
-
-void tarn::release_parked(mqtt_client_t &client) noexcept
-{
-    settle(client);
-}
-
-void tarn::release_called_off(mqtt_client_t &client) noexcept
-{
-    if (!side_of(&client) || !was_called_off(client) || !claim_closing(client))
-        return;
-    if (was_called_off(client))
-        settle(client);
-    unclaim_closing(client);
 }
 
 void client_will_delay_scan(void)

@@ -1,0 +1,81 @@
+// session.cpp - the session record embedded in a client's: its lock, and keeping count of what of it was written. It is
+// 149 KB, nearly all of it lists that few clients fill.
+#include "client_internal.h"
+
+#include <cstring>
+
+namespace tarn::client {
+namespace {
+
+constinit Mutex g_outside_data_mx{}; // shared by all records outside the pool
+
+void raise(std::atomic<int32_t> &high, int32_t count, int32_t limit)
+{
+    if (count > limit)
+        count = limit;
+    int32_t seen = high.load(std::memory_order_relaxed);
+    while (count > seen && !high.compare_exchange_weak(seen, count, std::memory_order_relaxed))
+        ;
+}
+
+void reset_count(int32_t &count)
+{
+    if (peek(count) != 0) // or a page of its own would be spent on it
+        poke(count, 0);
+}
+
+} // namespace
+
+void empty_session(mqtt_client_t &client) noexcept
+{
+    persist_session_t &session = client.session;
+    ScopedLock         lock(session_lock(client));
+    session_written(client, session.sub_count, session.msg_count);
+    memset(session.client_id, 0, sizeof session.client_id);
+    session.will_flag = 0;
+    reset_count(session.sub_count);
+    reset_count(session.msg_count);
+}
+
+void forget_written(Side &side) noexcept
+{
+    side.subs_high.store(0, std::memory_order_relaxed);
+    side.msgs_high.store(0, std::memory_order_relaxed);
+}
+
+} // namespace tarn::client
+
+using namespace tarn::client;
+
+tarn::Mutex &tarn::session_lock(const mqtt_client_t &client) noexcept
+{
+    Side *const side = side_of(&client);
+    return side ? side->data_mx : g_outside_data_mx;
+}
+
+void tarn::session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg_count) noexcept
+{
+    Side *const side = side_of(&client);
+    if (!side)
+        return;
+    raise(side->subs_high, sub_count, PERSIST_SUBS_MAX);
+    raise(side->msgs_high, msg_count, PERSIST_MSGS_MAX);
+}
+
+void tarn::clear_session(mqtt_client_t &client) noexcept
+{
+    persist_session_t &session = client.session;
+    Side *const        side    = side_of(&client);
+    if (!side) {
+        memset(&session, 0, sizeof session);
+        return;
+    }
+    session_written(client, session.sub_count, session.msg_count);
+    const auto subs = static_cast<size_t>(side->subs_high.exchange(0, std::memory_order_relaxed));
+    const auto msgs = static_cast<size_t>(side->msgs_high.exchange(0, std::memory_order_relaxed));
+    memset(&session, 0, offsetof(persist_session_t, subs));
+    memset(session.subs, 0, subs * sizeof session.subs[0]);
+    reset_count(session.sub_count);
+    memset(session.msgs, 0, msgs * sizeof session.msgs[0]);
+    reset_count(session.msg_count);
+}
