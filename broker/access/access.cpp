@@ -1,5 +1,6 @@
 #include "access.h"
 
+#include "../text.h"
 #include "filter.h"
 
 #include <algorithm>

@@ -34,19 +34,12 @@ struct Command {
     void (*act)(broker_t *broker, const Arguments &arguments, Answer &answer);
 };
 
-std::string address_of(const tarn_sdk_mqtt_client_info_t &info)
-{
-    return std::string(info.ip) + ':' + std::to_string(info.port);
-}
-
 void list_clients(broker_t *broker, const Arguments & /*none*/, Answer &answer)
 {
-    for (const std::string &id : clients_online(broker)) {
-        tarn_sdk_mqtt_client_info_t info{};
-        if (tarn_sdk_mqtt_broker_get_client_info(broker, id.c_str(), &info) == TARN_OK)
-            answer.line(quote_word(id) + ' ' + address_of(info) + " keep-alive " + std::to_string(info.keepalive) +
-                        " idle " + std::to_string(info.idle_seconds));
-    }
+    for (const std::string &id : clients_online(broker))
+        if (const auto info = client_info(broker, id))
+            answer.line(quote_word(id) + ' ' + address_of(*info) + " keep-alive " + std::to_string(info->keepalive) +
+                        " idle " + std::to_string(info->idle_seconds));
 }
 
 void describe_client(broker_t *broker, const Arguments &arguments, Answer &answer)
