@@ -7,11 +7,12 @@
 #include <unistd.h>
 #include <utility>
 
+#include <tarn_sdk_mqtt_broker/base/limits.h>
+
 namespace tarn::broker {
 namespace {
 
 constexpr const char *kOwnersFile = "broker_data/owners";
-constexpr size_t      kIdMax      = 63; // the library cuts longer ids when it takes them
 
 // A saved session that holds anything has a file of subscriptions. Ids with a '/' have no files.
 bool has_saved_session(const std::string &client_id)
@@ -31,7 +32,7 @@ bool is_chosen_id(std::string_view client_id)
 // As the library takes it: longer ids are cut.
 std::string_view taken_id(std::string_view client_id)
 {
-    return client_id.substr(0, kIdMax);
+    return client_id.substr(0, CLIENT_ID_CHARS);
 }
 
 constexpr Verdict kNoRule{"no rule allows it"};

@@ -1,5 +1,5 @@
-// access.h - what the files of users and rules make of a client's wishes. Knows nothing of the library: guard.h joins
-// the two.
+// access.h - what the files of users and rules make of a client's wishes. Knows nothing of the library but its limits:
+// guard.h joins the two.
 //
 // Any thread may ask while another one loads: the files' content is replaced as a whole, and who still uses the old one
 // has its share of it.

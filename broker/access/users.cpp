@@ -3,10 +3,12 @@
 #include <crypt.h>
 #include <memory>
 
+#include <tarn_sdk_mqtt_broker/codec/mqtt_codec.h>
+
 namespace tarn::broker {
 namespace {
 
-constexpr size_t kNameMax = 64; // bytes; the library takes no longer ones
+constexpr size_t kNameMax = sizeof(mqtt_connect_para_t::username) - 1; // bytes; the library takes no longer ones
 
 // yescrypt at its lowest cost: a few milliseconds and 1 MiB, which a guesser needs for each guess, too.
 constexpr const char   *kMethod = "$y$";
