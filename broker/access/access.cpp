@@ -182,7 +182,7 @@ std::vector<std::string> Access::unwelcome() const
     return bindings_.ids_where([&](const std::string &user) { return !now.users->has(user); });
 }
 
-void Access::sweep(const std::set<std::string, std::less<>> &online)
+void Access::sweep(const Ids &online)
 {
     bindings_.sweep(online, has_saved_session);
 }

@@ -13,7 +13,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -60,7 +59,7 @@ public:
     std::vector<std::string> unwelcome() const;
 
     // Called every few seconds with the ids that are online.
-    void sweep(const std::set<std::string, std::less<>> &online);
+    void sweep(const Ids &online);
 
     // Whose the saved sessions are, kept beside them. Saves when there may be something new.
     Mistake restore_owners();

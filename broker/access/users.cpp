@@ -21,6 +21,12 @@ std::string crypted(const std::string &password, const std::string &setting)
     return hash && *hash != '*' ? hash : std::string();
 }
 
+bool matches(const std::string &hash, const std::string &password)
+{
+    const std::string now = crypted(password, hash);
+    return !now.empty() && equal_in_constant_time(now, hash);
+}
+
 std::string_view bytes_of(const Hash128 &hash)
 {
     return {reinterpret_cast<const char *>(hash.data()), sizeof hash};
@@ -113,22 +119,6 @@ bool Users::check(const std::string &name, const std::string &password)
         right_last_[name] = now;
     }
     return right;
-}
-
-unsigned Users::hashings() const
-{
-    const std::lock_guard lock(mutex_);
-    return hashings_;
-}
-
-bool Users::matches(const std::string &hash, const std::string &password)
-{
-    {
-        const std::lock_guard lock(mutex_);
-        ++hashings_;
-    }
-    const std::string now = crypted(password, hash);
-    return !now.empty() && equal_in_constant_time(now, hash);
 }
 
 Hash128 Users::trace(const std::string &hash, const std::string &password) const

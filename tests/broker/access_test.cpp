@@ -10,8 +10,6 @@ using namespace tarn::broker;
 
 namespace {
 
-using Ids = std::set<std::string, std::less<>>;
-
 void write(const std::string &name, const std::string &text)
 {
     std::ofstream(name) << text;
