@@ -7,11 +7,13 @@
 #include <variant>
 #include <vector>
 
+#include <tarn_sdk_mqtt_broker/base/limits.h>
+
 namespace tarn::broker {
 namespace {
 
 // What an option's value is and where it goes.
-struct Number { // in the range the library takes, so that a wrong one is refused with its name
+struct Number { // a wrong one would be refused by the library, but without the option's name
     int32_t Options::*target;
     int32_t           lowest;
     int32_t           highest;
@@ -26,6 +28,8 @@ struct Switch {
 };
 using Target = std::variant<Number, Level, Port, Text, Switch, Wish>;
 
+// The one place that knows the options: what is taken, what is refused and what --help says all follow from it. In an
+// argument and a help text {} stands for the values that are taken.
 struct Row {
     char        letter; // 0 without a short form
     const char *name;
@@ -35,15 +39,15 @@ struct Row {
 };
 const Row kRows[] = {
     {'l', "log-level", "LEVEL", Level{},
-     "debug, info, warn or error (default; with --top it is warn);\n"
+     "{} (default; with --top it is warn);\n"
      "the log goes to standard output"},
     {'k', "keep-alive", "SECONDS", Number{&Options::keepalive_s, 1, 3600},
-     "silence after which a connection without CONNECT is closed, 1..3600 (300)"},
-    {'p', "port", "1883", Port{}, "the port is always this one"},
+     "silence after which a connection without CONNECT is closed, {}"},
+    {'p', "port", "{}", Port{}, "the port is always this one"},
     {0, "max-packet-size", "BYTES", Number{&Options::max_packet_size, 256, 10485760},
-     "largest packet before and with CONNECT, 256..10485760 (4096); no packet of more than\n"
+     "largest packet before and with CONNECT, {}; no packet of more than\n"
      "4096 bytes is taken in any case"},
-    {'c', "max-clients", "N", Number{&Options::max_clients, 1, 11000}, "clients served at a time, 1..11000 (5000)"},
+    {'c', "max-clients", "N", Number{&Options::max_clients, 1, CLIENT_MAX}, "clients served at a time, {}"},
     {0, "directory", "DIR", Text{&Options::directory}, "work there: sessions, and relative names of files"},
     {0, "user-file", "FILE", Text{&Options::user_file},
      "who may connect, and by which password; see tarn-broker passwd --help"},
@@ -57,6 +61,8 @@ const Row kRows[] = {
     {'h', "help", nullptr, Wish::Help, "print this and end"},
     {'V', "version", nullptr, Wish::Version, "print the version and end"},
 };
+
+static_assert(NETIP_RX_SIZE == 4096, "the help on --max-packet-size says so");
 
 constexpr const char *kLevels[] = {"debug", "info", "warn", "error"}; // in the library's numbering
 
@@ -96,7 +102,33 @@ std::string short_options()
     return letters;
 }
 
-// One for each kind of value: each gives the mistake, if it is one.
+// One for each kind of value: the values that are taken, as people write them.
+struct Values {
+    std::string operator()(const Number &number) const // its range, and what it is when not given
+    {
+        return std::to_string(number.lowest) + ".." + std::to_string(number.highest) + " (" +
+               std::to_string(Options{}.*number.target) + ")";
+    }
+    std::string operator()(Level) const
+    {
+        std::string text = kLevels[0];
+        for (size_t i = 1; i < std::size(kLevels); ++i)
+            text += (i + 1 < std::size(kLevels) ? ", " : " or ") + std::string(kLevels[i]);
+        return text;
+    }
+    std::string                        operator()(Port) const { return std::to_string(NETIP_PORT); }
+    template <class Other> std::string operator()(const Other & /*takes any or none*/) const { return {}; }
+};
+
+// The text with the values in the place of {}.
+std::string filled(std::string text, const Target &target)
+{
+    if (const size_t at = text.find("{}"); at != text.npos)
+        text.replace(at, 2, std::visit(Values{}, target));
+    return text;
+}
+
+// The same: each stores its value, or gives the mistake.
 struct Read {
     const Row   &row;
     const char  *text; // null for an option without a value
@@ -121,12 +153,13 @@ struct Read {
                 return {};
             }
         }
-        return refused("debug, info, warn or error");
+        return refused(Values{}(Level{}));
     }
 
-    std::string operator()(Port) const
+    std::string operator()(Port port) const
     {
-        return std::string(text) == "1883" ? "" : std::string("the port is always 1883, it cannot be '") + text + "'";
+        const std::string always = Values{}(port);
+        return text == always ? "" : "the port is always " + always + ", it cannot be '" + text + "'";
     }
 
     std::string operator()(const Text &value) const
@@ -173,11 +206,11 @@ std::string help_of(const Row &row)
     std::string      text    = row.letter ? std::string("  -") + row.letter + ", --" : std::string("      --");
     text += row.name;
     if (row.argument)
-        text += std::string(" ") + row.argument;
+        text += ' ' + filled(row.argument, row.target);
     text.resize(kColumn, ' ');
-    for (const char *c = row.help; *c; ++c) {
-        text += *c;
-        if (*c == '\n')
+    for (const char c : filled(row.help, row.target)) {
+        text += c;
+        if (c == '\n')
             text.append(kColumn, ' ');
     }
     return text + "\n";
@@ -213,7 +246,8 @@ std::string help_text()
     std::string text = "Usage: tarn-broker [OPTION]...\n"
                        "       tarn-broker passwd [--delete] FILE NAME\n"
                        "       tarn-broker ctl PATH [COMMAND [ARGUMENT]...]\n"
-                       "Serves MQTT 3.1.1 and 5.0 on port 1883, TCP and UDP, until it gets SIGINT or SIGTERM.\n\n";
+                       "Serves MQTT 3.1.1 and 5.0 on port " +
+                       Values{}(Port{}) + ", TCP and UDP, until it gets SIGINT or SIGTERM.\n\n";
     for (const Row &row : kRows)
         text += help_of(row);
     return text + "\n"

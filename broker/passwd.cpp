@@ -15,10 +15,12 @@
 #include <utility>
 #include <vector>
 
+#include <tarn_sdk_mqtt_broker/codec/mqtt_codec.h>
+
 namespace tarn::broker {
 namespace {
 
-constexpr size_t kPasswordMax = 64; // bytes; the library takes no longer ones
+constexpr size_t kPasswordMax = sizeof(mqtt_connect_para_t::password) - 1; // bytes; the library takes no longer ones
 
 int fail(const std::string &text)
 {

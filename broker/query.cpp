@@ -3,9 +3,10 @@
 #include "text.h"
 
 #include <atomic>
+#include <cstring>
 #include <string_view>
 
-#include <tarn_sdk_mqtt_broker.h>
+#include <tarn_sdk_mqtt_broker/base/limits.h>
 #include <tarn_sdk_mqtt_broker/net/netip.h>
 #include <tarn_sdk_mqtt_broker/stats/mqtt_stats.h>
 #include <tarn_sdk_mqtt_broker/sub/retain.h>
@@ -13,9 +14,25 @@
 namespace tarn::broker {
 namespace {
 
-constexpr size_t kIdBytes    = 64; // with the separator
-constexpr size_t kTopicBytes = 257;
-constexpr size_t kSpare      = 100; // clients that come between counting and listing
+constexpr char   kIdsPart    = ',';
+constexpr size_t kIdsRoom    = size_t{CLIENT_MAX} * (CLIENT_ID_CHARS + 1) + 1; // each with its comma
+constexpr size_t kTopicMax   = CODEC_TOPIC_MAX;
+constexpr size_t kTopicsRoom = size_t{RETAIN_CAPACITY} * (kTopicMax + 1) + 1; // each with its newline
+
+using FillList = int32_t (*)(broker_t *broker, char *list, int32_t size);
+
+std::string list_of(FillList fill, size_t room)
+{
+    std::string list(room, '\0');
+    fill(nullptr, list.data(), static_cast<int32_t>(list.size()));
+    list.resize(strlen(list.c_str()));
+    return list;
+}
+
+std::string id_list()
+{
+    return list_of(tarn_sdk_mqtt_broker_get_client_id_list, kIdsRoom);
+}
 
 // The library's threads count while this reads.
 template <class T> T peek(T &counter)
@@ -27,23 +44,37 @@ template <class T> T peek(T &counter)
 
 std::vector<std::string> clients_online(broker_t *broker)
 {
-    std::string list((tarn_sdk_mqtt_broker_get_online_count(broker) + kSpare) * kIdBytes, '\0');
-    tarn_sdk_mqtt_broker_get_client_id_list(broker, list.data(), static_cast<int32_t>(list.size()));
-    return names_in_list(list.c_str(), ',', kIdBytes - 1, [broker](const std::string &id) {
-        tarn_sdk_mqtt_client_info_t info;
-        return tarn_sdk_mqtt_broker_get_client_info(broker, id.c_str(), &info) == TARN_OK;
-    });
+    return names_in_list(id_list(), kIdsPart, CLIENT_ID_CHARS,
+                         [broker](const std::string &id) { return client_info(broker, id).has_value(); });
+}
+
+std::vector<std::string> online_id_pieces()
+{
+    const std::string                   list   = id_list();
+    const std::vector<std::string_view> pieces = pieces_of(list, kIdsPart);
+    return {pieces.begin(), pieces.end()};
+}
+
+std::optional<tarn_sdk_mqtt_client_info_t> client_info(broker_t *broker, const std::string &id)
+{
+    tarn_sdk_mqtt_client_info_t info{};
+    if (tarn_sdk_mqtt_broker_get_client_info(broker, id.c_str(), &info) != TARN_OK)
+        return {};
+    return info;
+}
+
+std::string address_of(const tarn_sdk_mqtt_client_info_t &info)
+{
+    return std::string(info.ip) + ':' + std::to_string(info.port);
 }
 
 std::vector<std::string> retained_topics()
 {
-    std::string list(size_t{RETAIN_CAPACITY} * kTopicBytes + 1, '\0');
-    tarn_sdk_mqtt_broker_get_retain_topic_list(nullptr, list.data(), static_cast<int32_t>(list.size()));
-    std::string_view topics = list.c_str();
+    std::string topics = list_of(tarn_sdk_mqtt_broker_get_retain_topic_list, kTopicsRoom);
     if (!topics.empty())
-        topics.remove_suffix(1); // each is followed by a newline
+        topics.pop_back(); // each is followed by a newline
     retain_msg_t message;
-    return names_in_list(topics, '\n', kTopicBytes - 1,
+    return names_in_list(topics, '\n', kTopicMax,
                          [&](const std::string &topic) { return retain_msg_get(topic.c_str(), &message) == 0; });
 }
 

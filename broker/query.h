@@ -3,14 +3,23 @@
 #define TARN_BROKER_QUERY_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
-typedef struct broker_t broker_t;
+#include <tarn_sdk_mqtt_broker.h>
 
 namespace tarn::broker {
 
-std::vector<std::string> clients_online(broker_t *broker); // ids
+std::vector<std::string> clients_online(broker_t *broker); // ids, each once
+// The same as the library lists them, separated by commas: an id that contains commas comes in pieces, and two clients with
+// the same id come twice.
+std::vector<std::string> online_id_pieces();
+
+std::optional<tarn_sdk_mqtt_client_info_t> client_info(broker_t *broker, const std::string &id); // if there is one
+
+std::string address_of(const tarn_sdk_mqtt_client_info_t &info); // IP:PORT
+
 std::vector<std::string> retained_topics();
 
 std::string statistics_json(); // one line

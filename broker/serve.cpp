@@ -22,12 +22,13 @@
 #include <unistd.h>
 
 #include <tarn_sdk_mqtt_broker.h>
+#include <tarn_sdk_mqtt_broker/base/limits.h>
 #include <tarn_sdk_mqtt_broker/log/agent_log.h>
 
 namespace tarn::broker {
 namespace {
 
-constexpr uint16_t                  kPort      = 1883; // the library serves no other
+constexpr uint16_t                  kPort      = NETIP_PORT; // the library serves no other
 constexpr std::chrono::milliseconds kLookAfter = std::chrono::seconds(5);
 constexpr std::chrono::milliseconds kLookAtUdp = std::chrono::seconds(1);
 
@@ -58,7 +59,7 @@ void end_on_signals(Loop &loop)
         loop.on_signal(number, [&loop] { loop.end(); });
 }
 
-// Why 1883 cannot be had: the library tells only that it could not, so one asks the system again. 0 when it can.
+// Why the port cannot be had: the library tells only that it could not, so one asks the system again. 0 when it can.
 int port_error(int type)
 {
     const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);

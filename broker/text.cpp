@@ -120,24 +120,15 @@ Decoded decode_utf8(std::string_view text)
     return {character, count};
 }
 
-void append_utf8(std::string &text, char32_t character)
+bool is_utf8(std::string_view text)
 {
-    const auto tail = [&](int shift) { text += static_cast<char>(0x80 | (character >> shift & 0x3F)); };
-    if (character < 0x80) {
-        text += static_cast<char>(character);
-    } else if (character < 0x800) {
-        text += static_cast<char>(0xC0 | character >> 6);
-        tail(0);
-    } else if (character < 0x10000) {
-        text += static_cast<char>(0xE0 | character >> 12);
-        tail(6);
-        tail(0);
-    } else {
-        text += static_cast<char>(0xF0 | character >> 18);
-        tail(12);
-        tail(6);
-        tail(0);
+    while (!text.empty()) {
+        const Decoded next = decode_utf8(text);
+        if (next.character == kNoCharacter)
+            return false;
+        text.remove_prefix(next.bytes);
     }
+    return true;
 }
 
 bool is_control(char32_t character)
@@ -208,18 +199,23 @@ Words split_words(std::string_view line)
     }
 }
 
-std::vector<std::string> names_in_list(std::string_view list, char separator, size_t max_bytes,
-                                       const std::function<bool(const std::string &)> &exists)
+std::vector<std::string_view> pieces_of(std::string_view list, char separator)
 {
-    if (list.empty())
-        return {};
     std::vector<std::string_view> pieces;
+    if (list.empty())
+        return pieces;
     for (size_t end; (end = list.find(separator)) != list.npos; list.remove_prefix(end + 1))
         pieces.push_back(list.substr(0, end));
     pieces.push_back(list);
+    return pieces;
+}
 
-    std::vector<std::string>             names;
-    std::unordered_set<std::string_view> plain(pieces.begin(), pieces.end());
+std::vector<std::string> names_in_list(std::string_view list, char separator, size_t max_bytes,
+                                       const std::function<bool(const std::string &)> &exists)
+{
+    const std::vector<std::string_view>        pieces = pieces_of(list, separator);
+    std::vector<std::string>                   names;
+    const std::unordered_set<std::string_view> plain(pieces.begin(), pieces.end());
     if (plain.size() == pieces.size() &&
         std::all_of(pieces.begin(), pieces.end(), [&](std::string_view piece) { return exists(std::string(piece)); })) {
         names.assign(pieces.begin(), pieces.end()); // the usual case

@@ -18,7 +18,7 @@ struct Decoded {
 };
 constexpr char32_t kNoCharacter = 0xFFFFFFFF;
 Decoded            decode_utf8(std::string_view text);
-void               append_utf8(std::string &text, char32_t character);
+bool               is_utf8(std::string_view text); // all of it; the empty text too
 
 // True for what moves a cursor, ends a line, turns the direction of what follows or is not seen: C0, DEL, C1, the two
 // Unicode line ends and the bidirectional controls.
@@ -38,6 +38,9 @@ struct Words {
     std::string              error; // empty when the line could be read
 };
 Words split_words(std::string_view line);
+
+// What stands between the separators of a list, also nothing; an empty list has no pieces.
+std::vector<std::string_view> pieces_of(std::string_view list, char separator);
 
 // The names in a list of the library, in which a name may itself contain the separator: then the longest run of pieces
 // that exists is taken for one. Names of up to max_bytes, each once, in the order of the list.

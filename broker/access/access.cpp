@@ -1,16 +1,18 @@
 #include "access.h"
 
+#include "../text.h"
 #include "filter.h"
 
 #include <algorithm>
 #include <unistd.h>
 #include <utility>
 
+#include <tarn_sdk_mqtt_broker/base/limits.h>
+
 namespace tarn::broker {
 namespace {
 
 constexpr const char *kOwnersFile = "broker_data/owners";
-constexpr size_t      kIdMax      = 63; // the library cuts longer ids when it takes them
 
 // A saved session that holds anything has a file of subscriptions. Ids with a '/' have no files.
 bool has_saved_session(const std::string &client_id)
@@ -30,7 +32,7 @@ bool is_chosen_id(std::string_view client_id)
 // As the library takes it: longer ids are cut.
 std::string_view taken_id(std::string_view client_id)
 {
-    return client_id.substr(0, kIdMax);
+    return client_id.substr(0, CLIENT_ID_CHARS);
 }
 
 constexpr Verdict kNoRule{"no rule allows it"};
@@ -180,7 +182,7 @@ std::vector<std::string> Access::unwelcome() const
     return bindings_.ids_where([&](const std::string &user) { return !now.users->has(user); });
 }
 
-void Access::sweep(const std::set<std::string, std::less<>> &online)
+void Access::sweep(const Ids &online)
 {
     bindings_.sweep(online, has_saved_session);
 }

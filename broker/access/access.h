@@ -1,5 +1,5 @@
-// access.h - what the files of users and rules make of a client's wishes. Knows nothing of the library: guard.h joins
-// the two.
+// access.h - what the files of users and rules make of a client's wishes. Knows nothing of the library but its limits:
+// guard.h joins the two.
 //
 // Any thread may ask while another one loads: the files' content is replaced as a whole, and who still uses the old one
 // has its share of it.
@@ -13,7 +13,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -60,7 +59,7 @@ public:
     std::vector<std::string> unwelcome() const;
 
     // Called every few seconds with the ids that are online.
-    void sweep(const std::set<std::string, std::less<>> &online);
+    void sweep(const Ids &online);
 
     // Whose the saved sessions are, kept beside them. Saves when there may be something new.
     Mistake restore_owners();

@@ -6,11 +6,10 @@
 #include <algorithm>
 #include <optional>
 
+#include <tarn_sdk_mqtt_broker/base/limits.h>
+
 namespace tarn::broker {
 namespace {
-
-// The library keeps so much of a filter with a saved session, and subscribes to that when the session comes back.
-constexpr size_t kSavedFilterMax = 63;
 
 // An id or a name that would act as more than one level, or as a wildcard, stands for nothing.
 bool can_be_inserted(std::string_view text)
@@ -161,6 +160,7 @@ bool Acl::may_have_id(const Asker &asker) const
                        [&](const std::string &pattern) { return matches_pattern(pattern, asker.client_id); });
 }
 
+// Of a longer filter only the beginning is kept with a saved session, and subscribed to when the session comes back.
 bool Acl::may_subscribe(const Asker &asker, std::string_view filter) const
 {
     const auto allowed = [&](std::string_view wanted) {
@@ -169,7 +169,8 @@ bool Acl::may_subscribe(const Asker &asker, std::string_view filter) const
             return own && covers(*own, without_group(wanted));
         });
     };
-    return allowed(filter) && (filter.size() <= kSavedFilterMax || allowed(filter.substr(0, kSavedFilterMax)));
+    return allowed(filter) &&
+           (filter.size() <= PACKET_SAVED_FILTER_CHARS || allowed(filter.substr(0, PACKET_SAVED_FILTER_CHARS)));
 }
 
 bool Acl::may_publish(const Asker &asker, std::string_view topic) const

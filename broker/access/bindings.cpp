@@ -41,7 +41,7 @@ std::optional<std::string> from_word(std::string_view word)
 }
 
 // The id that a list separated by commas shows may itself contain commas: then its pieces are in the list, too.
-bool is_online(const std::set<std::string, std::less<>> &online, std::string_view client_id)
+bool is_online(const Ids &online, std::string_view client_id)
 {
     for (size_t comma; (comma = client_id.find(',')) != client_id.npos; client_id.remove_prefix(comma + 1))
         if (!online.contains(client_id.substr(0, comma)))
@@ -93,7 +93,7 @@ void Bindings::forget(std::string_view client_id)
 }
 
 // The disk is asked without the lock, which the thread that serves the clients wants, too.
-void Bindings::sweep(const std::set<std::string, std::less<>> &online, const IsSaved &is_saved)
+void Bindings::sweep(const Ids &online, const IsSaved &is_saved)
 {
     std::vector<Candidate> gone = offline_for_long(online);
     std::erase_if(gone, [&](const Candidate &candidate) { return is_saved(candidate.id); });
@@ -111,7 +111,7 @@ void Bindings::sweep(const std::set<std::string, std::less<>> &online, const IsS
     }
 }
 
-std::vector<Bindings::Candidate> Bindings::offline_for_long(const std::set<std::string, std::less<>> &online)
+std::vector<Bindings::Candidate> Bindings::offline_for_long(const Ids &online)
 {
     const std::lock_guard  lock(mutex_);
     std::vector<Candidate> ids;
@@ -146,12 +146,6 @@ std::vector<std::pair<std::string, std::string>> Bindings::all() const
     for (const auto &[id, binding] : table_)
         pairs.emplace_back(id, binding.user);
     return pairs;
-}
-
-size_t Bindings::count() const
-{
-    const std::lock_guard lock(mutex_);
-    return table_.size();
 }
 
 std::string Bindings::to_text(const IsSaved &is_saved) const

@@ -26,6 +26,8 @@
 
 namespace tarn::broker {
 
+using Ids = std::set<std::string, std::less<>>;
+
 class Bindings {
 public:
     static constexpr size_t kIdsMax      = 32768; // for each user
@@ -39,10 +41,9 @@ public:
     void                       forget(std::string_view client_id); // when it is known that nothing is behind it
 
     // Ends what has ended. An id that is being bound may not be online yet: it is left alone until the sweep after next.
-    void sweep(const std::set<std::string, std::less<>> &online, const IsSaved &is_saved);
+    void sweep(const Ids &online, const IsSaved &is_saved);
 
     std::vector<std::string> ids_where(const std::function<bool(const std::string &user)> &holds) const;
-    size_t                   count() const;
 
     // The ids with a saved session, "ID USER" a line.
     std::string to_text(const IsSaved &is_saved) const;
@@ -60,7 +61,7 @@ private:
         uint64_t    bound_in;
     };
 
-    std::vector<Candidate>                           offline_for_long(const std::set<std::string, std::less<>> &online);
+    std::vector<Candidate>                           offline_for_long(const Ids &online);
     std::vector<std::pair<std::string, std::string>> all() const; // id and user
     void                                             end(Table::iterator binding);
 

@@ -9,8 +9,6 @@
 
 namespace tarn::broker {
 
-bool is_utf8(std::string_view text);
-
 // A topic that may be published to: UTF-8, not empty, no wildcards.
 bool is_topic(std::string_view text);
 

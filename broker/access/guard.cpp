@@ -1,21 +1,22 @@
 #include "guard.h"
 
 #include "../event_hub.h"
+#include "../event_text.h"
+#include "../query.h"
 #include "gate.h"
 
 #include <algorithm>
 #include <cstdio>
-#include <string_view>
+#include <iterator>
 #include <utility>
+#include <vector>
 
 #include <tarn_sdk_mqtt_broker.h>
 
 namespace tarn::broker {
 namespace {
 
-constexpr size_t kIdRoom     = 64; // bytes for each id and its comma
-constexpr size_t kClientsMax = 11000;
-constexpr int    kKicksMax   = 100; // at a time; each takes some 10 ms
+constexpr int kKicksMax = 100; // at a time; each takes some 10 ms
 
 Access     *g_access; // the callbacks get nothing but the instance; set before it starts
 TellRefusal g_tell;   // likewise
@@ -48,40 +49,16 @@ bool on_connect(broker_t * /*broker*/, const char *client_id, const char *user, 
     return static_cast<bool>(verdict);
 }
 
-// The id in the text of a CONNECTED event, which has neither topic nor QoS.
-std::string connected_id(std::string_view text)
-{
-    constexpr std::string_view kFront = R"({"clientId":")";
-    constexpr std::string_view kBack  = R"(","topic":"","qos":0})";
-    if (text.size() < kFront.size() + kBack.size())
-        return {};
-    return std::string(text.substr(kFront.size(), text.size() - kFront.size() - kBack.size()));
-}
-
-// Calls `take` with each id that is online. One that contains commas comes in pieces.
-template <class Take> void for_each_online(Take take)
-{
-    std::string list(kIdRoom * (kClientsMax + 1), '\0');
-    tarn_sdk_mqtt_broker_get_client_id_list(nullptr, list.data(), static_cast<int32_t>(list.size()));
-    std::string_view rest = list.c_str();
-    while (!rest.empty()) {
-        const size_t comma = std::min(rest.find(','), rest.size());
-        take(rest.substr(0, comma));
-        rest.remove_prefix(std::min(comma + 1, rest.size()));
-    }
-}
-
 // Clients that come in one second get one id. If those of two users are there, the second has to go: the library asks
 // by id what a client may do.
 void on_event(broker_t *broker, uint32_t kind, const char *text)
 {
     if (kind != BROKER_EVENT_CONNECTED || t_waits_for_id.empty())
         return;
-    const std::string id       = connected_id(text);
+    const std::string id(read_event_text(kind, text).client_id.value_or(""));
     const auto        is_alone = [&] {
-        int clients = 0;
-        for_each_online([&](std::string_view other) { clients += other == id; });
-        return clients <= 1;
+        const std::vector<std::string> online = online_id_pieces();
+        return std::count(online.begin(), online.end(), id) <= 1;
     };
     if (!g_access->chosen(id, t_waits_for_id, is_alone)) {
         g_tell({Refusal::Login, t_waits_for_id, id, peer_address(), "", "another user got the same id in this second"});
@@ -106,8 +83,7 @@ void kick_unwelcome(broker_t *broker, const Access &access)
 {
     int kicked = 0;
     for (const std::string &id : access.unwelcome()) {
-        tarn_sdk_mqtt_client_info_t info;
-        if (tarn_sdk_mqtt_broker_get_client_info(broker, id.c_str(), &info) == TARN_OK)
+        if (client_info(broker, id))
             kicked += tarn_sdk_mqtt_broker_kick_client(broker, id.c_str()) == TARN_OK;
         if (kicked == kKicksMax)
             return;
@@ -136,9 +112,8 @@ void look_after(broker_t *broker, Access &access)
     if (!access.asks_for_users())
         return;
     kick_unwelcome(broker, access);
-    std::set<std::string, std::less<>> online;
-    for_each_online([&](std::string_view id) { online.emplace(id); });
-    access.sweep(online);
+    std::vector<std::string> online = online_id_pieces();
+    access.sweep({std::make_move_iterator(online.begin()), std::make_move_iterator(online.end())});
     if (const Mistake mistake = access.save_owners(); !mistake.empty())
         fprintf(stderr, "tarn-broker: %s\n", mistake.c_str());
 }

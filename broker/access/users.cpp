@@ -3,10 +3,12 @@
 #include <crypt.h>
 #include <memory>
 
+#include <tarn_sdk_mqtt_broker/codec/mqtt_codec.h>
+
 namespace tarn::broker {
 namespace {
 
-constexpr size_t kNameMax = 64; // bytes; the library takes no longer ones
+constexpr size_t kNameMax = sizeof(mqtt_connect_para_t::username) - 1; // bytes; the library takes no longer ones
 
 // yescrypt at its lowest cost: a few milliseconds and 1 MiB, which a guesser needs for each guess, too.
 constexpr const char   *kMethod = "$y$";
@@ -17,6 +19,12 @@ std::string crypted(const std::string &password, const std::string &setting)
     const auto  data = std::make_unique<crypt_data>();
     const char *hash = crypt_r(password.c_str(), setting.c_str(), data.get());
     return hash && *hash != '*' ? hash : std::string();
+}
+
+bool matches(const std::string &hash, const std::string &password)
+{
+    const std::string now = crypted(password, hash);
+    return !now.empty() && equal_in_constant_time(now, hash);
 }
 
 std::string_view bytes_of(const Hash128 &hash)
@@ -111,22 +119,6 @@ bool Users::check(const std::string &name, const std::string &password)
         right_last_[name] = now;
     }
     return right;
-}
-
-unsigned Users::hashings() const
-{
-    const std::lock_guard lock(mutex_);
-    return hashings_;
-}
-
-bool Users::matches(const std::string &hash, const std::string &password)
-{
-    {
-        const std::lock_guard lock(mutex_);
-        ++hashings_;
-    }
-    const std::string now = crypted(password, hash);
-    return !now.empty() && equal_in_constant_time(now, hash);
 }
 
 Hash128 Users::trace(const std::string &hash, const std::string &password) const

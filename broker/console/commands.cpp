@@ -8,13 +8,16 @@
 #include <vector>
 
 #include <tarn_sdk_mqtt_broker.h>
+#include <tarn_sdk_mqtt_broker/base/limits.h>
 #include <tarn_sdk_mqtt_broker/sub/retain.h>
 
 namespace tarn::broker {
 namespace {
 
-constexpr size_t kTopicMax   = 255;  // what the library's publish takes without cutting it
-constexpr size_t kMessageMax = 2035; // topic and payload, so that every subscriber gets it
+constexpr size_t kTopicMax = 255; // what the library's publish takes without cutting it
+// Topic and payload, so that every subscriber gets it: first byte, two of length, the topic's length, packet identifier,
+// properties' length and an expiry interval stand beside them in the library's buffer.
+constexpr size_t kMessageMax = PACKET_DELIVERY_SIZE - (1 + 2 + 2 + 2 + 1 + 5);
 
 using Arguments = std::vector<std::string>; // without the command's own name
 
@@ -34,19 +37,12 @@ struct Command {
     void (*act)(broker_t *broker, const Arguments &arguments, Answer &answer);
 };
 
-std::string address_of(const tarn_sdk_mqtt_client_info_t &info)
-{
-    return std::string(info.ip) + ':' + std::to_string(info.port);
-}
-
 void list_clients(broker_t *broker, const Arguments & /*none*/, Answer &answer)
 {
-    for (const std::string &id : clients_online(broker)) {
-        tarn_sdk_mqtt_client_info_t info{};
-        if (tarn_sdk_mqtt_broker_get_client_info(broker, id.c_str(), &info) == TARN_OK)
-            answer.line(quote_word(id) + ' ' + address_of(info) + " keep-alive " + std::to_string(info.keepalive) +
-                        " idle " + std::to_string(info.idle_seconds));
-    }
+    for (const std::string &id : clients_online(broker))
+        if (const auto info = client_info(broker, id))
+            answer.line(quote_word(id) + ' ' + address_of(*info) + " keep-alive " + std::to_string(info->keepalive) +
+                        " idle " + std::to_string(info->idle_seconds));
 }
 
 void describe_client(broker_t *broker, const Arguments &arguments, Answer &answer)
@@ -71,13 +67,13 @@ void kick(broker_t *broker, const Arguments &arguments, Answer &answer)
 std::string fault_of_message(const std::string &topic, const std::string &text)
 {
     if (topic.empty() || topic.size() > kTopicMax)
-        return "a topic has 1 to 255 bytes";
+        return "a topic has 1 to " + std::to_string(kTopicMax) + " bytes";
     if (topic.find_first_of("+#") != topic.npos)
         return "a topic to publish to has no + or #";
     if (text.empty())
         return "there is no empty message; clear removes a retained one";
     if (topic.size() + text.size() > kMessageMax)
-        return "topic and text have 2035 bytes at most";
+        return "topic and text have " + std::to_string(kMessageMax) + " bytes at most";
     return "";
 }
 

@@ -150,12 +150,9 @@ void Top::State::draw()
               .first_client = first,
               .clients      = {},
               .log          = pane->last(log_rows(size.rows))};
-    for (size_t i = first; i < clients.size() && view.clients.size() < client_rows(size.rows); ++i) {
-        tarn_sdk_mqtt_client_info_t info{};
-        if (tarn_sdk_mqtt_broker_get_client_info(broker, clients[i].c_str(), &info) == TARN_OK)
-            view.clients.push_back({clients[i], std::string(info.ip) + ':' + std::to_string(info.port), info.keepalive,
-                                    info.idle_seconds});
-    }
+    for (size_t i = first; i < clients.size() && view.clients.size() < client_rows(size.rows); ++i)
+        if (const auto info = client_info(broker, clients[i]))
+            view.clients.push_back({clients[i], address_of(*info), info->keepalive, info->idle_seconds});
     if (!terminal.draw(lay_out(view, size.rows, size.columns, terminal.blocks()), afresh))
         loop.on_writable(terminal.fd(), [this] { draw(); });
     afresh = false;

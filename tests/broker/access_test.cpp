@@ -1,47 +1,25 @@
 #include "broker/access/access.h"
+#include "support/files.h"
+#include "user_file.h"
 
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <thread>
 
 using namespace tarn::broker;
+using namespace tarn::test;
 
 namespace {
-
-using Ids = std::set<std::string, std::less<>>;
-
-void write(const std::string &name, const std::string &text)
-{
-    std::ofstream(name) << text;
-}
-
-std::string read(const std::string &name)
-{
-    std::string text;
-    EXPECT_EQ(read_file(name, text), "");
-    return text;
-}
-
-// Everybody's password is "right".
-std::string users(std::initializer_list<const char *> names)
-{
-    static const std::string hash = hash_password("right");
-    std::string              text;
-    for (const char *name : names)
-        text += std::string(name) + ":" + hash + "\n";
-    return text;
-}
 
 struct access : testing::Test {
     void SetUp() override
     {
         std::filesystem::create_directories("broker_data/subscription");
-        write("users", users({"alice", "bob"}));
-        write("acl", "read news\nuser alice\nreadwrite home/#\n");
+        write_text("users", user_lines({"alice", "bob"}));
+        write_text("acl", "read news\nuser alice\nreadwrite home/#\n");
     }
-    static void save_session(const std::string &id) { write("broker_data/subscription/" + id + ".json", "{}"); }
+    static void save_session(const std::string &id) { write_text("broker_data/subscription/" + id + ".json", "{}"); }
     static void sweeps(Access &access, const Ids &online)
     {
         for (int i = 0; i < 3; ++i)
@@ -80,7 +58,7 @@ TEST_F(access, with_users_alone_who_is_logged_in_may_do_everything)
 TEST_F(access, before_connect_and_with_bad_topics_nothing_is_allowed)
 {
     for (const char *user_file : {"users", ""}) {
-        write("all", "readwrite #\n");
+        write_text("all", "readwrite #\n");
         Access some(user_file, "all");
         ASSERT_EQ(some.load(), "");
         ASSERT_TRUE(some.may_connect("x", "alice", "right"));
@@ -109,7 +87,7 @@ TEST_F(access, with_both_the_rules_of_the_user_count)
 
 TEST_F(access, a_refusal_has_its_reason)
 {
-    write("acl", "read news\nuser bob\nclientid b*\n");
+    write_text("acl", "read news\nuser bob\nclientid b*\n");
     Access some("users", "acl");
     ASSERT_EQ(some.load(), "");
     EXPECT_STREQ(some.may_connect("x", "", "right").why_not, "user name or password is missing");
@@ -133,7 +111,7 @@ TEST_F(access, a_refusal_has_its_reason)
 
 TEST_F(access, a_will_needs_the_right_to_write)
 {
-    write("acl", "write own/%c\nuser alice\nwrite home/#\nclient sensor-*\nwrite sensors/#\n");
+    write_text("acl", "write own/%c\nuser alice\nwrite home/#\nclient sensor-*\nwrite sensors/#\n");
     Access some("users", "acl");
     ASSERT_EQ(some.load(), "");
     EXPECT_TRUE(some.may_leave_will("x", "alice", "home/x"));
@@ -153,7 +131,7 @@ TEST_F(access, a_will_needs_the_right_to_write)
     EXPECT_FALSE(users_alone.may_leave_will("x", "alice", "any/#"));
 
     Access rules_alone("", "acl2"); // whoever claims to be alice
-    write("acl2", "write own/%c\n");
+    write_text("acl2", "write own/%c\n");
     ASSERT_EQ(rules_alone.load(), "");
     EXPECT_TRUE(rules_alone.may_leave_will("x", "alice", "own/x"));
     EXPECT_FALSE(rules_alone.may_leave_will("x", "alice", "home/x"));
@@ -161,7 +139,7 @@ TEST_F(access, a_will_needs_the_right_to_write)
 
 TEST_F(access, with_rules_alone_everybody_connects)
 {
-    write("acl", "read news\nclient lamp*\nwrite lamps/%c\n");
+    write_text("acl", "read news\nclient lamp*\nwrite lamps/%c\n");
     Access some("", "acl");
     EXPECT_TRUE(some.is_wanted());
     EXPECT_FALSE(some.asks_for_users());
@@ -249,10 +227,10 @@ TEST_F(access, owners_of_saved_sessions_outlive_the_process)
         some.may_subscribe("x", "a");
         some.may_subscribe("a/b", "a");
         ASSERT_EQ(some.save_owners(), "");
-        EXPECT_EQ(read("broker_data/owners"), "");
+        EXPECT_EQ(file_text("broker_data/owners"), "");
         save_session("x"); // the library writes its file after it asked
         ASSERT_EQ(some.save_owners(), "");
-        EXPECT_EQ(read("broker_data/owners"), "x alice\n");
+        EXPECT_EQ(file_text("broker_data/owners"), "x alice\n");
         std::filesystem::remove("broker_data/owners");
         ASSERT_EQ(some.save_owners(), "");
         EXPECT_FALSE(std::filesystem::exists("broker_data/owners"));
@@ -280,12 +258,12 @@ TEST_F(access, owners_that_cannot_be_saved_are_saved_later)
         EXPECT_EQ(some.save_owners(), "cannot make a file beside broker_data/owners: No such file or directory");
     std::filesystem::rename("away", "broker_data");
     EXPECT_EQ(some.save_owners(), "");
-    EXPECT_EQ(read("broker_data/owners"), "x alice\n");
+    EXPECT_EQ(file_text("broker_data/owners"), "x alice\n");
 }
 
 TEST_F(access, a_broken_file_of_owners_is_told)
 {
-    write("broker_data/owners", "x\n");
+    write_text("broker_data/owners", "x\n");
     Access some("users", "");
     EXPECT_EQ(some.restore_owners(),
               "broker_data/owners:1: a line is ID USER, with %XX for bytes that are not visible");
@@ -298,8 +276,8 @@ TEST_F(access, loading_replaces_both_files)
     ASSERT_EQ(some.load(), "");
     some.may_connect("x", "alice", "right");
     some.may_connect("y", "bob", "right");
-    write("users", users({"bob", "carol"}));
-    write("acl", "readwrite #\n");
+    write_text("users", user_lines({"bob", "carol"}));
+    write_text("acl", "readwrite #\n");
     EXPECT_FALSE(some.may_publish("y", "anything"));
     ASSERT_EQ(some.load(), "");
     EXPECT_TRUE(some.may_publish("y", "anything"));
@@ -314,15 +292,15 @@ TEST_F(access, with_a_mistake_nothing_changes)
 {
     Access some("users", "acl");
     ASSERT_EQ(some.load(), "");
-    write("users", users({"carol"}));
-    write("acl", "read news\n\nreed news\n");
+    write_text("users", user_lines({"carol"}));
+    write_text("acl", "read news\n\nreed news\n");
     EXPECT_EQ(some.load(),
               "acl:3: a line begins with read, write, readwrite, user, clientid or client, not with 'reed'");
     EXPECT_FALSE(some.may_connect("x", "carol", "right"));
     EXPECT_TRUE(some.may_connect("x", "alice", "right"));
     EXPECT_TRUE(some.may_publish("x", "home/lamp"));
 
-    write("users", "alice\n");
+    write_text("users", "alice\n");
     EXPECT_EQ(some.load(), "users:1: a line is NAME:HASH, and here is no ':'");
     std::remove("users");
     EXPECT_EQ(some.load(), "cannot read users: No such file or directory");

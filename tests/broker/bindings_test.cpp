@@ -7,8 +7,6 @@ using namespace tarn::broker;
 
 namespace {
 
-using Ids = std::set<std::string, std::less<>>;
-
 struct bindings : testing::Test {
     void sweep(const Ids &online = {})
     {
@@ -18,6 +16,11 @@ struct bindings : testing::Test {
     {
         while (count-- > 0)
             sweep(online);
+    }
+    size_t        count() const { return count_of(table); }
+    static size_t count_of(const Bindings &bindings)
+    {
+        return bindings.ids_where([](const std::string & /*any*/) { return true; }).size();
     }
     std::string to_text()
     {
@@ -71,7 +74,7 @@ TEST_F(bindings, subscriptions_keep_the_id_of_an_offline_client)
     table.subscribed("unknown");
     sweeps(5);
     EXPECT_FALSE(table.bind("x", "bob"));
-    EXPECT_EQ(table.count(), 1u);
+    EXPECT_EQ(count(), 1u);
 }
 
 TEST_F(bindings, a_saved_session_keeps_the_id)
@@ -91,9 +94,9 @@ TEST_F(bindings, commas_in_ids_do_not_end_them)
     for (const char *id : {"a,b", ",", "a,", ",,b"})
         table.bind(id, "alice");
     sweeps(3, {"a", "b", ""});
-    EXPECT_EQ(table.count(), 4u);
+    EXPECT_EQ(count(), 4u);
     sweeps(1, {"b"});
-    EXPECT_EQ(table.count(), 0u);
+    EXPECT_EQ(count(), 0u);
 }
 
 TEST_F(bindings, a_user_has_so_many_ids_and_takes_nobody_elses)
@@ -104,7 +107,7 @@ TEST_F(bindings, a_user_has_so_many_ids_and_takes_nobody_elses)
     EXPECT_TRUE(table.bind("m0", "mallory")); // one that is there
     EXPECT_TRUE(table.bind("x", "alice"));
     sweeps(2);
-    EXPECT_EQ(table.count(), 0u);
+    EXPECT_EQ(count(), 0u);
     EXPECT_TRUE(table.bind("one more", "mallory"));
 }
 
@@ -129,7 +132,7 @@ TEST_F(bindings, of_the_subscribed_ones_that_are_offline_the_youngest_stay)
     for (const char *id : {"older but saved", "online", "m0"})
         EXPECT_EQ(table.user_of(id), "mallory") << id;
     EXPECT_EQ(table.user_of("alices"), "alice");
-    EXPECT_EQ(table.count(), Bindings::kKeptOffline + 3);
+    EXPECT_EQ(count(), Bindings::kKeptOffline + 3);
 }
 
 TEST_F(bindings, saved_ones_are_written_and_come_back)
@@ -146,12 +149,12 @@ TEST_F(bindings, saved_ones_are_written_and_come_back)
     const auto is_saved = [this](const std::string &id) { return saved.contains(id); };
     Bindings   later;
     EXPECT_EQ(later.restore("owners", text + "gone bob\n", is_saved), "");
-    EXPECT_EQ(later.count(), 3u);
+    EXPECT_EQ(count_of(later), 3u);
     for (const std::string &id : saved)
         EXPECT_EQ(later.user_of(id), "al ice") << id;
     for (int i = 0; i < 5; ++i)
         later.sweep({}, is_saved);
-    EXPECT_EQ(later.count(), 3u);
+    EXPECT_EQ(count_of(later), 3u);
 }
 
 TEST_F(bindings, of_a_broken_file_the_line_is_told)
@@ -190,5 +193,5 @@ TEST_F(bindings, are_used_by_several_threads)
     }
     for (std::thread &thread : threads)
         thread.join();
-    EXPECT_EQ(table.count(), 300u);
+    EXPECT_EQ(count(), 300u);
 }

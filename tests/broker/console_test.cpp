@@ -77,24 +77,16 @@ class control_socket : public testing::Test {
 protected:
     control_socket() : broker_(run({"--control", kPath})) { EXPECT_TRUE(serves(broker_)) << broker_.errors(); }
 
-    // Status and what it printed, of `tarn-broker ctl ctl ...`.
-    struct Result {
-        int         status;
-        std::string output, errors;
-    };
-    Result ctl(std::vector<std::string> words)
+    // Of `tarn-broker ctl ctl ...`.
+    static Result ctl(std::vector<std::string> words)
     {
         words.insert(words.begin(), {"ctl", kPath});
-        Child     child  = run(words);
-        const int status = child.wait(kLimit_ms);
-        return {status, child.output(), child.errors()};
+        return result_of(run(words));
     }
-    Result ctl_with_input(const std::string &input)
+    static Result ctl_with_input(const std::string &input)
     {
-        std::ofstream("input") << input;
-        Child     child("session", {"sh", "-c", std::string(TARN_BROKER_PROGRAM) + " ctl ctl <input"});
-        const int status = child.wait(kLimit_ms);
-        return {status, child.output(), child.errors()};
+        write_text("input", input);
+        return result_of({"session", {"sh", "-c", std::string(TARN_BROKER_PROGRAM) + " ctl ctl <input"}});
     }
 
     Child broker_;
@@ -234,8 +226,7 @@ TEST_F(control_socket, socket_is_its_owners_alone_and_goes_with_the_broker)
     ASSERT_EQ(stat(kPath, &there), 0);
     EXPECT_TRUE(S_ISSOCK(there.st_mode));
     EXPECT_EQ(there.st_mode & 0777, 0600u);
-    broker_.signal(SIGTERM);
-    EXPECT_EQ(broker_.wait(kLimit_ms), 0);
+    EXPECT_TRUE(ends_well(broker_));
     EXPECT_NE(stat(kPath, &there), 0);
 }
 
@@ -252,33 +243,29 @@ TEST_F(control_socket, a_stale_socket_is_replaced)
 TEST_F(control_socket, a_living_one_is_left_alone)
 {
     std::filesystem::create_directory("elsewhere"); // two brokers cannot have one directory
-    Child other = run({"--directory", "elsewhere", "--control", "../ctl"});
-    EXPECT_EQ(other.wait(kLimit_ms), 1);
-    EXPECT_EQ(other.errors(), "tarn-broker: --control ../ctl: another program listens there\n");
+    EXPECT_EQ(mistake_of(run({"--directory", "elsewhere", "--control", "../ctl"})),
+              "tarn-broker: --control ../ctl: another program listens there\n");
     EXPECT_EQ(Console().ask("clients"), "ok\n");
 }
 
 TEST_F(control_socket, one_that_took_its_place_is_not_removed)
 {
     std::filesystem::remove(kPath);
-    std::ofstream(kPath) << "something else";
-    broker_.signal(SIGTERM);
-    EXPECT_EQ(broker_.wait(kLimit_ms), 0);
+    write_text(kPath, "something else");
+    EXPECT_TRUE(ends_well(broker_));
     EXPECT_TRUE(std::filesystem::exists(kPath));
 }
 
 TEST(control_path, faults_are_told)
 {
-    std::ofstream("file") << "x";
+    write_text("file", "x");
     const std::pair<std::string, std::string> cases[] = {
         {"file", "there is something that is no socket"},
         {"nowhere/ctl", "No such file or directory"},
         {std::string(108, 'x'), "the path is longer than 107 bytes"},
     };
     for (const auto &[path, fault] : cases) {
-        Child broker = run({"--control", path});
-        EXPECT_EQ(broker.wait(kLimit_ms), 1);
-        EXPECT_EQ(broker.errors(), "tarn-broker: --control " + path + ": " + fault + "\n");
+        EXPECT_EQ(mistake_of(run({"--control", path})), "tarn-broker: --control " + path + ": " + fault + "\n");
     }
     EXPECT_EQ(file_text("file"), "x");
 }
@@ -350,8 +337,7 @@ TEST_F(control_socket, one_that_never_reads_holds_up_nobody)
     const double before_s = cpu_seconds(broker_.pid());
     pause_ms(200);
     EXPECT_LT(cpu_seconds(broker_.pid()) - before_s, 0.15) << "it spins";
-    broker_.signal(SIGTERM);
-    EXPECT_EQ(broker_.wait(kLimit_ms), 0);
+    EXPECT_TRUE(ends_well(broker_));
     close(fd);
 }
 
@@ -397,8 +383,7 @@ TEST_F(control_socket, ctl_notices_that_the_broker_ends)
     EXPECT_EQ(other.ask("clients"), "ok\n");
     std::ofstream("typing") << "clients\n" << std::flush;
     EXPECT_TRUE(wait_until([&] { return session.output() == "ok\n"; }));
-    broker_.signal(SIGTERM);
-    EXPECT_EQ(broker_.wait(kLimit_ms), 0);
+    EXPECT_TRUE(ends_well(broker_));
     EXPECT_EQ(session.wait(kLimit_ms), 1);
     EXPECT_EQ(session.errors(), "tarn-broker: the broker has closed the connection\n");
 }
@@ -417,10 +402,7 @@ TEST(ctl, misuse_ends_with_2)
 
 TEST(ctl, says_that_nobody_is_there)
 {
-    Child child = run({"ctl", "nowhere", "stats"});
-    EXPECT_EQ(child.wait(kLimit_ms), 1);
-    EXPECT_EQ(child.errors(), "tarn-broker: nowhere: No such file or directory\n");
-    Child too_long = run({"ctl", std::string(108, 'x'), "stats"});
-    EXPECT_EQ(too_long.wait(kLimit_ms), 1);
-    EXPECT_EQ(too_long.errors(), "tarn-broker: " + std::string(108, 'x') + ": the path is too long\n");
+    EXPECT_EQ(mistake_of(run({"ctl", "nowhere", "stats"})), "tarn-broker: nowhere: No such file or directory\n");
+    EXPECT_EQ(mistake_of(run({"ctl", std::string(108, 'x'), "stats"})),
+              "tarn-broker: " + std::string(108, 'x') + ": the path is too long\n");
 }

@@ -82,8 +82,7 @@ TEST(events, go_to_standard_output_when_asked)
     Child broker = run({"--events", "-"});
     ASSERT_TRUE(serves(broker));
     Peer::tcp().connect_v4("a");
-    EXPECT_TRUE(wait_until(
-        [&] { return broker.output().find("\"event\":\"connected\",\"clientId\":\"a\"") != std::string::npos; }));
+    EXPECT_TRUE(prints(broker, "\"event\":\"connected\",\"clientId\":\"a\""));
 }
 
 // Whatever clients put into their ids and topics, a line is a line and JSON.
@@ -139,7 +138,7 @@ TEST(events, a_reader_that_sleeps_holds_up_nobody)
     }
     std::string got;
     broker.signal(SIGTERM);
-    EXPECT_TRUE(wait_until([&] { return broker.errors().find("ending") != std::string::npos; }));
+    EXPECT_TRUE(says(broker, "ending"));
     char bytes[65536];
     for (bool ended = false; !ended;) {
         ended = broker.ended();
@@ -159,9 +158,7 @@ TEST(events, faults_are_told)
     const std::pair<std::string, std::string> cases[] = {
         {"fifo", "nobody reads from it"}, {"nowhere/x", "No such file or directory"}, {".", "Is a directory"}};
     for (const auto &[file, fault] : cases) {
-        Child broker = run({"--events", file});
-        EXPECT_EQ(broker.wait(kLimit_ms), 1);
-        EXPECT_EQ(broker.errors(), "tarn-broker: --events " + file + ": " + fault + "\n");
+        EXPECT_EQ(mistake_of(run({"--events", file})), "tarn-broker: --events " + file + ": " + fault + "\n");
     }
 }
 
@@ -197,7 +194,7 @@ TEST(statistics, wait_for_no_reader)
     Peer::tcp().connect_v4("a").ping();
     broker.signal(SIGTERM);
     // What the library itself logs at the end needs room again.
-    EXPECT_TRUE(wait_until([&] { return broker.errors().find("ending") != std::string::npos; }));
+    EXPECT_TRUE(says(broker, "ending"));
     while (read(reader, bytes, sizeof bytes) > 0 || !broker.ended()) {}
     EXPECT_EQ(broker.wait(kLimit_ms), 0);
     close(reader);
@@ -223,8 +220,7 @@ TEST(attached, everything_ends_under_load)
     });
     EXPECT_TRUE(wait_until([&] { return file_text("events").size() > 50'000 && !console.output().empty(); }));
     broker.signal(SIGUSR1);
-    broker.signal(SIGTERM);
-    EXPECT_EQ(broker.wait(kLimit_ms), 0) << broker.errors();
+    EXPECT_TRUE(ends_well(broker));
     EXPECT_EQ(console.wait(kLimit_ms), 1);
     enough = true;
     load.join();

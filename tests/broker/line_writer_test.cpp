@@ -1,4 +1,5 @@
 #include "broker/line_writer.h"
+#include "support/files.h"
 #include "support/timing.h"
 
 #include <algorithm>
@@ -6,7 +7,6 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
 #include <sys/resource.h>
@@ -32,13 +32,6 @@ std::string read_rest(int fd)
     for (ssize_t count; (count = read(fd, bytes, sizeof bytes)) > 0;)
         text.append(bytes, static_cast<size_t>(count));
     return text;
-}
-
-std::string file_text(const char *name)
-{
-    std::ostringstream text;
-    text << std::ifstream(name).rdbuf();
-    return text.str();
 }
 
 // x0, x1 ... as far as `written`: some are missing, and each gap is told where it is.

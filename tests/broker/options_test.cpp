@@ -24,6 +24,24 @@ std::string error_of(std::initializer_list<const char *> arguments)
     return read(arguments).error;
 }
 
+struct NumberRow {      // what a number may be, and what it is when nobody says
+    const char *letter; // its short form; where there is none, the name again
+    const char *name;
+    int32_t     lowest, highest, usual;
+    int32_t Options::*target;
+
+    std::string refusal(const std::string &text) const
+    {
+        return std::string(name) + " takes a number from " + std::to_string(lowest) + " to " + std::to_string(highest) +
+               ", not '" + text + "'";
+    }
+};
+constexpr NumberRow kNumbers[] = {
+    {"-k", "--keep-alive", 1, 3600, 300, &Options::keepalive_s},
+    {"--max-packet-size", "--max-packet-size", 256, 10485760, 4096, &Options::max_packet_size},
+    {"-c", "--max-clients", 1, 11000, 5000, &Options::max_clients},
+};
+
 } // namespace
 
 TEST(options, nothing_given_serves_with_the_librarys_defaults)
@@ -32,9 +50,8 @@ TEST(options, nothing_given_serves_with_the_librarys_defaults)
     EXPECT_EQ(line.error, "");
     EXPECT_EQ(line.wish, Wish::Serve);
     EXPECT_EQ(line.options.level(), 3u);
-    EXPECT_EQ(line.options.keepalive_s, 300);
-    EXPECT_EQ(line.options.max_packet_size, 4096);
-    EXPECT_EQ(line.options.max_clients, 5000);
+    for (const NumberRow &row : kNumbers)
+        EXPECT_EQ(line.options.*row.target, row.usual) << row.name;
 }
 
 TEST(options, short_and_long_names_set_the_same)
@@ -80,31 +97,29 @@ TEST(options, the_port_is_always_1883)
 
 TEST(options, numbers_are_taken_to_their_limits)
 {
-    EXPECT_EQ(read({"-k", "1"}).options.keepalive_s, 1);
-    EXPECT_EQ(read({"-k", "3600"}).options.keepalive_s, 3600);
-    EXPECT_EQ(read({"--max-packet-size", "256"}).options.max_packet_size, 256);
-    EXPECT_EQ(read({"--max-packet-size=10485760"}).options.max_packet_size, 10485760);
-    EXPECT_EQ(read({"-c", "1"}).options.max_clients, 1);
-    EXPECT_EQ(read({"-c", "11000"}).options.max_clients, 11000);
+    for (const NumberRow &row : kNumbers)
+        for (const int32_t value : {row.lowest, row.highest}) {
+            const std::string text = std::to_string(value), joined = std::string(row.name) + '=' + text;
+            EXPECT_EQ(read({row.letter, text.c_str()}).options.*row.target, value) << row.name;
+            EXPECT_EQ(read({joined.c_str()}).options.*row.target, value) << joined;
+        }
 }
 
 TEST(options, numbers_beyond_their_limits_are_refused)
 {
-    EXPECT_EQ(error_of({"-k", "0"}), "--keep-alive takes a number from 1 to 3600, not '0'");
-    EXPECT_EQ(error_of({"-k", "3601"}), "--keep-alive takes a number from 1 to 3600, not '3601'");
-    EXPECT_EQ(error_of({"--max-packet-size", "255"}),
-              "--max-packet-size takes a number from 256 to 10485760, not '255'");
-    EXPECT_EQ(error_of({"--max-packet-size=10485761"}),
-              "--max-packet-size takes a number from 256 to 10485760, not '10485761'");
-    EXPECT_EQ(error_of({"-c", "0"}), "--max-clients takes a number from 1 to 11000, not '0'");
-    EXPECT_EQ(error_of({"-c", "11001"}), "--max-clients takes a number from 1 to 11000, not '11001'");
+    for (const NumberRow &row : kNumbers)
+        for (const int32_t value : {row.lowest - 1, row.highest + 1}) {
+            const std::string text = std::to_string(value), joined = std::string(row.name) + '=' + text;
+            EXPECT_EQ(error_of({row.letter, text.c_str()}), row.refusal(text));
+            EXPECT_EQ(error_of({joined.c_str()}), row.refusal(text));
+        }
 }
 
 TEST(options, texts_that_are_no_numbers_are_refused)
 {
     for (const char *text : {"", "x", "5x", "0x10", "5 ", "-5", "1.5", "99999999999999999999"})
-        EXPECT_EQ(error_of({"-k", text}),
-                  std::string("--keep-alive takes a number from 1 to 3600, not '") + text + "'");
+        for (const NumberRow &row : kNumbers)
+            EXPECT_EQ(error_of({row.letter, text}), row.refusal(text));
 }
 
 TEST(options, names_are_taken_as_they_are)
@@ -141,6 +156,15 @@ TEST(options, help_lists_every_option_in_columns)
     for (const char *name : {"--log-level", "-p, --port 1883 ", "--max-packet-size", "--max-clients", "--user-file",
                              "--acl-file", "--user NAME", "--directory", "--help", "--version"})
         EXPECT_NE(text.find(name), std::string::npos) << name;
+}
+
+TEST(options, help_tells_what_numbers_may_be)
+{
+    for (const NumberRow &row : kNumbers)
+        EXPECT_NE(help_text().find(std::to_string(row.lowest) + ".." + std::to_string(row.highest) + " (" +
+                                   std::to_string(row.usual) + ")"),
+                  std::string::npos)
+            << row.name;
 }
 
 TEST(options, mistakes_are_named)

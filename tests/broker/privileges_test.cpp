@@ -3,6 +3,7 @@
 #include "support/peer.h"
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
@@ -39,18 +40,8 @@ struct privileges : testing::Test {
         if (geteuid() != 0 || !nobody || chown(".", nobody->pw_uid, nobody->pw_gid) != 0)
             GTEST_SKIP() << "only root can become nobody";
     }
-    std::string mistake_of(const std::vector<std::string> &options)
-    {
-        Child broker = run(options);
-        EXPECT_EQ(broker.wait(kLimit_ms), 1);
-        return broker.errors();
-    }
-    static std::string here()
-    {
-        char directory[4096];
-        return getcwd(directory, sizeof directory) ? directory : "";
-    }
-    const passwd *nobody = nullptr;
+    static std::string mistake_with(const std::vector<std::string> &options) { return mistake_of(run(options)); }
+    const passwd      *nobody = nullptr;
 };
 
 } // namespace
@@ -70,15 +61,14 @@ TEST_F(privileges, are_gone_for_every_thread)
     struct stat made {};
     ASSERT_EQ(stat("broker_data/session", &made), 0);
     EXPECT_EQ(made.st_uid, nobody->pw_uid);
-    broker.signal(SIGTERM);
-    EXPECT_EQ(broker.wait(kLimit_ms), 0);
+    EXPECT_TRUE(ends_well(broker));
 }
 
 TEST_F(privileges, files_are_read_without_them_so_that_they_can_be_read_again)
 {
-    std::ofstream("rules") << "readwrite #\n";
+    write_text("rules", "readwrite #\n");
     ASSERT_EQ(chmod("rules", 0600), 0);
-    EXPECT_EQ(mistake_of({"--user", "nobody", "--acl-file", "rules"}),
+    EXPECT_EQ(mistake_with({"--user", "nobody", "--acl-file", "rules"}),
               "tarn-broker: cannot read rules: Permission denied\n");
     ASSERT_EQ(chown("rules", nobody->pw_uid, nobody->pw_gid), 0);
     Child broker = run({"--user", "nobody", "--acl-file", "rules"});
@@ -91,13 +81,15 @@ TEST_F(privileges, the_data_directory_must_be_theirs)
 {
     ASSERT_EQ(chown(".", 0, 0), 0);
     ASSERT_EQ(chmod(".", 0755), 0);
-    EXPECT_EQ(mistake_of({"--user", "nobody"}),
-              "tarn-broker: cannot keep sessions in " + here() + ": Permission denied\n");
+    EXPECT_EQ(mistake_with({"--user", "nobody"}), "tarn-broker: cannot keep sessions in " +
+                                                      std::filesystem::current_path().string() +
+                                                      ": Permission denied\n");
     for (const char *name : {"broker_data", "broker_data/session", "broker_data/subscription", "broker_data/message"})
         ASSERT_EQ(mkdir(name, 0755), 0);
     for (const char *name : {"broker_data", "broker_data/session", "broker_data/subscription", "broker_data/message"}) {
-        EXPECT_EQ(mistake_of({"--user", "nobody"}),
-                  "tarn-broker: cannot keep sessions in " + here() + "/" + name + ": Permission denied\n");
+        EXPECT_EQ(mistake_with({"--user", "nobody"}), "tarn-broker: cannot keep sessions in " +
+                                                          std::filesystem::current_path().string() + "/" + name +
+                                                          ": Permission denied\n");
         ASSERT_EQ(chown(name, nobody->pw_uid, nobody->pw_gid), 0);
     }
     ASSERT_EQ(rmdir("broker_data/message"), 0); // will be made
@@ -107,8 +99,9 @@ TEST_F(privileges, the_data_directory_must_be_theirs)
 
 TEST_F(privileges, a_user_that_is_not_there_or_may_do_everything_is_refused)
 {
-    EXPECT_EQ(mistake_of({"--user", "no such"}), "tarn-broker: cannot become user 'no such': there is no such user\n");
-    EXPECT_EQ(mistake_of({"--user", "root"}),
+    EXPECT_EQ(mistake_with({"--user", "no such"}),
+              "tarn-broker: cannot become user 'no such': there is no such user\n");
+    EXPECT_EQ(mistake_with({"--user", "root"}),
               "tarn-broker: cannot become user 'root': it may do everything, which is what --user is to end\n");
     EXPECT_NE(access("broker_data", F_OK), 0);
 }

@@ -1,18 +1,16 @@
 // tarn-broker as whoever starts it sees it: what it prints where, when it ends and with which status.
 #include "program.h"
 #include "support/peer.h"
+#include "support/terminal.h"
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <pty.h>
 #include <set>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace tarn::test;
@@ -40,23 +38,12 @@ private:
     int fd_;
 };
 
-std::string here()
-{
-    char directory[4096];
-    return getcwd(directory, sizeof directory) ? directory : "";
-}
-
 // As somebody whom the modes of files bind: root is not.
 Child run_without_privileges(const std::string &name, std::vector<std::string> command)
 {
     if (geteuid() == 0)
         command.insert(command.begin(), {"setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups"});
     return {name, command};
-}
-
-unsigned mode_of(const std::filesystem::path &path)
-{
-    return static_cast<unsigned>(std::filesystem::status(path).permissions());
 }
 
 const std::string kUdpIsClosed = "tarn-broker: UDP is closed until the next start: one of its clients has ended, and "
@@ -128,31 +115,15 @@ TEST(program, sighup_without_files_says_that_there_is_nothing_to_read)
     EXPECT_TRUE(says(broker, "tarn-broker: there is nothing to read again without --user-file and --acl-file\n"))
         << broker.errors();
     peer.ping();
-    broker.signal(SIGTERM);
-    EXPECT_EQ(broker.wait(kLimit_ms), 0);
+    EXPECT_TRUE(ends_well(broker));
 }
 
 TEST(program, ends_with_the_terminal_it_was_started_in)
 {
-    int         terminal = -1;
-    const pid_t pid      = forkpty(&terminal, nullptr, nullptr, nullptr);
-    if (pid == 0) {
-        execl(TARN_BROKER_PROGRAM, "tarn-broker", nullptr);
-        _exit(127);
-    }
-    std::string shown;
-    char        some[256];
-    for (ssize_t count; shown.find("serving") == shown.npos && (count = read(terminal, some, sizeof some)) > 0;)
-        shown.append(some, static_cast<size_t>(count));
-    ASSERT_NE(shown.find("serving"), shown.npos) << shown;
-    close(terminal);
-    int status = 0;
-    if (!wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; })) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        FAIL() << "it serves on";
-    }
-    EXPECT_EQ(status, 0);
+    OnTerminal terminal({TARN_BROKER_PROGRAM});
+    ASSERT_TRUE(terminal.shows("serving")) << terminal.shown();
+    terminal.hang_up();
+    EXPECT_EQ(terminal.wait(), 0);
 }
 
 // Ending takes a moment, in which a second signal may come; the machine decides whether it comes in time.
@@ -163,7 +134,7 @@ TEST(program, ends_at_once_on_a_second_signal)
         Child broker = run();
         ASSERT_TRUE(serves(broker));
         broker.signal(SIGTERM);
-        ASSERT_TRUE(wait_until([&] { return broker.errors().find("tarn-broker: ending\n") != std::string::npos; }));
+        ASSERT_TRUE(says(broker, "tarn-broker: ending\n"));
         broker.signal(SIGINT);
         status = broker.wait(kLimit_ms);
     }
@@ -189,8 +160,7 @@ TEST(program, logs_at_the_level_asked_for)
 {
     Child broker = run({"-l", "info"});
     ASSERT_TRUE(serves(broker));
-    EXPECT_TRUE(wait_until(
-        [&] { return broker.output().find("[SDK] start success, listen 0.0.0.0:1883\n") != std::string::npos; }));
+    EXPECT_TRUE(prints(broker, "[SDK] start success, listen 0.0.0.0:1883\n"));
 }
 
 // A client without an id is worth a warning.
@@ -200,8 +170,7 @@ TEST(program, logs_no_more_than_errors_unless_asked)
         Child broker = run(asked ? std::vector<std::string>{"-l", "warn"} : std::vector<std::string>{});
         ASSERT_TRUE(serves(broker));
         Peer::tcp().connect_v4("").ping();
-        broker.signal(SIGTERM);
-        EXPECT_EQ(broker.wait(kLimit_ms), 0);
+        EXPECT_TRUE(ends_well(broker));
         EXPECT_EQ(broker.output().find("[WARN] CONNECT decode: empty ClientID") != std::string::npos, asked)
             << broker.output();
     }
@@ -226,8 +195,7 @@ TEST(program, says_when_the_clients_do_not_fit_into_the_limit_of_files)
     Child small{"small", {"sh", "-c", "ulimit -n 100; exec \"$0\" -c 69", TARN_BROKER_PROGRAM}};
     ASSERT_TRUE(serves(small));
     EXPECT_TRUE(says(small, "tarn-broker: 69 clients do not fit into the limit of 100 open files (ulimit -n)\n"));
-    small.signal(SIGTERM);
-    EXPECT_EQ(small.wait(kLimit_ms), 0);
+    EXPECT_TRUE(ends_well(small));
 
     Child fits{"fits", {"sh", "-c", "ulimit -n 100; exec \"$0\" -c 68", TARN_BROKER_PROGRAM}};
     ASSERT_TRUE(serves(fits));
@@ -238,9 +206,7 @@ TEST(program, says_when_the_clients_do_not_fit_into_the_limit_of_files)
 TEST(program, says_why_it_cannot_listen)
 {
     Port1883 taken(SOCK_STREAM);
-    Child    broker = run();
-    EXPECT_EQ(broker.wait(kLimit_ms), 1);
-    EXPECT_EQ(broker.errors(), "tarn-broker: cannot listen on port 1883: Address already in use\n");
+    EXPECT_EQ(mistake_of(run()), "tarn-broker: cannot listen on port 1883: Address already in use\n");
 }
 
 // Too few descriptors for a start, but enough to see that it is not the port.
@@ -292,39 +258,35 @@ TEST(program, works_in_the_directory_it_is_told)
 
 TEST(program, says_that_it_cannot_go_to_a_directory)
 {
-    Child broker = run({"--directory=not there"});
-    EXPECT_EQ(broker.wait(kLimit_ms), 1);
-    EXPECT_EQ(broker.errors(), "tarn-broker: cannot go to not there: No such file or directory\n");
+    EXPECT_EQ(mistake_of(run({"--directory=not there"})),
+              "tarn-broker: cannot go to not there: No such file or directory\n");
 }
 
 TEST(program, a_directory_that_cannot_be_written_is_refused)
 {
     ASSERT_EQ(chmod(".", 0755), 0);
     ASSERT_EQ(mkdir("closed", 0555), 0);
-    const std::string refusal = "tarn-broker: cannot keep sessions in " + here() + "/closed: Permission denied\n";
-    Child             told    = run_without_privileges("told", {TARN_BROKER_PROGRAM, "--directory", "closed"});
-    EXPECT_EQ(told.wait(kLimit_ms), 1);
-    EXPECT_EQ(told.errors(), refusal);
-    Child there = run_without_privileges("there", {"sh", "-c", "cd closed && exec \"$0\"", TARN_BROKER_PROGRAM});
-    EXPECT_EQ(there.wait(kLimit_ms), 1);
-    EXPECT_EQ(there.errors(), refusal);
+    const std::string refusal = "tarn-broker: cannot keep sessions in " + std::filesystem::current_path().string() +
+                                "/closed: Permission denied\n";
+    EXPECT_EQ(mistake_of(run_without_privileges("told", {TARN_BROKER_PROGRAM, "--directory", "closed"})), refusal);
+    EXPECT_EQ(
+        mistake_of(run_without_privileges("there", {"sh", "-c", "cd closed && exec \"$0\"", TARN_BROKER_PROGRAM})),
+        refusal);
 }
 
 TEST(program, a_file_where_the_data_directory_belongs_is_told)
 {
-    std::ofstream("broker_data") << "x";
-    Child broker = run();
-    EXPECT_EQ(broker.wait(kLimit_ms), 1);
-    EXPECT_EQ(broker.errors(), "tarn-broker: cannot keep sessions in " + here() + "/broker_data: Not a directory\n");
+    write_text("broker_data", "x");
+    EXPECT_EQ(mistake_of(run()), "tarn-broker: cannot keep sessions in " + std::filesystem::current_path().string() +
+                                     "/broker_data: Not a directory\n");
 }
 
 TEST(program, two_brokers_cannot_have_one_directory)
 {
     Child first = run();
     ASSERT_TRUE(serves(first));
-    Child second = run({"--control", "ctl"});
-    EXPECT_EQ(second.wait(kLimit_ms), 1);
-    EXPECT_EQ(second.errors(), "tarn-broker: another broker keeps its sessions in " + here() + "/broker_data\n");
+    EXPECT_EQ(mistake_of(run({"--control", "ctl"})), "tarn-broker: another broker keeps its sessions in " +
+                                                         std::filesystem::current_path().string() + "/broker_data\n");
     EXPECT_NE(access("ctl", F_OK), 0); // it had begun nothing
     Peer::tcp().connect_v4("a").ping();
 
@@ -332,8 +294,7 @@ TEST(program, two_brokers_cannot_have_one_directory)
     EXPECT_EQ(first.wait(kLimit_ms), 128 + SIGKILL);
     Child third = run();
     ASSERT_TRUE(serves(third)) << third.errors();
-    third.signal(SIGTERM);
-    EXPECT_EQ(third.wait(kLimit_ms), 0);
+    EXPECT_TRUE(ends_well(third));
     Child fourth = run();
     EXPECT_TRUE(serves(fourth)) << fourth.errors();
 }
@@ -350,8 +311,7 @@ TEST(program, its_files_are_for_its_user_alone)
     writer.publish("t", "for later", {.qos = 1, .retain = true});
     writer.ping();
     EXPECT_EQ(mode_of("ctl"), 0600u);
-    broker.signal(SIGTERM);
-    EXPECT_EQ(broker.wait(kLimit_ms), 0);
+    EXPECT_TRUE(ends_well(broker));
 
     std::set<std::filesystem::path> made = {"broker_data", "events", "tarn_flash.txt"};
     for (const auto &entry : std::filesystem::recursive_directory_iterator("broker_data"))

@@ -1,11 +1,10 @@
 // tarn-broker with users and rules, asked by stock clients and, where those are too well-behaved, by plain peers.
-#include "broker/access/users.h"
 #include "program.h"
 #include "support/peer.h"
+#include "user_file.h"
 
 #include <atomic>
 #include <csignal>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
 #include <thread>
@@ -15,21 +14,6 @@ using namespace tarn::test;
 
 namespace {
 
-void write(const std::string &name, const std::string &text)
-{
-    std::ofstream(name) << text;
-}
-
-// Everybody's password is "right".
-std::string users(std::initializer_list<const char *> names)
-{
-    static const std::string hash = tarn::broker::hash_password("right");
-    std::string              text = "# everybody's password is the same\n";
-    for (const char *name : names)
-        text += std::string(name) + ":" + hash + "\n";
-    return text;
-}
-
 Connect as(const char *user, const char *password = "right")
 {
     return {.username = user, .password = password};
@@ -38,14 +22,14 @@ Connect as(const char *user, const char *password = "right")
 struct secured : testing::Test {
     void SetUp() override
     {
-        write("users", users({"alice", "bob"}));
-        write("rules", "read news/#\n"
-                       "readwrite own/%c/%u\n"
-                       "user alice\n"
-                       "readwrite home/#\n"
-                       "write news/local\n"
-                       "client sensor-*\n"
-                       "write sensors/%c\n");
+        write_text("users", user_lines({"alice", "bob"}));
+        write_text("rules", "read news/#\n"
+                            "readwrite own/%c/%u\n"
+                            "user alice\n"
+                            "readwrite home/#\n"
+                            "write news/local\n"
+                            "client sensor-*\n"
+                            "write sensors/%c\n");
     }
     Child serve(std::vector<std::string> options = {"--user-file", "users", "--acl-file", "rules"})
     {
@@ -67,10 +51,6 @@ struct secured : testing::Test {
         ASSERT_GE(answer.size(), 4u);
         EXPECT_EQ(answer[0], 0x20);
         EXPECT_EQ(answer[3], 0x86);
-    }
-    static bool logs(const Child &broker, const std::string &text)
-    {
-        return wait_until([&] { return broker.output().find(text) != std::string::npos; });
     }
     // A filter, and the SUBACK's code for it.
     static void expect_suback(Peer &peer, const char *filter, const char *code)
@@ -95,10 +75,6 @@ struct with_mosquitto : secured {
         std::vector<std::string> command = {"stdbuf", "-oL", words[0], "-h", "127.0.0.1", "-d"};
         command.insert(command.end(), words.begin() + 1, words.end());
         return Child(name, command);
-    }
-    static bool prints(const Child &child, const std::string &text)
-    {
-        return wait_until([&] { return child.output().find(text) != std::string::npos; });
     }
     static Child subscriber(const char *user, const char *filter)
     {
@@ -196,7 +172,7 @@ TEST_F(with_mosquitto, rules_say_who_publishes_to_what)
 
 TEST_F(secured, rules_for_client_ids)
 {
-    write("all", "read #\nclient sensor-*\nwrite sensors/%c\n");
+    write_text("all", "read #\nclient sensor-*\nwrite sensors/%c\n");
     Child broker = serve({"--acl-file", "all"});
     Peer  reader = Peer::tcp(), sensor = Peer::tcp(), other = Peer::tcp();
     reader.connect_v4("reader").subscribe("#");
@@ -213,7 +189,7 @@ TEST_F(secured, rules_for_client_ids)
 
 TEST_F(secured, before_a_connect_nothing_is_allowed)
 {
-    write("all", "readwrite #\n");
+    write_text("all", "readwrite #\n");
     for (const std::vector<std::string> &options :
          {std::vector<std::string>{"--user-file", "users"}, {"--acl-file", "all"}}) {
         Child broker = serve(options);
@@ -223,8 +199,7 @@ TEST_F(secured, before_a_connect_nothing_is_allowed)
         expect_suback(early, "#", "80");
         early.connect_v4("early", as("alice")).publish("t", "late");
         reader.expect_publish("t", "late");
-        broker.signal(SIGTERM);
-        EXPECT_EQ(broker.wait(kLimit_ms), 0);
+        EXPECT_TRUE(ends_well(broker));
     }
 }
 
@@ -268,8 +243,7 @@ TEST_F(secured, a_saved_session_keeps_its_user_over_a_restart)
         Peer  alice  = Peer::tcp();
         alice.connect_v4("x", keep).subscribe("home/#");
         alice.disconnect();
-        broker.signal(SIGTERM);
-        ASSERT_EQ(broker.wait(kLimit_ms), 0);
+        ASSERT_TRUE(ends_well(broker));
         EXPECT_EQ(file_text("broker_data/owners"), "x alice\n");
     }
     Child broker = serve({"--user-file", "users"});
@@ -329,15 +303,15 @@ TEST_F(secured, ids_of_the_librarys_form_are_not_for_clients_to_choose)
 
 TEST_F(secured, a_user_may_be_bound_to_ids)
 {
-    write("rules", "user alice\nclientid alice-*\nreadwrite #\n");
+    write_text("rules", "user alice\nclientid alice-*\nreadwrite #\n");
     Child broker = serve();
     Peer::tcp().connect_v4("alice-1", as("alice")).ping();
     expect_refused("x", as("alice"));
     expect_refused("", as("alice"));
     Peer::tcp().connect_v4("x", as("bob")).ping();
     Peer::tcp().connect_v4("", as("bob")).ping();
-    EXPECT_TRUE(logs(broker, "login refused: user alice, id x, address "));
-    EXPECT_TRUE(logs(broker, ": the user may not have this id\n"));
+    EXPECT_TRUE(prints(broker, "login refused: user alice, id x, address "));
+    EXPECT_TRUE(prints(broker, ": the user may not have this id\n"));
 }
 
 // ---- wills
@@ -355,8 +329,8 @@ TEST_F(secured, a_will_to_where_its_client_may_not_write_is_dropped)
         const std::string address = "127.0.0.1:" + std::to_string(peer.local_port());
         peer.ping();
         peer.reset();
-        EXPECT_TRUE(logs(broker, "[WARN] will dropped: user bob, id b, address " + address +
-                                     ", topic home/gone: no rule allows it\n"));
+        EXPECT_TRUE(prints(broker, "[WARN] will dropped: user bob, id b, address " + address +
+                                       ", topic home/gone: no rule allows it\n"));
         EXPECT_TRUE(wait_until([&] {
             return file_text("events").find(R"("event":"refused","clientId":"b","topic":"home/gone","qos":null,)"
                                             R"("what":"will","user":"bob","address":")" +
@@ -417,7 +391,7 @@ TEST_F(secured, a_dropped_will_stays_away_whatever_the_id)
     keep.session_expiry_s = 60;
     Peer kept             = Peer::tcp();
     kept.connect_v5("kept", keep).reset();
-    EXPECT_TRUE(logs(broker, "will dropped: user bob, id kept, "));
+    EXPECT_TRUE(prints(broker, "will dropped: user bob, id kept, "));
     keep.will.reset();
     pause_ms(100); // the drop comes first
     Peer back = Peer::tcp();
@@ -438,14 +412,14 @@ TEST_F(secured, a_will_is_told_of_who_leaves_it)
     Peer::tcp().connect_v4("c", as("bob")).ping();
     bob.password = "right";
     Peer::tcp().connect_v4("d", bob).ping();
-    EXPECT_TRUE(logs(broker, "will dropped: user bob, id d, "));
+    EXPECT_TRUE(prints(broker, "will dropped: user bob, id d, "));
     const std::string log = broker.output();
     EXPECT_EQ(log.find("will dropped"), log.rfind("will dropped"));
 }
 
 TEST_F(secured, rules_for_client_ids_hold_for_wills)
 {
-    write("all", "read #\nclient sensor-*\nwrite sensors/%c\n");
+    write_text("all", "read #\nclient sensor-*\nwrite sensors/%c\n");
     Child   broker = serve({"--acl-file", "all"});
     Peer    reader = Peer::tcp();
     Connect connect;
@@ -456,7 +430,7 @@ TEST_F(secured, rules_for_client_ids_hold_for_wills)
     }
     reader.expect_publish("sensors/sensor-1", "gone");
     reader.expect_nothing();
-    EXPECT_TRUE(logs(broker, "will dropped: no user, id sensor-1, "));
+    EXPECT_TRUE(prints(broker, "will dropped: no user, id sensor-1, "));
 }
 
 // ---- what was refused is told
@@ -476,7 +450,7 @@ TEST_F(secured, what_is_refused_is_told_in_the_log_and_as_an_event)
          {"[WARN] login refused: user alice, id \"x\\n\\x1b[2J\", " + at_wrong + ": unknown user or wrong password\n",
           "[WARN] publication refused: user bob, id b, " + at_bob + ", topic home/x: no rule allows it\n",
           "[WARN] subscription refused: user bob, id b, " + at_bob + ", filter home/#: no rule allows it\n"})
-        EXPECT_TRUE(logs(broker, line)) << line << broker.output();
+        EXPECT_TRUE(prints(broker, line)) << line << broker.output();
     for (const char *event : {R"("clientId":"x\u000a\u001b[2J","topic":"","qos":null,"what":"login","user":"alice")",
                               R"("clientId":"b","topic":"home/x","qos":null,"what":"publish","user":"bob")",
                               R"("clientId":"b","topic":"home/#","qos":null,"what":"subscribe","user":"bob")"})
@@ -517,7 +491,7 @@ TEST_F(secured, what_is_refused_is_told_at_every_level_of_the_log)
     Peer  bob    = Peer::tcp();
     bob.connect_v4("b", as("bob")).publish("home/x", "no");
     bob.ping();
-    EXPECT_TRUE(logs(broker, "[WARN] publication refused: user bob, id b, ")) << broker.output();
+    EXPECT_TRUE(prints(broker, "[WARN] publication refused: user bob, id b, ")) << broker.output();
 }
 
 // ---- reading the files again
@@ -530,8 +504,8 @@ TEST_F(secured, sighup_reads_both_files_again)
     expect_suback(alice, "garden/#", "80");
     expect_refused("y", as("carol"));
 
-    write("users", users({"alice", "carol"}));
-    write("rules", "user alice\nreadwrite garden/#\n");
+    write_text("users", user_lines({"alice", "carol"}));
+    write_text("rules", "user alice\nreadwrite garden/#\n");
     reload(broker);
     expect_suback(alice, "garden/#", "00");
     expect_suback(alice, "home/#", "80");
@@ -545,7 +519,7 @@ TEST_F(secured, a_user_who_is_taken_out_is_disconnected)
     Peer  alice = Peer::tcp(), bob = Peer::tcp();
     alice.connect_v4("x", as("alice")).ping();
     bob.connect_v4("y", as("bob")).ping();
-    write("users", users({"bob"}));
+    write_text("users", user_lines({"bob"}));
     reload(broker);
     expect_suback(alice, "home/#", "80"); // at once
     bool closed = false;
@@ -560,8 +534,8 @@ TEST_F(secured, a_user_who_is_taken_out_is_disconnected)
 TEST_F(secured, a_mistake_in_a_file_leaves_everything_as_it_was)
 {
     Child broker = serve();
-    write("users", users({"carol"}));
-    write("rules", "readwrite #\n\nreed home\n");
+    write_text("users", user_lines({"carol"}));
+    write_text("rules", "readwrite #\n\nreed home\n");
     broker.signal(SIGHUP);
     ASSERT_TRUE(says(
         broker, "tarn-broker: rules:3: a line begins with read, write, readwrite, user, clientid or client, not with "
@@ -578,15 +552,15 @@ TEST_F(secured, empty_files_are_warned_of)
 {
     const std::string no_users = "tarn-broker: empty_users has no users: nobody can connect\n";
     const std::string no_rules = "tarn-broker: empty_rules has no rules: nobody can subscribe or publish\n";
-    write("empty_users", "");
-    write("empty_rules", "# none yet\n\nuser alice\nclient x\n");
+    write_text("empty_users", "");
+    write_text("empty_rules", "# none yet\n\nuser alice\nclient x\n");
     Child broker = serve({"--user-file", "empty_users", "--acl-file", "empty_rules"});
     EXPECT_EQ(broker.errors().substr(0, broker.errors().find("tarn-broker: serving")), no_users + no_rules);
 
-    write("empty_users", users({"alice"}));
-    write("empty_rules", "user alice\nread a\n");
+    write_text("empty_users", user_lines({"alice"}));
+    write_text("empty_rules", "user alice\nread a\n");
     reload(broker);
-    write("empty_rules", "\n");
+    write_text("empty_rules", "\n");
     broker.signal(SIGHUP);
     EXPECT_TRUE(says(broker, "tarn-broker: users and rules were read again\ntarn-broker: users and rules were read "
                              "again\n" +
@@ -598,9 +572,9 @@ TEST_F(secured, empty_files_are_warned_of)
 
 TEST_F(secured, mistakes_in_files_are_told_at_the_start)
 {
-    write("bad_users", "# one\n\nalice\n");
-    write("bad_rules", "read a#\n");
-    write("for_users", "read a\nuser alice\n");
+    write_text("bad_users", "# one\n\nalice\n");
+    write_text("bad_rules", "read a#\n");
+    write_text("for_users", "read a\nuser alice\n");
     struct Row {
         std::vector<std::string> options;
         std::string              mistake;
@@ -614,9 +588,7 @@ TEST_F(secured, mistakes_in_files_are_told_at_the_start)
               "for_users:2: rules for users need --user-file: without it anybody can claim a name"},
              {{"--user-file", "nowhere"}, "cannot read nowhere: No such file or directory"},
          }) {
-        Child broker = run(row.options);
-        EXPECT_EQ(broker.wait(kLimit_ms), 1);
-        EXPECT_EQ(broker.errors(), "tarn-broker: " + row.mistake + "\n");
+        EXPECT_EQ(mistake_of(run(row.options)), "tarn-broker: " + row.mistake + "\n");
     }
     EXPECT_NE(access("broker_data", F_OK), 0); // nothing had begun
 }
@@ -624,10 +596,9 @@ TEST_F(secured, mistakes_in_files_are_told_at_the_start)
 TEST_F(secured, a_broken_file_of_owners_is_told_at_the_start)
 {
     ASSERT_EQ(std::system("mkdir broker_data && echo x >broker_data/owners"), 0);
-    Child broker = run({"--user-file", "users"});
-    EXPECT_EQ(broker.wait(kLimit_ms), 1);
-    EXPECT_EQ(broker.errors(), "tarn-broker: broker_data/owners:1: a line is ID USER, with %XX for bytes that are not "
-                               "visible\n");
+    EXPECT_EQ(mistake_of(run({"--user-file", "users"})),
+              "tarn-broker: broker_data/owners:1: a line is ID USER, with %XX for bytes that are not "
+              "visible\n");
 }
 
 // ---- and its end
@@ -665,8 +636,7 @@ TEST_F(secured, ends_cleanly_under_load)
     EXPECT_TRUE(wait_until([&] { return sent > 1000; }));
     broker.signal(SIGHUP);
     EXPECT_TRUE(says(broker, "tarn-broker: users and rules were read again\n"));
-    broker.signal(SIGTERM);
-    EXPECT_EQ(broker.wait(kLimit_ms), 0) << broker.errors();
+    EXPECT_TRUE(ends_well(broker));
     end = true;
     guesses.join();
     for (std::thread &client : clients)

@@ -4,6 +4,7 @@
 #include <set>
 
 using namespace tarn::broker;
+using namespace std::string_view_literals;
 using testing::ElementsAre;
 
 TEST(text_json, plain_text_stays)
@@ -61,15 +62,32 @@ TEST(text_json, broken_utf8_becomes_replacement_characters)
     EXPECT_EQ(json_string("\xF5\xFF"), '"' + bad + bad + '"');
 }
 
-TEST(text_utf8, what_is_written_is_read_back)
+TEST(text_utf8, a_character_is_read_to_the_limits_of_each_length)
 {
-    for (const char32_t c : {U'a', U'\x7f', U'\x80', U'\x7ff', U'\x800', U'\xffff', U'\x10000', U'\x10ffff'}) {
-        std::string text;
-        append_utf8(text, c);
-        const Decoded back = decode_utf8(text);
-        EXPECT_EQ(back.character, c);
-        EXPECT_EQ(back.bytes, text.size());
+    struct Row {
+        std::string_view text;
+        char32_t         character;
+    };
+    for (const Row &row : {Row{"a"sv, U'a'}, Row{"\x7F"sv, 0x7F}, Row{"\xC2\x80"sv, 0x80}, Row{"\xDF\xBF"sv, 0x7FF},
+                           Row{"\xE0\xA0\x80"sv, 0x800}, Row{"\xEF\xBF\xBF"sv, 0xFFFF},
+                           Row{"\xF0\x90\x80\x80"sv, 0x10000}, Row{"\xF4\x8F\xBF\xBF"sv, 0x10FFFF}}) {
+        const Decoded read = decode_utf8(row.text);
+        EXPECT_EQ(read.character, row.character);
+        EXPECT_EQ(read.bytes, row.text.size());
     }
+}
+
+TEST(text_utf8, is_valid_to_the_limits_of_each_length)
+{
+    for (const std::string_view good :
+         {""sv, "a"sv, "\x7F"sv, "\xC2\x80"sv, "\xDF\xBF"sv, "\xE0\xA0\x80"sv, "\xED\x9F\xBF"sv, "\xEE\x80\x80"sv,
+          "\xEF\xBF\xBF"sv, "\xF0\x90\x80\x80"sv, "\xF4\x8F\xBF\xBF"sv, "a\xC3\xA4z"sv})
+        EXPECT_TRUE(is_utf8(good)) << good;
+    for (const std::string_view bad :
+         {"\x80"sv, "\xBF"sv, "\xC0\x80"sv, "\xC1\xBF"sv, "\xC2"sv, "\xC2\x7F"sv, "\xC2\xC0"sv, "\xE0\x9F\xBF"sv,
+          "\xE1\x80"sv, "\xE1\x80\x7F"sv, "\xED\xA0\x80"sv, "\xF0\x8F\xBF\xBF"sv, "\xF0\x90\x80"sv,
+          "\xF0\x90\x80\xC0"sv, "\xF4\x90\x80\x80"sv, "\xF5\x80\x80\x80"sv, "\xFF"sv, "a\xC3"sv})
+        EXPECT_FALSE(is_utf8(bad)) << bad;
 }
 
 TEST(text_words, are_cut_at_blanks)
@@ -130,6 +148,15 @@ std::vector<std::string> names(std::string_view list, const std::set<std::string
 }
 
 } // namespace
+
+// Also the piece behind the last separator, or an id that ends in one would not be known to be online.
+TEST(text_pieces, are_what_stands_between_the_separators)
+{
+    EXPECT_THAT(pieces_of("", ','), ElementsAre());
+    EXPECT_THAT(pieces_of("a", ','), ElementsAre("a"));
+    EXPECT_THAT(pieces_of("a,b,a", ','), ElementsAre("a", "b", "a"));
+    EXPECT_THAT(pieces_of(",a,,b,", ','), ElementsAre("", "a", "", "b", ""));
+}
 
 TEST(text_names, are_found_in_the_order_of_the_list)
 {

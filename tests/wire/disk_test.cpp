@@ -6,11 +6,9 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <map>
-#include <sched.h>
 #include <set>
 #include <sys/mount.h>
 
@@ -22,11 +20,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char *kNoMessages = R"({"msgs":[]})";
-
-void write_text(const std::string &path, const std::string &text)
-{
-    std::ofstream(path, std::ios::binary) << text;
-}
 
 Connect keep(unsigned level, bool present)
 {
@@ -205,14 +198,6 @@ namespace {
 
 const std::string kCannotWrite = "[persist] 写入临时文件失败(重试3次): ./broker_data/message/away.json.tmp";
 
-// For this test alone, and for the broker it starts.
-bool mount_small_disk()
-{
-    fs::create_directory("broker_data");
-    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("none", "broker_data", "tmpfs", 0, "size=128k") == 0;
-}
-
 // A broker with one absent client, that has missed a message, and one retained message.
 struct Served {
     BrokerProcess broker = BrokerProcess::start();
@@ -252,21 +237,16 @@ struct Served {
     }
 };
 
-// Lines are written as they come, whole.
-size_t times_said(const BrokerProcess &broker, const std::string &line)
+size_t times_said(const BrokerProcess &broker, const std::string &line) // lines are written as they come, whole
 {
-    const std::string log   = broker.log();
-    size_t            count = 0;
-    for (size_t at = log.find(line); at != std::string::npos; at = log.find(line, at + 1))
-        ++count;
-    return count;
+    return times_in(broker.log(), line);
 }
 
 } // namespace
 
 TEST(disk, when_it_is_full_files_stay_and_clients_are_served)
 {
-    if (!mount_small_disk())
+    if (!mount_small_disk("broker_data"))
         GTEST_SKIP() << "no mounts here";
     Served test;
     write_text("broker_data/rest", std::string(200000, 'r')); // all there is
@@ -284,10 +264,10 @@ TEST(disk, when_it_is_full_files_stay_and_clients_are_served)
 
 TEST(disk, when_it_is_read_only_files_stay_and_clients_are_served)
 {
-    if (!mount_small_disk())
+    if (!mount_small_disk("broker_data"))
         GTEST_SKIP() << "no mounts here";
     Served test;
-    ASSERT_EQ(mount(nullptr, "broker_data", nullptr, MS_REMOUNT | MS_RDONLY, "size=128k"), 0) << strerror(errno);
+    ASSERT_EQ(mount(nullptr, "broker_data", nullptr, MS_REMOUNT | MS_RDONLY, kSmallDisk), 0) << strerror(errno);
     test.write_something();
     test.expect_old_files();
     EXPECT_EQ(times_said(test.broker, kCannotWrite), 1u);
@@ -295,7 +275,7 @@ TEST(disk, when_it_is_read_only_files_stay_and_clients_are_served)
     come(4, "away", {}).disconnect(); // forgotten, but its files stay
     test.expect_old_files();
 
-    ASSERT_EQ(mount(nullptr, "broker_data", nullptr, MS_REMOUNT, "size=128k"), 0) << strerror(errno);
+    ASSERT_EQ(mount(nullptr, "broker_data", nullptr, MS_REMOUNT, kSmallDisk), 0) << strerror(errno);
     test.sender.publish("r", "newer", {.qos = 1, .retain = true});
     EXPECT_NE(file_text("broker_data/retain.dat"), test.retained);
 }

@@ -34,7 +34,7 @@ Child unready_subscriber(const std::string &id, const std::vector<std::string> &
 Child subscriber(const std::string &id, const std::vector<std::string> &options)
 {
     Child child = unready_subscriber(id, options);
-    EXPECT_TRUE(wait_until([&] { return child.output().find("Subscribed") != std::string::npos; })) << child.output();
+    EXPECT_TRUE(prints(child, "Subscribed")) << child.output();
     return child;
 }
 
@@ -169,8 +169,7 @@ TEST_F(mosquitto_level_5, gives_up_at_the_connack)
         Child pub("pub", {"mosquitto_pub", "-h", "127.0.0.1", "-V", "5", "-i", "pub", "-D", "connect",
                           "maximum-packet-size", size, "-t", "t", "-m", "hello"});
         EXPECT_NE(pub.wait(kLimit_ms), 0) << pub.output();
-        EXPECT_TRUE(wait_until([&] { return pub.errors().find("rotocol error") != std::string::npos; }))
-            << pub.errors();
+        EXPECT_TRUE(says(pub, "rotocol error")) << pub.errors();
     }
 }
 
@@ -249,14 +248,7 @@ TEST_F(slow_mosquitto, a_stopped_client_is_closed_in_time_and_its_will_published
     EXPECT_TRUE(printed(awake, "hello"));
 
     deaf.signal(SIGCONT); // finds its connection closed and comes back
-    const auto times_subscribed = [&] {
-        const std::string text  = deaf.output();
-        int               count = 0;
-        for (size_t at = 0; (at = text.find("Subscribed", at)) != std::string::npos; ++at)
-            ++count;
-        return count;
-    };
-    EXPECT_TRUE(wait_until([&] { return times_subscribed() == 2; })) << deaf.output();
+    EXPECT_TRUE(wait_until([&] { return times_in(deaf.output(), "Subscribed") == 2; })) << deaf.output();
 }
 
 INSTANTIATE_TEST_SUITE_P(qos, mosquitto, testing::Values(0, 1, 2));

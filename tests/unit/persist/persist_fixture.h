@@ -7,6 +7,7 @@
 #include "sub/retain.h"
 #include "sub/sub.h"
 #include "support/faults.h"
+#include "support/files.h"
 #include "support/log_capture.h"
 
 #include <chrono>
@@ -29,11 +30,6 @@ inline std::string read_text(const std::string &path)
     std::stringstream text;
     text << in.rdbuf();
     return in ? text.str() : "(no file)";
-}
-
-inline void write_text(const std::string &path, const std::string &text)
-{
-    std::ofstream(path, std::ios::binary) << text;
 }
 
 struct DataDirectory : testing::Test {

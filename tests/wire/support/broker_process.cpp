@@ -32,9 +32,8 @@ BrokerProcess BrokerProcess::start(const BrokerOptions &options)
 
 BrokerProcess::BrokerProcess(const BrokerOptions &options) : child_("broker", command(options))
 {
-    const auto serving = [&] { return child_.errors().find("tarn-broker: serving MQTT") != std::string::npos; };
-    wait_until([&] { return serving() || child_.ended(); });
-    EXPECT_TRUE(serving()) << "the broker does not start\n" << child_.errors() << child_.output();
+    EXPECT_TRUE(says(child_, "tarn-broker: serving MQTT")) << "the broker does not start\n"
+                                                           << child_.errors() << child_.output();
 }
 
 BrokerProcess::~BrokerProcess()

@@ -4,8 +4,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
-#include <fstream>
-#include <sstream>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,15 +19,13 @@ void redirect(int to, const char *name, int flags)
         _exit(127);
 }
 
-} // namespace
-
-std::string file_text(const std::string &name)
+bool comes(const Child &child, const std::string &text, std::string (Child::*where)() const)
 {
-    std::ifstream      file(name, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
+    const auto there = [&] { return (child.*where)().find(text) != std::string::npos; };
+    return wait_until([&] { return there() || child.ended(); }) && there();
 }
+
+} // namespace
 
 std::string tail(const std::string &text, int lines)
 {
@@ -39,13 +35,24 @@ std::string tail(const std::string &text, int lines)
     return from == std::string::npos || from >= text.size() ? text : text.substr(from + (from ? 1 : 0));
 }
 
+std::vector<char *> words_of(const std::vector<std::string> &command)
+{
+    std::vector<char *> words;
+    for (const std::string &word : command)
+        words.push_back(const_cast<char *>(word.c_str()));
+    words.push_back(nullptr);
+    return words;
+}
+
+int exit_code_of(int status)
+{
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
 Child::Child(const std::string &name, const std::vector<std::string> &command) : name_(name)
 {
-    const std::string   out = name + ".log", err = name + ".err";
-    std::vector<char *> argv;
-    for (const std::string &word : command)
-        argv.push_back(const_cast<char *>(word.c_str()));
-    argv.push_back(nullptr);
+    const std::string         out = name + ".log", err = name + ".err";
+    const std::vector<char *> argv = words_of(command);
     for (const std::string &file : {out, err}) // of an earlier one: what it said must not be taken for this one's
         unlink(file.c_str());
 
@@ -98,7 +105,7 @@ int Child::exit_code_if_ended()
     if (ended == 0)
         return -1;
     pid_ = -1;
-    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    return exit_code_of(status);
 }
 
 int Child::wait(int limit_ms)
@@ -109,6 +116,16 @@ int Child::wait(int limit_ms)
     kill(pid_, SIGKILL);
     waitpid(std::exchange(pid_, -1), nullptr, 0);
     return -1;
+}
+
+bool prints(const Child &child, const std::string &text)
+{
+    return comes(child, text, &Child::output);
+}
+
+bool says(const Child &child, const std::string &text)
+{
+    return comes(child, text, &Child::errors);
 }
 
 } // namespace tarn::test

@@ -2,14 +2,18 @@
 #ifndef TARN_TESTS_WIRE_CHILD_H
 #define TARN_TESTS_WIRE_CHILD_H
 
+#include "support/files.h"
+
 #include <string>
 #include <sys/types.h>
 #include <vector>
 
 namespace tarn::test {
 
-std::string file_text(const std::string &name);            // empty when there is no such file
 std::string tail(const std::string &text, int lines = 40); // its last lines
+
+std::vector<char *> words_of(const std::vector<std::string> &command); // for exec, as long as the command lives
+int                 exit_code_of(int status);                          // 128 + signal when that ended it
 
 class Child {
 public:
@@ -35,6 +39,10 @@ private:
     std::string name_;
     pid_t       pid_ = -1;
 };
+
+// Whether this comes sooner or later on standard output (prints) or standard error (says).
+bool prints(const Child &child, const std::string &text);
+bool says(const Child &child, const std::string &text);
 
 } // namespace tarn::test
 
