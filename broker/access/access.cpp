@@ -38,7 +38,7 @@ std::string_view taken_id(std::string_view client_id)
 constexpr Verdict kNoRule{"no rule allows it"};
 constexpr Verdict kNotUtf8{"the filter is not UTF-8"};
 constexpr Verdict kNoTopic{"it is no topic to publish to"};
-constexpr Verdict kNoUser{"no user who may connect stands behind it"};
+constexpr Verdict kNobody{"no user who may connect stands behind it"};
 
 } // namespace
 
@@ -137,7 +137,7 @@ Verdict Access::may_subscribe(const std::string &client_id, const std::string &f
     const Files                      now  = files();
     const std::optional<std::string> user = user_with_rights(now, client_id);
     if (!user)
-        return kNoUser;
+        return kNobody;
     if (!is_utf8(filter))
         return kNotUtf8;
     if (now.acl && !now.acl->may_subscribe({client_id, *user}, filter))
@@ -154,7 +154,7 @@ Verdict Access::may_publish(const std::string &client_id, const std::string &top
 {
     const Files                      now  = files();
     const std::optional<std::string> user = user_with_rights(now, client_id);
-    return user ? may_write(now, {client_id, *user}, topic) : kNoUser;
+    return user ? may_write(now, {client_id, *user}, topic) : kNobody;
 }
 
 Verdict Access::may_leave_will(const std::string &client_id, const std::string &user, const std::string &topic) const
