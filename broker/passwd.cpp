@@ -39,9 +39,9 @@ void note_signal(int number)
 
 // No echo while this lives. Signals that end or stop the program come in only while it waits for input, so that none
 // is missed, and act when the terminal is as it was.
-class Quiet {
+class NoEcho {
 public:
-    Quiet()
+    NoEcho()
     {
         struct sigaction action {};
         action.sa_handler = note_signal;
@@ -58,7 +58,7 @@ public:
         quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
     }
-    ~Quiet()
+    ~NoEcho()
     {
         tcsetattr(STDIN_FILENO, TCSANOW, &terminal_);
         fputc('\n', stderr); // the one that was typed was not shown
@@ -68,8 +68,8 @@ public:
         if (g_signal)
             raise(g_signal);
     }
-    Quiet(const Quiet &)            = delete;
-    Quiet &operator=(const Quiet &) = delete;
+    NoEcho(const NoEcho &)            = delete;
+    NoEcho &operator=(const NoEcho &) = delete;
 
     // Until there is something to read, or a signal (false).
     bool wait_for_input() const
@@ -90,7 +90,7 @@ private:
 };
 
 // One line of standard input without its end; false when there is none, or a signal came.
-bool read_line(std::string &line, const Quiet *terminal = nullptr)
+bool read_line(std::string &line, const NoEcho *terminal = nullptr)
 {
     line.clear();
     for (char c;;) {
@@ -108,7 +108,7 @@ bool read_line(std::string &line, const Quiet *terminal = nullptr)
 bool ask(const char *question, std::string &answer)
 {
     fputs(question, stderr);
-    const Quiet quiet;
+    const NoEcho quiet;
     return read_line(answer, &quiet);
 }
 

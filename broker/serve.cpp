@@ -28,9 +28,9 @@
 namespace tarn::broker {
 namespace {
 
-constexpr uint16_t                  kPort      = NETIP_PORT; // the library serves no other
-constexpr std::chrono::milliseconds kLookAfter = std::chrono::seconds(5);
-constexpr std::chrono::milliseconds kLookAtUdp = std::chrono::seconds(1);
+constexpr uint16_t                  kPort        = NETIP_PORT; // the library serves no other
+constexpr std::chrono::milliseconds kGuardPeriod = std::chrono::seconds(5);
+constexpr std::chrono::milliseconds kUdpPeriod   = std::chrono::seconds(1);
 
 // Each client takes a descriptor, and the usual soft limit is 1024. When it cannot be raised, fewer clients fit.
 void raise_descriptor_limit()
@@ -157,7 +157,7 @@ void tell_where_it_serves(int32_t clients)
 // Who sends datagrams is told nothing, so the administrator is.
 void tell_when_udp_closes(Loop &loop)
 {
-    loop.every(kLookAtUdp, [was_open = udp_is_open()]() mutable {
+    loop.every(kUdpPeriod, [was_open = udp_is_open()]() mutable {
         if (was_open && !udp_is_open())
             fprintf(stderr, "tarn-broker: UDP is closed until the next start: one of its clients has ended, and all of "
                             "them share one socket\n");
@@ -186,7 +186,7 @@ int32_t start(broker_t *broker, const Options &options, Access &access, RefusalL
 void keep_house(Loop &loop, broker_t *broker, Access &access, RefusalLog &refusals, DiskWatch &disk)
 {
     if (access.asks_for_users())
-        loop.every(kLookAfter, [&access, broker] { look_after(broker, access); });
+        loop.every(kGuardPeriod, [&access, broker] { guard_turn(broker, access); });
     if (access.is_wanted())
         loop.every(RefusalLog::kPeriod, [&refusals] { refusals.end_period(); });
     loop.every(DiskWatch::kPeriod, [&disk] {

@@ -110,7 +110,8 @@ Verdict Access::may_connect(const std::string &client_id, const std::string &use
 }
 
 // A session that the library chose the id of begins clean, so nothing of the other user's is behind it.
-bool Access::chosen(const std::string &client_id, const std::string &user, const std::function<bool()> &is_alone)
+bool Access::bind_chosen_id(const std::string &client_id, const std::string &user,
+                            const std::function<bool()> &is_alone)
 {
     if (bindings_.bind(client_id, user))
         return true;
@@ -120,8 +121,8 @@ bool Access::chosen(const std::string &client_id, const std::string &user, const
     return bindings_.bind(client_id, user);
 }
 
-// Nothing when the client may not do anything. Packets before a CONNECT come with an empty id.
-std::optional<std::string> Access::user_behind(const Files &files, const std::string &client_id) const
+// Nothing when the client may not do anything, the empty name where users are not asked for. Packets before a CONNECT come with an empty id.
+std::optional<std::string> Access::user_with_rights(const Files &files, const std::string &client_id) const
 {
     if (client_id.empty())
         return {};
@@ -134,7 +135,7 @@ std::optional<std::string> Access::user_behind(const Files &files, const std::st
 Verdict Access::may_subscribe(const std::string &client_id, const std::string &filter)
 {
     const Files                      now  = files();
-    const std::optional<std::string> user = user_behind(now, client_id);
+    const std::optional<std::string> user = user_with_rights(now, client_id);
     if (!user)
         return kNobody;
     if (!is_utf8(filter))
@@ -152,7 +153,7 @@ Verdict Access::may_subscribe(const std::string &client_id, const std::string &f
 Verdict Access::may_publish(const std::string &client_id, const std::string &topic)
 {
     const Files                      now  = files();
-    const std::optional<std::string> user = user_behind(now, client_id);
+    const std::optional<std::string> user = user_with_rights(now, client_id);
     return user ? may_write(now, {client_id, *user}, topic) : kNobody;
 }
 
@@ -174,7 +175,7 @@ std::string Access::user_of(const std::string &client_id) const
     return bindings_.user_of(client_id).value_or("");
 }
 
-std::vector<std::string> Access::unwelcome() const
+std::vector<std::string> Access::ids_of_removed_users() const
 {
     const Files now = files();
     if (!now.users)

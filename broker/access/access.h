@@ -42,9 +42,9 @@ public:
     // The id is empty when the library will choose one.
     Verdict may_connect(const std::string &client_id, const std::string &user, const std::string &password);
 
-    // The id that it chose for a client that is online now. False when it is another user's: that one's client is
-    // there, too, unless this one is alone with the id.
-    bool chosen(const std::string &client_id, const std::string &user, const std::function<bool()> &is_alone);
+    // Binds the id that the library chose for a client that is online now. When the id is another user's, it changes hands
+    // if is_alone() says that no second client is online with it; else the result is false.
+    bool bind_chosen_id(const std::string &client_id, const std::string &user, const std::function<bool()> &is_alone);
 
     Verdict may_subscribe(const std::string &client_id, const std::string &filter);
     Verdict may_publish(const std::string &client_id, const std::string &topic);
@@ -56,7 +56,7 @@ public:
     std::string user_of(const std::string &client_id) const; // empty when nobody knows
 
     // Ids that belong to users who are no more in the file.
-    std::vector<std::string> unwelcome() const;
+    std::vector<std::string> ids_of_removed_users() const;
 
     // Called every few seconds with the ids that are online.
     void sweep(const Ids &online);
@@ -71,7 +71,7 @@ private:
         std::shared_ptr<const Acl> acl;
     };
     Files                      files() const;
-    std::optional<std::string> user_behind(const Files &files, const std::string &client_id) const;
+    std::optional<std::string> user_with_rights(const Files &files, const std::string &client_id) const;
     static Verdict             may_write(const Files &files, const Asker &asker, const std::string &topic);
 
     const std::string  user_file_;

@@ -14,11 +14,11 @@ namespace {
 
 constexpr auto kStartMax = std::chrono::seconds(5); // that a callback waits for start to return
 
-// Set before the gate closes.
+// Set before the gate is installed.
 WillJudge        g_judge;
 netip_event_cb_t g_library; // who had the place before
 
-std::atomic<bool> g_closed;
+std::atomic<bool> g_installed;
 
 struct Packet {
     uint32_t           handle  = NETIP_NO_HANDLE;
@@ -35,8 +35,8 @@ std::optional<DroppedWill> judge(std::span<const uint8_t> packet)
     return DroppedWill{std::move(*will), why};
 }
 
-uint8_t pass(uint32_t handle, uint32_t event, const uint8_t *data, uint32_t length, uint32_t reason, uint32_t error,
-             void *broker)
+uint8_t on_network_event(uint32_t handle, uint32_t event, const uint8_t *data, uint32_t length, uint32_t reason,
+                         uint32_t error, void *broker)
 {
     if (event != NETIP_EVENT_DATA || !data)
         return g_library(handle, event, data, length, reason, error, broker);
@@ -56,21 +56,21 @@ uint8_t pass(uint32_t handle, uint32_t event, const uint8_t *data, uint32_t leng
 
 } // namespace
 
-void close_gate(WillJudge judge)
+void install_gate(WillJudge judge)
 {
     g_judge = judge;
     pthread_mutex_lock(&g_netip_lock);
     g_library = g_netip_cb;
     if (g_library) // else start has failed
-        std::atomic_ref(g_netip_cb).store(pass, std::memory_order_relaxed);
+        std::atomic_ref(g_netip_cb).store(on_network_event, std::memory_order_relaxed);
     pthread_mutex_unlock(&g_netip_lock);
-    g_closed = true;
+    g_installed = true;
 }
 
 bool passed_gate()
 {
     const auto give_up = std::chrono::steady_clock::now() + kStartMax;
-    while (!g_closed && std::chrono::steady_clock::now() < give_up)
+    while (!g_installed && std::chrono::steady_clock::now() < give_up)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return t_packet.handle != NETIP_NO_HANDLE;
 }

@@ -20,10 +20,11 @@ struct DroppedWill {
 // password.
 using WillJudge = const char *(*)(const ConnectWill &will);
 
-// To be called as soon as start has returned, also when it failed. Packets that come before pass unseen.
-void close_gate(WillJudge judge);
+// Puts the gate into the way of the library's network events. To be called as soon as start has returned, also when it
+// failed. Packets that come before go past it.
+void install_gate(WillJudge judge);
 
-// For callbacks: whether the packet under way passed the gate. Waits for close_gate() first, as far as start may take.
+// For callbacks: whether the packet under way passed the gate. Waits for install_gate() first, as far as start may take.
 bool passed_gate();
 
 // Of the CONNECT that the calling thread has under way; null when it keeps its will or leaves none.

@@ -22,15 +22,15 @@ Access     *g_access; // the callbacks get nothing but the instance; set before 
 TellRefusal g_tell;   // likewise
 
 // The user of a CONNECT without an id, until the event of the same CONNECT, on the same thread, tells the chosen one.
-thread_local std::string t_waits_for_id;
+thread_local std::string t_user_without_id;
 
 const char *judge_will(const ConnectWill &will)
 {
     return g_access->may_leave_will(will.client_id, will.user, will.topic).why_not;
 }
 
-// A packet that has not passed the gate came in the moment between the library's start and the gate's, and nobody knows
-// what will it leaves. While one waits here the gate is closed, so these are what the I/O thread had read by then.
+// A CONNECT that comes between the library's start and the gate's installation is refused, since nobody has looked at its
+// will. passed_gate() waits for the installation, so these are only what the I/O thread had read by then.
 Verdict judge_login(const char *client_id, const char *user, const char *password)
 {
     if (!passed_gate())
@@ -38,10 +38,10 @@ Verdict judge_login(const char *client_id, const char *user, const char *passwor
     return g_access->may_connect(client_id, user, password);
 }
 
-bool on_connect(broker_t * /*broker*/, const char *client_id, const char *user, const char *password)
+bool on_auth(broker_t * /*broker*/, const char *client_id, const char *user, const char *password)
 {
     const Verdict verdict = judge_login(client_id, user, password);
-    t_waits_for_id        = verdict && *client_id == '\0' && g_access->asks_for_users() ? user : "";
+    t_user_without_id     = verdict && *client_id == '\0' && g_access->asks_for_users() ? user : "";
     if (!verdict)
         g_tell({Refusal::Login, user, client_id, peer_address(), "", verdict.why_not});
     else if (const DroppedWill *const dropped = dropped_will())
@@ -53,22 +53,22 @@ bool on_connect(broker_t * /*broker*/, const char *client_id, const char *user, 
 // by id what a client may do.
 void on_event(broker_t *broker, uint32_t kind, const char *text)
 {
-    if (kind != BROKER_EVENT_CONNECTED || t_waits_for_id.empty())
+    if (kind != BROKER_EVENT_CONNECTED || t_user_without_id.empty())
         return;
     const std::string id(read_event_text(kind, text).client_id.value_or(""));
     const auto        is_alone = [&] {
         const std::vector<std::string> online = online_id_pieces();
         return std::count(online.begin(), online.end(), id) <= 1;
     };
-    if (!g_access->chosen(id, t_waits_for_id, is_alone)) {
-        g_tell({Refusal::Login, t_waits_for_id, id, peer_address(), "", "another user got the same id in this second"});
+    if (!g_access->bind_chosen_id(id, t_user_without_id, is_alone)) {
+        g_tell(
+            {Refusal::Login, t_user_without_id, id, peer_address(), "", "another user got the same id in this second"});
         tarn_sdk_mqtt_broker_kick_client(broker, id.c_str());
     }
-    t_waits_for_id.clear();
+    t_user_without_id.clear();
 }
 
-bool on_wish(broker_t * /*broker*/, const char *client_id, const char *topic, uint8_t action,
-             mqtt_client_t * /*client*/)
+bool on_acl(broker_t * /*broker*/, const char *client_id, const char *topic, uint8_t action, mqtt_client_t * /*client*/)
 {
     const bool    publishes = action == BROKER_ACL_PUBLISH;
     const Verdict verdict =
@@ -79,10 +79,10 @@ bool on_wish(broker_t * /*broker*/, const char *client_id, const char *topic, ui
     return static_cast<bool>(verdict);
 }
 
-void kick_unwelcome(broker_t *broker, const Access &access)
+void kick_clients_of_removed_users(broker_t *broker, const Access &access)
 {
     int kicked = 0;
-    for (const std::string &id : access.unwelcome()) {
+    for (const std::string &id : access.ids_of_removed_users()) {
         if (client_info(broker, id))
             kicked += tarn_sdk_mqtt_broker_kick_client(broker, id.c_str()) == TARN_OK;
         if (kicked == kKicksMax)
@@ -96,22 +96,22 @@ void guard(broker_t *broker, Access &access, TellRefusal tell)
 {
     g_access = &access;
     g_tell   = std::move(tell);
-    tarn_sdk_mqtt_broker_register_acl_callback(broker, on_wish);
-    tarn_sdk_mqtt_broker_register_auth_callback(broker, on_connect);
+    tarn_sdk_mqtt_broker_register_acl_callback(broker, on_acl);
+    tarn_sdk_mqtt_broker_register_auth_callback(broker, on_auth);
     if (access.asks_for_users())
         listen_to_events(broker, on_event);
 }
 
 void guard_wills()
 {
-    close_gate(judge_will);
+    install_gate(judge_will);
 }
 
-void look_after(broker_t *broker, Access &access)
+void guard_turn(broker_t *broker, Access &access)
 {
     if (!access.asks_for_users())
         return;
-    kick_unwelcome(broker, access);
+    kick_clients_of_removed_users(broker, access);
     std::vector<std::string> online = online_id_pieces();
     access.sweep({std::make_move_iterator(online.begin()), std::make_move_iterator(online.end())});
     if (const Mistake mistake = access.save_owners(); !mistake.empty())

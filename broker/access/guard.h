@@ -22,7 +22,7 @@ void guard_wills();
 
 // To be called every few seconds, not in a callback: forgets ids that are gone for good, saves whose sessions are, and
 // closes clients of users that are no more.
-void look_after(broker_t *broker, Access &access);
+void guard_turn(broker_t *broker, Access &access);
 
 } // namespace tarn::broker
 

@@ -106,22 +106,22 @@ bool Users::check(const std::string &name, const std::string &password)
     const auto         user  = hashes_.find(name);
     const bool         known = user != hashes_.end();
     const std::string &hash  = known ? user->second : stand_in_;
-    const Hash128      now   = trace(hash, password);
+    const Hash128      now   = fingerprint(hash, password);
     if (known) {
         const std::lock_guard lock(mutex_);
-        const auto            last = right_last_.find(name);
-        if (last != right_last_.end() && equal_in_constant_time(bytes_of(last->second), bytes_of(now)))
+        const auto            last = last_right_.find(name);
+        if (last != last_right_.end() && equal_in_constant_time(bytes_of(last->second), bytes_of(now)))
             return true;
     }
     const bool right = matches(hash, password) && known;
     if (right) {
         const std::lock_guard lock(mutex_);
-        right_last_[name] = now;
+        last_right_[name] = now;
     }
     return right;
 }
 
-Hash128 Users::trace(const std::string &hash, const std::string &password) const
+Hash128 Users::fingerprint(const std::string &hash, const std::string &password) const
 {
     return keyed_hash(key_, hash + ':' + password); // no hash contains ':'
 }

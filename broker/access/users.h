@@ -32,13 +32,13 @@ public:
 
 private:
     Mistake take(std::string_view line);
-    Hash128 trace(const std::string &hash, const std::string &password) const;
+    Hash128 fingerprint(const std::string &hash, const std::string &password) const;
 
     std::map<std::string, std::string, std::less<>> hashes_;
     std::string                                     stand_in_; // for users that are not there
     const HashKey                                   key_ = random_key();
     std::mutex                                      mutex_;
-    std::map<std::string, Hash128>                  right_last_; // by user; under mutex_
+    std::map<std::string, Hash128>                  last_right_; // by user; under mutex_
 };
 
 } // namespace tarn::broker

@@ -198,16 +198,16 @@ TEST_F(access, ids_that_the_library_chooses)
     EXPECT_FALSE(some.may_connect("", "alice", "wrong"));
     EXPECT_TRUE(some.may_connect("", "alice", "right"));
     EXPECT_FALSE(some.may_publish("auto_17", "a"));
-    EXPECT_TRUE(some.chosen("auto_17", "alice", two));
+    EXPECT_TRUE(some.bind_chosen_id("auto_17", "alice", two));
     EXPECT_TRUE(some.may_publish("auto_17", "a"));
-    EXPECT_TRUE(some.chosen("auto_17", "alice", two));
-    EXPECT_FALSE(some.chosen("auto_17", "bob", two));
+    EXPECT_TRUE(some.bind_chosen_id("auto_17", "alice", two));
+    EXPECT_FALSE(some.bind_chosen_id("auto_17", "bob", two));
     EXPECT_TRUE(some.may_subscribe("auto_17", "a"));
     sweeps(some, {}); // no session stays behind them
-    EXPECT_TRUE(some.chosen("auto_17", "bob", two));
-    EXPECT_TRUE(some.chosen("auto_17", "alice", alone));
+    EXPECT_TRUE(some.bind_chosen_id("auto_17", "bob", two));
+    EXPECT_TRUE(some.bind_chosen_id("auto_17", "alice", alone));
     EXPECT_TRUE(some.may_publish("auto_17", "a"));
-    EXPECT_FALSE(some.chosen("auto_17", "bob", two));
+    EXPECT_FALSE(some.bind_chosen_id("auto_17", "bob", two));
     EXPECT_FALSE(some.may_connect("auto_18", "alice", "right")); // nobody else's to choose
     for (const char *id : {"auto_", "auto_1x", "xauto_1", "Auto_1"})
         EXPECT_TRUE(some.may_connect(id, "alice", "right")) << id;
@@ -285,7 +285,7 @@ TEST_F(access, loading_replaces_both_files)
     EXPECT_FALSE(some.may_publish("x", "home/lamp")); // alice is gone
     EXPECT_FALSE(some.may_subscribe("x", "home/lamp"));
     EXPECT_FALSE(some.may_connect("x", "alice", "right"));
-    EXPECT_EQ(some.unwelcome(), std::vector<std::string>{"x"});
+    EXPECT_EQ(some.ids_of_removed_users(), std::vector<std::string>{"x"});
 }
 
 TEST_F(access, with_a_mistake_nothing_changes)

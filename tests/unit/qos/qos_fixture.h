@@ -7,6 +7,7 @@
 #include "qos/qos_reliable.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
+#include "support/send_ring.h"
 #include "support/wire.h"
 
 #include <cstring>
@@ -34,17 +35,7 @@ public:
                    operator mqtt_client_t *() { return record_.get(); }
 
     // Packets queued so far, taken out.
-    std::vector<Bytes> take()
-    {
-        std::vector<Bytes> packets;
-        while (record_->send_queue && record_->send_head != record_->send_tail) {
-            client_send_slot_t &slot = record_->send_queue[record_->send_head];
-            packets.emplace_back(slot.data, slot.data + slot.length);
-            slot.ready         = 0;
-            record_->send_head = static_cast<uint8_t>((record_->send_head + 1) % CLIENT_SEND_SLOTS);
-        }
-        return packets;
-    }
+    std::vector<Bytes> take() { return take_queued(*record_); }
 
 private:
     std::unique_ptr<mqtt_client_t> record_{new mqtt_client_t{}};
