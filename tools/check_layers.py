@@ -20,11 +20,13 @@ SEAMS = {
     "codec/disconnect_link.h": "whether a property was there",
     "codec/packet_type.h": "the types of packets by name",
     "codec/publish_link.h": "encoding one message for many receivers",
+    "handler/dispatch_link.h": "packets handed up for a client that is pinned",
     "log/log.h": "lines whose arguments are not evaluated below the level",
     "net/netip_link.h": "one connection named exactly, many packets in one write",
     "qos/booking.h": "a delivery queued and booked in one step",
     "persist/session_store.h": "whether a saved session exists",
     "stats/counters.h": "counting without a call",
+    "sub/share.h": "the group and the filter of a shared subscription",
     "sub/route.h": "matches without copies of whole entries",
 }
 
@@ -34,7 +36,8 @@ UPWARD = {
     ("stats", "sub/sub.h"): "the report counts subscriptions and retained messages",
     ("persist", "sub/sub.h"): "loading fills the subscription table and the retained store",
     ("client", "qos/qos_reliable.h"): "a released record takes its pending deliveries with it",
-    ("client", "handler/packet_handler.h"): "the bridge hands packets up, a close starts the will",
+    ("client", "handler/dispatch_link.h"): "the bridge hands packets up",
+    ("client", "handler/packet_handler.h"): "a lost connection takes its subscriptions along, a close starts the will",
     ("handler", "api/broker.h"): "the host's callbacks are asked and told",
 }
 
