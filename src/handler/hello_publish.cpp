@@ -1,4 +1,5 @@
-// test_message.cpp - the broker's test message, for hosts that want one; at most one in ten seconds.
+// hello_publish.cpp - the broker's own message, a hello for hosts to see that messages travel; at most one in ten
+// seconds.
 #include "../base/clock.h"
 #include "routing.h"
 
@@ -11,50 +12,80 @@ constexpr std::string_view kTopic    = "broker/test";
 constexpr std::string_view kPayload  = "Hello from MQTT Broker!";
 constexpr int64_t          kPeriod_s = 10;
 
-constinit int64_t last_test_pub_time = 0; // wall s
+constinit int64_t last_hello_s = 0; // wall s
 
-struct TestPath : BasicPath {
-    static constexpr bool kDrawsAtQos0 = true;
+void say_absent(const Turn &turn)
+{
+    if (!turn.client)
+        LOG_WARN("订阅者不存在：ClientID=%s", turn.id());
+    else
+        LOG_WARN("订阅者状态无效：ClientID=%s, 状态=%d", turn.id(), static_cast<int>(turn.state));
+}
 
-    using BasicPath::BasicPath;
+void settle(Routing &routing, Outcome outcome) noexcept
+{
+    const Turn &turn    = routing.turn;
+    const char *topic   = routing.message.topic_text();
+    const int   matched = routing.matches.count();
+    switch (outcome) {
+    case Outcome::NoMatchMemory:
+        LOG_ERROR("matched_subs malloc failed: %d", errno);
+        break;
+    case Outcome::NoChoiceMemory:
+        LOG_ERROR("selected_shared malloc failed: %d", errno);
+        break;
+    case Outcome::Matched:
+        LOG_INFO("【订阅匹配】Topic=%s 匹配到 %d 个订阅者（上限=%d）", topic, matched, SUB_MATCH_CAPACITY);
+        break;
+    case Outcome::Unmatched:
+        LOG_DEBUG("测试消息无匹配订阅者：Topic=%s", topic);
+        break;
+    case Outcome::NotChosen:
+        LOG_DEBUG("[共享订阅] 测试消息 订阅者%d 跳过", turn.number);
+        break;
+    case Outcome::Absent:
+        say_absent(turn);
+        break;
+    case Outcome::NoMemory:
+        LOG_ERROR("forward_buf malloc failed: %d", errno);
+        break;
+    case Outcome::NotEncoded:
+        LOG_ERROR("编码测试消息失败：To=%s, 错误码=%d", turn.id(), turn.result);
+        break;
+    case Outcome::NotSent:
+        LOG_ERROR("转发测试消息失败：To=%s, 发送返回值=%d", turn.id(), turn.result);
+        break;
+    case Outcome::Sent:
+        LOG_INFO("转发测试消息成功：To=%s, Topic=%s, QoS=%d（标准降级后）", turn.id(), topic, turn.shown_qos());
+        break;
+    case Outcome::Routed:
+        LOG_INFO("测试消息转发完成：总计匹配%d个订阅者，成功发送%d个", matched, routing.sent);
+        break;
+    case Outcome::Online:
+    case Outcome::NoPayload:
+        break;
+    }
+}
 
-    bool passes_over(const Receiver &to) { return to.route.client_id[0] == '\0'; }
-    void not_chosen(const Receiver &to) { LOG_DEBUG("[共享订阅] 测试消息 订阅者%d 跳过", to.number); }
-    void absent(const Receiver &to, const mqtt_client_t *client, uint32_t state)
-    {
-        if (!client)
-            LOG_WARN("订阅者不存在：ClientID=%s", to.route.client_id);
-        else
-            LOG_WARN("订阅者状态无效：ClientID=%s, 状态=%d", to.route.client_id, static_cast<int>(state));
-    }
-    void no_memory(const Receiver &) { LOG_ERROR("forward_buf malloc failed: %d", errno); }
-    void not_encoded(const Receiver &to, int code)
-    {
-        LOG_ERROR("编码测试消息失败：To=%s, 错误码=%d", to.route.client_id, code);
-    }
-    void not_sent(const Receiver &to, uint32_t result)
-    {
-        LOG_ERROR("转发测试消息失败：To=%s, 发送返回值=%d", to.route.client_id, static_cast<int>(result));
-    }
-    void sent(const Receiver &to)
-    {
-        LOG_INFO("转发测试消息成功：To=%s, Topic=%s, QoS=%d（标准降级后）", to.route.client_id, message.topic_text(),
-                 static_cast<int>(qos_to(to)));
-    }
-};
+constexpr Rules kRules{.settle             = settle,
+                       .tracking           = Tracking::Queued,
+                       .remembers_qos1     = true,
+                       .draws_at_qos0      = true,
+                       .chooses_first      = true,
+                       .payload_by_version = false};
 
 // True when the period is over; the next one then begins.
 bool due(int64_t now_s)
 {
-    const int64_t last_s = peek(last_test_pub_time);
-    return now_s - last_s >= kPeriod_s && swap_if(last_test_pub_time, last_s, now_s);
+    const int64_t last_s = peek(last_hello_s);
+    return now_s - last_s >= kPeriod_s && swap_if(last_hello_s, last_s, now_s);
 }
 
 } // namespace
 
-void begin_test_period() noexcept
+void begin_hello_period() noexcept
 {
-    poke(last_test_pub_time, wall_s());
+    poke(last_hello_s, wall_s());
 }
 
 } // namespace tarn::handler
@@ -73,21 +104,7 @@ void packet_handler_publish_test_msg(void)
     message.qos     = 1;
     LOG_INFO("MQTT标准：准备发布测试消息：Topic=%s, Payload=[%s], QoS=%d", kTopic.data(), kPayload.data(), 1);
 
-    Matches matches;
-    if (!matches.find(kTopic.data())) {
-        LOG_ERROR("matched_subs malloc failed: %d", errno);
-        return;
-    }
-    if (!matches.choose()) {
-        LOG_ERROR("selected_shared malloc failed: %d", errno);
-        return;
-    }
-    LOG_INFO("【订阅匹配】Topic=%s 匹配到 %d 个订阅者（上限=%d）", kTopic.data(), matches.count(), SUB_MATCH_CAPACITY);
-    if (matches.count() == 0) {
-        LOG_DEBUG("测试消息无匹配订阅者：Topic=%s", kTopic.data());
-        return;
-    }
-    TestPath  path(message);
-    const int sent = fan_out(matches, path);
-    LOG_INFO("测试消息转发完成：总计匹配%d个订阅者，成功发送%d个", matches.count(), sent);
+    Routing routing(kRules, message);
+    routing.excluded = "";
+    (void)route(routing, kTopic.data());
 }
