@@ -1,7 +1,10 @@
 // bridge.cpp - network events become client actions: the first packet of a connection makes its client record, every
 // packet goes to packet handling, a disconnect closes the client.
+#include "../handler/dispatch_link.h"
 #include "../handler/packet_handler.h"
 #include "client_internal.h"
+
+#include <utility>
 
 namespace tarn::client {
 namespace {
@@ -64,15 +67,11 @@ client_ref make_client(uint32_t handle, broker_t *broker)
     return client;
 }
 
-void on_data(uint32_t handle, const uint8_t *data, uint32_t len, broker_t *broker)
+// The record of this connection, made with its first packet.
+client_ref client_of(uint32_t handle, broker_t *broker)
 {
-    if (len == 0 || !data)
-        return;
     client_ref client = find_client_by_handle(handle);
-    if (!client)
-        client = make_client(handle, broker);
-    if (client)
-        (void)packet_dispatch(client.get(), data, len);
+    return client ? std::move(client) : make_client(handle, broker);
 }
 
 void register_send_ready_once()
@@ -99,7 +98,9 @@ uint8_t mqtt_netip_event_cb(uint32_t handle, uint32_t event, const uint8_t *data
         on_disconnected(handle, reason, error);
         return 1;
     case NETIP_EVENT_DATA:
-        on_data(handle, data, len, static_cast<broker_t *>(arg));
+        if (len != 0 && data)
+            if (const tarn::client_ref client = client_of(handle, static_cast<broker_t *>(arg)))
+                (void)tarn::handler::dispatch(*client, data, len);
         return 1;
     default:
         LOG_WARN("Unknown NetIP event type: %d", static_cast<int>(event));

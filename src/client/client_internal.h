@@ -159,8 +159,6 @@ enum class Flushed {
 };
 // Sends up to 100 packets. With online_only nothing leaves a ring whose client is not online.
 Flushed flush_ring(mqtt_client_t &client, bool online_only) noexcept;
-// The same for an online client; what is left is handed to the send thread.
-void flush_and_hand_over(mqtt_client_t &client) noexcept;
 // Returns when no thread is sending from this ring. Nobody starts again once the client is not online.
 void wait_for_flusher(mqtt_client_t &client) noexcept;
 // Frees the ring, now or when the thread that sends from it is done.

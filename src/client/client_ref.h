@@ -100,10 +100,13 @@ void release_called_off(mqtt_client_t &client) noexcept;
 // False while no closed client waits for its delayed will: what CONNECT asks before it looks for one to cancel.
 [[nodiscard]] bool wills_are_parked() noexcept;
 
-// ---- sending (send_ring.cpp)
+// ---- sending (send_ring.cpp). The caller holds a pin.
 
-// client_send in two steps, for who has to do something before the packet may leave. The caller holds a pin, and sees
-// to the sending of what was queued (result 0) soon.
+// Queues the packet and sees to its sending; 0, or 0xFFFFFFFF when it was dropped.
+uint32_t send_to(mqtt_client_t &client, const uint8_t *bytes, int32_t length) noexcept;
+
+// The same in two steps, for who has to do something before the packet may leave: who queued it (result 0) sees to its
+// sending soon.
 uint32_t queue_packet(mqtt_client_t &client, const uint8_t *bytes, int32_t length) noexcept;
 void     see_to_sending(mqtt_client_t &client) noexcept;
 

@@ -19,6 +19,13 @@ constinit std::atomic<uint8_t> g_queued_since{0};
 
 constinit thread_local bool t_in_round = false;
 
+// What a flush left is the send thread's.
+void hand_over_rest(int32_t index, Flushed result)
+{
+    if (result != Flushed::Drained && result != Flushed::Busy)
+        hand_to_send_thread(index);
+}
+
 } // namespace
 
 void begin_io_round() noexcept
@@ -38,7 +45,7 @@ void end_io_round() noexcept
         side.in_round.store(0, std::memory_order_relaxed);
         side.round_blocked.store(0, std::memory_order_relaxed);
         const client_ref client(record_at(index)); // whoever has the record now
-        flush_and_hand_over(*client);
+        hand_over_rest(index, flush_ring(*client, true));
     }
     g_round_count.store(0, std::memory_order_relaxed);
     g_round_taken.store(0, std::memory_order_release);
@@ -70,8 +77,9 @@ bool flush_long_round(int &quiet_turns) noexcept
 
     const int32_t count = g_round_count.load(std::memory_order_acquire);
     for (int32_t i = 0; i < count; ++i) {
-        const client_ref client(record_at(peek(g_round[i])));
-        flush_and_hand_over(*client);
+        const int32_t    index = peek(g_round[i]);
+        const client_ref client(record_at(index));
+        hand_over_rest(index, flush_ring(*client, true));
     }
     quiet_turns = g_queued_since.exchange(0) || count > 0 ? 0 : quiet_turns + 1;
     if (quiet_turns < kQuietTurns)

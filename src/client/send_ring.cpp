@@ -12,6 +12,7 @@
 #include "../stats/counters.h"
 #include "client_internal.h"
 
+#include <algorithm>
 #include <cstring>
 #include <sched.h>
 
@@ -73,29 +74,6 @@ Flushed outcome(const net::Sent &sent, int asked)
     return sent.result == NETIP_AGAIN ? Flushed::Full : Flushed::Refused;
 }
 
-// Sends one batch; false when the flush is over. send_lock is held, but not during the call for a pool record.
-bool send_batch(mqtt_client_t &client, Side *side, int limit, int &sent_packets, Flushed &result) NO_LOCK_ANALYSIS
-{
-    Batch batch;
-    gather(client, limit, batch);
-    if (batch.count == 0)
-        return false;
-    if (side)
-        client.send_lock.unlock();
-    const net::Sent sent = net::send_packets(batch.handle, batch.packets, batch.count, batch.generation);
-    if (side)
-        client.send_lock.lock();
-    if (client.send_queue != batch.ring) { // released meanwhile, and the ring left to us
-        free_ring(client, batch.ring);
-        result = Flushed::Drained;
-        return false;
-    }
-    advance(client, sent.packets);
-    sent_packets += sent.packets;
-    result = outcome(sent, batch.count);
-    return result == Flushed::Drained;
-}
-
 void note_queued(mqtt_client_t &client, Side &side, int type) REQUIRES(client.send_lock)
 {
     if (side.ring_used < CLIENT_SEND_SLOTS)
@@ -106,17 +84,38 @@ void note_queued(mqtt_client_t &client, Side &side, int type) REQUIRES(client.se
     }
 }
 
-enum class Queued { Ok, Offline, NoRing, Full };
+enum class Queued { Ok, Invalid, Offline, TooBig, Full };
+
+stats::Counter counter_of(Queued dropped)
+{
+    switch (dropped) {
+    case Queued::Offline:
+        return stats::Counter::drop_offline;
+    case Queued::TooBig:
+        return stats::Counter::drop_too_big;
+    case Queued::Full:
+        return stats::Counter::drop_queue_full;
+    default:
+        return stats::Counter::drop_invalid_param;
+    }
+}
 
 Queued enqueue(mqtt_client_t &client, const uint8_t *bytes, int32_t length) EXCLUDES(client.send_lock)
 {
+    if (!bytes || length < 1 || length > CLIENT_SEND_SLOT_BYTES)
+        return Queued::Invalid;
+    if (!is_online(client))
+        return Queued::Offline;
+    if (static_cast<uint32_t>(length) > peek(client.max_packet_size))
+        return Queued::TooBig;
+
     ScopedLock lock(client.send_lock);
     if (!is_online(client)) // once more: release has emptied the ring for good
         return Queued::Offline;
     if (!client.send_queue) {
         client_send_slot_t *const ring = make_ring(client);
         if (!ring)
-            return Queued::NoRing;
+            return Queued::Invalid;
         poke(client.send_queue, ring);
     }
     const int tail = client.send_tail % CLIENT_SEND_SLOTS;
@@ -144,16 +143,15 @@ Flushed flush_in_turn(mqtt_client_t &client, bool online_only)
 }
 
 // A burst of one round fills a ring before the round ends, so the ring is emptied between; once a round when the socket
-// takes nothing.
-Queued enqueue_making_room(mqtt_client_t &client, const uint8_t *bytes, int32_t length)
+// takes nothing. False when nothing was tried.
+bool make_room(mqtt_client_t &client)
 {
-    const Queued queued = enqueue(client, bytes, length);
-    Side *const  side   = side_of(&client);
-    if (queued != Queued::Full || !side || !in_io_round() || side->round_blocked.load(std::memory_order_relaxed))
-        return queued;
+    Side *const side = side_of(&client);
+    if (!side || !in_io_round() || side->round_blocked.load(std::memory_order_relaxed))
+        return false;
     const Flushed result = flush_in_turn(client, true);
     side->round_blocked.store(result == Flushed::Full || result == Flushed::Refused, std::memory_order_relaxed);
-    return enqueue(client, bytes, length);
+    return true;
 }
 
 } // namespace
@@ -163,12 +161,12 @@ bool has_packets(mqtt_client_t &client) noexcept
     return peek(client.send_head) != peek(client.send_tail);
 }
 
+// send_lock is held, but for a pool record not while the socket is written to.
 Flushed flush_ring(mqtt_client_t &client, bool online_only) noexcept NO_LOCK_ANALYSIS
 {
-    Side *const side = side_of(&client);
     if (!may_flush(client, online_only))
         return Flushed::Drained;
-
+    Side *const side = side_of(&client);
     client.send_lock.lock();
     if (side && side->flushing) {
         client.send_lock.unlock();
@@ -178,10 +176,23 @@ Flushed flush_ring(mqtt_client_t &client, bool online_only) noexcept NO_LOCK_ANA
         side->flushing = 1;
     Flushed result = Flushed::Drained;
     int     sent   = 0;
-    while (sent < kFlushMax && may_flush(client, online_only)) {
-        const int limit = kFlushMax - sent < net::kGatherMax ? kFlushMax - sent : net::kGatherMax;
-        if (!send_batch(client, side, limit, sent, result))
+    while (result == Flushed::Drained && sent < kFlushMax && may_flush(client, online_only)) {
+        Batch batch;
+        gather(client, std::min(kFlushMax - sent, net::kGatherMax), batch);
+        if (batch.count == 0)
             break;
+        if (side)
+            client.send_lock.unlock();
+        const net::Sent taken = net::send_packets(batch.handle, batch.packets, batch.count, batch.generation);
+        if (side)
+            client.send_lock.lock();
+        if (client.send_queue != batch.ring) { // released meanwhile, and the ring left to us
+            free_ring(client, batch.ring);
+            break;
+        }
+        advance(client, taken.packets);
+        sent += taken.packets;
+        result = outcome(taken, batch.count);
     }
     if (result == Flushed::Drained && sent >= kFlushMax && has_packets(client))
         result = Flushed::Partly;
@@ -189,14 +200,6 @@ Flushed flush_ring(mqtt_client_t &client, bool online_only) noexcept NO_LOCK_ANA
         side->flushing = 0;
     client.send_lock.unlock();
     return result;
-}
-
-void flush_and_hand_over(mqtt_client_t &client) noexcept
-{
-    const Flushed result = flush_ring(client, true);
-    const int32_t index  = index_of(&client);
-    if (index != kOutside && result != Flushed::Drained && result != Flushed::Busy)
-        hand_to_send_thread(index);
 }
 
 void wait_for_flusher(mqtt_client_t &client) noexcept
@@ -233,30 +236,12 @@ using namespace tarn::client;
 
 uint32_t tarn::queue_packet(mqtt_client_t &client, const uint8_t *bytes, int32_t length) noexcept
 {
-    if (!bytes || length < 1 || length > CLIENT_SEND_SLOT_BYTES) {
-        stats::count(stats::Counter::drop_invalid_param);
+    Queued queued = enqueue(client, bytes, length);
+    if (queued == Queued::Full && make_room(client))
+        queued = enqueue(client, bytes, length);
+    if (queued != Queued::Ok) {
+        stats::count(counter_of(queued));
         return kFailed;
-    }
-    if (!is_online(client)) {
-        stats::count(stats::Counter::drop_offline);
-        return kFailed;
-    }
-    if (static_cast<uint32_t>(length) > peek(client.max_packet_size)) {
-        stats::count(stats::Counter::drop_too_big);
-        return kFailed;
-    }
-    switch (enqueue_making_room(client, bytes, length)) {
-    case Queued::Offline:
-        stats::count(stats::Counter::drop_offline);
-        return kFailed;
-    case Queued::NoRing:
-        stats::count(stats::Counter::drop_invalid_param);
-        return kFailed;
-    case Queued::Full:
-        stats::count(stats::Counter::drop_queue_full);
-        return kFailed;
-    case Queued::Ok:
-        break;
     }
     stats::count(stats::Counter::tx_pkt);
     client_update_active(&client);
@@ -275,6 +260,22 @@ void tarn::see_to_sending(mqtt_client_t &client) noexcept
         hand_to_send_thread(index);
 }
 
+uint32_t tarn::send_to(mqtt_client_t &client, const uint8_t *bytes, int32_t length) noexcept
+{
+    if (const uint32_t failed = queue_packet(client, bytes, length))
+        return failed;
+    see_to_sending(client);
+    return 0;
+}
+
+void tarn::flush_client(mqtt_client_t &client) noexcept
+{
+    const Flushed result = flush_in_turn(client, false);
+    const int32_t index  = index_of(&client);
+    if (index != kOutside && result != Flushed::Drained && is_online(client))
+        hand_to_send_thread(index);
+}
+
 void tarn::end_with_disconnect(mqtt_client_t &client) noexcept
 {
     Side *const side = side_of(&client);
@@ -290,10 +291,7 @@ uint32_t client_send(mqtt_client_t *client, const uint8_t *bytes, int32_t length
         return kFailed;
     }
     const client_ref pin(client);
-    if (const uint32_t failed = queue_packet(*client, bytes, length))
-        return failed;
-    see_to_sending(*client);
-    return 0;
+    return send_to(*client, bytes, length);
 }
 
 void client_send_flush(mqtt_client_t *client)
@@ -301,13 +299,5 @@ void client_send_flush(mqtt_client_t *client)
     if (!client)
         return;
     const client_ref pin(client);
-    const Flushed    result = flush_in_turn(*client, false);
-    const int32_t    index  = index_of(client);
-    if (index != kOutside && result != Flushed::Drained && is_online(*client))
-        hand_to_send_thread(index);
-}
-
-void tarn::flush_client(mqtt_client_t &client) noexcept
-{
-    client_send_flush(&client);
+    flush_client(*client);
 }

@@ -76,17 +76,9 @@ int handle_acknowledgement(mqtt_client_t &client, Packet packet) noexcept
     (void)qos::acknowledge(client, ack.msg_id, static_cast<uint8_t>(type));
 
     if (row.reply != 0) {
-        mqtt_ack_para_t answer{};
-        answer.msg_id = ack.msg_id;
-        switch (send_ack(client, row.reply, answer)) {
-        case Reply::NoMemory:
-            LOG_ERROR(row.no_memory, errno);
-            return -1;
-        case Reply::NotEncoded:
-            return 0;
-        case Reply::Sent:
-            LOG_INFO(row.replied, client.client_id, ack.msg_id);
-        }
+        const Reply reply = answer(client, row.reply, ack.msg_id, row.no_memory, row.replied);
+        if (reply != Reply::Sent)
+            return reply == Reply::NoMemory ? -1 : 0;
     }
     if (row.settle)
         row.settle(client, ack.msg_id);

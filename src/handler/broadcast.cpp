@@ -5,6 +5,7 @@
 #include "../sub/sub.h"
 #include "routing.h"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace tarn::handler {
@@ -17,77 +18,10 @@ struct ReadPublish {
     uint8_t     retain;
 };
 
-// QUIRK(will-guessed-payload): where the payload begins is derived from the receiver's protocol version, while the
-// packet was encoded for its owner's: a 5.0 receiver of a 3.1.1 owner's will loses the bytes that look like a property
-// block, which are all of most texts, so that it gets nothing; a 3.1.1 receiver of a 5.0 owner's will gets the property
-// bytes as payload [MQTT 5.0 3.3.3]. Likewise a remaining length of two bytes is taken for the beginning of the topic: a
-// will of more than 125 bytes of topic and payload reaches nobody (123 at QoS 1 and 2, one less of a 5.0 owner, five
-// fewer with an expiry interval).
-//   test: broadcast.the_receivers_version_decides_where_the_payload_begins, broadcast.a_two_byte_remaining_length_is_misread,
-//   will.sizes_that_reach_a_subscriber
-struct BroadcastPath : BasicPath {
-    const Packet   packet;
-    const uint32_t payload_at;
-    const bool     is_will;
-
-    BroadcastPath(Message &what, Packet from, uint32_t at, bool will)
-        : BasicPath(what), packet(from), payload_at(at), is_will(will)
-    {
-    }
-
-    // QUIRK(will-once): a will goes to subscribers that are online only and is never repeated to them [MQTT-4.4.0-1];
-    // it is not retained, whatever its flag says [MQTT-3.1.2-15], and the flag reaches the subscribers
-    // [MQTT-3.3.1-12].
-    //   test: broadcast.a_will_is_not_tracked
-    bool tracks() const { return !is_will; }
-
-    void not_chosen(const Receiver &to) { LOG_DEBUG("[共享订阅] 订阅者%d 同组已负载均衡，跳过发送", to.number); }
-    void absent(const Receiver &to, const mqtt_client_t *client, uint32_t state)
-    {
-        if (to.route.client_id[0] == '\0')
-            LOG_WARN("[遗嘱调试][广播跳过] 订阅者%d：ClientID为空", to.number);
-        else if (!client)
-            LOG_WARN("[遗嘱调试][广播失败] 订阅者%d：ClientID=%s 不存在", to.number, to.route.client_id);
-        else if (is_will)
-            LOG_WARN("[遗嘱调试][跳过] 客户端已离线，不发送遗嘱：%s", to.route.client_id);
-        else
-            LOG_WARN("[遗嘱调试][广播失败] 订阅者%d：ClientID=%s 状态无效（%d），需为LOGINED/CONNECTED", to.number,
-                     to.route.client_id, static_cast<int>(state));
-    }
-    bool prepare(const Receiver &to, uint32_t version)
-    {
-        LOG_DEBUG("[遗嘱调试][QoS降级] 订阅者%d：原始QoS=%d → 订阅QoS=%d → 最终投递QoS=%d", to.number,
-                  static_cast<int>(qos), to.route.qos, static_cast<int>(qos_to(to)));
-        uint32_t at = payload_at;
-        if (version == 5) // a length that is not there counts as 0, and is stepped over all the same
-            at += 1u + (at < packet.size() ? packet[at] : 0u);
-        if (at >= packet.size()) {
-            LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：Payload解析失败（start=%d, len=%d, msg_len=%d）", to.number,
-                      static_cast<int>(at), static_cast<int>(packet.size()) - static_cast<int>(at),
-                      static_cast<int>(packet.size()));
-            return false;
-        }
-        message.payload = packet.subspan(at);
-        return true;
-    }
-    void no_memory(const Receiver &to)
-    {
-        LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：malloc缓冲区失败（errno=%d）", to.number, errno);
-    }
-    void not_encoded(const Receiver &to, int code)
-    {
-        LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：To=%s, 编码失败（错误码=%d）", to.number, to.route.client_id, code);
-    }
-    void not_sent(const Receiver &to, uint32_t result)
-    {
-        LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：To=%s, 发送返回值=%d", to.number, to.route.client_id,
-                  static_cast<int>(result));
-    }
-    void sent(const Receiver &to)
-    {
-        LOG_INFO("[遗嘱调试][广播成功] 订阅者%d：To=%s, Topic=%s,最终投递QoS=%d（已降级）", to.number,
-                 to.route.client_id, message.topic_text(), static_cast<int>(qos_to(to)));
-    }
+struct Broadcast : Routing {
+    Packet   packet;
+    uint32_t payload_at; // of a 3.1.1 packet
+    bool     is_will;
 };
 
 // The filter behind a match, for the trace. The table may have changed since: then there is none to show.
@@ -115,33 +49,123 @@ void trace_matches(const Matches &matches)
     }
 }
 
+// QUIRK(will-guessed-payload): where the payload begins is derived from the receiver's protocol version, while the
+// packet was encoded for its owner's: a 5.0 receiver of a 3.1.1 owner's will loses the bytes that look like a property
+// block, which are all of most texts, so that it gets nothing; a 3.1.1 receiver of a 5.0 owner's will gets the property
+// bytes as payload [MQTT 5.0 3.3.3]. Likewise a remaining length of two bytes is taken for the beginning of the topic: a
+// will of more than 125 bytes of topic and payload reaches nobody (123 at QoS 1 and 2, one less of a 5.0 owner, five
+// fewer with an expiry interval).
+//   test: broadcast.the_receivers_version_decides_where_the_payload_begins, broadcast.a_two_byte_remaining_length_is_misread,
+//   will.sizes_that_reach_a_subscriber
+uint32_t payload_start(const Broadcast &broadcast)
+{
+    const uint32_t at = broadcast.payload_at;
+    if (broadcast.turn.version != 5)
+        return at;
+    // A length that is not there counts as 0, and is stepped over all the same.
+    return at + 1u + (at < broadcast.packet.size() ? broadcast.packet[at] : 0u);
+}
+
+void say_absent(const Broadcast &broadcast)
+{
+    const Turn &turn = broadcast.turn;
+    if (turn.id()[0] == '\0')
+        LOG_WARN("[遗嘱调试][广播跳过] 订阅者%d：ClientID为空", turn.number);
+    else if (!turn.client)
+        LOG_WARN("[遗嘱调试][广播失败] 订阅者%d：ClientID=%s 不存在", turn.number, turn.id());
+    else if (broadcast.is_will)
+        LOG_WARN("[遗嘱调试][跳过] 客户端已离线，不发送遗嘱：%s", turn.id());
+    else
+        LOG_WARN("[遗嘱调试][广播失败] 订阅者%d：ClientID=%s 状态无效（%d），需为LOGINED/CONNECTED", turn.number,
+                 turn.id(), static_cast<int>(turn.state));
+}
+
+void settle(Routing &routing, Outcome outcome) noexcept
+{
+    auto       &broadcast = static_cast<Broadcast &>(routing);
+    const Turn &turn      = routing.turn;
+    const char *topic     = routing.message.topic_text();
+    const int   matched   = routing.matches.count();
+    const int   length    = static_cast<int>(broadcast.packet.size());
+    switch (outcome) {
+    case Outcome::NoMatchMemory:
+        LOG_ERROR("[遗嘱调试][广播失败] malloc订阅者数组失败：errno=%d", errno);
+        break;
+    case Outcome::Matched:
+        LOG_INFO("[遗嘱调试][订阅匹配] Topic=%s 匹配到 %d 个订阅者（上限=%d）", topic, matched, SUB_MATCH_CAPACITY);
+        if (matched != 0)
+            trace_matches(routing.matches);
+        break;
+    case Outcome::Unmatched:
+        LOG_DEBUG("[遗嘱调试][广播完成] 无匹配订阅者，Topic=%s", topic);
+        break;
+    case Outcome::NotChosen:
+        LOG_DEBUG("[共享订阅] 订阅者%d 同组已负载均衡，跳过发送", turn.number);
+        break;
+    case Outcome::Absent:
+        say_absent(broadcast);
+        break;
+    case Outcome::Online: {
+        LOG_DEBUG("[遗嘱调试][QoS降级] 订阅者%d：原始QoS=%d → 订阅QoS=%d → 最终投递QoS=%d", turn.number,
+                  static_cast<int>(routing.qos), turn.to->qos, turn.shown_qos());
+        const size_t at         = std::min<size_t>(payload_start(broadcast), broadcast.packet.size());
+        routing.message.payload = broadcast.packet.subspan(at);
+        break;
+    }
+    case Outcome::NoPayload: {
+        const int at = static_cast<int>(payload_start(broadcast));
+        LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：Payload解析失败（start=%d, len=%d, msg_len=%d）", turn.number, at,
+                  length - at, length);
+        break;
+    }
+    case Outcome::NoMemory:
+        LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：malloc缓冲区失败（errno=%d）", turn.number, errno);
+        break;
+    case Outcome::NotEncoded:
+        LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：To=%s, 编码失败（错误码=%d）", turn.number, turn.id(), turn.result);
+        break;
+    case Outcome::NotSent:
+        LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：To=%s, 发送返回值=%d", turn.number, turn.id(), turn.result);
+        break;
+    case Outcome::Sent:
+        LOG_INFO("[遗嘱调试][广播成功] 订阅者%d：To=%s, Topic=%s,最终投递QoS=%d（已降级）", turn.number, turn.id(),
+                 topic, turn.shown_qos());
+        break;
+    case Outcome::Routed:
+        LOG_INFO("[遗嘱调试][广播完成] Topic=%s, 总计匹配%d个订阅者，成功发送%d个，失败%d个", topic, matched,
+                 routing.sent, matched - routing.sent);
+        break;
+    case Outcome::NoChoiceMemory:
+        break;
+    }
+}
+
+// QUIRK(will-once): a will goes to subscribers that are online only and is never repeated to them [MQTT-4.4.0-1];
+// it is not retained, whatever its flag says [MQTT-3.1.2-15], and the flag reaches the subscribers
+// [MQTT-3.3.1-12].
+//   test: broadcast.a_will_is_not_tracked
+constexpr Rules rules_of(Tracking tracking)
+{
+    return {.settle             = settle,
+            .tracking           = tracking,
+            .remembers_qos1     = true,
+            .draws_at_qos0      = false,
+            .chooses_first      = false,
+            .payload_by_version = true};
+}
+constexpr Rules kWillRules  = rules_of(Tracking::Never);
+constexpr Rules kOtherRules = rules_of(Tracking::Queued);
+
 void broadcast(Packet packet, const ReadPublish &publish, bool is_will)
 {
     LOG_INFO("[遗嘱调试][广播开始] Topic=%s, 原始QoS=%d, 消息长度=%d, 开始匹配订阅者（上限=%d）", publish.topic,
              publish.qos, static_cast<int>(packet.size()), SUB_MATCH_CAPACITY);
-    Matches matches;
-    if (!matches.find(publish.topic)) {
-        LOG_ERROR("[遗嘱调试][广播失败] malloc订阅者数组失败：errno=%d", errno);
-        return;
-    }
-    LOG_INFO("[遗嘱调试][订阅匹配] Topic=%s 匹配到 %d 个订阅者（上限=%d）", publish.topic, matches.count(),
-             SUB_MATCH_CAPACITY);
-    if (matches.count() == 0) {
-        LOG_DEBUG("[遗嘱调试][广播完成] 无匹配订阅者，Topic=%s", publish.topic);
-        return;
-    }
-    trace_matches(matches);
-    if (!matches.choose())
-        return;
-
     Message message;
     message.topic  = publish.topic;
     message.qos    = publish.qos;
     message.retain = publish.retain;
-    BroadcastPath path(message, packet, publish.payload_at, is_will);
-    const int     sent = fan_out(matches, path);
-    LOG_INFO("[遗嘱调试][广播完成] Topic=%s, 总计匹配%d个订阅者，成功发送%d个，失败%d个", publish.topic,
-             matches.count(), sent, matches.count() - sent);
+    Broadcast routing{{is_will ? kWillRules : kOtherRules, message}, packet, publish.payload_at, is_will};
+    (void)route(routing, publish.topic);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 //
 // No client state is asked: a PUBLISH before CONNECT is handled like any other, a second CONNECT in full again.
 #include "../stats/counters.h"
+#include "dispatch_link.h"
 #include "handler_internal.h"
 
 using namespace tarn;
@@ -59,6 +60,12 @@ int ignore_unknown(const mqtt_client_t &client, int type)
     return 0;
 }
 
+int refuse_arguments()
+{
+    LOG_ERROR("无效报文参数");
+    return -1;
+}
+
 } // namespace
 
 // QUIRK(malformed-kept): a packet that does not decode is logged and counted, the connection stays
@@ -71,22 +78,28 @@ int handler::undecodable(const mqtt_client_t &client, const char *line, int code
     return -1;
 }
 
-int packet_dispatch(mqtt_client_t *client, const uint8_t *buf, uint32_t len)
+int handler::dispatch(mqtt_client_t &client, const uint8_t *bytes, uint32_t length) noexcept
 {
     stats::count(stats::Counter::rx_pkt);
-    if (!buf || static_cast<int32_t>(len) < 1 || !client) {
-        LOG_ERROR("无效报文参数");
-        return -1;
-    }
-
-    const client_ref pin(client);
-    const Packet     packet(buf, len);
-    const uint32_t   limit = peek(client->max_packet_size);
-    if (limit != 0 && len > limit)
-        return close_oversized(*client, packet, limit);
+    if (!bytes || static_cast<int32_t>(length) < 1)
+        return refuse_arguments();
+    const Packet   packet(bytes, length);
+    const uint32_t limit = peek(client.max_packet_size);
+    if (limit != 0 && length > limit)
+        return close_oversized(client, packet, limit);
 
     const int type = packet[0] >> 4;
-    LOG_DEBUG("收到MQTT报文：ClientID=%s, 类型=%d, 长度=%u", client->client_id, type, len);
-    client_update_active(client);
-    return kHandlers[type] ? kHandlers[type](*client, packet) : ignore_unknown(*client, type);
+    LOG_DEBUG("收到MQTT报文：ClientID=%s, 类型=%d, 长度=%u", client.client_id, type, length);
+    client_update_active(&client);
+    return kHandlers[type] ? kHandlers[type](client, packet) : ignore_unknown(client, type);
+}
+
+int packet_dispatch(mqtt_client_t *client, const uint8_t *buf, uint32_t len)
+{
+    if (!client) {
+        stats::count(stats::Counter::rx_pkt);
+        return refuse_arguments();
+    }
+    const client_ref pin(client);
+    return handler::dispatch(*client, buf, len);
 }

@@ -34,8 +34,8 @@ int undecodable(const mqtt_client_t &client, const char *line, int code) noexcep
     return peek(client.codec.version) == 5;
 }
 
-// The first test message is due ten seconds from now (test_message.cpp).
-void begin_test_period() noexcept;
+// The first hello is due ten seconds from now (hello_publish.cpp).
+void begin_hello_period() noexcept;
 
 // Draws of the identifier generator (packet_id.cpp).
 uint16_t draw_packet_id() noexcept;   // 1..65533, one draw

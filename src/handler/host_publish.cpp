@@ -1,6 +1,6 @@
 // host_publish.cpp - a message of the host's own: neither callbacks nor an excluded sender, and hardly a line of log.
 #include "../base/text.h"
-#include "../sub/retain.h"
+#include "../sub/sub.hpp"
 #include "routing.h"
 
 namespace tarn::handler {
@@ -8,37 +8,37 @@ namespace {
 
 constexpr size_t kSentTopicChars = 255;
 
-struct HostPath : BasicPath {
-    static constexpr bool kDrawsAtQos0   = true;
-    static constexpr bool kRemembersQos1 = false;
-
-    using BasicPath::BasicPath;
-
-    bool tracks() const { return false; } // once queued: see encoded()
-    bool passes_over(const Receiver &to) { return to.route.client_id[0] == '\0'; }
-    void absent(const Receiver &to, const mqtt_client_t *, uint32_t)
-    {
-        persist::HeldSession session(to.route.client_id);
-        if (!keeps_messages(session, to.route) || message.topic.empty() || message.payload.empty())
-            return;
-        const uint32_t kept_qos = qos_to(to);
-        if (kept_qos == 0) {
-            LOG_INFO("[MQTT标准] QoS=0 离线消息不存储：ClientID=%s, Topic=%s", to.route.client_id,
-                     message.topic_text());
-            return;
-        }
-        if (keep_message(session, message, kept_qos))
-            LOG_INFO("[STANDARD] APP发布离线消息已存储: %s, Topic=%s", to.route.client_id, message.topic_text());
+void keep_for_absent(const Routing &routing)
+{
+    const Turn          &turn = routing.turn;
+    persist::HeldSession session(turn.id());
+    if (!is_kept(routing, session))
+        return;
+    if (turn.qos == 0) {
+        LOG_INFO("[MQTT标准] QoS=0 离线消息不存储：ClientID=%s, Topic=%s", turn.id(), routing.message.topic_text());
+        return;
     }
-    // Tracked whether it can be queued or not, also when only the buffer was too small for it: the scan delivers it
-    // then. Before it is queued, since its acknowledgement may come in on another thread.
-    void encoded(mqtt_client_t &client, const DeliveryCache &cache, int code, uint32_t version)
-    {
-        if (message.qos != 0 && (code == CODEC_OK || cache.scan_can_encode(code, version)))
-            (void)qos_reliable_add_packet(&client, message.msg_id, static_cast<uint8_t>(message.qos),
-                                          message.topic_text(), message.payload.data(), message.payload_len());
+    if (keep_message(routing, session))
+        LOG_INFO("[STANDARD] APP发布离线消息已存储: %s, Topic=%s", turn.id(), routing.message.topic_text());
+}
+
+void settle(Routing &routing, Outcome outcome) noexcept
+{
+    switch (outcome) {
+    case Outcome::Absent:
+        keep_for_absent(routing);
+        break;
+    default: // neither success nor failure has a line
+        break;
     }
-};
+}
+
+constexpr Rules kRules{.settle             = settle,
+                       .tracking           = Tracking::Always,
+                       .remembers_qos1     = false,
+                       .draws_at_qos0      = true,
+                       .chooses_first      = false,
+                       .payload_by_version = false};
 
 } // namespace
 } // namespace tarn::handler
@@ -65,15 +65,7 @@ int packet_handler_broker_publish(const char *topic, const uint8_t *payload, int
     const bool        is_copied   = strnlen(topic, sizeof own_topic) < sizeof own_topic;
     const char *const whole_topic = is_copied ? own_topic : topic;
     if (retain & 1)
-        (void)retain_msg_set_with_expiry(whole_topic, own_payload, length, qos, message_expiry);
-
-    Matches matches;
-    if (!matches.find(whole_topic))
-        return -1;
-    if (matches.count() == 0)
-        return 0;
-    if (!matches.choose())
-        return -1;
+        (void)sub::retain({whole_topic, {own_payload, length}, qos, message_expiry});
 
     // QUIRK(host-retain-forwarded): the host's retain flag goes out to subscribers as it was passed, where MQTT clears
     // it for established subscriptions [MQTT-3.3.1-12].
@@ -84,7 +76,7 @@ int packet_handler_broker_publish(const char *topic, const uint8_t *payload, int
     message.qos                 = qos;
     message.retain              = retain;
     message.msg_expiry_interval = message_expiry;
-    HostPath path(message);
-    (void)fan_out(matches, path);
-    return 0;
+    Routing routing(kRules, message);
+    routing.excluded = "";
+    return route(routing, whole_topic) ? 0 : -1;
 }

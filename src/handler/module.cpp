@@ -16,7 +16,7 @@ int packet_handler_init(void)
         LOG_ERROR("QoS可靠投递模块初始化失败");
         return -1;
     }
-    handler::begin_test_period();
+    handler::begin_hello_period();
     LOG_INFO("报文处理器初始化成功（符合MQTT 3.1.1标准）");
     return 0;
 }

@@ -7,6 +7,8 @@
 #include "../net/netip_types.h"
 #include "handler_internal.h"
 
+#include <cerrno>
+
 namespace tarn::handler {
 namespace {
 
@@ -21,7 +23,7 @@ template <class Encode> Reply send_reply(mqtt_client_t &client, Encode encode)
     int length = PACKET_REPLY_SIZE;
     if (encode(reply.get(), &length) != CODEC_OK || length <= 0)
         return Reply::NotEncoded;
-    (void)client_send(&client, reply.get(), length);
+    (void)send_to(client, reply.get(), length);
     return Reply::Sent;
 }
 
@@ -32,6 +34,18 @@ Reply send_ack(mqtt_client_t &client, int type, const mqtt_ack_para_t &ack) noex
     return send_reply(client, [&](uint8_t *buf, int *length) {
         return mqtt_codec_encode_ack(&client.codec, type, &ack, buf, length);
     });
+}
+
+Reply answer(mqtt_client_t &client, int type, uint16_t id, const char *no_memory, const char *replied) noexcept
+{
+    mqtt_ack_para_t ack{};
+    ack.msg_id        = id;
+    const Reply reply = send_ack(client, type, ack);
+    if (reply == Reply::NoMemory)
+        LOG_ERROR(no_memory, errno);
+    if (reply == Reply::Sent)
+        LOG_INFO(replied, client.client_id, id);
+    return reply;
 }
 
 Reply send_connack(mqtt_client_t &client, const mqtt_connack_para_t &connack) noexcept
@@ -75,6 +89,6 @@ void packet_handler_send_disconnect(mqtt_client_t *client, uint8_t reason_code)
     int     length                    = sizeof packet;
     // What the encoder leaves is sent in any case: a context of no known level sends the zeroes.
     (void)mqtt_codec_encode_disconnect(&client->codec, &disconnect, packet, &length);
-    (void)client_send(client, packet, length);
+    (void)send_to(*client, packet, length);
     handler::let_leave(*client);
 }

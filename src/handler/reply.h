@@ -7,13 +7,16 @@
 namespace tarn::handler {
 
 enum class Reply {
-    Sent,       // handed to client_send, whose result nobody asks for
+    Sent,       // handed to send_to, whose result nobody asks for
     NotEncoded, // the encoder refused; nothing was sent
     NoMemory    // errno says why
 };
 
 // PUBACK, PUBREC, PUBREL, PUBCOMP, SUBACK or UNSUBACK.
 Reply send_ack(mqtt_client_t &client, int type, const mqtt_ack_para_t &ack) noexcept;
+// One of the first four with nothing but this identifier, and its line: `no_memory` takes errno, `replied` the client's
+// id and the identifier.
+Reply answer(mqtt_client_t &client, int type, uint16_t id, const char *no_memory, const char *replied) noexcept;
 Reply send_connack(mqtt_client_t &client, const mqtt_connack_para_t &connack) noexcept;
 
 // The same for a refusal: what the encoder left is sent, whether it succeeded or not.

@@ -3,7 +3,7 @@
 // The store stays locked for the whole replay, so that it is one state of the store; queueing takes the send lock
 // inside.
 #include "../base/text.h"
-#include "../sub/sub.h"
+#include "../sub/sub.hpp"
 #include "delivery_cache.h"
 #include "handler_internal.h"
 
@@ -36,7 +36,7 @@ void send_retained(mqtt_client_t &client, const retain_msg_t &retained, const ch
     if (packet.code != CODEC_OK)
         return;
     poke(client.codec.last_packet_type, uint32_t{PUBLISH});
-    (void)client_send(&client, packet.bytes, packet.length);
+    (void)send_to(client, packet.bytes, packet.length);
     LOG_INFO("[保留消息] 下发成功: Client=%s, Topic=%s, Filter=%s", id_of(client).text, topic, filter);
 }
 
@@ -50,6 +50,6 @@ void send_retained_msg_to_client(mqtt_client_t *client, const char *filter)
     ScopedLock       lock(g_sub_mgr.lock);
     const int32_t    count = g_sub_mgr.retains ? std::clamp<int32_t>(g_sub_mgr.retain_count, 0, RETAIN_CAPACITY) : 0;
     for (const retain_msg_t &retained : std::span(g_sub_mgr.retains, static_cast<size_t>(count)))
-        if (retained.payload_len != 0 && topic_match_wildcard(filter, retained.topic))
+        if (retained.payload_len != 0 && sub::matches(filter, retained.topic))
             send_retained(*client, retained, filter);
 }

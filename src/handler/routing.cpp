@@ -1,7 +1,10 @@
-// routing.cpp - match lists, shared choice over them, and the question whether an absent receiver has a session.
+// routing.cpp - see routing.h.
 #include "routing.h"
 
+#include "../qos/qos.hpp"
 #include "shared_choice.h"
+
+#include <algorithm>
 
 namespace tarn::handler {
 namespace {
@@ -12,6 +15,82 @@ struct Workspace {
     ShareChoice    choice;
 };
 constinit thread_local Workspace t_workspace;
+
+void settle(Routing &routing, Outcome outcome)
+{
+    routing.rules.settle(routing, outcome);
+}
+
+bool refuse(Routing &routing, Outcome outcome)
+{
+    settle(routing, outcome);
+    return false;
+}
+
+// QUIRK(receive-maximum-ignored): deliveries do not wait for acknowledgements of earlier ones, whatever Receive
+// Maximum a 5.0 client announced [MQTT-3.3.4-9]. What limits them is the client's ring and 1000 pending deliveries.
+//   test: publish.a_receive_maximum_holds_nothing_back
+//
+// True when the message was queued for the receiver whose turn it is.
+bool deliver(Routing &routing, DeliveryCache &cache)
+{
+    const Rules   &rules   = routing.rules;
+    const Message &message = routing.message;
+    Turn          &turn    = routing.turn;
+    mqtt_client_t &client  = *turn.client;
+
+    turn.version = peek(client.codec.version);
+    if (rules.payload_by_version) {
+        settle(routing, Outcome::Online);
+        if (message.payload.empty())
+            return refuse(routing, Outcome::NoPayload);
+    }
+
+    const bool                   acknowledged = turn.qos != 0;
+    const uint16_t               id           = acknowledged || rules.draws_at_qos0 ? draw_delivery_id() : uint16_t{0};
+    const DeliveryCache::Encoded packet       = cache.encode(turn.version, turn.qos, id);
+    turn.result                               = packet.code;
+    if (packet.code == DeliveryCache::kNoMemory)
+        return refuse(routing, Outcome::NoMemory);
+
+    const qos::Delivery delivery{.client     = client,
+                                 .msg_id     = id,
+                                 .qos        = static_cast<uint8_t>(turn.qos),
+                                 .topic      = message.topic_text(),
+                                 .payload    = message.payload,
+                                 .tracked    = acknowledged && rules.tracking == Tracking::Queued,
+                                 .remembered = turn.qos == 1 && rules.remembers_qos1};
+    if (acknowledged && rules.tracking == Tracking::Always &&
+        (packet.code == CODEC_OK || cache.scan_can_encode(packet.code, turn.version)))
+        (void)qos::track(client, id, delivery.qos, delivery.topic, delivery.payload);
+    if (packet.code != CODEC_OK)
+        return refuse(routing, Outcome::NotEncoded);
+
+    poke(client.codec.last_packet_type, uint32_t{PUBLISH});
+    const qos::Booked booked = qos::send_booked(delivery, {packet.bytes, static_cast<size_t>(packet.length)});
+    turn.result              = static_cast<int>(booked.result);
+    if (booked.result != 0)
+        return refuse(routing, Outcome::NotSent);
+    settle(routing, Outcome::Sent);
+    if (delivery.tracked)
+        qos::say_booked(delivery, booked);
+    return true;
+}
+
+// False without memory. A route that chooses first allocates its flags for no match, too.
+bool match(Routing &routing, const char *topic)
+{
+    const bool chooses_first = routing.rules.chooses_first;
+    Matches   &matches       = routing.matches;
+    if (!matches.find(topic))
+        return refuse(routing, Outcome::NoMatchMemory);
+    if (chooses_first && !matches.choose())
+        return refuse(routing, Outcome::NoChoiceMemory);
+    settle(routing, Outcome::Matched);
+    if (!chooses_first && matches.count() != 0 && !matches.choose())
+        return refuse(routing, Outcome::NoChoiceMemory);
+    return true;
+}
 
 } // namespace
 
@@ -47,16 +126,51 @@ bool Matches::choose() noexcept
     return true;
 }
 
-bool keeps_messages(const persist::HeldSession &session, const sub::Route &route) noexcept
+bool route(Routing &routing, const char *topic) noexcept
 {
-    return session.is_loaded() && (!route.clean_session || session.has_files());
+    if (!match(routing, topic))
+        return false;
+    const Matches &matches = routing.matches;
+    if (matches.count() == 0) {
+        settle(routing, Outcome::Unmatched);
+        return true;
+    }
+
+    DeliveryCache cache(routing.message);
+    Turn         &turn = routing.turn;
+    for (int at = 0; at < matches.count(); at++) {
+        const sub::Route &to = matches[at];
+        if (routing.excluded && *routing.excluded == to.client_id)
+            continue;
+        turn = {.number = at + 1, .to = &to, .qos = std::min<uint32_t>(routing.qos, to.qos)};
+        if (matches.skips(at)) {
+            settle(routing, Outcome::NotChosen);
+            continue;
+        }
+        const client_ref client = find_client_by_cid(to.client_id);
+        turn.client             = client.get();
+        turn.state              = client ? peek(client->state) : uint32_t{CLIENT_UNUSED};
+        if (turn.state == CLIENT_CONNECTED || turn.state == CLIENT_LOGINED)
+            routing.sent += deliver(routing, cache);
+        else
+            settle(routing, Outcome::Absent);
+    }
+    settle(routing, Outcome::Routed);
+    return true;
 }
 
-bool keep_message(persist::HeldSession &session, const Message &message, uint32_t qos) noexcept
+bool is_kept(const Routing &routing, const persist::HeldSession &session) noexcept
 {
+    return session.is_loaded() && (!routing.turn.to->clean_session || session.has_files()) &&
+           !routing.message.topic.empty() && !routing.message.payload.empty();
+}
+
+bool keep_message(const Routing &routing, persist::HeldSession &session) noexcept
+{
+    const Message &message = routing.message;
     session.report_again();
     return session.add_message(message.topic_text(), message.payload.data(), message.payload_len(),
-                               static_cast<uint8_t>(qos));
+                               static_cast<uint8_t>(routing.turn.qos));
 }
 
 } // namespace tarn::handler

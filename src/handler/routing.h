@@ -1,18 +1,17 @@
-// routing.h - the way of a message to its receivers, shared by every route: match the topic, choose one member per
+// routing.h - the way of a message to its receivers, the same on every route: match the topic, choose one member per
 // shared group, then deliver to each receiver at its QoS, in its protocol version, under an identifier of its own.
 //
-// What differs between the routes is a Path: what is passed over, what is said, what becomes of absent receivers and
-// which deliveries are tracked. No lock is held while a message travels; each receiver is pinned for its turn.
+// What differs between the routes is a row of Rules and one switch over the outcomes, which says the route's lines and
+// keeps messages for the absent. No lock is held while a message travels; each receiver is pinned for its turn.
 #ifndef TARN_HANDLER_ROUTING_H
 #define TARN_HANDLER_ROUTING_H
 
 #include "../persist/session_store.h"
-#include "../qos/booking.h"
 #include "../sub/route.h"
 #include "delivery_cache.h"
 #include "handler_internal.h"
 
-#include <algorithm>
+#include <optional>
 
 namespace tarn::handler {
 
@@ -40,116 +39,78 @@ private:
     int             count_ = 0;
 };
 
-struct Receiver {
-    int               number; // from 1, as log lines count
-    const sub::Route &route;
+// What became of the message, and of each receiver's delivery.
+enum class Outcome : uint8_t {
+    NoMatchMemory,  // errno says why; the end
+    NoChoiceMemory, // likewise
+    Matched,        // by anybody or nobody
+    Unmatched,      // by nobody; the end
+    Routed,         // every receiver had its turn; the end
+
+    NotChosen,  // another member of its shared group gets the message
+    Absent,     // turn.client is null, or not online
+    Online,     // told only with payload_by_version: the route sets the message's payload
+    NoPayload,  // it set none
+    NoMemory,   // errno says why
+    NotEncoded, // turn.result: CODEC_*
+    NotSent,    // turn.result: queue_packet's
+    Sent,       // queued, that is
 };
 
-// What every Path has, and the parts it may leave out.
-struct BasicPath {
-    static constexpr bool kDrawsAtQos0   = false; // an identifier is drawn where none is sent
-    static constexpr bool kRemembersQos1 = true;  // as the one acknowledgement the receiver's record waits for
-
-    Message       &message; // its QoS and identifier change with every delivery
-    const uint32_t qos;     // of the message itself
-
-    explicit BasicPath(Message &what) noexcept : message(what), qos(what.qos) {}
-
-    bool     tracks() const { return true; } // queued QoS 1 and 2 deliveries join the reliable-delivery queue
-    uint32_t qos_to(const Receiver &to) const { return std::min<uint32_t>(qos, to.route.qos); }
-
-    bool passes_over(const Receiver &) { return false; } // without a word
-    void not_chosen(const Receiver &) {}
-    // Every Path says what becomes of a receiver that nobody is (client null) or that is not online:
-    //   void absent(const Receiver &to, const mqtt_client_t *client, uint32_t state);
-    bool prepare(const Receiver &, uint32_t /*version*/) { return true; } // false: nothing goes to it
-    void no_memory(const Receiver &) {}
-    void encoded(mqtt_client_t &, const DeliveryCache &, int /*code*/, uint32_t /*version*/) {} // or refused
-    void not_encoded(const Receiver &, int /*code*/) {}
-    void not_sent(const Receiver &, uint32_t /*result*/) {}
-    void sent(const Receiver &) {}
+// When a delivery of QoS 1 or 2 joins those that are repeated until they are acknowledged.
+enum class Tracking : uint8_t {
+    Never,
+    Queued, // in one step with being queued
+    Always, // before, and whether it can be queued or not; also when only the buffer was too small for it
 };
 
-inline qos::Delivery delivery_of(mqtt_client_t &client, const Message &message, bool tracked, bool remembered) noexcept
-{
-    return {client,  message.msg_id, static_cast<uint8_t>(message.qos), message.topic_text(), message.payload,
-            tracked, remembered};
-}
+struct Routing;
 
-// Most messages have nothing to be booked and need not queue up at the pending deliveries.
-inline qos::Booked send_delivery(const qos::Delivery &delivery, Packet packet) noexcept
-{
-    if (delivery.tracked || delivery.remembered)
-        return qos::send_booked(delivery, packet);
-    return {client_send(&delivery.client, packet.data(), static_cast<int32_t>(packet.size()))};
-}
+struct Rules {
+    void (*settle)(Routing &routing, Outcome outcome) noexcept; // the route's switch
+    Tracking tracking;
+    bool     remembers_qos1;     // as the one acknowledgement that the receiver's record waits for
+    bool     draws_at_qos0;      // an identifier is drawn where none is sent
+    bool     chooses_first;      // before it is asked whether anybody matched
+    bool     payload_by_version; // of the receiver
+};
 
-// The smaller of the message's and the granted QoS, a fresh identifier, one copy for every matching subscription.
-// QUIRK(receive-maximum-ignored): deliveries do not wait for acknowledgements of earlier ones, whatever Receive
-// Maximum a 5.0 client announced [MQTT-3.3.4-9]. What limits them is the client's ring and 1000 pending deliveries.
-//   test: publish.a_receive_maximum_holds_nothing_back
-template <class Path> bool deliver(DeliveryCache &cache, Path &path, const Receiver &to, mqtt_client_t &client)
-{
-    const uint32_t version = peek(client.codec.version); // once: another thread may change it
-    const uint32_t qos     = path.qos_to(to);
-    if (!path.prepare(to, version))
-        return false;
+// The receiver that the message is at.
+struct Turn {
+    int               number  = 0; // from 1, as log lines count
+    const sub::Route *to      = nullptr;
+    mqtt_client_t    *client  = nullptr; // pinned; null: nobody has this id
+    uint32_t          state   = CLIENT_UNUSED;
+    uint32_t          version = 0; // read once: another thread may change it
+    uint32_t          qos     = 0; // the smaller of the message's and the granted one
+    int               result  = 0;
 
-    const uint16_t               id     = qos != 0 || Path::kDrawsAtQos0 ? draw_delivery_id() : uint16_t{0};
-    const DeliveryCache::Encoded packet = cache.encode(version, qos, id);
-    if (packet.code == DeliveryCache::kNoMemory) {
-        path.no_memory(to);
-        return false;
-    }
-    path.encoded(client, cache, packet.code, version);
-    if (packet.code != CODEC_OK) {
-        path.not_encoded(to, packet.code);
-        return false;
-    }
-    poke(client.codec.last_packet_type, uint32_t{PUBLISH});
-    const qos::Delivery delivery =
-        delivery_of(client, path.message, path.tracks() && qos != 0, Path::kRemembersQos1 && qos == 1);
-    const qos::Booked booked = send_delivery(delivery, {packet.bytes, static_cast<size_t>(packet.length)});
-    if (booked.result != 0) {
-        path.not_sent(to, booked.result);
-        return false;
-    }
+    const char *id() const noexcept { return to->client_id; }
+    int         shown_qos() const noexcept { return static_cast<int>(qos); }
+};
 
-    path.sent(to);
-    if (delivery.tracked)
-        qos::say_booked(delivery, booked);
-    return true;
-}
+// One message on its way.
+struct Routing {
+    Routing(const Rules &route, const Message &what) noexcept : rules(route), message(what), qos(what.qos) {}
 
-// Returns the number of receivers that the message was queued for.
-template <class Path> int fan_out(const Matches &matches, Path &path)
-{
-    DeliveryCache cache(path.message);
-    int           sent = 0;
-    for (int at = 0; at < matches.count(); at++) {
-        const Receiver to{at + 1, matches[at]};
-        if (path.passes_over(to))
-            continue;
-        if (matches.skips(at)) {
-            path.not_chosen(to);
-            continue;
-        }
-        const client_ref client = find_client_by_cid(to.route.client_id);
-        const uint32_t   state  = client ? peek(client->state) : uint32_t{CLIENT_UNUSED};
-        if (state == CLIENT_CONNECTED || state == CLIENT_LOGINED)
-            sent += deliver(cache, path, to, *client);
-        else
-            path.absent(to, client.get(), state);
-    }
-    return sent;
-}
+    const Rules                    &rules;
+    Message                         message;  // its QoS and identifier change with every delivery
+    const uint32_t                  qos;      // of the message itself
+    std::optional<std::string_view> excluded; // no receiver of this id, without a word
+    Matches                         matches;
+    Turn                            turn;
+    int                             sent = 0; // receivers that the message was queued for
+};
 
-// True when a message for this absent receiver is to be kept: its subscription asked to be remembered, or one of its
-// files is there.
-[[nodiscard]] bool keeps_messages(const persist::HeldSession &session, const sub::Route &route) noexcept;
+// Sends the message to whom `topic` matches. False without memory.
+[[nodiscard]] bool route(Routing &routing, const char *topic) noexcept;
+
+// True when the message is to be kept for this absent receiver: there is something to keep, and its subscription asked
+// to be remembered or one of its files is there.
+[[nodiscard]] bool is_kept(const Routing &routing, const persist::HeldSession &session) noexcept;
 
 // Asking and storing count and say a load each, though the files are read once. False without memory.
-[[nodiscard]] bool keep_message(persist::HeldSession &session, const Message &message, uint32_t qos) noexcept;
+[[nodiscard]] bool keep_message(const Routing &routing, persist::HeldSession &session) noexcept;
 
 } // namespace tarn::handler
 

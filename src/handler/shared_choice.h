@@ -8,8 +8,6 @@
 
 namespace tarn::handler {
 
-constexpr std::string_view kSharePrefix = "$share/";
-
 // One shared entry of a match list. Entries without a second slash behind the prefix are members of nothing.
 struct ShareMember {
     std::string_view group;

@@ -6,6 +6,7 @@
 
 #include "../base/relaxed.h"
 #include "../base/text.h"
+#include "../sub/share.h"
 #include "shared_choice.h"
 
 #include <algorithm>
@@ -72,19 +73,6 @@ uint32_t member_at(ShareChoice &choice, const ShareChoice::Group &group, uint32_
     return choice.among[turn];
 }
 
-// The group name of a filter; false for a filter that belongs to no group.
-bool group_of(std::string_view filter, std::string_view &group)
-{
-    if (!filter.starts_with(kSharePrefix))
-        return false;
-    filter.remove_prefix(kSharePrefix.size());
-    const size_t slash = filter.find('/');
-    if (slash == filter.npos)
-        return false;
-    group = filter.substr(0, slash);
-    return true;
-}
-
 } // namespace
 
 // QUIRK(group-prefix): members of group "ab" are members of group "a" too, so one of them can be given a message for
@@ -112,8 +100,8 @@ void shared_sub_mark_selected(const sub_entry_t *matches, int count, uint8_t *se
         return;
     ShareChoice choice;
     for (int entry = 0; entry < count; entry++) {
-        ShareMember member{{}, static_cast<uint32_t>(entry), 0};
-        if (group_of(text_of(matches[entry].topic_filter), member.group) && !choice.members.push(member))
+        const std::optional<sub::Share> share = sub::share_of(text_of(matches[entry].topic_filter));
+        if (share && !choice.members.push({share->group, static_cast<uint32_t>(entry), 0}))
             return;
     }
     if (!choose_members(choice))
@@ -125,7 +113,7 @@ void shared_sub_mark_selected(const sub_entry_t *matches, int count, uint8_t *se
 
 bool shared_is_shared_subscription(const char *filter)
 {
-    return filter && std::string_view(filter).starts_with(kSharePrefix);
+    return filter && sub::is_shared(filter);
 }
 
 const sub_entry_t *shared_select_client(const char *key, const sub_entry_t *candidates, int count)

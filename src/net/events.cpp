@@ -11,12 +11,6 @@ constinit std::atomic<void (*)()> g_round_begin{nullptr};
 constinit std::atomic<void (*)()> g_round_end{nullptr};
 constinit std::atomic<void (*)()> g_writable{nullptr};
 
-void call(const std::atomic<void (*)()> &hook)
-{
-    if (void (*const function)() = hook.load(std::memory_order_acquire))
-        function();
-}
-
 } // namespace
 
 EventSink event_sink() noexcept
@@ -64,15 +58,18 @@ void set_writable_hook(void (*writable)()) noexcept
 
 void call_round_begin() noexcept
 {
-    call(g_round_begin);
+    if (void (*const hook)() = g_round_begin.load(std::memory_order_acquire))
+        hook();
 }
 void call_round_end() noexcept
 {
-    call(g_round_end);
+    if (void (*const hook)() = g_round_end.load(std::memory_order_acquire))
+        hook();
 }
 void call_writable_hook() noexcept
 {
-    call(g_writable);
+    if (void (*const hook)() = g_writable.load(std::memory_order_acquire))
+        hook();
 }
 
 } // namespace tarn::net

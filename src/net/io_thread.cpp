@@ -68,22 +68,6 @@ ssize_t receive_bytes(const SlotHold &hold)
     return got;
 }
 
-// False when the callback closed the connection: what follows is not its packet any more.
-bool deliver_packets(const SlotHold &hold, const EventSink &sink)
-{
-    netip_conn_t &slot = hold.slot();
-    (void)find_packet_length(slot);
-    while (packet_is_whole(slot)) {
-        LOG_INFO("[NETIP] 完整报文长度: %d", slot.pkt_len);
-        LOG_HEXDUMP("[NETIP] 完整报文", slot.rx_buf, slot.pkt_len);
-        sink.data(hold.connection(), slot.rx_buf, static_cast<uint32_t>(slot.pkt_len));
-        if (!hold.is_current())
-            return false;
-        next_packet(slot);
-    }
-    return true;
-}
-
 // What a turn at reading left behind.
 enum class Left {
     Later, // perhaps more, for the next round; or the connection was closed meanwhile
@@ -97,6 +81,7 @@ enum class Left {
 //   test: stream.a_packet_of_4097_bytes_ends_the_connection
 Left receive(const SlotHold &hold, const EventSink &sink, uint32_t start)
 {
+    netip_conn_t  &slot     = hold.slot();
     const uint64_t began_ms = mono_ms();
     ssize_t        total    = 0;
     for (int reads = 0; reads < kReadsPerEvent && total < kBytesPerEvent && layer_runs(start); ++reads) {
@@ -104,11 +89,16 @@ Left receive(const SlotHold &hold, const EventSink &sink, uint32_t start)
         if (got < 1)
             return got == 0 ? Left::End : Left::None;
         total += got;
-        LOG_DEBUG("[NETIP] 开始解析客户端数据 handle=%d 缓存长度=%d", static_cast<int>(hold.handle()),
-                  hold.slot().rx_len);
-        if (!deliver_packets(hold, sink))
-            return Left::Later;
-        if (room_left(hold.slot()) == 0)
+        LOG_DEBUG("[NETIP] 开始解析客户端数据 handle=%d 缓存长度=%d", static_cast<int>(hold.handle()), slot.rx_len);
+        (void)find_packet_length(slot);
+        for (; packet_is_whole(slot); next_packet(slot)) {
+            LOG_INFO("[NETIP] 完整报文长度: %d", slot.pkt_len);
+            LOG_HEXDUMP("[NETIP] 完整报文", slot.rx_buf, slot.pkt_len);
+            sink.data(hold.connection(), slot.rx_buf, static_cast<uint32_t>(slot.pkt_len));
+            if (!hold.is_current())
+                return Left::Later; // the callback closed the connection: what follows is not its packet any more
+        }
+        if (room_left(slot) == 0)
             return Left::End; // the packet in front will never be whole
         if (elapsed(mono_ms(), began_ms) >= kTimePerEvent_ms)
             return Left::Later;

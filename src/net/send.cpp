@@ -41,18 +41,21 @@ int32_t sent_before(uint32_t handle, const Packet &packet)
     return same && half.socket == identity_of(handle) ? half.sent : 0;
 }
 
-// One write of the packets behind the first `skipped` bytes. Returns the bytes taken, or below 1.
-ssize_t write_stream(uint32_t handle, const Packet *packets, int count, int32_t skipped)
-{
-    iovec pieces[kGatherMax];
-    for (int i = 0; i < count; ++i)
-        pieces[i] = {const_cast<uint8_t *>(packets[i].bytes), static_cast<size_t>(packets[i].length)};
-    pieces[0] = {const_cast<uint8_t *>(packets[0].bytes) + skipped, static_cast<size_t>(packets[0].length - skipped)};
+// The packets behind the first `skipped` bytes, for one write.
+struct Gathered {
+    iovec  pieces[kGatherMax];
     msghdr message{};
-    message.msg_iov    = pieces;
-    message.msg_iovlen = static_cast<size_t>(count);
-    return sendmsg(slot_of(handle).fd, &message, kFlags);
-}
+
+    Gathered(const Packet *packets, int count, int32_t skipped)
+    {
+        for (int i = 0; i < count; ++i)
+            pieces[i] = {const_cast<uint8_t *>(packets[i].bytes), static_cast<size_t>(packets[i].length)};
+        pieces[0]          = {const_cast<uint8_t *>(packets[0].bytes) + skipped,
+                              static_cast<size_t>(packets[0].length - skipped)};
+        message.msg_iov    = pieces;
+        message.msg_iovlen = static_cast<size_t>(count);
+    }
+};
 
 // The result of a write that took nothing.
 uint32_t refusal(uint32_t handle)
@@ -65,8 +68,9 @@ uint32_t refusal(uint32_t handle)
 
 Sent send_stream(uint32_t handle, const Packet *packets, int count)
 {
-    const int32_t skipped = sent_before(handle, packets[0]);
-    const ssize_t taken   = write_stream(handle, packets, count, skipped);
+    const int32_t  skipped = sent_before(handle, packets[0]);
+    const Gathered gathered(packets, count, skipped);
+    const ssize_t  taken = sendmsg(slot_of(handle).fd, &gathered.message, kFlags);
     if (taken < 1)
         return {0, refusal(handle)};
 
@@ -90,7 +94,8 @@ Sent send_stream(uint32_t handle, const Packet *packets, int count)
 //   test: netip_send.a_short_write_counts_as_sent_and_drops_the_tail
 uint32_t send_once(uint32_t handle, const Packet &packet)
 {
-    return write_stream(handle, &packet, 1, 0) < 1 ? refusal(handle) : uint32_t{NETIP_OK};
+    const Gathered gathered(&packet, 1, 0);
+    return sendmsg(slot_of(handle).fd, &gathered.message, kFlags) < 1 ? refusal(handle) : uint32_t{NETIP_OK};
 }
 
 // QUIRK(udp-transport): packets also travel as single datagrams. Against "an ordered, lossless, stream of bytes"

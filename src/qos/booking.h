@@ -24,12 +24,12 @@ struct Delivery {
 enum class Added { Yes, NoClient, NoTopic, NoPayload, TooLong, BadQos, Full, NoEntry, NoPayloadMemory };
 
 struct Booked {
-    uint32_t result; // client_send's; nothing is booked of what could not be queued
+    uint32_t result; // queue_packet's; nothing is booked of what could not be queued
     Added    added = Added::Yes;
     int      count = 0; // the client's entries, with Added::Full
 };
 
-// Queues the packet, books the delivery, then sees to its sending. Says nothing.
+// Queues the packet, books the delivery where it is to be tracked or remembered, then sees to its sending. Says nothing.
 [[nodiscard]] Booked send_booked(const Delivery &delivery, std::span<const uint8_t> packet) noexcept;
 // The line of a delivery that was to be tracked.
 void say_booked(const Delivery &delivery, const Booked &booked) noexcept;

@@ -6,6 +6,7 @@
 #include "../base/text.h"
 #include "../client/client_ref.h"
 #include "../codec/mqtt_codec.h"
+#include "../codec/packet_type.h"
 #include "../log/log.h"
 #include "qos_internal.h"
 
@@ -17,8 +18,6 @@ using qos::Acknowledged;
 using qos::Added;
 
 namespace {
-
-enum AckType : uint8_t { PUBACK = 4, PUBREC = 5, PUBREL = 6, PUBCOMP = 7 };
 
 const char *name_of(uint8_t packet_type)
 {
@@ -121,7 +120,7 @@ int say_added(mqtt_client_t *client, uint16_t msg_id, uint8_t qos, uint32_t payl
 }
 
 // Sends the next packet of the QoS 2 handshake. False when it could not be encoded.
-bool send_reply(mqtt_client_t *client, AckType type, uint16_t msg_id)
+bool send_reply(mqtt_client_t *client, int type, uint16_t msg_id)
 {
     mqtt_ack_para_t reply{};
     reply.msg_id = msg_id;
@@ -206,10 +205,14 @@ Acknowledged on_pubcomp(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_q
 qos::Booked qos::send_booked(const Delivery &delivery, std::span<const uint8_t> packet) noexcept
 {
     mqtt_client_t &client = delivery.client;
-    Booked         booked;
+    const auto     length = static_cast<int32_t>(packet.size());
+    // Most messages have nothing to be booked and need not queue up at the pending deliveries.
+    if (!delivery.tracked && !delivery.remembered)
+        return {send_to(client, packet.data(), length)};
+    Booked booked;
     {
         ScopedLock lock(g_queue_mutex);
-        booked.result = queue_packet(client, packet.data(), static_cast<int32_t>(packet.size()));
+        booked.result = queue_packet(client, packet.data(), length);
         if (booked.result != 0)
             return booked;
         if (delivery.tracked)

@@ -4,6 +4,7 @@
 
 #include "../base/relaxed.h"
 #include "../base/text.h"
+#include "share.h"
 #include "sub.hpp"
 
 #include <algorithm>
@@ -23,15 +24,11 @@ struct FilterVerdict {
 // Judges without a word; is_valid_filter is the same aloud.
 [[nodiscard]] FilterVerdict judge_filter(std::string_view filter) noexcept;
 
-constexpr std::string_view kSharePrefix = "$share/";
-
 // What of a filter is compared with topics: all of it, or what stands behind "$share/<group>/".
 [[nodiscard]] constexpr std::string_view compared_part(std::string_view filter) noexcept
 {
-    if (!filter.starts_with(kSharePrefix))
-        return filter;
-    const size_t slash = filter.find('/', kSharePrefix.size());
-    return slash == filter.npos ? filter : filter.substr(slash + 1);
+    const std::optional<Share> share = share_of(filter);
+    return share ? share->filter : filter;
 }
 
 // ---- the table

@@ -253,15 +253,14 @@ template <class Take> int match(const char *topic, const void *into, int32_t roo
 
 [[nodiscard]] bool add_group(RouteList &list, Route &route, std::string_view filter) noexcept
 {
-    route.group      = static_cast<uint32_t>(list.names.size());
-    route.group_size = kNoGroup;
-    route.shared     = filter.starts_with(kSharePrefix);
-    const size_t end = route.shared ? filter.find('/', kSharePrefix.size()) : filter.npos;
-    if (end == filter.npos)
+    route.group                      = static_cast<uint32_t>(list.names.size());
+    route.group_size                 = kNoGroup;
+    route.shared                     = is_shared(filter);
+    const std::optional<Share> share = share_of(filter);
+    if (!share)
         return true;
-    const std::string_view name = filter.substr(kSharePrefix.size(), end - kSharePrefix.size());
-    route.group_size            = static_cast<uint16_t>(name.size());
-    for (const char c : name)
+    route.group_size = static_cast<uint16_t>(share->group.size());
+    for (const char c : share->group)
         if (!list.names.push(c))
             return false;
     return true;

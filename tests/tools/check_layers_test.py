@@ -114,14 +114,6 @@ class CheckLayers(unittest.TestCase):
             [],
         )
 
-    def test_a_call_that_still_takes_a_hosts_way(self):
-        for file, name in check_layers.CALLS_AS_HOSTS:
-            listed = "set(TARN_MODULE_HEADERS\n  qos/q.h)\n"
-            files = {"cmake/install.cmake": listed, "src/qos/q.h": f"int {name}(int);\n"}
-            self.assertEqual(self.faults({**files, f"src/{file}": f"{name}(c);\n"}), [])
-            gone = f"tools/check_layers.py: {file} does not use {name} any more"
-            self.assertIn(gone, Project({**files, f"src/{file}": ""}).run("check_layers.py")[1])
-
     def test_everybody_may_use_base(self):
         self.assertEqual(
             self.faults({"src/base/clock.h": "", "src/net/netip.h": '#include "../base/clock.h"\n'}), []

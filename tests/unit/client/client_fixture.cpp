@@ -282,10 +282,11 @@ void  __real__ZN4tarn3qos18drop_deliveries_ofER13mqtt_client_t(mqtt_client_t &cl
 void *__real_mmap(void *, size_t, int, int, int, off_t);
 int   __real_mprotect(void *, size_t, int);
 
-int __wrap_packet_dispatch(mqtt_client_t *client, const uint8_t *buf, uint32_t len)
+// handler::dispatch by its name for the linker
+int __wrap__ZN4tarn7handler8dispatchER13mqtt_client_tPKhj(mqtt_client_t &client, const uint8_t *buf, uint32_t len)
 {
     note("packet_dispatch " + hex(buf, len));
-    return g_calls.on_packet ? g_calls.on_packet(*client, Bytes(buf, buf + len)) : 0;
+    return g_calls.on_packet ? g_calls.on_packet(client, Bytes(buf, buf + len)) : 0;
 }
 
 int __wrap_packet_send_will_message(mqtt_client_t *client)

@@ -187,7 +187,7 @@ struct Stage {
     {
         broker.host.hear_events();
         broker.host.ask_acl();
-        handler::begin_test_period();
+        handler::begin_hello_period();
         char in_memory[] = "/dev/shm/tarn-routes-XXXXXX";
         if (mkdtemp(in_memory)) {
             files = in_memory;

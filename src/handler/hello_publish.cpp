@@ -1,0 +1,110 @@
+// hello_publish.cpp - the broker's own message, a hello for hosts to see that messages travel; at most one in ten
+// seconds.
+#include "../base/clock.h"
+#include "routing.h"
+
+#include <cerrno>
+
+namespace tarn::handler {
+namespace {
+
+constexpr std::string_view kTopic    = "broker/test";
+constexpr std::string_view kPayload  = "Hello from MQTT Broker!";
+constexpr int64_t          kPeriod_s = 10;
+
+constinit int64_t last_hello_s = 0; // wall s
+
+void say_absent(const Turn &turn)
+{
+    if (!turn.client)
+        LOG_WARN("订阅者不存在：ClientID=%s", turn.id());
+    else
+        LOG_WARN("订阅者状态无效：ClientID=%s, 状态=%d", turn.id(), static_cast<int>(turn.state));
+}
+
+void settle(Routing &routing, Outcome outcome) noexcept
+{
+    const Turn &turn    = routing.turn;
+    const char *topic   = routing.message.topic_text();
+    const int   matched = routing.matches.count();
+    switch (outcome) {
+    case Outcome::NoMatchMemory:
+        LOG_ERROR("matched_subs malloc failed: %d", errno);
+        break;
+    case Outcome::NoChoiceMemory:
+        LOG_ERROR("selected_shared malloc failed: %d", errno);
+        break;
+    case Outcome::Matched:
+        LOG_INFO("【订阅匹配】Topic=%s 匹配到 %d 个订阅者（上限=%d）", topic, matched, SUB_MATCH_CAPACITY);
+        break;
+    case Outcome::Unmatched:
+        LOG_DEBUG("测试消息无匹配订阅者：Topic=%s", topic);
+        break;
+    case Outcome::NotChosen:
+        LOG_DEBUG("[共享订阅] 测试消息 订阅者%d 跳过", turn.number);
+        break;
+    case Outcome::Absent:
+        say_absent(turn);
+        break;
+    case Outcome::NoMemory:
+        LOG_ERROR("forward_buf malloc failed: %d", errno);
+        break;
+    case Outcome::NotEncoded:
+        LOG_ERROR("编码测试消息失败：To=%s, 错误码=%d", turn.id(), turn.result);
+        break;
+    case Outcome::NotSent:
+        LOG_ERROR("转发测试消息失败：To=%s, 发送返回值=%d", turn.id(), turn.result);
+        break;
+    case Outcome::Sent:
+        LOG_INFO("转发测试消息成功：To=%s, Topic=%s, QoS=%d（标准降级后）", turn.id(), topic, turn.shown_qos());
+        break;
+    case Outcome::Routed:
+        LOG_INFO("测试消息转发完成：总计匹配%d个订阅者，成功发送%d个", matched, routing.sent);
+        break;
+    case Outcome::Online:
+    case Outcome::NoPayload:
+        break;
+    }
+}
+
+constexpr Rules kRules{.settle             = settle,
+                       .tracking           = Tracking::Queued,
+                       .remembers_qos1     = true,
+                       .draws_at_qos0      = true,
+                       .chooses_first      = true,
+                       .payload_by_version = false};
+
+// True when the period is over; the next one then begins.
+bool due(int64_t now_s)
+{
+    const int64_t last_s = peek(last_hello_s);
+    return now_s - last_s >= kPeriod_s && swap_if(last_hello_s, last_s, now_s);
+}
+
+} // namespace
+
+void begin_hello_period() noexcept
+{
+    poke(last_hello_s, wall_s());
+}
+
+} // namespace tarn::handler
+
+using namespace tarn;
+using namespace tarn::handler;
+
+void packet_handler_publish_test_msg(void)
+{
+    if (!due(wall_s()))
+        return;
+
+    Message message;
+    message.topic   = kTopic;
+    message.payload = {reinterpret_cast<const uint8_t *>(kPayload.data()), kPayload.size()};
+    message.qos     = 1;
+    LOG_INFO("MQTT标准：准备发布测试消息：Topic=%s, Payload=[%s], QoS=%d", kTopic.data(), kPayload.data(), 1);
+
+    Routing routing(kRules, message);
+    routing.excluded = "";
+    (void)route(routing, kTopic.data());
+}
