@@ -9,6 +9,8 @@
 #include "../base/relaxed.h"
 #include "client.h"
 
+#include <span>
+
 namespace tarn {
 
 // ---- pins (pins.cpp)
@@ -102,12 +104,18 @@ void release_called_off(mqtt_client_t &client) noexcept;
 
 // ---- sending (send_ring.cpp). The caller holds a pin.
 
+// A packet that lies in two places: what stands before the payload, or all of it, and the payload.
+struct PacketParts {
+    std::span<const uint8_t> head;
+    std::span<const uint8_t> payload = {};
+};
+
 // Queues the packet and sees to its sending; 0, or 0xFFFFFFFF when it was dropped.
-uint32_t send_to(mqtt_client_t &client, const uint8_t *bytes, int32_t length) noexcept;
+uint32_t send_to(mqtt_client_t &client, const PacketParts &packet) noexcept;
 
 // The same in two steps, for who has to do something before the packet may leave: who queued it (result 0) sees to its
 // sending soon.
-uint32_t queue_packet(mqtt_client_t &client, const uint8_t *bytes, int32_t length) noexcept;
+uint32_t queue_packet(mqtt_client_t &client, const PacketParts &packet) noexcept;
 void     see_to_sending(mqtt_client_t &client) noexcept;
 
 // The next DISCONNECT that is queued for this client is the last packet sent to it: the caller closes it then, and what

@@ -100,13 +100,15 @@ stats::Counter counter_of(Queued dropped)
     }
 }
 
-Queued enqueue(mqtt_client_t &client, const uint8_t *bytes, int32_t length) EXCLUDES(client.send_lock)
+Queued enqueue(mqtt_client_t &client, const PacketParts &packet) EXCLUDES(client.send_lock)
 {
-    if (!bytes || length < 1 || length > CLIENT_SEND_SLOT_BYTES)
+    const auto [head, payload] = packet;
+    const size_t length        = head.size() + payload.size();
+    if (head.empty() || !head.data() || length > CLIENT_SEND_SLOT_BYTES)
         return Queued::Invalid;
     if (!is_online(client))
         return Queued::Offline;
-    if (static_cast<uint32_t>(length) > peek(client.max_packet_size))
+    if (length > peek(client.max_packet_size))
         return Queued::TooBig;
 
     ScopedLock lock(client.send_lock);
@@ -123,12 +125,14 @@ Queued enqueue(mqtt_client_t &client, const uint8_t *bytes, int32_t length) EXCL
     if (next == client.send_head)
         return Queued::Full;
     client_send_slot_t &slot = client.send_queue[tail];
-    memcpy(slot.data, bytes, static_cast<size_t>(length));
-    slot.length = length;
+    memcpy(slot.data, head.data(), head.size());
+    if (!payload.empty())
+        memcpy(slot.data + head.size(), payload.data(), payload.size());
+    slot.length = static_cast<int32_t>(length);
     slot.ready  = 1;
     poke(client.send_tail, static_cast<uint8_t>(next));
     if (Side *const side = side_of(&client))
-        note_queued(client, *side, bytes[0] >> 4);
+        note_queued(client, *side, head[0] >> 4);
     return Queued::Ok;
 }
 
@@ -234,11 +238,11 @@ void drop_ring(mqtt_client_t &client) noexcept
 using namespace tarn;
 using namespace tarn::client;
 
-uint32_t tarn::queue_packet(mqtt_client_t &client, const uint8_t *bytes, int32_t length) noexcept
+uint32_t tarn::queue_packet(mqtt_client_t &client, const PacketParts &packet) noexcept
 {
-    Queued queued = enqueue(client, bytes, length);
+    Queued queued = enqueue(client, packet);
     if (queued == Queued::Full && make_room(client))
-        queued = enqueue(client, bytes, length);
+        queued = enqueue(client, packet);
     if (queued != Queued::Ok) {
         stats::count(counter_of(queued));
         return kFailed;
@@ -260,9 +264,9 @@ void tarn::see_to_sending(mqtt_client_t &client) noexcept
         hand_to_send_thread(index);
 }
 
-uint32_t tarn::send_to(mqtt_client_t &client, const uint8_t *bytes, int32_t length) noexcept
+uint32_t tarn::send_to(mqtt_client_t &client, const PacketParts &packet) noexcept
 {
-    if (const uint32_t failed = queue_packet(client, bytes, length))
+    if (const uint32_t failed = queue_packet(client, packet))
         return failed;
     see_to_sending(client);
     return 0;
@@ -291,7 +295,7 @@ uint32_t client_send(mqtt_client_t *client, const uint8_t *bytes, int32_t length
         return kFailed;
     }
     const client_ref pin(client);
-    return send_to(*client, bytes, length);
+    return send_to(*client, {{bytes, length < 1 ? 0 : static_cast<size_t>(length)}});
 }
 
 void client_send_flush(mqtt_client_t *client)

@@ -1,7 +1,8 @@
 // publish_encode.cpp - PUBLISH from a record or from a view.
 //
-// The busiest encoder. What stands before the payload is built in a small area, so that the remaining length is known;
-// then it and the payload are copied once, behind that length. Trace lines cost one test of the level.
+// The busiest encoder. What stands before the payload is built in a small area, so that the remaining length is known,
+// and copied behind that length; the payload follows, unless the caller brings the two together elsewhere. Trace lines
+// cost one test of the level.
 //
 // PUBLISH:  3d:u8  remaining:varint  topic:text  [packet-id:u16, QoS 1 and 2]  [properties, 5.0]  payload
 #include "publish_link.h"
@@ -118,8 +119,8 @@ int put_head(uint32_t level, const PublishView &message, Writer &head, size_t &p
     return CODEC_OK;
 }
 
-// Everything behind the checks. A refusal leaves header bytes only.
-int write(uint32_t level, const PublishView &message, uint8_t *buf, int *buf_len)
+// Everything behind the checks but the payload. A refusal leaves header bytes only.
+int write_head(uint32_t level, const PublishView &message, uint8_t *buf, int *buf_len, int *head_len)
 {
     const bool traced = log_passes(AGENT_LOG_DEBUG);
     buf[0]            = first_byte(message);
@@ -147,11 +148,9 @@ int write(uint32_t level, const PublishView &message, uint8_t *buf, int *buf_len
         return REFUSE(CODEC_E_BUFFER, "[PUBLISH ENCODE] Step 6 ERROR: Final buffer overflow (need=%d, have=%d)\n",
                       total, *buf_len);
 
-    uint8_t *to = buf + 1 + length_bytes;
-    memcpy(to, head.data(), head.size());
-    if (!message.payload.empty())
-        memcpy(to + head.size(), message.payload.data(), message.payload.size());
-    *buf_len = total;
+    memcpy(buf + 1 + length_bytes, head.data(), head.size());
+    *head_len = total - static_cast<int>(message.payload.size());
+    *buf_len  = total;
     if (traced)
         trace_packet(message, body, total);
     return CODEC_OK;
@@ -171,11 +170,11 @@ PublishView view_of(const mqtt_publish_para_t &para)
 
 } // namespace
 
-int encode_publish_view(uint32_t level, const PublishView &message, uint8_t *buf, int *buf_len) noexcept
+int encode_publish_head(uint32_t level, const PublishView &message, uint8_t *buf, int *buf_len, int *head_len) noexcept
 {
     if (const int refused = check(level, message, *buf_len); refused != CODEC_OK)
         return refused;
-    return write(level, message, buf, buf_len);
+    return write_head(level, message, buf, buf_len, head_len);
 }
 
 int publish_id_offset(const uint8_t *packet, int len) noexcept
@@ -211,8 +210,11 @@ int mqtt_codec_encode_publish(mqtt_codec_ctx_t *ctx, const mqtt_publish_para_t *
     if (const int refused = check(level, message, *buf_len); refused != CODEC_OK)
         return refused;
     memset(buf, 0, static_cast<size_t>(*buf_len));
-    int total = *buf_len;
-    if (const int refused = write(level, message, buf, &total); refused != CODEC_OK)
+    int total    = *buf_len;
+    int head_len = 0;
+    if (const int refused = write_head(level, message, buf, &total, &head_len); refused != CODEC_OK)
         return refused;
+    if (!message.payload.empty())
+        memcpy(buf + head_len, message.payload.data(), message.payload.size());
     return encoded(ctx, PUBLISH, total, buf_len);
 }

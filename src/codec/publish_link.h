@@ -21,12 +21,14 @@ struct PublishView {
     uint16_t                 topic_alias         = 0; // 0 = absent
 };
 
-// mqtt_codec_encode_publish without record and context: the same packet, result and log lines. Two things are left
-// to the caller: bytes of `buf` behind the packet keep what they held (a refused call may have written header
-// bytes), and no context learns of it.
-[[nodiscard]] int encode_publish_view(uint32_t level, const PublishView &message, uint8_t *buf, int *buf_len) noexcept;
+// mqtt_codec_encode_publish without record and context: the same packet, result and log lines. Three things are left
+// to the caller: the payload, which belongs behind the first `head_len` bytes of `buf` but need not be copied there;
+// what `buf` held behind them (a refused call may have written header bytes); and no context learns of it. `buf_len` is
+// the room for the whole packet and becomes its length.
+[[nodiscard]] int encode_publish_head(uint32_t level, const PublishView &message, uint8_t *buf, int *buf_len,
+                                      int *head_len) noexcept;
 
-// Where the two bytes of the packet identifier stand (big-endian) inside an encoded PUBLISH of QoS 1 or 2; -1 when
+// Where the two bytes of the packet identifier stand (big-endian) inside an encoded PUBLISH of QoS 1 or 2, of which the head is enough; -1 when
 // the packet is none.
 [[nodiscard]] int publish_id_offset(const uint8_t *packet, int len) noexcept;
 

@@ -19,19 +19,20 @@ DeliveryCache::Encoded DeliveryCache::encode(uint32_t version, uint32_t qos, uin
             form.bytes[static_cast<size_t>(form.id_at)]     = static_cast<uint8_t>(id >> 8);
             form.bytes[static_cast<size_t>(form.id_at) + 1] = static_cast<uint8_t>(id);
         }
-        return {CODEC_OK, form.bytes.get(), form.length};
+        return {CODEC_OK, {form.bytes.get(), form.length}};
     }
 
     owned<uint8_t> bytes = allocate<uint8_t>(PACKET_DELIVERY_SIZE);
     if (!bytes)
-        return {kNoMemory, nullptr, 0};
-    int length = PACKET_DELIVERY_SIZE;
-    if (const int code = codec::encode_publish_view(version, message_, bytes.get(), &length))
-        return {code, nullptr, 0};
+        return {kNoMemory, {}};
+    int total  = PACKET_DELIVERY_SIZE;
+    int length = 0;
+    if (const int code = codec::encode_publish_head(version, message_, bytes.get(), &total, &length))
+        return {code, {}};
     form.bytes  = std::move(bytes);
-    form.length = length;
+    form.length = static_cast<size_t>(length);
     form.id_at  = codec::publish_id_offset(form.bytes.get(), length);
-    return {CODEC_OK, form.bytes.get(), length};
+    return {CODEC_OK, {form.bytes.get(), form.length}};
 }
 
 // The packet of a retransmission: neither expiry nor alias, so its properties are the one byte of their length.

@@ -1,5 +1,6 @@
 // delivery_cache.h - one message as its receivers get it. Receivers of one protocol version and QoS get the same bytes
-// but for the packet identifier, so each form is encoded once and only its identifier written anew.
+// but for the packet identifier, so each form is encoded once and only its identifier written anew. The payload is not
+// copied here: it goes from the message into each receiver's ring.
 //
 // QUIRK(delivery-size): a delivery has 2048 bytes, so a message of a client reaches nobody who is connected when its
 // topic and payload have more than 2041 bytes together (2043 at QoS 0; to a 5.0 receiver 2040 and 2042, and five fewer
@@ -30,9 +31,8 @@ public:
     static constexpr int kNoMemory = 1; // beside the codec's own results
 
     struct Encoded {
-        int            code;   // CODEC_*, or kNoMemory
-        const uint8_t *bytes;  // until the next call
-        int            length; // 0 unless code is CODEC_OK
+        int                      code; // CODEC_*, or kNoMemory
+        std::span<const uint8_t> head; // what stands before the payload, until the next call; empty unless CODEC_OK
     };
 
     explicit DeliveryCache(Message &message) noexcept : message_(message) {}
@@ -46,7 +46,7 @@ public:
 private:
     struct Form {
         owned<uint8_t> bytes;
-        int            length = 0;
+        size_t         length = 0; // of the head
         int            id_at  = 0; // place of the packet identifier; -1 where the host's retain flag hides it
     };
 

@@ -23,7 +23,7 @@ template <class Encode> Reply send_reply(mqtt_client_t &client, Encode encode)
     int length = PACKET_REPLY_SIZE;
     if (encode(reply.get(), &length) != CODEC_OK || length <= 0)
         return Reply::NotEncoded;
-    (void)send_to(client, reply.get(), length);
+    (void)send_to(client, {{reply.get(), static_cast<size_t>(length)}});
     return Reply::Sent;
 }
 
@@ -89,6 +89,6 @@ void packet_handler_send_disconnect(mqtt_client_t *client, uint8_t reason_code)
     int     length                    = sizeof packet;
     // What the encoder leaves is sent in any case: a context of no known level sends the zeroes.
     (void)mqtt_codec_encode_disconnect(&client->codec, &disconnect, packet, &length);
-    (void)send_to(*client, packet, length);
+    (void)send_to(*client, {{packet, static_cast<size_t>(length)}});
     handler::let_leave(*client);
 }

@@ -36,7 +36,7 @@ void send_retained(mqtt_client_t &client, const retain_msg_t &retained, const ch
     if (packet.code != CODEC_OK)
         return;
     poke(client.codec.last_packet_type, uint32_t{PUBLISH});
-    (void)send_to(client, packet.bytes, packet.length);
+    (void)send_to(client, {packet.head, message.payload});
     LOG_INFO("[保留消息] 下发成功: Client=%s, Topic=%s, Filter=%s", id_of(client).text, topic, filter);
 }
 

@@ -67,7 +67,7 @@ bool deliver(Routing &routing, DeliveryCache &cache)
         return refuse(routing, Outcome::NotEncoded);
 
     poke(client.codec.last_packet_type, uint32_t{PUBLISH});
-    const qos::Booked booked = qos::send_booked(delivery, {packet.bytes, static_cast<size_t>(packet.length)});
+    const qos::Booked booked = qos::send_booked(delivery, packet.head);
     turn.result              = static_cast<int>(booked.result);
     if (booked.result != 0)
         return refuse(routing, Outcome::NotSent);

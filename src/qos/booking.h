@@ -30,7 +30,8 @@ struct Booked {
 };
 
 // Queues the packet, books the delivery where it is to be tracked or remembered, then sees to its sending. Says nothing.
-[[nodiscard]] Booked send_booked(const Delivery &delivery, std::span<const uint8_t> packet) noexcept;
+// `head`: the packet up to its payload.
+[[nodiscard]] Booked send_booked(const Delivery &delivery, std::span<const uint8_t> head) noexcept;
 // The line of a delivery that was to be tracked.
 void say_booked(const Delivery &delivery, const Booked &booked) noexcept;
 

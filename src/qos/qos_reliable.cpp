@@ -202,17 +202,17 @@ Acknowledged on_pubcomp(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_q
 
 } // namespace
 
-qos::Booked qos::send_booked(const Delivery &delivery, std::span<const uint8_t> packet) noexcept
+qos::Booked qos::send_booked(const Delivery &delivery, std::span<const uint8_t> head) noexcept
 {
-    mqtt_client_t &client = delivery.client;
-    const auto     length = static_cast<int32_t>(packet.size());
+    mqtt_client_t    &client = delivery.client;
+    const PacketParts packet{head, delivery.payload};
     // Most messages have nothing to be booked and need not queue up at the pending deliveries.
     if (!delivery.tracked && !delivery.remembered)
-        return {send_to(client, packet.data(), length)};
+        return {send_to(client, packet)};
     Booked booked;
     {
         ScopedLock lock(g_queue_mutex);
-        booked.result = queue_packet(client, packet.data(), length);
+        booked.result = queue_packet(client, packet);
         if (booked.result != 0)
             return booked;
         if (delivery.tracked)
