@@ -623,8 +623,8 @@ private:
         const unsigned qos = smaller(message_qos, to.granted);
         say(debug(print("[遗嘱调试][QoS降级] 订阅者%d：原始QoS=%u → 订阅QoS=%u → 最终投递QoS=%u", match.number,
                         message_qos, to.granted, qos)));
-        if (to.level == 5 && start < packet.size())
-            start += 1u + packet[start];
+        if (to.level == 5)
+            start += 1u + (start < packet.size() ? packet[start] : 0u);
         if (start >= packet.size()) {
             say(error(print("[遗嘱调试][广播失败] 订阅者%d：Payload解析失败（start=%zu, len=%d, msg_len=%zu）",
                             match.number, start, static_cast<int>(packet.size()) - static_cast<int>(start),
