@@ -22,8 +22,7 @@ ENTRY = re.compile(r"^- `(.*)` \((WARN|ERROR|FATAL)\)")
 CARRIED = {
     "line": ("handler/*.cpp", r"解码"),
     "line.text": ("stats/report.cpp", r".*: ?%llu"),
-    "no_memory": ("handler/publish.cpp", r".*malloc failed"),
-    "row.no_memory": ("handler/acknowledge.cpp", r".*malloc failed"),
+    "no_memory": ("handler/[ap]*.cpp", r".*malloc failed"),  # of acknowledge.cpp and publish.cpp, said in reply.cpp
     "row->too_short": ("codec/publish_decode.cpp", r".* buffer short - "),
     "row.incomplete": ("codec/subscribe.cpp", r".*: incomplete "),
 }
