@@ -85,7 +85,7 @@ TEST_F(Reuse, the_next_connection_is_a_client_of_its_own)
     EXPECT_EQ(client_find_by_handle(0), receivers[1]);
     say(next);
     EXPECT_EQ(receivers[2], receivers[1]);
-    EXPECT_EQ(g_netip_clients[0].in_use, 1) << "and it stays connected";
+    EXPECT_EQ(peek(g_netip_clients[0].in_use), 1) << "and it stays connected";
 }
 
 TEST_F(Reuse, a_connection_that_is_closed_from_above_takes_its_client_along)
