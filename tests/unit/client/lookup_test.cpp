@@ -33,7 +33,7 @@ TEST(client_hash, a_prefix_and_a_number_of_three_digits_have_a_bucket_of_their_o
     for (const char *prefix : kPrefixes) {
         std::set<uint32_t> buckets;
         for (int i = 0; i < 1000; ++i) {
-            char number[4];
+            char number[16];
             snprintf(number, sizeof number, "%03d", i);
             buckets.insert(client::hash_of((std::string(prefix) + number).c_str()) % CLIENT_MAX);
         }
@@ -46,7 +46,7 @@ TEST(client_hash, a_prefix_and_four_digits_have_a_bucket_of_their_own_up_to_2075
     for (const char *prefix : kPrefixes) {
         std::set<uint32_t> buckets;
         for (int i = 0; i < 2076; ++i) {
-            char number[8];
+            char number[16];
             snprintf(number, sizeof number, "%04d", i);
             buckets.insert(client::hash_of((std::string(prefix) + number).c_str()) % CLIENT_MAX);
         }
