@@ -152,10 +152,10 @@ bool stamps_fit() noexcept
 }
 
 // True when stamps are to be compared now, which begins a new pause.
-bool is_due(uint64_t pause_ns_per_entry) noexcept
+bool is_due() noexcept
 {
     const uint64_t now   = mono_us();
-    const uint64_t pause = static_cast<uint64_t>(g_index.count) * pause_ns_per_entry / 1000;
+    const uint64_t pause = static_cast<uint64_t>(g_index.count) * kPauseNsPerEntry / 1000;
     if (now - g_index.checked_at_us < pause)
         return false;
     g_index.checked_at_us = now;
@@ -177,13 +177,13 @@ void fit_index(const sub_mgr_t &manager) noexcept
 
 void check_index(const sub_mgr_t &manager, Trust trust) noexcept
 {
-    if (!fits(manager) || ((is_always_checked(trust) || is_due(kPauseNsPerEntry)) && !stamps_fit()))
+    if (!fits(manager) || ((is_always_checked(trust) || is_due()) && !stamps_fit()))
         rebuild(manager);
 }
 
 bool index_was_wrong(const sub_mgr_t &manager) noexcept
 {
-    if (is_always_checked(Trust::Usual) || !is_due(kShortPauseNsPerEntry) || stamps_fit())
+    if (is_always_checked(Trust::Usual) || stamps_fit())
         return false;
     rebuild(manager);
     return true;

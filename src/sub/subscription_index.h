@@ -52,14 +52,13 @@ private:
 };
 
 // When stamps are compared. Sure: always, which takes some 6 ns an entry. Usual: always in a table of up to
-// kAlwaysCheckedEntries; in a bigger one after a pause in proportion to what the comparison takes, so that it takes about
-// a hundredth of the time at most, and a tenth where nothing seems to match. Until then, filters that were written in by
-// hand are not found.
+// kAlwaysCheckedEntries, and in any table before it is believed that nothing matches; otherwise after a pause in
+// proportion to what the comparison takes, so that it takes about a hundredth of the time at most. Until then, a filter
+// that was written in by hand is not found beside others that match.
 enum class Trust { Usual, Sure };
 
 constexpr int32_t  kAlwaysCheckedEntries = 64;
 constexpr uint64_t kPauseNsPerEntry      = 500;
-constexpr uint64_t kShortPauseNsPerEntry = 60; // before it is believed that nothing matches
 
 // Makes the index follow the table's place and length. To be called before every change that it is told of.
 void fit_index(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock);

@@ -431,7 +431,6 @@ TEST_P(edits_by_hand, are_looked_for_before_nothing_is_found_on_the_librarys_thr
     EXPECT_EQ(routed_by_the_library("by/hand").size(), 0u);
     EXPECT_EQ(routed_by_the_library("fill/7").size(), 1u);
     write(last, "hand", "by/hand");
-    clock.advance_ms(1); // less than the pause of a table of 10000 after a hit
     EXPECT_EQ(routed_by_the_library("by/hand").size(), 1u);
 }
 
