@@ -30,8 +30,8 @@ int refuse(mqtt_client_t &client, uint32_t state)
 }
 
 // False when the connection was closed meanwhile: then nothing more is to happen.
-// QUIRK(no-take-over): an older connection of the same id stays open [MQTT-3.1.4-3]. It hears nothing as
-// long as the newer one is there, and its end harms that one: see end-of-old-connection.
+// QUIRK(no-take-over): an older connection of the same id stays open [MQTT-3.1.4-3]. It hears nothing as long as the
+// newer one is there, and its end harms that one: see end-of-old-connection.
 //   test: connect.a_second_client_of_an_id_leaves_the_first_open
 [[nodiscard]] bool adopt(mqtt_client_t &client, const mqtt_connect_para_t &connect)
 {
