@@ -1,9 +1,9 @@
 /*
- * mutex_type.h - the type of every mutex that stands in an exported record or global, and the word that says what it
- * guards.
+ * mutex_type.h - the types of what threads share in exported records and globals: mutexes, what they guard, and fields
+ * that are written and read without one.
  *
- * A host sees the plain POSIX mutex. Inside the library the same bytes carry the compiler's lock annotations, so
- * that "needs this lock" can be written down and checked.
+ * A host sees the plain POSIX mutex and plain fields. Inside the library the same bytes carry the compiler's lock
+ * annotations, so that "needs this lock" can be written down and checked, and every access to a shared field is atomic.
  */
 #ifndef TARN_BASE_MUTEX_TYPE_H
 #define TARN_BASE_MUTEX_TYPE_H
@@ -12,9 +12,13 @@
 
 #if defined(__cplusplus) && defined(TARN_BUILDING)
 #include "mutex.h"
+#include "relaxed.h"
 typedef tarn::Mutex tarn_mutex_t;
+#define TARN_SHARED(type) tarn::Shared<type>
 #else
 typedef pthread_mutex_t tarn_mutex_t;
+/* A host that reads or writes such a field beside the library does so atomically too, relaxed. */
+#define TARN_SHARED(type) type
 #endif
 
 /*
