@@ -131,15 +131,14 @@ inline constexpr Field kSide[] = {
     //                             create connect release retire wipe  guard
     ROW(hold,                      Kept,  Kept,   Set,    Set,   Set,  Hold),
     ROW(generation,                Set,   Kept,   Kept,   Kept,  Kept, Word),
+    ROW(blocked_round,             Kept,  Kept,   Kept,   Kept,  Kept, Word),
     ROW(listed,                    Kept,  Kept,   Kept,   Kept,  Kept, Word),
-    ROW(in_round,                  Kept,  Kept,   Kept,   Kept,  Kept, Word),
-    ROW(round_blocked,             Kept,  Kept,   Kept,   Kept,  Kept, Word),
     ROW(refusals,                  Set,   Kept,   Kept,   Kept,  Kept, Word),
     ROW(flushing,                  Kept,  Kept,   Kept,   Kept,  Kept, Send),
     ROW(ring_used,                 Kept,  Kept,   Set,    Set,   Set,  Send),    // drop_ring()
     ROW(last_packet,               Set,   Kept,   Kept,   Kept,  Kept, Send),
     ROW(sent_until,                Kept,  Kept,   Kept,   Kept,  Kept, Send),    // means something with last_packet only
-    ROW(next_ready,                Kept,  Kept,   Kept,   Kept,  Kept, Word),
+    ROW(next_listed,               Kept,  Kept,   Kept,   Kept,  Kept, Word),
     ROW(subs_high,                 Set,   Set,    Set,    Set,   Kept, Word),    // as `session`
     ROW(msgs_high,                 Set,   Set,    Set,    Set,   Kept, Word),
     ROW(bucket,                    Kept,  Set,    Set,    Set,   Kept, Bucket),  // enter_bucket(), leave_chain()

@@ -136,25 +136,16 @@ Queued enqueue(mqtt_client_t &client, const PacketParts &packet) EXCLUDES(client
     return Queued::Ok;
 }
 
-// Another thread's flush is one non-blocking write, worth waiting for: it may have looked before the latest packets
-// came.
-Flushed flush_in_turn(mqtt_client_t &client, bool online_only)
-{
-    Flushed result;
-    while ((result = flush_ring(client, online_only)) == Flushed::Busy)
-        sched_yield();
-    return result;
-}
-
 // A burst of one round fills a ring before the round ends, so the ring is emptied between; once a round when the socket
 // takes nothing. False when nothing was tried.
 bool make_room(mqtt_client_t &client)
 {
     Side *const side = side_of(&client);
-    if (!side || !in_io_round() || side->round_blocked.load(std::memory_order_relaxed))
+    if (!side || io_round() == 0 || side->blocked_round.load(std::memory_order_relaxed) == io_round())
         return false;
     const Flushed result = flush_in_turn(client, true);
-    side->round_blocked.store(result == Flushed::Full || result == Flushed::Refused, std::memory_order_relaxed);
+    if (result == Flushed::Full || result == Flushed::Refused)
+        side->blocked_round.store(io_round(), std::memory_order_relaxed);
     return true;
 }
 
@@ -203,6 +194,14 @@ Flushed flush_ring(mqtt_client_t &client, bool online_only) noexcept NO_LOCK_ANA
     if (side)
         side->flushing = 0;
     client.send_lock.unlock();
+    return result;
+}
+
+Flushed flush_in_turn(mqtt_client_t &client, bool online_only) noexcept
+{
+    Flushed result;
+    while ((result = flush_ring(client, online_only)) == Flushed::Busy)
+        sched_yield();
     return result;
 }
 
@@ -258,8 +257,8 @@ void tarn::see_to_sending(mqtt_client_t &client) noexcept
     const int32_t index = index_of(&client);
     if (index == kOutside)
         return;
-    if (in_io_round())
-        add_to_round(index);
+    if (io_round() != 0)
+        list_in_round(index);
     else
         hand_to_send_thread(index);
 }

@@ -114,7 +114,7 @@ void note_writable(const SlotHold &hold)
         wanted = hold.is_current() && settle_writable(hold.handle());
     }
     if (wanted)
-        call_writable_hook();
+        call_writable_hook(hold.handle());
 }
 
 void handle_event(const epoll_event &event, const EventSink &sink, uint32_t start)

@@ -122,7 +122,7 @@ EventSink event_sink() noexcept;
 
 void call_round_begin() noexcept;
 void call_round_end() noexcept;
-void call_writable_hook() noexcept;
+void call_writable_hook(uint32_t handle) noexcept;
 
 // ---- epoll registrations and shared descriptors (watch.cpp)
 
