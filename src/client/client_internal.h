@@ -39,13 +39,13 @@ enum Mark : uint32_t {
 
 struct Side {
     std::atomic<uint32_t> hold;          // pins and marks: see pins.cpp
-    std::atomic<uint32_t> generation;    // of the connection the record was made for, 0 = unknown
+    Shared<uint32_t>      generation;    // of the connection the record was made for, 0 = unknown
     std::atomic<uint8_t>  listed;        // on its way to the send thread, or kept by it for another try
     std::atomic<uint8_t>  in_round;      // in the list of the running I/O round
     std::atomic<uint8_t>  round_blocked; // its socket took nothing in this round
     std::atomic<uint8_t>  refusals;      // failed sends in a row, other than "would block"
     uint8_t               flushing;      // one thread sends from the ring; send_lock
-    uint8_t               ring_used;     // slots written since its pages were given back; send_lock
+    Shared<uint8_t>       ring_used;     // slots written since its pages were given back; written under send_lock
     LastPacket            last_packet;   // send_lock
     uint8_t               sent_until;    // with LastPacket::Queued: slot behind the last that is sent; send_lock
     std::atomic<int32_t>  next_ready;    // ready list of the send thread: index + 1, 0 = end
@@ -109,7 +109,7 @@ struct Slot {
     int32_t              at    = 0;
     explicit             operator bool() const { return block != nullptr; }
     mqtt_client_t       &record() const { return block->records[at]; }
-    uint8_t             &used_flag() const { return block->used_flags[at]; }
+    Shared<uint8_t>     &used_flag() const { return block->used_flags[at]; }
 };
 Slot slot_of(const mqtt_client_t &client) noexcept;
 
