@@ -24,7 +24,7 @@ public:
 
 broker_t *owner_of(mqtt_client_t *client)
 {
-    return client ? peek(client->broker) : nullptr;
+    return client ? client->broker : nullptr;
 }
 
 } // namespace

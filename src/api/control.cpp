@@ -27,11 +27,11 @@ int32_t tarn_sdk_mqtt_broker_kick_client(broker_t *broker, const char *client_id
         LOG_WARN("[SDK] kick client not found: %s", id);
         return TARN_E_NOT_FOUND;
     }
-    if (peek(client->broker) != broker) {
+    if (client->broker != broker) {
         LOG_ERROR("[SDK] kick rejected: client '%s' does not belong to this broker instance", id);
         return TARN_E_DENIED;
     }
-    const uint32_t state = peek(client->state);
+    const uint32_t state = client->state;
     if (state == CLIENT_UNUSED || state == CLIENT_CLOSED) {
         LOG_WARN("[SDK] kick client '%s' already closed", id);
         return TARN_OK;

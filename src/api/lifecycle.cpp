@@ -103,7 +103,7 @@ int32_t bring_up(broker_t &broker, int32_t max_clients)
         LOG_ERROR("[SDK] client_mgr_init failed");
         return TARN_E_RESOURCE;
     }
-    poke(g_default_max_packet_size, static_cast<uint32_t>(peek(broker.max_packet_size)));
+    g_default_max_packet_size = static_cast<uint32_t>(peek(broker.max_packet_size));
     if (const uint32_t result = netip_init(mqtt_netip_event_cb, &broker, 1); result != NETIP_OK) {
         LOG_ERROR("[SDK] netip_init failed[%d]", static_cast<int>(result));
         if (result == NETIP_NOMEM) { // perhaps the accept thread, which comes last: then everything else runs
@@ -120,8 +120,8 @@ int32_t bring_up(broker_t &broker, int32_t max_clients)
 // The layer and its clients stayed while the owner was stopped.
 void resume(broker_t &broker, int32_t max_clients)
 {
-    poke(g_mqtt_max_clients, max_clients);
-    poke(g_default_max_packet_size, static_cast<uint32_t>(peek(broker.max_packet_size)));
+    g_mqtt_max_clients        = max_clients;
+    g_default_max_packet_size = static_cast<uint32_t>(peek(broker.max_packet_size));
 }
 
 int32_t start_layer(broker_t &broker, int32_t max_clients)

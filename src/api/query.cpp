@@ -28,10 +28,10 @@ void describe(mqtt_client_t &client, tarn_sdk_mqtt_client_info_t &info)
     const client_id_text id = id_of(client);
     copy_text(info.client_id, id.text, sizeof id.text - 1);
     copy_text(info.ip, client.ip, sizeof info.ip - 1); // written once, before the record could be found
-    info.port               = peek(client.port);
-    info.keepalive          = static_cast<uint16_t>(peek(client.keepalive_ms) / 1000);
+    info.port               = client.port;
+    info.keepalive          = static_cast<uint16_t>(client.keepalive_ms / 1000);
     info.online             = is_online(client);
-    const uint64_t since_ms = peek(client.last_active); // read before the clock, which may not be older
+    const uint64_t since_ms = client.last_active; // read before the clock, which may not be older
     info.idle_seconds       = static_cast<uint32_t>(elapsed(mono_ms(), since_ms) / 1000);
 }
 
@@ -59,7 +59,7 @@ int32_t tarn_sdk_mqtt_broker_get_client_info(broker_t *broker, const char *clien
     const client_ref client = find_client_by_cid(client_id);
     if (!client)
         return TARN_E_NOT_FOUND;
-    if (peek(client->broker) != broker) {
+    if (client->broker != broker) {
         LOG_ERROR("[SDK] get_client_info rejected: client '%s' belongs to another broker", client_id);
         return TARN_E_DENIED;
     }

@@ -10,8 +10,8 @@ using namespace tarn::client;
 //   test: keepalive.zero_becomes_sixty_seconds
 void client_set_keepalive(mqtt_client_t *client, uint16_t seconds)
 {
-    const uint32_t handle = client ? peek(client->handle) : 0;
-    const int      state  = client ? static_cast<int>(peek(client->state)) : -1;
+    const uint32_t handle = client ? uint32_t{client->handle} : 0;
+    const int      state  = client ? static_cast<int>(client->state) : -1;
     if (!client || state == CLIENT_CLOSED || handle == NETIP_NO_HANDLE) {
         LOG_ERROR("client_set_keepalive: 无效客户端实例（handle=0x%08X, state=%d）", handle, state);
         return;
@@ -20,8 +20,8 @@ void client_set_keepalive(mqtt_client_t *client, uint16_t seconds)
     const uint32_t keepalive_ms = seconds != 0 ? seconds * 1000u : uint32_t{CLIENT_KEEPALIVE_0_MS};
     {
         ScopedLock lock(lock_of_handle(handle));
-        poke(client->keepalive_ms, keepalive_ms);
-        poke(client->last_active, mono_ms());
+        client->keepalive_ms = keepalive_ms;
+        client->last_active  = mono_ms();
     }
     LOG_DEBUG("client_set_keepalive: handle=0x%08X, cid=%s, keepalive=%lu秒（超时阈值=%lu秒）", handle,
               id_of(*client).text, static_cast<unsigned long>(seconds),
@@ -35,9 +35,9 @@ void client_set_keepalive(mqtt_client_t *client, uint16_t seconds)
 //   test: client_send.counts_as_activity
 void client_update_active(mqtt_client_t *client)
 {
-    if (!client || peek(client->state) == CLIENT_CLOSED)
+    if (!client || client->state == CLIENT_CLOSED)
         return;
-    if (peek(client->timeout_closing))
-        poke(client->timeout_closing, 0);
-    poke(client->last_active, mono_ms());
+    if (client->timeout_closing)
+        client->timeout_closing = 0;
+    client->last_active = mono_ms();
 }

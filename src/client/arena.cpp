@@ -112,7 +112,7 @@ void trim_ring(mqtt_client_t &client) noexcept
     if (index == kOutside || !client.send_queue || client.send_queue != own_ring(index) || side_at(index).flushing)
         return;
     madvise(client.send_queue, kRingBytes, MADV_DONTNEED);
-    poke(side_at(index).ring_used, 0);
+    side_at(index).ring_used = 0;
 }
 
 } // namespace tarn::client

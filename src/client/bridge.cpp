@@ -41,9 +41,9 @@ void on_disconnected(uint32_t handle, uint32_t reason, uint32_t error)
     const client_ref client = find_client_by_handle(handle);
     if (!client)
         return; // never sent a packet, or closed from above: then this is its own netip_close
-    const uint32_t state = peek(client->state);
+    const uint32_t state = client->state;
     if (state == CLIENT_LOGINED)
-        packet_handler_remove_client_subs(id_of(*client).text, peek(client->clean_session));
+        packet_handler_remove_client_subs(id_of(*client).text, client->clean_session);
     close_seen(*client, state);
 }
 

@@ -35,7 +35,7 @@ void store_id(mqtt_client_t &client, const char *client_id) noexcept
 // A released record shows no id, although its text stays until the last pin is gone.
 tarn::client_id_text tarn::id_of(mqtt_client_t &client) noexcept
 {
-    if (!peek(client.used) && client::has_mark(client, client::kReleased))
+    if (!client.used && client::has_mark(client, client::kReleased))
         return {};
     return client::stored_id(client);
 }

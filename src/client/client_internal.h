@@ -39,12 +39,12 @@ enum Mark : uint32_t {
 
 struct Side {
     std::atomic<uint32_t> hold;          // pins and marks: see pins.cpp
-    std::atomic<uint32_t> generation;    // of the connection the record was made for, 0 = unknown
-    std::atomic<uint32_t> blocked_round; // the I/O round in which its socket took nothing
+    Shared<uint32_t>      generation;    // of the connection the record was made for, 0 = unknown
+    Shared<uint32_t>      blocked_round; // the I/O round in which its socket took nothing
     std::atomic<uint8_t>  listed;        // in the send list, or kept by the send thread for another try
     std::atomic<uint8_t>  refusals;      // failed sends in a row, other than "would block"
     uint8_t               flushing;      // one thread sends from the ring; send_lock
-    uint8_t               ring_used;     // slots written since its pages were given back; send_lock
+    Shared<uint8_t>       ring_used;     // slots written since its pages were given back; written under send_lock
     LastPacket            last_packet;   // send_lock
     uint8_t               sent_until;    // with LastPacket::Queued: slot behind the last that is sent; send_lock
     std::atomic<int32_t>  next_listed;   // behind it in the send list: index + 1, 0 = end
@@ -108,7 +108,7 @@ struct Slot {
     int32_t              at    = 0;
     explicit             operator bool() const { return block != nullptr; }
     mqtt_client_t       &record() const { return block->records[at]; }
-    uint8_t             &used_flag() const { return block->used_flags[at]; }
+    Shared<uint8_t>     &used_flag() const { return block->used_flags[at]; }
 };
 Slot slot_of(const mqtt_client_t &client) noexcept;
 

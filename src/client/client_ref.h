@@ -72,7 +72,7 @@ void session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg_count
 
 [[nodiscard]] inline bool is_online(mqtt_client_t &client) noexcept
 {
-    const uint32_t state = peek(client.state);
+    const uint32_t state = client.state;
     return state == CLIENT_CONNECTED || state == CLIENT_LOGINED;
 }
 

@@ -45,7 +45,7 @@ namespace tarn::client {
 bool step(mqtt_client_t &client, const Edge &edge) noexcept
 {
     for (;;) {
-        const uint32_t seen = peek(client.state);
+        const uint32_t seen = client.state;
         if ((edge.from & in(seen)) == 0)
             return false;
         if (swap_if(client.state, seen, edge.to))
@@ -77,7 +77,7 @@ template <When when, Guard guard, size_t row> void zero_field(mqtt_client_t &cli
     if constexpr (field.guard == guard && field[when] == Cell::Zero) {
         uint8_t *const at = reinterpret_cast<uint8_t *>(&client) + field.at;
         if constexpr (field.is_word)
-            poke(*reinterpret_cast<typename WordOf<field.size>::type *>(at), 0);
+            *reinterpret_cast<Shared<typename WordOf<field.size>::type> *>(at) = 0;
         else
             memset(at, 0, field.size);
     }
@@ -112,18 +112,18 @@ void fill(mqtt_client_t &client, uint32_t handle, const char *ip, uint16_t port,
 {
     Side *const side = side_of(&client);
     if (side) {
-        side->generation.store(generation, std::memory_order_relaxed);
+        side->generation = generation;
         side->refusals.store(0, std::memory_order_relaxed);
     }
-    poke(client.handle, handle);
+    client.handle = handle;
     {
         ScopedLock lock(id_lock(client));
         copy_text(client.ip, ip ? ip : "", sizeof client.ip - 1);
     }
-    poke(client.port, port);
-    poke(client.last_active, mono_ms());
-    poke(client.next_msg_id, 1);
-    poke(client.broker, broker);
+    client.port        = port;
+    client.last_active = mono_ms();
+    client.next_msg_id = 1;
+    client.broker      = broker;
     (void)mqtt_codec_ctx_init(&client.codec);
     {
         ScopedLock lock(client.send_lock);
@@ -133,7 +133,7 @@ void fill(mqtt_client_t &client, uint32_t handle, const char *ip, uint16_t port,
     }
     reset<When::Create>(client);
     empty_session(client); // a holder of the record before may have written it behind its release
-    poke(client.max_packet_size, peek(g_default_max_packet_size));
+    client.max_packet_size = uint32_t{g_default_max_packet_size};
     step(client, kCreate);
     poke_release(client.used, 1); // now scans may see it
 }
@@ -168,8 +168,8 @@ void tell_full(int32_t max_clients)
 client_ref create_client(uint32_t handle, const char *ip, uint16_t port, broker_t *broker,
                          net::Connection connection) noexcept
 {
-    if (peek(g_client_mgr.used_count) >= peek(g_mqtt_max_clients)) {
-        tell_full(peek(g_mqtt_max_clients));
+    if (g_client_mgr.used_count >= g_mqtt_max_clients) {
+        tell_full(g_mqtt_max_clients);
         return {};
     }
 
@@ -190,9 +190,9 @@ client_ref create_client(uint32_t handle, const char *ip, uint16_t port, broker_
         }
     }
     if (taken == Taken::TableFull) // another thread took the last one
-        tell_full(peek(g_mqtt_max_clients));
+        tell_full(g_mqtt_max_clients);
     if (client)
-        tell_created(id_of(*client), peek(client->max_packet_size), handle, client->ip, port, total);
+        tell_created(id_of(*client), client->max_packet_size, handle, client->ip, port, total);
     return client;
 }
 
@@ -201,7 +201,7 @@ client_ref create_client(uint32_t handle, const char *ip, uint16_t port, broker_
 void close_connection_of(mqtt_client_t &client) noexcept
 {
     const Side *const side = side_of(&client);
-    net::close_connection(peek(client.handle), side ? side->generation.load(std::memory_order_relaxed) : 0);
+    net::close_connection(client.handle, side ? uint32_t{side->generation} : 0);
 }
 
 void go_offline(mqtt_client_t &client) noexcept
@@ -219,8 +219,8 @@ namespace {
 void leave_pool(mqtt_client_t &client, const Edge &edge)
 {
     step(client, edge);
-    poke(client.handle, NETIP_NO_HANDLE);
-    poke(client.used, 0);
+    client.handle = NETIP_NO_HANDLE;
+    client.used   = 0;
     leave_chain(client); // a retired one may have been given an id behind the clearing of the tables
     drop_ring(client);
     empty_session(client); // or a connection that never says CONNECT could write this one's files
@@ -228,7 +228,7 @@ void leave_pool(mqtt_client_t &client, const Edge &edge)
 
 bool has_traces(mqtt_client_t &client)
 {
-    return peek(client.used) || peek(client.send_queue) || peek(client.will_topic) || peek(client.will_payload);
+    return client.used || peek(client.send_queue) || peek(client.will_topic) || peek(client.will_payload);
 }
 
 // Only after an init over a live manager: deinit has emptied the list before.
@@ -246,10 +246,10 @@ void drop_deliveries(mqtt_client_t &client)
 
 bool release_record(mqtt_client_t &client) noexcept
 {
-    if ((kRelease.from & in(peek(client.state))) == 0 || !peek(client.used))
+    if ((kRelease.from & in(client.state)) == 0 || !client.used)
         return false;
     const Slot slot = slot_of(client);
-    if (!slot || !peek(slot.used_flag()))
+    if (!slot || !slot.used_flag())
         return false;
 
     const client_ref pin(&client); // so that the texts go and the slot becomes free when we let go, at the earliest
@@ -289,10 +289,10 @@ void wipe(mqtt_client_t &client) noexcept
 void scrub(mqtt_client_t &client) noexcept
 {
     wipe(client);
-    uint8_t *const bytes = reinterpret_cast<uint8_t *>(&client);
+    auto *const bytes = reinterpret_cast<Shared<uint8_t> *>(&client);
     for (const Field &field : kRecord)
         for (size_t i = 0; field.guard != Guard::Lock && field.guard != Guard::Session && i < field.size; ++i)
-            poke(bytes[field.at + i], 0); // scans may look in passing
+            bytes[field.at + i] = 0; // scans may look in passing
     clear_session(client);
 }
 
@@ -343,10 +343,10 @@ namespace {
 
 bool was_called_off(mqtt_client_t &client)
 {
-    if (peek(client.state) != CLIENT_WILL_PENDING)
+    if (client.state != CLIENT_WILL_PENDING)
         return false;
     ScopedLock lock(client.will_lock);
-    return peek(client.will_delay_interval) != 0 && !peek(client.will_sent) && !peek(client.will_delay_pending);
+    return client.will_delay_interval != 0 && !client.will_sent && !client.will_delay_pending;
 }
 
 } // namespace

@@ -33,7 +33,7 @@ bool step(mqtt_client_t &client, const Edge &edge) noexcept;
 // True when another thread has taken the client out of the online states since its state was `before`.
 [[nodiscard]] inline bool was_closed_since(mqtt_client_t &client, uint32_t before) noexcept
 {
-    const uint32_t now = peek(client.state);
+    const uint32_t now = client.state;
     return now != before && (now == CLIENT_CLOSED || now == CLIENT_WILL_PENDING);
 }
 

@@ -26,7 +26,7 @@ Mutex &lock_of_hash(uint32_t hash)
 bool is_of_earlier_connection(mqtt_client_t &client, uint32_t handle)
 {
     const Side *const side    = side_of(&client);
-    const uint32_t    own     = side ? side->generation.load(std::memory_order_relaxed) : 0;
+    const uint32_t    own     = side ? uint32_t{side->generation} : 0;
     const uint32_t    current = own != 0 ? net::generation_of(handle) : 0;
     return current != 0 && current != own;
 }
@@ -38,7 +38,7 @@ bool has_id(const mqtt_client_t &client, const char *client_id)
 
 bool is_found(mqtt_client_t &client, const char *client_id)
 {
-    return peek_acquire(client.used) && peek(client.state) != CLIENT_CLOSED && has_id(client, client_id);
+    return peek_acquire(client.used) && client.state != CLIENT_CLOSED && has_id(client, client_id);
 }
 
 } // namespace
@@ -58,7 +58,7 @@ Mutex &lock_of_handle(uint32_t handle) noexcept
 
 void leave_tables(mqtt_client_t &client, const Edge &edge) noexcept
 {
-    const uint32_t handle = peek(client.handle);
+    const uint32_t handle = client.handle;
     {
         ScopedLock lock(lock_of_handle(handle));
         step(client, edge);
@@ -96,8 +96,8 @@ client_ref tarn::find_client_by_handle(uint32_t handle) noexcept
         return {};
     ScopedLock lock(lock_of_handle(handle));
     client_ref client(peek_acquire(g_client_mgr.by_handle[handle % CLIENT_MAX]));
-    if (client && (peek(client->state) == CLIENT_CLOSED || peek(client->handle) != handle ||
-                   is_of_earlier_connection(*client, handle)))
+    if (client &&
+        (client->state == CLIENT_CLOSED || client->handle != handle || is_of_earlier_connection(*client, handle)))
         client.reset();
     return client;
 }
@@ -145,7 +145,7 @@ void client_set_cid(mqtt_client_t *client, const char *client_id)
     if (!client)
         return;
     const client_ref pin(client);
-    const uint32_t   state = peek(client->state);
+    const uint32_t   state = client->state;
     if (state == CLIENT_CLOSED)
         return;
 
@@ -163,5 +163,5 @@ void client_set_cid(mqtt_client_t *client, const char *client_id)
         ScopedLock lock(lock_of_hash(hash));
         enter_bucket(*client, hash, state);
     }
-    LOG_DEBUG("Set client ID: handle=%u, cid=%s", peek(client->handle), id.text);
+    LOG_DEBUG("Set client ID: handle=%u, cid=%s", uint32_t{client->handle}, id.text);
 }

@@ -12,8 +12,8 @@ uint32_t client_mgr_init(int32_t max_clients)
         LOG_ERROR("max_clients %d invalid, must <= %d", max_clients, CLIENT_MAX);
         return kFailed;
     }
-    poke(g_mqtt_max_clients, max_clients);
-    poke(g_client_mgr.running, 0);
+    g_mqtt_max_clients   = max_clients;
+    g_client_mgr.running = 0;
     unlink_pool(); // of an init without a deinit, or of clients that were created before
 
     if (!make_block_list()) {
@@ -24,7 +24,7 @@ uint32_t client_mgr_init(int32_t max_clients)
         unlink_pool();
         return kFailed;
     }
-    poke(g_client_mgr.running, 1);
+    g_client_mgr.running = 1;
 
     if (!qos::init()) {
         LOG_ERROR("QoS reliable init failed");
@@ -40,7 +40,7 @@ uint32_t client_mgr_init(int32_t max_clients)
 void client_mgr_deinit(void)
 {
     mqtt_stop_send_thread();
-    poke(g_client_mgr.running, 0);
+    g_client_mgr.running = 0;
     qos::destroy();
     unlink_pool();
     LOG_INFO("Client manager deinit success (QoS module destroyed)");

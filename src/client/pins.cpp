@@ -127,7 +127,7 @@ void client_ref::reset() noexcept
 bool is_released(const mqtt_client_t *client) noexcept
 {
     const Side *const side = client ? side_of(client) : nullptr;
-    return side && (client::has_mark(*client, client::kReleased) || !peek(client->used));
+    return side && (client::has_mark(*client, client::kReleased) || !client->used);
 }
 
 } // namespace tarn

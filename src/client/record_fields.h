@@ -32,11 +32,11 @@ enum class Cell : uint8_t {
 };
 
 enum class Guard : uint8_t {
-    Word,    // stands alone: one atomic access (base/relaxed.h)
+    Word,    // stands alone: Shared, one atomic access
     State,   // as a word, and written by step() of life.cpp only
     Id,      // id_mx
-    Send,    // send_lock; ends and pointer are looked at without
-    Will,    // will_lock; words are looked at without
+    Send,    // send_lock; what is Shared is looked at without
+    Will,    // will_lock; likewise
     Session, // data_mx; counts are looked at without
     Bucket,  // bucket_mx
     Hold,    // its own protocol: pins.cpp
@@ -46,7 +46,7 @@ enum class Guard : uint8_t {
 struct Field {
     const char *name;
     size_t      at, size, align;
-    bool        is_word, is_bytes;
+    bool        is_word, is_bytes; // a Shared number, an array of bytes
     Cell        cells[kMoments];
     Guard       guard;
 
@@ -58,14 +58,16 @@ namespace rows {
 using enum Cell;
 using enum Guard;
 
+template <class T> constexpr bool is_shared = !std::is_same_v<T, value_of<T>>;
+
 template <class T>
 constexpr Field field(const char *name, size_t at, Cell create, Cell connect, Cell release, Cell retire, Cell wipe,
                       Guard guard)
 {
     using Element       = std::remove_all_extents_t<T>;
     const bool is_bytes = std::is_array_v<T> && sizeof(Element) == 1;
-    return {name, at, sizeof(T), alignof(T), std::is_unsigned_v<T>, is_bytes, {create, connect, release, retire, wipe},
-            guard};
+    const bool is_word  = is_shared<T> && std::is_unsigned_v<value_of<T>>;
+    return {name, at, sizeof(T), alignof(T), is_word, is_bytes, {create, connect, release, retire, wipe}, guard};
 }
 
 #define ROW(name, ...) field<decltype(Of::name)>(#name, offsetof(Of, name), __VA_ARGS__)

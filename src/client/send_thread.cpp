@@ -13,8 +13,8 @@
 #include <time.h>
 #include <unistd.h>
 
-uint8_t   g_send_running = 0;
-pthread_t g_send_thread  = 0;
+tarn::Shared<uint8_t> g_send_running = 0;
+pthread_t             g_send_thread  = 0;
 
 namespace tarn::client {
 namespace {
@@ -36,7 +36,7 @@ static_assert(sizeof g_asleep == sizeof(uint32_t), "a futex word");
 
 bool nothing_to_do()
 {
-    return g_is_asked.load() == 0 && peek(g_send_running);
+    return g_is_asked.load() == 0 && g_send_running;
 }
 
 // False when the whole time passed. The time is relative, so it passes also while a test holds the clocks.
@@ -114,7 +114,7 @@ bool has_unsent(mqtt_client_t &client)
 
 bool rests_with_pages(mqtt_client_t &client, Side &side, uint64_t now_ms)
 {
-    return peek(side.ring_used) >= kTrimSlots && elapsed(now_ms, peek(client.last_active)) >= kTrimIdle_ms;
+    return side.ring_used >= kTrimSlots && elapsed(now_ms, client.last_active) >= kTrimIdle_ms;
 }
 
 void send_unlisted(mqtt_client_t &client, int32_t index, Waiting &waiting)
@@ -173,13 +173,13 @@ void run()
         const uint32_t pause = waiting.empty() && !watching ? kIdle_ms : kRetry_ms;
         woken                = sleep_until_woken(pause);
         quiet_ms += woken ? 0 : pause;
-    } while (peek(g_send_running));
+    } while (g_send_running);
 }
 
 // The thread takes no lock that its joiner holds, and runs no callback of the host's.
 void end_thread() REQUIRES(g_start_mx)
 {
-    poke(g_send_running, 0);
+    g_send_running = 0;
     wake_send_thread();
     if (g_started)
         finish_thread(g_send_thread);
@@ -210,7 +210,7 @@ using namespace tarn::client;
 void *send_thread_proc(void *)
 {
     LOG_INFO("[SEND_THREAD] 发送线程启动");
-    if (peek(g_send_running))
+    if (g_send_running)
         run();
     LOG_INFO("[SEND_THREAD] 发送线程退出");
     return nullptr;
@@ -219,11 +219,11 @@ void *send_thread_proc(void *)
 void mqtt_start_send_thread(void)
 {
     ScopedLock lock(g_start_mx);
-    if (g_started && peek(g_send_running))
+    if (g_started && g_send_running)
         return;
     end_thread(); // one that was ended through the flag alone
-    poke(g_send_running, 1);
-    g_started = start_thread(&g_send_thread, "tarn-send", send_thread_proc, nullptr) == 0;
+    g_send_running = 1;
+    g_started      = start_thread(&g_send_thread, "tarn-send", send_thread_proc, nullptr) == 0;
 }
 
 void mqtt_stop_send_thread(void)

@@ -16,7 +16,7 @@ constexpr int kAtATime = 64; // files are removed without the lock, in portions
 
 bool is_expired(mqtt_client_t &client, uint64_t now_s)
 {
-    const uint64_t deadline_s = peek(client.session_expiry_deadline);
+    const uint64_t deadline_s = client.session_expiry_deadline;
     return peek_acquire(client.used) && deadline_s != 0 && deadline_s < now_s;
 }
 
@@ -32,7 +32,7 @@ int collect(uint64_t now_s, int32_t &place, Expired (&found)[kAtATime])
             continue;
         const client_ref client(record); // deadline and id are one client's
         if (is_expired(*client, now_s))
-            found[count++] = {stored_id(*client), peek(client->session_expiry_deadline)};
+            found[count++] = {stored_id(*client), client->session_expiry_deadline};
     }
     return count;
 }

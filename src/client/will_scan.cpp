@@ -7,7 +7,7 @@
 #include "../handler/packet_handler.h"
 #include "client_internal.h"
 
-int32_t g_will_delay_client_count = 0;
+constinit tarn::Shared<int32_t> g_will_delay_client_count = 0;
 
 namespace tarn::client {
 namespace {
@@ -30,7 +30,7 @@ void due_no_later_than(uint64_t at_ms)
 
 bool is_waiting(mqtt_client_t &client)
 {
-    return peek_acquire(client.used) && peek(client.state) == CLIENT_WILL_PENDING && peek(client.will_delay_pending);
+    return peek_acquire(client.used) && client.state == CLIENT_WILL_PENDING && peek(client.will_delay_pending);
 }
 
 // QUIRK(overdue-will): a will that is late by more than 30 s, because the broker was stopped meanwhile, is dropped
@@ -44,14 +44,14 @@ bool is_overdue(mqtt_client_t &client, uint64_t now_ms)
 bool is_due(mqtt_client_t &client, uint64_t now_ms)
 {
     ScopedLock lock(client.will_lock);
-    return peek(client.will_delay_pending) && !peek(client.will_sent) && peek(client.will_delay_deadline) <= now_ms;
+    return client.will_delay_pending && !client.will_sent && client.will_delay_deadline <= now_ms;
 }
 
 void end_delay(mqtt_client_t &client)
 {
     ScopedLock lock(client.will_lock);
-    poke(client.will_sent, 1);
-    poke(client.will_delay_pending, 0);
+    client.will_sent          = 1;
+    client.will_delay_pending = 0;
 }
 
 void drop(mqtt_client_t &client)

@@ -45,20 +45,20 @@ Stored store(mqtt_client_t &client, const char *topic, const uint8_t *payload, u
     ScopedLock     lock(client.will_lock);
     owned<char>    topic_copy   = copy_of(topic);
     owned<uint8_t> payload_copy = copy_of(payload, payload_len);
-    owned<char>    old_topic(client.will_topic);
-    owned<uint8_t> old_payload(client.will_payload);
+    owned<char>    old_topic(static_cast<char *>(client.will_topic));
+    owned<uint8_t> old_payload(static_cast<uint8_t *>(client.will_payload));
     if (topic_copy && payload_copy) {
-        poke(client.will_topic, topic_copy.release());
-        poke(client.will_payload, payload_copy.release());
-        poke(client.will_payload_len, payload_len);
-        poke(client.will_qos, qos);
-        poke(client.will_retain, retain);
-        poke(client.will_sent, 0);
-        poke(client.will_msg_used, 1);
+        client.will_topic       = topic_copy.release();
+        client.will_payload     = payload_copy.release();
+        client.will_payload_len = payload_len;
+        client.will_qos         = qos;
+        client.will_retain      = retain;
+        client.will_sent        = 0;
+        client.will_msg_used    = 1;
     } else {
-        poke(client.will_topic, nullptr);
-        poke(client.will_payload, nullptr);
-        poke(client.will_msg_used, 0);
+        client.will_topic    = nullptr;
+        client.will_payload  = nullptr;
+        client.will_msg_used = 0;
     }
     return {std::move(old_topic),    std::move(old_payload), client.will_topic ? topic : nullptr,
             client.will_payload_len, client.will_qos,        client.will_retain,
@@ -71,8 +71,8 @@ void free_will_texts(mqtt_client_t &client) noexcept
 {
     free(client.will_topic);
     free(client.will_payload);
-    poke(client.will_topic, nullptr);
-    poke(client.will_payload, nullptr);
+    client.will_topic   = nullptr;
+    client.will_payload = nullptr;
 }
 
 } // namespace tarn::client
@@ -122,16 +122,16 @@ void client_set_will_enhance(mqtt_client_t *client, uint32_t delay_s, uint32_t e
     const client_ref pin(client);
     {
         ScopedLock lock(client->will_lock);
-        poke(client->will_delay_interval, delay_s);
-        poke(client->will_msg_expiry_interval, expiry_s);
-        poke(client->will_payload_format, payload_format);
+        client->will_delay_interval      = delay_s;
+        client->will_msg_expiry_interval = expiry_s;
+        client->will_payload_format      = payload_format;
         if (content_type)
             copy_text(client->will_content_type, content_type, sizeof client->will_content_type - 1);
         if (response_topic)
             copy_text(client->will_response_topic, response_topic, sizeof client->will_response_topic - 1);
         if (correlation_data && correlation_len < sizeof client->will_correlation_data) {
             memcpy(client->will_correlation_data, correlation_data, correlation_len);
-            poke(client->will_correlation_len, correlation_len);
+            client->will_correlation_len = correlation_len;
         }
     }
     LOG_INFO("[遗嘱增强] ClientID=%s 设置完成：延迟=%ds, 过期=%ds", id_of(*client).text, static_cast<int>(delay_s),

@@ -23,23 +23,23 @@ struct AckRow {
 
 void settle_puback(mqtt_client_t &client, uint16_t id)
 {
-    if (peek(client.qos1_pending_msg_id) != id) {
+    if (client.qos1_pending_msg_id != id) {
         LOG_WARN("MQTT标准：收到无效PUBACK：ClientID=%s, MsgID=%d（无对应待确认消息）", client.client_id, id);
         return;
     }
-    poke(client.qos1_pending_msg_id, 0);
+    client.qos1_pending_msg_id = 0;
     LOG_DEBUG("MQTT标准：QoS1消息确认完成：ClientID=%s, MsgID=%d", client.client_id, id);
 }
 
 void settle_pubrel(mqtt_client_t &client, uint16_t)
 {
-    poke(client.qos2_pending_msg_id, 0);
+    client.qos2_pending_msg_id = 0;
 }
 
 void settle_pubcomp(mqtt_client_t &client, uint16_t id)
 {
-    if (peek(client.qos2_pending_msg_id) == id)
-        poke(client.qos2_pending_msg_id, 0);
+    if (client.qos2_pending_msg_id == id)
+        client.qos2_pending_msg_id = 0;
 }
 
 // QUIRK(double-handshake): the queue answers PUBREC and PUBREL of its own deliveries too, so a client can get PUBREL

@@ -18,7 +18,7 @@ void override_session_expiry(mqtt_client_t &client, const mqtt_disconnect_para_t
 {
     if (!speaks_v5(client) || !expiry_given || disconnect.session_expiry_interval == kKeepInterval)
         return;
-    poke(client.session_expiry_interval, disconnect.session_expiry_interval);
+    client.session_expiry_interval = disconnect.session_expiry_interval;
     LOG_INFO("[MQTT5] DISCONNECT 覆盖会话超时: %u", disconnect.session_expiry_interval);
 }
 
@@ -29,7 +29,7 @@ void drop_will(mqtt_client_t &client)
 {
     {
         ScopedLock lock(client.will_lock);
-        poke(client.will_msg_used, 0);
+        client.will_msg_used = 0;
     }
     {
         ScopedLock lock(session_lock(client));
@@ -49,7 +49,7 @@ void save_session(mqtt_client_t &client)
 
 void settle_v4_session(mqtt_client_t &client)
 {
-    if (peek(client.clean_session)) {
+    if (client.clean_session) {
         (void)persist::remove_session(client.client_id);
         LOG_INFO("持久化：客户端数据已清除 ClientID=%s", client.client_id);
         return;
@@ -61,9 +61,9 @@ void settle_v4_session(mqtt_client_t &client)
 // The interval alone decides, not the clean-start flag.
 void settle_v5_session(mqtt_client_t &client)
 {
-    const uint32_t interval_s = peek(client.session_expiry_interval);
+    const uint32_t interval_s = client.session_expiry_interval;
     LOG_INFO("[MQTT5] DISCONNECT: session_expiry_interval=%u, clean_session=%u", interval_s,
-             peek(client.clean_session));
+             uint8_t{client.clean_session});
     if (interval_s != 0) {
         LOG_INFO("[MQTT5] Session Expiry=%u → 保留会话", interval_s);
         save_session(client);
@@ -77,7 +77,7 @@ void settle_v5_session(mqtt_client_t &client)
 
 int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept
 {
-    const uint32_t         state = peek(client.state);
+    const uint32_t         state = client.state;
     mqtt_disconnect_para_t disconnect{};
     bool                   expiry_given = false;
     int                    length       = static_cast<int>(packet.size());
@@ -85,7 +85,7 @@ int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept
         return undecodable(client, "解码DISCONNECT失败：ClientID=%s, 错误码=%d", code);
 
     LOG_INFO("MQTT标准：客户端主动断开连接：ClientID=%s", client.client_id);
-    poke(client.disconnect_received, 1);
+    client.disconnect_received = 1;
     broker_fire_event(&client, BROKER_EVENT_DISCONNECTED, nullptr, 0);
     override_session_expiry(client, disconnect, expiry_given);
     drop_will(client);
@@ -93,7 +93,7 @@ int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept
         settle_v5_session(client);
     else
         settle_v4_session(client);
-    packet_handler_remove_client_subs(client.client_id, peek(client.clean_session));
+    packet_handler_remove_client_subs(client.client_id, client.clean_session);
     flush_client(client); // answers to packets that came in one go with this one
     close_seen(client, state);
     return 0;

@@ -44,7 +44,7 @@ int close_oversized(mqtt_client_t &client, Packet packet, uint32_t limit)
 {
     LOG_ERROR("[MQTT过载保护] 报文超长关闭连接：Client=%s, 接收=%d, 协商最大=%d", client.client_id,
               static_cast<int>(packet.size()), static_cast<int>(limit));
-    const uint32_t state = peek(client.state);
+    const uint32_t state = client.state;
     end_with_disconnect(client);
     packet_handler_send_disconnect(&client, kPacketTooLarge);
     close_seen(client, state);
@@ -84,7 +84,7 @@ int handler::dispatch(mqtt_client_t &client, const uint8_t *bytes, uint32_t leng
     if (!bytes || static_cast<int32_t>(length) < 1)
         return refuse_arguments();
     const Packet   packet(bytes, length);
-    const uint32_t limit = peek(client.max_packet_size);
+    const uint32_t limit = client.max_packet_size;
     if (limit != 0 && length > limit)
         return close_oversized(client, packet, limit);
 

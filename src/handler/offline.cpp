@@ -38,7 +38,7 @@ void packet_handler_restore_offline_msgs(mqtt_client_t *client)
         LOG_DEBUG("[packet_handler] 不补发：client 无效");
         return;
     }
-    if (peek(client->clean_session)) {
+    if (client->clean_session) {
         LOG_DEBUG("[packet_handler] CleanSession=1，不补发离线消息: %s", id.text);
         return;
     }

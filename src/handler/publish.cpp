@@ -104,7 +104,7 @@ Reply answer_publisher(mqtt_client_t &client, uint32_t qos, uint16_t id)
 {
     if (qos == 1)
         return answer(client, PUBACK, id, "puback_buf malloc failed: %d", "发送PUBACK成功：ClientID=%s, MsgID=%d");
-    poke(client.qos2_pending_msg_id, id);
+    client.qos2_pending_msg_id = id;
     return answer(client, PUBREC, id, "pubrec_buf malloc failed: %d", "发送PUBREC成功：ClientID=%s, MsgID=%d");
 }
 

@@ -78,7 +78,7 @@ void let_leave(mqtt_client_t &client) noexcept
 void packet_handler_send_disconnect(mqtt_client_t *client, uint8_t reason_code)
 {
     using namespace tarn;
-    if (!client || peek(client->handle) == NETIP_NO_HANDLE)
+    if (!client || client->handle == NETIP_NO_HANDLE)
         return;
     const client_ref       pin(client);
     mqtt_disconnect_para_t disconnect{};

@@ -149,7 +149,7 @@ bool route(Routing &routing, const char *topic) noexcept
         }
         const client_ref client = find_client_by_cid(to.client_id);
         turn.client             = client.get();
-        turn.state              = client ? peek(client->state) : uint32_t{CLIENT_UNUSED};
+        turn.state              = client ? uint32_t{client->state} : uint32_t{CLIENT_UNUSED};
         if (turn.state == CLIENT_CONNECTED || turn.state == CLIENT_LOGINED)
             routing.sent += deliver(routing, cache);
         else

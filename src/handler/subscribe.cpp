@@ -38,7 +38,7 @@ uint32_t subscribe_one(mqtt_client_t &client, int at, const char *filter, uint32
         LOG_WARN("[ACL] 订阅被拒绝: %s", filter);
         return kRefused;
     }
-    if (!sub::is_subscribed(sub::add(client.client_id, filter, qos, peek(client.clean_session)))) {
+    if (!sub::is_subscribed(sub::add(client.client_id, filter, qos, client.clean_session))) {
         LOG_WARN("【QoS溯源2】filter[%d]：Topic=%s, 添加订阅失败，授予QoS=失败(0x%02X)", at, filter, kRefused);
         return kRefused;
     }
@@ -87,7 +87,7 @@ void save(mqtt_client_t &client, const mqtt_subscribe_para_t &request, const mqt
     {
         ScopedLock lock(session_lock(client));
         remember(client, request, ack);
-        if (peek(client.clean_session))
+        if (client.clean_session)
             return;
         persist::save(client.session, PERSIST_SUBSCRIPTIONS);
         saved = client.session.sub_count;

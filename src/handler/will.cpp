@@ -57,7 +57,7 @@ void say_sending(mqtt_client_t &client, const mqtt_publish_para_t &will)
 void mark_will_sent(mqtt_client_t &client)
 {
     ScopedLock lock(client.will_lock);
-    poke(client.will_sent, 1);
+    client.will_sent = 1;
 }
 
 // QUIRK(will-saves-session): publishing the will of a kept session writes its subscriptions, also when the session was
@@ -76,7 +76,7 @@ void publish_will(mqtt_client_t &client, const mqtt_publish_para_t &will, const 
     }
     mark_will_sent(client);
     LOG_INFO("[WILL] 广播完成 | will_sent=%d", 1);
-    if (!peek(client.clean_session)) {
+    if (!client.clean_session) {
         ScopedLock lock(session_lock(client));
         persist::save(client.session, PERSIST_SUBSCRIPTIONS);
     }
@@ -131,8 +131,8 @@ void packet_start_will_delay(mqtt_client_t *client)
     }
     {
         ScopedLock lock(client->will_lock);
-        poke(client->will_delay_deadline, mono_ms() + uint64_t{will.delay_s} * 1000);
-        poke(client->will_delay_pending, 1);
+        client->will_delay_deadline = mono_ms() + uint64_t{will.delay_s} * 1000;
+        client->will_delay_pending  = 1;
     }
     LOG_INFO("[WILL] 启动延迟成功 | delay=%us", will.delay_s);
 }
@@ -144,7 +144,7 @@ void packet_cancel_will(mqtt_client_t *client)
     const client_ref pin(client);
     {
         ScopedLock lock(client->will_lock);
-        poke(client->will_delay_pending, 0);
+        client->will_delay_pending = 0;
     }
     LOG_INFO("[WILL-MQTT5] client=%s 取消遗嘱延迟", id_of(*client).text);
 }

@@ -213,7 +213,7 @@ qos::Booked qos::send_booked(const Delivery &delivery, std::span<const uint8_t> 
             booked.added = add(client, delivery.msg_id, delivery.qos, delivery.topic, delivery.payload.data(),
                                static_cast<uint32_t>(delivery.payload.size()), booked.count);
         if (delivery.remembered)
-            poke(client.qos1_pending_msg_id, delivery.msg_id);
+            client.qos1_pending_msg_id = delivery.msg_id;
     }
     see_to_sending(client);
     return booked;

@@ -181,8 +181,8 @@ extern "C" void mqtt_stats_update(void)
     poke(s.online, online);
     raise(s.max_online, online);
 
-    const auto cap  = static_cast<uint32_t>(peek(g_client_mgr.capacity));
-    const auto used = static_cast<uint32_t>(peek(g_client_mgr.used_count));
+    const auto cap  = static_cast<uint32_t>(g_client_mgr.capacity);
+    const auto used = static_cast<uint32_t>(g_client_mgr.used_count);
     poke(s.pool_cap, cap);
     poke(s.pool_used, used);
     poke(s.pool_usage, cap ? static_cast<float>(used) / static_cast<float>(cap) * 100.0f : 0.0f);

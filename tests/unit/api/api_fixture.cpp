@@ -146,7 +146,7 @@ mqtt_client_t *add_client(uint32_t handle, const char *id, broker_t *owner, uint
 {
     mqtt_client_t *const client = client_create(handle, "192.0.2.7", 40001, owner);
     client_set_cid(client, id);
-    poke(client->state, state);
+    client->state = state;
     return client;
 }
 

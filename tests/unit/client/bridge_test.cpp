@@ -246,11 +246,11 @@ TEST(bridge, remembers_the_connection_of_a_record)
 {
     const Manager manager;
     client_create(7, "", 0, kBroker);
-    EXPECT_EQ(client::side_at(0).generation.load(), 0u) << "no slot, no generation";
+    EXPECT_EQ(client::side_at(0).generation, 0u) << "no slot, no generation";
     ASSERT_EQ(netip_init(mqtt_netip_event_cb, kBroker, 1), 0u);
     std::atomic<uint32_t> generation{0};
     g_calls.on_packet = [&](mqtt_client_t &client, const Bytes &) {
-        generation = client::side_of(&client)->generation.load();
+        generation = client::side_of(&client)->generation;
         EXPECT_EQ(generation, net::generation_of(peek(client.handle)));
         return 0;
     };

@@ -189,7 +189,7 @@ mqtt_client_t *log_in(uint32_t handle, const char *id, uint8_t clean, uint32_t v
     if (!client)
         return nullptr;
     client_set_cid(client, id);
-    poke(client->clean_session, clean);
+    client->clean_session = clean;
     poke(client->codec.version, version);
     EXPECT_TRUE(mark_logged_in(*client));
     return client;
@@ -294,7 +294,7 @@ int __wrap_packet_send_will_message(mqtt_client_t *client)
     note("packet_send_will_message " + id_text(client) + " state " + std::to_string(peek(client->state)));
     if (g_calls.on_will)
         g_calls.on_will(*client);
-    poke(client->will_sent, 1);
+    client->will_sent = 1;
     return 0;
 }
 
@@ -306,8 +306,8 @@ void __wrap_packet_start_will_delay(mqtt_client_t *client)
         return;
     }
     ScopedLock lock(client->will_lock);
-    poke(client->will_delay_pending, 1);
-    poke(client->will_delay_deadline, mono_ms() + uint64_t{peek(client->will_delay_interval)} * 1000);
+    client->will_delay_pending  = 1;
+    client->will_delay_deadline = mono_ms() + uint64_t{peek(client->will_delay_interval)} * 1000;
 }
 
 void __wrap_packet_handler_remove_client_subs(const char *client_id, uint8_t clean_session)

@@ -315,8 +315,8 @@ TEST_F(Close, leaves_entries_that_are_not_its_own)
 
 TEST_F(Close, does_not_close_the_next_connection_with_its_handle)
 {
-    mqtt_client_t *const record = client(1);
-    client::side_at(0).generation.store(12345); // its connection is long gone
+    mqtt_client_t *const record   = client(1);
+    client::side_at(0).generation = 12345; // its connection is long gone
     Socket other(1);
     client_close(record);
     EXPECT_FALSE(other.closed_by_broker());

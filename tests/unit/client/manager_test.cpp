@@ -245,7 +245,7 @@ TEST(send_thread, ended_through_its_flag_can_be_started_again)
 {
     LogCapture log;
     mqtt_start_send_thread();
-    poke(g_send_running, 0);
+    g_send_running = 0;
     EXPECT_TRUE(eventually([&] { return log.count(info("[SEND_THREAD] 发送线程退出")) == 1; }));
     mqtt_start_send_thread();
     EXPECT_TRUE(eventually([&] { return log.count(info("[SEND_THREAD] 发送线程启动")) == 2; }));

@@ -316,7 +316,7 @@ TEST(pool_free, drops_the_deliveries_of_the_record_and_takes_no_more)
 TEST(pool_free, serves_a_block_that_a_caller_planted)
 {
     auto                records    = std::make_unique<mqtt_client_t[]>(100);
-    uint8_t             flags[100] = {};
+    Shared<uint8_t>     flags[100] = {};
     client_pool_block_t block{records.get(), flags, 1, 100};
     g_client_mgr.blocks      = &block;
     g_client_mgr.block_count = 1;

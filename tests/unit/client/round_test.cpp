@@ -78,7 +78,7 @@ TEST(io_round, drops_when_the_socket_is_full_too)
     for (int i = 0; i < 99; ++i)
         ASSERT_EQ(send(client, {1}), 0u);
     EXPECT_EQ(send(client, {1}), 0xFFFFFFFFu);
-    EXPECT_EQ(client::side_at(0).blocked_round.load(), client::io_round()) << "not tried again in this round";
+    EXPECT_EQ(client::side_at(0).blocked_round, client::io_round()) << "not tried again in this round";
     EXPECT_EQ(send(client, {1}), 0xFFFFFFFFu);
     EXPECT_EQ(g_mqtt_stats.drop_queue_full, 2u);
     client::end_io_round();

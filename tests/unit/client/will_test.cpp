@@ -35,7 +35,7 @@ TEST(set_will, stores_topic_payload_and_flags)
     LogCapture log;
     client_set_will_msg(client.get(), "a/b", text("gone").data(), 4, 2, 1);
     EXPECT_STREQ(client->will_topic, "a/b");
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(client->will_payload), 4), "gone");
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(peek(client->will_payload)), 4), "gone");
     EXPECT_EQ(client->will_payload_len, 4u);
     EXPECT_EQ(client->will_qos, 2);
     EXPECT_EQ(client->will_retain, 1);

@@ -129,7 +129,7 @@ public:
     }
     ~Client()
     {
-        for (mqtt_client_t *&entry : g_client_mgr.by_cid)
+        for (Shared<mqtt_client_t *> &entry : g_client_mgr.by_cid)
             if (entry == record_.get())
                 entry = nullptr;
         qos_reliable_clean_client_packets(record_.get());

@@ -330,9 +330,9 @@ private:
         stage_.has_files |= !seen.files.empty();
         for (auto &[id, client] : clients_) {
             if ((*client)->qos1_pending_msg_id)
-                seen.records.push_back(print("%s.qos1_pending=%u", id.c_str(), (*client)->qos1_pending_msg_id));
+                seen.records.push_back(print("%s.qos1_pending=%u", id.c_str(), peek((*client)->qos1_pending_msg_id)));
             if ((*client)->qos2_pending_msg_id)
-                seen.records.push_back(print("%s.qos2_pending=%u", id.c_str(), (*client)->qos2_pending_msg_id));
+                seen.records.push_back(print("%s.qos2_pending=%u", id.c_str(), peek((*client)->qos2_pending_msg_id)));
             if ((*client)->will_sent)
                 seen.records.push_back(id + ".will_sent");
         }

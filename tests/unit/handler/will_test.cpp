@@ -116,7 +116,8 @@ TEST(will, none_or_sent_before)
     LogCapture log;
     EXPECT_EQ(packet_send_will_message(nullptr), -1);
     EXPECT_EQ(packet_send_will_message(owner), -1);
-    owner->will_msg_used = owner->will_sent = 1;
+    owner->will_msg_used = 1;
+    owner->will_sent     = 1;
     EXPECT_EQ(packet_send_will_message(owner), -1);
     EXPECT_THAT(log.take(), IsEmpty());
 }
@@ -200,7 +201,8 @@ TEST(start_will_delay, needs_a_client_with_an_unsent_will)
     EXPECT_THAT(log.take(), ElementsAre(error("[WILL] 启动失败：client == NULL"),
                                         info("[WILL] 准备启动遗嘱 | client=dev1 | will_msg_used=0 | will_sent=0"),
                                         warn("[WILL] 不启动：条件不满足")));
-    owner->will_msg_used = owner->will_sent = 1;
+    owner->will_msg_used = 1;
+    owner->will_sent     = 1;
     packet_start_will_delay(owner);
     EXPECT_THAT(log.take(), ElementsAre(info("[WILL] 准备启动遗嘱 | client=dev1 | will_msg_used=1 | will_sent=1"),
                                         warn("[WILL] 不启动：条件不满足")));
