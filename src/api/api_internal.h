@@ -2,6 +2,7 @@
 #ifndef TARN_API_API_INTERNAL_H
 #define TARN_API_API_INTERNAL_H
 
+#include "../base/relaxed.h"
 #include "../log/log.h"
 #include "broker.h"
 

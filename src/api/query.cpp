@@ -73,8 +73,8 @@ int32_t tarn_sdk_mqtt_broker_get_stats(broker_t * /*unused*/, tarn_sdk_mqtt_brok
         return TARN_E_PARAM;
     const mqtt_stats_t &all = g_mqtt_stats;
     stats->online           = client_get_connected_count();
-    stats->messages         = static_cast<uint32_t>(peek(all.qos0) + peek(all.qos1) + peek(all.qos2));
-    stats->subscriptions    = peek(all.subs);
-    stats->uptime_seconds   = static_cast<uint32_t>(elapsed(mono_ms(), peek(all.start_ms)) / 1000);
+    stats->messages         = static_cast<uint32_t>(all.qos0 + all.qos1 + all.qos2);
+    stats->subscriptions    = all.subs;
+    stats->uptime_seconds   = static_cast<uint32_t>(elapsed(mono_ms(), all.start_ms) / 1000);
     return TARN_OK;
 }

@@ -2,6 +2,8 @@
 #ifndef TARN_BASE_FIELD_COUNT_H
 #define TARN_BASE_FIELD_COUNT_H
 
+#include "relaxed.h"
+
 #include <cstddef>
 #include <type_traits>
 #include <utility>
@@ -9,10 +11,13 @@
 namespace tarn {
 namespace detail {
 
-// Initialises any scalar, and with one in braces the first scalar of anything else.
+template <class T> inline constexpr bool is_shared            = false;
+template <class T> inline constexpr bool is_shared<Shared<T>> = true;
+
+// Initialises any scalar, shared or not, and with one in braces the first scalar of anything else.
 struct AnyScalar {
     template <class T>
-    requires(std::is_scalar_v<T> || std::is_union_v<T>) operator T() const noexcept;
+    requires(std::is_scalar_v<T> || std::is_union_v<T> || is_shared<T>) operator T() const noexcept;
 };
 
 template <class T, size_t... at> consteval bool takes(std::index_sequence<at...>)

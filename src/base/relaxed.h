@@ -65,6 +65,18 @@ template <class T> struct PlainOf<const Shared<T>> {
 };
 template <class T> using value_of = typename PlainOf<T>::type;
 
+// A field of a record that stays plain, since hosts copy it whole or it stands in their own header, as the shared one
+// that it is.
+template <class T> [[nodiscard]] inline Shared<T> &shared(T &field) noexcept
+{
+    static_assert(alignof(T) == alignof(Shared<T>));
+    return reinterpret_cast<Shared<T> &>(field);
+}
+template <class T> [[nodiscard]] inline const Shared<T> &shared(const T &field) noexcept
+{
+    return reinterpret_cast<const Shared<T> &>(field);
+}
+
 template <class T> [[nodiscard]] inline value_of<T> peek(T &shared) noexcept NO_LOCK_ANALYSIS
 {
     return std::atomic_ref(PlainOf<T>::of(shared)).load(std::memory_order_relaxed);

@@ -29,9 +29,9 @@ int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept;
 // A packet that does not decode: one line of the form "解码X失败：ClientID=%s, 错误码=%d", counted, not answered.
 int undecodable(const mqtt_client_t &client, const char *line, int code) noexcept;
 
-[[nodiscard]] inline bool speaks_v5(mqtt_client_t &client) noexcept
+[[nodiscard]] inline bool speaks_v5(const mqtt_client_t &client) noexcept
 {
-    return peek(client.codec.version) == 5;
+    return shared(client.codec.version) == 5;
 }
 
 // The first hello is due ten seconds from now (hello_publish.cpp).

@@ -32,10 +32,10 @@ void send_retained(mqtt_client_t &client, const retain_msg_t &retained, const ch
 
     DeliveryCache                cache(message);
     const uint16_t               id     = draw_delivery_id(); // at QoS 0 too
-    const DeliveryCache::Encoded packet = cache.encode(peek(client.codec.version), retained.qos, id);
+    const DeliveryCache::Encoded packet = cache.encode(shared(client.codec.version), retained.qos, id);
     if (packet.code != CODEC_OK)
         return;
-    poke(client.codec.last_packet_type, uint32_t{PUBLISH});
+    shared(client.codec.last_packet_type) = uint32_t{PUBLISH};
     (void)send_to(client, {packet.head, message.payload});
     LOG_INFO("[保留消息] 下发成功: Client=%s, Topic=%s, Filter=%s", id_of(client).text, topic, filter);
 }

@@ -11,7 +11,7 @@
 
 #include <algorithm>
 
-int32_t g_rr_counter = 0;
+constinit tarn::Shared<int32_t> g_rr_counter = 0;
 
 namespace tarn::handler {
 namespace {

@@ -72,11 +72,11 @@ extern "C" void agent_log_init(const agent_log_config_t *config)
     if (!config)
         return;
 
-    const bool to_file = (config->output & AGENT_LOG_TO_FILE) != 0;
-    poke(g_log_config.level, config->level);
-    poke(g_log_config.output, config->output);
+    const bool to_file  = (config->output & AGENT_LOG_TO_FILE) != 0;
+    g_log_config.level  = uint32_t{config->level};
+    g_log_config.output = uint32_t{config->output};
     if (!log::configure_file(*config, to_file))
-        poke(g_log_config.output, config->output & ~uint32_t{AGENT_LOG_TO_FILE});
+        g_log_config.output = config->output & ~uint32_t{AGENT_LOG_TO_FILE};
 }
 
 extern "C" void agent_log_deinit(void)
@@ -96,7 +96,7 @@ extern "C" void agent_log(uint32_t level, const char *format, ...)
     vsnprintf(message, sizeof message - 1, format, arguments);
     va_end(arguments);
 
-    const uint32_t output = peek(g_log_config.output);
+    const uint32_t output = g_log_config.output;
     if (output & AGENT_LOG_TO_CONSOLE)
         log::print_line(level, message);
     if (output & AGENT_LOG_TO_FILE)
@@ -120,7 +120,7 @@ extern "C" void agent_log_printf(const char *format, ...)
 extern "C" void agent_log_set_level(uint32_t level)
 {
     if (level <= AGENT_LOG_FATAL)
-        poke(g_log_config.level, level);
+        g_log_config.level = level;
 }
 
 // No lines are kept in memory; both exist for hosts that ask.

@@ -10,7 +10,7 @@ namespace tarn {
 // True when a line of this level would pass the filter. Code with a cheap and a traced path asks this once a call.
 [[nodiscard]] inline bool log_passes(uint32_t level) noexcept
 {
-    return peek(g_log_config.level) <= level;
+    return g_log_config.level <= level;
 }
 
 } // namespace tarn

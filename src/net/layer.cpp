@@ -28,7 +28,7 @@ enum class State : uint8_t {
 };
 
 constinit std::atomic<State> g_state{State::Down}; // changes under g_netip_lock
-constinit uint32_t           g_start      = 0;     // number of the last start; relaxed
+constinit Shared<uint32_t>   g_start      = 0;     // number of the last start
 constinit int32_t            g_io_started = 0;     // entries of g_io_threads. g_netip_lock
 
 struct Parts {
@@ -119,23 +119,23 @@ uint32_t make_parts(Parts &parts, int32_t io_threads)
 
 void set_callback(netip_event_cb_t cb, void *arg) REQUIRES(g_netip_lock)
 {
-    poke(g_netip_cb, cb);
-    poke(g_netip_cb_arg, arg);
+    g_netip_cb     = cb;
+    g_netip_cb_arg = arg;
 }
 
 void set_descriptors(int epoll, int bell, int listener, int udp) REQUIRES(g_netip_lock)
 {
     ScopedLock lock(g_shared_fd_lock);
-    poke(netip_epoll_fd, epoll);
-    poke(g_bell, bell);
-    poke(g_netip_tcp_listen, listener);
-    poke(g_netip_udp, udp);
+    netip_epoll_fd     = epoll;
+    g_bell             = bell;
+    g_netip_tcp_listen = listener;
+    g_netip_udp        = udp;
 }
 
 // The threads wait for g_netip_lock before they look at anything.
 int32_t start_io_threads(Parts &parts) REQUIRES(g_netip_lock)
 {
-    void *const start = reinterpret_cast<void *>(uintptr_t{g_start});
+    void *const start = reinterpret_cast<void *>(uintptr_t{uint32_t{g_start}});
     int32_t     count = 0;
     while (count < parts.thread_count && start_thread(parts.threads.get() + count, "tarn-io", io_thread, start) == 0)
         ++count;
@@ -153,16 +153,16 @@ bool publish(Parts &parts, netip_event_cb_t cb, void *arg)
     int32_t started;
     {
         ScopedLock    lock(g_netip_lock);
-        const int32_t old_listener = peek(g_netip_tcp_listen);
+        const int32_t old_listener = g_netip_tcp_listen;
         clear_table();
         set_callback(cb, arg);
         set_descriptors(parts.epoll.get(), parts.bell.get(), parts.listener, parts.udp.get());
-        poke(g_io_thread_num, parts.thread_count);
-        poke(g_start, g_start + 1);
-        poke(g_netip_running, 1);
-        started = start_io_threads(parts);
+        g_io_thread_num = parts.thread_count;
+        g_start         = g_start + 1;
+        g_netip_running = 1;
+        started         = start_io_threads(parts);
         if (started == parts.thread_count) {
-            poke(g_io_threads, parts.threads.release());
+            g_io_threads = parts.threads.release();
             g_io_started = started;
             parts.epoll.release();
             parts.bell.release();
@@ -171,7 +171,7 @@ bool publish(Parts &parts, netip_event_cb_t cb, void *arg)
             g_state = State::Up;
             return true;
         }
-        poke(g_netip_running, 0); // or those that were started would never end
+        g_netip_running = 0; // or those that were started would never end
         set_descriptors(-1, -1, old_listener, -1);
         set_callback(nullptr, nullptr);
     }
@@ -205,11 +205,11 @@ void stop_threads()
     int32_t    count;
     {
         ScopedLock lock(g_netip_lock);
-        g_state = State::Stopping;
-        poke(g_netip_running, 0);
-        threads      = swap_in(g_io_threads, nullptr);
-        count        = g_io_started;
-        g_io_started = 0;
+        g_state         = State::Stopping;
+        g_netip_running = 0;
+        threads         = swap_in(g_io_threads, nullptr);
+        count           = g_io_started;
+        g_io_started    = 0;
     }
     give_up_round();
     join_threads(threads, count);
@@ -221,7 +221,7 @@ void stop_threads()
 
 bool layer_runs(uint32_t start) noexcept
 {
-    return peek(g_netip_running) && peek(g_start) == start;
+    return peek(g_netip_running) && g_start == start;
 }
 
 bool is_up() noexcept
@@ -265,6 +265,6 @@ void netip_deinit(void)
     ScopedLock lock(g_netip_lock);
     close_parked();
     set_callback(nullptr, nullptr);
-    poke(g_last_handle, 0);
-    g_state = State::Down;
+    g_last_handle = 0;
+    g_state       = State::Down;
 }

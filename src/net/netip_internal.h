@@ -27,11 +27,11 @@ struct HalfSent {
 };
 
 struct SlotSide {
-    uint32_t              generation;     // names the connection in the slot; 0: free, or not put there by this layer
+    Shared<uint32_t>      generation;     // names the connection in the slot; 0: free, or not put there by this layer
     std::atomic<uint32_t> visitors;       // threads at or behind the slot's lock
     std::atomic<uint16_t> users;          // holds (SlotHold) on the connection; the slot is not reused before they end
     uint8_t               wants_writable; // registered for writable events. Slot lock
-    uint8_t               resting;        // taken out of epoll for a while. Slot lock
+    Shared<uint8_t>       resting;        // taken out of epoll for a while; changes under the slot lock
     HalfSent              half_sent;      // Slot lock
 };
 extern SlotSide g_side[NETIP_CLIENTS_MAX];
@@ -127,8 +127,8 @@ void call_writable_hook() noexcept;
 // ---- epoll registrations and shared descriptors (watch.cpp)
 
 // The descriptors that all slots share die under this lock: netip_epoll_fd, g_netip_udp and the bell.
-extern Mutex   g_shared_fd_lock;
-extern int32_t g_bell; // an eventfd watched by epoll, -1 = none
+extern Mutex           g_shared_fd_lock;
+extern Shared<int32_t> g_bell; // an eventfd watched by epoll, -1 = none
 
 // Slot lock held for these.
 bool watch(uint32_t handle) noexcept; // readable events from now on

@@ -101,13 +101,13 @@ struct Percent {
 };
 Percent usage() noexcept
 {
-    const long tenths = lrint(static_cast<double>(peek(s.pool_usage)) * 10);
+    const long tenths = lrint(static_cast<double>(float{s.pool_usage}) * 10);
     return {tenths / 10, tenths % 10};
 }
 
-void raise(uint32_t &highest, uint32_t value) noexcept
+void raise(Shared<uint32_t> &highest, uint32_t value) noexcept
 {
-    for (uint32_t seen = peek(highest); value > seen; seen = peek(highest))
+    for (uint32_t seen = highest; value > seen; seen = highest)
         if (swap_if(highest, seen, value))
             return;
 }
@@ -116,7 +116,7 @@ void clear_snapshot() noexcept
 {
     for (const Field &field : {kOnline, kMaxOnline, kPoolCap, kPoolUsed, kRetained, kSubs})
         field.clear();
-    poke(s.pool_usage, 0.0f);
+    s.pool_usage = 0.0f;
 }
 
 // ---- JSON
@@ -169,7 +169,7 @@ extern "C" void mqtt_stats_init(void)
     for (const CounterRow &row : kCounters)
         row.total.clear();
     mqtt_stats_reset_period();
-    poke(s.start_ms, mono_ms());
+    s.start_ms = mono_ms();
     LOG_INFO("[MQTT-Stats] 维测统计模块初始化完成");
 }
 
@@ -178,17 +178,17 @@ extern "C" void mqtt_stats_deinit(void) {}
 extern "C" void mqtt_stats_update(void)
 {
     const uint32_t online = client_get_connected_count();
-    poke(s.online, online);
+    s.online              = online;
     raise(s.max_online, online);
 
     const auto cap  = static_cast<uint32_t>(peek(g_client_mgr.capacity));
     const auto used = static_cast<uint32_t>(peek(g_client_mgr.used_count));
-    poke(s.pool_cap, cap);
-    poke(s.pool_used, used);
-    poke(s.pool_usage, cap ? static_cast<float>(used) / static_cast<float>(cap) * 100.0f : 0.0f);
+    s.pool_cap      = cap;
+    s.pool_used     = used;
+    s.pool_usage    = cap ? static_cast<float>(used) / static_cast<float>(cap) * 100.0f : 0.0f;
 
-    poke(s.retain_msg, static_cast<uint32_t>(peek(g_sub_mgr.retain_count)));
-    poke(s.subs, static_cast<uint32_t>(peek(g_sub_mgr.sub_count)));
+    s.retain_msg = static_cast<uint32_t>(g_sub_mgr.retain_count);
+    s.subs       = static_cast<uint32_t>(g_sub_mgr.sub_count);
 }
 
 extern "C" void mqtt_stats_reset_period(void)
@@ -204,9 +204,9 @@ extern "C" void mqtt_stats_print(void)
     mqtt_stats_update();
     const Percent used = usage();
     LOG_WARN("!!!>>>===================== MQTT Broker 维测统计 =====================");
-    LOG_WARN("运行时长: %llu ms", static_cast<unsigned long long>(mono_ms() - peek(s.start_ms)));
-    LOG_WARN("在线客户端: %u / 历史最高: %u", peek(s.online), peek(s.max_online));
-    LOG_WARN("内存池使用率: %u/%u (%ld.%ld%%)", peek(s.pool_used), peek(s.pool_cap), used.whole, used.tenths);
+    LOG_WARN("运行时长: %llu ms", static_cast<unsigned long long>(mono_ms() - s.start_ms));
+    LOG_WARN("在线客户端: %u / 历史最高: %u", uint32_t{s.online}, uint32_t{s.max_online});
+    LOG_WARN("内存池使用率: %u/%u (%ld.%ld%%)", uint32_t{s.pool_used}, uint32_t{s.pool_cap}, used.whole, used.tenths);
     for (const Line &line : kLines)
         report(line);
     LOG_WARN("!!!>>>================================================================");
