@@ -4,6 +4,7 @@
 
 #include "../base/relaxed.h"
 #include "../log/log.h"
+#include "api.hpp"
 #include "broker.h"
 
 #include <cstdint>
@@ -25,6 +26,9 @@ void housekeeping_turn(broker_t &broker, int64_t now_s);
 
 // True inside one of the host's callbacks: whoever called it goes on with the instance afterwards.
 [[nodiscard]] bool in_callback() noexcept;
+
+// Its body: housekeeping turns until the instance is stopped.
+void *housekeeping_thread(void *broker);
 
 // Starts the instance's housekeeping thread unless it still has one.
 void begin_housekeeping(broker_t &broker);

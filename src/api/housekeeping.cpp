@@ -56,7 +56,7 @@ void begin_housekeeping(broker_t &broker)
     if (shared(broker.thread) != 0)
         return;
     pthread_t thread = 0;
-    if (start_thread(&thread, "tarn-house", broker_thread_entry, &broker) == 0)
+    if (start_thread(&thread, "tarn-house", housekeeping_thread, &broker) == 0)
         shared(broker.thread) = thread;
 }
 
@@ -72,16 +72,14 @@ bool end_housekeeping(broker_t &broker)
     return true;
 }
 
-} // namespace tarn::api
-
-using namespace tarn;
-
-void *broker_thread_entry(void *arg)
+void *housekeeping_thread(void *arg)
 {
     auto &broker = *static_cast<broker_t *>(arg);
     while (shared(broker.running)) {
-        api::housekeeping_turn(broker, wall_s());
-        pause_ms(api::kTurn_ms);
+        housekeeping_turn(broker, wall_s());
+        pause_ms(kTurn_ms);
     }
     return nullptr;
 }
+
+} // namespace tarn::api

@@ -6,7 +6,7 @@
 #include "../base/text.h"
 #include "../base/thread.h"
 #include "../client/client.h"
-#include "../handler/packet_handler.h"
+#include "../handler/handler.hpp"
 #include "../net/netip_link.h"
 #include "../persist/persist.hpp"
 #include "../stats/mqtt_stats.h"
@@ -196,7 +196,7 @@ int32_t tarn_sdk_mqtt_broker_init(broker_t *broker)
     };
     agent_log_init(&config);
     mqtt_stats_init();
-    packet_handler_init();
+    (void)handler::init();
     persist::init(broker->data_dir);
     LOG_INFO("[SDK] init success, port=%d, max_clients=%d", int32_t{shared(broker->port)},
              int32_t{shared(broker->max_clients)});

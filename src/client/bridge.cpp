@@ -1,7 +1,6 @@
 // bridge.cpp - network events become client actions: the first packet of a connection makes its client record, every
 // packet goes to packet handling, a disconnect closes the client.
-#include "../handler/dispatch_link.h"
-#include "../handler/packet_handler.h"
+#include "../handler/handler.hpp"
 #include "client_internal.h"
 
 #include <utility>
@@ -43,7 +42,7 @@ void on_disconnected(uint32_t handle, uint32_t reason, uint32_t error)
         return; // never sent a packet, or closed from above: then this is its own netip_close
     const uint32_t state = peek(client->state);
     if (state == CLIENT_LOGINED)
-        packet_handler_remove_client_subs(id_of(*client).text, peek(client->clean_session));
+        handler::forget(id_of(*client).text, peek(client->clean_session));
     close_seen(*client, state);
 }
 
@@ -100,7 +99,7 @@ uint8_t mqtt_netip_event_cb(uint32_t handle, uint32_t event, const uint8_t *data
     case NETIP_EVENT_DATA:
         if (len != 0 && data)
             if (const tarn::client_ref client = client_of(handle, static_cast<broker_t *>(arg)))
-                (void)tarn::handler::dispatch(*client, data, len);
+                (void)tarn::handler::dispatch(*client, {data, len});
         return 1;
     default:
         LOG_WARN("Unknown NetIP event type: %d", static_cast<int>(event));

@@ -5,18 +5,15 @@
 #ifndef TARN_HANDLER_HANDLER_INTERNAL_H
 #define TARN_HANDLER_HANDLER_INTERNAL_H
 
-#include "../api/broker.h"
+#include "../api/api.hpp"
 #include "../base/relaxed.h"
 #include "../client/client_ref.h"
 #include "../codec/packet_type.h"
 #include "../log/log.h"
+#include "handler.hpp"
 #include "packet_handler.h"
 
-#include <span>
-
 namespace tarn::handler {
-
-using Packet = std::span<const uint8_t>; // exactly one packet, fixed header first
 
 int handle_connect(mqtt_client_t &client, Packet packet) noexcept;
 int handle_publish(mqtt_client_t &client, Packet packet) noexcept;

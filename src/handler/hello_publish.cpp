@@ -88,12 +88,7 @@ void begin_hello_period() noexcept
     last_hello_s = wall_s();
 }
 
-} // namespace tarn::handler
-
-using namespace tarn;
-using namespace tarn::handler;
-
-void packet_handler_publish_test_msg(void)
+void publish_hello() noexcept
 {
     if (!due(wall_s()))
         return;
@@ -108,3 +103,5 @@ void packet_handler_publish_test_msg(void)
     routing.excluded = "";
     (void)route(routing, kTopic.data());
 }
+
+} // namespace tarn::handler

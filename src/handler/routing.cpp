@@ -67,8 +67,8 @@ bool deliver(Routing &routing, DeliveryCache &cache)
         return refuse(routing, Outcome::NotEncoded);
 
     shared(client.codec.last_packet_type) = uint32_t{PUBLISH};
-    const qos::Booked booked      = qos::send_booked(delivery, packet.head);
-    turn.result                   = static_cast<int>(booked.result);
+    const qos::Booked booked              = qos::send_booked(delivery, packet.head);
+    turn.result                           = static_cast<int>(booked.result);
     if (booked.result != 0)
         return refuse(routing, Outcome::NotSent);
     settle(routing, Outcome::Sent);
