@@ -24,6 +24,9 @@ namespace tarn::api {
 // runs belong to the process and are kept across stop and start.
 void housekeeping_turn(broker_t &broker, int64_t now_s);
 
+// Takes over into the counters what other modules know: clients, subscriptions, retained messages. Nobody waits.
+void update_statistics() noexcept;
+
 // True inside one of the host's callbacks: whoever called it goes on with the instance afterwards.
 [[nodiscard]] bool in_callback() noexcept;
 

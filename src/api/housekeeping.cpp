@@ -3,7 +3,7 @@
 #include "../base/relaxed.h"
 #include "../base/thread.h"
 #include "../client/client_ref.h"
-#include "../stats/mqtt_stats.h"
+#include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "api_internal.h"
 
@@ -29,8 +29,9 @@ void report_when_due(int64_t now_s)
 {
     if (!due(last_stats_print, now_s, kReportPeriod_s))
         return;
-    mqtt_stats_print();
-    mqtt_stats_reset_period();
+    update_statistics();
+    stats::report();
+    stats::begin_period();
     last_stats_print = now_s;
 }
 

@@ -9,7 +9,7 @@
 #include "../handler/handler.hpp"
 #include "../net/netip_link.h"
 #include "../persist/persist.hpp"
-#include "../stats/mqtt_stats.h"
+#include "../stats/stats.hpp"
 #include "api_internal.h"
 
 #include <cstdlib>
@@ -195,7 +195,7 @@ int32_t tarn_sdk_mqtt_broker_init(broker_t *broker)
         .file_path     = nullptr,
     };
     agent_log_init(&config);
-    mqtt_stats_init();
+    stats::init();
     (void)handler::init();
     persist::init(broker->data_dir);
     LOG_INFO("[SDK] init success, port=%d, max_clients=%d", int32_t{shared(broker->port)},
@@ -257,7 +257,6 @@ void tarn_sdk_mqtt_broker_deinit(broker_t *broker)
     netip_deinit();
     persist::destroy();
     client_mgr_deinit();
-    mqtt_stats_deinit();
     agent_log_deinit();
     clear_callbacks(*broker);
     forget_owner();

@@ -2,7 +2,7 @@
 #include "../base/clock.h"
 #include "../base/text.h"
 #include "../client/client_ref.h"
-#include "../stats/mqtt_stats.h"
+#include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "api_internal.h"
 
@@ -36,6 +36,15 @@ void describe(mqtt_client_t &client, tarn_sdk_mqtt_client_info_t &info)
 }
 
 } // namespace
+
+void api::update_statistics() noexcept
+{
+    stats::take_over({.online        = client_get_connected_count(),
+                      .pool_capacity = static_cast<uint32_t>(peek(g_client_mgr.capacity)),
+                      .pool_used     = static_cast<uint32_t>(peek(g_client_mgr.used_count)),
+                      .retained      = static_cast<uint32_t>(g_sub_mgr.retain_count),
+                      .subscriptions = static_cast<uint32_t>(g_sub_mgr.sub_count)});
+}
 
 uint32_t tarn_sdk_mqtt_broker_get_online_count(broker_t * /*unused*/)
 {

@@ -1,7 +1,7 @@
 // dispatch.cpp - the one entrance of every packet a client sends: checks that hold for all, then the packet's handler.
 //
 // No client state is asked: a PUBLISH before CONNECT is handled like any other, a second CONNECT in full again.
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "handler_internal.h"
 
 namespace tarn::handler {

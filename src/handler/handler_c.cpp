@@ -1,7 +1,7 @@
 // handler_c.cpp - packet_handler.h and shared_sub.h: what hosts call. Null pointers end here and clients are pinned;
 // everything else is handler.hpp's.
 #include "../base/text.h"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "../sub/share.h"
 #include "handler_internal.h"
 #include "shared_choice.h"

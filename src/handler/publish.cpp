@@ -2,7 +2,7 @@
 #include "../base/text.h"
 #include "../codec/mqtt_codec.h"
 #include "../qos/qos.hpp"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "reply.h"
 #include "routing.h"

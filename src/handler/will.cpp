@@ -7,7 +7,7 @@
 #include "../base/text.h"
 #include "../codec/mqtt_codec.h"
 #include "../persist/persist.hpp"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "handler_internal.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 // memory, in the host's byte order.
 #include "../base/relaxed.h"
 #include "../log/log.h"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "persist_internal.h"
 
