@@ -20,6 +20,7 @@ LAYERS = ["base", "log", "tls", "codec", "net", "stats", "persist", "sub", "clie
 FACES = {
     "api": "api/api.hpp",
     "handler": "handler/handler.hpp",
+    "log": "log/log.h",
     "persist": "persist/persist.hpp",
     "qos": "qos/qos.hpp",
     "stats": "stats/stats.hpp",
@@ -36,7 +37,6 @@ SEAMS = {
     "codec/disconnect_link.h": "whether a property was there",
     "codec/packet_type.h": "the types of packets by name",
     "codec/publish_link.h": "encoding one message for many receivers",
-    "log/log.h": "lines whose arguments are not evaluated below the level",
     "net/netip_link.h": "one connection named exactly, many packets in one write",
     "sub/share.h": "the group and the filter of a shared subscription",
 }

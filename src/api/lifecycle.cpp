@@ -194,7 +194,7 @@ int32_t tarn_sdk_mqtt_broker_init(broker_t *broker)
         .reserved_size = AGENT_LOG_RESERVED_SIZE,
         .file_path     = nullptr,
     };
-    agent_log_init(&config);
+    log::init(&config);
     stats::init();
     (void)handler::init();
     persist::init(broker->data_dir);
@@ -257,7 +257,7 @@ void tarn_sdk_mqtt_broker_deinit(broker_t *broker)
     netip_deinit();
     persist::destroy();
     client_mgr_deinit();
-    agent_log_deinit();
+    log::deinit();
     clear_callbacks(*broker);
     forget_owner();
     g_left_standing = false;

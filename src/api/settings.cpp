@@ -6,7 +6,7 @@ using api::is_instance;
 
 int32_t tarn_sdk_mqtt_broker_set_log_level(broker_t * /*unused*/, uint32_t level)
 {
-    agent_log_set_level(level);
+    log::set_level(level);
     return TARN_OK;
 }
 

@@ -17,7 +17,7 @@ namespace tarn::codec {
 // return REFUSE(CODEC_E_..., "format", ...): the ERROR line and the result of a failing call. A macro, so that the
 // compiler checks the format.
 #define REFUSE(code, ...)                                                                                              \
-    ((::tarn::log_passes(AGENT_LOG_ERROR) ? agent_log(AGENT_LOG_ERROR, __VA_ARGS__) : (void)0), (code))
+    ((::tarn::log_passes(AGENT_LOG_ERROR) ? ::tarn::log::write(AGENT_LOG_ERROR, __VA_ARGS__) : (void)0), (code))
 
 // The context's level, read once a call: another thread may change it meanwhile.
 [[nodiscard]] inline uint32_t level_of(const mqtt_codec_ctx_t *ctx)
