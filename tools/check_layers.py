@@ -21,6 +21,7 @@ FACES = {
     "api": "api/api.hpp",
     "handler": "handler/handler.hpp",
     "log": "log/log.h",
+    "net": "net/net.hpp",
     "persist": "persist/persist.hpp",
     "qos": "qos/qos.hpp",
     "stats": "stats/stats.hpp",
@@ -37,7 +38,6 @@ SEAMS = {
     "codec/disconnect_link.h": "whether a property was there",
     "codec/packet_type.h": "the types of packets by name",
     "codec/publish_link.h": "encoding one message for many receivers",
-    "net/netip_link.h": "one connection named exactly, many packets in one write",
     "sub/share.h": "the group and the filter of a shared subscription",
 }
 

@@ -7,7 +7,7 @@
 #include "../base/thread.h"
 #include "../client/client.h"
 #include "../handler/handler.hpp"
-#include "../net/netip_link.h"
+#include "../net/net.hpp"
 #include "../persist/persist.hpp"
 #include "../stats/stats.hpp"
 #include "api_internal.h"
@@ -92,7 +92,7 @@ void take_down_leftovers()
 {
     if (!g_left_standing)
         return;
-    netip_deinit();
+    net::stop();
     forget_owner();
     g_left_standing = false;
 }
@@ -104,9 +104,9 @@ int32_t bring_up(broker_t &broker, int32_t max_clients)
         return TARN_E_RESOURCE;
     }
     poke(g_default_max_packet_size, static_cast<uint32_t>(shared(broker.max_packet_size)));
-    if (const uint32_t result = netip_init(mqtt_netip_event_cb, &broker, 1); result != NETIP_OK) {
+    if (const net::Start result = net::start(mqtt_netip_event_cb, &broker, 1); result != net::Start::Up) {
         LOG_ERROR("[SDK] netip_init failed[%d]", static_cast<int>(result));
-        if (result == NETIP_NOMEM) { // perhaps the accept thread, which comes last: then everything else runs
+        if (result == net::Start::NoMemory) { // perhaps the accept thread, which comes last: then everything else runs
             g_left_standing = true;
             g_owner         = &broker; // datagrams can still make clients of it
         }
@@ -254,7 +254,7 @@ void tarn_sdk_mqtt_broker_deinit(broker_t *broker)
     LifeLock life;
     if (!life)
         return;
-    netip_deinit();
+    net::stop();
     persist::destroy();
     client_mgr_deinit();
     log::deinit();

@@ -11,11 +11,11 @@ namespace {
 uint8_t on_connected(uint32_t handle)
 {
     char ip[NETIP_IP_CHARS + 1] = {};
-    if (!netip_get_client_ip(handle, ip, sizeof ip)) {
+    if (!net::copy_ip(handle, ip)) {
         LOG_ERROR("Get client IP failed: handle=%u", handle);
         return 0;
     }
-    LOG_INFO("Client connected: handle=%u, ip=%s:%d", handle, ip, netip_get_client_port(handle));
+    LOG_INFO("Client connected: handle=%u, ip=%s:%d", handle, ip, net::port_of(handle));
     return 1;
 }
 
@@ -56,9 +56,9 @@ net::Connection connection_of(uint32_t handle)
 client_ref make_client(uint32_t handle, broker_t *broker)
 {
     char ip[NETIP_IP_CHARS + 1] = {};
-    (void)netip_get_client_ip(handle, ip, sizeof ip);
+    (void)net::copy_ip(handle, ip);
     const net::Connection connection = connection_of(handle);
-    client_ref            client     = create_client(handle, ip, netip_get_client_port(handle), broker, connection);
+    client_ref            client     = create_client(handle, ip, net::port_of(handle), broker, connection);
     if (client || (connection.generation != 0 && !net::is_open(connection)))
         return client; // or closed from elsewhere while its packet was on the way
     LOG_ERROR("Create client failed, close handle=%u", handle);
@@ -73,13 +73,6 @@ client_ref client_of(uint32_t handle, broker_t *broker)
     return client ? std::move(client) : make_client(handle, broker);
 }
 
-void register_send_ready_once()
-{
-    static constinit std::atomic<uint8_t> registered{0};
-    if (registered.exchange(1, std::memory_order_relaxed) == 0)
-        netip_register_send_ready_cb(on_netip_send_ready);
-}
-
 } // namespace
 } // namespace tarn::client
 
@@ -89,7 +82,6 @@ using namespace tarn::client;
 uint8_t mqtt_netip_event_cb(uint32_t handle, uint32_t event, const uint8_t *data, uint32_t len, uint32_t reason,
                             uint32_t error, void *arg)
 {
-    register_send_ready_once();
     switch (event) {
     case NETIP_EVENT_CONNECTED:
         return on_connected(handle);

@@ -149,8 +149,3 @@ void close_parked() noexcept
 }
 
 } // namespace tarn::net
-
-void netip_close(uint32_t handle)
-{
-    close_connection(handle, 0);
-}

@@ -72,18 +72,18 @@ bool is_our_listener(int fd)
            address.sin_family == AF_INET && address.sin_port == htons(NETIP_PORT);
 }
 
-uint32_t open_listener(Parts &parts)
+Start open_listener(Parts &parts)
 {
     Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!fd)
-        return NETIP_SOCKET;
+        return Start::NoSocket;
     if (!bind_to_port(fd.get()))
-        return NETIP_BIND;
+        return Start::Taken;
     if (listen(fd.get(), NETIP_BACKLOG) != 0)
-        return NETIP_LISTEN;
+        return Start::NoListen;
     parts.listener     = fd.get();
     parts.new_listener = std::move(fd);
-    return NETIP_OK;
+    return Start::Up;
 }
 
 // The layer runs without UDP when this fails.
@@ -97,24 +97,24 @@ Fd open_udp()
 
 // ---- up
 
-uint32_t make_parts(Parts &parts, int32_t io_threads)
+Start make_parts(Parts &parts, int32_t io_threads)
 {
     parts.epoll = Fd(epoll_create1(EPOLL_CLOEXEC));
     if (!parts.epoll)
-        return NETIP_EPOLL;
+        return Start::NoEpoll;
     parts.thread_count = std::clamp(io_threads, 1, int32_t{NETIP_IO_THREADS_MAX});
     parts.threads      = allocate_zeroed<pthread_t>(static_cast<size_t>(parts.thread_count));
     if (!parts.threads)
-        return NETIP_NOMEM;
+        return Start::NoMemory;
     parts.listener = peek(g_netip_tcp_listen);
     if (!is_our_listener(parts.listener))
-        if (const uint32_t failure = open_listener(parts); failure != NETIP_OK)
+        if (const Start failure = open_listener(parts); failure != Start::Up)
             return failure;
     (void)watch_shared(parts.epoll.get(), parts.listener);
     parts.bell = Fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)); // without it UDP waits a little longer
     (void)watch_shared(parts.epoll.get(), parts.bell.get());
     parts.udp = open_udp();
-    return NETIP_OK;
+    return Start::Up;
 }
 
 void set_callback(netip_event_cb_t cb, void *arg) REQUIRES(g_netip_lock)
@@ -189,7 +189,7 @@ void set_state(State state)
 bool claim_start()
 {
     if (g_state == State::Standing)
-        netip_deinit();
+        stop();
     ScopedLock lock(g_netip_lock);
     if (g_state != State::Down)
         return false;
@@ -229,31 +229,27 @@ bool is_up() noexcept
     return g_state == State::Up;
 }
 
-} // namespace tarn::net
-
-uint32_t netip_init(netip_event_cb_t cb, void *arg, int32_t io_threads)
+Start start(netip_event_cb_t cb, void *arg, int32_t io_threads) noexcept
 {
-    if (!cb)
-        return NETIP_INVALID;
     if (!claim_start())
-        return NETIP_BIND; // as a second bind would say
-    Parts    parts;
-    uint32_t result = make_parts(parts, io_threads);
-    if (result == NETIP_OK && !publish(parts, cb, arg))
-        result = NETIP_NOMEM;
-    if (result != NETIP_OK) {
+        return Start::Taken; // as a second bind would say
+    Parts parts;
+    Start result = make_parts(parts, io_threads);
+    if (result == Start::Up && !publish(parts, cb, arg))
+        result = Start::NoMemory;
+    if (result != Start::Up) {
         set_state(State::Down);
         return result;
     }
     if (!start_accepting()) {
         set_state(State::Standing);
         LOG_ERROR("创建 accept 线程失败");
-        return NETIP_NOMEM;
+        return Start::NoMemory;
     }
-    return NETIP_OK;
+    return Start::Up;
 }
 
-void netip_deinit(void)
+void stop() noexcept
 {
     stop_threads();
     const EventSink sink = event_sink();
@@ -268,3 +264,5 @@ void netip_deinit(void)
     g_last_handle = 0;
     g_state       = State::Down;
 }
+
+} // namespace tarn::net

@@ -11,7 +11,7 @@
 
 #include "../base/mutex.h"
 #include "../base/relaxed.h"
-#include "netip_link.h"
+#include "net.hpp"
 
 #include <atomic>
 
@@ -104,6 +104,13 @@ void mark_closed(uint32_t handle) noexcept;
 
 // Zeroes the table but for slots that somebody still holds. The pages go back to the system.
 void clear_table() noexcept REQUIRES(g_netip_lock);
+
+// ---- what only hosts ask for
+
+// One packet at once; nothing is kept of it. NETIP_OK, NETIP_AGAIN or NETIP_INVALID.
+uint32_t send_packet(uint32_t handle, const Packet &packet) noexcept;
+uint64_t last_active_of(uint32_t handle) noexcept; // wall clock, ms; 0 for no such connection
+bool     set_keepalive(uint32_t handle, int32_t idle_s, int32_t interval_s, int32_t count) noexcept;
 
 // ---- the event callback
 

@@ -1,6 +1,6 @@
-// netip_link.h - what the client module needs of the network layer beyond its exported calls: naming one connection
-// exactly, sending many packets at once, and a word at the end of each I/O round. Upward calls go through the event
-// callback and the round hook only; no lock is held in either.
+// netip_link.h - connections as the library names and serves them, a part of net.hpp: naming one connection exactly,
+// sending many packets at once, and a word at the end of each I/O round. Upward calls go through the event callback and
+// the hooks only; no lock is held in any.
 #ifndef TARN_NET_NETIP_LINK_H
 #define TARN_NET_NETIP_LINK_H
 

@@ -134,13 +134,12 @@ Sent send_packets(uint32_t handle, const Packet *packets, int count, uint32_t ge
     return sent.result == NETIP_OK && fit < count ? Sent{sent.packets, NETIP_INVALID} : sent;
 }
 
-} // namespace tarn::net
-
-uint32_t netip_send(uint32_t handle, const uint8_t *bytes, int32_t length)
+uint32_t send_packet(uint32_t handle, const Packet &packet) noexcept
 {
-    const Packet packet{bytes, length};
-    SlotLock     slot(handle);
+    SlotLock slot(handle);
     if (!can_be_sent(packet) || !slot || !has_known_type(*slot))
         return NETIP_INVALID;
     return slot->type == NETIP_TCP ? send_once(handle, packet) : send_datagrams(handle, &packet, 1).result;
 }
+
+} // namespace tarn::net
