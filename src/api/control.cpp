@@ -1,7 +1,7 @@
 // control.cpp - what a host can do to a running broker.
 #include "../base/text.h"
 #include "../client/client_ref.h"
-#include "../handler/packet_handler.h"
+#include "../handler/handler.hpp"
 #include "../sub/sub.hpp"
 #include "api_internal.h"
 
@@ -37,7 +37,7 @@ int32_t tarn_sdk_mqtt_broker_kick_client(broker_t *broker, const char *client_id
         return TARN_OK;
     }
     end_with_disconnect(*client);
-    packet_handler_send_disconnect(client.get(), kAdministrativeAction);
+    handler::say_disconnect(*client, kAdministrativeAction);
     close_seen(*client, state);
     LOG_INFO("[SDK] kick client success: %s", id);
     return TARN_OK;
@@ -48,8 +48,8 @@ int32_t tarn_sdk_mqtt_broker_publish(broker_t * /*unused*/, const char *topic, c
 {
     if (!topic || !payload || len < 1 || qos > 2)
         return TARN_E_PARAM;
-    packet_handler_broker_publish(topic, static_cast<const uint8_t *>(payload), len, static_cast<uint8_t>(qos), retain,
-                                  expiry_s);
+    const std::span bytes(static_cast<const uint8_t *>(payload), static_cast<size_t>(len));
+    (void)handler::publish_for_host({topic, bytes, static_cast<uint8_t>(qos), retain, expiry_s});
     return TARN_OK;
 }
 

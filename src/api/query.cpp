@@ -2,7 +2,7 @@
 #include "../base/clock.h"
 #include "../base/text.h"
 #include "../client/client_ref.h"
-#include "../stats/mqtt_stats.h"
+#include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "api_internal.h"
 
@@ -36,6 +36,15 @@ void describe(mqtt_client_t &client, tarn_sdk_mqtt_client_info_t &info)
 }
 
 } // namespace
+
+void api::update_statistics() noexcept
+{
+    stats::take_over({.online        = client_get_connected_count(),
+                      .pool_capacity = static_cast<uint32_t>(peek(g_client_mgr.capacity)),
+                      .pool_used     = static_cast<uint32_t>(peek(g_client_mgr.used_count)),
+                      .retained      = static_cast<uint32_t>(g_sub_mgr.retain_count),
+                      .subscriptions = static_cast<uint32_t>(g_sub_mgr.sub_count)});
+}
 
 uint32_t tarn_sdk_mqtt_broker_get_online_count(broker_t * /*unused*/)
 {
@@ -73,8 +82,8 @@ int32_t tarn_sdk_mqtt_broker_get_stats(broker_t * /*unused*/, tarn_sdk_mqtt_brok
         return TARN_E_PARAM;
     const mqtt_stats_t &all = g_mqtt_stats;
     stats->online           = client_get_connected_count();
-    stats->messages         = static_cast<uint32_t>(peek(all.qos0) + peek(all.qos1) + peek(all.qos2));
-    stats->subscriptions    = peek(all.subs);
-    stats->uptime_seconds   = static_cast<uint32_t>(elapsed(mono_ms(), peek(all.start_ms)) / 1000);
+    stats->messages         = static_cast<uint32_t>(all.qos0 + all.qos1 + all.qos2);
+    stats->subscriptions    = all.subs;
+    stats->uptime_seconds   = static_cast<uint32_t>(elapsed(mono_ms(), all.start_ms) / 1000);
     return TARN_OK;
 }

@@ -265,7 +265,7 @@ int32_t client_fill_id_list(char *buf, int32_t size);
 /* Counts the clients online: CLIENT_CONNECTED or CLIENT_LOGINED. Takes no lock, any may be held. */
 uint32_t client_get_connected_count(void);
 
-/* Given to netip_register_send_ready_cb by the bridge; never called, and does nothing. */
+/* For netip_register_send_ready_cb, which never calls it; does nothing. */
 void on_netip_send_ready(uint32_t handle);
 
 TARN_API_END

@@ -4,7 +4,7 @@
 // free now or waits for a delayed will. One thread closes a record; files, callbacks and the network are used with no
 // lock held, so whatever they call may look up, send and close clients.
 #include "../base/clock.h"
-#include "../handler/packet_handler.h"
+#include "../handler/handler.hpp"
 #include "../persist/persist.hpp"
 #include "client_internal.h"
 
@@ -74,7 +74,7 @@ void start_will(mqtt_client_t &client, const client_id_text &id)
         LOG_INFO("[遗嘱调试][异常断开] ClientID=%s, 未发送DISCONNECT报文，强制触发遗嘱发送", id.text);
     LOG_WARN("[WILL-ENTER] 客户端进入遗嘱延迟: %s, will_delay_sec=%u", id.text, peek(client.will_delay_interval));
     bump(g_will_delay_client_count);
-    packet_start_will_delay(&client); // while it is online: it may be one of the receivers
+    handler::start_will(client); // while it is online: it may be one of the receivers
     if (peek(client.will_delay_pending))
         note_parked(client, peek(client.will_delay_deadline));
 }

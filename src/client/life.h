@@ -2,7 +2,7 @@
 #ifndef TARN_CLIENT_LIFE_H
 #define TARN_CLIENT_LIFE_H
 
-#include "../net/netip_link.h"
+#include "../net/net.hpp"
 #include "client_ref.h"
 
 namespace tarn::client {

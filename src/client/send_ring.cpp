@@ -9,7 +9,7 @@
 // full ring, but never gets a part of one, behind which it would read payload as packets.
 #include "../base/text.h"
 #include "../codec/packet_type.h"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "client_internal.h"
 
 #include <algorithm>

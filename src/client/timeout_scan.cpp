@@ -3,7 +3,7 @@
 // A turn first lists, then closes. The listed records are pinned, so that none of them can become another client
 // between the two.
 #include "../base/clock.h"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "client_internal.h"
 
 #include <utility>

@@ -4,7 +4,7 @@
 // claims the record first and then looks again, so a will is published or cancelled, never both. The scan claims only
 // what is due: a CONNECT that finds the record claimed takes its will for settled.
 #include "../base/clock.h"
-#include "../handler/packet_handler.h"
+#include "../handler/handler.hpp"
 #include "client_internal.h"
 
 constinit tarn::Shared<int32_t> g_will_delay_client_count = 0;
@@ -64,7 +64,7 @@ void drop(mqtt_client_t &client)
 void publish(mqtt_client_t &client)
 {
     LOG_WARN("[WILL] 延迟结束，发送并清理 client=%s", stored_id(client).text);
-    packet_send_will_message(&client);
+    (void)handler::publish_will(client);
     end_delay(client);
     close_connection_of(client);
     release_parked(client);

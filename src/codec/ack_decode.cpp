@@ -71,7 +71,7 @@ int mqtt_codec_decode_ack(mqtt_codec_ctx_t *ctx, int type, const uint8_t *buf, i
 
     // A property length beyond the packet leads beyond its end, but never beyond the input.
     const int consumed = in.pos() < input ? in.pos() : input;
-    poke(ctx->version, level);
+    set_level(ctx, level);
     LOG_DEBUG("ACK decode success: type=%d, msg_id=%d, version=%d, len=%d", type, para->msg_id, level, consumed);
     return decoded(ctx, static_cast<uint32_t>(type), consumed, buf_len);
 }

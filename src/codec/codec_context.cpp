@@ -9,9 +9,9 @@ int mqtt_codec_ctx_init(mqtt_codec_ctx_t *ctx)
     if (!ctx)
         return REFUSE(CODEC_E_PARAM, "mqtt_codec_ctx_init: ctx is NULL");
 
-    poke(ctx->version, 4); // until a CONNECT says otherwise
-    poke(ctx->last_packet_type, 0);
-    poke(ctx->last_packet_len, 0);
+    set_level(ctx, 4); // until a CONNECT says otherwise
+    shared(ctx->last_packet_type) = 0;
+    shared(ctx->last_packet_len)  = 0;
     memset(ctx->reserved, 0, sizeof ctx->reserved);
     LOG_DEBUG("mqtt_codec_ctx_init: success");
     return CODEC_OK;

@@ -17,12 +17,16 @@ namespace tarn::codec {
 // return REFUSE(CODEC_E_..., "format", ...): the ERROR line and the result of a failing call. A macro, so that the
 // compiler checks the format.
 #define REFUSE(code, ...)                                                                                              \
-    ((::tarn::log_passes(AGENT_LOG_ERROR) ? agent_log(AGENT_LOG_ERROR, __VA_ARGS__) : (void)0), (code))
+    ((::tarn::log_passes(AGENT_LOG_ERROR) ? ::tarn::log::write(AGENT_LOG_ERROR, __VA_ARGS__) : (void)0), (code))
 
 // The context's level, read once a call: another thread may change it meanwhile.
-[[nodiscard]] inline uint32_t level_of(mqtt_codec_ctx_t *ctx)
+[[nodiscard]] inline uint32_t level_of(const mqtt_codec_ctx_t *ctx)
 {
-    return peek(ctx->version);
+    return shared(ctx->version);
+}
+inline void set_level(mqtt_codec_ctx_t *ctx, uint32_t level)
+{
+    shared(ctx->version) = level;
 }
 [[nodiscard]] constexpr bool known_level(uint32_t version)
 {
@@ -82,8 +86,8 @@ struct Sealed {
 // The end of a successful encode.
 inline int encoded(mqtt_codec_ctx_t *ctx, uint32_t type, int total, int *buf_len)
 {
-    *buf_len = total;
-    poke(ctx->last_packet_type, type);
+    *buf_len                      = total;
+    shared(ctx->last_packet_type) = type;
     return CODEC_OK;
 }
 
@@ -130,9 +134,9 @@ struct FixedHeader {
 // The end of a successful decode. What it does to the level is the family's own business.
 inline int decoded(mqtt_codec_ctx_t *ctx, uint32_t type, int consumed, int *buf_len)
 {
-    *buf_len = consumed;
-    poke(ctx->last_packet_len, static_cast<uint32_t>(consumed));
-    poke(ctx->last_packet_type, type);
+    *buf_len                      = consumed;
+    shared(ctx->last_packet_len)  = static_cast<uint32_t>(consumed);
+    shared(ctx->last_packet_type) = type;
     return CODEC_OK;
 }
 

@@ -152,7 +152,7 @@ int mqtt_codec_decode_connack(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *bu
         if (const int code = read_properties(in, header.end, *para))
             return code;
 
-    poke(ctx->version, level);
+    set_level(ctx, level);
     LOG_DEBUG("CONNACK decode success: version=%d, code=%d, len=%d", static_cast<int>(level), para->reason_code,
               in.pos());
     return decoded(ctx, CONNACK, in.pos(), buf_len);

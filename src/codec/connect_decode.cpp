@@ -68,7 +68,7 @@ int read_protocol(Reader &in, mqtt_codec_ctx_t *ctx, uint8_t &level)
         return REFUSE(CODEC_E_MALFORMED, "CONNECT decode: no enough data for protocol version (pos=%d)", in.pos());
     if (!known_level(level))
         return REFUSE(CODEC_E_VERSION, "CONNECT decode: unsupported version %d (only 4/5 allowed)", level);
-    poke(ctx->version, level); // at once: a refusal further on is encoded for this level
+    set_level(ctx, level); // at once: a refusal further on is encoded for this level
     return CODEC_OK;
 }
 

@@ -170,8 +170,8 @@ int codec::decode_disconnect(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf
         return REFUSE(CODEC_E_PARAM, "DISCONNECT decode: invalid param");
 
     // Before any other check: a client that sends anything like a DISCONNECT is leaving.
-    poke(ctx->last_packet_type, DISCONNECT);
-    poke(ctx->last_packet_len, 0);
+    shared(ctx->last_packet_type) = DISCONNECT;
+    shared(ctx->last_packet_len)  = 0;
 
     const FixedHeader header = read_fixed_header(buf, *buf_len);
     if (const int code = check_fixed_header(header, *buf_len))

@@ -255,7 +255,7 @@ int mqtt_codec_decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *bu
     // A step over a cut value may have passed the input's end, the count may not.
     const int consumed = in.pos() < input ? in.pos() : input;
     LOG_HEXDUMP("payload", para->payload, para->payload_len);
-    poke(ctx->version, level);
+    set_level(ctx, level);
     trace_success(level, *para, consumed);
     return decoded(ctx, PUBLISH, consumed, buf_len);
 }

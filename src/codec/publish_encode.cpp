@@ -76,27 +76,27 @@ uint32_t property_bytes(const PublishView &message)
 
 void trace_head(uint32_t level, const PublishView &message, uint8_t first, const Writer &head, size_t properties_at)
 {
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 1: Parameters accepted (version=%u)\n", level);
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 2: Buffer ready\n");
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 3: Fixed header = 0x%02X\n", first);
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.1: Topic = %.*s (len=%zu)\n",
-              static_cast<int>(message.topic.size()), message.topic.data(), message.topic.size());
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 1: Parameters accepted (version=%u)\n", level);
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 2: Buffer ready\n");
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 3: Fixed header = 0x%02X\n", first);
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.1: Topic = %.*s (len=%zu)\n",
+               static_cast<int>(message.topic.size()), message.topic.data(), message.topic.size());
     if (carries_id(message))
-        agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.2: Packet ID = %u\n", message.msg_id);
+        log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.2: Packet ID = %u\n", message.msg_id);
     if (level != 5)
         return;
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.3: Property Length = %zu\n", head.size() - properties_at);
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.3: Property Length = %zu\n", head.size() - properties_at);
     for (size_t i = properties_at; i < head.size(); ++i)
-        agent_log(AGENT_LOG_DEBUG, "  var_header[%d] = 0x%02X\n", static_cast<int>(i), head.data()[i]);
+        log::write(AGENT_LOG_DEBUG, "  var_header[%d] = 0x%02X\n", static_cast<int>(i), head.data()[i]);
 }
 
 void trace_packet(const PublishView &message, uint32_t remaining, int total)
 {
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.4: Payload len = %zu\n", message.payload.size());
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 5: Remaining Length = %u\n", remaining);
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 6: Packet copied (len=%d)\n", total);
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] SUCCESS: qos=%u, msg_id=%u, payload_len=%zu, total_len=%d\n",
-              message.qos, message.msg_id, message.payload.size(), total);
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.4: Payload len = %zu\n", message.payload.size());
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 5: Remaining Length = %u\n", remaining);
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 6: Packet copied (len=%d)\n", total);
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] SUCCESS: qos=%u, msg_id=%u, payload_len=%zu, total_len=%d\n",
+               message.qos, message.msg_id, message.payload.size(), total);
 }
 
 // Topic, identifier and property block. Neither refusal can happen with the limits above.

@@ -49,7 +49,7 @@ int mqtt_codec_decode_simple(mqtt_codec_ctx_t *ctx, int type, const uint8_t *buf
 
     const int      consumed = header.end < input ? header.end : input;
     const uint32_t level    = header.length.value != 0 ? 5 : 4;
-    poke(ctx->version, level);
+    set_level(ctx, level);
     LOG_DEBUG("Simple decode success: type=%d, version=%d, len=%d", type, level, consumed);
     return decoded(ctx, static_cast<uint32_t>(type), consumed, buf_len);
 }

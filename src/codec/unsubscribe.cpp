@@ -210,7 +210,7 @@ int mqtt_codec_decode_unsubscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int
     if (buf[0] != kFirstByte)
         return REFUSE(CODEC_E_MALFORMED, "UNSUBSCRIBE固定报头非法：类型=%d 保留位=0x%02X（预期0x02）", buf[0] >> 4,
                       buf[0] & 0x0F);
-    poke(ctx->last_packet_type, UNSUBSCRIBE); // stays, even when the packet fails further down
+    shared(ctx->last_packet_type) = UNSUBSCRIBE; // stays, even when the packet fails further down
 
     Reader   in(buf, *buf_len, 1);
     uint32_t remaining = 0;
@@ -234,7 +234,7 @@ int mqtt_codec_decode_unsubscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int
         return refused;
 
     if (level != known)
-        poke(ctx->version, level);
+        set_level(ctx, level);
     LOG_INFO("UNSUBSCRIBE解码完成：总解码字节=%d Topic数量=%d 消息ID=%u 版本=%s", in.pos(), para->filter_count,
              para->msg_id, level == 5 ? "5.0" : "3.1.1");
     return decoded(ctx, UNSUBSCRIBE, in.pos(), buf_len);

@@ -5,7 +5,7 @@
 #include "../base/text.h"
 #include "../codec/mqtt_codec.h"
 #include "../persist/persist.hpp"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "handler_internal.h"
 #include "reply.h"
@@ -219,7 +219,7 @@ void cancel_parked_will(mqtt_client_t &parked)
     if (!claim_closing(parked))
         return;
     if (awaits_will(parked)) {
-        packet_cancel_will(&parked);
+        call_off_will(parked);
         release_parked(parked);
     }
     unclaim_closing(parked);
@@ -227,7 +227,7 @@ void cancel_parked_will(mqtt_client_t &parked)
 
 void cancel_delayed_wills(mqtt_client_t &client)
 {
-    packet_cancel_will(&client);
+    call_off_will(client);
     release_called_off(client); // another thread may have parked it since adopt()
     if (!wills_are_parked())
         return;
@@ -277,8 +277,8 @@ void resume_session(mqtt_client_t &client)
         return;
     for (const persist_sub_t &saved :
          std::span(client.session.subs, static_cast<size_t>(peek(client.session.sub_count))))
-        send_retained_msg_to_client(&client, saved.topic);
-    packet_handler_restore_offline_msgs(&client);
+        send_retained(client, saved.topic);
+    requeue_kept(client);
 }
 
 } // namespace
@@ -300,7 +300,7 @@ int handle_connect(mqtt_client_t &client, Packet packet) noexcept
         stats::count(stats::Counter::parse_error);
         return -1;
     }
-    if (!broker_fire_auth(&client, connect.client_id, connect.username, connect.password))
+    if (!api::accepts(client, connect.client_id, connect.username, connect.password))
         return refuse(client, state);
     if (!adopt(client, connect))
         return -1;
@@ -314,7 +314,7 @@ int handle_connect(mqtt_client_t &client, Packet packet) noexcept
     if (!accept(client))
         return -1;
     resume_session(client);
-    broker_fire_event(&client, BROKER_EVENT_CONNECTED, nullptr, 0);
+    api::tell(client, BROKER_EVENT_CONNECTED);
     return 0;
 }
 

@@ -35,7 +35,7 @@ void drop_will(mqtt_client_t &client)
         ScopedLock lock(session_lock(client));
         client.session.will_flag = 0;
     }
-    packet_cancel_will(&client);
+    call_off_will(client);
 }
 
 void save_session(mqtt_client_t &client)
@@ -86,30 +86,26 @@ int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept
 
     LOG_INFO("MQTT标准：客户端主动断开连接：ClientID=%s", client.client_id);
     client.disconnect_received = 1;
-    broker_fire_event(&client, BROKER_EVENT_DISCONNECTED, nullptr, 0);
+    api::tell(client, BROKER_EVENT_DISCONNECTED);
     override_session_expiry(client, disconnect, expiry_given);
     drop_will(client);
     if (speaks_v5(client))
         settle_v5_session(client);
     else
         settle_v4_session(client);
-    packet_handler_remove_client_subs(client.client_id, client.clean_session);
+    forget(client.client_id, client.clean_session);
     flush_client(client); // answers to packets that came in one go with this one
     close_seen(client, state);
     return 0;
 }
 
-} // namespace tarn::handler
-
-using namespace tarn;
-
 // Pending deliveries end with the connection in either case, subscriptions only with a clean session.
 // QUIRK(pending-dropped): unacknowledged deliveries of a persistent session are discarded when its connection ends
 // instead of being repeated after the reconnect [MQTT-4.4.0-1].
 //   test: remove_client_subs.pending_deliveries_go_for_clean_and_persistent_sessions
-void packet_handler_remove_client_subs(const char *client_id, uint8_t clean_session)
+void forget(const char *client_id, uint8_t clean_session) noexcept
 {
-    if (!client_id || client_id[0] == '\0')
+    if (client_id[0] == '\0')
         return;
     char id[256]; // of its own: the argument may stand in a record or table entry that is about to change
     copy_text(id, client_id, sizeof id - 1);
@@ -122,3 +118,5 @@ void packet_handler_remove_client_subs(const char *client_id, uint8_t clean_sess
     const int32_t removed = sub::remove_all_of(id);
     LOG_INFO("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=%s, 数量=%d", id, removed);
 }
+
+} // namespace tarn::handler

@@ -2,7 +2,7 @@
 #include "../base/text.h"
 #include "../codec/mqtt_codec.h"
 #include "../qos/qos.hpp"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "reply.h"
 #include "routing.h"
@@ -124,11 +124,11 @@ int handle_publish(mqtt_client_t &client, Packet packet) noexcept
     // QUIRK(refused-unanswered): a publication that the host refuses is not acknowledged at any QoS, so its publisher
     // keeps repeating it [MQTT-3.3.4-1, MQTT-4.3.2-4].
     //   test: publish.a_refused_publication_is_not_acknowledged
-    if (!broker_fire_acl(&client, message.topic, BROKER_ACL_PUBLISH)) {
+    if (!api::allows(client, message.topic, BROKER_ACL_PUBLISH)) {
         LOG_WARN("[ACL] 发布被拒绝: %s", message.topic);
         return -1;
     }
-    broker_fire_event(&client, BROKER_EVENT_PUBLISH, message.topic, static_cast<int32_t>(message.qos));
+    api::tell(client, BROKER_EVENT_PUBLISH, message.topic, static_cast<int32_t>(message.qos));
 
     limit_life(client, message);
     if (message.retain)

@@ -69,26 +69,24 @@ void let_leave(mqtt_client_t &client) noexcept
     flush_client(client);
 }
 
-} // namespace tarn::handler
-
 // Sent to 3.1.1 clients too, then without a reason.
 // QUIRK(disconnect-to-v4): a 3.1.1 client receives E0 00 before the broker closes its connection, although DISCONNECT
 // travels from client to server only in that version [MQTT 3.1.1 3.14]. Clients ignore it and see the close.
 //   test: send_disconnect.a_v4_client_gets_two_bytes
-void packet_handler_send_disconnect(mqtt_client_t *client, uint8_t reason_code)
+void say_disconnect(mqtt_client_t &client, uint8_t reason_code) noexcept
 {
-    using namespace tarn;
-    if (!client || client->handle == NETIP_NO_HANDLE)
+    if (client.handle == NETIP_NO_HANDLE)
         return;
-    const client_ref       pin(client);
     mqtt_disconnect_para_t disconnect{};
-    if (handler::speaks_v5(*client))
+    if (speaks_v5(client))
         disconnect.reason_code = reason_code;
 
     uint8_t packet[PACKET_REPLY_SIZE] = {};
     int     length                    = sizeof packet;
     // What the encoder leaves is sent in any case: a context of no known level sends the zeroes.
-    (void)mqtt_codec_encode_disconnect(&client->codec, &disconnect, packet, &length);
-    (void)send_to(*client, {{packet, static_cast<size_t>(length)}});
-    handler::let_leave(*client);
+    (void)mqtt_codec_encode_disconnect(&client.codec, &disconnect, packet, &length);
+    (void)send_to(client, {{packet, static_cast<size_t>(length)}});
+    let_leave(client);
 }
+
+} // namespace tarn::handler

@@ -39,7 +39,7 @@ bool deliver(Routing &routing, DeliveryCache &cache)
     Turn          &turn    = routing.turn;
     mqtt_client_t &client  = *turn.client;
 
-    turn.version = peek(client.codec.version);
+    turn.version = shared(client.codec.version);
     if (rules.payload_by_version) {
         settle(routing, Outcome::Online);
         if (message.payload.empty())
@@ -66,9 +66,9 @@ bool deliver(Routing &routing, DeliveryCache &cache)
     if (packet.code != CODEC_OK)
         return refuse(routing, Outcome::NotEncoded);
 
-    poke(client.codec.last_packet_type, uint32_t{PUBLISH});
-    const qos::Booked booked = qos::send_booked(delivery, packet.head);
-    turn.result              = static_cast<int>(booked.result);
+    shared(client.codec.last_packet_type) = uint32_t{PUBLISH};
+    const qos::Booked booked              = qos::send_booked(delivery, packet.head);
+    turn.result                           = static_cast<int>(booked.result);
     if (booked.result != 0)
         return refuse(routing, Outcome::NotSent);
     settle(routing, Outcome::Sent);

@@ -34,7 +34,7 @@ uint32_t subscribe_one(mqtt_client_t &client, int at, const char *filter, uint32
         LOG_WARN("【QoS溯源2】filter[%d]：Topic为空，授予QoS=失败(0x%02X)", at, kRefused);
         return kRefused;
     }
-    if (!broker_fire_acl(&client, filter, BROKER_ACL_SUBSCRIBE)) {
+    if (!api::allows(client, filter, BROKER_ACL_SUBSCRIBE)) {
         LOG_WARN("[ACL] 订阅被拒绝: %s", filter);
         return kRefused;
     }
@@ -44,8 +44,8 @@ uint32_t subscribe_one(mqtt_client_t &client, int at, const char *filter, uint32
     }
     LOG_INFO("【QoS溯源2】filter[%d]：Topic=%s, 请求QoS=%d → 授予QoS=%d (0x%02X)", at, filter, static_cast<int>(qos),
              static_cast<int>(qos), qos);
-    send_retained_msg_to_client(&client, filter);
-    broker_fire_event(&client, BROKER_EVENT_SUBSCRIBE, filter, static_cast<int32_t>(qos));
+    send_retained(client, filter);
+    api::tell(client, BROKER_EVENT_SUBSCRIBE, filter, static_cast<int32_t>(qos));
     return qos;
 }
 

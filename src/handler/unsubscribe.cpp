@@ -22,7 +22,7 @@ void remove_filter(mqtt_client_t &client, const char *filter)
         return;
     }
     LOG_INFO("取消订阅成功：ClientID=%s, Topic=%s", client.client_id, filter);
-    broker_fire_event(&client, BROKER_EVENT_UNSUBSCRIBE, filter, 0);
+    api::tell(client, BROKER_EVENT_UNSUBSCRIBE, filter);
 }
 
 // QUIRK(unsuback-one-code): a 5.0 UNSUBACK carries one code 0, not one for each filter [MQTT-3.11.3-1].

@@ -16,7 +16,7 @@ constinit std::atomic<void (*)(uint32_t)> g_writable{nullptr};
 EventSink event_sink() noexcept
 {
     ScopedLock lock(g_netip_lock);
-    return {peek(g_netip_cb), peek(g_netip_cb_arg)};
+    return {g_netip_cb, g_netip_cb_arg};
 }
 
 void EventSink::connected(uint32_t handle, uint32_t reason) const noexcept

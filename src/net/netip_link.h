@@ -1,6 +1,6 @@
-// netip_link.h - what the client module needs of the network layer beyond its exported calls: naming one connection
-// exactly, sending many packets at once, and a word around each I/O round and for a socket that takes bytes again. Upward
-// calls go through the event callback and these hooks only; no lock is held in any of them.
+// netip_link.h - connections as the library names and serves them, a part of net.hpp: naming one connection exactly,
+// sending many packets at once, and a word around each I/O round and for a socket that takes bytes again. Upward calls
+// go through the event callback and these hooks only; no lock is held in any.
 #ifndef TARN_NET_NETIP_LINK_H
 #define TARN_NET_NETIP_LINK_H
 

@@ -241,7 +241,7 @@ public:
     {
         g_rr_counter = world_.turn;
         msgid_seed   = world_.seed;
-        g_mqtt_stats = {};
+        memset(static_cast<void *>(&g_mqtt_stats), 0, sizeof g_mqtt_stats);
         stage_.broker.host.take();
 
         Seen seen;

@@ -50,7 +50,7 @@ bool mount_small_disk(const char *directory)
 
 retain_msg_t &retain(const char *topic)
 {
-    retain_msg_t &message = g_sub_mgr.retains[g_sub_mgr.retain_count++];
+    retain_msg_t &message = g_sub_mgr.retains[tarn::bump(g_sub_mgr.retain_count)];
     strcpy(message.topic, topic);
     return message;
 }
@@ -197,7 +197,7 @@ TEST_F(disk, a_full_disk_keeps_its_files)
     ASSERT_EQ(persist_retain_save(), 0);
     const std::string store = read_text("data/retain.dat");
     write_text("data/rest", std::string(100000, 'r')); // all there is
-    g_mqtt_stats = {};
+    memset(static_cast<void *>(&g_mqtt_stats), 0, sizeof g_mqtt_stats);
 
     LogCapture log(2);
     EXPECT_EQ(persist_add_offline_msg("dev1", "t", bytes(std::string(1024, 'p').c_str()), 1024, 1), 0);

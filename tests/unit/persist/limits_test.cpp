@@ -367,7 +367,7 @@ TEST_F(limits, an_unknown_identifier_writes_the_file_unchanged)
     persist_add_offline_msg("dev1", "a", bytes("1"), 1, 1);
     const std::string before = read_text("data/message/dev1.json");
     const uint16_t    other  = load().msgs[0].msgid == 9 ? 8 : 9;
-    g_mqtt_stats             = {};
+    memset(static_cast<void *>(&g_mqtt_stats), 0, sizeof g_mqtt_stats);
     EXPECT_EQ(persist_remove_offline_msg("dev1", other), 0);
     EXPECT_EQ(g_mqtt_stats.persist_write, 1u);
     EXPECT_EQ(read_text("data/message/dev1.json"), before);

@@ -83,7 +83,7 @@ struct stats : testing::Test {
 TEST_F(stats, init_zeroes_everything_and_takes_the_time)
 {
     agent_log_set_level(AGENT_LOG_INFO);
-    memset(&g_mqtt_stats, 0xEE, sizeof g_mqtt_stats);
+    memset(static_cast<void *>(&g_mqtt_stats), 0xEE, sizeof g_mqtt_stats);
     mqtt_stats_init();
     EXPECT_THAT(log.take(), ElementsAre(info("[MQTT-Stats] 维测统计模块初始化完成")));
     mqtt_stats_t expected{};
@@ -111,7 +111,7 @@ TEST_F(stats, each_increment_has_its_two_fields)
     mqtt_stats_t &s = g_mqtt_stats;
     const struct {
         void (*increment)();
-        const uint64_t *total, *period;
+        const tarn::Shared<uint64_t> *total, *period;
     } wide[] = {
         {mqtt_stats_inc_rx_pkt, &s.pkt_rx, &s.period_rx},
         {mqtt_stats_inc_tx_pkt, &s.pkt_tx, &s.period_tx},
@@ -126,26 +126,27 @@ TEST_F(stats, each_increment_has_its_two_fields)
     };
     for (const auto &row : wide) {
         mqtt_stats_t expected{};
-        memcpy(&expected, &s, sizeof s);
-        const auto at = [&](const uint64_t *field) -> uint64_t & {
-            return reinterpret_cast<uint64_t *>(&expected)[field - reinterpret_cast<const uint64_t *>(&s)];
+        memcpy(static_cast<void *>(&expected), &s, sizeof s);
+        const auto at = [&](const tarn::Shared<uint64_t> *field) -> tarn::Shared<uint64_t> & {
+            using Words = tarn::Shared<uint64_t>;
+            return reinterpret_cast<Words *>(&expected)[field - reinterpret_cast<const Words *>(&s)];
         };
-        ++at(row.total);
+        tarn::bump(at(row.total));
         if (row.period)
-            ++at(row.period);
+            tarn::bump(at(row.period));
         row.increment();
         EXPECT_EQ(memcmp(&s, &expected, sizeof s), 0) << (&row - wide);
     }
 
     mqtt_stats_t expected = s;
     mqtt_stats_inc_timeout();
-    ++expected.timeout, ++expected.period_timeout;
+    tarn::bump(expected.timeout), tarn::bump(expected.period_timeout);
     EXPECT_EQ(memcmp(&s, &expected, sizeof s), 0);
     mqtt_stats_inc_will_sent();
-    ++expected.will_sent, ++expected.period_will;
+    tarn::bump(expected.will_sent), tarn::bump(expected.period_will);
     EXPECT_EQ(memcmp(&s, &expected, sizeof s), 0);
     mqtt_stats_inc_parse_error();
-    ++expected.parse_error;
+    tarn::bump(expected.parse_error);
     EXPECT_EQ(memcmp(&s, &expected, sizeof s), 0);
 }
 
@@ -265,7 +266,7 @@ TEST_F(stats, json_names_totals_and_snapshot)
 
 TEST_F(stats, json_with_the_largest_numbers_fits_1024_bytes)
 {
-    memset(&g_mqtt_stats, 0xFF, sizeof g_mqtt_stats);
+    memset(static_cast<void *>(&g_mqtt_stats), 0xFF, sizeof g_mqtt_stats);
     fill_sources();
     char text[1024];
     EXPECT_EQ(mqtt_stats_to_json(text, sizeof text), 0);
