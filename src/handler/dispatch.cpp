@@ -83,7 +83,7 @@ bool dispatch(mqtt_client_t &client, Packet packet) noexcept
     const int type = packet[0] >> 4;
     LOG_DEBUG("收到MQTT报文：ClientID=%s, 类型=%d, 长度=%u", client.client_id, type,
               static_cast<uint32_t>(packet.size()));
-    client_update_active(&client);
+    client::note_active(client);
     return kHandlers[type] ? kHandlers[type](client, packet) == 0 : ignore_unknown(client, type);
 }
 
