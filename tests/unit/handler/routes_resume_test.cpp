@@ -218,7 +218,6 @@ std::string miss_and_return(Stage &stage, const World &away, const std::vector<M
         if (!kept.empty())
             store("message", "r", file_of(kept, true)); // its identifiers are random
         Client &newcomer = scene.newcomer("r");
-        newcomer->handle = 10000;
         return scene.see(log, [&](Scene &) { return newcomer.sends(packet); });
     });
     return unlike + wrong;

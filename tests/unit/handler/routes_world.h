@@ -63,6 +63,7 @@ struct World {
 
 constexpr const char *kSender    = "p";
 constexpr unsigned    kPublishId = 7; // the publisher's identifier
+constexpr uint32_t    kNewHandle = 10000;
 
 // ---- what is seen
 
@@ -208,6 +209,7 @@ class Scene {
 public:
     Scene(Stage &stage, const World &world) : stage_(stage), world_(world)
     {
+        g_last_handle = 0; // the same few slots for all rows
         if (stage.has_files)
             remove_files();
         stage.has_files = !world.files.empty();
@@ -233,8 +235,12 @@ public:
     }
 
     Client &sender() { return *sender_; }
-    // A connection that has not said yet who it is; in what is seen it has this name.
-    Client &newcomer(const std::string &name) { return add_client(name, 4, ""); }
+    // A connection that has not said yet who it is, on kNewHandle; in what is seen it has this name.
+    Client &newcomer(const std::string &name)
+    {
+        g_last_handle = kNewHandle;
+        return add_client(name, 4, "");
+    }
 
     // Does what it is given at this log level, and looks around.
     template <class Act> Seen see(uint32_t level, Act act)
@@ -264,7 +270,7 @@ public:
     }
 
 private:
-    static constexpr uint8_t kFiller = 0xC0;
+    static constexpr uint8_t kFiller[] = {0xC0, 0x00};
 
     Stage                                         &stage_;
     const World                                   &world_;
@@ -293,7 +299,7 @@ private:
     {
         if (hindrance == Hindrance::RingFull)
             for (int i = 0; i < CLIENT_SEND_SLOTS - 1; i++)
-                client_send(client, &kFiller, 1);
+                client_send(client, kFiller, sizeof kFiller);
         if (hindrance == Hindrance::Limit4)
             client->max_packet_size = 4;
     }
@@ -303,7 +309,7 @@ private:
         Strings all;
         for (auto &[id, client] : clients_)
             for (const Bytes &bytes : client->gets())
-                if (bytes != Bytes{kFiller})
+                if (bytes != Bytes(std::begin(kFiller), std::end(kFiller)))
                     all.push_back(id + ": " + brief(bytes));
         return all;
     }
