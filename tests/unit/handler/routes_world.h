@@ -25,10 +25,11 @@ struct Member {
     std::string id;
     std::string filter;
     unsigned    granted;
-    unsigned    level      = 4;
-    Presence    presence   = Presence::Online;
-    bool        remembered = false; // subscribed without clean session
-    Hindrance   hindrance  = Hindrance::None;
+    unsigned    level       = 4;
+    Presence    presence    = Presence::Online;
+    bool        remembered  = false; // subscribed without clean session
+    Hindrance   hindrance   = Hindrance::None;
+    bool        passed_over = false; // another member of its shared group gets the message
 };
 
 struct Sending {
@@ -56,6 +57,7 @@ struct World {
     std::vector<Kept>   kept;                    // retained messages, in store order
     Hindrance           sender_hindrance = Hindrance::None;
     int32_t             turn             = 0; // of the shared groups
+    int                 groups           = 0; // that the message meets, each of which takes a turn
     uint32_t            seed             = 1; // of the identifiers
 
     std::map<std::string, std::string> files; // "session/r.json" and its text
@@ -80,7 +82,6 @@ struct Seen {
     int     draws = 0;
     int     turns = 0;
     Lines   lines;
-    Lines   scan_lines;
 };
 
 inline std::string print(const char *format, ...) __attribute__((format(printf, 1, 2)));
@@ -125,8 +126,9 @@ inline std::string retained_text(const std::string &topic, unsigned qos, unsigne
     return print("%s qos=%u expiry=%u payload=%s", topic.c_str(), qos, expiry_s, brief(payload).c_str());
 }
 
-// Lines of the codec are its own affair (tests/unit/codec) unless they are complaints; hex rows likewise.
-inline bool is_codec_trace(const LogLine &line)
+// Lines of the codec and looks into the tables are their own affair (tests/unit/codec, tests/unit/sub, tests/unit/persist) unless they are
+// complaints; hex rows likewise.
+inline bool is_foreign_trace(const LogLine &line)
 {
     if (line.level != "DEBUG" && line.level != "INFO")
         return false;
@@ -138,7 +140,8 @@ inline bool is_codec_trace(const LogLine &line)
             return true;
     if (line.level != "DEBUG")
         return false;
-    return line.text == "packet" || line.text == "payload" ||
+    return line.text == "packet" || line.text.starts_with("[DEBUG]") || line.text.starts_with("[TRACE]") ||
+           line.text.starts_with("[persist]") || line.text == "payload" ||
            (line.text.size() % 3 == 0 && line.text.find_first_not_of("0123456789ABCDEF ") == std::string::npos);
 }
 
@@ -261,11 +264,9 @@ public:
         {
             LogCapture log(level);
             qos_reliable_scan_queue();
-            seen.scan_lines = log.take();
         }
         seen.repeated = packets();
-        std::erase_if(seen.lines, is_codec_trace);
-        std::erase_if(seen.scan_lines, is_codec_trace);
+        std::erase_if(seen.lines, is_foreign_trace);
         return seen;
     }
 
