@@ -173,6 +173,7 @@ public:
     Line &operator=(const Line &) = delete;
 
     net::Connection connection() const { return connection_; }
+    int             end() const { return end_; }
     // Null before the first packet, and once it is closed.
     mqtt_client_t *record() const
     {
@@ -258,6 +259,7 @@ public:
     std::vector<Bytes> gets() { return packets_in(line_.gets()); }
     Bytes              gets_whole() { return line_.gets(); }
     bool               is_closed() { return line_.is_closed(); }
+    int                end() const { return line_.end(); } // to read what another thread sends
 
 private:
     Line           line_;

@@ -12,25 +12,27 @@ enum class Tracks { Nothing, Sent, Anyway }; // anyway: also what the ring refus
 enum class Keeps { Nothing, AboveQos0, All };
 
 struct Rules {
-    const char *passed_by;      // gets nothing, without a line
+    const char *passed_by;      // the id that gets nothing, without a line
     int         draws;          // before those of the first receiver
     bool        draws_at_qos0;  // an identifier that nobody sees
     Tracks      tracks;         // until it is acknowledged
     bool        remembers_qos1; // in the receiver's record
     Keeps       keeps;          // for the absent who have a session
-    const char *kept_counter;
-    bool        retains;
+    const char *kept_counter;   // with each message kept
+    bool        retains;        // puts it into the retained store, if it asks for that
     bool        retain, expiry; // as sent, in the deliveries
 };
-constexpr const char *kNoOne   = "no one";
-constexpr Rules       kRules[] = {
-          // passed by, draws, at QoS 0, tracks, remembers, keeps, counter, retains, retain, expiry
-    /* Publish   */ {"p", 0, false, Tracks::Sent, true, Keeps::All, "offline_msg", true, false, true},
-    /* Host      */ {"", 2, true, Tracks::Anyway, false, Keeps::AboveQos0, nullptr, true, true, true},
-    /* Will      */ {kNoOne, 1, false, Tracks::Nothing, true, Keeps::Nothing, nullptr, false, true, false},
-    /* Broadcast */ {kNoOne, 0, false, Tracks::Sent, true, Keeps::Nothing, nullptr, false, true, false},
-    /* Test      */ {"", 0, true, Tracks::Sent, true, Keeps::Nothing, nullptr, false, false, false},
+constexpr const char *kNoOne = "no one";
+// clang-format off
+constexpr Rules kRules[] = {
+    //               passed_by  draws  at_qos0  tracks           qos1   keeps             kept_counter   retains retain expiry
+    /* Publish   */ {"p",       0,     false,   Tracks::Sent,    true,  Keeps::All,       "offline_msg", true,   false, true},
+    /* Host      */ {"",        2,     true,    Tracks::Anyway,  false, Keeps::AboveQos0, nullptr,       true,   true,  true},
+    /* Will      */ {kNoOne,    1,     false,   Tracks::Nothing, true,  Keeps::Nothing,   nullptr,       false,  true,  false},
+    /* Broadcast */ {kNoOne,    0,     false,   Tracks::Sent,    true,  Keeps::Nothing,   nullptr,       false,  true,  false},
+    /* Test      */ {"",        0,     true,    Tracks::Sent,    true,  Keeps::Nothing,   nullptr,       false,  false, false},
 };
+// clang-format on
 
 // ---- the lines, each in its place
 

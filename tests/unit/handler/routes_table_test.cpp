@@ -1,5 +1,5 @@
 // Every route a message can travel, for every receiver, level, QoS and payload: bytes, counters, pending deliveries,
-// files, records, callbacks and log lines against an oracle that knows the rules only.
+// files, records, callbacks and log lines as the tables of routes_rules.h say.
 #include "routes_run.h"
 
 using namespace tarn::test;
