@@ -259,16 +259,6 @@ void while_it_waits(Mutex &lock, const std::function<void()> &act, const std::fu
     thread.join();
 }
 
-bool eventually(const std::function<bool()> &condition)
-{
-    for (int i = 0; i < 5000; ++i) {
-        if (condition())
-            return true;
-        usleep(1000);
-    }
-    return condition();
-}
-
 } // namespace tarn::test
 
 using namespace tarn;

@@ -193,7 +193,8 @@ TEST(connect, a_refused_v4_client_sees_success_and_the_close)
     EXPECT_EQ(client.sends(connect_v4("dev1")), -1);
     EXPECT_THAT(log.take(),
                 ElementsAre(warn("CONNACK encode: 3.1.1 force code=0"), info("[MQTT5] 会话立即删除(expiry=0): "),
-                            warn("[FREE-NORMAL] 客户端正常关闭: ")));
+                            warn("[FREE-NORMAL] 客户端正常关闭: "), warn("[QoS_CLEAN] 清理客户端: "),
+                            info("[QoS] 清理客户端报文完成(client=)：共清理0条")));
     EXPECT_THAT(client.gets(), ElementsAre(wire("20 02 00 00")));
     EXPECT_EQ(client->state, CLIENT_CLOSED);
     EXPECT_STREQ(client->client_id, "");
@@ -217,12 +218,11 @@ TEST(connect, the_refusal_has_ten_ms_to_leave_before_the_close)
     broker.host.ask_auth();
     broker.host.accepts = false;
     Client         client(broker);
-    Socket         socket(client);
     const uint64_t before = mono_ms();
     EXPECT_EQ(client.sends(connect_v4("dev1")), -1);
     EXPECT_GE(mono_ms() - before, 10u);
-    EXPECT_EQ(socket.gets(), wire("20 02 00 00"));
-    EXPECT_TRUE(socket.is_closed());
+    EXPECT_EQ(client.gets_whole(), wire("20 02 00 00"));
+    EXPECT_TRUE(client.is_closed());
 }
 
 // Only a host that reaches into the record from its callback can bring this about.
@@ -257,7 +257,7 @@ TEST(connect, a_refusal_that_does_not_encode_sends_the_empty_buffer)
         return false;
     };
     EXPECT_EQ(client.sends(connect_v4("dev1")), -1);
-    EXPECT_THAT(client.gets(), ElementsAre(repeat(0, 128)));
+    EXPECT_EQ(client.gets_whole(), repeat(0, 128));
 }
 
 TEST(connect, a_refused_client_is_closed_at_once_without_memory)
@@ -443,15 +443,14 @@ TEST(connect, what_was_loaded_is_wiped_by_the_next_connect)
     Handling broker;
     store("subscription", "dev1", R"({"subs":[{"topic":"a","qos":1},{"topic":"b","qos":1}]})");
     store("message", "dev1", R"({"msgs":[{"msgid":9,"qos":1,"topic":"t","payload":"6869"}]})");
-    mqtt_client_t *const client = client_create(1, "10.0.0.1", 4711, &broker.host.broker);
-    sends(client, connect_v4("dev1")); // the lists stay behind, their counts do not
+    Client client(broker);
+    client.sends(connect_v4("dev1")); // the lists stay behind, their counts do not
     EXPECT_STREQ(client->session.subs[1].topic, "b");
     EXPECT_STREQ(client->session.msgs[0].topic, "t");
-    sends(client, connect_v4("dev2"));
+    client.sends(connect_v4("dev2"));
     EXPECT_STREQ(client->session.subs[0].topic, "");
     EXPECT_STREQ(client->session.subs[1].topic, "");
     EXPECT_STREQ(client->session.msgs[0].topic, "");
-    pool_free(client);
 }
 
 TEST(connect, a_saved_session_is_restored_line_by_line)
@@ -637,10 +636,8 @@ TEST(connect, the_place_of_a_cancelled_will_serves_its_next_owner_in_full)
 // The host kicks the client while it is asked about it, and refuses it then.
 TEST(connect, a_refused_client_that_was_closed_meanwhile_is_not_closed_again)
 {
-    Handling             broker;
-    mqtt_client_t *const client = client_create(1, "10.0.0.1", 4711, &broker.host.broker);
-    client_set_cid(client, "dev1");
-    client->state = CLIENT_LOGINED;
+    Handling broker;
+    Client   client(broker, 4, "dev1");
     client_set_will_msg(client, "w", reinterpret_cast<const uint8_t *>("x"), 1, 0, 0);
     client_set_will_enhance(client, 30, 0, 0, "", "", nullptr, 0);
     static mqtt_client_t *kicked;
@@ -649,12 +646,10 @@ TEST(connect, a_refused_client_that_was_closed_meanwhile_is_not_closed_again)
         client_close(kicked);
         return false;
     };
-    const Bytes again = connect_v4("dev1");
-    EXPECT_EQ(packet_dispatch(client, again.data(), static_cast<uint32_t>(again.size())), -1);
+    EXPECT_EQ(client.sends(connect_v4("dev1")), -1);
     EXPECT_EQ(client->state, CLIENT_WILL_PENDING);
     EXPECT_EQ(client->will_delay_pending, 1);
     EXPECT_EQ(g_will_delay_client_count, 1);
-    pool_free(client);
 }
 
 TEST(connect, records_of_the_id_without_a_delay_running_stay)

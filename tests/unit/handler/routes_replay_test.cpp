@@ -22,20 +22,21 @@ public:
         const unsigned    level  = world_.sender_level;
         const unsigned    qos    = request.qos;
         const char *const filter = request.filter.c_str();
-        count_both("rx");
+        count("pkt_rx", "period_rx");
         say(debug(print("收到MQTT报文：ClientID=p, 类型=8, 长度=%zu", packet_size)));
         say(info("【QoS溯源1】客户端订阅请求：ClientID=p, MsgID=9, 订阅数=1"));
         say(info(print("【QoS溯源1】filter[0]：Topic=%s, 请求QoS=%u (0x%02X)", filter, qos, qos)));
         seen_.told = {print("acl p %s 0", filter), print(R"(3 {"clientId":"p","topic":"%s","qos":%u})", filter, qos)};
-        add(request);
+        say(info(print("MQTT标准：新增订阅：ClientID=p, Topic=%s, QoS=%u, CleanSession=%d", filter, qos,
+                       world_.sender_is_clean)));
         say(info(print("【QoS溯源2】filter[0]：Topic=%s, 请求QoS=%u → 授予QoS=%u (0x%02X)", filter, qos, qos, qos)));
         replay(request.filter);
         if (!world_.sender_is_clean)
             save(request);
         say(info(print("【QoS溯源3】MQTT %s Reason Code赋值：授权QoS=%u → ReasonCode=0x%02X",
                        level == 5 ? "5.0" : "3.1.1", qos, qos)));
-        (void)send(itself(), level == 5 ? wire("90 04 00 09 00") + Bytes{static_cast<uint8_t>(qos)}
-                                        : wire("90 03 00 09") + Bytes{static_cast<uint8_t>(qos)});
+        send(kSender, wire(level == 5 ? "90 04 00 09 00" : "90 03 00 09") + Bytes{static_cast<uint8_t>(qos)},
+             world_.sender_hindrance);
         say(info(print("发送SUBACK成功：ClientID=p, MsgID=9, 授权QoS=%u, ReasonCode=0x%02X", qos, qos)));
         return finish();
     }
@@ -51,54 +52,30 @@ public:
 private:
     bool online_ = true;
 
-    Member itself() const
-    {
-        Member member{kSender, "", 0, world_.sender_level};
-        member.hindrance = world_.sender_hindrance;
-        return member;
-    }
-
-    void add(const Request &request)
-    {
-        const char *const filter = request.filter.c_str();
-        const size_t      count  = world_.members.size();
-        const int         clean  = world_.sender_is_clean;
-        say(debug(print("[DEBUG] sub_add：开始添加订阅（client_id=p, topic_filter=%s, qos=%u, clean_session=%d）",
-                        filter, request.qos, clean)));
-        say(debug(print("[TRACE] sub_add：已加锁，当前订阅数=%zu，最大容量=10000", count)));
-        for (size_t at = 0; at < count; at++)
-            say(debug(print("[TRACE] sub_add：检查重复订阅（索引=%zu, client_id=%s, topic_filter=%s）", at,
-                            world_.members[at].id.c_str(), world_.members[at].filter.c_str())));
-        say(debug(print("[DEBUG] sub_add：新增订阅成功（client_id=p, topic_filter=%s, 总数=%zu）", filter, count + 1)));
-        say(info(
-            print("MQTT标准：新增订阅：ClientID=p, Topic=%s, QoS=%u, CleanSession=%d", filter, request.qos, clean)));
-    }
-
     // In store order, at the QoS of the message whatever was granted, without expiry; the line follows the encoder.
     void replay(const std::string &filter)
     {
         for (const Kept &kept : store_) {
-            if (!fits({"", filter, 0}, kept.topic))
+            if (!fits(filter, kept.topic))
                 continue;
             const unsigned id  = draw_id(); // at QoS 0 too
-            const Encoded  out = encode(world_.sender_level, kept.qos, true, kept.topic, id, 0, kept.payload);
+            const Encoded  out = encode(world_.sender_level, {kept.topic, kept.payload, kept.qos, true}, id);
             if (out.code) {
                 say(error(out.complaint));
                 continue;
             }
             if (online_)
-                (void)send(itself(), out.bytes);
+                send(kSender, out.bytes, world_.sender_hindrance);
             else
-                count_both("drop_offline");
+                count("drop_offline", "period_drop_offline");
             say(info(print("[保留消息] 下发成功: Client=p, Topic=%s, Filter=%s", kept.topic.c_str(), filter.c_str())));
         }
     }
 
     void save(const Request &request)
     {
-        files_["subscription/p.json"] = print(R"({"subs":[{"topic":"saved","qos":1},{"topic":"%s","qos":%u}]})",
-                                              request.filter.substr(0, 63).c_str(), request.qos);
-        count_both("persist_write");
+        write_file("subscription/p.json", print(R"({"subs":[{"topic":"saved","qos":1},{"topic":"%s","qos":%u}]})",
+                                                request.filter.substr(0, 63).c_str(), request.qos));
         say(info("[持久化] 订阅已保存到文件: p, 订阅数=2"));
     }
 };

@@ -85,7 +85,7 @@ public:
     {
         const Member             &r        = world_.members[1];
         const std::vector<Stored> messages = read_back(file_);
-        count_both("rx");
+        count("pkt_rx", "period_rx");
         say(debug(print("收到MQTT报文：ClientID=, 类型=1, 长度=%zu", packet_size)));
         say(debug("client_set_keepalive: handle=0x00002710, cid=, keepalive=60秒（超时阈值=90秒）"));
         say(debug("Set client ID: handle=10000, cid=r"));
@@ -116,22 +116,14 @@ private:
 
     void subscribe_again(const Member &r)
     {
-        say(debug(
-            print("[DEBUG] sub_add：开始添加订阅（client_id=r, topic_filter=t, qos=%u, clean_session=0）", r.granted)));
-        say(debug("[TRACE] sub_add：已加锁，当前订阅数=2，最大容量=10000"));
-        say(debug("[TRACE] sub_add：检查重复订阅（索引=0, client_id=n, topic_filter=u）"));
-        say(debug("[TRACE] sub_add：检查重复订阅（索引=1, client_id=r, topic_filter=t）"));
-        say(debug(print(
-            "[DEBUG] sub_add：发现重复订阅，更新QoS和CleanSession（client_id=r, topic_filter=t, 旧QoS=%u, 新QoS=%u）",
-            r.granted, r.granted)));
         say(info(print("MQTT标准：更新订阅：ClientID=r, Topic=t, QoS=%u", r.granted)));
         say(info(print("[恢复] 订阅: t QoS=%u → 内存订阅表", r.granted)));
     }
     void replay(const Member &r)
     {
         for (const Kept &kept : store_)
-            if (fits(r, kept.topic)) {
-                send("r", encode(r.level, kept.qos, true, kept.topic, draw_id(), 0, kept.payload).bytes);
+            if (fits(r.filter, kept.topic)) {
+                send("r", written(r.level, {kept.topic, kept.payload, kept.qos, true}, draw_id()));
                 say(info(print("[保留消息] 下发成功: Client=r, Topic=%s, Filter=t", kept.topic.c_str())));
             }
     }
@@ -154,12 +146,11 @@ private:
             if (message.qos == 0 && !payload.empty())
                 say(error("[QoS] 添加报文参数错误：QoS非法（仅支持1/2，当前0）"));
             else
-                track(r, id, message.qos, payload);
+                track(r, id, {message.topic, payload, message.qos});
             say(debug(
                 print("[packet_handler] 已补发: msgid=%u topic=%s qos=%u", id, message.topic.c_str(), message.qos)));
         }
-        files_["message/r.json"] = R"({"msgs":[]})";
-        count_both("persist_write");
+        write_file("message/r.json", R"({"msgs":[]})");
         say(info("[packet_handler] 离线消息补发完成: r，已清空离线消息"));
     }
 };
@@ -218,7 +209,6 @@ std::string miss_and_return(Stage &stage, const World &away, const std::vector<M
         if (!kept.empty())
             store("message", "r", file_of(kept, true)); // its identifiers are random
         Client &newcomer = scene.newcomer("r");
-        newcomer->handle = 10000;
         return scene.see(log, [&](Scene &) { return newcomer.sends(packet); });
     });
     return unlike + wrong;

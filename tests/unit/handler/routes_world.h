@@ -25,10 +25,11 @@ struct Member {
     std::string id;
     std::string filter;
     unsigned    granted;
-    unsigned    level      = 4;
-    Presence    presence   = Presence::Online;
-    bool        remembered = false; // subscribed without clean session
-    Hindrance   hindrance  = Hindrance::None;
+    unsigned    level       = 4;
+    Presence    presence    = Presence::Online;
+    bool        remembered  = false; // subscribed without clean session
+    Hindrance   hindrance   = Hindrance::None;
+    bool        passed_over = false; // another member of its shared group gets the message
 };
 
 struct Sending {
@@ -56,6 +57,7 @@ struct World {
     std::vector<Kept>   kept;                    // retained messages, in store order
     Hindrance           sender_hindrance = Hindrance::None;
     int32_t             turn             = 0; // of the shared groups
+    int                 groups           = 0; // that the message meets, each of which takes a turn
     uint32_t            seed             = 1; // of the identifiers
 
     std::map<std::string, std::string> files; // "session/r.json" and its text
@@ -63,6 +65,7 @@ struct World {
 
 constexpr const char *kSender    = "p";
 constexpr unsigned    kPublishId = 7; // the publisher's identifier
+constexpr uint32_t    kNewHandle = 10000;
 
 // ---- what is seen
 
@@ -79,7 +82,6 @@ struct Seen {
     int     draws = 0;
     int     turns = 0;
     Lines   lines;
-    Lines   scan_lines;
 };
 
 inline std::string print(const char *format, ...) __attribute__((format(printf, 1, 2)));
@@ -124,8 +126,9 @@ inline std::string retained_text(const std::string &topic, unsigned qos, unsigne
     return print("%s qos=%u expiry=%u payload=%s", topic.c_str(), qos, expiry_s, brief(payload).c_str());
 }
 
-// Lines of the codec are its own affair (tests/unit/codec) unless they are complaints; hex rows likewise.
-inline bool is_codec_trace(const LogLine &line)
+// Lines of the codec and looks into the tables are their own affair (tests/unit/codec, tests/unit/sub, tests/unit/persist) unless they are
+// complaints; hex rows likewise.
+inline bool is_foreign_trace(const LogLine &line)
 {
     if (line.level != "DEBUG" && line.level != "INFO")
         return false;
@@ -137,7 +140,8 @@ inline bool is_codec_trace(const LogLine &line)
             return true;
     if (line.level != "DEBUG")
         return false;
-    return line.text == "packet" || line.text == "payload" ||
+    return line.text == "packet" || line.text.starts_with("[DEBUG]") || line.text.starts_with("[TRACE]") ||
+           line.text.starts_with("[persist]") || line.text == "payload" ||
            (line.text.size() % 3 == 0 && line.text.find_first_not_of("0123456789ABCDEF ") == std::string::npos);
 }
 
@@ -208,6 +212,7 @@ class Scene {
 public:
     Scene(Stage &stage, const World &world) : stage_(stage), world_(world)
     {
+        g_last_handle = 0; // the same few slots for all rows
         if (stage.has_files)
             remove_files();
         stage.has_files = !world.files.empty();
@@ -233,8 +238,12 @@ public:
     }
 
     Client &sender() { return *sender_; }
-    // A connection that has not said yet who it is; in what is seen it has this name.
-    Client &newcomer(const std::string &name) { return add_client(name, 4, ""); }
+    // A connection that has not said yet who it is, on kNewHandle; in what is seen it has this name.
+    Client &newcomer(const std::string &name)
+    {
+        g_last_handle = kNewHandle;
+        return add_client(name, 4, "");
+    }
 
     // Does what it is given at this log level, and looks around.
     template <class Act> Seen see(uint32_t level, Act act)
@@ -255,16 +264,14 @@ public:
         {
             LogCapture log(level);
             qos_reliable_scan_queue();
-            seen.scan_lines = log.take();
         }
         seen.repeated = packets();
-        std::erase_if(seen.lines, is_codec_trace);
-        std::erase_if(seen.scan_lines, is_codec_trace);
+        std::erase_if(seen.lines, is_foreign_trace);
         return seen;
     }
 
 private:
-    static constexpr uint8_t kFiller = 0xC0;
+    static constexpr uint8_t kFiller[] = {0xC0, 0x00};
 
     Stage                                         &stage_;
     const World                                   &world_;
@@ -293,7 +300,7 @@ private:
     {
         if (hindrance == Hindrance::RingFull)
             for (int i = 0; i < CLIENT_SEND_SLOTS - 1; i++)
-                client_send(client, &kFiller, 1);
+                client_send(client, kFiller, sizeof kFiller);
         if (hindrance == Hindrance::Limit4)
             client->max_packet_size = 4;
     }
@@ -303,7 +310,7 @@ private:
         Strings all;
         for (auto &[id, client] : clients_)
             for (const Bytes &bytes : client->gets())
-                if (bytes != Bytes{kFiller})
+                if (bytes != Bytes(std::begin(kFiller), std::end(kFiller)))
                     all.push_back(id + ": " + brief(bytes));
         return all;
     }

@@ -149,15 +149,14 @@ TEST(subscribe, the_host_hears_of_a_filter_after_its_retained_messages)
 // The wipe of a record in the pool is told how much of it was written.
 TEST(subscribe, what_is_saved_is_wiped_by_the_next_connect)
 {
-    Handling             broker;
-    mqtt_client_t *const client = client_create(1, "10.0.0.1", 4711, &broker.host.broker);
-    sends(client, connect_v4("dev1"));
-    sends(client, subscribe(1, {{"a", 1}, {"b", 1}}));
+    Handling broker;
+    Client   client(broker);
+    client.sends(connect_v4("dev1"));
+    client.sends(subscribe(1, {{"a", 1}, {"b", 1}}));
     EXPECT_STREQ(client->session.subs[1].topic, "b");
-    sends(client, connect_v4("dev1"));
+    client.sends(connect_v4("dev1"));
     EXPECT_STREQ(client->session.subs[0].topic, "");
     EXPECT_STREQ(client->session.subs[1].topic, "");
-    pool_free(client);
 }
 
 TEST(subscribe, the_same_filter_again_changes_its_saved_qos)

@@ -94,7 +94,8 @@ TEST(transcript, at_level_4)
                      info("[QoS] 清理客户端报文完成(client=dev)：共清理0条"),
                      info("MQTT标准：移除订阅：ClientID=dev, Topic=所有, 移除数量=1"),
                      info("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=dev, 数量=1"),
-                     warn("[FREE-NORMAL] 客户端正常关闭: dev")}));
+                     warn("[FREE-NORMAL] 客户端正常关闭: dev"), warn("[QoS_CLEAN] 清理客户端: dev"),
+                     info("[QoS] 清理客户端报文完成(client=dev)：共清理0条")}));
 }
 
 TEST(transcript, at_level_5)
@@ -149,5 +150,6 @@ TEST(transcript, at_level_5)
                      info("[QoS] 清理客户端报文完成(client=dev)：共清理1条"),
                      info("MQTT标准：移除订阅：ClientID=dev, Topic=所有, 移除数量=1"),
                      info("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=dev, 数量=1"),
-                     warn("[FREE-NORMAL] 客户端正常关闭: dev")}));
+                     warn("[FREE-NORMAL] 客户端正常关闭: dev"), warn("[QoS_CLEAN] 清理客户端: dev"),
+                     info("[QoS] 清理客户端报文完成(client=dev)：共清理0条")}));
 }

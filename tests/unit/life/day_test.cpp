@@ -4,7 +4,7 @@
 #include "life_fixture.h"
 
 #include "api/api_internal.h"
-#include "wire/support/process_state.h"
+#include "support/process_state.h"
 
 #include <malloc.h>
 #include <map>

@@ -422,10 +422,10 @@ TEST(udp, deinit_leaves_the_shared_socket_to_its_end)
     udp.send("C0 00");
     make_a_round(tcp);
     events.wait_for(4);
-    const size_t descriptors = open_descriptors();
+    const int descriptors = descriptor_count();
     netip_deinit();
     EXPECT_THAT(events.seen(), Contains(disconnected(1, 2)));
-    EXPECT_EQ(open_descriptors(), descriptors - 4); // TCP, UDP, epoll and its bell
+    EXPECT_EQ(descriptor_count(), descriptors - 4); // TCP, UDP, epoll and its bell
 }
 
 TEST(udp, the_thread_that_delivers_knows_its_connection)

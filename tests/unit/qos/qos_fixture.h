@@ -49,6 +49,14 @@ inline int pending_count()
     return count;
 }
 
+// The lines of this module alone: the encoder of the replies traces at INFO.
+inline std::vector<LogLine> own(LogCapture &log)
+{
+    std::vector<LogLine> lines = log.take();
+    std::erase_if(lines, [](const LogLine &line) { return !line.text.starts_with("[QoS"); });
+    return lines;
+}
+
 inline int add(mqtt_client_t *client, uint16_t id, uint8_t qos = 1, const char *topic = "t", const char *payload = "x")
 {
     return qos_reliable_add_packet(client, id, qos, topic, payload, static_cast<uint32_t>(strlen(payload)));

@@ -6,6 +6,7 @@
 #include "sub/sub.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
+#include "support/log_lines/stats.h"
 
 #include <atomic>
 #include <clocale>
@@ -221,10 +222,8 @@ TEST_F(stats, report_has_thirteen_lines_at_warn)
                 ElementsAre(warn("!!!>>>===================== MQTT Broker 维测统计 ====================="),
                             warn("运行时长: 61234 ms"),          //
                             warn("在线客户端: 0 / 历史最高: 9"), //
-                            warn("内存池使用率: 100/300 (33.3%)"),
-                            warn("[周期60s] 收包:31 | 发包:32 | 超时:38 | 遗嘱:39 | 持久写:40 | 持久读:41"),
-                            warn("[周期丢包] 离线:33 | 队列满:34 | 超长:35 | 非法参数:36 | 发送失败:37"),
-                            warn("收包总数: 11 | 发包总数: 12"), //
+                            logged::report_pool(100, 300, 33, 3), logged::report_period(31, 32, 38, 39, 40, 41),
+                            logged::report_period_drops(33, 34, 35, 36, 37), logged::report_packets(11, 12), //
                             warn("[总丢包] 离线:13 | 队列满:14 | 超长:15 | 非法参数:16 | 发送失败:17"),
                             warn("QoS0: 18 | QoS1: 19 | QoS2: 20"), //
                             warn("离线消息: 21 | Retain消息: 8"),
@@ -235,9 +234,9 @@ TEST_F(stats, report_has_thirteen_lines_at_warn)
     mqtt_stats_print();
     const std::vector<LogLine> lines = log.take();
     ASSERT_EQ(lines.size(), 13u);
-    EXPECT_EQ(lines[4].text, "[周期60s] 收包:0 | 发包:0 | 超时:0 | 遗嘱:0 | 持久写:0 | 持久读:0");
-    EXPECT_EQ(lines[5].text, "[周期丢包] 离线:0 | 队列满:0 | 超长:0 | 非法参数:0 | 发送失败:0");
-    EXPECT_EQ(lines[6].text, "收包总数: 11 | 发包总数: 12");
+    EXPECT_EQ(lines[4], logged::report_period(0, 0, 0, 0, 0, 0));
+    EXPECT_EQ(lines[5], logged::report_period_drops(0, 0, 0, 0, 0));
+    EXPECT_EQ(lines[6], logged::report_packets(11, 12));
 }
 
 TEST_F(stats, report_shows_64_bits)
@@ -246,8 +245,8 @@ TEST_F(stats, report_shows_64_bits)
     g_mqtt_stats.pkt_rx = UINT64_MAX;
     log.take();
     mqtt_stats_print();
-    EXPECT_TRUE(log.has(warn("收包总数: 18446744073709551615 | 发包总数: 0")));
-    EXPECT_TRUE(log.has(warn("内存池使用率: 0/0 (0.0%)")));
+    EXPECT_TRUE(log.has(logged::report_packets(18446744073709551615ull, 0)));
+    EXPECT_TRUE(log.has(logged::report_pool(0, 0, 0, 0)));
 }
 
 TEST_F(stats, json_names_totals_and_snapshot)
@@ -282,7 +281,7 @@ TEST_F(stats, numbers_look_the_same_in_every_locale)
     EXPECT_EQ(mqtt_stats_to_json(text, sizeof text), 0);
     EXPECT_THAT(text, HasSubstr("\"pool_usage\":33.3,\"pkt_rx\":0,"));
     mqtt_stats_print();
-    EXPECT_TRUE(log.has(warn("内存池使用率: 100/300 (33.3%)")));
+    EXPECT_TRUE(log.has(logged::report_pool(100, 300, 33, 3)));
 }
 
 TEST_F(stats, usage_is_rounded_as_printf_rounds)

@@ -237,6 +237,11 @@ Peer &Peer::connect_v5(std::string_view client_id, const Connect &options, Where
     return *this;
 }
 
+Peer &Peer::connect(unsigned level, std::string_view client_id, const Connect &options, Where where)
+{
+    return level == 5 ? connect_v5(client_id, options, where) : connect_v4(client_id, options, where);
+}
+
 Peer &Peer::subscribe(std::string_view filter, unsigned qos, Where where)
 {
     const unsigned id = next_id_++;
@@ -287,6 +292,20 @@ void Peer::disconnect(Where where)
 {
     send(disconnect_packet(level_));
     expect_closed(where);
+}
+
+Peer come(unsigned level, const std::string &id, const Connect &options, Where where)
+{
+    Peer peer = Peer::tcp(1883, where);
+    peer.connect(level, id, options, where);
+    return peer;
+}
+
+Connect keep(unsigned level, bool present)
+{
+    return {.clean            = false,
+            .session_expiry_s = level == 5 ? std::optional(3600u) : std::nullopt,
+            .session_present  = present};
 }
 
 } // namespace tarn::test
