@@ -1,5 +1,5 @@
 #include "calls.h"
-#include "codec/disconnect_link.h"
+#include "codec/codec_calls.h"
 
 #include <gtest/gtest.h>
 
