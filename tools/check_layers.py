@@ -35,7 +35,6 @@ SHELLS = {"stats": "api/stats_c.cpp"}
 # What the library needs of modules without a face, beyond their installed headers.
 SEAMS = {
     "client/client_ref.h": "records found and held safely",
-    "sub/share.h": "the group and the filter of a shared subscription",
 }
 
 # (module, header above it): why the call goes up.
