@@ -257,6 +257,7 @@ void tarn_sdk_mqtt_broker_deinit(broker_t *broker)
     net::stop();
     persist::destroy();
     client::deinit();
+    stats::deinit();
     log::deinit();
     clear_callbacks(*broker);
     forget_owner();

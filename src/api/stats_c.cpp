@@ -12,7 +12,10 @@ void mqtt_stats_init(void)
     stats::init();
 }
 
-void mqtt_stats_deinit(void) {}
+void mqtt_stats_deinit(void)
+{
+    stats::deinit();
+}
 
 void mqtt_stats_update(void)
 {

@@ -33,7 +33,7 @@
 
 #include "../base/clock.h"
 #include "../base/text.h"
-#include "../codec/mqtt_codec.h"
+#include "../codec/codec.hpp"
 #include "../qos/qos.hpp"
 #include "client_internal.h"
 #include "record_fields.h"
@@ -124,7 +124,7 @@ void fill(mqtt_client_t &client, uint32_t handle, const char *ip, uint16_t port,
     client.last_active = mono_ms();
     client.next_msg_id = 1;
     client.broker      = broker;
-    (void)mqtt_codec_ctx_init(&client.codec);
+    codec::init(client.codec);
     {
         ScopedLock lock(client.send_lock);
         zero_fields<When::Create, Guard::Send>(client);

@@ -6,10 +6,9 @@
 #ifndef TARN_CODEC_CODEC_INTERNAL_H
 #define TARN_CODEC_CODEC_INTERNAL_H
 
-#include "../base/relaxed.h"
 #include "../log/log.h"
+#include "codec.hpp"
 #include "mqtt_codec.h"
-#include "packet_type.h"
 #include "wire.h"
 
 namespace tarn::codec {
@@ -22,7 +21,7 @@ namespace tarn::codec {
 // The context's level, read once a call: another thread may change it meanwhile.
 [[nodiscard]] inline uint32_t level_of(const mqtt_codec_ctx_t *ctx)
 {
-    return shared(ctx->version);
+    return level_of(*ctx);
 }
 inline void set_level(mqtt_codec_ctx_t *ctx, uint32_t level)
 {
@@ -45,6 +44,13 @@ inline void set_level(mqtt_codec_ctx_t *ctx, uint32_t level)
     return pointer;
 }
 
+// ---- variable byte integers (remaining_length.cpp)
+
+// Bytes written, 1..4 of the room for four; 0 for too large a value, with its ERROR line.
+uint32_t encode_length(uint8_t *buf, uint32_t len) noexcept;
+// The value, and the bytes read; -1 when it does not end in `avail` bytes or has more than three.
+int decode_length(const uint8_t *buf, int avail, uint32_t &consumed) noexcept;
+
 // ---- encoders
 
 // Zeroes the caller's whole buffer, which the caller may see, and writes the first byte.
@@ -58,7 +64,7 @@ inline void open_packet(uint8_t *buf, int capacity, uint8_t first_byte)
 [[nodiscard]] inline bool put_varint(Writer &out, uint32_t value)
 {
     uint8_t        field[4];
-    const uint32_t bytes = codec_encode_remaining_length(field, value);
+    const uint32_t bytes = encode_length(field, value);
     out.bytes(field, bytes);
     return bytes != 0;
 }
@@ -74,7 +80,7 @@ struct Sealed {
 {
     uint8_t      field[4];
     const auto   length       = static_cast<uint32_t>(body.need());
-    const size_t length_bytes = codec_encode_remaining_length(field, length);
+    const size_t length_bytes = encode_length(field, length);
     const size_t room         = static_cast<size_t>(capacity) - 1;
 
     memcpy(buf + 1, field, length_bytes < room ? length_bytes : room);
@@ -103,7 +109,7 @@ struct VarInt {
 [[nodiscard]] inline VarInt peek_varint(const Reader &in)
 {
     uint32_t  bytes = 0;
-    const int value = codec_decode_remaining_length(in.at(), in.left(), &bytes);
+    const int value = decode_length(in.at(), in.left(), bytes);
     return {value, static_cast<int>(bytes)};
 }
 

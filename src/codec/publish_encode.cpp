@@ -5,10 +5,10 @@
 // cost one test of the level.
 //
 // PUBLISH:  3d:u8  remaining:varint  topic:text  [packet-id:u16, QoS 1 and 2]  [properties, 5.0]  payload
-#include "publish_link.h"
-
 #include "../base/text.h"
+#include "codec_calls.h"
 #include "codec_internal.h"
+#include "publish_view.h"
 
 namespace tarn::codec {
 namespace {
@@ -138,7 +138,7 @@ int write_head(uint32_t level, const PublishView &message, uint8_t *buf, int *bu
         return REFUSE(CODEC_E_BUFFER, "[PUBLISH ENCODE] Step 4.4 ERROR: Payload buffer overflow (need=%d, have=%d)\n",
                       body, CODEC_BODY_MAX);
 
-    const uint32_t length_bytes = codec_encode_remaining_length(buf + 1, body);
+    const uint32_t length_bytes = encode_length(buf + 1, body);
     if (length_bytes == 0) // cannot happen with a body this short
         return REFUSE(CODEC_E_MALFORMED,
                       "[PUBLISH ENCODE] Step 5 ERROR: Encode Remaining Length failed (len=%d) [MQTT 5.0 §2.1.4]\n",
@@ -170,35 +170,36 @@ PublishView view_of(const mqtt_publish_para_t &para)
 
 } // namespace
 
-int encode_publish_head(uint32_t level, const PublishView &message, uint8_t *buf, int *buf_len, int *head_len) noexcept
+PublishHead encode_publish_head(uint32_t level, const PublishView &message, std::span<uint8_t> buf) noexcept
 {
-    if (const int refused = check(level, message, *buf_len); refused != CODEC_OK)
-        return refused;
-    return write_head(level, message, buf, buf_len, head_len);
+    int length   = static_cast<int>(buf.size());
+    int head_len = 0;
+    int refused  = check(level, message, length);
+    if (refused == CODEC_OK)
+        refused = write_head(level, message, buf.data(), &length, &head_len);
+    if (refused != CODEC_OK)
+        return {Result{refused}, {}, 0};
+    return {Result::Ok, buf.first(static_cast<size_t>(head_len)), static_cast<size_t>(length)};
 }
 
-int publish_id_offset(const uint8_t *packet, int len) noexcept
+int publish_id_offset(std::span<const uint8_t> packet) noexcept
 {
-    if (!packet || len < 2)
+    const int len = static_cast<int>(packet.size());
+    if (!packet.data() || len < 2)
         return -1;
-    const FixedHeader header = read_fixed_header(packet, len);
+    const FixedHeader header = read_fixed_header(packet.data(), len);
     const int         qos    = header.flags >> 1 & 3;
     if (header.type != PUBLISH || !header.length.ok() || (qos != 1 && qos != 2))
         return -1;
 
-    Reader   in(packet, len, header.body);
+    Reader   in(packet.data(), len, header.body);
     uint16_t topic_len = 0;
     if (!in.u16(topic_len) || !in.has(topic_len + 2))
         return -1;
     return in.pos() + topic_len;
 }
 
-} // namespace tarn::codec
-
-using namespace tarn;
-using namespace tarn::codec;
-
-int mqtt_codec_encode_publish(mqtt_codec_ctx_t *ctx, const mqtt_publish_para_t *para, uint8_t *buf, int *buf_len)
+int encode_publish(mqtt_codec_ctx_t *ctx, const mqtt_publish_para_t *para, uint8_t *buf, int *buf_len) noexcept
 {
     if (!ctx || !para || !buf || !buf_len)
         return REFUSE(CODEC_E_PARAM,
@@ -218,3 +219,5 @@ int mqtt_codec_encode_publish(mqtt_codec_ctx_t *ctx, const mqtt_publish_para_t *
         memcpy(buf + head_len, message.payload.data(), message.payload.size());
     return encoded(ctx, PUBLISH, total, buf_len);
 }
+
+} // namespace tarn::codec

@@ -2,7 +2,6 @@
 //
 // Each acknowledgement goes to the reliable-delivery queue first; what the row says besides happens whether the queue
 // knew the identifier or not.
-#include "../codec/mqtt_codec.h"
 #include "../qos/qos.hpp"
 #include "handler_internal.h"
 #include "reply.h"
@@ -68,9 +67,8 @@ int handle_acknowledgement(mqtt_client_t &client, Packet packet) noexcept
     const int       type = packet[0] >> 4;
     const AckRow   &row  = kRows[type - PUBACK];
     mqtt_ack_para_t ack{};
-    int             length = static_cast<int>(packet.size());
-    if (const int code = mqtt_codec_decode_ack(&client.codec, type, packet.data(), &length, &ack))
-        return undecodable(client, row.undecodable, code);
+    if (const codec::Result result = codec::decode_ack(client.codec, type, packet, ack); failed(result))
+        return undecodable(client, row.undecodable, result);
 
     LOG_INFO(row.received, client.client_id, ack.msg_id);
     (void)qos::acknowledge(client, ack.msg_id, static_cast<uint8_t>(type));

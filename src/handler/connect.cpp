@@ -3,7 +3,6 @@
 // There is no session take-over: an older connection of the same id is neither closed nor told, the new record is just
 // the one found by that id from now on. From adopt() on, the record's id is the client's name, not the decoded one.
 #include "../base/text.h"
-#include "../codec/mqtt_codec.h"
 #include "../persist/persist.hpp"
 #include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
@@ -292,8 +291,7 @@ int handle_connect(mqtt_client_t &client, Packet packet) noexcept
 {
     const uint32_t      state = client.state;
     mqtt_connect_para_t connect{};
-    int                 length = static_cast<int>(packet.size());
-    if (mqtt_codec_decode_connect(&client.codec, packet.data(), &length, &connect) != CODEC_OK) {
+    if (failed(codec::decode_connect(client.codec, packet, connect))) {
         LOG_ERROR("CONNECT decode failed");
         stats::count(stats::Counter::parse_error);
         return -1;

@@ -1,6 +1,5 @@
 // disconnect.cpp - the client takes its leave: no will, the session kept or dropped, the connection closed.
 #include "../base/text.h"
-#include "../codec/disconnect_link.h"
 #include "../persist/persist.hpp"
 #include "../qos/qos.hpp"
 #include "../sub/sub.hpp"
@@ -80,9 +79,9 @@ int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept
     const uint32_t         state = client.state;
     mqtt_disconnect_para_t disconnect{};
     bool                   expiry_given = false;
-    int                    length       = static_cast<int>(packet.size());
-    if (const int code = codec::decode_disconnect(&client.codec, packet.data(), &length, &disconnect, &expiry_given))
-        return undecodable(client, "解码DISCONNECT失败：ClientID=%s, 错误码=%d", code);
+    if (const codec::Result result = codec::decode_disconnect(client.codec, packet, disconnect, expiry_given);
+        failed(result))
+        return undecodable(client, "解码DISCONNECT失败：ClientID=%s, 错误码=%d", result);
 
     LOG_INFO("MQTT标准：客户端主动断开连接：ClientID=%s", client.client_id);
     client.disconnect_received = 1;

@@ -62,9 +62,9 @@ bool ignore_unknown(const mqtt_client_t &client, int type)
 // QUIRK(malformed-kept): a packet that does not decode is logged and counted, the connection stays
 // [MQTT-4.8.0-1 of 3.1.1, MQTT-4.13.1-1 of 5.0].
 //   test: dispatch.a_packet_that_does_not_decode_is_counted_and_not_answered
-int undecodable(const mqtt_client_t &client, const char *line, int code) noexcept
+int undecodable(const mqtt_client_t &client, const char *line, codec::Result why) noexcept
 {
-    LOG_ERROR(line, client.client_id, code);
+    LOG_ERROR(line, client.client_id, codec::code_of(why));
     stats::count(stats::Counter::parse_error);
     return -1;
 }

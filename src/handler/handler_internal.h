@@ -8,7 +8,7 @@
 #include "../api/api.hpp"
 #include "../base/relaxed.h"
 #include "../client/client.hpp"
-#include "../codec/packet_type.h"
+#include "../codec/codec.hpp"
 #include "../log/log.h"
 #include "handler.hpp"
 #include "packet_handler.h"
@@ -24,11 +24,11 @@ int handle_ping(mqtt_client_t &client, Packet packet) noexcept;
 int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept;
 
 // A packet that does not decode: one line of the form "解码X失败：ClientID=%s, 错误码=%d", counted, not answered.
-int undecodable(const mqtt_client_t &client, const char *line, int code) noexcept;
+int undecodable(const mqtt_client_t &client, const char *line, codec::Result why) noexcept;
 
 [[nodiscard]] inline bool speaks_v5(const mqtt_client_t &client) noexcept
 {
-    return shared(client.codec.version) == 5;
+    return codec::level_of(client.codec) == 5;
 }
 
 // The first hello is due ten seconds from now (hello_publish.cpp).

@@ -1,6 +1,5 @@
 // publish.cpp - PUBLISH from a client: ask the host, keep a retained copy, route, acknowledge.
 #include "../base/text.h"
-#include "../codec/mqtt_codec.h"
 #include "../qos/qos.hpp"
 #include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
@@ -113,9 +112,8 @@ Reply answer_publisher(mqtt_client_t &client, uint32_t qos, uint16_t id)
 int handle_publish(mqtt_client_t &client, Packet packet) noexcept
 {
     mqtt_publish_para_t message; // the decoder clears it
-    int                 length = static_cast<int>(packet.size());
-    if (const int code = mqtt_codec_decode_publish(&client.codec, packet.data(), &length, &message))
-        return undecodable(client, "解码PUBLISH失败：ClientID=%s, 错误码=%d", code);
+    if (const codec::Result result = codec::decode_publish(client.codec, packet, message); failed(result))
+        return undecodable(client, "解码PUBLISH失败：ClientID=%s, 错误码=%d", result);
 
     stats::count_qos(message.qos);
     LOG_INFO("MQTT标准：收到发布消息：ClientID=%s, Topic=%s, QoS=%d, Retain=%d, MsgID=%d", client.client_id,

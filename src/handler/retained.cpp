@@ -30,10 +30,10 @@ void send_one(mqtt_client_t &client, const retain_msg_t &retained, const char *f
 
     DeliveryCache                cache(message);
     const uint16_t               id     = draw_delivery_id(); // at QoS 0 too
-    const DeliveryCache::Encoded packet = cache.encode(shared(client.codec.version), retained.qos, id);
-    if (packet.code != CODEC_OK)
+    const DeliveryCache::Encoded packet = cache.encode(codec::level_of(client.codec), retained.qos, id);
+    if (!packet.ready())
         return;
-    shared(client.codec.last_packet_type) = uint32_t{PUBLISH};
+    codec::note_packet(client.codec, PUBLISH);
     (void)send_to(client, {packet.head, message.payload});
     LOG_INFO("[保留消息] 下发成功: Client=%s, Topic=%s, Filter=%s", id_of(client).text, topic, filter);
 }

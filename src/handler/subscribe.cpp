@@ -1,7 +1,6 @@
 // subscribe.cpp - SUBSCRIBE: each filter is judged, entered and answered with retained messages at once, then saved
 // with the session and reported in the SUBACK.
 #include "../base/text.h"
-#include "../codec/mqtt_codec.h"
 #include "../persist/persist.hpp"
 #include "../sub/sub.hpp"
 #include "handler_internal.h"
@@ -130,9 +129,8 @@ int answer(mqtt_client_t &client, mqtt_ack_para_t &ack, uint32_t summary)
 int handle_subscribe(mqtt_client_t &client, Packet packet) noexcept
 {
     mqtt_subscribe_para_t request{};
-    int                   length = static_cast<int>(packet.size());
-    if (const int code = mqtt_codec_decode_subscribe(&client.codec, packet.data(), &length, &request))
-        return undecodable(client, "解码SUBSCRIBE失败：ClientID=%s, 错误码=%d", code);
+    if (const codec::Result result = codec::decode_subscribe(client.codec, packet, request); failed(result))
+        return undecodable(client, "解码SUBSCRIBE失败：ClientID=%s, 错误码=%d", result);
 
     say_request(client, request);
     mqtt_ack_para_t ack{};

@@ -5,7 +5,6 @@
 #include "../base/clock.h"
 #include "../base/memory.h"
 #include "../base/text.h"
-#include "../codec/mqtt_codec.h"
 #include "../persist/persist.hpp"
 #include "../stats/stats.hpp"
 #include "handler_internal.h"
@@ -62,10 +61,10 @@ void mark_will_sent(mqtt_client_t &client)
 // deleted a moment before because it ended with the connection: the next CONNECT finds a session present although it
 // should find none [MQTT-3.2.2-3]. Closing settles the session first and the will after it.
 //   test: close_table.every_kind_of_client_every_way_and_every_will
-void send_will(mqtt_client_t &client, const mqtt_publish_para_t &will, const uint8_t *packet, int length)
+void send_will(mqtt_client_t &client, const mqtt_publish_para_t &will, Packet packet)
 {
-    LOG_INFO("[WILL] 编码成功 | len=%d | 开始广播", length);
-    broadcast({packet, static_cast<size_t>(length)}, true);
+    LOG_INFO("[WILL] 编码成功 | len=%d | 开始广播", static_cast<int>(packet.size()));
+    broadcast(packet, true);
     stats::count(stats::Counter::will_sent);
     api::tell(client, BROKER_EVENT_WILL, will.topic, static_cast<int32_t>(will.qos));
     {
@@ -89,19 +88,19 @@ bool publish_will(mqtt_client_t &client) noexcept
         return false;
     say_sending(client, will);
 
-    const owned<uint8_t> packet = allocate_zeroed<uint8_t>(PACKET_WILL_BUFFER_SIZE);
-    if (!packet) {
+    const owned<uint8_t> room = allocate_zeroed<uint8_t>(PACKET_WILL_BUFFER_SIZE);
+    if (!room) {
         LOG_ERROR("[WILL] malloc failed");
         return false;
     }
-    will.msg_id      = draw_packet_id(); // receivers get others
-    int       length = PACKET_WILL_BUFFER_SIZE;
-    const int code   = mqtt_codec_encode_publish(&client.codec, &will, packet.get(), &length);
-    if (code != CODEC_OK || length <= 0) {
-        LOG_ERROR("[WILL] 编码失败 | code=%d | len=%d", code, length);
+    will.msg_id = draw_packet_id(); // receivers get others
+    std::span<uint8_t>  packet(room.get(), PACKET_WILL_BUFFER_SIZE);
+    const codec::Result result = codec::encode_publish(client.codec, will, packet);
+    if (failed(result)) {
+        LOG_ERROR("[WILL] 编码失败 | code=%d | len=%d", codec::code_of(result), static_cast<int>(packet.size()));
         return false;
     }
-    send_will(client, will, packet.get(), length);
+    send_will(client, will, packet);
     return true;
 }
 

@@ -5,8 +5,7 @@
 #include "../base/clock.h"
 #include "../base/text.h"
 #include "../client/client.hpp"
-#include "../codec/mqtt_codec.h"
-#include "../codec/packet_type.h"
+#include "../codec/codec.hpp"
 #include "../log/log.h"
 #include "qos_internal.h"
 
@@ -118,12 +117,12 @@ bool send_reply(mqtt_client_t *client, int type, uint16_t msg_id)
 {
     mqtt_ack_para_t reply{};
     reply.msg_id = msg_id;
-    uint8_t packet[PACKET_REPLY_SIZE];
-    int     length = sizeof packet;
-    if (mqtt_codec_encode_ack(&client->codec, type, &reply, packet, &length) != CODEC_OK)
+    uint8_t            room[PACKET_REPLY_SIZE];
+    std::span<uint8_t> packet(room);
+    if (failed(codec::encode_ack(client->codec, type, reply, packet)))
         return false;
     const client_ref pin(client);
-    (void)send_to(*client, {{packet, static_cast<size_t>(length)}});
+    (void)send_to(*client, {packet});
     return true;
 }
 

@@ -5,8 +5,7 @@
 #include "../base/text.h"
 #include "../base/thread.h"
 #include "../client/client.hpp"
-#include "../codec/codec_text.h"
-#include "../codec/mqtt_codec.h"
+#include "../codec/codec.hpp"
 #include "../log/log.h"
 #include "qos_internal.h"
 
@@ -150,7 +149,7 @@ int send_packet(qos_packet_t *entry, uint64_t now_ms)
                   static_cast<int>(entry->payload_len));
         return -1;
     }
-    if (shared(client->codec.version) == 0) {
+    if (codec::level_of(client->codec) == 0) {
         LOG_ERROR("[QoS] 重发报文失败：客户端编解码上下文未初始化(client=%s)", id_of(*client).text);
         return -1;
     }
@@ -167,20 +166,20 @@ int send_packet(qos_packet_t *entry, uint64_t now_ms)
     message.qos         = entry->qos;
     message.dup         = entry->dup;
 
-    int                  size   = static_cast<int>(entry->payload_len) + QOS_ENCODE_EXTRA;
-    const owned<uint8_t> packet = allocate<uint8_t>(static_cast<size_t>(size));
-    if (!packet) {
-        LOG_ERROR("[QoS] 重发报文失败：分配发送缓冲区失败（需要%d字节）", size);
+    const size_t         size = entry->payload_len + QOS_ENCODE_EXTRA;
+    const owned<uint8_t> room = allocate<uint8_t>(size);
+    if (!room) {
+        LOG_ERROR("[QoS] 重发报文失败：分配发送缓冲区失败（需要%d字节）", static_cast<int>(size));
         return -1;
     }
-    if (const int code = mqtt_codec_encode_publish(&client->codec, &message, packet.get(), &size); code != CODEC_OK) {
-        LOG_ERROR("[QoS] 重发报文失败(msg_id=%d)：编码错误（错误码：%d，描述：%s）", entry->msg_id, code,
-                  codec::error_text(code));
+    std::span<uint8_t> packet(room.get(), size);
+    if (const codec::Result encoded = codec::encode_publish(client->codec, message, packet); failed(encoded)) {
+        LOG_ERROR("[QoS] 重发报文失败(msg_id=%d)：编码错误（错误码：%d，描述：%s）", entry->msg_id,
+                  codec::code_of(encoded), codec::error_text(encoded));
         return -1;
     }
     const client_ref pin(client);
-    const uint32_t   result = send_to(*client, {{packet.get(), static_cast<size_t>(size)}});
-    if (result != 0) {
+    if (const uint32_t result = send_to(*client, {packet}); result != 0) {
         LOG_ERROR("[QoS] 重发报文失败(msg_id=%d)：发送错误（返回码：%d）", entry->msg_id, static_cast<int>(result));
         return -1;
     }

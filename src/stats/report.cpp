@@ -169,6 +169,8 @@ void init() noexcept
     LOG_INFO("[MQTT-Stats] 维测统计模块初始化完成");
 }
 
+void deinit() noexcept {}
+
 void take_over(const Snapshot &snapshot) noexcept
 {
     s.online = snapshot.online;

@@ -9,7 +9,8 @@
 
 namespace tarn::stats {
 
-void init() noexcept; // zeroes the record and notes the time
+void init() noexcept;   // zeroes the record and notes the time
+void deinit() noexcept; // does nothing: the numbers stay readable
 
 // What others know, as it is now.
 struct Snapshot {

@@ -1,5 +1,5 @@
 #include "calls.h"
-#include "codec/disconnect_link.h"
+#include "codec/codec_calls.h"
 #include "support/log_lines/codec.h"
 
 #include <gtest/gtest.h>

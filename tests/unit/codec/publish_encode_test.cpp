@@ -1,6 +1,6 @@
 #include "calls.h"
 
-#include "codec/publish_link.h"
+#include "codec/publish_view.h"
 #include "support/log_lines/codec.h"
 
 #include <gmock/gmock.h>
@@ -337,13 +337,14 @@ TEST(publish_encode, traces_no_identifier_and_no_properties_where_there_are_none
 // Head and payload put together, as the ring of a receiver does.
 static int encode_publish_view(uint32_t version, const tarn::codec::PublishView &view, uint8_t *buf, int *len)
 {
-    int       head_len = 0;
-    const int code     = tarn::codec::encode_publish_head(version, view, buf, len, &head_len);
-    if (code == 0) {
-        EXPECT_EQ(*len - head_len, static_cast<int>(view.payload.size()));
-        std::copy(view.payload.begin(), view.payload.end(), buf + head_len);
+    const auto [result, head, length] =
+        tarn::codec::encode_publish_head(version, view, {buf, static_cast<size_t>(*len)});
+    if (!failed(result)) {
+        *len = static_cast<int>(length);
+        EXPECT_EQ(length - head.size(), view.payload.size());
+        std::copy(view.payload.begin(), view.payload.end(), buf + head.size());
     }
-    return code;
+    return code_of(result);
 }
 
 TEST(publish_view, gives_the_packet_of_the_record)
@@ -391,7 +392,7 @@ TEST(publish_id_offset, finds_the_identifier)
             for (const uint32_t qos : {1u, 2u}) {
                 Publish   para = sized(5, payload, qos);
                 Encoded   e    = encode(para, version);
-                const int at   = publish_id_offset(e.buffer.data(), e.length);
+                const int at   = publish_id_offset({e.buffer.data(), static_cast<size_t>(e.length)});
                 ASSERT_EQ(at, (payload ? 3 : 2) + 2 + 5);
                 e.buffer[static_cast<size_t>(at)]     = 0xAB;
                 e.buffer[static_cast<size_t>(at) + 1] = 0xCD;
@@ -404,18 +405,18 @@ TEST(publish_id_offset, is_none_where_no_identifier_stands)
 {
     const auto offset = [](const char *packet) {
         const Bytes bytes = wire(packet);
-        return publish_id_offset(bytes.data(), static_cast<int>(bytes.size()));
+        return publish_id_offset(bytes);
     };
     EXPECT_EQ(offset("32 05 00 01 61 00 07"), 5);
     EXPECT_EQ(offset("30 05 00 01 61 00 07"), -1) << "QoS 0";
     EXPECT_EQ(offset("36 05 00 01 61 00 07"), -1) << "QoS 3";
     EXPECT_EQ(offset("42 05 00 01 61 00 07"), -1) << "another type";
-    EXPECT_EQ(publish_id_offset(nullptr, 7), -1);
+    EXPECT_EQ(publish_id_offset({static_cast<const uint8_t *>(nullptr), 7}), -1);
 
     const Bytes whole = wire("32 05 00 01 61 00 07");
     for (size_t cut = 0; cut < whole.size(); ++cut) {
         const Bytes part(whole.begin(), whole.begin() + static_cast<long>(cut));
-        EXPECT_EQ(publish_id_offset(part.data(), static_cast<int>(cut)), -1) << cut;
+        EXPECT_EQ(publish_id_offset(part), -1) << cut;
     }
     EXPECT_EQ(offset("32 80 80 80 01 00 01 61 00 07"), -1) << "four length bytes";
 }

@@ -201,7 +201,7 @@ TEST_F(stats, reset_clears_the_period_only)
     mqtt_stats_init();
     fill();
     mqtt_stats_t expected = g_mqtt_stats;
-    memset(&expected.period_rx, 0, sizeof expected - offsetof(mqtt_stats_t, period_rx));
+    memset(static_cast<void *>(&expected.period_rx), 0, sizeof expected - offsetof(mqtt_stats_t, period_rx));
     mqtt_stats_reset_period();
     EXPECT_EQ(memcmp(&g_mqtt_stats, &expected, offsetof(mqtt_stats_t, period_timeout)), 0);
     EXPECT_EQ(memcmp(&g_mqtt_stats.period_timeout, &expected.period_timeout, 8), 0);
