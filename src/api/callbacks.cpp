@@ -1,7 +1,7 @@
 // callbacks.cpp - the host's three callbacks: registering them, and how packet handling reaches them.
 //
 // They belong to the instance that owns the client. No lock is held while one runs, so it may call the API.
-#include "../client/client_ref.h"
+#include "../client/client.hpp"
 #include "api_internal.h"
 
 #include <cstdio>

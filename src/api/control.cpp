@@ -1,6 +1,6 @@
 // control.cpp - what a host can do to a running broker.
 #include "../base/text.h"
-#include "../client/client_ref.h"
+#include "../client/client.hpp"
 #include "../handler/packet_handler.h"
 #include "../sub/sub.hpp"
 #include "api_internal.h"

@@ -2,7 +2,7 @@
 #include "../base/clock.h"
 #include "../base/relaxed.h"
 #include "../base/thread.h"
-#include "../client/client_ref.h"
+#include "../client/client.hpp"
 #include "../stats/mqtt_stats.h"
 #include "../sub/sub.hpp"
 #include "api_internal.h"
@@ -39,7 +39,7 @@ void report_when_due(int64_t now_s)
 void housekeeping_turn(broker_t &broker, int64_t now_s)
 {
     if (due(last_clean, now_s, kCleanPeriod_s)) {
-        client_clean_timeout(static_cast<uint32_t>(peek(broker.keepalive_timeout)) * 1000);
+        client::close_silent(mono_ms(), static_cast<uint32_t>(peek(broker.keepalive_timeout)) * 1000);
         poke(last_clean, now_s);
     }
     report_when_due(now_s);
@@ -48,7 +48,7 @@ void housekeeping_turn(broker_t &broker, int64_t now_s)
         poke(last_retain_clean, now_s);
     }
     if (will_delays_running())
-        client_will_delay_scan();
+        client::settle_due_wills(mono_ms());
 }
 
 void begin_housekeeping(broker_t &broker)

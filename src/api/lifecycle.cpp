@@ -5,7 +5,7 @@
 #include "../base/mutex.h"
 #include "../base/text.h"
 #include "../base/thread.h"
-#include "../client/client.h"
+#include "../client/client.hpp"
 #include "../handler/packet_handler.h"
 #include "../net/netip_link.h"
 #include "../persist/persist.hpp"
@@ -99,7 +99,7 @@ void take_down_leftovers()
 
 int32_t bring_up(broker_t &broker, int32_t max_clients)
 {
-    if (client_mgr_init(max_clients) != 0) {
+    if (!client::init(max_clients)) {
         LOG_ERROR("[SDK] client_mgr_init failed");
         return TARN_E_RESOURCE;
     }
@@ -110,7 +110,7 @@ int32_t bring_up(broker_t &broker, int32_t max_clients)
             g_left_standing = true;
             g_owner         = &broker; // datagrams can still make clients of it
         }
-        client_mgr_deinit();
+        client::deinit();
         return TARN_E_RESOURCE;
     }
     g_owner = &broker;
@@ -255,7 +255,7 @@ void tarn_sdk_mqtt_broker_deinit(broker_t *broker)
         return;
     netip_deinit();
     persist::destroy();
-    client_mgr_deinit();
+    client::deinit();
     mqtt_stats_deinit();
     agent_log_deinit();
     clear_callbacks(*broker);

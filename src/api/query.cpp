@@ -1,7 +1,7 @@
 // query.cpp - what a host can ask of a running broker.
 #include "../base/clock.h"
 #include "../base/text.h"
-#include "../client/client_ref.h"
+#include "../client/client.hpp"
 #include "../stats/mqtt_stats.h"
 #include "../sub/sub.hpp"
 #include "api_internal.h"
@@ -39,12 +39,12 @@ void describe(mqtt_client_t &client, tarn_sdk_mqtt_client_info_t &info)
 
 uint32_t tarn_sdk_mqtt_broker_get_online_count(broker_t * /*unused*/)
 {
-    return client_get_connected_count();
+    return client::count_online();
 }
 
 int32_t tarn_sdk_mqtt_broker_get_client_id_list(broker_t * /*unused*/, char *buf, int32_t size)
 {
-    return fill_list(buf, size, client_fill_id_list);
+    return fill_list(buf, size, client::list_ids);
 }
 
 int32_t tarn_sdk_mqtt_broker_get_retain_topic_list(broker_t * /*unused*/, char *buf, int32_t size)
@@ -72,7 +72,7 @@ int32_t tarn_sdk_mqtt_broker_get_stats(broker_t * /*unused*/, tarn_sdk_mqtt_brok
     if (!stats)
         return TARN_E_PARAM;
     const mqtt_stats_t &all = g_mqtt_stats;
-    stats->online           = client_get_connected_count();
+    stats->online           = client::count_online();
     stats->messages         = static_cast<uint32_t>(peek(all.qos0) + peek(all.qos1) + peek(all.qos2));
     stats->subscriptions    = peek(all.subs);
     stats->uptime_seconds   = static_cast<uint32_t>(elapsed(mono_ms(), peek(all.start_ms)) / 1000);

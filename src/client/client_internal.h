@@ -165,6 +165,8 @@ void wait_for_flusher(mqtt_client_t &client) noexcept;
 void               drop_ring(mqtt_client_t &client) noexcept;
 [[nodiscard]] bool has_packets(mqtt_client_t &client) noexcept;
 
+void start_send_thread() noexcept;                // unless it runs
+void stop_send_thread() noexcept;                 // waits for it
 void hand_to_send_thread(int32_t index) noexcept; // wakes it
 void wake_send_thread() noexcept;                 // it tries again what sockets did not take
 
@@ -184,8 +186,12 @@ void free_will_texts(mqtt_client_t &client) noexcept REQUIRES(client.will_lock);
 void note_parked(mqtt_client_t &client, uint64_t due_at_ms) noexcept;
 void note_unparked(mqtt_client_t &client) noexcept;
 
-uint32_t timeout_scan_turn(uint64_t now_ms, uint32_t default_threshold_ms) noexcept;
-void     will_scan_turn(uint64_t now_ms) noexcept;
+void purge_expired_sessions() noexcept; // session_purge.cpp
+
+// ---- the lines of wrong arguments, null pointers among them (activity.cpp, will_store.cpp)
+
+void refuse_keepalive(uint32_t handle, int state) noexcept;
+void refuse_will(const mqtt_client_t *client, const Will &asked) noexcept;
 
 } // namespace tarn::client
 

@@ -146,13 +146,3 @@ void tarn::close_seen(mqtt_client_t &client, uint32_t seen_state) noexcept
         close_claimed(client);
     unclaim_closing(client);
 }
-
-void client_close(mqtt_client_t *client)
-{
-    if (!client) {
-        LOG_DEBUG("[遗嘱调试][关闭客户端] 客户端为空，跳过");
-        return;
-    }
-    const client_ref pin(client);
-    close_seen(*client, client->state);
-}

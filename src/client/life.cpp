@@ -16,13 +16,13 @@
 //                 wipe
 //
 // Who takes an edge, and what makes it one winner:
-//   create      client_create, the bridge with a connection's first packet; who takes the slot (pool.cpp)
+//   create      a host, the bridge with a connection's first packet; who takes the slot (pool.cpp)
 //   log in      CONNECT; any number of times until the client goes offline
-//   go offline  close_seen and client_close (close.cpp), for the bridge, packet handling, the host's kick, the time-out
-//               scan; who has the claim
+//   go offline  close_seen (close.cpp), for the bridge, packet handling, the host's kick, the time-out scan; who has the
+//               claim
 //   settle      the will scan, the CONNECT of a client that came back (release_parked), who calls the delay off
 //               (release_called_off); who has the claim
-//   release     behind go offline where no will starts, and behind settle; pool_free. Who sets the mark kReleased
+//   release     behind go offline where no will starts, and behind settle; a host. Who sets the mark kReleased
 //   retire      unlink_pool, when the manager goes down; a released record loses what a holder stored in it since
 //   wipe        the last unpin of a released record (pins.cpp). Where a whole block is held by nobody, unlink_pool gives
 //               its memory back instead, or scrubs the records that share it with a held one: UNUSED again
@@ -118,7 +118,7 @@ void fill(mqtt_client_t &client, uint32_t handle, const char *ip, uint16_t port,
     client.handle = handle;
     {
         ScopedLock lock(id_lock(client));
-        copy_text(client.ip, ip ? ip : "", sizeof client.ip - 1);
+        copy_text(client.ip, ip, sizeof client.ip - 1);
     }
     client.port        = port;
     client.last_active = mono_ms();
@@ -300,17 +300,6 @@ void scrub(mqtt_client_t &client) noexcept
 
 using namespace tarn;
 using namespace tarn::client;
-
-mqtt_client_t *client_create(uint32_t handle, const char *ip, uint16_t port, broker_t *broker)
-{
-    return create_client(handle, ip, port, broker, {}).get();
-}
-
-void pool_free(mqtt_client_t *client)
-{
-    if (client)
-        (void)release_record(*client);
-}
 
 bool tarn::mark_logged_in(mqtt_client_t &client) noexcept
 {

@@ -248,7 +248,7 @@ uint32_t tarn::queue_packet(mqtt_client_t &client, const PacketParts &packet) no
         return kFailed;
     }
     stats::count(stats::Counter::tx_pkt);
-    client_update_active(&client);
+    note_active(client);
     return 0;
 }
 
@@ -286,22 +286,4 @@ void tarn::end_with_disconnect(mqtt_client_t &client) noexcept
     ScopedLock  lock(client.send_lock);
     if (side && side->last_packet == LastPacket::None)
         side->last_packet = LastPacket::Announced;
-}
-
-uint32_t client_send(mqtt_client_t *client, const uint8_t *bytes, int32_t length)
-{
-    if (!client) {
-        stats::count(stats::Counter::drop_invalid_param);
-        return kFailed;
-    }
-    const client_ref pin(client);
-    return send_to(*client, {{bytes, length < 1 ? 0 : static_cast<size_t>(length)}});
-}
-
-void client_send_flush(mqtt_client_t *client)
-{
-    if (!client)
-        return;
-    const client_ref pin(client);
-    flush_client(*client);
 }

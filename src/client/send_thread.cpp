@@ -239,7 +239,7 @@ void *send_thread_proc(void *)
     return nullptr;
 }
 
-void mqtt_start_send_thread(void)
+void tarn::client::start_send_thread() noexcept
 {
     ScopedLock lock(g_start_mx);
     if (g_started && g_send_running)
@@ -249,7 +249,7 @@ void mqtt_start_send_thread(void)
     g_started      = start_thread(&g_send_thread, "tarn-send", send_thread_proc, nullptr) == 0;
 }
 
-void mqtt_stop_send_thread(void)
+void tarn::client::stop_send_thread() noexcept
 {
     ScopedLock lock(g_start_mx);
     end_thread();

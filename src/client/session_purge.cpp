@@ -38,12 +38,8 @@ int collect(uint64_t now_s, int32_t &place, Expired (&found)[kAtATime])
 }
 
 } // namespace
-} // namespace tarn::client
 
-using namespace tarn;
-using namespace tarn::client;
-
-void client_clean_expired_sessions(void)
+void purge_expired_sessions() noexcept
 {
     const auto now_s = static_cast<uint64_t>(wall_s());
     LOG_INFO("[MQTT5] 开始清理过期会话...");
@@ -59,3 +55,5 @@ void client_clean_expired_sessions(void)
     }
     LOG_INFO("[MQTT5] 过期会话清理完成");
 }
+
+} // namespace tarn::client

@@ -160,7 +160,7 @@ uint32_t scan(uint64_t now_ms, uint32_t default_threshold_ms)
 
 } // namespace
 
-uint32_t timeout_scan_turn(uint64_t now_ms, uint32_t default_threshold_ms) noexcept
+uint32_t close_silent(uint64_t now_ms, uint32_t default_threshold_ms) noexcept
 {
     if (!g_client_mgr.running || g_client_mgr.block_count <= 0)
         return 0;
@@ -172,8 +172,3 @@ uint32_t timeout_scan_turn(uint64_t now_ms, uint32_t default_threshold_ms) noexc
 }
 
 } // namespace tarn::client
-
-uint32_t client_clean_timeout(uint32_t default_threshold_ms)
-{
-    return tarn::client::timeout_scan_turn(tarn::mono_ms(), default_threshold_ms);
-}

@@ -112,7 +112,7 @@ void note_unparked(mqtt_client_t &client) noexcept
         g_parked.fetch_sub(1);
 }
 
-void will_scan_turn(uint64_t now_ms) noexcept
+void settle_due_wills(uint64_t now_ms) noexcept
 {
     g_next_walk_ms.store(now_ms + kWalk_ms, std::memory_order_relaxed);
     g_next_due_ms.store(kNever); // whoever parks a record from here on lowers it again
@@ -141,9 +141,4 @@ bool tarn::will_delays_running() noexcept
 bool tarn::wills_are_parked() noexcept
 {
     return g_parked.load() > 0;
-}
-
-void client_will_delay_scan(void)
-{
-    will_scan_turn(mono_ms());
 }

@@ -36,8 +36,8 @@ int refuse(mqtt_client_t &client, uint32_t state)
 [[nodiscard]] bool adopt(mqtt_client_t &client, const mqtt_connect_para_t &connect)
 {
     client.clean_session = connect.clean_start;
-    client_set_keepalive(&client, connect.keep_alive);
-    client_set_cid(&client, connect.client_id);
+    client::set_keepalive(client, connect.keep_alive);
+    client::set_id(client, connect.client_id);
     return mark_logged_in(client);
 }
 
@@ -105,7 +105,7 @@ void restore_will(mqtt_client_t &client)
     // The file's length may exceed the bytes the record holds: what is missing reads as zeroes.
     uint8_t payload[CLIENT_WILL_MAX] = {};
     memcpy(payload, session.will_payload, sizeof session.will_payload);
-    client_set_will_msg(&client, session.will_topic, payload, session.will_len, session.will_qos, 0);
+    client::set_will(client, {session.will_topic, payload, session.will_len, session.will_qos, 0});
     LOG_INFO("[遗嘱] 客户端 %s 遗嘱恢复成功", client.client_id);
 }
 
@@ -151,17 +151,15 @@ void take_will(mqtt_client_t &client, const mqtt_connect_para_t &connect)
         return;
     }
     say_will(client, connect);
-    client_set_will_msg(&client, connect.will_topic, connect.will_payload,
-                        static_cast<uint32_t>(connect.will_payload_len), static_cast<uint8_t>(connect.will_qos),
-                        connect.will_retain);
+    client::set_will(client, {connect.will_topic, connect.will_payload, static_cast<uint32_t>(connect.will_payload_len),
+                              static_cast<uint8_t>(connect.will_qos), connect.will_retain});
     if (speaks_v5(client)) {
         {
             ScopedLock lock(session_lock(client));
             client.session.will_delay_interval      = connect.will_delay_interval;
             client.session.will_msg_expiry_interval = connect.will_msg_expiry_interval;
         }
-        client_set_will_enhance(&client, connect.will_delay_interval, connect.will_msg_expiry_interval, 0, "", "",
-                                nullptr, 0);
+        client::set_will_properties(client, {connect.will_delay_interval, connect.will_msg_expiry_interval, 0, "", ""});
     }
     ScopedLock lock(session_lock(client));
     copy_will_to_session(client.session, connect);

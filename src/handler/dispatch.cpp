@@ -90,7 +90,7 @@ int handler::dispatch(mqtt_client_t &client, const uint8_t *bytes, uint32_t leng
 
     const int type = packet[0] >> 4;
     LOG_DEBUG("收到MQTT报文：ClientID=%s, 类型=%d, 长度=%u", client.client_id, type, length);
-    client_update_active(&client);
+    client::note_active(client);
     return kHandlers[type] ? kHandlers[type](client, packet) : ignore_unknown(client, type);
 }
 

@@ -7,7 +7,7 @@
 
 #include "../api/broker.h"
 #include "../base/relaxed.h"
-#include "../client/client_ref.h"
+#include "../client/client.hpp"
 #include "../codec/packet_type.h"
 #include "../log/log.h"
 #include "packet_handler.h"

@@ -4,7 +4,7 @@
 // acknowledges it, its retries or its life end, or the client is released.
 #include "../base/clock.h"
 #include "../base/text.h"
-#include "../client/client_ref.h"
+#include "../client/client.hpp"
 #include "../codec/mqtt_codec.h"
 #include "../codec/packet_type.h"
 #include "../log/log.h"
@@ -128,7 +128,8 @@ bool send_reply(mqtt_client_t *client, int type, uint16_t msg_id)
     int     length = sizeof packet;
     if (mqtt_codec_encode_ack(&client->codec, type, &reply, packet, &length) != CODEC_OK)
         return false;
-    client_send(client, packet, length);
+    const client_ref pin(client);
+    (void)send_to(*client, {{packet, static_cast<size_t>(length)}});
     return true;
 }
 

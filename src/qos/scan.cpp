@@ -4,7 +4,7 @@
 #include "../base/memory.h"
 #include "../base/text.h"
 #include "../base/thread.h"
-#include "../client/client_ref.h"
+#include "../client/client.hpp"
 #include "../codec/codec_text.h"
 #include "../codec/mqtt_codec.h"
 #include "../log/log.h"
@@ -178,7 +178,9 @@ int send_packet(qos_packet_t *entry, uint64_t now_ms)
                   codec::error_text(code));
         return -1;
     }
-    if (const uint32_t result = client_send(client, packet.get(), size); result != 0) {
+    const client_ref pin(client);
+    const uint32_t   result = send_to(*client, {{packet.get(), static_cast<size_t>(size)}});
+    if (result != 0) {
         LOG_ERROR("[QoS] 重发报文失败(msg_id=%d)：发送错误（返回码：%d）", entry->msg_id, static_cast<int>(result));
         return -1;
     }

@@ -2,7 +2,7 @@
 //
 // A report is a set of single readings, not one moment's picture.
 #include "../base/clock.h"
-#include "../client/client.h"
+#include "../client/client.hpp"
 #include "../log/log.h"
 #include "../sub/sub.h"
 #include "counters.h"
@@ -177,7 +177,7 @@ extern "C" void mqtt_stats_deinit(void) {}
 
 extern "C" void mqtt_stats_update(void)
 {
-    const uint32_t online = client_get_connected_count();
+    const uint32_t online = client::count_online();
     poke(s.online, online);
     raise(s.max_online, online);
 

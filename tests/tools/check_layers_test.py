@@ -39,7 +39,7 @@ class CheckLayers(unittest.TestCase):
 
     def test_upward_by_exception(self):
         self.assertEqual(
-            self.faults({"src/client/client.h": "", "src/stats/a.cpp": '#include "../client/client.h"\n'}), []
+            self.faults({"src/client/client.hpp": "", "src/stats/a.cpp": '#include "../client/client.hpp"\n'}), []
         )
 
     def test_a_private_header_from_outside(self):
@@ -82,7 +82,7 @@ class CheckLayers(unittest.TestCase):
         header = "/* as sub_add( */\nint  sub_add(const char *id,\n    int qos);\nTARN_LAYOUT_SIZE(int, 4);\n"
         return self.faults(
             {
-                "cmake/install.cmake": "set(TARN_MODULE_HEADERS\n  client/client.h sub/sub.h)\n",
+                "cmake/install.cmake": "set(TARN_MODULE_HEADERS\n  client/client.h net/netip.h sub/sub.h)\n",
                 "src/sub/sub.h": header,
                 "src/sub/sub_c.cpp": "int sub_add(const char *id, int qos)\n{\n    return 0;\n}\n",
                 **files,
@@ -110,8 +110,15 @@ class CheckLayers(unittest.TestCase):
 
     def test_an_exported_function_of_a_module_without_a_face(self):
         self.assertEqual(
-            self.calls({"src/client/client.h": "int client_send(int c);\n", "src/handler/a.cpp": "client_send(c);\n"}),
+            self.calls({"src/net/netip.h": "int netip_send(int c);\n", "src/client/a.cpp": "netip_send(c);\n"}),
             [],
+        )
+
+    def test_an_exported_function_that_is_a_callback(self):
+        files = {"src/client/client.h": "int on_netip_send_ready(int h);\nint client_send(int c);\n"}
+        self.assertEqual(
+            self.calls({**files, "src/client/a.cpp": "each(on_netip_send_ready);\neach(client_send);\n"}),
+            ["src/client/a.cpp:2: client_send is for hosts; the library has client/client.hpp"],
         )
 
     def test_everybody_may_use_base(self):
@@ -143,7 +150,7 @@ class CheckLayers(unittest.TestCase):
     def test_an_exception_that_nobody_uses_is_reported(self):
         made = Project({"cmake/install.cmake": INSTALL, "src/stats/a.cpp": ""})
         self.assertIn(
-            "tools/check_layers.py: nothing in stats/ includes client/client.h any more",
+            "tools/check_layers.py: nothing in stats/ includes client/client.hpp any more",
             made.run("check_layers.py")[1],
         )
 

@@ -174,11 +174,11 @@ int      __real_packet_handler_broker_publish(const char *, const uint8_t *, int
 void     __real_packet_handler_send_disconnect(mqtt_client_t *, uint8_t);
 void     __real__ZN4tarn7persist4initEPKc(const char *);
 void     __real__ZN4tarn7persist7destroyEv(void);
-uint32_t __real_client_mgr_init(int32_t);
-void     __real_client_mgr_deinit(void);
-uint32_t __real_client_clean_timeout(uint32_t);
-void     __real_client_will_delay_scan(void);
-int32_t  __real_client_fill_id_list(char *, int32_t);
+bool     __real__ZN4tarn6client4initEi(int32_t);
+void     __real__ZN4tarn6client6deinitEv(void);
+uint32_t __real__ZN4tarn6client12close_silentEmj(uint64_t, uint32_t);
+void     __real__ZN4tarn6client16settle_due_willsEm(uint64_t);
+int32_t  __real__ZN4tarn6client8list_idsEPci(char *, int32_t);
 uint32_t __real_netip_init(netip_event_cb_t, void *, int32_t);
 void     __real_netip_deinit(void);
 void     __real__ZN4tarn3sub24discard_expired_retainedEv(void);
@@ -260,29 +260,29 @@ void __wrap__ZN4tarn7persist7destroyEv(void)
     note_call("persist_destroy");
     __real__ZN4tarn7persist7destroyEv();
 }
-uint32_t __wrap_client_mgr_init(int32_t max_clients)
+bool __wrap__ZN4tarn6client4initEi(int32_t max_clients)
 {
     note_call("client_mgr_init " + std::to_string(max_clients));
-    return __real_client_mgr_init(max_clients);
+    return __real__ZN4tarn6client4initEi(max_clients);
 }
-void __wrap_client_mgr_deinit(void)
+void __wrap__ZN4tarn6client6deinitEv(void)
 {
     note_call("client_mgr_deinit");
-    __real_client_mgr_deinit();
+    __real__ZN4tarn6client6deinitEv();
 }
-uint32_t __wrap_client_clean_timeout(uint32_t threshold_ms)
+uint32_t __wrap__ZN4tarn6client12close_silentEmj(uint64_t now_ms, uint32_t threshold_ms)
 {
     note_call("client_clean_timeout " + std::to_string(threshold_ms));
-    return __real_client_clean_timeout(threshold_ms);
+    return __real__ZN4tarn6client12close_silentEmj(now_ms, threshold_ms);
 }
-void __wrap_client_will_delay_scan(void)
+void __wrap__ZN4tarn6client16settle_due_willsEm(uint64_t now_ms)
 {
     note_call("client_will_delay_scan");
-    __real_client_will_delay_scan();
+    __real__ZN4tarn6client16settle_due_willsEm(now_ms);
 }
-int32_t __wrap_client_fill_id_list(char *buf, int32_t size)
+int32_t __wrap__ZN4tarn6client8list_idsEPci(char *buf, int32_t size)
 {
-    return g_modules.list ? g_modules.list() : __real_client_fill_id_list(buf, size);
+    return g_modules.list ? g_modules.list() : __real__ZN4tarn6client8list_idsEPci(buf, size);
 }
 uint32_t __wrap_netip_init(netip_event_cb_t cb, void *arg, int32_t io_threads)
 {

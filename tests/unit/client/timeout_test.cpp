@@ -79,7 +79,7 @@ TEST_F(Timeout, activity_newer_than_the_scan_counts_as_none)
     const Manager        manager(1000);
     mqtt_client_t *const record = client(1, 10);
     record->last_active         = clock.mono_ms() + 5;
-    EXPECT_EQ(client::timeout_scan_turn(clock.mono_ms(), 1000), 0u);
+    EXPECT_EQ(client::close_silent(clock.mono_ms(), 1000), 0u);
     EXPECT_EQ(record->used, 1);
 }
 

@@ -5,7 +5,7 @@
 
 #include "api/broker.h"
 #include "base/clock.h"
-#include "client/client_ref.h"
+#include "client/client.hpp"
 #include "codec/mqtt_codec.h"
 #include "handler/handler_internal.h"
 #include "handler/packet_handler.h"

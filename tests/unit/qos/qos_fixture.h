@@ -2,7 +2,7 @@
 #ifndef TARN_TESTS_QOS_FIXTURE_H
 #define TARN_TESTS_QOS_FIXTURE_H
 
-#include "client/client_ref.h"
+#include "client/client.hpp"
 #include "net/netip.h"
 #include "qos/qos_reliable.h"
 #include "support/faults.h"
