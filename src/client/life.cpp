@@ -308,24 +308,21 @@ bool tarn::mark_logged_in(mqtt_client_t &client) noexcept
 
 // ---- the claim, and settle
 
-bool tarn::claim_closing(mqtt_client_t &client) noexcept
-{
-    return set_mark(client, kClaimed);
-}
+Claim::Claim(mqtt_client_t &client) noexcept : client_(set_mark(client, kClaimed) ? &client : nullptr) {}
 
-void tarn::unclaim_closing(mqtt_client_t &client) noexcept
+Claim::~Claim()
 {
-    if (!side_of(&client))
+    if (!client_ || !side_of(client_))
         return;
-    (void)clear_mark(client, kClaimed);
-    release_called_off(client);
+    (void)clear_mark(*client_, kClaimed);
+    release_called_off(*client_);
 }
 
-void tarn::release_parked(mqtt_client_t &client) noexcept
+void tarn::client::release_parked(const Claim &claim) noexcept
 {
-    leave_tables(client, kSettle);
+    leave_tables(claim.client(), kSettle);
     bump(g_will_delay_client_count, -1);
-    (void)release_record(client);
+    (void)release_record(claim.client());
 }
 
 namespace {
@@ -340,11 +337,10 @@ bool was_called_off(mqtt_client_t &client)
 
 } // namespace
 
-void tarn::release_called_off(mqtt_client_t &client) noexcept
+void tarn::client::release_called_off(mqtt_client_t &client) noexcept
 {
-    if (!side_of(&client) || !was_called_off(client) || !claim_closing(client))
+    if (!side_of(&client) || !was_called_off(client))
         return;
-    if (was_called_off(client))
-        release_parked(client);
-    unclaim_closing(client);
+    if (const Claim claim(client); claim && was_called_off(client))
+        release_parked(claim);
 }
