@@ -200,8 +200,7 @@ client_ref create_client(uint32_t handle, const char *ip, uint16_t port, broker_
 
 void close_connection_of(mqtt_client_t &client) noexcept
 {
-    const Side *const side = side_of(&client);
-    net::close_connection(client.handle, side ? uint32_t{side->generation} : 0);
+    net::close_connection(client.handle, guards_of(client).generation);
 }
 
 void go_offline(mqtt_client_t &client) noexcept
@@ -312,7 +311,7 @@ Claim::Claim(mqtt_client_t &client) noexcept : client_(set_mark(client, kClaimed
 
 Claim::~Claim()
 {
-    if (!client_ || !side_of(client_))
+    if (!client_)
         return;
     (void)clear_mark(*client_, kClaimed);
     release_called_off(*client_);
