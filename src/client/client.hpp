@@ -87,16 +87,32 @@ void session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg_count
 // has parked it.
 void close_seen(mqtt_client_t &client, uint32_t seen_state) noexcept;
 
-// Claims a pool record for closing or for settling its will: one winner. Records outside the pool always win.
-[[nodiscard]] bool claim_closing(mqtt_client_t &client) noexcept;
-void               unclaim_closing(mqtt_client_t &client) noexcept;
+namespace client {
 
-// Ends a claimed record that waits for its will: out of both tables, CLOSED, no longer counted as delayed, released.
-void release_parked(mqtt_client_t &client) noexcept;
+// The right to close a client or to settle its will: one thread at a time has it, and looks again at what it saw before.
+// For a record outside the pool everybody has it.
+class Claim {
+public:
+    explicit Claim(mqtt_client_t &client) noexcept; // takes it, if nobody has it. The caller's pin lasts longer.
+    ~Claim();
+    Claim(const Claim &)            = delete;
+    Claim &operator=(const Claim &) = delete;
+
+    explicit       operator bool() const noexcept { return client_ != nullptr; }
+    mqtt_client_t &client() const noexcept { return *client_; }
+
+private:
+    mqtt_client_t *client_; // null: another thread has it
+};
+
+// Ends a record that waits for its will: out of both tables, CLOSED, no longer counted as delayed, released.
+void release_parked(const Claim &claim) noexcept;
 
 // The same for a pool record whose delay was called off while another thread parked it or looked at it: no scan would
-// ever take it. Asked by who calls off and, in unclaim_closing, by who had the claim meanwhile; takes will_lock.
+// ever take it. Asked by who calls off and by who lets go of a claim; takes will_lock.
 void release_called_off(mqtt_client_t &client) noexcept;
+
+} // namespace client
 
 // ---- delayed wills (will_scan.cpp)
 

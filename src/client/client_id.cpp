@@ -4,16 +4,10 @@
 #include "client_internal.h"
 
 namespace tarn::client {
-namespace {
-
-constinit Mutex g_outside_id_mx{}; // shared by all records outside the pool
-
-} // namespace
 
 Mutex &id_lock(const mqtt_client_t &client) noexcept
 {
-    Side *const side = side_of(&client);
-    return side ? side->id_mx : g_outside_id_mx;
+    return guards_of(client).id_mx;
 }
 
 client_id_text stored_id(const mqtt_client_t &client) noexcept

@@ -2,7 +2,7 @@
 // memory behind records and rings, the two tables, and the seams between sending, closing and the scans.
 //
 // The exported records and arrays are the truth. What stands here is hidden state by pool index; a record outside the
-// pool has none, and every guard lets it pass.
+// pool has none of its own, and every guard lets it pass.
 //
 // Locks, outermost first: one of g_client_mgr.locks; data_mx; send_lock or will_lock of one record; leaves pool_mx,
 // bucket_mx, id_mx. None is ever destroyed.
@@ -57,8 +57,10 @@ struct Side {
     Mutex                 id_mx;   // client_id and ip
 };
 
-int32_t        index_of(const mqtt_client_t *client) noexcept; // pool index, or kOutside
-Side          *side_of(const mqtt_client_t *client) noexcept;  // null outside the pool
+int32_t index_of(const mqtt_client_t *client) noexcept; // pool index, or kOutside
+Side   *side_of(const mqtt_client_t *client) noexcept;  // null outside the pool
+// The same for who needs no more than a lock, or reads: all records outside the pool share one, zero but for its locks.
+Side          &guards_of(const mqtt_client_t &client) noexcept;
 Side          &side_at(int32_t index) noexcept;
 mqtt_client_t *record_at(int32_t index) noexcept;
 

@@ -200,8 +200,7 @@ client_ref create_client(uint32_t handle, const char *ip, uint16_t port, broker_
 
 void close_connection_of(mqtt_client_t &client) noexcept
 {
-    const Side *const side = side_of(&client);
-    net::close_connection(client.handle, side ? uint32_t{side->generation} : 0);
+    net::close_connection(client.handle, guards_of(client).generation);
 }
 
 void go_offline(mqtt_client_t &client) noexcept
@@ -308,24 +307,21 @@ bool tarn::mark_logged_in(mqtt_client_t &client) noexcept
 
 // ---- the claim, and settle
 
-bool tarn::claim_closing(mqtt_client_t &client) noexcept
-{
-    return set_mark(client, kClaimed);
-}
+Claim::Claim(mqtt_client_t &client) noexcept : client_(set_mark(client, kClaimed) ? &client : nullptr) {}
 
-void tarn::unclaim_closing(mqtt_client_t &client) noexcept
+Claim::~Claim()
 {
-    if (!side_of(&client))
+    if (!client_)
         return;
-    (void)clear_mark(client, kClaimed);
-    release_called_off(client);
+    (void)clear_mark(*client_, kClaimed);
+    release_called_off(*client_);
 }
 
-void tarn::release_parked(mqtt_client_t &client) noexcept
+void tarn::client::release_parked(const Claim &claim) noexcept
 {
-    leave_tables(client, kSettle);
+    leave_tables(claim.client(), kSettle);
     bump(g_will_delay_client_count, -1);
-    (void)release_record(client);
+    (void)release_record(claim.client());
 }
 
 namespace {
@@ -340,11 +336,10 @@ bool was_called_off(mqtt_client_t &client)
 
 } // namespace
 
-void tarn::release_called_off(mqtt_client_t &client) noexcept
+void tarn::client::release_called_off(mqtt_client_t &client) noexcept
 {
-    if (!side_of(&client) || !was_called_off(client) || !claim_closing(client))
+    if (!side_of(&client) || !was_called_off(client))
         return;
-    if (was_called_off(client))
-        release_parked(client);
-    unclaim_closing(client);
+    if (const Claim claim(client); claim && was_called_off(client))
+        release_parked(claim);
 }

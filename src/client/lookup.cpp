@@ -25,9 +25,8 @@ Mutex &lock_of_hash(uint32_t hash)
 // of its own may still be at it then.
 bool is_of_earlier_connection(mqtt_client_t &client, uint32_t handle)
 {
-    const Side *const side    = side_of(&client);
-    const uint32_t    own     = side ? uint32_t{side->generation} : 0;
-    const uint32_t    current = own != 0 ? net::generation_of(handle) : 0;
+    const uint32_t own     = guards_of(client).generation;
+    const uint32_t current = own != 0 ? net::generation_of(handle) : 0;
     return current != 0 && current != own;
 }
 

@@ -7,8 +7,6 @@
 namespace tarn::client {
 namespace {
 
-constinit Mutex g_outside_data_mx{}; // shared by all records outside the pool
-
 void raise(std::atomic<int32_t> &high, int32_t count, int32_t limit)
 {
     if (count > limit)
@@ -51,8 +49,7 @@ using namespace tarn::client;
 
 tarn::Mutex &tarn::session_lock(const mqtt_client_t &client) noexcept
 {
-    Side *const side = side_of(&client);
-    return side ? side->data_mx : g_outside_data_mx;
+    return guards_of(client).data_mx;
 }
 
 void tarn::session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg_count) noexcept

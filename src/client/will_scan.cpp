@@ -54,20 +54,21 @@ void end_delay(mqtt_client_t &client)
     client.will_delay_pending = 0;
 }
 
-void drop(mqtt_client_t &client)
+void drop(const Claim &claim)
 {
-    LOG_WARN("[WILL] 超时30s强制清理 client=%s", stored_id(client).text);
-    end_delay(client);
-    release_parked(client);
+    LOG_WARN("[WILL] 超时30s强制清理 client=%s", stored_id(claim.client()).text);
+    end_delay(claim.client());
+    release_parked(claim);
 }
 
-void publish(mqtt_client_t &client)
+void publish(const Claim &claim)
 {
+    mqtt_client_t &client = claim.client();
     LOG_WARN("[WILL] 延迟结束，发送并清理 client=%s", stored_id(client).text);
     (void)handler::publish_will(client);
     end_delay(client);
     close_connection_of(client);
-    release_parked(client);
+    release_parked(claim);
 }
 
 void settle_if_due(mqtt_client_t &client, uint64_t now_ms)
@@ -75,15 +76,15 @@ void settle_if_due(mqtt_client_t &client, uint64_t now_ms)
     const auto needs_settling = [&] {
         return is_waiting(client) && (is_overdue(client, now_ms) || is_due(client, now_ms));
     };
-    if (!needs_settling() || !claim_closing(client))
+    if (!needs_settling())
         return;
-    if (needs_settling()) { // still: another thread may have settled it before our claim
-        if (is_overdue(client, now_ms))
-            drop(client);
-        else
-            publish(client);
-    }
-    unclaim_closing(client);
+    const Claim claim(client);
+    if (!claim || !needs_settling()) // still: another thread may have settled it before our claim
+        return;
+    if (is_overdue(client, now_ms))
+        drop(claim);
+    else
+        publish(claim);
 }
 
 // When this record has to be looked at again, if it still waits.

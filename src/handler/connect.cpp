@@ -213,19 +213,17 @@ bool awaits_will(mqtt_client_t &client)
 // The will scan claims records the same way: a will is published or cancelled, never both.
 void cancel_parked_will(mqtt_client_t &parked)
 {
-    if (!claim_closing(parked))
+    const client::Claim claim(parked);
+    if (!claim || !awaits_will(parked))
         return;
-    if (awaits_will(parked)) {
-        call_off_will(parked);
-        release_parked(parked);
-    }
-    unclaim_closing(parked);
+    call_off_will(parked);
+    release_parked(claim);
 }
 
 void cancel_delayed_wills(mqtt_client_t &client)
 {
     call_off_will(client);
-    release_called_off(client); // another thread may have parked it since adopt()
+    client::release_called_off(client); // another thread may have parked it since adopt()
     if (!wills_are_parked())
         return;
     int32_t place = 0;

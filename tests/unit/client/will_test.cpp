@@ -3,6 +3,8 @@
 #include "base/clock.h"
 #include "support/log_lines/client.h"
 
+#include <optional>
+
 using namespace tarn;
 using namespace tarn::test;
 
@@ -242,25 +244,26 @@ TEST_F(WillScan, leaves_a_record_that_another_thread_settles)
 {
     mqtt_client_t *const record = park(1, "dev1", 1);
     clock.advance_ms(1000);
-    ASSERT_TRUE(claim_closing(*record));
-    client_will_delay_scan();
-    EXPECT_THAT(take_calls(), IsEmpty());
-    EXPECT_TRUE(will_delays_running()) << "looks again on the next turn";
-    unclaim_closing(*record);
+    {
+        const client::Claim claim(*record);
+        ASSERT_TRUE(claim);
+        client_will_delay_scan();
+        EXPECT_THAT(take_calls(), IsEmpty());
+        EXPECT_TRUE(will_delays_running()) << "looks again on the next turn";
+    }
     client_will_delay_scan();
     EXPECT_THAT(take_calls(), SizeIs(2));
 }
 
 TEST_F(WillScan, does_not_claim_what_is_not_due)
 {
-    mqtt_client_t *const record  = park(1, "dev1", 5);
-    bool                 claimed = false;
+    mqtt_client_t *const         record = park(1, "dev1", 5);
+    std::optional<client::Claim> claim;
     while_it_waits(record->will_lock, client_will_delay_scan, [&] {
         EXPECT_FALSE(client::is_idle(0)) << "the scan looks at it";
-        claimed = claim_closing(*record);
+        claim.emplace(*record);
     });
-    EXPECT_TRUE(claimed) << "as the CONNECT of a client that comes back does, to cancel its will";
-    unclaim_closing(*record);
+    EXPECT_TRUE(*claim) << "as the CONNECT of a client that comes back does, to cancel its will";
 }
 
 TEST_F(WillScan, leaves_the_tables_to_the_client_that_came_back)

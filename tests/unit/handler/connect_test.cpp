@@ -613,11 +613,13 @@ TEST(connect, a_will_that_another_thread_settles_is_left_to_it)
     Handling             broker;
     mqtt_client_t *const parked = vanished(broker, 1, "dev1");
     Client               client(broker);
-    ASSERT_TRUE(claim_closing(*parked)); // as the will scan does
-    EXPECT_EQ(client.sends(connect_v4("dev1")), 0);
-    EXPECT_EQ(parked->state, CLIENT_WILL_PENDING);
-    EXPECT_EQ(parked->will_delay_pending, 1);
-    unclaim_closing(*parked);
+    {
+        const client::Claim claim(*parked); // as the will scan does
+        ASSERT_TRUE(claim);
+        EXPECT_EQ(client.sends(connect_v4("dev1")), 0);
+        EXPECT_EQ(parked->state, CLIENT_WILL_PENDING);
+        EXPECT_EQ(parked->will_delay_pending, 1);
+    }
     pool_free(parked);
 }
 
