@@ -40,8 +40,8 @@ void describe(mqtt_client_t &client, tarn_sdk_mqtt_client_info_t &info)
 void api::update_statistics() noexcept
 {
     stats::take_over({.online        = client::count_online(),
-                      .pool_capacity = static_cast<uint32_t>(peek(g_client_mgr.capacity)),
-                      .pool_used     = static_cast<uint32_t>(peek(g_client_mgr.used_count)),
+                      .pool_capacity = static_cast<uint32_t>(g_client_mgr.capacity),
+                      .pool_used     = static_cast<uint32_t>(g_client_mgr.used_count),
                       .retained      = static_cast<uint32_t>(g_sub_mgr.retain_count),
                       .subscriptions = static_cast<uint32_t>(g_sub_mgr.sub_count)});
 }

@@ -158,9 +158,9 @@ inline LogLine connack_properties(unsigned max_packet_size, unsigned session_exp
     return info(printed("[MQTT5] CONNACK properties: max_packet_size=%u, session_expiry_interval=%u", max_packet_size,
                         session_expiry_s));
 }
-inline LogLine connack_answered(const std::string &outcome, int session_present)
+inline LogLine connack_sent(const std::string &id, int session_present)
 {
-    return info(printed("CONNACK -> %s (SessionPresent=%d)", outcome.c_str(), session_present));
+    return info(printed("CONNACK -> %s (SessionPresent=%d)", id.c_str(), session_present));
 }
 inline LogLine connect_undecodable()
 {

@@ -119,10 +119,6 @@ inline LogLine delivery_repeated(int qos, int packet_id, int count, int interval
     return info(printed("[QoS] 重发QoS%d报文成功(msg_id=%d)，重试次数=%d，下次间隔=%dms，载荷长度=%d", qos, packet_id,
                         count, interval_ms, payload_length));
 }
-inline LogLine scan_ended(int repeated, int dropped)
-{
-    return debug(printed("[QoS] 队列扫描完成：重发%d条，丢弃%d条", repeated, dropped));
-}
 inline LogLine deliveries_ready()
 {
     return info("[QoS] 可靠投递模块初始化成功");

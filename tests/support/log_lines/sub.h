@@ -86,12 +86,6 @@ inline LogLine sub_add_looks_at(int index, const std::string &id, const std::str
     return debug(printed("[TRACE] sub_add：检查重复订阅（索引=%d, client_id=%s, topic_filter=%s）", index, id.c_str(),
                          filter.c_str()));
 }
-inline LogLine sub_add_replaces(const std::string &id, const std::string &filter, int old_qos, int qos)
-{
-    return debug(printed(
-        "[DEBUG] sub_add：发现重复订阅，更新QoS和CleanSession（client_id=%s, topic_filter=%s, 旧QoS=%d, 新QoS=%d）",
-        id.c_str(), filter.c_str(), old_qos, qos));
-}
 inline LogLine subscription_updated(const std::string &id, const std::string &filter, int qos)
 {
     return info(printed("MQTT标准：更新订阅：ClientID=%s, Topic=%s, QoS=%d", id.c_str(), filter.c_str(), qos));
@@ -103,11 +97,6 @@ inline LogLine sub_add_full(int count)
 inline LogLine subscriptions_full()
 {
     return error("订阅数量超限（max=10000）");
-}
-inline LogLine sub_add_added(const std::string &id, const std::string &filter, int count)
-{
-    return debug(printed("[DEBUG] sub_add：新增订阅成功（client_id=%s, topic_filter=%s, 总数=%d）", id.c_str(),
-                         filter.c_str(), count));
 }
 inline LogLine subscription_added(const std::string &id, const std::string &filter, int qos, int clean_session)
 {
@@ -214,15 +203,6 @@ inline LogLine client_subscriptions_counted(const std::string &id, int count)
     return info(printed("sub_get_client_sub_count：ClientID=%s, 订阅数量=%d", id.c_str(), count));
 }
 
-inline LogLine topic_match_skips_level()
-{
-    return debug("[TRACE] topic_match_wildcard：匹配+通配符，跳过当前层级");
-}
-inline LogLine topic_match_rest(const std::string &filter, const std::string &topic)
-{
-    return debug(printed("[DEBUG] topic_match_wildcard：未完全匹配（filter剩余=%s, topic剩余=%s）", filter.c_str(),
-                         topic.c_str()));
-}
 inline LogLine topic_match_result(const std::string &filter, const std::string &topic, int match)
 {
     return debug(printed("[DEBUG] topic_match_wildcard：匹配结果（filter=%s, topic=%s, match=%d）", filter.c_str(),

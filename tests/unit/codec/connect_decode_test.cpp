@@ -37,6 +37,11 @@ Connect decode_body(const Bytes &body)
     return decode(connect(body));
 }
 
+LogLine cut_short(size_t expected, int actual)
+{
+    return warn(printed("CONNECT decode: pkt len mismatch (expected=%zu, actual=%d), truncate", expected, actual));
+}
+
 void expect_refused(const Connect &d, int code, const Log &log)
 {
     EXPECT_EQ(d.code, code);
@@ -238,7 +243,7 @@ TEST(connect_decode, remaining_length)
 
 TEST(connect_decode, a_short_packet_is_parsed_as_far_as_it_goes)
 {
-    const Log warned = {warn("CONNECT decode: pkt len mismatch (expected=22, actual=16), truncate")};
+    const Log warned = {cut_short(22, 16)};
     expect_success(decode("10 14 | 00 04 'MQTT' 04 02 00 3C | 00 02 'id'"), 4, 16, warned);
     expect_refused(decode("10 14 | 00 04 'MQTT' 04 82 00 3C | 00 02 'id'"), -4,
                    {warned[0], logged::connect_decode_no_length("Username", 16)});
@@ -620,10 +625,7 @@ void expect_cuts(const Bytes &whole, const std::vector<Stretch> &stretches)
             if (length >= stretch.from)
                 line = stretch.line;
         SCOPED_TRACE(length);
-        expect_refused(d, -4,
-                       {warn(printed("CONNECT decode: pkt len mismatch (expected=%zu, actual=%d), truncate",
-                                     whole.size(), length)),
-                        line});
+        expect_refused(d, -4, {cut_short(whole.size(), length), line});
         EXPECT_EQ(d.consumed, length);
     }
 }

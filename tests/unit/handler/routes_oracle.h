@@ -4,6 +4,9 @@
 #define TARN_TESTS_ROUTES_ORACLE_H
 
 #include "routes_rules.h"
+#include "support/log_lines/codec.h"
+#include "support/log_lines/persist.h"
+#include "support/log_lines/qos.h"
 
 namespace tarn::test::routes {
 
@@ -29,23 +32,21 @@ inline Bytes written(unsigned level, const Sending &is, unsigned id)
 }
 
 struct Encoded {
-    int         code = 0;
-    Bytes       bytes;
-    std::string complaint; // of the encoder
+    int     code = 0;
+    Bytes   bytes;
+    LogLine complaint; // of the encoder
 };
 inline Encoded encode(unsigned level, const Sending &message, unsigned id, size_t capacity = 2048)
 {
     if (message.qos > 0 && id == 0)
-        return {-1, {}, "[PUBLISH ENCODE] Step 1 ERROR: QoS1/2 requires non-zero Packet ID [MQTT 5.0 §3.3.2.2]\n"};
+        return {-1, {}, logged::publish_encode_no_packet_id()};
     const size_t body  = body_of(level, message, id).size();
     const Bytes  whole = written(level, message, id);
     if (body > 2112)
-        return {
-            -3, {}, print("[PUBLISH ENCODE] Step 4.4 ERROR: Payload buffer overflow (need=%zu, have=2112)\n", body)};
-    const std::string large = print("(need=%zu, have=%zu)\n", whole.size(), capacity);
+        return {-3, {}, logged::publish_encode_payload_overflow(body)};
     if (whole.size() > capacity)
-        return {-3, {}, "[PUBLISH ENCODE] Step 6 ERROR: Final buffer overflow " + large};
-    return {0, whole, ""};
+        return {-3, {}, logged::publish_encode_overflow(whole.size(), capacity)};
+    return {0, whole, {}};
 }
 
 // Filters here are plain topics, also of a shared group, "+" and "#".
@@ -109,10 +110,9 @@ protected:
     void track(const Member &to, unsigned id, const Sending &message)
     {
         if (message.payload.empty())
-            return say(error("[QoS] 添加报文参数错误：payload为空"));
+            return say(logged::delivery_without_payload());
         pending_.push_front({to, id, {message.topic, message.payload, message.qos}});
-        say(debug(print("[QoS] 添加QoS%u报文到队列成功(msg_id=%u, client=%s, 载荷长度=%zu)", message.qos, id,
-                        to.id.c_str(), message.payload.size())));
+        say(logged::delivery_added(message.qos, id, to.id, message.payload.size()));
     }
 
     void write_file(const std::string &path, const std::string &content)
@@ -129,8 +129,8 @@ protected:
         const auto read = static_cast<int>(has("session") + has("message"));
         count("persist_read", "period_persist_read", read);
         if (has("subscription"))
-            say(info(print("[persist] ✅ 恢复订阅成功: %s 共 %d 条", member.id.c_str(),
-                           files_["subscription/" + member.id + ".json"].find("topic") != std::string::npos)));
+            say(logged::subscriptions_restored(member.id, files_["subscription/" + member.id + ".json"].find("topic") !=
+                                                              std::string::npos));
         return member.remembered || read || has("subscription");
     }
 
@@ -138,9 +138,9 @@ protected:
     {
         for (const auto &[to, id, message] : pending_) { // goes out a second later, newest first
             seen_.pending.push_back(
-                print("%s id=%u qos=%u topic=%s payload=%s dup=0 tries=0 next=1000ms state=%d expiry=%u age=0/0ms",
-                      to.id.c_str(), id, message.qos, message.topic.c_str(), brief(message.payload).c_str(),
-                      message.qos == 2, message.expiry_s));
+                printed("%s id=%u qos=%u topic=%s payload=%s dup=0 tries=0 next=1000ms state=%d expiry=%u age=0/0ms",
+                        to.id.c_str(), id, message.qos, message.topic.c_str(), brief(message.payload).c_str(),
+                        message.qos == 2, message.expiry_s));
             if (to.hindrance != Hindrance::Limit4)
                 repeated_[to.id].push_back(to.id + ": " +
                                            brief(written(to.level, {message.topic, message.payload, message.qos}, id)));
@@ -151,7 +151,7 @@ protected:
             seen_.repeated.insert(seen_.repeated.end(), each.begin(), each.end());
         for (const auto &[name, by] : counters_)
             if (by)
-                seen_.counters.push_back(print("%s+%d", name.c_str(), by));
+                seen_.counters.push_back(printed("%s+%d", name.c_str(), by));
         for (const auto &[path, content] : files_)
             seen_.files.push_back(path + " " + content);
         for (const Kept &kept : store_)
@@ -187,40 +187,26 @@ public:
     }
 
 private:
-    const Route                        route_;
-    const Rules                       &rules_;
-    Sending                            message_;
-    unsigned                           level_;  // of the sender
-    Bytes                              packet_; // as the sender wrote it
-    std::map<std::string, std::string> words_;  // that lines are made of
-    int                                found_ = 0, sent_ = 0;
+    const Route  route_;
+    const Rules &rules_;
+    Sending      message_;
+    unsigned     level_;  // of the sender
+    Bytes        packet_; // as the sender wrote it
+    Words        words_;
+    int          found_ = 0, sent_ = 0;
 
     bool is_will_or_broadcast() const { return route_ == Route::Will || route_ == Route::Broadcast; }
 
-    void                                 word(const char *name, const std::string &value) { words_[name] = value; }
-    template <std::integral Number> void word(const char *name, Number value) { words_[name] = std::to_string(value); }
-
     void tell(At at)
     {
-        word("topic", message_.topic), word("qos", message_.qos), word("retain", int{message_.retain});
-        word("payload", message_.payload.size()), word("expiry", message_.expiry_s), word("size", packet_.size());
-        word("msgid", message_.qos ? kPublishId : 0), word("found", found_), word("sent", sent_);
-        word("failed", found_ - sent_);
+        words_.topic = message_.topic, words_.qos = message_.qos, words_.retain = message_.retain;
+        words_.payload = message_.payload.size(), words_.expiry = message_.expiry_s, words_.size = packet_.size();
+        words_.msgid = message_.qos ? static_cast<int>(kPublishId) : 0, words_.found = found_, words_.sent = sent_;
+        words_.failed = found_ - sent_;
         for (const Says &says : kSays)
             if (says.at == at && strchr(says.who, "PHWBT"[static_cast<int>(route_)]))
-                say({says.level, filled(says.text)});
+                say(says.line(words_));
     }
-    std::string filled(std::string text) const
-    {
-        for (size_t at = 0, end; (at = text.find('{', at)) != text.npos; at = end) {
-            end                     = text.find('}', at);
-            const std::string value = words_.at(text.substr(at + 1, end - at - 1));
-            text.replace(at, end + 1 - at, value);
-            end = at + value.size();
-        }
-        return text;
-    }
-
     // ---- what comes before the receivers; false where it ends there
 
     bool set_out()
@@ -248,16 +234,16 @@ private:
             return true;
         const Encoded out = encode(level_, message_, id, 4096);
         packet_           = out.bytes;
-        word("code", out.code);
+        words_.code       = out.code;
         if (out.code)
-            say(error(out.complaint));
+            say(out.complaint);
         tell(out.code ? At::NotEncodable : At::Encoded);
         return out.code == 0;
     }
     void receive()
     {
         count("pkt_rx", "period_rx");
-        counters_[print("qos%u", message_.qos)]++;
+        counters_[printed("qos%u", message_.qos)]++;
         tell(At::Received);
         if (level_ == 4 && !message_.payload.empty() && message_.payload[0] == 0) {
             level_ = 5; // what begins like an empty property block is taken for one
@@ -269,8 +255,8 @@ private:
             tell(At::TooLong);
             message_.payload.resize(2048);
         }
-        seen_.told = {print("acl p %s 1", message_.topic.c_str()),
-                      print(R"(2 {"clientId":"p","topic":"%s","qos":%u})", message_.topic.c_str(), message_.qos)};
+        seen_.told = {printed("acl p %s 1", message_.topic.c_str()),
+                      printed(R"(2 {"clientId":"p","topic":"%s","qos":%u})", message_.topic.c_str(), message_.qos)};
         for (Pending &entry : pending_) {
             entry.to.level = level_;
             if (message_.qos)
@@ -301,8 +287,8 @@ private:
     void deliver()
     {
         if (is_will_or_broadcast() && packet_.size() > 129) { // the remaining length has two bytes
-            word("misread", packet_[2] * 256 + packet_[3]);
-            word("behind", packet_[2] * 256 + packet_[3] + 4);
+            words_.misread = packet_[2] * 256 + packet_[3];
+            words_.behind  = packet_[2] * 256 + packet_[3] + 4;
             return tell(At::Misread);
         }
         tell(At::Broadcast);
@@ -324,8 +310,8 @@ private:
             if (!fits(member.filter, message_.topic))
                 continue;
             const unsigned qos = std::min(message_.qos, member.granted);
-            word("n", ++number), word("id", member.id), word("filter", member.filter);
-            word("granted", member.granted), word("least", qos);
+            words_.n = ++number, words_.id = member.id, words_.filter = member.filter;
+            words_.granted = member.granted, words_.least = qos;
             act(member, qos);
         }
     }
@@ -352,9 +338,9 @@ private:
             return tell(At::NoPayload);
         const unsigned id   = qos || rules_.draws_at_qos0 ? draw_id() : 0;
         const Encoded  made = encode(to.level, out, id);
-        word("code", made.code);
+        words_.code         = made.code;
         if (made.code)
-            say(error(made.complaint));
+            say(made.complaint);
         if (qos && rules_.tracks == Tracks::Anyway && encode(to.level, out, id, 4096).code == 0)
             track(to, id, out);
         if (made.code)
@@ -366,7 +352,7 @@ private:
         if (qos && rules_.tracks == Tracks::Sent)
             track(to, id, out);
         if (qos == 1 && rules_.remembers_qos1)
-            records_[to.id + ".qos1_pending"] = print("=%u", id);
+            records_[to.id + ".qos1_pending"] = printed("=%u", id);
     }
     // What a receiver of this level takes for the payload of the sender's packet.
     Bytes payload_for(const Member &to)
@@ -374,7 +360,7 @@ private:
         size_t start = 4 + message_.topic.size() + (message_.qos ? 2 : 0);
         if (to.level == 5)
             start += 1u + (start < packet_.size() ? packet_[start] : 0u);
-        word("start", start), word("left", static_cast<long>(packet_.size()) - static_cast<long>(start));
+        words_.start = start, words_.left = static_cast<long>(packet_.size()) - static_cast<long>(start);
         return {packet_.begin() + static_cast<long>(std::min(start, packet_.size())), packet_.end()};
     }
     void keep_for(const Member &absent, unsigned qos)
@@ -386,10 +372,10 @@ private:
         (void)load(absent);
         std::string bytes;
         for (size_t at = 0; at < std::min<size_t>(message_.payload.size(), 1024); at++)
-            bytes += print("%02x", message_.payload[at]);
+            bytes += printed("%02x", message_.payload[at]);
         write_file("message/" + absent.id + ".json",
-                   print(R"({"msgs":[{"msgid":N,"qos":%u,"topic":"%s","payload":"%s"}]})", qos, message_.topic.c_str(),
-                         bytes.c_str()));
+                   printed(R"({"msgs":[{"msgid":N,"qos":%u,"topic":"%s","payload":"%s"}]})", qos,
+                           message_.topic.c_str(), bytes.c_str()));
         tell(At::Kept);
         if (rules_.kept_counter)
             counters_[rules_.kept_counter]++;
@@ -400,15 +386,14 @@ private:
     void acknowledge()
     {
         if (message_.qos == 2)
-            records_["p.qos2_pending"] = print("=%u", kPublishId);
+            records_["p.qos2_pending"] = printed("=%u", kPublishId);
         send(kSender, packet(message_.qos == 1 ? 0x40 : 0x50, u16(kPublishId) + (level_ == 5 ? wire("00") : Bytes{})));
-        word("answer", message_.qos == 1 ? "PUBACK" : "PUBREC");
         tell(At::Answered);
     }
     void end_will()
     {
         count("will_sent", "period_will");
-        seen_.told = {print(R"(5 {"clientId":"p","topic":"%s","qos":%u})", message_.topic.c_str(), message_.qos)};
+        seen_.told = {printed(R"(5 {"clientId":"p","topic":"%s","qos":%u})", message_.topic.c_str(), message_.qos)};
         records_["p.will_sent"] = "";
         tell(At::WillSent);
         if (!world_.sender_is_clean)

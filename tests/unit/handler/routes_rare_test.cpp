@@ -38,7 +38,7 @@ TEST(routes_rare, an_identifier_of_0)
                     world.seed  = seed_of_0(draws + 2 * static_cast<int>(place));
                     for (const char *id : {"a", "b", "c"})
                         world.members.push_back({id, world.message.topic, qos, level});
-                    stage.report(print("%s, QoS %u, level %u, receiver %u", name, qos, level, place + 1),
+                    stage.report(printed("%s, QoS %u, level %u, receiver %u", name, qos, level, place + 1),
                                  run(stage, route, world));
                 }
 }
@@ -73,7 +73,7 @@ TEST(routes_rare, every_turn_of_several_shared_groups)
                 world.members[at].passed_over = true;
             for (size_t at : kChosen[static_cast<uint32_t>(turn) % 4])
                 world.members[at].passed_over = false;
-            stage.report(print("%s, turn %d", name, turn), run(stage, route, world));
+            stage.report(printed("%s, turn %d", name, turn), run(stage, route, world));
         }
 }
 

@@ -1,6 +1,8 @@
 // The retained messages that a subscription brings: bytes, counters, files, callbacks and log lines of a SUBSCRIBE
 // against an oracle that knows the rules only.
 #include "routes_run.h"
+#include "support/log_lines/handler.h"
+#include "support/log_lines/sub.h"
 
 using namespace tarn;
 using namespace tarn::test;
@@ -23,21 +25,21 @@ public:
         const unsigned    qos    = request.qos;
         const char *const filter = request.filter.c_str();
         count("pkt_rx", "period_rx");
-        say(debug(print("收到MQTT报文：ClientID=p, 类型=8, 长度=%zu", packet_size)));
-        say(info("【QoS溯源1】客户端订阅请求：ClientID=p, MsgID=9, 订阅数=1"));
-        say(info(print("【QoS溯源1】filter[0]：Topic=%s, 请求QoS=%u (0x%02X)", filter, qos, qos)));
-        seen_.told = {print("acl p %s 0", filter), print(R"(3 {"clientId":"p","topic":"%s","qos":%u})", filter, qos)};
-        say(info(print("MQTT标准：新增订阅：ClientID=p, Topic=%s, QoS=%u, CleanSession=%d", filter, qos,
-                       world_.sender_is_clean)));
-        say(info(print("【QoS溯源2】filter[0]：Topic=%s, 请求QoS=%u → 授予QoS=%u (0x%02X)", filter, qos, qos, qos)));
+        say(logged::packet_received("p", 8, packet_size));
+        say(logged::subscribe_received("p", 9, 1));
+        say(logged::subscribe_filter(0, filter, qos));
+        seen_.told = {printed("acl p %s 0", filter),
+                      printed(R"(3 {"clientId":"p","topic":"%s","qos":%u})", filter, qos)};
+        say(logged::subscription_added("p", filter, qos, world_.sender_is_clean));
+        say(logged::subscribe_filter_granted(0, filter, qos, qos));
         replay(request.filter);
         if (!world_.sender_is_clean)
             save(request);
-        say(info(print("【QoS溯源3】MQTT %s Reason Code赋值：授权QoS=%u → ReasonCode=0x%02X",
-                       level == 5 ? "5.0" : "3.1.1", qos, qos)));
+        say(info(printed("【QoS溯源3】MQTT %s Reason Code赋值：授权QoS=%u → ReasonCode=0x%02X",
+                         level == 5 ? "5.0" : "3.1.1", qos, qos)));
         send(kSender, wire(level == 5 ? "90 04 00 09 00" : "90 03 00 09") + Bytes{static_cast<uint8_t>(qos)},
              world_.sender_hindrance);
-        say(info(print("发送SUBACK成功：ClientID=p, MsgID=9, 授权QoS=%u, ReasonCode=0x%02X", qos, qos)));
+        say(logged::suback_sent("p", 9, qos, qos));
         return finish();
     }
 
@@ -61,22 +63,22 @@ private:
             const unsigned id  = draw_id(); // at QoS 0 too
             const Encoded  out = encode(world_.sender_level, {kept.topic, kept.payload, kept.qos, true}, id);
             if (out.code) {
-                say(error(out.complaint));
+                say(out.complaint);
                 continue;
             }
             if (online_)
                 send(kSender, out.bytes, world_.sender_hindrance);
             else
                 count("drop_offline", "period_drop_offline");
-            say(info(print("[保留消息] 下发成功: Client=p, Topic=%s, Filter=%s", kept.topic.c_str(), filter.c_str())));
+            say(logged::retained_sent("p", kept.topic, filter));
         }
     }
 
     void save(const Request &request)
     {
-        write_file("subscription/p.json", print(R"({"subs":[{"topic":"saved","qos":1},{"topic":"%s","qos":%u}]})",
-                                                request.filter.substr(0, 63).c_str(), request.qos));
-        say(info("[持久化] 订阅已保存到文件: p, 订阅数=2"));
+        write_file("subscription/p.json", printed(R"({"subs":[{"topic":"saved","qos":1},{"topic":"%s","qos":%u}]})",
+                                                  request.filter.substr(0, 63).c_str(), request.qos));
+        say(logged::subscriptions_saved("p", 2));
     }
 };
 
@@ -132,12 +134,12 @@ TEST(routes_replay, retained_messages_come_before_the_suback)
                             world.sender_hindrance = hindrance;
                             const Bytes packet     = subscribe(world, request);
                             const Seen  expected   = Replay(world).expect(request, packet.size());
-                            stage.report(print("%s, QoS %u to QoS %u, level %u, payload: %s%s", filter, qos, requested,
-                                               level, payload.name, hindrance == Hindrance::None ? "" : ", ring full"),
-                                         run(stage, world, expected, [&](Scene &scene, uint32_t log) {
-                                             return scene.see(log,
-                                                              [&](Scene &of) { return of.sender().sends(packet); });
-                                         }));
+                            stage.report(
+                                printed("%s, QoS %u to QoS %u, level %u, payload: %s%s", filter, qos, requested, level,
+                                        payload.name, hindrance == Hindrance::None ? "" : ", ring full"),
+                                run(stage, world, expected, [&](Scene &scene, uint32_t log) {
+                                    return scene.see(log, [&](Scene &of) { return of.sender().sends(packet); });
+                                }));
                         }
 }
 
@@ -150,7 +152,7 @@ TEST(routes_replay, the_line_follows_the_encoder_not_the_ring)
                 for (uint32_t state : {CLIENT_CONNECTED, CLIENT_LOGINED, CLIENT_WILL_PENDING, CLIENT_CLOSED}) {
                     const World world  = world_with(payload, level, qos);
                     const bool  online = state == CLIENT_CONNECTED || state == CLIENT_LOGINED;
-                    stage.report(print("QoS %u, level %u, state %u, payload: %s", qos, level, state, payload.name),
+                    stage.report(printed("QoS %u, level %u, state %u, payload: %s", qos, level, state, payload.name),
                                  run(stage, world, Replay(world).expect_replay_alone("#", online),
                                      [&](Scene &scene, uint32_t log) {
                                          scene.sender()->state = state;
@@ -167,7 +169,7 @@ TEST(routes_replay, an_identifier_of_0)
         for (unsigned qos : {1u, 2u}) {
             World world = world_with(kPublishPayloads[1], level, qos);
             world.seed  = seed_of_0(2); // the message before it has drawn
-            stage.report(print("QoS %u, level %u", qos, level),
+            stage.report(printed("QoS %u, level %u", qos, level),
                          run(stage, world, Replay(world).expect_replay_alone("#", true),
                              [&](Scene &scene, uint32_t log) { return scene.see(log, replay_all); }));
         }

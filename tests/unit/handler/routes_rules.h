@@ -3,6 +3,10 @@
 #define TARN_TESTS_ROUTES_RULES_H
 
 #include "routes_world.h"
+#include "support/log_lines/codec.h"
+#include "support/log_lines/handler.h"
+#include "support/log_lines/qos.h"
+#include "support/log_lines/sub.h"
 
 namespace tarn::test::routes {
 
@@ -71,69 +75,75 @@ enum class At {
     WillSent,
 };
 
+struct Words { // that lines are made of
+    std::string topic, id, filter;
+    unsigned    qos = 0, granted = 0, least = 0;
+    bool        retain  = false;
+    size_t      payload = 0, size = 0; // bytes of the message and of the sender's packet
+    uint32_t    expiry = 0;
+    int         msgid = 0, found = 0, sent = 0, failed = 0, code = 0, n = 0, misread = 0, behind = 0;
+    long        start = 0, left = 0;
+};
+
 struct Says {
     const char *who; // of Publish, Host, Will, Broadcast, Test
     At          at;
-    const char *level, *text;
+    LogLine (*line)(const Words &);
 };
 constexpr Says kSays[] = {
-    {"P", At::Received, "DEBUG", "收到MQTT报文：ClientID=p, 类型=3, 长度={size}"},
-    {"P", At::TooLong, "WARN", "PUBLISH decode: payload length exceed max ({payload} > 2048), truncate to max"},
-    {"P", At::Begin, "INFO",
-     "MQTT标准：收到发布消息：ClientID=p, Topic={topic}, QoS={qos}, Retain={retain}, MsgID={msgid}"},
-    {"W", At::Begin, "INFO", "[WILL] Send will message: client=p"},
-    {"W", At::Begin, "INFO", "[WILL] Topic: {topic}, QoS: {qos}, Retain: {retain}, PayloadLen: {payload}"},
-    {"W", At::Payload, "DEBUG", "[WILL] Payload"},
-    {"P", At::Limited, "INFO", "[QoS/Expiry] 设置消息过期: msg_id={msgid}, 过期时间={expiry} 秒"},
-    {"PH", At::Removed, "INFO", "MQTT标准：删除Topic={topic}的保留消息（空Payload）"},
-    {"PH", At::Replaced, "INFO", "MQTT标准：更新Topic={topic}的保留消息"},
-    {"PH", At::Added, "INFO", "MQTT标准：新增Topic={topic}的保留消息"},
-    {"W", At::NotEncodable, "ERROR", "[WILL] 编码失败 | code={code} | len=4096"},
-    {"W", At::Encoded, "INFO", "[WILL] 编码成功 | len={size} | 开始广播"},
-    {"WB", At::Misread, "ERROR",
-     "[遗嘱调试][广播失败] Topic越界：topic_len={misread}, msg_len={size}, 2+2+topic_len={behind} > msg_len"},
-    {"WB", At::Broadcast, "INFO",
-     "[遗嘱调试][广播开始] Topic={topic}, 原始QoS={qos}, 消息长度={size}, 开始匹配订阅者（上限=11000）"},
-    {"T", At::Begin, "INFO", "MQTT标准：准备发布测试消息：Topic={topic}, Payload=[Hello from MQTT Broker!], QoS=1"},
+    {"P", At::Received, [](const Words &w) { return logged::packet_received("p", 3, w.size); }},
+    {"P", At::TooLong, [](const Words &w) { return logged::publish_decode_payload_truncated(w.payload); }},
+    {"P", At::Begin, [](const Words &w) { return logged::publish_received("p", w.topic, w.qos, w.retain, w.msgid); }},
+    {"W", At::Begin, [](const Words &) { return logged::will_sent("p"); }},
+    {"W", At::Begin, [](const Words &w) { return logged::will_message(w.topic, w.qos, w.retain, w.payload); }},
+    {"W", At::Payload, [](const Words &) { return logged::will_payload(); }},
+    {"P", At::Limited, [](const Words &w) { return logged::delivery_expiry_set(w.msgid, w.expiry); }},
+    {"PH", At::Removed, [](const Words &w) { return logged::retained_removed(w.topic); }},
+    {"PH", At::Replaced, [](const Words &w) { return logged::retained_replaced(w.topic); }},
+    {"PH", At::Added, [](const Words &w) { return logged::retained_added(w.topic); }},
+    {"W", At::NotEncodable, [](const Words &w) { return logged::will_not_encoded(w.code); }},
+    {"W", At::Encoded, [](const Words &w) { return logged::will_encoded(w.size); }},
+    {"WB", At::Misread, [](const Words &w) { return logged::broadcast_topic_cut(w.misread, w.size, w.behind); }},
+    {"WB", At::Broadcast, [](const Words &w) { return logged::broadcast_started(w.topic, w.qos, w.size); }},
+    {"T", At::Begin, [](const Words &w) { return logged::hello_started(w.topic, "Hello from MQTT Broker!", 1); }},
 
-    {"PHWBT", At::Found, "INFO", "MQTT标准：Topic={topic} 匹配到 {found} 个订阅者"},
-    {"WB", At::Found, "INFO", "[遗嘱调试][订阅匹配] Topic={topic} 匹配到 {found} 个订阅者（上限=11000）"},
-    {"T", At::Found, "INFO", "【订阅匹配】Topic={topic} 匹配到 {found} 个订阅者（上限=11000）"},
-    {"P", At::Nobody, "DEBUG", "发布消息无匹配订阅者：Topic={topic}"},
-    {"WB", At::Nobody, "DEBUG", "[遗嘱调试][广播完成] 无匹配订阅者，Topic={topic}"},
-    {"T", At::Nobody, "DEBUG", "测试消息无匹配订阅者：Topic={topic}"},
-    {"WB", At::List, "DEBUG", "[遗嘱调试][订阅者列表] 匹配到的{found}个订阅者："},
-    {"WB", At::Match, "DEBUG", "[遗嘱调试][订阅者{n}] ClientID={id}, TopicFilter={filter}, 订阅QoS={granted}"},
+    {"PHWBT", At::Found, [](const Words &w) { return logged::topic_matched(w.topic, w.found); }},
+    {"WB", At::Found, [](const Words &w) { return logged::broadcast_matched(w.topic, w.found); }},
+    {"T", At::Found, [](const Words &w) { return logged::hello_matched(w.topic, w.found); }},
+    {"P", At::Nobody, [](const Words &w) { return logged::publish_matched_nobody(w.topic); }},
+    {"WB", At::Nobody, [](const Words &w) { return logged::broadcast_matched_nobody(w.topic); }},
+    {"T", At::Nobody, [](const Words &w) { return logged::hello_matched_nobody(w.topic); }},
+    {"WB", At::List, [](const Words &w) { return logged::broadcast_receivers(w.found); }},
+    {"WB", At::Match, [](const Words &w) { return logged::broadcast_receiver(w.n, w.id, w.filter, w.granted); }},
 
-    {"PWB", At::PassedOver, "DEBUG", "[共享订阅] 订阅者{n} 同组已负载均衡，跳过发送"},
-    {"T", At::PassedOver, "DEBUG", "[共享订阅] 测试消息 订阅者{n} 跳过"},
-    {"WB", At::NoId, "WARN", "[遗嘱调试][广播跳过] 订阅者{n}：ClientID为空"},
-    {"WB", At::Unknown, "WARN", "[遗嘱调试][广播失败] 订阅者{n}：ClientID={id} 不存在"},
-    {"T", At::Unknown, "WARN", "订阅者不存在：ClientID={id}"},
-    {"W", At::Parked, "WARN", "[遗嘱调试][跳过] 客户端已离线，不发送遗嘱：{id}"},
-    {"B", At::Parked, "WARN", "[遗嘱调试][广播失败] 订阅者{n}：ClientID={id} 状态无效（3），需为LOGINED/CONNECTED"},
-    {"T", At::Parked, "WARN", "订阅者状态无效：ClientID={id}, 状态=3"},
-    {"P", At::Kept, "INFO", "[MQTT标准] 离线消息已存储：ClientID={id}, Topic={topic}"},
-    {"H", At::Kept, "INFO", "[STANDARD] APP发布离线消息已存储: {id}, Topic={topic}"},
-    {"H", At::NotKept, "INFO", "[MQTT标准] QoS=0 离线消息不存储：ClientID={id}, Topic={topic}"},
-    {"WB", At::Online, "DEBUG",
-     "[遗嘱调试][QoS降级] 订阅者{n}：原始QoS={qos} → 订阅QoS={granted} → 最终投递QoS={least}"},
-    {"WB", At::NoPayload, "ERROR",
-     "[遗嘱调试][广播失败] 订阅者{n}：Payload解析失败（start={start}, len={left}, msg_len={size}）"},
-    {"WB", At::NotEncoded, "ERROR", "[遗嘱调试][广播失败] 订阅者{n}：To={id}, 编码失败（错误码={code}）"},
-    {"T", At::NotEncoded, "ERROR", "编码测试消息失败：To={id}, 错误码={code}"},
-    {"WB", At::NotSent, "ERROR", "[遗嘱调试][广播失败] 订阅者{n}：To={id}, 发送返回值=-1"},
-    {"T", At::NotSent, "ERROR", "转发测试消息失败：To={id}, 发送返回值=-1"},
-    {"P", At::Sent, "INFO", "转发消息成功：To={id}, Topic={topic}, QoS={least}"},
-    {"WB", At::Sent, "INFO", "[遗嘱调试][广播成功] 订阅者{n}：To={id}, Topic={topic},最终投递QoS={least}（已降级）"},
-    {"T", At::Sent, "INFO", "转发测试消息成功：To={id}, Topic={topic}, QoS={least}（标准降级后）"},
+    {"PWB", At::PassedOver, [](const Words &w) { return logged::shared_receiver_skipped(w.n); }},
+    {"T", At::PassedOver, [](const Words &w) { return logged::hello_shared_receiver_skipped(w.n); }},
+    {"WB", At::NoId, [](const Words &w) { return logged::broadcast_skips_empty_id(w.n); }},
+    {"WB", At::Unknown, [](const Words &w) { return logged::broadcast_receiver_unknown(w.n, w.id); }},
+    {"T", At::Unknown, [](const Words &w) { return logged::hello_receiver_unknown(w.id); }},
+    {"W", At::Parked, [](const Words &w) { return logged::broadcast_receiver_offline(w.id); }},
+    {"B", At::Parked, [](const Words &w) { return logged::broadcast_receiver_in_state(w.n, w.id, 3); }},
+    {"T", At::Parked, [](const Words &w) { return logged::hello_receiver_in_state(w.id, 3); }},
+    {"P", At::Kept, [](const Words &w) { return logged::message_kept(w.id, w.topic); }},
+    {"H", At::Kept, [](const Words &w) { return logged::host_message_kept(w.id, w.topic); }},
+    {"H", At::NotKept, [](const Words &w) { return logged::host_message_not_kept(w.id, w.topic); }},
+    {"WB", At::Online, [](const Words &w) { return logged::broadcast_qos_lowered(w.n, w.qos, w.granted, w.least); }},
+    {"WB", At::NoPayload,
+     [](const Words &w) { return logged::broadcast_payload_unreadable(w.n, w.start, w.left, w.size); }},
+    {"WB", At::NotEncoded, [](const Words &w) { return logged::broadcast_not_encoded(w.n, w.id, w.code); }},
+    {"T", At::NotEncoded, [](const Words &w) { return logged::hello_not_encoded(w.id, w.code); }},
+    {"WB", At::NotSent, [](const Words &w) { return logged::broadcast_not_sent(w.n, w.id, -1); }},
+    {"T", At::NotSent, [](const Words &w) { return logged::hello_not_sent(w.id, -1); }},
+    {"P", At::Sent, [](const Words &w) { return logged::message_forwarded(w.id, w.topic, w.least); }},
+    {"WB", At::Sent, [](const Words &w) { return logged::broadcast_sent(w.n, w.id, w.topic, w.least); }},
+    {"T", At::Sent, [](const Words &w) { return logged::hello_sent(w.id, w.topic, w.least); }},
 
-    {"P", At::End, "INFO", "MQTT标准：消息转发完成：匹配{found}个订阅者，成功发送{sent}个"},
-    {"WB", At::End, "INFO",
-     "[遗嘱调试][广播完成] Topic={topic}, 总计匹配{found}个订阅者，成功发送{sent}个，失败{failed}个"},
-    {"T", At::End, "INFO", "测试消息转发完成：总计匹配{found}个订阅者，成功发送{sent}个"},
-    {"P", At::Answered, "INFO", "发送{answer}成功：ClientID=p, MsgID={msgid}"},
-    {"W", At::WillSent, "INFO", "[WILL] 广播完成 | will_sent=1"},
+    {"P", At::End, [](const Words &w) { return logged::publish_ended(w.found, w.sent); }},
+    {"WB", At::End, [](const Words &w) { return logged::broadcast_ended(w.topic, w.found, w.sent, w.failed); }},
+    {"T", At::End, [](const Words &w) { return logged::hello_ended(w.found, w.sent); }},
+    {"P", At::Answered,
+     [](const Words &w) { return w.qos == 1 ? logged::puback_sent("p", w.msgid) : logged::pubrec_sent("p", w.msgid); }},
+    {"W", At::WillSent, [](const Words &) { return logged::will_broadcast_ended(1); }},
 };
 
 } // namespace tarn::test::routes

@@ -104,8 +104,8 @@ struct Row {
 
     std::string name() const
     {
-        return print("QoS %u to QoS %u at level %u, %s, payload: %s, sent %s", message_qos, granted, level,
-                     receiver.name, payload.name, style.name);
+        return printed("QoS %u to QoS %u at level %u, %s, payload: %s, sent %s", message_qos, granted, level,
+                       receiver.name, payload.name, style.name);
     }
 };
 
@@ -205,7 +205,7 @@ inline std::string compare(const Seen &expected, const Seen &seen)
     };
     const auto number = [&](const char *name, int should, int is) {
         if (should != is)
-            out += print("\n    %s: expected %d, seen %d", name, should, is);
+            out += printed("\n    %s: expected %d, seen %d", name, should, is);
     };
     number("result", expected.result, seen.result);
     part("packets", expected.packets, seen.packets);

@@ -84,17 +84,6 @@ struct Seen {
     Lines   lines;
 };
 
-inline std::string print(const char *format, ...) __attribute__((format(printf, 1, 2)));
-inline std::string print(const char *format, ...)
-{
-    char    text[4096];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    return text;
-}
-
 // Bytes in hex, long runs as "FFx2040".
 inline std::string brief(const uint8_t *bytes, size_t count)
 {
@@ -104,7 +93,7 @@ inline std::string brief(const uint8_t *bytes, size_t count)
             ++run;
         if (run < 8)
             run = 1;
-        out += print(run == 1 ? "%s%02X" : "%s%02Xx%zu", at ? " " : "", bytes[at], run);
+        out += printed(run == 1 ? "%s%02X" : "%s%02Xx%zu", at ? " " : "", bytes[at], run);
     }
     return out;
 }
@@ -115,15 +104,16 @@ inline std::string brief(const Bytes &bytes)
 
 inline std::string pending_text(const std::string &client, const qos_packet_t &entry)
 {
-    return print("%s id=%u qos=%u topic=%s payload=%s dup=%u tries=%u next=%ums state=%u expiry=%u age=%llu/%llums",
-                 client.c_str(), entry.msg_id, entry.qos, entry.topic, brief(entry.payload, entry.payload_len).c_str(),
-                 entry.dup, entry.retry_count, entry.retry_interval_ms, entry.qos2_state, entry.expiry_s,
-                 static_cast<unsigned long long>(entry.create_ms), static_cast<unsigned long long>(entry.last_send_ms));
+    return printed(
+        "%s id=%u qos=%u topic=%s payload=%s dup=%u tries=%u next=%ums state=%u expiry=%u age=%llu/%llums",
+        client.c_str(), entry.msg_id, entry.qos, entry.topic, brief(entry.payload, entry.payload_len).c_str(),
+        entry.dup, entry.retry_count, entry.retry_interval_ms, entry.qos2_state, entry.expiry_s,
+        static_cast<unsigned long long>(entry.create_ms), static_cast<unsigned long long>(entry.last_send_ms));
 }
 
 inline std::string retained_text(const std::string &topic, unsigned qos, unsigned expiry_s, const Bytes &payload)
 {
-    return print("%s qos=%u expiry=%u payload=%s", topic.c_str(), qos, expiry_s, brief(payload).c_str());
+    return printed("%s qos=%u expiry=%u payload=%s", topic.c_str(), qos, expiry_s, brief(payload).c_str());
 }
 
 // Lines of the codec and looks into the tables are their own affair (tests/unit/codec, tests/unit/sub, tests/unit/persist) unless they are
@@ -337,9 +327,9 @@ private:
         stage_.has_files |= !seen.files.empty();
         for (auto &[id, client] : clients_) {
             if ((*client)->qos1_pending_msg_id)
-                seen.records.push_back(print("%s.qos1_pending=%u", id.c_str(), peek((*client)->qos1_pending_msg_id)));
+                seen.records.push_back(printed("%s.qos1_pending=%u", id.c_str(), peek((*client)->qos1_pending_msg_id)));
             if ((*client)->qos2_pending_msg_id)
-                seen.records.push_back(print("%s.qos2_pending=%u", id.c_str(), peek((*client)->qos2_pending_msg_id)));
+                seen.records.push_back(printed("%s.qos2_pending=%u", id.c_str(), peek((*client)->qos2_pending_msg_id)));
             if ((*client)->will_sent)
                 seen.records.push_back(id + ".will_sent");
         }
@@ -359,7 +349,7 @@ private:
         Strings    moved;
         const auto count = [&](const char *name, uint64_t value) {
             if (value)
-                moved.push_back(print("%s+%llu", name, static_cast<unsigned long long>(value)));
+                moved.push_back(printed("%s+%llu", name, static_cast<unsigned long long>(value)));
         };
         const mqtt_stats_t &is = g_mqtt_stats;
         count("pkt_rx", is.pkt_rx), count("period_rx", is.period_rx);

@@ -164,16 +164,18 @@ TEST_F(adding, at_debug_tells_every_look)
 {
     at_debug();
     sub_add("c1", "a", 1, 0);
-    EXPECT_THAT(log.take(),
-                ElementsAre(logged::sub_add_started("c1", "a", 1, 0), logged::sub_add_locked(0),
-                            logged::sub_add_added("c1", "a", 1), logged::subscription_added("c1", "a", 1, 0)));
+    EXPECT_THAT(log.take(), ElementsAre(logged::sub_add_started("c1", "a", 1, 0), logged::sub_add_locked(0),
+                                        debug("[DEBUG] sub_add：新增订阅成功（client_id=c1, topic_filter=a, 总数=1）"),
+                                        logged::subscription_added("c1", "a", 1, 0)));
     sub_add("c2", "a", 1, 0);
     log.take();
     sub_add("c2", "a", 2, 1);
     EXPECT_THAT(log.take(),
                 ElementsAre(logged::sub_add_started("c2", "a", 2, 1), logged::sub_add_locked(2),
                             logged::sub_add_looks_at(0, "c1", "a"), logged::sub_add_looks_at(1, "c2", "a"),
-                            logged::sub_add_replaces("c2", "a", 1, 2), logged::subscription_updated("c2", "a", 2)));
+                            debug("[DEBUG] sub_add：发现重复订阅，更新QoS和CleanSession（client_id=c2, topic_filter=a, "
+                                  "旧QoS=1, 新QoS=2）"),
+                            logged::subscription_updated("c2", "a", 2)));
     sub_add(nullptr, nullptr, 0, 0);
     EXPECT_THAT(log.take(), ElementsAre(logged::sub_add_started("(null)", "(null)", 0, 0),
                                         logged::sub_add_invalid("(null)", "(null)")));

@@ -14,12 +14,12 @@ using testing::IsEmpty;
 
 namespace {
 
-const LogLine kPassed = logged::topic_match_skips_level();
+const LogLine kPassed = debug("[TRACE] topic_match_wildcard：匹配+通配符，跳过当前层级");
 const LogLine kParent = debug("[TRACE] topic_match_wildcard：filter剩余/#且topic结束，判定匹配");
 
 LogLine rest(const std::string &filter, const std::string &topic)
 {
-    return logged::topic_match_rest(filter, topic);
+    return debug("[DEBUG] topic_match_wildcard：未完全匹配（filter剩余=" + filter + ", topic剩余=" + topic + "）");
 }
 LogLine result(const std::string &filter, const std::string &topic, int match)
 {

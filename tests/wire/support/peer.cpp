@@ -41,7 +41,7 @@ Peer Peer::open(int type, uint16_t port, Where where)
 {
     const int         fd      = socket(AF_INET, type | SOCK_CLOEXEC, 0);
     const sockaddr_in address = loopback(port);
-    if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+    if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         close(fd);
         return {-1, where};
     }
