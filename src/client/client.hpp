@@ -108,8 +108,9 @@ private:
 // Ends a record that waits for its will: out of both tables, CLOSED, no longer counted as delayed, released.
 void release_parked(const Claim &claim) noexcept;
 
-// The same for a pool record whose delay was called off while another thread parked it or looked at it: no scan would
-// ever take it. Asked by who calls off and by who lets go of a claim; takes will_lock.
+// The same for a pool record whose delay was called off while another thread parked it or looked at it; no scan would
+// ever take it. CONNECT calls this after it called the delay off, and ~Claim for what happened while it held the record.
+// Takes will_lock.
 void release_called_off(mqtt_client_t &client) noexcept;
 
 } // namespace client

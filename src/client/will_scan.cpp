@@ -1,8 +1,8 @@
 // will_scan.cpp - publishes delayed wills when they are due and releases the records that waited for it.
 //
-// Three parties can settle a delayed will: this scan, the CONNECT of a client that came back, and a second close. Each
-// claims the record first and then looks again, so a will is published or cancelled, never both. The scan claims only
-// what is due: a CONNECT that finds the record claimed takes its will for settled.
+// life.cpp lists who may take such a record (settle). Each claims it first and then looks again, so a will is published
+// or called off, never both. The scan claims only what is due; a CONNECT that finds the record claimed may thus believe
+// that its will was published.
 #include "../base/clock.h"
 #include "../handler/handler.hpp"
 #include "client_internal.h"

@@ -101,6 +101,7 @@ void restore_will(mqtt_client_t &client)
         if (!session.will_flag)
             return;
     }
+    // Only this thread, with the client's own packets, writes these fields; others clear the flag at most.
     // The file's length may exceed the bytes the record holds: what is missing reads as zeroes.
     uint8_t payload[CLIENT_WILL_MAX] = {};
     memcpy(payload, session.will_payload, sizeof session.will_payload);
