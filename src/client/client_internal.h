@@ -41,7 +41,8 @@ struct Side {
     std::atomic<uint32_t> hold;          // pins and marks: see pins.cpp
     Shared<uint32_t>      generation;    // of the connection the record was made for, 0 = unknown
     Shared<uint32_t>      blocked_round; // the I/O round in which its socket took nothing
-    std::atomic<uint8_t>  listed;        // in the send list, or kept by the send thread for another try
+    std::atomic<uint8_t>  listed;        // in the send list
+    std::atomic<uint8_t>  waits;         // its socket took no more, and the send thread tries again
     std::atomic<uint8_t>  refusals;      // failed sends in a row, other than "would block"
     uint8_t               flushing;      // one thread sends from the ring; send_lock
     Shared<uint8_t>       ring_used;     // slots written since its pages were given back; written under send_lock
@@ -189,7 +190,7 @@ template <class Serve> void drain_send_list(Serve serve)
 
 void start_send_thread() noexcept;                // unless it runs
 void stop_send_thread() noexcept;                 // waits for it
-void hand_to_send_thread(int32_t index) noexcept; // lists the record and wakes the thread
+void hand_to_send_thread(int32_t index) noexcept; // lists the record and wakes the thread, unless it waits there
 void wake_send_thread() noexcept;                 // it drains the list
 // What this flush left in the ring is the send thread's.
 void hand_over_rest(mqtt_client_t &client, Flushed result) noexcept;

@@ -135,6 +135,7 @@ inline constexpr Field kSide[] = {
     ROW(generation,                Set,   Kept,   Kept,   Kept,  Kept, Word),
     ROW(blocked_round,             Kept,  Kept,   Kept,   Kept,  Kept, Word),
     ROW(listed,                    Kept,  Kept,   Kept,   Kept,  Kept, Word),
+    ROW(waits,                     Kept,  Kept,   Kept,   Kept,  Kept, Word),
     ROW(refusals,                  Set,   Kept,   Kept,   Kept,  Kept, Word),
     ROW(flushing,                  Kept,  Kept,   Kept,   Kept,  Kept, Send),
     ROW(ring_used,                 Kept,  Kept,   Set,    Set,   Set,  Send),    // drop_ring()

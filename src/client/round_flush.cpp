@@ -14,11 +14,16 @@ constinit std::atomic<uint8_t>  g_queued_since{0};
 
 constinit thread_local uint32_t t_round = 0;
 
-// A socket that blocked takes bytes again. The send thread, which tries its ring every 10 ms, finds it sent.
+// A socket that blocked takes bytes again. What is queued from now on need not wait for the send thread's next try,
+// which finds the ring sent.
 void send_to_writable(uint32_t handle)
 {
-    if (const client_ref client = find_client_by_handle(handle))
-        hand_over_rest(*client, flush_in_turn(*client, true));
+    const client_ref client = find_client_by_handle(handle);
+    if (!client)
+        return;
+    if (Side *const side = side_of(client.get()))
+        side->waits.store(0);
+    hand_over_rest(*client, flush_in_turn(*client, true));
 }
 
 } // namespace

@@ -137,11 +137,11 @@ Queued enqueue(mqtt_client_t &client, const PacketParts &packet) EXCLUDES(client
 }
 
 // A burst of one round fills a ring before the round ends, so the ring is emptied between; once a round when the socket
-// takes nothing. False when nothing was tried.
+// takes nothing, and not at all while it is known to be full. False when nothing was tried.
 bool make_room(mqtt_client_t &client)
 {
     Side *const side = side_of(&client);
-    if (!side || io_round() == 0 || side->blocked_round == io_round())
+    if (!side || io_round() == 0 || side->blocked_round == io_round() || side->waits.load() != 0)
         return false;
     const Flushed result = flush_in_turn(client, true);
     if (result == Flushed::Full || result == Flushed::Refused)

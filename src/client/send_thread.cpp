@@ -7,6 +7,7 @@
 #include "../base/thread.h"
 #include "client_internal.h"
 
+#include <algorithm>
 #include <climits>
 #include <linux/futex.h>
 #include <sys/syscall.h>
@@ -64,14 +65,15 @@ class Waiting {
 public:
     ~Waiting()
     {
-        for (int32_t i = 0; i < count_; ++i) // for the next thread to find
-            side_at(places_[i]).listed.store(0);
+        for (int32_t i = 0; i < count_; ++i)
+            side_at(places_[i]).waits.store(0);
     }
     bool empty() const { return count_ == 0; }
-    // The record, which is not listed, is flushed, and kept when packets stay.
+    // The record is flushed, and kept when packets stay.
     void serve(int32_t index)
     {
-        Side            &side = side_at(index);
+        Side &side = side_at(index);
+        side.waits.store(0); // first: a packet that comes behind the flush lists the record
         const client_ref client(record_at(index));
         const Flushed    result = flush_ring(*client, true);
         if (result == Flushed::Partly) {
@@ -81,21 +83,29 @@ public:
         if (result == Flushed::Refused && side.refusals.load(std::memory_order_relaxed) >= kRefusals)
             return; // no connection, it seems: the walks go on trying
         count_refusal(side, result);
-        const bool left = result == Flushed::Full || result == Flushed::Refused;
-        if (left && side.listed.exchange(1) == 0)
-            places_[count_++] = index;
+        if (result == Flushed::Full || result == Flushed::Refused)
+            keep(*client, index, side);
     }
     void try_again()
     {
         const int32_t count = count_;
         count_              = 0;
         for (int32_t i = 0; i < count; ++i) { // serve() writes at or before i
-            side_at(places_[i]).listed.store(0);
+            is_kept_[places_[i]] = false;
             serve(places_[i]);
         }
     }
 
 private:
+    void keep(mqtt_client_t &client, int32_t index, Side &side)
+    {
+        side.waits.store(1);
+        if (!has_packets(client)) // the socket was writable again a moment ago, and the I/O thread has sent the rest
+            side.waits.store(0);
+        if (!is_kept_[index])
+            places_[count_++] = index;
+        is_kept_[index] = true;
+    }
     static void count_refusal(Side &side, Flushed result)
     {
         const uint8_t before = side.refusals.load(std::memory_order_relaxed);
@@ -103,8 +113,9 @@ private:
                             std::memory_order_relaxed);
     }
 
-    int32_t places_[CLIENT_MAX]; // each record at most once: `listed`
-    int32_t count_ = 0;
+    int32_t places_[CLIENT_MAX]; // each record at most once
+    bool    is_kept_[CLIENT_MAX] = {};
+    int32_t count_               = 0;
 };
 
 bool has_unsent(mqtt_client_t &client)
@@ -121,7 +132,7 @@ void send_unlisted(mqtt_client_t &client, int32_t index, Waiting &waiting)
 {
     if (index == kOutside)
         (void)flush_ring(client, true);
-    else if (side_at(index).listed.load() == 0)
+    else if (const Side &side = side_at(index); side.listed.load() == 0 && side.waits.load() == 0)
         waiting.serve(index);
 }
 
@@ -148,6 +159,14 @@ void walk(Waiting &waiting, uint64_t now_ms)
     }
 }
 
+uint32_t next_pause_ms(bool nothing_waits, bool watching, uint64_t next_try_ms)
+{
+    if (nothing_waits)
+        return watching ? kRetry_ms : kIdle_ms;
+    const uint64_t now_ms = mono_ms();
+    return next_try_ms > now_ms ? std::min(kRetry_ms, static_cast<uint32_t>(next_try_ms - now_ms)) : 1;
+}
+
 void run()
 {
     Waiting  waiting;
@@ -170,7 +189,7 @@ void run()
             next_walk_ms = now_ms + kWalk_ms;
             quiet_ms     = 0;
         }
-        const uint32_t pause = waiting.empty() && !watching ? kIdle_ms : kRetry_ms;
+        const uint32_t pause = next_pause_ms(waiting.empty(), watching, next_try_ms);
         woken                = sleep_until_woken(pause);
         quiet_ms += woken ? 0 : pause;
     } while (g_send_running);
@@ -198,6 +217,8 @@ void wake_send_thread() noexcept
 // The wake-up is needed for a record that a round listed, too: the round may be a long one.
 void hand_to_send_thread(int32_t index) noexcept
 {
+    if (side_at(index).waits.load() != 0)
+        return;
     list_for_sending(index);
     wake_send_thread();
 }
