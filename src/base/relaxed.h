@@ -23,6 +23,8 @@ template <class T> class Shared {
 public:
     using value_type = T;
 
+    // Leaves the value as it is: a record of zero bytes stays a trivial one.
+    // cppcheck-suppress uninitMemberVar
     Shared() = default;
     constexpr Shared(T value) noexcept : value_(value) {}
 
