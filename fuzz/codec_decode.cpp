@@ -2,7 +2,7 @@
 //
 // input:  choice:u8  packet      choice: low nibble = packet type, 30 = level of the context (see level_of), 40 = the
 //         simple family
-#include "codec/disconnect_link.h"
+#include "codec/codec_calls.h"
 #include "codec/mqtt_codec.h"
 #include "promise.h"
 

@@ -21,6 +21,7 @@ ABOVE, BEHIND, KEEP = "\1", "\2", "\3"  # what lines are made into
 NEITHER = re.compile(r'typedef\b|(enum|struct|union)\b[^({]*[{;]|extern "C"|TARN_[A-Z_]+\b|_?[Ss]tatic_assert\b|}')
 FUNCTION = re.compile(r"(\w+)\s*\(")
 GUARD = re.compile(r"\s*TARN_GUARDED_BY\(\w+\)")
+SHARED = re.compile(r"\bTARN_SHARED\(([^()]*)\)")
 GLOBAL = re.compile(r"extern\b.*?(\w+)\s*(\[[^]]*\]\s*)*;")
 
 
@@ -57,7 +58,7 @@ def statements(text):
         if not bare.startswith('extern "C"'):
             depth = max(0, depth + bare.count("{") - bare.count("}"))
         if depth == 0 and (bare.endswith((";", "{", "}")) or bare.startswith("TARN_API_")):
-            yield started, GUARD.sub("", statement), above
+            yield started, SHARED.sub(r"\1", GUARD.sub("", statement)), above
             above = above and declared(statement) is not None
             statement = ""
 

@@ -2,7 +2,9 @@
 #ifndef TARN_API_API_INTERNAL_H
 #define TARN_API_API_INTERNAL_H
 
+#include "../base/relaxed.h"
 #include "../log/log.h"
+#include "api.hpp"
 #include "broker.h"
 
 #include <cstdint>
@@ -22,8 +24,14 @@ namespace tarn::api {
 // runs belong to the process and are kept across stop and start.
 void housekeeping_turn(broker_t &broker, int64_t now_s);
 
+// Takes over into the counters what other modules know: clients, subscriptions, retained messages. Nobody waits.
+void update_statistics() noexcept;
+
 // True inside one of the host's callbacks: whoever called it goes on with the instance afterwards.
 [[nodiscard]] bool in_callback() noexcept;
+
+// Its body: housekeeping turns until the instance is stopped.
+void *housekeeping_thread(void *broker);
 
 // Starts the instance's housekeeping thread unless it still has one.
 void begin_housekeeping(broker_t &broker);

@@ -1,7 +1,7 @@
 // callbacks.cpp - the host's three callbacks: registering them, and how packet handling reaches them.
 //
 // They belong to the instance that owns the client. No lock is held while one runs, so it may call the API.
-#include "../client/client_ref.h"
+#include "../client/client.hpp"
 #include "api_internal.h"
 
 #include <cstdio>
@@ -22,9 +22,9 @@ public:
     CallbackScope &operator=(const CallbackScope &) = delete;
 };
 
-broker_t *owner_of(mqtt_client_t *client)
+broker_t *owner_of(mqtt_client_t &client)
 {
-    return client ? peek(client->broker) : nullptr;
+    return client.broker;
 }
 
 } // namespace
@@ -52,7 +52,7 @@ void tarn_sdk_mqtt_broker_register_acl_callback(broker_t *broker, broker_acl_cb_
         poke_release(broker->acl_cb, cb);
 }
 
-bool broker_fire_auth(mqtt_client_t *client, const char *client_id, const char *username, const char *password)
+bool api::accepts(mqtt_client_t &client, const char *client_id, const char *username, const char *password) noexcept
 {
     broker_t *const owner = owner_of(client);
     if (!owner)
@@ -62,17 +62,17 @@ bool broker_fire_auth(mqtt_client_t *client, const char *client_id, const char *
     return !ask || ask(owner, client_id, username, password);
 }
 
-bool broker_fire_acl(mqtt_client_t *client, const char *topic, uint8_t action)
+bool api::allows(mqtt_client_t &client, const char *topic, uint8_t action) noexcept
 {
     broker_t *const owner = owner_of(client);
     if (!owner)
         return true;
     const broker_acl_cb_t ask = peek_acquire(owner->acl_cb);
     const CallbackScope   scope;
-    return !ask || ask(owner, client->client_id, topic, action, client);
+    return !ask || ask(owner, client.client_id, topic, action, &client);
 }
 
-void broker_fire_event(mqtt_client_t *client, uint32_t kind, const char *topic, int32_t qos)
+void api::tell(mqtt_client_t &client, uint32_t kind, const char *topic, int32_t qos) noexcept
 {
     broker_t *const owner = owner_of(client);
     if (!owner)
@@ -83,8 +83,7 @@ void broker_fire_event(mqtt_client_t *client, uint32_t kind, const char *topic, 
     // The id is copied, because a will's event comes on any thread and its client's own may be taking a new id.
     // Texts stand as they are, unescaped, and the whole is cut at 255 characters.
     char text[kEventTextSize];
-    snprintf(text, sizeof text, "{\"clientId\":\"%s\",\"topic\":\"%s\",\"qos\":%d}", id_of(*client).text,
-             topic ? topic : "", qos);
+    snprintf(text, sizeof text, "{\"clientId\":\"%s\",\"topic\":\"%s\",\"qos\":%d}", id_of(client).text, topic, qos);
     const CallbackScope scope;
     tell(owner, kind, text);
 }

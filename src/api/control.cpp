@@ -1,7 +1,7 @@
 // control.cpp - what a host can do to a running broker.
 #include "../base/text.h"
-#include "../client/client_ref.h"
-#include "../handler/packet_handler.h"
+#include "../client/client.hpp"
+#include "../handler/handler.hpp"
 #include "../sub/sub.hpp"
 #include "api_internal.h"
 
@@ -27,17 +27,17 @@ int32_t tarn_sdk_mqtt_broker_kick_client(broker_t *broker, const char *client_id
         LOG_WARN("[SDK] kick client not found: %s", id);
         return TARN_E_NOT_FOUND;
     }
-    if (peek(client->broker) != broker) {
+    if (client->broker != broker) {
         LOG_ERROR("[SDK] kick rejected: client '%s' does not belong to this broker instance", id);
         return TARN_E_DENIED;
     }
-    const uint32_t state = peek(client->state);
+    const uint32_t state = client->state;
     if (state == CLIENT_UNUSED || state == CLIENT_CLOSED) {
         LOG_WARN("[SDK] kick client '%s' already closed", id);
         return TARN_OK;
     }
     end_with_disconnect(*client);
-    packet_handler_send_disconnect(client.get(), kAdministrativeAction);
+    handler::say_disconnect(*client, kAdministrativeAction);
     close_seen(*client, state);
     LOG_INFO("[SDK] kick client success: %s", id);
     return TARN_OK;
@@ -48,8 +48,8 @@ int32_t tarn_sdk_mqtt_broker_publish(broker_t * /*unused*/, const char *topic, c
 {
     if (!topic || !payload || len < 1 || qos > 2)
         return TARN_E_PARAM;
-    packet_handler_broker_publish(topic, static_cast<const uint8_t *>(payload), len, static_cast<uint8_t>(qos), retain,
-                                  expiry_s);
+    const std::span bytes(static_cast<const uint8_t *>(payload), static_cast<size_t>(len));
+    (void)handler::publish_for_host({topic, bytes, static_cast<uint8_t>(qos), retain, expiry_s});
     return TARN_OK;
 }
 

@@ -2,8 +2,8 @@
 #include "../base/clock.h"
 #include "../base/relaxed.h"
 #include "../base/thread.h"
-#include "../client/client_ref.h"
-#include "../stats/mqtt_stats.h"
+#include "../client/client.hpp"
+#include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "api_internal.h"
 
@@ -16,22 +16,23 @@ constexpr int64_t  kRetainPeriod_s = 5;
 constexpr uint32_t kTurn_ms        = 10;
 
 // Wall clock, s; 0 = never. Kept for the life of the process, shared by the threads of all instances.
-constinit int64_t last_clean        = 0;
-constinit int64_t last_stats_print  = 0;
-constinit int64_t last_retain_clean = 0;
+constinit Shared<int64_t> last_clean        = 0;
+constinit Shared<int64_t> last_stats_print  = 0;
+constinit Shared<int64_t> last_retain_clean = 0;
 
-bool due(int64_t &last_s, int64_t now_s, int64_t period_s)
+bool due(const Shared<int64_t> &last_s, int64_t now_s, int64_t period_s)
 {
-    return now_s - peek(last_s) >= period_s;
+    return now_s - last_s >= period_s;
 }
 
 void report_when_due(int64_t now_s)
 {
     if (!due(last_stats_print, now_s, kReportPeriod_s))
         return;
-    mqtt_stats_print();
-    mqtt_stats_reset_period();
-    poke(last_stats_print, now_s);
+    update_statistics();
+    stats::report();
+    stats::begin_period();
+    last_stats_print = now_s;
 }
 
 } // namespace
@@ -39,49 +40,47 @@ void report_when_due(int64_t now_s)
 void housekeeping_turn(broker_t &broker, int64_t now_s)
 {
     if (due(last_clean, now_s, kCleanPeriod_s)) {
-        client_clean_timeout(static_cast<uint32_t>(peek(broker.keepalive_timeout)) * 1000);
-        poke(last_clean, now_s);
+        client::close_silent(mono_ms(), static_cast<uint32_t>(shared(broker.keepalive_timeout)) * 1000);
+        last_clean = now_s;
     }
     report_when_due(now_s);
     if (due(last_retain_clean, now_s, kRetainPeriod_s)) {
         sub::discard_expired_retained();
-        poke(last_retain_clean, now_s);
+        last_retain_clean = now_s;
     }
     if (will_delays_running())
-        client_will_delay_scan();
+        client::settle_due_wills(mono_ms());
 }
 
 void begin_housekeeping(broker_t &broker)
 {
-    if (peek(broker.thread) != 0)
+    if (shared(broker.thread) != 0)
         return;
     pthread_t thread = 0;
-    if (start_thread(&thread, "tarn-house", broker_thread_entry, &broker) == 0)
-        poke(broker.thread, thread);
+    if (start_thread(&thread, "tarn-house", housekeeping_thread, &broker) == 0)
+        shared(broker.thread) = thread;
 }
 
 bool end_housekeeping(broker_t &broker)
 {
-    const pthread_t thread = peek(broker.thread);
+    const pthread_t thread = shared(broker.thread);
     if (thread == 0)
         return true;
     if (pthread_equal(thread, pthread_self()))
         return false;
     finish_thread(thread);
-    poke(broker.thread, 0);
+    shared(broker.thread) = 0;
     return true;
 }
 
-} // namespace tarn::api
-
-using namespace tarn;
-
-void *broker_thread_entry(void *arg)
+void *housekeeping_thread(void *arg)
 {
     auto &broker = *static_cast<broker_t *>(arg);
-    while (peek(broker.running)) {
-        api::housekeeping_turn(broker, wall_s());
-        pause_ms(api::kTurn_ms);
+    while (shared(broker.running)) {
+        housekeeping_turn(broker, wall_s());
+        pause_ms(kTurn_ms);
     }
     return nullptr;
 }
+
+} // namespace tarn::api

@@ -5,11 +5,11 @@
 #include "../base/mutex.h"
 #include "../base/text.h"
 #include "../base/thread.h"
-#include "../client/client.h"
-#include "../handler/packet_handler.h"
-#include "../net/netip_link.h"
+#include "../client/client.hpp"
+#include "../handler/handler.hpp"
+#include "../net/net.hpp"
 #include "../persist/persist.hpp"
-#include "../stats/mqtt_stats.h"
+#include "../stats/stats.hpp"
 #include "api_internal.h"
 
 #include <cstdlib>
@@ -92,25 +92,25 @@ void take_down_leftovers()
 {
     if (!g_left_standing)
         return;
-    netip_deinit();
+    net::stop();
     forget_owner();
     g_left_standing = false;
 }
 
 int32_t bring_up(broker_t &broker, int32_t max_clients)
 {
-    if (client_mgr_init(max_clients) != 0) {
+    if (!client::init(max_clients)) {
         LOG_ERROR("[SDK] client_mgr_init failed");
         return TARN_E_RESOURCE;
     }
-    poke(g_default_max_packet_size, static_cast<uint32_t>(peek(broker.max_packet_size)));
-    if (const uint32_t result = netip_init(mqtt_netip_event_cb, &broker, 1); result != NETIP_OK) {
+    g_default_max_packet_size = static_cast<uint32_t>(shared(broker.max_packet_size));
+    if (const net::Start result = net::start(mqtt_netip_event_cb, &broker, 1); result != net::Start::Up) {
         LOG_ERROR("[SDK] netip_init failed[%d]", static_cast<int>(result));
-        if (result == NETIP_NOMEM) { // perhaps the accept thread, which comes last: then everything else runs
+        if (result == net::Start::NoMemory) { // perhaps the accept thread, which comes last: then everything else runs
             g_left_standing = true;
             g_owner         = &broker; // datagrams can still make clients of it
         }
-        client_mgr_deinit();
+        client::deinit();
         return TARN_E_RESOURCE;
     }
     g_owner = &broker;
@@ -120,8 +120,8 @@ int32_t bring_up(broker_t &broker, int32_t max_clients)
 // The layer and its clients stayed while the owner was stopped.
 void resume(broker_t &broker, int32_t max_clients)
 {
-    poke(g_mqtt_max_clients, max_clients);
-    poke(g_default_max_packet_size, static_cast<uint32_t>(peek(broker.max_packet_size)));
+    g_mqtt_max_clients        = max_clients;
+    g_default_max_packet_size = static_cast<uint32_t>(shared(broker.max_packet_size));
 }
 
 int32_t start_layer(broker_t &broker, int32_t max_clients)
@@ -167,7 +167,7 @@ void tarn_sdk_mqtt_broker_destroy(broker_t *broker)
     LifeLock life;
     if (!life)
         return; // the host is inside a lifecycle call that needs this instance
-    poke(broker->running, 0);
+    shared(broker->running) = 0;
     clear_callbacks(*broker);
     if (!api::end_housekeeping(*broker)) {
         pthread_detach(pthread_self()); // its own thread: nobody can wait for it any more
@@ -194,11 +194,12 @@ int32_t tarn_sdk_mqtt_broker_init(broker_t *broker)
         .reserved_size = AGENT_LOG_RESERVED_SIZE,
         .file_path     = nullptr,
     };
-    agent_log_init(&config);
-    mqtt_stats_init();
-    packet_handler_init();
+    log::init(&config);
+    stats::init();
+    (void)handler::init();
     persist::init(broker->data_dir);
-    LOG_INFO("[SDK] init success, port=%d, max_clients=%d", peek(broker->port), peek(broker->max_clients));
+    LOG_INFO("[SDK] init success, port=%d, max_clients=%d", int32_t{shared(broker->port)},
+             int32_t{shared(broker->max_clients)});
     return TARN_OK;
 }
 
@@ -220,11 +221,11 @@ int32_t tarn_sdk_mqtt_broker_start(broker_t *broker, int32_t port, int32_t max_c
     if (const int32_t result = start_layer(*broker, max_clients); result != TARN_OK)
         return result;
 
-    poke(broker->port, port);
-    poke(broker->max_clients, max_clients);
-    if (!peek(broker->running)) {
+    shared(broker->port)        = port;
+    shared(broker->max_clients) = max_clients;
+    if (!shared(broker->running)) {
         (void)api::end_housekeeping(*broker); // a stop inside a callback may have left it
-        poke(broker->running, 1);
+        shared(broker->running) = 1;
     }
     // Before the first turn's report: lines that meet are lost.
     LOG_INFO("[SDK] start success, listen 0.0.0.0:%d", port);
@@ -236,7 +237,7 @@ int32_t tarn_sdk_mqtt_broker_stop(broker_t *broker)
 {
     if (!is_instance(broker))
         return TARN_E_PARAM;
-    poke(broker->running, 0);
+    shared(broker->running) = 0;
     {
         LifeLock life;
         if (life)
@@ -253,11 +254,11 @@ void tarn_sdk_mqtt_broker_deinit(broker_t *broker)
     LifeLock life;
     if (!life)
         return;
-    netip_deinit();
+    net::stop();
     persist::destroy();
-    client_mgr_deinit();
-    mqtt_stats_deinit();
-    agent_log_deinit();
+    client::deinit();
+    stats::deinit();
+    log::deinit();
     clear_callbacks(*broker);
     forget_owner();
     g_left_standing = false;
@@ -266,5 +267,5 @@ void tarn_sdk_mqtt_broker_deinit(broker_t *broker)
 
 bool tarn_sdk_mqtt_broker_is_running(broker_t *broker)
 {
-    return is_instance(broker) && peek(broker->running);
+    return is_instance(broker) && shared(broker->running);
 }

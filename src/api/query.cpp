@@ -1,8 +1,8 @@
 // query.cpp - what a host can ask of a running broker.
 #include "../base/clock.h"
 #include "../base/text.h"
-#include "../client/client_ref.h"
-#include "../stats/mqtt_stats.h"
+#include "../client/client.hpp"
+#include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "api_internal.h"
 
@@ -28,23 +28,32 @@ void describe(mqtt_client_t &client, tarn_sdk_mqtt_client_info_t &info)
     const client_id_text id = id_of(client);
     copy_text(info.client_id, id.text, sizeof id.text - 1);
     copy_text(info.ip, client.ip, sizeof info.ip - 1); // written once, before the record could be found
-    info.port               = peek(client.port);
-    info.keepalive          = static_cast<uint16_t>(peek(client.keepalive_ms) / 1000);
+    info.port               = client.port;
+    info.keepalive          = static_cast<uint16_t>(client.keepalive_ms / 1000);
     info.online             = is_online(client);
-    const uint64_t since_ms = peek(client.last_active); // read before the clock, which may not be older
+    const uint64_t since_ms = client.last_active; // read before the clock, which may not be older
     info.idle_seconds       = static_cast<uint32_t>(elapsed(mono_ms(), since_ms) / 1000);
 }
 
 } // namespace
 
+void api::update_statistics() noexcept
+{
+    stats::take_over({.online        = client::count_online(),
+                      .pool_capacity = static_cast<uint32_t>(g_client_mgr.capacity),
+                      .pool_used     = static_cast<uint32_t>(g_client_mgr.used_count),
+                      .retained      = static_cast<uint32_t>(g_sub_mgr.retain_count),
+                      .subscriptions = static_cast<uint32_t>(g_sub_mgr.sub_count)});
+}
+
 uint32_t tarn_sdk_mqtt_broker_get_online_count(broker_t * /*unused*/)
 {
-    return client_get_connected_count();
+    return client::count_online();
 }
 
 int32_t tarn_sdk_mqtt_broker_get_client_id_list(broker_t * /*unused*/, char *buf, int32_t size)
 {
-    return fill_list(buf, size, client_fill_id_list);
+    return fill_list(buf, size, client::list_ids);
 }
 
 int32_t tarn_sdk_mqtt_broker_get_retain_topic_list(broker_t * /*unused*/, char *buf, int32_t size)
@@ -59,7 +68,7 @@ int32_t tarn_sdk_mqtt_broker_get_client_info(broker_t *broker, const char *clien
     const client_ref client = find_client_by_cid(client_id);
     if (!client)
         return TARN_E_NOT_FOUND;
-    if (peek(client->broker) != broker) {
+    if (client->broker != broker) {
         LOG_ERROR("[SDK] get_client_info rejected: client '%s' belongs to another broker", client_id);
         return TARN_E_DENIED;
     }
@@ -72,9 +81,9 @@ int32_t tarn_sdk_mqtt_broker_get_stats(broker_t * /*unused*/, tarn_sdk_mqtt_brok
     if (!stats)
         return TARN_E_PARAM;
     const mqtt_stats_t &all = g_mqtt_stats;
-    stats->online           = client_get_connected_count();
-    stats->messages         = static_cast<uint32_t>(peek(all.qos0) + peek(all.qos1) + peek(all.qos2));
-    stats->subscriptions    = peek(all.subs);
-    stats->uptime_seconds   = static_cast<uint32_t>(elapsed(mono_ms(), peek(all.start_ms)) / 1000);
+    stats->online           = client::count_online();
+    stats->messages         = static_cast<uint32_t>(all.qos0 + all.qos1 + all.qos2);
+    stats->subscriptions    = all.subs;
+    stats->uptime_seconds   = static_cast<uint32_t>(elapsed(mono_ms(), all.start_ms) / 1000);
     return TARN_OK;
 }

@@ -6,7 +6,7 @@ using api::is_instance;
 
 int32_t tarn_sdk_mqtt_broker_set_log_level(broker_t * /*unused*/, uint32_t level)
 {
-    agent_log_set_level(level);
+    log::set_level(level);
     return TARN_OK;
 }
 
@@ -14,13 +14,13 @@ int32_t tarn_sdk_mqtt_broker_set_keepalive_timeout(broker_t *broker, int32_t sec
 {
     if (!is_instance(broker))
         return TARN_E_PARAM;
-    if (peek(broker->running)) {
+    if (shared(broker->running)) {
         LOG_ERROR("[SDK] set_keepalive_timeout failed: broker is already running");
         return TARN_E_BUSY;
     }
     if (seconds < 1 || seconds > 3600)
         return TARN_E_PARAM;
-    poke(broker->keepalive_timeout, seconds);
+    shared(broker->keepalive_timeout) = seconds;
     LOG_INFO("[SDK] set keepalive timeout = %d sec", seconds);
     return TARN_OK;
 }
@@ -29,13 +29,13 @@ int32_t tarn_sdk_mqtt_broker_set_max_packet_size(broker_t *broker, int32_t bytes
 {
     if (!is_instance(broker))
         return TARN_E_PARAM;
-    if (peek(broker->running)) {
+    if (shared(broker->running)) {
         LOG_ERROR("[SDK] set_max_packet_size failed: broker is already running");
         return TARN_E_BUSY;
     }
     if (bytes < 256 || bytes > 10485760)
         return TARN_E_PARAM;
-    poke(broker->max_packet_size, bytes);
+    shared(broker->max_packet_size) = bytes;
     return TARN_OK;
 }
 

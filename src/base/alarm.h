@@ -13,8 +13,9 @@ namespace tarn {
 // Statically initialised like a Mutex.
 class Alarm {
 public:
-    // Pauses for `ms` milliseconds, or until ring() finds `running` cleared.
-    void pause_while(const uint8_t &running, uint32_t ms) noexcept
+    // Pauses for `ms` milliseconds, or until ring() finds `running` cleared. A template, so that a flag of either kind
+    // is looked at itself and never a copy of it.
+    template <class Flag> void pause_while(const Flag &running, uint32_t ms) noexcept
     {
         timespec until{};
         clock_gettime(CLOCK_MONOTONIC, &until);

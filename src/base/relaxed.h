@@ -65,6 +65,29 @@ template <class T> struct PlainOf<const Shared<T>> {
 };
 template <class T> using value_of = typename PlainOf<T>::type;
 
+// A field that stays a plain T, since hosts copy its record whole or it stands in their own header, used as a Shared<T>.
+template <class T> class SharedRef {
+public:
+    explicit SharedRef(T &field) noexcept : field_(field) {}
+
+    SharedRef &operator=(std::remove_const_t<T> value) noexcept
+    {
+        std::atomic_ref(field_).store(value, std::memory_order_relaxed);
+        return *this;
+    }
+    operator std::remove_const_t<T>() const noexcept
+    {
+        return std::atomic_ref(const_cast<std::remove_const_t<T> &>(field_)).load(std::memory_order_relaxed);
+    }
+
+private:
+    T &field_;
+};
+template <class T> [[nodiscard]] SharedRef<T> shared(T &field) noexcept
+{
+    return SharedRef<T>(field);
+}
+
 template <class T> [[nodiscard]] inline value_of<T> peek(T &shared) noexcept NO_LOCK_ANALYSIS
 {
     return std::atomic_ref(PlainOf<T>::of(shared)).load(std::memory_order_relaxed);

@@ -2,29 +2,31 @@
 #include "../base/clock.h"
 #include "client_internal.h"
 
-using namespace tarn;
-using namespace tarn::client;
+namespace tarn::client {
+
+void refuse_keepalive(uint32_t handle, int state) noexcept
+{
+    LOG_ERROR("client_set_keepalive: 无效客户端实例（handle=0x%08X, state=%d）", handle, state);
+}
 
 // QUIRK(keepalive-zero): a keep-alive of 0 becomes 60 s and the client is closed after 90 s of silence, where MQTT
 // turns the mechanism off [MQTT 5.0 3.1.2.10]. Dead connections must not hold their record for ever.
 //   test: keepalive.zero_becomes_sixty_seconds
-void client_set_keepalive(mqtt_client_t *client, uint16_t seconds)
+void set_keepalive(mqtt_client_t &client, uint16_t seconds) noexcept
 {
-    const uint32_t handle = client ? peek(client->handle) : 0;
-    const int      state  = client ? static_cast<int>(peek(client->state)) : -1;
-    if (!client || state == CLIENT_CLOSED || handle == NETIP_NO_HANDLE) {
-        LOG_ERROR("client_set_keepalive: 无效客户端实例（handle=0x%08X, state=%d）", handle, state);
-        return;
-    }
+    const uint32_t handle = client.handle;
+    const uint32_t state  = client.state;
+    if (state == CLIENT_CLOSED || handle == NETIP_NO_HANDLE)
+        return refuse_keepalive(handle, static_cast<int>(state));
 
     const uint32_t keepalive_ms = seconds != 0 ? seconds * 1000u : uint32_t{CLIENT_KEEPALIVE_0_MS};
     {
         ScopedLock lock(lock_of_handle(handle));
-        poke(client->keepalive_ms, keepalive_ms);
-        poke(client->last_active, mono_ms());
+        client.keepalive_ms = keepalive_ms;
+        client.last_active  = mono_ms();
     }
     LOG_DEBUG("client_set_keepalive: handle=0x%08X, cid=%s, keepalive=%lu秒（超时阈值=%lu秒）", handle,
-              id_of(*client).text, static_cast<unsigned long>(seconds),
+              id_of(client).text, static_cast<unsigned long>(seconds),
               static_cast<unsigned long>(keepalive_ms * 3 / 2000));
 }
 
@@ -33,11 +35,13 @@ void client_set_keepalive(mqtt_client_t *client, uint16_t seconds)
 // and its will waits. It is closed when the messages pause, when its queue and its socket are full, or when TCP gives
 // it up. A will that must come in time belongs to a client that subscribes to nothing, or to little.
 //   test: client_send.counts_as_activity
-void client_update_active(mqtt_client_t *client)
+void note_active(mqtt_client_t &client) noexcept
 {
-    if (!client || peek(client->state) == CLIENT_CLOSED)
+    if (client.state == CLIENT_CLOSED)
         return;
-    if (peek(client->timeout_closing))
-        poke(client->timeout_closing, 0);
-    poke(client->last_active, mono_ms());
+    if (client.timeout_closing)
+        client.timeout_closing = 0;
+    client.last_active = mono_ms();
 }
+
+} // namespace tarn::client

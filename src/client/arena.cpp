@@ -45,10 +45,13 @@ char *reserved(std::atomic<char *> &area, size_t bytes, int protection) noexcept
     return area.load(std::memory_order_relaxed);
 }
 
+// Null for a record outside the pool, and while there are none.
 client_send_slot_t *own_ring(int32_t index) noexcept
 {
     char *const rings = g_rings.load(std::memory_order_acquire);
-    return rings ? reinterpret_cast<client_send_slot_t *>(rings + static_cast<size_t>(index) * kRingBytes) : nullptr;
+    return rings && index != kOutside
+               ? reinterpret_cast<client_send_slot_t *>(rings + static_cast<size_t>(index) * kRingBytes)
+               : nullptr;
 }
 
 } // namespace
@@ -99,8 +102,7 @@ client_send_slot_t *make_ring(const mqtt_client_t &client) noexcept
 
 void free_ring(const mqtt_client_t &client, client_send_slot_t *ring) noexcept
 {
-    const int32_t index = index_of(&client);
-    if (index != kOutside && ring == own_ring(index))
+    if (ring == own_ring(index_of(&client)))
         madvise(ring, kRingBytes, MADV_DONTNEED);
     else
         free(ring); // one the client brought along, or made while the range could not be reserved
@@ -109,10 +111,10 @@ void free_ring(const mqtt_client_t &client, client_send_slot_t *ring) noexcept
 void trim_ring(mqtt_client_t &client) noexcept
 {
     const int32_t index = index_of(&client);
-    if (index == kOutside || !client.send_queue || client.send_queue != own_ring(index) || side_at(index).flushing)
+    if (!client.send_queue || client.send_queue != own_ring(index) || side_at(index).flushing)
         return;
     madvise(client.send_queue, kRingBytes, MADV_DONTNEED);
-    poke(side_at(index).ring_used, 0);
+    side_at(index).ring_used = 0;
 }
 
 } // namespace tarn::client

@@ -1,7 +1,6 @@
 // bridge.cpp - network events become client actions: the first packet of a connection makes its client record, every
 // packet goes to packet handling, a disconnect closes the client.
-#include "../handler/dispatch_link.h"
-#include "../handler/packet_handler.h"
+#include "../handler/handler.hpp"
 #include "client_internal.h"
 
 #include <utility>
@@ -12,11 +11,11 @@ namespace {
 uint8_t on_connected(uint32_t handle)
 {
     char ip[NETIP_IP_CHARS + 1] = {};
-    if (!netip_get_client_ip(handle, ip, sizeof ip)) {
+    if (!net::copy_ip(handle, ip)) {
         LOG_ERROR("Get client IP failed: handle=%u", handle);
         return 0;
     }
-    LOG_INFO("Client connected: handle=%u, ip=%s:%d", handle, ip, netip_get_client_port(handle));
+    LOG_INFO("Client connected: handle=%u, ip=%s:%d", handle, ip, net::port_of(handle));
     return 1;
 }
 
@@ -41,9 +40,9 @@ void on_disconnected(uint32_t handle, uint32_t reason, uint32_t error)
     const client_ref client = find_client_by_handle(handle);
     if (!client)
         return; // never sent a packet, or closed from above: then this is its own netip_close
-    const uint32_t state = peek(client->state);
+    const uint32_t state = client->state;
     if (state == CLIENT_LOGINED)
-        packet_handler_remove_client_subs(id_of(*client).text, peek(client->clean_session));
+        handler::forget(id_of(*client).text, client->clean_session);
     close_seen(*client, state);
 }
 
@@ -57,9 +56,9 @@ net::Connection connection_of(uint32_t handle)
 client_ref make_client(uint32_t handle, broker_t *broker)
 {
     char ip[NETIP_IP_CHARS + 1] = {};
-    (void)netip_get_client_ip(handle, ip, sizeof ip);
+    (void)net::copy_ip(handle, ip);
     const net::Connection connection = connection_of(handle);
-    client_ref            client     = create_client(handle, ip, netip_get_client_port(handle), broker, connection);
+    client_ref            client     = create_client(handle, ip, net::port_of(handle), broker, connection);
     if (client || (connection.generation != 0 && !net::is_open(connection)))
         return client; // or closed from elsewhere while its packet was on the way
     LOG_ERROR("Create client failed, close handle=%u", handle);
@@ -74,13 +73,6 @@ client_ref client_of(uint32_t handle, broker_t *broker)
     return client ? std::move(client) : make_client(handle, broker);
 }
 
-void register_send_ready_once()
-{
-    static constinit std::atomic<uint8_t> registered{0};
-    if (registered.exchange(1, std::memory_order_relaxed) == 0)
-        netip_register_send_ready_cb(on_netip_send_ready);
-}
-
 } // namespace
 } // namespace tarn::client
 
@@ -90,7 +82,6 @@ using namespace tarn::client;
 uint8_t mqtt_netip_event_cb(uint32_t handle, uint32_t event, const uint8_t *data, uint32_t len, uint32_t reason,
                             uint32_t error, void *arg)
 {
-    register_send_ready_once();
     switch (event) {
     case NETIP_EVENT_CONNECTED:
         return on_connected(handle);
@@ -100,7 +91,7 @@ uint8_t mqtt_netip_event_cb(uint32_t handle, uint32_t event, const uint8_t *data
     case NETIP_EVENT_DATA:
         if (len != 0 && data)
             if (const tarn::client_ref client = client_of(handle, static_cast<broker_t *>(arg)))
-                (void)tarn::handler::dispatch(*client, data, len);
+                (void)tarn::handler::dispatch(*client, {data, len});
         return 1;
     default:
         LOG_WARN("Unknown NetIP event type: %d", static_cast<int>(event));

@@ -25,14 +25,16 @@
 TARN_API_BEGIN
 
 /* ------------------------------------------------------------------------------------------------------------- globals
- * Relaxed: any thread, unless a lock is named. */
+ * Any thread, unless a lock is named. */
 
-extern client_mgr_t g_client_mgr;              /* guards: client_mgr_t */
-extern int32_t      g_mqtt_max_clients;        /* records in use at most; CLIENT_MAX until start */
-extern uint32_t     g_default_max_packet_size; /* bytes, before CONNECT; CLIENT_PACKET_DEFAULT until start */
-extern int32_t      g_will_delay_client_count; /* clients that were closed with a will, but for those released since */
-extern uint8_t      g_send_running;            /* flag: the send thread goes on; cleared by hand it ends */
-extern pthread_t    g_send_thread;             /* 0 = none; a lock of the library's own */
+/* clang-format off */
+extern client_mgr_t          g_client_mgr;              /* guards: client_mgr_t */
+extern TARN_SHARED(int32_t)  g_mqtt_max_clients;        /* records in use at most; CLIENT_MAX until start */
+extern TARN_SHARED(uint32_t) g_default_max_packet_size; /* bytes, before CONNECT; CLIENT_PACKET_DEFAULT until start */
+extern TARN_SHARED(int32_t)  g_will_delay_client_count; /* closed with a will, but for those released since; clients */
+extern TARN_SHARED(uint8_t)  g_send_running;            /* flag: the send thread goes on; cleared by hand it ends */
+extern pthread_t             g_send_thread;             /* 0 = none; a lock of the library's own */
+/* clang-format on */
 
 /* ------------------------------------------------------------------------------------------------------ up and down */
 
@@ -263,7 +265,7 @@ int32_t client_fill_id_list(char *buf, int32_t size);
 /* Counts the clients online: CLIENT_CONNECTED or CLIENT_LOGINED. Takes no lock, any may be held. */
 uint32_t client_get_connected_count(void);
 
-/* Given to netip_register_send_ready_cb by the bridge; never called, and does nothing. */
+/* For netip_register_send_ready_cb, which never calls it; does nothing. */
 void on_netip_send_ready(uint32_t handle);
 
 TARN_API_END

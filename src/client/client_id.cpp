@@ -4,16 +4,10 @@
 #include "client_internal.h"
 
 namespace tarn::client {
-namespace {
-
-constinit Mutex g_outside_id_mx{}; // shared by all records outside the pool
-
-} // namespace
 
 Mutex &id_lock(const mqtt_client_t &client) noexcept
 {
-    Side *const side = side_of(&client);
-    return side ? side->id_mx : g_outside_id_mx;
+    return guards_of(client).id_mx;
 }
 
 client_id_text stored_id(const mqtt_client_t &client) noexcept
@@ -35,7 +29,7 @@ void store_id(mqtt_client_t &client, const char *client_id) noexcept
 // A released record shows no id, although its text stays until the last pin is gone.
 tarn::client_id_text tarn::id_of(mqtt_client_t &client) noexcept
 {
-    if (!peek(client.used) && client::has_mark(client, client::kReleased))
+    if (!client.used && client::has_mark(client, client::kReleased))
         return {};
     return client::stored_id(client);
 }

@@ -2,7 +2,7 @@
 // memory behind records and rings, the two tables, and the seams between sending, closing and the scans.
 //
 // The exported records and arrays are the truth. What stands here is hidden state by pool index; a record outside the
-// pool has none, and every guard lets it pass.
+// pool has none of its own, and every guard lets it pass.
 //
 // Locks, outermost first: one of g_client_mgr.locks; data_mx; send_lock or will_lock of one record; leaves pool_mx,
 // bucket_mx, id_mx. None is ever destroyed.
@@ -39,16 +39,15 @@ enum Mark : uint32_t {
 
 struct Side {
     std::atomic<uint32_t> hold;          // pins and marks: see pins.cpp
-    std::atomic<uint32_t> generation;    // of the connection the record was made for, 0 = unknown
-    std::atomic<uint8_t>  listed;        // on its way to the send thread, or kept by it for another try
-    std::atomic<uint8_t>  in_round;      // in the list of the running I/O round
-    std::atomic<uint8_t>  round_blocked; // its socket took nothing in this round
+    Shared<uint32_t>      generation;    // of the connection the record was made for, 0 = unknown
+    Shared<uint32_t>      blocked_round; // the I/O round in which its socket took nothing
+    std::atomic<uint8_t>  listed;        // in the send list, or kept by the send thread for another try
     std::atomic<uint8_t>  refusals;      // failed sends in a row, other than "would block"
     uint8_t               flushing;      // one thread sends from the ring; send_lock
-    uint8_t               ring_used;     // slots written since its pages were given back; send_lock
+    Shared<uint8_t>       ring_used;     // slots written since its pages were given back; written under send_lock
     LastPacket            last_packet;   // send_lock
     uint8_t               sent_until;    // with LastPacket::Queued: slot behind the last that is sent; send_lock
-    std::atomic<int32_t>  next_ready;    // ready list of the send thread: index + 1, 0 = end
+    std::atomic<int32_t>  next_listed;   // behind it in the send list: index + 1, 0 = end
     std::atomic<int32_t>  subs_high;     // session.subs[] and .msgs[] are zero from here on
     std::atomic<int32_t>  msgs_high;
     int32_t bucket        GUARDED_BY(bucket_mx); // whose chain the record is in, + 1; 0 = in none
@@ -58,8 +57,10 @@ struct Side {
     Mutex                 id_mx;   // client_id and ip
 };
 
-int32_t        index_of(const mqtt_client_t *client) noexcept; // pool index, or kOutside
-Side          *side_of(const mqtt_client_t *client) noexcept;  // null outside the pool
+int32_t index_of(const mqtt_client_t *client) noexcept; // pool index, or kOutside
+Side   *side_of(const mqtt_client_t *client) noexcept;  // null outside the pool
+// The same for who needs no more than a lock, or reads: all records outside the pool share one, zero but for its locks.
+Side          &guards_of(const mqtt_client_t &client) noexcept;
 Side          &side_at(int32_t index) noexcept;
 mqtt_client_t *record_at(int32_t index) noexcept;
 
@@ -109,7 +110,7 @@ struct Slot {
     int32_t              at    = 0;
     explicit             operator bool() const { return block != nullptr; }
     mqtt_client_t       &record() const { return block->records[at]; }
-    uint8_t             &used_flag() const { return block->used_flags[at]; }
+    Shared<uint8_t>     &used_flag() const { return block->used_flags[at]; }
 };
 Slot slot_of(const mqtt_client_t &client) noexcept;
 
@@ -148,7 +149,7 @@ void leave_chain(mqtt_client_t &client) noexcept;
 void leave_entry(mqtt_client_t &client, uint32_t hash) noexcept;
 void clear_buckets() noexcept;
 
-// ---- sending (send_ring.cpp, send_thread.cpp, round_flush.cpp)
+// ---- sending (send_ring.cpp, send_list.cpp, send_thread.cpp, round_flush.cpp)
 
 enum class Flushed {
     Drained, // nothing left
@@ -159,24 +160,49 @@ enum class Flushed {
 };
 // Sends up to 100 packets. With online_only nothing leaves a ring whose client is not online.
 Flushed flush_ring(mqtt_client_t &client, bool online_only) noexcept;
+// The same, never Busy: waits for another thread's flush, which is one non-blocking write and may have looked before
+// the latest packets came.
+Flushed flush_in_turn(mqtt_client_t &client, bool online_only) noexcept;
 // Returns when no thread is sending from this ring. Nobody starts again once the client is not online.
 void wait_for_flusher(mqtt_client_t &client) noexcept;
 // Frees the ring, now or when the thread that sends from it is done.
 void               drop_ring(mqtt_client_t &client) noexcept;
 [[nodiscard]] bool has_packets(mqtt_client_t &client) noexcept;
 
-void hand_to_send_thread(int32_t index) noexcept; // wakes it
-void wake_send_thread() noexcept;                 // it tries again what sockets did not take
+// The send list: the records of the pool with packets that no thread has tried to send yet, each once. The thread that
+// drains it takes all of them, oldest first. Each is off the list before it is served, so that a packet which comes
+// behind the flush lists it again.
+void list_for_sending(int32_t index) noexcept;
+// The list as a chain of index + 1, linked by Side::next_listed; 0 = it is empty.
+int32_t take_send_list() noexcept;
+
+template <class Serve> void drain_send_list(Serve serve)
+{
+    for (int32_t link = take_send_list(); link != 0;) {
+        const int32_t index = link - 1;
+        Side         &side  = side_at(index);
+        link                = side.next_listed.load(std::memory_order_relaxed);
+        side.listed.store(0);
+        serve(index);
+    }
+}
+
+void start_send_thread() noexcept;                // unless it runs
+void stop_send_thread() noexcept;                 // waits for it
+void hand_to_send_thread(int32_t index) noexcept; // lists the record and wakes the thread
+void wake_send_thread() noexcept;                 // it drains the list
+// What this flush left in the ring is the send thread's.
+void hand_over_rest(mqtt_client_t &client, Flushed result) noexcept;
 
 void use_network_hooks() noexcept;
 void begin_io_round() noexcept; // called by the network layer
 void end_io_round() noexcept;
-// True when the calling thread is inside an I/O round, which sends at its end what the round queued.
-[[nodiscard]] bool in_io_round() noexcept;
-void               add_to_round(int32_t index) noexcept;
-// For the send thread, every 10 ms: sends for a round that has been running for long. False when no round has queued
-// anything for a while; add_to_round wakes the thread then. `quiet_turns` is the caller's count.
-bool flush_long_round(int &quiet_turns) noexcept;
+// The number of the I/O round that the calling thread is in, which drains the send list at its end; 0 outside one.
+[[nodiscard]] uint32_t io_round() noexcept;
+void                   list_in_round(int32_t index) noexcept;
+// For the send thread, every turn: false when no round has queued anything for a while. list_in_round wakes the thread
+// then. `quiet_turns` is the caller's count.
+bool rounds_are_watched(int &quiet_turns) noexcept;
 
 // ---- wills and scans (will_store.cpp, will_scan.cpp, timeout_scan.cpp)
 
@@ -184,8 +210,12 @@ void free_will_texts(mqtt_client_t &client) noexcept REQUIRES(client.will_lock);
 void note_parked(mqtt_client_t &client, uint64_t due_at_ms) noexcept;
 void note_unparked(mqtt_client_t &client) noexcept;
 
-uint32_t timeout_scan_turn(uint64_t now_ms, uint32_t default_threshold_ms) noexcept;
-void     will_scan_turn(uint64_t now_ms) noexcept;
+void purge_expired_sessions() noexcept; // session_purge.cpp
+
+// ---- the lines of wrong arguments, null pointers among them (activity.cpp, will_store.cpp)
+
+void refuse_keepalive(uint32_t handle, int state) noexcept;
+void refuse_will(const mqtt_client_t *client, const Will &asked) noexcept;
 
 } // namespace tarn::client
 

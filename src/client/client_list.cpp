@@ -14,16 +14,10 @@ bool is_used_and_online(mqtt_client_t &client)
 }
 
 } // namespace
-} // namespace tarn::client
-
-using namespace tarn;
-using namespace tarn::client;
 
 // The text may end inside an id or behind a comma, where the buffer ends.
-int32_t client_fill_id_list(char *buf, int32_t size)
+int32_t list_ids(char *buf, int32_t size) noexcept
 {
-    if (!buf || size <= 0)
-        return -1;
     buf[0] = '\0';
 
     ScopedLock    lock(g_client_mgr.locks[0]);
@@ -48,7 +42,7 @@ int32_t client_fill_id_list(char *buf, int32_t size)
     return pos;
 }
 
-uint32_t client_get_connected_count(void)
+uint32_t count_online() noexcept
 {
     uint32_t count = 0;
     int32_t  place = 0;
@@ -56,3 +50,5 @@ uint32_t client_get_connected_count(void)
         count += is_used_and_online(*client);
     return count;
 }
+
+} // namespace tarn::client

@@ -6,9 +6,9 @@
  * pointer to one stays readable for the life of the process, but may read as another client.
  *
  * What is said of each field is who may touch it. `any thread` means one value at a time, written and read atomically
- * (relaxed); the others are read and written under the lock that is named. Inside the library the compiler checks the
- * latter (TARN_GUARDED_BY). A host that writes a record's fields does it under the same lock. `mono ms` is
- * CLOCK_MONOTONIC in milliseconds.
+ * (relaxed): TARN_SHARED, which inside the library sees to that. The others are read and written under the lock that is
+ * named. What has both (TARN_GUARDED_BY, which the compiler checks) is written under the lock and read under it, or one
+ * value without. A host that touches a record's fields does it likewise. `mono ms` is CLOCK_MONOTONIC in milliseconds.
  */
 #ifndef TARN_CLIENT_CLIENT_TYPES_H
 #define TARN_CLIENT_CLIENT_TYPES_H
@@ -47,93 +47,96 @@ typedef struct {
 
 /* clang-format off */
 struct mqtt_client_t {
-    uint32_t handle; /* of its connection, NETIP_NO_HANDLE once released; any thread */
+    TARN_SHARED(uint32_t) handle; /* of its connection, NETIP_NO_HANDLE once released; any thread */
 
     /* Written under a lock of the library's own; the thread that handles the client's packets reads them without. */
     char client_id[CODEC_CLIENT_ID_MAX + 1]; /* CLIENT_ID_CHARS characters at most; empty before CONNECT */
     char ip[NETIP_IP_CHARS + 1];             /* of the peer, as in "192.0.2.7" */
 
     /* any thread */
-    uint16_t port;                /* of the peer, host order */
-    uint32_t state;               /* CLIENT_* */
-    uint64_t last_active;         /* mono ms: received from, or queued for, last */
-    uint16_t next_msg_id;         /* 1 from creation; the broker draws its identifiers elsewhere */
-    uint16_t qos2_pending_msg_id; /* of the last PUBLISH at QoS 2 that came in, 0 = its exchange is complete */
-    uint16_t qos1_pending_msg_id; /* of the last delivery at QoS 1 that awaits PUBACK, 0 = none */
-    uint8_t  clean_session;       /* flag of CONNECT: clean session, at 5.0 clean start */
-    uint8_t  disconnect_received; /* flag: it said DISCONNECT, so its end is no accident */
-    uint8_t  session_restored;    /* flag: CONNECT found a saved session */
-    broker_t        *broker;      /* the instance it came in through, not owned */
-    mqtt_codec_ctx_t codec;       /* its protocol level */
+    TARN_SHARED(uint16_t)   port;                /* of the peer, host order */
+    TARN_SHARED(uint32_t)   state;               /* CLIENT_* */
+    TARN_SHARED(uint64_t)   last_active;         /* mono ms: received from, or queued for, last */
+    TARN_SHARED(uint16_t)   next_msg_id;         /* 1 from creation; the broker draws its identifiers elsewhere */
+    TARN_SHARED(uint16_t)   qos2_pending_msg_id; /* of the last PUBLISH at QoS 2 that came in, 0 = exchange complete */
+    TARN_SHARED(uint16_t)   qos1_pending_msg_id; /* of the last delivery at QoS 1 that awaits PUBACK, 0 = none */
+    TARN_SHARED(uint8_t)    clean_session;       /* flag of CONNECT: clean session, at 5.0 clean start */
+    TARN_SHARED(uint8_t)    disconnect_received; /* flag: it said DISCONNECT, so its end is no accident */
+    TARN_SHARED(uint8_t)    session_restored;    /* flag: CONNECT found a saved session */
+    TARN_SHARED(broker_t *) broker;              /* the instance it came in through, not owned */
+    mqtt_codec_ctx_t        codec;               /* its protocol level */
 
     /* The send ring: empty when head == tail, full with one slot left. Written under send_lock, read like the will. */
-    client_send_slot_t *send_queue TARN_GUARDED_BY(send_lock); /* CLIENT_SEND_SLOTS of them, or null */
-    uint8_t             send_head  TARN_GUARDED_BY(send_lock); /* next slot to send, 0..CLIENT_SEND_SLOTS - 1 */
-    uint8_t             send_tail  TARN_GUARDED_BY(send_lock); /* next slot to fill, likewise */
-    tarn_mutex_t        send_lock;                             /* valid from load to exit, like will_lock */
+    TARN_SHARED(client_send_slot_t *) send_queue TARN_GUARDED_BY(send_lock); /* CLIENT_SEND_SLOTS of them, or null */
+    TARN_SHARED(uint8_t)  send_head TARN_GUARDED_BY(send_lock); /* next slot to send, 0..CLIENT_SEND_SLOTS - 1 */
+    TARN_SHARED(uint8_t)  send_tail TARN_GUARDED_BY(send_lock); /* next slot to fill, likewise */
+    tarn_mutex_t          send_lock; /* valid from load to exit, like will_lock */
 
     /* any thread */
-    uint8_t  used;            /* flag: the record is some client's; set last, so that whoever sees it sees the rest */
-    uint8_t  timeout_closing; /* flag: the scan for silent clients is about to close it */
-    uint32_t keepalive_ms;    /* one and a half times that much silence is granted; until CONNECT that of the record's
-                                 last client, 0 = none. Changes under the lock of the handle. */
+    TARN_SHARED(uint8_t)  used;            /* flag: the record is some client's; set last: who sees it sees the rest */
+    TARN_SHARED(uint8_t)  timeout_closing; /* flag: the scan for silent clients is about to close it */
+    TARN_SHARED(uint32_t) keepalive_ms;    /* one and a half times that much silence is granted; until CONNECT that of
+                                              the record's last client, 0 = none. Changes under the handle's lock. */
 
     /* The will. Written under will_lock, read under it, or one value by anybody. */
-    uint8_t      will_msg_used    TARN_GUARDED_BY(will_lock); /* flag: there is one */
-    char        *will_topic       TARN_GUARDED_BY(will_lock); /* owned by the record, on the heap; null = none */
-    uint8_t     *will_payload     TARN_GUARDED_BY(will_lock); /* likewise */
-    uint32_t     will_payload_len TARN_GUARDED_BY(will_lock); /* bytes, 0..CLIENT_WILL_MAX */
-    uint8_t      will_qos         TARN_GUARDED_BY(will_lock); /* 0..2 */
-    uint8_t      will_retain      TARN_GUARDED_BY(will_lock); /* flag */
-    uint8_t      will_sent        TARN_GUARDED_BY(will_lock); /* flag: published, or given up */
-    tarn_mutex_t will_lock;
+    TARN_SHARED(uint8_t)   will_msg_used    TARN_GUARDED_BY(will_lock); /* flag: there is one */
+    TARN_SHARED(char *)    will_topic       TARN_GUARDED_BY(will_lock); /* owned by the record, on the heap; or null */
+    TARN_SHARED(uint8_t *) will_payload     TARN_GUARDED_BY(will_lock); /* likewise */
+    TARN_SHARED(uint32_t)  will_payload_len TARN_GUARDED_BY(will_lock); /* bytes, 0..CLIENT_WILL_MAX */
+    TARN_SHARED(uint8_t)   will_qos         TARN_GUARDED_BY(will_lock); /* 0..2 */
+    TARN_SHARED(uint8_t)   will_retain      TARN_GUARDED_BY(will_lock); /* flag */
+    TARN_SHARED(uint8_t)   will_sent        TARN_GUARDED_BY(will_lock); /* flag: published, or given up */
+    tarn_mutex_t           will_lock;
 
     /* any thread; agreed in CONNECT */
-    uint32_t max_packet_size;         /* bytes, both ways */
-    uint32_t session_expiry_interval; /* s that the session outlives its connection; 0 = ends with it, and at 3.1.1 */
-    uint64_t session_expiry_deadline; /* wall clock, s; 0 = none. Set at the close. */
+    TARN_SHARED(uint32_t) max_packet_size;         /* bytes, both ways */
+    TARN_SHARED(uint32_t) session_expiry_interval; /* s the session outlives its connection; 0 = none, and at 3.1.1 */
+    TARN_SHARED(uint64_t) session_expiry_deadline; /* wall clock, s; 0 = none. Set at the close. */
 
     /* More of the will, from 5.0. Written under will_lock, read under it, or one value by anybody. */
-    uint32_t will_delay_interval      TARN_GUARDED_BY(will_lock); /* s between close and will; 0 = at once */
-    uint32_t will_msg_expiry_interval TARN_GUARDED_BY(will_lock); /* s that the message lives; 0 = for ever */
-    uint8_t  will_payload_format      TARN_GUARDED_BY(will_lock); /* this and the next four are kept, never sent */
+    TARN_SHARED(uint32_t) will_delay_interval      TARN_GUARDED_BY(will_lock); /* s from close to will; 0 = at once */
+    TARN_SHARED(uint32_t) will_msg_expiry_interval TARN_GUARDED_BY(will_lock); /* s the message lives; 0 = for ever */
+    TARN_SHARED(uint8_t)  will_payload_format      TARN_GUARDED_BY(will_lock); /* this and the next four: never sent */
     char     will_content_type[CLIENT_CONTENT_CHARS + 1]       TARN_GUARDED_BY(will_lock);
     char     will_response_topic[CODEC_TOPIC_MAX + 1]          TARN_GUARDED_BY(will_lock);
     uint8_t  will_correlation_data[CLIENT_CORRELATION_MAX + 1] TARN_GUARDED_BY(will_lock);
-    uint32_t will_correlation_len TARN_GUARDED_BY(will_lock); /* bytes, 0..CLIENT_CORRELATION_MAX */
-    uint64_t will_delay_deadline  TARN_GUARDED_BY(will_lock); /* mono ms; when the will is due, while it is pending */
-    uint8_t  will_delay_pending   TARN_GUARDED_BY(will_lock); /* flag: it is closed and its will waits */
+    TARN_SHARED(uint32_t) will_correlation_len     TARN_GUARDED_BY(will_lock); /* bytes, 0..CLIENT_CORRELATION_MAX */
+    TARN_SHARED(uint64_t) will_delay_deadline      TARN_GUARDED_BY(will_lock); /* mono ms; when a pending will is due */
+    TARN_SHARED(uint8_t)  will_delay_pending       TARN_GUARDED_BY(will_lock); /* flag: closed, and its will waits */
 
     /* What is saved of it. Under a lock of the library's own, also held while a file is written from it. */
     persist_session_t session;
 };
-/* clang-format on */
 
-/* Some records of the pool; used flags and counts change under a lock of the library's own; any thread. */
+/*
+ * Some records of the pool. The flags and their count change under a lock of the library's own, for any thread to read;
+ * the rest stands once the block is counted in g_client_mgr.
+ */
 typedef struct {
-    mqtt_client_t *records;    /* CLIENT_BLOCK_RECORDS of them */
-    uint8_t       *used_flags; /* one a record: 1 = taken, or being released */
-    int32_t        used;       /* flags that are set */
-    int32_t        capacity;   /* CLIENT_BLOCK_RECORDS */
+    mqtt_client_t        *records;    /* CLIENT_BLOCK_RECORDS of them */
+    TARN_SHARED(uint8_t) *used_flags; /* one a record: 1 = taken, or being released */
+    TARN_SHARED(int32_t)  used;       /* flags that are set */
+    int32_t               capacity;   /* CLIENT_BLOCK_RECORDS */
 } client_pool_block_t;
 
 /* All clients. One of the process: g_client_mgr (client.h). */
 typedef struct {
     /* the pool; changes under a lock of the library's own; any thread */
-    client_pool_block_t *blocks;      /* owned by the manager; null while it is down */
-    int32_t              block_count; /* entries of blocks; whoever sees the count sees the blocks */
-    int32_t              capacity;    /* records in them */
-    int32_t              used_count;  /* records in use, at most g_mqtt_max_clients */
+    TARN_SHARED(client_pool_block_t *) blocks;      /* owned by the manager; null while it is down */
+    TARN_SHARED(int32_t)               block_count; /* entries of blocks; whoever sees the count sees the blocks */
+    TARN_SHARED(int32_t)               capacity;    /* records in them */
+    TARN_SHARED(int32_t)               used_count;  /* records in use, at most g_mqtt_max_clients */
 
     /* the tables; one record an entry, null = none; any thread */
-    mqtt_client_t *by_handle[CLIENT_MAX]; /* by handle modulo CLIENT_MAX; changes under the lock of the handle */
-    mqtt_client_t *by_cid[CLIENT_MAX];    /* by hash of the id modulo CLIENT_MAX: the record set last */
+    TARN_SHARED(mqtt_client_t *) by_handle[CLIENT_MAX]; /* by handle modulo CLIENT_MAX; under the handle's lock */
+    TARN_SHARED(mqtt_client_t *) by_cid[CLIENT_MAX];    /* by hash of the id modulo CLIENT_MAX: the record set last */
 
     /* Handle h has lock h / CLIENT_BLOCK_RECORDS, hash h has lock h modulo CLIENT_LOCKS. Valid from load to exit. */
     tarn_mutex_t locks[CLIENT_LOCKS];
 
-    uint8_t running; /* flag: between init and deinit; any thread */
+    TARN_SHARED(uint8_t) running; /* flag: between init and deinit; any thread */
 } client_mgr_t;
+/* clang-format on */
 
 TARN_API_END
 

@@ -4,7 +4,7 @@
 // free now or waits for a delayed will. One thread closes a record; files, callbacks and the network are used with no
 // lock held, so whatever they call may look up, send and close clients.
 #include "../base/clock.h"
-#include "../handler/packet_handler.h"
+#include "../handler/handler.hpp"
 #include "../persist/persist.hpp"
 #include "client_internal.h"
 
@@ -21,8 +21,8 @@ void keep_session_until(mqtt_client_t &client, const client_id_text &id, uint32_
 {
     const uint64_t deadline_s = static_cast<uint64_t>(wall_s()) + interval_s;
     {
-        ScopedLock lock(lock_of_handle(peek(client.handle)));
-        poke(client.session_expiry_deadline, deadline_s);
+        ScopedLock lock(lock_of_handle(client.handle));
+        client.session_expiry_deadline = deadline_s;
     }
     LOG_INFO("[MQTT5] 会话已设置过期: %s, 剩余=%u秒, 截止=%llu", id.text, interval_s,
              static_cast<unsigned long long>(deadline_s));
@@ -45,9 +45,9 @@ void keep_session_until(mqtt_client_t &client, const client_id_text &id, uint32_
 //   test: Close.a_clean_session_has_no_deadline
 void settle_session(mqtt_client_t &client, const client_id_text &id)
 {
-    if (peek(client.clean_session) || peek(client.disconnect_received))
+    if (client.clean_session || client.disconnect_received)
         return;
-    if (const uint32_t interval_s = peek(client.session_expiry_interval); interval_s != 0) {
+    if (const uint32_t interval_s = client.session_expiry_interval; interval_s != 0) {
         keep_session_until(client, id, interval_s);
         return;
     }
@@ -62,7 +62,7 @@ bool will_is_due(mqtt_client_t &client)
 {
     if (!peek(client.will_msg_used) || peek(client.will_sent))
         return false;
-    return peek(client.timeout_closing) || !peek(client.disconnect_received);
+    return client.timeout_closing || !client.disconnect_received;
 }
 
 // QUIRK(will-outlives-session): a delayed will waits for its delay even if the session ends before, as it does at once
@@ -70,11 +70,11 @@ bool will_is_due(mqtt_client_t &client)
 //   test: Close.a_will_waits_although_its_session_is_deleted
 void start_will(mqtt_client_t &client, const client_id_text &id)
 {
-    if (!peek(client.timeout_closing))
+    if (!client.timeout_closing)
         LOG_INFO("[遗嘱调试][异常断开] ClientID=%s, 未发送DISCONNECT报文，强制触发遗嘱发送", id.text);
     LOG_WARN("[WILL-ENTER] 客户端进入遗嘱延迟: %s, will_delay_sec=%u", id.text, peek(client.will_delay_interval));
     bump(g_will_delay_client_count);
-    packet_start_will_delay(&client); // while it is online: it may be one of the receivers
+    handler::start_will(client); // while it is online: it may be one of the receivers
     if (peek(client.will_delay_pending))
         note_parked(client, peek(client.will_delay_deadline));
 }
@@ -117,7 +117,7 @@ void free_now(mqtt_client_t &client, const client_id_text &id)
 void close_claimed(mqtt_client_t &client)
 {
     const client_id_text id = stored_id(client);
-    LOG_DEBUG("[MQTT5] Client close: max_packet_size=%u, client=%s", peek(client.max_packet_size), id.text);
+    LOG_DEBUG("[MQTT5] Client close: max_packet_size=%u, client=%s", uint32_t{client.max_packet_size}, id.text);
     settle_session(client, id);
     if (will_is_due(client))
         park(client, id);
@@ -136,23 +136,11 @@ using namespace tarn::client;
 // meanwhile, comes second: the other one has settled session and will, and the client may have come back since.
 void tarn::close_seen(mqtt_client_t &client, uint32_t seen_state) noexcept
 {
-    if (peek(client.state) == CLIENT_CLOSED) {
+    if (client.state == CLIENT_CLOSED) {
         LOG_DEBUG("[遗嘱调试][关闭客户端] ClientID=%s, 状态已关闭，跳过", id_of(client).text);
         return;
     }
-    if (!claim_closing(client))
-        return; // being closed, perhaps further up on this very thread
-    if (!was_closed_since(client, seen_state))
+    const Claim claim(client); // else it is being closed, perhaps further up on this very thread
+    if (claim && !was_closed_since(client, seen_state))
         close_claimed(client);
-    unclaim_closing(client);
-}
-
-void client_close(mqtt_client_t *client)
-{
-    if (!client) {
-        LOG_DEBUG("[遗嘱调试][关闭客户端] 客户端为空，跳过");
-        return;
-    }
-    const client_ref pin(client);
-    close_seen(*client, peek(client->state));
 }

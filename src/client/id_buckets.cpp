@@ -76,12 +76,10 @@ void enter_bucket(mqtt_client_t &client, uint32_t hash, uint32_t seen_state) noe
 
 void leave_chain(mqtt_client_t &client) noexcept
 {
-    Side *const side = side_of(&client);
-    if (!side)
-        return;
+    Side      &side = guards_of(client);
     ScopedLock lock(bucket_mx);
-    if (side->bucket != 0)
-        pass_on(unlink(*side), client);
+    if (side.bucket != 0)
+        pass_on(unlink(side), client);
 }
 
 // An entry that meanwhile names another record stays: whoever reconnected remains routable.

@@ -16,13 +16,13 @@
 //                 wipe
 //
 // Who takes an edge, and what makes it one winner:
-//   create      client_create, the bridge with a connection's first packet; who takes the slot (pool.cpp)
+//   create      a host, the bridge with a connection's first packet; who takes the slot (pool.cpp)
 //   log in      CONNECT; any number of times until the client goes offline
-//   go offline  close_seen and client_close (close.cpp), for the bridge, packet handling, the host's kick, the time-out
-//               scan; who has the claim
+//   go offline  close_seen (close.cpp), for the bridge, packet handling, the host's kick, the time-out scan; who has the
+//               claim
 //   settle      the will scan, the CONNECT of a client that came back (release_parked), who calls the delay off
 //               (release_called_off); who has the claim
-//   release     behind go offline where no will starts, and behind settle; pool_free. Who sets the mark kReleased
+//   release     behind go offline where no will starts, and behind settle; a host. Who sets the mark kReleased
 //   retire      unlink_pool, when the manager goes down; a released record loses what a holder stored in it since
 //   wipe        the last unpin of a released record (pins.cpp). Where a whole block is held by nobody, unlink_pool gives
 //               its memory back instead, or scrubs the records that share it with a held one: UNUSED again
@@ -33,7 +33,7 @@
 
 #include "../base/clock.h"
 #include "../base/text.h"
-#include "../codec/mqtt_codec.h"
+#include "../codec/codec.hpp"
 #include "../qos/qos.hpp"
 #include "client_internal.h"
 #include "record_fields.h"
@@ -45,7 +45,7 @@ namespace tarn::client {
 bool step(mqtt_client_t &client, const Edge &edge) noexcept
 {
     for (;;) {
-        const uint32_t seen = peek(client.state);
+        const uint32_t seen = client.state;
         if ((edge.from & in(seen)) == 0)
             return false;
         if (swap_if(client.state, seen, edge.to))
@@ -77,7 +77,7 @@ template <When when, Guard guard, size_t row> void zero_field(mqtt_client_t &cli
     if constexpr (field.guard == guard && field[when] == Cell::Zero) {
         uint8_t *const at = reinterpret_cast<uint8_t *>(&client) + field.at;
         if constexpr (field.is_word)
-            poke(*reinterpret_cast<typename WordOf<field.size>::type *>(at), 0);
+            *reinterpret_cast<Shared<typename WordOf<field.size>::type> *>(at) = 0;
         else
             memset(at, 0, field.size);
     }
@@ -112,19 +112,19 @@ void fill(mqtt_client_t &client, uint32_t handle, const char *ip, uint16_t port,
 {
     Side *const side = side_of(&client);
     if (side) {
-        side->generation.store(generation, std::memory_order_relaxed);
+        side->generation = generation;
         side->refusals.store(0, std::memory_order_relaxed);
     }
-    poke(client.handle, handle);
+    client.handle = handle;
     {
         ScopedLock lock(id_lock(client));
-        copy_text(client.ip, ip ? ip : "", sizeof client.ip - 1);
+        copy_text(client.ip, ip, sizeof client.ip - 1);
     }
-    poke(client.port, port);
-    poke(client.last_active, mono_ms());
-    poke(client.next_msg_id, 1);
-    poke(client.broker, broker);
-    (void)mqtt_codec_ctx_init(&client.codec);
+    client.port        = port;
+    client.last_active = mono_ms();
+    client.next_msg_id = 1;
+    client.broker      = broker;
+    codec::init(client.codec);
     {
         ScopedLock lock(client.send_lock);
         zero_fields<When::Create, Guard::Send>(client);
@@ -133,7 +133,7 @@ void fill(mqtt_client_t &client, uint32_t handle, const char *ip, uint16_t port,
     }
     reset<When::Create>(client);
     empty_session(client); // a holder of the record before may have written it behind its release
-    poke(client.max_packet_size, peek(g_default_max_packet_size));
+    client.max_packet_size = uint32_t{g_default_max_packet_size};
     step(client, kCreate);
     poke_release(client.used, 1); // now scans may see it
 }
@@ -168,8 +168,8 @@ void tell_full(int32_t max_clients)
 client_ref create_client(uint32_t handle, const char *ip, uint16_t port, broker_t *broker,
                          net::Connection connection) noexcept
 {
-    if (peek(g_client_mgr.used_count) >= peek(g_mqtt_max_clients)) {
-        tell_full(peek(g_mqtt_max_clients));
+    if (g_client_mgr.used_count >= g_mqtt_max_clients) {
+        tell_full(g_mqtt_max_clients);
         return {};
     }
 
@@ -190,9 +190,9 @@ client_ref create_client(uint32_t handle, const char *ip, uint16_t port, broker_
         }
     }
     if (taken == Taken::TableFull) // another thread took the last one
-        tell_full(peek(g_mqtt_max_clients));
+        tell_full(g_mqtt_max_clients);
     if (client)
-        tell_created(id_of(*client), peek(client->max_packet_size), handle, client->ip, port, total);
+        tell_created(id_of(*client), client->max_packet_size, handle, client->ip, port, total);
     return client;
 }
 
@@ -200,8 +200,7 @@ client_ref create_client(uint32_t handle, const char *ip, uint16_t port, broker_
 
 void close_connection_of(mqtt_client_t &client) noexcept
 {
-    const Side *const side = side_of(&client);
-    net::close_connection(peek(client.handle), side ? side->generation.load(std::memory_order_relaxed) : 0);
+    net::close_connection(client.handle, guards_of(client).generation);
 }
 
 void go_offline(mqtt_client_t &client) noexcept
@@ -219,8 +218,8 @@ namespace {
 void leave_pool(mqtt_client_t &client, const Edge &edge)
 {
     step(client, edge);
-    poke(client.handle, NETIP_NO_HANDLE);
-    poke(client.used, 0);
+    client.handle = NETIP_NO_HANDLE;
+    client.used   = 0;
     leave_chain(client); // a retired one may have been given an id behind the clearing of the tables
     drop_ring(client);
     empty_session(client); // or a connection that never says CONNECT could write this one's files
@@ -228,7 +227,7 @@ void leave_pool(mqtt_client_t &client, const Edge &edge)
 
 bool has_traces(mqtt_client_t &client)
 {
-    return peek(client.used) || peek(client.send_queue) || peek(client.will_topic) || peek(client.will_payload);
+    return client.used || peek(client.send_queue) || peek(client.will_topic) || peek(client.will_payload);
 }
 
 // Only after an init over a live manager: deinit has emptied the list before.
@@ -246,10 +245,10 @@ void drop_deliveries(mqtt_client_t &client)
 
 bool release_record(mqtt_client_t &client) noexcept
 {
-    if ((kRelease.from & in(peek(client.state))) == 0 || !peek(client.used))
+    if ((kRelease.from & in(client.state)) == 0 || !client.used)
         return false;
     const Slot slot = slot_of(client);
-    if (!slot || !peek(slot.used_flag()))
+    if (!slot || !slot.used_flag())
         return false;
 
     const client_ref pin(&client); // so that the texts go and the slot becomes free when we let go, at the earliest
@@ -289,10 +288,10 @@ void wipe(mqtt_client_t &client) noexcept
 void scrub(mqtt_client_t &client) noexcept
 {
     wipe(client);
-    uint8_t *const bytes = reinterpret_cast<uint8_t *>(&client);
+    auto *const bytes = reinterpret_cast<Shared<uint8_t> *>(&client);
     for (const Field &field : kRecord)
         for (size_t i = 0; field.guard != Guard::Lock && field.guard != Guard::Session && i < field.size; ++i)
-            poke(bytes[field.at + i], 0); // scans may look in passing
+            bytes[field.at + i] = 0; // scans may look in passing
     clear_session(client);
 }
 
@@ -301,17 +300,6 @@ void scrub(mqtt_client_t &client) noexcept
 using namespace tarn;
 using namespace tarn::client;
 
-mqtt_client_t *client_create(uint32_t handle, const char *ip, uint16_t port, broker_t *broker)
-{
-    return create_client(handle, ip, port, broker, {}).get();
-}
-
-void pool_free(mqtt_client_t *client)
-{
-    if (client)
-        (void)release_record(*client);
-}
-
 bool tarn::mark_logged_in(mqtt_client_t &client) noexcept
 {
     return step(client, kLogIn);
@@ -319,43 +307,39 @@ bool tarn::mark_logged_in(mqtt_client_t &client) noexcept
 
 // ---- the claim, and settle
 
-bool tarn::claim_closing(mqtt_client_t &client) noexcept
-{
-    return set_mark(client, kClaimed);
-}
+Claim::Claim(mqtt_client_t &client) noexcept : client_(set_mark(client, kClaimed) ? &client : nullptr) {}
 
-void tarn::unclaim_closing(mqtt_client_t &client) noexcept
+Claim::~Claim()
 {
-    if (!side_of(&client))
+    if (!client_)
         return;
-    (void)clear_mark(client, kClaimed);
-    release_called_off(client);
+    (void)clear_mark(*client_, kClaimed);
+    release_called_off(*client_);
 }
 
-void tarn::release_parked(mqtt_client_t &client) noexcept
+void tarn::client::release_parked(const Claim &claim) noexcept
 {
-    leave_tables(client, kSettle);
+    leave_tables(claim.client(), kSettle);
     bump(g_will_delay_client_count, -1);
-    (void)release_record(client);
+    (void)release_record(claim.client());
 }
 
 namespace {
 
 bool was_called_off(mqtt_client_t &client)
 {
-    if (peek(client.state) != CLIENT_WILL_PENDING)
+    if (client.state != CLIENT_WILL_PENDING)
         return false;
     ScopedLock lock(client.will_lock);
-    return peek(client.will_delay_interval) != 0 && !peek(client.will_sent) && !peek(client.will_delay_pending);
+    return client.will_delay_interval != 0 && !client.will_sent && !client.will_delay_pending;
 }
 
 } // namespace
 
-void tarn::release_called_off(mqtt_client_t &client) noexcept
+void tarn::client::release_called_off(mqtt_client_t &client) noexcept
 {
-    if (!side_of(&client) || !was_called_off(client) || !claim_closing(client))
+    if (!side_of(&client) || !was_called_off(client))
         return;
-    if (was_called_off(client))
-        release_parked(client);
-    unclaim_closing(client);
+    if (const Claim claim(client); claim && was_called_off(client))
+        release_parked(claim);
 }

@@ -2,8 +2,8 @@
 #ifndef TARN_CLIENT_LIFE_H
 #define TARN_CLIENT_LIFE_H
 
-#include "../net/netip_link.h"
-#include "client_ref.h"
+#include "../net/net.hpp"
+#include "client.hpp"
 
 namespace tarn::client {
 
@@ -33,17 +33,17 @@ bool step(mqtt_client_t &client, const Edge &edge) noexcept;
 // True when another thread has taken the client out of the online states since its state was `before`.
 [[nodiscard]] inline bool was_closed_since(mqtt_client_t &client, uint32_t before) noexcept
 {
-    const uint32_t now = peek(client.state);
+    const uint32_t now = client.state;
     return now != before && (now == CLIENT_CLOSED || now == CLIENT_WILL_PENDING);
 }
 
-// client_create, pinned. With a generation in `connection` the record is made only while that connection is open.
+// Makes a client, pinned. With a generation in `connection` the record is made only while that connection is open.
 client_ref create_client(uint32_t handle, const char *ip, uint16_t port, broker_t *broker,
                          net::Connection connection) noexcept;
 // Out of the tables and WILL_PENDING, its connection closed. The caller has the claim.
 void go_offline(mqtt_client_t &client) noexcept;
 void close_connection_of(mqtt_client_t &client) noexcept;
-// pool_free; true when the record was in use and is free now.
+// True when the record was in use and is free now.
 bool release_record(mqtt_client_t &client) noexcept;
 // A record of a manager that goes down, whatever its state; the tables do not name it any more.
 void retire(mqtt_client_t &client) noexcept;

@@ -25,9 +25,8 @@ Mutex &lock_of_hash(uint32_t hash)
 // of its own may still be at it then.
 bool is_of_earlier_connection(mqtt_client_t &client, uint32_t handle)
 {
-    const Side *const side    = side_of(&client);
-    const uint32_t    own     = side ? side->generation.load(std::memory_order_relaxed) : 0;
-    const uint32_t    current = own != 0 ? net::generation_of(handle) : 0;
+    const uint32_t own     = guards_of(client).generation;
+    const uint32_t current = own != 0 ? net::generation_of(handle) : 0;
     return current != 0 && current != own;
 }
 
@@ -38,7 +37,7 @@ bool has_id(const mqtt_client_t &client, const char *client_id)
 
 bool is_found(mqtt_client_t &client, const char *client_id)
 {
-    return peek_acquire(client.used) && peek(client.state) != CLIENT_CLOSED && has_id(client, client_id);
+    return peek_acquire(client.used) && client.state != CLIENT_CLOSED && has_id(client, client_id);
 }
 
 } // namespace
@@ -58,7 +57,7 @@ Mutex &lock_of_handle(uint32_t handle) noexcept
 
 void leave_tables(mqtt_client_t &client, const Edge &edge) noexcept
 {
-    const uint32_t handle = peek(client.handle);
+    const uint32_t handle = client.handle;
     {
         ScopedLock lock(lock_of_handle(handle));
         step(client, edge);
@@ -96,8 +95,8 @@ client_ref tarn::find_client_by_handle(uint32_t handle) noexcept
         return {};
     ScopedLock lock(lock_of_handle(handle));
     client_ref client(peek_acquire(g_client_mgr.by_handle[handle % CLIENT_MAX]));
-    if (client && (peek(client->state) == CLIENT_CLOSED || peek(client->handle) != handle ||
-                   is_of_earlier_connection(*client, handle)))
+    if (client &&
+        (client->state == CLIENT_CLOSED || client->handle != handle || is_of_earlier_connection(*client, handle)))
         client.reset();
     return client;
 }
@@ -116,7 +115,7 @@ client_ref tarn::find_client_by_handle(uint32_t handle) noexcept
 //   client_hash.a_prefix_and_three_letters_of_which_the_first_is_a_to_k_have_a_bucket_of_their_own
 client_ref tarn::find_client_by_cid(const char *client_id) noexcept
 {
-    if (!client_id || !*client_id)
+    if (!*client_id)
         return {};
     const uint32_t hash = hash_of(client_id);
     ScopedLock     lock(lock_of_hash(hash));
@@ -126,42 +125,29 @@ client_ref tarn::find_client_by_cid(const char *client_id) noexcept
     return client;
 }
 
-mqtt_client_t *client_find_by_handle(uint32_t handle)
-{
-    return find_client_by_handle(handle).get();
-}
-
-mqtt_client_t *client_find_by_cid(const char *client_id)
-{
-    return find_client_by_cid(client_id).get();
-}
-
 // QUIRK(auto-client-id): an empty client id becomes "auto_" and the second of the wall clock, so two clients that come
 // in one second share an id, and only the later one is found by it. A server must assign a unique one [MQTT-3.1.3-6].
 // Hosts tell such clients by this form.
 //   test: client_id.two_empty_ids_within_a_second_are_one_id
-void client_set_cid(mqtt_client_t *client, const char *client_id)
+void tarn::client::set_id(mqtt_client_t &client, const char *client_id) noexcept
 {
-    if (!client)
-        return;
-    const client_ref pin(client);
-    const uint32_t   state = peek(client->state);
+    const uint32_t state = client.state;
     if (state == CLIENT_CLOSED)
         return;
 
     client_id_text id;
-    if (client_id && *client_id) {
+    if (*client_id) {
         copy_text(id.text, client_id, CLIENT_ID_CHARS);
     } else {
         snprintf(id.text, sizeof id.text, "auto_%lu", static_cast<unsigned long>(wall_s()));
         LOG_INFO("[MQTT标准] 空ClientID，Broker自动生成: %s", id.text);
     }
-    store_id(*client, id.text);
+    store_id(client, id.text);
 
     const uint32_t hash = hash_of(id.text);
     {
         ScopedLock lock(lock_of_hash(hash));
-        enter_bucket(*client, hash, state);
+        enter_bucket(client, hash, state);
     }
-    LOG_DEBUG("Set client ID: handle=%u, cid=%s", peek(client->handle), id.text);
+    LOG_DEBUG("Set client ID: handle=%u, cid=%s", uint32_t{client.handle}, id.text);
 }

@@ -3,45 +3,46 @@
 #include "../qos/qos.hpp"
 #include "client_internal.h"
 
-using namespace tarn;
-using namespace tarn::client;
+namespace tarn::client {
 
-uint32_t client_mgr_init(int32_t max_clients)
+bool init(int32_t max_clients) noexcept
 {
     if (max_clients < 1 || max_clients > CLIENT_MAX) {
         LOG_ERROR("max_clients %d invalid, must <= %d", max_clients, CLIENT_MAX);
-        return kFailed;
+        return false;
     }
-    poke(g_mqtt_max_clients, max_clients);
-    poke(g_client_mgr.running, 0);
+    g_mqtt_max_clients   = max_clients;
+    g_client_mgr.running = 0;
     unlink_pool(); // of an init without a deinit, or of clients that were created before
 
     if (!make_block_list()) {
         LOG_ERROR("malloc pools failed");
-        return kFailed;
+        return false;
     }
     if (!fill_pool((max_clients + CLIENT_BLOCK_RECORDS - 1) / CLIENT_BLOCK_RECORDS)) {
         unlink_pool();
-        return kFailed;
+        return false;
     }
-    poke(g_client_mgr.running, 1);
+    g_client_mgr.running = 1;
 
     if (!qos::init()) {
         LOG_ERROR("QoS reliable init failed");
-        client_mgr_deinit();
-        return kFailed;
+        deinit();
+        return false;
     }
     use_network_hooks();
-    mqtt_start_send_thread();
+    start_send_thread();
     LOG_INFO("client_mgr_init success, dynamic max_clients = %d", max_clients);
-    return 0;
+    return true;
 }
 
-void client_mgr_deinit(void)
+void deinit() noexcept
 {
-    mqtt_stop_send_thread();
-    poke(g_client_mgr.running, 0);
+    stop_send_thread();
+    g_client_mgr.running = 0;
     qos::destroy();
     unlink_pool();
     LOG_INFO("Client manager deinit success (QoS module destroyed)");
 }
+
+} // namespace tarn::client

@@ -11,6 +11,7 @@ namespace {
 constexpr uint32_t kPins = kClaimed - 1;
 
 constinit Side g_sides[CLIENT_MAX]{};
+constinit Side g_outside{};
 
 // A wipe is short and takes send_lock, will_lock and id_mx of its own record only. Nobody pins a record while holding
 // one of these of the same record, so waiting is safe with any other lock held.
@@ -52,6 +53,12 @@ Side *side_of(const mqtt_client_t *client) noexcept
 {
     const int32_t index = index_of(client);
     return index == kOutside ? nullptr : &g_sides[index];
+}
+
+Side &guards_of(const mqtt_client_t &client) noexcept
+{
+    Side *const side = side_of(&client);
+    return side ? *side : g_outside;
 }
 
 bool set_mark(const mqtt_client_t &client, Mark mark) noexcept
@@ -127,7 +134,7 @@ void client_ref::reset() noexcept
 bool is_released(const mqtt_client_t *client) noexcept
 {
     const Side *const side = client ? side_of(client) : nullptr;
-    return side && (client::has_mark(*client, client::kReleased) || !peek(client->used));
+    return side && (client::has_mark(*client, client::kReleased) || !client->used);
 }
 
 } // namespace tarn

@@ -5,9 +5,9 @@
 #include "../base/memory.h"
 #include "client_internal.h"
 
-client_mgr_t g_client_mgr{};
-int32_t      g_mqtt_max_clients        = CLIENT_MAX;
-uint32_t     g_default_max_packet_size = CLIENT_PACKET_DEFAULT;
+constinit client_mgr_t           g_client_mgr{};
+constinit tarn::Shared<int32_t>  g_mqtt_max_clients        = CLIENT_MAX;
+constinit tarn::Shared<uint32_t> g_default_max_packet_size = CLIENT_PACKET_DEFAULT;
 
 namespace tarn::client {
 
@@ -18,7 +18,7 @@ namespace {
 // The block list lives as long as the process, at its full length: scans walk it without a lock.
 constinit client_pool_block_t *g_block_list GUARDED_BY(pool_mx) = nullptr;
 constinit bool g_unlinking                  GUARDED_BY(pool_mx) = false; // no new records meanwhile
-constinit uint8_t                           g_used_flags[kBlocksMax][CLIENT_BLOCK_RECORDS]{};
+constinit Shared<uint8_t>                   g_used_flags[kBlocksMax][CLIENT_BLOCK_RECORDS]{};
 
 bool have_block_list() REQUIRES(pool_mx)
 {
@@ -35,10 +35,13 @@ bool add_block() REQUIRES(pool_mx)
     if (!have_block_list() || !open_block(block))
         return false;
     client_pool_block_t &added = g_block_list[block];
-    if (!added.records) // else it stands there since an earlier start, and late readers may look at it
-        added = {records_of(block), g_used_flags[block], 0, CLIENT_BLOCK_RECORDS};
-    poke(added.used, 0);
-    poke(g_client_mgr.capacity, g_client_mgr.capacity + CLIENT_BLOCK_RECORDS);
+    if (!added.records) { // else it stands there since an earlier start, and late readers may look at it
+        added.records    = records_of(block);
+        added.used_flags = g_used_flags[block];
+        added.capacity   = CLIENT_BLOCK_RECORDS;
+    }
+    added.used            = 0;
+    g_client_mgr.capacity = g_client_mgr.capacity + CLIENT_BLOCK_RECORDS;
     poke_release(g_client_mgr.block_count, block + 1); // whoever sees the count sees the block
     return true;
 }
@@ -46,7 +49,7 @@ bool add_block() REQUIRES(pool_mx)
 bool is_free(const Slot &slot) REQUIRES(pool_mx)
 {
     const int32_t index = index_of(&slot.record());
-    return peek(slot.used_flag()) == 0 && (index == kOutside || is_idle(index));
+    return slot.used_flag() == 0 && (index == kOutside || is_idle(index));
 }
 
 Slot find_free() REQUIRES(pool_mx)
@@ -78,26 +81,26 @@ Slot slot_of(const mqtt_client_t &client) noexcept
 Taken take_slot(Slot &slot, int32_t &used_count) noexcept
 {
     ScopedLock lock(pool_mx);
-    if (g_client_mgr.used_count >= peek(g_mqtt_max_clients))
+    if (g_client_mgr.used_count >= g_mqtt_max_clients)
         return Taken::TableFull;
     slot = g_unlinking ? Slot{} : find_free();
     if (!slot)
         return Taken::NoSlot;
-    poke(slot.used_flag(), 1);
-    poke(slot.block->used, slot.block->used + 1);
-    used_count = g_client_mgr.used_count + 1;
-    poke(g_client_mgr.used_count, used_count);
+    slot.used_flag()        = 1;
+    slot.block->used        = slot.block->used + 1;
+    used_count              = g_client_mgr.used_count + 1;
+    g_client_mgr.used_count = used_count;
     return Taken::Slot;
 }
 
 void give_slot_back(const Slot &slot) noexcept
 {
     ScopedLock lock(pool_mx);
-    if (peek(slot.used_flag()) == 0)
+    if (slot.used_flag() == 0)
         return; // the whole pool was unlinked meanwhile
-    poke(slot.used_flag(), 0);
-    poke(slot.block->used, slot.block->used - 1);
-    poke(g_client_mgr.used_count, g_client_mgr.used_count - 1);
+    slot.used_flag()        = 0;
+    slot.block->used        = slot.block->used - 1;
+    g_client_mgr.used_count = g_client_mgr.used_count - 1;
 }
 
 mqtt_client_t *record_in_order(int32_t place) noexcept
@@ -113,7 +116,7 @@ mqtt_client_t *next_flagged(int32_t &place) noexcept
     while (mqtt_client_t *const record = record_in_order(place)) {
         const client_pool_block_t *const blocks = peek_acquire(g_client_mgr.blocks);
         const int32_t                    at     = place++;
-        if (blocks && peek(blocks[at / CLIENT_BLOCK_RECORDS].used_flags[at % CLIENT_BLOCK_RECORDS]))
+        if (blocks && blocks[at / CLIENT_BLOCK_RECORDS].used_flags[at % CLIENT_BLOCK_RECORDS])
             return record;
     }
     return nullptr;
@@ -167,12 +170,12 @@ client_pool_block_t *hide_blocks(int32_t &count, bool &own) EXCLUDES(pool_mx)
     count                             = g_client_mgr.block_count;
     own                               = blocks && blocks == g_block_list;
     poke_release(g_client_mgr.block_count, 0);
-    poke(g_client_mgr.capacity, 0);
-    poke(g_client_mgr.used_count, 0);
+    g_client_mgr.capacity   = 0;
+    g_client_mgr.used_count = 0;
     poke_release(g_client_mgr.blocks, nullptr);
     for (int32_t i = 0; own && i < count; ++i)
         for (int32_t at = 0; at < CLIENT_BLOCK_RECORDS; ++at)
-            poke(blocks[i].used_flags[at], 0);
+            blocks[i].used_flags[at] = 0;
     return blocks;
 }
 

@@ -32,11 +32,11 @@ enum class Cell : uint8_t {
 };
 
 enum class Guard : uint8_t {
-    Word,    // stands alone: one atomic access (base/relaxed.h)
+    Word,    // stands alone: Shared, one atomic access
     State,   // as a word, and written by step() of life.cpp only
     Id,      // id_mx
-    Send,    // send_lock; ends and pointer are looked at without
-    Will,    // will_lock; words are looked at without
+    Send,    // send_lock; what is Shared is looked at without
+    Will,    // will_lock; likewise
     Session, // data_mx; counts are looked at without
     Bucket,  // bucket_mx
     Hold,    // its own protocol: pins.cpp
@@ -46,7 +46,7 @@ enum class Guard : uint8_t {
 struct Field {
     const char *name;
     size_t      at, size, align;
-    bool        is_word, is_bytes;
+    bool        is_word, is_bytes; // a Shared number, an array of bytes
     Cell        cells[kMoments];
     Guard       guard;
 
@@ -58,14 +58,16 @@ namespace rows {
 using enum Cell;
 using enum Guard;
 
+template <class T> constexpr bool is_shared = !std::is_same_v<T, value_of<T>>;
+
 template <class T>
 constexpr Field field(const char *name, size_t at, Cell create, Cell connect, Cell release, Cell retire, Cell wipe,
                       Guard guard)
 {
     using Element       = std::remove_all_extents_t<T>;
     const bool is_bytes = std::is_array_v<T> && sizeof(Element) == 1;
-    return {name, at, sizeof(T), alignof(T), std::is_unsigned_v<T>, is_bytes, {create, connect, release, retire, wipe},
-            guard};
+    const bool is_word  = is_shared<T> && std::is_unsigned_v<value_of<T>>;
+    return {name, at, sizeof(T), alignof(T), is_word, is_bytes, {create, connect, release, retire, wipe}, guard};
 }
 
 #define ROW(name, ...) field<decltype(Of::name)>(#name, offsetof(Of, name), __VA_ARGS__)
@@ -131,15 +133,14 @@ inline constexpr Field kSide[] = {
     //                             create connect release retire wipe  guard
     ROW(hold,                      Kept,  Kept,   Set,    Set,   Set,  Hold),
     ROW(generation,                Set,   Kept,   Kept,   Kept,  Kept, Word),
+    ROW(blocked_round,             Kept,  Kept,   Kept,   Kept,  Kept, Word),
     ROW(listed,                    Kept,  Kept,   Kept,   Kept,  Kept, Word),
-    ROW(in_round,                  Kept,  Kept,   Kept,   Kept,  Kept, Word),
-    ROW(round_blocked,             Kept,  Kept,   Kept,   Kept,  Kept, Word),
     ROW(refusals,                  Set,   Kept,   Kept,   Kept,  Kept, Word),
     ROW(flushing,                  Kept,  Kept,   Kept,   Kept,  Kept, Send),
     ROW(ring_used,                 Kept,  Kept,   Set,    Set,   Set,  Send),    // drop_ring()
     ROW(last_packet,               Set,   Kept,   Kept,   Kept,  Kept, Send),
     ROW(sent_until,                Kept,  Kept,   Kept,   Kept,  Kept, Send),    // means something with last_packet only
-    ROW(next_ready,                Kept,  Kept,   Kept,   Kept,  Kept, Word),
+    ROW(next_listed,               Kept,  Kept,   Kept,   Kept,  Kept, Word),
     ROW(subs_high,                 Set,   Set,    Set,    Set,   Kept, Word),    // as `session`
     ROW(msgs_high,                 Set,   Set,    Set,    Set,   Kept, Word),
     ROW(bucket,                    Kept,  Set,    Set,    Set,   Kept, Bucket),  // enter_bucket(), leave_chain()

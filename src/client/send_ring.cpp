@@ -9,7 +9,7 @@
 // full ring, but never gets a part of one, behind which it would read payload as packets.
 #include "../base/text.h"
 #include "../codec/packet_type.h"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "client_internal.h"
 
 #include <algorithm>
@@ -30,7 +30,7 @@ bool may_flush(mqtt_client_t &client, bool online_only)
 {
     if (online_only && !is_online(client))
         return false;
-    return peek(client.state) != CLIENT_CLOSED && peek(client.used) && peek(client.send_queue);
+    return client.state != CLIENT_CLOSED && client.used && peek(client.send_queue);
 }
 
 struct Batch {
@@ -46,10 +46,10 @@ void gather(mqtt_client_t &client, int limit, Batch &batch) REQUIRES(client.send
 {
     const Side *const side = side_of(&client);
     batch.ring             = client.send_queue;
-    batch.handle           = peek(client.handle);
-    batch.generation       = side ? side->generation.load(std::memory_order_relaxed) : 0;
+    batch.handle           = client.handle;
+    batch.generation       = side ? uint32_t{side->generation} : 0;
     batch.count            = 0;
-    const int end          = side && side->last_packet == LastPacket::Queued ? side->sent_until : client.send_tail;
+    const int end = side && side->last_packet == LastPacket::Queued ? side->sent_until : uint8_t{client.send_tail};
     for (int at = client.send_head; at != end && batch.count < limit; at = next_of(at)) {
         const client_send_slot_t &slot = batch.ring[at % CLIENT_SEND_SLOTS];
         if (!slot.ready)
@@ -63,7 +63,7 @@ void advance(mqtt_client_t &client, int packets) REQUIRES(client.send_lock)
     for (; packets > 0; --packets) {
         const int head                = client.send_head % CLIENT_SEND_SLOTS;
         client.send_queue[head].ready = 0;
-        poke(client.send_head, static_cast<uint8_t>(next_of(head)));
+        client.send_head              = static_cast<uint8_t>(next_of(head));
     }
 }
 
@@ -77,7 +77,7 @@ Flushed outcome(const net::Sent &sent, int asked)
 void note_queued(mqtt_client_t &client, Side &side, int type) REQUIRES(client.send_lock)
 {
     if (side.ring_used < CLIENT_SEND_SLOTS)
-        poke(side.ring_used, static_cast<uint8_t>(side.ring_used + 1));
+        side.ring_used = static_cast<uint8_t>(side.ring_used + 1);
     if (type == DISCONNECT && side.last_packet == LastPacket::Announced) {
         side.last_packet = LastPacket::Queued;
         side.sent_until  = client.send_tail;
@@ -108,7 +108,7 @@ Queued enqueue(mqtt_client_t &client, const PacketParts &packet) EXCLUDES(client
         return Queued::Invalid;
     if (!is_online(client))
         return Queued::Offline;
-    if (length > peek(client.max_packet_size))
+    if (length > client.max_packet_size)
         return Queued::TooBig;
 
     ScopedLock lock(client.send_lock);
@@ -118,7 +118,7 @@ Queued enqueue(mqtt_client_t &client, const PacketParts &packet) EXCLUDES(client
         client_send_slot_t *const ring = make_ring(client);
         if (!ring)
             return Queued::Invalid;
-        poke(client.send_queue, ring);
+        client.send_queue = ring;
     }
     const int tail = client.send_tail % CLIENT_SEND_SLOTS;
     const int next = next_of(tail);
@@ -128,22 +128,12 @@ Queued enqueue(mqtt_client_t &client, const PacketParts &packet) EXCLUDES(client
     memcpy(slot.data, head.data(), head.size());
     if (!payload.empty())
         memcpy(slot.data + head.size(), payload.data(), payload.size());
-    slot.length = static_cast<int32_t>(length);
-    slot.ready  = 1;
-    poke(client.send_tail, static_cast<uint8_t>(next));
+    slot.length      = static_cast<int32_t>(length);
+    slot.ready       = 1;
+    client.send_tail = static_cast<uint8_t>(next);
     if (Side *const side = side_of(&client))
         note_queued(client, *side, head[0] >> 4);
     return Queued::Ok;
-}
-
-// Another thread's flush is one non-blocking write, worth waiting for: it may have looked before the latest packets
-// came.
-Flushed flush_in_turn(mqtt_client_t &client, bool online_only)
-{
-    Flushed result;
-    while ((result = flush_ring(client, online_only)) == Flushed::Busy)
-        sched_yield();
-    return result;
 }
 
 // A burst of one round fills a ring before the round ends, so the ring is emptied between; once a round when the socket
@@ -151,10 +141,11 @@ Flushed flush_in_turn(mqtt_client_t &client, bool online_only)
 bool make_room(mqtt_client_t &client)
 {
     Side *const side = side_of(&client);
-    if (!side || !in_io_round() || side->round_blocked.load(std::memory_order_relaxed))
+    if (!side || io_round() == 0 || side->blocked_round == io_round())
         return false;
     const Flushed result = flush_in_turn(client, true);
-    side->round_blocked.store(result == Flushed::Full || result == Flushed::Refused, std::memory_order_relaxed);
+    if (result == Flushed::Full || result == Flushed::Refused)
+        side->blocked_round = io_round();
     return true;
 }
 
@@ -206,6 +197,14 @@ Flushed flush_ring(mqtt_client_t &client, bool online_only) noexcept NO_LOCK_ANA
     return result;
 }
 
+Flushed flush_in_turn(mqtt_client_t &client, bool online_only) noexcept
+{
+    Flushed result;
+    while ((result = flush_ring(client, online_only)) == Flushed::Busy)
+        sched_yield();
+    return result;
+}
+
 void wait_for_flusher(mqtt_client_t &client) noexcept
 {
     const Side *const side = side_of(&client);
@@ -224,11 +223,11 @@ void drop_ring(mqtt_client_t &client) noexcept
     Side *const               side = side_of(&client);
     ScopedLock                lock(client.send_lock);
     client_send_slot_t *const ring = client.send_queue;
-    poke(client.send_queue, nullptr);
-    poke(client.send_head, 0);
-    poke(client.send_tail, 0);
+    client.send_queue              = nullptr;
+    client.send_head               = 0;
+    client.send_tail               = 0;
     if (side)
-        poke(side->ring_used, 0);
+        side->ring_used = 0;
     if (ring && !(side && side->flushing))
         free_ring(client, ring);
 }
@@ -248,7 +247,7 @@ uint32_t tarn::queue_packet(mqtt_client_t &client, const PacketParts &packet) no
         return kFailed;
     }
     stats::count(stats::Counter::tx_pkt);
-    client_update_active(&client);
+    note_active(client);
     return 0;
 }
 
@@ -258,8 +257,8 @@ void tarn::see_to_sending(mqtt_client_t &client) noexcept
     const int32_t index = index_of(&client);
     if (index == kOutside)
         return;
-    if (in_io_round())
-        add_to_round(index);
+    if (io_round() != 0)
+        list_in_round(index);
     else
         hand_to_send_thread(index);
 }
@@ -286,22 +285,4 @@ void tarn::end_with_disconnect(mqtt_client_t &client) noexcept
     ScopedLock  lock(client.send_lock);
     if (side && side->last_packet == LastPacket::None)
         side->last_packet = LastPacket::Announced;
-}
-
-uint32_t client_send(mqtt_client_t *client, const uint8_t *bytes, int32_t length)
-{
-    if (!client) {
-        stats::count(stats::Counter::drop_invalid_param);
-        return kFailed;
-    }
-    const client_ref pin(client);
-    return send_to(*client, {{bytes, length < 1 ? 0 : static_cast<size_t>(length)}});
-}
-
-void client_send_flush(mqtt_client_t *client)
-{
-    if (!client)
-        return;
-    const client_ref pin(client);
-    flush_client(*client);
 }

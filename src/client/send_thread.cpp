@@ -1,8 +1,8 @@
 // send_thread.cpp - sends what threads outside the I/O rounds queued, and tries again what sockets did not take.
 //
-// Who queues for a record that is not listed puts it into the ready list and wakes the thread. Records whose sockets
-// are full stay with the thread: it tries them every 10 ms, and at once when the network layer sees one writable.
-// Twice a second it looks at the whole pool, for rings that were filled by hand and for memory to give back.
+// Records whose sockets are full stay with the thread, which tries them every 10 ms; when the network layer sees one
+// writable, the I/O thread sends in between (round_flush.cpp). Twice a second the thread looks at the whole pool, for
+// rings that were filled by hand and for memory to give back.
 #include "../base/clock.h"
 #include "../base/thread.h"
 #include "client_internal.h"
@@ -13,8 +13,8 @@
 #include <time.h>
 #include <unistd.h>
 
-uint8_t   g_send_running = 0;
-pthread_t g_send_thread  = 0;
+tarn::Shared<uint8_t> g_send_running = 0;
+pthread_t             g_send_thread  = 0;
 
 namespace tarn::client {
 namespace {
@@ -26,9 +26,8 @@ constexpr uint32_t kTrimIdle_ms = 10000;
 constexpr int      kTrimSlots   = 8;  // a ring that was used less is not worth a system call
 constexpr int      kRefusals    = 10; // from then on a record is tried with each walk only
 
-constinit std::atomic<int32_t>  g_ready{0};  // newest record of the ready list: index + 1, 0 = empty
-constinit std::atomic<uint32_t> g_asleep{0}; // the thread waits in the kernel on this word
-constinit std::atomic<uint8_t>  g_try_again{0};
+constinit std::atomic<uint32_t> g_asleep{0};   // the thread waits in the kernel on this word
+constinit std::atomic<uint8_t>  g_is_asked{0}; // to drain the send list. What a round lists alone does not ask for it.
 
 constinit Mutex          g_start_mx{};
 constinit bool g_started GUARDED_BY(g_start_mx) = false; // there is a thread to join
@@ -37,7 +36,7 @@ static_assert(sizeof g_asleep == sizeof(uint32_t), "a futex word");
 
 bool nothing_to_do()
 {
-    return g_ready.load() == 0 && g_try_again.load() == 0 && peek(g_send_running);
+    return g_is_asked.load() == 0 && g_send_running;
 }
 
 // False when the whole time passed. The time is relative, so it passes also while a test holds the clocks.
@@ -56,23 +55,8 @@ bool sleep_until_woken(uint32_t ms)
 
 void wake()
 {
-    if (g_asleep.exchange(0) != 0)
+    if (g_asleep.load() != 0 && g_asleep.exchange(0) != 0)
         syscall(SYS_futex, &g_asleep, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
-}
-
-// The records of the ready list, oldest first, as a chain of index + 1.
-int32_t take_ready()
-{
-    int32_t newest_first = g_ready.exchange(0);
-    int32_t oldest_first = 0;
-    while (newest_first != 0) {
-        Side         &side = side_at(newest_first - 1);
-        const int32_t next = side.next_ready.load(std::memory_order_relaxed);
-        side.next_ready.store(oldest_first, std::memory_order_relaxed);
-        oldest_first = newest_first;
-        newest_first = next;
-    }
-    return oldest_first;
 }
 
 // The thread's own list of records to try again.
@@ -84,11 +68,10 @@ public:
             side_at(places_[i]).listed.store(0);
     }
     bool empty() const { return count_ == 0; }
-    // The record is flushed, and kept when packets stay.
+    // The record, which is not listed, is flushed, and kept when packets stay.
     void serve(int32_t index)
     {
-        Side &side = side_at(index);
-        side.listed.store(0); // first: a packet that comes behind the flush lists it again
+        Side            &side = side_at(index);
         const client_ref client(record_at(index));
         const Flushed    result = flush_ring(*client, true);
         if (result == Flushed::Partly) {
@@ -106,8 +89,10 @@ public:
     {
         const int32_t count = count_;
         count_              = 0;
-        for (int32_t i = 0; i < count; ++i) // serve() writes at or before i
+        for (int32_t i = 0; i < count; ++i) { // serve() writes at or before i
+            side_at(places_[i]).listed.store(0);
             serve(places_[i]);
+        }
     }
 
 private:
@@ -129,7 +114,7 @@ bool has_unsent(mqtt_client_t &client)
 
 bool rests_with_pages(mqtt_client_t &client, Side &side, uint64_t now_ms)
 {
-    return peek(side.ring_used) >= kTrimSlots && elapsed(now_ms, peek(client.last_active)) >= kTrimIdle_ms;
+    return side.ring_used >= kTrimSlots && elapsed(now_ms, client.last_active) >= kTrimIdle_ms;
 }
 
 void send_unlisted(mqtt_client_t &client, int32_t index, Waiting &waiting)
@@ -172,17 +157,14 @@ void run()
     int      quiet_turns  = 0;
     bool     woken        = false;
     do {
-        for (int32_t next = take_ready(); next != 0;) {
-            const int32_t index = next - 1;
-            next                = side_at(index).next_ready.load(std::memory_order_relaxed);
-            waiting.serve(index);
-        }
+        g_is_asked.store(0);
+        drain_send_list([&](int32_t index) { waiting.serve(index); });
         const uint64_t now_ms = mono_ms();
-        if (g_try_again.exchange(0) || !woken || now_ms >= next_try_ms) {
+        if (!woken || now_ms >= next_try_ms) {
             waiting.try_again();
             next_try_ms = now_ms + kRetry_ms;
         }
-        const bool watching = flush_long_round(quiet_turns);
+        const bool watching = rounds_are_watched(quiet_turns);
         if (quiet_ms >= kWalk_ms || now_ms >= next_walk_ms) {
             walk(waiting, now_ms);
             next_walk_ms = now_ms + kWalk_ms;
@@ -191,14 +173,14 @@ void run()
         const uint32_t pause = waiting.empty() && !watching ? kIdle_ms : kRetry_ms;
         woken                = sleep_until_woken(pause);
         quiet_ms += woken ? 0 : pause;
-    } while (peek(g_send_running));
+    } while (g_send_running);
 }
 
 // The thread takes no lock that its joiner holds, and runs no callback of the host's.
 void end_thread() REQUIRES(g_start_mx)
 {
-    poke(g_send_running, 0);
-    wake();
+    g_send_running = 0;
+    wake_send_thread();
     if (g_started)
         finish_thread(g_send_thread);
     g_started     = false;
@@ -207,22 +189,17 @@ void end_thread() REQUIRES(g_start_mx)
 
 } // namespace
 
-void hand_to_send_thread(int32_t index) noexcept
+void wake_send_thread() noexcept
 {
-    Side &side = side_at(index);
-    if (side.listed.exchange(1) != 0)
-        return;
-    int32_t newest = g_ready.load();
-    do
-        side.next_ready.store(newest, std::memory_order_relaxed);
-    while (!g_ready.compare_exchange_weak(newest, index + 1));
+    g_is_asked.store(1);
     wake();
 }
 
-void wake_send_thread() noexcept
+// The wake-up is needed for a record that a round listed, too: the round may be a long one.
+void hand_to_send_thread(int32_t index) noexcept
 {
-    g_try_again.store(1);
-    wake();
+    list_for_sending(index);
+    wake_send_thread();
 }
 
 } // namespace tarn::client
@@ -233,23 +210,23 @@ using namespace tarn::client;
 void *send_thread_proc(void *)
 {
     LOG_INFO("[SEND_THREAD] 发送线程启动");
-    if (peek(g_send_running))
+    if (g_send_running)
         run();
     LOG_INFO("[SEND_THREAD] 发送线程退出");
     return nullptr;
 }
 
-void mqtt_start_send_thread(void)
+void tarn::client::start_send_thread() noexcept
 {
     ScopedLock lock(g_start_mx);
-    if (g_started && peek(g_send_running))
+    if (g_started && g_send_running)
         return;
     end_thread(); // one that was ended through the flag alone
-    poke(g_send_running, 1);
-    g_started = start_thread(&g_send_thread, "tarn-send", send_thread_proc, nullptr) == 0;
+    g_send_running = 1;
+    g_started      = start_thread(&g_send_thread, "tarn-send", send_thread_proc, nullptr) == 0;
 }
 
-void mqtt_stop_send_thread(void)
+void tarn::client::stop_send_thread() noexcept
 {
     ScopedLock lock(g_start_mx);
     end_thread();

@@ -7,8 +7,6 @@
 namespace tarn::client {
 namespace {
 
-constinit Mutex g_outside_data_mx{}; // shared by all records outside the pool
-
 void raise(std::atomic<int32_t> &high, int32_t count, int32_t limit)
 {
     if (count > limit)
@@ -18,10 +16,12 @@ void raise(std::atomic<int32_t> &high, int32_t count, int32_t limit)
         ;
 }
 
+// Counts are looked at without the lock.
 void reset_count(int32_t &count)
 {
-    if (peek(count) != 0) // or a page of its own would be spent on it
-        poke(count, 0);
+    const std::atomic_ref shared(count);
+    if (shared.load(std::memory_order_relaxed) != 0) // or a page of its own would be spent on it
+        shared.store(0, std::memory_order_relaxed);
 }
 
 } // namespace
@@ -49,8 +49,7 @@ using namespace tarn::client;
 
 tarn::Mutex &tarn::session_lock(const mqtt_client_t &client) noexcept
 {
-    Side *const side = side_of(&client);
-    return side ? side->data_mx : g_outside_data_mx;
+    return guards_of(client).data_mx;
 }
 
 void tarn::session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg_count) noexcept

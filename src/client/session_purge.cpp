@@ -16,7 +16,7 @@ constexpr int kAtATime = 64; // files are removed without the lock, in portions
 
 bool is_expired(mqtt_client_t &client, uint64_t now_s)
 {
-    const uint64_t deadline_s = peek(client.session_expiry_deadline);
+    const uint64_t deadline_s = client.session_expiry_deadline;
     return peek_acquire(client.used) && deadline_s != 0 && deadline_s < now_s;
 }
 
@@ -32,18 +32,14 @@ int collect(uint64_t now_s, int32_t &place, Expired (&found)[kAtATime])
             continue;
         const client_ref client(record); // deadline and id are one client's
         if (is_expired(*client, now_s))
-            found[count++] = {stored_id(*client), peek(client->session_expiry_deadline)};
+            found[count++] = {stored_id(*client), client->session_expiry_deadline};
     }
     return count;
 }
 
 } // namespace
-} // namespace tarn::client
 
-using namespace tarn;
-using namespace tarn::client;
-
-void client_clean_expired_sessions(void)
+void purge_expired_sessions() noexcept
 {
     const auto now_s = static_cast<uint64_t>(wall_s());
     LOG_INFO("[MQTT5] 开始清理过期会话...");
@@ -59,3 +55,5 @@ void client_clean_expired_sessions(void)
     }
     LOG_INFO("[MQTT5] 过期会话清理完成");
 }
+
+} // namespace tarn::client

@@ -3,7 +3,7 @@
 // A turn first lists, then closes. The listed records are pinned, so that none of them can become another client
 // between the two.
 #include "../base/clock.h"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "client_internal.h"
 
 #include <utility>
@@ -51,7 +51,7 @@ struct Visit {
 
 uint32_t threshold_of(mqtt_client_t &client, uint32_t default_ms)
 {
-    const uint32_t keepalive_ms = peek(client.keepalive_ms);
+    const uint32_t keepalive_ms = client.keepalive_ms;
     return keepalive_ms != 0 ? keepalive_ms * 3 / 2 : default_ms;
 }
 
@@ -59,9 +59,9 @@ void tell_visited(const Visit &visit, mqtt_client_t &client, const client_id_tex
 {
     LOG_DEBUG("[超时扫描-详细] block=%d, idx=%d | used=%d | state=%d | cid=%s | handle=0x%x | last_active=%lu | "
               "keepalive=%lu",
-              visit.block, visit.at, 1, static_cast<int>(peek(client.state)), id.text[0] ? id.text : "空ID",
-              peek(client.handle), static_cast<unsigned long>(last_active_ms),
-              static_cast<unsigned long>(peek(client.keepalive_ms)));
+              visit.block, visit.at, 1, static_cast<int>(client.state), id.text[0] ? id.text : "空ID",
+              uint32_t{client.handle}, static_cast<unsigned long>(last_active_ms),
+              static_cast<unsigned long>(client.keepalive_ms));
 }
 
 void tell_idle(const client_id_text &id, uint64_t idle_ms, uint32_t threshold_ms, bool timed_out)
@@ -73,13 +73,13 @@ void tell_idle(const client_id_text &id, uint64_t idle_ms, uint32_t threshold_ms
 void look_at(const Visit &visit, client_ref client, CloseList &list)
 {
     const bool           traced         = log_passes(AGENT_LOG_DEBUG);
-    const uint64_t       last_active_ms = peek(client->last_active);
+    const uint64_t       last_active_ms = client->last_active;
     const client_id_text id             = traced ? stored_id(*client) : client_id_text{};
     if (traced)
         tell_visited(visit, *client, id, last_active_ms);
 
     if (!is_online(*client)) {
-        LOG_DEBUG("[超时跳过] cid=%s | 状态不是在线状态(state=%d)", id.text, static_cast<int>(peek(client->state)));
+        LOG_DEBUG("[超时跳过] cid=%s | 状态不是在线状态(state=%d)", id.text, static_cast<int>(client->state));
         return;
     }
     const uint64_t idle_ms      = elapsed(visit.now_ms, last_active_ms); // activity may be newer than now: 0
@@ -90,7 +90,7 @@ void look_at(const Visit &visit, client_ref client, CloseList &list)
     if (!timed_out || list.has(client.get())) // a small pool is visited several times a turn
         return;
 
-    poke(client->timeout_closing, 1);
+    client->timeout_closing = 1;
     LOG_WARN("[超时待关闭] 加入关闭列表 → cid=%s | 不活跃%lu ms", stored_id(*client).text,
              static_cast<unsigned long>(idle_ms));
     list.add(std::move(client));
@@ -98,12 +98,12 @@ void look_at(const Visit &visit, client_ref client, CloseList &list)
 
 bool is_in_use(const client_pool_block_t &block, int at, mqtt_client_t &client)
 {
-    return peek(block.used_flags[at]) && peek_acquire(client.used) && peek(client.handle) != NETIP_NO_HANDLE;
+    return block.used_flags[at] && peek_acquire(client.used) && client.handle != NETIP_NO_HANDLE;
 }
 
 void visit_block(client_pool_block_t &block, Visit visit, CloseList &list)
 {
-    if (peek(block.used) <= 0) {
+    if (block.used <= 0) {
         LOG_DEBUG("[超时扫描] block=%d 无客户端，跳过", visit.block);
         return;
     }
@@ -134,7 +134,7 @@ void list_timed_out(uint64_t now_ms, uint32_t default_threshold_ms, CloseList &l
 void close_listed(mqtt_client_t &client)
 {
     LOG_WARN("[超时执行关闭] 真实关闭 → cid=%s, state=%d, handle=0x%x", id_of(client).text,
-             static_cast<int>(peek(client.state)), peek(client.handle));
+             static_cast<int>(client.state), uint32_t{client.handle});
     close_seen(client, CLIENT_LOGINED); // online, that is, when it was listed
     stats::count(stats::Counter::timeout);
     LOG_WARN("[超时完成] 客户端已关闭 → cid=%s", id_of(client).text); // empty once the record is released
@@ -160,9 +160,9 @@ uint32_t scan(uint64_t now_ms, uint32_t default_threshold_ms)
 
 } // namespace
 
-uint32_t timeout_scan_turn(uint64_t now_ms, uint32_t default_threshold_ms) noexcept
+uint32_t close_silent(uint64_t now_ms, uint32_t default_threshold_ms) noexcept
 {
-    if (!peek(g_client_mgr.running) || peek(g_client_mgr.block_count) <= 0)
+    if (!g_client_mgr.running || g_client_mgr.block_count <= 0)
         return 0;
     if (g_scanning.exchange(1, std::memory_order_acquire))
         return 0; // another thread scans
@@ -172,8 +172,3 @@ uint32_t timeout_scan_turn(uint64_t now_ms, uint32_t default_threshold_ms) noexc
 }
 
 } // namespace tarn::client
-
-uint32_t client_clean_timeout(uint32_t default_threshold_ms)
-{
-    return tarn::client::timeout_scan_turn(tarn::mono_ms(), default_threshold_ms);
-}

@@ -4,10 +4,10 @@
 // claims the record first and then looks again, so a will is published or cancelled, never both. The scan claims only
 // what is due: a CONNECT that finds the record claimed takes its will for settled.
 #include "../base/clock.h"
-#include "../handler/packet_handler.h"
+#include "../handler/handler.hpp"
 #include "client_internal.h"
 
-int32_t g_will_delay_client_count = 0;
+constinit tarn::Shared<int32_t> g_will_delay_client_count = 0;
 
 namespace tarn::client {
 namespace {
@@ -30,7 +30,7 @@ void due_no_later_than(uint64_t at_ms)
 
 bool is_waiting(mqtt_client_t &client)
 {
-    return peek_acquire(client.used) && peek(client.state) == CLIENT_WILL_PENDING && peek(client.will_delay_pending);
+    return peek_acquire(client.used) && client.state == CLIENT_WILL_PENDING && peek(client.will_delay_pending);
 }
 
 // QUIRK(overdue-will): a will that is late by more than 30 s, because the broker was stopped meanwhile, is dropped
@@ -44,30 +44,31 @@ bool is_overdue(mqtt_client_t &client, uint64_t now_ms)
 bool is_due(mqtt_client_t &client, uint64_t now_ms)
 {
     ScopedLock lock(client.will_lock);
-    return peek(client.will_delay_pending) && !peek(client.will_sent) && peek(client.will_delay_deadline) <= now_ms;
+    return client.will_delay_pending && !client.will_sent && client.will_delay_deadline <= now_ms;
 }
 
 void end_delay(mqtt_client_t &client)
 {
     ScopedLock lock(client.will_lock);
-    poke(client.will_sent, 1);
-    poke(client.will_delay_pending, 0);
+    client.will_sent          = 1;
+    client.will_delay_pending = 0;
 }
 
-void drop(mqtt_client_t &client)
+void drop(const Claim &claim)
 {
-    LOG_WARN("[WILL] 超时30s强制清理 client=%s", stored_id(client).text);
-    end_delay(client);
-    release_parked(client);
+    LOG_WARN("[WILL] 超时30s强制清理 client=%s", stored_id(claim.client()).text);
+    end_delay(claim.client());
+    release_parked(claim);
 }
 
-void publish(mqtt_client_t &client)
+void publish(const Claim &claim)
 {
+    mqtt_client_t &client = claim.client();
     LOG_WARN("[WILL] 延迟结束，发送并清理 client=%s", stored_id(client).text);
-    packet_send_will_message(&client);
+    (void)handler::publish_will(client);
     end_delay(client);
     close_connection_of(client);
-    release_parked(client);
+    release_parked(claim);
 }
 
 void settle_if_due(mqtt_client_t &client, uint64_t now_ms)
@@ -75,15 +76,15 @@ void settle_if_due(mqtt_client_t &client, uint64_t now_ms)
     const auto needs_settling = [&] {
         return is_waiting(client) && (is_overdue(client, now_ms) || is_due(client, now_ms));
     };
-    if (!needs_settling() || !claim_closing(client))
+    if (!needs_settling())
         return;
-    if (needs_settling()) { // still: another thread may have settled it before our claim
-        if (is_overdue(client, now_ms))
-            drop(client);
-        else
-            publish(client);
-    }
-    unclaim_closing(client);
+    const Claim claim(client);
+    if (!claim || !needs_settling()) // still: another thread may have settled it before our claim
+        return;
+    if (is_overdue(client, now_ms))
+        drop(claim);
+    else
+        publish(claim);
 }
 
 // When this record has to be looked at again, if it still waits.
@@ -112,7 +113,7 @@ void note_unparked(mqtt_client_t &client) noexcept
         g_parked.fetch_sub(1);
 }
 
-void will_scan_turn(uint64_t now_ms) noexcept
+void settle_due_wills(uint64_t now_ms) noexcept
 {
     g_next_walk_ms.store(now_ms + kWalk_ms, std::memory_order_relaxed);
     g_next_due_ms.store(kNever); // whoever parks a record from here on lowers it again
@@ -141,9 +142,4 @@ bool tarn::will_delays_running() noexcept
 bool tarn::wills_are_parked() noexcept
 {
     return g_parked.load() > 0;
-}
-
-void client_will_delay_scan(void)
-{
-    will_scan_turn(mono_ms());
 }

@@ -39,28 +39,27 @@ owned<uint8_t> copy_of(const uint8_t *bytes, uint32_t count)
 }
 
 // Without memory for both texts the client has no will.
-Stored store(mqtt_client_t &client, const char *topic, const uint8_t *payload, uint32_t payload_len, uint8_t qos,
-             uint8_t retain)
+Stored store(mqtt_client_t &client, const Will &will)
 {
     ScopedLock     lock(client.will_lock);
-    owned<char>    topic_copy   = copy_of(topic);
-    owned<uint8_t> payload_copy = copy_of(payload, payload_len);
-    owned<char>    old_topic(client.will_topic);
-    owned<uint8_t> old_payload(client.will_payload);
+    owned<char>    topic_copy   = copy_of(will.topic);
+    owned<uint8_t> payload_copy = copy_of(will.payload, will.payload_len);
+    owned<char>    old_topic(static_cast<char *>(client.will_topic));
+    owned<uint8_t> old_payload(static_cast<uint8_t *>(client.will_payload));
     if (topic_copy && payload_copy) {
-        poke(client.will_topic, topic_copy.release());
-        poke(client.will_payload, payload_copy.release());
-        poke(client.will_payload_len, payload_len);
-        poke(client.will_qos, qos);
-        poke(client.will_retain, retain);
-        poke(client.will_sent, 0);
-        poke(client.will_msg_used, 1);
+        client.will_topic       = topic_copy.release();
+        client.will_payload     = payload_copy.release();
+        client.will_payload_len = will.payload_len;
+        client.will_qos         = will.qos;
+        client.will_retain      = will.retain;
+        client.will_sent        = 0;
+        client.will_msg_used    = 1;
     } else {
-        poke(client.will_topic, nullptr);
-        poke(client.will_payload, nullptr);
-        poke(client.will_msg_used, 0);
+        client.will_topic    = nullptr;
+        client.will_payload  = nullptr;
+        client.will_msg_used = 0;
     }
-    return {std::move(old_topic),    std::move(old_payload), client.will_topic ? topic : nullptr,
+    return {std::move(old_topic),    std::move(old_payload), client.will_topic ? will.topic : nullptr,
             client.will_payload_len, client.will_qos,        client.will_retain,
             client.will_msg_used};
 }
@@ -71,14 +70,9 @@ void free_will_texts(mqtt_client_t &client) noexcept
 {
     free(client.will_topic);
     free(client.will_payload);
-    poke(client.will_topic, nullptr);
-    poke(client.will_payload, nullptr);
+    client.will_topic   = nullptr;
+    client.will_payload = nullptr;
 }
-
-} // namespace tarn::client
-
-using namespace tarn;
-using namespace tarn::client;
 
 // The last line is the same whether the will was stored or memory ran out; will_msg_used tells.
 
@@ -89,51 +83,52 @@ using namespace tarn::client;
 // QUIRK(will-too-large): a will of more than 2048 bytes is left out and the client connected without it
 // [MQTT-3.1.2-7]. Records have a fixed size, and the line tells.
 //   test: set_will.takes_2048_bytes_and_no_more
-void client_set_will_msg(mqtt_client_t *client, const char *topic, const uint8_t *payload, uint32_t payload_len,
-                         uint8_t qos, uint8_t retain)
+void set_will(mqtt_client_t &client, const Will &asked) noexcept
 {
-    if (!client || !topic || payload_len > CLIENT_WILL_MAX) {
-        LOG_ERROR("[遗嘱调试][设置失败] 参数无效：client=%p, topic=%s, payload_len=%d（上限=%d）, qos=%d",
-                  static_cast<void *>(client), topic ? topic : "NULL", static_cast<int>(payload_len), CLIENT_WILL_MAX,
-                  qos);
-        return;
+    if (asked.payload_len > CLIENT_WILL_MAX)
+        return refuse_will(&client, asked);
+    const client_id_text id = id_of(client);
+    LOG_DEBUG("[遗嘱调试][设置开始] ClientID=%s, 原始入参：topic=%s, payload_len=%d, qos=%d, retain=%d", id.text,
+              asked.topic, static_cast<int>(asked.payload_len), asked.qos, asked.retain);
+    Will taken = asked;
+    if (!asked.payload)
+        taken.payload_len = 0;
+    if (asked.qos > 2) {
+        taken.qos = 0;
+        LOG_WARN("[遗嘱调试][QoS降级] ClientID=%s, 原始QoS=%d超出范围（0-2），自动降级为QoS0", id.text, asked.qos);
     }
-    const client_ref     pin(client);
-    const client_id_text id = id_of(*client);
-    LOG_DEBUG("[遗嘱调试][设置开始] ClientID=%s, 原始入参：topic=%s, payload_len=%d, qos=%d, retain=%d", id.text, topic,
-              static_cast<int>(payload_len), qos, retain);
-    uint8_t stored_qos = qos;
-    if (qos > 2) {
-        stored_qos = 0;
-        LOG_WARN("[遗嘱调试][QoS降级] ClientID=%s, 原始QoS=%d超出范围（0-2），自动降级为QoS0", id.text, qos);
-    }
-    const Stored will = store(*client, topic, payload, payload ? payload_len : 0, stored_qos, retain);
+    const Stored will = store(client, taken);
     LOG_INFO(
         "[遗嘱调试][设置成功] ClientID=%s, 最终存储：topic=%s, payload_len=%d, qos=%d, retain=%d, will_msg_used=%d",
         id.text, or_null(will.topic), static_cast<int>(will.payload_len), will.qos, will.retain, will.used);
 }
 
-void client_set_will_enhance(mqtt_client_t *client, uint32_t delay_s, uint32_t expiry_s, uint8_t payload_format,
-                             const char *content_type, const char *response_topic, const uint8_t *correlation_data,
-                             uint32_t correlation_len)
+void refuse_will(const mqtt_client_t *client, const Will &asked) noexcept
 {
-    if (!client)
-        return;
-    const client_ref pin(client);
+    LOG_ERROR("[遗嘱调试][设置失败] 参数无效：client=%p, topic=%s, payload_len=%d（上限=%d）, qos=%d",
+              static_cast<const void *>(client), asked.topic ? asked.topic : "NULL",
+              static_cast<int>(asked.payload_len), CLIENT_WILL_MAX, asked.qos);
+}
+
+void set_will_properties(mqtt_client_t &client, const WillProperties &properties) noexcept
+{
+    const std::span correlation = properties.correlation_data;
     {
-        ScopedLock lock(client->will_lock);
-        poke(client->will_delay_interval, delay_s);
-        poke(client->will_msg_expiry_interval, expiry_s);
-        poke(client->will_payload_format, payload_format);
-        if (content_type)
-            copy_text(client->will_content_type, content_type, sizeof client->will_content_type - 1);
-        if (response_topic)
-            copy_text(client->will_response_topic, response_topic, sizeof client->will_response_topic - 1);
-        if (correlation_data && correlation_len < sizeof client->will_correlation_data) {
-            memcpy(client->will_correlation_data, correlation_data, correlation_len);
-            poke(client->will_correlation_len, correlation_len);
+        ScopedLock lock(client.will_lock);
+        client.will_delay_interval      = properties.delay_s;
+        client.will_msg_expiry_interval = properties.expiry_s;
+        client.will_payload_format      = properties.payload_format;
+        if (properties.content_type)
+            copy_text(client.will_content_type, properties.content_type, sizeof client.will_content_type - 1);
+        if (properties.response_topic)
+            copy_text(client.will_response_topic, properties.response_topic, sizeof client.will_response_topic - 1);
+        if (correlation.data() && correlation.size() < sizeof client.will_correlation_data) {
+            memcpy(client.will_correlation_data, correlation.data(), correlation.size());
+            client.will_correlation_len = static_cast<uint32_t>(correlation.size());
         }
     }
-    LOG_INFO("[遗嘱增强] ClientID=%s 设置完成：延迟=%ds, 过期=%ds", id_of(*client).text, static_cast<int>(delay_s),
-             static_cast<int>(expiry_s));
+    LOG_INFO("[遗嘱增强] ClientID=%s 设置完成：延迟=%ds, 过期=%ds", id_of(client).text,
+             static_cast<int>(properties.delay_s), static_cast<int>(properties.expiry_s));
 }
+
+} // namespace tarn::client

@@ -1,6 +1,7 @@
 // ack_decode.cpp - the six packets that answer with a packet identifier, into their common record.
 //
 // The length tells the level: a remaining length of 2 is 3.1.1, anything longer 5.0.
+#include "codec_calls.h"
 #include "codec_internal.h"
 
 using namespace tarn;
@@ -40,7 +41,7 @@ void read_codes(Reader &in, mqtt_ack_para_t &para)
 // client that leaves out a reason code of 0 [MQTT 5.0 3.4.2.1] moves its context to 3.1.1, a 3.1.1 SUBACK with
 // codes reads as 5.0 with its first code as the reason.
 //   test: ack_decode.the_length_tells_the_level
-int mqtt_codec_decode_ack(mqtt_codec_ctx_t *ctx, int type, const uint8_t *buf, int *buf_len, mqtt_ack_para_t *para)
+int codec::decode_ack(mqtt_codec_ctx_t *ctx, int type, const uint8_t *buf, int *buf_len, mqtt_ack_para_t *para) noexcept
 {
     if (!ctx || !buf || !para || length_of(buf_len) < 3)
         return REFUSE(CODEC_E_PARAM, "ACK decode: invalid param (ctx=%p, buf=%p, buf_len=%p, len=%d, para=%p)",
@@ -71,7 +72,7 @@ int mqtt_codec_decode_ack(mqtt_codec_ctx_t *ctx, int type, const uint8_t *buf, i
 
     // A property length beyond the packet leads beyond its end, but never beyond the input.
     const int consumed = in.pos() < input ? in.pos() : input;
-    poke(ctx->version, level);
+    set_level(ctx, level);
     LOG_DEBUG("ACK decode success: type=%d, msg_id=%d, version=%d, len=%d", type, para->msg_id, level, consumed);
     return decoded(ctx, static_cast<uint32_t>(type), consumed, buf_len);
 }

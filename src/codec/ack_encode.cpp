@@ -5,6 +5,7 @@
 //
 // The lines about granted QoS at INFO follow one subscription from request to wire; operators read them in this
 // order.
+#include "codec_calls.h"
 #include "codec_internal.h"
 
 using namespace tarn;
@@ -89,7 +90,7 @@ void trace_packet(const uint8_t *packet, int total)
 
 } // namespace
 
-int mqtt_codec_encode_ack(mqtt_codec_ctx_t *ctx, int type, const mqtt_ack_para_t *para, uint8_t *buf, int *buf_len)
+int codec::encode_ack(mqtt_codec_ctx_t *ctx, int type, const mqtt_ack_para_t *para, uint8_t *buf, int *buf_len) noexcept
 {
     if (!ctx || !para || !buf || length_of(buf_len) < CODEC_MIN_CAPACITY)
         return REFUSE(CODEC_E_PARAM, "ACK encode: invalid param (ctx=%p, para=%p, buf=%p, buf_len=%p, len=%d)",

@@ -6,10 +6,9 @@
 #ifndef TARN_CODEC_CODEC_INTERNAL_H
 #define TARN_CODEC_CODEC_INTERNAL_H
 
-#include "../base/relaxed.h"
 #include "../log/log.h"
+#include "codec.hpp"
 #include "mqtt_codec.h"
-#include "packet_type.h"
 #include "wire.h"
 
 namespace tarn::codec {
@@ -17,12 +16,16 @@ namespace tarn::codec {
 // return REFUSE(CODEC_E_..., "format", ...): the ERROR line and the result of a failing call. A macro, so that the
 // compiler checks the format.
 #define REFUSE(code, ...)                                                                                              \
-    ((::tarn::log_passes(AGENT_LOG_ERROR) ? agent_log(AGENT_LOG_ERROR, __VA_ARGS__) : (void)0), (code))
+    ((::tarn::log_passes(AGENT_LOG_ERROR) ? ::tarn::log::write(AGENT_LOG_ERROR, __VA_ARGS__) : (void)0), (code))
 
 // The context's level, read once a call: another thread may change it meanwhile.
-[[nodiscard]] inline uint32_t level_of(mqtt_codec_ctx_t *ctx)
+[[nodiscard]] inline uint32_t level_of(const mqtt_codec_ctx_t *ctx)
 {
-    return peek(ctx->version);
+    return level_of(*ctx);
+}
+inline void set_level(mqtt_codec_ctx_t *ctx, uint32_t level)
+{
+    shared(ctx->version) = level;
 }
 [[nodiscard]] constexpr bool known_level(uint32_t version)
 {
@@ -41,6 +44,13 @@ namespace tarn::codec {
     return pointer;
 }
 
+// ---- variable byte integers (remaining_length.cpp)
+
+// Bytes written, 1..4 of the room for four; 0 for too large a value, with its ERROR line.
+uint32_t encode_length(uint8_t *buf, uint32_t len) noexcept;
+// The value, and the bytes read; -1 when it does not end in `avail` bytes or has more than three.
+int decode_length(const uint8_t *buf, int avail, uint32_t &consumed) noexcept;
+
 // ---- encoders
 
 // Zeroes the caller's whole buffer, which the caller may see, and writes the first byte.
@@ -54,7 +64,7 @@ inline void open_packet(uint8_t *buf, int capacity, uint8_t first_byte)
 [[nodiscard]] inline bool put_varint(Writer &out, uint32_t value)
 {
     uint8_t        field[4];
-    const uint32_t bytes = codec_encode_remaining_length(field, value);
+    const uint32_t bytes = encode_length(field, value);
     out.bytes(field, bytes);
     return bytes != 0;
 }
@@ -70,7 +80,7 @@ struct Sealed {
 {
     uint8_t      field[4];
     const auto   length       = static_cast<uint32_t>(body.need());
-    const size_t length_bytes = codec_encode_remaining_length(field, length);
+    const size_t length_bytes = encode_length(field, length);
     const size_t room         = static_cast<size_t>(capacity) - 1;
 
     memcpy(buf + 1, field, length_bytes < room ? length_bytes : room);
@@ -82,8 +92,8 @@ struct Sealed {
 // The end of a successful encode.
 inline int encoded(mqtt_codec_ctx_t *ctx, uint32_t type, int total, int *buf_len)
 {
-    *buf_len = total;
-    poke(ctx->last_packet_type, type);
+    *buf_len                      = total;
+    shared(ctx->last_packet_type) = type;
     return CODEC_OK;
 }
 
@@ -99,7 +109,7 @@ struct VarInt {
 [[nodiscard]] inline VarInt peek_varint(const Reader &in)
 {
     uint32_t  bytes = 0;
-    const int value = codec_decode_remaining_length(in.at(), in.left(), &bytes);
+    const int value = decode_length(in.at(), in.left(), bytes);
     return {value, static_cast<int>(bytes)};
 }
 
@@ -130,9 +140,9 @@ struct FixedHeader {
 // The end of a successful decode. What it does to the level is the family's own business.
 inline int decoded(mqtt_codec_ctx_t *ctx, uint32_t type, int consumed, int *buf_len)
 {
-    *buf_len = consumed;
-    poke(ctx->last_packet_len, static_cast<uint32_t>(consumed));
-    poke(ctx->last_packet_type, type);
+    *buf_len                      = consumed;
+    shared(ctx->last_packet_len)  = static_cast<uint32_t>(consumed);
+    shared(ctx->last_packet_type) = type;
     return CODEC_OK;
 }
 

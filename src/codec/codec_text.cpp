@@ -1,22 +1,20 @@
 // codec_text.cpp - what results of the codec are called in log lines.
-#include "codec_text.h"
-
-#include "mqtt_codec.h"
+#include "codec.hpp"
 
 namespace tarn::codec {
 
-const char *error_text(int code) noexcept
+const char *error_text(Result result) noexcept
 {
-    switch (code) {
-    case CODEC_E_BUFFER:
+    switch (result) {
+    case Result::NoRoom:
         return "缓冲区不足";
-    case CODEC_E_UNSUPPORTED:
+    case Result::Unsupported:
         return "功能暂不支持";
-    case CODEC_E_MALFORMED:
+    case Result::Malformed:
         return "报文格式错误";
-    case CODEC_E_VERSION:
+    case Result::BadLevel:
         return "协议版本不支持";
-    case CODEC_E_PARAM:
+    case Result::BadArgument:
         return "参数非法";
     default:
         return "未知错误";

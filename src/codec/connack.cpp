@@ -3,6 +3,7 @@
 // CONNACK:  20  remaining-length  session-present:u8  code:u8  [property-length property*, 5.0]
 //
 // What the encoder writes is always 20 02 SP 00 at level 4 and 20 0B SP RC 08 21 RM RM 27 MP MP MP MP at level 5.
+#include "codec_calls.h"
 #include "codec_internal.h"
 
 using namespace tarn;
@@ -29,7 +30,7 @@ void put_properties(Writer &body, const mqtt_connack_para_t &para)
 // QUIRK(connack-v4-code): 3.1.1 never sees a refusal code; the code is written as 0 [MQTT 3.1.1 3.2.2.3] and the close
 // that follows tells the client. Kept as the codec's policy for every caller.
 //   test: connack_encode.v4_never_shows_a_refusal
-uint8_t code_of(uint32_t level, const mqtt_connack_para_t &para)
+uint8_t shown_code(uint32_t level, const mqtt_connack_para_t &para)
 {
     if (level == 5)
         return para.reason_code;
@@ -40,7 +41,7 @@ uint8_t code_of(uint32_t level, const mqtt_connack_para_t &para)
 
 } // namespace
 
-int mqtt_codec_encode_connack(mqtt_codec_ctx_t *ctx, const mqtt_connack_para_t *para, uint8_t *buf, int *buf_len)
+int codec::encode_connack(mqtt_codec_ctx_t *ctx, const mqtt_connack_para_t *para, uint8_t *buf, int *buf_len) noexcept
 {
     LOG_DEBUG("========== CONNACK encode start ==========");
     const uint32_t level    = ctx ? level_of(ctx) : 0;
@@ -50,7 +51,7 @@ int mqtt_codec_encode_connack(mqtt_codec_ctx_t *ctx, const mqtt_connack_para_t *
     if (!known_level(level))
         return REFUSE(CODEC_E_VERSION, "CONNACK encode: unsupported version %d", static_cast<int>(level));
 
-    const uint8_t code = code_of(level, *para);
+    const uint8_t code = shown_code(level, *para);
     open_packet(buf, capacity, CONNACK << 4);
     uint8_t scratch[2 + 9];
     Writer  body(scratch);
@@ -126,7 +127,7 @@ int read_properties(Reader &in, int packet_end, mqtt_connack_para_t &para)
 
 } // namespace
 
-int mqtt_codec_decode_connack(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_connack_para_t *para)
+int codec::decode_connack(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_connack_para_t *para) noexcept
 {
     const int input_len = length_of(buf_len);
     if (!ctx || !buf || !para || input_len < kMinLevel4)
@@ -152,7 +153,7 @@ int mqtt_codec_decode_connack(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *bu
         if (const int code = read_properties(in, header.end, *para))
             return code;
 
-    poke(ctx->version, level);
+    set_level(ctx, level);
     LOG_DEBUG("CONNACK decode success: version=%d, code=%d, len=%d", static_cast<int>(level), para->reason_code,
               in.pos());
     return decoded(ctx, CONNACK, in.pos(), buf_len);

@@ -7,6 +7,7 @@
 // QUIRK(connect-text): no text is checked for well-formed UTF-8 or for NUL characters [MQTT-1.5.4-1] [MQTT-1.5.4-2].
 // Bytes are kept as they come and a NUL ends the text for whoever reads the record: the decoder judges lengths only.
 //   test: connect_decode.texts_are_kept_byte_by_byte
+#include "codec_calls.h"
 #include "codec_internal.h"
 
 using namespace tarn;
@@ -68,7 +69,7 @@ int read_protocol(Reader &in, mqtt_codec_ctx_t *ctx, uint8_t &level)
         return REFUSE(CODEC_E_MALFORMED, "CONNECT decode: no enough data for protocol version (pos=%d)", in.pos());
     if (!known_level(level))
         return REFUSE(CODEC_E_VERSION, "CONNECT decode: unsupported version %d (only 4/5 allowed)", level);
-    poke(ctx->version, level); // at once: a refusal further on is encoded for this level
+    set_level(ctx, level); // at once: a refusal further on is encoded for this level
     return CODEC_OK;
 }
 
@@ -316,7 +317,7 @@ int read_connect(Reader &in, mqtt_codec_ctx_t *ctx, uint8_t &level, mqtt_connect
 
 } // namespace
 
-int mqtt_codec_decode_connect(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_connect_para_t *para)
+int codec::decode_connect(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_connect_para_t *para) noexcept
 {
     constexpr int kInputMin = 10;
 

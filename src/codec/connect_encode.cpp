@@ -4,6 +4,7 @@
 //           client-id:text  [[property-length will-property*, 5.0]  will-topic:text  will-payload:text]
 //           [username:text]  [password:text]              (text = length:u16 and that many bytes)
 #include "../base/text.h"
+#include "codec_calls.h"
 #include "codec_internal.h"
 
 using namespace tarn;
@@ -125,7 +126,7 @@ int put_body(Writer &body, uint32_t level, const mqtt_connect_para_t &para)
 
 } // namespace
 
-int mqtt_codec_encode_connect(mqtt_codec_ctx_t *ctx, const mqtt_connect_para_t *para, uint8_t *buf, int *buf_len)
+int codec::encode_connect(mqtt_codec_ctx_t *ctx, const mqtt_connect_para_t *para, uint8_t *buf, int *buf_len) noexcept
 {
     const int capacity = length_of(buf_len);
     if (!ctx || !para || !buf || capacity < CODEC_MIN_CAPACITY)

@@ -7,9 +7,8 @@
 // Property is one text, a pair in the standard [MQTT 5.0 3.14.2.2.4]; the codec keeps its own numbering and shapes in
 // both directions.
 //   test: disconnect_decode.properties_of_this_codec
-#include "disconnect_link.h"
-
 #include "../base/text.h"
+#include "codec_calls.h"
 #include "codec_internal.h"
 
 using namespace tarn;
@@ -54,7 +53,8 @@ int put_body(Writer &body, const mqtt_disconnect_para_t &para)
 
 } // namespace
 
-int mqtt_codec_encode_disconnect(mqtt_codec_ctx_t *ctx, const mqtt_disconnect_para_t *para, uint8_t *buf, int *buf_len)
+int codec::encode_disconnect(mqtt_codec_ctx_t *ctx, const mqtt_disconnect_para_t *para, uint8_t *buf,
+                             int *buf_len) noexcept
 {
     if (!ctx || !para || !buf || length_of(buf_len) < 1)
         return CODEC_E_PARAM;
@@ -170,8 +170,8 @@ int codec::decode_disconnect(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf
         return REFUSE(CODEC_E_PARAM, "DISCONNECT decode: invalid param");
 
     // Before any other check: a client that sends anything like a DISCONNECT is leaving.
-    poke(ctx->last_packet_type, DISCONNECT);
-    poke(ctx->last_packet_len, 0);
+    shared(ctx->last_packet_type) = DISCONNECT;
+    shared(ctx->last_packet_len)  = 0;
 
     const FixedHeader header = read_fixed_header(buf, *buf_len);
     if (const int code = check_fixed_header(header, *buf_len))
@@ -184,10 +184,4 @@ int codec::decode_disconnect(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf
         return code;
     LOG_DEBUG("DISCONNECT decode success: version=%d, len=%d", static_cast<int>(level), in.pos());
     return decoded(ctx, DISCONNECT, in.pos(), buf_len);
-}
-
-int mqtt_codec_decode_disconnect(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_disconnect_para_t *para)
-{
-    bool expiry_given = false;
-    return decode_disconnect(ctx, buf, buf_len, para, &expiry_given);
 }

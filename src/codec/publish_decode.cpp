@@ -2,6 +2,7 @@
 //
 // The packet itself tells its level: bytes behind topic and identifier that read as a property block which fits
 // make it 5.0, anything else 3.1.1. What the context thinks is not asked; it learns the answer.
+#include "codec_calls.h"
 #include "codec_internal.h"
 
 using namespace tarn;
@@ -216,7 +217,7 @@ int read_payload(Reader &in, int packet_end, mqtt_publish_para_t &para)
 } // namespace
 
 // PUBLISH:  3d:u8  remaining:varint  topic:text  [packet-id:u16, QoS 1 and 2]  [properties, 5.0]  payload
-int mqtt_codec_decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_publish_para_t *para)
+int codec::decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_publish_para_t *para) noexcept
 {
     trace_input(ctx, buf, buf_len, para);
     if (!buf || !para || !ctx || length_of(buf_len) < 2) {
@@ -255,7 +256,7 @@ int mqtt_codec_decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *bu
     // A step over a cut value may have passed the input's end, the count may not.
     const int consumed = in.pos() < input ? in.pos() : input;
     LOG_HEXDUMP("payload", para->payload, para->payload_len);
-    poke(ctx->version, level);
+    set_level(ctx, level);
     trace_success(level, *para, consumed);
     return decoded(ctx, PUBLISH, consumed, buf_len);
 }

@@ -5,10 +5,10 @@
 // cost one test of the level.
 //
 // PUBLISH:  3d:u8  remaining:varint  topic:text  [packet-id:u16, QoS 1 and 2]  [properties, 5.0]  payload
-#include "publish_link.h"
-
 #include "../base/text.h"
+#include "codec_calls.h"
 #include "codec_internal.h"
+#include "publish_view.h"
 
 namespace tarn::codec {
 namespace {
@@ -76,27 +76,27 @@ uint32_t property_bytes(const PublishView &message)
 
 void trace_head(uint32_t level, const PublishView &message, uint8_t first, const Writer &head, size_t properties_at)
 {
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 1: Parameters accepted (version=%u)\n", level);
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 2: Buffer ready\n");
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 3: Fixed header = 0x%02X\n", first);
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.1: Topic = %.*s (len=%zu)\n",
-              static_cast<int>(message.topic.size()), message.topic.data(), message.topic.size());
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 1: Parameters accepted (version=%u)\n", level);
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 2: Buffer ready\n");
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 3: Fixed header = 0x%02X\n", first);
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.1: Topic = %.*s (len=%zu)\n",
+               static_cast<int>(message.topic.size()), message.topic.data(), message.topic.size());
     if (carries_id(message))
-        agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.2: Packet ID = %u\n", message.msg_id);
+        log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.2: Packet ID = %u\n", message.msg_id);
     if (level != 5)
         return;
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.3: Property Length = %zu\n", head.size() - properties_at);
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.3: Property Length = %zu\n", head.size() - properties_at);
     for (size_t i = properties_at; i < head.size(); ++i)
-        agent_log(AGENT_LOG_DEBUG, "  var_header[%d] = 0x%02X\n", static_cast<int>(i), head.data()[i]);
+        log::write(AGENT_LOG_DEBUG, "  var_header[%d] = 0x%02X\n", static_cast<int>(i), head.data()[i]);
 }
 
 void trace_packet(const PublishView &message, uint32_t remaining, int total)
 {
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.4: Payload len = %zu\n", message.payload.size());
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 5: Remaining Length = %u\n", remaining);
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 6: Packet copied (len=%d)\n", total);
-    agent_log(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] SUCCESS: qos=%u, msg_id=%u, payload_len=%zu, total_len=%d\n",
-              message.qos, message.msg_id, message.payload.size(), total);
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.4: Payload len = %zu\n", message.payload.size());
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 5: Remaining Length = %u\n", remaining);
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 6: Packet copied (len=%d)\n", total);
+    log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] SUCCESS: qos=%u, msg_id=%u, payload_len=%zu, total_len=%d\n",
+               message.qos, message.msg_id, message.payload.size(), total);
 }
 
 // Topic, identifier and property block. Neither refusal can happen with the limits above.
@@ -138,7 +138,7 @@ int write_head(uint32_t level, const PublishView &message, uint8_t *buf, int *bu
         return REFUSE(CODEC_E_BUFFER, "[PUBLISH ENCODE] Step 4.4 ERROR: Payload buffer overflow (need=%d, have=%d)\n",
                       body, CODEC_BODY_MAX);
 
-    const uint32_t length_bytes = codec_encode_remaining_length(buf + 1, body);
+    const uint32_t length_bytes = encode_length(buf + 1, body);
     if (length_bytes == 0) // cannot happen with a body this short
         return REFUSE(CODEC_E_MALFORMED,
                       "[PUBLISH ENCODE] Step 5 ERROR: Encode Remaining Length failed (len=%d) [MQTT 5.0 §2.1.4]\n",
@@ -170,35 +170,36 @@ PublishView view_of(const mqtt_publish_para_t &para)
 
 } // namespace
 
-int encode_publish_head(uint32_t level, const PublishView &message, uint8_t *buf, int *buf_len, int *head_len) noexcept
+PublishHead encode_publish_head(uint32_t level, const PublishView &message, std::span<uint8_t> buf) noexcept
 {
-    if (const int refused = check(level, message, *buf_len); refused != CODEC_OK)
-        return refused;
-    return write_head(level, message, buf, buf_len, head_len);
+    int length   = static_cast<int>(buf.size());
+    int head_len = 0;
+    int refused  = check(level, message, length);
+    if (refused == CODEC_OK)
+        refused = write_head(level, message, buf.data(), &length, &head_len);
+    if (refused != CODEC_OK)
+        return {Result{refused}, {}, 0};
+    return {Result::Ok, buf.first(static_cast<size_t>(head_len)), static_cast<size_t>(length)};
 }
 
-int publish_id_offset(const uint8_t *packet, int len) noexcept
+int publish_id_offset(std::span<const uint8_t> packet) noexcept
 {
-    if (!packet || len < 2)
+    const int len = static_cast<int>(packet.size());
+    if (!packet.data() || len < 2)
         return -1;
-    const FixedHeader header = read_fixed_header(packet, len);
+    const FixedHeader header = read_fixed_header(packet.data(), len);
     const int         qos    = header.flags >> 1 & 3;
     if (header.type != PUBLISH || !header.length.ok() || (qos != 1 && qos != 2))
         return -1;
 
-    Reader   in(packet, len, header.body);
+    Reader   in(packet.data(), len, header.body);
     uint16_t topic_len = 0;
     if (!in.u16(topic_len) || !in.has(topic_len + 2))
         return -1;
     return in.pos() + topic_len;
 }
 
-} // namespace tarn::codec
-
-using namespace tarn;
-using namespace tarn::codec;
-
-int mqtt_codec_encode_publish(mqtt_codec_ctx_t *ctx, const mqtt_publish_para_t *para, uint8_t *buf, int *buf_len)
+int encode_publish(mqtt_codec_ctx_t *ctx, const mqtt_publish_para_t *para, uint8_t *buf, int *buf_len) noexcept
 {
     if (!ctx || !para || !buf || !buf_len)
         return REFUSE(CODEC_E_PARAM,
@@ -218,3 +219,5 @@ int mqtt_codec_encode_publish(mqtt_codec_ctx_t *ctx, const mqtt_publish_para_t *
         memcpy(buf + head_len, message.payload.data(), message.payload.size());
     return encoded(ctx, PUBLISH, total, buf_len);
 }
+
+} // namespace tarn::codec

@@ -3,14 +3,12 @@
 // It carries the fixed header's remaining length and every 5.0 property length.
 #include "codec_internal.h"
 
-using namespace tarn;
+namespace tarn::codec {
 
 static_assert(CODEC_ENCODE_LEN_MAX == (1 << 4 * 7) - 1, "four bytes of seven bits");
 
-uint32_t codec_encode_remaining_length(uint8_t *buf, uint32_t len)
+uint32_t encode_length(uint8_t *buf, uint32_t len) noexcept
 {
-    if (!buf)
-        return REFUSE(0u, "codec_encode_remaining_length: buf is NULL");
     if (len > CODEC_ENCODE_LEN_MAX)
         return REFUSE(0u, "codec_encode_remaining_length: len=%u exceeds max=%u", len,
                       static_cast<uint32_t>(CODEC_ENCODE_LEN_MAX));
@@ -27,7 +25,7 @@ uint32_t codec_encode_remaining_length(uint8_t *buf, uint32_t len)
     }
 }
 
-int codec_decode_remaining_length(const uint8_t *buf, int avail, uint32_t *consumed)
+int decode_length(const uint8_t *buf, int avail, uint32_t &consumed) noexcept
 {
     // QUIRK(three-length-bytes): a fourth length byte is refused although the standard allows four [MQTT 5.0 1.5.5];
     // it bounds every incoming packet and property block to 2097151 bytes. Longer forms of a small value pass, which
@@ -36,15 +34,15 @@ int codec_decode_remaining_length(const uint8_t *buf, int avail, uint32_t *consu
     constexpr int kLengthBytesMax = 3;
     static_assert(CODEC_DECODE_LEN_MAX == (1 << kLengthBytesMax * 7) - 1);
 
-    if (!buf || !consumed)
-        return -1;
     int value = 0;
     for (int i = 0; i < kLengthBytesMax && i < avail; ++i) {
         value |= (buf[i] & 0x7F) << (7 * i);
         if (!(buf[i] & 0x80)) {
-            *consumed = static_cast<uint32_t>(i) + 1;
+            consumed = static_cast<uint32_t>(i) + 1;
             return value;
         }
     }
     return -1;
 }
+
+} // namespace tarn::codec

@@ -1,4 +1,5 @@
 // simple.cpp - packets that are a fixed header and nothing else: PINGREQ, PINGRESP and the bare DISCONNECT.
+#include "codec_calls.h"
 #include "codec_internal.h"
 
 using namespace tarn;
@@ -9,7 +10,7 @@ using namespace tarn::codec;
 // QUIRK(simple-disconnect-byte): the 5.0 DISCONNECT is E0 00 00, a byte more than its remaining length counts
 // [MQTT 5.0 2.1.4]; users of this encoder rely on the three bytes. The broker sends the form of disconnect.cpp.
 //   test: simple_encode.disconnect_has_a_third_byte_at_5
-int mqtt_codec_encode_simple(mqtt_codec_ctx_t *ctx, int type, uint8_t *buf, int *buf_len)
+int codec::encode_simple(mqtt_codec_ctx_t *ctx, int type, uint8_t *buf, int *buf_len) noexcept
 {
     if (!ctx || !buf || length_of(buf_len) < CODEC_MIN_CAPACITY)
         return REFUSE(CODEC_E_PARAM, "Simple encode: invalid param (ctx=%p, buf=%p, buf_len=%p, len=%d)", addr(ctx),
@@ -34,7 +35,7 @@ int mqtt_codec_encode_simple(mqtt_codec_ctx_t *ctx, int type, uint8_t *buf, int 
 // unread and may be incomplete; content means 5.0, none means 3.1.1 instead of the level of CONNECT
 // [MQTT 5.0 3.1.2.2]. The decoder only answers "is it this packet, and where does it end".
 //   test: simple_decode.content_means_5_and_may_be_incomplete
-int mqtt_codec_decode_simple(mqtt_codec_ctx_t *ctx, int type, const uint8_t *buf, int *buf_len)
+int codec::decode_simple(mqtt_codec_ctx_t *ctx, int type, const uint8_t *buf, int *buf_len) noexcept
 {
     if (!ctx || !buf || length_of(buf_len) < 2)
         return REFUSE(CODEC_E_PARAM, "Simple decode: invalid param (ctx=%p, buf=%p, buf_len=%p, len=%d)", addr(ctx),
@@ -49,7 +50,7 @@ int mqtt_codec_decode_simple(mqtt_codec_ctx_t *ctx, int type, const uint8_t *buf
 
     const int      consumed = header.end < input ? header.end : input;
     const uint32_t level    = header.length.value != 0 ? 5 : 4;
-    poke(ctx->version, level);
+    set_level(ctx, level);
     LOG_DEBUG("Simple decode success: type=%d, version=%d, len=%d", type, level, consumed);
     return decoded(ctx, static_cast<uint32_t>(type), consumed, buf_len);
 }

@@ -4,6 +4,7 @@
 #include "subscribe_internal.h"
 
 #include "../base/text.h"
+#include "codec_calls.h"
 #include "codec_internal.h"
 
 using namespace tarn;
@@ -31,7 +32,8 @@ int put_filters(Writer &body, const mqtt_subscribe_para_t &para)
 
 } // namespace
 
-int mqtt_codec_encode_subscribe(mqtt_codec_ctx_t *ctx, const mqtt_subscribe_para_t *para, uint8_t *buf, int *buf_len)
+int codec::encode_subscribe(mqtt_codec_ctx_t *ctx, const mqtt_subscribe_para_t *para, uint8_t *buf,
+                            int *buf_len) noexcept
 {
     if (!ctx || !para || !buf || length_of(buf_len) < CODEC_MIN_CAPACITY)
         return REFUSE(CODEC_E_PARAM, "SUBSCRIBE encode: invalid param");
@@ -193,7 +195,8 @@ void trace_input(mqtt_codec_ctx_t *ctx, const uint8_t *buf, const int *buf_len, 
 } // namespace
 
 // SUBSCRIBE:  82  remaining:varint  packet-id:u16  [properties, 5.0]  { filter:text  options:u8 } * 1..16
-int mqtt_codec_decode_subscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_subscribe_para_t *para)
+int codec::decode_subscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len,
+                            mqtt_subscribe_para_t *para) noexcept
 {
     trace_input(ctx, buf, buf_len, para);
     if (!ctx || !buf || !para || length_of(buf_len) < 6)

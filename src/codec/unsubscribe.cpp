@@ -6,6 +6,7 @@
 #include "subscribe_internal.h"
 
 #include "../base/text.h"
+#include "codec_calls.h"
 #include "codec_internal.h"
 
 using namespace tarn;
@@ -33,8 +34,8 @@ int put_filters(Writer &body, const mqtt_unsubscribe_para_t &para)
 
 } // namespace
 
-int mqtt_codec_encode_unsubscribe(mqtt_codec_ctx_t *ctx, const mqtt_unsubscribe_para_t *para, uint8_t *buf,
-                                  int *buf_len)
+int codec::encode_unsubscribe(mqtt_codec_ctx_t *ctx, const mqtt_unsubscribe_para_t *para, uint8_t *buf,
+                              int *buf_len) noexcept
 {
     if (!ctx || !para || !buf || length_of(buf_len) < CODEC_MIN_CAPACITY)
         return REFUSE(CODEC_E_PARAM, "UNSUBSCRIBE encode: invalid param (ctx=%p, para=%p, buf=%p, buf_len=%p, len=%d)",
@@ -200,8 +201,8 @@ int read_filters(Reader &in, mqtt_unsubscribe_para_t &para)
 } // namespace
 
 // UNSUBSCRIBE:  A2  remaining:length  packet-id:u16  [properties, 5.0]  { filter:text } * 0..16
-int mqtt_codec_decode_unsubscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len,
-                                  mqtt_unsubscribe_para_t *para)
+int codec::decode_unsubscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len,
+                              mqtt_unsubscribe_para_t *para) noexcept
 {
     if (!ctx || !buf || !para || length_of(buf_len) < 4)
         return REFUSE(CODEC_E_PARAM, "UNSUBSCRIBE解码参数非法：ctx=%p buf=%p buf_len=%d para=%p", addr(ctx), addr(buf),
@@ -210,7 +211,7 @@ int mqtt_codec_decode_unsubscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int
     if (buf[0] != kFirstByte)
         return REFUSE(CODEC_E_MALFORMED, "UNSUBSCRIBE固定报头非法：类型=%d 保留位=0x%02X（预期0x02）", buf[0] >> 4,
                       buf[0] & 0x0F);
-    poke(ctx->last_packet_type, UNSUBSCRIBE); // stays, even when the packet fails further down
+    shared(ctx->last_packet_type) = UNSUBSCRIBE; // stays, even when the packet fails further down
 
     Reader   in(buf, *buf_len, 1);
     uint32_t remaining = 0;
@@ -234,7 +235,7 @@ int mqtt_codec_decode_unsubscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int
         return refused;
 
     if (level != known)
-        poke(ctx->version, level);
+        set_level(ctx, level);
     LOG_INFO("UNSUBSCRIBE解码完成：总解码字节=%d Topic数量=%d 消息ID=%u 版本=%s", in.pos(), para->filter_count,
              para->msg_id, level == 5 ? "5.0" : "3.1.1");
     return decoded(ctx, UNSUBSCRIBE, in.pos(), buf_len);

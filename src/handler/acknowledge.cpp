@@ -2,7 +2,6 @@
 //
 // Each acknowledgement goes to the reliable-delivery queue first; what the row says besides happens whether the queue
 // knew the identifier or not.
-#include "../codec/mqtt_codec.h"
 #include "../qos/qos.hpp"
 #include "handler_internal.h"
 #include "reply.h"
@@ -23,23 +22,23 @@ struct AckRow {
 
 void settle_puback(mqtt_client_t &client, uint16_t id)
 {
-    if (peek(client.qos1_pending_msg_id) != id) {
+    if (client.qos1_pending_msg_id != id) {
         LOG_WARN("MQTT标准：收到无效PUBACK：ClientID=%s, MsgID=%d（无对应待确认消息）", client.client_id, id);
         return;
     }
-    poke(client.qos1_pending_msg_id, 0);
+    client.qos1_pending_msg_id = 0;
     LOG_DEBUG("MQTT标准：QoS1消息确认完成：ClientID=%s, MsgID=%d", client.client_id, id);
 }
 
 void settle_pubrel(mqtt_client_t &client, uint16_t)
 {
-    poke(client.qos2_pending_msg_id, 0);
+    client.qos2_pending_msg_id = 0;
 }
 
 void settle_pubcomp(mqtt_client_t &client, uint16_t id)
 {
-    if (peek(client.qos2_pending_msg_id) == id)
-        poke(client.qos2_pending_msg_id, 0);
+    if (client.qos2_pending_msg_id == id)
+        client.qos2_pending_msg_id = 0;
 }
 
 // QUIRK(double-handshake): the queue answers PUBREC and PUBREL of its own deliveries too, so a client can get PUBREL
@@ -68,9 +67,8 @@ int handle_acknowledgement(mqtt_client_t &client, Packet packet) noexcept
     const int       type = packet[0] >> 4;
     const AckRow   &row  = kRows[type - PUBACK];
     mqtt_ack_para_t ack{};
-    int             length = static_cast<int>(packet.size());
-    if (const int code = mqtt_codec_decode_ack(&client.codec, type, packet.data(), &length, &ack))
-        return undecodable(client, row.undecodable, code);
+    if (const codec::Result result = codec::decode_ack(client.codec, type, packet, ack); failed(result))
+        return undecodable(client, row.undecodable, result);
 
     LOG_INFO(row.received, client.client_id, ack.msg_id);
     (void)qos::acknowledge(client, ack.msg_id, static_cast<uint8_t>(type));

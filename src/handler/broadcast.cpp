@@ -156,7 +156,7 @@ constexpr Rules rules_of(Tracking tracking)
 constexpr Rules kWillRules  = rules_of(Tracking::Never);
 constexpr Rules kOtherRules = rules_of(Tracking::Queued);
 
-void broadcast(Packet packet, const ReadPublish &publish, bool is_will)
+void broadcast_read(Packet packet, const ReadPublish &publish, bool is_will)
 {
     LOG_INFO("[遗嘱调试][广播开始] Topic=%s, 原始QoS=%d, 消息长度=%d, 开始匹配订阅者（上限=%d）", publish.topic,
              publish.qos, static_cast<int>(packet.size()), SUB_MATCH_CAPACITY);
@@ -169,22 +169,18 @@ void broadcast(Packet packet, const ReadPublish &publish, bool is_will)
 }
 
 } // namespace
-} // namespace tarn::handler
 
-using namespace tarn;
-using namespace tarn::handler;
-
-void packet_handler_broadcast_msg(const uint8_t *packet, uint32_t len, uint8_t is_will)
+void broadcast(Packet packet, bool is_will) noexcept
 {
-    if (!packet || len < 4) {
-        LOG_ERROR("[遗嘱调试][广播失败] 参数无效：buf=%p, len=%d（需≥4）", static_cast<const void *>(packet),
-                  static_cast<int>(len));
+    if (!packet.data() || packet.size() < 4) {
+        LOG_ERROR("[遗嘱调试][广播失败] 参数无效：buf=%p, len=%d（需≥4）", static_cast<const void *>(packet.data()),
+                  static_cast<int>(packet.size()));
         return;
     }
     const uint32_t topic_len = static_cast<uint32_t>(packet[2]) << 8 | packet[3];
-    if (topic_len + 4 > len) {
+    if (topic_len + 4 > packet.size()) {
         LOG_ERROR("[遗嘱调试][广播失败] Topic越界：topic_len=%d, msg_len=%d, 2+2+topic_len=%d > msg_len",
-                  static_cast<int>(topic_len), static_cast<int>(len), static_cast<int>(topic_len + 4));
+                  static_cast<int>(topic_len), static_cast<int>(packet.size()), static_cast<int>(topic_len + 4));
         return;
     }
 
@@ -193,9 +189,11 @@ void packet_handler_broadcast_msg(const uint8_t *packet, uint32_t len, uint8_t i
         LOG_ERROR("[遗嘱调试][广播失败] malloc topic failed: %d", errno);
         return;
     }
-    memcpy(topic.get(), packet + 4, std::min<uint32_t>(topic_len, CODEC_TOPIC_MAX));
+    memcpy(topic.get(), packet.data() + 4, std::min<uint32_t>(topic_len, CODEC_TOPIC_MAX));
     const auto     qos        = static_cast<uint8_t>(packet[0] >> 1 & 3);
     const auto     retain     = static_cast<uint8_t>(packet[0] & 1);
     const uint32_t payload_at = topic_len + (qos > 0 ? 6 : 4);
-    broadcast({packet, len}, {topic.get(), payload_at, qos, retain}, is_will != 0);
+    broadcast_read(packet, {topic.get(), payload_at, qos, retain}, is_will);
 }
+
+} // namespace tarn::handler

@@ -3,9 +3,8 @@
 // There is no session take-over: an older connection of the same id is neither closed nor told, the new record is just
 // the one found by that id from now on. From adopt() on, the record's id is the client's name, not the decoded one.
 #include "../base/text.h"
-#include "../codec/mqtt_codec.h"
 #include "../persist/persist.hpp"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "handler_internal.h"
 #include "reply.h"
@@ -35,20 +34,20 @@ int refuse(mqtt_client_t &client, uint32_t state)
 //   test: connect.a_second_client_of_an_id_leaves_the_first_open
 [[nodiscard]] bool adopt(mqtt_client_t &client, const mqtt_connect_para_t &connect)
 {
-    poke(client.clean_session, connect.clean_start);
-    client_set_keepalive(&client, connect.keep_alive);
-    client_set_cid(&client, connect.client_id);
+    client.clean_session = connect.clean_start;
+    client::set_keepalive(client, connect.keep_alive);
+    client::set_id(client, connect.client_id);
     return mark_logged_in(client);
 }
 
 void negotiate_session_expiry(mqtt_client_t &client, const mqtt_connect_para_t &connect)
 {
     if (speaks_v5(client)) {
-        poke(client.session_expiry_interval, connect.session_expiry_interval);
+        client.session_expiry_interval = connect.session_expiry_interval;
         LOG_INFO("[MQTT5] Session Expiry Interval negotiated: client=%s, value=%u (0x11)", client.client_id,
                  connect.session_expiry_interval);
     } else {
-        poke(client.session_expiry_interval, 0);
+        client.session_expiry_interval = 0;
         LOG_DEBUG("[MQTT3] Session Expiry Interval not supported, set to 0");
     }
 }
@@ -61,14 +60,14 @@ void negotiate_packet_size(mqtt_client_t &client, const mqtt_connect_para_t &con
 {
     const uint32_t asked = connect.max_packet_size;
     if (!speaks_v5(client)) {
-        poke(client.max_packet_size, CLIENT_V4_PACKET_MAX);
+        client.max_packet_size = CLIENT_V4_PACKET_MAX;
         LOG_INFO("[MQTT3] Maximum Packet Size not supported, use default=%u, client=%s", CLIENT_V4_PACKET_MAX,
                  client.client_id);
     } else if (asked < CLIENT_V5_PACKET_FLOOR) {
-        poke(client.max_packet_size, CLIENT_V5_PACKET_FLOOR);
+        client.max_packet_size = CLIENT_V5_PACKET_FLOOR;
         LOG_WARN("[MQTT5] Maximum Packet Size too small(%u), force set to 256, client=%s", asked, client.client_id);
     } else {
-        poke(client.max_packet_size, asked);
+        client.max_packet_size = asked;
         LOG_INFO("[MQTT5] Maximum Packet Size negotiated: client=%s, value=%u (valid)", client.client_id, asked);
     }
 }
@@ -105,15 +104,15 @@ void restore_will(mqtt_client_t &client)
     // The file's length may exceed the bytes the record holds: what is missing reads as zeroes.
     uint8_t payload[CLIENT_WILL_MAX] = {};
     memcpy(payload, session.will_payload, sizeof session.will_payload);
-    client_set_will_msg(&client, session.will_topic, payload, session.will_len, session.will_qos, 0);
+    client::set_will(client, {session.will_topic, payload, session.will_len, session.will_qos, 0});
     LOG_INFO("[遗嘱] 客户端 %s 遗嘱恢复成功", client.client_id);
 }
 
 // Whatever the clean-session flag says: settle_session() discards it again.
 void restore_session(mqtt_client_t &client)
 {
-    const bool found = load_session_of(client);
-    poke(client.session_restored, found);
+    const bool found        = load_session_of(client);
+    client.session_restored = found;
     if (!found)
         return;
     LOG_INFO("[会话] 加载客户端持久化数据成功: %s, 订阅数=%d, 离线消息数=%d", client.client_id,
@@ -151,21 +150,19 @@ void take_will(mqtt_client_t &client, const mqtt_connect_para_t &connect)
         return;
     }
     say_will(client, connect);
-    client_set_will_msg(&client, connect.will_topic, connect.will_payload,
-                        static_cast<uint32_t>(connect.will_payload_len), static_cast<uint8_t>(connect.will_qos),
-                        connect.will_retain);
+    client::set_will(client, {connect.will_topic, connect.will_payload, static_cast<uint32_t>(connect.will_payload_len),
+                              static_cast<uint8_t>(connect.will_qos), connect.will_retain});
     if (speaks_v5(client)) {
         {
             ScopedLock lock(session_lock(client));
             client.session.will_delay_interval      = connect.will_delay_interval;
             client.session.will_msg_expiry_interval = connect.will_msg_expiry_interval;
         }
-        client_set_will_enhance(&client, connect.will_delay_interval, connect.will_msg_expiry_interval, 0, "", "",
-                                nullptr, 0);
+        client::set_will_properties(client, {connect.will_delay_interval, connect.will_msg_expiry_interval, 0, "", ""});
     }
     ScopedLock lock(session_lock(client));
     copy_will_to_session(client.session, connect);
-    if (!peek(client.clean_session))
+    if (!client.clean_session)
         persist::save(client.session, PERSIST_SESSION);
 }
 
@@ -174,7 +171,7 @@ void take_will(mqtt_client_t &client, const mqtt_connect_para_t &connect)
 void drop_session(mqtt_client_t &client)
 {
     (void)persist::remove_session(client.client_id);
-    poke(client.session_restored, 0);
+    client.session_restored = 0;
     {
         ScopedLock lock(session_lock(client));
         client.session.sub_count = 0;
@@ -195,9 +192,9 @@ void resubscribe(mqtt_client_t &client)
 
 void settle_session(mqtt_client_t &client)
 {
-    if (peek(client.clean_session))
+    if (client.clean_session)
         drop_session(client);
-    else if (peek(client.session_restored))
+    else if (client.session_restored)
         resubscribe(client);
     else
         LOG_INFO("[会话] CleanSession=0，但无历史数据，新建会话: %s", client.client_id);
@@ -207,7 +204,7 @@ void settle_session(mqtt_client_t &client)
 
 bool awaits_will(mqtt_client_t &client)
 {
-    if (peek(client.state) != CLIENT_WILL_PENDING)
+    if (client.state != CLIENT_WILL_PENDING)
         return false;
     ScopedLock lock(client.will_lock);
     return client.will_delay_pending != 0;
@@ -216,19 +213,17 @@ bool awaits_will(mqtt_client_t &client)
 // The will scan claims records the same way: a will is published or cancelled, never both.
 void cancel_parked_will(mqtt_client_t &parked)
 {
-    if (!claim_closing(parked))
+    const client::Claim claim(parked);
+    if (!claim || !awaits_will(parked))
         return;
-    if (awaits_will(parked)) {
-        packet_cancel_will(&parked);
-        release_parked(parked);
-    }
-    unclaim_closing(parked);
+    call_off_will(parked);
+    release_parked(claim);
 }
 
 void cancel_delayed_wills(mqtt_client_t &client)
 {
-    packet_cancel_will(&client);
-    release_called_off(client); // another thread may have parked it since adopt()
+    call_off_will(client);
+    client::release_called_off(client); // another thread may have parked it since adopt()
     if (!wills_are_parked())
         return;
     int32_t place = 0;
@@ -249,10 +244,10 @@ void cancel_delayed_wills(mqtt_client_t &client)
 [[nodiscard]] bool accept(mqtt_client_t &client)
 {
     mqtt_connack_para_t connack{};
-    connack.session_present = peek(client.session_restored);
+    connack.session_present = client.session_restored;
     if (speaks_v5(client)) {
-        connack.session_expiry_interval = peek(client.session_expiry_interval);
-        connack.max_packet_size         = peek(client.max_packet_size);
+        connack.session_expiry_interval = client.session_expiry_interval;
+        connack.max_packet_size         = client.max_packet_size;
         LOG_INFO("[MQTT5] CONNACK properties: max_packet_size=%u, session_expiry_interval=%u", connack.max_packet_size,
                  connack.session_expiry_interval);
     }
@@ -273,12 +268,12 @@ void cancel_delayed_wills(mqtt_client_t &client)
 //   test: connect.a_resumed_session_gets_retained_messages_again
 void resume_session(mqtt_client_t &client)
 {
-    if (peek(client.clean_session) || !peek(client.session_restored))
+    if (client.clean_session || !client.session_restored)
         return;
     for (const persist_sub_t &saved :
          std::span(client.session.subs, static_cast<size_t>(peek(client.session.sub_count))))
-        send_retained_msg_to_client(&client, saved.topic);
-    packet_handler_restore_offline_msgs(&client);
+        send_retained(client, saved.topic);
+    requeue_kept(client);
 }
 
 } // namespace
@@ -292,15 +287,14 @@ void resume_session(mqtt_client_t &client)
 //   connect.user_names_and_passwords_have_1_to_64_bytes
 int handle_connect(mqtt_client_t &client, Packet packet) noexcept
 {
-    const uint32_t      state = peek(client.state);
+    const uint32_t      state = client.state;
     mqtt_connect_para_t connect{};
-    int                 length = static_cast<int>(packet.size());
-    if (mqtt_codec_decode_connect(&client.codec, packet.data(), &length, &connect) != CODEC_OK) {
+    if (failed(codec::decode_connect(client.codec, packet, connect))) {
         LOG_ERROR("CONNECT decode failed");
         stats::count(stats::Counter::parse_error);
         return -1;
     }
-    if (!broker_fire_auth(&client, connect.client_id, connect.username, connect.password))
+    if (!api::accepts(client, connect.client_id, connect.username, connect.password))
         return refuse(client, state);
     if (!adopt(client, connect))
         return -1;
@@ -314,7 +308,7 @@ int handle_connect(mqtt_client_t &client, Packet packet) noexcept
     if (!accept(client))
         return -1;
     resume_session(client);
-    broker_fire_event(&client, BROKER_EVENT_CONNECTED, nullptr, 0);
+    api::tell(client, BROKER_EVENT_CONNECTED);
     return 0;
 }
 

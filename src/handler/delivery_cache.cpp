@@ -1,7 +1,6 @@
 // delivery_cache.cpp - encoding deliveries, once a form where nobody can tell.
 #include "delivery_cache.h"
 
-#include "../codec/mqtt_codec_types.h"
 #include "../log/log.h"
 
 namespace tarn::handler {
@@ -19,28 +18,28 @@ DeliveryCache::Encoded DeliveryCache::encode(uint32_t version, uint32_t qos, uin
             form.bytes[static_cast<size_t>(form.id_at)]     = static_cast<uint8_t>(id >> 8);
             form.bytes[static_cast<size_t>(form.id_at) + 1] = static_cast<uint8_t>(id);
         }
-        return {CODEC_OK, {form.bytes.get(), form.length}};
+        return {codec::Result::Ok, {form.bytes.get(), form.length}};
     }
 
     owned<uint8_t> bytes = allocate<uint8_t>(PACKET_DELIVERY_SIZE);
     if (!bytes)
-        return {kNoMemory, {}};
-    int total  = PACKET_DELIVERY_SIZE;
-    int length = 0;
-    if (const int code = codec::encode_publish_head(version, message_, bytes.get(), &total, &length))
-        return {code, {}};
+        return {.result = codec::Result::Ok, .had_memory = false};
+    const codec::PublishHead encoded =
+        codec::encode_publish_head(version, message_, {bytes.get(), size_t{PACKET_DELIVERY_SIZE}});
+    if (failed(encoded.result))
+        return {encoded.result};
     form.bytes  = std::move(bytes);
-    form.length = static_cast<size_t>(length);
-    form.id_at  = codec::publish_id_offset(form.bytes.get(), length);
-    return {CODEC_OK, {form.bytes.get(), form.length}};
+    form.length = encoded.head.size();
+    form.id_at  = codec::publish_id_offset(encoded.head);
+    return {codec::Result::Ok, {form.bytes.get(), form.length}};
 }
 
 // The packet of a retransmission: neither expiry nor alias, so its properties are the one byte of their length.
-bool DeliveryCache::scan_can_encode(int code, uint32_t version) const noexcept
+bool DeliveryCache::scan_can_encode(codec::Result result, uint32_t version) const noexcept
 {
     const size_t body =
         2 + message_.topic.size() + (message_.qos != 0 ? 2u : 0u) + (version == 5 ? 1u : 0u) + message_.payload.size();
-    return code == CODEC_E_BUFFER && body <= CODEC_BODY_MAX;
+    return result == codec::Result::NoRoom && body <= CODEC_BODY_MAX;
 }
 
 } // namespace tarn::handler

@@ -15,7 +15,7 @@
 
 #include "../base/limits.h"
 #include "../base/memory.h"
-#include "../codec/publish_link.h"
+#include "../codec/publish_view.h"
 
 namespace tarn::handler {
 
@@ -28,20 +28,21 @@ struct Message : codec::PublishView {
 
 class DeliveryCache {
 public:
-    static constexpr int kNoMemory = 1; // beside the codec's own results
-
     struct Encoded {
-        int                      code; // CODEC_*, or kNoMemory
-        std::span<const uint8_t> head; // what stands before the payload, until the next call; empty unless CODEC_OK
+        codec::Result            result;
+        std::span<const uint8_t> head = {}; // what stands before the payload, until the next call; empty unless ready()
+        bool                     had_memory = true; // else `result` means nothing
+
+        bool ready() const noexcept { return had_memory && !failed(result); }
     };
 
     explicit DeliveryCache(Message &message) noexcept : message_(message) {}
 
     Encoded encode(uint32_t version, uint32_t qos, uint16_t id) noexcept;
 
-    // True when a delivery that was refused with `code` for want of room can be retransmitted all the same: the scan
+    // True when a delivery that was refused with `result` for want of room can be retransmitted all the same: the scan
     // has a larger buffer and sends no properties.
-    bool scan_can_encode(int code, uint32_t version) const noexcept;
+    bool scan_can_encode(codec::Result result, uint32_t version) const noexcept;
 
 private:
     struct Form {

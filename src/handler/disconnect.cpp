@@ -1,6 +1,5 @@
 // disconnect.cpp - the client takes its leave: no will, the session kept or dropped, the connection closed.
 #include "../base/text.h"
-#include "../codec/disconnect_link.h"
 #include "../persist/persist.hpp"
 #include "../qos/qos.hpp"
 #include "../sub/sub.hpp"
@@ -18,7 +17,7 @@ void override_session_expiry(mqtt_client_t &client, const mqtt_disconnect_para_t
 {
     if (!speaks_v5(client) || !expiry_given || disconnect.session_expiry_interval == kKeepInterval)
         return;
-    poke(client.session_expiry_interval, disconnect.session_expiry_interval);
+    client.session_expiry_interval = disconnect.session_expiry_interval;
     LOG_INFO("[MQTT5] DISCONNECT 覆盖会话超时: %u", disconnect.session_expiry_interval);
 }
 
@@ -29,13 +28,13 @@ void drop_will(mqtt_client_t &client)
 {
     {
         ScopedLock lock(client.will_lock);
-        poke(client.will_msg_used, 0);
+        client.will_msg_used = 0;
     }
     {
         ScopedLock lock(session_lock(client));
         client.session.will_flag = 0;
     }
-    packet_cancel_will(&client);
+    call_off_will(client);
 }
 
 void save_session(mqtt_client_t &client)
@@ -49,7 +48,7 @@ void save_session(mqtt_client_t &client)
 
 void settle_v4_session(mqtt_client_t &client)
 {
-    if (peek(client.clean_session)) {
+    if (client.clean_session) {
         (void)persist::remove_session(client.client_id);
         LOG_INFO("持久化：客户端数据已清除 ClientID=%s", client.client_id);
         return;
@@ -61,9 +60,9 @@ void settle_v4_session(mqtt_client_t &client)
 // The interval alone decides, not the clean-start flag.
 void settle_v5_session(mqtt_client_t &client)
 {
-    const uint32_t interval_s = peek(client.session_expiry_interval);
+    const uint32_t interval_s = client.session_expiry_interval;
     LOG_INFO("[MQTT5] DISCONNECT: session_expiry_interval=%u, clean_session=%u", interval_s,
-             peek(client.clean_session));
+             uint8_t{client.clean_session});
     if (interval_s != 0) {
         LOG_INFO("[MQTT5] Session Expiry=%u → 保留会话", interval_s);
         save_session(client);
@@ -77,39 +76,35 @@ void settle_v5_session(mqtt_client_t &client)
 
 int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept
 {
-    const uint32_t         state = peek(client.state);
+    const uint32_t         state = client.state;
     mqtt_disconnect_para_t disconnect{};
     bool                   expiry_given = false;
-    int                    length       = static_cast<int>(packet.size());
-    if (const int code = codec::decode_disconnect(&client.codec, packet.data(), &length, &disconnect, &expiry_given))
-        return undecodable(client, "解码DISCONNECT失败：ClientID=%s, 错误码=%d", code);
+    if (const codec::Result result = codec::decode_disconnect(client.codec, packet, disconnect, expiry_given);
+        failed(result))
+        return undecodable(client, "解码DISCONNECT失败：ClientID=%s, 错误码=%d", result);
 
     LOG_INFO("MQTT标准：客户端主动断开连接：ClientID=%s", client.client_id);
-    poke(client.disconnect_received, 1);
-    broker_fire_event(&client, BROKER_EVENT_DISCONNECTED, nullptr, 0);
+    client.disconnect_received = 1;
+    api::tell(client, BROKER_EVENT_DISCONNECTED);
     override_session_expiry(client, disconnect, expiry_given);
     drop_will(client);
     if (speaks_v5(client))
         settle_v5_session(client);
     else
         settle_v4_session(client);
-    packet_handler_remove_client_subs(client.client_id, peek(client.clean_session));
+    forget(client.client_id, client.clean_session);
     flush_client(client); // answers to packets that came in one go with this one
     close_seen(client, state);
     return 0;
 }
 
-} // namespace tarn::handler
-
-using namespace tarn;
-
 // Pending deliveries end with the connection in either case, subscriptions only with a clean session.
 // QUIRK(pending-dropped): unacknowledged deliveries of a persistent session are discarded when its connection ends
 // instead of being repeated after the reconnect [MQTT-4.4.0-1].
 //   test: remove_client_subs.pending_deliveries_go_for_clean_and_persistent_sessions
-void packet_handler_remove_client_subs(const char *client_id, uint8_t clean_session)
+void forget(const char *client_id, uint8_t clean_session) noexcept
 {
-    if (!client_id || client_id[0] == '\0')
+    if (client_id[0] == '\0')
         return;
     char id[256]; // of its own: the argument may stand in a record or table entry that is about to change
     copy_text(id, client_id, sizeof id - 1);
@@ -122,3 +117,5 @@ void packet_handler_remove_client_subs(const char *client_id, uint8_t clean_sess
     const int32_t removed = sub::remove_all_of(id);
     LOG_INFO("MQTT标准：CleanSession=true，移除客户端所有订阅：ClientID=%s, 数量=%d", id, removed);
 }
+
+} // namespace tarn::handler

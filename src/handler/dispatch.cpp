@@ -1,13 +1,10 @@
 // dispatch.cpp - the one entrance of every packet a client sends: checks that hold for all, then the packet's handler.
 //
 // No client state is asked: a PUBLISH before CONNECT is handled like any other, a second CONNECT in full again.
-#include "../stats/counters.h"
-#include "dispatch_link.h"
+#include "../stats/stats.hpp"
 #include "handler_internal.h"
 
-using namespace tarn;
-using namespace tarn::handler;
-
+namespace tarn::handler {
 namespace {
 
 using Handler = int (*)(mqtt_client_t &client, Packet packet) noexcept;
@@ -40,30 +37,24 @@ constexpr Handler kHandlers[16] = {
 // QUIRK(own-limit-inbound): the Maximum Packet Size a 5.0 client announces for what it receives is applied to what it
 // sends [MQTT-3.1.2-24]. Limits of both directions are one number in the record.
 //   test: dispatch.a_packet_above_the_limit_is_answered_with_disconnect_and_closed
-int close_oversized(mqtt_client_t &client, Packet packet, uint32_t limit)
+bool close_oversized(mqtt_client_t &client, Packet packet, uint32_t limit)
 {
     LOG_ERROR("[MQTT过载保护] 报文超长关闭连接：Client=%s, 接收=%d, 协商最大=%d", client.client_id,
               static_cast<int>(packet.size()), static_cast<int>(limit));
-    const uint32_t state = peek(client.state);
+    const uint32_t state = client.state;
     end_with_disconnect(client);
-    packet_handler_send_disconnect(&client, kPacketTooLarge);
+    say_disconnect(client, kPacketTooLarge);
     close_seen(client, state);
-    return -1;
+    return false;
 }
 
 // QUIRK(unknown-type-ignored): a packet type that a broker cannot handle is logged and otherwise ignored instead of
 // ending the connection as a protocol error [MQTT-4.13.1-1].
 //   test: dispatch.types_without_a_handler_are_logged_and_ignored
-int ignore_unknown(const mqtt_client_t &client, int type)
+bool ignore_unknown(const mqtt_client_t &client, int type)
 {
     LOG_WARN("未处理的MQTT报文类型：%d, ClientID=%s", type, client.client_id);
-    return 0;
-}
-
-int refuse_arguments()
-{
-    LOG_ERROR("无效报文参数");
-    return -1;
+    return true;
 }
 
 } // namespace
@@ -71,35 +62,29 @@ int refuse_arguments()
 // QUIRK(malformed-kept): a packet that does not decode is logged and counted, the connection stays
 // [MQTT-4.8.0-1 of 3.1.1, MQTT-4.13.1-1 of 5.0].
 //   test: dispatch.a_packet_that_does_not_decode_is_counted_and_not_answered
-int handler::undecodable(const mqtt_client_t &client, const char *line, int code) noexcept
+int undecodable(const mqtt_client_t &client, const char *line, codec::Result why) noexcept
 {
-    LOG_ERROR(line, client.client_id, code);
+    LOG_ERROR(line, client.client_id, codec::code_of(why));
     stats::count(stats::Counter::parse_error);
     return -1;
 }
 
-int handler::dispatch(mqtt_client_t &client, const uint8_t *bytes, uint32_t length) noexcept
+bool dispatch(mqtt_client_t &client, Packet packet) noexcept
 {
     stats::count(stats::Counter::rx_pkt);
-    if (!bytes || static_cast<int32_t>(length) < 1)
-        return refuse_arguments();
-    const Packet   packet(bytes, length);
-    const uint32_t limit = peek(client.max_packet_size);
-    if (limit != 0 && length > limit)
+    if (!packet.data() || static_cast<int32_t>(packet.size()) < 1) {
+        LOG_ERROR("无效报文参数");
+        return false;
+    }
+    const uint32_t limit = client.max_packet_size;
+    if (limit != 0 && packet.size() > limit)
         return close_oversized(client, packet, limit);
 
     const int type = packet[0] >> 4;
-    LOG_DEBUG("收到MQTT报文：ClientID=%s, 类型=%d, 长度=%u", client.client_id, type, length);
-    client_update_active(&client);
-    return kHandlers[type] ? kHandlers[type](client, packet) : ignore_unknown(client, type);
+    LOG_DEBUG("收到MQTT报文：ClientID=%s, 类型=%d, 长度=%u", client.client_id, type,
+              static_cast<uint32_t>(packet.size()));
+    client::note_active(client);
+    return kHandlers[type] ? kHandlers[type](client, packet) == 0 : ignore_unknown(client, type);
 }
 
-int packet_dispatch(mqtt_client_t *client, const uint8_t *buf, uint32_t len)
-{
-    if (!client) {
-        stats::count(stats::Counter::rx_pkt);
-        return refuse_arguments();
-    }
-    const client_ref pin(client);
-    return handler::dispatch(*client, buf, len);
-}
+} // namespace tarn::handler

@@ -5,18 +5,15 @@
 #ifndef TARN_HANDLER_HANDLER_INTERNAL_H
 #define TARN_HANDLER_HANDLER_INTERNAL_H
 
-#include "../api/broker.h"
+#include "../api/api.hpp"
 #include "../base/relaxed.h"
-#include "../client/client_ref.h"
-#include "../codec/packet_type.h"
+#include "../client/client.hpp"
+#include "../codec/codec.hpp"
 #include "../log/log.h"
+#include "handler.hpp"
 #include "packet_handler.h"
 
-#include <span>
-
 namespace tarn::handler {
-
-using Packet = std::span<const uint8_t>; // exactly one packet, fixed header first
 
 int handle_connect(mqtt_client_t &client, Packet packet) noexcept;
 int handle_publish(mqtt_client_t &client, Packet packet) noexcept;
@@ -27,11 +24,11 @@ int handle_ping(mqtt_client_t &client, Packet packet) noexcept;
 int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept;
 
 // A packet that does not decode: one line of the form "解码X失败：ClientID=%s, 错误码=%d", counted, not answered.
-int undecodable(const mqtt_client_t &client, const char *line, int code) noexcept;
+int undecodable(const mqtt_client_t &client, const char *line, codec::Result why) noexcept;
 
-[[nodiscard]] inline bool speaks_v5(mqtt_client_t &client) noexcept
+[[nodiscard]] inline bool speaks_v5(const mqtt_client_t &client) noexcept
 {
-    return peek(client.codec.version) == 5;
+    return codec::level_of(client.codec) == 5;
 }
 
 // The first hello is due ten seconds from now (hello_publish.cpp).

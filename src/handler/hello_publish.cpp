@@ -12,7 +12,7 @@ constexpr std::string_view kTopic    = "broker/test";
 constexpr std::string_view kPayload  = "Hello from MQTT Broker!";
 constexpr int64_t          kPeriod_s = 10;
 
-constinit int64_t last_hello_s = 0; // wall s
+constinit Shared<int64_t> last_hello_s = 0; // wall s
 
 void say_absent(const Turn &turn)
 {
@@ -77,7 +77,7 @@ constexpr Rules kRules{.settle             = settle,
 // True when the period is over; the next one then begins.
 bool due(int64_t now_s)
 {
-    const int64_t last_s = peek(last_hello_s);
+    const int64_t last_s = last_hello_s;
     return now_s - last_s >= kPeriod_s && swap_if(last_hello_s, last_s, now_s);
 }
 
@@ -85,15 +85,10 @@ bool due(int64_t now_s)
 
 void begin_hello_period() noexcept
 {
-    poke(last_hello_s, wall_s());
+    last_hello_s = wall_s();
 }
 
-} // namespace tarn::handler
-
-using namespace tarn;
-using namespace tarn::handler;
-
-void packet_handler_publish_test_msg(void)
+void publish_hello() noexcept
 {
     if (!due(wall_s()))
         return;
@@ -108,3 +103,5 @@ void packet_handler_publish_test_msg(void)
     routing.excluded = "";
     (void)route(routing, kTopic.data());
 }
+
+} // namespace tarn::handler

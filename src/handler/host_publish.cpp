@@ -41,31 +41,23 @@ constexpr Rules kRules{.settle             = settle,
                        .payload_by_version = false};
 
 } // namespace
-} // namespace tarn::handler
 
-using namespace tarn;
-using namespace tarn::handler;
-
-int packet_handler_broker_publish(const char *topic, const uint8_t *payload, int payload_len, uint8_t qos,
-                                  uint8_t retain, uint32_t message_expiry)
+bool publish_for_host(const HostMessage &host) noexcept
 {
-    if (!topic || !payload || payload_len < 1 || qos > 2)
-        return -1;
-
     // Own copies first: the arguments may point into records that change on the way. Longer topics stand in none.
     char    own_topic[sizeof(sub_entry_t::topic_filter)];
     char    sent_topic[kSentTopicChars + 1];
     uint8_t own_payload[CODEC_PAYLOAD_MAX];
-    copy_text(own_topic, topic, sizeof own_topic - 1);
+    copy_text(own_topic, host.topic, sizeof own_topic - 1);
     copy_text(sent_topic, own_topic, kSentTopicChars);
-    const auto length = std::min<uint32_t>(static_cast<uint32_t>(payload_len), CODEC_PAYLOAD_MAX);
-    memcpy(own_payload, payload, length);
+    const auto length = std::min<size_t>(host.payload.size(), CODEC_PAYLOAD_MAX);
+    memcpy(own_payload, host.payload.data(), length);
     (void)draw_delivery_id(); // the message's own, which no delivery uses
 
-    const bool        is_copied   = strnlen(topic, sizeof own_topic) < sizeof own_topic;
-    const char *const whole_topic = is_copied ? own_topic : topic;
-    if (retain & 1)
-        (void)sub::retain({whole_topic, {own_payload, length}, qos, message_expiry});
+    const bool        is_copied   = strnlen(host.topic, sizeof own_topic) < sizeof own_topic;
+    const char *const whole_topic = is_copied ? own_topic : host.topic;
+    if (host.retain & 1)
+        (void)sub::retain({whole_topic, {own_payload, length}, host.qos, host.expiry_s});
 
     // QUIRK(host-retain-forwarded): the host's retain flag goes out to subscribers as it was passed, where MQTT clears
     // it for established subscriptions [MQTT-3.3.1-12].
@@ -73,10 +65,12 @@ int packet_handler_broker_publish(const char *topic, const uint8_t *payload, int
     Message message;
     message.topic               = sent_topic;
     message.payload             = {own_payload, length};
-    message.qos                 = qos;
-    message.retain              = retain;
-    message.msg_expiry_interval = message_expiry;
+    message.qos                 = host.qos;
+    message.retain              = host.retain;
+    message.msg_expiry_interval = host.expiry_s;
     Routing routing(kRules, message);
     routing.excluded = "";
-    return route(routing, whole_topic) ? 0 : -1;
+    return route(routing, whole_topic);
 }
+
+} // namespace tarn::handler

@@ -4,27 +4,28 @@
 #include "../sub/sub.hpp"
 #include "handler_internal.h"
 
-using namespace tarn;
+namespace tarn::handler {
 
-int packet_handler_init(void)
+bool init() noexcept
 {
     if (!sub::init()) {
         LOG_FATAL("订阅管理器初始化失败");
-        return -1;
+        return false;
     }
     if (!qos::init()) {
         LOG_ERROR("QoS可靠投递模块初始化失败");
-        return -1;
+        return false;
     }
-    handler::begin_hello_period();
+    begin_hello_period();
     LOG_INFO("报文处理器初始化成功（符合MQTT 3.1.1标准）");
-    return 0;
+    return true;
 }
 
 // The identifier generator's lock outlives this: other threads may still be drawing.
-int packet_handler_deinit(void)
+void deinit() noexcept
 {
     qos::destroy();
     persist::destroy();
-    return 0;
 }
+
+} // namespace tarn::handler

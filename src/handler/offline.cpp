@@ -8,9 +8,7 @@
 
 #include <algorithm>
 
-using namespace tarn;
-using namespace tarn::handler;
-
+namespace tarn::handler {
 namespace {
 
 void requeue(mqtt_client_t &client, const persist_msg_t &message)
@@ -30,19 +28,18 @@ void requeue(mqtt_client_t &client, const persist_msg_t &message)
 // QUIRK(offline-late): messages of a resumed session come with the retransmission scan, first with DUP 0, and those of
 // QoS 0 are lost, though the broker kept them [MQTT-4.5.0-1].
 //   test: offline.kept_messages_join_the_queue_and_the_file_is_emptied
-void packet_handler_restore_offline_msgs(mqtt_client_t *client)
+void requeue_kept(mqtt_client_t &client) noexcept
 {
-    const client_ref     pin(client);
-    const client_id_text id = client ? id_of(*client) : client_id_text{};
+    const client_id_text id = id_of(client);
     if (id.text[0] == '\0') {
         LOG_DEBUG("[packet_handler] 不补发：client 无效");
         return;
     }
-    if (peek(client->clean_session)) {
+    if (client.clean_session) {
         LOG_DEBUG("[packet_handler] CleanSession=1，不补发离线消息: %s", id.text);
         return;
     }
-    if (!is_online(*client)) {
+    if (!is_online(client)) {
         LOG_DEBUG("[packet_handler] 客户端不在线，不补发离线消息: %s", id.text);
         return;
     }
@@ -56,8 +53,10 @@ void packet_handler_restore_offline_msgs(mqtt_client_t *client)
     persist_session_t &saved = held.record();
     LOG_INFO("[packet_handler] 开始补发离线消息: %s 共 %d 条", id.text, saved.msg_count);
     for (int at = 0; at < saved.msg_count; at++)
-        requeue(*client, saved.msgs[at]);
+        requeue(client, saved.msgs[at]);
     saved.msg_count = 0;
     held.write_messages();
     LOG_INFO("[packet_handler] 离线消息补发完成: %s，已清空离线消息", id.text);
 }
+
+} // namespace tarn::handler

@@ -1,8 +1,7 @@
 // publish.cpp - PUBLISH from a client: ask the host, keep a retained copy, route, acknowledge.
 #include "../base/text.h"
-#include "../codec/mqtt_codec.h"
 #include "../qos/qos.hpp"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "reply.h"
 #include "routing.h"
@@ -104,7 +103,7 @@ Reply answer_publisher(mqtt_client_t &client, uint32_t qos, uint16_t id)
 {
     if (qos == 1)
         return answer(client, PUBACK, id, "puback_buf malloc failed: %d", "发送PUBACK成功：ClientID=%s, MsgID=%d");
-    poke(client.qos2_pending_msg_id, id);
+    client.qos2_pending_msg_id = id;
     return answer(client, PUBREC, id, "pubrec_buf malloc failed: %d", "发送PUBREC成功：ClientID=%s, MsgID=%d");
 }
 
@@ -113,9 +112,8 @@ Reply answer_publisher(mqtt_client_t &client, uint32_t qos, uint16_t id)
 int handle_publish(mqtt_client_t &client, Packet packet) noexcept
 {
     mqtt_publish_para_t message; // the decoder clears it
-    int                 length = static_cast<int>(packet.size());
-    if (const int code = mqtt_codec_decode_publish(&client.codec, packet.data(), &length, &message))
-        return undecodable(client, "解码PUBLISH失败：ClientID=%s, 错误码=%d", code);
+    if (const codec::Result result = codec::decode_publish(client.codec, packet, message); failed(result))
+        return undecodable(client, "解码PUBLISH失败：ClientID=%s, 错误码=%d", result);
 
     stats::count_qos(message.qos);
     LOG_INFO("MQTT标准：收到发布消息：ClientID=%s, Topic=%s, QoS=%d, Retain=%d, MsgID=%d", client.client_id,
@@ -124,11 +122,11 @@ int handle_publish(mqtt_client_t &client, Packet packet) noexcept
     // QUIRK(refused-unanswered): a publication that the host refuses is not acknowledged at any QoS, so its publisher
     // keeps repeating it [MQTT-3.3.4-1, MQTT-4.3.2-4].
     //   test: publish.a_refused_publication_is_not_acknowledged
-    if (!broker_fire_acl(&client, message.topic, BROKER_ACL_PUBLISH)) {
+    if (!api::allows(client, message.topic, BROKER_ACL_PUBLISH)) {
         LOG_WARN("[ACL] 发布被拒绝: %s", message.topic);
         return -1;
     }
-    broker_fire_event(&client, BROKER_EVENT_PUBLISH, message.topic, static_cast<int32_t>(message.qos));
+    api::tell(client, BROKER_EVENT_PUBLISH, message.topic, static_cast<int32_t>(message.qos));
 
     limit_life(client, message);
     if (message.retain)

@@ -3,7 +3,6 @@
 
 #include "../base/clock.h"
 #include "../base/memory.h"
-#include "../codec/mqtt_codec.h"
 #include "../net/netip_types.h"
 #include "handler_internal.h"
 
@@ -14,16 +13,16 @@ namespace {
 
 constexpr uint32_t kLeavePause_ms = 10;
 
-// `encode` is one of the codec's encoders: (buffer, length) -> 0 or a negative code.
+// `encode` is one of the codec's encoders: it takes the room and cuts it to the packet.
 template <class Encode> Reply send_reply(mqtt_client_t &client, Encode encode)
 {
     const owned<uint8_t> reply = allocate_zeroed<uint8_t>(PACKET_REPLY_SIZE);
     if (!reply)
         return Reply::NoMemory;
-    int length = PACKET_REPLY_SIZE;
-    if (encode(reply.get(), &length) != CODEC_OK || length <= 0)
+    std::span<uint8_t> packet(reply.get(), PACKET_REPLY_SIZE);
+    if (failed(encode(packet)) || packet.empty())
         return Reply::NotEncoded;
-    (void)send_to(client, {{reply.get(), static_cast<size_t>(length)}});
+    (void)send_to(client, {packet});
     return Reply::Sent;
 }
 
@@ -31,9 +30,7 @@ template <class Encode> Reply send_reply(mqtt_client_t &client, Encode encode)
 
 Reply send_ack(mqtt_client_t &client, int type, const mqtt_ack_para_t &ack) noexcept
 {
-    return send_reply(client, [&](uint8_t *buf, int *length) {
-        return mqtt_codec_encode_ack(&client.codec, type, &ack, buf, length);
-    });
+    return send_reply(client, [&](auto &packet) { return codec::encode_ack(client.codec, type, ack, packet); });
 }
 
 Reply answer(mqtt_client_t &client, int type, uint16_t id, const char *no_memory, const char *replied) noexcept
@@ -50,16 +47,14 @@ Reply answer(mqtt_client_t &client, int type, uint16_t id, const char *no_memory
 
 Reply send_connack(mqtt_client_t &client, const mqtt_connack_para_t &connack) noexcept
 {
-    return send_reply(client, [&](uint8_t *buf, int *length) {
-        return mqtt_codec_encode_connack(&client.codec, &connack, buf, length);
-    });
+    return send_reply(client, [&](auto &packet) { return codec::encode_connack(client.codec, connack, packet); });
 }
 
 Reply send_refusal(mqtt_client_t &client, const mqtt_connack_para_t &connack) noexcept
 {
-    return send_reply(client, [&](uint8_t *buf, int *length) {
-        (void)mqtt_codec_encode_connack(&client.codec, &connack, buf, length);
-        return int{CODEC_OK};
+    return send_reply(client, [&](auto &packet) {
+        (void)codec::encode_connack(client.codec, connack, packet);
+        return codec::Result::Ok;
     });
 }
 
@@ -69,26 +64,24 @@ void let_leave(mqtt_client_t &client) noexcept
     flush_client(client);
 }
 
-} // namespace tarn::handler
-
 // Sent to 3.1.1 clients too, then without a reason.
 // QUIRK(disconnect-to-v4): a 3.1.1 client receives E0 00 before the broker closes its connection, although DISCONNECT
 // travels from client to server only in that version [MQTT 3.1.1 3.14]. Clients ignore it and see the close.
 //   test: send_disconnect.a_v4_client_gets_two_bytes
-void packet_handler_send_disconnect(mqtt_client_t *client, uint8_t reason_code)
+void say_disconnect(mqtt_client_t &client, uint8_t reason_code) noexcept
 {
-    using namespace tarn;
-    if (!client || peek(client->handle) == NETIP_NO_HANDLE)
+    if (client.handle == NETIP_NO_HANDLE)
         return;
-    const client_ref       pin(client);
     mqtt_disconnect_para_t disconnect{};
-    if (handler::speaks_v5(*client))
+    if (speaks_v5(client))
         disconnect.reason_code = reason_code;
 
-    uint8_t packet[PACKET_REPLY_SIZE] = {};
-    int     length                    = sizeof packet;
+    uint8_t            room[PACKET_REPLY_SIZE] = {};
+    std::span<uint8_t> packet(room);
     // What the encoder leaves is sent in any case: a context of no known level sends the zeroes.
-    (void)mqtt_codec_encode_disconnect(&client->codec, &disconnect, packet, &length);
-    (void)send_to(*client, {{packet, static_cast<size_t>(length)}});
-    handler::let_leave(*client);
+    (void)codec::encode_disconnect(client.codec, disconnect, packet);
+    (void)send_to(client, {packet});
+    let_leave(client);
 }
+
+} // namespace tarn::handler

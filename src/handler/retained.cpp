@@ -9,9 +9,7 @@
 
 #include <algorithm>
 
-using namespace tarn;
-using namespace tarn::handler;
-
+namespace tarn::handler {
 namespace {
 
 // QUIRK(retained-for-shared): a shared subscription gets retained messages too, each of its members all of them
@@ -21,7 +19,7 @@ namespace {
 // QUIRK(retained-qos): a retained message goes out at the QoS it was published with, not at the smaller granted one
 // [MQTT-3.8.4-8], without its expiry interval [MQTT-3.3.2-6], and is never repeated.
 //   test: retained.the_message_keeps_its_own_qos
-void send_retained(mqtt_client_t &client, const retain_msg_t &retained, const char *filter)
+void send_one(mqtt_client_t &client, const retain_msg_t &retained, const char *filter)
 {
     char topic[CODEC_TOPIC_MAX + 1];
     copy_text(topic, retained.topic, CODEC_TOPIC_MAX);
@@ -32,24 +30,23 @@ void send_retained(mqtt_client_t &client, const retain_msg_t &retained, const ch
 
     DeliveryCache                cache(message);
     const uint16_t               id     = draw_delivery_id(); // at QoS 0 too
-    const DeliveryCache::Encoded packet = cache.encode(peek(client.codec.version), retained.qos, id);
-    if (packet.code != CODEC_OK)
+    const DeliveryCache::Encoded packet = cache.encode(codec::level_of(client.codec), retained.qos, id);
+    if (!packet.ready())
         return;
-    poke(client.codec.last_packet_type, uint32_t{PUBLISH});
+    codec::note_packet(client.codec, PUBLISH);
     (void)send_to(client, {packet.head, message.payload});
     LOG_INFO("[保留消息] 下发成功: Client=%s, Topic=%s, Filter=%s", id_of(client).text, topic, filter);
 }
 
 } // namespace
 
-void send_retained_msg_to_client(mqtt_client_t *client, const char *filter)
+void send_retained(mqtt_client_t &client, const char *filter) noexcept
 {
-    if (!client || !filter)
-        return;
-    const client_ref pin(client);
-    ScopedLock       lock(g_sub_mgr.lock);
-    const int32_t    count = g_sub_mgr.retains ? std::clamp<int32_t>(g_sub_mgr.retain_count, 0, RETAIN_CAPACITY) : 0;
+    ScopedLock    lock(g_sub_mgr.lock);
+    const int32_t count = g_sub_mgr.retains ? std::clamp<int32_t>(g_sub_mgr.retain_count, 0, RETAIN_CAPACITY) : 0;
     for (const retain_msg_t &retained : std::span(g_sub_mgr.retains, static_cast<size_t>(count)))
         if (retained.payload_len != 0 && sub::matches(filter, retained.topic))
-            send_retained(*client, retained, filter);
+            send_one(client, retained, filter);
 }
+
+} // namespace tarn::handler

@@ -39,7 +39,7 @@ bool deliver(Routing &routing, DeliveryCache &cache)
     Turn          &turn    = routing.turn;
     mqtt_client_t &client  = *turn.client;
 
-    turn.version = peek(client.codec.version);
+    turn.version = codec::level_of(client.codec);
     if (rules.payload_by_version) {
         settle(routing, Outcome::Online);
         if (message.payload.empty())
@@ -49,8 +49,8 @@ bool deliver(Routing &routing, DeliveryCache &cache)
     const bool                   acknowledged = turn.qos != 0;
     const uint16_t               id           = acknowledged || rules.draws_at_qos0 ? draw_delivery_id() : uint16_t{0};
     const DeliveryCache::Encoded packet       = cache.encode(turn.version, turn.qos, id);
-    turn.result                               = packet.code;
-    if (packet.code == DeliveryCache::kNoMemory)
+    turn.result                               = codec::code_of(packet.result);
+    if (!packet.had_memory)
         return refuse(routing, Outcome::NoMemory);
 
     const qos::Delivery delivery{.client     = client,
@@ -61,12 +61,12 @@ bool deliver(Routing &routing, DeliveryCache &cache)
                                  .tracked    = acknowledged && rules.tracking == Tracking::Queued,
                                  .remembered = turn.qos == 1 && rules.remembers_qos1};
     if (acknowledged && rules.tracking == Tracking::Always &&
-        (packet.code == CODEC_OK || cache.scan_can_encode(packet.code, turn.version)))
+        (packet.ready() || cache.scan_can_encode(packet.result, turn.version)))
         (void)qos::track(client, id, delivery.qos, delivery.topic, delivery.payload);
-    if (packet.code != CODEC_OK)
+    if (!packet.ready())
         return refuse(routing, Outcome::NotEncoded);
 
-    poke(client.codec.last_packet_type, uint32_t{PUBLISH});
+    codec::note_packet(client.codec, PUBLISH);
     const qos::Booked booked = qos::send_booked(delivery, packet.head);
     turn.result              = static_cast<int>(booked.result);
     if (booked.result != 0)
@@ -149,7 +149,7 @@ bool route(Routing &routing, const char *topic) noexcept
         }
         const client_ref client = find_client_by_cid(to.client_id);
         turn.client             = client.get();
-        turn.state              = client ? peek(client->state) : uint32_t{CLIENT_UNUSED};
+        turn.state              = client ? uint32_t{client->state} : uint32_t{CLIENT_UNUSED};
         if (turn.state == CLIENT_CONNECTED || turn.state == CLIENT_LOGINED)
             routing.sent += deliver(routing, cache);
         else

@@ -3,7 +3,9 @@
 #define TARN_HANDLER_SHARED_CHOICE_H
 
 #include "../base/memory.h"
+#include "../sub/sub_types.h"
 
+#include <span>
 #include <string_view>
 
 namespace tarn::handler {
@@ -30,6 +32,8 @@ struct ShareChoice {
 
 // Marks one member of every group as chosen. False, with nothing marked, when memory ran out.
 [[nodiscard]] bool choose_members(ShareChoice &choice) noexcept;
+// The same for whole entries: sets the byte of each that is chosen.
+void mark_chosen(std::span<const sub_entry_t> matches, uint8_t *selected) noexcept;
 
 } // namespace tarn::handler
 

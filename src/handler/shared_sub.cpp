@@ -11,7 +11,7 @@
 
 #include <algorithm>
 
-int32_t g_rr_counter = 0;
+constinit tarn::Shared<int32_t> g_rr_counter = 0;
 
 namespace tarn::handler {
 namespace {
@@ -89,19 +89,12 @@ bool choose_members(ShareChoice &choice) noexcept
     return true;
 }
 
-} // namespace tarn::handler
-
-using namespace tarn;
-using namespace tarn::handler;
-
-void shared_sub_mark_selected(const sub_entry_t *matches, int count, uint8_t *selected)
+void mark_chosen(std::span<const sub_entry_t> matches, uint8_t *selected) noexcept
 {
-    if (!matches || !selected)
-        return;
     ShareChoice choice;
-    for (int entry = 0; entry < count; entry++) {
+    for (uint32_t entry = 0; entry < matches.size(); entry++) {
         const std::optional<sub::Share> share = sub::share_of(text_of(matches[entry].topic_filter));
-        if (share && !choice.members.push({share->group, static_cast<uint32_t>(entry), 0}))
+        if (share && !choice.members.push({share->group, entry, 0}))
             return;
     }
     if (!choose_members(choice))
@@ -111,17 +104,4 @@ void shared_sub_mark_selected(const sub_entry_t *matches, int count, uint8_t *se
             selected[member.entry] = 1;
 }
 
-bool shared_is_shared_subscription(const char *filter)
-{
-    return filter && sub::is_shared(filter);
-}
-
-const sub_entry_t *shared_select_client(const char *key, const sub_entry_t *candidates, int count)
-{
-    if (!key || !candidates || count < 1)
-        return nullptr;
-    uint32_t hash = 5381;
-    for (; *key; key++)
-        hash = hash * 33 + static_cast<uint8_t>(*key);
-    return &candidates[hash % static_cast<uint32_t>(count)];
-}
+} // namespace tarn::handler

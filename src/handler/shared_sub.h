@@ -17,8 +17,8 @@
 
 TARN_API_BEGIN
 
-/* Turns taken so far, by all groups together; wraps. Kept for the life of the process. Relaxed: any thread. */
-extern int32_t g_rr_counter;
+/* Turns taken so far, by all groups together; wraps. Kept for the life of the process. Any thread. */
+extern TARN_SHARED(int32_t) g_rr_counter;
 
 /*
  * Chooses one member of each shared group in a list of matches. Groups take their turns, one step of the counter each,

@@ -1,7 +1,6 @@
 // subscribe.cpp - SUBSCRIBE: each filter is judged, entered and answered with retained messages at once, then saved
 // with the session and reported in the SUBACK.
 #include "../base/text.h"
-#include "../codec/mqtt_codec.h"
 #include "../persist/persist.hpp"
 #include "../sub/sub.hpp"
 #include "handler_internal.h"
@@ -34,18 +33,18 @@ uint32_t subscribe_one(mqtt_client_t &client, int at, const char *filter, uint32
         LOG_WARN("【QoS溯源2】filter[%d]：Topic为空，授予QoS=失败(0x%02X)", at, kRefused);
         return kRefused;
     }
-    if (!broker_fire_acl(&client, filter, BROKER_ACL_SUBSCRIBE)) {
+    if (!api::allows(client, filter, BROKER_ACL_SUBSCRIBE)) {
         LOG_WARN("[ACL] 订阅被拒绝: %s", filter);
         return kRefused;
     }
-    if (!sub::is_subscribed(sub::add(client.client_id, filter, qos, peek(client.clean_session)))) {
+    if (!sub::is_subscribed(sub::add(client.client_id, filter, qos, client.clean_session))) {
         LOG_WARN("【QoS溯源2】filter[%d]：Topic=%s, 添加订阅失败，授予QoS=失败(0x%02X)", at, filter, kRefused);
         return kRefused;
     }
     LOG_INFO("【QoS溯源2】filter[%d]：Topic=%s, 请求QoS=%d → 授予QoS=%d (0x%02X)", at, filter, static_cast<int>(qos),
              static_cast<int>(qos), qos);
-    send_retained_msg_to_client(&client, filter);
-    broker_fire_event(&client, BROKER_EVENT_SUBSCRIBE, filter, static_cast<int32_t>(qos));
+    send_retained(client, filter);
+    api::tell(client, BROKER_EVENT_SUBSCRIBE, filter, static_cast<int32_t>(qos));
     return qos;
 }
 
@@ -87,7 +86,7 @@ void save(mqtt_client_t &client, const mqtt_subscribe_para_t &request, const mqt
     {
         ScopedLock lock(session_lock(client));
         remember(client, request, ack);
-        if (peek(client.clean_session))
+        if (client.clean_session)
             return;
         persist::save(client.session, PERSIST_SUBSCRIPTIONS);
         saved = client.session.sub_count;
@@ -130,9 +129,8 @@ int answer(mqtt_client_t &client, mqtt_ack_para_t &ack, uint32_t summary)
 int handle_subscribe(mqtt_client_t &client, Packet packet) noexcept
 {
     mqtt_subscribe_para_t request{};
-    int                   length = static_cast<int>(packet.size());
-    if (const int code = mqtt_codec_decode_subscribe(&client.codec, packet.data(), &length, &request))
-        return undecodable(client, "解码SUBSCRIBE失败：ClientID=%s, 错误码=%d", code);
+    if (const codec::Result result = codec::decode_subscribe(client.codec, packet, request); failed(result))
+        return undecodable(client, "解码SUBSCRIBE失败：ClientID=%s, 错误码=%d", result);
 
     say_request(client, request);
     mqtt_ack_para_t ack{};

@@ -1,5 +1,4 @@
 // unsubscribe.cpp - UNSUBSCRIBE: filters leave the table, and the answer says nothing about any of them.
-#include "../codec/mqtt_codec.h"
 #include "../sub/sub.hpp"
 #include "handler_internal.h"
 #include "reply.h"
@@ -22,7 +21,7 @@ void remove_filter(mqtt_client_t &client, const char *filter)
         return;
     }
     LOG_INFO("取消订阅成功：ClientID=%s, Topic=%s", client.client_id, filter);
-    broker_fire_event(&client, BROKER_EVENT_UNSUBSCRIBE, filter, 0);
+    api::tell(client, BROKER_EVENT_UNSUBSCRIBE, filter);
 }
 
 // QUIRK(unsuback-one-code): a 5.0 UNSUBACK carries one code 0, not one for each filter [MQTT-3.11.3-1].
@@ -48,9 +47,8 @@ int answer(mqtt_client_t &client, uint16_t id)
 int handle_unsubscribe(mqtt_client_t &client, Packet packet) noexcept
 {
     mqtt_unsubscribe_para_t request{};
-    int                     length = static_cast<int>(packet.size());
-    if (const int code = mqtt_codec_decode_unsubscribe(&client.codec, packet.data(), &length, &request))
-        return undecodable(client, "解码UNSUBSCRIBE失败：ClientID=%s, 错误码=%d", code);
+    if (const codec::Result result = codec::decode_unsubscribe(client.codec, packet, request); failed(result))
+        return undecodable(client, "解码UNSUBSCRIBE失败：ClientID=%s, 错误码=%d", result);
 
     LOG_INFO("MQTT标准：客户端取消订阅：ClientID=%s, MsgID=%d, 取消数=%d", client.client_id, request.msg_id,
              request.filter_count);

@@ -5,16 +5,13 @@
 #include "../base/clock.h"
 #include "../base/memory.h"
 #include "../base/text.h"
-#include "../codec/mqtt_codec.h"
 #include "../persist/persist.hpp"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "handler_internal.h"
 
 #include <algorithm>
 
-using namespace tarn;
-using namespace tarn::handler;
-
+namespace tarn::handler {
 namespace {
 
 struct WillFlags {
@@ -57,26 +54,26 @@ void say_sending(mqtt_client_t &client, const mqtt_publish_para_t &will)
 void mark_will_sent(mqtt_client_t &client)
 {
     ScopedLock lock(client.will_lock);
-    poke(client.will_sent, 1);
+    client.will_sent = 1;
 }
 
 // QUIRK(will-saves-session): publishing the will of a kept session writes its subscriptions, also when the session was
 // deleted a moment before because it ended with the connection: the next CONNECT finds a session present although it
 // should find none [MQTT-3.2.2-3]. Closing settles the session first and the will after it.
 //   test: close_table.every_kind_of_client_every_way_and_every_will
-void publish_will(mqtt_client_t &client, const mqtt_publish_para_t &will, const uint8_t *packet, int length)
+void send_will(mqtt_client_t &client, const mqtt_publish_para_t &will, Packet packet)
 {
-    LOG_INFO("[WILL] 编码成功 | len=%d | 开始广播", length);
-    packet_handler_broadcast_msg(packet, static_cast<uint32_t>(length), 1);
+    LOG_INFO("[WILL] 编码成功 | len=%d | 开始广播", static_cast<int>(packet.size()));
+    broadcast(packet, true);
     stats::count(stats::Counter::will_sent);
-    broker_fire_event(&client, BROKER_EVENT_WILL, will.topic, static_cast<int32_t>(will.qos));
+    api::tell(client, BROKER_EVENT_WILL, will.topic, static_cast<int32_t>(will.qos));
     {
         ScopedLock lock(session_lock(client));
         client.session.will_flag = 0;
     }
     mark_will_sent(client);
     LOG_INFO("[WILL] 广播完成 | will_sent=%d", 1);
-    if (!peek(client.clean_session)) {
+    if (!client.clean_session) {
         ScopedLock lock(session_lock(client));
         persist::save(client.session, PERSIST_SUBSCRIPTIONS);
     }
@@ -84,41 +81,33 @@ void publish_will(mqtt_client_t &client, const mqtt_publish_para_t &will, const 
 
 } // namespace
 
-int packet_send_will_message(mqtt_client_t *client)
+bool publish_will(mqtt_client_t &client) noexcept
 {
     mqtt_publish_para_t will{};
-    if (!client)
-        return -1;
-    const client_ref pin(client);
-    if (!copy_will(*client, will))
-        return -1;
-    say_sending(*client, will);
+    if (!copy_will(client, will))
+        return false;
+    say_sending(client, will);
 
-    const owned<uint8_t> packet = allocate_zeroed<uint8_t>(PACKET_WILL_BUFFER_SIZE);
-    if (!packet) {
+    const owned<uint8_t> room = allocate_zeroed<uint8_t>(PACKET_WILL_BUFFER_SIZE);
+    if (!room) {
         LOG_ERROR("[WILL] malloc failed");
-        return -1;
+        return false;
     }
-    will.msg_id      = draw_packet_id(); // receivers get others
-    int       length = PACKET_WILL_BUFFER_SIZE;
-    const int code   = mqtt_codec_encode_publish(&client->codec, &will, packet.get(), &length);
-    if (code != CODEC_OK || length <= 0) {
-        LOG_ERROR("[WILL] 编码失败 | code=%d | len=%d", code, length);
-        return -1;
+    will.msg_id = draw_packet_id(); // receivers get others
+    std::span<uint8_t>  packet(room.get(), PACKET_WILL_BUFFER_SIZE);
+    const codec::Result result = codec::encode_publish(client.codec, will, packet);
+    if (failed(result)) {
+        LOG_ERROR("[WILL] 编码失败 | code=%d | len=%d", codec::code_of(result), static_cast<int>(packet.size()));
+        return false;
     }
-    publish_will(*client, will, packet.get(), length);
-    return 0;
+    send_will(client, will, packet);
+    return true;
 }
 
-void packet_start_will_delay(mqtt_client_t *client)
+void start_will(mqtt_client_t &client) noexcept
 {
-    if (!client) {
-        LOG_ERROR("[WILL] 启动失败：client == NULL");
-        return;
-    }
-    const client_ref pin(client);
-    const WillFlags  will = flags_of(*client);
-    LOG_INFO("[WILL] 准备启动遗嘱 | client=%s | will_msg_used=%d | will_sent=%d", id_of(*client).text, will.used,
+    const WillFlags will = flags_of(client);
+    LOG_INFO("[WILL] 准备启动遗嘱 | client=%s | will_msg_used=%d | will_sent=%d", id_of(client).text, will.used,
              will.sent);
     if (!will.used || will.sent) {
         LOG_WARN("[WILL] 不启动：条件不满足");
@@ -126,25 +115,24 @@ void packet_start_will_delay(mqtt_client_t *client)
     }
     if (will.delay_s == 0) {
         LOG_INFO("[WILL] 延迟=0 → 立即发送");
-        (void)packet_send_will_message(client);
+        (void)publish_will(client);
         return;
     }
     {
-        ScopedLock lock(client->will_lock);
-        poke(client->will_delay_deadline, mono_ms() + uint64_t{will.delay_s} * 1000);
-        poke(client->will_delay_pending, 1);
+        ScopedLock lock(client.will_lock);
+        client.will_delay_deadline = mono_ms() + uint64_t{will.delay_s} * 1000;
+        client.will_delay_pending  = 1;
     }
     LOG_INFO("[WILL] 启动延迟成功 | delay=%us", will.delay_s);
 }
 
-void packet_cancel_will(mqtt_client_t *client)
+void call_off_will(mqtt_client_t &client) noexcept
 {
-    if (!client)
-        return;
-    const client_ref pin(client);
     {
-        ScopedLock lock(client->will_lock);
-        poke(client->will_delay_pending, 0);
+        ScopedLock lock(client.will_lock);
+        client.will_delay_pending = 0;
     }
-    LOG_INFO("[WILL-MQTT5] client=%s 取消遗嘱延迟", id_of(*client).text);
+    LOG_INFO("[WILL-MQTT5] client=%s 取消遗嘱延迟", id_of(client).text);
 }
+
+} // namespace tarn::handler

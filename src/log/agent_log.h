@@ -20,6 +20,7 @@
 #include <stdint.h>
 #include "../base/export.h"
 #include "../base/limits.h"
+#include "../base/mutex_type.h"
 
 TARN_API_BEGIN
 
@@ -30,9 +31,9 @@ enum { AGENT_LOG_TO_CONSOLE = 1, AGENT_LOG_TO_FILE = 2 };
 
 /* How to log. The caller's, and only read by agent_log_init. */
 typedef struct {
-    uint32_t    level;         /* lowest AGENT_LOG_* that is written */
-    uint32_t    output;        /* AGENT_LOG_TO_* bits; others are ignored */
-    uint32_t    max_file_size; /* bytes; a file that has as many is emptied. 0 = AGENT_LOG_MAX_FILE_SIZE */
+    TARN_SHARED(uint32_t) level;  /* lowest AGENT_LOG_* that is written */
+    TARN_SHARED(uint32_t) output; /* AGENT_LOG_TO_* bits; others are ignored */
+    uint32_t    max_file_size;    /* bytes; a file that has as many is emptied. 0 = AGENT_LOG_MAX_FILE_SIZE */
     uint16_t    reserved_size; /* 1..AGENT_LOG_RESERVED_SIZE_MAX, else AGENT_LOG_RESERVED_SIZE; kept, without effect */
     const char *file_path;     /* null or empty = "tarn_flash.txt"; g_log_file_path goes on pointing to the text */
 } agent_log_config_t;
@@ -42,7 +43,7 @@ typedef struct {
 
 /* The names of the levels. Constant. */
 extern const char *g_log_level_str[AGENT_LOG_LEVELS];
-/* What counts now; file_path is not used. level, output: relaxed, any thread. The sizes: under the file's lock. */
+/* What counts now; file_path is not used. level, output: any thread. The sizes: under the file's lock. */
 extern agent_log_config_t g_log_config;
 /* 1 = a line is being written, or logging is shut down. Atomic: any thread. */
 extern volatile uint32_t g_log_in_use;

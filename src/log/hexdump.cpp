@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+namespace tarn::log {
 namespace {
 
 constexpr size_t kRowBytes   = 16;
@@ -18,17 +19,19 @@ void log_row(const uint8_t *bytes, size_t count) noexcept
         row[i * kColumnSize + 1] = kDigits[bytes[i] & 0xF];
         row[i * kColumnSize + 2] = ' ';
     }
-    agent_log(AGENT_LOG_DEBUG, "%s", row);
+    write(AGENT_LOG_DEBUG, "%s", row);
 }
 
 } // namespace
 
-extern "C" void agent_log_hexdump(const char *title, const uint8_t *data, uint16_t len)
+void write_bytes(const char *title, std::span<const uint8_t> bytes) noexcept
 {
-    if (!data || len == 0 || !tarn::log_passes(AGENT_LOG_DEBUG))
+    if (!bytes.data() || bytes.empty() || !log_passes(AGENT_LOG_DEBUG))
         return;
     if (title)
-        agent_log(AGENT_LOG_DEBUG, "%s", title);
-    for (size_t at = 0; at < len; at += kRowBytes)
-        log_row(data + at, std::min<size_t>(kRowBytes, len - at));
+        write(AGENT_LOG_DEBUG, "%s", title);
+    for (size_t at = 0; at < bytes.size(); at += kRowBytes)
+        log_row(bytes.data() + at, std::min(kRowBytes, bytes.size() - at));
 }
+
+} // namespace tarn::log

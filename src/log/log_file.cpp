@@ -1,4 +1,5 @@
 // log_file.cpp - the file sink: opened by init, started afresh when it is full, closed by whatever fails.
+#include "busy_flag.h"
 #include "log_internal.h"
 
 #include "../base/mutex.h"
@@ -73,7 +74,7 @@ bool seek_to_end() noexcept REQUIRES(g_file_lock)
 void put_line(uint32_t level, const char *message) noexcept REQUIRES(g_file_lock)
 {
     char stamp[kStampSize];
-    platform_get_localtime_str(stamp, sizeof stamp);
+    write_local_time(stamp, sizeof stamp);
 
     char line[kMessageSize];
     snprintf(line, kFileLineChars, "[%s] [%s] ", stamp, name_of(level));
@@ -121,23 +122,21 @@ void write_to_file(uint32_t level, const char *message) noexcept
     g_file_lock.unlock();
 }
 
-} // namespace tarn::log
-
-using namespace tarn;
-
-extern "C" int32_t agent_log_clear_flash(void)
+uint32_t clear_file() noexcept
 {
-    if (const uint32_t taken = log::enter())
-        return static_cast<int32_t>(taken);
+    if (const uint32_t taken = enter())
+        return taken;
 
-    int32_t result = 0;
+    uint32_t result = 0;
     {
-        ScopedLock lock(log::g_file_lock);
+        ScopedLock lock(g_file_lock);
         if (g_log_file_path)
-            result = log::reopen("we");
+            result = static_cast<uint32_t>(reopen("we"));
         else
-            log::close_stream();
+            close_stream();
     }
-    log::leave();
+    leave();
     return result;
 }
+
+} // namespace tarn::log

@@ -97,7 +97,7 @@ bool admit(Arrival &arrival)
     Connection connection;
     {
         ScopedLock lock(g_netip_lock);
-        if (!peek(g_netip_running)) {
+        if (!g_netip_running) {
             g_held  = {arrival.fd.release(), arrival.peer};
             g_alive = false;
             return false;
@@ -114,7 +114,7 @@ bool admit(Arrival &arrival)
 bool end_if_down()
 {
     ScopedLock lock(g_netip_lock);
-    if (peek(g_netip_running))
+    if (g_netip_running)
         return false;
     g_alive = false;
     return true;

@@ -55,7 +55,7 @@ void close_gently(int fd)
 bool shares_descriptor(const SlotHold &hold)
 {
     const netip_conn_t &slot = hold.slot();
-    return slot.type == NETIP_UDP && (hold.connection().generation != 0 || slot.fd == peek(g_netip_udp));
+    return slot.type == NETIP_UDP && (hold.connection().generation != 0 || slot.fd == g_netip_udp);
 }
 
 // The receive buffer is wiped by the last holder, who may be delivering a packet from it right now.
@@ -149,8 +149,3 @@ void close_parked() noexcept
 }
 
 } // namespace tarn::net
-
-void netip_close(uint32_t handle)
-{
-    close_connection(handle, 0);
-}

@@ -9,18 +9,18 @@
 using namespace tarn;
 using namespace tarn::net;
 
-constinit netip_conn_t     g_netip_clients[NETIP_CLIENTS_MAX] = {};
-constinit uint32_t         g_last_handle                      = 0;
-constinit uint8_t          g_netip_running                    = 0;
-constinit tarn_mutex_t     g_netip_lock                       = {PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
-constinit netip_event_cb_t g_netip_cb                         = nullptr;
-constinit void            *g_netip_cb_arg                     = nullptr;
-constinit int32_t          g_io_thread_num                    = 1;
-constinit pthread_t       *g_io_threads                       = nullptr;
-constinit int32_t          g_netip_tcp_listen                 = -1;
-constinit int32_t          g_netip_udp                        = -1;
-constinit int32_t          netip_epoll_fd                     = -1;
-constinit epoll_event      g_epoll_events[NETIP_EPOLL_EVENTS] = {};
+constinit netip_conn_t             g_netip_clients[NETIP_CLIENTS_MAX] = {};
+constinit Shared<uint32_t>         g_last_handle                      = 0;
+constinit Shared<uint8_t>          g_netip_running                    = 0;
+constinit tarn_mutex_t             g_netip_lock                       = {PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP};
+constinit Shared<netip_event_cb_t> g_netip_cb                         = nullptr;
+constinit Shared<void *>           g_netip_cb_arg                     = nullptr;
+constinit Shared<int32_t>          g_io_thread_num                    = 1;
+constinit Shared<pthread_t *>      g_io_threads                       = nullptr;
+constinit Shared<int32_t>          g_netip_tcp_listen                 = -1;
+constinit Shared<int32_t>          g_netip_udp                        = -1;
+constinit Shared<int32_t>          netip_epoll_fd                     = -1;
+constinit epoll_event              g_epoll_events[NETIP_EPOLL_EVENTS] = {};
 
 namespace tarn::net {
 namespace {
@@ -44,19 +44,19 @@ uint32_t first_free(uint32_t from, uint32_t end)
 // Next fit: from where the last search ended, then once round. A handle comes back as late as possible.
 uint32_t take_free_handle() noexcept
 {
-    const uint32_t start  = peek(g_last_handle);
+    const uint32_t start  = g_last_handle;
     uint32_t       handle = first_free(start, NETIP_CLIENTS_MAX);
     if (handle == NETIP_NO_HANDLE)
         handle = first_free(0, start);
     if (handle != NETIP_NO_HANDLE)
-        poke(g_last_handle, handle + 1);
+        g_last_handle = handle + 1;
     return handle;
 }
 
 uint32_t generation_of(uint32_t handle) noexcept
 {
     SlotLock lock(handle);
-    return lock ? peek(side_of(handle).generation) : 0;
+    return lock ? uint32_t{side_of(handle).generation} : 0;
 }
 
 bool is_open(Connection connection) noexcept
@@ -64,58 +64,44 @@ bool is_open(Connection connection) noexcept
     return connection.generation == 0 || is_current(connection);
 }
 
-} // namespace tarn::net
-
-uint32_t netip_get_free_handle(void) NO_LOCK_ANALYSIS
+bool copy_ip(uint32_t handle, std::span<char> ip) noexcept
 {
-    return take_free_handle();
-}
-
-uint8_t netip_get_client_ip(uint32_t handle, char *dst, uint32_t size)
-{
-    if (!dst || size < INET_ADDRSTRLEN)
-        return 0;
     SlotLock lock(handle);
     if (!lock) {
-        memset(dst, 0, size);
-        return 0;
+        memset(ip.data(), 0, ip.size());
+        return false;
     }
-    const std::string_view ip    = text_of(lock->ip);
-    const size_t           count = ip.copy(dst, size - 1);
-    dst[count]                   = '\0';
-    return 1;
+    const std::string_view text  = text_of(lock->ip);
+    const size_t           count = text.copy(ip.data(), ip.size() - 1);
+    ip[count]                    = '\0';
+    return true;
 }
 
-uint16_t netip_get_client_port(uint32_t handle)
+uint16_t port_of(uint32_t handle) noexcept
 {
     SlotLock lock(handle);
     return lock ? lock->port : 0;
 }
 
-uint64_t netip_get_client_last_active(uint32_t handle)
+uint64_t last_active_of(uint32_t handle) noexcept
 {
     ScopedLock table(g_netip_lock);
     SlotLock   lock(handle);
-    return lock ? peek(lock->last_active) : 0;
+    return lock ? uint64_t{lock->last_active} : 0;
 }
 
-uint8_t netip_set_tcp_keepalive(uint32_t handle, int32_t idle_s, int32_t interval_s, int32_t count)
+bool set_keepalive(uint32_t handle, int32_t idle_s, int32_t interval_s, int32_t count) noexcept
 {
-    if (idle_s < 1 || interval_s < 1 || count < 1)
-        return 0;
     ScopedLock table(g_netip_lock);
     SlotLock   lock(handle);
     if (!lock || lock->type != NETIP_TCP)
-        return 0;
+        return false;
     const int on = 1; // what the kernel makes of the values is its own affair
     setsockopt(lock->fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
     setsockopt(lock->fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle_s, sizeof idle_s);
     setsockopt(lock->fd, IPPROTO_TCP, TCP_KEEPINTVL, &interval_s, sizeof interval_s);
     setsockopt(lock->fd, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof count);
-    return 1;
+    return true;
 }
 
-void netip_register_send_ready_cb(netip_send_ready_cb_t)
-{
-    // Writability is never reported: whoever has something to send tries again.
-}
+} // namespace tarn::net

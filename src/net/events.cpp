@@ -7,16 +7,16 @@ namespace {
 
 constinit thread_local Connection t_current{};
 
-constinit std::atomic<void (*)()> g_round_begin{nullptr};
-constinit std::atomic<void (*)()> g_round_end{nullptr};
-constinit std::atomic<void (*)()> g_writable{nullptr};
+constinit std::atomic<void (*)()>         g_round_begin{nullptr};
+constinit std::atomic<void (*)()>         g_round_end{nullptr};
+constinit std::atomic<void (*)(uint32_t)> g_writable{nullptr};
 
 } // namespace
 
 EventSink event_sink() noexcept
 {
     ScopedLock lock(g_netip_lock);
-    return {peek(g_netip_cb), peek(g_netip_cb_arg)};
+    return {g_netip_cb, g_netip_cb_arg};
 }
 
 void EventSink::connected(uint32_t handle, uint32_t reason) const noexcept
@@ -51,7 +51,7 @@ void set_round_hooks(RoundHooks hooks) noexcept
     g_round_end.store(hooks.end, std::memory_order_release);
 }
 
-void set_writable_hook(void (*writable)()) noexcept
+void set_writable_hook(void (*writable)(uint32_t handle)) noexcept
 {
     g_writable.store(writable, std::memory_order_release);
 }
@@ -66,10 +66,10 @@ void call_round_end() noexcept
     if (void (*const hook)() = g_round_end.load(std::memory_order_acquire))
         hook();
 }
-void call_writable_hook() noexcept
+void call_writable_hook(uint32_t handle) noexcept
 {
-    if (void (*const hook)() = g_writable.load(std::memory_order_acquire))
-        hook();
+    if (void (*const hook)(uint32_t) = g_writable.load(std::memory_order_acquire))
+        hook(handle);
 }
 
 } // namespace tarn::net

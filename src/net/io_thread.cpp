@@ -63,7 +63,7 @@ ssize_t receive_bytes(const SlotHold &hold)
         recv(slot->fd, slot->rx_buf + slot->rx_len, static_cast<size_t>(room_left(*slot)), MSG_DONTWAIT);
     if (got > 0) {
         slot->rx_len += static_cast<int32_t>(got);
-        poke(slot->last_active, wall_ms());
+        slot->last_active = wall_ms();
     }
     return got;
 }
@@ -114,7 +114,7 @@ void note_writable(const SlotHold &hold)
         wanted = hold.is_current() && settle_writable(hold.handle());
     }
     if (wanted)
-        call_writable_hook();
+        call_writable_hook(hold.handle());
 }
 
 void handle_event(const epoll_event &event, const EventSink &sink, uint32_t start)
@@ -155,7 +155,7 @@ int run_round(uint32_t start, int timeout_ms) noexcept
     RoundTurn turn;
     if (!layer_runs(start))
         return 0;
-    const int count = epoll_wait(peek(netip_epoll_fd), g_epoll_events, NETIP_EPOLL_EVENTS, timeout_ms);
+    const int count = epoll_wait(netip_epoll_fd, g_epoll_events, NETIP_EPOLL_EVENTS, timeout_ms);
     if (count < 0)
         LOG_ERROR("[IO] epoll_wait 错误, errno=%d", errno);
     if (count > 0)

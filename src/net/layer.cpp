@@ -28,7 +28,7 @@ enum class State : uint8_t {
 };
 
 constinit std::atomic<State> g_state{State::Down}; // changes under g_netip_lock
-constinit uint32_t           g_start      = 0;     // number of the last start; relaxed
+constinit Shared<uint32_t>   g_start      = 0;     // number of the last start
 constinit int32_t            g_io_started = 0;     // entries of g_io_threads. g_netip_lock
 
 struct Parts {
@@ -72,18 +72,18 @@ bool is_our_listener(int fd)
            address.sin_family == AF_INET && address.sin_port == htons(NETIP_PORT);
 }
 
-uint32_t open_listener(Parts &parts)
+Start open_listener(Parts &parts)
 {
     Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!fd)
-        return NETIP_SOCKET;
+        return Start::NoSocket;
     if (!bind_to_port(fd.get()))
-        return NETIP_BIND;
+        return Start::Taken;
     if (listen(fd.get(), NETIP_BACKLOG) != 0)
-        return NETIP_LISTEN;
+        return Start::NoListen;
     parts.listener     = fd.get();
     parts.new_listener = std::move(fd);
-    return NETIP_OK;
+    return Start::Up;
 }
 
 // The layer runs without UDP when this fails.
@@ -97,45 +97,45 @@ Fd open_udp()
 
 // ---- up
 
-uint32_t make_parts(Parts &parts, int32_t io_threads)
+Start make_parts(Parts &parts, int32_t io_threads)
 {
     parts.epoll = Fd(epoll_create1(EPOLL_CLOEXEC));
     if (!parts.epoll)
-        return NETIP_EPOLL;
+        return Start::NoEpoll;
     parts.thread_count = std::clamp(io_threads, 1, int32_t{NETIP_IO_THREADS_MAX});
     parts.threads      = allocate_zeroed<pthread_t>(static_cast<size_t>(parts.thread_count));
     if (!parts.threads)
-        return NETIP_NOMEM;
+        return Start::NoMemory;
     parts.listener = peek(g_netip_tcp_listen);
     if (!is_our_listener(parts.listener))
-        if (const uint32_t failure = open_listener(parts); failure != NETIP_OK)
+        if (const Start failure = open_listener(parts); failure != Start::Up)
             return failure;
     (void)watch_shared(parts.epoll.get(), parts.listener);
     parts.bell = Fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)); // without it UDP waits a little longer
     (void)watch_shared(parts.epoll.get(), parts.bell.get());
     parts.udp = open_udp();
-    return NETIP_OK;
+    return Start::Up;
 }
 
 void set_callback(netip_event_cb_t cb, void *arg) REQUIRES(g_netip_lock)
 {
-    poke(g_netip_cb, cb);
-    poke(g_netip_cb_arg, arg);
+    g_netip_cb     = cb;
+    g_netip_cb_arg = arg;
 }
 
 void set_descriptors(int epoll, int bell, int listener, int udp) REQUIRES(g_netip_lock)
 {
     ScopedLock lock(g_shared_fd_lock);
-    poke(netip_epoll_fd, epoll);
-    poke(g_bell, bell);
-    poke(g_netip_tcp_listen, listener);
-    poke(g_netip_udp, udp);
+    netip_epoll_fd     = epoll;
+    g_bell             = bell;
+    g_netip_tcp_listen = listener;
+    g_netip_udp        = udp;
 }
 
 // The threads wait for g_netip_lock before they look at anything.
 int32_t start_io_threads(Parts &parts) REQUIRES(g_netip_lock)
 {
-    void *const start = reinterpret_cast<void *>(uintptr_t{g_start});
+    void *const start = reinterpret_cast<void *>(uintptr_t{uint32_t{g_start}});
     int32_t     count = 0;
     while (count < parts.thread_count && start_thread(parts.threads.get() + count, "tarn-io", io_thread, start) == 0)
         ++count;
@@ -153,16 +153,16 @@ bool publish(Parts &parts, netip_event_cb_t cb, void *arg)
     int32_t started;
     {
         ScopedLock    lock(g_netip_lock);
-        const int32_t old_listener = peek(g_netip_tcp_listen);
+        const int32_t old_listener = g_netip_tcp_listen;
         clear_table();
         set_callback(cb, arg);
         set_descriptors(parts.epoll.get(), parts.bell.get(), parts.listener, parts.udp.get());
-        poke(g_io_thread_num, parts.thread_count);
-        poke(g_start, g_start + 1);
-        poke(g_netip_running, 1);
-        started = start_io_threads(parts);
+        g_io_thread_num = parts.thread_count;
+        g_start         = g_start + 1;
+        g_netip_running = 1;
+        started         = start_io_threads(parts);
         if (started == parts.thread_count) {
-            poke(g_io_threads, parts.threads.release());
+            g_io_threads = parts.threads.release();
             g_io_started = started;
             parts.epoll.release();
             parts.bell.release();
@@ -171,7 +171,7 @@ bool publish(Parts &parts, netip_event_cb_t cb, void *arg)
             g_state = State::Up;
             return true;
         }
-        poke(g_netip_running, 0); // or those that were started would never end
+        g_netip_running = 0; // or those that were started would never end
         set_descriptors(-1, -1, old_listener, -1);
         set_callback(nullptr, nullptr);
     }
@@ -189,7 +189,7 @@ void set_state(State state)
 bool claim_start()
 {
     if (g_state == State::Standing)
-        netip_deinit();
+        stop();
     ScopedLock lock(g_netip_lock);
     if (g_state != State::Down)
         return false;
@@ -205,11 +205,11 @@ void stop_threads()
     int32_t    count;
     {
         ScopedLock lock(g_netip_lock);
-        g_state = State::Stopping;
-        poke(g_netip_running, 0);
-        threads      = swap_in(g_io_threads, nullptr);
-        count        = g_io_started;
-        g_io_started = 0;
+        g_state         = State::Stopping;
+        g_netip_running = 0;
+        threads         = swap_in(g_io_threads, nullptr);
+        count           = g_io_started;
+        g_io_started    = 0;
     }
     give_up_round();
     join_threads(threads, count);
@@ -221,7 +221,7 @@ void stop_threads()
 
 bool layer_runs(uint32_t start) noexcept
 {
-    return peek(g_netip_running) && peek(g_start) == start;
+    return peek(g_netip_running) && g_start == start;
 }
 
 bool is_up() noexcept
@@ -229,31 +229,27 @@ bool is_up() noexcept
     return g_state == State::Up;
 }
 
-} // namespace tarn::net
-
-uint32_t netip_init(netip_event_cb_t cb, void *arg, int32_t io_threads)
+Start start(netip_event_cb_t cb, void *arg, int32_t io_threads) noexcept
 {
-    if (!cb)
-        return NETIP_INVALID;
     if (!claim_start())
-        return NETIP_BIND; // as a second bind would say
-    Parts    parts;
-    uint32_t result = make_parts(parts, io_threads);
-    if (result == NETIP_OK && !publish(parts, cb, arg))
-        result = NETIP_NOMEM;
-    if (result != NETIP_OK) {
+        return Start::Taken; // as a second bind would say
+    Parts parts;
+    Start result = make_parts(parts, io_threads);
+    if (result == Start::Up && !publish(parts, cb, arg))
+        result = Start::NoMemory;
+    if (result != Start::Up) {
         set_state(State::Down);
         return result;
     }
     if (!start_accepting()) {
         set_state(State::Standing);
         LOG_ERROR("创建 accept 线程失败");
-        return NETIP_NOMEM;
+        return Start::NoMemory;
     }
-    return NETIP_OK;
+    return Start::Up;
 }
 
-void netip_deinit(void)
+void stop() noexcept
 {
     stop_threads();
     const EventSink sink = event_sink();
@@ -265,6 +261,8 @@ void netip_deinit(void)
     ScopedLock lock(g_netip_lock);
     close_parked();
     set_callback(nullptr, nullptr);
-    poke(g_last_handle, 0);
-    g_state = State::Down;
+    g_last_handle = 0;
+    g_state       = State::Down;
 }
+
+} // namespace tarn::net

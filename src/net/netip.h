@@ -27,18 +27,18 @@ extern tarn_mutex_t g_netip_lock; /* recursive; valid from load to exit: never i
 extern netip_conn_t g_netip_clients[NETIP_CLIENTS_MAX]; /* the table; guards: netip_conn_t. Zeroed by netip_init. */
 
 /* clang-format off */
-extern uint32_t         g_last_handle       TARN_GUARDED_BY(g_netip_lock); /* where the search for a free slot begins */
-extern uint8_t          g_netip_running     TARN_GUARDED_BY(g_netip_lock); /* flag: threads run */
-extern netip_event_cb_t g_netip_cb          TARN_GUARDED_BY(g_netip_lock); /* null while the layer is down */
-extern void            *g_netip_cb_arg      TARN_GUARDED_BY(g_netip_lock); /* the caller's, passed on as it is */
-extern int32_t          g_io_thread_num     TARN_GUARDED_BY(g_netip_lock); /* I/O threads, 1..NETIP_IO_THREADS_MAX */
-extern pthread_t       *g_io_threads        TARN_GUARDED_BY(g_netip_lock); /* so many; the layer's, null while down */
-extern int32_t          g_netip_tcp_listen  TARN_GUARDED_BY(g_netip_lock); /* descriptor; -1 before the first start */
+extern TARN_SHARED(uint32_t) g_last_handle      TARN_GUARDED_BY(g_netip_lock); /* where the search for a slot begins */
+extern TARN_SHARED(uint8_t) g_netip_running     TARN_GUARDED_BY(g_netip_lock); /* flag: threads run */
+extern TARN_SHARED(netip_event_cb_t) g_netip_cb TARN_GUARDED_BY(g_netip_lock); /* null while the layer is down */
+extern TARN_SHARED(void *) g_netip_cb_arg       TARN_GUARDED_BY(g_netip_lock); /* the caller's, passed on as it is */
+extern TARN_SHARED(int32_t) g_io_thread_num     TARN_GUARDED_BY(g_netip_lock); /* I/O threads, 1..NETIP_IO_THREADS_MAX */
+extern TARN_SHARED(pthread_t *) g_io_threads    TARN_GUARDED_BY(g_netip_lock); /* so many; null while the layer is down */
+extern TARN_SHARED(int32_t) g_netip_tcp_listen  TARN_GUARDED_BY(g_netip_lock); /* descriptor; -1 before any start */
 /* clang-format on */
 
-/* The other two descriptors, -1 = none. They change under a lock of the layer's own; relaxed: any thread. */
-extern int32_t g_netip_udp;    /* one socket for all UDP peers */
-extern int32_t netip_epoll_fd; /* the epoll instance of the I/O threads */
+/* The other two descriptors, -1 = none. They change under a lock of the layer's own; any thread reads them. */
+extern TARN_SHARED(int32_t) g_netip_udp;    /* one socket for all UDP peers */
+extern TARN_SHARED(int32_t) netip_epoll_fd; /* the epoll instance of the I/O threads */
 
 /* What epoll told in the round that is going on. The I/O thread inside the round. */
 extern struct epoll_event g_epoll_events[NETIP_EPOLL_EVENTS];

@@ -11,7 +11,7 @@
 
 #include "../base/mutex.h"
 #include "../base/relaxed.h"
-#include "netip_link.h"
+#include "net.hpp"
 
 #include <atomic>
 
@@ -27,11 +27,11 @@ struct HalfSent {
 };
 
 struct SlotSide {
-    uint32_t              generation;     // names the connection in the slot; 0: free, or not put there by this layer
+    Shared<uint32_t>      generation;     // names the connection in the slot; 0: free, or not put there by this layer
     std::atomic<uint32_t> visitors;       // threads at or behind the slot's lock
     std::atomic<uint16_t> users;          // holds (SlotHold) on the connection; the slot is not reused before they end
     uint8_t               wants_writable; // registered for writable events. Slot lock
-    uint8_t               resting;        // taken out of epoll for a while. Slot lock
+    Shared<uint8_t>       resting;        // taken out of epoll for a while; changes under the slot lock
     HalfSent              half_sent;      // Slot lock
 };
 extern SlotSide g_side[NETIP_CLIENTS_MAX];
@@ -105,6 +105,13 @@ void mark_closed(uint32_t handle) noexcept;
 // Zeroes the table but for slots that somebody still holds. The pages go back to the system.
 void clear_table() noexcept REQUIRES(g_netip_lock);
 
+// ---- what only hosts ask for
+
+// One packet at once; nothing is kept of it. NETIP_OK, NETIP_AGAIN or NETIP_INVALID.
+uint32_t send_packet(uint32_t handle, const Packet &packet) noexcept;
+uint64_t last_active_of(uint32_t handle) noexcept; // wall clock, ms; 0 for no such connection
+bool     set_keepalive(uint32_t handle, int32_t idle_s, int32_t interval_s, int32_t count) noexcept;
+
 // ---- the event callback
 
 struct EventSink {
@@ -122,13 +129,13 @@ EventSink event_sink() noexcept;
 
 void call_round_begin() noexcept;
 void call_round_end() noexcept;
-void call_writable_hook() noexcept;
+void call_writable_hook(uint32_t handle) noexcept;
 
 // ---- epoll registrations and shared descriptors (watch.cpp)
 
 // The descriptors that all slots share die under this lock: netip_epoll_fd, g_netip_udp and the bell.
-extern Mutex   g_shared_fd_lock;
-extern int32_t g_bell; // an eventfd watched by epoll, -1 = none
+extern Mutex           g_shared_fd_lock;
+extern Shared<int32_t> g_bell; // an eventfd watched by epoll, -1 = none
 
 // Slot lock held for these.
 bool watch(uint32_t handle) noexcept; // readable events from now on

@@ -1,6 +1,6 @@
-// netip_link.h - what the client module needs of the network layer beyond its exported calls: naming one connection
-// exactly, sending many packets at once, and a word at the end of each I/O round. Upward calls go through the event
-// callback and the round hook only; no lock is held in either.
+// netip_link.h - connections as the library names and serves them, a part of net.hpp: naming one connection exactly,
+// sending many packets at once, and a word around each I/O round and for a socket that takes bytes again. Upward calls
+// go through the event callback and these hooks only; no lock is held in any.
 #ifndef TARN_NET_NETIP_LINK_H
 #define TARN_NET_NETIP_LINK_H
 
@@ -48,8 +48,8 @@ struct RoundHooks {
 };
 void set_round_hooks(RoundHooks hooks) noexcept;
 
-// Called by an I/O thread that finds a socket writable again after a send that would have blocked.
-void set_writable_hook(void (*writable)()) noexcept;
+// Called by an I/O thread, inside its round, for a connection that takes bytes again after a send that would have blocked.
+void set_writable_hook(void (*writable)(uint32_t handle)) noexcept;
 
 // True while the layer runs (between a netip_init that returned 0 and netip_deinit).
 bool is_up() noexcept;

@@ -76,13 +76,13 @@ typedef void (*netip_send_ready_cb_t)(uint32_t handle);
  * in_use last; it is served like any other.
  */
 typedef struct {
-    /* Written under g_netip_lock and `lock` before in_use becomes 1; relaxed: any thread. */
-    uint32_t handle; /* its own place in the table */
-    uint32_t type;   /* NETIP_TCP or NETIP_UDP */
-    int32_t  fd;     /* the connection's descriptor; UDP peers share one socket, see g_netip_udp */
+    /* Read by any thread. These three are written under g_netip_lock and `lock` before in_use becomes 1. */
+    TARN_SHARED(uint32_t) handle; /* its own place in the table */
+    TARN_SHARED(uint32_t) type;   /* NETIP_TCP or NETIP_UDP */
+    TARN_SHARED(int32_t) fd;      /* the connection's descriptor; UDP peers share one socket, see g_netip_udp */
 
-    uint8_t  in_use;      /* flag; 0 to 1 under g_netip_lock and `lock`, 1 to 0 under `lock`; relaxed: any thread */
-    uint64_t last_active; /* wall clock, ms: opened, or received from last; relaxed: any thread */
+    TARN_SHARED(uint8_t) in_use;       /* flag; 0 to 1 under g_netip_lock and `lock`, 1 to 0 under `lock` */
+    TARN_SHARED(uint64_t) last_active; /* wall clock, ms: opened, or received from last */
 
     tarn_mutex_t lock; /* a leaf; valid from load to exit: never initialised or destroyed */
 

@@ -28,7 +28,7 @@ bool has_known_type(const netip_conn_t &slot)
 uint64_t identity_of(uint32_t handle)
 {
     struct stat status;
-    if (peek(side_of(handle).generation) != 0 || fstat(slot_of(handle).fd, &status) != 0)
+    if (side_of(handle).generation != 0 || fstat(slot_of(handle).fd, &status) != 0)
         return 0;
     return status.st_ino;
 }
@@ -105,7 +105,7 @@ Sent send_datagrams(uint32_t handle, const Packet *packets, int count)
 {
     const netip_conn_t &slot = slot_of(handle);
     ScopedLock          lock(g_shared_fd_lock);
-    const int           fd = peek(side_of(handle).generation) ? peek(g_netip_udp) : slot.fd;
+    const int           fd = side_of(handle).generation ? g_netip_udp : slot.fd;
     const auto         *to = reinterpret_cast<const sockaddr *>(&slot.peer);
     for (int i = 0; i < count; ++i)
         if (sendto(fd, packets[i].bytes, static_cast<size_t>(packets[i].length), kFlags, to, sizeof slot.peer) < 1)
@@ -134,13 +134,12 @@ Sent send_packets(uint32_t handle, const Packet *packets, int count, uint32_t ge
     return sent.result == NETIP_OK && fit < count ? Sent{sent.packets, NETIP_INVALID} : sent;
 }
 
-} // namespace tarn::net
-
-uint32_t netip_send(uint32_t handle, const uint8_t *bytes, int32_t length)
+uint32_t send_packet(uint32_t handle, const Packet &packet) noexcept
 {
-    const Packet packet{bytes, length};
-    SlotLock     slot(handle);
+    SlotLock slot(handle);
     if (!can_be_sent(packet) || !slot || !has_known_type(*slot))
         return NETIP_INVALID;
     return slot->type == NETIP_TCP ? send_once(handle, packet) : send_datagrams(handle, &packet, 1).result;
 }
+
+} // namespace tarn::net

@@ -29,26 +29,27 @@ uint32_t next_generation() REQUIRES(g_netip_lock)
 // ---- clearing
 
 // Byte by byte and only where needed: a late caller may be reading an in_use byte, and fresh pages stay untouched.
-void clear_bytes(uint8_t *from, const uint8_t *to)
+using Byte = Shared<uint8_t>;
+void clear_bytes(Byte *from, const Byte *to)
 {
     for (; from < to; ++from)
-        if (peek(*from))
-            poke(*from, 0);
+        if (*from != 0)
+            *from = 0;
 }
 
-uint8_t *round_up(uint8_t *at, uintptr_t page)
+Byte *round_up(Byte *at, uintptr_t page)
 {
     return at + (page - reinterpret_cast<uintptr_t>(at) % page) % page;
 }
 
 void clear_slots(netip_conn_t *begin, netip_conn_t *end)
 {
-    auto      *from  = reinterpret_cast<uint8_t *>(begin);
-    auto      *to    = reinterpret_cast<uint8_t *>(end);
+    auto      *from  = reinterpret_cast<Byte *>(begin);
+    auto      *to    = reinterpret_cast<Byte *>(end);
     const auto page  = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-    uint8_t   *first = round_up(from, page);
+    Byte      *first = round_up(from, page);
     if (first < to) {
-        uint8_t *last = to - reinterpret_cast<uintptr_t>(to) % page;
+        Byte *last = to - reinterpret_cast<uintptr_t>(to) % page;
         if (first < last && madvise(first, static_cast<size_t>(last - first), MADV_DONTNEED) == 0) {
             clear_bytes(from, first);
             from = last;
@@ -68,12 +69,12 @@ void await_visitors(SlotSide &side)
 // All of the slot but its lock, which the caller holds.
 void clear_around_lock(netip_conn_t &slot)
 {
-    auto *end    = reinterpret_cast<uint8_t *>(&slot + 1);
-    auto *behind = reinterpret_cast<uint8_t *>(&slot.lock + 1);
-    poke(slot.handle, 0);
-    poke(slot.type, 0);
-    poke(slot.fd, 0);
-    poke(slot.last_active, 0);
+    auto *end        = reinterpret_cast<uint8_t *>(&slot + 1);
+    auto *behind     = reinterpret_cast<uint8_t *>(&slot.lock + 1);
+    slot.handle      = 0;
+    slot.type        = 0;
+    slot.fd          = 0;
+    slot.last_active = 0;
     memset(behind, 0, static_cast<size_t>(end - behind));
 }
 
@@ -98,7 +99,7 @@ SlotLock::SlotLock(uint32_t handle, Entry entry) noexcept NO_LOCK_ANALYSIS : han
     side.visitors.fetch_add(1, std::memory_order_acq_rel); // before the look at in_use: see await_visitors()
     if (entry == Always || peek_acquire(slot.in_use)) {
         slot.lock.lock();
-        inside_ = entry == Always || peek(slot.in_use);
+        inside_ = entry == Always || slot.in_use;
         if (inside_)
             return;
         slot.lock.unlock();
@@ -117,7 +118,7 @@ SlotLock::~SlotLock() NO_LOCK_ANALYSIS
 bool is_current(Connection connection) noexcept
 {
     return connection.handle < NETIP_CLIENTS_MAX && peek_acquire(slot_of(connection.handle).in_use) &&
-           peek(side_of(connection.handle).generation) == connection.generation;
+           side_of(connection.handle).generation == connection.generation;
 }
 
 SlotHold::SlotHold(Connection connection) noexcept
@@ -135,7 +136,7 @@ SlotHold::~SlotHold()
         return;
     SlotSide &side = side_of(handle());
     SlotLock  lock(handle(), SlotLock::Always);
-    if (!peek(lock->in_use) && side.users.load(std::memory_order_relaxed) == 1)
+    if (!lock->in_use && side.users.load(std::memory_order_relaxed) == 1)
         wipe_received(*lock);
     side.users.fetch_sub(1, std::memory_order_release); // from here on the slot may be handed out again
 }
@@ -151,19 +152,19 @@ Connection open_slot(uint32_t type, int fd, const PeerAddress &peer) noexcept
     SlotLock      lock(handle, SlotLock::Always);
     netip_conn_t &slot = *lock;
     clear_around_lock(slot);
-    poke(slot.handle, handle);
-    poke(slot.type, type);
-    poke(slot.fd, fd);
-    poke(slot.last_active, wall_ms());
-    slot.peer     = peer.address;
-    slot.peer_len = peer.length;
-    slot.port     = ntohs(peer.address.sin_port);
+    slot.handle      = handle;
+    slot.type        = type;
+    slot.fd          = fd;
+    slot.last_active = wall_ms();
+    slot.peer        = peer.address;
+    slot.peer_len    = peer.length;
+    slot.port        = ntohs(peer.address.sin_port);
     inet_ntop(AF_INET, &peer.address.sin_addr, slot.ip, sizeof slot.ip);
 
     side.wants_writable = 0;
     side.half_sent      = {};
     side.users.fetch_add(1, std::memory_order_relaxed);
-    poke(side.generation, next_generation());
+    side.generation = next_generation();
     poke_release(slot.in_use, 1);
     return {handle, side.generation};
 }
@@ -171,7 +172,7 @@ Connection open_slot(uint32_t type, int fd, const PeerAddress &peer) noexcept
 void mark_closed(uint32_t handle) noexcept
 {
     poke_release(slot_of(handle).in_use, 0);
-    poke(side_of(handle).generation, 0);
+    side_of(handle).generation = 0;
 }
 
 void clear_table() noexcept

@@ -22,7 +22,7 @@ struct Datagram {
 bool receive(Datagram &datagram)
 {
     ScopedLock lock(g_shared_fd_lock);
-    datagram.fd = peek(g_netip_udp);
+    datagram.fd = g_netip_udp;
     if (datagram.fd < 0)
         return false;
     datagram.length = recvfrom(datagram.fd, datagram.bytes, sizeof datagram.bytes, MSG_DONTWAIT,
@@ -38,11 +38,11 @@ bool same_peer(const sockaddr_in &a, const sockaddr_in &b)
 Connection find_peer(const sockaddr_in &address) REQUIRES(g_netip_lock)
 {
     for (uint32_t handle = 0; handle < NETIP_CLIENTS_MAX; ++handle) {
-        if (!peek_acquire(slot_of(handle).in_use) || peek(slot_of(handle).type) != NETIP_UDP)
+        if (!peek_acquire(slot_of(handle).in_use) || slot_of(handle).type != NETIP_UDP)
             continue;
         SlotLock slot(handle);
         if (slot && same_peer(slot->peer, address))
-            return {handle, peek(side_of(handle).generation)};
+            return {handle, side_of(handle).generation};
     }
     return {};
 }
@@ -51,7 +51,7 @@ void deliver(const SlotHold &hold, const Datagram &datagram, const EventSink &si
 {
     if (!hold.is_current())
         return; // closed by the connected callback
-    poke(hold.slot().last_active, wall_ms());
+    hold.slot().last_active = wall_ms();
     sink.data(hold.connection(), datagram.bytes, static_cast<uint32_t>(datagram.length));
 }
 

@@ -11,8 +11,8 @@
 
 namespace tarn::net {
 
-constinit Mutex   g_shared_fd_lock{};
-constinit int32_t g_bell = -1;
+constinit Mutex           g_shared_fd_lock{};
+constinit Shared<int32_t> g_bell = -1;
 
 namespace {
 
@@ -27,9 +27,9 @@ bool tell_epoll(int operation, uint32_t handle, uint32_t events = 0)
 {
     epoll_event event{};
     event.events   = events;
-    event.data.u64 = uint64_t{peek(side_of(handle).generation)} << 32 | handle;
+    event.data.u64 = uint64_t{side_of(handle).generation} << 32 | handle;
     ScopedLock lock(g_shared_fd_lock);
-    return epoll_ctl(peek(netip_epoll_fd), operation, peek(slot_of(handle).fd), &event) == 0;
+    return epoll_ctl(netip_epoll_fd, operation, slot_of(handle).fd, &event) == 0;
 }
 
 void set_resting(uint32_t handle, bool resting)
@@ -37,7 +37,7 @@ void set_resting(uint32_t handle, bool resting)
     SlotSide &side = side_of(handle);
     if (resting == (side.resting != 0))
         return;
-    poke(side.resting, resting);
+    side.resting = resting;
     if (!resting)
         --g_resting;
     else if (g_resting++ == 0)
@@ -49,7 +49,7 @@ bool is_time_to_wake(bool idle)
     return g_resting != 0 && (idle || elapsed(mono_ms(), g_resting_since_ms) >= kRest_ms);
 }
 
-Fd take_shared(int32_t &descriptor)
+Fd take_shared(Shared<int32_t> &descriptor)
 {
     ScopedLock lock(g_shared_fd_lock);
     return Fd(swap_in(descriptor, -1));
@@ -95,7 +95,7 @@ void wake_resting(bool idle) noexcept
     if (!is_time_to_wake(idle))
         return;
     for (uint32_t handle = 0; handle < NETIP_CLIENTS_MAX; ++handle) {
-        if (!peek(side_of(handle).resting))
+        if (!side_of(handle).resting)
             continue;
         SlotLock lock(handle);
         if (!lock || !side_of(handle).resting)
@@ -118,7 +118,7 @@ bool watch_shared(int epoll, int descriptor) noexcept
 void ring_bell() noexcept
 {
     ScopedLock lock(g_shared_fd_lock);
-    (void)eventfd_write(peek(g_bell), 1);
+    (void)eventfd_write(g_bell, 1);
 }
 
 void close_shared_udp() noexcept

@@ -7,7 +7,7 @@
 // Reading is silent. What a load counts and says is made from what it found, after the lock is dropped.
 #include "../base/text.h"
 #include "../log/log.h"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "persist_internal.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 // memory, in the host's byte order.
 #include "../base/relaxed.h"
 #include "../log/log.h"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "persist_internal.h"
 
@@ -108,7 +108,7 @@ bool load_retained() noexcept
         if (g_sub_mgr.retains && read_records(file, records, count)) {
             std::for_each(records.get(), records.get() + count, make_safe);
             memcpy(g_sub_mgr.retains, records.get(), sizeof(retain_msg_t) * count);
-            poke(g_sub_mgr.retain_count, static_cast<int32_t>(count));
+            g_sub_mgr.retain_count = static_cast<int32_t>(count);
             LOG_INFO("[persist] retain loaded: %d entries", static_cast<int>(count));
         }
     }

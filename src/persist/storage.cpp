@@ -2,7 +2,7 @@
 #include "../base/clock.h"
 #include "../base/text.h"
 #include "../log/log.h"
-#include "../stats/counters.h"
+#include "../stats/stats.hpp"
 #include "persist_internal.h"
 
 #include <cerrno>

@@ -1,7 +1,7 @@
-// booking.h - the first transmission of a delivery and its booking, as one step for whoever acknowledges it.
+// booking.h - queues a delivery for its client and books it as pending, in one step.
 //
-// The packet may be at its client, and the acknowledgement back on the I/O thread, before the thread that queued it has
-// done another thing. So both happen under g_queue_mutex, where each acknowledgement comes by first.
+// The client may acknowledge the packet before the thread that queued it runs again. An acknowledgement takes
+// g_queue_mutex to find its delivery, so both steps are done under that lock.
 #ifndef TARN_QOS_BOOKING_H
 #define TARN_QOS_BOOKING_H
 
@@ -21,7 +21,7 @@ struct Delivery {
     bool                     remembered; // as the one PUBACK that the client's record waits for
 };
 
-enum class Added { Yes, NoClient, NoTopic, NoPayload, TooLong, BadQos, Full, NoEntry, NoPayloadMemory };
+enum class Added { Yes, NoTopic, NoPayload, TooLong, BadQos, Full, NoEntry, NoPayloadMemory };
 
 struct Booked {
     uint32_t result; // queue_packet's; nothing is booked of what could not be queued

@@ -4,9 +4,8 @@
 // acknowledges it, its retries or its life end, or the client is released.
 #include "../base/clock.h"
 #include "../base/text.h"
-#include "../client/client_ref.h"
-#include "../codec/mqtt_codec.h"
-#include "../codec/packet_type.h"
+#include "../client/client.hpp"
+#include "../codec/codec.hpp"
 #include "../log/log.h"
 #include "qos_internal.h"
 
@@ -30,10 +29,8 @@ const char *name_of(uint8_t packet_type)
 //   test: publish.an_empty_message_at_qos_1_is_sent_but_not_tracked
 //
 // What is wrong with the arguments, or Added::Yes.
-Added check(const mqtt_client_t *client, uint8_t qos, const char *topic, const void *payload, uint32_t payload_len)
+Added check(uint8_t qos, const char *topic, const void *payload, uint32_t payload_len)
 {
-    if (!client)
-        return Added::NoClient;
     if (!topic || !*topic)
         return Added::NoTopic;
     if (!payload || payload_len == 0)
@@ -43,7 +40,7 @@ Added check(const mqtt_client_t *client, uint8_t qos, const char *topic, const v
     return qos == 1 || qos == 2 ? Added::Yes : Added::BadQos;
 }
 
-void fill(qos_packet_t &entry, mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic, uint64_t now_ms)
+void fill(qos_packet_t &entry, mqtt_client_t &client, uint16_t msg_id, uint8_t qos, const char *topic, uint64_t now_ms)
     REQUIRES(g_queue_mutex)
 {
     entry.msg_id = msg_id;
@@ -52,18 +49,18 @@ void fill(qos_packet_t &entry, mqtt_client_t *client, uint16_t msg_id, uint8_t q
     entry.last_send_ms      = now_ms;
     entry.retry_interval_ms = QOS_FIRST_RETRY_MS;
     entry.qos2_state        = qos == 2 ? qos::QOS2_AWAITS_PUBREC : qos::QOS2_NONE;
-    entry.client            = client;
+    entry.client            = &client;
     entry.create_ms         = now_ms;
 }
 
-Added add(mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic, const void *payload,
+Added add(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, const char *topic, const void *payload,
           uint32_t payload_len, int &count) REQUIRES(g_queue_mutex)
 {
-    if (const Added wrong = check(client, qos, topic, payload, payload_len); wrong != Added::Yes)
+    if (const Added wrong = check(qos, topic, payload, payload_len); wrong != Added::Yes)
         return wrong;
-    if (is_released(client))
+    if (is_released(&client))
         return Added::Yes; // its entries were dropped a moment ago, and this one with them
-    count = qos::count_of(client);
+    count = qos::count_of(&client);
     if (count >= QOS_PENDING_MAX)
         return Added::Full;
     qos_packet_t *const entry = qos::make_entry();
@@ -82,41 +79,37 @@ Added add(mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic
     return Added::Yes;
 }
 
-int say_added(mqtt_client_t *client, uint16_t msg_id, uint8_t qos, uint32_t payload_len, Added added, int count)
+void say_added(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, uint32_t payload_len, Added added, int count)
 {
     switch (added) {
-    case Added::NoClient:
-        LOG_ERROR("[QoS] 添加报文参数错误：客户端为空");
-        return -1;
     case Added::NoTopic:
         LOG_ERROR("[QoS] 添加报文参数错误：主题为空");
-        return -1;
+        return;
     case Added::NoPayload:
         LOG_ERROR("[QoS] 添加报文参数错误：payload为空");
-        return -1;
+        return;
     case Added::TooLong:
         LOG_ERROR("[QoS] 添加报文参数错误：payload长度超限（最大%d字节，当前%d字节）", QOS_PAYLOAD_MAX,
                   static_cast<int>(payload_len));
-        return -1;
+        return;
     case Added::BadQos:
         LOG_ERROR("[QoS] 添加报文参数错误：QoS非法（仅支持1/2，当前%d）", qos);
-        return -1;
+        return;
     case Added::Full:
-        LOG_ERROR("[QoS] 客户端未完成队列已满(client=%s)，最大支持%d条，当前%d条", id_of(*client).text, QOS_PENDING_MAX,
+        LOG_ERROR("[QoS] 客户端未完成队列已满(client=%s)，最大支持%d条，当前%d条", id_of(client).text, QOS_PENDING_MAX,
                   count);
-        return -1;
+        return;
     case Added::NoEntry:
         LOG_ERROR("[QoS] 添加报文失败：分配报文节点内存失败");
-        return -1;
+        return;
     case Added::NoPayloadMemory:
         LOG_ERROR("[QoS] 添加报文失败：分配payload内存失败（需要%d字节）", static_cast<int>(payload_len));
-        return -1;
+        return;
     case Added::Yes:
         break;
     }
-    LOG_DEBUG("[QoS] 添加QoS%d报文到队列成功(msg_id=%d, client=%s, 载荷长度=%d)", qos, msg_id, id_of(*client).text,
+    LOG_DEBUG("[QoS] 添加QoS%d报文到队列成功(msg_id=%d, client=%s, 载荷长度=%d)", qos, msg_id, id_of(client).text,
               static_cast<int>(payload_len));
-    return 0;
 }
 
 // Sends the next packet of the QoS 2 handshake. False when it could not be encoded.
@@ -124,11 +117,12 @@ bool send_reply(mqtt_client_t *client, int type, uint16_t msg_id)
 {
     mqtt_ack_para_t reply{};
     reply.msg_id = msg_id;
-    uint8_t packet[PACKET_REPLY_SIZE];
-    int     length = sizeof packet;
-    if (mqtt_codec_encode_ack(&client->codec, type, &reply, packet, &length) != CODEC_OK)
+    uint8_t            room[PACKET_REPLY_SIZE];
+    std::span<uint8_t> packet(room);
+    if (failed(codec::encode_ack(client->codec, type, reply, packet)))
         return false;
-    client_send(client, packet, length);
+    const client_ref pin(client);
+    (void)send_to(*client, {packet});
     return true;
 }
 
@@ -216,10 +210,10 @@ qos::Booked qos::send_booked(const Delivery &delivery, std::span<const uint8_t> 
         if (booked.result != 0)
             return booked;
         if (delivery.tracked)
-            booked.added = add(&client, delivery.msg_id, delivery.qos, delivery.topic, delivery.payload.data(),
+            booked.added = add(client, delivery.msg_id, delivery.qos, delivery.topic, delivery.payload.data(),
                                static_cast<uint32_t>(delivery.payload.size()), booked.count);
         if (delivery.remembered)
-            poke(client.qos1_pending_msg_id, delivery.msg_id);
+            client.qos1_pending_msg_id = delivery.msg_id;
     }
     see_to_sending(client);
     return booked;
@@ -227,8 +221,8 @@ qos::Booked qos::send_booked(const Delivery &delivery, std::span<const uint8_t> 
 
 void qos::say_booked(const Delivery &delivery, const Booked &booked) noexcept
 {
-    (void)say_added(&delivery.client, delivery.msg_id, delivery.qos, static_cast<uint32_t>(delivery.payload.size()),
-                    booked.added, booked.count);
+    say_added(delivery.client, delivery.msg_id, delivery.qos, static_cast<uint32_t>(delivery.payload.size()),
+              booked.added, booked.count);
 }
 
 Added qos::track(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, const char *topic,
@@ -239,9 +233,9 @@ Added qos::track(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, const char
     Added      added;
     {
         ScopedLock lock(g_queue_mutex);
-        added = add(&client, msg_id, qos, topic, payload.data(), size, count);
+        added = add(client, msg_id, qos, topic, payload.data(), size, count);
     }
-    (void)say_added(&client, msg_id, qos, size, added, count);
+    say_added(client, msg_id, qos, size, added, count);
     return added;
 }
 

@@ -49,8 +49,9 @@ typedef struct qos_packet_t {
 
 extern qos_packet_t *g_pending_queue TARN_GUARDED_BY(g_queue_mutex); /* the list, newest first; null = empty */
 
-extern uint8_t   g_scan_running; /* flag: the scan threads go on; relaxed: any thread */
-extern pthread_t g_scan_thread;  /* the scan thread created last; a lock of the module's own */
+extern TARN_SHARED(uint8_t) g_scan_running; /* flag: the scan threads go on; any thread */
+extern TARN_SHARED(pthread_t)
+    g_scan_thread; /* the scan thread created last; changes under a lock of the module's own */
 
 /* ------------------------------------------------------------------------------------------------------ up and down */
 

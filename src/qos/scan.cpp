@@ -4,16 +4,15 @@
 #include "../base/memory.h"
 #include "../base/text.h"
 #include "../base/thread.h"
-#include "../client/client_ref.h"
-#include "../codec/codec_text.h"
-#include "../codec/mqtt_codec.h"
+#include "../client/client.hpp"
+#include "../codec/codec.hpp"
 #include "../log/log.h"
 #include "qos_internal.h"
 
 #include <cstring>
 
-uint8_t   g_scan_running = 0;
-pthread_t g_scan_thread  = 0;
+constinit tarn::Shared<uint8_t>   g_scan_running = 0;
+constinit tarn::Shared<pthread_t> g_scan_thread  = 0;
 
 namespace tarn::qos {
 namespace {
@@ -23,8 +22,8 @@ constexpr uint64_t kSharedTurn_ms     = 50;  // a scan thread leaves out its tur
 constexpr uint64_t kNever             = UINT64_MAX;
 
 constinit uint64_t g_next_due_ms GUARDED_BY(g_queue_mutex) = kNever;
-constinit uint64_t               g_last_walk_ms            = 0; // relaxed
-constinit uint64_t               g_last_turn_ms            = 0; // relaxed
+constinit Shared<uint64_t>       g_last_walk_ms            = 0;
+constinit Shared<uint64_t>       g_last_turn_ms            = 0;
 
 struct Outcome {
     int resent  = 0;
@@ -112,7 +111,7 @@ constinit Alarm                 g_end_of_scanning;
 void *scan_queue_thread(void *)
 {
     LOG_DEBUG("[QoS] 队列扫描线程启动");
-    while (peek(g_scan_running)) {
+    while (g_scan_running) {
         scan_turn(mono_ms());
         g_end_of_scanning.pause_while(g_scan_running, QOS_SCAN_PERIOD_MS);
     }
@@ -129,7 +128,7 @@ int begin_scan_thread()
     if (const int error = start_thread(&thread[0].handle, "tarn-qos-scan", scan_queue_thread, nullptr))
         return error;
     ScopedLock lock(g_threads_mx);
-    poke(g_scan_thread, thread[0].handle);
+    g_scan_thread  = thread[0].handle;
     thread[0].next = g_threads;
     g_threads      = thread.release();
     return 0;
@@ -150,7 +149,7 @@ int send_packet(qos_packet_t *entry, uint64_t now_ms)
                   static_cast<int>(entry->payload_len));
         return -1;
     }
-    if (peek(client->codec.version) == 0) {
+    if (codec::level_of(client->codec) == 0) {
         LOG_ERROR("[QoS] 重发报文失败：客户端编解码上下文未初始化(client=%s)", id_of(*client).text);
         return -1;
     }
@@ -167,18 +166,20 @@ int send_packet(qos_packet_t *entry, uint64_t now_ms)
     message.qos         = entry->qos;
     message.dup         = entry->dup;
 
-    int                  size   = static_cast<int>(entry->payload_len) + QOS_ENCODE_EXTRA;
-    const owned<uint8_t> packet = allocate<uint8_t>(static_cast<size_t>(size));
-    if (!packet) {
-        LOG_ERROR("[QoS] 重发报文失败：分配发送缓冲区失败（需要%d字节）", size);
+    const size_t         size = entry->payload_len + QOS_ENCODE_EXTRA;
+    const owned<uint8_t> room = allocate<uint8_t>(size);
+    if (!room) {
+        LOG_ERROR("[QoS] 重发报文失败：分配发送缓冲区失败（需要%d字节）", static_cast<int>(size));
         return -1;
     }
-    if (const int code = mqtt_codec_encode_publish(&client->codec, &message, packet.get(), &size); code != CODEC_OK) {
-        LOG_ERROR("[QoS] 重发报文失败(msg_id=%d)：编码错误（错误码：%d，描述：%s）", entry->msg_id, code,
-                  codec::error_text(code));
+    std::span<uint8_t> packet(room.get(), size);
+    if (const codec::Result encoded = codec::encode_publish(client->codec, message, packet); failed(encoded)) {
+        LOG_ERROR("[QoS] 重发报文失败(msg_id=%d)：编码错误（错误码：%d，描述：%s）", entry->msg_id,
+                  codec::code_of(encoded), codec::error_text(encoded));
         return -1;
     }
-    if (const uint32_t result = client_send(client, packet.get(), size); result != 0) {
+    const client_ref pin(client);
+    if (const uint32_t result = send_to(*client, {packet}); result != 0) {
         LOG_ERROR("[QoS] 重发报文失败(msg_id=%d)：发送错误（返回码：%d）", entry->msg_id, static_cast<int>(result));
         return -1;
     }
@@ -205,8 +206,8 @@ void scan(uint64_t now_ms)
     Outcome outcome;
     {
         ScopedLock lock(g_queue_mutex);
-        poke(g_last_walk_ms, now_ms);
-        outcome = walk(now_ms);
+        g_last_walk_ms = now_ms;
+        outcome        = walk(now_ms);
     }
     if (outcome.resent || outcome.dropped)
         LOG_DEBUG("[QoS] 队列扫描完成：重发%d条，丢弃%d条", outcome.resent, outcome.dropped);
@@ -214,12 +215,12 @@ void scan(uint64_t now_ms)
 
 void scan_turn(uint64_t now_ms)
 {
-    if (elapsed(now_ms, peek(g_last_turn_ms)) < kSharedTurn_ms)
+    if (elapsed(now_ms, g_last_turn_ms) < kSharedTurn_ms)
         return;
-    poke(g_last_turn_ms, now_ms);
+    g_last_turn_ms = now_ms;
     {
         ScopedLock lock(g_queue_mutex);
-        const bool nothing_due = now_ms < g_next_due_ms && elapsed(now_ms, peek(g_last_walk_ms)) < kFullWalkPeriod_ms;
+        const bool nothing_due = now_ms < g_next_due_ms && elapsed(now_ms, g_last_walk_ms) < kFullWalkPeriod_ms;
         if (!g_pending_queue || nothing_due)
             return;
     }
@@ -228,7 +229,7 @@ void scan_turn(uint64_t now_ms)
 
 void end_scan_threads()
 {
-    poke(g_scan_running, 0);
+    g_scan_running = 0;
     g_end_of_scanning.ring();
     ScanThread *threads;
     {
@@ -245,10 +246,10 @@ void end_scan_threads()
 
 bool init() noexcept
 {
-    poke(g_scan_running, 1);
+    g_scan_running = 1;
     if (const int error = begin_scan_thread()) {
         LOG_ERROR("[QoS] 创建扫描线程失败，Linux错误码：%d（描述：%s）", error, strerror(error));
-        poke(g_scan_running, 0);
+        g_scan_running = 0;
         return false;
     }
     LOG_INFO("[QoS] 可靠投递模块初始化成功");
@@ -257,7 +258,7 @@ bool init() noexcept
 
 void destroy() noexcept
 {
-    poke(g_scan_running, 0);
+    g_scan_running = 0;
     LOG_DEBUG("[QoS] 开始销毁可靠投递模块");
     end_scan_threads();
     int removed;

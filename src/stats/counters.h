@@ -42,19 +42,22 @@ enum class Counter {
 class Field {
 public:
     constexpr Field() = default;
-    constexpr Field(uint64_t mqtt_stats_t::*field) : wide_(field) {}
-    constexpr Field(uint32_t mqtt_stats_t::*field) : narrow_(field) {}
+    constexpr Field(Shared<uint64_t> mqtt_stats_t::*field) : wide_(field) {}
+    constexpr Field(Shared<uint32_t> mqtt_stats_t::*field) : narrow_(field) {}
 
     constexpr bool there() const { return wide_ || narrow_; }
     constexpr bool operator==(const Field &) const = default;
 
-    unsigned long long read() const noexcept { return wide_ ? peek(g_mqtt_stats.*wide_) : peek(g_mqtt_stats.*narrow_); }
-    void               clear() const noexcept
+    unsigned long long read() const noexcept
+    {
+        return wide_ ? uint64_t{g_mqtt_stats.*wide_} : uint64_t{g_mqtt_stats.*narrow_};
+    }
+    void clear() const noexcept
     {
         if (wide_)
-            poke(g_mqtt_stats.*wide_, 0);
+            g_mqtt_stats.*wide_ = 0;
         else
-            poke(g_mqtt_stats.*narrow_, 0);
+            g_mqtt_stats.*narrow_ = 0;
     }
     void count() const noexcept
     {
@@ -65,8 +68,8 @@ public:
     }
 
 private:
-    uint64_t mqtt_stats_t::*wide_   = nullptr;
-    uint32_t mqtt_stats_t::*narrow_ = nullptr;
+    Shared<uint64_t> mqtt_stats_t::*wide_   = nullptr;
+    Shared<uint32_t> mqtt_stats_t::*narrow_ = nullptr;
 };
 
 struct CounterRow {

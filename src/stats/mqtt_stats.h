@@ -7,8 +7,8 @@
  *   threads   any, at once
  *   locks     none taken, any may be held
  *   memory    nothing is kept
- *   values    every field is relaxed: any thread counts, any thread reads, nobody waits. Several fields are thus
- *             several readings, not one moment's picture.
+ *   values    any thread counts, any thread reads, nobody waits. Several fields are thus several readings, not one
+ *             moment's picture.
  */
 #ifndef TARN_STATS_MQTT_STATS_H
 #define TARN_STATS_MQTT_STATS_H
@@ -17,46 +17,47 @@
 #include <stdint.h>
 #include "../base/export.h"
 #include "../base/limits.h"
+#include "../base/mutex_type.h"
 
 TARN_API_BEGIN
 
-/* All counters. Relaxed: any thread. Totals run since mqtt_stats_init, period_* since mqtt_stats_reset_period. */
+/* All counters. Totals run since mqtt_stats_init, period_* since mqtt_stats_reset_period. */
 typedef struct {
-    uint64_t start_ms;           /* monotonic clock, ms, at mqtt_stats_init */
-    uint32_t online;             /* clients online at the last update */
-    uint32_t max_online;         /* the most of them at any update */
-    uint64_t pkt_rx;             /* packets handed to packet handling, good or bad */
-    uint64_t pkt_tx;             /* packets queued for a client */
-    uint64_t drop_offline;       /* not queued: the client is not online */
-    uint64_t drop_queue_full;    /* not queued: CLIENT_SEND_SLOTS - 1 packets wait already */
-    uint64_t drop_too_big;       /* not queued: above what the client takes */
-    uint64_t drop_invalid_param; /* not queued: no client, no bytes, a length no slot has, or no memory for the queue */
-    uint64_t drop_send_failed;   /* for hosts: the broker does not count it */
-    uint64_t qos0;               /* PUBLISH packets decoded, at QoS 0 */
-    uint64_t qos1;               /* ... at QoS 1 */
-    uint64_t qos2;               /* ... at QoS 2, repetitions included */
-    uint64_t offline_msg;        /* messages of clients kept for clients that are away */
-    uint32_t retain_msg;         /* retained messages at the last update */
-    uint32_t subs;               /* subscriptions at the last update */
-    uint32_t timeout;            /* clients closed for their silence */
-    uint32_t will_sent;          /* wills published */
-    uint32_t parse_error;        /* packets that did not decode; in no report */
-    uint64_t persist_write;      /* files written */
-    uint64_t persist_read;       /* files read */
-    uint32_t pool_cap;           /* client records that are allocated, at the last update */
-    uint32_t pool_used;          /* client records in use, at the last update */
-    float    pool_usage;         /* percent of pool_cap, 0 without one, at the last update */
-    uint64_t period_rx;          /* pkt_rx of this period, and so on */
-    uint64_t period_tx;
-    uint64_t period_drop_offline;
-    uint64_t period_drop_queue_full;
-    uint64_t period_drop_too_big;
-    uint64_t period_drop_invalid_param;
-    uint64_t period_drop_send_failed;
-    uint32_t period_timeout;
-    uint32_t period_will;
-    uint64_t period_persist_write;
-    uint64_t period_persist_read;
+    TARN_SHARED(uint64_t) start_ms;           /* monotonic clock, ms, at mqtt_stats_init */
+    TARN_SHARED(uint32_t) online;             /* clients online at the last update */
+    TARN_SHARED(uint32_t) max_online;         /* the most of them at any update */
+    TARN_SHARED(uint64_t) pkt_rx;             /* packets handed to packet handling, good or bad */
+    TARN_SHARED(uint64_t) pkt_tx;             /* packets queued for a client */
+    TARN_SHARED(uint64_t) drop_offline;       /* not queued: the client is not online */
+    TARN_SHARED(uint64_t) drop_queue_full;    /* not queued: CLIENT_SEND_SLOTS - 1 packets wait already */
+    TARN_SHARED(uint64_t) drop_too_big;       /* not queued: above what the client takes */
+    TARN_SHARED(uint64_t) drop_invalid_param; /* not queued: no client, bytes or memory, or a length no slot has */
+    TARN_SHARED(uint64_t) drop_send_failed;   /* for hosts: the broker does not count it */
+    TARN_SHARED(uint64_t) qos0;               /* PUBLISH packets decoded, at QoS 0 */
+    TARN_SHARED(uint64_t) qos1;               /* ... at QoS 1 */
+    TARN_SHARED(uint64_t) qos2;               /* ... at QoS 2, repetitions included */
+    TARN_SHARED(uint64_t) offline_msg;        /* messages of clients kept for clients that are away */
+    TARN_SHARED(uint32_t) retain_msg;         /* retained messages at the last update */
+    TARN_SHARED(uint32_t) subs;               /* subscriptions at the last update */
+    TARN_SHARED(uint32_t) timeout;            /* clients closed for their silence */
+    TARN_SHARED(uint32_t) will_sent;          /* wills published */
+    TARN_SHARED(uint32_t) parse_error;        /* packets that did not decode; in no report */
+    TARN_SHARED(uint64_t) persist_write;      /* files written */
+    TARN_SHARED(uint64_t) persist_read;       /* files read */
+    TARN_SHARED(uint32_t) pool_cap;           /* client records that are allocated, at the last update */
+    TARN_SHARED(uint32_t) pool_used;          /* client records in use, at the last update */
+    TARN_SHARED(float) pool_usage;            /* percent of pool_cap, 0 without one, at the last update */
+    TARN_SHARED(uint64_t) period_rx;          /* pkt_rx of this period, and so on */
+    TARN_SHARED(uint64_t) period_tx;
+    TARN_SHARED(uint64_t) period_drop_offline;
+    TARN_SHARED(uint64_t) period_drop_queue_full;
+    TARN_SHARED(uint64_t) period_drop_too_big;
+    TARN_SHARED(uint64_t) period_drop_invalid_param;
+    TARN_SHARED(uint64_t) period_drop_send_failed;
+    TARN_SHARED(uint32_t) period_timeout;
+    TARN_SHARED(uint32_t) period_will;
+    TARN_SHARED(uint64_t) period_persist_write;
+    TARN_SHARED(uint64_t) period_persist_read;
 } mqtt_stats_t;
 
 /* The one record of the process. Hosts may read every field; one that writes to it changes what the reports say. */

@@ -2,25 +2,21 @@
 //
 // A report is a set of single readings, not one moment's picture.
 #include "../base/clock.h"
-#include "../client/client.h"
 #include "../log/log.h"
-#include "../sub/sub.h"
-#include "counters.h"
+#include "stats.hpp"
 
 #include <charconv>
 #include <cmath>
 #include <string_view>
 
-using namespace tarn;
-using namespace tarn::stats;
-
+namespace tarn::stats {
 namespace {
 
 constexpr mqtt_stats_t &s = g_mqtt_stats;
 
 using Stats = mqtt_stats_t;
 
-// What mqtt_stats_update takes from other modules.
+// What take_over() fills.
 constexpr Field kOnline = &Stats::online, kMaxOnline = &Stats::max_online, kPoolCap = &Stats::pool_cap,
                 kPoolUsed = &Stats::pool_used, kRetained = &Stats::retain_msg, kSubs = &Stats::subs;
 
@@ -84,7 +80,7 @@ consteval bool each_number_has_its_place()
 }
 static_assert(each_number_has_its_place(), "as many %llu in a line as fields");
 
-void report(const Line &line) noexcept
+void say(const Line &line) noexcept
 {
     unsigned long long value[std::size(Line{}.fields)] = {};
     for (size_t i = 0; i < std::size(value) && line.fields[i].there(); ++i)
@@ -101,13 +97,13 @@ struct Percent {
 };
 Percent usage() noexcept
 {
-    const long tenths = lrint(static_cast<double>(peek(s.pool_usage)) * 10);
+    const long tenths = lrint(static_cast<double>(float{s.pool_usage}) * 10);
     return {tenths / 10, tenths % 10};
 }
 
-void raise(uint32_t &highest, uint32_t value) noexcept
+void raise(Shared<uint32_t> &highest, uint32_t value) noexcept
 {
-    for (uint32_t seen = peek(highest); value > seen; seen = peek(highest))
+    for (uint32_t seen = highest; value > seen; seen = highest)
         if (swap_if(highest, seen, value))
             return;
 }
@@ -116,7 +112,7 @@ void clear_snapshot() noexcept
 {
     for (const Field &field : {kOnline, kMaxOnline, kPoolCap, kPoolUsed, kRetained, kSubs})
         field.clear();
-    poke(s.pool_usage, 0.0f);
+    s.pool_usage = 0.0f;
 }
 
 // ---- JSON
@@ -124,7 +120,7 @@ void clear_snapshot() noexcept
 // Writes as much as there is room for.
 class Json {
 public:
-    Json(char *buf, int32_t size) : at_(buf), end_(buf + size - 1) {}
+    explicit Json(std::span<char> buf) : at_(buf.data()), end_(at_ + buf.size() - 1) {}
 
     void add(const char *key, Field field)
     {
@@ -163,35 +159,34 @@ private:
 
 } // namespace
 
-extern "C" void mqtt_stats_init(void)
+void init() noexcept
 {
     clear_snapshot();
     for (const CounterRow &row : kCounters)
         row.total.clear();
-    mqtt_stats_reset_period();
-    poke(s.start_ms, mono_ms());
+    begin_period();
+    s.start_ms = mono_ms();
     LOG_INFO("[MQTT-Stats] 维测统计模块初始化完成");
 }
 
-extern "C" void mqtt_stats_deinit(void) {}
+void deinit() noexcept {}
 
-extern "C" void mqtt_stats_update(void)
+void take_over(const Snapshot &snapshot) noexcept
 {
-    const uint32_t online = client_get_connected_count();
-    poke(s.online, online);
-    raise(s.max_online, online);
+    s.online = snapshot.online;
+    raise(s.max_online, snapshot.online);
 
-    const auto cap  = static_cast<uint32_t>(peek(g_client_mgr.capacity));
-    const auto used = static_cast<uint32_t>(peek(g_client_mgr.used_count));
-    poke(s.pool_cap, cap);
-    poke(s.pool_used, used);
-    poke(s.pool_usage, cap ? static_cast<float>(used) / static_cast<float>(cap) * 100.0f : 0.0f);
+    const uint32_t cap  = snapshot.pool_capacity;
+    const uint32_t used = snapshot.pool_used;
+    s.pool_cap          = cap;
+    s.pool_used         = used;
+    s.pool_usage        = cap ? static_cast<float>(used) / static_cast<float>(cap) * 100.0f : 0.0f;
 
-    poke(s.retain_msg, static_cast<uint32_t>(peek(g_sub_mgr.retain_count)));
-    poke(s.subs, static_cast<uint32_t>(peek(g_sub_mgr.sub_count)));
+    s.retain_msg = snapshot.retained;
+    s.subs       = snapshot.subscriptions;
 }
 
-extern "C" void mqtt_stats_reset_period(void)
+void begin_period() noexcept
 {
     for (const CounterRow &row : kCounters)
         if (row.period.there())
@@ -199,25 +194,21 @@ extern "C" void mqtt_stats_reset_period(void)
 }
 
 // At WARN, so that the report passes the broker's default level.
-extern "C" void mqtt_stats_print(void)
+void report() noexcept
 {
-    mqtt_stats_update();
     const Percent used = usage();
     LOG_WARN("!!!>>>===================== MQTT Broker 维测统计 =====================");
-    LOG_WARN("运行时长: %llu ms", static_cast<unsigned long long>(mono_ms() - peek(s.start_ms)));
-    LOG_WARN("在线客户端: %u / 历史最高: %u", peek(s.online), peek(s.max_online));
-    LOG_WARN("内存池使用率: %u/%u (%ld.%ld%%)", peek(s.pool_used), peek(s.pool_cap), used.whole, used.tenths);
+    LOG_WARN("运行时长: %llu ms", static_cast<unsigned long long>(mono_ms() - s.start_ms));
+    LOG_WARN("在线客户端: %u / 历史最高: %u", uint32_t{s.online}, uint32_t{s.max_online});
+    LOG_WARN("内存池使用率: %u/%u (%ld.%ld%%)", uint32_t{s.pool_used}, uint32_t{s.pool_cap}, used.whole, used.tenths);
     for (const Line &line : kLines)
-        report(line);
+        say(line);
     LOG_WARN("!!!>>>================================================================");
 }
 
-extern "C" int mqtt_stats_to_json(char *buf, int32_t size)
+void write_json(std::span<char> buf) noexcept
 {
-    if (!buf || size < STATS_JSON_SIZE_MIN)
-        return -1;
-    mqtt_stats_update();
-    Json json(buf, size);
+    Json json(buf);
     json.add("online", kOnline);
     json.add("max_online", kMaxOnline);
     json.add("pool_used", kPoolUsed);
@@ -232,5 +223,6 @@ extern "C" int mqtt_stats_to_json(char *buf, int32_t size)
             json.add(row.json, row.total);
     }
     json.end();
-    return 0;
 }
+
+} // namespace tarn::stats

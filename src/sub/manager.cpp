@@ -18,7 +18,7 @@ namespace {
         memset(manager.subs, 0, static_cast<size_t>(entries_in(manager)) * sizeof(sub_entry_t));
     else
         manager.subs = allocate_zeroed<sub_entry_t>(SUB_CAPACITY).release();
-    poke(manager.sub_count, 0);
+    manager.sub_count = 0;
     fit_index(manager);
     return manager.subs != nullptr;
 }
@@ -29,7 +29,7 @@ namespace {
         memset(manager.retains, 0, RETAIN_CAPACITY * sizeof(retain_msg_t));
     else
         manager.retains = allocate_zeroed<retain_msg_t>(RETAIN_CAPACITY).release();
-    poke(manager.retain_count, 0);
+    manager.retain_count = 0;
     return manager.retains != nullptr;
 }
 
@@ -77,8 +77,8 @@ void deinit() noexcept
         retained      = g_sub_mgr.retain_count;
         subs.reset(std::exchange(g_sub_mgr.subs, nullptr));
         retains.reset(std::exchange(g_sub_mgr.retains, nullptr));
-        poke(g_sub_mgr.sub_count, 0);
-        poke(g_sub_mgr.retain_count, 0);
+        g_sub_mgr.sub_count    = 0;
+        g_sub_mgr.retain_count = 0;
     }
     LOG_DEBUG("[DEBUG] sub_deinit：释放订阅数组（当前订阅数=%d）", subscriptions);
     LOG_DEBUG("[DEBUG] sub_deinit：释放保留消息数组（当前保留消息数=%d）", retained);

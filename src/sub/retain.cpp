@@ -28,7 +28,7 @@ void take_out(sub_mgr_t &manager, int32_t at) noexcept REQUIRES(manager.lock)
 {
     const int32_t left = retained_in(manager) - 1;
     memmove(manager.retains + at, manager.retains + at + 1, static_cast<size_t>(left - at) * sizeof(retain_msg_t));
-    poke(manager.retain_count, left);
+    manager.retain_count = left;
 }
 
 // QUIRK(retained-life): a retained message without an expiry interval lives seven days, although the standard keeps it
@@ -81,7 +81,7 @@ Stored store(sub_mgr_t &manager, const Message &message) noexcept REQUIRES(manag
     memcpy(entry.topic, message.topic.data(), message.topic.size());
     fill(entry, message);
     entry.expiry_interval = 0;
-    poke(manager.retain_count, count + 1);
+    manager.retain_count  = count + 1;
     return Stored::New;
 }
 
@@ -159,7 +159,7 @@ Stored retain(const RetainedMessage &message) noexcept
     Stored        stored;
     {
         ScopedLock lock(g_sub_mgr.lock);
-        LOG_DEBUG("[TRACE] retain_msg_set：已加锁，当前保留消息数量=%d", g_sub_mgr.retain_count);
+        LOG_DEBUG("[TRACE] retain_msg_set：已加锁，当前保留消息数量=%d", int32_t{g_sub_mgr.retain_count});
         stored = store(g_sub_mgr, kept);
     }
     finish(stored, message.topic);
@@ -185,7 +185,7 @@ bool copy_retained(const char *topic, retain_msg_t &out) noexcept
     {
         const std::string_view wanted = cut(topic, kTopicChars);
         ScopedLock             lock(g_sub_mgr.lock);
-        LOG_DEBUG("[TRACE] retain_msg_get：已加锁，当前保留消息数量=%d", g_sub_mgr.retain_count);
+        LOG_DEBUG("[TRACE] retain_msg_get：已加锁，当前保留消息数量=%d", int32_t{g_sub_mgr.retain_count});
         for (int32_t i = 0; i < retained_in(g_sub_mgr) && !found; ++i) {
             const retain_msg_t &entry = g_sub_mgr.retains[i];
             LOG_DEBUG("[TRACE] retain_msg_get：检查保留消息（索引=%d, topic=%s）", i, entry.topic);
@@ -219,7 +219,7 @@ bool delete_retained(const char *topic) noexcept
     {
         const std::string_view wanted = cut(topic, kTopicChars);
         ScopedLock             lock(g_sub_mgr.lock);
-        LOG_DEBUG("[TRACE] retain_msg_delete：已加锁，当前保留消息数量=%d", g_sub_mgr.retain_count);
+        LOG_DEBUG("[TRACE] retain_msg_delete：已加锁，当前保留消息数量=%d", int32_t{g_sub_mgr.retain_count});
         for (int32_t i = 0; i < retained_in(g_sub_mgr) && left < 0; ++i) {
             LOG_DEBUG("[TRACE] retain_msg_delete：检查保留消息（索引=%d, topic=%s）", i, g_sub_mgr.retains[i].topic);
             if (!has_topic(g_sub_mgr.retains[i], wanted))

@@ -7,6 +7,7 @@
 #define TARN_SUB_SUB_HPP
 
 #include "route.h"
+#include "share.h"
 #include "sub.h"
 
 #include <span>

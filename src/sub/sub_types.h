@@ -36,11 +36,11 @@ typedef struct {
 
 /* Subscriptions and retained messages. Both arrays are contiguous from 0 and in the order in which entries came. */
 typedef struct {
-    sub_entry_t  *subs;         /* SUB_CAPACITY entries, null before sub_init; under `lock` */
-    int32_t       sub_count;    /* entries in use; written under `lock`, relaxed: any thread may read the number */
-    retain_msg_t *retains;      /* RETAIN_CAPACITY entries, null before sub_init; under `lock` */
-    int32_t       retain_count; /* entries in use; as sub_count */
-    tarn_mutex_t  lock;         /* valid from load to exit: never initialised or destroyed */
+    sub_entry_t *subs;                 /* SUB_CAPACITY entries, null before sub_init; under `lock` */
+    TARN_SHARED(int32_t) sub_count;    /* entries in use; written under `lock`, any thread may read the number */
+    retain_msg_t *retains;             /* RETAIN_CAPACITY entries, null before sub_init; under `lock` */
+    TARN_SHARED(int32_t) retain_count; /* entries in use; as sub_count */
+    tarn_mutex_t lock;                 /* valid from load to exit: never initialised or destroyed */
 } sub_mgr_t;
 
 TARN_API_END

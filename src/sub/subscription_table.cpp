@@ -78,7 +78,7 @@ void append(sub_mgr_t &manager, const Subscription &wanted) noexcept REQUIRES(ma
     entry.clean_session  = wanted.clean_session;
     entry.sub_identifier = wanted.identifier;
     fit_index(manager);
-    poke(manager.sub_count, count + 1);
+    manager.sub_count = count + 1;
     index_appended(manager);
 }
 
@@ -164,7 +164,7 @@ int32_t take_out(sub_mgr_t &manager, const EntrySet &going) noexcept REQUIRES(ma
             put_entry(manager.subs[kept++], manager.subs[i]);
     for (int32_t i = kept; i < count; ++i)
         put_entry(manager.subs[i], {});
-    poke(manager.sub_count, kept);
+    manager.sub_count = kept;
     index_removed(manager, going);
     return kept;
 }
@@ -184,7 +184,7 @@ int32_t remove_where(const char *client_id, const char *filter, const std::strin
     int32_t left    = 0;
     {
         ScopedLock lock(g_sub_mgr.lock);
-        LOG_DEBUG("[TRACE] sub_remove：已加锁，当前订阅数=%d", g_sub_mgr.sub_count);
+        LOG_DEBUG("[TRACE] sub_remove：已加锁，当前订阅数=%d", int32_t{g_sub_mgr.sub_count});
         EntrySet going;
         mark(g_sub_mgr, cut(client_id, kClientIdChars), only, going);
         removed = going.count();
@@ -241,7 +241,7 @@ template <class Take> int match(const char *topic, const void *into, int32_t roo
     int found;
     {
         ScopedLock lock(g_sub_mgr.lock);
-        LOG_DEBUG("[TRACE] sub_match：已加锁，当前订阅数=%d", g_sub_mgr.sub_count);
+        LOG_DEBUG("[TRACE] sub_match：已加锁，当前订阅数=%d", int32_t{g_sub_mgr.sub_count});
         found = walk_matches(g_sub_mgr, topic, trust, take);
     }
     LOG_DEBUG("[DEBUG] sub_match：匹配完成（topic=%s, 匹配数量=%d）", topic, found);
@@ -326,7 +326,7 @@ Added add(const char *client_id, const char *filter, uint32_t qos, uint8_t clean
     Outcome            outcome;
     {
         ScopedLock lock(g_sub_mgr.lock);
-        LOG_DEBUG("[TRACE] sub_add：已加锁，当前订阅数=%d，最大容量=%d", g_sub_mgr.sub_count, SUB_CAPACITY);
+        LOG_DEBUG("[TRACE] sub_add：已加锁，当前订阅数=%d，最大容量=%d", int32_t{g_sub_mgr.sub_count}, SUB_CAPACITY);
         outcome = upsert(g_sub_mgr, wanted, log_passes(AGENT_LOG_DEBUG));
     }
     report(outcome, client_id, filter, qos, clean_session);
@@ -393,7 +393,7 @@ int32_t count_of(const char *client_id) noexcept
     int32_t                count = 0;
     {
         ScopedLock lock(g_sub_mgr.lock);
-        LOG_DEBUG("[TRACE] sub_get_client_sub_count：已加锁，当前订阅数=%d", g_sub_mgr.sub_count);
+        LOG_DEBUG("[TRACE] sub_get_client_sub_count：已加锁，当前订阅数=%d", int32_t{g_sub_mgr.sub_count});
         for (int32_t i = 0; i < entries_in(g_sub_mgr); ++i) {
             LOG_DEBUG("[TRACE] sub_get_client_sub_count：检查订阅（索引=%d, client_id=%s）", i,
                       g_sub_mgr.subs[i].client_id);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdarg>
 #include <cstdio>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -16,7 +17,7 @@ namespace {
 
 constexpr std::array<const char *, 5> kLevels = {"DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
 
-int rank_of(const std::string &level)
+int rank_of_level(const std::string &level)
 {
     const auto at = std::find(kLevels.begin(), kLevels.end(), level);
     return at == kLevels.end() ? 99 : static_cast<int>(at - kLevels.begin());
@@ -35,6 +36,11 @@ bool starts_line(const std::string &line)
 std::ostream &operator<<(std::ostream &out, const LogLine &line)
 {
     return out << '[' << line.level << "] " << line.text;
+}
+
+int rank_of(const LogLine &line)
+{
+    return rank_of_level(line.level);
 }
 
 LogLine debug(std::string text)
@@ -56,6 +62,16 @@ LogLine error(std::string text)
 LogLine fatal(std::string text)
 {
     return {"FATAL", std::move(text)};
+}
+
+std::string printed(const char *format, ...)
+{
+    char    text[4096];
+    va_list values;
+    va_start(values, format);
+    vsnprintf(text, sizeof text, format, values);
+    va_end(values);
+    return text;
 }
 
 LogCapture::LogCapture(uint32_t level)
@@ -123,7 +139,7 @@ std::vector<LogLine> LogCapture::take()
 std::vector<LogLine> LogCapture::take_from(const std::string &level)
 {
     std::vector<LogLine> all = take();
-    std::erase_if(all, [&](const LogLine &line) { return rank_of(line.level) < rank_of(level); });
+    std::erase_if(all, [&](const LogLine &line) { return rank_of(line) < rank_of_level(level); });
     return all;
 }
 

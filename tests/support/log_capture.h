@@ -16,12 +16,17 @@ struct LogLine {
 };
 std::ostream &operator<<(std::ostream &out, const LogLine &line);
 
+int rank_of(const LogLine &line); // 0 DEBUG ... 4 FATAL
+
 // Builds one expected line: info("text"), error("text") ...
 LogLine debug(std::string text);
 LogLine info(std::string text);
 LogLine warn(std::string text);
 LogLine error(std::string text);
 LogLine fatal(std::string text);
+
+// A text with its values, as printf() makes it.
+std::string printed(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // Redirects standard output and sets the log level (and console output alone) until destroyed; the level and output
 // before are put back. Threads of the library log too: compare whole sequences only while none of them runs.

@@ -3,7 +3,7 @@
 # allows it, a network namespace of its own (tests/support/test_main.cpp).
 #
 # The linker sends the library's calls to these functions through tests/support/faults.h, where a test can make them
-# fail or move time.
+# fail or move time. What else is given are properties of the tests.
 set(TARN_WRAPPED malloc calloc realloc pthread_create socket bind listen accept4 epoll_create1 epoll_ctl epoll_wait
   clock_gettime gettimeofday time fopen fseek fwrite fputs fflush fsync fclose rename unlink)
 list(TRANSFORM TARN_WRAPPED PREPEND "-Wl,--wrap=" OUTPUT_VARIABLE TARN_WRAP_FLAGS)
@@ -19,5 +19,5 @@ function(tarn_unit_test module)
   set_target_properties(unit_${module} PROPERTIES POSITION_INDEPENDENT_CODE OFF) # as the precompiled header
   target_precompile_headers(unit_${module} REUSE_FROM tarn_test_support)
   gtest_discover_tests(unit_${module} TEST_PREFIX unit.${module}. DISCOVERY_MODE PRE_TEST
-    PROPERTIES TIMEOUT 120)
+    PROPERTIES TIMEOUT 120 ${ARGN})
 endfunction()

@@ -56,6 +56,7 @@ class CheckHeaders(unittest.TestCase):
     def test_a_global_is_explained_above_or_behind(self):
         self.assertEqual(self.faults("/* The table. */\nextern int g_table[3];\n"), [])
         self.assertEqual(self.faults("extern int g_table[3]; /* under the lock */\n"), [])
+        self.assertEqual(self.faults("extern TARN_SHARED(int) g_count; /* any thread */\n"), [])
         self.assertEqual(
             self.faults("extern int g_table[LIMIT + 1];\n"), ["src/sub/sub.h:7: g_table has no comment above"]
         )

@@ -39,7 +39,7 @@ class CheckLayers(unittest.TestCase):
 
     def test_upward_by_exception(self):
         self.assertEqual(
-            self.faults({"src/client/client.h": "", "src/stats/a.cpp": '#include "../client/client.h"\n'}), []
+            self.faults({"src/sub/sub.hpp": "", "src/persist/a.cpp": '#include "../sub/sub.hpp"\n'}), []
         )
 
     def test_a_private_header_from_outside(self):
@@ -82,7 +82,7 @@ class CheckLayers(unittest.TestCase):
         header = "/* as sub_add( */\nint  sub_add(const char *id,\n    int qos);\nTARN_LAYOUT_SIZE(int, 4);\n"
         return self.faults(
             {
-                "cmake/install.cmake": "set(TARN_MODULE_HEADERS\n  client/client.h sub/sub.h)\n",
+                "cmake/install.cmake": "set(TARN_MODULE_HEADERS\n  client/client.h net/netip.h sub/sub.h)\n",
                 "src/sub/sub.h": header,
                 "src/sub/sub_c.cpp": "int sub_add(const char *id, int qos)\n{\n    return 0;\n}\n",
                 **files,
@@ -108,10 +108,27 @@ class CheckLayers(unittest.TestCase):
         lines = 'sub::add(id, 1); // not sub_add(\nLOG_DEBUG("sub_add(\\"%s\\")", id);\nsub_add_all(id);\n'
         self.assertEqual(self.calls({"src/handler/a.cpp": lines}), [])
 
+    def test_the_shell_of_a_module_may_stand_above_it(self):
+        header = {"src/stats/stats.hpp": "", "src/stats/mqtt_stats.h": "void mqtt_stats_print(void);\n"}
+        install = INSTALL.replace("net/netip.h ", "net/netip.h stats/mqtt_stats.h ")
+        print_it = "mqtt_stats_print();\n"
+        made = Project(
+            {"cmake/install.cmake": install, **header, "src/api/stats_c.cpp": print_it, "src/api/a.cpp": print_it}
+        )
+        said = [line for line in made.run("check_layers.py")[1] if "for hosts" in line]
+        self.assertEqual(said, ["src/api/a.cpp:1: mqtt_stats_print is for hosts; the library has stats/stats.hpp"])
+
     def test_an_exported_function_of_a_module_without_a_face(self):
         self.assertEqual(
-            self.calls({"src/client/client.h": "int client_send(int c);\n", "src/handler/a.cpp": "client_send(c);\n"}),
+            self.calls({"src/net/netip.h": "int netip_send(int c);\n", "src/client/a.cpp": "netip_send(c);\n"}),
             [],
+        )
+
+    def test_an_exported_function_that_is_a_callback(self):
+        files = {"src/client/client.h": "int on_netip_send_ready(int h);\nint client_send(int c);\n"}
+        self.assertEqual(
+            self.calls({**files, "src/client/a.cpp": "each(on_netip_send_ready);\neach(client_send);\n"}),
+            ["src/client/a.cpp:2: client_send is for hosts; the library has client/client.hpp"],
         )
 
     def test_everybody_may_use_base(self):
@@ -141,9 +158,9 @@ class CheckLayers(unittest.TestCase):
         self.assertEqual(self.faults({"src/net/netip.h": "", "broker/loop.h": "", "broker/view/top.cpp": lines}), [])
 
     def test_an_exception_that_nobody_uses_is_reported(self):
-        made = Project({"cmake/install.cmake": INSTALL, "src/stats/a.cpp": ""})
+        made = Project({"cmake/install.cmake": INSTALL, "src/persist/a.cpp": ""})
         self.assertIn(
-            "tools/check_layers.py: nothing in stats/ includes client/client.h any more",
+            "tools/check_layers.py: nothing in persist/ includes sub/sub.hpp any more",
             made.run("check_layers.py")[1],
         )
 

@@ -372,7 +372,7 @@ TEST(load_chaos, a_hundred_clients_on_ten_ids_beside_a_busy_host)
     printf("%u connects: %u closed, %u reset, %u disconnected, %u silent to the end, %u kicked, %u timed out\n"
            "%u messages reached their addressees, %u retained, %u of the group; wills: %d at once, %d late\n",
            g_tally.connects.load(), g_tally.hang_ups.load(), g_tally.resets.load(), g_tally.farewells.load(),
-           g_tally.ended_silent.load(), g_tally.kicks.load(), g_mqtt_stats.timeout, g_tally.received.load(),
+           g_tally.ended_silent.load(), g_tally.kicks.load(), uint32_t{g_mqtt_stats.timeout}, g_tally.received.load(),
            g_tally.retained.load(), g_tally.grouped.load(), g_tally.wills_at_once.load(), g_tally.wills_late.load());
     for (const auto *what : {&g_tally.connects, &g_tally.received, &g_tally.retained, &g_tally.grouped,
                              &g_tally.hang_ups, &g_tally.resets, &g_tally.farewells, &g_tally.kicks})

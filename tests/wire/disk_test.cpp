@@ -2,6 +2,7 @@
 // nothing to other clients.
 #include "support/broker_process.h"
 #include "support/host.h"
+#include "support/log_lines/persist.h"
 #include "support/peer.h"
 
 #include <cstring>
@@ -20,20 +21,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char *kNoMessages = R"({"msgs":[]})";
-
-Connect keep(unsigned level, bool present)
-{
-    return {.clean            = false,
-            .session_expiry_s = level == 5 ? std::optional(3600u) : std::nullopt,
-            .session_present  = present};
-}
-
-Peer come(unsigned level, const std::string &id, const Connect &options, Where where = Where::here())
-{
-    Peer peer = Peer::tcp(1883, where);
-    level == 4 ? peer.connect_v4(id, options, where) : peer.connect_v5(id, options, where);
-    return peer;
-}
 
 // Every file and directory here with its content, but for what the broker's own output goes to.
 std::map<std::string, std::string> everything()
@@ -196,7 +183,7 @@ TEST(disk, a_topic_that_looks_like_the_file_is_one_topic)
 
 namespace {
 
-const std::string kCannotWrite = "[persist] 写入临时文件失败(重试3次): ./broker_data/message/away.json.tmp";
+const LogLine kCannotWrite = logged::temporary_not_written("./broker_data/message/away.json.tmp");
 
 // A broker with one absent client, that has missed a message, and one retained message.
 struct Served {
@@ -237,9 +224,9 @@ struct Served {
     }
 };
 
-size_t times_said(const BrokerProcess &broker, const std::string &line) // lines are written as they come, whole
+size_t times_said(const BrokerProcess &broker, const LogLine &line) // lines are written as they come, whole
 {
-    return times_in(broker.log(), line);
+    return times_in(broker.log(), line.text);
 }
 
 } // namespace
@@ -253,7 +240,7 @@ TEST(disk, when_it_is_full_files_stay_and_clients_are_served)
     test.write_something();
     test.expect_old_files();
     EXPECT_EQ(times_said(test.broker, kCannotWrite), 1u);
-    EXPECT_EQ(times_said(test.broker, "[persist] retain save failed"), 0u) << "a file that is not whole is not told";
+    EXPECT_EQ(times_said(test.broker, logged::retained_not_saved()), 0u) << "a file that is not whole is not told";
 
     fs::remove("broker_data/rest");
     test.write_something();
@@ -271,7 +258,7 @@ TEST(disk, when_it_is_read_only_files_stay_and_clients_are_served)
     test.write_something();
     test.expect_old_files();
     EXPECT_EQ(times_said(test.broker, kCannotWrite), 1u);
-    EXPECT_EQ(times_said(test.broker, "[persist] retain save failed"), 1u);
+    EXPECT_EQ(times_said(test.broker, logged::retained_not_saved()), 1u);
     come(4, "away", {}).disconnect(); // forgotten, but its files stay
     test.expect_old_files();
 
@@ -286,11 +273,10 @@ TEST(disk, when_the_directory_is_removed_clients_are_served)
     fs::remove_all("broker_data");
     test.write_something();
     EXPECT_FALSE(fs::exists("broker_data"));
-    EXPECT_EQ(times_said(test.broker, "[persist] retain save failed"), 1u);
+    EXPECT_EQ(times_said(test.broker, logged::retained_not_saved()), 1u);
     Peer fresh = come(5, "fresh", keep(5, false));
     fresh.subscribe("fresh", 1);
-    EXPECT_EQ(times_said(test.broker, "[persist] 写入临时文件失败(重试3次): ./broker_data/subscription/fresh.json.tmp"),
-              1u);
+    EXPECT_EQ(times_said(test.broker, logged::temporary_not_written("./broker_data/subscription/fresh.json.tmp")), 1u);
     fresh.disconnect();
     come(4, "away", keep(4, false)).ping(); // without files there is no saved session
     EXPECT_FALSE(fs::exists("broker_data"));

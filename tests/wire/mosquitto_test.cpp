@@ -1,5 +1,6 @@
 // The stock command line clients, at level 4 and every QoS, both ways.
 #include "support/broker_process.h"
+#include "support/log_lines/client.h"
 #include "support/peer.h"
 
 #include <csignal>
@@ -238,9 +239,8 @@ TEST_F(slow_mosquitto, a_stopped_client_is_closed_in_time_and_its_will_published
     EXPECT_EQ(watch.read_packet(30000), wire("30 09 | 00 01 'w' | 'silent'"));
     EXPECT_GT(now_s() - start, 7.4);
     EXPECT_LT(now_s() - start, 7.5 + 11 + kSlowdown);
-    EXPECT_TRUE(wait_until([&] {
-        return broker.log().find("[超时完成] 客户端已关闭 → cid=deaf") != std::string::npos;
-    })); // after its will
+    EXPECT_TRUE(wait_until(
+        [&] { return broker.log().find(logged::timeout_closed("deaf").text) != std::string::npos; })); // after its will
 
     EXPECT_NE(awake.output().find("PINGRESP"), std::string::npos) << "which is what kept it";
     watch.publish("news", "hello");

@@ -136,7 +136,7 @@ TEST(will, is_dropped_by_a_disconnect)
         SCOPED_TRACE(level);
         Watch         test;
         const Connect options = {.will = Will{"w", "oops"}};
-        level == 5 ? test.client.connect_v5("a", options) : test.client.connect_v4("a", options);
+        test.client.connect(level, "a", options);
         test.client.disconnect();
         test.v4.expect_nothing();
     }
@@ -187,7 +187,7 @@ TEST(will, sizes_that_reach_a_subscriber)
         const auto leaves = [&](size_t payload) {
             Peer          mortal  = Peer::tcp();
             const Connect options = {.will = Will{"w", std::string(payload, 'x'), one.qos, false, one.properties}};
-            one.level == 5 ? mortal.connect_v5("a", options) : mortal.connect_v4("a", options);
+            mortal.connect(one.level, "a", options);
             mortal.hang_up();
         };
         leaves(one.payload);

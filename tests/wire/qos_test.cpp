@@ -14,7 +14,7 @@ struct Pair { // a subscriber on "t" at QoS 2 and a publisher
     Peer          sender     = Peer::tcp();
     explicit Pair(unsigned level = 4)
     {
-        level == 5 ? subscriber.connect_v5("s") : subscriber.connect_v4("s");
+        subscriber.connect(level, "s");
         subscriber.subscribe("t", 2);
         sender.connect_v4("p");
     }

@@ -1,6 +1,7 @@
 // The repetition of deliveries from beginning to end in real time, at both levels and QoS 1 and 2 side by side.
 #include "support/host.h"
 #include "support/log_capture.h"
+#include "support/log_lines/qos.h"
 #include "support/peer.h"
 
 #include <algorithm>
@@ -36,7 +37,7 @@ public:
     {
         const std::string id      = "sub-" + std::to_string(level) + std::to_string(qos) + std::to_string(int(answer));
         const Connect     options = {.keep_alive_s = 600};
-        level == 5 ? peer_.connect_v5(id, options) : peer_.connect_v4(id, options);
+        peer_.connect(level, id, options);
         peer_.subscribe("t", qos);
     }
 
@@ -131,7 +132,7 @@ TEST(slow_repetition, after_1_3_7_15_and_31_seconds_and_given_up_after_61)
     for (Listener &one : silent) {
         one.check(from_s, to_s, kCopies);
         one.check_rest();
-        dropped.push_back(error("[QoS] 报文重试次数超限(msg_id=" + std::to_string(one.id()) + ")，丢弃"));
+        dropped.push_back(logged::delivery_given_up(one.id()));
     }
     for (Listener &one : late) {
         one.check(from_s, to_s, 3);
@@ -170,7 +171,7 @@ TEST(repetition, ends_with_an_interval_that_the_receiver_sets)
     EXPECT_GE(now_s(), from_s + 2);
     std::vector<LogLine> ended;
     for (unsigned id : {first, second})
-        ended.push_back(warn("[QoS/Expiry] 消息已过期，自动丢弃: msg_id=" + std::to_string(id) + ", topic=t"));
+        ended.push_back(logged::delivery_expired(id, "t"));
     std::vector<LogLine> lines = log.take();
     std::erase_if(lines, [](const LogLine &line) { return line.text.rfind("[QoS/Expiry]", 0) != 0; });
     EXPECT_THAT(lines, testing::UnorderedElementsAreArray(ended));

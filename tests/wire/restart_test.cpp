@@ -64,20 +64,6 @@ std::vector<std::string> files_of(const std::string &id)
     return directories;
 }
 
-Peer come(unsigned level, const std::string &id, const Connect &options, Where where = Where::here())
-{
-    Peer peer = Peer::tcp(1883, where);
-    level == 4 ? peer.connect_v4(id, options, where) : peer.connect_v5(id, options, where);
-    return peer;
-}
-
-Connect keep(unsigned level, bool present)
-{
-    return {.clean            = false,
-            .session_expiry_s = level == 5 ? std::optional(3600u) : std::nullopt,
-            .session_present  = present};
-}
-
 // ---- sessions
 
 enum class Leaves { SaysGoodbye, HangsUp, Stays };
@@ -405,14 +391,6 @@ INSTANTIATE_TEST_SUITE_P(broker, restart, testing::Values(Ending::Asked, Ending:
 
 namespace {
 
-unsigned count_of(const std::string &text, const std::string &piece)
-{
-    unsigned count = 0;
-    for (size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1))
-        ++count;
-    return count;
-}
-
 std::string hex_of(const std::string &digits)
 {
     std::string pairs;
@@ -441,7 +419,7 @@ TEST(killed, what_was_acknowledged_is_on_the_disk)
         broker.crash();
 
         const std::string kept_text = messages_of(id);
-        const unsigned    kept      = count_of(kept_text, "\"msgid\":");
+        const size_t      kept      = times_in(kept_text, "\"msgid\":");
         EXPECT_GE(kept, acknowledged);
         std::vector<std::string> expected;
         size_t                   at = 0;

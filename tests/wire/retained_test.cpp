@@ -1,6 +1,7 @@
 // The store of retained messages as clients and the host see it: its thousand places, its order, and how lives end.
 #include "support/host.h"
 #include "support/log_capture.h"
+#include "support/log_lines/sub.h"
 #include "support/peer.h"
 
 #include "sub/sub.h"
@@ -125,10 +126,10 @@ TEST(retained, a_thousand_topics_and_not_one_more)
     EXPECT_EQ(test.host.retained_topics(), topics(0, kCapacity));
 
     test.sender.publish(topic_of(kCapacity), "one more", {.qos = 1, .retain = true}); // acknowledged all the same
-    EXPECT_THAT(log.take_from("ERROR"), ElementsAre(error("保留消息数量超限（max=1000）")));
+    EXPECT_THAT(log.take_from("ERROR"), ElementsAre(logged::retained_full()));
     watcher.expect_publish(topic_of(kCapacity), "one more"); // and passed on
     EXPECT_EQ(test.host.publish("k/host", "one more", 0, true), 0);
-    EXPECT_THAT(log.take_from("ERROR"), ElementsAre(error("保留消息数量超限（max=1000）")));
+    EXPECT_THAT(log.take_from("ERROR"), ElementsAre(logged::retained_full()));
     EXPECT_EQ(test.host.retained_topics(), topics(0, kCapacity));
     expect_replay("k/#", replay(0, kCapacity));
     EXPECT_EQ(std::filesystem::file_size("broker_data/retain.dat"), 4 + kCapacity * sizeof(retain_msg_t));
@@ -236,7 +237,7 @@ TEST(retained, lives_go_on_across_a_restart_and_end_after_seven_days_without_an_
     EXPECT_GT(time(nullptr), soon);
     expect_replay("+", publish_packet(4, "young", "x", {.retain = true}) +
                            publish_packet(4, "running", "x", {.retain = true}));
-    EXPECT_EQ(log.count(info("保留消息已过期，自动清理: topic=soon")), 1);
+    EXPECT_EQ(log.count(logged::retained_expired("soon")), 1);
     EXPECT_TRUE(wait_until(
         [] { return std::filesystem::file_size("broker_data/retain.dat") == 4 + 2 * sizeof(retain_msg_t); }));
 }

@@ -19,7 +19,7 @@ public:
     Peer &join(char name, const std::string &filter, unsigned qos = 1, unsigned level = 4, const Connect &options = {})
     {
         Peer &peer = members_.emplace(name, Peer::tcp()).first->second;
-        level == 5 ? peer.connect_v5({&name, 1}, options) : peer.connect_v4({&name, 1}, options);
+        peer.connect(level, {&name, 1}, options);
         return peer.subscribe(filter, qos);
     }
     void  leave(char name) { members_.erase(name); } // without a word

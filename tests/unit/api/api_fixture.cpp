@@ -2,10 +2,10 @@
 
 #include "base/clock.h"
 #include "client/client.h"
-#include "handler/packet_handler.h"
-#include "net/netip.h"
+#include "handler/handler.hpp"
+#include "net/net.hpp"
 #include "persist/persist.h"
-#include "stats/mqtt_stats.h"
+#include "stats/stats.hpp"
 #include "sub/retain.h"
 
 #include <algorithm>
@@ -146,7 +146,7 @@ mqtt_client_t *add_client(uint32_t handle, const char *id, broker_t *owner, uint
 {
     mqtt_client_t *const client = client_create(handle, "192.0.2.7", 40001, owner);
     client_set_cid(client, id);
-    poke(client->state, state);
+    client->state = state;
     return client;
 }
 
@@ -158,34 +158,36 @@ OwnClient::OwnClient(broker_t *owner, const char *id)
 
 } // namespace tarn::test
 
+using namespace tarn;
 using namespace tarn::test;
 
+// A module that has a C++ face is called through that, by its name for the linker.
 extern "C" {
 
-void     __real_agent_log(uint32_t, const char *, ...);
-void     __real_agent_log_init(const agent_log_config_t *);
-void     __real_agent_log_deinit(void);
-void     __real_mqtt_stats_init(void);
-void     __real_mqtt_stats_deinit(void);
-void     __real_mqtt_stats_print(void);
-void     __real_mqtt_stats_reset_period(void);
-int      __real_packet_handler_init(void);
-int      __real_packet_handler_broker_publish(const char *, const uint8_t *, int, uint8_t, uint8_t, uint32_t);
-void     __real_packet_handler_send_disconnect(mqtt_client_t *, uint8_t);
-void     __real__ZN4tarn7persist4initEPKc(const char *);
-void     __real__ZN4tarn7persist7destroyEv(void);
-uint32_t __real_client_mgr_init(int32_t);
-void     __real_client_mgr_deinit(void);
-uint32_t __real_client_clean_timeout(uint32_t);
-void     __real_client_will_delay_scan(void);
-int32_t  __real_client_fill_id_list(char *, int32_t);
-uint32_t __real_netip_init(netip_event_cb_t, void *, int32_t);
-void     __real_netip_deinit(void);
-void     __real__ZN4tarn3sub24discard_expired_retainedEv(void);
-int32_t  __real__ZN4tarn3sub20list_retained_topicsEPci(char *, int32_t);
-int      __real_usleep(useconds_t);
+void       __real__ZN4tarn3log5writeEjPKcz(uint32_t, const char *, ...);
+void       __real__ZN4tarn3log4initEPK18agent_log_config_t(const agent_log_config_t *);
+void       __real__ZN4tarn3log6deinitEv(void);
+void       __real__ZN4tarn5stats4initEv(void);
+void       __real__ZN4tarn5stats6deinitEv(void);
+void       __real__ZN4tarn5stats6reportEv(void);
+void       __real__ZN4tarn5stats12begin_periodEv(void);
+bool       __real__ZN4tarn7handler4initEv(void);
+bool       __real__ZN4tarn7handler16publish_for_hostERKNS0_11HostMessageE(const tarn::handler::HostMessage &);
+void       __real__ZN4tarn7handler14say_disconnectER13mqtt_client_th(mqtt_client_t &, uint8_t);
+void       __real__ZN4tarn7persist4initEPKc(const char *);
+void       __real__ZN4tarn7persist7destroyEv(void);
+bool       __real__ZN4tarn6client4initEi(int32_t);
+void       __real__ZN4tarn6client6deinitEv(void);
+uint32_t   __real__ZN4tarn6client12close_silentEmj(uint64_t, uint32_t);
+void       __real__ZN4tarn6client16settle_due_willsEm(uint64_t);
+int32_t    __real__ZN4tarn6client8list_idsEPci(char *, int32_t);
+net::Start __real__ZN4tarn3net5startEPFhjjPKhjjjPvES3_i(netip_event_cb_t, void *, int32_t);
+void       __real__ZN4tarn3net4stopEv(void);
+void       __real__ZN4tarn3sub24discard_expired_retainedEv(void);
+int32_t    __real__ZN4tarn3sub20list_retained_topicsEPci(char *, int32_t);
+int        __real_usleep(useconds_t);
 
-void __wrap_agent_log(uint32_t level, const char *format, ...)
+void __wrap__ZN4tarn3log5writeEjPKcz(uint32_t level, const char *format, ...)
 {
     char    text[1024];
     va_list arguments;
@@ -193,62 +195,62 @@ void __wrap_agent_log(uint32_t level, const char *format, ...)
     vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     note_line(level, text);
-    __real_agent_log(level, "%s", text);
+    __real__ZN4tarn3log5writeEjPKcz(level, "%s", text);
 }
-void __wrap_agent_log_init(const agent_log_config_t *config)
+void __wrap__ZN4tarn3log4initEPK18agent_log_config_t(const agent_log_config_t *config)
 {
     note_call("agent_log_init level=" + std::to_string(config->level) + " output=" + std::to_string(config->output) +
               " size=" + std::to_string(config->max_file_size) + " reserved=" + std::to_string(config->reserved_size) +
               " path=" + (config->file_path ? config->file_path : "null"));
-    __real_agent_log_init(config);
+    __real__ZN4tarn3log4initEPK18agent_log_config_t(config);
     if (g_level_kept >= 0)
         agent_log_set_level(static_cast<uint32_t>(g_level_kept));
 }
-void __wrap_agent_log_deinit(void)
+void __wrap__ZN4tarn3log6deinitEv(void)
 {
     note_call("agent_log_deinit");
-    __real_agent_log_deinit();
+    __real__ZN4tarn3log6deinitEv();
 }
-void __wrap_mqtt_stats_init(void)
+void __wrap__ZN4tarn5stats4initEv(void)
 {
     note_call("mqtt_stats_init");
-    __real_mqtt_stats_init();
+    __real__ZN4tarn5stats4initEv();
 }
-void __wrap_mqtt_stats_deinit(void)
+void __wrap__ZN4tarn5stats6deinitEv(void)
 {
     note_call("mqtt_stats_deinit");
-    __real_mqtt_stats_deinit();
+    __real__ZN4tarn5stats6deinitEv();
 }
-void __wrap_mqtt_stats_print(void)
+void __wrap__ZN4tarn5stats6reportEv(void)
 {
     note_call("mqtt_stats_print");
-    __real_mqtt_stats_print();
+    __real__ZN4tarn5stats6reportEv();
 }
-void __wrap_mqtt_stats_reset_period(void)
+void __wrap__ZN4tarn5stats12begin_periodEv(void)
 {
     note_call("mqtt_stats_reset_period");
-    __real_mqtt_stats_reset_period();
+    __real__ZN4tarn5stats12begin_periodEv();
 }
-int __wrap_packet_handler_init(void)
+bool __wrap__ZN4tarn7handler4initEv(void)
 {
     note_call("packet_handler_init");
-    return g_modules.packet_handler_init ? g_modules.packet_handler_init() : __real_packet_handler_init();
+    return g_modules.packet_handler_init ? g_modules.packet_handler_init() == 0 : __real__ZN4tarn7handler4initEv();
 }
-int __wrap_packet_handler_broker_publish(const char *topic, const uint8_t *payload, int length, uint8_t qos,
-                                         uint8_t retain, uint32_t expiry)
+bool __wrap__ZN4tarn7handler16publish_for_hostERKNS0_11HostMessageE(const tarn::handler::HostMessage &message)
 {
-    note_call("packet_handler_broker_publish " + std::string(topic) + " " + std::to_string(length) + " " +
-              std::to_string(qos) + " " + std::to_string(retain) + " " + std::to_string(expiry));
+    note_call("packet_handler_broker_publish " + std::string(message.topic) + " " +
+              std::to_string(message.payload.size()) + " " + std::to_string(message.qos) + " " +
+              std::to_string(message.retain) + " " + std::to_string(message.expiry_s));
     return g_modules.packet_handler_broker_publish
-               ? g_modules.packet_handler_broker_publish()
-               : __real_packet_handler_broker_publish(topic, payload, length, qos, retain, expiry);
+               ? g_modules.packet_handler_broker_publish() == 0
+               : __real__ZN4tarn7handler16publish_for_hostERKNS0_11HostMessageE(message);
 }
-void __wrap_packet_handler_send_disconnect(mqtt_client_t *client, uint8_t reason)
+void __wrap__ZN4tarn7handler14say_disconnectER13mqtt_client_th(mqtt_client_t &client, uint8_t reason)
 {
-    note_call("packet_handler_send_disconnect " + std::string(client->client_id) + " " + std::to_string(reason));
-    __real_packet_handler_send_disconnect(client, reason);
+    note_call("packet_handler_send_disconnect " + std::string(client.client_id) + " " + std::to_string(reason));
+    __real__ZN4tarn7handler14say_disconnectER13mqtt_client_th(client, reason);
     if (g_modules.on_disconnect_sent)
-        g_modules.on_disconnect_sent(*client);
+        g_modules.on_disconnect_sent(client);
 }
 void __wrap__ZN4tarn7persist4initEPKc(const char *path)
 {
@@ -260,40 +262,40 @@ void __wrap__ZN4tarn7persist7destroyEv(void)
     note_call("persist_destroy");
     __real__ZN4tarn7persist7destroyEv();
 }
-uint32_t __wrap_client_mgr_init(int32_t max_clients)
+bool __wrap__ZN4tarn6client4initEi(int32_t max_clients)
 {
     note_call("client_mgr_init " + std::to_string(max_clients));
-    return __real_client_mgr_init(max_clients);
+    return __real__ZN4tarn6client4initEi(max_clients);
 }
-void __wrap_client_mgr_deinit(void)
+void __wrap__ZN4tarn6client6deinitEv(void)
 {
     note_call("client_mgr_deinit");
-    __real_client_mgr_deinit();
+    __real__ZN4tarn6client6deinitEv();
 }
-uint32_t __wrap_client_clean_timeout(uint32_t threshold_ms)
+uint32_t __wrap__ZN4tarn6client12close_silentEmj(uint64_t now_ms, uint32_t threshold_ms)
 {
     note_call("client_clean_timeout " + std::to_string(threshold_ms));
-    return __real_client_clean_timeout(threshold_ms);
+    return __real__ZN4tarn6client12close_silentEmj(now_ms, threshold_ms);
 }
-void __wrap_client_will_delay_scan(void)
+void __wrap__ZN4tarn6client16settle_due_willsEm(uint64_t now_ms)
 {
     note_call("client_will_delay_scan");
-    __real_client_will_delay_scan();
+    __real__ZN4tarn6client16settle_due_willsEm(now_ms);
 }
-int32_t __wrap_client_fill_id_list(char *buf, int32_t size)
+int32_t __wrap__ZN4tarn6client8list_idsEPci(char *buf, int32_t size)
 {
-    return g_modules.list ? g_modules.list() : __real_client_fill_id_list(buf, size);
+    return g_modules.list ? g_modules.list() : __real__ZN4tarn6client8list_idsEPci(buf, size);
 }
-uint32_t __wrap_netip_init(netip_event_cb_t cb, void *arg, int32_t io_threads)
+net::Start __wrap__ZN4tarn3net5startEPFhjjPKhjjjPvES3_i(netip_event_cb_t cb, void *arg, int32_t io_threads)
 {
     note_call("netip_init threads=" + std::to_string(io_threads) + (cb == mqtt_netip_event_cb ? " bridge" : " ?") +
               " packets=" + std::to_string(g_default_max_packet_size));
-    return __real_netip_init(cb, arg, io_threads);
+    return __real__ZN4tarn3net5startEPFhjjPKhjjjPvES3_i(cb, arg, io_threads);
 }
-void __wrap_netip_deinit(void)
+void __wrap__ZN4tarn3net4stopEv(void)
 {
     note_call("netip_deinit");
-    __real_netip_deinit();
+    __real__ZN4tarn3net4stopEv();
 }
 void __wrap__ZN4tarn3sub24discard_expired_retainedEv(void)
 {

@@ -4,7 +4,7 @@
 #define TARN_TESTS_API_FIXTURE_H
 
 #include "api/api_internal.h"
-#include "client/client_ref.h"
+#include "client/client.hpp"
 #include "support/faults.h"
 #include "support/log_capture.h"
 

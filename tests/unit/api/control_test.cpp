@@ -38,14 +38,14 @@ struct publish : testing::Test {
 struct Listed {
     explicit Listed(mqtt_client_t *client) : entry(entry_of(client->client_id)) { entry = client; }
     ~Listed() { entry = nullptr; }
-    static mqtt_client_t *&entry_of(const char *id)
+    static Shared<mqtt_client_t *> &entry_of(const char *id)
     {
         uint32_t hash = 0;
         for (; *id; ++id)
             hash = hash * 31 + static_cast<uint32_t>(static_cast<signed char>(*id));
         return g_client_mgr.by_cid[hash % CLIENT_MAX];
     }
-    mqtt_client_t *&entry;
+    Shared<mqtt_client_t *> &entry;
 };
 
 } // namespace

@@ -9,6 +9,8 @@
 #include "sub/retain.h"
 #include "sub/sub.h"
 #include "unit/net/net_fixture.h"
+#include "support/log_lines/client.h"
+#include "support/log_lines/persist.h"
 
 #include <filesystem>
 #include <fstream>
@@ -196,7 +198,7 @@ TEST(init, sets_the_level_to_warn_before_anything_is_said)
     EXPECT_EQ(tarn_sdk_mqtt_broker_init(broker), TARN_OK);
     EXPECT_EQ(g_log_config.level, unsigned{AGENT_LOG_WARN});
     EXPECT_EQ(g_log_config.output, unsigned{AGENT_LOG_TO_CONSOLE | AGENT_LOG_TO_FILE});
-    EXPECT_THAT(log.take(), ElementsAre(warn("[persist] no retain file")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::no_retained_file()));
 }
 
 TEST(init, goes_on_when_packet_handling_cannot_start)
@@ -402,11 +404,11 @@ TEST_F(start, failing_in_the_layer_says_its_number_and_undoes_itself)
     const struct {
         Call call;
         int  number;
-    } rows[]                 = {{Call::EpollCreate, NETIP_EPOLL},
-                                {Call::Socket, NETIP_SOCKET},
-                                {Call::Bind, NETIP_BIND},
-                                {Call::Listen, NETIP_LISTEN}};
-    const size_t descriptors = open_descriptors();
+    } rows[]              = {{Call::EpollCreate, NETIP_EPOLL},
+                             {Call::Socket, NETIP_SOCKET},
+                             {Call::Bind, NETIP_BIND},
+                             {Call::Listen, NETIP_LISTEN}};
+    const int descriptors = descriptor_count();
     for (const auto &row : rows) {
         {
             const Fail fail(row.call, 1, EMFILE);
@@ -416,7 +418,7 @@ TEST_F(start, failing_in_the_layer_says_its_number_and_undoes_itself)
                     ElementsAre(kQosUp, kUp, "ERROR [SDK] netip_init failed[" + std::to_string(row.number) + "]",
                                 kQosDown, kDown));
         EXPECT_EQ(broker->running, 0);
-        EXPECT_EQ(open_descriptors(), descriptors);
+        EXPECT_EQ(descriptor_count(), descriptors);
     }
     EXPECT_EQ(broker.start(), TARN_OK);
     expect_service();
@@ -655,7 +657,7 @@ TEST_F(deinit, takes_everything_down_in_order)
                                                "client_mgr_deinit", kQosDown, kDown, "mqtt_stats_deinit",
                                                "agent_log_deinit", "INFO [SDK] deinit success"));
     EXPECT_FALSE(log->has(info("[SDK] deinit success"))); // the log is off by then
-    EXPECT_TRUE(log->has(info("Client manager deinit success (QoS module destroyed)")));
+    EXPECT_TRUE(log->has(logged::client_manager_down()));
     EXPECT_FALSE(net::is_up());
     EXPECT_EQ(broker->event_cb, nullptr);
     EXPECT_EQ(broker->auth_cb, nullptr);

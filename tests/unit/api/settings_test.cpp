@@ -1,5 +1,6 @@
 #include "log/agent_log.h"
 #include "support/log_capture.h"
+#include "support/log_lines/api.h"
 #include "tarn_sdk_mqtt_broker.h"
 
 #include <gmock/gmock.h>
@@ -41,8 +42,7 @@ TEST(keepalive_timeout, is_1_to_3600_seconds)
     EXPECT_EQ(tarn_sdk_mqtt_broker_set_keepalive_timeout(&broker, 1), TARN_OK);
     EXPECT_EQ(tarn_sdk_mqtt_broker_set_keepalive_timeout(&broker, 3600), TARN_OK);
     EXPECT_EQ(broker.keepalive_timeout, 3600);
-    EXPECT_THAT(log.take(), ElementsAre(info("[SDK] set keepalive timeout = 1 sec"),
-                                        info("[SDK] set keepalive timeout = 3600 sec")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::keepalive_timeout_set(1), logged::keepalive_timeout_set(3600)));
 }
 
 TEST(keepalive_timeout, is_refused_while_running)

@@ -1,4 +1,5 @@
 #include "client_fixture.h"
+#include "support/log_lines/client.h"
 
 #include <sys/epoll.h>
 
@@ -93,8 +94,7 @@ TEST(bridge, closes_the_connection_when_the_pool_is_full)
     take_calls();
     LogCapture log(2);
     EXPECT_EQ(event(2, NETIP_EVENT_DATA, wire("C0 00")), 1);
-    EXPECT_THAT(log.take(),
-                ElementsAre(error("Client pool full, max=1"), error("Create client failed, close handle=2")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::client_pool_full(1), logged::client_not_created(2)));
     EXPECT_TRUE(second.closed_by_broker());
     EXPECT_FALSE(first.closed_by_broker());
     EXPECT_THAT(take_calls(), IsEmpty());
@@ -110,7 +110,7 @@ TEST(bridge, closes_the_client_of_a_lost_connection)
     EXPECT_EQ(client->used, 0);
     EXPECT_THAT(take_calls(), ElementsAre("packet_handler_remove_client_subs dev1 0", "persist_remove dev1",
                                           "qos_reliable_clean_client_packets dev1"));
-    EXPECT_EQ(log.lines().front(), info("Client disconnected: handle=7, reason=0, error=0"));
+    EXPECT_EQ(log.lines().front(), logged::client_disconnected(7, 0, 0));
 }
 
 // As a kick on a host thread may do while the subscriptions are removed.
@@ -154,7 +154,7 @@ TEST(bridge, tells_a_lost_connection_without_a_client)
     const Manager manager;
     LogCapture    log;
     EXPECT_EQ(mqtt_netip_event_cb(7, NETIP_EVENT_DISCONNECTED, nullptr, 0, 2, 9, kBroker), 1);
-    EXPECT_THAT(log.take(), ElementsAre(info("Client disconnected: handle=7, reason=2, error=9")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::client_disconnected(7, 2, 9)));
     EXPECT_EQ(event(NETIP_NO_HANDLE, NETIP_EVENT_DISCONNECTED), 1);
     EXPECT_THAT(log.take(), IsEmpty());
 }
@@ -167,16 +167,16 @@ TEST(bridge, tells_a_lost_connection_once_from_inside_and_once_from_above)
     g_netip_cb = mqtt_netip_event_cb;
     LogCapture log(1);
     event(7, NETIP_EVENT_DISCONNECTED, {}, 0); // the I/O thread's, then the one nested in netip_close
-    EXPECT_EQ(log.count(info("Client disconnected: handle=7, reason=0, error=0")), 1);
-    EXPECT_EQ(log.count(info("Client disconnected: handle=7, reason=2, error=0")), 1);
+    EXPECT_EQ(log.count(logged::client_disconnected(7, 0, 0)), 1);
+    EXPECT_EQ(log.count(logged::client_disconnected(7, 2, 0)), 1);
     EXPECT_TRUE(socket.closed_by_broker());
     log.take();
 
     Socket               again(7);
     mqtt_client_t *const client = log_in(7, "dev1");
     client_close(client); // as a kick does
-    EXPECT_EQ(log.count(info("Client disconnected: handle=7, reason=2, error=0")), 1);
-    EXPECT_EQ(log.count(info("Client disconnected: handle=7, reason=0, error=0")), 0);
+    EXPECT_EQ(log.count(logged::client_disconnected(7, 2, 0)), 1);
+    EXPECT_EQ(log.count(logged::client_disconnected(7, 0, 0)), 0);
     g_netip_cb = nullptr;
 }
 
@@ -185,7 +185,7 @@ TEST(bridge, warns_of_other_events)
     LogCapture log;
     EXPECT_EQ(event(7, 3), 1);
     EXPECT_EQ(event(7, 77), 1);
-    EXPECT_THAT(log.take(), ElementsAre(warn("Unknown NetIP event type: 3"), warn("Unknown NetIP event type: 77")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::unknown_network_event(3), logged::unknown_network_event(77)));
     on_netip_send_ready(7); // does nothing
 }
 
@@ -227,7 +227,7 @@ TEST(bridge, makes_no_ghost_when_another_thread_closes_the_connection_first)
     EXPECT_TRUE(eventually([] { return delivered.load(); }));
     EXPECT_EQ(g_client_mgr.used_count, 0);
     EXPECT_THAT(take_calls(), IsEmpty()) << "not dispatched";
-    EXPECT_FALSE(log.has(error("Create client failed, close handle=0")));
+    EXPECT_FALSE(log.has(logged::client_not_created(0)));
     netip_deinit();
 }
 
@@ -246,11 +246,11 @@ TEST(bridge, remembers_the_connection_of_a_record)
 {
     const Manager manager;
     client_create(7, "", 0, kBroker);
-    EXPECT_EQ(client::side_at(0).generation.load(), 0u) << "no slot, no generation";
+    EXPECT_EQ(client::side_at(0).generation, 0u) << "no slot, no generation";
     ASSERT_EQ(netip_init(mqtt_netip_event_cb, kBroker, 1), 0u);
     std::atomic<uint32_t> generation{0};
     g_calls.on_packet = [&](mqtt_client_t &client, const Bytes &) {
-        generation = client::side_of(&client)->generation.load();
+        generation = client::side_of(&client)->generation;
         EXPECT_EQ(generation, net::generation_of(peek(client.handle)));
         return 0;
     };

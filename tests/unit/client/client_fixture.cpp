@@ -1,7 +1,7 @@
 #include "client_fixture.h"
 
 #include "base/clock.h"
-#include "handler/packet_handler.h"
+#include "handler/handler.hpp"
 #include "persist/persist.h"
 #include "qos/qos_reliable.h"
 
@@ -189,7 +189,7 @@ mqtt_client_t *log_in(uint32_t handle, const char *id, uint8_t clean, uint32_t v
     if (!client)
         return nullptr;
     client_set_cid(client, id);
-    poke(client->clean_session, clean);
+    client->clean_session = clean;
     poke(client->codec.version, version);
     EXPECT_TRUE(mark_logged_in(*client));
     return client;
@@ -259,16 +259,6 @@ void while_it_waits(Mutex &lock, const std::function<void()> &act, const std::fu
     thread.join();
 }
 
-bool eventually(const std::function<bool()> &condition)
-{
-    for (int i = 0; i < 5000; ++i) {
-        if (condition())
-            return true;
-        usleep(1000);
-    }
-    return condition();
-}
-
 } // namespace tarn::test
 
 using namespace tarn;
@@ -283,34 +273,35 @@ void *__real_mmap(void *, size_t, int, int, int, off_t);
 int   __real_mprotect(void *, size_t, int);
 
 // handler::dispatch by its name for the linker
-int __wrap__ZN4tarn7handler8dispatchER13mqtt_client_tPKhj(mqtt_client_t &client, const uint8_t *buf, uint32_t len)
+bool __wrap__ZN4tarn7handler8dispatchER13mqtt_client_tSt4spanIKhLm18446744073709551615EE(mqtt_client_t  &client,
+                                                                                         handler::Packet packet)
 {
-    note("packet_dispatch " + hex(buf, len));
-    return g_calls.on_packet ? g_calls.on_packet(client, Bytes(buf, buf + len)) : 0;
+    note("packet_dispatch " + hex(packet.data(), packet.size()));
+    return !g_calls.on_packet || g_calls.on_packet(client, Bytes(packet.begin(), packet.end())) == 0;
 }
 
-int __wrap_packet_send_will_message(mqtt_client_t *client)
+bool __wrap__ZN4tarn7handler12publish_willER13mqtt_client_t(mqtt_client_t &client)
 {
-    note("packet_send_will_message " + id_text(client) + " state " + std::to_string(peek(client->state)));
+    note("packet_send_will_message " + id_text(&client) + " state " + std::to_string(peek(client.state)));
     if (g_calls.on_will)
-        g_calls.on_will(*client);
-    poke(client->will_sent, 1);
-    return 0;
+        g_calls.on_will(client);
+    client.will_sent = 1;
+    return true;
 }
 
-void __wrap_packet_start_will_delay(mqtt_client_t *client)
+void __wrap__ZN4tarn7handler10start_willER13mqtt_client_t(mqtt_client_t &client)
 {
-    note("packet_start_will_delay " + id_text(client) + " state " + std::to_string(peek(client->state)));
-    if (peek(client->will_delay_interval) == 0) {
-        __wrap_packet_send_will_message(client);
+    note("packet_start_will_delay " + id_text(&client) + " state " + std::to_string(peek(client.state)));
+    if (peek(client.will_delay_interval) == 0) {
+        __wrap__ZN4tarn7handler12publish_willER13mqtt_client_t(client);
         return;
     }
-    ScopedLock lock(client->will_lock);
-    poke(client->will_delay_pending, 1);
-    poke(client->will_delay_deadline, mono_ms() + uint64_t{peek(client->will_delay_interval)} * 1000);
+    ScopedLock lock(client.will_lock);
+    client.will_delay_pending = 1;
+    client.will_delay_deadline = mono_ms() + uint64_t{peek(client.will_delay_interval)} * 1000;
 }
 
-void __wrap_packet_handler_remove_client_subs(const char *client_id, uint8_t clean_session)
+void __wrap__ZN4tarn7handler6forgetEPKch(const char *client_id, uint8_t clean_session)
 {
     note("packet_handler_remove_client_subs " + std::string(client_id) + " " + std::to_string(clean_session));
     if (g_calls.on_remove_subs)

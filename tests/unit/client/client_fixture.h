@@ -8,6 +8,7 @@
 #include "stats/mqtt_stats.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
+#include "support/timing.h"
 #include "support/wire.h"
 
 #include <cstring>
@@ -114,9 +115,6 @@ bool is_free(Mutex &lock);
 // Runs `act` on another thread while the test holds a lock that `act` will want, and meanwhile `then`, once the thread
 // is at the lock.
 void while_it_waits(Mutex &lock, const std::function<void()> &act, const std::function<void()> &then);
-
-// Polls for at most five seconds.
-bool eventually(const std::function<bool()> &condition);
 
 } // namespace tarn::test
 

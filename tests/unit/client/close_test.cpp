@@ -1,22 +1,23 @@
 #include "client_fixture.h"
 
 #include "base/clock.h"
+#include "support/log_lines/client.h"
 
 using namespace tarn;
 using namespace tarn::test;
 
 namespace {
 
-const LogLine kCloseLine   = debug("[MQTT5] Client close: max_packet_size=4096, client=dev1");
-const LogLine kFreeLine    = warn("[FREE-NORMAL] 客户端正常关闭: dev1");
-const LogLine kClosedLine  = debug("[遗嘱调试][客户端关闭完成] ClientID=, 状态改为CLOSED");
-const LogLine kDeletedLine = info("[MQTT5] 会话立即删除(expiry=0): dev1");
-const LogLine kForcedLine = info("[遗嘱调试][异常断开] ClientID=dev1, 未发送DISCONNECT报文，强制触发遗嘱发送");
+const LogLine kCloseLine   = logged::max_packet_size_at_close(4096, "dev1");
+const LogLine kFreeLine    = logged::client_closed("dev1");
+const LogLine kClosedLine  = logged::close_completed("");
+const LogLine kDeletedLine = logged::session_removed_at_close("dev1");
+const LogLine kForcedLine  = logged::connection_lost_with_will("dev1");
 const LogLine kParkedLine = debug("[遗嘱调试][延迟释放客户端] ClientID=dev1，等待遗嘱发送完成后再释放");
 
 LogLine entered(int delay_s)
 {
-    return warn("[WILL-ENTER] 客户端进入遗嘱延迟: dev1, will_delay_sec=" + std::to_string(delay_s));
+    return logged::will_delayed("dev1", delay_s);
 }
 
 struct Close : testing::Test {
@@ -74,7 +75,7 @@ TEST_F(Close, of_a_closed_record_is_told)
     record->state = CLIENT_CLOSED;
     strcpy(record->client_id, "dev1");
     client_close(record.get());
-    EXPECT_THAT(log.take(), ElementsAre(debug("[遗嘱调试][关闭客户端] ClientID=dev1, 状态已关闭，跳过")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::client_closed_already("dev1")));
 }
 
 TEST_F(Close, a_clean_client_is_released)
@@ -85,7 +86,7 @@ TEST_F(Close, a_clean_client_is_released)
     EXPECT_THAT(take_calls(), ElementsAre(kClean));
     expect_released(record);
     client_close(record);
-    EXPECT_THAT(own_lines(log), ElementsAre(debug("[遗嘱调试][关闭客户端] ClientID=, 状态已关闭，跳过")));
+    EXPECT_THAT(own_lines(log), ElementsAre(logged::client_closed_already("")));
 }
 
 TEST_F(Close, a_client_without_an_id_is_released)
@@ -94,9 +95,9 @@ TEST_F(Close, a_client_without_an_id_is_released)
     take_calls();
     log.take();
     client_close(record);
-    EXPECT_THAT(own_lines(log), ElementsAre(debug("[MQTT5] Client close: max_packet_size=4096, client="),
-                                            info("[MQTT5] 会话立即删除(expiry=0): "),
-                                            warn("[FREE-NORMAL] 客户端正常关闭: "), kClosedLine));
+    EXPECT_THAT(own_lines(log),
+                ElementsAre(logged::max_packet_size_at_close(4096, ""), logged::session_removed_at_close(""),
+                            logged::client_closed(""), kClosedLine));
     EXPECT_THAT(take_calls(), ElementsAre("persist_remove ", "qos_reliable_clean_client_packets "));
     expect_released(record);
 }
@@ -119,8 +120,7 @@ TEST_F(Close, a_session_with_an_expiry_interval_gets_its_deadline_and_is_saved)
     g_calls.on_mark                 = [&] { deadline_when_saved = record->session_expiry_deadline; };
     client_close(record);
     EXPECT_THAT(own_lines(log),
-                ElementsAre(kCloseLine, info("[MQTT5] 会话已设置过期: dev1, 剩余=3600秒, 截止=1800003600"), kFreeLine,
-                            kClosedLine));
+                ElementsAre(kCloseLine, logged::session_kept_until("dev1", 3600, 1800003600), kFreeLine, kClosedLine));
     EXPECT_THAT(take_calls(), ElementsAre("persist_mark 1 expiry 3600 until 1800003600", kClean));
     EXPECT_EQ(deadline_when_saved, 1800003600u);
     EXPECT_EQ(record->session.session_expiry_deadline, 1800003600u);
@@ -132,8 +132,7 @@ TEST_F(Close, the_largest_expiry_interval_does_not_wrap)
     mqtt_client_t *const record     = client(0);
     record->session_expiry_interval = 0xFFFFFFFF;
     client_close(record);
-    EXPECT_THAT(own_lines(log),
-                testing::Contains(info("[MQTT5] 会话已设置过期: dev1, 剩余=4294967295秒, 截止=6094967295")));
+    EXPECT_THAT(own_lines(log), testing::Contains(logged::session_kept_until("dev1", 4294967295u, 6094967295ull)));
 }
 
 TEST_F(Close, a_client_that_said_disconnect_keeps_its_session_as_it_is)
@@ -250,9 +249,8 @@ TEST_F(Close, session_first_then_will)
     give_will(record, 30);
     log.take();
     client_close(record);
-    EXPECT_THAT(own_lines(log),
-                ElementsAre(kCloseLine, info("[MQTT5] 会话已设置过期: dev1, 剩余=60秒, 截止=1800000060"), kForcedLine,
-                            entered(30), kParkedLine));
+    EXPECT_THAT(own_lines(log), ElementsAre(kCloseLine, logged::session_kept_until("dev1", 60, 1800000060), kForcedLine,
+                                            entered(30), kParkedLine));
     EXPECT_THAT(take_calls(),
                 ElementsAre("persist_mark 1 expiry 60 until 1800000060", "packet_start_will_delay dev1 state 2"));
     EXPECT_EQ(record->session_expiry_deadline, 1800000060u) << "a parked record keeps it";
@@ -315,8 +313,8 @@ TEST_F(Close, leaves_entries_that_are_not_its_own)
 
 TEST_F(Close, does_not_close_the_next_connection_with_its_handle)
 {
-    mqtt_client_t *const record = client(1);
-    client::side_at(0).generation.store(12345); // its connection is long gone
+    mqtt_client_t *const record   = client(1);
+    client::side_at(0).generation = 12345; // its connection is long gone
     Socket other(1);
     client_close(record);
     EXPECT_FALSE(other.closed_by_broker());
@@ -366,7 +364,7 @@ TEST_F(Close, of_an_own_record_leaves_it_to_its_owner)
     send(record.get(), wire("D0 00"));
     log.take();
     client_close(record.get());
-    EXPECT_EQ(log.lines().back(), debug("[遗嘱调试][客户端关闭完成] ClientID=own, 状态改为CLOSED"));
+    EXPECT_EQ(log.lines().back(), logged::close_completed("own"));
     EXPECT_EQ(record->state, uint32_t{CLIENT_CLOSED});
     EXPECT_EQ(record->used, 1);
     EXPECT_NE(record->send_queue, nullptr);
@@ -378,7 +376,7 @@ TEST_F(Close, shows_the_id_of_a_record_that_was_not_in_use)
     mqtt_client_t *const record = client(1);
     record->used                = 0;
     client_close(record);
-    EXPECT_EQ(log.lines().back(), debug("[遗嘱调试][客户端关闭完成] ClientID=dev1, 状态改为CLOSED"));
+    EXPECT_EQ(log.lines().back(), logged::close_completed("dev1"));
     EXPECT_EQ(record->state, uint32_t{CLIENT_CLOSED});
     EXPECT_EQ(g_client_mgr.used_count, 1);
 }

@@ -16,7 +16,7 @@ using namespace tarn::test;
 
 namespace {
 
-mqtt_client_t *&entry_of(const std::string &id)
+Shared<mqtt_client_t *> &entry_of(const std::string &id)
 {
     return g_client_mgr.by_cid[client::hash_of(id.c_str()) % CLIENT_MAX];
 }

@@ -1,4 +1,5 @@
 #include "client_fixture.h"
+#include "support/log_lines/client.h"
 
 #include <cstdio>
 #include <random>
@@ -100,7 +101,7 @@ TEST(client_id, is_cut_to_63_characters_and_told)
     const std::string    id63(63, 'k');
     client_set_cid(client, id64.c_str());
     EXPECT_EQ(std::string(client->client_id), id63);
-    EXPECT_THAT(log.take(), ElementsAre(debug("Set client ID: handle=7, cid=" + id63)));
+    EXPECT_THAT(log.take(), ElementsAre(logged::client_id_set(7, id63)));
     EXPECT_EQ(client_find_by_cid(id63.c_str()), client);
     EXPECT_EQ(client_find_by_cid(id64.c_str()), nullptr) << "compared exactly";
     EXPECT_EQ(g_client_mgr.by_cid[client::hash_of(id63.c_str()) % 11000], client);
@@ -131,10 +132,10 @@ TEST(client_id, two_empty_ids_within_a_second_are_one_id)
     EXPECT_STREQ(first->client_id, "auto_1800000000");
     EXPECT_STREQ(second->client_id, "auto_1800000000");
     EXPECT_EQ(client_find_by_cid("auto_1800000000"), second);
-    EXPECT_THAT(log.take(), ElementsAre(info("[MQTT标准] 空ClientID，Broker自动生成: auto_1800000000"),
-                                        debug("Set client ID: handle=1, cid=auto_1800000000"),
-                                        info("[MQTT标准] 空ClientID，Broker自动生成: auto_1800000000"),
-                                        debug("Set client ID: handle=2, cid=auto_1800000000")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(logged::client_id_generated("auto_1800000000"), logged::client_id_set(1, "auto_1800000000"),
+                            logged::client_id_generated("auto_1800000000"),
+                            logged::client_id_set(2, "auto_1800000000")));
 }
 
 TEST(client_id, set_again_leaves_the_old_entry)
@@ -156,7 +157,7 @@ TEST(client_id, of_a_client_that_is_closed_meanwhile_makes_no_entry)
         g_client_mgr.locks[hash % 111], [&] { client_set_cid(client, "dev1"); },
         [&] {
             EXPECT_TRUE(eventually([&] { return client::stored_id(*client).text == std::string("dev1"); }));
-            poke(client->state, CLIENT_CLOSED); // its closing found no entry to clear
+            client->state = CLIENT_CLOSED; // its closing found no entry to clear
         });
     EXPECT_EQ(g_client_mgr.by_cid[hash % 11000], nullptr);
 }

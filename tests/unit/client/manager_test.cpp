@@ -1,6 +1,7 @@
 #include "client_fixture.h"
 
 #include "qos/qos_reliable.h"
+#include "support/log_lines/client.h"
 
 #include <thread>
 
@@ -20,7 +21,7 @@ TEST(client_mgr_init, makes_whole_blocks_for_the_limit)
     g_calls.qos_stands_in = true;
     ASSERT_EQ(client_mgr_init(150), 0u);
     EXPECT_THAT(take_calls(), ElementsAre("qos_reliable_init"));
-    EXPECT_THAT(log.take(), ElementsAre(info("client_mgr_init success, dynamic max_clients = 150")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::client_manager_ready(150)));
     EXPECT_EQ(g_client_mgr.block_count, 2);
     EXPECT_EQ(g_client_mgr.capacity, 200);
     EXPECT_EQ(g_client_mgr.used_count, 0);
@@ -92,7 +93,7 @@ TEST(client_mgr_init, tears_down_again_when_reliable_delivery_fails)
     const std::vector<LogLine> lines = log.take();
     ASSERT_GE(lines.size(), 2u);
     EXPECT_EQ(lines.front(), error("QoS reliable init failed"));
-    EXPECT_EQ(lines.back(), info("Client manager deinit success (QoS module destroyed)"));
+    EXPECT_EQ(lines.back(), logged::client_manager_down());
     EXPECT_EQ(g_client_mgr.block_count, 0);
     EXPECT_EQ(g_client_mgr.running, 0);
     EXPECT_EQ(g_send_running, 0) << "no send thread was started";
@@ -105,7 +106,7 @@ TEST(client_mgr_init, does_not_check_whether_the_send_thread_started)
     Fail no_thread(Call::ThreadCreate);
     EXPECT_EQ(client_mgr_init(10), 0u);
     EXPECT_EQ(g_send_running, 1);
-    EXPECT_TRUE(log.has(info("client_mgr_init success, dynamic max_clients = 10")));
+    EXPECT_TRUE(log.has(logged::client_manager_ready(10)));
     client_mgr_deinit(); // joins nothing
     EXPECT_EQ(g_send_running, 0);
 }
@@ -157,8 +158,8 @@ TEST(client_mgr_deinit, frees_all_and_leaves_nothing_to_find)
 
     client_mgr_deinit();
     EXPECT_THAT(take_calls(), ElementsAre("qos_reliable_destroy"));
-    EXPECT_EQ(log.lines().back(), info("Client manager deinit success (QoS module destroyed)"));
-    EXPECT_TRUE(log.has(info("[SEND_THREAD] 发送线程退出")));
+    EXPECT_EQ(log.lines().back(), logged::client_manager_down());
+    EXPECT_TRUE(log.has(logged::send_thread_ended()));
     EXPECT_EQ(g_client_mgr.running, 0);
     EXPECT_EQ(g_client_mgr.blocks, nullptr);
     EXPECT_EQ(g_client_mgr.block_count, 0);
@@ -178,7 +179,7 @@ TEST(client_mgr_deinit, repeated_or_alone_only_says_its_line)
     LogCapture log(1);
     client_mgr_deinit();
     client_mgr_deinit();
-    EXPECT_EQ(log.count(info("Client manager deinit success (QoS module destroyed)")), 2);
+    EXPECT_EQ(log.count(logged::client_manager_down()), 2);
     EXPECT_EQ(g_client_mgr.blocks, nullptr);
 }
 
@@ -214,15 +215,15 @@ TEST(send_thread, says_when_it_starts_and_ends)
     LogCapture log;
     g_send_running = 0;
     EXPECT_EQ(send_thread_proc(nullptr), nullptr);
-    EXPECT_THAT(log.take(), ElementsAre(info("[SEND_THREAD] 发送线程启动"), info("[SEND_THREAD] 发送线程退出")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::send_thread_started(), logged::send_thread_ended()));
 
     mqtt_start_send_thread();
     mqtt_start_send_thread(); // runs already
     EXPECT_EQ(g_send_running, 1);
-    EXPECT_TRUE(eventually([&] { return log.has(info("[SEND_THREAD] 发送线程启动")); }));
+    EXPECT_TRUE(eventually([&] { return log.has(logged::send_thread_started()); }));
     mqtt_stop_send_thread();
     EXPECT_EQ(g_send_running, 0);
-    EXPECT_THAT(log.take(), ElementsAre(info("[SEND_THREAD] 发送线程启动"), info("[SEND_THREAD] 发送线程退出")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::send_thread_started(), logged::send_thread_ended()));
     mqtt_stop_send_thread(); // does not run
     EXPECT_THAT(log.take(), IsEmpty());
 }
@@ -237,7 +238,7 @@ TEST(send_thread, started_by_several_at_once_is_one)
         for (std::thread &starter : starters)
             starter.join();
         mqtt_stop_send_thread();
-        EXPECT_THAT(log.take(), ElementsAre(info("[SEND_THREAD] 发送线程启动"), info("[SEND_THREAD] 发送线程退出")));
+        EXPECT_THAT(log.take(), ElementsAre(logged::send_thread_started(), logged::send_thread_ended()));
     }
 }
 
@@ -245,9 +246,9 @@ TEST(send_thread, ended_through_its_flag_can_be_started_again)
 {
     LogCapture log;
     mqtt_start_send_thread();
-    poke(g_send_running, 0);
-    EXPECT_TRUE(eventually([&] { return log.count(info("[SEND_THREAD] 发送线程退出")) == 1; }));
+    g_send_running = 0;
+    EXPECT_TRUE(eventually([&] { return log.count(logged::send_thread_ended()) == 1; }));
     mqtt_start_send_thread();
-    EXPECT_TRUE(eventually([&] { return log.count(info("[SEND_THREAD] 发送线程启动")) == 2; }));
+    EXPECT_TRUE(eventually([&] { return log.count(logged::send_thread_started()) == 2; }));
     mqtt_stop_send_thread();
 }

@@ -79,9 +79,9 @@ TEST(pin, of_an_own_record_does_nothing)
     EXPECT_STREQ(id_of(*own).text, "own");
     OwnRecord other;
     EXPECT_EQ(&session_lock(*own), &session_lock(*other));
-    EXPECT_TRUE(claim_closing(*own));
-    EXPECT_TRUE(claim_closing(*own)) << "always wins";
-    unclaim_closing(*own);
+    const client::Claim claim(*own);
+    EXPECT_TRUE(claim);
+    EXPECT_TRUE(client::Claim(*own)) << "always wins";
 }
 
 TEST(pin, only_exact_record_addresses_belong_to_the_pool)
@@ -98,15 +98,18 @@ TEST(pin, only_exact_record_addresses_belong_to_the_pool)
     EXPECT_EQ(client::index_of(first + 100), client::kOutside) << "between two blocks";
 }
 
-TEST(claim_closing, has_one_winner)
+TEST(claim, has_one_winner)
 {
     const Manager        manager;
     mqtt_client_t *const client = log_in(1, "dev1");
-    EXPECT_TRUE(claim_closing(*client));
-    EXPECT_FALSE(claim_closing(*client));
-    unclaim_closing(*client);
-    EXPECT_TRUE(claim_closing(*client));
-    unclaim_closing(*client);
+    {
+        const client::Claim claim(*client);
+        EXPECT_TRUE(claim);
+        EXPECT_FALSE(client::Claim(*client));
+        EXPECT_FALSE(client::Claim(*client)) << "who did not get it does not give it back";
+    }
+    EXPECT_TRUE(client::Claim(*client));
+    EXPECT_TRUE(client::Claim(*client));
 }
 
 TEST(session_lock, is_one_for_each_pool_record)

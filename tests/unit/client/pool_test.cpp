@@ -2,6 +2,9 @@
 
 #include "base/clock.h"
 #include "qos/qos_reliable.h"
+#include "support/log_lines/client.h"
+#include "support/log_lines/codec.h"
+#include "support/log_lines/qos.h"
 
 #include <sys/mman.h>
 
@@ -32,7 +35,7 @@ TEST(client_create, fills_the_record_and_tells_it)
     LogCapture           log;
     mqtt_client_t *const client = client_create(7, "192.0.2.1", 1234, broker);
     ASSERT_NE(client, nullptr);
-    EXPECT_THAT(log.take(), ElementsAre(debug("mqtt_codec_ctx_init: success"),
+    EXPECT_THAT(log.take(), ElementsAre(logged::codec_context_ready(),
                                         debug("[MQTT5] Client init max_packet_size = 2000 (default), client="),
                                         debug("Create client: handle=7, ip=192.0.2.1:1234, total=1")));
     EXPECT_EQ(client->handle, 7u);
@@ -125,7 +128,7 @@ TEST(client_create, refuses_beyond_the_limit)
     EXPECT_EQ(g_client_mgr.blocks[0].used, 100);
     EXPECT_EQ(g_client_mgr.blocks[1].used, 50);
     EXPECT_EQ(create(150), nullptr);
-    EXPECT_THAT(log.take(), ElementsAre(error("Client pool full, max=150")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::client_pool_full(150)));
     EXPECT_EQ(client_find_by_handle(150), nullptr);
     EXPECT_EQ(g_client_mgr.used_count, 150);
 }
@@ -307,7 +310,7 @@ TEST(pool_free, drops_the_deliveries_of_the_record_and_takes_no_more)
         EXPECT_TRUE(is_released(&cleaned)) << "or one could be added behind the cleaning";
     };
     pool_free(client);
-    EXPECT_TRUE(log.has(info("[QoS] 清理客户端报文完成(client=dev1)：共清理1条")));
+    EXPECT_TRUE(log.has(logged::deliveries_dropped("dev1", 1)));
     EXPECT_EQ(g_pending_queue, nullptr);
     qos_reliable_add_packet(client, 2, 1, "t", "x", 1);
     EXPECT_EQ(g_pending_queue, nullptr);
@@ -316,7 +319,7 @@ TEST(pool_free, drops_the_deliveries_of_the_record_and_takes_no_more)
 TEST(pool_free, serves_a_block_that_a_caller_planted)
 {
     auto                records    = std::make_unique<mqtt_client_t[]>(100);
-    uint8_t             flags[100] = {};
+    Shared<uint8_t>     flags[100] = {};
     client_pool_block_t block{records.get(), flags, 1, 100};
     g_client_mgr.blocks      = &block;
     g_client_mgr.block_count = 1;

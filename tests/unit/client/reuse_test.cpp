@@ -23,7 +23,7 @@ struct Reuse : testing::Test {
         g_calls.on_packet = [this](mqtt_client_t &client, const Bytes &) {
             if (receivers.empty()) {
                 client_set_cid(&client, "dev1");
-                poke(client.session_expiry_interval, 60);
+                client.session_expiry_interval = 60;
                 EXPECT_TRUE(mark_logged_in(client));
             }
             receivers.push_back(&client);

@@ -1,4 +1,5 @@
 #include "client_fixture.h"
+#include "net/netip_internal.h"
 
 #include <chrono>
 #include <thread>
@@ -13,14 +14,14 @@ TEST(io_round, sends_at_its_end)
     mqtt_client_t *const other  = log_in(2, "dev2");
     Socket               socket(1), other_socket(2);
     client::begin_io_round();
-    EXPECT_TRUE(client::in_io_round());
+    EXPECT_NE(client::io_round(), 0u);
     send(client, {1});
     send(other, {9});
     send(client, {2});
     EXPECT_EQ(queued(client), 2);
     EXPECT_THAT(socket.received(), IsEmpty());
     client::end_io_round();
-    EXPECT_FALSE(client::in_io_round());
+    EXPECT_EQ(client::io_round(), 0u);
     EXPECT_EQ(hex(socket.received()), "01 02");
     EXPECT_EQ(hex(other_socket.received()), "09");
     client::begin_io_round();
@@ -77,11 +78,10 @@ TEST(io_round, drops_when_the_socket_is_full_too)
     for (int i = 0; i < 99; ++i)
         ASSERT_EQ(send(client, {1}), 0u);
     EXPECT_EQ(send(client, {1}), 0xFFFFFFFFu);
-    EXPECT_EQ(client::side_at(0).round_blocked.load(), 1) << "not tried again in this round";
+    EXPECT_EQ(client::side_at(0).blocked_round, client::io_round()) << "not tried again in this round";
     EXPECT_EQ(send(client, {1}), 0xFFFFFFFFu);
     EXPECT_EQ(g_mqtt_stats.drop_queue_full, 2u);
     client::end_io_round();
-    EXPECT_EQ(client::side_at(0).round_blocked.load(), 0);
     EXPECT_EQ(client::side_at(0).listed.load(), 1) << "the send thread's from here on";
     socket.unstuff();
     mqtt_start_send_thread();
@@ -132,25 +132,71 @@ TEST(io_round, a_client_closed_in_it_is_not_sent_to)
     EXPECT_EQ(hex(next_socket.received()), "02");
 }
 
-TEST(io_round, one_at_a_time)
+TEST(io_round, two_at_a_time_are_told_apart_and_the_first_to_end_sends_for_both)
 {
     const Manager        manager;
     mqtt_client_t *const client = log_in(1, "dev1");
     Socket               socket(1);
     client::begin_io_round();
-    pthread_t second;
-    pthread_create(
-        &second, nullptr,
-        [](void *) -> void * {
-            client::begin_io_round();
-            EXPECT_FALSE(client::in_io_round());
-            client::end_io_round();
-            return nullptr;
-        },
-        nullptr);
-    pthread_join(second, nullptr);
-    EXPECT_TRUE(client::in_io_round());
+    const uint32_t first = client::io_round();
     send(client, {1});
+    std::thread([first] {
+        client::begin_io_round();
+        EXPECT_NE(client::io_round(), 0u);
+        EXPECT_NE(client::io_round(), first);
+        client::end_io_round();
+    }).join();
+    EXPECT_EQ(hex(socket.received()), "01");
+    EXPECT_EQ(client::io_round(), first);
+    send(client, {2});
+    client::end_io_round();
+    EXPECT_EQ(hex(socket.received()), "02");
+}
+
+TEST(send_list, is_drained_by_a_round_that_ends_whoever_queued)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    Socket               socket(1);
+    send(client, {1}); // outside a round, and no send thread runs
+    EXPECT_THAT(socket.received(), IsEmpty());
+    client::begin_io_round();
     client::end_io_round();
     EXPECT_EQ(hex(socket.received()), "01");
+    EXPECT_EQ(client::side_at(0).listed.load(), 0);
+}
+
+TEST(send_list, has_each_record_once_and_the_oldest_first)
+{
+    const Manager manager;
+    log_in(1, "dev1");
+    log_in(2, "dev2");
+    log_in(3, "dev3");
+    for (int32_t index : {1, 0, 2, 1, 0})
+        client::list_for_sending(index);
+    std::vector<int32_t> drained;
+    client::drain_send_list([&](int32_t index) { drained.push_back(index); });
+    EXPECT_THAT(drained, ElementsAre(1, 0, 2));
+    client::drain_send_list([&](int32_t) { ADD_FAILURE() << "it is empty now"; });
+}
+
+TEST(writable_socket, gets_its_own_ring_at_once)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    mqtt_client_t *const other  = log_in(2, "dev2");
+    Socket               socket(1), other_socket(2);
+    client::use_network_hooks();
+    socket.stuff();
+    client::begin_io_round();
+    send(client, {1});
+    client::end_io_round();
+    EXPECT_EQ(queued(client), 1);
+    send(other, {9}); // nobody has looked at it yet
+    socket.unstuff();
+    net::call_writable_hook(1);
+    EXPECT_EQ(hex(socket.received()), "01");
+    EXPECT_EQ(queued(client), 0);
+    EXPECT_EQ(queued(other), 1);
+    net::call_writable_hook(3); // a connection without a record
 }

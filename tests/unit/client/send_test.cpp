@@ -83,7 +83,7 @@ TEST(client_send, gives_no_ring_to_a_client_that_is_released_meanwhile)
     mqtt_client_t *const client = log_in(1, "dev1");
     while_it_waits(
         client->send_lock, [&] { EXPECT_EQ(send(client, wire("D0 00")), kFailed); },
-        [&] { poke(client->state, CLIENT_CLOSED); });
+        [&] { client->state = CLIENT_CLOSED; });
     EXPECT_EQ(client->send_queue, nullptr);
     EXPECT_EQ(g_mqtt_stats.drop_offline, 1u);
     EXPECT_EQ(drops(), 1u);
@@ -122,7 +122,8 @@ TEST(client_send, wraps_round)
 {
     OwnRecord own;
     send(own.get(), {0});
-    own->send_head = own->send_tail = 98;
+    own->send_head = 98;
+    own->send_tail = 98;
     for (uint8_t i = 1; i <= 3; ++i)
         EXPECT_EQ(send(own.get(), {i}), 0u);
     EXPECT_EQ(own->send_tail, 1);
@@ -224,7 +225,8 @@ TEST(client_send_flush, sends_all_99_packets_across_the_end_of_the_ring)
     Socket               socket(1);
     send(client, {0});
     client->send_queue[0].ready = 0;
-    client->send_head = client->send_tail = 70;
+    client->send_head           = 70;
+    client->send_tail           = 70;
     Bytes expected;
     for (uint8_t i = 0; i < 99; ++i) {
         ASSERT_EQ(send(client, {i, i}), 0u);
@@ -269,8 +271,8 @@ TEST(client_send_flush, does_nothing_for_a_record_that_cannot_send)
 TEST(client_send_flush, sends_nothing_of_a_parked_client_to_the_next_owner_of_its_handle)
 {
     const Manager        manager;
-    mqtt_client_t *const client = log_in(1, "dev1");
-    client::side_at(client::index_of(client)).generation.store(77);
+    mqtt_client_t *const client                          = log_in(1, "dev1");
+    client::side_at(client::index_of(client)).generation = 77;
     send(client, wire("D0 00"));
     client->state = CLIENT_WILL_PENDING;
     Socket socket(1); // another connection
@@ -480,7 +482,8 @@ TEST(client_send_flush, the_next_client_of_a_slot_and_handle_is_sent_whole_packe
     }
     ASSERT_EQ(log_in(1, "dev2"), client);
     Socket socket(1);
-    client->send_head = client->send_tail = place;
+    client->send_head = place;
+    client->send_tail = place;
     send(client, numbered(3, 4000)); // at the same place in the same ring
     client_send_flush(client);
     EXPECT_EQ(socket.received(), numbered(3, 4000));

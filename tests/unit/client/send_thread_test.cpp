@@ -73,7 +73,7 @@ TEST(send_thread, passes_over_clients_that_are_not_online)
     Socket               first(1), second(2);
     first.stuff();
     send(parked, wire("D0 00"));
-    poke(parked->state, CLIENT_WILL_PENDING);
+    parked->state = CLIENT_WILL_PENDING;
     first.unstuff();
     send(online, wire("D0 00"));
     EXPECT_EQ(hex(second.wait_for(2)), "D0 00");
@@ -89,12 +89,12 @@ TEST(send_thread, finds_a_ring_that_was_filled_by_hand)
     Socket               socket(1);
     {
         ScopedLock  lock(client->send_lock);
-        auto *const ring = static_cast<client_send_slot_t *>(calloc(100, sizeof(client_send_slot_t)));
-        ring[0].data[0]  = 0xD0;
-        ring[0].length   = 2;
-        ring[0].ready    = 1;
-        poke(client->send_queue, ring);
-        poke(client->send_tail, 1);
+        auto *const ring   = static_cast<client_send_slot_t *>(calloc(100, sizeof(client_send_slot_t)));
+        ring[0].data[0]    = 0xD0;
+        ring[0].length     = 2;
+        ring[0].ready      = 1;
+        client->send_queue = ring;
+        client->send_tail  = 1;
     }
     EXPECT_EQ(hex(socket.wait_for(2)), "D0 00");
 }
@@ -113,7 +113,7 @@ TEST(send_thread, keeps_trying_a_client_without_a_connection)
 TEST(send_thread, serves_a_planted_block_too)
 {
     auto                records    = std::make_unique<mqtt_client_t[]>(100);
-    uint8_t             flags[100] = {};
+    Shared<uint8_t>     flags[100] = {};
     client_pool_block_t block{records.get(), flags, 1, 100};
     g_client_mgr.blocks      = &block;
     g_client_mgr.block_count = 1;

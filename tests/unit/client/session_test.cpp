@@ -1,4 +1,5 @@
 #include "client_fixture.h"
+#include "support/log_lines/client.h"
 
 #include <fstream>
 
@@ -23,10 +24,8 @@ TEST(expired_sessions, are_deleted_once_their_deadline_has_passed)
     parked_until(6, "old", 5);
     LogCapture log;
     client_clean_expired_sessions();
-    EXPECT_THAT(log.take(),
-                ElementsAre(info("[MQTT5] 开始清理过期会话..."),
-                            info("[MQTT5] 清理过期会话: past (deadline=1799999999)"),
-                            info("[MQTT5] 清理过期会话: old (deadline=5)"), info("[MQTT5] 过期会话清理完成")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::session_purge_started(), logged::session_purged("past", 1799999999),
+                                        logged::session_purged("old", 5), logged::session_purge_ended()));
     EXPECT_THAT(take_calls(), ElementsAre("persist_remove past", "persist_remove old"));
     EXPECT_EQ(past->session_expiry_deadline, static_cast<uint64_t>(now - 1)) << "stays";
     g_client_mgr.blocks[0].records[4].used = 1;
@@ -52,7 +51,7 @@ TEST(expired_sessions, without_a_pool_are_none)
 {
     LogCapture log;
     client_clean_expired_sessions();
-    EXPECT_THAT(log.take(), ElementsAre(info("[MQTT5] 开始清理过期会话..."), info("[MQTT5] 过期会话清理完成")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::session_purge_started(), logged::session_purge_ended()));
 }
 
 namespace {

@@ -1,6 +1,9 @@
 #include "client_fixture.h"
 
 #include "base/clock.h"
+#include "support/log_lines/client.h"
+
+#include <algorithm>
 
 using namespace tarn;
 using namespace tarn::test;
@@ -25,9 +28,15 @@ struct Timeout : testing::Test {
     }
 };
 
-std::string mono(const ManualClock &clock)
+int lines_that_begin(LogCapture &log, const char *text)
 {
-    return std::to_string(clock.mono_ms());
+    const std::vector<LogLine> lines = log.lines();
+    return static_cast<int>(
+        std::ranges::count_if(lines, [&](const LogLine &line) { return line.text.starts_with(text); }));
+}
+int visits(LogCapture &log) // of records that the scan looked at
+{
+    return lines_that_begin(log, "[超时扫描-详细]");
 }
 
 } // namespace
@@ -79,7 +88,7 @@ TEST_F(Timeout, activity_newer_than_the_scan_counts_as_none)
     const Manager        manager(1000);
     mqtt_client_t *const record = client(1, 10);
     record->last_active         = clock.mono_ms() + 5;
-    EXPECT_EQ(client::timeout_scan_turn(clock.mono_ms(), 1000), 0u);
+    EXPECT_EQ(client::close_silent(clock.mono_ms(), 1000), 0u);
     EXPECT_EQ(record->used, 1);
 }
 
@@ -92,38 +101,28 @@ TEST_F(Timeout, tells_every_step)
     mqtt_client_t *const fresh  = client_create(4, "", 0, nullptr);
     parked->state               = CLIENT_WILL_PENDING;
     silent->disconnect_received = 1;
-    const std::string then      = mono(clock);
+    const uint64_t then         = clock.mono_ms();
     clock.advance_ms(15000);
     client_update_active(client_find_by_handle(1));
-    const std::string now = mono(clock);
-    LogCapture        log;
+    const uint64_t now = clock.mono_ms();
+    LogCapture     log;
     EXPECT_EQ(client_clean_timeout(60000), 1u);
     EXPECT_THAT(
         own_lines(log),
-        ElementsAre(
-            debug("[超时清理] 开始扫描 | 当前时间 ms = " + now + " | 扫描块起点 = 0"),
-            debug("[超时扫描-详细] block=0, idx=0 | used=1 | state=2 | cid=dev1 | handle=0x1 | last_active=" + now +
-                  " | keepalive=10000"),
-            debug("[超时计算] cid=dev1 | 不活跃=0 ms | 阈值=15000 ms | 已超时? 否"),
-            debug("[超时扫描-详细] block=0, idx=1 | used=1 | state=2 | cid=dev2 | handle=0x2 | last_active=" + then +
-                  " | keepalive=10000"),
-            debug("[超时计算] cid=dev2 | 不活跃=15000 ms | 阈值=15000 ms | 已超时? 是"),
-            warn("[超时待关闭] 加入关闭列表 → cid=dev2 | 不活跃15000 ms"),
-            debug("[超时扫描-详细] block=0, idx=2 | used=1 | state=3 | cid=dev3 | handle=0x3 | last_active=" + then +
-                  " | keepalive=10000"),
-            debug("[超时跳过] cid=dev3 | 状态不是在线状态(state=3)"),
-            debug("[超时扫描-详细] block=0, idx=3 | used=1 | state=1 | cid=空ID | handle=0x4 | last_active=" + then +
-                  " | keepalive=0"),
-            debug("[超时计算] cid= | 不活跃=15000 ms | 阈值=60000 ms | 已超时? 否"),
-            debug("[超时扫描] block=1 无客户端，跳过"), debug("[超时扫描] block=2 无客户端，跳过"),
-            debug("[超时扫描] block=3 无客户端，跳过"), debug("[超时扫描] block=4 无客户端，跳过"),
-            debug("[超时扫描] block=5 无客户端，跳过"), debug("[超时扫描] block=6 无客户端，跳过"),
-            debug("[超时扫描] block=7 无客户端，跳过"), debug("[超时扫描] block=8 无客户端，跳过"),
-            debug("[超时扫描] block=9 无客户端，跳过"), debug("[超时清理] 本次扫描完成，待关闭客户端数量 = 1"),
-            warn("[超时执行关闭] 真实关闭 → cid=dev2, state=2, handle=0x2"),
-            debug("[MQTT5] Client close: max_packet_size=4096, client=dev2"),
-            warn("[FREE-NORMAL] 客户端正常关闭: dev2"), debug("[遗嘱调试][客户端关闭完成] ClientID=, 状态改为CLOSED"),
-            warn("[超时完成] 客户端已关闭 → cid="), info("[超时清理] 本次成功清理 1 个超时客户端")));
+        ElementsAre(logged::timeout_scan_started(now, 0), logged::timeout_looks_at(0, 0, 1, 2, "dev1", 1, now, 10000),
+                    logged::timeout_computed("dev1", 0, 15000, "否"),
+                    logged::timeout_looks_at(0, 1, 1, 2, "dev2", 2, then, 10000),
+                    logged::timeout_computed("dev2", 15000, 15000, "是"), logged::timeout_noted("dev2", 15000),
+                    logged::timeout_looks_at(0, 2, 1, 3, "dev3", 3, then, 10000),
+                    debug("[超时跳过] cid=dev3 | 状态不是在线状态(state=3)"),
+                    logged::timeout_looks_at(0, 3, 1, 1, "空ID", 4, then, 0),
+                    logged::timeout_computed("", 15000, 60000, "否"), logged::timeout_block_empty(1),
+                    logged::timeout_block_empty(2), logged::timeout_block_empty(3), logged::timeout_block_empty(4),
+                    logged::timeout_block_empty(5), logged::timeout_block_empty(6), logged::timeout_block_empty(7),
+                    logged::timeout_block_empty(8), logged::timeout_block_empty(9), logged::timeout_scan_ended(1),
+                    logged::timeout_closes("dev2", 2, 2), logged::max_packet_size_at_close(4096, "dev2"),
+                    logged::client_closed("dev2"), logged::close_completed(""), logged::timeout_closed(""),
+                    logged::timeout_scan_closed(1)));
     EXPECT_EQ(fresh->used, 1);
 }
 
@@ -134,7 +133,7 @@ TEST_F(Timeout, without_work_ends_with_a_debug_line)
     EXPECT_EQ(client_clean_timeout(1000), 0u);
     const std::vector<LogLine> lines = log.take();
     ASSERT_THAT(lines, SizeIs(13));
-    EXPECT_EQ(lines[11], debug("[超时清理] 本次扫描完成，待关闭客户端数量 = 0"));
+    EXPECT_EQ(lines[11], logged::timeout_scan_ended(0));
     EXPECT_EQ(lines[12], debug("[超时清理] 本次无客户端需要清理"));
 }
 
@@ -145,10 +144,8 @@ TEST_F(Timeout, a_parked_client_shows_its_id_to_the_end)
     client_set_will_msg(record, "gone", nullptr, 0, 0, 0);
     LogCapture log(2);
     EXPECT_EQ(scan_after(15000), 1u);
-    EXPECT_THAT(log.take(), ElementsAre(warn("[超时待关闭] 加入关闭列表 → cid=dev1 | 不活跃15000 ms"),
-                                        warn("[超时执行关闭] 真实关闭 → cid=dev1, state=2, handle=0x1"),
-                                        warn("[WILL-ENTER] 客户端进入遗嘱延迟: dev1, will_delay_sec=0"),
-                                        warn("[超时完成] 客户端已关闭 → cid=dev1")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::timeout_noted("dev1", 15000), logged::timeout_closes("dev1", 2, 1),
+                                        logged::will_delayed("dev1", 0), logged::timeout_closed("dev1")));
 }
 
 TEST_F(Timeout, does_nothing_while_the_manager_is_down)
@@ -225,12 +222,9 @@ TEST_F(Timeout, a_full_list_ends_the_trace)
     }
     LogCapture log;
     EXPECT_EQ(client_clean_timeout(0), 256u);
-    int visited = 0;
-    for (const LogLine &line : log.lines())
-        visited += line.text.rfind("[超时扫描-详细]", 0) == 0;
-    EXPECT_EQ(visited, 256);
-    EXPECT_TRUE(log.has(debug("[超时清理] 本次扫描完成，待关闭客户端数量 = 256")));
-    EXPECT_TRUE(log.has(info("[超时清理] 本次成功清理 256 个超时客户端")));
+    EXPECT_EQ(visits(log), 256);
+    EXPECT_TRUE(log.has(logged::timeout_scan_ended(256)));
+    EXPECT_TRUE(log.has(logged::timeout_scan_closed(256)));
     EXPECT_EQ(g_mqtt_stats.timeout, 256u);
 }
 
@@ -241,18 +235,13 @@ TEST_F(Timeout, a_small_pool_is_visited_again_but_its_clients_close_once)
     clock.advance_ms(15000);
     LogCapture log;
     EXPECT_EQ(client_clean_timeout(0), 1u);
-    int visited = 0, calculated = 0;
-    for (const LogLine &line : log.lines()) {
-        visited += line.text.rfind("[超时扫描-详细]", 0) == 0;
-        calculated += line.text.rfind("[超时计算]", 0) == 0;
-    }
-    EXPECT_EQ(visited, 4);
-    EXPECT_EQ(calculated, 4);
-    EXPECT_EQ(log.count(warn("[超时待关闭] 加入关闭列表 → cid=dev1 | 不活跃15000 ms")), 1);
+    EXPECT_EQ(visits(log), 4);
+    EXPECT_EQ(lines_that_begin(log, "[超时计算]"), 4);
+    EXPECT_EQ(log.count(logged::timeout_noted("dev1", 15000)), 1);
     EXPECT_EQ(g_mqtt_stats.timeout, 1u);
     log.take();
     client_clean_timeout(0);
-    EXPECT_EQ(log.lines().front(), debug("[超时清理] 开始扫描 | 当前时间 ms = " + mono(clock) + " | 扫描块起点 = 1"));
+    EXPECT_EQ(log.lines().front(), logged::timeout_scan_started(clock.mono_ms(), 1));
 }
 
 TEST_F(Timeout, the_cursor_restarts_when_the_pool_is_smaller_than_before)
@@ -277,12 +266,11 @@ TEST_F(Timeout, passes_over_records_that_are_not_whole)
     g_client_mgr.blocks[0].used_flags[2] = 0;
     LogCapture log;
     EXPECT_EQ(scan_after(15000), 0u);
-    for (const LogLine &line : log.lines())
-        EXPECT_NE(line.text.rfind("[超时扫描-详细]", 0), 0u);
+    EXPECT_EQ(visits(log), 0);
     g_client_mgr.blocks[0].used = 0;
     log.take();
     EXPECT_EQ(client_clean_timeout(0), 0u);
-    EXPECT_EQ(log.count(debug("[超时扫描] block=0 无客户端，跳过")), 10);
+    EXPECT_EQ(log.count(logged::timeout_block_empty(0)), 10);
     unused->used                         = 1;
     g_client_mgr.blocks[0].used_flags[2] = 1;
     g_client_mgr.blocks[0].used          = 3;
@@ -353,10 +341,8 @@ TEST(keepalive, is_set_in_milliseconds_and_counts_as_activity)
     EXPECT_EQ(client->last_active, clock.mono_ms());
     client_set_keepalive(client, 65535);
     EXPECT_EQ(client->keepalive_ms, 65535000u);
-    EXPECT_THAT(
-        log.take(),
-        ElementsAre(debug("client_set_keepalive: handle=0x0000001A, cid=dev1, keepalive=10秒（超时阈值=15秒）"),
-                    debug("client_set_keepalive: handle=0x0000001A, cid=dev1, keepalive=65535秒（超时阈值=98302秒）")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::keepalive_set(0x0000001A, "dev1", 10, 15),
+                                        logged::keepalive_set(0x0000001A, "dev1", 65535, 98302)));
 }
 
 TEST(keepalive, zero_becomes_sixty_seconds)
@@ -366,8 +352,7 @@ TEST(keepalive, zero_becomes_sixty_seconds)
     LogCapture           log;
     client_set_keepalive(client, 0);
     EXPECT_EQ(client->keepalive_ms, 60000u);
-    EXPECT_THAT(log.take(), ElementsAre(debug(
-                                "client_set_keepalive: handle=0x00000001, cid=dev1, keepalive=0秒（超时阈值=90秒）")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::keepalive_set(0x00000001, "dev1", 0, 90)));
 }
 
 TEST(keepalive, is_refused_for_a_record_without_a_connection)
@@ -381,9 +366,9 @@ TEST(keepalive, is_refused_for_a_record_without_a_connection)
     record->handle = NETIP_NO_HANDLE;
     client_set_keepalive(record.get(), 10);
     EXPECT_EQ(record->keepalive_ms, 0u);
-    EXPECT_THAT(log.take(), ElementsAre(error("client_set_keepalive: 无效客户端实例（handle=0x00000000, state=-1）"),
-                                        error("client_set_keepalive: 无效客户端实例（handle=0x00000007, state=4）"),
-                                        error("client_set_keepalive: 无效客户端实例（handle=0xFFFFFFFF, state=1）")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(logged::keepalive_refused(0x00000000, -1), logged::keepalive_refused(0x00000007, 4),
+                            logged::keepalive_refused(0xFFFFFFFF, 1)));
 }
 
 TEST(activity, is_now_unless_the_record_is_closed)

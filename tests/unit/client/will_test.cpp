@@ -1,18 +1,14 @@
 #include "client_fixture.h"
 
 #include "base/clock.h"
+#include "support/log_lines/client.h"
+
+#include <optional>
 
 using namespace tarn;
 using namespace tarn::test;
 
 namespace {
-
-std::string hex_of(const void *pointer)
-{
-    char text[32];
-    snprintf(text, sizeof text, "%p", pointer);
-    return text;
-}
 
 // A dropped client whose will is due in so many seconds.
 mqtt_client_t *park(uint32_t handle, const char *id, uint32_t delay_s)
@@ -35,16 +31,14 @@ TEST(set_will, stores_topic_payload_and_flags)
     LogCapture log;
     client_set_will_msg(client.get(), "a/b", text("gone").data(), 4, 2, 1);
     EXPECT_STREQ(client->will_topic, "a/b");
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(client->will_payload), 4), "gone");
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(peek(client->will_payload)), 4), "gone");
     EXPECT_EQ(client->will_payload_len, 4u);
     EXPECT_EQ(client->will_qos, 2);
     EXPECT_EQ(client->will_retain, 1);
     EXPECT_EQ(client->will_sent, 0);
     EXPECT_EQ(client->will_msg_used, 1);
-    EXPECT_THAT(log.take(), ElementsAre(debug("[遗嘱调试][设置开始] ClientID=dev1, 原始入参：topic=a/b, "
-                                              "payload_len=4, qos=2, retain=1"),
-                                        info("[遗嘱调试][设置成功] ClientID=dev1, 最终存储：topic=a/b, "
-                                             "payload_len=4, qos=2, retain=1, will_msg_used=1")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::will_given("dev1", "a/b", 4, 2, 1),
+                                        logged::will_stored("dev1", "a/b", 4, 2, 1, 1)));
     ScopedLock lock(client->will_lock);
     client::free_will_texts(*client);
 }
@@ -59,8 +53,7 @@ TEST(set_will, takes_2048_bytes_and_no_more)
     client_set_will_msg(client.get(), "new", payload.data(), 2049, 1, 0);
     EXPECT_STREQ(client->will_topic, "old") << "nothing changed";
     EXPECT_EQ(client->will_payload_len, 2048u);
-    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][设置失败] 参数无效：client=" + hex_of(client.get()) +
-                                              ", topic=new, payload_len=2049（上限=2048）, qos=1")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::will_refused(client.get(), "new", 2049, 1)));
     client_set_will_msg(client.get(), "new", payload.data(), 2047, 1, 0);
     EXPECT_EQ(client->will_payload_len, 2047u);
     ScopedLock lock(client->will_lock);
@@ -74,11 +67,8 @@ TEST(set_will, needs_a_client_and_a_topic)
     client_set_will_msg(nullptr, "t", nullptr, 0, 2, 0);
     client_set_will_msg(client.get(), nullptr, nullptr, 7, 1, 0);
     EXPECT_EQ(client->will_msg_used, 0);
-    EXPECT_THAT(
-        log.take(),
-        ElementsAre(error("[遗嘱调试][设置失败] 参数无效：client=(nil), topic=t, payload_len=0（上限=2048）, qos=2"),
-                    error("[遗嘱调试][设置失败] 参数无效：client=" + hex_of(client.get()) +
-                          ", topic=NULL, payload_len=7（上限=2048）, qos=1")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::will_refused(nullptr, "t", 0, 2),
+                                        logged::will_refused(client.get(), "NULL", 7, 1)));
 }
 
 TEST(set_will, lowers_a_qos_above_2_to_0)
@@ -88,12 +78,10 @@ TEST(set_will, lowers_a_qos_above_2_to_0)
     LogCapture log;
     client_set_will_msg(client.get(), "t", nullptr, 0, 3, 0);
     EXPECT_EQ(client->will_qos, 0);
-    EXPECT_THAT(
-        log.take(),
-        ElementsAre(debug("[遗嘱调试][设置开始] ClientID=dev1, 原始入参：topic=t, payload_len=0, qos=3, retain=0"),
-                    warn("[遗嘱调试][QoS降级] ClientID=dev1, 原始QoS=3超出范围（0-2），自动降级为QoS0"),
-                    info("[遗嘱调试][设置成功] ClientID=dev1, 最终存储：topic=t, payload_len=0, qos=0, "
-                         "retain=0, will_msg_used=1")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(logged::will_given("dev1", "t", 0, 3, 0),
+                            warn("[遗嘱调试][QoS降级] ClientID=dev1, 原始QoS=3超出范围（0-2），自动降级为QoS0"),
+                            logged::will_stored("dev1", "t", 0, 0, 0, 1)));
     ScopedLock lock(client->will_lock);
     client::free_will_texts(*client);
 }
@@ -125,8 +113,7 @@ TEST(set_will, without_memory_leaves_no_will)
         EXPECT_EQ(client->will_topic, nullptr);
         EXPECT_EQ(client->will_payload, nullptr);
         EXPECT_EQ(client->will_msg_used, 0);
-        EXPECT_THAT(log.take(), ElementsAre(info("[遗嘱调试][设置成功] ClientID=dev1, 最终存储：topic=(null), "
-                                                 "payload_len=3, qos=2, retain=1, will_msg_used=0")));
+        EXPECT_THAT(log.take(), ElementsAre(logged::will_stored("dev1", "(null)", 3, 2, 1, 0)));
     }
 }
 
@@ -157,7 +144,7 @@ TEST(set_will_enhance, stores_the_5_0_properties)
     EXPECT_EQ(client->will_correlation_len, 255u);
     EXPECT_EQ(client->will_correlation_data[254], 9);
     EXPECT_EQ(client->will_correlation_data[255], 0);
-    EXPECT_THAT(log.take(), ElementsAre(info("[遗嘱增强] ClientID=dev1 设置完成：延迟=30s, 过期=60s")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::will_delay_stored("dev1", 30, 60)));
 
     client_set_will_enhance(client.get(), 1, 2, 0, nullptr, nullptr, data.data(), 256);
     EXPECT_EQ(client->will_delay_interval, 1u);
@@ -257,25 +244,26 @@ TEST_F(WillScan, leaves_a_record_that_another_thread_settles)
 {
     mqtt_client_t *const record = park(1, "dev1", 1);
     clock.advance_ms(1000);
-    ASSERT_TRUE(claim_closing(*record));
-    client_will_delay_scan();
-    EXPECT_THAT(take_calls(), IsEmpty());
-    EXPECT_TRUE(will_delays_running()) << "looks again on the next turn";
-    unclaim_closing(*record);
+    {
+        const client::Claim claim(*record);
+        ASSERT_TRUE(claim);
+        client_will_delay_scan();
+        EXPECT_THAT(take_calls(), IsEmpty());
+        EXPECT_TRUE(will_delays_running()) << "looks again on the next turn";
+    }
     client_will_delay_scan();
     EXPECT_THAT(take_calls(), SizeIs(2));
 }
 
 TEST_F(WillScan, does_not_claim_what_is_not_due)
 {
-    mqtt_client_t *const record  = park(1, "dev1", 5);
-    bool                 claimed = false;
+    mqtt_client_t *const         record = park(1, "dev1", 5);
+    std::optional<client::Claim> claim;
     while_it_waits(record->will_lock, client_will_delay_scan, [&] {
         EXPECT_FALSE(client::is_idle(0)) << "the scan looks at it";
-        claimed = claim_closing(*record);
+        claim.emplace(*record);
     });
-    EXPECT_TRUE(claimed) << "as the CONNECT of a client that comes back does, to cancel its will";
-    unclaim_closing(*record);
+    EXPECT_TRUE(*claim) << "as the CONNECT of a client that comes back does, to cancel its will";
 }
 
 TEST_F(WillScan, leaves_the_tables_to_the_client_that_came_back)

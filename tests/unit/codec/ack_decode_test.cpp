@@ -1,4 +1,5 @@
 #include "calls.h"
+#include "support/log_lines/codec.h"
 
 #include <gtest/gtest.h>
 
@@ -42,11 +43,11 @@ std::vector<uint32_t> codes_of(const Ack &d)
 }
 using Codes = std::vector<uint32_t>;
 
-template <int Type> void expect_refused(const char *bytes, const std::string &text)
+template <int Type> void expect_refused(const char *bytes, const LogLine &line)
 {
     const Ack d = decode<Type>(bytes, 5);
     EXPECT_EQ(d.code, -4);
-    EXPECT_EQ(d.all, Log{error(text)});
+    EXPECT_EQ(d.all, Log{line});
     EXPECT_EQ(d.consumed, static_cast<int>(wire(bytes).size()));
     EXPECT_TRUE(untouched(d.ctx));
     EXPECT_EQ(d.ctx.version, 5u);
@@ -197,31 +198,31 @@ TEST(ack_decode, refuses_missing_parameters)
 
 TEST(ack_decode, refuses_another_type)
 {
-    expect_refused<kPuback>("62 02 00 07", "ACK decode: packet type mismatch (expected=4, actual=6)");
-    expect_refused<kPubrel>("42 02 00 07", "ACK decode: packet type mismatch (expected=6, actual=4)");
-    expect_refused<20>("40 02 00 07", "ACK decode: packet type mismatch (expected=20, actual=4)");
-    expect_refused<-12>("40 02 00 07", "ACK decode: packet type mismatch (expected=-12, actual=4)");
+    expect_refused<kPuback>("62 02 00 07", logged::ack_decode_wrong_type(4, 6));
+    expect_refused<kPubrel>("42 02 00 07", logged::ack_decode_wrong_type(6, 4));
+    expect_refused<20>("40 02 00 07", logged::ack_decode_wrong_type(20, 4));
+    expect_refused<-12>("40 02 00 07", logged::ack_decode_wrong_type(-12, 4));
     EXPECT_EQ(decode<kPuback>("62 02 00 07").para.reason_code, 0xEE) << "before the record is cleared";
 }
 
 TEST(ack_decode, refuses_a_bad_remaining_length)
 {
-    expect_refused<kPuback>("40 80 80", "ACK decode: invalid remaining length (len=-1, consumed=0)");
-    expect_refused<kPuback>("40 82 80 80 00 00 07", "ACK decode: invalid remaining length (len=-1, consumed=0)");
+    expect_refused<kPuback>("40 80 80", logged::ack_decode_bad_remaining_length(-1, 0));
+    expect_refused<kPuback>("40 82 80 80 00 00 07", logged::ack_decode_bad_remaining_length(-1, 0));
     EXPECT_EQ(decode<kPuback>("40 80 80").para.reason_code, 0) << "behind where the record is cleared";
 }
 
 TEST(ack_decode, refuses_an_incomplete_packet)
 {
-    expect_refused<kPuback>("40 02 00", "ACK decode: packet incomplete (need=4, actual=3)");
-    expect_refused<kPuback>("40 03 00 07", "ACK decode: packet incomplete (need=5, actual=4)");
-    expect_refused<kPuback>("40 FF FF 7F", "ACK decode: packet incomplete (need=2097155, actual=4)");
+    expect_refused<kPuback>("40 02 00", logged::ack_decode_incomplete(4, 3));
+    expect_refused<kPuback>("40 03 00 07", logged::ack_decode_incomplete(5, 4));
+    expect_refused<kPuback>("40 FF FF 7F", logged::ack_decode_incomplete(2097155, 4));
 }
 
 TEST(ack_decode, refuses_a_packet_without_identifier)
 {
-    expect_refused<kPuback>("40 00 00", "ACK decode: buffer too short for msg id");
-    expect_refused<kPuback>("40 01 00 07", "ACK decode: buffer too short for msg id");
+    expect_refused<kPuback>("40 00 00", logged::ack_decode_no_packet_id());
+    expect_refused<kPuback>("40 01 00 07", logged::ack_decode_no_packet_id());
 }
 
 TEST(ack_decode, every_cut_of_a_packet_is_refused)

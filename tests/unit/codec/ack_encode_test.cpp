@@ -1,4 +1,5 @@
 #include "calls.h"
+#include "support/log_lines/codec.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -42,10 +43,10 @@ void expect_packet(const Encoded &e, uint32_t type, const std::string &packet)
     EXPECT_EQ(e.all, Log{});
 }
 
-void expect_refused(const Encoded &e, int code, const std::string &text)
+void expect_refused(const Encoded &e, int code, const LogLine &line)
 {
     EXPECT_EQ(e.code, code);
-    EXPECT_EQ(e.all, Log{error(text)});
+    EXPECT_EQ(e.all, Log{line});
     EXPECT_EQ(e.length, static_cast<int>(e.buffer.size()));
     EXPECT_EQ(e.buffer, repeat(0xEE, e.buffer.size()));
     EXPECT_TRUE(untouched(e.ctx));
@@ -56,9 +57,7 @@ Log list(const char *name, const Bytes &bytes)
 {
     Log lines;
     for (size_t i = 0; i < 16; ++i) {
-        char text[64];
-        snprintf(text, sizeof text, "%s[%zu] = 0x%02X", name, i, i < bytes.size() ? bytes[i] : 0);
-        lines.push_back(info(text));
+        lines.push_back(info(printed("%s[%zu] = 0x%02X", name, i, i < bytes.size() ? bytes[i] : 0)));
     }
     return lines;
 }
@@ -69,16 +68,15 @@ Log operator+(Log left, const Log &right)
 }
 Log head_list(const char *bytes)
 {
-    return Log{info("【QoS溯源6】SUBACK可变头（前16字节）：")} + list("var_header", wire(bytes));
+    return Log{logged::suback_variable_header()} + list("var_header", wire(bytes));
 }
 Log code_list(const char *bytes)
 {
-    return Log{info("【QoS溯源6】SUBACK负载（前16字节）：")} + list("payload_buf", wire(bytes));
+    return Log{logged::suback_payload()} + list("payload_buf", wire(bytes));
 }
 Log packet_list(int length, const char *bytes)
 {
-    return Log{info("【QoS溯源7】发送SUBACK前最终缓冲区（长度=" + std::to_string(length) + "）：")} +
-           list("ack_buf", wire(bytes));
+    return Log{logged::suback_final(length)} + list("ack_buf", wire(bytes));
 }
 
 // The address inside a line differs from run to run.
@@ -185,7 +183,7 @@ TEST(ack_encode, refuses_missing_parameters)
 
 TEST(ack_encode, refuses_other_types)
 {
-    const auto line = [](int type) { return "ACK encode: unsupported packet type " + std::to_string(type); };
+    const auto line = [](int type) { return error("ACK encode: unsupported packet type " + std::to_string(type)); };
     expect_refused(encode<8>(ack(7), 4), -5, line(8));
     expect_refused(encode<3>(ack(7), 4), -5, line(3));
     expect_refused(encode<10>(ack(7), 4), -5, line(10));
@@ -198,8 +196,7 @@ TEST(ack_encode, refuses_other_types)
 TEST(ack_encode, wants_level_4_or_5)
 {
     for (const uint32_t version : {0u, 3u, 6u})
-        expect_refused(encode<kPuback>(ack(7), version), -2,
-                       "ACK encode: unsupported version " + std::to_string(version));
+        expect_refused(encode<kPuback>(ack(7), version), -2, logged::ack_encode_unsupported_version(version));
 }
 
 // ---- trace at INFO: part of what operators read, in this order
@@ -220,7 +217,7 @@ TEST(ack_encode, traces_a_level_5_suback)
 {
     const Encoded e = encode<kSuback>(ack(0x1234, 0x55, {1, 0x180}), 5, 1);
     EXPECT_EQ(without_addresses(e.all),
-              (Log{info("【QoS溯源3】MQTT 5.0 SUBACK全局Reason Code修正：强制设为0x00（Success），原参数值=0x55"),
+              (Log{logged::suback_code_forced(0x55),
                    info("【QoS溯源5】编码SUBACK QoS[0]：参数值=1 (0x01) → 写入负载缓冲区地址=0x<p>, 值=0x01"),
                    info("【QoS溯源5】编码SUBACK QoS[1]：参数值=384 (0x180) → 写入负载缓冲区地址=0x<p>, 值=0x80")}) +
                   head_list("12 34 00") + code_list("01 80") + packet_list(7, "90 05 12 34 00 01 80"));
@@ -243,10 +240,10 @@ TEST(ack_encode, adds_its_own_lines_at_debug)
 {
     EXPECT_EQ(encode<kPubrel>(ack(0x1234, 0x10), 4, 0).all,
               Log{debug("ACK encode: PUBREL packet, set QoS1 flag, fixed_header=0x62")} + head_list("12 34") +
-                  Log{debug("ACK encode success: type=6, msg_id=4660, version=4, len=4")});
+                  Log{logged::ack_encoded(6, 4660, 4, 4)});
     EXPECT_EQ(encode<kPuback>(ack(0x1234, 0x10), 5, 0).all,
               Log{debug("ACK encode: no properties, skip properties length field (reduce redundancy)")} +
-                  head_list("12 34 10") + Log{debug("ACK encode success: type=4, msg_id=4660, version=5, len=5")});
+                  head_list("12 34 10") + Log{logged::ack_encoded(4, 4660, 5, 5)});
 }
 
 TEST(ack_encode, dumps_a_level_5_suback_at_debug)
@@ -254,8 +251,6 @@ TEST(ack_encode, dumps_a_level_5_suback_at_debug)
     const Log all = encode<kSuback>(ack(0x1234, 0, {1}), 5, 0).all;
     ASSERT_GE(all.size(), 3u);
     EXPECT_EQ(Log(all.end() - 3, all.end()),
-              (Log{debug("【QoS溯源7】SUBACK final packet hex dump"), debug("90 04 12 34 00 01 "),
-                   debug("ACK encode success: type=9, msg_id=4660, version=5, len=6")}));
-    EXPECT_THAT(encode<kSuback>(ack(0x1234, 0, {1}), 4, 0).all,
-                testing::Not(testing::Contains(debug("【QoS溯源7】SUBACK final packet hex dump"))));
+              (Log{logged::suback_dump(), debug("90 04 12 34 00 01 "), logged::ack_encoded(9, 4660, 5, 6)}));
+    EXPECT_THAT(encode<kSuback>(ack(0x1234, 0, {1}), 4, 0).all, testing::Not(testing::Contains(logged::suback_dump())));
 }

@@ -19,15 +19,20 @@ using Log = std::vector<LogLine>;
 
 inline Log loud(Log log) // WARN and above
 {
-    std::erase_if(log, [](const LogLine &line) { return line.level == "DEBUG" || line.level == "INFO"; });
+    std::erase_if(log, [](const LogLine &line) { return rank_of(line) < 2; });
     return log;
+}
+
+// A text of so many characters, without a terminator when they fill the array.
+template <size_t N> void fill(char (&array)[N], size_t length = N)
+{
+    memset(array, 0, N);
+    memset(array, 'x', length);
 }
 
 inline std::string pointer(const void *p) // as a log line prints it
 {
-    char text[32];
-    snprintf(text, sizeof text, "%p", p);
-    return text;
+    return printed("%p", p);
 }
 
 // Zeroes with padding, to compare bytewise. In place, because a copy may leave the padding behind.

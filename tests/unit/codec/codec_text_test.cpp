@@ -1,9 +1,12 @@
-#include "codec/codec_text.h"
+#include "codec/codec.hpp"
 
 #include <climits>
 #include <gtest/gtest.h>
 
-using tarn::codec::error_text;
+static const char *error_text(int code)
+{
+    return tarn::codec::error_text(tarn::codec::Result{code});
+}
 
 TEST(codec_text, every_failure_has_its_text)
 {

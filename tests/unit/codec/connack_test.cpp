@@ -1,4 +1,5 @@
 #include "calls.h"
+#include "support/log_lines/codec.h"
 
 #include <gtest/gtest.h>
 
@@ -23,10 +24,10 @@ void expect_packet(const Encoded &e, const char *packet, const Log &log = {})
     EXPECT_EQ(e.ctx.last_packet_len, 78u) << "decoders only";
 }
 
-void expect_refused(const Encoded &e, int code, const std::string &text)
+void expect_refused(const Encoded &e, int code, const LogLine &line)
 {
     EXPECT_EQ(e.code, code);
-    EXPECT_EQ(e.log, Log{error(text)});
+    EXPECT_EQ(e.log, Log{line});
     EXPECT_EQ(e.length, static_cast<int>(e.buffer.size()));
     EXPECT_TRUE(untouched(e.ctx));
     EXPECT_EQ(e.buffer, repeat(0xEE, e.buffer.size()));
@@ -37,10 +38,10 @@ Decoded<Connack> decode(const char *packet, uint32_t version = 4)
     return decode_with(mqtt_codec_decode_connack, wire(packet), version);
 }
 
-void expect_refused(const Decoded<Connack> &d, const std::string &text)
+void expect_refused(const Decoded<Connack> &d, const LogLine &line)
 {
     EXPECT_EQ(d.code, -4);
-    EXPECT_EQ(d.log, Log{error(text)});
+    EXPECT_EQ(d.log, Log{line});
     EXPECT_TRUE(untouched(d.ctx));
 }
 
@@ -66,7 +67,7 @@ TEST(connack_encode, v4)
 
 TEST(connack_encode, v4_never_shows_a_refusal)
 {
-    const Log forced = {warn("CONNACK encode: 3.1.1 force code=0")};
+    const Log forced = {logged::connack_code_forced()};
     expect_packet(encode({0, 5, 0, 0, 0, 0}, 4), "20 02 00 00", forced);
     expect_packet(encode({1, 0xFF, 0, 0, 0, 0}, 4), "20 02 01 00", forced);
 }
@@ -81,22 +82,22 @@ TEST(connack_encode, v5_always_has_thirteen_bytes)
 TEST(connack_encode, v4_needs_4_bytes_of_capacity)
 {
     expect_packet(encode({}, 4, 4), "20 02 00 00");
-    expect_refused(encode({}, 4, 3), -1, "CONNACK encode: invalid param");
+    expect_refused(encode({}, 4, 3), -1, logged::connack_encode_invalid_param());
 }
 
 TEST(connack_encode, v5_needs_128_bytes_of_capacity)
 {
     EXPECT_EQ(encode({}, 5, 128).code, 0);
-    expect_refused(encode({}, 5, 127), -1, "CONNACK encode: invalid param");
-    expect_refused(encode({}, 5, 13), -1, "CONNACK encode: invalid param");
+    expect_refused(encode({}, 5, 127), -1, logged::connack_encode_invalid_param());
+    expect_refused(encode({}, 5, 13), -1, logged::connack_encode_invalid_param());
 }
 
 TEST(connack_encode, level)
 {
-    expect_refused(encode({}, 0), -2, "CONNACK encode: unsupported version 0");
-    expect_refused(encode({}, 3), -2, "CONNACK encode: unsupported version 3");
-    expect_refused(encode({}, 6), -2, "CONNACK encode: unsupported version 6");
-    expect_refused(encode({}, 6, 127), -1, "CONNACK encode: invalid param"); // the capacity is judged first
+    expect_refused(encode({}, 0), -2, logged::connack_encode_unsupported_version(0));
+    expect_refused(encode({}, 3), -2, logged::connack_encode_unsupported_version(3));
+    expect_refused(encode({}, 6), -2, logged::connack_encode_unsupported_version(6));
+    expect_refused(encode({}, 6, 127), -1, logged::connack_encode_invalid_param()); // the capacity is judged first
 }
 
 TEST(connack_encode, needs_its_pointers)
@@ -110,31 +111,31 @@ TEST(connack_encode, needs_its_pointers)
     EXPECT_EQ(mqtt_codec_encode_connack(&ctx, nullptr, buf, &length), -1);
     EXPECT_EQ(mqtt_codec_encode_connack(&ctx, &para, nullptr, &length), -1);
     EXPECT_EQ(mqtt_codec_encode_connack(&ctx, &para, buf, nullptr), -1);
-    EXPECT_EQ(log.take(), Log(4, error("CONNACK encode: invalid param")));
+    EXPECT_EQ(log.take(), Log(4, logged::connack_encode_invalid_param()));
     EXPECT_TRUE(untouched(ctx));
 }
 
 TEST(connack_encode, says_what_it_wrote)
 {
     EXPECT_EQ(encode({0, 3, 0, 0, 0, 0}, 4).all, (Log{
-                                                     debug("========== CONNACK encode start =========="),
-                                                     warn("CONNACK encode: 3.1.1 force code=0"),
-                                                     debug("CONNACK encode success: total_len=4"),
-                                                     debug("========== CONNACK encode end =========="),
+                                                     logged::connack_encode_started(),
+                                                     logged::connack_code_forced(),
+                                                     logged::connack_encoded(4),
+                                                     logged::connack_encode_ended(),
                                                  }));
     EXPECT_EQ(encode({0, 0, 0, 0, 0, 4294967295u}, 5).all,
               (Log{
-                  debug("========== CONNACK encode start =========="),
+                  logged::connack_encode_started(),
                   debug("Property SessionExpiry(0x10): DISABLED (compatible with MQTTX v1.13.0)"),
                   debug("Property TopicAliasMax(0x22): DISABLED"),
                   debug("Property MaxQoS(0x27): DISABLED"),
                   debug("Property RetainAvailable(0x28): DISABLED"),
                   debug("Property MaxPacketSize(0x11): 4294967295 bytes"),
-                  debug("CONNACK encode success: total_len=13"),
-                  debug("========== CONNACK encode end =========="),
+                  logged::connack_encoded(13),
+                  logged::connack_encode_ended(),
               }));
-    EXPECT_EQ(encode({}, 7).all, (Log{debug("========== CONNACK encode start =========="),
-                                      error("CONNACK encode: unsupported version 7")}));
+    EXPECT_EQ(encode({}, 7).all,
+              (Log{logged::connack_encode_started(), logged::connack_encode_unsupported_version(7)}));
 }
 
 // ---- decoding
@@ -183,25 +184,22 @@ TEST(connack_decode, reads_back_what_was_encoded)
     EXPECT_EQ(d.consumed, 13);
     EXPECT_EQ(d.para.receive_max, 10);
     // 27 is unknown here and its first byte, 0, is taken as a length: the other three look like properties.
-    EXPECT_EQ(d.log, (Log{warn("CONNACK decode: unknown property type 0x27"),
-                          warn("CONNACK decode: unknown property type 0x00"),
-                          warn("CONNACK decode: unknown property type 0x07")}));
+    EXPECT_EQ(d.log, (Log{logged::connack_decode_unknown_property(0x27), logged::connack_decode_unknown_property(0x00),
+                          logged::connack_decode_unknown_property(0x07)}));
 }
 
 TEST(connack_decode, unknown_properties_are_skipped_as_length_prefixed)
 {
     const auto known_behind = decode("20 0A 00 00 | 07 1F 02 'ab' | 21 00 0A");
-    expect_success(known_behind, 5, 12, {warn("CONNACK decode: unknown property type 0x1F")});
+    expect_success(known_behind, 5, 12, {logged::connack_decode_unknown_property(0x1F)});
     EXPECT_EQ(known_behind.para.receive_max, 10);
 
-    expect_success(decode("20 05 00 00 | 02 1F 00"), 5, 7, {warn("CONNACK decode: unknown property type 0x1F")});
-    expect_success(decode("20 04 00 00 | 01 1F"), 5, 6, {warn("CONNACK decode: unknown property type 0x1F")});
-    expect_success(decode("20 05 00 00 | 02 1F 7F"), 5, 7, {warn("CONNACK decode: unknown property type 0x1F")});
-    expect_success(decode("20 07 00 00 | 02 1F 02 | 'ab'"), 5, 9, {warn("CONNACK decode: unknown property type 0x1F")});
-    expect_success(decode("20 08 00 00 | 05 1F 80 80 80 01"), 5, 10,
-                   {warn("CONNACK decode: unknown property type 0x1F")});
-    expect_success(decode("20 05 00 00 | 02 1F 80 | 01 41"), 5, 7,
-                   {warn("CONNACK decode: unknown property type 0x1F")});
+    expect_success(decode("20 05 00 00 | 02 1F 00"), 5, 7, {logged::connack_decode_unknown_property(0x1F)});
+    expect_success(decode("20 04 00 00 | 01 1F"), 5, 6, {logged::connack_decode_unknown_property(0x1F)});
+    expect_success(decode("20 05 00 00 | 02 1F 7F"), 5, 7, {logged::connack_decode_unknown_property(0x1F)});
+    expect_success(decode("20 07 00 00 | 02 1F 02 | 'ab'"), 5, 9, {logged::connack_decode_unknown_property(0x1F)});
+    expect_success(decode("20 08 00 00 | 05 1F 80 80 80 01"), 5, 10, {logged::connack_decode_unknown_property(0x1F)});
+    expect_success(decode("20 05 00 00 | 02 1F 80 | 01 41"), 5, 7, {logged::connack_decode_unknown_property(0x1F)});
 }
 
 TEST(connack_decode, a_value_may_cross_its_block_but_not_the_input)
@@ -247,23 +245,23 @@ TEST(connack_decode, needs_four_bytes_and_its_pointers)
 
 TEST(connack_decode, first_byte)
 {
-    expect_refused(decode("30 02 00 00"), "CONNACK decode: not a CONNACK packet (type=3)");
+    expect_refused(decode("30 02 00 00"), error("CONNACK decode: not a CONNACK packet (type=3)"));
     EXPECT_EQ(decode("30 02 00 00").para.max_packet_size, 0u) << "the record is cleared by then";
     expect_success(decode("2F 02 00 00"), 4, 4); // flags are not checked
 }
 
 TEST(connack_decode, remaining_length)
 {
-    expect_refused(decode("20 03 00 00"), "CONNACK decode: invalid remaining length (len=3, consumed=1)");
-    expect_refused(decode("20 80 80 80 01"), "CONNACK decode: invalid remaining length (len=-1, consumed=0)");
-    expect_refused(decode("20 FF FF FF"), "CONNACK decode: invalid remaining length (len=-1, consumed=0)");
-    expect_refused(decode("20 83 00 00"), "CONNACK decode: invalid remaining length (len=3, consumed=2)");
+    expect_refused(decode("20 03 00 00"), logged::connack_decode_bad_remaining_length(3, 1));
+    expect_refused(decode("20 80 80 80 01"), logged::connack_decode_bad_remaining_length(-1, 0));
+    expect_refused(decode("20 FF FF FF"), logged::connack_decode_bad_remaining_length(-1, 0));
+    expect_refused(decode("20 83 00 00"), logged::connack_decode_bad_remaining_length(3, 2));
 }
 
 TEST(connack_decode, the_two_bytes_must_be_in_the_input)
 {
-    expect_refused(decode("20 81 00 00"), "CONNACK decode: buffer too short for variable header");
-    expect_refused(decode("20 80 80 00"), "CONNACK decode: buffer too short for variable header");
+    expect_refused(decode("20 81 00 00"), logged::connack_decode_too_short());
+    expect_refused(decode("20 80 80 00"), logged::connack_decode_too_short());
     const auto short_claim = decode("20 00 01 05"); // the input holds them, though the packet does not
     expect_success(short_claim, 4, 4);
     EXPECT_EQ(short_claim.para.reason_code, 5);
@@ -272,9 +270,10 @@ TEST(connack_decode, the_two_bytes_must_be_in_the_input)
 
 TEST(connack_decode, property_length)
 {
-    expect_refused(decode("20 03 00 00 80"), "CONNACK decode: invalid property length");
-    expect_refused(decode("20 03 00 00 80 00"), "CONNACK decode: invalid property length"); // 00 is behind the packet
-    expect_refused(decode("20 06 00 00 80 80 80 01"), "CONNACK decode: invalid property length");
+    expect_refused(decode("20 03 00 00 80"), logged::connack_decode_bad_property_length());
+    expect_refused(decode("20 03 00 00 80 00"),
+                   logged::connack_decode_bad_property_length()); // 00 is behind the packet
+    expect_refused(decode("20 06 00 00 80 80 80 01"), logged::connack_decode_bad_property_length());
     EXPECT_EQ(decode("20 03 00 00 80").ctx.version, 4u);
 }
 
@@ -285,7 +284,7 @@ TEST(connack_decode, cut_at_every_byte)
         SCOPED_TRACE(length);
         expect_refused(
             decode_with(mqtt_codec_decode_connack, Bytes(whole.begin(), whole.begin() + static_cast<long>(length)), 4),
-            "CONNACK decode: invalid remaining length (len=14, consumed=1)");
+            logged::connack_decode_bad_remaining_length(14, 1));
         Bytes claim  = Bytes(whole.begin(), whole.begin() + static_cast<long>(length)); // this one says it is whole
         claim[1]     = static_cast<uint8_t>(length - 2);
         const auto d = decode_with(mqtt_codec_decode_connack, claim, 4);

@@ -1,4 +1,5 @@
 #include "calls.h"
+#include "support/log_lines/codec.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -36,11 +37,9 @@ Connect decode_body(const Bytes &body)
     return decode(connect(body));
 }
 
-std::string line(const char *format, int value)
+LogLine cut_short(size_t expected, int actual)
 {
-    char text[128];
-    snprintf(text, sizeof text, format, value);
-    return text;
+    return warn(printed("CONNECT decode: pkt len mismatch (expected=%zu, actual=%d), truncate", expected, actual));
 }
 
 void expect_refused(const Connect &d, int code, const Log &log)
@@ -49,9 +48,9 @@ void expect_refused(const Connect &d, int code, const Log &log)
     EXPECT_EQ(d.log, log);
     EXPECT_TRUE(untouched(d.ctx));
 }
-void expect_refused(const Connect &d, const std::string &text)
+void expect_refused(const Connect &d, const LogLine &line)
 {
-    expect_refused(d, -4, {error(text)});
+    expect_refused(d, -4, {line});
 }
 
 void expect_success(const Connect &d, uint32_t version, int consumed, const Log &log = {})
@@ -196,12 +195,11 @@ TEST(connect_decode, needs_its_pointers)
     EXPECT_EQ(mqtt_codec_decode_connect(&ctx, nullptr, &length, &para), -1);
     EXPECT_EQ(mqtt_codec_decode_connect(&ctx, bytes.data(), nullptr, &para), -1);
     EXPECT_EQ(mqtt_codec_decode_connect(&ctx, bytes.data(), &length, nullptr), -1);
-    const std::string c = pointer(&ctx), b = pointer(bytes.data());
     EXPECT_EQ(log.take(), (Log{
-                              error("CONNECT decode: invalid input (ctx=(nil), buf=" + b + ", len=16 < 10)"),
-                              error("CONNECT decode: invalid input (ctx=" + c + ", buf=(nil), len=16 < 10)"),
-                              error("CONNECT decode: invalid input (ctx=" + c + ", buf=" + b + ", len=-1 < 10)"),
-                              error("CONNECT decode: invalid input (ctx=" + c + ", buf=" + b + ", len=16 < 10)"),
+                              logged::connect_decode_invalid_input(nullptr, bytes.data(), 16),
+                              logged::connect_decode_invalid_input(&ctx, nullptr, 16),
+                              logged::connect_decode_invalid_input(&ctx, bytes.data(), -1),
+                              logged::connect_decode_invalid_input(&ctx, bytes.data(), 16),
                           }));
     EXPECT_TRUE(untouched(ctx));
     EXPECT_EQ(length, 16);
@@ -216,11 +214,10 @@ TEST(connect_decode, needs_ten_bytes)
     int         length = 9;
     LogCapture  log;
     EXPECT_EQ(mqtt_codec_decode_connect(&ctx, bytes.data(), &length, &para), -1);
-    EXPECT_EQ(log.take(), Log{error("CONNECT decode: invalid input (ctx=" + pointer(&ctx) +
-                                    ", buf=" + pointer(bytes.data()) + ", len=9 < 10)")});
+    EXPECT_EQ(log.take(), Log{logged::connect_decode_invalid_input(&ctx, bytes.data(), 9)});
     EXPECT_EQ(static_cast<uint8_t>(para.client_id[0]), 0xEE) << "the record is not touched yet";
 
-    expect_refused(decode("10 08 | 00 04 'MQTT' 04 00"), "CONNECT decode: no enough data for keep alive (pos=10)");
+    expect_refused(decode("10 08 | 00 04 'MQTT' 04 00"), logged::connect_decode_no_keep_alive(10));
 }
 
 // ---- fixed header
@@ -228,35 +225,35 @@ TEST(connect_decode, needs_ten_bytes)
 TEST(connect_decode, first_byte)
 {
     const Connect d = decode("12 0E | 00 04 'MQTT' 04 02 00 3C | 00 02 'id'");
-    expect_refused(d, "CONNECT decode: invalid pkt type/flags (type=1, flags=2)");
+    expect_refused(d, logged::connect_decode_bad_first_byte(1, 2));
     EXPECT_EQ(d.consumed, 16);
     EXPECT_EQ(d.para.client_id[0], 0) << "the record is cleared by then";
     expect_refused(decode("20 0E | 00 04 'MQTT' 04 02 00 3C | 00 02 'id'"),
-                   "CONNECT decode: invalid pkt type/flags (type=2, flags=0)");
+                   logged::connect_decode_bad_first_byte(2, 0));
     expect_refused(decode("FF 0E | 00 04 'MQTT' 04 02 00 3C | 00 02 'id'"),
-                   "CONNECT decode: invalid pkt type/flags (type=15, flags=15)");
+                   logged::connect_decode_bad_first_byte(15, 15));
 }
 
 TEST(connect_decode, remaining_length)
 {
     expect_refused(decode("10 80 80 80 01 00 04 'MQTT' 04 02 00 3C"),
-                   "CONNECT decode: invalid remaining length (len=-1, consumed=0)");
+                   error("CONNECT decode: invalid remaining length (len=-1, consumed=0)"));
     expect_success(decode("10 8E 80 00 | 00 04 'MQTT' 04 02 00 3C | 00 02 'id'"), 4, 18);
 }
 
 TEST(connect_decode, a_short_packet_is_parsed_as_far_as_it_goes)
 {
-    const Log warned = {warn("CONNECT decode: pkt len mismatch (expected=22, actual=16), truncate")};
+    const Log warned = {cut_short(22, 16)};
     expect_success(decode("10 14 | 00 04 'MQTT' 04 02 00 3C | 00 02 'id'"), 4, 16, warned);
     expect_refused(decode("10 14 | 00 04 'MQTT' 04 82 00 3C | 00 02 'id'"), -4,
-                   {warned[0], error("CONNECT decode: no enough data for Username length (pos=16)")});
+                   {warned[0], logged::connect_decode_no_length("Username", 16)});
     expect_success(decode("10 0E | 00 04 'MQTT' 04 02 00 3C | 00 02 'id'"), 4, 16);
 }
 
 TEST(connect_decode, an_input_longer_than_the_packet_is_no_part_of_it)
 {
     expect_refused(decode("10 0D | 00 04 'MQTT' 04 02 00 3C | 00 02 'id'"),
-                   "CONNECT decode: ClientID data out of bounds (pos=14, len=2, total=15)");
+                   logged::connect_decode_client_id_cut(14, 2, 15));
 }
 
 // ---- protocol name and level
@@ -265,41 +262,36 @@ TEST(connect_decode, protocol_name)
 {
     const char *const padding = " 04 02 00 3C 00 02 'id'";
     const auto        with    = [&](std::string head) { return decode((head + padding).c_str()); };
-    expect_refused(with("10 10 | 00 06 'MQIsdp'"), "CONNECT decode: invalid protocol name (len=6, name=MQIsdp)");
-    expect_refused(with("10 0E | 00 04 'MQTX'"), "CONNECT decode: invalid protocol name (len=4, name=MQTX)");
-    expect_refused(with("10 0E | 00 04 'mqtt'"), "CONNECT decode: invalid protocol name (len=4, name=mqtt)");
-    expect_refused(with("10 0E | 00 03 'MQTT'"), "CONNECT decode: invalid protocol name (len=3, name=MQT)");
-    expect_refused(with("10 0E | 00 05 'MQTTx'"), "CONNECT decode: invalid protocol name (len=5, name=MQTTx)");
-    expect_refused(with("10 0E | 00 00 'MQTT'"), "CONNECT decode: invalid protocol name (len=0, name=)");
+    expect_refused(with("10 10 | 00 06 'MQIsdp'"), logged::connect_decode_bad_protocol_name(6, "MQIsdp"));
+    expect_refused(with("10 0E | 00 04 'MQTX'"), logged::connect_decode_bad_protocol_name(4, "MQTX"));
+    expect_refused(with("10 0E | 00 04 'mqtt'"), logged::connect_decode_bad_protocol_name(4, "mqtt"));
+    expect_refused(with("10 0E | 00 03 'MQTT'"), logged::connect_decode_bad_protocol_name(3, "MQT"));
+    expect_refused(with("10 0E | 00 05 'MQTTx'"), logged::connect_decode_bad_protocol_name(5, "MQTTx"));
+    expect_refused(with("10 0E | 00 00 'MQTT'"), logged::connect_decode_bad_protocol_name(0, ""));
 }
 
 TEST(connect_decode, a_protocol_name_longer_than_the_packet_prints_what_is_there)
 {
-    expect_refused(decode("10 0A | FF FF 'ABCDEFGH'"),
-                   "CONNECT decode: invalid protocol name (len=65535, name=ABCDEFGH)");
-    expect_refused(decode("10 05 | 00 09 'ABC' 'the next one'"),
-                   "CONNECT decode: invalid protocol name (len=9, name=ABC)");
+    expect_refused(decode("10 0A | FF FF 'ABCDEFGH'"), logged::connect_decode_bad_protocol_name(65535, "ABCDEFGH"));
+    expect_refused(decode("10 05 | 00 09 'ABC' 'the next one'"), logged::connect_decode_bad_protocol_name(9, "ABC"));
 }
 
 TEST(connect_decode, no_room_for_the_protocol_name)
 {
-    expect_refused(decode("10 00 | 00 04 'MQTT' 04 02 00 3C"),
-                   "CONNECT decode: no enough data for protocol name (pos=2, len=2)");
-    expect_refused(decode("10 03 | 00 04 'MQTT' 04 02 00 3C"),
-                   "CONNECT decode: no enough data for protocol name (pos=2, len=5)");
-    expect_refused(decode("10 04 | 00 04 'MQTT' 04 02 00 3C"),
-                   "CONNECT decode: invalid protocol name (len=4, name=MQ)");
-    expect_refused(decode("10 05 | 00 04 'MQTT' 04 02 00 3C"),
-                   "CONNECT decode: invalid protocol name (len=4, name=MQT)");
+    expect_refused(decode("10 00 | 00 04 'MQTT' 04 02 00 3C"), logged::connect_decode_no_protocol_name(2, 2));
+    expect_refused(decode("10 03 | 00 04 'MQTT' 04 02 00 3C"), logged::connect_decode_no_protocol_name(2, 5));
+    expect_refused(decode("10 04 | 00 04 'MQTT' 04 02 00 3C"), logged::connect_decode_bad_protocol_name(4, "MQ"));
+    expect_refused(decode("10 05 | 00 04 'MQTT' 04 02 00 3C"), logged::connect_decode_bad_protocol_name(4, "MQT"));
     expect_refused(decode("10 06 | 00 04 'MQTT' 04 02 00 3C"),
-                   "CONNECT decode: no enough data for protocol version (pos=8)");
+                   error("CONNECT decode: no enough data for protocol version (pos=8)"));
 }
 
 TEST(connect_decode, level)
 {
     for (const int level : {0, 1, 3, 6, 0x84, 255}) {
         const Connect d = decode_body(Bytes{static_cast<uint8_t>(level)} + wire("02 00 3C | 00 02 'id'"));
-        expect_refused(d, -2, {error(line("CONNECT decode: unsupported version %d (only 4/5 allowed)", level))});
+        expect_refused(d, -2,
+                       {error("CONNECT decode: unsupported version " + std::to_string(level) + " (only 4/5 allowed)")});
         EXPECT_EQ(d.ctx.version, 4u);
     }
 }
@@ -307,7 +299,7 @@ TEST(connect_decode, level)
 TEST(connect_decode, the_level_is_kept_even_when_the_rest_fails)
 {
     const Connect five = decode(connect("05 02 00"), 4);
-    expect_refused(five, "CONNECT decode: no enough data for keep alive (pos=10)");
+    expect_refused(five, logged::connect_decode_no_keep_alive(10));
     EXPECT_EQ(five.ctx.version, 5u);
     EXPECT_EQ(decode(connect("05") + wire("00 00"), 4).ctx.version, 5u) << "no flags";
     const Connect four = decode(connect("04 02 00"), 5);
@@ -337,17 +329,16 @@ TEST(connect_decode, loose_flags_are_accepted)
 TEST(connect_decode, will_qos_3)
 {
     expect_refused(decode_body("04 1E 00 3C | 00 02 'id' | 00 01 't' | 00 01 'p'"),
-                   "CONNECT decode: invalid Will QoS 3");
+                   error("CONNECT decode: invalid Will QoS 3"));
 }
 
 TEST(connect_decode, flags_and_keep_alive_must_be_there)
 {
     const Bytes next = wire("FF FF FF"); // behind the packet
-    expect_refused(decode(connect("04") + next), "CONNECT decode: no enough data for connect flags (pos=9)");
-    expect_refused(decode(connect("04 02") + next), "CONNECT decode: no enough data for keep alive (pos=10)");
-    expect_refused(decode(connect("04 02 00") + next), "CONNECT decode: no enough data for keep alive (pos=10)");
-    expect_refused(decode(connect("04 02 00 3C") + next),
-                   "CONNECT decode: no enough data for ClientID length (pos=12)");
+    expect_refused(decode(connect("04") + next), error("CONNECT decode: no enough data for connect flags (pos=9)"));
+    expect_refused(decode(connect("04 02") + next), logged::connect_decode_no_keep_alive(10));
+    expect_refused(decode(connect("04 02 00") + next), logged::connect_decode_no_keep_alive(10));
+    expect_refused(decode(connect("04 02 00 3C") + next), logged::connect_decode_no_client_id_length(12));
 }
 
 // ---- properties
@@ -368,7 +359,7 @@ TEST(connect_decode, each_property_must_end_inside_its_block)
         const Bytes rest  = wire("00 02 'id' 00 00 00 00"); // bytes that the block does not own
         for (size_t cut = 1; cut < value.size(); ++cut)
             expect_refused(decode_body(wire("05 02 00 00") + Bytes{static_cast<uint8_t>(cut)} + value + rest),
-                           std::string("CONNECT decode: incomplete ") + c.name + " (pos=14)");
+                           logged::connect_decode_property_cut(c.name, 14));
         const Bytes whole =
             connect(wire("05 02 00 00") + Bytes{static_cast<uint8_t>(value.size())} + value + wire("00 02 'id'"));
         expect_success(decode(whole), 5, static_cast<int>(whole.size()));
@@ -377,17 +368,16 @@ TEST(connect_decode, each_property_must_end_inside_its_block)
 
 TEST(connect_decode, a_property_block_longer_than_the_packet_ends_with_it)
 {
-    expect_refused(decode_body("05 02 00 00 | 7F 21 00 0A"),
-                   "CONNECT decode: no enough data for ClientID length (pos=16)");
-    expect_refused(decode_body("05 02 00 00 | 7F 21 00"), "CONNECT decode: incomplete Receive Maximum (pos=14)");
+    expect_refused(decode_body("05 02 00 00 | 7F 21 00 0A"), logged::connect_decode_no_client_id_length(16));
+    expect_refused(decode_body("05 02 00 00 | 7F 21 00"), logged::connect_decode_property_cut("Receive Maximum", 14));
 }
 
 TEST(connect_decode, property_length)
 {
-    const std::string text = "CONNECT decode: invalid MQTT 5.0 property length (len=-1, consumed=0)";
-    expect_refused(decode_body("05 02 00 00"), text);
-    expect_refused(decode_body("05 02 00 00 80"), text);
-    expect_refused(decode_body("05 02 00 00 80 80 80 01"), text);
+    const LogLine line = logged::connect_decode_bad_property_length(-1, 0);
+    expect_refused(decode_body("05 02 00 00"), line);
+    expect_refused(decode_body("05 02 00 00 80"), line);
+    expect_refused(decode_body("05 02 00 00 80 80 80 01"), line);
     expect_success(decode_body("05 02 00 00 83 00 21 00 0A | 00 01 'i'"), 5, 20);
     expect_success(decode_body("05 02 00 00 00 | 00 01 'i'"), 5, 16);
 }
@@ -395,14 +385,14 @@ TEST(connect_decode, property_length)
 TEST(connect_decode, an_unknown_property_hides_the_rest)
 {
     const Connect d = decode_body("05 02 00 00 | 0F 11 00 00 00 64 | 26 00 01 'k' 00 01 'v' | 21 00 0A | 00 02 'id'");
-    expect_success(d, 5, 32, {warn("CONNECT decode: unknown property type=0x26, skip")});
+    expect_success(d, 5, 32, {logged::connect_decode_unknown_property(0x26)});
     EXPECT_EQ(d.para.session_expiry_interval, 100u);
     EXPECT_EQ(d.para.receive_max, 0);
     EXPECT_STREQ(d.para.client_id, "id");
 
-    for (const char *id : {"00", "01", "02", "10", "12", "18", "1B", "20", "23", "28", "7F"})
-        EXPECT_EQ(decode_body(wire("05 02 00 00 | 04") + wire(id) + wire("21 00 0A | 00 01 'i'")).log,
-                  Log{warn(std::string("CONNECT decode: unknown property type=0x") + id + ", skip")});
+    for (const uint8_t id : {0x00, 0x01, 0x02, 0x10, 0x12, 0x18, 0x1B, 0x20, 0x23, 0x28, 0x7F})
+        EXPECT_EQ(decode_body(wire("05 02 00 00 | 04") + Bytes{id} + wire("21 00 0A | 00 01 'i'")).log,
+                  Log{logged::connect_decode_unknown_property(id)});
 }
 
 TEST(connect_decode, a_property_given_twice_counts_the_second_time)
@@ -417,22 +407,19 @@ TEST(connect_decode, an_identifier_may_take_two_bytes)
     EXPECT_EQ(known.para.receive_max, 10);
 
     expect_success(decode_body("05 02 00 00 | 03 A1 21 00 | 00 01 'i'"), 5, 19,
-                   {warn("CONNECT decode: unknown property type=0x2121, skip")});
-    expect_refused(decode_body("05 02 00 00 | 01 80 | 21 00"),
-                   "CONNECT decode: incomplete extended property type (pos=14)");
+                   {logged::connect_decode_unknown_property(0x2121)});
+    expect_refused(decode_body("05 02 00 00 | 01 80 | 21 00"), logged::connect_decode_no_property_type(14));
     expect_refused(decode_body("05 02 00 00 | 04 21 00 0A FF | 00 01 'i'"),
-                   "CONNECT decode: incomplete extended property type (pos=17)");
+                   logged::connect_decode_no_property_type(17));
 }
 
 // ---- client id
 
 TEST(connect_decode, client_id_must_lie_inside_the_packet)
 {
-    expect_refused(decode_body("04 02 00 3C | 00"), "CONNECT decode: no enough data for ClientID length (pos=12)");
-    expect_refused(decode_body("04 02 00 3C | 00 03 'id'"),
-                   "CONNECT decode: ClientID data out of bounds (pos=14, len=3, total=16)");
-    expect_refused(decode_body("04 02 00 3C | FF FF 'id'"),
-                   "CONNECT decode: ClientID data out of bounds (pos=14, len=65535, total=16)");
+    expect_refused(decode_body("04 02 00 3C | 00"), logged::connect_decode_no_client_id_length(12));
+    expect_refused(decode_body("04 02 00 3C | 00 03 'id'"), logged::connect_decode_client_id_cut(14, 3, 16));
+    expect_refused(decode_body("04 02 00 3C | FF FF 'id'"), logged::connect_decode_client_id_cut(14, 65535, 16));
 }
 
 TEST(connect_decode, empty_client_id)
@@ -458,10 +445,10 @@ TEST(connect_decode, a_v4_id_has_at_most_23_characters)
     EXPECT_EQ(with(22).code, 0);
     EXPECT_EQ(with(23).code, 0);
     EXPECT_EQ(with(23).para.client_id, std::string(23, 'x'));
-    expect_refused(with(24), "CONNECT decode: MQTT 3.1.1 ClientID too long (len=24, max=23)");
-    expect_refused(with(100), "CONNECT decode: MQTT 3.1.1 ClientID too long (len=100, max=23)");
+    expect_refused(with(24), logged::connect_decode_client_id_too_long(24));
+    expect_refused(with(100), logged::connect_decode_client_id_too_long(100));
     expect_refused(decode_body(wire("04 02 00 3C | 00 18 'short'")),
-                   "CONNECT decode: ClientID data out of bounds (pos=14, len=24, total=19)"); // this check comes first
+                   logged::connect_decode_client_id_cut(14, 24, 19)); // this check comes first
 }
 
 TEST(connect_decode, a_v5_id_has_at_most_64_characters)
@@ -475,13 +462,13 @@ TEST(connect_decode, a_v5_id_has_at_most_64_characters)
         EXPECT_EQ(d.para.client_id, std::string(length, 'x'));
     }
     const Connect d = with(65);
-    expect_success(d, 5, 79, {warn("CONNECT decode: ClientID exceed buffer (len=65, max=64), truncate")});
+    expect_success(d, 5, 79, {logged::connect_decode_client_id_truncated(65)});
     EXPECT_EQ(d.para.client_id, std::string(64, 'x'));
 }
 
 TEST(connect_decode, the_rest_of_a_long_id_is_read_as_what_follows)
 {
-    const Log     warned = {warn("CONNECT decode: ClientID exceed buffer (len=100, max=64), truncate")};
+    const Log     warned = {logged::connect_decode_client_id_truncated(100)};
     const Bytes   id     = text(std::string(64, 'x')) + wire("00 04 'user'") + text(std::string(30, 'y'));
     const Connect d      = decode_body(wire("05 82 00 3C 00 | 00 64") + id + wire("00 04 'USER'"));
     expect_success(d, 5, 85, warned);
@@ -489,7 +476,7 @@ TEST(connect_decode, the_rest_of_a_long_id_is_read_as_what_follows)
     EXPECT_STREQ(d.para.username, "user");
 
     const Connect plain = decode_body(wire("05 82 00 3C 00") + prefixed(std::string(100, 'y')) + wire("00 04 'USER'"));
-    expect_refused(plain, -4, {warned[0], error("CONNECT decode: invalid Username length 31097")}); // 'yy'
+    expect_refused(plain, -4, {warned[0], logged::connect_decode_bad_length("Username", 31097)}); // 'yy'
 }
 
 // ---- will
@@ -502,13 +489,11 @@ TEST(connect_decode, will_topic)
     EXPECT_EQ(with(prefixed("t")).code, 0);
     EXPECT_EQ(with(prefixed(std::string(256, 't'))).code, 0);
     EXPECT_EQ(with(prefixed(std::string(256, 't'))).para.will_topic, std::string(256, 't'));
-    expect_refused(with(prefixed(std::string(257, 't'))), "CONNECT decode: invalid Will Topic length 257");
-    expect_refused(with(prefixed("")), "CONNECT decode: invalid Will Topic length 0");
-    expect_refused(with(wire("00 09 't'")), "CONNECT decode: invalid Will Topic length 9");
-    expect_refused(decode_body("04 06 00 3C | 00 02 'id'"),
-                   "CONNECT decode: no enough data for Will Topic length (pos=16)");
-    expect_refused(decode_body("04 06 00 3C | 00 02 'id' 00"),
-                   "CONNECT decode: no enough data for Will Topic length (pos=16)");
+    expect_refused(with(prefixed(std::string(257, 't'))), logged::connect_decode_bad_length("Will Topic", 257));
+    expect_refused(with(prefixed("")), logged::connect_decode_bad_length("Will Topic", 0));
+    expect_refused(with(wire("00 09 't'")), logged::connect_decode_bad_length("Will Topic", 9));
+    expect_refused(decode_body("04 06 00 3C | 00 02 'id'"), logged::connect_decode_no_length("Will Topic", 16));
+    expect_refused(decode_body("04 06 00 3C | 00 02 'id' 00"), logged::connect_decode_no_length("Will Topic", 16));
 }
 
 TEST(connect_decode, will_payload)
@@ -522,10 +507,10 @@ TEST(connect_decode, will_payload)
         EXPECT_EQ(d.para.will_payload_len, static_cast<int>(length));
         EXPECT_EQ(Bytes(d.para.will_payload, d.para.will_payload + length), repeat('p', length));
     }
-    expect_refused(with(prefixed(std::string(2049, 'p'))), "CONNECT decode: invalid Will Payload length 2049");
-    expect_refused(with(wire("00 02 'p'")), "CONNECT decode: invalid Will Payload length 2");
-    expect_refused(with(Bytes{}), "CONNECT decode: no enough data for Will Payload length (pos=19)");
-    expect_refused(with(Bytes{0}), "CONNECT decode: no enough data for Will Payload length (pos=19)");
+    expect_refused(with(prefixed(std::string(2049, 'p'))), logged::connect_decode_bad_length("Will Payload", 2049));
+    expect_refused(with(wire("00 02 'p'")), logged::connect_decode_bad_length("Will Payload", 2));
+    expect_refused(with(Bytes{}), logged::connect_decode_no_length("Will Payload", 19));
+    expect_refused(with(Bytes{0}), logged::connect_decode_no_length("Will Payload", 19));
 }
 
 TEST(connect_decode, will_properties)
@@ -573,24 +558,22 @@ TEST(connect_decode, an_unreadable_will_property_length_means_none)
 {
     // 80 80 80 is no length, so the topic's own length is read there.
     expect_refused(decode_body("05 06 00 3C 00 | 00 02 'id' | 80 80 80 01"),
-                   "CONNECT decode: invalid Will Topic length 32896");
-    expect_refused(decode_body("05 06 00 3C 00 | 00 02 'id'"),
-                   "CONNECT decode: no enough data for Will Topic length (pos=17)");
-    expect_refused(decode_body("05 06 00 3C 00 | 00 02 'id' | FF"),
-                   "CONNECT decode: no enough data for Will Topic length (pos=17)");
+                   logged::connect_decode_bad_length("Will Topic", 32896));
+    expect_refused(decode_body("05 06 00 3C 00 | 00 02 'id'"), logged::connect_decode_no_length("Will Topic", 17));
+    expect_refused(decode_body("05 06 00 3C 00 | 00 02 'id' | FF"), logged::connect_decode_no_length("Will Topic", 17));
 }
 
 TEST(connect_decode, a_will_block_longer_than_the_packet_ends_with_it)
 {
     expect_refused(decode_body("05 06 00 3C 00 | 00 02 'id' | 7F 18 00 00 00 07"),
-                   "CONNECT decode: no enough data for Will Topic length (pos=23)");
+                   logged::connect_decode_no_length("Will Topic", 23));
     EXPECT_EQ(decode_body("05 06 00 3C 00 | 00 02 'id' | 7F 18 00 00 00 07").para.will_delay_interval, 7u);
 }
 
 TEST(connect_decode, v4_has_no_will_properties)
 {
     expect_refused(decode_body("04 06 00 3C | 00 02 'id' | 00 00 01 't' | 00 01 'p'"),
-                   "CONNECT decode: invalid Will Topic length 0");
+                   logged::connect_decode_bad_length("Will Topic", 0));
 }
 
 // ---- credentials
@@ -611,16 +594,16 @@ TEST(connect_decode, credentials_have_1_to_64_bytes)
         EXPECT_EQ(pass(prefixed(value)).para.password, value);
         EXPECT_EQ(pass(prefixed(value)).para.password_len, length);
     }
-    expect_refused(user(prefixed("")), "CONNECT decode: invalid Username length 0");
-    expect_refused(user(prefixed(std::string(65, 'c'))), "CONNECT decode: invalid Username length 65");
-    expect_refused(user(wire("00 02 'c'")), "CONNECT decode: invalid Username length 2");
-    expect_refused(user(Bytes{}), "CONNECT decode: no enough data for Username length (pos=16)");
-    expect_refused(user(Bytes{0}), "CONNECT decode: no enough data for Username length (pos=16)");
-    expect_refused(pass(prefixed("")), "CONNECT decode: invalid Password length 0");
-    expect_refused(pass(prefixed(std::string(65, 'c'))), "CONNECT decode: invalid Password length 65");
-    expect_refused(pass(wire("00 02 'c'")), "CONNECT decode: invalid Password length 2");
-    expect_refused(pass(Bytes{}), "CONNECT decode: no enough data for Password length (pos=19)");
-    expect_refused(pass(Bytes{0}), "CONNECT decode: no enough data for Password length (pos=19)");
+    expect_refused(user(prefixed("")), logged::connect_decode_bad_length("Username", 0));
+    expect_refused(user(prefixed(std::string(65, 'c'))), logged::connect_decode_bad_length("Username", 65));
+    expect_refused(user(wire("00 02 'c'")), logged::connect_decode_bad_length("Username", 2));
+    expect_refused(user(Bytes{}), logged::connect_decode_no_length("Username", 16));
+    expect_refused(user(Bytes{0}), logged::connect_decode_no_length("Username", 16));
+    expect_refused(pass(prefixed("")), logged::connect_decode_bad_length("Password", 0));
+    expect_refused(pass(prefixed(std::string(65, 'c'))), logged::connect_decode_bad_length("Password", 65));
+    expect_refused(pass(wire("00 02 'c'")), logged::connect_decode_bad_length("Password", 2));
+    expect_refused(pass(Bytes{}), logged::connect_decode_no_length("Password", 19));
+    expect_refused(pass(Bytes{0}), logged::connect_decode_no_length("Password", 19));
 }
 
 // ---- every cut
@@ -629,23 +612,20 @@ namespace {
 
 // What a packet cut at this length, or at one further on up to the next stretch, is refused with.
 struct Stretch {
-    int         from;
-    std::string text;
+    int     from;
+    LogLine line;
 };
 
 void expect_cuts(const Bytes &whole, const std::vector<Stretch> &stretches)
 {
     for (int length = 10; length < static_cast<int>(whole.size()); ++length) {
         const Connect d = decode(Bytes(whole.begin(), whole.begin() + length));
-        std::string   text;
+        LogLine       line;
         for (const Stretch &stretch : stretches)
             if (length >= stretch.from)
-                text = stretch.text;
+                line = stretch.line;
         SCOPED_TRACE(length);
-        expect_refused(d, -4,
-                       {warn(line("CONNECT decode: pkt len mismatch (expected=%d, ", static_cast<int>(whole.size())) +
-                             line("actual=%d), truncate", length)),
-                        error("CONNECT decode: " + text)});
+        expect_refused(d, -4, {cut_short(whole.size(), length), line});
         EXPECT_EQ(d.consumed, length);
     }
 }
@@ -655,50 +635,49 @@ void expect_cuts(const Bytes &whole, const std::vector<Stretch> &stretches)
 TEST(connect_decode, v4_cut_at_every_byte)
 {
     expect_cuts(connect(kFullV4), {
-                                      {10, "no enough data for keep alive (pos=10)"},
-                                      {12, "no enough data for ClientID length (pos=12)"},
-                                      {14, "ClientID data out of bounds (pos=14, len=2, total=14)"},
-                                      {15, "ClientID data out of bounds (pos=14, len=2, total=15)"},
-                                      {16, "no enough data for Will Topic length (pos=16)"},
-                                      {18, "invalid Will Topic length 3"},
-                                      {21, "no enough data for Will Payload length (pos=21)"},
-                                      {23, "invalid Will Payload length 4"},
-                                      {27, "no enough data for Username length (pos=27)"},
-                                      {29, "invalid Username length 4"},
-                                      {33, "no enough data for Password length (pos=33)"},
-                                      {35, "invalid Password length 2"},
+                                      {10, logged::connect_decode_no_keep_alive(10)},
+                                      {12, logged::connect_decode_no_client_id_length(12)},
+                                      {14, logged::connect_decode_client_id_cut(14, 2, 14)},
+                                      {15, logged::connect_decode_client_id_cut(14, 2, 15)},
+                                      {16, logged::connect_decode_no_length("Will Topic", 16)},
+                                      {18, logged::connect_decode_bad_length("Will Topic", 3)},
+                                      {21, logged::connect_decode_no_length("Will Payload", 21)},
+                                      {23, logged::connect_decode_bad_length("Will Payload", 4)},
+                                      {27, logged::connect_decode_no_length("Username", 27)},
+                                      {29, logged::connect_decode_bad_length("Username", 4)},
+                                      {33, logged::connect_decode_no_length("Password", 33)},
+                                      {35, logged::connect_decode_bad_length("Password", 2)},
                                   });
 }
 
 TEST(connect_decode, v5_cut_at_every_byte)
 {
-    const auto           at = [](int from, const char *format, int pos) { return Stretch{from, line(format, pos)}; };
     std::vector<Stretch> stretches = {
-        {10, "no enough data for keep alive (pos=10)"},
-        {12, "invalid MQTT 5.0 property length (len=-1, consumed=0)"},
+        {10, logged::connect_decode_no_keep_alive(10)},
+        {12, logged::connect_decode_bad_property_length(-1, 0)},
     };
     // A property block ends with the packet: between two properties the client id is what is missing.
     for (const int next : {13, 18, 21, 24, 29, 31})
-        stretches.push_back(at(next, "no enough data for ClientID length (pos=%d)", next));
-    stretches.push_back(at(14, "incomplete Session Expiry Interval (pos=%d)", 14));
-    stretches.push_back(at(19, "incomplete Receive Maximum (pos=%d)", 19));
-    stretches.push_back(at(22, "incomplete Topic Alias Maximum (pos=%d)", 22));
-    stretches.push_back(at(25, "incomplete Max Packet Size (pos=%d)", 25));
-    stretches.push_back(at(30, "incomplete Request Response Info (pos=%d)", 30));
-    stretches.push_back(at(32, "incomplete Request Problem Info (pos=%d)", 32));
-    stretches.push_back(at(33, "no enough data for ClientID length (pos=%d)", 33));
-    stretches.push_back(at(35, "ClientID data out of bounds (pos=35, len=2, total=%d)", 35));
-    stretches.push_back(at(36, "ClientID data out of bounds (pos=35, len=2, total=%d)", 36));
+        stretches.push_back({next, logged::connect_decode_no_client_id_length(next)});
+    stretches.push_back({14, logged::connect_decode_property_cut("Session Expiry Interval", 14)});
+    stretches.push_back({19, logged::connect_decode_property_cut("Receive Maximum", 19)});
+    stretches.push_back({22, logged::connect_decode_property_cut("Topic Alias Maximum", 22)});
+    stretches.push_back({25, logged::connect_decode_property_cut("Max Packet Size", 25)});
+    stretches.push_back({30, logged::connect_decode_property_cut("Request Response Info", 30)});
+    stretches.push_back({32, logged::connect_decode_property_cut("Request Problem Info", 32)});
+    stretches.push_back({33, logged::connect_decode_no_client_id_length(33)});
+    stretches.push_back({35, logged::connect_decode_client_id_cut(35, 2, 35)});
+    stretches.push_back({36, logged::connect_decode_client_id_cut(35, 2, 36)});
     // The same for the will's block, which may be cut anywhere.
     for (int length = 37; length <= 48; ++length)
-        stretches.push_back(at(length, "no enough data for Will Topic length (pos=%d)", length));
-    stretches.push_back({50, "invalid Will Topic length 3"});
-    stretches.push_back(at(53, "no enough data for Will Payload length (pos=%d)", 53));
-    stretches.push_back({55, "invalid Will Payload length 4"});
-    stretches.push_back(at(59, "no enough data for Username length (pos=%d)", 59));
-    stretches.push_back({61, "invalid Username length 4"});
-    stretches.push_back(at(65, "no enough data for Password length (pos=%d)", 65));
-    stretches.push_back({67, "invalid Password length 2"});
+        stretches.push_back({length, logged::connect_decode_no_length("Will Topic", length)});
+    stretches.push_back({50, logged::connect_decode_bad_length("Will Topic", 3)});
+    stretches.push_back({53, logged::connect_decode_no_length("Will Payload", 53)});
+    stretches.push_back({55, logged::connect_decode_bad_length("Will Payload", 4)});
+    stretches.push_back({59, logged::connect_decode_no_length("Username", 59)});
+    stretches.push_back({61, logged::connect_decode_bad_length("Username", 4)});
+    stretches.push_back({65, logged::connect_decode_no_length("Password", 65)});
+    stretches.push_back({67, logged::connect_decode_bad_length("Password", 2)});
     std::sort(stretches.begin(), stretches.end(), [](const Stretch &a, const Stretch &b) { return a.from < b.from; });
     expect_cuts(connect(kFullV5), stretches);
 }

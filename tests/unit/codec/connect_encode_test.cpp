@@ -1,4 +1,5 @@
 #include "calls.h"
+#include "support/log_lines/codec.h"
 
 #include <gtest/gtest.h>
 
@@ -26,12 +27,6 @@ Connect with_will()
 }
 
 // Fills a whole text array, so that no terminator is left.
-template <size_t N> void fill(char (&array)[N], size_t length = N)
-{
-    memset(array, 0, N);
-    memset(array, 'x', length);
-}
-
 Encoded encode(const Connect &para, uint32_t version, int capacity = 4096)
 {
     return encode_with(mqtt_codec_encode_connect, para, version, capacity);
@@ -51,10 +46,10 @@ void expect_packet(const Encoded &e, const char *packet)
     expect_packet(e, hex(wire(packet)));
 }
 
-void expect_refused(const Encoded &e, int code, const std::string &text, int capacity = 4096)
+void expect_refused(const Encoded &e, int code, const LogLine &line, int capacity = 4096)
 {
     EXPECT_EQ(e.code, code);
-    EXPECT_EQ(e.log, Log{error(text)});
+    EXPECT_EQ(e.log, Log{line});
     EXPECT_EQ(e.length, capacity);
     EXPECT_TRUE(untouched(e.ctx));
 }
@@ -83,7 +78,7 @@ TEST(connect_encode, the_smallest)
 
 TEST(connect_encode, says_what_it_wrote)
 {
-    EXPECT_EQ(encode(of("i"), 4).all, Log{debug("CONNECT encode success: version=4, client_id=i, total_len=15")});
+    EXPECT_EQ(encode(of("i"), 4).all, Log{logged::connect_encoded(4, "i", 15)});
 }
 
 TEST(connect_encode, v5_properties_in_their_order)
@@ -140,7 +135,7 @@ TEST(connect_encode, will_properties)
     para.will_msg_expiry_interval = 60;
     expect_packet(encode(para, 5), packet("10 28", "0A 18 00 00 00 1E 02 00 00 00 3C"));
     EXPECT_EQ(encode(para, 5).all, (Log{debug("CONNECT encode: MQTT5 will enhance props - delay=30, expiry=60"),
-                                        debug("CONNECT encode success: version=5, client_id=id, total_len=42")}));
+                                        logged::connect_encoded(5, "id", 42)}));
     para.will_delay_interval = 0;
     expect_packet(encode(para, 5), packet("10 23", "05 02 00 00 00 3C"));
     EXPECT_EQ(encode(para, 4).all.size(), 1u) << "no will properties at level 4";
@@ -254,8 +249,9 @@ TEST(connect_encode, level)
 {
     for (const uint32_t version : {0u, 3u, 6u}) {
         const Encoded e = encode(of(""), version); // checked before the id
-        expect_refused(e, -2,
-                       "CONNECT encode: unsupported version " + std::to_string(version) + " (only 3.1.1/5.0 allowed)");
+        expect_refused(
+            e, -2,
+            error("CONNECT encode: unsupported version " + std::to_string(version) + " (only 3.1.1/5.0 allowed)"));
         expect_not_begun(e);
     }
 }
@@ -263,20 +259,20 @@ TEST(connect_encode, level)
 TEST(connect_encode, client_id)
 {
     Connect para = of("");
-    expect_refused(encode(para, 4), -1, "CONNECT encode: client id is empty (protocol violation)");
-    expect_refused(encode(para, 5), -1, "CONNECT encode: client id is empty (protocol violation)");
+    expect_refused(encode(para, 4), -1, logged::connect_encode_client_id_empty());
+    expect_refused(encode(para, 5), -1, logged::connect_encode_client_id_empty());
     expect_not_begun(encode(para, 5));
 
     fill(para.client_id, 23);
     EXPECT_EQ(encode(para, 4).code, 0);
     fill(para.client_id, 24);
-    expect_refused(encode(para, 4), -1, "CONNECT encode: 3.1.1 client id too long (len=24, max=23)");
+    expect_refused(encode(para, 4), -1, logged::connect_encode_client_id_too_long(24));
     EXPECT_EQ(encode(para, 5).code, 0);
     fill(para.client_id, 64);
     EXPECT_EQ(encode(para, 5).code, 0);
     fill(para.client_id); // no terminator
-    expect_refused(encode(para, 5), -1, "CONNECT encode: 5.0 client id too long (len=65, max=64)");
-    expect_refused(encode(para, 4), -1, "CONNECT encode: 3.1.1 client id too long (len=65, max=23)");
+    expect_refused(encode(para, 5), -1, error("CONNECT encode: 5.0 client id too long (len=65, max=64)"));
+    expect_refused(encode(para, 4), -1, logged::connect_encode_client_id_too_long(65));
     expect_not_begun(encode(para, 5));
 }
 
@@ -286,24 +282,24 @@ TEST(connect_encode, a_password_needs_a_user_name)
     para.password_flag = 1;
     strcpy(para.password, "pw");
     for (const uint32_t version : {4u, 5u}) {
-        expect_refused(encode(para, version), -1, "CONNECT encode: password flag set but username flag not set");
+        expect_refused(encode(para, version), -1, logged::connect_encode_password_without_username());
         expect_begun(encode(para, version));
     }
     para.username_flag = 2; // bit 0 is the flag
-    expect_refused(encode(para, 4), -1, "CONNECT encode: password flag set but username flag not set");
+    expect_refused(encode(para, 4), -1, logged::connect_encode_password_without_username());
 }
 
 TEST(connect_encode, will_topic)
 {
     Connect para       = with_will();
     para.will_topic[0] = 0;
-    expect_refused(encode(para, 4), -1, "CONNECT encode: invalid will topic (len=0)");
+    expect_refused(encode(para, 4), -1, logged::connect_encode_bad_will_topic(0));
     expect_begun(encode(para, 4));
     fill(para.will_topic, 256);
     EXPECT_EQ(encode(para, 4).code, 0);
     EXPECT_EQ(encode(para, 4).written(), 1 + 2 + 10 + 4 + 258 + 3);
     fill(para.will_topic); // no terminator
-    expect_refused(encode(para, 4), -1, "CONNECT encode: invalid will topic (len=257)");
+    expect_refused(encode(para, 4), -1, logged::connect_encode_bad_will_topic(257));
 }
 
 TEST(connect_encode, will_payload)
@@ -312,7 +308,7 @@ TEST(connect_encode, will_payload)
     for (const int length : {-1, 0, 2049, 100000}) {
         para.will_payload_len = length;
         expect_refused(encode(para, 5), -1,
-                       "CONNECT encode: invalid will payload (len=" + std::to_string(length) + ")");
+                       error("CONNECT encode: invalid will payload (len=" + std::to_string(length) + ")"));
         expect_begun(encode(para, 5));
         EXPECT_EQ(encode(para, 5).all.size(), 1u) << "refused before the will properties";
     }
@@ -325,20 +321,20 @@ TEST(connect_encode, credentials)
 {
     Connect para       = of("i");
     para.username_flag = 1;
-    expect_refused(encode(para, 4), -1, "CONNECT encode: invalid username (len=0)");
+    expect_refused(encode(para, 4), -1, logged::connect_encode_bad_username(0));
     expect_begun(encode(para, 4));
     fill(para.username, 64);
     EXPECT_EQ(encode(para, 4).code, 0);
     fill(para.username); // runs on into username_len otherwise
-    expect_refused(encode(para, 4), -1, "CONNECT encode: invalid username (len=65)");
+    expect_refused(encode(para, 4), -1, logged::connect_encode_bad_username(65));
 
     fill(para.username, 1);
     para.password_flag = 1;
-    expect_refused(encode(para, 4), -1, "CONNECT encode: invalid password (len=0)");
+    expect_refused(encode(para, 4), -1, logged::connect_encode_bad_password(0));
     fill(para.password, 64);
     EXPECT_EQ(encode(para, 4).code, 0);
     fill(para.password);
-    expect_refused(encode(para, 4), -1, "CONNECT encode: invalid password (len=65)");
+    expect_refused(encode(para, 4), -1, logged::connect_encode_bad_password(65));
 }
 
 TEST(connect_encode, capacity)
@@ -349,7 +345,7 @@ TEST(connect_encode, capacity)
     EXPECT_EQ(needed, 222);
     EXPECT_EQ(encode(para, 4, needed).code, 0);
     const Encoded e = encode(para, 4, needed - 1);
-    expect_refused(e, -3, "CONNECT encode: buffer full (need=222, available=221)", 221);
+    expect_refused(e, -3, logged::connect_encode_buffer_full(222, 221), 221);
     EXPECT_EQ(hex(e.buffer.data(), 4), "10 DB 01 00") << "header bytes and zeroes";
     EXPECT_TRUE(e.rest_is_zero(3));
 }
@@ -363,12 +359,12 @@ TEST(connect_encode, a_body_has_at_most_2112_bytes)
     EXPECT_EQ(encode(para, 4).written(), 1 + 2 + 2112);
     fill(para.will_topic, 47);
     const Encoded e = encode(para, 4);
-    expect_refused(e, -3, "CONNECT encode: buffer full (need=2113, available=2112)");
+    expect_refused(e, -3, logged::connect_encode_buffer_full(2113, 2112));
     EXPECT_EQ(hex(e.buffer.data(), 4), "10 C1 10 00");
     EXPECT_TRUE(e.rest_is_zero(3));
 
     para.username_flag = 1; // judged before the size
-    expect_refused(encode(para, 4), -1, "CONNECT encode: invalid username (len=0)");
+    expect_refused(encode(para, 4), -1, logged::connect_encode_bad_username(0));
 }
 
 // ---- and back
@@ -403,7 +399,7 @@ TEST(connect_encode, at_level_5_its_own_decoder_stops_at_the_expiry)
     const Encoded e              = encode(para, 5);
     const auto    d = decode_with(mqtt_codec_decode_connect, Bytes(e.buffer.begin(), e.buffer.begin() + e.length), 4);
     EXPECT_EQ(d.code, 0);
-    EXPECT_EQ(d.log, Log{warn("CONNECT decode: unknown property type=0x10, skip")});
+    EXPECT_EQ(d.log, Log{logged::connect_decode_unknown_property(0x10)});
     EXPECT_EQ(d.para.session_expiry_interval, 0u);
     EXPECT_EQ(d.para.receive_max, 0);
     EXPECT_STREQ(d.para.client_id, "i");

@@ -1,5 +1,6 @@
 #include "calls.h"
 #include "log/agent_log.h"
+#include "support/log_lines/codec.h"
 
 #include <gtest/gtest.h>
 #include <thread>
@@ -12,7 +13,7 @@ TEST(codec_context, init_sets_level_4_and_clears_the_rest)
     memset(&ctx, 0xEE, sizeof ctx);
     LogCapture log;
     EXPECT_EQ(mqtt_codec_ctx_init(&ctx), 0);
-    EXPECT_EQ(log.take(), Log{debug("mqtt_codec_ctx_init: success")});
+    EXPECT_EQ(log.take(), Log{logged::codec_context_ready()});
 
     const mqtt_codec_ctx_t expected = {4, 0, 0, {}};
     EXPECT_EQ(memcmp(&ctx, &expected, sizeof ctx), 0);

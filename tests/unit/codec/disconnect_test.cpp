@@ -1,5 +1,6 @@
 #include "calls.h"
-#include "codec/disconnect_link.h"
+#include "codec/codec_calls.h"
+#include "support/log_lines/codec.h"
 
 #include <gtest/gtest.h>
 
@@ -14,12 +15,6 @@ Disconnect of(uint8_t reason)
     Disconnect para{};
     para.reason_code = reason;
     return para;
-}
-
-template <size_t N> void fill(char (&array)[N], size_t length)
-{
-    memset(array, 0, N);
-    memset(array, 'x', length);
 }
 
 Encoded encode(const Disconnect &para, uint32_t version, int capacity = 256)
@@ -58,10 +53,10 @@ Decoded<Disconnect> decode(const char *packet, uint32_t version = 5)
     return decode(wire(packet), version);
 }
 
-void expect_refused(const Decoded<Disconnect> &d, int code, const std::string &text)
+void expect_refused(const Decoded<Disconnect> &d, int code, const LogLine &line)
 {
     EXPECT_EQ(d.code, code);
-    EXPECT_EQ(d.log, Log{error(text)});
+    EXPECT_EQ(d.log, Log{line});
     EXPECT_EQ(d.ctx.last_packet_type, 14u) << "set before any check";
     EXPECT_EQ(d.ctx.last_packet_len, 0u);
 }
@@ -207,8 +202,7 @@ TEST(disconnect_decode, v4)
     const auto d = decode("E0 00", 4);
     expect_success(d, 2);
     EXPECT_EQ(d.ctx.version, 4u);
-    EXPECT_EQ(d.all,
-              (Log{debug("DISCONNECT decode: MQTT 3.1.1"), debug("DISCONNECT decode success: version=4, len=2")}));
+    EXPECT_EQ(d.all, (Log{debug("DISCONNECT decode: MQTT 3.1.1"), logged::disconnect_decoded(4, 2)}));
     Disconnect expected; // the record was garbage before
     clear(expected);
     EXPECT_EQ(memcmp(&d.para, &expected, sizeof expected), 0);
@@ -217,8 +211,8 @@ TEST(disconnect_decode, v4)
 
 TEST(disconnect_decode, v4_has_no_body)
 {
-    expect_refused(decode("E0 01 00", 4), -4, "DISCONNECT decode: MQTT 3.1.1 remaining length must be 0 (got 1)");
-    expect_refused(decode("E0 02 00 00", 4), -4, "DISCONNECT decode: MQTT 3.1.1 remaining length must be 0 (got 2)");
+    expect_refused(decode("E0 01 00", 4), -4, logged::disconnect_decode_v4_body(1));
+    expect_refused(decode("E0 02 00 00", 4), -4, logged::disconnect_decode_v4_body(2));
 }
 
 TEST(disconnect_decode, v5)
@@ -227,8 +221,7 @@ TEST(disconnect_decode, v5)
     expect_success(d, 4);
     EXPECT_EQ(d.ctx.version, 5u);
     EXPECT_EQ(d.para.reason_code, 4);
-    EXPECT_EQ(d.all, (Log{debug("DISCONNECT decode: MQTT 5.0, reason=0x04"),
-                          debug("DISCONNECT decode success: version=5, len=4")}));
+    EXPECT_EQ(d.all, (Log{debug("DISCONNECT decode: MQTT 5.0, reason=0x04"), logged::disconnect_decoded(5, 4)}));
     EXPECT_EQ(decode("E0 02 00 00").para.reason_code, 0);
     expect_success(decode("E0 02 00 00"), 4);
 }
@@ -263,7 +256,7 @@ TEST(disconnect_decode, texts_have_at_most_64_bytes)
             return decode(packet(0xE0, Bytes{0, static_cast<uint8_t>(block.size())} + block));
         };
         expect_success(with(64), 4 + 67);
-        expect_refused(with(65), -3, "DISCONNECT decode: parse properties failed (err=-3)");
+        expect_refused(with(65), -3, logged::disconnect_decode_properties_refused(-3));
     }
     const auto reason = decode(packet(0xE0, wire("00 43 1F") + prefixed(std::string(64, 'x'))));
     EXPECT_EQ(reason.para.reason_string, std::string(64, 'x'));
@@ -274,12 +267,12 @@ TEST(disconnect_decode, texts_have_at_most_64_bytes)
 
 TEST(disconnect_decode, a_value_must_end_inside_the_block)
 {
-    const std::string text = "DISCONNECT decode: parse properties failed (err=-3)";
+    const LogLine line = logged::disconnect_decode_properties_refused(-3);
     for (const char *value : {"10 00 00 00 01", "1F 00 02 'ab'", "26 00 02 'ab'"}) {
         const Bytes whole = wire(value);
         for (size_t cut = 1; cut < whole.size(); ++cut) { // the block is cut, the packet is not
             const Bytes block = Bytes{0, static_cast<uint8_t>(cut)} + whole;
-            expect_refused(decode(packet(0xE0, block)), -3, text);
+            expect_refused(decode(packet(0xE0, block)), -3, line);
         }
     }
     EXPECT_EQ(decode("E0 05 00 03 26 00 02").para.user_property_len, 0);
@@ -287,12 +280,12 @@ TEST(disconnect_decode, a_value_must_end_inside_the_block)
 
 TEST(disconnect_decode, other_properties_are_not_supported)
 {
-    const std::string text = "DISCONNECT decode: parse properties failed (err=-5)";
-    expect_refused(decode("E0 07 00 05 11 00 00 00 3C"), -5, text);
-    expect_refused(decode("E0 03 00 01 00"), -5, text);
-    expect_refused(decode("E0 03 00 01 1C"), -5, text);
+    const LogLine line = logged::disconnect_decode_properties_refused(-5);
+    expect_refused(decode("E0 07 00 05 11 00 00 00 3C"), -5, line);
+    expect_refused(decode("E0 03 00 01 00"), -5, line);
+    expect_refused(decode("E0 03 00 01 1C"), -5, line);
     const auto partly = decode("E0 08 04 06 10 00 00 00 3C 11"); // what came before stays in the record
-    expect_refused(partly, -5, text);
+    expect_refused(partly, -5, line);
     EXPECT_EQ(partly.para.session_expiry_interval, 60u);
     EXPECT_EQ(partly.para.reason_code, 4);
     EXPECT_EQ(partly.consumed, 10);
@@ -300,20 +293,19 @@ TEST(disconnect_decode, other_properties_are_not_supported)
 
 TEST(disconnect_decode, v5_short_forms_are_refused)
 {
-    const std::string text = "DISCONNECT decode: invalid property length";
-    expect_refused(decode("E0 00"), -4, text);
-    expect_refused(decode("E0 01 04"), -4, text);
-    expect_refused(decode("E0 01 04 00"), -4, text); // 00 is behind the packet
-    expect_refused(decode("E0 02 04 80"), -4, text);
-    expect_refused(decode("E0 05 04 80 80 80 01"), -4, text);
+    const LogLine line = logged::disconnect_decode_bad_property_length();
+    expect_refused(decode("E0 00"), -4, line);
+    expect_refused(decode("E0 01 04"), -4, line);
+    expect_refused(decode("E0 01 04 00"), -4, line); // 00 is behind the packet
+    expect_refused(decode("E0 02 04 80"), -4, line);
+    expect_refused(decode("E0 05 04 80 80 80 01"), -4, line);
     EXPECT_EQ(decode("E0 01 04").para.reason_code, 4);
 }
 
 TEST(disconnect_decode, a_property_block_must_end_inside_the_packet)
 {
-    expect_refused(decode("E0 02 00 01"), -4, "DISCONNECT decode: property length exceed remaining data");
-    expect_refused(decode("E0 06 00 05 10 00 00 00 3C"), -4,
-                   "DISCONNECT decode: property length exceed remaining data");
+    expect_refused(decode("E0 02 00 01"), -4, logged::disconnect_decode_properties_cut());
+    expect_refused(decode("E0 06 00 05 10 00 00 00 3C"), -4, logged::disconnect_decode_properties_cut());
     expect_success(decode("E0 08 00 05 10 00 00 00 3C FF"), 9); // what is behind the block is not counted
     expect_success(decode("E0 03 00 80 00"), 5);                // a longer form of 0
 }
@@ -326,34 +318,34 @@ TEST(disconnect_decode, flags_are_not_checked)
 
 TEST(disconnect_decode, first_byte)
 {
-    expect_refused(decode("C0 00", 4), -4, "DISCONNECT decode: not a DISCONNECT packet (type=12)");
-    expect_refused(decode("F0 80", 9), -4, "DISCONNECT decode: not a DISCONNECT packet (type=15)"); // the first of all
+    expect_refused(decode("C0 00", 4), -4, logged::disconnect_decode_wrong_type(12));
+    expect_refused(decode("F0 80", 9), -4, logged::disconnect_decode_wrong_type(15)); // the first of all
     EXPECT_EQ(decode("C0 00").para.reason_code, 0xEE) << "the record is not touched yet";
 }
 
 TEST(disconnect_decode, remaining_length)
 {
-    const std::string text = "DISCONNECT decode: invalid remaining length";
-    expect_refused(decode("E0", 4), -4, text);
-    expect_refused(decode("E0 80", 4), -4, text);
-    expect_refused(decode("E0 80 80 80 01", 4), -4, text);
+    const LogLine line = logged::disconnect_decode_bad_remaining_length();
+    expect_refused(decode("E0", 4), -4, line);
+    expect_refused(decode("E0 80", 4), -4, line);
+    expect_refused(decode("E0 80 80 80 01", 4), -4, line);
     expect_success(decode("E0 80 00", 4), 3);
 }
 
 TEST(disconnect_decode, the_packet_must_be_whole)
 {
     const auto d = decode("E0 02 00");
-    expect_refused(d, -3, "DISCONNECT decode: buffer too short (need=4, have=3)");
+    expect_refused(d, -3, logged::disconnect_decode_incomplete(4, 3));
     EXPECT_EQ(d.para.reason_code, 0xEE) << "the record is not touched yet";
-    expect_refused(decode("E0 FF 7F", 4), -3, "DISCONNECT decode: buffer too short (need=16386, have=3)");
-    expect_refused(decode("E0 01", 9), -3, "DISCONNECT decode: buffer too short (need=3, have=2)"); // before the level
+    expect_refused(decode("E0 FF 7F", 4), -3, logged::disconnect_decode_incomplete(16386, 3));
+    expect_refused(decode("E0 01", 9), -3, logged::disconnect_decode_incomplete(3, 2)); // before the level
 }
 
 TEST(disconnect_decode, level)
 {
     for (const uint32_t version : {0u, 3u, 6u}) {
         const auto d = decode("E0 00", version);
-        expect_refused(d, -2, "DISCONNECT decode: unsupported MQTT version");
+        expect_refused(d, -2, error("DISCONNECT decode: unsupported MQTT version"));
         EXPECT_EQ(d.para.reason_code, 0) << "the record is cleared by then";
     }
 }
@@ -377,18 +369,17 @@ TEST(disconnect_decode, needs_a_byte_and_its_pointers)
 TEST(disconnect_decode, cut_at_every_byte)
 {
     const Bytes whole = wire("E0 13 00 11 | 10 01 02 03 04 | 1F 00 03 'why' | 26 00 03 'abc'");
-    expect_refused(decode(wire("E0")), -4, "DISCONNECT decode: invalid remaining length");
+    expect_refused(decode(wire("E0")), -4, logged::disconnect_decode_bad_remaining_length());
     for (size_t length = 2; length < whole.size(); ++length) {
         const Bytes part(whole.begin(), whole.begin() + static_cast<long>(length));
         SCOPED_TRACE(length);
-        expect_refused(decode(part), -3,
-                       "DISCONNECT decode: buffer too short (need=21, have=" + std::to_string(length) + ")");
+        expect_refused(decode(part), -3, logged::disconnect_decode_incomplete(21, length));
 
         Bytes claim = part; // this one says it is whole
         claim[1]    = static_cast<uint8_t>(length - 2);
         expect_refused(decode(claim), -4,
-                       length < 4 ? "DISCONNECT decode: invalid property length"
-                                  : "DISCONNECT decode: property length exceed remaining data");
+                       length < 4 ? logged::disconnect_decode_bad_property_length()
+                                  : logged::disconnect_decode_properties_cut());
         if (length < 5)
             continue;
         claim[3]        = static_cast<uint8_t>(length - 4); // and so does its block

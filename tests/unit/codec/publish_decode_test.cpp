@@ -1,4 +1,5 @@
 #include "calls.h"
+#include "support/log_lines/codec.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -45,22 +46,21 @@ void expect_success(const Publish &d, uint32_t version, int consumed, const Log 
 }
 
 // Refused with one ERROR line, then the closing banner; neither length nor context moved.
-void expect_refused(const Publish &d, uint32_t version, const std::string &text, const char *banner, int code = -4)
+void expect_refused(const Publish &d, uint32_t version, const LogLine &line, const char *banner, int code = -4)
 {
     EXPECT_EQ(d.code, code);
-    EXPECT_EQ(d.log, Log{error(text)});
+    EXPECT_EQ(d.log, Log{line});
     EXPECT_TRUE(untouched(d.ctx));
     EXPECT_EQ(d.ctx.version, version);
-    const Log end = {error(text),
-                     debug("========== PUBLISH DECODE DEBUG END (FAIL: " + std::string(banner) + ") ==========\n")};
+    const Log end = {line, logged::publish_decode_failed(banner)};
     ASSERT_GE(d.all.size(), 2u);
     EXPECT_EQ(Log(d.all.end() - 2, d.all.end()), end);
 }
-void expect_refused(const char *bytes, const std::string &text, const char *banner)
+void expect_refused(const char *bytes, const LogLine &line, const char *banner)
 {
     for (const uint32_t version : {4u, 5u}) {
         const Publish d = decode(bytes, version);
-        expect_refused(d, version, text, banner);
+        expect_refused(d, version, line, banner);
         EXPECT_EQ(d.consumed, static_cast<int>(wire(bytes).size()));
     }
 }
@@ -142,8 +142,7 @@ TEST(publish_decode, refuses_missing_parameters)
     int            len   = 5;
     LogCapture     log(2);
     const auto     line = [](const void *c, const void *b, const void *l, int length, const void *p) {
-        return Log{error("PUBLISH decode: invalid param (ctx=" + pointer(c) + ", buf=" + pointer(b) +
-                             ", buf_len=" + pointer(l) + ", len=" + std::to_string(length) + ", para=" + pointer(p) + ")")};
+        return Log{logged::publish_decode_invalid_param(c, b, l, length, p)};
     };
     EXPECT_EQ(mqtt_codec_decode_publish(nullptr, buf, &len, &para), -1);
     EXPECT_EQ(log.take(), line(nullptr, buf, &len, 5, &para));
@@ -168,18 +167,17 @@ TEST(publish_decode, traces_missing_parameters_too)
     LogCapture log(0);
     int        len = -7;
     EXPECT_EQ(mqtt_codec_decode_publish(nullptr, nullptr, &len, nullptr), -1);
-    EXPECT_EQ(log.take(), (Log{debug("========== PUBLISH DECODE DEBUG START =========="),
+    EXPECT_EQ(log.take(), (Log{logged::publish_decode_started(),
                                debug("PUBLISH decode: input param - ctx=(nil), buf=(nil), buf_len=" + pointer(&len) +
                                      " (len=-7), para=(nil)"),
-                               error("PUBLISH decode: invalid param (ctx=(nil), buf=(nil), buf_len=" + pointer(&len) +
-                                     ", len=-7, para=(nil))"),
-                               debug("========== PUBLISH DECODE DEBUG END (FAIL: INVALID PARAM) ==========\n")}));
+                               logged::publish_decode_invalid_param(nullptr, nullptr, &len, -7, nullptr),
+                               logged::publish_decode_failed("INVALID PARAM")}));
 }
 
 TEST(publish_decode, refuses_another_type)
 {
-    expect_refused("42 03 00 01 61", "PUBLISH decode: not a PUBLISH packet (type=4, expect=3)", "INVALID PACKET TYPE");
-    expect_refused("00 00", "PUBLISH decode: not a PUBLISH packet (type=0, expect=3)", "INVALID PACKET TYPE");
+    expect_refused("42 03 00 01 61", logged::publish_decode_wrong_type(4), "INVALID PACKET TYPE");
+    expect_refused("00 00", logged::publish_decode_wrong_type(0), "INVALID PACKET TYPE");
     mqtt_publish_para_t zero;
     memset(&zero, 0, sizeof zero);
     const Publish d = decode("42 03 00 01 61");
@@ -188,18 +186,16 @@ TEST(publish_decode, refuses_another_type)
 
 TEST(publish_decode, refuses_qos_3)
 {
-    expect_refused("36 05 00 01 61 00 07", "PUBLISH decode: invalid QoS=3 (protocol require 0/1/2)", "INVALID QoS");
-    expect_refused("36 80", "PUBLISH decode: invalid QoS=3 (protocol require 0/1/2)", "INVALID QoS");
+    expect_refused("36 05 00 01 61 00 07", logged::publish_decode_bad_qos(3), "INVALID QoS");
+    expect_refused("36 80", logged::publish_decode_bad_qos(3), "INVALID QoS");
 }
 
 TEST(publish_decode, refuses_a_bad_remaining_length)
 {
     const auto line = [](int len, int consumed, int need, int have) {
-        char text[160];
-        snprintf(text, sizeof text,
-                 "PUBLISH decode: invalid remaining length (len=%d, consumed=%d, total need=%d, buf_len=%d)", len,
-                 consumed, need, have);
-        return std::string(text);
+        return error(
+            printed("PUBLISH decode: invalid remaining length (len=%d, consumed=%d, total need=%d, buf_len=%d)", len,
+                    consumed, need, have));
     };
     const char *const banner = "INVALID REMAINING LENGTH";
     expect_refused("30 80", line(-1, 0, 0, 2), banner);
@@ -212,17 +208,15 @@ TEST(publish_decode, refuses_a_bad_remaining_length)
 TEST(publish_decode, refuses_a_cut_topic_length)
 {
     const char *const banner = "TOPIC LENGTH SHORT";
-    expect_refused("30 00", "PUBLISH decode: buffer too short for topic length (need 2 bytes) - pos=2, buf_len=2",
-                   banner);
-    expect_refused("30 01 00", "PUBLISH decode: buffer too short for topic length (need 2 bytes) - pos=2, buf_len=3",
-                   banner);
+    expect_refused("30 00", logged::publish_decode_no_topic_length(2, 2), banner);
+    expect_refused("30 01 00", logged::publish_decode_no_topic_length(2, 3), banner);
 }
 
 TEST(publish_decode, refuses_an_empty_topic)
 {
-    const char *const text = "PUBLISH decode: invalid topic length=0 (protocol require non-empty topic)";
-    expect_refused("30 02 00 00", text, "EMPTY TOPIC");
-    expect_refused("30 07 00 00 | 03 23 00 05 | 'x'", text, "EMPTY TOPIC"); // the alias does not help
+    const LogLine line = error("PUBLISH decode: invalid topic length=0 (protocol require non-empty topic)");
+    expect_refused("30 02 00 00", line, "EMPTY TOPIC");
+    expect_refused("30 07 00 00 | 03 23 00 05 | 'x'", line, "EMPTY TOPIC"); // the alias does not help
 }
 
 TEST(publish_decode, topics_have_at_most_256_characters)
@@ -231,14 +225,15 @@ TEST(publish_decode, topics_have_at_most_256_characters)
     expect_success(fits, 4, 261);
     EXPECT_EQ(std::string(fits.para.topic), std::string(256, 't'));
     EXPECT_EQ(decode(packet(0x30, prefixed(std::string(255, 't')))).code, 0);
-    expect_refused(decode(packet(0x30, prefixed(std::string(257, 't')))), 4,
-                   "PUBLISH decode: topic length exceed max (257 > 256)", "TOPIC TOO LONG");
-    expect_refused("30 03 FF FF 61", "PUBLISH decode: topic length exceed max (65535 > 256)", "TOPIC TOO LONG");
+    expect_refused(decode(packet(0x30, prefixed(std::string(257, 't')))), 4, logged::publish_decode_topic_too_long(257),
+                   "TOPIC TOO LONG");
+    expect_refused("30 03 FF FF 61", logged::publish_decode_topic_too_long(65535), "TOPIC TOO LONG");
 }
 
 TEST(publish_decode, refuses_a_cut_topic)
 {
-    expect_refused("30 03 00 02 61", "PUBLISH decode: buffer too short for topic content - pos+len=6 > buf_len=5",
+    expect_refused("30 03 00 02 61",
+                   error("PUBLISH decode: buffer too short for topic content - pos+len=6 > buf_len=5"),
                    "TOPIC CONTENT SHORT");
 }
 
@@ -258,11 +253,9 @@ TEST(publish_decode, topic_may_reach_past_the_packet_into_the_input)
 TEST(publish_decode, refuses_a_cut_identifier)
 {
     const auto line = [](int remaining, int pos, int have) {
-        char text[160];
-        snprintf(text, sizeof text,
-                 "PUBLISH decode: buffer too short for msg id (need 2 bytes) - remaining=%d, pos+2=%d > buf_len=%d",
-                 remaining, pos, have);
-        return std::string(text);
+        return error(
+            printed("PUBLISH decode: buffer too short for msg id (need 2 bytes) - remaining=%d, pos+2=%d > buf_len=%d",
+                    remaining, pos, have));
     };
     expect_refused("32 03 00 01 61", line(0, 7, 5), "MSG ID SHORT");
     expect_refused("34 04 00 01 61 00", line(1, 7, 6), "MSG ID SHORT");
@@ -272,9 +265,9 @@ TEST(publish_decode, refuses_a_cut_identifier)
 
 TEST(publish_decode, refuses_identifier_0)
 {
-    const char *const text = "PUBLISH decode: invalid msg id=0 (protocol require 1~65535 for QoS1/QoS2)";
-    expect_refused("32 05 00 01 61 00 00", text, "INVALID MSG ID");
-    expect_refused("34 05 00 01 61 00 00", text, "INVALID MSG ID");
+    const LogLine line = error("PUBLISH decode: invalid msg id=0 (protocol require 1~65535 for QoS1/QoS2)");
+    expect_refused("32 05 00 01 61 00 00", line, "INVALID MSG ID");
+    expect_refused("34 05 00 01 61 00 00", line, "INVALID MSG ID");
     EXPECT_EQ(decode("34 05 00 01 61 FF FF").para.msg_id, 0xFFFF);
     EXPECT_EQ(decode("30 05 00 01 61 00 00").code, 0) << "QoS 0 has none";
 }
@@ -415,8 +408,7 @@ TEST(publish_decode, a_cut_expiry_is_not_stored_but_stepped_over)
     for (int have = 0; have < 4; ++have) { // value bytes inside the block; payload behind it
         const Bytes   block = wire("02") + repeat(1, static_cast<size_t>(have));
         const Publish d = decode(behind_topic(Bytes{static_cast<uint8_t>(block.size())} + block + text("123456789")));
-        expect_success(d, 5, 6 + 1 + have + 9,
-                       {warn("PUBLISH decode: msg_expiry_interval buffer short - pos=6, need 4 bytes")});
+        expect_success(d, 5, 6 + 1 + have + 9, {logged::publish_decode_expiry_cut(6)});
         EXPECT_EQ(d.para.msg_expiry_interval, 0u);
         EXPECT_EQ(payload_of(d), std::string("123456789").substr(static_cast<size_t>(4 - have)));
     }
@@ -425,18 +417,18 @@ TEST(publish_decode, a_cut_expiry_is_not_stored_but_stepped_over)
 TEST(publish_decode, a_cut_alias_is_not_stored_but_stepped_over)
 {
     Publish d = decode_rest("02 | 23 01 | 'xyz'");
-    expect_success(d, 5, 11, {warn("PUBLISH decode: topic_alias buffer short - pos=6, need 2 bytes")});
+    expect_success(d, 5, 11, {logged::publish_decode_topic_alias_cut(6)});
     EXPECT_EQ(d.para.topic_alias, 0);
     EXPECT_EQ(payload_of(d), "yz");
     d = decode_rest("06 | 02 00 00 00 09 | 23 | 'xyz'");
-    expect_success(d, 5, 15, {warn("PUBLISH decode: topic_alias buffer short - pos=11, need 2 bytes")});
+    expect_success(d, 5, 15, {logged::publish_decode_topic_alias_cut(11)});
     EXPECT_EQ(d.para.msg_expiry_interval, 9u);
     EXPECT_EQ(payload_of(d), "z");
 }
 
 TEST(publish_decode, a_step_beyond_the_packet_leaves_no_payload)
 {
-    const Log log = {warn("PUBLISH decode: msg_expiry_interval buffer short - pos=6, need 4 bytes")};
+    const Log log = {logged::publish_decode_expiry_cut(6)};
     Publish   d   = decode_rest("01 | 02 | 'ab'");
     expect_success(d, 5, 9, log); // never past the input
     EXPECT_EQ(d.para.payload_len, 0u);
@@ -449,7 +441,7 @@ TEST(publish_decode, unknown_properties_are_skipped_as_length_prefixed)
 {
     // 26 03 ...: three bytes of value, then an alias
     Publish d = decode_rest("08 | 26 03 'abc' | 23 00 05 | 'x'");
-    expect_success(d, 5, 15, {warn("PUBLISH decode: unknown property type 0x26, pos=6")});
+    expect_success(d, 5, 15, {logged::publish_decode_unknown_property(0x26, 6)});
     EXPECT_EQ(d.para.topic_alias, 5);
     EXPECT_EQ(payload_of(d), "x");
 
@@ -457,9 +449,8 @@ TEST(publish_decode, unknown_properties_are_skipped_as_length_prefixed)
     d = decode_rest("05 | 01 00 | 23 00 05 | 'x'");
     EXPECT_EQ(d.para.topic_alias, 5);
     d = decode_rest("05 | 01 01 | 23 00 05 | 'x'");
-    expect_success(d, 5, 12,
-                   {warn("PUBLISH decode: unknown property type 0x01, pos=6"),
-                    warn("PUBLISH decode: unknown property type 0x00, pos=9")});
+    expect_success(
+        d, 5, 12, {logged::publish_decode_unknown_property(0x01, 6), logged::publish_decode_unknown_property(0x00, 9)});
     EXPECT_EQ(d.para.topic_alias, 0);
     EXPECT_EQ(payload_of(d), "") << "00 05 led five bytes on, beyond the payload";
 }
@@ -467,14 +458,14 @@ TEST(publish_decode, unknown_properties_are_skipped_as_length_prefixed)
 TEST(publish_decode, an_unknown_property_may_end_behind_its_block)
 {
     Publish d = decode_rest("02 | 26 03 | 'abcdef'");
-    expect_success(d, 5, 14, {warn("PUBLISH decode: unknown property type 0x26, pos=6")});
+    expect_success(d, 5, 14, {logged::publish_decode_unknown_property(0x26, 6)});
     EXPECT_EQ(payload_of(d), "def");
 }
 
 TEST(publish_decode, an_unknown_property_at_the_end_of_its_block)
 {
     const Publish d = decode_rest("01 | 26 | 03 'abc'"); // its length is not looked for outside
-    expect_success(d, 5, 11, {warn("PUBLISH decode: unknown property type 0x26, pos=6")});
+    expect_success(d, 5, 11, {logged::publish_decode_unknown_property(0x26, 6)});
     EXPECT_EQ(payload_of(d), "\x03"
                              "abc");
 }
@@ -483,11 +474,9 @@ TEST(publish_decode, an_unknown_property_without_a_readable_length)
 {
     const Publish d = decode_rest("05 | 26 80 | 80 80 80 | 'x'");
     expect_success(d, 5, 12,
-                   {warn("PUBLISH decode: unknown property type 0x26, pos=6"),
-                    error("PUBLISH decode: invalid attr len for type 0x26, skip 1 byte"),
-                    warn("PUBLISH decode: unknown property type 0x80, pos=8"),
-                    error("PUBLISH decode: invalid attr len for type 0x80, skip 1 byte"),
-                    warn("PUBLISH decode: unknown property type 0x80, pos=10")});
+                   {logged::publish_decode_unknown_property(0x26, 6), logged::publish_decode_bad_property_length(0x26),
+                    logged::publish_decode_unknown_property(0x80, 8), logged::publish_decode_bad_property_length(0x80),
+                    logged::publish_decode_unknown_property(0x80, 10)});
     EXPECT_EQ(payload_of(d), "x");
 }
 
@@ -501,12 +490,11 @@ TEST(publish_decode, a_long_payload_is_cut_at_its_limit)
         EXPECT_EQ(d.para.payload_len, size);
     }
     Publish d = decode(behind_topic(repeat(0xFF, 2049)));
-    expect_success(d, 4, 6 + 2048, {warn("PUBLISH decode: payload length exceed max (2049 > 2048), truncate to max")});
+    expect_success(d, 4, 6 + 2048, {logged::publish_decode_payload_truncated(2049)});
     EXPECT_EQ(d.para.payload_len, 2048u);
 
     d = decode(behind_topic(wire("00") + repeat('p', 3000)));
-    expect_success(d, 5, 3007 - 952,
-                   {warn("PUBLISH decode: payload length exceed max (3000 > 2048), truncate to max")});
+    expect_success(d, 5, 3007 - 952, {logged::publish_decode_payload_truncated(3000)});
     EXPECT_EQ(payload_of(d), std::string(2048, 'p'));
     EXPECT_EQ(d.para.msg_id, 0) << "nothing was written behind the payload";
 }
@@ -517,7 +505,7 @@ TEST(publish_decode, traces_between_its_banners)
 {
     const Publish d = decode("30 08 | 00 01 'a' 'hello'");
     ASSERT_EQ(d.all.size(), 8u);
-    EXPECT_EQ(d.all[0], debug("========== PUBLISH DECODE DEBUG START =========="));
+    EXPECT_EQ(d.all[0], logged::publish_decode_started());
     EXPECT_THAT(d.all[1].text, testing::MatchesRegex("PUBLISH decode: input param - ctx=0x[0-9a-f]+, buf=0x[0-9a-f]+, "
                                                      "buf_len=0x[0-9a-f]+ \\(len=10\\), para=0x[0-9a-f]+"));
     EXPECT_EQ(Log(d.all.begin() + 2, d.all.end()),
@@ -586,7 +574,7 @@ TEST(publish_decode, does_not_read_back_the_encoders_alias)
     para.topic_alias = 5;
     const Encoded e  = encode_with(mqtt_codec_encode_publish, para, 5, 128, 2);
     const Publish d  = decode(Bytes(e.buffer.begin(), e.buffer.begin() + e.length));
-    expect_success(d, 5, e.length, {warn("PUBLISH decode: unknown property type 0x05, pos=9")});
+    expect_success(d, 5, e.length, {logged::publish_decode_unknown_property(0x05, 9)});
     EXPECT_EQ(d.para.topic_alias, 0x0200);
 }
 

@@ -1,6 +1,7 @@
 #include "calls.h"
 
-#include "codec/publish_link.h"
+#include "codec/publish_view.h"
+#include "support/log_lines/codec.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -46,34 +47,24 @@ void expect_packet(const Encoded &e, const std::string &packet)
 }
 
 // Refused before the buffer was touched, or later: `head` is what stands in front of the zeroes then.
-void expect_refused(const Encoded &e, uint32_t version, int code, const std::string &text)
+void expect_refused(const Encoded &e, uint32_t version, int code, const LogLine &line)
 {
     EXPECT_EQ(e.code, code);
-    EXPECT_EQ(e.log, Log{error(text)});
+    EXPECT_EQ(e.log, Log{line});
     EXPECT_EQ(e.length, static_cast<int>(e.buffer.size())) << "the length stays";
     EXPECT_EQ(e.buffer, repeat(0xEE, e.buffer.size()));
     EXPECT_TRUE(untouched(e.ctx));
     EXPECT_EQ(e.ctx.version, version);
 }
-void expect_refused_late(const Encoded &e, const char *head, const std::string &text)
+void expect_refused_late(const Encoded &e, const char *head, const LogLine &line)
 {
     const Bytes expected = wire(head);
     EXPECT_EQ(e.code, -3);
-    EXPECT_EQ(e.log, Log{error(text)});
+    EXPECT_EQ(e.log, Log{line});
     EXPECT_EQ(e.length, static_cast<int>(e.buffer.size()));
     EXPECT_EQ(hex(e.buffer.data(), expected.size()), hex(expected));
     EXPECT_TRUE(e.rest_is_zero(expected.size()));
     EXPECT_TRUE(untouched(e.ctx));
-}
-
-std::string payload_overflow(int need)
-{
-    return "[PUBLISH ENCODE] Step 4.4 ERROR: Payload buffer overflow (need=" + std::to_string(need) + ", have=2112)\n";
-}
-std::string final_overflow(int need, int have)
-{
-    return "[PUBLISH ENCODE] Step 6 ERROR: Final buffer overflow (need=" + std::to_string(need) +
-           ", have=" + std::to_string(have) + ")\n";
 }
 
 } // namespace
@@ -179,8 +170,8 @@ TEST(publish_encode, refuses_null_pointers)
 TEST(publish_encode, wants_128_bytes)
 {
     const auto line = [](int actual) {
-        return "[PUBLISH ENCODE] Step 1 ERROR: Buffer too small (required=128, actual=" + std::to_string(actual) +
-               ") [MQTT 5.0 §3.3.1.4]\n";
+        return error("[PUBLISH ENCODE] Step 1 ERROR: Buffer too small (required=128, actual=" + std::to_string(actual) +
+                     ") [MQTT 5.0 §3.3.1.4]\n");
     };
     expect_refused(encode(message("a"), 4, 127), 4, -1, line(127));
     expect_refused(encode(message("a"), 4, 0), 4, -1, line(0));
@@ -192,22 +183,22 @@ TEST(publish_encode, wants_128_bytes)
     uint8_t          buf[1];
     int              len = -5;
     EXPECT_EQ(mqtt_codec_encode_publish(&ctx, &para, buf, &len), -1);
-    EXPECT_EQ(log.take(), Log{error(line(-5))});
+    EXPECT_EQ(log.take(), Log{line(-5)});
 }
 
 TEST(publish_encode, wants_level_4_or_5)
 {
     for (const uint32_t version : {0u, 3u, 6u})
         expect_refused(encode(message("a"), version), version, -2,
-                       "[PUBLISH ENCODE] Step 1 ERROR: Unsupported version " + std::to_string(version) +
-                           " (only 3.1.1/5.0) [MQTT 5.0 §1.2]\n");
+                       error("[PUBLISH ENCODE] Step 1 ERROR: Unsupported version " + std::to_string(version) +
+                             " (only 3.1.1/5.0) [MQTT 5.0 §1.2]\n"));
 }
 
 TEST(publish_encode, wants_a_topic_of_1_to_256_characters)
 {
     const auto line = [](int length) {
-        return "[PUBLISH ENCODE] Step 1 ERROR: Invalid topic (len=" + std::to_string(length) +
-               ", max=256) [MQTT 5.0 §3.3.2.1]\n";
+        return error("[PUBLISH ENCODE] Step 1 ERROR: Invalid topic (len=" + std::to_string(length) +
+                     ", max=256) [MQTT 5.0 §3.3.2.1]\n");
     };
     expect_refused(encode(message("")), 4, -1, line(0));
     expect_refused(encode(sized(257, 0)), 4, -1, line(257)); // no terminator in the array
@@ -216,7 +207,7 @@ TEST(publish_encode, wants_a_topic_of_1_to_256_characters)
 
 TEST(publish_encode, wants_an_identifier_for_qos_1_and_2)
 {
-    const char *const line = "[PUBLISH ENCODE] Step 1 ERROR: QoS1/2 requires non-zero Packet ID [MQTT 5.0 §3.3.2.2]\n";
+    const LogLine line = logged::publish_encode_no_packet_id();
     expect_refused(encode(message("a", "", 1, 0)), 4, -1, line);
     expect_refused(encode(message("a", "", 2, 0)), 4, -1, line);
     EXPECT_EQ(encode(message("a", "", 3, 0)).code, 0);
@@ -226,13 +217,11 @@ TEST(publish_encode, wants_a_payload_of_at_most_2048_bytes)
 {
     Publish para     = sized(1, 2048);
     para.payload_len = 2049;
-    expect_refused(encode(para), 4, -1,
-                   "[PUBLISH ENCODE] Step 1 ERROR: Invalid payload len (len=2049, max=2048) [MQTT 5.0 §3.3.3]\n");
+    expect_refused(encode(para), 4, -1, logged::publish_encode_bad_payload_length(2049));
     para.payload_len = 2048;
     EXPECT_EQ(encode(para).code, 0);
     para.payload_len = 0xFFFFFFFF;
-    expect_refused(encode(para), 4, -1,
-                   "[PUBLISH ENCODE] Step 1 ERROR: Invalid payload len (len=-1, max=2048) [MQTT 5.0 §3.3.3]\n");
+    expect_refused(encode(para), 4, -1, logged::publish_encode_bad_payload_length(-1));
 }
 
 TEST(publish_encode, looks_at_the_fields_in_order)
@@ -254,29 +243,29 @@ TEST(publish_encode, a_body_has_at_most_2112_bytes)
 {
     // topic + payload: 2 bytes of topic length, 2 of identifier, 1 of property length.
     EXPECT_EQ(encode(sized(62, 2048, 0), 4).written(), 2115);
-    expect_refused_late(encode(sized(63, 2048, 0), 4), "30", payload_overflow(2113));
+    expect_refused_late(encode(sized(63, 2048, 0), 4), "30", logged::publish_encode_payload_overflow(2113));
     EXPECT_EQ(encode(sized(60, 2048, 1), 4).written(), 2115);
-    expect_refused_late(encode(sized(61, 2048, 1), 4), "32", payload_overflow(2113));
+    expect_refused_late(encode(sized(61, 2048, 1), 4), "32", logged::publish_encode_payload_overflow(2113));
     EXPECT_EQ(encode(sized(61, 2048, 0), 5).written(), 2115);
-    expect_refused_late(encode(sized(62, 2048, 0), 5), "30", payload_overflow(2113));
+    expect_refused_late(encode(sized(62, 2048, 0), 5), "30", logged::publish_encode_payload_overflow(2113));
     EXPECT_EQ(encode(sized(59, 2048, 2), 5).written(), 2115);
-    expect_refused_late(encode(sized(60, 2048, 2), 5), "34", payload_overflow(2113));
+    expect_refused_late(encode(sized(60, 2048, 2), 5), "34", logged::publish_encode_payload_overflow(2113));
 
     Publish para             = sized(50, 2048, 2);
     para.msg_expiry_interval = 1;
     para.topic_alias         = 1;
     EXPECT_EQ(encode(para, 5).written(), 2115);
     para.topic[50] = 't';
-    expect_refused_late(encode(para, 5), "34", payload_overflow(2113));
-    expect_refused_late(encode(sized(256, 2000)), "30", payload_overflow(2258));
+    expect_refused_late(encode(para, 5), "34", logged::publish_encode_payload_overflow(2113));
+    expect_refused_late(encode(sized(256, 2000)), "30", logged::publish_encode_payload_overflow(2258));
 }
 
 TEST(publish_encode, wants_room_for_the_whole_packet)
 {
     EXPECT_EQ(encode(sized(1, 123), 4, 128).written(), 128);
-    expect_refused_late(encode(sized(1, 124), 4, 128), "30 7F", final_overflow(129, 128));
-    expect_refused_late(encode(sized(1, 125), 4, 128), "30 80 01", final_overflow(131, 128));
-    expect_refused_late(encode(sized(62, 2048), 4, 2114), "30 C0 10", final_overflow(2115, 2114));
+    expect_refused_late(encode(sized(1, 124), 4, 128), "30 7F", logged::publish_encode_overflow(129, 128));
+    expect_refused_late(encode(sized(1, 125), 4, 128), "30 80 01", logged::publish_encode_overflow(131, 128));
+    expect_refused_late(encode(sized(62, 2048), 4, 2114), "30 C0 10", logged::publish_encode_overflow(2115, 2114));
     EXPECT_EQ(encode(sized(62, 2048), 4, 2115).written(), 2115);
 }
 
@@ -295,7 +284,7 @@ TEST(publish_encode, a_delivery_buffer_holds_2043_bytes_of_topic_and_payload)
         para.topic[10]  = 't';
         const Encoded e = encode(para, c.version, 2048);
         EXPECT_EQ(e.code, -3) << c.most;
-        EXPECT_EQ(e.log, Log{error(final_overflow(2049, 2048))});
+        EXPECT_EQ(e.log, Log{logged::publish_encode_overflow(2049, 2048)});
     }
 }
 
@@ -315,15 +304,15 @@ TEST(publish_encode, traces_each_property_byte_at_debug)
         debug("[PUBLISH ENCODE] Step 4.1: Topic = a (len=1)\n"),
         debug("[PUBLISH ENCODE] Step 4.2: Packet ID = 9\n"),
         debug("[PUBLISH ENCODE] Step 4.3: Property Length = 9\n"),
-        debug("  var_header[6] = 0x02\n"),
-        debug("  var_header[7] = 0x01\n"),
-        debug("  var_header[8] = 0x02\n"),
-        debug("  var_header[9] = 0x03\n"),
-        debug("  var_header[10] = 0x04\n"),
-        debug("  var_header[11] = 0x23\n"),
-        debug("  var_header[12] = 0x02\n"),
-        debug("  var_header[13] = 0x00\n"),
-        debug("  var_header[14] = 0x05\n"),
+        logged::publish_encode_header_byte(6, 0x02),
+        logged::publish_encode_header_byte(7, 0x01),
+        logged::publish_encode_header_byte(8, 0x02),
+        logged::publish_encode_header_byte(9, 0x03),
+        logged::publish_encode_header_byte(10, 0x04),
+        logged::publish_encode_header_byte(11, 0x23),
+        logged::publish_encode_header_byte(12, 0x02),
+        logged::publish_encode_header_byte(13, 0x00),
+        logged::publish_encode_header_byte(14, 0x05),
         debug("[PUBLISH ENCODE] Step 4.4: Payload len = 1\n"),
         debug("[PUBLISH ENCODE] Step 5: Remaining Length = 16\n"),
         debug("[PUBLISH ENCODE] Step 6: Packet copied (len=18)\n"),
@@ -348,13 +337,14 @@ TEST(publish_encode, traces_no_identifier_and_no_properties_where_there_are_none
 // Head and payload put together, as the ring of a receiver does.
 static int encode_publish_view(uint32_t version, const tarn::codec::PublishView &view, uint8_t *buf, int *len)
 {
-    int       head_len = 0;
-    const int code     = tarn::codec::encode_publish_head(version, view, buf, len, &head_len);
-    if (code == 0) {
-        EXPECT_EQ(*len - head_len, static_cast<int>(view.payload.size()));
-        std::copy(view.payload.begin(), view.payload.end(), buf + head_len);
+    const auto [result, head, length] =
+        tarn::codec::encode_publish_head(version, view, {buf, static_cast<size_t>(*len)});
+    if (!failed(result)) {
+        *len = static_cast<int>(length);
+        EXPECT_EQ(length - head.size(), view.payload.size());
+        std::copy(view.payload.begin(), view.payload.end(), buf + head.size());
     }
-    return code;
+    return code_of(result);
 }
 
 TEST(publish_view, gives_the_packet_of_the_record)
@@ -402,7 +392,7 @@ TEST(publish_id_offset, finds_the_identifier)
             for (const uint32_t qos : {1u, 2u}) {
                 Publish   para = sized(5, payload, qos);
                 Encoded   e    = encode(para, version);
-                const int at   = publish_id_offset(e.buffer.data(), e.length);
+                const int at   = publish_id_offset({e.buffer.data(), static_cast<size_t>(e.length)});
                 ASSERT_EQ(at, (payload ? 3 : 2) + 2 + 5);
                 e.buffer[static_cast<size_t>(at)]     = 0xAB;
                 e.buffer[static_cast<size_t>(at) + 1] = 0xCD;
@@ -415,18 +405,18 @@ TEST(publish_id_offset, is_none_where_no_identifier_stands)
 {
     const auto offset = [](const char *packet) {
         const Bytes bytes = wire(packet);
-        return publish_id_offset(bytes.data(), static_cast<int>(bytes.size()));
+        return publish_id_offset(bytes);
     };
     EXPECT_EQ(offset("32 05 00 01 61 00 07"), 5);
     EXPECT_EQ(offset("30 05 00 01 61 00 07"), -1) << "QoS 0";
     EXPECT_EQ(offset("36 05 00 01 61 00 07"), -1) << "QoS 3";
     EXPECT_EQ(offset("42 05 00 01 61 00 07"), -1) << "another type";
-    EXPECT_EQ(publish_id_offset(nullptr, 7), -1);
+    EXPECT_EQ(publish_id_offset({static_cast<const uint8_t *>(nullptr), 7}), -1);
 
     const Bytes whole = wire("32 05 00 01 61 00 07");
     for (size_t cut = 0; cut < whole.size(); ++cut) {
         const Bytes part(whole.begin(), whole.begin() + static_cast<long>(cut));
-        EXPECT_EQ(publish_id_offset(part.data(), static_cast<int>(cut)), -1) << cut;
+        EXPECT_EQ(publish_id_offset(part), -1) << cut;
     }
     EXPECT_EQ(offset("32 80 80 80 01 00 01 61 00 07"), -1) << "four length bytes";
 }

@@ -1,4 +1,5 @@
 #include "calls.h"
+#include "support/log_lines/codec.h"
 
 #include <climits>
 #include <gtest/gtest.h>
@@ -60,9 +61,9 @@ TEST(encode_remaining_length, above_the_maximum)
     EXPECT_EQ(codec_encode_remaining_length(field, 268435455), 4u);
     EXPECT_EQ(log.take(), Log{});
     EXPECT_EQ(codec_encode_remaining_length(field, 268435456), 0u);
-    EXPECT_EQ(log.take(), Log{error("codec_encode_remaining_length: len=268435456 exceeds max=268435455")});
+    EXPECT_EQ(log.take(), Log{logged::remaining_length_too_large(268435456)});
     EXPECT_EQ(codec_encode_remaining_length(field, UINT_MAX), 0u);
-    EXPECT_EQ(log.take(), Log{error("codec_encode_remaining_length: len=4294967295 exceeds max=268435455")});
+    EXPECT_EQ(log.take(), Log{logged::remaining_length_too_large(4294967295u)});
 }
 
 TEST(encode_remaining_length, without_a_buffer)
@@ -70,8 +71,7 @@ TEST(encode_remaining_length, without_a_buffer)
     LogCapture log;
     EXPECT_EQ(codec_encode_remaining_length(nullptr, 5), 0u);
     EXPECT_EQ(codec_encode_remaining_length(nullptr, 268435456), 0u);
-    EXPECT_EQ(log.take(), (Log{error("codec_encode_remaining_length: buf is NULL"),
-                               error("codec_encode_remaining_length: buf is NULL")}));
+    EXPECT_EQ(log.take(), (Log{logged::remaining_length_no_buffer(), logged::remaining_length_no_buffer()}));
 }
 
 TEST(decode_remaining_length, one_to_three_bytes)

@@ -1,4 +1,5 @@
 #include "calls.h"
+#include "support/log_lines/codec.h"
 
 #include <gtest/gtest.h>
 
@@ -61,10 +62,10 @@ void expect_decoded(const Simple &s, int type, uint32_t version, int consumed)
     EXPECT_EQ(s.ctx.last_packet_len, static_cast<uint32_t>(consumed));
 }
 
-void expect_refused(const Simple &s, int code, const std::string &text)
+void expect_refused(const Simple &s, int code, const LogLine &line)
 {
     EXPECT_EQ(s.code, code);
-    EXPECT_EQ(s.log, Log{error(text)});
+    EXPECT_EQ(s.log, Log{line});
     EXPECT_EQ(s.length, static_cast<int>(s.buffer.size()));
     EXPECT_TRUE(untouched(s.ctx));
 }
@@ -117,7 +118,7 @@ TEST(simple_encode, refuses_other_types)
 {
     for (const int type : {0, 1, 11, 15, -1}) {
         const Simple s = encode(type, 3); // before the level
-        expect_refused(s, -5, "Simple encode: unsupported packet type " + std::to_string(type));
+        expect_refused(s, -5, error("Simple encode: unsupported packet type " + std::to_string(type)));
         EXPECT_EQ(s.buffer, repeat(0xEE, 128));
     }
 }
@@ -125,7 +126,7 @@ TEST(simple_encode, refuses_other_types)
 TEST(simple_encode, wants_level_4_or_5)
 {
     for (const uint32_t version : {0u, 3u, 6u})
-        expect_refused(encode(12, version), -2, "Simple encode: unsupported version " + std::to_string(version));
+        expect_refused(encode(12, version), -2, error("Simple encode: unsupported version " + std::to_string(version)));
 }
 
 // ---- decoding
@@ -181,15 +182,15 @@ TEST(simple_decode, refuses_missing_parameters)
 
 TEST(simple_decode, refuses_another_type)
 {
-    expect_refused(decode(12, "D0 00"), -4, "Simple decode: packet type mismatch (expected=12, actual=13)");
-    expect_refused(decode(28, "C0 00"), -4, "Simple decode: packet type mismatch (expected=28, actual=12)");
+    expect_refused(decode(12, "D0 00"), -4, logged::simple_decode_wrong_type(12, 13));
+    expect_refused(decode(28, "C0 00"), -4, logged::simple_decode_wrong_type(28, 12));
 }
 
 TEST(simple_decode, refuses_a_bad_remaining_length)
 {
     for (const char *bytes : {"C0 80", "C0 80 80", "C0 80 80 80 00"}) {
         const Simple s = decode(12, bytes, 5);
-        expect_refused(s, -4, "Simple decode: invalid remaining length");
+        expect_refused(s, -4, error("Simple decode: invalid remaining length"));
         EXPECT_EQ(s.ctx.version, 5u);
     }
 }

@@ -1,4 +1,5 @@
 #include "calls.h"
+#include "support/log_lines/codec.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -100,11 +101,8 @@ const LogLine kNoFilters = error("SUBSCRIBE decode: no valid topic filters (filt
 
 LogLine bad_filter(int length, int pos_len, int end)
 {
-    char text[160];
-    snprintf(text, sizeof text,
-             "SUBSCRIBE decode: invalid topic filter length %d (max=256, pos+len=%d, payload_end=%d)", length, pos_len,
-             end);
-    return warn(text);
+    return warn(printed("SUBSCRIBE decode: invalid topic filter length %d (max=256, pos+len=%d, payload_end=%d)",
+                        length, pos_len, end));
 }
 
 } // namespace
@@ -156,11 +154,11 @@ TEST(subscribe_encode, refuses_missing_parameters)
 TEST(subscribe_encode, judges_count_level_and_identifier_in_this_order)
 {
     mqtt_subscribe_para_t para = request(0, {});
-    expect_refused(encode(para, 3), -1, {error("SUBSCRIBE encode: invalid filter count 0")});
+    expect_refused(encode(para, 3), -1, {logged::subscribe_encode_bad_filter_count(0)});
     para.filter_count = -1;
-    expect_refused(encode(para, 3), -1, {error("SUBSCRIBE encode: invalid filter count -1")});
+    expect_refused(encode(para, 3), -1, {logged::subscribe_encode_bad_filter_count(-1)});
     para.filter_count = 17;
-    expect_refused(encode(para, 3), -1, {error("SUBSCRIBE encode: invalid filter count 17")});
+    expect_refused(encode(para, 3), -1, {logged::subscribe_encode_bad_filter_count(17)});
     para = request(0, {{"a", 0}});
     for (const uint32_t version : {0u, 3u, 6u})
         expect_refused(encode(para, version), -2,
@@ -170,14 +168,13 @@ TEST(subscribe_encode, judges_count_level_and_identifier_in_this_order)
 
 TEST(subscribe_encode, passes_over_bad_filters)
 {
-    expect_packet(encode(request(1, {{"", 0}, {"a", 1}, {std::string(257, 'x'), 0}, {"b", 2}})),
-                  "82 0A 00 01 00 01 61 01 00 01 62 02",
-                  {warn("SUBSCRIBE encode: invalid filter len 0 for index 0"),
-                   warn("SUBSCRIBE encode: invalid filter len 257 for index 2")});
+    expect_packet(
+        encode(request(1, {{"", 0}, {"a", 1}, {std::string(257, 'x'), 0}, {"b", 2}})),
+        "82 0A 00 01 00 01 61 01 00 01 62 02",
+        {logged::subscribe_encode_bad_filter_length(0, 0), logged::subscribe_encode_bad_filter_length(257, 2)});
     EXPECT_EQ(encode(request(1, {{std::string(256, 'x'), 0}})).written(), 3 + 2 + 2 + 256 + 1);
     expect_refused(encode(request(1, {{"", 0}, {"", 0}})), -1,
-                   {warn("SUBSCRIBE encode: invalid filter len 0 for index 0"),
-                    warn("SUBSCRIBE encode: invalid filter len 0 for index 1"),
+                   {logged::subscribe_encode_bad_filter_length(0, 0), logged::subscribe_encode_bad_filter_length(0, 1),
                     error("SUBSCRIBE encode: no valid topic filters")},
                    "82");
 }
@@ -188,21 +185,21 @@ TEST(subscribe_encode, a_body_has_at_most_1024_bytes)
     const std::string     most(256, 'x');
     mqtt_subscribe_para_t para = request(1, {{most, 0}, {most, 0}, {most, 0}, {std::string(242, 'x'), 0}});
     EXPECT_EQ(encode(para, 4).written(), 1027);
-    expect_refused(encode(para, 5), -3, {error("SUBSCRIBE encode: buffer full (need 1025, have 1024)")}, "82");
+    expect_refused(encode(para, 5), -3, {logged::subscribe_encode_buffer_full(1025, 1024)}, "82");
     para.topic_filters[3][242] = 'x';
-    expect_refused(encode(para, 4), -3, {error("SUBSCRIBE encode: buffer full (need 1025, have 1024)")}, "82");
+    expect_refused(encode(para, 4), -3, {logged::subscribe_encode_buffer_full(1025, 1024)}, "82");
 
     para = request(1, std::vector<std::pair<std::string, uint32_t>>(16, {most, 0}));
-    expect_refused(encode(para, 4), -3, {error("SUBSCRIBE encode: buffer full (need 4146, have 1024)")}, "82");
+    expect_refused(encode(para, 4), -3, {logged::subscribe_encode_buffer_full(4146, 1024)}, "82");
 }
 
 TEST(subscribe_encode, wants_room_for_the_whole_packet)
 {
     EXPECT_EQ(encode(request(1, {{std::string(121, 'x'), 0}}), 4, 128).written(), 128);
     expect_refused(encode(request(1, {{std::string(122, 'x'), 0}}), 4, 128), -3,
-                   {error("SUBSCRIBE encode: buffer full (need 129, have 128)")}, "82 7F");
+                   {logged::subscribe_encode_buffer_full(129, 128)}, "82 7F");
     expect_refused(encode(request(1, {{std::string(122, 'x'), 0}}), 5, 128), -3,
-                   {error("SUBSCRIBE encode: buffer full (need 131, have 128)")}, "82 80 01");
+                   {logged::subscribe_encode_buffer_full(131, 128)}, "82 80 01");
 }
 
 // ---- decoding: whole packets
@@ -333,21 +330,17 @@ TEST(subscribe_decode, refuses_another_type_or_flags)
     for (const int flags : {0x0, 0x1, 0x3, 0xA, 0xF}) {
         Bytes bytes = wire("82 06 00 07 00 01 'a' 01");
         bytes[0]    = static_cast<uint8_t>(0x80 | flags);
-        char text[80];
-        snprintf(text, sizeof text, "SUBSCRIBE decode: invalid flags (0x%02X, expect=0x02)",
-                 static_cast<unsigned>(flags));
-        expect_refused(decode(bytes), {error(text)});
+        expect_refused(decode(bytes), {error(printed("SUBSCRIBE decode: invalid flags (0x%02X, expect=0x02)",
+                                                     static_cast<unsigned>(flags)))});
     }
 }
 
 TEST(subscribe_decode, refuses_a_bad_remaining_length)
 {
     const auto line = [](int len, int consumed, int total, int have) {
-        char text[160];
-        snprintf(text, sizeof text,
-                 "SUBSCRIBE decode: invalid remaining length (len=%d, consumed=%d, total=%d, buf_len=%d)", len,
-                 consumed, total, have);
-        return Log{error(text)};
+        return Log{
+            error(printed("SUBSCRIBE decode: invalid remaining length (len=%d, consumed=%d, total=%d, buf_len=%d)", len,
+                          consumed, total, have))};
     };
     expect_refused(decode("82 80 80 80 01 00"), line(-1, 0, 0, 6));
     expect_refused(decode("82 07 00 07 00 01 'a' 01"), line(7, 1, 9, 8));
@@ -356,10 +349,8 @@ TEST(subscribe_decode, refuses_a_bad_remaining_length)
 
 TEST(subscribe_decode, refuses_a_missing_or_zero_identifier)
 {
-    expect_refused(decode("82 00 00 07 00 01"),
-                   {error("SUBSCRIBE decode: buffer too short for msg id (pos=2, payload_end=2)")});
-    expect_refused(decode("82 01 00 07 00 01"),
-                   {error("SUBSCRIBE decode: buffer too short for msg id (pos=2, payload_end=3)")});
+    expect_refused(decode("82 00 00 07 00 01"), {logged::subscribe_decode_no_packet_id(2, 2)});
+    expect_refused(decode("82 01 00 07 00 01"), {logged::subscribe_decode_no_packet_id(2, 3)});
     expect_refused(decode("82 06 00 00 00 01 'a' 01"), {error("SUBSCRIBE decode: invalid msg id (0, must be >0)")});
 }
 
@@ -382,15 +373,15 @@ TEST(subscribe_decode, a_missing_value_is_stepped_over_all_the_same)
     // The step takes the first byte of the filter's length with it, so one more byte stands in front of it here.
     struct {
         const char *id;
-        const char *text;
+        LogLine     line;
     } const cases[] = {
-        {"26", "SUBSCRIBE decode: incomplete max QoS"},
-        {"27", "SUBSCRIBE decode: incomplete retain handling"},
-        {"0B", "SUBSCRIBE decode: incomplete subscription identifier"},
+        {"26", warn("SUBSCRIBE decode: incomplete max QoS")},
+        {"27", warn("SUBSCRIBE decode: incomplete retain handling")},
+        {"0B", logged::subscribe_decode_identifier_cut()},
     };
     for (const auto &c : cases) {
         const Subscribe d = decode(packet(0x82, wire("00 07 01") + wire(c.id) + wire("FF 00 01 'a' 01")), 5);
-        expect_success(d, 5, 7, 11, {warn(c.text)});
+        expect_success(d, 5, 7, 11, {c.line});
         expect_filters(d, {{"a", 1}});
         EXPECT_EQ(d.para.max_qos + d.para.retain_handling + d.para.subscription_identifier, 0u);
     }
@@ -399,11 +390,11 @@ TEST(subscribe_decode, a_missing_value_is_stepped_over_all_the_same)
 TEST(subscribe_decode, unknown_properties_are_skipped_as_length_prefixed)
 {
     Subscribe d = decode_v5("07 1F 03 'abc' 0B 05 | 00 01 'a' 01");
-    expect_success(d, 5, 7, 16, {warn("SUBSCRIBE decode: unknown property type 0x1F, attr_len=3")});
+    expect_success(d, 5, 7, 16, {logged::subscribe_decode_unknown_property(0x1F, 3)});
     EXPECT_EQ(d.para.subscription_identifier, 5u);
     expect_filters(d, {{"a", 1}});
     d = decode_v5("05 1F 01 'x' 0B 05 | 00 01 'a' 01"); // a length of 1 is one
-    expect_success(d, 5, 7, 14, {warn("SUBSCRIBE decode: unknown property type 0x1F, attr_len=1")});
+    expect_success(d, 5, 7, 14, {logged::subscribe_decode_unknown_property(0x1F, 1)});
     EXPECT_EQ(d.para.subscription_identifier, 5u);
 }
 
@@ -411,21 +402,18 @@ TEST(subscribe_decode, an_unknown_property_without_length_ends_the_block)
 {
     for (const char *block : {"04 1F 00 0B 05", "04 1F 80 80 80"}) {
         const Subscribe d = decode(packet(0x82, wire("00 07") + wire(block) + wire("00 01 'a' 01")), 5);
-        expect_success(d, 5, 7, 13,
-                       {warn(block[6] == '0' ? "SUBSCRIBE decode: unknown property type 0x1F, attr_len=0"
-                                             : "SUBSCRIBE decode: unknown property type 0x1F, attr_len=-1")});
+        expect_success(d, 5, 7, 13, {logged::subscribe_decode_unknown_property(0x1F, block[6] == '0' ? 0 : -1)});
         EXPECT_EQ(d.para.subscription_identifier, 0u);
         expect_filters(d, {{"a", 1}});
     }
     // Its length is not looked for behind the block.
-    expect_success(decode_v5("01 1F | 00 01 'a' 01"), 5, 7, 10,
-                   {warn("SUBSCRIBE decode: unknown property type 0x1F, attr_len=-1")});
+    expect_success(decode_v5("01 1F | 00 01 'a' 01"), 5, 7, 10, {logged::subscribe_decode_unknown_property(0x1F, -1)});
 }
 
 TEST(subscribe_decode, the_filters_start_behind_the_last_step)
 {
     const Subscribe d = decode_v5("02 1F 03 'xyz' | 00 01 'a' 01");
-    expect_success(d, 5, 7, 14, {warn("SUBSCRIBE decode: unknown property type 0x1F, attr_len=3")});
+    expect_success(d, 5, 7, 14, {logged::subscribe_decode_unknown_property(0x1F, 3)});
     expect_filters(d, {{"a", 1}});
 }
 
@@ -438,13 +426,11 @@ TEST(subscribe_decode, an_unreadable_property_length_means_none)
 
 TEST(subscribe_decode, refuses_a_block_with_nothing_behind_it)
 {
-    expect_refused(decode_v5("01 0B"), {warn("SUBSCRIBE decode: incomplete subscription identifier"), kNoFilters});
+    expect_refused(decode_v5("01 0B"), {logged::subscribe_decode_identifier_cut(), kNoFilters});
     expect_refused(decode_v5("02 0B 01"), {kNoFilters});
     expect_refused(decode_v5("7F 0B 01"), {kNoFilters}); // the block claims more than the packet has
-    expect_refused(decode_v5("7F 1F 01"),
-                   {warn("SUBSCRIBE decode: unknown property type 0x1F, attr_len=1"), kNoFilters});
-    expect_refused(decode_v5("7F 1F 00 0B 01"),
-                   {warn("SUBSCRIBE decode: unknown property type 0x1F, attr_len=0"), kNoFilters});
+    expect_refused(decode_v5("7F 1F 01"), {logged::subscribe_decode_unknown_property(0x1F, 1), kNoFilters});
+    expect_refused(decode_v5("7F 1F 00 0B 01"), {logged::subscribe_decode_unknown_property(0x1F, 0), kNoFilters});
     expect_refused(decode("82 03 00 07 00 | 00 01 'a' 01", 5), {kNoFilters}); // filters of the next packet do not count
 }
 
@@ -469,17 +455,15 @@ TEST(subscribe_decode, a_bad_filter_ends_the_list)
 TEST(subscribe_decode, a_cut_length_ends_the_list)
 {
     Subscribe d = decode("82 07 | 00 07 | 00 01 'a' 01 | 00");
-    expect_success(d, 4, 7, 8,
-                   {error("SUBSCRIBE decode: buffer too short for topic filter length (pos=8, payload_end=9)")});
+    expect_success(d, 4, 7, 8, {logged::subscribe_decode_no_filter_length(8, 9)});
     expect_filters(d, {{"a", 1}});
     d = decode("82 07 | 00 07 | 00 01 'a' 01 | 00 | 01 'b' 01"); // goes on behind the packet, but not for us
-    expect_success(d, 4, 7, 8,
-                   {error("SUBSCRIBE decode: buffer too short for topic filter length (pos=8, payload_end=9)")});
+    expect_success(d, 4, 7, 8, {logged::subscribe_decode_no_filter_length(8, 9)});
 }
 
 TEST(subscribe_decode, missing_options_end_the_list)
 {
-    const Log log = {error("SUBSCRIBE decode: buffer too short for req qos (pos=11, payload_end=11)")};
+    const Log log = {logged::subscribe_decode_no_qos(11, 11)};
     Subscribe d   = decode("82 09 | 00 07 | 00 01 'a' 01 | 00 01 'b'");
     expect_success(d, 4, 7, 11, log);
     expect_filters(d, {{"a", 1}});
@@ -492,15 +476,10 @@ TEST(subscribe_decode, missing_options_end_the_list)
 TEST(subscribe_decode, refuses_a_packet_without_a_good_filter)
 {
     expect_refused(decode("82 04 00 07 00 00"), {bad_filter(0, 6, 6), kNoFilters});
-    expect_refused(decode("82 05 00 07 00 01 'a'"),
-                   {error("SUBSCRIBE decode: buffer too short for req qos (pos=7, payload_end=7)"), kNoFilters});
+    expect_refused(decode("82 05 00 07 00 01 'a'"), {logged::subscribe_decode_no_qos(7, 7), kNoFilters});
     // An identifier alone, with more input behind the packet.
-    expect_refused(
-        decode("82 02 00 07 | C0 00"),
-        {error("SUBSCRIBE decode: buffer too short for topic filter length (pos=4, payload_end=4)"), kNoFilters});
-    expect_refused(
-        decode("82 02 00 07 | C0 00", 5),
-        {error("SUBSCRIBE decode: buffer too short for topic filter length (pos=4, payload_end=4)"), kNoFilters});
+    expect_refused(decode("82 02 00 07 | C0 00"), {logged::subscribe_decode_no_filter_length(4, 4), kNoFilters});
+    expect_refused(decode("82 02 00 07 | C0 00", 5), {logged::subscribe_decode_no_filter_length(4, 4), kNoFilters});
     expect_refused(decode("82 82 80 00 00 07"), {kNoFilters}); // the packet is all of the input
 }
 
@@ -540,7 +519,7 @@ TEST(subscribe_decode, does_not_read_back_the_encoders_subscription_identifier)
     para.subscription_identifier = 300;
     const Encoded   e            = encode(para, 5);
     const Subscribe d            = decode(Bytes(e.buffer.begin(), e.buffer.begin() + e.length), 5);
-    expect_success(d, 5, 7, e.length, {warn("SUBSCRIBE decode: unknown property type 0x2C, attr_len=-1")});
+    expect_success(d, 5, 7, e.length, {logged::subscribe_decode_unknown_property(0x2C, -1)});
     EXPECT_EQ(d.para.subscription_identifier, 1u);
     expect_filters(d, {{"a", 1}});
 }

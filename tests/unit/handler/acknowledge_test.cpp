@@ -1,4 +1,6 @@
 #include "handler_fixture.h"
+#include "support/log_lines/handler.h"
+#include "support/log_lines/qos.h"
 
 using namespace tarn::test;
 using testing::ElementsAre;
@@ -12,9 +14,9 @@ TEST(acknowledge, puback_of_the_last_qos_1_identifier_completes_it)
     qos_reliable_add_packet(client, 7, 1, "t", "x", 1);
     LogCapture log;
     EXPECT_EQ(client.sends("40 02 00 07"), 0);
-    EXPECT_THAT(handler_lines(log), ElementsAre(debug("收到MQTT报文：ClientID=dev1, 类型=4, 长度=4"),
-                                                info("MQTT标准：收到PUBACK确认：ClientID=dev1, MsgID=7"),
-                                                debug("MQTT标准：QoS1消息确认完成：ClientID=dev1, MsgID=7")));
+    EXPECT_THAT(handler_lines(log),
+                ElementsAre(logged::packet_received("dev1", 4, 4), logged::puback_received("dev1", 7),
+                            debug("MQTT标准：QoS1消息确认完成：ClientID=dev1, MsgID=7")));
     EXPECT_EQ(client->qos1_pending_msg_id, 0);
     EXPECT_EQ(pending_count(), 0);
     EXPECT_THAT(client.gets(), IsEmpty());
@@ -28,8 +30,7 @@ TEST(acknowledge, puback_of_an_older_identifier_warns_and_still_completes_the_en
     qos_reliable_add_packet(client, 7, 1, "t", "x", 1);
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends("40 02 00 07"), 0);
-    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：收到PUBACK确认：ClientID=dev1, MsgID=7"),
-                                        info("[QoS] QoS1 PUBACK 完成: msg_id=7"),
+    EXPECT_THAT(log.take(), ElementsAre(logged::puback_received("dev1", 7), logged::qos1_completed("PUBACK", 7),
                                         warn("MQTT标准：收到无效PUBACK：ClientID=dev1, MsgID=7（无对应待确认消息）")));
     EXPECT_EQ(client->qos1_pending_msg_id, 8);
     EXPECT_EQ(pending_count(), 0);
@@ -41,8 +42,8 @@ TEST(acknowledge, pubrec_is_answered_with_pubrel)
     Client     client(broker, 4, "dev1");
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends("50 02 12 34"), 0);
-    EXPECT_THAT(handler_lines(log), ElementsAre(info("收到PUBREC：ClientID=dev1, MsgID=4660"),
-                                                info("发送PUBREL成功：ClientID=dev1, MsgID=4660")));
+    EXPECT_THAT(handler_lines(log),
+                ElementsAre(logged::pubrec_received("dev1", 4660), logged::pubrel_sent("dev1", 4660)));
     EXPECT_THAT(client.gets(), ElementsAre(wire("62 02 12 34")));
 }
 
@@ -81,8 +82,7 @@ TEST(acknowledge, pubrel_is_answered_with_pubcomp_whatever_is_pending)
     client->qos2_pending_msg_id = 9;
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends("62 03 00 07 00"), 0);
-    EXPECT_THAT(handler_lines(log), ElementsAre(info("收到PUBREL：ClientID=dev1, MsgID=7"),
-                                                info("发送PUBCOMP成功：ClientID=dev1, MsgID=7")));
+    EXPECT_THAT(handler_lines(log), ElementsAre(logged::pubrel_received("dev1", 7), logged::pubcomp_sent("dev1", 7)));
     EXPECT_THAT(client.gets(), ElementsAre(wire("70 03 00 07 00")));
     EXPECT_EQ(client->qos2_pending_msg_id, 0);
 }
@@ -97,8 +97,7 @@ TEST(acknowledge, pubcomp_ends_the_exchange_it_belongs_to)
     EXPECT_EQ(client->qos2_pending_msg_id, 9);
     EXPECT_EQ(client.sends("70 02 00 09"), 0);
     EXPECT_EQ(client->qos2_pending_msg_id, 0);
-    EXPECT_THAT(log.take(), ElementsAre(info("收到PUBCOMP：ClientID=dev1, MsgID=7，QoS2流程完成"),
-                                        info("收到PUBCOMP：ClientID=dev1, MsgID=9，QoS2流程完成")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::pubcomp_received("dev1", 7), logged::pubcomp_received("dev1", 9)));
     EXPECT_THAT(client.gets(), IsEmpty());
 }
 
@@ -143,8 +142,7 @@ TEST(acknowledge, an_answer_that_cannot_be_queued_counts_as_sent)
     client->state               = CLIENT_CLOSED;
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends("62 02 00 07"), 0);
-    EXPECT_THAT(handler_lines(log), ElementsAre(info("收到PUBREL：ClientID=dev1, MsgID=7"),
-                                                info("发送PUBCOMP成功：ClientID=dev1, MsgID=7")));
+    EXPECT_THAT(handler_lines(log), ElementsAre(logged::pubrel_received("dev1", 7), logged::pubcomp_sent("dev1", 7)));
     EXPECT_EQ(client->qos2_pending_msg_id, 0);
 }
 
@@ -158,20 +156,14 @@ TEST(acknowledge, an_identifier_of_0_is_answered_too)
         const char          *packet, *answer;
         std::vector<LogLine> lines;
     } const rows[] = {
-        {"40 02 00 00",
-         "",
-         {info("MQTT标准：收到PUBACK确认：ClientID=dev1, MsgID=0"), error("[QoS] 处理ACK参数错误：客户端为空")}},
+        {"40 02 00 00", "", {logged::puback_received("dev1", 0), logged::ack_without_client()}},
         {"50 02 00 00",
          "62 02 00 00",
-         {info("收到PUBREC：ClientID=dev1, MsgID=0"), error("[QoS] 处理ACK参数错误：客户端为空"),
-          info("发送PUBREL成功：ClientID=dev1, MsgID=0")}},
+         {logged::pubrec_received("dev1", 0), logged::ack_without_client(), logged::pubrel_sent("dev1", 0)}},
         {"62 02 00 00",
          "70 02 00 00",
-         {info("收到PUBREL：ClientID=dev1, MsgID=0"), error("[QoS] 处理ACK参数错误：客户端为空"),
-          info("发送PUBCOMP成功：ClientID=dev1, MsgID=0")}},
-        {"70 02 00 00",
-         "",
-         {info("收到PUBCOMP：ClientID=dev1, MsgID=0，QoS2流程完成"), error("[QoS] 处理ACK参数错误：客户端为空")}},
+         {logged::pubrel_received("dev1", 0), logged::ack_without_client(), logged::pubcomp_sent("dev1", 0)}},
+        {"70 02 00 00", "", {logged::pubcomp_received("dev1", 0), logged::ack_without_client()}},
     };
     for (const auto &row : rows) {
         LogCapture log(AGENT_LOG_INFO);

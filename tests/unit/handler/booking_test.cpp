@@ -14,49 +14,32 @@ using testing::IsEmpty;
 
 namespace {
 
-// A pool client with a socket that the send thread writes to.
+// A client that the send thread writes to.
 struct Receiver {
-    mqtt_client_t *client;
-    int            end;
+    Client client;
 
-    Receiver(Handling &broker, const char *id)
+    explicit Receiver(Handling &broker) : client(broker)
     {
-        int pair[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-        netip_conn_t &slot = g_netip_clients[1];
-        slot.handle        = 1;
-        slot.type          = NETIP_TCP;
-        slot.fd            = pair[0];
-        poke_release(slot.in_use, 1);
-        end    = pair[1];
-        client = client_create(1, "10.0.0.1", 4711, &broker.host.broker);
-        sends(client, connect_v4(id));
+        client.sends(connect_v4("r"));
         mqtt_start_send_thread();
         EXPECT_EQ(next(), wire("20 02 00 00"));
     }
-    ~Receiver()
-    {
-        mqtt_stop_send_thread();
-        client_close(client);
-        close(end);
-    }
-    Receiver(const Receiver &)            = delete;
-    Receiver &operator=(const Receiver &) = delete;
+    ~Receiver() { mqtt_stop_send_thread(); }
 
     bool has_something(int ms)
     {
-        pollfd ready{end, POLLIN, 0};
+        pollfd ready{client.end(), POLLIN, 0};
         return poll(&ready, 1, ms) == 1;
     }
     // The next packet, which is a short one.
     Bytes next()
     {
         uint8_t head[2] = {};
-        if (!has_something(10000) || recv(end, head, 2, MSG_WAITALL) != 2)
+        if (!has_something(10000) || recv(client.end(), head, 2, 0) != 2)
             return {};
         Bytes all(head, head + 2);
         all.resize(2 + head[1]);
-        EXPECT_EQ(recv(end, all.data() + 2, head[1], MSG_WAITALL), head[1]);
+        EXPECT_EQ(recv(client.end(), all.data() + 2, head[1], 0), head[1]);
         return all;
     }
 };
@@ -64,7 +47,7 @@ struct Receiver {
 struct Booking : testing::Test {
     ManualClock clock;
     Handling    broker;
-    Receiver    receiver{broker, "r"};
+    Receiver    receiver{broker};
 
     Booking()
     {
@@ -161,7 +144,7 @@ TEST_F(Booking, an_acknowledgement_finds_its_delivery)
     for (; acknowledged < kMessages; ++acknowledged) {
         const Bytes packet = receiver.next();
         ASSERT_EQ(packet.size(), 8u);
-        sends(receiver.client, Bytes{0x40, 2, packet[5], packet[6]});
+        receiver.client.sends(Bytes{0x40, 2, packet[5], packet[6]});
     }
     host.join();
     EXPECT_EQ(pending_count(), 0);

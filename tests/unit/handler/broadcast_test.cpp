@@ -1,4 +1,5 @@
 #include "handler_fixture.h"
+#include "support/log_lines/handler.h"
 
 using namespace tarn;
 using namespace tarn::test;
@@ -43,12 +44,9 @@ TEST(broadcast, a_topic_past_the_end_is_refused)
     LogCapture log(AGENT_LOG_INFO);
     broadcast(wire("30 02 00 01"));
     broadcast(wire("30 03 00 02 't'"));
-    EXPECT_THAT(
-        log.take(),
-        ElementsAre(error("[遗嘱调试][广播失败] Topic越界：topic_len=1, msg_len=4, 2+2+topic_len=5 > msg_len"),
-                    error("[遗嘱调试][广播失败] Topic越界：topic_len=2, msg_len=5, 2+2+topic_len=6 > msg_len")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::broadcast_topic_cut(1, 4, 5), logged::broadcast_topic_cut(2, 5, 6)));
     broadcast(wire("30 02 00 00"));
-    EXPECT_EQ(log.take()[0], info("[遗嘱调试][广播开始] Topic=, 原始QoS=0, 消息长度=4, 开始匹配订阅者（上限=11000）"));
+    EXPECT_EQ(log.take()[0], logged::broadcast_started("", 0, 4));
 }
 
 TEST(broadcast, line_by_line)
@@ -72,27 +70,17 @@ TEST(broadcast, line_by_line)
     broadcast(wire("33 09 | 00 03 'w/t' | 00 07 | 'bye'"));
     EXPECT_THAT(
         will_lines(log),
-        ElementsAre(info("[遗嘱调试][广播开始] Topic=w/t, 原始QoS=1, 消息长度=12, 开始匹配订阅者（上限=11000）"),
-                    info("[遗嘱调试][订阅匹配] Topic=w/t 匹配到 7 个订阅者（上限=11000）"),
-                    debug("[遗嘱调试][订阅者列表] 匹配到的7个订阅者："),
-                    debug("[遗嘱调试][订阅者1] ClientID=a, TopicFilter=w/#, 订阅QoS=0"),
-                    debug("[遗嘱调试][订阅者2] ClientID=b, TopicFilter=w/t, 订阅QoS=2"),
-                    debug("[遗嘱调试][订阅者3] ClientID=gone, TopicFilter=w/t, 订阅QoS=1"),
-                    debug("[遗嘱调试][订阅者4] ClientID=away, TopicFilter=w/t, 订阅QoS=1"),
-                    debug("[遗嘱调试][订阅者5] ClientID=, TopicFilter=w/t, 订阅QoS=1"),
-                    debug("[遗嘱调试][订阅者6] ClientID=a, TopicFilter=$share/g/w/t, 订阅QoS=1"),
-                    debug("[遗嘱调试][订阅者7] ClientID=b, TopicFilter=$share/g/w/t, 订阅QoS=1"),
-                    debug("[遗嘱调试][QoS降级] 订阅者1：原始QoS=1 → 订阅QoS=0 → 最终投递QoS=0"),
-                    info("[遗嘱调试][广播成功] 订阅者1：To=a, Topic=w/t,最终投递QoS=0（已降级）"),
-                    debug("[遗嘱调试][QoS降级] 订阅者2：原始QoS=1 → 订阅QoS=2 → 最终投递QoS=1"),
-                    info("[遗嘱调试][广播成功] 订阅者2：To=b, Topic=w/t,最终投递QoS=1（已降级）"),
-                    warn("[遗嘱调试][广播失败] 订阅者3：ClientID=gone 不存在"),
-                    warn("[遗嘱调试][跳过] 客户端已离线，不发送遗嘱：away"),
-                    warn("[遗嘱调试][广播跳过] 订阅者5：ClientID为空"),
-                    debug("[遗嘱调试][QoS降级] 订阅者6：原始QoS=1 → 订阅QoS=1 → 最终投递QoS=1"),
-                    info("[遗嘱调试][广播成功] 订阅者6：To=a, Topic=w/t,最终投递QoS=1（已降级）"),
-                    debug("[共享订阅] 订阅者7 同组已负载均衡，跳过发送"),
-                    info("[遗嘱调试][广播完成] Topic=w/t, 总计匹配7个订阅者，成功发送3个，失败4个")));
+        ElementsAre(logged::broadcast_started("w/t", 1, 12), logged::broadcast_matched("w/t", 7),
+                    logged::broadcast_receivers(7), logged::broadcast_receiver(1, "a", "w/#", 0),
+                    logged::broadcast_receiver(2, "b", "w/t", 2), logged::broadcast_receiver(3, "gone", "w/t", 1),
+                    logged::broadcast_receiver(4, "away", "w/t", 1), logged::broadcast_receiver(5, "", "w/t", 1),
+                    logged::broadcast_receiver(6, "a", "$share/g/w/t", 1),
+                    logged::broadcast_receiver(7, "b", "$share/g/w/t", 1), logged::broadcast_qos_lowered(1, 1, 0, 0),
+                    logged::broadcast_sent(1, "a", "w/t", 0), logged::broadcast_qos_lowered(2, 1, 2, 1),
+                    logged::broadcast_sent(2, "b", "w/t", 1), logged::broadcast_receiver_unknown(3, "gone"),
+                    logged::broadcast_receiver_offline("away"), logged::broadcast_skips_empty_id(5),
+                    logged::broadcast_qos_lowered(6, 1, 1, 1), logged::broadcast_sent(6, "a", "w/t", 1),
+                    logged::shared_receiver_skipped(7), logged::broadcast_ended("w/t", 7, 3, 4)));
     EXPECT_THAT(a.gets(),
                 ElementsAre(wire("31 08 00 03 'w/t' 'bye'"), wire("33 0A 00 03 'w/t'") + u16(ids[1]) + text("bye")));
     EXPECT_THAT(b.gets(), ElementsAre(wire("33 0A 00 03 'w/t'") + u16(ids[0]) + text("bye")));
@@ -118,7 +106,7 @@ TEST(broadcast, without_matches)
     Handling   broker;
     LogCapture log;
     broadcast(wire("30 04 00 01 't' 'x'"));
-    EXPECT_EQ(log.take().back(), debug("[遗嘱调试][广播完成] 无匹配订阅者，Topic=t"));
+    EXPECT_EQ(log.take().back(), logged::broadcast_matched_nobody("t"));
 }
 
 TEST(broadcast, of_anything_else_says_more_about_who_is_away)
@@ -129,8 +117,7 @@ TEST(broadcast, of_anything_else_says_more_about_who_is_away)
     away->state = CLIENT_WILL_PENDING;
     LogCapture log(AGENT_LOG_WARN);
     broadcast(wire("30 04 00 01 't' 'x'"), false);
-    EXPECT_THAT(log.take(),
-                ElementsAre(warn("[遗嘱调试][广播失败] 订阅者1：ClientID=away 状态无效（3），需为LOGINED/CONNECTED")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::broadcast_receiver_in_state(1, "away", 3)));
 }
 
 TEST(broadcast, the_receivers_version_decides_where_the_payload_begins)
@@ -154,16 +141,13 @@ TEST(broadcast, a_payload_past_the_end_skips_that_receiver)
     sub_add("old", "t", 0, 1);
     LogCapture log(AGENT_LOG_ERROR);
     broadcast(wire("30 04 00 01 't' 'x'")); // 'x' is a property length of 120
-    EXPECT_THAT(log.take(),
-                ElementsAre(error("[遗嘱调试][广播失败] 订阅者1：Payload解析失败（start=126, len=-120, msg_len=6）")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::broadcast_payload_unreadable(1, 126, -120, 6)));
     EXPECT_THAT(old.gets(), ElementsAre(wire("30 04 00 01 't' 'x'")));
     broadcast(wire("30 03 00 01 't'"));
-    EXPECT_THAT(log.take(),
-                ElementsAre(error("[遗嘱调试][广播失败] 订阅者1：Payload解析失败（start=6, len=-1, msg_len=5）"),
-                            error("[遗嘱调试][广播失败] 订阅者2：Payload解析失败（start=5, len=0, msg_len=5）")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::broadcast_payload_unreadable(1, 6, -1, 5),
+                                        logged::broadcast_payload_unreadable(2, 5, 0, 5)));
     broadcast(wire("30 04 00 01 't' 00")); // an empty block and nothing behind it
-    EXPECT_THAT(log.take(),
-                ElementsAre(error("[遗嘱调试][广播失败] 订阅者1：Payload解析失败（start=6, len=0, msg_len=6）")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::broadcast_payload_unreadable(1, 6, 0, 6)));
     EXPECT_THAT(young.gets(), IsEmpty());
 }
 
@@ -195,9 +179,7 @@ TEST(broadcast, a_two_byte_remaining_length_is_misread)
     sub_add("r", "#", 0, 1);
     LogCapture log(AGENT_LOG_ERROR);
     broadcast(packet(0x30, prefixed("t") + repeat('x', 200)));
-    EXPECT_THAT(
-        log.take(),
-        ElementsAre(error("[遗嘱调试][广播失败] Topic越界：topic_len=256, msg_len=206, 2+2+topic_len=260 > msg_len")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::broadcast_topic_cut(256, 206, 260)));
     EXPECT_THAT(client.gets(), IsEmpty());
 }
 
@@ -220,9 +202,9 @@ TEST(broadcast, what_the_encoder_or_the_ring_refuses_is_reported)
     small->max_packet_size = 5;
     LogCapture log(AGENT_LOG_ERROR);
     broadcast(wire("30 05 00 01 't'") + repeat('x', 2049));
-    EXPECT_EQ(log.take()[1], error("[遗嘱调试][广播失败] 订阅者1：To=r, 编码失败（错误码=-1）"));
+    EXPECT_EQ(log.take()[1], logged::broadcast_not_encoded(1, "r", -1));
     broadcast(wire("30 04 00 01 't' 'x'"));
-    EXPECT_THAT(log.take(), ElementsAre(error("[遗嘱调试][广播失败] 订阅者2：To=small, 发送返回值=-1")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::broadcast_not_sent(2, "small", -1)));
     EXPECT_EQ(client.gets().size(), 1u);
 }
 

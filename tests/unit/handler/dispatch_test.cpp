@@ -1,4 +1,5 @@
 #include "handler_fixture.h"
+#include "support/log_lines/handler.h"
 
 using namespace tarn::test;
 using testing::ElementsAre;
@@ -14,8 +15,8 @@ TEST(dispatch, bad_arguments_are_counted_and_refused)
     EXPECT_EQ(packet_dispatch(client, nullptr, 2), -1);
     EXPECT_EQ(packet_dispatch(client, ping.data(), 0), -1);
     EXPECT_EQ(packet_dispatch(client, ping.data(), 0x80000000), -1);
-    EXPECT_THAT(log.take(), ElementsAre(error("无效报文参数"), error("无效报文参数"), error("无效报文参数"),
-                                        error("无效报文参数")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::invalid_packet(), logged::invalid_packet(), logged::invalid_packet(),
+                                        logged::invalid_packet()));
     EXPECT_EQ(g_mqtt_stats.pkt_rx, 4u);
     EXPECT_THAT(client.gets(), IsEmpty());
 }
@@ -29,8 +30,8 @@ TEST(dispatch, every_packet_is_traced_and_counts_as_activity)
     client->timeout_closing = 1;
     LogCapture log;
     EXPECT_EQ(client.sends("F0 00"), 0);
-    EXPECT_THAT(log.take(), ElementsAre(debug("收到MQTT报文：ClientID=dev1, 类型=15, 长度=2"),
-                                        warn("未处理的MQTT报文类型：15, ClientID=dev1")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(logged::packet_received("dev1", 15, 2), logged::unhandled_packet_type(15, "dev1")));
     EXPECT_EQ(client->last_active, clock.mono_ms());
     EXPECT_EQ(client->timeout_closing, 0);
     EXPECT_EQ(g_mqtt_stats.pkt_rx, 1u);
@@ -43,7 +44,7 @@ TEST(dispatch, types_without_a_handler_are_logged_and_ignored)
     for (const int type : {0, 2, 9, 11, 13, 15}) {
         LogCapture log(AGENT_LOG_INFO);
         EXPECT_EQ(client.sends(Bytes{static_cast<uint8_t>(type << 4), 0}), 0);
-        EXPECT_THAT(log.take(), ElementsAre(warn("未处理的MQTT报文类型：" + std::to_string(type) + ", ClientID=dev1")));
+        EXPECT_THAT(log.take(), ElementsAre(logged::unhandled_packet_type(type, "dev1")));
     }
     EXPECT_THAT(client.gets(), IsEmpty());
     EXPECT_EQ(client->state, CLIENT_LOGINED);
@@ -104,23 +105,23 @@ TEST(dispatch, a_packet_that_does_not_decode_is_counted_and_not_answered)
     struct Case {
         const char *packet;
         uint32_t    version;
-        const char *line;
+        LogLine     line;
     };
     const Case cases[] = {
-        {"30 01 00", 4, "解码PUBLISH失败：ClientID=dev1, 错误码=-4"},
-        {"40 01 00", 4, "解码PUBACK失败：ClientID=dev1, 错误码=-4"},
-        {"50 01 00", 4, "解码PUBREC失败：ClientID=dev1, 错误码=-4"},
-        {"62 01 00", 4, "解码PUBREL失败：ClientID=dev1, 错误码=-4"},
-        {"70 01 00", 4, "解码PUBCOMP失败：ClientID=dev1, 错误码=-4"},
-        {"40 02", 4, "解码PUBACK失败：ClientID=dev1, 错误码=-1"},
-        {"80 04 00 01 00 00", 4, "解码SUBSCRIBE失败：ClientID=dev1, 错误码=-4"},
-        {"82 05 00 01 00 00 00", 4, "解码SUBSCRIBE失败：ClientID=dev1, 错误码=-4"},
-        {"A0 02 00 01", 4, "解码UNSUBSCRIBE失败：ClientID=dev1, 错误码=-4"},
-        {"A2 01 00 01", 4, "解码UNSUBSCRIBE失败：ClientID=dev1, 错误码=-3"},
-        {"E0 00", 5, "解码DISCONNECT失败：ClientID=dev1, 错误码=-4"},
-        {"E0 01 00", 4, "解码DISCONNECT失败：ClientID=dev1, 错误码=-4"},
-        {"E0 04 00 02 11 00", 5, "解码DISCONNECT失败：ClientID=dev1, 错误码=-5"},
-        {"10 00", 4, "CONNECT decode failed"},
+        {"30 01 00", 4, error("解码PUBLISH失败：ClientID=dev1, 错误码=-4")},
+        {"40 01 00", 4, logged::puback_undecodable("dev1", -4)},
+        {"50 01 00", 4, error("解码PUBREC失败：ClientID=dev1, 错误码=-4")},
+        {"62 01 00", 4, error("解码PUBREL失败：ClientID=dev1, 错误码=-4")},
+        {"70 01 00", 4, error("解码PUBCOMP失败：ClientID=dev1, 错误码=-4")},
+        {"40 02", 4, logged::puback_undecodable("dev1", -1)},
+        {"80 04 00 01 00 00", 4, logged::subscribe_undecodable("dev1", -4)},
+        {"82 05 00 01 00 00 00", 4, logged::subscribe_undecodable("dev1", -4)},
+        {"A0 02 00 01", 4, logged::unsubscribe_undecodable("dev1", -4)},
+        {"A2 01 00 01", 4, logged::unsubscribe_undecodable("dev1", -3)},
+        {"E0 00", 5, logged::disconnect_undecodable("dev1", -4)},
+        {"E0 01 00", 4, logged::disconnect_undecodable("dev1", -4)},
+        {"E0 04 00 02 11 00", 5, logged::disconnect_undecodable("dev1", -5)},
+        {"10 00", 4, logged::connect_undecodable()},
     };
     Handling broker;
     Client   client(broker, 4, "dev1");
@@ -130,7 +131,7 @@ TEST(dispatch, a_packet_that_does_not_decode_is_counted_and_not_answered)
         g_mqtt_stats.parse_error = 0;
         LogCapture log(AGENT_LOG_ERROR);
         EXPECT_EQ(client.sends(each.packet), -1);
-        EXPECT_EQ(log.take().back(), error(each.line));
+        EXPECT_EQ(log.take().back(), each.line);
         EXPECT_EQ(g_mqtt_stats.parse_error, 1u);
         EXPECT_THAT(client.gets(), IsEmpty());
         EXPECT_EQ(client->state, CLIENT_LOGINED);

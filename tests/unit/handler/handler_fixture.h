@@ -1,16 +1,16 @@
-// handler_fixture.h - packet handling without a network: clients are records outside the pool, what is sent to them
-// stays in their rings, and the host's callbacks write down what they are told.
+// handler_fixture.h - packet handling without threads: clients of the pool, each on a connection whose other end the test
+// reads, and a host whose callbacks write down what they are told.
 #ifndef TARN_TESTS_HANDLER_FIXTURE_H
 #define TARN_TESTS_HANDLER_FIXTURE_H
 
 #include "api/broker.h"
 #include "base/clock.h"
-#include "client/client_ref.h"
+#include "client/client_internal.h"
 #include "codec/mqtt_codec.h"
 #include "handler/handler_internal.h"
 #include "handler/packet_handler.h"
 #include "handler/shared_sub.h"
-#include "net/netip.h"
+#include "net/netip_internal.h"
 #include "persist/session_store.h"
 #include "qos/qos_reliable.h"
 #include "stats/mqtt_stats.h"
@@ -18,7 +18,6 @@
 #include "sub/sub.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
-#include "support/send_ring.h"
 #include "support/wire.h"
 
 #include <cstring>
@@ -94,100 +93,183 @@ struct Host {
     }
 };
 
-// Tables ready, no thread running, and lines printed only where a test captures them. At INFO, because some ways are
-// taken at DEBUG only.
+// Tables and client manager ready, no thread running, and lines printed only where a test captures them. At INFO,
+// because some ways are taken at DEBUG only.
 struct Handling {
     Host host;
 
-    Handling()
+    explicit Handling(int32_t max_clients = 100)
     {
         poke(g_log_config.output, 0u);
         poke(g_log_config.level, uint32_t{AGENT_LOG_INFO});
         make_directories();
         sub_init();
         msgid_seed = 1;
+        if (client_mgr_init(max_clients) != 0)
+            abort();
+        mqtt_stop_send_thread();
+        qos_reliable_destroy(); // the scan thread
     }
+    ~Handling()
+    {
+        const LogCapture quiet;
+        client_mgr_deinit();
+    }
+    Handling(const Handling &)            = delete;
+    Handling &operator=(const Handling &) = delete;
 };
 
-// A client as the event bridge makes one, but outside the pool.
-class Client {
+// ---- clients
+
+// Nothing is logged meanwhile, also where a test captures lines.
+class Muted {
 public:
-    explicit Client(Handling &handling, uint32_t version = 4, const char *id = "")
-    {
-        static uint32_t next_handle = 5000;
-        mqtt_codec_ctx_init(&record_->codec);
-        record_->codec.version   = version;
-        record_->handle          = next_handle++; // no slot of the network layer
-        record_->state           = CLIENT_CONNECTED;
-        record_->used            = 1;
-        record_->max_packet_size = 4096;
-        record_->broker          = &handling.host.broker;
-        if (*id)
-            client_set_cid(record_.get(), id);
-        if (*id)
-            record_->state = CLIENT_LOGINED;
-    }
-    ~Client()
-    {
-        for (mqtt_client_t *&entry : g_client_mgr.by_cid)
-            if (entry == record_.get())
-                entry = nullptr;
-        qos_reliable_clean_client_packets(record_.get());
-        free(record_->send_queue);
-        free(record_->will_topic);
-        free(record_->will_payload);
-    }
-    mqtt_client_t *operator->() { return record_.get(); }
-    mqtt_client_t &operator*() { return *record_; }
-                   operator mqtt_client_t *() const { return record_.get(); }
-
-    int sends(const Bytes &packet)
-    {
-        return packet_dispatch(record_.get(), packet.data(), static_cast<uint32_t>(packet.size()));
-    }
-    int sends(std::string_view text) { return sends(wire(text)); }
-
-    // What the broker queued for it so far, taken out.
-    std::vector<Bytes> gets() { return take_queued(*record_); }
+    Muted() : output_(peek(g_log_config.output)) { poke(g_log_config.output, 0u); }
+    ~Muted() { poke(g_log_config.output, output_); }
+    Muted(const Muted &)            = delete;
+    Muted &operator=(const Muted &) = delete;
 
 private:
-    std::unique_ptr<mqtt_client_t> record_{new mqtt_client_t{}};
+    uint32_t output_;
 };
 
-// The other end of a connection: gives a client a slot with a socket of its own.
-class Socket {
+// The packets of a stream; what is not a whole one comes last.
+inline std::vector<Bytes> packets_in(const Bytes &stream)
+{
+    std::vector<Bytes> packets;
+    for (auto at = stream.begin(); at != stream.end();) {
+        auto   body = at + 1;
+        size_t size = 0;
+        for (unsigned shift = 0; body != stream.end(); shift += 7) {
+            size |= size_t{*body & 0x7Fu} << shift;
+            if (!(*body++ & 0x80))
+                break;
+        }
+        const auto end = body + static_cast<ptrdiff_t>(std::min(size, static_cast<size_t>(stream.end() - body)));
+        packets.emplace_back(at, end);
+        at = end;
+    }
+    return packets;
+}
+
+// A connection of the table whose socket is one end of a pair; the other is read here.
+class Line {
 public:
-    explicit Socket(Client &client)
+    explicit Line(Handling &handling) : sink_{mqtt_netip_event_cb, &handling.host.broker}
     {
         int pair[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-        netip_conn_t &slot = g_netip_clients[client->handle];
-        slot.handle        = client->handle;
-        slot.type          = NETIP_TCP;
-        slot.fd            = pair[0];
-        slot.in_use        = 1;
-        end_               = pair[1];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair), 0);
+        end_ = pair[1];
+        ScopedLock lock(g_netip_lock);
+        connection_ = net::open_slot(NETIP_TCP, pair[0], {});
+        const net::SlotHold accepted(connection_, net::SlotHold::Counted);
     }
-    ~Socket() { close(end_); }
-    Socket(const Socket &)            = delete;
-    Socket &operator=(const Socket &) = delete;
+    ~Line()
+    {
+        drop();
+        close(end_);
+    }
+    Line(const Line &)            = delete;
+    Line &operator=(const Line &) = delete;
 
-    // What has arrived so far, in one piece.
+    net::Connection connection() const { return connection_; }
+    int             end() const { return end_; }
+    // Null before the first packet, and once it is closed.
+    mqtt_client_t *record() const
+    {
+        return net::is_current(connection_) ? client_find_by_handle(connection_.handle) : nullptr;
+    }
+    void send(const Bytes &packet) { sink_.data(connection_, packet.data(), static_cast<uint32_t>(packet.size())); }
+    // The peer is gone, as the I/O thread finds it.
+    void drop()
+    {
+        if (const net::SlotHold hold(connection_); hold)
+            net::hang_up(hold, sink_);
+    }
+    // What has been sent so far. Sends what is queued first, as the send thread would.
     Bytes gets()
     {
-        Bytes         bytes(4096);
-        const ssize_t got = recv(end_, bytes.data(), bytes.size(), MSG_DONTWAIT);
-        bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
-        return bytes;
+        Bytes  all;
+        size_t before;
+        do { // a full ring is more than the socket takes at once
+            before = all.size();
+            if (mqtt_client_t *const client = record())
+                client_send_flush(client);
+            uint8_t part[4096];
+            for (ssize_t got; (got = recv(end_, part, sizeof part, MSG_DONTWAIT)) > 0;)
+                all.insert(all.end(), part, part + got);
+        } while (all.size() > before);
+        return all;
     }
     bool is_closed()
     {
-        uint8_t byte;
+        (void)gets();
+        char byte;
         return recv(end_, &byte, 1, MSG_DONTWAIT) == 0;
     }
 
 private:
-    int end_;
+    net::EventSink  sink_;
+    net::Connection connection_;
+    int             end_;
+};
+
+// A client as the event bridge makes one for a connection's first packet, which has not come yet. With an id it has
+// logged in already. It goes without a trace.
+class Client {
+public:
+    explicit Client(Handling &handling, uint32_t version = 4, const char *id = "") : line_(handling)
+    {
+        const Muted           log;
+        const net::Connection connection = line_.connection();
+        char                  ip[NETIP_IP_CHARS + 1];
+        EXPECT_TRUE(netip_get_client_ip(connection.handle, ip, sizeof ip));
+        record_ = client::create_client(connection.handle, ip, netip_get_client_port(connection.handle),
+                                        &handling.host.broker, connection)
+                      .get();
+        record_->codec.version = version;
+        if (!*id)
+            return;
+        client_set_cid(record_, id);
+        EXPECT_TRUE(mark_logged_in(*record_));
+    }
+    ~Client()
+    {
+        const Muted log;
+        if (is_there()) {
+            client::go_offline(*record_);
+            pool_free(record_);
+        }
+        line_.drop();
+    }
+    Client(const Client &)            = delete;
+    Client &operator=(const Client &) = delete;
+
+    mqtt_client_t *operator->() { return record_; }
+    mqtt_client_t &operator*() { return *record_; }
+                   operator mqtt_client_t *() const { return record_; }
+
+    int sends(const Bytes &packet)
+    {
+        return packet_dispatch(record_, packet.data(), static_cast<uint32_t>(packet.size()));
+    }
+    int sends(std::string_view text) { return sends(wire(text)); }
+
+    // What it has got so far; by packet, or in one piece.
+    std::vector<Bytes> gets() { return packets_in(line_.gets()); }
+    Bytes              gets_whole() { return line_.gets(); }
+    bool               is_closed() { return line_.is_closed(); }
+    int                end() const { return line_.end(); } // to read what another thread sends
+
+private:
+    Line           line_;
+    mqtt_client_t *record_;
+
+    // The record, closed or not, is not free yet and nobody else's.
+    bool is_there() const
+    {
+        return record_->used && client::side_of(record_)->generation == line_.connection().generation;
+    }
 };
 
 // A packet from any record, also one of the pool.

@@ -1,4 +1,6 @@
 #include "handler_fixture.h"
+#include "support/log_lines/handler.h"
+#include "support/log_lines/sub.h"
 
 using namespace tarn;
 using namespace tarn::test;
@@ -39,17 +41,13 @@ TEST_F(TestMessage, line_by_line)
     msgid_seed        = seed;
     LogCapture log;
     packet_handler_publish_test_msg();
-    EXPECT_THAT(
-        handler_lines(log),
-        ElementsAre(info("MQTT标准：准备发布测试消息：Topic=broker/test, Payload=[Hello from MQTT Broker!], QoS=1"),
-                    info("MQTT标准：Topic=broker/test 匹配到 7 个订阅者"),
-                    info("【订阅匹配】Topic=broker/test 匹配到 7 个订阅者（上限=11000）"),
-                    info("转发测试消息成功：To=a, Topic=broker/test, QoS=0（标准降级后）"),
-                    info("转发测试消息成功：To=b, Topic=broker/test, QoS=1（标准降级后）"),
-                    warn("订阅者状态无效：ClientID=away, 状态=3"), warn("订阅者不存在：ClientID=gone"),
-                    info("转发测试消息成功：To=a, Topic=broker/test, QoS=0（标准降级后）"),
-                    debug("[共享订阅] 测试消息 订阅者6 跳过"),
-                    info("测试消息转发完成：总计匹配7个订阅者，成功发送3个")));
+    EXPECT_THAT(handler_lines(log),
+                ElementsAre(logged::hello_started("broker/test", "Hello from MQTT Broker!", 1),
+                            logged::topic_matched("broker/test", 7), logged::hello_matched("broker/test", 7),
+                            logged::hello_sent("a", "broker/test", 0), logged::hello_sent("b", "broker/test", 1),
+                            logged::hello_receiver_in_state("away", 3), logged::hello_receiver_unknown("gone"),
+                            logged::hello_sent("a", "broker/test", 0), logged::hello_shared_receiver_skipped(6),
+                            logged::hello_ended(7, 3)));
     EXPECT_THAT(a.gets(), ElementsAre(packet(0x30, prefixed("broker/test") + kText),
                                       packet(0x30, prefixed("broker/test") + kText)));
     EXPECT_THAT(b.gets(), ElementsAre(packet(0x32, prefixed("broker/test") + u16(id) + Bytes{0} + kText)));
@@ -78,7 +76,7 @@ TEST_F(TestMessage, without_subscribers)
 {
     LogCapture log;
     packet_handler_publish_test_msg();
-    EXPECT_EQ(log.take().back(), debug("测试消息无匹配订阅者：Topic=broker/test"));
+    EXPECT_EQ(log.take().back(), logged::hello_matched_nobody("broker/test"));
 }
 
 TEST_F(TestMessage, what_cannot_be_sent_is_reported)
@@ -92,8 +90,8 @@ TEST_F(TestMessage, what_cannot_be_sent_is_reported)
     packet_handler_publish_test_msg();
     const auto lines = log.take_from("ERROR");
     ASSERT_EQ(lines.size(), 3u); // the first is the encoder's
-    EXPECT_EQ(lines[1], error("编码测试消息失败：To=broken, 错误码=-2"));
-    EXPECT_EQ(lines[2], error("转发测试消息失败：To=small, 发送返回值=-1"));
+    EXPECT_EQ(lines[1], logged::hello_not_encoded("broken", -2));
+    EXPECT_EQ(lines[2], logged::hello_not_sent("small", -1));
 }
 
 TEST_F(TestMessage, allocations_failing_one_after_another)
@@ -107,9 +105,9 @@ TEST_F(TestMessage, allocations_failing_one_after_another)
         clock.advance_ms(10000);
         return log.take();
     };
-    EXPECT_THAT(failing(1), ElementsAre(error("matched_subs malloc failed: 12")));
+    EXPECT_THAT(failing(1), ElementsAre(logged::hello_matches_no_memory()));
     EXPECT_THAT(failing(999), IsEmpty());
-    EXPECT_THAT(failing(1), ElementsAre(error("selected_shared malloc failed: 12")));
-    EXPECT_THAT(failing(2), ElementsAre(error("forward_buf malloc failed: 12")));
+    EXPECT_THAT(failing(1), ElementsAre(logged::hello_shared_no_memory()));
+    EXPECT_THAT(failing(2), ElementsAre(logged::hello_packet_no_memory()));
     EXPECT_EQ(a.gets().size(), 1u);
 }

@@ -1,4 +1,7 @@
 #include "handler_fixture.h"
+#include "support/log_lines/codec.h"
+#include "support/log_lines/handler.h"
+#include "support/log_lines/sub.h"
 
 using namespace tarn;
 using namespace tarn::test;
@@ -39,7 +42,7 @@ TEST(host_publish, says_nothing_and_asks_nobody)
     const uint32_t seed = msgid_seed;
     LogCapture     log(AGENT_LOG_INFO);
     EXPECT_EQ(publish("t", "x"), 0);
-    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：Topic=t 匹配到 1 个订阅者")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::topic_matched("t", 1)));
     EXPECT_THAT(receiver.gets(), ElementsAre(wire("30 04 00 01 't' 'x'")));
     EXPECT_THAT(broker.host.take(), IsEmpty());
     EXPECT_EQ(msgid_seed, seed_after(4, seed)); // the template's and, though at QoS 0, the delivery's
@@ -180,7 +183,7 @@ TEST(host_publish, shared_groups_are_skipped_without_a_line)
     LogCapture log;
     EXPECT_EQ(publish("t", "x"), 0);
     EXPECT_EQ(a.gets().size() + b.gets().size(), 1u);
-    EXPECT_FALSE(log.has(debug("[共享订阅] 订阅者2 同组已负载均衡，跳过发送")));
+    EXPECT_FALSE(log.has(logged::shared_receiver_skipped(2)));
 }
 
 TEST(host_publish, is_tracked_even_when_it_cannot_be_queued)
@@ -210,8 +213,7 @@ TEST(host_publish, is_tracked_when_only_the_buffer_was_too_small)
 
     LogCapture log(AGENT_LOG_ERROR);
     EXPECT_EQ(publish(std::string(61, 't').c_str(), std::string(2048, 'p'), 1), 0);
-    EXPECT_EQ(log.take()[0],
-              error("[PUBLISH ENCODE] Step 4.4 ERROR: Payload buffer overflow (need=2113, have=2112)\n"));
+    EXPECT_EQ(log.take()[0], logged::publish_encode_payload_overflow(2113));
     EXPECT_EQ(pending_count(), 0);
 }
 
@@ -269,11 +271,10 @@ TEST(host_publish, absent_receivers_get_qos_1_and_2_stored)
     sub_add("leftover", "t", 1, 1);
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(publish("t", "x", 2), 0);
-    EXPECT_THAT(handler_lines(log), ElementsAre(info("MQTT标准：Topic=t 匹配到 2 个订阅者"),
-                                                info("[STANDARD] APP发布离线消息已存储: gone, Topic=t")));
+    EXPECT_THAT(handler_lines(log), ElementsAre(logged::topic_matched("t", 2), logged::host_message_kept("gone", "t")));
     EXPECT_EQ(publish("t", "x", 0), 0);
-    EXPECT_THAT(handler_lines(log), ElementsAre(info("MQTT标准：Topic=t 匹配到 2 个订阅者"),
-                                                info("[MQTT标准] QoS=0 离线消息不存储：ClientID=gone, Topic=t")));
+    EXPECT_THAT(handler_lines(log),
+                ElementsAre(logged::topic_matched("t", 2), logged::host_message_not_kept("gone", "t")));
     EXPECT_EQ(g_mqtt_stats.offline_msg, 0u);
 }
 
@@ -286,7 +287,7 @@ TEST(host_publish, an_empty_topic_reaches_nobody)
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(publish("", "x", 1), 0);
     EXPECT_THAT(receiver.gets(), IsEmpty());
-    EXPECT_FALSE(log.has(info("[STANDARD] APP发布离线消息已存储: gone, Topic=")));
+    EXPECT_FALSE(log.has(logged::host_message_kept("gone", "")));
 }
 
 TEST(host_publish, the_arguments_may_stand_in_the_store_itself)

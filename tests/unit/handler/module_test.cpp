@@ -1,4 +1,6 @@
 #include "handler_fixture.h"
+#include "support/log_lines/handler.h"
+#include "support/log_lines/persist.h"
 
 using namespace tarn;
 using namespace tarn::test;
@@ -15,15 +17,13 @@ TEST(module, starts_tables_queue_and_the_period_of_the_test_message)
     EXPECT_EQ(g_scan_running, 1);
     clock.advance_ms(9000);
     packet_handler_publish_test_msg();
-    EXPECT_EQ(
-        log.count(info("MQTT标准：准备发布测试消息：Topic=broker/test, Payload=[Hello from MQTT Broker!], QoS=1")), 0);
+    EXPECT_EQ(log.count(logged::hello_started("broker/test", "Hello from MQTT Broker!", 1)), 0);
     clock.advance_ms(1000);
     packet_handler_publish_test_msg();
-    EXPECT_EQ(
-        log.count(info("MQTT标准：准备发布测试消息：Topic=broker/test, Payload=[Hello from MQTT Broker!], QoS=1")), 1);
+    EXPECT_EQ(log.count(logged::hello_started("broker/test", "Hello from MQTT Broker!", 1)), 1);
     EXPECT_EQ(packet_handler_deinit(), 0);
     EXPECT_EQ(g_scan_running, 0);
-    EXPECT_EQ(log.take().back(), info("[persist] 持久化模块销毁中..."));
+    EXPECT_EQ(log.take().back(), logged::persist_ends());
 }
 
 TEST(module, without_memory_for_the_tables)

@@ -1,4 +1,6 @@
 #include "handler_fixture.h"
+#include "support/log_lines/handler.h"
+#include "support/log_lines/qos.h"
 
 using namespace tarn;
 using namespace tarn::test;
@@ -17,11 +19,11 @@ TEST(offline, who_gets_nothing)
     packet_handler_restore_offline_msgs(clean);
     packet_handler_restore_offline_msgs(away);
     packet_handler_restore_offline_msgs(fresh);
-    EXPECT_THAT(handler_lines(log), ElementsAre(debug("[packet_handler] 不补发：client 无效"),
-                                                debug("[packet_handler] 不补发：client 无效"),
-                                                debug("[packet_handler] CleanSession=1，不补发离线消息: clean"),
-                                                debug("[packet_handler] 客户端不在线，不补发离线消息: away"),
-                                                debug("[packet_handler] 无离线消息需要补发: fresh")));
+    EXPECT_THAT(handler_lines(log),
+                ElementsAre(logged::kept_messages_without_client(), logged::kept_messages_without_client(),
+                            debug("[packet_handler] CleanSession=1，不补发离线消息: clean"),
+                            debug("[packet_handler] 客户端不在线，不补发离线消息: away"),
+                            logged::kept_messages_none("fresh")));
 }
 
 TEST(offline, without_memory_there_is_nothing_to_restore)
@@ -34,7 +36,7 @@ TEST(offline, without_memory_there_is_nothing_to_restore)
         packet_handler_restore_offline_msgs(client);
         EXPECT_EQ(fail.failed(), 1);
     }
-    EXPECT_THAT(handler_lines(log), ElementsAre(debug("[packet_handler] 无离线消息需要补发: dev1")));
+    EXPECT_THAT(handler_lines(log), ElementsAre(logged::kept_messages_none("dev1")));
 }
 
 TEST(offline, kept_messages_join_the_queue_and_the_file_is_emptied)
@@ -49,12 +51,9 @@ TEST(offline, kept_messages_join_the_queue_and_the_file_is_emptied)
     LogCapture     log;
     packet_handler_restore_offline_msgs(client);
     EXPECT_THAT(handler_lines(log),
-                ElementsAre(info("[packet_handler] 开始补发离线消息: dev1 共 3 条"),
-                            debug("[packet_handler] 已补发: msgid=9 topic=a qos=1"),
-                            debug("[packet_handler] 修复离线消息 MsgID=0 → 新 MsgID=" + std::to_string(repaired)),
-                            debug("[packet_handler] 已补发: msgid=" + std::to_string(repaired) + " topic=b qos=2"),
-                            debug("[packet_handler] 已补发: msgid=11 topic=c qos=0"),
-                            info("[packet_handler] 离线消息补发完成: dev1，已清空离线消息")));
+                ElementsAre(logged::kept_messages_started("dev1", 3), logged::kept_message_sent(9, "a", 1),
+                            logged::kept_message_renumbered(repaired), logged::kept_message_sent(repaired, "b", 2),
+                            logged::kept_message_sent(11, "c", 0), logged::kept_messages_ended("dev1")));
     ASSERT_EQ(pending_count(), 2); // the queue refuses QoS 0
     EXPECT_EQ(g_pending_queue->msg_id, repaired);
     EXPECT_EQ(g_pending_queue->next->msg_id, 9);
@@ -107,7 +106,7 @@ TEST(offline, what_the_full_queue_refuses_is_lost)
           R"({"msgid":1002,"qos":2,"topic":"a","payload":"32"}]})");
     LogCapture log(AGENT_LOG_ERROR);
     packet_handler_restore_offline_msgs(client);
-    EXPECT_THAT(log.take(), ElementsAre(error("[QoS] 客户端未完成队列已满(client=dev1)，最大支持1000条，当前1000条")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::deliveries_full("dev1")));
     EXPECT_EQ(pending_count(), 1000);
     EXPECT_EQ(g_pending_queue->msg_id, 1001);
     EXPECT_EQ(stored("message", "dev1"), R"({"msgs":[]})");

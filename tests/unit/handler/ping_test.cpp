@@ -1,4 +1,5 @@
 #include "handler_fixture.h"
+#include "support/log_lines/handler.h"
 
 using namespace tarn::test;
 using testing::ElementsAre;
@@ -10,9 +11,8 @@ TEST(ping, is_answered_with_two_bytes)
     Client     client(broker, 4, "dev1");
     LogCapture log;
     EXPECT_EQ(client.sends("C0 00"), 0);
-    EXPECT_THAT(log.take(),
-                ElementsAre(debug("收到MQTT报文：ClientID=dev1, 类型=12, 长度=2"),
-                            debug("收到客户端心跳请求：ClientID=dev1"), debug("发送心跳响应成功：ClientID=dev1")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::packet_received("dev1", 12, 2), logged::ping_received("dev1"),
+                                        debug("发送心跳响应成功：ClientID=dev1")));
     EXPECT_THAT(client.gets(), ElementsAre(wire("D0 00")));
 }
 
@@ -32,8 +32,7 @@ TEST(ping, that_cannot_be_queued_says_nothing)
     client->state           = CLIENT_WILL_PENDING;
     LogCapture log;
     EXPECT_EQ(client.sends("C0 00"), 0);
-    EXPECT_THAT(log.take(), ElementsAre(debug("收到MQTT报文：ClientID=dev1, 类型=12, 长度=2"),
-                                        debug("收到客户端心跳请求：ClientID=dev1")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::packet_received("dev1", 12, 2), logged::ping_received("dev1")));
 }
 
 TEST(ping, without_memory_fails)

@@ -1,4 +1,9 @@
 #include "handler_fixture.h"
+#include "support/log_lines/codec.h"
+#include "support/log_lines/handler.h"
+#include "support/log_lines/persist.h"
+#include "support/log_lines/qos.h"
+#include "support/log_lines/sub.h"
 
 using namespace tarn;
 using namespace tarn::test;
@@ -31,10 +36,8 @@ TEST(publish, qos_0_line_by_line)
     const uint32_t seed = msgid_seed;
     LogCapture     log(AGENT_LOG_INFO);
     EXPECT_EQ(sender.sends(publish("a/b")), 0);
-    EXPECT_THAT(log.take(),
-                ElementsAre(info("MQTT标准：收到发布消息：ClientID=s, Topic=a/b, QoS=0, Retain=0, MsgID=0"),
-                            info("MQTT标准：Topic=a/b 匹配到 1 个订阅者"), info("转发消息成功：To=r, Topic=a/b, QoS=0"),
-                            info("MQTT标准：消息转发完成：匹配1个订阅者，成功发送1个")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::publish_received("s", "a/b", 0, 0, 0), logged::topic_matched("a/b", 1),
+                                        logged::message_forwarded("r", "a/b", 0), logged::publish_ended(1, 1)));
     EXPECT_THAT(receiver.gets(), ElementsAre(wire("30 06 00 03 'a/b' 'x'")));
     EXPECT_THAT(sender.gets(), IsEmpty());
     EXPECT_THAT(broker.host.take(), ElementsAre(R"(2 {"clientId":"s","topic":"a/b","qos":0})"));
@@ -51,11 +54,9 @@ TEST(publish, qos_1_is_tracked_and_acknowledged)
     const uint16_t id = next_id();
     LogCapture     log(AGENT_LOG_INFO);
     EXPECT_EQ(sender.sends(publish("t", 1, 7)), 0);
-    EXPECT_THAT(handler_lines(log),
-                ElementsAre(info("MQTT标准：收到发布消息：ClientID=s, Topic=t, QoS=1, Retain=0, MsgID=7"),
-                            info("MQTT标准：Topic=t 匹配到 1 个订阅者"), info("转发消息成功：To=r, Topic=t, QoS=1"),
-                            info("MQTT标准：消息转发完成：匹配1个订阅者，成功发送1个"),
-                            info("发送PUBACK成功：ClientID=s, MsgID=7")));
+    EXPECT_THAT(handler_lines(log), ElementsAre(logged::publish_received("s", "t", 1, 0, 7),
+                                                logged::topic_matched("t", 1), logged::message_forwarded("r", "t", 1),
+                                                logged::publish_ended(1, 1), logged::puback_sent("s", 7)));
     EXPECT_THAT(receiver.gets(), ElementsAre(wire("32 06 00 01 't'") + u16(id) + text("x")));
     EXPECT_THAT(sender.gets(), ElementsAre(wire("40 02 00 07")));
     ASSERT_EQ(pending_count(), 1);
@@ -90,7 +91,7 @@ TEST(publish, qos_2_downgraded_to_1)
     const uint16_t id = next_id();
     LogCapture     log(AGENT_LOG_INFO);
     EXPECT_EQ(sender.sends(publish("t", 2, 7)), 0);
-    EXPECT_EQ(handler_lines(log).back(), info("发送PUBREC成功：ClientID=s, MsgID=7"));
+    EXPECT_EQ(handler_lines(log).back(), logged::pubrec_sent("s", 7));
     EXPECT_THAT(receiver.gets(), ElementsAre(wire("32 07 00 01 't'") + u16(id) + wire("00 'x'")));
     EXPECT_THAT(sender.gets(), ElementsAre(wire("50 02 00 07")));
     EXPECT_EQ(sender->qos2_pending_msg_id, 7);
@@ -153,7 +154,7 @@ TEST(publish, an_empty_message_at_qos_1_is_sent_but_not_tracked)
     sub_add("r", "t", 1, 1);
     LogCapture log(AGENT_LOG_ERROR);
     EXPECT_EQ(sender.sends(publish("t", 1, 7, "")), 0);
-    EXPECT_THAT(log.take(), ElementsAre(error("[QoS] 添加报文参数错误：payload为空")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::delivery_without_payload()));
     EXPECT_EQ(receiver.gets().size(), 1u);
     EXPECT_NE(receiver->qos1_pending_msg_id, 0);
 }
@@ -231,7 +232,7 @@ TEST(publish, nobody_subscribed)
     Client     sender(broker, 4, "s");
     LogCapture log;
     EXPECT_EQ(sender.sends(publish("t")), 0);
-    EXPECT_EQ(log.take().back(), debug("发布消息无匹配订阅者：Topic=t"));
+    EXPECT_EQ(log.take().back(), logged::publish_matched_nobody("t"));
 }
 
 TEST(publish, a_publisher_never_receives_its_own_message)
@@ -242,7 +243,7 @@ TEST(publish, a_publisher_never_receives_its_own_message)
     sub_add("s", "t", 2, 1);
     EXPECT_EQ(sender.sends(publish("t", 1, 7)), 0);
     EXPECT_THAT(sender.gets(), ElementsAre(wire("40 02 00 07")));
-    EXPECT_TRUE(log.has(info("MQTT标准：消息转发完成：匹配1个订阅者，成功发送0个")));
+    EXPECT_TRUE(log.has(logged::publish_ended(1, 0)));
     EXPECT_EQ(pending_count(), 0);
 }
 
@@ -311,11 +312,11 @@ TEST(publish, a_shared_group_gets_one_copy)
     EXPECT_EQ(sender.sends(publish("t")), 0);
     EXPECT_EQ(a.gets().size(), 1u);
     EXPECT_EQ(b.gets().size(), 1u);
-    EXPECT_TRUE(log.has(debug("[共享订阅] 订阅者2 同组已负载均衡，跳过发送")));
+    EXPECT_TRUE(log.has(logged::shared_receiver_skipped(2)));
     EXPECT_EQ(sender.sends(publish("t")), 0);
     EXPECT_EQ(a.gets().size(), 0u);
     EXPECT_EQ(b.gets().size(), 2u);
-    EXPECT_TRUE(log.has(debug("[共享订阅] 订阅者1 同组已负载均衡，跳过发送")));
+    EXPECT_TRUE(log.has(logged::shared_receiver_skipped(1)));
 }
 
 TEST(publish, a_receiver_in_the_first_state_is_online)
@@ -432,8 +433,8 @@ TEST(publish, a_full_ring_loses_that_delivery_only)
         full.sends("C0 00");
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(sender.sends(publish("t", 1, 7)), 0);
-    EXPECT_TRUE(log.has(info("MQTT标准：消息转发完成：匹配2个订阅者，成功发送1个")));
-    EXPECT_FALSE(log.has(info("转发消息成功：To=full, Topic=t, QoS=1")));
+    EXPECT_TRUE(log.has(logged::publish_ended(2, 1)));
+    EXPECT_FALSE(log.has(logged::message_forwarded("full", "t", 1)));
     EXPECT_EQ(pending_count(), 0);
     EXPECT_EQ(full->qos1_pending_msg_id, 0);
     EXPECT_THAT(sender.gets(), ElementsAre(wire("40 02 00 07")));
@@ -448,24 +449,24 @@ TEST(publish, a_full_queue_leaves_deliveries_untracked)
     sub_add("r", "#", 1, 1);
     for (uint16_t id = 1; id <= 1000; id++)
         ASSERT_EQ(qos_reliable_add_packet(receiver, id, 1, "t", "x", 1), 0);
-    const LogLine full = error("[QoS] 客户端未完成队列已满(client=r)，最大支持1000条，当前1000条");
+    const LogLine full   = logged::deliveries_full("r");
     const Bytes   packet = publish("t", 1, 7);
     LogCapture    log(AGENT_LOG_INFO);
     const auto    remembered = [&] { return std::exchange(receiver->qos1_pending_msg_id, uint16_t{0}) != 0; };
 
     EXPECT_EQ(sender.sends(packet), 0);
-    EXPECT_TRUE(log.has(info("MQTT标准：消息转发完成：匹配1个订阅者，成功发送1个")));
+    EXPECT_TRUE(log.has(logged::publish_ended(1, 1)));
     EXPECT_THAT(log.take_from("ERROR"), ElementsAre(full));
     EXPECT_TRUE(remembered());
     EXPECT_EQ(packet_handler_broker_publish("t", packet.data(), 1, 1, 0, 0), 0);
     EXPECT_THAT(log.take_from("ERROR"), ElementsAre(full));
     packet_handler_broadcast_msg(packet.data(), static_cast<uint32_t>(packet.size()), 0);
-    EXPECT_TRUE(log.has(info("[遗嘱调试][广播完成] Topic=t, 总计匹配1个订阅者，成功发送1个，失败0个")));
+    EXPECT_TRUE(log.has(logged::broadcast_ended("t", 1, 1, 0)));
     EXPECT_THAT(log.take_from("ERROR"), ElementsAre(full));
     EXPECT_TRUE(remembered());
     clock.advance_ms(10000);
     packet_handler_publish_test_msg();
-    EXPECT_TRUE(log.has(info("测试消息转发完成：总计匹配1个订阅者，成功发送1个")));
+    EXPECT_TRUE(log.has(logged::hello_ended(1, 1)));
     EXPECT_THAT(log.take_from("ERROR"), ElementsAre(full));
     EXPECT_TRUE(remembered());
     EXPECT_EQ(receiver.gets().size(), 4u);
@@ -507,9 +508,7 @@ TEST(publish, an_identifier_of_0_loses_its_delivery)
         msgid_seed = seed_for_id_0(place);
         LogCapture log(AGENT_LOG_ERROR);
         EXPECT_EQ(sender.sends(publish("t", 1, 7)), 0);
-        EXPECT_THAT(log.take(),
-                    ElementsAre(error(
-                        "[PUBLISH ENCODE] Step 1 ERROR: QoS1/2 requires non-zero Packet ID [MQTT 5.0 §3.3.2.2]\n")));
+        EXPECT_THAT(log.take(), ElementsAre(logged::publish_encode_no_packet_id()));
         EXPECT_EQ(a.gets().size(), place == 1 ? 0u : 1u);
         EXPECT_EQ(b.gets().size(), place == 1 ? 1u : 0u);
         EXPECT_EQ(pending_count(), 1);
@@ -536,7 +535,7 @@ TEST(publish, the_delivery_buffer_holds_2048_bytes)
         ASSERT_EQ(receiver.gets().size(), 1u);
         LogCapture log(AGENT_LOG_ERROR);
         EXPECT_EQ(sender.sends(publish(topic, each.qos, 7, std::string(each.fits - 39, kNoProperties))), 0);
-        EXPECT_TRUE(log.has(error("[PUBLISH ENCODE] Step 6 ERROR: Final buffer overflow (need=2049, have=2048)\n")));
+        EXPECT_TRUE(log.has(logged::publish_encode_overflow(2049, 2048)));
         EXPECT_THAT(receiver.gets(), IsEmpty());
         EXPECT_EQ(sender.gets().size(), each.qos ? 2u : 0u); // acknowledged all the same
         sub_remove("r", nullptr);
@@ -551,7 +550,7 @@ TEST(publish, a_refused_encoding_is_reported_for_each_receiver)
     sub_add("b", "#", 0, 1);
     LogCapture log(AGENT_LOG_ERROR);
     EXPECT_EQ(sender.sends(publish(std::string(40, 't'), 0, 0, std::string(2004, kNoProperties))), 0);
-    EXPECT_EQ(log.count(error("[PUBLISH ENCODE] Step 6 ERROR: Final buffer overflow (need=2049, have=2048)\n")), 2);
+    EXPECT_EQ(log.count(logged::publish_encode_overflow(2049, 2048)), 2);
 }
 
 TEST(publish, allocations_failing_one_after_another)
@@ -578,7 +577,7 @@ TEST(publish, allocations_failing_one_after_another)
     using testing::Contains;
     using testing::Pair;
 
-    EXPECT_THAT(attempt(1), Pair(-1, Contains(error("matched_subs malloc failed: 12"))));
+    EXPECT_THAT(attempt(1), Pair(-1, Contains(logged::hello_matches_no_memory())));
     EXPECT_THAT(a.gets(), IsEmpty());
     EXPECT_THAT(sender.gets(), IsEmpty());
 
@@ -586,18 +585,18 @@ TEST(publish, allocations_failing_one_after_another)
     a.gets();
     b.gets();
 
-    EXPECT_THAT(attempt(1), Pair(-1, Contains(error("selected_shared malloc failed: 12"))));
+    EXPECT_THAT(attempt(1), Pair(-1, Contains(logged::hello_shared_no_memory())));
     EXPECT_THAT(a.gets(), IsEmpty());
     EXPECT_THAT(sender.gets(), IsEmpty());
 
     auto outcome = attempt(2);
-    EXPECT_THAT(outcome, Pair(0, Contains(error("forward_buf malloc failed: 12"))));
-    EXPECT_THAT(outcome.second, Contains(info("MQTT标准：消息转发完成：匹配2个订阅者，成功发送1个")));
+    EXPECT_THAT(outcome, Pair(0, Contains(logged::hello_packet_no_memory())));
+    EXPECT_THAT(outcome.second, Contains(logged::publish_ended(2, 1)));
     EXPECT_THAT(a.gets(), IsEmpty());
     EXPECT_EQ(b.gets().size(), 1u);
     EXPECT_THAT(sender.gets(), ElementsAre(wire("40 02 00 07")));
 
-    EXPECT_THAT(attempt(3), Pair(0, Contains(error("forward_buf malloc failed: 12"))));
+    EXPECT_THAT(attempt(3), Pair(0, Contains(logged::hello_packet_no_memory())));
     EXPECT_EQ(a.gets().size(), 1u);
     EXPECT_THAT(b.gets(), IsEmpty());
     sender.gets();
@@ -667,7 +666,7 @@ TEST(publish, a_kept_subscription_without_a_client_gets_the_message_stored)
     LogCapture log(AGENT_LOG_INFO);
     for (const int qos : {0, 2}) {
         EXPECT_EQ(sender.sends(publish("t", qos, 7)), 0);
-        EXPECT_TRUE(log.has(info("[MQTT标准] 离线消息已存储：ClientID=gone, Topic=t")));
+        EXPECT_TRUE(log.has(logged::message_kept("gone", "t")));
         log.take();
     }
     EXPECT_EQ(g_mqtt_stats.offline_msg, 2u);
@@ -690,8 +689,8 @@ TEST(publish, a_record_that_is_not_online_counts_as_absent)
     sub_add("p", "t", 1, 0);
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(sender.sends(publish("t", 1, 7)), 0);
-    EXPECT_TRUE(log.has(info("[MQTT标准] 离线消息已存储：ClientID=p, Topic=t")));
-    EXPECT_TRUE(log.has(info("MQTT标准：消息转发完成：匹配1个订阅者，成功发送0个")));
+    EXPECT_TRUE(log.has(logged::message_kept("p", "t")));
+    EXPECT_TRUE(log.has(logged::publish_ended(1, 0)));
     EXPECT_THAT(parked.gets(), IsEmpty());
 }
 
@@ -729,7 +728,7 @@ TEST(publish, the_files_of_an_absent_client_are_read_once_and_counted_twice)
     EXPECT_EQ(sender.sends(publish("t", 1, 7)), 0);
     EXPECT_EQ(no_fifth.failed(), 0);
     EXPECT_EQ(g_mqtt_stats.persist_read, 4u);
-    EXPECT_EQ(log.count(info("[persist] ✅ 恢复订阅成功: gone 共 1 条")), 2);
+    EXPECT_EQ(log.count(logged::subscriptions_restored("gone", 1)), 2);
     EXPECT_THAT(stored("message", "gone"), testing::HasSubstr(R"("qos":1,"topic":"t","payload":"78")"));
 }
 
@@ -746,10 +745,10 @@ TEST(publish, what_memory_does_not_let_be_read_is_not_overwritten)
     for (int nth = 1; nth <= 20; nth++) {
         Fail fail(Call::Allocate, nth);
         sender.sends(publish("t", 1, 7));
-        failures += log.count(error("[persist] 内存分配失败")) != 0;
-        if (log.has(error("[persist] 内存分配失败"))) {
+        failures += log.count(logged::persist_no_memory()) != 0;
+        if (log.has(logged::persist_no_memory())) {
             EXPECT_EQ(stored("message", "gone"), kept);
-            EXPECT_FALSE(log.has(info("[MQTT标准] 离线消息已存储：ClientID=gone, Topic=t")));
+            EXPECT_FALSE(log.has(logged::message_kept("gone", "t")));
         }
         log.take();
         store("message", "gone", kept);

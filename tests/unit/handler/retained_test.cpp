@@ -1,4 +1,5 @@
 #include "handler_fixture.h"
+#include "support/log_lines/handler.h"
 
 #include <sys/mman.h>
 
@@ -49,8 +50,8 @@ TEST(retained, matching_messages_go_out_in_store_order)
     LogCapture log(AGENT_LOG_INFO);
     send_retained_msg_to_client(client, "a/+");
     EXPECT_THAT(client.gets(), ElementsAre(wire("31 06 00 03 'a/2' 'r'"), wire("31 06 00 03 'a/1' 'r'")));
-    EXPECT_THAT(log.take(), ElementsAre(info("[保留消息] 下发成功: Client=dev1, Topic=a/2, Filter=a/+"),
-                                        info("[保留消息] 下发成功: Client=dev1, Topic=a/1, Filter=a/+")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(logged::retained_sent("dev1", "a/2", "a/+"), logged::retained_sent("dev1", "a/1", "a/+")));
     EXPECT_EQ(client->codec.last_packet_type, 3u);
 }
 
@@ -143,7 +144,7 @@ TEST(retained, a_failing_buffer_loses_that_message_only)
         EXPECT_EQ(fail.failed(), 1);
     }
     EXPECT_THAT(client.gets(), ElementsAre(wire("31 04 00 01 'b' 'r'")));
-    EXPECT_THAT(log.take(), ElementsAre(info("[保留消息] 下发成功: Client=dev1, Topic=b, Filter=#")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::retained_sent("dev1", "b", "#")));
     EXPECT_EQ(msgid_seed, seed_after(4, seed));
 }
 
@@ -155,7 +156,7 @@ TEST(retained, the_line_does_not_ask_whether_it_was_queued)
     client->state = CLIENT_CLOSED;
     LogCapture log(AGENT_LOG_INFO);
     send_retained_msg_to_client(client, "t");
-    EXPECT_THAT(log.take(), ElementsAre(info("[保留消息] 下发成功: Client=dev1, Topic=t, Filter=t")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::retained_sent("dev1", "t", "t")));
 }
 
 // So it costs other traffic nothing that the store is full; bench/retained_bench.cpp has the figures.

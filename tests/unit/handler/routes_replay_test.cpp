@@ -1,6 +1,8 @@
 // The retained messages that a subscription brings: bytes, counters, files, callbacks and log lines of a SUBSCRIBE
 // against an oracle that knows the rules only.
 #include "routes_run.h"
+#include "support/log_lines/handler.h"
+#include "support/log_lines/sub.h"
 
 using namespace tarn;
 using namespace tarn::test;
@@ -22,21 +24,22 @@ public:
         const unsigned    level  = world_.sender_level;
         const unsigned    qos    = request.qos;
         const char *const filter = request.filter.c_str();
-        count_both("rx");
-        say(debug(print("收到MQTT报文：ClientID=p, 类型=8, 长度=%zu", packet_size)));
-        say(info("【QoS溯源1】客户端订阅请求：ClientID=p, MsgID=9, 订阅数=1"));
-        say(info(print("【QoS溯源1】filter[0]：Topic=%s, 请求QoS=%u (0x%02X)", filter, qos, qos)));
-        seen_.told = {print("acl p %s 0", filter), print(R"(3 {"clientId":"p","topic":"%s","qos":%u})", filter, qos)};
-        add(request);
-        say(info(print("【QoS溯源2】filter[0]：Topic=%s, 请求QoS=%u → 授予QoS=%u (0x%02X)", filter, qos, qos, qos)));
+        count("pkt_rx", "period_rx");
+        say(logged::packet_received("p", 8, packet_size));
+        say(logged::subscribe_received("p", 9, 1));
+        say(logged::subscribe_filter(0, filter, qos));
+        seen_.told = {printed("acl p %s 0", filter),
+                      printed(R"(3 {"clientId":"p","topic":"%s","qos":%u})", filter, qos)};
+        say(logged::subscription_added("p", filter, qos, world_.sender_is_clean));
+        say(logged::subscribe_filter_granted(0, filter, qos, qos));
         replay(request.filter);
         if (!world_.sender_is_clean)
             save(request);
-        say(info(print("【QoS溯源3】MQTT %s Reason Code赋值：授权QoS=%u → ReasonCode=0x%02X",
-                       level == 5 ? "5.0" : "3.1.1", qos, qos)));
-        (void)send(itself(), level == 5 ? wire("90 04 00 09 00") + Bytes{static_cast<uint8_t>(qos)}
-                                        : wire("90 03 00 09") + Bytes{static_cast<uint8_t>(qos)});
-        say(info(print("发送SUBACK成功：ClientID=p, MsgID=9, 授权QoS=%u, ReasonCode=0x%02X", qos, qos)));
+        say(info(printed("【QoS溯源3】MQTT %s Reason Code赋值：授权QoS=%u → ReasonCode=0x%02X",
+                         level == 5 ? "5.0" : "3.1.1", qos, qos)));
+        send(kSender, wire(level == 5 ? "90 04 00 09 00" : "90 03 00 09") + Bytes{static_cast<uint8_t>(qos)},
+             world_.sender_hindrance);
+        say(logged::suback_sent("p", 9, qos, qos));
         return finish();
     }
 
@@ -51,55 +54,31 @@ public:
 private:
     bool online_ = true;
 
-    Member itself() const
-    {
-        Member member{kSender, "", 0, world_.sender_level};
-        member.hindrance = world_.sender_hindrance;
-        return member;
-    }
-
-    void add(const Request &request)
-    {
-        const char *const filter = request.filter.c_str();
-        const size_t      count  = world_.members.size();
-        const int         clean  = world_.sender_is_clean;
-        say(debug(print("[DEBUG] sub_add：开始添加订阅（client_id=p, topic_filter=%s, qos=%u, clean_session=%d）",
-                        filter, request.qos, clean)));
-        say(debug(print("[TRACE] sub_add：已加锁，当前订阅数=%zu，最大容量=10000", count)));
-        for (size_t at = 0; at < count; at++)
-            say(debug(print("[TRACE] sub_add：检查重复订阅（索引=%zu, client_id=%s, topic_filter=%s）", at,
-                            world_.members[at].id.c_str(), world_.members[at].filter.c_str())));
-        say(debug(print("[DEBUG] sub_add：新增订阅成功（client_id=p, topic_filter=%s, 总数=%zu）", filter, count + 1)));
-        say(info(
-            print("MQTT标准：新增订阅：ClientID=p, Topic=%s, QoS=%u, CleanSession=%d", filter, request.qos, clean)));
-    }
-
     // In store order, at the QoS of the message whatever was granted, without expiry; the line follows the encoder.
     void replay(const std::string &filter)
     {
         for (const Kept &kept : store_) {
-            if (!fits({"", filter, 0}, kept.topic))
+            if (!fits(filter, kept.topic))
                 continue;
             const unsigned id  = draw_id(); // at QoS 0 too
-            const Encoded  out = encode(world_.sender_level, kept.qos, true, kept.topic, id, 0, kept.payload);
+            const Encoded  out = encode(world_.sender_level, {kept.topic, kept.payload, kept.qos, true}, id);
             if (out.code) {
-                say(error(out.complaint));
+                say(out.complaint);
                 continue;
             }
             if (online_)
-                (void)send(itself(), out.bytes);
+                send(kSender, out.bytes, world_.sender_hindrance);
             else
-                count_both("drop_offline");
-            say(info(print("[保留消息] 下发成功: Client=p, Topic=%s, Filter=%s", kept.topic.c_str(), filter.c_str())));
+                count("drop_offline", "period_drop_offline");
+            say(logged::retained_sent("p", kept.topic, filter));
         }
     }
 
     void save(const Request &request)
     {
-        files_["subscription/p.json"] = print(R"({"subs":[{"topic":"saved","qos":1},{"topic":"%s","qos":%u}]})",
-                                              request.filter.substr(0, 63).c_str(), request.qos);
-        count_both("persist_write");
-        say(info("[持久化] 订阅已保存到文件: p, 订阅数=2"));
+        write_file("subscription/p.json", printed(R"({"subs":[{"topic":"saved","qos":1},{"topic":"%s","qos":%u}]})",
+                                                  request.filter.substr(0, 63).c_str(), request.qos));
+        say(logged::subscriptions_saved("p", 2));
     }
 };
 
@@ -155,12 +134,12 @@ TEST(routes_replay, retained_messages_come_before_the_suback)
                             world.sender_hindrance = hindrance;
                             const Bytes packet     = subscribe(world, request);
                             const Seen  expected   = Replay(world).expect(request, packet.size());
-                            stage.report(print("%s, QoS %u to QoS %u, level %u, payload: %s%s", filter, qos, requested,
-                                               level, payload.name, hindrance == Hindrance::None ? "" : ", ring full"),
-                                         run(stage, world, expected, [&](Scene &scene, uint32_t log) {
-                                             return scene.see(log,
-                                                              [&](Scene &of) { return of.sender().sends(packet); });
-                                         }));
+                            stage.report(
+                                printed("%s, QoS %u to QoS %u, level %u, payload: %s%s", filter, qos, requested, level,
+                                        payload.name, hindrance == Hindrance::None ? "" : ", ring full"),
+                                run(stage, world, expected, [&](Scene &scene, uint32_t log) {
+                                    return scene.see(log, [&](Scene &of) { return of.sender().sends(packet); });
+                                }));
                         }
 }
 
@@ -173,7 +152,7 @@ TEST(routes_replay, the_line_follows_the_encoder_not_the_ring)
                 for (uint32_t state : {CLIENT_CONNECTED, CLIENT_LOGINED, CLIENT_WILL_PENDING, CLIENT_CLOSED}) {
                     const World world  = world_with(payload, level, qos);
                     const bool  online = state == CLIENT_CONNECTED || state == CLIENT_LOGINED;
-                    stage.report(print("QoS %u, level %u, state %u, payload: %s", qos, level, state, payload.name),
+                    stage.report(printed("QoS %u, level %u, state %u, payload: %s", qos, level, state, payload.name),
                                  run(stage, world, Replay(world).expect_replay_alone("#", online),
                                      [&](Scene &scene, uint32_t log) {
                                          scene.sender()->state = state;
@@ -190,7 +169,7 @@ TEST(routes_replay, an_identifier_of_0)
         for (unsigned qos : {1u, 2u}) {
             World world = world_with(kPublishPayloads[1], level, qos);
             world.seed  = seed_of_0(2); // the message before it has drawn
-            stage.report(print("QoS %u, level %u", qos, level),
+            stage.report(printed("QoS %u, level %u", qos, level),
                          run(stage, world, Replay(world).expect_replay_alone("#", true),
                              [&](Scene &scene, uint32_t log) { return scene.see(log, replay_all); }));
         }

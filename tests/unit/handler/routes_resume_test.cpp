@@ -1,6 +1,10 @@
 // The last stretch of a message for somebody who is away: kept in a file, read back when its receiver returns, sent by
 // the scan about a second later. All that a CONNECT with a saved session makes of it, against the rules alone.
 #include "routes_run.h"
+#include "support/log_lines/client.h"
+#include "support/log_lines/handler.h"
+#include "support/log_lines/qos.h"
+#include "support/log_lines/sub.h"
 
 using namespace tarn;
 using namespace tarn::test;
@@ -18,7 +22,7 @@ std::string hex_pairs(const Bytes &bytes)
 {
     std::string out;
     for (uint8_t byte : bytes)
-        out += print("%02x", byte);
+        out += printed("%02x", byte);
     return out;
 }
 Bytes bytes_of(const std::string &pairs)
@@ -33,9 +37,9 @@ Bytes bytes_of(const std::string &pairs)
 
 std::string object_of(const Stored &message, bool show_id)
 {
-    return print(R"({"msgid":%s,"qos":%u,"topic":"%s","payload":"%s"})",
-                 show_id ? std::to_string(message.msgid).c_str() : "N", message.qos, message.topic.c_str(),
-                 message.payload.c_str());
+    return printed(R"({"msgid":%s,"qos":%u,"topic":"%s","payload":"%s"})",
+                   show_id ? std::to_string(message.msgid).c_str() : "N", message.qos, message.topic.c_str(),
+                   message.payload.c_str());
 }
 std::string file_of(const std::vector<Stored> &messages, bool show_ids)
 {
@@ -85,26 +89,26 @@ public:
     {
         const Member             &r        = world_.members[1];
         const std::vector<Stored> messages = read_back(file_);
-        count_both("rx");
-        say(debug(print("收到MQTT报文：ClientID=, 类型=1, 长度=%zu", packet_size)));
-        say(debug("client_set_keepalive: handle=0x00002710, cid=, keepalive=60秒（超时阈值=90秒）"));
-        say(debug("Set client ID: handle=10000, cid=r"));
+        count("pkt_rx", "period_rx");
+        say(logged::packet_received("", 1, packet_size));
+        say(logged::keepalive_set(0x00002710, "", 60, 90));
+        say(logged::client_id_set(10000, "r"));
         if (r.level == 5) {
-            say(info("[MQTT5] Session Expiry Interval negotiated: client=r, value=0 (0x11)"));
-            say(info("[MQTT5] Maximum Packet Size negotiated: client=r, value=4096 (valid)"));
+            say(logged::session_expiry_negotiated("r", 0));
+            say(logged::max_packet_size_negotiated("r", 4096));
         } else {
-            say(debug("[MQTT3] Session Expiry Interval not supported, set to 0"));
-            say(info("[MQTT3] Maximum Packet Size not supported, use default=4096, client=r"));
+            say(logged::session_expiry_unsupported());
+            say(logged::max_packet_size_unsupported(4096, "r"));
         }
         load(r);
-        say(info(print("[会话] 加载客户端持久化数据成功: r, 订阅数=1, 离线消息数=%zu", messages.size())));
+        say(logged::session_loaded("r", 1, messages.size()));
         subscribe_again(r);
-        say(info("[会话] 客户端 r 上下文恢复完成"));
-        say(info("[WILL-MQTT5] client=r 取消遗嘱延迟"));
+        say(logged::session_resumed("r"));
+        say(logged::will_delay_cancelled("r"));
         if (r.level == 5)
-            say(info("[MQTT5] CONNACK properties: max_packet_size=4096, session_expiry_interval=0"));
+            say(logged::connack_properties(4096, 0));
         send("r", r.level == 5 ? wire("20 0B 01 00 08 21 00 00 27 00 00 10 00") : wire("20 02 01 00"));
-        say(info("CONNACK -> r (SessionPresent=1)"));
+        say(logged::connack_sent("r", 1));
         replay(r);
         restore(r, messages);
         seen_.told = {R"(0 {"clientId":"r","topic":"","qos":0})"};
@@ -116,23 +120,15 @@ private:
 
     void subscribe_again(const Member &r)
     {
-        say(debug(
-            print("[DEBUG] sub_add：开始添加订阅（client_id=r, topic_filter=t, qos=%u, clean_session=0）", r.granted)));
-        say(debug("[TRACE] sub_add：已加锁，当前订阅数=2，最大容量=10000"));
-        say(debug("[TRACE] sub_add：检查重复订阅（索引=0, client_id=n, topic_filter=u）"));
-        say(debug("[TRACE] sub_add：检查重复订阅（索引=1, client_id=r, topic_filter=t）"));
-        say(debug(print(
-            "[DEBUG] sub_add：发现重复订阅，更新QoS和CleanSession（client_id=r, topic_filter=t, 旧QoS=%u, 新QoS=%u）",
-            r.granted, r.granted)));
-        say(info(print("MQTT标准：更新订阅：ClientID=r, Topic=t, QoS=%u", r.granted)));
-        say(info(print("[恢复] 订阅: t QoS=%u → 内存订阅表", r.granted)));
+        say(logged::subscription_updated("r", "t", r.granted));
+        say(logged::subscription_resumed("t", r.granted));
     }
     void replay(const Member &r)
     {
         for (const Kept &kept : store_)
-            if (fits(r, kept.topic)) {
-                send("r", encode(r.level, kept.qos, true, kept.topic, draw_id(), 0, kept.payload).bytes);
-                say(info(print("[保留消息] 下发成功: Client=r, Topic=%s, Filter=t", kept.topic.c_str())));
+            if (fits(r.filter, kept.topic)) {
+                send("r", written(r.level, {kept.topic, kept.payload, kept.qos, true}, draw_id()));
+                say(logged::retained_sent("r", kept.topic, "t"));
             }
     }
     // As if sent once already: the scan sends them, QoS 0 and what came back without a payload is lost.
@@ -140,27 +136,25 @@ private:
     {
         load(r);
         if (messages.empty()) {
-            say(debug("[packet_handler] 无离线消息需要补发: r"));
+            say(logged::kept_messages_none("r"));
             return;
         }
-        say(info(print("[packet_handler] 开始补发离线消息: r 共 %zu 条", messages.size())));
+        say(logged::kept_messages_started("r", messages.size()));
         for (const Stored &message : messages) {
             unsigned id = message.msgid;
             if (id == 0) {
                 id = draw();
-                say(debug(print("[packet_handler] 修复离线消息 MsgID=0 → 新 MsgID=%u", id)));
+                say(logged::kept_message_renumbered(id));
             }
             const Bytes payload = bytes_of(message.payload);
             if (message.qos == 0 && !payload.empty())
-                say(error("[QoS] 添加报文参数错误：QoS非法（仅支持1/2，当前0）"));
+                say(logged::delivery_of_bad_qos(0));
             else
-                track(r, id, message.qos, payload);
-            say(debug(
-                print("[packet_handler] 已补发: msgid=%u topic=%s qos=%u", id, message.topic.c_str(), message.qos)));
+                track(r, id, {message.topic, payload, message.qos});
+            say(logged::kept_message_sent(id, message.topic, message.qos));
         }
-        files_["message/r.json"] = R"({"msgs":[]})";
-        count_both("persist_write");
-        say(info("[packet_handler] 离线消息补发完成: r，已清空离线消息"));
+        write_file("message/r.json", R"({"msgs":[]})");
+        say(logged::kept_messages_ended("r"));
     }
 };
 
@@ -188,7 +182,7 @@ World world_for(unsigned level, unsigned granted, unsigned retained_qos)
     World world;
     world.members                      = {{"n", "u", 2}, {"r", "t", granted, level, Presence::Unknown, true}};
     world.kept                         = {{"u", 2, 0, text("not for r")}, {"t", retained_qos, 60, text("kept")}};
-    world.files["subscription/r.json"] = print(R"({"subs":[{"topic":"t","qos":%u}]})", granted);
+    world.files["subscription/r.json"] = printed(R"({"subs":[{"topic":"t","qos":%u}]})", granted);
     return world;
 }
 
@@ -218,7 +212,6 @@ std::string miss_and_return(Stage &stage, const World &away, const std::vector<M
         if (!kept.empty())
             store("message", "r", file_of(kept, true)); // its identifiers are random
         Client &newcomer = scene.newcomer("r");
-        newcomer->handle = 10000;
         return scene.see(log, [&](Scene &) { return newcomer.sends(packet); });
     });
     return unlike + wrong;
@@ -250,9 +243,9 @@ TEST(routes_resume, what_was_missed_comes_a_second_after_the_connack)
                                 missed.push_back({Route::Host, 1, text("3rd")});
                             }
                             stage.report(
-                                print("%s, QoS %u to QoS %u, level %u, payload: %s%s",
-                                      route == Route::Publish ? "client PUBLISH" : "host publish", qos, granted, level,
-                                      name, more ? ", two more behind it" : ""),
+                                printed("%s, QoS %u to QoS %u, level %u, payload: %s%s",
+                                        route == Route::Publish ? "client PUBLISH" : "host publish", qos, granted,
+                                        level, name, more ? ", two more behind it" : ""),
                                 miss_and_return(stage, world_for(level, granted, qos), missed, (qos + level) % 2));
                         }
 }

@@ -11,7 +11,7 @@ inline int act(Scene &scene, Route route, const World &world)
     const Sending       &message = world.message;
     const uint8_t *const payload =
         message.payload.empty() ? reinterpret_cast<const uint8_t *>("") : message.payload.data();
-    const Bytes packet = written(world);
+    const Bytes packet = written(world.sender_level, message, kPublishId);
     switch (route) {
     case Route::Publish:
         return scene.sender().sends(packet);
@@ -51,7 +51,6 @@ template <class Act> std::string run(Stage &stage, const World &world, const See
         const Seen seen   = act(scene, level);
         Seen       should = expected;
         should.lines      = from_level(should.lines, level);
-        should.scan_lines = from_level(should.scan_lines, level);
         if (const std::string text = compare(should, seen); !text.empty())
             return std::string("\n  at ") + kLevelNames[level] + text;
     }
@@ -60,7 +59,7 @@ template <class Act> std::string run(Stage &stage, const World &world, const See
 
 inline std::string run(Stage &stage, Route route, const World &world)
 {
-    return run(stage, world, Oracle(world).expect(route), [&](Scene &scene, uint32_t level) {
+    return run(stage, world, Oracle(world, route).expect(), [&](Scene &scene, uint32_t level) {
         prepare(scene, route, world);
         return scene.see(level, [&](Scene &of) { return act(of, route, world); });
     });

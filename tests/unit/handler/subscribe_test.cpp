@@ -1,4 +1,7 @@
 #include "handler_fixture.h"
+#include "support/log_lines/codec.h"
+#include "support/log_lines/handler.h"
+#include "support/log_lines/sub.h"
 
 using namespace tarn;
 using namespace tarn::test;
@@ -33,15 +36,12 @@ TEST(subscribe, v4_line_by_line)
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends(subscribe(1, {{"a/b", 1}, {"c", 0}})), 0);
     EXPECT_THAT(handler_lines(log),
-                ElementsAre(info("【QoS溯源1】客户端订阅请求：ClientID=dev1, MsgID=1, 订阅数=2"),
-                            info("【QoS溯源1】filter[0]：Topic=a/b, 请求QoS=1 (0x01)"),
-                            info("【QoS溯源1】filter[1]：Topic=c, 请求QoS=0 (0x00)"),
-                            info("MQTT标准：新增订阅：ClientID=dev1, Topic=a/b, QoS=1, CleanSession=1"),
-                            info("【QoS溯源2】filter[0]：Topic=a/b, 请求QoS=1 → 授予QoS=1 (0x01)"),
-                            info("MQTT标准：新增订阅：ClientID=dev1, Topic=c, QoS=0, CleanSession=1"),
-                            info("【QoS溯源2】filter[1]：Topic=c, 请求QoS=0 → 授予QoS=0 (0x00)"),
-                            info("【QoS溯源3】MQTT 3.1.1 Reason Code赋值：授权QoS=1 → ReasonCode=0x01"),
-                            info("发送SUBACK成功：ClientID=dev1, MsgID=1, 授权QoS=1, ReasonCode=0x01")));
+                ElementsAre(logged::subscribe_received("dev1", 1, 2), logged::subscribe_filter(0, "a/b", 1),
+                            logged::subscribe_filter(1, "c", 0), logged::subscription_added("dev1", "a/b", 1, 1),
+                            logged::subscribe_filter_granted(0, "a/b", 1, 1),
+                            logged::subscription_added("dev1", "c", 0, 1),
+                            logged::subscribe_filter_granted(1, "c", 0, 0), logged::subscribe_code_v4(1, 0x01),
+                            logged::suback_sent("dev1", 1, 1, 0x01)));
     EXPECT_THAT(client.gets(), ElementsAre(wire("90 04 00 01 01 00")));
     EXPECT_THAT(broker.host.take(), ElementsAre(R"(3 {"clientId":"dev1","topic":"a/b","qos":1})",
                                                 R"(3 {"clientId":"dev1","topic":"c","qos":0})"));
@@ -58,17 +58,14 @@ TEST(subscribe, granted_empty_and_refused_filters_in_one_packet)
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends(wire("82 11 | 00 07 00 | 00 03 'a/#' 01 | 00 01 00 00 | 00 01 'b' 02")), 0);
     EXPECT_THAT(handler_lines(log),
-                ElementsAre(info("【QoS溯源1】客户端订阅请求：ClientID=dev1, MsgID=7, 订阅数=3"),
-                            info("【QoS溯源1】filter[0]：Topic=a/#, 请求QoS=1 (0x01)"),
-                            info("【QoS溯源1】filter[1]：Topic=, 请求QoS=0 (0x00)"),
-                            info("【QoS溯源1】filter[2]：Topic=b, 请求QoS=2 (0x02)"),
-                            info("MQTT标准：新增订阅：ClientID=dev1, Topic=a/#, QoS=1, CleanSession=0"),
-                            info("【QoS溯源2】filter[0]：Topic=a/#, 请求QoS=1 → 授予QoS=1 (0x01)"),
-                            info("[保留消息] 下发成功: Client=dev1, Topic=a/1, Filter=a/#"),
+                ElementsAre(logged::subscribe_received("dev1", 7, 3), logged::subscribe_filter(0, "a/#", 1),
+                            logged::subscribe_filter(1, "", 0), logged::subscribe_filter(2, "b", 2),
+                            logged::subscription_added("dev1", "a/#", 1, 0),
+                            logged::subscribe_filter_granted(0, "a/#", 1, 1),
+                            logged::retained_sent("dev1", "a/1", "a/#"),
                             warn("【QoS溯源2】filter[1]：Topic为空，授予QoS=失败(0x80)"), warn("[ACL] 订阅被拒绝: b"),
-                            info("[持久化] 订阅已保存到文件: dev1, 订阅数=1"),
-                            info("【QoS溯源3】MQTT 5.0 Reason Code赋值：授权QoS=1 → ReasonCode=0x01"),
-                            info("发送SUBACK成功：ClientID=dev1, MsgID=7, 授权QoS=1, ReasonCode=0x01")));
+                            logged::subscriptions_saved("dev1", 1), logged::subscribe_code_v5(1, 0x01),
+                            logged::suback_sent("dev1", 7, 1, 0x01)));
     EXPECT_THAT(client.gets(), ElementsAre(wire("31 07 | 00 03 'a/1' 00 'r'"), wire("90 06 | 00 07 00 | 01 80 80")));
     EXPECT_THAT(broker.host.take(), ElementsAre("acl dev1 a/# 0", "acl dev1 b 0"));
 }
@@ -92,7 +89,7 @@ TEST(subscribe, the_summary_is_the_first_filters_code)
         LogCapture log(AGENT_LOG_INFO);
         EXPECT_EQ(client.sends(subscribe(2, {{"a", 0}, {"b", 2}}, version)), 0);
         const auto lines = handler_lines(log);
-        EXPECT_EQ(lines.back(), info("发送SUBACK成功：ClientID=dev1, MsgID=2, 授权QoS=128, ReasonCode=0x80"));
+        EXPECT_EQ(lines.back(), logged::suback_sent("dev1", 2, 128, 0x80));
         EXPECT_EQ(lines.end()[-2], info(std::string("【QoS溯源3】MQTT ") + (version == 5 ? "5.0" : "3.1.1") +
                                         " Reason Code赋值：授权QoS=128 → ReasonCode=0x80"));
         EXPECT_THAT(client.gets(),
@@ -107,8 +104,8 @@ TEST(subscribe, what_the_table_refuses_gets_80)
     LogCapture log(AGENT_LOG_WARN);
     EXPECT_EQ(client.sends(subscribe(2, {{"a", 3}, {"a#", 1}, {"ok", 1}})), 0);
     const auto lines = log.take();
-    EXPECT_THAT(lines, testing::Contains(warn("【QoS溯源2】filter[0]：Topic=a, 添加订阅失败，授予QoS=失败(0x80)")));
-    EXPECT_THAT(lines, testing::Contains(warn("【QoS溯源2】filter[1]：Topic=a#, 添加订阅失败，授予QoS=失败(0x80)")));
+    EXPECT_THAT(lines, testing::Contains(logged::subscribe_filter_refused(0, "a")));
+    EXPECT_THAT(lines, testing::Contains(logged::subscribe_filter_refused(1, "a#")));
     EXPECT_THAT(client.gets(), ElementsAre(wire("90 05 00 02 80 80 01")));
     EXPECT_EQ(client->session.sub_count, 1);
 }
@@ -149,15 +146,14 @@ TEST(subscribe, the_host_hears_of_a_filter_after_its_retained_messages)
 // The wipe of a record in the pool is told how much of it was written.
 TEST(subscribe, what_is_saved_is_wiped_by_the_next_connect)
 {
-    Handling             broker;
-    mqtt_client_t *const client = client_create(1, "10.0.0.1", 4711, &broker.host.broker);
-    sends(client, connect_v4("dev1"));
-    sends(client, subscribe(1, {{"a", 1}, {"b", 1}}));
+    Handling broker;
+    Client   client(broker);
+    client.sends(connect_v4("dev1"));
+    client.sends(subscribe(1, {{"a", 1}, {"b", 1}}));
     EXPECT_STREQ(client->session.subs[1].topic, "b");
-    sends(client, connect_v4("dev1"));
+    client.sends(connect_v4("dev1"));
     EXPECT_STREQ(client->session.subs[0].topic, "");
     EXPECT_STREQ(client->session.subs[1].topic, "");
-    pool_free(client);
 }
 
 TEST(subscribe, the_same_filter_again_changes_its_saved_qos)
@@ -249,7 +245,7 @@ TEST(subscribe, without_memory_for_the_suback_fails)
         EXPECT_EQ(client.sends(subscribe(2, {{"a", 0}})), -1);
         EXPECT_EQ(fail.failed(), 1);
     }
-    EXPECT_THAT(log.take(), ElementsAre(error("ack_buf malloc failed: 12")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::suback_no_memory()));
     EXPECT_THAT(client.gets(), IsEmpty());
     EXPECT_EQ(sub_get_client_sub_count("dev1"), 1);
 }
@@ -261,6 +257,6 @@ TEST(subscribe, at_no_known_level_nothing_is_answered)
     client->codec.version = 0;
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends(subscribe(2, {{"a", 0}})), 0);
-    EXPECT_EQ(log.take().back(), error("ACK encode: unsupported version 0"));
+    EXPECT_EQ(log.take().back(), logged::ack_encode_unsupported_version(0));
     EXPECT_THAT(client.gets(), IsEmpty());
 }

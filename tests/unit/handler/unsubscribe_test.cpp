@@ -1,4 +1,7 @@
 #include "handler_fixture.h"
+#include "support/log_lines/codec.h"
+#include "support/log_lines/handler.h"
+#include "support/log_lines/sub.h"
 
 using namespace tarn;
 using namespace tarn::test;
@@ -16,13 +19,13 @@ TEST(unsubscribe, line_by_line)
     EXPECT_EQ(client.sends("A2 0B | 00 05 | 00 03 'a/b' | 00 02 'no'"), 0);
     std::vector<LogLine> lines = handler_lines(log);
     std::erase_if(lines, [](const LogLine &line) { return line.text.rfind("UNSUBSCRIBE", 0) == 0; });
-    EXPECT_THAT(lines, ElementsAre(debug("收到MQTT报文：ClientID=dev1, 类型=10, 长度=13"),
-                                   info("MQTT标准：客户端取消订阅：ClientID=dev1, MsgID=5, 取消数=2"),
-                                   info("MQTT标准：移除订阅：ClientID=dev1, Topic=a/b, 移除数量=1"),
-                                   info("取消订阅成功：ClientID=dev1, Topic=a/b"),
-                                   info("MQTT标准：移除订阅：ClientID=dev1, Topic=no, 移除数量=0"),
-                                   debug("取消订阅失败：ClientID=dev1, Topic=no"),
-                                   info("发送UNSUBACK成功：ClientID=dev1, MsgID=5")));
+    EXPECT_THAT(lines,
+                ElementsAre(logged::packet_received("dev1", 10, 13),
+                            info("MQTT标准：客户端取消订阅：ClientID=dev1, MsgID=5, 取消数=2"),
+                            logged::subscription_removed("dev1", "a/b", 1),
+                            info("取消订阅成功：ClientID=dev1, Topic=a/b"),
+                            logged::subscription_removed("dev1", "no", 0), logged::filter_not_removed("dev1", "no"),
+                            info("发送UNSUBACK成功：ClientID=dev1, MsgID=5")));
     EXPECT_THAT(client.gets(), ElementsAre(wire("B0 02 00 05")));
     EXPECT_THAT(broker.host.take(), ElementsAre(R"(4 {"clientId":"dev1","topic":"a/b","qos":0})"));
     EXPECT_EQ(sub_get_client_sub_count("dev1"), 0);
@@ -43,7 +46,7 @@ TEST(unsubscribe, an_empty_filter_is_passed_over)
     Client     client(broker, 4, "dev1");
     LogCapture log;
     EXPECT_EQ(client.sends("A2 05 | 00 05 | 00 01 00"), 0);
-    EXPECT_FALSE(log.has(debug("取消订阅失败：ClientID=dev1, Topic=")));
+    EXPECT_FALSE(log.has(logged::filter_not_removed("dev1", "")));
     EXPECT_THAT(client.gets(), ElementsAre(wire("B0 02 00 05")));
 }
 
@@ -87,7 +90,7 @@ TEST(unsubscribe, without_memory_for_the_unsuback_fails)
         Fail fail(Call::Allocate, 1);
         EXPECT_EQ(client.sends("A2 02 00 05"), -1);
     }
-    EXPECT_THAT(log.take(), ElementsAre(error("ack_buf malloc failed: 12")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::suback_no_memory()));
     EXPECT_THAT(client.gets(), IsEmpty());
 }
 
@@ -102,6 +105,6 @@ TEST(unsubscribe, an_answer_that_does_not_encode_is_left_out)
     broker.host.broker.event_cb = [](broker_t *, uint32_t, const char *) { told->codec.version = 0; };
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(client.sends("A2 05 | 00 05 | 00 01 'a'"), 0);
-    EXPECT_EQ(log.take().back(), error("ACK encode: unsupported version 0"));
+    EXPECT_EQ(log.take().back(), logged::ack_encode_unsupported_version(0));
     EXPECT_THAT(client.gets(), IsEmpty());
 }

@@ -1,4 +1,5 @@
 #include "handler_fixture.h"
+#include "support/log_lines/handler.h"
 
 using namespace tarn;
 using namespace tarn::test;
@@ -30,10 +31,9 @@ TEST(will, is_published_line_by_line)
     std::vector<LogLine> lines = handler_lines(log);
     std::erase_if(
         lines, [](const LogLine &line) { return line.text.rfind("[WILL]", 0) != 0 && line.text.rfind("62 ", 0) != 0; });
-    EXPECT_THAT(lines, ElementsAre(info("[WILL] Send will message: client=dev1"),
-                                   info("[WILL] Topic: w, QoS: 1, Retain: 1, PayloadLen: 3"), debug("[WILL] Payload"),
-                                   debug("62 79 65 "), info("[WILL] 编码成功 | len=10 | 开始广播"),
-                                   info("[WILL] 广播完成 | will_sent=1")));
+    EXPECT_THAT(lines,
+                ElementsAre(logged::will_sent("dev1"), logged::will_message("w", 1, 1, 3), logged::will_payload(),
+                            debug("62 79 65 "), logged::will_encoded(10), logged::will_broadcast_ended(1)));
     EXPECT_EQ(watcher.gets().size(), 1u);
     EXPECT_EQ(owner->will_sent, 1);
     EXPECT_EQ(owner->session.will_flag, 0);
@@ -77,7 +77,7 @@ TEST(will, its_deliveries_are_not_tracked_and_nobody_keeps_it)
     give_will(owner, "bye", 2);
     LogCapture log(AGENT_LOG_WARN);
     EXPECT_EQ(packet_send_will_message(owner), 0);
-    EXPECT_THAT(log.take(), ElementsAre(warn("[遗嘱调试][跳过] 客户端已离线，不发送遗嘱：away")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::broadcast_receiver_offline("away")));
     EXPECT_EQ(watcher.gets().size(), 1u);
     EXPECT_EQ(pending_count(), 0);
     EXPECT_EQ(stored("message", "away"), "");
@@ -116,7 +116,8 @@ TEST(will, none_or_sent_before)
     LogCapture log;
     EXPECT_EQ(packet_send_will_message(nullptr), -1);
     EXPECT_EQ(packet_send_will_message(owner), -1);
-    owner->will_msg_used = owner->will_sent = 1;
+    owner->will_msg_used = 1;
+    owner->will_sent     = 1;
     EXPECT_EQ(packet_send_will_message(owner), -1);
     EXPECT_THAT(log.take(), IsEmpty());
 }
@@ -142,7 +143,7 @@ TEST(will, that_cannot_be_encoded_stays_unsent)
     owner->will_topic[0] = '\0';
     LogCapture log(AGENT_LOG_ERROR);
     EXPECT_EQ(packet_send_will_message(owner), -1);
-    EXPECT_EQ(log.take().back(), error("[WILL] 编码失败 | code=-1 | len=4096"));
+    EXPECT_EQ(log.take().back(), logged::will_not_encoded(-1));
     EXPECT_EQ(owner->will_sent, 0);
     EXPECT_EQ(g_mqtt_stats.will_sent, 0u);
     EXPECT_THAT(broker.host.take(), IsEmpty());
@@ -197,13 +198,12 @@ TEST(start_will_delay, needs_a_client_with_an_unsent_will)
     LogCapture log;
     packet_start_will_delay(nullptr);
     packet_start_will_delay(owner);
-    EXPECT_THAT(log.take(), ElementsAre(error("[WILL] 启动失败：client == NULL"),
-                                        info("[WILL] 准备启动遗嘱 | client=dev1 | will_msg_used=0 | will_sent=0"),
-                                        warn("[WILL] 不启动：条件不满足")));
-    owner->will_msg_used = owner->will_sent = 1;
+    EXPECT_THAT(log.take(), ElementsAre(error("[WILL] 启动失败：client == NULL"), logged::will_prepared("dev1", 0, 0),
+                                        logged::will_not_due()));
+    owner->will_msg_used = 1;
+    owner->will_sent     = 1;
     packet_start_will_delay(owner);
-    EXPECT_THAT(log.take(), ElementsAre(info("[WILL] 准备启动遗嘱 | client=dev1 | will_msg_used=1 | will_sent=1"),
-                                        warn("[WILL] 不启动：条件不满足")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::will_prepared("dev1", 1, 1), logged::will_not_due()));
 }
 
 TEST(start_will_delay, a_delay_of_0_publishes_at_once)
@@ -215,7 +215,7 @@ TEST(start_will_delay, a_delay_of_0_publishes_at_once)
     LogCapture log(AGENT_LOG_INFO);
     packet_start_will_delay(owner);
     const auto lines = log.take();
-    EXPECT_EQ(lines[0], info("[WILL] 准备启动遗嘱 | client=dev1 | will_msg_used=1 | will_sent=0"));
+    EXPECT_EQ(lines[0], logged::will_prepared("dev1", 1, 0));
     EXPECT_EQ(lines[1], info("[WILL] 延迟=0 → 立即发送"));
     EXPECT_EQ(watcher.gets().size(), 1u);
     EXPECT_EQ(owner->will_sent, 1);
@@ -248,6 +248,5 @@ TEST(cancel_will, says_so_each_time)
     EXPECT_EQ(owner->will_delay_pending, 0);
     packet_cancel_will(owner);
     packet_cancel_will(nullptr);
-    EXPECT_THAT(log.take(), ElementsAre(info("[WILL-MQTT5] client=dev1 取消遗嘱延迟"),
-                                        info("[WILL-MQTT5] client=dev1 取消遗嘱延迟")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::will_delay_cancelled("dev1"), logged::will_delay_cancelled("dev1")));
 }

@@ -1,6 +1,7 @@
 // All ways in which a client's life ends, for every kind of client, with every kind of will: what it is told, what
 // becomes of session, subscriptions, will and record, and the lines of it.
 #include "life_fixture.h"
+#include "support/log_lines/client.h"
 
 using namespace tarn;
 using namespace tarn::test;
@@ -106,18 +107,16 @@ std::vector<LogLine> expected_lines(const Case &test, int64_t now_s)
 {
     std::vector<LogLine> lines;
     if (test.session() == Deadline)
-        lines.push_back(
-            info("[MQTT5] 会话已设置过期: " + test.id + ", 剩余=3600秒, 截止=" + std::to_string(now_s + 3600)));
+        lines.push_back(logged::session_kept_until(test.id, 3600, now_s + 3600));
     if (test.session() == Deleted && test.way.way != Disconnects)
-        lines.push_back(info("[MQTT5] 会话立即删除(expiry=0): " + test.id));
+        lines.push_back(logged::session_removed_at_close(test.id));
     if (!test.will_starts()) {
-        lines.push_back(warn("[FREE-NORMAL] 客户端正常关闭: " + test.id));
+        lines.push_back(logged::client_closed(test.id));
         return lines;
     }
     if (test.way.forced)
-        lines.push_back(info("[遗嘱调试][异常断开] ClientID=" + test.id + ", 未发送DISCONNECT报文，强制触发遗嘱发送"));
-    lines.push_back(
-        warn("[WILL-ENTER] 客户端进入遗嘱延迟: " + test.id + ", will_delay_sec=" + std::to_string(test.will.delay_s)));
+        lines.push_back(logged::connection_lost_with_will(test.id));
+    lines.push_back(logged::will_delayed(test.id, test.will.delay_s));
     return lines;
 }
 
@@ -231,8 +230,8 @@ TEST(close_table, a_refused_stranger_leaves_nothing)
         Line       line(world);
         LogCapture log(AGENT_LOG_INFO);
         line.send(connect_packet(level, "stranger", {.clean = false, .will = Will{"w", "gone"}}));
-        EXPECT_THAT(closing_lines(log), ElementsAreArray({info("[MQTT5] 会话立即删除(expiry=0): "),
-                                                          warn("[FREE-NORMAL] 客户端正常关闭: ")}));
+        EXPECT_THAT(closing_lines(log),
+                    ElementsAreArray({logged::session_removed_at_close(""), logged::client_closed("")}));
         EXPECT_TRUE(line.is_closed());
         EXPECT_EQ(g_client_mgr.used_count, 0);
         EXPECT_EQ(stored("session", "stranger"), "");

@@ -4,7 +4,7 @@
 #include "life_fixture.h"
 
 #include "api/api_internal.h"
-#include "wire/support/process_state.h"
+#include "support/process_state.h"
 
 #include <malloc.h>
 #include <map>
@@ -267,6 +267,9 @@ private:
         ADD_FAILURE() << "whose will is " << text;
     }
 
+    // The tests are run without the allocator's cache (CMakeLists.txt), whose chunks count as used.
+    static size_t heap_room() { return getenv("GLIBC_TUNABLES") ? 6000 : 100000; }
+
     void check_hour()
     {
         EXPECT_TRUE(due_.empty());
@@ -283,7 +286,7 @@ private:
             first_heap_ = last_heap_;
         EXPECT_EQ(descriptor_count(), first_descriptors_);
         if (second_ > kSettled_s) {
-            EXPECT_LE(last_heap_, first_heap_ + 32768) << "ten bytes for each who came";
+            EXPECT_LE(last_heap_, first_heap_ + heap_room()) << "a byte for each who came";
         }
     }
 

@@ -3,7 +3,9 @@
 #include "base/relaxed.h"
 #include "console.h"
 #include "support/faults.h"
+#include "support/files.h"
 #include "support/log_capture.h"
+#include "support/process_state.h"
 
 #include <atomic>
 #include <fcntl.h>
@@ -32,17 +34,6 @@ thread_local struct {
 
 constexpr char kDefaultPath[] = "tarn_flash.txt";
 
-std::string read_file(const std::string &path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-void write_file(const std::string &path, const std::string &text)
-{
-    std::ofstream(path) << text;
-}
-
 void start(const char *path, uint32_t max_file_size = 0, uint32_t output = 3)
 {
     const agent_log_config_t config = {AGENT_LOG_DEBUG, output, max_file_size, 256, path};
@@ -60,13 +51,8 @@ std::string log_through(const char *text, uint32_t level = AGENT_LOG_WARN)
 // Whether a thread of this process waits for something.
 bool asleep(pid_t thread)
 {
-    const std::string stat = read_file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    const std::string stat = file_text("/proc/self/task/" + std::to_string(thread) + "/stat");
     return stat.substr(stat.rfind(')') + 2, 1) == "S";
-}
-
-size_t open_descriptors()
-{
-    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
 struct log_file : testing::Test {
@@ -97,7 +83,7 @@ TEST_F(log_file, is_created_and_stays_empty_while_the_flag_is_held)
     agent_log(AGENT_LOG_ERROR, "text");
     EXPECT_EQ(console.text, "[2027-01-15 08:00:00.000] [ERROR] text\n");
     EXPECT_TRUE(std::filesystem::exists("a.log"));
-    EXPECT_EQ(read_file("a.log"), "");
+    EXPECT_EQ(file_text("a.log"), "");
     EXPECT_EQ(g_log_in_use, 0u);
 }
 
@@ -105,18 +91,18 @@ TEST_F(log_file, gets_the_line_when_another_thread_clears_the_flag_meanwhile)
 {
     start("a.log");
     EXPECT_EQ(log_through("text"), "[2027-01-15 08:00:00.000] [WARN] text\n");
-    EXPECT_EQ(read_file("a.log"), "[2027-01-15 08:00:00.000] [WARN] text\n");
+    EXPECT_EQ(file_text("a.log"), "[2027-01-15 08:00:00.000] [WARN] text\n");
     EXPECT_EQ(g_log_in_use, 0u);
     log_through("more", 9);
-    EXPECT_EQ(read_file("a.log"), "[2027-01-15 08:00:00.000] [WARN] text\n[2027-01-15 08:00:00.000] [UNKNOWN] more\n");
+    EXPECT_EQ(file_text("a.log"), "[2027-01-15 08:00:00.000] [WARN] text\n[2027-01-15 08:00:00.000] [UNKNOWN] more\n");
 }
 
 TEST_F(log_file, is_appended_to_by_a_new_start)
 {
-    write_file("a.log", "old\n");
+    write_text("a.log", "old\n");
     start("a.log");
     log_through("new");
-    EXPECT_EQ(read_file("a.log"), "old\n[2027-01-15 08:00:00.000] [WARN] new\n");
+    EXPECT_EQ(file_text("a.log"), "old\n[2027-01-15 08:00:00.000] [WARN] new\n");
 }
 
 TEST_F(log_file, has_a_default_name)
@@ -149,7 +135,7 @@ TEST_F(log_file, gets_nothing_while_it_is_not_an_output)
     start("a.log");
     g_log_config.output = AGENT_LOG_TO_CONSOLE;
     log_through("text");
-    EXPECT_EQ(read_file("a.log"), "");
+    EXPECT_EQ(file_text("a.log"), "");
 }
 
 TEST_F(log_file, that_cannot_be_opened_is_no_output_any_more)
@@ -171,7 +157,7 @@ TEST_F(log_file, line_never_exceeds_1023_characters)
     for (const size_t length : {room - 1, room, room + 1, size_t{1022}}) {
         start("a.log", 1); // from the start again
         log_through(std::string(length, 'm').c_str());
-        EXPECT_EQ(read_file("a.log"), prefix + std::string(std::min(length, room), 'm') + "\n") << length;
+        EXPECT_EQ(file_text("a.log"), prefix + std::string(std::min(length, room), 'm') + "\n") << length;
     }
 }
 
@@ -180,17 +166,17 @@ TEST_F(log_file, starts_afresh_at_its_limit)
     const std::string line = "[2027-01-15 08:00:00.000] [WARN] new\n";
     for (const size_t size : {99u, 100u, 101u}) {
         const std::string old(size, 'o');
-        write_file("a.log", old);
+        write_text("a.log", old);
         start("a.log", 100);
         log_through("new");
-        EXPECT_EQ(read_file("a.log"), size < 100 ? old + line : line) << size;
+        EXPECT_EQ(file_text("a.log"), size < 100 ? old + line : line) << size;
     }
     EXPECT_FALSE(std::filesystem::exists("a.log.1"));
 }
 
 TEST_F(log_file, stays_off_when_it_cannot_be_started_afresh)
 {
-    write_file("a.log", "old");
+    write_text("a.log", "old");
     start("a.log", 1);
     {
         Fail fail(Call::FileOpen);
@@ -199,10 +185,10 @@ TEST_F(log_file, stays_off_when_it_cannot_be_started_afresh)
     }
     EXPECT_EQ(g_log_file, nullptr);
     log_through("lost too");
-    EXPECT_EQ(read_file("a.log"), "old");
+    EXPECT_EQ(file_text("a.log"), "old");
     EXPECT_EQ(agent_log_clear_flash(), 0);
     log_through("seen");
-    EXPECT_THAT(read_file("a.log"), EndsWith("] seen\n"));
+    EXPECT_THAT(file_text("a.log"), EndsWith("] seen\n"));
 }
 
 TEST_F(log_file, is_closed_when_it_cannot_seek)
@@ -216,10 +202,10 @@ TEST_F(log_file, is_closed_when_it_cannot_seek)
     EXPECT_EQ(g_log_config.output, 3u);
     EXPECT_EQ(g_log_in_use, 0u);
     log_through("lost too");
-    EXPECT_EQ(read_file("a.log"), "");
+    EXPECT_EQ(file_text("a.log"), "");
     start("a.log");
     log_through("seen");
-    EXPECT_THAT(read_file("a.log"), EndsWith("] seen\n"));
+    EXPECT_THAT(file_text("a.log"), EndsWith("] seen\n"));
 }
 
 TEST_F(log_file, is_written_with_the_flag_taken_back)
@@ -265,7 +251,7 @@ TEST_F(log_file, clear_returns_what_buffering_returned)
     EXPECT_EQ(g_log_in_use, 0u);
     g_buffering.result = 0;
     log_through("goes on");
-    EXPECT_THAT(read_file("a.log"), EndsWith("] goes on\n"));
+    EXPECT_THAT(file_text("a.log"), EndsWith("] goes on\n"));
 }
 
 TEST_F(log_file, is_not_waited_for)
@@ -292,23 +278,23 @@ TEST_F(log_file, is_not_waited_for)
 
 TEST_F(log_file, is_closed_by_deinit)
 {
-    const size_t before = open_descriptors();
+    const int before = descriptor_count();
     start("a.log");
-    EXPECT_EQ(open_descriptors(), before + 1);
+    EXPECT_EQ(descriptor_count(), before + 1);
     agent_log_deinit();
     EXPECT_EQ(g_log_file, nullptr);
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(descriptor_count(), before);
     agent_log_deinit();
 }
 
 TEST_F(log_file, of_the_last_start_is_closed_by_the_next)
 {
-    const size_t before = open_descriptors();
+    const int before = descriptor_count();
     start("a.log");
     start("b.log");
-    EXPECT_EQ(open_descriptors(), before + 1);
+    EXPECT_EQ(descriptor_count(), before + 1);
     start("c.log", 0, AGENT_LOG_TO_CONSOLE);
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(descriptor_count(), before);
 }
 
 TEST_F(log_file, is_not_inherited_by_programs_the_host_starts)
@@ -324,7 +310,7 @@ TEST_F(log_file, gets_the_line_when_an_init_frees_the_flag_meanwhile)
     start("a.log");
     Console console([] { agent_log_init(nullptr); }); // frees the flag, as it does for every caller
     agent_log(AGENT_LOG_ERROR, "text");
-    EXPECT_THAT(read_file("a.log"), EndsWith("] text\n"));
+    EXPECT_THAT(file_text("a.log"), EndsWith("] text\n"));
 }
 
 TEST_F(log_file, is_left_alone_after_a_deinit_in_between)
@@ -332,19 +318,19 @@ TEST_F(log_file, is_left_alone_after_a_deinit_in_between)
     start("a.log");
     Console console([] { agent_log_deinit(); });
     agent_log(AGENT_LOG_ERROR, "text");
-    EXPECT_EQ(read_file("a.log"), "");
+    EXPECT_EQ(file_text("a.log"), "");
     EXPECT_EQ(g_log_in_use, 1u);
 }
 
 TEST_F(log_file, clear_truncates_and_keeps_writing)
 {
-    write_file("a.log", "old");
+    write_text("a.log", "old");
     start("a.log");
     EXPECT_EQ(agent_log_clear_flash(), 0);
-    EXPECT_EQ(read_file("a.log"), "");
+    EXPECT_EQ(file_text("a.log"), "");
     EXPECT_EQ(g_log_in_use, 0u);
     log_through("new");
-    EXPECT_EQ(read_file("a.log"), "[2027-01-15 08:00:00.000] [WARN] new\n");
+    EXPECT_EQ(file_text("a.log"), "[2027-01-15 08:00:00.000] [WARN] new\n");
 }
 
 TEST_F(log_file, clear_opens_it_even_when_it_is_no_output)
@@ -358,7 +344,7 @@ TEST_F(log_file, clear_opens_it_even_when_it_is_no_output)
 
 TEST_F(log_file, clear_refuses_while_a_line_is_printed)
 {
-    write_file("a.log", "old");
+    write_text("a.log", "old");
     start("a.log");
     int32_t result = 0;
     {
@@ -366,19 +352,19 @@ TEST_F(log_file, clear_refuses_while_a_line_is_printed)
         agent_log(AGENT_LOG_ERROR, "text");
     }
     EXPECT_EQ(result, 1);
-    EXPECT_EQ(read_file("a.log"), "old");
+    EXPECT_EQ(file_text("a.log"), "old");
 }
 
 TEST_F(log_file, clear_refuses_after_deinit_and_returns_what_it_found)
 {
-    write_file("a.log", "old");
+    write_text("a.log", "old");
     start("a.log");
     agent_log_deinit();
     EXPECT_EQ(agent_log_clear_flash(), 1);
     g_log_in_use = 7;
     EXPECT_EQ(agent_log_clear_flash(), 7);
     EXPECT_EQ(g_log_in_use, 7u);
-    EXPECT_EQ(read_file("a.log"), "old");
+    EXPECT_EQ(file_text("a.log"), "old");
 }
 
 TEST_F(log_file, clear_that_cannot_open_returns_0_and_leaves_it_closed)

@@ -149,9 +149,9 @@ TEST(netip_close, many_objections_are_all_kept_and_all_closed)
         layer.events.wait_for(2 * i + 1);
         netip_close(static_cast<uint32_t>(i));
     }
-    const size_t descriptors = open_descriptors();
+    const int descriptors = descriptor_count();
     netip_deinit();
-    EXPECT_EQ(open_descriptors(), descriptors - 43); // with epoll, its bell and UDP
+    EXPECT_EQ(descriptor_count(), descriptors - 43); // with epoll, its bell and UDP
 }
 
 TEST(netip_close, without_memory_an_objection_costs_a_descriptor)
@@ -242,13 +242,13 @@ TEST(hang_up, a_close_nested_in_its_event_closes_once)
             close_connection(event.handle, generation_of(event.handle));
         return true;
     });
-    const size_t      descriptors = open_descriptors();
+    const int         descriptors = descriptor_count();
     {
         Peer peer;
         layer.events.wait_for(1);
     }
     EXPECT_THAT(layer.events.wait_for(3), ElementsAre(connected(0), disconnected(0, 0), disconnected(0, 2)));
-    EXPECT_TRUE(eventually([&] { return open_descriptors() == descriptors; }));
+    EXPECT_TRUE(eventually([&] { return descriptor_count() == descriptors; }));
 }
 
 TEST(hang_up, by_another_thread_meanwhile_closes_once)

@@ -23,7 +23,7 @@ uint32_t start(int io_threads = 1)
 }
 
 // What is left in the globals and in the process when nothing runs.
-void expect_nothing_left(size_t descriptors, int listener = -1)
+void expect_nothing_left(int descriptors, int listener = -1)
 {
     EXPECT_EQ(netip_epoll_fd, -1);
     EXPECT_EQ(g_netip_udp, -1);
@@ -32,7 +32,7 @@ void expect_nothing_left(size_t descriptors, int listener = -1)
     EXPECT_EQ(g_netip_cb, nullptr);
     EXPECT_EQ(g_netip_running, 0);
     EXPECT_FALSE(is_up());
-    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_EQ(descriptor_count(), descriptors);
     EXPECT_TRUE(eventually([] { return threads_named("tarn-io") == 0; })); // a joined thread is listed a moment longer
 }
 
@@ -106,8 +106,8 @@ TEST(netip_init, zeroes_the_table)
 
 TEST(netip_init, each_failure_has_its_code_and_releases_everything)
 {
-    LogCapture   log(AGENT_LOG_INFO);
-    const size_t descriptors = open_descriptors();
+    LogCapture log(AGENT_LOG_INFO);
+    const int  descriptors = descriptor_count();
     const struct {
         Call     call;
         int      nth, threads;
@@ -134,8 +134,8 @@ TEST(netip_init, a_failure_keeps_the_listener_of_an_earlier_start)
 {
     ASSERT_EQ(start(), 0u);
     netip_deinit();
-    const int    listener    = g_netip_tcp_listen;
-    const size_t descriptors = open_descriptors();
+    const int listener    = g_netip_tcp_listen;
+    const int descriptors = descriptor_count();
     for (const Call call : {Call::EpollCreate, Call::Allocate, Call::ThreadCreate}) {
         Fail fail(call);
         EXPECT_NE(start(), 0u);
@@ -186,8 +186,8 @@ TEST(netip_init, runs_without_udp_when_its_socket_fails)
 
 TEST(netip_init, without_an_accept_thread_says_so_and_leaves_the_rest_standing)
 {
-    LogCapture   log(AGENT_LOG_DEBUG);
-    const size_t descriptors = open_descriptors();
+    LogCapture log(AGENT_LOG_DEBUG);
+    const int  descriptors = descriptor_count();
     {
         Fail fail(Call::ThreadCreate, 2);
         EXPECT_EQ(start(), 1u);
@@ -206,7 +206,7 @@ TEST(netip_init, without_an_accept_thread_says_so_and_leaves_the_rest_standing)
 
 TEST(netip_init, takes_down_first_what_was_left_standing)
 {
-    const size_t descriptors = open_descriptors();
+    const int descriptors = descriptor_count();
     {
         Fail fail(Call::ThreadCreate, 2);
         EXPECT_EQ(start(), 1u);
@@ -259,7 +259,7 @@ TEST(netip_init, makes_a_listener_anew_when_its_number_became_a_listener_on_anot
 
 TEST(netip_deinit, alone_or_repeated_does_nothing)
 {
-    const size_t descriptors = open_descriptors();
+    const int descriptors = descriptor_count();
     netip_deinit();
     netip_deinit();
     expect_nothing_left(descriptors);
@@ -273,14 +273,14 @@ TEST(netip_deinit, starts_and_stops_without_growth)
 {
     ASSERT_EQ(start(), 0u);
     netip_deinit();
-    const size_t descriptors = open_descriptors();
-    const size_t threads     = count_of("task");
+    const int descriptors = descriptor_count();
+    const int threads     = thread_count();
     for (int i = 0; i < 20; ++i) {
         ASSERT_EQ(start(1 + i % 3), 0u);
         netip_deinit();
     }
-    EXPECT_EQ(open_descriptors(), descriptors);
-    EXPECT_TRUE(eventually([&] { return count_of("task") == threads; }));
+    EXPECT_EQ(descriptor_count(), descriptors);
+    EXPECT_TRUE(eventually([&] { return thread_count() == threads; }));
 }
 
 TEST(netip_deinit, serves_handmade_slots_too)

@@ -2,6 +2,7 @@
 #include "net_fixture.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
+#include "support/log_lines/net.h"
 
 #include <csignal>
 #include <sys/resource.h>
@@ -102,11 +103,11 @@ TEST(layer, a_close_nested_in_the_event_of_deinit_closes_once)
     });
     Peer  a, b;
     layer.events.wait_for(2);
-    const size_t descriptors = open_descriptors();
+    const int descriptors = descriptor_count();
     netip_deinit();
     EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), connected(1), disconnected(0, 2), disconnected(0, 2),
                                                  disconnected(1, 2), disconnected(1, 2)));
-    EXPECT_EQ(open_descriptors(), descriptors - 5); // two connections, epoll, its bell, UDP
+    EXPECT_EQ(descriptor_count(), descriptors - 5); // two connections, epoll, its bell, UDP
 }
 
 // ---- the listener outlives the layer
@@ -443,7 +444,7 @@ TEST(epoll_wait, a_failure_is_logged_and_the_loop_goes_on)
         LogCapture log(AGENT_LOG_ERROR);
         Fail       fail(Call::EpollWait, 1, EINTR, 1);
         EXPECT_TRUE(eventually([&] { return fail.failed() == 1 && !log.lines().empty(); }));
-        EXPECT_THAT(log.take(), ElementsAre(error("[IO] epoll_wait 错误, errno=4")));
+        EXPECT_THAT(log.take(), ElementsAre(logged::epoll_wait_failed(4)));
     }
     Peer peer;
     EXPECT_THAT(layer.events.wait_for(1), ElementsAre(connected(0)));
@@ -458,7 +459,7 @@ TEST(epoll_wait, failing_for_ever_does_not_spin)
     const int before = fail.failed();
     std::this_thread::sleep_for(500ms);
     EXPECT_LE(fail.failed() - before, 6); // one in 100 ms
-    EXPECT_THAT(log.take(), testing::Each(error("[IO] epoll_wait 错误, errno=9")));
+    EXPECT_THAT(log.take(), testing::Each(logged::epoll_wait_failed(9)));
 }
 
 TEST(epoll_wait, pauses_from_the_second_failure_in_a_row)

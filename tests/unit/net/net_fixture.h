@@ -7,6 +7,8 @@
 #include "base/relaxed.h"
 #include "log/agent_log.h"
 #include "net/netip_internal.h"
+#include "support/process_state.h"
+#include "support/timing.h"
 #include "support/wire.h"
 
 #include <arpa/inet.h>
@@ -40,18 +42,6 @@ using namespace std::chrono_literals;
 
 constexpr auto kPatience = 20s; // sanitizers are slow
 constexpr auto kSilence  = 150ms;
-
-// Until `done` or the end of patience.
-template <class Done> bool eventually(Done done)
-{
-    const auto end = std::chrono::steady_clock::now() + kPatience;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
 
 // ---- events as text, so that sequences compare as they read: "0 connected 0", "0 data 3: 30 00", "0 disconnected 2"
 
@@ -285,22 +275,6 @@ inline Fd take_number(int fd)
     return Fd(dup3(other.get(), fd, O_CLOEXEC));
 }
 
-// Entries of a directory of this process: "fd" (with the one used for looking) or "task".
-inline size_t count_of(const char *what)
-{
-    const std::string path  = std::string("/proc/self/") + what;
-    DIR              *dir   = opendir(path.c_str());
-    size_t            count = 0;
-    while (const dirent *entry = dir ? readdir(dir) : nullptr)
-        count += entry->d_name[0] != '.';
-    if (dir)
-        closedir(dir);
-    return count;
-}
-inline size_t open_descriptors()
-{
-    return count_of("fd") - 1;
-}
 // Threads with this name.
 // To be waited for: a joined thread is listed a moment longer, and a new one names itself.
 inline size_t threads_named(const std::string &name)

@@ -34,6 +34,12 @@ bool wants_writable(uint32_t handle)
 
 std::atomic<int> g_rounds{0}, g_writable{0};
 
+void count_writable(uint32_t handle)
+{
+    EXPECT_EQ(handle, 0u);
+    ++g_writable;
+}
+
 } // namespace
 
 TEST(netip_send, refuses_what_is_no_packet_and_sends_nothing)
@@ -132,7 +138,7 @@ TEST(writable, is_noticed_once_and_does_not_spin)
     // The last bytes may still be on their way to the peer and make room once more.
     std::this_thread::sleep_for(kSilence);
     while (send_bytes(0, repeat('x', 4096)) == 0) {}
-    set_writable_hook([] { ++g_writable; });
+    set_writable_hook(count_writable);
     set_round_hooks({[] { ++g_rounds; }, nullptr});
     EXPECT_TRUE(wants_writable(0));
     std::this_thread::sleep_for(kSilence);
@@ -154,7 +160,7 @@ TEST(writable, is_noticed_once_and_does_not_spin)
 TEST(writable, asked_for_in_the_connected_event_is_noticed_too)
 {
     static std::atomic<bool> full{false};
-    set_writable_hook([] { ++g_writable; });
+    set_writable_hook(count_writable);
     Layer layer([](const Recorder::Event &event) {
         if (event.event == NETIP_EVENT_CONNECTED) {
             while (send_bytes(event.handle, repeat('x', 4096)) == 0) {}
@@ -173,7 +179,7 @@ TEST(writable, asked_for_in_the_connected_event_is_noticed_too)
 TEST(writable, a_new_connection_inherits_no_wish)
 {
     side_of(0).wants_writable = 1;
-    set_writable_hook([] { ++g_writable; });
+    set_writable_hook(count_writable);
     Layer layer;
     Peer  peer;
     peer.send("C0 00");

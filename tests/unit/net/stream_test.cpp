@@ -1,6 +1,7 @@
 #include "net_fixture.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
+#include "support/log_lines/net.h"
 
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
@@ -30,7 +31,7 @@ TEST(stream, a_packet_in_three_segments_is_delivered_once_with_its_last_byte)
     Peer       peer;
     layer.events.wait_for(1);
     const auto held = [&](int bytes) {
-        const LogLine line = debug("[NETIP] 开始解析客户端数据 handle=0 缓存长度=" + std::to_string(bytes));
+        const LogLine line = logged::stream_parse_started(0, bytes);
         return eventually([&] { return log.has(line); });
     };
     peer.send("30");
@@ -54,15 +55,15 @@ TEST(stream, every_line_of_a_packet)
         layer.events.wait_for(3);
         EXPECT_TRUE(eventually([&] { return log.lines().size() >= 8; }));
         EXPECT_THAT(log.take(),
-                    ElementsAre(debug("[NETIP] 开始解析客户端数据 handle=0 缓存长度=20"),
-                                info("[NETIP] 完整报文长度: 2"), debug("[NETIP] 完整报文"), debug("C0 00 "),
-                                info("[NETIP] 完整报文长度: 18"), debug("[NETIP] 完整报文"),
-                                debug("30 10 30 31 32 33 34 35 36 37 38 39 61 62 63 64 "), debug("65 66 ")));
+                    ElementsAre(logged::stream_parse_started(0, 20), logged::stream_packet_length(2),
+                                logged::stream_packet(), debug("C0 00 "), logged::stream_packet_length(18),
+                                logged::stream_packet(), debug("30 10 30 31 32 33 34 35 36 37 38 39 61 62 63 64 "),
+                                debug("65 66 ")));
     }
     LogCapture log(AGENT_LOG_INFO);
     peer.send("C0 00");
     layer.events.wait_for(4);
-    EXPECT_THAT(log.take(), ElementsAre(info("[NETIP] 完整报文长度: 2")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::stream_packet_length(2)));
 }
 
 TEST(stream, each_receive_moves_last_active)

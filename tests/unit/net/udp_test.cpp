@@ -289,7 +289,7 @@ TEST(udp, closing_one_peer_ends_udp_until_the_next_start)
     b.send("C0 00");
     make_a_round(tcp);
     events.wait_for(7);
-    const int shared = g_netip_udp;
+    const int shared = int32_t{g_netip_udp};
 
     netip_close(1);
     EXPECT_EQ(events.seen().back(), disconnected(1, 2));
@@ -324,7 +324,7 @@ TEST(udp, an_objecting_callback_keeps_the_shared_socket_and_deinit_closes_it_onc
     a.send("C0 00");
     make_a_round(tcp);
     layer.events.wait_for(4);
-    const int shared = g_netip_udp;
+    const int shared = int32_t{g_netip_udp};
     netip_close(1);
     EXPECT_EQ(layer.events.seen().back(), disconnected(1, 2));
     EXPECT_EQ(g_netip_udp, shared);
@@ -351,7 +351,7 @@ TEST(udp, closing_a_peer_of_a_dead_socket_touches_nobody_else)
     b.send("C0 00");
     make_a_round(tcp);
     layer.events.wait_for(7);
-    const int shared = g_netip_udp;
+    const int shared = int32_t{g_netip_udp};
     Fd first(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), second(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     netip_close(1);
     Peer next(std::move(first)); // the kernel had chosen a number for it when accept went to sleep
@@ -370,7 +370,7 @@ TEST(udp, a_handmade_slot_may_name_the_shared_socket)
     Layer         layer;
     netip_conn_t &slot = g_netip_clients[50];
     slot.type          = NETIP_UDP;
-    slot.fd            = g_netip_udp;
+    slot.fd            = int32_t{g_netip_udp};
     poke(slot.in_use, 1);
     netip_close(50);
     EXPECT_EQ(g_netip_udp, -1);
@@ -422,10 +422,10 @@ TEST(udp, deinit_leaves_the_shared_socket_to_its_end)
     udp.send("C0 00");
     make_a_round(tcp);
     events.wait_for(4);
-    const size_t descriptors = open_descriptors();
+    const int descriptors = descriptor_count();
     netip_deinit();
     EXPECT_THAT(events.seen(), Contains(disconnected(1, 2)));
-    EXPECT_EQ(open_descriptors(), descriptors - 4); // TCP, UDP, epoll and its bell
+    EXPECT_EQ(descriptor_count(), descriptors - 4); // TCP, UDP, epoll and its bell
 }
 
 TEST(udp, the_thread_that_delivers_knows_its_connection)

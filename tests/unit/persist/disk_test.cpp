@@ -1,5 +1,6 @@
 // What the disk can do to a write: refuse it, fill up, vanish, break, or be cut off with the process.
 #include "persist_fixture.h"
+#include "support/log_lines/persist.h"
 
 #include <cerrno>
 #include <sched.h>
@@ -15,8 +16,8 @@ using disk = DataDirectory;
 
 namespace {
 
-const LogLine kCannotWrite  = error("[persist] 写入临时文件失败(重试3次): f.tmp");
-const LogLine kCannotRename = error("[persist] 重命名失败: f");
+const LogLine kCannotWrite  = logged::temporary_not_written("f.tmp");
+const LogLine kCannotRename = logged::file_not_renamed("f");
 
 // Runs `work` in children that end before their first, second, ... call that changes a file, and holds `check` against
 // what each leaves behind, until one comes through. Returns the number of those that did not.
@@ -41,16 +42,9 @@ template <class Work, class Check> int kill_everywhere(Work work, Check check)
     }
 }
 
-// 64 KiB of disk for this test alone.
-bool mount_small_disk(const char *directory)
-{
-    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("none", directory, "tmpfs", 0, "size=64k") == 0;
-}
-
 retain_msg_t &retain(const char *topic)
 {
-    retain_msg_t &message = g_sub_mgr.retains[g_sub_mgr.retain_count++];
+    retain_msg_t &message = g_sub_mgr.retains[tarn::bump(g_sub_mgr.retain_count)];
     strcpy(message.topic, topic);
     return message;
 }
@@ -160,9 +154,9 @@ TEST_F(disk, a_directory_that_was_removed_is_told_file_by_file)
     subscribe("t", 1);
     LogCapture log(2);
     persist_flush_single(record.get(), PERSIST_SESSION | PERSIST_SUBSCRIPTIONS | PERSIST_MESSAGES);
-    EXPECT_THAT(log.take(), ElementsAre(error("[persist] 写入临时文件失败(重试3次): data/session/dev1.json.tmp"),
-                                        error("[persist] 写入临时文件失败(重试3次): data/subscription/dev1.json.tmp"),
-                                        error("[persist] 写入临时文件失败(重试3次): data/message/dev1.json.tmp")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::temporary_not_written("data/session/dev1.json.tmp"),
+                                        logged::temporary_not_written("data/subscription/dev1.json.tmp"),
+                                        logged::temporary_not_written("data/message/dev1.json.tmp")));
     EXPECT_EQ(persist_add_offline_msg("dev1", "t", bytes("x"), 1, 1), 0) << "told by the line alone";
     EXPECT_EQ(persist_load(record.get()), 0);
     EXPECT_EQ(persist_remove("dev1"), 0);
@@ -176,9 +170,9 @@ TEST_F(disk, a_read_only_disk_keeps_its_files)
     if (!mount_small_disk("data/message"))
         GTEST_SKIP() << "no mounts here";
     persist_mark(record.get(), PERSIST_MESSAGES);
-    ASSERT_EQ(mount(nullptr, "data/message", nullptr, MS_REMOUNT | MS_RDONLY, "size=64k"), 0);
+    ASSERT_EQ(mount(nullptr, "data/message", nullptr, MS_REMOUNT | MS_RDONLY, kSmallDisk), 0);
     LogCapture    log(2);
-    const LogLine line = error("[persist] 写入临时文件失败(重试3次): data/message/dev1.json.tmp");
+    const LogLine line = logged::temporary_not_written("data/message/dev1.json.tmp");
     EXPECT_EQ(persist_remove("dev1"), 0);
     EXPECT_EQ(persist_add_offline_msg("dev1", "t", bytes("x"), 1, 1), 0);
     EXPECT_EQ(persist_remove_offline_msg("dev1", 1), 0);
@@ -196,12 +190,12 @@ TEST_F(disk, a_full_disk_keeps_its_files)
     retain("old").payload_len = 1;
     ASSERT_EQ(persist_retain_save(), 0);
     const std::string store = read_text("data/retain.dat");
-    write_text("data/rest", std::string(100000, 'r')); // all there is
-    g_mqtt_stats = {};
+    write_text("data/rest", std::string(200000, 'r')); // all there is
+    memset(static_cast<void *>(&g_mqtt_stats), 0, sizeof g_mqtt_stats);
 
     LogCapture log(2);
     EXPECT_EQ(persist_add_offline_msg("dev1", "t", bytes(std::string(1024, 'p').c_str()), 1024, 1), 0);
-    EXPECT_THAT(log.take(), ElementsAre(error("[persist] 写入临时文件失败(重试3次): data/message/dev1.json.tmp")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::temporary_not_written("data/message/dev1.json.tmp")));
     EXPECT_EQ(read_text("data/message/dev1.json"), R"({"msgs":[]})");
     EXPECT_FALSE(std::filesystem::exists("data/message/dev1.json.tmp"));
     EXPECT_EQ(g_mqtt_stats.persist_write, 0u);
@@ -219,10 +213,10 @@ TEST_F(disk, start_goes_on_without_directories)
     write_text("blocked", "a file where the directory would be");
     LogCapture log;
     EXPECT_EQ(persist_init("blocked"), 0);
-    EXPECT_TRUE(log.has(debug("[persist] 目录创建成功: blocked/session"))) << "said whether or not it succeeded";
-    EXPECT_FALSE(log.has(debug("[persist] 目录创建成功: blocked")));
-    EXPECT_TRUE(log.has(warn("[persist] 订阅目录不存在")));
-    EXPECT_TRUE(log.has(info("[persist] 持久化模块初始化完成，路径：blocked")));
+    EXPECT_TRUE(log.has(logged::folder_created("blocked/session"))) << "said whether or not it succeeded";
+    EXPECT_FALSE(log.has(logged::folder_created("blocked")));
+    EXPECT_TRUE(log.has(logged::no_subscriptions_folder()));
+    EXPECT_TRUE(log.has(logged::persist_ready("blocked")));
 }
 
 TEST_F(disk, retained_writes_that_break_keep_the_old_store)
@@ -235,7 +229,7 @@ TEST_F(disk, retained_writes_that_break_keep_the_old_store)
         Fail       fail(Call::FileWrite, nth, ENOSPC);
         LogCapture log;
         EXPECT_EQ(persist_retain_save(), 0) << "write errors are not told";
-        EXPECT_EQ(log.count(debug("[persist] retain saved: 2 entries")), 1);
+        EXPECT_EQ(log.count(logged::retained_saved(2)), 1);
         EXPECT_EQ(read_text("data/retain.dat"), before);
         EXPECT_FALSE(std::filesystem::exists("data/retain.dat.tmp"));
     }
@@ -248,7 +242,7 @@ TEST_F(disk, retained_writes_that_break_keep_the_old_store)
     for (const Call call : {Call::FileOpen, Call::Rename}) {
         Fail fail(call, 1, EIO);
         EXPECT_EQ(persist_retain_save(), -2);
-        EXPECT_THAT(log.take(), ElementsAre(error("[persist] retain save failed")));
+        EXPECT_THAT(log.take(), ElementsAre(logged::retained_not_saved()));
         EXPECT_EQ(read_text("data/retain.dat"), before);
         EXPECT_FALSE(std::filesystem::exists("data/retain.dat.tmp"));
     }
@@ -265,7 +259,7 @@ TEST_F(disk, a_directory_in_the_place_of_the_retained_file_is_a_failure)
     std::filesystem::create_directory("data/retain.dat");
     LogCapture log;
     EXPECT_EQ(persist_retain_save(), -2);
-    EXPECT_THAT(log.take(), ElementsAre(error("[persist] retain save failed")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::retained_not_saved()));
     EXPECT_FALSE(std::filesystem::exists("data/retain.dat.tmp"));
     EXPECT_EQ(persist_retain_load(), 0) << "it can be opened";
     EXPECT_EQ(g_sub_mgr.retain_count, 0);
@@ -275,7 +269,7 @@ TEST_F(disk, a_directory_in_the_place_of_the_retained_file_is_a_failure)
 TEST_F(disk, messages_that_cannot_be_read_now_are_not_overwritten)
 {
     const std::string kept = R"({"msgs":[{"msgid":7,"qos":1,"topic":"a","payload":"61"}]})";
-    const LogLine     line = error("[persist] 写入临时文件失败(重试3次): data/message/dev1.json.tmp");
+    const LogLine     line = logged::temporary_not_written("data/message/dev1.json.tmp");
     write_text("data/message/dev1.json", kept);
     for (const int code : {EMFILE, ENFILE, EACCES, EIO, ENOMEM}) {
         LogCapture log;
@@ -283,7 +277,7 @@ TEST_F(disk, messages_that_cannot_be_read_now_are_not_overwritten)
             Fail fail(Call::FileOpen, 3, code); // of the session, the subscriptions, the messages
             EXPECT_EQ(persist_add_offline_msg("dev1", "t", bytes("x"), 1, 1), 0) << "told by the line alone";
         }
-        EXPECT_THAT(log.take(), ElementsAre(debug("[persist][定位] 无离线消息文件：data/message/dev1.json"), line));
+        EXPECT_THAT(log.take(), ElementsAre(logged::no_kept_messages_file("data/message/dev1.json"), line));
         {
             Fail fail(Call::FileOpen, 3, code);
             EXPECT_EQ(persist_remove_offline_msg("dev1", 7), 0);
@@ -305,8 +299,8 @@ TEST_F(disk, messages_whose_reading_breaks_are_not_overwritten)
     LogCapture log;
     EXPECT_EQ(persist_add_offline_msg("dev1", "t", bytes("x"), 1, 1), 0);
     EXPECT_TRUE(std::filesystem::is_symlink("data/message/dev1.json"));
-    EXPECT_THAT(log.take(), ElementsAre(warn("[persist][定位] 消息格式错误：找不到 msgs 节点"),
-                                        error("[persist] 写入临时文件失败(重试3次): data/message/dev1.json.tmp")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::kept_messages_without_list(),
+                                        logged::temporary_not_written("data/message/dev1.json.tmp")));
     EXPECT_EQ(g_mqtt_stats.persist_read, 1u) << "it was opened";
 }
 
@@ -315,8 +309,8 @@ TEST_F(disk, a_directory_in_the_place_of_a_message_file_cannot_be_replaced)
     std::filesystem::create_directory("data/message/dev1.json");
     LogCapture log;
     EXPECT_EQ(persist_add_offline_msg("dev1", "t", bytes("x"), 1, 1), 0);
-    EXPECT_THAT(log.take(), ElementsAre(warn("[persist][定位] 消息格式错误：找不到 msgs 节点"),
-                                        error("[persist] 重命名失败: data/message/dev1.json")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(logged::kept_messages_without_list(), logged::file_not_renamed("data/message/dev1.json")));
 }
 
 TEST_F(disk, without_memory_the_retained_file_is_not_read)

@@ -1,5 +1,6 @@
 // Every file byte for byte, as it is written and as it is read back.
 #include "persist_fixture.h"
+#include "support/log_lines/persist.h"
 
 using namespace tarn::test;
 using testing::Each;
@@ -216,7 +217,7 @@ TEST_F(golden, a_thousand_retained_messages_come_back_in_order)
     sub_init();
     LogCapture log(1);
     EXPECT_EQ(persist_retain_load(), 0);
-    EXPECT_THAT(log.take(), ElementsAre(info("[persist] retain loaded: 1000 entries")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::retained_loaded(1000)));
     ASSERT_EQ(g_sub_mgr.retain_count, 1000);
     EXPECT_STREQ(g_sub_mgr.retains[999].topic, "t999");
 }

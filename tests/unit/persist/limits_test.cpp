@@ -1,5 +1,6 @@
 // How much of each file comes back, to the byte, and what becomes of texts that are cut or bent.
 #include "persist_fixture.h"
+#include "support/log_lines/persist.h"
 
 using namespace tarn::test;
 using testing::ElementsAre;
@@ -188,8 +189,7 @@ TEST_F(limits, sixty_four_subscriptions_are_the_most)
         subscriptions(text);
         LogCapture log(1);
         EXPECT_EQ(load().sub_count, std::min(count, 64));
-        EXPECT_THAT(log.take(), ElementsAre(info("[persist] ✅ 恢复订阅成功: dev1 共 " +
-                                                 std::to_string(std::min(count, 64)) + " 条")));
+        EXPECT_THAT(log.take(), ElementsAre(logged::subscriptions_restored("dev1", std::min(count, 64))));
         EXPECT_EQ(record->msg_count, 0);
     }
 }
@@ -220,7 +220,7 @@ TEST_F(limits, the_100th_message_drops_none_and_the_101st_the_oldest)
 
     messages(text + R"({"topic":"","qos":,"msgid":,"payload":"})");
     EXPECT_EQ(persist_add_offline_msg("dev1", "new", bytes("x"), 1, 1), 0);
-    EXPECT_THAT(log.take(), ElementsAre(warn("[persist][定位] 离线消息溢出，丢弃最早一条: dev1")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::kept_message_dropped("dev1")));
     const std::string kept = read_text("data/message/dev1.json");
     EXPECT_THAT(kept, testing::StartsWith(R"({"msgs":[{"msgid":0,"qos":0,"topic":"",)"));
     EXPECT_THAT(kept, testing::EndsWith(R"(,"qos":1,"topic":"new","payload":"78"}]})"));
@@ -367,7 +367,7 @@ TEST_F(limits, an_unknown_identifier_writes_the_file_unchanged)
     persist_add_offline_msg("dev1", "a", bytes("1"), 1, 1);
     const std::string before = read_text("data/message/dev1.json");
     const uint16_t    other  = load().msgs[0].msgid == 9 ? 8 : 9;
-    g_mqtt_stats             = {};
+    memset(static_cast<void *>(&g_mqtt_stats), 0, sizeof g_mqtt_stats);
     EXPECT_EQ(persist_remove_offline_msg("dev1", other), 0);
     EXPECT_EQ(g_mqtt_stats.persist_write, 1u);
     EXPECT_EQ(read_text("data/message/dev1.json"), before);

@@ -1,4 +1,5 @@
 #include "persist_fixture.h"
+#include "support/log_lines/persist.h"
 
 using namespace tarn::test;
 using testing::ElementsAre;
@@ -136,7 +137,7 @@ TEST_F(loading, needs_an_id_and_no_files)
     LogCapture log;
     EXPECT_EQ(persist_load(record.get()), 0);
     EXPECT_EQ(record->sub_count, 7) << "what is not found stays";
-    EXPECT_THAT(log.take(), ElementsAre(debug("[persist][定位] 无离线消息文件：data/message/dev1.json")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::no_kept_messages_file("data/message/dev1.json")));
     EXPECT_EQ(persist_load(nullptr), -1);
     record->client_id[0] = '\0';
     EXPECT_EQ(persist_load(record.get()), -1);
@@ -172,7 +173,7 @@ TEST_F(subscription_file, comes_back_as_it_was_written)
     EXPECT_STREQ(record->subs[0].topic, "a/b");
     EXPECT_EQ(record->subs[0].qos, 1);
     EXPECT_STREQ(record->subs[1].topic, "#");
-    EXPECT_THAT(log.take(), ElementsAre(info("[persist] ✅ 恢复订阅成功: dev1 共 2 条")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::subscriptions_restored("dev1", 2)));
     EXPECT_EQ(g_mqtt_stats.persist_read, 0u) << "this file is not counted";
 }
 
@@ -225,13 +226,13 @@ TEST_F(subscription_file, of_every_client_enters_the_table_at_start)
     write_text("data/subscription/other", "");
     LogCapture log(1);
     persist_load_all_persisted_subscriptions();
-    const LogLine line = info("[persist] ==============================================");
+    const LogLine line = logged::subscriptions_separator();
     EXPECT_EQ(log.count(line), 4);
-    EXPECT_TRUE(log.has(info("[persist] 🔥 BROKER 启动 - 自动加载所有持久化订阅")));
-    EXPECT_TRUE(log.has(info("[persist] ✅ 恢复客户端订阅: dev1  订阅数=1")));
-    EXPECT_TRUE(log.has(info("[persist] ✅ 恢复客户端订阅: x.jso  订阅数=0")));
-    EXPECT_TRUE(log.has(info("[persist] ✅ 恢复客户端订阅:   订阅数=0")));
-    EXPECT_TRUE(log.has(info("[persist] ✅ 所有持久化订阅加载完成")));
+    EXPECT_TRUE(log.has(logged::subscriptions_loading()));
+    EXPECT_TRUE(log.has(logged::client_subscriptions_restored("dev1", 1)));
+    EXPECT_TRUE(log.has(logged::client_subscriptions_restored("x.jso", 0)));
+    EXPECT_TRUE(log.has(logged::client_subscriptions_restored("", 0)));
+    EXPECT_TRUE(log.has(logged::subscriptions_loaded()));
     ASSERT_EQ(g_sub_mgr.sub_count, 1);
     EXPECT_STREQ(g_sub_mgr.subs[0].client_id, "dev1");
     EXPECT_STREQ(g_sub_mgr.subs[0].topic_filter, "a");
@@ -240,8 +241,8 @@ TEST_F(subscription_file, of_every_client_enters_the_table_at_start)
     std::filesystem::remove_all("data/subscription");
     log.take();
     persist_load_all_persisted_subscriptions();
-    EXPECT_THAT(log.take(), ElementsAre(line, info("[persist] 🔥 BROKER 启动 - 自动加载所有持久化订阅"), line,
-                                        warn("[persist] 订阅目录不存在")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(line, logged::subscriptions_loading(), line, logged::no_subscriptions_folder()));
 }
 
 TEST_F(subscription_file, is_read_with_the_two_others_at_start)
@@ -250,15 +251,14 @@ TEST_F(subscription_file, is_read_with_the_two_others_at_start)
     write_text("data/subscription/dev1.json", R"({"subs":[{"topic":"a","qos":1},{"topic":"b","qos":2}]})");
     write_text("data/message/dev1.json", "{}");
     LogCapture    log(1);
-    const LogLine line = info("[persist] ==============================================");
+    const LogLine line = logged::subscriptions_separator();
     persist_load_all_persisted_subscriptions();
     std::vector<LogLine> lines = log.take();
     std::erase_if(lines, [](const LogLine &said) { return said.text.find("[persist]") != 0; });
-    EXPECT_THAT(lines, ElementsAre(line, info("[persist] 🔥 BROKER 启动 - 自动加载所有持久化订阅"), line,
-                                   info("[persist] ✅ 恢复订阅成功: dev1 共 2 条"),
-                                   warn("[persist][定位] 消息格式错误：找不到 msgs 节点"),
-                                   info("[persist] ✅ 恢复客户端订阅: dev1  订阅数=2"), line,
-                                   info("[persist] ✅ 所有持久化订阅加载完成"), line));
+    EXPECT_THAT(lines,
+                ElementsAre(line, logged::subscriptions_loading(), line, logged::subscriptions_restored("dev1", 2),
+                            logged::kept_messages_without_list(), logged::client_subscriptions_restored("dev1", 2),
+                            line, logged::subscriptions_loaded(), line));
     EXPECT_EQ(g_mqtt_stats.persist_read, 2u);
     EXPECT_EQ(g_sub_mgr.sub_count, 2);
 }
@@ -289,7 +289,7 @@ TEST_F(message_file, drops_the_oldest_of_101)
     ASSERT_EQ(load().msg_count, 100);
     LogCapture log(2);
     EXPECT_EQ(persist_add_offline_msg("dev1", "new", bytes("x"), 1, 1), 0);
-    EXPECT_THAT(log.take(), ElementsAre(warn("[persist][定位] 离线消息溢出，丢弃最早一条: dev1")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::kept_message_dropped("dev1")));
     const std::string kept    = read_text("data/message/dev1.json");
     size_t            objects = 0;
     for (size_t at = kept.find("\"msgid\""); at != std::string::npos; at = kept.find("\"msgid\"", at + 1))
@@ -350,7 +350,7 @@ TEST_F(message_file, malformed_ones_give_what_they_hold)
     LogCapture log(2);
     write_text("data/message/dev1.json", "{}");
     EXPECT_EQ(load().msg_count, 0);
-    EXPECT_THAT(log.take(), ElementsAre(warn("[persist][定位] 消息格式错误：找不到 msgs 节点")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::kept_messages_without_list()));
     write_text(
         "data/message/dev1.json",
         R"({"msgs":[{"msgid":1},{"msgid":2,"qos":1,"topic":"t","payload":"61"},{"msgid":3,"qos":1,"topic":"u","payload":"61)");
@@ -358,5 +358,5 @@ TEST_F(message_file, malformed_ones_give_what_they_hold)
     EXPECT_EQ(record->msgs[0].msgid, 2);
     Fail fail(Call::Allocate, 2);
     EXPECT_EQ(persist_load(record.get()), 0);
-    EXPECT_THAT(log.take(), ElementsAre(error("[persist] 内存分配失败")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::persist_no_memory()));
 }

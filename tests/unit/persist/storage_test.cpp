@@ -1,5 +1,6 @@
 #include "base/text.h"
 #include "persist_fixture.h"
+#include "support/log_lines/persist.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,12 +21,12 @@ TEST(storage_init, makes_the_directories_and_loads)
     EXPECT_STREQ(g_persist_root_path, "./mqtt_data");
     std::vector<LogLine> lines = log.take();
     EXPECT_EQ(lines.front(), info("[persist] 持久化模块初始化中..."));
-    EXPECT_EQ(lines[1], debug("[persist] 目录创建成功: ./mqtt_data"));
-    EXPECT_EQ(lines[2], debug("[persist] 目录创建成功: ./mqtt_data/session"));
-    EXPECT_EQ(lines[3], debug("[persist] 目录创建成功: ./mqtt_data/subscription"));
-    EXPECT_EQ(lines[4], debug("[persist] 目录创建成功: ./mqtt_data/message"));
-    EXPECT_EQ(lines.end()[-2], warn("[persist] no retain file"));
-    EXPECT_EQ(lines.back(), info("[persist] 持久化模块初始化完成，路径：./mqtt_data"));
+    EXPECT_EQ(lines[1], logged::folder_created("./mqtt_data"));
+    EXPECT_EQ(lines[2], logged::folder_created("./mqtt_data/session"));
+    EXPECT_EQ(lines[3], logged::folder_created("./mqtt_data/subscription"));
+    EXPECT_EQ(lines[4], logged::folder_created("./mqtt_data/message"));
+    EXPECT_EQ(lines.end()[-2], logged::no_retained_file());
+    EXPECT_EQ(lines.back(), logged::persist_ready("./mqtt_data"));
     EXPECT_TRUE(std::filesystem::is_directory("mqtt_data/message"));
 
     persist_init("");
@@ -41,9 +42,8 @@ TEST_F(storage, entry_points_without_work_say_so)
     persist_clean_expire();
     persist_stop();
     EXPECT_EQ(persist_destroy(), 0);
-    EXPECT_THAT(log.take(), ElementsAre(debug("[persist] 执行强制刷盘(无操作，已同步写入)"),
-                                        debug("[persist] 清理过期会话（未启用）"), info("[persist] 停止刷盘线程..."),
-                                        info("[persist] 持久化模块销毁中...")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::persist_flushed(), debug("[persist] 清理过期会话（未启用）"),
+                                        info("[persist] 停止刷盘线程..."), logged::persist_ends()));
     persist_safe_write("after", "x");
     EXPECT_EQ(read_text("after"), "x") << "clients may close after this";
 }
@@ -80,7 +80,7 @@ TEST_F(storage, gives_up_after_three_attempts_and_keeps_the_old_file)
     Fail fail(Call::FileOpen, 1, 28, 3);
     persist_safe_write("f", "newer");
     EXPECT_EQ(read_text("f"), "new");
-    EXPECT_THAT(log.take(), ElementsAre(error("[persist] 写入临时文件失败(重试3次): f.tmp")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::temporary_not_written("f.tmp")));
 }
 
 TEST_F(storage, a_target_that_cannot_be_replaced_is_told)
@@ -88,7 +88,7 @@ TEST_F(storage, a_target_that_cannot_be_replaced_is_told)
     std::filesystem::create_directories("d/inside");
     LogCapture log;
     persist_safe_write("d", "x");
-    EXPECT_THAT(log.take(), ElementsAre(error("[persist] 重命名失败: d")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::file_not_renamed("d")));
     EXPECT_FALSE(std::filesystem::exists("d.tmp"));
 }
 
@@ -101,8 +101,8 @@ TEST_F(storage, ids_that_lead_elsewhere_touch_nothing)
         subscribe("t", 0);
         LogCapture log(2);
         persist_flush_single(record.get(), PERSIST_SESSION);
-        EXPECT_THAT(log.take(), ElementsAre(error("[persist] 写入临时文件失败(重试3次): data/session/" +
-                                                  std::string(id) + ".json.tmp")));
+        EXPECT_THAT(log.take(),
+                    ElementsAre(logged::temporary_not_written("data/session/" + std::string(id) + ".json.tmp")));
         EXPECT_EQ(persist_load(record.get()), 0);
         EXPECT_EQ(persist_load_client_only(record.get()), -4);
         EXPECT_EQ(persist_remove(id), 0);
@@ -142,7 +142,7 @@ TEST_F(retain_file, an_empty_store_is_four_bytes)
     LogCapture log;
     EXPECT_EQ(persist_retain_save(), 0);
     EXPECT_EQ(read_text("data/retain.dat"), std::string(4, '\0'));
-    EXPECT_THAT(log.take(), ElementsAre(debug("[persist] retain saved: 0 entries")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::retained_saved(0)));
     EXPECT_EQ(persist_retain_load(), 0);
     EXPECT_THAT(log.take(), IsEmpty());
     EXPECT_EQ(g_sub_mgr.retain_count, 0);
@@ -159,7 +159,7 @@ TEST_F(retain_file, brings_the_store_back)
     ASSERT_EQ(g_sub_mgr.retain_count, 0);
     LogCapture log(1);
     EXPECT_EQ(persist_retain_load(), 0);
-    EXPECT_THAT(log.take(), ElementsAre(info("[persist] retain loaded: 2 entries")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::retained_loaded(2)));
     retain_msg_t message;
     ASSERT_EQ(retain_msg_get("a/b", &message), 0);
     EXPECT_EQ(message.expiry_interval, 77u);
@@ -171,7 +171,7 @@ TEST_F(retain_file, that_is_missing_short_or_lying_is_ignored)
 {
     LogCapture log(1);
     EXPECT_EQ(persist_retain_load(), -4);
-    EXPECT_THAT(log.take(), ElementsAre(warn("[persist] no retain file")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::no_retained_file()));
     for (const uint32_t count : {3u, 1001u, 0xFFFFFFFFu}) {
         write_text("data/retain.dat", counted(count, 2 * 2336, 'r'));
         EXPECT_EQ(persist_retain_load(), 0);
@@ -197,7 +197,7 @@ TEST_F(retain_file, that_cannot_be_opened_is_told)
     std::filesystem::remove_all("data");
     LogCapture log(1);
     EXPECT_EQ(persist_retain_save(), -2);
-    EXPECT_THAT(log.take(), ElementsAre(error("[persist] retain save failed")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::retained_not_saved()));
     EXPECT_EQ(g_mqtt_stats.persist_write, 0u);
 }
 
@@ -286,7 +286,7 @@ TEST_F(storage, a_temporary_name_may_have_511_characters)
         EXPECT_EQ(path.size() + 4, fits ? 511u : 512u);
         EXPECT_EQ(std::filesystem::exists(path), fits);
         if (!fits) {
-            EXPECT_THAT(log.take(), ElementsAre(error("[persist] 写入临时文件失败(重试3次): " + path + ".tmp")));
+            EXPECT_THAT(log.take(), ElementsAre(logged::temporary_not_written(path + ".tmp")));
             write_text(path, R"({"session_expiry_interval":9})");
         }
         EXPECT_EQ(load(id.c_str()).session_expiry_interval, 0u) << "what was written, or nothing";
@@ -307,7 +307,7 @@ TEST_F(storage, a_name_passed_in_may_have_507_characters)
     EXPECT_EQ(read_text(fits), "x");
     EXPECT_THAT(log.take(), IsEmpty());
     persist_safe_write((fits + "f").c_str(), "x");
-    EXPECT_THAT(log.take(), ElementsAre(error("[persist] 写入临时文件失败(重试3次): " + fits + "f.tmp")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::temporary_not_written(fits + "f.tmp")));
     EXPECT_FALSE(std::filesystem::exists(fits + "f"));
 }
 

@@ -1,4 +1,5 @@
 #include "qos_fixture.h"
+#include "support/log_lines/qos.h"
 
 using namespace tarn::test;
 using testing::ElementsAre;
@@ -8,19 +9,6 @@ namespace {
 
 enum { PUBACK = 4, PUBREC, PUBREL, PUBCOMP };
 
-// The encoder of the replies traces at INFO; only lines of this module are compared.
-std::vector<LogLine> own(LogCapture &log)
-{
-    std::vector<LogLine> lines = log.take();
-    std::erase_if(lines, [](const LogLine &line) { return line.text.rfind("[QoS", 0) != 0; });
-    return lines;
-}
-
-int rank_of(const LogLine &line)
-{
-    return line.level == "DEBUG" ? 0 : line.level == "INFO" ? 1 : line.level == "WARN" ? 2 : 3;
-}
-
 } // namespace
 
 TEST(ack, needs_a_client_and_an_identifier)
@@ -29,8 +17,7 @@ TEST(ack, needs_a_client_and_an_identifier)
     LogCapture log;
     EXPECT_EQ(qos_reliable_handle_ack(nullptr, 1, PUBACK), -1);
     EXPECT_EQ(qos_reliable_handle_ack(client, 0, PUBACK), -1);
-    EXPECT_THAT(log.take(),
-                ElementsAre(error("[QoS] 处理ACK参数错误：客户端为空"), error("[QoS] 处理ACK参数错误：客户端为空")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::ack_without_client(), logged::ack_without_client()));
 }
 
 TEST(ack, of_an_unknown_identifier_is_told_at_debug)
@@ -48,10 +35,8 @@ TEST(ack, puback_completes_qos_1)
     add(client, 3);
     LogCapture log;
     EXPECT_EQ(qos_reliable_handle_ack(client, 3, PUBACK), 0);
-    EXPECT_THAT(log.take(), ElementsAre(debug("[QoS追踪] ACK: PUBACK | msg_id=3 | QoS=1 | state=0"),
-                                        debug("[QoS_REMOVE] msg_id=3, client=dev1"),
-                                        debug("[QoS] 移除已确认报文(msg_id=3, client=dev1)，完全删除"),
-                                        info("[QoS] QoS1 PUBACK 完成: msg_id=3")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::ack_traced("PUBACK", 3, 1, 0), logged::delivery_removed(3, "dev1"),
+                                        logged::delivery_confirmed(3, "dev1"), logged::qos1_completed("PUBACK", 3)));
     EXPECT_EQ(g_pending_queue, nullptr);
 }
 
@@ -63,7 +48,7 @@ TEST(ack, puback_completes_qos_2_in_any_state_with_a_warning)
         g_pending_queue->qos2_state = state;
         LogCapture log(2);
         EXPECT_EQ(qos_reliable_handle_ack(client, 3, PUBACK), 0);
-        EXPECT_THAT(log.take(), ElementsAre(warn("[QoS] QoS2 报文收到PUBACK(客户端降级)，强制完成: msg_id=3")));
+        EXPECT_THAT(log.take(), ElementsAre(logged::qos2_completed_by_puback(3)));
         EXPECT_EQ(g_pending_queue, nullptr);
     }
 }
@@ -75,7 +60,7 @@ TEST(ack, puback_does_not_match_another_qos)
     g_pending_queue->qos = 0;
     LogCapture log(1);
     EXPECT_EQ(qos_reliable_handle_ack(client, 3, PUBACK), -1);
-    EXPECT_THAT(log.take(), ElementsAre(error("[QoS] PUBACK 不匹配: msg_id=3 QoS=0")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::ack_mismatch("PUBACK", 3, 0)));
     EXPECT_EQ(pending_count(), 1);
 }
 
@@ -87,20 +72,20 @@ TEST(ack, qos_2_goes_from_pubrec_to_pubcomp)
     EXPECT_EQ(qos_reliable_handle_ack(client, 0x0102, PUBREC), 0);
     EXPECT_EQ(g_pending_queue->qos2_state, 2u);
     EXPECT_THAT(client.take(), ElementsAre(wire("62 02 01 02")));
-    EXPECT_THAT(own(log), ElementsAre(info("[QoS] ✅ 收到PUBREC -> 发送PUBREL: msg_id=258")));
+    EXPECT_THAT(own(log), ElementsAre(logged::pubrec_answered(258)));
     EXPECT_EQ(qos_reliable_handle_ack(client, 0x0102, PUBREC), 0) << "a second PUBREC changes nothing";
     EXPECT_THAT(client.take(), IsEmpty());
 
     EXPECT_EQ(qos_reliable_handle_ack(client, 0x0102, PUBREL), 0);
     EXPECT_EQ(g_pending_queue->qos2_state, 3u);
     EXPECT_THAT(client.take(), ElementsAre(wire("70 02 01 02")));
-    EXPECT_THAT(own(log), ElementsAre(info("[QoS] ✅ 收到PUBREL -> 发送PUBCOMP: msg_id=258")));
+    EXPECT_THAT(own(log), ElementsAre(logged::pubrel_answered(258)));
     EXPECT_EQ(qos_reliable_handle_ack(client, 0x0102, PUBREL), 0);
     EXPECT_EQ(qos_reliable_handle_ack(client, 0x0102, PUBREC), 0);
     EXPECT_THAT(client.take(), IsEmpty());
 
     EXPECT_EQ(qos_reliable_handle_ack(client, 0x0102, PUBCOMP), 0);
-    EXPECT_THAT(own(log), ElementsAre(info("[QoS] ✅ QoS2 完成: msg_id=258")));
+    EXPECT_THAT(own(log), ElementsAre(logged::qos2_completed(258)));
     EXPECT_EQ(g_pending_queue, nullptr);
 }
 
@@ -146,8 +131,7 @@ TEST(ack, of_another_type_is_refused)
     add(client, 3, 1);
     LogCapture log;
     EXPECT_EQ(qos_reliable_handle_ack(client, 3, 9), -1);
-    EXPECT_THAT(log.take(), ElementsAre(debug("[QoS追踪] ACK: 未知 | msg_id=3 | QoS=1 | state=0"),
-                                        error("[QoS] 不支持的ACK类型: msg_id=3")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::ack_traced("未知", 3, 1, 0), logged::ack_type_unsupported(3)));
 }
 
 TEST(ack, replies_that_cannot_be_encoded_are_told)
@@ -183,19 +167,19 @@ struct Outcome {
     void remove()
     {
         stays = false;
-        lines.push_back(debug("[QoS_REMOVE] msg_id=258, client=dev1"));
-        lines.push_back(debug("[QoS] 移除已确认报文(msg_id=258, client=dev1)，完全删除"));
+        lines.push_back(logged::delivery_removed(258, "dev1"));
+        lines.push_back(logged::delivery_confirmed(258, "dev1"));
     }
-    void fail(std::string line)
+    void fail(LogLine line)
     {
         result = -1;
-        lines.push_back(error(std::move(line)));
+        lines.push_back(std::move(line));
     }
-    void reply(uint32_t next, uint8_t first, unsigned level, std::string line)
+    void reply(uint32_t next, uint8_t first, unsigned level, LogLine line)
     {
         state = next;
         sent.push_back(packet(first, u16(258) + (level == 5 ? wire("00") : Bytes{})));
-        lines.push_back(info(std::move(line)));
+        lines.push_back(std::move(line));
     }
 };
 
@@ -203,36 +187,35 @@ Outcome outcome_of(uint8_t type, const Entry &entry, unsigned level)
 {
     const char *const names[] = {"PUBACK", "PUBREC", "PUBREL", "PUBCOMP"};
     const std::string name    = type >= PUBACK && type <= PUBCOMP ? names[type - PUBACK] : "未知";
-    const std::string qos = std::to_string(entry.qos), state = std::to_string(entry.state);
     Outcome           out{.state = entry.state, .sent = {}, .lines = {}};
-    out.lines = {debug("[QoS追踪] ACK: " + name + " | msg_id=258 | QoS=" + qos + " | state=" + state)};
+    out.lines = {logged::ack_traced(name, 258, entry.qos, static_cast<int>(entry.state))};
     switch (type) {
     case PUBACK:
         if (entry.qos != 1 && entry.qos != 2) {
-            out.fail("[QoS] PUBACK 不匹配: msg_id=258 QoS=" + qos);
+            out.fail(logged::ack_mismatch("PUBACK", 258, entry.qos));
             break;
         }
         out.remove();
-        out.lines.push_back(entry.qos == 1 ? info("[QoS] QoS1 PUBACK 完成: msg_id=258")
-                                           : warn("[QoS] QoS2 报文收到PUBACK(客户端降级)，强制完成: msg_id=258"));
+        out.lines.push_back(entry.qos == 1 ? logged::qos1_completed("PUBACK", 258)
+                                           : logged::qos2_completed_by_puback(258));
         break;
     case PUBREC:
         if (entry.qos == 2 && entry.state == 1)
-            out.reply(2, 0x62, level, "[QoS] ✅ 收到PUBREC -> 发送PUBREL: msg_id=258");
+            out.reply(2, 0x62, level, logged::pubrec_answered(258));
         break;
     case PUBREL:
         if (entry.qos == 2 && entry.state == 2)
-            out.reply(3, 0x70, level, "[QoS] ✅ 收到PUBREL -> 发送PUBCOMP: msg_id=258");
+            out.reply(3, 0x70, level, logged::pubrel_answered(258));
         break;
     case PUBCOMP:
         if (entry.qos != 2)
             break;
         out.remove();
         if (entry.state == 3)
-            out.lines.push_back(info("[QoS] ✅ QoS2 完成: msg_id=258"));
+            out.lines.push_back(logged::qos2_completed(258));
         break;
     default:
-        out.fail("[QoS] 不支持的ACK类型: msg_id=258");
+        out.fail(logged::ack_type_unsupported(258));
     }
     return out;
 }
@@ -281,6 +264,6 @@ TEST(expiry, is_set_for_a_known_identifier_only)
     qos_reliable_set_packet_expiry(client, 4, 5);
     EXPECT_THAT(log.take(), IsEmpty());
     qos_reliable_set_packet_expiry(client, 3, 5);
-    EXPECT_THAT(log.take(), ElementsAre(info("[QoS/Expiry] 设置消息过期: msg_id=3, 过期时间=5 秒")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::delivery_expiry_set(3, 5)));
     EXPECT_EQ(g_pending_queue->expiry_s, 5u);
 }

@@ -1,4 +1,5 @@
 #include "qos_fixture.h"
+#include "support/log_lines/qos.h"
 
 using namespace tarn::test;
 using testing::ElementsAre;
@@ -12,8 +13,8 @@ TEST(add, fills_an_entry_and_puts_it_first)
     ASSERT_EQ(add(client, 7, 1, "a/b", "hello"), 0);
     clock.advance_ms(5);
     ASSERT_EQ(add(client, 8, 2), 0);
-    EXPECT_THAT(log.take(), ElementsAre(debug("[QoS] 添加QoS1报文到队列成功(msg_id=7, client=dev1, 载荷长度=5)"),
-                                        debug("[QoS] 添加QoS2报文到队列成功(msg_id=8, client=dev1, 载荷长度=1)")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(logged::delivery_added(1, 7, "dev1", 5), logged::delivery_added(2, 8, "dev1", 1)));
 
     const qos_packet_t *newest = g_pending_queue;
     EXPECT_EQ(newest->msg_id, 8);
@@ -47,13 +48,11 @@ TEST(add, refuses_in_this_order)
     EXPECT_EQ(qos_reliable_add_packet(client, 1, 9, "t", big.data(), 2049), -1);
     EXPECT_EQ(qos_reliable_add_packet(client, 1, 0, "t", "x", 1), -1);
     EXPECT_EQ(qos_reliable_add_packet(client, 1, 3, "t", "x", 1), -1);
-    EXPECT_THAT(log.take(),
-                ElementsAre(error("[QoS] 添加报文参数错误：客户端为空"), error("[QoS] 添加报文参数错误：主题为空"),
-                            error("[QoS] 添加报文参数错误：主题为空"), error("[QoS] 添加报文参数错误：payload为空"),
-                            error("[QoS] 添加报文参数错误：payload为空"),
-                            error("[QoS] 添加报文参数错误：payload长度超限（最大2048字节，当前2049字节）"),
-                            error("[QoS] 添加报文参数错误：QoS非法（仅支持1/2，当前0）"),
-                            error("[QoS] 添加报文参数错误：QoS非法（仅支持1/2，当前3）")));
+    EXPECT_THAT(log.take(), ElementsAre(error("[QoS] 添加报文参数错误：客户端为空"), logged::delivery_without_topic(),
+                                        logged::delivery_without_topic(), logged::delivery_without_payload(),
+                                        logged::delivery_without_payload(),
+                                        error("[QoS] 添加报文参数错误：payload长度超限（最大2048字节，当前2049字节）"),
+                                        logged::delivery_of_bad_qos(0), logged::delivery_of_bad_qos(3)));
     EXPECT_EQ(qos_reliable_add_packet(client, 1, 1, "t", big.data(), 2048), 0);
     EXPECT_EQ(pending_count(), 1);
 }
@@ -73,7 +72,7 @@ TEST(add, takes_1000_entries_of_one_client)
     for (int i = 1; i <= 1000; ++i)
         ASSERT_EQ(add(client, static_cast<uint16_t>(i)), 0);
     EXPECT_EQ(add(client, 1001), -1);
-    EXPECT_THAT(log.take(), ElementsAre(error("[QoS] 客户端未完成队列已满(client=dev1)，最大支持1000条，当前1000条")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::deliveries_full("dev1")));
     EXPECT_EQ(add(other, 1), 0);
     qos_reliable_handle_ack(client, 500, 4);
     EXPECT_EQ(add(client, 1001), 0);
@@ -125,15 +124,13 @@ TEST(clean, drops_the_entries_of_one_client)
     }
     LogCapture log;
     qos_reliable_clean_client_packets(client);
-    EXPECT_THAT(log.take(), ElementsAre(warn("[QoS_CLEAN] 清理客户端: dev1"),
-                                        info("[QoS] 清理客户端报文完成(client=dev1)：共清理3条")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::deliveries_dropped_of("dev1"), logged::deliveries_dropped("dev1", 3)));
     EXPECT_EQ(pending_count(), 3);
     qos_reliable_clean_client_packets(client);
     qos_reliable_clean_client_packets(nullptr);
     EXPECT_THAT(log.take(),
-                ElementsAre(warn("[QoS_CLEAN] 清理客户端: dev1"),
-                            info("[QoS] 清理客户端报文完成(client=dev1)：共清理0条"),
-                            warn("[QoS_CLEAN] 清理客户端: null"), warn("[QoS] 清理客户端报文失败：客户端为空")));
+                ElementsAre(logged::deliveries_dropped_of("dev1"), logged::deliveries_dropped("dev1", 0),
+                            logged::deliveries_dropped_of("null"), warn("[QoS] 清理客户端报文失败：客户端为空")));
 }
 
 TEST(list, edited_by_hand_is_taken_literally)

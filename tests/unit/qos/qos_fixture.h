@@ -2,7 +2,7 @@
 #ifndef TARN_TESTS_QOS_FIXTURE_H
 #define TARN_TESTS_QOS_FIXTURE_H
 
-#include "client/client_ref.h"
+#include "client/client.hpp"
 #include "net/netip.h"
 #include "qos/qos_reliable.h"
 #include "support/faults.h"
@@ -47,6 +47,14 @@ inline int pending_count()
     for (const qos_packet_t *entry = g_pending_queue; entry; entry = entry->next)
         ++count;
     return count;
+}
+
+// The lines of this module alone: the encoder of the replies traces at INFO.
+inline std::vector<LogLine> own(LogCapture &log)
+{
+    std::vector<LogLine> lines = log.take();
+    std::erase_if(lines, [](const LogLine &line) { return !line.text.starts_with("[QoS"); });
+    return lines;
 }
 
 inline int add(mqtt_client_t *client, uint16_t id, uint8_t qos = 1, const char *topic = "t", const char *payload = "x")

@@ -1,6 +1,7 @@
 #include "base/relaxed.h"
 #include "qos/qos_internal.h"
 #include "qos_fixture.h"
+#include "support/log_lines/qos.h"
 
 #include <algorithm>
 #include <chrono>
@@ -10,17 +11,6 @@
 using namespace tarn::test;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-namespace {
-
-std::vector<LogLine> own(LogCapture &log)
-{
-    std::vector<LogLine> lines = log.take();
-    std::erase_if(lines, [](const LogLine &line) { return line.text.rfind("[QoS", 0) != 0; });
-    return lines;
-}
-
-} // namespace
 
 TEST(scan, the_first_retransmission_carries_dup_0_and_later_ones_dup_1)
 {
@@ -47,17 +37,14 @@ TEST(scan, the_first_retransmission_carries_dup_0_and_later_ones_dup_1)
                 const auto first = static_cast<uint8_t>(0x30 | qos << 1 | (step.dup ? 8 : 0));
                 EXPECT_THAT(client.take(), ElementsAre(packet(first, wire("00 01 't' 00 07") +
                                                                          (level == 5 ? wire("00 'x'") : text("x")))));
-                EXPECT_THAT(own(log),
-                            ElementsAre(info("[QoS] 重发QoS" + std::to_string(qos) +
-                                             "报文成功(msg_id=7)，重试次数=" + std::to_string(step.count) +
-                                             "，下次间隔=" + std::to_string(step.next_ms) + "ms，载荷长度=1")));
+                EXPECT_THAT(own(log), ElementsAre(logged::delivery_repeated(qos, 7, step.count, step.next_ms, 1)));
             }
             clock.advance_ms(30000);
             qos_reliable_scan_queue();
             EXPECT_EQ(pending_count(), 1);
             clock.advance_ms(1);
             qos_reliable_scan_queue();
-            EXPECT_THAT(own(log), ElementsAre(error("[QoS] 报文重试次数超限(msg_id=7)，丢弃")));
+            EXPECT_THAT(own(log), ElementsAre(logged::delivery_given_up(7)));
             EXPECT_EQ(g_pending_queue, nullptr);
             EXPECT_THAT(client.take(), IsEmpty());
         }
@@ -105,10 +92,9 @@ TEST(scan, traces_what_it_sent_and_dropped)
     clock.advance_ms(1001);
     LogCapture log;
     qos_reliable_scan_queue();
-    EXPECT_THAT(own(log),
-                ElementsAre(error("[QoS] 报文重试次数超限(msg_id=2)，丢弃"), debug("[QoS_SEND] msg_id=1, client=dev1"),
-                            info("[QoS] 重发QoS1报文成功(msg_id=1)，重试次数=1，下次间隔=2000ms，载荷长度=1"),
-                            debug("[QoS] 队列扫描完成：重发1条，丢弃1条")));
+    EXPECT_THAT(own(log), ElementsAre(logged::delivery_given_up(2), logged::delivery_repeats(1, "dev1"),
+                                      logged::delivery_repeated(1, 1, 1, 2000, 1),
+                                      debug("[QoS] 队列扫描完成：重发1条，丢弃1条")));
     qos_reliable_scan_queue();
     EXPECT_THAT(own(log), IsEmpty());
 }
@@ -126,7 +112,7 @@ TEST(scan, drops_an_expired_entry_in_any_state)
     clock.advance_ms(1);
     LogCapture log(1);
     qos_reliable_scan_queue();
-    EXPECT_THAT(log.take(), ElementsAre(warn("[QoS/Expiry] 消息已过期，自动丢弃: msg_id=9, topic=a/b")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::delivery_expired(9, "a/b")));
     EXPECT_EQ(g_pending_queue, nullptr);
 }
 
@@ -185,8 +171,7 @@ TEST(scan, tries_an_entry_again_that_could_not_be_sent)
     LogCapture log(1);
     qos_reliable_scan_queue();
     qos_reliable_scan_queue();
-    EXPECT_THAT(own(log), ElementsAre(error("[QoS] 重发报文失败(msg_id=9)：发送错误（返回码：-1）"),
-                                      error("[QoS] 重发报文失败(msg_id=9)：发送错误（返回码：-1）")));
+    EXPECT_THAT(own(log), ElementsAre(logged::repeat_not_sent(9, -1), logged::repeat_not_sent(9, -1)));
     EXPECT_EQ(g_pending_queue->retry_count, 0u);
     client->state = CLIENT_LOGINED;
     qos_reliable_scan_queue();
@@ -224,15 +209,12 @@ TEST(scan, refuses_edited_entries_with_their_lines)
     client->codec.version   = 9;
     qos_reliable_scan_queue();
     client->codec.version = 4;
-    EXPECT_THAT(own(log),
-                ElementsAre(error("[QoS] 重发报文参数错误：pkt/客户端为空"),
-                            error("[QoS] 重发报文参数错误：payload为空/长度超限（最大支持2048字节，当前0字节）"),
-                            error("[QoS] 重发报文参数错误：payload为空/长度超限（最大支持2048字节，当前2049字节）"),
-                            error("[QoS] 重发报文参数错误：payload为空/长度超限（最大支持2048字节，当前1字节）"),
-                            error("[QoS] 重发报文失败：客户端编解码上下文未初始化(client=dev1)"),
-                            error("[QoS] 重发报文失败：分配发送缓冲区失败（需要267字节）"),
-                            error("[QoS] 重发报文失败(msg_id=0)：编码错误（错误码：-1，描述：参数非法）"),
-                            error("[QoS] 重发报文失败(msg_id=9)：编码错误（错误码：-2，描述：协议版本不支持）")));
+    EXPECT_THAT(own(log), ElementsAre(logged::repeat_without_packet(), logged::repeat_of_bad_payload(0),
+                                      logged::repeat_of_bad_payload(2049), logged::repeat_of_bad_payload(1),
+                                      error("[QoS] 重发报文失败：客户端编解码上下文未初始化(client=dev1)"),
+                                      error("[QoS] 重发报文失败：分配发送缓冲区失败（需要267字节）"),
+                                      logged::repeat_not_encoded(0, -1, "参数非法"),
+                                      logged::repeat_not_encoded(9, -2, "协议版本不支持")));
     EXPECT_EQ(g_pending_queue->retry_count, 0u);
 }
 
@@ -245,8 +227,7 @@ TEST(scan, traces_an_entry_without_a_client)
     clock.advance_ms(1001);
     LogCapture log;
     qos_reliable_scan_queue();
-    EXPECT_THAT(own(log), ElementsAre(debug("[QoS_SEND] msg_id=9, client=null"),
-                                      error("[QoS] 重发报文参数错误：pkt/客户端为空")));
+    EXPECT_THAT(own(log), ElementsAre(logged::delivery_repeats(9, "null"), logged::repeat_without_packet()));
     g_pending_queue->client = client;
 }
 
@@ -262,10 +243,8 @@ TEST(scan, an_entry_too_large_for_the_encoder_is_tried_again_and_again)
     LogCapture log(1);
     qos_reliable_scan_queue();
     EXPECT_THAT(client.take(), ElementsAre(packet(0x32, prefixed(std::string(60, 't')) + u16(1) + text(payload))));
-    const LogLine failed = error("[QoS] 重发报文失败(msg_id=2)：编码错误（错误码：-3，描述：缓冲区不足）");
-    EXPECT_THAT(
-        own(log),
-        ElementsAre(failed, info("[QoS] 重发QoS1报文成功(msg_id=1)，重试次数=1，下次间隔=2000ms，载荷长度=2048")));
+    const LogLine failed = logged::repeat_not_encoded(2, -3, "缓冲区不足");
+    EXPECT_THAT(own(log), ElementsAre(failed, logged::delivery_repeated(1, 1, 1, 2000, 2048)));
     clock.advance_ms(100);
     qos_reliable_scan_queue();
     EXPECT_THAT(own(log), ElementsAre(failed));
@@ -340,9 +319,8 @@ TEST(threads, two_run_over_one_queue_and_both_end)
     EXPECT_EQ(g_scan_running, 0);
     EXPECT_EQ(g_pending_queue, nullptr);
     qos_reliable_destroy();
-    EXPECT_THAT(own(log), ElementsAre(info("[QoS] 可靠投递模块初始化成功"), info("[QoS] 可靠投递模块初始化成功"),
-                                      info("[QoS] 可靠投递模块已销毁，共清理1条未完成报文"),
-                                      info("[QoS] 可靠投递模块已销毁，共清理0条未完成报文")));
+    EXPECT_THAT(own(log), ElementsAre(logged::deliveries_ready(), logged::deliveries_ready(),
+                                      logged::deliveries_down(1), logged::deliveries_down(0)));
 }
 
 // The log drops a line that meets another one, and two threads speak here: one life of many shows them all.
@@ -366,7 +344,7 @@ TEST(threads, tell_their_start_and_end_at_debug)
             end = lines;
     }
     EXPECT_THAT(end, ElementsAre(debug("[QoS] 开始销毁可靠投递模块"), debug("[QoS] 队列扫描线程退出"),
-                                 info("[QoS] 可靠投递模块已销毁，共清理0条未完成报文")));
+                                 logged::deliveries_down(0)));
 }
 
 TEST(threads, a_thread_that_cannot_be_made_ends_the_module)

@@ -6,6 +6,7 @@
 #include "sub/sub.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
+#include "support/log_lines/stats.h"
 
 #include <atomic>
 #include <clocale>
@@ -83,7 +84,7 @@ struct stats : testing::Test {
 TEST_F(stats, init_zeroes_everything_and_takes_the_time)
 {
     agent_log_set_level(AGENT_LOG_INFO);
-    memset(&g_mqtt_stats, 0xEE, sizeof g_mqtt_stats);
+    memset(static_cast<void *>(&g_mqtt_stats), 0xEE, sizeof g_mqtt_stats);
     mqtt_stats_init();
     EXPECT_THAT(log.take(), ElementsAre(info("[MQTT-Stats] 维测统计模块初始化完成")));
     mqtt_stats_t expected{};
@@ -111,7 +112,7 @@ TEST_F(stats, each_increment_has_its_two_fields)
     mqtt_stats_t &s = g_mqtt_stats;
     const struct {
         void (*increment)();
-        const uint64_t *total, *period;
+        const tarn::Shared<uint64_t> *total, *period;
     } wide[] = {
         {mqtt_stats_inc_rx_pkt, &s.pkt_rx, &s.period_rx},
         {mqtt_stats_inc_tx_pkt, &s.pkt_tx, &s.period_tx},
@@ -126,26 +127,27 @@ TEST_F(stats, each_increment_has_its_two_fields)
     };
     for (const auto &row : wide) {
         mqtt_stats_t expected{};
-        memcpy(&expected, &s, sizeof s);
-        const auto at = [&](const uint64_t *field) -> uint64_t & {
-            return reinterpret_cast<uint64_t *>(&expected)[field - reinterpret_cast<const uint64_t *>(&s)];
+        memcpy(static_cast<void *>(&expected), &s, sizeof s);
+        const auto at = [&](const tarn::Shared<uint64_t> *field) -> tarn::Shared<uint64_t> & {
+            using Words = tarn::Shared<uint64_t>;
+            return reinterpret_cast<Words *>(&expected)[field - reinterpret_cast<const Words *>(&s)];
         };
-        ++at(row.total);
+        tarn::bump(at(row.total));
         if (row.period)
-            ++at(row.period);
+            tarn::bump(at(row.period));
         row.increment();
         EXPECT_EQ(memcmp(&s, &expected, sizeof s), 0) << (&row - wide);
     }
 
     mqtt_stats_t expected = s;
     mqtt_stats_inc_timeout();
-    ++expected.timeout, ++expected.period_timeout;
+    tarn::bump(expected.timeout), tarn::bump(expected.period_timeout);
     EXPECT_EQ(memcmp(&s, &expected, sizeof s), 0);
     mqtt_stats_inc_will_sent();
-    ++expected.will_sent, ++expected.period_will;
+    tarn::bump(expected.will_sent), tarn::bump(expected.period_will);
     EXPECT_EQ(memcmp(&s, &expected, sizeof s), 0);
     mqtt_stats_inc_parse_error();
-    ++expected.parse_error;
+    tarn::bump(expected.parse_error);
     EXPECT_EQ(memcmp(&s, &expected, sizeof s), 0);
 }
 
@@ -199,7 +201,7 @@ TEST_F(stats, reset_clears_the_period_only)
     mqtt_stats_init();
     fill();
     mqtt_stats_t expected = g_mqtt_stats;
-    memset(&expected.period_rx, 0, sizeof expected - offsetof(mqtt_stats_t, period_rx));
+    memset(static_cast<void *>(&expected.period_rx), 0, sizeof expected - offsetof(mqtt_stats_t, period_rx));
     mqtt_stats_reset_period();
     EXPECT_EQ(memcmp(&g_mqtt_stats, &expected, offsetof(mqtt_stats_t, period_timeout)), 0);
     EXPECT_EQ(memcmp(&g_mqtt_stats.period_timeout, &expected.period_timeout, 8), 0);
@@ -220,10 +222,8 @@ TEST_F(stats, report_has_thirteen_lines_at_warn)
                 ElementsAre(warn("!!!>>>===================== MQTT Broker 维测统计 ====================="),
                             warn("运行时长: 61234 ms"),          //
                             warn("在线客户端: 0 / 历史最高: 9"), //
-                            warn("内存池使用率: 100/300 (33.3%)"),
-                            warn("[周期60s] 收包:31 | 发包:32 | 超时:38 | 遗嘱:39 | 持久写:40 | 持久读:41"),
-                            warn("[周期丢包] 离线:33 | 队列满:34 | 超长:35 | 非法参数:36 | 发送失败:37"),
-                            warn("收包总数: 11 | 发包总数: 12"), //
+                            logged::report_pool(100, 300, 33, 3), logged::report_period(31, 32, 38, 39, 40, 41),
+                            logged::report_period_drops(33, 34, 35, 36, 37), logged::report_packets(11, 12), //
                             warn("[总丢包] 离线:13 | 队列满:14 | 超长:15 | 非法参数:16 | 发送失败:17"),
                             warn("QoS0: 18 | QoS1: 19 | QoS2: 20"), //
                             warn("离线消息: 21 | Retain消息: 8"),
@@ -234,9 +234,9 @@ TEST_F(stats, report_has_thirteen_lines_at_warn)
     mqtt_stats_print();
     const std::vector<LogLine> lines = log.take();
     ASSERT_EQ(lines.size(), 13u);
-    EXPECT_EQ(lines[4].text, "[周期60s] 收包:0 | 发包:0 | 超时:0 | 遗嘱:0 | 持久写:0 | 持久读:0");
-    EXPECT_EQ(lines[5].text, "[周期丢包] 离线:0 | 队列满:0 | 超长:0 | 非法参数:0 | 发送失败:0");
-    EXPECT_EQ(lines[6].text, "收包总数: 11 | 发包总数: 12");
+    EXPECT_EQ(lines[4], logged::report_period(0, 0, 0, 0, 0, 0));
+    EXPECT_EQ(lines[5], logged::report_period_drops(0, 0, 0, 0, 0));
+    EXPECT_EQ(lines[6], logged::report_packets(11, 12));
 }
 
 TEST_F(stats, report_shows_64_bits)
@@ -245,8 +245,8 @@ TEST_F(stats, report_shows_64_bits)
     g_mqtt_stats.pkt_rx = UINT64_MAX;
     log.take();
     mqtt_stats_print();
-    EXPECT_TRUE(log.has(warn("收包总数: 18446744073709551615 | 发包总数: 0")));
-    EXPECT_TRUE(log.has(warn("内存池使用率: 0/0 (0.0%)")));
+    EXPECT_TRUE(log.has(logged::report_packets(18446744073709551615ull, 0)));
+    EXPECT_TRUE(log.has(logged::report_pool(0, 0, 0, 0)));
 }
 
 TEST_F(stats, json_names_totals_and_snapshot)
@@ -265,7 +265,7 @@ TEST_F(stats, json_names_totals_and_snapshot)
 
 TEST_F(stats, json_with_the_largest_numbers_fits_1024_bytes)
 {
-    memset(&g_mqtt_stats, 0xFF, sizeof g_mqtt_stats);
+    memset(static_cast<void *>(&g_mqtt_stats), 0xFF, sizeof g_mqtt_stats);
     fill_sources();
     char text[1024];
     EXPECT_EQ(mqtt_stats_to_json(text, sizeof text), 0);
@@ -281,7 +281,7 @@ TEST_F(stats, numbers_look_the_same_in_every_locale)
     EXPECT_EQ(mqtt_stats_to_json(text, sizeof text), 0);
     EXPECT_THAT(text, HasSubstr("\"pool_usage\":33.3,\"pkt_rx\":0,"));
     mqtt_stats_print();
-    EXPECT_TRUE(log.has(warn("内存池使用率: 100/300 (33.3%)")));
+    EXPECT_TRUE(log.has(logged::report_pool(100, 300, 33, 3)));
 }
 
 TEST_F(stats, usage_is_rounded_as_printf_rounds)

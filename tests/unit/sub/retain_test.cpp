@@ -6,6 +6,8 @@
 #include "sub/sub.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
+#include "support/log_lines/persist.h"
+#include "support/log_lines/sub.h"
 #include "support/wire.h"
 
 #include <gmock/gmock.h>
@@ -118,7 +120,7 @@ TEST_F(retain_set, appends)
 {
     lines();
     EXPECT_EQ(set("a/b", "one", 2), 0);
-    EXPECT_THAT(lines(), ElementsAre(info("MQTT标准：新增Topic=a/b的保留消息")));
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_added("a/b")));
     set("c", "two");
     EXPECT_THAT(entries(), ElementsAre("a/b one 2 0 0", "c two 0 0 0"));
 }
@@ -130,7 +132,7 @@ TEST_F(retain_set, replacing_keeps_place_and_expiry)
     clock.advance_ms(5000);
     lines();
     EXPECT_EQ(set("a/b", "2nd", 1), 0);
-    EXPECT_THAT(lines(), ElementsAre(info("MQTT标准：更新Topic=a/b的保留消息")));
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_replaced("a/b")));
     EXPECT_THAT(entries(), ElementsAre("a/b 2nd 1 0 100", "c x 0 5 0"));
 }
 
@@ -141,7 +143,7 @@ TEST_F(retain_set, deletes_by_an_empty_payload)
     set("c", "3");
     lines();
     EXPECT_EQ(retain_msg_set("a", nullptr, 0, 0), 0);
-    EXPECT_THAT(lines(), ElementsAre(info("MQTT标准：删除Topic=a的保留消息（空Payload）")));
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_removed("a")));
     EXPECT_THAT(entries(), ElementsAre("b 2 0 0 0", "c 3 0 0 0"));
     EXPECT_EQ(retain_msg_set("unknown", nullptr, 0, 0), 0);
     EXPECT_THAT(lines(), IsEmpty());
@@ -152,8 +154,7 @@ TEST_F(retain_set, refuses_a_missing_topic)
     lines();
     EXPECT_EQ(retain_msg_set(nullptr, nullptr, 0, 0), -1);
     EXPECT_EQ(retain_msg_set("", nullptr, 0, 0), -1);
-    EXPECT_THAT(lines(), ElementsAre(error("[DEBUG] retain_msg_set：无效Topic（空指针/空字符串）"),
-                                     error("[DEBUG] retain_msg_set：无效Topic（空指针/空字符串）")));
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_set_no_topic(), logged::retained_set_no_topic()));
 }
 
 TEST_F(retain_set, refuses_a_length_without_payload)
@@ -200,7 +201,7 @@ TEST_F(retain_set, refuses_the_1001st_but_replaces_on)
         ASSERT_EQ(set("t" + std::to_string(i), "x"), 0);
     lines();
     EXPECT_EQ(set("new", "x"), -4);
-    EXPECT_THAT(lines(), ElementsAre(error("保留消息数量超限（max=1000）")));
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_full()));
     EXPECT_EQ(set("t999", "y"), 0);
     EXPECT_EQ(set_for("new", "x", 5), -4);
 }
@@ -212,8 +213,7 @@ TEST_F(retain_set, makes_room_by_discarding_what_has_expired)
     clock.advance_ms(11000);
     lines();
     EXPECT_EQ(set("new", "x"), 0);
-    EXPECT_THAT(lines(),
-                ElementsAre(info("保留消息已过期，自动清理: topic=t500"), info("MQTT标准：新增Topic=new的保留消息")));
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_expired("t500"), logged::retained_added("new")));
     EXPECT_STREQ(g_sub_mgr.retains[999].topic, "new");
 }
 
@@ -221,17 +221,13 @@ TEST_F(retain_set, at_debug_tells_its_steps)
 {
     at_debug();
     set("a", "one", 1);
-    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_set：开始处理（topic=a, payload_len=3, qos=1）"),
-                                     debug("[TRACE] retain_msg_set：已加锁，当前保留消息数量=0"),
-                                     info("MQTT标准：新增Topic=a的保留消息")));
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_set_started("a", 3, 1), logged::retained_set_locked(0),
+                                     logged::retained_added("a")));
     retain_msg_set("a", nullptr, 0, 0);
-    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_set：开始处理（topic=a, payload_len=0, qos=0）"),
-                                     debug("[TRACE] retain_msg_set：已加锁，当前保留消息数量=1"),
-                                     debug("[DEBUG] retain_msg_set：空Payload，删除旧保留消息（topic=a）"),
-                                     info("MQTT标准：删除Topic=a的保留消息（空Payload）")));
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_set_started("a", 0, 0), logged::retained_set_locked(1),
+                                     logged::retained_set_empty("a"), logged::retained_removed("a")));
     retain_msg_set(nullptr, nullptr, 0, 0);
-    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_set：开始处理（topic=(null), payload_len=0, qos=0）"),
-                                     error("[DEBUG] retain_msg_set：无效Topic（空指针/空字符串）")));
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_set_started("(null)", 0, 0), logged::retained_set_no_topic()));
 }
 
 TEST_F(retain_set_with_expiry, stores_the_interval)
@@ -256,7 +252,7 @@ TEST_F(retain_expiry, ends_a_life_after_more_than_its_interval)
     clock.advance_ms(1000);
     lines();
     retain_clean_expired();
-    EXPECT_THAT(lines(), ElementsAre(info("保留消息已过期，自动清理: topic=a")));
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_expired("a")));
     EXPECT_EQ(g_sub_mgr.retain_count, 0);
 }
 
@@ -282,9 +278,8 @@ TEST_F(retain_expiry, discards_all_that_ended_in_order)
     clock.advance_ms(2000);
     lines();
     retain_clean_expired();
-    EXPECT_THAT(lines(),
-                ElementsAre(info("保留消息已过期，自动清理: topic=a"), info("保留消息已过期，自动清理: topic=b"),
-                            info("保留消息已过期，自动清理: topic=d")));
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_expired("a"), logged::retained_expired("b"),
+                                     logged::retained_expired("d")));
     EXPECT_THAT(entries(), ElementsAre("c 3 0 2 0"));
 }
 
@@ -335,23 +330,15 @@ TEST_F(retain_get, at_debug_tells_every_look)
     set("a", "1");
     set("b", "22");
     retain_msg_t found;
-    char         address[32];
-    snprintf(address, sizeof address, "%p", static_cast<void *>(&found));
     at_debug();
     EXPECT_EQ(retain_msg_get("b", &found), 0);
-    EXPECT_THAT(lines(),
-                ElementsAre(debug("[DEBUG] retain_msg_get：开始查询（topic=b, msg_ptr=" + std::string(address) + "）"),
-                            debug("[TRACE] retain_msg_get：已加锁，当前保留消息数量=2"),
-                            debug("[TRACE] retain_msg_get：检查保留消息（索引=0, topic=a）"),
-                            debug("[TRACE] retain_msg_get：检查保留消息（索引=1, topic=b）"),
-                            debug("[DEBUG] retain_msg_get：找到保留消息（topic=b, payload_len=2）")));
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_get_started("b", &found), logged::retained_get_locked(2),
+                                     logged::retained_get_looks_at(0, "a"), logged::retained_get_looks_at(1, "b"),
+                                     debug("[DEBUG] retain_msg_get：找到保留消息（topic=b, payload_len=2）")));
     EXPECT_EQ(retain_msg_get("x", &found), -5);
-    EXPECT_THAT(lines(),
-                ElementsAre(debug("[DEBUG] retain_msg_get：开始查询（topic=x, msg_ptr=" + std::string(address) + "）"),
-                            debug("[TRACE] retain_msg_get：已加锁，当前保留消息数量=2"),
-                            debug("[TRACE] retain_msg_get：检查保留消息（索引=0, topic=a）"),
-                            debug("[TRACE] retain_msg_get：检查保留消息（索引=1, topic=b）"),
-                            debug("[DEBUG] retain_msg_get：未找到保留消息（topic=x）")));
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_get_started("x", &found), logged::retained_get_locked(2),
+                                     logged::retained_get_looks_at(0, "a"), logged::retained_get_looks_at(1, "b"),
+                                     debug("[DEBUG] retain_msg_get：未找到保留消息（topic=x）")));
 }
 
 TEST_F(retain_delete, takes_out_the_entry_of_exactly_this_topic)
@@ -366,7 +353,7 @@ TEST_F(retain_delete, takes_out_the_entry_of_exactly_this_topic)
     EXPECT_THAT(lines(), IsEmpty());
     EXPECT_THAT(entries(), ElementsAre("a 1 0 0 0", "c 3 0 0 0"));
     EXPECT_EQ(retain_msg_delete(nullptr), -1);
-    EXPECT_THAT(lines(), ElementsAre(error("[DEBUG] retain_msg_delete：入参无效（topic=(nil)）")));
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_delete_invalid()));
 }
 
 TEST_F(retain_delete, at_debug_tells_every_look)
@@ -375,19 +362,15 @@ TEST_F(retain_delete, at_debug_tells_every_look)
     set("b", "2");
     at_debug();
     EXPECT_EQ(retain_msg_delete("b"), 0);
-    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_delete：开始删除（topic=b）"),
-                                     debug("[TRACE] retain_msg_delete：已加锁，当前保留消息数量=2"),
-                                     debug("[TRACE] retain_msg_delete：检查保留消息（索引=0, topic=a）"),
-                                     debug("[TRACE] retain_msg_delete：检查保留消息（索引=1, topic=b）"),
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_delete_started("b"), logged::retained_delete_locked(2),
+                                     logged::retained_delete_looks_at(0, "a"), logged::retained_delete_looks_at(1, "b"),
                                      debug("[DEBUG] retain_msg_delete：删除保留消息成功（topic=b, 剩余数量=1）")));
     EXPECT_EQ(retain_msg_delete("b"), -5);
-    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_delete：开始删除（topic=b）"),
-                                     debug("[TRACE] retain_msg_delete：已加锁，当前保留消息数量=1"),
-                                     debug("[TRACE] retain_msg_delete：检查保留消息（索引=0, topic=a）"),
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_delete_started("b"), logged::retained_delete_locked(1),
+                                     logged::retained_delete_looks_at(0, "a"),
                                      debug("[DEBUG] retain_msg_delete：未找到保留消息（topic=b）")));
     EXPECT_EQ(retain_msg_delete(nullptr), -1);
-    EXPECT_THAT(lines(), ElementsAre(debug("[DEBUG] retain_msg_delete：开始删除（topic=(null)）"),
-                                     error("[DEBUG] retain_msg_delete：入参无效（topic=(nil)）")));
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_delete_started("(null)"), logged::retained_delete_invalid()));
 }
 
 TEST_F(retain_topic_list, lists_what_fits_and_skips_what_does_not)
@@ -479,24 +462,19 @@ TEST_F(retain_file, is_not_saved_for_a_message_that_is_refused)
 
 TEST_F(retain_file, is_saved_before_a_change_is_told_and_after_an_expiry_was)
 {
-    const LogLine one = debug("[persist] retain saved: 1 entries"), none = debug("[persist] retain saved: 0 entries");
+    const LogLine one = logged::retained_saved(1), none = logged::retained_saved(0);
     set_for("a", "1", 10);
     clock.advance_ms(11000);
     at_debug();
     set("b", "1");
-    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] retain_msg_set：开始处理（topic=b, payload_len=1, qos=0）"),
-                                        info("保留消息已过期，自动清理: topic=a"), none,
-                                        debug("[TRACE] retain_msg_set：已加锁，当前保留消息数量=0"), one,
-                                        info("MQTT标准：新增Topic=b的保留消息")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::retained_set_started("b", 1, 0), logged::retained_expired("a"), none,
+                                        logged::retained_set_locked(0), one, logged::retained_added("b")));
     set("b", "2");
-    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] retain_msg_set：开始处理（topic=b, payload_len=1, qos=0）"),
-                                        debug("[TRACE] retain_msg_set：已加锁，当前保留消息数量=1"), one,
-                                        info("MQTT标准：更新Topic=b的保留消息")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::retained_set_started("b", 1, 0), logged::retained_set_locked(1), one,
+                                        logged::retained_replaced("b")));
     set("b", "");
-    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] retain_msg_set：开始处理（topic=b, payload_len=0, qos=0）"),
-                                        debug("[TRACE] retain_msg_set：已加锁，当前保留消息数量=1"),
-                                        debug("[DEBUG] retain_msg_set：空Payload，删除旧保留消息（topic=b）"), none,
-                                        info("MQTT标准：删除Topic=b的保留消息（空Payload）")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::retained_set_started("b", 0, 0), logged::retained_set_locked(1),
+                                        logged::retained_set_empty("b"), none, logged::retained_removed("b")));
 }
 
 TEST_F(retain_file, that_cannot_be_written_changes_no_result)
@@ -507,5 +485,5 @@ TEST_F(retain_file, that_cannot_be_written_changes_no_result)
     EXPECT_EQ(retain_msg_delete("a"), 0);
     EXPECT_EQ(g_sub_mgr.retain_count, 1);
     EXPECT_EQ(saves(), 0);
-    EXPECT_EQ(log.count(error("[persist] retain save failed")), 4);
+    EXPECT_EQ(log.count(logged::retained_not_saved()), 4);
 }

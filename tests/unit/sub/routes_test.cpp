@@ -4,6 +4,7 @@
 #include "sub/sub.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
+#include "support/log_lines/sub.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -50,7 +51,7 @@ TEST_F(routes, tell_who_at_which_qos_and_in_which_group)
     sub_add(std::string(64, 'i').c_str(), "#", 1, 0);
     log.take();
     EXPECT_EQ(match_routes("a/b", list), 4);
-    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：Topic=a/b 匹配到 4 个订阅者")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::topic_matched("a/b", 4)));
     EXPECT_THAT(shown(), ElementsAre("1 c1 1", "2 c2 2 'group'", "3 c3 0 ''", "4 " + std::string(64, 'i') + " 1"));
 }
 
@@ -86,8 +87,7 @@ TEST_F(routes, complain_as_the_match_does)
     sub_add("c", "$share/g/", 1, 0);
     log.take();
     EXPECT_EQ(match_routes("a", list), 0);
-    EXPECT_THAT(log.take(), ElementsAre(error("[DEBUG] mqtt_filter_is_valid：空过滤器非法"),
-                                        info("MQTT标准：Topic=a 匹配到 0 个订阅者")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::filter_empty(), logged::topic_matched("a", 0)));
 }
 
 TEST_F(routes, at_debug_write_the_lines_of_the_match)
@@ -98,15 +98,12 @@ TEST_F(routes, at_debug_write_the_lines_of_the_match)
     log.take();
     EXPECT_EQ(match_routes("a", list), 1);
     EXPECT_THAT(shown(), ElementsAre("1 c2 0"));
-    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] sub_match：开始匹配订阅（topic=a, max_matched=11000）"),
-                                        debug("[TRACE] sub_match：已加锁，当前订阅数=2"),
-                                        debug("[TRACE] sub_match：检查订阅（索引=0, client_id=c1, topic_filter=x）"),
-                                        debug("[DEBUG] topic_match_wildcard：匹配结果（filter=x, topic=a, match=0）"),
-                                        debug("[TRACE] sub_match：检查订阅（索引=1, client_id=c2, topic_filter=a）"),
-                                        debug("[DEBUG] topic_match_wildcard：匹配结果（filter=a, topic=a, match=1）"),
-                                        debug("[TRACE] sub_match：匹配成功（索引=1, client_id=c2）"),
-                                        debug("[DEBUG] sub_match：匹配完成（topic=a, 匹配数量=1）"),
-                                        info("MQTT标准：Topic=a 匹配到 1 个订阅者")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(logged::sub_match_started("a", 11000), logged::sub_match_locked(2),
+                            logged::sub_match_looks_at(0, "c1", "x"), logged::topic_match_result("x", "a", 0),
+                            logged::sub_match_looks_at(1, "c2", "a"), logged::topic_match_result("a", "a", 1),
+                            logged::sub_match_found(1, "c2"), logged::sub_match_ended("a", 1),
+                            logged::topic_matched("a", 1)));
 }
 
 TEST_F(routes, need_a_topic)

@@ -2,6 +2,7 @@
 
 #include "log/agent_log.h"
 #include "support/log_capture.h"
+#include "support/log_lines/sub.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -62,7 +63,7 @@ TEST_F(adding, appends)
 {
     log.take();
     EXPECT_EQ(sub_add("id", "a/b", 1, 1), 0);
-    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：新增订阅：ClientID=id, Topic=a/b, QoS=1, CleanSession=1")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::subscription_added("id", "a/b", 1, 1)));
     EXPECT_THAT(entries(), ElementsAre("id a/b 1 1 0"));
 }
 
@@ -71,7 +72,7 @@ TEST_F(adding, updates_what_is_there)
     sub_add("id", "a/b", 0, 0);
     log.take();
     EXPECT_EQ(sub_add("id", "a/b", 2, 1), 0);
-    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：更新订阅：ClientID=id, Topic=a/b, QoS=2")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::subscription_updated("id", "a/b", 2)));
     EXPECT_THAT(entries(), ElementsAre("id a/b 2 1 0"));
 }
 
@@ -91,10 +92,8 @@ TEST_F(adding, refuses_missing_texts)
     EXPECT_EQ(sub_add("", "a", 0, 0), -1);
     EXPECT_EQ(sub_add("id", nullptr, 0, 0), -1);
     EXPECT_EQ(sub_add("id", "", 0, 0), -1);
-    EXPECT_THAT(log.take(), ElementsAre(error("[DEBUG] sub_add：无效的订阅参数（client_id=(null), topic_filter=a）"),
-                                        error("[DEBUG] sub_add：无效的订阅参数（client_id=, topic_filter=a）"),
-                                        error("[DEBUG] sub_add：无效的订阅参数（client_id=id, topic_filter=(null)）"),
-                                        error("[DEBUG] sub_add：无效的订阅参数（client_id=id, topic_filter=）")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::sub_add_invalid("(null)", "a"), logged::sub_add_invalid("", "a"),
+                                        logged::sub_add_invalid("id", "(null)"), logged::sub_add_invalid("id", "")));
     EXPECT_EQ(g_sub_mgr.sub_count, 0);
 }
 
@@ -104,8 +103,7 @@ TEST_F(adding, refuses_a_qos_above_2)
     log.take();
     EXPECT_EQ(sub_add("id", "b", 3, 0), -1);
     EXPECT_EQ(sub_add("id", "b", 0xFFFFFFFF, 0), -1);
-    EXPECT_THAT(log.take(), ElementsAre(error("[DEBUG] sub_add：无效的QoS=3（仅支持0/1/2）"),
-                                        error("[DEBUG] sub_add：无效的QoS=-1（仅支持0/1/2）")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::sub_add_bad_qos(3), logged::sub_add_bad_qos(-1)));
     EXPECT_EQ(g_sub_mgr.sub_count, 1);
 }
 
@@ -125,8 +123,7 @@ TEST_F(adding, refuses_the_10001st_but_updates_on)
         ASSERT_EQ(sub_add("id", std::to_string(i).c_str(), 0, 0), 0) << i;
     EXPECT_THAT(log.take_from("ERROR"), IsEmpty());
     EXPECT_EQ(sub_add("id", "new", 0, 0), -4);
-    EXPECT_THAT(log.take(), ElementsAre(error("[DEBUG] sub_add：订阅数量超限（当前=10000, 最大=10000）"),
-                                        error("订阅数量超限（max=10000）")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::sub_add_full(10000), logged::subscriptions_full()));
     EXPECT_EQ(sub_add("id", "9999", 2, 0), 0);
     EXPECT_EQ(g_sub_mgr.subs[9999].qos, 2u);
     EXPECT_EQ(g_sub_mgr.sub_count, 10000);
@@ -167,30 +164,21 @@ TEST_F(adding, at_debug_tells_every_look)
 {
     at_debug();
     sub_add("c1", "a", 1, 0);
-    EXPECT_THAT(
-        log.take(),
-        ElementsAre(debug("[DEBUG] sub_add：开始添加订阅（client_id=c1, topic_filter=a, qos=1, clean_session=0）"),
-                    debug("[TRACE] sub_add：已加锁，当前订阅数=0，最大容量=10000"),
-                    debug("[DEBUG] sub_add：新增订阅成功（client_id=c1, topic_filter=a, 总数=1）"),
-                    info("MQTT标准：新增订阅：ClientID=c1, Topic=a, QoS=1, CleanSession=0")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::sub_add_started("c1", "a", 1, 0), logged::sub_add_locked(0),
+                                        debug("[DEBUG] sub_add：新增订阅成功（client_id=c1, topic_filter=a, 总数=1）"),
+                                        logged::subscription_added("c1", "a", 1, 0)));
     sub_add("c2", "a", 1, 0);
     log.take();
     sub_add("c2", "a", 2, 1);
-    EXPECT_THAT(
-        log.take(),
-        ElementsAre(debug("[DEBUG] sub_add：开始添加订阅（client_id=c2, topic_filter=a, qos=2, clean_session=1）"),
-                    debug("[TRACE] sub_add：已加锁，当前订阅数=2，最大容量=10000"),
-                    debug("[TRACE] sub_add：检查重复订阅（索引=0, client_id=c1, topic_filter=a）"),
-                    debug("[TRACE] sub_add：检查重复订阅（索引=1, client_id=c2, topic_filter=a）"),
-                    debug("[DEBUG] sub_add：发现重复订阅，更新QoS和CleanSession（client_id=c2, topic_filter=a, "
-                          "旧QoS=1, 新QoS=2）"),
-                    info("MQTT标准：更新订阅：ClientID=c2, Topic=a, QoS=2")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(logged::sub_add_started("c2", "a", 2, 1), logged::sub_add_locked(2),
+                            logged::sub_add_looks_at(0, "c1", "a"), logged::sub_add_looks_at(1, "c2", "a"),
+                            debug("[DEBUG] sub_add：发现重复订阅，更新QoS和CleanSession（client_id=c2, topic_filter=a, "
+                                  "旧QoS=1, 新QoS=2）"),
+                            logged::subscription_updated("c2", "a", 2)));
     sub_add(nullptr, nullptr, 0, 0);
-    EXPECT_THAT(
-        log.take(),
-        ElementsAre(
-            debug("[DEBUG] sub_add：开始添加订阅（client_id=(null), topic_filter=(null), qos=0, clean_session=0）"),
-            error("[DEBUG] sub_add：无效的订阅参数（client_id=(null), topic_filter=(null)）")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::sub_add_started("(null)", "(null)", 0, 0),
+                                        logged::sub_add_invalid("(null)", "(null)")));
 }
 
 // ---- sub_add_with_id
@@ -209,7 +197,7 @@ TEST_F(adding_with_id, without_identifier_is_sub_add)
 {
     log.take();
     EXPECT_EQ(sub_add_with_id("id", "a", 1, 1, 0), 0);
-    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：新增订阅：ClientID=id, Topic=a, QoS=1, CleanSession=1")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::subscription_added("id", "a", 1, 1)));
     EXPECT_EQ(sub_add_with_id("", "a", 1, 1, 0), -1);
 }
 
@@ -229,10 +217,9 @@ TEST_F(adding_with_id, refuses_bad_arguments_silently)
     EXPECT_THAT(log.take(), IsEmpty());
     EXPECT_EQ(sub_add_with_id("id", "a#", 0, 0, 1), -1);
     EXPECT_EQ(sub_add_with_id("id", "", 0, 0, 1), -1);
-    EXPECT_THAT(log.take(), ElementsAre(error("[DEBUG] mqtt_filter_is_valid：#前必须是/（filter=a#, #位置=1）"),
-                                        error("[DEBUG] sub_add_with_id：非法过滤器拒绝订阅（client_id=id, filter=a#）"),
-                                        error("[DEBUG] mqtt_filter_is_valid：空过滤器非法"),
-                                        error("[DEBUG] sub_add_with_id：非法过滤器拒绝订阅（client_id=id, filter=）")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(logged::filter_hash_without_slash("a#", 1), logged::sub_add_with_id_bad_filter("id", "a#"),
+                            logged::filter_empty(), logged::sub_add_with_id_bad_filter("id", "")));
     EXPECT_EQ(g_sub_mgr.sub_count, 0);
 }
 
@@ -245,7 +232,7 @@ TEST_F(removing, takes_out_one_and_keeps_the_order)
     sub_add_with_id("c3", "b", 2, 0, 9);
     log.take();
     EXPECT_EQ(sub_remove("c1", "a"), 1);
-    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：移除订阅：ClientID=c1, Topic=a, 移除数量=1")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::subscription_removed("c1", "a", 1)));
     EXPECT_THAT(entries(), ElementsAre("c2 a/long/filter 1 1 0", "c3 b 2 0 9"));
     const sub_entry_t empty{};
     EXPECT_EQ(memcmp(&g_sub_mgr.subs[2], &empty, sizeof empty), 0);
@@ -270,7 +257,7 @@ TEST_F(removing, takes_out_all_of_a_client)
     }
     log.take();
     EXPECT_EQ(sub_remove("c1", nullptr), 5);
-    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：移除订阅：ClientID=c1, Topic=所有, 移除数量=5")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::subscription_removed("c1", "所有", 5)));
     EXPECT_THAT(entries(), ElementsAre("c2 0 0 0 0", "c2 1 0 0 0", "c2 2 0 0 0", "c2 3 0 0 0", "c2 4 0 0 0"));
 }
 
@@ -281,9 +268,9 @@ TEST_F(removing, takes_out_nothing_where_nothing_fits)
     EXPECT_EQ(sub_remove("c1", "b"), 0);
     EXPECT_EQ(sub_remove("c2", nullptr), 0);
     EXPECT_EQ(sub_remove("c1", ""), 0);
-    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：移除订阅：ClientID=c1, Topic=b, 移除数量=0"),
-                                        info("MQTT标准：移除订阅：ClientID=c2, Topic=所有, 移除数量=0"),
-                                        info("MQTT标准：移除订阅：ClientID=c1, Topic=, 移除数量=0")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(logged::subscription_removed("c1", "b", 0), logged::subscription_removed("c2", "所有", 0),
+                            logged::subscription_removed("c1", "", 0)));
     EXPECT_EQ(g_sub_mgr.sub_count, 1);
 }
 
@@ -298,8 +285,7 @@ TEST_F(removing, refuses_a_missing_id)
     log.take();
     EXPECT_EQ(sub_remove(nullptr, "a"), -1);
     EXPECT_EQ(sub_remove("", nullptr), -1);
-    EXPECT_THAT(log.take(), ElementsAre(error("[DEBUG] sub_remove：无效的ClientID（空指针/空字符串）"),
-                                        error("[DEBUG] sub_remove：无效的ClientID（空指针/空字符串）")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::sub_remove_no_id(), logged::sub_remove_no_id()));
 }
 
 TEST_F(removing, at_debug_tells_every_look)
@@ -309,27 +295,17 @@ TEST_F(removing, at_debug_tells_every_look)
     sub_add("c2", "a", 0, 0);
     at_debug();
     EXPECT_EQ(sub_remove("c1", nullptr), 2);
-    EXPECT_THAT(log.take(),
-                ElementsAre(debug("[DEBUG] sub_remove：开始移除订阅（client_id=c1, topic_filter=所有）"),
-                            debug("[TRACE] sub_remove：已加锁，当前订阅数=3"),
-                            debug("[TRACE] sub_remove：检查订阅（索引=0, client_id=c1, topic_filter=a）"),
-                            debug("[TRACE] sub_remove：移除订阅（索引=0, topic_filter=a）"),
-                            debug("[TRACE] sub_remove：检查订阅（索引=0, client_id=c1, topic_filter=b）"),
-                            debug("[TRACE] sub_remove：移除订阅（索引=0, topic_filter=b）"),
-                            debug("[TRACE] sub_remove：检查订阅（索引=0, client_id=c2, topic_filter=a）"),
-                            debug("[DEBUG] sub_remove：移除订阅完成（client_id=c1, 移除数量=2, 剩余订阅数=1）"),
-                            info("MQTT标准：移除订阅：ClientID=c1, Topic=所有, 移除数量=2")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::sub_remove_started("c1", "所有"), logged::sub_remove_locked(3),
+                                        logged::sub_remove_looks_at(0, "c1", "a"), logged::sub_remove_removes(0, "a"),
+                                        logged::sub_remove_looks_at(0, "c1", "b"), logged::sub_remove_removes(0, "b"),
+                                        logged::sub_remove_looks_at(0, "c2", "a"), logged::sub_remove_ended("c1", 2, 1),
+                                        logged::subscription_removed("c1", "所有", 2)));
     EXPECT_EQ(sub_remove("c2", "x"), 0);
-    EXPECT_THAT(log.take(),
-                ElementsAre(debug("[DEBUG] sub_remove：开始移除订阅（client_id=c2, topic_filter=x）"),
-                            debug("[TRACE] sub_remove：已加锁，当前订阅数=1"),
-                            debug("[TRACE] sub_remove：检查订阅（索引=0, client_id=c2, topic_filter=a）"),
-                            debug("[DEBUG] sub_remove：移除订阅完成（client_id=c2, 移除数量=0, 剩余订阅数=1）"),
-                            info("MQTT标准：移除订阅：ClientID=c2, Topic=x, 移除数量=0")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::sub_remove_started("c2", "x"), logged::sub_remove_locked(1),
+                                        logged::sub_remove_looks_at(0, "c2", "a"), logged::sub_remove_ended("c2", 0, 1),
+                                        logged::subscription_removed("c2", "x", 0)));
     EXPECT_EQ(sub_remove(nullptr, nullptr), -1);
-    EXPECT_THAT(log.take(),
-                ElementsAre(debug("[DEBUG] sub_remove：开始移除订阅（client_id=(null), topic_filter=所有）"),
-                            error("[DEBUG] sub_remove：无效的ClientID（空指针/空字符串）")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::sub_remove_started("(null)", "所有"), logged::sub_remove_no_id()));
 }
 
 // ---- sub_match
@@ -344,7 +320,7 @@ TEST_F(matching, lists_every_matching_subscription_in_table_order)
     sub_add("plus", "+/b", 0, 0);
     log.take();
     EXPECT_THAT(matches("a/b"), ElementsAre("plus", "exact", "hash", "shared", "plus"));
-    EXPECT_THAT(log.take(), ElementsAre(info("MQTT标准：Topic=a/b 匹配到 5 个订阅者")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::topic_matched("a/b", 5)));
     EXPECT_THAT(matches("x"), ElementsAre("hash"));
 }
 
@@ -376,8 +352,7 @@ TEST_F(matching, stops_when_there_is_no_more_room)
     log.take();
     EXPECT_THAT(matches("a", 1), ElementsAre("c1"));
     EXPECT_THAT(matches("a", 3), ElementsAre("c1", "c2", "c3"));
-    EXPECT_THAT(log.take(),
-                ElementsAre(info("MQTT标准：Topic=a 匹配到 1 个订阅者"), info("MQTT标准：Topic=a 匹配到 3 个订阅者")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::topic_matched("a", 1), logged::topic_matched("a", 3)));
 }
 
 TEST_F(matching, complains_about_a_shared_filter_without_a_topic_part_each_time)
@@ -387,17 +362,13 @@ TEST_F(matching, complains_about_a_shared_filter_without_a_topic_part_each_time)
     log.take();
     EXPECT_THAT(matches("a"), ElementsAre("c2"));
     EXPECT_THAT(matches("b"), IsEmpty());
-    EXPECT_THAT(log.take(), ElementsAre(error("[DEBUG] mqtt_filter_is_valid：空过滤器非法"),
-                                        info("MQTT标准：Topic=a 匹配到 1 个订阅者"),
-                                        error("[DEBUG] mqtt_filter_is_valid：空过滤器非法"),
-                                        info("MQTT标准：Topic=b 匹配到 0 个订阅者")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::filter_empty(), logged::topic_matched("a", 1), logged::filter_empty(),
+                                        logged::topic_matched("b", 0)));
 }
 
 TEST_F(matching, refuses_bad_arguments)
 {
     sub_entry_t room;
-    char        address[32];
-    snprintf(address, sizeof address, "%p", static_cast<void *>(&room));
     log.take();
     EXPECT_EQ(sub_match(nullptr, &room, 1), 0);
     EXPECT_EQ(sub_match("a", nullptr, 1), 0);
@@ -405,17 +376,13 @@ TEST_F(matching, refuses_bad_arguments)
     EXPECT_EQ(sub_match(nullptr, &room, -1), 0);
     const std::vector<LogLine> lines = log.take();
     ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[0],
-              error("[DEBUG] sub_match：入参无效（topic=(nil), matched=" + std::string(address) + ", max_matched=1）"));
+    EXPECT_EQ(lines[0], logged::sub_match_invalid(&room, 1));
     EXPECT_THAT(lines[1].text, testing::HasSubstr(", matched=(nil), max_matched=1）"));
-    EXPECT_EQ(lines[2],
-              error("[DEBUG] sub_match：入参无效（topic=(nil), matched=" + std::string(address) + ", max_matched=0）"));
-    EXPECT_EQ(lines[3], error("[DEBUG] sub_match：入参无效（topic=(nil), matched=" + std::string(address) +
-                              ", max_matched=-1）"));
+    EXPECT_EQ(lines[2], logged::sub_match_invalid(&room, 0));
+    EXPECT_EQ(lines[3], logged::sub_match_invalid(&room, -1));
     at_debug();
     EXPECT_EQ(sub_match(nullptr, &room, 1), 0);
-    EXPECT_THAT(log.take(),
-                ElementsAre(debug("[DEBUG] sub_match：开始匹配订阅（topic=(null), max_matched=1）"), lines[0]));
+    EXPECT_THAT(log.take(), ElementsAre(logged::sub_match_started("(null)", 1), lines[0]));
 }
 
 TEST_F(matching, at_debug_tells_every_look)
@@ -425,25 +392,18 @@ TEST_F(matching, at_debug_tells_every_look)
     sub_add("c3", "y", 0, 0);
     at_debug();
     EXPECT_THAT(matches("a/b", 5), ElementsAre("c2"));
-    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] sub_match：开始匹配订阅（topic=a/b, max_matched=5）"),
-                                        debug("[TRACE] sub_match：已加锁，当前订阅数=3"),
-                                        debug("[TRACE] sub_match：检查订阅（索引=0, client_id=c1, topic_filter=x）"),
-                                        debug("[DEBUG] topic_match_wildcard：匹配结果（filter=x, topic=a/b, match=0）"),
-                                        debug("[TRACE] sub_match：检查订阅（索引=1, client_id=c2, topic_filter=a/#）"),
-                                        debug("[TRACE] sub_match：匹配成功（索引=1, client_id=c2）"),
-                                        debug("[TRACE] sub_match：检查订阅（索引=2, client_id=c3, topic_filter=y）"),
-                                        debug("[DEBUG] topic_match_wildcard：匹配结果（filter=y, topic=a/b, match=0）"),
-                                        debug("[DEBUG] sub_match：匹配完成（topic=a/b, 匹配数量=1）"),
-                                        info("MQTT标准：Topic=a/b 匹配到 1 个订阅者")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(logged::sub_match_started("a/b", 5), logged::sub_match_locked(3),
+                            logged::sub_match_looks_at(0, "c1", "x"), logged::topic_match_result("x", "a/b", 0),
+                            logged::sub_match_looks_at(1, "c2", "a/#"), logged::sub_match_found(1, "c2"),
+                            logged::sub_match_looks_at(2, "c3", "y"), logged::topic_match_result("y", "a/b", 0),
+                            logged::sub_match_ended("a/b", 1), logged::topic_matched("a/b", 1)));
     EXPECT_THAT(matches("a/b", 1), ElementsAre("c2"));
-    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] sub_match：开始匹配订阅（topic=a/b, max_matched=1）"),
-                                        debug("[TRACE] sub_match：已加锁，当前订阅数=3"),
-                                        debug("[TRACE] sub_match：检查订阅（索引=0, client_id=c1, topic_filter=x）"),
-                                        debug("[DEBUG] topic_match_wildcard：匹配结果（filter=x, topic=a/b, match=0）"),
-                                        debug("[TRACE] sub_match：检查订阅（索引=1, client_id=c2, topic_filter=a/#）"),
-                                        debug("[TRACE] sub_match：匹配成功（索引=1, client_id=c2）"),
-                                        debug("[DEBUG] sub_match：匹配完成（topic=a/b, 匹配数量=1）"),
-                                        info("MQTT标准：Topic=a/b 匹配到 1 个订阅者")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(logged::sub_match_started("a/b", 1), logged::sub_match_locked(3),
+                            logged::sub_match_looks_at(0, "c1", "x"), logged::topic_match_result("x", "a/b", 0),
+                            logged::sub_match_looks_at(1, "c2", "a/#"), logged::sub_match_found(1, "c2"),
+                            logged::sub_match_ended("a/b", 1), logged::topic_matched("a/b", 1)));
 }
 
 // ---- sub_get_client_sub_count, sub_find_by_identifier
@@ -458,10 +418,9 @@ TEST_F(counting, counts_the_entries_of_a_client)
     EXPECT_EQ(sub_get_client_sub_count("c"), 0);
     EXPECT_EQ(sub_get_client_sub_count(nullptr), -1);
     EXPECT_EQ(sub_get_client_sub_count(""), -1);
-    EXPECT_THAT(log.take(), ElementsAre(info("sub_get_client_sub_count：ClientID=c1, 订阅数量=2"),
-                                        info("sub_get_client_sub_count：ClientID=c, 订阅数量=0"),
-                                        error("[DEBUG] sub_get_client_sub_count：无效的ClientID（空指针/空字符串）"),
-                                        error("[DEBUG] sub_get_client_sub_count：无效的ClientID（空指针/空字符串）")));
+    EXPECT_THAT(log.take(),
+                ElementsAre(logged::client_subscriptions_counted("c1", 2), logged::client_subscriptions_counted("c", 0),
+                            logged::sub_count_no_id(), logged::sub_count_no_id()));
 }
 
 TEST_F(counting, at_debug_tells_every_look)
@@ -470,16 +429,14 @@ TEST_F(counting, at_debug_tells_every_look)
     sub_add("c2", "a", 0, 0);
     at_debug();
     EXPECT_EQ(sub_get_client_sub_count("c2"), 1);
-    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] sub_get_client_sub_count：开始统计（client_id=c2）"),
+    EXPECT_THAT(log.take(), ElementsAre(logged::sub_count_started("c2"),
                                         debug("[TRACE] sub_get_client_sub_count：已加锁，当前订阅数=2"),
-                                        debug("[TRACE] sub_get_client_sub_count：检查订阅（索引=0, client_id=c1）"),
-                                        debug("[TRACE] sub_get_client_sub_count：检查订阅（索引=1, client_id=c2）"),
+                                        logged::sub_count_looks_at(0, "c1"), logged::sub_count_looks_at(1, "c2"),
                                         debug("[TRACE] sub_get_client_sub_count：匹配到客户端订阅（索引=1）"),
                                         debug("[DEBUG] sub_get_client_sub_count：统计完成（client_id=c2, 订阅数量=1）"),
-                                        info("sub_get_client_sub_count：ClientID=c2, 订阅数量=1")));
+                                        logged::client_subscriptions_counted("c2", 1)));
     EXPECT_EQ(sub_get_client_sub_count(nullptr), -1);
-    EXPECT_THAT(log.take(), ElementsAre(debug("[DEBUG] sub_get_client_sub_count：开始统计（client_id=(null)）"),
-                                        error("[DEBUG] sub_get_client_sub_count：无效的ClientID（空指针/空字符串）")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::sub_count_started("(null)"), logged::sub_count_no_id()));
 }
 
 TEST_F(finding, returns_the_first_with_the_identifier)

@@ -2,6 +2,7 @@
 
 #include "log/agent_log.h"
 #include "support/log_capture.h"
+#include "support/log_lines/sub.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -22,8 +23,7 @@ LogLine rest(const std::string &filter, const std::string &topic)
 }
 LogLine result(const std::string &filter, const std::string &topic, int match)
 {
-    return debug("[DEBUG] topic_match_wildcard：匹配结果（filter=" + filter + ", topic=" + topic +
-                 ", match=" + std::to_string(match) + "）");
+    return logged::topic_match_result(filter, topic, match);
 }
 
 struct Pair {
@@ -121,11 +121,11 @@ TEST_F(topic_match, without_filter_or_topic_is_none)
 TEST_F(topic_match, complains_about_an_invalid_filter)
 {
     EXPECT_EQ(topic_match_wildcard("$share/g1/", "a"), 0);
-    EXPECT_THAT(log.take(), ElementsAre(error("[DEBUG] mqtt_filter_is_valid：空过滤器非法")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::filter_empty()));
     EXPECT_EQ(topic_match_wildcard("", ""), 0);
-    EXPECT_THAT(log.take(), ElementsAre(error("[DEBUG] mqtt_filter_is_valid：空过滤器非法")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::filter_empty()));
     EXPECT_EQ(topic_match_wildcard("$share/g/b#", "b"), 0);
-    EXPECT_THAT(log.take(), ElementsAre(error("[DEBUG] mqtt_filter_is_valid：#前必须是/（filter=b#, #位置=1）")));
+    EXPECT_THAT(log.take(), ElementsAre(logged::filter_hash_without_slash("b#", 1)));
 }
 
 TEST(topic_match_trace, tells_the_result_of_an_equal_topic)

@@ -1,5 +1,5 @@
 #include "child.h"
-#include "timing.h"
+#include "support/timing.h"
 
 #include <csignal>
 #include <cstdlib>

@@ -1,7 +1,7 @@
 #include "message_loop.h"
 
 #include "packets.h"
-#include "timing.h"
+#include "support/timing.h"
 
 #include <algorithm>
 #include <arpa/inet.h>

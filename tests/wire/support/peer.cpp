@@ -41,7 +41,7 @@ Peer Peer::open(int type, uint16_t port, Where where)
 {
     const int         fd      = socket(AF_INET, type | SOCK_CLOEXEC, 0);
     const sockaddr_in address = loopback(port);
-    if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+    if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         close(fd);
         return {-1, where};
     }
@@ -237,6 +237,11 @@ Peer &Peer::connect_v5(std::string_view client_id, const Connect &options, Where
     return *this;
 }
 
+Peer &Peer::connect(unsigned level, std::string_view client_id, const Connect &options, Where where)
+{
+    return level == 5 ? connect_v5(client_id, options, where) : connect_v4(client_id, options, where);
+}
+
 Peer &Peer::subscribe(std::string_view filter, unsigned qos, Where where)
 {
     const unsigned id = next_id_++;
@@ -287,6 +292,20 @@ void Peer::disconnect(Where where)
 {
     send(disconnect_packet(level_));
     expect_closed(where);
+}
+
+Peer come(unsigned level, const std::string &id, const Connect &options, Where where)
+{
+    Peer peer = Peer::tcp(1883, where);
+    peer.connect(level, id, options, where);
+    return peer;
+}
+
+Connect keep(unsigned level, bool present)
+{
+    return {.clean            = false,
+            .session_expiry_s = level == 5 ? std::optional(3600u) : std::nullopt,
+            .session_present  = present};
 }
 
 } // namespace tarn::test

@@ -8,7 +8,7 @@
 
 #include "packets.h"
 #include "pattern.h"
-#include "timing.h"
+#include "support/timing.h"
 
 #include <string>
 #include <string_view>
@@ -53,12 +53,13 @@ public:
     void reset();   // the same with a reset
 
     // What a well-behaved client does. Each waits for the broker's answer.
-    Peer    &connect_v4(std::string_view client_id, const Connect &options = {}, Where where = Where::here());
-    Peer    &connect_v5(std::string_view client_id, const Connect &options = {}, Where where = Where::here());
-    Peer    &subscribe(std::string_view filter, unsigned qos = 0, Where where = Where::here());
-    Peer    &unsubscribe(std::string_view filter, Where where = Where::here());
-    void     publish(std::string_view topic, std::string_view payload, const Publish &options = {},
-                     Where where = Where::here());
+    Peer &connect_v4(std::string_view client_id, const Connect &options = {}, Where where = Where::here());
+    Peer &connect_v5(std::string_view client_id, const Connect &options = {}, Where where = Where::here());
+    Peer &connect(unsigned level, std::string_view client_id, const Connect &options = {}, Where where = Where::here());
+    Peer &subscribe(std::string_view filter, unsigned qos = 0, Where where = Where::here());
+    Peer &unsubscribe(std::string_view filter, Where where = Where::here());
+    void  publish(std::string_view topic, std::string_view payload, const Publish &options = {},
+                  Where where = Where::here());
     unsigned expect_publish(std::string_view topic, std::string_view payload, const Publish &options = {},
                             Where where = Where::here()); // the packet identifier; options.id is not compared
     void     acknowledge(uint8_t first, unsigned id) { send(ack_packet(level_, first, id)); }
@@ -83,6 +84,11 @@ private:
     bool     failed_  = false;
     Bytes    rx_;
 };
+
+// A client of either level over TCP, connected.
+Peer come(unsigned level, const std::string &id, const Connect &options, Where where = Where::here());
+// How a client connects whose session is to be kept; `present` when it is there already.
+Connect keep(unsigned level, bool present);
 
 } // namespace tarn::test
 

@@ -1,7 +1,7 @@
 #include "terminal.h"
 
 #include "child.h"
-#include "timing.h"
+#include "support/timing.h"
 
 #include <csignal>
 #include <gtest/gtest.h>

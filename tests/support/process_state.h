@@ -1,6 +1,6 @@
 // process_state.h - what the kernel says about a process: threads, descriptors, processor time, memory.
-#ifndef TARN_TESTS_WIRE_PROCESS_STATE_H
-#define TARN_TESTS_WIRE_PROCESS_STATE_H
+#ifndef TARN_TESTS_PROCESS_STATE_H
+#define TARN_TESTS_PROCESS_STATE_H
 
 #include <cstddef>
 #include <sys/types.h>

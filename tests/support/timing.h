@@ -1,6 +1,6 @@
 // timing.h - how long tests wait, and waiting for a condition instead of sleeping.
-#ifndef TARN_TESTS_WIRE_TIMING_H
-#define TARN_TESTS_WIRE_TIMING_H
+#ifndef TARN_TESTS_TIMING_H
+#define TARN_TESTS_TIMING_H
 
 #include <chrono>
 #include <concepts>
@@ -40,6 +40,12 @@ bool wait_until(std::predicate auto condition, int limit_ms = kLimit_ms)
         pause_ms(2);
     }
     return true;
+}
+
+// The same for what threads of this process do, however busy the machine is.
+bool eventually(std::predicate auto condition)
+{
+    return wait_until(condition, 20'000 * kSlowdown);
 }
 
 } // namespace tarn::test

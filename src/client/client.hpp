@@ -1,10 +1,14 @@
-// client_ref.h - client records held safely. A record is never freed, only released and used again; a pin keeps the
-// texts and the ring of the record one saw from changing owner underneath. Code inside the library finds records
-// through these functions; the exported find functions return the bare pointer at the caller's risk.
+// client.hpp - client records, for the other modules of the library. Hosts have the same as client.h: client_c.cpp turns
+// away null pointers, pins, calls this, and makes plain numbers of the results.
 //
-// A record outside the pool (a caller's own) has no guard: pins of it do nothing.
-#ifndef TARN_CLIENT_CLIENT_REF_H
-#define TARN_CLIENT_CLIENT_REF_H
+// A record is never freed, only released and used again; a pin keeps the texts and the ring of the record one saw from
+// changing owner underneath. What finds a record here pins it in the same step, and who calls a function with a record
+// holds a pin of it, where nothing else is said. A record outside the pool (a caller's own) has no guard: pins of it do
+// nothing.
+//
+// No pointer may be null where nothing else is said. Locks are as client.h says.
+#ifndef TARN_CLIENT_CLIENT_HPP
+#define TARN_CLIENT_CLIENT_HPP
 
 #include "../base/relaxed.h"
 #include "client.h"
@@ -41,7 +45,7 @@ private:
 
 // ---- finding (lookup.cpp, pool.cpp)
 
-// As client_find_by_handle and client_find_by_cid, found and pinned in one step under the table's lock.
+// As client.h says, found and pinned in one step under the table's lock.
 client_ref find_client_by_handle(uint32_t handle) noexcept;
 client_ref find_client_by_cid(const char *client_id) noexcept;
 
@@ -72,27 +76,43 @@ void session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg_count
 
 [[nodiscard]] inline bool is_online(mqtt_client_t &client) noexcept
 {
-    const uint32_t state = peek(client.state);
+    const uint32_t state = client.state;
     return state == CLIENT_CONNECTED || state == CLIENT_LOGINED;
 }
 
 // Makes the record logged in, unless it was closed meanwhile (false).
 [[nodiscard]] bool mark_logged_in(mqtt_client_t &client) noexcept;
 
-// client_close by a caller that holds a pin and saw the client in this state: returns when another thread has closed it
-// since, also when that one has parked it.
+// Closes a client that the caller saw in this state: returns when another thread has closed it since, also when that one
+// has parked it.
 void close_seen(mqtt_client_t &client, uint32_t seen_state) noexcept;
 
-// Claims a pool record for closing or for settling its will: one winner. Records outside the pool always win.
-[[nodiscard]] bool claim_closing(mqtt_client_t &client) noexcept;
-void               unclaim_closing(mqtt_client_t &client) noexcept;
+namespace client {
 
-// Ends a claimed record that waits for its will: out of both tables, CLOSED, no longer counted as delayed, released.
-void release_parked(mqtt_client_t &client) noexcept;
+// The right to close a client or to settle its will: one thread at a time has it, and looks again at what it saw before.
+// For a record outside the pool everybody has it.
+class Claim {
+public:
+    explicit Claim(mqtt_client_t &client) noexcept; // takes it, if nobody has it. The caller's pin lasts longer.
+    ~Claim();
+    Claim(const Claim &)            = delete;
+    Claim &operator=(const Claim &) = delete;
+
+    explicit       operator bool() const noexcept { return client_ != nullptr; }
+    mqtt_client_t &client() const noexcept { return *client_; }
+
+private:
+    mqtt_client_t *client_; // null: another thread has it
+};
+
+// Ends a record that waits for its will: out of both tables, CLOSED, no longer counted as delayed, released.
+void release_parked(const Claim &claim) noexcept;
 
 // The same for a pool record whose delay was called off while another thread parked it or looked at it: no scan would
-// ever take it. Asked by who calls off and, in unclaim_closing, by who had the claim meanwhile; takes will_lock.
+// ever take it. Asked by who calls off and by who lets go of a claim; takes will_lock.
 void release_called_off(mqtt_client_t &client) noexcept;
+
+} // namespace client
 
 // ---- delayed wills (will_scan.cpp)
 
@@ -102,7 +122,7 @@ void release_called_off(mqtt_client_t &client) noexcept;
 // False while no closed client waits for its delayed will: what CONNECT asks before it looks for one to cancel.
 [[nodiscard]] bool wills_are_parked() noexcept;
 
-// ---- sending (send_ring.cpp). The caller holds a pin.
+// ---- sending (send_ring.cpp)
 
 // A packet that lies in two places: what stands before the payload, or all of it, and the payload.
 struct PacketParts {
@@ -125,6 +145,49 @@ void end_with_disconnect(mqtt_client_t &client) noexcept;
 // Sends what is queued for this client now, on the calling thread, as far as the socket takes it.
 void flush_client(mqtt_client_t &client) noexcept;
 
+namespace client {
+
+// ---- up and down (manager.cpp)
+
+[[nodiscard]] bool init(int32_t max_clients) noexcept; // a line says what is wrong
+void               deinit() noexcept;
+
+// ---- what CONNECT says of a client (lookup.cpp, activity.cpp, will_store.cpp)
+
+void set_id(mqtt_client_t &client, const char *client_id) noexcept; // an empty one is made up
+void set_keepalive(mqtt_client_t &client, uint16_t seconds) noexcept;
+
+struct Will {
+    const char    *topic;
+    const uint8_t *payload; // null makes the length 0
+    uint32_t       payload_len;
+    uint8_t        qos;
+    uint8_t        retain;
+};
+void set_will(mqtt_client_t &client, const Will &will) noexcept;
+
+struct WillProperties {
+    uint32_t                 delay_s;
+    uint32_t                 expiry_s;
+    uint8_t                  payload_format;
+    const char              *content_type;   // null leaves what is there, here and below
+    const char              *response_topic; // may be null
+    std::span<const uint8_t> correlation_data = {};
+};
+void set_will_properties(mqtt_client_t &client, const WillProperties &properties) noexcept;
+
+// ---- a sign of life, and what comes of none (activity.cpp, timeout_scan.cpp, will_scan.cpp)
+
+void     note_active(mqtt_client_t &client) noexcept;                           // needs no pin
+uint32_t close_silent(uint64_t now_ms, uint32_t default_threshold_ms) noexcept; // a turn; returns how many
+void     settle_due_wills(uint64_t now_ms) noexcept;
+
+// ---- all clients (client_list.cpp)
+
+int32_t  list_ids(char *buf, int32_t size) noexcept; // size 1 or more; returns the characters written
+uint32_t count_online() noexcept;
+
+} // namespace client
 } // namespace tarn
 
 #endif

@@ -1,5 +1,5 @@
 #include "process_state.h"
-#include "child.h"
+#include "files.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,0 +1,22 @@
+// api.hpp - the host's callbacks, for packet handling. Hosts have the same as broker.h: api_c.cpp turns away null pointers
+// and calls this.
+//
+// They are those of the instance that the client came in through. Without an instance, or without such a callback, the
+// answer is yes and nobody is told. The caller holds no lock, because the host's code runs inside.
+#ifndef TARN_API_API_HPP
+#define TARN_API_API_HPP
+
+#include <tarn_sdk_mqtt_broker.h>
+
+namespace tarn::api {
+
+// Whether a CONNECT is accepted. Texts as the client sent them, empty when absent.
+bool accepts(mqtt_client_t &client, const char *client_id, const char *username, const char *password) noexcept;
+// Whether the client may do this, BROKER_ACL_*, with this topic or filter.
+bool allows(mqtt_client_t &client, const char *topic, uint8_t action) noexcept;
+// Tells that something happened, BROKER_EVENT_*.
+void tell(mqtt_client_t &client, uint32_t kind, const char *topic = "", int32_t qos = 0) noexcept;
+
+} // namespace tarn::api
+
+#endif
