@@ -23,6 +23,12 @@ namespace {
 constexpr int32_t kPort_max       = 65535;
 constexpr int32_t kMaxClients_max = 50000; // what start takes; the client manager's own ceiling is lower
 
+// What create() allocates: the instance that the host gets, and a link for those that stay for good.
+struct Instance {
+    broker_t  broker;
+    Instance *next_kept;
+};
+
 // Serialises the calls of this file. A call from a callback only tries: the holder may be waiting for that very thread
 // to end, or be further up on its stack, half-way through a deinit that closes clients.
 constinit Mutex lifecycle_mutex{};
@@ -30,7 +36,7 @@ constinit Mutex lifecycle_mutex{};
 // Under lifecycle_mutex.
 constinit broker_t *g_owner         = nullptr; // whose start brought the layer up
 constinit bool      g_free_owner    = false;   // destroyed meanwhile, but client records still point to it
-constinit broker_t *g_kept          = nullptr; // the last that could not be freed, see keep()
+constinit Instance *g_kept          = nullptr; // those that could not be freed, see keep()
 constinit bool      g_left_standing = false;   // a start failed after the layer's threads were up
 
 class LifecycleLock {
@@ -63,12 +69,13 @@ void clear_callbacks(broker_t &broker)
     poke_release(broker.acl_cb, nullptr);
 }
 
-// For an instance that a caller further up, or another thread, still uses. It is never freed, only emptied, and linked
-// into a chain through its text, where leak checkers find it.
+// For an instance that a caller further up, or another thread, still uses: it stays for good, emptied. The list
+// tells leak checkers that it is not lost.
 void keep(broker_t *broker)
 {
-    memcpy(broker->data_dir, &g_kept, sizeof(void *));
-    g_kept = broker;
+    auto *const instance = reinterpret_cast<Instance *>(broker);
+    instance->next_kept  = g_kept;
+    g_kept               = instance;
 }
 
 void free_instance(broker_t *broker)
@@ -143,11 +150,12 @@ int32_t start_layer(broker_t &broker, int32_t max_clients)
 
 broker_t *tarn_sdk_mqtt_broker_create(void)
 {
-    auto *broker = static_cast<broker_t *>(calloc(1, sizeof(broker_t)));
-    if (!broker) {
+    auto *const instance = static_cast<Instance *>(calloc(1, sizeof(Instance)));
+    if (!instance) {
         LOG_ERROR("[SDK] calloc instance failed");
         return nullptr;
     }
+    broker_t *const broker = &instance->broker;
     LOG_INFO("[SDK] ========================================================");
     LOG_INFO("[SDK]   Version: V2.0.0 ");
     LOG_INFO("[SDK] ========================================================");

@@ -2,8 +2,8 @@
  * export.h - brackets for everything that leaves the library, and checks of record layouts.
  *
  * Module headers are plain C (C11, C++17) so that a host may include them; what stands between the two brackets has C
- * linkage and default visibility. Everything else in the library is hidden. The functions of the modules belong to the
- * exact version of the library; those of tarn_sdk_mqtt_broker.h stay.
+ * linkage and default visibility. Everything else in the library is hidden. None of it goes or changes its
+ * meaning within version 2; beyond that only the functions of tarn_sdk_mqtt_broker.h are meant to stay.
  */
 #ifndef TARN_BASE_EXPORT_H
 #define TARN_BASE_EXPORT_H

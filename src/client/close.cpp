@@ -12,8 +12,8 @@ namespace tarn::client {
 namespace {
 
 // QUIRK(session-never-expires): the session of a 5.0 client that is away does not end with its expiry interval
-// [MQTT-4.1.0-2]: the deadline is written to its file, but nobody ends what is past it. Subscriptions, and messages at
-// QoS 1 and 2, the latest hundred, wait until the client comes back, over restarts too. To end such a session, connect
+// [MQTT-4.1.0-2]: the deadline is written to its file, but nobody ends what is past it. Subscriptions and messages
+// wait until the client comes back, over restarts too. To end such a session, connect
 // with its id, a clean start and no expiry interval and disconnect, or remove its files in broker_data while the broker
 // is stopped.
 //   test: connect.v5_session_does_not_expire_while_its_client_is_away
@@ -132,8 +132,9 @@ void close_claimed(mqtt_client_t &client)
 using namespace tarn;
 using namespace tarn::client;
 
-// Closing a record that waits for its will is allowed and runs again. But a caller that saw the client online and finds
-// it closed now does nothing: the other thread has ended session and will, and the client may have come back since.
+// A record that waits for its will may be closed again: its caller saw it waiting, and that ends the wait. A caller that
+// saw the client online, while another thread closed it, returns: session and will have ended, and the client may have
+// come back since.
 void tarn::close_seen(mqtt_client_t &client, uint32_t seen_state) noexcept
 {
     if (client.state == CLIENT_CLOSED) {

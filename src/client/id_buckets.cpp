@@ -2,7 +2,7 @@
 // else; the chains here keep the others in mind, so that the entry can name one of them when that one leaves.
 //
 // A chain links the pool records of one bucket, newest first, by pool index + 1. A record is in one at most, from
-// client_set_cid until it leaves the tables or is released. A record outside the pool is in none, since nobody would
+// enter_bucket() until it leaves the tables or is released. A record outside the pool is in none, since nobody would
 // tell when its memory goes.
 #include "client_internal.h"
 

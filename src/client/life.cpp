@@ -26,7 +26,8 @@
 //   wipe        the last unpin of a released record (pins.cpp). unlink_pool gives the memory of a block back instead if
 //               none of its records is pinned, else wipes those that are not: they are UNUSED again
 //
-// A record whose will was published at once stays WILL_PENDING until it is taken down or closed again (will-keeps-place).
+// A record whose will was published at once stays WILL_PENDING until it is taken down, or closed again (see the quirk
+// will-keeps-place).
 // record_fields.h says which field is reset on which edge. close.cpp decides about session and will.
 #include "life.h"
 

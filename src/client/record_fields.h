@@ -19,8 +19,8 @@ enum class When : uint8_t {
     Create,   // a client gets the record
     Connect,  // its CONNECT: set by packet handling and by what it calls here
     Release,  // the client is gone
-    TakeDown, // the manager goes down while it is there. Another thread may be closing it just then, and goes on reading
-              // there what it decides by.
+    TakeDown, // the manager goes down while it is there. Another thread may be closing it at that moment, so the fields
+              // that close_seen() reads stay.
     Wipe,     // the last pin goes
 };
 constexpr int kMoments = 5;

@@ -19,9 +19,8 @@ void raise(std::atomic<int32_t> &high, int32_t count, int32_t limit)
 // Counts are looked at without the lock.
 void reset_count(int32_t &count)
 {
-    const std::atomic_ref shared(count);
-    if (shared.load(std::memory_order_relaxed) != 0) // or a page of its own would be spent on it
-        shared.store(0, std::memory_order_relaxed);
+    if (SharedRef field = shared(count); field != 0) // or a page of its own would be spent on it
+        field = 0;
 }
 
 } // namespace

@@ -1,8 +1,8 @@
 // will_scan.cpp - publishes delayed wills when they are due and releases the records that waited for it.
 //
-// Three callers can end the wait for a delayed will: this scan, the CONNECT of a client that came back, and a second
-// close. Each claims the record first and then checks again, so a will is either published or cancelled, never both.
-// The scan claims only what is due; so a CONNECT that does not get the claim leaves the will alone.
+// life.cpp lists who may end the wait of such a record. Each claims it first and then looks again, so a will is published
+// or called off, never both. The scan claims only what is due; a CONNECT that finds the record claimed may thus believe
+// that its will was published.
 #include "../base/clock.h"
 #include "../handler/handler.hpp"
 #include "client_internal.h"

@@ -101,6 +101,7 @@ void restore_will(mqtt_client_t &client)
         if (!session.will_flag)
             return;
     }
+    // Only this thread, with the client's own packets, writes these fields; others clear the flag at most.
     // The file's length may exceed the bytes the record holds: what is missing reads as zeroes.
     uint8_t payload[CLIENT_WILL_MAX] = {};
     memcpy(payload, session.will_payload, sizeof session.will_payload);
@@ -116,7 +117,7 @@ void restore_session(mqtt_client_t &client)
     if (!found)
         return;
     LOG_INFO("[会话] 加载客户端持久化数据成功: %s, 订阅数=%d, 离线消息数=%d", client.client_id,
-             peek(client.session.sub_count), peek(client.session.msg_count));
+             int32_t{shared(client.session.sub_count)}, int32_t{shared(client.session.msg_count)});
     restore_will(client);
 }
 
@@ -184,7 +185,7 @@ void drop_session(mqtt_client_t &client)
 void resubscribe(mqtt_client_t &client)
 {
     for (const persist_sub_t &saved :
-         std::span(client.session.subs, static_cast<size_t>(peek(client.session.sub_count))))
+         std::span(client.session.subs, static_cast<size_t>(shared(client.session.sub_count))))
         if (sub::is_subscribed(sub::add(client.client_id, saved.topic, saved.qos, 0)))
             LOG_INFO("[恢复] 订阅: %s QoS=%d → 内存订阅表", saved.topic, saved.qos);
     LOG_INFO("[会话] 客户端 %s 上下文恢复完成", client.client_id);
@@ -272,7 +273,7 @@ void resume_session(mqtt_client_t &client)
     if (client.clean_session || !client.session_restored)
         return;
     for (const persist_sub_t &saved :
-         std::span(client.session.subs, static_cast<size_t>(peek(client.session.sub_count))))
+         std::span(client.session.subs, static_cast<size_t>(shared(client.session.sub_count))))
         send_retained(client, saved.topic);
     requeue_kept(client);
 }

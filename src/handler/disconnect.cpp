@@ -54,7 +54,8 @@ void save_or_delete_v4_session(mqtt_client_t &client)
         return;
     }
     save_session(client);
-    LOG_INFO("持久化：客户端会话已保存 ClientID=%s, 订阅数=%d", client.client_id, peek(client.session.sub_count));
+    LOG_INFO("持久化：客户端会话已保存 ClientID=%s, 订阅数=%d", client.client_id,
+             int32_t{shared(client.session.sub_count)});
 }
 
 // The interval alone decides, not the clean-start flag.

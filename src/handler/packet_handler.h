@@ -135,8 +135,8 @@ int packet_send_will_message(mqtt_client_t *client);
 void packet_start_will_delay(mqtt_client_t *client);
 
 /*
- * Calls off a client's delayed will, as a CONNECT of the same id does; the will itself stays in the record. One INFO
- * line. No callback.
+ * Calls off a client's delayed will; the will itself stays in the record. One INFO line. No callback. A record that is
+ * closed already and waited for this will is not released: it keeps its place until it is closed once more.
  */
 void packet_cancel_will(mqtt_client_t *client);
 

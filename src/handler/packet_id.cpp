@@ -1,4 +1,5 @@
-// packet_id.cpp - the one generator of packet identifiers for everything the broker sends by itself.
+// packet_id.cpp - the one generator of packet identifiers for everything the broker sends by itself. (Messages kept for
+// the absent have identifiers of their own in their file, drawn by persist/offline_messages.cpp.)
 //
 // Hosts can set the seed and so see how often and in which order identifiers are drawn: every caller draws exactly as
 // often as stated.

@@ -61,7 +61,7 @@ enum class Outcome : uint8_t {
 enum class Tracking : uint8_t {
     Never,
     Queued, // in one step with being queued
-    Always, // before, and whether it can be queued or not; also when only the buffer was too small for it
+    Always, // before it is queued, and even if it cannot be; also when the encoded form did not fit the buffer
 };
 
 struct Routing;

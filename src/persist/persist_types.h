@@ -37,7 +37,10 @@ typedef struct {
     uint64_t store_time;  /* wall clock, s; in memory only, 0 after loading */
 } persist_msg_t;
 
-/* A session. All zero but the id = an empty one. */
+/*
+ * A session. All zero but the id = an empty one. Embedded in a client record, it is written under a lock of the
+ * library's own, its will included: will_lock guards the fields of the same names in the record itself.
+ */
 typedef struct {
     char          client_id[PERSIST_ID_CHARS + 1]; /* names the files; not empty, and without '/' if there are any */
     uint8_t       clean_session;                   /* flag (bit 0); while set nothing is written */

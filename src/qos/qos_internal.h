@@ -1,9 +1,9 @@
 // qos_internal.h - the index beside the list of pending deliveries, and one retransmission.
 //
 // The list g_pending_queue is the truth. The index finds an entry by client and identifier, counts a client's entries
-// and unlinks in constant time. It knows the entries that qos_reliable_add_packet made. Before it is believed it is
-// compared with the list: with every entry of a short one, with the head of a long one. Where they differ, a host has
-// edited the list by hand: then the index is dropped, and every operation walks the list until it has run empty.
+// and unlinks in constant time. It knows the entries that track() and send_and_track() made. Before it is believed it is
+// compared with the list: with every entry of a short one, with the head of a long one. Where they differ, a host
+// edited the list by hand: then the index is dropped, and every operation walks the list until that has run empty.
 #ifndef TARN_QOS_QOS_INTERNAL_H
 #define TARN_QOS_QOS_INTERNAL_H
 

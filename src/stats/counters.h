@@ -1,5 +1,7 @@
 // counters.h - what the broker counts: one row a counter. Clearing, reports, JSON and the exported increment follow
-// from the row, and a row that no report shows does not compile (report.cpp).
+// from the row, and a row that no report shows does not compile (report.cpp). Its fields stand in mqtt_stats_t, whose size
+// and offsets are frozen: two gaps of four bytes are left there, behind parse_error and behind pool_usage. What does not
+// fit has to count in a record of its own.
 #ifndef TARN_STATS_COUNTERS_H
 #define TARN_STATS_COUNTERS_H
 
