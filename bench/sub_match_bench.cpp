@@ -8,7 +8,7 @@
 // ratios, measured side by side in this run.
 #include "base/thread.h"
 #include "log/agent_log.h"
-#include "sub/route.h"
+#include "sub/match_list.h"
 #include "sub/sub.h"
 
 #include <benchmark/benchmark.h>
@@ -67,7 +67,7 @@ template <class Search> void run(benchmark::State &state, Kind kind, Search sear
 void register_searches(const char *name, Kind kind)
 {
     static std::vector<sub_entry_t> found(SUB_MATCH_CAPACITY);
-    static tarn::sub::RouteList     routes;
+    static tarn::sub::MatchList     routes;
     const auto                      add = [&](const char *how, auto search) {
         benchmark::RegisterBenchmark((std::string(name) + "/" + how).c_str(),
                                                           [=](benchmark::State &state) { run(state, kind, search); })
@@ -77,7 +77,7 @@ void register_searches(const char *name, Kind kind)
     };
     add("walk", [] { return walk(found); });
     add("match", [] { return sub_match(kTopic, found.data(), SUB_MATCH_CAPACITY); });
-    add("routes", [] { return tarn::sub::match_routes(kTopic, routes); });
+    add("routes", [] { return tarn::sub::list_matches(kTopic, routes); });
 }
 
 // One client leaves a full table, and comes back.
@@ -120,8 +120,8 @@ void print_ratio(const char *name, Kind kind)
 {
     fill(kind, SUB_CAPACITY);
     std::vector<sub_entry_t> found(SUB_MATCH_CAPACITY);
-    tarn::sub::RouteList     routes;
-    const auto               route    = [&] { return tarn::sub::match_routes(kTopic, routes); };
+    tarn::sub::MatchList     routes;
+    const auto               route    = [&] { return tarn::sub::list_matches(kTopic, routes); };
     double                   walk_us  = 1e9;
     double                   index_us = 1e9;
     double                   host_us  = 1e9;
@@ -138,8 +138,8 @@ void print_ratio(const char *name, Kind kind)
 void print_price_of_others()
 {
     constexpr int        kOthers = 9000;
-    tarn::sub::RouteList routes;
-    const auto           route     = [&] { return tarn::sub::match_routes(kTopic, routes); };
+    tarn::sub::MatchList matches;
+    const auto           route     = [&] { return tarn::sub::list_matches(kTopic, routes); };
     double               alone_us  = 1e9;
     double               others_us = 1e9;
     for (int turn = 0; turn < 10; ++turn) {
@@ -175,6 +175,6 @@ int main(int argc, char **argv)
     pthread_t thread;
     if (tarn::start_thread(&thread, "bench", measure, nullptr) != 0)
         return 1;
-    tarn::finish_thread(thread);
+    tarn::join_or_detach(thread);
     return 0;
 }

@@ -25,7 +25,7 @@ public:
 
     void watch(broker_t *broker); // as soon as there is an instance: its events
     void serve(broker_t *broker); // once it serves: consoles, the view
-    void end();                   // when it begins to end: nobody is served any more, the terminal is as it was
+    void end();                   // when it begins to end: serves no console any more and restores the terminal
 
 private:
     void print_statistics();

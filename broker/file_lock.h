@@ -9,7 +9,7 @@ namespace tarn::broker {
 class FileLock {
 public:
     FileLock() = default;
-    ~FileLock(); // gives it back; a file that was made for it stays, since who removes it may remove another one's
+    ~FileLock(); // gives it back; the file stays, because removing it could remove another process's lock
     FileLock(const FileLock &)            = delete;
     FileLock &operator=(const FileLock &) = delete;
 

@@ -1,5 +1,5 @@
-// line_writer.h - lines for a reader who may be slow: whoever has one leaves it in a bounded queue and goes on, a
-// thread of its own writes. Lines that find no room are lost; a line that counts them stands in their place.
+// line_writer.h - lines for a reader who may be slow: write() puts a line into a bounded queue and returns, a thread of
+// its own writes. Lines that find no room are lost; a line that counts them stands in their place.
 #ifndef TARN_BROKER_LINE_WRITER_H
 #define TARN_BROKER_LINE_WRITER_H
 

@@ -1,5 +1,5 @@
 // loop.h - what the main thread does while the library's threads serve: it sleeps until a signal comes, a descriptor
-// can be read or an interval is over, and calls whoever asked for that.
+// can be read or an interval is over, and calls the function registered for it.
 #ifndef TARN_BROKER_LOOP_H
 #define TARN_BROKER_LOOP_H
 

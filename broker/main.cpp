@@ -17,7 +17,7 @@ using namespace tarn::broker;
 int main(int argc, char **argv)
 {
     setvbuf(stdout, nullptr, _IOLBF, 0); // log lines appear as they are written, also in a pipe
-    signal(SIGPIPE, SIG_IGN);            // whoever reads the log may go; the broker stays
+    signal(SIGPIPE, SIG_IGN);            // the reader of the log may go; the broker stays
 
     const std::string_view first = argc > 1 ? argv[1] : "";
     if (first == "passwd")

@@ -172,7 +172,7 @@ std::string ask_for_hash(std::string &hash)
     return hash.empty() ? "the system cannot hash passwords with yescrypt" : "";
 }
 
-// Whoever changes a file of users locks the directory it is in: the file itself is replaced, and may not be there yet.
+// To change a file of users, the directory it is in is locked: the file itself is replaced, and may not be there yet.
 Mistake lock_directory_of(const std::string &path, FileLock &lock)
 {
     const std::string target    = link_target(path);

@@ -142,7 +142,7 @@ void reload_on_signal(Loop &loop, Access &access)
     });
 }
 
-void tell_where_it_serves(int32_t clients)
+void log_where_it_serves(int32_t clients)
 {
     const bool udp = udp_is_open();
     fprintf(stderr, "tarn-broker: serving MQTT 3.1.1 and 5.0 on 0.0.0.0:%d (%s), at most %d clients\n", kPort,
@@ -155,7 +155,7 @@ void tell_where_it_serves(int32_t clients)
 }
 
 // Who sends datagrams is told nothing, so the administrator is.
-void tell_when_udp_closes(Loop &loop)
+void log_when_udp_closes(Loop &loop)
 {
     loop.every(kUdpPeriod, [was_open = udp_is_open()]() mutable {
         if (was_open && !udp_is_open())
@@ -199,7 +199,7 @@ void keep_house(Loop &loop, broker_t *broker, Access &access, RefusalLog &refusa
 
 ExitStatus serve(const Options &options)
 {
-    umask(077);         // what clients said is nobody else's business, whoever makes the file
+    umask(077);         // files hold what clients sent: only this user may read them
     DataDirectory data; // locked until all else is gone
     Access        access(options.user_file, options.acl_file);
     Loop          loop;
@@ -229,8 +229,8 @@ ExitStatus serve(const Options &options)
     DiskWatch     disk;
     const int32_t code = start(broker, options, access, refusals);
     if (code == TARN_OK) {
-        tell_where_it_serves(options.max_clients);
-        tell_when_udp_closes(loop);
+        log_where_it_serves(options.max_clients);
+        log_when_udp_closes(loop);
         warn_of_descriptor_limit(options.max_clients);
         keep_house(loop, broker, access, refusals, disk);
         attachments.serve(broker);

@@ -1,8 +1,8 @@
 // access.h - what the files of users and rules make of a client's wishes. Knows nothing of the library but its limits:
 // guard.h joins the two.
 //
-// Any thread may ask while another one loads: the files' content is replaced as a whole, and who still uses the old one
-// has its share of it.
+// Any thread may ask while another one loads: the files' content is replaced as a whole, and a thread that still uses
+// the old one keeps it alive.
 #ifndef TARN_BROKER_ACCESS_ACCESS_H
 #define TARN_BROKER_ACCESS_ACCESS_H
 
@@ -36,7 +36,7 @@ public:
     // Reads both files. With a mistake in one of them nothing changes.
     Mistake load();
 
-    // What is in order, and yet nobody can have meant.
+    // What is no mistake in the file, but cannot have been meant.
     std::vector<std::string> warnings() const;
 
     // The id is empty when the library will choose one.

@@ -1,8 +1,8 @@
 // bindings.h - which user a client id belongs to.
 //
 // Behind an id stands more than a connection: the library keeps subscriptions and messages by id, after a connection
-// that dropped even those it has deleted from disk, and gives them to whoever connects with the id next. So an id
-// belongs to the first user that connects with it, until nothing of that user's can be behind it any more:
+// that dropped even those it has deleted from disk, and gives them to the next client that connects with the id. So an
+// id belongs to the first user that connects with it, until nothing of that user's can be behind it any more:
 // - with a saved session, as long as the library keeps one, also over restarts (to_text, restore);
 // - with subscriptions, until the process ends;
 // - without any, until the client is offline.

@@ -40,7 +40,7 @@ bool write_whole(int fd, std::string_view text)
     return fsync(fd) == 0;
 }
 
-// A new file beside the old one is owned by whoever runs this; the broker that reads it may be somebody else.
+// A new file belongs to the user who runs this program; the broker that reads it may run as another user.
 bool take_over_owner(int fd, const std::string &path)
 {
     struct stat before, now;

@@ -63,7 +63,7 @@ void kick(broker_t *broker, const Arguments &arguments, Answer &answer)
     answer.take_result(tarn_sdk_mqtt_broker_kick_client(broker, arguments[0].c_str()));
 }
 
-// What the library would cut or hand on unchecked is refused here, where somebody can be told.
+// What the library would cut or hand on unchecked is refused here, where the caller gets an error.
 std::string fault_of_message(const std::string &topic, const std::string &text)
 {
     if (topic.empty() || topic.size() > kTopicMax)

@@ -1,5 +1,5 @@
-// screen.h - what --top shows, as lines of text for a screen of any size; whoever calls draws them. Only the character
-// set of the locale decides what can be shown: nothing else here knows of a terminal.
+// screen.h - what --top shows, as lines of text for a screen of any size; the caller draws them. Only the character set
+// of the locale decides what can be shown: nothing else here knows of a terminal.
 #ifndef TARN_BROKER_VIEW_SCREEN_H
 #define TARN_BROKER_VIEW_SCREEN_H
 

@@ -27,18 +27,18 @@ void housekeeping_turn(broker_t &broker, int64_t now_s);
 // Takes over into the counters what other modules know: clients, subscriptions, retained messages. Nobody waits.
 void update_statistics() noexcept;
 
-// True inside one of the host's callbacks: whoever called it goes on with the instance afterwards.
+// True inside one of the host's callbacks: the library goes on with the instance when the callback returns.
 [[nodiscard]] bool in_callback() noexcept;
 
 // Its body: housekeeping turns until the instance is stopped.
 void *housekeeping_thread(void *broker);
 
 // Starts the instance's housekeeping thread unless it still has one.
-void begin_housekeeping(broker_t &broker);
+void start_housekeeping(broker_t &broker);
 
 // Waits for it to end, after `running` was cleared. False on that very thread, which ends after its turn and is still
 // to be waited for.
-bool end_housekeeping(broker_t &broker);
+bool stop_housekeeping(broker_t &broker);
 
 } // namespace tarn::api
 

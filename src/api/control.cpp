@@ -22,7 +22,7 @@ int32_t tarn_sdk_mqtt_broker_kick_client(broker_t *broker, const char *client_id
     char id[kTextChars + 1]; // the caller's text may be one of the record, which the close frees
     copy_text(id, client_id, kTextChars);
 
-    const client_ref client = find_client_by_cid(id);
+    const client_ref client = find_client_by_id(id);
     if (!client) {
         LOG_WARN("[SDK] kick client not found: %s", id);
         return TARN_E_NOT_FOUND;
@@ -37,7 +37,7 @@ int32_t tarn_sdk_mqtt_broker_kick_client(broker_t *broker, const char *client_id
         return TARN_OK;
     }
     end_with_disconnect(*client);
-    handler::say_disconnect(*client, kAdministrativeAction);
+    handler::send_disconnect(*client, kAdministrativeAction);
     close_seen(*client, state);
     LOG_INFO("[SDK] kick client success: %s", id);
     return TARN_OK;

@@ -49,10 +49,10 @@ void housekeeping_turn(broker_t &broker, int64_t now_s)
         last_retain_clean = now_s;
     }
     if (will_delays_running())
-        client::settle_due_wills(mono_ms());
+        client::publish_due_wills(mono_ms());
 }
 
-void begin_housekeeping(broker_t &broker)
+void start_housekeeping(broker_t &broker)
 {
     if (shared(broker.thread) != 0)
         return;
@@ -61,14 +61,14 @@ void begin_housekeeping(broker_t &broker)
         shared(broker.thread) = thread;
 }
 
-bool end_housekeeping(broker_t &broker)
+bool stop_housekeeping(broker_t &broker)
 {
     const pthread_t thread = shared(broker.thread);
     if (thread == 0)
         return true;
     if (pthread_equal(thread, pthread_self()))
         return false;
-    finish_thread(thread);
+    join_or_detach(thread);
     shared(broker.thread) = 0;
     return true;
 }

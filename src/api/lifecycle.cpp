@@ -1,7 +1,7 @@
 // lifecycle.cpp - create, init, start, stop, deinit, destroy.
 //
-// The tables behind the API belong to the process, so one instance at a time can own the running network layer: the
-// one whose start brought it up, until somebody's deinit. Starting the owner again resumes it: its clients stay.
+// The tables behind the API belong to the process, so one instance at a time owns the running network layer: the one
+// whose start brought it up, until any instance's deinit. Starting the owner again resumes it: its clients stay.
 #include "../base/mutex.h"
 #include "../base/text.h"
 #include "../base/thread.h"
@@ -31,32 +31,32 @@ struct Instance {
 
 // Serialises the calls of this file. A call from a callback only tries: the holder may be waiting for that very thread
 // to end, or be further up on its stack, half-way through a deinit that closes clients.
-constinit Mutex life_mx{};
+constinit Mutex lifecycle_mutex{};
 
-// Under life_mx.
+// Under lifecycle_mutex.
 constinit broker_t *g_owner         = nullptr; // whose start brought the layer up
 constinit bool      g_free_owner    = false;   // destroyed meanwhile, but client records still point to it
 constinit Instance *g_kept          = nullptr; // those that could not be freed, see keep()
 constinit bool      g_left_standing = false;   // a start failed after the layer's threads were up
 
-class LifeLock {
+class LifecycleLock {
 public:
-    LifeLock() NO_LOCK_ANALYSIS : held_(acquire()) {}
-    ~LifeLock() NO_LOCK_ANALYSIS
+    LifecycleLock() NO_LOCK_ANALYSIS : held_(acquire()) {}
+    ~LifecycleLock() NO_LOCK_ANALYSIS
     {
         if (held_)
-            life_mx.unlock();
+            lifecycle_mutex.unlock();
     }
-    LifeLock(const LifeLock &)            = delete;
-    LifeLock &operator=(const LifeLock &) = delete;
-    explicit  operator bool() const { return held_; }
+    LifecycleLock(const LifecycleLock &)            = delete;
+    LifecycleLock &operator=(const LifecycleLock &) = delete;
+    explicit       operator bool() const { return held_; }
 
 private:
     static bool acquire() NO_LOCK_ANALYSIS
     {
         if (api::in_callback() || on_library_thread())
-            return life_mx.try_lock();
-        life_mx.lock();
+            return lifecycle_mutex.try_lock();
+        lifecycle_mutex.lock();
         return true;
     }
     bool held_;
@@ -69,7 +69,7 @@ void clear_callbacks(broker_t &broker)
     poke_release(broker.acl_cb, nullptr);
 }
 
-// For an instance that a caller further up, or another thread, still looks at: it stays for good, emptied. The list
+// For an instance that a caller further up, or another thread, still uses: it stays for good, emptied. The list
 // tells leak checkers that it is not lost.
 void keep(broker_t *broker)
 {
@@ -172,12 +172,12 @@ void tarn_sdk_mqtt_broker_destroy(broker_t *broker)
 {
     if (!broker)
         return;
-    LifeLock life;
+    LifecycleLock life;
     if (!life)
         return; // the host is inside a lifecycle call that needs this instance
     shared(broker->running) = 0;
     clear_callbacks(*broker);
-    if (!api::end_housekeeping(*broker)) {
+    if (!api::stop_housekeeping(*broker)) {
         pthread_detach(pthread_self()); // its own thread: nobody can wait for it any more
         keep(broker);
     } else if (broker == g_owner) {
@@ -192,7 +192,7 @@ int32_t tarn_sdk_mqtt_broker_init(broker_t *broker)
 {
     if (!is_instance(broker))
         return TARN_E_PARAM;
-    LifeLock life;
+    LifecycleLock life;
     if (!life)
         return TARN_E_BUSY;
     const agent_log_config_t config = {
@@ -223,7 +223,7 @@ int32_t tarn_sdk_mqtt_broker_start(broker_t *broker, int32_t port, int32_t max_c
         LOG_ERROR("[SDK] invalid max clients: %d", max_clients);
         return TARN_E_PARAM;
     }
-    LifeLock life;
+    LifecycleLock life;
     if (!life)
         return TARN_E_BUSY;
     if (const int32_t result = start_layer(*broker, max_clients); result != TARN_OK)
@@ -232,12 +232,12 @@ int32_t tarn_sdk_mqtt_broker_start(broker_t *broker, int32_t port, int32_t max_c
     shared(broker->port)        = port;
     shared(broker->max_clients) = max_clients;
     if (!shared(broker->running)) {
-        (void)api::end_housekeeping(*broker); // a stop inside a callback may have left it
+        (void)api::stop_housekeeping(*broker); // a stop inside a callback may have left it
         shared(broker->running) = 1;
     }
     // Before the first turn's report: lines that meet are lost.
     LOG_INFO("[SDK] start success, listen 0.0.0.0:%d", port);
-    api::begin_housekeeping(*broker);
+    api::start_housekeeping(*broker);
     return TARN_OK;
 }
 
@@ -247,9 +247,9 @@ int32_t tarn_sdk_mqtt_broker_stop(broker_t *broker)
         return TARN_E_PARAM;
     shared(broker->running) = 0;
     {
-        LifeLock life;
+        LifecycleLock life;
         if (life)
-            (void)api::end_housekeeping(*broker);
+            (void)api::stop_housekeeping(*broker);
     }
     LOG_INFO("[SDK] broker stopped");
     return TARN_OK;
@@ -259,7 +259,7 @@ void tarn_sdk_mqtt_broker_deinit(broker_t *broker)
 {
     if (!is_instance(broker))
         return;
-    LifeLock life;
+    LifecycleLock life;
     if (!life)
         return;
     net::stop();

@@ -65,7 +65,7 @@ int32_t tarn_sdk_mqtt_broker_get_client_info(broker_t *broker, const char *clien
 {
     if (!is_instance(broker) || !client_id || !info)
         return TARN_E_PARAM;
-    const client_ref client = find_client_by_cid(client_id);
+    const client_ref client = find_client_by_id(client_id);
     if (!client)
         return TARN_E_NOT_FOUND;
     if (client->broker != broker) {

@@ -116,7 +116,7 @@ template <class T> inline value_of<T> bump(T &shared, std::type_identity_t<value
     return std::atomic_ref(PlainOf<T>::of(shared)).fetch_add(by, std::memory_order_relaxed);
 }
 
-// Swaps with acquire and release: whoever sees the old value saw everything before the last swap.
+// Swaps with acquire and release: a thread that gets the old value sees everything that was done before it was set.
 template <class T> [[nodiscard]] inline value_of<T> swap_in(T &shared, std::type_identity_t<value_of<T>> value) noexcept
 {
     return std::atomic_ref(PlainOf<T>::of(shared)).exchange(value, std::memory_order_acq_rel);

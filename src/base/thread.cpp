@@ -69,7 +69,7 @@ bool on_library_thread() noexcept
     return t_library_thread;
 }
 
-void finish_thread(pthread_t handle) noexcept
+void join_or_detach(pthread_t handle) noexcept
 {
     if (pthread_equal(handle, pthread_self()))
         pthread_detach(handle);

@@ -15,7 +15,7 @@ int start_thread(pthread_t *handle, const char *name, void *(*body)(void *), voi
 bool on_library_thread() noexcept;
 
 // Waits for a thread to end; a thread that would wait for itself is detached instead.
-void finish_thread(pthread_t handle) noexcept;
+void join_or_detach(pthread_t handle) noexcept;
 
 } // namespace tarn
 

@@ -4,7 +4,7 @@
 
 namespace tarn::client {
 
-void refuse_keepalive(uint32_t handle, int state) noexcept
+void log_wrong_keepalive(uint32_t handle, int state) noexcept
 {
     LOG_ERROR("client_set_keepalive: 无效客户端实例（handle=0x%08X, state=%d）", handle, state);
 }
@@ -17,11 +17,11 @@ void set_keepalive(mqtt_client_t &client, uint16_t seconds) noexcept
     const uint32_t handle = client.handle;
     const uint32_t state  = client.state;
     if (state == CLIENT_CLOSED || handle == NETIP_NO_HANDLE)
-        return refuse_keepalive(handle, static_cast<int>(state));
+        return log_wrong_keepalive(handle, static_cast<int>(state));
 
     const uint32_t keepalive_ms = seconds != 0 ? seconds * 1000u : uint32_t{CLIENT_KEEPALIVE_0_MS};
     {
-        ScopedLock lock(lock_of_handle(handle));
+        ScopedLock lock(mutex_of_handle(handle));
         client.keepalive_ms = keepalive_ms;
         client.last_active  = mono_ms();
     }

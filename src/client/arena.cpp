@@ -21,7 +21,7 @@ constexpr size_t whole_pages(size_t bytes)
 constexpr size_t kBlockBytes = whole_pages(CLIENT_BLOCK_RECORDS * sizeof(mqtt_client_t));
 constexpr size_t kRingBytes  = whole_pages(CLIENT_SEND_SLOTS * sizeof(client_send_slot_t));
 
-constinit Mutex               g_reserve_mx{};
+constinit Mutex               g_reserve_mutex{};
 constinit std::atomic<char *> g_records{nullptr};
 constinit std::atomic<char *> g_rings{nullptr};
 
@@ -39,7 +39,7 @@ char *reserved(std::atomic<char *> &area, size_t bytes, int protection) noexcept
 {
     if (char *const there = area.load(std::memory_order_acquire))
         return there;
-    ScopedLock lock(g_reserve_mx);
+    ScopedLock lock(g_reserve_mutex);
     if (!area.load(std::memory_order_relaxed))
         area.store(reserve(bytes, protection), std::memory_order_release);
     return area.load(std::memory_order_relaxed);

@@ -20,14 +20,14 @@ uint8_t on_connected(uint32_t handle)
 }
 
 // QUIRK(end-of-old-connection): a client that comes back before the end of its old connection was seen, which over a
-// wireless link is the ordinary case (FIN or RST come late), has that end settle what is now the new connection's: the
-// subscriptions where the old session was a clean one, the unacknowledged deliveries in any case, and the files of a
-// session to be kept that is of 3.1.1 or has no expiry interval, although the state belongs to the client that is there
-// [MQTT-3.1.3-2, MQTT-4.1.0-1]. A new connection without its subscriptions stays, gets its PINGRESP and hears nothing.
-// A client helps itself by subscribing again a while after each connect, and from time to time. A host ends the old
-// connection first: its authentication callback, once it accepts the client, calls tarn_sdk_mqtt_broker_kick_client()
-// with the id, which at that moment is still the old connection's; in the event callback it would be the new one's.
-// That publishes the old connection's will and ends a saved 3.1.1 session.
+// wireless link is the ordinary case (FIN or RST come late), loses state of its new connection when that end is seen:
+// the subscriptions if the old session was a clean one, the unacknowledged deliveries always, and the files of a kept
+// session if it is of 3.1.1 or has no expiry interval. They belong to the client that is connected [MQTT-3.1.3-2,
+// MQTT-4.1.0-1]. A new connection without its subscriptions stays, gets its PINGRESP and hears nothing. A client helps
+// itself by subscribing again a while after each connect, and from time to time. A host ends the old connection first:
+// its authentication callback, once it accepts the client, calls tarn_sdk_mqtt_broker_kick_client() with the id, which
+// at that moment is still the old connection's; in the event callback it would be the new one's. That publishes the old
+// connection's will and ends a saved 3.1.1 session.
 //   test: reconnect.the_old_connections_end_takes_the_subscriptions_of_the_new_one,
 //   reconnect.the_old_connections_end_takes_the_deliveries_of_the_new_one,
 //   reconnect.the_old_connections_end_takes_the_files_of_the_new_one,

@@ -153,8 +153,8 @@ void mqtt_stop_send_thread(void);
 /* ---------------------------------------------------------------------------------------------- closing and silence */
 
 /*
- * Closes a client: settles its saved session, starts its will unless it said DISCONNECT [MQTT-3.14.4-3], takes it out
- * of both tables, closes its connection and releases the record. With a will the record stays CLIENT_WILL_PENDING,
+ * Closes a client: saves or deletes its session, starts its will unless it said DISCONNECT [MQTT-3.14.4-3], takes it
+ * out of both tables, closes its connection and releases the record. With a will the record stays CLIENT_WILL_PENDING,
  * until the will's delay is over, or for good when it had none. Subscriptions stay.
  *
  *   client    null, and one that is CLIENT_CLOSED or being closed by another thread, gets a DEBUG line at most

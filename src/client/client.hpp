@@ -1,10 +1,9 @@
 // client.hpp - client records, for the other modules of the library. Hosts have the same as client.h: client_c.cpp turns
 // away null pointers, pins, calls this, and makes plain numbers of the results.
 //
-// A record is never freed, only released and used again; a pin keeps the texts and the ring of the record one saw from
-// changing owner underneath. What finds a record here pins it in the same step, and who calls a function with a record
-// holds a pin of it, where nothing else is said. A record outside the pool (a caller's own) has no guard: pins of it do
-// nothing.
+// A record is never freed, only released and used again for another client. A pin prevents that: texts and ring stay
+// this client's while it lasts. Every function that finds a record pins it in the same step. A caller that passes a
+// record holds a pin of it, where nothing else is said. Pins of a record outside the pool (a caller's own) do nothing.
 //
 // No pointer may be null where nothing else is said. Locks are as client.h says.
 #ifndef TARN_CLIENT_CLIENT_HPP
@@ -39,15 +38,15 @@ private:
     mqtt_client_t *client_ = nullptr;
 };
 
-// True from the moment a pool record is being released until it is used again: what others added for it would be lost
-// or reach its next owner. Never true for a record outside the pool.
+// True from the release of a pool record until it is used again. What is added for it meanwhile would be lost or reach
+// the next client. Never true for a record outside the pool.
 [[nodiscard]] bool is_released(const mqtt_client_t *client) noexcept;
 
 // ---- finding (lookup.cpp, pool.cpp)
 
 // As client.h says, found and pinned in one step under the table's lock.
 client_ref find_client_by_handle(uint32_t handle) noexcept;
-client_ref find_client_by_cid(const char *client_id) noexcept;
+client_ref find_client_by_id(const char *client_id) noexcept;
 
 // The next used record in pool order at or after `index` (0 at first), pinned; empty at the end. `index` is moved
 // behind it.
@@ -65,11 +64,11 @@ client_id_text id_of(mqtt_client_t &client) noexcept;
 
 // Lock that guards the embedded session record against a second thread; held for writes of `session` and for saving
 // it, never across a callback. For a record outside the pool a lock that all such records share.
-Mutex &session_lock(const mqtt_client_t &client) noexcept;
+Mutex &session_mutex(const mqtt_client_t &client) noexcept;
 
-// Zeroes the embedded session record, touching only memory that was written before. session_lock held.
+// Zeroes the embedded session record, touching only memory that was written before. session_mutex held.
 void clear_session(mqtt_client_t &client) noexcept;
-// To be told before subs[] or msgs[] is filled up to these counts by other means than clear_session's callers know.
+// To be called before subs[] or msgs[] is filled up to these counts, so that clear_session knows how much to zero.
 void session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg_count) noexcept;
 
 // ---- its life (life.cpp; close_seen: close.cpp)
@@ -83,14 +82,14 @@ void session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg_count
 // Makes the record logged in, unless it was closed meanwhile (false).
 [[nodiscard]] bool mark_logged_in(mqtt_client_t &client) noexcept;
 
-// Closes a client that the caller saw in this state: returns when another thread has closed it since, also when that one
-// has parked it.
+// Closes a client that the caller saw in this state. Does nothing if another thread has closed it since, even if the
+// record still waits for its will.
 void close_seen(mqtt_client_t &client, uint32_t seen_state) noexcept;
 
 namespace client {
 
-// The right to close a client or to settle its will: one thread at a time has it, and looks again at what it saw before.
-// For a record outside the pool everybody has it.
+// The right to close a client, or to end its wait for a delayed will. One thread at a time has it; it checks again what
+// it saw before it had the claim. For a record outside the pool every thread gets it.
 class Claim {
 public:
     explicit Claim(mqtt_client_t &client) noexcept; // takes it, if nobody has it. The caller's pin lasts longer.
@@ -106,10 +105,10 @@ private:
 };
 
 // Ends a record that waits for its will: out of both tables, CLOSED, no longer counted as delayed, released.
-void release_parked(const Claim &claim) noexcept;
+void end_wait(const Claim &claim) noexcept;
 
-// The same for a pool record whose delay was called off while another thread parked it or looked at it; no scan would
-// ever take it. CONNECT calls this after it called the delay off, and ~Claim for what happened while it held the record.
+// The same for a pool record whose delay was called off while another thread was about to let it wait or had the claim;
+// no scan would find it any more. CONNECT calls this after it called the delay off, and ~Claim for what happened while it lasted.
 // Takes will_lock.
 void release_called_off(mqtt_client_t &client) noexcept;
 
@@ -121,7 +120,7 @@ void release_called_off(mqtt_client_t &client) noexcept;
 [[nodiscard]] bool will_delays_running() noexcept;
 
 // False while no closed client waits for its delayed will: what CONNECT asks before it looks for one to cancel.
-[[nodiscard]] bool wills_are_parked() noexcept;
+[[nodiscard]] bool wills_are_delayed() noexcept;
 
 // ---- sending (send_ring.cpp)
 
@@ -134,13 +133,14 @@ struct PacketParts {
 // Queues the packet and sees to its sending; 0, or 0xFFFFFFFF when it was dropped.
 uint32_t send_to(mqtt_client_t &client, const PacketParts &packet) noexcept;
 
-// The same in two steps, for who has to do something before the packet may leave: who queued it (result 0) sees to its
-// sending soon.
+// The same in two steps, for callers that have something to do before the packet may leave: after queue_packet returned
+// 0 they call see_to_sending soon.
 uint32_t queue_packet(mqtt_client_t &client, const PacketParts &packet) noexcept;
 void     see_to_sending(mqtt_client_t &client) noexcept;
 
-// The next DISCONNECT that is queued for this client is the last packet sent to it: the caller closes it then, and what
-// is queued meanwhile, its own will for one, stays in the ring. A record outside the pool is sent all.
+// Makes the next DISCONNECT that is queued for this client the last packet sent to it; the caller closes the client
+// next. What is queued behind it, such as the client's own will, stays in the ring. To a record outside the pool
+// everything is sent.
 void end_with_disconnect(mqtt_client_t &client) noexcept;
 
 // Sends what is queued for this client now, on the calling thread, as far as the socket takes it.
@@ -181,7 +181,7 @@ void set_will_properties(mqtt_client_t &client, const WillProperties &properties
 
 void     note_active(mqtt_client_t &client) noexcept;                           // needs no pin
 uint32_t close_silent(uint64_t now_ms, uint32_t default_threshold_ms) noexcept; // a turn; returns how many
-void     settle_due_wills(uint64_t now_ms) noexcept;
+void     publish_due_wills(uint64_t now_ms) noexcept;
 
 // ---- all clients (client_list.cpp)
 

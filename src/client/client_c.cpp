@@ -44,7 +44,7 @@ mqtt_client_t *client_find_by_handle(uint32_t handle)
 
 mqtt_client_t *client_find_by_cid(const char *client_id)
 {
-    return client_id ? find_client_by_cid(client_id).get() : nullptr;
+    return client_id ? find_client_by_id(client_id).get() : nullptr;
 }
 
 // ---- sending
@@ -92,7 +92,7 @@ void client_set_keepalive(mqtt_client_t *client, uint16_t seconds)
     if (client)
         set_keepalive(*client, seconds);
     else
-        refuse_keepalive(0, -1);
+        log_wrong_keepalive(0, -1);
 }
 
 void client_update_active(mqtt_client_t *client)
@@ -108,7 +108,7 @@ void client_set_will_msg(mqtt_client_t *client, const char *topic, const uint8_t
 {
     const Will will{topic, payload, payload_len, qos, retain};
     if (!client || !topic)
-        return refuse_will(client, will);
+        return log_wrong_will(client, will);
     const client_ref pin(client);
     set_will(*client, will);
 }
@@ -124,12 +124,12 @@ void client_set_will_enhance(mqtt_client_t *client, uint32_t delay_s, uint32_t e
 
 void client_will_delay_scan(void)
 {
-    settle_due_wills(mono_ms());
+    publish_due_wills(mono_ms());
 }
 
 void client_clean_expired_sessions(void)
 {
-    purge_expired_sessions();
+    delete_expired_sessions();
 }
 
 // ---- queries

@@ -5,22 +5,22 @@
 
 namespace tarn::client {
 
-Mutex &id_lock(const mqtt_client_t &client) noexcept
+Mutex &id_mutex(const mqtt_client_t &client) noexcept
 {
-    return guards_of(client).id_mx;
+    return guards_of(client).id_mutex;
 }
 
 client_id_text stored_id(const mqtt_client_t &client) noexcept
 {
     client_id_text id;
-    ScopedLock     lock(id_lock(client));
+    ScopedLock     lock(id_mutex(client));
     copy_text(id.text, client.client_id, sizeof id.text - 1);
     return id; // cppcheck-suppress uninitvar ; copy_text wrote it
 }
 
 void store_id(mqtt_client_t &client, const char *client_id) noexcept
 {
-    ScopedLock lock(id_lock(client));
+    ScopedLock lock(id_mutex(client));
     copy_text(client.client_id, client_id, CLIENT_ID_CHARS);
 }
 

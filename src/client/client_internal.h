@@ -4,8 +4,8 @@
 // The exported records and arrays are the truth. What stands here is hidden state by pool index; a record outside the
 // pool has none of its own, and every guard lets it pass.
 //
-// Locks, outermost first: one of g_client_mgr.locks; data_mx; send_lock or will_lock of one record; leaves pool_mx,
-// bucket_mx, id_mx. None is ever destroyed.
+// Locks, outermost first: one of g_client_mgr.locks; session_mutex; send_lock or will_lock of one record; leaves
+// pool_mutex, bucket_mutex, id_mutex. None is ever destroyed.
 #ifndef TARN_CLIENT_CLIENT_INTERNAL_H
 #define TARN_CLIENT_CLIENT_INTERNAL_H
 
@@ -24,43 +24,43 @@ constexpr int32_t  kOutside   = -1; // pool index of a record that is not in the
 
 // ---- guards beside a record (pins.cpp)
 
-extern Mutex bucket_mx; // entries of by_cid, and the chains behind them
+extern Mutex bucket_mutex; // entries of by_cid, and the chains behind them
 
 // The DISCONNECT of the broker's that ends a connection; see end_with_disconnect().
 enum class LastPacket : uint8_t { None, Announced, Queued };
 
 // What stands beside the pins in Side::hold.
 enum Mark : uint32_t {
-    kClaimed  = 1u << 28, // one thread closes the client or settles its will
-    kParked   = 1u << 29, // waits for its delayed will and is counted in will_scan.cpp
-    kReleased = 1u << 30, // its life is over; the last unpin wipes the texts and frees the slot
-    kWiping   = 1u << 31, // nobody may pin
+    kClaimed     = 1u << 28, // one thread closes the client or ends its wait for a will
+    kWillDelayed = 1u << 29, // waits for its delayed will and is counted in will_scan.cpp
+    kReleased    = 1u << 30, // its life is over; the last unpin wipes the texts and frees the place
+    kWiping      = 1u << 31, // nobody may pin
 };
 
 struct Side {
-    std::atomic<uint32_t> hold;          // pins and marks: see pins.cpp
-    Shared<uint32_t>      generation;    // of the connection the record was made for, 0 = unknown
-    Shared<uint32_t>      blocked_round; // the I/O round in which its socket took nothing
-    std::atomic<uint8_t>  listed;        // in the send list
-    std::atomic<uint8_t>  waits;         // its socket took no more, and the send thread tries again
-    std::atomic<uint8_t>  refusals;      // failed sends in a row, other than "would block"
-    uint8_t               flushing;      // one thread sends from the ring; send_lock
-    Shared<uint8_t>       ring_used;     // slots written since its pages were given back; written under send_lock
-    LastPacket            last_packet;   // send_lock
-    uint8_t               sent_until;    // with LastPacket::Queued: slot behind the last that is sent; send_lock
-    std::atomic<int32_t>  next_listed;   // behind it in the send list: index + 1, 0 = end
-    std::atomic<int32_t>  subs_high;     // session.subs[] and .msgs[] are zero from here on
+    std::atomic<uint32_t> pins_and_marks; // pins and marks: see pins.cpp
+    Shared<uint32_t>      generation;     // of the connection the record was made for, 0 = unknown
+    Shared<uint32_t>      blocked_round;  // the I/O round in which its socket took nothing
+    std::atomic<uint8_t>  listed;         // in the send list
+    std::atomic<uint8_t>  awaits_retry;   // its socket took no more, and the send thread tries again
+    std::atomic<uint8_t>  refusals;       // failed sends in a row, other than "would block"
+    uint8_t               flushing;       // one thread sends from the ring; send_lock
+    Shared<uint8_t>       ring_used;      // slots written since its pages were given back; written under send_lock
+    LastPacket            last_packet;    // send_lock
+    uint8_t               sent_until;     // with LastPacket::Queued: slot behind the last that is sent; send_lock
+    std::atomic<int32_t>  next_listed;    // behind it in the send list: index + 1, 0 = end
+    std::atomic<int32_t>  subs_high;      // session.subs[] and .msgs[] are zero from here on
     std::atomic<int32_t>  msgs_high;
-    int32_t bucket        GUARDED_BY(bucket_mx); // whose chain the record is in, + 1; 0 = in none
-    int32_t newer         GUARDED_BY(bucket_mx); // its neighbours there: index + 1, 0 = end
-    int32_t older         GUARDED_BY(bucket_mx);
-    Mutex                 data_mx; // the embedded session record
-    Mutex                 id_mx;   // client_id and ip
+    int32_t bucket        GUARDED_BY(bucket_mutex); // whose chain the record is in, + 1; 0 = in none
+    int32_t newer         GUARDED_BY(bucket_mutex); // its neighbours there: index + 1, 0 = end
+    int32_t older         GUARDED_BY(bucket_mutex);
+    Mutex                 session_mutex; // the embedded session record
+    Mutex                 id_mutex;      // client_id and ip
 };
 
 int32_t index_of(const mqtt_client_t *client) noexcept; // pool index, or kOutside
 Side   *side_of(const mqtt_client_t *client) noexcept;  // null outside the pool
-// The same for who needs no more than a lock, or reads: all records outside the pool share one, zero but for its locks.
+// The same, but all records outside the pool share one. Only its locks are used; the rest of it stays zero.
 Side          &guards_of(const mqtt_client_t &client) noexcept;
 Side          &side_at(int32_t index) noexcept;
 mqtt_client_t *record_at(int32_t index) noexcept;
@@ -77,14 +77,14 @@ void               wipe_done(int32_t index) noexcept;
 
 // ---- the id's text (client_id.cpp)
 
-Mutex &id_lock(const mqtt_client_t &client) noexcept;
+Mutex &id_mutex(const mqtt_client_t &client) noexcept;
 // The id as it stands in the record, also after release; id_of() shows a released record's as empty.
 client_id_text stored_id(const mqtt_client_t &client) noexcept;
 void           store_id(mqtt_client_t &client, const char *client_id) noexcept;
 
 // ---- the embedded session record (session.cpp)
 
-// Forgets whose session the record's is: id, will flag and counts. The lists stay for clear_session to find.
+// Clears id, will flag and counts, so that the session is nobody's. The lists stay as they are until clear_session.
 void empty_session(mqtt_client_t &client) noexcept;
 // Of a record whose memory reads as zero again.
 void forget_written(Side &side) noexcept;
@@ -103,21 +103,21 @@ void trim_ring(mqtt_client_t &client) noexcept REQUIRES(client.send_lock);
 
 // ---- the pool (pool.cpp)
 
-extern Mutex pool_mx; // the block list, used flags and counts
+extern Mutex pool_mutex; // the block list, used flags and counts
 
 // A record's place in its block. Empty for a record of no block.
-struct Slot {
+struct Place {
     client_pool_block_t *block = nullptr;
     int32_t              at    = 0;
     explicit             operator bool() const { return block != nullptr; }
     mqtt_client_t       &record() const { return block->records[at]; }
     Shared<uint8_t>     &used_flag() const { return block->used_flags[at]; }
 };
-Slot slot_of(const mqtt_client_t &client) noexcept;
+Place place_of(const mqtt_client_t &client) noexcept;
 
-enum class Taken { Slot, TableFull, NoSlot };
-Taken take_slot(Slot &slot, int32_t &used_count) noexcept EXCLUDES(pool_mx); // the lowest free one
-void  give_slot_back(const Slot &slot) noexcept EXCLUDES(pool_mx);
+enum class Taken { Place, TableFull, NoPlace };
+Taken take_place(Place &place, int32_t &used_count) noexcept EXCLUDES(pool_mutex); // the lowest free one
+void  give_place_back(const Place &place) noexcept EXCLUDES(pool_mutex);
 
 [[nodiscard]] bool make_block_list() noexcept;         // empty, with room for the largest pool; false without memory
 [[nodiscard]] bool fill_pool(int32_t blocks) noexcept; // false without memory for that many blocks
@@ -133,20 +133,20 @@ mqtt_client_t *next_flagged(int32_t &place) noexcept;
 // ---- tables (lookup.cpp)
 
 uint32_t hash_of(const char *client_id) noexcept;
-Mutex   &lock_of_handle(uint32_t handle) noexcept;
+Mutex   &mutex_of_handle(uint32_t handle) noexcept;
 // Takes the edge, under the lock of its handle, and the record out of both tables, where the entries are its own.
 void leave_tables(mqtt_client_t &client, const Edge &edge) noexcept;
 void clear_tables() noexcept;
 
 // ---- records that share an entry of by_cid (id_buckets.cpp)
 
-// Makes the record the one its bucket's entry names. One that was closed since its state was `seen_state` is left as it
-// is: its closing has passed the tables already.
+// Makes the bucket's entry name this record. Does nothing if the client was closed since its state was `seen_state`,
+// because the close has left the tables already and would not remove the entry again.
 void enter_bucket(mqtt_client_t &client, uint32_t hash, uint32_t seen_state) noexcept;
-// Out of the chain it is in. The entry of that bucket, if it is the record's, goes to the online record set last before
-// it; without one it stays.
+// Takes the record out of its chain. If the bucket's entry names it, the newest online record of the chain gets the
+// entry; if there is none, the entry stays.
 void leave_chain(mqtt_client_t &client) noexcept;
-// Takes the entry of this bucket, if it is the record's: for the online record set last, or null.
+// If the bucket's entry names this record, gives it to the newest online record of the chain, or sets it to null.
 void leave_entry(mqtt_client_t &client, uint32_t hash) noexcept;
 void clear_buckets() noexcept;
 
@@ -163,7 +163,7 @@ enum class Flushed {
 Flushed flush_ring(mqtt_client_t &client, bool online_only) noexcept;
 // The same, never Busy: waits for another thread's flush, which is one non-blocking write and may have looked before
 // the latest packets came.
-Flushed flush_in_turn(mqtt_client_t &client, bool online_only) noexcept;
+Flushed flush_when_free(mqtt_client_t &client, bool online_only) noexcept;
 // Returns when no thread is sending from this ring. Nobody starts again once the client is not online.
 void wait_for_flusher(mqtt_client_t &client) noexcept;
 // Frees the ring, now or when the thread that sends from it is done.
@@ -190,7 +190,7 @@ template <class Serve> void drain_send_list(Serve serve)
 
 void start_send_thread() noexcept;                // unless it runs
 void stop_send_thread() noexcept;                 // waits for it
-void hand_to_send_thread(int32_t index) noexcept; // lists the record and wakes the thread, unless it waits there
+void hand_to_send_thread(int32_t index) noexcept; // lists the record and wakes the thread, unless it awaits a retry
 void wake_send_thread() noexcept;                 // it drains the list
 // What this flush left in the ring is the send thread's.
 void hand_over_rest(mqtt_client_t &client, Flushed result) noexcept;
@@ -208,15 +208,15 @@ bool rounds_are_watched(int &quiet_turns) noexcept;
 // ---- wills and scans (will_store.cpp, will_scan.cpp, timeout_scan.cpp)
 
 void free_will_texts(mqtt_client_t &client) noexcept REQUIRES(client.will_lock);
-void note_parked(mqtt_client_t &client, uint64_t due_at_ms) noexcept;
-void note_unparked(mqtt_client_t &client) noexcept;
+void count_delayed_will(mqtt_client_t &client, uint64_t due_at_ms) noexcept;
+void uncount_delayed_will(mqtt_client_t &client) noexcept;
 
-void purge_expired_sessions() noexcept; // session_purge.cpp
+void delete_expired_sessions() noexcept; // expired_sessions.cpp
 
 // ---- the lines of wrong arguments, null pointers among them (activity.cpp, will_store.cpp)
 
-void refuse_keepalive(uint32_t handle, int state) noexcept;
-void refuse_will(const mqtt_client_t *client, const Will &asked) noexcept;
+void log_wrong_keepalive(uint32_t handle, int state) noexcept;
+void log_wrong_will(const mqtt_client_t *client, const Will &asked) noexcept;
 
 } // namespace tarn::client
 

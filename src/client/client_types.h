@@ -123,7 +123,7 @@ typedef struct {
 typedef struct {
     /* the pool; changes under a lock of the library's own; any thread */
     TARN_SHARED(client_pool_block_t *) blocks;      /* owned by the manager; null while it is down */
-    TARN_SHARED(int32_t)               block_count; /* entries of blocks; whoever sees the count sees the blocks */
+    TARN_SHARED(int32_t)               block_count; /* entries of blocks; seeing the count means seeing the blocks */
     TARN_SHARED(int32_t)               capacity;    /* records in them */
     TARN_SHARED(int32_t)               used_count;  /* records in use, at most g_mqtt_max_clients */
 

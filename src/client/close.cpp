@@ -1,4 +1,4 @@
-// close.cpp - the one way a client leaves the online states, whoever closes it and why.
+// close.cpp - closing a client: the one way out of the online states, for every caller and reason.
 //
 // Closing decides, in this order: what becomes of the saved session, whether the will starts, and whether the record is
 // free now or waits for a delayed will. One thread closes a record; files, callbacks and the network are used with no
@@ -21,12 +21,12 @@ void keep_session_until(mqtt_client_t &client, const client_id_text &id, uint32_
 {
     const uint64_t deadline_s = static_cast<uint64_t>(wall_s()) + interval_s;
     {
-        ScopedLock lock(lock_of_handle(client.handle));
+        ScopedLock lock(mutex_of_handle(client.handle));
         client.session_expiry_deadline = deadline_s;
     }
     LOG_INFO("[MQTT5] 会话已设置过期: %s, 剩余=%u秒, 截止=%llu", id.text, interval_s,
              static_cast<unsigned long long>(deadline_s));
-    ScopedLock lock(session_lock(client));
+    ScopedLock lock(session_mutex(client));
     client.session.session_expiry_interval = interval_s;
     client.session.session_expiry_deadline = deadline_s;
     persist::save(client.session, PERSIST_SESSION);
@@ -43,7 +43,7 @@ void keep_session_until(mqtt_client_t &client, const client_id_text &id, uint32_
 // QUIRK(clean-start-without-expiry): a 5.0 client that starts clean gets no deadline and its session is not saved,
 // whatever expiry interval it gave [MQTT-3.1.2-23 of 5.0]. Clean stands for the whole session here, as in 3.1.1.
 //   test: Close.a_clean_session_has_no_deadline
-void settle_session(mqtt_client_t &client, const client_id_text &id)
+void save_or_delete_session(mqtt_client_t &client, const client_id_text &id)
 {
     if (client.clean_session || client.disconnect_received)
         return;
@@ -66,7 +66,7 @@ bool will_is_due(mqtt_client_t &client)
 }
 
 // QUIRK(will-outlives-session): a delayed will waits for its delay even if the session ends before, as it does at once
-// with an expiry interval of 0 [MQTT-3.1.2-8 of 5.0]. Session and will are settled apart.
+// with an expiry interval of 0 [MQTT-3.1.2-8 of 5.0]. Session and will end independently.
 //   test: Close.a_will_waits_although_its_session_is_deleted
 void start_will(mqtt_client_t &client, const client_id_text &id)
 {
@@ -76,10 +76,10 @@ void start_will(mqtt_client_t &client, const client_id_text &id)
     bump(g_will_delay_client_count);
     handler::start_will(client); // while it is online: it may be one of the receivers
     if (peek(client.will_delay_pending))
-        note_parked(client, peek(client.will_delay_deadline));
+        count_delayed_will(client, peek(client.will_delay_deadline));
 }
 
-// A parked record is not sent to any more; its ring need not keep its pages.
+// Nothing is sent any more to a record that waits for its will, so the ring's memory can go back.
 void give_back_ring_pages(mqtt_client_t &client)
 {
     wait_for_flusher(client);
@@ -91,8 +91,8 @@ void give_back_ring_pages(mqtt_client_t &client)
 // ends, as if the will were still to come [MQTT-3.1.2-10]. When so many clients have gone like that, no new one is
 // taken: "Client pool full, max=%d". With a Will Delay Interval of a second or more (5.0) the place is free after the
 // delay; else make max_clients large enough for the clients and all the wills between two restarts.
-//   test: Close.a_will_without_delay_parks_its_record_for_good, limits.a_published_will_keeps_the_place_of_its_client
-void park(mqtt_client_t &client, const client_id_text &id)
+//   test: Close.a_will_without_delay_keeps_its_record_for_good, limits.a_published_will_keeps_the_place_of_its_client
+void go_offline_with_will(mqtt_client_t &client, const client_id_text &id)
 {
     start_will(client, id);
     go_offline(client);
@@ -102,15 +102,15 @@ void park(mqtt_client_t &client, const client_id_text &id)
 
 // QUIRK(closed-keeps-subscriptions): a client that the broker closes, for its silence or because the host kicks it,
 // leaves its subscriptions in the table, those of a clean session too, which should end with the connection
-// [MQTT-3.1.2-6 of 3.1.1, MQTT-4.1.0-2]. They take up room there, and work again for whoever comes with the id and
-// without a clean session. Clients with clean sessions keep to them and to ids of their own.
+// [MQTT-3.1.2-6 of 3.1.1, MQTT-4.1.0-2]. They take up room there, and work again for the next client that comes with
+// the id and without a clean session. A client with clean sessions should always ask for one, under an id of its own.
 //   test: host.a_kicked_client_leaves_its_subscriptions, close_table.every_kind_of_client_every_way_and_every_will
-void free_now(mqtt_client_t &client, const client_id_text &id)
+void go_offline_for_good(mqtt_client_t &client, const client_id_text &id)
 {
     LOG_WARN("[FREE-NORMAL] 客户端正常关闭: %s", id.text);
     go_offline(client);
     const bool released = release_record(client);
-    (void)step(client, kSettle); // one that cannot be released, such as a caller's own
+    (void)step(client, kEndWait); // one that cannot be released, such as a caller's own
     LOG_DEBUG("[遗嘱调试][客户端关闭完成] ClientID=%s, 状态改为CLOSED", released ? "" : id.text);
 }
 
@@ -118,11 +118,11 @@ void close_claimed(mqtt_client_t &client)
 {
     const client_id_text id = stored_id(client);
     LOG_DEBUG("[MQTT5] Client close: max_packet_size=%u, client=%s", uint32_t{client.max_packet_size}, id.text);
-    settle_session(client, id);
+    save_or_delete_session(client, id);
     if (will_is_due(client))
-        park(client, id);
+        go_offline_with_will(client, id);
     else
-        free_now(client, id);
+        go_offline_for_good(client, id);
 }
 
 } // namespace
@@ -133,7 +133,7 @@ using namespace tarn;
 using namespace tarn::client;
 
 // A record that waits for its will may be closed again: its caller saw it waiting, and that ends the wait. A caller that
-// saw the client online, while another thread closed it, returns: session and will are seen to, and the client may have
+// saw the client online, while another thread closed it, returns: session and will have ended, and the client may have
 // come back since.
 void tarn::close_seen(mqtt_client_t &client, uint32_t seen_state) noexcept
 {

@@ -8,13 +8,13 @@
 
 namespace tarn::client {
 
-constinit Mutex bucket_mx{};
+constinit Mutex bucket_mutex{};
 
 namespace {
 
-constinit int32_t g_newest[CLIENT_MAX] GUARDED_BY(bucket_mx){};
+constinit int32_t g_newest[CLIENT_MAX] GUARDED_BY(bucket_mutex){};
 
-int32_t unlink(Side &side) REQUIRES(bucket_mx)
+int32_t unlink(Side &side) REQUIRES(bucket_mutex)
 {
     const int32_t bucket = side.bucket - 1;
     if (side.newer != 0)
@@ -27,7 +27,7 @@ int32_t unlink(Side &side) REQUIRES(bucket_mx)
     return bucket;
 }
 
-void link_as_newest(Side &side, int32_t index, int32_t bucket) REQUIRES(bucket_mx)
+void link_as_newest(Side &side, int32_t index, int32_t bucket) REQUIRES(bucket_mutex)
 {
     side.bucket = bucket + 1;
     side.older  = g_newest[bucket];
@@ -37,7 +37,7 @@ void link_as_newest(Side &side, int32_t index, int32_t bucket) REQUIRES(bucket_m
 }
 
 // Only records that are leaving right now are passed over, so this takes a step or two, however many are linked.
-mqtt_client_t *newest_online(int32_t bucket) REQUIRES(bucket_mx)
+mqtt_client_t *newest_online(int32_t bucket) REQUIRES(bucket_mutex)
 {
     for (int32_t link = g_newest[bucket]; link != 0; link = side_at(link - 1).older)
         if (mqtt_client_t *const record = record_at(link - 1); is_online(*record))
@@ -46,7 +46,7 @@ mqtt_client_t *newest_online(int32_t bucket) REQUIRES(bucket_mx)
 }
 
 // The entry, if it is this record's, goes to the next one; without a next one it stays.
-void pass_on(int32_t bucket, mqtt_client_t &client) REQUIRES(bucket_mx)
+void pass_on(int32_t bucket, mqtt_client_t &client) REQUIRES(bucket_mutex)
 {
     if (mqtt_client_t *const next = newest_online(bucket))
         (void)swap_if(g_client_mgr.by_cid[bucket], &client, next);
@@ -62,7 +62,7 @@ int32_t bucket_of(uint32_t hash)
 void enter_bucket(mqtt_client_t &client, uint32_t hash, uint32_t seen_state) noexcept
 {
     const int32_t bucket = bucket_of(hash);
-    ScopedLock    lock(bucket_mx);
+    ScopedLock    lock(bucket_mutex);
     if (was_closed_since(client, seen_state))
         return;
     if (Side *const side = side_of(&client)) {
@@ -77,22 +77,22 @@ void enter_bucket(mqtt_client_t &client, uint32_t hash, uint32_t seen_state) noe
 void leave_chain(mqtt_client_t &client) noexcept
 {
     Side      &side = guards_of(client);
-    ScopedLock lock(bucket_mx);
+    ScopedLock lock(bucket_mutex);
     if (side.bucket != 0)
         pass_on(unlink(side), client);
 }
 
-// An entry that meanwhile names another record stays: whoever reconnected remains routable.
+// An entry that names another record by now stays: the client that reconnected must still be found.
 void leave_entry(mqtt_client_t &client, uint32_t hash) noexcept
 {
     const int32_t bucket = bucket_of(hash);
-    ScopedLock    lock(bucket_mx);
+    ScopedLock    lock(bucket_mutex);
     (void)swap_if(g_client_mgr.by_cid[bucket], &client, newest_online(bucket));
 }
 
 void clear_buckets() noexcept
 {
-    ScopedLock lock(bucket_mx);
+    ScopedLock lock(bucket_mutex);
     for (int32_t bucket = 0; bucket < CLIENT_MAX; ++bucket) {
         poke_release(g_client_mgr.by_cid[bucket], nullptr);
         while (g_newest[bucket] != 0)

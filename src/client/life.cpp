@@ -9,26 +9,26 @@
 //         |                                WILL_PENDING ---+
 //         |                                 |    |     ^---+ go offline: closed again, and its will starts again
 //         |                  no will starts |    | a will waits for its delay
-//         |                         release |    | settle, release
+//         |                         release |    | end wait, release
 //         |                                 v    v
 //         |                                 CLOSED <----------- any state
-//         +------------------------- released, pinned   retire
+//         +------------------------- released, pinned   take down
 //                 wipe
 //
-// Who takes an edge, and what makes it one winner:
-//   create      a host, the bridge with a connection's first packet; who takes the slot (pool.cpp)
-//   log in      CONNECT; any number of times until the client goes offline
-//   go offline  close_seen (close.cpp), for the bridge, packet handling, the host's kick, the time-out scan; who has the
-//               claim
-//   settle      the will scan, the CONNECT of a client that came back (release_parked), who calls the delay off
-//               (release_called_off); who has the claim
-//   release     behind go offline where no will starts, and behind settle; a host. Who sets the mark kReleased
-//   retire      unlink_pool, when the manager goes down; a released record loses what a holder stored in it since
-//   wipe        the last unpin of a released record (pins.cpp). Where a whole block is held by nobody, unlink_pool gives
-//               its memory back instead, or scrubs the records that share it with a held one: UNUSED again
+// The callers of each edge, and in brackets what lets one thread take it:
+//   create      a host, or the bridge with the first packet of a connection [it got the place: pool.cpp]
+//   log in      CONNECT, any number of times until the client goes offline
+//   go offline  close_seen in close.cpp, for the bridge, packet handling, the host's kick and the time-out scan [claim]
+//   end wait    the will scan; the CONNECT of a client that came back (end_wait); release_called_off [claim]
+//   release     after go offline where no will starts, after end wait; a host [it set the mark kReleased]
+//   take down   unlink_pool, when the manager goes down. A record that was released before is cleared once more of what
+//               was stored in it since
+//   wipe        the last unpin of a released record (pins.cpp). unlink_pool gives the memory of a block back instead if
+//               none of its records is pinned, else wipes those that are not: they are UNUSED again
 //
-// A record whose will was published at once stays WILL_PENDING until retire or a second close: see will-keeps-place.
-// Which field begins anew on which edge is in record_fields.h. What decides over session and will is in close.cpp.
+// A record whose will was published at once stays WILL_PENDING until it is taken down, or closed again (see the quirk
+// will-keeps-place).
+// record_fields.h says which field is reset on which edge. close.cpp decides about session and will.
 #include "life.h"
 
 #include "../base/clock.h"
@@ -93,7 +93,7 @@ template <When when, Guard guard> void zero_fields(mqtt_client_t &client)
     (std::make_index_sequence<std::size(kRecord)>{});
 }
 
-// What of the record begins anew with no value of its own; its ring apart.
+// Zeroes what the table says to zero at this moment, and frees the will's texts. The ring is left to the caller.
 template <When when> void reset(mqtt_client_t &client)
 {
     zero_fields<when, Guard::Word>(client);
@@ -117,7 +117,7 @@ void fill(mqtt_client_t &client, uint32_t handle, const char *ip, uint16_t port,
     }
     client.handle = handle;
     {
-        ScopedLock lock(id_lock(client));
+        ScopedLock lock(id_mutex(client));
         copy_text(client.ip, ip, sizeof client.ip - 1);
     }
     client.port        = port;
@@ -132,7 +132,7 @@ void fill(mqtt_client_t &client, uint32_t handle, const char *ip, uint16_t port,
             side->last_packet = LastPacket::None;
     }
     reset<When::Create>(client);
-    empty_session(client); // a holder of the record before may have written it behind its release
+    empty_session(client); // a thread with an older pin may have written it after the release
     client.max_packet_size = uint32_t{g_default_max_packet_size};
     step(client, kCreate);
     poke_release(client.used, 1); // now scans may see it
@@ -143,22 +143,22 @@ uint32_t generation_for(uint32_t handle, net::Connection connection)
     return connection.generation != 0 ? connection.generation : net::generation_of(handle);
 }
 
-// A connection can be closed by another thread while its first packet is on its way here. Whoever closes it marks it
-// closed first and looks the record up under the handle's lock afterwards: either we see the mark or it sees the
-// record.
+// A connection can be closed by another thread while its first packet is on its way here. The closing thread marks the
+// connection closed first and looks for the record afterwards, under the handle's lock. So either we see the mark here,
+// or that thread finds the record.
 bool is_gone(net::Connection connection)
 {
     return connection.generation != 0 && !net::is_open(connection);
 }
 
-void tell_created(const client_id_text &id, uint32_t max_packet_size, uint32_t handle, const char *ip, uint16_t port,
-                  int32_t total)
+void log_created(const client_id_text &id, uint32_t max_packet_size, uint32_t handle, const char *ip, uint16_t port,
+                 int32_t total)
 {
     LOG_DEBUG("[MQTT5] Client init max_packet_size = %u (default), client=%s", max_packet_size, id.text);
     LOG_DEBUG("Create client: handle=%u, ip=%s:%d, total=%d", handle, ip, port, total);
 }
 
-void tell_full(int32_t max_clients)
+void log_full(int32_t max_clients)
 {
     LOG_ERROR("Client pool full, max=%d", max_clients);
 }
@@ -169,30 +169,30 @@ client_ref create_client(uint32_t handle, const char *ip, uint16_t port, broker_
                          net::Connection connection) noexcept
 {
     if (g_client_mgr.used_count >= g_mqtt_max_clients) {
-        tell_full(g_mqtt_max_clients);
+        log_full(g_mqtt_max_clients);
         return {};
     }
 
-    Slot       slot;
+    Place      place;
     int32_t    total = 0;
-    Taken      taken = Taken::NoSlot;
+    Taken      taken = Taken::NoPlace;
     client_ref client;
     {
-        ScopedLock lock(lock_of_handle(handle));
+        ScopedLock lock(mutex_of_handle(handle));
         if (is_gone(connection))
             return {};
-        taken = take_slot(slot, total);
-        if (taken == Taken::Slot) {
-            client = client_ref(&slot.record());
+        taken = take_place(place, total);
+        if (taken == Taken::Place) {
+            client = client_ref(&place.record());
             fill(*client, handle, ip, port, broker, generation_for(handle, connection));
             if (handle != NETIP_NO_HANDLE)
                 poke_release(g_client_mgr.by_handle[handle % CLIENT_MAX], client.get());
         }
     }
     if (taken == Taken::TableFull) // another thread took the last one
-        tell_full(g_mqtt_max_clients);
+        log_full(g_mqtt_max_clients);
     if (client)
-        tell_created(id_of(*client), client->max_packet_size, handle, client->ip, port, total);
+        log_created(id_of(*client), client->max_packet_size, handle, client->ip, port, total);
     return client;
 }
 
@@ -210,19 +210,19 @@ void go_offline(mqtt_client_t &client) noexcept
     close_connection_of(client);
 }
 
-// ---- release, retire, wipe
+// ---- release, take down, wipe
 
 namespace {
 
-// What release and retire have in common. From here on nobody finds the record.
+// What release and take down have in common. Afterwards no look-up finds the record.
 void leave_pool(mqtt_client_t &client, const Edge &edge)
 {
     step(client, edge);
     client.handle = NETIP_NO_HANDLE;
     client.used   = 0;
-    leave_chain(client); // a retired one may have been given an id behind the clearing of the tables
+    leave_chain(client); // it may have been given an id after the tables were cleared
     drop_ring(client);
-    empty_session(client); // or a connection that never says CONNECT could write this one's files
+    empty_session(client); // the next connection here may send no CONNECT and would write this client's files
 }
 
 bool has_traces(mqtt_client_t &client)
@@ -230,7 +230,7 @@ bool has_traces(mqtt_client_t &client)
     return client.used || peek(client.send_queue) || peek(client.will_topic) || peek(client.will_payload);
 }
 
-// Only after an init over a live manager: deinit has emptied the list before.
+// Finds deliveries only when init is called while the manager is up; deinit has emptied the list by now.
 void drop_deliveries(mqtt_client_t &client)
 {
     {
@@ -247,33 +247,33 @@ bool release_record(mqtt_client_t &client) noexcept
 {
     if ((kRelease.from & in(client.state)) == 0 || !client.used)
         return false;
-    const Slot slot = slot_of(client);
-    if (!slot || !slot.used_flag())
+    const Place place = place_of(client);
+    if (!place || !place.used_flag())
         return false;
 
-    const client_ref pin(&client); // so that the texts go and the slot becomes free when we let go, at the earliest
+    const client_ref pin(&client); // the texts are wiped and the place is free when this pin goes, not before
     if (!set_mark(client, kReleased))
         return false;
     qos::drop_deliveries_of(client); // after the mark: none can be added any more
     leave_pool(client, kRelease);
     reset<When::Release>(client);
-    note_unparked(client);
+    uncount_delayed_will(client);
     if (!side_of(&client))
         wipe(client); // nobody can hold it
-    give_slot_back(slot);
+    give_place_back(place);
     return true;
 }
 
-void retire(mqtt_client_t &client) noexcept
+void take_down(mqtt_client_t &client) noexcept
 {
     if (!has_traces(client))
         return;
     const client_ref pin(&client);
     (void)set_mark(client, kReleased);
     drop_deliveries(client);
-    leave_pool(client, kRetire);
-    reset<When::Retire>(client);
-    note_unparked(client);
+    leave_pool(client, kTakeDown);
+    reset<When::TakeDown>(client);
+    uncount_delayed_will(client);
 }
 
 // Also what a thread with a pin may have stored after the release.
@@ -281,11 +281,11 @@ void wipe(mqtt_client_t &client) noexcept
 {
     drop_ring(client);
     reset<When::Wipe>(client);
-    ScopedLock lock(id_lock(client));
+    ScopedLock lock(id_mutex(client));
     zero_fields<When::Wipe, Guard::Id>(client);
 }
 
-void scrub(mqtt_client_t &client) noexcept
+void wipe_all(mqtt_client_t &client) noexcept
 {
     wipe(client);
     auto *const bytes = reinterpret_cast<Shared<uint8_t> *>(&client);
@@ -305,7 +305,7 @@ bool tarn::mark_logged_in(mqtt_client_t &client) noexcept
     return step(client, kLogIn);
 }
 
-// ---- the claim, and settle
+// ---- the claim, and the end of the wait for a will
 
 Claim::Claim(mqtt_client_t &client) noexcept : client_(set_mark(client, kClaimed) ? &client : nullptr) {}
 
@@ -317,9 +317,9 @@ Claim::~Claim()
     release_called_off(*client_);
 }
 
-void tarn::client::release_parked(const Claim &claim) noexcept
+void tarn::client::end_wait(const Claim &claim) noexcept
 {
-    leave_tables(claim.client(), kSettle);
+    leave_tables(claim.client(), kEndWait);
     bump(g_will_delay_client_count, -1);
     (void)release_record(claim.client());
 }
@@ -341,5 +341,5 @@ void tarn::client::release_called_off(mqtt_client_t &client) noexcept
     if (!side_of(&client) || !was_called_off(client))
         return;
     if (const Claim claim(client); claim && was_called_off(client))
-        release_parked(claim);
+        end_wait(claim);
 }

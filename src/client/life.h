@@ -23,9 +23,9 @@ constexpr uint32_t kAnyState = UINT32_MAX;
 constexpr Edge     kCreate{kAnyState, CLIENT_CONNECTED}; // who took the slot is alone with the record
 constexpr Edge     kLogIn{in(CLIENT_UNUSED) | in(CLIENT_CONNECTED) | in(CLIENT_LOGINED), CLIENT_LOGINED};
 constexpr Edge     kGoOffline{kAnyState & ~in(CLIENT_CLOSED), CLIENT_WILL_PENDING};
-constexpr Edge     kSettle{in(CLIENT_WILL_PENDING), CLIENT_CLOSED};
+constexpr Edge     kEndWait{in(CLIENT_WILL_PENDING), CLIENT_CLOSED};
 constexpr Edge     kRelease{in(CLIENT_WILL_PENDING) | in(CLIENT_CLOSED), CLIENT_CLOSED};
-constexpr Edge     kRetire{kAnyState, CLIENT_CLOSED};
+constexpr Edge     kTakeDown{kAnyState, CLIENT_CLOSED};
 
 // Moves the record along the edge; false when its state is none that the edge leaves. Nobody else writes `state`.
 bool step(mqtt_client_t &client, const Edge &edge) noexcept;
@@ -46,11 +46,11 @@ void close_connection_of(mqtt_client_t &client) noexcept;
 // True when the record was in use and is free now.
 bool release_record(mqtt_client_t &client) noexcept;
 // A record of a manager that goes down, whatever its state; the tables do not name it any more.
-void retire(mqtt_client_t &client) noexcept;
+void take_down(mqtt_client_t &client) noexcept;
 // Ring, will texts and id of a released record that nobody holds any more.
 void wipe(mqtt_client_t &client) noexcept;
 // Zeroes all but the locks of a record that nobody holds, where its memory cannot be given back.
-void scrub(mqtt_client_t &client) noexcept;
+void wipe_all(mqtt_client_t &client) noexcept;
 
 } // namespace tarn::client
 

@@ -16,13 +16,13 @@ namespace {
 // Bytes count as signed, because the id is plain text.
 constexpr uint32_t kHashFactor = 31;
 
-Mutex &lock_of_hash(uint32_t hash)
+Mutex &mutex_of_hash(uint32_t hash)
 {
     return g_client_mgr.locks[hash % CLIENT_LOCKS];
 }
 
-// A slot is free for the next connection once the disconnect was told, and a thread that closes the client for a reason
-// of its own may still be at it then.
+// The handle may belong to the next connection as soon as the callback was told of the disconnect, while another thread
+// is still closing this client.
 bool is_of_earlier_connection(mqtt_client_t &client, uint32_t handle)
 {
     const uint32_t own     = guards_of(client).generation;
@@ -50,7 +50,7 @@ uint32_t hash_of(const char *client_id) noexcept
     return hash;
 }
 
-Mutex &lock_of_handle(uint32_t handle) noexcept
+Mutex &mutex_of_handle(uint32_t handle) noexcept
 {
     return g_client_mgr.locks[handle == NETIP_NO_HANDLE ? 0 : handle % CLIENT_MAX / CLIENT_BLOCK_RECORDS];
 }
@@ -59,7 +59,7 @@ void leave_tables(mqtt_client_t &client, const Edge &edge) noexcept
 {
     const uint32_t handle = client.handle;
     {
-        ScopedLock lock(lock_of_handle(handle));
+        ScopedLock lock(mutex_of_handle(handle));
         step(client, edge);
         if (handle != NETIP_NO_HANDLE)
             (void)swap_if(g_client_mgr.by_handle[handle % CLIENT_MAX], &client, nullptr); // else another client's
@@ -69,11 +69,11 @@ void leave_tables(mqtt_client_t &client, const Edge &edge) noexcept
     if (!id.text[0])
         return;
     const uint32_t hash = hash_of(id.text);
-    ScopedLock     lock(lock_of_hash(hash));
+    ScopedLock     lock(mutex_of_hash(hash));
     leave_entry(client, hash);
 }
 
-// Under each handle lock once: a creation that had its slot before the pool was unlinked has made its entry by then.
+// Takes each handle lock once: a thread that got its place before the pool was unlinked has made its entry by then.
 void clear_tables() noexcept
 {
     for (int32_t block = 0; block < kBlocksMax; ++block) {
@@ -93,7 +93,7 @@ client_ref tarn::find_client_by_handle(uint32_t handle) noexcept
 {
     if (handle == NETIP_NO_HANDLE)
         return {};
-    ScopedLock lock(lock_of_handle(handle));
+    ScopedLock lock(mutex_of_handle(handle));
     client_ref client(peek_acquire(g_client_mgr.by_handle[handle % CLIENT_MAX]));
     if (client &&
         (client->state == CLIENT_CLOSED || client->handle != handle || is_of_earlier_connection(*client, handle)))
@@ -113,12 +113,12 @@ client_ref tarn::find_client_by_handle(uint32_t handle) noexcept
 //   connect.of_two_ids_in_a_bucket_the_earlier_hears_nothing, client_hash.random_ids_share_buckets,
 //   client_hash.a_prefix_and_a_number_of_three_digits_have_a_bucket_of_their_own,
 //   client_hash.a_prefix_and_three_letters_of_which_the_first_is_a_to_k_have_a_bucket_of_their_own
-client_ref tarn::find_client_by_cid(const char *client_id) noexcept
+client_ref tarn::find_client_by_id(const char *client_id) noexcept
 {
     if (!*client_id)
         return {};
     const uint32_t hash = hash_of(client_id);
-    ScopedLock     lock(lock_of_hash(hash));
+    ScopedLock     lock(mutex_of_hash(hash));
     client_ref     client(peek_acquire(g_client_mgr.by_cid[hash % CLIENT_MAX]));
     if (client && !is_found(*client, client_id))
         client.reset();
@@ -146,7 +146,7 @@ void tarn::client::set_id(mqtt_client_t &client, const char *client_id) noexcept
 
     const uint32_t hash = hash_of(id.text);
     {
-        ScopedLock lock(lock_of_hash(hash));
+        ScopedLock lock(mutex_of_hash(hash));
         enter_bucket(client, hash, state);
     }
     LOG_DEBUG("Set client ID: handle=%u, cid=%s", uint32_t{client.handle}, id.text);

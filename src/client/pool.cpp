@@ -1,7 +1,7 @@
 // pool.cpp - the slots of the client pool. Whose life takes and gives them is in life.cpp.
 //
 // Blocks of 100 records stand in one range of addresses (arena.cpp); the exported block list shows them. The lowest
-// free slot is taken first. A slot is free when its used flag is clear and nobody holds its last record any more.
+// free place is taken first. A place is free when its used flag is clear and its last record is not pinned any more.
 #include "../base/memory.h"
 #include "client_internal.h"
 
@@ -11,16 +11,16 @@ constinit tarn::Shared<uint32_t> g_default_max_packet_size = CLIENT_PACKET_DEFAU
 
 namespace tarn::client {
 
-constinit Mutex pool_mx{};
+constinit Mutex pool_mutex{};
 
 namespace {
 
 // The block list lives as long as the process, at its full length: scans walk it without a lock.
-constinit client_pool_block_t *g_block_list GUARDED_BY(pool_mx) = nullptr;
-constinit bool g_unlinking                  GUARDED_BY(pool_mx) = false; // no new records meanwhile
+constinit client_pool_block_t *g_block_list GUARDED_BY(pool_mutex) = nullptr;
+constinit bool g_unlinking                  GUARDED_BY(pool_mutex) = false; // no new records meanwhile
 constinit Shared<uint8_t>                   g_used_flags[kBlocksMax][CLIENT_BLOCK_RECORDS]{};
 
-bool have_block_list() REQUIRES(pool_mx)
+bool have_block_list() REQUIRES(pool_mutex)
 {
     if (!g_block_list)
         g_block_list = allocate_zeroed<client_pool_block_t>(kBlocksMax).release();
@@ -29,43 +29,43 @@ bool have_block_list() REQUIRES(pool_mx)
     return g_block_list && g_client_mgr.blocks == g_block_list;
 }
 
-bool add_block() REQUIRES(pool_mx)
+bool add_block() REQUIRES(pool_mutex)
 {
     const int32_t block = g_client_mgr.block_count;
     if (!have_block_list() || !open_block(block))
         return false;
     client_pool_block_t &added = g_block_list[block];
-    if (!added.records) { // else it stands there since an earlier start, and late readers may look at it
+    if (!added.records) { // else it is there from an earlier start, and other threads may be reading it
         added.records    = records_of(block);
         added.used_flags = g_used_flags[block];
         added.capacity   = CLIENT_BLOCK_RECORDS;
     }
     added.used            = 0;
     g_client_mgr.capacity = g_client_mgr.capacity + CLIENT_BLOCK_RECORDS;
-    poke_release(g_client_mgr.block_count, block + 1); // whoever sees the count sees the block
+    poke_release(g_client_mgr.block_count, block + 1); // a thread that sees the count sees the block
     return true;
 }
 
-bool is_free(const Slot &slot) REQUIRES(pool_mx)
+bool is_free(const Place &place) REQUIRES(pool_mutex)
 {
-    const int32_t index = index_of(&slot.record());
-    return slot.used_flag() == 0 && (index == kOutside || is_idle(index));
+    const int32_t index = index_of(&place.record());
+    return place.used_flag() == 0 && (index == kOutside || is_idle(index));
 }
 
-Slot find_free() REQUIRES(pool_mx)
+Place find_free() REQUIRES(pool_mutex)
 {
     for (int32_t i = 0; i < g_client_mgr.block_count || add_block(); ++i) {
         client_pool_block_t &block = g_client_mgr.blocks[i];
         for (int32_t at = 0; block.used < block.capacity && at < block.capacity; ++at)
-            if (const Slot slot{&block, at}; is_free(slot))
-                return slot;
+            if (const Place place{&block, at}; is_free(place))
+                return place;
     }
     return {};
 }
 
 } // namespace
 
-Slot slot_of(const mqtt_client_t &client) noexcept
+Place place_of(const mqtt_client_t &client) noexcept
 {
     const int32_t              count  = peek_acquire(g_client_mgr.block_count);
     client_pool_block_t *const blocks = peek_acquire(g_client_mgr.blocks);
@@ -78,28 +78,28 @@ Slot slot_of(const mqtt_client_t &client) noexcept
     return {};
 }
 
-Taken take_slot(Slot &slot, int32_t &used_count) noexcept
+Taken take_place(Place &place, int32_t &used_count) noexcept
 {
-    ScopedLock lock(pool_mx);
+    ScopedLock lock(pool_mutex);
     if (g_client_mgr.used_count >= g_mqtt_max_clients)
         return Taken::TableFull;
-    slot = g_unlinking ? Slot{} : find_free();
-    if (!slot)
-        return Taken::NoSlot;
-    slot.used_flag()        = 1;
-    slot.block->used        = slot.block->used + 1;
+    place = g_unlinking ? Place{} : find_free();
+    if (!place)
+        return Taken::NoPlace;
+    place.used_flag()       = 1;
+    place.block->used       = place.block->used + 1;
     used_count              = g_client_mgr.used_count + 1;
     g_client_mgr.used_count = used_count;
-    return Taken::Slot;
+    return Taken::Place;
 }
 
-void give_slot_back(const Slot &slot) noexcept
+void give_place_back(const Place &place) noexcept
 {
-    ScopedLock lock(pool_mx);
-    if (slot.used_flag() == 0)
+    ScopedLock lock(pool_mutex);
+    if (place.used_flag() == 0)
         return; // the whole pool was unlinked meanwhile
-    slot.used_flag()        = 0;
-    slot.block->used        = slot.block->used - 1;
+    place.used_flag()       = 0;
+    place.block->used       = place.block->used - 1;
     g_client_mgr.used_count = g_client_mgr.used_count - 1;
 }
 
@@ -124,13 +124,13 @@ mqtt_client_t *next_flagged(int32_t &place) noexcept
 
 bool make_block_list() noexcept
 {
-    ScopedLock lock(pool_mx);
+    ScopedLock lock(pool_mutex);
     return have_block_list();
 }
 
 bool fill_pool(int32_t blocks) noexcept
 {
-    ScopedLock lock(pool_mx);
+    ScopedLock lock(pool_mutex);
     while (g_client_mgr.block_count < blocks)
         if (!add_block())
             return false;
@@ -139,7 +139,7 @@ bool fill_pool(int32_t blocks) noexcept
 
 namespace {
 
-// Records that somebody still holds keep their page; their last holder wipes them.
+// Records that are still pinned keep their page; their last unpin wipes them.
 void give_up_block(int32_t block)
 {
     const int32_t first = block * CLIENT_BLOCK_RECORDS;
@@ -155,16 +155,16 @@ void give_up_block(int32_t block)
         if (!mine[i])
             continue;
         if (!all)
-            scrub(*record_at(first + i));
+            wipe_all(*record_at(first + i));
         forget_written(side_at(first + i));
         wipe_done(first + i);
     }
 }
 
-// Takes the blocks out of everybody's sight; from here on nobody new finds a record.
-client_pool_block_t *hide_blocks(int32_t &count, bool &own) EXCLUDES(pool_mx)
+// Takes the blocks out of the exported list; afterwards no look-up or scan finds a record.
+client_pool_block_t *hide_blocks(int32_t &count, bool &own) EXCLUDES(pool_mutex)
 {
-    ScopedLock lock(pool_mx);
+    ScopedLock lock(pool_mutex);
     g_unlinking                       = true;
     client_pool_block_t *const blocks = g_client_mgr.blocks;
     count                             = g_client_mgr.block_count;
@@ -189,11 +189,11 @@ void unlink_pool() noexcept
     clear_tables();
     for (int32_t i = 0; i < count; ++i) {
         for (int32_t at = 0; at < CLIENT_BLOCK_RECORDS; ++at)
-            retire(blocks[i].records[at]);
+            take_down(blocks[i].records[at]);
         if (own)
             give_up_block(i);
     }
-    ScopedLock lock(pool_mx);
+    ScopedLock lock(pool_mutex);
     g_unlinking = false;
 }
 

@@ -13,15 +13,15 @@
 
 namespace tarn::client {
 
-// The moments of a life at which fields begin anew (life.cpp). When the manager gives a record's memory back, everything
-// but its locks reads as zero.
+// When fields of a record are reset (life.cpp). After the manager gave a record's memory back, everything but its locks
+// reads as zero.
 enum class When : uint8_t {
-    Create,  // a client gets the record
-    Connect, // its CONNECT: set by packet handling and by what it calls here
-    Release, // the client is gone
-    Retire,  // the manager goes down while it is there. Another thread may be closing it at that moment, so the fields
-             // that close_seen() reads stay.
-    Wipe,    // the last pin goes
+    Create,   // a client gets the record
+    Connect,  // its CONNECT: set by packet handling and by what it calls here
+    Release,  // the client is gone
+    TakeDown, // the manager goes down while it is there. Another thread may be closing it at that moment, so the fields
+              // that close_seen() reads stay.
+    Wipe,     // the last pin goes
 };
 constexpr int kMoments = 5;
 
@@ -34,11 +34,11 @@ enum class Cell : uint8_t {
 enum class Guard : uint8_t {
     Word,    // stands alone: Shared, one atomic access
     State,   // as a word, and written by step() of life.cpp only
-    Id,      // id_mx
+    Id,      // id_mutex
     Send,    // send_lock; what is Shared is looked at without
     Will,    // will_lock; likewise
-    Session, // data_mx; counts are looked at without
-    Bucket,  // bucket_mx
+    Session, // session_mutex; counts are looked at without
+    Bucket,  // bucket_mutex
     Hold,    // its own protocol: pins.cpp
     Lock,    // a lock itself: zero since the process began, and never written
 };
@@ -61,13 +61,13 @@ using enum Guard;
 template <class T> constexpr bool is_shared = !std::is_same_v<T, value_of<T>>;
 
 template <class T>
-constexpr Field field(const char *name, size_t at, Cell create, Cell connect, Cell release, Cell retire, Cell wipe,
+constexpr Field field(const char *name, size_t at, Cell create, Cell connect, Cell release, Cell take_down, Cell wipe,
                       Guard guard)
 {
     using Element       = std::remove_all_extents_t<T>;
     const bool is_bytes = std::is_array_v<T> && sizeof(Element) == 1;
     const bool is_word  = is_shared<T> && std::is_unsigned_v<value_of<T>>;
-    return {name, at, sizeof(T), alignof(T), is_word, is_bytes, {create, connect, release, retire, wipe}, guard};
+    return {name, at, sizeof(T), alignof(T), is_word, is_bytes, {create, connect, release, take_down, wipe}, guard};
 }
 
 #define ROW(name, ...) field<decltype(Of::name)>(#name, offsetof(Of, name), __VA_ARGS__)
@@ -76,7 +76,7 @@ using Of = mqtt_client_t;
 
 // clang-format off
 inline constexpr Field kRecord[] = {
-    //                             create connect release retire wipe  guard
+    //                             create connect release down   wipe  guard
     ROW(handle,                    Set,   Kept,   Set,    Set,   Kept, Word),
     ROW(client_id,                 Kept,  Set,    Kept,   Kept,  Zero, Id),
     ROW(ip,                        Set,   Kept,   Kept,   Kept,  Zero, Id),
@@ -130,12 +130,12 @@ using OfSide = Side;
 // What belongs to the place, and not to the client that has it, is Kept.
 // clang-format off
 inline constexpr Field kSide[] = {
-    //                             create connect release retire wipe  guard
-    ROW(hold,                      Kept,  Kept,   Set,    Set,   Set,  Hold),
+    //                             create connect release down   wipe  guard
+    ROW(pins_and_marks,                      Kept,  Kept,   Set,    Set,   Set,  Hold),
     ROW(generation,                Set,   Kept,   Kept,   Kept,  Kept, Word),
     ROW(blocked_round,             Kept,  Kept,   Kept,   Kept,  Kept, Word),
     ROW(listed,                    Kept,  Kept,   Kept,   Kept,  Kept, Word),
-    ROW(waits,                     Kept,  Kept,   Kept,   Kept,  Kept, Word),
+    ROW(awaits_retry,              Kept,  Kept,   Kept,   Kept,  Kept, Word),
     ROW(refusals,                  Set,   Kept,   Kept,   Kept,  Kept, Word),
     ROW(flushing,                  Kept,  Kept,   Kept,   Kept,  Kept, Send),
     ROW(ring_used,                 Kept,  Kept,   Set,    Set,   Set,  Send),    // drop_ring()
@@ -147,8 +147,8 @@ inline constexpr Field kSide[] = {
     ROW(bucket,                    Kept,  Set,    Set,    Set,   Kept, Bucket),  // enter_bucket(), leave_chain()
     ROW(newer,                     Kept,  Set,    Set,    Set,   Kept, Bucket),
     ROW(older,                     Kept,  Set,    Set,    Set,   Kept, Bucket),
-    ROW(data_mx,                   Kept,  Kept,   Kept,   Kept,  Kept, Lock),
-    ROW(id_mx,                     Kept,  Kept,   Kept,   Kept,  Kept, Lock),
+    ROW(session_mutex,                   Kept,  Kept,   Kept,   Kept,  Kept, Lock),
+    ROW(id_mutex,                     Kept,  Kept,   Kept,   Kept,  Kept, Lock),
 };
 // clang-format on
 

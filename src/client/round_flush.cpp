@@ -9,7 +9,7 @@ namespace tarn::client {
 namespace {
 
 constinit std::atomic<uint32_t> g_rounds{0};
-constinit std::atomic<uint8_t>  g_watched{0}; // the send thread looks every 10 ms
+constinit std::atomic<uint8_t>  g_rounds_watched{0}; // the send thread looks every 10 ms
 constinit std::atomic<uint8_t>  g_queued_since{0};
 
 constinit thread_local uint32_t t_round = 0;
@@ -22,8 +22,8 @@ void send_to_writable(uint32_t handle)
     if (!client)
         return;
     if (Side *const side = side_of(client.get()))
-        side->waits.store(0);
-    hand_over_rest(*client, flush_in_turn(*client, true));
+        side->awaits_retry.store(0);
+    hand_over_rest(*client, flush_when_free(*client, true));
 }
 
 } // namespace
@@ -54,8 +54,8 @@ void list_in_round(int32_t index) noexcept
     list_for_sending(index);
     if (g_queued_since.load(std::memory_order_relaxed) == 0)
         g_queued_since.store(1);
-    if (g_watched.load() == 0) {
-        g_watched.store(1);
+    if (g_rounds_watched.load() == 0) {
+        g_rounds_watched.store(1);
         wake_send_thread();
     }
 }
@@ -68,10 +68,10 @@ bool rounds_are_watched(int &quiet_turns) noexcept
     if (quiet_turns < kQuietTurns)
         return true;
     quiet_turns = kQuietTurns;
-    g_watched.store(0);
+    g_rounds_watched.store(0);
     if (g_queued_since.load() == 0)
         return false;
-    g_watched.store(1); // one was queued just now, by a thread that still saw us watching
+    g_rounds_watched.store(1); // one was queued just now, by a thread that still saw us watching
     return true;
 }
 

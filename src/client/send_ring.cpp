@@ -5,8 +5,8 @@
 // never wait for the socket. For a record outside the pool there is no mark, and the lock is kept.
 //
 // A packet leaves the ring with its last byte. Of one that the socket took in part the network layer knows how much, and
-// goes on there when the packet comes to it again: a client that reads nothing for a while may lose whole packets to a
-// full ring, but never gets a part of one, behind which it would read payload as packets.
+// goes on there when the same packet is sent again. A client that reads nothing for a while may lose whole packets to a
+// full ring, but never gets a part of one; behind a part it would take payload for packets.
 #include "../base/text.h"
 #include "../codec/packet_type.h"
 #include "../stats/stats.hpp"
@@ -38,7 +38,7 @@ struct Batch {
     uint32_t            handle;
     uint32_t            generation; // the handle may be another client's by now, even while this one is online
     int                 count = 0;
-    net::Packet         packets[net::kGatherMax];
+    net::OutPacket      packets[net::kGatherMax];
 };
 
 // The packets from head on, up to the first slot that is not ready or the last packet of the connection.
@@ -67,7 +67,7 @@ void advance(mqtt_client_t &client, int packets) REQUIRES(client.send_lock)
     }
 }
 
-Flushed outcome(const net::Sent &sent, int asked)
+Flushed result_of(const net::Sent &sent, int asked)
 {
     if (sent.packets >= asked)
         return Flushed::Drained;
@@ -141,9 +141,9 @@ Queued enqueue(mqtt_client_t &client, const PacketParts &packet) EXCLUDES(client
 bool make_room(mqtt_client_t &client)
 {
     Side *const side = side_of(&client);
-    if (!side || io_round() == 0 || side->blocked_round == io_round() || side->waits.load() != 0)
+    if (!side || io_round() == 0 || side->blocked_round == io_round() || side->awaits_retry.load() != 0)
         return false;
-    const Flushed result = flush_in_turn(client, true);
+    const Flushed result = flush_when_free(client, true);
     if (result == Flushed::Full || result == Flushed::Refused)
         side->blocked_round = io_round();
     return true;
@@ -187,7 +187,7 @@ Flushed flush_ring(mqtt_client_t &client, bool online_only) noexcept NO_LOCK_ANA
         }
         advance(client, taken.packets);
         sent += taken.packets;
-        result = outcome(taken, batch.count);
+        result = result_of(taken, batch.count);
     }
     if (result == Flushed::Drained && sent >= kFlushMax && has_packets(client))
         result = Flushed::Partly;
@@ -197,7 +197,7 @@ Flushed flush_ring(mqtt_client_t &client, bool online_only) noexcept NO_LOCK_ANA
     return result;
 }
 
-Flushed flush_in_turn(mqtt_client_t &client, bool online_only) noexcept
+Flushed flush_when_free(mqtt_client_t &client, bool online_only) noexcept
 {
     Flushed result;
     while ((result = flush_ring(client, online_only)) == Flushed::Busy)
@@ -273,7 +273,7 @@ uint32_t tarn::send_to(mqtt_client_t &client, const PacketParts &packet) noexcep
 
 void tarn::flush_client(mqtt_client_t &client) noexcept
 {
-    const Flushed result = flush_in_turn(client, false);
+    const Flushed result = flush_when_free(client, false);
     const int32_t index  = index_of(&client);
     if (index != kOutside && result != Flushed::Drained && is_online(client))
         hand_to_send_thread(index);

@@ -30,8 +30,8 @@ constexpr int      kRefusals    = 10; // from then on a record is tried with eac
 constinit std::atomic<uint32_t> g_asleep{0};   // the thread waits in the kernel on this word
 constinit std::atomic<uint8_t>  g_is_asked{0}; // to drain the send list. What a round lists alone does not ask for it.
 
-constinit Mutex          g_start_mx{};
-constinit bool g_started GUARDED_BY(g_start_mx) = false; // there is a thread to join
+constinit Mutex          g_start_mutex{};
+constinit bool g_started GUARDED_BY(g_start_mutex) = false; // there is a thread to join
 
 static_assert(sizeof g_asleep == sizeof(uint32_t), "a futex word");
 
@@ -61,19 +61,19 @@ void wake()
 }
 
 // The thread's own list of records to try again.
-class Waiting {
+class RetryList {
 public:
-    ~Waiting()
+    ~RetryList()
     {
         for (int32_t i = 0; i < count_; ++i)
-            side_at(places_[i]).waits.store(0);
+            side_at(places_[i]).awaits_retry.store(0);
     }
     bool empty() const { return count_ == 0; }
     // The record is flushed, and kept when packets stay.
     void serve(int32_t index)
     {
         Side &side = side_at(index);
-        side.waits.store(0); // first: a packet that comes behind the flush lists the record
+        side.awaits_retry.store(0); // first: a packet that comes behind the flush lists the record
         const client_ref client(record_at(index));
         const Flushed    result = flush_ring(*client, true);
         if (result == Flushed::Partly) {
@@ -99,9 +99,9 @@ public:
 private:
     void keep(mqtt_client_t &client, int32_t index, Side &side)
     {
-        side.waits.store(1);
+        side.awaits_retry.store(1);
         if (!has_packets(client)) // the socket was writable again a moment ago, and the I/O thread has sent the rest
-            side.waits.store(0);
+            side.awaits_retry.store(0);
         if (!is_kept_[index])
             places_[count_++] = index;
         is_kept_[index] = true;
@@ -123,17 +123,17 @@ bool has_unsent(mqtt_client_t &client)
     return is_online(client) && peek(client.send_queue) && has_packets(client);
 }
 
-bool rests_with_pages(mqtt_client_t &client, Side &side, uint64_t now_ms)
+bool has_idle_pages(mqtt_client_t &client, Side &side, uint64_t now_ms)
 {
     return side.ring_used >= kTrimSlots && elapsed(now_ms, client.last_active) >= kTrimIdle_ms;
 }
 
-void send_unlisted(mqtt_client_t &client, int32_t index, Waiting &waiting)
+void send_unlisted(mqtt_client_t &client, int32_t index, RetryList &retries)
 {
     if (index == kOutside)
         (void)flush_ring(client, true);
-    else if (const Side &side = side_at(index); side.listed.load() == 0 && side.waits.load() == 0)
-        waiting.serve(index);
+    else if (const Side &side = side_at(index); side.listed.load() == 0 && side.awaits_retry.load() == 0)
+        retries.serve(index);
 }
 
 void trim_idle_ring(mqtt_client_t &client)
@@ -144,15 +144,15 @@ void trim_idle_ring(mqtt_client_t &client)
 }
 
 // Looks first and pins where there is something to do: most records rest.
-void walk(Waiting &waiting, uint64_t now_ms)
+void walk(RetryList &retries, uint64_t now_ms)
 {
     int32_t place = 0;
     while (mqtt_client_t *const record = next_flagged(place)) {
         const int32_t index = index_of(record);
         if (has_unsent(*record)) {
             const client_ref client(record);
-            send_unlisted(*client, index, waiting);
-        } else if (index != kOutside && rests_with_pages(*record, side_at(index), now_ms)) {
+            send_unlisted(*client, index, retries);
+        } else if (index != kOutside && has_idle_pages(*record, side_at(index), now_ms)) {
             const client_ref client(record);
             trim_idle_ring(*client);
         }
@@ -169,39 +169,39 @@ uint32_t next_pause_ms(bool nothing_waits, bool watching, uint64_t next_try_ms)
 
 void run()
 {
-    Waiting  waiting;
-    uint64_t next_walk_ms = 0;
-    uint64_t next_try_ms  = 0;
-    uint32_t quiet_ms     = kWalk_ms; // time slept through since the last walk
-    int      quiet_turns  = 0;
-    bool     woken        = false;
+    RetryList retries;
+    uint64_t  next_walk_ms = 0;
+    uint64_t  next_try_ms  = 0;
+    uint32_t  quiet_ms     = kWalk_ms; // time slept through since the last walk
+    int       quiet_turns  = 0;
+    bool      woken        = false;
     do {
         g_is_asked.store(0);
-        drain_send_list([&](int32_t index) { waiting.serve(index); });
+        drain_send_list([&](int32_t index) { retries.serve(index); });
         const uint64_t now_ms = mono_ms();
         if (!woken || now_ms >= next_try_ms) {
-            waiting.try_again();
+            retries.try_again();
             next_try_ms = now_ms + kRetry_ms;
         }
         const bool watching = rounds_are_watched(quiet_turns);
         if (quiet_ms >= kWalk_ms || now_ms >= next_walk_ms) {
-            walk(waiting, now_ms);
+            walk(retries, now_ms);
             next_walk_ms = now_ms + kWalk_ms;
             quiet_ms     = 0;
         }
-        const uint32_t pause = next_pause_ms(waiting.empty(), watching, next_try_ms);
+        const uint32_t pause = next_pause_ms(retries.empty(), watching, next_try_ms);
         woken                = sleep_until_woken(pause);
         quiet_ms += woken ? 0 : pause;
     } while (g_send_running);
 }
 
 // The thread takes no lock that its joiner holds, and runs no callback of the host's.
-void end_thread() REQUIRES(g_start_mx)
+void stop_thread() REQUIRES(g_start_mutex)
 {
     g_send_running = 0;
     wake_send_thread();
     if (g_started)
-        finish_thread(g_send_thread);
+        join_or_detach(g_send_thread);
     g_started     = false;
     g_send_thread = 0;
 }
@@ -217,7 +217,7 @@ void wake_send_thread() noexcept
 // The wake-up is needed for a record that a round listed, too: the round may be a long one.
 void hand_to_send_thread(int32_t index) noexcept
 {
-    if (side_at(index).waits.load() != 0)
+    if (side_at(index).awaits_retry.load() != 0)
         return;
     list_for_sending(index);
     wake_send_thread();
@@ -239,16 +239,16 @@ void *send_thread_proc(void *)
 
 void tarn::client::start_send_thread() noexcept
 {
-    ScopedLock lock(g_start_mx);
+    ScopedLock lock(g_start_mutex);
     if (g_started && g_send_running)
         return;
-    end_thread(); // one that was ended through the flag alone
+    stop_thread(); // one that was ended through the flag alone
     g_send_running = 1;
     g_started      = start_thread(&g_send_thread, "tarn-send", send_thread_proc, nullptr) == 0;
 }
 
 void tarn::client::stop_send_thread() noexcept
 {
-    ScopedLock lock(g_start_mx);
-    end_thread();
+    ScopedLock lock(g_start_mutex);
+    stop_thread();
 }

@@ -1,5 +1,5 @@
-// session.cpp - the session record embedded in a client's: its lock, and keeping count of what of it was written. It is
-// 149 KB, nearly all of it lists that few clients fill.
+// session.cpp - the session record embedded in a client's: its lock, and how much of its lists was written. It is 149
+// KB, nearly all of it lists that few clients fill.
 #include "client_internal.h"
 
 #include <cstring>
@@ -28,7 +28,7 @@ void reset_count(int32_t &count)
 void empty_session(mqtt_client_t &client) noexcept
 {
     persist_session_t &session = client.session;
-    ScopedLock         lock(session_lock(client));
+    ScopedLock         lock(session_mutex(client));
     session_written(client, session.sub_count, session.msg_count);
     memset(session.client_id, 0, sizeof session.client_id);
     session.will_flag = 0;
@@ -46,9 +46,9 @@ void forget_written(Side &side) noexcept
 
 using namespace tarn::client;
 
-tarn::Mutex &tarn::session_lock(const mqtt_client_t &client) noexcept
+tarn::Mutex &tarn::session_mutex(const mqtt_client_t &client) noexcept
 {
-    return guards_of(client).data_mx;
+    return guards_of(client).session_mutex;
 }
 
 void tarn::session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg_count) noexcept

@@ -14,7 +14,7 @@ namespace {
 // QUIRK(keepalive-late): a client that fell silent is closed when its place is next looked at, not after one and a half
 // times its keep-alive [MQTT-3.1.2-22]. Every ten seconds a thousand of the places that max_clients makes are looked
 // at, taken or not, so the close, and with it the will, comes up to 50 s late at the 5000 places of the default and up
-// to 110 s late at 11000. Whoever needs it sooner serves with a smaller max_clients: with 1000 it is 10 s.
+// to 110 s late at 11000. A smaller max_clients makes it sooner: with 1000 it is 10 s.
 //   test: Timeout.a_place_is_looked_at_once_in_so_many_scans_as_the_limit_has_thousands,
 //   housekeeping_turn.each_task_comes_when_its_period_is_over_and_not_a_second_earlier
 constexpr int kBlocksATurn = 10;
@@ -55,7 +55,7 @@ uint32_t threshold_of(mqtt_client_t &client, uint32_t default_ms)
     return keepalive_ms != 0 ? keepalive_ms * 3 / 2 : default_ms;
 }
 
-void tell_visited(const Visit &visit, mqtt_client_t &client, const client_id_text &id, uint64_t last_active_ms)
+void log_visited(const Visit &visit, mqtt_client_t &client, const client_id_text &id, uint64_t last_active_ms)
 {
     LOG_DEBUG("[超时扫描-详细] block=%d, idx=%d | used=%d | state=%d | cid=%s | handle=0x%x | last_active=%lu | "
               "keepalive=%lu",
@@ -64,7 +64,7 @@ void tell_visited(const Visit &visit, mqtt_client_t &client, const client_id_tex
               static_cast<unsigned long>(client.keepalive_ms));
 }
 
-void tell_idle(const client_id_text &id, uint64_t idle_ms, uint32_t threshold_ms, bool timed_out)
+void log_idle(const client_id_text &id, uint64_t idle_ms, uint32_t threshold_ms, bool timed_out)
 {
     LOG_DEBUG("[超时计算] cid=%s | 不活跃=%lu ms | 阈值=%lu ms | 已超时? %s", id.text,
               static_cast<unsigned long>(idle_ms), static_cast<unsigned long>(threshold_ms), timed_out ? "是" : "否");
@@ -76,7 +76,7 @@ void look_at(const Visit &visit, client_ref client, CloseList &list)
     const uint64_t       last_active_ms = client->last_active;
     const client_id_text id             = traced ? stored_id(*client) : client_id_text{};
     if (traced)
-        tell_visited(visit, *client, id, last_active_ms);
+        log_visited(visit, *client, id, last_active_ms);
 
     if (!is_online(*client)) {
         LOG_DEBUG("[超时跳过] cid=%s | 状态不是在线状态(state=%d)", id.text, static_cast<int>(client->state));
@@ -86,7 +86,7 @@ void look_at(const Visit &visit, client_ref client, CloseList &list)
     const uint32_t threshold_ms = threshold_of(*client, visit.default_threshold_ms);
     const bool     timed_out    = idle_ms >= threshold_ms;
     if (traced)
-        tell_idle(id, idle_ms, threshold_ms, timed_out);
+        log_idle(id, idle_ms, threshold_ms, timed_out);
     if (!timed_out || list.has(client.get())) // a small pool is visited several times a turn
         return;
 

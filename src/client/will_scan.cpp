@@ -1,6 +1,6 @@
 // will_scan.cpp - publishes delayed wills when they are due and releases the records that waited for it.
 //
-// life.cpp lists who may take such a record (settle). Each claims it first and then looks again, so a will is published
+// life.cpp lists who may end the wait of such a record. Each claims it first and then looks again, so a will is published
 // or called off, never both. The scan claims only what is due; a CONNECT that finds the record claimed may thus believe
 // that its will was published.
 #include "../base/clock.h"
@@ -15,9 +15,8 @@ namespace {
 constexpr uint64_t kNever   = UINT64_MAX;
 constexpr uint64_t kWalk_ms = 500; // wills that were set going by hand are found by a full walk
 
-// What spares the housekeeping thread the walk: records that client_close has parked, and the earliest moment at which
-// one of them is due.
-constinit std::atomic<int32_t>  g_parked{0};
+// These spare the housekeeping thread the walk: how many closed records wait for their will, and when the first is due.
+constinit std::atomic<int32_t>  g_delayed_wills{0};
 constinit std::atomic<uint64_t> g_next_due_ms{kNever};
 constinit std::atomic<uint64_t> g_next_walk_ms{0};
 
@@ -58,7 +57,7 @@ void drop(const Claim &claim)
 {
     LOG_WARN("[WILL] 超时30s强制清理 client=%s", stored_id(claim.client()).text);
     end_delay(claim.client());
-    release_parked(claim);
+    end_wait(claim);
 }
 
 void publish(const Claim &claim)
@@ -68,18 +67,18 @@ void publish(const Claim &claim)
     (void)handler::publish_will(client);
     end_delay(client);
     close_connection_of(client);
-    release_parked(claim);
+    end_wait(claim);
 }
 
-void settle_if_due(mqtt_client_t &client, uint64_t now_ms)
+void end_wait_if_due(mqtt_client_t &client, uint64_t now_ms)
 {
-    const auto needs_settling = [&] {
+    const auto wait_is_over = [&] {
         return is_waiting(client) && (is_overdue(client, now_ms) || is_due(client, now_ms));
     };
-    if (!needs_settling())
+    if (!wait_is_over())
         return;
     const Claim claim(client);
-    if (!claim || !needs_settling()) // still: another thread may have settled it before our claim
+    if (!claim || !wait_is_over()) // checked again: another thread may have ended the wait before our claim
         return;
     if (is_overdue(client, now_ms))
         drop(claim);
@@ -100,29 +99,29 @@ uint64_t next_look_ms(mqtt_client_t &client, uint64_t now_ms)
 
 } // namespace
 
-void note_parked(mqtt_client_t &client, uint64_t due_at_ms) noexcept
+void count_delayed_will(mqtt_client_t &client, uint64_t due_at_ms) noexcept
 {
-    if (side_of(&client) && set_mark(client, kParked))
-        g_parked.fetch_add(1);
+    if (side_of(&client) && set_mark(client, kWillDelayed))
+        g_delayed_wills.fetch_add(1);
     due_no_later_than(due_at_ms);
 }
 
-void note_unparked(mqtt_client_t &client) noexcept
+void uncount_delayed_will(mqtt_client_t &client) noexcept
 {
-    if (side_of(&client) && clear_mark(client, kParked))
-        g_parked.fetch_sub(1);
+    if (side_of(&client) && clear_mark(client, kWillDelayed))
+        g_delayed_wills.fetch_sub(1);
 }
 
-void settle_due_wills(uint64_t now_ms) noexcept
+void publish_due_wills(uint64_t now_ms) noexcept
 {
     g_next_walk_ms.store(now_ms + kWalk_ms, std::memory_order_relaxed);
-    g_next_due_ms.store(kNever); // whoever parks a record from here on lowers it again
+    g_next_due_ms.store(kNever); // a record that starts to wait from here on lowers it again
     int32_t place = 0;
     while (mqtt_client_t *const record = next_flagged(place)) {
         if (!is_waiting(*record))
             continue;
         const client_ref client(record);
-        settle_if_due(*client, now_ms);
+        end_wait_if_due(*client, now_ms);
         due_no_later_than(next_look_ms(*client, now_ms));
     }
 }
@@ -139,7 +138,7 @@ bool tarn::will_delays_running() noexcept
            now_ms >= g_next_walk_ms.load(std::memory_order_relaxed);
 }
 
-bool tarn::wills_are_parked() noexcept
+bool tarn::wills_are_delayed() noexcept
 {
-    return g_parked.load() > 0;
+    return g_delayed_wills.load() > 0;
 }

@@ -11,7 +11,7 @@ namespace {
 
 // What the record holds after the call, for the line that tells it, and what it held before: the caller may have handed
 // us the record's own texts.
-struct Stored {
+struct StoredWill {
     owned<char>    old_topic;
     owned<uint8_t> old_payload;
     const char    *topic;
@@ -39,7 +39,7 @@ owned<uint8_t> copy_of(const uint8_t *bytes, uint32_t count)
 }
 
 // Without memory for both texts the client has no will.
-Stored store(mqtt_client_t &client, const Will &will)
+StoredWill store(mqtt_client_t &client, const Will &will)
 {
     ScopedLock     lock(client.will_lock);
     owned<char>    topic_copy   = copy_of(will.topic);
@@ -86,7 +86,7 @@ void free_will_texts(mqtt_client_t &client) noexcept
 void set_will(mqtt_client_t &client, const Will &asked) noexcept
 {
     if (asked.payload_len > CLIENT_WILL_MAX)
-        return refuse_will(&client, asked);
+        return log_wrong_will(&client, asked);
     const client_id_text id = id_of(client);
     LOG_DEBUG("[遗嘱调试][设置开始] ClientID=%s, 原始入参：topic=%s, payload_len=%d, qos=%d, retain=%d", id.text,
               asked.topic, static_cast<int>(asked.payload_len), asked.qos, asked.retain);
@@ -97,13 +97,13 @@ void set_will(mqtt_client_t &client, const Will &asked) noexcept
         taken.qos = 0;
         LOG_WARN("[遗嘱调试][QoS降级] ClientID=%s, 原始QoS=%d超出范围（0-2），自动降级为QoS0", id.text, asked.qos);
     }
-    const Stored will = store(client, taken);
+    const StoredWill will = store(client, taken);
     LOG_INFO(
         "[遗嘱调试][设置成功] ClientID=%s, 最终存储：topic=%s, payload_len=%d, qos=%d, retain=%d, will_msg_used=%d",
         id.text, or_null(will.topic), static_cast<int>(will.payload_len), will.qos, will.retain, will.used);
 }
 
-void refuse_will(const mqtt_client_t *client, const Will &asked) noexcept
+void log_wrong_will(const mqtt_client_t *client, const Will &asked) noexcept
 {
     LOG_ERROR("[遗嘱调试][设置失败] 参数无效：client=%p, topic=%s, payload_len=%d（上限=%d）, qos=%d",
               static_cast<const void *>(client), asked.topic ? asked.topic : "NULL",

@@ -66,21 +66,21 @@ void put_codes(Writer &codes, uint32_t level, const mqtt_ack_para_t &para)
     }
 }
 
-void trace_head(const uint8_t *head)
+void log_head(const uint8_t *head)
 {
     LOG_INFO("【QoS溯源6】SUBACK可变头（前16字节）：");
     for (int i = 0; i < kTracedMax; ++i)
         LOG_INFO("var_header[%d] = 0x%02X", i, head[i]);
 }
 
-void trace_codes(const uint8_t *codes)
+void log_codes(const uint8_t *codes)
 {
     LOG_INFO("【QoS溯源6】SUBACK负载（前16字节）：");
     for (int i = 0; i < kTracedMax; ++i)
         LOG_INFO("payload_buf[%d] = 0x%02X", i, codes[i]);
 }
 
-void trace_packet(const uint8_t *packet, int total)
+void log_packet(const uint8_t *packet, int total)
 {
     LOG_INFO("【QoS溯源7】发送SUBACK前最终缓冲区（长度=%d）：", total);
     for (int i = 0; i < kTracedMax; ++i)
@@ -116,9 +116,9 @@ int codec::encode_ack(mqtt_codec_ctx_t *ctx, int type, const mqtt_ack_para_t *pa
         put_codes(codes, level, *para);
 
     if (log_passes(AGENT_LOG_INFO)) {
-        trace_head(head_area);
+        log_head(head_area);
         if (type == SUBACK)
-            trace_codes(code_area);
+            log_codes(code_area);
     }
 
     uint8_t body_area[kHeadMax + CODEC_FILTERS_MAX];
@@ -132,7 +132,7 @@ int codec::encode_ack(mqtt_codec_ctx_t *ctx, int type, const mqtt_ack_para_t *pa
         return REFUSE(CODEC_E_BUFFER, "ACK encode: buffer full (need %d bytes, have %d bytes)", sealed.total, capacity);
 
     if (level == 5 && type == SUBACK && log_passes(AGENT_LOG_INFO))
-        trace_packet(buf, sealed.total);
+        log_packet(buf, sealed.total);
     LOG_DEBUG("ACK encode success: type=%d, msg_id=%d, version=%d, len=%d", type, para->msg_id, level, sealed.total);
     return encoded(ctx, static_cast<uint32_t>(type), sealed.total, buf_len);
 }

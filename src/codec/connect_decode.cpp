@@ -5,7 +5,7 @@
 //           [username:text]  [password:text]              (text = length:u16 and that many bytes)
 //
 // QUIRK(connect-text): no text is checked for well-formed UTF-8 or for NUL characters [MQTT-1.5.4-1] [MQTT-1.5.4-2].
-// Bytes are kept as they come and a NUL ends the text for whoever reads the record: the decoder judges lengths only.
+// Bytes are kept as they come, and a NUL ends the text for the readers of the record: the decoder judges lengths only.
 //   test: connect_decode.texts_are_kept_byte_by_byte
 #include "codec_calls.h"
 #include "codec_internal.h"

@@ -39,7 +39,7 @@ int ended(int code, const char *why)
     return code;
 }
 
-void trace_input(mqtt_codec_ctx_t *ctx, const uint8_t *buf, const int *buf_len, const mqtt_publish_para_t *para)
+void log_input(mqtt_codec_ctx_t *ctx, const uint8_t *buf, const int *buf_len, const mqtt_publish_para_t *para)
 {
     LOG_DEBUG("========== PUBLISH DECODE DEBUG START ==========");
     LOG_DEBUG("PUBLISH decode: input param - ctx=%p, buf=%p, buf_len=%p (len=%d), para=%p", addr(ctx), addr(buf),
@@ -48,7 +48,7 @@ void trace_input(mqtt_codec_ctx_t *ctx, const uint8_t *buf, const int *buf_len, 
         LOG_HEXDUMP("packet", buf, *buf_len);
 }
 
-void trace_success(uint32_t level, const mqtt_publish_para_t &para, int consumed)
+void log_success(uint32_t level, const mqtt_publish_para_t &para, int consumed)
 {
     LOG_DEBUG("PUBLISH decode success: version=%d, topic=%s, qos=%d, msg_id=%d, payload_len=%d, total len=%d", level,
               para.topic, para.qos, para.msg_id, para.payload_len, consumed);
@@ -205,7 +205,7 @@ int read_payload(Reader &in, int packet_end, mqtt_publish_para_t &para)
         LOG_WARN("PUBLISH decode: payload length exceed max (%d > %d), truncate to max", length, CODEC_PAYLOAD_MAX);
         length = CODEC_PAYLOAD_MAX;
     }
-    if (!in.bytes(para.payload, length)) { // the packet was found complete, so this is a second lock on the door
+    if (!in.bytes(para.payload, length)) { // cannot happen: the packet was found complete before
         LOG_ERROR("PUBLISH decode: buffer too short for payload - pos+len=%d > buf_len=%d", in.pos() + length,
                   in.end());
         return ended(CODEC_E_MALFORMED, "PAYLOAD SHORT");
@@ -219,7 +219,7 @@ int read_payload(Reader &in, int packet_end, mqtt_publish_para_t &para)
 // PUBLISH:  3d:u8  remaining:varint  topic:text  [packet-id:u16, QoS 1 and 2]  [properties, 5.0]  payload
 int codec::decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_publish_para_t *para) noexcept
 {
-    trace_input(ctx, buf, buf_len, para);
+    log_input(ctx, buf, buf_len, para);
     if (!buf || !para || !ctx || length_of(buf_len) < 2) {
         LOG_ERROR("PUBLISH decode: invalid param (ctx=%p, buf=%p, buf_len=%p, len=%d, para=%p)", addr(ctx), addr(buf),
                   addr(buf_len), length_of(buf_len), addr(para));
@@ -257,6 +257,6 @@ int codec::decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_le
     const int consumed = in.pos() < input ? in.pos() : input;
     LOG_HEXDUMP("payload", para->payload, para->payload_len);
     set_level(ctx, level);
-    trace_success(level, *para, consumed);
+    log_success(level, *para, consumed);
     return decoded(ctx, PUBLISH, consumed, buf_len);
 }

@@ -74,7 +74,7 @@ uint32_t property_bytes(const PublishView &message)
                                  (message.topic_alias != 0 ? kAliasBytes : 0));
 }
 
-void trace_head(uint32_t level, const PublishView &message, uint8_t first, const Writer &head, size_t properties_at)
+void log_head(uint32_t level, const PublishView &message, uint8_t first, const Writer &head, size_t properties_at)
 {
     log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 1: Parameters accepted (version=%u)\n", level);
     log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 2: Buffer ready\n");
@@ -90,7 +90,7 @@ void trace_head(uint32_t level, const PublishView &message, uint8_t first, const
         log::write(AGENT_LOG_DEBUG, "  var_header[%d] = 0x%02X\n", static_cast<int>(i), head.data()[i]);
 }
 
-void trace_packet(const PublishView &message, uint32_t remaining, int total)
+void log_packet(const PublishView &message, uint32_t remaining, int total)
 {
     log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 4.4: Payload len = %zu\n", message.payload.size());
     log::write(AGENT_LOG_DEBUG, "[PUBLISH ENCODE] Step 5: Remaining Length = %u\n", remaining);
@@ -131,7 +131,7 @@ int write_head(uint32_t level, const PublishView &message, uint8_t *buf, int *bu
     if (const int refused = put_head(level, message, head, properties_at); refused != CODEC_OK)
         return refused;
     if (traced)
-        trace_head(level, message, buf[0], head, properties_at);
+        log_head(level, message, buf[0], head, properties_at);
 
     const auto body = static_cast<uint32_t>(head.size() + message.payload.size());
     if (body > CODEC_BODY_MAX)
@@ -152,7 +152,7 @@ int write_head(uint32_t level, const PublishView &message, uint8_t *buf, int *bu
     *head_len = total - static_cast<int>(message.payload.size());
     *buf_len  = total;
     if (traced)
-        trace_packet(message, body, total);
+        log_packet(message, body, total);
     return CODEC_OK;
 }
 

@@ -184,7 +184,7 @@ int read_filters(Reader &in, int input, mqtt_subscribe_para_t &para)
     return para.filter_count > 0 ? CODEC_OK : no_filters();
 }
 
-void trace_input(mqtt_codec_ctx_t *ctx, const uint8_t *buf, const int *buf_len, const mqtt_subscribe_para_t *para)
+void log_input(mqtt_codec_ctx_t *ctx, const uint8_t *buf, const int *buf_len, const mqtt_subscribe_para_t *para)
 {
     LOG_DEBUG("SUBSCRIBE decode: input param - ctx=%p, buf=%p, buf_len=%p (len=%d), para=%p", addr(ctx), addr(buf),
               addr(buf_len), length_of(buf_len), addr(para));
@@ -198,7 +198,7 @@ void trace_input(mqtt_codec_ctx_t *ctx, const uint8_t *buf, const int *buf_len, 
 int codec::decode_subscribe(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len,
                             mqtt_subscribe_para_t *para) noexcept
 {
-    trace_input(ctx, buf, buf_len, para);
+    log_input(ctx, buf, buf_len, para);
     if (!ctx || !buf || !para || length_of(buf_len) < 6)
         return REFUSE(CODEC_E_PARAM, "SUBSCRIBE decode: invalid param (ctx=%p, buf=%p, buf_len=%p, len=%d, para=%p)",
                       addr(ctx), addr(buf), addr(buf_len), length_of(buf_len), addr(para));

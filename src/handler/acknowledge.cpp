@@ -12,15 +12,15 @@ namespace tarn::handler {
 namespace {
 
 struct AckRow {
-    const char *undecodable;                            // client id, code
-    const char *received;                               // client id, identifier
-    int         reply;                                  // packet type, 0 = none
-    const char *no_memory;                              // errno
-    const char *replied;                                // client id, identifier
-    void (*settle)(mqtt_client_t &client, uint16_t id); // the record's own bookkeeping, last
+    const char *undecodable;                          // client id, code
+    const char *received;                             // client id, identifier
+    int         reply;                                // packet type, 0 = none
+    const char *no_memory;                            // errno
+    const char *replied;                              // client id, identifier
+    void (*note)(mqtt_client_t &client, uint16_t id); // the record's own bookkeeping, last
 };
 
-void settle_puback(mqtt_client_t &client, uint16_t id)
+void note_puback(mqtt_client_t &client, uint16_t id)
 {
     if (client.qos1_pending_msg_id != id) {
         LOG_WARN("MQTT标准：收到无效PUBACK：ClientID=%s, MsgID=%d（无对应待确认消息）", client.client_id, id);
@@ -30,12 +30,12 @@ void settle_puback(mqtt_client_t &client, uint16_t id)
     LOG_DEBUG("MQTT标准：QoS1消息确认完成：ClientID=%s, MsgID=%d", client.client_id, id);
 }
 
-void settle_pubrel(mqtt_client_t &client, uint16_t)
+void note_pubrel(mqtt_client_t &client, uint16_t)
 {
     client.qos2_pending_msg_id = 0;
 }
 
-void settle_pubcomp(mqtt_client_t &client, uint16_t id)
+void note_pubcomp(mqtt_client_t &client, uint16_t id)
 {
     if (client.qos2_pending_msg_id == id)
         client.qos2_pending_msg_id = 0;
@@ -51,13 +51,13 @@ void settle_pubcomp(mqtt_client_t &client, uint16_t id)
 //   test: acknowledge.a_reason_code_that_refuses_is_not_looked_at
 constexpr AckRow kRows[] = {
     {"解码PUBACK失败：ClientID=%s, 错误码=%d", "MQTT标准：收到PUBACK确认：ClientID=%s, MsgID=%d", 0, nullptr, nullptr,
-     settle_puback},
+     note_puback},
     {"解码PUBREC失败：ClientID=%s, 错误码=%d", "收到PUBREC：ClientID=%s, MsgID=%d", PUBREL,
      "pubrel_buf malloc failed: %d", "发送PUBREL成功：ClientID=%s, MsgID=%d", nullptr},
     {"解码PUBREL失败：ClientID=%s, 错误码=%d", "收到PUBREL：ClientID=%s, MsgID=%d", PUBCOMP,
-     "pubcomp_buf malloc failed: %d", "发送PUBCOMP成功：ClientID=%s, MsgID=%d", settle_pubrel},
+     "pubcomp_buf malloc failed: %d", "发送PUBCOMP成功：ClientID=%s, MsgID=%d", note_pubrel},
     {"解码PUBCOMP失败：ClientID=%s, 错误码=%d", "收到PUBCOMP：ClientID=%s, MsgID=%d，QoS2流程完成", 0, nullptr, nullptr,
-     settle_pubcomp},
+     note_pubcomp},
 };
 
 } // namespace
@@ -68,7 +68,7 @@ int handle_acknowledgement(mqtt_client_t &client, Packet packet) noexcept
     const AckRow   &row  = kRows[type - PUBACK];
     mqtt_ack_para_t ack{};
     if (const codec::Result result = codec::decode_ack(client.codec, type, packet, ack); failed(result))
-        return undecodable(client, row.undecodable, result);
+        return refuse_undecodable(client, row.undecodable, result);
 
     LOG_INFO(row.received, client.client_id, ack.msg_id);
     (void)qos::acknowledge(client, ack.msg_id, static_cast<uint8_t>(type));
@@ -78,8 +78,8 @@ int handle_acknowledgement(mqtt_client_t &client, Packet packet) noexcept
         if (reply != Reply::Sent)
             return reply == Reply::NoMemory ? -1 : 0;
     }
-    if (row.settle)
-        row.settle(client, ack.msg_id);
+    if (row.note)
+        row.note(client, ack.msg_id);
     return 0;
 }
 

@@ -25,18 +25,18 @@ struct Broadcast : Routing {
 };
 
 // The filter behind a match, for the trace. The table may have changed since: then there is none to show.
-void copy_filter(const sub::Route &route, char (&filter)[sizeof(sub_entry_t::topic_filter)])
+void copy_filter(const sub::Match &match, char (&filter)[sizeof(sub_entry_t::topic_filter)])
 {
     filter[0] = '\0';
     ScopedLock lock(g_sub_mgr.lock);
-    if (!g_sub_mgr.subs || route.index < 0 || route.index >= std::min<int32_t>(g_sub_mgr.sub_count, SUB_CAPACITY))
+    if (!g_sub_mgr.subs || match.index < 0 || match.index >= std::min<int32_t>(g_sub_mgr.sub_count, SUB_CAPACITY))
         return;
-    const sub_entry_t &entry = g_sub_mgr.subs[route.index];
-    if (text_of(entry.client_id) == route.client_id)
+    const sub_entry_t &entry = g_sub_mgr.subs[match.index];
+    if (text_of(entry.client_id) == match.client_id)
         copy_text(filter, entry.topic_filter, sizeof filter - 1);
 }
 
-void trace_matches(const Matches &matches)
+void log_matches(const Matches &matches)
 {
     if (!log_passes(AGENT_LOG_DEBUG))
         return;
@@ -60,33 +60,33 @@ void trace_matches(const Matches &matches)
 uint32_t payload_start(const Broadcast &broadcast)
 {
     const uint32_t at = broadcast.payload_at;
-    if (broadcast.turn.version != 5)
+    if (broadcast.receiver.version != 5)
         return at;
     // A length that is not there counts as 0, and is stepped over all the same.
     return at + 1u + (at < broadcast.packet.size() ? broadcast.packet[at] : 0u);
 }
 
-void say_absent(const Broadcast &broadcast)
+void log_offline(const Broadcast &broadcast)
 {
-    const Turn &turn = broadcast.turn;
-    if (turn.id()[0] == '\0')
-        LOG_WARN("[遗嘱调试][广播跳过] 订阅者%d：ClientID为空", turn.number);
-    else if (!turn.client)
-        LOG_WARN("[遗嘱调试][广播失败] 订阅者%d：ClientID=%s 不存在", turn.number, turn.id());
+    const Receiver &receiver = broadcast.receiver;
+    if (receiver.id()[0] == '\0')
+        LOG_WARN("[遗嘱调试][广播跳过] 订阅者%d：ClientID为空", receiver.number);
+    else if (!receiver.client)
+        LOG_WARN("[遗嘱调试][广播失败] 订阅者%d：ClientID=%s 不存在", receiver.number, receiver.id());
     else if (broadcast.is_will)
-        LOG_WARN("[遗嘱调试][跳过] 客户端已离线，不发送遗嘱：%s", turn.id());
+        LOG_WARN("[遗嘱调试][跳过] 客户端已离线，不发送遗嘱：%s", receiver.id());
     else
-        LOG_WARN("[遗嘱调试][广播失败] 订阅者%d：ClientID=%s 状态无效（%d），需为LOGINED/CONNECTED", turn.number,
-                 turn.id(), static_cast<int>(turn.state));
+        LOG_WARN("[遗嘱调试][广播失败] 订阅者%d：ClientID=%s 状态无效（%d），需为LOGINED/CONNECTED", receiver.number,
+                 receiver.id(), static_cast<int>(receiver.state));
 }
 
-void settle(Routing &routing, Outcome outcome) noexcept
+void on_outcome(Routing &routing, Outcome outcome) noexcept
 {
-    auto       &broadcast = static_cast<Broadcast &>(routing);
-    const Turn &turn      = routing.turn;
-    const char *topic     = routing.message.topic_text();
-    const int   matched   = routing.matches.count();
-    const int   length    = static_cast<int>(broadcast.packet.size());
+    auto           &broadcast = static_cast<Broadcast &>(routing);
+    const Receiver &receiver  = routing.receiver;
+    const char     *topic     = routing.message.topic_text();
+    const int       matched   = routing.matches.count();
+    const int       length    = static_cast<int>(broadcast.packet.size());
     switch (outcome) {
     case Outcome::NoMatchMemory:
         LOG_ERROR("[遗嘱调试][广播失败] malloc订阅者数组失败：errno=%d", errno);
@@ -94,42 +94,44 @@ void settle(Routing &routing, Outcome outcome) noexcept
     case Outcome::Matched:
         LOG_INFO("[遗嘱调试][订阅匹配] Topic=%s 匹配到 %d 个订阅者（上限=%d）", topic, matched, SUB_MATCH_CAPACITY);
         if (matched != 0)
-            trace_matches(routing.matches);
+            log_matches(routing.matches);
         break;
     case Outcome::Unmatched:
         LOG_DEBUG("[遗嘱调试][广播完成] 无匹配订阅者，Topic=%s", topic);
         break;
     case Outcome::NotChosen:
-        LOG_DEBUG("[共享订阅] 订阅者%d 同组已负载均衡，跳过发送", turn.number);
+        LOG_DEBUG("[共享订阅] 订阅者%d 同组已负载均衡，跳过发送", receiver.number);
         break;
-    case Outcome::Absent:
-        say_absent(broadcast);
+    case Outcome::Offline:
+        log_offline(broadcast);
         break;
     case Outcome::Online: {
-        LOG_DEBUG("[遗嘱调试][QoS降级] 订阅者%d：原始QoS=%d → 订阅QoS=%d → 最终投递QoS=%d", turn.number,
-                  static_cast<int>(routing.qos), turn.to->qos, turn.shown_qos());
+        LOG_DEBUG("[遗嘱调试][QoS降级] 订阅者%d：原始QoS=%d → 订阅QoS=%d → 最终投递QoS=%d", receiver.number,
+                  static_cast<int>(routing.qos), receiver.to->qos, receiver.shown_qos());
         const size_t at         = std::min<size_t>(payload_start(broadcast), broadcast.packet.size());
         routing.message.payload = broadcast.packet.subspan(at);
         break;
     }
     case Outcome::NoPayload: {
         const int at = static_cast<int>(payload_start(broadcast));
-        LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：Payload解析失败（start=%d, len=%d, msg_len=%d）", turn.number, at,
+        LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：Payload解析失败（start=%d, len=%d, msg_len=%d）", receiver.number, at,
                   length - at, length);
         break;
     }
     case Outcome::NoMemory:
-        LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：malloc缓冲区失败（errno=%d）", turn.number, errno);
+        LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：malloc缓冲区失败（errno=%d）", receiver.number, errno);
         break;
     case Outcome::NotEncoded:
-        LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：To=%s, 编码失败（错误码=%d）", turn.number, turn.id(), turn.result);
+        LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：To=%s, 编码失败（错误码=%d）", receiver.number, receiver.id(),
+                  receiver.result);
         break;
     case Outcome::NotSent:
-        LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：To=%s, 发送返回值=%d", turn.number, turn.id(), turn.result);
+        LOG_ERROR("[遗嘱调试][广播失败] 订阅者%d：To=%s, 发送返回值=%d", receiver.number, receiver.id(),
+                  receiver.result);
         break;
     case Outcome::Sent:
-        LOG_INFO("[遗嘱调试][广播成功] 订阅者%d：To=%s, Topic=%s,最终投递QoS=%d（已降级）", turn.number, turn.id(),
-                 topic, turn.shown_qos());
+        LOG_INFO("[遗嘱调试][广播成功] 订阅者%d：To=%s, Topic=%s,最终投递QoS=%d（已降级）", receiver.number,
+                 receiver.id(), topic, receiver.shown_qos());
         break;
     case Outcome::Routed:
         LOG_INFO("[遗嘱调试][广播完成] Topic=%s, 总计匹配%d个订阅者，成功发送%d个，失败%d个", topic, matched,
@@ -146,7 +148,7 @@ void settle(Routing &routing, Outcome outcome) noexcept
 //   test: broadcast.a_will_is_not_tracked
 constexpr Rules rules_of(Tracking tracking)
 {
-    return {.settle             = settle,
+    return {.on_outcome         = on_outcome,
             .tracking           = tracking,
             .remembers_qos1     = true,
             .draws_at_qos0      = false,

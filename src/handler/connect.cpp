@@ -1,7 +1,7 @@
 // connect.cpp - CONNECT: who the client is, what it and the broker agree on, and what becomes of its saved session.
 //
-// There is no session take-over: an older connection of the same id is neither closed nor told, the new record is just
-// the one found by that id from now on. From adopt() on, the record's id is the client's name, not the decoded one.
+// There is no session take-over: an older connection of the same id is neither closed nor told; look-ups by the id find
+// the new record from now on. From adopt() on the id in the record counts, not the decoded one.
 #include "../base/text.h"
 #include "../persist/persist.hpp"
 #include "../stats/stats.hpp"
@@ -23,7 +23,7 @@ int refuse(mqtt_client_t &client, uint32_t state)
     if (send_refusal(client, connack) == Reply::NoMemory)
         LOG_ERROR("connack_buf malloc failed");
     else
-        let_leave(client);
+        flush_before_close(client);
     close_seen(client, state);
     return -1;
 }
@@ -78,7 +78,7 @@ void negotiate_packet_size(mqtt_client_t &client, const mqtt_connect_para_t &con
 bool load_session_of(mqtt_client_t &client)
 {
     persist_session_t &session = client.session;
-    ScopedLock         lock(session_lock(client));
+    ScopedLock         lock(session_mutex(client));
     clear_session(client);
     copy_text(session.client_id, client.client_id, sizeof client.client_id - 1);
     int files_opened = 0;
@@ -97,7 +97,7 @@ void restore_will(mqtt_client_t &client)
 {
     const persist_session_t &session = client.session;
     {
-        ScopedLock lock(session_lock(client)); // a will published meanwhile clears the flag
+        ScopedLock lock(session_mutex(client)); // a will published meanwhile clears the flag
         if (!session.will_flag)
             return;
     }
@@ -109,7 +109,7 @@ void restore_will(mqtt_client_t &client)
     LOG_INFO("[遗嘱] 客户端 %s 遗嘱恢复成功", client.client_id);
 }
 
-// Whatever the clean-session flag says: settle_session() discards it again.
+// Done for a clean session too: begin_session() drops what was loaded again.
 void restore_session(mqtt_client_t &client)
 {
     const bool found        = load_session_of(client);
@@ -123,7 +123,7 @@ void restore_session(mqtt_client_t &client)
 
 // ---- the will in this CONNECT
 
-void say_will(const mqtt_client_t &client, const mqtt_connect_para_t &connect)
+void log_will(const mqtt_client_t &client, const mqtt_connect_para_t &connect)
 {
     LOG_INFO("[WILL-CONNECT] Client=%s set will:", client.client_id);
     LOG_INFO("[WILL-CONNECT] Topic: %s, QoS: %u, Retain: %u, PayloadLen: %u", connect.will_topic, connect.will_qos,
@@ -146,22 +146,22 @@ void copy_will_to_session(persist_session_t &session, const mqtt_connect_para_t 
 void take_will(mqtt_client_t &client, const mqtt_connect_para_t &connect)
 {
     if (!connect.will_flag) {
-        ScopedLock lock(session_lock(client));
+        ScopedLock lock(session_mutex(client));
         client.session.will_flag = 0;
         return;
     }
-    say_will(client, connect);
+    log_will(client, connect);
     client::set_will(client, {connect.will_topic, connect.will_payload, static_cast<uint32_t>(connect.will_payload_len),
                               static_cast<uint8_t>(connect.will_qos), connect.will_retain});
     if (speaks_v5(client)) {
         {
-            ScopedLock lock(session_lock(client));
+            ScopedLock lock(session_mutex(client));
             client.session.will_delay_interval      = connect.will_delay_interval;
             client.session.will_msg_expiry_interval = connect.will_msg_expiry_interval;
         }
         client::set_will_properties(client, {connect.will_delay_interval, connect.will_msg_expiry_interval, 0, "", ""});
     }
-    ScopedLock lock(session_lock(client));
+    ScopedLock lock(session_mutex(client));
     copy_will_to_session(client.session, connect);
     if (!client.clean_session)
         persist::save(client.session, PERSIST_SESSION);
@@ -174,7 +174,7 @@ void drop_session(mqtt_client_t &client)
     (void)persist::remove_session(client.client_id);
     client.session_restored = 0;
     {
-        ScopedLock lock(session_lock(client));
+        ScopedLock lock(session_mutex(client));
         client.session.sub_count = 0;
         client.session.msg_count = 0;
     }
@@ -191,7 +191,7 @@ void resubscribe(mqtt_client_t &client)
     LOG_INFO("[会话] 客户端 %s 上下文恢复完成", client.client_id);
 }
 
-void settle_session(mqtt_client_t &client)
+void begin_session(mqtt_client_t &client)
 {
     if (client.clean_session)
         drop_session(client);
@@ -212,25 +212,26 @@ bool awaits_will(mqtt_client_t &client)
 }
 
 // The will scan claims records the same way: a will is published or cancelled, never both.
-void cancel_parked_will(mqtt_client_t &parked)
+void cancel_delayed_will(mqtt_client_t &waiting)
 {
-    const client::Claim claim(parked);
-    if (!claim || !awaits_will(parked))
+    const client::Claim claim(waiting);
+    if (!claim || !awaits_will(waiting))
         return;
-    call_off_will(parked);
-    release_parked(claim);
+    call_off_will(waiting);
+    end_wait(claim);
 }
 
 void cancel_delayed_wills(mqtt_client_t &client)
 {
     call_off_will(client);
-    client::release_called_off(client); // another thread may have parked it since adopt()
-    if (!wills_are_parked())
+    client::release_called_off(
+        client); // another thread may have closed it since adopt(), so that it waits for its will
+    if (!wills_are_delayed())
         return;
     int32_t place = 0;
     while (const client_ref other = next_client(place))
         if (other.get() != &client && awaits_will(*other) && strcmp(id_of(*other).text, client.client_id) == 0)
-            cancel_parked_will(*other);
+            cancel_delayed_will(*other);
 }
 
 // ---- the answer
@@ -304,7 +305,7 @@ int handle_connect(mqtt_client_t &client, Packet packet) noexcept
     negotiate_packet_size(client, connect);
     restore_session(client);
     take_will(client, connect);
-    settle_session(client);
+    begin_session(client);
     cancel_delayed_wills(client);
     if (!accept(client))
         return -1;

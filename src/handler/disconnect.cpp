@@ -31,7 +31,7 @@ void drop_will(mqtt_client_t &client)
         client.will_msg_used = 0;
     }
     {
-        ScopedLock lock(session_lock(client));
+        ScopedLock lock(session_mutex(client));
         client.session.will_flag = 0;
     }
     call_off_will(client);
@@ -40,13 +40,13 @@ void drop_will(mqtt_client_t &client)
 void save_session(mqtt_client_t &client)
 {
     {
-        ScopedLock lock(session_lock(client));
+        ScopedLock lock(session_mutex(client));
         persist::save(client.session, PERSIST_SUBSCRIPTIONS);
     }
     persist::flush();
 }
 
-void settle_v4_session(mqtt_client_t &client)
+void save_or_delete_v4_session(mqtt_client_t &client)
 {
     if (client.clean_session) {
         (void)persist::remove_session(client.client_id);
@@ -59,7 +59,7 @@ void settle_v4_session(mqtt_client_t &client)
 }
 
 // The interval alone decides, not the clean-start flag.
-void settle_v5_session(mqtt_client_t &client)
+void save_or_delete_v5_session(mqtt_client_t &client)
 {
     const uint32_t interval_s = client.session_expiry_interval;
     LOG_INFO("[MQTT5] DISCONNECT: session_expiry_interval=%u, clean_session=%u", interval_s,
@@ -82,7 +82,7 @@ int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept
     bool                   expiry_given = false;
     if (const codec::Result result = codec::decode_disconnect(client.codec, packet, disconnect, expiry_given);
         failed(result))
-        return undecodable(client, "解码DISCONNECT失败：ClientID=%s, 错误码=%d", result);
+        return refuse_undecodable(client, "解码DISCONNECT失败：ClientID=%s, 错误码=%d", result);
 
     LOG_INFO("MQTT标准：客户端主动断开连接：ClientID=%s", client.client_id);
     client.disconnect_received = 1;
@@ -90,9 +90,9 @@ int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept
     override_session_expiry(client, disconnect, expiry_given);
     drop_will(client);
     if (speaks_v5(client))
-        settle_v5_session(client);
+        save_or_delete_v5_session(client);
     else
-        settle_v4_session(client);
+        save_or_delete_v4_session(client);
     forget(client.client_id, client.clean_session);
     flush_client(client); // answers to packets that came in one go with this one
     close_seen(client, state);
@@ -109,7 +109,7 @@ void forget(const char *client_id, uint8_t clean_session) noexcept
         return;
     char id[256]; // of its own: the argument may stand in a record or table entry that is about to change
     copy_text(id, client_id, sizeof id - 1);
-    if (const client_ref client = find_client_by_cid(id))
+    if (const client_ref client = find_client_by_id(id))
         qos::drop_deliveries_of(*client);
     if (!clean_session) {
         LOG_INFO("MQTT标准：CleanSession=false，保留客户端订阅：ClientID=%s", id);

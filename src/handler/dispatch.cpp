@@ -43,7 +43,7 @@ bool close_oversized(mqtt_client_t &client, Packet packet, uint32_t limit)
               static_cast<int>(packet.size()), static_cast<int>(limit));
     const uint32_t state = client.state;
     end_with_disconnect(client);
-    say_disconnect(client, kPacketTooLarge);
+    send_disconnect(client, kPacketTooLarge);
     close_seen(client, state);
     return false;
 }
@@ -62,7 +62,7 @@ bool ignore_unknown(const mqtt_client_t &client, int type)
 // QUIRK(malformed-kept): a packet that does not decode is logged and counted, the connection stays
 // [MQTT-4.8.0-1 of 3.1.1, MQTT-4.13.1-1 of 5.0].
 //   test: dispatch.a_packet_that_does_not_decode_is_counted_and_not_answered
-int undecodable(const mqtt_client_t &client, const char *line, codec::Result why) noexcept
+int refuse_undecodable(const mqtt_client_t &client, const char *line, codec::Result why) noexcept
 {
     LOG_ERROR(line, client.client_id, codec::code_of(why));
     stats::count(stats::Counter::parse_error);

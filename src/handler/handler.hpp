@@ -46,10 +46,10 @@ void call_off_will(mqtt_client_t &client) noexcept;
 
 // ---- the end of a connection
 
-// Drops the pending deliveries of whoever has this id and, with a clean session, its subscriptions.
+// Drops the pending deliveries of the client with this id and, with a clean session, its subscriptions.
 void forget(const char *client_id, uint8_t clean_session) noexcept;
 // DISCONNECT, and the time to leave; the caller closes the client next.
-void say_disconnect(mqtt_client_t &client, uint8_t reason_code) noexcept;
+void send_disconnect(mqtt_client_t &client, uint8_t reason_code) noexcept;
 
 } // namespace tarn::handler
 

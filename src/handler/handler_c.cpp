@@ -105,7 +105,7 @@ void packet_handler_send_disconnect(mqtt_client_t *client, uint8_t reason_code)
     if (!client)
         return;
     const client_ref pin(client);
-    handler::say_disconnect(*client, reason_code);
+    handler::send_disconnect(*client, reason_code);
 }
 
 void shared_sub_mark_selected(const sub_entry_t *matches, int count, uint8_t *selected)

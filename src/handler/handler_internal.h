@@ -24,7 +24,7 @@ int handle_ping(mqtt_client_t &client, Packet packet) noexcept;
 int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept;
 
 // A packet that does not decode: one line of the form "解码X失败：ClientID=%s, 错误码=%d", counted, not answered.
-int undecodable(const mqtt_client_t &client, const char *line, codec::Result why) noexcept;
+int refuse_undecodable(const mqtt_client_t &client, const char *line, codec::Result why) noexcept;
 
 [[nodiscard]] inline bool speaks_v5(const mqtt_client_t &client) noexcept
 {

@@ -14,19 +14,19 @@ constexpr int64_t          kPeriod_s = 10;
 
 constinit Shared<int64_t> last_hello_s = 0; // wall s
 
-void say_absent(const Turn &turn)
+void log_offline(const Receiver &receiver)
 {
-    if (!turn.client)
-        LOG_WARN("订阅者不存在：ClientID=%s", turn.id());
+    if (!receiver.client)
+        LOG_WARN("订阅者不存在：ClientID=%s", receiver.id());
     else
-        LOG_WARN("订阅者状态无效：ClientID=%s, 状态=%d", turn.id(), static_cast<int>(turn.state));
+        LOG_WARN("订阅者状态无效：ClientID=%s, 状态=%d", receiver.id(), static_cast<int>(receiver.state));
 }
 
-void settle(Routing &routing, Outcome outcome) noexcept
+void on_outcome(Routing &routing, Outcome outcome) noexcept
 {
-    const Turn &turn    = routing.turn;
-    const char *topic   = routing.message.topic_text();
-    const int   matched = routing.matches.count();
+    const Receiver &receiver = routing.receiver;
+    const char     *topic    = routing.message.topic_text();
+    const int       matched  = routing.matches.count();
     switch (outcome) {
     case Outcome::NoMatchMemory:
         LOG_ERROR("matched_subs malloc failed: %d", errno);
@@ -41,22 +41,22 @@ void settle(Routing &routing, Outcome outcome) noexcept
         LOG_DEBUG("测试消息无匹配订阅者：Topic=%s", topic);
         break;
     case Outcome::NotChosen:
-        LOG_DEBUG("[共享订阅] 测试消息 订阅者%d 跳过", turn.number);
+        LOG_DEBUG("[共享订阅] 测试消息 订阅者%d 跳过", receiver.number);
         break;
-    case Outcome::Absent:
-        say_absent(turn);
+    case Outcome::Offline:
+        log_offline(receiver);
         break;
     case Outcome::NoMemory:
         LOG_ERROR("forward_buf malloc failed: %d", errno);
         break;
     case Outcome::NotEncoded:
-        LOG_ERROR("编码测试消息失败：To=%s, 错误码=%d", turn.id(), turn.result);
+        LOG_ERROR("编码测试消息失败：To=%s, 错误码=%d", receiver.id(), receiver.result);
         break;
     case Outcome::NotSent:
-        LOG_ERROR("转发测试消息失败：To=%s, 发送返回值=%d", turn.id(), turn.result);
+        LOG_ERROR("转发测试消息失败：To=%s, 发送返回值=%d", receiver.id(), receiver.result);
         break;
     case Outcome::Sent:
-        LOG_INFO("转发测试消息成功：To=%s, Topic=%s, QoS=%d（标准降级后）", turn.id(), topic, turn.shown_qos());
+        LOG_INFO("转发测试消息成功：To=%s, Topic=%s, QoS=%d（标准降级后）", receiver.id(), topic, receiver.shown_qos());
         break;
     case Outcome::Routed:
         LOG_INFO("测试消息转发完成：总计匹配%d个订阅者，成功发送%d个", matched, routing.sent);
@@ -67,7 +67,7 @@ void settle(Routing &routing, Outcome outcome) noexcept
     }
 }
 
-constexpr Rules kRules{.settle             = settle,
+constexpr Rules kRules{.on_outcome         = on_outcome,
                        .tracking           = Tracking::Queued,
                        .remembers_qos1     = true,
                        .draws_at_qos0      = true,

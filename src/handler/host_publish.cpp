@@ -8,32 +8,32 @@ namespace {
 
 constexpr size_t kSentTopicChars = 255;
 
-void keep_for_absent(const Routing &routing)
+void keep_for_offline(const Routing &routing)
 {
-    const Turn          &turn = routing.turn;
-    persist::HeldSession session(turn.id());
+    const Receiver        &receiver = routing.receiver;
+    persist::LockedSession session(receiver.id());
     if (!is_kept(routing, session))
         return;
-    if (turn.qos == 0) {
-        LOG_INFO("[MQTT标准] QoS=0 离线消息不存储：ClientID=%s, Topic=%s", turn.id(), routing.message.topic_text());
+    if (receiver.qos == 0) {
+        LOG_INFO("[MQTT标准] QoS=0 离线消息不存储：ClientID=%s, Topic=%s", receiver.id(), routing.message.topic_text());
         return;
     }
     if (keep_message(routing, session))
-        LOG_INFO("[STANDARD] APP发布离线消息已存储: %s, Topic=%s", turn.id(), routing.message.topic_text());
+        LOG_INFO("[STANDARD] APP发布离线消息已存储: %s, Topic=%s", receiver.id(), routing.message.topic_text());
 }
 
-void settle(Routing &routing, Outcome outcome) noexcept
+void on_outcome(Routing &routing, Outcome outcome) noexcept
 {
     switch (outcome) {
-    case Outcome::Absent:
-        keep_for_absent(routing);
+    case Outcome::Offline:
+        keep_for_offline(routing);
         break;
     default: // neither success nor failure has a line
         break;
     }
 }
 
-constexpr Rules kRules{.settle             = settle,
+constexpr Rules kRules{.on_outcome         = on_outcome,
                        .tracking           = Tracking::Always,
                        .remembers_qos1     = false,
                        .draws_at_qos0      = true,

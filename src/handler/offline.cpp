@@ -45,17 +45,17 @@ void requeue_kept(mqtt_client_t &client) noexcept
     }
 
     // Held until the file is emptied: what others store meanwhile would go with it.
-    persist::HeldSession held(id.text);
-    if (!held.is_loaded() || held.record().msg_count == 0) {
+    persist::LockedSession session(id.text);
+    if (!session.is_loaded() || session.record().msg_count == 0) {
         LOG_DEBUG("[packet_handler] 无离线消息需要补发: %s", id.text);
         return;
     }
-    persist_session_t &saved = held.record();
+    persist_session_t &saved = session.record();
     LOG_INFO("[packet_handler] 开始补发离线消息: %s 共 %d 条", id.text, saved.msg_count);
     for (int at = 0; at < saved.msg_count; at++)
         requeue(client, saved.msgs[at]);
     saved.msg_count = 0;
-    held.write_messages();
+    session.write_messages();
     LOG_INFO("[packet_handler] 离线消息补发完成: %s，已清空离线消息", id.text);
 }
 

@@ -1,7 +1,8 @@
 // packet_id.cpp - the one generator of packet identifiers for everything the broker sends by itself. (Messages kept for
 // the absent have identifiers of their own in their file, drawn by persist/offline_messages.cpp.)
 //
-// Number and order of draws are visible, since hosts can set the seed: every caller draws exactly as often as stated.
+// Hosts can set the seed and so see how often and in which order identifiers are drawn: every caller draws exactly as
+// often as stated.
 #include "../base/clock.h"
 #include "handler_internal.h"
 

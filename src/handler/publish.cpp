@@ -12,20 +12,20 @@ namespace tarn::handler {
 namespace {
 
 // Kept at QoS 0 too, unlike the host's messages.
-void keep_for_absent(const Routing &routing)
+void keep_for_offline(const Routing &routing)
 {
-    const Turn          &turn = routing.turn;
-    persist::HeldSession session(turn.id());
+    const Receiver        &receiver = routing.receiver;
+    persist::LockedSession session(receiver.id());
     if (!is_kept(routing, session) || !keep_message(routing, session))
         return;
-    LOG_INFO("[MQTT标准] 离线消息已存储：ClientID=%s, Topic=%s", turn.id(), routing.message.topic_text());
+    LOG_INFO("[MQTT标准] 离线消息已存储：ClientID=%s, Topic=%s", receiver.id(), routing.message.topic_text());
     stats::count(stats::Counter::offline_msg);
 }
 
-void settle(Routing &routing, Outcome outcome) noexcept
+void on_outcome(Routing &routing, Outcome outcome) noexcept
 {
-    const Turn &turn  = routing.turn;
-    const char *topic = routing.message.topic_text();
+    const Receiver &receiver = routing.receiver;
+    const char     *topic    = routing.message.topic_text();
     switch (outcome) {
     case Outcome::NoMatchMemory:
         LOG_ERROR("matched_subs malloc failed: %d", errno);
@@ -37,16 +37,16 @@ void settle(Routing &routing, Outcome outcome) noexcept
         LOG_DEBUG("发布消息无匹配订阅者：Topic=%s", topic);
         break;
     case Outcome::NotChosen:
-        LOG_DEBUG("[共享订阅] 订阅者%d 同组已负载均衡，跳过发送", turn.number);
+        LOG_DEBUG("[共享订阅] 订阅者%d 同组已负载均衡，跳过发送", receiver.number);
         break;
-    case Outcome::Absent:
-        keep_for_absent(routing);
+    case Outcome::Offline:
+        keep_for_offline(routing);
         break;
     case Outcome::NoMemory:
         LOG_ERROR("forward_buf malloc failed: %d", errno);
         break;
     case Outcome::Sent:
-        LOG_INFO("转发消息成功：To=%s, Topic=%s, QoS=%d", turn.id(), topic, turn.shown_qos());
+        LOG_INFO("转发消息成功：To=%s, Topic=%s, QoS=%d", receiver.id(), topic, receiver.shown_qos());
         break;
     case Outcome::Routed:
         LOG_INFO("MQTT标准：消息转发完成：匹配%d个订阅者，成功发送%d个", routing.matches.count(), routing.sent);
@@ -60,7 +60,7 @@ void settle(Routing &routing, Outcome outcome) noexcept
     }
 }
 
-constexpr Rules kRules{.settle             = settle,
+constexpr Rules kRules{.on_outcome         = on_outcome,
                        .tracking           = Tracking::Queued,
                        .remembers_qos1     = true,
                        .draws_at_qos0      = false,
@@ -70,7 +70,7 @@ constexpr Rules kRules{.settle             = settle,
 // QUIRK(expiry-elsewhere): a Message Expiry Interval is forwarded undiminished [MQTT-3.3.2-6], and of the pending
 // deliveries it limits the one that has the publisher's own identifier, not those made from this message.
 //   test: publish.an_expiry_goes_to_the_entry_with_the_publishers_identifier
-void limit_life(mqtt_client_t &client, const mqtt_publish_para_t &message)
+void apply_expiry(mqtt_client_t &client, const mqtt_publish_para_t &message)
 {
     if (message.qos != 0 && message.msg_expiry_interval != 0)
         qos::set_expiry(client, message.msg_id, message.msg_expiry_interval);
@@ -113,7 +113,7 @@ int handle_publish(mqtt_client_t &client, Packet packet) noexcept
 {
     mqtt_publish_para_t message; // the decoder clears it
     if (const codec::Result result = codec::decode_publish(client.codec, packet, message); failed(result))
-        return undecodable(client, "解码PUBLISH失败：ClientID=%s, 错误码=%d", result);
+        return refuse_undecodable(client, "解码PUBLISH失败：ClientID=%s, 错误码=%d", result);
 
     stats::count_qos(message.qos);
     LOG_INFO("MQTT标准：收到发布消息：ClientID=%s, Topic=%s, QoS=%d, Retain=%d, MsgID=%d", client.client_id,
@@ -128,7 +128,7 @@ int handle_publish(mqtt_client_t &client, Packet packet) noexcept
     }
     api::tell(client, BROKER_EVENT_PUBLISH, message.topic, static_cast<int32_t>(message.qos));
 
-    limit_life(client, message);
+    apply_expiry(client, message);
     if (message.retain)
         (void)sub::retain(
             {message.topic, {message.payload, message.payload_len}, message.qos, message.msg_expiry_interval});

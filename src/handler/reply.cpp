@@ -11,7 +11,7 @@
 namespace tarn::handler {
 namespace {
 
-constexpr uint32_t kLeavePause_ms = 10;
+constexpr uint32_t kBeforeClosePause_ms = 10;
 
 // `encode` is one of the codec's encoders: it takes the room and cuts it to the packet.
 template <class Encode> Reply send_reply(mqtt_client_t &client, Encode encode)
@@ -58,9 +58,9 @@ Reply send_refusal(mqtt_client_t &client, const mqtt_connack_para_t &connack) no
     });
 }
 
-void let_leave(mqtt_client_t &client) noexcept
+void flush_before_close(mqtt_client_t &client) noexcept
 {
-    pause_ms(kLeavePause_ms);
+    pause_ms(kBeforeClosePause_ms);
     flush_client(client);
 }
 
@@ -68,7 +68,7 @@ void let_leave(mqtt_client_t &client) noexcept
 // QUIRK(disconnect-to-v4): a 3.1.1 client receives E0 00 before the broker closes its connection, although DISCONNECT
 // travels from client to server only in that version [MQTT 3.1.1 3.14]. Clients ignore it and see the close.
 //   test: send_disconnect.a_v4_client_gets_two_bytes
-void say_disconnect(mqtt_client_t &client, uint8_t reason_code) noexcept
+void send_disconnect(mqtt_client_t &client, uint8_t reason_code) noexcept
 {
     if (client.handle == NETIP_NO_HANDLE)
         return;
@@ -81,7 +81,7 @@ void say_disconnect(mqtt_client_t &client, uint8_t reason_code) noexcept
     // What the encoder leaves is sent in any case: a context of no known level sends the zeroes.
     (void)codec::encode_disconnect(client.codec, disconnect, packet);
     (void)send_to(client, {packet});
-    let_leave(client);
+    flush_before_close(client);
 }
 
 } // namespace tarn::handler

@@ -23,7 +23,7 @@ Reply send_connack(mqtt_client_t &client, const mqtt_connack_para_t &connack) no
 Reply send_refusal(mqtt_client_t &client, const mqtt_connack_para_t &connack) noexcept;
 
 // Gives a packet that was queued last 10 ms to leave, then sends what is still queued: the caller closes next.
-void let_leave(mqtt_client_t &client) noexcept;
+void flush_before_close(mqtt_client_t &client) noexcept;
 
 } // namespace tarn::handler
 

@@ -13,7 +13,7 @@ namespace tarn::handler {
 namespace {
 
 // QUIRK(retained-for-shared): a shared subscription gets retained messages too, each of its members all of them
-// [MQTT 5.0 4.8.2]: whoever subscribes learns the state of its topics.
+// [MQTT 5.0 4.8.2]: a client that subscribes learns the state of its topics.
 //   test: retained.every_member_of_a_shared_group_gets_them
 //
 // QUIRK(retained-qos): a retained message goes out at the QoS it was published with, not at the smaller granted one

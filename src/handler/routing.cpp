@@ -11,19 +11,19 @@ namespace {
 
 // Kept from message to message, so that routing allocates nothing once a thread has seen its largest match.
 struct Workspace {
-    sub::RouteList routes;
+    sub::MatchList matches;
     ShareChoice    choice;
 };
 constinit thread_local Workspace t_workspace;
 
-void settle(Routing &routing, Outcome outcome)
+void on_outcome(Routing &routing, Outcome outcome)
 {
-    routing.rules.settle(routing, outcome);
+    routing.rules.on_outcome(routing, outcome);
 }
 
 bool refuse(Routing &routing, Outcome outcome)
 {
-    settle(routing, outcome);
+    on_outcome(routing, outcome);
     return false;
 }
 
@@ -32,48 +32,48 @@ bool refuse(Routing &routing, Outcome outcome)
 //   test: publish.a_receive_maximum_holds_nothing_back
 //
 // True when the message was queued for the receiver whose turn it is.
-bool deliver(Routing &routing, DeliveryCache &cache)
+bool deliver_to_receiver(Routing &routing, DeliveryCache &cache)
 {
-    const Rules   &rules   = routing.rules;
-    const Message &message = routing.message;
-    Turn          &turn    = routing.turn;
-    mqtt_client_t &client  = *turn.client;
+    const Rules   &rules    = routing.rules;
+    const Message &message  = routing.message;
+    Receiver      &receiver = routing.receiver;
+    mqtt_client_t &client   = *receiver.client;
 
-    turn.version = codec::level_of(client.codec);
+    receiver.version = codec::level_of(client.codec);
     if (rules.payload_by_version) {
-        settle(routing, Outcome::Online);
+        on_outcome(routing, Outcome::Online);
         if (message.payload.empty())
             return refuse(routing, Outcome::NoPayload);
     }
 
-    const bool                   acknowledged = turn.qos != 0;
+    const bool                   acknowledged = receiver.qos != 0;
     const uint16_t               id           = acknowledged || rules.draws_at_qos0 ? draw_delivery_id() : uint16_t{0};
-    const DeliveryCache::Encoded packet       = cache.encode(turn.version, turn.qos, id);
-    turn.result                               = codec::code_of(packet.result);
+    const DeliveryCache::Encoded packet       = cache.encode(receiver.version, receiver.qos, id);
+    receiver.result                           = codec::code_of(packet.result);
     if (!packet.had_memory)
         return refuse(routing, Outcome::NoMemory);
 
     const qos::Delivery delivery{.client     = client,
                                  .msg_id     = id,
-                                 .qos        = static_cast<uint8_t>(turn.qos),
+                                 .qos        = static_cast<uint8_t>(receiver.qos),
                                  .topic      = message.topic_text(),
                                  .payload    = message.payload,
                                  .tracked    = acknowledged && rules.tracking == Tracking::Queued,
-                                 .remembered = turn.qos == 1 && rules.remembers_qos1};
+                                 .remembered = receiver.qos == 1 && rules.remembers_qos1};
     if (acknowledged && rules.tracking == Tracking::Always &&
-        (packet.ready() || cache.scan_can_encode(packet.result, turn.version)))
+        (packet.ready() || cache.scan_can_encode(packet.result, receiver.version)))
         (void)qos::track(client, id, delivery.qos, delivery.topic, delivery.payload);
     if (!packet.ready())
         return refuse(routing, Outcome::NotEncoded);
 
     codec::note_packet(client.codec, PUBLISH);
-    const qos::Booked booked = qos::send_booked(delivery, packet.head);
-    turn.result              = static_cast<int>(booked.result);
-    if (booked.result != 0)
+    const qos::FirstSend first = qos::send_and_track(delivery, packet.head);
+    receiver.result            = static_cast<int>(first.result);
+    if (first.result != 0)
         return refuse(routing, Outcome::NotSent);
-    settle(routing, Outcome::Sent);
+    on_outcome(routing, Outcome::Sent);
     if (delivery.tracked)
-        qos::say_booked(delivery, booked);
+        qos::log_tracking(delivery, first);
     return true;
 }
 
@@ -86,7 +86,7 @@ bool match(Routing &routing, const char *topic)
         return refuse(routing, Outcome::NoMatchMemory);
     if (chooses_first && !matches.choose())
         return refuse(routing, Outcome::NoChoiceMemory);
-    settle(routing, Outcome::Matched);
+    on_outcome(routing, Outcome::Matched);
     if (!chooses_first && matches.count() != 0 && !matches.choose())
         return refuse(routing, Outcome::NoChoiceMemory);
     return true;
@@ -94,13 +94,13 @@ bool match(Routing &routing, const char *topic)
 
 } // namespace
 
-Matches::Matches() noexcept : list_(t_workspace.routes) {}
+Matches::Matches() noexcept : list_(t_workspace.matches) {}
 
 bool Matches::find(const char *topic) noexcept
 {
-    list_.routes.clear();
+    list_.matches.clear();
     list_.names.clear();
-    count_ = sub::match_routes(topic, list_);
+    count_ = sub::list_matches(topic, list_);
     return count_ >= 0;
 }
 
@@ -113,10 +113,10 @@ bool Matches::choose() noexcept
     ShareChoice &choice = t_workspace.choice;
     choice.members.clear();
     for (int at = 0; at < count_; at++) {
-        const sub::Route &route = (*this)[at];
-        if (!route.shared || route.group_size == sub::kNoGroup)
+        const sub::Match &match = (*this)[at];
+        if (!match.shared || match.group_size == sub::kNoGroup)
             continue;
-        if (!choice.members.push({list_.group_of(route), static_cast<uint32_t>(at), 0}))
+        if (!choice.members.push({list_.group_of(match), static_cast<uint32_t>(at), 0}))
             return true; // no working storage: nobody is chosen
     }
     if (choice.members.empty() || !choose_members(choice))
@@ -132,45 +132,45 @@ bool route(Routing &routing, const char *topic) noexcept
         return false;
     const Matches &matches = routing.matches;
     if (matches.count() == 0) {
-        settle(routing, Outcome::Unmatched);
+        on_outcome(routing, Outcome::Unmatched);
         return true;
     }
 
     DeliveryCache cache(routing.message);
-    Turn         &turn = routing.turn;
+    Receiver     &receiver = routing.receiver;
     for (int at = 0; at < matches.count(); at++) {
-        const sub::Route &to = matches[at];
+        const sub::Match &to = matches[at];
         if (routing.excluded && *routing.excluded == to.client_id)
             continue;
-        turn = {.number = at + 1, .to = &to, .qos = std::min<uint32_t>(routing.qos, to.qos)};
+        receiver = {.number = at + 1, .to = &to, .qos = std::min<uint32_t>(routing.qos, to.qos)};
         if (matches.skips(at)) {
-            settle(routing, Outcome::NotChosen);
+            on_outcome(routing, Outcome::NotChosen);
             continue;
         }
-        const client_ref client = find_client_by_cid(to.client_id);
-        turn.client             = client.get();
-        turn.state              = client ? uint32_t{client->state} : uint32_t{CLIENT_UNUSED};
-        if (turn.state == CLIENT_CONNECTED || turn.state == CLIENT_LOGINED)
-            routing.sent += deliver(routing, cache);
+        const client_ref client = find_client_by_id(to.client_id);
+        receiver.client         = client.get();
+        receiver.state          = client ? uint32_t{client->state} : uint32_t{CLIENT_UNUSED};
+        if (receiver.state == CLIENT_CONNECTED || receiver.state == CLIENT_LOGINED)
+            routing.sent += deliver_to_receiver(routing, cache);
         else
-            settle(routing, Outcome::Absent);
+            on_outcome(routing, Outcome::Offline);
     }
-    settle(routing, Outcome::Routed);
+    on_outcome(routing, Outcome::Routed);
     return true;
 }
 
-bool is_kept(const Routing &routing, const persist::HeldSession &session) noexcept
+bool is_kept(const Routing &routing, const persist::LockedSession &session) noexcept
 {
-    return session.is_loaded() && (!routing.turn.to->clean_session || session.has_files()) &&
+    return session.is_loaded() && (!routing.receiver.to->clean_session || session.has_files()) &&
            !routing.message.topic.empty() && !routing.message.payload.empty();
 }
 
-bool keep_message(const Routing &routing, persist::HeldSession &session) noexcept
+bool keep_message(const Routing &routing, persist::LockedSession &session) noexcept
 {
     const Message &message = routing.message;
-    session.report_again();
+    session.count_and_log_again();
     return session.add_message(message.topic_text(), message.payload.data(), message.payload_len(),
-                               static_cast<uint8_t>(routing.turn.qos));
+                               static_cast<uint8_t>(routing.receiver.qos));
 }
 
 } // namespace tarn::handler

@@ -7,7 +7,7 @@
 #define TARN_HANDLER_ROUTING_H
 
 #include "../persist/session_store.h"
-#include "../sub/route.h"
+#include "../sub/match_list.h"
 #include "delivery_cache.h"
 #include "handler_internal.h"
 
@@ -24,17 +24,17 @@ public:
     [[nodiscard]] bool choose() noexcept;                // shared groups; false: no memory for the flags
 
     int               count() const noexcept { return count_; }
-    const sub::Route &operator[](int at) const noexcept { return list_.routes[static_cast<size_t>(at)]; }
+    const sub::Match &operator[](int at) const noexcept { return list_.matches[static_cast<size_t>(at)]; }
 
     // A member of a shared group, of which another member was chosen.
     bool skips(int at) const noexcept
     {
-        const sub::Route &route = (*this)[at];
-        return route.shared && route.group_size != sub::kNoGroup && !chosen_[static_cast<size_t>(at)];
+        const sub::Match &match = (*this)[at];
+        return match.shared && match.group_size != sub::kNoGroup && !chosen_[static_cast<size_t>(at)];
     }
 
 private:
-    sub::RouteList &list_;
+    sub::MatchList &list_;
     owned<uint8_t>  chosen_; // a flag a match
     int             count_ = 0;
 };
@@ -48,12 +48,12 @@ enum class Outcome : uint8_t {
     Routed,         // every receiver had its turn; the end
 
     NotChosen,  // another member of its shared group gets the message
-    Absent,     // turn.client is null, or not online
+    Offline,    // receiver.client is null, or not online
     Online,     // told only with payload_by_version: the route sets the message's payload
     NoPayload,  // it set none
     NoMemory,   // errno says why
-    NotEncoded, // turn.result: CODEC_*
-    NotSent,    // turn.result: queue_packet's
+    NotEncoded, // receiver.result: CODEC_*
+    NotSent,    // receiver.result: queue_packet's
     Sent,       // queued, that is
 };
 
@@ -67,7 +67,7 @@ enum class Tracking : uint8_t {
 struct Routing;
 
 struct Rules {
-    void (*settle)(Routing &routing, Outcome outcome) noexcept; // the route's switch
+    void (*on_outcome)(Routing &routing, Outcome outcome) noexcept; // the route's switch
     Tracking tracking;
     bool     remembers_qos1;     // as the one acknowledgement that the receiver's record waits for
     bool     draws_at_qos0;      // an identifier is drawn where none is sent
@@ -76,9 +76,9 @@ struct Rules {
 };
 
 // The receiver that the message is at.
-struct Turn {
+struct Receiver {
     int               number  = 0; // from 1, as log lines count
-    const sub::Route *to      = nullptr;
+    const sub::Match *to      = nullptr;
     mqtt_client_t    *client  = nullptr; // pinned; null: nobody has this id
     uint32_t          state   = CLIENT_UNUSED;
     uint32_t          version = 0; // read once: another thread may change it
@@ -98,19 +98,19 @@ struct Routing {
     const uint32_t                  qos;      // of the message itself
     std::optional<std::string_view> excluded; // no receiver of this id, without a word
     Matches                         matches;
-    Turn                            turn;
+    Receiver                        receiver;
     int                             sent = 0; // receivers that the message was queued for
 };
 
 // Sends the message to whom `topic` matches. False without memory.
 [[nodiscard]] bool route(Routing &routing, const char *topic) noexcept;
 
-// True when the message is to be kept for this absent receiver: there is something to keep, and its subscription asked
-// to be remembered or one of its files is there.
-[[nodiscard]] bool is_kept(const Routing &routing, const persist::HeldSession &session) noexcept;
+// True when the message is to be kept for this offline receiver: it has a topic and a payload, and the receiver
+// subscribed without a clean session or has files.
+[[nodiscard]] bool is_kept(const Routing &routing, const persist::LockedSession &session) noexcept;
 
-// Asking and storing count and say a load each, though the files are read once. False without memory.
-[[nodiscard]] bool keep_message(const Routing &routing, persist::HeldSession &session) noexcept;
+// Counts and logs a second load, though the files were read once for is_kept(). False without memory.
+[[nodiscard]] bool keep_message(const Routing &routing, persist::LockedSession &session) noexcept;
 
 } // namespace tarn::handler
 

@@ -15,7 +15,7 @@ namespace {
 
 constexpr uint32_t kRefused = 0x80;
 
-void say_request(const mqtt_client_t &client, const mqtt_subscribe_para_t &request)
+void log_request(const mqtt_client_t &client, const mqtt_subscribe_para_t &request)
 {
     LOG_INFO("【QoS溯源1】客户端订阅请求：ClientID=%s, MsgID=%d, 订阅数=%d", client.client_id, request.msg_id,
              request.filter_count);
@@ -69,7 +69,7 @@ persist_sub_t &entry_for(mqtt_client_t &client, const char *filter)
 // [MQTT-3.1.2-4 of 3.1.1]: the saved list has a fixed size.
 //   test: subscribe.the_33rd_filter_is_in_the_table_but_not_saved
 void remember(mqtt_client_t &client, const mqtt_subscribe_para_t &request, const mqtt_ack_para_t &ack)
-    REQUIRES(session_lock(client))
+    REQUIRES(session_mutex(client))
 {
     for (int at = 0; at < request.filter_count; at++) {
         if (ack.return_codes[at] == kRefused)
@@ -84,7 +84,7 @@ void save(mqtt_client_t &client, const mqtt_subscribe_para_t &request, const mqt
 {
     int32_t saved = 0;
     {
-        ScopedLock lock(session_lock(client));
+        ScopedLock lock(session_mutex(client));
         remember(client, request, ack);
         if (client.clean_session)
             return;
@@ -130,9 +130,9 @@ int handle_subscribe(mqtt_client_t &client, Packet packet) noexcept
 {
     mqtt_subscribe_para_t request{};
     if (const codec::Result result = codec::decode_subscribe(client.codec, packet, request); failed(result))
-        return undecodable(client, "解码SUBSCRIBE失败：ClientID=%s, 错误码=%d", result);
+        return refuse_undecodable(client, "解码SUBSCRIBE失败：ClientID=%s, 错误码=%d", result);
 
-    say_request(client, request);
+    log_request(client, request);
     mqtt_ack_para_t ack{};
     ack.msg_id            = request.msg_id;
     ack.return_code_count = request.filter_count;

@@ -48,7 +48,7 @@ int handle_unsubscribe(mqtt_client_t &client, Packet packet) noexcept
 {
     mqtt_unsubscribe_para_t request{};
     if (const codec::Result result = codec::decode_unsubscribe(client.codec, packet, request); failed(result))
-        return undecodable(client, "解码UNSUBSCRIBE失败：ClientID=%s, 错误码=%d", result);
+        return refuse_undecodable(client, "解码UNSUBSCRIBE失败：ClientID=%s, 错误码=%d", result);
 
     LOG_INFO("MQTT标准：客户端取消订阅：ClientID=%s, MsgID=%d, 取消数=%d", client.client_id, request.msg_id,
              request.filter_count);

@@ -1,7 +1,7 @@
 // will.cpp - a client's last will: published, put off, or called off.
 //
 // The will fields belong to will_lock. What is published is a copy taken under it, because a reconnect may replace the
-// will meanwhile. Who may publish at all is settled by the callers' claim on the record.
+// will meanwhile. Only a caller with the claim of the record publishes.
 #include "../base/clock.h"
 #include "../base/memory.h"
 #include "../base/text.h"
@@ -43,7 +43,7 @@ bool copy_will(mqtt_client_t &client, mqtt_publish_para_t &will)
     return true;
 }
 
-void say_sending(mqtt_client_t &client, const mqtt_publish_para_t &will)
+void log_sending(mqtt_client_t &client, const mqtt_publish_para_t &will)
 {
     LOG_INFO("[WILL] Send will message: client=%s", id_of(client).text);
     LOG_INFO("[WILL] Topic: %s, QoS: %u, Retain: %u, PayloadLen: %u", will.topic, will.qos, will.retain,
@@ -59,7 +59,7 @@ void mark_will_sent(mqtt_client_t &client)
 
 // QUIRK(will-saves-session): publishing the will of a kept session writes its subscriptions, also when the session was
 // deleted a moment before because it ended with the connection: the next CONNECT finds a session present although it
-// should find none [MQTT-3.2.2-3]. Closing settles the session first and the will after it.
+// should find none [MQTT-3.2.2-3]. A close ends the session first and the will after it.
 //   test: close_table.every_kind_of_client_every_way_and_every_will
 void send_will(mqtt_client_t &client, const mqtt_publish_para_t &will, Packet packet)
 {
@@ -68,13 +68,13 @@ void send_will(mqtt_client_t &client, const mqtt_publish_para_t &will, Packet pa
     stats::count(stats::Counter::will_sent);
     api::tell(client, BROKER_EVENT_WILL, will.topic, static_cast<int32_t>(will.qos));
     {
-        ScopedLock lock(session_lock(client));
+        ScopedLock lock(session_mutex(client));
         client.session.will_flag = 0;
     }
     mark_will_sent(client);
     LOG_INFO("[WILL] 广播完成 | will_sent=%d", 1);
     if (!client.clean_session) {
-        ScopedLock lock(session_lock(client));
+        ScopedLock lock(session_mutex(client));
         persist::save(client.session, PERSIST_SUBSCRIPTIONS);
     }
 }
@@ -86,7 +86,7 @@ bool publish_will(mqtt_client_t &client) noexcept
     mqtt_publish_para_t will{};
     if (!copy_will(client, will))
         return false;
-    say_sending(client, will);
+    log_sending(client, will);
 
     const owned<uint8_t> room = allocate_zeroed<uint8_t>(PACKET_WILL_BUFFER_SIZE);
     if (!room) {

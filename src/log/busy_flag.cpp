@@ -17,13 +17,13 @@ void set_shut_down(uint32_t down) noexcept
     busy().store(down);
 }
 
-uint32_t enter() noexcept
+uint32_t take_busy_flag() noexcept
 {
     uint32_t free = 0;
     return busy().compare_exchange_strong(free, 1) ? 0 : free;
 }
 
-void leave() noexcept
+void free_busy_flag() noexcept
 {
     uint32_t down;
     do { // again if deinit or init came between: their value is the one to stay

@@ -16,9 +16,9 @@ inline std::atomic_ref<uint32_t> busy() noexcept
 }
 
 // Takes the flag if it is free. Otherwise the value that stands in the way.
-[[nodiscard]] uint32_t enter() noexcept;
+[[nodiscard]] uint32_t take_busy_flag() noexcept;
 // Frees the flag, unless logging was shut down meanwhile: then it stays taken.
-void leave() noexcept;
+void free_busy_flag() noexcept;
 
 void set_shut_down(uint32_t down) noexcept;
 

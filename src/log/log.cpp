@@ -62,7 +62,7 @@ void set_level(uint32_t level) noexcept
 
 void write_list(uint32_t level, const char *format, va_list arguments) noexcept
 {
-    if (!log_passes(level) || enter() != 0)
+    if (!log_passes(level) || take_busy_flag() != 0)
         return;
 
     char message[kMessageSize] = "";
@@ -73,7 +73,7 @@ void write_list(uint32_t level, const char *format, va_list arguments) noexcept
         print_line(level, message);
     if (output & AGENT_LOG_TO_FILE)
         write_to_file(level, message);
-    leave();
+    free_busy_flag();
 }
 
 void write(uint32_t level, const char *format, ...) noexcept

@@ -19,26 +19,26 @@ constexpr size_t kFileBufferBytes = 4096;
 constexpr size_t kFileLineChars   = AGENT_LOG_MESSAGE_CHARS; // with time and level, without the line break
 
 // Guards the stream, its path and its size limit. A writer that finds it taken drops its line.
-constinit Mutex g_file_lock{PTHREAD_MUTEX_INITIALIZER};
+constinit Mutex g_file_mutex{PTHREAD_MUTEX_INITIALIZER};
 
 // The path as it read when init got it: the caller's string may be gone when the file is opened anew. One character
 // more than any path has, so that a path that is too long stays too long.
 char        g_path_copy[PATH_MAX + 1];
 const char *g_path_copied_from = nullptr;
 
-FILE *stream() noexcept REQUIRES(g_file_lock)
+FILE *stream() noexcept REQUIRES(g_file_mutex)
 {
     return static_cast<FILE *>(g_log_file);
 }
 
-void close_stream() noexcept REQUIRES(g_file_lock)
+void close_stream() noexcept REQUIRES(g_file_mutex)
 {
     if (stream())
         fclose(stream());
     g_log_file = nullptr;
 }
 
-void remember_path(const char *path) noexcept REQUIRES(g_file_lock)
+void remember_path(const char *path) noexcept REQUIRES(g_file_mutex)
 {
     g_log_file_path    = path && *path ? path : "tarn_flash.txt";
     g_path_copied_from = g_log_file_path;
@@ -47,7 +47,7 @@ void remember_path(const char *path) noexcept REQUIRES(g_file_lock)
 
 // Opens the path anew, whatever was open before. Returns what giving the stream its buffer returned, 0 if nothing
 // could be opened.
-int reopen(const char *mode) noexcept REQUIRES(g_file_lock)
+int reopen(const char *mode) noexcept REQUIRES(g_file_mutex)
 {
     close_stream();
     const char *path = g_log_file_path == g_path_copied_from ? g_path_copy : g_log_file_path;
@@ -59,7 +59,7 @@ int reopen(const char *mode) noexcept REQUIRES(g_file_lock)
 }
 
 // Leaves the stream at its end, and the file below its limit. False when there is no file to write to any more.
-bool seek_to_end() noexcept REQUIRES(g_file_lock)
+bool seek_to_end() noexcept REQUIRES(g_file_mutex)
 {
     const long position = fseek(stream(), 0, SEEK_END) == 0 ? ftell(stream()) : -1;
     if (position < 0) {
@@ -71,7 +71,7 @@ bool seek_to_end() noexcept REQUIRES(g_file_lock)
     return stream() != nullptr;
 }
 
-void put_line(uint32_t level, const char *message) noexcept REQUIRES(g_file_lock)
+void put_line(uint32_t level, const char *message) noexcept REQUIRES(g_file_mutex)
 {
     char stamp[kStampSize];
     write_local_time(stamp, sizeof stamp);
@@ -89,7 +89,7 @@ void put_line(uint32_t level, const char *message) noexcept REQUIRES(g_file_lock
 
 bool configure_file(const agent_log_config_t &config, bool wanted) noexcept
 {
-    ScopedLock lock(g_file_lock);
+    ScopedLock lock(g_file_mutex);
     g_log_config.max_file_size = config.max_file_size ? config.max_file_size : uint32_t{AGENT_LOG_MAX_FILE_SIZE};
     g_log_config.reserved_size = config.reserved_size >= 1 && config.reserved_size <= AGENT_LOG_RESERVED_SIZE_MAX
                                      ? config.reserved_size
@@ -104,7 +104,7 @@ bool configure_file(const agent_log_config_t &config, bool wanted) noexcept
 
 void close_file() noexcept
 {
-    ScopedLock lock(g_file_lock);
+    ScopedLock lock(g_file_mutex);
     close_stream();
 }
 
@@ -112,30 +112,30 @@ void close_file() noexcept
 // when another thread cleared the flag in the meantime. The order is meant as it is.
 void write_to_file(uint32_t level, const char *message) noexcept
 {
-    if (busy().load() != 0 || !g_file_lock.try_lock())
+    if (busy().load() != 0 || !g_file_mutex.try_lock())
         return;
     if (stream()) {
         busy().store(1);
         if (seek_to_end())
             put_line(level, message);
     }
-    g_file_lock.unlock();
+    g_file_mutex.unlock();
 }
 
 uint32_t clear_file() noexcept
 {
-    if (const uint32_t taken = enter())
+    if (const uint32_t taken = take_busy_flag())
         return taken;
 
     uint32_t result = 0;
     {
-        ScopedLock lock(g_file_lock);
+        ScopedLock lock(g_file_mutex);
         if (g_log_file_path)
             result = static_cast<uint32_t>(reopen("we"));
         else
             close_stream();
     }
-    leave();
+    free_busy_flag();
     return result;
 }
 

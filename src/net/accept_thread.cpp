@@ -1,8 +1,8 @@
 // accept_thread.cpp - the one thread that sleeps in accept and puts new connections into the table.
 //
 // The listener outlives the layer, and so may this thread: asleep in accept it does not notice the layer going down.
-// The connection that wakes it then is kept, the thread ends, and the next start serves that connection first, then
-// those that wait in the listener's queue: nobody who got through to the port is lost or overtaken.
+// The connection that wakes it then is kept and the thread ends. The next start serves that connection first, then
+// those in the listener's queue: no connection is lost or overtaken.
 #include "../base/clock.h"
 #include "../base/fd.h"
 #include "../base/thread.h"
@@ -23,15 +23,15 @@ struct Arrival {
     PeerAddress peer;
 };
 
-struct Held {
+struct Waiting {
     int         fd; // -1: none
     PeerAddress peer;
 };
 
-constinit bool g_alive GUARDED_BY(g_netip_lock) = false;
-constinit Held g_held  GUARDED_BY(g_netip_lock) = {-1, {}};
+constinit bool g_alive      GUARDED_BY(g_netip_lock) = false;
+constinit Waiting g_waiting GUARDED_BY(g_netip_lock) = {-1, {}};
 
-constinit Mutex             g_admission{}; // held while a connection is admitted, its callback included
+constinit Mutex             g_admission_mutex{}; // held while a connection is admitted, its callback included
 constinit thread_local bool t_accepting = false;
 
 // Failures that do not go away by themselves at once.
@@ -52,14 +52,14 @@ bool lasts(int error)
     }
 }
 
-bool take_held(Arrival &arrival)
+bool take_waiting(Arrival &arrival)
 {
     ScopedLock lock(g_netip_lock);
-    if (g_held.fd < 0)
+    if (g_waiting.fd < 0)
         return false;
-    arrival.fd   = Fd(g_held.fd);
-    arrival.peer = g_held.peer;
-    g_held.fd    = -1;
+    arrival.fd   = Fd(g_waiting.fd);
+    arrival.peer = g_waiting.peer;
+    g_waiting.fd = -1;
     return true;
 }
 
@@ -78,28 +78,28 @@ void send_at_once(int fd)
 }
 
 // The callback comes before the socket joins epoll, so that "connected" precedes everything else.
-void introduce(const SlotHold &hold, const EventSink &sink)
+void introduce(const SlotPin &pin, const EventSink &sink)
 {
-    sink.connected(hold.handle(), REASON_TCP);
+    sink.connected(pin.handle(), REASON_TCP);
     bool watched;
     {
-        SlotLock slot(hold.handle(), SlotLock::Always);
-        watched = !hold.is_current() || watch(hold.handle());
+        SlotLock slot(pin.handle(), SlotLock::Always);
+        watched = !pin.is_current() || watch(pin.handle());
     }
     if (!watched)
-        hang_up(hold, sink); // nothing would ever be heard of it
+        hang_up(pin, sink); // nothing would ever be heard of it
 }
 
 // False when the layer is down: the arrival is kept and the thread must end.
 bool admit(Arrival &arrival)
 {
-    ScopedLock admission(g_admission);
+    ScopedLock admission(g_admission_mutex);
     Connection connection;
     {
         ScopedLock lock(g_netip_lock);
         if (!g_netip_running) {
-            g_held  = {arrival.fd.release(), arrival.peer};
-            g_alive = false;
+            g_waiting = {arrival.fd.release(), arrival.peer};
+            g_alive   = false;
             return false;
         }
         connection = open_slot(NETIP_TCP, arrival.fd.get(), arrival.peer);
@@ -107,7 +107,7 @@ bool admit(Arrival &arrival)
     if (connection.handle == NETIP_NO_HANDLE)
         return true; // the table is full, and the arrival closes itself
     send_at_once(arrival.fd.release());
-    introduce(SlotHold(connection, SlotHold::Counted), event_sink());
+    introduce(SlotPin(connection, SlotPin::Counted), event_sink());
     return true;
 }
 
@@ -132,8 +132,8 @@ void *accept_thread(void *)
     make_listener_blocking();
     for (;;) {
         Arrival arrival;
-        if (take_held(arrival) || accept_one(arrival)) {
-            ring_bell(); // before the socket joins epoll: its own events never come ahead of the bell's
+        if (take_waiting(arrival) || accept_one(arrival)) {
+            wake_io_thread(); // before the socket joins epoll, so that its own events never come before this one
             if (!admit(arrival))
                 return nullptr;
             continue;
@@ -169,7 +169,7 @@ bool start_accepting() noexcept
 void await_accept_thread() noexcept
 {
     if (!t_accepting)
-        ScopedLock until_outside(g_admission);
+        ScopedLock until_outside(g_admission_mutex);
 }
 
 } // namespace tarn::net

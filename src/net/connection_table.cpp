@@ -28,7 +28,7 @@ namespace {
 // Slots that are still being torn down, or whose last packet is still being handled, wait for their turn.
 bool is_free(uint32_t handle)
 {
-    return !peek_acquire(slot_of(handle).in_use) && side_of(handle).users.load(std::memory_order_acquire) == 0;
+    return !peek_acquire(slot_of(handle).in_use) && side_of(handle).pins.load(std::memory_order_acquire) == 0;
 }
 
 uint32_t first_free(uint32_t from, uint32_t end)

@@ -20,44 +20,44 @@ constexpr uint64_t kTimePerEvent_ms = 10; // packets that write files take milli
 
 constexpr uint32_t kFailurePause_ms = 100;
 
-constinit Mutex g_io_round{};
+constinit Mutex g_io_round_mutex{};
 
-class RoundTurn {
+class RoundLock {
 public:
-    RoundTurn() noexcept NO_LOCK_ANALYSIS : held_(peek(g_io_thread_num) > 1)
+    RoundLock() noexcept NO_LOCK_ANALYSIS : held_(peek(g_io_thread_num) > 1)
     {
         if (held_)
-            g_io_round.lock();
-        t_turn = this;
+            g_io_round_mutex.lock();
+        t_round_lock = this;
     }
-    ~RoundTurn()
+    ~RoundLock()
     {
         give_up();
-        t_turn = nullptr;
+        t_round_lock = nullptr;
     }
-    RoundTurn(const RoundTurn &)            = delete;
-    RoundTurn &operator=(const RoundTurn &) = delete;
+    RoundLock(const RoundLock &)            = delete;
+    RoundLock &operator=(const RoundLock &) = delete;
 
     void give_up() noexcept NO_LOCK_ANALYSIS
     {
         if (held_)
-            g_io_round.unlock();
+            g_io_round_mutex.unlock();
         held_ = false;
     }
-    static RoundTurn *of_this_thread() noexcept { return t_turn; }
+    static RoundLock *of_this_thread() noexcept { return t_round_lock; }
 
 private:
     bool                                     held_;
-    static constinit thread_local RoundTurn *t_turn;
+    static constinit thread_local RoundLock *t_round_lock;
 };
-constinit thread_local RoundTurn *RoundTurn::t_turn = nullptr;
+constinit thread_local RoundLock *RoundLock::t_round_lock = nullptr;
 
-// One recv behind the bytes held. A buffer that is still full, because the callback objected to the end, asks for 0
-// bytes and gets 0 as soon as another byte waits.
-ssize_t receive_bytes(const SlotHold &hold)
+// One recv behind the bytes held. If the buffer is still full because the callback objected to the end, recv is asked
+// for 0 bytes and returns 0 as soon as another byte waits.
+ssize_t receive_bytes(const SlotPin &pin)
 {
-    SlotLock slot(hold.handle(), SlotLock::Always);
-    if (!hold.is_current())
+    SlotLock slot(pin.handle(), SlotLock::Always);
+    if (!pin.is_current())
         return -1;
     const ssize_t got =
         recv(slot->fd, slot->rx_buf + slot->rx_len, static_cast<size_t>(room_left(*slot)), MSG_DONTWAIT);
@@ -79,23 +79,23 @@ enum class Left {
 // announced and with no DISCONNECT 0x95 [MQTT-3.2.2-15]. It stays because the receive buffer is part of the slot:
 // memory is bounded by the table, and nobody has to read what cannot be kept.
 //   test: stream.a_packet_of_4097_bytes_ends_the_connection
-Left receive(const SlotHold &hold, const EventSink &sink, uint32_t start)
+Left receive(const SlotPin &pin, const EventSink &sink, uint32_t start)
 {
-    netip_conn_t  &slot     = hold.slot();
+    netip_conn_t  &slot     = pin.slot();
     const uint64_t began_ms = mono_ms();
     ssize_t        total    = 0;
     for (int reads = 0; reads < kReadsPerEvent && total < kBytesPerEvent && layer_runs(start); ++reads) {
-        const ssize_t got = receive_bytes(hold);
+        const ssize_t got = receive_bytes(pin);
         if (got < 1)
             return got == 0 ? Left::End : Left::None;
         total += got;
-        LOG_DEBUG("[NETIP] 开始解析客户端数据 handle=%d 缓存长度=%d", static_cast<int>(hold.handle()), slot.rx_len);
+        LOG_DEBUG("[NETIP] 开始解析客户端数据 handle=%d 缓存长度=%d", static_cast<int>(pin.handle()), slot.rx_len);
         (void)find_packet_length(slot);
         for (; packet_is_whole(slot); next_packet(slot)) {
             LOG_INFO("[NETIP] 完整报文长度: %d", slot.pkt_len);
             LOG_HEXDUMP("[NETIP] 完整报文", slot.rx_buf, slot.pkt_len);
-            sink.data(hold.connection(), slot.rx_buf, static_cast<uint32_t>(slot.pkt_len));
-            if (!hold.is_current())
+            sink.data(pin.connection(), slot.rx_buf, static_cast<uint32_t>(slot.pkt_len));
+            if (!pin.is_current())
                 return Left::Later; // the callback closed the connection: what follows is not its packet any more
         }
         if (room_left(slot) == 0)
@@ -106,35 +106,35 @@ Left receive(const SlotHold &hold, const EventSink &sink, uint32_t start)
     return Left::Later;
 }
 
-void note_writable(const SlotHold &hold)
+void note_writable(const SlotPin &pin)
 {
     bool wanted;
     {
-        SlotLock slot(hold.handle(), SlotLock::Always);
-        wanted = hold.is_current() && settle_writable(hold.handle());
+        SlotLock slot(pin.handle(), SlotLock::Always);
+        wanted = pin.is_current() && forget_writable(pin.handle());
     }
     if (wanted)
-        call_writable_hook(hold.handle());
+        call_writable_hook(pin.handle());
 }
 
 void handle_event(const epoll_event &event, const EventSink &sink, uint32_t start)
 {
     const Connection connection{static_cast<uint32_t>(event.data.u64), static_cast<uint32_t>(event.data.u64 >> 32)};
     if (connection.generation == 0)
-        return; // the listener or the bell: connections are the accept thread's
-    const SlotHold hold(connection);
-    if (!hold)
+        return; // the listener or g_wake_fd: connections are the accept thread's
+    const SlotPin pin(connection);
+    if (!pin)
         return; // closed earlier in this round
     // The peer may be gone, but what it sent before still waits here and comes first. A turn that ends before all of it
     // is read goes on in the next round, as the broken connection is reported until it is closed.
     const bool broken = event.events & (EPOLLERR | EPOLLHUP);
     if (!broken && (event.events & EPOLLOUT))
-        note_writable(hold);
+        note_writable(pin);
     if (!broken && !(event.events & EPOLLIN))
         return;
-    const Left left = receive(hold, sink, start);
-    if (left == Left::End || (broken && left == Left::None && hold.is_current()))
-        hang_up(hold, sink);
+    const Left left = receive(pin, sink, start);
+    if (left == Left::End || (broken && left == Left::None && pin.is_current()))
+        hang_up(pin, sink);
 }
 
 void handle_events(int count, uint32_t start)
@@ -152,7 +152,7 @@ void handle_events(int count, uint32_t start)
 
 int run_round(uint32_t start, int timeout_ms) noexcept
 {
-    RoundTurn turn;
+    RoundLock turn;
     if (!layer_runs(start))
         return 0;
     const int count = epoll_wait(netip_epoll_fd, g_epoll_events, NETIP_EPOLL_EVENTS, timeout_ms);
@@ -161,13 +161,13 @@ int run_round(uint32_t start, int timeout_ms) noexcept
     if (count > 0)
         handle_events(count, start);
     if (count >= 0 && layer_runs(start))
-        wake_resting(count == 0);
+        resume_watching(count == 0);
     return count;
 }
 
 void give_up_round() noexcept
 {
-    if (RoundTurn *turn = RoundTurn::of_this_thread())
+    if (RoundLock *turn = RoundLock::of_this_thread())
         turn->give_up();
 }
 

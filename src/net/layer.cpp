@@ -33,7 +33,7 @@ constinit int32_t            g_io_started = 0;     // entries of g_io_threads. g
 
 struct Parts {
     Fd               epoll;
-    Fd               bell;
+    Fd               wake_fd;
     owned<pthread_t> threads;
     int32_t          thread_count = 0;
     Fd               new_listener; // unless there is one to adopt
@@ -111,8 +111,8 @@ Start make_parts(Parts &parts, int32_t io_threads)
         if (const Start failure = open_listener(parts); failure != Start::Up)
             return failure;
     (void)watch_shared(parts.epoll.get(), parts.listener);
-    parts.bell = Fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)); // without it UDP waits a little longer
-    (void)watch_shared(parts.epoll.get(), parts.bell.get());
+    parts.wake_fd = Fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)); // without it UDP waits a little longer
+    (void)watch_shared(parts.epoll.get(), parts.wake_fd.get());
     parts.udp = open_udp();
     return Start::Up;
 }
@@ -123,11 +123,11 @@ void set_callback(netip_event_cb_t cb, void *arg) REQUIRES(g_netip_lock)
     g_netip_cb_arg = arg;
 }
 
-void set_descriptors(int epoll, int bell, int listener, int udp) REQUIRES(g_netip_lock)
+void set_descriptors(int epoll, int wake_fd, int listener, int udp) REQUIRES(g_netip_lock)
 {
-    ScopedLock lock(g_shared_fd_lock);
+    ScopedLock lock(g_shared_fd_mutex);
     netip_epoll_fd     = epoll;
-    g_bell             = bell;
+    g_wake_fd          = wake_fd;
     g_netip_tcp_listen = listener;
     g_netip_udp        = udp;
 }
@@ -145,7 +145,7 @@ int32_t start_io_threads(Parts &parts) REQUIRES(g_netip_lock)
 void join_threads(const pthread_t *threads, int32_t count)
 {
     for (int32_t i = 0; i < count; ++i)
-        finish_thread(threads[i]);
+        join_or_detach(threads[i]);
 }
 
 bool publish(Parts &parts, netip_event_cb_t cb, void *arg)
@@ -156,7 +156,7 @@ bool publish(Parts &parts, netip_event_cb_t cb, void *arg)
         const int32_t old_listener = g_netip_tcp_listen;
         clear_table();
         set_callback(cb, arg);
-        set_descriptors(parts.epoll.get(), parts.bell.get(), parts.listener, parts.udp.get());
+        set_descriptors(parts.epoll.get(), parts.wake_fd.get(), parts.listener, parts.udp.get());
         g_io_thread_num = parts.thread_count;
         g_start         = g_start + 1;
         g_netip_running = 1;
@@ -165,7 +165,7 @@ bool publish(Parts &parts, netip_event_cb_t cb, void *arg)
             g_io_threads = parts.threads.release();
             g_io_started = started;
             parts.epoll.release();
-            parts.bell.release();
+            parts.wake_fd.release();
             parts.new_listener.release();
             parts.udp.release();
             g_state = State::Up;
@@ -186,7 +186,7 @@ void set_state(State state)
 }
 
 // True when the caller is the one to start the layer.
-bool claim_start()
+bool begin_start()
 {
     if (g_state == State::Standing)
         stop();
@@ -231,7 +231,7 @@ bool is_up() noexcept
 
 Start start(netip_event_cb_t cb, void *arg, int32_t io_threads) noexcept
 {
-    if (!claim_start())
+    if (!begin_start())
         return Start::Taken; // as a second bind would say
     Parts parts;
     Start result = make_parts(parts, io_threads);
@@ -254,12 +254,12 @@ void stop() noexcept
     stop_threads();
     const EventSink sink = event_sink();
     for (uint32_t handle = 0; handle < NETIP_CLIENTS_MAX; ++handle)
-        retire(handle, sink);
+        close_at_deinit(handle, sink);
     close_shared_udp();
     close_epoll();
 
     ScopedLock lock(g_netip_lock);
-    close_parked();
+    close_left_open();
     set_callback(nullptr, nullptr);
     g_last_handle = 0;
     g_state       = State::Down;

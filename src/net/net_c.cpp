@@ -50,5 +50,5 @@ uint8_t netip_set_tcp_keepalive(uint32_t handle, int32_t idle_s, int32_t interva
 
 void netip_register_send_ready_cb(netip_send_ready_cb_t)
 {
-    // Writability is never reported: whoever has something to send tries again.
+    // Writability is never reported: a host that has something to send tries again.
 }

@@ -1,10 +1,10 @@
 // netip_internal.h - what the files of this folder share: the hidden state beside each slot, the two guards that make a
 // slot safe to touch, and the small seams between the files.
 //
-// The exported table is the truth and may be edited by a host; what the layer must know beyond it stands in g_side, by
-// handle. A slot that somebody else filled has generation 0 there and is served like any other.
+// The exported table decides, and a host may edit it. What the layer must know beyond it is in g_sides, by handle. A
+// slot that a host filled has generation 0 there and is served like any other.
 //
-// Locks, outermost first: g_netip_lock, a slot's own lock, g_shared_fd_lock. The last two are leaves for everybody
+// Locks, outermost first: g_netip_lock, a slot's own lock, g_shared_fd_mutex. The last two are leaves for everybody
 // else: only calls that cannot block are made under them, and nothing is logged.
 #ifndef TARN_NET_NETIP_INTERNAL_H
 #define TARN_NET_NETIP_INTERNAL_H
@@ -29,12 +29,12 @@ struct HalfSent {
 struct SlotSide {
     Shared<uint32_t>      generation;     // names the connection in the slot; 0: free, or not put there by this layer
     std::atomic<uint32_t> visitors;       // threads at or behind the slot's lock
-    std::atomic<uint16_t> users;          // holds (SlotHold) on the connection; the slot is not reused before they end
+    std::atomic<uint16_t> pins;           // SlotPins of the connection; the slot is not used again before they end
     uint8_t               wants_writable; // registered for writable events. Slot lock
-    Shared<uint8_t>       resting;        // taken out of epoll for a while; changes under the slot lock
+    Shared<uint8_t>       paused;         // taken out of epoll for a while; changes under the slot lock
     HalfSent              half_sent;      // Slot lock
 };
-extern SlotSide g_side[NETIP_CLIENTS_MAX];
+extern SlotSide g_sides[NETIP_CLIENTS_MAX];
 
 inline netip_conn_t &slot_of(uint32_t handle) noexcept
 {
@@ -42,11 +42,12 @@ inline netip_conn_t &slot_of(uint32_t handle) noexcept
 }
 inline SlotSide &side_of(uint32_t handle) noexcept
 {
-    return g_side[handle];
+    return g_sides[handle];
 }
 
-// Locks one slot for the extent of a block. Whoever neither holds the slot nor g_netip_lock gets in only while the slot
-// is in use; that, and the count of visitors, is what lets a start clear the table with every lock in it.
+// Locks one slot for the extent of a block. IfInUse locks only a slot that is in use, and is for callers without a pin
+// of the slot and without g_netip_lock. Because of that, and of the count of visitors, a start can clear the table
+// around the locks.
 class SlotLock {
 public:
     enum Entry { Always, IfInUse };
@@ -67,16 +68,16 @@ private:
 // True while the slot is in use by exactly this connection; unlike is_open(), generation 0 stands for itself.
 bool is_current(Connection connection) noexcept;
 
-// Keeps a slot from being handed out again while an event of its connection is delivered or the connection is torn
-// down. The receive buffer belongs to the holder; the last one wipes it if the connection was closed meanwhile.
-class SlotHold {
+// A pin of a slot: it is not used again while an event of its connection is handed up or the connection is closed. A
+// thread with a pin may use the receive buffer; the last pin wipes it if the connection was closed meanwhile.
+class SlotPin {
 public:
     enum Adopt { Counted };
-    explicit SlotHold(Connection connection) noexcept;                           // empty unless current
-    SlotHold(Connection connection, Adopt) noexcept : connection_(connection) {} // the one that open_slot() counted
-    ~SlotHold();
-    SlotHold(const SlotHold &)            = delete;
-    SlotHold &operator=(const SlotHold &) = delete;
+    explicit SlotPin(Connection connection) noexcept;                           // empty unless current
+    SlotPin(Connection connection, Adopt) noexcept : connection_(connection) {} // the one that open_slot() counted
+    ~SlotPin();
+    SlotPin(const SlotPin &)            = delete;
+    SlotPin &operator=(const SlotPin &) = delete;
 
     explicit      operator bool() const noexcept { return connection_.handle != NETIP_NO_HANDLE; }
     Connection    connection() const noexcept { return connection_; }
@@ -94,21 +95,21 @@ struct PeerAddress {
     socklen_t   length = sizeof(sockaddr_in);
 };
 
-// Takes a free slot for a new connection and marks it in use, with one hold on it that the caller adopts. Handle
+// Takes a free slot for a new connection and marks it in use, with one pin that the caller adopts. Handle
 // NETIP_NO_HANDLE when the table is full.
 Connection open_slot(uint32_t type, int fd, const PeerAddress &peer) noexcept REQUIRES(g_netip_lock);
 // The free slot that is next in turn; see netip_get_free_handle.
 uint32_t take_free_handle() noexcept REQUIRES(g_netip_lock);
-// Frees the slot, once its holders are gone. Slot lock held, by a holder.
+// Frees the slot, once its pins are gone. The caller has a pin and the slot's lock.
 void mark_closed(uint32_t handle) noexcept;
 
-// Zeroes the table but for slots that somebody still holds. The pages go back to the system.
+// Zeroes the table but for slots that are still pinned. The pages go back to the system.
 void clear_table() noexcept REQUIRES(g_netip_lock);
 
 // ---- what only hosts ask for
 
 // One packet at once; nothing is kept of it. NETIP_OK, NETIP_AGAIN or NETIP_INVALID.
-uint32_t send_packet(uint32_t handle, const Packet &packet) noexcept;
+uint32_t send_packet(uint32_t handle, const OutPacket &packet) noexcept;
 uint64_t last_active_of(uint32_t handle) noexcept; // wall clock, ms; 0 for no such connection
 bool     set_keepalive(uint32_t handle, int32_t idle_s, int32_t interval_s, int32_t count) noexcept;
 
@@ -133,32 +134,32 @@ void call_writable_hook(uint32_t handle) noexcept;
 
 // ---- epoll registrations and shared descriptors (watch.cpp)
 
-// The descriptors that all slots share die under this lock: netip_epoll_fd, g_netip_udp and the bell.
-extern Mutex           g_shared_fd_lock;
-extern Shared<int32_t> g_bell; // an eventfd watched by epoll, -1 = none
+// The descriptors that all slots share are closed under this lock: netip_epoll_fd, g_netip_udp and g_wake_fd.
+extern Mutex           g_shared_fd_mutex;
+extern Shared<int32_t> g_wake_fd; // an eventfd watched by epoll, -1 = none
 
 // Slot lock held for these.
 bool watch(uint32_t handle) noexcept; // readable events from now on
 void unwatch(uint32_t handle) noexcept;
 void want_writable(uint32_t handle) noexcept;   // writable events too
-bool settle_writable(uint32_t handle) noexcept; // no longer; false when nobody had asked for them
-void rest(uint32_t handle) noexcept;            // no events for about 100 ms
+bool forget_writable(uint32_t handle) noexcept; // no longer; false when nobody had asked for them
+void pause_watching(uint32_t handle) noexcept;  // no events for about 100 ms
 
-// No lock held. Watches the resting slots again, if any and if it is time; an idle round is always time.
-void wake_resting(bool idle) noexcept;
-bool watch_shared(int epoll, int descriptor) noexcept; // the listener, the bell
-void ring_bell() noexcept;                             // makes an I/O thread do a round
+// No lock held. Watches the paused slots again, if it is time; after a round without events it always is.
+void resume_watching(bool idle) noexcept;
+bool watch_shared(int epoll, int descriptor) noexcept; // the listener, g_wake_fd
+void wake_io_thread() noexcept;                        // makes an I/O thread do a round
 void close_shared_udp() noexcept;
-void close_epoll() noexcept; // and the bell
+void close_epoll() noexcept; // and g_wake_fd
 
 // ---- closing (close.cpp)
 
 // The end that the peer or an error brought: tells the callback (reason 0), then closes unless it objects.
-void hang_up(const SlotHold &hold, const EventSink &sink) noexcept;
+void hang_up(const SlotPin &pin, const EventSink &sink) noexcept;
 // The end of the layer: tells the callback (reason 2), closes in any case and wipes. Ignores free slots.
-void retire(uint32_t handle, const EventSink &sink) noexcept;
+void close_at_deinit(uint32_t handle, const EventSink &sink) noexcept;
 // Closes the descriptors of connections whose callback objected to netip_close.
-void close_parked() noexcept REQUIRES(g_netip_lock);
+void close_left_open() noexcept REQUIRES(g_netip_lock);
 
 // ---- the moving parts
 

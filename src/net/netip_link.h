@@ -29,7 +29,7 @@ bool is_open(Connection connection) noexcept;
 //
 // Of a packet that the socket takes only in part the rest is owed: it is not counted, and the next list is to begin
 // with the same packet at the same place, which then goes on where it stopped. Another one in front is sent whole.
-struct Packet {
+struct OutPacket {
     const uint8_t *bytes;
     int32_t        length;
 };
@@ -38,7 +38,7 @@ struct Sent {
     uint32_t result;  // NETIP_OK when all were accepted, else NETIP_AGAIN or NETIP_INVALID
 };
 constexpr int kGatherMax = 64;
-Sent          send_packets(uint32_t handle, const Packet *packets, int count, uint32_t generation = 0) noexcept;
+Sent          send_packets(uint32_t handle, const OutPacket *packets, int count, uint32_t generation = 0) noexcept;
 
 // Called by every I/O thread before it looks at the events of a round and after it has handled the last one, UDP
 // included; not for a round without events.

@@ -14,7 +14,7 @@ namespace {
 
 constexpr int kFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
 
-bool can_be_sent(const Packet &packet)
+bool can_be_sent(const OutPacket &packet)
 {
     return packet.bytes && packet.length >= 1 && packet.length <= NETIP_SEND_MAX;
 }
@@ -34,7 +34,7 @@ uint64_t identity_of(uint32_t handle)
 }
 
 // Bytes of this packet that the socket has taken before.
-int32_t sent_before(uint32_t handle, const Packet &packet)
+int32_t sent_before(uint32_t handle, const OutPacket &packet)
 {
     const HalfSent &half = side_of(handle).half_sent;
     const bool      same = half.packet == packet.bytes && half.sent < packet.length;
@@ -46,7 +46,7 @@ struct Gathered {
     iovec  pieces[kGatherMax];
     msghdr message{};
 
-    Gathered(const Packet *packets, int count, int32_t skipped)
+    Gathered(const OutPacket *packets, int count, int32_t skipped)
     {
         for (int i = 0; i < count; ++i)
             pieces[i] = {const_cast<uint8_t *>(packets[i].bytes), static_cast<size_t>(packets[i].length)};
@@ -66,7 +66,7 @@ uint32_t refusal(uint32_t handle)
     return NETIP_AGAIN;
 }
 
-Sent send_stream(uint32_t handle, const Packet *packets, int count)
+Sent send_stream(uint32_t handle, const OutPacket *packets, int count)
 {
     const int32_t  skipped = sent_before(handle, packets[0]);
     const Gathered gathered(packets, count, skipped);
@@ -92,7 +92,7 @@ Sent send_stream(uint32_t handle, const Packet *packets, int count)
 // and its tail is dropped, which breaks the stream. Against "an ordered, lossless, stream of bytes" [MQTT-4.2.0-1]; it
 // stays because that call keeps nothing. Packets that the broker queues for its clients do not get there.
 //   test: netip_send.a_short_write_counts_as_sent_and_drops_the_tail
-uint32_t send_once(uint32_t handle, const Packet &packet)
+uint32_t send_once(uint32_t handle, const OutPacket &packet)
 {
     const Gathered gathered(&packet, 1, 0);
     return sendmsg(slot_of(handle).fd, &gathered.message, kFlags) < 1 ? refusal(handle) : uint32_t{NETIP_OK};
@@ -101,10 +101,10 @@ uint32_t send_once(uint32_t handle, const Packet &packet)
 // QUIRK(udp-transport): packets also travel as single datagrams. Against "an ordered, lossless, stream of bytes"
 // [MQTT-4.2.0-1]; it stays because small devices use it where a lost packet is no loss.
 //   test: udp.a_new_sender_connects_with_reason_3_and_its_datagram_is_one_packet
-Sent send_datagrams(uint32_t handle, const Packet *packets, int count)
+Sent send_datagrams(uint32_t handle, const OutPacket *packets, int count)
 {
     const netip_conn_t &slot = slot_of(handle);
-    ScopedLock          lock(g_shared_fd_lock);
+    ScopedLock          lock(g_shared_fd_mutex);
     const int           fd = side_of(handle).generation ? g_netip_udp : slot.fd;
     const auto         *to = reinterpret_cast<const sockaddr *>(&slot.peer);
     for (int i = 0; i < count; ++i)
@@ -117,7 +117,7 @@ Sent send_datagrams(uint32_t handle, const Packet *packets, int count)
 
 namespace tarn::net {
 
-Sent send_packets(uint32_t handle, const Packet *packets, int count, uint32_t generation) noexcept
+Sent send_packets(uint32_t handle, const OutPacket *packets, int count, uint32_t generation) noexcept
 {
     if (!packets || count < 1 || count > kGatherMax)
         return {0, NETIP_INVALID};
@@ -134,7 +134,7 @@ Sent send_packets(uint32_t handle, const Packet *packets, int count, uint32_t ge
     return sent.result == NETIP_OK && fit < count ? Sent{sent.packets, NETIP_INVALID} : sent;
 }
 
-uint32_t send_packet(uint32_t handle, const Packet &packet) noexcept
+uint32_t send_packet(uint32_t handle, const OutPacket &packet) noexcept
 {
     SlotLock slot(handle);
     if (!can_be_sent(packet) || !slot || !has_known_type(*slot))

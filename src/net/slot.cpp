@@ -13,7 +13,7 @@
 
 namespace tarn::net {
 
-constinit SlotSide g_side[NETIP_CLIENTS_MAX] = {};
+constinit SlotSide g_sides[NETIP_CLIENTS_MAX] = {};
 
 namespace {
 
@@ -58,8 +58,8 @@ void clear_slots(netip_conn_t *begin, netip_conn_t *end)
     clear_bytes(from, to);
 }
 
-// Afterwards nobody is inside the slot's lock, and whoever comes sees that the slot is free, as all are by now. The
-// read-modify-write orders this behind everything that leaving visitors did.
+// Afterwards no thread is inside the slot's lock, and a thread that comes later sees that the slot is free, as all are
+// by now. The read-modify-write orders this behind everything that leaving visitors did.
 void await_visitors(SlotSide &side)
 {
     while (side.visitors.fetch_add(0, std::memory_order_acq_rel) != 0)
@@ -121,24 +121,24 @@ bool is_current(Connection connection) noexcept
            side_of(connection.handle).generation == connection.generation;
 }
 
-SlotHold::SlotHold(Connection connection) noexcept
+SlotPin::SlotPin(Connection connection) noexcept
 {
     SlotLock lock(connection.handle);
     if (!lock || !net::is_current(connection))
         return;
-    side_of(connection.handle).users.fetch_add(1, std::memory_order_relaxed);
+    side_of(connection.handle).pins.fetch_add(1, std::memory_order_relaxed);
     connection_ = connection;
 }
 
-SlotHold::~SlotHold()
+SlotPin::~SlotPin()
 {
     if (!*this)
         return;
     SlotSide &side = side_of(handle());
     SlotLock  lock(handle(), SlotLock::Always);
-    if (!lock->in_use && side.users.load(std::memory_order_relaxed) == 1)
+    if (!lock->in_use && side.pins.load(std::memory_order_relaxed) == 1)
         wipe_received(*lock);
-    side.users.fetch_sub(1, std::memory_order_release); // from here on the slot may be handed out again
+    side.pins.fetch_sub(1, std::memory_order_release); // from here on the slot may be handed out again
 }
 
 // ---- free and in use
@@ -163,7 +163,7 @@ Connection open_slot(uint32_t type, int fd, const PeerAddress &peer) noexcept
 
     side.wants_writable = 0;
     side.half_sent      = {};
-    side.users.fetch_add(1, std::memory_order_relaxed);
+    side.pins.fetch_add(1, std::memory_order_relaxed);
     side.generation = next_generation();
     poke_release(slot.in_use, 1);
     return {handle, side.generation};
@@ -181,7 +181,7 @@ void clear_table() noexcept
     netip_conn_t       *first = g_netip_clients; // of the slots to be cleared together
     for (uint32_t handle = 0; handle < NETIP_CLIENTS_MAX; ++handle) {
         await_visitors(side_of(handle));
-        if (side_of(handle).users.load(std::memory_order_acquire) == 0)
+        if (side_of(handle).pins.load(std::memory_order_acquire) == 0)
             continue;
         clear_slots(first, g_netip_clients + handle);
         first = g_netip_clients + handle + 1;

@@ -21,7 +21,7 @@ struct Datagram {
 //   test: udp.a_datagram_waits_for_tcp_traffic, udp.one_datagram_is_taken_a_round
 bool receive(Datagram &datagram)
 {
-    ScopedLock lock(g_shared_fd_lock);
+    ScopedLock lock(g_shared_fd_mutex);
     datagram.fd = g_netip_udp;
     if (datagram.fd < 0)
         return false;
@@ -47,12 +47,12 @@ Connection find_peer(const sockaddr_in &address) REQUIRES(g_netip_lock)
     return {};
 }
 
-void deliver(const SlotHold &hold, const Datagram &datagram, const EventSink &sink)
+void hand_up(const SlotPin &pin, const Datagram &datagram, const EventSink &sink)
 {
-    if (!hold.is_current())
+    if (!pin.is_current())
         return; // closed by the connected callback
-    hold.slot().last_active = wall_ms();
-    sink.data(hold.connection(), datagram.bytes, static_cast<uint32_t>(datagram.length));
+    pin.slot().last_active = wall_ms();
+    sink.data(pin.connection(), datagram.bytes, static_cast<uint32_t>(datagram.length));
 }
 
 } // namespace
@@ -70,12 +70,12 @@ void receive_datagram(const EventSink &sink) noexcept
             added = open_slot(NETIP_UDP, datagram.fd, datagram.from);
     }
     if (known.handle != NETIP_NO_HANDLE) {
-        if (const SlotHold hold(known); hold)
-            deliver(hold, datagram, sink);
+        if (const SlotPin pin(known); pin)
+            hand_up(pin, datagram, sink);
     } else if (added.handle != NETIP_NO_HANDLE) { // else the table is full: dropped
-        const SlotHold hold(added, SlotHold::Counted);
+        const SlotPin pin(added, SlotPin::Counted);
         sink.connected(added.handle, REASON_DATAGRAM);
-        deliver(hold, datagram, sink);
+        hand_up(pin, datagram, sink);
     }
 }
 

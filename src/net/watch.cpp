@@ -1,7 +1,7 @@
 // watch.cpp - what the epoll instance is told about each slot, and the descriptors that all slots share.
 //
 // An event carries generation << 32 | handle, so that one left over from a slot's last connection is recognised; 0 is
-// the listener or the bell. Registration failures are harmless unless said otherwise: the descriptor is not in epoll,
+// the listener or g_wake_fd. Registration failures are harmless unless said otherwise: the descriptor is not in epoll,
 // or no more.
 #include "../base/clock.h"
 #include "../base/fd.h"
@@ -11,47 +11,47 @@
 
 namespace tarn::net {
 
-constinit Mutex           g_shared_fd_lock{};
-constinit Shared<int32_t> g_bell = -1;
+constinit Mutex           g_shared_fd_mutex{};
+constinit Shared<int32_t> g_wake_fd = -1;
 
 namespace {
 
 constexpr uint32_t kReadable = EPOLLIN | EPOLLERR | EPOLLHUP;
 
-constexpr uint64_t kRest_ms = 100;
+constexpr uint64_t kWatchPause_ms = 100;
 
-constinit std::atomic<uint32_t> g_resting{0};          // slots
-constinit std::atomic<uint64_t> g_resting_since_ms{0}; // of the first of them
+constinit std::atomic<uint32_t> g_paused{0};          // slots
+constinit std::atomic<uint64_t> g_paused_since_ms{0}; // of the first of them
 
-bool tell_epoll(int operation, uint32_t handle, uint32_t events = 0)
+bool change_registration(int operation, uint32_t handle, uint32_t events = 0)
 {
     epoll_event event{};
     event.events   = events;
     event.data.u64 = uint64_t{side_of(handle).generation} << 32 | handle;
-    ScopedLock lock(g_shared_fd_lock);
+    ScopedLock lock(g_shared_fd_mutex);
     return epoll_ctl(netip_epoll_fd, operation, slot_of(handle).fd, &event) == 0;
 }
 
-void set_resting(uint32_t handle, bool resting)
+void set_paused(uint32_t handle, bool paused)
 {
     SlotSide &side = side_of(handle);
-    if (resting == (side.resting != 0))
+    if (paused == (side.paused != 0))
         return;
-    side.resting = resting;
-    if (!resting)
-        --g_resting;
-    else if (g_resting++ == 0)
-        g_resting_since_ms = mono_ms();
+    side.paused = paused;
+    if (!paused)
+        --g_paused;
+    else if (g_paused++ == 0)
+        g_paused_since_ms = mono_ms();
 }
 
-bool is_time_to_wake(bool idle)
+bool is_time_to_resume(bool idle)
 {
-    return g_resting != 0 && (idle || elapsed(mono_ms(), g_resting_since_ms) >= kRest_ms);
+    return g_paused != 0 && (idle || elapsed(mono_ms(), g_paused_since_ms) >= kWatchPause_ms);
 }
 
 Fd take_shared(Shared<int32_t> &descriptor)
 {
-    ScopedLock lock(g_shared_fd_lock);
+    ScopedLock lock(g_shared_fd_mutex);
     return Fd(swap_in(descriptor, -1));
 }
 
@@ -59,53 +59,53 @@ Fd take_shared(Shared<int32_t> &descriptor)
 
 bool watch(uint32_t handle) noexcept
 {
-    return tell_epoll(EPOLL_CTL_ADD, handle, kReadable | (side_of(handle).wants_writable ? EPOLLOUT : 0u));
+    return change_registration(EPOLL_CTL_ADD, handle, kReadable | (side_of(handle).wants_writable ? EPOLLOUT : 0u));
 }
 
 void unwatch(uint32_t handle) noexcept
 {
-    tell_epoll(EPOLL_CTL_DEL, handle);
-    set_resting(handle, false);
+    change_registration(EPOLL_CTL_DEL, handle);
+    set_paused(handle, false);
 }
 
 void want_writable(uint32_t handle) noexcept
 {
     side_of(handle).wants_writable = 1;
-    tell_epoll(EPOLL_CTL_MOD, handle, kReadable | EPOLLOUT);
+    change_registration(EPOLL_CTL_MOD, handle, kReadable | EPOLLOUT);
 }
 
 // A registration for writable events that stays would report for ever, as an idle socket is always writable.
-bool settle_writable(uint32_t handle) noexcept
+bool forget_writable(uint32_t handle) noexcept
 {
     if (!side_of(handle).wants_writable)
         return false;
     side_of(handle).wants_writable = 0;
-    tell_epoll(EPOLL_CTL_MOD, handle, kReadable);
+    change_registration(EPOLL_CTL_MOD, handle, kReadable);
     return true;
 }
 
-void rest(uint32_t handle) noexcept
+void pause_watching(uint32_t handle) noexcept
 {
-    tell_epoll(EPOLL_CTL_DEL, handle);
-    set_resting(handle, true);
+    change_registration(EPOLL_CTL_DEL, handle);
+    set_paused(handle, true);
 }
 
-void wake_resting(bool idle) noexcept
+void resume_watching(bool idle) noexcept
 {
-    if (!is_time_to_wake(idle))
+    if (!is_time_to_resume(idle))
         return;
     for (uint32_t handle = 0; handle < NETIP_CLIENTS_MAX; ++handle) {
-        if (!side_of(handle).resting)
+        if (!side_of(handle).paused)
             continue;
         SlotLock lock(handle);
-        if (!lock || !side_of(handle).resting)
+        if (!lock || !side_of(handle).paused)
             continue;
-        set_resting(handle, false);
+        set_paused(handle, false);
         (void)watch(handle);
     }
 }
 
-// Edge-triggered: each arrival and each stroke of the bell only has to wake a round, and nobody here reads it.
+// Edge-triggered, since each event only has to wake a round: the I/O thread reads neither of the two.
 bool watch_shared(int epoll, int descriptor) noexcept
 {
     epoll_event event{};
@@ -115,10 +115,10 @@ bool watch_shared(int epoll, int descriptor) noexcept
 }
 
 // The listener alone is not enough: epoll tells nothing of a connection that was accepted before it looked.
-void ring_bell() noexcept
+void wake_io_thread() noexcept
 {
-    ScopedLock lock(g_shared_fd_lock);
-    (void)eventfd_write(g_bell, 1);
+    ScopedLock lock(g_shared_fd_mutex);
+    (void)eventfd_write(g_wake_fd, 1);
 }
 
 void close_shared_udp() noexcept
@@ -129,7 +129,7 @@ void close_shared_udp() noexcept
 void close_epoll() noexcept
 {
     take_shared(netip_epoll_fd).reset();
-    take_shared(g_bell).reset();
+    take_shared(g_wake_fd).reset();
 }
 
 } // namespace tarn::net

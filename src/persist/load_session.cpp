@@ -270,7 +270,7 @@ Loaded read_session(persist_session_t &record, Found &found) noexcept
     return Loaded::Yes;
 }
 
-void report(const persist_session_t &record, const Found &found) noexcept
+void count_and_log(const persist_session_t &record, const Found &found) noexcept
 {
     if (found.session_file)
         stats::count(stats::Counter::persist_read);
@@ -302,7 +302,7 @@ Loaded load_session(persist_session_t &record, int &files_opened) noexcept
     Found        found;
     const Loaded loaded = read_session(record, found);
     if (loaded == Loaded::Yes)
-        report(record, found);
+        count_and_log(record, found);
     files_opened = found.files();
     return loaded;
 }

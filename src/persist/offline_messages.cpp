@@ -12,11 +12,11 @@ namespace tarn::persist {
 namespace {
 
 // Stored messages have identifiers of their own, 1..65535, from a generator of their own: rand() belongs to the host.
-uint16_t draw_msgid() noexcept
+uint16_t draw_message_id() noexcept
 {
-    static constinit Mutex    seed_mx{};
-    static constinit uint32_t seed = 0; // under seed_mx; 0 = not yet seeded
-    ScopedLock                lock(seed_mx);
+    static constinit Mutex    seed_mutex{};
+    static constinit uint32_t seed = 0; // under seed_mutex; 0 = not yet seeded
+    ScopedLock                lock(seed_mutex);
     if (seed == 0)
         seed = static_cast<uint32_t>(wall_ms()) | 1;
     return static_cast<uint16_t>(static_cast<uint32_t>(rand_r(&seed)) % 65535 + 1);
@@ -43,7 +43,7 @@ void fill(persist_msg_t &message, const char *topic, const uint8_t *payload, uin
 {
     memset(&message, 0, sizeof message);
     message.qos   = qos;
-    message.msgid = draw_msgid();
+    message.msgid = draw_message_id();
     copy_text(message.topic, topic, sizeof message.topic - 1);
     message.payload_len = std::min<uint32_t>(payload_len, PERSIST_MSG_PAYLOAD_MAX);
     memcpy(message.payload, payload, message.payload_len);
@@ -52,7 +52,7 @@ void fill(persist_msg_t &message, const char *topic, const uint8_t *payload, uin
 
 } // namespace
 
-bool HeldSession::add_message(const char *topic, const uint8_t *payload, uint32_t payload_len, uint8_t qos) noexcept
+bool LockedSession::add_message(const char *topic, const uint8_t *payload, uint32_t payload_len, uint8_t qos) noexcept
 {
     if (!is_known())
         return false;
@@ -61,7 +61,7 @@ bool HeldSession::add_message(const char *topic, const uint8_t *payload, uint32_
     return true;
 }
 
-void HeldSession::write_messages() noexcept
+void LockedSession::write_messages() noexcept
 {
     if (!record_->client_id[0])
         return;
@@ -73,7 +73,7 @@ void HeldSession::write_messages() noexcept
     safe_write(path, "");
 }
 
-bool HeldSession::remove_message(uint16_t msgid) noexcept
+bool LockedSession::remove_message(uint16_t msgid) noexcept
 {
     if (!is_loaded() || !is_known())
         return false;

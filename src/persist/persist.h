@@ -69,7 +69,7 @@ void persist_make_dir(const char *path);
 
 /*
  * Replaces a file by a text, with all the care of this module. Takes no lock: two threads do not write the same path at
- * once. Whoever writes a client's file uses persist_mark instead.
+ * once. To write a client's file, use persist_mark instead.
  *
  *   path      not null, not empty, up to 507 characters
  *   text      not null; written without its NUL

@@ -1,7 +1,7 @@
 // persist.hpp - what outlives the process, for the other modules of the library. Hosts have the same as persist.h:
 // persist_c.cpp turns away null pointers, calls this, and makes plain numbers of the results.
 //
-// A session that is read to be changed is a HeldSession (session_store.h): while there is one, nobody else writes its
+// A session that is read to be changed is a LockedSession (session_store.h): while there is one, nobody else writes its
 // client's files. No pointer may be null where nothing else is said.
 #ifndef TARN_PERSIST_PERSIST_HPP
 #define TARN_PERSIST_PERSIST_HPP

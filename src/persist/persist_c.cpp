@@ -103,7 +103,7 @@ int persist_add_offline_msg(const char *client_id, const char *topic, const uint
 {
     if (!client_id || !topic || !payload || payload_len < 1)
         return -1;
-    persist::HeldSession session(client_id);
+    persist::LockedSession session(client_id);
     return session.add_message(topic, payload, static_cast<uint32_t>(payload_len), qos) ? 0 : -1;
 }
 
@@ -111,7 +111,7 @@ int persist_remove_offline_msg(const char *client_id, uint16_t msgid)
 {
     if (!client_id || msgid == 0)
         return -1;
-    persist::HeldSession session(client_id);
+    persist::LockedSession session(client_id);
     return session.remove_message(msgid) ? 0 : -4;
 }
 

@@ -68,18 +68,18 @@ void make_directory(const char *path) noexcept; // if there is nothing of this n
 void safe_write(const Path &path, const char *text) noexcept;
 
 // Serialises writes, and reading before writing, of one client's files. Taken before g_persist_mutex.
-Mutex &files_lock(const char *client_id) noexcept;
+Mutex &files_mutex(const char *client_id) noexcept;
 
 // load_session without a word: the record from the client's files, and which of them there were.
 Loaded read_session(persist_session_t &record, Found &found) noexcept;
-void   report(const persist_session_t &record, const Found &found) noexcept; // what it has to count and say
+void   count_and_log(const persist_session_t &record, const Found &found) noexcept; // counts and logs what was found
 // Clears the clean-session flag of a record with an id when its client has a subscription file; false when it has not.
 bool keep_if_subscribed(persist_session_t &record) noexcept;
 void restore_subscriptions() noexcept; // everybody's, into the table
 
 // Writes those files that `what` names; nothing for a clean session.
 void write_session(persist_session_t &record, uint8_t what) noexcept;
-void write_files(persist_session_t &record, uint8_t what) noexcept; // the same with files_lock held
+void write_files(persist_session_t &record, uint8_t what) noexcept; // the same with files_mutex held
 
 } // namespace tarn::persist
 

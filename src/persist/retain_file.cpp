@@ -69,8 +69,8 @@ void make_safe(retain_msg_t &record)
 
 } // namespace
 
-// The newer of two copies must be the one that stays on the disk, so the locks are taken over from hand to hand: the
-// store's to copy it, the file's before the store's is given back.
+// The newer of two copies must be the one that stays on the disk. So the file's lock is taken while the store's is
+// still held for the copy, and only then is the store's given back.
 bool save_retained() noexcept NO_LOCK_ANALYSIS
 {
     Snapshot snapshot;

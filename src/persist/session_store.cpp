@@ -40,25 +40,25 @@ persist_session_t *scratch_session(const char *client_id) noexcept
     return record;
 }
 
-HeldSession::HeldSession(const char *client_id) noexcept
-    : files_(files_lock(client_id)), record_(scratch_session(client_id))
+LockedSession::LockedSession(const char *client_id) noexcept
+    : files_(files_mutex(client_id)), record_(scratch_session(client_id))
 {
     files_.lock();
     if (!record_)
         return;
     loaded_ = read_session(*record_, found_);
     if (loaded_ == Loaded::Yes)
-        report(*record_, found_);
+        count_and_log(*record_, found_);
 }
 
-HeldSession::~HeldSession() noexcept
+LockedSession::~LockedSession() noexcept
 {
     files_.unlock();
 }
 
-void HeldSession::report_again() const noexcept
+void LockedSession::count_and_log_again() const noexcept
 {
-    report(*record_, found_);
+    count_and_log(*record_, found_);
 }
 
 } // namespace tarn::persist

@@ -16,7 +16,7 @@ struct Found {
     bool     subscription_file = false;
     bool     subscription_list = false; // in that file
     Messages messages          = Messages::NoFile;
-    bool     messages_unread   = false; // they may be there: what failed was not that there is no such file
+    bool     messages_unread   = false; // messages may be there: reading failed, and not because there is no file
 
     // A saved session exists when this is not 0.
     int files() const { return session_file + subscription_file + (messages != Messages::NoFile); }
@@ -33,12 +33,12 @@ persist_session_t *scratch_session(const char *client_id) noexcept;
 
 // A client's saved session, read once into the thread's scratch record and held: until it is let go, no other thread
 // writes this client's files. One at a time on each thread.
-class HeldSession {
+class LockedSession {
 public:
-    explicit HeldSession(const char *client_id) noexcept NO_LOCK_ANALYSIS;
-    ~HeldSession() noexcept NO_LOCK_ANALYSIS;
-    HeldSession(const HeldSession &)            = delete;
-    HeldSession &operator=(const HeldSession &) = delete;
+    explicit LockedSession(const char *client_id) noexcept NO_LOCK_ANALYSIS;
+    ~LockedSession() noexcept NO_LOCK_ANALYSIS;
+    LockedSession(const LockedSession &)            = delete;
+    LockedSession &operator=(const LockedSession &) = delete;
 
     bool is_loaded() const noexcept { return loaded_ == Loaded::Yes; }
     bool has_files() const noexcept { return found_.files() > 0; }
@@ -51,8 +51,8 @@ public:
 
     persist_session_t &record() noexcept { return *record_; } // of a known or loaded session
 
-    // Counts the load and says its lines once more, for those who ask first and store then.
-    void report_again() const noexcept;
+    // Counts the load and logs its lines once more, for callers that ask first and store then.
+    void count_and_log_again() const noexcept;
 
     // Appends a message, in place of the oldest when there are too many, and writes the message file. Longer payloads
     // are cut. False, and nothing is written, when the session is not known. Where messages lie unread, their file

@@ -23,9 +23,9 @@ constexpr uint32_t kRetryPause_ms = 10;
 constexpr size_t   kFileLocks     = 64;
 constexpr size_t   kTmpChars      = 4; // ".tmp"
 
-constinit Mutex g_files_mx[kFileLocks]{};
+constinit Mutex g_file_mutexes[kFileLocks]{};
 
-void say_cannot_write(const char *tmp)
+void log_cannot_write(const char *tmp)
 {
     LOG_ERROR("[persist] 写入临时文件失败(重试%d次): %s", kAttempts, tmp);
 }
@@ -42,8 +42,8 @@ bool write_whole(const char *name, const char *text)
     return fclose(file) == 0 && written;
 }
 
-// Replaces the target in one step, so that whoever opens it meets the old text or the new one. The target is deleted
-// first only where the file system cannot replace: after any other failure that could lose the old text for nothing.
+// Replaces the target in one step, so that a reader finds the old text or the new one. The target is deleted first only
+// where the file system cannot replace: after any other failure that could lose the old text for nothing.
 bool replace(const char *tmp, const char *target)
 {
     for (int attempt = 1; attempt <= kAttempts; ++attempt) {
@@ -63,7 +63,7 @@ void replace_file(const char *target, const char *tmp, const char *text)
     while (!write_whole(tmp, text)) {
         if (attempt++ == kAttempts) {
             unlink(tmp);
-            say_cannot_write(tmp);
+            log_cannot_write(tmp);
             return;
         }
         pause_ms(kRetryPause_ms);
@@ -97,15 +97,15 @@ void safe_write(const Path &path, const char *text) noexcept
     if (path.usable)
         replace_file(path.text, tmp, text);
     else
-        say_cannot_write(tmp);
+        log_cannot_write(tmp);
 }
 
-Mutex &files_lock(const char *client_id) noexcept
+Mutex &files_mutex(const char *client_id) noexcept
 {
     uint32_t hash = 0;
     for (size_t i = 0; i < sizeof(persist_session_t::client_id) - 1 && client_id[i]; ++i) // as records cut it
         hash = hash * 31 + static_cast<unsigned char>(client_id[i]);
-    return g_files_mx[hash % kFileLocks];
+    return g_file_mutexes[hash % kFileLocks];
 }
 
 Path path_of(const char *text) noexcept
@@ -157,7 +157,7 @@ bool remove_session(const char *client_id) noexcept
     const owned<Path> path = allocate<Path>(1);
     if (!path)
         return false;
-    ScopedLock files(files_lock(client_id));
+    ScopedLock files(files_mutex(client_id));
     ScopedLock lock(g_persist_mutex);
     for (const char *directory : {kSessionDirectory, kSubscriptionDirectory, kMessageDirectory}) {
         client_path(path[0], directory, client_id);

@@ -128,7 +128,7 @@ void write_files(persist_session_t &record, uint8_t what) noexcept
 
 void write_session(persist_session_t &record, uint8_t what) noexcept
 {
-    ScopedLock files(files_lock(record.client_id));
+    ScopedLock files(files_mutex(record.client_id));
     write_files(record, what);
 }
 

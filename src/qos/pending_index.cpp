@@ -76,19 +76,19 @@ Tracked *tracked(qos_packet_t *entry)
 {
     return reinterpret_cast<Tracked *>(entry);
 }
-qos_packet_t *packet_of(Tracked *entry)
+qos_packet_t *entry_of(Tracked *entry)
 {
     return reinterpret_cast<qos_packet_t *>(entry);
 }
 
 bool is_untouched(const Tracked &entry) REQUIRES(g_queue_mutex)
 {
-    return entry.packet.next == packet_of(entry.older) && entry.packet.msg_id == entry.msg_id &&
+    return entry.packet.next == entry_of(entry.older) && entry.packet.msg_id == entry.msg_id &&
            entry.packet.client == entry.client;
 }
 
 // Whether the list is as a complete index left it. Of a long one only the head is looked at. Each step leads to an
-// entry that the index knows, since the one before still points to it.
+// entry that the index knows, because the entry before it was found unchanged.
 bool is_list_untouched() REQUIRES(g_queue_mutex)
 {
     if (g_pending_queue != g_index.head)
@@ -133,11 +133,11 @@ bool add_to_index(Tracked *entry) REQUIRES(g_queue_mutex)
     return true;
 }
 
-// False, with nothing done, for an entry of somebody else's or one edited by hand.
+// False, with nothing done, for an entry that a host made or edited by hand.
 bool remove_from_index(qos_packet_t *packet) REQUIRES(g_queue_mutex)
 {
     Tracked **link = &g_index.by_id[id_bucket(packet->client, packet->msg_id)];
-    while (*link && packet_of(*link) != packet)
+    while (*link && entry_of(*link) != packet)
         link = &(*link)->chain;
     Tracked *const entry = *link;
     if (!entry || !is_untouched(*entry))

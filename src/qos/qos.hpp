@@ -5,14 +5,14 @@
 #ifndef TARN_QOS_QOS_HPP
 #define TARN_QOS_QOS_HPP
 
-#include "booking.h"
+#include "first_send.h"
 
 namespace tarn::qos {
 
 [[nodiscard]] bool init() noexcept;    // starts one more scan thread; false when it cannot be had
 void               destroy() noexcept; // ends them all and drops every delivery
 
-// Tracks a delivery as if it had just been sent: the scan repeats it. What is sent here and now has booking.h.
+// Tracks a delivery as if it had just been sent: the scan repeats it. What is sent here and now has first_send.h.
 Added track(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, const char *topic,
             std::span<const uint8_t> payload) noexcept;
 void  set_expiry(mqtt_client_t &client, uint16_t msg_id, uint32_t seconds) noexcept;

@@ -1,8 +1,8 @@
 // qos_internal.h - the index beside the list of pending deliveries, and one retransmission.
 //
 // The list g_pending_queue is the truth. The index finds an entry by client and identifier, counts a client's entries
-// and unlinks in constant time. It knows the entries that track() and send_booked() made. Before it is believed it is
-// compared with the list: with every entry of a short one, with the head of a long one. Where they differ, somebody
+// and unlinks in constant time. It knows the entries that track() and send_and_track() made. Before it is believed it is
+// compared with the list: with every entry of a short one, with the head of a long one. Where they differ, a host
 // edited the list by hand: then the index is dropped, and every operation walks the list until that has run empty.
 #ifndef TARN_QOS_QOS_INTERNAL_H
 #define TARN_QOS_QOS_INTERNAL_H
@@ -27,7 +27,7 @@ int  remove_all_of(const mqtt_client_t *client) REQUIRES(g_queue_mutex);
 int  remove_all() REQUIRES(g_queue_mutex);
 
 // One retransmission; 0 when it was queued.
-int send_packet(qos_packet_t *entry, uint64_t now_ms) REQUIRES(g_queue_mutex);
+int resend(qos_packet_t *entry, uint64_t now_ms) REQUIRES(g_queue_mutex);
 
 // One walk over the list at this time.
 void scan(uint64_t now_ms) EXCLUDES(g_queue_mutex);
@@ -37,7 +37,7 @@ void scan_turn(uint64_t now_ms) EXCLUDES(g_queue_mutex);
 void note_due(uint64_t due_ms) REQUIRES(g_queue_mutex);
 
 // The broker keeps two scan threads over one queue; ends all of them but the caller.
-void end_scan_threads() EXCLUDES(g_queue_mutex);
+void stop_scan_threads() EXCLUDES(g_queue_mutex);
 
 } // namespace tarn::qos
 

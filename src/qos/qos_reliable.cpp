@@ -79,7 +79,7 @@ Added add(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, const char *topic
     return Added::Yes;
 }
 
-void say_added(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, uint32_t payload_len, Added added, int count)
+void log_added(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, uint32_t payload_len, Added added, int count)
 {
     switch (added) {
     case Added::NoTopic:
@@ -127,7 +127,7 @@ bool send_reply(mqtt_client_t *client, int type, uint16_t msg_id)
 }
 
 // Unlinks and frees an acknowledged entry.
-void remove_packet(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
+void remove_acknowledged(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
 {
     const uint16_t msg_id = entry->msg_id;
     LOG_DEBUG("[QoS_REMOVE] msg_id=%d, client=%s", msg_id, id_of(*client).text);
@@ -143,11 +143,11 @@ Acknowledged on_puback(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_qu
     const uint16_t msg_id = entry->msg_id;
     switch (entry->qos) {
     case 1:
-        remove_packet(client, entry);
+        remove_acknowledged(client, entry);
         LOG_INFO("[QoS] QoS1 %s 完成: msg_id=%d", name_of(PUBACK), msg_id);
         return Acknowledged::Taken;
     case 2:
-        remove_packet(client, entry);
+        remove_acknowledged(client, entry);
         LOG_WARN("[QoS] QoS2 报文收到PUBACK(客户端降级)，强制完成: msg_id=%d", msg_id);
         return Acknowledged::Taken;
     default:
@@ -188,7 +188,7 @@ Acknowledged on_pubcomp(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_q
         return Acknowledged::Taken;
     const uint16_t msg_id   = entry->msg_id;
     const bool     in_order = entry->qos2_state == qos::QOS2_PUBCOMP_SENT;
-    remove_packet(client, entry);
+    remove_acknowledged(client, entry);
     if (in_order)
         LOG_INFO("[QoS] ✅ QoS2 完成: msg_id=%d", msg_id);
     return Acknowledged::Taken;
@@ -196,33 +196,33 @@ Acknowledged on_pubcomp(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_q
 
 } // namespace
 
-qos::Booked qos::send_booked(const Delivery &delivery, std::span<const uint8_t> head) noexcept
+qos::FirstSend qos::send_and_track(const Delivery &delivery, std::span<const uint8_t> head) noexcept
 {
     mqtt_client_t    &client = delivery.client;
     const PacketParts packet{head, delivery.payload};
-    // Most messages have nothing to be booked and need not queue up at the pending deliveries.
+    // Most messages are neither tracked nor remembered and need not wait for the lock of the pending deliveries.
     if (!delivery.tracked && !delivery.remembered)
         return {send_to(client, packet)};
-    Booked booked;
+    FirstSend first;
     {
         ScopedLock lock(g_queue_mutex);
-        booked.result = queue_packet(client, packet);
-        if (booked.result != 0)
-            return booked;
+        first.result = queue_packet(client, packet);
+        if (first.result != 0)
+            return first;
         if (delivery.tracked)
-            booked.added = add(client, delivery.msg_id, delivery.qos, delivery.topic, delivery.payload.data(),
-                               static_cast<uint32_t>(delivery.payload.size()), booked.count);
+            first.added = add(client, delivery.msg_id, delivery.qos, delivery.topic, delivery.payload.data(),
+                              static_cast<uint32_t>(delivery.payload.size()), first.count);
         if (delivery.remembered)
             client.qos1_pending_msg_id = delivery.msg_id;
     }
     see_to_sending(client);
-    return booked;
+    return first;
 }
 
-void qos::say_booked(const Delivery &delivery, const Booked &booked) noexcept
+void qos::log_tracking(const Delivery &delivery, const FirstSend &first) noexcept
 {
-    say_added(delivery.client, delivery.msg_id, delivery.qos, static_cast<uint32_t>(delivery.payload.size()),
-              booked.added, booked.count);
+    log_added(delivery.client, delivery.msg_id, delivery.qos, static_cast<uint32_t>(delivery.payload.size()),
+              first.added, first.count);
 }
 
 Added qos::track(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, const char *topic,
@@ -235,7 +235,7 @@ Added qos::track(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, const char
         ScopedLock lock(g_queue_mutex);
         added = add(client, msg_id, qos, topic, payload.data(), size, count);
     }
-    say_added(client, msg_id, qos, size, added, count);
+    log_added(client, msg_id, qos, size, added, count);
     return added;
 }
 

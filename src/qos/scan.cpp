@@ -1,5 +1,5 @@
 // scan.cpp - retransmission with a doubling interval, expiry, and the two threads that drive both.
-#include "../base/alarm.h"
+#include "../base/wakeable_pause.h"
 #include "../base/clock.h"
 #include "../base/memory.h"
 #include "../base/text.h"
@@ -25,7 +25,7 @@ constinit uint64_t g_next_due_ms GUARDED_BY(g_queue_mutex) = kNever;
 constinit Shared<uint64_t>       g_last_walk_ms            = 0;
 constinit Shared<uint64_t>       g_last_turn_ms            = 0;
 
-struct Outcome {
+struct ScanResult {
     int resent  = 0;
     int dropped = 0;
 };
@@ -53,7 +53,7 @@ uint64_t due_at(const qos_packet_t &entry) REQUIRES(g_queue_mutex)
 }
 
 // What is due for the entry that `link` points to. True when it was dropped.
-bool settle(qos_packet_t **link, uint64_t now_ms, Outcome &outcome) REQUIRES(g_queue_mutex)
+bool resend_or_drop(qos_packet_t **link, uint64_t now_ms, ScanResult &result) REQUIRES(g_queue_mutex)
 {
     qos_packet_t &entry = **link;
     if (has_expired(entry, now_ms)) {
@@ -64,13 +64,13 @@ bool settle(qos_packet_t **link, uint64_t now_ms, Outcome &outcome) REQUIRES(g_q
         if (elapsed(now_ms, entry.last_send_ms) <= entry.retry_interval_ms)
             return false;
         if (entry.retry_count < QOS_RETRIES_MAX) {
-            outcome.resent += send_packet(&entry, now_ms) == 0;
+            result.resent += resend(&entry, now_ms) == 0;
             return false;
         }
         LOG_ERROR("[QoS] 报文重试次数超限(msg_id=%d)，丢弃", entry.msg_id);
     }
     remove_at(link);
-    ++outcome.dropped;
+    ++result.dropped;
     return true;
 }
 
@@ -83,19 +83,19 @@ bool settle(qos_packet_t **link, uint64_t now_ms, Outcome &outcome) REQUIRES(g_q
 // [MQTT-4.6.0-5]: it gets them in the reverse of the order in which they were published. The list has its newest entry
 // at the head, and its order is visible. Where the order matters, the payload carries a number or a time.
 //   test: scan.what_is_due_at_one_time_goes_newest_first, offline.three_kept_messages_come_a_second_after_the_connack
-Outcome walk(uint64_t now_ms) REQUIRES(g_queue_mutex)
+ScanResult walk(uint64_t now_ms) REQUIRES(g_queue_mutex)
 {
-    Outcome  outcome;
-    uint64_t next_due_ms = kNever;
+    ScanResult result;
+    uint64_t   next_due_ms = kNever;
     for (qos_packet_t **link = &g_pending_queue; *link;) {
-        if (settle(link, now_ms, outcome))
+        if (resend_or_drop(link, now_ms, result))
             continue;
         if (const uint64_t due_ms = due_at(**link); due_ms < next_due_ms)
             next_due_ms = due_ms;
         link = &(*link)->next;
     }
     g_next_due_ms = next_due_ms;
-    return outcome;
+    return result;
 }
 
 // ---- the scan threads
@@ -104,9 +104,9 @@ struct ScanThread {
     pthread_t   handle;
     ScanThread *next;
 };
-constinit Mutex                 g_threads_mx{};
-constinit ScanThread *g_threads GUARDED_BY(g_threads_mx) = nullptr;
-constinit Alarm                 g_end_of_scanning;
+constinit Mutex                 g_threads_mutex{};
+constinit ScanThread *g_threads GUARDED_BY(g_threads_mutex) = nullptr;
+constinit WakeablePause         g_end_of_scanning;
 
 void *scan_queue_thread(void *)
 {
@@ -120,14 +120,14 @@ void *scan_queue_thread(void *)
 }
 
 // 0 or the errno value.
-int begin_scan_thread()
+int start_scan_thread()
 {
     owned<ScanThread> thread = allocate<ScanThread>(1);
     if (!thread)
         return ENOMEM;
     if (const int error = start_thread(&thread[0].handle, "tarn-qos-scan", scan_queue_thread, nullptr))
         return error;
-    ScopedLock lock(g_threads_mx);
+    ScopedLock lock(g_threads_mutex);
     g_scan_thread  = thread[0].handle;
     thread[0].next = g_threads;
     g_threads      = thread.release();
@@ -136,7 +136,7 @@ int begin_scan_thread()
 
 } // namespace
 
-int send_packet(qos_packet_t *entry, uint64_t now_ms)
+int resend(qos_packet_t *entry, uint64_t now_ms)
 {
     mqtt_client_t *const client = entry->client;
     LOG_DEBUG("[QoS_SEND] msg_id=%d, client=%s", entry->msg_id, client ? id_of(*client).text : "null");
@@ -203,14 +203,14 @@ void note_due(uint64_t due_ms)
 
 void scan(uint64_t now_ms)
 {
-    Outcome outcome;
+    ScanResult result;
     {
         ScopedLock lock(g_queue_mutex);
         g_last_walk_ms = now_ms;
-        outcome        = walk(now_ms);
+        result         = walk(now_ms);
     }
-    if (outcome.resent || outcome.dropped)
-        LOG_DEBUG("[QoS] 队列扫描完成：重发%d条，丢弃%d条", outcome.resent, outcome.dropped);
+    if (result.resent || result.dropped)
+        LOG_DEBUG("[QoS] 队列扫描完成：重发%d条，丢弃%d条", result.resent, result.dropped);
 }
 
 void scan_turn(uint64_t now_ms)
@@ -227,19 +227,19 @@ void scan_turn(uint64_t now_ms)
     scan(now_ms);
 }
 
-void end_scan_threads()
+void stop_scan_threads()
 {
     g_scan_running = 0;
-    g_end_of_scanning.ring();
+    g_end_of_scanning.wake();
     ScanThread *threads;
     {
-        ScopedLock lock(g_threads_mx);
+        ScopedLock lock(g_threads_mutex);
         threads   = g_threads;
         g_threads = nullptr;
     }
     while (ScanThread *const thread = threads) {
         threads = thread->next;
-        finish_thread(thread->handle);
+        join_or_detach(thread->handle);
         free(thread);
     }
 }
@@ -247,7 +247,7 @@ void end_scan_threads()
 bool init() noexcept
 {
     g_scan_running = 1;
-    if (const int error = begin_scan_thread()) {
+    if (const int error = start_scan_thread()) {
         LOG_ERROR("[QoS] 创建扫描线程失败，Linux错误码：%d（描述：%s）", error, strerror(error));
         g_scan_running = 0;
         return false;
@@ -260,7 +260,7 @@ void destroy() noexcept
 {
     g_scan_running = 0;
     LOG_DEBUG("[QoS] 开始销毁可靠投递模块");
-    end_scan_threads();
+    stop_scan_threads();
     int removed;
     {
         ScopedLock lock(g_queue_mutex);

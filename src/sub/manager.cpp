@@ -35,8 +35,8 @@ namespace {
 
 } // namespace
 
-// When the second array cannot be had, the first one stays: `subs` keeps its value, and another thread may be about to
-// use it. The next call goes on from there.
+// If memory runs out at the second array, the first one stays, because another thread may be using it. The next call
+// goes on from there.
 bool init() noexcept
 {
     LOG_DEBUG("[DEBUG] sub_init：开始初始化订阅管理器");

@@ -86,7 +86,7 @@ Stored store(sub_mgr_t &manager, const Message &message) noexcept REQUIRES(manag
 }
 
 // Saves and reports what store() did.
-void finish(Stored stored, const char *topic) noexcept
+void save_and_log(Stored stored, const char *topic) noexcept
 {
     switch (stored) {
     case Stored::Nothing:
@@ -138,7 +138,7 @@ bool discard_one(sub_mgr_t &manager, int64_t now_s, char (&topic)[kTopicChars + 
 
 } // namespace
 
-bool begins_retain(const char *topic, size_t payload_len, uint32_t qos) noexcept
+bool log_retain_begins(const char *topic, size_t payload_len, uint32_t qos) noexcept
 {
     LOG_DEBUG("[DEBUG] retain_msg_set：开始处理（topic=%s, payload_len=%u, qos=%d）", or_null(topic),
               static_cast<uint32_t>(payload_len), qos);
@@ -150,7 +150,7 @@ bool begins_retain(const char *topic, size_t payload_len, uint32_t qos) noexcept
 
 Stored retain(const RetainedMessage &message) noexcept
 {
-    if (!begins_retain(message.topic, message.payload.size(), message.qos))
+    if (!log_retain_begins(message.topic, message.payload.size(), message.qos))
         return Stored::NoTopic;
     discard_expired_retained(); // makes room
 
@@ -162,13 +162,13 @@ Stored retain(const RetainedMessage &message) noexcept
         LOG_DEBUG("[TRACE] retain_msg_set：已加锁，当前保留消息数量=%d", int32_t{g_sub_mgr.retain_count});
         stored = store(g_sub_mgr, kept);
     }
-    finish(stored, message.topic);
+    save_and_log(stored, message.topic);
     if (message.expiry_s != 0 && stored != Stored::Full)
         set_expiry(message.topic, message.expiry_s);
     return stored;
 }
 
-bool begins_get(const char *topic, const retain_msg_t *out) noexcept
+bool log_get_begins(const char *topic, const retain_msg_t *out) noexcept
 {
     LOG_DEBUG("[DEBUG] retain_msg_get：开始查询（topic=%s, msg_ptr=%p）", or_null(topic),
               static_cast<const void *>(out));
@@ -202,7 +202,7 @@ bool copy_retained(const char *topic, retain_msg_t &out) noexcept
     return true;
 }
 
-bool begins_delete(const char *topic) noexcept
+bool log_delete_begins(const char *topic) noexcept
 {
     LOG_DEBUG("[DEBUG] retain_msg_delete：开始删除（topic=%s）", or_null(topic));
     if (topic)
@@ -213,7 +213,7 @@ bool begins_delete(const char *topic) noexcept
 
 bool delete_retained(const char *topic) noexcept
 {
-    if (!begins_delete(topic))
+    if (!log_delete_begins(topic))
         return false;
     int32_t left = -1; // after the removal
     {

@@ -6,7 +6,7 @@
 #ifndef TARN_SUB_SUB_HPP
 #define TARN_SUB_SUB_HPP
 
-#include "route.h"
+#include "match_list.h"
 #include "share.h"
 #include "sub.h"
 
@@ -22,7 +22,7 @@ void               deinit() noexcept;
 [[nodiscard]] bool is_valid_filter(const char *filter) noexcept; // a line says what is wrong with it
 [[nodiscard]] bool matches(const char *filter, const char *topic) noexcept;
 
-// ---- subscriptions; the matches of a topic are in route.h
+// ---- subscriptions; the matches of a topic are in match_list.h
 
 enum class Added : uint8_t { New, Updated, NoText, BadQos, BadFilter, Full };
 [[nodiscard]] constexpr bool is_subscribed(Added added) noexcept

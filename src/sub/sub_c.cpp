@@ -51,7 +51,7 @@ int sub_add(const char *client_id, const char *topic_filter, uint32_t qos, uint8
 {
     if (client_id && topic_filter)
         return code_of(add(client_id, topic_filter, qos, clean_session));
-    (void)begins_add(client_id, topic_filter, qos, clean_session);
+    (void)log_add_begins(client_id, topic_filter, qos, clean_session);
     return -1;
 }
 
@@ -69,7 +69,7 @@ int sub_remove(const char *client_id, const char *topic_filter)
 {
     if (has_text(client_id))
         return topic_filter ? remove(client_id, topic_filter) : remove_all_of(client_id);
-    (void)begins_remove(client_id, topic_filter);
+    (void)log_remove_begins(client_id, topic_filter);
     return -1;
 }
 
@@ -80,7 +80,7 @@ int sub_match(const char *topic, sub_entry_t *matched, int32_t max_matched)
 
 int sub_get_client_sub_count(const char *client_id)
 {
-    return begins_count(client_id) ? count_of(client_id) : -1;
+    return log_count_begins(client_id) ? count_of(client_id) : -1;
 }
 
 int sub_find_by_identifier(uint32_t sub_identifier, sub_entry_t *out)
@@ -98,13 +98,13 @@ int retain_msg_set_with_expiry(const char *topic, const uint8_t *payload, uint32
 {
     if (topic && (payload || payload_len == 0))
         return code_of(retain({topic, {payload, payload_len}, qos, expiry_interval}));
-    (void)begins_retain(topic, payload_len, qos);
+    (void)log_retain_begins(topic, payload_len, qos);
     return -1;
 }
 
 int retain_msg_get(const char *topic, retain_msg_t *out)
 {
-    if (!begins_get(topic, out))
+    if (!log_get_begins(topic, out))
         return -1;
     return copy_retained(topic, *out) ? 0 : -5;
 }
@@ -113,7 +113,7 @@ int retain_msg_delete(const char *topic)
 {
     if (topic)
         return delete_retained(topic) ? 0 : -5;
-    (void)begins_delete(topic);
+    (void)log_delete_begins(topic);
     return -1;
 }
 

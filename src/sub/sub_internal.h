@@ -21,7 +21,7 @@ struct FilterVerdict {
     int         at; // index of the character at fault
 };
 
-// Judges without a word; is_valid_filter is the same aloud.
+// Logs nothing; is_valid_filter is the same with its log lines.
 [[nodiscard]] FilterVerdict judge_filter(std::string_view filter) noexcept;
 
 // What of a filter is compared with topics: all of it, or what stands behind "$share/<group>/".
@@ -68,14 +68,15 @@ inline void fetch_ahead(const char *text) noexcept
 
 // ---- the first line of a call
 
-// Each says that its call begins, and false when it cannot go on, for want of a text, which it says too. A pointer may
-// be null: the lines tell.
-[[nodiscard]] bool begins_add(const char *client_id, const char *filter, uint32_t qos, uint8_t clean_session) noexcept;
-[[nodiscard]] bool begins_remove(const char *client_id, const char *filter) noexcept; // null filter = all
-[[nodiscard]] bool begins_count(const char *client_id) noexcept;
-[[nodiscard]] bool begins_retain(const char *topic, size_t payload_len, uint32_t qos) noexcept;
-[[nodiscard]] bool begins_get(const char *topic, const retain_msg_t *out) noexcept;
-[[nodiscard]] bool begins_delete(const char *topic) noexcept;
+// Each logs that its call begins. False, with another line, when a text is missing and the call cannot go on. Pointers
+// may be null.
+[[nodiscard]] bool log_add_begins(const char *client_id, const char *filter, uint32_t qos,
+                                  uint8_t clean_session) noexcept;
+[[nodiscard]] bool log_remove_begins(const char *client_id, const char *filter) noexcept; // null filter = all
+[[nodiscard]] bool log_count_begins(const char *client_id) noexcept;
+[[nodiscard]] bool log_retain_begins(const char *topic, size_t payload_len, uint32_t qos) noexcept;
+[[nodiscard]] bool log_get_begins(const char *topic, const retain_msg_t *out) noexcept;
+[[nodiscard]] bool log_delete_begins(const char *topic) noexcept;
 
 } // namespace tarn::sub
 

@@ -1,8 +1,8 @@
 // subscription_table.cpp - adding, removing, matching and counting subscriptions.
 //
-// Adding and removing walk through the table, so that they see it as it is, whoever wrote into it; an entry that is not
-// theirs costs them one look at its id. Matching does so at DEBUG, where every look is a line. Otherwise the index names
-// the few entries to look at; what is returned, written and logged is the same.
+// Adding and removing walk through the table, so that they see it as it is, also what a host wrote into it. An entry of
+// another client costs them one look at its id. Matching does so at DEBUG, where every look is a line. Otherwise the
+// index names the few entries to look at; what is returned, written and logged is the same.
 #include "../base/thread.h"
 #include "../log/log.h"
 #include "subscription_index.h"
@@ -47,19 +47,19 @@ struct Subscription {
     uint32_t         identifier; // 0 = none given: an update keeps the old one
 };
 
-struct Outcome {
+struct UpsertResult {
     Added    what; // New, Updated or Full
     uint32_t old_qos;
     int32_t  count; // entries afterwards
 };
 
-int32_t find(const sub_mgr_t &manager, const Subscription &wanted, bool aloud) noexcept REQUIRES(manager.lock)
+int32_t find(const sub_mgr_t &manager, const Subscription &wanted, bool traced) noexcept REQUIRES(manager.lock)
 {
     const int32_t count = entries_in(manager);
     for (int32_t i = 0; i < count; ++i) {
         const sub_entry_t &entry = manager.subs[i];
         fetch_ahead(entry.client_id);
-        if (aloud)
+        if (traced)
             LOG_DEBUG("[TRACE] sub_add：检查重复订阅（索引=%d, client_id=%s, topic_filter=%s）", i, entry.client_id,
                       entry.topic_filter);
         if (holds(entry.client_id, wanted.id) && holds(entry.topic_filter, wanted.filter))
@@ -82,10 +82,10 @@ void append(sub_mgr_t &manager, const Subscription &wanted) noexcept REQUIRES(ma
     index_appended(manager);
 }
 
-Outcome upsert(sub_mgr_t &manager, const Subscription &wanted, bool aloud) noexcept REQUIRES(manager.lock)
+UpsertResult upsert(sub_mgr_t &manager, const Subscription &wanted, bool traced) noexcept REQUIRES(manager.lock)
 {
     const int32_t count = entries_in(manager);
-    const int32_t found = find(manager, wanted, aloud);
+    const int32_t found = find(manager, wanted, traced);
     if (found >= 0) {
         sub_entry_t   &entry   = manager.subs[found];
         const uint32_t old_qos = entry.qos;
@@ -101,22 +101,23 @@ Outcome upsert(sub_mgr_t &manager, const Subscription &wanted, bool aloud) noexc
     return {Added::New, 0, count + 1};
 }
 
-void report(const Outcome &outcome, const char *client_id, const char *filter, uint32_t qos, uint8_t clean) noexcept
+void log_outcome(const UpsertResult &upserted, const char *client_id, const char *filter, uint32_t qos,
+                 uint8_t clean) noexcept
 {
-    switch (outcome.what) {
+    switch (upserted.what) {
     case Added::Updated:
         LOG_DEBUG(
             "[DEBUG] sub_add：发现重复订阅，更新QoS和CleanSession（client_id=%s, topic_filter=%s, 旧QoS=%d, 新QoS=%d）",
-            client_id, filter, outcome.old_qos, qos);
+            client_id, filter, upserted.old_qos, qos);
         LOG_INFO("MQTT标准：更新订阅：ClientID=%s, Topic=%s, QoS=%d", client_id, filter, qos);
         break;
     case Added::Full:
-        LOG_ERROR("[DEBUG] sub_add：订阅数量超限（当前=%d, 最大=%d）", outcome.count, SUB_CAPACITY);
+        LOG_ERROR("[DEBUG] sub_add：订阅数量超限（当前=%d, 最大=%d）", upserted.count, SUB_CAPACITY);
         LOG_ERROR("订阅数量超限（max=%d）", SUB_CAPACITY);
         break;
     case Added::New:
         LOG_DEBUG("[DEBUG] sub_add：新增订阅成功（client_id=%s, topic_filter=%s, 总数=%d）", client_id, filter,
-                  outcome.count);
+                  upserted.count);
         LOG_INFO("MQTT标准：新增订阅：ClientID=%s, Topic=%s, QoS=%d, CleanSession=%d", client_id, filter, qos, clean);
         break;
     default:
@@ -126,24 +127,24 @@ void report(const Outcome &outcome, const char *client_id, const char *filter, u
 
 // ---- removing
 
-// Marks what is to go. A removed entry's successors move up at once, so a look is numbered by what remains before it.
+// Marks what is to go. The log numbers entries as if each removed one had gone at once and the rest moved up.
 void mark(const sub_mgr_t &manager, std::string_view id, const std::string_view *filter, EntrySet &going) noexcept
     REQUIRES(manager.lock)
 {
-    const bool    aloud = log_passes(AGENT_LOG_DEBUG);
-    const int32_t count = entries_in(manager);
-    int32_t       at    = 0;
+    const bool    traced = log_passes(AGENT_LOG_DEBUG);
+    const int32_t count  = entries_in(manager);
+    int32_t       at     = 0;
     for (int32_t i = 0; i < count; ++i) {
         const sub_entry_t &entry = manager.subs[i];
         fetch_ahead(entry.client_id);
-        if (aloud)
+        if (traced)
             LOG_DEBUG("[TRACE] sub_remove：检查订阅（索引=%d, client_id=%s, topic_filter=%s）", at, entry.client_id,
                       entry.topic_filter);
         if (!holds(entry.client_id, id) || (filter && !holds(entry.topic_filter, *filter))) {
             ++at;
             continue;
         }
-        if (aloud)
+        if (traced)
             LOG_DEBUG("[TRACE] sub_remove：移除订阅（索引=%d, topic_filter=%s）", at, entry.topic_filter);
         going.add(i);
     }
@@ -178,7 +179,7 @@ const char *or_all(const char *filter) noexcept
 // `only` is the filter, cut; both are null for all of the client's.
 int32_t remove_where(const char *client_id, const char *filter, const std::string_view *only) noexcept
 {
-    if (!begins_remove(client_id, filter))
+    if (!log_remove_begins(client_id, filter))
         return 0;
     int32_t removed = 0;
     int32_t left    = 0;
@@ -249,46 +250,46 @@ template <class Take> int match(const char *topic, const void *into, int32_t roo
     return found;
 }
 
-// ---- routes
+// ---- matches for routing
 
-[[nodiscard]] bool add_group(RouteList &list, Route &route, std::string_view filter) noexcept
+[[nodiscard]] bool add_group(MatchList &list, Match &match, std::string_view filter) noexcept
 {
-    route.group                      = static_cast<uint32_t>(list.names.size());
-    route.group_size                 = kNoGroup;
-    route.shared                     = is_shared(filter);
+    match.group                      = static_cast<uint32_t>(list.names.size());
+    match.group_size                 = kNoGroup;
+    match.shared                     = is_shared(filter);
     const std::optional<Share> share = share_of(filter);
     if (!share)
         return true;
-    route.group_size = static_cast<uint16_t>(share->group.size());
+    match.group_size = static_cast<uint16_t>(share->group.size());
     for (const char c : share->group)
         if (!list.names.push(c))
             return false;
     return true;
 }
 
-[[nodiscard]] bool add_route(RouteList &list, int32_t index, const sub_entry_t &entry) noexcept
+[[nodiscard]] bool add_match(MatchList &list, int32_t index, const sub_entry_t &entry) noexcept
 {
-    Route                  route{};
+    Match                  match{};
     const std::string_view id = text_of(entry.client_id).substr(0, kClientIdChars);
-    memcpy(route.client_id, id.data(), id.size());
-    route.qos           = static_cast<uint8_t>(entry.qos);
-    route.clean_session = entry.clean_session;
-    route.index         = index;
-    return add_group(list, route, text_of(entry.topic_filter)) && list.routes.push(route);
+    memcpy(match.client_id, id.data(), id.size());
+    match.qos           = static_cast<uint8_t>(entry.qos);
+    match.clean_session = entry.clean_session;
+    match.index         = index;
+    return add_group(list, match, text_of(entry.topic_filter)) && list.matches.push(match);
 }
 
 } // namespace
 
 // A host that edits the table by hand and then publishes does so on a thread of its own. The library's threads route
 // what clients send, message after message.
-int match_routes(const char *topic, RouteList &list) noexcept
+int list_matches(const char *topic, MatchList &list) noexcept
 {
-    list.routes.clear();
+    list.matches.clear();
     list.names.clear();
     bool        stored = true;
     const Trust trust  = on_library_thread() ? Trust::Usual : Trust::Sure;
     const int   found  = match(topic, &list, SUB_MATCH_CAPACITY, trust, [&](int32_t i, const sub_entry_t &entry) {
-        stored = add_route(list, i, entry);
+        stored = add_match(list, i, entry);
         return stored;
     });
     return stored ? found : -1;
@@ -296,7 +297,7 @@ int match_routes(const char *topic, RouteList &list) noexcept
 
 // ---- calls
 
-bool begins_add(const char *client_id, const char *filter, uint32_t qos, uint8_t clean_session) noexcept
+bool log_add_begins(const char *client_id, const char *filter, uint32_t qos, uint8_t clean_session) noexcept
 {
     LOG_DEBUG("[DEBUG] sub_add：开始添加订阅（client_id=%s, topic_filter=%s, qos=%d, clean_session=%d）",
               or_null(client_id), or_null(filter), qos, clean_session);
@@ -311,7 +312,7 @@ bool begins_add(const char *client_id, const char *filter, uint32_t qos, uint8_t
 //   test: adding_with_id.identifier_survives_an_update_without_one
 Added add(const char *client_id, const char *filter, uint32_t qos, uint8_t clean_session) noexcept
 {
-    if (!begins_add(client_id, filter, qos, clean_session))
+    if (!log_add_begins(client_id, filter, qos, clean_session))
         return Added::NoText;
     if (qos > 2) {
         LOG_ERROR("[DEBUG] sub_add：无效的QoS=%d（仅支持0/1/2）", qos);
@@ -323,14 +324,14 @@ Added add(const char *client_id, const char *filter, uint32_t qos, uint8_t clean
     }
 
     const Subscription wanted = {cut(client_id, kClientIdChars), cut(filter, kFilterChars), qos, clean_session, 0};
-    Outcome            outcome;
+    UpsertResult       upserted;
     {
         ScopedLock lock(g_sub_mgr.lock);
         LOG_DEBUG("[TRACE] sub_add：已加锁，当前订阅数=%d，最大容量=%d", int32_t{g_sub_mgr.sub_count}, SUB_CAPACITY);
-        outcome = upsert(g_sub_mgr, wanted, log_passes(AGENT_LOG_DEBUG));
+        upserted = upsert(g_sub_mgr, wanted, log_passes(AGENT_LOG_DEBUG));
     }
-    report(outcome, client_id, filter, qos, clean_session);
-    return outcome.what;
+    log_outcome(upserted, client_id, filter, qos, clean_session);
+    return upserted.what;
 }
 
 Added add_with_id(const char *client_id, const char *filter, uint32_t qos, uint8_t clean_session,
@@ -349,7 +350,7 @@ Added add_with_id(const char *client_id, const char *filter, uint32_t qos, uint8
     return upsert(g_sub_mgr, wanted, false).what;
 }
 
-bool begins_remove(const char *client_id, const char *filter) noexcept
+bool log_remove_begins(const char *client_id, const char *filter) noexcept
 {
     LOG_DEBUG("[DEBUG] sub_remove：开始移除订阅（client_id=%s, topic_filter=%s）", or_null(client_id), or_all(filter));
     if (has_text(client_id))
@@ -378,7 +379,7 @@ int copy_matches(const char *topic, sub_entry_t *matched, int32_t room) noexcept
     });
 }
 
-bool begins_count(const char *client_id) noexcept
+bool log_count_begins(const char *client_id) noexcept
 {
     LOG_DEBUG("[DEBUG] sub_get_client_sub_count：开始统计（client_id=%s）", or_null(client_id));
     if (has_text(client_id))

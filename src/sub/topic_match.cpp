@@ -84,7 +84,7 @@ Walk walk(const char *filter, const char *topic) noexcept
     return *topic ? stop(End::Remainder, false) : stop(End::Equal, true);
 }
 
-void trace(const char *filter, const char *topic, const Walk &w) noexcept
+void log_walk(const char *filter, const char *topic, const Walk &w) noexcept
 {
     for (int i = 0; i < w.pluses; ++i)
         LOG_DEBUG("[TRACE] topic_match_wildcard：匹配+通配符，跳过当前层级");
@@ -107,7 +107,7 @@ bool matches(const char *filter, const char *topic) noexcept
 
     const Walk w = walk(filter, topic);
     if (log_passes(AGENT_LOG_DEBUG))
-        trace(filter, topic, w);
+        log_walk(filter, topic, w);
     return w.match;
 }
 

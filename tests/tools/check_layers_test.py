@@ -62,12 +62,12 @@ class CheckLayers(unittest.TestCase):
         )
 
     def test_a_face_and_what_it_includes_of_its_module(self):
-        face = {"src/sub/sub.hpp": '#include "route.h"\n', "src/sub/route.h": "", "src/sub/sub_internal.h": ""}
-        lines = '#include "../sub/sub.hpp"\n#include "../sub/route.h"\n'
+        face = {"src/sub/sub.hpp": '#include "match_list.h"\n', "src/sub/match_list.h": "", "src/sub/sub_internal.h": ""}
+        lines = '#include "../sub/sub.hpp"\n#include "../sub/match_list.h"\n'
         self.assertEqual(self.faults({**face, "src/handler/a.cpp": lines}), [])
         self.assertEqual(
             self.faults({**face, "src/sub/sub.hpp": "", "src/handler/a.cpp": lines}),
-            ["src/handler/a.cpp:2: sub/route.h is private to sub/"],
+            ["src/handler/a.cpp:2: sub/match_list.h is private to sub/"],
         )
 
     def test_a_face_takes_types_only(self):

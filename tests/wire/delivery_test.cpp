@@ -58,7 +58,7 @@ class Subscriber {
 public:
     explicit Subscriber(unsigned number)
         : group_(number / std::size(kTempers)), temper_(kTempers[number % std::size(kTempers)]),
-          id_("sub-" + std::to_string(number)), random_(number), seen_(kMessages), settled_(kMessages)
+          id_("sub-" + std::to_string(number)), random_(number), seen_(kMessages), acknowledged_(kMessages)
     {
         appear();
     }
@@ -184,17 +184,17 @@ private:
     void answer(uint32_t number, unsigned id)
     {
         answers_ = std::move(answers_) + ack_packet(level(), 0x40, id);
-        answered_ += !settled_[number];
-        settled_[number] = true;
+        answered_ += !acknowledged_[number];
+        acknowledged_[number] = true;
     }
 
-    const unsigned                                       group_;
-    const Temper                                         temper_;
-    const std::string                                    id_;
-    std::minstd_rand                                     random_;
-    std::unique_ptr<Peer>                                peer_;
-    bool                                                 subscribed_ = false;
-    std::vector<bool>                                    seen_, settled_; // by number: has come; has been acknowledged
+    const unsigned        group_;
+    const Temper          temper_;
+    const std::string     id_;
+    std::minstd_rand      random_;
+    std::unique_ptr<Peer> peer_;
+    bool                  subscribed_ = false;
+    std::vector<bool>     seen_, acknowledged_;                // by number: has come; has been acknowledged
     std::multimap<double, std::pair<uint32_t, unsigned>> due_; // number and identifier to acknowledge at that time
     Bytes                                                answers_;
     uint32_t                                             answered_ = 0; // messages in `answers_`

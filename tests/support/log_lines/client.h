@@ -94,15 +94,15 @@ inline LogLine send_thread_ended()
     return info("[SEND_THREAD] 发送线程退出");
 }
 
-inline LogLine session_purge_started()
+inline LogLine session_deletion_started()
 {
     return info("[MQTT5] 开始清理过期会话...");
 }
-inline LogLine session_purged(const std::string &id, unsigned long long deadline_s)
+inline LogLine session_deleted(const std::string &id, unsigned long long deadline_s)
 {
     return info(printed("[MQTT5] 清理过期会话: %s (deadline=%llu)", id.c_str(), deadline_s));
 }
-inline LogLine session_purge_ended()
+inline LogLine session_deletion_ended()
 {
     return info("[MQTT5] 过期会话清理完成");
 }

@@ -26,7 +26,7 @@ struct Entry {
 };
 thread_local std::vector<Entry> *t_entries; // of a thread that ever took its transcript
 
-std::mutex                 g_counts_mx;
+std::mutex                 g_counts_mutex;
 std::map<std::string, int> g_counts;
 std::atomic<int>           g_turns{0};
 std::atomic<int>           g_pause_us{0};
@@ -42,7 +42,7 @@ std::vector<Entry> &entries()
 void note_call(const std::string &call)
 {
     {
-        std::lock_guard lock(g_counts_mx);
+        std::lock_guard lock(g_counts_mutex);
         ++g_counts[call];
     }
     if (t_entries)
@@ -92,7 +92,7 @@ Transcript take_calls_and(const std::string &part)
 
 int times(const std::string &call)
 {
-    std::lock_guard lock(g_counts_mx);
+    std::lock_guard lock(g_counts_mutex);
     return g_counts[call];
 }
 int turns()
@@ -173,13 +173,13 @@ void       __real__ZN4tarn5stats6reportEv(void);
 void       __real__ZN4tarn5stats12begin_periodEv(void);
 bool       __real__ZN4tarn7handler4initEv(void);
 bool       __real__ZN4tarn7handler16publish_for_hostERKNS0_11HostMessageE(const tarn::handler::HostMessage &);
-void       __real__ZN4tarn7handler14say_disconnectER13mqtt_client_th(mqtt_client_t &, uint8_t);
+void       __real__ZN4tarn7handler15send_disconnectER13mqtt_client_th(mqtt_client_t &, uint8_t);
 void       __real__ZN4tarn7persist4initEPKc(const char *);
 void       __real__ZN4tarn7persist7destroyEv(void);
 bool       __real__ZN4tarn6client4initEi(int32_t);
 void       __real__ZN4tarn6client6deinitEv(void);
 uint32_t   __real__ZN4tarn6client12close_silentEmj(uint64_t, uint32_t);
-void       __real__ZN4tarn6client16settle_due_willsEm(uint64_t);
+void       __real__ZN4tarn6client17publish_due_willsEm(uint64_t);
 int32_t    __real__ZN4tarn6client8list_idsEPci(char *, int32_t);
 net::Start __real__ZN4tarn3net5startEPFhjjPKhjjjPvES3_i(netip_event_cb_t, void *, int32_t);
 void       __real__ZN4tarn3net4stopEv(void);
@@ -245,10 +245,10 @@ bool __wrap__ZN4tarn7handler16publish_for_hostERKNS0_11HostMessageE(const tarn::
                ? g_modules.packet_handler_broker_publish() == 0
                : __real__ZN4tarn7handler16publish_for_hostERKNS0_11HostMessageE(message);
 }
-void __wrap__ZN4tarn7handler14say_disconnectER13mqtt_client_th(mqtt_client_t &client, uint8_t reason)
+void __wrap__ZN4tarn7handler15send_disconnectER13mqtt_client_th(mqtt_client_t &client, uint8_t reason)
 {
     note_call("packet_handler_send_disconnect " + std::string(client.client_id) + " " + std::to_string(reason));
-    __real__ZN4tarn7handler14say_disconnectER13mqtt_client_th(client, reason);
+    __real__ZN4tarn7handler15send_disconnectER13mqtt_client_th(client, reason);
     if (g_modules.on_disconnect_sent)
         g_modules.on_disconnect_sent(client);
 }
@@ -277,10 +277,10 @@ uint32_t __wrap__ZN4tarn6client12close_silentEmj(uint64_t now_ms, uint32_t thres
     note_call("client_clean_timeout " + std::to_string(threshold_ms));
     return __real__ZN4tarn6client12close_silentEmj(now_ms, threshold_ms);
 }
-void __wrap__ZN4tarn6client16settle_due_willsEm(uint64_t now_ms)
+void __wrap__ZN4tarn6client17publish_due_willsEm(uint64_t now_ms)
 {
     note_call("client_will_delay_scan");
-    __real__ZN4tarn6client16settle_due_willsEm(now_ms);
+    __real__ZN4tarn6client17publish_due_willsEm(now_ms);
 }
 int32_t __wrap__ZN4tarn6client8list_idsEPci(char *buf, int32_t size)
 {

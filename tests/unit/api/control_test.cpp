@@ -105,7 +105,7 @@ TEST_F(kick, a_client_whose_will_waits_is_closed_again)
     EXPECT_EQ(client->state, unsigned{CLIENT_CLOSED});
 }
 
-// The connection may drop while the DISCONNECT is on its way: then the kick comes second and settles nothing again.
+// The connection may drop while the DISCONNECT is on its way: then the kick comes second and ends nothing again.
 TEST_F(kick, a_client_that_was_closed_meanwhile_is_not_closed_again)
 {
     mqtt_client_t *const client = add_client(1, "dev1", &broker);

@@ -224,7 +224,7 @@ TEST(housekeeping_thread, pauses_10_ms_after_each_turn)
     QuietLog log;
     broker_t broker{};
     poke(broker.running, 1);
-    api::begin_housekeeping(broker);
+    api::start_housekeeping(broker);
     EXPECT_TRUE(eventually([] { return turns() > 0; }));
     const uint64_t start_ms = mono_ms();
     const int      before   = turns();
@@ -232,7 +232,7 @@ TEST(housekeeping_thread, pauses_10_ms_after_each_turn)
     EXPECT_EQ(pause_us(), 10000);
     EXPECT_GE(mono_ms() - start_ms, 195u); // at least 20 whole pauses lie between
     poke(broker.running, 0);
-    EXPECT_TRUE(api::end_housekeeping(broker));
+    EXPECT_TRUE(api::stop_housekeeping(broker));
 }
 
 TEST(housekeeping_thread, there_is_one_an_instance)
@@ -240,17 +240,17 @@ TEST(housekeeping_thread, there_is_one_an_instance)
     QuietLog log;
     broker_t broker{};
     poke(broker.running, 1);
-    api::begin_housekeeping(broker);
+    api::start_housekeeping(broker);
     const pthread_t first = broker.thread;
     EXPECT_NE(first, 0u);
-    api::begin_housekeeping(broker);
+    api::start_housekeeping(broker);
     EXPECT_EQ(broker.thread, first);
     EXPECT_TRUE(eventually([] { return threads_named("tarn-house") == 1; }));
     poke(broker.running, 0);
-    EXPECT_TRUE(api::end_housekeeping(broker));
+    EXPECT_TRUE(api::stop_housekeeping(broker));
     EXPECT_EQ(broker.thread, 0u);
     EXPECT_TRUE(eventually([] { return threads_named("tarn-house") == 0; }));
-    EXPECT_TRUE(api::end_housekeeping(broker)); // nothing to wait for
+    EXPECT_TRUE(api::stop_housekeeping(broker)); // nothing to wait for
 }
 
 TEST(housekeeping_thread, one_that_cannot_be_made_is_no_thread)
@@ -260,12 +260,12 @@ TEST(housekeeping_thread, one_that_cannot_be_made_is_no_thread)
     poke(broker.running, 1);
     {
         Fail fail(Call::ThreadCreate, 1, EAGAIN);
-        api::begin_housekeeping(broker);
+        api::start_housekeeping(broker);
         EXPECT_EQ(fail.failed(), 1);
     }
     EXPECT_EQ(broker.thread, 0u);
-    api::begin_housekeeping(broker);
+    api::start_housekeeping(broker);
     EXPECT_NE(broker.thread, 0u);
     poke(broker.running, 0);
-    EXPECT_TRUE(api::end_housekeeping(broker));
+    EXPECT_TRUE(api::stop_housekeeping(broker));
 }

@@ -47,7 +47,7 @@ Self run()
     Self      self;
     pthread_t thread = 0;
     EXPECT_EQ(start_thread(&thread, "tarn-test", Self::look, &self), 0);
-    finish_thread(thread);
+    join_or_detach(thread);
     EXPECT_NE(self.id, 0u);
     return self;
 }
@@ -112,7 +112,7 @@ TEST(thread, that_cannot_be_made_says_why)
     EXPECT_EQ(thread, 0u);
 }
 
-TEST(finish_thread, waits_for_the_end)
+TEST(join_or_detach, waits_for_the_end)
 {
     static std::atomic<bool> ended{false};
     pthread_t                thread = 0;
@@ -125,18 +125,18 @@ TEST(finish_thread, waits_for_the_end)
                   },
                   nullptr),
               0);
-    finish_thread(thread);
+    join_or_detach(thread);
     EXPECT_TRUE(ended);
 }
 
-TEST(finish_thread, of_itself_detaches)
+TEST(join_or_detach, of_itself_detaches)
 {
     static std::binary_semaphore detached{0}, looked{0};
     pthread_t                    thread = 0;
     ASSERT_EQ(start_thread(
                   &thread, "t",
                   [](void *) -> void * {
-                      finish_thread(pthread_self());
+                      join_or_detach(pthread_self());
                       detached.release();
                       looked.acquire();
                       return nullptr;

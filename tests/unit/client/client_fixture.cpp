@@ -21,11 +21,11 @@ Calls g_calls;
 
 namespace {
 
-std::mutex g_made_mx;
+std::mutex g_made_mutex;
 
 void note(std::string call)
 {
-    const std::lock_guard<std::mutex> lock(g_made_mx);
+    const std::lock_guard<std::mutex> lock(g_made_mutex);
     g_calls.made.push_back(std::move(call));
 }
 
@@ -43,7 +43,7 @@ bool memory_fails()
 
 std::vector<std::string> take_calls()
 {
-    const std::lock_guard<std::mutex> lock(g_made_mx);
+    const std::lock_guard<std::mutex> lock(g_made_mutex);
     return std::exchange(g_calls.made, {});
 }
 
@@ -297,7 +297,7 @@ void __wrap__ZN4tarn7handler10start_willER13mqtt_client_t(mqtt_client_t &client)
         return;
     }
     ScopedLock lock(client.will_lock);
-    client.will_delay_pending = 1;
+    client.will_delay_pending  = 1;
     client.will_delay_deadline = mono_ms() + uint64_t{peek(client.will_delay_interval)} * 1000;
 }
 

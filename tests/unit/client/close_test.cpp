@@ -13,7 +13,7 @@ const LogLine kFreeLine    = logged::client_closed("dev1");
 const LogLine kClosedLine  = logged::close_completed("");
 const LogLine kDeletedLine = logged::session_removed_at_close("dev1");
 const LogLine kForcedLine  = logged::connection_lost_with_will("dev1");
-const LogLine kParkedLine = debug("[遗嘱调试][延迟释放客户端] ClientID=dev1，等待遗嘱发送完成后再释放");
+const LogLine kWaitingLine = debug("[遗嘱调试][延迟释放客户端] ClientID=dev1，等待遗嘱发送完成后再释放");
 
 LogLine entered(int delay_s)
 {
@@ -48,7 +48,7 @@ struct Close : testing::Test {
         EXPECT_EQ(client_find_by_cid("dev1"), nullptr);
         EXPECT_EQ(g_client_mgr.used_count, 0);
     }
-    void expect_parked(mqtt_client_t *record)
+    void expect_waiting(mqtt_client_t *record)
     {
         EXPECT_EQ(record->state, uint32_t{CLIENT_WILL_PENDING});
         EXPECT_EQ(record->used, 1);
@@ -155,35 +155,35 @@ TEST_F(Close, a_clean_session_has_no_deadline)
     EXPECT_THAT(take_calls(), ElementsAre(kClean));
 }
 
-TEST_F(Close, a_dropped_client_starts_its_delayed_will_and_is_parked)
+TEST_F(Close, a_dropped_client_starts_its_delayed_will_and_waits_for_it)
 {
     mqtt_client_t *const record = client(1);
     give_will(record, 30);
     send(record, wire("D0 00"));
     log.take();
     client_close(record);
-    EXPECT_THAT(own_lines(log), ElementsAre(kCloseLine, kForcedLine, entered(30), kParkedLine));
+    EXPECT_THAT(own_lines(log), ElementsAre(kCloseLine, kForcedLine, entered(30), kWaitingLine));
     EXPECT_THAT(take_calls(), ElementsAre("packet_start_will_delay dev1 state 2")) << "while it is online";
     EXPECT_EQ(g_will_delay_client_count, 1);
     EXPECT_EQ(record->will_delay_pending, 1);
     EXPECT_EQ(record->will_delay_deadline, clock.mono_ms() + 30000);
-    expect_parked(record);
+    expect_waiting(record);
     EXPECT_EQ(record->handle, 1u) << "until it is released";
 }
 
-TEST_F(Close, a_will_without_delay_parks_its_record_for_good)
+TEST_F(Close, a_will_without_delay_keeps_its_record_for_good)
 {
     mqtt_client_t *const record = client(1);
     give_will(record, 0);
     log.take();
     client_close(record);
-    EXPECT_THAT(own_lines(log), ElementsAre(kCloseLine, kForcedLine, entered(0), kParkedLine));
+    EXPECT_THAT(own_lines(log), ElementsAre(kCloseLine, kForcedLine, entered(0), kWaitingLine));
     EXPECT_THAT(take_calls(),
                 ElementsAre("packet_start_will_delay dev1 state 2", "packet_send_will_message dev1 state 2"));
-    expect_parked(record);
+    expect_waiting(record);
     clock.advance_ms(100000);
     client_will_delay_scan();
-    expect_parked(record);
+    expect_waiting(record);
     EXPECT_EQ(g_will_delay_client_count, 1);
 }
 
@@ -208,8 +208,8 @@ TEST_F(Close, a_timed_out_client_starts_its_will_whatever_it_said)
     record->disconnect_received = 1;
     log.take();
     client_close(record);
-    EXPECT_THAT(own_lines(log), ElementsAre(kCloseLine, entered(30), kParkedLine));
-    expect_parked(record);
+    EXPECT_THAT(own_lines(log), ElementsAre(kCloseLine, entered(30), kWaitingLine));
+    expect_waiting(record);
 }
 
 TEST_F(Close, a_timed_out_client_that_said_nothing_has_no_line_about_force)
@@ -219,7 +219,7 @@ TEST_F(Close, a_timed_out_client_that_said_nothing_has_no_line_about_force)
     record->timeout_closing = 1;
     log.take();
     client_close(record);
-    EXPECT_THAT(own_lines(log), ElementsAre(kCloseLine, kDeletedLine, entered(30), kParkedLine));
+    EXPECT_THAT(own_lines(log), ElementsAre(kCloseLine, kDeletedLine, entered(30), kWaitingLine));
 }
 
 TEST_F(Close, a_will_waits_although_its_session_is_deleted)
@@ -228,7 +228,7 @@ TEST_F(Close, a_will_waits_although_its_session_is_deleted)
     give_will(record, 30);
     client_close(record);
     EXPECT_THAT(take_calls(), ElementsAre("persist_remove dev1", "packet_start_will_delay dev1 state 2"));
-    expect_parked(record);
+    expect_waiting(record);
 }
 
 TEST_F(Close, a_will_that_was_sent_is_not_started_again)
@@ -250,13 +250,13 @@ TEST_F(Close, session_first_then_will)
     log.take();
     client_close(record);
     EXPECT_THAT(own_lines(log), ElementsAre(kCloseLine, logged::session_kept_until("dev1", 60, 1800000060), kForcedLine,
-                                            entered(30), kParkedLine));
+                                            entered(30), kWaitingLine));
     EXPECT_THAT(take_calls(),
                 ElementsAre("persist_mark 1 expiry 60 until 1800000060", "packet_start_will_delay dev1 state 2"));
     EXPECT_EQ(record->session_expiry_deadline, 1800000060u) << "a parked record keeps it";
 }
 
-TEST_F(Close, of_a_parked_record_runs_again)
+TEST_F(Close, of_a_waiting_record_runs_again)
 {
     mqtt_client_t *const record = client(0);
     give_will(record, 30);
@@ -265,7 +265,7 @@ TEST_F(Close, of_a_parked_record_runs_again)
     log.take();
     clock.advance_ms(1000);
     client_close(record);
-    EXPECT_THAT(own_lines(log), ElementsAre(kCloseLine, kDeletedLine, kForcedLine, entered(30), kParkedLine));
+    EXPECT_THAT(own_lines(log), ElementsAre(kCloseLine, kDeletedLine, kForcedLine, entered(30), kWaitingLine));
     EXPECT_THAT(take_calls(), ElementsAre("persist_remove dev1", "packet_start_will_delay dev1 state 3"));
     EXPECT_EQ(g_will_delay_client_count, 2);
     record->will_sent = 1;
@@ -291,14 +291,14 @@ TEST_F(Close, closes_the_connection_before_the_record_is_released)
     g_netip_cb = nullptr;
 }
 
-TEST_F(Close, parks_after_the_connection_is_closed)
+TEST_F(Close, waits_after_the_connection_is_closed)
 {
     mqtt_client_t *const record = client(1);
     Socket               socket(1);
     give_will(record, 5);
     client_close(record);
     EXPECT_TRUE(socket.closed_by_broker());
-    expect_parked(record);
+    expect_waiting(record);
 }
 
 TEST_F(Close, leaves_entries_that_are_not_its_own)
@@ -337,7 +337,7 @@ TEST_F(Close, from_inside_itself_does_nothing)
     g_calls.on_will = [&](mqtt_client_t &closing) { client_close(&closing); };
     client_close(willing);
     EXPECT_EQ(g_will_delay_client_count, 1);
-    expect_parked(willing);
+    expect_waiting(willing);
 }
 
 TEST_F(Close, runs_with_no_lock_held)
@@ -381,7 +381,7 @@ TEST_F(Close, shows_the_id_of_a_record_that_was_not_in_use)
     EXPECT_EQ(g_client_mgr.used_count, 1);
 }
 
-TEST_F(Close, gives_back_the_pages_of_a_parked_ring)
+TEST_F(Close, gives_back_the_pages_of_a_waiting_records_ring)
 {
     mqtt_client_t *const record = client(1);
     give_will(record, 30);
@@ -430,7 +430,7 @@ TEST_F(Close, by_two_threads_happens_once)
             pthread_join(thread, nullptr);
         const int starts = g_will_delay_client_count;
         ASSERT_GE(starts, 1);
-        ASSERT_LE(starts, 2); // a thread that came when the first was done closes a parked record again
+        ASSERT_LE(starts, 2); // a thread that came when the first was done closes the waiting record again
         record->will_sent = 1;
         client_close(record);
     }

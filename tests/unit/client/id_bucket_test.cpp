@@ -284,7 +284,7 @@ TEST(id_buckets, of_many_threads_lose_nobody)
                 client_ref     client = find_client_by_handle(handle);
                 switch (random() % 4) {
                 case 0: // another thread may close it first
-                    if (const client_ref any = find_client_by_cid(any_id(random).c_str()))
+                    if (const client_ref any = find_client_by_id(any_id(random).c_str()))
                         client_close(any.get());
                     break;
                 case 1:

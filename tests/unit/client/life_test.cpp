@@ -71,9 +71,9 @@ TEST(life, a_manager_that_goes_down_leaves_in_a_held_record_what_the_table_says)
     const Manager    manager;
     mqtt_client_t   &record = *log_in(1, "dev1");
     const client_ref pin(&record);
-    fill_tried(record, When::Retire);
+    fill_tried(record, When::TakeDown);
     client_mgr_deinit();
-    expect_as_the_table_says(record, When::Retire);
+    expect_as_the_table_says(record, When::TakeDown);
 }
 
 TEST(life, the_last_unpin_wipes_what_the_table_says)
@@ -98,9 +98,9 @@ TEST(life, an_edge_is_taken_out_of_its_own_states_only)
         {client::kCreate, {0, 1, 2, 3, 4, 5, 77}},
         {client::kLogIn, {0, 1, 2}},
         {client::kGoOffline, {0, 1, 2, 3, 5, 77}},
-        {client::kSettle, {3}},
+        {client::kEndWait, {3}},
         {client::kRelease, {3, 4}},
-        {client::kRetire, {0, 1, 2, 3, 4, 5, 77}},
+        {client::kTakeDown, {0, 1, 2, 3, 4, 5, 77}},
     };
     OwnRecord own;
     for (const Row &row : rows)
@@ -113,7 +113,7 @@ TEST(life, an_edge_is_taken_out_of_its_own_states_only)
 }
 
 // Its close was under way on another thread, say, and would have left it waiting for a will that is out.
-TEST(life, a_record_that_was_retired_during_its_close_stays_closed)
+TEST(life, a_record_that_was_taken_down_during_its_close_stays_closed)
 {
     const Manager    manager;
     mqtt_client_t   &record = *log_in(1, "dev1");

@@ -84,12 +84,12 @@ TEST(client_hash, random_ids_share_buckets)
 
 TEST(client_lock, is_chosen_by_handle_or_by_hash)
 {
-    EXPECT_EQ(&client::lock_of_handle(0), &g_client_mgr.locks[0]);
-    EXPECT_EQ(&client::lock_of_handle(99), &g_client_mgr.locks[0]);
-    EXPECT_EQ(&client::lock_of_handle(100), &g_client_mgr.locks[1]);
-    EXPECT_EQ(&client::lock_of_handle(10999), &g_client_mgr.locks[109]);
-    EXPECT_EQ(&client::lock_of_handle(11000), &g_client_mgr.locks[0]);
-    EXPECT_EQ(&client::lock_of_handle(NETIP_NO_HANDLE), &g_client_mgr.locks[0]);
+    EXPECT_EQ(&client::mutex_of_handle(0), &g_client_mgr.locks[0]);
+    EXPECT_EQ(&client::mutex_of_handle(99), &g_client_mgr.locks[0]);
+    EXPECT_EQ(&client::mutex_of_handle(100), &g_client_mgr.locks[1]);
+    EXPECT_EQ(&client::mutex_of_handle(10999), &g_client_mgr.locks[109]);
+    EXPECT_EQ(&client::mutex_of_handle(11000), &g_client_mgr.locks[0]);
+    EXPECT_EQ(&client::mutex_of_handle(NETIP_NO_HANDLE), &g_client_mgr.locks[0]);
 }
 
 TEST(client_id, is_cut_to_63_characters_and_told)
@@ -244,11 +244,11 @@ TEST(find_client, pins_what_it_finds)
     const Manager        manager;
     mqtt_client_t *const client    = log_in(1, "dev1");
     const client_ref     by_handle = find_client_by_handle(1);
-    const client_ref     by_cid    = find_client_by_cid("dev1");
+    const client_ref     by_cid    = find_client_by_id("dev1");
     EXPECT_EQ(by_handle.get(), client);
     EXPECT_EQ(by_cid.get(), client);
     client_close(client);
     EXPECT_STREQ(client->client_id, "dev1");
     EXPECT_FALSE(find_client_by_handle(1));
-    EXPECT_FALSE(find_client_by_cid("dev1"));
+    EXPECT_FALSE(find_client_by_id("dev1"));
 }

@@ -40,7 +40,7 @@ TEST(pin, several_of_them_wipe_with_the_last)
     const Manager        manager;
     mqtt_client_t *const client = log_in(1, "dev1");
     client_ref           first(client);
-    client_ref           second = find_client_by_cid("dev1");
+    client_ref           second = find_client_by_id("dev1");
     client_ref           third(std::move(second));
     EXPECT_FALSE(second);
     release(client);
@@ -78,7 +78,7 @@ TEST(pin, of_an_own_record_does_nothing)
     EXPECT_FALSE(is_released(own.get()));
     EXPECT_STREQ(id_of(*own).text, "own");
     OwnRecord other;
-    EXPECT_EQ(&session_lock(*own), &session_lock(*other));
+    EXPECT_EQ(&session_mutex(*own), &session_mutex(*other));
     const client::Claim claim(*own);
     EXPECT_TRUE(claim);
     EXPECT_TRUE(client::Claim(*own)) << "always wins";
@@ -112,10 +112,10 @@ TEST(claim, has_one_winner)
     EXPECT_TRUE(client::Claim(*client));
 }
 
-TEST(session_lock, is_one_for_each_pool_record)
+TEST(session_mutex, is_one_for_each_pool_record)
 {
     const Manager manager;
-    EXPECT_NE(&session_lock(*log_in(1, "a")), &session_lock(*log_in(2, "b")));
+    EXPECT_NE(&session_mutex(*log_in(1, "a")), &session_mutex(*log_in(2, "b")));
 }
 
 TEST(mark_logged_in, only_a_client_that_is_not_closed)

@@ -201,26 +201,26 @@ TEST(writable_socket, gets_its_own_ring_at_once)
     net::call_writable_hook(3); // a connection without a record
 }
 
-TEST(waiting_record, is_sent_at_the_end_of_a_round_all_the_same)
+TEST(retried_record, is_sent_at_the_end_of_a_round_all_the_same)
 {
     const Manager        manager;
     mqtt_client_t *const client = log_in(1, "dev1");
     Socket               socket(1);
-    client::side_at(0).waits.store(1); // as the send thread keeps it
+    client::side_at(0).awaits_retry.store(1); // as the send thread keeps it
     client::begin_io_round();
     send(client, {1});
     client::end_io_round();
     EXPECT_EQ(hex(socket.received()), "01");
-    client::side_at(0).waits.store(0);
+    client::side_at(0).awaits_retry.store(0);
 }
 
-TEST(waiting_record, is_not_handed_over_by_other_threads_until_its_socket_is_writable)
+TEST(retried_record, is_not_handed_over_by_other_threads_until_its_socket_is_writable)
 {
     const Manager        manager;
     mqtt_client_t *const client = log_in(1, "dev1");
     Socket               socket(1);
     client::use_network_hooks();
-    client::side_at(0).waits.store(1);
+    client::side_at(0).awaits_retry.store(1);
     send(client, {1});
     EXPECT_EQ(client::side_at(0).listed.load(), 0);
     net::call_writable_hook(1);
@@ -232,12 +232,12 @@ TEST(waiting_record, is_not_handed_over_by_other_threads_until_its_socket_is_wri
     EXPECT_EQ(hex(socket.received()), "02");
 }
 
-TEST(waiting_record, gets_no_room_made_in_a_round)
+TEST(retried_record, gets_no_room_made_in_a_round)
 {
     const Manager        manager;
     mqtt_client_t *const client = log_in(1, "dev1");
     Socket               socket(1);
-    client::side_at(0).waits.store(1);
+    client::side_at(0).awaits_retry.store(1);
     client::begin_io_round();
     for (int i = 0; i < 99; ++i)
         ASSERT_EQ(send(client, {1}), 0u);
@@ -245,10 +245,10 @@ TEST(waiting_record, gets_no_room_made_in_a_round)
     EXPECT_THAT(socket.received(), IsEmpty());
     client::end_io_round();
     EXPECT_THAT(socket.received(), SizeIs(99));
-    client::side_at(0).waits.store(0);
+    client::side_at(0).awaits_retry.store(0);
 }
 
-TEST(waiting_record, of_the_send_thread_is_let_go_with_its_last_packet)
+TEST(retried_record, of_the_send_thread_is_let_go_with_its_last_packet)
 {
     const Manager        manager;
     mqtt_client_t *const client = log_in(1, "dev1");
@@ -256,8 +256,8 @@ TEST(waiting_record, of_the_send_thread_is_let_go_with_its_last_packet)
     socket.stuff();
     mqtt_start_send_thread();
     send(client, {1});
-    EXPECT_TRUE(eventually([] { return client::side_at(0).waits.load() == 1; }));
+    EXPECT_TRUE(eventually([] { return client::side_at(0).awaits_retry.load() == 1; }));
     socket.unstuff();
     EXPECT_THAT(socket.wait_for(1), SizeIs(1));
-    EXPECT_TRUE(eventually([] { return client::side_at(0).waits.load() == 0; }));
+    EXPECT_TRUE(eventually([] { return client::side_at(0).awaits_retry.load() == 0; }));
 }

@@ -268,7 +268,7 @@ TEST(client_send_flush, does_nothing_for_a_record_that_cannot_send)
     EXPECT_EQ(hex(socket.received()), "D0 00") << "only closed ones are passed over";
 }
 
-TEST(client_send_flush, sends_nothing_of_a_parked_client_to_the_next_owner_of_its_handle)
+TEST(client_send_flush, sends_nothing_of_a_waiting_client_to_the_next_owner_of_its_handle)
 {
     const Manager        manager;
     mqtt_client_t *const client                          = log_in(1, "dev1");

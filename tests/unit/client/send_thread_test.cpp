@@ -68,18 +68,18 @@ TEST(send_thread, goes_on_when_the_socket_has_room_again)
 TEST(send_thread, passes_over_clients_that_are_not_online)
 {
     const Sending        sending;
-    mqtt_client_t *const parked = log_in(1, "dev1");
-    mqtt_client_t *const online = log_in(2, "dev2");
+    mqtt_client_t *const waiting = log_in(1, "dev1");
+    mqtt_client_t *const online  = log_in(2, "dev2");
     Socket               first(1), second(2);
     first.stuff();
-    send(parked, wire("D0 00"));
-    parked->state = CLIENT_WILL_PENDING;
+    send(waiting, wire("D0 00"));
+    waiting->state = CLIENT_WILL_PENDING;
     first.unstuff();
     send(online, wire("D0 00"));
     EXPECT_EQ(hex(second.wait_for(2)), "D0 00");
     usleep(30000);
     EXPECT_THAT(first.received(), IsEmpty());
-    EXPECT_EQ(queued(parked), 1);
+    EXPECT_EQ(queued(waiting), 1);
 }
 
 TEST(send_thread, finds_a_ring_that_was_filled_by_hand)

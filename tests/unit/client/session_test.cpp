@@ -10,22 +10,22 @@ TEST(expired_sessions, are_deleted_once_their_deadline_has_passed)
 {
     const ManualClock clock;
     const Manager     manager;
-    const auto        parked_until = [](uint32_t handle, const char *id, int64_t deadline_s) {
+    const auto        waiting_until = [](uint32_t handle, const char *id, int64_t deadline_s) {
         mqtt_client_t *const client     = log_in(handle, id);
         client->session_expiry_deadline = static_cast<uint64_t>(deadline_s);
         return client;
     };
     const int64_t        now  = clock.wall_s();
-    mqtt_client_t *const past = parked_until(1, "past", now - 1);
-    parked_until(2, "now", now);
-    parked_until(3, "future", now + 1);
-    parked_until(4, "none", 0);
-    parked_until(5, "unused", 1)->used = 0;
-    parked_until(6, "old", 5);
+    mqtt_client_t *const past = waiting_until(1, "past", now - 1);
+    waiting_until(2, "now", now);
+    waiting_until(3, "future", now + 1);
+    waiting_until(4, "none", 0);
+    waiting_until(5, "unused", 1)->used = 0;
+    waiting_until(6, "old", 5);
     LogCapture log;
     client_clean_expired_sessions();
-    EXPECT_THAT(log.take(), ElementsAre(logged::session_purge_started(), logged::session_purged("past", 1799999999),
-                                        logged::session_purged("old", 5), logged::session_purge_ended()));
+    EXPECT_THAT(log.take(), ElementsAre(logged::session_deletion_started(), logged::session_deleted("past", 1799999999),
+                                        logged::session_deleted("old", 5), logged::session_deletion_ended()));
     EXPECT_THAT(take_calls(), ElementsAre("persist_remove past", "persist_remove old"));
     EXPECT_EQ(past->session_expiry_deadline, static_cast<uint64_t>(now - 1)) << "stays";
     g_client_mgr.blocks[0].records[4].used = 1;
@@ -51,7 +51,7 @@ TEST(expired_sessions, without_a_pool_are_none)
 {
     LogCapture log;
     client_clean_expired_sessions();
-    EXPECT_THAT(log.take(), ElementsAre(logged::session_purge_started(), logged::session_purge_ended()));
+    EXPECT_THAT(log.take(), ElementsAre(logged::session_deletion_started(), logged::session_deletion_ended()));
 }
 
 namespace {

@@ -33,7 +33,7 @@ void connect_one(uint32_t handle)
         client_set_will_enhance(client.get(), handle % 2, 0, 0, "t", "r", text("c").data(), 1);
     }
     {
-        ScopedLock lock(session_lock(*client));
+        ScopedLock lock(session_mutex(*client));
         clear_session(*client);
         client->session.sub_count = 1;
     }
@@ -42,7 +42,7 @@ void connect_one(uint32_t handle)
 
 void send_one(uint32_t handle)
 {
-    if (const client_ref client = find_client_by_cid(id_of_handle(handle).c_str())) {
+    if (const client_ref client = find_client_by_id(id_of_handle(handle).c_str())) {
         EXPECT_TRUE(id_of(*client).text[0] == 'd' || is_released(client.get()));
         send(client.get(), Bytes(handle + 1, static_cast<uint8_t>(handle)));
         qos_reliable_add_packet(client.get(), static_cast<uint16_t>(handle + 1), 1, "t", "x", 1);

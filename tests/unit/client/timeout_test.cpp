@@ -96,12 +96,12 @@ TEST_F(Timeout, tells_every_step)
 {
     const Manager manager(1000);
     client(1, 10);
-    mqtt_client_t *const silent = client(2, 10);
-    mqtt_client_t *const parked = client(3, 10);
-    mqtt_client_t *const fresh  = client_create(4, "", 0, nullptr);
-    parked->state               = CLIENT_WILL_PENDING;
-    silent->disconnect_received = 1;
-    const uint64_t then         = clock.mono_ms();
+    mqtt_client_t *const silent  = client(2, 10);
+    mqtt_client_t *const waiting = client(3, 10);
+    mqtt_client_t *const fresh   = client_create(4, "", 0, nullptr);
+    waiting->state               = CLIENT_WILL_PENDING;
+    silent->disconnect_received  = 1;
+    const uint64_t then          = clock.mono_ms();
     clock.advance_ms(15000);
     client_update_active(client_find_by_handle(1));
     const uint64_t now = clock.mono_ms();
@@ -137,7 +137,7 @@ TEST_F(Timeout, without_work_ends_with_a_debug_line)
     EXPECT_EQ(lines[12], debug("[超时清理] 本次无客户端需要清理"));
 }
 
-TEST_F(Timeout, a_parked_client_shows_its_id_to_the_end)
+TEST_F(Timeout, a_waiting_client_shows_its_id_to_the_end)
 {
     const Manager        manager(1000);
     mqtt_client_t *const record = client(1, 10);

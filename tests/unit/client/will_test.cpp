@@ -11,7 +11,7 @@ using namespace tarn::test;
 namespace {
 
 // A dropped client whose will is due in so many seconds.
-mqtt_client_t *park(uint32_t handle, const char *id, uint32_t delay_s)
+mqtt_client_t *make_waiting(uint32_t handle, const char *id, uint32_t delay_s)
 {
     mqtt_client_t *const client = log_in(handle, id);
     client_set_will_msg(client, "gone", text("x").data(), 1, 0, 0);
@@ -169,8 +169,8 @@ struct WillScan : testing::Test {
 
 TEST_F(WillScan, publishes_when_due_and_releases_the_record)
 {
-    mqtt_client_t *const record = park(1, "dev1", 5);
-    EXPECT_TRUE(wills_are_parked());
+    mqtt_client_t *const record = make_waiting(1, "dev1", 5);
+    EXPECT_TRUE(wills_are_delayed());
     LogCapture log(2);
     clock.advance_ms(4999);
     client_will_delay_scan();
@@ -185,14 +185,14 @@ TEST_F(WillScan, publishes_when_due_and_releases_the_record)
     EXPECT_EQ(record->used, 0);
     EXPECT_EQ(g_client_mgr.used_count, 0);
     EXPECT_EQ(g_will_delay_client_count, 0);
-    EXPECT_FALSE(wills_are_parked());
+    EXPECT_FALSE(wills_are_delayed());
     client_will_delay_scan();
     EXPECT_THAT(take_calls(), IsEmpty());
 }
 
 TEST_F(WillScan, publishes_up_to_30_s_late)
 {
-    park(1, "dev1", 5);
+    make_waiting(1, "dev1", 5);
     clock.advance_ms(35000);
     client_will_delay_scan();
     EXPECT_THAT(take_calls(), testing::Contains("packet_send_will_message dev1 state 3"));
@@ -200,7 +200,7 @@ TEST_F(WillScan, publishes_up_to_30_s_late)
 
 TEST_F(WillScan, a_will_overdue_by_more_than_30_s_is_dropped)
 {
-    mqtt_client_t *const record = park(1, "dev1", 5);
+    mqtt_client_t *const record = make_waiting(1, "dev1", 5);
     LogCapture           log(2);
     clock.advance_ms(35001);
     client_will_delay_scan();
@@ -212,7 +212,7 @@ TEST_F(WillScan, a_will_overdue_by_more_than_30_s_is_dropped)
 
 TEST_F(WillScan, does_not_publish_a_will_that_was_sent)
 {
-    mqtt_client_t *const record = park(1, "dev1", 5);
+    mqtt_client_t *const record = make_waiting(1, "dev1", 5);
     record->will_sent           = 1;
     clock.advance_ms(35000);
     client_will_delay_scan();
@@ -224,11 +224,11 @@ TEST_F(WillScan, does_not_publish_a_will_that_was_sent)
     EXPECT_EQ(record->used, 0) << "but frees the record at last";
 }
 
-TEST_F(WillScan, looks_at_parked_records_only)
+TEST_F(WillScan, looks_at_waiting_records_only)
 {
     mqtt_client_t *const online    = log_in(1, "dev1");
-    mqtt_client_t *const cancelled = park(2, "dev2", 1);
-    mqtt_client_t *const unused    = park(3, "dev3", 1);
+    mqtt_client_t *const cancelled = make_waiting(2, "dev2", 1);
+    mqtt_client_t *const unused    = make_waiting(3, "dev3", 1);
     online->will_delay_pending     = 1;
     cancelled->will_delay_pending  = 0;
     unused->used                   = 0;
@@ -240,9 +240,9 @@ TEST_F(WillScan, looks_at_parked_records_only)
     unused->used = 1;
 }
 
-TEST_F(WillScan, leaves_a_record_that_another_thread_settles)
+TEST_F(WillScan, leaves_a_record_that_another_thread_has_claimed)
 {
-    mqtt_client_t *const record = park(1, "dev1", 1);
+    mqtt_client_t *const record = make_waiting(1, "dev1", 1);
     clock.advance_ms(1000);
     {
         const client::Claim claim(*record);
@@ -257,7 +257,7 @@ TEST_F(WillScan, leaves_a_record_that_another_thread_settles)
 
 TEST_F(WillScan, does_not_claim_what_is_not_due)
 {
-    mqtt_client_t *const         record = park(1, "dev1", 5);
+    mqtt_client_t *const         record = make_waiting(1, "dev1", 5);
     std::optional<client::Claim> claim;
     while_it_waits(record->will_lock, client_will_delay_scan, [&] {
         EXPECT_FALSE(client::is_idle(0)) << "the scan looks at it";
@@ -268,7 +268,7 @@ TEST_F(WillScan, does_not_claim_what_is_not_due)
 
 TEST_F(WillScan, leaves_the_tables_to_the_client_that_came_back)
 {
-    park(1, "dev1", 1);
+    make_waiting(1, "dev1", 1);
     mqtt_client_t *const back = log_in(1, "dev1");
     EXPECT_EQ(client_find_by_cid("dev1"), back) << "not the old record";
     clock.advance_ms(1000);
@@ -280,7 +280,7 @@ TEST_F(WillScan, leaves_the_tables_to_the_client_that_came_back)
 
 TEST_F(WillScan, clears_entries_that_are_still_its_own)
 {
-    mqtt_client_t *const record = park(1, "dev1", 1);
+    mqtt_client_t *const record = make_waiting(1, "dev1", 1);
     g_client_mgr.by_handle[1]   = record;
     client_set_cid(record, "dev1");
     EXPECT_EQ(client_find_by_cid("dev1"), record);
@@ -292,7 +292,7 @@ TEST_F(WillScan, clears_entries_that_are_still_its_own)
 
 TEST_F(WillScan, publishes_with_no_lock_held)
 {
-    mqtt_client_t *const record = park(1, "dev1", 1);
+    mqtt_client_t *const record = make_waiting(1, "dev1", 1);
     g_calls.on_will             = [&](mqtt_client_t &) {
         for (Mutex &lock : g_client_mgr.locks)
             ASSERT_TRUE(is_free(lock));
@@ -307,7 +307,7 @@ TEST_F(WillScan, publishes_with_no_lock_held)
 
 TEST_F(WillScan, closes_a_connection_that_is_still_open)
 {
-    mqtt_client_t *const record = park(1, "dev1", 1);
+    mqtt_client_t *const record = make_waiting(1, "dev1", 1);
     Socket               socket(1);
     (void)record;
     clock.advance_ms(1000);
@@ -319,8 +319,8 @@ TEST_F(WillScan, costs_nothing_while_nothing_is_due)
 {
     client_will_delay_scan();
     EXPECT_FALSE(will_delays_running());
-    mqtt_client_t *const first = park(1, "dev1", 3);
-    park(2, "dev2", 2);
+    mqtt_client_t *const first = make_waiting(1, "dev1", 3);
+    make_waiting(2, "dev2", 2);
     clock.advance_ms(499);
     EXPECT_FALSE(will_delays_running());
     clock.advance_ms(1);
@@ -339,7 +339,7 @@ TEST_F(WillScan, costs_nothing_while_nothing_is_due)
     EXPECT_TRUE(will_delays_running()) << "the second client's will";
     client_will_delay_scan();
     EXPECT_FALSE(will_delays_running()) << "that one is settled";
-    EXPECT_TRUE(wills_are_parked());
+    EXPECT_TRUE(wills_are_delayed());
     EXPECT_EQ(first->used, 1);
     EXPECT_EQ(g_client_mgr.used_count, 1);
 }
@@ -362,14 +362,14 @@ TEST(will_scan, without_a_pool_returns)
     EXPECT_THAT(log.take(), IsEmpty());
 }
 
-TEST(will_scan, parked_wills_go_with_the_manager)
+TEST(will_scan, delayed_wills_go_with_the_manager)
 {
     const ManualClock clock;
     {
         const Manager manager;
-        park(1, "dev1", 5);
-        EXPECT_TRUE(wills_are_parked());
+        make_waiting(1, "dev1", 5);
+        EXPECT_TRUE(wills_are_delayed());
     }
-    EXPECT_FALSE(wills_are_parked());
+    EXPECT_FALSE(wills_are_delayed());
     EXPECT_THAT(take_calls(), ElementsAre("qos_reliable_destroy")) << "dropped unpublished";
 }

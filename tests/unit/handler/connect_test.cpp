@@ -592,38 +592,38 @@ TEST(connect, a_refused_connect_cancels_no_will)
 {
     Handling broker;
     broker.host.ask_auth();
-    broker.host.accepts         = false;
-    mqtt_client_t *const parked = vanished(broker, 1, "dev1");
+    broker.host.accepts          = false;
+    mqtt_client_t *const waiting = vanished(broker, 1, "dev1");
     Client               client(broker);
     EXPECT_EQ(client.sends(connect_v4("dev1")), -1);
-    EXPECT_EQ(parked->will_delay_pending, 1);
+    EXPECT_EQ(waiting->will_delay_pending, 1);
     EXPECT_EQ(g_will_delay_client_count, 1);
-    pool_free(parked);
+    pool_free(waiting);
 }
 
-TEST(connect, a_will_that_another_thread_settles_is_left_to_it)
+TEST(connect, a_will_that_another_thread_has_claimed_is_left_to_it)
 {
     Handling             broker;
-    mqtt_client_t *const parked = vanished(broker, 1, "dev1");
+    mqtt_client_t *const waiting = vanished(broker, 1, "dev1");
     Client               client(broker);
     {
-        const client::Claim claim(*parked); // as the will scan does
+        const client::Claim claim(*waiting); // as the will scan does
         ASSERT_TRUE(claim);
         EXPECT_EQ(client.sends(connect_v4("dev1")), 0);
-        EXPECT_EQ(parked->state, CLIENT_WILL_PENDING);
-        EXPECT_EQ(parked->will_delay_pending, 1);
+        EXPECT_EQ(waiting->state, CLIENT_WILL_PENDING);
+        EXPECT_EQ(waiting->will_delay_pending, 1);
     }
-    pool_free(parked);
+    pool_free(waiting);
 }
 
 TEST(connect, the_place_of_a_cancelled_will_serves_its_next_owner_in_full)
 {
     Handling             broker;
-    mqtt_client_t *const parked = vanished(broker, 1, "dev1");
+    mqtt_client_t *const waiting = vanished(broker, 1, "dev1");
     Client               client(broker);
     EXPECT_EQ(client.sends(connect_v4("dev1")), 0);
     mqtt_client_t *const next = client_create(2, "10.0.0.2", 4711, &broker.host.broker);
-    ASSERT_EQ(next, parked);
+    ASSERT_EQ(next, waiting);
     client_close(next);
     EXPECT_EQ(next->used, 0);
 }
@@ -650,14 +650,14 @@ TEST(connect, a_refused_client_that_was_closed_meanwhile_is_not_closed_again)
 TEST(connect, records_of_the_id_without_a_delay_running_stay)
 {
     Handling             broker;
-    mqtt_client_t *const parked = vanished(broker, 1, "dev1");
-    mqtt_client_t *const sent   = vanished(broker, 2, "dev1", 0);
-    mqtt_client_t *const online = client_create(3, "10.0.0.1", 4711, &broker.host.broker);
+    mqtt_client_t *const waiting = vanished(broker, 1, "dev1");
+    mqtt_client_t *const sent    = vanished(broker, 2, "dev1", 0);
+    mqtt_client_t *const online  = client_create(3, "10.0.0.1", 4711, &broker.host.broker);
     client_set_cid(online, "dev1");
     online->will_delay_pending = 1;
     Client client(broker);
     EXPECT_EQ(client.sends(connect_v4("dev1")), 0);
-    EXPECT_EQ(parked->used, 0);
+    EXPECT_EQ(waiting->used, 0);
     EXPECT_EQ(sent->state, CLIENT_WILL_PENDING); // its will is out
     EXPECT_EQ(sent->used, 1);
     EXPECT_EQ(online->will_delay_pending, 1);

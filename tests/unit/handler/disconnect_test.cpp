@@ -223,7 +223,7 @@ TEST(disconnect, reason_four_drops_the_will_too)
     EXPECT_THAT(watcher.gets(), IsEmpty());
 }
 
-TEST(disconnect, the_host_hears_of_it_before_the_session_is_settled)
+TEST(disconnect, the_host_hears_of_it_before_the_session_is_saved_or_deleted)
 {
     Handling broker;
     Client   client(broker, 5, "dev1");

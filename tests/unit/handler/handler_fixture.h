@@ -162,7 +162,7 @@ public:
         end_ = pair[1];
         ScopedLock lock(g_netip_lock);
         connection_ = net::open_slot(NETIP_TCP, pair[0], {});
-        const net::SlotHold accepted(connection_, net::SlotHold::Counted);
+        const net::SlotPin accepted(connection_, net::SlotPin::Counted);
     }
     ~Line()
     {
@@ -183,7 +183,7 @@ public:
     // The peer is gone, as the I/O thread finds it.
     void drop()
     {
-        if (const net::SlotHold hold(connection_); hold)
+        if (const net::SlotPin hold(connection_); hold)
             net::hang_up(hold, sink_);
     }
     // What has been sent so far. Sends what is queued first, as the send thread would.

@@ -684,14 +684,14 @@ TEST(publish, a_kept_subscription_without_a_client_gets_the_message_stored)
 TEST(publish, a_record_that_is_not_online_counts_as_absent)
 {
     Handling broker;
-    Client   sender(broker, 4, "s"), parked(broker, 4, "p");
-    parked->state = CLIENT_WILL_PENDING;
+    Client   sender(broker, 4, "s"), waiting(broker, 4, "p");
+    waiting->state = CLIENT_WILL_PENDING;
     sub_add("p", "t", 1, 0);
     LogCapture log(AGENT_LOG_INFO);
     EXPECT_EQ(sender.sends(publish("t", 1, 7)), 0);
     EXPECT_TRUE(log.has(logged::message_kept("p", "t")));
     EXPECT_TRUE(log.has(logged::publish_ended(1, 0)));
-    EXPECT_THAT(parked.gets(), IsEmpty());
+    EXPECT_THAT(waiting.gets(), IsEmpty());
 }
 
 TEST(publish, a_clean_sessions_leftover_gets_nothing)

@@ -324,7 +324,7 @@ private:
         if (to.id.empty())
             return tell(At::NoId);
         if (to.presence != Presence::Online) {
-            tell(to.presence == Presence::Parked ? At::Parked : At::Unknown);
+            tell(to.presence == Presence::Waiting ? At::Waiting : At::Unknown);
             return keep_for(to, qos);
         }
         tell(At::Online);

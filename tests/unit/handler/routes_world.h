@@ -18,8 +18,8 @@ namespace tarn::test::routes {
 using Strings = std::vector<std::string>;
 using Lines   = std::vector<LogLine>;
 
-enum class Presence { Online, Parked, Unknown }; // parked: a record that waits for its will
-enum class Hindrance { None, RingFull, Limit4 }; // no place in the send ring; packets of 4 bytes at most
+enum class Presence { Online, Waiting, Unknown }; // waiting: a record that waits for its will
+enum class Hindrance { None, RingFull, Limit4 };  // no place in the send ring; packets of 4 bytes at most
 
 struct Member {
     std::string id;

@@ -43,7 +43,7 @@ TEST(threads, publish_connect_and_close_at_once)
     const auto close = [&] {
         while (!done)
             for (const char *id : {"dev0", "dev1", "dev2"})
-                if (const client_ref client = find_client_by_cid(id)) {
+                if (const client_ref client = find_client_by_id(id)) {
                     packet_cancel_will(client.get());
                     send_retained_msg_to_client(client.get(), "#");
                     packet_handler_remove_client_subs(id, 1);
@@ -62,7 +62,7 @@ TEST(threads, publish_connect_and_close_at_once)
 
 // Three parties meet at a delayed will: who closes the client, the scan, and a CONNECT of the client itself or of the one
 // that came back.
-TEST(threads, delayed_wills_are_settled_while_clients_come_back)
+TEST(threads, delayed_wills_end_while_clients_come_back)
 {
     ManualClock clock;
     Handling    broker;
@@ -79,7 +79,7 @@ TEST(threads, delayed_wills_are_settled_while_clients_come_back)
     });
     std::thread closer([&] {
         while (!done)
-            if (const client_ref client = find_client_by_cid("dev1"); client && armed && is_online(*client))
+            if (const client_ref client = find_client_by_id("dev1"); client && armed && is_online(*client))
                 client_close(client.get()); // once each: a second close would count the will again
     });
     for (uint32_t round = 0; round < kRounds; round++) {

@@ -157,13 +157,13 @@ void expect_session(const Case &test, int64_t now_s, const std::string &session,
 
 void expect_record(const Case &test, mqtt_client_t *record, int32_t used_before, int32_t delayed_before)
 {
-    const bool parked = test.will_starts();
-    EXPECT_EQ(record->state, uint32_t{parked ? CLIENT_WILL_PENDING : CLIENT_CLOSED});
-    EXPECT_EQ(record->used, parked);
-    EXPECT_EQ(g_client_mgr.used_count, used_before - !parked);
-    EXPECT_EQ(g_will_delay_client_count, delayed_before + parked);
-    EXPECT_EQ(record->will_delay_pending, parked && test.will.delay_s != 0);
-    EXPECT_EQ(record->will_sent, parked && test.will.delay_s == 0);
+    const bool waiting = test.will_starts();
+    EXPECT_EQ(record->state, uint32_t{waiting ? CLIENT_WILL_PENDING : CLIENT_CLOSED});
+    EXPECT_EQ(record->used, waiting);
+    EXPECT_EQ(g_client_mgr.used_count, used_before - !waiting);
+    EXPECT_EQ(g_will_delay_client_count, delayed_before + waiting);
+    EXPECT_EQ(record->will_delay_pending, waiting && test.will.delay_s != 0);
+    EXPECT_EQ(record->will_sent, waiting && test.will.delay_s == 0);
     EXPECT_EQ(client_find_by_cid(test.id.c_str()), nullptr);
 }
 
@@ -252,7 +252,7 @@ void expect_free(bool writing)
     };
     for (Mutex &lock : g_client_mgr.locks)
         expect_one(lock, "g_client_mgr.locks");
-    expect_one(client::pool_mx, "pool_mx");
+    expect_one(client::pool_mutex, "pool_mutex");
     expect_one(g_queue_mutex, "g_queue_mutex");
     expect_one(g_sub_mgr.lock, "g_sub_mgr.lock");
     expect_one(msgid_mutex, "msgid_mutex");
@@ -261,9 +261,9 @@ void expect_free(bool writing)
         mqtt_client_t &record = *client::record_at(at);
         expect_one(record.will_lock, "will_lock");
         expect_one(record.send_lock, "send_lock");
-        expect_one(client::side_at(at).id_mx, "id_mx");
+        expect_one(client::side_at(at).id_mutex, "id_mutex");
         if (!writing)
-            expect_one(client::side_at(at).data_mx, "data_mx");
+            expect_one(client::side_at(at).session_mutex, "session_mutex");
     }
 }
 

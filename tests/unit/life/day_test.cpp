@@ -18,7 +18,7 @@ namespace {
 
 constexpr int      kDay_s       = 86400;
 constexpr int      kHour_s      = 3600;
-constexpr int      kSettled_s   = 8 * kHour_s; // by then working storage has grown as far as it will
+constexpr int      kWarmedUp_s  = 8 * kHour_s; // by then working storage has grown as far as it will
 constexpr int      kCalm_s      = 700;         // of each hour, without anybody new
 constexpr uint32_t kDevices     = 60;
 constexpr int      kDelay_s     = 600; // of a will, at most
@@ -282,10 +282,10 @@ private:
         last_heap_ = mallinfo2().uordblks;
         if (second_ == kHour_s)
             first_descriptors_ = descriptor_count();
-        if (second_ == kSettled_s)
+        if (second_ == kWarmedUp_s)
             first_heap_ = last_heap_;
         EXPECT_EQ(descriptor_count(), first_descriptors_);
-        if (second_ > kSettled_s) {
+        if (second_ > kWarmedUp_s) {
             EXPECT_LE(last_heap_, first_heap_ + heap_room()) << "a byte for each who came";
         }
     }

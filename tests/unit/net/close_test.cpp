@@ -151,7 +151,7 @@ TEST(netip_close, many_objections_are_all_kept_and_all_closed)
     }
     const int descriptors = descriptor_count();
     netip_deinit();
-    EXPECT_EQ(descriptor_count(), descriptors - 43); // with epoll, its bell and UDP
+    EXPECT_EQ(descriptor_count(), descriptors - 43); // with epoll, g_wake_fd and UDP
 }
 
 TEST(netip_close, without_memory_an_objection_costs_a_descriptor)

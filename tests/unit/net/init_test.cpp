@@ -285,8 +285,8 @@ TEST(netip_deinit, starts_and_stops_without_growth)
 
 TEST(netip_deinit, serves_handmade_slots_too)
 {
-    HandmadeSlot tcp(3), parked(4);
-    parked.slot().type = NETIP_UDP;
+    HandmadeSlot tcp(3), left_open(4);
+    left_open.slot().type = NETIP_UDP;
     Recorder events;
     g_netip_cb     = Recorder::callback;
     g_netip_cb_arg = &events;
@@ -296,9 +296,9 @@ TEST(netip_deinit, serves_handmade_slots_too)
     EXPECT_EQ(g_netip_clients[3].in_use, 0);
     EXPECT_EQ(g_netip_clients[4].in_use, 0);
     EXPECT_EQ(fcntl(tcp.slot().fd, F_GETFD), -1);
-    EXPECT_NE(fcntl(parked.slot().fd, F_GETFD), -1); // the UDP socket is everybody's
+    EXPECT_NE(fcntl(left_open.slot().fd, F_GETFD), -1); // the UDP socket is everybody's
     EXPECT_EQ(g_netip_cb, nullptr);
     EXPECT_EQ(g_netip_cb_arg, nullptr);
     EXPECT_EQ(g_last_handle, 0u);
-    close(parked.slot().fd);
+    close(left_open.slot().fd);
 }

@@ -107,7 +107,7 @@ TEST(layer, a_close_nested_in_the_event_of_deinit_closes_once)
     netip_deinit();
     EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), connected(1), disconnected(0, 2), disconnected(0, 2),
                                                  disconnected(1, 2), disconnected(1, 2)));
-    EXPECT_EQ(descriptor_count(), descriptors - 5); // two connections, epoll, its bell, UDP
+    EXPECT_EQ(descriptor_count(), descriptors - 5); // two connections, epoll, g_wake_fd, UDP
 }
 
 // ---- the listener outlives the layer
@@ -467,7 +467,7 @@ TEST(epoll_wait, pauses_from_the_second_failure_in_a_row)
     Layer      layer;
     const auto from = std::chrono::steady_clock::now();
     Fail       fail(Call::EpollWait, 1, EBADF, 4);
-    ring_bell();
+    wake_io_thread();
     EXPECT_TRUE(eventually([&] { return fail.failed() == 4; }));
     EXPECT_GE(std::chrono::steady_clock::now() - from, 200ms); // behind the second and the third
 }
@@ -476,17 +476,17 @@ TEST(epoll_wait, pauses_from_the_second_failure_in_a_row)
 
 namespace {
 
-std::mutex               g_order_mx;
+std::mutex               g_order_mutex;
 std::vector<std::string> g_order;
 
 void note(const char *what)
 {
-    std::lock_guard lock(g_order_mx);
+    std::lock_guard lock(g_order_mutex);
     g_order.emplace_back(what);
 }
 std::vector<std::string> order()
 {
-    std::lock_guard lock(g_order_mx);
+    std::lock_guard lock(g_order_mutex);
     return g_order;
 }
 
@@ -536,9 +536,9 @@ struct ByHand {
     ~ByHand() { netip_epoll_fd = -1; }
     static void serve(int fd)
     {
-        ScopedLock     lock(g_netip_lock);
-        const SlotHold hold(open_slot(NETIP_TCP, fd, {}), SlotHold::Counted);
-        SlotLock       slot(hold.handle());
+        ScopedLock    lock(g_netip_lock);
+        const SlotPin hold(open_slot(NETIP_TCP, fd, {}), SlotPin::Counted);
+        SlotLock      slot(hold.handle());
         EXPECT_TRUE(watch(hold.handle()));
     }
     const Fd epoll{epoll_create1(EPOLL_CLOEXEC)};

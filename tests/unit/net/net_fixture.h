@@ -77,19 +77,19 @@ public:
 
     std::vector<std::string> seen()
     {
-        std::lock_guard lock(mx_);
+        std::lock_guard lock(mutex_);
         return seen_;
     }
     // Waits until `count` events were seen in all, and returns all.
     std::vector<std::string> wait_for(size_t count)
     {
-        std::unique_lock lock(mx_);
+        std::unique_lock lock(mutex_);
         news_.wait_for(lock, kPatience, [&] { return seen_.size() >= count; });
         return seen_;
     }
     size_t count(const std::string &event)
     {
-        std::lock_guard lock(mx_);
+        std::lock_guard lock(mutex_);
         return static_cast<size_t>(std::count(seen_.begin(), seen_.end(), event));
     }
 
@@ -108,14 +108,14 @@ private:
         if (error)
             line += " error " + std::to_string(error);
         {
-            std::lock_guard lock(mx_);
+            std::lock_guard lock(mutex_);
             seen_.push_back(line);
         }
         news_.notify_all();
         return on_event ? on_event(event) : 1;
     }
 
-    std::mutex               mx_;
+    std::mutex               mutex_;
     std::condition_variable  news_;
     std::vector<std::string> seen_;
 };

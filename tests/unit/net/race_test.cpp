@@ -70,10 +70,10 @@ void be_a_udp_client(std::minstd_rand &)
 
 void be_a_host(std::minstd_rand &random)
 {
-    const uint32_t handle    = random() % kHandles;
-    const Bytes    bytes     = wire("30 03 00 01 't'");
-    const Packet   packets[] = {{bytes.data(), 5}, {bytes.data(), 5}};
-    char           ip[64];
+    const uint32_t  handle    = random() % kHandles;
+    const Bytes     bytes     = wire("30 03 00 01 't'");
+    const OutPacket packets[] = {{bytes.data(), 5}, {bytes.data(), 5}};
+    char            ip[64];
     switch (random() % 8) {
     case 0:
         netip_send(handle, bytes.data(), 5);
@@ -170,8 +170,8 @@ TEST(race, starts_and_stops_under_load)
     netip_deinit();
     for (uint32_t handle = 0; handle < 11000; ++handle) {
         ASSERT_EQ(g_netip_clients[handle].in_use, 0);
-        ASSERT_EQ(g_side[handle].users, 0);
-        ASSERT_EQ(g_side[handle].visitors, 0u);
+        ASSERT_EQ(g_sides[handle].pins, 0);
+        ASSERT_EQ(g_sides[handle].visitors, 0u);
     }
 }
 

@@ -194,7 +194,7 @@ TEST(send_packets, writes_many_as_one)
 {
     const HandmadeSlot connection(7);
     const Bytes        a = wire("30 01 01"), b = wire("30 02 01 02"), c = wire("C0 00");
-    const Packet       packets[] = {{a.data(), 3}, {b.data(), 4}, {c.data(), 2}};
+    const OutPacket    packets[] = {{a.data(), 3}, {b.data(), 4}, {c.data(), 2}};
     const Sent         sent      = send_packets(7, packets, 3);
     EXPECT_EQ(sent.packets, 3);
     EXPECT_EQ(sent.result, unsigned{NETIP_OK});
@@ -205,9 +205,9 @@ TEST(send_packets, writes_many_as_one)
 
 TEST(send_packets, takes_up_to_64)
 {
-    const HandmadeSlot  connection(7);
-    const Bytes         bytes = wire("C0 00");
-    std::vector<Packet> packets(65, Packet{bytes.data(), 2});
+    const HandmadeSlot     connection(7);
+    const Bytes            bytes = wire("C0 00");
+    std::vector<OutPacket> packets(65, OutPacket{bytes.data(), 2});
     EXPECT_EQ(send_packets(7, packets.data(), 65).result, unsigned{NETIP_INVALID});
     EXPECT_EQ(send_packets(7, packets.data(), 0).result, unsigned{NETIP_INVALID});
     EXPECT_EQ(send_packets(7, nullptr, 1).result, unsigned{NETIP_INVALID});
@@ -220,9 +220,9 @@ TEST(send_packets, a_bad_packet_ends_the_list)
 {
     const HandmadeSlot connection(7);
     const Bytes        bytes = repeat('x', 4097);
-    for (const Packet &bad : {Packet{bytes.data(), 0}, Packet{bytes.data(), 4097}, Packet{nullptr, 2}}) {
-        const Packet packets[] = {{bytes.data(), 5}, bad, {bytes.data(), 5}};
-        const Sent   sent      = send_packets(7, packets, 3);
+    for (const OutPacket &bad : {OutPacket{bytes.data(), 0}, OutPacket{bytes.data(), 4097}, OutPacket{nullptr, 2}}) {
+        const OutPacket packets[] = {{bytes.data(), 5}, bad, {bytes.data(), 5}};
+        const Sent      sent      = send_packets(7, packets, 3);
         EXPECT_EQ(sent.packets, 1);
         EXPECT_EQ(sent.result, unsigned{NETIP_INVALID});
         EXPECT_EQ(pending(connection.peer.get()), 5u);
@@ -232,8 +232,8 @@ TEST(send_packets, a_bad_packet_ends_the_list)
 
 TEST(send_packets, a_free_slot_takes_none)
 {
-    const Bytes  bytes = wire("C0 00");
-    const Packet packet{bytes.data(), 2};
+    const Bytes     bytes = wire("C0 00");
+    const OutPacket packet{bytes.data(), 2};
     for (const uint32_t handle : {7u, 11000u}) {
         const Sent sent = send_packets(handle, &packet, 1);
         EXPECT_EQ(sent.packets, 0);
@@ -245,8 +245,8 @@ TEST(send_packets, with_a_generation_reaches_that_connection_only)
 {
     const HandmadeSlot connection(7);
     poke(side_of(7).generation, 5);
-    const Bytes  bytes = wire("C0 00");
-    const Packet packet{bytes.data(), 2};
+    const Bytes     bytes = wire("C0 00");
+    const OutPacket packet{bytes.data(), 2};
     EXPECT_EQ(send_packets(7, &packet, 1, 4).result, unsigned{NETIP_INVALID});
     EXPECT_EQ(send_packets(7, &packet, 1, 4).packets, 0);
     EXPECT_EQ(pending(connection.peer.get()), 0u);
@@ -264,8 +264,8 @@ TEST(send_packets, goes_on_inside_a_packet_that_was_cut)
     Peer  peer;
     layer.events.wait_for(1);
     limit_buffer(g_netip_clients[0].fd);
-    std::vector<Bytes>  bytes;
-    std::vector<Packet> packets;
+    std::vector<Bytes>     bytes;
+    std::vector<OutPacket> packets;
     for (int i = 0; i < 2000; ++i) {
         bytes.push_back(repeat(static_cast<uint8_t>(i), 1000));
         packets.push_back({bytes.back().data(), 1000});
@@ -301,10 +301,10 @@ namespace {
 
 // A slot whose socket has taken a part of this packet.
 struct HalfSentSlot : HandmadeSlot {
-    explicit HalfSentSlot(const Packet &packet) : HandmadeSlot(7)
+    explicit HalfSentSlot(const OutPacket &packet) : HandmadeSlot(7)
     {
         limit_buffer(slot().fd);
-        const std::vector<Packet> packets(64, packet);
+        const std::vector<OutPacket> packets(64, packet);
         while (side_of(7).half_sent.packet == nullptr)
             if (send_packets(7, packets.data(), 64).result == NETIP_AGAIN && side_of(7).half_sent.packet == nullptr)
                 pending(peer.get()); // it ended between two
@@ -321,7 +321,7 @@ TEST(send_packets, another_packet_in_front_is_sent_whole)
     const int32_t      before = side_of(7).half_sent.sent;
     EXPECT_GT(before, 0);
     EXPECT_LT(before, 1001);
-    const Packet next{other.data(), 100}, shorter{bytes.data(), before};
+    const OutPacket next{other.data(), 100}, shorter{bytes.data(), before};
     EXPECT_EQ(send_packets(7, &next, 1).packets, 1);
     EXPECT_EQ(pending(connection.peer.get()), 100u);
     EXPECT_EQ(send_packets(7, &shorter, 1).packets, 1);
@@ -330,8 +330,8 @@ TEST(send_packets, another_packet_in_front_is_sent_whole)
 
 TEST(send_packets, another_socket_in_the_slot_gets_the_packet_whole)
 {
-    const Bytes  bytes = repeat('x', 1001);
-    const Packet packet{bytes.data(), 1001};
+    const Bytes     bytes = repeat('x', 1001);
+    const OutPacket packet{bytes.data(), 1001};
     {
         const HalfSentSlot connection(packet);
         close(connection.slot().fd);
@@ -343,8 +343,8 @@ TEST(send_packets, another_socket_in_the_slot_gets_the_packet_whole)
 
 TEST(send_packets, a_new_connection_is_owed_nothing)
 {
-    const Bytes  bytes = wire("D0 00");
-    const Packet packet{bytes.data(), 2};
+    const Bytes     bytes = wire("D0 00");
+    const OutPacket packet{bytes.data(), 2};
     side_of(0).half_sent = {bytes.data(), 1, 0};
     Layer layer;
     Peer  peer;

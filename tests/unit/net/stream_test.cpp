@@ -450,9 +450,9 @@ TEST(stale_events, of_a_reused_slot_are_skipped)
     g_netip_cb      = Recorder::callback;
     g_netip_cb_arg  = &events;
     const auto add  = [](int fd) {
-        ScopedLock     lock(g_netip_lock);
-        const SlotHold hold(open_slot(NETIP_TCP, fd, {}), SlotHold::Counted);
-        SlotLock       slot(hold.handle());
+        ScopedLock    lock(g_netip_lock);
+        const SlotPin hold(open_slot(NETIP_TCP, fd, {}), SlotPin::Counted);
+        SlotLock      slot(hold.handle());
         EXPECT_TRUE(watch(hold.handle()));
     };
     add(pair[0][0]);

@@ -94,7 +94,7 @@ TEST(free_handle, a_slot_that_is_still_being_closed_waits_its_turn)
 {
     HandmadeSlot connection(0);
     {
-        const SlotHold hold({0, 0});
+        const SlotPin hold({0, 0});
         ASSERT_TRUE(hold);
         netip_close(0);
         EXPECT_EQ(connection.slot().in_use, 0);
@@ -292,7 +292,7 @@ TEST(clear_table, leaves_a_slot_that_somebody_still_holds)
 {
     HandmadeSlot connection(5);
     {
-        const SlotHold hold({5, 0});
+        const SlotPin hold({5, 0});
         connection.slot().rx_buf[0] = 7;
         netip_close(5);
         ScopedLock lock(g_netip_lock);

@@ -206,9 +206,9 @@ TEST(udp, answers_go_to_the_sender)
     EXPECT_EQ(send_bytes(handle, wire("D0 00")), 0u);
     EXPECT_EQ(hex(udp.receive()), "D0 00");
 
-    const Bytes  first = wire("30 01 01"), second = wire("30 01 02");
-    const Packet packets[] = {{first.data(), 3}, {second.data(), 3}, {second.data(), 0}};
-    const Sent   sent      = send_packets(handle, packets, 3);
+    const Bytes     first = wire("30 01 01"), second = wire("30 01 02");
+    const OutPacket packets[] = {{first.data(), 3}, {second.data(), 3}, {second.data(), 0}};
+    const Sent      sent      = send_packets(handle, packets, 3);
     EXPECT_EQ(sent.packets, 2);
     EXPECT_EQ(sent.result, unsigned{NETIP_INVALID});
     EXPECT_EQ(hex(udp.receive()), "30 01 01"); // a datagram each
@@ -425,7 +425,7 @@ TEST(udp, deinit_leaves_the_shared_socket_to_its_end)
     const int descriptors = descriptor_count();
     netip_deinit();
     EXPECT_THAT(events.seen(), Contains(disconnected(1, 2)));
-    EXPECT_EQ(descriptor_count(), descriptors - 4); // TCP, UDP, epoll and its bell
+    EXPECT_EQ(descriptor_count(), descriptors - 4); // TCP, UDP, epoll and g_wake_fd
 }
 
 TEST(udp, the_thread_that_delivers_knows_its_connection)

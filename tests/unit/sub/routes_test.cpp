@@ -1,4 +1,4 @@
-#include "sub/route.h"
+#include "sub/match_list.h"
 
 #include "log/agent_log.h"
 #include "sub/sub.h"
@@ -13,9 +13,9 @@
 
 using namespace tarn::test;
 using tarn::sub::kNoGroup;
-using tarn::sub::match_routes;
-using tarn::sub::Route;
-using tarn::sub::RouteList;
+using tarn::sub::list_matches;
+using tarn::sub::Match;
+using tarn::sub::MatchList;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -30,7 +30,7 @@ struct routes : testing::Test {
     std::vector<std::string> shown() const
     {
         std::vector<std::string> all;
-        for (const Route &route : list.routes) {
+        for (const Route &route : list.matches) {
             std::string text = std::to_string(route.index) + " " + route.client_id + " " + std::to_string(route.qos);
             if (route.shared)
                 text += route.group_size == kNoGroup ? " no group" : " '" + std::string(list.group_of(route)) + "'";
@@ -50,7 +50,7 @@ TEST_F(routes, tell_who_at_which_qos_and_in_which_group)
     sub_add("c3", "$share//a/b", 0, 0);
     sub_add(std::string(64, 'i').c_str(), "#", 1, 0);
     log.take();
-    EXPECT_EQ(match_routes("a/b", list), 4);
+    EXPECT_EQ(list_matches("a/b", list), 4);
     EXPECT_THAT(log.take(), ElementsAre(logged::topic_matched("a/b", 4)));
     EXPECT_THAT(shown(), ElementsAre("1 c1 1", "2 c2 2 'group'", "3 c3 0 ''", "4 " + std::string(64, 'i') + " 1"));
 }
@@ -59,26 +59,26 @@ TEST_F(routes, tell_what_the_subscriber_asked_to_be_kept)
 {
     sub_add("c1", "a", 0, 0);
     sub_add("c2", "a", 0, 1);
-    EXPECT_EQ(match_routes("a", list), 2);
-    EXPECT_EQ(list.routes[0].clean_session, 0);
-    EXPECT_EQ(list.routes[1].clean_session, 1);
+    EXPECT_EQ(list_matches("a", list), 2);
+    EXPECT_EQ(list.matches[0].clean_session, 0);
+    EXPECT_EQ(list.matches[1].clean_session, 1);
 }
 
 TEST_F(routes, mark_a_shared_filter_without_second_slash)
 {
     sub_add("c", "$share/g", 1, 0);
-    EXPECT_EQ(match_routes("$share/g", list), 1);
+    EXPECT_EQ(list_matches("$share/g", list), 1);
     EXPECT_THAT(shown(), ElementsAre("0 c 1 no group"));
 }
 
 TEST_F(routes, replace_those_of_the_call_before)
 {
     sub_add("c", "$share/g/a", 1, 0);
-    EXPECT_EQ(match_routes("a", list), 1);
-    EXPECT_EQ(match_routes("a", list), 1);
+    EXPECT_EQ(list_matches("a", list), 1);
+    EXPECT_EQ(list_matches("a", list), 1);
     EXPECT_THAT(shown(), ElementsAre("0 c 1 'g'"));
     EXPECT_EQ(list.names.size(), 1u);
-    EXPECT_EQ(match_routes("b", list), 0);
+    EXPECT_EQ(list_matches("b", list), 0);
     EXPECT_THAT(shown(), IsEmpty());
 }
 
@@ -86,7 +86,7 @@ TEST_F(routes, complain_as_the_match_does)
 {
     sub_add("c", "$share/g/", 1, 0);
     log.take();
-    EXPECT_EQ(match_routes("a", list), 0);
+    EXPECT_EQ(list_matches("a", list), 0);
     EXPECT_THAT(log.take(), ElementsAre(logged::filter_empty(), logged::topic_matched("a", 0)));
 }
 
@@ -96,7 +96,7 @@ TEST_F(routes, at_debug_write_the_lines_of_the_match)
     sub_add("c2", "a", 0, 0);
     agent_log_set_level(0);
     log.take();
-    EXPECT_EQ(match_routes("a", list), 1);
+    EXPECT_EQ(list_matches("a", list), 1);
     EXPECT_THAT(shown(), ElementsAre("1 c2 0"));
     EXPECT_THAT(log.take(),
                 ElementsAre(logged::sub_match_started("a", 11000), logged::sub_match_locked(2),
@@ -109,7 +109,7 @@ TEST_F(routes, at_debug_write_the_lines_of_the_match)
 TEST_F(routes, need_a_topic)
 {
     log.take();
-    EXPECT_EQ(match_routes(nullptr, list), 0);
+    EXPECT_EQ(list_matches(nullptr, list), 0);
     const std::vector<LogLine> lines = log.take();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].level, "ERROR");
@@ -124,9 +124,9 @@ TEST_F(routes, fail_when_memory_runs_out)
         RouteList fresh;
         log.take();
         Fail fail(Call::Allocate, nth);
-        EXPECT_EQ(match_routes("a", fresh), -1);
+        EXPECT_EQ(list_matches("a", fresh), -1);
         EXPECT_EQ(fail.failed(), 1);
     }
     RouteList fresh;
-    EXPECT_EQ(match_routes("a", fresh), 1);
+    EXPECT_EQ(list_matches("a", fresh), 1);
 }

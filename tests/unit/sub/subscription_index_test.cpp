@@ -1,5 +1,5 @@
 // The indexed table against a table that is walked from the start, and against hosts that edit it by hand.
-#include "sub/route.h"
+#include "sub/match_list.h"
 #include "sub/sub.h"
 #include "sub/subscription_index.h"
 
@@ -16,8 +16,8 @@
 #include <vector>
 
 using namespace tarn::test;
-using tarn::sub::match_routes;
-using tarn::sub::RouteList;
+using tarn::sub::list_matches;
+using tarn::sub::MatchList;
 
 namespace {
 
@@ -145,9 +145,9 @@ std::vector<Entry> routed(const std::string &topic)
 {
     static RouteList   list;
     std::vector<Entry> all;
-    const int          count = match_routes(topic.c_str(), list);
-    EXPECT_EQ(count, static_cast<int>(list.routes.size()));
-    for (const auto &route : list.routes) {
+    const int          count = list_matches(topic.c_str(), list);
+    EXPECT_EQ(count, static_cast<int>(list.matches.size()));
+    for (const auto &route : list.matches) {
         const sub_entry_t &e = g_sub_mgr.subs[route.index];
         EXPECT_STREQ(route.client_id, e.client_id);
         EXPECT_EQ(route.qos, e.qos);
@@ -314,7 +314,7 @@ struct edits_by_hand : index_of_subscriptions, testing::WithParamInterface<int> 
         };
         pthread_t thread = 0;
         EXPECT_EQ(tarn::start_thread(&thread, "router", body, &call), 0);
-        tarn::finish_thread(thread);
+        tarn::join_or_detach(thread);
         return call.found;
     }
 };
@@ -594,7 +594,7 @@ TEST(index_of_subscriptions_threads, share_the_table)
                 const std::string filter = std::to_string(i % 90) + (i % 3 ? "/+" : "/#");
                 const std::string topic  = std::to_string(i % 90) + "/x";
                 EXPECT_EQ(sub_add(id.c_str(), filter.c_str(), 1, 0), 0);
-                EXPECT_GE(match_routes(topic.c_str(), list), 1);
+                EXPECT_GE(list_matches(topic.c_str(), list), 1);
                 EXPECT_EQ(sub_match(topic.c_str(), &found, 1), 1);
                 EXPECT_EQ(sub_find_by_identifier(1, &found), -1);
                 if (i % 50 == 49) {

@@ -1,9 +1,9 @@
-// booking.h - queues a delivery for its client and books it as pending, in one step.
+// first_send.h - queues a delivery for its client and notes it as pending, in one step.
 //
 // The client may acknowledge the packet before the thread that queued it runs again. An acknowledgement takes
 // g_queue_mutex to find its delivery, so both steps are done under that lock.
-#ifndef TARN_QOS_BOOKING_H
-#define TARN_QOS_BOOKING_H
+#ifndef TARN_QOS_FIRST_SEND_H
+#define TARN_QOS_FIRST_SEND_H
 
 #include "qos_reliable.h"
 
@@ -23,17 +23,17 @@ struct Delivery {
 
 enum class Added { Yes, NoTopic, NoPayload, TooLong, BadQos, Full, NoEntry, NoPayloadMemory };
 
-struct Booked {
-    uint32_t result; // queue_packet's; nothing is booked of what could not be queued
+struct FirstSend {
+    uint32_t result; // queue_packet's; what could not be queued is not tracked
     Added    added = Added::Yes;
     int      count = 0; // the client's entries, with Added::Full
 };
 
-// Queues the packet, books the delivery where it is to be tracked or remembered, then sees to its sending. Says nothing.
-// `head`: the packet up to its payload.
-[[nodiscard]] Booked send_booked(const Delivery &delivery, std::span<const uint8_t> head) noexcept;
+// Queues the packet, notes the delivery if it is tracked or remembered, then sees to its sending. Logs nothing. `head`:
+// the packet up to its payload.
+[[nodiscard]] FirstSend send_and_track(const Delivery &delivery, std::span<const uint8_t> head) noexcept;
 // The line of a delivery that was to be tracked.
-void say_booked(const Delivery &delivery, const Booked &booked) noexcept;
+void log_tracking(const Delivery &delivery, const FirstSend &first) noexcept;
 
 } // namespace tarn::qos
 

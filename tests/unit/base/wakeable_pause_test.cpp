@@ -1,4 +1,4 @@
-#include "base/alarm.h"
+#include "base/wakeable_pause.h"
 
 #include "base/clock.h"
 #include "support/faults.h"
@@ -14,8 +14,8 @@ using namespace std::chrono_literals;
 namespace {
 
 // An alarm that nobody has to construct, as the library uses it.
-constinit Alarm   g_alarm{};
-constinit uint8_t g_running = 1;
+constinit WakeablePause g_alarm{};
+constinit uint8_t       g_running = 1;
 
 uint64_t time_of(auto what)
 {
@@ -70,7 +70,7 @@ TEST(alarm, a_ring_after_the_flag_was_cleared_ends_every_pause)
     std::this_thread::sleep_for(20ms);
     EXPECT_LT(time_of([&] {
                   poke(g_running, 0);
-                  g_alarm.ring();
+                  g_alarm.wake();
                   one.join();
                   two.join();
               }),
@@ -84,7 +84,7 @@ TEST(alarm, a_ring_alone_does_not_end_a_pause)
     std::atomic<bool> done{false};
     std::thread       ringer([&] {
         while (!done) {
-            g_alarm.ring();
+            g_alarm.wake();
             std::this_thread::sleep_for(1ms);
         }
     });
@@ -102,7 +102,7 @@ TEST(alarm, no_ring_is_missed)
         if (i % 2)
             std::this_thread::yield();
         poke(g_running, 0);
-        g_alarm.ring();
+        g_alarm.wake();
         waiter.join();
     }
     poke(g_running, 1);

@@ -1,6 +1,6 @@
-// alarm.h - a thread's pause that another thread can cut short.
-#ifndef TARN_BASE_ALARM_H
-#define TARN_BASE_ALARM_H
+// wakeable_pause.h - a thread's pause that another thread can cut short.
+#ifndef TARN_BASE_WAKEABLE_PAUSE_H
+#define TARN_BASE_WAKEABLE_PAUSE_H
 
 #include "mutex.h"
 #include "relaxed.h"
@@ -11,7 +11,7 @@
 namespace tarn {
 
 // Statically initialised like a Mutex.
-class Alarm {
+class WakeablePause {
 public:
     // Pauses for `ms` milliseconds, or until ring() finds `running` cleared. A template, so that a flag of either kind
     // is looked at itself and never a copy of it.
@@ -25,22 +25,22 @@ public:
             until.tv_nsec -= 1000000000;
             ++until.tv_sec;
         }
-        ScopedLock lock(mx_);
+        ScopedLock lock(mutex_);
         while (peek(running))
-            if (pthread_cond_clockwait(&rung_, &mx_.raw, CLOCK_MONOTONIC, &until) != 0)
+            if (pthread_cond_clockwait(&woken_, &mutex_.raw, CLOCK_MONOTONIC, &until) != 0)
                 return;
     }
 
     // To be called after the flag was cleared.
-    void ring() noexcept
+    void wake() noexcept
     {
-        ScopedLock lock(mx_);
-        pthread_cond_broadcast(&rung_);
+        ScopedLock lock(mutex_);
+        pthread_cond_broadcast(&woken_);
     }
 
 private:
-    Mutex          mx_{};
-    pthread_cond_t rung_ = PTHREAD_COND_INITIALIZER;
+    Mutex          mutex_{};
+    pthread_cond_t woken_ = PTHREAD_COND_INITIALIZER;
 };
 
 } // namespace tarn

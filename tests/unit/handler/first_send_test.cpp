@@ -1,6 +1,6 @@
-// Nobody is woken to send, and nothing is sent, before the delivery is booked: its acknowledgement may be back on the
-// I/O thread before the thread that made it has done another thing. An acknowledgement takes g_queue_mutex first, so
-// while that is held no delivery that is to be booked may leave.
+// No thread is woken to send, and nothing is sent, before the delivery is tracked: its acknowledgement may be back on
+// the I/O thread before the thread that made it has done another thing. An acknowledgement takes g_queue_mutex first,
+// so while that is held no delivery that is to be tracked may leave.
 #include "handler_fixture.h"
 
 #include <atomic>
@@ -44,18 +44,18 @@ struct Receiver {
     }
 };
 
-struct Booking : testing::Test {
+struct FirstSend : testing::Test {
     ManualClock clock;
     Handling    broker;
     Receiver    receiver{broker};
 
-    Booking()
+    FirstSend()
     {
         sub_add("r", "#", 2, 1);
         clock.advance_ms(10000); // the test message is due
     }
 
-    // What is made on another thread while no delivery can be booked.
+    // What is made on another thread while no delivery can be tracked.
     Bytes made_by(const std::function<void()> &act)
     {
         std::thread thread;
@@ -68,7 +68,7 @@ struct Booking : testing::Test {
         thread.join();
         return packet;
     }
-    unsigned booked() const { return g_pending_queue ? g_pending_queue->msg_id : 0u; }
+    unsigned tracked() const { return g_pending_queue ? g_pending_queue->msg_id : 0u; }
 };
 
 void broadcast(const Bytes &packet, bool is_will)
@@ -78,46 +78,46 @@ void broadcast(const Bytes &packet, bool is_will)
 
 } // namespace
 
-TEST_F(Booking, of_a_will)
+TEST_F(FirstSend, of_a_will)
 {
     const Bytes packet = made_by([] { broadcast(wire("32 06 | 00 01 'w' | 00 07 | 'x'"), true); });
     EXPECT_EQ(packet, wire("32 06 | 00 01 'w'") + u16(receiver.client->qos1_pending_msg_id) + text("x"));
     EXPECT_EQ(pending_count(), 0);
 }
 
-TEST_F(Booking, of_a_broadcast)
+TEST_F(FirstSend, of_a_broadcast)
 {
     for (const char *first : {"32", "34"}) {
         const Bytes packet = made_by([&] { broadcast(wire(first) + wire("06 | 00 01 't' | 00 07 | 'x'"), false); });
-        EXPECT_EQ(packet, wire(first) + wire("06 | 00 01 't'") + u16(booked()) + text("x"));
+        EXPECT_EQ(packet, wire(first) + wire("06 | 00 01 't'") + u16(tracked()) + text("x"));
     }
     EXPECT_EQ(pending_count(), 2);
 }
 
-TEST_F(Booking, of_a_test_message)
+TEST_F(FirstSend, of_a_test_message)
 {
     const Bytes packet = made_by([] { packet_handler_publish_test_msg(); });
     EXPECT_EQ(packet[0], 0x32);
     ASSERT_EQ(pending_count(), 1);
-    EXPECT_EQ(booked(), receiver.client->qos1_pending_msg_id);
+    EXPECT_EQ(tracked(), receiver.client->qos1_pending_msg_id);
 }
 
-TEST_F(Booking, of_a_message_of_the_host)
+TEST_F(FirstSend, of_a_message_of_the_host)
 {
     const Bytes packet =
         made_by([] { packet_handler_broker_publish("t", reinterpret_cast<const uint8_t *>("x"), 1, 1, 0, 0); });
-    EXPECT_EQ(packet, wire("32 06 | 00 01 't'") + u16(booked()) + text("x"));
+    EXPECT_EQ(packet, wire("32 06 | 00 01 't'") + u16(tracked()) + text("x"));
 }
 
-TEST_F(Booking, of_what_a_client_publishes)
+TEST_F(FirstSend, of_what_a_client_publishes)
 {
     Client      sender(broker, 4, "sender");
     const Bytes packet = made_by([&] { sender.sends("32 06 | 00 01 't' | 00 07 | 'x'"); });
-    EXPECT_EQ(packet, wire("32 06 | 00 01 't'") + u16(booked()) + text("x"));
-    EXPECT_EQ(booked(), receiver.client->qos1_pending_msg_id);
+    EXPECT_EQ(packet, wire("32 06 | 00 01 't'") + u16(tracked()) + text("x"));
+    EXPECT_EQ(tracked(), receiver.client->qos1_pending_msg_id);
 }
 
-TEST_F(Booking, is_not_waited_for_at_qos_0)
+TEST_F(FirstSend, is_not_waited_for_at_qos_0)
 {
     ScopedLock  lock(g_queue_mutex);
     std::thread thread([] { broadcast(wire("30 04 | 00 01 't' | 'x'"), false); });
@@ -126,7 +126,7 @@ TEST_F(Booking, is_not_waited_for_at_qos_0)
 }
 
 // One thread broadcasts, another one acknowledges as the I/O thread does.
-TEST_F(Booking, an_acknowledgement_finds_its_delivery)
+TEST_F(FirstSend, an_acknowledgement_finds_its_delivery)
 {
     constexpr int    kMessages = 1000;
     constexpr int    kInFlight = 40; // twice as many fit into the ring: what was acknowledged may still stand in it

@@ -1,4 +1,4 @@
-// session_purge.cpp - deletes the saved sessions of records that still wait for their will although the session has
+// expired_sessions.cpp - deletes the saved sessions of records that still wait for their will although the session has
 // expired.
 #include "../base/clock.h"
 #include "../persist/persist.hpp"
@@ -39,7 +39,7 @@ int collect(uint64_t now_s, int32_t &place, Expired (&found)[kAtATime])
 
 } // namespace
 
-void purge_expired_sessions() noexcept
+void delete_expired_sessions() noexcept
 {
     const auto now_s = static_cast<uint64_t>(wall_s());
     LOG_INFO("[MQTT5] 开始清理过期会话...");
