@@ -44,7 +44,7 @@ CALLBACKS = {
 UPWARD = {
     ("persist", "sub/sub.hpp"): "loading fills the subscription table and the retained store",
     ("client", "qos/qos.hpp"): "a released record takes its pending deliveries with it",
-    ("client", "handler/handler.hpp"): "the bridge hands packets up, a close starts the will",
+    ("client", "handler/handler.hpp"): "the network callback hands packets up, a close starts the will",
     ("handler", "api/api.hpp"): "the host's callbacks are asked and told",
 }
 

@@ -1,7 +1,7 @@
 /*
- * client.h - client records: creation, look-up, sending, closing, wills, and the bridge from network events.
+ * client.h - client records: creation, look-up, sending, closing, wills, and the callback for network events.
  *
- * The module owns g_client_mgr: the pool of records, the two tables that find them, and the send thread. The bridge is
+ * The module owns g_client_mgr: the pool of records, the two tables that find them, and the send thread. The callback is
  * the callback of the network layer and hands packets to packet handling; packet handling fills the records, sends
  * through them and closes them; the housekeeping thread asks for the scans; start and deinit bring the manager up and
  * down.

@@ -1,6 +1,6 @@
 // client_c.cpp - client.h: what hosts call. Null pointers end here, and the record is pinned for the time of the call;
 // everything else is client.hpp's. What the library hands on by address stands with what it does:
-// mqtt_netip_event_cb and on_netip_send_ready in bridge.cpp, send_thread_proc in send_thread.cpp.
+// mqtt_netip_event_cb and on_netip_send_ready in network_events.cpp, send_thread_proc in send_thread.cpp.
 #include "../base/clock.h"
 #include "../stats/counters.h"
 #include "client_internal.h"

@@ -3,7 +3,7 @@
  *
  * The module owns the sockets, the table of connections, the accept thread and the I/O threads; it cuts each stream
  * into whole MQTT packets and hands them up through one callback (netip_types.h). The broker's start and deinit bring
- * it up and down, the clients' event bridge is its callback, and the clients' senders send through it.
+ * it up and down, mqtt_netip_event_cb of client.h is its callback, and the clients' senders send through it.
  *
  *   threads   any, at once, unless a function says otherwise; also inside the callback
  *   locks     a slot's lock is taken and dropped inside; the caller must not hold one. Where g_netip_lock is taken it

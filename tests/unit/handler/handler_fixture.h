@@ -214,7 +214,7 @@ private:
     int             end_;
 };
 
-// A client as the event bridge makes one for a connection's first packet, which has not come yet. With an id it has
+// A client as the network callback makes one for a connection's first packet, which has not come yet. With an id it has
 // logged in already. It goes without a trace.
 class Client {
 public:

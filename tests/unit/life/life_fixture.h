@@ -1,5 +1,5 @@
 // life_fixture.h - the whole library without its threads and its network: clients of the pool whose connections are
-// socket pairs, packets handed to the event bridge as the network layer hands them on, clocks in the test's hand.
+// socket pairs, packets handed to the network callback as the network layer hands them on, clocks in the test's hand.
 #ifndef TARN_TESTS_LIFE_FIXTURE_H
 #define TARN_TESTS_LIFE_FIXTURE_H
 

@@ -1,4 +1,4 @@
-// retained.cpp - the retained messages that match a new or restored subscription.
+// send_retained.cpp - the retained messages that match a new or restored subscription.
 //
 // The store stays locked for the whole replay, so that it is one state of the store; queueing takes the send lock
 // inside.

@@ -1,4 +1,4 @@
-// offline.cpp - the messages a client missed while it was away.
+// restore_offline.cpp - the messages a client missed while it was away.
 //
 // They are not sent from here: they join the reliable-delivery queue as if sent once, and its scan sends them about a
 // second later. The queue takes QoS 1 and 2 only, so kept messages of QoS 0 end here.

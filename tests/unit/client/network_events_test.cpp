@@ -18,7 +18,7 @@ uint8_t event(uint32_t handle, uint32_t kind, const Bytes &data = {}, uint32_t r
 
 } // namespace
 
-TEST(bridge, tells_a_new_connection_and_makes_no_record)
+TEST(network_events, tells_a_new_connection_and_makes_no_record)
 {
     const Manager manager;
     Socket        socket(7);
@@ -29,14 +29,14 @@ TEST(bridge, tells_a_new_connection_and_makes_no_record)
     EXPECT_EQ(client_get_connected_count(), 0u);
 }
 
-TEST(bridge, answers_0_when_the_connection_has_no_address)
+TEST(network_events, answers_0_when_the_connection_has_no_address)
 {
     LogCapture log;
     EXPECT_EQ(event(7, NETIP_EVENT_CONNECTED, {}, 0), 0);
     EXPECT_THAT(log.take(), ElementsAre(error("Get client IP failed: handle=7")));
 }
 
-TEST(bridge, makes_the_record_with_the_first_packet)
+TEST(network_events, makes_the_record_with_the_first_packet)
 {
     const Manager manager;
     Socket        socket(7);
@@ -55,7 +55,7 @@ TEST(bridge, makes_the_record_with_the_first_packet)
     EXPECT_THAT(log.take(), IsEmpty());
 }
 
-TEST(bridge, makes_a_record_without_an_address_too)
+TEST(network_events, makes_a_record_without_an_address_too)
 {
     const Manager manager;
     EXPECT_EQ(event(7, NETIP_EVENT_DATA, wire("C0 00")), 1);
@@ -63,7 +63,7 @@ TEST(bridge, makes_a_record_without_an_address_too)
     EXPECT_EQ(client_find_by_handle(7)->port, 0);
 }
 
-TEST(bridge, ignores_data_without_bytes)
+TEST(network_events, ignores_data_without_bytes)
 {
     const Manager manager;
     const uint8_t byte = 0;
@@ -73,7 +73,7 @@ TEST(bridge, ignores_data_without_bytes)
     EXPECT_THAT(take_calls(), IsEmpty());
 }
 
-TEST(bridge, ignores_what_dispatch_answers_and_pins_its_client)
+TEST(network_events, ignores_what_dispatch_answers_and_pins_its_client)
 {
     const Manager        manager;
     mqtt_client_t *const client = log_in(7, "dev1");
@@ -86,7 +86,7 @@ TEST(bridge, ignores_what_dispatch_answers_and_pins_its_client)
     EXPECT_STREQ(client->client_id, "");
 }
 
-TEST(bridge, closes_the_connection_when_the_pool_is_full)
+TEST(network_events, closes_the_connection_when_the_pool_is_full)
 {
     const Manager manager(1);
     Socket        first(1), second(2);
@@ -100,7 +100,7 @@ TEST(bridge, closes_the_connection_when_the_pool_is_full)
     EXPECT_THAT(take_calls(), IsEmpty());
 }
 
-TEST(bridge, closes_the_client_of_a_lost_connection)
+TEST(network_events, closes_the_client_of_a_lost_connection)
 {
     const Manager        manager;
     mqtt_client_t *const client = log_in(7, "dev1", 0);
@@ -114,7 +114,7 @@ TEST(bridge, closes_the_client_of_a_lost_connection)
 }
 
 // As a kick on a host thread may do while the subscriptions are removed.
-TEST(bridge, leaves_a_client_alone_that_was_closed_meanwhile)
+TEST(network_events, leaves_a_client_alone_that_was_closed_meanwhile)
 {
     const Manager        manager;
     mqtt_client_t *const client = log_in(7, "dev1", 0);
@@ -129,7 +129,7 @@ TEST(bridge, leaves_a_client_alone_that_was_closed_meanwhile)
     EXPECT_EQ(g_will_delay_client_count, 1);
 }
 
-TEST(bridge, leaves_the_subscriptions_of_a_client_that_never_logged_in)
+TEST(network_events, leaves_the_subscriptions_of_a_client_that_never_logged_in)
 {
     const Manager        manager;
     mqtt_client_t *const client = log_in(7, "dev1", 1);
@@ -140,7 +140,7 @@ TEST(bridge, leaves_the_subscriptions_of_a_client_that_never_logged_in)
     EXPECT_THAT(take_calls(), ElementsAre("qos_reliable_clean_client_packets dev1"));
 }
 
-TEST(bridge, passes_the_clean_flag_on)
+TEST(network_events, passes_the_clean_flag_on)
 {
     const Manager manager;
     log_in(7, "dev1", 1);
@@ -149,7 +149,7 @@ TEST(bridge, passes_the_clean_flag_on)
     EXPECT_EQ(take_calls().front(), "packet_handler_remove_client_subs dev1 1");
 }
 
-TEST(bridge, tells_a_lost_connection_without_a_client)
+TEST(network_events, tells_a_lost_connection_without_a_client)
 {
     const Manager manager;
     LogCapture    log;
@@ -159,7 +159,7 @@ TEST(bridge, tells_a_lost_connection_without_a_client)
     EXPECT_THAT(log.take(), IsEmpty());
 }
 
-TEST(bridge, tells_a_lost_connection_once_from_inside_and_once_from_above)
+TEST(network_events, tells_a_lost_connection_once_from_inside_and_once_from_above)
 {
     const Manager manager;
     Socket        socket(7);
@@ -180,7 +180,7 @@ TEST(bridge, tells_a_lost_connection_once_from_inside_and_once_from_above)
     g_netip_cb = nullptr;
 }
 
-TEST(bridge, warns_of_other_events)
+TEST(network_events, warns_of_other_events)
 {
     LogCapture log;
     EXPECT_EQ(event(7, 3), 1);
@@ -189,7 +189,7 @@ TEST(bridge, warns_of_other_events)
     on_netip_send_ready(7); // does nothing
 }
 
-TEST(bridge, serves_a_tcp_client_of_the_network_layer)
+TEST(network_events, serves_a_tcp_client_of_the_network_layer)
 {
     const Manager manager;
     ASSERT_EQ(netip_init(mqtt_netip_event_cb, kBroker, 1), 0u);
@@ -208,7 +208,7 @@ TEST(bridge, serves_a_tcp_client_of_the_network_layer)
     netip_deinit();
 }
 
-TEST(bridge, makes_no_ghost_when_another_thread_closes_the_connection_first)
+TEST(network_events, makes_no_ghost_when_another_thread_closes_the_connection_first)
 {
     const Manager            manager;
     static std::atomic<bool> delivered{false};
@@ -232,7 +232,7 @@ TEST(bridge, makes_no_ghost_when_another_thread_closes_the_connection_first)
 }
 
 // The connection is closed from elsewhere after its packet was read and before its record is made.
-TEST(bridge, makes_no_ghost_of_a_connection_that_was_closed_meanwhile)
+TEST(network_events, makes_no_ghost_of_a_connection_that_was_closed_meanwhile)
 {
     const Manager manager;
     LogCapture    log(2);
@@ -242,7 +242,7 @@ TEST(bridge, makes_no_ghost_of_a_connection_that_was_closed_meanwhile)
     EXPECT_THAT(log.take(), IsEmpty()) << "nobody's fault";
 }
 
-TEST(bridge, remembers_the_connection_of_a_record)
+TEST(network_events, remembers_the_connection_of_a_record)
 {
     const Manager manager;
     client_create(7, "", 0, kBroker);
