@@ -139,7 +139,7 @@ void print_price_of_others()
 {
     constexpr int        kOthers = 9000;
     tarn::sub::MatchList matches;
-    const auto           route     = [&] { return tarn::sub::list_matches(kTopic, routes); };
+    const auto           route     = [&] { return tarn::sub::list_matches(kTopic, matches); };
     double               alone_us  = 1e9;
     double               others_us = 1e9;
     for (int turn = 0; turn < 10; ++turn) {
