@@ -143,14 +143,14 @@ std::vector<Entry> matched(const std::string &topic, int room = 3000)
 
 std::vector<Entry> routed(const std::string &topic)
 {
-    static RouteList   list;
+    static MatchList   list;
     std::vector<Entry> all;
     const int          count = list_matches(topic.c_str(), list);
     EXPECT_EQ(count, static_cast<int>(list.matches.size()));
-    for (const auto &route : list.matches) {
-        const sub_entry_t &e = g_sub_mgr.subs[route.index];
-        EXPECT_STREQ(route.client_id, e.client_id);
-        EXPECT_EQ(route.qos, e.qos);
+    for (const auto &match : list.matches) {
+        const sub_entry_t &e = g_sub_mgr.subs[match.index];
+        EXPECT_STREQ(match.client_id, e.client_id);
+        EXPECT_EQ(match.qos, e.qos);
         all.push_back(as_entry(e));
     }
     return all;
@@ -588,7 +588,7 @@ TEST(index_of_subscriptions_threads, share_the_table)
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([t] {
             const std::string id = "thread-" + std::to_string(t);
-            RouteList         list;
+            MatchList         list;
             sub_entry_t       found;
             for (int i = 0; i < 300; ++i) {
                 const std::string filter = std::to_string(i % 90) + (i % 3 ? "/+" : "/#");

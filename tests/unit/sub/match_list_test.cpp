@@ -21,19 +21,19 @@ using testing::IsEmpty;
 
 namespace {
 
-struct routes : testing::Test {
-    routes() { sub_init(); }
+struct match_list : testing::Test {
+    match_list() { sub_init(); }
     LogCapture log{AGENT_LOG_INFO};
-    RouteList  list;
+    MatchList  list;
 
     // "index id qos" and, of shared ones, "group" or "no group".
     std::vector<std::string> shown() const
     {
         std::vector<std::string> all;
-        for (const Route &route : list.matches) {
-            std::string text = std::to_string(route.index) + " " + route.client_id + " " + std::to_string(route.qos);
-            if (route.shared)
-                text += route.group_size == kNoGroup ? " no group" : " '" + std::string(list.group_of(route)) + "'";
+        for (const Match &match : list.matches) {
+            std::string text = std::to_string(match.index) + " " + match.client_id + " " + std::to_string(match.qos);
+            if (match.shared)
+                text += match.group_size == kNoGroup ? " no group" : " '" + std::string(list.group_of(match)) + "'";
             all.push_back(text);
         }
         return all;
@@ -42,7 +42,7 @@ struct routes : testing::Test {
 
 } // namespace
 
-TEST_F(routes, tell_who_at_which_qos_and_in_which_group)
+TEST_F(match_list, tell_who_at_which_qos_and_in_which_group)
 {
     sub_add("c0", "x", 0, 0);
     sub_add("c1", "a/b", 1, 0);
@@ -55,7 +55,7 @@ TEST_F(routes, tell_who_at_which_qos_and_in_which_group)
     EXPECT_THAT(shown(), ElementsAre("1 c1 1", "2 c2 2 'group'", "3 c3 0 ''", "4 " + std::string(64, 'i') + " 1"));
 }
 
-TEST_F(routes, tell_what_the_subscriber_asked_to_be_kept)
+TEST_F(match_list, tell_what_the_subscriber_asked_to_be_kept)
 {
     sub_add("c1", "a", 0, 0);
     sub_add("c2", "a", 0, 1);
@@ -64,14 +64,14 @@ TEST_F(routes, tell_what_the_subscriber_asked_to_be_kept)
     EXPECT_EQ(list.matches[1].clean_session, 1);
 }
 
-TEST_F(routes, mark_a_shared_filter_without_second_slash)
+TEST_F(match_list, mark_a_shared_filter_without_second_slash)
 {
     sub_add("c", "$share/g", 1, 0);
     EXPECT_EQ(list_matches("$share/g", list), 1);
     EXPECT_THAT(shown(), ElementsAre("0 c 1 no group"));
 }
 
-TEST_F(routes, replace_those_of_the_call_before)
+TEST_F(match_list, replace_those_of_the_call_before)
 {
     sub_add("c", "$share/g/a", 1, 0);
     EXPECT_EQ(list_matches("a", list), 1);
@@ -82,7 +82,7 @@ TEST_F(routes, replace_those_of_the_call_before)
     EXPECT_THAT(shown(), IsEmpty());
 }
 
-TEST_F(routes, complain_as_the_match_does)
+TEST_F(match_list, complain_as_the_match_does)
 {
     sub_add("c", "$share/g/", 1, 0);
     log.take();
@@ -90,7 +90,7 @@ TEST_F(routes, complain_as_the_match_does)
     EXPECT_THAT(log.take(), ElementsAre(logged::filter_empty(), logged::topic_matched("a", 0)));
 }
 
-TEST_F(routes, at_debug_write_the_lines_of_the_match)
+TEST_F(match_list, at_debug_write_the_lines_of_the_match)
 {
     sub_add("c1", "x", 0, 0);
     sub_add("c2", "a", 0, 0);
@@ -106,7 +106,7 @@ TEST_F(routes, at_debug_write_the_lines_of_the_match)
                             logged::topic_matched("a", 1)));
 }
 
-TEST_F(routes, need_a_topic)
+TEST_F(match_list, need_a_topic)
 {
     log.take();
     EXPECT_EQ(list_matches(nullptr, list), 0);
@@ -117,16 +117,16 @@ TEST_F(routes, need_a_topic)
     EXPECT_THAT(lines[0].text, testing::EndsWith(", max_matched=11000）"));
 }
 
-TEST_F(routes, fail_when_memory_runs_out)
+TEST_F(match_list, fail_when_memory_runs_out)
 {
     sub_add("c1", "$share/g/a", 1, 0);
     for (const int nth : {1, 2}) { // the group's name, the route
-        RouteList fresh;
+        MatchList fresh;
         log.take();
         Fail fail(Call::Allocate, nth);
         EXPECT_EQ(list_matches("a", fresh), -1);
         EXPECT_EQ(fail.failed(), 1);
     }
-    RouteList fresh;
+    MatchList fresh;
     EXPECT_EQ(list_matches("a", fresh), 1);
 }
