@@ -18,7 +18,8 @@
 // The callers of each edge, and in brackets what lets one thread take it:
 //   create      a host, or the network callback with the first packet of a connection [it got the place: pool.cpp]
 //   log in      CONNECT, any number of times until the client goes offline
-//   go offline  close_seen in close.cpp, for the network callback, packet handling, the host's kick and the time-out scan [claim]
+//   go offline  close_seen in close.cpp, for the network callback, packet handling, the host's kick and the time-out scan
+//               [claim]
 //   end wait    the will scan; the CONNECT of a client that came back (end_wait); release_called_off [claim]
 //   release     after go offline where no will starts, after end wait; a host [it set the mark kReleased]
 //   take down   unlink_pool, when the manager goes down. A record that was released before is cleared once more of what

@@ -1,5 +1,5 @@
-// network_events.cpp - network events become client actions: the first packet of a connection makes its client record, every
-// packet goes to packet handling, a disconnect closes the client.
+// network_events.cpp - network events become client actions: the first packet of a connection makes its client record,
+// every packet goes to packet handling, a disconnect closes the client.
 #include "../handler/handler.hpp"
 #include "client_internal.h"
 

@@ -2,8 +2,8 @@
  * packet_handler.h - what the broker does with MQTT packets, and the routes a message can take.
  *
  * The module owns the generator of packet identifiers; all else it works on belongs to others: clients, subscriptions,
- * retained messages, pending deliveries, files. The network callback (client.h) hands it every packet and asks it for wills;
- * the exported API publishes the host's messages through it and says DISCONNECT.
+ * retained messages, pending deliveries, files. The network callback (client.h) hands it every packet and asks it for
+ * wills; the exported API publishes the host's messages through it and says DISCONNECT.
  *
  *   threads   any, at once; packets of one client by one thread at a time, as the network layer hands them over
  *   locks     none may be held by the caller: these functions run the host's callbacks, write files, look up, send to

@@ -1,5 +1,6 @@
 // stats.hpp - counters, the report and its JSON form, for the other modules of the library. Hosts have the same as
-// mqtt_stats.h, whose functions are in api/stats_c.cpp: a report begins with numbers that only modules above this one know.
+// mqtt_stats.h, whose functions are in api/stats_c.cpp: a report begins with numbers that only modules above this one
+// know.
 #ifndef TARN_STATS_STATS_HPP
 #define TARN_STATS_STATS_HPP
 
