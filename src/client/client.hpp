@@ -109,8 +109,7 @@ void end_wait(const Claim &claim) noexcept;
 
 // The same for a pool record whose delay was called off while another thread was about to let it wait or had the claim;
 // no scan would find it any more. CONNECT calls this after it called the delay off, and ~Claim for what happened while
-// it lasted.
-// Takes will_lock.
+// it lasted. Takes will_lock.
 void release_called_off(mqtt_client_t &client) noexcept;
 
 } // namespace client

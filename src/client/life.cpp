@@ -78,7 +78,7 @@ template <When when, Guard guard, size_t row> void zero_field(mqtt_client_t &cli
     if constexpr (field.guard == guard && field[when] == Cell::Zero) {
         uint8_t *const at = reinterpret_cast<uint8_t *>(&client) + field.at;
         if constexpr (field.is_word)
-            *reinterpret_cast<Shared<typename WordOf<field.size>::type> *>(at) = 0;
+            shared(*reinterpret_cast<typename WordOf<field.size>::type *>(at)) = 0;
         else
             memset(at, 0, field.size);
     }
@@ -289,10 +289,10 @@ void wipe(mqtt_client_t &client) noexcept
 void wipe_all(mqtt_client_t &client) noexcept
 {
     wipe(client);
-    auto *const bytes = reinterpret_cast<Shared<uint8_t> *>(&client);
+    auto *const bytes = reinterpret_cast<uint8_t *>(&client);
     for (const Field &field : kRecord)
         for (size_t i = 0; field.guard != Guard::Lock && field.guard != Guard::Session && i < field.size; ++i)
-            bytes[field.at + i] = 0; // scans may look in passing
+            shared(bytes[field.at + i]) = 0; // scans may look in passing
     clear_session(client);
 }
 
