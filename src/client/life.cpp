@@ -256,6 +256,7 @@ bool release_record(mqtt_client_t &client) noexcept
     if (!set_mark(client, kReleased))
         return false;
     qos::drop_deliveries_of(client); // after the mark: none can be added any more
+    drop_held_answers(client);
     leave_pool(client, kRelease);
     reset<When::Release>(client);
     uncount_delayed_will(client);
@@ -272,6 +273,7 @@ void take_down(mqtt_client_t &client) noexcept
     const client_ref pin(&client);
     (void)set_mark(client, kReleased);
     drop_deliveries(client);
+    drop_held_answers(client);
     leave_pool(client, kTakeDown);
     reset<When::TakeDown>(client);
     uncount_delayed_will(client);
