@@ -40,7 +40,7 @@ private:
 void               wake_saver() noexcept REQUIRES(g_save_mutex);
 void               stop_saver() noexcept EXCLUDES(g_save_mutex); // waits for it
 
-// A change is put down here and somebody else waits until it is saved: sleeps until the state under g_save_mutex has
+// Waits for a change that another thread writes: sleeps until the state under g_save_mutex has
 // changed.
 void await_saver() noexcept REQUIRES(g_save_mutex);
 void saving_changed() noexcept REQUIRES(g_save_mutex); // wakes all of them
