@@ -10,7 +10,8 @@ namespace tarn::persist {
 
 // What waits for changes to be on the disk.
 struct SaveWaiter {
-    // The changes, and 1 for as long as more may come. The thread that takes away the last calls saved(), with no lock held.
+    // The changes, and 1 for as long as more may come. The thread that takes away the last calls saved(), with no lock
+    // held.
     std::atomic<uint32_t> unsaved{1};
     void (*saved)(SaveWaiter &waiter) noexcept;
 

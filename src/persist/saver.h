@@ -40,8 +40,7 @@ private:
 void               wake_saver() noexcept REQUIRES(g_save_mutex);
 void               stop_saver() noexcept EXCLUDES(g_save_mutex); // waits for it
 
-// Waits for a change that another thread writes: sleeps until the state under g_save_mutex has
-// changed.
+// Waits for what another thread writes: until something under g_save_mutex has changed.
 void await_saver() noexcept REQUIRES(g_save_mutex);
 void saving_changed() noexcept REQUIRES(g_save_mutex); // wakes all of them
 
