@@ -73,7 +73,7 @@ enum class Stored : uint8_t { New, Updated, Deleted, Nothing, NoTopic, Full };
 Stored             retain(const RetainedMessage &message) noexcept;              // saves the store when it changed
 [[nodiscard]] bool copy_retained(const char *topic, retain_msg_t &out) noexcept; // false when there is none
 [[nodiscard]] bool delete_retained(const char *topic) noexcept;                  // likewise; saves the store
-void               discard_expired_retained() noexcept;                          // saves it after each
+void               discard_expired_retained() noexcept;                          // saves it once for all
 // Topics, each with a line feed, as far as they fit into `size` bytes, which is above 0. Returns how many.
 int32_t list_retained_topics(char *buf, int32_t size) noexcept;
 
