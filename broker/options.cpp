@@ -41,6 +41,9 @@ const Row kRows[] = {
     {'l', "log-level", "LEVEL", Level{},
      "{} (default; with --top it is warn);\n"
      "the log goes to standard output"},
+    {0, "log-limit", "N", Number{&Options::log_limit, 0, 1000000},
+     "lines of the log in a second that begin alike, {};\n"
+     "0 = no limit"},
     {'k', "keep-alive", "SECONDS", Number{&Options::keepalive_s, 1, 3600},
      "silence after which a connection without CONNECT is closed, {}"},
     {'p', "port", "{}", Port{}, "the port is always this one"},

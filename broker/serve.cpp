@@ -211,7 +211,8 @@ ExitStatus serve(const Options &options)
         return kCannotServe;
     }
     tarn_sdk_mqtt_broker_set_log_level(nullptr, options.level());
-    escape_standard_output();
+    Output output(static_cast<size_t>(options.log_limit));
+    loop.every(std::chrono::seconds(1), [&output] { output.end_second(); });
 
     Attachments attachments(loop, options);
     if (const std::string fault = attachments.open(); !fault.empty()) {
