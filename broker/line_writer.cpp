@@ -1,5 +1,6 @@
 #include "line_writer.h"
 
+#include "shortage.h"
 #include "thread.h"
 
 #include <algorithm>
@@ -10,7 +11,6 @@
 #include <deque>
 #include <fcntl.h>
 #include <mutex>
-#include <new>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -91,11 +91,7 @@ LineWriter::~LineWriter()
 {
     std::unique_lock lock(queue_->mutex);
     queue_->ended = true;
-    try {
-        queue_->add_lost();
-    } catch (const std::bad_alloc &) {
-        // nothing can be told of it
-    }
+    unless_short([&] { queue_->add_lost(); });
     queue_->filled.notify_one();
     eventfd_write(queue_->end_fd, 1);
     const auto limit = std::chrono::milliseconds(kEndLimit_ms + kLastWrite_ms);
@@ -110,15 +106,22 @@ void LineWriter::write(std::string_view line) noexcept
             ++queue_->lost;
             return;
         }
-        try {
+        const bool added = unless_short([&] {
             queue_->add_lost();
             queue_->add(line);
-        } catch (const std::bad_alloc &) {
+        });
+        if (!added) {
             ++queue_->lost;
             return;
         }
     }
     queue_->filled.notify_one();
+}
+
+void LineWriter::lose() noexcept
+{
+    const std::lock_guard lock(queue_->mutex);
+    ++queue_->lost;
 }
 
 void LineWriter::Queue::add(std::string_view line)

@@ -31,6 +31,7 @@ public:
 
     // Without its newline; from any thread, never waits for the reader, and no want of memory gets out.
     void write(std::string_view line) noexcept;
+    void lose() noexcept; // counts a line that could not be made
 
 private:
     struct Queue;

@@ -1,5 +1,6 @@
 #include "output.h"
 
+#include "shortage.h"
 #include "text.h"
 
 #include <algorithm>
@@ -84,14 +85,12 @@ struct Streams {
 
     template <class Take> static ssize_t take(int fd, const char *bytes, size_t count, Take take_piece)
     {
-        try {
+        unless_short([&] {
             if (g_output)
                 take_piece(*g_output, std::string_view(bytes, count));
             else
                 write_if_room(fd, {bytes, count});
-        } catch (const std::bad_alloc &) {
-            // without memory there is no line; the caller is never told
-        }
+        });
         return static_cast<ssize_t>(count);
     }
     static ssize_t take_output(void * /*cookie*/, const char *bytes, size_t count)
@@ -161,11 +160,7 @@ void Output::end_second()
 void Output::tell_left_out(int64_t now_s)
 {
     flockfile(stdout);
-    try {
-        limit_.begin_second(now_s);
-    } catch (const std::bad_alloc &) {
-        // what was left out stays untold
-    }
+    unless_short([&] { limit_.begin_second(now_s); });
     funlockfile(stdout);
 }
 
