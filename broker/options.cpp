@@ -56,6 +56,8 @@ const Row kRows[] = {
      "who may connect, and by which password; see tarn-broker passwd --help"},
     {0, "acl-file", "FILE", Text{&Options::acl_file},
      "who may subscribe and publish to what; nothing else is allowed then"},
+    {0, "password-wait", "SECONDS", Number{&Options::password_wait_s, 0, 3600},
+     "longest wait after wrong passwords, {}; 0 = none"},
     {0, "user", "NAME", Text{&Options::user}, "become this user before anything is opened"},
     {0, "events", "FILE", Text{&Options::events},
      "append what happens to FILE as JSON, a line an event; - is standard output"},

@@ -212,7 +212,7 @@ ExitStatus serve(const Options &options)
 {
     umask(077);         // files hold what clients sent: only this user may read them
     DataDirectory data; // locked until all else is gone
-    Access        access(options.user_file, options.acl_file);
+    Access        access(options.user_file, options.acl_file, options.password_wait_s);
     Loop          loop;
     end_on_signals(loop);
     reload_on_signal(loop, access);

@@ -96,13 +96,19 @@ const DroppedWill *dropped_will()
     return t_packet.dropped;
 }
 
-std::string peer_address()
+std::string peer_ip()
 {
     char           ip[64] = "";
     const uint32_t handle = t_packet.handle;
     if (handle == NETIP_NO_HANDLE || !netip_get_client_ip(handle, ip, sizeof ip))
         return "";
-    return std::string(ip) + ':' + std::to_string(netip_get_client_port(handle));
+    return ip;
+}
+
+std::string peer_address()
+{
+    const std::string ip = peer_ip();
+    return ip.empty() ? ip : ip + ':' + std::to_string(netip_get_client_port(t_packet.handle));
 }
 
 } // namespace tarn::broker

@@ -46,7 +46,7 @@ Verdict judge_login(const char *client_id, const char *user, const char *passwor
 {
     if (!passed_gate())
         return {"it came while the broker started"};
-    return g_access->may_connect(client_id, user, password);
+    return g_access->may_connect(client_id, user, password, peer_ip());
 }
 
 bool on_auth(broker_t * /*broker*/, const char *client_id, const char *user, const char *password)
