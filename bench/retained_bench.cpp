@@ -65,7 +65,7 @@ void fill_store()
 void show_store(bool full)
 {
     const tarn::ScopedLock lock(g_sub_mgr.lock);
-    tarn::poke(g_sub_mgr.retain_count, full ? int32_t{RETAIN_CAPACITY} : 0);
+    g_sub_mgr.retain_count = full ? int32_t{RETAIN_CAPACITY} : 0;
 }
 
 enum class Host { Silent, Publishes, IsRefused, Replaces };

@@ -19,7 +19,7 @@ namespace {
 
 constexpr const char *kDirectory = "broker_data";
 constexpr const char *kFile      = "broker_data/retain.dat";
-constexpr const char *kWritten   = "broker_data/retain.dat.tmp"; // what the library writes and then renames
+constexpr const char *kProbe     = "broker_data/retain.dat.probe";
 
 class LibraryLock { // its own of the store, or of its files
 public:
@@ -55,13 +55,12 @@ bool file_holds_store()
 // Why the library cannot write a file of this size, 0 when it can.
 int probe(size_t bytes)
 {
-    const LibraryLock lock(g_persist_mutex);
-    const int         fd = open(kWritten, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const int fd = open(kProbe, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0)
         return errno;
     const int error = posix_fallocate(fd, 0, static_cast<off_t>(bytes));
     close(fd);
-    unlink(kWritten);
+    unlink(kProbe);
     return error;
 }
 

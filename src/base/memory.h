@@ -5,8 +5,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <type_traits>
+#include <utility>
 
 namespace tarn {
 
@@ -61,10 +63,25 @@ public:
         data_[size_++] = value;
         return true;
     }
-    void     clear() noexcept { size_ = 0; }
-    void     resize_down(size_t size) noexcept { size_ = size < size_ ? size : size_; }
-    size_t   size() const noexcept { return size_; }
-    bool     empty() const noexcept { return size_ == 0; }
+    [[nodiscard]] bool append(const T *values, size_t count) noexcept
+    {
+        if (!reserve(size_ + count))
+            return false;
+        if (count > 0)
+            std::memcpy(data_ + size_, values, count * sizeof(T));
+        size_ += count;
+        return true;
+    }
+    void   clear() noexcept { size_ = 0; }
+    void   resize_down(size_t size) noexcept { size_ = size < size_ ? size : size_; }
+    size_t size() const noexcept { return size_; }
+    bool   empty() const noexcept { return size_ == 0; }
+    void   swap(GrowArray &other) noexcept
+    {
+        std::swap(data_, other.data_);
+        std::swap(size_, other.size_);
+        std::swap(capacity_, other.capacity_);
+    }
     T       *data() noexcept { return data_; }
     const T *data() const noexcept { return data_; }
     T       &operator[](size_t i) noexcept { return data_[i]; }
@@ -78,6 +95,13 @@ private:
     T     *data_     = nullptr;
     size_t size_     = 0;
     size_t capacity_ = 0;
+};
+
+// A global that no thread finds destroyed, however late in the process it comes.
+template <class T> union Undestroyed {
+    T value;
+    constexpr Undestroyed() noexcept : value() {}
+    ~Undestroyed() {}
 };
 
 } // namespace tarn

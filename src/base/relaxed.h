@@ -21,8 +21,6 @@ template <class T> class Shared {
     static_assert(std::is_trivially_copyable_v<T>);
 
 public:
-    using value_type = T;
-
     // Leaves the value as it is: a record of zero bytes stays a trivial one.
     // cppcheck-suppress uninitMemberVar
     Shared() = default;
@@ -70,20 +68,17 @@ template <class T> using value_of = typename PlainOf<T>::type;
 // A field that stays a plain T, since hosts copy its record whole or it stands in their own header, used as a Shared<T>.
 template <class T> class SharedRef {
 public:
-    explicit SharedRef(T &field) noexcept : field_(field) {}
+    explicit SharedRef(T &field) noexcept : field_(PlainOf<T>::of(field)) {}
 
-    SharedRef &operator=(std::remove_const_t<T> value) noexcept
+    SharedRef &operator=(value_of<T> value) noexcept requires(!std::is_const_v<T>)
     {
-        std::atomic_ref(field_).store(value, std::memory_order_relaxed);
+        field_.store(value, std::memory_order_relaxed);
         return *this;
     }
-    operator std::remove_const_t<T>() const noexcept
-    {
-        return std::atomic_ref(const_cast<std::remove_const_t<T> &>(field_)).load(std::memory_order_relaxed);
-    }
+    operator value_of<T>() const noexcept { return field_.load(std::memory_order_relaxed); }
 
 private:
-    T &field_;
+    std::atomic_ref<value_of<T>> field_;
 };
 template <class T> [[nodiscard]] SharedRef<T> shared(T &field) noexcept
 {
@@ -93,11 +88,6 @@ template <class T> [[nodiscard]] SharedRef<T> shared(T &field) noexcept
 template <class T> [[nodiscard]] inline value_of<T> peek(T &shared) noexcept NO_LOCK_ANALYSIS
 {
     return std::atomic_ref(PlainOf<T>::of(shared)).load(std::memory_order_relaxed);
-}
-
-template <class T> inline void poke(T &shared, std::type_identity_t<value_of<T>> value) noexcept
-{
-    std::atomic_ref(PlainOf<T>::of(shared)).store(value, std::memory_order_relaxed);
 }
 
 template <class T> [[nodiscard]] inline value_of<T> peek_acquire(T &shared) noexcept NO_LOCK_ANALYSIS

@@ -109,8 +109,7 @@ void end_wait(const Claim &claim) noexcept;
 
 // The same for a pool record whose delay was called off while another thread was about to let it wait or had the claim;
 // no scan would find it any more. CONNECT calls this after it called the delay off, and ~Claim for what happened while
-// it lasted.
-// Takes will_lock.
+// it lasted. Takes will_lock.
 void release_called_off(mqtt_client_t &client) noexcept;
 
 } // namespace client
@@ -133,6 +132,9 @@ struct PacketParts {
 
 // Queues the packet and sees to its sending; 0, or 0xFFFFFFFF when it was dropped.
 uint32_t send_to(mqtt_client_t &client, const PacketParts &packet) noexcept;
+// The same for the answer to a packet of the client's, PACKET_REPLY_SIZE bytes at most: behind its answers that wait for
+// the disk (held_answers.cpp), and then it counts as sent.
+uint32_t answer_client(mqtt_client_t &client, std::span<const uint8_t> answer) noexcept;
 
 // The same in two steps, for callers that have something to do before the packet may leave: after queue_packet returned
 // 0 they call see_to_sending soon.

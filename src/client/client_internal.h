@@ -205,6 +205,11 @@ void                   list_in_round(int32_t index) noexcept;
 // then. `quiet_turns` is the caller's count.
 bool rounds_are_watched(int &quiet_turns) noexcept;
 
+// ---- answers that wait for the disk (held_answers.cpp)
+
+[[nodiscard]] bool has_held_answers(const mqtt_client_t &client) noexcept;
+void               drop_held_answers(mqtt_client_t &client) noexcept; // its life has ended
+
 // ---- wills and scans (will_store.cpp, will_scan.cpp, timeout_scan.cpp)
 
 void free_will_texts(mqtt_client_t &client) noexcept REQUIRES(client.will_lock);

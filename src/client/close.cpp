@@ -13,9 +13,8 @@ namespace {
 
 // QUIRK(session-never-expires): the session of a 5.0 client that is away does not end with its expiry interval
 // [MQTT-4.1.0-2]: the deadline is written to its file, but nobody ends what is past it. Subscriptions and messages
-// wait until the client comes back, over restarts too. To end such a session, connect
-// with its id, a clean start and no expiry interval and disconnect, or remove its files in broker_data while the broker
-// is stopped.
+// wait until the client comes back, over restarts too. To end such a session, connect with its id, a clean start and no
+// expiry interval and disconnect, or remove its files in broker_data while the broker is stopped.
 //   test: connect.v5_session_does_not_expire_while_its_client_is_away
 void keep_session_until(mqtt_client_t &client, const client_id_text &id, uint32_t interval_s)
 {

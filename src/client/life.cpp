@@ -78,7 +78,7 @@ template <When when, Guard guard, size_t row> void zero_field(mqtt_client_t &cli
     if constexpr (field.guard == guard && field[when] == Cell::Zero) {
         uint8_t *const at = reinterpret_cast<uint8_t *>(&client) + field.at;
         if constexpr (field.is_word)
-            *reinterpret_cast<Shared<typename WordOf<field.size>::type> *>(at) = 0;
+            shared(*reinterpret_cast<typename WordOf<field.size>::type *>(at)) = 0;
         else
             memset(at, 0, field.size);
     }
@@ -256,6 +256,7 @@ bool release_record(mqtt_client_t &client) noexcept
     if (!set_mark(client, kReleased))
         return false;
     qos::drop_deliveries_of(client); // after the mark: none can be added any more
+    drop_held_answers(client);
     leave_pool(client, kRelease);
     reset<When::Release>(client);
     uncount_delayed_will(client);
@@ -272,6 +273,7 @@ void take_down(mqtt_client_t &client) noexcept
     const client_ref pin(&client);
     (void)set_mark(client, kReleased);
     drop_deliveries(client);
+    drop_held_answers(client);
     leave_pool(client, kTakeDown);
     reset<When::TakeDown>(client);
     uncount_delayed_will(client);
@@ -289,10 +291,10 @@ void wipe(mqtt_client_t &client) noexcept
 void wipe_all(mqtt_client_t &client) noexcept
 {
     wipe(client);
-    auto *const bytes = reinterpret_cast<Shared<uint8_t> *>(&client);
+    auto *const bytes = reinterpret_cast<uint8_t *>(&client);
     for (const Field &field : kRecord)
         for (size_t i = 0; field.guard != Guard::Lock && field.guard != Guard::Session && i < field.size; ++i)
-            bytes[field.at + i] = 0; // scans may look in passing
+            shared(bytes[field.at + i]) = 0; // scans may look in passing
     clear_session(client);
 }
 

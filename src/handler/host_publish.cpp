@@ -11,7 +11,7 @@ constexpr size_t kSentTopicChars = 255;
 void keep_for_offline(const Routing &routing)
 {
     const Receiver        &receiver = routing.receiver;
-    persist::LockedSession session(receiver.id());
+    persist::AbsentSession session(receiver.id());
     if (!is_kept(routing, session))
         return;
     if (receiver.qos == 0) {

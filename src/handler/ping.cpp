@@ -18,7 +18,7 @@ int handle_ping(mqtt_client_t &client, Packet) noexcept
         return -1;
     }
     memcpy(reply.get(), kPingresp, sizeof kPingresp);
-    if (send_to(client, {{reply.get(), sizeof kPingresp}}) == 0) {
+    if (answer_client(client, {reply.get(), sizeof kPingresp}) == 0) {
         LOG_DEBUG("发送心跳响应成功：ClientID=%s", client.client_id);
         client::note_active(client);
     }

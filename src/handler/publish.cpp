@@ -15,7 +15,7 @@ namespace {
 void keep_for_offline(const Routing &routing)
 {
     const Receiver        &receiver = routing.receiver;
-    persist::LockedSession session(receiver.id());
+    persist::AbsentSession session(receiver.id());
     if (!is_kept(routing, session) || !keep_message(routing, session))
         return;
     LOG_INFO("[MQTT标准] 离线消息已存储：ClientID=%s, Topic=%s", receiver.id(), routing.message.topic_text());

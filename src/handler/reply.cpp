@@ -22,7 +22,7 @@ template <class Encode> Reply send_reply(mqtt_client_t &client, Encode encode)
     std::span<uint8_t> packet(reply.get(), PACKET_REPLY_SIZE);
     if (failed(encode(packet)) || packet.empty())
         return Reply::NotEncoded;
-    (void)send_to(client, {packet});
+    (void)answer_client(client, packet);
     return Reply::Sent;
 }
 

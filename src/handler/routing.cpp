@@ -159,13 +159,13 @@ bool route(Routing &routing, const char *topic) noexcept
     return true;
 }
 
-bool is_kept(const Routing &routing, const persist::LockedSession &session) noexcept
+bool is_kept(const Routing &routing, const persist::AbsentSession &session) noexcept
 {
     return session.is_loaded() && (!routing.receiver.to->clean_session || session.has_files()) &&
            !routing.message.topic.empty() && !routing.message.payload.empty();
 }
 
-bool keep_message(const Routing &routing, persist::LockedSession &session) noexcept
+bool keep_message(const Routing &routing, persist::AbsentSession &session) noexcept
 {
     const Message &message = routing.message;
     session.count_and_log_again();

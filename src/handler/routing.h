@@ -6,7 +6,7 @@
 #ifndef TARN_HANDLER_ROUTING_H
 #define TARN_HANDLER_ROUTING_H
 
-#include "../persist/session_store.h"
+#include "../persist/absent_session.h"
 #include "../sub/match_list.h"
 #include "delivery_cache.h"
 #include "handler_internal.h"
@@ -107,10 +107,10 @@ struct Routing {
 
 // True when the message is to be kept for this offline receiver: it has a topic and a payload, and the receiver
 // subscribed without a clean session or has files.
-[[nodiscard]] bool is_kept(const Routing &routing, const persist::LockedSession &session) noexcept;
+[[nodiscard]] bool is_kept(const Routing &routing, const persist::AbsentSession &session) noexcept;
 
 // Counts and logs a second load, though the files were read once for is_kept(). False without memory.
-[[nodiscard]] bool keep_message(const Routing &routing, persist::LockedSession &session) noexcept;
+[[nodiscard]] bool keep_message(const Routing &routing, persist::AbsentSession &session) noexcept;
 
 } // namespace tarn::handler
 

@@ -8,7 +8,7 @@
 #include "../base/text.h"
 #include "../log/log.h"
 #include "../stats/stats.hpp"
-#include "persist_internal.h"
+#include "message_files.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -23,10 +23,12 @@ namespace {
 constexpr size_t kSlack = 64;
 using SessionText       = char[PERSIST_TEXT_READ_MAX + 1 + kSlack];
 
+constexpr size_t kMessageTextRoom = PERSIST_MSGS_READ_MAX + 1 + kSlack;
+
 FILE *open_file(const Path &path)
 {
     errno = ENOENT;
-    return path.usable ? fopen(path.text, "re") : nullptr;
+    return path.usable ? open_stream(path.text, "re") : nullptr;
 }
 
 // Whether there is no such file, as far as the error tells: not when descriptors ran out, for example.
@@ -212,7 +214,27 @@ bool take_messages(persist_session_t &record, const char *text)
 
 // ---- the three files
 
-bool read_session_file(persist_session_t &record, const Path &path) REQUIRES(g_persist_mutex)
+// g_persist_mutex, but not for a thread with a SaveBehind: it does not wait for what others read.
+class ReadLock {
+public:
+    ReadLock() noexcept NO_LOCK_ANALYSIS : held_(!SaveBehind::of_this_thread())
+    {
+        if (held_)
+            g_persist_mutex.lock();
+    }
+    ~ReadLock() NO_LOCK_ANALYSIS
+    {
+        if (held_)
+            g_persist_mutex.unlock();
+    }
+    ReadLock(const ReadLock &)            = delete;
+    ReadLock &operator=(const ReadLock &) = delete;
+
+private:
+    bool held_;
+};
+
+bool read_session_file(persist_session_t &record, const Path &path)
 {
     SessionText text{};
     if (!read_file(path, text, PERSIST_TEXT_READ_MAX))
@@ -221,7 +243,7 @@ bool read_session_file(persist_session_t &record, const Path &path) REQUIRES(g_p
     return true;
 }
 
-bool read_subscription_file(persist_session_t &record, const Path &path, bool &has_list) REQUIRES(g_persist_mutex)
+bool read_subscription_file(persist_session_t &record, const Path &path, bool &has_list)
 {
     SessionText text{};
     if (!read_file(path, text, PERSIST_TEXT_READ_MAX))
@@ -230,8 +252,13 @@ bool read_subscription_file(persist_session_t &record, const Path &path, bool &h
     return true;
 }
 
+Found::Messages take_listed(persist_session_t &record, const char *text)
+{
+    return take_messages(record, text) ? Found::Messages::Taken : Found::Messages::NoList;
+}
+
 // Messages of which an error left only the first are not taken at all: with those, the others would be overwritten.
-Found::Messages read_message_file(persist_session_t &record, const Path &path, bool &unread) REQUIRES(g_persist_mutex)
+Found::Messages read_message_file(persist_session_t &record, const Path &path, bool &unread)
 {
     FILE *const file = open_file(path);
     if (!file) {
@@ -239,14 +266,29 @@ Found::Messages read_message_file(persist_session_t &record, const Path &path, b
         return Found::Messages::NoFile;
     }
     auto found = Found::Messages::NoMemory;
-    if (const owned<char> text = allocate_zeroed<char>(PERSIST_MSGS_READ_MAX + 1 + kSlack)) {
+    if (const owned<char> text = allocate_zeroed<char>(kMessageTextRoom)) {
         const size_t got       = fread(text.get(), 1, PERSIST_MSGS_READ_MAX, file);
         unread                 = ferror(file) && !says_there_is_none(errno);
         text[unread ? 0 : got] = '\0';
-        found                  = take_messages(record, text.get()) ? Found::Messages::Taken : Found::Messages::NoList;
+        found                  = take_listed(record, text.get());
     }
     fclose(file);
     return found;
+}
+
+// What the file is about to be counts, if it is not saved yet.
+Found::Messages read_messages(persist_session_t &record, const Path &path, bool &unread)
+{
+    owned<char> text;
+    switch (read_unsaved(record.client_id, text, PERSIST_MSGS_READ_MAX, kMessageTextRoom)) {
+    case Unsaved::Removed:
+        return Found::Messages::NoFile;
+    case Unsaved::Text:
+        return text ? take_listed(record, text.get()) : Found::Messages::NoMemory;
+    case Unsaved::No:
+        break;
+    }
+    return read_message_file(record, path, unread);
 }
 
 } // namespace
@@ -260,29 +302,29 @@ Loaded read_session(persist_session_t &record, Found &found) noexcept
     const owned<Path> path = allocate<Path>(1);
     if (!path)
         return Loaded::NoMemory;
-    ScopedLock lock(g_persist_mutex);
+    const ReadLock lock;
     client_path(path[0], kSessionDirectory, record.client_id);
     found.session_file = read_session_file(record, path[0]);
     client_path(path[0], kSubscriptionDirectory, record.client_id);
     found.subscription_file = read_subscription_file(record, path[0], found.subscription_list);
     client_path(path[0], kMessageDirectory, record.client_id);
-    found.messages = read_message_file(record, path[0], found.messages_unread);
+    found.messages = read_messages(record, path[0], found.messages_unread);
     return Loaded::Yes;
 }
 
-void count_and_log(const persist_session_t &record, const Found &found) noexcept
+void count_and_log(const char *client_id, int32_t subscriptions, const Found &found) noexcept
 {
     if (found.session_file)
         stats::count(stats::Counter::persist_read);
     if (found.subscription_list)
-        LOG_INFO("[persist] ✅ 恢复订阅成功: %s 共 %d 条", record.client_id, record.sub_count);
+        LOG_INFO("[persist] ✅ 恢复订阅成功: %s 共 %d 条", client_id, subscriptions);
     if (found.messages != Found::Messages::NoFile)
         stats::count(stats::Counter::persist_read);
 
     switch (found.messages) {
     case Found::Messages::NoFile: {
         Path path;
-        client_path(path, kMessageDirectory, record.client_id);
+        client_path(path, kMessageDirectory, client_id);
         LOG_DEBUG("[persist][定位] 无离线消息文件：%s", path.text);
         break;
     }
@@ -302,7 +344,7 @@ Loaded load_session(persist_session_t &record, int &files_opened) noexcept
     Found        found;
     const Loaded loaded = read_session(record, found);
     if (loaded == Loaded::Yes)
-        count_and_log(record, found);
+        count_and_log(record.client_id, record.sub_count, found);
     files_opened = found.files();
     return loaded;
 }

@@ -2,7 +2,8 @@
 #include "../base/clock.h"
 #include "../base/text.h"
 #include "../log/log.h"
-#include "persist_internal.h"
+#include "message_files.h"
+#include "offline_message.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -36,10 +37,13 @@ persist_msg_t &place_for_one(persist_session_t &record)
     return record.msgs[PERSIST_MSGS_MAX - 1];
 }
 
+} // namespace
+
 // QUIRK(offline-unexpiring): a kept message has no expiry interval: it is delivered however long its client was away,
 // and without one [MQTT-3.3.2-5, MQTT-3.3.2-6]. The file has no room for it.
 //   test: golden.message_file
-void fill(persist_msg_t &message, const char *topic, const uint8_t *payload, uint32_t payload_len, uint8_t qos)
+void make_message(persist_msg_t &message, const char *topic, const uint8_t *payload, uint32_t payload_len,
+                  uint8_t qos) noexcept
 {
     memset(&message, 0, sizeof message);
     message.qos   = qos;
@@ -50,13 +54,11 @@ void fill(persist_msg_t &message, const char *topic, const uint8_t *payload, uin
     message.store_time = static_cast<uint64_t>(wall_s());
 }
 
-} // namespace
-
 bool LockedSession::add_message(const char *topic, const uint8_t *payload, uint32_t payload_len, uint8_t qos) noexcept
 {
     if (!is_known())
         return false;
-    fill(place_for_one(*record_), topic, payload, payload_len, qos);
+    make_message(place_for_one(*record_), topic, payload, payload_len, qos);
     write_messages();
     return true;
 }
@@ -65,8 +67,10 @@ void LockedSession::write_messages() noexcept
 {
     if (!record_->client_id[0])
         return;
-    if (!found_.messages_unread)
-        return write_files(*record_, PERSIST_MESSAGES);
+    if (!found_.messages_unread) {
+        const Surroundings around = {true, found_, record_->sub_count, {stamps_[0], stamps_[1], stamps_[2]}};
+        return put_messages(*record_, &around);
+    }
     Path path;
     client_path(path, kMessageDirectory, record_->client_id);
     path.usable = false;

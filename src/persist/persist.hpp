@@ -1,19 +1,21 @@
 // persist.hpp - what outlives the process, for the other modules of the library. Hosts have the same as persist.h:
 // persist_c.cpp turns away null pointers, calls this, and makes plain numbers of the results.
 //
-// A session that is read to be changed is a LockedSession (session_store.h): while there is one, nobody else writes its
+// What messages and the retained store cost a thread with a SaveBehind (save_behind.h) is memory only. A session that
+// is read to be changed is a LockedSession (session_store.h): while there is one, nobody else writes its
 // client's files. No pointer may be null where nothing else is said.
 #ifndef TARN_PERSIST_PERSIST_HPP
 #define TARN_PERSIST_PERSIST_HPP
 
-#include "session_store.h"
+#include "absent_session.h"
+#include "save_behind.h"
 
 namespace tarn::persist {
 
 // Makes the directories and loads subscriptions and retained messages. Null or empty: the root stays as it is.
 void init(const char *root_path) noexcept;
 void destroy() noexcept;
-void flush() noexcept; // everything has been written by then
+void flush() noexcept; // everything has been written then; nobody waits on a thread with a SaveBehind
 
 // Writes those of the client's files that `what` names; nothing without an id or for a clean session. The caller holds
 // the record's lock, if others may write to it.

@@ -5,6 +5,7 @@
 #include "../base/memory.h"
 #include "../base/mutex.h"
 #include "persist.hpp"
+#include "replace_files.h"
 
 #include <cstdarg>
 #include <string_view>
@@ -12,12 +13,6 @@
 namespace tarn::persist {
 
 // ---- paths
-
-// Long enough for every root, directory and id, so that a path is judged by its real length.
-struct Path {
-    char text[PERSIST_PATH_SIZE + 256];
-    bool usable; // may reach the file system
-};
 
 // <root>/<directory>/<id>.json. A path that an id with "/" would lead elsewhere, or that is too long together with
 // ".tmp", is not usable: such a client has no files.
@@ -41,6 +36,7 @@ inline void terminate_id(persist_session_t &record) noexcept
 // A text that grows as it is appended to. After an allocation failed it stays as it was and ok() is false.
 class Text {
 public:
+    void reserve(size_t characters) noexcept { ok_ = ok_ && chars_.reserve(characters); }
     void append(std::string_view piece) noexcept;
     void append_format(const char *format, ...) noexcept __attribute__((format(printf, 2, 3)));
     void append_escaped(std::string_view value, bool braces_too = false) noexcept;
@@ -49,6 +45,8 @@ public:
 
     bool        ok() const noexcept { return ok_; }
     const char *c_str() noexcept;
+
+    const GrowArray<char> &chars() const noexcept { return chars_; }
 
 private:
     GrowArray<char> chars_;
@@ -63,6 +61,7 @@ size_t unhex(uint8_t *to, size_t limit, std::string_view pairs) noexcept;
 // ---- files
 
 void make_directory(const char *path) noexcept; // if there is nothing of this name
+void save_everything() noexcept;                // that is not on the disk yet
 
 // Writes `text` to a path that is known to be usable, or says that it cannot.
 void safe_write(const Path &path, const char *text) noexcept;
@@ -72,7 +71,8 @@ Mutex &files_mutex(const char *client_id) noexcept;
 
 // load_session without a word: the record from the client's files, and which of them there were.
 Loaded read_session(persist_session_t &record, Found &found) noexcept;
-void   count_and_log(const persist_session_t &record, const Found &found) noexcept; // counts and logs what was found
+// Counts and logs what a load found.
+void count_and_log(const char *client_id, int32_t subscriptions, const Found &found) noexcept;
 // Clears the clean-session flag of a record with an id when its client has a subscription file; false when it has not.
 bool keep_if_subscribed(persist_session_t &record) noexcept;
 void restore_subscriptions() noexcept; // everybody's, into the table

@@ -5,14 +5,18 @@
 #include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "persist_internal.h"
+#include "retain_file.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
+#include <utility>
 
 namespace tarn::persist {
 namespace {
+
+constinit Mutex g_file_mutex{}; // one writer, whose copy is newer than that of the writer before
 
 // A copy of the store as it is now: the file is written from it while others go on storing.
 struct Snapshot {
@@ -20,9 +24,16 @@ struct Snapshot {
     uint32_t            count = 0;
 };
 
-bool take_snapshot(Snapshot &snapshot) REQUIRES(g_sub_mgr.lock)
+int32_t store_count() NO_LOCK_ANALYSIS
 {
-    const int32_t count = g_sub_mgr.retains ? std::clamp<int32_t>(g_sub_mgr.retain_count, 0, RETAIN_CAPACITY) : 0;
+    return g_sub_mgr.retains ? std::clamp<int32_t>(g_sub_mgr.retain_count, 0, RETAIN_CAPACITY) : 0;
+}
+
+bool take_snapshot(Snapshot &snapshot)
+{
+    ScopedLock    store(g_sub_mgr.lock);
+    ScopedLock    lock(g_persist_mutex);
+    const int32_t count = store_count();
     snapshot.count      = static_cast<uint32_t>(count);
     snapshot.records    = allocate<retain_msg_t>(snapshot.count);
     if (!snapshot.records)
@@ -34,7 +45,7 @@ bool take_snapshot(Snapshot &snapshot) REQUIRES(g_sub_mgr.lock)
 
 // Under a name of its own and renamed, so that a kill leaves the old file or the new one. A full disk keeps the old
 // one, and nobody is told. False when the file cannot be opened or its place cannot be taken.
-bool write_snapshot(const Snapshot &snapshot) REQUIRES(g_persist_mutex)
+bool write_snapshot(const Snapshot &snapshot) REQUIRES(g_file_mutex)
 {
     char path[PERSIST_PATH_SIZE + 16];
     char tmp[sizeof path + 4];
@@ -50,6 +61,50 @@ bool write_snapshot(const Snapshot &snapshot) REQUIRES(g_persist_mutex)
         return true;
     unlink(tmp);
     return !written;
+}
+
+bool write_store(uint32_t &count)
+{
+    ScopedLock lock(g_file_mutex);
+    Snapshot   snapshot;
+    if (!take_snapshot(snapshot) || !write_snapshot(snapshot))
+        return false;
+    count = snapshot.count;
+    return true;
+}
+
+void log_failure()
+{
+    LOG_ERROR("[persist] retain save failed");
+}
+
+void log_success(uint32_t count)
+{
+    LOG_DEBUG("[persist] retain saved: %d entries", static_cast<int>(count));
+}
+
+// ---- saved behind the thread that changed the store
+
+struct Request {
+    uint32_t    changes = 0; // since the last save began
+    SaveWaiters waiters;
+};
+constinit Undestroyed<Request> g_request GUARDED_BY(g_save_mutex);
+
+// True when the saver thread will do it. The line comes before the file then, in the order of the packet's lines.
+bool save_behind()
+{
+    SaveBehind *const behind = SaveBehind::of_this_thread();
+    SaveWaiter *const waiter = behind ? behind->waiter() : nullptr;
+    {
+        ScopedLock lock(g_save_mutex);
+        if (!waiter || !saver_runs() || !g_request.value.waiters.add(*waiter))
+            return false;
+        g_request.value.changes++;
+        wake_saver();
+    }
+    log_success(static_cast<uint32_t>(store_count()));
+    return true;
 }
 
 bool read_records(FILE *file, owned<retain_msg_t> &records, uint32_t &count)
@@ -69,25 +124,43 @@ void make_safe(retain_msg_t &record)
 
 } // namespace
 
-// The newer of two copies must be the one that stays on the disk. So the file's lock is taken while the store's is
-// still held for the copy, and only then is the store's given back.
-bool save_retained() noexcept NO_LOCK_ANALYSIS
+bool save_retained() noexcept
 {
-    Snapshot snapshot;
-    g_sub_mgr.lock.lock();
-    g_persist_mutex.lock();
-    const bool copied = take_snapshot(snapshot);
-    g_sub_mgr.lock.unlock();
-    const bool opened = copied && write_snapshot(snapshot);
-    g_persist_mutex.unlock();
-
-    if (!opened) {
-        LOG_ERROR("[persist] retain save failed");
+    if (save_behind())
+        return true;
+    uint32_t count = 0;
+    if (!write_store(count)) {
+        log_failure();
         return false;
     }
     stats::count(stats::Counter::persist_write);
-    LOG_DEBUG("[persist] retain saved: %d entries", static_cast<int>(snapshot.count));
+    log_success(count);
     return true;
+}
+
+bool save_store_if_asked() noexcept
+{
+    Request request;
+    if (g_request.value.changes == 0)
+        return false;
+    request.changes = std::exchange(g_request.value.changes, 0u);
+    request.waiters.take(g_request.value.waiters);
+    g_save_mutex.unlock();
+    uint32_t   count   = 0;
+    const bool written = write_store(count);
+    if (!written)
+        log_failure();
+    for (uint32_t i = 0; i < request.changes && written; ++i)
+        stats::count(stats::Counter::persist_write);
+    request.waiters.tell();
+    g_save_mutex.lock();
+    return true;
+}
+
+void save_store_now() noexcept
+{
+    ScopedLock lock(g_save_mutex);
+    (void)save_store_if_asked();
 }
 
 bool load_retained() noexcept

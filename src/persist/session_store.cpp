@@ -1,5 +1,5 @@
 // session_store.cpp - a record to load a session into that is not on the stack, and a session held while it is changed.
-#include "persist_internal.h"
+#include "message_files.h"
 
 #include "../base/memory.h"
 #include "../base/text.h"
@@ -40,15 +40,17 @@ persist_session_t *scratch_session(const char *client_id) noexcept
     return record;
 }
 
-LockedSession::LockedSession(const char *client_id) noexcept
+LockedSession::LockedSession(const char *client_id, Load load) noexcept
     : files_(files_mutex(client_id)), record_(scratch_session(client_id))
 {
     files_.lock();
     if (!record_)
         return;
+    if (SaveBehind::of_this_thread())
+        take_stamps(client_id, stamps_); // before the files are read: what changes in between is noticed later
     loaded_ = read_session(*record_, found_);
-    if (loaded_ == Loaded::Yes)
-        count_and_log(*record_, found_);
+    if (loaded_ == Loaded::Yes && load == CountAndLog)
+        count_and_log_again();
 }
 
 LockedSession::~LockedSession() noexcept
@@ -58,7 +60,7 @@ LockedSession::~LockedSession() noexcept
 
 void LockedSession::count_and_log_again() const noexcept
 {
-    count_and_log(*record_, found_);
+    count_and_log(record_->client_id, record_->sub_count, found_);
 }
 
 } // namespace tarn::persist

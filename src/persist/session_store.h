@@ -6,7 +6,20 @@
 #include "persist.h"
 #include "../base/mutex.h"
 
+#include <ctime>
+#include <sys/types.h>
+
 namespace tarn::persist {
+
+// Tells one state of a file from another.
+struct Stamp {
+    dev_t    device = 0;
+    ino_t    inode  = 0;
+    off_t    size   = -1; // of no file
+    timespec changed{};
+
+    bool operator==(const Stamp &other) const noexcept;
+};
 
 // What lay where a client's three files would be.
 struct Found {
@@ -35,7 +48,8 @@ persist_session_t *scratch_session(const char *client_id) noexcept;
 // writes this client's files. One at a time on each thread.
 class LockedSession {
 public:
-    explicit LockedSession(const char *client_id) noexcept NO_LOCK_ANALYSIS;
+    enum Load { CountAndLog, Quietly };
+    explicit LockedSession(const char *client_id, Load load = CountAndLog) noexcept NO_LOCK_ANALYSIS;
     ~LockedSession() noexcept NO_LOCK_ANALYSIS;
     LockedSession(const LockedSession &)            = delete;
     LockedSession &operator=(const LockedSession &) = delete;
@@ -66,6 +80,7 @@ public:
 private:
     Mutex             &files_;
     persist_session_t *record_;
+    Stamp              stamps_[3]; // of the three files as they were read
     Found              found_;
     Loaded             loaded_ = Loaded::NoId;
 };

@@ -1,13 +1,11 @@
 // storage.cpp - the data directory: where files lie, how one is replaced, and the module's start and stop.
-#include "../base/clock.h"
 #include "../base/text.h"
 #include "../log/log.h"
 #include "../stats/stats.hpp"
-#include "persist_internal.h"
+#include "message_files.h"
+#include "retain_file.h"
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,63 +16,10 @@ tarn_mutex_t g_persist_mutex{};
 namespace tarn::persist {
 namespace {
 
-constexpr int      kAttempts      = 3;
-constexpr uint32_t kRetryPause_ms = 10;
-constexpr size_t   kFileLocks     = 64;
-constexpr size_t   kTmpChars      = 4; // ".tmp"
+constexpr size_t kFileLocks = 64;
+constexpr size_t kTmpChars  = 4; // ".tmp"
 
 constinit Mutex g_file_mutexes[kFileLocks]{};
-
-void log_cannot_write(const char *tmp)
-{
-    LOG_ERROR("[persist] 写入临时文件失败(重试%d次): %s", kAttempts, tmp);
-}
-
-// True when the whole text is on the disk under this name.
-bool write_whole(const char *name, const char *text)
-{
-    FILE *const file = fopen(name, "we");
-    if (!file)
-        return false;
-    bool written = fputs(text, file) >= 0;
-    written      = fflush(file) == 0 && written;
-    written      = fsync(fileno(file)) == 0 && written;
-    return fclose(file) == 0 && written;
-}
-
-// Replaces the target in one step, so that a reader finds the old text or the new one. The target is deleted first only
-// where the file system cannot replace: after any other failure that could lose the old text for nothing.
-bool replace(const char *tmp, const char *target)
-{
-    for (int attempt = 1; attempt <= kAttempts; ++attempt) {
-        if (rename(tmp, target) == 0)
-            return true;
-        if (errno == EEXIST)
-            unlink(target);
-        if (attempt < kAttempts)
-            pause_ms(kRetryPause_ms);
-    }
-    return false;
-}
-
-void replace_file(const char *target, const char *tmp, const char *text)
-{
-    int attempt = 1;
-    while (!write_whole(tmp, text)) {
-        if (attempt++ == kAttempts) {
-            unlink(tmp);
-            log_cannot_write(tmp);
-            return;
-        }
-        pause_ms(kRetryPause_ms);
-    }
-    if (replace(tmp, target)) {
-        stats::count(stats::Counter::persist_write);
-        return;
-    }
-    LOG_ERROR("[persist] 重命名失败: %s", target);
-    unlink(tmp);
-}
 
 } // namespace
 
@@ -92,12 +37,10 @@ void client_path(Path &path, const char *directory, const char *client_id) noexc
 
 void safe_write(const Path &path, const char *text) noexcept
 {
-    char tmp[sizeof path.text + kTmpChars];
-    snprintf(tmp, sizeof tmp, "%s.tmp", path.text);
-    if (path.usable)
-        replace_file(path.text, tmp, text);
-    else
-        log_cannot_write(tmp);
+    NewFile file{.path = path, .text = text};
+    replace_files({&file, 1});
+    if (file.replaced)
+        stats::count(stats::Counter::persist_write);
 }
 
 Mutex &files_mutex(const char *client_id) noexcept
@@ -125,9 +68,18 @@ void make_directory(const char *path) noexcept
     LOG_DEBUG("[persist] 目录创建成功: %s", path);
 }
 
+void save_everything() noexcept
+{
+    save_store_now();
+    ScopedLock lock(g_save_mutex);
+    save_all_messages();
+    forget_saved_message_files();
+}
+
 void init(const char *root_path) noexcept
 {
     LOG_INFO("[persist] 持久化模块初始化中...");
+    save_everything();                                                          // under the root that it belongs to
     if (root_path && *root_path && strcmp(root_path, g_persist_root_path) != 0) // clients of another instance read it
         copy_text(g_persist_root_path, root_path, sizeof g_persist_root_path - 1);
     make_directory(g_persist_root_path);
@@ -141,14 +93,18 @@ void init(const char *root_path) noexcept
     LOG_INFO("[persist] 持久化模块初始化完成，路径：%s", g_persist_root_path);
 }
 
-// The mutex stays: clients may still close after this.
+// The mutexes stay: clients may still close after this.
 void destroy() noexcept
 {
     LOG_INFO("[persist] 持久化模块销毁中...");
+    stop_saver();
+    save_everything();
 }
 
 void flush() noexcept
 {
+    if (!SaveBehind::of_this_thread())
+        save_everything();
     LOG_DEBUG("[persist] 执行强制刷盘(无操作，已同步写入)");
 }
 
@@ -159,11 +115,12 @@ bool remove_session(const char *client_id) noexcept
         return false;
     ScopedLock files(files_mutex(client_id));
     ScopedLock lock(g_persist_mutex);
-    for (const char *directory : {kSessionDirectory, kSubscriptionDirectory, kMessageDirectory}) {
+    for (const char *directory : {kSessionDirectory, kSubscriptionDirectory}) {
         client_path(path[0], directory, client_id);
         if (path[0].usable)
             unlink(path[0].text);
     }
+    remove_messages(client_id);
     return true;
 }
 

@@ -56,9 +56,7 @@ size_t decode_escape(std::string_view raw, char &decoded)
 
 void Text::append(std::string_view piece) noexcept
 {
-    ok_ = ok_ && chars_.reserve(chars_.size() + piece.size() + 1);
-    for (size_t i = 0; ok_ && i < piece.size(); ++i)
-        ok_ = chars_.push(piece[i]);
+    ok_ = ok_ && chars_.append(piece.data(), piece.size());
 }
 
 void Text::append_format(const char *format, ...) noexcept

@@ -1,6 +1,6 @@
 // write_session.cpp - a client's three files from its session record.
 #include "../base/text.h"
-#include "persist_internal.h"
+#include "message_files.h"
 
 #include <algorithm>
 
@@ -89,28 +89,6 @@ void write_subscription_file(const persist_session_t &record)
         safe_write(path, whole);
 }
 
-void write_message_file(const persist_session_t &record)
-{
-    const int count = messages_in(record);
-
-    Text text;
-    text.append("{\"msgs\":[");
-    for (int i = 0; i < count; ++i) {
-        const persist_msg_t &message = record.msgs[i];
-        text.append_format("%s{\"msgid\":%d,\"qos\":%d,\"topic\":\"", i ? "," : "", message.msgid, message.qos);
-        text.append_escaped(text_of(message.topic), true);
-        text.append("\",\"payload\":\"");
-        text.append_hex(message.payload, std::min<uint32_t>(message.payload_len, sizeof message.payload));
-        text.append("\"}");
-    }
-    text.append("]}");
-
-    Path path;
-    client_path(path, kMessageDirectory, record.client_id);
-    if (const char *const whole = text.c_str())
-        safe_write(path, whole);
-}
-
 } // namespace
 
 void write_files(persist_session_t &record, uint8_t what) noexcept
@@ -118,12 +96,14 @@ void write_files(persist_session_t &record, uint8_t what) noexcept
     if (record.clean_session & 1)
         return;
     terminate_id(record);
+    if (what & (PERSIST_SESSION | PERSIST_SUBSCRIPTIONS))
+        forget_surroundings(record.client_id);
     if (what & PERSIST_SESSION)
         write_session_file(record, session_characters(record, what));
     if (what & PERSIST_SUBSCRIPTIONS)
         write_subscription_file(record);
     if (what & PERSIST_MESSAGES)
-        write_message_file(record);
+        put_messages(record, nullptr);
 }
 
 void write_session(persist_session_t &record, uint8_t what) noexcept

@@ -81,8 +81,8 @@ LogCapture::LogCapture(uint32_t level)
     saved_stdout_ = dup(STDOUT_FILENO);
     memory_       = memfd_create("log", MFD_CLOEXEC);
     dup2(memory_, STDOUT_FILENO);
-    poke(g_log_config.level, level);
-    poke(g_log_config.output, uint32_t{AGENT_LOG_TO_CONSOLE});
+    g_log_config.level  = level;
+    g_log_config.output = uint32_t{AGENT_LOG_TO_CONSOLE};
 }
 
 LogCapture::~LogCapture()
@@ -93,8 +93,8 @@ LogCapture::~LogCapture()
         fputs(all.c_str(), stdout);
     close(saved_stdout_);
     close(memory_);
-    poke(g_log_config.level, saved_level_);
-    poke(g_log_config.output, saved_output_);
+    g_log_config.level  = saved_level_;
+    g_log_config.output = saved_output_;
 }
 
 std::string LogCapture::raw()

@@ -211,10 +211,10 @@ TEST(broker_thread_entry, turns_until_running_is_cleared)
 {
     QuietLog log;
     broker_t broker{};
-    poke(broker.running, 1);
+    shared(broker.running) = 1;
     std::thread thread(broker_thread_entry, &broker);
     EXPECT_TRUE(eventually([] { return times(kReset) == 1 && times(kExpiry) >= 1 && times(kWills) >= 2; }));
-    poke(broker.running, 0);
+    shared(broker.running) = 0;
     thread.join();
     EXPECT_EQ(times("client_clean_timeout 0"), 1);
 }
@@ -223,7 +223,7 @@ TEST(housekeeping_thread, pauses_10_ms_after_each_turn)
 {
     QuietLog log;
     broker_t broker{};
-    poke(broker.running, 1);
+    shared(broker.running) = 1;
     api::start_housekeeping(broker);
     EXPECT_TRUE(eventually([] { return turns() > 0; }));
     const uint64_t start_ms = mono_ms();
@@ -231,7 +231,7 @@ TEST(housekeeping_thread, pauses_10_ms_after_each_turn)
     EXPECT_TRUE(eventually([&] { return turns() >= before + 21; }));
     EXPECT_EQ(pause_us(), 10000);
     EXPECT_GE(mono_ms() - start_ms, 195u); // at least 20 whole pauses lie between
-    poke(broker.running, 0);
+    shared(broker.running) = 0;
     EXPECT_TRUE(api::stop_housekeeping(broker));
 }
 
@@ -239,14 +239,14 @@ TEST(housekeeping_thread, there_is_one_an_instance)
 {
     QuietLog log;
     broker_t broker{};
-    poke(broker.running, 1);
+    shared(broker.running) = 1;
     api::start_housekeeping(broker);
     const pthread_t first = broker.thread;
     EXPECT_NE(first, 0u);
     api::start_housekeeping(broker);
     EXPECT_EQ(broker.thread, first);
     EXPECT_TRUE(eventually([] { return threads_named("tarn-house") == 1; }));
-    poke(broker.running, 0);
+    shared(broker.running) = 0;
     EXPECT_TRUE(api::stop_housekeeping(broker));
     EXPECT_EQ(broker.thread, 0u);
     EXPECT_TRUE(eventually([] { return threads_named("tarn-house") == 0; }));
@@ -257,7 +257,7 @@ TEST(housekeeping_thread, one_that_cannot_be_made_is_no_thread)
 {
     QuietLog log;
     broker_t broker{};
-    poke(broker.running, 1);
+    shared(broker.running) = 1;
     {
         Fail fail(Call::ThreadCreate, 1, EAGAIN);
         api::start_housekeeping(broker);
@@ -266,6 +266,6 @@ TEST(housekeeping_thread, one_that_cannot_be_made_is_no_thread)
     EXPECT_EQ(broker.thread, 0u);
     api::start_housekeeping(broker);
     EXPECT_NE(broker.thread, 0u);
-    poke(broker.running, 0);
+    shared(broker.running) = 0;
     EXPECT_TRUE(api::stop_housekeeping(broker));
 }

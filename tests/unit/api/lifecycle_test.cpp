@@ -586,7 +586,7 @@ TEST_F(start, replaces_a_housekeeping_thread_that_ended)
 {
     ASSERT_EQ(broker.start(), TARN_OK);
     EXPECT_TRUE(eventually([] { return turns() > 2; }));
-    poke(broker->running, 0);
+    shared(broker->running) = 0;
     EXPECT_TRUE(eventually([] { return threads_named("tarn-house") == 0; }));
     ASSERT_EQ(broker.start(), TARN_OK);
     forget_turns();

@@ -122,6 +122,38 @@ TEST(grow_array, grows_and_fails_whole)
     EXPECT_TRUE(array.empty());
 }
 
+TEST(relaxed, a_shared_field_is_read_and_written_like_a_plain_one)
+{
+    struct Record {
+        Shared<uint32_t> state;
+        Shared<Record *> next;
+    };
+    static_assert(std::is_trivially_copyable_v<Record> && sizeof(Record) == 16);
+    static_assert(!std::is_copy_assignable_v<Shared<uint32_t>>, "or a copy would be read without an atomic");
+    Record record{};
+    record.state = 7;
+    record.next  = &record;
+    EXPECT_EQ(record.next->state, 7u);
+    EXPECT_EQ(peek(record.state), 7u);
+    EXPECT_EQ(bump(record.state), 7u);
+    EXPECT_EQ(swap_in(record.state, 3), 8u);
+    const auto copy = record.state;
+    record.state    = 4;
+    EXPECT_EQ(copy, 3u);
+}
+
+TEST(relaxed, a_plain_field_is_shared_where_it_is_named_so)
+{
+    uint8_t           flag = 0;
+    volatile uint32_t word = 5;
+    const int32_t     seen = 6;
+    shared(flag)           = 1;
+    shared(word)           = 9;
+    EXPECT_EQ(flag, 1);
+    EXPECT_EQ(uint32_t{shared(word)}, 9u);
+    EXPECT_EQ(int32_t{shared(seen)}, 6);
+}
+
 TEST(relaxed, swaps_and_counts)
 {
     uint32_t value = 5;
@@ -133,7 +165,6 @@ TEST(relaxed, swaps_and_counts)
     EXPECT_EQ(value, 1u);
     EXPECT_TRUE(swap_if(value, 1, 3));
     EXPECT_EQ(peek_acquire(value), 3u);
-    poke(value, 4);
     poke_release(value, 5);
     EXPECT_EQ(value, 5u);
     int32_t count = 1;

@@ -14,8 +14,8 @@ using namespace std::chrono_literals;
 namespace {
 
 // An alarm that nobody has to construct, as the library uses it.
-constinit WakeablePause g_alarm{};
-constinit uint8_t       g_running = 1;
+constinit WakeablePause   g_alarm{};
+constinit Shared<uint8_t> g_running = 1;
 
 uint64_t time_of(auto what)
 {
@@ -69,14 +69,14 @@ TEST(alarm, a_ring_after_the_flag_was_cleared_ends_every_pause)
         std::this_thread::sleep_for(1ms);
     std::this_thread::sleep_for(20ms);
     EXPECT_LT(time_of([&] {
-                  poke(g_running, 0);
+                  g_running = 0;
                   g_alarm.wake();
                   one.join();
                   two.join();
               }),
               20000u);
     EXPECT_EQ(done, 2);
-    poke(g_running, 1);
+    g_running = 1;
 }
 
 TEST(alarm, a_ring_alone_does_not_end_a_pause)
@@ -97,13 +97,13 @@ TEST(alarm, a_ring_alone_does_not_end_a_pause)
 TEST(alarm, no_ring_is_missed)
 {
     for (int i = 0; i < 200; ++i) {
-        poke(g_running, 1);
+        g_running = 1;
         std::thread waiter([] { g_alarm.pause_while(g_running, 60000); });
         if (i % 2)
             std::this_thread::yield();
-        poke(g_running, 0);
+        g_running = 0;
         g_alarm.wake();
         waiter.join();
     }
-    poke(g_running, 1);
+    g_running = 1;
 }

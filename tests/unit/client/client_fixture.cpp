@@ -189,8 +189,8 @@ mqtt_client_t *log_in(uint32_t handle, const char *id, uint8_t clean, uint32_t v
     if (!client)
         return nullptr;
     client_set_cid(client, id);
-    client->clean_session = clean;
-    poke(client->codec.version, version);
+    client->clean_session         = clean;
+    shared(client->codec.version) = version;
     EXPECT_TRUE(mark_logged_in(*client));
     return client;
 }

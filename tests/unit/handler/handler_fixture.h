@@ -100,8 +100,8 @@ struct Handling {
 
     explicit Handling(int32_t max_clients = 100)
     {
-        poke(g_log_config.output, 0u);
-        poke(g_log_config.level, uint32_t{AGENT_LOG_INFO});
+        g_log_config.output = 0u;
+        g_log_config.level  = uint32_t{AGENT_LOG_INFO};
         make_directories();
         sub_init();
         msgid_seed = 1;
@@ -124,8 +124,8 @@ struct Handling {
 // Nothing is logged meanwhile, also where a test captures lines.
 class Muted {
 public:
-    Muted() : output_(peek(g_log_config.output)) { poke(g_log_config.output, 0u); }
-    ~Muted() { poke(g_log_config.output, output_); }
+    Muted() : output_(peek(g_log_config.output)) { g_log_config.output = 0u; }
+    ~Muted() { g_log_config.output = output_; }
     Muted(const Muted &)            = delete;
     Muted &operator=(const Muted &) = delete;
 

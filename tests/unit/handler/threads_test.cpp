@@ -33,7 +33,7 @@ void serve(Handling &broker, uint32_t handle, const std::string &id)
 TEST(threads, publish_connect_and_close_at_once)
 {
     Handling broker;
-    poke(g_log_config.level, uint32_t{AGENT_LOG_FATAL});
+    g_log_config.level = uint32_t{AGENT_LOG_FATAL};
     std::atomic<bool> done{false};
 
     const auto publish = [&] {
@@ -66,7 +66,7 @@ TEST(threads, delayed_wills_end_while_clients_come_back)
 {
     ManualClock clock;
     Handling    broker;
-    poke(g_log_config.level, uint32_t{AGENT_LOG_FATAL});
+    g_log_config.level = uint32_t{AGENT_LOG_FATAL};
     std::atomic<bool> done{false}, armed{false}; // armed: the client has its will and its delay
     const Bytes       connect = packet(0x10, wire("00 04 'MQTT' 05 04 00 3C | 05 27 00 00 10 00 | 00 04 'dev1'"
                                                         "| 05 18 00 00 00 01 | 00 01 'w' | 00 01 'x'"));
@@ -108,7 +108,7 @@ TEST(threads, a_message_stored_while_others_are_restored_is_not_lost)
     constexpr int kMessages = 60; // all of them are read back from one file
     Handling      broker;
     Client        client(broker, 4, "dev1");
-    poke(g_log_config.level, uint32_t{AGENT_LOG_FATAL});
+    g_log_config.level = uint32_t{AGENT_LOG_FATAL};
     std::atomic<bool> done{false};
 
     std::thread store([&] {

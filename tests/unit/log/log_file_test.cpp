@@ -43,7 +43,7 @@ void start(const char *path, uint32_t max_file_size = 0, uint32_t output = 3)
 // One line in the interleaving in which it reaches the file: the flag is cleared while the console prints.
 std::string log_through(const char *text, uint32_t level = AGENT_LOG_WARN)
 {
-    Console console([] { tarn::poke(g_log_in_use, 0); });
+    Console console([] { tarn::shared(g_log_in_use) = 0; });
     agent_log(level, "%s", text);
     return console.text;
 }
@@ -266,7 +266,7 @@ TEST_F(log_file, is_not_waited_for)
     });
     while (id == 0 || tarn::peek(g_log_in_use) == 0 || !asleep(id))
         std::this_thread::yield();
-    tarn::poke(g_log_in_use, 0);
+    tarn::shared(g_log_in_use) = 0;
     EXPECT_THAT(log_through("on the console alone"), EndsWith("alone\n"));
     const int reader = open("pipe", O_RDONLY);
     clearing.join();

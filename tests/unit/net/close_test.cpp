@@ -162,8 +162,9 @@ TEST(netip_close, without_memory_an_objection_costs_a_descriptor)
     const int fd = g_netip_clients[0].fd;
     {
         ScopedLock lock(g_netip_lock); // a callback that allocates nothing itself
-        poke(g_netip_cb,
-             [](uint32_t, uint32_t, const uint8_t *, uint32_t, uint32_t, uint32_t, void *) -> uint8_t { return 0; });
+        g_netip_cb = [](uint32_t, uint32_t, const uint8_t *, uint32_t, uint32_t, uint32_t, void *) -> uint8_t {
+            return 0;
+        };
         Fail fail(Call::Allocate);
         netip_close(0);
         EXPECT_EQ(fail.failed(), 1);

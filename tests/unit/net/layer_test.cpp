@@ -371,7 +371,7 @@ TEST(layer, runs_without_a_callback)
     Layer layer;
     {
         ScopedLock lock(g_netip_lock);
-        poke(g_netip_cb, nullptr);
+        g_netip_cb = nullptr;
     }
     Peer peer;
     peer.send("C0 00");

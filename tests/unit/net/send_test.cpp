@@ -244,7 +244,7 @@ TEST(send_packets, a_free_slot_takes_none)
 TEST(send_packets, with_a_generation_reaches_that_connection_only)
 {
     const HandmadeSlot connection(7);
-    poke(side_of(7).generation, 5);
+    side_of(7).generation = 5;
     const Bytes     bytes = wire("C0 00");
     const OutPacket packet{bytes.data(), 2};
     EXPECT_EQ(send_packets(7, &packet, 1, 4).result, unsigned{NETIP_INVALID});
@@ -253,7 +253,7 @@ TEST(send_packets, with_a_generation_reaches_that_connection_only)
     EXPECT_EQ(send_packets(7, &packet, 1, 5).packets, 1);
     EXPECT_EQ(send_packets(7, &packet, 1).packets, 1) << "0: whichever connection it is";
     EXPECT_EQ(pending(connection.peer.get()), 4u);
-    poke(side_of(7).generation, 0);
+    side_of(7).generation = 0;
     EXPECT_EQ(send_packets(7, &packet, 1, 5).packets, 0) << "a slot filled by hand is none of ours";
 }
 

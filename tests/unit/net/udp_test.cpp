@@ -126,8 +126,8 @@ TEST(udp, a_connection_that_finds_no_slot_is_an_event_too)
         {
             ScopedLock lock(g_netip_lock);
             for (uint32_t handle = 2; handle < 11000; ++handle) {
-                poke(g_netip_clients[handle].type, 9);
-                poke(g_netip_clients[handle].in_use, 1);
+                g_netip_clients[handle].type   = 9;
+                g_netip_clients[handle].in_use = 1;
             }
         }
         udp.send("D0 00");
@@ -137,7 +137,7 @@ TEST(udp, a_connection_that_finds_no_slot_is_an_event_too)
     }
     ScopedLock lock(g_netip_lock);
     for (uint32_t handle = 2; handle < 11000; ++handle)
-        poke(g_netip_clients[handle].in_use, 0);
+        g_netip_clients[handle].in_use = 0;
 }
 
 TEST(udp, senders_differ_by_address_and_port)
@@ -254,8 +254,8 @@ TEST(udp, a_sender_with_no_free_slot_is_dropped)
     {
         ScopedLock lock(g_netip_lock);
         for (uint32_t handle = 1; handle < 11000; ++handle) {
-            poke(g_netip_clients[handle].type, 9);
-            poke(g_netip_clients[handle].in_use, 1);
+            g_netip_clients[handle].type   = 9;
+            g_netip_clients[handle].in_use = 1;
         }
     }
     UdpPeer udp;
@@ -267,7 +267,7 @@ TEST(udp, a_sender_with_no_free_slot_is_dropped)
     {
         ScopedLock lock(g_netip_lock);
         for (uint32_t handle = 1; handle < 11000; ++handle)
-            poke(g_netip_clients[handle].in_use, 0);
+            g_netip_clients[handle].in_use = 0;
     }
     make_a_round(tcp); // the datagram is gone
     layer.events.wait_for(3);
@@ -371,7 +371,7 @@ TEST(udp, a_handmade_slot_may_name_the_shared_socket)
     netip_conn_t &slot = g_netip_clients[50];
     slot.type          = NETIP_UDP;
     slot.fd            = int32_t{g_netip_udp};
-    poke(slot.in_use, 1);
+    slot.in_use        = 1;
     netip_close(50);
     EXPECT_EQ(g_netip_udp, -1);
 }
@@ -400,7 +400,7 @@ TEST(udp, without_a_callback_the_slot_is_filled_and_the_datagram_dropped)
     Layer layer;
     {
         ScopedLock lock(g_netip_lock);
-        poke(g_netip_cb, nullptr);
+        g_netip_cb = nullptr;
     }
     UdpPeer udp;
     udp.send("C0 00");

@@ -190,7 +190,7 @@ TEST_F(stats, online_number_is_live_and_the_highest_stays)
     mqtt_stats_update();
     EXPECT_EQ(g_mqtt_stats.online, 2u);
     EXPECT_EQ(g_mqtt_stats.max_online, 2u);
-    tarn::poke(second->state, CLIENT_CLOSED);
+    second->state = CLIENT_CLOSED;
     mqtt_stats_update();
     EXPECT_EQ(g_mqtt_stats.online, 1u);
     EXPECT_EQ(g_mqtt_stats.max_online, 2u);

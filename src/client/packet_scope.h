@@ -1,0 +1,31 @@
+// packet_scope.h - a client's packet while it is handled.
+#ifndef TARN_CLIENT_PACKET_SCOPE_H
+#define TARN_CLIENT_PACKET_SCOPE_H
+
+#include "../persist/save_behind.h"
+#include "client_types.h"
+
+namespace tarn::client {
+
+struct Held;
+
+// While one exists, the thread does not wait for the disk: what the packet changes is saved behind it, and its answers
+// leave when that is done. For records of the pool; any other is answered as soon as its changes are saved.
+class PacketScope {
+public:
+    explicit PacketScope(mqtt_client_t &client) noexcept;
+    ~PacketScope();
+    PacketScope(const PacketScope &)            = delete;
+    PacketScope &operator=(const PacketScope &) = delete;
+
+private:
+    static persist::SaveWaiter *ask(void *scope) noexcept;
+
+    int32_t             index_;
+    Held               *held_ = nullptr; // made with the first change
+    persist::SaveBehind behind_;
+};
+
+} // namespace tarn::client
+
+#endif

@@ -1,0 +1,110 @@
+// saver.cpp - the saver thread: saves what was put down, as often as the disk can and never once a change more.
+#include "saver.h"
+
+#include "../base/relaxed.h"
+#include "../base/thread.h"
+#include "message_files.h"
+#include "retain_file.h"
+
+#include <ctime>
+
+namespace tarn::persist {
+
+constinit Mutex g_save_mutex{};
+
+namespace {
+
+constexpr time_t kIdle_s = 10; // then unchanged texts are given back
+
+constinit pthread_cond_t g_work    = PTHREAD_COND_INITIALIZER; // with g_save_mutex
+constinit pthread_cond_t g_changed = PTHREAD_COND_INITIALIZER; // likewise
+
+constinit pthread_t g_thread GUARDED_BY(g_save_mutex){};
+constinit bool g_runs        GUARDED_BY(g_save_mutex) = false;
+constinit bool g_asleep      GUARDED_BY(g_save_mutex) = false;
+
+constinit thread_local SaveBehind *t_behind = nullptr;
+
+// False when nobody woke the thread for a while.
+bool sleep_until_woken() REQUIRES(g_save_mutex)
+{
+    timespec until{};
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    until.tv_sec += kIdle_s;
+    g_asleep   = true;
+    bool woken = true;
+    while (woken && g_asleep && g_runs)
+        woken = pthread_cond_clockwait(&g_work, &g_save_mutex.raw, CLOCK_MONOTONIC, &until) == 0;
+    g_asleep = false;
+    return woken;
+}
+
+void *saver_thread(void *) noexcept
+{
+    ScopedLock lock(g_save_mutex);
+    while (g_runs) {
+        const bool store = save_store_if_asked();
+        const bool files = save_some_message_files();
+        if (!store && !files && g_runs && !sleep_until_woken())
+            forget_saved_message_files();
+    }
+    return nullptr;
+}
+
+} // namespace
+
+bool saver_runs() noexcept
+{
+    if (!g_runs)
+        g_runs = start_thread(&g_thread, "tarn-save", saver_thread, nullptr) == 0;
+    return g_runs;
+}
+
+void wake_saver() noexcept
+{
+    if (!g_asleep)
+        return;
+    g_asleep = false;
+    pthread_cond_signal(&g_work);
+}
+
+void stop_saver() noexcept
+{
+    pthread_t thread;
+    {
+        ScopedLock lock(g_save_mutex);
+        if (!g_runs)
+            return;
+        thread = g_thread;
+        g_runs = false;
+        pthread_cond_signal(&g_work);
+    }
+    join_or_detach(thread);
+}
+
+void await_saver() noexcept
+{
+    pthread_cond_wait(&g_changed, &g_save_mutex.raw);
+}
+
+void saving_changed() noexcept
+{
+    pthread_cond_broadcast(&g_changed);
+}
+
+SaveBehind::SaveBehind(Ask ask, void *arg) noexcept : ask_(ask), arg_(arg)
+{
+    t_behind = this;
+}
+
+SaveBehind::~SaveBehind()
+{
+    t_behind = nullptr;
+}
+
+SaveBehind *SaveBehind::of_this_thread() noexcept
+{
+    return t_behind;
+}
+
+} // namespace tarn::persist
