@@ -163,6 +163,54 @@ def persist_retain():
     yield "no_count", b"\1\0\0"
 
 
+# Steps of a conversation: (client, packet), or (client, what happens, how many bytes of anything).
+HANG_UP, WAIT, HOST = 5, 6, 7
+
+
+def steps(*conversation):
+    out = b""
+    for client, *what in conversation:
+        if isinstance(what[0], bytes):
+            out += bytes([client, len(what[0])]) + what[0]
+        else:
+            out += bytes([client | what[0] << 1, what[1]]) + b"a/b" * (what[1] // 3) + b"c" * (what[1] % 3)
+    return out
+
+
+def connect(client_id, clean=True, level=4, will=False):
+    flags = (0x02 if clean else 0) | (0x0C if will else 0)
+    properties = wire("05 11 00 00 00 64") if level == 5 else b""
+    last = wire("00" if level == 5 and will else "") + (wire("00 03 'a/w' 00 04 'gone'") if will else b"")
+    return packet(0x10, wire("00 04 'MQTT'") + bytes([level, flags, 0, 60]) + properties +
+                  bytes([0, len(client_id)]) + client_id + last)
+
+
+def conversation():
+    subscribe, shared = wire("82 08 00 01 00 03 'a/#' 01"), wire("82 11 00 02 00 0C '$share/g/a/#' 01")
+    for level in (4, 5):
+        of_level = b"" if level == 4 else b"\0"
+        sub = packet(0x82, wire("00 01") + of_level + wire("00 03 'a/#' 02"))
+        hello = [(0, connect(b"one", True, level)), (1, connect(b"two", False, level)), (1, sub)]
+
+        def publish(first, identifier=b""):
+            return packet(first, wire("00 03 'a/b'") + identifier + of_level + b"hi")
+        yield f"qos_{level}", steps(*hello, (0, publish(0x30)), (0, publish(0x32, b"\0\7")), (0, publish(0x34, b"\0\7")),
+                                    (0, wire("62 02 00 07")), (1, wire("40 02 00 01")), (1, wire("50 02 00 01")),
+                                    (0, WAIT, 2), (0, wire("E0 00")), (1, wire("C0 00")))
+        yield f"retained_{level}", steps((0, connect(b"one", True, level)), (0, publish(0x31)), (0, publish(0x33, b"\0\7")),
+                                         (1, connect(b"two", True, level)), (1, sub), (1, wire("A2 07 00 01 00 03 'a/#'")))
+        yield f"away_{level}", steps(*hello, (1, wire("E0 00")), (0, publish(0x32, b"\0\7")), (1, HANG_UP, 0),
+                                     (1, connect(b"two", False, level)), (0, WAIT, 2), (1, HANG_UP, 0))
+        yield f"will_{level}", steps(*hello, (0, connect(b"one", False, level, True)), (0, HANG_UP, 0), (0, WAIT, 40),
+                                     (0, connect(b"one", False, level, True)), (1, HANG_UP, 0))
+        yield f"same_id_{level}", steps(*hello, (0, connect(b"two", False, level)), (1, HANG_UP, 0), (0, publish(0x30)))
+    yield "shared", steps((0, connect(b"one")), (1, connect(b"two")), (0, shared), (1, shared), (0, HOST, 9), (1, HOST, 10))
+    yield "host", steps((0, connect(b"one")), (0, subscribe), (0, HOST, 9), (0, HOST, 10), (0, HOST, 11), (0, WAIT, 90))
+    for name, data in PACKETS.items():
+        if len(data) < 256:
+            yield "packet_" + name, steps((0, CONNECT_5), (0, subscribe), (1, connect(b"two")), (0, data), (1, data))
+
+
 def found_file(fuzzer):
     return os.path.join(os.path.dirname(os.path.abspath(__file__)), fuzzer + ".hex")
 

@@ -37,6 +37,7 @@ void publish_hello() noexcept;                              // at most one in te
 
 void send_retained(mqtt_client_t &client, const char *filter) noexcept; // all that match; holds g_sub_mgr.lock
 void requeue_kept(mqtt_client_t &client) noexcept;                      // the messages kept in its files
+void requeue_if_back(const char *client_id) noexcept;                   // the client of a message that was just kept
 
 // ---- wills
 

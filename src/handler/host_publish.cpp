@@ -10,16 +10,21 @@ constexpr size_t kSentTopicChars = 255;
 
 void keep_for_offline(const Routing &routing)
 {
-    const Receiver        &receiver = routing.receiver;
-    persist::AbsentSession session(receiver.id());
-    if (!is_kept(routing, session))
-        return;
-    if (receiver.qos == 0) {
-        LOG_INFO("[MQTT标准] QoS=0 离线消息不存储：ClientID=%s, Topic=%s", receiver.id(), routing.message.topic_text());
-        return;
+    const Receiver &receiver = routing.receiver;
+    {
+        persist::AbsentSession session(receiver.id());
+        if (!is_kept(routing, session))
+            return;
+        if (receiver.qos == 0) {
+            LOG_INFO("[MQTT标准] QoS=0 离线消息不存储：ClientID=%s, Topic=%s", receiver.id(),
+                     routing.message.topic_text());
+            return;
+        }
+        if (!keep_message(routing, session))
+            return;
     }
-    if (keep_message(routing, session))
-        LOG_INFO("[STANDARD] APP发布离线消息已存储: %s, Topic=%s", receiver.id(), routing.message.topic_text());
+    LOG_INFO("[STANDARD] APP发布离线消息已存储: %s, Topic=%s", receiver.id(), routing.message.topic_text());
+    requeue_if_back(receiver.id());
 }
 
 void on_outcome(Routing &routing, Outcome outcome) noexcept

@@ -14,12 +14,15 @@ namespace {
 // Kept at QoS 0 too, unlike the host's messages.
 void keep_for_offline(const Routing &routing)
 {
-    const Receiver        &receiver = routing.receiver;
-    persist::AbsentSession session(receiver.id());
-    if (!is_kept(routing, session) || !keep_message(routing, session))
-        return;
+    const Receiver &receiver = routing.receiver;
+    {
+        persist::AbsentSession session(receiver.id());
+        if (!is_kept(routing, session) || !keep_message(routing, session))
+            return;
+    }
     LOG_INFO("[MQTT标准] 离线消息已存储：ClientID=%s, Topic=%s", receiver.id(), routing.message.topic_text());
     stats::count(stats::Counter::offline_msg);
+    requeue_if_back(receiver.id());
 }
 
 void on_outcome(Routing &routing, Outcome outcome) noexcept

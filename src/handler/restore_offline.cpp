@@ -59,4 +59,12 @@ void requeue_kept(mqtt_client_t &client) noexcept
     LOG_INFO("[packet_handler] 离线消息补发完成: %s，已清空离线消息", id.text);
 }
 
+// A message was kept for a client that another thread may have let in since it was looked up. If its CONNECT took the
+// kept messages before this one came, nobody would look again before the next CONNECT.
+void requeue_if_back(const char *client_id) noexcept
+{
+    if (const client_ref client = find_client_by_id(client_id); client && is_online(*client))
+        requeue_kept(*client);
+}
+
 } // namespace tarn::handler

@@ -111,3 +111,23 @@ TEST(offline, what_the_full_queue_refuses_is_lost)
     EXPECT_EQ(g_pending_queue->msg_id, 1001);
     EXPECT_EQ(stored("message", "dev1"), R"({"msgs":[]})");
 }
+
+// The look-up of the receiver finds nobody, and then it is there.
+TEST(offline, a_message_that_meets_its_returning_client_is_not_left_behind)
+{
+    Handling broker;
+    Client   publisher(broker, 4, "publisher"), back(broker, 4);
+    ASSERT_EQ(sub_add("away", "t", 1, 0), 0);
+    bool       met = false;
+    OnFileCall returns([&] {
+        if (std::exchange(met, true))
+            return;
+        client_set_cid(back, "away");
+        EXPECT_TRUE(mark_logged_in(*back));
+    });
+    publisher.sends("32 06 | 00 01 't' | 00 07 | 'x'");
+    EXPECT_TRUE(met);
+    ASSERT_EQ(pending_count(), 1);
+    EXPECT_EQ(g_pending_queue->client, back);
+    EXPECT_EQ(stored("message", "away"), R"({"msgs":[]})");
+}
