@@ -20,7 +20,7 @@ namespace {
 constexpr const char *kNames[] = {"connected", "disconnected", "publish", "subscribe", "unsubscribe", "will"};
 static_assert(BROKER_EVENT_WILL + 1 == std::size(kNames));
 
-constexpr const char *kWhat[] = {"login", "publish", "subscribe", "will"};
+constexpr const char *kWhat[] = {"login", "publish", "subscribe", "will", "connect"};
 static_assert(Refusal::kKinds == std::size(kWhat));
 
 std::atomic<LineWriter *> g_writer; // the callback gets nothing but the instance

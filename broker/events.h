@@ -7,7 +7,7 @@
 // - A text of 255 characters may have been cut. Then "cut" is true, topic is how the topic begins, qos is null.
 // - Bytes that are no UTF-8 are shown as U+FFFD, controls as \uXXXX.
 //
-// What clients were refused comes from this program and is never cut; "what" is login, publish, subscribe or will:
+// What clients were refused comes from this program and is never cut; "what" is login, publish, subscribe, will or connect:
 //   {"time":...,"event":"refused","clientId":"a","topic":"home/x","qos":null,"what":"publish","user":"alice",
 //    "address":"10.0.0.7:50000","reason":"no rule allows it"}
 //
