@@ -89,6 +89,12 @@ std::string refused_line(int64_t time_ms, const Refusal &refusal)
            json_string(refusal.reason) + '}';
 }
 
+std::string used_records_line(int64_t time_ms, size_t used, size_t records)
+{
+    return line_start(time_ms, "records") + R"(,"used":)" + std::to_string(used) + R"(,"of":)" +
+           std::to_string(records) + '}';
+}
+
 std::string lost_line(int64_t time_ms, uint64_t count)
 {
     return line_start(time_ms, "lost") + R"(,"count":)" + std::to_string(count) + '}';
@@ -102,6 +108,11 @@ std::string tell_lost_events(uint64_t count)
 void write_refusal(const Refusal &refusal)
 {
     write_or_lose([&] { return refused_line(wall_ms(), refusal); });
+}
+
+void write_used_records(size_t used, size_t records)
+{
+    write_or_lose([&] { return used_records_line(wall_ms(), used, records); });
 }
 
 void write_events(broker_t *broker, LineWriter &writer)

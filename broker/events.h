@@ -11,6 +11,8 @@
 //   {"time":...,"event":"refused","clientId":"a","topic":"home/x","qos":null,"what":"publish","user":"alice",
 //    "address":"10.0.0.7:50000","reason":"no rule allows it"}
 //
+// When client records are used up, see used_records.h: {"time":...,"event":"records","used":4000,"of":5000}
+//
 // When the reader is so slow that lines are lost, {"time":...,"event":"lost","count":N} stands in their place.
 #ifndef TARN_BROKER_EVENTS_H
 #define TARN_BROKER_EVENTS_H
@@ -28,13 +30,16 @@ namespace tarn::broker {
 
 std::string event_line(int64_t time_ms, uint32_t kind, std::string_view text); // wall clock
 std::string refused_line(int64_t time_ms, const Refusal &refusal);
+std::string used_records_line(int64_t time_ms, size_t used, size_t records);
 std::string lost_line(int64_t time_ms, uint64_t count);
 
 // From now until the instance is deinitialised its events go to `writer`, which lives longer than that. To be called
 // before start.
 void write_events(broker_t *broker, LineWriter &writer);
 
-void write_refusal(const Refusal &refusal); // nothing when events go nowhere
+// Nothing when events go nowhere, as the next.
+void write_refusal(const Refusal &refusal);
+void write_used_records(size_t used, size_t records);
 
 std::string tell_lost_events(uint64_t count); // for the writer
 

@@ -76,6 +76,8 @@ const Row kRows[] = {
      "retained topics of one user or address, {}"},
     {0, "quota-wills", "N", Number{&Options::quota_wills, 0, CLIENT_MAX}, "wills of one user or address, {}"},
     {0, "no-quotas", nullptr, Switch{&Options::quotas, false}, "no quotas: one may have everything"},
+    {0, "keep-running", nullptr, Switch{&Options::keep_running},
+     "do not end when wills have used up almost all client records"},
     {0, "user", "NAME", Text{&Options::user}, "become this user before anything is opened"},
     {0, "events", "FILE", Text{&Options::events},
      "append what happens to FILE as JSON, a line an event; - is standard output"},
@@ -277,7 +279,7 @@ std::string help_text()
                   "Sessions and messages are kept in ./broker_data, by one broker at a time. SIGHUP makes it read the\n"
                   "files of users and rules again. A second SIGINT or SIGTERM ends the broker at once.\n"
                   "SIGUSR1 prints the statistics as JSON on standard output.\n"
-                  "Exit status: 0 ended by a signal, 1 could not serve, 2 bad option.\n";
+                  "Exit status: 0 ended by a signal, 1 could not serve or go on, 2 bad option.\n";
 }
 
 } // namespace tarn::broker

@@ -19,11 +19,12 @@ struct Options {
     std::string             directory; // this and all below: empty when not given
     std::string             user_file;
     std::string             acl_file;
-    std::string             user;        // to run as
-    std::string             events;      // a file, "-" = standard output, empty = none
-    std::string             control;     // the path of the control socket, empty = none
-    bool                    top = false; // the live view
-    bool                    udp = false; // serve datagrams as well
+    std::string             user;                 // to run as
+    std::string             events;               // a file, "-" = standard output, empty = none
+    std::string             control;              // the path of the control socket, empty = none
+    bool                    top          = false; // the live view
+    bool                    udp          = false; // serve datagrams as well
+    bool                    keep_running = false; // also when almost all client records are used up
 
     bool    quotas              = true; // of one user or address; each 0 = four fifths of what there is
     int32_t quota_connections   = 0;

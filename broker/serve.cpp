@@ -12,6 +12,7 @@
 #include "query.h"
 #include "refusals.h"
 #include "shortage.h"
+#include "used_records.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -37,6 +38,7 @@ constexpr uint16_t                  kPort           = NETIP_PORT; // the library
 constexpr std::chrono::milliseconds kGuardPeriod    = std::chrono::seconds(5);
 constexpr std::chrono::milliseconds kUdpPeriod      = std::chrono::seconds(1);
 constexpr std::chrono::milliseconds kSilencePeriod  = std::chrono::seconds(1);
+constexpr std::chrono::milliseconds kRecordPeriod   = std::chrono::seconds(1);
 constexpr std::chrono::milliseconds kShortagePeriod = std::chrono::seconds(10);
 
 // Each client takes a descriptor, and the usual soft limit is 1024. When it cannot be raised, fewer clients fit.
@@ -237,6 +239,28 @@ int64_t now_ms()
         .count();
 }
 
+// Ends the loop when almost all records are used up: the next start has all of them, and all sessions.
+void watch_records(Loop &loop, const Options &options, bool &used_up)
+{
+    const auto records = static_cast<size_t>(options.max_clients);
+    loop.every(kRecordPeriod, [&loop, &used_up, records, keeps_running = options.keep_running,
+                               watch = RecordWatch(records)]() mutable {
+        const size_t            used = used_up_records();
+        const RecordWatch::News news = watch.look(used);
+        if (news == RecordWatch::None)
+            return;
+        log_warning(std::to_string(used) + " of " + std::to_string(records) +
+                    " client records are used up by wills without a delay until the next start");
+        write_used_records(used, records);
+        if (news == RecordWatch::Many || keeps_running)
+            return;
+        fprintf(stderr, "tarn-broker: %zu of %zu client records are used up: it ends, to be started again\n", used,
+                records);
+        used_up = true;
+        loop.end();
+    });
+}
+
 // What the main thread does every few seconds.
 void keep_house(Loop &loop, broker_t *broker, const Options &options, Access &access, Quotas &quotas,
                 RefusalLog &refusals, DiskWatch &disk)
@@ -290,12 +314,13 @@ ExitStatus serve(const Options &options)
     RefusalLog    refusals(log_warning); // at every level: they are this program's own news, and few
     DiskWatch     disk;
     const int32_t code   = start(broker, options, access, quotas, refusals);
-    bool          served = false;
+    bool          served = false, used_up = false;
     if (code == TARN_OK) {
         served = unless_short([&] {
             log_where_it_serves(options.max_clients, options.udp);
             warn_of_descriptor_limit(options.max_clients);
             keep_house(loop, broker, options, access, quotas, refusals, disk);
+            watch_records(loop, options, used_up);
             attachments.serve(broker);
         });
         if (served)
@@ -317,7 +342,7 @@ ExitStatus serve(const Options &options)
             fprintf(stderr, "tarn-broker: %s\n", mistake.c_str());
     });
     tarn_sdk_mqtt_broker_destroy(broker);
-    return served ? kEnded : kCannotServe;
+    return served && !used_up ? kEnded : kCannotServe;
 }
 
 } // namespace tarn::broker
