@@ -93,8 +93,8 @@ Verdict fits_quotas(const std::string &client_id, const char *user)
 // will. passed_gate() waits for the installation, so these are only what the I/O thread had read by then.
 Verdict judge_login(const char *client_id, const char *user, const char *password)
 {
-    if (!passed_gate())
-        return {"it came while the broker started"};
+    if (!passed_gate()) // without users and rules there is nothing to look at, and one client more does not count
+        return g_access->is_wanted() ? Verdict{"it came while the broker started"} : Verdict{};
     return g_access->may_connect(client_id, user, password, peer_ip(), [&] { return fits_quotas(client_id, user); });
 }
 
