@@ -174,14 +174,16 @@ void log_when_udp_closes(Loop &loop)
     });
 }
 
-// Four fifths of what there is leave some to others, and so much a site on its own does not need. Connections of this
-// machine itself have the quota that was asked for, and else none: they may be a proxy's.
-Quotas::Limit quota(const Options &options, int32_t asked, int32_t there_is)
+// Four fifths of what there is leave some to others, and so much a site does not come near to. Of little nobody can leave
+// much.
+size_t quota(const Options &options, int32_t asked, int32_t there_is)
 {
+    constexpr int32_t kMany = 100;
     if (!options.quotas)
-        return {0, false};
-    return asked > 0 ? Quotas::Limit{static_cast<size_t>(asked), false}
-                     : Quotas::Limit{static_cast<size_t>(std::max(there_is * 4 / 5, 1)), true};
+        return 0;
+    if (asked > 0)
+        return static_cast<size_t>(asked);
+    return there_is >= kMany ? static_cast<size_t>(there_is) * 4 / 5 : 0;
 }
 
 Quotas::Limits quotas_of(const Options &options)

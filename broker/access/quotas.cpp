@@ -11,7 +11,7 @@ constexpr int64_t kCountEvery_ms = 100;   // at most, of each quota: counting go
 constexpr int64_t kYoung_ms      = 10000; // the library may not have heard of it yet
 constexpr size_t  kKeptMin       = 1000;  // ids and topics for which looking what is gone is not worth it
 
-constexpr std::string_view kUser = "user ", kAddress = "address ", kLocal = "address 127.";
+constexpr std::string_view kUser = "user ", kAddress = "address ";
 
 // By Quota: words for the log that end a sentence about a client.
 constexpr const char *kWhy[] = {
@@ -183,11 +183,11 @@ const char *Quotas::fits(Quota quota, const std::string &owner, int64_t now_ms)
 
 bool Quotas::is_full(Quota quota, const std::string &owner) const
 {
-    const Limit &limit = limits_[place(quota)];
-    if (limit.most == 0 || (limit.spares_local && owner.starts_with(kLocal)))
+    const size_t limit = limits_[place(quota)];
+    if (limit == 0)
         return false;
     const auto found = counts_.find(owner);
-    return found != counts_.end() && found->second[place(quota)] >= limit.most;
+    return found != counts_.end() && found->second[place(quota)] >= limit;
 }
 
 void Quotas::add(Quota quota, const std::string &owner)

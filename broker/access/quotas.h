@@ -34,11 +34,7 @@ struct Holdings {
 
 class Quotas {
 public:
-    struct Limit {
-        size_t most;         // 0 = no limit
-        bool   spares_local; // connections of this machine itself are not counted, such as those of a proxy
-    };
-    using Limits = std::array<Limit, kQuotas>; // by Quota
+    using Limits = std::array<size_t, kQuotas>; // by Quota; 0 = none
 
     Quotas(const Limits &limits, Holdings holdings) : limits_(limits), holdings_(std::move(holdings)) {}
 

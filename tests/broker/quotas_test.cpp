@@ -15,15 +15,14 @@ using namespace tarn::test;
 
 namespace {
 
-constexpr const char *kHere = "10.0.0.1", *kThere = "10.0.0.2", *kLocal = "127.0.0.1";
+constexpr const char *kHere = "10.0.0.1", *kThere = "10.0.0.2";
 
 // The library's tables, as the test fills them.
 struct quotas : testing::Test {
-    static Quotas::Limits limits(bool spares_local)
+    static Quotas::Limits limits()
     {
         Quotas::Limits result{};
-        for (Quotas::Limit &limit : result)
-            limit = {2, spares_local};
+        result.fill(2);
         return result;
     }
     Holdings holdings()
@@ -48,7 +47,7 @@ struct quotas : testing::Test {
     Ids                      online;
     std::set<std::string>    saved;
     std::set<const void *>   wills;
-    Quotas                   some{limits(false), holdings()};
+    Quotas                   some{limits(), holdings()};
     uint32_t                 handle = 0;
     int64_t                  now_ms = 1'000'000;
 };
@@ -104,9 +103,9 @@ TEST_F(quotas, ids_with_commas_are_online_in_pieces)
 
 TEST_F(quotas, sessions_count_while_they_are_saved)
 {
-    Quotas::Limits own                                = limits(false);
-    own[static_cast<size_t>(Quota::ClientIds)].most   = 0;
-    own[static_cast<size_t>(Quota::Connections)].most = 0;
+    Quotas::Limits own                           = limits();
+    own[static_cast<size_t>(Quota::ClientIds)]   = 0;
+    own[static_cast<size_t>(Quota::Connections)] = 0;
     Quotas     only(own, holdings());
     uint32_t   next  = 0;
     const auto comes = [&](const char *id, bool keeps) {
@@ -174,15 +173,6 @@ TEST_F(quotas, wills_count_until_their_records_are_free)
     wills = {&records[0]};
     now_ms += 1000;
     EXPECT_FALSE(some.may_leave_will(handle, "", now_ms));
-}
-
-TEST_F(quotas, this_machines_own_connections_have_none_that_was_not_asked_for)
-{
-    Quotas spare(limits(true), holdings());
-    for (uint32_t i = 0; i < 10; ++i) {
-        EXPECT_FALSE(spare.open(i, kLocal));
-        EXPECT_EQ(spare.open(100 + i, kHere) == nullptr, i < 2);
-    }
 }
 
 TEST_F(quotas, zero_is_none)
@@ -296,4 +286,26 @@ TEST(quotas_of_the_program, nobody_has_one_when_they_are_switched_off)
     Peer a = Peer::tcp(), b = Peer::tcp();
     a.connect_v4("a").ping();
     b.connect_v4("b").ping();
+}
+
+// Four fifths, from 100 clients on.
+TEST(quotas_of_the_program, leave_some_to_others_without_being_asked)
+{
+    Child broker = run({"--max-clients", "100"});
+    ASSERT_TRUE(serves(broker));
+    std::vector<Peer> peers;
+    for (int i = 0; i < 80; ++i) {
+        peers.push_back(Peer::tcp());
+        peers.back().connect_v4("p" + std::to_string(i));
+    }
+    Peer::tcp().expect_closed();
+    EXPECT_TRUE(ends_well(broker));
+
+    Child small = run({"--max-clients", "3"});
+    ASSERT_TRUE(serves(small));
+    peers.clear();
+    for (int i = 0; i < 3; ++i) {
+        peers.push_back(Peer::tcp());
+        peers.back().connect_v4("p" + std::to_string(i)).ping();
+    }
 }
