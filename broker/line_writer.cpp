@@ -179,8 +179,8 @@ bool LineWriter::Queue::put_batch()
 bool LineWriter::Queue::put(std::string_view text)
 {
     size_t written = 0;
-    while (written < text.size() && wait_for_room()) {
-        const ssize_t count = write_some(fd, text.data() + written, text.size() - written);
+    while (written < text.size() && wait_for_room()) { // room for so much at least, also where a write would wait
+        const ssize_t count = write_some(fd, text.data() + written, std::min<size_t>(text.size() - written, PIPE_BUF));
         if (count > 0)
             written += static_cast<size_t>(count);
         else if (errno != EAGAIN && errno != EINTR)

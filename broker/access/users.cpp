@@ -116,12 +116,8 @@ bool Users::check(const std::string &name, const std::string &password)
     const bool         known = user != hashes_.end();
     const std::string &hash  = known ? user->second : stand_in_;
     const Hash128      now   = fingerprint(hash, password);
-    if (known) {
-        const std::lock_guard lock(mutex_);
-        const auto            last = last_right_.find(name);
-        if (last != last_right_.end() && equal_in_constant_time(bytes_of(last->second), bytes_of(now)))
-            return true;
-    }
+    if (known && is_last_right(name, now))
+        return true;
     const bool right = [&] {
         const Turnstile::Pass pass(hashing_);
         return matches(hash, password);
@@ -131,6 +127,19 @@ bool Users::check(const std::string &name, const std::string &password)
         last_right_[name] = now;
     }
     return right;
+}
+
+bool Users::remembers(const std::string &name, const std::string &password)
+{
+    const auto user = hashes_.find(name);
+    return user != hashes_.end() && is_last_right(name, fingerprint(user->second, password));
+}
+
+bool Users::is_last_right(const std::string &name, const Hash128 &fingerprint)
+{
+    const std::lock_guard lock(mutex_);
+    const auto            last = last_right_.find(name);
+    return last != last_right_.end() && equal_in_constant_time(bytes_of(last->second), bytes_of(fingerprint));
 }
 
 Hash128 Users::fingerprint(const std::string &hash, const std::string &password) const

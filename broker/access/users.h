@@ -32,7 +32,11 @@ public:
     // By any number of threads; those that hash do it one or two at a time, in the order in which they came.
     bool check(const std::string &name, const std::string &password);
 
+    // Whether it is the password that was right last: at no cost, and false proves nothing.
+    bool remembers(const std::string &name, const std::string &password);
+
 private:
+    bool    is_last_right(const std::string &name, const Hash128 &fingerprint);
     Mistake take(std::string_view line);
     Hash128 fingerprint(const std::string &hash, const std::string &password) const;
 

@@ -151,6 +151,39 @@ TEST(line_writer, the_end_waits_only_so_long_for_a_reader)
     }
 }
 
+// A pipe that is as others left it: a write of more than it has room for would wait.
+TEST(line_writer, a_long_line_holds_up_the_end_no_longer_than_a_short_one)
+{
+    Pipe   pipe;
+    double begun_s;
+    {
+        LineWriter writer(pipe.ends[1], tell_lost, LineWriter::Shared);
+        writer.write(std::string(20'000, 'x'));
+        pause_ms(50);
+        begun_s = now_s();
+    }
+    EXPECT_LT(now_s() - begun_s, kLimit_ms / 1000.0);
+    char bytes[4096];
+    EXPECT_EQ(read(pipe.ends[0], bytes, sizeof bytes), 4096);
+}
+
+TEST(line_writer, what_waits_has_a_limit_in_bytes_too)
+{
+    constexpr size_t kLong = 1 << 20;
+    Pipe             pipe;
+    std::thread      reader;
+    std::string      got;
+    {
+        LineWriter writer(pipe.ends[1], tell_lost);
+        for (size_t i = 0; i < 2 * LineWriter::kCapacityB / kLong; ++i)
+            writer.write(std::string(kLong, 'x'));
+        reader = std::thread([&] { got = read_rest(pipe.ends[0]); });
+    }
+    reader.join();
+    EXPECT_LE(got.size(), LineWriter::kCapacityB + 2 * kLong);
+    EXPECT_NE(got.find("\nlost "), got.npos);
+}
+
 TEST(line_writer, a_reader_that_goes_holds_up_nothing)
 {
     signal(SIGPIPE, SIG_IGN);

@@ -164,10 +164,11 @@ TEST(output, a_reader_that_sleeps_holds_up_neither_clients_nor_the_end)
 {
     ASSERT_EQ(mkfifo("fifo", 0600), 0);
     const int reader = open("fifo", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    Child broker("broker", {"sh", "-c", "exec \"$0\" --log-level debug --log-limit 0 >fifo 2>&1", TARN_BROKER_PROGRAM});
-    char  byte = 0;
-    ASSERT_TRUE(wait_until([&] { return read(reader, &byte, 1) == 1; })); // it has begun to print
-    ASSERT_TRUE(wait_until([] { return Peer::tcp().ok(); }));
+    Child     broker("broker",
+                     {"sh", "-c", "exec \"$0\" --control ctl -l debug --log-limit 0 >fifo 2>&1", TARN_BROKER_PROGRAM});
+    EXPECT_TRUE(wait_until([] { // it answers once it serves
+        return result_of({"console", {TARN_BROKER_PROGRAM, "ctl", "ctl", "stats"}}).status == 0;
+    }));
     Peer peer = Peer::tcp();
     peer.connect_v4("a");
     flood(peer, 20);

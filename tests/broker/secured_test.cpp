@@ -657,6 +657,19 @@ TEST_F(secured, wrong_passwords_make_their_sender_wait)
     Peer::tcp().connect_v4("b", as("bob")).ping();
     pause_ms(1100);
     Peer::tcp().connect_v4("a", as("alice")).ping();
+}
+
+// A guesser must not keep out who knows the password.
+TEST_F(secured, the_password_that_was_right_last_passes_while_its_name_waits)
+{
+    Child             broker = serve({"--user-file", "users"});
+    const std::string waits  = ": it has to wait after wrong passwords\n";
+    Peer::tcp().connect_v4("a", as("alice")).ping();
+    EXPECT_TRUE(wait_until([&] {
+        expect_refused("x", as("alice", "wrong"));
+        return broker.output().find(waits) != std::string::npos;
+    }));
+    Peer::tcp().connect_v4("a", as("alice")).ping();
     Peer::tcp().connect_v4("a", as("alice")).ping();
 }
 
