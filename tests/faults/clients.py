@@ -23,7 +23,9 @@ class Client:
     """One connection. It acknowledges what it gets."""
 
     def __init__(self, name, level=4, clean=True, will=None, user=None, expiry_s=None):
-        self.level, self.buffer, self.next_id, self.seen = level, b"", 1, []
+        self.level, self.buffer, self.next_id = level, b"", 1
+        self.seen = []  # each PUBLISH: its first byte and what follows the length
+        self.present = None  # the session, as CONNACK says
         flags = 2 if clean else 0
         properties = b"\x11" + struct.pack(">I", expiry_s) if expiry_s else b""
         body = text(name)
@@ -98,15 +100,21 @@ class Client:
 
     def acknowledge(self, first, body):
         kind, qos = first >> 4, first >> 1 & 3
-        if kind == 3:
-            self.seen.append(body)
+        if kind == 2:
+            self.present = bool(body[0] & 1)
+        elif kind == 3:
+            self.seen.append((first, body))
         if kind == 3 and qos:
             at = 2 + struct.unpack(">H", body[:2])[0]
-            self.send(bytes([0x40 if qos == 1 else 0x50, 2]) + body[at:at + 2])
+            self.send_ack(0x40 if qos == 1 else 0x50, body[at:at + 2])
         elif kind == 5:
-            self.send(b"\x62\x02" + body[:2])
+            self.send_ack(0x62, body[:2])
         elif kind == 6:
-            self.send(b"\x70\x02" + body[:2])
+            self.send_ack(0x70, body[:2])
+
+    def send_ack(self, first, identifier):
+        """At 5.0 with a reason code, without which the broker takes it for one of 3.1.1 (ack-level-detection)."""
+        self.send(packet(first, identifier + (b"\0" if self.level == 5 else b"")))
 
     def identifier(self):
         self.next_id += 1
@@ -120,7 +128,7 @@ class Client:
 
     def publish(self, topic, payload, qos=0, retain=False):
         identifier = self.identifier() if qos else b""
-        body = text(topic) + identifier + self.properties() + payload.encode()
+        body = text(topic) + identifier + self.properties() + payload
         data = packet(0x30 | qos << 1 | retain, body)
         if qos:
             self.ask(data, 0x40 if qos == 1 else 0x70)
@@ -157,18 +165,18 @@ def live(tell, user=None):
     later.subscribe("later/+/x", 2)
     later.subscribe("$share/some/shared/#", 1)
     for qos in 0, 1, 2:
-        plain.publish("kept/a", f"message {qos}", qos)
-        plain.publish("later/a/x", f"message {qos}", qos)
-        plain.publish("shared/a", f"message {qos}", qos)
-        plain.publish("held/a", f"held {qos}", qos, retain=True)
+        plain.publish("kept/a", b"message", qos)
+        plain.publish("later/a/x", b"message", qos)
+        plain.publish("shared/a", b"message", qos)
+        plain.publish("held/a", b"held", qos, retain=True)
     tell("publish")
     for client in kept, later, mortal:
         client.ping()
     kept.disconnect()
     later.reset()
     mortal.reset()
-    plain.publish("kept/b", "for the absent", 1)
-    plain.publish("later/b/x", "for the absent", 2)
+    plain.publish("kept/b", b"for the absent", 1)
+    plain.publish("later/b/x", b"for the absent", 2)
     tell("look")
     plain.ping()
     kept = Client("kept", clean=False, user=user)
@@ -178,7 +186,7 @@ def live(tell, user=None):
     later.ping()
     kept.unsubscribe("kept/#")
     tell("again")
-    plain.publish("held/a", "", 1, retain=True)
+    plain.publish("held/a", b"", 1, retain=True)
     plain.send(b"\x30\x00")  # cannot be decoded
     tell("kick later")
     later.ping()

@@ -5,6 +5,7 @@
  *     up         create, init, callbacks, start              "up" or "failed"
  *     publish    at each QoS and retained, to the clients
  *     look       all lists, statistics, one client
+ *     online     answers with the number of clients that are
  *     kick ID    disconnects a client
  *     again      stop and start
  *     down       stop, deinit, destroy
@@ -93,7 +94,10 @@ static const char *obey(const char *word)
         publish_all();
     else if (strcmp(word, "look") == 0)
         look_at_all();
-    else if (strncmp(word, "kick ", 5) == 0)
+    else if (strcmp(word, "online") == 0) {
+        snprintf(text, sizeof text, "%u", tarn_sdk_mqtt_broker_get_online_count(broker));
+        return text;
+    } else if (strncmp(word, "kick ", 5) == 0)
         tarn_sdk_mqtt_broker_kick_client(broker, word + 5);
     else if (strcmp(word, "again") == 0) {
         tarn_sdk_mqtt_broker_stop(broker);
