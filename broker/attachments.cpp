@@ -59,22 +59,13 @@ void Attachments::end()
     consoles_.reset();
 }
 
-// To standard output, which under --top is a pane that takes everything at once.
+// Among the events where those go to standard output too.
 void Attachments::print_statistics()
 {
-    if (top_) {
+    if (options_.events == "-")
+        events_->write(statistics_json());
+    else
         puts(statistics_json().c_str());
-        return;
-    }
-    LineWriter *writer = options_.events == "-" ? events_.get() : statistics_.get();
-    if (!writer) {
-        const int fd = open_for_lines(STDOUT_FILENO);
-        if (fd < 0)
-            return;
-        statistics_ = std::make_unique<LineWriter>(fd, tell_lost_events);
-        writer      = statistics_.get();
-    }
-    writer->write(statistics_json());
 }
 
 } // namespace tarn::broker

@@ -33,7 +33,6 @@ private:
     Loop                          &loop_;
     const Options                 &options_;
     std::unique_ptr<LineWriter>    events_;
-    std::unique_ptr<LineWriter>    statistics_; // made when first needed
     std::unique_ptr<ConsoleServer> consoles_;
     std::unique_ptr<Top>           top_;
 };

@@ -1,5 +1,7 @@
 #include "event_hub.h"
 
+#include "shortage.h"
+
 #include <vector>
 
 #include <tarn_sdk_mqtt_broker.h>
@@ -9,10 +11,11 @@ namespace {
 
 std::vector<EventListener> g_listeners; // complete before threads of the library read it
 
+// One that finds no memory keeps nothing from the others.
 void on_event(broker_t *broker, uint32_t kind, const char *text)
 {
     for (const EventListener listener : g_listeners)
-        listener(broker, kind, text);
+        unless_short([&] { listener(broker, kind, text); });
 }
 
 } // namespace

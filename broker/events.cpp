@@ -2,6 +2,7 @@
 
 #include "event_hub.h"
 #include "event_text.h"
+#include "shortage.h"
 #include "text.h"
 
 #include <atomic>
@@ -51,9 +52,17 @@ std::string string_or_null(const std::optional<std::string_view> &text)
     return text ? json_string(*text) : "null";
 }
 
+// A line for which there is no memory is lost as one is that finds no room: the reader is told how many.
+template <class Make> void write_or_lose(Make make)
+{
+    LineWriter *const writer = g_writer.load();
+    if (writer && !unless_short([&] { writer->write(make()); }))
+        writer->lose();
+}
+
 void on_event(broker_t * /*broker*/, uint32_t kind, const char *text)
 {
-    g_writer.load()->write(event_line(wall_ms(), kind, text));
+    write_or_lose([&] { return event_line(wall_ms(), kind, text); });
 }
 
 } // namespace
@@ -92,8 +101,7 @@ std::string tell_lost_events(uint64_t count)
 
 void write_refusal(const Refusal &refusal)
 {
-    if (LineWriter *const writer = g_writer.load())
-        writer->write(refused_line(wall_ms(), refusal));
+    write_or_lose([&] { return refused_line(wall_ms(), refusal); });
 }
 
 void write_events(broker_t *broker, LineWriter &writer)

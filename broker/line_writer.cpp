@@ -1,12 +1,16 @@
 #include "line_writer.h"
 
+#include "shortage.h"
 #include "thread.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <condition_variable>
+#include <deque>
 #include <fcntl.h>
+#include <mutex>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -16,6 +20,8 @@
 
 namespace tarn::broker {
 namespace {
+
+constexpr int kLastWrite_ms = 500; // that the end waits for a write that hangs, behind kEndLimit_ms
 
 int64_t now_ms()
 {
@@ -32,92 +38,171 @@ ssize_t write_some(int fd, const char *bytes, size_t count)
 
 } // namespace
 
-LineWriter::LineWriter(int fd, TellLost tell_lost) : fd_(fd), end_fd_(eventfd(0, EFD_CLOEXEC)), tell_lost_(tell_lost)
+// Shared by the writer and its thread, so that a thread that hangs in a write may outlive the writer.
+struct LineWriter::Queue {
+    Queue(int its_fd, TellLost its_tell_lost, Descriptor its_descriptor)
+        : fd(its_fd), descriptor(its_descriptor), end_fd(eventfd(0, EFD_CLOEXEC)), tell_lost(its_tell_lost)
+    {
+        batch.reserve(PIPE_BUF);
+    }
+    ~Queue()
+    {
+        close(end_fd);
+        if (descriptor == Owned)
+            close(fd);
+    }
+    Queue(const Queue &)            = delete;
+    Queue &operator=(const Queue &) = delete;
+
+    void add(std::string_view line); // under mutex
+    void add_lost();                 // under mutex
+    void run();
+    bool take();                     // whole lines into batch; false at the end
+    bool put_batch();                // false when not all of it could be written
+    bool put(std::string_view text); // likewise
+    bool wait_for_room();            // false when the end does not wait any longer
+
+    const int        fd;
+    const Descriptor descriptor;
+    const int        end_fd; // readable from the end on
+    const TellLost   tell_lost;
+
+    std::mutex              mutex;
+    std::condition_variable filled;
+    std::condition_variable finished;      // the thread has ended
+    std::deque<std::string> lines;         // with their newlines; under mutex, as all up to `done`
+    size_t                  bytes = 0;     // of them all
+    uint64_t                lost  = 0;     // since the last line that told
+    bool                    ended = false; // no more lines come
+    bool                    done  = false; // the thread's last word
+
+    std::string batch;                 // the thread's own, as the next two
+    int64_t     give_up_at_ms = 0;     // steady clock; 0 = the end has not come
+    bool        torn          = false; // the last line was written in part
+};
+
+LineWriter::LineWriter(int fd, TellLost tell_lost, Descriptor descriptor)
+    : queue_(std::make_shared<Queue>(fd, tell_lost, descriptor))
 {
-    thread_ = start_without_signals([this] { run(); });
+    start_without_signals([queue = queue_] { queue->run(); }).detach();
 }
 
 LineWriter::~LineWriter()
 {
-    {
-        const std::lock_guard lock(mutex_);
-        ended_ = true;
-        if (lost_ > 0)
-            lines_.push_back(tell_lost_(lost_));
-    }
-    filled_.notify_one();
-    eventfd_write(end_fd_, 1);
-    thread_.join();
-    close(end_fd_);
-    close(fd_);
+    std::unique_lock lock(queue_->mutex);
+    queue_->ended = true;
+    unless_short([&] { queue_->add_lost(); });
+    queue_->filled.notify_one();
+    eventfd_write(queue_->end_fd, 1);
+    const auto limit = std::chrono::milliseconds(kEndLimit_ms + kLastWrite_ms);
+    queue_->finished.wait_for(lock, limit, [this] { return queue_->done; });
 }
 
-void LineWriter::write(std::string line)
+void LineWriter::write(std::string_view line) noexcept
 {
     {
-        const std::lock_guard lock(mutex_);
-        if (lines_.size() >= kCapacity) {
-            ++lost_;
+        const std::lock_guard lock(queue_->mutex);
+        if (queue_->lines.size() >= kCapacity || queue_->bytes + line.size() > kCapacityB) {
+            ++queue_->lost;
             return;
         }
-        if (lost_ > 0)
-            lines_.push_back(tell_lost_(std::exchange(lost_, 0)));
-        lines_.push_back(std::move(line));
+        const bool added = unless_short([&] {
+            queue_->add_lost();
+            queue_->add(line);
+        });
+        if (!added) {
+            ++queue_->lost;
+            return;
+        }
     }
-    filled_.notify_one();
+    queue_->filled.notify_one();
 }
 
-void LineWriter::run()
+void LineWriter::lose() noexcept
 {
-    for (std::string text; !(text = take()).empty();) {
-        if (put(text))
-            continue;
-        const std::lock_guard lock(mutex_);
-        lost_ += static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n'));
-    }
+    const std::lock_guard lock(queue_->mutex);
+    ++queue_->lost;
 }
 
-// No more than a pipe takes whole, so that lines of other writers to the same pipe stay whole too.
-std::string LineWriter::take()
+void LineWriter::Queue::add(std::string_view line)
 {
-    std::unique_lock lock(mutex_);
-    filled_.wait(lock, [this] { return ended_ || !lines_.empty(); });
     std::string text;
-    while (!lines_.empty() && (text.empty() || text.size() + lines_.front().size() + 1 <= PIPE_BUF)) {
-        text += lines_.front() + '\n';
-        lines_.pop_front();
-    }
-    return text;
+    text.reserve(line.size() + 1);
+    text.append(line).append(1, '\n');
+    lines.push_back(std::move(text));
+    bytes += line.size() + 1;
 }
 
-bool LineWriter::put(const std::string &text)
+void LineWriter::Queue::add_lost()
 {
-    const std::string whole = torn_ ? '\n' + text : text;
-    size_t            done  = 0;
-    while (done < whole.size() && wait_for_room()) {
-        const ssize_t count = write_some(fd_, whole.data() + done, whole.size() - done);
+    if (lost == 0)
+        return;
+    add(tell_lost(lost));
+    lost = 0;
+}
+
+void LineWriter::Queue::run()
+{
+    while (take()) {
+        if (put_batch())
+            continue;
+        const std::lock_guard lock(mutex);
+        lost += static_cast<uint64_t>(std::count(batch.begin(), batch.end(), '\n'));
+    }
+    const std::lock_guard lock(mutex);
+    done = true;
+    finished.notify_one();
+}
+
+// No more than a pipe takes whole, so that lines of other writers to the same pipe stay whole too. Needs no memory.
+bool LineWriter::Queue::take()
+{
+    std::unique_lock lock(mutex);
+    filled.wait(lock, [this] { return ended || !lines.empty(); });
+    batch.clear();
+    while (!lines.empty() && (batch.empty() || batch.size() + lines.front().size() <= PIPE_BUF)) {
+        bytes -= lines.front().size();
+        if (lines.front().size() > batch.capacity())
+            batch = std::move(lines.front());
+        else
+            batch += lines.front();
+        lines.pop_front();
+    }
+    return !batch.empty();
+}
+
+bool LineWriter::Queue::put_batch()
+{
+    return (!torn || put("\n")) && put(batch);
+}
+
+bool LineWriter::Queue::put(std::string_view text)
+{
+    size_t written = 0;
+    while (written < text.size() && wait_for_room()) {
+        const ssize_t count = write_some(fd, text.data() + written, text.size() - written);
         if (count > 0)
-            done += static_cast<size_t>(count);
+            written += static_cast<size_t>(count);
         else if (errno != EAGAIN && errno != EINTR)
             break;
     }
-    if (done > 0)
-        torn_ = whole[done - 1] != '\n';
-    return done == whole.size();
+    if (written > 0)
+        torn = text[written - 1] != '\n';
+    return written == text.size();
 }
 
-bool LineWriter::wait_for_room()
+bool LineWriter::Queue::wait_for_room()
 {
-    while (give_up_at_ms_ == 0) {
-        pollfd fds[] = {{fd_, POLLOUT, 0}, {end_fd_, POLLIN, 0}};
+    while (give_up_at_ms == 0) {
+        pollfd fds[] = {{fd, POLLOUT, 0}, {end_fd, POLLIN, 0}};
         poll(fds, 2, -1);
         if (fds[1].revents != 0)
-            give_up_at_ms_ = now_ms() + kEndLimit_ms;
+            give_up_at_ms = now_ms() + kEndLimit_ms;
         else if (fds[0].revents != 0)
             return true;
     }
-    pollfd    room    = {fd_, POLLOUT, 0};
-    const int left_ms = static_cast<int>(std::max<int64_t>(give_up_at_ms_ - now_ms(), 0));
+    pollfd    room    = {fd, POLLOUT, 0};
+    const int left_ms = static_cast<int>(std::max<int64_t>(give_up_at_ms - now_ms(), 0));
     return poll(&room, 1, left_ms) > 0;
 }
 

@@ -1,5 +1,7 @@
 #include "loop.h"
 
+#include "shortage.h"
+
 #include <algorithm>
 #include <poll.h>
 #include <sys/signalfd.h>
@@ -7,6 +9,11 @@
 #include <utility>
 
 namespace tarn::broker {
+namespace {
+
+constexpr int kShortage_ms = 10; // before memory is asked for again
+
+} // namespace
 
 Loop::Loop() : signal_fd_(-1)
 {
@@ -66,7 +73,7 @@ void Loop::call(const Acts &acts, int fd)
     if (found == acts.end())
         return;
     const std::shared_ptr<Act> act = found->second;
-    (*act)();
+    unless_short(*act);
 }
 
 void Loop::every(std::chrono::milliseconds period, Act act)
@@ -76,12 +83,12 @@ void Loop::every(std::chrono::milliseconds period, Act act)
 
 void Loop::run()
 {
+    std::vector<pollfd> fds;
     while (!ended_) {
-        std::vector<pollfd> fds;
-        for (const auto &reader : readers_)
-            fds.push_back({reader.first, POLLIN, 0});
-        for (const auto &writer : writers_)
-            fds.push_back({writer.first, POLLOUT, 0});
+        if (!unless_short([&] { fds = watched(); })) {
+            poll(nullptr, 0, kShortage_ms);
+            continue;
+        }
         if (poll(fds.data(), fds.size(), wait_ms()) > 0)
             for (const pollfd &ready : fds)
                 if (ready.revents != 0)
@@ -90,12 +97,23 @@ void Loop::run()
     }
 }
 
+std::vector<pollfd> Loop::watched() const
+{
+    std::vector<pollfd> fds;
+    fds.reserve(readers_.size() + writers_.size());
+    for (const auto &reader : readers_)
+        fds.push_back({reader.first, POLLIN, 0});
+    for (const auto &writer : writers_)
+        fds.push_back({writer.first, POLLOUT, 0});
+    return fds;
+}
+
 void Loop::take_signals()
 {
     signalfd_siginfo info;
     while (!ended_ && read(signal_fd_, &info, sizeof info) == sizeof info)
         if (const auto act = signal_acts_.find(static_cast<int>(info.ssi_signo)); act != signal_acts_.end())
-            act->second();
+            unless_short(act->second);
 }
 
 void Loop::run_due_intervals()
@@ -104,7 +122,7 @@ void Loop::run_due_intervals()
         if (ended_ || Clock::now() < interval.next)
             continue;
         interval.next = Clock::now() + interval.period; // missed turns are not caught up with
-        interval.act();
+        unless_short(interval.act);
     }
 }
 

@@ -1,5 +1,6 @@
 // loop.h - what the main thread does while the library's threads serve: it sleeps until a signal comes, a descriptor
-// can be read or an interval is over, and calls the function registered for it.
+// can be read or an interval is over, and calls the function registered for it. One that finds no
+// memory is cut short, and called again when its time comes again.
 #ifndef TARN_BROKER_LOOP_H
 #define TARN_BROKER_LOOP_H
 
@@ -8,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <poll.h>
 #include <vector>
 
 namespace tarn::broker {
@@ -53,10 +55,11 @@ private:
 
     using Acts = std::map<int, std::shared_ptr<Act>>; // shared, so that an act may forget itself while it runs
 
-    static void call(const Acts &acts, int fd);
-    void        take_signals();
-    void        run_due_intervals();
-    int         wait_ms() const;
+    static void         call(const Acts &acts, int fd);
+    std::vector<pollfd> watched() const;
+    void                take_signals();
+    void                run_due_intervals();
+    int                 wait_ms() const;
 
     int                   signal_fd_;
     sigset_t              signals_;

@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <exception>
 #include <string_view>
 
 #include <tarn_sdk_mqtt_broker.h>
@@ -40,5 +41,10 @@ int main(int argc, char **argv)
     case Wish::Serve:
         break;
     }
-    return serve(line.options);
+    try {
+        return serve(line.options);
+    } catch (const std::exception &) {
+        fputs("tarn-broker: out of memory\n", stderr);
+        return kCannotServe;
+    }
 }

@@ -41,6 +41,9 @@ const Row kRows[] = {
     {'l', "log-level", "LEVEL", Level{},
      "{} (default; with --top it is warn);\n"
      "the log goes to standard output"},
+    {0, "log-limit", "N", Number{&Options::log_limit, 0, 1000000},
+     "lines of the log in a second that begin alike, {};\n"
+     "0 = no limit"},
     {'k', "keep-alive", "SECONDS", Number{&Options::keepalive_s, 1, 3600},
      "silence after which a connection without CONNECT is closed, {}"},
     {'p', "port", "{}", Port{}, "the port is always this one"},
@@ -53,6 +56,8 @@ const Row kRows[] = {
      "who may connect, and by which password; see tarn-broker passwd --help"},
     {0, "acl-file", "FILE", Text{&Options::acl_file},
      "who may subscribe and publish to what; nothing else is allowed then"},
+    {0, "password-wait", "SECONDS", Number{&Options::password_wait_s, 0, 3600},
+     "longest wait after wrong passwords, {}; 0 = none"},
     {0, "user", "NAME", Text{&Options::user}, "become this user before anything is opened"},
     {0, "events", "FILE", Text{&Options::events},
      "append what happens to FILE as JSON, a line an event; - is standard output"},

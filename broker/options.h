@@ -9,7 +9,9 @@
 namespace tarn::broker {
 
 struct Options {
-    std::optional<uint32_t> log_level; // 0 debug .. 3 error; nothing when not given
+    std::optional<uint32_t> log_level;             // 0 debug .. 3 error; nothing when not given
+    int32_t                 log_limit       = 100; // lines of a kind in a second, 0 = no limit
+    int32_t                 password_wait_s = 60;  // the longest, 0 = nobody waits
     int32_t                 keepalive_s     = 300;
     int32_t                 max_packet_size = 4096; // bytes
     int32_t                 max_clients     = 5000;

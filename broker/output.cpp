@@ -1,10 +1,14 @@
 #include "output.h"
 
+#include "shortage.h"
 #include "text.h"
 
 #include <algorithm>
-#include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <new>
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <tarn_sdk_mqtt_broker/log/agent_log.h>
@@ -17,23 +21,43 @@ bool is_plain_ascii(std::string_view text)
     return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c < 0x7F; });
 }
 
-// Waits for the reader, as printing always did. What he does not take because he is gone is lost.
-void write_out(std::string_view bytes)
+int64_t now_s()
 {
-    while (!bytes.empty()) {
-        const ssize_t count = write(STDOUT_FILENO, bytes.data(), bytes.size());
-        if (count < 0 && errno != EINTR)
-            return;
-        if (count > 0)
-            bytes.remove_prefix(static_cast<size_t>(count));
-    }
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
 }
 
-// Called under the stream's lock, so by one thread at a time.
-ssize_t take_printed(void *lines, const char *bytes, size_t count)
+std::string warning_line(const std::string &text)
 {
-    static_cast<PrintedLines *>(lines)->take({bytes, count});
-    return static_cast<ssize_t>(count);
+    char stamp[64];
+    platform_get_localtime_str(stamp, sizeof stamp);
+    return '[' + std::string(stamp) + "] [WARN] " + text;
+}
+
+std::string tell_lost_lines(uint64_t count)
+{
+    return warning_line(std::to_string(count) + " lines are missing here: the log was not read as fast as it came");
+}
+
+std::string tell_lost_errors(uint64_t count)
+{
+    return "tarn-broker: " + std::to_string(count) + " lines are missing here: they were not read in time";
+}
+
+bool are_one_file(int first, int second)
+{
+    struct stat a {
+    }, b{};
+    return fstat(first, &a) == 0 && fstat(second, &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// What is printed when there is no queue any more: out if there is room.
+void write_if_room(int fd, std::string_view bytes)
+{
+    pollfd room = {fd, POLLOUT, 0};
+    if (poll(&room, 1, 0) > 0 && write(fd, bytes.data(), bytes.size()) < 0) {
+        // nobody is left to be told
+    }
 }
 
 } // namespace
@@ -42,7 +66,7 @@ void PrintedLines::take(std::string_view piece)
 {
     const bool ends = piece.ends_with('\n');
     if (ends && begun_.empty() && is_plain_ascii(piece.substr(0, piece.size() - 1))) {
-        put_(piece);
+        put_(piece.substr(0, piece.size() - 1));
         return;
     }
     begun_ += piece;
@@ -50,29 +74,115 @@ void PrintedLines::take(std::string_view piece)
         begun_.pop_back();
     else if (begun_.size() < kLineMax)
         return;
-    put_(escaped(begun_) + '\n');
-    begun_.clear();
+    const std::string line = escaped(std::exchange(begun_, ""));
+    put_(line);
 }
 
-// A stream without a buffer hands on what one printf makes as one piece; one that collects whole lines would not.
-void escape_standard_output()
+// The two streams are made once and for good: threads of the library may print till the end of the process. Each is
+// without a buffer, so that what one printf makes comes as one piece. Called under the stream's lock.
+struct Streams {
+    static inline Output *g_output; // null = not queued; under the locks of both streams
+
+    template <class Take> static ssize_t take(int fd, const char *bytes, size_t count, Take take_piece)
+    {
+        unless_short([&] {
+            if (g_output)
+                take_piece(*g_output, std::string_view(bytes, count));
+            else
+                write_if_room(fd, {bytes, count});
+        });
+        return static_cast<ssize_t>(count);
+    }
+    static ssize_t take_output(void * /*cookie*/, const char *bytes, size_t count)
+    {
+        return take(STDOUT_FILENO, bytes, count,
+                    [](Output &output, std::string_view piece) { output.printed_.take(piece); });
+    }
+    static ssize_t take_error(void * /*cookie*/, const char *bytes, size_t count)
+    {
+        return take(STDERR_FILENO, bytes, count,
+                    [](Output &output, std::string_view piece) { output.take_error(piece); });
+    }
+
+    static FILE *open(cookie_write_function_t *write)
+    {
+        FILE *const stream =
+            fopencookie(nullptr, "w", {.read = nullptr, .write = write, .seek = nullptr, .close = nullptr});
+        if (!stream)
+            throw std::bad_alloc();
+        setvbuf(stream, nullptr, _IONBF, 0);
+        return stream;
+    }
+
+    static void lead_to(Output *output)
+    {
+        static const bool opened = [] {
+            FILE *const own_output = open(take_output), *const own_error = open(take_error);
+            fflush(stdout);
+            stdout = own_output;
+            stderr = own_error;
+            return true;
+        }();
+        (void)opened;
+        flockfile(stdout);
+        flockfile(stderr);
+        g_output = output;
+        funlockfile(stderr);
+        funlockfile(stdout);
+    }
+};
+
+Output::Output(size_t lines_of_a_kind)
+    : log_(std::make_shared<LineWriter>(STDOUT_FILENO, tell_lost_lines, LineWriter::Shared)),
+      errors_(are_one_file(STDOUT_FILENO, STDERR_FILENO)
+                  ? log_
+                  : std::make_shared<LineWriter>(STDERR_FILENO, tell_lost_errors, LineWriter::Shared)),
+      limit_(lines_of_a_kind,
+             [this](uint64_t count, const std::string &kind) {
+                 log_->write(warning_line(std::to_string(count) + " more lines in one second that begin: " + kind));
+             }),
+      printed_([this](std::string_view line) { take_line(line); })
 {
-    static PrintedLines *const lines =
-        new PrintedLines(write_out); // for good: the library's threads may print till the end
-    fflush(stdout);
-    FILE *const stream =
-        fopencookie(lines, "w", {.read = nullptr, .write = take_printed, .seek = nullptr, .close = nullptr});
-    if (!stream)
-        return; // out of memory before anything began; the start will fail of it
-    setvbuf(stream, nullptr, _IONBF, 0);
-    stdout = stream;
+    Streams::lead_to(this);
+}
+
+Output::~Output()
+{
+    tell_left_out(-1); // no second that is going on
+    Streams::lead_to(nullptr);
+}
+
+void Output::end_second()
+{
+    tell_left_out(now_s());
+}
+
+void Output::tell_left_out(int64_t now_s)
+{
+    flockfile(stdout);
+    unless_short([&] { limit_.begin_second(now_s); });
+    funlockfile(stdout);
+}
+
+void Output::take_line(std::string_view line)
+{
+    if (limit_.takes(line, now_s()))
+        log_->write(line);
+}
+
+// This program's own words, in which each newline ends a line.
+void Output::take_error(std::string_view piece)
+{
+    error_ += piece;
+    size_t begin = 0;
+    for (size_t end; (end = error_.find('\n', begin)) != error_.npos; begin = end + 1)
+        errors_->write(std::string_view(error_).substr(begin, end - begin));
+    error_.erase(0, begin);
 }
 
 void log_warning(const std::string &text)
 {
-    char stamp[64];
-    platform_get_localtime_str(stamp, sizeof stamp);
-    printf("[%s] [WARN] %s\n", stamp, text.c_str());
+    printf("%s\n", warning_line(text).c_str());
 }
 
 } // namespace tarn::broker

@@ -10,6 +10,7 @@
 #include "privileges.h"
 #include "query.h"
 #include "refusals.h"
+#include "shortage.h"
 
 #include <cerrno>
 #include <csignal>
@@ -28,9 +29,10 @@
 namespace tarn::broker {
 namespace {
 
-constexpr uint16_t                  kPort        = NETIP_PORT; // the library serves no other
-constexpr std::chrono::milliseconds kGuardPeriod = std::chrono::seconds(5);
-constexpr std::chrono::milliseconds kUdpPeriod   = std::chrono::seconds(1);
+constexpr uint16_t                  kPort           = NETIP_PORT; // the library serves no other
+constexpr std::chrono::milliseconds kGuardPeriod    = std::chrono::seconds(5);
+constexpr std::chrono::milliseconds kUdpPeriod      = std::chrono::seconds(1);
+constexpr std::chrono::milliseconds kShortagePeriod = std::chrono::seconds(10);
 
 // Each client takes a descriptor, and the usual soft limit is 1024. When it cannot be raised, fewer clients fit.
 void raise_descriptor_limit()
@@ -182,6 +184,14 @@ int32_t start(broker_t *broker, const Options &options, Access &access, RefusalL
     return code;
 }
 
+void tell_shortages()
+{
+    if (const uint64_t count = take_shortages())
+        fprintf(stderr,
+                "tarn-broker: there was no memory %llu times: logins and messages were refused, or lines left out\n",
+                static_cast<unsigned long long>(count));
+}
+
 // What the main thread does every few seconds.
 void keep_house(Loop &loop, broker_t *broker, Access &access, RefusalLog &refusals, DiskWatch &disk)
 {
@@ -189,6 +199,7 @@ void keep_house(Loop &loop, broker_t *broker, Access &access, RefusalLog &refusa
         loop.every(kGuardPeriod, [&access, broker] { guard_turn(broker, access); });
     if (access.is_wanted())
         loop.every(RefusalLog::kPeriod, [&refusals] { refusals.end_period(); });
+    loop.every(kShortagePeriod, tell_shortages);
     loop.every(DiskWatch::kPeriod, [&disk] {
         if (const std::string news = disk.look(); !news.empty())
             fprintf(stderr, "tarn-broker: %s\n", news.c_str());
@@ -201,7 +212,7 @@ ExitStatus serve(const Options &options)
 {
     umask(077);         // files hold what clients sent: only this user may read them
     DataDirectory data; // locked until all else is gone
-    Access        access(options.user_file, options.acl_file);
+    Access        access(options.user_file, options.acl_file, options.password_wait_s);
     Loop          loop;
     end_on_signals(loop);
     reload_on_signal(loop, access);
@@ -211,7 +222,8 @@ ExitStatus serve(const Options &options)
         return kCannotServe;
     }
     tarn_sdk_mqtt_broker_set_log_level(nullptr, options.level());
-    escape_standard_output();
+    Output output(static_cast<size_t>(options.log_limit));
+    loop.every(std::chrono::seconds(1), [&output] { output.end_second(); });
 
     Attachments attachments(loop, options);
     if (const std::string fault = attachments.open(); !fault.empty()) {
@@ -227,14 +239,20 @@ ExitStatus serve(const Options &options)
 
     RefusalLog    refusals(log_warning); // at every level: they are this program's own news, and few
     DiskWatch     disk;
-    const int32_t code = start(broker, options, access, refusals);
+    const int32_t code   = start(broker, options, access, refusals);
+    bool          served = false;
     if (code == TARN_OK) {
-        log_where_it_serves(options.max_clients);
-        log_when_udp_closes(loop);
-        warn_of_descriptor_limit(options.max_clients);
-        keep_house(loop, broker, access, refusals, disk);
-        attachments.serve(broker);
-        loop.run();
+        served = unless_short([&] {
+            log_where_it_serves(options.max_clients);
+            log_when_udp_closes(loop);
+            warn_of_descriptor_limit(options.max_clients);
+            keep_house(loop, broker, access, refusals, disk);
+            attachments.serve(broker);
+        });
+        if (served)
+            loop.run();
+        else
+            fputs("tarn-broker: out of memory\n", stderr);
         attachments.end();
         for (const int number : {SIGINT, SIGTERM}) // the next one ends the process at once
             loop.release_signal(number);
@@ -244,11 +262,13 @@ ExitStatus serve(const Options &options)
         explain_failed_start(code);
     }
     tarn_sdk_mqtt_broker_deinit(broker);
-    refusals.end_period();
-    if (const Mistake mistake = access.save_owners(); !mistake.empty())
-        fprintf(stderr, "tarn-broker: %s\n", mistake.c_str());
+    unless_short([&] {
+        refusals.end_period();
+        if (const Mistake mistake = access.save_owners(); !mistake.empty())
+            fprintf(stderr, "tarn-broker: %s\n", mistake.c_str());
+    });
     tarn_sdk_mqtt_broker_destroy(broker);
-    return code == TARN_OK ? kEnded : kCannotServe;
+    return served ? kEnded : kCannotServe;
 }
 
 } // namespace tarn::broker

@@ -4,6 +4,7 @@
 #include "filter.h"
 
 #include <algorithm>
+#include <chrono>
 #include <unistd.h>
 #include <utility>
 
@@ -35,6 +36,13 @@ std::string_view taken_id(std::string_view client_id)
     return client_id.substr(0, CLIENT_ID_CHARS);
 }
 
+int64_t now_ms()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+constexpr Verdict kWrong{"unknown user or wrong password"};
 constexpr Verdict kNoRule{"no rule allows it"};
 constexpr Verdict kNotUtf8{"the filter is not UTF-8"};
 constexpr Verdict kNoTopic{"it is no topic to publish to"};
@@ -42,8 +50,8 @@ constexpr Verdict kNobody{"it has not connected as somebody who may"};
 
 } // namespace
 
-Access::Access(std::string user_file, std::string acl_file)
-    : user_file_(std::move(user_file)), acl_file_(std::move(acl_file))
+Access::Access(std::string user_file, std::string acl_file, int32_t wait_s)
+    : user_file_(std::move(user_file)), acl_file_(std::move(acl_file)), waits_(wait_s)
 {
 }
 
@@ -88,15 +96,31 @@ std::vector<std::string> Access::warnings() const
     return texts;
 }
 
-Verdict Access::may_connect(const std::string &client_id, const std::string &user, const std::string &password)
+Verdict Access::check_password(Users &users, const std::string &user, const std::string &password,
+                               std::string_view address)
+{
+    if (user.empty() || password.empty())
+        return {"user name or password is missing"};
+    if (!address.empty() && !waits_.may_try(address, user, now_ms()))
+        return {"it has to wait after wrong passwords"};
+    const bool right = users.check(user, password);
+    if (address.empty())
+        return right ? Verdict{} : kWrong;
+    if (right)
+        waits_.was_right(address, user);
+    else
+        waits_.was_wrong(address, user, now_ms());
+    return right ? Verdict{} : kWrong;
+}
+
+Verdict Access::may_connect(const std::string &client_id, const std::string &user, const std::string &password,
+                            std::string_view address)
 {
     const Files now = files();
     if (!now.users)
         return {};
-    if (user.empty() || password.empty())
-        return {"user name or password is missing"};
-    if (!now.users->check(user, password))
-        return {"unknown user or wrong password"};
+    if (const Verdict verdict = check_password(*now.users, user, password, address); !verdict)
+        return verdict;
     const std::string_view id = taken_id(client_id);
     if (now.acl && !now.acl->may_have_id({id, user}))
         return {"the user may not have this id"};

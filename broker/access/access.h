@@ -8,6 +8,7 @@
 
 #include "acl.h"
 #include "bindings.h"
+#include "login_waits.h"
 #include "users.h"
 
 #include <functional>
@@ -28,7 +29,8 @@ class Access {
 public:
     // Names of files, empty for none. Without users everybody may connect; without rules everybody who is connected may
     // do everything.
-    Access(std::string user_file, std::string acl_file);
+    // wait_s: the longest that wrong passwords make one wait, 0 = nobody waits.
+    Access(std::string user_file, std::string acl_file, int32_t wait_s = 0);
 
     bool is_wanted() const { return !user_file_.empty() || !acl_file_.empty(); }
     bool asks_for_users() const { return !user_file_.empty(); }
@@ -39,8 +41,9 @@ public:
     // What is no mistake in the file, but cannot have been meant.
     std::vector<std::string> warnings() const;
 
-    // The id is empty when the library will choose one.
-    Verdict may_connect(const std::string &client_id, const std::string &user, const std::string &password);
+    // The id is empty when the library will choose one. The address has no port; who comes without one never waits.
+    Verdict may_connect(const std::string &client_id, const std::string &user, const std::string &password,
+                        std::string_view address = {});
 
     // Binds the id that the library chose for a client that is online now. When the id is another user's, it changes hands
     // if is_alone() says that no second client is online with it; else the result is false.
@@ -72,6 +75,8 @@ private:
     };
     Files                      files() const;
     std::optional<std::string> user_with_rights(const Files &files, const std::string &client_id) const;
+    Verdict                    check_password(Users &users, const std::string &user, const std::string &password,
+                                              std::string_view address);
     static Verdict             may_write(const Files &files, const Asker &asker, const std::string &topic);
 
     const std::string  user_file_;
@@ -80,6 +85,7 @@ private:
     Files              files_;         // under mutex_
     int                saves_due_ = 0; // under mutex_
     Bindings           bindings_;
+    LoginWaits         waits_;
 };
 
 } // namespace tarn::broker

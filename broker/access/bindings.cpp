@@ -64,8 +64,8 @@ bool Bindings::bind(std::string_view client_id, std::string_view user)
     size_t &ids = ids_of_[name];
     if (ids >= kIdsMax)
         return false;
-    ++ids;
     table_.emplace(id, Binding{name, sweeps_, false});
+    ++ids;
     return true;
 }
 

@@ -1,5 +1,7 @@
 #include "gate.h"
 
+#include "../shortage.h"
+
 #include <atomic>
 #include <chrono>
 #include <optional>
@@ -26,6 +28,14 @@ struct Packet {
 };
 thread_local Packet t_packet; // under way on this thread
 
+class UnderWay {
+public:
+    explicit UnderWay(uint32_t handle) { t_packet = {handle, nullptr}; }
+    ~UnderWay() { t_packet = {}; }
+    UnderWay(const UnderWay &)            = delete;
+    UnderWay &operator=(const UnderWay &) = delete;
+};
+
 std::optional<DroppedWill> judge(std::span<const uint8_t> packet)
 {
     std::optional<ConnectWill> will = find_will(packet);
@@ -40,7 +50,7 @@ uint8_t on_network_event(uint32_t handle, uint32_t event, const uint8_t *data, u
 {
     if (event != NETIP_EVENT_DATA || !data)
         return g_library(handle, event, data, length, reason, error, broker);
-    t_packet = {handle, nullptr};
+    const UnderWay       packet(handle);
     std::vector<uint8_t> stripped;
     const auto           dropped = judge({data, length});
     if (dropped) {
@@ -49,9 +59,15 @@ uint8_t on_network_event(uint32_t handle, uint32_t event, const uint8_t *data, u
         length           = static_cast<uint32_t>(stripped.size());
         t_packet.dropped = &*dropped;
     }
-    const uint8_t result = g_library(handle, event, data, length, reason, error, broker);
-    t_packet             = {};
-    return result;
+    return g_library(handle, event, data, length, reason, error, broker);
+}
+
+// A CONNECT whose will nobody could look at ends its connection.
+uint8_t end_connection(uint32_t handle, uint32_t /*event*/, const uint8_t * /*data*/, uint32_t /*length*/,
+                       uint32_t /*reason*/, uint32_t /*error*/, void * /*broker*/)
+{
+    netip_close(handle);
+    return 1;
 }
 
 } // namespace
@@ -62,7 +78,7 @@ void install_gate(WillJudge judge)
     pthread_mutex_lock(&g_netip_lock);
     g_library = g_netip_cb;
     if (g_library) // else start has failed
-        std::atomic_ref(g_netip_cb).store(on_network_event, std::memory_order_relaxed);
+        std::atomic_ref(g_netip_cb).store(CCallback<on_network_event, end_connection>::call, std::memory_order_relaxed);
     pthread_mutex_unlock(&g_netip_lock);
     g_installed = true;
 }
@@ -80,13 +96,19 @@ const DroppedWill *dropped_will()
     return t_packet.dropped;
 }
 
-std::string peer_address()
+std::string peer_ip()
 {
     char           ip[64] = "";
     const uint32_t handle = t_packet.handle;
     if (handle == NETIP_NO_HANDLE || !netip_get_client_ip(handle, ip, sizeof ip))
         return "";
-    return std::string(ip) + ':' + std::to_string(netip_get_client_port(handle));
+    return ip;
+}
+
+std::string peer_address()
+{
+    const std::string ip = peer_ip();
+    return ip.empty() ? ip : ip + ':' + std::to_string(netip_get_client_port(t_packet.handle));
 }
 
 } // namespace tarn::broker

@@ -30,6 +30,7 @@ bool passed_gate();
 // Of the CONNECT that the calling thread has under way; null when it keeps its will or leaves none.
 const DroppedWill *dropped_will();
 
+std::string peer_ip();      // without its port
 std::string peer_address(); // IP:PORT of the connection that the calling thread has a packet of, or ""
 
 } // namespace tarn::broker

@@ -3,15 +3,18 @@
 #include "../event_hub.h"
 #include "../event_text.h"
 #include "../query.h"
+#include "../shortage.h"
 #include "gate.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include <tarn_sdk_mqtt_broker.h>
+#include <tarn_sdk_mqtt_broker/codec/mqtt_codec.h>
 
 namespace tarn::broker {
 namespace {
@@ -22,7 +25,15 @@ Access     *g_access; // the callbacks get nothing but the instance; set before 
 TellRefusal g_tell;   // likewise
 
 // The user of a CONNECT without an id, until the event of the same CONNECT, on the same thread, tells the chosen one.
-thread_local std::string t_user_without_id;
+// No std::string: for the first one of a thread the C library wants memory, and ends the process without.
+thread_local char t_user_without_id[sizeof(mqtt_connect_para_t::username)];
+
+void keep_user_without_id(std::string_view user)
+{
+    const size_t length = std::min(user.size(), sizeof t_user_without_id - 1);
+    user.copy(t_user_without_id, length);
+    t_user_without_id[length] = '\0';
+}
 
 const char *judge_will(const ConnectWill &will)
 {
@@ -35,13 +46,13 @@ Verdict judge_login(const char *client_id, const char *user, const char *passwor
 {
     if (!passed_gate())
         return {"it came while the broker started"};
-    return g_access->may_connect(client_id, user, password);
+    return g_access->may_connect(client_id, user, password, peer_ip());
 }
 
 bool on_auth(broker_t * /*broker*/, const char *client_id, const char *user, const char *password)
 {
     const Verdict verdict = judge_login(client_id, user, password);
-    t_user_without_id     = verdict && *client_id == '\0' && g_access->asks_for_users() ? user : "";
+    keep_user_without_id(verdict && *client_id == '\0' && g_access->asks_for_users() ? user : "");
     if (!verdict)
         g_tell({Refusal::Login, user, client_id, peer_address(), "", verdict.why_not});
     else if (const DroppedWill *const dropped = dropped_will())
@@ -53,7 +64,7 @@ bool on_auth(broker_t * /*broker*/, const char *client_id, const char *user, con
 // by id what a client may do.
 void on_event(broker_t *broker, uint32_t kind, const char *text)
 {
-    if (kind != BROKER_EVENT_CONNECTED || t_user_without_id.empty())
+    if (kind != BROKER_EVENT_CONNECTED || *t_user_without_id == '\0')
         return;
     const std::string id(read_event_text(kind, text).client_id.value_or(""));
     const auto        is_alone = [&] {
@@ -65,7 +76,7 @@ void on_event(broker_t *broker, uint32_t kind, const char *text)
             {Refusal::Login, t_user_without_id, id, peer_address(), "", "another user got the same id in this second"});
         tarn_sdk_mqtt_broker_kick_client(broker, id.c_str());
     }
-    t_user_without_id.clear();
+    keep_user_without_id("");
 }
 
 bool on_acl(broker_t * /*broker*/, const char *client_id, const char *topic, uint8_t action, mqtt_client_t * /*client*/)
@@ -77,6 +88,17 @@ bool on_acl(broker_t * /*broker*/, const char *client_id, const char *topic, uin
         g_tell({publishes ? Refusal::Publication : Refusal::Subscription, g_access->user_of(client_id), client_id,
                 peer_address(), topic, verdict.why_not});
     return static_cast<bool>(verdict);
+}
+
+bool refuse_login(broker_t * /*broker*/, const char * /*id*/, const char * /*user*/, const char * /*password*/)
+{
+    return false;
+}
+
+bool refuse_action(broker_t * /*broker*/, const char * /*id*/, const char * /*topic*/, uint8_t /*action*/,
+                   mqtt_client_t * /*client*/)
+{
+    return false;
 }
 
 void kick_clients_of_removed_users(broker_t *broker, const Access &access)
@@ -96,8 +118,8 @@ void guard(broker_t *broker, Access &access, TellRefusal tell)
 {
     g_access = &access;
     g_tell   = std::move(tell);
-    tarn_sdk_mqtt_broker_register_acl_callback(broker, on_acl);
-    tarn_sdk_mqtt_broker_register_auth_callback(broker, on_auth);
+    tarn_sdk_mqtt_broker_register_acl_callback(broker, CCallback<on_acl, refuse_action>::call);
+    tarn_sdk_mqtt_broker_register_auth_callback(broker, CCallback<on_auth, refuse_login>::call);
     if (access.asks_for_users())
         listen_to_events(broker, on_event);
 }

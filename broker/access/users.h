@@ -1,7 +1,7 @@
 // users.h - the file of users, "NAME:HASH" a line, and the question whether a password is right.
 //
-// Hashes are the system's, as crypt(5) describes them. Hashing is slow on purpose, and who asks is the thread that
-// serves all clients. So new hashes are of a cost that thread can bear, and of each user the password that was right
+// Hashes are the system's, as crypt(5) describes them. Hashing is slow on purpose, and who asks is a thread of the
+// library that serves clients. So new hashes are of a cost that thread can bear, and of each user the password that was right
 // last is remembered, as a hash under a key that lives and dies with this object: a client that comes back, or a
 // thousand devices that share a user, cost one hashing. A wrong password and an unknown user cost one each time.
 #ifndef TARN_BROKER_ACCESS_USERS_H
@@ -9,6 +9,7 @@
 
 #include "keyed_hash.h"
 #include "text_file.h"
+#include "turnstile.h"
 
 #include <map>
 #include <mutex>
@@ -22,12 +23,13 @@ std::string hash_password(const std::string &password); // empty when the system
 
 class Users {
 public:
+    Users();
     Mistake parse(const std::string &path, std::string_view text);
 
     bool   has(std::string_view name) const { return hashes_.find(name) != hashes_.end(); }
     size_t count() const { return hashes_.size(); }
 
-    // By any number of threads.
+    // By any number of threads; those that hash do it one or two at a time, in the order in which they came.
     bool check(const std::string &name, const std::string &password);
 
 private:
@@ -37,6 +39,7 @@ private:
     std::map<std::string, std::string, std::less<>> hashes_;
     std::string                                     stand_in_; // for users that are not there
     const HashKey                                   key_ = random_key();
+    Turnstile                                       hashing_;
     std::mutex                                      mutex_;
     std::map<std::string, Hash128>                  last_right_; // by user; under mutex_
 };

@@ -1,12 +1,14 @@
 #include "server.h"
 
 #include "address.h"
+#include "../shortage.h"
 #include "commands.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -101,8 +103,21 @@ void ConsoleServer::accept_console()
         close(fd);
         return;
     }
-    const Place console = consoles_.insert(consoles_.end(), Console{fd, "", "", now_s()});
-    loop_.on_readable(fd, [this, console] { receive(console); });
+    if (!unless_short([&] { consoles_.push_back(Console{fd, "", "", now_s()}); })) {
+        close(fd);
+        return;
+    }
+    const Place console = std::prev(consoles_.end());
+    if (!unless_short([&] { loop_.on_readable(fd, guarded(&ConsoleServer::receive, console)); }))
+        close_console(console);
+}
+
+Loop::Act ConsoleServer::guarded(Act act, Place console)
+{
+    return [this, act, console] {
+        if (!unless_short([&] { (this->*act)(console); }))
+            close_console(console);
+    };
 }
 
 void ConsoleServer::receive(Place console)
@@ -134,12 +149,12 @@ void ConsoleServer::turn(Place console)
             close_console(console);
         } else {
             loop_.forget(console->fd);
-            loop_.on_readable(console->fd, [this, console] { receive(console); });
+            loop_.on_readable(console->fd, guarded(&ConsoleServer::receive, console));
         }
         return;
     }
     loop_.forget(console->fd);
-    loop_.on_writable(console->fd, [this, console] { turn(console); });
+    loop_.on_writable(console->fd, guarded(&ConsoleServer::turn, console));
 }
 
 bool ConsoleServer::answer_next(Console &console)

@@ -44,14 +44,16 @@ private:
         bool        ended = false; // sends no more commands
     };
     using Place = std::list<Console>::iterator;
+    using Act   = void (ConsoleServer::*)(Place console);
 
-    void accept_console();
-    void receive(Place console);
-    void turn(Place console);
-    bool answer_next(Console &console); // false when no whole line has come
-    bool send_answer(Console &console); // false when it is gone
-    void close_console(Place console);
-    void close_stalled();
+    void      accept_console();
+    Loop::Act guarded(Act act, Place console); // a console for which there is no memory is closed
+    void      receive(Place console);
+    void      turn(Place console);
+    bool      answer_next(Console &console); // false when no whole line has come
+    bool      send_answer(Console &console); // false when it is gone
+    void      close_console(Place console);
+    void      close_stalled();
 
     Loop              &loop_;
     broker_t          *broker_    = nullptr;

@@ -1,5 +1,6 @@
 #include "log_pane.h"
 
+#include "../shortage.h"
 #include "../thread.h"
 
 #include <algorithm>
@@ -52,10 +53,12 @@ void LogPane::read_all(int fd)
     char        bytes[4096];
     for (ssize_t count; (count = read(fd, bytes, sizeof bytes)) > 0 || (count < 0 && errno == EINTR);) {
         for (const char c : std::string_view(bytes, static_cast<size_t>(std::max<ssize_t>(count, 0)))) {
-            if (c == '\n')
-                keep(std::exchange(line, ""));
-            else if (line.size() < kLineBytes)
-                line += c;
+            unless_short([&] {
+                if (c == '\n')
+                    keep(std::exchange(line, ""));
+                else if (line.size() < kLineBytes)
+                    line += c;
+            });
         }
     }
     close(fd);

@@ -51,10 +51,11 @@ bool deliver_to_receiver(Routing &routing, DeliveryCache &cache)
                                  .topic      = message.topic_text(),
                                  .payload    = message.payload,
                                  .tracked    = acknowledged && rules.tracking == Tracking::Queued,
-                                 .remembered = receiver.qos == 1 && rules.remembers_qos1};
+                                 .remembered = receiver.qos == 1 && rules.remembers_qos1,
+                                 .copy       = &routing.payload_copy};
     if (acknowledged && rules.tracking == Tracking::Always &&
         (packet.ready() || cache.scan_can_encode(packet.result, receiver.version)))
-        (void)qos::track(client, id, delivery.qos, delivery.topic, delivery.payload);
+        (void)qos::track(client, id, delivery.qos, delivery.topic, delivery.payload, delivery.copy);
     if (!packet.ready())
         return refuse(routing, Outcome::NotEncoded);
 

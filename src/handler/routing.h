@@ -7,6 +7,7 @@
 #define TARN_HANDLER_ROUTING_H
 
 #include "../persist/absent_session.h"
+#include "../qos/first_send.h"
 #include "delivery_cache.h"
 #include "handler_internal.h"
 #include "workspace.h"
@@ -97,7 +98,8 @@ struct Routing {
     std::optional<std::string_view> excluded; // no receiver of this id, without a word
     Matches                         matches;
     Receiver                        receiver;
-    int                             sent = 0; // receivers that the message was queued for
+    qos::PayloadCopy                payload_copy; // of the deliveries that are tracked
+    int                             sent = 0;     // receivers that the message was queued for
 };
 
 // Sends the message to whom `topic` matches. False without memory.

@@ -8,16 +8,22 @@ qos_packet_t *g_pending_queue = nullptr;
 tarn_mutex_t  g_queue_mutex{};
 
 namespace tarn::qos {
+
+constinit qos_packet_t **g_walk = nullptr;
+
 namespace {
 
 constexpr size_t kIdBuckets            = 1 << 15;
 constexpr size_t kClientBuckets        = 1 << 12;
 constexpr int    kAlwaysCheckedEntries = 64;
 
-// Entries of one client, counted. Lives while there is at least one.
+struct Tracked;
+
+// Entries of one client: counted, and chained from the newest on. Lives while there is at least one.
 struct Tally {
     const mqtt_client_t *client;
     int                  count;
+    Tracked             *newest;
     Tally               *next;
 };
 
@@ -27,6 +33,8 @@ struct Tracked {
     Tracked             *chain; // next older entry in the same bucket
     Tracked             *newer; // list neighbours as the index left them, null at the ends
     Tracked             *older;
+    Tracked             *newer_of_client; // neighbours among the entries of its client, null at the ends
+    Tracked             *older_of_client;
     Tally               *tally;
     uint16_t             msg_id; // bucket key when it was linked: the packet's own fields may be edited by hand
     const mqtt_client_t *client;
@@ -112,6 +120,32 @@ bool is_complete() REQUIRES(g_queue_mutex)
     return g_index.complete;
 }
 
+void link_to_client(Tracked &entry) REQUIRES(g_queue_mutex)
+{
+    Tally &tally          = *entry.tally;
+    entry.newer_of_client = nullptr;
+    entry.older_of_client = tally.newest;
+    if (tally.newest)
+        tally.newest->newer_of_client = &entry;
+    tally.newest = &entry;
+    ++tally.count;
+}
+
+void unlink_from_client(Tracked &entry) REQUIRES(g_queue_mutex)
+{
+    Tally &tally = *entry.tally;
+    if (entry.newer_of_client)
+        entry.newer_of_client->older_of_client = entry.older_of_client;
+    else
+        tally.newest = entry.older_of_client;
+    if (entry.older_of_client)
+        entry.older_of_client->newer_of_client = entry.newer_of_client;
+    if (--tally.count > 0)
+        return;
+    *tally_link(tally.client) = tally.next;
+    free(&tally);
+}
+
 bool add_to_index(Tracked *entry) REQUIRES(g_queue_mutex)
 {
     Tally **const link = tally_link(entry->packet.client);
@@ -119,13 +153,13 @@ bool add_to_index(Tracked *entry) REQUIRES(g_queue_mutex)
         auto *const tally = static_cast<Tally *>(malloc(sizeof(Tally)));
         if (!tally)
             return false;
-        *tally = {entry->packet.client, 0, nullptr};
+        *tally = {entry->packet.client, 0, nullptr, nullptr};
         *link  = tally;
     }
     entry->tally  = *link;
     entry->client = entry->packet.client;
     entry->msg_id = entry->packet.msg_id;
-    ++entry->tally->count;
+    link_to_client(*entry);
     ++g_index.size;
     Tracked *&bucket = g_index.by_id[id_bucket(entry->client, entry->msg_id)];
     entry->chain     = bucket;
@@ -149,11 +183,7 @@ bool remove_from_index(qos_packet_t *packet) REQUIRES(g_queue_mutex)
     if (entry->older)
         entry->older->newer = entry->newer;
     --g_index.size;
-    if (--entry->tally->count == 0) {
-        Tally **const tally = tally_link(entry->client);
-        *tally              = entry->tally->next;
-        free(entry->tally);
-    }
+    unlink_from_client(*entry);
     return true;
 }
 
@@ -175,14 +205,20 @@ qos_packet_t **link_to(qos_packet_t *entry) REQUIRES(g_queue_mutex)
 
 } // namespace
 
-qos_packet_t *make_entry()
+qos_packet_t *make_entry(int held)
 {
-    return reinterpret_cast<qos_packet_t *>(calloc(1, sizeof(Tracked)));
+    if (!take_bytes(sizeof(Tracked), held))
+        return nullptr;
+    auto *const entry = reinterpret_cast<qos_packet_t *>(calloc(1, sizeof(Tracked)));
+    if (!entry)
+        give_bytes_back(sizeof(Tracked));
+    return entry;
 }
 
 void free_entry(qos_packet_t *entry)
 {
-    free(entry->payload);
+    free_payload(*entry);
+    give_bytes_back(sizeof(Tracked));
     free(entry);
 }
 
@@ -231,9 +267,13 @@ void remove_at(qos_packet_t **link)
     qos_packet_t *const entry = *link;
     if (is_complete() && !remove_from_index(entry))
         drop_index();
+    if (g_walk == &entry->next)
+        g_walk = link;
     *link        = entry->next;
     g_index.head = g_pending_queue;
     free_entry(entry);
+    if (!g_pending_queue)
+        forget_bytes();
 }
 
 void remove_entry(qos_packet_t *entry)
@@ -242,20 +282,50 @@ void remove_entry(qos_packet_t *entry)
         remove_at(link);
 }
 
-int remove_all_of(const mqtt_client_t *client)
+namespace {
+
+// The newest entry of the client, when the index is to be believed about it. The client and the neighbours may have
+// been edited by hand since: then the index is dropped.
+qos_packet_t **link_to_newest_of(const mqtt_client_t *client) REQUIRES(g_queue_mutex)
 {
-    int left    = count_of(client);
+    if (!is_complete())
+        return nullptr;
+    const Tally *const tally = *tally_link(client);
+    if (!tally)
+        return nullptr;
+    Tracked &newest = *tally->newest;
+    if (qos_packet_t **const link = newest.newer ? &newest.newer->packet.next : &g_pending_queue;
+        *link == entry_of(&newest) && is_untouched(newest))
+        return link;
+    drop_index();
+    return nullptr;
+}
+
+int remove_all_by_walk(const mqtt_client_t *client) REQUIRES(g_queue_mutex)
+{
     int removed = 0;
-    for (qos_packet_t **link = &g_pending_queue; *link && left > 0;) {
+    for (qos_packet_t **link = &g_pending_queue; *link;) {
         if ((*link)->client != client) {
             link = &(*link)->next;
             continue;
         }
         remove_at(link);
-        --left;
         ++removed;
     }
     return removed;
+}
+
+} // namespace
+
+// Along the chain of the client's entries, whatever the others have.
+int remove_all_of(const mqtt_client_t *client)
+{
+    int removed = 0;
+    while (qos_packet_t **const link = link_to_newest_of(client)) {
+        remove_at(link);
+        ++removed;
+    }
+    return is_complete() ? removed : removed + remove_all_by_walk(client);
 }
 
 int remove_all()

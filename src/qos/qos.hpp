@@ -13,8 +13,8 @@ namespace tarn::qos {
 void               destroy() noexcept; // ends them all and drops every delivery
 
 // Tracks a delivery as if it had just been sent: the scan repeats it. What is sent here and now has first_send.h.
-Added track(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, const char *topic,
-            std::span<const uint8_t> payload) noexcept;
+Added track(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, const char *topic, std::span<const uint8_t> payload,
+            PayloadCopy *copy = nullptr) noexcept;
 void  set_expiry(mqtt_client_t &client, uint16_t msg_id, uint32_t seconds) noexcept;
 
 enum class Acknowledged : uint8_t { Taken, Unknown, Failed };

@@ -9,9 +9,6 @@
 #include "../log/log.h"
 #include "qos_internal.h"
 
-#include <cstdlib>
-#include <cstring>
-
 using namespace tarn;
 using qos::Acknowledged;
 using qos::Added;
@@ -29,51 +26,48 @@ const char *name_of(uint8_t packet_type)
 //   test: publish.an_empty_message_at_qos_1_is_sent_but_not_tracked
 //
 // What is wrong with the arguments, or Added::Yes.
-Added check(uint8_t qos, const char *topic, const void *payload, uint32_t payload_len)
+Added check(uint8_t qos, const char *topic, std::span<const uint8_t> payload)
 {
     if (!topic || !*topic)
         return Added::NoTopic;
-    if (!payload || payload_len == 0)
+    if (payload.empty())
         return Added::NoPayload;
-    if (payload_len > QOS_PAYLOAD_MAX)
+    if (payload.size() > QOS_PAYLOAD_MAX)
         return Added::TooLong;
     return qos == 1 || qos == 2 ? Added::Yes : Added::BadQos;
 }
 
-void fill(qos_packet_t &entry, mqtt_client_t &client, uint16_t msg_id, uint8_t qos, const char *topic, uint64_t now_ms)
-    REQUIRES(g_queue_mutex)
+void fill(qos_packet_t &entry, const qos::Delivery &delivery, uint64_t now_ms) REQUIRES(g_queue_mutex)
 {
-    entry.msg_id = msg_id;
-    entry.qos    = qos;
-    copy_text(entry.topic, topic, sizeof entry.topic - 1);
+    entry.msg_id = delivery.msg_id;
+    entry.qos    = delivery.qos;
+    copy_text(entry.topic, delivery.topic, sizeof entry.topic - 1);
     entry.last_send_ms      = now_ms;
     entry.retry_interval_ms = QOS_FIRST_RETRY_MS;
-    entry.qos2_state        = qos == 2 ? qos::QOS2_AWAITS_PUBREC : qos::QOS2_NONE;
-    entry.client            = &client;
+    entry.qos2_state        = delivery.qos == 2 ? qos::QOS2_AWAITS_PUBREC : qos::QOS2_NONE;
+    entry.client            = &delivery.client;
     entry.create_ms         = now_ms;
 }
 
-Added add(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, const char *topic, const void *payload,
-          uint32_t payload_len, int &count) REQUIRES(g_queue_mutex)
+Added add(const qos::Delivery &delivery, int &count) REQUIRES(g_queue_mutex)
 {
-    if (const Added wrong = check(qos, topic, payload, payload_len); wrong != Added::Yes)
+    mqtt_client_t  &client = delivery.client;
+    const std::span payload(delivery.payload);
+    if (const Added wrong = check(delivery.qos, delivery.topic, payload); wrong != Added::Yes)
         return wrong;
     if (is_released(&client))
         return Added::Yes; // its entries were dropped a moment ago, and this one with them
     count = qos::count_of(&client);
     if (count >= QOS_PENDING_MAX)
         return Added::Full;
-    qos_packet_t *const entry = qos::make_entry();
+    qos_packet_t *const entry = qos::make_entry(count);
     if (!entry)
         return Added::NoEntry;
-    entry->payload = static_cast<uint8_t *>(malloc(payload_len));
-    if (!entry->payload) {
+    if (!qos::put_payload(*entry, payload, delivery.copy, count)) {
         qos::free_entry(entry);
         return Added::NoPayloadMemory;
     }
-    memcpy(entry->payload, payload, payload_len);
-    entry->payload_len = payload_len;
-    fill(*entry, client, msg_id, qos, topic, mono_ms());
+    fill(*entry, delivery, mono_ms());
     qos::link_entry(entry);
     qos::note_due(entry->last_send_ms + QOS_FIRST_RETRY_MS + 1);
     return Added::Yes;
@@ -210,8 +204,7 @@ qos::FirstSend qos::send_and_track(const Delivery &delivery, std::span<const uin
         if (first.result != 0)
             return first;
         if (delivery.tracked)
-            first.added = add(client, delivery.msg_id, delivery.qos, delivery.topic, delivery.payload.data(),
-                              static_cast<uint32_t>(delivery.payload.size()), first.count);
+            first.added = add(delivery, first.count);
         if (delivery.remembered)
             client.qos1_pending_msg_id = delivery.msg_id;
     }
@@ -226,16 +219,23 @@ void qos::log_tracking(const Delivery &delivery, const FirstSend &first) noexcep
 }
 
 Added qos::track(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, const char *topic,
-                 std::span<const uint8_t> payload) noexcept
+                 std::span<const uint8_t> payload, PayloadCopy *copy) noexcept
 {
-    const auto size  = static_cast<uint32_t>(payload.size());
-    int        count = 0;
-    Added      added;
+    const Delivery delivery{.client     = client,
+                            .msg_id     = msg_id,
+                            .qos        = qos,
+                            .topic      = topic,
+                            .payload    = payload,
+                            .tracked    = true,
+                            .remembered = false,
+                            .copy       = copy};
+    int            count = 0;
+    Added          added;
     {
         ScopedLock lock(g_queue_mutex);
-        added = add(client, msg_id, qos, topic, payload.data(), size, count);
+        added = add(delivery, count);
     }
-    log_added(client, msg_id, qos, size, added, count);
+    log_added(client, msg_id, qos, static_cast<uint32_t>(payload.size()), added, count);
     return added;
 }
 

@@ -27,13 +27,17 @@ extern tarn_mutex_t g_queue_mutex; /* valid from load to exit: never initialised
  * milliseconds.
  *
  * qos2_state: 1 awaits PUBREC, 2 has sent PUBREL, 3 has sent PUBCOMP. From 2 on it is not retransmitted any more.
+ *
+ * payload: freed with the entry. The deliveries that the broker made of one message share a payload of 64 bytes or
+ * more, which is freed with the last of them: read it, or put another one from malloc in its place, but do not change or
+ * free it. That of qos_reliable_add_packet is the entry's own.
  */
 /* clang-format off */
 typedef struct qos_packet_t {
     uint16_t             msg_id TARN_GUARDED_BY(g_queue_mutex); /* its packet identifier */
     uint8_t              qos    TARN_GUARDED_BY(g_queue_mutex); /* 1 or 2 */
     char                 topic[QOS_TOPIC_CHARS + 1] TARN_GUARDED_BY(g_queue_mutex);
-    uint8_t             *payload           TARN_GUARDED_BY(g_queue_mutex); /* owned, on the heap */
+    uint8_t             *payload           TARN_GUARDED_BY(g_queue_mutex); /* on the heap; see below */
     uint32_t             payload_len       TARN_GUARDED_BY(g_queue_mutex); /* bytes, 1..QOS_PAYLOAD_MAX */
     uint8_t              dup               TARN_GUARDED_BY(g_queue_mutex); /* flag of the next transmission */
     uint64_t             last_send_ms      TARN_GUARDED_BY(g_queue_mutex); /* mono ms: when it was queued last */
@@ -83,7 +87,8 @@ void qos_reliable_destroy(void);
  *   payload       not null; copied
  *   payload_len   bytes, 1..QOS_PAYLOAD_MAX
  *   returns       0, also for a released client, of which nothing is kept
- *                 -1   a bad argument, QOS_PENDING_MAX deliveries of this client, or too little memory; one ERROR line
+ *                 -1   a bad argument, QOS_PENDING_MAX deliveries of this client, or too little memory; one ERROR line.
+ *                      All deliveries together have 64 MiB, and 32 MiB more for clients with fewer than 16 of them.
  */
 int qos_reliable_add_packet(mqtt_client_t *client, uint16_t msg_id, uint8_t qos, const char *topic, const void *payload,
                             uint32_t payload_len);

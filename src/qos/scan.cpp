@@ -9,6 +9,7 @@
 #include "../log/log.h"
 #include "qos_internal.h"
 
+#include <climits>
 #include <cstring>
 
 constinit tarn::Shared<uint8_t>   g_scan_running = 0;
@@ -21,7 +22,15 @@ constexpr uint64_t kFullWalkPeriod_ms = 500; // an entry edited by hand is notic
 constexpr uint64_t kSharedTurn_ms     = 50;  // a scan thread leaves out its turn when the other one had it just now
 constexpr uint64_t kNever             = UINT64_MAX;
 
+// A scan thread lets go of the lock after so much work, which takes less than a millisecond, and pauses for as long:
+// who waits for the lock, such as the I/O thread with an acknowledgement, gets it meanwhile.
+constexpr int      kStepWork     = 4096;
+constexpr int      kWorkToLook   = 1;  // at an entry
+constexpr int      kWorkToSend   = 50; // to send it again or to drop it, with the line
+constexpr uint32_t kStepPause_ms = 1;
+
 constinit uint64_t g_next_due_ms GUARDED_BY(g_queue_mutex) = kNever;
+constinit bool g_turn_runs       GUARDED_BY(g_queue_mutex) = false; // a scan thread walks
 constinit Shared<uint64_t>       g_last_walk_ms            = 0;
 constinit Shared<uint64_t>       g_last_turn_ms            = 0;
 
@@ -52,26 +61,28 @@ uint64_t due_at(const qos_packet_t &entry) REQUIRES(g_queue_mutex)
     return retry_ms < expires_ms ? retry_ms : expires_ms;
 }
 
-// What is due for the entry that `link` points to. True when it was dropped.
-bool resend_or_drop(qos_packet_t **link, uint64_t now_ms, ScanResult &result) REQUIRES(g_queue_mutex)
+enum class Looked { NothingDue, Resent, Dropped };
+
+// What is due for the entry that `link` points to. Resent: or tried.
+Looked resend_or_drop(qos_packet_t **link, uint64_t now_ms, ScanResult &result) REQUIRES(g_queue_mutex)
 {
     qos_packet_t &entry = **link;
     if (has_expired(entry, now_ms)) {
         LOG_WARN("[QoS/Expiry] 消息已过期，自动丢弃: msg_id=%u, topic=%s", entry.msg_id, entry.topic);
     } else {
         if (waits_for_client(entry))
-            return false;
+            return Looked::NothingDue;
         if (elapsed(now_ms, entry.last_send_ms) <= entry.retry_interval_ms)
-            return false;
+            return Looked::NothingDue;
         if (entry.retry_count < QOS_RETRIES_MAX) {
             result.resent += resend(&entry, now_ms) == 0;
-            return false;
+            return Looked::Resent;
         }
         LOG_ERROR("[QoS] 报文重试次数超限(msg_id=%d)，丢弃", entry.msg_id);
     }
     remove_at(link);
     ++result.dropped;
-    return true;
+    return Looked::Dropped;
 }
 
 // QUIRK(timed-retransmission): deliveries are repeated while the connection stands, where MQTT repeats them after a
@@ -83,19 +94,67 @@ bool resend_or_drop(qos_packet_t **link, uint64_t now_ms, ScanResult &result) RE
 // [MQTT-4.6.0-5]: it gets them in the reverse of the order in which they were published. The list has its newest entry
 // at the head, and its order is visible. Where the order matters, the payload carries a number or a time.
 //   test: scan.what_is_due_at_one_time_goes_newest_first, offline.three_kept_messages_come_a_second_after_the_connack
-ScanResult walk(uint64_t now_ms) REQUIRES(g_queue_mutex)
+//
+// Goes on from the entry that `link` points to, until the list ends or this much work is done.
+void walk_on(qos_packet_t **&link, uint64_t now_ms, int work, ScanResult &result) REQUIRES(g_queue_mutex)
 {
-    ScanResult result;
-    uint64_t   next_due_ms = kNever;
-    for (qos_packet_t **link = &g_pending_queue; *link;) {
-        if (resend_or_drop(link, now_ms, result))
+    while (*link && work > 0) {
+        const Looked looked = resend_or_drop(link, now_ms, result);
+        work -= looked == Looked::NothingDue ? kWorkToLook : kWorkToSend;
+        if (looked == Looked::Dropped)
             continue;
-        if (const uint64_t due_ms = due_at(**link); due_ms < next_due_ms)
-            next_due_ms = due_ms;
+        note_due(due_at(**link));
         link = &(*link)->next;
     }
-    g_next_due_ms = next_due_ms;
-    return result;
+}
+
+void begin_walk(uint64_t now_ms) REQUIRES(g_queue_mutex)
+{
+    g_last_walk_ms = now_ms;
+    g_next_due_ms  = kNever; // what the walk sees and what comes meanwhile lower it again
+}
+
+void log_walk(const ScanResult &result)
+{
+    if (result.resent || result.dropped)
+        LOG_DEBUG("[QoS] 队列扫描完成：重发%d条，丢弃%d条", result.resent, result.dropped);
+}
+
+// One step of a walk, begun with `begins`. True when there is more.
+bool take_step(bool begins, uint64_t now_ms, ScanResult &result) EXCLUDES(g_queue_mutex)
+{
+    ScopedLock lock(g_queue_mutex);
+    if (begins) {
+        begin_walk(now_ms);
+        g_walk = &g_pending_queue;
+    }
+    walk_on(g_walk, now_ms, kStepWork, result);
+    return *g_walk != nullptr;
+}
+
+void walk_in_steps(uint64_t now_ms)
+{
+    const bool on_thread = g_scan_running; // its end ends the walk
+    ScanResult result;
+    bool       more = take_step(true, now_ms, result);
+    while (more && !(on_thread && !g_scan_running)) {
+        pause_ms(kStepPause_ms);
+        more = take_step(false, now_ms, result);
+    }
+    log_walk(result);
+    ScopedLock lock(g_queue_mutex);
+    g_walk      = nullptr;
+    g_turn_runs = false;
+}
+
+// True for one thread at a time, and when an entry may be due.
+bool may_take_turn(uint64_t now_ms)
+{
+    ScopedLock lock(g_queue_mutex);
+    const bool nothing_due = now_ms < g_next_due_ms && elapsed(now_ms, g_last_walk_ms) < kFullWalkPeriod_ms;
+    if (g_turn_runs || !g_pending_queue || nothing_due)
+        return false;
+    return g_turn_runs = true;
 }
 
 // ---- the scan threads
@@ -206,11 +265,11 @@ void scan(uint64_t now_ms)
     ScanResult result;
     {
         ScopedLock lock(g_queue_mutex);
-        g_last_walk_ms = now_ms;
-        result         = walk(now_ms);
+        begin_walk(now_ms);
+        qos_packet_t **link = &g_pending_queue;
+        walk_on(link, now_ms, INT_MAX, result);
     }
-    if (result.resent || result.dropped)
-        LOG_DEBUG("[QoS] 队列扫描完成：重发%d条，丢弃%d条", result.resent, result.dropped);
+    log_walk(result);
 }
 
 void scan_turn(uint64_t now_ms)
@@ -218,13 +277,8 @@ void scan_turn(uint64_t now_ms)
     if (elapsed(now_ms, g_last_turn_ms) < kSharedTurn_ms)
         return;
     g_last_turn_ms = now_ms;
-    {
-        ScopedLock lock(g_queue_mutex);
-        const bool nothing_due = now_ms < g_next_due_ms && elapsed(now_ms, g_last_walk_ms) < kFullWalkPeriod_ms;
-        if (!g_pending_queue || nothing_due)
-            return;
-    }
-    scan(now_ms);
+    if (may_take_turn(now_ms))
+        walk_in_steps(now_ms);
 }
 
 void stop_scan_threads()

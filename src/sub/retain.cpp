@@ -1,9 +1,12 @@
 // retain.cpp - the last retained message of each topic.
 //
-// Changes happen under the manager's lock; the file is written after it is dropped, once for each change.
+// Changes happen under the manager's lock; the file is written after it is dropped, once for each change, and once for
+// all messages that are found to have expired.
 #include "../base/clock.h"
+#include "../base/memory.h"
 #include "../log/log.h"
 #include "../persist/persist.hpp"
+#include "../stats/stats.hpp"
 #include "sub_internal.h"
 
 namespace tarn::sub {
@@ -123,17 +126,49 @@ void set_expiry(const char *topic, uint32_t expiry_s) noexcept
     persist::save_retained();
 }
 
-// Takes out the first entry whose life has ended and copies its topic. False if there is none.
-bool discard_one(sub_mgr_t &manager, int64_t now_s, char (&topic)[kTopicChars + 1]) noexcept REQUIRES(manager.lock)
+// ---- discarding
+
+using Topic = char[kTopicChars + 1];
+
+int32_t count_ended(const sub_mgr_t &manager, int64_t now_s) noexcept REQUIRES(manager.lock)
 {
-    for (int32_t i = 0; i < retained_in(manager); ++i) {
-        if (!has_ended(manager.retains[i], now_s))
+    int32_t count = 0;
+    for (int32_t i = 0; i < retained_in(manager); ++i)
+        count += has_ended(manager.retains[i], now_s);
+    return count;
+}
+
+// Takes out the entries whose life has ended, `limit` at most, and copies their topics. Returns how many.
+int32_t take_out_ended(sub_mgr_t &manager, int64_t now_s, int32_t limit, Topic *topics) noexcept REQUIRES(manager.lock)
+{
+    const int32_t count = retained_in(manager);
+    int32_t       kept  = 0;
+    int32_t       gone  = 0;
+    for (int32_t i = 0; i < count; ++i) {
+        if (gone < limit && has_ended(manager.retains[i], now_s)) {
+            copy_text(topics[gone++], manager.retains[i].topic, kTopicChars);
             continue;
-        copy_text(topic, manager.retains[i].topic, kTopicChars);
-        take_out(manager, i);
-        return true;
+        }
+        if (kept != i)
+            manager.retains[kept] = manager.retains[i];
+        ++kept;
     }
-    return false;
+    manager.retain_count = kept;
+    return gone;
+}
+
+// One at a time, as far as the lines show: when the file was written for the first of them, all of them are gone from
+// it, and for the others it only has to be counted.
+void log_and_save_ended(const Topic *topics, int32_t count) noexcept
+{
+    bool saved = false;
+    for (int32_t i = 0; i < count; ++i) {
+        LOG_INFO("保留消息已过期，自动清理: topic=%s", topics[i]);
+        if (saved)
+            stats::count(stats::Counter::persist_write);
+        else
+            saved = persist::save_retained();
+    }
 }
 
 } // namespace
@@ -237,19 +272,24 @@ bool delete_retained(const char *topic) noexcept
     return true;
 }
 
-// One entry at a time, since the file is to be saved after each, and the save may need the lock itself.
+// At DEBUG, where each save says how many entries it wrote, and without memory for their topics one after another.
 void discard_expired_retained() noexcept
 {
     const int64_t now_s = wall_s();
-    char          topic[kTopicChars + 1];
     for (;;) {
+        Topic        one[1];
+        int32_t      gone = 0;
+        owned<Topic> all;
         {
-            ScopedLock lock(g_sub_mgr.lock);
-            if (!discard_one(g_sub_mgr, now_s, topic))
+            ScopedLock    lock(g_sub_mgr.lock);
+            const int32_t ended = count_ended(g_sub_mgr, now_s);
+            if (ended == 0)
                 return;
+            if (ended > 1 && !log_passes(AGENT_LOG_DEBUG))
+                all = allocate<Topic>(static_cast<size_t>(ended));
+            gone = take_out_ended(g_sub_mgr, now_s, all ? ended : 1, all ? all.get() : one);
         }
-        LOG_INFO("保留消息已过期，自动清理: topic=%s", topic);
-        persist::save_retained();
+        log_and_save_ended(all ? all.get() : one, gone);
     }
 }
 

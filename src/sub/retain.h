@@ -60,7 +60,8 @@ int retain_msg_delete(const char *topic);
 
 /*
  * Discards the messages whose life ended before this second: expiry_interval after they were stored, or
- * RETAIN_DEFAULT_LIFE_S when they have none. For each the file is written and one INFO line.
+ * RETAIN_DEFAULT_LIFE_S when they have none. For each there is one INFO line, and one persist_write is counted; the file
+ * is written once for all of them.
  */
 void retain_clean_expired(void);
 

@@ -40,6 +40,20 @@ Added add_with_id(const char *client_id, const char *filter, uint32_t qos, uint8
 int32_t remove(const char *client_id, const char *filter) noexcept;
 int32_t remove_all_of(const char *client_id) noexcept;
 
+// Several filters of one client, which leave the table in one pass. The lines of each come when it is asked for; at
+// DEBUG, where every look at an entry is a line, it is removed then. The texts stay until then.
+class Removal {
+public:
+    Removal(const char *client_id, std::span<const char *const> filters) noexcept; // CODEC_FILTERS_MAX at most
+    int32_t log_and_count(size_t at) noexcept; // how many entries of this filter were removed
+
+private:
+    const char                  *client_id_;
+    std::span<const char *const> filters_;
+    bool                         one_by_one_;
+    int32_t                      removed_[CODEC_FILTERS_MAX] = {};
+};
+
 int32_t            count_of(const char *client_id) noexcept;
 [[nodiscard]] bool find_by_identifier(uint32_t identifier, sub_entry_t &out) noexcept; // the first one with it
 // Whole entries that match, in table order, at most `room`. Topic and array may be null: a line says so, and it is 0.
@@ -59,7 +73,7 @@ enum class Stored : uint8_t { New, Updated, Deleted, Nothing, NoTopic, Full };
 Stored             retain(const RetainedMessage &message) noexcept;              // saves the store when it changed
 [[nodiscard]] bool copy_retained(const char *topic, retain_msg_t &out) noexcept; // false when there is none
 [[nodiscard]] bool delete_retained(const char *topic) noexcept;                  // likewise; saves the store
-void               discard_expired_retained() noexcept;                          // saves it after each
+void               discard_expired_retained() noexcept;                          // saves it once for all
 // Topics, each with a line feed, as far as they fit into `size` bytes, which is above 0. Returns how many.
 int32_t list_retained_topics(char *buf, int32_t size) noexcept;
 

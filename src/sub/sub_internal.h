@@ -61,6 +61,9 @@ inline void fetch_ahead(const char *text) noexcept
     __builtin_prefetch(reinterpret_cast<const void *>(reinterpret_cast<uintptr_t>(text) + kDistance));
 }
 
+// Entries that removals have moved up so far, which is what a removal from a full table costs. Under g_sub_mgr.lock.
+extern uint64_t g_entries_moved;
+
 [[nodiscard]] inline int32_t retained_in(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock)
 {
     return manager.retains ? std::clamp<int32_t>(manager.retain_count, 0, RETAIN_CAPACITY) : 0;

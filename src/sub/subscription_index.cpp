@@ -69,7 +69,10 @@ struct Index {
     const sub_entry_t *subs; // the table it was built from
     int32_t            count;
     uint64_t           checked_at_us;
+    uint64_t           pairs_checked_at_us;
     uint64_t           stamp[SUB_CAPACITY];
+    uint64_t           id[SUB_CAPACITY];    // hash of the client id
+    uint64_t           pair[SUB_CAPACITY];  // hash of client id and filter
     uint64_t           key[SUB_CAPACITY];   // of the filter
     int32_t            shape[SUB_CAPACITY]; // its place among the shapes, or -1
     Chains             by_key;
@@ -107,13 +110,27 @@ void drop_shape(int32_t place) noexcept
         --g_index.shape_count;
 }
 
+uint64_t id_hash(std::string_view id) noexcept
+{
+    return hash_of(id);
+}
+
+uint64_t pair_hash(std::string_view id, std::string_view filter) noexcept
+{
+    return hash_mix(id_hash(id), hash_of(filter));
+}
+
 void note_entry(int32_t i) noexcept
 {
-    const sub_entry_t &entry = g_index.subs[i];
-    const FilterKey    key   = key_of(text_of(entry.topic_filter));
-    g_index.stamp[i]         = stamp_of(entry);
-    g_index.key[i]           = key.key;
-    g_index.shape[i]         = key.shape.levels ? use_shape(key.shape) : -1;
+    const sub_entry_t &entry  = g_index.subs[i];
+    const auto         id     = text_of(entry.client_id);
+    const auto         filter = text_of(entry.topic_filter);
+    const FilterKey    key    = key_of(filter);
+    g_index.stamp[i]          = stamp_of(entry);
+    g_index.id[i]             = id_hash(id);
+    g_index.pair[i]           = pair_hash(id, filter);
+    g_index.key[i]            = key.key;
+    g_index.shape[i]          = key.shape.levels ? use_shape(key.shape) : -1;
 }
 
 void link_all() noexcept
@@ -151,15 +168,33 @@ bool stamps_fit() noexcept
     return difference == 0;
 }
 
+bool ids_fit() noexcept
+{
+    uint64_t difference = 0;
+    for (int32_t i = 0; i < g_index.count; ++i) {
+        const sub_entry_t &entry = g_index.subs[i];
+        fetch_ahead(entry.client_id);
+        difference |= id_hash(text_of(entry.client_id)) ^ g_index.id[i];
+    }
+    return difference == 0;
+}
+
 // True when stamps are to be compared now, which begins a new pause.
-bool is_due() noexcept
+bool is_due(uint64_t &checked_at_us) noexcept
 {
     const uint64_t now   = mono_us();
     const uint64_t pause = static_cast<uint64_t>(g_index.count) * kPauseNsPerEntry / 1000;
-    if (now - g_index.checked_at_us < pause)
+    if (now - checked_at_us < pause)
         return false;
-    g_index.checked_at_us = now;
+    checked_at_us = now;
     return true;
+}
+
+void add_equal(const uint64_t (&hashes)[SUB_CAPACITY], uint64_t hash, EntrySet &found) noexcept
+{
+    for (int32_t i = 0; i < g_index.count; ++i)
+        if (hashes[i] == hash)
+            found.add(i);
 }
 
 bool is_always_checked(Trust trust) noexcept
@@ -177,7 +212,7 @@ void fit_index(const sub_mgr_t &manager) noexcept
 
 void check_index(const sub_mgr_t &manager, Trust trust) noexcept
 {
-    if (!fits(manager) || ((is_always_checked(trust) || is_due()) && !stamps_fit()))
+    if (!fits(manager) || ((is_always_checked(trust) || is_due(g_index.checked_at_us)) && !stamps_fit()))
         rebuild(manager);
 }
 
@@ -208,6 +243,23 @@ void candidates_for(const sub_mgr_t &, std::string_view topic, EntrySet &found) 
             add_all(shape_key(g_index.shapes[i], levels));
 }
 
+void check_pairs(const sub_mgr_t &manager) noexcept
+{
+    if (!fits(manager) ||
+        ((is_always_checked(Trust::Usual) || is_due(g_index.pairs_checked_at_us)) && !(stamps_fit() && ids_fit())))
+        rebuild(manager);
+}
+
+void find_client(const sub_mgr_t &, std::string_view id, EntrySet &found) noexcept
+{
+    add_equal(g_index.id, id_hash(id), found);
+}
+
+void find_pair(const sub_mgr_t &, std::string_view id, std::string_view filter, EntrySet &found) noexcept
+{
+    add_equal(g_index.pair, pair_hash(id, filter), found);
+}
+
 void index_appended(const sub_mgr_t &) noexcept
 {
     const int32_t place = g_index.count++;
@@ -224,6 +276,8 @@ void index_removed(const sub_mgr_t &, const EntrySet &removed) noexcept
             continue;
         }
         g_index.stamp[kept] = g_index.stamp[i];
+        g_index.id[kept]    = g_index.id[i];
+        g_index.pair[kept]  = g_index.pair[i];
         g_index.key[kept]   = g_index.key[i];
         g_index.shape[kept] = g_index.shape[i];
         ++kept;

@@ -1,9 +1,11 @@
 // subscription_index.h - finds the subscriptions that match a topic without walking through the table.
 //
 // The table is the truth and hosts may edit it by hand; the index is a hint beside it, in static memory and under the
-// same lock. It knows nothing but filters, and keeps a stamp of each: where one does not fit any more, the index is
-// built anew. What it finds is still matched with the entry itself. Adding and removing do not ask it: they walk
-// through the table.
+// same lock. It keeps a stamp of each filter: where one does not fit any more, the index is built anew. What it finds is
+// still matched with the entry itself.
+//
+// Adding and removing ask it for pairs of id and filter, but only on the library's own threads, as kAlwaysCheckedEntries
+// and kPauseNsPerEntry say; on a host's thread they walk through the table.
 #ifndef TARN_SUB_SUBSCRIPTION_INDEX_H
 #define TARN_SUB_SUBSCRIPTION_INDEX_H
 
@@ -70,6 +72,13 @@ void check_index(const sub_mgr_t &manager, Trust trust) noexcept REQUIRES(manage
 // Adds every entry that could match the topic: those that do, and those whose filter is invalid, because matching them
 // has to complain.
 void candidates_for(const sub_mgr_t &manager, std::string_view topic, EntrySet &found) noexcept REQUIRES(manager.lock);
+
+// As check_index, of what the two below search.
+void check_pairs(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock);
+// Adds the entries that may be of this client, and with a filter those that may be of both.
+void find_client(const sub_mgr_t &manager, std::string_view id, EntrySet &found) noexcept REQUIRES(manager.lock);
+void find_pair(const sub_mgr_t &manager, std::string_view id, std::string_view filter, EntrySet &found) noexcept
+    REQUIRES(manager.lock);
 
 // To be told after the table changed: one entry was appended, or these were taken out and the rest moved up.
 void index_appended(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock);

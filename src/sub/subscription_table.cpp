@@ -1,13 +1,16 @@
 // subscription_table.cpp - adding, removing, matching and counting subscriptions.
 //
-// Adding and removing walk through the table, so that they see it as it is, also what a host wrote into it. An entry of
-// another client costs them one look at its id. Matching does so at DEBUG, where every look is a line. Otherwise the
-// index names the few entries to look at; what is returned, written and logged is the same.
+// On a host's thread, adding and removing walk through the table, so that they see it as it is, also what that host
+// wrote into it; an entry of another client costs them one look at its id. At DEBUG every look is a line, and matching
+// walks, too. Otherwise the index names the few entries to look at; what is returned, written and logged is the same.
 #include "../base/thread.h"
 #include "../log/log.h"
 #include "subscription_index.h"
 
 namespace tarn::sub {
+
+constinit uint64_t g_entries_moved = 0;
+
 namespace {
 
 // The text becomes the array's, and what stood behind stays zero up to the old text's end: an entry's bytes depend on
@@ -53,8 +56,31 @@ struct UpsertResult {
     int32_t  count; // entries afterwards
 };
 
+// A host that edits the table by hand does so on a thread of its own.
+bool may_ask_index() noexcept
+{
+    return !log_passes(AGENT_LOG_DEBUG) && on_library_thread();
+}
+
+int32_t find_by_index(const sub_mgr_t &manager, const Subscription &wanted) noexcept REQUIRES(manager.lock)
+{
+    EntrySet candidates;
+    int32_t  found = -1;
+    check_pairs(manager);
+    find_pair(manager, wanted.id, wanted.filter, candidates);
+    candidates.for_each([&](int32_t i) {
+        const sub_entry_t &entry = manager.subs[i];
+        if (holds(entry.client_id, wanted.id) && holds(entry.topic_filter, wanted.filter))
+            found = i;
+        return found < 0;
+    });
+    return found;
+}
+
 int32_t find(const sub_mgr_t &manager, const Subscription &wanted, bool traced) noexcept REQUIRES(manager.lock)
 {
+    if (may_ask_index())
+        return find_by_index(manager, wanted);
     const int32_t count = entries_in(manager);
     for (int32_t i = 0; i < count; ++i) {
         const sub_entry_t &entry = manager.subs[i];
@@ -127,8 +153,26 @@ void log_outcome(const UpsertResult &upserted, const char *client_id, const char
 
 // ---- removing
 
+using Filters = std::span<const std::string_view>; // cut, CODEC_FILTERS_MAX at most; none = all of the client's
+
+struct Marked {
+    EntrySet going;
+    int32_t  of[CODEC_FILTERS_MAX] = {}; // entries that go because of this filter; with none, of the first
+};
+
+// The first of the filters that the entry has, or -1.
+int32_t filter_of(const sub_entry_t &entry, Filters filters) noexcept
+{
+    if (filters.empty())
+        return 0;
+    for (size_t at = 0; at < filters.size(); ++at)
+        if (holds(entry.topic_filter, filters[at]))
+            return static_cast<int32_t>(at);
+    return -1;
+}
+
 // Marks what is to go. The log numbers entries as if each removed one had gone at once and the rest moved up.
-void mark(const sub_mgr_t &manager, std::string_view id, const std::string_view *filter, EntrySet &going) noexcept
+void mark_by_walk(const sub_mgr_t &manager, std::string_view id, Filters filters, Marked &marked) noexcept
     REQUIRES(manager.lock)
 {
     const bool    traced = log_passes(AGENT_LOG_DEBUG);
@@ -140,14 +184,38 @@ void mark(const sub_mgr_t &manager, std::string_view id, const std::string_view 
         if (traced)
             LOG_DEBUG("[TRACE] sub_remove：检查订阅（索引=%d, client_id=%s, topic_filter=%s）", at, entry.client_id,
                       entry.topic_filter);
-        if (!holds(entry.client_id, id) || (filter && !holds(entry.topic_filter, *filter))) {
+        const int32_t filter = holds(entry.client_id, id) ? filter_of(entry, filters) : -1;
+        if (filter < 0) {
             ++at;
             continue;
         }
         if (traced)
             LOG_DEBUG("[TRACE] sub_remove：移除订阅（索引=%d, topic_filter=%s）", at, entry.topic_filter);
-        going.add(i);
+        marked.going.add(i);
+        ++marked.of[filter];
     }
+}
+
+void mark(const sub_mgr_t &manager, std::string_view id, Filters filters, Marked &marked) noexcept
+    REQUIRES(manager.lock)
+{
+    if (!may_ask_index())
+        return mark_by_walk(manager, id, filters, marked);
+    EntrySet candidates;
+    check_pairs(manager);
+    if (filters.empty())
+        find_client(manager, id, candidates);
+    for (const std::string_view filter : filters)
+        find_pair(manager, id, filter, candidates);
+    candidates.for_each([&](int32_t i) {
+        const sub_entry_t &entry  = manager.subs[i];
+        const int32_t      filter = holds(entry.client_id, id) ? filter_of(entry, filters) : -1;
+        if (filter >= 0) {
+            marked.going.add(i);
+            ++marked.of[filter];
+        }
+        return true;
+    });
 }
 
 // Takes the marked entries out in one pass; the rest keeps its order. Returns how many remain.
@@ -163,6 +231,7 @@ int32_t take_out(sub_mgr_t &manager, const EntrySet &going) noexcept REQUIRES(ma
     for (int32_t i = first; i < count; ++i)
         if (!going.has(i))
             put_entry(manager.subs[kept++], manager.subs[i]);
+    g_entries_moved += static_cast<uint64_t>(kept - first);
     for (int32_t i = kept; i < count; ++i)
         put_entry(manager.subs[i], {});
     manager.sub_count = kept;
@@ -176,8 +245,13 @@ const char *or_all(const char *filter) noexcept
     return filter ? filter : "所有";
 }
 
-// `only` is the filter, cut; both are null for all of the client's.
-int32_t remove_where(const char *client_id, const char *filter, const std::string_view *only) noexcept
+void log_removed(const char *client_id, const char *filter, int32_t removed) noexcept
+{
+    LOG_INFO("MQTT标准：移除订阅：ClientID=%s, Topic=%s, 移除数量=%d", client_id, or_all(filter), removed);
+}
+
+// `filter` is null for all of the client's; else it is the one of `only`.
+int32_t remove_where(const char *client_id, const char *filter, Filters only) noexcept
 {
     if (!log_remove_begins(client_id, filter))
         return 0;
@@ -186,13 +260,13 @@ int32_t remove_where(const char *client_id, const char *filter, const std::strin
     {
         ScopedLock lock(g_sub_mgr.lock);
         LOG_DEBUG("[TRACE] sub_remove：已加锁，当前订阅数=%d", int32_t{g_sub_mgr.sub_count});
-        EntrySet going;
-        mark(g_sub_mgr, cut(client_id, kClientIdChars), only, going);
-        removed = going.count();
-        left    = take_out(g_sub_mgr, going);
+        Marked marked;
+        mark(g_sub_mgr, cut(client_id, kClientIdChars), only, marked);
+        removed = marked.of[0];
+        left    = take_out(g_sub_mgr, marked.going);
     }
     LOG_DEBUG("[DEBUG] sub_remove：移除订阅完成（client_id=%s, 移除数量=%d, 剩余订阅数=%d）", client_id, removed, left);
-    LOG_INFO("MQTT标准：移除订阅：ClientID=%s, Topic=%s, 移除数量=%d", client_id, or_all(filter), removed);
+    log_removed(client_id, filter, removed);
     return removed;
 }
 
@@ -361,13 +435,36 @@ bool log_remove_begins(const char *client_id, const char *filter) noexcept
 
 int32_t remove(const char *client_id, const char *filter) noexcept
 {
-    const std::string_view only = cut(filter, kFilterChars);
-    return remove_where(client_id, filter, &only);
+    const std::string_view only[] = {cut(filter, kFilterChars)};
+    return remove_where(client_id, filter, only);
 }
 
 int32_t remove_all_of(const char *client_id) noexcept
 {
-    return remove_where(client_id, nullptr, nullptr);
+    return remove_where(client_id, nullptr, {});
+}
+
+Removal::Removal(const char *client_id, std::span<const char *const> filters) noexcept
+    : client_id_(client_id), filters_(filters), one_by_one_(log_passes(AGENT_LOG_DEBUG) || !has_text(client_id))
+{
+    if (one_by_one_ || filters.empty())
+        return;
+    std::string_view only[CODEC_FILTERS_MAX];
+    for (size_t at = 0; at < filters.size(); ++at)
+        only[at] = cut(filters[at], kFilterChars);
+    Marked     marked;
+    ScopedLock lock(g_sub_mgr.lock);
+    mark(g_sub_mgr, cut(client_id, kClientIdChars), {only, filters.size()}, marked);
+    (void)take_out(g_sub_mgr, marked.going);
+    std::copy(std::begin(marked.of), std::end(marked.of), removed_);
+}
+
+int32_t Removal::log_and_count(size_t at) noexcept
+{
+    if (one_by_one_)
+        return remove(client_id_, filters_[at]);
+    log_removed(client_id_, filters_[at], removed_[at]);
+    return removed_[at];
 }
 
 int copy_matches(const char *topic, sub_entry_t *matched, int32_t room) noexcept

@@ -116,11 +116,12 @@ void expect_only_what_help_says(const char *file)
 TEST(options_documented, help_can_be_read_by_this_test)
 {
     const std::vector<Option> options = helped();
-    ASSERT_EQ(options.size(), 14u);
+    ASSERT_EQ(options.size(), 16u);
     EXPECT_THAT(options[0].names, testing::ElementsAre("-l", "--log-level LEVEL"));
-    EXPECT_THAT(options[1].names, testing::ElementsAre("-k", "--keep-alive SECONDS"));
+    EXPECT_THAT(options[1].names, testing::ElementsAre("--log-limit N"));
+    EXPECT_THAT(options[2].names, testing::ElementsAre("-k", "--keep-alive SECONDS"));
     EXPECT_THAT(values_in(options[0].text), testing::SizeIs(1));
-    EXPECT_THAT(values_in(options[1].text), testing::ElementsAre("1..3600 (300)"));
+    EXPECT_THAT(values_in(options[2].text), testing::ElementsAre("1..3600 (300)"));
 }
 
 TEST(options_documented, the_manual_has_every_option_as_help_has_it)

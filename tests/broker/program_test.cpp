@@ -212,7 +212,7 @@ TEST(program, says_why_it_cannot_listen)
 // Too few descriptors for a start, but enough to see that it is not the port.
 TEST(program, says_that_it_cannot_start_for_another_reason)
 {
-    Child broker{"broker", {"sh", "-c", "exec 3<&- 4<&- 5<&-; ulimit -n 7; exec \"$0\"", TARN_BROKER_PROGRAM}};
+    Child broker{"broker", {"sh", "-c", "exec 3<&- 4<&- 5<&-; ulimit -n 9; exec \"$0\"", TARN_BROKER_PROGRAM}};
     EXPECT_EQ(broker.wait(kLimit_ms), 1);
     EXPECT_EQ(broker.errors(), "tarn-broker: cannot start: Resource error\n");
 }

@@ -642,3 +642,28 @@ TEST_F(secured, ends_cleanly_under_load)
     for (std::thread &client : clients)
         client.join();
 }
+
+// What is refused unhashed is told in other words; who logs in right meanwhile, with another name, does not wait.
+TEST_F(secured, wrong_passwords_make_their_sender_wait)
+{
+    Child             broker = serve({"--user-file", "users", "--password-wait", "1"});
+    const std::string waits  = ": it has to wait after wrong passwords\n";
+    for (int i = 0; i < 3; ++i)
+        expect_refused("x", as("alice", "wrong"));
+    EXPECT_TRUE(wait_until([&] { // however slowly this test gets along
+        expect_refused("x", as("alice", "wrong"));
+        return broker.output().find(waits) != std::string::npos;
+    }));
+    Peer::tcp().connect_v4("b", as("bob")).ping();
+    pause_ms(1100);
+    Peer::tcp().connect_v4("a", as("alice")).ping();
+    Peer::tcp().connect_v4("a", as("alice")).ping();
+}
+
+TEST_F(secured, nobody_waits_when_that_is_switched_off)
+{
+    Child broker = serve({"--user-file", "users", "--password-wait", "0"});
+    for (int i = 0; i < 5; ++i)
+        expect_refused("x", as("alice", "wrong"));
+    Peer::tcp().connect_v4("a", as("alice")).ping();
+}

@@ -46,6 +46,21 @@ TEST(publish, qos_0_line_by_line)
     EXPECT_EQ(g_mqtt_stats.qos0, 1u);
 }
 
+TEST(publish, pending_deliveries_of_one_message_share_its_payload)
+{
+    Handling broker;
+    Client   sender(broker, 4, "s"), one(broker, 4, "r"), two(broker, 5, "q");
+    sub_add("r", "t", 1, 1);
+    sub_add("q", "t", 2, 1);
+    LogCapture log(AGENT_LOG_FATAL);
+    EXPECT_EQ(sender.sends(publish("t", 2, 7, std::string(100, 'x'))), 0);
+    ASSERT_EQ(pending_count(), 2);
+    EXPECT_EQ(g_pending_queue->payload, g_pending_queue->next->payload);
+    EXPECT_EQ(sender.sends(publish("t", 2, 8, std::string(100, 'x'))), 0);
+    ASSERT_EQ(pending_count(), 4);
+    EXPECT_NE(g_pending_queue->payload, g_pending_queue->next->next->payload);
+}
+
 TEST(publish, qos_1_is_tracked_and_acknowledged)
 {
     Handling broker;

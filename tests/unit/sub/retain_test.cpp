@@ -283,6 +283,62 @@ TEST_F(retain_expiry, discards_all_that_ended_in_order)
     EXPECT_THAT(entries(), ElementsAre("c 3 0 2 0"));
 }
 
+// Counted and logged for each.
+TEST_F(retain_file, is_written_once_for_all_that_have_expired)
+{
+    const auto calls_for = [&](int ended) {
+        for (int i = 0; i < ended; ++i)
+            set_for("t" + std::to_string(i), "x", 10);
+        clock.advance_ms(11000);
+        lines();
+        saves();
+        int        calls = 0;
+        OnFileCall count([&] { ++calls; });
+        retain_clean_expired();
+        EXPECT_EQ(lines().size(), static_cast<size_t>(ended));
+        EXPECT_EQ(saves(), ended);
+        EXPECT_EQ(g_sub_mgr.retain_count, 1);
+        return calls;
+    };
+    set("stays", "x");
+    const int for_one = calls_for(1);
+    EXPECT_GT(for_one, 0);
+    EXPECT_EQ(calls_for(200), for_one);
+    EXPECT_THAT(entries(), ElementsAre("stays x 0 22 0"));
+    g_sub_mgr.retain_count = 0;
+    persist_retain_load();
+    EXPECT_THAT(entries(), ElementsAre("stays x 0 22 0"));
+}
+
+TEST_F(retain_file, says_of_each_expired_message_that_the_file_cannot_be_written)
+{
+    for (const char *topic : {"a", "b", "c"})
+        set_for(topic, "x", 1);
+    clock.advance_ms(2000);
+    log.take();
+    saves();
+    Fail fail(Call::FileOpen, 1, 24 /* EMFILE */, 2);
+    retain_clean_expired();
+    EXPECT_THAT(log.take(),
+                ElementsAre(logged::retained_expired("a"), logged::retained_not_saved(), logged::retained_expired("b"),
+                            logged::retained_not_saved(), logged::retained_expired("c")));
+    EXPECT_EQ(saves(), 1);
+    EXPECT_EQ(g_sub_mgr.retain_count, 0);
+}
+
+TEST_F(retain_expiry, without_memory_for_their_topics_they_go_one_by_one)
+{
+    for (const char *topic : {"a", "b", "c"})
+        set_for(topic, "x", 1);
+    clock.advance_ms(2000);
+    lines();
+    Fail fail(Call::Allocate, 1);
+    retain_clean_expired();
+    EXPECT_THAT(lines(), ElementsAre(logged::retained_expired("a"), logged::retained_expired("b"),
+                                     logged::retained_expired("c")));
+    EXPECT_EQ(g_sub_mgr.retain_count, 0);
+}
+
 TEST_F(retain_expiry, bears_any_stored_time)
 {
     set("a", "x");

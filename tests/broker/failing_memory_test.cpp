@@ -1,0 +1,127 @@
+// tarn-broker while every n-th allocation fails: it refuses and leaves out, and goes on.
+#include "broker/shortage.h"
+#include "program.h"
+#include "support/peer.h"
+#include "user_file.h"
+
+#include <atomic>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <new>
+#include <thread>
+
+using namespace tarn::broker;
+using namespace tarn::test;
+
+namespace {
+
+bool always_fails(int /*value*/)
+{
+    throw std::bad_alloc();
+}
+
+bool is_seven(int value)
+{
+    return value == 7;
+}
+
+Child run_with_failing_memory(int every, std::vector<std::string> options)
+{
+    std::vector<std::string> command = {"env", "LD_PRELOAD=" TARN_FAILING_MEMORY, "FAIL_EVERY=" + std::to_string(every),
+                                        TARN_BROKER_PROGRAM};
+    command.insert(command.end(), options.begin(), options.end());
+    return {"short" + std::to_string(every), command};
+}
+
+// What becomes of it nobody can say; it must only be over at some time.
+void try_to_use(const std::string &id, const Connect &options)
+{
+    Peer peer = Peer::tcp();
+    peer.send(connect_packet(5, id, options));
+    peer.send(subscribe_packet(5, 1, "home/#", 0));
+    peer.send(publish_packet(5, "home/" + id, "x"));
+    peer.send(publish_packet(5, "secret/" + id, "x"));
+    for (int i = 0; i < 20 && peer.drain(); ++i)
+        pause_ms(1);
+}
+
+// What a thread allocates for good with the first packet of a kind is not what is tested here.
+void warm_up(const Connect &options)
+{
+    Peer peer = Peer::tcp();
+    peer.connect_v4("before", options).subscribe("home/#");
+    peer.publish("home/x", "x");
+    peer.ping();
+    peer.disconnect();
+}
+
+void run_command(const char *command)
+{
+    Child("console", {"sh", "-c", std::string("\"$0\" ctl ctl ") + command, TARN_BROKER_PROGRAM}).wait(kLimit_ms);
+}
+
+} // namespace
+
+TEST(shortage, a_callback_without_memory_gives_the_other_result)
+{
+    take_shortages();
+    EXPECT_TRUE((CCallback<always_fails, is_seven>::call(7)));
+    EXPECT_FALSE((CCallback<always_fails, is_seven>::call(8)));
+    EXPECT_FALSE(unless_short([] { throw std::bad_alloc(); }));
+    EXPECT_TRUE(unless_short([] {}));
+    EXPECT_EQ(take_shortages(), 3u);
+    EXPECT_EQ(take_shortages(), 0u);
+}
+
+TEST(failing_memory, ends_nothing_but_what_needed_it)
+{
+    if (kSanitized)
+        GTEST_SKIP() << "the sanitizers have an allocator of their own";
+    write_text("users", user_lines({"alice"}));
+    write_text("rules", "readwrite home/#\n");
+    for (const int every : {2, 3, 7, 20, 300}) {
+        Child broker = run_with_failing_memory(every, {"--user-file", "users", "--acl-file", "rules", "--events",
+                                                       "events", "--control", "ctl", "--log-level", "debug"});
+        ASSERT_TRUE(serves(broker)) << broker.errors();
+        run_command("stats"); // answered when the start is over
+        warm_up({.username = "alice", .password = "right"});
+        broker.signal(SIGUSR2);
+        for (int turn = 0; turn < 8 && !broker.ended(); ++turn) {
+            try_to_use("right" + std::to_string(turn),
+                       {.will = Will{"home/gone", "x"}, .username = "alice", .password = "right"});
+            try_to_use("wrong", {.username = "alice", .password = "wrong"});
+            try_to_use("", {.username = "alice", .password = "right"});
+            broker.signal(turn % 2 ? SIGUSR1 : SIGHUP);
+            if (turn % 5 == 0)
+                run_command("clients");
+        }
+        broker.signal(SIGUSR2);
+        pause_ms(50);
+        ASSERT_FALSE(broker.ended()) << "with one in " << every << " it ended with " << broker.wait(0) << "\n"
+                                     << tail(broker.errors());
+        Peer reader = Peer::tcp(), writer = Peer::tcp();
+        reader.connect_v4("reader", {.username = "alice", .password = "right"}).subscribe("home/#");
+        writer.connect_v4("writer", {.username = "alice", .password = "right"}).publish("home/x", "y");
+        reader.expect_publish("home/x", "y");
+        EXPECT_TRUE(ends_well(broker)) << "one in " << every;
+    }
+}
+
+TEST(failing_memory, is_told)
+{
+    if (kSanitized)
+        GTEST_SKIP() << "the sanitizers have an allocator of their own";
+    Child broker = run_with_failing_memory(2, {"--events", "events", "--control", "ctl"});
+    ASSERT_TRUE(serves(broker)) << broker.errors();
+    run_command("stats");
+    warm_up({});
+    broker.signal(SIGUSR2);
+    for (int i = 0; i < 5; ++i)
+        try_to_use("a" + std::to_string(i), {});
+    broker.signal(SIGUSR2);
+    EXPECT_TRUE(
+        wait_until([&] { return broker.errors().find("tarn-broker: there was no memory ") != std::string::npos; },
+                   15000 * kSlowdown))
+        << broker.errors();
+    EXPECT_TRUE(ends_well(broker));
+}
