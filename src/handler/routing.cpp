@@ -2,19 +2,11 @@
 #include "routing.h"
 
 #include "../qos/qos.hpp"
-#include "shared_choice.h"
 
 #include <algorithm>
 
 namespace tarn::handler {
 namespace {
-
-// Kept from message to message, so that routing allocates nothing once a thread has seen its largest match.
-struct Workspace {
-    sub::MatchList matches;
-    ShareChoice    choice;
-};
-constinit thread_local Workspace t_workspace;
 
 void on_outcome(Routing &routing, Outcome outcome)
 {
@@ -95,13 +87,12 @@ bool match(Routing &routing, const char *topic)
 
 } // namespace
 
-Matches::Matches() noexcept : list_(t_workspace.matches) {}
-
 bool Matches::find(const char *topic) noexcept
 {
-    list_.matches.clear();
-    list_.names.clear();
-    count_ = sub::list_matches(topic, list_);
+    sub::MatchList &list = workspace_->matches;
+    list.matches.clear();
+    list.names.clear();
+    count_ = sub::list_matches(topic, list);
     return count_ >= 0;
 }
 
@@ -111,13 +102,13 @@ bool Matches::choose() noexcept
     if (!chosen_)
         return false;
 
-    ShareChoice &choice = t_workspace.choice;
+    ShareChoice &choice = workspace_->choice;
     choice.members.clear();
     for (int at = 0; at < count_; at++) {
         const sub::Match &match = (*this)[at];
         if (!match.shared || match.group_size == sub::kNoGroup)
             continue;
-        if (!choice.members.push({list_.group_of(match), static_cast<uint32_t>(at), 0}))
+        if (!choice.members.push({workspace_->matches.group_of(match), static_cast<uint32_t>(at), 0}))
             return true; // no working storage: nobody is chosen
     }
     if (choice.members.empty() || !choose_members(choice))

@@ -8,9 +8,9 @@
 
 #include "../persist/absent_session.h"
 #include "../qos/first_send.h"
-#include "../sub/match_list.h"
 #include "delivery_cache.h"
 #include "handler_internal.h"
+#include "workspace.h"
 
 #include <optional>
 
@@ -19,13 +19,11 @@ namespace tarn::handler {
 // The matching subscriptions of one topic in table order. One at a time on each thread.
 class Matches {
 public:
-    Matches() noexcept;
-
     [[nodiscard]] bool find(const char *topic) noexcept; // false: no memory, errno says so
     [[nodiscard]] bool choose() noexcept;                // shared groups; false: no memory for the flags
 
     int               count() const noexcept { return count_; }
-    const sub::Match &operator[](int at) const noexcept { return list_.matches[static_cast<size_t>(at)]; }
+    const sub::Match &operator[](int at) const noexcept { return workspace_->matches.matches[static_cast<size_t>(at)]; }
 
     // A member of a shared group, of which another member was chosen.
     bool skips(int at) const noexcept
@@ -35,9 +33,9 @@ public:
     }
 
 private:
-    sub::MatchList &list_;
-    owned<uint8_t>  chosen_; // a flag a match
-    int             count_ = 0;
+    UsedWorkspace  workspace_;
+    owned<uint8_t> chosen_; // a flag a match
+    int            count_ = 0;
 };
 
 // What became of the message, and of each receiver's delivery.

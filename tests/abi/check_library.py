@@ -79,6 +79,12 @@ def dynamic_section(library):
             yield "the stack would be executable"
 
 
+def ends_without_memory(library):
+    """To note the destructor of a thread_local the C library allocates, and ends the process where it cannot."""
+    if re.search(r"UND\s+__cxa_thread_atexit", readelf(library, "--dyn-syms")):
+        yield "a thread_local has a destructor: without memory the C library ends the process"
+
+
 def main():
     library, list_path = sys.argv[1:]
     found = exported(library)
@@ -87,6 +93,7 @@ def main():
         *compare(read_list(list_path), found, is_x86_64),
         *interposable_calls(library, found),
         *dynamic_section(library),
+        *ends_without_memory(library),
     ]
     for fault in faults:
         print(fault)
