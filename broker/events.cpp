@@ -20,7 +20,7 @@ namespace {
 constexpr const char *kNames[] = {"connected", "disconnected", "publish", "subscribe", "unsubscribe", "will"};
 static_assert(BROKER_EVENT_WILL + 1 == std::size(kNames));
 
-constexpr const char *kWhat[] = {"login", "publish", "subscribe", "will"};
+constexpr const char *kWhat[] = {"login", "publish", "subscribe", "will", "connect"};
 static_assert(Refusal::kKinds == std::size(kWhat));
 
 std::atomic<LineWriter *> g_writer; // the callback gets nothing but the instance
@@ -89,6 +89,12 @@ std::string refused_line(int64_t time_ms, const Refusal &refusal)
            json_string(refusal.reason) + '}';
 }
 
+std::string used_records_line(int64_t time_ms, size_t used, size_t records)
+{
+    return line_start(time_ms, "records") + R"(,"used":)" + std::to_string(used) + R"(,"of":)" +
+           std::to_string(records) + '}';
+}
+
 std::string lost_line(int64_t time_ms, uint64_t count)
 {
     return line_start(time_ms, "lost") + R"(,"count":)" + std::to_string(count) + '}';
@@ -102,6 +108,11 @@ std::string tell_lost_events(uint64_t count)
 void write_refusal(const Refusal &refusal)
 {
     write_or_lose([&] { return refused_line(wall_ms(), refusal); });
+}
+
+void write_used_records(size_t used, size_t records)
+{
+    write_or_lose([&] { return used_records_line(wall_ms(), used, records); });
 }
 
 void write_events(broker_t *broker, LineWriter &writer)

@@ -7,9 +7,11 @@
 // - A text of 255 characters may have been cut. Then "cut" is true, topic is how the topic begins, qos is null.
 // - Bytes that are no UTF-8 are shown as U+FFFD, controls as \uXXXX.
 //
-// What clients were refused comes from this program and is never cut; "what" is login, publish, subscribe or will:
+// What clients were refused comes from this program and is never cut; "what" is login, publish, subscribe, will or connect:
 //   {"time":...,"event":"refused","clientId":"a","topic":"home/x","qos":null,"what":"publish","user":"alice",
 //    "address":"10.0.0.7:50000","reason":"no rule allows it"}
+//
+// When client records are used up, see used_records.h: {"time":...,"event":"records","used":4000,"of":5000}
 //
 // When the reader is so slow that lines are lost, {"time":...,"event":"lost","count":N} stands in their place.
 #ifndef TARN_BROKER_EVENTS_H
@@ -28,13 +30,16 @@ namespace tarn::broker {
 
 std::string event_line(int64_t time_ms, uint32_t kind, std::string_view text); // wall clock
 std::string refused_line(int64_t time_ms, const Refusal &refusal);
+std::string used_records_line(int64_t time_ms, size_t used, size_t records);
 std::string lost_line(int64_t time_ms, uint64_t count);
 
 // From now until the instance is deinitialised its events go to `writer`, which lives longer than that. To be called
 // before start.
 void write_events(broker_t *broker, LineWriter &writer);
 
-void write_refusal(const Refusal &refusal); // nothing when events go nowhere
+// Nothing when events go nowhere, as the next.
+void write_refusal(const Refusal &refusal);
+void write_used_records(size_t used, size_t records);
 
 std::string tell_lost_events(uint64_t count); // for the writer
 

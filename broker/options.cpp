@@ -25,6 +25,7 @@ struct Text {
 };
 struct Switch {
     bool Options::*target;
+    bool           value = true;
 };
 using Target = std::variant<Number, Level, Port, Text, Switch, Wish>;
 
@@ -46,6 +47,11 @@ const Row kRows[] = {
      "0 = no limit"},
     {'k', "keep-alive", "SECONDS", Number{&Options::keepalive_s, 1, 3600},
      "silence after which a connection without CONNECT is closed, {}"},
+    {0, "connect-within", "SECONDS", Number{&Options::connect_s, 0, 3600},
+     "a connection without CONNECT is closed after so long, {};\n"
+     "0 = after --keep-alive alone"},
+    {0, "udp", nullptr, Switch{&Options::udp}, "serve UDP as well"},
+    {0, "no-udp", nullptr, Switch{&Options::udp, false}, "serve TCP alone (default)"},
     {'p', "port", "{}", Port{}, "the port is always this one"},
     {0, "max-packet-size", "BYTES", Number{&Options::max_packet_size, 256, 10485760},
      "largest packet before and with CONNECT, {}; no packet of more than\n"
@@ -58,6 +64,20 @@ const Row kRows[] = {
      "who may subscribe and publish to what; nothing else is allowed then"},
     {0, "password-wait", "SECONDS", Number{&Options::password_wait_s, 0, 3600},
      "longest wait after wrong passwords, {}; 0 = none"},
+    {0, "quota-connections", "N", Number{&Options::quota_connections, 0, CLIENT_MAX},
+     "connections of one user or address, {};\n"
+     "0, here and below = four fifths of what there is"},
+    {0, "quota-ids", "N", Number{&Options::quota_ids, 0, 1000000}, "client ids of one user or address, {}"},
+    {0, "quota-sessions", "N", Number{&Options::quota_sessions, 0, 1000000},
+     "kept sessions of one user or address, {}"},
+    {0, "quota-subscriptions", "N", Number{&Options::quota_subscriptions, 0, SUB_CAPACITY},
+     "subscriptions of one user or address, {}"},
+    {0, "quota-retained", "N", Number{&Options::quota_retained, 0, RETAIN_CAPACITY},
+     "retained topics of one user or address, {}"},
+    {0, "quota-wills", "N", Number{&Options::quota_wills, 0, CLIENT_MAX}, "wills of one user or address, {}"},
+    {0, "no-quotas", nullptr, Switch{&Options::quotas, false}, "no quotas: one may have everything"},
+    {0, "keep-running", nullptr, Switch{&Options::keep_running},
+     "do not end when wills have used up almost all client records"},
     {0, "user", "NAME", Text{&Options::user}, "become this user before anything is opened"},
     {0, "events", "FILE", Text{&Options::events},
      "append what happens to FILE as JSON, a line an event; - is standard output"},
@@ -177,7 +197,7 @@ struct Read {
 
     std::string operator()(const Switch &value) const
     {
-        line.options.*value.target = true;
+        line.options.*value.target = value.value;
         return {};
     }
 
@@ -252,14 +272,14 @@ std::string help_text()
                        "       tarn-broker passwd [--delete] FILE NAME\n"
                        "       tarn-broker ctl PATH [COMMAND [ARGUMENT]...]\n"
                        "Serves MQTT 3.1.1 and 5.0 on port " +
-                       Values{}(Port{}) + ", TCP and UDP, until it gets SIGINT or SIGTERM.\n\n";
+                       Values{}(Port{}) + ", until it gets SIGINT or SIGTERM.\n\n";
     for (const Row &row : kRows)
         text += help_of(row);
     return text + "\n"
                   "Sessions and messages are kept in ./broker_data, by one broker at a time. SIGHUP makes it read the\n"
                   "files of users and rules again. A second SIGINT or SIGTERM ends the broker at once.\n"
                   "SIGUSR1 prints the statistics as JSON on standard output.\n"
-                  "Exit status: 0 ended by a signal, 1 could not serve, 2 bad option.\n";
+                  "Exit status: 0 ended by a signal, 1 could not serve or go on, 2 bad option.\n";
 }
 
 } // namespace tarn::broker

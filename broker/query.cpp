@@ -1,15 +1,19 @@
 #include "query.h"
 
+#include "shortage.h"
 #include "text.h"
 
 #include <atomic>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 #include <tarn_sdk_mqtt_broker/base/limits.h>
+#include <tarn_sdk_mqtt_broker/client/client.h>
 #include <tarn_sdk_mqtt_broker/net/netip.h>
 #include <tarn_sdk_mqtt_broker/stats/mqtt_stats.h>
 #include <tarn_sdk_mqtt_broker/sub/retain.h>
+#include <tarn_sdk_mqtt_broker/sub/sub.h>
 
 namespace tarn::broker {
 namespace {
@@ -76,6 +80,27 @@ std::vector<std::string> retained_topics()
     retain_msg_t message;
     return names_in_list(topics, '\n', kTopicMax,
                          [&](const std::string &topic) { return retain_msg_get(topic.c_str(), &message) == 0; });
+}
+
+std::vector<std::string> subscriber_ids()
+{
+    std::vector<std::string> ids;
+    ids.reserve(SUB_CAPACITY); // not under the lock
+    pthread_mutex_lock(&g_sub_mgr.lock);
+    const bool whole = unless_short([&] {
+        for (int32_t i = 0; g_sub_mgr.subs && i < g_sub_mgr.sub_count; ++i)
+            ids.emplace_back(g_sub_mgr.subs[i].client_id);
+    });
+    pthread_mutex_unlock(&g_sub_mgr.lock);
+    if (!whole)
+        throw std::bad_alloc();
+    return ids;
+}
+
+bool holds_will(const void *record)
+{
+    auto &client = *const_cast<mqtt_client_t *>(static_cast<const mqtt_client_t *>(record));
+    return peek(client.used) != 0 && (peek(client.state) == CLIENT_WILL_PENDING || peek(client.will_msg_used) != 0);
 }
 
 std::string statistics_json()

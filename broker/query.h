@@ -22,6 +22,11 @@ std::string address_of(const tarn_sdk_mqtt_client_info_t &info); // IP:PORT
 
 std::vector<std::string> retained_topics();
 
+std::vector<std::string> subscriber_ids(); // one for each subscription
+
+// Whether a record of a client has a will that waits, or stays for one that was published.
+bool holds_will(const void *record);
+
 std::string statistics_json(); // one line
 
 // What has been counted since the start, and how things stand now.

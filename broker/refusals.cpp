@@ -14,7 +14,8 @@ struct Words {
 constexpr Words kWords[] = {{"login refused", "refused logins"},
                             {"publication refused", "refused publications"},
                             {"subscription refused", "refused subscriptions"},
-                            {"will dropped", "dropped wills"}};
+                            {"will dropped", "dropped wills"},
+                            {"connection refused", "refused connections"}};
 static_assert(std::size(kWords) == Refusal::kKinds);
 
 std::string named(const char *what, const std::string &name)
@@ -26,9 +27,11 @@ std::string named(const char *what, const std::string &name)
 
 std::string refusal_text(const Refusal &refusal)
 {
-    std::string text = std::string(kWords[refusal.kind].refused) + ": " + named("user", refusal.user) + ", " +
-                       named("id", refusal.client_id) + ", " + named("address", refusal.address);
-    if (refusal.kind != Refusal::Login)
+    std::string text = std::string(kWords[refusal.kind].refused) + ": ";
+    if (refusal.kind != Refusal::Connection) // one that has not said who it is
+        text += named("user", refusal.user) + ", " + named("id", refusal.client_id) + ", ";
+    text += named("address", refusal.address);
+    if (refusal.kind != Refusal::Login && refusal.kind != Refusal::Connection)
         text += ", " + named(refusal.kind == Refusal::Subscription ? "filter" : "topic", refusal.topic);
     return text + ": " + refusal.reason;
 }

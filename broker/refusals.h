@@ -14,8 +14,8 @@
 namespace tarn::broker {
 
 struct Refusal {
-    enum Kind { Login, Publication, Subscription, Will };
-    static constexpr size_t kKinds = 4;
+    enum Kind { Login, Publication, Subscription, Will, Connection };
+    static constexpr size_t kKinds = 5;
 
     Kind        kind;
     std::string user;      // empty when there is none, as the next three

@@ -2,6 +2,7 @@
 
 #include "access/guard.h"
 #include "attachments.h"
+#include "connections.h"
 #include "data_directory.h"
 #include "disk_watch.h"
 #include "events.h"
@@ -11,12 +12,16 @@
 #include "query.h"
 #include "refusals.h"
 #include "shortage.h"
+#include "used_records.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <netinet/in.h>
+#include <optional>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -32,6 +37,8 @@ namespace {
 constexpr uint16_t                  kPort           = NETIP_PORT; // the library serves no other
 constexpr std::chrono::milliseconds kGuardPeriod    = std::chrono::seconds(5);
 constexpr std::chrono::milliseconds kUdpPeriod      = std::chrono::seconds(1);
+constexpr std::chrono::milliseconds kSilencePeriod  = std::chrono::seconds(1);
+constexpr std::chrono::milliseconds kRecordPeriod   = std::chrono::seconds(1);
 constexpr std::chrono::milliseconds kShortagePeriod = std::chrono::seconds(10);
 
 // Each client takes a descriptor, and the usual soft limit is 1024. When it cannot be raised, fewer clients fit.
@@ -144,12 +151,12 @@ void reload_on_signal(Loop &loop, Access &access)
     });
 }
 
-void log_where_it_serves(int32_t clients)
+void log_where_it_serves(int32_t clients, bool udp_is_wanted)
 {
     const bool udp = udp_is_open();
     fprintf(stderr, "tarn-broker: serving MQTT 3.1.1 and 5.0 on 0.0.0.0:%d (%s), at most %d clients\n", kPort,
             udp ? "TCP and UDP" : "TCP", clients);
-    if (udp)
+    if (udp || !udp_is_wanted)
         return;
     const int error = port_error(SOCK_DGRAM);
     fprintf(stderr, "tarn-broker: UDP port %d could not be opened%s%s\n", kPort, error ? ": " : "",
@@ -167,20 +174,54 @@ void log_when_udp_closes(Loop &loop)
     });
 }
 
-int32_t start(broker_t *broker, const Options &options, Access &access, RefusalLog &refusals)
+// Four fifths of what there is leave some to others, and so much a site on its own does not need. Connections of this
+// machine itself have the quota that was asked for, and else none: they may be a proxy's.
+Quotas::Limit quota(const Options &options, int32_t asked, int32_t there_is)
+{
+    if (!options.quotas)
+        return {0, false};
+    return asked > 0 ? Quotas::Limit{static_cast<size_t>(asked), false}
+                     : Quotas::Limit{static_cast<size_t>(std::max(there_is * 4 / 5, 1)), true};
+}
+
+Quotas::Limits quotas_of(const Options &options)
+{
+    return {quota(options, options.quota_connections, options.max_clients),
+            quota(options, options.quota_ids, CLIENT_MAX),
+            quota(options, options.quota_sessions, SUB_CAPACITY),
+            quota(options, options.quota_subscriptions, SUB_CAPACITY),
+            quota(options, options.quota_retained, RETAIN_CAPACITY),
+            quota(options, options.quota_wills, options.max_clients)};
+}
+
+Holdings library_holdings()
+{
+    return {.subscriber_ids  = subscriber_ids,
+            .retained_topics = retained_topics,
+            .online =
+                [] {
+                    std::vector<std::string> ids = online_id_pieces();
+                    return Ids{std::make_move_iterator(ids.begin()), std::make_move_iterator(ids.end())};
+                },
+            .has_session = has_saved_session,
+            .holds_will  = holds_will};
+}
+
+int32_t start(broker_t *broker, const Options &options, Access &access, Quotas &quotas, RefusalLog &refusals)
 {
     tarn_sdk_mqtt_broker_init(broker);
     tarn_sdk_mqtt_broker_set_log_level(broker, options.level()); // again, since init sets it back
     tarn_sdk_mqtt_broker_set_keepalive_timeout(broker, options.keepalive_s);
     tarn_sdk_mqtt_broker_set_max_packet_size(broker, options.max_packet_size);
-    if (!access.is_wanted())
-        return tarn_sdk_mqtt_broker_start(broker, kPort, options.max_clients);
-    guard(broker, access, [&](const Refusal &refusal) {
+    guard(broker, access, quotas, access.is_wanted() || options.quotas, [&](const Refusal &refusal) {
         refusals.report(refusal);
         write_refusal(refusal);
     });
+    std::optional<HeldUdpPort> held_port;
+    if (!options.udp)
+        held_port.emplace();
     const int32_t code = tarn_sdk_mqtt_broker_start(broker, kPort, options.max_clients);
-    guard_wills();
+    guard_connections();
     return code;
 }
 
@@ -192,13 +233,45 @@ void tell_shortages()
                 static_cast<unsigned long long>(count));
 }
 
-// What the main thread does every few seconds.
-void keep_house(Loop &loop, broker_t *broker, Access &access, RefusalLog &refusals, DiskWatch &disk)
+int64_t now_ms()
 {
-    if (access.asks_for_users())
-        loop.every(kGuardPeriod, [&access, broker] { guard_turn(broker, access); });
-    if (access.is_wanted())
-        loop.every(RefusalLog::kPeriod, [&refusals] { refusals.end_period(); });
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// Ends the loop when almost all records are used up: the next start has all of them, and all sessions.
+void watch_records(Loop &loop, const Options &options, bool &used_up)
+{
+    const auto records = static_cast<size_t>(options.max_clients);
+    loop.every(kRecordPeriod, [&loop, &used_up, records, keeps_running = options.keep_running,
+                               watch = RecordWatch(records)]() mutable {
+        const size_t            used = used_up_records();
+        const RecordWatch::News news = watch.look(used);
+        if (news == RecordWatch::None)
+            return;
+        log_warning(std::to_string(used) + " of " + std::to_string(records) +
+                    " client records are used up by wills without a delay until the next start");
+        write_used_records(used, records);
+        if (news == RecordWatch::Many || keeps_running)
+            return;
+        fprintf(stderr, "tarn-broker: %zu of %zu client records are used up: it ends, to be started again\n", used,
+                records);
+        used_up = true;
+        loop.end();
+    });
+}
+
+// What the main thread does every few seconds.
+void keep_house(Loop &loop, broker_t *broker, const Options &options, Access &access, Quotas &quotas,
+                RefusalLog &refusals, DiskWatch &disk)
+{
+    loop.every(kGuardPeriod, [&access, &quotas, broker] { guard_turn(broker, access, quotas); });
+    loop.every(RefusalLog::kPeriod, [&refusals] { refusals.end_period(); });
+    if (options.connect_s > 0)
+        loop.every(kSilencePeriod,
+                   [limit_ms = int64_t{options.connect_s} * 1000] { close_silent_connections(now_ms(), limit_ms); });
+    if (options.udp)
+        log_when_udp_closes(loop);
     loop.every(kShortagePeriod, tell_shortages);
     loop.every(DiskWatch::kPeriod, [&disk] {
         if (const std::string news = disk.look(); !news.empty())
@@ -237,16 +310,17 @@ ExitStatus serve(const Options &options)
     }
     attachments.watch(broker);
 
+    Quotas        quotas(quotas_of(options), library_holdings());
     RefusalLog    refusals(log_warning); // at every level: they are this program's own news, and few
     DiskWatch     disk;
-    const int32_t code   = start(broker, options, access, refusals);
-    bool          served = false;
+    const int32_t code   = start(broker, options, access, quotas, refusals);
+    bool          served = false, used_up = false;
     if (code == TARN_OK) {
         served = unless_short([&] {
-            log_where_it_serves(options.max_clients);
-            log_when_udp_closes(loop);
+            log_where_it_serves(options.max_clients, options.udp);
             warn_of_descriptor_limit(options.max_clients);
-            keep_house(loop, broker, access, refusals, disk);
+            keep_house(loop, broker, options, access, quotas, refusals, disk);
+            watch_records(loop, options, used_up);
             attachments.serve(broker);
         });
         if (served)
@@ -268,7 +342,7 @@ ExitStatus serve(const Options &options)
             fprintf(stderr, "tarn-broker: %s\n", mistake.c_str());
     });
     tarn_sdk_mqtt_broker_destroy(broker);
-    return served ? kEnded : kCannotServe;
+    return served && !used_up ? kEnded : kCannotServe;
 }
 
 } // namespace tarn::broker

@@ -15,13 +15,6 @@ namespace {
 
 constexpr const char *kOwnersFile = "broker_data/owners";
 
-// A saved session that holds anything has a file of subscriptions. Ids with a '/' have no files.
-bool has_saved_session(const std::string &client_id)
-{
-    return client_id.find('/') == client_id.npos &&
-           access(("broker_data/subscription/" + client_id + ".json").c_str(), F_OK) == 0;
-}
-
 // The form of the ids that the library chooses.
 bool is_chosen_id(std::string_view client_id)
 {
@@ -49,6 +42,13 @@ constexpr Verdict kNoTopic{"it is no topic to publish to"};
 constexpr Verdict kNobody{"it has not connected as somebody who may"};
 
 } // namespace
+
+// It has a file of subscriptions. Ids with a '/' have no files.
+bool has_saved_session(const std::string &client_id)
+{
+    return client_id.find('/') == client_id.npos &&
+           ::access(("broker_data/subscription/" + client_id + ".json").c_str(), F_OK) == 0;
+}
 
 Access::Access(std::string user_file, std::string acl_file, int32_t wait_s)
     : user_file_(std::move(user_file)), acl_file_(std::move(acl_file)), waits_(wait_s)
@@ -114,16 +114,19 @@ Verdict Access::check_password(Users &users, const std::string &user, const std:
 }
 
 Verdict Access::may_connect(const std::string &client_id, const std::string &user, const std::string &password,
-                            std::string_view address)
+                            std::string_view address, const std::function<Verdict()> &also)
 {
     const Files now = files();
     if (!now.users)
-        return {};
+        return also ? also() : Verdict{};
     if (const Verdict verdict = check_password(*now.users, user, password, address); !verdict)
         return verdict;
     const std::string_view id = taken_id(client_id);
     if (now.acl && !now.acl->may_have_id({id, user}))
         return {"the user may not have this id"};
+    if (also)
+        if (const Verdict verdict = also(); !verdict)
+            return verdict;
     if (id.empty())
         return {};
     if (is_chosen_id(client_id))

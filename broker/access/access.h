@@ -25,6 +25,8 @@ struct Verdict {
     explicit    operator bool() const { return !why_not; }
 };
 
+bool has_saved_session(const std::string &client_id); // that holds anything
+
 class Access {
 public:
     // Names of files, empty for none. Without users everybody may connect; without rules everybody who is connected may
@@ -42,8 +44,9 @@ public:
     std::vector<std::string> warnings() const;
 
     // The id is empty when the library will choose one. The address has no port; who comes without one never waits.
+    // What `also` says counts as well; it is asked about clients whose password was right, before the id becomes theirs.
     Verdict may_connect(const std::string &client_id, const std::string &user, const std::string &password,
-                        std::string_view address = {});
+                        std::string_view address = {}, const std::function<Verdict()> &also = {});
 
     // Binds the id that the library chose for a client that is online now. When the id is another user's, it changes hands
     // if is_alone() says that no second client is online with it; else the result is false.

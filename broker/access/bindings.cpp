@@ -40,7 +40,8 @@ std::optional<std::string> from_word(std::string_view word)
     return text;
 }
 
-// The id that a list separated by commas shows may itself contain commas: then its pieces are in the list, too.
+} // namespace
+
 bool is_online(const Ids &online, std::string_view client_id)
 {
     for (size_t comma; (comma = client_id.find(',')) != client_id.npos; client_id.remove_prefix(comma + 1))
@@ -48,8 +49,6 @@ bool is_online(const Ids &online, std::string_view client_id)
             return false;
     return online.contains(client_id);
 }
-
-} // namespace
 
 bool Bindings::bind(std::string_view client_id, std::string_view user)
 {

@@ -28,6 +28,9 @@ namespace tarn::broker {
 
 using Ids = std::set<std::string, std::less<>>;
 
+// In a list of the library, which separates ids by commas: one that itself contains commas is there in pieces.
+bool is_online(const Ids &online, std::string_view client_id);
+
 class Bindings {
 public:
     static constexpr size_t kIdsMax      = 32768; // for each user

@@ -9,6 +9,7 @@ namespace tarn::broker {
 namespace {
 
 constexpr uint8_t kConnect    = 0x10;
+constexpr uint8_t kCleanFlag  = 0x02;
 constexpr uint8_t kWillFlag   = 0x04;
 constexpr uint8_t kWillBits   = 0x3C; // the flag, its QoS, its retain flag
 constexpr uint8_t kUserFlag   = 0x80;
@@ -73,6 +74,40 @@ private:
     bool                     failed_ = false;
 };
 
+// What stands behind a property's identifier: its bytes, or that texts follow, each with its length.
+struct PropertyForm {
+    uint8_t id;
+    size_t  bytes;
+    int     texts;
+};
+constexpr PropertyForm kConnectProperties[] = {{0x11, 4, 0}, {0x15, 0, 1}, {0x16, 0, 1}, {0x17, 1, 0}, {0x19, 1, 0},
+                                               {0x21, 2, 0}, {0x22, 2, 0}, {0x26, 0, 2}, {0x27, 4, 0}};
+constexpr uint8_t      kExpiryInterval      = 0x11;
+
+// The Session Expiry Interval in a block of properties with its length in front; 0 when there is none, and when the block
+// cannot be read.
+uint32_t expiry_interval(std::span<const uint8_t> block)
+{
+    Reader in(block, 0);
+    for (size_t byte = 0; byte < 4 && (in.byte() & 0x80) != 0; ++byte) {} // the length
+    while (!in.failed() && in.at() < block.size()) {
+        const uint8_t id   = in.byte();
+        const auto    form = std::find_if(std::begin(kConnectProperties), std::end(kConnectProperties),
+                                          [&](const PropertyForm &one) { return one.id == id; });
+        if (form == std::end(kConnectProperties))
+            return 0;
+        if (id == kExpiryInterval) {
+            const uint32_t high = static_cast<uint32_t>(in.u16()), low = static_cast<uint32_t>(in.u16());
+            return in.failed() ? 0 : high << 16 | low;
+        }
+        for (size_t i = 0; i < form->bytes; ++i)
+            in.byte();
+        for (int i = 0; i < form->texts; ++i)
+            in.text(0, 0xFFFF);
+    }
+    return 0;
+}
+
 std::string up_to_nul(std::string_view text)
 {
     return std::string(text.substr(0, text.find('\0')));
@@ -117,6 +152,26 @@ std::optional<ConnectWill> find_will(std::span<const uint8_t> packet)
     if (in.failed())
         return {};
     return will;
+}
+
+// At 3.1.1 what is not clean is kept; at 5.0 what has an expiry interval, and what continues a session.
+bool keeps_session(std::span<const uint8_t> packet)
+{
+    if (packet.empty() || packet[0] != kConnect)
+        return false;
+    const size_t flags = cut_to_packet(packet) + kFlagsAfter;
+    if (flags == kFlagsAfter || packet.size() <= flags)
+        return false;
+    if ((packet[flags] & kCleanFlag) == 0)
+        return true;
+    if (packet[flags - 1] != 5)
+        return false;
+    Reader in(packet, flags + 1);
+    in.u16(); // the keep-alive
+    const size_t begin = in.at();
+    if (in.failed() || !in.skip_properties())
+        return false;
+    return expiry_interval(packet.subspan(begin, in.at() - begin)) != 0;
 }
 
 std::vector<uint8_t> without_will(std::span<const uint8_t> packet, const ConnectWill &will)

@@ -1,4 +1,5 @@
-// connect_will.h - the will in a CONNECT packet: found, and taken out. Bytes only; nothing is decided here.
+// connect_will.h - the will in a CONNECT packet, found and taken out, and what it says of its session. Bytes only; nothing
+// is decided here.
 //
 // The packet is read exactly as the library's decoder reads it, its leniences included, or a will could be seen here
 // in one way and be kept there in another: tests hold the two against each other.
@@ -23,6 +24,9 @@ struct ConnectWill {
 
 // Nothing when the packet is no CONNECT, leaves no will, or is one that the library refuses.
 std::optional<ConnectWill> find_will(std::span<const uint8_t> packet);
+
+// Whether it is a CONNECT that asks for its session to outlive the connection.
+bool keeps_session(std::span<const uint8_t> packet);
 
 // The same CONNECT without its will.
 std::vector<uint8_t> without_will(std::span<const uint8_t> packet, const ConnectWill &will);

@@ -16,13 +16,18 @@ struct DroppedWill {
     const char *why;
 };
 
-// Why the will must go, null when it may stay. Called before the library sees the packet, so also before it asks for the
-// password.
-using WillJudge = const char *(*)(const ConnectWill &will);
+struct GateKeeper {
+    // Why the will must go, null when it may stay. Called before the library sees the packet, so also before it asks for
+    // the password.
+    const char *(*judge_will)(uint32_t handle, const ConnectWill &will);
+
+    void (*opened)(uint32_t handle); // a connection; it may be closed from here
+    void (*closed)(uint32_t handle);
+};
 
 // Puts the gate into the way of the library's network events. To be called as soon as start has returned, also when it
-// failed. Packets that come before go past it.
-void install_gate(WillJudge judge);
+// failed. What comes before goes past it.
+void install_gate(const GateKeeper &keeper);
 
 // For callbacks: whether the packet under way passed the gate. Waits for install_gate() first, as far as start may take.
 bool passed_gate();
@@ -30,8 +35,15 @@ bool passed_gate();
 // Of the CONNECT that the calling thread has under way; null when it keeps its will or leaves none.
 const DroppedWill *dropped_will();
 
-std::string peer_ip();      // without its port
-std::string peer_address(); // IP:PORT of the connection that the calling thread has a packet of, or ""
+// Of the packet that the calling thread has under way. A CONNECT leaves a will unless it was dropped.
+uint32_t packet_handle(); // NETIP_NO_HANDLE when there is none
+bool     packet_leaves_will();
+bool     packet_keeps_session();
+bool     packet_is_retained(); // a PUBLISH
+
+std::string address_of(uint32_t handle); // without its port, "" when there is no such connection
+std::string peer_ip();                   // without its port
+std::string peer_address();              // IP:PORT of the connection that the calling thread has a packet of, or ""
 
 } // namespace tarn::broker
 

@@ -1,5 +1,6 @@
 #include "guard.h"
 
+#include "../connections.h"
 #include "../event_hub.h"
 #include "../event_text.h"
 #include "../query.h"
@@ -7,6 +8,7 @@
 #include "gate.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <iterator>
 #include <string_view>
@@ -14,7 +16,9 @@
 #include <vector>
 
 #include <tarn_sdk_mqtt_broker.h>
+#include <tarn_sdk_mqtt_broker/client/client.h>
 #include <tarn_sdk_mqtt_broker/codec/mqtt_codec.h>
+#include <tarn_sdk_mqtt_broker/net/netip.h>
 
 namespace tarn::broker {
 namespace {
@@ -22,7 +26,8 @@ namespace {
 constexpr int kKicksMax = 100; // at a time; each takes some 10 ms
 
 Access     *g_access; // the callbacks get nothing but the instance; set before it starts
-TellRefusal g_tell;   // likewise
+Quotas     *g_quotas; // likewise, as the next
+TellRefusal g_tell;
 
 // The user of a CONNECT without an id, until the event of the same CONNECT, on the same thread, tells the chosen one.
 // No std::string: for the first one of a thread the C library wants memory, and ends the process without.
@@ -35,9 +40,53 @@ void keep_user_without_id(std::string_view user)
     t_user_without_id[length] = '\0';
 }
 
-const char *judge_will(const ConnectWill &will)
+int64_t now_ms()
 {
-    return g_access->may_leave_will(will.client_id, will.user, will.topic).why_not;
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+const char *judge_will(uint32_t handle, const ConnectWill &will)
+{
+    if (g_access->is_wanted())
+        if (const Verdict verdict = g_access->may_leave_will(will.client_id, will.user, will.topic); !verdict)
+            return verdict.why_not;
+    return g_quotas->may_leave_will(handle, g_access->asks_for_users() ? will.user : "", now_ms());
+}
+
+// ---- connections
+
+void on_opened(uint32_t handle)
+{
+    if (!connection_opened(handle, now_ms()))
+        return;
+    const std::string address = address_of(handle);
+    const char *const why     = g_quotas->open(handle, address);
+    if (!why)
+        return;
+    g_tell({Refusal::Connection, "", "", address, "", why});
+    netip_close(handle);
+}
+
+void on_closed(uint32_t handle)
+{
+    connection_closed(handle);
+    g_quotas->close(handle);
+}
+
+// ---- CONNECT
+
+Verdict fits_quotas(const std::string &client_id, const char *user)
+{
+    const uint32_t    handle = packet_handle();
+    const std::string id     = client_id.substr(0, CLIENT_ID_CHARS); // as the library takes it
+    const std::string owner  = g_access->asks_for_users() ? user : "";
+    if (const char *const why = g_quotas->connect(handle, owner, id, packet_keeps_session(), now_ms()))
+        return {why};
+    if (packet_leaves_will())
+        if (const mqtt_client_t *const client = client_find_by_handle(handle))
+            g_quotas->leave_will(handle, client, now_ms());
+    return {};
 }
 
 // A CONNECT that comes between the library's start and the gate's installation is refused, since nobody has looked at its
@@ -46,7 +95,7 @@ Verdict judge_login(const char *client_id, const char *user, const char *passwor
 {
     if (!passed_gate())
         return {"it came while the broker started"};
-    return g_access->may_connect(client_id, user, password, peer_ip());
+    return g_access->may_connect(client_id, user, password, peer_ip(), [&] { return fits_quotas(client_id, user); });
 }
 
 bool on_auth(broker_t * /*broker*/, const char *client_id, const char *user, const char *password)
@@ -79,11 +128,28 @@ void on_event(broker_t *broker, uint32_t kind, const char *text)
     keep_user_without_id("");
 }
 
+Verdict judge_publication(const char *client_id, const char *topic)
+{
+    if (g_access->is_wanted())
+        if (const Verdict verdict = g_access->may_publish(client_id, topic); !verdict)
+            return verdict;
+    if (!packet_is_retained())
+        return {}; // the usual case, at no cost
+    return {g_quotas->publish_retained(packet_handle(), topic, now_ms())};
+}
+
+Verdict judge_subscription(const char *client_id, const char *filter)
+{
+    if (g_access->is_wanted())
+        if (const Verdict verdict = g_access->may_subscribe(client_id, filter); !verdict)
+            return verdict;
+    return {g_quotas->subscribe(packet_handle(), client_id, now_ms())};
+}
+
 bool on_acl(broker_t * /*broker*/, const char *client_id, const char *topic, uint8_t action, mqtt_client_t * /*client*/)
 {
     const bool    publishes = action == BROKER_ACL_PUBLISH;
-    const Verdict verdict =
-        publishes ? g_access->may_publish(client_id, topic) : g_access->may_subscribe(client_id, topic);
+    const Verdict verdict   = publishes ? judge_publication(client_id, topic) : judge_subscription(client_id, topic);
     if (!verdict)
         g_tell({publishes ? Refusal::Publication : Refusal::Subscription, g_access->user_of(client_id), client_id,
                 peer_address(), topic, verdict.why_not});
@@ -114,23 +180,27 @@ void kick_clients_of_removed_users(broker_t *broker, const Access &access)
 
 } // namespace
 
-void guard(broker_t *broker, Access &access, TellRefusal tell)
+void guard(broker_t *broker, Access &access, Quotas &quotas, bool asks, TellRefusal tell)
 {
     g_access = &access;
+    g_quotas = &quotas;
     g_tell   = std::move(tell);
+    if (!asks)
+        return;
     tarn_sdk_mqtt_broker_register_acl_callback(broker, CCallback<on_acl, refuse_action>::call);
     tarn_sdk_mqtt_broker_register_auth_callback(broker, CCallback<on_auth, refuse_login>::call);
     if (access.asks_for_users())
         listen_to_events(broker, on_event);
 }
 
-void guard_wills()
+void guard_connections()
 {
-    install_gate(judge_will);
+    install_gate({.judge_will = judge_will, .opened = on_opened, .closed = on_closed});
 }
 
-void guard_turn(broker_t *broker, Access &access)
+void guard_turn(broker_t *broker, Access &access, Quotas &quotas)
 {
+    quotas.turn(now_ms());
     if (!access.asks_for_users())
         return;
     kick_clients_of_removed_users(broker, access);

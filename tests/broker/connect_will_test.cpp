@@ -149,3 +149,30 @@ TEST_F(connect_will, damaged_packets_are_read_as_the_library_reads_them)
     }
     EXPECT_GT(wills, 50'000);
 }
+
+TEST(connect_session, is_kept_when_the_client_asks_for_it)
+{
+    EXPECT_FALSE(keeps_session(connect_packet(4, "a")));
+    EXPECT_TRUE(keeps_session(connect_packet(4, "a", {.clean = false})));
+    EXPECT_FALSE(keeps_session(connect_packet(5, "a")));
+    EXPECT_TRUE(keeps_session(connect_packet(5, "a", {.clean = false})));
+    EXPECT_TRUE(keeps_session(connect_packet(5, "a", {.session_expiry_s = 1})));
+    EXPECT_FALSE(keeps_session(connect_packet(5, "a", {.session_expiry_s = 0})));
+    EXPECT_TRUE(keeps_session(connect_packet(5, "a", {.max_packet_size = 0, .session_expiry_s = 0x80000000})));
+    EXPECT_FALSE(keeps_session(publish_packet(4, "t", "x")));
+}
+
+// Texts that a 5.0 client may put in front of the interval.
+TEST(connect_session, is_found_behind_other_properties)
+{
+    const Bytes packet =
+        wire("10 1D 00 04 'MQTT' 05 02 00 3C 0F 26 00 01 'a' 00 01 'b' 17 01 11 00 00 00 01 00 01 'x'");
+    EXPECT_TRUE(keeps_session(packet));
+}
+
+TEST(connect_session, of_a_packet_that_ends_anywhere_is_no_matter)
+{
+    const Bytes whole = connect_packet(5, "a", {.session_expiry_s = 7});
+    for (size_t length = 0; length < whole.size(); ++length)
+        keeps_session(std::span(whole).first(length));
+}

@@ -87,7 +87,7 @@ TEST(program, another_port_ends_it_with_2)
 
 TEST(program, says_that_it_serves_and_serves)
 {
-    Child broker = run({"-c", "11"});
+    Child broker = run({"-c", "11", "--udp"});
     ASSERT_TRUE(serves(broker));
     EXPECT_EQ(broker.errors(),
               "tarn-broker: serving MQTT 3.1.1 and 5.0 on 0.0.0.0:1883 (TCP and UDP), at most 11 clients\n");
@@ -221,16 +221,33 @@ TEST(program, says_that_it_cannot_start_for_another_reason)
 TEST(program, serves_when_only_udp_is_taken)
 {
     Port1883 taken(SOCK_DGRAM);
-    Child    broker = run();
+    Child    broker = run({"--udp"});
     ASSERT_TRUE(says(broker, "tarn-broker: UDP port 1883 could not be opened: Address already in use\n"));
     EXPECT_EQ(broker.errors(), "tarn-broker: serving MQTT 3.1.1 and 5.0 on 0.0.0.0:1883 (TCP), at most 5000 clients\n"
                                "tarn-broker: UDP port 1883 could not be opened: Address already in use\n");
     Peer::tcp().connect_v4("a").ping();
 }
 
+// Nor does anybody else have the port then.
+TEST(program, serves_no_udp_unless_asked)
+{
+    for (const std::vector<std::string> &options : {std::vector<std::string>{}, {"--udp", "--no-udp"}}) {
+        Child broker = run(options);
+        ASSERT_TRUE(serves(broker));
+        EXPECT_EQ(broker.errors(),
+                  "tarn-broker: serving MQTT 3.1.1 and 5.0 on 0.0.0.0:1883 (TCP), at most 5000 clients\n");
+        Peer tcp = Peer::tcp(), udp = Peer::udp();
+        tcp.connect_v4("tcp");
+        udp.send(connect_packet(4, "udp"));
+        tcp.ping(); // a datagram would be read behind traffic on TCP
+        udp.expect_nothing();
+        const Port1883 is_free(SOCK_DGRAM);
+    }
+}
+
 TEST(program, says_when_udp_closes)
 {
-    Child broker = run();
+    Child broker = run({"--udp"});
     ASSERT_TRUE(serves(broker));
     Peer tcp = Peer::tcp(), udp = Peer::udp();
     tcp.connect_v4("tcp");

@@ -60,7 +60,8 @@ TEST_F(refusals, the_event_of_one)
               "{\"time\":\"1970-01-01T00:00:00.007Z\",\"event\":\"refused\",\"clientId\":\"x\\u001b\",\"topic\":"
               "\"\xEF\xBF\xBD\",\"qos\":null,\"what\":\"publish\",\"user\":\"a\\\"\",\"address\":\"10.0.0.7:50000\","
               "\"reason\":\"no rule allows it\"}");
-    const char *const names[] = {"login", "publish", "subscribe", "will"};
+    const char *const names[] = {"login", "publish", "subscribe", "will", "connect"};
+    static_assert(std::size(names) == Refusal::kKinds);
     for (size_t kind = 0; kind < Refusal::kKinds; ++kind)
         EXPECT_THAT(refused_line(0, {static_cast<Refusal::Kind>(kind), "", "", "", "", ""}),
                     testing::HasSubstr(std::string("\"what\":\"") + names[kind] + '"'));

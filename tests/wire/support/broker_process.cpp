@@ -10,7 +10,8 @@ namespace {
 
 std::vector<std::string> command(const BrokerOptions &options)
 {
-    std::vector<std::string> words = {TARN_BROKER_PROGRAM};
+    std::vector<std::string> words = {TARN_BROKER_PROGRAM, "--udp", "--no-quotas", "--connect-within", "0",
+                                      "--log-limit",       "0"}; // the library's own limits are what counts
     const auto               add   = [&](const char *name, const std::string &value) {
         if (!value.empty() && value != "0")
             words.insert(words.end(), {name, value});
