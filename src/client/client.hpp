@@ -119,8 +119,9 @@ void release_called_off(mqtt_client_t &client) noexcept;
 // False while no delayed will can be due: what the housekeeping thread asks before it scans the pool.
 [[nodiscard]] bool will_delays_running() noexcept;
 
-// False while no closed client waits for its delayed will: what CONNECT asks before it looks for one to cancel.
-[[nodiscard]] bool wills_are_delayed() noexcept;
+// False while no closed client of this id waits for its delayed will: what CONNECT asks before it looks for one to
+// cancel. True may mean an id that shares the bucket, and on a host's thread any id: it may have edited records.
+[[nodiscard]] bool wills_are_delayed(const char *client_id) noexcept;
 
 // ---- sending (send_ring.cpp)
 

@@ -20,8 +20,11 @@ bool awaits_answers(uint8_t type)
 
 void await_answers(mqtt_client_t &client)
 {
+    if (!has_held_answers(client))
+        return;
     while (has_held_answers(client))
         pause_ms(1);
+    flush_client(client);
 }
 
 uint8_t on_connected(uint32_t handle)

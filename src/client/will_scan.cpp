@@ -4,6 +4,7 @@
 // or called off, never both. The scan claims only what is due; a CONNECT that finds the record claimed may thus believe
 // that its will was published.
 #include "../base/clock.h"
+#include "../base/thread.h"
 #include "../handler/handler.hpp"
 #include "client_internal.h"
 
@@ -15,8 +16,10 @@ namespace {
 constexpr uint64_t kNever   = UINT64_MAX;
 constexpr uint64_t kWalk_ms = 500; // wills that were set going by hand are found by a full walk
 
-// These spare the housekeeping thread the walk: how many closed records wait for their will, and when the first is due.
+// These spare CONNECT and the housekeeping thread the walk: how many closed records wait for their will, in all and by
+// the bucket of their id, and when the first is due.
 constinit std::atomic<int32_t>  g_delayed_wills{0};
+constinit std::atomic<int32_t>  g_delayed_in_bucket[CLIENT_MAX]{};
 constinit std::atomic<uint64_t> g_next_due_ms{kNever};
 constinit std::atomic<uint64_t> g_next_walk_ms{0};
 
@@ -25,6 +28,11 @@ void due_no_later_than(uint64_t at_ms)
     uint64_t seen = g_next_due_ms.load(std::memory_order_relaxed);
     while (at_ms < seen && !g_next_due_ms.compare_exchange_weak(seen, at_ms))
         ;
+}
+
+int32_t bucket_of(const char *client_id)
+{
+    return static_cast<int32_t>(hash_of(client_id) % CLIENT_MAX);
 }
 
 bool is_waiting(mqtt_client_t &client)
@@ -101,15 +109,27 @@ uint64_t next_look_ms(mqtt_client_t &client, uint64_t now_ms)
 
 void count_delayed_will(mqtt_client_t &client, uint64_t due_at_ms) noexcept
 {
-    if (side_of(&client) && set_mark(client, kWillDelayed))
-        g_delayed_wills.fetch_add(1);
+    Side *const side = side_of(&client);
+    if (side && !has_mark(client, kWillDelayed)) {
+        side->will_bucket = bucket_of(stored_id(client).text); // before the mark, which another thread may take away
+        if (set_mark(client, kWillDelayed)) {
+            g_delayed_wills.fetch_add(1);
+            g_delayed_in_bucket[side->will_bucket].fetch_add(1);
+        }
+    }
     due_no_later_than(due_at_ms);
 }
 
 void uncount_delayed_will(mqtt_client_t &client) noexcept
 {
-    if (side_of(&client) && clear_mark(client, kWillDelayed))
+    Side *const side = side_of(&client);
+    if (!side)
+        return;
+    const int32_t bucket = side->will_bucket;
+    if (clear_mark(client, kWillDelayed)) {
         g_delayed_wills.fetch_sub(1);
+        g_delayed_in_bucket[bucket].fetch_sub(1);
+    }
 }
 
 void publish_due_wills(uint64_t now_ms) noexcept
@@ -138,7 +158,7 @@ bool tarn::will_delays_running() noexcept
            now_ms >= g_next_walk_ms.load(std::memory_order_relaxed);
 }
 
-bool tarn::wills_are_delayed() noexcept
+bool tarn::wills_are_delayed(const char *client_id) noexcept
 {
-    return g_delayed_wills.load() > 0;
+    return on_library_thread() ? g_delayed_in_bucket[bucket_of(client_id)].load() > 0 : g_delayed_wills.load() > 0;
 }

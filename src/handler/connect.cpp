@@ -226,7 +226,7 @@ void cancel_delayed_wills(mqtt_client_t &client)
     call_off_will(client);
     client::release_called_off(
         client); // another thread may have closed it since adopt(), so that it waits for its will
-    if (!wills_are_delayed())
+    if (!wills_are_delayed(client.client_id))
         return;
     int32_t place = 0;
     while (const client_ref other = next_client(place))

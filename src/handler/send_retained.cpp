@@ -42,10 +42,11 @@ void send_one(mqtt_client_t &client, const retain_msg_t &retained, const char *f
 
 void send_retained(mqtt_client_t &client, const char *filter) noexcept
 {
-    ScopedLock    lock(g_sub_mgr.lock);
+    const sub::TopicFilter wanted(filter);
+    ScopedLock             lock(g_sub_mgr.lock);
     const int32_t count = g_sub_mgr.retains ? std::clamp<int32_t>(g_sub_mgr.retain_count, 0, RETAIN_CAPACITY) : 0;
     for (const retain_msg_t &retained : std::span(g_sub_mgr.retains, static_cast<size_t>(count)))
-        if (retained.payload_len != 0 && sub::matches(filter, retained.topic))
+        if (retained.payload_len != 0 && wanted.matches(retained.topic))
             send_one(client, retained, filter);
 }
 

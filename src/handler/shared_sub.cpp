@@ -25,7 +25,9 @@ bool sort_by_group(ShareChoice &choice)
         if (!choice.order.push(at))
             return false;
     std::sort(choice.order.begin(), choice.order.end(), [&](uint32_t left, uint32_t right) {
-        const int names = members[left].group.compare(members[right].group);
+        const std::string_view one = members[left].group, other = members[right].group;
+        const bool             same  = one.data() == other.data() && one.size() == other.size();
+        const int              names = same ? 0 : one.compare(other);
         return names != 0 ? names < 0 : left < right;
     });
     return true;

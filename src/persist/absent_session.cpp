@@ -3,6 +3,7 @@
 
 #include "message_files.h"
 #include "offline_message.h"
+#include "persist.hpp"
 
 namespace tarn::persist {
 
@@ -36,6 +37,26 @@ bool AbsentSession::add_message(const char *topic, const uint8_t *payload, uint3
         held_.emplace(client_id_, LockedSession::Quietly);
     }
     return held_->add_message(topic, payload, payload_len, qos);
+}
+
+Loaded read_absent(persist_session_t &record, Found &found) noexcept
+{
+    Surroundings around{.known = true, .found = {}, .subscriptions = 0, .stamps = {}};
+    ScopedLock   files(files_mutex(record.client_id));
+    take_stamps(record.client_id, around.stamps); // before the files are read: what changes in between shows later
+    if (const Loaded loaded = read_session(record, around.found); loaded != Loaded::Yes)
+        return loaded;
+    around.subscriptions = record.sub_count;
+    found                = around.found;
+    remember(record, around);
+    return Loaded::Yes;
+}
+
+void expect_messages_for(const char *client_id) noexcept
+{
+    Found found;
+    if (persist_session_t *const record = scratch_session(client_id))
+        (void)read_absent(*record, found);
 }
 
 } // namespace tarn::persist

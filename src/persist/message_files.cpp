@@ -38,6 +38,7 @@ enum : int8_t { kNone = -1, kUrgent, kBulk, kQueues };
 constexpr size_t kBuckets = 1024;
 
 constinit MessageFile *g_buckets[kBuckets] GUARDED_BY(g_save_mutex){};
+constinit int g_count  GUARDED_BY(g_save_mutex) = 0;
 constinit Queue        g_queues[kQueues] GUARDED_BY(g_save_mutex){};
 
 // ---- the table
@@ -67,6 +68,7 @@ MessageFile *find_or_make(const char *client_id) REQUIRES(g_save_mutex)
     MessageFile *&bucket = bucket_of(client_id);
     file->next_in_bucket = bucket;
     bucket               = file;
+    ++g_count;
     return file;
 }
 
@@ -81,6 +83,7 @@ void drop(MessageFile *&link) REQUIRES(g_save_mutex)
     MessageFile *const file = link;
     link                    = file->next_in_bucket;
     delete file;
+    --g_count;
 }
 
 void drop_if_saved(const char *client_id) REQUIRES(g_save_mutex)
@@ -244,6 +247,21 @@ bool fill(MessageFile &file, const MessageText &text, const Surroundings *around
 
 } // namespace
 
+void remember(const persist_session_t &record, const Surroundings &around) noexcept
+{
+    const Found &found = around.found;
+    if (found.messages_unread ||
+        (found.messages != Found::Messages::NoFile && found.messages != Found::Messages::Taken))
+        return;
+    MessageText text;
+    text.set(record);
+    ScopedLock lock(g_save_mutex);
+    if (!text.ok() || find(record.client_id) || g_count >= SUB_CAPACITY) // so many can expect messages
+        return;
+    if (MessageFile *const file = find_or_make(record.client_id); file && fill(*file, text, &around))
+        file->around.found.messages = found.messages;
+}
+
 bool Stamp::operator==(const Stamp &other) const noexcept
 {
     return device == other.device && inode == other.inode && size == other.size &&
@@ -369,6 +387,7 @@ void save_messages_of(const char *client_id) noexcept
 
 void save_all_messages() noexcept
 {
+    ScopedLock lock(g_save_mutex);
     for (;;) {
         if (save_some_message_files())
             continue;
@@ -401,8 +420,9 @@ bool save_some_message_files() noexcept
     return true;
 }
 
-void forget_saved_message_files() noexcept
+void forget_messages() noexcept
 {
+    ScopedLock lock(g_save_mutex);
     for (MessageFile *&first : g_buckets)
         for (MessageFile **link = &first; *link;)
             if (is_saved(**link))

@@ -29,6 +29,10 @@ struct Surroundings {
 
 void take_stamps(const char *client_id, Stamp (&stamps)[3]) noexcept;
 
+// The session of a client that is away, as it was just read with files_mutex() held: the first message for it need not
+// read it again.
+void remember(const persist_session_t &record, const Surroundings &around) noexcept EXCLUDES(g_save_mutex);
+
 // ---- reading
 
 enum class Unsaved : uint8_t { No, Removed, Text };
@@ -54,14 +58,14 @@ void forget_surroundings(const char *client_id) noexcept EXCLUDES(g_save_mutex);
 
 // Returns when the disk has what is here.
 void save_messages_of(const char *client_id) noexcept EXCLUDES(g_save_mutex);
-void save_all_messages() noexcept REQUIRES(g_save_mutex);
+void save_all_messages() noexcept EXCLUDES(g_save_mutex);
+void forget_messages() noexcept EXCLUDES(g_save_mutex); // but for what is not saved
 
 // ---- the saver thread's part
 
 // Writes some of the files in the queue, those of a small packet first; false when it is empty. The lock is dropped
 // meanwhile.
 bool save_some_message_files() noexcept REQUIRES(g_save_mutex);
-void forget_saved_message_files() noexcept REQUIRES(g_save_mutex);
 
 } // namespace tarn::persist
 

@@ -20,6 +20,8 @@ void flush() noexcept; // everything has been written then; nobody waits on a th
 // Writes those of the client's files that `what` names; nothing without an id or for a clean session. The caller holds
 // the record's lock, if others may write to it.
 void save(persist_session_t &record, uint8_t what) noexcept;
+// The client is away from here on: what its files say is read now, so that the first message for it finds it.
+void expect_messages_for(const char *client_id) noexcept;
 // Deletes all files of the client's; false when memory for the paths ran out.
 bool remove_session(const char *client_id) noexcept;
 

@@ -71,6 +71,8 @@ Mutex &files_mutex(const char *client_id) noexcept;
 
 // load_session without a word: the record from the client's files, and which of them there were.
 Loaded read_session(persist_session_t &record, Found &found) noexcept;
+// The same for a client that is away: what was found is remembered for the first message that comes for it.
+Loaded read_absent(persist_session_t &record, Found &found) noexcept;
 // Counts and logs what a load found.
 void count_and_log(const char *client_id, int32_t subscriptions, const Found &found) noexcept;
 // Clears the clean-session flag of a record with an id when its client has a subscription file; false when it has not.

@@ -25,10 +25,12 @@ void restore_client(const char *file_name)
     persist_session_t *const record = scratch_session(client_id);
     if (!record)
         return;
-    int files_opened;
-    if (load_session(*record, files_opened) == Loaded::Yes)
+    Found found;
+    if (read_absent(*record, found) == Loaded::Yes) {
+        count_and_log(record->client_id, record->sub_count, found);
         for (int32_t i = 0; i < record->sub_count; ++i)
             sub::add(record->client_id, record->subs[i].topic, record->subs[i].qos, 0);
+    }
     LOG_INFO("[persist] ✅ 恢复客户端订阅: %s  订阅数=%d", record->client_id, record->sub_count);
 }
 

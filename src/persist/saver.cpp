@@ -6,15 +6,11 @@
 #include "message_files.h"
 #include "retain_file.h"
 
-#include <ctime>
-
 namespace tarn::persist {
 
 constinit Mutex g_save_mutex{};
 
 namespace {
-
-constexpr time_t kIdle_s = 10; // then unchanged texts are given back
 
 constinit pthread_cond_t g_work    = PTHREAD_COND_INITIALIZER; // with g_save_mutex
 constinit pthread_cond_t g_changed = PTHREAD_COND_INITIALIZER; // likewise
@@ -25,18 +21,10 @@ constinit bool g_asleep      GUARDED_BY(g_save_mutex) = false;
 
 constinit thread_local SaveBehind *t_behind = nullptr;
 
-// False when nobody woke the thread for a while.
-bool sleep_until_woken() REQUIRES(g_save_mutex)
+void sleep_until_woken() REQUIRES(g_save_mutex)
 {
-    timespec until{};
-    clock_gettime(CLOCK_MONOTONIC, &until);
-    until.tv_sec += kIdle_s;
-    g_asleep   = true;
-    bool woken = true;
-    while (woken && g_asleep && g_runs)
-        woken = pthread_cond_clockwait(&g_work, &g_save_mutex.raw, CLOCK_MONOTONIC, &until) == 0;
-    g_asleep = false;
-    return woken;
+    for (g_asleep = true; g_asleep && g_runs;)
+        pthread_cond_wait(&g_work, &g_save_mutex.raw);
 }
 
 void *saver_thread(void *) noexcept
@@ -45,8 +33,8 @@ void *saver_thread(void *) noexcept
     while (g_runs) {
         const bool store = save_store_if_asked();
         const bool files = save_some_message_files();
-        if (!store && !files && g_runs && !sleep_until_woken())
-            forget_saved_message_files();
+        if (!store && !files)
+            sleep_until_woken();
     }
     return nullptr;
 }

@@ -71,15 +71,14 @@ void make_directory(const char *path) noexcept
 void save_everything() noexcept
 {
     save_store_now();
-    ScopedLock lock(g_save_mutex);
     save_all_messages();
-    forget_saved_message_files();
 }
 
 void init(const char *root_path) noexcept
 {
     LOG_INFO("[persist] 持久化模块初始化中...");
-    save_everything();                                                          // under the root that it belongs to
+    save_everything(); // under the root that it belongs to
+    forget_messages();
     if (root_path && *root_path && strcmp(root_path, g_persist_root_path) != 0) // clients of another instance read it
         copy_text(g_persist_root_path, root_path, sizeof g_persist_root_path - 1);
     make_directory(g_persist_root_path);
@@ -99,6 +98,7 @@ void destroy() noexcept
     LOG_INFO("[persist] 持久化模块销毁中...");
     stop_saver();
     save_everything();
+    forget_messages();
 }
 
 void flush() noexcept

@@ -2,27 +2,27 @@
 
 #include "sub_internal.h"
 
+#include <bit>
+
 namespace tarn::sub {
 namespace {
 
 constexpr uint64_t kPlusHash = hash_of("+");
 
-uint64_t fold(const uint64_t *hashes, const Shape &shape) noexcept
-{
-    uint64_t key = kShapeBasis;
-    for (int32_t level = 0; level < shape.levels; ++level)
-        key = hash_mix(key, shape.pluses >> level & 1 ? kPlusHash : hashes[level]);
-    return key;
-}
-
 } // namespace
 
 LevelHashes::LevelHashes(std::string_view text) noexcept
 {
+    sum[0]         = 0;
     uint64_t level = kTextBasis;
     auto     close = [&] {
-        if (count <= kShapeLevels)
-            hash[count] = level;
+        if (count <= kShapeLevels) {
+            const auto     place = kShapeBasis + static_cast<uint64_t>(count);
+            const uint64_t own   = hash_mix(level, place);
+            hash[count]          = level;
+            sum[count + 1]       = sum[count] + own;
+            plus_less[count]     = hash_mix(kPlusHash, place) - own;
+        }
         ++count;
         level = kTextBasis;
     };
@@ -35,9 +35,13 @@ LevelHashes::LevelHashes(std::string_view text) noexcept
     close();
 }
 
+// One client may use thousands of shapes, all of which every message looks for: so a shape costs its '+' only.
 uint64_t shape_key(const Shape &shape, const LevelHashes &topic) noexcept
 {
-    return fold(topic.hash, shape);
+    uint64_t key = topic.sum[shape.levels];
+    for (uint64_t pluses = shape.pluses; pluses; pluses &= pluses - 1)
+        key += topic.plus_less[std::countr_zero(pluses)];
+    return key;
 }
 
 FilterKey key_of(std::string_view filter) noexcept
@@ -50,13 +54,15 @@ FilterKey key_of(std::string_view filter) noexcept
         return {exact_key(compared), {}};
 
     const LevelHashes levels(compared);
-    if (compared[wildcard] == '#' || levels.count > kShapeLevels)
+    if (compared[wildcard] == '#')
         return {hash_of(compared.substr(0, wildcard)), {}};
+    if (levels.count > kShapeLevels)
+        return {deep_key(levels.count), {}};
     Shape shape{0, levels.count};
     for (int32_t level = 0; level < levels.count; ++level)
         if (levels.hash[level] == kPlusHash)
             shape.pluses |= uint64_t{1} << level;
-    return {fold(levels.hash, shape), shape};
+    return {shape_key(shape, levels), shape};
 }
 
 } // namespace tarn::sub

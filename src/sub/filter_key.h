@@ -52,10 +52,13 @@ struct Shape {
     }
 };
 
-// The hash of each level of a text. Of a text with more levels than any shape has, only their number is of use.
+// The hash of each level of a text, and what the levels add to the key of a shape. Of a text with more levels than any
+// shape has, only their number is of use.
 struct LevelHashes {
     int32_t  count = 0;
     uint64_t hash[kShapeLevels + 1];
+    uint64_t sum[kShapeLevels + 2];       // key of the shape without '+' that has so many levels
+    uint64_t plus_less[kShapeLevels + 1]; // to be added where the shape has '+' instead
 
     explicit LevelHashes(std::string_view text) noexcept;
 };
@@ -64,6 +67,7 @@ struct LevelHashes {
 
 constexpr uint64_t kExactBasis = 0x9AE16A3B2F90404F;
 constexpr uint64_t kShapeBasis = 0x3C79AC492BA7B653;
+constexpr uint64_t kDeepBasis  = 0x1B873593CC9E2D51;
 
 constexpr uint64_t exact_key(std::string_view topic) noexcept
 {
@@ -72,6 +76,12 @@ constexpr uint64_t exact_key(std::string_view topic) noexcept
 
 // Invalid filters are found by every topic, because matching them has to complain.
 constexpr uint64_t kComplainKey = 1;
+
+// Filters with '+' that have more levels than any shape.
+constexpr uint64_t deep_key(int32_t levels) noexcept
+{
+    return hash_mix(kDeepBasis, static_cast<uint64_t>(levels));
+}
 
 uint64_t shape_key(const Shape &shape, const LevelHashes &topic) noexcept;
 
@@ -88,12 +98,19 @@ template <class Visit> void for_each_key(std::string_view topic, Visit visit)
     visit(exact_key(topic));
     uint64_t prefix = kTextBasis;
     visit(prefix); // filters that begin with '#'
+    int32_t levels = 1;
     for (const char c : topic) {
         prefix = hash_step(prefix, c);
-        if (c == '/')
-            visit(prefix);
+        if (c != '/')
+            continue;
+        visit(prefix);
+        ++levels;
     }
     visit(hash_step(prefix, '/')); // "a/#" matches "a"
+    if (levels <= kShapeLevels)
+        return;
+    visit(deep_key(levels));
+    visit(deep_key(levels - 1)); // a final '+' also takes a slash behind its level
 }
 
 } // namespace tarn::sub

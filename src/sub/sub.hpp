@@ -22,6 +22,19 @@ void               deinit() noexcept;
 [[nodiscard]] bool is_valid_filter(const char *filter) noexcept; // a line says what is wrong with it
 [[nodiscard]] bool matches(const char *filter, const char *topic) noexcept;
 
+// One filter for many topics: it is validated once. The text stays as long as this.
+class TopicFilter {
+public:
+    explicit TopicFilter(const char *filter) noexcept;
+    [[nodiscard]] bool matches(const char *topic) const noexcept; // as sub::matches, with its lines
+
+private:
+    enum class Kind : uint8_t { Exact, Wildcards, Traced }; // Traced: each match has lines
+    const char *filter_;
+    const char *compared_; // behind "$share/<group>/"
+    Kind        kind_;
+};
+
 // ---- subscriptions; the matches of a topic are in match_list.h
 
 enum class Added : uint8_t { New, Updated, NoText, BadQos, BadFilter, Full };

@@ -335,6 +335,13 @@ template <class Take> int match(const char *topic, const void *into, int32_t roo
     if (!share)
         return true;
     match.group_size = static_cast<uint16_t>(share->group.size());
+    if (!list.matches.empty()) {
+        const Match &before = list.matches[list.matches.size() - 1];
+        if (before.group_size == match.group_size && list.group_of(before) == share->group) {
+            match.group = before.group; // members of one group often stand together
+            return true;
+        }
+    }
     for (const char c : share->group)
         if (!list.names.push(c))
             return false;

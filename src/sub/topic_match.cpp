@@ -111,4 +111,25 @@ bool matches(const char *filter, const char *topic) noexcept
     return w.match;
 }
 
+TopicFilter::TopicFilter(const char *filter) noexcept : filter_(filter), compared_(compared_part(filter).data())
+{
+    const std::string_view compared(compared_);
+    if (log_passes(AGENT_LOG_DEBUG) || judge_filter(compared).fault != FilterFault::None)
+        kind_ = Kind::Traced;
+    else
+        kind_ = compared.find_first_of("+#") == compared.npos ? Kind::Exact : Kind::Wildcards;
+}
+
+bool TopicFilter::matches(const char *topic) const noexcept
+{
+    switch (kind_) {
+    case Kind::Exact:
+        return strcmp(compared_, topic) == 0;
+    case Kind::Wildcards:
+        return walk(compared_, topic).match;
+    default:
+        return sub::matches(filter_, topic);
+    }
+}
+
 } // namespace tarn::sub

@@ -4,7 +4,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <pthread.h>
+#include <shared_mutex>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -28,7 +30,8 @@ thread_local int t_allocation_failed = 0;
 std::atomic<int> g_calls_to_live{0}; // of those that change files; 0 = for ever
 
 std::atomic<bool>     g_unsynced{false};
-std::function<void()> g_on_file_call; // set and called on one thread
+std::shared_mutex     g_on_file_mutex; // held while it is called
+std::function<void()> g_on_file_call;
 
 std::atomic<bool>    g_clock_held{false};
 std::atomic<int64_t> g_mono_ms{0};
@@ -67,8 +70,11 @@ int failure_of(Call call)
 
 int failure_of_file(Call call)
 {
-    if (g_on_file_call)
-        g_on_file_call();
+    {
+        const std::shared_lock lock(g_on_file_mutex);
+        if (g_on_file_call)
+            g_on_file_call();
+    }
     if (g_calls_to_live.load() > 0 && g_calls_to_live.fetch_sub(1) == 1)
         _exit(KillAt::kStatus);
     return failure_of(call);
@@ -115,10 +121,12 @@ KillAt::~KillAt()
 
 OnFileCall::OnFileCall(std::function<void()> act)
 {
+    const std::unique_lock lock(g_on_file_mutex);
     g_on_file_call = std::move(act);
 }
 OnFileCall::~OnFileCall()
 {
+    const std::unique_lock lock(g_on_file_mutex); // no thread is inside it any more
     g_on_file_call = nullptr;
 }
 

@@ -1,6 +1,7 @@
 #include "client_fixture.h"
 
 #include "base/clock.h"
+#include "base/thread.h"
 #include "support/log_lines/client.h"
 
 #include <optional>
@@ -170,7 +171,7 @@ struct WillScan : testing::Test {
 TEST_F(WillScan, publishes_when_due_and_releases_the_record)
 {
     mqtt_client_t *const record = make_waiting(1, "dev1", 5);
-    EXPECT_TRUE(wills_are_delayed());
+    EXPECT_TRUE(wills_are_delayed("dev1"));
     LogCapture log(2);
     clock.advance_ms(4999);
     client_will_delay_scan();
@@ -185,7 +186,7 @@ TEST_F(WillScan, publishes_when_due_and_releases_the_record)
     EXPECT_EQ(record->used, 0);
     EXPECT_EQ(g_client_mgr.used_count, 0);
     EXPECT_EQ(g_will_delay_client_count, 0);
-    EXPECT_FALSE(wills_are_delayed());
+    EXPECT_FALSE(wills_are_delayed("dev1"));
     client_will_delay_scan();
     EXPECT_THAT(take_calls(), IsEmpty());
 }
@@ -339,9 +340,45 @@ TEST_F(WillScan, costs_nothing_while_nothing_is_due)
     EXPECT_TRUE(will_delays_running()) << "the second client's will";
     client_will_delay_scan();
     EXPECT_FALSE(will_delays_running()) << "that one is settled";
-    EXPECT_TRUE(wills_are_delayed());
+    EXPECT_TRUE(wills_are_delayed("dev1"));
     EXPECT_EQ(first->used, 1);
     EXPECT_EQ(g_client_mgr.used_count, 1);
+}
+
+// A CONNECT need not look through the wills of all others.
+TEST_F(WillScan, the_librarys_threads_are_told_of_wills_of_their_id_only)
+{
+    mqtt_client_t *const one = make_waiting(1, "dev1", 5);
+    make_waiting(2, "dev2", 9);
+    const auto on_library_thread = [](const char *id) {
+        struct Call {
+            const char *id;
+            bool        delayed;
+        } call{id, false};
+        pthread_t thread = 0;
+        EXPECT_EQ(start_thread(
+                      &thread, "io",
+                      [](void *arg) -> void * {
+                          auto &it   = *static_cast<Call *>(arg);
+                          it.delayed = wills_are_delayed(it.id);
+                          return nullptr;
+                      },
+                      &call),
+                  0);
+        join_or_detach(thread);
+        return call.delayed;
+    };
+    EXPECT_TRUE(wills_are_delayed("dev3")) << "a host may have edited a record";
+    EXPECT_FALSE(on_library_thread("dev3"));
+    EXPECT_TRUE(on_library_thread("dev1"));
+    EXPECT_TRUE(on_library_thread("dev2"));
+    client_set_cid(one, "dev3"); // by a host: the count stays where it was made
+    clock.advance_ms(5000);
+    client_will_delay_scan();
+    EXPECT_EQ(one->used, 0);
+    EXPECT_FALSE(on_library_thread("dev1"));
+    EXPECT_FALSE(on_library_thread("dev3"));
+    EXPECT_TRUE(on_library_thread("dev2"));
 }
 
 TEST_F(WillScan, finds_a_will_that_was_set_going_by_hand)
@@ -368,8 +405,8 @@ TEST(will_scan, delayed_wills_go_with_the_manager)
     {
         const Manager manager;
         make_waiting(1, "dev1", 5);
-        EXPECT_TRUE(wills_are_delayed());
+        EXPECT_TRUE(wills_are_delayed("dev1"));
     }
-    EXPECT_FALSE(wills_are_delayed());
+    EXPECT_FALSE(wills_are_delayed("dev1"));
     EXPECT_THAT(take_calls(), ElementsAre("qos_reliable_destroy")) << "dropped unpublished";
 }

@@ -400,3 +400,31 @@ TEST_F(behind, a_pipe_in_the_place_of_a_file_counts_as_none)
     persist_flush_single(record.get(), PERSIST_SESSION);
     EXPECT_THAT(log.take(), ElementsAre(logged::temporary_not_written("data/session/dev1.json.tmp")));
 }
+
+TEST_F(behind, a_client_that_is_expected_is_not_read_for_its_message)
+{
+    persist_add_offline_msg("dev1", "first", bytes("x"), 1, 1);
+    persist::expect_messages_for("dev1");
+    Packet packet;
+    {
+        StuckDisk   disk; // a read would not return
+        std::thread other([&] { packet.change([] { EXPECT_TRUE(keep("second", "y")); }); });
+        other.join();
+    }
+    packet.await();
+    EXPECT_THAT(topics(), ElementsAre("first", "second"));
+}
+
+TEST_F(behind, a_start_reads_what_it_expects_messages_for)
+{
+    write_text("data/subscription/dev1.json", R"({"subs":[{"topic":"a","qos":1}]})");
+    persist_init("data");
+    Packet packet;
+    {
+        StuckDisk   disk;
+        std::thread other([&] { packet.change([] { EXPECT_TRUE(keep("a", "x")); }); });
+        other.join();
+    }
+    packet.await();
+    EXPECT_THAT(topics(), ElementsAre("a"));
+}

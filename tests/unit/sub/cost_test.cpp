@@ -158,6 +158,49 @@ TEST_F(cost, a_library_thread_notices_entries_that_were_edited_by_hand_after_its
     EXPECT_EQ(g_sub_mgr.subs[600].qos, 0u);
 }
 
+// Filters with more levels than a shape can have are looked at by topics of as many levels, or one more.
+TEST_F(cost, deep_filters_are_candidates_of_deep_topics_only)
+{
+    const auto deep = [](int levels, const std::string &level, const std::string &last) {
+        std::string text;
+        for (int i = 1; i < levels; ++i)
+            text += level + "/";
+        return text + last;
+    };
+    for (int levels = 65; levels < 100; ++levels)
+        ASSERT_EQ(sub_add("dev1", deep(levels, "+", "+").c_str(), 1, 1), 0);
+    ASSERT_EQ(sub_add("dev2", ("+/" + deep(65, "a", "a")).c_str(), 1, 1), 0);
+    const auto candidates = [](const std::string &topic) {
+        tarn::ScopedLock    lock(g_sub_mgr.lock);
+        tarn::sub::EntrySet found;
+        tarn::sub::check_index(g_sub_mgr, tarn::sub::Trust::Sure);
+        tarn::sub::candidates_for(g_sub_mgr, topic, found);
+        return found.count();
+    };
+    EXPECT_EQ(candidates("a"), 0);
+    EXPECT_EQ(candidates(deep(64, "a", "a")), 0);
+    EXPECT_EQ(candidates(deep(65, "a", "a")), 1);
+    EXPECT_EQ(candidates(deep(66, "a", "a")), 3);
+    EXPECT_EQ(candidates(deep(101, "a", "a")), 0);
+    sub_entry_t matched[4];
+    EXPECT_EQ(sub_match(deep(66, "a", "a").c_str(), matched, 4), 2);
+    EXPECT_EQ(sub_match((deep(66, "a", "a") + "/").c_str(), matched, 4), 1); // the final slash belongs to the '+'
+}
+
+TEST_F(cost, members_of_one_group_name_it_once)
+{
+    const std::string group(200, 'g');
+    for (int i = 0; i < 50; ++i)
+        ASSERT_EQ(sub_add(("dev" + std::to_string(i)).c_str(), ("$share/" + group + "/t").c_str(), 1, 1), 0);
+    ASSERT_EQ(sub_add("other", "$share/other/t", 1, 1), 0);
+    tarn::sub::MatchList list;
+    ASSERT_EQ(tarn::sub::list_matches("t", list), 51);
+    EXPECT_EQ(list.names.size(), 205u);
+    EXPECT_EQ(list.group_of(list.matches[0]), group);
+    EXPECT_EQ(list.group_of(list.matches[49]), group);
+    EXPECT_EQ(list.group_of(list.matches[50]), "other");
+}
+
 TEST_F(cost, random_changes_leave_the_same_table_on_either_thread)
 {
     const auto run = [&] {

@@ -1,4 +1,5 @@
 #include "sub/sub.h"
+#include "sub/sub.hpp"
 
 #include "log/agent_log.h"
 #include "support/log_capture.h"
@@ -180,4 +181,19 @@ TEST(topic_match_trace, tells_what_is_left)
     EXPECT_THAT(log.take(), ElementsAre(kPassed, rest("/b", ""), result("+/b", "a", 0)));
     topic_match_wildcard("+", "a/b");
     EXPECT_THAT(log.take(), ElementsAre(kPassed, rest("", "b"), result("+", "a/b", 0)));
+}
+
+TEST(topic_filter, one_filter_for_many_topics_matches_the_same)
+{
+    for (const uint32_t level : {AGENT_LOG_INFO, AGENT_LOG_DEBUG})
+        for (const char *filter : {"a", "a/b", "a/+", "+/b", "#", "a/#", "$share/g/a/b", "$share/g/+", "$share/g/",
+                                   "a/#/b", "a+", "", "$share/g", "/", "+"})
+            for (const char *topic : {"a", "a/b", "a/", "a/b/", "/", "b", "$share/g", "a/b/c", "", "a/bb"}) {
+                LogCapture                   log(level);
+                const bool                   whole = tarn::sub::matches(filter, topic);
+                const auto                   lines = log.take();
+                const tarn::sub::TopicFilter many(filter);
+                EXPECT_EQ(many.matches(topic), whole) << filter << " " << topic;
+                EXPECT_EQ(log.take(), lines) << filter << " " << topic;
+            }
 }
