@@ -108,10 +108,13 @@ enum { BROKER_ACL_SUBSCRIBE = 0, BROKER_ACL_PUBLISH = 1 };
 /*
  * Callbacks
  *
- * They run on the library's threads in the middle of packet handling, and also on the host's own thread inside kick and
- * deinit, which close clients. One that takes its time holds up every client. No lock of the library is held, so a
- * callback may call the functions below. `broker` is the instance the client came in through. Texts are UTF-8 as the
- * client sent them, unchecked, never null, and valid during the call only.
+ * They run on the library's threads in the middle of packet handling, several at once, and also on the host's own thread
+ * inside kick and deinit, which close clients. What they share they have to guard. The packets of one client wait for
+ * each other, and so do CONNECTs with the same id. An authentication callback may take its time: other clients are
+ * served meanwhile, and up to three logins side by side; deinit waits for those under way. The other two should be
+ * quick: one that takes its time may hold up every client. No lock of the library is held, so a callback may call the
+ * functions below. `broker` is the instance the client came in through. Texts are UTF-8 as the client sent them,
+ * unchecked, never null, and valid during the call only.
  */
 
 /*

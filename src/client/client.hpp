@@ -159,8 +159,13 @@ void               deinit() noexcept;
 
 // ---- what CONNECT says of a client (lookup.cpp, activity.cpp, will_store.cpp)
 
-void set_id(mqtt_client_t &client, const char *client_id) noexcept; // an empty one is made up
-void set_keepalive(mqtt_client_t &client, uint16_t seconds) noexcept;
+// CONNECT has the id before the client is found by it: the CONNACK is to be the first packet that leaves. send_first()
+// is be_found() and send_to() at once, so that what other threads send to the id comes behind this packet. A client
+// that was closed since it was in this state is not found.
+void     take_id(mqtt_client_t &client, const char *client_id) noexcept; // an empty one is made up
+void     be_found(mqtt_client_t &client, uint32_t seen_state) noexcept;
+uint32_t send_first(mqtt_client_t &client, const PacketParts &packet) noexcept;
+void     set_keepalive(mqtt_client_t &client, uint16_t seconds) noexcept;
 
 struct Will {
     const char    *topic;

@@ -33,8 +33,11 @@ void pool_free(mqtt_client_t *client)
 
 void client_set_cid(mqtt_client_t *client, const char *client_id)
 {
-    if (const client_ref pin(client); pin)
-        set_id(*pin, client_id ? client_id : "");
+    if (const client_ref pin(client); pin) {
+        const uint32_t state = pin->state;
+        take_id(*pin, client_id ? client_id : "");
+        be_found(*pin, state);
+    }
 }
 
 mqtt_client_t *client_find_by_handle(uint32_t handle)

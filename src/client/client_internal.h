@@ -11,6 +11,7 @@
 
 #include "../base/mutex.h"
 #include "../base/relaxed.h"
+#include "../codec/packet_type.h"
 #include "../log/log.h"
 #include "life.h"
 
@@ -196,12 +197,21 @@ void wake_send_thread() noexcept;                 // it drains the list
 // What this flush left in the ring is the send thread's.
 void hand_over_rest(mqtt_client_t &client, Flushed result) noexcept;
 
+// Which thread serves a packet (packet_way.cpp): asked by the network layer about the types of kAskedTypes and about the
+// end of a connection, for which the packet is empty.
+constexpr uint16_t kAskedTypes = 1 << CONNECT | 1 << SUBSCRIBE | 1 << DISCONNECT;
+net::Choice        way_of(net::Connection connection, std::span<const uint8_t> packet) noexcept;
+
 void use_network_hooks() noexcept;
 void begin_io_round() noexcept; // called by the network layer
 void end_io_round() noexcept;
 // The number of the I/O round that the calling thread is in, which drains the send list at its end; 0 outside one.
 [[nodiscard]] uint32_t io_round() noexcept;
 void                   list_in_round(int32_t index) noexcept;
+// What a lane thread queues for the client whose packet it serves leaves when the packet is done, and not with the list,
+// which other threads drain meanwhile: the client is not to answer before the broker is through.
+[[nodiscard]] bool is_own_answer(const mqtt_client_t &client) noexcept;
+void               keep_answer(int32_t index) noexcept;
 // For the send thread, every turn: false when no round has queued anything for a while. list_in_round wakes the thread
 // then. `quiet_turns` is the caller's count.
 bool rounds_are_watched(int &quiet_turns) noexcept;
@@ -209,6 +219,9 @@ bool rounds_are_watched(int &quiet_turns) noexcept;
 // ---- answers that wait for the disk (held_answers.cpp)
 
 [[nodiscard]] bool has_held_answers(const mqtt_client_t &client) noexcept;
+// The client's next packet (empty: its end) is to wait: what begins or ends a session comes when all that was promised
+// before is kept, and a client that publishes faster than the disk saves is not read meanwhile.
+[[nodiscard]] bool waits_for_disk(const mqtt_client_t &client, std::span<const uint8_t> packet) noexcept;
 void               drop_held_answers(mqtt_client_t &client) noexcept; // its life has ended
 
 // ---- wills and scans (will_store.cpp, will_scan.cpp, timeout_scan.cpp)

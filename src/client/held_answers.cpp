@@ -23,6 +23,9 @@ struct Held : persist::SaveWaiter {
 
 namespace {
 
+constexpr uint32_t kHeldMax    = 1024;       // of one client: packets with changes, and answers
+constexpr size_t   kChangesMax = 256 * 1024; // of all clients; beyond it those that have some wait
+
 struct HeldList {
     Mutex            mutex;
     Held            *first;
@@ -48,16 +51,35 @@ Held *take_first(HeldList &list) REQUIRES(list.mutex)
     return held;
 }
 
-// Sends the answers that wait for nothing any more.
-void let_go(HeldList &list, int32_t index) REQUIRES(list.mutex)
+// Sends the answers that wait for nothing any more. True when the client's next packet may come now, if it waits.
+bool send_saved(HeldList &list, mqtt_client_t &client) REQUIRES(list.mutex)
 {
-    const client_ref client(record_at(index));
+    bool may_go_on = false;
     while (list.first && list.first->is_saved) {
         Held *const held = take_first(list);
         if (held->length > 0)
-            (void)send_to(*client, {std::span<const uint8_t>(held->answer, held->length)});
+            (void)send_to(client, {std::span<const uint8_t>(held->answer, held->length)});
         delete held;
+        may_go_on = may_go_on || list.count == 0 || list.count == kHeldMax / 2;
     }
+    return may_go_on;
+}
+
+net::Connection connection_of(const mqtt_client_t &client)
+{
+    return {client.handle, side_of(&client)->generation};
+}
+
+// The network layer asks about each packet of a client from its first held answer to its last.
+void go_on(mqtt_client_t &client)
+{
+    const net::Connection connection = connection_of(client);
+    if (!has_held_answers(client)) {
+        net::ask_about_all(connection, false);
+        if (io_round() == 0)
+            flush_client(client); // its connection may end next
+    }
+    net::resume(connection);
 }
 
 // The index changes under the mutex of the list that it names; only the end of the client's life changes it.
@@ -69,14 +91,20 @@ void on_saved(persist::SaveWaiter &waiter) noexcept NO_LOCK_ANALYSIS
         delete &held;
         return;
     }
-    HeldList  &list = g_lists[index];
-    ScopedLock lock(list.mutex);
-    if (held.client == kOutside) {
-        delete &held;
-        return;
+    const client_ref client(record_at(index));
+    HeldList        &list = g_lists[index];
+    bool             may_go_on;
+    {
+        ScopedLock lock(list.mutex);
+        if (held.client == kOutside) {
+            delete &held;
+            return;
+        }
+        held.is_saved = true;
+        may_go_on     = send_saved(list, *client);
     }
-    held.is_saved = true;
-    let_go(list, index);
+    if (may_go_on)
+        go_on(*client);
 }
 
 } // namespace
@@ -109,6 +137,15 @@ bool has_held_answers(const mqtt_client_t &client) noexcept
 {
     const int32_t index = index_of(&client);
     return index != kOutside && g_lists[index].count != 0;
+}
+
+bool waits_for_disk(const mqtt_client_t &client, std::span<const uint8_t> packet) noexcept
+{
+    if (!has_held_answers(client))
+        return false;
+    const int type = packet.empty() ? DISCONNECT : packet[0] >> 4;
+    return type == CONNECT || type == DISCONNECT || packet.size() > client.max_packet_size ||
+           g_lists[index_of(&client)].count >= kHeldMax || persist::unsaved_changes() >= kChangesMax;
 }
 
 void drop_held_answers(mqtt_client_t &client) noexcept
@@ -146,6 +183,6 @@ uint32_t tarn::answer_client(mqtt_client_t &client, std::span<const uint8_t> ans
     HeldList     &list  = g_lists[index];
     ScopedLock    lock(list.mutex);
     append(list, *held);
-    let_go(list, index);
+    (void)send_saved(list, client);
     return 0;
 }

@@ -129,10 +129,9 @@ client_ref tarn::find_client_by_id(const char *client_id) noexcept
 // in one second share an id, and only the later one is found by it. A server must assign a unique one [MQTT-3.1.3-6].
 // Hosts tell such clients by this form.
 //   test: client_id.two_empty_ids_within_a_second_are_one_id
-void tarn::client::set_id(mqtt_client_t &client, const char *client_id) noexcept
+void tarn::client::take_id(mqtt_client_t &client, const char *client_id) noexcept
 {
-    const uint32_t state = client.state;
-    if (state == CLIENT_CLOSED)
+    if (client.state == CLIENT_CLOSED)
         return;
 
     client_id_text id;
@@ -143,11 +142,28 @@ void tarn::client::set_id(mqtt_client_t &client, const char *client_id) noexcept
         LOG_INFO("[MQTT标准] 空ClientID，Broker自动生成: %s", id.text);
     }
     store_id(client, id.text);
-
-    const uint32_t hash = hash_of(id.text);
-    {
-        ScopedLock lock(mutex_of_hash(hash));
-        enter_bucket(client, hash, state);
-    }
     LOG_DEBUG("Set client ID: handle=%u, cid=%s", uint32_t{client.handle}, id.text);
+}
+
+void tarn::client::be_found(mqtt_client_t &client, uint32_t seen_state) noexcept
+{
+    if (seen_state == CLIENT_CLOSED)
+        return;
+    const uint32_t hash = hash_of(stored_id(client).text);
+    ScopedLock     lock(mutex_of_hash(hash));
+    enter_bucket(client, hash, seen_state);
+}
+
+uint32_t tarn::client::send_first(mqtt_client_t &client, const PacketParts &packet) noexcept
+{
+    const uint32_t hash   = hash_of(stored_id(client).text);
+    uint32_t       failed = 0;
+    {
+        ScopedLock lock(mutex_of_hash(hash)); // who looks for the id waits for it
+        enter_bucket(client, hash, CLIENT_LOGINED);
+        failed = queue_packet(client, packet);
+    }
+    if (failed == 0)
+        see_to_sending(client);
+    return failed;
 }

@@ -1,6 +1,5 @@
 // network_events.cpp - network events become client actions: the first packet of a connection makes its client record,
 // every packet goes to packet handling, a disconnect closes the client.
-#include "../base/clock.h"
 #include "../codec/packet_type.h"
 #include "../handler/handler.hpp"
 #include "client_internal.h"
@@ -11,21 +10,6 @@
 
 namespace tarn::client {
 namespace {
-
-// What begins or ends a session comes when all that was promised before is kept.
-bool awaits_answers(uint8_t type)
-{
-    return type == CONNECT || type == DISCONNECT;
-}
-
-void await_answers(mqtt_client_t &client)
-{
-    if (!has_held_answers(client))
-        return;
-    while (has_held_answers(client))
-        pause_ms(1);
-    flush_client(client);
-}
 
 uint8_t on_connected(uint32_t handle)
 {
@@ -59,7 +43,6 @@ void on_disconnected(uint32_t handle, uint32_t reason, uint32_t error)
     const client_ref client = find_client_by_handle(handle);
     if (!client)
         return; // never sent a packet, or closed from above: then this is its own netip_close
-    await_answers(*client);
     const uint32_t state = client->state;
     if (state == CLIENT_LOGINED)
         handler::forget(id_of(*client).text, client->clean_session);
@@ -93,18 +76,19 @@ client_ref client_of(uint32_t handle, broker_t *broker)
     return client ? std::move(client) : make_client(handle, broker);
 }
 
+// A lane waits for the disk itself. A host that hands in a packet finds its files written and its answer queued.
+bool is_saved_behind(int type)
+{
+    return io_round() != 0 && type != CONNECT && type != DISCONNECT;
+}
+
 void handle_packet(uint32_t handle, std::span<const uint8_t> packet, broker_t *broker)
 {
     const client_ref client = client_of(handle, broker);
     if (!client)
         return;
-    if (awaits_answers(packet[0] >> 4)) {
-        await_answers(*client);
-        (void)handler::dispatch(*client, packet);
-        return;
-    }
     std::optional<PacketScope> scope;
-    if (io_round() != 0) // a host that hands in a packet itself finds its files written and its answer queued
+    if (is_saved_behind(packet[0] >> 4))
         scope.emplace(*client);
     (void)handler::dispatch(*client, packet);
 }

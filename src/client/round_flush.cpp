@@ -12,7 +12,8 @@ constinit std::atomic<uint32_t> g_rounds{0};
 constinit std::atomic<uint8_t>  g_rounds_watched{0}; // the send thread looks every 10 ms
 constinit std::atomic<uint8_t>  g_queued_since{0};
 
-constinit thread_local uint32_t t_round = 0;
+constinit thread_local uint32_t t_round    = 0;
+constinit thread_local int32_t  t_answered = kOutside;
 
 // A socket that blocked takes bytes again. What is queued from now on need not wait for the send thread's next try,
 // which finds the ring sent.
@@ -24,6 +25,12 @@ void send_to_writable(uint32_t handle)
     if (Side *const side = side_of(client.get()))
         side->awaits_retry.store(0);
     hand_over_rest(*client, flush_when_free(*client, true));
+}
+
+void send_listed(int32_t index)
+{
+    const client_ref client(record_at(index)); // of whichever client has the record now
+    hand_over_rest(*client, flush_ring(*client, true));
 }
 
 } // namespace
@@ -38,10 +45,20 @@ void begin_io_round() noexcept
 void end_io_round() noexcept
 {
     t_round = 0;
-    drain_send_list([](int32_t index) {
-        const client_ref client(record_at(index)); // of whichever client has the record now
-        hand_over_rest(*client, flush_ring(*client, true));
-    });
+    if (t_answered != kOutside)
+        send_listed(t_answered);
+    t_answered = kOutside;
+    drain_send_list(send_listed);
+}
+
+bool is_own_answer(const mqtt_client_t &client) noexcept
+{
+    return net::on_lane() && net::current_connection().handle == client.handle;
+}
+
+void keep_answer(int32_t index) noexcept
+{
+    t_answered = index;
 }
 
 uint32_t io_round() noexcept
@@ -79,6 +96,7 @@ void use_network_hooks() noexcept
 {
     net::set_round_hooks({begin_io_round, end_io_round});
     net::set_writable_hook(send_to_writable);
+    net::set_way_hook({kAskedTypes, way_of});
 }
 
 } // namespace tarn::client

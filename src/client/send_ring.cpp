@@ -257,10 +257,12 @@ void tarn::see_to_sending(mqtt_client_t &client) noexcept
     const int32_t index = index_of(&client);
     if (index == kOutside)
         return;
-    if (io_round() != 0)
-        list_in_round(index);
-    else
+    if (io_round() == 0)
         hand_to_send_thread(index);
+    else if (is_own_answer(client))
+        keep_answer(index);
+    else
+        list_in_round(index);
 }
 
 uint32_t tarn::send_to(mqtt_client_t &client, const PacketParts &packet) noexcept

@@ -9,6 +9,7 @@
 #include "publish_view.h"
 
 #include <span>
+#include <string_view>
 
 namespace tarn::codec {
 
@@ -32,6 +33,10 @@ inline void note_packet(mqtt_codec_ctx_t &ctx, PacketType type) noexcept
 // ---- decoding: exactly one packet
 
 using Bytes = std::span<const uint8_t>;
+
+// The id in a CONNECT, not terminated and of any length, without a line and without judging the packet; empty when it
+// cannot be read. It points into the packet.
+std::string_view client_id_of(Bytes connect) noexcept;
 
 Result decode_connect(mqtt_codec_ctx_t &ctx, Bytes packet, mqtt_connect_para_t &para) noexcept;
 Result decode_publish(mqtt_codec_ctx_t &ctx, Bytes packet, mqtt_publish_para_t &para) noexcept;

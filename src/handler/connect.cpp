@@ -1,7 +1,7 @@
 // connect.cpp - CONNECT: who the client is, what it and the broker agree on, and what becomes of its saved session.
 //
 // There is no session take-over: an older connection of the same id is neither closed nor told; look-ups by the id find
-// the new record from now on. From adopt() on the id in the record counts, not the decoded one.
+// the new record once its CONNACK is queued. From adopt() on the id in the record counts, not the decoded one.
 #include "../base/text.h"
 #include "../persist/persist.hpp"
 #include "../stats/stats.hpp"
@@ -20,10 +20,11 @@ int refuse(mqtt_client_t &client, uint32_t state)
 {
     mqtt_connack_para_t connack{};
     connack.reason_code = kBadUserNameOrPassword;
-    if (send_refusal(client, connack) == Reply::NoMemory)
-        LOG_ERROR("connack_buf malloc failed");
-    else
-        flush_before_close(client);
+    if (send_refusal(client, connack) != Reply::NoMemory) {
+        close_after_pause(client, state);
+        return -1;
+    }
+    LOG_ERROR("connack_buf malloc failed");
     close_seen(client, state);
     return -1;
 }
@@ -36,7 +37,7 @@ int refuse(mqtt_client_t &client, uint32_t state)
 {
     client.clean_session = connect.clean_start;
     client::set_keepalive(client, connect.keep_alive);
-    client::set_id(client, connect.client_id);
+    client::take_id(client, connect.client_id);
     return mark_logged_in(client);
 }
 
@@ -253,7 +254,10 @@ void cancel_delayed_wills(mqtt_client_t &client)
         LOG_INFO("[MQTT5] CONNACK properties: max_packet_size=%u, session_expiry_interval=%u", connack.max_packet_size,
                  connack.session_expiry_interval);
     }
-    switch (send_connack(client, connack)) {
+    const Reply reply = send_connack(client, connack);
+    if (reply != Reply::Sent)
+        client::be_found(client, CLIENT_LOGINED);
+    switch (reply) {
     case Reply::NoMemory:
         LOG_ERROR("connack_buf malloc failed");
         return false;

@@ -3,6 +3,7 @@
 // No client state is asked: a PUBLISH before CONNECT is handled like any other, a second CONNECT in full again.
 #include "../stats/stats.hpp"
 #include "handler_internal.h"
+#include "reply.h"
 
 namespace tarn::handler {
 namespace {
@@ -43,8 +44,10 @@ bool close_oversized(mqtt_client_t &client, Packet packet, uint32_t limit)
               static_cast<int>(packet.size()), static_cast<int>(limit));
     const uint32_t state = client.state;
     end_with_disconnect(client);
-    send_disconnect(client, kPacketTooLarge);
-    close_seen(client, state);
+    if (queue_disconnect(client, kPacketTooLarge))
+        close_after_pause(client, state);
+    else
+        close_seen(client, state);
     return false;
 }
 

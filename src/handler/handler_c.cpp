@@ -1,6 +1,7 @@
 // handler_c.cpp - packet_handler.h and shared_sub.h: what hosts call. Null pointers end here and clients are pinned;
 // everything else is handler.hpp's.
 #include "../base/text.h"
+#include "../net/net.hpp"
 #include "../stats/stats.hpp"
 #include "../sub/share.h"
 #include "handler_internal.h"
@@ -27,7 +28,8 @@ int packet_dispatch(mqtt_client_t *client, const uint8_t *buf, uint32_t len)
         LOG_ERROR("无效报文参数");
         return -1;
     }
-    const client_ref pin(client);
+    const client_ref        pin(client);
+    const net::OutsideEvent synchronous; // all that the packet brings about is done when this returns
     return handler::dispatch(*client, {buf, len}) ? 0 : -1;
 }
 

@@ -80,7 +80,31 @@ bool free_slot(const SlotPin &pin)
     return true;
 }
 
+constinit thread_local LateClose *t_late_close = nullptr;
+
 } // namespace
+
+LateClose::LateClose(const SlotPin &pin) noexcept : connection_(pin.connection())
+{
+    t_late_close = this;
+}
+
+LateClose::~LateClose()
+{
+    t_late_close = nullptr;
+    if (fd_ >= 0)
+        close_gently(fd_);
+}
+
+bool LateClose::takes(const SlotPin &pin, int fd) noexcept
+{
+    LateClose *const late = t_late_close;
+    if (!late || late->connection_.handle != pin.handle() ||
+        late->connection_.generation != pin.connection().generation)
+        return false;
+    late->fd_ = fd;
+    return true;
+}
 
 // QUIRK(udp-ends-for-all): the socket of a UDP client is that of all of them, so the end of one ends UDP until the
 // broker is started anew, although a connection is one client's [MQTT-4.2.0-1]. DISCONNECT ends one, and so do silence
@@ -103,7 +127,7 @@ void close_connection(uint32_t handle, uint32_t generation) noexcept
             wipe_peer(*slot);
         if (agreed && shared)
             close_shared_udp(); // and with it UDP, until the next start
-        else if (agreed)
+        else if (agreed && !LateClose::takes(pin, slot->fd))
             close_gently(slot->fd);
     }
     if (!agreed && !shared)

@@ -45,6 +45,15 @@ Connection current_connection() noexcept
     return t_current;
 }
 
+OutsideEvent::OutsideEvent() noexcept : outer_(t_current)
+{
+    t_current = {};
+}
+OutsideEvent::~OutsideEvent()
+{
+    t_current = outer_;
+}
+
 void set_round_hooks(RoundHooks hooks) noexcept
 {
     g_round_begin.store(hooks.begin, std::memory_order_release);

@@ -1,11 +1,11 @@
-// io_thread.cpp - the I/O threads: wait for events, read, cut packets, hand them up.
+// io_thread.cpp - the I/O threads: wait for events, read, cut packets, hand them up or over to a lane.
 //
 // A thread only repeats one round. With several threads the rounds take turns, because they share the event array and
 // because packets of one connection must come in order.
 #include "../base/clock.h"
 #include "../log/log.h"
 #include "framing.h"
-#include "netip_internal.h"
+#include "lane.h"
 
 #include <cerrno>
 #include <sys/socket.h>
@@ -13,10 +13,11 @@
 namespace tarn::net {
 namespace {
 
-// What one connection may take of a round; level triggering brings the rest in the next.
-constexpr int      kReadsPerEvent   = 32;
-constexpr ssize_t  kBytesPerEvent   = 64 * 1024;
-constexpr uint64_t kTimePerEvent_ms = 10; // packets that write files take milliseconds each
+// A connection's turn, one in a round, ends with the packet or read that reaches one of these. Level triggering brings
+// what is not read in the next round, the list what is left in the buffer.
+constexpr int      kReadsPerTurn   = 32;
+constexpr ssize_t  kBytesPerTurn   = 64 * 1024;
+constexpr uint64_t kTimePerTurn_us = 2000;
 
 constexpr uint32_t kFailurePause_ms = 100;
 
@@ -68,42 +69,67 @@ ssize_t receive_bytes(const SlotPin &pin)
     return got;
 }
 
-// What a turn at reading left behind.
+// What a turn left behind.
 enum class Left {
-    Later, // perhaps more, for the next round; or the connection was closed meanwhile
-    None,  // nothing, for now
-    End,   // nothing that could ever be read
+    Nothing, // for now
+    More,    // perhaps, for the next round
+    End,     // nothing that could ever be read
+    NotOurs, // a lane has the connection, it waits, it was closed, or the layer goes down
 };
+
+Left serve_whole_packets(const SlotPin &pin, const EventSink &sink, uint32_t start, uint64_t began_us)
+{
+    const netip_conn_t &slot = pin.slot();
+    while (packet_is_whole(slot)) {
+        const auto length = static_cast<size_t>(slot.pkt_len);
+        if (!layer_runs(start) || !serves_here(pin, {slot.rx_buf, length}, start) || !hand_up_first(pin, sink, start))
+            return Left::NotOurs;
+        if (elapsed(mono_us(), began_us) >= kTimePerTurn_us)
+            return Left::More;
+    }
+    return Left::Nothing;
+}
 
 // QUIRK(packet-size): a packet above 4096 bytes ends the connection without a word, whatever Maximum Packet Size was
 // announced and with no DISCONNECT 0x95 [MQTT-3.2.2-15]. It stays because the receive buffer is part of the slot:
 // memory is bounded by the table, and nobody has to read what cannot be kept.
 //   test: stream.a_packet_of_4097_bytes_ends_the_connection
-Left receive(const SlotPin &pin, const EventSink &sink, uint32_t start)
+Left read_and_serve(const SlotPin &pin, const EventSink &sink, uint32_t start)
 {
     netip_conn_t  &slot     = pin.slot();
-    const uint64_t began_ms = mono_ms();
+    const uint64_t began_us = mono_us();
     ssize_t        total    = 0;
-    for (int reads = 0; reads < kReadsPerEvent && total < kBytesPerEvent && layer_runs(start); ++reads) {
+    // Of an earlier turn first.
+    if (const Left left = serve_whole_packets(pin, sink, start, began_us); left != Left::Nothing)
+        return left;
+    for (int reads = 0; reads < kReadsPerTurn && total < kBytesPerTurn && layer_runs(start); ++reads) {
         const ssize_t got = receive_bytes(pin);
         if (got < 1)
-            return got == 0 ? Left::End : Left::None;
+            return got == 0 ? Left::End : Left::Nothing;
         total += got;
         LOG_DEBUG("[NETIP] 开始解析客户端数据 handle=%d 缓存长度=%d", static_cast<int>(pin.handle()), slot.rx_len);
         (void)find_packet_length(slot);
-        for (; packet_is_whole(slot); next_packet(slot)) {
-            LOG_INFO("[NETIP] 完整报文长度: %d", slot.pkt_len);
-            LOG_HEXDUMP("[NETIP] 完整报文", slot.rx_buf, slot.pkt_len);
-            sink.data(pin.connection(), slot.rx_buf, static_cast<uint32_t>(slot.pkt_len));
-            if (!pin.is_current())
-                return Left::Later; // the callback closed the connection: what follows is not its packet any more
-        }
+        if (const Left left = serve_whole_packets(pin, sink, start, began_us); left != Left::Nothing)
+            return left;
         if (room_left(slot) == 0)
             return Left::End; // the packet in front will never be whole
-        if (elapsed(mono_ms(), began_ms) >= kTimePerEvent_ms)
-            return Left::Later;
     }
-    return Left::Later;
+    return Left::More;
+}
+
+// The peer may be gone (`broken`), but what it sent before still waits here and comes first. A turn that ends before all
+// of it is read goes on in the next round, as the broken connection is reported until it is closed.
+void take_turn(const SlotPin &pin, const EventSink &sink, uint32_t start, bool broken)
+{
+    const Left left = read_and_serve(pin, sink, start);
+    if (left == Left::NotOurs || !pin.is_current())
+        return;
+    if (left == Left::End || (broken && left == Left::Nothing)) {
+        if (!serves_here(pin, {}, start))
+            return;
+        hang_up(pin, sink);
+    }
+    end_turn(pin, sink);
 }
 
 void note_writable(const SlotPin &pin)
@@ -125,24 +151,33 @@ void handle_event(const epoll_event &event, const EventSink &sink, uint32_t star
     const SlotPin pin(connection);
     if (!pin)
         return; // closed earlier in this round
-    // The peer may be gone, but what it sent before still waits here and comes first. A turn that ends before all of it
-    // is read goes on in the next round, as the broken connection is reported until it is closed.
     const bool broken = event.events & (EPOLLERR | EPOLLHUP);
     if (!broken && (event.events & EPOLLOUT))
         note_writable(pin);
-    if (!broken && !(event.events & EPOLLIN))
-        return;
-    const Left left = receive(pin, sink, start);
-    if (left == Left::End || (broken && left == Left::None && pin.is_current()))
-        hang_up(pin, sink);
+    if (side_of(pin.handle()).server != Server::Rounds)
+        return; // its turn comes from the list, or not from here
+    if (broken || (event.events & EPOLLIN))
+        take_turn(pin, sink, start, broken);
+}
+
+void serve_listed(SlotQueue listed, const EventSink &sink, uint32_t start)
+{
+    while (!listed.empty()) {
+        const uint32_t handle = listed.pop();
+        const SlotPin  pin({handle, side_of(handle).errand.generation}, SlotPin::Counted);
+        if (pin.is_current() && layer_runs(start))
+            take_turn(pin, sink, start, false);
+    }
 }
 
 void handle_events(int count, uint32_t start)
 {
-    const EventSink sink = event_sink();
+    const EventSink sink   = event_sink();
+    const SlotQueue listed = take_listed();
     call_round_begin();
     for (int i = 0; i < count && layer_runs(start); ++i)
         handle_event(g_epoll_events[i], sink, start);
+    serve_listed(listed, sink, start); // one turn a round for each: what the events list is for the next round
     if (layer_runs(start))
         receive_datagram(sink);
     call_round_end();
@@ -155,13 +190,14 @@ int run_round(uint32_t start, int timeout_ms) noexcept
     RoundLock turn;
     if (!layer_runs(start))
         return 0;
-    const int count = epoll_wait(netip_epoll_fd, g_epoll_events, NETIP_EPOLL_EVENTS, timeout_ms);
+    const bool listed = has_listed();
+    const int  count  = epoll_wait(netip_epoll_fd, g_epoll_events, NETIP_EPOLL_EVENTS, listed ? 0 : timeout_ms);
     if (count < 0)
         LOG_ERROR("[IO] epoll_wait 错误, errno=%d", errno);
-    if (count > 0)
+    if (count > 0 || (count == 0 && listed))
         handle_events(count, start);
     if (count >= 0 && layer_runs(start))
-        resume_watching(count == 0);
+        resume_watching(count == 0 && !listed);
     return count;
 }
 

@@ -7,7 +7,7 @@
 #include "../base/memory.h"
 #include "../base/thread.h"
 #include "../log/log.h"
-#include "netip_internal.h"
+#include "lane.h"
 
 #include <algorithm>
 #include <sys/eventfd.h>
@@ -214,6 +214,7 @@ void stop_threads()
     give_up_round();
     join_threads(threads, count);
     free(threads);
+    stop_lanes();
     await_accept_thread();
 }
 
@@ -255,6 +256,7 @@ void stop() noexcept
     const EventSink sink = event_sink();
     for (uint32_t handle = 0; handle < NETIP_CLIENTS_MAX; ++handle)
         close_at_deinit(handle, sink);
+    empty_queues();
     close_shared_udp();
     close_epoll();
 

@@ -1,7 +1,7 @@
 /*
  * netip.h - the network layer: one TCP listener and one UDP socket on port 1883, known above by small handles.
  *
- * The module owns the sockets, the table of connections, the accept thread and the I/O threads; it cuts each stream
+ * The module owns the sockets, the table of connections, and the accept, I/O and lane threads; it cuts each stream
  * into whole MQTT packets and hands them up through one callback (netip_types.h). The broker's start and deinit bring
  * it up and down, mqtt_netip_event_cb of client.h is its callback, and the clients' senders send through it.
  *
@@ -65,9 +65,10 @@ extern struct epoll_event g_epoll_events[NETIP_EPOLL_EVENTS];
 uint32_t netip_init(netip_event_cb_t cb, void *arg, int32_t io_threads);
 
 /*
- * Takes the layer down: ends the I/O threads and waits for them and for a CONNECTED that is being told, then tells the
- * callback DISCONNECTED with reason 2 for each connection and closes it, in order of their handles. Forgets the
- * callback. The listener stays open: who connects meanwhile waits for the next start. Harmless when the layer is down.
+ * Takes the layer down: ends the I/O and lane threads and waits for them and for a CONNECTED that is being told, then
+ * tells the callback DISCONNECTED with reason 2 for each connection and closes it, in order of their handles. Forgets
+ * the callback. The listener stays open: who connects meanwhile waits for the next start. Harmless when the layer is
+ * down.
  *
  * Any thread, also inside the callback. The caller holds no lock that the callback takes, nor g_netip_lock.
  */

@@ -26,6 +26,38 @@ struct HalfSent {
     uint64_t       socket; // see identity_of() in send.cpp
 };
 
+// Who serves a connection.
+enum class Server : uint8_t {
+    Rounds, // I/O threads, when epoll tells of it
+    List,   // the next round, whatever epoll tells: whole packets are left in its buffer
+    Lane,   // a lane thread, once its turn comes
+    Nobody, // it waits for resume()
+};
+
+// What is asked of finish_later().
+struct Finish {
+    void (*call)(Connection connection, uint32_t word) noexcept = nullptr;
+    uint32_t word                                               = 0;
+};
+
+// What a lane has to do for a connection.
+enum class Work : uint8_t {
+    Packet, // hand up the one in front
+    End,    // tell that the peer or an error ended it
+    Finish,
+};
+
+// A connection's place in a queue of lane.cpp. The queue has a pin of the slot.
+struct Errand {
+    uint32_t generation;
+    uint32_t next; // behind it in the queue: handle + 1, 0 = end
+    uint32_t group;
+    Work     work;
+    uint8_t  line;
+    uint64_t due_us; // of Work::Finish
+    Finish   finish;
+};
+
 struct SlotSide {
     Shared<uint32_t>      generation;     // names the connection in the slot; 0: free, or not put there by this layer
     std::atomic<uint32_t> visitors;       // threads at or behind the slot's lock
@@ -33,6 +65,12 @@ struct SlotSide {
     uint8_t               wants_writable; // registered for writable events. Slot lock
     Shared<uint8_t>       paused;         // taken out of epoll for a while; changes under the slot lock
     HalfSent              half_sent;      // Slot lock
+    Shared<Server>        server;         // changes under the slot lock
+    Shared<uint8_t>       unwatched;      // not in epoll, since it was aside or waited; changes under the slot lock
+    uint8_t               resumed;        // resume() was called since the hook was asked. Slot lock
+    Shared<uint8_t>       asks_about_all; // see ask_about_all()
+    Shared<uint8_t>       was_aside;      // a packet of it went to a lane before
+    Errand                errand;         // g_lane_mutex
 };
 extern SlotSide g_sides[NETIP_CLIENTS_MAX];
 
@@ -154,12 +192,44 @@ void close_epoll() noexcept; // and g_wake_fd
 
 // ---- closing (close.cpp)
 
+// For the extent of a block the calling thread, when it closes this connection, keeps the socket open; the end of the
+// block closes it. The pin lasts longer.
+class LateClose {
+public:
+    explicit LateClose(const SlotPin &pin) noexcept;
+    ~LateClose();
+    LateClose(const LateClose &)            = delete;
+    LateClose &operator=(const LateClose &) = delete;
+
+    static bool takes(const SlotPin &pin, int fd) noexcept;
+
+private:
+    Connection connection_;
+    int        fd_ = -1;
+};
+
 // The end that the peer or an error brought: tells the callback (reason 0), then closes unless it objects.
 void hang_up(const SlotPin &pin, const EventSink &sink) noexcept;
 // The end of the layer: tells the callback (reason 2), closes in any case and wipes. Ignores free slots.
 void close_at_deinit(uint32_t handle, const EventSink &sink) noexcept;
 // Closes the descriptors of connections whose callback objected to netip_close.
 void close_left_open() noexcept REQUIRES(g_netip_lock);
+
+// ---- serving a connection (serve.cpp). Its receive buffer is the calling thread's.
+
+// False: the packet in front (empty: the end of the connection) is not this thread's to serve, as it went to a lane,
+// waits to be resumed, or the connection was closed.
+bool serves_here(const SlotPin &pin, std::span<const uint8_t> packet, uint32_t start) noexcept;
+
+// Hands up the packet in front and drops it from the buffer. False when nothing more of the connection is to be served
+// by this thread.
+bool hand_up_first(const SlotPin &pin, const EventSink &sink, uint32_t start) noexcept;
+
+// Keeps rounds away from the connection, in favour of this one. False when it was closed.
+bool step_aside(const SlotPin &pin, Server server) noexcept;
+
+// After a turn: whole packets that are left make the connection the next round's, else epoll's.
+void end_turn(const SlotPin &pin, const EventSink &sink) noexcept;
 
 // ---- the moving parts
 

@@ -6,6 +6,8 @@
 
 #include "netip.h"
 
+#include <span>
+
 namespace tarn::net {
 
 // A handle is reused; handle and generation together name one connection. 0 is no generation.
@@ -50,6 +52,61 @@ void set_round_hooks(RoundHooks hooks) noexcept;
 
 // Called by an I/O thread, inside its round, for a connection that takes bytes again after a send that would have blocked.
 void set_writable_hook(void (*writable)(uint32_t handle)) noexcept;
+
+// ---- which thread serves a packet, and when (serve.cpp)
+
+enum class Way : uint8_t {
+    Now,   // this thread, at once
+    Aside, // a lane thread (lane.h): for packets that wait for a disk, a password or the like
+    Later, // nobody, until resume()
+};
+struct Choice {
+    Way      way   = Way::Now;
+    uint32_t group = 0; // of what goes aside in one group, one is served at a time, in the order it came; 0 = no group
+};
+// Asked by I/O threads before a packet is handed up, and with an empty packet before the end of a connection is told;
+// `types` has a bit for each packet type, the high four bits of the first byte, that is asked about. While a connection
+// is aside or waits to be resumed, its next packets and its end wait behind. Once resumed it is asked about again.
+// A lane serves each inside a round of its own, with the hooks above around it. The connection is given back before the
+// round ends, and if it was closed its socket closes behind the round: a peer that has its answer, or sees the close,
+// finds all done. UDP is never asked about: each datagram is served at once.
+struct WayHook {
+    uint16_t types                                                                    = 0;
+    Choice (*choose)(Connection connection, std::span<const uint8_t> packet) noexcept = nullptr;
+};
+void set_way_hook(WayHook hook) noexcept;
+bool on_lane() noexcept; // the calling thread is one of them
+
+// From now on the hook is asked about each packet of this connection, or about those of `types` again. Any thread.
+void ask_about_all(Connection connection, bool all) noexcept;
+
+// Ends Way::Later. Any thread. One that comes while the hook is still deciding is not lost: the hook is asked again.
+void resume(Connection connection) noexcept;
+
+// ---- an end that waits
+
+// How long what was sent last has to leave before the connection is closed.
+constexpr uint32_t kClosePause_ms = 10;
+
+// Called while a packet of a TCP connection is handed up: after the packet and kClosePause_ms, a lane thread calls
+// `finish` with the connection and `word`, unless the connection was closed meanwhile or the layer goes down. Until
+// then nothing more of the connection is served. False: nothing will be called, as the calling thread hands up no packet
+// of this handle.
+bool finish_later(uint32_t handle, void (*finish)(Connection connection, uint32_t word) noexcept,
+                  uint32_t word) noexcept;
+
+// For the extent of a block the calling thread counts as handing up nothing: what a host calls inside a callback is
+// done when it returns.
+class OutsideEvent {
+public:
+    OutsideEvent() noexcept;
+    ~OutsideEvent();
+    OutsideEvent(const OutsideEvent &)            = delete;
+    OutsideEvent &operator=(const OutsideEvent &) = delete;
+
+private:
+    Connection outer_;
+};
 
 // True while the layer runs (between a netip_init that returned 0 and netip_deinit).
 bool is_up() noexcept;

@@ -57,11 +57,12 @@ enum { NETIP_TCP = 1, NETIP_UDP = 2 };
  *             ended it, the slot stays in use and the end is told again some 100 ms later; after netip_close the slot
  *             is free and the descriptor is closed by netip_deinit. netip_deinit does not heed it.
  *
- *   threads   CONNECTED on the accept thread, for UDP on an I/O thread; DATA on an I/O thread; DISCONNECTED on either
- *             of them or on the thread inside netip_close or netip_deinit. DATA of one connection comes in order, by
- *             one thread at a time.
+ *   threads   CONNECTED on the accept thread, for UDP on an I/O thread; DATA on an I/O thread, or on a lane thread if
+ *             the client manager is up and the packet may write files or wait (CONNECT, for instance); DISCONNECTED on
+ *             any of them or on the thread inside netip_close or netip_deinit. DATA of one connection comes in order,
+ *             by one thread at a time.
  *   locks     none of a slot's and not g_netip_lock are held: every function of netip.h may be called, netip_close and
- *             netip_deinit included. One that takes its time holds up every connection.
+ *             netip_deinit included. One that takes its time on an I/O thread holds up every connection.
  */
 typedef uint8_t (*netip_event_cb_t)(uint32_t handle, uint32_t event, const uint8_t *data, uint32_t len, uint32_t reason,
                                     uint32_t error, void *arg);

@@ -163,6 +163,10 @@ Connection open_slot(uint32_t type, int fd, const PeerAddress &peer) noexcept
 
     side.wants_writable = 0;
     side.half_sent      = {};
+    side.server         = Server::Rounds;
+    side.unwatched      = 0;
+    side.asks_about_all = 0;
+    side.was_aside      = 0;
     side.pins.fetch_add(1, std::memory_order_relaxed);
     side.generation = next_generation();
     poke_release(slot.in_use, 1);

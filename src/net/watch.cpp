@@ -59,7 +59,11 @@ Fd take_shared(Shared<int32_t> &descriptor)
 
 bool watch(uint32_t handle) noexcept
 {
-    return change_registration(EPOLL_CTL_ADD, handle, kReadable | (side_of(handle).wants_writable ? EPOLLOUT : 0u));
+    SlotSide &side = side_of(handle);
+    if (!change_registration(EPOLL_CTL_ADD, handle, kReadable | (side.wants_writable ? EPOLLOUT : 0u)))
+        return false;
+    side.unwatched = 0;
+    return true;
 }
 
 void unwatch(uint32_t handle) noexcept
@@ -98,7 +102,7 @@ void resume_watching(bool idle) noexcept
         if (!side_of(handle).paused)
             continue;
         SlotLock lock(handle);
-        if (!lock || !side_of(handle).paused)
+        if (!lock || !side_of(handle).paused || side_of(handle).server != Server::Rounds)
             continue;
         set_paused(handle, false);
         (void)watch(handle);

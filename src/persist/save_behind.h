@@ -4,6 +4,7 @@
 #define TARN_PERSIST_SAVE_BEHIND_H
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 namespace tarn::persist {
@@ -21,6 +22,9 @@ struct SaveWaiter {
             saved(*this);
     }
 };
+
+// Changes that wait for the disk, each once for every SaveWaiter.
+size_t unsaved_changes() noexcept;
 
 // While one exists on a thread, its changes are saved behind it, if a saver thread can be had. One at a time on each
 // thread. What was not saved because the disk failed is not waited for: a line tells.

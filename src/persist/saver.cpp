@@ -10,6 +10,8 @@ namespace tarn::persist {
 
 constinit Mutex g_save_mutex{};
 
+constinit std::atomic<size_t> g_unsaved_changes{0};
+
 namespace {
 
 constinit pthread_cond_t g_work    = PTHREAD_COND_INITIALIZER; // with g_save_mutex
@@ -78,6 +80,11 @@ void await_saver() noexcept
 void saving_changed() noexcept
 {
     pthread_cond_broadcast(&g_changed);
+}
+
+size_t unsaved_changes() noexcept
+{
+    return g_unsaved_changes.load(std::memory_order_relaxed);
 }
 
 SaveBehind::SaveBehind(Ask ask, void *arg) noexcept : ask_(ask), arg_(arg)

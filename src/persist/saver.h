@@ -12,6 +12,8 @@ namespace tarn::persist {
 // What is to be saved, and who waits for it. A leaf: nothing is written and nobody is told while it is held.
 extern Mutex g_save_mutex;
 
+extern std::atomic<size_t> g_unsaved_changes;
+
 // Who waits for the changes of one file.
 class SaveWaiters {
 public:
@@ -21,11 +23,13 @@ public:
         if (!waiters_.push(&waiter))
             return false;
         waiter.unsaved.fetch_add(1, std::memory_order_relaxed);
+        g_unsaved_changes.fetch_add(1, std::memory_order_relaxed);
         return true;
     }
     void take(SaveWaiters &from) noexcept REQUIRES(g_save_mutex) { waiters_.swap(from.waiters_); }
     void tell() noexcept EXCLUDES(g_save_mutex)
     {
+        g_unsaved_changes.fetch_sub(waiters_.size(), std::memory_order_relaxed);
         for (SaveWaiter *const waiter : waiters_)
             waiter->one_is_saved();
         waiters_.clear();

@@ -21,7 +21,7 @@ using namespace tarn::test;
 
 namespace {
 
-// When a callback can run. The last three: not on the I/O thread.
+// When a callback can run. The last three: not on a thread of the network layer.
 enum class Moment {
     Auth,
     AclSubscribe,

@@ -601,9 +601,8 @@ TEST(round, a_turn_that_ends_before_a_broken_connection_is_read_goes_on_in_the_n
         EXPECT_EQ(run_round(0, 0), 1);
         return layer.events.seen().size();
     };
-    EXPECT_EQ(events_after_round(), 2u);
-    EXPECT_EQ(events_after_round(), 4u);
-    EXPECT_EQ(events_after_round(), 5u);
+    for (size_t packets = 1; packets <= 5; ++packets)
+        EXPECT_EQ(events_after_round(), packets);
     EXPECT_EQ(layer.events.count(disconnected(0, 0)), 0u);
     EXPECT_EQ(events_after_round(), 6u);
     EXPECT_EQ(layer.events.seen().back(), disconnected(0, 0));

@@ -1,0 +1,75 @@
+// packet_way.cpp - which packets may keep a thread waiting, and so are served by a lane and not by the I/O thread.
+//
+//   CONNECT      a lane: the host's authentication callback may hash or ask elsewhere; the session's files are read,
+//                written (its will) or deleted
+//   SUBSCRIBE    a lane, unless the session is clean: the subscription file is written
+//   DISCONNECT   a lane: the session's files are written or deleted
+//   the end      a lane where a session is saved or deleted
+//   all others   the I/O thread
+//
+// Behind answers that wait for the disk (held_answers.cpp) some of a client's packets wait, too.
+//
+// Deleting takes the lock of the client's files, which may be held until another client's write is on the disk: so a
+// clean session does not make CONNECT and DISCONNECT cheap.
+//
+// What goes aside for one client id is a group. A client that says DISCONNECT and comes back at once thus finds its
+// session as the DISCONNECT left it, although the two are packets of two connections.
+#include "../base/text.h"
+#include "../codec/codec.hpp"
+#include "client_internal.h"
+
+namespace tarn::client {
+namespace {
+
+// Ids that the broker makes up may be alike, so these clients log in one after another.
+constexpr char kMadeUpIds[] = "auto_";
+
+net::Choice aside(const char *client_id)
+{
+    return {net::Way::Aside, hash_of(client_id)};
+}
+
+net::Choice way_of_connect(std::span<const uint8_t> packet)
+{
+    const std::string_view sent = codec::client_id_of(packet);
+    client_id_text         id;
+    id.text[sent.copy(id.text, CLIENT_ID_CHARS)] = '\0';
+    return aside(id.text[0] ? id.text : kMadeUpIds);
+}
+
+// A will is routed like a publication, and writes files only of a session that is kept.
+net::Choice way_of_end(net::Connection connection)
+{
+    const client_ref client = find_client_by_handle(connection.handle);
+    return client && !client->clean_session ? aside(id_of(*client).text) : net::Choice{};
+}
+
+// A client that sends one of these first, and has no record yet, has a session without id, which is kept.
+net::Choice way_of_session_packet(net::Connection connection, int type)
+{
+    const client_ref client = find_client_by_handle(connection.handle);
+    if (type == SUBSCRIBE && client && client->clean_session)
+        return {};
+    return aside(client ? id_of(*client).text : "");
+}
+
+} // namespace
+
+net::Choice way_of(net::Connection connection, std::span<const uint8_t> packet) noexcept
+{
+    if (const client_ref client = find_client_by_handle(connection.handle); client && waits_for_disk(*client, packet))
+        return {net::Way::Later};
+    if (packet.empty())
+        return way_of_end(connection);
+    switch (const int type = packet[0] >> 4) {
+    case CONNECT:
+        return way_of_connect(packet);
+    case SUBSCRIBE:
+    case DISCONNECT:
+        return way_of_session_packet(connection, type);
+    default:
+        return {};
+    }
+}
+
+} // namespace tarn::client

@@ -1,0 +1,337 @@
+// lane.cpp - the lane threads and what waits for them.
+//
+// A connection has one turn at a time, a packet or its end. Turns wait in two lines: one for the first turn of a
+// connection, which is its CONNECT as a rule, and one for all others. Both are served in turn, and neither gets all
+// threads, so that a new client does not wait for the files of two hundred others, nor they for slow logins.
+//
+// Turns of one group are taken one after another, in the order they came, whichever line they are for: the second waits
+// with its group and joins its line when the first is done.
+#include "lane.h"
+
+#include "../base/clock.h"
+#include "../base/thread.h"
+
+#include <algorithm>
+#include <ctime>
+
+namespace tarn::net {
+namespace {
+
+constexpr int      kLanes   = 4;
+constexpr int      kPerLine = kLanes - 1; // threads that serve one line at a time
+constexpr uint32_t kGroups  = 1024;
+
+enum Line : uint8_t { kFirstTurns, kOtherTurns, kLines };
+
+struct Group {
+    bool      is_served = false; // one of its turns is in a line or under way
+    SlotQueue waiting;
+};
+
+constinit Mutex g_lane_mutex{};
+pthread_cond_t  g_work_came = PTHREAD_COND_INITIALIZER; // with g_lane_mutex
+
+constinit SlotQueue           g_lines[kLines] GUARDED_BY(g_lane_mutex){};
+constinit int                 g_serving[kLines] GUARDED_BY(g_lane_mutex){}; // threads
+constinit int g_turns         GUARDED_BY(g_lane_mutex) = 0;                 // in the lines or under way
+constinit uint8_t g_next_line GUARDED_BY(g_lane_mutex) = kFirstTurns;
+constinit Group               g_groups[kGroups] GUARDED_BY(g_lane_mutex){};
+constinit SlotQueue g_pauses  GUARDED_BY(g_lane_mutex){}; // all are equally long: due in this order
+constinit pthread_t           g_lanes[kLanes] GUARDED_BY(g_lane_mutex){};
+constinit int g_lane_count    GUARDED_BY(g_lane_mutex) = 0;
+
+constinit Mutex                 g_listed_mutex{};
+constinit SlotQueue g_listed    GUARDED_BY(g_listed_mutex){};
+constinit std::atomic<uint32_t> g_listed_count{0};
+
+constinit thread_local bool t_on_lane = false;
+
+Errand &errand_of(uint32_t handle)
+{
+    return side_of(handle).errand;
+}
+
+void release_pins(SlotQueue &queue)
+{
+    while (!queue.empty()) {
+        const uint32_t handle = queue.pop();
+        const SlotPin  pin({handle, errand_of(handle).generation}, SlotPin::Counted);
+    }
+}
+
+// ---- lines and groups
+
+void *lane_thread(void *start) noexcept;
+
+bool start_lane(uint32_t start) REQUIRES(g_lane_mutex)
+{
+    void *const arg = reinterpret_cast<void *>(uintptr_t{start});
+    if (start_thread(&g_lanes[g_lane_count], "tarn-lane", lane_thread, arg) != 0)
+        return false;
+    ++g_lane_count;
+    return true;
+}
+
+void enter_line(uint32_t handle) REQUIRES(g_lane_mutex)
+{
+    g_lines[errand_of(handle).line].push(handle);
+    ++g_turns;
+    pthread_cond_signal(&g_work_came);
+}
+
+void enter_group(uint32_t handle) REQUIRES(g_lane_mutex)
+{
+    const uint32_t number = errand_of(handle).group;
+    Group         &group  = g_groups[number % kGroups];
+    if (number != 0 && group.is_served)
+        return group.waiting.push(handle);
+    if (number != 0)
+        group.is_served = true;
+    enter_line(handle);
+}
+
+void leave_group(uint32_t number) REQUIRES(g_lane_mutex)
+{
+    Group &group = g_groups[number % kGroups];
+    if (number == 0)
+        return;
+    if (group.waiting.empty())
+        group.is_served = false;
+    else
+        enter_line(group.waiting.pop());
+}
+
+void end_pauses(uint64_t now_us) REQUIRES(g_lane_mutex)
+{
+    while (!g_pauses.empty() && errand_of(g_pauses.front()).due_us <= now_us)
+        enter_group(g_pauses.pop());
+}
+
+// ---- a lane
+
+struct Turn {
+    uint32_t handle;
+    Errand   errand; // a copy: the connection may be in the next queue before this turn is done
+};
+
+bool pick(Turn &turn) REQUIRES(g_lane_mutex)
+{
+    for (int tried = 0; tried < kLines; ++tried) {
+        const uint8_t line = g_next_line;
+        g_next_line        = static_cast<uint8_t>((line + 1) % kLines);
+        if (g_lines[line].empty() || g_serving[line] == kPerLine)
+            continue;
+        turn.handle = g_lines[line].pop();
+        turn.errand = errand_of(turn.handle);
+        ++g_serving[line];
+        return true;
+    }
+    return false;
+}
+
+// Until work comes or the first pause is over. The clock may stand still in tests, so that a wait which was long enough
+// ends the pause by itself.
+void wait_for_work() REQUIRES(g_lane_mutex)
+{
+    if (g_pauses.empty()) {
+        pthread_cond_wait(&g_work_came, &g_lane_mutex.raw);
+        return;
+    }
+    const uint64_t due_us = errand_of(g_pauses.front()).due_us;
+    const timespec until{static_cast<time_t>(due_us / 1000000), static_cast<long>(due_us % 1000000) * 1000};
+    if (pthread_cond_clockwait(&g_work_came, &g_lane_mutex.raw, CLOCK_MONOTONIC, &until) != 0)
+        end_pauses(due_us);
+}
+
+bool take_turn(Turn &turn, uint32_t start)
+{
+    ScopedLock lock(g_lane_mutex);
+    while (layer_runs(start)) {
+        if (!g_pauses.empty())
+            end_pauses(mono_us());
+        if (pick(turn))
+            return true;
+        wait_for_work();
+    }
+    return false;
+}
+
+// False when the connection is no longer this thread's.
+bool serve_work(const SlotPin &pin, const Errand &errand, const EventSink &sink, uint32_t start)
+{
+    switch (errand.work) {
+    case Work::Packet:
+        return hand_up_first(pin, sink, start);
+    case Work::End:
+        hang_up(pin, sink);
+        break;
+    case Work::Finish:
+        errand.finish.call(pin.connection(), errand.finish.word);
+        break;
+    }
+    return pin.is_current();
+}
+
+// The hooks are around the turn, so that what it queued for clients leaves at its end, by this thread, and behind
+// end_turn(): the client's next packet is not to be overtaken by that of another client who heard of its answer.
+void serve(const Turn &turn, uint32_t start)
+{
+    const SlotPin pin({turn.handle, turn.errand.generation}, SlotPin::Counted);
+    if (!pin.is_current())
+        return;
+    const EventSink sink = event_sink();
+    const LateClose late(pin);
+    call_round_begin();
+    if (serve_work(pin, turn.errand, sink, start))
+        end_turn(pin, sink);
+    if (has_listed())
+        wake_io_thread();
+    call_round_end();
+}
+
+void note_done(const Turn &turn, uint32_t start)
+{
+    ScopedLock lock(g_lane_mutex);
+    if (!layer_runs(start))
+        return; // the queues have been emptied, or will be
+    --g_serving[turn.errand.line];
+    --g_turns;
+    leave_group(turn.errand.group);
+}
+
+void *lane_thread(void *arg) noexcept
+{
+    t_on_lane        = true;
+    const auto start = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(arg));
+    for (Turn turn; take_turn(turn, start);) {
+        serve(turn, start);
+        note_done(turn, start);
+    }
+    return nullptr;
+}
+
+// ---- giving work to the lanes
+
+// Sees to one thread at least. No more are started than there are turns to take.
+bool has_lane(uint32_t start) REQUIRES(g_lane_mutex)
+{
+    if (g_lane_count <= std::min(g_turns, kLanes - 1))
+        (void)start_lane(start);
+    return g_lane_count > 0;
+}
+
+template <class Enter> bool give(const SlotPin &pin, uint32_t start, const Errand &errand, Enter enter)
+{
+    {
+        ScopedLock lock(g_lane_mutex);
+        if (layer_runs(start) && !has_lane(start))
+            return false;
+    }
+    if (!step_aside(pin, Server::Lane))
+        return true;
+    {
+        ScopedLock lock(g_lane_mutex);
+        if (layer_runs(start)) {
+            errand_of(pin.handle()) = errand;
+            enter(pin.handle());
+            return true;
+        }
+    }
+    const SlotPin uncounted(pin.connection(), SlotPin::Counted); // the layer goes down, and closes the connection
+    return true;
+}
+
+} // namespace
+
+bool on_lane() noexcept
+{
+    return t_on_lane;
+}
+
+bool give_to_lane(const SlotPin &pin, Work work, uint32_t group, uint32_t start) noexcept
+{
+    SlotSide  &side   = side_of(pin.handle());
+    const Line line   = work == Work::Packet && !side.was_aside ? kFirstTurns : kOtherTurns;
+    side.was_aside    = 1;
+    Errand errand     = {};
+    errand.generation = pin.connection().generation;
+    errand.group      = group;
+    errand.work       = work;
+    errand.line       = line;
+    return give(pin, start, errand, [](uint32_t handle) NO_LOCK_ANALYSIS { enter_group(handle); });
+}
+
+bool pause_on_lane(const SlotPin &pin, const Finish &finish, uint32_t start) noexcept
+{
+    Errand errand     = {};
+    errand.generation = pin.connection().generation;
+    errand.work       = Work::Finish;
+    errand.line       = kOtherTurns;
+    errand.due_us     = mono_us() + uint64_t{kClosePause_ms} * 1000;
+    errand.finish     = finish;
+    return give(pin, start, errand, [](uint32_t handle) NO_LOCK_ANALYSIS {
+        g_pauses.push(handle);
+        pthread_cond_signal(&g_work_came);
+    });
+}
+
+// ---- the list of the rounds
+
+void list_for_round(Connection connection) noexcept
+{
+    ScopedLock lock(g_listed_mutex);
+    errand_of(connection.handle).generation = connection.generation;
+    g_listed.push(connection.handle);
+    ++g_listed_count;
+}
+
+bool has_listed() noexcept
+{
+    return g_listed_count != 0;
+}
+
+SlotQueue take_listed() noexcept
+{
+    if (!has_listed())
+        return {};
+    ScopedLock      lock(g_listed_mutex);
+    const SlotQueue taken = g_listed;
+    g_listed              = {};
+    g_listed_count        = 0;
+    return taken;
+}
+
+// ---- down
+
+void stop_lanes() noexcept
+{
+    pthread_t lanes[kLanes];
+    int       count;
+    {
+        ScopedLock lock(g_lane_mutex);
+        count        = g_lane_count;
+        g_lane_count = 0;
+        std::copy_n(g_lanes, count, lanes);
+        pthread_cond_broadcast(&g_work_came);
+    }
+    for (int i = 0; i < count; ++i)
+        join_or_detach(lanes[i]);
+}
+
+void empty_queues() noexcept
+{
+    SlotQueue listed = take_listed();
+    release_pins(listed);
+    ScopedLock lock(g_lane_mutex);
+    for (SlotQueue &line : g_lines)
+        release_pins(line);
+    for (Group &group : g_groups) {
+        release_pins(group.waiting);
+        group.is_served = false;
+    }
+    release_pins(g_pauses);
+    std::fill_n(g_serving, int{kLines}, 0);
+    g_turns = 0;
+}
+
+} // namespace tarn::net
