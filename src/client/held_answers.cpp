@@ -23,7 +23,7 @@ struct Held : persist::SaveWaiter {
 
 namespace {
 
-constexpr uint32_t kHeldMax    = 1024;       // of one client: packets with changes, and answers
+constexpr uint32_t kHeldMax    = 2048;       // of one client: packets with changes, and answers
 constexpr size_t   kChangesMax = 256 * 1024; // of all clients; beyond it those that have some wait
 
 struct HeldList {

@@ -1,5 +1,6 @@
 // A disk that takes its time: nobody waits for what another client's packets have to save, and nothing is acknowledged
 // before it is saved.
+#include "stats/mqtt_stats.h"
 #include "support/files.h"
 #include "support/host.h"
 #include "support/peer.h"
@@ -197,4 +198,25 @@ TEST(waiting_disk, a_returning_client_gets_what_is_not_saved_yet)
     publisher.expect("40 02 00 07");
     away.ping();
     EXPECT_EQ(messages_of("away"), R"({"msgs":[]})");
+}
+
+TEST(waiting_disk, a_client_that_is_faster_than_the_disk_waits_alone)
+{
+    constexpr unsigned kMessages = 3000, kUnsaved = 1024;
+    Host               host;
+    leave_absent("away");
+    Peer           publisher = come(4, "publisher", {}), other = come(4, "other", {});
+    SlowDisk       disk(kSlow_ms);
+    const uint64_t before = g_mqtt_stats.pkt_rx;
+    Bytes          packets;
+    for (unsigned id = 1; id <= kMessages; ++id) {
+        const Bytes one = publish_packet(4, "t", "x", {.qos = 1, .id = id});
+        packets.insert(packets.end(), one.begin(), one.end());
+    }
+    publisher.send(packets);
+    std::this_thread::sleep_for(std::chrono::milliseconds(kSlow_ms / 2));
+    EXPECT_EQ(g_mqtt_stats.pkt_rx - before, kUnsaved);
+    other.ping();
+    for (unsigned id = 1; id <= kMessages; ++id)
+        publisher.expect(ack_packet(4, 0x40, id));
 }
