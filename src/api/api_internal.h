@@ -27,6 +27,9 @@ void housekeeping_turn(broker_t &broker, int64_t now_s);
 // Takes over into the counters what other modules know: clients, subscriptions, retained messages. Nobody waits.
 void update_statistics() noexcept;
 
+// What every few seconds gives memory back that clients have left behind (memory.cpp).
+void give_back_memory();
+
 // True inside one of the host's callbacks: the library goes on with the instance when the callback returns.
 [[nodiscard]] bool in_callback() noexcept;
 

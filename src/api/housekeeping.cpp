@@ -13,12 +13,14 @@ namespace {
 constexpr int64_t  kCleanPeriod_s  = 10;
 constexpr int64_t  kReportPeriod_s = 60;
 constexpr int64_t  kRetainPeriod_s = 5;
+constexpr int64_t  kMemoryPeriod_s = 5;
 constexpr uint32_t kTurn_ms        = 10;
 
 // Wall clock, s; 0 = never. Kept for the life of the process, shared by the threads of all instances.
 constinit Shared<int64_t> last_clean        = 0;
 constinit Shared<int64_t> last_stats_print  = 0;
 constinit Shared<int64_t> last_retain_clean = 0;
+constinit Shared<int64_t> last_memory_look  = 0;
 
 bool due(const Shared<int64_t> &last_s, int64_t now_s, int64_t period_s)
 {
@@ -47,6 +49,10 @@ void housekeeping_turn(broker_t &broker, int64_t now_s)
     if (due(last_retain_clean, now_s, kRetainPeriod_s)) {
         sub::discard_expired_retained();
         last_retain_clean = now_s;
+    }
+    if (due(last_memory_look, now_s, kMemoryPeriod_s)) {
+        give_back_memory();
+        last_memory_look = now_s;
     }
     if (will_delays_running())
         client::publish_due_wills(mono_ms());

@@ -52,7 +52,8 @@ struct Side {
     std::atomic<int32_t>  next_listed;    // behind it in the send list: index + 1, 0 = end
     std::atomic<int32_t>  subs_high;      // session.subs[] and .msgs[] are zero from here on
     std::atomic<int32_t>  msgs_high;
-    Shared<int32_t>       will_bucket; // in which its delayed will is counted, while it has the mark kWillDelayed
+    Shared<uint32_t>      keepalive_ms; // the record's, when its memory was given back: the next client's until CONNECT
+    Shared<int32_t>       will_bucket;  // in which its delayed will is counted, while it has the mark kWillDelayed
     int32_t bucket        GUARDED_BY(bucket_mutex); // whose chain the record is in, + 1; 0 = in none
     int32_t newer         GUARDED_BY(bucket_mutex); // its neighbours there: index + 1, 0 = end
     int32_t older         GUARDED_BY(bucket_mutex);

@@ -114,6 +114,10 @@ void fill(mqtt_client_t &client, uint32_t handle, const char *ip, uint16_t port,
     Side *const side = side_of(&client);
     if (side) {
         side->generation = generation;
+        if (const uint32_t keepalive_ms = side->keepalive_ms; keepalive_ms != 0) {
+            client.keepalive_ms = keepalive_ms;
+            side->keepalive_ms  = 0;
+        }
         side->refusals.store(0, std::memory_order_relaxed);
     }
     client.handle = handle;

@@ -20,6 +20,11 @@ constinit client_pool_block_t *g_block_list GUARDED_BY(pool_mutex) = nullptr;
 constinit bool g_unlinking                  GUARDED_BY(pool_mutex) = false; // no new records meanwhile
 constinit Shared<uint8_t>                   g_used_flags[kBlocksMax][CLIENT_BLOCK_RECORDS]{};
 
+// What the records of a block cost: no memory since it was given back, or some. Unused: nobody had one of them when
+// give_back_unused_blocks() looked last.
+enum class Pages : uint8_t { None, Used, Unused };
+constinit Pages g_pages[kBlocksMax] GUARDED_BY(pool_mutex){};
+
 bool have_block_list() REQUIRES(pool_mutex)
 {
     if (!g_block_list)
@@ -86,6 +91,8 @@ Taken take_place(Place &place, int32_t &used_count) noexcept
     place = g_unlinking ? Place{} : find_free();
     if (!place)
         return Taken::NoPlace;
+    if (g_client_mgr.blocks == g_block_list)
+        g_pages[place.block - g_block_list] = Pages::Used;
     place.used_flag()       = 1;
     place.block->used       = place.block->used + 1;
     used_count              = g_client_mgr.used_count + 1;
@@ -152,6 +159,7 @@ void give_up_block(int32_t block)
     if (all)
         give_back_block(block);
     for (int32_t i = 0; i < CLIENT_BLOCK_RECORDS; ++i) {
+        side_at(first + i).keepalive_ms = 0;
         if (!mine[i])
             continue;
         if (!all)
@@ -195,6 +203,64 @@ void unlink_pool() noexcept
     }
     ScopedLock lock(pool_mutex);
     g_unlinking = false;
+}
+
+namespace {
+
+bool is_unused(const client_pool_block_t &block) REQUIRES(pool_mutex)
+{
+    for (int32_t at = 0; at < CLIENT_BLOCK_RECORDS; ++at)
+        if (block.used_flags[at])
+            return false;
+    return true;
+}
+
+// Nobody can take a place meanwhile, and a record that is idle is not released, since that was done when its place was
+// given back. False while a late thread still holds one of the records.
+bool give_back_if_idle(int32_t block) REQUIRES(pool_mutex)
+{
+    const int32_t first = block * CLIENT_BLOCK_RECORDS;
+    int32_t       held  = 0;
+    while (held < CLIENT_BLOCK_RECORDS && is_idle(first + held) && try_begin_wipe(first + held))
+        ++held;
+    const bool all = held == CLIENT_BLOCK_RECORDS;
+    for (int32_t i = first; all && i < first + held; ++i) {
+        if (const uint32_t keepalive_ms = record_at(i)->keepalive_ms; keepalive_ms != 0)
+            side_at(i).keepalive_ms = keepalive_ms; // else it may be there from the time before
+        forget_written(side_at(i));
+    }
+    if (all)
+        give_back_block(block);
+    for (int32_t i = first; i < first + held; ++i)
+        wipe_done(i);
+    return all;
+}
+
+// Looks at one block. True when its memory was given back.
+bool look_at_block(int32_t block) EXCLUDES(pool_mutex)
+{
+    ScopedLock lock(pool_mutex);
+    if (block >= g_client_mgr.block_count || g_client_mgr.blocks != g_block_list || g_pages[block] == Pages::None ||
+        !is_unused(g_block_list[block]))
+        return false;
+    if (g_pages[block] == Pages::Used) {
+        g_pages[block] = Pages::Unused;
+        return false;
+    }
+    if (!give_back_if_idle(block))
+        return false;
+    g_pages[block] = Pages::None;
+    return true;
+}
+
+} // namespace
+
+int32_t give_back_unused_blocks() noexcept
+{
+    int32_t given = 0;
+    for (int32_t block = 0; block < kBlocksMax; ++block)
+        given += look_at_block(block);
+    return given;
 }
 
 } // namespace tarn::client

@@ -144,6 +144,7 @@ inline constexpr Field kSide[] = {
     ROW(next_listed,               Kept,  Kept,   Kept,   Kept,  Kept, Word),
     ROW(subs_high,                 Set,   Set,    Set,    Set,   Kept, Word),    // as `session`
     ROW(msgs_high,                 Set,   Set,    Set,    Set,   Kept, Word),
+    ROW(keepalive_ms,              Set,   Kept,   Kept,   Kept,  Kept, Word),    // goes back into the record
     ROW(will_bucket,               Kept,  Kept,   Kept,   Kept,  Kept, Word),
     ROW(bucket,                    Kept,  Set,    Set,    Set,   Kept, Bucket),  // enter_bucket(), leave_chain()
     ROW(newer,                     Kept,  Set,    Set,    Set,   Kept, Bucket),

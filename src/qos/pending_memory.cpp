@@ -23,9 +23,10 @@ namespace {
 constexpr size_t kBuckets    = 1 << 14;
 constexpr size_t kSharedFrom = 64; // bytes; for a shorter one the entry itself is what costs
 
-constinit size_t g_bytes  GUARDED_BY(g_queue_mutex)                     = 0;
-constinit SharedPayload  *g_buckets[kBuckets] GUARDED_BY(g_queue_mutex) = {};
-constinit size_t g_shared GUARDED_BY(g_queue_mutex)                     = 0; // listed
+constinit size_t g_bytes      GUARDED_BY(g_queue_mutex)                     = 0;
+constinit size_t g_most_bytes GUARDED_BY(g_queue_mutex)                     = 0; // since bytes_left_over() was called
+constinit SharedPayload      *g_buckets[kBuckets] GUARDED_BY(g_queue_mutex) = {};
+constinit size_t g_shared     GUARDED_BY(g_queue_mutex)                     = 0; // listed
 
 // The pointer that points to the shared payload at this address, or to the null at the end of its bucket.
 SharedPayload **link_of(const uint8_t *bytes) REQUIRES(g_queue_mutex)
@@ -82,6 +83,7 @@ bool take_bytes(size_t bytes, int held)
     if (g_bytes + bytes > limit)
         return false;
     g_bytes += bytes;
+    g_most_bytes = g_bytes > g_most_bytes ? g_bytes : g_most_bytes;
     return true;
 }
 
@@ -98,6 +100,14 @@ void forget_bytes()
 size_t bytes_taken()
 {
     return g_bytes;
+}
+
+size_t bytes_left_over() noexcept
+{
+    ScopedLock   lock(g_queue_mutex);
+    const size_t left_over = g_most_bytes - g_bytes;
+    g_most_bytes           = g_bytes;
+    return left_over;
 }
 
 bool put_payload(qos_packet_t &entry, std::span<const uint8_t> payload, PayloadCopy *copy, int held)

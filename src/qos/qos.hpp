@@ -23,6 +23,9 @@ Acknowledged acknowledge(mqtt_client_t &client, uint16_t msg_id, uint8_t packet_
 
 void drop_deliveries_of(mqtt_client_t &client) noexcept;
 
+// Bytes of deliveries that have ended since the call before, as far as no new ones took their place.
+[[nodiscard]] size_t bytes_left_over() noexcept;
+
 } // namespace tarn::qos
 
 #endif

@@ -3,12 +3,18 @@
 #include "../log/log.h"
 #include "subscription_index.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
 #include <utility>
 
 constinit sub_mgr_t g_sub_mgr{};
 
 namespace tarn::sub {
 namespace {
+
+// The array as it was allocated here, and how far it was written since its pages were given back. Under g_sub_mgr.lock.
+constinit const sub_entry_t *g_own_subs = nullptr;
+constinit int32_t            g_written  = 0;
 
 // Both need the lock. The arrays are zeroed when allocated. Subscriptions that leave theirs are zeroed too; retained
 // messages leave their bytes behind.
@@ -17,7 +23,7 @@ namespace {
     if (manager.subs)
         memset(manager.subs, 0, static_cast<size_t>(entries_in(manager)) * sizeof(sub_entry_t));
     else
-        manager.subs = allocate_zeroed<sub_entry_t>(SUB_CAPACITY).release();
+        g_own_subs = manager.subs = allocate_zeroed<sub_entry_t>(SUB_CAPACITY).release();
     manager.sub_count = 0;
     fit_index(manager);
     return manager.subs != nullptr;
@@ -33,7 +39,37 @@ namespace {
     return manager.retains != nullptr;
 }
 
+uintptr_t round_up(const void *at, uintptr_t page)
+{
+    return (reinterpret_cast<uintptr_t>(at) + page - 1) / page * page;
+}
+
 } // namespace
+
+void note_written(const sub_mgr_t &manager) noexcept
+{
+    g_written = std::max<int32_t>(g_written, entries_in(manager));
+}
+
+// Entries that are not in use are zero, and so are fresh pages. In portions, because a megabyte of pages takes some
+// hundred microseconds, and the lock is held. A host's own array is left alone: it may lie anywhere.
+void give_back_unused_entries() noexcept
+{
+    constexpr int32_t kPortion = 512;
+    const auto        page     = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    for (;;) {
+        ScopedLock    lock(g_sub_mgr.lock);
+        const int32_t count = entries_in(g_sub_mgr);
+        if (!g_sub_mgr.subs || g_sub_mgr.subs != g_own_subs || g_written - count < kPortion)
+            return;
+        const int32_t   keep  = std::max(count, g_written - kPortion);
+        const uintptr_t begin = round_up(g_sub_mgr.subs + keep, page);
+        const uintptr_t end   = reinterpret_cast<uintptr_t>(g_sub_mgr.subs + g_written) / page * page;
+        if (begin < end)
+            (void)madvise(reinterpret_cast<void *>(begin), end - begin, MADV_DONTNEED);
+        g_written = keep;
+    }
+}
 
 // If memory runs out at the second array, the first one stays, because another thread may be using it. The next call
 // goes on from there.
@@ -79,6 +115,8 @@ void deinit() noexcept
         retains.reset(std::exchange(g_sub_mgr.retains, nullptr));
         g_sub_mgr.sub_count    = 0;
         g_sub_mgr.retain_count = 0;
+        g_own_subs             = nullptr;
+        g_written              = 0;
     }
     LOG_DEBUG("[DEBUG] sub_deinit：释放订阅数组（当前订阅数=%d）", subscriptions);
     LOG_DEBUG("[DEBUG] sub_deinit：释放保留消息数组（当前保留消息数=%d）", retained);

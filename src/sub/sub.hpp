@@ -49,6 +49,9 @@ Added add(const char *client_id, const char *filter, uint32_t qos, uint8_t clean
 Added add_with_id(const char *client_id, const char *filter, uint32_t qos, uint8_t clean_session,
                   uint32_t identifier) noexcept;
 
+// Gives back the memory behind the last entry, as far as entries that were removed since left some.
+void give_back_unused_entries() noexcept;
+
 // Both return how many were removed.
 int32_t remove(const char *client_id, const char *filter) noexcept;
 int32_t remove_all_of(const char *client_id) noexcept;

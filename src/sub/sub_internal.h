@@ -53,6 +53,9 @@ constexpr size_t kFilterChars   = sizeof(sub_entry_t::topic_filter) - 1;
     return manager.subs ? std::clamp<int32_t>(manager.sub_count, 0, SUB_CAPACITY) : 0;
 }
 
+// To be told when an entry was appended: see give_back_unused_entries().
+void note_written(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock);
+
 // Asks the memory for what a walk through the table will look at soon: entries are 2 KB apart, and the hardware does
 // not guess the next one. Past the table's end it does nothing.
 inline void fetch_ahead(const char *text) noexcept

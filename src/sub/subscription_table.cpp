@@ -105,6 +105,7 @@ void append(sub_mgr_t &manager, const Subscription &wanted) noexcept REQUIRES(ma
     entry.sub_identifier = wanted.identifier;
     fit_index(manager);
     manager.sub_count = count + 1;
+    note_written(manager);
     index_appended(manager);
 }
 

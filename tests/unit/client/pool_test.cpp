@@ -365,3 +365,66 @@ TEST(pool, costs_no_page_for_records_that_nobody_uses)
             ASSERT_EQ(in_core[page] & 1, 0) << "block " << block << ", page " << page;
     }
 }
+
+namespace {
+
+int pages_of_block(int block)
+{
+    unsigned char in_core[4096];
+    const size_t  bytes = 100 * sizeof(mqtt_client_t);
+    EXPECT_EQ(mincore(g_client_mgr.blocks[block].records, bytes, in_core), 0);
+    int pages = 0;
+    for (size_t page = 0; page < bytes / 4096; ++page)
+        pages += in_core[page] & 1;
+    return pages;
+}
+
+} // namespace
+
+TEST(pool, gives_back_the_memory_of_a_block_that_nobody_used_for_a_while)
+{
+    const Manager    manager(300);
+    const LogCapture quiet(4);
+    mqtt_client_t   *clients[150];
+    for (uint32_t i = 0; i < 150; ++i)
+        clients[i] = create(i);
+    client::set_keepalive(*clients[20], 45);
+    EXPECT_EQ(client::give_back_unused_blocks(), 0);
+    for (int i = 0; i < 149; ++i)
+        release(clients[i]);
+    EXPECT_EQ(client::give_back_unused_blocks(), 0) << "somebody may have come just now";
+    EXPECT_GT(pages_of_block(0), 0);
+    EXPECT_EQ(client::give_back_unused_blocks(), 1);
+    EXPECT_EQ(pages_of_block(0), 0);
+    EXPECT_GT(pages_of_block(1), 0) << "one client is left there";
+    EXPECT_EQ(clients[149]->used, 1);
+    EXPECT_EQ(client::give_back_unused_blocks(), 0) << "nothing is left";
+
+    release(create(0)); // the lowest place
+    EXPECT_EQ(client::give_back_unused_blocks(), 0);
+    EXPECT_EQ(client::give_back_unused_blocks(), 1);
+    for (uint32_t i = 0; i < 20; ++i)
+        EXPECT_EQ(create(i)->keepalive_ms, 0u);
+    EXPECT_EQ(create(20), clients[20]);
+    EXPECT_EQ(clients[20]->keepalive_ms, 45000u) << "the next client's until its CONNECT, as ever";
+    client::set_keepalive(*clients[20], 10);
+    release(clients[20]);
+    EXPECT_EQ(create(20)->keepalive_ms, 10000u);
+}
+
+TEST(pool, keeps_the_memory_of_a_block_while_a_record_of_it_is_held)
+{
+    const Manager        manager(300);
+    const LogCapture     quiet(4);
+    mqtt_client_t *const client = create(1);
+    {
+        const client_ref late(client);
+        release(client);
+        EXPECT_EQ(client::give_back_unused_blocks(), 0);
+        EXPECT_EQ(client::give_back_unused_blocks(), 0);
+        EXPECT_GT(pages_of_block(0), 0);
+    }
+    EXPECT_EQ(client::give_back_unused_blocks(), 1);
+    EXPECT_EQ(pages_of_block(0), 0);
+    EXPECT_EQ(create(1), client);
+}

@@ -241,3 +241,30 @@ TEST_F(cost, random_changes_leave_the_same_table_on_either_thread)
     EXPECT_EQ(here, there);
     EXPECT_EQ(table_here, table());
 }
+
+TEST_F(cost, the_memory_of_removed_entries_is_given_back)
+{
+    const auto pages = [] {
+        const auto    first = (reinterpret_cast<uintptr_t>(g_sub_mgr.subs) + 4095) / 4096 * 4096;
+        const size_t  bytes = (SUB_CAPACITY - 2) * sizeof(sub_entry_t) / 4096 * 4096;
+        unsigned char in_core[SUB_CAPACITY * sizeof(sub_entry_t) / 4096];
+        EXPECT_EQ(mincore(reinterpret_cast<void *>(first), bytes, in_core), 0);
+        int count = 0;
+        for (size_t page = 0; page < bytes / 4096; ++page)
+            count += in_core[page] & 1;
+        return count;
+    };
+    fill(100, "stays");
+    fill(5000);
+    const int full = pages();
+    tarn::sub::give_back_unused_entries();
+    EXPECT_EQ(pages(), full);
+    EXPECT_EQ(sub_remove("dev1", nullptr), 5000);
+    tarn::sub::give_back_unused_entries();
+    EXPECT_LT(pages(), full / 5);
+    EXPECT_EQ(g_sub_mgr.sub_count, 100);
+    EXPECT_EQ(g_sub_mgr.subs[99].client_id, std::string("stays"));
+    fill(5000);
+    EXPECT_EQ(sub_get_client_sub_count("dev1"), 5000);
+    EXPECT_EQ(g_sub_mgr.subs[5099].topic_filter, filter(4999));
+}
