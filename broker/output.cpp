@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <mutex>
 #include <new>
 #include <poll.h>
 #include <sys/stat.h>
@@ -79,12 +80,14 @@ void PrintedLines::take(std::string_view piece)
 }
 
 // The two streams are made once and for good: threads of the library may print till the end of the process. Each is
-// without a buffer, so that what one printf makes comes as one piece. Called under the stream's lock.
+// without a buffer, so that what one printf makes comes as one piece.
 struct Streams {
-    static inline Output *g_output; // null = not queued; under the locks of both streams
+    static inline std::mutex g_mutex;  // also of what the output keeps of lines
+    static inline Output    *g_output; // null = not queued; under g_mutex
 
     template <class Take> static ssize_t take(int fd, const char *bytes, size_t count, Take take_piece)
     {
+        const std::lock_guard lock(g_mutex);
         unless_short([&] {
             if (g_output)
                 take_piece(*g_output, std::string_view(bytes, count));
@@ -124,11 +127,8 @@ struct Streams {
             return true;
         }();
         (void)opened;
-        flockfile(stdout);
-        flockfile(stderr);
+        const std::lock_guard lock(g_mutex);
         g_output = output;
-        funlockfile(stderr);
-        funlockfile(stdout);
     }
 };
 
@@ -159,9 +159,8 @@ void Output::end_second()
 
 void Output::tell_left_out(int64_t now_s)
 {
-    flockfile(stdout);
+    const std::lock_guard lock(Streams::g_mutex);
     unless_short([&] { limit_.begin_second(now_s); });
-    funlockfile(stdout);
 }
 
 void Output::take_line(std::string_view line)

@@ -55,9 +55,9 @@ private:
 
     const std::shared_ptr<LineWriter> log_;
     const std::shared_ptr<LineWriter> errors_; // the same one where both are the same file, to keep their order
-    LineLimit                         limit_;  // under the lock of the stream stdout, as the next
+    LineLimit                         limit_;  // under the mutex of Streams, as the next two
     PrintedLines                      printed_;
-    std::string                       error_; // begun; under the lock of the stream stderr
+    std::string                       error_; // begun
 
     friend struct Streams;
 };
