@@ -26,7 +26,8 @@ namespace {
 std::vector<std::string> lines_of(std::initializer_list<std::string_view> pieces)
 {
     std::vector<std::string> lines;
-    PrintedLines             printed([&](std::string_view line) { lines.emplace_back(line); });
+    PrintedLines             printed([](std::string_view) { return true; },
+                         [&](std::string_view line) { lines.emplace_back(line); });
     for (const std::string_view piece : pieces)
         printed.take(piece);
     return lines;
