@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <mutex>
 #include <new>
 #include <poll.h>
 #include <sys/stat.h>
@@ -65,8 +66,8 @@ void write_if_room(int fd, std::string_view bytes)
 void PrintedLines::take(std::string_view piece)
 {
     const bool ends = piece.ends_with('\n');
-    if (ends && begun_.empty() && is_plain_ascii(piece.substr(0, piece.size() - 1))) {
-        put_(piece.substr(0, piece.size() - 1));
+    if (ends && begun_.empty()) {
+        hand_on(piece.substr(0, piece.size() - 1));
         return;
     }
     begun_ += piece;
@@ -74,17 +75,28 @@ void PrintedLines::take(std::string_view piece)
         begun_.pop_back();
     else if (begun_.size() < kLineMax)
         return;
-    const std::string line = escaped(std::exchange(begun_, ""));
-    put_(line);
+    hand_on(std::exchange(begun_, ""));
+}
+
+void PrintedLines::hand_on(std::string_view line)
+{
+    if (!wants_(line))
+        return;
+    if (is_plain_ascii(line))
+        put_(line);
+    else
+        put_(escaped(line));
 }
 
 // The two streams are made once and for good: threads of the library may print till the end of the process. Each is
-// without a buffer, so that what one printf makes comes as one piece. Called under the stream's lock.
+// without a buffer, so that what one printf makes comes as one piece.
 struct Streams {
-    static inline Output *g_output; // null = not queued; under the locks of both streams
+    static inline std::mutex g_mutex;  // also of what the output keeps of lines
+    static inline Output    *g_output; // null = not queued; under g_mutex
 
     template <class Take> static ssize_t take(int fd, const char *bytes, size_t count, Take take_piece)
     {
+        const std::lock_guard lock(g_mutex);
         unless_short([&] {
             if (g_output)
                 take_piece(*g_output, std::string_view(bytes, count));
@@ -124,11 +136,8 @@ struct Streams {
             return true;
         }();
         (void)opened;
-        flockfile(stdout);
-        flockfile(stderr);
+        const std::lock_guard lock(g_mutex);
         g_output = output;
-        funlockfile(stderr);
-        funlockfile(stdout);
     }
 };
 
@@ -139,9 +148,11 @@ Output::Output(size_t lines_of_a_kind)
                   : std::make_shared<LineWriter>(STDERR_FILENO, tell_lost_errors, LineWriter::Shared)),
       limit_(lines_of_a_kind,
              [this](uint64_t count, const std::string &kind) {
-                 log_->write(warning_line(std::to_string(count) + " more lines in one second that begin: " + kind));
+                 log_->write(
+                     warning_line(std::to_string(count) + " more lines in one second that begin: " + escaped(kind)));
              }),
-      printed_([this](std::string_view line) { take_line(line); })
+      printed_([this](std::string_view line) { return limit_.takes(line, now_s()); },
+               [this](std::string_view line) { log_->write(line); })
 {
     Streams::lead_to(this);
 }
@@ -159,15 +170,8 @@ void Output::end_second()
 
 void Output::tell_left_out(int64_t now_s)
 {
-    flockfile(stdout);
+    const std::lock_guard lock(Streams::g_mutex);
     unless_short([&] { limit_.begin_second(now_s); });
-    funlockfile(stdout);
-}
-
-void Output::take_line(std::string_view line)
-{
-    if (limit_.takes(line, now_s()))
-        log_->write(line);
 }
 
 // This program's own words, in which each newline ends a line.

@@ -26,12 +26,16 @@ class PrintedLines {
 public:
     static constexpr size_t kLineMax = 65536; // bytes; longer ones are handed on in parts
 
-    using Put = std::function<void(std::string_view line)>; // escaped, without its newline
+    using Wants = std::function<bool(std::string_view line)>; // as it was printed; what is not wanted costs no more
+    using Put   = std::function<void(std::string_view line)>; // escaped, without its newline
 
-    explicit PrintedLines(Put put) : put_(std::move(put)) {}
+    PrintedLines(Wants wants, Put put) : wants_(std::move(wants)), put_(std::move(put)) {}
     void take(std::string_view piece);
 
 private:
+    void hand_on(std::string_view line);
+
+    const Wants wants_;
     const Put   put_;
     std::string begun_; // a line whose end is still to come
 };
@@ -50,14 +54,13 @@ public:
 
 private:
     void tell_left_out(int64_t now_s);
-    void take_line(std::string_view line);
     void take_error(std::string_view piece);
 
     const std::shared_ptr<LineWriter> log_;
     const std::shared_ptr<LineWriter> errors_; // the same one where both are the same file, to keep their order
-    LineLimit                         limit_;  // under the lock of the stream stdout, as the next
+    LineLimit                         limit_;  // under the mutex of Streams, as the next two
     PrintedLines                      printed_;
-    std::string                       error_; // begun; under the lock of the stream stderr
+    std::string                       error_; // begun
 
     friend struct Streams;
 };
