@@ -15,11 +15,10 @@
 
 using namespace tarn::broker;
 
-int main(int argc, char **argv)
-{
-    setvbuf(stdout, nullptr, _IOLBF, 0); // log lines appear as they are written, also in a pipe
-    signal(SIGPIPE, SIG_IGN);            // the reader of the log may go; the broker stays
+namespace {
 
+int run(int argc, char **argv)
+{
     const std::string_view first = argc > 1 ? argv[1] : "";
     if (first == "passwd")
         return passwd_command(argc - 1, argv + 1);
@@ -41,8 +40,17 @@ int main(int argc, char **argv)
     case Wish::Serve:
         break;
     }
+    return serve(line.options);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    setvbuf(stdout, nullptr, _IOLBF, 0); // log lines appear as they are written, also in a pipe
+    signal(SIGPIPE, SIG_IGN);            // the reader of the log may go; the broker stays
     try {
-        return serve(line.options);
+        return run(argc, argv);
     } catch (const std::exception &) {
         fputs("tarn-broker: out of memory\n", stderr);
         return kCannotServe;

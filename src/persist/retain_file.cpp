@@ -51,7 +51,7 @@ bool write_snapshot(const Snapshot &snapshot) REQUIRES(g_file_mutex)
     char tmp[sizeof path + 4];
     snprintf(path, sizeof path, "%s/retain.dat", g_persist_root_path);
     snprintf(tmp, sizeof tmp, "%s.tmp", path);
-    FILE *const file = fopen(tmp, "wbe");
+    FILE *const file = open_stream(tmp, "wbe");
     if (!file)
         return false;
     bool written = fwrite(&snapshot.count, sizeof snapshot.count, 1, file) == 1;
@@ -168,7 +168,7 @@ bool load_retained() noexcept
     // Shorter than the name it is saved under may be: a root of more than 244 characters is saved but never loaded.
     char        path[PERSIST_RETAIN_READ_SIZE];
     const int   length = snprintf(path, sizeof path, "%s/retain.dat", g_persist_root_path);
-    FILE *const file   = length < static_cast<int>(sizeof path) ? fopen(path, "rbe") : nullptr;
+    FILE *const file   = length < static_cast<int>(sizeof path) ? open_stream(path, "rbe") : nullptr;
     if (!file) {
         LOG_WARN("[persist] no retain file");
         return false;

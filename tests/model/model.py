@@ -223,6 +223,8 @@ class Sequence:
             return self.connect(device)
         kinds = {"publish": 18, "subscribe": 10, "unsubscribe": 3, "disconnect": 4, "drop": 2, "kick": 1}
         kind = self.random.choices(list(kinds), kinds.values())[0]
+        if kind == "kick" and device.clean:
+            kind = "drop"  # what is kept for subscriptions that a clean session left depends on files without content
         if kind == "publish" and any(len(d.files.messages) > MOST_KEPT for d in self.devices):
             kind = "subscribe"
         return getattr(self, kind)(device)
