@@ -4,7 +4,7 @@
 //                written (its will) or deleted
 //   SUBSCRIBE    a lane, unless the session is clean: the subscription file is written
 //   DISCONNECT   a lane: the session's files are written or deleted
-//   the end      a lane where a session is saved or deleted
+//   the end      a lane where files are written: of a session with an expiry interval, or with a will
 //   all others   the I/O thread
 //
 // Behind answers that wait for the disk (held_answers.cpp) some of a client's packets wait, too.
@@ -37,11 +37,17 @@ net::Choice way_of_connect(std::span<const uint8_t> packet)
     return aside(id.text[0] ? id.text : kMadeUpIds);
 }
 
-// A will is routed like a publication, and writes files only of a session that is kept.
+// A session without an expiry interval is only deleted. A will is routed like a publication, and writes a file where the
+// session is kept.
+bool end_writes_files(mqtt_client_t &client)
+{
+    return !client.clean_session && (client.session_expiry_interval != 0 || peek(client.will_msg_used));
+}
+
 net::Choice way_of_end(net::Connection connection)
 {
     const client_ref client = find_client_by_handle(connection.handle);
-    return client && !client->clean_session ? aside(id_of(*client).text) : net::Choice{};
+    return client && end_writes_files(*client) ? aside(id_of(*client).text) : net::Choice{};
 }
 
 // A client that sends one of these first, and has no record yet, has a session without id, which is kept.

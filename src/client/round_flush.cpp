@@ -27,6 +27,16 @@ void send_to_writable(uint32_t handle)
     hand_over_rest(*client, flush_when_free(*client, true));
 }
 
+void have_rounds_watched()
+{
+    if (g_queued_since.load(std::memory_order_relaxed) == 0)
+        g_queued_since.store(1);
+    if (g_rounds_watched.load() == 0) {
+        g_rounds_watched.store(1);
+        wake_send_thread();
+    }
+}
+
 void send_listed(int32_t index)
 {
     const client_ref client(record_at(index)); // of whichever client has the record now
@@ -59,6 +69,7 @@ bool is_own_answer(const mqtt_client_t &client) noexcept
 void keep_answer(int32_t index) noexcept
 {
     t_answered = index;
+    have_rounds_watched(); // or the send thread would wake in the middle of the round that has the client's next packet
 }
 
 uint32_t io_round() noexcept
@@ -69,12 +80,7 @@ uint32_t io_round() noexcept
 void list_in_round(int32_t index) noexcept
 {
     list_for_sending(index);
-    if (g_queued_since.load(std::memory_order_relaxed) == 0)
-        g_queued_since.store(1);
-    if (g_rounds_watched.load() == 0) {
-        g_rounds_watched.store(1);
-        wake_send_thread();
-    }
+    have_rounds_watched();
 }
 
 bool rounds_are_watched(int &quiet_turns) noexcept

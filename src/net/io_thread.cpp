@@ -181,6 +181,7 @@ void handle_events(int count, uint32_t start)
     if (layer_runs(start))
         receive_datagram(sink);
     call_round_end();
+    hand_over_to_lanes(start);
 }
 
 } // namespace

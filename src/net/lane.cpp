@@ -44,7 +44,8 @@ constinit Mutex                 g_listed_mutex{};
 constinit SlotQueue g_listed    GUARDED_BY(g_listed_mutex){};
 constinit std::atomic<uint32_t> g_listed_count{0};
 
-constinit thread_local bool t_on_lane = false;
+constinit thread_local bool      t_on_lane = false;
+constinit thread_local SlotQueue t_given; // by this I/O thread in its round
 
 Errand &errand_of(uint32_t handle)
 {
@@ -212,32 +213,29 @@ void *lane_thread(void *arg) noexcept
 
 // ---- giving work to the lanes
 
-// Sees to one thread at least. No more are started than there are turns to take.
+// As many as there are turns to take, or as can be had.
+void start_lanes(int turns, uint32_t start) REQUIRES(g_lane_mutex)
+{
+    while (g_lane_count < std::min(turns, kLanes) && start_lane(start)) {}
+}
+
 bool has_lane(uint32_t start) REQUIRES(g_lane_mutex)
 {
-    if (g_lane_count <= std::min(g_turns, kLanes - 1))
-        (void)start_lane(start);
+    start_lanes(1, start);
     return g_lane_count > 0;
 }
 
-template <class Enter> bool give(const SlotPin &pin, uint32_t start, const Errand &errand, Enter enter)
+// False when there is no thread to take it. True also when the connection was closed: `errand` is not kept then.
+bool take_aside(const SlotPin &pin, const Errand &errand, uint32_t start, bool &is_taken)
 {
     {
         ScopedLock lock(g_lane_mutex);
         if (layer_runs(start) && !has_lane(start))
             return false;
     }
-    if (!step_aside(pin, Server::Lane))
-        return true;
-    {
-        ScopedLock lock(g_lane_mutex);
-        if (layer_runs(start)) {
-            errand_of(pin.handle()) = errand;
-            enter(pin.handle());
-            return true;
-        }
-    }
-    const SlotPin uncounted(pin.connection(), SlotPin::Counted); // the layer goes down, and closes the connection
+    is_taken = step_aside(pin, Server::Lane);
+    if (is_taken)
+        errand_of(pin.handle()) = errand; // this thread's until the connection is in a queue
     return true;
 }
 
@@ -258,7 +256,12 @@ bool give_to_lane(const SlotPin &pin, Work work, uint32_t group, uint32_t start)
     errand.group      = group;
     errand.work       = work;
     errand.line       = line;
-    return give(pin, start, errand, [](uint32_t handle) NO_LOCK_ANALYSIS { enter_group(handle); });
+    bool is_taken     = false;
+    if (!take_aside(pin, errand, start, is_taken))
+        return false;
+    if (is_taken)
+        t_given.push(pin.handle());
+    return true;
 }
 
 bool pause_on_lane(const SlotPin &pin, const Finish &finish, uint32_t start) noexcept
@@ -269,10 +272,33 @@ bool pause_on_lane(const SlotPin &pin, const Finish &finish, uint32_t start) noe
     errand.line       = kOtherTurns;
     errand.due_us     = mono_us() + uint64_t{kClosePause_ms} * 1000;
     errand.finish     = finish;
-    return give(pin, start, errand, [](uint32_t handle) NO_LOCK_ANALYSIS {
-        g_pauses.push(handle);
+    bool is_taken     = false;
+    if (!take_aside(pin, errand, start, is_taken))
+        return false;
+    if (!is_taken)
+        return true;
+    SlotQueue  left_out;
+    ScopedLock lock(g_lane_mutex);
+    if (layer_runs(start)) {
+        g_pauses.push(pin.handle());
         pthread_cond_signal(&g_work_came);
-    });
+    } else { // the layer goes down, and closes the connection
+        left_out.push(pin.handle());
+        release_pins(left_out);
+    }
+    return true;
+}
+
+void hand_over_to_lanes(uint32_t start) noexcept
+{
+    if (t_given.empty())
+        return;
+    ScopedLock lock(g_lane_mutex);
+    if (!layer_runs(start))
+        return release_pins(t_given);
+    while (!t_given.empty())
+        enter_group(t_given.pop());
+    start_lanes(g_turns, start);
 }
 
 // ---- the list of the rounds

@@ -38,6 +38,10 @@ private:
 // then the caller serves it.
 bool give_to_lane(const SlotPin &pin, Work work, uint32_t group, uint32_t start) noexcept;
 
+// To the lanes goes what this thread gave in the round. Called behind it, so that no answer of a lane leaves while the
+// round that read the packet is going on: who has the answer knows that the round's look at UDP is over.
+void hand_over_to_lanes(uint32_t start) noexcept;
+
 // `finish` is called kClosePause_ms from now. The same result.
 bool pause_on_lane(const SlotPin &pin, const Finish &finish, uint32_t start) noexcept;
 

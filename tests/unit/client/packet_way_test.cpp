@@ -34,13 +34,18 @@ uint32_t group(uint32_t handle, const Bytes &packet)
 
 TEST(packet_way, of_a_session_that_is_kept)
 {
-    const Manager manager;
-    log_in(1, "dev1", 0);
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1", 0);
+    EXPECT_EQ(way(1, kEnd), Way::Now) << "without an expiry interval it is only deleted";
+    client->session_expiry_interval = 1;
     for (const Bytes &packet : {kConnect, kSubscribe, kDisconnect, kEnd})
         EXPECT_EQ(way(1, packet), Way::Aside) << hex(packet);
     for (const char *packet : {"30 03 00 01 't'", "40 02 00 01", "62 02 00 01", "C0 00"})
         EXPECT_EQ(way(1, wire(packet)), Way::Now) << packet;
     EXPECT_EQ(way(1, kUnsubscribe), Way::Now);
+    client->session_expiry_interval = 0;
+    client::set_will(*client, {"t", nullptr, 0, 0, 0});
+    EXPECT_EQ(way(1, kEnd), Way::Aside) << "a will saves the session";
 }
 
 TEST(packet_way, of_a_clean_session)
@@ -67,9 +72,9 @@ TEST(packet_way, without_a_record)
 TEST(packet_way, packets_of_one_id_are_one_group)
 {
     const Manager manager;
-    log_in(1, "dev1", 0);
-    log_in(2, "dev2", 0);
-    const uint32_t of_dev1 = group(7, kConnect);
+    log_in(1, "dev1", 0)->session_expiry_interval = 1;
+    log_in(2, "dev2", 0)->session_expiry_interval = 1;
+    const uint32_t of_dev1                        = group(7, kConnect);
     EXPECT_NE(of_dev1, 0u);
     for (const Bytes &packet : {kSubscribe, kDisconnect, kEnd}) {
         EXPECT_EQ(group(1, packet), of_dev1) << hex(packet);
