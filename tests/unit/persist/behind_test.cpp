@@ -397,6 +397,9 @@ TEST_F(behind, a_pipe_in_the_place_of_a_file_counts_as_none)
     ASSERT_EQ(mkfifo(kPath, 0600), 0);
     EXPECT_THAT(topics(), IsEmpty());
     ASSERT_EQ(mkfifo("data/session/dev1.json.tmp", 0600), 0);
+    ASSERT_EQ(mkfifo(kRetains, 0600), 0);
+    EXPECT_EQ(persist_retain_load(), -4);
+    log.take();
     persist_flush_single(record.get(), PERSIST_SESSION);
     EXPECT_THAT(log.take(), ElementsAre(logged::temporary_not_written("data/session/dev1.json.tmp")));
 }
