@@ -187,6 +187,14 @@ class Broker(Program):
             raise Fault("the broker ended")
         return answer
 
+    def give_up(self):
+        """Ends, so that the last lines of its log are written."""
+        try:
+            self.process.stdin.close()
+            self.process.wait(LATE_S)
+        except (BrokenPipeError, subprocess.TimeoutExpired):
+            pass
+
     def lost_identifiers(self):
         """Deliveries that are lost because their identifier was drawn as 0 (delivery-identifier)."""
         return self.errors.read_text(errors="replace").count("requires non-zero Packet ID")
@@ -366,6 +374,7 @@ def run_one(arguments, seed):
             raise Fault("exit status is not 0")
         return True
     except Fault as fault:
+        broker.give_up()
         if broker.lost_identifiers():
             print(f"seed {seed}: a delivery drew the identifier 0, so nothing can be said")
             return True
