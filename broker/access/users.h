@@ -1,9 +1,9 @@
 // users.h - the file of users, "NAME:HASH" a line, and the question whether a password is right.
 //
-// Hashes are the system's, as crypt(5) describes them. Hashing is slow on purpose, and who asks is a thread of the
-// library that serves clients. So new hashes are of a cost that thread can bear, and of each user the password that was right
-// last is remembered, as a hash under a key that lives and dies with this object: a client that comes back, or a
-// thousand devices that share a user, cost one hashing. A wrong password and an unknown user cost one each time.
+// Hashes are the system's, as crypt(5) describes them. Hashing is slow on purpose, and other logins wait meanwhile. So
+// new hashes are of a low cost, and of each user the password that was right last is remembered, as a hash under a key
+// that lives and dies with this object: a client that comes back, or a thousand devices that share a user, cost one
+// hashing. A wrong password and an unknown user cost one each time.
 #ifndef TARN_BROKER_ACCESS_USERS_H
 #define TARN_BROKER_ACCESS_USERS_H
 
