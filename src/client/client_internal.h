@@ -172,6 +172,7 @@ void wait_for_flusher(mqtt_client_t &client) noexcept;
 // Frees the ring, now or when the thread that sends from it is done.
 void               drop_ring(mqtt_client_t &client) noexcept;
 [[nodiscard]] bool has_packets(mqtt_client_t &client) noexcept;
+[[nodiscard]] bool is_full(mqtt_client_t &client) noexcept; // its ring
 
 // The send list: the records of the pool with packets that no thread has tried to send yet, each once. The thread that
 // drains it takes all of them, oldest first. Each is off the list before it is served, so that a packet which comes

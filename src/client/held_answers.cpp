@@ -57,6 +57,8 @@ bool send_saved(HeldList &list, mqtt_client_t &client) REQUIRES(list.mutex)
     bool may_go_on = false;
     while (list.first && list.first->is_saved) {
         Held *const held = take_first(list);
+        if (held->length > 0 && is_full(client)) // hundreds may wait for one file
+            (void)flush_when_free(client, true);
         if (held->length > 0)
             (void)send_to(client, {std::span<const uint8_t>(held->answer, held->length)});
         delete held;
@@ -117,8 +119,9 @@ persist::SaveWaiter *PacketScope::ask(void *scope) noexcept
     auto *const held = new (std::nothrow) Held;
     if (!held)
         return nullptr;
-    held->saved     = on_saved;
-    held->client    = packet.index_;
+    held->saved  = on_saved;
+    held->client = packet.index_;
+    net::ask_about_all(connection_of(*record_at(packet.index_)), true);
     HeldList  &list = g_lists[packet.index_];
     ScopedLock lock(list.mutex);
     append(list, *held);

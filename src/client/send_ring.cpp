@@ -156,6 +156,11 @@ bool has_packets(mqtt_client_t &client) noexcept
     return peek(client.send_head) != peek(client.send_tail);
 }
 
+bool is_full(mqtt_client_t &client) noexcept
+{
+    return next_of(peek(client.send_tail) % CLIENT_SEND_SLOTS) == peek(client.send_head);
+}
+
 // send_lock is held, but for a pool record not while the socket is written to.
 Flushed flush_ring(mqtt_client_t &client, bool online_only) noexcept NO_LOCK_ANALYSIS
 {

@@ -14,6 +14,7 @@
 #include <errno.h>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <link.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -78,6 +79,23 @@ static void end_by_signal(int number)
     raise(number);
 }
 
+/* What the loader allocates for a thread stays with the thread's stack, which the C library keeps for later threads: how
+ * many there are depends on how many ran at once. */
+static uintptr_t loader_begin, loader_end;
+
+static int find_loader(struct dl_phdr_info *object, size_t size, void *unused)
+{
+    (void)size, (void)unused;
+    if (!strstr(object->dlpi_name, "/ld-linux"))
+        return 0;
+    loader_begin = loader_end = object->dlpi_addr;
+    for (int i = 0; i < object->dlpi_phnum; ++i) {
+        const uintptr_t end = object->dlpi_addr + object->dlpi_phdr[i].p_vaddr + object->dlpi_phdr[i].p_memsz;
+        loader_end          = end > loader_end ? end : loader_end;
+    }
+    return 1;
+}
+
 __attribute__((constructor)) static void read_settings(void)
 {
     static char stack[65536]; /* for a signal after a stack overflow */
@@ -86,6 +104,7 @@ __attribute__((constructor)) static void read_settings(void)
     long        first = 0, times = 1;
     const char *setting = getenv("TARN_FAIL");
 
+    dl_iterate_phdr(find_loader, NULL);
     backtrace(&frame, 1); /* loads what it needs */
     sigaltstack(&(stack_t){.ss_sp = stack, .ss_size = sizeof stack}, NULL);
     const int fatal[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
@@ -137,9 +156,21 @@ void *__libc_realloc(void *old, size_t size);
 void *__libc_memalign(size_t alignment, size_t size);
 void  __libc_free(void *block);
 
-static void *counted(void *block)
+static int is_loader(const void *caller)
 {
-    atomic_fetch_add(&live_blocks, block != NULL);
+    return (uintptr_t)caller >= loader_begin && (uintptr_t)caller < loader_end;
+}
+
+static void count_live(const void *caller, long blocks)
+{
+    if (!is_loader(caller))
+        atomic_fetch_add(&live_blocks, blocks);
+}
+
+#define counted(block) counted_for(__builtin_return_address(0), (block))
+static void *counted_for(const void *caller, void *block)
+{
+    count_live(caller, block != NULL);
     return block;
 }
 
@@ -158,7 +189,7 @@ void *realloc(void *old, size_t size)
     if (fails(MEMORY))
         return NULL;
     void *const block = __libc_realloc(old, size);
-    atomic_fetch_add(&live_blocks, (block != NULL) - (old != NULL && (block != NULL || size == 0)));
+    count_live(__builtin_return_address(0), (block != NULL) - (old != NULL && (block != NULL || size == 0)));
     return block;
 }
 
@@ -177,7 +208,7 @@ int posix_memalign(void **block, size_t alignment, size_t size)
 
 void free(void *block)
 {
-    atomic_fetch_sub(&live_blocks, block != NULL);
+    count_live(__builtin_return_address(0), -(block != NULL));
     __libc_free(block);
 }
 
