@@ -8,7 +8,6 @@
 #include "lane.h"
 
 #include <cerrno>
-#include <utility>
 #include <sys/socket.h>
 
 namespace tarn::net {
@@ -78,28 +77,14 @@ enum class Left {
     NotOurs, // a lane has the connection, it waits, it was closed, or the layer goes down
 };
 
-// The clock as a turn reads it: behind each packet.
-struct TurnTime {
-    const uint64_t began_us = mono_us();
-    uint64_t       now_us   = began_us;
-
-    uint64_t since_last() // us
-    {
-        const uint64_t last_us = std::exchange(now_us, mono_us());
-        return elapsed(now_us, last_us);
-    }
-    bool is_up() const { return elapsed(now_us, began_us) >= kTimePerTurn_us; }
-};
-
-Left serve_whole_packets(const SlotPin &pin, const EventSink &sink, uint32_t start, TurnTime &time)
+Left serve_whole_packets(const SlotPin &pin, const EventSink &sink, uint32_t start, uint64_t began_us)
 {
     const netip_conn_t &slot = pin.slot();
     while (packet_is_whole(slot)) {
         const auto length = static_cast<size_t>(slot.pkt_len);
         if (!layer_runs(start) || !serves_here(pin, {slot.rx_buf, length}, start) || !hand_up_first(pin, sink, start))
             return Left::NotOurs;
-        note_time(pin, time.since_last());
-        if (time.is_up())
+        if (elapsed(mono_us(), began_us) >= kTimePerTurn_us)
             return Left::More;
     }
     return Left::Nothing;
@@ -111,11 +96,11 @@ Left serve_whole_packets(const SlotPin &pin, const EventSink &sink, uint32_t sta
 //   test: stream.a_packet_of_4097_bytes_ends_the_connection
 Left read_and_serve(const SlotPin &pin, const EventSink &sink, uint32_t start)
 {
-    netip_conn_t &slot = pin.slot();
-    TurnTime      time;
-    ssize_t       total = 0;
+    netip_conn_t  &slot     = pin.slot();
+    const uint64_t began_us = mono_us();
+    ssize_t        total    = 0;
     // Of an earlier turn first.
-    if (const Left left = serve_whole_packets(pin, sink, start, time); left != Left::Nothing)
+    if (const Left left = serve_whole_packets(pin, sink, start, began_us); left != Left::Nothing)
         return left;
     for (int reads = 0; reads < kReadsPerTurn && total < kBytesPerTurn && layer_runs(start); ++reads) {
         const ssize_t got = receive_bytes(pin);
@@ -124,7 +109,7 @@ Left read_and_serve(const SlotPin &pin, const EventSink &sink, uint32_t start)
         total += got;
         LOG_DEBUG("[NETIP] 开始解析客户端数据 handle=%d 缓存长度=%d", static_cast<int>(pin.handle()), slot.rx_len);
         (void)find_packet_length(slot);
-        if (const Left left = serve_whole_packets(pin, sink, start, time); left != Left::Nothing)
+        if (const Left left = serve_whole_packets(pin, sink, start, began_us); left != Left::Nothing)
             return left;
         if (room_left(slot) == 0)
             return Left::End; // the packet in front will never be whole

@@ -161,13 +161,8 @@ bool take_turn(Turn &turn, uint32_t start)
 bool serve_work(const SlotPin &pin, const Errand &errand, const EventSink &sink, uint32_t start)
 {
     switch (errand.work) {
-    case Work::Packet: {
-        const uint64_t began_us = mono_us();
-        const bool     is_ours  = hand_up_first(pin, sink, start);
-        if (is_ours)
-            note_time(pin, elapsed(mono_us(), began_us));
-        return is_ours;
-    }
+    case Work::Packet:
+        return hand_up_first(pin, sink, start);
     case Work::End:
         hang_up(pin, sink);
         break;

@@ -70,7 +70,6 @@ struct SlotSide {
     uint8_t               resumed;        // resume() was called since the hook was asked. Slot lock
     Shared<uint8_t>       asks_about_all; // see ask_about_all()
     Shared<uint8_t>       was_aside;      // a packet of it went to a lane before
-    Shared<uint8_t>       is_slow;        // its last packet took long: the next goes to a lane
     Errand                errand;         // g_lane_mutex
 };
 extern SlotSide g_sides[NETIP_CLIENTS_MAX];
@@ -225,9 +224,6 @@ bool serves_here(const SlotPin &pin, std::span<const uint8_t> packet, uint32_t s
 // Hands up the packet in front and drops it from the buffer. False when nothing more of the connection is to be served
 // by this thread.
 bool hand_up_first(const SlotPin &pin, const EventSink &sink, uint32_t start) noexcept;
-
-// Notes how long a packet of the connection took, for the next one.
-void note_time(const SlotPin &pin, uint64_t took_us) noexcept;
 
 // Keeps rounds away from the connection, in favour of this one. False when it was closed.
 bool step_aside(const SlotPin &pin, Server server) noexcept;

@@ -20,8 +20,7 @@ constinit thread_local Finish *t_finish = nullptr; // for finish_later(), while 
 
 bool is_asked_about(const SlotPin &pin, std::span<const uint8_t> packet)
 {
-    const SlotSide &side = side_of(pin.handle());
-    if (packet.empty() || side.asks_about_all || side.is_slow)
+    if (packet.empty() || side_of(pin.handle()).asks_about_all)
         return true;
     return (g_asked_types >> (packet[0] >> 4) & 1) != 0;
 }
@@ -116,9 +115,7 @@ bool serves_here(const SlotPin &pin, std::span<const uint8_t> packet, uint32_t s
         return true;
     for (;;) {
         forget_resume(pin);
-        Choice choice = choose(pin.connection(), packet);
-        if (choice.way == Way::Now && side_of(pin.handle()).is_slow)
-            choice.way = Way::Aside;
+        const Choice choice = choose(pin.connection(), packet);
         if (choice.way == Way::Now)
             return true;
         if (choice.way == Way::Aside)
@@ -141,16 +138,6 @@ bool hand_up_first(const SlotPin &pin, const EventSink &sink, uint32_t start) no
     pause_ms(kClosePause_ms);
     finish.call(pin.connection(), finish.word);
     return pin.is_current();
-}
-
-// What many subscriptions match, or a host's callback thinks about, may keep the I/O thread for milliseconds. It is not
-// told before; but who sent one such packet is likely to send more.
-void note_time(const SlotPin &pin, uint64_t took_us) noexcept
-{
-    constexpr uint64_t kSlow_us = 2000, kFast_us = 500;
-    SlotSide          &side = side_of(pin.handle());
-    if (side.is_slow ? took_us < kFast_us : took_us >= kSlow_us)
-        side.is_slow = !side.is_slow;
 }
 
 bool step_aside(const SlotPin &pin, Server server) noexcept

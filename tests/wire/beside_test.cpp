@@ -42,19 +42,6 @@ bool on_auth(broker_t *, const char *, const char *username, const char *)
     return strcmp(username, "wrong") != 0;
 }
 
-// Publications to "slow" take their time, from the second on until the test lets them go.
-bool on_acl(broker_t *, const char *, const char *topic, uint8_t, mqtt_client_t *)
-{
-    static std::atomic<int> calls{0};
-    if (strcmp(topic, "slow") != 0)
-        return true;
-    if (calls++ == 0)
-        std::this_thread::sleep_for(20ms);
-    else
-        on_auth(nullptr, "", "slow", "");
-    return true;
-}
-
 struct Guarded {
     explicit Guarded(int max_clients = 200) : host(max_clients)
     {
@@ -254,20 +241,4 @@ TEST(beside, a_kick_waits_for_nobody_and_a_login_under_way_ends)
     slow.reset();
     Guarded::open();
     Peer::tcp().connect_v4("next").disconnect();
-}
-
-TEST(beside, a_client_whose_packet_took_long_holds_nobody_up_with_the_next)
-{
-    Guarded test;
-    tarn_sdk_mqtt_broker_register_acl_callback(test.host.broker(), on_acl);
-    Pair pair;
-    Peer slow = Peer::tcp();
-    slow.connect_v4("slow");
-    for (unsigned id = 1; id <= 3; ++id)
-        slow.send(publish_packet(4, "slow", "x", {.qos = 1, .id = id}));
-    ASSERT_TRUE(Guarded::are_waiting(1));
-    pair.exchange(20);
-    Guarded::open();
-    for (unsigned id = 1; id <= 3; ++id)
-        slow.expect(ack_packet(4, 0x40, id));
 }
