@@ -117,7 +117,7 @@ void close_claimed(mqtt_client_t &client)
 {
     const client_id_text id = stored_id(client);
     LOG_DEBUG("[MQTT5] Client close: max_packet_size=%u, client=%s", uint32_t{client.max_packet_size}, id.text);
-    const bool is_kept = !client.clean_session;
+    const bool is_kept = !client.clean_session && (client.disconnect_received || client.session_expiry_interval != 0);
     save_or_delete_session(client, id);
     if (will_is_due(client))
         go_offline_with_will(client, id);

@@ -4,6 +4,7 @@
 #include "../base/text.h"
 #include "../stats/stats.hpp"
 #include "message_text.h"
+#include "retain_file.h"
 
 #include <algorithm>
 #include <cstring>
@@ -250,7 +251,7 @@ bool fill(MessageFile &file, const MessageText &text, const Surroundings *around
 void remember(const persist_session_t &record, const Surroundings &around) noexcept
 {
     const Found &found = around.found;
-    if (found.messages_unread ||
+    if (found.files() == 0 || found.messages_unread || // without files there is nothing to read
         (found.messages != Found::Messages::NoFile && found.messages != Found::Messages::Taken))
         return;
     MessageText text;
@@ -336,9 +337,10 @@ bool append_message(const char *client_id, const persist_msg_t &message) noexcep
 {
     SaveBehind *const  behind = SaveBehind::of_this_thread();
     SaveWaiter *const  waiter = waiter_of(behind);
+    const LastMessage  last(message);
     ScopedLock         lock(g_save_mutex);
     MessageFile *const file = find(client_id);
-    if (!waiter || !file || file->removed || !append_to(file->text, file->reread, message))
+    if (!waiter || !file || file->removed || !last.append_to(file->text, file->reread))
         return false;
     if (!save_behind(*file, behind, waiter))
         save_now(client_id);
@@ -385,19 +387,19 @@ void save_messages_of(const char *client_id) noexcept
     save_now(client_id);
 }
 
-void save_all_messages() noexcept
+void save_everything() noexcept
 {
     ScopedLock lock(g_save_mutex);
     for (;;) {
-        if (save_some_message_files())
+        if (save_a_batch())
             continue;
-        if (!is_any_written())
+        if (!is_any_written() && !is_store_written())
             return;
         await_saver();
     }
 }
 
-bool save_some_message_files() noexcept
+bool save_a_batch() noexcept
 {
     constexpr size_t kOfEach = 32;
     Write            writes[kQueues * kOfEach]{};
@@ -414,10 +416,10 @@ bool save_some_message_files() noexcept
             ++taken;
         }
     }
-    if (count == 0)
-        return false;
-    save({writes, count}, {targets, count});
-    return true;
+    const bool store = save_store_if_asked(); // behind the choice of the files
+    if (count > 0)
+        save({writes, count}, {targets, count});
+    return store || count > 0;
 }
 
 void forget_messages() noexcept

@@ -58,14 +58,15 @@ void forget_surroundings(const char *client_id) noexcept EXCLUDES(g_save_mutex);
 
 // Returns when the disk has what is here.
 void save_messages_of(const char *client_id) noexcept EXCLUDES(g_save_mutex);
-void save_all_messages() noexcept EXCLUDES(g_save_mutex);
+void save_everything() noexcept EXCLUDES(g_save_mutex); // the retained store too, if that was asked for
 void forget_messages() noexcept EXCLUDES(g_save_mutex); // but for what is not saved
 
 // ---- the saver thread's part
 
-// Writes some of the files in the queue, those of a small packet first; false when it is empty. The lock is dropped
-// meanwhile.
-bool save_some_message_files() noexcept REQUIRES(g_save_mutex);
+// Writes the retained store, if that was asked for, and some of the files in the queue, those of a small packet first;
+// false when there is nothing to write. A packet retains its message before it is kept for others, and so it comes to
+// the disk: no file is ahead of the store. The lock is dropped meanwhile.
+bool save_a_batch() noexcept REQUIRES(g_save_mutex);
 
 } // namespace tarn::persist
 

@@ -49,23 +49,27 @@ void MessageText::set(const persist_session_t &record) noexcept
     text_.append(kEnd);
 }
 
-bool append_to(GrowArray<char> &text, Reread &reread, const persist_msg_t &message) noexcept
+LastMessage::LastMessage(const persist_msg_t &message) noexcept
 {
-    if (!reread.is_known() || reread.count >= PERSIST_MSGS_MAX)
-        return false;
     constexpr size_t kEnough = 1024; // but for long topics and payloads
-    Text             object;
-    object.reserve(kEnough);
-    if (reread.count > 0)
-        object.append(",");
-    const size_t begin = reread.end + object.chars().size();
-    append_object(object, message);
-    const size_t end = reread.end + object.chars().size();
-    object.append(kEnd);
-    if (!object.ok() || !text.reserve(reread.end + object.chars().size()))
+    text_.reserve(kEnough);
+    text_.append(",");
+    append_object(text_, message);
+    text_.append(kEnd);
+}
+
+bool LastMessage::append_to(GrowArray<char> &text, Reread &reread) const noexcept
+{
+    if (!text_.ok() || !reread.is_known() || reread.count >= PERSIST_MSGS_MAX)
         return false;
+    const size_t left_out = reread.count > 0 ? 0 : 1; // the comma
+    const size_t added    = text_.chars().size() - left_out;
+    if (!text.reserve(reread.end + added))
+        return false;
+    const size_t end   = reread.end + added - kEnd.size();
+    const size_t begin = reread.end + 1 - left_out;
     text.resize_down(reread.end);
-    (void)text.append(object.chars().data(), object.chars().size());
+    (void)text.append(text_.chars().data() + left_out, added);
     note_message(reread, reread.count, begin, end);
     return true;
 }

@@ -20,9 +20,18 @@ private:
     Reread reread_;
 };
 
-// Adds a message behind those of `text` that a load would find, in place of what it would not. False, and nothing is
-// changed, without memory, when that is not known, or when it finds as many as there may be.
-[[nodiscard]] bool append_to(GrowArray<char> &text, Reread &reread, const persist_msg_t &message) noexcept;
+// What one message adds behind another: a comma, the message and the end of the text.
+class LastMessage {
+public:
+    explicit LastMessage(const persist_msg_t &message) noexcept;
+
+    // Adds the message behind those of `text` that a load would find, in place of what it would not. False, and nothing
+    // is changed, without memory, when that is not known, or when it finds as many as there may be.
+    [[nodiscard]] bool append_to(GrowArray<char> &text, Reread &reread) const noexcept;
+
+private:
+    Text text_;
+};
 
 } // namespace tarn::persist
 

@@ -51,8 +51,8 @@ int persist_init(const char *root_path);
 int persist_destroy(void);
 
 /*
- * Kept for hosts. Each writes one line, the first at INFO, the others at DEBUG, and does nothing else: every change is
- * written at once, and sessions do not expire on the disk.
+ * Kept for hosts. Each writes one line, the first at INFO, the others at DEBUG. persist_flush returns when every change
+ * made so far is on the disk; the others do nothing else, as sessions do not expire there.
  */
 void persist_stop(void);
 void persist_flush(void);

@@ -15,7 +15,7 @@ namespace tarn::persist {
 // Makes the directories and loads subscriptions and retained messages. Null or empty: the root stays as it is.
 void init(const char *root_path) noexcept;
 void destroy() noexcept;
-void flush() noexcept; // everything has been written then; nobody waits on a thread with a SaveBehind
+void flush() noexcept; // its line; what a lane changes it has written by then
 
 // Writes those of the client's files that `what` names; nothing without an id or for a clean session. The caller holds
 // the record's lock, if others may write to it.

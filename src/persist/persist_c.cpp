@@ -40,6 +40,7 @@ void persist_stop(void)
 
 void persist_flush(void)
 {
+    persist::save_everything();
     persist::flush();
 }
 

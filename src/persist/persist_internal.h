@@ -61,7 +61,6 @@ size_t unhex(uint8_t *to, size_t limit, std::string_view pairs) noexcept;
 // ---- files
 
 void make_directory(const char *path) noexcept; // if there is nothing of this name
-void save_everything() noexcept;                // that is not on the disk yet
 
 // Writes `text` to a path that is known to be usable, or says that it cannot.
 void safe_write(const Path &path, const char *text) noexcept;

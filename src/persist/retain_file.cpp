@@ -24,7 +24,7 @@ struct Snapshot {
     uint32_t            count = 0;
 };
 
-int32_t store_count() NO_LOCK_ANALYSIS
+int32_t store_count() REQUIRES(g_sub_mgr.lock)
 {
     return g_sub_mgr.retains ? std::clamp<int32_t>(g_sub_mgr.retain_count, 0, RETAIN_CAPACITY) : 0;
 }
@@ -87,6 +87,7 @@ void log_success(uint32_t count)
 
 struct Request {
     uint32_t    changes = 0; // since the last save began
+    uint32_t    writers = 0; // threads that save earlier ones
     SaveWaiters waiters;
 };
 constinit Undestroyed<Request> g_request GUARDED_BY(g_save_mutex);
@@ -103,7 +104,10 @@ bool save_behind()
         g_request.value.changes++;
         wake_saver();
     }
-    log_success(static_cast<uint32_t>(store_count()));
+    if (log_passes(AGENT_LOG_DEBUG)) {
+        ScopedLock store(g_sub_mgr.lock);
+        log_success(static_cast<uint32_t>(store_count()));
+    }
     return true;
 }
 
@@ -145,6 +149,7 @@ bool save_store_if_asked() noexcept
         return false;
     request.changes = std::exchange(g_request.value.changes, 0u);
     request.waiters.take(g_request.value.waiters);
+    g_request.value.writers++;
     g_save_mutex.unlock();
     uint32_t   count   = 0;
     const bool written = write_store(count);
@@ -154,13 +159,14 @@ bool save_store_if_asked() noexcept
         stats::count(stats::Counter::persist_write);
     request.waiters.tell();
     g_save_mutex.lock();
+    g_request.value.writers--;
+    saving_changed();
     return true;
 }
 
-void save_store_now() noexcept
+bool is_store_written() noexcept
 {
-    ScopedLock lock(g_save_mutex);
-    (void)save_store_if_asked();
+    return g_request.value.writers > 0;
 }
 
 bool load_retained() noexcept

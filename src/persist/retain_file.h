@@ -8,7 +8,8 @@ namespace tarn::persist {
 
 // Saves the store if that was asked for; false if not. The lock is dropped meanwhile.
 bool save_store_if_asked() noexcept REQUIRES(g_save_mutex);
-void save_store_now() noexcept EXCLUDES(g_save_mutex); // likewise, on the calling thread
+// A thread is at it.
+bool is_store_written() noexcept REQUIRES(g_save_mutex);
 
 } // namespace tarn::persist
 

@@ -4,7 +4,6 @@
 #include "../base/relaxed.h"
 #include "../base/thread.h"
 #include "message_files.h"
-#include "retain_file.h"
 
 namespace tarn::persist {
 
@@ -33,9 +32,7 @@ void *saver_thread(void *) noexcept
 {
     ScopedLock lock(g_save_mutex);
     while (g_runs) {
-        const bool store = save_store_if_asked();
-        const bool files = save_some_message_files();
-        if (!store && !files)
+        if (!save_a_batch())
             sleep_until_woken();
     }
     return nullptr;

@@ -3,7 +3,6 @@
 #include "../log/log.h"
 #include "../stats/stats.hpp"
 #include "message_files.h"
-#include "retain_file.h"
 
 #include <cstdio>
 #include <cstring>
@@ -68,12 +67,6 @@ void make_directory(const char *path) noexcept
     LOG_DEBUG("[persist] 目录创建成功: %s", path);
 }
 
-void save_everything() noexcept
-{
-    save_store_now();
-    save_all_messages();
-}
-
 void init(const char *root_path) noexcept
 {
     LOG_INFO("[persist] 持久化模块初始化中...");
@@ -103,8 +96,6 @@ void destroy() noexcept
 
 void flush() noexcept
 {
-    if (!SaveBehind::of_this_thread())
-        save_everything();
     LOG_DEBUG("[persist] 执行强制刷盘(无操作，已同步写入)");
 }
 

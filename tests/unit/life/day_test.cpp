@@ -267,9 +267,8 @@ private:
         ADD_FAILURE() << "whose will is " << text;
     }
 
-    // The tests are run without the allocator's cache (CMakeLists.txt), whose chunks count as used. Of each id with a
-    // kept session it is remembered what its files say.
-    static size_t heap_room() { return kDevices * 600 + (getenv("GLIBC_TUNABLES") ? 6000 : 100000); }
+    // The tests are run without the allocator's cache (CMakeLists.txt), whose chunks count as used.
+    static size_t heap_room() { return getenv("GLIBC_TUNABLES") ? 6000 : 100000; }
 
     void check_hour()
     {
