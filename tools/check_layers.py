@@ -14,7 +14,7 @@ import sys
 from pathlib import Path
 
 # From the bottom up.
-LAYERS = ["base", "log", "tls", "codec", "net", "stats", "persist", "sub", "client", "qos", "handler", "api"]
+LAYERS = ["base", "log", "tls", "codec", "net", "stats", "persist", "sub", "client", "qos", "standard", "handler", "api"]
 
 # The one C++ header of a module, with all that others may use of it.
 FACES = {
