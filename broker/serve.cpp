@@ -52,10 +52,11 @@ void raise_descriptor_limit()
         perror("tarn-broker: cannot raise the limit of open files");
 }
 
-// A broker without clients has some ten files open, and opens a few more for sessions.
+// A broker without clients has some ten files open, opens up to 64 at once for sessions, and closes up to 64 sockets
+// of clients that left only when their files are written.
 void warn_of_descriptor_limit(int32_t clients)
 {
-    constexpr rlim_t kOwn = 32;
+    constexpr rlim_t kOwn = 160;
     rlimit           limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < static_cast<rlim_t>(clients) + kOwn)
         fprintf(stderr, "tarn-broker: %d clients do not fit into the limit of %llu open files (ulimit -n)\n", clients,
