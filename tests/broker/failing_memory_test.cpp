@@ -41,6 +41,16 @@ std::string every(int n)
     return "FAIL_EVERY=" + std::to_string(n);
 }
 
+std::string from(int n)
+{
+    return "FAIL_FROM=" + std::to_string(n);
+}
+
+bool has_begun_to_fail(const Child &broker)
+{
+    return broker.errors().find("failing: begins\n") != std::string::npos;
+}
+
 // A signal is taken some time after it was sent, so both wait for the word.
 testing::AssertionResult begin_shortage(const Child &broker)
 {
@@ -101,6 +111,14 @@ void expect_served(const Child &broker)
         ADD_FAILURE() << tail(broker.output()) << "\n" << tail(broker.errors());
 }
 
+// It did not serve.
+void expect_reason(Child &broker)
+{
+    EXPECT_EQ(broker.wait(kLimit_ms), 1) << broker.errors();
+    EXPECT_NE(broker.errors().find("tarn-broker: "), std::string::npos) << broker.errors();
+    EXPECT_EQ(broker.errors().find("cannot listen"), std::string::npos) << "the port was free";
+}
+
 } // namespace
 
 TEST(shortage, a_callback_without_memory_gives_the_other_result)
@@ -137,6 +155,52 @@ TEST(failing_memory, ends_nothing_but_what_needed_it)
         ASSERT_TRUE(end_shortage(broker)) << "with one in " << n;
         expect_served(broker);
         EXPECT_TRUE(ends_well(broker)) << "one in " << n;
+    }
+}
+
+// The start may fail, with a word; once it has said that it serves, nothing ends it.
+TEST(failing_memory, at_the_start_leaves_a_reason_or_a_broker)
+{
+    if (kSanitized)
+        GTEST_SKIP() << "the sanitizers have an allocator of their own";
+    write_files();
+    int served = 0;
+    for (int n = 1;; ++n) {
+        SCOPED_TRACE("the allocation " + std::to_string(n) + " fails");
+        Child broker = run_with_failing_memory({every(1), from(n), "FAIL_TIMES=1"}, kOptions);
+        if (!serves(broker)) {
+            expect_reason(broker);
+            continue;
+        }
+        if (!has_begun_to_fail(broker))
+            break; // there were no more
+        ++served;
+        expect_served(broker);
+    }
+    EXPECT_GT(served, 0);
+}
+
+// As above, and all that follow fail too; the last time from right behind that word on.
+TEST(failing_memory, that_lasts_leaves_a_reason_or_a_broker)
+{
+    if (kSanitized)
+        GTEST_SKIP() << "the sanitizers have an allocator of their own";
+    write_files();
+    int n = 1;
+    for (bool failed_before = true; failed_before; ++n) {
+        SCOPED_TRACE("all from the allocation " + std::to_string(n) + " on fail");
+        Child broker = run_with_failing_memory({every(1), from(n)}, kOptions);
+        if (!serves(broker)) {
+            expect_reason(broker);
+            continue;
+        }
+        failed_before = has_begun_to_fail(broker);
+        ASSERT_TRUE(begin_shortage(broker));
+        try_to_use("early", kAlice);
+        broker.signal(SIGHUP);
+        ASSERT_TRUE(end_shortage(broker));
+        expect_served(broker);
+        EXPECT_TRUE(ends_well(broker));
     }
 }
 
