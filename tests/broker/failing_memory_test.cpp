@@ -97,7 +97,7 @@ const std::vector<std::string> kOptions = {"--user-file", "users",     "--acl-fi
 
 void write_files()
 {
-    write_text("users", user_lines({"alice"}));
+    write_text("users", user_lines({"alice", "bob"}));
     write_text("rules", "readwrite home/#\n");
 }
 
@@ -146,7 +146,7 @@ TEST(failing_memory, ends_nothing_but_what_needed_it)
         for (int turn = 0; turn < 8 && !broker.ended(); ++turn) {
             try_to_use("right" + std::to_string(turn),
                        {.will = Will{"home/gone", "x"}, .username = "alice", .password = "right"});
-            try_to_use("wrong", {.username = "alice", .password = "wrong"});
+            try_to_use("wrong", {.username = "bob", .password = "wrong"}); // who then has to wait
             try_to_use("", kAlice);
             broker.signal(turn % 2 ? SIGUSR1 : SIGHUP);
             if (turn % 5 == 0)
