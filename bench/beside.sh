@@ -3,19 +3,11 @@
 # however it ends: in a network of its own where the kernel allows it, and with its files in a directory that goes with
 # it.
 set -eu
-if [ -z "${TARN_OWN_NETWORK-}" ]; then
-    for namespace in -n -rn; do
-        if unshare $namespace true 2>/dev/null; then
-            TARN_OWN_NETWORK=yes exec unshare $namespace "$0" "$@"
-        fi
-    done
-elif command -v ip >/dev/null 2>&1; then
-    ip link set lo up
-fi
+# shellcheck source=bench/own_network.sh
+. "$(dirname "$0")/own_network.sh"
 broker=$1
 beside=$2
 shift 2
-PATH=$PATH:/usr/sbin:/usr/local/sbin
 command -v mosquitto >/dev/null 2>&1 || set -- --alone "$@"
 
 TMPDIR=$(mktemp -d)

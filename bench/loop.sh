@@ -3,19 +3,11 @@
 # against mosquitto as a yardstick, in a directory and, where the kernel allows it, a network of their own. With
 # TARN_BENCH_ALONE=yes without the yardstick.
 set -eu
-if [ -z "${TARN_OWN_NETWORK-}" ]; then
-    for namespace in -n -rn; do
-        if unshare $namespace true 2>/dev/null; then
-            TARN_OWN_NETWORK=yes exec unshare $namespace "$0" "$@"
-        fi
-    done
-elif command -v ip >/dev/null 2>&1; then
-    ip link set lo up
-fi
+# shellcheck source=bench/own_network.sh
+. "$(dirname "$0")/own_network.sh"
 broker=$1
 bench=$2
 shift 2
-PATH=$PATH:/usr/sbin:/usr/local/sbin
 
 directory=$(mktemp -d)
 started=

@@ -29,6 +29,17 @@ int64_t now_ms()
         .count();
 }
 
+// Counts nothing, unlike unless_short(): there may be another way.
+template <class Act> bool has_memory_for(const Act &act) noexcept
+{
+    try {
+        act();
+        return true;
+    } catch (const std::exception &) {
+        return false;
+    }
+}
+
 // A socket is told for each write that it is not to wait; everything else has its mode.
 ssize_t write_some(int fd, const char *bytes, size_t count)
 {
@@ -44,6 +55,7 @@ struct LineWriter::Queue {
         : fd(its_fd), descriptor(its_descriptor), end_fd(eventfd(0, EFD_CLOEXEC)), tell_lost(its_tell_lost)
     {
         batch.reserve(PIPE_BUF);
+        reserve.reserve(PIPE_BUF);
     }
     ~Queue()
     {
@@ -54,8 +66,10 @@ struct LineWriter::Queue {
     Queue(const Queue &)            = delete;
     Queue &operator=(const Queue &) = delete;
 
-    void add(std::string_view line); // under mutex
-    void add_lost();                 // under mutex
+    bool has_room_for(std::string_view line) const;    // under mutex, as the next three
+    bool add(std::string_view line) noexcept;          // false when there is no memory
+    bool add_to_lines(std::string_view line) noexcept; // likewise
+    bool add_lost() noexcept;                          // likewise; true when nothing was lost
     void run();
     bool take();                     // whole lines into batch; false at the end
     bool put_batch();                // false when not all of it could be written
@@ -72,6 +86,7 @@ struct LineWriter::Queue {
     std::condition_variable finished;      // the thread has ended
     std::deque<std::string> lines;         // with their newlines; under mutex, as all up to `done`
     size_t                  bytes = 0;     // of them all
+    std::string             reserve;       // lines behind all those, for which there was no memory; at most PIPE_BUF
     uint64_t                lost  = 0;     // since the last line that told
     bool                    ended = false; // no more lines come
     bool                    done  = false; // the thread's last word
@@ -91,7 +106,7 @@ LineWriter::~LineWriter()
 {
     std::unique_lock lock(queue_->mutex);
     queue_->ended = true;
-    unless_short([&] { queue_->add_lost(); });
+    (void)queue_->add_lost();
     queue_->filled.notify_one();
     eventfd_write(queue_->end_fd, 1);
     const auto limit = std::chrono::milliseconds(kEndLimit_ms + kLastWrite_ms);
@@ -102,15 +117,12 @@ void LineWriter::write(std::string_view line) noexcept
 {
     {
         const std::lock_guard lock(queue_->mutex);
-        if (queue_->lines.size() >= kCapacity || queue_->bytes + line.size() > kCapacityB) {
+        if (!queue_->has_room_for(line)) {
             ++queue_->lost;
             return;
         }
-        const bool added = unless_short([&] {
-            queue_->add_lost();
-            queue_->add(line);
-        });
-        if (!added) {
+        if (!queue_->add_lost() || !queue_->add(line)) {
+            count_shortage();
             ++queue_->lost;
             return;
         }
@@ -124,21 +136,42 @@ void LineWriter::lose() noexcept
     ++queue_->lost;
 }
 
-void LineWriter::Queue::add(std::string_view line)
+bool LineWriter::Queue::has_room_for(std::string_view line) const
 {
-    std::string text;
-    text.reserve(line.size() + 1);
-    text.append(line).append(1, '\n');
-    lines.push_back(std::move(text));
-    bytes += line.size() + 1;
+    return lines.size() < kCapacity && bytes + line.size() <= kCapacityB;
 }
 
-void LineWriter::Queue::add_lost()
+// What finds no memory goes into the reserve, and so does all that follows until the reserve has been written.
+bool LineWriter::Queue::add(std::string_view line) noexcept
+{
+    if (reserve.empty() && add_to_lines(line))
+        return true;
+    if (reserve.size() + line.size() + 1 > PIPE_BUF)
+        return false;
+    reserve.append(line).append(1, '\n');
+    return true;
+}
+
+bool LineWriter::Queue::add_to_lines(std::string_view line) noexcept
+{
+    return has_memory_for([&] {
+        std::string text;
+        text.reserve(line.size() + 1);
+        text.append(line).append(1, '\n');
+        lines.push_back(std::move(text));
+        bytes += line.size() + 1;
+    });
+}
+
+bool LineWriter::Queue::add_lost() noexcept
 {
     if (lost == 0)
-        return;
-    add(tell_lost(lost));
+        return true;
+    std::string line;
+    if (!has_memory_for([&] { line = tell_lost(lost); }) || !add(line))
+        return false;
     lost = 0;
+    return true;
 }
 
 void LineWriter::Queue::run()
@@ -158,8 +191,10 @@ void LineWriter::Queue::run()
 bool LineWriter::Queue::take()
 {
     std::unique_lock lock(mutex);
-    filled.wait(lock, [this] { return ended || !lines.empty(); });
+    filled.wait(lock, [this] { return ended || !lines.empty() || !reserve.empty(); });
     batch.clear();
+    if (lines.empty())
+        batch.swap(reserve);
     while (!lines.empty() && (batch.empty() || batch.size() + lines.front().size() <= PIPE_BUF)) {
         bytes -= lines.front().size();
         if (lines.front().size() > batch.capacity())

@@ -1,5 +1,6 @@
 // line_writer.h - lines for a reader who may be slow: write() puts a line into a bounded queue and returns, a thread of
-// its own writes. Lines that find no room, or no memory, are lost; a line that counts them stands in their place.
+// its own writes. Lines that find no room, or no memory, are lost; a line that counts them stands in their place. Without
+// memory there is still room for one PIPE_BUF of lines.
 #ifndef TARN_BROKER_LINE_WRITER_H
 #define TARN_BROKER_LINE_WRITER_H
 

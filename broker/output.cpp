@@ -174,14 +174,20 @@ void Output::tell_left_out(int64_t now_s)
     unless_short([&] { limit_.begin_second(now_s); });
 }
 
-// This program's own words, in which each newline ends a line.
+// This program's own words, in which each newline ends a line. A piece of whole lines, as nearly all are, needs no memory
+// here.
 void Output::take_error(std::string_view piece)
 {
+    for (size_t end; (end = piece.find('\n')) != piece.npos; piece.remove_prefix(end + 1)) {
+        if (error_.empty()) {
+            errors_->write(piece.substr(0, end));
+            continue;
+        }
+        error_ += piece.substr(0, end);
+        errors_->write(error_);
+        error_.clear();
+    }
     error_ += piece;
-    size_t begin = 0;
-    for (size_t end; (end = error_.find('\n', begin)) != error_.npos; begin = end + 1)
-        errors_->write(std::string_view(error_).substr(begin, end - begin));
-    error_.erase(0, begin);
 }
 
 void log_warning(const std::string &text)

@@ -141,6 +141,19 @@ Counters read_counters()
     };
 }
 
+bool has_tables()
+{
+    pthread_mutex_lock(&g_sub_mgr.lock);
+    const bool there = g_sub_mgr.subs && g_sub_mgr.retains;
+    pthread_mutex_unlock(&g_sub_mgr.lock);
+    return there;
+}
+
+bool tcp_is_open()
+{
+    return peek(g_netip_tcp_listen) >= 0;
+}
+
 bool udp_is_open()
 {
     return peek(g_netip_udp) >= 0;

@@ -46,6 +46,12 @@ struct Counters {
 };
 Counters read_counters(); // all but the bytes
 
+// Whether the library's init, which does not say so, got memory for subscriptions and retained messages.
+bool has_tables();
+
+// Whether the library has the port for TCP. It keeps it from the first start on until the process ends.
+bool tcp_is_open();
+
 // Whether datagrams are served. All UDP clients share one socket, which is closed with the first of them that ends.
 bool udp_is_open();
 

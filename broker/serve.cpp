@@ -52,10 +52,11 @@ void raise_descriptor_limit()
         perror("tarn-broker: cannot raise the limit of open files");
 }
 
-// A broker without clients has some ten files open, and opens a few more for sessions.
+// A broker without clients has some ten files open, opens up to 64 at once for sessions, and closes up to 64 sockets
+// of clients that left only when their files are written.
 void warn_of_descriptor_limit(int32_t clients)
 {
-    constexpr rlim_t kOwn = 32;
+    constexpr rlim_t kOwn = 160;
     rlimit           limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < static_cast<rlim_t>(clients) + kOwn)
         fprintf(stderr, "tarn-broker: %d clients do not fit into the limit of %llu open files (ulimit -n)\n", clients,
@@ -87,9 +88,10 @@ int port_error(int type)
     return error;
 }
 
+// A start that failed half-way may have opened the port.
 void explain_failed_start(int32_t code)
 {
-    if (const int error = port_error(SOCK_STREAM))
+    if (const int error = tcp_is_open() ? 0 : port_error(SOCK_STREAM))
         fprintf(stderr, "tarn-broker: cannot listen on port %d: %s\n", kPort, strerror(error));
     else
         fprintf(stderr, "tarn-broker: cannot start: %s\n", tarn_sdk_mqtt_broker_error_str(code));
@@ -212,6 +214,8 @@ Holdings library_holdings()
 int32_t start(broker_t *broker, const Options &options, Access &access, Quotas &quotas, RefusalLog &refusals)
 {
     tarn_sdk_mqtt_broker_init(broker);
+    if (!has_tables())
+        return TARN_E_RESOURCE;
     tarn_sdk_mqtt_broker_set_log_level(broker, options.level()); // again, since init sets it back
     tarn_sdk_mqtt_broker_set_keepalive_timeout(broker, options.keepalive_s);
     tarn_sdk_mqtt_broker_set_max_packet_size(broker, options.max_packet_size);
@@ -318,17 +322,18 @@ ExitStatus serve(const Options &options)
     const int32_t code   = start(broker, options, access, quotas, refusals);
     bool          served = false, used_up = false;
     if (code == TARN_OK) {
-        served = unless_short([&] {
-            log_where_it_serves(options.max_clients, options.udp);
-            warn_of_descriptor_limit(options.max_clients);
+        served = unless_short([&] { // before it says that it serves: after that nothing may end it
             keep_house(loop, broker, options, access, quotas, refusals, disk);
             watch_records(loop, options, used_up);
             attachments.serve(broker);
         });
-        if (served)
+        if (served) {
+            log_where_it_serves(options.max_clients, options.udp);
+            warn_of_descriptor_limit(options.max_clients);
             loop.run();
-        else
+        } else {
             fputs("tarn-broker: out of memory\n", stderr);
+        }
         attachments.end();
         for (const int number : {SIGINT, SIGTERM}) // the next one ends the process at once
             loop.release_signal(number);

@@ -2,6 +2,7 @@
 
 #include <crypt.h>
 #include <memory>
+#include <new>
 #include <thread>
 
 #include <tarn_sdk_mqtt_broker/codec/mqtt_codec.h>
@@ -28,9 +29,13 @@ uint64_t hashed_at_once()
     return std::thread::hardware_concurrency() > 2 ? 2 : 1;
 }
 
+// Throws when there is no memory for the hashing, which must not count as a wrong password. What else could fail was
+// looked at when the hash was read.
 bool matches(const std::string &hash, const std::string &password)
 {
     const std::string now = crypted(password, hash);
+    if (now.empty() && !hash.empty())
+        throw std::bad_alloc();
     return !now.empty() && equal_in_constant_time(now, hash);
 }
 

@@ -2,6 +2,7 @@
 //
 // They belong to the instance that owns the client. No lock is held while one runs, so it may call the API.
 #include "../client/client.hpp"
+#include "../persist/persist.hpp"
 #include "api_internal.h"
 
 #include <cstdio>
@@ -20,6 +21,9 @@ public:
     ~CallbackScope() { --t_callbacks; }
     CallbackScope(const CallbackScope &)            = delete;
     CallbackScope &operator=(const CallbackScope &) = delete;
+
+private:
+    persist::SaveAtOnce at_once_; // what a host calls has left its files when it returns
 };
 
 broker_t *owner_of(mqtt_client_t &client)

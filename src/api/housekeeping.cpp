@@ -3,6 +3,7 @@
 #include "../base/relaxed.h"
 #include "../base/thread.h"
 #include "../client/client.hpp"
+#include "../persist/persist.hpp"
 #include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "api_internal.h"
@@ -54,8 +55,10 @@ void housekeeping_turn(broker_t &broker, int64_t now_s)
         give_back_memory();
         last_memory_look = now_s;
     }
-    if (will_delays_running())
+    if (will_delays_running()) {
+        const persist::SaveUnawaited behind;
         client::publish_due_wills(mono_ms());
+    }
 }
 
 void start_housekeeping(broker_t &broker)

@@ -8,6 +8,8 @@
 #include "../persist/persist.hpp"
 #include "client_internal.h"
 
+#include <optional>
+
 namespace tarn::client {
 namespace {
 
@@ -93,7 +95,12 @@ void give_back_ring_pages(mqtt_client_t &client)
 //   test: Close.a_will_without_delay_keeps_its_record_for_good, limits.a_published_will_keeps_the_place_of_its_client
 void go_offline_with_will(mqtt_client_t &client, const client_id_text &id)
 {
-    start_will(client, id);
+    {
+        std::optional<persist::SaveUnawaited> behind;
+        if (io_round() != 0)
+            behind.emplace();
+        start_will(client, id);
+    }
     go_offline(client);
     give_back_ring_pages(client);
     LOG_DEBUG("[遗嘱调试][延迟释放客户端] ClientID=%s，等待遗嘱发送完成后再释放", id.text);

@@ -22,6 +22,12 @@ uint8_t on_connected(uint32_t handle)
     return 1;
 }
 
+// A lane waits for the disk itself. A host that hands in a packet finds its files written and its answer queued.
+bool is_saved_behind()
+{
+    return io_round() != 0 && !net::on_lane();
+}
+
 // QUIRK(end-of-old-connection): a client that comes back before the end of its old connection was seen, which over a
 // wireless link is the ordinary case (FIN or RST come late), loses state of its new connection when that end is seen:
 // the subscriptions if the old session was a clean one, the unacknowledged deliveries always, and the files of a kept
@@ -43,6 +49,9 @@ void on_disconnected(uint32_t handle, uint32_t reason, uint32_t error)
     const client_ref client = find_client_by_handle(handle);
     if (!client)
         return; // never sent a packet, or closed from above: then this is its own netip_close
+    std::optional<PacketScope> scope;
+    if (is_saved_behind())
+        scope.emplace(*client);
     const uint32_t state = client->state;
     if (state == CLIENT_LOGINED)
         handler::forget(id_of(*client).text, client->clean_session);
@@ -76,19 +85,13 @@ client_ref client_of(uint32_t handle, broker_t *broker)
     return client ? std::move(client) : make_client(handle, broker);
 }
 
-// A lane waits for the disk itself. A host that hands in a packet finds its files written and its answer queued.
-bool is_saved_behind(int type)
-{
-    return io_round() != 0 && type != CONNECT && type != DISCONNECT;
-}
-
 void handle_packet(uint32_t handle, std::span<const uint8_t> packet, broker_t *broker)
 {
     const client_ref client = client_of(handle, broker);
     if (!client)
         return;
     std::optional<PacketScope> scope;
-    if (is_saved_behind(packet[0] >> 4))
+    if (is_saved_behind())
         scope.emplace(*client);
     (void)handler::dispatch(*client, packet);
 }

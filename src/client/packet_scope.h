@@ -2,6 +2,7 @@
 #ifndef TARN_CLIENT_PACKET_SCOPE_H
 #define TARN_CLIENT_PACKET_SCOPE_H
 
+#include "../net/net.hpp"
 #include "../persist/save_behind.h"
 #include "client_types.h"
 
@@ -10,7 +11,8 @@ namespace tarn::client {
 struct Held;
 
 // While one exists, the thread does not wait for the disk: what the packet changes is saved behind it, and its answers
-// leave when that is done. For records of the pool; any other is answered as soon as its changes are saved.
+// leave when that is done. If the packet ends the connection, the peer sees that then, too. For records of the pool; any
+// other is answered as soon as its changes are saved.
 class PacketScope {
 public:
     explicit PacketScope(mqtt_client_t &client) noexcept;
@@ -23,6 +25,7 @@ private:
 
     int32_t             index_;
     Held               *held_ = nullptr; // made with the first change
+    net::LateClose      late_close_;
     persist::SaveBehind behind_;
 };
 

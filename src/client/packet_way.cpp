@@ -3,17 +3,16 @@
 //   CONNECT      a lane: the host's authentication callback may hash or ask elsewhere; the session's files are read,
 //                written (its will) or deleted
 //   SUBSCRIBE    a lane, unless the session is clean: the subscription file is written
-//   DISCONNECT   a lane: the session's files are written or deleted
 //   the end      a lane where files are written: of a session with an expiry interval, or with a will
-//   all others   the I/O thread
+//   all others   the I/O thread, which waits for no disk (packet_scope.h)
 //
-// Behind answers that wait for the disk (held_answers.cpp) some of a client's packets wait, too.
+// DISCONNECT is not answered, so what others send behind it counts on it: it is served at once, or a message for the
+// client would find it still there and be lost. Behind answers that wait for the disk (held_answers.cpp) some of a
+// client's packets wait, too.
 //
-// Deleting takes the lock of the client's files, which may be held until another client's write is on the disk: so a
-// clean session does not make CONNECT and DISCONNECT cheap.
-//
-// What goes aside for one client id is a group. A client that says DISCONNECT and comes back at once thus finds its
-// session as the DISCONNECT left it, although the two are packets of two connections.
+// What goes aside for one client id is a group, and so is what would be served at once while one of the group is aside:
+// a client that says DISCONNECT and comes back at once finds its session as the DISCONNECT left it, although the two
+// are packets of two connections.
 #include "../base/text.h"
 #include "../codec/codec.hpp"
 #include "client_internal.h"
@@ -27,6 +26,11 @@ constexpr char kMadeUpIds[] = "auto_";
 net::Choice aside(const char *client_id)
 {
     return {net::Way::Aside, hash_of(client_id)};
+}
+
+net::Choice in_turn(const char *client_id)
+{
+    return net::is_aside(hash_of(client_id)) ? aside(client_id) : net::Choice{};
 }
 
 net::Choice way_of_connect(std::span<const uint8_t> packet)
@@ -47,16 +51,25 @@ bool end_writes_files(mqtt_client_t &client)
 net::Choice way_of_end(net::Connection connection)
 {
     const client_ref client = find_client_by_handle(connection.handle);
-    return client && end_writes_files(*client) ? aside(id_of(*client).text) : net::Choice{};
+    if (!client)
+        return {};
+    const client_id_text id = id_of(*client);
+    return end_writes_files(*client) ? aside(id.text) : in_turn(id.text);
 }
 
-// A client that sends one of these first, and has no record yet, has a session without id, which is kept.
-net::Choice way_of_session_packet(net::Connection connection, int type)
+// A client whose first packet it is has no record yet, and a session without id, which is kept.
+net::Choice way_of_subscribe(net::Connection connection)
 {
     const client_ref client = find_client_by_handle(connection.handle);
-    if (type == SUBSCRIBE && client && client->clean_session)
+    if (client && client->clean_session)
         return {};
     return aside(client ? id_of(*client).text : "");
+}
+
+net::Choice way_of_disconnect(net::Connection connection)
+{
+    const client_ref client = find_client_by_handle(connection.handle);
+    return in_turn(client ? id_of(*client).text : "");
 }
 
 } // namespace
@@ -67,12 +80,13 @@ net::Choice way_of(net::Connection connection, std::span<const uint8_t> packet) 
         return {net::Way::Later};
     if (packet.empty())
         return way_of_end(connection);
-    switch (const int type = packet[0] >> 4) {
+    switch (packet[0] >> 4) {
     case CONNECT:
         return way_of_connect(packet);
     case SUBSCRIBE:
+        return way_of_subscribe(connection);
     case DISCONNECT:
-        return way_of_session_packet(connection, type);
+        return way_of_disconnect(connection);
     default:
         return {};
     }

@@ -172,6 +172,7 @@ void take_will(mqtt_client_t &client, const mqtt_connect_para_t &connect)
 
 void drop_session(mqtt_client_t &client)
 {
+    (void)sub::remove_all_of(client.client_id); // first, or a message of another thread's would be kept for it again
     (void)persist::remove_session(client.client_id);
     client.session_restored = 0;
     {
@@ -179,7 +180,6 @@ void drop_session(mqtt_client_t &client)
         client.session.sub_count = 0;
         client.session.msg_count = 0;
     }
-    (void)sub::remove_all_of(client.client_id);
     LOG_INFO("[会话] CleanSession=1 → 清除历史数据 + 内存订阅");
 }
 
@@ -274,8 +274,13 @@ void cancel_delayed_wills(mqtt_client_t &client)
 //   test: connect.a_resumed_session_gets_retained_messages_again
 void resume_session(mqtt_client_t &client)
 {
-    if (client.clean_session || !client.session_restored)
+    if (client.clean_session)
         return;
+    if (!client.session_restored) { // but its subscriptions are in the table still, and other threads publish
+        if (persist::keeps_messages_for(client.client_id))
+            requeue_kept(client);
+        return;
+    }
     for (const persist_sub_t &saved :
          std::span(client.session.subs, static_cast<size_t>(shared(client.session.sub_count))))
         send_retained(client, saved.topic);

@@ -41,15 +41,6 @@ void leave_open(int fd)
     g_left_open.fds[g_left_open.count++] = fd;
 }
 
-// Unread input would turn the close into a reset, which can overtake what was sent last: the peer would never see it.
-void close_gently(int fd)
-{
-    shutdown(fd, SHUT_WR);
-    uint8_t unread[kDrainBytes];
-    for (int turn = 0; turn < kDrainTurns && recv(fd, unread, sizeof unread, MSG_DONTWAIT) > 0; ++turn) {}
-    close(fd);
-}
-
 // True for a UDP peer of this layer: all of them share the descriptor in g_netip_udp, and the number in the slot may
 // mean another file by now. A slot filled by hand owns its descriptor, unless it is the same socket.
 bool shares_descriptor(const SlotPin &pin)
@@ -84,23 +75,33 @@ constinit thread_local LateClose *t_late_close = nullptr;
 
 } // namespace
 
-LateClose::LateClose(const SlotPin &pin) noexcept : connection_(pin.connection())
+// Unread input would turn the close into a reset, which can overtake what was sent last: the peer would never see it.
+void close_socket(int fd) noexcept
 {
-    t_late_close = this;
+    shutdown(fd, SHUT_WR);
+    uint8_t unread[kDrainBytes];
+    for (int turn = 0; turn < kDrainTurns && recv(fd, unread, sizeof unread, MSG_DONTWAIT) > 0; ++turn) {}
+    close(fd);
+}
+
+LateClose::LateClose(Connection connection) noexcept : connection_(connection)
+{
+    if (!t_late_close)
+        t_late_close = this;
 }
 
 LateClose::~LateClose()
 {
-    t_late_close = nullptr;
+    if (t_late_close == this)
+        t_late_close = nullptr;
     if (fd_ >= 0)
-        close_gently(fd_);
+        close_socket(fd_);
 }
 
-bool LateClose::takes(const SlotPin &pin, int fd) noexcept
+bool LateClose::keeps(Connection connection, int fd) noexcept
 {
     LateClose *const late = t_late_close;
-    if (!late || late->connection_.handle != pin.handle() ||
-        late->connection_.generation != pin.connection().generation)
+    if (!late || late->connection_.handle != connection.handle || late->connection_.generation != connection.generation)
         return false;
     late->fd_ = fd;
     return true;
@@ -127,8 +128,8 @@ void close_connection(uint32_t handle, uint32_t generation) noexcept
             wipe_peer(*slot);
         if (agreed && shared)
             close_shared_udp(); // and with it UDP, until the next start
-        else if (agreed && !LateClose::takes(pin, slot->fd))
-            close_gently(slot->fd);
+        else if (agreed && !LateClose::keeps(pin.connection(), slot->fd))
+            close_socket(slot->fd);
     }
     if (!agreed && !shared)
         leave_open(pin.slot().fd);
@@ -146,7 +147,7 @@ void hang_up(const SlotPin &pin, const EventSink &sink) noexcept
     }
     unwatch(pin.handle());
     mark_closed(pin.handle());
-    close_gently(slot->fd);
+    close_socket(slot->fd);
 }
 
 void close_at_deinit(uint32_t handle, const EventSink &sink) noexcept
@@ -161,7 +162,7 @@ void close_at_deinit(uint32_t handle, const EventSink &sink) noexcept
         return;
     SlotLock slot(handle, SlotLock::Always);
     if (slot->type == NETIP_TCP) // the UDP socket follows by itself
-        close_gently(slot->fd);
+        close_socket(slot->fd);
     wipe_peer(*slot);
 }
 

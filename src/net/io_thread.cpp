@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <sys/socket.h>
+#include <utility>
 
 namespace tarn::net {
 namespace {
@@ -69,6 +70,24 @@ ssize_t receive_bytes(const SlotPin &pin)
     return got;
 }
 
+// Hundreds of connections may end at once, each with pending deliveries to drop. They end in as many rounds as it takes,
+// so that what others sent is served in between.
+class Ends {
+public:
+    bool has_time()
+    {
+        if (std::exchange(is_first_, false))
+            began_us_ = mono_us();
+        return elapsed(mono_us(), began_us_) < kEndsPerRound_us;
+    }
+
+private:
+    static constexpr uint64_t kEndsPerRound_us = 4000;
+
+    bool     is_first_ = true;
+    uint64_t began_us_ = 0;
+};
+
 // What a turn left behind.
 enum class Left {
     Nothing, // for now
@@ -119,17 +138,19 @@ Left read_and_serve(const SlotPin &pin, const EventSink &sink, uint32_t start)
 
 // The peer may be gone (`broken`), but what it sent before still waits here and comes first. A turn that ends before all
 // of it is read goes on in the next round, as the broken connection is reported until it is closed.
-void take_turn(const SlotPin &pin, const EventSink &sink, uint32_t start, bool broken)
+void take_turn(const SlotPin &pin, const EventSink &sink, uint32_t start, bool broken, Ends &ends)
 {
     const Left left = read_and_serve(pin, sink, start);
     if (left == Left::NotOurs || !pin.is_current())
         return;
-    if (left == Left::End || (broken && left == Left::Nothing)) {
+    const bool has_ended  = left == Left::End || (broken && left == Left::Nothing);
+    const bool is_put_off = has_ended && !ends.has_time();
+    if (has_ended && !is_put_off) {
         if (!serves_here(pin, {}, start))
             return;
         hang_up(pin, sink);
     }
-    end_turn(pin, sink);
+    end_turn(pin, sink, is_put_off);
 }
 
 void note_writable(const SlotPin &pin)
@@ -143,7 +164,7 @@ void note_writable(const SlotPin &pin)
         call_writable_hook(pin.handle());
 }
 
-void handle_event(const epoll_event &event, const EventSink &sink, uint32_t start)
+void handle_event(const epoll_event &event, const EventSink &sink, uint32_t start, Ends &ends)
 {
     const Connection connection{static_cast<uint32_t>(event.data.u64), static_cast<uint32_t>(event.data.u64 >> 32)};
     if (connection.generation == 0)
@@ -157,16 +178,16 @@ void handle_event(const epoll_event &event, const EventSink &sink, uint32_t star
     if (side_of(pin.handle()).server != Server::Rounds)
         return; // its turn comes from the list, or not from here
     if (broken || (event.events & EPOLLIN))
-        take_turn(pin, sink, start, broken);
+        take_turn(pin, sink, start, broken, ends);
 }
 
-void serve_listed(SlotQueue listed, const EventSink &sink, uint32_t start)
+void serve_listed(SlotQueue listed, const EventSink &sink, uint32_t start, Ends &ends)
 {
     while (!listed.empty()) {
         const uint32_t handle = listed.pop();
         const SlotPin  pin({handle, side_of(handle).errand.generation}, SlotPin::Counted);
         if (pin.is_current() && layer_runs(start))
-            take_turn(pin, sink, start, false);
+            take_turn(pin, sink, start, false, ends);
     }
 }
 
@@ -174,10 +195,11 @@ void handle_events(int count, uint32_t start)
 {
     const EventSink sink   = event_sink();
     const SlotQueue listed = take_listed();
+    Ends            ends;
     call_round_begin();
     for (int i = 0; i < count && layer_runs(start); ++i)
-        handle_event(g_epoll_events[i], sink, start);
-    serve_listed(listed, sink, start); // one turn a round for each: what the events list is for the next round
+        handle_event(g_epoll_events[i], sink, start, ends);
+    serve_listed(listed, sink, start, ends); // one turn a round for each: what the events list is for the next round
     if (layer_runs(start))
         receive_datagram(sink);
     call_round_end();

@@ -25,6 +25,7 @@ enum Line : uint8_t { kFirstTurns, kOtherTurns, kLines };
 
 struct Group {
     bool      is_served = false; // one of its turns is in a line or under way
+    uint32_t  given     = 0;     // turns that a round has given, and not handed over yet
     SlotQueue waiting;
 };
 
@@ -173,18 +174,27 @@ bool serve_work(const SlotPin &pin, const Errand &errand, const EventSink &sink,
     return pin.is_current();
 }
 
+void let_next_of_group(const Turn &turn, uint32_t start)
+{
+    ScopedLock lock(g_lane_mutex);
+    if (layer_runs(start))
+        leave_group(turn.errand.group);
+}
+
 // The hooks are around the turn, so that what it queued for clients leaves at its end, by this thread, and behind
-// end_turn(): the client's next packet is not to be overtaken by that of another client who heard of its answer.
+// end_turn(): the client's next packet is not to be overtaken by that of another client who heard of its answer. Nor
+// does that packet find the group served still, and have to go aside for it.
 void serve(const Turn &turn, uint32_t start)
 {
     const SlotPin pin({turn.handle, turn.errand.generation}, SlotPin::Counted);
     if (!pin.is_current())
-        return;
+        return let_next_of_group(turn, start);
     const EventSink sink = event_sink();
-    const LateClose late(pin);
+    const LateClose late(pin.connection());
     call_round_begin();
     if (serve_work(pin, turn.errand, sink, start))
         end_turn(pin, sink);
+    let_next_of_group(turn, start);
     if (has_listed())
         wake_io_thread();
     call_round_end();
@@ -197,7 +207,6 @@ void note_done(const Turn &turn, uint32_t start)
         return; // the queues have been emptied, or will be
     --g_serving[turn.errand.line];
     --g_turns;
-    leave_group(turn.errand.group);
 }
 
 void *lane_thread(void *arg) noexcept
@@ -246,6 +255,13 @@ bool on_lane() noexcept
     return t_on_lane;
 }
 
+bool is_aside(uint32_t group) noexcept
+{
+    ScopedLock   lock(g_lane_mutex);
+    const Group &those = g_groups[group % kGroups];
+    return group != 0 && (those.is_served || those.given > 0);
+}
+
 bool give_to_lane(const SlotPin &pin, Work work, uint32_t group, uint32_t start) noexcept
 {
     SlotSide  &side   = side_of(pin.handle());
@@ -259,8 +275,11 @@ bool give_to_lane(const SlotPin &pin, Work work, uint32_t group, uint32_t start)
     bool is_taken     = false;
     if (!take_aside(pin, errand, start, is_taken))
         return false;
-    if (is_taken)
-        t_given.push(pin.handle());
+    if (!is_taken)
+        return true;
+    t_given.push(pin.handle());
+    ScopedLock lock(g_lane_mutex);
+    g_groups[group % kGroups].given++;
     return true;
 }
 
@@ -296,8 +315,12 @@ void hand_over_to_lanes(uint32_t start) noexcept
     ScopedLock lock(g_lane_mutex);
     if (!layer_runs(start))
         return release_pins(t_given);
-    while (!t_given.empty())
-        enter_group(t_given.pop());
+    while (!t_given.empty()) {
+        const uint32_t handle = t_given.pop();
+        Group         &group  = g_groups[errand_of(handle).group % kGroups];
+        group.given -= group.given > 0;
+        enter_group(handle);
+    }
     start_lanes(g_turns, start);
 }
 
@@ -354,6 +377,7 @@ void empty_queues() noexcept
     for (Group &group : g_groups) {
         release_pins(group.waiting);
         group.is_served = false;
+        group.given     = 0;
     }
     release_pins(g_pauses);
     std::fill_n(g_serving, int{kLines}, 0);

@@ -192,22 +192,6 @@ void close_epoll() noexcept; // and g_wake_fd
 
 // ---- closing (close.cpp)
 
-// For the extent of a block the calling thread, when it closes this connection, keeps the socket open; the end of the
-// block closes it. The pin lasts longer.
-class LateClose {
-public:
-    explicit LateClose(const SlotPin &pin) noexcept;
-    ~LateClose();
-    LateClose(const LateClose &)            = delete;
-    LateClose &operator=(const LateClose &) = delete;
-
-    static bool takes(const SlotPin &pin, int fd) noexcept;
-
-private:
-    Connection connection_;
-    int        fd_ = -1;
-};
-
 // The end that the peer or an error brought: tells the callback (reason 0), then closes unless it objects.
 void hang_up(const SlotPin &pin, const EventSink &sink) noexcept;
 // The end of the layer: tells the callback (reason 2), closes in any case and wipes. Ignores free slots.
@@ -228,8 +212,9 @@ bool hand_up_first(const SlotPin &pin, const EventSink &sink, uint32_t start) no
 // Keeps rounds away from the connection, in favour of this one. False when it was closed.
 bool step_aside(const SlotPin &pin, Server server) noexcept;
 
-// After a turn: whole packets that are left make the connection the next round's, else epoll's.
-void end_turn(const SlotPin &pin, const EventSink &sink) noexcept;
+// After a turn: whole packets that are left, or an end that is put off, make the connection the next round's, else
+// epoll's.
+void end_turn(const SlotPin &pin, const EventSink &sink, bool is_put_off = false) noexcept;
 
 // ---- the moving parts
 

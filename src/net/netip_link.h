@@ -7,6 +7,7 @@
 #include "netip.h"
 
 #include <span>
+#include <utility>
 
 namespace tarn::net {
 
@@ -75,7 +76,8 @@ struct WayHook {
     Choice (*choose)(Connection connection, std::span<const uint8_t> packet) noexcept = nullptr;
 };
 void set_way_hook(WayHook hook) noexcept;
-bool on_lane() noexcept; // the calling thread is one of them
+bool on_lane() noexcept;                // the calling thread is one of them
+bool is_aside(uint32_t group) noexcept; // a lane serves one of the group, or is about to
 
 // From now on the hook is asked about each packet of this connection, or about those of `types` again. Any thread.
 void ask_about_all(Connection connection, bool all) noexcept;
@@ -94,6 +96,25 @@ constexpr uint32_t kClosePause_ms = 10;
 // of this handle.
 bool finish_later(uint32_t handle, void (*finish)(Connection connection, uint32_t word) noexcept,
                   uint32_t word) noexcept;
+
+// For the extent of a block the calling thread, when it closes this connection, keeps the socket open; the end of the
+// block closes it, unless the socket was taken over. Inside another such block it does nothing.
+class LateClose {
+public:
+    explicit LateClose(Connection connection) noexcept;
+    ~LateClose();
+    LateClose(const LateClose &)            = delete;
+    LateClose &operator=(const LateClose &) = delete;
+
+    int take_over() noexcept { return std::exchange(fd_, -1); } // -1: the connection was not closed
+
+    static bool keeps(Connection connection, int fd) noexcept;
+
+private:
+    Connection connection_;
+    int        fd_ = -1;
+};
+void close_socket(int fd) noexcept; // what was sent last still arrives
 
 // For the extent of a block the calling thread counts as handing up nothing: what a host calls inside a callback is
 // done when it returns.

@@ -150,24 +150,24 @@ bool step_aside(const SlotPin &pin, Server server) noexcept
     return true;
 }
 
-void end_turn(const SlotPin &pin, const EventSink &sink) noexcept
+void end_turn(const SlotPin &pin, const EventSink &sink, bool is_put_off) noexcept
 {
-    SlotSide  &side      = side_of(pin.handle());
-    const bool has_whole = packet_is_whole(pin.slot());
-    if (!has_whole && !side.unwatched && side.server == Server::Rounds)
+    SlotSide  &side     = side_of(pin.handle());
+    const bool has_more = is_put_off || packet_is_whole(pin.slot());
+    if (!has_more && !side.unwatched && side.server == Server::Rounds)
         return;
     bool heard_of = true;
     {
         SlotLock slot(pin.handle(), SlotLock::Always);
         if (!pin.is_current())
             return;
-        side.server = has_whole ? Server::List : Server::Rounds;
-        if (has_whole)
+        side.server = has_more ? Server::List : Server::Rounds;
+        if (has_more)
             side.pins.fetch_add(1, std::memory_order_relaxed);
         else if (side.unwatched && !side.paused)
             heard_of = watch(pin.handle());
     }
-    if (has_whole)
+    if (has_more)
         list_for_round(pin.connection());
     else if (!heard_of)
         hang_up(pin, sink); // nothing would ever be heard of it

@@ -8,7 +8,7 @@
 #include "../base/text.h"
 #include "../log/log.h"
 #include "../stats/stats.hpp"
-#include "message_files.h"
+#include "client_files.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -214,30 +214,27 @@ bool take_messages(persist_session_t &record, const char *text)
 
 // ---- the three files
 
-// g_persist_mutex, but not for a thread with a SaveBehind: it does not wait for what others read.
-class ReadLock {
-public:
-    ReadLock() noexcept NO_LOCK_ANALYSIS : held_(!SaveBehind::of_this_thread())
-    {
-        if (held_)
-            g_persist_mutex.lock();
+// What the file is about to be counts, if it is not saved yet. False when there is no such file.
+bool read_small_file(Kind kind, const char *client_id, const Path &path, SessionText &text)
+{
+    owned<char> unsaved;
+    switch (read_unsaved(kind, client_id, unsaved, PERSIST_TEXT_READ_MAX, sizeof text)) {
+    case Unsaved::Removed:
+        return false;
+    case Unsaved::Text:
+        if (unsaved)
+            memcpy(text, unsaved.get(), sizeof text);
+        return unsaved != nullptr;
+    case Unsaved::No:
+        break;
     }
-    ~ReadLock() NO_LOCK_ANALYSIS
-    {
-        if (held_)
-            g_persist_mutex.unlock();
-    }
-    ReadLock(const ReadLock &)            = delete;
-    ReadLock &operator=(const ReadLock &) = delete;
-
-private:
-    bool held_;
-};
+    return read_file(path, text, PERSIST_TEXT_READ_MAX);
+}
 
 bool read_session_file(persist_session_t &record, const Path &path)
 {
     SessionText text{};
-    if (!read_file(path, text, PERSIST_TEXT_READ_MAX))
+    if (!read_small_file(Kind::Session, record.client_id, path, text))
         return false;
     take_session(record, text);
     return true;
@@ -246,7 +243,7 @@ bool read_session_file(persist_session_t &record, const Path &path)
 bool read_subscription_file(persist_session_t &record, const Path &path, bool &has_list)
 {
     SessionText text{};
-    if (!read_file(path, text, PERSIST_TEXT_READ_MAX))
+    if (!read_small_file(Kind::Subscriptions, record.client_id, path, text))
         return false;
     has_list = take_subscriptions(record, text);
     return true;
@@ -276,11 +273,11 @@ Found::Messages read_message_file(persist_session_t &record, const Path &path, b
     return found;
 }
 
-// What the file is about to be counts, if it is not saved yet.
+// Likewise.
 Found::Messages read_messages(persist_session_t &record, const Path &path, bool &unread)
 {
     owned<char> text;
-    switch (read_unsaved(record.client_id, text, PERSIST_MSGS_READ_MAX, kMessageTextRoom)) {
+    switch (read_unsaved(Kind::Messages, record.client_id, text, PERSIST_MSGS_READ_MAX, kMessageTextRoom)) {
     case Unsaved::Removed:
         return Found::Messages::NoFile;
     case Unsaved::Text:
@@ -302,12 +299,12 @@ Loaded read_session(persist_session_t &record, Found &found) noexcept
     const owned<Path> path = allocate<Path>(1);
     if (!path)
         return Loaded::NoMemory;
-    const ReadLock lock;
-    client_path(path[0], kSessionDirectory, record.client_id);
+    const PersistLock lock;
+    client_path(path[0], Kind::Session, record.client_id);
     found.session_file = read_session_file(record, path[0]);
-    client_path(path[0], kSubscriptionDirectory, record.client_id);
+    client_path(path[0], Kind::Subscriptions, record.client_id);
     found.subscription_file = read_subscription_file(record, path[0], found.subscription_list);
-    client_path(path[0], kMessageDirectory, record.client_id);
+    client_path(path[0], Kind::Messages, record.client_id);
     found.messages = read_messages(record, path[0], found.messages_unread);
     return Loaded::Yes;
 }
@@ -324,7 +321,7 @@ void count_and_log(const char *client_id, int32_t subscriptions, const Found &fo
     switch (found.messages) {
     case Found::Messages::NoFile: {
         Path path;
-        client_path(path, kMessageDirectory, client_id);
+        client_path(path, Kind::Messages, client_id);
         LOG_DEBUG("[persist][定位] 无离线消息文件：%s", path.text);
         break;
     }
@@ -353,11 +350,10 @@ bool keep_if_subscribed(persist_session_t &record) noexcept
 {
     terminate_id(record);
     Path path;
-    client_path(path, kSubscriptionDirectory, record.client_id);
-    FILE *const file = open_file(path);
-    if (!file)
+    client_path(path, Kind::Subscriptions, record.client_id);
+    SessionText text{};
+    if (!read_small_file(Kind::Subscriptions, record.client_id, path, text))
         return false;
-    fclose(file);
     stats::count(stats::Counter::persist_read);
     record.clean_session = 0;
     return true;

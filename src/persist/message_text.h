@@ -2,7 +2,7 @@
 #ifndef TARN_PERSIST_MESSAGE_TEXT_H
 #define TARN_PERSIST_MESSAGE_TEXT_H
 
-#include "message_files.h"
+#include "client_files.h"
 
 namespace tarn::persist {
 
@@ -30,7 +30,8 @@ public:
     [[nodiscard]] bool append_to(GrowArray<char> &text, Reread &reread) const noexcept;
 
 private:
-    Text text_;
+    Text   text_;
+    size_t payload_; // where it begins
 };
 
 } // namespace tarn::persist

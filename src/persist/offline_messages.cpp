@@ -2,7 +2,7 @@
 #include "../base/clock.h"
 #include "../base/text.h"
 #include "../log/log.h"
-#include "message_files.h"
+#include "client_files.h"
 #include "offline_message.h"
 
 #include <algorithm>
@@ -69,10 +69,11 @@ void LockedSession::write_messages() noexcept
         return;
     if (!found_.messages_unread) {
         const Surroundings around = {true, found_, record_->sub_count, {stamps_[0], stamps_[1], stamps_[2]}};
-        return put_messages(*record_, &around);
+        saves_                    = !put_messages(*record_, &around);
+        return;
     }
     Path path;
-    client_path(path, kMessageDirectory, record_->client_id);
+    client_path(path, Kind::Messages, record_->client_id);
     path.usable = false;
     safe_write(path, "");
 }

@@ -26,7 +26,7 @@ TARN_API_BEGIN
 /* The data directory, "./mqtt_data" until persist_init, which alone writes it. Any thread reads it, without a lock. */
 extern char g_persist_root_path[PERSIST_PATH_SIZE];
 
-/* Held while sessions are loaded, files removed, retain.dat read or written. Nothing else is locked by its holder. */
+/* Held while sessions are loaded, files removed, retain.dat read. Nothing else is locked by its holder. */
 extern tarn_mutex_t g_persist_mutex;
 
 /* ----------------------------------------------------------------------------------------------- life of the module */

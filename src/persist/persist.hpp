@@ -15,13 +15,16 @@ namespace tarn::persist {
 // Makes the directories and loads subscriptions and retained messages. Null or empty: the root stays as it is.
 void init(const char *root_path) noexcept;
 void destroy() noexcept;
-void flush() noexcept; // its line; what a lane changes it has written by then
+void flush() noexcept;           // its line; what a lane changes it has written by then
+void save_everything() noexcept; // returns when all changes made so far are on the disk
 
 // Writes those of the client's files that `what` names; nothing without an id or for a clean session. The caller holds
 // the record's lock, if others may write to it.
 void save(persist_session_t &record, uint8_t what) noexcept;
 // The client is away from here on: what its files say is read now, so that the first message for it finds it.
 void expect_messages_for(const char *client_id) noexcept;
+// Whether messages for the client were kept since it was last away, as far as memory tells.
+bool keeps_messages_for(const char *client_id) noexcept;
 // Deletes all files of the client's; false when memory for the paths ran out.
 bool remove_session(const char *client_id) noexcept;
 

@@ -1,6 +1,6 @@
 // persist_c.cpp - persist.h: what hosts call. Null pointers end here; everything else is persist.hpp's.
 #include "../log/log.h"
-#include "message_files.h"
+#include "client_files.h"
 
 using namespace tarn;
 
@@ -66,9 +66,7 @@ int persist_remove(const char *client_id)
 {
     if (!client_id)
         return -1;
-    const bool removed = persist::remove_session(client_id);
-    persist::save_messages_of(client_id); // or another thread puts back what it is writing
-    return removed ? 0 : -5;
+    return persist::remove_session(client_id) ? 0 : -5;
 }
 
 void persist_mark(persist_session_t *rec, uint8_t what)

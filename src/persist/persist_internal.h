@@ -65,8 +65,29 @@ void make_directory(const char *path) noexcept; // if there is nothing of this n
 // Writes `text` to a path that is known to be usable, or says that it cannot.
 void safe_write(const Path &path, const char *text) noexcept;
 
-// Serialises writes, and reading before writing, of one client's files. Taken before g_persist_mutex.
+// Serialises writes, and reading before writing, of one client's files. Taken before g_persist_mutex, and not held while
+// the disk is waited for, but where messages are changed without a SaveBehind.
 Mutex &files_mutex(const char *client_id) noexcept;
+
+// g_persist_mutex, but not for a thread with a SaveBehind: it does not wait for what others read.
+class PersistLock {
+public:
+    PersistLock() noexcept NO_LOCK_ANALYSIS : held_(!SaveBehind::of_this_thread())
+    {
+        if (held_)
+            g_persist_mutex.lock();
+    }
+    ~PersistLock() NO_LOCK_ANALYSIS
+    {
+        if (held_)
+            g_persist_mutex.unlock();
+    }
+    PersistLock(const PersistLock &)            = delete;
+    PersistLock &operator=(const PersistLock &) = delete;
+
+private:
+    bool held_;
+};
 
 // load_session without a word: the record from the client's files, and which of them there were.
 Loaded read_session(persist_session_t &record, Found &found) noexcept;
@@ -80,7 +101,6 @@ void restore_subscriptions() noexcept; // everybody's, into the table
 
 // Writes those files that `what` names; nothing for a clean session.
 void write_session(persist_session_t &record, uint8_t what) noexcept;
-void write_files(persist_session_t &record, uint8_t what) noexcept; // the same with files_mutex held
 
 } // namespace tarn::persist
 

@@ -46,14 +46,34 @@ bool waits(const NewFile &file)
     return file.text && file.path.usable && !file.written;
 }
 
-// One attempt for those that are not written yet; false when one is left.
+bool lacks_descriptors(const NewFile &file)
+{
+    return !file.stream && (errno == EMFILE || errno == ENFILE);
+}
+
+// False when none was open.
+bool close_all(std::span<NewFile> files)
+{
+    bool any = false;
+    for (NewFile &file : files) {
+        any = any || file.stream;
+        sync_and_close(file);
+    }
+    return any;
+}
+
+// One attempt for those that are not written yet; false when one is left. Where descriptors run out, those before it are
+// closed first.
 bool write_all(std::span<NewFile> files)
 {
-    for (NewFile &file : files)
-        if (waits(file))
-            write_text(file);
-    for (NewFile &file : files)
-        sync_and_close(file);
+    for (size_t i = 0; i < files.size(); ++i) {
+        if (!waits(files[i]))
+            continue;
+        write_text(files[i]);
+        if (lacks_descriptors(files[i]) && close_all(files.first(i)))
+            write_text(files[i]);
+    }
+    close_all(files);
     return std::ranges::none_of(files, waits);
 }
 

@@ -32,7 +32,6 @@ int32_t store_count() REQUIRES(g_sub_mgr.lock)
 bool take_snapshot(Snapshot &snapshot)
 {
     ScopedLock    store(g_sub_mgr.lock);
-    ScopedLock    lock(g_persist_mutex);
     const int32_t count = store_count();
     snapshot.count      = static_cast<uint32_t>(count);
     snapshot.records    = allocate<retain_msg_t>(snapshot.count);
@@ -87,7 +86,8 @@ void log_success(uint32_t count)
 
 struct Request {
     uint32_t    changes = 0; // since the last save began
-    uint32_t    writers = 0; // threads that save earlier ones
+    uint64_t    asked   = 0; // changes in all
+    uint64_t    saved   = 0; // of these the first so many
     SaveWaiters waiters;
 };
 constinit Undestroyed<Request> g_request GUARDED_BY(g_save_mutex);
@@ -102,6 +102,7 @@ bool save_behind()
         if (!waiter || !saver_runs() || !g_request.value.waiters.add(*waiter))
             return false;
         g_request.value.changes++;
+        g_request.value.asked++;
         wake_saver();
     }
     if (log_passes(AGENT_LOG_DEBUG)) {
@@ -149,7 +150,7 @@ bool save_store_if_asked() noexcept
         return false;
     request.changes = std::exchange(g_request.value.changes, 0u);
     request.waiters.take(g_request.value.waiters);
-    g_request.value.writers++;
+    request.asked = g_request.value.asked;
     g_save_mutex.unlock();
     uint32_t   count   = 0;
     const bool written = write_store(count);
@@ -159,14 +160,19 @@ bool save_store_if_asked() noexcept
         stats::count(stats::Counter::persist_write);
     request.waiters.tell();
     g_save_mutex.lock();
-    g_request.value.writers--;
+    g_request.value.saved = std::max(g_request.value.saved, request.asked);
     saving_changed();
     return true;
 }
 
-bool is_store_written() noexcept
+uint64_t store_changes() noexcept
 {
-    return g_request.value.writers > 0;
+    return g_request.value.asked;
+}
+
+bool is_store_saved_up_to(uint64_t change) noexcept
+{
+    return g_request.value.saved >= change;
 }
 
 bool load_retained() noexcept

@@ -26,8 +26,8 @@ struct SaveWaiter {
 // Changes that wait for the disk, each once for every SaveWaiter.
 size_t unsaved_changes() noexcept;
 
-// While one exists on a thread, its changes are saved behind it, if a saver thread can be had. One at a time on each
-// thread. What was not saved because the disk failed is not waited for: a line tells.
+// While one exists on a thread, its changes are saved behind it, if a saver thread can be had; of several the inmost
+// counts. What was not saved because the disk failed is not waited for: a line tells.
 class SaveBehind {
 public:
     // At its first change the thread is asked who waits for that one and those that follow; null, which is no memory:
@@ -48,9 +48,34 @@ public:
 private:
     static constexpr uint32_t kUrgent = 8;
 
-    Ask      ask_;
-    void    *arg_;
-    uint32_t changes_ = 0;
+    Ask         ask_;
+    void       *arg_;
+    SaveBehind *outer_;
+    uint32_t    changes_ = 0;
+};
+
+// A SaveBehind whose changes nobody waits for: of a will, which may be kept for thousands.
+class SaveUnawaited {
+public:
+    SaveUnawaited() noexcept : behind_(ask, this) {}
+    ~SaveUnawaited();
+    SaveUnawaited(const SaveUnawaited &)            = delete;
+    SaveUnawaited &operator=(const SaveUnawaited &) = delete;
+
+private:
+    static SaveWaiter *ask(void *self) noexcept;
+
+    SaveWaiter *nobody_ = nullptr; // made with the first change; goes when the last is saved
+    SaveBehind  behind_;
+};
+
+// While one exists on a thread, its changes are saved when the call that makes them returns, SaveBehind or not.
+class SaveAtOnce {
+public:
+    SaveAtOnce() noexcept;
+    ~SaveAtOnce();
+    SaveAtOnce(const SaveAtOnce &)            = delete;
+    SaveAtOnce &operator=(const SaveAtOnce &) = delete;
 };
 
 } // namespace tarn::persist

@@ -3,7 +3,9 @@
 
 #include "../base/relaxed.h"
 #include "../base/thread.h"
-#include "message_files.h"
+#include "client_files.h"
+
+#include <new>
 
 namespace tarn::persist {
 
@@ -18,9 +20,11 @@ constinit pthread_cond_t g_changed = PTHREAD_COND_INITIALIZER; // likewise
 
 constinit pthread_t g_thread GUARDED_BY(g_save_mutex){};
 constinit bool g_runs        GUARDED_BY(g_save_mutex) = false;
+constinit bool g_is_over     GUARDED_BY(g_save_mutex) = false; // from stop_saver() to allow_saver()
 constinit bool g_asleep      GUARDED_BY(g_save_mutex) = false;
 
-constinit thread_local SaveBehind *t_behind = nullptr;
+constinit thread_local SaveBehind *t_behind  = nullptr;
+constinit thread_local int         t_at_once = 0; // SaveAtOnces on this thread
 
 void sleep_until_woken() REQUIRES(g_save_mutex)
 {
@@ -42,7 +46,7 @@ void *saver_thread(void *) noexcept
 
 bool saver_runs() noexcept
 {
-    if (!g_runs)
+    if (!g_runs && !g_is_over)
         g_runs = start_thread(&g_thread, "tarn-save", saver_thread, nullptr) == 0;
     return g_runs;
 }
@@ -55,11 +59,18 @@ void wake_saver() noexcept
     pthread_cond_signal(&g_work);
 }
 
+void allow_saver() noexcept
+{
+    ScopedLock lock(g_save_mutex);
+    g_is_over = false;
+}
+
 void stop_saver() noexcept
 {
     pthread_t thread;
     {
         ScopedLock lock(g_save_mutex);
+        g_is_over = true;
         if (!g_runs)
             return;
         thread = g_thread;
@@ -84,19 +95,46 @@ size_t unsaved_changes() noexcept
     return g_unsaved_changes.load(std::memory_order_relaxed);
 }
 
-SaveBehind::SaveBehind(Ask ask, void *arg) noexcept : ask_(ask), arg_(arg)
+SaveBehind::SaveBehind(Ask ask, void *arg) noexcept : ask_(ask), arg_(arg), outer_(t_behind)
 {
     t_behind = this;
 }
 
 SaveBehind::~SaveBehind()
 {
-    t_behind = nullptr;
+    t_behind = outer_;
 }
 
 SaveBehind *SaveBehind::of_this_thread() noexcept
 {
-    return t_behind;
+    return t_at_once ? nullptr : t_behind;
+}
+
+SaveUnawaited::~SaveUnawaited()
+{
+    if (nobody_)
+        nobody_->one_is_saved();
+}
+
+SaveWaiter *SaveUnawaited::ask(void *self) noexcept
+{
+    SaveWaiter *&nobody = static_cast<SaveUnawaited *>(self)->nobody_;
+    if (nobody)
+        return nobody;
+    nobody = new (std::nothrow) SaveWaiter;
+    if (nobody)
+        nobody->saved = [](SaveWaiter &waiter) noexcept { delete &waiter; };
+    return nobody;
+}
+
+SaveAtOnce::SaveAtOnce() noexcept
+{
+    ++t_at_once;
+}
+
+SaveAtOnce::~SaveAtOnce()
+{
+    --t_at_once;
 }
 
 } // namespace tarn::persist

@@ -42,7 +42,8 @@ private:
 // False when there is no saver thread and none could be started.
 [[nodiscard]] bool saver_runs() noexcept REQUIRES(g_save_mutex);
 void               wake_saver() noexcept REQUIRES(g_save_mutex);
-void               stop_saver() noexcept EXCLUDES(g_save_mutex); // waits for it
+void               stop_saver() noexcept EXCLUDES(g_save_mutex);  // waits for it; none is started
+void               allow_saver() noexcept EXCLUDES(g_save_mutex); // until this
 
 // Waits for what another thread writes: until something under g_save_mutex has changed.
 void await_saver() noexcept REQUIRES(g_save_mutex);

@@ -1,5 +1,5 @@
 // session_store.cpp - a record to load a session into that is not on the stack, and a session held while it is changed.
-#include "message_files.h"
+#include "client_files.h"
 
 #include "../base/memory.h"
 #include "../base/text.h"
@@ -56,6 +56,8 @@ LockedSession::LockedSession(const char *client_id, Load load) noexcept
 LockedSession::~LockedSession() noexcept
 {
     files_.unlock();
+    if (saves_)
+        save_file(Kind::Messages, record_->client_id);
 }
 
 void LockedSession::count_and_log_again() const noexcept

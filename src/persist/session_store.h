@@ -68,17 +68,19 @@ public:
     // Counts the load and logs its lines once more, for callers that ask first and store then.
     void count_and_log_again() const noexcept;
 
-    // Appends a message, in place of the oldest when there are too many, and writes the message file. Longer payloads
+    // Appends a message, in place of the oldest when there are too many, and writes the messages. Longer payloads
     // are cut. False, and nothing is written, when the session is not known. Where messages lie unread, their file
     // stays and the log says that it cannot be written.
     bool add_message(const char *topic, const uint8_t *payload, uint32_t payload_len, uint8_t qos) noexcept;
     // Removes the messages with this identifier, of which there may be none, and writes the file. False, and nothing is
     // written, when the session is not loaded or not known.
     bool remove_message(uint16_t msgid) noexcept;
+    // Saved when the session is let go, if it is not saved behind the thread.
     void write_messages() noexcept;
 
 private:
     Mutex             &files_;
+    bool               saves_ = false; // when it is let go
     persist_session_t *record_;
     Stamp              stamps_[3]; // of the three files as they were read
     Found              found_;

@@ -2,7 +2,7 @@
 #include "../base/text.h"
 #include "../log/log.h"
 #include "../stats/stats.hpp"
-#include "message_files.h"
+#include "client_files.h"
 
 #include <cstdio>
 #include <cstring>
@@ -71,7 +71,8 @@ void init(const char *root_path) noexcept
 {
     LOG_INFO("[persist] 持久化模块初始化中...");
     save_everything(); // under the root that it belongs to
-    forget_messages();
+    allow_saver();
+    forget_files();
     if (root_path && *root_path && strcmp(root_path, g_persist_root_path) != 0) // clients of another instance read it
         copy_text(g_persist_root_path, root_path, sizeof g_persist_root_path - 1);
     make_directory(g_persist_root_path);
@@ -91,7 +92,7 @@ void destroy() noexcept
     LOG_INFO("[persist] 持久化模块销毁中...");
     stop_saver();
     save_everything();
-    forget_messages();
+    forget_files();
 }
 
 void flush() noexcept
@@ -104,14 +105,18 @@ bool remove_session(const char *client_id) noexcept
     const owned<Path> path = allocate<Path>(1);
     if (!path)
         return false;
-    ScopedLock files(files_mutex(client_id));
-    ScopedLock lock(g_persist_mutex);
-    for (const char *directory : {kSessionDirectory, kSubscriptionDirectory}) {
-        client_path(path[0], directory, client_id);
-        if (path[0].usable)
-            unlink(path[0].text);
+    SaveWaiters waiters[std::size(kKinds)];
+    {
+        ScopedLock        files(files_mutex(client_id));
+        const PersistLock lock;
+        for (const Kind kind : kKinds)
+            remove_file(kind, client_id, path[0], waiters[static_cast<int>(kind)]);
     }
-    remove_messages(client_id);
+    for (SaveWaiters &those : waiters)
+        those.tell();
+    if (!SaveBehind::of_this_thread())
+        for (const Kind kind : kKinds)
+            save_file(kind, client_id); // another thread may be putting back what it was writing
     return true;
 }
 

@@ -1,6 +1,6 @@
 // write_session.cpp - a client's three files from its session record.
 #include "../base/text.h"
-#include "message_files.h"
+#include "client_files.h"
 
 #include <algorithm>
 
@@ -36,7 +36,8 @@ size_t session_characters(const persist_session_t &record, uint8_t what)
     return static_cast<size_t>(size) - 1; // the last one is the terminator's
 }
 
-void write_session_file(const persist_session_t &record, size_t characters)
+// These are false when the file is to be saved by the caller.
+bool put_session(const persist_session_t &record, size_t characters)
 {
     const auto will_bytes = std::min<uint32_t>(record.will_len, sizeof record.will_payload);
 
@@ -61,18 +62,14 @@ void write_session_file(const persist_session_t &record, size_t characters)
     text.append_escaped(text_of(record.will_response_topic));
     text.append_format("\",\"will_correlation_len\":%lu}", static_cast<unsigned long>(record.will_correlation_len));
     text.cut(characters);
-
-    Path path;
-    client_path(path, kSessionDirectory, record.client_id);
-    if (const char *const whole = text.c_str())
-        safe_write(path, whole);
+    return !text.ok() || put_text(Kind::Session, record.client_id, text);
 }
 
-void write_subscription_file(const persist_session_t &record)
+bool put_subscriptions(const persist_session_t &record)
 {
     const int count = subscriptions_in(record);
     if (count == 0)
-        return; // an old file stays
+        return true; // an old file stays
 
     Text text;
     text.append("{\"subs\":[");
@@ -82,34 +79,36 @@ void write_subscription_file(const persist_session_t &record)
         text.append_format("\",\"qos\":%d}", record.subs[i].qos);
     }
     text.append("]}");
+    return !text.ok() || put_text(Kind::Subscriptions, record.client_id, text);
+}
 
-    Path path;
-    client_path(path, kSubscriptionDirectory, record.client_id);
-    if (const char *const whole = text.c_str())
-        safe_write(path, whole);
+// The disk is waited for with no lock held.
+template <class Put> void write(Kind kind, const persist_session_t &record, const Put &put)
+{
+    bool is_seen_to;
+    {
+        ScopedLock files(files_mutex(record.client_id));
+        if (kind != Kind::Messages)
+            forget_surroundings(record.client_id);
+        is_seen_to = put();
+    }
+    if (!is_seen_to)
+        save_file(kind, record.client_id);
 }
 
 } // namespace
 
-void write_files(persist_session_t &record, uint8_t what) noexcept
+void write_session(persist_session_t &record, uint8_t what) noexcept
 {
     if (record.clean_session & 1)
         return;
     terminate_id(record);
-    if (what & (PERSIST_SESSION | PERSIST_SUBSCRIPTIONS))
-        forget_surroundings(record.client_id);
     if (what & PERSIST_SESSION)
-        write_session_file(record, session_characters(record, what));
+        write(Kind::Session, record, [&] { return put_session(record, session_characters(record, what)); });
     if (what & PERSIST_SUBSCRIPTIONS)
-        write_subscription_file(record);
+        write(Kind::Subscriptions, record, [&] { return put_subscriptions(record); });
     if (what & PERSIST_MESSAGES)
-        put_messages(record, nullptr);
-}
-
-void write_session(persist_session_t &record, uint8_t what) noexcept
-{
-    ScopedLock files(files_mutex(record.client_id));
-    write_files(record, what);
+        write(Kind::Messages, record, [&] { return put_messages(record, nullptr); });
 }
 
 void save(persist_session_t &record, uint8_t what) noexcept

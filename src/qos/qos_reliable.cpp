@@ -116,7 +116,7 @@ bool send_reply(mqtt_client_t *client, int type, uint16_t msg_id)
     if (failed(codec::encode_ack(client->codec, type, reply, packet)))
         return false;
     const client_ref pin(client);
-    (void)send_to(*client, {packet});
+    (void)answer_client(*client, packet);
     return true;
 }
 

@@ -1,6 +1,7 @@
 // manager.cpp - the subscription manager itself: both arrays, allocated once and emptied by every later start.
 #include "../base/memory.h"
 #include "../log/log.h"
+#include "../persist/persist.hpp"
 #include "subscription_index.h"
 
 #include <sys/mman.h>
@@ -76,6 +77,7 @@ void give_back_unused_entries() noexcept
 bool init() noexcept
 {
     LOG_DEBUG("[DEBUG] sub_init：开始初始化订阅管理器");
+    persist::save_everything(); // while the retained store is what it is to be on the disk
     bool have_subs;
     bool have_retains;
     {
@@ -103,6 +105,7 @@ bool init() noexcept
 void deinit() noexcept
 {
     LOG_DEBUG("[DEBUG] sub_deinit：开始销毁订阅管理器");
+    persist::save_everything();
     int32_t             subscriptions;
     int32_t             retained;
     owned<sub_entry_t>  subs;

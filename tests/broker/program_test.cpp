@@ -192,12 +192,12 @@ TEST(program, raises_the_soft_limit_of_descriptors)
 
 TEST(program, says_when_the_clients_do_not_fit_into_the_limit_of_files)
 {
-    Child small{"small", {"sh", "-c", "ulimit -n 100; exec \"$0\" -c 69", TARN_BROKER_PROGRAM}};
+    Child small{"small", {"sh", "-c", "ulimit -n 300; exec \"$0\" -c 141", TARN_BROKER_PROGRAM}};
     ASSERT_TRUE(serves(small));
-    EXPECT_TRUE(says(small, "tarn-broker: 69 clients do not fit into the limit of 100 open files (ulimit -n)\n"));
+    EXPECT_TRUE(says(small, "tarn-broker: 141 clients do not fit into the limit of 300 open files (ulimit -n)\n"));
     EXPECT_TRUE(ends_well(small));
 
-    Child fits{"fits", {"sh", "-c", "ulimit -n 100; exec \"$0\" -c 68", TARN_BROKER_PROGRAM}};
+    Child fits{"fits", {"sh", "-c", "ulimit -n 300; exec \"$0\" -c 140", TARN_BROKER_PROGRAM}};
     ASSERT_TRUE(serves(fits));
     Peer::tcp().connect_v4("a").ping();
     EXPECT_EQ(fits.errors().find("do not fit"), std::string::npos) << fits.errors();

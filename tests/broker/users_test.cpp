@@ -4,6 +4,7 @@
 #include <atomic>
 #include <crypt.h>
 #include <gtest/gtest.h>
+#include <new>
 #include <thread>
 #include <vector>
 
@@ -16,6 +17,7 @@ constexpr const char *kRight = "$6$rounds=1000$salt$"
                                "yiW6N.84VzeTC0bx5oZcI6R7GA6ccCfWQfaJEjLTn3tSOj35.DFqvDPhk41tF8IpdfgKnpLGt5EmXsjEnq0Dy.";
 
 std::atomic<unsigned> g_hashings;
+std::atomic<bool>     g_hashing_fails; // as without memory
 
 struct users : testing::Test {
     std::string parse(const std::string &text)
@@ -30,14 +32,25 @@ struct users : testing::Test {
 
 } // namespace
 
-// The system's hash function with a count of its calls: the program is linked with --wrap=crypt_r.
+// The system's hash function, counted and made to fail: the program is linked with --wrap=crypt_r.
 extern "C" {
 char *__real_crypt_r(const char *password, const char *setting, crypt_data *data);
 char *__wrap_crypt_r(const char *password, const char *setting, crypt_data *data)
 {
     ++g_hashings;
+    if (g_hashing_fails)
+        return nullptr;
     return __real_crypt_r(password, setting, data);
 }
+}
+
+TEST_F(users, whose_password_cannot_be_hashed_gave_no_wrong_one)
+{
+    ASSERT_EQ(parse(std::string("alice:") + kRight + "\n"), "");
+    g_hashing_fails = true;
+    EXPECT_THROW(file.check("alice", "right"), std::bad_alloc);
+    g_hashing_fails = false;
+    EXPECT_TRUE(file.check("alice", "right"));
 }
 
 TEST_F(users, are_found_with_their_password)

@@ -242,3 +242,22 @@ TEST(beside, a_kick_waits_for_nobody_and_a_login_under_way_ends)
     Guarded::open();
     Peer::tcp().connect_v4("next").disconnect();
 }
+
+// So the login finds the session as the DISCONNECT left it, or the DISCONNECT as the login did; never half of each.
+TEST(beside, a_disconnect_waits_for_a_login_of_its_id_that_is_under_way)
+{
+    Guarded test;
+    Peer    old = Peer::tcp(), next = Peer::tcp();
+    old.connect_v4("twice");
+    next.send(connect_packet(4, "twice", as("slow")));
+    ASSERT_TRUE(Guarded::are_waiting(1));
+    old.send("E0 00");
+    old.expect_nothing();
+    Guarded::open();
+    next.expect("20 02 00 00");
+    old.expect_closed();
+    Peer other = Peer::tcp();
+    other.connect_v4("other");
+    other.send("E0 00");
+    other.expect_closed();
+}

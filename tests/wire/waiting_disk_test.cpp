@@ -135,6 +135,41 @@ TEST(waiting_disk, one_that_leaves_at_once_is_acknowledged_first)
     }
 }
 
+TEST(waiting_disk, the_next_packet_of_a_delivery_waits_with_the_other_answers)
+{
+    Host host;
+    leave_absent("away");
+    Peer client = come(4, "client", {}), publisher = come(4, "publisher", {});
+    client.subscribe("down", 2);
+    publisher.publish("down", "x", {.qos = 2});
+    const unsigned id = client.expect_publish("down", "x", {.qos = 2});
+    SlowDisk       disk(kSlow_ms);
+    client.send(publish_packet(4, "t", "x", {.qos = 1, .id = 7}));
+    client.send(ack_packet(4, 0x50, id));
+    client.expect("40 02 00 07");
+    client.expect(ack_packet(4, 0x62, id));
+}
+
+TEST(waiting_disk, a_message_behind_a_disconnect_is_kept_for_its_client)
+{
+    Host host;
+    Peer client = come(4, "away", keep(4, false)), publisher = come(4, "publisher", {});
+    client.subscribe("t", 1);
+    {
+        SlowDisk   disk(kSlow_ms);
+        const auto began = std::chrono::steady_clock::now();
+        client.send("E0 00");
+        publisher.ping(); // a round later
+        EXPECT_LT(ms_since(began), kSlow_ms);
+        publisher.publish("t", "x", {.qos = 1});
+        EXPECT_THAT(messages_of("away"), HasSubstr("\"topic\":\"t\""));
+        client.expect_closed();
+        EXPECT_GE(ms_since(began), kSlow_ms) << "it sees the end when its files are written";
+    }
+    Peer back = come(4, "away", keep(4, true));
+    back.expect_publish("t", "x", {.qos = 1});
+}
+
 TEST(waiting_disk, many_messages_are_saved_together)
 {
     constexpr unsigned kMessages = 60;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <atomic>
 #include <fcntl.h>
 #include <mutex>
 #include <poll.h>
@@ -27,6 +28,12 @@ void note(std::string call)
 {
     const std::lock_guard<std::mutex> lock(g_made_mutex);
     g_calls.made.push_back(std::move(call));
+}
+
+// The C library's word of a lock: 0 = free, 1 = taken, 2 = taken and a thread sleeps until it is free.
+bool is_waited_for(Mutex &lock)
+{
+    return std::atomic_ref(lock.raw.__data.__lock).load() == 2;
 }
 
 std::string id_text(mqtt_client_t *client)
@@ -253,7 +260,7 @@ void while_it_waits(Mutex &lock, const std::function<void()> &act, const std::fu
 {
     lock.lock();
     std::thread thread(act);
-    usleep(20000);
+    EXPECT_TRUE(eventually([&] { return is_waited_for(lock); }));
     then();
     lock.unlock();
     thread.join();

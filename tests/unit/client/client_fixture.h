@@ -112,8 +112,8 @@ int      queued(const mqtt_client_t *client); // packets in the ring
 // True when another thread could take the lock now.
 bool is_free(Mutex &lock);
 
-// Runs `act` on another thread while the test holds a lock that `act` will want, and meanwhile `then`, once the thread
-// is at the lock.
+// Runs `act` on another thread while the test holds a lock that `act` will want, and `then` once that thread waits for
+// the lock.
 void while_it_waits(Mutex &lock, const std::function<void()> &act, const std::function<void()> &then);
 
 } // namespace tarn::test

@@ -3,10 +3,12 @@
 #include "persist_fixture.h"
 #include "support/log_lines/persist.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <random>
 #include <regex>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 using namespace tarn;
@@ -14,6 +16,7 @@ using namespace tarn::test;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 
 namespace {
@@ -313,6 +316,71 @@ TEST_F(behind, exported_functions_leave_their_file_beside_the_saver)
     EXPECT_EQ(read_text(kPath), "(no file)");
 }
 
+TEST_F(behind, a_load_finds_a_session_that_is_not_on_the_disk_yet)
+{
+    constexpr const char *kSession = "data/session/dev1.json", *kSubscriptions = "data/subscription/dev1.json";
+    subscribe("a/b", 1);
+    record->session_expiry_interval = 300;
+    Packet    packet;
+    StuckDisk disk;
+    packet.change([&] { persist_mark(record.get(), PERSIST_SESSION | PERSIST_SUBSCRIPTIONS); });
+    disk.await_visitor();
+    EXPECT_EQ(read_text(kSession), "(no file)");
+    EXPECT_EQ(read_text(kSubscriptions), "(no file)");
+    EXPECT_EQ(persist_load_client_only(record.get()), 0) << "the client is known by its subscription file";
+    load();
+    EXPECT_EQ(record->session_expiry_interval, 300u);
+    ASSERT_EQ(record->sub_count, 1);
+    EXPECT_STREQ(record->subs[0].topic, "a/b");
+    EXPECT_FALSE(packet.is_saved());
+    disk.release();
+    packet.await();
+    EXPECT_THAT(read_text(kSession), HasSubstr("\"session_expiry_interval\":300,"));
+    EXPECT_EQ(read_text(kSubscriptions), R"({"subs":[{"topic":"a/b","qos":1}]})");
+    EXPECT_EQ(g_mqtt_stats.persist_write, 2u);
+}
+
+TEST_F(behind, a_session_removed_while_it_is_written_stays_removed)
+{
+    subscribe("a/b", 1);
+    Packet one, two;
+    {
+        StuckDisk disk;
+        one.change([&] { persist_mark(record.get(), PERSIST_SUBSCRIPTIONS); });
+        disk.await_visitor();
+        two.change([] { EXPECT_TRUE(persist::remove_session("dev1")); });
+        load();
+        EXPECT_EQ(record->sub_count, 0);
+        disk.release();
+        one.await();
+    }
+    persist_flush();
+    EXPECT_EQ(read_text("data/subscription/dev1.json"), "(no file)");
+}
+
+// The message is appended without a look at the files, although one beside its own was replaced after it was read.
+TEST_F(behind, a_session_that_is_saved_later_is_still_expected)
+{
+    subscribe("a/b", 1);
+    Packet one, two;
+    {
+        StuckDisk disk;
+        one.change([&] { persist_mark(record.get(), PERSIST_SUBSCRIPTIONS); });
+        disk.await_visitor();
+        persist::expect_messages_for("dev1");
+        disk.release();
+        one.await();
+    }
+    {
+        StuckDisk   disk; // a read would not return
+        std::thread other([&] { two.change([] { EXPECT_TRUE(keep("a", "x")); }); });
+        other.join();
+        disk.release();
+    }
+    two.await();
+    EXPECT_THAT(topics(), ElementsAre("a"));
+}
+
 TEST_F(behind, many_files_of_one_packet_come_behind_the_few_of_another)
 {
     UnsyncedFiles fast;
@@ -430,4 +498,145 @@ TEST_F(behind, a_start_reads_what_it_expects_messages_for)
     }
     packet.await();
     EXPECT_THAT(topics(), ElementsAre("a"));
+}
+
+// Of a long message that was kept a load gets no payload; that is known without one.
+TEST_F(behind, a_message_behind_a_long_one_is_kept_without_a_look_at_the_files)
+{
+    Packet one, two;
+    one.change([] { EXPECT_TRUE(keep("long", std::string(600, 'p'))); });
+    one.await();
+    {
+        StuckDisk   disk; // a read would not return
+        std::thread other([&] { two.change([] { EXPECT_TRUE(keep("short", "x")); }); });
+        other.join();
+        disk.release();
+    }
+    two.await();
+    EXPECT_EQ(without_ids(read_text(kPath)), R"({"msgs":[{"msgid":N,"qos":1,"topic":"long","payload":""},)"
+                                             R"({"msgid":N,"qos":1,"topic":"short","payload":"78"}]})");
+}
+
+TEST_F(behind, what_a_host_changes_inside_is_saved_when_its_call_returns)
+{
+    Packet packet;
+    packet.change([] {
+        {
+            const persist::SaveAtOnce host;
+            EXPECT_TRUE(keep("a", "x"));
+            EXPECT_TRUE(std::filesystem::exists(kPath));
+            EXPECT_EQ(retain_msg_set("r", bytes("v"), 1, 0), 0);
+            EXPECT_TRUE(std::filesystem::exists(kRetains));
+        }
+        StuckDisk disk;
+        EXPECT_TRUE(keep("b", "y"));
+        EXPECT_THAT(read_text(kPath), Not(HasSubstr("\"b\"")));
+    });
+}
+
+TEST_F(behind, one_inside_another_leaves_the_outer_one_in_force)
+{
+    Packet inner, outer;
+    outer.change([&] {
+        inner.change([] { EXPECT_TRUE(keep("a", "x")); });
+        StuckDisk disk;
+        EXPECT_TRUE(keep("b", "y"));
+        EXPECT_FALSE(outer.is_saved());
+        EXPECT_THAT(read_text(kPath), Not(HasSubstr("\"b\"")));
+    });
+    outer.await();
+    EXPECT_THAT(topics(), ElementsAre("a", "b"));
+}
+
+TEST_F(behind, what_nobody_waits_for_is_saved_too)
+{
+    {
+        StuckDisk                    disk;
+        const persist::SaveUnawaited will;
+        EXPECT_TRUE(keep("a", "x"));
+        EXPECT_TRUE(keep("b", "x"));
+        EXPECT_EQ(read_text(kPath), "(no file)");
+    }
+    persist_flush();
+    EXPECT_THAT(topics(), ElementsAre("a", "b"));
+}
+
+TEST_F(behind, the_retained_store_is_on_the_disk_before_it_is_emptied)
+{
+    Packet packet;
+    packet.change([] { EXPECT_EQ(retain_msg_set("r", bytes("v"), 1, 0), 0); });
+    sub_init();
+    EXPECT_EQ(g_sub_mgr.retain_count, 0);
+    persist_init("data");
+    EXPECT_EQ(g_sub_mgr.retain_count, 1);
+    packet.await();
+    EXPECT_EQ(read_text(kRetains).size(), 4 + sizeof(retain_msg_t));
+}
+
+TEST_F(behind, nobody_who_reads_files_holds_up_the_retained_store)
+{
+    Packet     packet;
+    ScopedLock lock(g_persist_mutex);
+    packet.change([] { EXPECT_EQ(retain_msg_set("r", bytes("v"), 1, 0), 0); });
+    packet.await();
+    EXPECT_TRUE(std::filesystem::exists(kRetains));
+}
+
+TEST_F(behind, behind_the_end_of_the_module_a_change_is_saved_at_once)
+{
+    persist_destroy();
+    Packet packet;
+    packet.change([] { EXPECT_TRUE(keep("a", "x")); });
+    EXPECT_TRUE(std::filesystem::exists(kPath));
+    persist_init("data");
+    Packet    next;
+    StuckDisk disk;
+    next.change([] { EXPECT_TRUE(keep("b", "y")); });
+    EXPECT_THAT(read_text(kPath), Not(HasSubstr("\"b\"")));
+}
+
+TEST_F(behind, changes_that_never_end_keep_nobody_waiting)
+{
+    std::atomic<bool> goes_on{true};
+    std::thread       busy([&] {
+        while (goes_on) {
+            Packet packet;
+            packet.change([] { EXPECT_TRUE(keep("busy", "x")); });
+            packet.change([] { EXPECT_EQ(retain_msg_set("r", bytes("v"), 1, 0), 0); });
+            packet.end();
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        persist_add_offline_msg("dev1", "host", bytes("y"), 1, 1);
+        persist_flush();
+        persist_remove("dev1");
+    }
+    goes_on = false;
+    busy.join();
+}
+
+TEST_F(behind, a_batch_has_all_its_files_with_few_descriptors)
+{
+    constexpr int kClients = 40;
+    rlimit        limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlim_t before = limit.rlim_cur;
+    Packet       first, many;
+    StuckDisk    disk;
+    first.change([] { EXPECT_TRUE(keep("a", "x")); });
+    disk.await_visitor(); // the others become one batch
+    many.change([] {
+        for (int i = 0; i < kClients; ++i)
+            EXPECT_TRUE(keep("t", "x", 1, ("many" + std::to_string(i)).c_str()));
+    });
+    const int next = dup(0);
+    close(next);
+    limit.rlim_cur = static_cast<rlim_t>(next) + 6;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    disk.release();
+    many.await();
+    limit.rlim_cur = before;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_EQ(g_mqtt_stats.persist_write, kClients + 1u);
+    EXPECT_THAT(log.take(), IsEmpty());
 }
