@@ -62,7 +62,8 @@ public:
             return;
         const uint32_t number = first_ + static_cast<uint32_t>(sent_at_s_.size());
         Bytes          payload(static_cast<size_t>(kPayloadSize), 'x');
-        memcpy(payload.data(), &number, sizeof number);
+        memcpy(&payload[payload.size() - sizeof number], &number,
+               sizeof number); // in front it could read as properties
         sent_at_s_.push_back(now_s());
         publisher_.send(tarn::test::publish_packet(4, "soak/" + name_, payload, {.qos = 1, .id = number % 65535 + 1}));
         ++unacknowledged_;
@@ -129,7 +130,7 @@ private:
         } else if (packet.type() == kPublish && packet.size >= kPayloadSize) {
             subscriber_.send(tarn::test::ack_packet(4, 0x40, publish_id(packet)));
             uint32_t number;
-            memcpy(&number, packet.data + packet.size - static_cast<size_t>(kPayloadSize), sizeof number);
+            memcpy(&number, packet.data + packet.size - sizeof number, sizeof number);
             arrived(number);
         }
     }
