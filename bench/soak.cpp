@@ -23,7 +23,7 @@ namespace {
 constexpr char   kAddress[]     = "127.0.0.1";
 constexpr double kLost_s        = 30; // a message that has not come by then is lost
 constexpr double kLeave_s       = 0.1;
-constexpr double kWarmUp_s      = 600; // memory grows until each of the 5000 records was a client's once
+constexpr double kWarmUp_s      = 1200; // memory grows until each record and each slot was a client's once
 constexpr double kPayloadSize   = 64;
 constexpr double kMemoryMayGrow = 0.01;
 
