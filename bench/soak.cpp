@@ -23,7 +23,7 @@ namespace {
 constexpr char   kAddress[]     = "127.0.0.1";
 constexpr double kLost_s        = 30; // a message that has not come by then is lost
 constexpr double kLeave_s       = 0.1;
-constexpr double kWarmUp_s      = 180; // memory grows until all buffers have been in use once
+constexpr double kWarmUp_s      = 1200; // memory grows until each record and each slot was a client's once
 constexpr double kPayloadSize   = 64;
 constexpr double kMemoryMayGrow = 0.01;
 
@@ -62,7 +62,8 @@ public:
             return;
         const uint32_t number = first_ + static_cast<uint32_t>(sent_at_s_.size());
         Bytes          payload(static_cast<size_t>(kPayloadSize), 'x');
-        memcpy(payload.data(), &number, sizeof number);
+        memcpy(&payload[payload.size() - sizeof number], &number,
+               sizeof number); // in front it could read as properties
         sent_at_s_.push_back(now_s());
         publisher_.send(tarn::test::publish_packet(4, "soak/" + name_, payload, {.qos = 1, .id = number % 65535 + 1}));
         ++unacknowledged_;
@@ -129,7 +130,7 @@ private:
         } else if (packet.type() == kPublish && packet.size >= kPayloadSize) {
             subscriber_.send(tarn::test::ack_packet(4, 0x40, publish_id(packet)));
             uint32_t number;
-            memcpy(&number, packet.data + packet.size - static_cast<size_t>(kPayloadSize), sizeof number);
+            memcpy(&number, packet.data + packet.size - sizeof number, sizeof number);
             arrived(number);
         }
     }
