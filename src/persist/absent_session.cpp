@@ -1,7 +1,7 @@
 // absent_session.cpp - see absent_session.h.
 #include "absent_session.h"
 
-#include "client_files.h"
+#include "message_files.h"
 #include "offline_message.h"
 #include "persist.hpp"
 

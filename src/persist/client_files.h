@@ -2,8 +2,7 @@
 //
 // Who changes a file puts its text here; the saver thread writes it, or the thread that waits for it. What is here and
 // not saved yet is what a load of the file finds; of what is saved the disk may have something newer, from a hand or
-// another program. Message files of clients that are away stay here when they are saved, so that a message is only
-// appended.
+// another program. Message files may stay here when they are saved (message_files.h).
 // All of it is under g_save_mutex. files_mutex() of the client is held by those who put a whole text or remove it.
 #ifndef TARN_PERSIST_CLIENT_FILES_H
 #define TARN_PERSIST_CLIENT_FILES_H
@@ -16,30 +15,8 @@ namespace tarn::persist {
 enum class Kind : uint8_t { Session, Subscriptions, Messages };
 constexpr Kind kKinds[] = {Kind::Session, Kind::Subscriptions, Kind::Messages};
 
-void client_path(Path &path, Kind kind, const char *client_id) noexcept;
-
-// How far a load would get in a text of ours: only what it finds is kept when a message is added.
-struct Reread {
-    size_t end      = 0;     // of the last message found; 0 = nobody knows
-    int    count    = 0;     // messages up to there
-    bool   is_empty = false; // the last comes back without its payload, which begins at `end`
-
-    bool is_known() const { return end != 0; }
-};
-
-// What lies beside a client's message file, and the stamps of all three.
-struct Surroundings {
-    bool    known = false;
-    Found   found;
-    int32_t subscriptions = 0;
-    Stamp   stamps[3];
-};
-
-void take_stamps(const char *client_id, Stamp (&stamps)[3]) noexcept;
-
-// The session of a client that is away, as it was just read with files_mutex() held: the first message for it need not
-// read it again.
-void remember(const persist_session_t &record, const Surroundings &around) noexcept EXCLUDES(g_save_mutex);
+void  client_path(Path &path, Kind kind, const char *client_id) noexcept;
+Stamp stamp_of(const Path &path) noexcept;
 
 // ---- reading
 
@@ -49,24 +26,13 @@ enum class Unsaved : uint8_t { No, Removed, Text };
 Unsaved read_unsaved(Kind kind, const char *client_id, owned<char> &text, size_t limit, size_t room) noexcept
     EXCLUDES(g_save_mutex);
 
-// What is known of the client's files, if they are still as they were; not known otherwise.
-Surroundings surroundings_of(const char *client_id) noexcept EXCLUDES(g_save_mutex);
-
 // ---- changing: saved behind the thread if it has a SaveBehind, or else when the call returns, but where it says more
 
 // The whole text of a file. False: the caller lets go of files_mutex() and calls save_file().
 [[nodiscard]] bool put_text(Kind kind, const char *client_id, Text &text) noexcept EXCLUDES(g_save_mutex);
-[[nodiscard]] bool put_messages(const persist_session_t &record, const Surroundings *known) noexcept // may be null
-    EXCLUDES(g_save_mutex);
-// Appends to the messages that a load would find. False, and nothing is changed, when the file is not here, too much is
-// in it, or nobody can save behind the thread.
-[[nodiscard]] bool append_message(const char *client_id, const persist_msg_t &message) noexcept EXCLUDES(g_save_mutex);
 // Deletes it; `path` is room for its name. Who waited for its changes is to be told. Where another thread writes it this
 // very moment, it is deleted again after that, which save_file() waits for.
 void remove_file(Kind kind, const char *client_id, Path &path, SaveWaiters &waiters) noexcept EXCLUDES(g_save_mutex);
-// Another file of the client's has changed.
-void forget_surroundings(const char *client_id) noexcept EXCLUDES(g_save_mutex);
-
 // Returns when the disk has what is here.
 void save_file(Kind kind, const char *client_id) noexcept EXCLUDES(g_save_mutex);
 void forget_files() noexcept EXCLUDES(g_save_mutex); // but for what is not saved

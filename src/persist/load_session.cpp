@@ -8,7 +8,7 @@
 #include "../base/text.h"
 #include "../log/log.h"
 #include "../stats/stats.hpp"
-#include "client_files.h"
+#include "message_files.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -2,7 +2,7 @@
 #ifndef TARN_PERSIST_MESSAGE_TEXT_H
 #define TARN_PERSIST_MESSAGE_TEXT_H
 
-#include "client_files.h"
+#include "message_files.h"
 
 namespace tarn::persist {
 

@@ -2,7 +2,7 @@
 #include "../base/clock.h"
 #include "../base/text.h"
 #include "../log/log.h"
-#include "client_files.h"
+#include "message_files.h"
 #include "offline_message.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // session_store.cpp - a record to load a session into that is not on the stack, and a session held while it is changed.
-#include "client_files.h"
+#include "message_files.h"
 
 #include "../base/memory.h"
 #include "../base/text.h"

@@ -1,6 +1,6 @@
 // write_session.cpp - a client's three files from its session record.
 #include "../base/text.h"
-#include "client_files.h"
+#include "message_files.h"
 
 #include <algorithm>
 
