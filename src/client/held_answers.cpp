@@ -2,8 +2,8 @@
 //
 // A packet that changes a kept message or the retained store does not wait for the disk, and neither does the packet
 // behind it. Their answers do: each leaves once the changes of its own packet and of all before it are saved, in the
-// order in which they were made. What other clients publish goes past them. The socket of a connection that its packet ended
-// waits likewise, so that the peer sees the end when all is done.
+// order in which they were made. What other clients publish goes past them. The socket of a connection that its packet
+// ended waits likewise, so that the peer sees the end when all is done.
 #include "../base/memory.h"
 #include "client_internal.h"
 #include "packet_scope.h"
@@ -80,7 +80,8 @@ bool send_saved(HeldList &list, mqtt_client_t &client) REQUIRES(list.mutex)
 
 net::Connection connection_of(const mqtt_client_t &client)
 {
-    return {client.handle, side_of(&client)->generation};
+    const auto *const side = side_of(&client);
+    return {client.handle, side ? uint32_t{side->generation} : 0};
 }
 
 // The network layer asks about each packet of a client from its first held answer to its last.

@@ -1,8 +1,10 @@
 // Which packets go to a lane, and when a client is found by its new id.
 #include "client_fixture.h"
+#include "client/packet_scope.h"
 #include "net/netip_internal.h"
 
 #include <atomic>
+#include <memory>
 #include <thread>
 
 using namespace tarn;
@@ -100,6 +102,17 @@ TEST(packet_way, an_id_counts_as_far_as_a_record_keeps_it)
 TEST(packet_way, the_network_layer_asks)
 {
     EXPECT_EQ(client::kAskedTypes, 1 << 1 | 1 << 8 | 1 << 14);
+}
+
+// A host may have put a record of its own into the tables.
+TEST(packet_scope, of_a_record_outside_the_pool_saves_at_once)
+{
+    const Manager             manager;
+    const auto                own = std::make_unique<mqtt_client_t>();
+    const client::PacketScope scope(*own);
+    ASSERT_NE(persist::SaveBehind::of_this_thread(), nullptr);
+    EXPECT_EQ(persist::SaveBehind::of_this_thread()->waiter(), nullptr);
+    EXPECT_FALSE(client::has_held_answers(*own));
 }
 
 // ---- found by a new id
