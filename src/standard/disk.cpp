@@ -1,6 +1,7 @@
 // disk.cpp - see disk.h.
 #include "disk.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 
@@ -30,7 +31,10 @@ public:
         return renameat(directory, from, directory, to) == 0;
     }
     bool remove(int directory, const char *name) noexcept override { return unlinkat(directory, name, 0) == 0; }
-    bool sync_directory(int directory) noexcept override { return fsync(directory) == 0; }
+    bool sync_directory(int directory) noexcept override
+    {
+        return fsync(directory) == 0 || errno == EINVAL; // some file systems have nothing to sync there
+    }
 };
 
 constinit SystemDisk g_system_disk;

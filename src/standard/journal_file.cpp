@@ -116,6 +116,14 @@ bool put_record(GrowArray<uint8_t> &to, uint8_t type, const RecordParts &parts) 
     return fits; // there is room for all
 }
 
+std::array<uint8_t, kRecordHeader> end_of_state() noexcept
+{
+    std::array<uint8_t, kRecordHeader> record{};
+    record[kTypeAt] = kEndOfState;
+    seal_records(record);
+    return record;
+}
+
 void seal_records(std::span<uint8_t> records) noexcept
 {
     while (!records.empty()) {

@@ -49,7 +49,8 @@ FileHeader header_of(FileKind kind) noexcept;
 using RecordParts = std::initializer_list<std::span<const uint8_t>>;
 size_t record_size(const RecordParts &parts) noexcept; // in the file
 // Appends a record without its checksum; false without memory.
-[[nodiscard]] bool put_record(GrowArray<uint8_t> &to, uint8_t type, const RecordParts &parts) noexcept;
+[[nodiscard]] bool                 put_record(GrowArray<uint8_t> &to, uint8_t type, const RecordParts &parts) noexcept;
+std::array<uint8_t, kRecordHeader> end_of_state() noexcept; // the whole record
 // Writes the checksums of whole records that stand one behind the other.
 void seal_records(std::span<uint8_t> records) noexcept;
 
