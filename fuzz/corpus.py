@@ -79,6 +79,70 @@ def codec_decode():
         yield f"{name}_simple", bytes([kind | SIMPLE]) + data
 
 
+def block(*properties):
+    """A property block with its length."""
+    whole = wire(" ".join(properties))
+    return bytes([len(whole)]) + whole
+
+
+USER = "26 00 01 'k' 00 02 'v1' 26 00 01 'k' 00 00"
+ANSWER = ["1F 00 03 'why'", USER]
+MESSAGE = ["01 01", "02 00 00 00 3C", "03 00 04 'text'", "08 00 03 'r/t'", "09 00 02 00 FF", USER]
+LOGIN = ["11 00 00 00 64", "15 00 01 'm'", "16 00 01 'd'", "21 00 0A", "22 00 0B", "27 00 01 00 00", USER]
+CONNACK_ONLY = ["12 00 02 'id'", "13 00 1E", "1A 00 01 'i'", "1C 00 01 's'", "24 01", "25 00", "28 00", "29 01", "2A 00"]
+
+BLOCKS = {  # by packet type, 0 = will
+    0: MESSAGE + ["18 00 00 00 1E"],
+    1: LOGIN + ["17 00", "19 01"],
+    2: LOGIN + CONNACK_ONLY + ANSWER[:1],
+    3: MESSAGE + ["23 00 05", "0B 01", "0B 80 01"],
+    4: ANSWER,
+    5: ANSWER,
+    6: ANSWER,
+    7: ANSWER,
+    8: ["0B FF FF FF 7F", USER],
+    9: ANSWER,
+    10: [USER],
+    11: ANSWER,
+    14: ["11 00 00 00 64", "1C 00 01 's'"] + ANSWER,
+    15: LOGIN[1:3] + ANSWER,
+}
+
+STANDARD = {
+    "connect_4": CONNECT_4,
+    "connect_5": packet(0x10, wire("00 04 'MQTT' 05 F6 00 3C") + block(*BLOCKS[1]) + wire("00 02 'id'") + block(*BLOCKS[0]) +
+                        wire("00 03 'w/t' 00 04 'gone' 00 04 'user' 00 02 'pw'")),
+    "connect_password": packet(0x10, wire("00 04 'MQTT' 05 42 00 3C 00 00 00 00 02 'pw'")),
+    "connect_3": packet(0x10, wire("00 06 'MQIsdp' 03 02 00 3C 00 02 'id'")),
+    "connect_bridge": packet(0x10, wire("00 04 'MQTT' 84 02 00 3C 00 02 'id'")),
+    "publish_0": wire("31 08 00 01 'a' 'hello'"),
+    "publish_1": wire("3B 09 00 03 'a/b' 00 07 'hi'"),
+    "publish_5": packet(0x34, wire("00 03 'a/b' 00 07") + block(*MESSAGE, "23 00 05") + b"hello"),
+    "publish_alias": packet(0x30, wire("00 00") + block("23 00 05") + b"hello"),
+    "publish_utf8": packet(0x30, wire("00 0B 'a/' C3 A9 E2 82 AC F0 9F 98 80 00")),
+    **{f"ack_{kind}": packet(kind << 4 | (2 if kind == 6 else 0), wire("00 07")) for kind in (4, 5, 6, 7)},
+    **{f"ack_{kind}_5": packet(kind << 4 | (2 if kind == 6 else 0), wire("00 07 00") + block(*ANSWER)) for kind in (4, 5, 6, 7)},
+    "ack_reason": wire("62 03 00 07 92"),
+    "subscribe_4": packet(0x82, wire("00 07 00 03 'a/b' 01 00 01 '#' 02 00 03 '+/+' 00")),
+    "subscribe_5": packet(0x82, wire("00 07") + block(*BLOCKS[8]) + wire("00 03 'a/b' 2D 00 0A '$share/g/+' 1A")),
+    "unsubscribe_4": packet(0xA2, wire("00 07 00 03 'a/b' 00 0A '$share/g/#'")),
+    "unsubscribe_5": packet(0xA2, wire("00 07") + block(USER) + wire("00 03 'a/b'")),
+    "pingreq": wire("C0 00"),
+    "disconnect_4": wire("E0 00"),
+    "disconnect_reason": wire("E0 01 04"),
+    "disconnect_5": packet(0xE0, wire("00") + block(*BLOCKS[14])),
+    "auth": packet(0xF0, wire("18") + block(*BLOCKS[15])),
+}
+
+
+def standard_codec():
+    for name, data in STANDARD.items():
+        for level in (0, 1):
+            yield f"{name}_{level}", bytes([level]) + data
+    for kind, properties in BLOCKS.items():
+        yield f"block_{kind}", bytes([kind << 4 | 2]) + wire(" ".join(properties))
+
+
 def codec_encode():
     sizes = {1: 2556, 2: 16, 3: 2332, 4: 72, 5: 72, 6: 72, 7: 72, 8: 4192, 9: 72, 10: 4124, 11: 72, 14: 144}
     for kind, size in sizes.items():

@@ -14,7 +14,7 @@ import sys
 from pathlib import Path
 
 # From the bottom up.
-LAYERS = ["base", "log", "tls", "codec", "net", "stats", "persist", "sub", "client", "qos", "handler", "api"]
+LAYERS = ["base", "log", "tls", "codec", "net", "stats", "persist", "sub", "client", "qos", "standard", "handler", "api"]
 
 # The one C++ header of a module, with all that others may use of it.
 FACES = {
@@ -29,6 +29,9 @@ FACES = {
     "stats": "stats/stats.hpp",
     "sub": "sub/sub.hpp",
 }
+
+# Folders inside a module with a face of their own; their other headers are private to them.
+FOLDER_FACES = {"codec/standard": "codec/standard/standard_codec.hpp"}
 
 # Where the exported functions of a module are, if not in <module>/<module>_c.cpp.
 SHELLS = {"stats": "api/stats_c.cpp"}
@@ -83,19 +86,31 @@ def includes(path, source_dir):
             yield number, None if target.is_relative_to(path.parent.resolve()) else match[2]
 
 
+def source_files(source_dir):
+    return sorted(path for path in source_dir.rglob("*") if path.is_file())
+
+
+def owner_of(name):
+    """The folder with a face that this file belongs to, or else its module."""
+    folder = name.rpartition("/")[0]
+    return folder if folder in FOLDER_FACES else name.split("/")[0]
+
+
 def parts_of_faces(root):
-    """The faces and what they include of their own modules, which may be included without the rest."""
-    for module, face in FACES.items():
+    """The faces and what they include of their own modules or folders, which may be included without the rest."""
+    for owner, face in {**FACES, **FOLDER_FACES}.items():
         if (root / "src" / face).exists():
             yield face
             for _, header in includes(root / "src" / face, root / "src"):
-                if header and header.startswith(module + "/"):
+                if header and header.startswith(owner + "/"):
                     yield header
 
 
 def fault_of(source, header, shared, used_upward):
     """What is wrong with this include, or None. Both names are relative to src/."""
     module, other = source.split("/")[0], header.split("/")[0]
+    if owner_of(header) in FOLDER_FACES and owner_of(header) != owner_of(source) and header not in shared:
+        return f"{header} is private to {owner_of(header)}/"
     if module == other:
         return None
     if other not in LAYERS:
@@ -127,7 +142,7 @@ def calls_as_hosts(root):
         return
     use = re.compile(rf"\b({'|'.join(sorted(names))})\b")
     apart = installed_headers(root) | {SHELLS.get(module, f"{module}/{module}_c.cpp") for module in FACES}
-    for path in sorted((root / "src").glob("*/*")):
+    for path in source_files(root / "src"):
         source = path.relative_to(root / "src").as_posix()
         if source in apart:
             continue
@@ -145,9 +160,9 @@ def check(root):
     source_dir = (root / "src").resolve()
     shared = installed_headers(root) | {*parts_of_faces(root), "api/tarn_sdk_mqtt_broker.h"}
     used_upward = set()
-    for path in sorted(source_dir.glob("*/*")):
+    for path in source_files(source_dir):
         source = path.relative_to(source_dir).as_posix()
-        module = path.parent.name
+        module = source.split("/")[0]
         if module not in LAYERS:
             yield f"src/{source}: {module}/ is in no layer"
             continue
@@ -157,7 +172,7 @@ def check(root):
                 yield f"src/{source}:{number}: {fault}"
     for module, header in sorted(UPWARD.keys() - used_upward):
         yield f"tools/check_layers.py: nothing in {module}/ includes {header} any more"
-    for header in sorted({*FACES.values()} | installed_headers(root)):
+    for header in sorted({*FACES.values(), *FOLDER_FACES.values()} | installed_headers(root)):
         if not (source_dir / header).exists():
             yield f"{header} is listed but does not exist"
     for path in sorted((root / "broker").rglob("*.[ch]*")):

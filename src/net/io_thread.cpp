@@ -61,8 +61,7 @@ ssize_t receive_bytes(const SlotPin &pin)
     SlotLock slot(pin.handle(), SlotLock::Always);
     if (!pin.is_current())
         return -1;
-    const ssize_t got =
-        recv(slot->fd, slot->rx_buf + slot->rx_len, static_cast<size_t>(room_left(*slot)), MSG_DONTWAIT);
+    const ssize_t got = recv(slot->fd, received_bytes(pin) + slot->rx_len, room_for_more(pin), MSG_DONTWAIT);
     if (got > 0) {
         slot->rx_len += static_cast<int32_t>(got);
         slot->last_active = wall_ms();
@@ -101,7 +100,10 @@ Left serve_whole_packets(const SlotPin &pin, const EventSink &sink, uint32_t sta
     const netip_conn_t &slot = pin.slot();
     while (packet_is_whole(slot)) {
         const auto length = static_cast<size_t>(slot.pkt_len);
-        if (!layer_runs(start) || !serves_here(pin, {slot.rx_buf, length}, start) || !hand_up_first(pin, sink, start))
+        if (length == 0)
+            return Left::End; // refused
+        if (!layer_runs(start) || !serves_here(pin, {received_bytes(pin), length}, start) ||
+            !hand_up_first(pin, sink, start))
             return Left::NotOurs;
         if (elapsed(mono_us(), began_us) >= kTimePerTurn_us)
             return Left::More;
@@ -127,10 +129,10 @@ Left read_and_serve(const SlotPin &pin, const EventSink &sink, uint32_t start)
             return got == 0 ? Left::End : Left::Nothing;
         total += got;
         LOG_DEBUG("[NETIP] 开始解析客户端数据 handle=%d 缓存长度=%d", static_cast<int>(pin.handle()), slot.rx_len);
-        (void)find_packet_length(slot);
+        measure(pin);
         if (const Left left = serve_whole_packets(pin, sink, start, began_us); left != Left::Nothing)
             return left;
-        if (room_left(slot) == 0)
+        if (room_for_more(pin) == 0)
             return Left::End; // the packet in front will never be whole
     }
     return Left::More;

@@ -71,6 +71,7 @@ struct SlotSide {
     Shared<uint8_t>       asks_about_all; // see ask_about_all()
     Shared<uint8_t>       was_aside;      // a packet of it went to a lane before
     Errand                errand;         // g_lane_mutex
+    uint8_t              *big_packet;     // in front, if it is above NETIP_RX_SIZE (big_packet.cpp); its reader's
 };
 extern SlotSide g_sides[NETIP_CLIENTS_MAX];
 
@@ -198,6 +199,16 @@ void hang_up(const SlotPin &pin, const EventSink &sink) noexcept;
 void close_at_deinit(uint32_t handle, const EventSink &sink) noexcept;
 // Closes the descriptors of connections whose callback objected to netip_close.
 void close_left_open() noexcept REQUIRES(g_netip_lock);
+
+// ---- what was received (big_packet.cpp). The reader's.
+
+uint8_t             *received_bytes(const SlotPin &pin) noexcept; // slot.rx_len of them, the packet in front first
+[[nodiscard]] size_t room_for_more(const SlotPin &pin) noexcept;  // 0: the packet in front will never be whole
+// Looks for the length of the packet in front. 0 is that of what is refused: it is whole at once.
+void measure(const SlotPin &pin) noexcept;
+// Drops the packet in front and measures the next.
+void drop_packet(const SlotPin &pin) noexcept;
+void drop_big_packet(uint32_t handle) noexcept;
 
 // ---- serving a connection (serve.cpp). Its receive buffer is the calling thread's.
 

@@ -85,6 +85,17 @@ void ask_about_all(Connection connection, bool all) noexcept;
 // Ends Way::Later. Any thread. One that comes while the hook is still deciding is not lost: the hook is asked again.
 void resume(Connection connection) noexcept;
 
+// ---- how long a packet may be (big_packet.cpp)
+
+// Tells the length of the packet that what was received begins with, 0 while more bytes are needed to tell. What it
+// refuses ends the connection. Without the hook packets have up to NETIP_RX_SIZE bytes, with it what it lets pass.
+struct Measured {
+    size_t length     = 0; // up to INT32_MAX
+    bool   is_refused = false;
+};
+using MeasureHook = Measured (*)(Connection connection, std::span<const uint8_t> received) noexcept;
+void set_measure_hook(MeasureHook hook) noexcept;
+
 // ---- an end that waits
 
 // How long what was sent last has to leave before the connection is closed.

@@ -57,10 +57,10 @@ Finish hand_up(const SlotPin &pin, const EventSink &sink)
 {
     const netip_conn_t &slot = pin.slot();
     LOG_INFO("[NETIP] 完整报文长度: %d", slot.pkt_len);
-    LOG_HEXDUMP("[NETIP] 完整报文", slot.rx_buf, slot.pkt_len);
+    LOG_HEXDUMP("[NETIP] 完整报文", received_bytes(pin), slot.pkt_len);
     Finish finish;
     t_finish = &finish;
-    sink.data(pin.connection(), slot.rx_buf, static_cast<uint32_t>(slot.pkt_len));
+    sink.data(pin.connection(), received_bytes(pin), static_cast<uint32_t>(slot.pkt_len));
     t_finish = nullptr;
     return finish;
 }
@@ -130,7 +130,7 @@ bool hand_up_first(const SlotPin &pin, const EventSink &sink, uint32_t start) no
     const Finish finish = hand_up(pin, sink);
     if (!pin.is_current())
         return false; // the callback closed the connection: what follows is not its packet any more
-    next_packet(pin.slot());
+    drop_packet(pin);
     if (!finish.call)
         return true;
     if (pause_on_lane(pin, finish, start))

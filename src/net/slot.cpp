@@ -136,8 +136,10 @@ SlotPin::~SlotPin()
         return;
     SlotSide &side = side_of(handle());
     SlotLock  lock(handle(), SlotLock::Always);
-    if (!lock->in_use && side.pins.load(std::memory_order_relaxed) == 1)
+    if (!lock->in_use && side.pins.load(std::memory_order_relaxed) == 1) {
         wipe_received(*lock);
+        drop_big_packet(handle());
+    }
     side.pins.fetch_sub(1, std::memory_order_release); // from here on the slot may be handed out again
 }
 

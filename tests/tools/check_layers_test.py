@@ -70,6 +70,27 @@ class CheckLayers(unittest.TestCase):
             ["src/handler/a.cpp:2: sub/match_list.h is private to sub/"],
         )
 
+    def test_the_face_of_a_folder(self):
+        face = {"src/codec/standard/standard_codec.hpp": '#include "types.h"\n', "src/codec/standard/types.h": ""}
+        lines = '#include "../codec/standard/standard_codec.hpp"\n#include "../codec/standard/types.h"\n'
+        self.assertEqual(self.faults({**face, "src/handler/a.cpp": lines}), [])
+        private = {**face, "src/codec/standard/reader.h": '#include "../codec_internal.h"\n', "src/codec/codec_internal.h": ""}
+        self.assertEqual(self.faults({**private, "src/codec/standard/a.cpp": '#include "reader.h"\n'}), [])
+        for source, line in (
+            ("src/handler/a.cpp", '#include "../codec/standard/reader.h"\n'),
+            ("src/codec/a.cpp", '#include "standard/reader.h"\n'),
+        ):
+            self.assertEqual(
+                self.faults({**private, source: line}),
+                [f"{source}:1: codec/standard/reader.h is private to codec/standard/"],
+            )
+
+    def test_files_in_folders_of_a_module_are_checked(self):
+        self.assertEqual(
+            self.faults({"src/client/client.h": "", "src/net/tcp/a.cpp": '#include "../../client/client.h"\n'}),
+            ["src/net/tcp/a.cpp:1: client/ is above net/, and client/client.h is no listed exception"],
+        )
+
     def test_a_face_takes_types_only(self):
         files = {"src/client/client.h": "", "src/qos/qos.hpp": '#include "../client/client.h"\n'}
         self.assertEqual(

@@ -1,0 +1,148 @@
+// packets.h - the packets as plain structs: decoded from what clients send, encoded for what a server sends.
+//
+// Decoders take exactly one whole packet and copy nothing: texts, bytes and properties point into it. What they refuse
+// must end the connection, with the verdict's reason where the level can say it; the struct then holds no more than
+// what was read before. They see all that the packet alone can show. What needs to know more is the caller's: which
+// packet comes first, identifiers in use, aliases, maxima that were agreed, rights.
+//
+// Encoders write whole packets. size_of() says how many bytes; 0 says that this receiver must not or cannot be sent it.
+// encode() returns the same number, or 0 if there was too little room; then nothing was written.
+#ifndef TARN_CODEC_STANDARD_PACKETS_H
+#define TARN_CODEC_STANDARD_PACKETS_H
+
+#include "filters.h"
+#include "properties.h"
+#include "reason.h"
+
+namespace tarn::codec::standard {
+
+// Whom a packet is encoded for.
+struct Receiver {
+    Level  level;
+    size_t maximum_packet_size = kPacketMax; // of its CONNECT
+};
+
+// ---- CONNECT and CONNACK
+
+struct Will {
+    uint8_t          qos    = 0;
+    bool             retain = false;
+    std::string_view topic;
+    Bytes            payload;
+    Properties       properties;
+};
+
+struct Connect {
+    Level                           level       = Level::Mqtt311;
+    bool                            clean_start = false; // 3.1.1: clean session
+    uint16_t                        keep_alive  = 0;     // s, 0 = off
+    std::string_view                client_id;           // may be empty; whether it may be is the caller's to say
+    Properties                      properties;
+    std::optional<Will>             will;
+    std::optional<std::string_view> user_name;
+    std::optional<Bytes>            password;
+};
+
+// Of a refused CONNECT `level` is right all the same: the one to answer at. UnsupportedProtocolVersion: a level that is
+// neither 4 nor 5, a bridge's mark at the highest bit among them [MQTT-3.1.2-2], or another protocol's name.
+Verdict decode_connect(Bytes packet, Connect &connect) noexcept;
+
+// Beside a failure `session_present` is written as 0 [MQTT-3.2.2-6]. At 3.1.1 there is a packet only for reasons with a
+// return code (return_code_of).
+struct Connack {
+    bool       session_present = false;
+    Reason     reason          = Reason::Success;
+    Properties properties;
+};
+[[nodiscard]] size_t size_of(const Connack &connack, const Receiver &receiver) noexcept;
+size_t               encode(const Connack &connack, const Receiver &receiver, std::span<uint8_t> to) noexcept;
+
+// ---- PUBLISH, both ways
+
+struct Publish {
+    bool             dup    = false;
+    bool             retain = false;
+    uint8_t          qos    = 0;
+    std::string_view topic;         // empty: the topic of the alias, 5.0
+    uint16_t         packet_id = 0; // QoS 1 and 2
+    Properties       properties;
+    Bytes            payload;
+};
+Verdict decode_publish(Bytes packet, Level level, Publish &publish) noexcept;
+
+// The head is all that stands before the payload, which is sent behind it from where it lies: its length counts, its
+// bytes are not read. At 3.1.1 there are no properties.
+[[nodiscard]] size_t size_of_head(const Publish &publish, const Receiver &receiver) noexcept;
+size_t               encode_head(const Publish &publish, const Receiver &receiver, std::span<uint8_t> to) noexcept;
+
+// Where the two bytes of the packet identifier stand in a head of QoS 1 or 2; 0 if it has none.
+[[nodiscard]] size_t packet_id_offset(Bytes head) noexcept;
+
+// One encoded head for many receivers: gives it another identifier, marks it as sent before. Neither changes its size.
+void set_packet_id(std::span<uint8_t> head, uint16_t packet_id) noexcept;
+void set_dup(std::span<uint8_t> head) noexcept;
+
+// ---- PUBACK, PUBREC, PUBREL and PUBCOMP, both ways
+
+struct Ack {
+    PacketType type      = PUBACK;
+    uint16_t   packet_id = 0;
+    Reason     reason    = Reason::Success; // 5.0
+    Properties properties;
+};
+Verdict              decode_ack(Bytes packet, Level level, Ack &ack) noexcept; // of any of the four types
+[[nodiscard]] size_t size_of(const Ack &ack, const Receiver &receiver) noexcept;
+size_t               encode(const Ack &ack, const Receiver &receiver, std::span<uint8_t> to) noexcept;
+
+// ---- SUBSCRIBE, SUBACK, UNSUBSCRIBE and UNSUBACK
+
+struct Subscribe {
+    uint16_t      packet_id = 0;
+    Properties    properties;
+    Subscriptions subscriptions; // at least one
+};
+Verdict decode_subscribe(Bytes packet, Level level, Subscribe &subscribe) noexcept;
+
+struct Unsubscribe {
+    uint16_t     packet_id = 0;
+    Properties   properties;
+    TopicFilters filters; // at least one
+};
+Verdict decode_unsubscribe(Bytes packet, Level level, Unsubscribe &unsubscribe) noexcept;
+
+// SUBACK or UNSUBACK. At 3.1.1 each failure in a SUBACK is written as 0x80, and UNSUBACK has no codes.
+struct SubscriptionAck {
+    PacketType              type      = SUBACK;
+    uint16_t                packet_id = 0;
+    std::span<const Reason> reasons; // one for each filter, in their order [MQTT-3.8.4-6]
+    Properties              properties;
+};
+[[nodiscard]] size_t size_of(const SubscriptionAck &ack, const Receiver &receiver) noexcept;
+size_t               encode(const SubscriptionAck &ack, const Receiver &receiver, std::span<uint8_t> to) noexcept;
+
+// ---- PINGREQ, PINGRESP
+
+Verdict           decode_pingreq(Bytes packet, Level level) noexcept;
+constexpr uint8_t kPingresp[] = {PINGRESP << 4, 0};
+
+// ---- DISCONNECT, both ways; a 3.1.1 server sends none
+
+struct Disconnect {
+    Reason     reason = Reason::NormalDisconnection; // 5.0
+    Properties properties;
+};
+Verdict              decode_disconnect(Bytes packet, Level level, Disconnect &disconnect) noexcept;
+[[nodiscard]] size_t size_of(const Disconnect &disconnect, const Receiver &receiver) noexcept;
+size_t               encode(const Disconnect &disconnect, const Receiver &receiver, std::span<uint8_t> to) noexcept;
+
+// ---- AUTH, 5.0
+
+struct Auth {
+    Reason     reason = Reason::Success;
+    Properties properties;
+};
+Verdict decode_auth(Bytes packet, Level level, Auth &auth) noexcept;
+
+} // namespace tarn::codec::standard
+
+#endif

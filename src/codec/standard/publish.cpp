@@ -1,0 +1,126 @@
+// publish.cpp - PUBLISH (3.3), both ways.
+//
+// PUBLISH:  30|dup,qos,retain  remaining:varint  topic:text  [packet-id:u16, QoS 1 and 2]  [properties, 5.0]  payload
+#include "decoding.h"
+#include "encoding.h"
+
+namespace tarn::codec::standard {
+
+namespace {
+
+constexpr uint8_t kDup    = 0x08;
+constexpr uint8_t kQos    = 0x06;
+constexpr uint8_t kRetain = 0x01;
+
+void check_topic(Reader &in, const Publish &publish, Level level)
+{
+    if (!in.ok() || is_topic_name(publish.topic))
+        return;
+    if (!publish.topic.empty())
+        in.refuse(Reason::TopicNameInvalid, "the topic has a wildcard"); // [MQTT-3.3.2-2]
+    else if (level == Level::Mqtt311)
+        in.refuse(Reason::TopicNameInvalid, "the topic is empty"); // [MQTT-4.7.3-1]
+    else if (!publish.properties.topic_alias)
+        in.refuse(Reason::ProtocolError, "neither a topic nor a Topic Alias");
+}
+
+} // namespace
+
+Verdict decode_publish(Bytes packet, Level level, Publish &publish) noexcept
+{
+    publish   = {};
+    Reader in = open_packet(packet, PUBLISH, level);
+    if (!in.ok())
+        return in.verdict();
+    publish.dup    = packet[0] & kDup;
+    publish.qos    = (packet[0] & kQos) >> 1;
+    publish.retain = packet[0] & kRetain;
+    publish.topic  = in.text(); // [MQTT-3.3.2-1]
+    if (publish.qos != 0)
+        publish.packet_id = read_packet_id(in);
+    if (level == Level::Mqtt5)
+        read_properties(in, PUBLISH, publish.properties);
+    check_topic(in, publish, level);
+    if (publish.properties.subscription_identifier)
+        in.refuse(Reason::ProtocolError, "a Subscription Identifier in a client's PUBLISH"); // [MQTT-3.3.4-6]
+    publish.payload = in.all();
+    return in.verdict();
+}
+
+// ---- encoding
+
+namespace {
+
+uint8_t first_byte(const Publish &publish)
+{
+    return static_cast<uint8_t>(PUBLISH << 4 | (publish.dup ? kDup : 0) | (publish.qos << 1 & kQos) |
+                                (publish.retain ? kRetain : 0));
+}
+
+// What stands between the fixed header and the payload.
+void write_fields(Writer &out, const Publish &publish, Level level)
+{
+    out.text(publish.topic);
+    if (publish.qos != 0)
+        out.u16(publish.packet_id);
+    if (level == Level::Mqtt5)
+        write_properties(out, publish.properties, PUBLISH);
+}
+
+size_t body_size(const Publish &publish, Level level)
+{
+    Writer counter;
+    write_fields(counter, publish, level);
+    return counter.size() + publish.payload.size();
+}
+
+size_t head_size(const Publish &publish, size_t body, const Receiver &receiver)
+{
+    const size_t size = packet_size(body, receiver); // [MQTT-3.1.2-24]
+    return size != 0 ? size - publish.payload.size() : 0;
+}
+
+} // namespace
+
+size_t size_of_head(const Publish &publish, const Receiver &receiver) noexcept
+{
+    return head_size(publish, body_size(publish, receiver.level), receiver);
+}
+
+size_t encode_head(const Publish &publish, const Receiver &receiver, std::span<uint8_t> to) noexcept
+{
+    const size_t body = body_size(publish, receiver.level);
+    const size_t size = head_size(publish, body, receiver);
+    if (size == 0 || size > to.size())
+        return 0;
+    Writer out(to);
+    write_fields(out.u8(first_byte(publish)).varint(body), publish, receiver.level);
+    return size;
+}
+
+// ---- an encoded head
+
+size_t packet_id_offset(Bytes head) noexcept
+{
+    if (head.empty() || type_of(head[0]) != PUBLISH || !(head[0] & kQos))
+        return 0;
+    Reader in(head.subspan(1));
+    in.varint();
+    in.binary(); // the topic
+    const size_t offset = head.size() - in.rest().size();
+    return in.rest().size() >= 2 ? offset : 0;
+}
+
+void set_packet_id(std::span<uint8_t> head, uint16_t packet_id) noexcept
+{
+    if (const size_t offset = packet_id_offset(head); offset != 0)
+        Writer(head.subspan(offset)).u16(packet_id);
+}
+
+void set_dup(std::span<uint8_t> head) noexcept
+{
+    if (!head.empty() && type_of(head[0]) == PUBLISH && head[0] & kQos)
+        head[0] |= kDup;
+}
+
+} // namespace tarn::codec::standard

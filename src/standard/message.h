@@ -1,0 +1,76 @@
+// message.h - one published message of the standard profile, shared by all who are to have it and never changed.
+#ifndef TARN_STANDARD_MESSAGE_H
+#define TARN_STANDARD_MESSAGE_H
+
+#include <atomic>
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <utility>
+
+namespace tarn::standard {
+
+// Where the parts of a message stand that is to be made.
+struct MessageParts {
+    uint64_t                 number     = 0; // of all messages, in the order they came; files know it by this
+    uint64_t                 expires_ms = 0; // wall clock; 0 = never
+    uint64_t                 sender     = 0; // session number; 0 = the host
+    uint8_t                  qos        = 0;
+    bool                     retain     = false;
+    std::string_view         topic;
+    std::span<const uint8_t> properties = {}; // a block as it is forwarded, without message expiry, alias, identifiers
+    std::span<const uint8_t> payload    = {};
+};
+
+class Message {
+public:
+    uint64_t                 number() const { return parts_.number; }
+    uint64_t                 expires_ms() const { return parts_.expires_ms; }
+    uint64_t                 sender() const { return parts_.sender; }
+    uint8_t                  qos() const { return parts_.qos; }
+    bool                     retain() const { return parts_.retain; }
+    std::string_view         topic() const { return parts_.topic; }
+    std::span<const uint8_t> properties() const { return parts_.properties; }
+    std::span<const uint8_t> payload() const { return parts_.payload; }
+    size_t                   size() const; // bytes of memory
+
+private:
+    friend class MessageRef;
+    explicit Message(const MessageParts &parts) : parts_(parts) {}
+
+    std::atomic<uint32_t> refs_{1};
+    MessageParts          parts_; // the three spans point behind this object
+};
+
+// Any thread; the message goes with the last.
+class MessageRef {
+public:
+    static MessageRef make(const MessageParts &parts) noexcept; // empty without memory
+
+    MessageRef() = default;
+    MessageRef(const MessageRef &other) noexcept : message_(other.message_)
+    {
+        if (message_)
+            message_->refs_.fetch_add(1, std::memory_order_relaxed);
+    }
+    MessageRef(MessageRef &&other) noexcept : message_(std::exchange(other.message_, nullptr)) {}
+    MessageRef &operator=(MessageRef other) noexcept
+    {
+        std::swap(message_, other.message_);
+        return *this;
+    }
+    ~MessageRef() { let_go(); }
+
+    explicit       operator bool() const { return message_ != nullptr; }
+    const Message &operator*() const { return *message_; }
+    const Message *operator->() const { return message_; }
+
+private:
+    void let_go() noexcept;
+
+    Message *message_ = nullptr;
+};
+
+} // namespace tarn::standard
+
+#endif

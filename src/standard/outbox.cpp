@@ -1,0 +1,186 @@
+// outbox.cpp - see outbox.h.
+#include "outbox.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace tarn::standard {
+
+// Copied bytes, or a long payload.
+struct Outbox::Chunk {
+    static constexpr size_t kRoom = 4000; // a chunk fits into a page
+
+    Chunk     *next      = nullptr;
+    uint64_t   journaled = 0; // leaves when the journal is on the disk up to there
+    MessageRef message;       // whose payload it is
+    size_t     size = 0;
+    size_t     sent = 0; // of a payload: it leaves in pieces
+    uint8_t    copied[kRoom];
+
+    const uint8_t *bytes() const { return message ? message->payload().data() : copied; }
+    size_t         room() const { return message ? 0 : kRoom - size; }
+};
+
+namespace {
+
+constexpr size_t kCopiedMax = 1024; // bytes of a payload; a longer one is sent from where it lies
+constexpr size_t kSparesMax = 256;  // a megabyte
+
+constinit size_t g_spare_count = 0; // chunks that wait to be used again; the engine's lock
+
+} // namespace
+
+// ---- chunks
+
+namespace {
+constinit void *g_spares = nullptr; // linked by their first word
+} // namespace
+
+void Outbox::let_go(Chunk *chunk) noexcept
+{
+    chunk->~Chunk();
+    if (g_spare_count >= kSparesMax) {
+        operator delete(chunk);
+        return;
+    }
+    *reinterpret_cast<void **>(chunk) = std::exchange(g_spares, chunk);
+    ++g_spare_count;
+}
+
+// Linked by `next`; null, and none is made, without memory.
+Outbox::Chunk *Outbox::make(size_t count, uint64_t journaled) noexcept
+{
+    Chunk *first = nullptr;
+    for (; count > 0; --count) {
+        void *room = g_spares;
+        if (room) {
+            g_spares = *static_cast<void **>(room);
+            --g_spare_count;
+        } else {
+            room = operator new(sizeof(Chunk), std::nothrow);
+        }
+        if (!room) {
+            while (first)
+                let_go(std::exchange(first, first->next));
+            return nullptr;
+        }
+        auto *const chunk = new (room) Chunk;
+        chunk->journaled  = journaled;
+        chunk->next       = std::exchange(first, chunk);
+    }
+    return first;
+}
+
+void Outbox::append(Chunk &chunk) noexcept
+{
+    chunk.next                     = nullptr;
+    (last_ ? last_->next : first_) = &chunk;
+    last_                          = &chunk;
+}
+
+void Outbox::drop_first() noexcept
+{
+    Chunk *const chunk = std::exchange(first_, first_->next);
+    if (!first_)
+        last_ = nullptr;
+    let_go(chunk);
+}
+
+void Outbox::clear() noexcept
+{
+    while (first_)
+        drop_first();
+    bytes_ = 0;
+}
+
+// ---- adding
+
+// The last chunk, if what waits for this place of the journal may stand in it.
+Outbox::Chunk *Outbox::with_room(uint64_t journaled) noexcept
+{
+    return last_ && journaled <= last_->journaled && last_->room() > 0 ? last_ : nullptr;
+}
+
+// Fills `into`, and then fresh chunks; returns the last.
+Outbox::Chunk *Outbox::copy(std::span<const uint8_t> bytes, Chunk *into, Chunk *&fresh) noexcept
+{
+    while (!bytes.empty()) {
+        if (!into || into->room() == 0) {
+            into = std::exchange(fresh, fresh->next);
+            append(*into);
+        }
+        const size_t part = std::min(bytes.size(), into->room());
+        memcpy(into->copied + into->size, bytes.data(), part);
+        into->size += part;
+        bytes = bytes.subspan(part);
+    }
+    return into;
+}
+
+bool Outbox::add(std::span<const uint8_t> packet, uint64_t journaled, const MessageRef &message) noexcept
+{
+    if (last_)
+        journaled = std::max(journaled, last_->journaled); // it waits behind that one anyway
+    const std::span<const uint8_t> payload = message ? message->payload() : std::span<const uint8_t>();
+    const bool                     refers  = payload.size() > kCopiedMax;
+    const size_t                   copied  = packet.size() + (refers ? 0 : payload.size());
+    Chunk                         *into    = with_room(journaled);
+    const size_t                   beyond  = copied - std::min(copied, into ? into->room() : 0);
+    const size_t                   wanted  = (beyond + Chunk::kRoom - 1) / Chunk::kRoom + refers;
+    Chunk                         *fresh   = make(wanted, journaled);
+    if (wanted > 0 && !fresh)
+        return false;
+    into = copy(packet, into, fresh);
+    if (refers) {
+        fresh->message = message;
+        fresh->size    = payload.size();
+        append(*fresh);
+    } else {
+        (void)copy(payload, into, fresh);
+    }
+    bytes_ += packet.size() + payload.size();
+    return true;
+}
+
+// ---- sending
+
+// What may leave, at most net::kGatherMax pieces of at most NETIP_SEND_MAX bytes.
+int Outbox::gather(net::OutPacket *pieces, uint64_t journaled) const noexcept
+{
+    int count = 0;
+    for (const Chunk *chunk = first_; chunk && chunk->journaled <= journaled; chunk = chunk->next)
+        for (size_t at = chunk->sent; at < chunk->size; at += NETIP_SEND_MAX) {
+            if (count == net::kGatherMax)
+                return count;
+            const size_t piece = std::min<size_t>(chunk->size - at, NETIP_SEND_MAX);
+            pieces[count++]    = {chunk->bytes() + at, static_cast<int32_t>(piece)};
+        }
+    return count;
+}
+
+void Outbox::note_sent(const net::OutPacket *pieces, int count) noexcept
+{
+    for (int i = 0; i < count; ++i) {
+        const auto piece = static_cast<size_t>(pieces[i].length);
+        first_->sent += piece;
+        bytes_ -= piece;
+        if (first_->sent == first_->size)
+            drop_first();
+    }
+}
+
+Outbox::Left Outbox::flush(Send send, void *to, uint64_t journaled) noexcept
+{
+    net::OutPacket pieces[net::kGatherMax];
+    while (const int count = gather(pieces, journaled)) {
+        const net::Sent sent = send(to, pieces, count);
+        note_sent(pieces, sent.packets);
+        if (sent.result != NETIP_OK)
+            return sent.result == NETIP_AGAIN ? Left::Blocked : Left::Broken;
+    }
+    return empty() ? Left::Nothing : Left::Waits;
+}
+
+} // namespace tarn::standard
