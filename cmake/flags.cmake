@@ -33,9 +33,10 @@ endif()
 
 # The library reports every failure by its result, so nothing in it throws; statics have no destructors, because its
 # threads may outlive main(). A call inside the library is bound to the library even when the host defines the name.
+# Its thread-local variables, some 250 bytes, fit into what the loader keeps for a library that a host opens later.
 set(TARN_LIBRARY_FLAGS
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fvisibility-inlines-hidden -fno-threadsafe-statics>
-  -fvisibility=hidden -fno-semantic-interposition -fstack-protector-strong)
+  -fvisibility=hidden -fno-semantic-interposition -fstack-protector-strong -ftls-model=initial-exec)
 
 # -z nodelete: dlclose must not unmap code that the accept thread still runs.
 set(TARN_LIBRARY_LINK_FLAGS
