@@ -53,8 +53,9 @@ ClientFile *find(Kind kind, const char *client_id) noexcept
 
 ClientFile *find_or_make(Kind kind, const char *client_id) noexcept
 {
-    if (ClientFile *const file = find(kind, client_id))
-        return file;
+    if (ClientFile *const known = find(kind, client_id))
+        return known;
+    // cppcheck-suppress legacyUninitvar ; all of it is zero
     auto *const file = new (std::nothrow) ClientFile{};
     if (!file)
         return nullptr;
