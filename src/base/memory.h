@@ -22,7 +22,7 @@ template <class T> using owned = std::unique_ptr<T[], FreeDeleter>;
 template <class T> [[nodiscard]] owned<T> allocate_zeroed(size_t count) noexcept
 {
     static_assert(std::is_trivially_copyable_v<T>);
-    return owned<T>(static_cast<T *>(std::calloc(count ? count : 1, sizeof(T))));
+    return owned<T>(static_cast<T *>(std::calloc(count ? count : 1, sizeof(T)))); // NOLINT(bugprone-sizeof-expression)
 }
 
 // The same without clearing, for buffers that are overwritten at once.
@@ -49,7 +49,7 @@ public:
         size_t room = capacity_ ? capacity_ : 16;
         while (room < wanted)
             room *= 2;
-        void *grown = std::realloc(data_, room * sizeof(T));
+        void *grown = std::realloc(data_, room * sizeof(T)); // NOLINT(bugprone-sizeof-expression): T may be a pointer
         if (!grown)
             return false;
         data_     = static_cast<T *>(grown);
