@@ -87,8 +87,10 @@ bool put_messages(const persist_session_t &record, const Surroundings *known) no
         ScopedLock        lock(g_save_mutex);
         ClientFile *const file =
             waiter ? find_or_make(Kind::Messages, record.client_id) : find(Kind::Messages, record.client_id);
-        if (file)
-            return !set_messages(*file, text, known) || save_behind(*file, behind, waiter);
+        if (file && set_messages(*file, text, known))
+            return save_behind(*file, behind, waiter);
+        save_now(Kind::Messages, record.client_id); // as in put_text()
+        drop_if_saved(Kind::Messages, record.client_id);
     }
     if (const char *const whole = text.c_str())
         safe_write(path, whole);

@@ -1,9 +1,10 @@
 // persist.hpp - what outlives the process, for the other modules of the library. Hosts have the same as persist.h:
 // persist_c.cpp turns away null pointers, calls this, and makes plain numbers of the results.
 //
-// What messages and the retained store cost a thread with a SaveBehind (save_behind.h) is memory only. A session that
-// is read to be changed is a LockedSession (session_store.h): while there is one, nobody else writes its
-// client's files. No pointer may be null where nothing else is said.
+// A thread with a SaveBehind (save_behind.h) waits for no write. It reads a client's files where memory does not know
+// them, which is at its first message if nobody expected it. A session that is read to be changed is a LockedSession
+// (session_store.h): while there is one, nobody else changes its client's files. No pointer may be null where nothing
+// else is said.
 #ifndef TARN_PERSIST_PERSIST_HPP
 #define TARN_PERSIST_PERSIST_HPP
 
@@ -15,7 +16,7 @@ namespace tarn::persist {
 // Makes the directories and loads subscriptions and retained messages. Null or empty: the root stays as it is.
 void init(const char *root_path) noexcept;
 void destroy() noexcept;
-void flush() noexcept;           // its line; what a lane changes it has written by then
+void flush() noexcept;           // its line: what its packet changed is saved, or will be without it
 void save_everything() noexcept; // returns when all changes made so far are on the disk
 
 // Writes those of the client's files that `what` names; nothing without an id or for a clean session. The caller holds

@@ -1,4 +1,4 @@
-// save_behind.h - changes that a thread does not wait for: kept messages and the retained store, saved by the saver
+// save_behind.h - changes that a thread does not wait for: the files of clients and the retained store, saved by the saver
 // thread soon after, many changes of a file at once.
 #ifndef TARN_PERSIST_SAVE_BEHIND_H
 #define TARN_PERSIST_SAVE_BEHIND_H

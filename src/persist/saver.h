@@ -1,5 +1,5 @@
-// saver.h - the saver thread, for the files of this folder. It has a queue of message files and the request to save the
-// retained store.
+// saver.h - the saver thread, for the files of this folder. It has the queues of clients' files and the request to save
+// the retained store.
 #ifndef TARN_PERSIST_SAVER_H
 #define TARN_PERSIST_SAVER_H
 

@@ -51,6 +51,18 @@ void leave_absent(const std::string &id)
     client.disconnect();
 }
 
+// What retain.dat held when the host's own publication inside the callback had returned.
+std::string g_seen_inside;
+
+bool publish_inside(broker_t *broker, const char *, const char *topic, uint8_t, mqtt_client_t *)
+{
+    if (strcmp(topic, "ask") != 0)
+        return true;
+    EXPECT_EQ(tarn_sdk_mqtt_broker_publish(broker, "inside", "v", 1, 0, 1, 0), 0);
+    g_seen_inside = file_text("broker_data/retain.dat");
+    return true;
+}
+
 std::string messages_of(const std::string &id)
 {
     return file_text("broker_data/message/" + id + ".json");
@@ -148,6 +160,32 @@ TEST(waiting_disk, the_next_packet_of_a_delivery_waits_with_the_other_answers)
     client.send(ack_packet(4, 0x50, id));
     client.expect("40 02 00 07");
     client.expect(ack_packet(4, 0x62, id));
+}
+
+TEST(waiting_disk, what_was_retained_waits_with_its_suback)
+{
+    Host host;
+    leave_absent("away");
+    Peer publisher = come(4, "publisher", {});
+    publisher.publish("r", "kept", {.retain = true});
+    publisher.ping();
+    SlowDisk disk(kSlow_ms);
+    publisher.send(publish_packet(4, "t", "x", {.qos = 1, .id = 7}));
+    publisher.send(subscribe_packet(4, 8, "r", 0));
+    publisher.expect("40 02 00 07");
+    publisher.expect_publish("r", "kept", {.retain = true});
+    publisher.expect("90 03 00 08 00");
+}
+
+TEST(waiting_disk, what_a_host_publishes_inside_a_callback_is_saved_when_its_call_returns)
+{
+    Host host;
+    tarn_sdk_mqtt_broker_register_acl_callback(host.broker(), publish_inside);
+    Peer     publisher = come(4, "publisher", {});
+    SlowDisk disk(0, kSlow_ms / 4);
+    publisher.send(publish_packet(4, "ask", "x", {.qos = 1, .id = 7}));
+    publisher.expect("40 02 00 07");
+    EXPECT_THAT(g_seen_inside, HasSubstr("inside"));
 }
 
 TEST(waiting_disk, a_message_behind_a_disconnect_is_kept_for_its_client)

@@ -477,3 +477,31 @@ TEST(stale_events, of_a_reused_slot_are_skipped)
     EXPECT_EQ(events.seen().back(), data(1, wire("C2 00")));
     netip_epoll_fd = -1;
 }
+
+// Each end takes 3 ms here. What is sent while the first of them is told is served before the last.
+TEST(stream, many_ends_leave_room_for_others)
+{
+    constexpr size_t                   kPeers = 12;
+    std::vector<std::unique_ptr<Peer>> peers;
+    std::unique_ptr<Peer>              other;
+    bool                               asked = false; // the I/O thread's
+    Layer                              layer([&](const Recorder::Event &event) {
+        if (event.event == NETIP_EVENT_DATA && event.length == 2 && !asked && event.handle == kPeers)
+            peers.clear(); // all end in one round
+        if (event.event == NETIP_EVENT_DISCONNECTED) {
+            if (!std::exchange(asked, true))
+                other->send("30 03 00 01 't'");
+            std::this_thread::sleep_for(3ms);
+        }
+        return true;
+    });
+    for (size_t i = 0; i < kPeers; ++i)
+        peers.push_back(std::make_unique<Peer>());
+    layer.events.wait_for(kPeers);
+    other = std::make_unique<Peer>();
+    layer.events.wait_for(kPeers + 1);
+    other->send("C0 00");
+    const auto seen = layer.events.wait_for(kPeers + 1 + 1 + kPeers + 1);
+    ASSERT_EQ(seen.size(), kPeers + 1 + 1 + kPeers + 1);
+    EXPECT_NE(seen.back(), data(kPeers, wire("30 03 00 01 't'")));
+}

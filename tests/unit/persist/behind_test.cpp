@@ -1,4 +1,5 @@
 // Changes that their thread does not wait for: what a load finds meanwhile, what the disk has in the end, who is told.
+#include "persist/message_text.h"
 #include "persist/persist.hpp"
 #include "persist_fixture.h"
 #include "support/log_lines/persist.h"
@@ -6,6 +7,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <regex>
 #include <sys/resource.h>
@@ -639,4 +641,48 @@ TEST_F(behind, a_batch_has_all_its_files_with_few_descriptors)
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_EQ(g_mqtt_stats.persist_write, kClients + 1u);
     EXPECT_THAT(log.take(), IsEmpty());
+}
+
+// Only an allocation for the text itself loses it: otherwise the disk has it, behind what was there.
+TEST_F(behind, without_memory_for_the_file_the_messages_go_straight_to_the_disk)
+{
+    record->msg_count = 2;
+    for (int i = 0; i < 2; ++i) {
+        strcpy(record->msgs[i].topic, "long");
+        record->msgs[i].payload_len = 600;
+    }
+    const auto with_each_failing = [](const std::function<void()> &act, const std::function<void()> &look) {
+        int nth = 1;
+        for (int failed = 1; failed > 0; nth += failed, look()) {
+            Fail no_memory(Call::Allocate, nth);
+            act();
+            failed = no_memory.failed();
+        }
+        return nth - 1;
+    };
+    const int of_text = with_each_failing([&] { persist::MessageText().set(*record); }, [] {});
+
+    std::optional<Packet> packet;
+    int                   lost = 0;
+    packet.emplace();
+    const int in_all = with_each_failing([&] { packet->change([&] { persist_mark(record.get(), PERSIST_MESSAGES); }); },
+                                         [&] {
+                                             packet.emplace();
+                                             lost += read_text(kPath).find("long") == std::string::npos;
+                                             persist_remove("dev1");
+                                         });
+    EXPECT_GT(in_all, of_text);
+    EXPECT_EQ(lost, of_text);
+}
+
+TEST_F(behind, what_is_kept_for_a_client_is_known_without_a_look_at_the_files)
+{
+    EXPECT_FALSE(persist::keeps_messages_for("dev1"));
+    Packet packet;
+    packet.change([] { EXPECT_TRUE(keep("a", "x")); });
+    EXPECT_TRUE(persist::keeps_messages_for("dev1"));
+    packet.await();
+    EXPECT_TRUE(persist::keeps_messages_for("dev1"));
+    persist_remove("dev1");
+    EXPECT_FALSE(persist::keeps_messages_for("dev1"));
 }
