@@ -6,6 +6,7 @@
 #include "due_heap.h"
 #include "hash_table.h"
 #include "incoming.h"
+#include "text_hash.h"
 
 #include <string_view>
 
