@@ -18,6 +18,30 @@ bool Recorder::session(const Session &session) noexcept
                                         will.properties(), will.payload()});
 }
 
+bool Recorder::session_with_all(const Session &session, const SubscriptionTree &subscriptions) noexcept
+{
+    bool done = true;
+    session.deliveries.for_each(
+        [&](const DeliveryRecord &delivery) { done = done && (!delivery.message || message(delivery.message)); });
+    GrowArray<uint8_t> rest;
+    const MessageBytes will(session.will.message);
+    done = done && append_rest_of(rest, session) &&
+           append(RecordType::SessionState, {head_of(session), text_bytes(session.text), will.head(), will.topic(),
+                                             will.properties(), will.payload(), ByteSpan(rest.data(), rest.size())});
+    for (const Subscription &subscription : subscriptions.of(session.number)) {
+        const FilterBytes text(subscription);
+        done = done && append(RecordType::Subscribed, {head_of(session.number, subscription.options()), text.share,
+                                                       text.group, text.slash, text.filter});
+    }
+    return done;
+}
+
+bool Recorder::message(const MessageRef &message) noexcept
+{
+    const MessageBytes bytes(message);
+    return append(RecordType::Message, {bytes.head(), bytes.topic(), bytes.properties(), bytes.payload()});
+}
+
 bool Recorder::session_is_gone(const Session &session) noexcept
 {
     return append(RecordType::SessionGone, {bytes_of_numbers(session.number)});

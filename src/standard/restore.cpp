@@ -274,7 +274,7 @@ Restorer::Read Restorer::read_message(FieldReader &reader, MessageRef &message) 
     return message ? Read::Done : Read::NoMemory;
 }
 
-// One message is one object where this is cheap to know: the checkpoint had it, or it was retained and is sent for that.
+// One message is one object where this is cheap to know: the checkpoint had it, or it is retained and sent for that.
 MessageRef Restorer::find_message(const MessageParts &parts) const noexcept
 {
     if (const KnownMessage *const known = find_known(parts.number))
