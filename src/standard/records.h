@@ -128,12 +128,12 @@ private:
 };
 
 // Behind it stands the id, and a will's message.
-inline auto head_of(const Session &session) noexcept
+inline auto head_of(const Session &session, uint32_t expiry_s) noexcept
 {
     const StoredWill &will  = session.will;
     const auto        flags = static_cast<uint8_t>((will.message ? kHasWill : 0) | (will.expiry_s ? kWillExpires : 0));
-    return bytes_of_numbers(session.number, session.expiry_s, session.away_ms, flags, will.delay_s,
-                            will.expiry_s.value_or(0), static_cast<uint32_t>(session.text.size()));
+    return bytes_of_numbers(session.number, expiry_s, session.away_ms, flags, will.delay_s, will.expiry_s.value_or(0),
+                            static_cast<uint32_t>(session.text.size()));
 }
 
 // Behind it stands the filter.

@@ -24,7 +24,7 @@ struct ClientLimits final : ReceiverLimits {
 };
 
 // The journal is small, so that checkpoints come often, and take many steps.
-constexpr JournalLimits kJournalLimits = {.most_of_state = 600, .least_checkpoint = 2000, .retry_ms = 1};
+constexpr JournalLimits kJournalLimits = {.most_of_state = 600, .least_checkpoint = 1000, .retry_ms = 1};
 
 // Changes a state as the engine does. Each change makes one record at most.
 class Life {
@@ -40,11 +40,13 @@ public:
         waiter.life          = this;
         waiter.number        = begun_;
         waiter.saved         = [](persist::SaveWaiter &saved) noexcept {
-            auto &self       = static_cast<ChangeWaiter &>(saved);
-            self.life->told_ = std::max<int>(self.life->told_, self.number);
+            const auto &self = static_cast<ChangeWaiter &>(saved);
+            self.life->note_told(self.number);
         };
         waiter.unsaved = 0; // the journal alone tells it
         ASSERT_TRUE(journal_->wait(recorder_->position(), waiter));
+        if (waiter.unsaved == 0) // it made no record, or is told already
+            note_told(begun_);
         for (size_t steps = below(3); steps > 0; --steps)
             checkpointer_->step();
         while (journal_->unsynced() > 2000) // so that the thread keeps up, and there are checkpoints
@@ -89,6 +91,13 @@ private:
         Life *life   = nullptr;
         int   number = 0;
     };
+
+    // By the journal's thread, too.
+    void note_told(int number)
+    {
+        int told = told_;
+        while (told < number && !told_.compare_exchange_weak(told, number)) {}
+    }
 
     void start()
     {
@@ -379,7 +388,7 @@ void expect_right(const Files &files, const Moment &moment, const Life &life)
 
 TEST(records_random, a_restart_brings_all_back)
 {
-    for (unsigned seed = 0; seed < 100 && !HasFailure(); ++seed) {
+    for (unsigned seed = 0; seed < 60 && !HasFailure(); ++seed) {
         SCOPED_TRACE(seed);
         fs::remove_all("data");
         TestDisk disk;
@@ -414,11 +423,11 @@ TEST(records_random, so_does_a_start_from_a_checkpoint)
 
 TEST(records_random, a_kill_at_any_call_loses_nothing_that_was_said_to_be_saved)
 {
-    for (const unsigned seed : {1, 2, 3}) {
+    for (const unsigned seed : {1, 2}) {
         SCOPED_TRACE(seed);
         fs::remove_all("data");
         TestDisk disk;
-        disk.most_at_once = 100; // so that writes end in the middle of records
+        disk.most_at_once = 200; // so that writes end in the middle of records
         Life                life(disk, seed);
         std::vector<Moment> moments;
         disk.before = [&](DiskCall call) {
