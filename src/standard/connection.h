@@ -23,20 +23,22 @@ enum class Stage : uint8_t {
 };
 
 struct Connection : InDueHeap { // due, on the steady clock: what it must have said by then
-    // Of the thread that serves it; the network layer has one at a time.
-    client_ref            record;
-    broker_t             *broker = nullptr;
-    codec::standard::Level level = codec::standard::Level::Mqtt311;
-    IncomingAliases       incoming_aliases;
+    // Of the thread that serves it, which the network layer has one of at a time; and of the end of the connection.
+    client_ref      record;
+    IncomingAliases incoming_aliases;
 
     // Written by that thread, with the engine's mutex held.
-    net::Connection     id;
-    Shared<Stage>       stage          = Stage::Closed;
-    Shared<uint64_t>    last_packet_ms = 0; // steady clock
-    uint32_t            silence_ms     = 0; // after which it is closed; 0 = never
-    size_t              maximum_packet_size = codec::standard::kPacketMax; // that the client takes
-    uint16_t            receive_maximum     = 65535;
-    bool                wants_problem_information = true;
+    net::Connection        id;
+    broker_t              *broker              = nullptr;
+    codec::standard::Level level               = codec::standard::Level::Mqtt5;
+    size_t                 longest_packet      = 0;                           // of the client's next one
+    uint32_t               silence_ms          = 0;                           // after which it is closed; 0 = never
+    size_t                 maximum_packet_size = codec::standard::kPacketMax; // that the client takes
+    uint16_t               receive_maximum     = 65535;
+    Shared<uint64_t>       last_packet_ms      = 0; // steady clock
+
+    std::atomic<Stage> stage{Stage::Closed}; // written with the engine's mutex held
+    std::atomic<bool>  is_served{false};     // a thread has a packet of it in hand
 
     // The engine's mutex.
     Session        *session = nullptr;

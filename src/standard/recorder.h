@@ -5,15 +5,15 @@
 
 #include "journal.h"
 #include "session.h"
-#include "subscription_tree.h"
+#include "state.h"
 
 namespace tarn::standard {
 
 // What becomes of a publication beside its deliveries.
 struct PublicationEffects {
-    bool           is_retained    = false;   // it is its topic's retained message
-    const Session *sender         = nullptr; // that holds `packet_id`, at QoS 2; null: nothing is held
-    uint16_t       packet_id      = 0;
+    bool           is_retained = false;   // it is its topic's retained message
+    const Session *sender      = nullptr; // that holds `packet_id`, at QoS 2; null: nothing is held
+    uint16_t       packet_id   = 0;
 };
 
 class Recorder final : public DeliverySink {
@@ -24,6 +24,8 @@ public:
     [[nodiscard]] uint64_t position() const noexcept { return position_; }
 
     // All false: there is no record, so that what changed must not be said to be kept.
+
+    [[nodiscard]] bool key(const IdKey &key) noexcept; // of a new directory
 
     // The session is as it is now: made, come back, gone away, its will, how long it lasts.
     [[nodiscard]] bool session(const Session &session) noexcept;
@@ -48,9 +50,9 @@ public:
 private:
     bool append(uint8_t type, RecordParts parts) noexcept;
 
-    Journal          &journal_;
-    uint64_t          position_ = 0;
-    MessageRef        message_;    // of the publication under way
+    Journal           &journal_;
+    uint64_t           position_ = 0;
+    MessageRef         message_;    // of the publication under way
     GrowArray<uint8_t> deliveries_; // of it, encoded
 };
 
