@@ -49,7 +49,6 @@ struct Connection : InDueHeap { // due, on the steady clock: what it must have s
     bool            waits_for_journal = false; // in that list
     Connection     *next_listed       = nullptr;
     Connection     *next_waiting      = nullptr;
-    Connection     *next_ending       = nullptr;
 
     [[nodiscard]] codec::standard::Receiver receiver() const noexcept { return {level, maximum_packet_size}; }
     [[nodiscard]] bool speaks_v5() const noexcept { return level == codec::standard::Level::Mqtt5; }

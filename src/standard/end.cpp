@@ -21,6 +21,15 @@ void send_what_may_leave(Engine &engine, Connection &connection) REQUIRES(engine
         (void)connection.outbox.flush(send, &connection, engine.synced);
 }
 
+// Without memory the next turn tries again.
+void close_soon(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
+{
+    if (engine.ending.push(connection.id))
+        return;
+    connection.due_ms = 0;
+    (void)engine.silent.add(connection); // which has room for it: it was there
+}
+
 uint64_t end_of(const Session &session)
 {
     return session.expiry_s == kForever_s ? kNever : session.away_ms + uint64_t{session.expiry_s} * 1000;
@@ -67,7 +76,7 @@ void drop_connection(Engine &engine, Connection &connection, WithWill will) noex
     send_what_may_leave(engine, connection);
     connection.stage.store(Stage::Ending);
     engine.silent.remove(connection);
-    connection.next_ending = std::exchange(engine.ending, &connection);
+    close_soon(engine, connection);
     if (Session *const session = std::exchange(connection.session, nullptr))
         go_away(engine, *session, will);
 }
@@ -102,6 +111,10 @@ void end_silent(Engine &engine, uint64_t now_ms) REQUIRES(engine_mutex)
         if (connection->due_ms > now_ms)
             return;
         engine.silent.remove(*connection);
+        if (connection->stage.load() == Stage::Ending) {
+            close_soon(engine, *connection);
+            return;
+        }
         connection->due_ms = connection->last_packet_ms + connection->silence_ms;
         if (connection->due_ms > now_ms) {
             (void)engine.silent.add(*connection);
@@ -152,14 +165,6 @@ Turn::Turn() noexcept : engine_(nullptr)
 
 namespace {
 
-void close_all(Connection *ending)
-{
-    while (Connection *const connection = ending) {
-        ending = connection->next_ending; // the close frees the object for another connection
-        net::close_connection(connection->id.handle, connection->id.generation);
-    }
-}
-
 void tell_all(ToldWill *wills, broker_t *broker)
 {
     while (ToldWill *const told = wills) {
@@ -186,11 +191,13 @@ Turn::~Turn()
     }
     if (!in_round())
         flush_listed(*engine_);
-    Connection *const ending = std::exchange(engine_->ending, nullptr);
-    ToldWill *const   wills  = std::exchange(engine_->told_wills, nullptr);
-    broker_t *const   broker = engine_->broker;
+    GrowArray<net::Connection> ending;
+    ending.swap(engine_->ending);
+    ToldWill *const wills  = std::exchange(engine_->told_wills, nullptr);
+    broker_t *const broker = engine_->broker;
     engine_mutex.unlock();
-    close_all(ending);
+    for (const net::Connection &connection : ending)
+        net::close_connection(connection.handle, connection.generation);
     tell_all(wills, broker);
 }
 

@@ -14,8 +14,8 @@ void note_full(Session &session)
     stats::count(stats::Counter::drop_queue_full);
     if (std::exchange(session.told_full, true))
         return;
-    LOG_WARN("[standard] the queue of client %.*s is full: messages for it are refused", CLIENT_ID_CHARS,
-             session.text.data());
+    LOG_WARN("[standard] the queue of client %.*s is full: messages for it are refused",
+             static_cast<int>(std::min<size_t>(session.text.size(), CLIENT_ID_CHARS)), session.text.data());
 }
 
 bool is_lost(Offered offered, uint8_t qos)
