@@ -44,13 +44,13 @@ struct Engine {
     Recorder     recorder;
     Checkpointer checkpointer;
 
-    DueHeap<Connection> silent;               // those that must have said something by then
-    Connection         *listed     = nullptr; // to be flushed
-    Connection         *waiting    = nullptr; // for the journal
-    ToldWill           *told_wills = nullptr;
-    broker_t           *broker     = nullptr; // of the latest connection
-    GrowArray<net::Connection> ending; // to be closed without the mutex
-    GrowArray<uint8_t>  scratch;              // a packet that is being written
+    DueHeap<Connection>        silent;               // those that must have said something by then
+    Connection                *listed     = nullptr; // to be flushed
+    Connection                *waiting    = nullptr; // for the journal
+    ToldWill                  *told_wills = nullptr;
+    broker_t                  *broker     = nullptr; // of the latest connection
+    GrowArray<net::Connection> ending;               // to be closed without the mutex
+    GrowArray<uint8_t>         scratch;              // a packet that is being written
 
     uint64_t synced     = 0;     // the journal is on the disk up to here, as far as is known
     bool     is_waiting = false; // `journal_waiter` is to be told

@@ -16,11 +16,10 @@ using codec::standard::Verdict;
 namespace {
 
 // False: it could not be kept, and nothing changed.
-bool retain(Engine &engine, const MessageRef &message, bool &was_removed) REQUIRES(engine_mutex)
+bool retain(RetainedStore &retained, const MessageRef &message)
 {
-    RetainedStore &retained = engine.state.retained;
     if (message->payload().empty()) { // [MQTT-3.3.1-6]
-        was_removed = retained.remove(message->topic());
+        (void)retained.remove(message->topic());
         return true;
     }
     const RetainedStore::Set result = retained.set(message);
@@ -40,20 +39,16 @@ void note_retained(Engine &engine, bool is_retained) REQUIRES(engine_mutex)
 PublishResult publish(Engine &engine, const Publication &publication) noexcept
 {
     const MessageRef &message     = publication.message;
-    bool              was_removed = false;
     bool              is_retained = false;
     if (message->retain()) {
-        is_retained = retain(engine, message, was_removed);
+        is_retained = retain(engine.state.retained, message);
         if (!is_retained && publication.is_refusable)
             return PublishResult::RetainedFull;
         note_retained(engine, is_retained);
-        is_retained = is_retained && !message->payload().empty();
     }
     engine.recorder.begin_publication(message);
-    const Routed   routed   = route(engine, message);
-    const Session *sender   = publication.sender && publication.sender->is_kept() ? publication.sender : nullptr;
-    const bool     recorded = engine.recorder.end_publication({is_retained, sender, publication.packet_id}) &&
-                          (!was_removed || engine.recorder.retained_is_gone(message->topic()));
+    const Routed routed   = route(engine, message);
+    const bool   recorded = engine.recorder.end_publication({is_retained, publication.sender, publication.packet_id});
     if (!recorded)
         return PublishResult::NotRecorded;
     if (routed.refused > 0)
@@ -115,7 +110,8 @@ MessageRef message_of(Engine &engine, const Publish &publish, const Session &ses
 
 // The answer to a PUBLISH at QoS 1 or 2. A refusal at QoS 2 ends the exchange, and 3.1.1 has none: there a message that
 // was not recorded ends the connection, so that the client sends it again.
-void answer(Engine &engine, Connection &connection, const Publish &publish, PublishResult result) REQUIRES(engine_mutex)
+void answer(Engine &engine, Connection &connection, const Publish &publish, PublishResult result, uint64_t journaled)
+    REQUIRES(engine_mutex)
 {
     if (publish.qos == 0)
         return;
@@ -126,8 +122,7 @@ void answer(Engine &engine, Connection &connection, const Publish &publish, Publ
         reason = Reason::Success;
     if (publish.qos == 2 && is_failure(reason))
         (void)connection.session->incoming.release(publish.packet_id);
-    send_ack(engine, connection, publish.qos == 1 ? PUBACK : PUBREC, publish.packet_id, reason,
-             engine.recorder.position());
+    send_ack(engine, connection, publish.qos == 1 ? PUBACK : PUBREC, publish.packet_id, reason, journaled);
 }
 
 // At QoS 2 once for each packet identifier, until it is released. False: there is nothing to publish.
@@ -162,9 +157,12 @@ void accept(Engine &engine, Connection &connection, const Publish &publish) REQU
             (void)session.incoming.release(publish.packet_id);
         return end_connection(engine, connection, Reason::QuotaExceeded);
     }
+    const uint64_t      before = engine.recorder.position();
     const PublishResult result =
-        standard::publish(engine, {message, &session, publish.packet_id, connection.speaks_v5() && publish.qos > 0});
-    answer(engine, connection, publish, result);
+        standard::publish(engine, {message, publish.qos == 2 ? &session : nullptr, publish.packet_id,
+                                   connection.speaks_v5() && publish.qos > 0});
+    const uint64_t behind = engine.recorder.position();
+    answer(engine, connection, publish, result, behind != before ? behind : 0); // with no record it waits for nothing
 }
 
 // The host does not allow it: 3.1.1 acknowledges it nevertheless, as it has no other answer.
