@@ -95,6 +95,17 @@ void stop() noexcept
     delete engine;
 }
 
+void say_goodbye() noexcept
+{
+    for (uint32_t handle = 0; handle < NETIP_CLIENTS_MAX; ++handle)
+        if (Connection *const connection = connection_at(handle); connection) {
+            Turn turn;
+            if (!turn)
+                return;
+            end_connection(*turn, *connection, Reason::ServerShuttingDown);
+        }
+}
+
 bool is_on() noexcept
 {
     const ScopedLock lock(engine_mutex);
