@@ -23,20 +23,23 @@ enum class Stage : uint8_t {
 };
 
 struct Connection : InDueHeap { // due, on the steady clock: what it must have said by then
-    // Of the thread that serves it; the network layer has one at a time.
-    client_ref            record;
-    broker_t             *broker = nullptr;
-    codec::standard::Level level = codec::standard::Level::Mqtt311;
-    IncomingAliases       incoming_aliases;
+    // Of the thread that serves it, which the network layer has one of at a time; and of the end of the connection.
+    client_ref      record;
+    IncomingAliases incoming_aliases;
 
     // Written by that thread, with the engine's mutex held.
-    net::Connection     id;
-    Shared<Stage>       stage          = Stage::Closed;
-    Shared<uint64_t>    last_packet_ms = 0; // steady clock
-    uint32_t            silence_ms     = 0; // after which it is closed; 0 = never
-    size_t              maximum_packet_size = codec::standard::kPacketMax; // that the client takes
-    uint16_t            receive_maximum     = 65535;
-    bool                wants_problem_information = true;
+    net::Connection        id;
+    broker_t              *broker              = nullptr;
+    codec::standard::Level level               = codec::standard::Level::Mqtt5;
+    size_t                 longest_packet      = 0;     // of the client's next one
+    bool                   is_bridge           = false; // gets nothing back that it sent, and retain as it was
+    uint32_t               silence_ms          = 0;     // after which it is closed; 0 = never
+    size_t                 maximum_packet_size = codec::standard::kPacketMax; // that the client takes
+    uint16_t               receive_maximum     = 65535;
+    Shared<uint64_t>       last_packet_ms      = 0; // steady clock
+
+    std::atomic<Stage> stage{Stage::Closed}; // written with the engine's mutex held
+    std::atomic<bool>  is_served{false};     // a thread has a packet of it in hand
 
     // The engine's mutex.
     Session        *session = nullptr;
@@ -47,7 +50,6 @@ struct Connection : InDueHeap { // due, on the steady clock: what it must have s
     bool            waits_for_journal = false; // in that list
     Connection     *next_listed       = nullptr;
     Connection     *next_waiting      = nullptr;
-    Connection     *next_ending       = nullptr;
 
     [[nodiscard]] codec::standard::Receiver receiver() const noexcept { return {level, maximum_packet_size}; }
     [[nodiscard]] bool speaks_v5() const noexcept { return level == codec::standard::Level::Mqtt5; }

@@ -46,9 +46,9 @@ Session *Sessions::make(std::string_view id, const DeliveryBounds &bounds, uint6
     session->text = {text, id.size()};
     by_id_.insert(*session, hash_(id));
     by_number_.insert(session->by_number, hash_of(number));
-    session->previous                    = last_;
-    (last_ ? last_->next : first_)       = session;
-    last_                                = session;
+    session->previous              = last_;
+    (last_ ? last_->next : first_) = session;
+    last_                          = session;
     return session;
 }
 

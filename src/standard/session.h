@@ -49,7 +49,9 @@ struct Session : InTable<Session>, InDueHeap {
     Deliveries          deliveries;
     IncomingIdentifiers incoming; // publications at QoS 2 that are not released
     StoredWill          will;
-    bool                told_full = false; // a line said that its queue is full
+    size_t              wildcard_subscriptions = 0;
+    bool                is_known_to_files      = false;
+    bool                told_full              = false; // a line said that its queue is full
 
     // All sessions in the order of their numbers: what a checkpoint walks along.
     Session *previous = nullptr;
