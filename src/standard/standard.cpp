@@ -6,6 +6,7 @@
 #include "../stats/stats.hpp"
 #include "profile.h"
 #include "restore.h"
+#include "stored_id.h"
 
 #include <new>
 
@@ -151,9 +152,9 @@ int32_t list_retained_topics(std::span<char> to) noexcept
     for (const MessageRef &message : turn->state.retained) {
         const std::string_view topic = message->topic();
         if (to.size() - at < topic.size() + 2)
-            break;
+            continue;
         at += topic.copy(&to[at], topic.size());
-        to[at++] = ',';
+        to[at++] = '\n';
         to[at]   = '\0';
     }
     return static_cast<int32_t>(at);
@@ -165,6 +166,42 @@ void kick(uint32_t handle, uint8_t reason) noexcept
     Connection *const connection = turn ? connection_at(handle) : nullptr;
     if (connection)
         end_connection(*turn, *connection, static_cast<Reason>(reason));
+}
+
+namespace {
+
+bool is_stored_as(const Engine &engine, const Session &session, std::string_view stored)
+{
+    return stored == stored_id(session.text, engine.state.id_key).text;
+}
+
+// Ids that records have no room for are looked for one by one: few ask for them.
+Session *find_stored(Engine &engine, std::string_view stored) REQUIRES(engine_mutex)
+{
+    Session *session = engine.state.sessions.find(stored);
+    if (session && is_stored_as(engine, *session, stored))
+        return session;
+    if (!stored.starts_with('~'))
+        return nullptr;
+    session = engine.state.sessions.first();
+    while (session && !is_stored_as(engine, *session, stored))
+        session = session->next;
+    return session;
+}
+
+} // namespace
+
+bool describe_session(std::string_view id, SessionInfo &info) noexcept
+{
+    Turn                 turn;
+    const Session *const session = turn ? find_stored(*turn, id) : nullptr;
+    if (!session)
+        return false;
+    info = {.subscriptions = turn->state.subscriptions.count_of(session->number),
+            .is_online     = session->connection != nullptr,
+            .is_kept       = session->is_kept(),
+            .has_will      = static_cast<bool>(session->will.message)};
+    return true;
 }
 
 Counts counts() noexcept
