@@ -53,12 +53,17 @@
  *
  *   ./broker_data/session/<client id>.json, and the same in subscription/ and message/    saved sessions
  *   ./broker_data/retain.dat                                                              retained messages
+ *   ./broker_data/standard/                                                               both, in the standard profile
  *   ./tarn_flash.txt                     made, but hardly ever written: the log goes to standard output
  *
  * MQTT
  *
- *   [MQTT-x.y.z-n] names a statement of the OASIS standard, version 5.0. Where the broker departs from one on purpose,
- *   docs/deviations.md says so.
+ *   By itself the broker has its native profile, made for its own clients: where it departs from the standard on
+ *   purpose, docs/deviations.md says so. tarn_sdk_mqtt_broker_set_profile() makes it serve the standard profile
+ *   instead, MQTT 3.1.1 and 5.0 as clients of any make speak it; what is different there stands behind the words
+ *   "standard profile".
+ *
+ *   [MQTT-x.y.z-n] names a statement of the OASIS standard, version 5.0.
  */
 #ifndef TARN_SDK_MQTT_BROKER_H
 #define TARN_SDK_MQTT_BROKER_H
@@ -85,7 +90,7 @@ enum {
     TARN_E_INIT        = -1, /* kept for the host, never returned */
     TARN_E_PARAM       = -2, /* a null instance, a null pointer, a number out of range */
     TARN_E_RESOURCE    = -3, /* too little memory, too few descriptors or threads, or the port is taken */
-    TARN_E_NOT_RUNNING = -4, /* kept for the host, never returned */
+    TARN_E_NOT_RUNNING = -4, /* from publish alone, in the standard profile */
     TARN_E_NOT_FOUND   = -5, /* no such client, no such topic */
     TARN_E_DENIED      = -6, /* the client belongs to another instance */
     TARN_E_BUSY        = -7, /* not while the broker runs */
@@ -100,6 +105,27 @@ enum {
     BROKER_EVENT_SUBSCRIBE    = 3, /* a filter was granted */
     BROKER_EVENT_UNSUBSCRIBE  = 4, /* a filter was given up by UNSUBSCRIBE */
     BROKER_EVENT_WILL         = 5  /* a will message was published */
+};
+
+/* What the broker speaks; see tarn_sdk_mqtt_broker_set_profile. */
+enum { TARN_PROFILE_NATIVE = 0, TARN_PROFILE_STANDARD = 1 };
+
+/* What tarn_sdk_mqtt_broker_set_limit sets, with range and default. Bytes are those of memory. */
+enum {
+    /* of one client */
+    TARN_LIMIT_QUEUED_MESSAGES        = 0, /* at QoS 1 and 2 that wait or are on the way, 1 or more; 100000 */
+    TARN_LIMIT_QUEUED_BYTES           = 1, /* of them, 1..2^40; 64 MiB */
+    TARN_LIMIT_QOS0_MESSAGES          = 2, /* that wait for a slow reader, 1 or more; 10000 */
+    TARN_LIMIT_QOS0_BYTES             = 3, /* of them, 1..2^40; 4 MiB */
+    TARN_LIMIT_WILDCARD_SUBSCRIPTIONS = 4, /* 0 or more; 1000. Each costs every publication a look. */
+    TARN_LIMIT_SUBSCRIPTIONS          = 5, /* those with wildcards too, 1 or more; 10000 */
+    TARN_LIMIT_RECEIVE_MAXIMUM        = 6, /* its publications at QoS 2 that may be open, 1..65535; 1000 */
+    TARN_LIMIT_SESSION_EXPIRY         = 7, /* s that its session outlives its connection; 4294967295 = for ever */
+    /* of all clients */
+    TARN_LIMIT_SESSIONS          = 8,  /* of clients that are away; 100000 */
+    TARN_LIMIT_RETAINED_MESSAGES = 9,  /* 100000 */
+    TARN_LIMIT_RETAINED_BYTES    = 10, /* of them, 0..2^40; 256 MiB */
+    TARN_LIMIT_CONNECT_TIMEOUT   = 11  /* ms in which a new connection has to say CONNECT, 100..3600000; 30000 */
 };
 
 /* What an access-control callback is asked about. */
@@ -133,6 +159,8 @@ typedef void (*broker_event_cb_t)(broker_t *broker, uint32_t kind, const char *t
  *
  * Packets that come before a CONNECT are handled without asking this callback. A host that relies on passwords refuses
  * clients with an empty id in its access-control callback as well.
+ *
+ * Standard profile: nothing is handled before a CONNECT, and a refused 3.1.1 client gets code 4.
  */
 typedef bool (*broker_auth_cb_t)(broker_t *broker, const char *client_id, const char *username, const char *password);
 
@@ -141,6 +169,10 @@ typedef bool (*broker_auth_cb_t)(broker_t *broker, const char *client_id, const 
  * (BROKER_ACL_SUBSCRIBE): true allows it. `client_id` is the id under which the client is known. A refused PUBLISH is
  * dropped and not acknowledged; a refused filter gets the SUBACK code 0x80. It is asked for every PUBLISH, so it should
  * be quick; it is not asked for wills. `client` is valid during the call only.
+ *
+ * Standard profile: a refused PUBLISH at QoS 1 or 2 is acknowledged, at 5.0 with reason 0x87, and nobody receives it; a
+ * refused filter gets 0x87 at 5.0. The topic of a will is asked about during CONNECT, once the login is accepted; where
+ * it is refused, so is the CONNECT.
  */
 typedef bool (*broker_acl_cb_t)(broker_t *broker, const char *client_id, const char *topic, uint8_t action,
                                 mqtt_client_t *client);
@@ -280,8 +312,40 @@ int32_t tarn_sdk_mqtt_broker_set_keepalive_timeout(broker_t *broker, int32_t sec
  *
  *   bytes     256..10485760; 4096 from create
  *   returns   TARN_OK; TARN_E_PARAM for a null instance or a number out of range; TARN_E_BUSY while running
+ *
+ * Standard profile: the largest packet taken from any client, which 5.0 clients are told; for the process, 10485760
+ * where no instance has set another. What is sent to a client is as large as that client allows.
  */
 int32_t tarn_sdk_mqtt_broker_set_max_packet_size(broker_t *broker, int32_t bytes);
+
+/*
+ * Chooses the profile of the process: which MQTT it speaks from the next start on.
+ *
+ *   profile   TARN_PROFILE_NATIVE    as without this call: for clients made for this broker, the same byte for byte in
+ *                                    every version
+ *             TARN_PROFILE_STANDARD  MQTT 3.1.1 and 5.0 as the standards have them, for clients of any make. TCP alone:
+ *                                    port 1883 takes no datagrams then.
+ *   returns   TARN_OK; TARN_E_PARAM for a null instance or an unknown profile; TARN_E_BUSY while running, or while any
+ *             instance serves: stop and deinit come first
+ *
+ * What one profile keeps on disk the other does not see: the standard profile has ./broker_data/standard for itself.
+ *
+ * In the standard profile a client id may have any length. One of more than 63 bytes is known to callbacks, events,
+ * lists and functions by a stored form, '~' and 32 hexadecimal digits, always the same for the same id.
+ */
+int32_t tarn_sdk_mqtt_broker_set_profile(broker_t *broker, uint32_t profile);
+
+/*
+ * Sets how much the standard profile keeps, for the process and from the next start on. What does not fit is refused
+ * with a reason code where MQTT has one for it, else dropped and counted. Clients of the native profile have limits of
+ * their own, docs/limits.md.
+ *
+ *   limit     TARN_LIMIT_*
+ *   value     as said there; up to 4294967295 where nothing else is said
+ *   returns   TARN_OK; TARN_E_PARAM for a null instance, an unknown limit or a value out of its range; TARN_E_BUSY
+ *             while running, or while any instance serves
+ */
+int32_t tarn_sdk_mqtt_broker_set_limit(broker_t *broker, uint32_t limit, uint64_t value);
 
 /* ------------------------------------------------------------------------------------------------------------ texts */
 
@@ -355,6 +419,8 @@ int32_t tarn_sdk_mqtt_broker_get_retain_topic_list(broker_t *broker, char *buf, 
  *              TARN_E_PARAM      a null argument or an empty id
  *              TARN_E_NOT_FOUND  no client of that id; a WARN line tells
  *              TARN_E_DENIED     it came in through another instance; an ERROR line tells
+ *
+ * Standard profile: the session stays for as long as the client asked, and its subscriptions with it.
  */
 int32_t tarn_sdk_mqtt_broker_kick_client(broker_t *broker, const char *client_id);
 
@@ -374,6 +440,11 @@ int32_t tarn_sdk_mqtt_broker_kick_client(broker_t *broker, const char *client_id
  *             days, or as long as the kept message that it replaces was to
  *   returns   TARN_OK, also when nobody subscribed or memory ran out; TARN_E_PARAM for a null pointer, a len below 1
  *             or a qos above 2
+ *
+ * Standard profile: topic and payload are taken whatever their length, and with 0 for expiry_s the message lives for
+ * ever. TARN_E_PARAM also for a topic that is empty, has wildcards or is no UTF-8; TARN_E_RESOURCE when not all who
+ * should have the message can keep it, clients that are away and the store of retained messages among them;
+ * TARN_E_NOT_RUNNING before start and after deinit.
  */
 int32_t tarn_sdk_mqtt_broker_publish(broker_t *broker, const char *topic, const void *payload, int32_t len,
                                      uint32_t qos, uint8_t retain, uint32_t expiry_s);

@@ -35,7 +35,7 @@ enum class Result : int32_t {
     InitFailed       = TARN_E_INIT, /* never returned */
     InvalidParameter = TARN_E_PARAM,
     ResourceError    = TARN_E_RESOURCE,
-    NotRunning       = TARN_E_NOT_RUNNING, /* never returned */
+    NotRunning       = TARN_E_NOT_RUNNING, /* from publish alone, in the standard profile */
     NotFound         = TARN_E_NOT_FOUND,
     Denied           = TARN_E_DENIED,
     Busy             = TARN_E_BUSY,
@@ -65,6 +65,25 @@ enum class Event : uint32_t {
 
 /* What an access-control callable is asked about. */
 enum class Action : uint8_t { Subscribe = BROKER_ACL_SUBSCRIBE, Publish = BROKER_ACL_PUBLISH };
+
+/* What the broker speaks. */
+enum class Profile : uint32_t { Native = TARN_PROFILE_NATIVE, Standard = TARN_PROFILE_STANDARD };
+
+/* How much the standard profile keeps. */
+enum class Limit : uint32_t {
+    QueuedMessages        = TARN_LIMIT_QUEUED_MESSAGES,
+    QueuedBytes           = TARN_LIMIT_QUEUED_BYTES,
+    Qos0Messages          = TARN_LIMIT_QOS0_MESSAGES,
+    Qos0Bytes             = TARN_LIMIT_QOS0_BYTES,
+    WildcardSubscriptions = TARN_LIMIT_WILDCARD_SUBSCRIPTIONS,
+    Subscriptions         = TARN_LIMIT_SUBSCRIPTIONS,
+    ReceiveMaximum        = TARN_LIMIT_RECEIVE_MAXIMUM,
+    SessionExpiry         = TARN_LIMIT_SESSION_EXPIRY,
+    Sessions              = TARN_LIMIT_SESSIONS,
+    RetainedMessages      = TARN_LIMIT_RETAINED_MESSAGES,
+    RetainedBytes         = TARN_LIMIT_RETAINED_BYTES,
+    ConnectTimeout        = TARN_LIMIT_CONNECT_TIMEOUT
+};
 
 enum class LogLevel : uint32_t { Debug, Info, Warn, Error, Fatal };
 
@@ -356,6 +375,17 @@ public:
     [[nodiscard]] Result set_max_packet_size(int32_t bytes) noexcept
     {
         return Result{tarn_sdk_mqtt_broker_set_max_packet_size(broker_, bytes)};
+    }
+
+    /* Of the whole process, as are the limits. */
+    [[nodiscard]] Result set_profile(Profile profile) noexcept
+    {
+        return Result{tarn_sdk_mqtt_broker_set_profile(broker_, static_cast<uint32_t>(profile))};
+    }
+
+    [[nodiscard]] Result set_limit(Limit limit, uint64_t value) noexcept
+    {
+        return Result{tarn_sdk_mqtt_broker_set_limit(broker_, static_cast<uint32_t>(limit), value)};
     }
 
     static const char *version() noexcept { return tarn_sdk_mqtt_broker_version(); }

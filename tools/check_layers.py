@@ -26,6 +26,7 @@ FACES = {
     "net": "net/net.hpp",
     "persist": "persist/persist.hpp",
     "qos": "qos/qos.hpp",
+    "standard": "standard/standard.hpp",
     "stats": "stats/stats.hpp",
     "sub": "sub/sub.hpp",
 }

@@ -16,6 +16,12 @@ bool accepts(mqtt_client_t &client, const char *client_id, const char *username,
 bool allows(mqtt_client_t &client, const char *topic, uint8_t action) noexcept;
 // Tells that something happened, BROKER_EVENT_*.
 void tell(mqtt_client_t &client, uint32_t kind, const char *topic = "", int32_t qos = 0) noexcept;
+// The same of a client without a record, such as one whose will was delayed.
+void tell(broker_t &broker, const char *client_id, uint32_t kind, const char *topic, int32_t qos) noexcept;
+
+// Whether allows() and accepts() ask anybody: else the answer is yes, and nobody need be kept waiting for it.
+[[nodiscard]] bool asks_about_topics(mqtt_client_t &client) noexcept;
+[[nodiscard]] bool asks_about_logins(mqtt_client_t &client) noexcept;
 
 } // namespace tarn::api
 

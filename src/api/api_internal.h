@@ -30,6 +30,14 @@ void update_statistics() noexcept;
 // What every few seconds gives memory back that clients have left behind (memory.cpp).
 void give_back_memory();
 
+// ---- the profile that the next start serves, or the one that serves (profile.cpp)
+
+[[nodiscard]] bool standard_is_chosen() noexcept;
+void               limit_packets_of_standard(int32_t bytes) noexcept; // the host set the largest packet
+[[nodiscard]] bool start_standard() noexcept; // below the data directory, with the limits that are set
+
+// ----
+
 // True inside one of the host's callbacks: the library goes on with the instance when the callback returns.
 [[nodiscard]] bool in_callback() noexcept;
 

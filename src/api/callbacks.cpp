@@ -79,15 +79,32 @@ bool api::allows(mqtt_client_t &client, const char *topic, uint8_t action) noexc
 void api::tell(mqtt_client_t &client, uint32_t kind, const char *topic, int32_t qos) noexcept
 {
     broker_t *const owner = owner_of(client);
-    if (!owner)
-        return;
-    const broker_event_cb_t tell = peek_acquire(owner->event_cb);
-    if (!tell)
+    if (!owner || !peek_acquire(owner->event_cb))
         return;
     // The id is copied, because a will's event comes on any thread and its client's own may be taking a new id.
+    api::tell(*owner, id_of(client).text, kind, topic, qos);
+}
+
+void api::tell(broker_t &broker, const char *client_id, uint32_t kind, const char *topic, int32_t qos) noexcept
+{
+    const broker_event_cb_t tell = peek_acquire(broker.event_cb);
+    if (!tell)
+        return;
     // Texts stand as they are, unescaped, and the whole is cut at 255 characters.
     char text[kEventTextSize];
-    snprintf(text, sizeof text, "{\"clientId\":\"%s\",\"topic\":\"%s\",\"qos\":%d}", id_of(client).text, topic, qos);
+    snprintf(text, sizeof text, "{\"clientId\":\"%s\",\"topic\":\"%s\",\"qos\":%d}", client_id, topic, qos);
     const CallbackScope scope;
-    tell(owner, kind, text);
+    tell(&broker, kind, text);
+}
+
+bool api::asks_about_topics(mqtt_client_t &client) noexcept
+{
+    const broker_t *const owner = owner_of(client);
+    return owner && peek_acquire(owner->acl_cb);
+}
+
+bool api::asks_about_logins(mqtt_client_t &client) noexcept
+{
+    const broker_t *const owner = owner_of(client);
+    return owner && peek_acquire(owner->auth_cb);
 }

@@ -4,6 +4,7 @@
 #include "../base/thread.h"
 #include "../client/client.hpp"
 #include "../persist/persist.hpp"
+#include "../standard/standard.hpp"
 #include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "api_internal.h"
@@ -38,10 +39,23 @@ void report_when_due(int64_t now_s)
     last_stats_print = now_s;
 }
 
+void give_back_memory_when_due(int64_t now_s)
+{
+    if (!due(last_memory_look, now_s, kMemoryPeriod_s))
+        return;
+    give_back_memory();
+    last_memory_look = now_s;
+}
+
 } // namespace
 
 void housekeeping_turn(broker_t &broker, int64_t now_s)
 {
+    if (standard::is_on()) {
+        standard::turn();
+        report_when_due(now_s);
+        return give_back_memory_when_due(now_s);
+    }
     if (due(last_clean, now_s, kCleanPeriod_s)) {
         client::close_silent(mono_ms(), static_cast<uint32_t>(shared(broker.keepalive_timeout)) * 1000);
         last_clean = now_s;
@@ -51,10 +65,7 @@ void housekeeping_turn(broker_t &broker, int64_t now_s)
         sub::discard_expired_retained();
         last_retain_clean = now_s;
     }
-    if (due(last_memory_look, now_s, kMemoryPeriod_s)) {
-        give_back_memory();
-        last_memory_look = now_s;
-    }
+    give_back_memory_when_due(now_s);
     if (will_delays_running()) {
         const persist::SaveUnawaited behind;
         client::publish_due_wills(mono_ms());

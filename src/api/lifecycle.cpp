@@ -9,6 +9,7 @@
 #include "../handler/handler.hpp"
 #include "../net/net.hpp"
 #include "../persist/persist.hpp"
+#include "../standard/standard.hpp"
 #include "../stats/stats.hpp"
 #include "api_internal.h"
 
@@ -111,12 +112,20 @@ int32_t bring_up(broker_t &broker, int32_t max_clients)
         return TARN_E_RESOURCE;
     }
     g_default_max_packet_size = static_cast<uint32_t>(shared(broker.max_packet_size));
-    if (const net::Start result = net::start(mqtt_netip_event_cb, &broker, 1); result != net::Start::Up) {
+    const bool is_standard    = api::standard_is_chosen();
+    if (is_standard && !api::start_standard()) {
+        client::deinit();
+        return TARN_E_RESOURCE;
+    }
+    const net::Udp udp = is_standard ? net::Udp::Closed : net::Udp::Open;
+    if (const net::Start result = net::start(mqtt_netip_event_cb, &broker, 1, udp); result != net::Start::Up) {
         LOG_ERROR("[SDK] netip_init failed[%d]", static_cast<int>(result));
         if (result == net::Start::NoMemory) { // perhaps the accept thread, which comes last: then everything else runs
             g_left_standing = true;
             g_owner         = &broker; // datagrams can still make clients of it
         }
+        if (is_standard)
+            standard::stop();
         client::deinit();
         return TARN_E_RESOURCE;
     }
@@ -263,6 +272,8 @@ void tarn_sdk_mqtt_broker_deinit(broker_t *broker)
     if (!life)
         return;
     net::stop();
+    if (standard::is_on())
+        standard::stop();
     persist::destroy();
     client::deinit();
     stats::deinit();

@@ -2,6 +2,7 @@
 #include "../base/clock.h"
 #include "../base/text.h"
 #include "../client/client.hpp"
+#include "../standard/standard.hpp"
 #include "../stats/stats.hpp"
 #include "../sub/sub.hpp"
 #include "api_internal.h"
@@ -22,6 +23,25 @@ int32_t fill_list(char *buf, int32_t size, int32_t (*fill)(char *buf, int32_t si
     return fill(buf, size) < 0 ? TARN_E_NOT_FOUND : TARN_OK;
 }
 
+int32_t list_of_standard(char *buf, int32_t size)
+{
+    if (standard::is_on())
+        (void)standard::list_retained_topics({buf, static_cast<size_t>(size)});
+    return 0;
+}
+
+struct Kept {
+    size_t subscriptions, retained;
+};
+
+Kept kept_now()
+{
+    if (!standard::is_on())
+        return {static_cast<uint32_t>(g_sub_mgr.sub_count), static_cast<uint32_t>(g_sub_mgr.retain_count)};
+    const standard::Counts counts = standard::counts();
+    return {counts.subscriptions, counts.retained};
+}
+
 void describe(mqtt_client_t &client, tarn_sdk_mqtt_client_info_t &info)
 {
     memset(&info, 0, sizeof info);
@@ -39,11 +59,12 @@ void describe(mqtt_client_t &client, tarn_sdk_mqtt_client_info_t &info)
 
 void api::update_statistics() noexcept
 {
+    const Kept kept = kept_now();
     stats::take_over({.online        = client::count_online(),
                       .pool_capacity = static_cast<uint32_t>(g_client_mgr.capacity),
                       .pool_used     = static_cast<uint32_t>(g_client_mgr.used_count),
-                      .retained      = static_cast<uint32_t>(g_sub_mgr.retain_count),
-                      .subscriptions = static_cast<uint32_t>(g_sub_mgr.sub_count)});
+                      .retained      = static_cast<uint32_t>(kept.retained),
+                      .subscriptions = static_cast<uint32_t>(kept.subscriptions)});
 }
 
 uint32_t tarn_sdk_mqtt_broker_get_online_count(broker_t * /*unused*/)
@@ -58,7 +79,7 @@ int32_t tarn_sdk_mqtt_broker_get_client_id_list(broker_t * /*unused*/, char *buf
 
 int32_t tarn_sdk_mqtt_broker_get_retain_topic_list(broker_t * /*unused*/, char *buf, int32_t size)
 {
-    return fill_list(buf, size, sub::list_retained_topics);
+    return fill_list(buf, size, api::standard_is_chosen() ? list_of_standard : sub::list_retained_topics);
 }
 
 int32_t tarn_sdk_mqtt_broker_get_client_info(broker_t *broker, const char *client_id, tarn_sdk_mqtt_client_info_t *info)

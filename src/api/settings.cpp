@@ -36,6 +36,7 @@ int32_t tarn_sdk_mqtt_broker_set_max_packet_size(broker_t *broker, int32_t bytes
     if (bytes < 256 || bytes > 10485760)
         return TARN_E_PARAM;
     shared(broker->max_packet_size) = bytes;
+    api::limit_packets_of_standard(bytes);
     return TARN_OK;
 }
 

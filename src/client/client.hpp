@@ -11,6 +11,7 @@
 
 #include "../base/relaxed.h"
 #include "client.h"
+#include "profile.h"
 
 #include <span>
 

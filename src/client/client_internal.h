@@ -5,7 +5,7 @@
 // pool has none of its own, and every guard lets it pass.
 //
 // Locks, outermost first: one of g_client_mgr.locks; session_mutex; send_lock or will_lock of one record; leaves
-// pool_mutex, bucket_mutex, id_mutex. None is ever destroyed.
+// pool_mutex, bucket_mutex, and id_mutex within it. None is ever destroyed.
 #ifndef TARN_CLIENT_CLIENT_INTERNAL_H
 #define TARN_CLIENT_CLIENT_INTERNAL_H
 
@@ -133,6 +133,11 @@ mqtt_client_t *record_in_order(int32_t place) noexcept;
 // moved behind it. Records that nobody uses are not even read: they have no pages.
 mqtt_client_t *next_flagged(int32_t &place) noexcept;
 
+// ---- network events (network_events.cpp)
+
+// A record with the address of the connection's peer, pinned.
+client_ref create_client_of(net::Connection connection, broker_t *broker) noexcept;
+
 // ---- tables (lookup.cpp)
 
 uint32_t hash_of(const char *client_id) noexcept;
@@ -151,7 +156,9 @@ void enter_bucket(mqtt_client_t &client, uint32_t hash, uint32_t seen_state) noe
 void leave_chain(mqtt_client_t &client) noexcept;
 // If the bucket's entry names this record, gives it to the newest online record of the chain, or sets it to null.
 void leave_entry(mqtt_client_t &client, uint32_t hash) noexcept;
-void clear_buckets() noexcept;
+// Looks through the chain, for profiles that find each client.
+client_ref find_in_chain(uint32_t hash, const char *client_id) noexcept;
+void       clear_buckets() noexcept;
 
 // ---- sending (send_ring.cpp, send_list.cpp, send_thread.cpp, round_flush.cpp)
 
@@ -204,8 +211,8 @@ void hand_over_rest(mqtt_client_t &client, Flushed result) noexcept;
 constexpr uint16_t kAskedTypes = 1 << CONNECT | 1 << SUBSCRIBE | 1 << DISCONNECT;
 net::Choice        way_of(net::Connection connection, std::span<const uint8_t> packet) noexcept;
 
-void use_network_hooks() noexcept;
-void begin_io_round() noexcept; // called by the network layer
+void use_network_hooks() noexcept; // those of the profile in use
+void begin_io_round() noexcept;    // called by the network layer
 void end_io_round() noexcept;
 // The number of the I/O round that the calling thread is in, which drains the send list at its end; 0 outside one.
 [[nodiscard]] uint32_t io_round() noexcept;

@@ -150,6 +150,10 @@ void tarn::close_seen(mqtt_client_t &client, uint32_t seen_state) noexcept
         LOG_DEBUG("[遗嘱调试][关闭客户端] ClientID=%s, 状态已关闭，跳过", id_of(client).text);
         return;
     }
+    if (profile_in_use()) { // its closed() does the rest
+        close_connection_of(client);
+        return;
+    }
     const Claim claim(client); // else it is being closed, perhaps further up on this very thread
     if (claim && !was_closed_since(client, seen_state))
         close_claimed(client);

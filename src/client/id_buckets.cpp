@@ -1,10 +1,13 @@
-// id_buckets.cpp - which records share an entry of by_cid. The entry names the one set last, and a look-up reads nothing
-// else; the chains here keep the others in mind, so that the entry can name one of them when that one leaves.
+// id_buckets.cpp - which records share an entry of by_cid. The entry names the one set last, and a native look-up
+// reads nothing else; the chains here keep the others in mind, so that the entry can name one of them when that one
+// leaves, and another profile finds them too.
 //
 // A chain links the pool records of one bucket, newest first, by pool index + 1. A record is in one at most, from
 // enter_bucket() until it leaves the tables or is released. A record outside the pool is in none, since nobody would
 // tell when its memory goes.
 #include "client_internal.h"
+
+#include <cstring>
 
 namespace tarn::client {
 
@@ -88,6 +91,17 @@ void leave_entry(mqtt_client_t &client, uint32_t hash) noexcept
     const int32_t bucket = bucket_of(hash);
     ScopedLock    lock(bucket_mutex);
     (void)swap_if(g_client_mgr.by_cid[bucket], &client, newest_online(bucket));
+}
+
+client_ref find_in_chain(uint32_t hash, const char *client_id) noexcept
+{
+    ScopedLock lock(bucket_mutex);
+    for (int32_t link = g_newest[bucket_of(hash)]; link != 0; link = side_at(link - 1).older) {
+        mqtt_client_t *const record = record_at(link - 1);
+        if (is_online(*record) && strcmp(stored_id(*record).text, client_id) == 0)
+            return client_ref(record);
+    }
+    return {};
 }
 
 void clear_buckets() noexcept

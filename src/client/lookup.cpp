@@ -122,6 +122,8 @@ client_ref tarn::find_client_by_id(const char *client_id) noexcept
     client_ref     client(peek_acquire(g_client_mgr.by_cid[hash % CLIENT_MAX]));
     if (client && !is_found(*client, client_id))
         client.reset();
+    if (!client && client::profile_in_use())
+        client = find_in_chain(hash, client_id);
     return client;
 }
 

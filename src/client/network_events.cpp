@@ -1,5 +1,5 @@
 // network_events.cpp - network events become client actions: the first packet of a connection makes its client record,
-// every packet goes to packet handling, a disconnect closes the client.
+// every packet goes to packet handling, a disconnect closes the client. Where a profile is in use, it gets them instead.
 #include "../codec/packet_type.h"
 #include "../handler/handler.hpp"
 #include "client_internal.h"
@@ -11,7 +11,9 @@
 namespace tarn::client {
 namespace {
 
-uint8_t on_connected(uint32_t handle)
+constexpr uint32_t kOverTcp = 0; // reason of NETIP_EVENT_CONNECTED
+
+uint8_t on_connected(uint32_t handle, uint32_t reason, broker_t *broker)
 {
     char ip[NETIP_IP_CHARS + 1] = {};
     if (!net::copy_ip(handle, ip)) {
@@ -19,6 +21,8 @@ uint8_t on_connected(uint32_t handle)
         return 0;
     }
     LOG_INFO("Client connected: handle=%u, ip=%s:%d", handle, ip, net::port_of(handle));
+    if (const Profile *const profile = profile_in_use(); profile && reason == kOverTcp)
+        profile->opened({handle, net::generation_of(handle)}, broker);
     return 1;
 }
 
@@ -46,6 +50,8 @@ void on_disconnected(uint32_t handle, uint32_t reason, uint32_t error)
     if (handle == NETIP_NO_HANDLE)
         return;
     LOG_INFO("Client disconnected: handle=%u, reason=%d, error=%u", handle, static_cast<int>(reason), error);
+    if (const Profile *const profile = profile_in_use())
+        return profile->closed(handle);
     const client_ref client = find_client_by_handle(handle);
     if (!client)
         return; // never sent a packet, or closed from above: then this is its own netip_close
@@ -67,10 +73,8 @@ net::Connection connection_of(uint32_t handle)
 
 client_ref make_client(uint32_t handle, broker_t *broker)
 {
-    char ip[NETIP_IP_CHARS + 1] = {};
-    (void)net::copy_ip(handle, ip);
     const net::Connection connection = connection_of(handle);
-    client_ref            client     = create_client(handle, ip, net::port_of(handle), broker, connection);
+    client_ref            client     = create_client_of(connection, broker);
     if (client || (connection.generation != 0 && !net::is_open(connection)))
         return client; // or closed from elsewhere while its packet was on the way
     LOG_ERROR("Create client failed, close handle=%u", handle);
@@ -87,6 +91,8 @@ client_ref client_of(uint32_t handle, broker_t *broker)
 
 void handle_packet(uint32_t handle, std::span<const uint8_t> packet, broker_t *broker)
 {
+    if (const Profile *const profile = profile_in_use())
+        return profile->packet(connection_of(handle), packet);
     const client_ref client = client_of(handle, broker);
     if (!client)
         return;
@@ -97,6 +103,14 @@ void handle_packet(uint32_t handle, std::span<const uint8_t> packet, broker_t *b
 }
 
 } // namespace
+
+client_ref create_client_of(net::Connection connection, broker_t *broker) noexcept
+{
+    char ip[NETIP_IP_CHARS + 1] = {};
+    (void)net::copy_ip(connection.handle, ip);
+    return create_client(connection.handle, ip, net::port_of(connection.handle), broker, connection);
+}
+
 } // namespace tarn::client
 
 using namespace tarn::client;
@@ -107,7 +121,7 @@ uint8_t mqtt_netip_event_cb(uint32_t handle, uint32_t event, const uint8_t *data
 {
     switch (event) {
     case NETIP_EVENT_CONNECTED:
-        return on_connected(handle);
+        return on_connected(handle, reason, static_cast<broker_t *>(arg));
     case NETIP_EVENT_DISCONNECTED:
         on_disconnected(handle, reason, error);
         return 1;

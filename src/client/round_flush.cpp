@@ -17,7 +17,7 @@ constinit thread_local int32_t  t_answered = kOutside;
 
 // A socket that blocked takes bytes again. What is queued from now on need not wait for the send thread's next try,
 // which finds the ring sent.
-void send_to_writable(uint32_t handle)
+void send_to_writable(uint32_t handle) noexcept
 {
     const client_ref client = find_client_by_handle(handle);
     if (!client)
@@ -100,9 +100,19 @@ bool rounds_are_watched(int &quiet_turns) noexcept
 
 void use_network_hooks() noexcept
 {
-    net::set_round_hooks({begin_io_round, end_io_round});
-    net::set_writable_hook(send_to_writable);
-    net::set_way_hook({kAskedTypes, way_of});
+    static constexpr Profile kNative{.opened   = nullptr,
+                                     .packet   = nullptr,
+                                     .closed   = nullptr,
+                                     .writable = send_to_writable,
+                                     .rounds   = {begin_io_round, end_io_round},
+                                     .way      = {kAskedTypes, way_of},
+                                     .measure  = nullptr};
+    const Profile *const     used    = profile_in_use();
+    const Profile           &profile = used ? *used : kNative;
+    net::set_round_hooks(profile.rounds);
+    net::set_writable_hook(profile.writable);
+    net::set_way_hook(profile.way);
+    net::set_measure_hook(profile.measure);
 }
 
 } // namespace tarn::client

@@ -97,7 +97,7 @@ Fd open_udp()
 
 // ---- up
 
-Start make_parts(Parts &parts, int32_t io_threads)
+Start make_parts(Parts &parts, int32_t io_threads, Udp udp)
 {
     parts.epoll = Fd(epoll_create1(EPOLL_CLOEXEC));
     if (!parts.epoll)
@@ -113,7 +113,8 @@ Start make_parts(Parts &parts, int32_t io_threads)
     (void)watch_shared(parts.epoll.get(), parts.listener);
     parts.wake_fd = Fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)); // without it UDP waits a little longer
     (void)watch_shared(parts.epoll.get(), parts.wake_fd.get());
-    parts.udp = open_udp();
+    if (udp == Udp::Open)
+        parts.udp = open_udp();
     return Start::Up;
 }
 
@@ -230,12 +231,12 @@ bool is_up() noexcept
     return g_state == State::Up;
 }
 
-Start start(netip_event_cb_t cb, void *arg, int32_t io_threads) noexcept
+Start start(netip_event_cb_t cb, void *arg, int32_t io_threads, Udp udp) noexcept
 {
     if (!begin_start())
         return Start::Taken; // as a second bind would say
     Parts parts;
-    Start result = make_parts(parts, io_threads);
+    Start result = make_parts(parts, io_threads, udp);
     if (result == Start::Up && !publish(parts, cb, arg))
         result = Start::NoMemory;
     if (result != Start::Up) {

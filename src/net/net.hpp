@@ -3,6 +3,7 @@
 #ifndef TARN_NET_NET_HPP
 #define TARN_NET_NET_HPP
 
+#include "hooks_types.h"
 #include "netip_link.h"
 
 #include <span>
@@ -17,7 +18,8 @@ enum class Start : uint32_t {
     NoListen = NETIP_LISTEN,
     NoEpoll  = NETIP_EPOLL,
 };
-Start start(netip_event_cb_t cb, void *arg, int32_t io_threads) noexcept;
+enum class Udp : uint8_t { Open, Closed };
+Start start(netip_event_cb_t cb, void *arg, int32_t io_threads, Udp udp = Udp::Open) noexcept;
 void  stop() noexcept; // harmless when the layer is down
 
 // The address of a peer into INET_ADDRSTRLEN bytes or more, terminated; false, and zeros, for no such connection.

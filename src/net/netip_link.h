@@ -4,6 +4,7 @@
 #ifndef TARN_NET_NETIP_LINK_H
 #define TARN_NET_NETIP_LINK_H
 
+#include "hooks_types.h"
 #include "netip.h"
 
 #include <span>
@@ -18,10 +19,6 @@ uint32_t generation_of(uint32_t handle) noexcept; // 0 when the slot is free or 
 void close_connection(uint32_t handle, uint32_t generation) noexcept;
 
 // The connection whose data event the calling thread is delivering right now; generation 0 outside one.
-struct Connection {
-    uint32_t handle     = NETIP_NO_HANDLE;
-    uint32_t generation = 0;
-};
 Connection current_connection() noexcept;
 // True while that connection's slot has not been closed since the event began. Always true for generation 0.
 bool is_open(Connection connection) noexcept;
@@ -43,39 +40,17 @@ struct Sent {
 constexpr int kGatherMax = 64;
 Sent          send_packets(uint32_t handle, const OutPacket *packets, int count, uint32_t generation = 0) noexcept;
 
-// Called by every I/O thread before it looks at the events of a round and after it has handled the last one, UDP
-// included; not for a round without events.
-struct RoundHooks {
-    void (*begin)() = nullptr;
-    void (*end)()   = nullptr;
-};
+// ---- hooks: see hooks_types.h
+
 void set_round_hooks(RoundHooks hooks) noexcept;
+void set_way_hook(WayHook hook) noexcept;
+void set_measure_hook(MeasureHook hook) noexcept;
 
 // Called by an I/O thread, inside its round, for a connection that takes bytes again after a send that would have blocked.
 void set_writable_hook(void (*writable)(uint32_t handle)) noexcept;
 
 // ---- which thread serves a packet, and when (serve.cpp)
 
-enum class Way : uint8_t {
-    Now,   // this thread, at once
-    Aside, // a lane thread (lane.h): for packets that wait for a disk, a password or the like
-    Later, // nobody, until resume()
-};
-struct Choice {
-    Way      way   = Way::Now;
-    uint32_t group = 0; // of what goes aside in one group, one is served at a time, in the order it came; 0 = no group
-};
-// Asked by I/O threads before a packet is handed up, and with an empty packet before the end of a connection is told;
-// `types` has a bit for each packet type, the high four bits of the first byte, that is asked about. While a connection
-// is aside or waits to be resumed, its next packets and its end wait behind. Once resumed it is asked about again.
-// A lane serves each inside a round of its own, with the hooks above around it. The connection is given back before the
-// round ends, and if it was closed its socket closes behind the round: a peer that has its answer, or sees the close,
-// finds all done. UDP is never asked about: each datagram is served at once.
-struct WayHook {
-    uint16_t types                                                                    = 0;
-    Choice (*choose)(Connection connection, std::span<const uint8_t> packet) noexcept = nullptr;
-};
-void set_way_hook(WayHook hook) noexcept;
 bool on_lane() noexcept;                // the calling thread is one of them
 bool is_aside(uint32_t group) noexcept; // a lane serves one of the group, or is about to
 
@@ -84,17 +59,6 @@ void ask_about_all(Connection connection, bool all) noexcept;
 
 // Ends Way::Later. Any thread. One that comes while the hook is still deciding is not lost: the hook is asked again.
 void resume(Connection connection) noexcept;
-
-// ---- how long a packet may be (big_packet.cpp)
-
-// Tells the length of the packet that what was received begins with, 0 while more bytes are needed to tell. What it
-// refuses ends the connection. Without the hook packets have up to NETIP_RX_SIZE bytes, with it what it lets pass.
-struct Measured {
-    size_t length     = 0; // up to INT32_MAX
-    bool   is_refused = false;
-};
-using MeasureHook = Measured (*)(Connection connection, std::span<const uint8_t> received) noexcept;
-void set_measure_hook(MeasureHook hook) noexcept;
 
 // ---- an end that waits
 

@@ -286,12 +286,15 @@ void qos::set_expiry(mqtt_client_t &client, uint16_t msg_id, uint32_t seconds) n
 
 void qos::drop_deliveries_of(mqtt_client_t &client) noexcept
 {
-    const client_id_text id = id_of(client);
-    LOG_WARN("[QoS_CLEAN] 清理客户端: %s", id.text);
+    const client_id_text id        = id_of(client);
+    const bool           is_native = !client::profile_in_use(); // another profile's clients have none, and no lines
+    if (is_native)
+        LOG_WARN("[QoS_CLEAN] 清理客户端: %s", id.text);
     int removed;
     {
         ScopedLock lock(g_queue_mutex);
         removed = remove_all_of(&client);
     }
-    LOG_INFO("[QoS] 清理客户端报文完成(client=%s)：共清理%d条", id.text, removed);
+    if (is_native)
+        LOG_INFO("[QoS] 清理客户端报文完成(client=%s)：共清理%d条", id.text, removed);
 }

@@ -7,8 +7,7 @@ namespace tarn::standard {
 
 RetainedStore::Set RetainedStore::set(const MessageRef &message) noexcept
 {
-    RetainedEntry *const entry  = find_entry(message->topic());
-    const Set            result = entry ? replace(*entry, message) : store(message);
+    const Set result = set_within_bounds(message);
     switch (result) {
     case Set::Stored:
         ++counters_.stored;
@@ -22,6 +21,12 @@ RetainedStore::Set RetainedStore::set(const MessageRef &message) noexcept
         break;
     }
     return result;
+}
+
+RetainedStore::Set RetainedStore::set_within_bounds(const MessageRef &message) noexcept
+{
+    RetainedEntry *const entry = find_entry(message->topic());
+    return entry ? replace(*entry, message) : store(message);
 }
 
 RetainedStore::Set RetainedStore::replace(RetainedEntry &entry, const MessageRef &message) noexcept
@@ -77,6 +82,15 @@ bool RetainedStore::set_due(RetainedEntry &entry, uint64_t due_ms) noexcept
     return due_ms == 0 || expiring_.add(entry);
 }
 
+// A checkpoint may hold more for a moment than there was at any time, and a host may have set lower bounds.
+RetainedStore::Set RetainedStore::restore(const MessageRef &message) noexcept
+{
+    const RetainedBounds bounds = std::exchange(bounds_, {SIZE_MAX, SIZE_MAX});
+    const Set            result = set_within_bounds(message);
+    bounds_                     = bounds;
+    return result;
+}
+
 void RetainedStore::link(RetainedEntry &entry) noexcept
 {
     entry.previous                 = last_;
@@ -101,6 +115,12 @@ bool RetainedStore::remove(std::string_view topic) noexcept
     discard(*entry);
     ++counters_.removed;
     return true;
+}
+
+void RetainedStore::restore_removal(std::string_view topic) noexcept
+{
+    if (RetainedEntry *const entry = find_entry(topic))
+        discard(*entry);
 }
 
 size_t RetainedStore::discard_expired(uint64_t now_ms, size_t budget) noexcept

@@ -62,6 +62,10 @@ public:
         match_entries(filter, Visitor<const RetainedEntry>(give));
     }
 
+    // From a file: bounds do not hold, and nothing is counted.
+    Set  restore(const MessageRef &message) noexcept;
+    void restore_removal(std::string_view topic) noexcept;
+
     // At most `budget` of them, those first that expired first; the result says how many.
     size_t discard_expired(uint64_t now_ms, size_t budget) noexcept;
 
@@ -91,6 +95,7 @@ private:
     RetainedEntry *find_entry(std::string_view topic) const noexcept;
     void           match_entries(std::string_view filter, const Visitor<const RetainedEntry> &found) const;
 
+    Set  set_within_bounds(const MessageRef &message) noexcept;
     Set  store(const MessageRef &message) noexcept;
     Set  replace(RetainedEntry &entry, const MessageRef &message) noexcept;
     bool fill(RetainedEntry &entry, const MessageRef &message) noexcept;

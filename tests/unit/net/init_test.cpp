@@ -169,6 +169,16 @@ TEST(netip_init, a_taken_port_gives_3_until_the_taker_is_gone)
     netip_deinit();
 }
 
+TEST(netip_init, leaves_udp_closed_when_asked_to)
+{
+    EXPECT_EQ(net::start(ignore, nullptr, 1, Udp::Closed), Start::Up);
+    EXPECT_EQ(g_netip_udp, -1);
+    netip_deinit();
+    EXPECT_EQ(start(), 0u);
+    EXPECT_NE(g_netip_udp, -1);
+    netip_deinit();
+}
+
 TEST(netip_init, runs_without_udp_when_its_socket_fails)
 {
     for (const Call call : {Call::Socket, Call::Bind}) {

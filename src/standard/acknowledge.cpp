@@ -1,0 +1,72 @@
+// acknowledge.cpp - PUBACK, PUBREC, PUBREL and PUBCOMP (3.4 to 3.7).
+#include "engine.h"
+
+namespace tarn::standard {
+
+using codec::standard::Ack;
+using codec::standard::Verdict;
+
+namespace {
+
+// What the journal must have on the disk before the client hears of it.
+uint64_t position_for(const Engine &engine, const Session &session)
+{
+    return session.is_kept() ? engine.recorder.position() : 0;
+}
+
+void end_if_unexpected(Engine &engine, Connection &connection, const Acknowledged &acknowledged) REQUIRES(engine_mutex)
+{
+    if (acknowledged.outcome == Outcome::Unexpected)
+        end_connection(engine, connection, Reason::ProtocolError);
+    else
+        list_for_flush(engine, connection); // there may be room for more
+}
+
+void on_pubrec(Engine &engine, Connection &connection, const Ack &ack) REQUIRES(engine_mutex)
+{
+    Session           &session      = *connection.session;
+    const Acknowledged acknowledged = session.deliveries.pubrec(ack.packet_id, static_cast<uint8_t>(ack.reason));
+    if (acknowledged.answer != Answer::Nothing)
+        send_ack(engine, connection, PUBREL, ack.packet_id,
+                 acknowledged.answer == Answer::Pubrel ? Reason::Success : Reason::PacketIdentifierNotFound,
+                 position_for(engine, session));
+    end_if_unexpected(engine, connection, acknowledged);
+}
+
+// PUBCOMP lets the client use the identifier again, so a file must know first that it is free.
+void on_pubrel(Engine &engine, Connection &connection, const Ack &ack) REQUIRES(engine_mutex)
+{
+    Session   &session = *connection.session;
+    const bool held    = session.incoming.release(ack.packet_id);
+    if (held && session.is_kept() && !engine.recorder.released(session, ack.packet_id))
+        return end_connection(engine, connection, Reason::ServerBusy);
+    send_ack(engine, connection, PUBCOMP, ack.packet_id, held ? Reason::Success : Reason::PacketIdentifierNotFound,
+             position_for(engine, session));
+}
+
+} // namespace
+
+void handle_ack(const Incoming &incoming) noexcept
+{
+    Connection &connection = incoming.connection;
+    Ack         ack;
+    if (const Verdict verdict = decode_ack(incoming.packet, connection.level, ack); !verdict.ok())
+        return refuse_packet(connection, verdict);
+    Turn turn;
+    if (!turn || !connection.session)
+        return;
+    Deliveries   &deliveries = connection.session->deliveries;
+    const uint8_t reason     = static_cast<uint8_t>(ack.reason);
+    switch (ack.type) {
+    case PUBACK:
+        return end_if_unexpected(*turn, connection, deliveries.puback(ack.packet_id, reason));
+    case PUBREC:
+        return on_pubrec(*turn, connection, ack);
+    case PUBREL:
+        return on_pubrel(*turn, connection, ack);
+    default:
+        return end_if_unexpected(*turn, connection, deliveries.pubcomp(ack.packet_id, reason));
+    }
+}
+
+} // namespace tarn::standard

@@ -1,0 +1,204 @@
+// end.cpp - the end of a connection and of a session, and what is due by the clock.
+#include "../api/api.hpp"
+#include "../base/clock.h"
+#include "../log/log.h"
+#include "../stats/stats.hpp"
+#include "engine.h"
+
+namespace tarn::standard {
+namespace {
+
+constexpr uint64_t kNever       = UINT64_MAX;
+constexpr size_t   kExpiredMost = 100; // retained messages that one turn discards
+
+void send_what_may_leave(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
+{
+    const auto send = [](void *to, const net::OutPacket *pieces, int count) noexcept {
+        const net::Connection id = static_cast<Connection *>(to)->id;
+        return net::send_packets(id.handle, pieces, count, id.generation);
+    };
+    if (!connection.is_blocked)
+        (void)connection.outbox.flush(send, &connection, engine.synced);
+}
+
+// Without memory the next turn tries again.
+void close_soon(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
+{
+    if (engine.ending.push(connection.id))
+        return;
+    connection.due_ms = 0;
+    (void)engine.silent.add(connection); // which has room for it: it was there
+}
+
+uint64_t end_of(const Session &session)
+{
+    return session.expiry_s == kForever_s ? kNever : session.away_ms + uint64_t{session.expiry_s} * 1000;
+}
+
+uint64_t will_due(const Session &session)
+{
+    return session.will.message ? session.away_ms + uint64_t{session.will.delay_s} * 1000 : kNever;
+}
+
+// The session of a connection that ends.
+void go_away(Engine &engine, Session &session, WithWill will) REQUIRES(engine_mutex)
+{
+    session.connection = nullptr;
+    session.deliveries.absent();
+    session.away_ms = wall_ms();
+    if (will == WithWill::No)
+        session.will = {};
+    if (!session.is_kept())
+        return end_session(engine, session);
+    (void)engine.recorder.session(session);
+    if (will_due(session) <= session.away_ms)
+        publish_will(engine, session);
+    set_due(engine, session);
+}
+
+} // namespace
+
+// ---- connections
+
+void end_connection(Engine &engine, Connection &connection, Reason reason, WithWill will) noexcept
+{
+    const Stage stage = connection.stage.load();
+    if (connection.speaks_v5() && stage == Stage::Connected)
+        send(engine, connection, codec::standard::Disconnect{reason, {}});
+    drop_connection(engine, connection, will);
+}
+
+void drop_connection(Engine &engine, Connection &connection, WithWill will) noexcept
+{
+    const Stage stage = connection.stage.load();
+    if (stage == Stage::Closed || stage == Stage::Ending)
+        return;
+    send_what_may_leave(engine, connection);
+    connection.stage.store(Stage::Ending);
+    engine.silent.remove(connection);
+    close_soon(engine, connection);
+    if (Session *const session = std::exchange(connection.session, nullptr))
+        go_away(engine, *session, will);
+}
+
+// ---- sessions
+
+void end_session(Engine &engine, Session &session) noexcept
+{
+    publish_will(engine, session);
+    if (session.is_known_to_files)
+        (void)engine.recorder.session_is_gone(session);
+    engine.state.subscriptions.remove_all_of(session.number);
+    engine.state.sessions.destroy(session);
+}
+
+void set_due(Engine &engine, Session &session) noexcept
+{
+    const uint64_t due_ms = std::min(will_due(session), end_of(session));
+    if (due_ms == kNever)
+        engine.state.sessions.set_nothing_due(session);
+    else
+        engine.state.sessions.set_due(session, due_ms);
+}
+
+// ---- by the clock
+
+namespace {
+
+void end_silent(Engine &engine, uint64_t now_ms) REQUIRES(engine_mutex)
+{
+    while (Connection *const connection = engine.silent.first()) {
+        if (connection->due_ms > now_ms)
+            return;
+        engine.silent.remove(*connection);
+        if (connection->stage.load() == Stage::Ending) {
+            close_soon(engine, *connection);
+            return;
+        }
+        connection->due_ms = connection->last_packet_ms + connection->silence_ms;
+        if (connection->due_ms > now_ms) {
+            (void)engine.silent.add(*connection);
+            continue;
+        }
+        stats::count(stats::Counter::timeout);
+        LOG_INFO("[standard] connection %u ends: it was silent for %u ms", connection->id.handle,
+                 connection->silence_ms);
+        end_connection(engine, *connection, Reason::KeepAliveTimeout);
+    }
+}
+
+void end_due_sessions(Engine &engine, uint64_t now_ms) REQUIRES(engine_mutex)
+{
+    while (Session *const session = engine.state.sessions.first_due(now_ms)) {
+        if (end_of(*session) <= now_ms) {
+            end_session(engine, *session);
+            continue;
+        }
+        publish_will(engine, *session);
+        set_due(engine, *session);
+    }
+}
+
+} // namespace
+
+void turn() noexcept
+{
+    Turn turn;
+    if (!turn)
+        return;
+    const uint64_t now_ms = wall_ms();
+    end_silent(*turn, mono_ms());
+    end_due_sessions(*turn, now_ms);
+    (void)turn->state.retained.discard_expired(now_ms, kExpiredMost);
+    turn->checkpointer.step();
+    if (turn->waiting)
+        watch_journal(*turn);
+}
+
+// ---- what happens at the end of each entry
+
+Turn::Turn() noexcept : engine_(nullptr)
+{
+    engine_mutex.lock();
+    engine_ = running_engine();
+}
+
+namespace {
+
+void tell_all(ToldWill *wills, broker_t *broker)
+{
+    while (ToldWill *const told = wills) {
+        wills = told->next;
+        if (broker) {
+            const std::string_view topic = told->message->topic();
+            const owned<char>      text  = allocate<char>(topic.size() + 1);
+            if (text) {
+                text[topic.copy(text.get(), topic.size())] = '\0';
+                api::tell(*broker, told->client.text, BROKER_EVENT_WILL, text.get(), told->message->qos());
+            }
+        }
+        destroy_object(told);
+    }
+}
+
+} // namespace
+
+Turn::~Turn()
+{
+    if (!engine_) {
+        engine_mutex.unlock();
+        return;
+    }
+    if (!in_round())
+        flush_listed(*engine_);
+    GrowArray<net::Connection> ending;
+    ending.swap(engine_->ending);
+    ToldWill *const wills  = std::exchange(engine_->told_wills, nullptr);
+    broker_t *const broker = engine_->broker;
+    engine_mutex.unlock();
+    for (const net::Connection &connection : ending)
+        net::close_connection(connection.handle, connection.generation);
+    tell_all(wills, broker);
+}
+
+} // namespace tarn::standard

@@ -1,0 +1,115 @@
+// route.cpp - who gets a message: each subscription that matches, and of each shared group one member (4.8.2).
+//
+// A member of a group gets the message if it can take it at once; if none can, one that can keep it.
+#include "../base/clock.h"
+#include "../log/log.h"
+#include "../stats/stats.hpp"
+#include "engine.h"
+
+namespace tarn::standard {
+namespace {
+
+void note_full(Session &session)
+{
+    stats::count(stats::Counter::drop_queue_full);
+    if (std::exchange(session.told_full, true))
+        return;
+    LOG_WARN("[standard] the queue of client %.*s is full: messages for it are refused",
+             static_cast<int>(std::min<size_t>(session.text.size(), CLIENT_ID_CHARS)), session.text.data());
+}
+
+bool is_lost(Offered offered, uint8_t qos)
+{
+    return offered != Offered::Queued && (qos > 0 || offered != Offered::NotConnected);
+}
+
+bool takes_at_once(const Session &session)
+{
+    return session.connection && !session.connection->is_blocked && !session.told_full &&
+           session.deliveries.in_flight() < session.connection->receive_maximum;
+}
+
+bool can_keep(const Session &session, uint8_t qos, const DeliveryBounds &bounds)
+{
+    const Amount &held  = qos > 0 ? session.deliveries.stored() : session.deliveries.waiting_qos0();
+    const Amount &bound = qos > 0 ? bounds.stored : bounds.qos0;
+    return (qos > 0 || session.connection) && held.count < bound.count && held.bytes < bound.bytes;
+}
+
+class Route {
+public:
+    Route(Engine &engine, const MessageRef &message) noexcept : engine_(engine), message_(message) {}
+
+    void plain(uint64_t number, const SubscriptionOptions &options) NO_LOCK_ANALYSIS
+    {
+        if (options.no_local && number == message_->sender())
+            return; // [MQTT-3.8.3-3]
+        if (Session *const session = engine_.state.sessions.find(number))
+            give(*session, options);
+    }
+
+    void shared(SharedGroup &group) NO_LOCK_ANALYSIS
+    {
+        const Subscriber *chosen = group.next([this](uint64_t number, const SubscriptionOptions & /*options*/) {
+            const Session *const session = engine_.state.sessions.find(number);
+            return session && takes_at_once(*session);
+        });
+        if (!chosen)
+            chosen = group.next([this](uint64_t number, const SubscriptionOptions &options) {
+                const Session *const session = engine_.state.sessions.find(number);
+                return session && can_keep(*session, std::min(options.qos, message_->qos()), engine_.state.bounds());
+            });
+        if (chosen)
+            give(*engine_.state.sessions.find(chosen->session), chosen->options);
+        else if (message_->qos() > 0)
+            ++routed_.refused;
+    }
+
+    const Routed &routed() const { return routed_; }
+
+private:
+    void give(Session &session, const SubscriptionOptions &options) REQUIRES(engine_mutex)
+    {
+        ++routed_.receivers;
+        if (!deliver(engine_, session, message_, options, message_->retain() && options.retain_as_published))
+            ++routed_.refused;
+    }
+
+    Engine           &engine_;
+    const MessageRef &message_;
+    Routed            routed_;
+};
+
+} // namespace
+
+bool deliver(Engine &engine, Session &session, const MessageRef &message, const SubscriptionOptions &options,
+             bool retain) noexcept
+{
+    const uint8_t                   qos = std::min(options.qos, message->qos());
+    const std::span<const uint32_t> identifiers(&options.identifier, options.identifier != 0 ? 1 : 0);
+    Offered                         offered = session.deliveries.offer(message, qos, retain, identifiers);
+    if (offered == Offered::TooMany || offered == Offered::TooManyBytes) {
+        session.deliveries.drop_expired(wall_ms());
+        offered = session.deliveries.offer(message, qos, retain, identifiers);
+    }
+    if (offered == Offered::Queued) {
+        if (!session.connection)
+            stats::count(stats::Counter::offline_msg);
+        else
+            list_for_flush(engine, *session.connection);
+        return true;
+    }
+    if (!is_lost(offered, qos))
+        return true;
+    note_full(session);
+    return qos == 0; // which may be lost
+}
+
+Routed route(Engine &engine, const MessageRef &message) noexcept
+{
+    Route sink(engine, message);
+    engine.state.subscriptions.match(message->topic(), sink);
+    return sink.routed();
+}
+
+} // namespace tarn::standard

@@ -1,0 +1,262 @@
+// send.cpp - packets into outboxes, and outboxes into sockets.
+//
+// What a round of the network layer makes is flushed at its end: many packets to a client in one write. A session's
+// deliveries are written into the outbox only as far as that stays small, so a client that reads slowly holds up its own
+// session and nobody else.
+#include "../stats/stats.hpp"
+#include "../base/clock.h"
+#include "engine.h"
+#include "session.h"
+
+namespace tarn::standard {
+
+using codec::standard::Bytes;
+using codec::standard::Properties;
+using codec::standard::Publish;
+
+namespace {
+
+constexpr size_t kOutboxMost = size_t{256} << 10; // bytes; a longer packet goes alone
+
+constinit thread_local bool t_in_round = false;
+
+// ---- deliveries as packets
+
+Properties properties_of(const Outgoing &outgoing)
+{
+    Properties properties;
+    if (!outgoing.message->properties().empty())
+        (void)codec::standard::decode_properties(outgoing.message->properties(), PUBLISH, properties);
+    properties.message_expiry           = outgoing.expiry_s;
+    properties.subscription_identifiers = outgoing.subscription_identifiers;
+    return properties;
+}
+
+Publish publish_of(const Connection &connection, const Outgoing &outgoing, OutgoingAliases::Found &alias)
+{
+    Publish publish{.dup        = outgoing.dup,
+                    .retain     = outgoing.retain,
+                    .qos        = outgoing.qos,
+                    .topic      = outgoing.message->topic(),
+                    .packet_id  = outgoing.packet_id,
+                    .properties = {},
+                    .payload    = outgoing.message->payload()};
+    if (!connection.speaks_v5())
+        return publish;
+    publish.properties = properties_of(outgoing);
+    alias              = connection.outgoing_aliases.find(publish.topic);
+    if (alias.alias != 0)
+        publish.properties.topic_alias = alias.alias;
+    if (alias.alias != 0 && !alias.is_new)
+        publish.topic = {};
+    return publish;
+}
+
+class ClientLimits final : public ReceiverLimits {
+public:
+    explicit ClientLimits(const Connection &connection) noexcept : connection_(connection) {}
+
+    uint16_t receive_maximum() const override { return connection_.receive_maximum; }
+    bool     takes(const Outgoing &outgoing) const override
+    {
+        OutgoingAliases::Found alias;
+        Publish                publish = publish_of(connection_, outgoing, alias);
+        if (publish.qos > 0 && publish.packet_id == 0)
+            publish.packet_id = 1;
+        return codec::standard::size_of_head(publish, connection_.receiver()) != 0;
+    }
+
+private:
+    const Connection &connection_;
+};
+
+void write_publish(Engine &engine, Connection &connection, const Outgoing &outgoing, uint64_t journaled)
+    REQUIRES(engine_mutex)
+{
+    OutgoingAliases::Found alias;
+    const Publish          publish = publish_of(connection, outgoing, alias);
+    const size_t           size    = codec::standard::size_of_head(publish, connection.receiver());
+    if (size == 0 || !engine.scratch.reserve(size))
+        return drop_connection(engine, connection, WithWill::Yes); // it counts as sent, and goes again
+    const std::span<uint8_t> room(engine.scratch.data(), size);
+    (void)codec::standard::encode_head(publish, connection.receiver(), room);
+    if (alias.is_new)
+        connection.outgoing_aliases.remember(outgoing.message->topic());
+    send_bytes(engine, connection, room, journaled, outgoing.message);
+}
+
+void write_delivery(Engine &engine, Connection &connection, const Outgoing &outgoing) REQUIRES(engine_mutex)
+{
+    // At QoS 2 the client may hold an identifier only if a file knows that it does (deliveries.h).
+    const bool     waits     = outgoing.kind == Outgoing::Kind::Pubrel || outgoing.qos == 2;
+    const uint64_t journaled = waits && connection.session->is_kept() ? engine.recorder.position() : 0;
+    if (outgoing.kind == Outgoing::Kind::Publish)
+        write_publish(engine, connection, outgoing, journaled);
+    else
+        send_ack(engine, connection, PUBREL, outgoing.packet_id, Reason::Success, journaled);
+}
+
+void count_drops(Session &session)
+{
+    const Drops drops = session.deliveries.take_drops();
+    for (uint64_t i = 0; i < drops.too_large; ++i)
+        stats::count(stats::Counter::drop_too_big);
+    for (uint64_t i = 0; i < drops.disconnected; ++i)
+        stats::count(stats::Counter::drop_offline);
+}
+
+// As many of its session's deliveries as the outbox is to hold.
+void fill(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
+{
+    const ClientLimits limits(connection);
+    const uint64_t     now_ms = wall_ms();
+    while (connection.session && connection.outbox.bytes() < kOutboxMost) {
+        const Outgoing outgoing = connection.session->deliveries.next(now_ms, limits);
+        if (outgoing.kind == Outgoing::Kind::Nothing) {
+            connection.session->told_full = false;
+            break;
+        }
+        write_delivery(engine, connection, outgoing);
+    }
+    if (connection.session)
+        count_drops(*connection.session);
+}
+
+// ---- outboxes into sockets
+
+net::Sent send_pieces(void *to, const net::OutPacket *pieces, int count) noexcept
+{
+    const net::Connection id = static_cast<Connection *>(to)->id;
+    return net::send_packets(id.handle, pieces, count, id.generation);
+}
+
+void wait_for_journal(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
+{
+    if (!connection.waits_for_journal) {
+        connection.waits_for_journal = true;
+        connection.next_waiting      = std::exchange(engine.waiting, &connection);
+    }
+    watch_journal(engine);
+}
+
+} // namespace
+
+void send_bytes(Engine &engine, Connection &connection, Bytes packet, uint64_t journaled,
+                const MessageRef &payload) noexcept
+{
+    if (connection.stage.load() != Stage::Connected && connection.stage.load() != Stage::Opened)
+        return;
+    stats::count(stats::Counter::tx_pkt);
+    if (connection.outbox.add(packet, journaled, payload))
+        list_for_flush(engine, connection);
+    else
+        drop_connection(engine, connection, WithWill::Yes);
+}
+
+void send_ack(Engine &engine, Connection &connection, PacketType type, uint16_t packet_id, Reason reason,
+              uint64_t journaled) noexcept
+{
+    send(engine, connection, codec::standard::Ack{type, packet_id, reason, {}}, journaled);
+}
+
+void list_for_flush(Engine &engine, Connection &connection) noexcept
+{
+    if (connection.is_listed)
+        return;
+    connection.is_listed   = true;
+    connection.next_listed = std::exchange(engine.listed, &connection);
+}
+
+void flush(Engine &engine, Connection &connection) noexcept
+{
+    while (!connection.is_blocked) {
+        if (connection.stage.load() == Stage::Connected)
+            fill(engine, connection);
+        const bool had_more = connection.outbox.bytes() >= kOutboxMost;
+        switch (connection.outbox.flush(send_pieces, &connection, engine.synced)) {
+        case Outbox::Left::Nothing:
+            if (had_more)
+                continue; // there may be more where that came from
+            return;
+        case Outbox::Left::Waits:
+            return wait_for_journal(engine, connection);
+        case Outbox::Left::Blocked:
+            connection.is_blocked = true;
+            return;
+        case Outbox::Left::Broken:
+            return drop_connection(engine, connection, WithWill::Yes);
+        }
+    }
+}
+
+void flush_listed(Engine &engine) noexcept
+{
+    while (Connection *const connection = engine.listed) {
+        engine.listed         = connection->next_listed;
+        connection->is_listed = false;
+        flush(engine, *connection);
+    }
+}
+
+// ---- the journal is on the disk
+
+namespace {
+
+void list_waiting(Engine &engine) REQUIRES(engine_mutex)
+{
+    while (Connection *const connection = engine.waiting) {
+        engine.waiting                = connection->next_waiting;
+        connection->waits_for_journal = false;
+        list_for_flush(engine, *connection);
+    }
+}
+
+void on_journal_saved(persist::SaveWaiter &waiter) noexcept
+{
+    Turn turn;
+    if (!turn)
+        return;
+    turn->is_waiting = false;
+    turn->synced     = std::max(turn->synced, static_cast<Engine::JournalWaiter &>(waiter).position);
+    list_waiting(*turn);
+}
+
+} // namespace
+
+void watch_journal(Engine &engine) noexcept
+{
+    if (engine.is_waiting)
+        return;
+    Engine::JournalWaiter &waiter = engine.journal_waiter;
+    waiter.position               = engine.recorder.position();
+    waiter.saved                  = on_journal_saved;
+    waiter.unsaved.store(1, std::memory_order_relaxed);
+    engine.is_waiting = engine.journal.wait(waiter.position, waiter);
+    if (!engine.is_waiting)
+        return; // without memory: the next turn tries again
+    if (waiter.unsaved.fetch_sub(1, std::memory_order_acq_rel) > 1)
+        return;
+    engine.is_waiting = false; // it is there already
+    engine.synced     = std::max(engine.synced, waiter.position);
+    list_waiting(engine);
+}
+
+// ---- rounds of the network layer
+
+void begin_round() noexcept
+{
+    t_in_round = true;
+}
+
+void end_round() noexcept
+{
+    t_in_round = false;
+    const Turn turn;
+}
+
+bool in_round() noexcept
+{
+    return t_in_round;
+}
+
+} // namespace tarn::standard

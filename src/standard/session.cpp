@@ -1,0 +1,81 @@
+// session.cpp - the table of sessions. See session.h.
+#include "session.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace tarn::standard {
+namespace {
+
+uint64_t hash_of(uint64_t number)
+{
+    return hash_pair(number, uint64_t{0});
+}
+
+} // namespace
+
+Sessions::~Sessions()
+{
+    while (first_)
+        destroy(*first_);
+}
+
+Session *Sessions::find(std::string_view id) const noexcept
+{
+    return by_id_.find(hash_(id), [id](const Session &session) { return session.text == id; });
+}
+
+Session *Sessions::find(uint64_t number) const noexcept
+{
+    const SessionNumber *const found = by_number_.find(
+        hash_of(number), [number](const SessionNumber &entry) { return entry.session->number == number; });
+    return found ? found->session : nullptr;
+}
+
+Session *Sessions::make(std::string_view id, const DeliveryBounds &bounds, uint64_t number) noexcept
+{
+    void *const block = malloc(sizeof(Session) + id.size());
+    if (!block)
+        return nullptr;
+    if (number == 0)
+        number = last_number_ + 1;
+    note_number(number);
+    auto *const session = new (block) Session(number, pool_, bounds);
+    char *const text    = reinterpret_cast<char *>(session + 1);
+    memcpy(text, id.data(), id.size());
+    session->text = {text, id.size()};
+    by_id_.insert(*session, hash_(id));
+    by_number_.insert(session->by_number, hash_of(number));
+    session->previous              = last_;
+    (last_ ? last_->next : first_) = session;
+    last_                          = session;
+    return session;
+}
+
+void Sessions::destroy(Session &session) noexcept
+{
+    set_nothing_due(session);
+    by_id_.remove(session);
+    by_number_.remove(session.by_number);
+    if (cursor_ == &session)
+        cursor_ = session.next;
+    (session.previous ? session.previous->next : first_) = session.next;
+    (session.next ? session.next->previous : last_)      = session.previous;
+    session.~Session();
+    free(&session);
+}
+
+void Sessions::set_due(Session &session, uint64_t due_ms) noexcept
+{
+    due_.remove(session);
+    session.due_ms = due_ms;
+    (void)due_.add(session);
+}
+
+Session *Sessions::first_due(uint64_t now_ms) const noexcept
+{
+    Session *const first = due_.first();
+    return first && first->due_ms <= now_ms ? first : nullptr;
+}
+
+} // namespace tarn::standard

@@ -1,0 +1,103 @@
+// session.h - what the broker knows of one client identifier, connected or away (4.1).
+#ifndef TARN_STANDARD_SESSION_H
+#define TARN_STANDARD_SESSION_H
+
+#include "deliveries.h"
+#include "due_heap.h"
+#include "hash_table.h"
+#include "incoming.h"
+#include "text_hash.h"
+
+#include <string_view>
+
+namespace tarn::standard {
+
+struct Connection;
+struct Session;
+
+constexpr uint32_t kForever_s = 0xFFFFFFFF; // a session expiry interval that never ends
+
+// A will as CONNECT had it. Its message expires from when it is published on.
+struct StoredWill {
+    MessageRef              message; // empty: there is none
+    uint32_t                delay_s = 0;
+    std::optional<uint32_t> expiry_s;
+};
+
+// Finds a session by its number.
+struct SessionNumber : InTable<SessionNumber> {
+    Session *session = nullptr;
+};
+
+// In the table by id, and in the heap while it is away and something of it is due: its will, or its end.
+struct Session : InTable<Session>, InDueHeap {
+    Session(uint64_t its_number, DeliveryPool &pool, const DeliveryBounds &bounds) noexcept
+        : number(its_number), deliveries(its_number, pool, bounds)
+    {
+        by_number.session = this;
+    }
+
+    [[nodiscard]] bool is_kept() const { return expiry_s > 0; } // files know it
+
+    std::string_view text;   // the client identifier, whole
+    const uint64_t   number; // never used again
+    SessionNumber    by_number;
+
+    uint32_t            expiry_s   = 0;
+    uint64_t            away_ms    = 0;       // wall clock; since when it is, 0 = connected
+    Connection         *connection = nullptr; // null: away
+    Deliveries          deliveries;
+    IncomingIdentifiers incoming; // publications at QoS 2 that are not released
+    StoredWill          will;
+    size_t              wildcard_subscriptions = 0;
+    bool                is_known_to_files      = false;
+    bool                told_full              = false; // a line said that its queue is full
+
+    // All sessions in the order of their numbers: what a checkpoint walks along.
+    Session *previous = nullptr;
+    Session *next     = nullptr;
+};
+
+// All sessions. It owns them.
+class Sessions {
+public:
+    Sessions()                            = default;
+    Sessions(const Sessions &)            = delete;
+    Sessions &operator=(const Sessions &) = delete;
+    ~Sessions();
+
+    Session *find(std::string_view id) const noexcept;
+    Session *find(uint64_t number) const noexcept;
+
+    // Of an id that has none; null without memory. `number` 0: the next one.
+    [[nodiscard]] Session *make(std::string_view id, const DeliveryBounds &bounds, uint64_t number = 0) noexcept;
+    void                   destroy(Session &session) noexcept;
+
+    // What is due of it by the wall clock. Without memory for the heap it stays until its client comes back.
+    void     set_due(Session &session, uint64_t due_ms) noexcept;
+    void     set_nothing_due(Session &session) noexcept { due_.remove(session); }
+    Session *first_due(uint64_t now_ms) const noexcept; // or null
+
+    size_t   count() const noexcept { return by_id_.size(); }
+    Session *first() const noexcept { return first_; }
+    uint64_t last_number() const noexcept { return last_number_; }
+    void     note_number(uint64_t number) noexcept { last_number_ = number > last_number_ ? number : last_number_; }
+
+    // The session that a walk through all of them comes to next. It is moved on when that session goes.
+    Session *&cursor() noexcept { return cursor_; }
+
+private:
+    TextHash                 hash_;
+    HashTable<Session>       by_id_;
+    HashTable<SessionNumber> by_number_;
+    DeliveryPool             pool_;
+    DueHeap<Session>         due_;
+    Session                 *first_       = nullptr;
+    Session                 *last_        = nullptr;
+    Session                 *cursor_      = nullptr;
+    uint64_t                 last_number_ = 0;
+};
+
+} // namespace tarn::standard
+
+#endif

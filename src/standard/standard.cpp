@@ -1,0 +1,191 @@
+// standard.cpp - start and stop of the engine, and what hosts call.
+#include "standard.hpp"
+
+#include "../base/clock.h"
+#include "../log/log.h"
+#include "../stats/stats.hpp"
+#include "profile.h"
+#include "restore.h"
+
+#include <new>
+
+namespace tarn::standard {
+
+constinit Mutex engine_mutex{};
+
+namespace {
+
+constinit Engine *g_engine GUARDED_BY(engine_mutex) = nullptr;
+
+void log_failed_open(const char *directory, const Opened &opened)
+{
+    static constexpr const char *kReasons[] = {
+        "",
+        "another broker uses it",
+        "a file has the name of one of ours and is something else",
+        "a file is of another version",
+        "a file is damaged",
+        "a file is missing",
+        "what it holds was not taken",
+        "there is no memory for what it holds",
+        "a call of the system failed",
+    };
+    LOG_ERROR("[standard] %s cannot be used: %s%s%s%s%s", directory, kReasons[static_cast<size_t>(opened.status)],
+              opened.file.text[0] ? ": " : "", opened.file.text, opened.error != 0 ? ": " : "",
+              opened.error != 0 ? strerror(opened.error) : "");
+}
+
+// What restored sessions need to go on, and what is due of them.
+void take_up(Engine &engine) REQUIRES(engine_mutex)
+{
+    for (Session *session = engine.state.sessions.first(); session; session = session->next) {
+        session->is_known_to_files = true;
+        session->deliveries.set_sink(&engine.recorder);
+        for (const Subscription &subscription : engine.state.subscriptions.of(session->number))
+            session->wildcard_subscriptions += subscription.filter().find_first_of("+#") != std::string_view::npos;
+        set_due(engine, *session);
+    }
+}
+
+bool open(Engine &engine, const char *directory) REQUIRES(engine_mutex)
+{
+    Restorer     restorer(engine.state, wall_ms());
+    const Opened opened = engine.journal.open(directory, restorer);
+    if (opened.status != OpenStatus::Ok) {
+        log_failed_open(directory, opened);
+        return false;
+    }
+    restorer.finish();
+    if (opened.dropped_bytes > 0)
+        LOG_WARN("[standard] %s ended in an unfinished record: %llu bytes were left out", opened.file.text,
+                 static_cast<unsigned long long>(opened.dropped_bytes));
+    take_up(engine);
+    return true;
+}
+
+bool has_key(const IdKey &key)
+{
+    return key.words[0] != 0 || key.words[1] != 0;
+}
+
+bool make_key_once(Engine &engine) REQUIRES(engine_mutex)
+{
+    if (has_key(engine.state.id_key))
+        return true;
+    return make_key(engine.state.id_key) && engine.recorder.key(engine.state.id_key);
+}
+
+} // namespace
+
+Engine *running_engine() noexcept
+{
+    return g_engine;
+}
+
+bool start(const char *directory, const Limits &limits) noexcept
+{
+    const ScopedLock lock(engine_mutex);
+    auto *const      engine = new (std::nothrow) Engine(limits);
+    if (!engine) {
+        LOG_ERROR("[standard] no memory to start");
+        return false;
+    }
+    if (!open(*engine, directory) || !make_key_once(*engine)) {
+        engine->journal.close();
+        delete engine;
+        return false;
+    }
+    g_engine = engine;
+    client::use_profile(&profile());
+    return true;
+}
+
+void stop() noexcept
+{
+    Engine *engine = nullptr;
+    {
+        const ScopedLock lock(engine_mutex);
+        engine = g_engine;
+    }
+    if (!engine)
+        return;
+    engine->journal.close(); // its waiters take the mutex
+    {
+        const ScopedLock lock(engine_mutex);
+        g_engine = nullptr;
+    }
+    client::use_profile(nullptr);
+    free_connections();
+    delete engine;
+}
+
+bool is_on() noexcept
+{
+    const ScopedLock lock(engine_mutex);
+    return g_engine != nullptr;
+}
+
+// ---- for hosts
+
+Published publish(const HostMessage &message) noexcept
+{
+    if (!codec::standard::is_topic_name(message.topic) || !codec::standard::is_utf8(message.topic))
+        return Published::NoTopic;
+    Turn turn;
+    if (!turn)
+        return Published::NoRoom;
+    const MessageRef made =
+        MessageRef::make({.number     = ++turn->state.last_message,
+                          .expires_ms = message.expiry_s != 0 ? wall_ms() + uint64_t{message.expiry_s} * 1000 : 0,
+                          .sender     = 0,
+                          .qos        = message.qos,
+                          .retain     = message.retain,
+                          .topic      = message.topic,
+                          .properties = {},
+                          .payload    = message.payload});
+    if (!made)
+        return Published::NoRoom;
+    const PublishResult result = publish(*turn, {.message = made, .is_refusable = true});
+    return result == PublishResult::Done || result == PublishResult::NobodyThere ? Published::Done : Published::NoRoom;
+}
+
+bool clear_retained(std::string_view topic) noexcept
+{
+    Turn turn;
+    return turn && turn->state.retained.remove(topic) && turn->recorder.retained_is_gone(topic);
+}
+
+int32_t list_retained_topics(std::span<char> to) noexcept
+{
+    size_t at = 0;
+    Turn   turn;
+    if (!turn || turn->state.retained.count() == 0)
+        return -1;
+    for (const MessageRef &message : turn->state.retained) {
+        const std::string_view topic = message->topic();
+        if (to.size() - at < topic.size() + 2)
+            break;
+        at += topic.copy(&to[at], topic.size());
+        to[at++] = ',';
+        to[at]   = '\0';
+    }
+    return static_cast<int32_t>(at);
+}
+
+void kick(uint32_t handle, uint8_t reason) noexcept
+{
+    Turn              turn;
+    Connection *const connection = turn ? connection_at(handle) : nullptr;
+    if (connection)
+        end_connection(*turn, *connection, static_cast<Reason>(reason));
+}
+
+Counts counts() noexcept
+{
+    const Turn turn;
+    if (!turn)
+        return {};
+    return {turn->state.sessions.count(), turn->state.subscriptions.count(), turn->state.retained.count()};
+}
+
+} // namespace tarn::standard

@@ -1,0 +1,223 @@
+// subscribe.cpp - SUBSCRIBE and UNSUBSCRIBE (3.8 to 3.11), and the retained messages that a subscription begins with.
+//
+// The host is asked about all filters first. Then they are subscribed to, a few at a time, so that a long list keeps
+// nobody waiting; the answer goes out, and behind it the retained messages.
+#include "../api/api.hpp"
+#include "../base/clock.h"
+#include "c_text.h"
+#include "engine.h"
+
+namespace tarn::standard {
+
+using codec::standard::Subscribe;
+using codec::standard::SubscriptionAck;
+using codec::standard::Unsubscribe;
+using codec::standard::Verdict;
+
+namespace {
+
+using Entry = codec::standard::Subscription;
+
+constexpr size_t kAtOnce = 64; // filters under one hold of the mutex
+
+struct Wanted {
+    Reason reason;
+    bool   gets_retained;
+};
+
+bool has_wildcard(std::string_view filter)
+{
+    return filter.find_first_of("+#") != filter.npos;
+}
+
+SubscriptionOptions options_of(const Subscribe &subscribe, const Entry &entry)
+{
+    return {.identifier          = subscribe.properties.subscription_identifier.value_or(0),
+            .qos                 = entry.qos,
+            .retain_handling     = entry.retain_handling,
+            .no_local            = entry.no_local,
+            .retain_as_published = entry.retain_as_published};
+}
+
+bool is_allowed(Connection &connection, std::string_view filter)
+{
+    const CText text(filter);
+    return text && api::allows(*connection.record, text.get(), BROKER_ACL_SUBSCRIBE);
+}
+
+bool exceeds(const Engine &engine, const Session &session, std::string_view filter) REQUIRES(engine_mutex)
+{
+    const Limits &limits = engine.state.limits;
+    return engine.state.subscriptions.count_of(session.number) >= limits.subscriptions ||
+           (has_wildcard(filter) && session.wildcard_subscriptions >= limits.wildcard_subscriptions);
+}
+
+Reason add(Engine &engine, Session &session, std::string_view filter, const SubscriptionOptions &options, bool &is_new)
+    REQUIRES(engine_mutex)
+{
+    SubscriptionTree &tree = engine.state.subscriptions;
+    is_new                 = !tree.find(session.number, filter);
+    if (is_new && exceeds(engine, session, filter))
+        return Reason::QuotaExceeded;
+    const SubscriptionTree::Added added = tree.add(session.number, filter, options);
+    if (added == SubscriptionTree::Added::TooDeep || added == SubscriptionTree::Added::NoMemory)
+        return Reason::QuotaExceeded;
+    if (session.is_kept() && !engine.recorder.subscribed(session, filter, options)) {
+        if (is_new)
+            (void)tree.remove(session.number, filter);
+        return Reason::ImplementationSpecificError;
+    }
+    session.wildcard_subscriptions += is_new && has_wildcard(filter);
+    return static_cast<Reason>(options.qos);
+}
+
+// Shared subscriptions begin with none (5.0 4.8.2).
+bool wants_retained(const Entry &entry, bool is_new)
+{
+    return !entry.filter.is_shared() && (entry.retain_handling == 0 || (entry.retain_handling == 1 && is_new));
+}
+
+// False: the session is not this connection's any more.
+bool subscribe_all(Connection &connection, const Subscribe &subscribe, Wanted *wanted)
+{
+    auto entry = subscribe.subscriptions.begin();
+    for (size_t i = 0; i < subscribe.subscriptions.size();) {
+        Turn turn;
+        if (!turn || !connection.session)
+            return false;
+        for (const size_t end = std::min(i + kAtOnce, subscribe.subscriptions.size()); i < end; ++i, ++entry) {
+            if (is_failure(wanted[i].reason))
+                continue;
+            bool is_new      = false;
+            wanted[i].reason = add(*turn, *connection.session, entry->text, options_of(subscribe, *entry), is_new);
+            wanted[i].gets_retained = !is_failure(wanted[i].reason) && wants_retained(*entry, is_new);
+        }
+    }
+    return true;
+}
+
+// A message that is retained is delivered as such, whatever Retain As Published says [MQTT-3.3.1-8].
+void send_retained(Engine &engine, Session &session, std::string_view filter, const SubscriptionOptions &options)
+    REQUIRES(engine_mutex)
+{
+    const uint64_t now_ms = wall_ms();
+    auto           give   = [&](const MessageRef &message) NO_LOCK_ANALYSIS {
+        if (message->expires_ms() != 0 && message->expires_ms() <= now_ms)
+            return;
+        engine.recorder.begin_publication(message);
+        (void)deliver(engine, session, message, options, true);
+        (void)engine.recorder.end_publication({});
+    };
+    engine.state.retained.match(filter, give);
+}
+
+void send_all_retained(Connection &connection, const Subscribe &subscribe, const Wanted *wanted)
+{
+    for (const Entry &entry : subscribe.subscriptions) {
+        if (!(wanted++)->gets_retained)
+            continue;
+        Turn turn;
+        if (!turn || !connection.session)
+            return;
+        send_retained(*turn, *connection.session, entry.filter.filter, options_of(subscribe, entry));
+    }
+}
+
+void tell(Connection &connection, uint32_t kind, std::string_view filter, int32_t qos)
+{
+    if (const CText text(filter); text)
+        api::tell(*connection.record, kind, text.get(), qos);
+}
+
+// False: the connection has no session any more.
+bool answer(Connection &connection, PacketType type, uint16_t packet_id, std::span<const Reason> reasons)
+{
+    Turn turn;
+    if (!turn || !connection.session)
+        return false;
+    const uint64_t journaled = connection.session->is_kept() ? turn->recorder.position() : 0;
+    send(*turn, connection, SubscriptionAck{type, packet_id, reasons, {}}, journaled);
+    return true;
+}
+
+void refuse_for_memory(Connection &connection)
+{
+    refuse_packet(connection, {Reason::QuotaExceeded, "there was no memory for its filters"});
+}
+
+} // namespace
+
+void handle_subscribe(const Incoming &incoming) noexcept
+{
+    Connection &connection = incoming.connection;
+    Subscribe   subscribe;
+    if (const Verdict verdict = decode_subscribe(incoming.packet, connection.level, subscribe); !verdict.ok())
+        return refuse_packet(connection, verdict);
+    const size_t  count   = subscribe.subscriptions.size();
+    owned<Wanted> wanted  = allocate<Wanted>(count);
+    owned<Reason> reasons = allocate<Reason>(count);
+    if (!wanted || !reasons)
+        return refuse_for_memory(connection);
+    size_t i = 0;
+    for (const Entry &entry : subscribe.subscriptions)
+        wanted[i++] = {is_allowed(connection, entry.text) ? Reason::Success : Reason::NotAuthorized, false};
+    if (!subscribe_all(connection, subscribe, wanted.get()))
+        return;
+    for (i = 0; i < count; ++i)
+        reasons[i] = wanted[i].reason;
+    if (!answer(connection, SUBACK, subscribe.packet_id, {reasons.get(), count}))
+        return;
+    i = 0;
+    for (const Entry &entry : subscribe.subscriptions)
+        if (!is_failure(reasons[i++]))
+            tell(connection, BROKER_EVENT_SUBSCRIBE, entry.text, entry.qos);
+    send_all_retained(connection, subscribe, wanted.get());
+}
+
+namespace {
+
+Reason remove(Engine &engine, Session &session, std::string_view filter) REQUIRES(engine_mutex)
+{
+    if (!engine.state.subscriptions.remove(session.number, filter))
+        return Reason::NoSubscriptionExisted;
+    session.wildcard_subscriptions -= has_wildcard(filter);
+    if (session.is_kept() && !engine.recorder.unsubscribed(session, filter))
+        return Reason::ImplementationSpecificError;
+    return Reason::Success;
+}
+
+bool unsubscribe_all(Connection &connection, const Unsubscribe &unsubscribe, Reason *reasons)
+{
+    auto entry = unsubscribe.filters.begin();
+    for (size_t i = 0; i < unsubscribe.filters.size();) {
+        Turn turn;
+        if (!turn || !connection.session)
+            return false;
+        for (const size_t end = std::min(i + kAtOnce, unsubscribe.filters.size()); i < end; ++i, ++entry)
+            reasons[i] = remove(*turn, *connection.session, entry->text);
+    }
+    return true;
+}
+
+} // namespace
+
+void handle_unsubscribe(const Incoming &incoming) noexcept
+{
+    Connection &connection = incoming.connection;
+    Unsubscribe unsubscribe;
+    if (const Verdict verdict = decode_unsubscribe(incoming.packet, connection.level, unsubscribe); !verdict.ok())
+        return refuse_packet(connection, verdict);
+    const size_t  count   = unsubscribe.filters.size();
+    owned<Reason> reasons = allocate<Reason>(count);
+    if (!reasons)
+        return refuse_for_memory(connection);
+    if (!unsubscribe_all(connection, unsubscribe, reasons.get()) ||
+        !answer(connection, UNSUBACK, unsubscribe.packet_id, {reasons.get(), count}))
+        return;
+    size_t i = 0;
+    for (const codec::standard::UnsubscribedFilter &entry : unsubscribe.filters)
+        if (reasons[i++] == Reason::Success)
+            tell(connection, BROKER_EVENT_UNSUBSCRIBE, entry.text, 0);
+}
+
+} // namespace tarn::standard
