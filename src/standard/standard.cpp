@@ -17,24 +17,6 @@ namespace {
 
 constinit Engine *g_engine GUARDED_BY(engine_mutex) = nullptr;
 
-void log_failed_open(const char *directory, const Opened &opened)
-{
-    static constexpr const char *kReasons[] = {
-        "",
-        "another broker uses it",
-        "a file has the name of one of ours and is something else",
-        "a file is of another version",
-        "a file is damaged",
-        "a file is missing",
-        "what it holds was not taken",
-        "there is no memory for what it holds",
-        "a call of the system failed",
-    };
-    LOG_ERROR("[standard] %s cannot be used: %s%s%s%s%s", directory, kReasons[static_cast<size_t>(opened.status)],
-              opened.file.text[0] ? ": " : "", opened.file.text, opened.error != 0 ? ": " : "",
-              opened.error != 0 ? strerror(opened.error) : "");
-}
-
 // What restored sessions need to go on, and what is due of them.
 void take_up(Engine &engine) REQUIRES(engine_mutex)
 {
@@ -49,16 +31,10 @@ void take_up(Engine &engine) REQUIRES(engine_mutex)
 
 bool open(Engine &engine, const char *directory) REQUIRES(engine_mutex)
 {
-    Restorer     restorer(engine.state, wall_ms());
-    const Opened opened = engine.journal.open(directory, restorer);
-    if (opened.status != OpenStatus::Ok) {
-        log_failed_open(directory, opened);
+    Restorer restorer(engine.state, wall_ms());
+    if (engine.journal.open(directory, restorer).status != OpenStatus::Ok)
         return false;
-    }
     restorer.finish();
-    if (opened.dropped_bytes > 0)
-        LOG_WARN("[standard] %s ended in an unfinished record: %llu bytes were left out", opened.file.text,
-                 static_cast<unsigned long long>(opened.dropped_bytes));
     take_up(engine);
     return true;
 }
@@ -117,6 +93,17 @@ void stop() noexcept
     client::use_profile(nullptr);
     free_connections();
     delete engine;
+}
+
+void say_goodbye() noexcept
+{
+    for (uint32_t handle = 0; handle < NETIP_CLIENTS_MAX; ++handle)
+        if (Connection *const connection = connection_at(handle); connection) {
+            Turn turn;
+            if (!turn)
+                return;
+            end_connection(*turn, *connection, Reason::ServerShuttingDown);
+        }
 }
 
 bool is_on() noexcept

@@ -15,7 +15,10 @@ namespace tarn::standard {
 // Reads what `directory` keeps, and from then on client::Profile leads here. Between client::init() and net::start().
 // False: nothing serves, and a line says why.
 bool start(const char *directory, const Limits &limits) noexcept;
-// Between net::stop() and client::deinit(). All that was acknowledged is on the disk afterwards.
+// Before net::stop(): every 5.0 client is told that the server shuts down, and all are closed.
+void say_goodbye() noexcept;
+// Between net::stop() and client::deinit(). All that was acknowledged is on the disk afterwards. Harmless
+// while it is not on.
 void stop() noexcept;
 [[nodiscard]] bool is_on() noexcept; // between start() and stop()
 
