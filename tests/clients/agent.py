@@ -10,7 +10,7 @@ Orders, each answered by one line, "ok ..." or "error WHY":
     burst topic= qos= count=          the messages "0", "1", ...: all on the way at once
     disconnect
 
-Before the first order it says "ready". What happens by itself is told by lines "message topic= qos= retain= dup= payload= ..." and "closed [reason=]". Payloads
+Before the first order it says "ready version=1.2.3". What happens by itself is told by lines "message topic= qos= retain= dup= payload= ..." and "closed [reason=]". Payloads
 are hexadecimal. At the end of its input the process ends with status 0.
 """
 import queue
@@ -107,6 +107,7 @@ class Agent(Inbox):
         super().__init__()
         self.level, self.port = level, port
         self.answers = queue.Queue()
+        self.version = ""
         self.ready = threading.Event()
         self.connected = False
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
@@ -122,6 +123,7 @@ class Agent(Inbox):
                                           int(values.pop("qos")), values.pop("retain") == "1",
                                           values.pop("dup") == "1", values))
             elif word == "ready":
+                self.version = fields[0].partition("=")[2]
                 self.ready.set()
             elif word == "closed":
                 self.close_reason = fields[0].partition("=")[2] if fields else ""
@@ -130,11 +132,13 @@ class Agent(Inbox):
                 self.answers.put((word, " ".join(fields)))
         self.answers.put(("error", "the client ended"))
 
+    def wait_until_ready(self):
+        if not self.ready.wait(READY_S):
+            raise RuntimeError("the client does not start")
+
     def ask(self, word, within=4.0, **fields):
         given = " ".join(f"{name}={int(value) if isinstance(value, bool) else value}"
                          for name, value in fields.items() if value is not None)
-        if not self.ready.wait(READY_S):
-            raise RuntimeError("the client does not start")
         try:
             self.process.stdin.write(f"{word} {given}\n")
             self.process.stdin.flush()

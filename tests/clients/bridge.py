@@ -13,7 +13,7 @@ import uuid
 import checks
 from agent import Failed, NotHere
 from broker import PORT, wait_for_port
-from mosquitto_tools import MosquittoTools, known_filters
+from mosquitto_tools import MosquittoTools, known_filters, version_in
 
 LOCAL_PORT = 1884
 TOPICS = ["topic in/# in 2", "topic out/# out 2", "topic both/# both 2"]
@@ -119,6 +119,9 @@ class BridgeBench:
         client = self.client(port, level)
         client.connect(f"{self.check.replace('_', '')}-{name}")
         return client
+
+    def version(self):
+        return version_in(["mosquitto", "-h"])
 
     def begin(self, name):
         self.check = name

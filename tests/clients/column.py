@@ -15,7 +15,7 @@ import bridge
 import checks
 from agent import Agent, Failed, NotHere
 from broker import PORT, Broker
-from mosquitto_tools import MosquittoTools, known_filters
+from mosquitto_tools import MosquittoTools, known_filters, version_in
 
 KEEPALIVE_S = 2
 
@@ -90,7 +90,12 @@ class AgentBench(Bench):
         else:
             client = Agent(self.command, level, self.port)
         client.level = level
+        client.wait_until_ready()
         return client
+
+    def version(self):
+        self.idle[0].wait_until_ready()
+        return self.idle[0].version
 
     def end(self):
         for client in self.used:
@@ -124,6 +129,9 @@ class ToolsBench(Bench):
 
     def make(self, level):
         return MosquittoTools(level, self.port)
+
+    def version(self):
+        return version_in(["mosquitto_sub", "--help"])
 
     def end(self):
         for client in self.used:
@@ -216,6 +224,7 @@ def main():
             bench = ToolsBench(*common)
         else:
             bench = bridge.BridgeBench(arguments.command, directory, *common)
+        print(json.dumps({"version": bench.version()}), flush=True)
         for one in wanted(arguments, arguments.level):
             if arguments.trace:
                 print(f"---- {one.name}", file=sys.stderr, flush=True)

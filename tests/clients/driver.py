@@ -22,6 +22,7 @@ import table
 
 HERE = pathlib.Path(__file__).resolve().parent
 PROFILES = {"native": [], "standard": ["--standard"]}
+SKIPPED = 77  # as an exit status
 SYSTEM_PYTHON = "/usr/bin/python3"  # where the distribution's packages are
 
 
@@ -88,6 +89,9 @@ def run_column(arguments, column, profile, own_network):
     results = {}
     for line in done.stdout.splitlines():
         one = json.loads(line)
+        if "version" in one:
+            results["version"] = one["version"]
+            continue
         results[one["check"]] = (one["result"], one["text"])
         if arguments.verbose or one["result"] == "failed":
             print(f"{profile} {column.name} {one['check']}: {one['result']} {one['text']}", flush=True)
@@ -105,6 +109,10 @@ def run_all(arguments, columns, profiles, own_network):
         return {key: future.result() for key, future in running.items()}
 
 
+def checks_in(of_column):
+    return [(name, result) for name, result in of_column.items() if name != "version"]
+
+
 def count(results):
     """Per profile how many checks ended how, and the failed ones that nobody explains."""
     unexplained = []
@@ -113,7 +121,7 @@ def count(results):
         for (own, column), of_column in results.items():
             if own != profile:
                 continue
-            for name, (result, text) in of_column.items():
+            for name, (result, text) in checks_in(of_column):
                 ended[result] += 1
                 if result == "failed" and not notes.of(profile, column, name):
                     unexplained.append(f"{profile} {column} {name}: {text}")
@@ -139,8 +147,8 @@ def main():
     os.environ["PATH"] += ":/usr/sbin:/sbin"
     own_network = namespace()
     if own_network is None:
-        print("clients: no network namespace here")
-        return 0
+        print("no network namespace here")
+        return SKIPPED
     columns = [one for one in columns_of(arguments)
                if not arguments.columns or one.name in arguments.columns.split(",")]
     missing = [one.name for one in columns if not pathlib.Path(one.needs).exists()]

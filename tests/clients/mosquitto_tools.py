@@ -17,6 +17,12 @@ numbers = itertools.count(1)
 known_filters = {}
 
 
+def version_in(command):
+    """What its help calls its version."""
+    found = re.search(r"version (\S+)", subprocess.run(command, capture_output=True, text=True).stdout)
+    return found[1] if found else "?"
+
+
 class MosquittoTools(Inbox):
     shortest_keepalive = 5
     knows_present = False

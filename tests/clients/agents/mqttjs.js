@@ -2,6 +2,7 @@
 // is the argument.
 'use strict'
 
+const fs = require('fs')
 const readline = require('readline')
 const mqtt = require(process.argv[2])
 
@@ -127,7 +128,8 @@ async function obey (line) {
 
 process.on('uncaughtException', error => say(`closed error=${String(error.message).replace(/\s/g, '_')}`))
 const input = readline.createInterface({ input: process.stdin })
-say('ready')
+const { version } = JSON.parse(fs.readFileSync(`${process.env.NODE_PATH}/${process.argv[2]}/package.json`))
+say('ready version=' + version)
 let last = Promise.resolve()
 input.on('line', line => { last = last.then(() => obey(line)) })
 input.on('close', () => last.then(() => process.exit(0)))

@@ -185,8 +185,8 @@ static int make_client(const Order *order)
     options.MQTTVersion             = level;
     options.maxBufferedMessages     = 1000;
     snprintf(address, sizeof address, "tcp://127.0.0.1:%d", number_field(order, "port"));
-    int result = MQTTAsync_createWithOptions(&client, address, text_field(order, "id"), MQTTCLIENT_PERSISTENCE_NONE, NULL,
-                                             &options);
+    int result = MQTTAsync_createWithOptions(&client, address, text_field(order, "id"), MQTTCLIENT_PERSISTENCE_NONE,
+                                             NULL, &options);
     if (result == MQTTASYNC_SUCCESS)
         result = MQTTAsync_setCallbacks(client, NULL, lost, arrived, NULL);
     if (result == MQTTASYNC_SUCCESS && level == 5)
@@ -202,9 +202,9 @@ static void connect_to_broker(const Order *order)
         answer(result);
         return;
     }
-    MQTTAsync_connectOptions three   = MQTTAsync_connectOptions_initializer;
-    MQTTAsync_connectOptions five    = MQTTAsync_connectOptions_initializer5;
-    MQTTAsync_connectOptions options = level == 5 ? five : three;
+    MQTTAsync_connectOptions three      = MQTTAsync_connectOptions_initializer;
+    MQTTAsync_connectOptions five       = MQTTAsync_connectOptions_initializer5;
+    MQTTAsync_connectOptions options    = level == 5 ? five : three;
     MQTTProperties           properties = MQTTProperties_initializer, of_will = MQTTProperties_initializer;
     options.MQTTVersion       = level;
     options.keepAliveInterval = number_field(order, "keepalive");
@@ -258,9 +258,9 @@ static void subscribe(const Order *order)
     }
     MQTTAsync_responseOptions options = simple_response();
     if (level == 5) {
-        options.onSuccess5           = subscribed5;
-        options.subscribeOptions     = each[0];
-        options.subscribeOptionsList = each;
+        options.onSuccess5            = subscribed5;
+        options.subscribeOptions      = each[0];
+        options.subscribeOptionsList  = each;
         options.subscribeOptionsCount = count;
     } else {
         options.onSuccess = subscribed;
@@ -342,7 +342,7 @@ static void disconnect(void)
 int main(void)
 {
     Order order = {0};
-    say("ready\n");
+    say("ready version=%s\n", MQTTAsync_getVersionInfo()[1].value);
     while (read_order(&order)) {
         if (!strcmp(order.word, "connect"))
             connect_to_broker(&order);

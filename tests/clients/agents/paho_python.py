@@ -3,6 +3,7 @@
 import sys
 import threading
 
+import paho.mqtt
 import paho.mqtt.client as mqtt
 from paho.mqtt.packettypes import PacketTypes
 from paho.mqtt.properties import Properties
@@ -153,7 +154,7 @@ class Agent:
 
 def main():
     agent = Agent()
-    say("ready")
+    say("ready version=" + paho.mqtt.__version__)
     for line in sys.stdin:
         word, *fields = line.split()
         try:

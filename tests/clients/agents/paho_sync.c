@@ -70,8 +70,8 @@ static void connect_to_broker(const Order *order)
         answer(result);
         return;
     }
-    MQTTClient_connectOptions three = MQTTClient_connectOptions_initializer;
-    MQTTClient_connectOptions five  = MQTTClient_connectOptions_initializer5;
+    MQTTClient_connectOptions three   = MQTTClient_connectOptions_initializer;
+    MQTTClient_connectOptions five    = MQTTClient_connectOptions_initializer5;
     MQTTClient_connectOptions options = level == 5 ? five : three;
     options.MQTTVersion               = level;
     options.keepAliveInterval         = number_field(order, "keepalive");
@@ -221,7 +221,7 @@ static void burst(const Order *order)
 int main(void)
 {
     Order order = {0};
-    say("ready\n");
+    say("ready version=%s\n", MQTTClient_getVersionInfo()[1].value);
     while (read_order(&order)) {
         if (!strcmp(order.word, "connect"))
             connect_to_broker(&order);

@@ -10,7 +10,7 @@ static inline void add_number(MQTTProperties *to, enum MQTTPropertyCodes which, 
 {
     if (!text_field(order, name))
         return;
-    MQTTProperty property = {.identifier = which};
+    MQTTProperty property   = {.identifier = which};
     property.value.integer4 = (unsigned)strtoul(text_field(order, name), NULL, 10);
     MQTTProperties_add(to, &property);
 }
@@ -21,20 +21,20 @@ static inline void add_text(MQTTProperties *to, enum MQTTPropertyCodes which, co
     if (!text)
         return;
     MQTTProperty property = {.identifier = which};
-    property.value.data = (MQTTLenString){(int)strlen(text), text};
+    property.value.data   = (MQTTLenString){(int)strlen(text), text};
     MQTTProperties_add(to, &property);
 }
 
 // Given as name:value.
 static inline void add_user_property(MQTTProperties *to, const Order *order)
 {
-    char *name = text_field(order, "user");
+    char *name  = text_field(order, "user");
     char *colon = name ? strchr(name, ':') : NULL;
     if (!colon)
         return;
     MQTTProperty property = {.identifier = MQTTPROPERTY_CODE_USER_PROPERTY};
-    property.value.data = (MQTTLenString){(int)(colon - name), name};
-    property.value.value = (MQTTLenString){(int)strlen(colon + 1), colon + 1};
+    property.value.data   = (MQTTLenString){(int)(colon - name), name};
+    property.value.value  = (MQTTLenString){(int)strlen(colon + 1), colon + 1};
     MQTTProperties_add(to, &property);
 }
 
@@ -60,7 +60,7 @@ static inline void print_properties(char *to, size_t room, const MQTTProperties 
 {
     to[0] = 0;
     for (int i = 0; i < properties->count; ++i) {
-        const MQTTProperty *one = &properties->array[i];
+        const MQTTProperty *one  = &properties->array[i];
         const size_t        used = strlen(to);
         if (one->identifier == MQTTPROPERTY_CODE_RESPONSE_TOPIC)
             print_text(to, room, "response", one->value.data);
