@@ -373,16 +373,16 @@ TEST(callbacks, are_asked_only_where_there_is_one)
     broker_t  broker{};
     OwnClient client(&broker), orphan(nullptr);
     EXPECT_FALSE(api::asks_about_topics(*client.operator->()));
-    EXPECT_FALSE(api::asks_about_logins(*client.operator->()));
+    EXPECT_FALSE(api::asks_about_logins(client->broker));
     tarn_sdk_mqtt_broker_register_acl_callback(
         &broker, [](broker_t *, const char *, const char *, uint8_t, mqtt_client_t *) { return true; });
     EXPECT_TRUE(api::asks_about_topics(*client.operator->()));
-    EXPECT_FALSE(api::asks_about_logins(*client.operator->()));
+    EXPECT_FALSE(api::asks_about_logins(client->broker));
     tarn_sdk_mqtt_broker_register_auth_callback(
         &broker, [](broker_t *, const char *, const char *, const char *) { return true; });
-    EXPECT_TRUE(api::asks_about_logins(*client.operator->()));
+    EXPECT_TRUE(api::asks_about_logins(client->broker));
     EXPECT_FALSE(api::asks_about_topics(*orphan.operator->()));
-    EXPECT_FALSE(api::asks_about_logins(*orphan.operator->()));
+    EXPECT_FALSE(api::asks_about_logins(orphan->broker));
 }
 
 TEST(callbacks, are_told_of_clients_without_a_record)
