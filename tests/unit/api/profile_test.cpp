@@ -126,7 +126,7 @@ TEST_F(limit, has_a_range)
           Range{TARN_LIMIT_QOS0_MESSAGES, 1, kMax}, Range{TARN_LIMIT_QOS0_BYTES, 1, kBytes},
           Range{TARN_LIMIT_WILDCARD_SUBSCRIPTIONS, 0, kMax}, Range{TARN_LIMIT_SUBSCRIPTIONS, 1, kMax},
           Range{TARN_LIMIT_RECEIVE_MAXIMUM, 1, 65535}, Range{TARN_LIMIT_SESSION_EXPIRY, 0, kMax},
-          Range{TARN_LIMIT_SESSIONS, 0, kMax}, Range{TARN_LIMIT_RETAINED_MESSAGES, 0, kMax},
+          Range{TARN_LIMIT_SESSIONS, 1, kMax}, Range{TARN_LIMIT_RETAINED_MESSAGES, 0, kMax},
           Range{TARN_LIMIT_RETAINED_BYTES, 0, kBytes}, Range{TARN_LIMIT_CONNECT_TIMEOUT, 100, 3600000}}) {
         EXPECT_EQ(set(which, least), TARN_OK) << which;
         EXPECT_EQ(set(which, most), TARN_OK) << which;
