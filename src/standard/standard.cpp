@@ -168,6 +168,42 @@ void kick(mqtt_client_t &client, uint8_t reason) noexcept
         end_connection(*turn, *connection, static_cast<Reason>(reason));
 }
 
+namespace {
+
+bool is_stored_as(const Engine &engine, const Session &session, std::string_view stored)
+{
+    return stored == stored_id(session.text, engine.state.id_key).text;
+}
+
+// Ids that records have no room for are looked for one by one: few ask for them.
+Session *find_stored(Engine &engine, std::string_view stored) REQUIRES(engine_mutex)
+{
+    Session *session = engine.state.sessions.find(stored);
+    if (session && is_stored_as(engine, *session, stored))
+        return session;
+    if (!stored.starts_with('~'))
+        return nullptr;
+    session = engine.state.sessions.first();
+    while (session && !is_stored_as(engine, *session, stored))
+        session = session->next;
+    return session;
+}
+
+} // namespace
+
+bool describe_session(std::string_view id, SessionInfo &info) noexcept
+{
+    Turn                 turn;
+    const Session *const session = turn ? find_stored(*turn, id) : nullptr;
+    if (!session)
+        return false;
+    info = {.subscriptions = turn->state.subscriptions.count_of(session->number),
+            .is_online     = session->connection != nullptr,
+            .is_kept       = session->is_kept(),
+            .has_will      = static_cast<bool>(session->will.message)};
+    return true;
+}
+
 Counts counts() noexcept
 {
     const Turn turn;
