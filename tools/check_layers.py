@@ -50,6 +50,7 @@ UPWARD = {
     ("client", "qos/qos.hpp"): "a released record takes its pending deliveries with it",
     ("client", "handler/handler.hpp"): "the network callback hands packets up, a close starts the will",
     ("handler", "api/api.hpp"): "the host's callbacks are asked and told",
+    ("standard", "api/api.hpp"): "likewise, in the standard profile",
 }
 
 PROTOTYPE = re.compile(r"^(?!#|typedef|extern|TARN_)\w[\w\s*]*?\b(\w+)\([^;{]*\);", re.MULTILINE)

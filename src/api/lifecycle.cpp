@@ -101,6 +101,7 @@ void take_down_leftovers()
     if (!g_left_standing)
         return;
     net::stop();
+    standard::stop();
     forget_owner();
     g_left_standing = false;
 }
@@ -124,8 +125,8 @@ int32_t bring_up(broker_t &broker, int32_t max_clients)
             g_left_standing = true;
             g_owner         = &broker; // datagrams can still make clients of it
         }
-        if (is_standard)
-            standard::stop();
+        if (!g_left_standing)
+            standard::stop(); // else its connections are still served
         client::deinit();
         return TARN_E_RESOURCE;
     }
@@ -271,9 +272,9 @@ void tarn_sdk_mqtt_broker_deinit(broker_t *broker)
     LifecycleLock life;
     if (!life)
         return;
+    standard::say_goodbye();
     net::stop();
-    if (standard::is_on())
-        standard::stop();
+    standard::stop();
     persist::destroy();
     client::deinit();
     stats::deinit();

@@ -46,7 +46,7 @@ bool log_in_record(mqtt_client_t &client, uint16_t keep_alive_s) noexcept
     return true;
 }
 
-void retire_record(mqtt_client_t &client) noexcept
+void end_record(mqtt_client_t &client) noexcept
 {
     const Claim claim(client);
     if (!claim || client.state == CLIENT_CLOSED)

@@ -32,8 +32,8 @@ struct Profile {
 void                         use_profile(const Profile *profile) noexcept;
 [[nodiscard]] const Profile *profile_in_use() noexcept; // null: the native one
 
-// ---- records of a profile's clients: so hosts see, count and find them as they do natively. Whoever has an id is found
-// by it, whatever the ids of others hash to. A caller holds a pin of the record from make_record() on.
+// ---- records of a profile's clients: so hosts see, count and find them as they do natively. A client that has an id is
+// found by it, whatever the ids of others hash to. A caller holds a pin of the record from make_record() on.
 
 // CONNECTED, and pinned; empty if there is no place for one, which an ERROR line tells, or the connection is closed
 // already.
@@ -43,7 +43,7 @@ void name_record(mqtt_client_t &client, const char *id, uint8_t level, bool clea
 // LOGINED, and found by its id. A keep-alive of 0 shows as 0. False: it was closed meanwhile.
 [[nodiscard]] bool log_in_record(mqtt_client_t &client, uint16_t keep_alive_s) noexcept;
 // CLOSED, released, and found no more. Neither session nor will, no line, and the connection stays. Once is enough.
-void retire_record(mqtt_client_t &client) noexcept;
+void end_record(mqtt_client_t &client) noexcept;
 
 } // namespace client
 } // namespace tarn

@@ -3,6 +3,7 @@
 #define TARN_STANDARD_CHECKPOINT_H
 
 #include "journal.h"
+#include "records.h"
 #include "state.h"
 
 namespace tarn::standard {
@@ -16,8 +17,29 @@ public:
     void step() noexcept;
 
 private:
-    State   &state_;
-    Journal &journal_;
+    // What is copied next. Where that stands, cursors of the state say.
+    enum class Phase : uint8_t { None, Counters, Sessions, Subscriptions, Retained };
+
+    void         begin() noexcept;
+    void         wait_for_less() noexcept;
+    AppendStatus copy_next() noexcept;
+    AppendStatus copy_counters() noexcept;
+    AppendStatus copy_from_next_session() noexcept;
+    AppendStatus copy_session(const Session &session) noexcept;
+    AppendStatus copy_next_subscription() noexcept;
+    AppendStatus copy_next_retained() noexcept;
+    AppendStatus copy_message(const MessageRef &message) noexcept;
+    AppendStatus append(RecordType type, RecordParts parts) noexcept;
+
+    State             &state_;
+    Journal           &journal_;
+    Phase              phase_ = Phase::None;
+    uint64_t           walks_ = 0; // number of the session through whose queue it walks
+    GrowArray<uint8_t> rest_;      // of the session that is being copied
+    size_t             taken_ = 0; // bytes in this step
+    uint32_t           pause_ = 0; // steps in which nothing is to be done
+
+    bool told_too_large_ = false; // a line said so of this checkpoint
 };
 
 } // namespace tarn::standard

@@ -50,6 +50,7 @@ void note_receiver(Connection &connection, const Connect &connect)
 {
     const ScopedLock lock(engine_mutex);
     connection.level               = connect.level;
+    connection.is_bridge           = connect.is_bridge;
     connection.maximum_packet_size = connect.properties.maximum_packet_size.value_or(codec::standard::kPacketMax);
     connection.receive_maximum     = static_cast<uint16_t>(connect.properties.receive_maximum.value_or(65535));
 }

@@ -31,8 +31,9 @@ struct Connection : InDueHeap { // due, on the steady clock: what it must have s
     net::Connection        id;
     broker_t              *broker              = nullptr;
     codec::standard::Level level               = codec::standard::Level::Mqtt5;
-    size_t                 longest_packet      = 0;                           // of the client's next one
-    uint32_t               silence_ms          = 0;                           // after which it is closed; 0 = never
+    size_t                 longest_packet      = 0;     // of the client's next one
+    bool                   is_bridge           = false; // gets nothing back that it sent, and retain as it was
+    uint32_t               silence_ms          = 0;     // after which it is closed; 0 = never
     size_t                 maximum_packet_size = codec::standard::kPacketMax; // that the client takes
     uint16_t               receive_maximum     = 65535;
     Shared<uint64_t>       last_packet_ms      = 0; // steady clock

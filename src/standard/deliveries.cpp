@@ -351,7 +351,7 @@ void Deliveries::append(DeliveryList &list, Delivery &delivery) noexcept
 // All that points into a list goes on behind it.
 void Deliveries::unlink(Delivery &delivery) noexcept
 {
-    for (Delivery **const pointer : {&again_sent_, &again_received_, &search_from_}) {
+    for (Delivery **const pointer : {&again_sent_, &again_received_, &search_from_, &walk_}) {
         if (*pointer == &delivery)
             *pointer = delivery.next;
     }

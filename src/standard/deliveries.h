@@ -158,6 +158,11 @@ public:
     // restore_last_number(), makes the same again.
     template <class Visitor> void for_each(Visitor &&visit) const;
 
+    // A walk in pieces through what is queued, while that changes. What is queued behind its end is not seen.
+    void            begin_walk() noexcept { walk_ = queue_.first(); }
+    const Delivery *walk() const noexcept { return walk_; } // where it is; null: at the end
+    void            walk_on() noexcept { walk_ = walk_->next; }
+
     // From files, before the first connection; the sink is not told, and bounds do not hold. First come the records of
     // for_each(), all made at one moment, then the changes since that moment, in their order. Older changes may stand
     // before those; they are ignored.
@@ -227,6 +232,7 @@ private:
     Delivery *again_received_ = nullptr; // the same of `received_`, but for those that PUBREC brought meanwhile
     Delivery *handed_out_     = nullptr; // at QoS 0; Outgoing points to its subscription identifiers
     Delivery *search_from_    = nullptr; // of `queue_`: where find_queued() goes on
+    Delivery *walk_           = nullptr; // of `queue_`
 };
 
 // ---- Templates

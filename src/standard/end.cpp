@@ -165,7 +165,7 @@ Turn::Turn() noexcept : engine_(nullptr)
 
 namespace {
 
-void tell_all(ToldWill *wills, broker_t *broker)
+void report_wills(ToldWill *wills, broker_t *broker)
 {
     while (ToldWill *const told = wills) {
         wills = told->next;
@@ -198,7 +198,7 @@ Turn::~Turn()
     engine_mutex.unlock();
     for (const net::Connection &connection : ending)
         net::close_connection(connection.handle, connection.generation);
-    tell_all(wills, broker);
+    report_wills(wills, broker);
 }
 
 } // namespace tarn::standard

@@ -1,4 +1,5 @@
-// message.h - one published message of the standard profile, shared by all who are to have it and never changed.
+// message.h - one published message of the standard profile, shared by all who are to have it. What is sent of it never
+// changes.
 #ifndef TARN_STANDARD_MESSAGE_H
 #define TARN_STANDARD_MESSAGE_H
 
@@ -34,11 +35,16 @@ public:
     std::span<const uint8_t> payload() const { return parts_.payload; }
     size_t                   size() const; // bytes of memory
 
+    // The latest checkpoint that has it, 0 = none. Under the mutex of the engine.
+    uint32_t copied_in() const { return copied_in_; }
+    void     note_copied_in(uint32_t checkpoint) const { copied_in_ = checkpoint; }
+
 private:
     friend class MessageRef;
     explicit Message(const MessageParts &parts) : parts_(parts) {}
 
     std::atomic<uint32_t> refs_{1};
+    mutable uint32_t      copied_in_ = 0;
     MessageParts          parts_; // the three spans point behind this object
 };
 

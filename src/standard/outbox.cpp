@@ -2,6 +2,7 @@
 #include "outbox.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -42,7 +43,7 @@ void Outbox::let_go(Chunk *chunk) noexcept
 {
     chunk->~Chunk();
     if (g_spare_count >= kSparesMax) {
-        operator delete(chunk);
+        free(chunk);
         return;
     }
     *reinterpret_cast<void **>(chunk) = std::exchange(g_spares, chunk);
@@ -59,7 +60,7 @@ Outbox::Chunk *Outbox::make(size_t count, uint64_t journaled) noexcept
             g_spares = *static_cast<void **>(room);
             --g_spare_count;
         } else {
-            room = operator new(sizeof(Chunk), std::nothrow);
+            room = malloc(sizeof(Chunk));
         }
         if (!room) {
             while (first)

@@ -1,4 +1,4 @@
-// publish.cpp - PUBLISH of a client (3.3), and what each message does, whoever publishes it.
+// publish.cpp - PUBLISH of a client (3.3), and what each message does: a will and the host publish, too.
 #include "../api/api.hpp"
 #include "../base/clock.h"
 #include "../log/log.h"

@@ -1,5 +1,5 @@
-// recorder.h - appends to the journal what changed, so that restore.h makes the same state of it again. It writes of kept
-// sessions alone (Session::is_kept), and the engine's mutex is held around all calls.
+// recorder.h - appends to the journal what changed, so that restore.h makes the same state of it again. It writes of
+// kept sessions alone (Session::is_kept), and the engine's mutex is held around all calls.
 #ifndef TARN_STANDARD_RECORDER_H
 #define TARN_STANDARD_RECORDER_H
 
@@ -28,6 +28,8 @@ public:
     [[nodiscard]] bool key(const IdKey &key) noexcept; // of a new directory, before all else
     // The session is as it is now: made, come back, gone away, its will, how long it lasts.
     [[nodiscard]] bool session(const Session &session) noexcept;
+    // One that files did not know, as its client asked for no time beyond its connection. What it had until then, too.
+    [[nodiscard]] bool session_with_all(const Session &session, const SubscriptionTree &subscriptions) noexcept;
     [[nodiscard]] bool session_is_gone(const Session &session) noexcept; // with all that it had
     [[nodiscard]] bool subscribed(const Session &session, std::string_view filter,
                                   const SubscriptionOptions &options) noexcept;
@@ -40,8 +42,8 @@ public:
     void               begin_publication(const MessageRef &message) noexcept;
     [[nodiscard]] bool end_publication(const PublicationEffects &effects) noexcept;
 
-    // ---- DeliverySink, of the deliveries of kept sessions. The packets of an acknowledgement cannot be taken back: what
-    // the journal has no room for waits here, and nothing is recorded before it.
+    // ---- DeliverySink, of the deliveries of kept sessions. What a client acknowledged cannot be refused: if the
+    // journal has no room for it, it waits here, and nothing is recorded before it.
     bool queued(uint64_t session, const DeliveryRecord &delivery) noexcept override; // false outside a publication
     void sent(uint64_t session, uint64_t number, uint16_t packet_id) noexcept override;
     void received(uint64_t session, uint64_t number, uint16_t packet_id) noexcept override;
@@ -60,6 +62,7 @@ private:
         uint64_t   number;
     };
 
+    bool message(const MessageRef &message) noexcept;
     bool append(RecordType type, RecordParts parts) noexcept;
     bool append_now(RecordType type, RecordParts parts) noexcept;
     bool append_now(const Step &step) noexcept;

@@ -23,7 +23,8 @@
 //                  3 * u32, topic, properties, payload
 //     delivery     number u64, flags u8, packet id u16, subscription identifiers u32, that many u32
 //
-// Numbers are little endian, as in the files. SessionState, Message, Counters and Retained are a checkpoint's.
+// Numbers are little endian, as in the files. Counters and Retained are a checkpoint's, and so are most SessionStates
+// and Messages.
 #ifndef TARN_STANDARD_RECORDS_H
 #define TARN_STANDARD_RECORDS_H
 
@@ -127,12 +128,12 @@ private:
 };
 
 // Behind it stands the id, and a will's message.
-inline auto head_of(const Session &session) noexcept
+inline auto head_of(const Session &session, uint32_t expiry_s) noexcept
 {
     const StoredWill &will  = session.will;
     const auto        flags = static_cast<uint8_t>((will.message ? kHasWill : 0) | (will.expiry_s ? kWillExpires : 0));
-    return bytes_of_numbers(session.number, session.expiry_s, session.away_ms, flags, will.delay_s,
-                            will.expiry_s.value_or(0), static_cast<uint32_t>(session.text.size()));
+    return bytes_of_numbers(session.number, expiry_s, session.away_ms, flags, will.delay_s, will.expiry_s.value_or(0),
+                            static_cast<uint32_t>(session.text.size()));
 }
 
 // Behind it stands the filter.
@@ -155,6 +156,22 @@ inline auto head_of(uint64_t session, const SubscriptionOptions &options) noexce
         done = done && append_bytes(to, bytes_of_numbers(identifier));
     return done;
 }
+
+// What a checkpoint has of a session beside its head, id and will. False without memory.
+[[nodiscard]] bool append_rest_of(GrowArray<uint8_t> &to, const Session &session) noexcept;
+
+// The filter as its client sent it, in the parts of a record.
+struct FilterBytes {
+    explicit FilterBytes(const Subscription &subscription) noexcept
+        : group(text_bytes(subscription.group())), filter(text_bytes(subscription.filter()))
+    {
+        if (group.empty())
+            return;
+        share = text_bytes("$share/");
+        slash = text_bytes("/");
+    }
+    ByteSpan share, group, slash, filter;
+};
 
 // ---- Reading
 

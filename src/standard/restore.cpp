@@ -82,7 +82,7 @@ Restorer::Read Restorer::restore(RecordType type, FieldReader &reader) noexcept
     return Read::Passed;
 }
 
-// A session that was to end with its connection has ended. The others have been away since they are known to be; a
+// A session that ends with its connection has ended. The others have been away since they are known to be; a
 // clock that was set back counts from now on.
 void Restorer::finish() noexcept
 {
@@ -144,7 +144,7 @@ Restorer::Read Restorer::restore_session(FieldReader &reader, Session *&session)
     if (read == Read::Done && (will_flags & kHasWill))
         read = read_message(reader, will.message);
     if (read == Read::Done)
-        read = find_or_make(number, id, expiry_s > 0, session);
+        read = find_or_make(number, id, session);
     if (read != Read::Done)
         return read;
     session->expiry_s = expiry_s;
@@ -154,13 +154,13 @@ Restorer::Read Restorer::restore_session(FieldReader &reader, Session *&session)
 }
 
 // Of two sessions of an id the later one counts: the other is gone, and a record behind this one says so.
-Restorer::Read Restorer::find_or_make(uint64_t number, std::string_view id, bool is_kept, Session *&session) noexcept
+Restorer::Read Restorer::find_or_make(uint64_t number, std::string_view id, Session *&session) noexcept
 {
     session = state_.sessions.find(number);
     if (session)
         return Read::Done;
     Session *const other = state_.sessions.find(id);
-    if (!is_number(number) || id.empty() || !is_kept || (other && other->number > number))
+    if (!is_number(number) || id.empty() || (other && other->number > number))
         return Read::Passed;
     if (other)
         forget(*other);
@@ -274,7 +274,7 @@ Restorer::Read Restorer::read_message(FieldReader &reader, MessageRef &message) 
     return message ? Read::Done : Read::NoMemory;
 }
 
-// One message is one object where this is cheap to know: the checkpoint had it, or it was retained and is sent for that.
+// One message is one object where this is cheap to know: the checkpoint had it, or it is retained and sent for that.
 MessageRef Restorer::find_message(const MessageParts &parts) const noexcept
 {
     if (const KnownMessage *const known = find_known(parts.number))

@@ -52,7 +52,7 @@ private:
 
     Read read_message(FieldReader &reader, MessageRef &message) noexcept;
     Read read_delivery(FieldReader &reader, DeliveryRecord &delivery) noexcept;
-    Read find_or_make(uint64_t number, std::string_view id, bool is_kept, Session *&session) noexcept;
+    Read find_or_make(uint64_t number, std::string_view id, Session *&session) noexcept;
     Read hold(uint64_t sender, uint16_t packet_id) noexcept;
     Read retain(const MessageRef &message) noexcept;
 

@@ -153,6 +153,8 @@ void RetainedStore::discard(RetainedEntry &entry) noexcept
 
 void RetainedStore::unlink(RetainedEntry &entry) noexcept
 {
+    if (cursor_ == &entry)
+        cursor_ = entry.next;
     (entry.previous ? entry.previous->next : first_) = entry.next;
     (entry.next ? entry.next->previous : last_)      = entry.previous;
     message_bytes_ -= entry.message->size();

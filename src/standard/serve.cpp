@@ -87,7 +87,7 @@ void on_closed(uint32_t handle) noexcept
     connection->outbox.clear();
     connection->outgoing_aliases.clear();
     if (connection->record)
-        client::retire_record(*connection->record);
+        client::end_record(*connection->record);
     connection->stage.store(Stage::Closed);
     if (!connection->is_served.load())
         let_go(*connection);

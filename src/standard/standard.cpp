@@ -6,6 +6,7 @@
 #include "../stats/stats.hpp"
 #include "profile.h"
 #include "restore.h"
+#include "stored_id.h"
 
 #include <new>
 
@@ -16,24 +17,6 @@ constinit Mutex engine_mutex{};
 namespace {
 
 constinit Engine *g_engine GUARDED_BY(engine_mutex) = nullptr;
-
-void log_failed_open(const char *directory, const Opened &opened)
-{
-    static constexpr const char *kReasons[] = {
-        "",
-        "another broker uses it",
-        "a file has the name of one of ours and is something else",
-        "a file is of another version",
-        "a file is damaged",
-        "a file is missing",
-        "what it holds was not taken",
-        "there is no memory for what it holds",
-        "a call of the system failed",
-    };
-    LOG_ERROR("[standard] %s cannot be used: %s%s%s%s%s", directory, kReasons[static_cast<size_t>(opened.status)],
-              opened.file.text[0] ? ": " : "", opened.file.text, opened.error != 0 ? ": " : "",
-              opened.error != 0 ? strerror(opened.error) : "");
-}
 
 // What restored sessions need to go on, and what is due of them.
 void take_up(Engine &engine) REQUIRES(engine_mutex)
@@ -49,16 +32,10 @@ void take_up(Engine &engine) REQUIRES(engine_mutex)
 
 bool open(Engine &engine, const char *directory) REQUIRES(engine_mutex)
 {
-    Restorer     restorer(engine.state, wall_ms());
-    const Opened opened = engine.journal.open(directory, restorer);
-    if (opened.status != OpenStatus::Ok) {
-        log_failed_open(directory, opened);
+    Restorer restorer(engine.state, wall_ms());
+    if (engine.journal.open(directory, restorer).status != OpenStatus::Ok)
         return false;
-    }
     restorer.finish();
-    if (opened.dropped_bytes > 0)
-        LOG_WARN("[standard] %s ended in an unfinished record: %llu bytes were left out", opened.file.text,
-                 static_cast<unsigned long long>(opened.dropped_bytes));
     take_up(engine);
     return true;
 }
@@ -119,6 +96,17 @@ void stop() noexcept
     delete engine;
 }
 
+void say_goodbye() noexcept
+{
+    for (uint32_t handle = 0; handle < NETIP_CLIENTS_MAX; ++handle)
+        if (Connection *const connection = connection_at(handle); connection) {
+            Turn turn;
+            if (!turn)
+                return;
+            end_connection(*turn, *connection, Reason::ServerShuttingDown);
+        }
+}
+
 bool is_on() noexcept
 {
     const ScopedLock lock(engine_mutex);
@@ -164,9 +152,9 @@ int32_t list_retained_topics(std::span<char> to) noexcept
     for (const MessageRef &message : turn->state.retained) {
         const std::string_view topic = message->topic();
         if (to.size() - at < topic.size() + 2)
-            break;
+            continue;
         at += topic.copy(&to[at], topic.size());
-        to[at++] = ',';
+        to[at++] = '\n';
         to[at]   = '\0';
     }
     return static_cast<int32_t>(at);
@@ -178,6 +166,42 @@ void kick(uint32_t handle, uint8_t reason) noexcept
     Connection *const connection = turn ? connection_at(handle) : nullptr;
     if (connection)
         end_connection(*turn, *connection, static_cast<Reason>(reason));
+}
+
+namespace {
+
+bool is_stored_as(const Engine &engine, const Session &session, std::string_view stored)
+{
+    return stored == stored_id(session.text, engine.state.id_key).text;
+}
+
+// Ids that records have no room for are looked for one by one: few ask for them.
+Session *find_stored(Engine &engine, std::string_view stored) REQUIRES(engine_mutex)
+{
+    Session *session = engine.state.sessions.find(stored);
+    if (session && is_stored_as(engine, *session, stored))
+        return session;
+    if (!stored.starts_with('~'))
+        return nullptr;
+    session = engine.state.sessions.first();
+    while (session && !is_stored_as(engine, *session, stored))
+        session = session->next;
+    return session;
+}
+
+} // namespace
+
+bool describe_session(std::string_view id, SessionInfo &info) noexcept
+{
+    Turn                 turn;
+    const Session *const session = turn ? find_stored(*turn, id) : nullptr;
+    if (!session)
+        return false;
+    info = {.subscriptions = turn->state.subscriptions.count_of(session->number),
+            .is_online     = session->connection != nullptr,
+            .is_kept       = session->is_kept(),
+            .has_will      = static_cast<bool>(session->will.message)};
+    return true;
 }
 
 Counts counts() noexcept

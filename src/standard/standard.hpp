@@ -15,7 +15,10 @@ namespace tarn::standard {
 // Reads what `directory` keeps, and from then on client::Profile leads here. Between client::init() and net::start().
 // False: nothing serves, and a line says why.
 bool start(const char *directory, const Limits &limits) noexcept;
-// Between net::stop() and client::deinit(). All that was acknowledged is on the disk afterwards.
+// Before net::stop(): every 5.0 client is told that the server shuts down, and all are closed.
+void say_goodbye() noexcept;
+// Between net::stop() and client::deinit(). All that was acknowledged is on the disk afterwards. Harmless
+// while it is not on.
 void stop() noexcept;
 [[nodiscard]] bool is_on() noexcept; // between start() and stop()
 
@@ -39,8 +42,16 @@ enum class Published {
 };
 Published publish(const HostMessage &message) noexcept;
 
+// Of the session of a client that is connected or away, by the form of its id that records have.
+struct SessionInfo {
+    size_t subscriptions;
+    bool   is_online, is_kept, has_will;
+};
+bool describe_session(std::string_view id, SessionInfo &info) noexcept; // false: there is none
+
 bool clear_retained(std::string_view topic) noexcept; // false: there was none
-// The topics with a comma behind each; returns the characters written, -1 if there are none.
+// The topics with a newline behind each, and a terminator; one that does not fit is left out. Returns the characters
+// written, -1 if there are no topics.
 int32_t list_retained_topics(std::span<char> to) noexcept;
 
 // DISCONNECT with this reason (5.0), then the close. The session stays as it asked.

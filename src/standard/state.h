@@ -34,6 +34,7 @@ struct State {
     RetainedStore         retained;
     std::atomic<uint64_t> last_message{0}; // the number of the latest; any thread
     IdKey                 id_key{};
+    uint32_t              last_checkpoint = 0; // since the start
 };
 
 } // namespace tarn::standard

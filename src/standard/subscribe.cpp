@@ -30,13 +30,14 @@ bool has_wildcard(std::string_view filter)
     return filter.find_first_of("+#") != filter.npos;
 }
 
-SubscriptionOptions options_of(const Subscribe &subscribe, const Entry &entry)
+// A bridge at 3.1.1 has no options, and what it sends must not come back to it.
+SubscriptionOptions options_of(const Connection &connection, const Subscribe &subscribe, const Entry &entry)
 {
     return {.identifier          = subscribe.properties.subscription_identifier.value_or(0),
             .qos                 = entry.qos,
             .retain_handling     = entry.retain_handling,
-            .no_local            = entry.no_local,
-            .retain_as_published = entry.retain_as_published};
+            .no_local            = entry.no_local || connection.is_bridge,
+            .retain_as_published = entry.retain_as_published || connection.is_bridge};
 }
 
 bool is_allowed(Connection &connection, std::string_view filter)
@@ -88,8 +89,9 @@ bool subscribe_all(Connection &connection, const Subscribe &subscribe, Wanted *w
         for (const size_t end = std::min(i + kAtOnce, subscribe.subscriptions.size()); i < end; ++i, ++entry) {
             if (is_failure(wanted[i].reason))
                 continue;
-            bool is_new      = false;
-            wanted[i].reason = add(*turn, *connection.session, entry->text, options_of(subscribe, *entry), is_new);
+            bool is_new = false;
+            wanted[i].reason =
+                add(*turn, *connection.session, entry->text, options_of(connection, subscribe, *entry), is_new);
             wanted[i].gets_retained = !is_failure(wanted[i].reason) && wants_retained(*entry, is_new);
         }
     }
@@ -119,7 +121,7 @@ void send_all_retained(Connection &connection, const Subscribe &subscribe, const
         Turn turn;
         if (!turn || !connection.session)
             return;
-        send_retained(*turn, *connection.session, entry.filter.filter, options_of(subscribe, entry));
+        send_retained(*turn, *connection.session, entry.filter.filter, options_of(connection, subscribe, entry));
     }
 }
 

@@ -209,6 +209,8 @@ void SubscriptionTree::remove(Subscription &subscription) noexcept
 
 void SubscriptionTree::unlink(Subscription &subscription) noexcept
 {
+    if (cursor_ == &subscription)
+        cursor_ = subscription.next_;
     SessionSubscriptions &list                = *subscription.list_;
     Subscription *const   next                = subscription.next_;
     Subscription *const   previous            = subscription.previous_;

@@ -39,6 +39,7 @@ public:
     std::string_view           group() const;  // of "$share/group/filter"; empty if it is not shared
     std::string_view           filter() const; // without "$share/group/"
     const SubscriptionOptions &options() const;
+    const Subscription        *next() const { return next_; } // of the session, in the order of subscribing
 
 private:
     friend class SubscriptionTree;
@@ -153,6 +154,7 @@ public:
 
     Iterator                begin() const { return Iterator(first_); }
     std::default_sentinel_t end() const { return {}; }
+    const Subscription     *first() const { return first_; } // null: there is none
 
 private:
     const Subscription *first_;
@@ -177,6 +179,10 @@ public:
     SubscriptionsOfSession of(uint64_t session) const noexcept;
     size_t                 count_of(uint64_t session) const noexcept;
     size_t                 count() const noexcept { return subscriptions_.size(); }
+
+    // The subscription that a walk in pieces through those of a session comes to next; it is moved on when that
+    // subscription goes.
+    const Subscription *&cursor() noexcept { return cursor_; }
 
     // Calls sink.plain(session, options) for each subscription that is not shared and matches, and sink.shared(group)
     // for each shared group that does, in no order. A session with several filters is called for each of them.
@@ -219,6 +225,7 @@ private:
     HashTable<Filter>               filters_;       // by text
     HashTable<SessionSubscriptions> sessions_;      // by number
     HashTable<Subscription>         subscriptions_; // by session, filter and group
+    const Subscription             *cursor_ = nullptr;
 };
 
 } // namespace tarn::standard

@@ -21,16 +21,19 @@ constexpr uint8_t kWillRetain = 0x20;
 constexpr uint8_t kPassword   = 0x40;
 constexpr uint8_t kUserName   = 0x80;
 
+constexpr uint8_t kBridgeLevel = 0x84;
+
 // The level also says how to answer a client of none of our levels: one of a later level understands 5.0, one of an
-// earlier level 3.1.1. Bridges of some brokers set the highest bit, and take it away when they are refused.
+// earlier level 3.1.1. Bridges of other brokers set the highest bit of 3.1.1's.
 void read_protocol(Reader &in, Connect &connect)
 {
     const std::string_view name  = in.text();
     const uint8_t          level = in.u8();
     connect.level                = (level & 0x7F) >= 5 ? Level::Mqtt5 : Level::Mqtt311;
+    connect.is_bridge            = level == kBridgeLevel;
     if (name != "MQTT")
         in.refuse(Reason::UnsupportedProtocolVersion, "CONNECT is of MQTT 3.1 or no MQTT"); // [MQTT-3.1.2-1]
-    if (level != 4 && level != 5)
+    if (level != 4 && level != 5 && !connect.is_bridge)
         in.refuse(Reason::UnsupportedProtocolVersion, "CONNECT has a level other than 4 and 5"); // [MQTT-3.1.2-2]
 }
 

@@ -34,6 +34,7 @@ struct Will {
 
 struct Connect {
     Level                           level       = Level::Mqtt311;
+    bool                            is_bridge   = false; // of another broker, which marks its level so; at 3.1.1
     bool                            clean_start = false; // 3.1.1: clean session
     uint16_t                        keep_alive  = 0;     // s, 0 = off
     std::string_view                client_id;           // may be empty; whether it may be is the caller's to say
@@ -44,7 +45,7 @@ struct Connect {
 };
 
 // Of a refused CONNECT `level` is right all the same: the one to answer at. UnsupportedProtocolVersion: a level that is
-// neither 4 nor 5, a bridge's mark at the highest bit among them [MQTT-3.1.2-2], or another protocol's name.
+// neither 4 nor 5 [MQTT-3.1.2-2], or another protocol's name.
 Verdict decode_connect(Bytes packet, Connect &connect) noexcept;
 
 // Beside a failure `session_present` is written as 0 [MQTT-3.2.2-6]. At 3.1.1 there is a packet only for reasons with a

@@ -149,7 +149,7 @@ TEST(profile, makes_no_record_where_there_is_no_place)
     EXPECT_THAT(log.take(), ElementsAre(error("Client pool full, max=1")));
 }
 
-TEST(profile, retires_a_record_without_a_line_a_file_or_a_close)
+TEST(profile, ends_a_record_without_a_line_a_file_or_a_close)
 {
     const Manager manager(1);
     Socket        socket(7);
@@ -157,8 +157,8 @@ TEST(profile, retires_a_record_without_a_line_a_file_or_a_close)
     client_ref    client = make_logged_in(7, "dev1");
     take_calls();
     LogCapture log(1);
-    retire_record(*client);
-    retire_record(*client);
+    end_record(*client);
+    end_record(*client);
     EXPECT_EQ(client->state, uint32_t{CLIENT_CLOSED});
     EXPECT_STREQ(client->client_id, "dev1") << "until the last pin is gone";
     EXPECT_EQ(client_find_by_cid("dev1"), nullptr);
@@ -183,7 +183,7 @@ TEST(profile, finds_every_client_whatever_its_bucket)
     EXPECT_EQ(client_find_by_cid("dev1"), first.get());
     EXPECT_EQ(client_find_by_cid(ids[0].c_str()), second.get());
     EXPECT_EQ(client_find_by_cid(ids[1].c_str()), third.get());
-    retire_record(*first);
+    end_record(*first);
     EXPECT_EQ(client_find_by_cid("dev1"), nullptr);
     EXPECT_EQ(client_find_by_cid(ids[0].c_str()), second.get());
 }
@@ -197,6 +197,6 @@ TEST(profile, is_told_of_the_end_when_a_host_closes_a_record)
     take_calls();
     client_close(client.get());
     EXPECT_TRUE(socket.closed_by_broker());
-    EXPECT_EQ(client->state, uint32_t{CLIENT_LOGINED}) << "the profile retires it";
+    EXPECT_EQ(client->state, uint32_t{CLIENT_LOGINED}) << "the profile ends it";
     EXPECT_THAT(take_calls(), IsEmpty());
 }

@@ -103,7 +103,7 @@ TEST(connect, other_protocols_are_an_unsupported_version) // [MQTT-3.1.2-1]
 TEST(connect, other_levels_are_an_unsupported_version) // [MQTT-3.1.2-2]
 {
     const std::pair<const char *, Level> levels[] = {{"00", k311}, {"03", k311}, {"06", k5}, {"7F", k5},
-                                                     {"83", k311}, {"84", k311}, {"85", k5}, {"FF", k5}};
+                                                     {"83", k311}, {"85", k5},   {"FF", k5}};
     for (const auto &[level, answer] : levels) {
         const auto found = decode((std::string(level) + " 02 00 0A 00 00").c_str());
         EXPECT_REFUSED(found, Reason::UnsupportedProtocolVersion);
@@ -112,6 +112,15 @@ TEST(connect, other_levels_are_an_unsupported_version) // [MQTT-3.1.2-2]
     const auto old = decode(packet(0x10, wire("00 06 'MQIsdp' 03 02 00 3C 00 02 'id'")));
     EXPECT_REFUSED(old, Reason::UnsupportedProtocolVersion);
     EXPECT_EQ(old.value.level, k311);
+}
+
+TEST(connect, a_bridge_marks_its_level)
+{
+    const auto bridge = decode("84 02 00 0A 00 00");
+    EXPECT_TRUE(bridge.verdict.ok());
+    EXPECT_EQ(bridge.value.level, k311);
+    EXPECT_TRUE(bridge.value.is_bridge);
+    EXPECT_FALSE(decode("04 02 00 0A 00 00").value.is_bridge);
 }
 
 TEST(connect, the_reserved_flag_is_0) // [MQTT-3.1.2-3]

@@ -45,15 +45,19 @@ inline std::string text_of(const standard::Subscription &subscription)
            (options.no_local ? " no local" : "") + (options.retain_as_published ? " as published" : "");
 }
 
+constexpr const char *kStateDirectory = "data/standard";
+constexpr uint64_t    kNow_ms         = 1'800'000'000'000;
+
 using Lines = std::multiset<std::string>;
 
-// Those of the session's deliveries say their places, and only those at QoS 1 and 2 are there. What files know of it.
+// As a start would find it: a connected session has been away since then.
 inline void add_lines_of(Lines &lines, const standard::State &state, const standard::Session &session)
 {
     const std::string           name = "session " + std::to_string(session.number) + " ";
     const standard::StoredWill &will = session.will;
     lines.insert(name + std::string(session.text) + " expiry " + std::to_string(session.expiry_s) + " away " +
-                 std::to_string(session.away_ms));
+                 std::to_string(session.away_ms ? session.away_ms : kNow_ms) + " last #" +
+                 std::to_string(session.deliveries.last_number()));
     if (will.message)
         lines.insert(name + "will delay " + std::to_string(will.delay_s) + " expiry " +
                      (will.expiry_s ? std::to_string(*will.expiry_s) : "none") + ": " + text_of(will.message));
@@ -76,9 +80,6 @@ inline Lines lines_of(const standard::State &state)
         lines.insert("retained " + text_of(message));
     return lines;
 }
-
-constexpr const char *kStateDirectory = "data/standard";
-constexpr uint64_t    kNow_ms         = 1'800'000'000'000;
 
 // What a broker would have in memory after a start in this directory.
 inline std::unique_ptr<standard::State> restored(const char *directory = kStateDirectory, uint64_t now_ms = kNow_ms)
