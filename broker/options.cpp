@@ -17,6 +17,7 @@ struct Number { // a wrong one would be refused by the library, but without the 
     int32_t Options::*target;
     int32_t           lowest;
     int32_t           highest;
+    bool Options::*given = nullptr; // set when it is
 };
 struct Level {};
 struct Port {}; // nobody can choose it, and everybody tries
@@ -50,12 +51,16 @@ const Row kRows[] = {
     {0, "connect-within", "SECONDS", Number{&Options::connect_s, 0, 3600},
      "a connection without CONNECT is closed after so long, {};\n"
      "0 = after --keep-alive alone"},
+    {0, "standard", nullptr, Switch{&Options::standard},
+     "serve MQTT 3.1.1 and 5.0 as the standards have them, to clients of\n"
+     "any make, over TCP alone"},
     {0, "udp", nullptr, Switch{&Options::udp}, "serve UDP as well"},
     {0, "no-udp", nullptr, Switch{&Options::udp, false}, "serve TCP alone (default)"},
     {'p', "port", "{}", Port{}, "the port is always this one"},
-    {0, "max-packet-size", "BYTES", Number{&Options::max_packet_size, 256, 10485760},
+    {0, "max-packet-size", "BYTES", Number{&Options::max_packet_size, 256, 10485760, &Options::has_packet_size},
      "largest packet before and with CONNECT, {}; no packet of more than\n"
-     "4096 bytes is taken in any case"},
+     "4096 bytes is taken in any case. With --standard the largest of any,\n"
+     "10485760 unless it is given"},
     {'c', "max-clients", "N", Number{&Options::max_clients, 1, CLIENT_MAX}, "clients served at a time, {}"},
     {0, "directory", "DIR", Text{&Options::directory}, "work there: sessions, and relative names of files"},
     {0, "user-file", "FILE", Text{&Options::user_file},
@@ -167,6 +172,8 @@ struct Read {
         if (end == text || *end != '\0' || errno != 0 || value < number.lowest || value > number.highest)
             return refused("a number from " + std::to_string(number.lowest) + " to " + std::to_string(number.highest));
         line.options.*number.target = static_cast<int32_t>(value);
+        if (number.given)
+            line.options.*number.given = true;
         return {};
     }
 
@@ -263,6 +270,8 @@ CommandLine read_command_line(int argc, char *const *argv)
     }
     if (optind < argc)
         line.error = std::string("unexpected argument '") + argv[optind] + "'";
+    else if (line.options.standard && line.options.udp)
+        line.error = "--udp is not for --standard, which serves TCP alone";
     return line;
 }
 

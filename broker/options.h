@@ -14,7 +14,8 @@ struct Options {
     int32_t                 password_wait_s = 60;  // the longest, 0 = nobody waits
     int32_t                 connect_s       = 30;  // in which a connection has to say CONNECT, 0 = as long as it likes
     int32_t                 keepalive_s     = 300;
-    int32_t                 max_packet_size = 4096; // bytes
+    int32_t                 max_packet_size = 4096;  // bytes
+    bool                    has_packet_size = false; // it was given
     int32_t                 max_clients     = 5000;
     std::string             directory; // this and all below: empty when not given
     std::string             user_file;
@@ -23,6 +24,7 @@ struct Options {
     std::string             events;               // a file, "-" = standard output, empty = none
     std::string             control;              // the path of the control socket, empty = none
     bool                    top          = false; // the live view
+    bool                    standard     = false; // the library's standard profile
     bool                    udp          = false; // serve datagrams as well
     bool                    keep_running = false; // also when almost all client records are used up
 

@@ -1,5 +1,6 @@
 #include "query.h"
 
+#include "profile.h"
 #include "shortage.h"
 #include "text.h"
 
@@ -38,6 +39,31 @@ std::string id_list()
     return list_of(tarn_sdk_mqtt_broker_get_client_id_list, kIdsRoom);
 }
 
+// There is no bound for what topics take. Room for one more of the longest is left: so all are there.
+std::vector<std::string> standard_topics()
+{
+    constexpr size_t kLongest = 65536, kFirstRoom = size_t{1} << 20, kMostRoom = size_t{1} << 30;
+    std::string      topics;
+    for (size_t room = kFirstRoom; room <= kMostRoom; room *= 4) {
+        topics = list_of(tarn_sdk_mqtt_broker_get_retain_topic_list, room);
+        if (topics.size() + kLongest < room)
+            break;
+    }
+    if (!topics.empty())
+        topics.pop_back();
+    const std::vector<std::string_view> pieces = pieces_of(topics, '\n');
+    return {pieces.begin(), pieces.end()};
+}
+
+// Nothing when it has none.
+std::optional<tarn_sdk_mqtt_session_info_t> session_info(const std::string &client_id)
+{
+    tarn_sdk_mqtt_session_info_t info{};
+    const int32_t                code = tarn_sdk_mqtt_broker_get_session_info(nullptr, client_id.c_str(), &info);
+    info.kept |= code == TARN_E_NOT_RUNNING;
+    return code == TARN_E_NOT_FOUND ? std::nullopt : std::optional(info);
+}
+
 // The library's threads count while this reads.
 template <class T> T peek(T &counter)
 {
@@ -72,8 +98,28 @@ std::string address_of(const tarn_sdk_mqtt_client_info_t &info)
     return std::string(info.ip) + ':' + std::to_string(info.port);
 }
 
+size_t subscriptions_of(const std::string &client_id)
+{
+    const auto info = session_info(client_id);
+    return info ? info->subscriptions : 0;
+}
+
+bool session_is_kept(const std::string &client_id)
+{
+    const auto info = session_info(client_id);
+    return info && info->kept != 0;
+}
+
+bool has_will(const std::string &client_id)
+{
+    const auto info = session_info(client_id);
+    return info && info->has_will != 0;
+}
+
 std::vector<std::string> retained_topics()
 {
+    if (g_serves_standard)
+        return standard_topics();
     std::string topics = list_of(tarn_sdk_mqtt_broker_get_retain_topic_list, kTopicsRoom);
     if (!topics.empty())
         topics.pop_back(); // each is followed by a newline

@@ -20,9 +20,14 @@ std::optional<tarn_sdk_mqtt_client_info_t> client_info(broker_t *broker, const s
 
 std::string address_of(const tarn_sdk_mqtt_client_info_t &info); // IP:PORT
 
-std::vector<std::string> retained_topics();
+std::vector<std::string> retained_topics(); // in the standard profile one with a newline in it comes in pieces
 
-std::vector<std::string> subscriber_ids(); // one for each subscription
+// Of sessions in the standard profile. Before it serves, each id may have one that is kept.
+size_t subscriptions_of(const std::string &client_id);
+bool   session_is_kept(const std::string &client_id);
+bool   has_will(const std::string &client_id);
+
+std::vector<std::string> subscriber_ids(); // of the native profile; one for each subscription
 
 // Whether a record of a client has a will that waits, or stays for one that was published.
 bool holds_will(const void *record);

@@ -9,6 +9,7 @@
 #include "loop.h"
 #include "output.h"
 #include "privileges.h"
+#include "profile.h"
 #include "query.h"
 #include "refusals.h"
 #include "shortage.h"
@@ -156,8 +157,8 @@ void reload_on_signal(Loop &loop, Access &access)
 void log_where_it_serves(int32_t clients, bool udp_is_wanted)
 {
     const bool udp = udp_is_open();
-    fprintf(stderr, "tarn-broker: serving MQTT 3.1.1 and 5.0 on 0.0.0.0:%d (%s), at most %d clients\n", kPort,
-            udp ? "TCP and UDP" : "TCP", clients);
+    fprintf(stderr, "tarn-broker: serving MQTT 3.1.1 and 5.0%s on 0.0.0.0:%d (%s), at most %d clients\n",
+            g_serves_standard ? " (standard profile)" : "", kPort, udp ? "TCP and UDP" : "TCP", clients);
     if (udp || !udp_is_wanted)
         return;
     const int error = port_error(SOCK_DGRAM);
@@ -190,25 +191,56 @@ size_t quota(const Options &options, int32_t asked, int32_t there_is)
 
 Quotas::Limits quotas_of(const Options &options)
 {
+    // What the standard profile has room for, unless a host says otherwise.
+    constexpr int32_t kStandardRoom = 100000;
+    const auto        room          = [&](int32_t native) { return options.standard ? kStandardRoom : native; };
     return {quota(options, options.quota_connections, options.max_clients),
-            quota(options, options.quota_ids, CLIENT_MAX),
-            quota(options, options.quota_sessions, SUB_CAPACITY),
-            quota(options, options.quota_subscriptions, SUB_CAPACITY),
-            quota(options, options.quota_retained, RETAIN_CAPACITY),
+            quota(options, options.quota_ids, room(CLIENT_MAX)),
+            quota(options, options.quota_sessions, room(SUB_CAPACITY)),
+            quota(options, options.quota_subscriptions, room(SUB_CAPACITY)),
+            quota(options, options.quota_retained, room(RETAIN_CAPACITY)),
             quota(options, options.quota_wills, options.max_clients)};
+}
+
+Ids online_ids()
+{
+    std::vector<std::string> ids = online_id_pieces();
+    return Ids{std::make_move_iterator(ids.begin()), std::make_move_iterator(ids.end())};
 }
 
 Holdings library_holdings()
 {
-    return {.subscriber_ids  = subscriber_ids,
-            .retained_topics = retained_topics,
-            .online =
-                [] {
-                    std::vector<std::string> ids = online_id_pieces();
-                    return Ids{std::make_move_iterator(ids.begin()), std::make_move_iterator(ids.end())};
-                },
-            .has_session = has_saved_session,
-            .holds_will  = holds_will};
+    if (g_serves_standard)
+        return {.subscriber_ids   = {},
+                .subscriptions_of = subscriptions_of,
+                .retained_topics  = retained_topics,
+                .online           = online_ids,
+                .has_session      = session_is_kept,
+                .holds_will       = [](const WillHolder &holder) { return has_will(std::get<std::string>(holder)); }};
+    return {.subscriber_ids   = subscriber_ids,
+            .subscriptions_of = {},
+            .retained_topics  = retained_topics,
+            .online           = online_ids,
+            .has_session      = has_saved_session,
+            .holds_will       = [](const WillHolder &holder) { return holds_will(std::get<const void *>(holder)); }};
+}
+
+// A connection without CONNECT is closed as natively, but by the library.
+int32_t choose_standard(broker_t *broker, const Options &options)
+{
+    const int32_t within_s = options.connect_s > 0 ? options.connect_s : options.keepalive_s;
+    if (const int32_t code = tarn_sdk_mqtt_broker_set_profile(broker, TARN_PROFILE_STANDARD); code != TARN_OK)
+        return code;
+    return tarn_sdk_mqtt_broker_set_limit(broker, TARN_LIMIT_CONNECT_TIMEOUT, static_cast<uint64_t>(within_s) * 1000);
+}
+
+int32_t configure(broker_t *broker, const Options &options)
+{
+    tarn_sdk_mqtt_broker_set_log_level(broker, options.level()); // again, since init sets it back
+    tarn_sdk_mqtt_broker_set_keepalive_timeout(broker, options.keepalive_s);
+    if (options.has_packet_size || !options.standard)
+        tarn_sdk_mqtt_broker_set_max_packet_size(broker, options.max_packet_size);
+    return options.standard ? choose_standard(broker, options) : TARN_OK;
 }
 
 int32_t start(broker_t *broker, const Options &options, Access &access, Quotas &quotas, RefusalLog &refusals)
@@ -216,15 +248,14 @@ int32_t start(broker_t *broker, const Options &options, Access &access, Quotas &
     tarn_sdk_mqtt_broker_init(broker);
     if (!has_tables())
         return TARN_E_RESOURCE;
-    tarn_sdk_mqtt_broker_set_log_level(broker, options.level()); // again, since init sets it back
-    tarn_sdk_mqtt_broker_set_keepalive_timeout(broker, options.keepalive_s);
-    tarn_sdk_mqtt_broker_set_max_packet_size(broker, options.max_packet_size);
+    if (const int32_t code = configure(broker, options); code != TARN_OK)
+        return code;
     guard(broker, access, quotas, access.is_wanted() || options.quotas, [&](const Refusal &refusal) {
         refusals.report(refusal);
         write_refusal(refusal);
     });
     std::optional<HeldUdpPort> held_port;
-    if (!options.udp)
+    if (!options.udp && !options.standard)
         held_port.emplace();
     const int32_t code = tarn_sdk_mqtt_broker_start(broker, kPort, options.max_clients);
     guard_connections();
@@ -273,12 +304,14 @@ void keep_house(Loop &loop, broker_t *broker, const Options &options, Access &ac
 {
     loop.every(kGuardPeriod, [&access, &quotas, broker] { guard_turn(broker, access, quotas); });
     loop.every(RefusalLog::kPeriod, [&refusals] { refusals.end_period(); });
-    if (options.connect_s > 0)
+    if (options.connect_s > 0 && !options.standard)
         loop.every(kSilencePeriod,
                    [limit_ms = int64_t{options.connect_s} * 1000] { close_silent_connections(now_ms(), limit_ms); });
     if (options.udp)
         log_when_udp_closes(loop);
     loop.every(kShortagePeriod, tell_shortages);
+    if (options.standard) // its own journal is not what the native files are
+        return;
     loop.every(DiskWatch::kPeriod, [&disk] {
         if (const std::string news = disk.look(); !news.empty())
             fprintf(stderr, "tarn-broker: %s\n", news.c_str());
@@ -289,10 +322,13 @@ void keep_house(Loop &loop, broker_t *broker, const Options &options, Access &ac
 
 ExitStatus serve(const Options &options)
 {
+    g_serves_standard = options.standard;
     umask(077);         // files hold what clients sent: only this user may read them
     DataDirectory data; // locked until all else is gone
     Access        access(options.user_file, options.acl_file, options.password_wait_s);
-    Loop          loop;
+    if (options.standard)
+        access.keep_owners_in("broker_data/standard_owners", session_is_kept);
+    Loop loop;
     end_on_signals(loop);
     reload_on_signal(loop, access);
     raise_descriptor_limit();
@@ -324,7 +360,8 @@ ExitStatus serve(const Options &options)
     if (code == TARN_OK) {
         served = unless_short([&] { // before it says that it serves: after that nothing may end it
             keep_house(loop, broker, options, access, quotas, refusals, disk);
-            watch_records(loop, options, used_up);
+            if (!options.standard) // whose wills leave no records behind
+                watch_records(loop, options, used_up);
             attachments.serve(broker);
         });
         if (served) {

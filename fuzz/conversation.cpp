@@ -6,14 +6,14 @@
 #include "api/broker.h"
 #include "base/mutex.h"
 #include "client/client_internal.h"
-#include "data_directory.h"
 #include "handler/packet_handler.h"
+#include "memory_files.h"
 #include "net/netip_internal.h"
+#include "promise.h"
 #include "qos/qos_reliable.h"
 #include "sub/retain.h"
 #include "sub/sub.h"
 
-#include <dirent.h>
 #include <sanitizer/lsan_interface.h>
 #include <ctime>
 #include <span>
@@ -37,10 +37,6 @@ extern "C" int __wrap_clock_gettime(clockid_t, timespec *now)
 extern "C" int __wrap_gettimeofday(timeval *now, void *)
 {
     *now = {static_cast<time_t>(g_now_ms / 1000), static_cast<suseconds_t>(g_now_ms % 1000 * 1000)};
-    return 0;
-}
-extern "C" int __wrap_fsync(int)
-{
     return 0;
 }
 extern "C" time_t __wrap_time(time_t *now)
@@ -170,19 +166,6 @@ void check_tables()
     PROMISE(g_sub_mgr.retain_count >= 0 && g_sub_mgr.retain_count <= RETAIN_CAPACITY);
 }
 
-void remove_files()
-{
-    remove_file("retain.dat");
-    for (const char *name : {"session", "subscription", "message"}) {
-        DIR *const directory = opendir(path_of(name).c_str());
-        PROMISE(directory);
-        while (const dirent *const entry = readdir(directory))
-            if (entry->d_name[0] != '.' || entry->d_name[1] > '.')
-                unlinkat(dirfd(directory), entry->d_name, 0);
-        closedir(directory);
-    }
-}
-
 // A conversation leaves nothing behind but records of clients whose wills were published at once. Taking the manager
 // down and up takes longer than most conversations.
 void begin_anew()
@@ -207,7 +190,6 @@ void begin_anew()
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     enter_data_directory();
-    atexit(remove_files);
     format_all_lines();
     return 0;
 }

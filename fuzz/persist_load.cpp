@@ -1,9 +1,12 @@
 // persist_load.cpp - any bytes as one of a client's three files: loaded, written again and loaded once more.
 //
 // input:  which:u8  file      which: 0 session, 1 subscription, 2 message (modulo 3)
-#include "data_directory.h"
+#include "memory_files.h"
 #include "persist/persist.h"
 #include "promise.h"
+
+#include <cstddef>
+#include <string>
 
 using namespace tarn::fuzz;
 
@@ -11,23 +14,39 @@ namespace {
 
 constexpr const char *kFiles[] = {"session/id.json", "subscription/id.json", "message/id.json"};
 
-persist_session_t g_first, g_again; // 150 KB each: made anew for each input they would take most of the time
+persist_session_t g_first, g_again;
+
+template <class Entry> bool is_untouched(const Entry &entry)
+{
+    static const std::string all(sizeof entry, '\xEE');
+    return memcmp(&entry, all.data(), sizeof entry) == 0;
+}
+
+// All 0xEE but the counts. Of its 150 KB only what the last load wrote is written again, which is behind no count.
+void clear(persist_session_t &record)
+{
+    memset(static_cast<void *>(&record), 0xEE, offsetof(persist_session_t, subs));
+    memset(static_cast<void *>(record.subs), 0xEE, sizeof record.subs[0] * static_cast<size_t>(record.sub_count));
+    memset(static_cast<void *>(record.msgs), 0xEE, sizeof record.msgs[0] * static_cast<size_t>(record.msg_count));
+    record.sub_count = record.msg_count = 0;
+}
 
 // Whatever the files hold, fields that no key names keep what they held.
 void load(persist_session_t &record)
 {
-    memset(static_cast<void *>(&record), 0xEE, sizeof record);
+    clear(record);
     memcpy(record.client_id, "id", 3);
     record.clean_session = 0;
-    record.sub_count = record.msg_count = 0;
     PROMISE(persist_load(&record) == 0);
     PROMISE(strcmp(record.client_id, "id") == 0 && record.clean_session == 0);
+    PROMISE(record.sub_count >= 0 && record.sub_count <= PERSIST_SUBS_MAX);
+    PROMISE(record.msg_count >= 0 && record.msg_count <= PERSIST_MSGS_MAX);
+    PROMISE(record.sub_count == PERSIST_SUBS_MAX || is_untouched(record.subs[record.sub_count]));
+    PROMISE(record.msg_count == PERSIST_MSGS_MAX || is_untouched(record.msgs[record.msg_count]));
 }
 
 void check(const persist_session_t &record)
 {
-    PROMISE(record.sub_count >= 0 && record.sub_count <= PERSIST_SUBS_MAX);
-    PROMISE(record.msg_count >= 0 && record.msg_count <= PERSIST_MSGS_MAX);
     for (int i = 0; i < record.sub_count; ++i)
         PROMISE(terminated(record.subs[i].topic));
     for (int i = 0; i < record.msg_count; ++i) {
@@ -74,6 +93,8 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     format_all_lines();
     enter_data_directory();
+    g_first.sub_count = g_again.sub_count = PERSIST_SUBS_MAX; // to be cleared as a whole
+    g_first.msg_count = g_again.msg_count = PERSIST_MSGS_MAX;
     return 0;
 }
 
@@ -82,8 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (size < 1)
         return 0;
     const uint8_t which = data[0] % 3;
-    for (const char *file : kFiles)
-        remove_file(file);
+    remove_files();
     write_file(kFiles[which], data + 1, size - 1);
 
     load(g_first);

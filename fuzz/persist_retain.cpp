@@ -2,7 +2,7 @@
 //
 // input:  the file, in which a record of 2336 bytes is shortened to what the fuzzer changes:
 //         count:u32  { topic:257  payload_len:u32  qos:u32  store_time:i64  expiry_interval:u32 }...  rest
-#include "data_directory.h"
+#include "memory_files.h"
 #include "persist/persist.h"
 #include "promise.h"
 #include "sub/retain.h"

@@ -90,7 +90,7 @@ enum {
     TARN_E_INIT        = -1, /* kept for the host, never returned */
     TARN_E_PARAM       = -2, /* a null instance, a null pointer, a number out of range */
     TARN_E_RESOURCE    = -3, /* too little memory, too few descriptors or threads, or the port is taken */
-    TARN_E_NOT_RUNNING = -4, /* from publish alone, in the standard profile */
+    TARN_E_NOT_RUNNING = -4, /* the standard profile does not serve */
     TARN_E_NOT_FOUND   = -5, /* no such client, no such topic */
     TARN_E_DENIED      = -6, /* the client belongs to another instance */
     TARN_E_BUSY        = -7, /* not while the broker runs */
@@ -122,7 +122,7 @@ enum {
     TARN_LIMIT_RECEIVE_MAXIMUM        = 6, /* its publications at QoS 2 that may be open, 1..65535; 1000 */
     TARN_LIMIT_SESSION_EXPIRY         = 7, /* s that its session outlives its connection; 4294967295 = for ever */
     /* of all clients */
-    TARN_LIMIT_SESSIONS          = 8,  /* of clients that are away; 100000 */
+    TARN_LIMIT_SESSIONS          = 8,  /* of clients that are connected or away, 1 or more; 100000 */
     TARN_LIMIT_RETAINED_MESSAGES = 9,  /* 100000 */
     TARN_LIMIT_RETAINED_BYTES    = 10, /* of them, 0..2^40; 256 MiB */
     TARN_LIMIT_CONNECT_TIMEOUT   = 11  /* ms in which a new connection has to say CONNECT, 100..3600000; 30000 */
@@ -200,6 +200,14 @@ typedef struct {
     uint8_t  online;       /* flag */
     uint32_t idle_seconds; /* since its last packet */
 } tarn_sdk_mqtt_client_info_t;
+
+/* What get_session_info tells. */
+typedef struct {
+    uint32_t subscriptions;
+    uint8_t  online;   /* flag */
+    uint8_t  kept;     /* flag: it outlives its connection, or has outlived it */
+    uint8_t  has_will; /* flag: a will that is published when the connection ends, or after its delay */
+} tarn_sdk_mqtt_session_info_t;
 
 /* What get_stats tells. */
 typedef struct {
@@ -386,6 +394,20 @@ int32_t tarn_sdk_mqtt_broker_get_client_id_list(broker_t *broker, char *buf, int
  */
 int32_t tarn_sdk_mqtt_broker_get_client_info(broker_t *broker, const char *client_id,
                                              tarn_sdk_mqtt_client_info_t *info);
+
+/*
+ * Describes the session of a client that is connected or away, in the standard profile.
+ *
+ *   broker     not used, may be null
+ *   client_id  as in the list of clients
+ *   info       gets the description; untouched unless the result is TARN_OK
+ *   returns    TARN_OK
+ *              TARN_E_PARAM        a null client_id or info
+ *              TARN_E_NOT_FOUND    it has none
+ *              TARN_E_NOT_RUNNING  the standard profile does not serve
+ */
+int32_t tarn_sdk_mqtt_broker_get_session_info(broker_t *broker, const char *client_id,
+                                              tarn_sdk_mqtt_session_info_t *info);
 
 /*
  * Reads the counters.

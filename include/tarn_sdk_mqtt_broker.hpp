@@ -35,7 +35,7 @@ enum class Result : int32_t {
     InitFailed       = TARN_E_INIT, /* never returned */
     InvalidParameter = TARN_E_PARAM,
     ResourceError    = TARN_E_RESOURCE,
-    NotRunning       = TARN_E_NOT_RUNNING, /* from publish alone, in the standard profile */
+    NotRunning       = TARN_E_NOT_RUNNING, /* the standard profile does not serve */
     NotFound         = TARN_E_NOT_FOUND,
     Denied           = TARN_E_DENIED,
     Busy             = TARN_E_BUSY,
@@ -87,8 +87,9 @@ enum class Limit : uint32_t {
 
 enum class LogLevel : uint32_t { Debug, Info, Warn, Error, Fatal };
 
-using ClientInfo = tarn_sdk_mqtt_client_info_t;
-using Stats      = tarn_sdk_mqtt_broker_stats_t;
+using ClientInfo  = tarn_sdk_mqtt_client_info_t;
+using SessionInfo = tarn_sdk_mqtt_session_info_t;
+using Stats       = tarn_sdk_mqtt_broker_stats_t;
 
 struct PublishOptions {
     uint32_t qos      = 0;
@@ -403,6 +404,11 @@ public:
     Result client_info(const char *client_id, ClientInfo &info) const noexcept
     {
         return Result{tarn_sdk_mqtt_broker_get_client_info(broker_, client_id, &info)};
+    }
+
+    Result session_info(const char *client_id, SessionInfo &info) const noexcept
+    {
+        return Result{tarn_sdk_mqtt_broker_get_session_info(broker_, client_id, &info)};
     }
 
     Stats stats() const noexcept

@@ -13,8 +13,6 @@
 namespace tarn::broker {
 namespace {
 
-constexpr const char *kOwnersFile = "broker_data/owners";
-
 // The form of the ids that the library chooses.
 bool is_chosen_id(std::string_view client_id)
 {
@@ -210,19 +208,25 @@ std::vector<std::string> Access::ids_of_removed_users() const
     return bindings_.ids_where([&](const std::string &user) { return !now.users->has(user); });
 }
 
+void Access::keep_owners_in(std::string file, Bindings::IsSaved is_saved)
+{
+    owners_file_ = std::move(file);
+    is_saved_    = std::move(is_saved);
+}
+
 void Access::sweep(const Ids &online)
 {
-    bindings_.sweep(online, has_saved_session);
+    bindings_.sweep(online, is_saved_);
 }
 
 Mistake Access::restore_owners()
 {
     std::string text;
-    if (!asks_for_users() || access(kOwnersFile, F_OK) != 0)
+    if (!asks_for_users() || access(owners_file_.c_str(), F_OK) != 0)
         return {};
-    if (Mistake mistake = read_file(kOwnersFile, text); !mistake.empty())
+    if (Mistake mistake = read_file(owners_file_, text); !mistake.empty())
         return mistake;
-    return bindings_.restore(kOwnersFile, text, has_saved_session);
+    return bindings_.restore(owners_file_, text, is_saved_);
 }
 
 Mistake Access::save_owners()
@@ -233,7 +237,7 @@ Mistake Access::save_owners()
             return {};
         --saves_due_;
     }
-    Mistake mistake = replace_file(kOwnersFile, bindings_.to_text(has_saved_session));
+    Mistake mistake = replace_file(owners_file_, bindings_.to_text(is_saved_));
     if (!mistake.empty()) {
         const std::lock_guard lock(mutex_);
         saves_due_ = std::max(saves_due_, 1);

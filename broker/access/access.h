@@ -67,6 +67,9 @@ public:
     // Called every few seconds with the ids that are online.
     void sweep(const Ids &online);
 
+    // In the place of the files of the native profile. Before the next two, and before there are threads.
+    void keep_owners_in(std::string file, Bindings::IsSaved is_saved);
+
     // Whose the saved sessions are, kept beside them. Saves when there may be something new.
     Mistake restore_owners();
     Mistake save_owners();
@@ -84,6 +87,8 @@ private:
 
     const std::string  user_file_;
     const std::string  acl_file_;
+    std::string        owners_file_ = "broker_data/owners";
+    Bindings::IsSaved  is_saved_    = has_saved_session;
     mutable std::mutex mutex_;
     Files              files_;         // under mutex_
     int                saves_due_ = 0; // under mutex_

@@ -154,24 +154,52 @@ std::optional<ConnectWill> find_will(std::span<const uint8_t> packet)
     return will;
 }
 
-// At 3.1.1 what is not clean is kept; at 5.0 what has an expiry interval, and what continues a session.
-bool keeps_session(std::span<const uint8_t> packet)
+namespace {
+
+// Where the flags of a CONNECT stand, 0 when it is none or too short. Cuts the packet.
+size_t flags_of_connect(std::span<const uint8_t> &packet)
 {
     if (packet.empty() || packet[0] != kConnect)
-        return false;
-    const size_t flags = cut_to_packet(packet) + kFlagsAfter;
-    if (flags == kFlagsAfter || packet.size() <= flags)
-        return false;
-    if ((packet[flags] & kCleanFlag) == 0)
-        return true;
-    if (packet[flags - 1] != 5)
-        return false;
+        return 0;
+    const size_t body = cut_to_packet(packet);
+    return body != 0 && packet.size() > body + kFlagsAfter ? body + kFlagsAfter : 0;
+}
+
+bool has_expiry_interval(std::span<const uint8_t> packet, size_t flags)
+{
     Reader in(packet, flags + 1);
     in.u16(); // the keep-alive
     const size_t begin = in.at();
     if (in.failed() || !in.skip_properties())
         return false;
     return expiry_interval(packet.subspan(begin, in.at() - begin)) != 0;
+}
+
+} // namespace
+
+// At 3.1.1 what is not clean is kept; at 5.0 what has an expiry interval, and what continues a session.
+bool keeps_session(std::span<const uint8_t> packet)
+{
+    const size_t flags = flags_of_connect(packet);
+    if (flags == 0)
+        return false;
+    if ((packet[flags] & kCleanFlag) == 0)
+        return true;
+    return packet[flags - 1] == 5 && has_expiry_interval(packet, flags);
+}
+
+bool keeps_standard_session(std::span<const uint8_t> packet)
+{
+    const size_t flags = flags_of_connect(packet);
+    if (flags == 0)
+        return false;
+    return packet[flags - 1] == 5 ? has_expiry_interval(packet, flags) : (packet[flags] & kCleanFlag) == 0;
+}
+
+bool leaves_standard_will(std::span<const uint8_t> packet)
+{
+    const size_t flags = flags_of_connect(packet);
+    return flags != 0 && (packet[flags] & kWillFlag) != 0;
 }
 
 std::vector<uint8_t> without_will(std::span<const uint8_t> packet, const ConnectWill &will)

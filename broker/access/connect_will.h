@@ -28,6 +28,11 @@ std::optional<ConnectWill> find_will(std::span<const uint8_t> packet);
 // Whether it is a CONNECT that asks for its session to outlive the connection.
 bool keeps_session(std::span<const uint8_t> packet);
 
+// The same of a packet of the standard profile, and whether it is a CONNECT that leaves a will. One that is refused may
+// read either way.
+bool keeps_standard_session(std::span<const uint8_t> packet);
+bool leaves_standard_will(std::span<const uint8_t> packet);
+
 // The same CONNECT without its will.
 std::vector<uint8_t> without_will(std::span<const uint8_t> packet, const ConnectWill &will);
 

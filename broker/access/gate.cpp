@@ -43,6 +43,10 @@ constexpr uint8_t kPublish = 0x30, kRetain = 0x01, kTypeBits = 0xF0;
 
 std::optional<DroppedWill> judge(uint32_t handle, std::span<const uint8_t> packet)
 {
+    if (!g_keeper.judge_will) {
+        t_packet.leaves_will = leaves_standard_will(packet);
+        return {};
+    }
     std::optional<ConnectWill> will = find_will(packet);
     const char *const          why  = will ? g_keeper.judge_will(handle, *will) : nullptr;
     t_packet.leaves_will            = will && !why;
@@ -70,8 +74,9 @@ uint8_t on_network_event(uint32_t handle, uint32_t event, const uint8_t *data, u
     const UnderWay       packet(handle);
     std::vector<uint8_t> stripped;
     const auto           dropped = judge(handle, {data, length});
-    t_packet.keeps_session       = keeps_session({data, length});
-    t_packet.is_retained         = (data[0] & (kTypeBits | kRetain)) == (kPublish | kRetain);
+    t_packet.keeps_session =
+        g_keeper.judge_will ? keeps_session({data, length}) : keeps_standard_session({data, length});
+    t_packet.is_retained = (data[0] & (kTypeBits | kRetain)) == (kPublish | kRetain);
     if (dropped) {
         stripped         = without_will({data, length}, dropped->will);
         data             = stripped.data();

@@ -18,7 +18,7 @@ struct DroppedWill {
 
 struct GateKeeper {
     // Why the will must go, null when it may stay. Called before the library sees the packet, so also before it asks for
-    // the password.
+    // the password. Null: the library serves the standard profile, and asks for wills itself.
     const char *(*judge_will)(uint32_t handle, const ConnectWill &will);
 
     void (*opened)(uint32_t handle); // a connection; it may be closed from here

@@ -3,6 +3,7 @@
 #include "../connections.h"
 #include "../event_hub.h"
 #include "../event_text.h"
+#include "../profile.h"
 #include "../query.h"
 #include "../shortage.h"
 #include "gate.h"
@@ -83,7 +84,7 @@ Verdict fits_quotas(const std::string &client_id, const char *user)
     const std::string owner  = g_access->asks_for_users() ? user : "";
     if (const char *const why = g_quotas->connect(handle, owner, id, packet_keeps_session(), now_ms()))
         return {why};
-    if (packet_leaves_will())
+    if (packet_leaves_will() && !g_serves_standard)
         if (const mqtt_client_t *const client = client_find_by_handle(handle))
             g_quotas->leave_will(handle, client, now_ms());
     return {};
@@ -146,8 +147,26 @@ Verdict judge_subscription(const char *client_id, const char *filter)
     return {g_quotas->subscribe(packet_handle(), client_id, now_ms())};
 }
 
+// The library asks during CONNECT, once the login is accepted, and refuses the client with its will.
+bool leaves_standard_will(const std::string &client_id, const std::string &topic)
+{
+    const std::string user = *t_user_without_id != '\0' ? t_user_without_id : g_access->user_of(client_id);
+    Verdict           verdict;
+    if (g_access->is_wanted())
+        verdict = g_access->may_leave_will(client_id, user, topic);
+    if (verdict)
+        verdict = {g_quotas->may_leave_will(packet_handle(), user, now_ms())};
+    if (verdict)
+        g_quotas->leave_will(packet_handle(), client_id, now_ms());
+    else
+        g_tell({Refusal::Login, user, client_id, peer_address(), "", std::string("its will: ") + verdict.why_not});
+    return static_cast<bool>(verdict);
+}
+
 bool on_acl(broker_t * /*broker*/, const char *client_id, const char *topic, uint8_t action, mqtt_client_t * /*client*/)
 {
+    if (g_serves_standard && packet_leaves_will())
+        return leaves_standard_will(client_id, topic);
     const bool    publishes = action == BROKER_ACL_PUBLISH;
     const Verdict verdict   = publishes ? judge_publication(client_id, topic) : judge_subscription(client_id, topic);
     if (!verdict)
@@ -195,7 +214,7 @@ void guard(broker_t *broker, Access &access, Quotas &quotas, bool asks, TellRefu
 
 void guard_connections()
 {
-    install_gate({.judge_will = judge_will, .opened = on_opened, .closed = on_closed});
+    install_gate({.judge_will = g_serves_standard ? nullptr : judge_will, .opened = on_opened, .closed = on_closed});
 }
 
 void guard_turn(broker_t *broker, Access &access, Quotas &quotas)

@@ -120,15 +120,15 @@ const char *Quotas::may_leave_will(uint32_t handle, const std::string &user, int
     return found == connections_.end() ? nullptr : fits(Quota::Wills, owner_of(user, found->second.address), now_ms);
 }
 
-void Quotas::leave_will(uint32_t handle, const void *record, int64_t now_ms)
+void Quotas::leave_will(uint32_t handle, const WillHolder &holder, int64_t now_ms)
 {
     const std::lock_guard lock(mutex_);
     const auto            found = connections_.find(handle);
     if (found == connections_.end())
         return;
-    if (const auto before = wills_.find(record); before != wills_.end())
+    if (const auto before = wills_.find(holder); before != wills_.end())
         remove(Quota::Wills, before->second.owner);
-    wills_[record] = {found->second.owner, now_ms};
+    wills_[holder] = {found->second.owner, now_ms};
     add(Quota::Wills, found->second.owner);
 }
 
@@ -239,6 +239,13 @@ void Quotas::clear(Quota quota)
 
 void Quotas::count_subscriptions()
 {
+    if (holdings_.subscriptions_of) {
+        clear(Quota::Subscriptions);
+        for (const auto &[client_id, id] : ids_)
+            if (const size_t count = holdings_.subscriptions_of(client_id); count > 0)
+                counts_[id.owner][place(Quota::Subscriptions)] += count;
+        return;
+    }
     const std::vector<std::string> subscribers = holdings_.subscriber_ids();
     clear(Quota::Subscriptions);
     for (const std::string &client_id : subscribers)
@@ -258,9 +265,10 @@ void Quotas::count_topics()
 
 void Quotas::count_ids(int64_t now_ms)
 {
-    const Ids                      online      = holdings_.online();
-    const std::vector<std::string> subscribers = holdings_.subscriber_ids();
-    const std::set<std::string>    subscribed(subscribers.begin(), subscribers.end());
+    const Ids                      online = holdings_.online();
+    const std::vector<std::string> subscribers =
+        holdings_.subscriber_ids ? holdings_.subscriber_ids() : std::vector<std::string>();
+    const std::set<std::string> subscribed(subscribers.begin(), subscribers.end());
     for (auto at = ids_.begin(); at != ids_.end();) {
         auto &[client_id, id] = *at;
         if (now_ms - id.since_ms >= kYoung_ms && !is_online(online, client_id)) {

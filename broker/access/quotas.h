@@ -13,9 +13,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <variant>
 #include <vector>
 
 namespace tarn::broker {
@@ -23,13 +25,17 @@ namespace tarn::broker {
 enum class Quota { Connections, ClientIds, Sessions, Subscriptions, Retained, Wills };
 constexpr size_t kQuotas = 6;
 
-// What the library holds at the moment.
+// Who has a will: the record of a client, or in the standard profile, where records are used again sooner, its id.
+using WillHolder = std::variant<const void *, std::string>;
+
+// What the library holds at the moment. Subscriptions are told in one way or the other.
 struct Holdings {
-    std::function<std::vector<std::string>()>         subscriber_ids; // one for each subscription
-    std::function<std::vector<std::string>()>         retained_topics;
-    std::function<Ids()>                              online;      // as the library lists them
-    std::function<bool(const std::string &client_id)> has_session; // saved
-    std::function<bool(const void *record)>           holds_will;  // a record of a client
+    std::function<std::vector<std::string>()>           subscriber_ids;   // one for each subscription
+    std::function<size_t(const std::string &client_id)> subscriptions_of; // none without a session
+    std::function<std::vector<std::string>()>           retained_topics;
+    std::function<Ids()>                                online;      // as the library lists them
+    std::function<bool(const std::string &client_id)>   has_session; // saved
+    std::function<bool(const WillHolder &holder)>       holds_will;
 };
 
 class Quotas {
@@ -45,7 +51,7 @@ public:
     const char *connect(uint32_t handle, const std::string &user, const std::string &client_id, bool keeps_session,
                         int64_t now_ms);
     const char *may_leave_will(uint32_t handle, const std::string &user, int64_t now_ms);
-    void        leave_will(uint32_t handle, const void *record, int64_t now_ms); // of one that connect() let through
+    void leave_will(uint32_t handle, const WillHolder &holder, int64_t now_ms); // of one that connect() let through
     const char *subscribe(uint32_t handle, const std::string &client_id, int64_t now_ms);
     const char *publish_retained(uint32_t handle, const std::string &topic, int64_t now_ms);
 
@@ -89,7 +95,7 @@ private:
     std::unordered_map<uint32_t, Connection>     connections_;
     std::unordered_map<std::string, Id>          ids_;
     std::unordered_map<std::string, std::string> topics_; // whose each is
-    std::unordered_map<const void *, Will>       wills_;
+    std::map<WillHolder, Will>                   wills_;
     std::array<int64_t, kQuotas>                 counted_ms_{}; // when each was last counted anew
 };
 

@@ -1,5 +1,6 @@
 #include "commands.h"
 
+#include "../profile.h"
 #include "../query.h"
 #include "../text.h"
 
@@ -100,7 +101,9 @@ void list_retained(broker_t * /*broker*/, const Arguments & /*none*/, Answer &an
 {
     for (const std::string &topic : retained_topics()) {
         retain_msg_t message;
-        if (retain_msg_get(topic.c_str(), &message) == 0)
+        if (g_serves_standard)
+            answer.line(quote_word(topic));
+        else if (retain_msg_get(topic.c_str(), &message) == 0)
             answer.line(quote_word(topic) + " qos " + std::to_string(message.qos) + " bytes " +
                         std::to_string(message.payload_len) + " age " +
                         std::to_string(std::max<int64_t>(time(nullptr) - message.store_time, 0)));

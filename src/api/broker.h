@@ -68,6 +68,7 @@ TARN_LAYOUT_SIZE(tarn_sdk_mqtt_client_info_t, 204);
 TARN_LAYOUT_OFFSET(tarn_sdk_mqtt_client_info_t, port, 192);
 TARN_LAYOUT_OFFSET(tarn_sdk_mqtt_client_info_t, online, 196);
 TARN_LAYOUT_OFFSET(tarn_sdk_mqtt_client_info_t, idle_seconds, 200);
+TARN_LAYOUT_SIZE(tarn_sdk_mqtt_session_info_t, 8);
 TARN_LAYOUT_SIZE(tarn_sdk_mqtt_broker_stats_t, 16);
 
 #endif

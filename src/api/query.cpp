@@ -97,6 +97,23 @@ int32_t tarn_sdk_mqtt_broker_get_client_info(broker_t *broker, const char *clien
     return TARN_OK;
 }
 
+int32_t tarn_sdk_mqtt_broker_get_session_info(broker_t * /*unused*/, const char *client_id,
+                                              tarn_sdk_mqtt_session_info_t *info)
+{
+    if (!client_id || !info)
+        return TARN_E_PARAM;
+    if (!standard::is_on())
+        return TARN_E_NOT_RUNNING;
+    standard::SessionInfo session;
+    if (!standard::describe_session(client_id, session))
+        return TARN_E_NOT_FOUND;
+    *info = {.subscriptions = static_cast<uint32_t>(session.subscriptions),
+             .online        = session.is_online,
+             .kept          = session.is_kept,
+             .has_will      = session.has_will};
+    return TARN_OK;
+}
+
 int32_t tarn_sdk_mqtt_broker_get_stats(broker_t * /*unused*/, tarn_sdk_mqtt_broker_stats_t *stats)
 {
     if (!stats)

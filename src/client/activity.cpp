@@ -11,6 +11,7 @@ void log_wrong_keepalive(uint32_t handle, int state) noexcept
 
 // QUIRK(keepalive-zero): a keep-alive of 0 becomes 60 s and the client is closed after 90 s of silence, where MQTT
 // turns the mechanism off [MQTT 5.0 3.1.2.10]. Dead connections must not hold their record for ever.
+//   standard profile: lifted (keep-alive)
 //   test: keepalive.zero_becomes_sixty_seconds
 void set_keepalive(mqtt_client_t &client, uint16_t seconds) noexcept
 {
@@ -34,6 +35,7 @@ void set_keepalive(mqtt_client_t &client, uint16_t seconds) noexcept
 // that vanished without a word is not closed after its keep-alive [MQTT-3.1.2-22] while messages go on coming for it,
 // and its will waits. It is closed when the messages pause, when its queue and its socket are full, or when TCP gives
 // it up. A will that must come in time belongs to a client that subscribes to nothing, or to little.
+//   standard profile: lifted (keep-alive)
 //   test: client_send.counts_as_activity
 void note_active(mqtt_client_t &client) noexcept
 {

@@ -17,6 +17,7 @@ namespace {
 // [MQTT-4.1.0-2]: the deadline is written to its file, but nobody ends what is past it. Subscriptions and messages
 // wait until the client comes back, over restarts too. To end such a session, connect with its id, a clean start and no
 // expiry interval and disconnect, or remove its files in broker_data while the broker is stopped.
+//   standard profile: lifted (sessions)
 //   test: connect.v5_session_does_not_expire_while_its_client_is_away
 void keep_session_until(mqtt_client_t &client, const client_id_text &id, uint32_t interval_s)
 {
@@ -38,11 +39,13 @@ void keep_session_until(mqtt_client_t &client, const client_id_text &id, uint32_
 // DISCONNECT it stays, without a deadline. What is lost are the files: the client finds no session present, and its
 // subscriptions work on until the broker ends, but are gone after a restart. A client that may drop subscribes after
 // every CONNECT, or speaks 5.0 with an expiry interval.
+//   standard profile: lifted (sessions): a limit bounds how long it waits, for ever by default
 //   test: Close.a_dropped_v4_session_is_deleted_at_once,
 //   connect.v4_subscriptions_of_a_dropped_session_last_until_the_broker_ends
 
 // QUIRK(clean-start-without-expiry): a 5.0 client that starts clean gets no deadline and its session is not saved,
 // whatever expiry interval it gave [MQTT-3.1.2-23 of 5.0]. Clean stands for the whole session here, as in 3.1.1.
+//   standard profile: lifted (sessions)
 //   test: Close.a_clean_session_has_no_deadline
 void save_or_delete_session(mqtt_client_t &client, const client_id_text &id)
 {
@@ -58,6 +61,7 @@ void save_or_delete_session(mqtt_client_t &client, const client_id_text &id)
 
 // QUIRK(will-after-timeout): the will of a client that the keep-alive scan closes starts even if the client has said
 // DISCONNECT [MQTT-3.14.4-3].
+//   standard profile: lifted (wills)
 //   test: Close.a_timed_out_client_starts_its_will_whatever_it_said
 bool will_is_due(mqtt_client_t &client)
 {
@@ -68,6 +72,7 @@ bool will_is_due(mqtt_client_t &client)
 
 // QUIRK(will-outlives-session): a delayed will waits for its delay even if the session ends before, as it does at once
 // with an expiry interval of 0 [MQTT-3.1.2-8 of 5.0]. Session and will end independently.
+//   standard profile: lifted (wills)
 //   test: Close.a_will_waits_although_its_session_is_deleted
 void start_will(mqtt_client_t &client, const client_id_text &id)
 {
@@ -92,6 +97,7 @@ void give_back_ring_pages(mqtt_client_t &client)
 // ends, as if the will were still to come [MQTT-3.1.2-10]. When so many clients have gone like that, no new one is
 // taken: "Client pool full, max=%d". With a Will Delay Interval of a second or more (5.0) the place is free after the
 // delay; else make max_clients large enough for the clients and all the wills between two restarts.
+//   standard profile: lifted (wills)
 //   test: Close.a_will_without_delay_keeps_its_record_for_good, limits.a_published_will_keeps_the_place_of_its_client
 void go_offline_with_will(mqtt_client_t &client, const client_id_text &id)
 {
@@ -110,6 +116,7 @@ void go_offline_with_will(mqtt_client_t &client, const client_id_text &id)
 // leaves its subscriptions in the table, those of a clean session too, which should end with the connection
 // [MQTT-3.1.2-6 of 3.1.1, MQTT-4.1.0-2]. They take up room there, and work again for the next client that comes with
 // the id and without a clean session. A client with clean sessions should always ask for one, under an id of its own.
+//   standard profile: lifted (sessions)
 //   test: host.a_kicked_client_leaves_its_subscriptions, close_table.every_kind_of_client_every_way_and_every_will
 void go_offline_for_good(mqtt_client_t &client, const client_id_text &id)
 {

@@ -109,6 +109,7 @@ client_ref tarn::find_client_by_handle(uint32_t handle) noexcept
 // sensor-000 to sensor-999, or with three letters of which the first is a to k and the others a to z, which makes 7436.
 // It holds for all fixed texts but one in 400000, and within one of them; with two, or with numbers of different
 // length, look for it with the hash, which is 31 times what it was plus the next byte, modulo 2^32, then modulo 11000.
+//   standard profile: lifted (ids)
 //   test: find_by_cid.finds_of_two_ids_in_a_bucket_the_one_set_last,
 //   connect.of_two_ids_in_a_bucket_the_earlier_hears_nothing, client_hash.random_ids_share_buckets,
 //   client_hash.a_prefix_and_a_number_of_three_digits_have_a_bucket_of_their_own,
@@ -130,6 +131,7 @@ client_ref tarn::find_client_by_id(const char *client_id) noexcept
 // QUIRK(auto-client-id): an empty client id becomes "auto_" and the second of the wall clock, so two clients that come
 // in one second share an id, and only the later one is found by it. A server must assign a unique one [MQTT-3.1.3-6].
 // Hosts tell such clients by this form.
+//   standard profile: lifted (ids): "auto_" and a random number of 64 bits, which a 5.0 client is told
 //   test: client_id.two_empty_ids_within_a_second_are_one_id
 void tarn::client::take_id(mqtt_client_t &client, const char *client_id) noexcept
 {

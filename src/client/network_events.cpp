@@ -41,6 +41,8 @@ bool is_saved_behind()
 // its authentication callback, once it accepts the client, calls tarn_sdk_mqtt_broker_kick_client() with the id, which
 // at that moment is still the old connection's; in the event callback it would be the new one's. That publishes the old
 // connection's will and ends a saved 3.1.1 session.
+//   standard profile: lifted (ids): the old connection is closed before the new one is answered, and its end touches
+//   nothing more
 //   test: reconnect.the_old_connections_end_takes_the_subscriptions_of_the_new_one,
 //   reconnect.the_old_connections_end_takes_the_deliveries_of_the_new_one,
 //   reconnect.the_old_connections_end_takes_the_files_of_the_new_one,

@@ -42,6 +42,7 @@ bool is_waiting(mqtt_client_t &client)
 
 // QUIRK(overdue-will): a will that is late by more than 30 s, because the broker was stopped meanwhile, is dropped
 // [MQTT-3.1.2-8].
+//   standard profile: lifted (wills): of a session that is kept it is published after the start, however late
 //   test: WillScan.a_will_overdue_by_more_than_30_s_is_dropped
 bool is_overdue(mqtt_client_t &client, uint64_t now_ms)
 {

@@ -78,10 +78,12 @@ void free_will_texts(mqtt_client_t &client) noexcept
 
 // QUIRK(will-qos-3): a will QoS of 3 becomes 0 instead of ending the connection [MQTT-3.1.2-14 of 3.1.1, MQTT-3.1.2-12
 // of 5.0]. The will of such a device is worth more than its refusal.
+//   standard profile: lifted (strictness)
 //   test: set_will.lowers_a_qos_above_2_to_0
 
 // QUIRK(will-too-large): a will of more than 2048 bytes is left out and the client connected without it
 // [MQTT-3.1.2-7]. Records have a fixed size, and the line tells.
+//   standard profile: lifted (sizes)
 //   test: set_will.takes_2048_bytes_and_no_more
 void set_will(mqtt_client_t &client, const Will &asked) noexcept
 {

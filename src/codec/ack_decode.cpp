@@ -14,6 +14,7 @@ namespace {
 // QUIRK(ack-zero-property-length): a property length of 0 is not counted as consumed, against [MQTT 5.0 2.2.2.1]
 // (it is part of the packet); for SUBACK it becomes the first code. The encoder of this codec never writes the
 // byte.
+//   standard profile: lifted (wire)
 //   test: ack_decode.a_zero_property_length_is_not_consumed
 void skip_properties(Reader &in)
 {
@@ -35,11 +36,13 @@ void read_codes(Reader &in, mqtt_ack_para_t &para)
 //
 // QUIRK(ack-flags): the flags are not looked at, although those of PUBREL are fixed [MQTT-3.6.1-1] and all others
 // reserved [MQTT-2.1.3-1]: an acknowledgement that names its identifier is worth more than its flags.
+//   standard profile: lifted (strictness)
 //   test: ack_decode.does_not_look_at_the_flags
 //
 // QUIRK(ack-level-detection): the level follows from the length instead of from CONNECT [MQTT 5.0 3.1.2.2]. A 5.0
 // client that leaves out a reason code of 0 [MQTT 5.0 3.4.2.1] moves its context to 3.1.1, a 3.1.1 SUBACK with
 // codes reads as 5.0 with its first code as the reason.
+//   standard profile: lifted (wire)
 //   test: ack_decode.the_length_tells_the_level
 int codec::decode_ack(mqtt_codec_ctx_t *ctx, int type, const uint8_t *buf, int *buf_len, mqtt_ack_para_t *para) noexcept
 {

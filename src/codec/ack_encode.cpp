@@ -34,11 +34,13 @@ uint8_t first_byte(int type)
 // property length, which is legal for the four PUBxxx [MQTT 5.0 3.4.2.2.1]. UNSUBACK is built the same way although
 // [MQTT-3.11.3-1] wants properties and one code a filter: receivers of this broker know it as a plain
 // acknowledgement.
+//   standard profile: lifted (wire): UNSUBACK has a code for each filter
 //   test: ack_encode.unsuback_has_one_reason_code_at_5
 //
 // QUIRK(suback-third-byte): the third byte of a 5.0 SUBACK is 0 whatever the record's reason code says. It stands
 // where the property length belongs [MQTT 5.0 3.9.2.1], so a standard receiver reads "no properties" and then the
 // codes.
+//   standard profile: lifted (wire)
 //   test: ack_encode.suback_reason_code_is_forced_to_zero
 void put_reason(Writer &head, int type, const mqtt_ack_para_t &para)
 {
@@ -54,6 +56,7 @@ void put_reason(Writer &head, int type, const mqtt_ack_para_t &para)
 
 // QUIRK(suback-without-codes): a record without codes gives a SUBACK without codes, against [MQTT-3.9.3-1] (one for
 // each filter); how many there must be is known only to who fills the record.
+//   standard profile: stays: only hosts that call this exported encoder meet it
 //   test: ack_encode.suback_without_codes
 void put_codes(Writer &codes, uint32_t level, const mqtt_ack_para_t &para)
 {

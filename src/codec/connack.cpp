@@ -16,6 +16,7 @@ constexpr int kMinLevel4 = 4; // capacity of an encoder's buffer, and the shorte
 // QUIRK(connack-v5-properties): Receive Maximum and Maximum Packet Size are written even when 0, which the standard
 // calls a protocol error [MQTT 5.0 3.2.2.3.3] [MQTT 5.0 3.2.2.3.6], and session-present is not masked to one bit
 // [MQTT-3.2.2-1]. The reply has one fixed shape, filled from the record as it is.
+//   standard profile: lifted (wire)
 //   test: connack_encode.v5_always_has_thirteen_bytes
 void put_properties(Writer &body, const mqtt_connack_para_t &para)
 {
@@ -29,6 +30,7 @@ void put_properties(Writer &body, const mqtt_connack_para_t &para)
 
 // QUIRK(connack-v4-code): 3.1.1 never sees a refusal code; the code is written as 0 [MQTT 3.1.1 3.2.2.3] and the close
 // that follows tells the client. Kept as the codec's policy for every caller.
+//   standard profile: lifted (wire): where 3.1.1 has no code for the refusal, the connection ends without CONNACK
 //   test: connack_encode.v4_never_shows_a_refusal
 uint8_t shown_code(uint32_t level, const mqtt_connack_para_t &para)
 {
@@ -88,6 +90,7 @@ template <class T> void read_value(Reader &in, T &field)
 // QUIRK(connack-decode-properties): Session Expiry Interval is 0x10 here, 0x11 in the standard [MQTT 5.0 3.2.2.3.2],
 // and any property but these three is skipped as if a length stood before its value [MQTT 5.0 2.2.2.2], which
 // mis-steps over values of fixed size: the codec's one rule for unknown properties of unknown shape.
+//   standard profile: stays: a broker receives no CONNACK; hosts that call this exported decoder meet it
 //   test: connack_decode.unknown_properties_are_skipped_as_length_prefixed
 void read_property(Reader &in, int block_end, uint8_t id, mqtt_connack_para_t &para)
 {

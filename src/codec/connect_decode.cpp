@@ -6,6 +6,7 @@
 //
 // QUIRK(connect-text): no text is checked for well-formed UTF-8 or for NUL characters [MQTT-1.5.4-1] [MQTT-1.5.4-2].
 // Bytes are kept as they come, and a NUL ends the text for the readers of the record: the decoder judges lengths only.
+//   standard profile: lifted (strictness)
 //   test: connect_decode.texts_are_kept_byte_by_byte
 #include "codec_calls.h"
 #include "codec_internal.h"
@@ -43,6 +44,7 @@ int check_fixed_header(const uint8_t *buf, int input_len, FixedHeader &header, i
 
     // QUIRK(connect-short): a CONNECT shorter than it claims is parsed as far as it goes instead of being malformed
     // [MQTT 5.0 4.13.1], so a packet whose fields all arrived connects.
+    //   standard profile: lifted (strictness)
     //   test: connect_decode.a_short_packet_is_parsed_as_far_as_it_goes
     end = header.end;
     if (input_len < end) {
@@ -82,6 +84,7 @@ int read_flags(Reader &in, mqtt_connect_para_t &para)
     // QUIRK(connect-flags): the reserved bit may be set [MQTT-3.1.2-3], will QoS and will retain may be set without a
     // will [MQTT-3.1.2-11] [MQTT-3.1.2-13], and 3.1.1 may give a password without a user name [MQTT-3.1.2-22 of 3.1.1].
     // Nothing depends on these bits, so a client that sets them still connects.
+    //   standard profile: lifted (strictness)
     //   test: connect_decode.loose_flags_are_accepted
     para.clean_start   = is_set(flags, FLAG_CLEAN_START);
     para.will_flag     = is_set(flags, FLAG_WILL);
@@ -131,6 +134,7 @@ const PropertyRow *find_property(uint32_t id)
 
 // QUIRK(connect-property-id): an identifier with bit 7 set is two bytes, (first & 7F) * 256 + second, where the
 // standard has a variable byte integer [MQTT 5.0 2.2.2.2]. All identifiers in use are below 0x80 and read alike.
+//   standard profile: lifted (wire)
 //   test: connect_decode.an_identifier_may_take_two_bytes
 bool read_property_id(Reader &block, uint32_t &id)
 {
@@ -167,6 +171,7 @@ int read_properties(Reader &in, mqtt_connect_para_t &para)
             // QUIRK(connect-properties): any other property, standard or not, hides the ones behind it instead of
             // being read or refused [MQTT 5.0 2.2.2.2]; values are not judged and the last of several counts
             // [MQTT 5.0 3.1.2.11]. A client that sends more than this broker knows still connects.
+            //   standard profile: lifted (wire): one that is not known, or stands twice, ends the connection
             //   test: connect_decode.an_unknown_property_hides_the_rest
             LOG_WARN("CONNECT decode: unknown property type=0x%02X, skip", id);
             return CODEC_OK;
@@ -205,6 +210,7 @@ int read_client_id(Reader &in, uint8_t level, mqtt_connect_para_t &para)
     // as any other whose first 63 characters are those, which then no longer hears anything. Of one with a will or a
     // user name the rest of the id is read as such, which normally fails and is not answered: the consumed count and
     // the record then agree on where the id ended.
+    //   standard profile: lifted (ids): up to 65535 bytes; hosts see more than 63 as '~' and 32 hexadecimal digits
     //   test: connect_decode.the_rest_of_a_long_id_is_read_as_what_follows, connect.v5_ids_are_cut_at_64_characters,
     //   connect.two_long_v5_ids_that_begin_alike_are_one_client
     int kept = length;
@@ -221,6 +227,7 @@ int read_client_id(Reader &in, uint8_t level, mqtt_connect_para_t &para)
 // QUIRK(connect-will-properties): only Will Delay Interval and Message Expiry Interval are read; the first other one
 // ends the walk, and a length that cannot be read means no properties and is itself read again as what follows
 // [MQTT 5.0 3.1.3.2]. Wills of clients that send more keep at least their topic and payload.
+//   standard profile: lifted (wire)
 //   test: connect_decode.an_unknown_will_property_ends_their_walk
 void read_will_properties(Reader &in, mqtt_connect_para_t &para)
 {
@@ -252,6 +259,8 @@ constexpr FieldRule kWillPayload = {"Will Payload", 0, CODEC_PAYLOAD_MAX};
 // QUIRK(connect-credentials): an empty user name or password is refused, which the standard allows [MQTT 5.0 3.1.3.5]
 // [MQTT 5.0 3.1.3.6], and so is one above 64 bytes, without an answer: the record has no room, and a flag without a text
 // means nothing.
+//   standard profile: lifted (wire): up to 65535 bytes, and a host's authentication callback gets them whole; it is not
+//   asked about a password with a NUL, which counts as a wrong one
 //   test: connect_decode.credentials_have_1_to_64_bytes
 constexpr FieldRule kUsername = {"Username", 1, sizeof(mqtt_connect_para_t::username) - 1};
 constexpr FieldRule kPassword = {"Password", 1, sizeof(mqtt_connect_para_t::password) - 1};

@@ -40,6 +40,7 @@ uint8_t flags_of(const mqtt_connect_para_t &para)
 // QUIRK(connect-encode-ids): Session Expiry Interval goes out as 0x10 and Maximum Packet Size as 0x11, which the
 // standard numbers 0x11 and 0x27 [MQTT 5.0 3.1.2.11.2] [MQTT 5.0 3.1.2.11.4]; Receive Maximum is written even when 0
 // [MQTT 5.0 3.1.2.11.3]. The decoder reads the standard's numbers; both sides keep the bytes their peers know.
+//   standard profile: stays: a broker sends no CONNECT; hosts that call this exported encoder meet it
 //   test: connect_encode.v5_properties_in_their_order
 //
 // properties:  length:u8  10 u32  21 u16  [22 u16]  [11 u32]  [19 u8]  [1A u8]

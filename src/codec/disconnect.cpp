@@ -6,6 +6,7 @@
 // QUIRK(disconnect-properties): Session Expiry Interval is 0x10, 0x11 in the standard [MQTT 5.0 3.14.2.2.2], and User
 // Property is one text, a pair in the standard [MQTT 5.0 3.14.2.2.4]; the codec keeps its own numbering and shapes in
 // both directions.
+//   standard profile: lifted (wire)
 //   test: disconnect_decode.properties_of_this_codec
 #include "../base/text.h"
 #include "codec_calls.h"
@@ -114,6 +115,7 @@ int read_property(Reader &block, uint8_t id, mqtt_disconnect_para_t &para, bool 
 // QUIRK(disconnect-short-forms): reason and property length must both be there; E0 00 and E0 01 RC, which the standard
 // allows [MQTT 5.0 3.14.2.1] [MQTT 5.0 3.14.2.2], are malformed. A deliberate strictness: a client that wants to leave
 // without its will says so in full.
+//   standard profile: lifted (wire)
 //   test: disconnect_decode.v5_short_forms_are_refused
 int read_v5(Reader &in, mqtt_disconnect_para_t &para, bool &expiry_given)
 {
@@ -148,6 +150,7 @@ int read_body(uint32_t level, Reader &in, mqtt_disconnect_para_t &para, bool &ex
 }
 
 // QUIRK(disconnect-flags): the flags of the first byte are not checked [MQTT-3.14.1-1]; E5 00 disconnects like E0 00.
+//   standard profile: lifted (strictness)
 //   test: disconnect_decode.flags_are_not_checked
 int check_fixed_header(const FixedHeader &header, int input_len)
 {

@@ -58,6 +58,7 @@ void log_success(uint32_t level, const mqtt_publish_para_t &para, int consumed)
 // QUIRK(publish-flags): of the reserved combinations only QoS 3 is refused [MQTT-3.3.1-4]; DUP on QoS 0
 // [MQTT-3.3.1-2] passes. Topics are taken as bytes: neither UTF-8 [MQTT-1.5.4-1], nor a NUL inside [MQTT-1.5.4-2],
 // nor wildcards [MQTT-3.3.2-2] are looked for, because routing compares bytes.
+//   standard profile: lifted (strictness)
 //   test: publish_decode.takes_flags_and_topics_as_they_come
 int read_flags(const FixedHeader &header, mqtt_publish_para_t &para)
 {
@@ -80,10 +81,12 @@ int read_flags(const FixedHeader &header, mqtt_publish_para_t &para)
 // QUIRK(publish-topic-in-input): the topic is bounded by the input, not by the packet's own end, against
 // [MQTT 5.0 2.1.4] (the remaining length counts everything that belongs to the packet); the framing hands over single
 // packets, where both ends are one.
+//   standard profile: stays: only hosts that hand this exported decoder more than one packet meet it
 //   test: publish_decode.topic_may_reach_past_the_packet_into_the_input
 //
 // QUIRK(publish-empty-topic): an empty topic is refused at 5.0 too, where a Topic Alias may stand for it
 // [MQTT 5.0 3.3.2.3.4]; the broker keeps no aliases.
+//   standard profile: lifted (wire): clients may set 32 aliases
 //   test: publish_decode.refuses_an_empty_topic
 int read_topic(Reader &in, mqtt_publish_para_t &para)
 {
@@ -134,6 +137,7 @@ int read_id(Reader &in, int packet_end, mqtt_publish_para_t &para)
 // a broken stream, come back and repeat the message for ever; its DISCONNECT is refused and its will published.
 // Clients that change their mind about the level are served as they speak; those payloads are the known price. Three
 // bytes from 80 on in front, as in the mark EF BB BF of UTF-8, are never a length and keep a payload whole.
+//   standard profile: lifted (wire): the level is that of CONNECT
 //   test: publish_decode.a_payload_that_looks_like_properties_makes_it_5,
 //   publish_decode.a_payload_longer_than_its_first_byte_says_is_read_as_5,
 //   publish_decode.three_bytes_from_80_on_keep_a_payload_whole, publish.a_long_json_payload_of_a_v4_client_is_lost
@@ -153,6 +157,7 @@ bool property_block(Reader &in, int packet_end, int &block_end)
 // QUIRK(unknown-property-skip): an identifier without a row is stepped over as if its value were length-prefixed,
 // which misreads the fixed-size properties of the standard [MQTT 5.0 2.2.2.2], and may even lead
 // beyond the block. One rule for all families of this codec; nothing it misreads is kept.
+//   standard profile: lifted (wire)
 //   test: publish_decode.unknown_properties_are_skipped_as_length_prefixed
 void skip_unknown(Reader &in, uint8_t id, int block_end)
 {
@@ -193,6 +198,7 @@ void read_properties(Reader &in, int block_end, mqtt_publish_para_t &para)
 // QUIRK(publish-truncate): of a payload above 2048 bytes the first 2048 are kept and the rest is not consumed,
 // instead of answering with 0x95 Packet too large [MQTT 5.0 3.2.2.3.6]. The record has room for no more, and what is
 // left reaches nobody, see delivery-size and files-read-in-part; the publisher is acknowledged all the same.
+//   standard profile: lifted (sizes)
 //   test: publish_decode.a_long_payload_is_cut_at_its_limit, publish.a_payload_is_cut_to_2048_bytes
 int read_payload(Reader &in, int packet_end, mqtt_publish_para_t &para)
 {

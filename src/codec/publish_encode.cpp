@@ -51,6 +51,7 @@ int check(uint32_t level, const PublishView &message, int capacity)
 // QUIRK(publish-encode-flags): QoS 3 [MQTT-3.3.1-4], DUP on QoS 0 [MQTT-3.3.1-2] and flag values above 1 are
 // written as given, and topics with wildcards [MQTT-3.3.2-2] pass: the routing in front of this function rules them
 // out, and what it hands over is not judged twice.
+//   standard profile: stays: only hosts that call this exported encoder meet it
 //   test: publish_encode.writes_the_flags_it_is_given
 uint8_t first_byte(const PublishView &message)
 {
@@ -59,6 +60,7 @@ uint8_t first_byte(const PublishView &message)
 
 // QUIRK(publish-alias-item): Topic Alias is written as 23 02 hi lo, with a byte between identifier and value that
 // the standard does not have [MQTT 5.0 3.3.2.3.4]; receivers of this encoder know the item in this form.
+//   standard profile: lifted (wire)
 //   test: publish_encode.topic_alias_is_four_bytes
 void put_properties(Writer &out, const PublishView &message)
 {

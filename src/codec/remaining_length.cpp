@@ -30,6 +30,7 @@ int decode_length(const uint8_t *buf, int avail, uint32_t &consumed) noexcept
     // QUIRK(three-length-bytes): a fourth length byte is refused although the standard allows four [MQTT 5.0 1.5.5];
     // it bounds every incoming packet and property block to 2097151 bytes. Longer forms of a small value pass, which
     // [MQTT-1.5.5-1] forbids to senders only.
+    //   standard profile: lifted (sizes)
     //   test: decode_remaining_length.a_fourth_byte_is_refused
     constexpr int kLengthBytesMax = 3;
     static_assert(CODEC_DECODE_LEN_MAX == (1 << kLengthBytesMax * 7) - 1);

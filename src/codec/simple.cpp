@@ -9,6 +9,7 @@ using namespace tarn::codec;
 //
 // QUIRK(simple-disconnect-byte): the 5.0 DISCONNECT is E0 00 00, a byte more than its remaining length counts
 // [MQTT 5.0 2.1.4]; users of this encoder rely on the three bytes. The broker sends the form of disconnect.cpp.
+//   standard profile: stays: only hosts that call this exported encoder meet it
 //   test: simple_encode.disconnect_has_a_third_byte_at_5
 int codec::encode_simple(mqtt_codec_ctx_t *ctx, int type, uint8_t *buf, int *buf_len) noexcept
 {
@@ -34,6 +35,7 @@ int codec::encode_simple(mqtt_codec_ctx_t *ctx, int type, uint8_t *buf, int *buf
 // QUIRK(simple-lenient): any type may be asked for, flags [MQTT-2.1.3-1] are not looked at, content is stepped over
 // unread and may be incomplete; content means 5.0, none means 3.1.1 instead of the level of CONNECT
 // [MQTT 5.0 3.1.2.2]. The decoder only answers "is it this packet, and where does it end".
+//   standard profile: stays: only hosts that call this exported decoder meet it
 //   test: simple_decode.content_means_5_and_may_be_incomplete
 int codec::decode_simple(mqtt_codec_ctx_t *ctx, int type, const uint8_t *buf, int *buf_len) noexcept
 {

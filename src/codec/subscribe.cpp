@@ -73,6 +73,7 @@ namespace {
 // Identifier (0B) of one byte each, where the standard has a variable byte integer for 0B and User Property as 26,
 // and a property length that cannot be read means none [MQTT 5.0 3.8.2.1]. The broker stores none of them, so a
 // client that sends the standard's is only misread here.
+//   standard profile: lifted (wire)
 //   test: subscribe_decode.properties_are_one_byte_each
 struct PropertyRow {
     uint8_t id;
@@ -144,6 +145,7 @@ void read_properties(Reader &in, mqtt_subscribe_para_t &para)
 // QUIRK(subscribe-options): of the options only QoS is kept, No Local, Retain As Published and Retain Handling are
 // dropped [MQTT-3.8.3-3], reserved bits [MQTT-3.8.3-5] and QoS 3 [MQTT 5.0 3.8.3.1] pass: delivery decides what it
 // can do.
+//   standard profile: lifted (wire): reserved bits and QoS 3 end the connection
 //   test: subscribe_decode.keeps_only_the_qos_bits
 bool read_filter(Reader &in, mqtt_subscribe_para_t &para)
 {
@@ -176,6 +178,7 @@ int no_filters()
 // QUIRK(subscribe-partial): a bad filter ends the list instead of making the packet malformed [MQTT-4.7.3-1]
 // [MQTT 5.0 4.13.1], and filters behind the 16th are ignored although each wants its code [MQTT-3.8.4-6]: the good ones
 // are worth having.
+//   standard profile: lifted (strictness): a bad filter ends the connection, and there may be any number of good ones
 //   test: subscribe_decode.a_bad_filter_ends_the_list
 //   test: subscribe_decode.a_17th_filter_is_ignored
 int read_filters(Reader &in, int input, mqtt_subscribe_para_t &para)

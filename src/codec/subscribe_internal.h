@@ -10,6 +10,7 @@ namespace tarn::codec {
 // a 01 that the standard does not have, instead of a variable byte integer [MQTT 5.0 3.8.2.1.2]; in UNSUBSCRIBE it
 // has no place at all [MQTT 5.0 3.10.2.1]. Users of these encoders rely on the four bytes; this codec's decoders
 // read 01.
+//   standard profile: stays: a broker sends neither packet; hosts that call these exported encoders meet it
 //   test: subscribe_encode.only_the_low_byte_of_the_subscription_identifier
 inline void put_subscription_properties(Writer &body, uint32_t level, uint32_t identifier)
 {

@@ -82,6 +82,7 @@ enum class Length { Read, RanOut, TooLong };
 // QUIRK(unsubscribe-length): lengths are read with the weights 1, 128, 0, 0, ... and any number of bytes, instead
 // of 128 to the power of 0..3 in at most four bytes [MQTT-1.5.5-1]. Up to the limits in force here, two bytes say
 // all.
+//   standard profile: lifted (wire)
 //   test: unsubscribe_decode.a_third_length_byte_counts_nothing
 Length read_length(Reader &in, uint32_t limit, uint32_t &value)
 {
@@ -121,6 +122,7 @@ int read_header(Reader &in, uint32_t &remaining)
 // QUIRK(unsubscribe-properties): a one-byte Subscription Identifier is read, which UNSUBSCRIBE does not have, and
 // all others, User Property with its strings included, count as two bytes [MQTT 5.0 3.10.2.1]; nothing of it is
 // used.
+//   standard profile: lifted (wire)
 //   test: unsubscribe_decode.properties_go_in_steps_of_two
 int read_properties(Reader &in, uint32_t remaining, mqtt_unsubscribe_para_t &para)
 {
@@ -174,6 +176,7 @@ uint32_t detect_level(Reader &in)
 //
 // QUIRK(unsubscribe-filters): a packet without filters is accepted [MQTT-3.10.3-2] and filters behind the 16th are
 // ignored [MQTT-3.10.4-6]: the first leaves nothing to do, the second asks for more than a record can hold.
+//   standard profile: lifted (strictness)
 //   test: unsubscribe_decode.no_filter_at_all_is_accepted
 //   test: unsubscribe_decode.a_17th_filter_is_ignored
 int read_filters(Reader &in, mqtt_unsubscribe_para_t &para)

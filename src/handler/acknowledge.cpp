@@ -43,11 +43,13 @@ void note_pubcomp(mqtt_client_t &client, uint16_t id)
 
 // QUIRK(double-handshake): the queue answers PUBREC and PUBREL of its own deliveries too, so a client can get PUBREL
 // or PUBCOMP twice for one identifier [MQTT-4.3.3-4, MQTT-4.3.3-11]. Receivers must cope with repeated ones anyway.
+//   standard profile: lifted (delivery)
 //   test: acknowledge.a_pubrec_for_a_tracked_delivery_is_answered_twice
 //
 // QUIRK(ack-reason-ignored): the reason code of a 5.0 acknowledgement is not looked at: a PUBREC that refuses a message,
 // as 0x97 does, is answered with PUBREL, where only one below 0x80 is to be [MQTT-4.3.3-4], and a PUBACK that refuses
 // completes its delivery. The row's next step is the same for all who answered.
+//   standard profile: lifted (delivery): a reason from 0x80 on ends the delivery
 //   test: acknowledge.a_reason_code_that_refuses_is_not_looked_at
 constexpr AckRow kRows[] = {
     {"解码PUBACK失败：ClientID=%s, 错误码=%d", "MQTT标准：收到PUBACK确认：ClientID=%s, MsgID=%d", 0, nullptr, nullptr,

@@ -55,6 +55,7 @@ void log_matches(const Matches &matches)
 // bytes as payload [MQTT 5.0 3.3.3]. Likewise a remaining length of two bytes is taken for the beginning of the topic: a
 // will of more than 125 bytes of topic and payload reaches nobody (123 at QoS 1 and 2, one less of a 5.0 owner, five
 // fewer with an expiry interval).
+//   standard profile: lifted (wills)
 //   test: broadcast.the_receivers_version_decides_where_the_payload_begins, broadcast.a_two_byte_remaining_length_is_misread,
 //   will.sizes_that_reach_a_subscriber
 uint32_t payload_start(const Broadcast &broadcast)
@@ -145,6 +146,7 @@ void on_outcome(Routing &routing, Outcome outcome) noexcept
 // QUIRK(will-once): a will goes to subscribers that are online only and is never repeated to them [MQTT-4.4.0-1];
 // it is not retained, whatever its flag says [MQTT-3.1.2-15], and the flag reaches the subscribers
 // [MQTT-3.3.1-12].
+//   standard profile: lifted (wills)
 //   test: broadcast.a_will_is_not_tracked
 constexpr Rules rules_of(Tracking tracking)
 {

@@ -32,6 +32,7 @@ int refuse(mqtt_client_t &client, uint32_t state)
 // False when the connection was closed meanwhile: then nothing more is to happen.
 // QUIRK(no-take-over): an older connection of the same id stays open [MQTT-3.1.4-3]. It hears nothing as long as the
 // newer one is there, and its end harms that one: see end-of-old-connection.
+//   standard profile: lifted (ids): the older connection is closed, at 5.0 with 0x8E
 //   test: connect.a_second_client_of_an_id_leaves_the_first_open
 [[nodiscard]] bool adopt(mqtt_client_t &client, const mqtt_connect_para_t &connect)
 {
@@ -56,6 +57,7 @@ void negotiate_session_expiry(mqtt_client_t &client, const mqtt_connect_para_t &
 // QUIRK(packet-size-floor): a 5.0 client without Maximum Packet Size, which means no limit (MQTT 5.0 3.1.2.11.4), or
 // with one below 256 gets 256, both ways: a larger delivery does not reach it, a larger packet of its own ends the
 // connection (own-limit-inbound).
+//   standard profile: lifted (sizes)
 //   test: connect.an_absent_maximum_packet_size_becomes_256, publish.level_5_without_a_maximum_has_256_bytes_both_ways
 void negotiate_packet_size(mqtt_client_t &client, const mqtt_connect_para_t &connect)
 {
@@ -93,6 +95,7 @@ bool load_session_of(mqtt_client_t &client)
 
 // QUIRK(restored-will-unretained): a will restored from the session file is not retained, whatever its client asked
 // [MQTT-3.1.2-15]: the file keeps no such flag.
+//   standard profile: lifted (wills)
 //   test: connect.a_restored_will_is_never_retained
 void restore_will(mqtt_client_t &client)
 {
@@ -242,6 +245,7 @@ void cancel_delayed_wills(mqtt_client_t &client)
 // QUIRK(receive-maximum-zero): a 5.0 client is told a Receive Maximum of 0, which is a protocol error
 // [MQTT 5.0 3.2.2.3.3]: nothing in flight is counted here, so there is no number to tell. The mosquitto clients 2.0 and
 // Paho for Python give up, Paho for C connects and waits for ever before its first publication, MQTT.js does not mind.
+//   standard profile: lifted (wire): 1000, or what the host set
 //   test: connect.v5_without_properties_gets_256_bytes, mosquitto_level_5.gives_up_at_the_connack,
 //   npm.mqtt_at_level_5
 [[nodiscard]] bool accept(mqtt_client_t &client)
@@ -271,6 +275,7 @@ void cancel_delayed_wills(mqtt_client_t &client)
 
 // QUIRK(retained-at-resume): a resumed session receives the retained messages of all its filters again, as if it had
 // subscribed anew (MQTT 5.0 3.3.1.3).
+//   standard profile: lifted (retained)
 //   test: connect.a_resumed_session_gets_retained_messages_again
 void resume_session(mqtt_client_t &client)
 {
@@ -294,6 +299,7 @@ void resume_session(mqtt_client_t &client)
 // "identifier rejected" [MQTT 3.1.1 3.2.2.3], one that speaks level 3 instead of "unacceptable protocol version"
 // [MQTT-3.1.2-2 of 3.1.1], one with a user name or password of none or more than 64 bytes instead of a refusal. Like
 // any packet that does not decode: the level, and with it the form of an answer, may be what is wrong.
+//   standard profile: lifted (wire): CONNACK with the code where the level has one, and the connection ends
 //   test: connect.v4_ids_have_at_most_23_characters, connect.undecodable_packets_get_no_answer,
 //   connect.user_names_and_passwords_have_1_to_64_bytes
 int handle_connect(mqtt_client_t &client, Packet packet) noexcept

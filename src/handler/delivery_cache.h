@@ -6,6 +6,7 @@
 // topic and payload have more than 2041 bytes together (2043 at QoS 0; to a 5.0 receiver 2040 and 2042, and five fewer
 // with an expiry interval), although it is acknowledged [MQTT-4.5.0-1]. Packets of clients are bounded by the receive
 // buffer, deliveries by this one.
+//   standard profile: lifted (sizes)
 //   test: publish.the_delivery_buffer_holds_2048_bytes, publish.the_largest_deliveries
 //
 // At DEBUG every delivery is encoded for itself, because the encoder's trace lines belong to it; so is one that the

@@ -12,6 +12,7 @@ constexpr uint32_t kKeepInterval = 0xFFFFFFFF;
 
 // QUIRK(expiry-maximum-ignored): a Session Expiry Interval of 0xFFFFFFFF means "as CONNECT said" instead of "never"
 // (MQTT 5.0 3.14.2.2.2), and a non-zero one is accepted after a CONNECT with 0 (the same section).
+//   standard profile: lifted (sessions)
 //   test: disconnect.an_expiry_of_all_ones_keeps_the_interval
 void override_session_expiry(mqtt_client_t &client, const mqtt_disconnect_para_t &disconnect, bool expiry_given)
 {
@@ -23,6 +24,7 @@ void override_session_expiry(mqtt_client_t &client, const mqtt_disconnect_para_t
 
 // QUIRK(will-dropped-always): every DISCONNECT drops the will, also one with reason 0x04 "disconnect with will message"
 // [MQTT-3.14.4-3].
+//   standard profile: lifted (wills)
 //   test: disconnect.reason_four_drops_the_will_too
 void drop_will(mqtt_client_t &client)
 {
@@ -102,6 +104,7 @@ int handle_disconnect(mqtt_client_t &client, Packet packet) noexcept
 // Pending deliveries end with the connection in either case, subscriptions only with a clean session.
 // QUIRK(pending-dropped): unacknowledged deliveries of a persistent session are discarded when its connection ends
 // instead of being repeated after the reconnect [MQTT-4.4.0-1].
+//   standard profile: lifted (sessions)
 //   test: remove_client_subs.pending_deliveries_go_for_clean_and_persistent_sessions
 void forget(const char *client_id, uint8_t clean_session) noexcept
 {

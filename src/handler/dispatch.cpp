@@ -15,6 +15,7 @@ constexpr uint8_t kPacketTooLarge = 0x95;
 // By packet type. A type without a handler is not for a broker to receive, or unknown to it (AUTH).
 // QUIRK(any-packet-any-time): the first packet need not be CONNECT and a second CONNECT does not end the connection
 // [MQTT-3.1.0-1, MQTT-3.1.0-2], because no client state is consulted here.
+//   standard profile: lifted (strictness)
 //   test: dispatch.a_publish_before_connect_is_handled, connect.a_second_connect_is_processed_in_full
 constexpr Handler kHandlers[16] = {
     nullptr,
@@ -37,6 +38,7 @@ constexpr Handler kHandlers[16] = {
 
 // QUIRK(own-limit-inbound): the Maximum Packet Size a 5.0 client announces for what it receives is applied to what it
 // sends [MQTT-3.1.2-24]. Limits of both directions are one number in the record.
+//   standard profile: lifted (sizes)
 //   test: dispatch.a_packet_above_the_limit_is_answered_with_disconnect_and_closed
 bool close_oversized(mqtt_client_t &client, Packet packet, uint32_t limit)
 {
@@ -53,6 +55,7 @@ bool close_oversized(mqtt_client_t &client, Packet packet, uint32_t limit)
 
 // QUIRK(unknown-type-ignored): a packet type that a broker cannot handle is logged and otherwise ignored instead of
 // ending the connection as a protocol error [MQTT-4.13.1-1].
+//   standard profile: lifted (strictness)
 //   test: dispatch.types_without_a_handler_are_logged_and_ignored
 bool ignore_unknown(const mqtt_client_t &client, int type)
 {
@@ -64,6 +67,7 @@ bool ignore_unknown(const mqtt_client_t &client, int type)
 
 // QUIRK(malformed-kept): a packet that does not decode is logged and counted, the connection stays
 // [MQTT-4.8.0-1 of 3.1.1, MQTT-4.13.1-1 of 5.0].
+//   standard profile: lifted (strictness)
 //   test: dispatch.a_packet_that_does_not_decode_is_counted_and_not_answered
 int refuse_undecodable(const mqtt_client_t &client, const char *line, codec::Result why) noexcept
 {

@@ -66,6 +66,7 @@ bool publish_for_host(const HostMessage &host) noexcept
 
     // QUIRK(host-retain-forwarded): the host's retain flag goes out to subscribers as it was passed, where MQTT clears
     // it for established subscriptions [MQTT-3.3.1-12].
+    //   standard profile: lifted (retained): unless the subscription says Retain As Published
     //   test: host_publish.the_retain_flag_is_forwarded
     Message message;
     message.topic               = sent_topic;

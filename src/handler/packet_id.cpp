@@ -34,6 +34,7 @@ uint16_t draw_packet_id() noexcept
 // encoder and lost, with the ERROR line "QoS1/2 requires non-zero Packet ID", although its publisher is acknowledged
 // [MQTT-4.3.2-4]; its other receivers get the message. What must not be lost carries a number that its receiver checks.
 // The byte mix of two draws is part of the contract.
+//   standard profile: lifted (delivery)
 //   test: packet_id.a_delivery_mixes_the_bytes_of_two_draws,
 //   publish.a_delivery_with_identifier_0_is_lost_and_its_publisher_acknowledged,
 //   routes_rare.an_identifier_of_0, delivery.an_identifier_of_0_loses_one_delivery_and_nothing_else

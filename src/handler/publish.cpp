@@ -72,6 +72,7 @@ constexpr Rules kRules{.on_outcome         = on_outcome,
 
 // QUIRK(expiry-elsewhere): a Message Expiry Interval is forwarded undiminished [MQTT-3.3.2-6], and of the pending
 // deliveries it limits the one that has the publisher's own identifier, not those made from this message.
+//   standard profile: lifted (delivery): what is left of the interval is sent along, and what is over is not sent
 //   test: publish.an_expiry_goes_to_the_entry_with_the_publishers_identifier
 void apply_expiry(mqtt_client_t &client, const mqtt_publish_para_t &message)
 {
@@ -82,11 +83,13 @@ void apply_expiry(mqtt_client_t &client, const mqtt_publish_para_t &message)
 // The message as its receivers get it: neither retained nor repeated, all else as decoded.
 // QUIRK(alias-forwarded): a 5.0 publisher's Topic Alias appears in the deliveries, where it means nothing that the
 // receiver agreed to [MQTT-3.3.2-11]; the topic itself is always there too.
+//   standard profile: lifted (wire): receivers have aliases of their own, up to the maximum that they announced
 //   test: publish.a_topic_alias_is_forwarded
 //
 // QUIRK(properties-not-forwarded): Payload Format Indicator, Response Topic, Correlation Data, User Properties and
 // Content Type end here [MQTT-3.3.2-4, MQTT-3.3.2-15, MQTT-3.3.2-16, MQTT-3.3.2-17, MQTT-3.3.2-20], and no Subscription
 // Identifier is added [MQTT-3.3.4-3]: messages are topic, payload, QoS, retain and expiry.
+//   standard profile: lifted (wire)
 //   test: publish.properties_but_the_expiry_are_not_forwarded
 Message forwarded(const mqtt_publish_para_t &publication)
 {
@@ -101,6 +104,8 @@ Message forwarded(const mqtt_publish_para_t &publication)
 
 // QUIRK(qos2-at-once): a QoS 2 message is forwarded when it arrives, not on PUBREL, and again when it is repeated:
 // there is no memory of identifiers seen [MQTT-4.3.3-10].
+//   standard profile: lifted (delivery): forwarded when it arrives, which the standards allow, and then not again until
+//   PUBREL
 //   test: publish.a_repeated_qos_2_message_is_forwarded_again
 Reply answer_publisher(mqtt_client_t &client, uint32_t qos, uint16_t id)
 {
@@ -124,6 +129,7 @@ int handle_publish(mqtt_client_t &client, Packet packet) noexcept
 
     // QUIRK(refused-unanswered): a publication that the host refuses is not acknowledged at any QoS, so its publisher
     // keeps repeating it [MQTT-3.3.4-1, MQTT-4.3.2-4].
+    //   standard profile: lifted (delivery): acknowledged, at 5.0 with 0x87
     //   test: publish.a_refused_publication_is_not_acknowledged
     if (!api::allows(client, message.topic, BROKER_ACL_PUBLISH)) {
         LOG_WARN("[ACL] 发布被拒绝: %s", message.topic);
@@ -138,6 +144,7 @@ int handle_publish(mqtt_client_t &client, Packet packet) noexcept
     // QUIRK(never-own): a client never receives its own publications, whatever its subscription says; MQTT leaves that
     // to the No Local option [MQTT-3.8.3-3]. Where it is the chosen member of a shared group, nobody of the group gets
     // them.
+    //   standard profile: lifted (own messages): but for bridges of other brokers, which mark their level, 3.1.1
     //   test: publish.a_publisher_never_receives_its_own_message, publish.the_chosen_member_may_be_the_publisher
     Routing routing(kRules, forwarded(message));
     routing.excluded = client.client_id;

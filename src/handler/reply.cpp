@@ -90,6 +90,7 @@ void close_after_pause(mqtt_client_t &client, uint32_t seen_state) noexcept
 // Sent to 3.1.1 clients too, then without a reason.
 // QUIRK(disconnect-to-v4): a 3.1.1 client receives E0 00 before the broker closes its connection, although DISCONNECT
 // travels from client to server only in that version [MQTT 3.1.1 3.14]. Clients ignore it and see the close.
+//   standard profile: lifted (wire)
 //   test: send_disconnect.a_v4_client_gets_two_bytes
 bool queue_disconnect(mqtt_client_t &client, uint8_t reason_code) noexcept
 {

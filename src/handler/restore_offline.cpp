@@ -27,6 +27,8 @@ void requeue(mqtt_client_t &client, const persist_msg_t &message)
 
 // QUIRK(offline-late): messages of a resumed session come with the retransmission scan, first with DUP 0, and those of
 // QoS 0 are lost, though the broker kept them [MQTT-4.5.0-1].
+//   standard profile: lifted (sessions): they come behind CONNACK at once; at QoS 0 nothing is kept, as the standards
+//   allow
 //   test: offline.kept_messages_join_the_queue_and_the_file_is_emptied
 void requeue_kept(mqtt_client_t &client) noexcept
 {

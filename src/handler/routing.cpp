@@ -21,6 +21,7 @@ bool refuse(Routing &routing, Outcome outcome)
 
 // QUIRK(receive-maximum-ignored): deliveries do not wait for acknowledgements of earlier ones, whatever Receive
 // Maximum a 5.0 client announced [MQTT-3.3.4-9]. What limits them is the client's ring and 1000 pending deliveries.
+//   standard profile: lifted (delivery)
 //   test: publish.a_receive_maximum_holds_nothing_back
 //
 // True when the message was queued for the receiver whose turn it is.

@@ -14,10 +14,12 @@ namespace {
 
 // QUIRK(retained-for-shared): a shared subscription gets retained messages too, each of its members all of them
 // [MQTT 5.0 4.8.2]: a client that subscribes learns the state of its topics.
+//   standard profile: lifted (retained)
 //   test: retained.every_member_of_a_shared_group_gets_them
 //
 // QUIRK(retained-qos): a retained message goes out at the QoS it was published with, not at the smaller granted one
 // [MQTT-3.8.4-8], without its expiry interval [MQTT-3.3.2-6], and is never repeated.
+//   standard profile: lifted (retained)
 //   test: retained.the_message_keeps_its_own_qos
 void send_one(mqtt_client_t &client, const retain_msg_t &retained, const char *filter)
 {

@@ -79,6 +79,7 @@ uint32_t member_at(ShareChoice &choice, const ShareChoice::Group &group, uint32_
 
 // QUIRK(group-prefix): members of group "ab" are members of group "a" too, so one of them can be given a message for
 // either and then nobody of group "a" itself gets it; MQTT keeps groups apart [MQTT 5.0 4.8.2].
+//   standard profile: lifted (wildcards)
 //   test: shared_sub.a_group_takes_in_the_groups_its_name_begins
 bool choose_members(ShareChoice &choice) noexcept
 {

@@ -26,6 +26,7 @@ void log_request(const mqtt_client_t &client, const mqtt_subscribe_para_t &reque
 
 // The code of one filter. A granted one is answered with the retained messages at once, so before the SUBACK.
 // QUIRK(empty-filter-refused): an empty filter gets 0x80, where MQTT ends the connection [MQTT-4.7.3-1].
+//   standard profile: lifted (strictness)
 //   test: subscribe.a_filter_that_begins_with_nul_is_the_empty_one
 uint32_t subscribe_one(mqtt_client_t &client, int at, const char *filter, uint32_t qos)
 {
@@ -51,6 +52,7 @@ uint32_t subscribe_one(mqtt_client_t &client, int at, const char *filter, uint32
 // The entry for this filter: the one of exactly this text, or a new one at the end.
 // QUIRK(saved-filter-cut): a filter longer than 63 characters is saved cut, so that a session restore subscribes to
 // something else, and each SUBSCRIBE of it adds another copy [MQTT-3.1.2-4 of 3.1.1].
+//   standard profile: lifted (sessions)
 //   test: subscribe.a_long_filter_is_saved_cut_and_each_time_anew
 persist_sub_t &entry_for(mqtt_client_t &client, const char *filter)
 {
@@ -67,6 +69,7 @@ persist_sub_t &entry_for(mqtt_client_t &client, const char *filter)
 // Whatever the clean-session flag says.
 // QUIRK(saved-filters-32): filters beyond the 32nd saved entry are in the table, but do not come back with the session
 // [MQTT-3.1.2-4 of 3.1.1]: the saved list has a fixed size.
+//   standard profile: lifted (sessions): 10000 subscriptions a client, or as many as the host set
 //   test: subscribe.the_33rd_filter_is_in_the_table_but_not_saved
 void remember(mqtt_client_t &client, const mqtt_subscribe_para_t &request, const mqtt_ack_para_t &ack)
     REQUIRES(session_mutex(client))

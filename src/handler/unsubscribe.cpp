@@ -11,6 +11,7 @@ namespace {
 
 // QUIRK(unsubscribe-forgotten): the saved list of the session keeps the filter, so it comes back with the next session
 // restore [MQTT-3.10.4-2].
+//   standard profile: lifted (sessions)
 //   test: unsubscribe.the_saved_list_keeps_the_filter
 void note_removed(mqtt_client_t &client, const char *filter, int32_t removed)
 {
@@ -35,6 +36,7 @@ void remove_filters(mqtt_client_t &client, const mqtt_unsubscribe_para_t &reques
 }
 
 // QUIRK(unsuback-one-code): a 5.0 UNSUBACK carries one code 0, not one for each filter [MQTT-3.11.3-1].
+//   standard profile: lifted (wire)
 //   test: unsubscribe.the_answer_is_the_identifier_and_one_code
 int answer(mqtt_client_t &client, uint16_t id)
 {

@@ -60,6 +60,7 @@ void mark_will_sent(mqtt_client_t &client)
 // QUIRK(will-saves-session): publishing the will of a kept session writes its subscriptions, also when the session was
 // deleted a moment before because it ended with the connection: the next CONNECT finds a session present although it
 // should find none [MQTT-3.2.2-3]. A close ends the session first and the will after it.
+//   standard profile: lifted (sessions)
 //   test: close_table.every_kind_of_client_every_way_and_every_will
 void send_will(mqtt_client_t &client, const mqtt_publish_para_t &will, Packet packet)
 {

@@ -112,6 +112,7 @@ bool LateClose::keeps(Connection connection, int fd) noexcept
 // beyond the keep-alive, a kick, and a refused CONNECT; a sender of one datagram and no CONNECT is ended after the
 // default keep-alive of 300 s. The others' places stay taken. Let nobody but known devices reach the UDP port, with a
 // keep-alive of 65535 s (27 hours of silence) and no DISCONNECT, or block it.
+//   standard profile: lifted (wire): there is no UDP
 //   test: udp.a_disconnect_over_udp_ends_udp_for_all,
 //   slow_udp.a_sender_that_falls_silent_without_a_connect_ends_udp_for_all,
 //   udp.closing_one_peer_ends_udp_until_the_next_start

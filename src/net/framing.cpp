@@ -22,6 +22,7 @@ int room_left(const netip_conn_t &slot) noexcept
 // bytes than it needs is accepted. Against "the encoded value MUST use the minimum number of bytes" [MQTT-1.5.5-1]
 // and the close on malformed packets [MQTT-4.13.1-1]; it stays because the full buffer ends such a stream, and no
 // bytes of it are ever delivered.
+//   standard profile: lifted (strictness): 3.1.1 does not forbid longer forms of a length, so they pass there
 //   test: framing.five_length_bytes_are_never_decoded
 bool find_packet_length(netip_conn_t &slot) noexcept
 {

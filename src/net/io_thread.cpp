@@ -114,6 +114,7 @@ Left serve_whole_packets(const SlotPin &pin, const EventSink &sink, uint32_t sta
 // QUIRK(packet-size): a packet above 4096 bytes ends the connection without a word, whatever Maximum Packet Size was
 // announced and with no DISCONNECT 0x95 [MQTT-3.2.2-15]. It stays because the receive buffer is part of the slot:
 // memory is bounded by the table, and nobody has to read what cannot be kept.
+//   standard profile: lifted (sizes): up to the limit that the host set, 10 MiB by default; above it DISCONNECT 0x95
 //   test: stream.a_packet_of_4097_bytes_ends_the_connection
 Left read_and_serve(const SlotPin &pin, const EventSink &sink, uint32_t start)
 {

@@ -91,6 +91,7 @@ Sent send_stream(uint32_t handle, const OutPacket *packets, int count)
 // QUIRK(dropped-tail): a packet that a host hands to netip_send and that the socket takes only in part counts as sent,
 // and its tail is dropped, which breaks the stream. Against "an ordered, lossless, stream of bytes" [MQTT-4.2.0-1]; it
 // stays because that call keeps nothing. Packets that the broker queues for its clients do not get there.
+//   standard profile: stays: this exported call keeps nothing; what the broker itself sends goes another way
 //   test: netip_send.a_short_write_counts_as_sent_and_drops_the_tail
 uint32_t send_once(uint32_t handle, const OutPacket &packet)
 {
@@ -100,6 +101,7 @@ uint32_t send_once(uint32_t handle, const OutPacket &packet)
 
 // QUIRK(udp-transport): packets also travel as single datagrams. Against "an ordered, lossless, stream of bytes"
 // [MQTT-4.2.0-1]; it stays because small devices use it where a lost packet is no loss.
+//   standard profile: lifted (wire): there is no UDP
 //   test: udp.a_new_sender_connects_with_reason_3_and_its_datagram_is_one_packet
 Sent send_datagrams(uint32_t handle, const OutPacket *packets, int count)
 {

@@ -18,6 +18,7 @@ struct Datagram {
 // QUIRK(udp-waits-for-tcp): a datagram is read only when something happens on TCP, and then one, so it is not handled
 // when it arrives [MQTT-4.2.0-1]. Where no TCP client is busy, UDP clients wait, and a broker with UDP clients alone
 // never hears them. Let a TCP client on the same machine send PINGREQ as often as datagrams come.
+//   standard profile: lifted (wire): there is no UDP
 //   test: udp.a_datagram_waits_for_tcp_traffic, udp.one_datagram_is_taken_a_round
 bool receive(Datagram &datagram)
 {

@@ -87,6 +87,7 @@ template <size_t N> void store_text(char (&field)[N], const char *value)
 // QUIRK(session-distances): of a saved session the end loses its first two digits and the will its topic, payload and
 // QoS, so that it is never published, though both belong to the session [MQTT-3.1.2-8, MQTT-3.1.2-5]. Files of
 // earlier versions hold the same, and a restart must treat them the same.
+//   standard profile: lifted (sessions)
 //   test: session_file.distances_of_the_loader, session_file.a_will_payload_comes_back_empty
 constexpr SessionKey kSessionKeys[] = {
     {"\"session_expiry_interval\":", 26, false,
@@ -135,6 +136,7 @@ void take_session(persist_session_t &record, const char *text)
 // characters a byte there. So an absent client gets no payload above some 480 bytes, and of many messages the oldest
 // that fit (of payloads of 20 bytes on a topic of 24, 36), because the file is read before each newer one is added.
 // Loading has bounded buffers.
+//   standard profile: lifted (sessions): what is kept is bounded by limits that a host can set, and comes back whole
 //   test: limits.of_a_subscription_file_2047_bytes_are_read, limits.of_a_message_file_4095_bytes_are_read,
 //   limits.of_a_message_1023_characters_are_looked_at, limits.of_many_messages_the_oldest_come_back,
 //   limits.a_payload_above_some_480_bytes_does_not_come_back

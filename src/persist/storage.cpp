@@ -25,6 +25,7 @@ constinit Mutex g_file_mutexes[kFileLocks]{};
 // QUIRK(slash-in-id): a client whose id has a '/' keeps no session over a restart, nor messages while it is away
 // [MQTT-3.1.2-4, MQTT-4.5.0-1], because files are named by the id and must stay in their folder. Each attempt to write
 // one is an ERROR line. Clients with sessions to be kept have ids without it.
+//   standard profile: lifted (sessions): no file is named by an id
 //   test: storage.every_id_stays_in_its_three_directories
 void client_path(Path &path, const char *directory, const char *client_id) noexcept
 {

@@ -25,6 +25,7 @@ int messages_in(const persist_session_t &record)
 // lost with a restart, although a session's will belongs to its state [MQTT-3.1.2-8]. The reader takes the keys it
 // finds. One call that writes other files with it has a larger buffer for all, so the cut comes later; the broker
 // itself writes one file at a time.
+//   standard profile: lifted (sessions)
 //   test: session_file.is_cut_at_227_characters, session_file.written_with_others_is_cut_where_their_buffer_ends
 size_t session_characters(const persist_session_t &record, uint8_t what)
 {

@@ -23,6 +23,7 @@ const char *name_of(uint8_t packet_type)
 
 // QUIRK(empty-unrepeated): a message without a payload is sent once and not repeated, whatever its QoS, so a receiver
 // that lost it never gets it [MQTT-4.3.2-1, MQTT-4.3.3-1]; an ERROR line tells. Send a byte where it matters.
+//   standard profile: lifted (delivery)
 //   test: publish.an_empty_message_at_qos_1_is_sent_but_not_tracked
 //
 // What is wrong with the arguments, or Added::Yes.
@@ -131,6 +132,7 @@ void remove_acknowledged(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_
 
 // QUIRK(puback-ends-qos-2): PUBACK completes a QoS 2 delivery, which waits for PUBREC by the standard [MQTT-4.3.3-3]: a
 // client that took the message for one of QoS 1 has it.
+//   standard profile: lifted (delivery): PUBACK for QoS 2 is a protocol error, which ends the connection
 //   test: ack.puback_completes_qos_2_in_any_state_with_a_warning
 Acknowledged on_puback(mqtt_client_t *client, qos_packet_t *entry) REQUIRES(g_queue_mutex)
 {

@@ -41,6 +41,7 @@ struct ScanResult {
 
 // QUIRK(expiry-after-send): a delivery ends with its expiry even when it was sent and is half acknowledged
 // [MQTT-4.3.3-7]: an entry that nobody completes is not kept for longer than its message is worth.
+//   standard profile: lifted (delivery)
 //   test: scan.drops_an_expired_entry_in_any_state
 bool has_expired(const qos_packet_t &entry, uint64_t now_ms) REQUIRES(g_queue_mutex)
 {
@@ -88,11 +89,13 @@ Looked resend_or_drop(qos_packet_t **link, uint64_t now_ms, ScanResult &result) 
 // QUIRK(timed-retransmission): deliveries are repeated while the connection stands, where MQTT repeats them after a
 // reconnect only [MQTT-4.4.0-1], and are given up after five times [MQTT-4.3.2-3, MQTT-4.3.3-3]: a client that lost a
 // packet need not reconnect, and one that never answers is not kept in memory.
+//   standard profile: lifted (delivery)
 //   test: scan.the_first_retransmission_carries_dup_0_and_later_ones_dup_1
 //
 // QUIRK(newest-first): what is due at one time goes out newest first, messages kept for an absent client included
 // [MQTT-4.6.0-5]: it gets them in the reverse of the order in which they were published. The list has its newest entry
 // at the head, and its order is visible. Where the order matters, the payload carries a number or a time.
+//   standard profile: lifted (delivery)
 //   test: scan.what_is_due_at_one_time_goes_newest_first, offline.three_kept_messages_come_a_second_after_the_connack
 //
 // Goes on from the entry that `link` points to, until the list ends or this much work is done.
@@ -215,6 +218,7 @@ int resend(qos_packet_t *entry, uint64_t now_ms)
 
     // QUIRK(first-retry-without-dup): DUP is set from the second retransmission on; [MQTT-3.3.1-1] wants it on every
     // one. The first repeat of an offline message is its first transmission, and both share this path.
+    //   standard profile: lifted (delivery)
     //   test: scan.the_first_retransmission_carries_dup_0_and_later_ones_dup_1
     mqtt_publish_para_t message;
     memset(&message, 0, sizeof message);

@@ -12,6 +12,13 @@ namespace {
 
 constexpr uint64_t kFirst = 1; // number of a directory's first pair
 
+// Null at the end, and, with errno, when the directory cannot be read.
+const dirent *next_entry(DIR *entries)
+{
+    errno = 0;
+    return readdir(entries);
+}
+
 // False and errno when the directory cannot be read.
 template <class Visit> bool for_each_file(Disk &disk, int directory, Visit visit)
 {
@@ -20,13 +27,15 @@ template <class Visit> bool for_each_file(Disk &disk, int directory, Visit visit
     if (!entries)
         return false;
     again.release(); // closedir() closes it
-    while (const dirent *const entry = readdir(entries)) {
+    while (const dirent *const entry = next_entry(entries)) {
         NamedFile file;
         if (parse_name(entry->d_name, file))
             visit(entry->d_name, file);
     }
+    const int error = errno;
     closedir(entries);
-    return true;
+    errno = error;
+    return error == 0;
 }
 
 bool open_reader(Disk &disk, int directory, const FileName &name, Fd &file, uint64_t &size)

@@ -6,6 +6,7 @@
 #include "../stats/stats.hpp"
 #include "profile.h"
 #include "restore.h"
+#include "stored_id.h"
 
 #include <new>
 
@@ -21,7 +22,7 @@ constinit Engine *g_engine GUARDED_BY(engine_mutex) = nullptr;
 void take_up(Engine &engine) REQUIRES(engine_mutex)
 {
     for (Session *session = engine.state.sessions.first(); session; session = session->next) {
-        session->is_known_to_files = true;
+        engine.state.sessions.set_known_to_files(*session, true);
         session->deliveries.set_sink(&engine.recorder);
         for (const Subscription &subscription : engine.state.subscriptions.of(session->number))
             session->wildcard_subscriptions += subscription.filter().find_first_of("+#") != std::string_view::npos;
@@ -95,7 +96,7 @@ void stop() noexcept
     delete engine;
 }
 
-void say_goodbye() noexcept
+void end_all_connections() noexcept
 {
     for (uint32_t handle = 0; handle < NETIP_CLIENTS_MAX; ++handle)
         if (Connection *const connection = connection_at(handle); connection) {
@@ -151,20 +152,56 @@ int32_t list_retained_topics(std::span<char> to) noexcept
     for (const MessageRef &message : turn->state.retained) {
         const std::string_view topic = message->topic();
         if (to.size() - at < topic.size() + 2)
-            break;
+            continue;
         at += topic.copy(&to[at], topic.size());
-        to[at++] = ',';
+        to[at++] = '\n';
         to[at]   = '\0';
     }
     return static_cast<int32_t>(at);
 }
 
-void kick(uint32_t handle, uint8_t reason) noexcept
+void kick(mqtt_client_t &client, uint8_t reason) noexcept
 {
     Turn              turn;
-    Connection *const connection = turn ? connection_at(handle) : nullptr;
-    if (connection)
+    Connection *const connection = turn ? connection_at(client.handle) : nullptr;
+    if (connection && connection->record.get() == &client) // else its handle is another one's
         end_connection(*turn, *connection, static_cast<Reason>(reason));
+}
+
+namespace {
+
+bool is_stored_as(const Engine &engine, const Session &session, std::string_view stored)
+{
+    return stored == stored_id(session.text, engine.state.id_key).text;
+}
+
+// Ids that records have no room for are looked for one by one: few ask for them.
+Session *find_stored(Engine &engine, std::string_view stored) REQUIRES(engine_mutex)
+{
+    Session *session = engine.state.sessions.find(stored);
+    if (session && is_stored_as(engine, *session, stored))
+        return session;
+    if (!stored.starts_with('~'))
+        return nullptr;
+    session = engine.state.sessions.first();
+    while (session && !is_stored_as(engine, *session, stored))
+        session = session->next;
+    return session;
+}
+
+} // namespace
+
+bool describe_session(std::string_view id, SessionInfo &info) noexcept
+{
+    Turn                 turn;
+    const Session *const session = turn ? find_stored(*turn, id) : nullptr;
+    if (!session)
+        return false;
+    info = {.subscriptions = turn->state.subscriptions.count_of(session->number),
+            .is_online     = session->connection != nullptr,
+            .is_kept       = session->is_kept(),
+            .has_will      = static_cast<bool>(session->will.message)};
+    return true;
 }
 
 Counts counts() noexcept

@@ -24,6 +24,7 @@ constexpr bool stands_alone(std::string_view filter, size_t plus) noexcept
 
 // QUIRK(filter-plus-then-hash): "+/#" and "a/+/#" are refused, although both wildcards may be combined [MQTT-4.7.1-1]
 // [MQTT-4.7.1-2]. A filter with '#' thus fixes every level before it, and clients have been written against that.
+//   standard profile: lifted (wildcards)
 //   test: filter.refuses_plus_before_hash
 FilterVerdict judge_filter(std::string_view filter) noexcept
 {

@@ -36,6 +36,8 @@ void take_out(sub_mgr_t &manager, int32_t at) noexcept REQUIRES(manager.lock)
 
 // QUIRK(retained-life): a retained message without an expiry interval lives seven days, although the standard keeps it
 // until it is replaced [MQTT-3.3.1-5]: the store is small and topics that fell silent must not fill it for ever.
+//   standard profile: lifted (retained): without an interval until it is replaced; a limit bounds the store, and a host
+//   can set it
 //   test: retain_expiry.gives_entries_without_interval_seven_days
 bool has_ended(const retain_msg_t &entry, int64_t now_s) noexcept
 {
@@ -61,6 +63,7 @@ void fill(retain_msg_t &entry, const Message &message) noexcept
 
 // QUIRK(retained-expiry-kept): replacing a message keeps the expiry interval of the one before unless the new one
 // brings its own [MQTT-3.3.1-5]: an update without an interval is meant to refresh what it updates.
+//   standard profile: lifted (retained)
 //   test: retain_set.replacing_keeps_place_and_expiry
 Stored store(sub_mgr_t &manager, const Message &message) noexcept REQUIRES(manager.lock)
 {

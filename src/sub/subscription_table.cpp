@@ -391,6 +391,7 @@ bool log_add_begins(const char *client_id, const char *filter, uint32_t qos, uin
 
 // QUIRK(subscription-update): subscribing again keeps the subscription identifier of before when none is given,
 // although the new subscription should replace the old one whole [MQTT-3.8.4-3].
+//   standard profile: lifted (wire)
 //   test: adding_with_id.identifier_survives_an_update_without_one
 Added add(const char *client_id, const char *filter, uint32_t qos, uint8_t clean_session) noexcept
 {

@@ -44,12 +44,15 @@ End judge_rest(const char *filter) noexcept
 
 // QUIRK(plus-empty-level): '+' matches an empty level only where more of the topic follows, so "a/+" does not match
 // "a/" [MQTT-4.7.1-2]. A topic that ends in '/' names the level above for the clients in the field.
+//   standard profile: lifted (wildcards)
 //   test: topic_match.plus_needs_a_topic_that_goes_on
 // QUIRK(plus-trailing-slash): a '+' that ends the filter also takes one '/' that ends the topic: "a/+" matches "a/b/"
 // and "+" matches "/" [MQTT-4.7.1-2], for the same reason.
+//   standard profile: lifted (wildcards)
 //   test: topic_match.final_plus_takes_a_final_slash
 // QUIRK(dollar-topics): wildcards match topics that begin with '$' [MQTT-4.7.2-1]: the broker publishes none of its own
 // and hosts use '$' freely.
+//   standard profile: lifted (wildcards)
 //   test: topic_match.wildcards_match_dollar_topics
 Walk walk(const char *filter, const char *topic) noexcept
 {

@@ -85,6 +85,7 @@ SIZE(tarn_sdk_mqtt_client_info_t, 204);
 OFFSET(tarn_sdk_mqtt_client_info_t, port, 192);
 OFFSET(tarn_sdk_mqtt_client_info_t, online, 196);
 OFFSET(tarn_sdk_mqtt_client_info_t, idle_seconds, 200);
+SIZE(tarn_sdk_mqtt_session_info_t, 8);
 SIZE(tarn_sdk_mqtt_broker_stats_t, 16);
 
 SIZE(client_send_slot_t, 4104);

@@ -170,6 +170,30 @@ TEST(connect_session, is_found_behind_other_properties)
     EXPECT_TRUE(keeps_session(packet));
 }
 
+// The standard knows no session that goes on only because it was there.
+TEST(connect_session, of_the_standard_profile_is_kept_by_flag_or_interval)
+{
+    EXPECT_FALSE(keeps_standard_session(connect_packet(4, "a")));
+    EXPECT_TRUE(keeps_standard_session(connect_packet(4, "a", {.clean = false})));
+    EXPECT_FALSE(keeps_standard_session(connect_packet(5, "a", {.clean = false})));
+    EXPECT_FALSE(keeps_standard_session(connect_packet(5, "a", {.session_expiry_s = 0})));
+    EXPECT_TRUE(keeps_standard_session(connect_packet(5, "a", {.session_expiry_s = 1})));
+    EXPECT_FALSE(keeps_standard_session(publish_packet(4, "t", "x")));
+}
+
+TEST(connect_will, of_the_standard_profile_is_told_by_its_flag)
+{
+    EXPECT_FALSE(leaves_standard_will(connect_packet(4, "a")));
+    EXPECT_TRUE(leaves_standard_will(connect_packet(4, "a", {.will = Will{"t", "x"}})));
+    EXPECT_TRUE(leaves_standard_will(connect_packet(5, std::string(100, 'x'), {.will = Will{"t", "x"}})));
+    EXPECT_FALSE(leaves_standard_will(publish_packet(4, "t", "x")));
+    const Bytes whole = connect_packet(5, "a", {.will = Will{"t", "x"}});
+    for (size_t length = 0; length < whole.size(); ++length) {
+        leaves_standard_will(std::span(whole).first(length));
+        keeps_standard_session(std::span(whole).first(length));
+    }
+}
+
 TEST(connect_session, of_a_packet_that_ends_anywhere_is_no_matter)
 {
     const Bytes whole = connect_packet(5, "a", {.session_expiry_s = 7});

@@ -54,6 +54,23 @@ TEST(options, nothing_given_serves_with_the_librarys_defaults)
         EXPECT_EQ(line.options.*row.target, row.usual) << row.name;
 }
 
+TEST(options, standard_serves_tcp_alone)
+{
+    EXPECT_FALSE(read({}).options.standard);
+    EXPECT_TRUE(read({"--standard"}).options.standard);
+    EXPECT_EQ(error_of({"--standard"}), "");
+    EXPECT_EQ(error_of({"--standard", "--no-udp"}), "");
+    EXPECT_EQ(error_of({"--udp", "--no-udp", "--standard"}), "");
+    EXPECT_EQ(error_of({"--udp", "--standard"}), "--udp is not for --standard, which serves TCP alone");
+    EXPECT_EQ(error_of({"--standard", "--udp"}), "--udp is not for --standard, which serves TCP alone");
+}
+
+TEST(options, a_packet_size_that_is_given_is_known_from_the_usual_one)
+{
+    EXPECT_FALSE(read({}).options.has_packet_size);
+    EXPECT_TRUE(read({"--max-packet-size", "4096"}).options.has_packet_size);
+}
+
 TEST(options, short_and_long_names_set_the_same)
 {
     for (const CommandLine &line : {read({"-l", "info", "-k60", "-c", "7"}),

@@ -27,11 +27,12 @@ struct quotas : testing::Test {
     }
     Holdings holdings()
     {
-        return {.subscriber_ids  = [this] { return subscriber_ids; },
-                .retained_topics = [this] { return topics; },
-                .online          = [this] { return online; },
-                .has_session     = [this](const std::string &id) { return saved.contains(id); },
-                .holds_will      = [this](const void *record) { return wills.contains(record); }};
+        return {.subscriber_ids   = [this] { return subscriber_ids; },
+                .subscriptions_of = subscriptions_of,
+                .retained_topics  = [this] { return topics; },
+                .online           = [this] { return online; },
+                .has_session      = [this](const std::string &id) { return saved.contains(id); },
+                .holds_will       = [this](const WillHolder &holder) { return wills.contains(holder); }};
     }
     // On a connection of its own.
     const char *come(const char *id, const char *address = kHere, const char *user = "", bool keeps = false)
@@ -43,13 +44,14 @@ struct quotas : testing::Test {
     }
     void go(uint32_t which) { some.close(which); }
 
-    std::vector<std::string> subscriber_ids, topics;
-    Ids                      online;
-    std::set<std::string>    saved;
-    std::set<const void *>   wills;
-    Quotas                   some{limits(), holdings()};
-    uint32_t                 handle = 0;
-    int64_t                  now_ms = 1'000'000;
+    std::vector<std::string>                   subscriber_ids, topics;
+    std::function<size_t(const std::string &)> subscriptions_of;
+    Ids                                        online;
+    std::set<std::string>                      saved;
+    std::set<WillHolder>                       wills;
+    Quotas                                     some{limits(), holdings()};
+    uint32_t                                   handle = 0;
+    int64_t                                    now_ms = 1'000'000;
 };
 
 } // namespace
@@ -197,6 +199,23 @@ void expect_refused_connect(const char *id, const Connect &options)
 }
 
 } // namespace
+
+TEST_F(quotas, subscriptions_may_be_told_by_id)
+{
+    subscriptions_of = [](const std::string &id) { return id == "a" ? 2 : 0; };
+    Quotas told{limits(), holdings()};
+    EXPECT_FALSE(told.open(1, kHere));
+    EXPECT_FALSE(told.connect(1, "", "a", false, now_ms));
+    EXPECT_FALSE(told.subscribe(1, "a", now_ms));
+    EXPECT_FALSE(told.subscribe(1, "a", now_ms));
+    EXPECT_TRUE(told.subscribe(1, "a", now_ms)) << "they are counted again, and there";
+    subscriptions_of = [](const std::string &) { return 1; };
+    Quotas fewer{limits(), holdings()};
+    EXPECT_FALSE(fewer.open(1, kHere));
+    EXPECT_FALSE(fewer.connect(1, "", "a", false, now_ms));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_FALSE(fewer.subscribe(1, "a", now_ms += 1000)) << "one has gone";
+}
 
 TEST(quotas_of_the_program, connections_of_an_address)
 {

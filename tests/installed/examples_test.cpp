@@ -102,6 +102,16 @@ TEST_P(smallest_host, serves_until_enter_is_pressed)
 INSTANTIATE_TEST_SUITE_P(in, smallest_host, testing::Values("smallest_host_c", "smallest_host_cpp"),
                          [](const auto &program) { return std::string(program.param); });
 
+TEST(standard_profile, serves_an_id_that_the_native_one_does_not)
+{
+    Example example("standard_profile_c");
+    Peer    client = Peer::tcp();
+    client.send(connect_packet(4, "0f8fad5b-d9cb-469f-a165-70867728950e"));
+    client.expect("20 02 | 00 00");
+    client.ping();
+    EXPECT_THAT(example.end(), ElementsAre("Serving, press Enter to end"));
+}
+
 TEST(authentication, lets_its_users_in_and_nobody_else)
 {
     Example example("authentication_c");

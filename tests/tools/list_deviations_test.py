@@ -8,6 +8,7 @@ void f()
 {
     // QUIRK(long-id): a long id is cut instead of being refused [MQTT-3.1.3-8],
     // since older hosts send them.
+    //   standard profile: lifted (ids)
     //   test: ids.long_ones_are_cut
     cut();
 }
@@ -25,13 +26,14 @@ class ListDeviations(unittest.TestCase):
         self.assertEqual(status, 1 if lines else 0)
         return lines
 
-    def test_writes_statement_reason_code_and_test(self):
+    def test_writes_statement_reason_profile_code_and_test(self):
         made = project()
         self.assertEqual(self.faults(made), [])
         self.assertIn(
             "\n## long-id\n\n"
             "A long id is cut instead of being refused [MQTT-3.1.3-8], since older hosts send them.\n\n"
-            "- Standard: MQTT-3.1.3-8\n- Code: `src/codec/text.cpp`\n- Test: `ids.long_ones_are_cut`\n",
+            "- Standard: MQTT-3.1.3-8\n- Standard profile: lifted (ids)\n"
+            "- Code: `src/codec/text.cpp`\n- Test: `ids.long_ones_are_cut`\n",
             made.read("docs/deviations.md"),
         )
 
@@ -72,9 +74,50 @@ class ListDeviations(unittest.TestCase):
             self.faults(project(code)),
             [
                 "src/codec/text.cpp:1: QUIRK(one) names no statement of the standard, as in [MQTT-3.1.2-24]",
+                "src/codec/text.cpp:1: QUIRK(one) does not say what is so in the standard profile",
                 "src/codec/text.cpp:1: QUIRK(one) names no test",
                 "src/codec/text.cpp:3: QUIRK(one) is also at src/codec/text.cpp:1",
+                "src/codec/text.cpp:3: QUIRK(one) does not say what is so in the standard profile",
                 "src/codec/text.cpp:3: QUIRK(one) names no test",
+            ],
+        )
+
+    def test_lists_what_each_rule_lifts(self):
+        made = project(CODE + CODE.replace("long-id", "another"))
+        self.assertEqual(self.faults(made), [])
+        text = made.read("docs/deviations.md")
+        self.assertRegex(text, r"\n\| ids \| [^|]+ \| \[another\]\(#another\), \[long-id\]\(#long-id\) \|\n")
+        self.assertRegex(text, r"\n\| wills \| [^|]+ \| - \|\n")
+        self.assertNotIn("These stay", text)
+
+    def test_says_how_a_rule_lifts_it_on_several_lines(self):
+        code = CODE.replace("lifted (ids)", "lifted (ids): up to\n    //   65535 bytes")
+        made = project(code)
+        self.assertEqual(self.faults(made), [])
+        self.assertIn("\n- Standard profile: lifted (ids): up to 65535 bytes\n", made.read("docs/deviations.md"))
+
+    def test_lists_what_stays_and_why(self):
+        made = project(CODE.replace("lifted (ids)", "stays: records are\n    //   as long as they are."))
+        self.assertEqual(self.faults(made), [])
+        text = made.read("docs/deviations.md")
+        self.assertIn("\n- [long-id](#long-id): records are as long as they are.\n\n## long-id", text)
+        self.assertRegex(text, r"\n\| ids \| [^|]+ \| - \|\n")
+
+    def test_neither_lifted_nor_staying(self):
+        for wrong in ("lifted", "lifted ()", "stays", "stays:", "gone (ids)"):
+            self.assertEqual(
+                self.faults(project(CODE.replace("lifted (ids)", wrong))),
+                [
+                    "src/codec/text.cpp:4: QUIRK(long-id) says of the standard profile neither 'lifted (rule)' nor "
+                    f"'stays: reason', but '{wrong}'"
+                ],
+            )
+
+    def test_a_rule_that_does_not_exist(self):
+        self.assertEqual(
+            self.faults(project(CODE.replace("(ids)", "(names)"))),
+            [
+                "src/codec/text.cpp:4: QUIRK(long-id) is lifted by names, which is no rule of the standard profile",
             ],
         )
 

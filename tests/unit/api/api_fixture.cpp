@@ -181,10 +181,14 @@ void       __real__ZN4tarn6client6deinitEv(void);
 uint32_t   __real__ZN4tarn6client12close_silentEmj(uint64_t, uint32_t);
 void       __real__ZN4tarn6client17publish_due_willsEm(uint64_t);
 int32_t    __real__ZN4tarn6client8list_idsEPci(char *, int32_t);
-net::Start __real__ZN4tarn3net5startEPFhjjPKhjjjPvES3_i(netip_event_cb_t, void *, int32_t);
+net::Start __real__ZN4tarn3net5startEPFhjjPKhjjjPvES3_iNS0_3UdpE(netip_event_cb_t, void *, int32_t, net::Udp);
 void       __real__ZN4tarn3net4stopEv(void);
 void       __real__ZN4tarn3sub24discard_expired_retainedEv(void);
 int32_t    __real__ZN4tarn3sub20list_retained_topicsEPci(char *, int32_t);
+bool       __real__ZN4tarn8standard5startEPKcRKNS0_6LimitsE(const char *, const standard::Limits &);
+void       __real__ZN4tarn8standard4stopEv(void);
+void       __real__ZN4tarn8standard4turnEv(void);
+void       __real__ZN4tarn8standard4kickEjh(uint32_t, uint8_t);
 int        __real_usleep(useconds_t);
 
 void __wrap__ZN4tarn3log5writeEjPKcz(uint32_t level, const char *format, ...)
@@ -286,11 +290,12 @@ int32_t __wrap__ZN4tarn6client8list_idsEPci(char *buf, int32_t size)
 {
     return g_modules.list ? g_modules.list() : __real__ZN4tarn6client8list_idsEPci(buf, size);
 }
-net::Start __wrap__ZN4tarn3net5startEPFhjjPKhjjjPvES3_i(netip_event_cb_t cb, void *arg, int32_t io_threads)
+net::Start __wrap__ZN4tarn3net5startEPFhjjPKhjjjPvES3_iNS0_3UdpE(netip_event_cb_t cb, void *arg, int32_t io_threads,
+                                                                 net::Udp udp)
 {
     note_call("netip_init threads=" + std::to_string(io_threads) + (cb == mqtt_netip_event_cb ? " bridge" : " ?") +
-              " packets=" + std::to_string(g_default_max_packet_size));
-    return __real__ZN4tarn3net5startEPFhjjPKhjjjPvES3_i(cb, arg, io_threads);
+              " packets=" + std::to_string(g_default_max_packet_size) + (udp == net::Udp::Open ? "" : " without UDP"));
+    return __real__ZN4tarn3net5startEPFhjjPKhjjjPvES3_iNS0_3UdpE(cb, arg, io_threads, udp);
 }
 void __wrap__ZN4tarn3net4stopEv(void)
 {
@@ -305,6 +310,29 @@ void __wrap__ZN4tarn3sub24discard_expired_retainedEv(void)
 int32_t __wrap__ZN4tarn3sub20list_retained_topicsEPci(char *buf, int32_t size)
 {
     return g_modules.list ? g_modules.list() : __real__ZN4tarn3sub20list_retained_topicsEPci(buf, size);
+}
+
+bool __wrap__ZN4tarn8standard5startEPKcRKNS0_6LimitsE(const char *directory, const standard::Limits &limits)
+{
+    note_call("standard_start " + std::string(directory));
+    g_modules.limits = limits;
+    return !g_modules.standard_fails && __real__ZN4tarn8standard5startEPKcRKNS0_6LimitsE(directory, limits);
+}
+void __wrap__ZN4tarn8standard4stopEv(void)
+{
+    if (standard::is_on()) // else it does nothing
+        note_call("standard_stop");
+    __real__ZN4tarn8standard4stopEv();
+}
+void __wrap__ZN4tarn8standard4turnEv(void)
+{
+    note_call("standard_turn");
+    __real__ZN4tarn8standard4turnEv();
+}
+void __wrap__ZN4tarn8standard4kickEjh(uint32_t handle, uint8_t reason)
+{
+    note_call("standard_kick " + std::to_string(handle) + " " + std::to_string(reason));
+    __real__ZN4tarn8standard4kickEjh(handle, reason);
 }
 
 // Housekeeping threads are known by their pause, which only they make so.

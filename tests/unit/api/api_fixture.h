@@ -5,6 +5,7 @@
 
 #include "api/api_internal.h"
 #include "client/client.hpp"
+#include "standard/standard.hpp"
 #include "support/faults.h"
 #include "support/log_capture.h"
 
@@ -29,9 +30,11 @@ using Transcript = std::vector<std::string>;
 struct Modules {
     std::function<int()>                 packet_handler_init; // instead of the real one, as are all of these
     std::function<int()>                 packet_handler_broker_publish;
-    std::function<int()>                 list;               // client_fill_id_list and retain_fill_topic_list
-    std::function<void(mqtt_client_t &)> on_disconnect_sent; // runs behind packet_handler_send_disconnect
-    std::function<void()>                on_turn;            // runs at the end of each housekeeping turn, on its thread
+    std::function<int()>                 list;                   // client_fill_id_list and retain_fill_topic_list
+    std::function<void(mqtt_client_t &)> on_disconnect_sent;     // runs behind packet_handler_send_disconnect
+    bool                                 standard_fails = false; // its start
+    standard::Limits                     limits;                 // it was started with
+    std::function<void()>                on_turn; // runs at the end of each housekeeping turn, on its thread
 };
 extern Modules g_modules;
 

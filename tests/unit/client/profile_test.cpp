@@ -197,6 +197,6 @@ TEST(profile, is_told_of_the_end_when_a_host_closes_a_record)
     take_calls();
     client_close(client.get());
     EXPECT_TRUE(socket.closed_by_broker());
-    EXPECT_EQ(client->state, uint32_t{CLIENT_LOGINED}) << "the profile retires it";
+    EXPECT_EQ(client->state, uint32_t{CLIENT_LOGINED}) << "the profile ends it";
     EXPECT_THAT(take_calls(), IsEmpty());
 }

@@ -1,5 +1,5 @@
 # Copies the package list to the build folder and fetches the packages there, once.
-if(EXISTS ${TO}/node_modules/mqtt/package.json)
+if(EXISTS ${TO}/node_modules/mqtt/package.json AND EXISTS ${TO}/node_modules/mqtt5/package.json)
   return()
 endif()
 file(COPY ${FROM}/package.json ${FROM}/package-lock.json DESTINATION ${TO})
