@@ -54,7 +54,10 @@ TEST_P(disconnect, of_the_broker_when_it_stops)
         GTEST_SKIP();
     Client client = come("c");
     EXPECT_EQ(tarn_sdk_mqtt_broker_stop(broker.handle()), 0);
+    client.ping(); // stop lets clients stay
+    tarn_sdk_mqtt_broker_deinit(broker.handle());
     client.expect_end({0x8B});
+    EXPECT_EQ(tarn_sdk_mqtt_broker_init(broker.handle()), 0);
     EXPECT_EQ(tarn_sdk_mqtt_broker_start(broker.handle(), 1883, 100), 0);
 }
 
