@@ -72,7 +72,7 @@ class Inbox:
         try:
             return self.messages.get(timeout=within)
         except queue.Empty:
-            raise Failed(f"no message within {within:g} s" + " (closed)" * self.closed.is_set()) from None
+            raise Failed(f"no message within {within:.1f} s" + " (closed)" * self.closed.is_set()) from None
 
     def take_exactly(self, payloads, within=3.0, then_quiet=0.3):
         """These, each once and in this order."""
