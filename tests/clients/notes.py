@@ -114,7 +114,9 @@ NOTES = [
 
 
 def of(profile, column, check):
-    return [note for note in NOTES if note.fits(profile, column, check)]
+    """Where all checks of a column have one reason, nothing else is said."""
+    found = [note for note in NOTES if note.fits(profile, column, check)]
+    return [note for note in found if note.checks == ".*"] or found
 
 
 def unknown_quirks():

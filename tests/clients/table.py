@@ -40,16 +40,15 @@ def letters(columns):
 
 
 class Numbers:
-    """Notes get numbers in the order in which they are met."""
+    """The texts of notes get numbers in the order in which they are met."""
 
     def __init__(self):
         self.used = []
 
     def of(self, found):
-        for note in found:
-            if note not in self.used:
-                self.used.append(note)
-        return " ".join(str(self.used.index(note) + 1) for note in found)
+        texts = [note.in_markdown() for note in found]
+        self.used += [text for text in texts if text not in self.used]
+        return " ".join(str(self.used.index(text) + 1) for text in texts)
 
 
 def cell(profile, column, check, result, numbers):
@@ -72,8 +71,8 @@ def lines_of(profile, columns, results):
     ended = [of_column[check.name][0] for column in columns for of_column in [results[profile, column.name]]
              for check in checks.CHECKS if check.name in of_column]
     yield f"\n{ended.count('ok')} of {len(ended) - ended.count('none')} work.\n"
-    for number, note in enumerate(numbers.used, 1):
-        yield f"{number}. {note.in_markdown()}"
+    for number, text in enumerate(numbers.used, 1):
+        yield f"{number}. {text}"
 
 
 def write(path, columns, results):
