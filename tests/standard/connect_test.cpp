@@ -112,7 +112,7 @@ TEST_P(connect, names_the_protocol)
     reader.expect_silence();
 }
 
-// [MQTT-3.1.2-3] 3.1.1 [MQTT-3.1.2-3] [MQTT-3.1.4-1] 3.1.1 [MQTT-3.1.4-1]
+// 3.1.1 [MQTT-3.2.2-6] [MQTT-3.1.2-3] 3.1.1 [MQTT-3.1.2-3] [MQTT-3.1.4-1] 3.1.1 [MQTT-3.1.4-1]
 TEST_P(connect, has_its_reserved_flag_unset)
 {
     expect_malformed(with_flags(0x03, id_and({})), {0x81, 0x82});
@@ -319,7 +319,7 @@ TEST_P(connect, may_have_a_long_user_name_and_password)
 // 3.1.1 [MQTT-3.1.2-2] [MQTT-3.1.2-2]
 TEST_F(connect_levels, other_levels_are_refused)
 {
-    for (const unsigned level : {0u, 1u, 2u, 3u, 0x84u}) {
+    for (const unsigned level : {0u, 1u, 2u, 3u, 0x83u}) {
         SCOPED_TRACE(level);
         tarn::test::Peer peer = tarn::test::Peer::tcp();
         peer.send(packet(0x10, prefixed("MQTT") + Bytes{static_cast<uint8_t>(level), 2, 0, 60} + prefixed("c")));
@@ -336,6 +336,7 @@ TEST_F(connect_levels, other_levels_are_refused)
     }
 }
 
+// [MQTT-4.2.0-1] 3.1.1 [MQTT-7.0.0-2] 3.1.1 [MQTT-7.1.1-1]
 TEST_F(connect_levels, clients_of_both_versions_meet)
 {
     Client old_one(4, "four"), new_one(5, "five");
@@ -349,6 +350,7 @@ TEST_F(connect_levels, clients_of_both_versions_meet)
     EXPECT_EQ(new_one.take("t", "from 5", {.qos = 2}).properties.printed(), "03=text");
 }
 
+// [MQTT-3.2.2-8]
 // The values that mean something only when they are not 0, and properties that come twice.
 TEST_F(connect_5, properties_have_values_that_they_can_have)
 {

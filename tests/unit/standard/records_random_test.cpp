@@ -190,20 +190,20 @@ private:
     {
         const std::string_view id      = one_of(kIds);
         Session               *session = state_->sessions.find(id);
-        const bool             is_new  = !session;
+        if (session && !session->is_kept()) { // it ends with its connection
+            end(*session);
+            session = nullptr;
+        }
+        const bool is_new = !session;
         if (is_new)
             session = state_->sessions.make(id, state_->bounds());
-        const bool was_kept = session->is_kept();
-        session->expiry_s   = is_new && below(4) == 0 ? 0 : static_cast<uint32_t>(1 + below(99));
-        session->away_ms    = 0;
+        session->expiry_s = is_new && below(4) == 0 ? 0 : static_cast<uint32_t>(1 + below(99));
+        session->away_ms  = 0;
         set_will(*session);
         session->deliveries.set_sink(session->is_kept() ? recorder_.get() : nullptr);
         session->deliveries.resume();
-        if (!session->is_kept())
-            return;
-        // What a session has that becomes a kept one takes more than a record.
-        expect_recorded(is_new || was_kept ? recorder_->session(*session)
-                                           : recorder_->session_with_all(*session, state_->subscriptions));
+        if (session->is_kept())
+            expect_recorded(recorder_->session(*session));
     }
     void go_away(Session &session)
     {
