@@ -2,6 +2,7 @@
 // there. A seed is a life.
 #include "standard/checkpoint.h"
 #include "state_support.h"
+#include "support/log_capture.h"
 #include "support/timing.h"
 
 #include <algorithm>
@@ -384,6 +385,17 @@ void expect_right(const Files &files, const Moment &moment, const Life &life)
     EXPECT_EQ(lines, life.after(moment.told)) << "nor what there was up to change " << moment.begun;
 }
 
+// The last moment is behind the end.
+void expect_right_at_each(const std::vector<Moment> &moments, const Life &life)
+{
+    EXPECT_EQ(moments.back().told, moments.back().begun);
+    for (size_t i = 0; i < moments.size() && !testing::Test::HasFailure(); ++i) {
+        SCOPED_TRACE("call " + std::to_string(i));
+        expect_right(moments[i].killed, moments[i], life);
+        expect_right(moments[i].powerless, moments[i], life);
+    }
+}
+
 } // namespace
 
 TEST(records_random, a_restart_brings_all_back)
@@ -441,11 +453,31 @@ TEST(records_random, a_kill_at_any_call_loses_nothing_that_was_said_to_be_saved)
         life.stop();
         disk.before = nullptr;
         moments.push_back(moment_of(disk, life));
-        EXPECT_EQ(moments.back().told, moments.back().begun);
-        for (size_t i = 0; i < moments.size() && !HasFailure(); ++i) {
-            SCOPED_TRACE("call " + std::to_string(i));
-            expect_right(moments[i].killed, moments[i], life);
-            expect_right(moments[i].powerless, moments[i], life);
-        }
+        expect_right_at_each(moments, life);
     }
+}
+
+TEST(records_random, nor_does_a_kill_on_a_disk_that_fails_at_times)
+{
+    LogCapture log; // of each failure
+    fs::remove_all("data");
+    TestDisk            disk;
+    std::mt19937        random(1);
+    std::atomic<bool>   healthy{false};
+    Life                life(disk, 1);
+    std::vector<Moment> moments;
+    disk.most_at_once   = 200;
+    disk.loses_unsynced = true;
+    disk.before         = [&](DiskCall call) {
+        if (call != DiskCall::Read)
+            moments.push_back(moment_of(disk, life));
+        return !healthy && random() % 16 == 0 ? EIO : 0;
+    };
+    for (int i = 0; i < 200; ++i)
+        life.change();
+    healthy = true;
+    life.stop();
+    disk.before = nullptr;
+    moments.push_back(moment_of(disk, life));
+    expect_right_at_each(moments, life);
 }
