@@ -155,8 +155,6 @@ void RetainedStore::discard(RetainedEntry &entry) noexcept
 
 void RetainedStore::unlink(RetainedEntry &entry) noexcept
 {
-    if (cursor_ == &entry)
-        cursor_ = entry.next;
     for (RetainedInPieces *walk = walks_; walk; walk = walk->next_)
         if (walk->at_ == &entry)
             walk->at_ = entry.next;
