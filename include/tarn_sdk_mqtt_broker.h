@@ -122,7 +122,7 @@ enum {
     TARN_LIMIT_RECEIVE_MAXIMUM        = 6, /* its publications at QoS 2 that may be open, 1..65535; 1000 */
     TARN_LIMIT_SESSION_EXPIRY         = 7, /* s that its session outlives its connection; 4294967295 = for ever */
     /* of all clients */
-    TARN_LIMIT_SESSIONS          = 8,  /* of clients that are away; 100000 */
+    TARN_LIMIT_SESSIONS          = 8,  /* of clients that are connected or away, 1 or more; 100000 */
     TARN_LIMIT_RETAINED_MESSAGES = 9,  /* 100000 */
     TARN_LIMIT_RETAINED_BYTES    = 10, /* of them, 0..2^40; 256 MiB */
     TARN_LIMIT_CONNECT_TIMEOUT   = 11  /* ms in which a new connection has to say CONNECT, 100..3600000; 30000 */

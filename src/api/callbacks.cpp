@@ -58,7 +58,11 @@ void tarn_sdk_mqtt_broker_register_acl_callback(broker_t *broker, broker_acl_cb_
 
 bool api::accepts(mqtt_client_t &client, const char *client_id, const char *username, const char *password) noexcept
 {
-    broker_t *const owner = owner_of(client);
+    return accepts(owner_of(client), client_id, username, password);
+}
+
+bool api::accepts(broker_t *owner, const char *client_id, const char *username, const char *password) noexcept
+{
     if (!owner)
         return true;
     const broker_auth_cb_t ask = peek_acquire(owner->auth_cb);
@@ -103,8 +107,7 @@ bool api::asks_about_topics(mqtt_client_t &client) noexcept
     return owner && peek_acquire(owner->acl_cb);
 }
 
-bool api::asks_about_logins(mqtt_client_t &client) noexcept
+bool api::asks_about_logins(broker_t *owner) noexcept
 {
-    const broker_t *const owner = owner_of(client);
     return owner && peek_acquire(owner->auth_cb);
 }

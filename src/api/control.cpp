@@ -17,7 +17,7 @@ constexpr size_t  kTextChars            = 1023; // more than a log line shows
 void end(mqtt_client_t &client, uint32_t state)
 {
     if (standard::is_on())
-        return standard::kick(client.handle, kAdministrativeAction);
+        return standard::kick(client, kAdministrativeAction);
     end_with_disconnect(client);
     handler::send_disconnect(client, kAdministrativeAction);
     close_seen(client, state);

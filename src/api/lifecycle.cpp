@@ -272,7 +272,7 @@ void tarn_sdk_mqtt_broker_deinit(broker_t *broker)
     LifecycleLock life;
     if (!life)
         return;
-    standard::say_goodbye();
+    standard::end_all_connections();
     net::stop();
     standard::stop();
     persist::destroy();

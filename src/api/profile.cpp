@@ -43,7 +43,7 @@ constexpr Row      kRows[]   = {
     /* TARN_LIMIT_SUBSCRIPTIONS          */ {put<&Limits::subscriptions>, 1, kMaxCount},
     /* TARN_LIMIT_RECEIVE_MAXIMUM        */ {put<&Limits::receive_maximum>, 1, UINT16_MAX},
     /* TARN_LIMIT_SESSION_EXPIRY         */ {put<&Limits::session_expiry_max_s>, 0, UINT32_MAX},
-    /* TARN_LIMIT_SESSIONS               */ {put<&Limits::sessions>, 0, kMaxCount},
+    /* TARN_LIMIT_SESSIONS               */ {put<&Limits::sessions>, 1, kMaxCount},
     /* TARN_LIMIT_RETAINED_MESSAGES      */ {put<&Limits::retained_messages>, 0, kMaxCount},
     /* TARN_LIMIT_RETAINED_BYTES         */ {put<&Limits::retained_bytes>, 0, kMaxBytes},
     /* TARN_LIMIT_CONNECT_TIMEOUT        */ {put<&Limits::connect_timeout_ms>, 100, 3'600'000},

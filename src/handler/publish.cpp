@@ -144,7 +144,7 @@ int handle_publish(mqtt_client_t &client, Packet packet) noexcept
     // QUIRK(never-own): a client never receives its own publications, whatever its subscription says; MQTT leaves that
     // to the No Local option [MQTT-3.8.3-3]. Where it is the chosen member of a shared group, nobody of the group gets
     // them.
-    //   standard profile: lifted (own messages)
+    //   standard profile: lifted (own messages): but for bridges of other brokers, which mark their level, 3.1.1
     //   test: publish.a_publisher_never_receives_its_own_message, publish.the_chosen_member_may_be_the_publisher
     Routing routing(kRules, forwarded(message));
     routing.excluded = client.client_id;

@@ -5,6 +5,7 @@
 #include "../stats/stats.hpp"
 #include "c_text.h"
 #include "engine.h"
+#include "stored_properties.h"
 
 namespace tarn::standard {
 
@@ -23,6 +24,7 @@ struct Login {
     client_id_text   made_up    = {}; // to be told, 5.0
     bool             is_made_up = false;
     client_id_text   stored     = {};
+    StoredWill       will       = {};
 };
 
 bool speaks_v5(const Connect &connect)
@@ -51,8 +53,10 @@ void note_receiver(Connection &connection, const Connect &connect)
     const ScopedLock lock(engine_mutex);
     connection.level               = connect.level;
     connection.is_bridge           = connect.is_bridge;
-    connection.maximum_packet_size = connect.properties.maximum_packet_size.value_or(codec::standard::kPacketMax);
-    connection.receive_maximum     = static_cast<uint16_t>(connect.properties.receive_maximum.value_or(65535));
+    connection.maximum_packet_size = connect.properties.maximum_packet_size.value_or(0);
+    if (connection.maximum_packet_size == 0) // absent, or an error that is still to be told
+        connection.maximum_packet_size = codec::standard::kPacketMax;
+    connection.receive_maximum = static_cast<uint16_t>(connect.properties.receive_maximum.value_or(65535));
 }
 
 // ---- who it is
@@ -80,20 +84,23 @@ bool has_terminator(codec::standard::Bytes password)
 }
 
 // The host's callback takes texts. It would see the beginning of a password with a zero byte, so that is no password.
-Verdict authenticate(const Login &login)
+bool is_accepted(const Login &login)
 {
     const Connect               &connect  = login.connect;
+    broker_t *const              broker   = login.connection.broker;
     const codec::standard::Bytes password = connect.password.value_or(codec::standard::Bytes{});
     const CText                  user(connect.user_name.value_or(std::string_view{}));
     const CText                  secret({reinterpret_cast<const char *>(password.data()), password.size()});
-    if (!user || !secret)
-        return {Reason::ServerUnavailable, "no memory for its user name and password"};
-    if (has_terminator(password) && api::asks_about_logins(*login.connection.record))
-        return {Reason::BadUserNameOrPassword, "a password with a zero byte"};
-    const char *const id = login.is_made_up ? "" : login.stored.text;
-    if (!api::accepts(*login.connection.record, id, user.get(), secret.get()))
-        return {Reason::BadUserNameOrPassword, "the host does not accept its user name and password"};
-    return {};
+    if (!user || !secret || (has_terminator(password) && api::asks_about_logins(broker)))
+        return false;
+    return api::accepts(broker, login.is_made_up ? "" : login.stored.text, user.get(), secret.get());
+}
+
+Verdict authenticate(const Login &login)
+{
+    if (is_accepted(login))
+        return {};
+    return {Reason::BadUserNameOrPassword, "the host does not accept its user name and password"};
 }
 
 Verdict authorize_will(const Login &login)
@@ -106,6 +113,52 @@ Verdict authorize_will(const Login &login)
     return {Reason::NotAuthorized, "the host does not allow its will"};
 }
 
+StoredWill will_of(const Login &login)
+{
+    if (!login.connect.will)
+        return {};
+    const codec::standard::Will &will      = *login.connect.will;
+    Properties                   forwarded = will.properties;
+    StoredWill                   stored;
+    stored.delay_s  = std::exchange(forwarded.will_delay, std::nullopt).value_or(0);
+    stored.expiry_s = std::exchange(forwarded.message_expiry, std::nullopt);
+    const StoredProperties properties(forwarded);
+    if (properties)
+        stored.message = MessageRef::make({.number     = ++*login.connection.message_numbers,
+                                           .expires_ms = 0,
+                                           .sender     = 0, // until it is published
+                                           .qos        = will.qos,
+                                           .retain     = will.retain,
+                                           .topic      = will.topic,
+                                           .properties = properties.bytes(),
+                                           .payload    = will.payload});
+    return stored;
+}
+
+bool make_record(Connection &connection)
+{
+    client_ref       record = client::make_record(connection.id, connection.broker);
+    const ScopedLock lock(engine_mutex);
+    connection.record = std::move(record);
+    return static_cast<bool>(connection.record);
+}
+
+// All places are taken, one of them by an earlier connection of this client, which has to go anyway: if it is this client
+// indeed. True: it has gone.
+bool end_earlier(const Login &login)
+{
+    if (login.is_made_up || !is_accepted(login))
+        return false;
+    Turn turn;
+    if (!turn)
+        return false;
+    Session *const session = turn->state.sessions.find(login.id);
+    if (!session || !session->connection)
+        return false;
+    end_connection(*turn, *session->connection, Reason::SessionTakenOver);
+    return true;
+}
+
 Verdict judge(Login &login)
 {
     Connection &connection = login.connection;
@@ -113,8 +166,10 @@ Verdict judge(Login &login)
         return {Reason::BadAuthenticationMethod, "extended authentication is not supported"};
     if (Verdict verdict = identify(login); !verdict.ok())
         return verdict;
-    connection.record = client::make_record(connection.id, connection.broker);
-    if (!connection.record)
+    login.will = will_of(login);
+    if (login.connect.will && !login.will.message)
+        return {Reason::ServerUnavailable, "no memory for its will"};
+    if (!make_record(connection) && !(end_earlier(login) && make_record(connection)))
         return {Reason::ServerUnavailable, "there is no place for another client"};
     client::name_record(*connection.record, login.stored.text, static_cast<uint8_t>(login.connect.level),
                         login.connect.clean_start);
@@ -152,34 +207,9 @@ Session *session_left_by_earlier(Engine &engine, const Login &login) REQUIRES(en
 Session *make_session(Engine &engine, const Login &login) REQUIRES(engine_mutex)
 {
     State &state = engine.state;
-    if (state.sessions.count() >= state.limits.sessions)
+    if (expiry_of(login.connect) > 0 && state.sessions.count_kept() >= state.limits.sessions)
         return nullptr;
     return state.sessions.make(login.id, state.bounds());
-}
-
-StoredWill will_of(Engine &engine, const Connect &connect, const Session &session) REQUIRES(engine_mutex)
-{
-    if (!connect.will)
-        return {};
-    const codec::standard::Will &will      = *connect.will;
-    Properties                   forwarded = will.properties;
-    StoredWill                   stored;
-    stored.delay_s    = std::exchange(forwarded.will_delay, std::nullopt).value_or(0);
-    stored.expiry_s   = std::exchange(forwarded.message_expiry, std::nullopt);
-    const size_t size = codec::standard::size_of_properties(forwarded, PUBLISH);
-    if (!engine.scratch.reserve(size))
-        return {};
-    const std::span<uint8_t> properties(engine.scratch.data(), size);
-    (void)codec::standard::encode_properties(forwarded, PUBLISH, properties);
-    stored.message = MessageRef::make({.number     = ++engine.state.last_message,
-                                       .expires_ms = 0,
-                                       .sender     = session.number,
-                                       .qos        = will.qos,
-                                       .retain     = will.retain,
-                                       .topic      = will.topic,
-                                       .properties = properties,
-                                       .payload    = will.payload});
-    return stored;
 }
 
 // A client that came back has not vanished: its delayed will is forgotten [MQTT-3.1.3-9].
@@ -187,16 +217,15 @@ bool begin_session(Engine &engine, const Login &login, Session &session) REQUIRE
 {
     Connection &connection = login.connection;
     engine.state.sessions.set_nothing_due(session);
-    session.will = will_of(engine, login.connect, session);
-    if (login.connect.will && !session.will.message)
-        return false;
+    session.will       = login.will;
     session.expiry_s   = std::min(expiry_of(login.connect), engine.state.limits.session_expiry_max_s);
     session.away_ms    = 0;
     session.connection = &connection;
     session.deliveries.set_sink(session.is_kept() ? &engine.recorder : nullptr);
     session.deliveries.resume();
     session.incoming.connected(speaks_v5(login.connect) ? engine.state.limits.receive_maximum : uint16_t{65535});
-    const bool was_known = std::exchange(session.is_known_to_files, session.is_kept());
+    const bool was_known = session.is_known_to_files;
+    engine.state.sessions.set_known_to_files(session, session.is_kept());
     if (session.is_kept())
         return engine.recorder.session(session);
     return !was_known || engine.recorder.session_is_gone(session);
@@ -248,6 +277,7 @@ void open_connection(Engine &engine, const Login &login, Session &session) REQUI
 {
     Connection &connection    = login.connection;
     connection.session        = &session;
+    connection.session_number = session.number;
     connection.longest_packet = engine.state.limits.max_packet_size;
     connection.last_packet_ms = mono_ms();
     connection.outgoing_aliases.set_maximum(login.connect.properties.topic_alias_maximum.value_or(0));
@@ -255,23 +285,36 @@ void open_connection(Engine &engine, const Login &login, Session &session) REQUI
     connection.stage.store(Stage::Connected);
 }
 
-// Refused: Busy, or no room for its session.
+// What is left out the client takes as it is by default, and learns where it meets it.
+void send_connack(Engine &engine, Connection &connection, const Connack &connack, uint64_t journaled)
+    REQUIRES(engine_mutex)
+{
+    Connack answer = connack;
+    if (codec::standard::size_of(connack, connection.receiver()) == 0) {
+        answer.properties                    = {};
+        answer.properties.assigned_client_id = connack.properties.assigned_client_id;
+    }
+    send(engine, connection, answer, journaled);
+}
+
+// Not Success: there is no room for its session, or it cannot be recorded.
 Reason log_in(Engine &engine, const Login &login) REQUIRES(engine_mutex)
 {
-    Connection &connection = login.connection;
-    Session    *session    = session_left_by_earlier(engine, login);
-    Connack     connack;
+    Connection    &connection = login.connection;
+    const uint64_t before     = engine.recorder.position();
+    Session       *session    = session_left_by_earlier(engine, login);
+    Connack        connack;
     connack.session_present = session != nullptr; // [MQTT-3.2.2-3]
     if (!session && !(session = make_session(engine, login)))
-        return Reason::QuotaExceeded;
+        return Reason::ServerUnavailable;
     if (!begin_session(engine, login, *session)) {
         give_back(engine, *session, connack.session_present);
-        return Reason::ServerBusy;
+        return Reason::ServerUnavailable;
     }
     open_connection(engine, login, *session);
-    connack.properties = agreed(engine, login, *session);
-    send(engine, connection, connack, session->is_known_to_files ? engine.recorder.position() : 0);
-    list_for_flush(engine, connection);
+    connack.properties    = agreed(engine, login, *session);
+    const uint64_t behind = engine.recorder.position();
+    send_connack(engine, connection, connack, behind != before ? behind : 0);
     return Reason::Success;
 }
 

@@ -31,12 +31,16 @@ struct Connection : InDueHeap { // due, on the steady clock: what it must have s
     net::Connection        id;
     broker_t              *broker              = nullptr;
     codec::standard::Level level               = codec::standard::Level::Mqtt5;
-    size_t                 longest_packet      = 0;     // of the client's next one
-    bool                   is_bridge           = false; // gets nothing back that it sent, and retain as it was
-    uint32_t               silence_ms          = 0;     // after which it is closed; 0 = never
+    size_t                 longest_packet      = 0; // of the client's next one
+    size_t                 most_subscriptions  = 0;
+    uint64_t               session_number      = 0;
+    std::atomic<uint64_t> *message_numbers     = nullptr; // State::last_message
+    bool                   is_bridge           = false;   // gets nothing back that it sent, and retain as it was
+    uint32_t               silence_ms          = 0;       // after which it is closed; 0 = never
     size_t                 maximum_packet_size = codec::standard::kPacketMax; // that the client takes
     uint16_t               receive_maximum     = 65535;
     Shared<uint64_t>       last_packet_ms      = 0; // steady clock
+    Shared<uint32_t>       arriving            = 0; // bytes of a long packet that is on its way
 
     std::atomic<Stage> stage{Stage::Closed}; // written with the engine's mutex held
     std::atomic<bool>  is_served{false};     // a thread has a packet of it in hand
@@ -47,9 +51,12 @@ struct Connection : InDueHeap { // due, on the steady clock: what it must have s
     OutgoingAliases outgoing_aliases;
     bool            is_blocked        = false; // the socket took no more
     bool            is_listed         = false; // to be flushed
+    bool            is_for_later      = false; // to be listed
+    bool            is_broken         = false; // cannot go on
     bool            waits_for_journal = false; // in that list
     Connection     *next_listed       = nullptr;
     Connection     *next_waiting      = nullptr;
+    Connection     *next_later        = nullptr;
 
     [[nodiscard]] codec::standard::Receiver receiver() const noexcept { return {level, maximum_packet_size}; }
     [[nodiscard]] bool speaks_v5() const noexcept { return level == codec::standard::Level::Mqtt5; }

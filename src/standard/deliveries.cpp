@@ -71,14 +71,24 @@ Offered Deliveries::offer(const MessageRef &message, uint8_t qos, bool retain,
     }
     append(queue_, *made);
     count_in(*made);
+    note_expiry(*message);
     return result;
 }
 
-// Queued, or why it is not.
+// For drop_expired(): nothing in the queue expires before.
+void Deliveries::note_expiry(const Message &message) noexcept
+{
+    if (message.expires_ms() != 0)
+        first_expiry_ms_ = std::min(first_expiry_ms_, message.expires_ms());
+}
+
+// An empty queue takes any message. Queued, or why it is not.
 Offered Deliveries::refusal_of(uint8_t qos, size_t bytes) const noexcept
 {
     const Amount &held  = qos == 0 ? qos0_ : stored_;
     const Amount &bound = qos == 0 ? bounds_.qos0 : bounds_.stored;
+    if (held.count == 0)
+        return Offered::Queued;
     if (held.count >= bound.count)
         return Offered::TooMany;
     return held.bytes > bound.bytes || bytes > bound.bytes - held.bytes ? Offered::TooManyBytes : Offered::Queued;
@@ -275,10 +285,15 @@ Acknowledged Deliveries::pubcomp(uint16_t packet_id, uint8_t reason) noexcept
 
 void Deliveries::drop_expired(uint64_t now_ms) noexcept
 {
+    if (now_ms < first_expiry_ms_)
+        return;
+    first_expiry_ms_ = kNever;
     for (Delivery *at = queue_.first(); at;) {
         Delivery *const checked = std::exchange(at, at->next);
-        if (!is_expired(*checked->message, now_ms))
+        if (!is_expired(*checked->message, now_ms)) {
+            note_expiry(*checked->message);
             continue;
+        }
         ++drops_.expired;
         finish(*checked);
     }

@@ -151,7 +151,7 @@ public:
     Acknowledged pubrec(uint16_t packet_id, uint8_t reason) noexcept;
     Acknowledged pubcomp(uint16_t packet_id, uint8_t reason) noexcept;
 
-    // Looks at all that is queued; next() drops what has expired by itself.
+    // Looks at all that is queued, if any of it can have expired; next() drops what has expired by itself.
     void drop_expired(uint64_t now_ms) noexcept;
 
     // Calls visit(const DeliveryRecord &) for each at QoS 1 and 2. restore() of each in this order, and then
@@ -185,6 +185,7 @@ private:
     [[nodiscard]] Delivery *make(const MessageRef &message, uint8_t qos, bool retain,
                                  std::span<const uint32_t> subscription_identifiers) noexcept;
     [[nodiscard]] bool      record_queued(Delivery &delivery) noexcept;
+    void                    note_expiry(const Message &message) noexcept;
 
     [[nodiscard]] Delivery *due_again(bool has_room) noexcept;
     [[nodiscard]] Outgoing  next_again(Delivery &delivery, uint64_t now_ms, const ReceiverLimits &limits) noexcept;
@@ -224,6 +225,9 @@ private:
     Drops         drops_;
     uint64_t      last_number_ = 0;
     uint64_t      last_order_  = 0;
+
+    static constexpr uint64_t kNever           = UINT64_MAX;
+    uint64_t                  first_expiry_ms_ = kNever; // nothing in `queue_` expires before
 
     bool      connected_      = false;
     uint32_t  connection_     = 1;       // their count since the start; restored deliveries have 0

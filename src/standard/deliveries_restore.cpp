@@ -42,6 +42,8 @@ Restored Deliveries::restore(const DeliveryRecord &record) noexcept
     made->number = record.number;
     append(queue_, *made);
     count_in(*made);
+    if (record.message)
+        note_expiry(*record.message);
     if (record.packet_id != 0)
         begin_flight(*made, record.packet_id);
     if (record.received)

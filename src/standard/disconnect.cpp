@@ -19,7 +19,8 @@ bool change_expiry(const Engine &engine, Session &session, std::optional<uint32_
     return true;
 }
 
-void leave(Engine &engine, Connection &connection, const codec::standard::Disconnect &disconnect) REQUIRES(engine_mutex)
+void accept(Engine &engine, Connection &connection, const codec::standard::Disconnect &disconnect)
+    REQUIRES(engine_mutex)
 {
     if (!connection.session)
         return;
@@ -40,7 +41,7 @@ void handle_disconnect(const Incoming &incoming) noexcept
     api::tell(*connection.record, BROKER_EVENT_DISCONNECTED);
     Turn turn;
     if (turn)
-        leave(*turn, connection, disconnect);
+        accept(*turn, connection, disconnect);
 }
 
 // Only who named a method in CONNECT may send it, and such a CONNECT is refused [MQTT-4.12.0-6].

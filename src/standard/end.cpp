@@ -9,7 +9,9 @@ namespace tarn::standard {
 namespace {
 
 constexpr uint64_t kNever       = UINT64_MAX;
-constexpr size_t   kExpiredMost = 100; // retained messages that one turn discards
+constexpr uint32_t kSlowest     = 16;   // bytes a ms: a long packet may take so long
+constexpr int      kEndsMost    = 1000; // sessions that one turn ends
+constexpr size_t   kExpiredMost = 100;  // retained messages that one turn discards
 
 void send_what_may_leave(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
 {
@@ -30,6 +32,12 @@ void close_soon(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
     (void)engine.silent.add(connection); // which has room for it: it was there
 }
 
+bool is_ended(const Connection &connection)
+{
+    const Stage stage = connection.stage.load();
+    return stage == Stage::Closed || stage == Stage::Ending;
+}
+
 uint64_t end_of(const Session &session)
 {
     return session.expiry_s == kForever_s ? kNever : session.away_ms + uint64_t{session.expiry_s} * 1000;
@@ -45,6 +53,7 @@ void go_away(Engine &engine, Session &session, WithWill will) REQUIRES(engine_mu
 {
     session.connection = nullptr;
     session.deliveries.absent();
+    count_drops(session);
     session.away_ms = wall_ms();
     if (will == WithWill::No)
         session.will = {};
@@ -63,6 +72,7 @@ void go_away(Engine &engine, Session &session, WithWill will) REQUIRES(engine_mu
 void end_connection(Engine &engine, Connection &connection, Reason reason, WithWill will) noexcept
 {
     const Stage stage = connection.stage.load();
+    connection.outbox.drop_waiting(engine.synced); // the word would stand behind it, and is more to the client
     if (connection.speaks_v5() && stage == Stage::Connected)
         send(engine, connection, codec::standard::Disconnect{reason, {}});
     drop_connection(engine, connection, will);
@@ -70,13 +80,19 @@ void end_connection(Engine &engine, Connection &connection, Reason reason, WithW
 
 void drop_connection(Engine &engine, Connection &connection, WithWill will) noexcept
 {
-    const Stage stage = connection.stage.load();
-    if (stage == Stage::Closed || stage == Stage::Ending)
+    if (!is_ended(connection)) {
+        send_what_may_leave(engine, connection);
+        leave(engine, connection, will);
+        close_soon(engine, connection);
+    }
+}
+
+void leave(Engine &engine, Connection &connection, WithWill will) noexcept
+{
+    if (is_ended(connection))
         return;
-    send_what_may_leave(engine, connection);
     connection.stage.store(Stage::Ending);
     engine.silent.remove(connection);
-    close_soon(engine, connection);
     if (Session *const session = std::exchange(connection.session, nullptr))
         go_away(engine, *session, will);
 }
@@ -115,7 +131,7 @@ void end_silent(Engine &engine, uint64_t now_ms) REQUIRES(engine_mutex)
             close_soon(engine, *connection);
             return;
         }
-        connection->due_ms = connection->last_packet_ms + connection->silence_ms;
+        connection->due_ms = connection->last_packet_ms + connection->silence_ms + connection->arriving / kSlowest;
         if (connection->due_ms > now_ms) {
             (void)engine.silent.add(*connection);
             continue;
@@ -129,7 +145,10 @@ void end_silent(Engine &engine, uint64_t now_ms) REQUIRES(engine_mutex)
 
 void end_due_sessions(Engine &engine, uint64_t now_ms) REQUIRES(engine_mutex)
 {
-    while (Session *const session = engine.state.sessions.first_due(now_ms)) {
+    for (int i = 0; i < kEndsMost; ++i) {
+        Session *const session = engine.state.sessions.first_due(now_ms);
+        if (!session)
+            return;
         if (end_of(*session) <= now_ms) {
             end_session(engine, *session);
             continue;
@@ -150,7 +169,10 @@ void turn() noexcept
     end_silent(*turn, mono_ms());
     end_due_sessions(*turn, now_ms);
     (void)turn->state.retained.discard_expired(now_ms, kExpiredMost);
+    (void)turn->recorder.catch_up();
     turn->checkpointer.step();
+    turn->retained_budget = Engine::kRetainedBudget;
+    list_those_for_later(*turn);
     if (turn->waiting)
         watch_journal(*turn);
 }

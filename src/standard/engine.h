@@ -6,7 +6,8 @@
 //   publish.cpp      PUBLISH, and each other way in which a message comes about
 //   route.cpp        who gets a message
 //   acknowledge.cpp  PUBACK, PUBREC, PUBREL, PUBCOMP
-//   subscribe.cpp    SUBSCRIBE and UNSUBSCRIBE; retained messages for a new subscription
+//   subscribe.cpp    SUBSCRIBE and UNSUBSCRIBE
+//   give_retained.cpp  the retained messages that a subscription begins with
 //   send.cpp         packets into outboxes, outboxes into sockets
 //   end.cpp          the end of a connection, of a session, and what is due by the clock
 //   will.cpp         wills
@@ -47,6 +48,7 @@ struct Engine {
     DueHeap<Connection>        silent;               // those that must have said something by then
     Connection                *listed     = nullptr; // to be flushed
     Connection                *waiting    = nullptr; // for the journal
+    Connection                *later      = nullptr; // to be listed at the next turn()
     ToldWill                  *told_wills = nullptr;
     broker_t                  *broker     = nullptr; // of the latest connection
     GrowArray<net::Connection> ending;               // to be closed without the mutex
@@ -59,6 +61,10 @@ struct Engine {
     } journal_waiter;
 
     bool told_retained_full = false; // a line said so
+
+    size_t retained_budget = kRetainedBudget; // retained messages that are looked at until the next turn()
+
+    static constexpr size_t kRetainedBudget = 20'000;
 };
 
 // One entry into the engine, with its mutex. At its end what was queued leaves, unless a round of the network layer sends
@@ -109,12 +115,13 @@ struct Publication {
     MessageRef message;
     Session   *sender       = nullptr; // the session it came from; null: the host, or a will
     uint16_t   packet_id    = 0;       // that the sender holds at QoS 2
-    bool       is_refusable = false;   // the sender is told if it cannot be retained; else the rest is done
+    bool       has_answer   = false;   // the sender is told whether it is done
+    bool       is_refusable = false;   // and that it cannot be retained; else the rest is done
 };
 enum class PublishResult : uint8_t {
     Done,
     NobodyThere,
-    QueueFull,    // some who should have it did not get it
+    QueueFull,    // nobody who should have it has room for it
     RetainedFull, // nothing was done
     NotRecorded,  // likewise, as far as files are concerned
 };
@@ -123,7 +130,7 @@ PublishResult publish(Engine &engine, const Publication &publication) noexcept R
 
 struct Routed {
     size_t receivers = 0;
-    size_t refused   = 0; // whose queue is full, at QoS 1 and 2
+    size_t refused   = 0; // of these, those whose queue is full, at QoS 1 and 2
 };
 Routed route(Engine &engine, const MessageRef &message) noexcept REQUIRES(engine_mutex);
 // To one session that subscribed. False: it should have it and does not get it.
@@ -138,13 +145,21 @@ template <class Packet>
 void send(Engine &engine, Connection &connection, const Packet &packet, uint64_t journaled = 0) noexcept
     REQUIRES(engine_mutex);
 void send_bytes(Engine &engine, Connection &connection, codec::standard::Bytes packet, uint64_t journaled = 0,
-                const MessageRef &payload = {}) noexcept REQUIRES(engine_mutex);
+                const Outbox::Tail &tail = {}) noexcept REQUIRES(engine_mutex);
 void send_ack(Engine &engine, Connection &connection, PacketType type, uint16_t packet_id,
               Reason reason = Reason::Success, uint64_t journaled = 0) noexcept REQUIRES(engine_mutex);
 // Its session has something for it, or its socket takes bytes again.
 void list_for_flush(Engine &engine, Connection &connection) noexcept REQUIRES(engine_mutex);
+// The same at the next turn(), for what would hold others up.
+void list_for_later(Engine &engine, Connection &connection) noexcept REQUIRES(engine_mutex);
+void list_those_for_later(Engine &engine) noexcept REQUIRES(engine_mutex);
+// It cannot go on, for want of memory or since its socket is broken: it is dropped when it would be flushed.
+void fail(Engine &engine, Connection &connection) noexcept REQUIRES(engine_mutex);
 void flush_listed(Engine &engine) noexcept REQUIRES(engine_mutex);
-void flush(Engine &engine, Connection &connection) noexcept REQUIRES(engine_mutex);
+// Retained messages for new subscriptions of the session, as many as go now; false: none (give_retained.cpp).
+bool give_retained(Engine &engine, Session &session) noexcept REQUIRES(engine_mutex);
+// Counts what was dropped since the last time.
+void count_drops(Session &session) noexcept;
 // Flushes those that wait for the journal when it is on the disk.
 void watch_journal(Engine &engine) noexcept REQUIRES(engine_mutex);
 // The thread is in a round of the network layer, which flushes at its end.
@@ -160,6 +175,8 @@ void end_connection(Engine &engine, Connection &connection, Reason reason, WithW
     REQUIRES(engine_mutex);
 // The same without a word: the client has gone, or cannot be told.
 void drop_connection(Engine &engine, Connection &connection, WithWill will) noexcept REQUIRES(engine_mutex);
+// The first half of that: its session is without it, and the caller closes.
+void leave(Engine &engine, Connection &connection, WithWill will) noexcept REQUIRES(engine_mutex);
 // With its subscriptions, deliveries, and will, which is published.
 void end_session(Engine &engine, Session &session) noexcept REQUIRES(engine_mutex);
 // The session of a client that went, until it comes back: what is due of it by then.
@@ -179,11 +196,14 @@ codec::standard::Bytes encoded(Engine &engine, const Packet &packet, const codec
     return {engine.scratch.data(), encode(packet, receiver, {engine.scratch.data(), size})};
 }
 
+// What the client does not take, or for which there is no memory, ends the connection.
 template <class Packet>
 void send(Engine &engine, Connection &connection, const Packet &packet, uint64_t journaled) noexcept
 {
-    if (const codec::standard::Bytes bytes = encoded(engine, packet, connection.receiver()); !bytes.empty())
-        send_bytes(engine, connection, bytes, journaled);
+    const codec::standard::Bytes bytes = encoded(engine, packet, connection.receiver());
+    if (bytes.empty())
+        return fail(engine, connection);
+    send_bytes(engine, connection, bytes, journaled);
 }
 
 } // namespace tarn::standard

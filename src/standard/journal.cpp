@@ -149,6 +149,12 @@ bool Journal::is_too_large(size_t size) const noexcept
     return size > limits_.most_unsynced || size > UINT32_MAX;
 }
 
+bool Journal::can_take(size_t size) noexcept
+{
+    ScopedLock lock(mutex_);
+    return open_ && appended_ - synced_ + size <= limits_.most_unsynced;
+}
+
 Appended Journal::append(uint8_t type, RecordParts parts) noexcept
 {
     const size_t size = record_size(parts);

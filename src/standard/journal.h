@@ -69,6 +69,9 @@ public:
     // Copies a record, of type 1 to 255, behind the others.
     [[nodiscard]] Appended append(uint8_t type, RecordParts parts) noexcept;
 
+    // Whether a record with `size` bytes of parts would be taken now, if there is memory.
+    [[nodiscard]] bool can_take(size_t size) noexcept;
+
     // The waiter is told once when all records up to `position` are on the disk: by the journal's thread, without a
     // lock, in the order in which they began to wait for rising positions. What is there already is not waited for.
     // False without memory, which does not come while each record has one waiter at most.

@@ -1,4 +1,4 @@
-// message.cpp - see message.h. A message is one block of memory: the object, then properties, topic and payload.
+// message.cpp - see message.h. A message is one block of memory: the object, then topic, properties and payload.
 #include "message.h"
 
 #include <cstdlib>
@@ -29,15 +29,15 @@ MessageRef MessageRef::make(const MessageParts &parts) noexcept
     void *const block = malloc(sizeof(Message) + rest);
     if (!block)
         return made;
-    auto *const          at      = static_cast<uint8_t *>(block) + sizeof(Message);
-    uint8_t *const       topic   = append(at, parts.properties.data(), parts.properties.size());
-    uint8_t *const       payload = append(topic, parts.topic.data(), parts.topic.size());
-    const uint8_t *const end     = append(payload, parts.payload.data(), parts.payload.size());
-    MessageParts         inside  = parts;
-    inside.properties            = {at, topic};
-    inside.topic                 = {reinterpret_cast<const char *>(topic), parts.topic.size()};
-    inside.payload               = {static_cast<const uint8_t *>(payload), end};
-    made.message_                = new (block) Message(inside);
+    auto *const          at         = static_cast<uint8_t *>(block) + sizeof(Message);
+    uint8_t *const       properties = append(at, parts.topic.data(), parts.topic.size());
+    uint8_t *const       payload    = append(properties, parts.properties.data(), parts.properties.size());
+    const uint8_t *const end        = append(payload, parts.payload.data(), parts.payload.size());
+    MessageParts         inside     = parts;
+    inside.topic                    = {reinterpret_cast<const char *>(at), parts.topic.size()};
+    inside.properties               = {properties, payload};
+    inside.payload                  = {static_cast<const uint8_t *>(payload), end};
+    made.message_                   = new (block) Message(inside);
     return made;
 }
 

@@ -33,7 +33,11 @@ public:
     std::string_view         topic() const { return parts_.topic; }
     std::span<const uint8_t> properties() const { return parts_.properties; }
     std::span<const uint8_t> payload() const { return parts_.payload; }
-    size_t                   size() const; // bytes of memory
+    std::span<const uint8_t> properties_and_payload() const // which stand behind each other
+    {
+        return {parts_.properties.data(), parts_.properties.size() + parts_.payload.size()};
+    }
+    size_t size() const; // bytes of memory
 
     // The latest checkpoint that has it, 0 = none. Under the mutex of the engine.
     uint32_t copied_in() const { return copied_in_; }

@@ -9,24 +9,26 @@
 
 namespace tarn::standard {
 
-// Copied bytes, or a long payload.
+// Copied bytes, or a long tail.
 struct Outbox::Chunk {
     static constexpr size_t kRoom = 4000; // a chunk fits into a page
 
-    Chunk     *next      = nullptr;
-    uint64_t   journaled = 0; // leaves when the journal is on the disk up to there
-    MessageRef message;       // whose payload it is
-    size_t     size = 0;
-    size_t     sent = 0; // of a payload: it leaves in pieces
-    uint8_t    copied[kRoom];
+    Chunk         *next      = nullptr;
+    uint64_t       journaled = 0; // leaves when the journal is on the disk up to there
+    MessageRef     message;       // that has the bytes of a tail
+    const uint8_t *tail          = nullptr;
+    size_t         size          = 0;
+    size_t         sent          = 0; // of a tail: it leaves in pieces
+    bool           begins_packet = false;
+    uint8_t        copied[kRoom];
 
-    const uint8_t *bytes() const { return message ? message->payload().data() : copied; }
-    size_t         room() const { return message ? 0 : kRoom - size; }
+    const uint8_t *bytes() const { return tail ? tail : copied; }
+    size_t         room() const { return tail ? 0 : kRoom - size; }
 };
 
 namespace {
 
-constexpr size_t kCopiedMax = 1024; // bytes of a payload; a longer one is sent from where it lies
+constexpr size_t kCopiedMax = 1024; // bytes of a tail; a longer one is sent from where it lies
 constexpr size_t kSparesMax = 256;  // a megabyte
 
 constinit size_t g_spare_count = 0; // chunks that wait to be used again; the engine's lock
@@ -93,25 +95,37 @@ void Outbox::clear() noexcept
 {
     while (first_)
         drop_first();
-    bytes_ = 0;
+    bytes_  = 0;
+    copied_ = 0;
 }
 
 // ---- adding
 
-// The last chunk, if what waits for this place of the journal may stand in it.
+// The last chunk, if what waits for this place of the journal may stand in it. One that waits itself waits a little
+// longer for it, so that a thousand acknowledgements do not take a chunk each.
 Outbox::Chunk *Outbox::with_room(uint64_t journaled) noexcept
 {
-    return last_ && journaled <= last_->journaled && last_->room() > 0 ? last_ : nullptr;
+    if (!last_ || last_->room() == 0)
+        return nullptr;
+    if (journaled > last_->journaled) {
+        if (last_->journaled == 0 || last_->sent > 0 || !last_->begins_packet)
+            return nullptr;
+        last_->journaled = journaled;
+    }
+    return last_;
 }
 
 // Fills `into`, and then fresh chunks; returns the last.
-Outbox::Chunk *Outbox::copy(std::span<const uint8_t> bytes, Chunk *into, Chunk *&fresh) noexcept
+Outbox::Chunk *Outbox::copy(std::span<const uint8_t> bytes, Chunk *into, Chunk *&fresh, bool is_head) noexcept
 {
+    bool begins_packet = is_head;
     while (!bytes.empty()) {
         if (!into || into->room() == 0) {
             into = std::exchange(fresh, fresh->next);
             append(*into);
+            into->begins_packet = begins_packet;
         }
+        begins_packet     = false;
         const size_t part = std::min(bytes.size(), into->room());
         memcpy(into->copied + into->size, bytes.data(), part);
         into->size += part;
@@ -120,29 +134,46 @@ Outbox::Chunk *Outbox::copy(std::span<const uint8_t> bytes, Chunk *into, Chunk *
     return into;
 }
 
-bool Outbox::add(std::span<const uint8_t> packet, uint64_t journaled, const MessageRef &message) noexcept
+bool Outbox::add(std::span<const uint8_t> packet, uint64_t journaled, const Tail &tail) noexcept
 {
     if (last_)
         journaled = std::max(journaled, last_->journaled); // it waits behind that one anyway
-    const std::span<const uint8_t> payload = message ? message->payload() : std::span<const uint8_t>();
-    const bool                     refers  = payload.size() > kCopiedMax;
-    const size_t                   copied  = packet.size() + (refers ? 0 : payload.size());
-    Chunk                         *into    = with_room(journaled);
-    const size_t                   beyond  = copied - std::min(copied, into ? into->room() : 0);
-    const size_t                   wanted  = (beyond + Chunk::kRoom - 1) / Chunk::kRoom + refers;
-    Chunk                         *fresh   = make(wanted, journaled);
+    const bool   refers = tail.bytes.size() > kCopiedMax;
+    const size_t copied = packet.size() + (refers ? 0 : tail.bytes.size());
+    Chunk       *into   = with_room(journaled);
+    const size_t beyond = copied - std::min(copied, into ? into->room() : 0);
+    const size_t wanted = (beyond + Chunk::kRoom - 1) / Chunk::kRoom + refers;
+    Chunk       *fresh  = make(wanted, journaled);
     if (wanted > 0 && !fresh)
         return false;
-    into = copy(packet, into, fresh);
+    into = copy(packet, into, fresh, true);
     if (refers) {
-        fresh->message = message;
-        fresh->size    = payload.size();
+        fresh->message = tail.message;
+        fresh->tail    = tail.bytes.data();
+        fresh->size    = tail.bytes.size();
         append(*fresh);
     } else {
-        (void)copy(payload, into, fresh); // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): all made are used
+        (void)copy(tail.bytes, into, fresh,
+                   false); // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): all made are used
     }
-    bytes_ += packet.size() + payload.size();
+    bytes_ += packet.size() + tail.bytes.size();
+    copied_ += copied;
     return true;
+}
+
+void Outbox::drop_waiting(uint64_t journaled) noexcept
+{
+    Chunk *last = nullptr;
+    Chunk *from = first_;
+    while (from && from->journaled <= journaled)
+        last = std::exchange(from, from->next);
+    (last ? last->next : first_) = nullptr;
+    last_                        = last;
+    while (from) {
+        bytes_ -= from->size - from->sent;
+        copied_ -= from->tail ? 0 : from->size - from->sent;
+        let_go(std::exchange(from, from->next));
+    }
 }
 
 // ---- sending
@@ -167,6 +198,7 @@ void Outbox::note_sent(const net::OutPacket *pieces, int count) noexcept
         const auto piece = static_cast<size_t>(pieces[i].length);
         first_->sent += piece;
         bytes_ -= piece;
+        copied_ -= first_->tail ? 0 : piece;
         if (first_->sent == first_->size)
             drop_first();
     }

@@ -18,10 +18,13 @@ public:
     Outbox(const Outbox &)            = delete;
     Outbox &operator=(const Outbox &) = delete;
 
-    // Adds a packet: `packet`, and behind it the payload of `message` if there is one. It does not leave before the
-    // journal is on the disk up to the place `journaled`. False, and nothing is added, without memory.
-    [[nodiscard]] bool add(std::span<const uint8_t> packet, uint64_t journaled,
-                           const MessageRef &message = {}) noexcept;
+    // Adds a packet: `packet`, and behind it a tail. It does not leave before the journal is on the disk up to the place
+    // `journaled`. False, and nothing is added, without memory.
+    struct Tail {
+        MessageRef               message; // that has the bytes; empty: there are none
+        std::span<const uint8_t> bytes;
+    };
+    [[nodiscard]] bool add(std::span<const uint8_t> packet, uint64_t journaled, const Tail &tail = {}) noexcept;
 
     // Sends what may leave, as far as `send` takes it.
     enum class Left : uint8_t {
@@ -34,14 +37,17 @@ public:
     Left flush(Send send, void *to, uint64_t journaled) noexcept;
 
     [[nodiscard]] bool   empty() const { return !first_; }
-    [[nodiscard]] size_t bytes() const { return bytes_; } // that are not sent yet
-    void                 clear() noexcept;
+    [[nodiscard]] size_t bytes() const { return bytes_; }         // that are not sent yet
+    [[nodiscard]] size_t copied_bytes() const { return copied_; } // of these, those that take memory here
+    // What has to wait longer goes; what is left ends with a whole packet.
+    void drop_waiting(uint64_t journaled) noexcept;
+    void clear() noexcept;
 
 private:
     struct Chunk;
 
     Chunk        *with_room(uint64_t journaled) noexcept;
-    Chunk        *copy(std::span<const uint8_t> bytes, Chunk *into, Chunk *&fresh) noexcept;
+    Chunk        *copy(std::span<const uint8_t> bytes, Chunk *into, Chunk *&fresh, bool is_head) noexcept;
     void          append(Chunk &chunk) noexcept;
     void          drop_first() noexcept;
     int           gather(net::OutPacket *pieces, uint64_t journaled) const noexcept;
@@ -49,9 +55,10 @@ private:
     static void   let_go(Chunk *chunk) noexcept;
     static Chunk *make(size_t count, uint64_t journaled) noexcept;
 
-    Chunk *first_ = nullptr;
-    Chunk *last_  = nullptr;
-    size_t bytes_ = 0;
+    Chunk *first_  = nullptr;
+    Chunk *last_   = nullptr;
+    size_t bytes_  = 0;
+    size_t copied_ = 0;
 };
 
 } // namespace tarn::standard

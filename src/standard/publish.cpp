@@ -5,6 +5,7 @@
 #include "../stats/stats.hpp"
 #include "c_text.h"
 #include "engine.h"
+#include "stored_properties.h"
 
 namespace tarn::standard {
 
@@ -26,6 +27,8 @@ bool retain(RetainedStore &retained, const MessageRef &message)
     return result == RetainedStore::Set::Stored || result == RetainedStore::Set::Replaced;
 }
 
+constexpr size_t kReceiversMost = size_t{1} << 20; // bytes of a record that say who is to have a message
+
 // One line each time that it gets full.
 void note_retained(Engine &engine, bool is_retained) REQUIRES(engine_mutex)
 {
@@ -40,6 +43,8 @@ PublishResult publish(Engine &engine, const Publication &publication) noexcept
 {
     const MessageRef &message     = publication.message;
     bool              is_retained = false;
+    if (publication.has_answer && !engine.journal.can_take(message->size() + kReceiversMost))
+        return PublishResult::NotRecorded;
     if (message->retain()) {
         is_retained = retain(engine.state.retained, message);
         if (!is_retained && publication.is_refusable)
@@ -51,7 +56,7 @@ PublishResult publish(Engine &engine, const Publication &publication) noexcept
     const bool   recorded = engine.recorder.end_publication({is_retained, publication.sender, publication.packet_id});
     if (!recorded)
         return PublishResult::NotRecorded;
-    if (routed.refused > 0)
+    if (routed.refused > 0 && routed.refused == routed.receivers)
         return PublishResult::QueueFull;
     return routed.receivers > 0 ? PublishResult::Done : PublishResult::NobodyThere;
 }
@@ -61,13 +66,14 @@ PublishResult publish(Engine &engine, const Publication &publication) noexcept
 namespace {
 
 constexpr Reason kReasons[] = {
-    Reason::Success, Reason::NoMatchingSubscribers, Reason::QuotaExceeded, Reason::QuotaExceeded, Reason::ServerBusy,
+    Reason::Success,       Reason::NoMatchingSubscribers,       Reason::QuotaExceeded,
+    Reason::QuotaExceeded, Reason::ImplementationSpecificError,
 };
 constexpr Reason reason_of(PublishResult result)
 {
     return kReasons[static_cast<size_t>(result)];
 }
-static_assert(reason_of(PublishResult::NotRecorded) == Reason::ServerBusy);
+static_assert(reason_of(PublishResult::NotRecorded) == Reason::ImplementationSpecificError);
 
 // Puts the topic of the alias into the packet, or notes it for the alias (3.3.2.3.4).
 Verdict resolve_alias(Connection &connection, Publish &publish)
@@ -88,41 +94,49 @@ Verdict resolve_alias(Connection &connection, Publish &publish)
     return {};
 }
 
-MessageRef message_of(Engine &engine, const Publish &publish, const Session &session) REQUIRES(engine_mutex)
+// Made without the mutex: it may be long.
+MessageRef message_of(const Connection &connection, const Publish &publish)
 {
     codec::standard::Properties forwarded = publish.properties;
     const auto                  expiry_s  = std::exchange(forwarded.message_expiry, std::nullopt);
     forwarded.topic_alias.reset();
-    const size_t size = codec::standard::size_of_properties(forwarded, PUBLISH);
-    if (!engine.scratch.reserve(size))
+    const StoredProperties properties(forwarded);
+    if (!properties)
         return {};
-    const std::span<uint8_t> properties(engine.scratch.data(), size);
-    (void)codec::standard::encode_properties(forwarded, PUBLISH, properties);
-    return MessageRef::make({.number     = ++engine.state.last_message,
+    return MessageRef::make({.number     = ++*connection.message_numbers,
                              .expires_ms = expiry_s ? wall_ms() + uint64_t{*expiry_s} * 1000 : 0,
-                             .sender     = session.number,
+                             .sender     = connection.session_number,
                              .qos        = publish.qos,
                              .retain     = publish.retain,
                              .topic      = publish.topic,
-                             .properties = properties,
+                             .properties = properties.bytes(),
                              .payload    = publish.payload});
+}
+
+// The identifier is free again, as a file must know.
+void release(Engine &engine, Session &session, uint16_t packet_id) REQUIRES(engine_mutex)
+{
+    if (session.incoming.release(packet_id) && session.is_kept())
+        (void)engine.recorder.released(session, packet_id);
 }
 
 // The answer to a PUBLISH at QoS 1 or 2. A refusal at QoS 2 ends the exchange, and 3.1.1 has none: there a message that
 // was not recorded ends the connection, so that the client sends it again.
-void answer(Engine &engine, Connection &connection, const Publish &publish, PublishResult result, uint64_t journaled)
+void answer(Engine &engine, Connection &connection, const Publish &publish, PublishResult result, uint64_t before)
     REQUIRES(engine_mutex)
 {
     if (publish.qos == 0)
         return;
     Reason reason = reason_of(result);
-    if (!connection.speaks_v5() && result == PublishResult::NotRecorded)
-        return end_connection(engine, connection, reason);
-    if (!connection.speaks_v5())
+    if (!connection.speaks_v5() && result != PublishResult::NotRecorded)
         reason = Reason::Success;
     if (publish.qos == 2 && is_failure(reason))
-        (void)connection.session->incoming.release(publish.packet_id);
-    send_ack(engine, connection, publish.qos == 1 ? PUBACK : PUBREC, publish.packet_id, reason, journaled);
+        release(engine, *connection.session, publish.packet_id);
+    if (!connection.speaks_v5() && is_failure(reason))
+        return end_connection(engine, connection, reason);
+    const uint64_t behind = engine.recorder.position();
+    send_ack(engine, connection, publish.qos == 1 ? PUBACK : PUBREC, publish.packet_id, reason,
+             behind != before ? behind : 0); // without a record it waits for nothing
 }
 
 // At QoS 2 once for each packet identifier, until it is released. False: there is nothing to publish.
@@ -146,23 +160,18 @@ bool begin_exchange(Engine &engine, Connection &connection, const Publish &publi
     return false;
 }
 
-void accept(Engine &engine, Connection &connection, const Publish &publish) REQUIRES(engine_mutex)
+void accept(Engine &engine, Connection &connection, const Publish &publish, const MessageRef &message)
+    REQUIRES(engine_mutex)
 {
     if (!begin_exchange(engine, connection, publish))
         return;
-    Session         &session = *connection.session;
-    const MessageRef message = message_of(engine, publish, session);
-    if (!message) {
-        if (publish.qos == 2)
-            (void)session.incoming.release(publish.packet_id);
-        return end_connection(engine, connection, Reason::QuotaExceeded);
-    }
-    const uint64_t      before = engine.recorder.position();
-    const PublishResult result =
-        standard::publish(engine, {message, publish.qos == 2 ? &session : nullptr, publish.packet_id,
-                                   connection.speaks_v5() && publish.qos > 0});
-    const uint64_t behind = engine.recorder.position();
-    answer(engine, connection, publish, result, behind != before ? behind : 0); // with no record it waits for nothing
+    const uint64_t before = engine.recorder.position();
+    Publication    publication{.message = message};
+    publication.sender       = publish.qos == 2 ? connection.session : nullptr;
+    publication.packet_id    = publish.packet_id;
+    publication.has_answer   = publish.qos > 0;
+    publication.is_refusable = publish.qos > 0 && connection.speaks_v5();
+    answer(engine, connection, publish, standard::publish(engine, publication), before);
 }
 
 // The host does not allow it: 3.1.1 acknowledges it nevertheless, as it has no other answer.
@@ -170,11 +179,14 @@ void deny(Engine &engine, Connection &connection, const Publish &publish) REQUIR
 {
     if (publish.qos == 0)
         return;
-    if (connection.speaks_v5())
-        return send_ack(engine, connection, publish.qos == 1 ? PUBACK : PUBREC, publish.packet_id,
-                        Reason::NotAuthorized);
+    const PacketType type = publish.qos == 1 ? PUBACK : PUBREC;
+    if (connection.speaks_v5()) {
+        if (publish.qos == 2) // an earlier connection may have begun it
+            release(engine, *connection.session, publish.packet_id);
+        return send_ack(engine, connection, type, publish.packet_id, Reason::NotAuthorized, engine.recorder.position());
+    }
     if (begin_exchange(engine, connection, publish))
-        send_ack(engine, connection, publish.qos == 1 ? PUBACK : PUBREC, publish.packet_id);
+        send_ack(engine, connection, type, publish.packet_id);
 }
 
 } // namespace
@@ -192,14 +204,18 @@ void handle_publish(const Incoming &incoming) noexcept
 
     const CText topic(publish.topic);
     const bool  is_allowed = topic && api::allows(*connection.record, topic.get(), BROKER_ACL_PUBLISH);
-    if (is_allowed)
+    MessageRef  message;
+    if (is_allowed) {
         api::tell(*connection.record, BROKER_EVENT_PUBLISH, topic.get(), publish.qos);
-
+        message = message_of(connection, publish);
+        if (!message)
+            return refuse_packet(connection, {Reason::QuotaExceeded, "there was no memory for its message"});
+    }
     Turn turn;
     if (!turn || !connection.session)
         return; // it was taken over or kicked meanwhile
     if (is_allowed)
-        accept(*turn, connection, publish);
+        accept(*turn, connection, publish, message);
     else
         deny(*turn, connection, publish);
 }

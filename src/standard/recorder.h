@@ -20,8 +20,11 @@ class Recorder final : public DeliverySink {
 public:
     explicit Recorder(Journal &journal) noexcept : journal_(journal) {}
 
-    // Where the journal has the last record, for those who wait until it is on the disk.
-    [[nodiscard]] uint64_t position() const noexcept { return position_; }
+    // Where the journal has the last record, or will have it, for those who wait until it is on the disk.
+    [[nodiscard]] uint64_t position() const noexcept;
+
+    // Records what waits because the journal had no room. To be called now and then; false: some of it waits still.
+    bool catch_up() noexcept;
 
     // All false: there is no record, so that what changed must not be said to be kept.
 
@@ -48,10 +51,6 @@ public:
     void sent(uint64_t session, uint64_t number, uint16_t packet_id) noexcept override;
     void received(uint64_t session, uint64_t number, uint16_t packet_id) noexcept override;
     void done(uint64_t session, uint64_t number, uint16_t packet_id) noexcept override;
-
-    // Records what waits. Each record does so first; to be called now and then in case that there is none. False: some
-    // of it still waits.
-    bool catch_up() noexcept;
 
 private:
     // Of a delivery.

@@ -155,6 +155,9 @@ void RetainedStore::unlink(RetainedEntry &entry) noexcept
 {
     if (cursor_ == &entry)
         cursor_ = entry.next;
+    for (RetainedInPieces *walk = walks_; walk; walk = walk->next_)
+        if (walk->at_ == &entry)
+            walk->at_ = entry.next;
     (entry.previous ? entry.previous->next : first_) = entry.next;
     (entry.next ? entry.next->previous : last_)      = entry.previous;
     message_bytes_ -= entry.message->size();
@@ -280,6 +283,30 @@ void RetainedStore::match_entries(std::string_view filter, const Visitor<const R
         RetainedWalk(tree_, found).run(filter);
     else if (const RetainedEntry *const entry = find_entry(filter))
         found(*entry);
+}
+
+// ---- walks in pieces
+
+void RetainedStore::begin(RetainedInPieces &walk) noexcept
+{
+    walk.end();
+    walk.at_   = first_;
+    walk.list_ = &walks_;
+    walk.next_ = walks_;
+    if (walks_)
+        walks_->previous_ = &walk;
+    walks_ = &walk;
+}
+
+void RetainedInPieces::end() noexcept
+{
+    if (!list_)
+        return;
+    (previous_ ? previous_->next_ : *list_) = next_;
+    if (next_)
+        next_->previous_ = previous_;
+    list_     = nullptr;
+    previous_ = next_ = nullptr;
 }
 
 } // namespace tarn::standard

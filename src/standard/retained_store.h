@@ -38,6 +38,27 @@ struct RetainedEntry : InTable<RetainedEntry>, InDueHeap {
     RetainedEntry *previous = nullptr;
 };
 
+// A walk in pieces through all of a store, in the order in which their topics came, while they come and go.
+class RetainedInPieces {
+public:
+    RetainedInPieces()                                    = default;
+    RetainedInPieces(const RetainedInPieces &)            = delete;
+    RetainedInPieces &operator=(const RetainedInPieces &) = delete;
+    ~RetainedInPieces() { end(); }
+
+    const RetainedEntry *at() const noexcept { return at_; } // null: at the end
+    void                 go_on() noexcept { at_ = at_->next; }
+
+private:
+    friend class RetainedStore;
+    void end() noexcept;
+
+    RetainedEntry     *at_       = nullptr;
+    RetainedInPieces **list_     = nullptr; // of the store's walks; null: not begun
+    RetainedInPieces  *next_     = nullptr;
+    RetainedInPieces  *previous_ = nullptr;
+};
+
 class RetainedStore {
 public:
     enum class Set { Stored, Replaced, Full, NoMemory };
@@ -88,6 +109,8 @@ public:
     private:
         const RetainedEntry *at_;
     };
+    void begin(RetainedInPieces &walk) noexcept;
+
     // The entry that a walk in pieces comes to next; it is moved on when that entry goes.
     RetainedEntry *&cursor() noexcept { return cursor_; }
     RetainedEntry  *first() const noexcept { return first_; }
@@ -117,6 +140,7 @@ private:
     RetainedEntry           *first_         = nullptr;
     RetainedEntry           *last_          = nullptr;
     RetainedEntry           *cursor_        = nullptr;
+    RetainedInPieces        *walks_         = nullptr;
     size_t                   message_bytes_ = 0;
 };
 

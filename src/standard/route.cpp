@@ -23,17 +23,29 @@ bool is_lost(Offered offered, uint8_t qos)
     return offered != Offered::Queued && (qos > 0 || offered != Offered::NotConnected);
 }
 
-bool takes_at_once(const Session &session)
+constexpr size_t kHeadMost = 64; // bytes of a PUBLISH beside topic, properties and payload
+
+bool is_small_enough(const Connection &connection, const Message &message)
 {
-    return session.connection && !session.connection->is_blocked && !session.told_full &&
-           session.deliveries.in_flight() < session.connection->receive_maximum;
+    const size_t size = kHeadMost + message.topic().size() + message.payload().size() +
+                        (connection.speaks_v5() ? message.properties().size() : 0);
+    return size <= connection.maximum_packet_size;
 }
 
-bool can_keep(const Session &session, uint8_t qos, const DeliveryBounds &bounds)
+bool takes_at_once(const Session &session, const Message &message)
 {
+    return session.connection && !session.connection->is_blocked && !session.told_full &&
+           session.deliveries.in_flight() < session.connection->receive_maximum &&
+           is_small_enough(*session.connection, message);
+}
+
+bool can_keep(const Session &session, const Message &message, uint8_t qos, const DeliveryBounds &bounds)
+{
+    if (session.connection && !is_small_enough(*session.connection, message))
+        return false;
     const Amount &held  = qos > 0 ? session.deliveries.stored() : session.deliveries.waiting_qos0();
     const Amount &bound = qos > 0 ? bounds.stored : bounds.qos0;
-    return (qos > 0 || session.connection) && held.count < bound.count && held.bytes < bound.bytes;
+    return (qos > 0 || session.connection) && held.count < bound.count && held.bytes + message.size() <= bound.bytes;
 }
 
 class Route {
@@ -52,22 +64,28 @@ public:
     {
         const Subscriber *chosen = group.next([this](uint64_t number, const SubscriptionOptions & /*options*/) {
             const Session *const session = engine_.state.sessions.find(number);
-            return session && takes_at_once(*session);
+            return session && takes_at_once(*session, *message_);
         });
         if (!chosen)
             chosen = group.next([this](uint64_t number, const SubscriptionOptions &options) {
                 const Session *const session = engine_.state.sessions.find(number);
-                return session && can_keep(*session, std::min(options.qos, message_->qos()), engine_.state.bounds());
+                return session &&
+                       can_keep(*session, *message_, std::min(options.qos, message_->qos()), engine_.state.bounds());
             });
         if (chosen)
             give(*engine_.state.sessions.find(chosen->session), chosen->options);
         else if (message_->qos() > 0)
-            ++routed_.refused;
+            refuse();
     }
 
     const Routed &routed() const { return routed_; }
 
 private:
+    void refuse()
+    {
+        ++routed_.receivers;
+        ++routed_.refused;
+    }
     void give(Session &session, const SubscriptionOptions &options) REQUIRES(engine_mutex)
     {
         ++routed_.receivers;
@@ -101,7 +119,10 @@ bool deliver(Engine &engine, Session &session, const MessageRef &message, const 
     }
     if (!is_lost(offered, qos))
         return true;
-    note_full(session);
+    if (offered == Offered::TooMany || offered == Offered::TooManyBytes)
+        note_full(session);
+    else
+        stats::count(stats::Counter::drop_queue_full);
     return qos == 0; // which may be lost
 }
 

@@ -16,35 +16,31 @@ using codec::standard::Publish;
 
 namespace {
 
-constexpr size_t kOutboxMost = size_t{256} << 10; // bytes; a longer packet goes alone
+constexpr size_t   kOutboxMost   = size_t{256} << 10; // bytes of deliveries; a longer one goes alone
+constexpr size_t   kAnswersMost  = size_t{1} << 20;   // bytes that wait for a client that sends and does not read
+constexpr int      kFlushes      = 4;                 // of a full outbox, before others have their turn
+constexpr uint16_t kInFlightMost = 4096;              // deliveries at QoS 1 and 2, whatever the client takes
 
 constinit thread_local bool t_in_round = false;
 
 // ---- deliveries as packets
 
-Properties properties_of(const Outgoing &outgoing)
-{
-    Properties properties;
-    if (!outgoing.message->properties().empty())
-        (void)codec::standard::decode_properties(outgoing.message->properties(), PUBLISH, properties);
-    properties.message_expiry           = outgoing.expiry_s;
-    properties.subscription_identifiers = outgoing.subscription_identifiers;
-    return properties;
-}
-
+// The properties that the message came with go as they were stored.
 Publish publish_of(const Connection &connection, const Outgoing &outgoing, OutgoingAliases::Found &alias)
 {
-    Publish publish{.dup        = outgoing.dup,
-                    .retain     = outgoing.retain,
-                    .qos        = outgoing.qos,
-                    .topic      = outgoing.message->topic(),
-                    .packet_id  = outgoing.packet_id,
-                    .properties = {},
-                    .payload    = outgoing.message->payload()};
+    Publish publish;
+    publish.dup       = outgoing.dup;
+    publish.retain    = outgoing.retain;
+    publish.qos       = outgoing.qos;
+    publish.topic     = outgoing.message->topic();
+    publish.packet_id = outgoing.packet_id;
+    publish.payload   = outgoing.message->payload();
     if (!connection.speaks_v5())
         return publish;
-    publish.properties = properties_of(outgoing);
-    alias              = connection.outgoing_aliases.find(publish.topic);
+    publish.stored_properties                   = outgoing.message->properties();
+    publish.properties.message_expiry           = outgoing.expiry_s;
+    publish.properties.subscription_identifiers = outgoing.subscription_identifiers;
+    alias                                       = connection.outgoing_aliases.find(publish.topic);
     if (alias.alias != 0)
         publish.properties.topic_alias = alias.alias;
     if (alias.alias != 0 && !alias.is_new)
@@ -56,9 +52,11 @@ class ClientLimits final : public ReceiverLimits {
 public:
     explicit ClientLimits(const Connection &connection) noexcept : connection_(connection) {}
 
-    uint16_t receive_maximum() const override { return connection_.receive_maximum; }
+    uint16_t receive_maximum() const override { return std::min(connection_.receive_maximum, kInFlightMost); }
     bool     takes(const Outgoing &outgoing) const override
     {
+        if (connection_.maximum_packet_size == codec::standard::kPacketMax)
+            return true;
         OutgoingAliases::Found alias;
         Publish                publish = publish_of(connection_, outgoing, alias);
         if (publish.qos > 0 && publish.packet_id == 0)
@@ -77,12 +75,14 @@ void write_publish(Engine &engine, Connection &connection, const Outgoing &outgo
     const Publish          publish = publish_of(connection, outgoing, alias);
     const size_t           size    = codec::standard::size_of_head(publish, connection.receiver());
     if (size == 0 || !engine.scratch.reserve(size))
-        return drop_connection(engine, connection, WithWill::Yes); // it counts as sent, and goes again
+        return fail(engine, connection); // it counts as sent, and goes again
     const std::span<uint8_t> room(engine.scratch.data(), size);
     (void)codec::standard::encode_head(publish, connection.receiver(), room);
     if (alias.is_new)
         connection.outgoing_aliases.remember(outgoing.message->topic());
-    send_bytes(engine, connection, room, journaled, outgoing.message);
+    const Message &message = *outgoing.message;
+    send_bytes(engine, connection, room, journaled,
+               {outgoing.message, connection.speaks_v5() ? message.properties_and_payload() : message.payload()});
 }
 
 void write_delivery(Engine &engine, Connection &connection, const Outgoing &outgoing) REQUIRES(engine_mutex)
@@ -96,30 +96,25 @@ void write_delivery(Engine &engine, Connection &connection, const Outgoing &outg
         send_ack(engine, connection, PUBREL, outgoing.packet_id, Reason::Success, journaled);
 }
 
-void count_drops(Session &session)
-{
-    const Drops drops = session.deliveries.take_drops();
-    for (uint64_t i = 0; i < drops.too_large; ++i)
-        stats::count(stats::Counter::drop_too_big);
-    for (uint64_t i = 0; i < drops.disconnected; ++i)
-        stats::count(stats::Counter::drop_offline);
-}
-
 // As many of its session's deliveries as the outbox is to hold.
 void fill(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
 {
     const ClientLimits limits(connection);
-    const uint64_t     now_ms = wall_ms();
-    while (connection.session && connection.outbox.bytes() < kOutboxMost) {
-        const Outgoing outgoing = connection.session->deliveries.next(now_ms, limits);
-        if (outgoing.kind == Outgoing::Kind::Nothing) {
-            connection.session->told_full = false;
-            break;
+    const uint64_t     now_ms  = wall_ms();
+    Session           &session = *connection.session;
+    while (!connection.is_broken && connection.outbox.bytes() < kOutboxMost) {
+        const Outgoing outgoing = session.deliveries.next(now_ms, limits);
+        if (outgoing.kind != Outgoing::Kind::Nothing) {
+            write_delivery(engine, connection, outgoing);
+            continue;
         }
-        write_delivery(engine, connection, outgoing);
+        session.told_full = false;
+        if (!give_retained(engine, session))
+            break;
     }
-    if (connection.session)
-        count_drops(*connection.session);
+    if (session.retained.first())
+        list_for_later(engine, connection);
+    count_drops(session);
 }
 
 // ---- outboxes into sockets
@@ -139,24 +134,71 @@ void wait_for_journal(Engine &engine, Connection &connection) REQUIRES(engine_mu
     watch_journal(engine);
 }
 
+// True when the outbox was emptied, so that there may be more to put into it.
+bool send_outbox(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
+{
+    const bool was_full = connection.outbox.bytes() >= kOutboxMost;
+    switch (connection.outbox.flush(send_pieces, &connection, engine.synced)) {
+    case Outbox::Left::Nothing:
+        return was_full;
+    case Outbox::Left::Waits:
+        wait_for_journal(engine, connection);
+        return !connection.waits_for_journal;
+    case Outbox::Left::Blocked:
+        connection.is_blocked = true;
+        return false;
+    case Outbox::Left::Broken:
+        fail(engine, connection);
+        return false;
+    }
+    return false;
+}
+
+void flush(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
+{
+    for (int i = 0; i < kFlushes; ++i) {
+        if (connection.session && connection.stage.load() == Stage::Connected)
+            fill(engine, connection);
+        if (connection.is_blocked || !send_outbox(engine, connection))
+            return;
+    }
+    list_for_later(engine, connection);
+}
+
 } // namespace
 
+// What waits for a client that sends and does not read has a bound; its deliveries have another one.
 void send_bytes(Engine &engine, Connection &connection, Bytes packet, uint64_t journaled,
-                const MessageRef &payload) noexcept
+                const Outbox::Tail &tail) noexcept
 {
     if (connection.stage.load() != Stage::Connected && connection.stage.load() != Stage::Opened)
         return;
     stats::count(stats::Counter::tx_pkt);
-    if (connection.outbox.add(packet, journaled, payload))
+    if (connection.outbox.copied_bytes() < kAnswersMost && connection.outbox.add(packet, journaled, tail))
         list_for_flush(engine, connection);
     else
-        drop_connection(engine, connection, WithWill::Yes);
+        fail(engine, connection);
 }
 
 void send_ack(Engine &engine, Connection &connection, PacketType type, uint16_t packet_id, Reason reason,
               uint64_t journaled) noexcept
 {
     send(engine, connection, codec::standard::Ack{type, packet_id, reason, {}}, journaled);
+}
+
+void count_drops(Session &session) noexcept
+{
+    const Drops drops = session.deliveries.take_drops();
+    for (uint64_t i = 0; i < drops.too_large; ++i)
+        stats::count(stats::Counter::drop_too_big);
+    for (uint64_t i = 0; i < drops.disconnected; ++i)
+        stats::count(stats::Counter::drop_offline);
+}
+
+void fail(Engine &engine, Connection &connection) noexcept
+{
+    connection.is_broken = true;
+    list_for_flush(engine, connection);
 }
 
 void list_for_flush(Engine &engine, Connection &connection) noexcept
@@ -167,34 +209,33 @@ void list_for_flush(Engine &engine, Connection &connection) noexcept
     connection.next_listed = std::exchange(engine.listed, &connection);
 }
 
-void flush(Engine &engine, Connection &connection) noexcept
+void list_for_later(Engine &engine, Connection &connection) noexcept
 {
-    while (!connection.is_blocked) {
-        if (connection.stage.load() == Stage::Connected)
-            fill(engine, connection);
-        const bool had_more = connection.outbox.bytes() >= kOutboxMost;
-        switch (connection.outbox.flush(send_pieces, &connection, engine.synced)) {
-        case Outbox::Left::Nothing:
-            if (had_more)
-                continue; // there may be more where that came from
-            return;
-        case Outbox::Left::Waits:
-            return wait_for_journal(engine, connection);
-        case Outbox::Left::Blocked:
-            connection.is_blocked = true;
-            return;
-        case Outbox::Left::Broken:
-            return drop_connection(engine, connection, WithWill::Yes);
-        }
+    if (connection.is_for_later)
+        return;
+    connection.is_for_later = true;
+    connection.next_later   = std::exchange(engine.later, &connection);
+}
+
+void list_those_for_later(Engine &engine) noexcept
+{
+    while (Connection *const connection = engine.later) {
+        engine.later             = connection->next_later;
+        connection->is_for_later = false;
+        list_for_flush(engine, *connection);
     }
 }
 
+// While one is flushed it counts as listed: what it is given meanwhile leaves with the rest.
 void flush_listed(Engine &engine) noexcept
 {
     while (Connection *const connection = engine.listed) {
-        engine.listed         = connection->next_listed;
+        engine.listed = connection->next_listed;
+        if (!connection->is_broken)
+            flush(engine, *connection);
         connection->is_listed = false;
-        flush(engine, *connection);
+        if (connection->is_broken)
+            drop_connection(engine, *connection, WithWill::Yes);
     }
 }
 

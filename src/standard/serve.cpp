@@ -51,6 +51,11 @@ void begin(Engine &engine, Connection &connection, net::Connection id, broker_t 
     connection.maximum_packet_size = codec::standard::kPacketMax;
     connection.receive_maximum     = 65535;
     connection.is_blocked          = false;
+    connection.is_broken           = false;
+    connection.arriving            = 0;
+    connection.session_number      = 0;
+    connection.message_numbers     = &engine.state.last_message;
+    connection.most_subscriptions  = engine.state.limits.subscriptions;
     connection.silence_ms          = engine.state.limits.connect_timeout_ms;
     connection.last_packet_ms      = mono_ms();
     connection.due_ms              = connection.last_packet_ms + connection.silence_ms;
@@ -73,6 +78,8 @@ void on_opened(net::Connection id, broker_t *broker) noexcept
 void let_go(Connection &connection)
 {
     connection.incoming_aliases.clear();
+    if (connection.record)
+        client::end_record(*connection.record);
     connection.record.reset();
 }
 
@@ -82,12 +89,10 @@ void on_closed(uint32_t handle) noexcept
     Connection *const connection = turn ? connection_at(handle) : nullptr;
     if (!connection || connection->stage.load() == Stage::Closed)
         return;
-    drop_connection(*turn, *connection, WithWill::Yes);
+    leave(*turn, *connection, WithWill::Yes);
     turn->silent.remove(*connection);
     connection->outbox.clear();
     connection->outgoing_aliases.clear();
-    if (connection->record)
-        client::end_record(*connection->record);
     connection->stage.store(Stage::Closed);
     if (!connection->is_served.load())
         let_go(*connection);
@@ -144,6 +149,7 @@ void handle(Connection &connection, std::span<const uint8_t> packet)
     if (stage == Stage::Opened && type != CONNECT) // [MQTT-3.1.0-1]
         return refuse_packet(connection, {Reason::ProtocolError, "the first packet is no CONNECT"});
     connection.last_packet_ms = mono_ms();
+    connection.arriving       = 0;
     kHandlers[type]({connection, packet});
 }
 
@@ -169,14 +175,25 @@ net::Choice way_of(net::Connection /*connection*/, std::span<const uint8_t> pack
     return {net::Way::Aside, connect.client_id.empty() ? 0 : std::max(group, 1U)};
 }
 
+// A long packet may take longer than the keep-alive, which runs from packet to packet.
+void note_arriving(Connection &connection, size_t length)
+{
+    if (length <= NETIP_RX_SIZE || connection.stage.load() != Stage::Connected)
+        return;
+    connection.last_packet_ms = mono_ms();
+    connection.arriving       = static_cast<uint32_t>(length);
+}
+
 net::Measured measure(net::Connection id, std::span<const uint8_t> received) noexcept
 {
     Connection *const connection = connection_at(id.handle);
     if (!connection)
         return {.is_refused = true};
     const codec::standard::PacketLength packet = packet_length(received, connection->longest_packet);
-    if (packet.verdict.ok())
+    if (packet.verdict.ok()) {
+        note_arriving(*connection, packet.length);
         return {.length = packet.length};
+    }
     refuse_packet(*connection, packet.verdict);
     return {.is_refused = true};
 }

@@ -52,8 +52,16 @@ Session *Sessions::make(std::string_view id, const DeliveryBounds &bounds, uint6
     return session;
 }
 
+void Sessions::set_known_to_files(Session &session, bool is_known) noexcept
+{
+    kept_ += is_known;
+    kept_ -= session.is_known_to_files;
+    session.is_known_to_files = is_known;
+}
+
 void Sessions::destroy(Session &session) noexcept
 {
+    set_known_to_files(session, false);
     set_nothing_due(session);
     by_id_.remove(session);
     by_number_.remove(session.by_number);

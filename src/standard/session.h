@@ -6,6 +6,7 @@
 #include "due_heap.h"
 #include "hash_table.h"
 #include "incoming.h"
+#include "retained_queue.h"
 #include "text_hash.h"
 
 #include <string_view>
@@ -49,6 +50,7 @@ struct Session : InTable<Session>, InDueHeap {
     Deliveries          deliveries;
     IncomingIdentifiers incoming; // publications at QoS 2 that are not released
     StoredWill          will;
+    RetainedQueue       retained; // that it is still to be given
     size_t              wildcard_subscriptions = 0;
     bool                is_known_to_files      = false;
     bool                told_full              = false; // a line said that its queue is full
@@ -79,6 +81,8 @@ public:
     Session *first_due(uint64_t now_ms) const noexcept; // or null
 
     size_t   count() const noexcept { return by_id_.size(); }
+    size_t   count_kept() const noexcept { return kept_; } // as set_known_to_files() was told
+    void     set_known_to_files(Session &session, bool is_known) noexcept;
     Session *first() const noexcept { return first_; }
     uint64_t last_number() const noexcept { return last_number_; }
     void     note_number(uint64_t number) noexcept { last_number_ = number > last_number_ ? number : last_number_; }
@@ -96,6 +100,7 @@ private:
     Session                 *last_        = nullptr;
     Session                 *cursor_      = nullptr;
     uint64_t                 last_number_ = 0;
+    size_t                   kept_        = 0;
 };
 
 } // namespace tarn::standard

@@ -22,7 +22,7 @@ constinit Engine *g_engine GUARDED_BY(engine_mutex) = nullptr;
 void take_up(Engine &engine) REQUIRES(engine_mutex)
 {
     for (Session *session = engine.state.sessions.first(); session; session = session->next) {
-        session->is_known_to_files = true;
+        engine.state.sessions.set_known_to_files(*session, true);
         session->deliveries.set_sink(&engine.recorder);
         for (const Subscription &subscription : engine.state.subscriptions.of(session->number))
             session->wildcard_subscriptions += subscription.filter().find_first_of("+#") != std::string_view::npos;
@@ -96,7 +96,7 @@ void stop() noexcept
     delete engine;
 }
 
-void say_goodbye() noexcept
+void end_all_connections() noexcept
 {
     for (uint32_t handle = 0; handle < NETIP_CLIENTS_MAX; ++handle)
         if (Connection *const connection = connection_at(handle); connection) {
@@ -160,11 +160,11 @@ int32_t list_retained_topics(std::span<char> to) noexcept
     return static_cast<int32_t>(at);
 }
 
-void kick(uint32_t handle, uint8_t reason) noexcept
+void kick(mqtt_client_t &client, uint8_t reason) noexcept
 {
     Turn              turn;
-    Connection *const connection = turn ? connection_at(handle) : nullptr;
-    if (connection)
+    Connection *const connection = turn ? connection_at(client.handle) : nullptr;
+    if (connection && connection->record.get() == &client) // else its handle is another one's
         end_connection(*turn, *connection, static_cast<Reason>(reason));
 }
 

@@ -7,6 +7,8 @@
 
 #include "limits.h"
 
+#include "../client/client_types.h"
+
 #include <span>
 #include <string_view>
 
@@ -16,7 +18,7 @@ namespace tarn::standard {
 // False: nothing serves, and a line says why.
 bool start(const char *directory, const Limits &limits) noexcept;
 // Before net::stop(): every 5.0 client is told that the server shuts down, and all are closed.
-void say_goodbye() noexcept;
+void end_all_connections() noexcept;
 // Between net::stop() and client::deinit(). All that was acknowledged is on the disk afterwards. Harmless
 // while it is not on.
 void stop() noexcept;
@@ -55,7 +57,7 @@ bool clear_retained(std::string_view topic) noexcept; // false: there was none
 int32_t list_retained_topics(std::span<char> to) noexcept;
 
 // DISCONNECT with this reason (5.0), then the close. The session stays as it asked.
-void kick(uint32_t handle, uint8_t reason) noexcept;
+void kick(mqtt_client_t &client, uint8_t reason) noexcept;
 
 struct Counts {
     size_t sessions; // of clients that are connected or away

@@ -29,9 +29,9 @@ struct State {
     }
 
     const Limits          limits;
-    Sessions              sessions;
     SubscriptionTree      subscriptions;
     RetainedStore         retained;
+    Sessions              sessions;        // behind what they point into
     std::atomic<uint64_t> last_message{0}; // the number of the latest; any thread
     IdKey                 id_key{};
     uint32_t              last_checkpoint = 0; // since the start

@@ -3,6 +3,7 @@
 
 #include "text_hash.h"
 
+#include <atomic>
 #include <cstdio>
 #include <sys/random.h>
 
@@ -28,10 +29,11 @@ client_id_text stored_id(std::string_view id, const IdKey &key) noexcept
 
 client_id_text made_up_id() noexcept
 {
-    client_id_text id{};
-    uint64_t       number = 0;
+    client_id_text               id{};
+    static std::atomic<uint64_t> made{0};
+    uint64_t                     number = 0;
     if (getrandom(&number, sizeof number, 0) != sizeof number)
-        number = reinterpret_cast<uintptr_t>(&number);
+        number = ++made; // which cannot happen: so few bytes are never interrupted
     snprintf(id.text, sizeof id.text, "auto_%llu", static_cast<unsigned long long>(number));
     return id;
 }

@@ -6,6 +6,7 @@
 #include "../base/clock.h"
 #include "c_text.h"
 #include "engine.h"
+#include "filter_match.h"
 
 namespace tarn::standard {
 
@@ -25,11 +26,6 @@ struct Wanted {
     bool   gets_retained;
 };
 
-bool has_wildcard(std::string_view filter)
-{
-    return filter.find_first_of("+#") != filter.npos;
-}
-
 // A bridge at 3.1.1 has no options, and what it sends must not come back to it.
 SubscriptionOptions options_of(const Connection &connection, const Subscribe &subscribe, const Entry &entry)
 {
@@ -46,6 +42,14 @@ bool is_allowed(Connection &connection, std::string_view filter)
     return text && api::allows(*connection.record, text.get(), BROKER_ACL_SUBSCRIBE);
 }
 
+// More in one packet than a session may have are not looked at.
+Reason judge(Connection &connection, std::string_view filter, size_t position)
+{
+    if (position >= connection.most_subscriptions)
+        return Reason::QuotaExceeded;
+    return is_allowed(connection, filter) ? Reason::Success : Reason::NotAuthorized;
+}
+
 bool exceeds(const Engine &engine, const Session &session, std::string_view filter) REQUIRES(engine_mutex)
 {
     const Limits &limits = engine.state.limits;
@@ -56,8 +60,11 @@ bool exceeds(const Engine &engine, const Session &session, std::string_view filt
 Reason add(Engine &engine, Session &session, std::string_view filter, const SubscriptionOptions &options, bool &is_new)
     REQUIRES(engine_mutex)
 {
-    SubscriptionTree &tree = engine.state.subscriptions;
-    is_new                 = !tree.find(session.number, filter);
+    SubscriptionTree                   &tree  = engine.state.subscriptions;
+    const standard::Subscription *const there = tree.find(session.number, filter);
+    is_new                                    = !there;
+    if (there && there->options() == options)
+        return static_cast<Reason>(options.qos); // there is nothing to record
     if (is_new && exceeds(engine, session, filter))
         return Reason::QuotaExceeded;
     const SubscriptionTree::Added added = tree.add(session.number, filter, options);
@@ -98,31 +105,17 @@ bool subscribe_all(Connection &connection, const Subscribe &subscribe, Wanted *w
     return true;
 }
 
-// A message that is retained is delivered as such, whatever Retain As Published says [MQTT-3.3.1-8].
-void send_retained(Engine &engine, Session &session, std::string_view filter, const SubscriptionOptions &options)
-    REQUIRES(engine_mutex)
+// They are given as the client takes them, behind the answer.
+void want_retained(Connection &connection, const Subscribe &subscribe, const Wanted *wanted)
 {
-    const uint64_t now_ms = wall_ms();
-    auto           give   = [&](const MessageRef &message) NO_LOCK_ANALYSIS {
-        if (message->expires_ms() != 0 && message->expires_ms() <= now_ms)
-            return;
-        engine.recorder.begin_publication(message);
-        (void)deliver(engine, session, message, options, true);
-        (void)engine.recorder.end_publication({});
-    };
-    engine.state.retained.match(filter, give);
-}
-
-void send_all_retained(Connection &connection, const Subscribe &subscribe, const Wanted *wanted)
-{
-    for (const Entry &entry : subscribe.subscriptions) {
-        if (!(wanted++)->gets_retained)
-            continue;
-        Turn turn;
-        if (!turn || !connection.session)
-            return;
-        send_retained(*turn, *connection.session, entry.filter.filter, options_of(connection, subscribe, entry));
-    }
+    Turn turn;
+    if (!turn || !connection.session)
+        return;
+    for (const Entry &entry : subscribe.subscriptions)
+        if ((wanted++)->gets_retained &&
+            !connection.session->retained.add(entry.filter.filter, options_of(connection, subscribe, entry)))
+            return fail(*turn, connection);
+    list_for_flush(*turn, connection);
 }
 
 void tell(Connection &connection, uint32_t kind, std::string_view filter, int32_t qos)
@@ -162,7 +155,7 @@ void handle_subscribe(const Incoming &incoming) noexcept
         return refuse_for_memory(connection);
     size_t i = 0;
     for (const Entry &entry : subscribe.subscriptions)
-        wanted[i++] = {is_allowed(connection, entry.text) ? Reason::Success : Reason::NotAuthorized, false};
+        wanted[i++] = {judge(connection, entry.text, i), false};
     if (!subscribe_all(connection, subscribe, wanted.get()))
         return;
     for (i = 0; i < count; ++i)
@@ -173,7 +166,7 @@ void handle_subscribe(const Incoming &incoming) noexcept
     for (const Entry &entry : subscribe.subscriptions)
         if (!is_failure(reasons[i++]))
             tell(connection, BROKER_EVENT_SUBSCRIBE, entry.text, entry.qos);
-    send_all_retained(connection, subscribe, wanted.get());
+    want_retained(connection, subscribe, wanted.get());
 }
 
 namespace {

@@ -26,6 +26,8 @@ struct SubscriptionOptions {
     uint8_t  retain_handling     = 0;
     bool     no_local            = false;
     bool     retain_as_published = false;
+
+    bool operator==(const SubscriptionOptions &) const = default;
 };
 
 struct Filter;

@@ -7,12 +7,13 @@ namespace tarn::standard {
 namespace {
 
 // Its expiry begins when it is published (5.0 3.1.3.2.4).
-MessageRef message_of(Engine &engine, const StoredWill &will)
+MessageRef message_of(Engine &engine, const Session &session)
 {
-    const Message &stored = *will.message;
+    const StoredWill &will   = session.will;
+    const Message    &stored = *will.message;
     return MessageRef::make({.number     = ++engine.state.last_message,
                              .expires_ms = will.expiry_s ? wall_ms() + uint64_t{*will.expiry_s} * 1000 : 0,
-                             .sender     = stored.sender(),
+                             .sender     = session.number,
                              .qos        = stored.qos(),
                              .retain     = stored.retain(),
                              .topic      = stored.topic(),
@@ -36,15 +37,15 @@ void publish_will(Engine &engine, Session &session) noexcept
 {
     if (!session.will.message)
         return;
-    const MessageRef message = message_of(engine, session.will);
+    const MessageRef message = message_of(engine, session);
     session.will             = {};
-    if (session.is_known_to_files)
+    if (message) {
+        stats::count(stats::Counter::will_sent);
+        (void)publish(engine, {.message = message});
+        note_told(engine, message, session);
+    }
+    if (session.is_known_to_files) // behind the publication: a kill in between publishes it twice and loses none
         (void)engine.recorder.session(session);
-    if (!message)
-        return;
-    stats::count(stats::Counter::will_sent);
-    (void)publish(engine, {.message = message});
-    note_told(engine, message, session);
 }
 
 } // namespace tarn::standard

@@ -34,6 +34,8 @@ Verdict decode_disconnect(Bytes packet, Level level, Disconnect &disconnect) noe
     if (level == Level::Mqtt5) {
         read_reason(in, DISCONNECT, disconnect.reason, disconnect.properties);
         check_reason(in, DISCONNECT, disconnect.reason);
+        if (disconnect.properties.server_reference) // 3.14.2.2.5
+            in.refuse(Reason::ProtocolError, "DISCONNECT of a client has a Server Reference");
     }
     in.end(); // [MQTT-3.14.1-1]
     return in.verdict();

@@ -17,7 +17,8 @@ namespace tarn::codec::standard {
 }
 
 // length:varint properties
-void write_properties(Writer &out, const Properties &properties, PacketType packet) noexcept;
+// Of which `behind` bytes more stand behind those that are written here.
+void write_properties(Writer &out, const Properties &properties, PacketType packet, size_t behind = 0) noexcept;
 
 // How a packet is written that carries a reason: all but PUBLISH. Where a level does not have it, `write_body` refuses.
 //

@@ -67,12 +67,13 @@ struct Publish {
     std::string_view topic;         // empty: the topic of the alias, 5.0
     uint16_t         packet_id = 0; // QoS 1 and 2
     Properties       properties;
+    Bytes            stored_properties; // encoded: to be sent behind those above. Decoders leave it empty.
     Bytes            payload;
 };
 Verdict decode_publish(Bytes packet, Level level, Publish &publish) noexcept;
 
-// The head is all that stands before the payload, which is sent behind it from where it lies: its length counts, its
-// bytes are not read. At 3.1.1 there are no properties.
+// The head is all that stands before stored properties and payload, which are sent behind it from where they lie: their
+// lengths count, their bytes are not read. At 3.1.1 there are no properties.
 [[nodiscard]] size_t size_of_head(const Publish &publish, const Receiver &receiver) noexcept;
 size_t               encode_head(const Publish &publish, const Receiver &receiver, std::span<uint8_t> to) noexcept;
 

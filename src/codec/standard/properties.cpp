@@ -276,9 +276,9 @@ size_t encode_properties(const Properties &properties, PacketType packet, std::s
     return out.complete() ? size : 0;
 }
 
-void write_properties(Writer &out, const Properties &properties, PacketType packet) noexcept
+void write_properties(Writer &out, const Properties &properties, PacketType packet, size_t behind) noexcept
 {
-    out.varint(size_of_properties(properties, packet));
+    out.varint(size_of_properties(properties, packet) + behind);
     write_block(out, properties, packet);
 }
 

@@ -64,20 +64,25 @@ void write_fields(Writer &out, const Publish &publish, Level level)
     if (publish.qos != 0)
         out.u16(publish.packet_id);
     if (level == Level::Mqtt5)
-        write_properties(out, publish.properties, PUBLISH);
+        write_properties(out, publish.properties, PUBLISH, publish.stored_properties.size());
+}
+
+size_t size_behind_head(const Publish &publish, Level level)
+{
+    return publish.payload.size() + (level == Level::Mqtt5 ? publish.stored_properties.size() : 0);
 }
 
 size_t body_size(const Publish &publish, Level level)
 {
     Writer counter;
     write_fields(counter, publish, level);
-    return counter.size() + publish.payload.size();
+    return counter.size() + size_behind_head(publish, level);
 }
 
 size_t head_size(const Publish &publish, size_t body, const Receiver &receiver)
 {
     const size_t size = packet_size(body, receiver); // [MQTT-3.1.2-24]
-    return size != 0 ? size - publish.payload.size() : 0;
+    return size != 0 ? size - size_behind_head(publish, receiver.level) : 0;
 }
 
 } // namespace

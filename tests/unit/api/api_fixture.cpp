@@ -320,7 +320,8 @@ bool __wrap__ZN4tarn8standard5startEPKcRKNS0_6LimitsE(const char *directory, con
 }
 void __wrap__ZN4tarn8standard4stopEv(void)
 {
-    note_call("standard_stop");
+    if (standard::is_on()) // else it does nothing
+        note_call("standard_stop");
     __real__ZN4tarn8standard4stopEv();
 }
 void __wrap__ZN4tarn8standard4turnEv(void)

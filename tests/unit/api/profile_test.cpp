@@ -126,7 +126,7 @@ TEST_F(limit, has_a_range)
           Range{TARN_LIMIT_QOS0_MESSAGES, 1, kMax}, Range{TARN_LIMIT_QOS0_BYTES, 1, kBytes},
           Range{TARN_LIMIT_WILDCARD_SUBSCRIPTIONS, 0, kMax}, Range{TARN_LIMIT_SUBSCRIPTIONS, 1, kMax},
           Range{TARN_LIMIT_RECEIVE_MAXIMUM, 1, 65535}, Range{TARN_LIMIT_SESSION_EXPIRY, 0, kMax},
-          Range{TARN_LIMIT_SESSIONS, 0, kMax}, Range{TARN_LIMIT_RETAINED_MESSAGES, 0, kMax},
+          Range{TARN_LIMIT_SESSIONS, 1, kMax}, Range{TARN_LIMIT_RETAINED_MESSAGES, 0, kMax},
           Range{TARN_LIMIT_RETAINED_BYTES, 0, kBytes}, Range{TARN_LIMIT_CONNECT_TIMEOUT, 100, 3600000}}) {
         EXPECT_EQ(set(which, least), TARN_OK) << which;
         EXPECT_EQ(set(which, most), TARN_OK) << which;
@@ -317,7 +317,7 @@ TEST_F(profile, sessions_are_described)
         Peer peer;
         peer.send("10 14 | 00 04 'MQTT' 04 04 00 3C | 00 01 's' 00 01 'w' 00 02 'ab'"); // with a will, to be kept
         EXPECT_EQ(hex(peer.receive(4)), "20 02 00 00");
-        peer.send("82 0B | 00 01 | 00 01 'a' 00 | 00 01 'b' 01");
+        peer.send("82 0A | 00 01 | 00 01 'a' 00 | 00 01 'b' 01");
         EXPECT_EQ(hex(peer.receive(6)), "90 04 00 01 00 01");
         ASSERT_EQ(tarn_sdk_mqtt_broker_get_session_info(nullptr, "s", &info), TARN_OK);
         EXPECT_EQ(info.subscriptions, 2u);
@@ -373,16 +373,16 @@ TEST(callbacks, are_asked_only_where_there_is_one)
     broker_t  broker{};
     OwnClient client(&broker), orphan(nullptr);
     EXPECT_FALSE(api::asks_about_topics(*client.operator->()));
-    EXPECT_FALSE(api::asks_about_logins(*client.operator->()));
+    EXPECT_FALSE(api::asks_about_logins(client->broker));
     tarn_sdk_mqtt_broker_register_acl_callback(
         &broker, [](broker_t *, const char *, const char *, uint8_t, mqtt_client_t *) { return true; });
     EXPECT_TRUE(api::asks_about_topics(*client.operator->()));
-    EXPECT_FALSE(api::asks_about_logins(*client.operator->()));
+    EXPECT_FALSE(api::asks_about_logins(client->broker));
     tarn_sdk_mqtt_broker_register_auth_callback(
         &broker, [](broker_t *, const char *, const char *, const char *) { return true; });
-    EXPECT_TRUE(api::asks_about_logins(*client.operator->()));
+    EXPECT_TRUE(api::asks_about_logins(client->broker));
     EXPECT_FALSE(api::asks_about_topics(*orphan.operator->()));
-    EXPECT_FALSE(api::asks_about_logins(*orphan.operator->()));
+    EXPECT_FALSE(api::asks_about_logins(orphan->broker));
 }
 
 TEST(callbacks, are_told_of_clients_without_a_record)

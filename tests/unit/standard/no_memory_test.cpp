@@ -27,11 +27,12 @@ net::Sent take_all(void *to, const net::OutPacket *pieces, int count) noexcept
     return {count, NETIP_OK};
 }
 
-// Packets that leave at places of their own share no chunk. Returns how many were taken.
+// Packets that fill a chunk each. Returns how many were taken.
 int add_one_a_chunk(Outbox &outbox)
 {
-    int added = 0;
-    while (added < kMany && outbox.add(bytes_of("p"), static_cast<uint64_t>(added + 1)))
+    const std::string packet(4000, 'p');
+    int               added = 0;
+    while (added < kMany && outbox.add(bytes_of(packet), 0))
         ++added;
     return added;
 }
@@ -55,7 +56,7 @@ TEST(no_memory, adds_no_part_of_a_packet)
     for (int refused = 0;; ++refused) {
         ASSERT_LT(refused, 10);
         const Fail fail(Call::Allocate, 2, ENOMEM, kMany); // one more than the last time: what was made is kept
-        if (outbox.add(bytes_of(packet), 0, message)) {
+        if (outbox.add(bytes_of(packet), 0, {message, message->payload()})) {
             EXPECT_GE(refused, 2);
             break;
         }

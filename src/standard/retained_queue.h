@@ -1,0 +1,42 @@
+// retained_queue.h - subscriptions of one session that are still to be given their retained messages.
+//
+// A filter may match a hundred thousand, so they are given piece by piece, as the client takes them.
+#ifndef TARN_STANDARD_RETAINED_QUEUE_H
+#define TARN_STANDARD_RETAINED_QUEUE_H
+
+#include "retained_store.h"
+#include "subscription_tree.h"
+
+namespace tarn::standard {
+
+struct RetainedWanted : InTable<RetainedWanted> {
+    std::string_view    text; // the filter
+    SubscriptionOptions options;
+    RetainedWanted     *next     = nullptr;
+    bool                is_begun = false;
+    RetainedInPieces    walk;
+};
+
+// In the order of subscribing. A filter stands in it once.
+class RetainedQueue {
+public:
+    RetainedQueue()                                 = default;
+    RetainedQueue(const RetainedQueue &)            = delete;
+    RetainedQueue &operator=(const RetainedQueue &) = delete;
+    ~RetainedQueue();
+
+    // Also of a filter that is in it already, with other options: it begins again. False without memory.
+    [[nodiscard]] bool add(std::string_view filter, const SubscriptionOptions &options) noexcept;
+    RetainedWanted    *first() const noexcept { return first_; }
+    void               drop_first() noexcept;
+
+private:
+    TextHash                  hash_;
+    HashTable<RetainedWanted> table_;
+    RetainedWanted           *first_ = nullptr;
+    RetainedWanted           *last_  = nullptr;
+};
+
+} // namespace tarn::standard
+
+#endif
