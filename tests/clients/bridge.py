@@ -29,7 +29,7 @@ class LocalMosquitto:
     def __init__(self, directory, number, lines):
         self.config = pathlib.Path(directory) / f"bridge{number}.conf"
         self.log = pathlib.Path(directory) / f"bridge{number}.log"
-        self.config.write_text("\n".join([f"listener {LOCAL_PORT} 127.0.0.1", "allow_anonymous true",
+        self.config.write_text("\n".join(["user root", f"listener {LOCAL_PORT} 127.0.0.1", "allow_anonymous true",
                                           "connection tarn", f"address 127.0.0.1:{PORT}", *lines]) + "\n")
         self.process = subprocess.Popen(["mosquitto", "-v", "-c", str(self.config)], stdin=subprocess.DEVNULL,
                                         stdout=subprocess.DEVNULL, stderr=open(self.log, "wb"))
