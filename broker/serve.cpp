@@ -327,7 +327,7 @@ ExitStatus serve(const Options &options)
     DataDirectory data; // locked until all else is gone
     Access        access(options.user_file, options.acl_file, options.password_wait_s);
     if (options.standard)
-        access.keep_owners_in("broker_data/standard_owners", session_is_kept);
+        access.be_standard("broker_data/standard_owners", session_is_kept);
     Loop loop;
     end_on_signals(loop);
     reload_on_signal(loop, access);

@@ -143,6 +143,54 @@ def standard_codec():
         yield f"block_{kind}", bytes([kind << 4 | 2]) + wire(" ".join(properties))
 
 
+KINDS = ["Key", "Counters", "Session", "SessionState", "SessionGone", "Subscribed", "Unsubscribed", "Message",
+         "Publication", "Sent", "Received", "Done", "Released", "Retained", "RetainedGone"]
+
+
+def record(kind, layout, *values):
+    """One of src/standard/records.h; "t" in the layout is a text that stands as it is."""
+    data = b"".join(value if field == "t" else struct.pack("<" + field, value) for field, value in zip(layout, values))
+    return struct.pack("<BH", 1 + KINDS.index(kind), len(data)) + data
+
+
+def message_fields(number, topic, payload=b"load"):
+    return "QQQBBIIItt", (number, 0, 1, 1, 0, len(topic), 0, len(payload), topic, payload)
+
+
+def session_record(kind, number, text, layout="", *values):
+    return record(kind, "QIQBIIIt" + layout, number, 60, 0, 0, 0, 0, len(text), text, *values)
+
+
+def publication(number, topic, effects, packet_id, *sessions):
+    layout, values = message_fields(number, topic)
+    deliveries = [field for session in sessions for field in (session, number, 2, 0, 1, 7)]
+    return record("Publication", "BQH" + layout + "QQBHII" * len(sessions), effects, 1, packet_id, *values, *deliveries)
+
+
+def standard_restore():
+    layout, values = message_fields(3, b"a/b/c")
+    session = session_record("Session", 1, b"id")
+    will = record("Session", "QIQBIIIt" + layout, 3, 60, 5, 3, 1, 2, 4, b"will", *values)
+    gone = record("SessionGone", "Q", 3)
+    filters = (b"a/#", b"+/b", b"$share/g/a/b")
+    subscribed = b"".join(record("Subscribed", "QIBBt", 1, 5, 2, 0x13, text) for text in filters)
+    published = publication(1, b"a/b", 1, 9, 1) + publication(2, b"a", 0, 0, 1)
+    steps = b"".join(record(kind, "QQH", 1, 1, 1) for kind in ("Sent", "Received", "Done"))
+    state = session_record("SessionState", 2, b"other", "QIHHI" + "QQBHI" * 2,
+                           8, 2, 1, 65535, 2, 0, 7, 0x0A, 4, 0, 3, 8, 5, 0, 0)
+    stored = record("Message", layout, *values) + state + record("Retained", "Q", 3)
+    counters = record("Counters", "QQ", 5, 6)
+    yield "key", record("Key", "QQQQ", 1, 2, 3, 4)
+    yield "counters", counters + session
+    yield "session", session + will + gone
+    yield "subscribed", session + subscribed + record("Unsubscribed", "Qt", 1, b"a/#")
+    yield "publications", session + subscribed + published
+    yield "steps", session + published + steps
+    yield "released", session + published + record("Released", "QH", 1, 9)
+    yield "checkpoint", stored + record("RetainedGone", "t", b"a/b/c")
+    yield "all", counters + stored + session + subscribed + published + steps
+
+
 def codec_encode():
     sizes = {1: 2556, 2: 16, 3: 2332, 4: 72, 5: 72, 6: 72, 7: 72, 8: 4192, 9: 72, 10: 4124, 11: 72, 14: 144}
     for kind, size in sizes.items():

@@ -127,7 +127,7 @@ Verdict Access::may_connect(const std::string &client_id, const std::string &use
             return verdict;
     if (id.empty())
         return {};
-    if (is_chosen_id(client_id))
+    if (!is_standard_ && is_chosen_id(client_id))
         return {"ids of this form are not for clients to choose"};
     if (bindings_.bind(id, user))
         return {};
@@ -167,8 +167,9 @@ Verdict Access::may_subscribe(const std::string &client_id, const std::string &f
         return kNotUtf8;
     if (now.acl && !now.acl->may_subscribe({client_id, *user}, filter))
         return kNoRule;
-    if (now.users && !is_chosen_id(client_id)) { // those have no sessions, and none comes back
-        bindings_.subscribed(client_id);
+    if (now.users && (is_standard_ || !is_chosen_id(client_id))) { // those have no sessions, and none comes back
+        if (!is_standard_)
+            bindings_.subscribed(client_id);
         const std::lock_guard lock(mutex_);
         saves_due_ = 2; // the first may come before the library has written its file
     }
@@ -208,10 +209,11 @@ std::vector<std::string> Access::ids_of_removed_users() const
     return bindings_.ids_where([&](const std::string &user) { return !now.users->has(user); });
 }
 
-void Access::keep_owners_in(std::string file, Bindings::IsSaved is_saved)
+void Access::be_standard(std::string owners_file, Bindings::IsSaved is_saved)
 {
-    owners_file_ = std::move(file);
+    owners_file_ = std::move(owners_file);
     is_saved_    = std::move(is_saved);
+    is_standard_ = true;
 }
 
 void Access::sweep(const Ids &online)
@@ -226,7 +228,7 @@ Mistake Access::restore_owners()
         return {};
     if (Mistake mistake = read_file(owners_file_, text); !mistake.empty())
         return mistake;
-    return bindings_.restore(owners_file_, text, is_saved_);
+    return bindings_.restore(owners_file_, text, is_saved_, !is_standard_);
 }
 
 Mistake Access::save_owners()

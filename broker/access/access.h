@@ -67,8 +67,9 @@ public:
     // Called every few seconds with the ids that are online.
     void sweep(const Ids &online);
 
-    // In the place of the files of the native profile. Before the next two, and before there are threads.
-    void keep_owners_in(std::string file, Bindings::IsSaved is_saved);
+    // For the standard profile: nothing is behind an id without a session, and an id that the library chose is its
+    // client's own, who may come back with it. Before the next two, and before there are threads.
+    void be_standard(std::string owners_file, Bindings::IsSaved is_saved);
 
     // Whose the saved sessions are, kept beside them. Saves when there may be something new.
     Mistake restore_owners();
@@ -89,6 +90,7 @@ private:
     const std::string  acl_file_;
     std::string        owners_file_ = "broker_data/owners";
     Bindings::IsSaved  is_saved_    = has_saved_session;
+    bool               is_standard_ = false;
     mutable std::mutex mutex_;
     Files              files_;         // under mutex_
     int                saves_due_ = 0; // under mutex_

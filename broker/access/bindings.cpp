@@ -156,7 +156,7 @@ std::string Bindings::to_text(const IsSaved &is_saved) const
     return text;
 }
 
-Mistake Bindings::restore(const std::string &path, std::string_view text, const IsSaved &is_saved)
+Mistake Bindings::restore(const std::string &path, std::string_view text, const IsSaved &is_saved, bool have_subscribed)
 {
     return for_each_line(path, text, [&](std::string_view line) -> Mistake {
         const size_t space = line.find(' ');
@@ -164,7 +164,7 @@ Mistake Bindings::restore(const std::string &path, std::string_view text, const 
         const auto   user  = from_word(space == line.npos ? std::string_view() : line.substr(space + 1));
         if (!id || !user || id->empty() || user->empty())
             return "a line is ID USER, with %XX for bytes that are not visible";
-        if (is_saved(*id) && bind(*id, *user))
+        if (is_saved(*id) && bind(*id, *user) && have_subscribed)
             subscribed(*id);
         return {};
     });

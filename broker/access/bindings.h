@@ -50,7 +50,8 @@ public:
 
     // The ids with a saved session, "ID USER" a line.
     std::string to_text(const IsSaved &is_saved) const;
-    Mistake     restore(const std::string &path, std::string_view text, const IsSaved &is_saved);
+    Mistake     restore(const std::string &path, std::string_view text, const IsSaved &is_saved,
+                        bool have_subscribed = true);
 
 private:
     struct Binding {

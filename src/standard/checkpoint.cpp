@@ -123,9 +123,9 @@ AppendStatus Checkpointer::copy_session(const Session &session) noexcept
     if (!append_rest_of(rest_, session))
         return AppendStatus::NoMemory;
     const MessageBytes will(session.will.message);
-    status = append(RecordType::SessionState,
-                    {head_of(session, session.expiry_s), text_bytes(session.text), will.head(), will.topic(),
-                     will.properties(), will.payload(), ByteSpan(rest_.data(), rest_.size())});
+    status =
+        append(RecordType::SessionState, {head_of(session), text_bytes(session.text), will.head(), will.topic(),
+                                          will.properties(), will.payload(), ByteSpan(rest_.data(), rest_.size())});
     if (rest_.size() > kMostAtOnce)
         GrowArray<uint8_t>().swap(rest_);
     if (status != AppendStatus::Ok)

@@ -14,33 +14,8 @@ bool Recorder::key(const IdKey &key) noexcept
 bool Recorder::session(const Session &session) noexcept
 {
     const MessageBytes will(session.will.message);
-    return append(RecordType::Session, {head_of(session, session.expiry_s), text_bytes(session.text), will.head(),
-                                        will.topic(), will.properties(), will.payload()});
-}
-
-// The last record makes it a kept one: without it, nothing of all this counts.
-bool Recorder::session_with_all(const Session &session, const SubscriptionTree &subscriptions) noexcept
-{
-    bool done = true;
-    session.deliveries.for_each(
-        [&](const DeliveryRecord &delivery) { done = done && (!delivery.message || message(delivery.message)); });
-    GrowArray<uint8_t> rest;
-    const MessageBytes will(session.will.message);
-    done = done && append_rest_of(rest, session) &&
-           append(RecordType::SessionState, {head_of(session, 0), text_bytes(session.text), will.head(), will.topic(),
-                                             will.properties(), will.payload(), ByteSpan(rest.data(), rest.size())});
-    for (const Subscription &subscription : subscriptions.of(session.number)) {
-        const FilterBytes text(subscription);
-        done = done && append(RecordType::Subscribed, {head_of(session.number, subscription.options()), text.share,
-                                                       text.group, text.slash, text.filter});
-    }
-    return done && this->session(session);
-}
-
-bool Recorder::message(const MessageRef &message) noexcept
-{
-    const MessageBytes bytes(message);
-    return append(RecordType::Message, {bytes.head(), bytes.topic(), bytes.properties(), bytes.payload()});
+    return append(RecordType::Session, {head_of(session), text_bytes(session.text), will.head(), will.topic(),
+                                        will.properties(), will.payload()});
 }
 
 bool Recorder::session_is_gone(const Session &session) noexcept

@@ -31,8 +31,6 @@ public:
     [[nodiscard]] bool key(const IdKey &key) noexcept; // of a new directory, before all else
     // The session is as it is now: made, come back, gone away, its will, how long it lasts.
     [[nodiscard]] bool session(const Session &session) noexcept;
-    // One that files did not know, as its client asked for no time beyond its connection. What it had until then, too.
-    [[nodiscard]] bool session_with_all(const Session &session, const SubscriptionTree &subscriptions) noexcept;
     [[nodiscard]] bool session_is_gone(const Session &session) noexcept; // with all that it had
     [[nodiscard]] bool subscribed(const Session &session, std::string_view filter,
                                   const SubscriptionOptions &options) noexcept;
@@ -61,7 +59,6 @@ private:
         uint64_t   number;
     };
 
-    bool message(const MessageRef &message) noexcept;
     bool append(RecordType type, RecordParts parts) noexcept;
     bool append_now(RecordType type, RecordParts parts) noexcept;
     bool append_now(const Step &step) noexcept;

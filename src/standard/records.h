@@ -23,8 +23,7 @@
 //                  3 * u32, topic, properties, payload
 //     delivery     number u64, flags u8, packet id u16, subscription identifiers u32, that many u32
 //
-// Numbers are little endian, as in the files. Counters and Retained are a checkpoint's, and so are most SessionStates
-// and Messages.
+// Numbers are little endian, as in the files. SessionState, Message, Retained and Counters are a checkpoint's.
 #ifndef TARN_STANDARD_RECORDS_H
 #define TARN_STANDARD_RECORDS_H
 
@@ -128,12 +127,12 @@ private:
 };
 
 // Behind it stands the id, and a will's message.
-inline auto head_of(const Session &session, uint32_t expiry_s) noexcept
+inline auto head_of(const Session &session) noexcept
 {
     const StoredWill &will  = session.will;
     const auto        flags = static_cast<uint8_t>((will.message ? kHasWill : 0) | (will.expiry_s ? kWillExpires : 0));
-    return bytes_of_numbers(session.number, expiry_s, session.away_ms, flags, will.delay_s, will.expiry_s.value_or(0),
-                            static_cast<uint32_t>(session.text.size()));
+    return bytes_of_numbers(session.number, session.expiry_s, session.away_ms, flags, will.delay_s,
+                            will.expiry_s.value_or(0), static_cast<uint32_t>(session.text.size()));
 }
 
 // Behind it stands the filter.

@@ -37,7 +37,8 @@ Result use_everything(Broker &broker);
 Result use_everything(Broker &broker)
 {
     if (!broker || failed(broker.init()) || failed(broker.set_keepalive_timeout(100)) ||
-        failed(broker.set_max_packet_size(1000)))
+        failed(broker.set_max_packet_size(1000)) || failed(broker.set_profile(tarn_sdk::Profile::Standard)) ||
+        failed(broker.set_limit(tarn_sdk::Limit::Sessions, 10)))
         return Result::NotRunning;
     Broker::set_log_level(LogLevel::Error);
 
@@ -53,9 +54,12 @@ Result use_everything(Broker &broker)
     broker.on_event([](Event event, string_view) { return event == Event::Will; }); // what it returns is dropped
     broker.on_event(nullptr);
 
-    const unsigned char  bytes[] = {1, 2, 3};
-    char                 text[100];
-    tarn_sdk::ClientInfo client;
+    const unsigned char   bytes[] = {1, 2, 3};
+    char                  text[100];
+    tarn_sdk::ClientInfo  client;
+    tarn_sdk::SessionInfo session;
+    if (failed(broker.session_info("a", session)))
+        return Result::NotRunning;
     if (failed(broker.start()) || failed(broker.start(1883)) || failed(broker.start(1883, 100)))
         return Result::ResourceError;
     broker.publish("t", "text");

@@ -331,3 +331,36 @@ TEST_F(access, files_are_read_while_clients_ask)
     for (std::thread &client : clients)
         client.join();
 }
+
+TEST_F(access, of_the_standard_profile_holds_an_id_for_as_long_as_its_session)
+{
+    bool   has_session = true;
+    Access standard("users", "");
+    standard.be_standard("owners", [&](const std::string &) { return has_session; });
+    ASSERT_EQ(standard.load(), "");
+    EXPECT_TRUE(standard.may_connect("x", "alice", "right"));
+    EXPECT_TRUE(standard.may_subscribe("x", "#"));
+    sweeps(standard, {});
+    EXPECT_FALSE(standard.may_connect("x", "bob", "right"));
+    EXPECT_EQ(standard.save_owners(), "");
+    EXPECT_EQ(file_text("owners"), "x alice\n");
+
+    Access next("users", "");
+    next.be_standard("owners", [&](const std::string &) { return has_session; });
+    ASSERT_EQ(next.load(), "");
+    ASSERT_EQ(next.restore_owners(), "");
+    EXPECT_FALSE(next.may_connect("x", "bob", "right"));
+    has_session = false;
+    sweeps(next, {});
+    EXPECT_TRUE(next.may_connect("x", "bob", "right")) << "no subscription is left behind";
+}
+
+TEST_F(access, of_the_standard_profile_lets_a_client_come_back_with_the_id_that_was_chosen)
+{
+    Access standard("users", "");
+    standard.be_standard("owners", [](const std::string &) { return true; });
+    ASSERT_EQ(standard.load(), "");
+    ASSERT_TRUE(standard.bind_chosen_id("auto_17", "alice", [] { return true; }));
+    EXPECT_TRUE(standard.may_connect("auto_17", "alice", "right"));
+    EXPECT_FALSE(standard.may_connect("auto_17", "bob", "right"));
+}

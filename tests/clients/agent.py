@@ -12,8 +12,9 @@ Orders, each answered by one line, "ok ...", "error WHY" or, if the client has n
     burst topic= qos= count=          the messages "0", "1", ...: all on the way at once
     disconnect
 
-Before the first order it says "ready version=1.2.3". What happens by itself is told by lines "message topic= qos= retain= dup= payload= ..." and "closed [reason=]". Payloads
-are hexadecimal. At the end of its input the process ends with status 0.
+Before the first order it says "ready version=1.2.3". What happens by itself is told by lines "message topic= qos= retain=
+dup= payload= ..." and "closed [reason=]". Payloads are hexadecimal. At the end of its input the process ends with
+status 0.
 """
 import pathlib
 import queue

@@ -48,12 +48,13 @@ NOTES = [
              "At 5.0 this bridge gives no Session Expiry Interval, so its session ends with its connection "
              "(5.0, 3.1.2.11.2)."),
     standard("bridge_4", "both_ways_once",
-             "With `try_private false` the bridge does not say that it is one. At 3.1.1 it is then sent its own messages, "
-             "as every client is; leave the setting out, or let it speak 5.0, where it asks for No Local."),
+             "With `try_private false` the bridge does not say that it is one. At 3.1.1 it is then sent its own "
+             "messages, as every client is; leave the setting out, or let it speak 5.0, where it asks for No Local."),
 
     # ---- the native profile: connecting
     native("mosquitto_5|paho_python_5|bridge_5", ".*", "receive-maximum-zero connack-v5-properties",
-           "CONNACK gives a Receive Maximum of 0, which this client takes for an error: it never connects. At 3.1.1 it does.",
+           "CONNACK gives a Receive Maximum of 0, which this client takes for an error: it never connects. At 3.1.1 it "
+           "does.",
            alone=True),
     native("bridge_default", ".*", "connect-unanswered",
            "It says first that it is a bridge, by the level 0x84, and waits for an answer. Set `try_private false`.",
@@ -71,24 +72,25 @@ NOTES = [
            "Clients of this make at 5.0 do not connect, or do not send."),
     native(THREE, "uuid_id|long_id", "connect-unanswered",
            "A 3.1.1 id has up to 23 characters. A CONNECT with a longer one is not answered."),
-    native(FIVE + "|paho_sync_5", "long_id", "connect-long-id", "A 5.0 id has up to 64 characters, the rest is cut off."),
     native(".*", "no_id", "auto-client-id", "Clients that come without an id in the same second get the same one."),
     native(".*", "take_over", "no-take-over",
            "The first connection stays open, and hears nothing more: clients need to notice by themselves."),
 
     # ---- payloads
     native(THREE, "json_300|binary|binary_small", "publish-level-detection",
-           "Of a 3.1.1 payload, what looks like the properties of a 5.0 packet is cut off: a first byte below 128 that is "
-           "less than the payload's length, and as many bytes behind it as it says. So JSON passes up to 123 bytes."),
+           "Of a 3.1.1 payload, what looks like the properties of a 5.0 packet is cut off: a first byte below 128 that "
+           "is less than the payload's length, and as many bytes behind it as it says. JSON passes up to 123 bytes."),
     native(FIVE, "json_300|binary|binary_small|filters_17|maximum_packet_size",
            "own-limit-inbound packet-size-floor",
-           "A 5.0 client that announces no Maximum Packet Size may send packets of up to 256 bytes. Let it announce 4096."),
+           "A 5.0 client that announces no Maximum Packet Size may send packets of up to 256 bytes. Let it announce "
+           "4096."),
     native(".*", "kilobytes_20|megabyte|retained_large", "packet-size",
            "A packet has up to 4096 bytes; a larger one ends the connection."),
     native(FIVE, "properties|request|identifier", "properties-not-forwarded",
            "Properties other than the expiry interval are not handed on, nor is a Subscription Identifier."),
     native("mqttjs5_5", "wildcards|burst|aliases", "ack-level-detection",
-           "Its short PUBACK reads as one of 3.1.1, and so are the next deliveries to it written, which it cannot read."),
+           "Its short PUBACK reads as one of 3.1.1, and so are the next deliveries to it written, which it cannot "
+           "read."),
 
     # ---- subscriptions
     native(THREE + "|paho_sync_5", "filters_17", "subscribe-partial",
@@ -101,15 +103,15 @@ NOTES = [
     # ---- wills and sessions
     native(".*", "will_retained", "will-guessed-payload will-once",
            "A will of more than some 125 bytes of topic and payload reaches nobody, and wills are not retained."),
-    native(".*", "session_(disconnect|drop|qos_2|restart|kill)", "newest-first offline-late",
-           NEWEST),
+    native(".*", "session_(disconnect|drop|qos_2|restart|kill)", "newest-first offline-late", NEWEST),
     native(".*", "session_on_the_way", "pending-dropped",
            "What was sent to a client that vanished before it acknowledged is not sent again."),
     native(FIVE, "connected_restart", "newest-first offline-late", NEWEST),
     native(THREE, "connected_restart", "session-ends-with-connection",
            "A 3.1.1 session ends when its connection does without a DISCONNECT. Subscribe after every CONNECT."),
     native(".*", "session_expiry", "session-never-expires", "A session does not end with its expiry interval."),
-    native(".*", "message_expiry", "offline-unexpiring", "A message that is kept for an absent client does not expire."),
+    native(".*", "message_expiry", "offline-unexpiring",
+           "A message that is kept for an absent client does not expire."),
 
     # ---- time
     native(".*", "slow_acknowledgement", "timed-retransmission",

@@ -112,7 +112,7 @@ TEST_P(connect, names_the_protocol)
     reader.expect_silence();
 }
 
-// [MQTT-3.1.2-3] 3.1.1 [MQTT-3.1.2-3] [MQTT-3.1.4-1] 3.1.1 [MQTT-3.1.4-1]
+// 3.1.1 [MQTT-3.2.2-6] [MQTT-3.1.2-3] 3.1.1 [MQTT-3.1.2-3] [MQTT-3.1.4-1] 3.1.1 [MQTT-3.1.4-1]
 TEST_P(connect, has_its_reserved_flag_unset)
 {
     expect_malformed(with_flags(0x03, id_and({})), {0x81, 0x82});
@@ -336,6 +336,7 @@ TEST_F(connect_levels, other_levels_are_refused)
     }
 }
 
+// [MQTT-4.2.0-1] 3.1.1 [MQTT-7.0.0-2] 3.1.1 [MQTT-7.1.1-1]
 TEST_F(connect_levels, clients_of_both_versions_meet)
 {
     Client old_one(4, "four"), new_one(5, "five");
@@ -349,6 +350,7 @@ TEST_F(connect_levels, clients_of_both_versions_meet)
     EXPECT_EQ(new_one.take("t", "from 5", {.qos = 2}).properties.printed(), "03=text");
 }
 
+// [MQTT-3.2.2-8]
 // The values that mean something only when they are not 0, and properties that come twice.
 TEST_F(connect_5, properties_have_values_that_they_can_have)
 {

@@ -127,7 +127,7 @@ TEST_P(session, keeps_many_messages_in_order)
     client.expect_silence();
 }
 
-// [MQTT-4.4.0-1] 3.1.1 [MQTT-4.4.0-1] [MQTT-3.3.1-1] 3.1.1 [MQTT-3.3.1-1] 3.1.1 [MQTT-2.3.1-4] 3.1.1 [MQTT-4.3.2-1]
+// [MQTT-4.6.0-1] 3.1.1 [MQTT-4.6.0-1] [MQTT-4.4.0-1] 3.1.1 [MQTT-4.4.0-1] [MQTT-3.3.1-1] 3.1.1 [MQTT-3.3.1-1] 3.1.1 [MQTT-2.3.1-4] 3.1.1 [MQTT-4.3.2-1]
 // [MQTT-4.3.2-3] [MQTT-4.3.3-3]
 TEST_P(session, repeats_what_was_not_acknowledged)
 {

@@ -365,7 +365,7 @@ TEST_F(subscribe_5, user_properties_are_taken)
 
 // ---- Subscription Identifiers
 
-// [MQTT-3.3.4-3] [MQTT-3.3.4-4] [MQTT-3.3.4-5]
+// [MQTT-3.3.4-3] [MQTT-3.3.4-5]
 TEST_F(subscription_id, of_each_subscription_that_matches)
 {
     Client client = come("c"), sender = come("sender");

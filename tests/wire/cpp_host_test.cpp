@@ -119,6 +119,8 @@ TEST(cpp_broker, that_is_empty_answers_as_c_does_for_null)
     EXPECT_FALSE(broker.is_running());
     EXPECT_EQ(broker.set_keepalive_timeout(100), Result::InvalidParameter);
     EXPECT_EQ(broker.set_max_packet_size(1000), Result::InvalidParameter);
+    EXPECT_EQ(broker.set_profile(tarn_sdk::Profile::Standard), Result::InvalidParameter);
+    EXPECT_EQ(broker.set_limit(tarn_sdk::Limit::Sessions, 1), Result::InvalidParameter);
     EXPECT_EQ(broker.client_info("a", info), Result::InvalidParameter);
     EXPECT_EQ(broker.kick_client("a"), Result::InvalidParameter);
     EXPECT_EQ(broker.on_event(kEverybody), Result::InvalidParameter);
@@ -141,6 +143,10 @@ TEST(cpp_broker, passes_settings_on)
     EXPECT_EQ(broker.set_max_packet_size(255), Result::InvalidParameter);
     EXPECT_EQ(broker.set_max_packet_size(256), Result::Ok);
     EXPECT_EQ(broker.get()->max_packet_size, 256);
+    EXPECT_EQ(broker.set_profile(tarn_sdk::Profile{2}), Result::InvalidParameter);
+    EXPECT_EQ(broker.set_profile(tarn_sdk::Profile::Native), Result::Ok);
+    EXPECT_EQ(broker.set_limit(tarn_sdk::Limit::Subscriptions, 0), Result::InvalidParameter);
+    EXPECT_EQ(broker.set_limit(tarn_sdk::Limit::Subscriptions, 1), Result::Ok);
     EXPECT_EQ(broker.init(), Result::Ok);
     EXPECT_EQ(broker.start(0, 100), Result::InvalidParameter);
     EXPECT_EQ(broker.start(8883, 7), Result::Ok);
@@ -148,6 +154,9 @@ TEST(cpp_broker, passes_settings_on)
     EXPECT_EQ(broker.get()->max_clients, 7);
     EXPECT_TRUE(broker.is_running());
     EXPECT_EQ(broker.set_max_packet_size(256), Result::Busy);
+    EXPECT_EQ(broker.set_profile(tarn_sdk::Profile::Standard), Result::Busy);
+    tarn_sdk::SessionInfo session;
+    EXPECT_EQ(broker.session_info("a", session), Result::NotRunning);
     EXPECT_EQ(broker.stop(), Result::Ok);
     EXPECT_FALSE(broker.is_running());
     expect_service(); // until the end

@@ -1,5 +1,5 @@
-// The stock JavaScript client as a test's client: orders as lines of standard input, see ../agent.py. The package's name
-// is the argument.
+// The stock JavaScript client as a test's client: orders as lines of standard input, see ../agent.py. The argument is
+// the package's name.
 'use strict'
 
 const fs = require('fs')

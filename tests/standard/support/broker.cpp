@@ -10,6 +10,7 @@
 #include <sstream>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace tarn::conformance {
 
@@ -42,7 +43,7 @@ bool is_served()
 
 } // namespace
 
-Broker::Broker(int max_packet_size)
+Broker::Broker(int max_packet_size, const Limits &limits)
 {
     if (is_other_broker()) {
         other_.emplace("other", other_broker());
@@ -54,16 +55,24 @@ Broker::Broker(int max_packet_size)
     EXPECT_EQ(tarn_sdk_mqtt_broker_set_profile(broker_, TARN_PROFILE_STANDARD), 0);
     EXPECT_EQ(tarn_sdk_mqtt_broker_init(broker_), 0);
     EXPECT_EQ(tarn_sdk_mqtt_broker_set_max_packet_size(broker_, max_packet_size), 0);
+    for (const auto &[limit, value] : limits)
+        EXPECT_EQ(tarn_sdk_mqtt_broker_set_limit(broker_, limit, value), 0);
     EXPECT_EQ(tarn_sdk_mqtt_broker_start(broker_, 1883, 200), 0);
 }
 
 Broker::~Broker()
 {
-    if (!broker_)
+    end();
+}
+
+void Broker::end()
+{
+    broker_t *broker = std::exchange(broker_, nullptr);
+    if (!broker)
         return;
-    EXPECT_EQ(tarn_sdk_mqtt_broker_stop(broker_), 0);
-    tarn_sdk_mqtt_broker_deinit(broker_);
-    tarn_sdk_mqtt_broker_destroy(broker_);
+    EXPECT_EQ(tarn_sdk_mqtt_broker_stop(broker), 0);
+    tarn_sdk_mqtt_broker_deinit(broker);
+    tarn_sdk_mqtt_broker_destroy(broker);
 }
 
 int32_t Broker::publish(std::string_view topic, std::string_view payload, unsigned qos, bool retain, uint32_t expiry_s)

@@ -8,19 +8,23 @@
 #include <string>
 #include <string_view>
 #include <tarn_sdk_mqtt_broker.h>
+#include <utility>
 #include <vector>
 
 namespace tarn::conformance {
+
+using Limits = std::vector<std::pair<uint32_t, uint64_t>>; // TARN_LIMIT_* and its value
 
 // Serves from its constructor to its destructor. With TARN_OTHER_BROKER="program argument..." that program serves
 // instead: so the tests themselves can be tried on another broker.
 class Broker {
 public:
-    explicit Broker(int max_packet_size = 1 << 20);
+    explicit Broker(int max_packet_size = 1 << 20, const Limits &limits = {});
     ~Broker();
     Broker(const Broker &)            = delete;
     Broker &operator=(const Broker &) = delete;
 
+    void      end(); // before its time
     broker_t *handle() const { return broker_; }
     int32_t   publish(std::string_view topic, std::string_view payload, unsigned qos = 0, bool retain = false,
                       uint32_t expiry_s = 0);

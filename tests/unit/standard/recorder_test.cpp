@@ -8,86 +8,11 @@ using namespace tarn;
 using namespace tarn::standard;
 using namespace tarn::test;
 
-namespace {
-
-MessageRef message(uint64_t number, std::string_view topic, std::string_view payload)
-{
-    return MessageRef::make({.number     = number,
-                             .expires_ms = kNow_ms + 77'000,
-                             .sender     = 1,
-                             .qos        = 1,
-                             .retain     = true,
-                             .topic      = topic,
-                             .properties = bytes_of("properties"),
-                             .payload    = bytes_of(payload)});
-}
-
-struct WideLimits final : ReceiverLimits {
-    uint16_t receive_maximum() const override { return 65535; }
-    bool     takes(const Outgoing &) const override { return true; }
-};
-
-class Broker {
-public:
-    explicit Broker(const JournalLimits &limits = {}) : journal(disk, limits), recorder(journal)
-    {
-        Restorer restorer(state, kNow_ms);
-        EXPECT_EQ(journal.open(kStateDirectory, restorer).status, OpenStatus::Ok);
-    }
-
-    Session &session(std::string_view id, uint32_t expiry_s = 60)
-    {
-        Session &made = *state.sessions.make(id, state.bounds());
-        made.expiry_s = expiry_s;
-        made.away_ms  = kNow_ms - 5;
-        made.deliveries.set_sink(&recorder);
-        EXPECT_TRUE(recorder.session(made));
-        return made;
-    }
-    void subscribe(const Session &session, std::string_view filter, const SubscriptionOptions &options)
-    {
-        EXPECT_EQ(state.subscriptions.add(session.number, filter, options), SubscriptionTree::Added::New);
-        EXPECT_TRUE(recorder.subscribed(session, filter, options));
-    }
-    // To all of them at QoS 2.
-    bool publish(const MessageRef &message, std::initializer_list<Session *> sessions,
-                 const PublicationEffects &effects = {})
-    {
-        const uint32_t identifiers[] = {7, 268435455};
-        recorder.begin_publication(message);
-        for (Session *session : sessions)
-            EXPECT_EQ(session->deliveries.offer(message, 2, true, identifiers), Offered::Queued);
-        state.last_message = std::max(state.last_message.load(), message->number());
-        return recorder.end_publication(effects);
-    }
-    void send_all(Session &session)
-    {
-        session.deliveries.resume();
-        while (session.deliveries.next(kNow_ms, WideLimits{}).kind != Outgoing::Kind::Nothing) {}
-    }
-    void expect_the_same_again()
-    {
-        EXPECT_EQ(journal.close(), 0u);
-        const std::unique_ptr<State> again = restored();
-        ASSERT_TRUE(again);
-        EXPECT_EQ(lines_of(*again), lines_of(state));
-        EXPECT_EQ(again->last_message, state.last_message);
-        EXPECT_EQ(again->sessions.last_number(), std::max<uint64_t>(state.sessions.last_number(), 1)) << "as a sender";
-    }
-
-    TestDisk disk;
-    State    state{Limits{}};
-    Journal  journal;
-    Recorder recorder;
-};
-
-} // namespace
-
 TEST(recorder, a_session_comes_back_with_all_that_it_had)
 {
-    Broker   broker;
-    Session &session = broker.session("client");
-    session.will     = {message(1, "will", "is read"), 5, 0};
+    RecordedState broker;
+    Session      &session = broker.session("client");
+    session.will          = {message(1, "will", "is read"), 5, 0};
     ASSERT_TRUE(broker.recorder.session(session));
     broker.subscribe(session, "a/+/#", {.identifier = 268435455, .qos = 2, .retain_handling = 2, .no_local = true});
     broker.subscribe(session, "$share/group/a/b", {.qos = 1, .retain_as_published = true});
@@ -101,8 +26,8 @@ TEST(recorder, a_session_comes_back_with_all_that_it_had)
 
 TEST(recorder, steps_of_deliveries_come_back)
 {
-    Broker   broker;
-    Session &session = broker.session("client");
+    RecordedState broker;
+    Session      &session = broker.session("client");
     for (uint64_t number = 1; number <= 5; ++number)
         ASSERT_TRUE(broker.publish(message(number, "topic", "payload"), {&session}));
     broker.send_all(session);
@@ -117,9 +42,9 @@ TEST(recorder, steps_of_deliveries_come_back)
 
 TEST(recorder, what_went_is_gone)
 {
-    Broker   broker;
-    Session &gone  = broker.session("gone");
-    Session &stays = broker.session("stays");
+    RecordedState broker;
+    Session      &gone  = broker.session("gone");
+    Session      &stays = broker.session("stays");
     broker.subscribe(gone, "a", {});
     broker.subscribe(stays, "a", {});
     broker.subscribe(stays, "b", {.qos = 1});
@@ -142,7 +67,7 @@ TEST(recorder, what_went_is_gone)
 
 TEST(recorder, a_retained_message_without_payload_removes_the_one_before)
 {
-    Broker broker;
+    RecordedState broker;
     ASSERT_TRUE(broker.publish(message(1, "a", "p"), {}, {.is_retained = true}));
     ASSERT_TRUE(broker.publish(message(2, "a", ""), {}, {.is_retained = true}));
     broker.expect_the_same_again();
@@ -150,8 +75,8 @@ TEST(recorder, a_retained_message_without_payload_removes_the_one_before)
 
 TEST(recorder, a_publication_without_effects_takes_no_bytes)
 {
-    Broker   broker;
-    Session &unkept = *broker.state.sessions.make("unkept", broker.state.bounds());
+    RecordedState broker;
+    Session      &unkept = *broker.state.sessions.make("unkept", broker.state.bounds());
     EXPECT_TRUE(broker.publish(message(1, "a", "p"), {}));
     EXPECT_TRUE(broker.publish(message(1, "a", "p"), {}, {.sender = &unkept, .packet_id = 1}));
     EXPECT_EQ(broker.recorder.position(), 0u);
@@ -162,7 +87,7 @@ TEST(recorder, a_publication_without_effects_takes_no_bytes)
 TEST(recorder, the_key_comes_back)
 {
     {
-        Broker broker;
+        RecordedState broker;
         ASSERT_TRUE(broker.recorder.key({{1, 2, 3, UINT64_MAX}}));
     }
     State    state{Limits{}};
@@ -178,8 +103,8 @@ TEST(recorder, the_key_comes_back)
 // A disk that hangs: publications are refused, and acknowledgements are recorded when it is back, in their order.
 TEST(recorder, steps_wait_for_a_journal_that_is_full)
 {
-    Broker   broker({.most_unsynced = 1000});
-    Session &session = broker.session("client");
+    RecordedState broker({.most_unsynced = 1000});
+    Session      &session = broker.session("client");
     for (uint64_t number = 1; number <= 3; ++number)
         ASSERT_TRUE(broker.publish(message(number, "topic", "payload"), {&session}));
     broker.send_all(session);

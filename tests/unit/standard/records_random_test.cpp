@@ -2,6 +2,7 @@
 // there. A seed is a life.
 #include "standard/checkpoint.h"
 #include "state_support.h"
+#include "support/log_capture.h"
 #include "support/timing.h"
 
 #include <algorithm>
@@ -190,20 +191,20 @@ private:
     {
         const std::string_view id      = one_of(kIds);
         Session               *session = state_->sessions.find(id);
-        const bool             is_new  = !session;
+        if (session && !session->is_kept()) { // it ends with its connection
+            end(*session);
+            session = nullptr;
+        }
+        const bool is_new = !session;
         if (is_new)
             session = state_->sessions.make(id, state_->bounds());
-        const bool was_kept = session->is_kept();
-        session->expiry_s   = is_new && below(4) == 0 ? 0 : static_cast<uint32_t>(1 + below(99));
-        session->away_ms    = 0;
+        session->expiry_s = is_new && below(4) == 0 ? 0 : static_cast<uint32_t>(1 + below(99));
+        session->away_ms  = 0;
         set_will(*session);
         session->deliveries.set_sink(session->is_kept() ? recorder_.get() : nullptr);
         session->deliveries.resume();
-        if (!session->is_kept())
-            return;
-        // What a session has that becomes a kept one takes more than a record.
-        expect_recorded(is_new || was_kept ? recorder_->session(*session)
-                                           : recorder_->session_with_all(*session, state_->subscriptions));
+        if (session->is_kept())
+            expect_recorded(recorder_->session(*session));
     }
     void go_away(Session &session)
     {
@@ -384,6 +385,17 @@ void expect_right(const Files &files, const Moment &moment, const Life &life)
     EXPECT_EQ(lines, life.after(moment.told)) << "nor what there was up to change " << moment.begun;
 }
 
+// The last moment is behind the end.
+void expect_right_at_each(const std::vector<Moment> &moments, const Life &life)
+{
+    EXPECT_EQ(moments.back().told, moments.back().begun);
+    for (size_t i = 0; i < moments.size() && !testing::Test::HasFailure(); ++i) {
+        SCOPED_TRACE("call " + std::to_string(i));
+        expect_right(moments[i].killed, moments[i], life);
+        expect_right(moments[i].powerless, moments[i], life);
+    }
+}
+
 } // namespace
 
 TEST(records_random, a_restart_brings_all_back)
@@ -441,11 +453,31 @@ TEST(records_random, a_kill_at_any_call_loses_nothing_that_was_said_to_be_saved)
         life.stop();
         disk.before = nullptr;
         moments.push_back(moment_of(disk, life));
-        EXPECT_EQ(moments.back().told, moments.back().begun);
-        for (size_t i = 0; i < moments.size() && !HasFailure(); ++i) {
-            SCOPED_TRACE("call " + std::to_string(i));
-            expect_right(moments[i].killed, moments[i], life);
-            expect_right(moments[i].powerless, moments[i], life);
-        }
+        expect_right_at_each(moments, life);
     }
+}
+
+TEST(records_random, nor_does_a_kill_on_a_disk_that_fails_at_times)
+{
+    LogCapture log; // of each failure
+    fs::remove_all("data");
+    TestDisk            disk;
+    std::mt19937        random(1);
+    std::atomic<bool>   healthy{false};
+    Life                life(disk, 1);
+    std::vector<Moment> moments;
+    disk.most_at_once   = 200;
+    disk.loses_unsynced = true;
+    disk.before         = [&](DiskCall call) {
+        if (call != DiskCall::Read)
+            moments.push_back(moment_of(disk, life));
+        return !healthy && random() % 16 == 0 ? EIO : 0;
+    };
+    for (int i = 0; i < 200; ++i)
+        life.change();
+    healthy = true;
+    life.stop();
+    disk.before = nullptr;
+    moments.push_back(moment_of(disk, life));
+    expect_right_at_each(moments, life);
 }

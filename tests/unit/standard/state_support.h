@@ -3,9 +3,12 @@
 #define TARN_TESTS_UNIT_STANDARD_STATE_SUPPORT_H
 
 #include "journal_support.h"
+#include "standard/checkpoint.h"
 #include "standard/recorder.h"
 #include "standard/restore.h"
+#include "base/clock.h"
 
+#include <gtest/gtest.h>
 #include <memory>
 #include <set>
 
@@ -93,6 +96,100 @@ inline std::unique_ptr<standard::State> restored(const char *directory = kStateD
     restorer.finish();
     return state;
 }
+
+inline standard::MessageRef message(uint64_t number, std::string_view topic, std::string_view payload)
+{
+    return standard::MessageRef::make({.number     = number,
+                                       .expires_ms = kNow_ms + 77'000,
+                                       .sender     = 1,
+                                       .qos        = 1,
+                                       .retain     = true,
+                                       .topic      = topic,
+                                       .properties = bytes_of("properties"),
+                                       .payload    = bytes_of(payload)});
+}
+
+struct WideLimits final : standard::ReceiverLimits {
+    uint16_t receive_maximum() const override { return 65535; }
+    bool     takes(const standard::Outgoing &) const override { return true; }
+};
+
+// A state with its records. What it says of itself it also says to them.
+struct RecordedState {
+    explicit RecordedState(const standard::JournalLimits &limits = {})
+        : journal(disk, limits), recorder(journal), checkpointer(state, journal)
+    {
+        standard::Restorer restorer(state, kNow_ms);
+        EXPECT_EQ(journal.open(kStateDirectory, restorer).status, standard::OpenStatus::Ok);
+    }
+
+    standard::Session &session(std::string_view id, uint32_t expiry_s = 60)
+    {
+        standard::Session &made = *state.sessions.make(id, state.bounds());
+        made.expiry_s           = expiry_s;
+        made.away_ms            = kNow_ms - 5;
+        made.deliveries.set_sink(&recorder);
+        EXPECT_TRUE(recorder.session(made));
+        return made;
+    }
+    void subscribe(const standard::Session &session, std::string_view filter,
+                   const standard::SubscriptionOptions &options)
+    {
+        EXPECT_EQ(state.subscriptions.add(session.number, filter, options), standard::SubscriptionTree::Added::New);
+        EXPECT_TRUE(recorder.subscribed(session, filter, options));
+    }
+    // To all of them at QoS 2.
+    bool publish(const standard::MessageRef &message, std::initializer_list<standard::Session *> sessions,
+                 const standard::PublicationEffects &effects = {})
+    {
+        const uint32_t identifiers[] = {7, 268435455};
+        recorder.begin_publication(message);
+        for (standard::Session *session : sessions)
+            EXPECT_EQ(session->deliveries.offer(message, 2, true, identifiers), standard::Offered::Queued);
+        state.last_message = std::max(state.last_message.load(), message->number());
+        return recorder.end_publication(effects);
+    }
+    void send_all(standard::Session &session)
+    {
+        session.deliveries.resume();
+        while (session.deliveries.next(kNow_ms, WideLimits{}).kind != standard::Outgoing::Kind::Nothing) {}
+    }
+    // The client refuses all that is on the way to it.
+    void end_all(standard::Session &session)
+    {
+        std::vector<uint16_t> packet_ids;
+        session.deliveries.for_each([&](const standard::DeliveryRecord &delivery) {
+            if (delivery.packet_id != 0)
+                packet_ids.push_back(delivery.packet_id);
+        });
+        for (const uint16_t packet_id : packet_ids)
+            session.deliveries.pubrec(packet_id, 0x83);
+    }
+    // So many steps finish any checkpoint of a small state.
+    void step_long(int steps = 200)
+    {
+        for (; steps > 0; --steps) {
+            while (journal.unsynced() > 0)
+                pause_ms(1);
+            checkpointer.step();
+        }
+    }
+    void expect_the_same_again()
+    {
+        EXPECT_EQ(journal.close(), 0u);
+        const std::unique_ptr<standard::State> again = restored();
+        ASSERT_TRUE(again);
+        EXPECT_EQ(lines_of(*again), lines_of(state));
+        EXPECT_EQ(again->last_message, state.last_message);
+        EXPECT_EQ(again->sessions.last_number(), std::max<uint64_t>(state.sessions.last_number(), 1)) << "as a sender";
+    }
+
+    TestDisk               disk;
+    standard::State        state{standard::Limits{}};
+    standard::Journal      journal;
+    standard::Recorder     recorder;
+    standard::Checkpointer checkpointer;
+};
 
 } // namespace tarn::test
 
