@@ -12,9 +12,11 @@ Orders, each answered by one line, "ok ...", "error WHY" or, if the client has n
     burst topic= qos= count=          the messages "0", "1", ...: all on the way at once
     disconnect
 
-Before the first order it says "ready version=1.2.3". What happens by itself is told by lines "message topic= qos= retain= dup= payload= ..." and "closed [reason=]". Payloads
-are hexadecimal. At the end of its input the process ends with status 0.
+Before the first order it says "ready version=1.2.3". What happens by itself is told by lines "message topic= qos= retain=
+dup= payload= ..." and "closed [reason=]". Payloads are hexadecimal. At the end of its input the process ends with
+status 0.
 """
+import pathlib
 import queue
 import signal
 import subprocess
@@ -55,6 +57,17 @@ class Will:
     qos: int = 1
     retain: bool = False
     delay: int = 0
+
+
+def pause(process):
+    """All its threads have stopped when this returns; its connections stay."""
+    process.send_signal(signal.SIGSTOP)
+    threads = pathlib.Path(f"/proc/{process.pid}/task")
+    until = time.monotonic() + READY_S
+    while not all(one.read_text().rpartition(")")[2].split()[0] in "Tt" for one in threads.glob("*/stat")):
+        if time.monotonic() > until:
+            raise RuntimeError("the client does not stop")
+        time.sleep(0.01)
 
 
 class Inbox:
@@ -192,8 +205,7 @@ class Agent(Inbox):
             raise Failed(f"it was not closed within {within:g} s")
 
     def pause(self):
-        """Its process stops, its connection stays."""
-        self.process.send_signal(signal.SIGSTOP)
+        pause(self.process)
 
     def go_on(self):
         self.process.send_signal(signal.SIGCONT)

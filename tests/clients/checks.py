@@ -1,5 +1,5 @@
-"""What each client is put through. A check is a function of a Bench, from which it gets its clients; it returns when all
-went well and raises Failed otherwise. Ids and topics begin with the check's name, so that none disturbs another.
+"""What each client is put through. A check is a function of a Bench, from which it gets its clients; it returns when
+all went well and raises Failed otherwise. Ids and topics begin with the check's name, so that none disturbs another.
 """
 import json
 import time
@@ -9,7 +9,8 @@ from typing import Callable
 
 from agent import Failed, NotHere, Will
 
-JSON_300 = json.dumps({"device": "boiler-7", "values": list(range(1000, 1037)), "unit": "K", "ok": True, "note": "x" * 7})
+JSON_300 = json.dumps({"device": "boiler-7", "values": list(range(1000, 1037)), "unit": "K", "ok": True,
+                       "note": "x" * 7})
 CLOSED = ("", "142", "7", "0")  # no reason, that of a take-over, or numbers that a client has for no reason
 BINARY = bytes(range(256))
 BINARY_FROM_SMALL = b"\x05\x00\x01\x02\x03" + bytes(range(255, -1, -1))

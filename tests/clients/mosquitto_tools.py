@@ -10,7 +10,7 @@ import signal
 import subprocess
 import threading
 
-from agent import Failed, Inbox, Message, NotHere
+from agent import Failed, Inbox, Message, NotHere, pause
 
 numbers = itertools.count(1)
 # The filters of each id: a program that comes back to its session has to name them again.
@@ -147,7 +147,7 @@ class MosquittoTools(Inbox):
             raise Failed(f"it was not closed within {within:g} s")
 
     def pause(self):
-        self.process.send_signal(signal.SIGSTOP)
+        pause(self.process)
 
     def go_on(self):
         self.process.send_signal(signal.SIGCONT)

@@ -7,8 +7,8 @@ LEVELS = {4: "3.1.1", 5: "5.0"}
 HEAD = """# Stock clients
 
 What stock clients can do with `tarn-broker --standard`, and with the native profile, which is the default. Written by
-`./dev clients`, which puts every client at MQTT 3.1.1 and at 5.0 through the same checks; edit `tests/clients/`, not this
-file. What a check sends must arrive once, in order, with its topic, payload and QoS.
+`./dev clients`, which puts every client at MQTT 3.1.1 and at 5.0 through the same checks; edit `tests/clients/`, not
+this file. What a check sends must arrive once, in order, with its topic, payload and QoS.
 
 ✓ it works · – the client has no such thing · a number: it does not, or differently; what to know stands below the table
 
@@ -26,8 +26,8 @@ INTRODUCTIONS = {
     "native": """
 ## The native profile
 
-`tarn-broker`. It departs from the standards on purpose ([deviations](deviations.md)): stock clients of 3.1.1 do well with
-short messages, most of those of 5.0 do not connect.
+`tarn-broker`. It departs from the standards on purpose ([deviations](deviations.md)): stock clients of 3.1.1 do well
+with short messages, most of those of 5.0 do not connect.
 
 """,
 }

@@ -1,5 +1,5 @@
-// The stock JavaScript client as a test's client: orders as lines of standard input, see ../agent.py. The package's name
-// is the argument.
+// The stock JavaScript client as a test's client: orders as lines of standard input, see ../agent.py. The argument is
+// the package's name.
 'use strict'
 
 const fs = require('fs')
@@ -53,10 +53,7 @@ function connect (order) {
     if (order.expiry) given.sessionExpiryInterval = +order.expiry
     if (order.receive_maximum) given.receiveMaximum = +order.receive_maximum
     if (order.maximum_packet_size) given.maximumPacketSize = +order.maximum_packet_size
-    if (order.aliases) {
-      given.topicAliasMaximum = 10
-      options.autoAssignTopicAlias = true
-    }
+    if (order.aliases) Object.assign(options, { topicAliasMaximum: 10, autoAssignTopicAlias: true })
   }
   if (order.username) Object.assign(options, { username: order.username, password: order.password })
   if (order.will_topic) options.will = will(order)
