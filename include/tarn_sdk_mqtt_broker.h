@@ -115,14 +115,14 @@ enum {
     /* of one client */
     TARN_LIMIT_QUEUED_MESSAGES        = 0, /* at QoS 1 and 2 that wait or are on the way, 1 or more; 100000 */
     TARN_LIMIT_QUEUED_BYTES           = 1, /* of them, 1..2^40; 64 MiB */
-    TARN_LIMIT_QOS0_MESSAGES          = 2, /* that wait for a slow reader, 1 or more; 10000 */
-    TARN_LIMIT_QOS0_BYTES             = 3, /* of them, 1..2^40; 4 MiB */
+    TARN_LIMIT_QOS0_MESSAGES          = 2, /* that wait for a slow reader, 1 or more; 100000 */
+    TARN_LIMIT_QOS0_BYTES             = 3, /* of them, 1..2^40; 64 MiB */
     TARN_LIMIT_WILDCARD_SUBSCRIPTIONS = 4, /* 0 or more; 1000. Each costs every publication a look. */
     TARN_LIMIT_SUBSCRIPTIONS          = 5, /* those with wildcards too, 1 or more; 10000 */
     TARN_LIMIT_RECEIVE_MAXIMUM        = 6, /* its publications at QoS 2 that may be open, 1..65535; 1000 */
     TARN_LIMIT_SESSION_EXPIRY         = 7, /* s that its session outlives its connection; 4294967295 = for ever */
     /* of all clients */
-    TARN_LIMIT_SESSIONS          = 8,  /* of clients that are connected or away, 1 or more; 100000 */
+    TARN_LIMIT_SESSIONS          = 8,  /* that outlive their connections, 1 or more; 100000 */
     TARN_LIMIT_RETAINED_MESSAGES = 9,  /* 100000 */
     TARN_LIMIT_RETAINED_BYTES    = 10, /* of them, 0..2^40; 256 MiB */
     TARN_LIMIT_CONNECT_TIMEOUT   = 11  /* ms in which a new connection has to say CONNECT, 100..3600000; 30000 */
@@ -160,7 +160,9 @@ typedef void (*broker_event_cb_t)(broker_t *broker, uint32_t kind, const char *t
  * Packets that come before a CONNECT are handled without asking this callback. A host that relies on passwords refuses
  * clients with an empty id in its access-control callback as well.
  *
- * Standard profile: nothing is handled before a CONNECT, and a refused 3.1.1 client gets code 4.
+ * Standard profile: nothing is handled before a CONNECT, and a refused 3.1.1 client gets code 4. `client_id` is the id
+ * as the other callbacks and lists have it: chosen by then if the client sent none, and above 63 bytes, or with a ~ in
+ * front, as ~ and 32 hexadecimal digits.
  */
 typedef bool (*broker_auth_cb_t)(broker_t *broker, const char *client_id, const char *username, const char *password);
 

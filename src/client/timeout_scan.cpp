@@ -15,7 +15,7 @@ namespace {
 // times its keep-alive [MQTT-3.1.2-22]. Every ten seconds a thousand of the places that max_clients makes are looked
 // at, taken or not, so the close, and with it the will, comes up to 50 s late at the 5000 places of the default and up
 // to 110 s late at 11000. A smaller max_clients makes it sooner: with 1000 it is 10 s.
-//   standard profile: lifted (keep-alive): within some 10 ms
+//   standard profile: lifted (keep-alive): within some 10 ms; but a packet above 4096 bytes may take its time
 //   test: Timeout.a_place_is_looked_at_once_in_so_many_scans_as_the_limit_has_thousands,
 //   housekeeping_turn.each_task_comes_when_its_period_is_over_and_not_a_second_earlier
 constexpr int kBlocksATurn = 10;

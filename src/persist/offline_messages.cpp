@@ -27,8 +27,7 @@ uint16_t draw_message_id() noexcept
 // QUIRK(offline-bounds): an absent client is kept a hundred messages at most, the first 1024 bytes of each, and none
 // without a payload, although all belong to its session [MQTT-4.5.0-1]: they are one small file, written anew each
 // time. How many of them come back is another matter, see files-read-in-part.
-//   standard profile: lifted (sessions): what is kept is bounded by limits that a host can set; beyond them publishers
-//   are refused
+//   standard profile: lifted (sessions): limits that a host can set bound it; beyond them the newest is not kept
 //   test: limits.the_100th_message_drops_none_and_the_101st_the_oldest, limits.payloads_are_stored_up_to_1024_bytes
 persist_msg_t &place_for_one(persist_session_t &record)
 {

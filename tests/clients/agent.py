@@ -1,18 +1,22 @@
 """A stock client in a process of its own that does what lines of its standard input say.
 
-Orders, each answered by one line, "ok ..." or "error WHY":
+Orders, each answered by one line, "ok ...", "error WHY" or, if the client has no such thing, "none WHY":
 
     connect port= id= level= clean= keepalive= [expiry=] [username= password=]
-            [will_topic= will_payload= will_qos= will_retain= [will_delay=]]      ok present=0
-    subscribe filters=a,b/# qos= [no_local=]                                      ok codes=1,1
+            [will_topic= will_payload= will_qos= will_retain= [will_delay=]]
+            [receive_maximum=] [maximum_packet_size=] [aliases=1]                 ok present=0
+    subscribe filters=a,b/# qos= [no_local=] [retain_as_published=] [retain_handling=] [identifier=]
+                                                                                  ok codes=1,1
     unsubscribe filters=a,b/#                                                     ok
     publish topic= payload= qos= [retain=] [expiry=] [response=] [correlation=] [type=] [user=name:value]
     burst topic= qos= count=          the messages "0", "1", ...: all on the way at once
     disconnect
 
-Before the first order it says "ready version=1.2.3". What happens by itself is told by lines "message topic= qos= retain= dup= payload= ..." and "closed [reason=]". Payloads
-are hexadecimal. At the end of its input the process ends with status 0.
+Before the first order it says "ready version=1.2.3". What happens by itself is told by lines "message topic= qos= retain=
+dup= payload= ..." and "closed [reason=]". Payloads are hexadecimal. At the end of its input the process ends with
+status 0.
 """
+import pathlib
 import queue
 import signal
 import subprocess
@@ -55,6 +59,17 @@ class Will:
     delay: int = 0
 
 
+def pause(process):
+    """All its threads have stopped when this returns; its connections stay."""
+    process.send_signal(signal.SIGSTOP)
+    threads = pathlib.Path(f"/proc/{process.pid}/task")
+    until = time.monotonic() + READY_S
+    while not all(one.read_text().rpartition(")")[2].split()[0] in "Tt" for one in threads.glob("*/stat")):
+        if time.monotonic() > until:
+            raise RuntimeError("the client does not stop")
+        time.sleep(0.01)
+
+
 class Inbox:
     """What a client was sent, in order, and whether it was closed."""
 
@@ -72,7 +87,7 @@ class Inbox:
         try:
             return self.messages.get(timeout=within)
         except queue.Empty:
-            raise Failed(f"no message within {within:g} s" + " (closed)" * self.closed.is_set()) from None
+            raise Failed(f"no message within {within:.1f} s" + " (closed)" * self.closed.is_set()) from None
 
     def take_exactly(self, payloads, within=3.0, then_quiet=0.3):
         """These, each once and in this order."""
@@ -146,26 +161,28 @@ class Agent(Inbox):
         except (OSError, queue.Empty):
             self.kill()
             raise Failed(f"{word}: nothing within {within:g} s") from None
+        if result == "none":
+            raise NotHere(text)
         if result != "ok":
             raise Failed(f"{word}: {text}" + " (closed)" * self.closed.is_set())
         return dict(one.split("=", 1) for one in text.split())
 
-    def connect(self, id, keep=False, keepalive=30, expiry=300, will=None, username=None, password=None):
+    def connect(self, id, keep=False, keepalive=30, expiry=300, will=None, **more):
         """Whether a session was present, None if the client does not tell. `keep` asks for it to be kept."""
         self.empty()
-        fields = {}
+        fields = more
         if will:
             fields.update(will_topic=will.topic, will_payload=will.payload.hex(), will_qos=will.qos,
                           will_retain=will.retain, will_delay=will.delay if will.delay else None)
         if keep and self.level == 5:
             fields.update(expiry=expiry)
         answer = self.ask("connect", port=self.port, id=id, level=self.level, clean=not keep, keepalive=keepalive,
-                          username=username, password=password, **fields)
+                          **fields)
         self.connected = True
         return answer["present"] == "1" if "present" in answer else None
 
-    def subscribe(self, *filters, qos=1, no_local=False):
-        codes = self.ask("subscribe", filters=",".join(filters), qos=qos, no_local=no_local or None)["codes"]
+    def subscribe(self, *filters, qos=1, **options):
+        codes = self.ask("subscribe", filters=",".join(filters), qos=qos, **options)["codes"]
         codes = [int(code) for code in codes.split(",")]
         if codes != [qos] * len(filters):
             raise Failed(f"SUBACK has the codes {codes}")
@@ -188,8 +205,7 @@ class Agent(Inbox):
             raise Failed(f"it was not closed within {within:g} s")
 
     def pause(self):
-        """Its process stops, its connection stays."""
-        self.process.send_signal(signal.SIGSTOP)
+        pause(self.process)
 
     def go_on(self):
         self.process.send_signal(signal.SIGCONT)

@@ -11,7 +11,7 @@ import time
 import uuid
 
 import checks
-from agent import Failed, NotHere
+from agent import Failed, NotHere, pause
 from broker import PORT, wait_for_port
 from mosquitto_tools import MosquittoTools, known_filters, version_in
 
@@ -29,7 +29,7 @@ class LocalMosquitto:
     def __init__(self, directory, number, lines):
         self.config = pathlib.Path(directory) / f"bridge{number}.conf"
         self.log = pathlib.Path(directory) / f"bridge{number}.log"
-        self.config.write_text("\n".join([f"listener {LOCAL_PORT} 127.0.0.1", "allow_anonymous true",
+        self.config.write_text("\n".join(["user root", f"listener {LOCAL_PORT} 127.0.0.1", "allow_anonymous true",
                                           "connection tarn", f"address 127.0.0.1:{PORT}", *lines]) + "\n")
         self.process = subprocess.Popen(["mosquitto", "-v", "-c", str(self.config)], stdin=subprocess.DEVNULL,
                                         stdout=subprocess.DEVNULL, stderr=open(self.log, "wb"))
@@ -382,7 +382,7 @@ def session_drop(bench):
 @for_bridge
 def session_on_the_way(bench):
     bench.start()
-    bench.local.process.send_signal(signal.SIGSTOP)
+    pause(bench.local.process)
     names = publish_three(bench)
     bench.local.process.kill()
     bench.local.process.wait()
@@ -430,7 +430,7 @@ def slow_acknowledgement(bench):
     subscriber.subscribe(bench.topic("in", "#"), qos=2)
     publisher = bench.connected(PORT, "p")
     for qos in 1, 2:
-        bench.local.process.send_signal(signal.SIGSTOP)
+        pause(bench.local.process)
         for payload in b"one", b"two", b"three":
             publisher.publish(bench.topic("in", qos), payload, qos=qos)
         time.sleep(4)
@@ -454,7 +454,7 @@ def keepalive_silent(bench):
     bench.start()
     watcher = state_watcher(bench)
     wait_for_state(watcher, b"1", 3)
-    bench.local.process.send_signal(signal.SIGSTOP)
+    pause(bench.local.process)
     try:
         wait_for_state(watcher, b"0", 9.0)
     finally:

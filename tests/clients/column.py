@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""One column of the table: a broker and the checks of one kind of client at one level. For driver.py, which starts it in
-a network of its own. Each check is a line of JSON: {"check": NAME, "result": "ok|failed|none", "text": WHY}.
+"""One column of the table: a broker and the checks of one kind of client at one level. For driver.py, which starts it
+in a network of its own. Each check is a line of JSON: {"check": NAME, "result": "ok|failed|none", "text": WHY}.
 """
 import argparse
 import json
@@ -225,16 +225,19 @@ def main():
         else:
             bench = bridge.BridgeBench(arguments.command, directory, *common)
         print(json.dumps({"version": bench.version()}), flush=True)
+        connects = True
         for one in wanted(arguments, arguments.level):
             if arguments.trace:
                 print(f"---- {one.name}", file=sys.stderr, flush=True)
             began = time.monotonic()
-            result, text = run_check(bench, one)
+            result, text = run_check(bench, one) if connects else ("failed", "it does not connect")
+            if one.name == "connect":
+                connects = result == "ok"
             print(json.dumps({"check": one.name, "result": result, "text": text,
                               "seconds": round(time.monotonic() - began, 2)}), flush=True)
             if not broker.is_running():
-                print(json.dumps({"check": "broker", "result": "failed", "text": "the broker ended: " + str(broker.process.returncode)}),
-                      flush=True)
+                text = f"the broker ended with {broker.process.returncode}"
+                print(json.dumps({"check": "broker", "result": "failed", "text": text}), flush=True)
                 broker.start()
         bench.close()
         status = broker.stop()

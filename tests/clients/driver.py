@@ -50,7 +50,8 @@ def columns_of(arguments):
     node = shutil.which("node") or "no node"
     modules = pathlib.Path(arguments.npm) / "node_modules"
     python = python_with_paho()
-    sub, mosquitto = shutil.which("mosquitto_sub") or "no mosquitto_sub", shutil.which("mosquitto") or "no mosquitto"
+    sub = shutil.which("mosquitto_sub") or "no mosquitto_sub"
+    mosquitto = shutil.which("mosquitto") or "no mosquitto"
 
     def both(name, title, kind, command, needs):
         for level in 4, 5:
@@ -61,8 +62,8 @@ def columns_of(arguments):
                     str(modules / package / "package.json"))
 
     yield from both("mosquitto", "mosquitto_pub, _sub, _rr", "tools", [], sub)
-    yield from both("paho_sync", "Paho C, MQTTClient", "agent", [str(agents / "paho_sync")], str(agents / "paho_sync"))
-    yield from both("paho_async", "Paho C, MQTTAsync", "agent", [str(agents / "paho_async")], str(agents / "paho_async"))
+    for name, title in ("paho_sync", "Paho C, MQTTClient"), ("paho_async", "Paho C, MQTTAsync"):
+        yield from both(name, title, "agent", [str(agents / name)], str(agents / name))
     yield from both("paho_python", "Paho Python", "agent", [python, str(HERE / "agents/paho_python.py")], python)
     yield from javascript("mqttjs4", "MQTT.js 4", "mqtt")
     yield from javascript("mqttjs5", "MQTT.js 5", "mqtt5")
@@ -80,8 +81,8 @@ def namespace():
 
 def run_column(arguments, column, profile, own_network):
     """{check: (result, text)}, with "none" for what was not asked of this column."""
-    command = [*own_network, sys.executable, str(HERE / "column.py"), "--broker", arguments.broker, "--name", column.name,
-               "--kind", column.kind, "--level", str(column.level), "--only", arguments.only]
+    command = [*own_network, sys.executable, str(HERE / "column.py"), "--broker", arguments.broker, "--name",
+               column.name, "--kind", column.kind, "--level", str(column.level), "--only", arguments.only]
     for option in PROFILES[profile]:
         command.append(f"--broker-option={option}")
     command += ["--quick"] * arguments.quick
@@ -139,12 +140,15 @@ def main():
     parser.add_argument("--only", default=".*", help="checks whose whole name this pattern matches")
     parser.add_argument("--quick", action="store_true", help="without the checks that mostly wait")
     parser.add_argument("--all", action="store_true", help="a client that is missing is a failure")
-    parser.add_argument("--jobs", type=int, default=5, help="columns at a time")
+    parser.add_argument("--jobs", type=int, default=6, help="columns at a time")
     parser.add_argument("--verbose", action="store_true")
     parser.add_argument("--table", help="run both profiles and write this file")
     arguments = parser.parse_args()
 
     os.environ["PATH"] += ":/usr/sbin:/sbin"
+    if notes.unknown_quirks():
+        print("notes.py names what docs/deviations.md does not have:", *notes.unknown_quirks())
+        return 1
     own_network = namespace()
     if own_network is None:
         print("no network namespace here")

@@ -10,7 +10,7 @@ import signal
 import subprocess
 import threading
 
-from agent import Failed, Inbox, Message, NotHere
+from agent import Failed, Inbox, Message, NotHere, pause
 
 numbers = itertools.count(1)
 # The filters of each id: a program that comes back to its session has to name them again.
@@ -35,7 +35,8 @@ class MosquittoTools(Inbox):
         self.id, self.own, self.key = None, [], None
         self.connected = False
 
-    def connect(self, id, keep=False, keepalive=30, expiry=300, will=None, username=None, password=None):
+    def connect(self, id, keep=False, keepalive=30, expiry=300, will=None, username=None, password=None,
+                aliases=False, **properties):
         self.empty()
         self.id = id
         self.own = ["-k", str(max(keepalive, self.shortest_keepalive))]
@@ -48,6 +49,10 @@ class MosquittoTools(Inbox):
                 raise NotHere("mosquitto_sub has no will delay")
             self.own += ["--will-topic", will.topic, "--will-payload", will.payload.decode("latin1"), "--will-qos",
                          str(will.qos)] + ["--will-retain"] * will.retain
+        if aliases:
+            raise NotHere("mosquitto_sub has no topic aliases")
+        for name, value in properties.items():
+            self.own += ["-D", "connect", name.replace("_", "-"), str(value)]
         self.connected = True
         self.key = (self.port, id)
         if keep and self.key in known_filters:
@@ -55,9 +60,11 @@ class MosquittoTools(Inbox):
         elif will or keep or username or not id or len(id) > 30:
             self.run(("unused/" + (id or "none"),), 0)
 
-    def subscribe(self, *filters, qos=1, no_local=False):
-        if no_local:
-            raise NotHere("mosquitto_sub has no No Local")
+    def subscribe(self, *filters, qos=1, retain_as_published=False, identifier=0, **options):
+        if options:
+            raise NotHere("mosquitto_sub has no " + " ".join(options))
+        self.own += ["--retain-as-published"] * retain_as_published
+        self.own += ["-D", "subscribe", "subscription-identifier", str(identifier)] if identifier else []
         if self.process:
             self.end(signal.SIGTERM)
         known_filters[self.key] = (filters, qos)
@@ -140,7 +147,7 @@ class MosquittoTools(Inbox):
             raise Failed(f"it was not closed within {within:g} s")
 
     def pause(self):
-        self.process.send_signal(signal.SIGSTOP)
+        pause(self.process)
 
     def go_on(self):
         self.process.send_signal(signal.SIGCONT)

@@ -1,5 +1,5 @@
-// The stock JavaScript client as a test's client: orders as lines of standard input, see ../agent.py. The package's name
-// is the argument.
+// The stock JavaScript client as a test's client: orders as lines of standard input, see ../agent.py. The argument is
+// the package's name.
 'use strict'
 
 const fs = require('fs')
@@ -20,6 +20,7 @@ function printMessage (topic, payload, packet) {
   if (given.responseTopic) more += ' response=' + given.responseTopic
   if (given.correlationData) more += ' correlation=' + given.correlationData
   if (given.contentType) more += ' type=' + given.contentType
+  if (given.subscriptionIdentifier) more += ' identifier=' + given.subscriptionIdentifier
   for (const [name, value] of Object.entries(given.userProperties || {})) more += ` user=${name}:${value}`
   say(`message topic=${topic} qos=${packet.qos} retain=${+packet.retain} dup=${+packet.dup} ` +
       `payload=${payload.toString('hex')}${more}`)
@@ -47,7 +48,13 @@ function connect (order) {
     reconnectPeriod: 0,
     resubscribe: false
   }
-  if (level === 5 && order.expiry) options.properties = { sessionExpiryInterval: +order.expiry }
+  if (level === 5) {
+    const given = options.properties = {}
+    if (order.expiry) given.sessionExpiryInterval = +order.expiry
+    if (order.receive_maximum) given.receiveMaximum = +order.receive_maximum
+    if (order.maximum_packet_size) given.maximumPacketSize = +order.maximum_packet_size
+    if (order.aliases) Object.assign(options, { topicAliasMaximum: 10, autoAssignTopicAlias: true })
+  }
   if (order.username) Object.assign(options, { username: order.username, password: order.password })
   if (order.will_topic) options.will = will(order)
   return new Promise((resolve, reject) => {
@@ -67,7 +74,15 @@ function connect (order) {
 // The client leaves refused filters out of what it gives, so the codes come from the packet itself.
 async function subscribe (order) {
   const filters = {}
-  for (const filter of order.filters.split(',')) filters[filter] = { qos: +order.qos, nl: order.no_local === '1' }
+  for (const filter of order.filters.split(',')) {
+    filters[filter] = {
+      qos: +order.qos,
+      nl: order.no_local === '1',
+      rap: order.retain_as_published === '1',
+      rh: +(order.retain_handling || 0)
+    }
+  }
+  const properties = order.identifier ? { properties: { subscriptionIdentifier: +order.identifier } } : {}
   const suback = new Promise(resolve => {
     client.on('packetreceive', function take (packet) {
       if (packet.cmd !== 'suback') return
@@ -75,7 +90,7 @@ async function subscribe (order) {
       resolve(packet.granted)
     })
   })
-  await call('subscribe', filters)
+  await call('subscribe', filters, properties)
   return 'ok codes=' + (await suback).join(',')
 }
 

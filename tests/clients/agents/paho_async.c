@@ -214,7 +214,7 @@ static void connect_to_broker(const Order *order)
     options.password          = text_field(order, "password");
     if (level == 5) {
         options.cleanstart = number_field(order, "clean");
-        add_number(&properties, MQTTPROPERTY_CODE_SESSION_EXPIRY_INTERVAL, order, "expiry");
+        properties         = connect_properties(order);
         add_number(&of_will, MQTTPROPERTY_CODE_WILL_DELAY_INTERVAL, order, "will_delay");
         options.connectProperties = &properties;
         options.willProperties    = &of_will;
@@ -251,14 +251,13 @@ static void subscribe(const Order *order)
     MQTTSubscribe_options each[kMostFilters];
     const int             count = list_field(order, "filters", filters);
     for (int i = 0; i < count; ++i) {
-        const MQTTSubscribe_options standard = MQTTSubscribe_options_initializer;
-        qos[i]                               = number_field(order, "qos");
-        each[i]                              = standard;
-        each[i].noLocal                      = (unsigned char)number_field(order, "no_local");
+        qos[i]  = number_field(order, "qos");
+        each[i] = subscribe_options(order);
     }
     MQTTAsync_responseOptions options = simple_response();
     if (level == 5) {
         options.onSuccess5            = subscribed5;
+        options.properties            = subscribe_properties(order);
         options.subscribeOptions      = each[0];
         options.subscribeOptionsList  = each;
         options.subscribeOptionsCount = count;
@@ -344,7 +343,9 @@ int main(void)
     Order order = {0};
     say("ready version=%s\n", MQTTAsync_getVersionInfo()[1].value);
     while (read_order(&order)) {
-        if (!strcmp(order.word, "connect"))
+        if (text_field(&order, "aliases"))
+            say("none the library assigns no topic aliases\n");
+        else if (!strcmp(order.word, "connect"))
             connect_to_broker(&order);
         else if (!strcmp(order.word, "subscribe"))
             subscribe(&order);

@@ -23,7 +23,9 @@ class Agent:
         self.client = None
         self.level = 4
 
-    def connect(self, port, id, level, clean, keepalive, **more):
+    def connect(self, port, id, level, clean, keepalive, aliases="0", **more):
+        if aliases == "1":
+            return "none it assigns no topic aliases"
         self.level = int(level)
         self.changed = threading.Condition()
         self.connack, self.granted, self.unsubscribed = None, None, False
@@ -47,6 +49,10 @@ class Agent:
             properties = Properties(PacketTypes.CONNECT)
             if "expiry" in more:
                 properties.SessionExpiryInterval = int(more["expiry"])
+            if "receive_maximum" in more:
+                properties.ReceiveMaximum = int(more["receive_maximum"])
+            if "maximum_packet_size" in more:
+                properties.MaximumPacketSize = int(more["maximum_packet_size"])
             options = {"clean_start": clean, "properties": properties}
         self.client.connect("127.0.0.1", int(port), int(keepalive), **options)
         self.client.loop_start()
@@ -65,14 +71,18 @@ class Agent:
         self.client.will_set(more["will_topic"], bytes.fromhex(more["will_payload"]), int(more["will_qos"]),
                              more["will_retain"] == "1", properties)
 
-    def subscribe(self, filters, qos, no_local="0"):
+    def subscribe(self, filters, qos, no_local="0", retain_as_published="0", retain_handling="0", identifier=None):
+        properties = None
         if self.level == 5:
-            options = SubscribeOptions(qos=int(qos), noLocal=no_local == "1")
+            options = SubscribeOptions(int(qos), no_local == "1", retain_as_published == "1", int(retain_handling))
             asked = [(one, options) for one in filters.split(",")]
+            if identifier:
+                properties = Properties(PacketTypes.SUBSCRIBE)
+                properties.SubscriptionIdentifier = int(identifier)
         else:
             asked = [(one, int(qos)) for one in filters.split(",")]
         self.granted = None
-        self.client.subscribe(asked)
+        self.client.subscribe(asked, properties=properties)
         with self.changed:
             if not self.changed.wait_for(lambda: self.granted is not None, LIMIT_S):
                 return "error no SUBACK"
@@ -140,6 +150,8 @@ class Agent:
             more += " correlation=" + bytes.fromhex(given["CorrelationData"]).decode()
         if "ContentType" in given:
             more += " type=" + given["ContentType"]
+        for number in given.get("SubscriptionIdentifier", []):
+            more += f" identifier={number}"
         for name, value in given.get("UserProperty", []):
             more += f" user={name}:{value}"
         say(f"message topic={message.topic} qos={message.qos} retain={int(message.retain)} dup={int(message.dup)} "

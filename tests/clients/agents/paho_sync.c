@@ -95,8 +95,7 @@ static void connect_to_broker(const Order *order)
         options.will      = &will;
     }
     if (level == 5) {
-        MQTTProperties properties = MQTTProperties_initializer, of_will = MQTTProperties_initializer;
-        add_number(&properties, MQTTPROPERTY_CODE_SESSION_EXPIRY_INTERVAL, order, "expiry");
+        MQTTProperties properties = connect_properties(order), of_will = MQTTProperties_initializer;
         add_number(&of_will, MQTTPROPERTY_CODE_WILL_DELAY_INTERVAL, order, "will_delay");
         MQTTResponse response = MQTTClient_connect5(client, &options, &properties, options.will ? &of_will : NULL);
         if (response.reasonCode == MQTTREASONCODE_SUCCESS)
@@ -138,12 +137,10 @@ static void subscribe(const Order *order)
         return;
     }
     MQTTSubscribe_options each[kMostFilters];
-    for (int i = 0; i < count; ++i) {
-        const MQTTSubscribe_options standard = MQTTSubscribe_options_initializer;
-        each[i]                              = standard;
-        each[i].noLocal                      = (unsigned char)number_field(order, "no_local");
-    }
-    MQTTResponse response = MQTTClient_subscribeMany5(client, count, filters, codes, each, NULL);
+    for (int i = 0; i < count; ++i)
+        each[i] = subscribe_options(order);
+    MQTTProperties properties = subscribe_properties(order);
+    MQTTResponse   response   = MQTTClient_subscribeMany5(client, count, filters, codes, each, &properties);
     if (response.reasonCodeCount > 1)
         for (int i = 0; i < count && i < response.reasonCodeCount; ++i)
             codes[i] = response.reasonCodes[i];
@@ -223,7 +220,9 @@ int main(void)
     Order order = {0};
     say("ready version=%s\n", MQTTClient_getVersionInfo()[1].value);
     while (read_order(&order)) {
-        if (!strcmp(order.word, "connect"))
+        if (text_field(&order, "aliases"))
+            say("none the library assigns no topic aliases\n");
+        else if (!strcmp(order.word, "connect"))
             connect_to_broker(&order);
         else if (!strcmp(order.word, "subscribe"))
             subscribe(&order);
