@@ -54,6 +54,9 @@ TEST(checkpoint, has_all_that_files_know)
     ASSERT_TRUE(kept.publish(message(6, "a/b", ""), {&session}));
     kept.state.retained.set(message(7, "r", "retained"));
     kept.state.last_message = 8;
+    Session &gone           = kept.session("gone");
+    ASSERT_TRUE(kept.recorder.session_is_gone(gone));
+    kept.state.sessions.destroy(gone);
     kept.step_long();
     EXPECT_EQ(kept.journal.close(), 0u);
     const Types types;
