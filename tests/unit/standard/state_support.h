@@ -3,9 +3,9 @@
 #define TARN_TESTS_UNIT_STANDARD_STATE_SUPPORT_H
 
 #include "journal_support.h"
-#include "standard/checkpoint.h"
-#include "standard/recorder.h"
-#include "standard/restore.h"
+#include "standard/records/checkpoint.h"
+#include "standard/records/recorder.h"
+#include "standard/records/restore.h"
 #include "base/clock.h"
 
 #include <gtest/gtest.h>

@@ -27,8 +27,8 @@
 #ifndef TARN_STANDARD_RECORDS_H
 #define TARN_STANDARD_RECORDS_H
 
-#include "session.h"
-#include "subscription_tree.h"
+#include "../state/session.h"
+#include "../state/subscription_tree.h"
 
 #include <array>
 #include <concepts>
