@@ -24,6 +24,7 @@ std::string unfolded(const uint8_t *data, size_t size)
     std::string  file(reinterpret_cast<const char *>(data), head);
     data += head;
     size -= head;
+    file.reserve(head + size / kShort * sizeof(retain_msg_t) + size % kShort);
     for (; size >= kShort; data += kShort, size -= kShort) {
         retain_msg_t         record;
         const uint8_t *const tail = data + sizeof record.topic;

@@ -64,16 +64,17 @@ void kick(broker_t *broker, const Arguments &arguments, Answer &answer)
     answer.take_result(tarn_sdk_mqtt_broker_kick_client(broker, arguments[0].c_str()));
 }
 
-// What the library would cut or hand on unchecked is refused here, where the caller gets an error.
+// What the library would cut or hand on unchecked is refused here, where the caller gets an error. The standard profile
+// takes any length.
 std::string fault_of_message(const std::string &topic, const std::string &text)
 {
-    if (topic.empty() || topic.size() > kTopicMax)
+    if (topic.empty() || (topic.size() > kTopicMax && !g_serves_standard))
         return "a topic has 1 to " + std::to_string(kTopicMax) + " bytes";
     if (topic.find_first_of("+#") != topic.npos)
         return "a topic to publish to has no + or #";
     if (text.empty())
         return "there is no empty message; clear removes a retained one";
-    if (topic.size() + text.size() > kMessageMax)
+    if (topic.size() + text.size() > kMessageMax && !g_serves_standard)
         return "topic and text have " + std::to_string(kMessageMax) + " bytes at most";
     return "";
 }

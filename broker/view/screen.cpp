@@ -1,5 +1,6 @@
 #include "screen.h"
 
+#include "../profile.h"
 #include "../text.h"
 
 #include <algorithm>
@@ -132,12 +133,15 @@ std::vector<Line> gauges(const Counters &now, bool blocks)
     const auto   of    = [](const char *name, uint32_t used, uint32_t most) {
         return std::string(name) + ' ' + std::to_string(used) + '/' + std::to_string(most);
     };
+    const auto of_table = [of](const char *name, uint32_t used, uint32_t most) { // the native ones have an end
+        return g_serves_standard ? std::string(name) + ' ' + std::to_string(used) : of(name, used, most);
+    };
     return {{{of("pool", now.pool_used, now.pool_capacity) + ' '},
              {bar(share, 16, blocks), Style::Graph},
-             {printed(" %.1f%%", share * 100) + "  " + of("subscriptions", now.subscriptions, SUB_CAPACITY)}},
-            {{of("retained", now.retained, RETAIN_CAPACITY) + "  stored offline " + std::to_string(now.stored_offline) +
-              "  wills " + std::to_string(now.wills) + "  timeouts " + std::to_string(now.timeouts) + "  undecodable " +
-              std::to_string(now.undecodable)}}};
+             {printed(" %.1f%%", share * 100) + "  " + of_table("subscriptions", now.subscriptions, SUB_CAPACITY)}},
+            {{of_table("retained", now.retained, RETAIN_CAPACITY) + "  stored offline " +
+              std::to_string(now.stored_offline) + "  wills " + std::to_string(now.wills) + "  timeouts " +
+              std::to_string(now.timeouts) + "  undecodable " + std::to_string(now.undecodable)}}};
 }
 
 // One character of a column of the graph: the part of the value that falls into this row of `height`.

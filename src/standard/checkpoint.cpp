@@ -91,8 +91,8 @@ AppendStatus Checkpointer::copy_from_next_session() noexcept
 {
     Session *const session = state_.sessions.cursor();
     if (!session) {
-        phase_                   = Phase::Retained;
-        state_.retained.cursor() = state_.retained.first();
+        phase_ = Phase::Retained;
+        state_.retained.begin(retained_);
         return AppendStatus::Ok;
     }
     if (!session->is_kept()) {
@@ -156,7 +156,7 @@ AppendStatus Checkpointer::copy_next_subscription() noexcept
 
 AppendStatus Checkpointer::copy_next_retained() noexcept
 {
-    RetainedEntry *const entry = state_.retained.cursor();
+    const RetainedEntry *const entry = retained_.at();
     if (!entry) {
         journal_.finish_checkpoint();
         phase_ = Phase::None;
@@ -166,7 +166,7 @@ AppendStatus Checkpointer::copy_next_retained() noexcept
     if (status == AppendStatus::Ok)
         status = append(RecordType::Retained, {bytes_of_numbers(entry->message->number())});
     if (status == AppendStatus::Ok)
-        state_.retained.cursor() = entry->next;
+        retained_.go_on();
     return status;
 }
 

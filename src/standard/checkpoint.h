@@ -17,7 +17,7 @@ public:
     void step() noexcept;
 
 private:
-    // What is copied next. Where that stands, cursors of the state say.
+    // What is copied next. Where that stands, cursors of the state say, and `retained_`.
     enum class Phase : uint8_t { None, Counters, Sessions, Subscriptions, Retained };
 
     void         begin() noexcept;
@@ -35,6 +35,7 @@ private:
     Journal           &journal_;
     Phase              phase_ = Phase::None;
     uint64_t           walks_ = 0; // number of the session through whose queue it walks
+    RetainedInPieces   retained_;
     GrowArray<uint8_t> rest_;      // of the session that is being copied
     size_t             taken_ = 0; // bytes in this step
     uint32_t           pause_ = 0; // steps in which nothing is to be done

@@ -9,19 +9,9 @@ namespace tarn::standard {
 namespace {
 
 constexpr uint64_t kNever       = UINT64_MAX;
-constexpr uint32_t kSlowest     = 16;   // bytes a ms: a long packet may take so long
+constexpr uint32_t kSlowest     = 64;   // bytes a ms: a long packet may take so long
 constexpr int      kEndsMost    = 1000; // sessions that one turn ends
 constexpr size_t   kExpiredMost = 100;  // retained messages that one turn discards
-
-void send_what_may_leave(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
-{
-    const auto send = [](void *to, const net::OutPacket *pieces, int count) noexcept {
-        const net::Connection id = static_cast<Connection *>(to)->id;
-        return net::send_packets(id.handle, pieces, count, id.generation);
-    };
-    if (!connection.is_blocked)
-        (void)connection.outbox.flush(send, &connection, engine.synced);
-}
 
 // Without memory the next turn tries again.
 void close_soon(Engine &engine, Connection &connection) REQUIRES(engine_mutex)

@@ -123,7 +123,7 @@ enum class PublishResult : uint8_t {
     NobodyThere,
     QueueFull,    // nobody who should have it has room for it
     RetainedFull, // nothing was done
-    NotRecorded,  // likewise, as far as files are concerned
+    NotRecorded,  // the journal takes no more, and nothing was done; or memory for the record was short
 };
 // Gives the message to all who are to have it, keeps it if it is retained, and records that.
 PublishResult publish(Engine &engine, const Publication &publication) noexcept REQUIRES(engine_mutex);
@@ -153,6 +153,8 @@ void list_for_flush(Engine &engine, Connection &connection) noexcept REQUIRES(en
 // The same at the next turn(), for what would hold others up.
 void list_for_later(Engine &engine, Connection &connection) noexcept REQUIRES(engine_mutex);
 void list_those_for_later(Engine &engine) noexcept REQUIRES(engine_mutex);
+// The last that a connection sends.
+void send_what_may_leave(Engine &engine, Connection &connection) noexcept REQUIRES(engine_mutex);
 // It cannot go on, for want of memory or since its socket is broken: it is dropped when it would be flushed.
 void fail(Engine &engine, Connection &connection) noexcept REQUIRES(engine_mutex);
 void flush_listed(Engine &engine) noexcept REQUIRES(engine_mutex);

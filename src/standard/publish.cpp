@@ -65,15 +65,21 @@ PublishResult publish(Engine &engine, const Publication &publication) noexcept
 
 namespace {
 
-constexpr Reason kReasons[] = {
-    Reason::Success,       Reason::NoMatchingSubscribers,       Reason::QuotaExceeded,
-    Reason::QuotaExceeded, Reason::ImplementationSpecificError,
-};
-constexpr Reason reason_of(PublishResult result)
+Reason reason_of(PublishResult result)
 {
-    return kReasons[static_cast<size_t>(result)];
+    switch (result) {
+    case PublishResult::Done:
+        return Reason::Success;
+    case PublishResult::NobodyThere:
+        return Reason::NoMatchingSubscribers;
+    case PublishResult::QueueFull:
+    case PublishResult::RetainedFull:
+        return Reason::QuotaExceeded;
+    case PublishResult::NotRecorded:
+        break;
+    }
+    return Reason::ImplementationSpecificError;
 }
-static_assert(reason_of(PublishResult::NotRecorded) == Reason::ImplementationSpecificError);
 
 // Puts the topic of the alias into the packet, or notes it for the alias (3.3.2.3.4).
 Verdict resolve_alias(Connection &connection, Publish &publish)

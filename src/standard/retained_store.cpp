@@ -1,6 +1,8 @@
 // retained_store.cpp - see retained_store.h.
 #include "retained_store.h"
 
+#include "filter_match.h"
+
 namespace tarn::standard {
 
 // ---- storing
@@ -153,8 +155,6 @@ void RetainedStore::discard(RetainedEntry &entry) noexcept
 
 void RetainedStore::unlink(RetainedEntry &entry) noexcept
 {
-    if (cursor_ == &entry)
-        cursor_ = entry.next;
     for (RetainedInPieces *walk = walks_; walk; walk = walk->next_)
         if (walk->at_ == &entry)
             walk->at_ = entry.next;
@@ -279,7 +279,7 @@ private:
 
 void RetainedStore::match_entries(std::string_view filter, const Visitor<const RetainedEntry> &found) const
 {
-    if (filter.find_first_of("+#") != filter.npos)
+    if (has_wildcard(filter))
         RetainedWalk(tree_, found).run(filter);
     else if (const RetainedEntry *const entry = find_entry(filter))
         found(*entry);

@@ -111,10 +111,6 @@ public:
     };
     void begin(RetainedInPieces &walk) noexcept;
 
-    // The entry that a walk in pieces comes to next; it is moved on when that entry goes.
-    RetainedEntry *&cursor() noexcept { return cursor_; }
-    RetainedEntry  *first() const noexcept { return first_; }
-
     Iterator                begin() const { return Iterator(first_); }
     std::default_sentinel_t end() const { return {}; }
 
@@ -139,7 +135,6 @@ private:
     DueHeap<RetainedEntry>   expiring_;
     RetainedEntry           *first_         = nullptr;
     RetainedEntry           *last_          = nullptr;
-    RetainedEntry           *cursor_        = nullptr;
     RetainedInPieces        *walks_         = nullptr;
     size_t                   message_bytes_ = 0;
 };

@@ -195,6 +195,12 @@ void count_drops(Session &session) noexcept
         stats::count(stats::Counter::drop_offline);
 }
 
+void send_what_may_leave(Engine &engine, Connection &connection) noexcept
+{
+    if (!connection.is_blocked)
+        (void)connection.outbox.flush(send_pieces, &connection, engine.synced);
+}
+
 void fail(Engine &engine, Connection &connection) noexcept
 {
     connection.is_broken = true;

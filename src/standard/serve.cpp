@@ -141,8 +141,6 @@ void handle(Connection &connection, std::span<const uint8_t> packet)
     const Stage stage = connection.stage.load();
     if (stage != Stage::Opened && stage != Stage::Connected)
         return; // it is about to be closed
-    if (packet.empty())
-        return refuse_packet(connection, {Reason::QuotaExceeded, "there was no memory for the packet"});
     if (const Verdict verdict = check_first_byte(packet[0], connection.level); !verdict.ok())
         return refuse_packet(connection, verdict);
     const PacketType type = type_of(packet[0]);

@@ -4,6 +4,7 @@
 #include "../base/clock.h"
 #include "../log/log.h"
 #include "../stats/stats.hpp"
+#include "filter_match.h"
 #include "profile.h"
 #include "restore.h"
 #include "stored_id.h"
@@ -25,7 +26,7 @@ void take_up(Engine &engine) REQUIRES(engine_mutex)
         engine.state.sessions.set_known_to_files(*session, true);
         session->deliveries.set_sink(&engine.recorder);
         for (const Subscription &subscription : engine.state.subscriptions.of(session->number))
-            session->wildcard_subscriptions += subscription.filter().find_first_of("+#") != std::string_view::npos;
+            session->wildcard_subscriptions += has_wildcard(subscription.filter());
         set_due(engine, *session);
     }
 }

@@ -19,7 +19,8 @@ namespace {
 
 using Entry = codec::standard::Subscription;
 
-constexpr size_t kAtOnce = 64; // filters under one hold of the mutex
+constexpr size_t kAtOnce   = 64; // filters under one hold of the mutex
+constexpr size_t kLookedAt = 10'000;
 
 struct Wanted {
     Reason reason;
@@ -42,10 +43,10 @@ bool is_allowed(Connection &connection, std::string_view filter)
     return text && api::allows(*connection.record, text.get(), BROKER_ACL_SUBSCRIBE);
 }
 
-// More in one packet than a session may have are not looked at.
+// So many in one packet that no session may have them are not looked at.
 Reason judge(Connection &connection, std::string_view filter, size_t position)
 {
-    if (position >= connection.most_subscriptions)
+    if (position >= std::max(connection.most_subscriptions, kLookedAt))
         return Reason::QuotaExceeded;
     return is_allowed(connection, filter) ? Reason::Success : Reason::NotAuthorized;
 }

@@ -1,6 +1,8 @@
 // subscription_tree.cpp - see subscription_tree.h.
 #include "subscription_tree.h"
 
+#include "filter_match.h"
+
 #include <algorithm>
 
 namespace tarn::standard {
@@ -73,14 +75,9 @@ uint64_t hash_of(uint64_t session, const Filter *filter, const SharedGroup *grou
     return hash_pair(session, hash_pair(filter, group));
 }
 
-bool has_wildcards(std::string_view filter)
-{
-    return filter.find_first_of("+#") != filter.npos;
-}
-
 bool is_too_deep(std::string_view filter)
 {
-    return has_wildcards(filter) && static_cast<size_t>(std::ranges::count(filter, '/')) >= kMaxLevels;
+    return has_wildcard(filter) && static_cast<size_t>(std::ranges::count(filter, '/')) >= kMaxLevels;
 }
 
 } // namespace
@@ -139,7 +136,7 @@ Filter *SubscriptionTree::find_or_make_filter(std::string_view text) noexcept
     Filter *const filter = make_with_text<Filter>(text);
     if (!filter)
         return nullptr;
-    if (has_wildcards(text)) {
+    if (has_wildcard(text)) {
         filter->node = tree_.make(text);
         if (!filter->node) {
             destroy_object(filter);

@@ -181,7 +181,7 @@ TEST(connect_session, of_the_standard_profile_is_kept_by_flag_or_interval)
     EXPECT_FALSE(keeps_standard_session(publish_packet(4, "t", "x")));
 }
 
-TEST(connect_will, of_the_standard_profile_is_told_by_its_flag)
+TEST(connect_session, has_a_will_of_the_standard_profile_by_its_flag)
 {
     EXPECT_FALSE(leaves_standard_will(connect_packet(4, "a")));
     EXPECT_TRUE(leaves_standard_will(connect_packet(4, "a", {.will = Will{"t", "x"}})));

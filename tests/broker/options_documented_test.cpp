@@ -116,7 +116,7 @@ void expect_only_what_help_says(const char *file)
 TEST(options_documented, help_can_be_read_by_this_test)
 {
     const std::vector<Option> options = helped();
-    ASSERT_EQ(options.size(), 27u);
+    ASSERT_EQ(options.size(), 28u);
     EXPECT_THAT(options[0].names, testing::ElementsAre("-l", "--log-level LEVEL"));
     EXPECT_THAT(options[1].names, testing::ElementsAre("--log-limit N"));
     EXPECT_THAT(options[2].names, testing::ElementsAre("-k", "--keep-alive SECONDS"));

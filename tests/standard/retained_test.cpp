@@ -2,6 +2,7 @@
 #include "support/levels.h"
 
 #include <map>
+#include <set>
 
 using namespace tarn::conformance;
 using testing::ElementsAre;
@@ -241,5 +242,22 @@ TEST_F(retained_5, messages_and_the_other_options)
     other.publish("theirs", "kept", {.qos = 1, .retain = true});
     reader.subscribe("theirs", kNoLocal | kAsPublished);
     reader.take("theirs", "kept", {.retain = true});
+    reader.expect_silence();
+}
+
+// [MQTT-3.3.1-9] 3.1.1 [MQTT-3.3.1-6]: all of them, however many and however long.
+TEST_P(retained, messages_come_all_however_many)
+{
+    Client sender = come("sender");
+    for (int i = 0; i < 5000; ++i)
+        sender.publish("many/" + std::to_string(i), "x", {.retain = true});
+    for (int i = 0; i < 12; ++i)
+        sender.publish("long/" + std::to_string(i), std::string(500'000, 'x'), {.retain = true});
+    sender.ping();
+    Client reader = come("reader");
+    reader.subscribe("#", 0);
+    std::set<std::string> topics;
+    while (topics.size() < 5012)
+        ASSERT_TRUE(topics.insert(reader.next().topic).second);
     reader.expect_silence();
 }

@@ -188,7 +188,7 @@ int32_t    __real__ZN4tarn3sub20list_retained_topicsEPci(char *, int32_t);
 bool       __real__ZN4tarn8standard5startEPKcRKNS0_6LimitsE(const char *, const standard::Limits &);
 void       __real__ZN4tarn8standard4stopEv(void);
 void       __real__ZN4tarn8standard4turnEv(void);
-void       __real__ZN4tarn8standard4kickEjh(uint32_t, uint8_t);
+void       __real__ZN4tarn8standard4kickER13mqtt_client_th(mqtt_client_t &, uint8_t);
 int        __real_usleep(useconds_t);
 
 void __wrap__ZN4tarn3log5writeEjPKcz(uint32_t level, const char *format, ...)
@@ -329,10 +329,10 @@ void __wrap__ZN4tarn8standard4turnEv(void)
     note_call("standard_turn");
     __real__ZN4tarn8standard4turnEv();
 }
-void __wrap__ZN4tarn8standard4kickEjh(uint32_t handle, uint8_t reason)
+void __wrap__ZN4tarn8standard4kickER13mqtt_client_th(mqtt_client_t &client, uint8_t reason)
 {
-    note_call("standard_kick " + std::to_string(handle) + " " + std::to_string(reason));
-    __real__ZN4tarn8standard4kickEjh(handle, reason);
+    note_call("standard_kick " + std::to_string(client.handle) + " " + std::to_string(reason));
+    __real__ZN4tarn8standard4kickER13mqtt_client_th(client, reason);
 }
 
 // Housekeeping threads are known by their pause, which only they make so.
