@@ -165,7 +165,7 @@ struct RecordedState {
         for (const uint16_t packet_id : packet_ids)
             session.deliveries.pubrec(packet_id, 0x83);
     }
-    // So many steps finish any checkpoint of a small state.
+    // So many steps copy all of a small state, once a checkpoint has begun.
     void step_long(int steps = 200)
     {
         for (; steps > 0; --steps) {
