@@ -283,6 +283,8 @@ void open_connection(Engine &engine, const Login &login, Session &session) REQUI
     connection.outgoing_aliases.set_maximum(login.connect.properties.topic_alias_maximum.value_or(0));
     watch_silence(engine, connection, login.connect.keep_alive);
     connection.stage.store(Stage::Connected);
+    // Before CONNACK, behind which a host may look for the client; false if it has gone, which its end sees to.
+    (void)client::log_in_record(*connection.record, login.connect.keep_alive);
 }
 
 // What is left out the client takes as it is by default, and learns where it meets it.
@@ -344,8 +346,7 @@ void handle_connect(const Incoming &incoming) noexcept
         verdict = accept(login);
     if (!verdict.ok())
         return refuse(connection, verdict);
-    if (client::log_in_record(*connection.record, connect.keep_alive))
-        api::tell(*connection.record, BROKER_EVENT_CONNECTED);
+    api::tell(*connection.record, BROKER_EVENT_CONNECTED);
 }
 
 } // namespace tarn::standard

@@ -228,7 +228,8 @@ TEST(restore_damage, what_cannot_be_is_passed_over)
     give(RecordType::Subscribed, {head_of(2, SubscriptionOptions{}), bytes_of("a")});
     EXPECT_EQ(state.subscriptions.count(), 0u);
     for (const std::string_view topic : {"", "a/#", "+"}) {
-        const MessageBytes bytes(message(9, topic));
+        const MessageRef   kept = message(9, topic);
+        const MessageBytes bytes(kept);
         give(RecordType::Publication, {bytes_of_numbers(kIsRetained, uint64_t{3}, uint16_t{1}), bytes.head(),
                                        bytes.topic(), bytes.properties(), bytes.payload()});
     }
