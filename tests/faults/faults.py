@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Every call that can fail fails once: memory, sockets, threads, files.
 
-    faults.py --shim FILE (--host PROGRAM | --broker PROGRAM) [--kind KIND]... [--every K] [--times N]
+    faults.py --shim FILE (--host PROGRAM | --broker PROGRAM) [--standard] [--kind KIND]... [--every K] [--times N]
 
 The same life of some clients, twice over, is lived with a program in which the n-th call of a kind fails (fail_nth.c),
 for n = 1, 1 + K, ... to the last. Clients may miss anything. The program must not crash, nor hang, and in the end a
@@ -129,12 +129,13 @@ class Broker(Program):
 
     USER = ("alice", "secret")
 
-    def __init__(self, program, shim, fail, directory):
+    def __init__(self, program, options, shim, fail, directory):
         subprocess.run([program, "passwd", "users", self.USER[0]], input=b"secret\n", cwd=directory, check=True,
                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         (directory / "rules").write_text("readwrite #\n")
         self.program = program
         command = [program, "--user-file", "users", "--acl-file", "rules", "--events", "events", "--control", "ctl"]
+        command += options
         super().__init__(command, shim, fail, directory, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
 
     def serves(self):
@@ -202,8 +203,10 @@ class Runs:
 
     def program(self, fail, directory):
         if self.arguments.host:
-            return Host([self.arguments.host], self.arguments.shim, fail, directory)
-        return Broker(self.arguments.broker, self.arguments.shim, fail, directory)
+            profile = ["standard"] if self.arguments.standard else []
+            return Host([self.arguments.host, *profile], self.arguments.shim, fail, directory)
+        options = ["--standard"] if self.arguments.standard else []
+        return Broker(self.arguments.broker, options, self.arguments.shim, fail, directory)
 
     def run(self, fail):
         directory = pathlib.Path("run").resolve()
@@ -253,6 +256,7 @@ def main():
     parser.add_argument("--shim", required=True)
     parser.add_argument("--host")
     parser.add_argument("--broker")
+    parser.add_argument("--standard", action="store_true", help="in the standard profile")
     parser.add_argument("--kind", action="append", choices=KINDS)
     parser.add_argument("--every", type=int, default=1)
     parser.add_argument("--times", type=int, default=1, help="how many calls fail, from the n-th on")

@@ -10,8 +10,9 @@
  *     again      stop and start
  *     down       stop, deinit, destroy
  *
- * It goes on whatever a function of the library returns. With the end of its input it takes the broker down and says
- * what is left of its memory. The log is on standard error.
+ * With the argument "standard" the broker is in the standard profile. It goes on whatever a function of the library
+ * returns. With the end of its input it takes the broker down and says what is left of its memory. The log is on
+ * standard error.
  */
 #include <tarn_sdk_mqtt_broker.h>
 
@@ -24,6 +25,7 @@ void fail_nth_report(void) __attribute__((weak));
 
 static int       answers; /* the standard output that was given to it */
 static broker_t *broker;
+static uint32_t  profile = TARN_PROFILE_NATIVE;
 static char      text[65536];
 
 static void on_event(broker_t *from, uint32_t kind, const char *what)
@@ -58,7 +60,8 @@ static const char *bring_up(void)
     broker = tarn_sdk_mqtt_broker_create();
     if (!broker)
         return "failed";
-    const bool ready = tarn_sdk_mqtt_broker_init(broker) == TARN_OK;
+    const bool ready =
+        tarn_sdk_mqtt_broker_set_profile(broker, profile) == TARN_OK && tarn_sdk_mqtt_broker_init(broker) == TARN_OK;
     tarn_sdk_mqtt_broker_register_event_callback(broker, on_event);
     tarn_sdk_mqtt_broker_register_auth_callback(broker, on_auth);
     tarn_sdk_mqtt_broker_register_acl_callback(broker, on_acl);
@@ -121,9 +124,11 @@ static bool read_line(char *line, size_t size)
     return false;
 }
 
-int main(void)
+int main(int argc, char **argv)
 {
     char line[100];
+    if (argc > 1 && strcmp(argv[1], "standard") == 0)
+        profile = TARN_PROFILE_STANDARD;
     answers = dup(STDOUT_FILENO);
     dup2(STDERR_FILENO, STDOUT_FILENO);
     while (read_line(line, sizeof line)) {

@@ -1,13 +1,14 @@
 #!/usr/bin/env python3
 """Random operations of up to five clients, against a model of what each of them must get.
 
-    model.py --host PROGRAM [--first SEED] [--sequences N] [--operations N]
-    model.py --host PROGRAM --seed SEED         the same sequence again, told step by step
+    model.py --host PROGRAM [--standard] [--first SEED] [--sequences N] [--operations N]
+    model.py --host PROGRAM [--standard] --seed SEED         the same sequence again, told step by step
 
 A sequence is one seed: clients connect with a clean or a kept session, subscribe, unsubscribe, publish at each QoS,
 with and without retain, say DISCONNECT, drop or are kicked, and the broker is taken down and brought up. After each
 operation what came is compared with what the model says. The model knows the rules of this broker, docs/deviations.md:
-their names stand where it follows one. Runs in a directory and a network of its own (tests/support/isolated).
+their names stand where it follows one. With --standard the broker is in the standard profile, whose model knows none.
+Runs in a directory and a network of its own (tests/support/isolated).
 """
 import argparse
 import collections
@@ -169,11 +170,64 @@ class Model:
         device.late.clear()  # pending-dropped
 
 
+class StandardModel(Model):
+    """The same in the standard profile. `files.messages` is what waits for a device, `table` has the QoS alone."""
+
+    def retained_for(self, filter_text, granted=2):
+        return [m._replace(qos=min(m.qos, granted)) for m in super().retained_for(filter_text)]
+
+    def connect(self, device, clean):
+        if clean:
+            self.end_session(device)
+        device.clean, device.has_session = clean, True
+        waiting, device.files.messages = device.files.messages, []
+        return {device: collections.Counter(waiting)}
+
+    def is_present(self, device, clean):
+        return not clean and getattr(device, "has_session", False)
+
+    def subscribe(self, device, filter_text, qos):
+        self.table[device, filter_text] = qos
+        return {device: collections.Counter(self.retained_for(filter_text, qos))}
+
+    def publish(self, publisher, topic, payload, qos, retain):
+        if retain and payload:
+            self.retained[topic] = Message(topic, payload, qos, True)
+        elif retain:
+            self.retained.pop(topic, None)
+        got = collections.defaultdict(collections.Counter)
+        for (device, filter_text), granted in self.table.items():
+            message = Message(topic, payload, min(qos, granted), False)
+            if not matches(filter_text, topic):
+                continue
+            if device.connection:
+                got[device][message] += 1
+            elif message.qos:
+                device.files.messages.append(message)
+        return got
+
+    def drop(self, device):
+        if device.clean:
+            self.end_session(device)
+        device.connection = None
+
+    disconnect = kick = drop
+
+    def restart(self):
+        for device in self.devices:
+            if device.connection:
+                self.drop(device)
+
+    def end_session(self, device):
+        self.drop_subscriptions(device)
+        device.has_session, device.files.messages = False, []
+
+
 class Broker(Program):
     """The host of tests/faults, which is told what to do."""
 
     def __init__(self, command, directory):
-        super().__init__([command], "", "", directory, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        super().__init__(command, "", "", directory, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
 
     def tell(self, word):
         try:
@@ -203,10 +257,11 @@ class Broker(Program):
 class Sequence:
     """One seed."""
 
-    def __init__(self, broker, seed, operations, told):
-        self.random, self.broker, self.operations, self.told = random.Random(seed), broker, operations, told
+    def __init__(self, broker, seed, arguments):
+        self.random, self.broker, self.operations = random.Random(seed), broker, arguments.operations
+        self.told, self.is_standard = arguments.seed is not None, arguments.standard
         self.devices = [Device(i, self.random.choice([4, 5])) for i in range(self.random.randint(2, 5))]
-        self.model = Model(self.devices)
+        self.model = StandardModel(self.devices) if self.is_standard else Model(self.devices)
         self.number = 0
         self.quiet_at_s = 0.0  # by then all messages of resumed sessions have come
         self.steps = []
@@ -241,7 +296,7 @@ class Sequence:
         clean = self.random.random() < 0.25
         self.note(f"{device.name} ({device.level}) connects {'clean' if clean else 'kept'}")
         present = self.model.is_present(device, clean)
-        if device.files.messages:
+        if device.files.messages and not self.is_standard:
             self.quiet_at_s = time.monotonic() + COMES_S
         expiry_s = 3600 if device.level == 5 and not clean else None
         device.connection = clients.Client(device.name, level=device.level, clean=clean, expiry_s=expiry_s)
@@ -285,12 +340,14 @@ class Sequence:
 
     def drop(self, device):
         self.note(f"{device.name} drops")
+        self.settle(device)
         device.connection.reset()
         self.model.drop(device)
         self.await_online()
 
     def kick(self, device):
         self.note(f"{device.name} is kicked")
+        self.settle(device)
         self.broker.tell(f"kick {device.name}")
         device.connection.hang_up()
         self.model.kick(device)
@@ -299,6 +356,9 @@ class Sequence:
     def restart(self):
         self.note("the broker goes down and comes up")
         self.await_late()
+        for device in self.devices:
+            if device.connection:
+                self.settle(device)
         self.broker.tell("down")
         for device in self.devices:
             if device.connection:
@@ -306,6 +366,11 @@ class Sequence:
         self.model.restart()
         if self.broker.tell("up") != "up":
             raise Fault("it does not come up")
+
+    def settle(self, device):
+        """The broker has its acknowledgements, the second of QoS 2 too, and sends nothing again (standard profile)."""
+        for _ in range(2 if self.is_standard else 0):
+            device.connection.ping()
 
     # ---- comparing
 
@@ -363,8 +428,8 @@ def run_one(arguments, seed):
     directory = pathlib.Path("run").resolve()
     shutil.rmtree(directory, ignore_errors=True)
     directory.mkdir()
-    broker = Broker(arguments.host, directory)
-    sequence = Sequence(broker, seed, arguments.operations, arguments.seed is not None)
+    broker = Broker([arguments.host] + (["standard"] if arguments.standard else []), directory)
+    sequence = Sequence(broker, seed, arguments)
     try:
         if broker.tell("up") != "up":
             raise Fault("it does not come up")
@@ -387,6 +452,7 @@ def run_one(arguments, seed):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--host", required=True)
+    parser.add_argument("--standard", action="store_true")
     parser.add_argument("--seed", type=int)
     parser.add_argument("--first", type=int, default=1)
     parser.add_argument("--sequences", type=int, default=40)
