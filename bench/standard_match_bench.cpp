@@ -1,7 +1,7 @@
 // standard_match_bench - what finding the subscribers of a topic costs in the standard profile, and what others'
 // filters, deep topics and retained messages add.
-#include "standard/retained_store.h"
-#include "standard/subscription_tree.h"
+#include "standard/state/retained_store.h"
+#include "standard/state/subscription_tree.h"
 
 #include <benchmark/benchmark.h>
 #include <string>

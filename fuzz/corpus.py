@@ -148,7 +148,7 @@ KINDS = ["Key", "Counters", "Session", "SessionState", "SessionGone", "Subscribe
 
 
 def record(kind, layout, *values):
-    """One of src/standard/records.h; "t" in the layout is a text that stands as it is."""
+    """One of src/standard/records/records.h; "t" in the layout is a text that stands as it is."""
     data = b"".join(value if field == "t" else struct.pack("<" + field, value) for field, value in zip(layout, values))
     return struct.pack("<BH", 1 + KINDS.index(kind), len(data)) + data
 

@@ -2,7 +2,7 @@
 //
 // input:  (type:u8 size:u16 bytes)*      size little endian; the last record may be cut
 #include "promise.h"
-#include "standard/restore.h"
+#include "standard/records/restore.h"
 
 using namespace tarn;
 using namespace tarn::fuzz;

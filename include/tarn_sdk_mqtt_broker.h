@@ -160,7 +160,9 @@ typedef void (*broker_event_cb_t)(broker_t *broker, uint32_t kind, const char *t
  * Packets that come before a CONNECT are handled without asking this callback. A host that relies on passwords refuses
  * clients with an empty id in its access-control callback as well.
  *
- * Standard profile: nothing is handled before a CONNECT, and a refused 3.1.1 client gets code 4.
+ * Standard profile: nothing is handled before a CONNECT, and a refused 3.1.1 client gets code 4. `client_id` is the id
+ * as the other callbacks and lists have it: chosen by then if the client sent none, and above 63 bytes, or with a ~ in
+ * front, as ~ and 32 hexadecimal digits.
  */
 typedef bool (*broker_auth_cb_t)(broker_t *broker, const char *client_id, const char *username, const char *password);
 

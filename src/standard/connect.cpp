@@ -93,7 +93,7 @@ bool is_accepted(const Login &login)
     const CText                  secret({reinterpret_cast<const char *>(password.data()), password.size()});
     if (!user || !secret || (has_terminator(password) && api::asks_about_logins(broker)))
         return false;
-    return api::accepts(broker, login.is_made_up ? "" : login.stored.text, user.get(), secret.get());
+    return api::accepts(broker, login.stored.text, user.get(), secret.get());
 }
 
 Verdict authenticate(const Login &login)

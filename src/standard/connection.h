@@ -7,7 +7,7 @@
 #include "../client/client.hpp"
 #include "../codec/standard/standard_codec.hpp"
 #include "aliases.h"
-#include "due_heap.h"
+#include "state/due_heap.h"
 #include "outbox.h"
 
 namespace tarn::standard {

@@ -18,10 +18,10 @@
 #ifndef TARN_STANDARD_ENGINE_H
 #define TARN_STANDARD_ENGINE_H
 
-#include "checkpoint.h"
+#include "records/checkpoint.h"
 #include "connection.h"
-#include "recorder.h"
-#include "state.h"
+#include "records/recorder.h"
+#include "state/state.h"
 #include "stored_id.h"
 
 namespace tarn::standard {

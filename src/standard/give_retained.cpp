@@ -2,7 +2,7 @@
 // the journal has room for those that are kept for it, and a turn's work for all clients goes.
 #include "../base/clock.h"
 #include "engine.h"
-#include "filter_match.h"
+#include "state/filter_match.h"
 
 namespace tarn::standard {
 namespace {

@@ -7,7 +7,7 @@
 #define TARN_STANDARD_OUTBOX_H
 
 #include "../net/net.hpp"
-#include "message.h"
+#include "state/message.h"
 
 namespace tarn::standard {
 

@@ -6,7 +6,7 @@
 #include "../stats/stats.hpp"
 #include "../base/clock.h"
 #include "engine.h"
-#include "session.h"
+#include "state/session.h"
 
 namespace tarn::standard {
 

@@ -4,9 +4,9 @@
 #include "../base/clock.h"
 #include "../log/log.h"
 #include "../stats/stats.hpp"
-#include "filter_match.h"
+#include "state/filter_match.h"
 #include "profile.h"
-#include "restore.h"
+#include "records/restore.h"
 #include "stored_id.h"
 
 #include <new>

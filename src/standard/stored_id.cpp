@@ -1,7 +1,7 @@
 // stored_id.cpp - see stored_id.h.
 #include "stored_id.h"
 
-#include "text_hash.h"
+#include "state/text_hash.h"
 
 #include <atomic>
 #include <cstdio>

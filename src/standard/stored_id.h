@@ -3,7 +3,7 @@
 #define TARN_STANDARD_STORED_ID_H
 
 #include "../client/client.hpp"
-#include "state.h"
+#include "state/state.h"
 
 namespace tarn::standard {
 

@@ -6,7 +6,7 @@
 #include "../base/clock.h"
 #include "c_text.h"
 #include "engine.h"
-#include "filter_match.h"
+#include "state/filter_match.h"
 
 namespace tarn::standard {
 

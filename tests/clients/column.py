@@ -193,7 +193,7 @@ def wanted(arguments, level):
     for one in checks.CHECKS:
         if one.level not in (0, level) or arguments.quick and one.slow:
             continue
-        if re.fullmatch(arguments.only, one.name):
+        if re.fullmatch(arguments.only, one.name) and one.name not in arguments.skip:
             yield one
 
 
@@ -206,6 +206,7 @@ def main():
     parser.add_argument("--level", type=int, required=True)
     parser.add_argument("--quick", action="store_true")
     parser.add_argument("--only", default=".*")
+    parser.add_argument("--skip", action="append", default=[])
     parser.add_argument("--trace", action="store_true")
     parser.add_argument("command", nargs="*")
     arguments = parser.parse_args()

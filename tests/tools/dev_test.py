@@ -85,6 +85,16 @@ class Dev(unittest.TestCase):
         self.assertIn(f"  export PKG_CONFIG_PATH='{prefix}/lib/pkgconfig' CMAKE_PREFIX_PATH='{prefix}' "
                       f"LD_LIBRARY_PATH='{prefix}/lib'\n", told)
 
+    def test_coverage_fails_below_what_it_is_to_reach(self):
+        self.add_program("find")
+        self.add_program("gcovr", STAND_IN + 'case "$*" in *--fail-under-line*) exit 2;; esac\n')
+        self.assertEqual(self.dev("coverage")[0], 2)
+        self.assertIn("-LE faults", next(call for call in self.calls() if call.startswith("ctest ")))
+        counted, lines, branches = [call for call in self.calls() if call.startswith("gcovr ")]
+        self.assertIn("--exclude-throw-branches --json build/coverage/coverage.json", counted)
+        self.assertNotIn("--branches", lines)
+        self.assertIn("--branches --fail-under-line 95 --fail-under-branch 85", branches)
+
     def test_building_shows_its_progress_on_a_terminal(self):
         self.add_program("pkg-config")
         _, output, told = self.dev("install", on_terminal=True)

@@ -54,6 +54,9 @@ TEST(checkpoint, has_all_that_files_know)
     ASSERT_TRUE(kept.publish(message(6, "a/b", ""), {&session}));
     kept.state.retained.set(message(7, "r", "retained"));
     kept.state.last_message = 8;
+    Session &gone           = kept.session("gone");
+    ASSERT_TRUE(kept.recorder.session_is_gone(gone));
+    kept.state.sessions.destroy(gone);
     kept.step_long();
     EXPECT_EQ(kept.journal.close(), 0u);
     const Types types;
@@ -88,8 +91,10 @@ TEST(checkpoint, has_a_message_once)
     for (const uint32_t checkpoint : {1U, 2U}) {
         for (int i = 0; i < 100; ++i) // so that another one is worth it
             ASSERT_TRUE(kept.recorder.retained_is_gone("none"));
-        kept.step_long();
-        ASSERT_EQ(kept.state.last_checkpoint, checkpoint);
+        ASSERT_TRUE(eventually([&] { // the one before may not have ended yet
+            kept.step_long();
+            return kept.state.last_checkpoint == checkpoint;
+        }));
     }
     EXPECT_EQ(kept.journal.close(), 0u);
     const Types types;
@@ -113,6 +118,29 @@ TEST(checkpoint, a_step_takes_little)
         EXPECT_EQ(has_checkpoint(), steps > 2);
         kept.expect_the_same_again();
     }
+}
+
+// A subscription goes that is to be copied next.
+TEST(checkpoint, goes_on_behind_what_goes)
+{
+    RecordedState kept({.most_of_state = 2000, .least_checkpoint = 1});
+    Session      &session = kept.session("client");
+    for (int i = 0; i < 200; ++i)
+        kept.subscribe(session, "filter/" + std::to_string(i), {});
+    while (kept.journal.unsynced() > 0)
+        pause_ms(1);
+    ASSERT_EQ(kept.state.subscriptions.cursor(), nullptr);
+    for (int i = 0; i < 1000 && !kept.state.subscriptions.cursor(); ++i)
+        kept.checkpointer.step();
+    ASSERT_TRUE(kept.state.subscriptions.cursor()) << "there is room for all of them";
+    const std::string next(kept.state.subscriptions.cursor()->filter());
+    ASSERT_TRUE(kept.recorder.unsubscribed(session, next));
+    kept.state.subscriptions.remove(session.number, next);
+    EXPECT_TRUE(eventually([&] {
+        kept.checkpointer.step();
+        return has_checkpoint();
+    }));
+    kept.expect_the_same_again();
 }
 
 TEST(checkpoint, one_that_the_disk_refuses_is_followed_by_another)

@@ -2,7 +2,7 @@
 #ifndef TARN_TESTS_UNIT_STANDARD_DELIVERIES_SUPPORT_H
 #define TARN_TESTS_UNIT_STANDARD_DELIVERIES_SUPPORT_H
 
-#include "standard/deliveries.h"
+#include "standard/state/deliveries.h"
 
 #include <string>
 #include <vector>

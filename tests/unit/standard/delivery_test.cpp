@@ -1,5 +1,5 @@
 // Where deliveries stand and where their memory is from.
-#include "standard/packet_id_index.h"
+#include "standard/state/packet_id_index.h"
 #include "support/faults.h"
 
 #include <gtest/gtest.h>

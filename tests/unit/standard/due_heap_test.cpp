@@ -1,5 +1,5 @@
 // Which of many is due first.
-#include "standard/due_heap.h"
+#include "standard/state/due_heap.h"
 #include "support/faults.h"
 
 #include <algorithm>

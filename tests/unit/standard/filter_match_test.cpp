@@ -1,6 +1,6 @@
 // One filter against one topic: the same answers as the tree gives.
-#include "standard/filter_match.h"
-#include "standard/subscription_tree.h"
+#include "standard/state/filter_match.h"
+#include "standard/state/subscription_tree.h"
 
 #include <gtest/gtest.h>
 

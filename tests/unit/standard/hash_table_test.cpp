@@ -1,5 +1,5 @@
 // The table of objects with links of their own.
-#include "standard/hash_table.h"
+#include "standard/state/hash_table.h"
 #include "support/faults.h"
 
 #include <gtest/gtest.h>

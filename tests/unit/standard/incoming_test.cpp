@@ -1,5 +1,5 @@
 // The packet identifiers that a client's publications at QoS 2 hold.
-#include "standard/incoming.h"
+#include "standard/state/incoming.h"
 #include "support/faults.h"
 
 #include <gmock/gmock.h>

@@ -1,6 +1,6 @@
 // The files of the journal: names, checksums, records.
 #include "journal_support.h"
-#include "standard/crc32c.h"
+#include "standard/journal/crc32c.h"
 #include "support/faults.h"
 
 #include <gtest/gtest.h>

@@ -3,7 +3,7 @@
 #ifndef TARN_TESTS_JOURNAL_SUPPORT_H
 #define TARN_TESTS_JOURNAL_SUPPORT_H
 
-#include "standard/journal.h"
+#include "standard/journal/journal.h"
 
 #include <cerrno>
 #include <fcntl.h>

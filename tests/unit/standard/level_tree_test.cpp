@@ -1,5 +1,5 @@
 // Levels of topics, and the tree that they make.
-#include "standard/level_tree.h"
+#include "standard/state/level_tree.h"
 #include "support/faults.h"
 
 #include <gmock/gmock.h>

@@ -1,5 +1,5 @@
 // A message that many share.
-#include "standard/message.h"
+#include "standard/state/message.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Messages and what waits to be sent, without memory.
-#include "standard/message.h"
+#include "standard/state/message.h"
 #include "standard/outbox.h"
 #include "support/faults.h"
 

@@ -121,6 +121,7 @@ TEST(recorder, steps_wait_for_a_journal_that_is_full)
 
     broker.disk.gate.open();
     ASSERT_TRUE(eventually([&] { return broker.journal.unsynced() == 0; }));
+    EXPECT_EQ(session.deliveries.pubrec(1, 0).outcome, Outcome::Received); // behind those that wait
     EXPECT_TRUE(broker.recorder.catch_up());
     broker.expect_the_same_again();
 }

@@ -1,6 +1,6 @@
 // Random lives of a state with its records: restarts, and kills and losses of power at any moment, bring back what was
 // there. A seed is a life.
-#include "standard/checkpoint.h"
+#include "standard/records/checkpoint.h"
 #include "state_support.h"
 #include "support/log_capture.h"
 #include "support/timing.h"

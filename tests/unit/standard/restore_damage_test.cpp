@@ -1,5 +1,5 @@
 // Records that are cut, changed, doubled, left out or in another order: state may differ, but it is one that works.
-#include "standard/checkpoint.h"
+#include "standard/records/checkpoint.h"
 #include "state_support.h"
 #include "support/faults.h"
 

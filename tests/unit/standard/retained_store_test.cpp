@@ -1,5 +1,5 @@
 // Retained messages by topic.
-#include "standard/retained_store.h"
+#include "standard/state/retained_store.h"
 #include "simple_matcher.h"
 #include "support/faults.h"
 

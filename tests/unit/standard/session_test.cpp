@@ -1,5 +1,5 @@
 // The table of sessions, and the form in which records have client identifiers.
-#include "standard/session.h"
+#include "standard/state/session.h"
 #include "standard/stored_id.h"
 
 #include <gtest/gtest.h>

@@ -3,9 +3,9 @@
 #define TARN_TESTS_UNIT_STANDARD_STATE_SUPPORT_H
 
 #include "journal_support.h"
-#include "standard/checkpoint.h"
-#include "standard/recorder.h"
-#include "standard/restore.h"
+#include "standard/records/checkpoint.h"
+#include "standard/records/recorder.h"
+#include "standard/records/restore.h"
 #include "base/clock.h"
 
 #include <gtest/gtest.h>
@@ -165,7 +165,7 @@ struct RecordedState {
         for (const uint16_t packet_id : packet_ids)
             session.deliveries.pubrec(packet_id, 0x83);
     }
-    // So many steps finish any checkpoint of a small state.
+    // So many steps copy all of a small state, once a checkpoint has begun.
     void step_long(int steps = 200)
     {
         for (; steps > 0; --steps) {

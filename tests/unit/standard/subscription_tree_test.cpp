@@ -1,5 +1,5 @@
 // Subscriptions by topic.
-#include "standard/subscription_tree.h"
+#include "standard/state/subscription_tree.h"
 #include "simple_matcher.h"
 #include "support/faults.h"
 

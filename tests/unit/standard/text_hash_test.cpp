@@ -1,5 +1,5 @@
 // The hash of topics: the known one, and another for each key.
-#include "standard/text_hash.h"
+#include "standard/state/text_hash.h"
 
 #include <gtest/gtest.h>
 

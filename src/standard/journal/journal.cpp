@@ -1,8 +1,8 @@
 // journal.cpp - see journal.h: opening, and what the engine calls. journal_thread.cpp has the thread.
 #include "journal.h"
 
-#include "../base/thread.h"
-#include "../log/log.h"
+#include "../../base/thread.h"
+#include "../../log/log.h"
 
 #include <algorithm>
 #include <cerrno>

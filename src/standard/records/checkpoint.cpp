@@ -4,8 +4,8 @@
 // steps as it takes. What came meanwhile, or is on the way, is copied in the step in which the session is.
 #include "checkpoint.h"
 
-#include "../base/clock.h"
-#include "../log/log.h"
+#include "../../base/clock.h"
+#include "../../log/log.h"
 
 namespace tarn::standard {
 namespace {

@@ -56,7 +56,7 @@ bool Recorder::queued(uint64_t session, const DeliveryRecord &delivery) noexcept
     if (!message_)
         return false;
     const size_t before = deliveries_.size();
-    if (append_bytes(deliveries_, bytes_of_numbers(session)) && append_delivery(deliveries_, delivery))
+    if (append_delivery(deliveries_, session, delivery))
         return true;
     deliveries_.resize_down(before);
     return false;

@@ -11,12 +11,16 @@ bool append_incoming(GrowArray<uint8_t> &to, const IncomingIdentifiers &incoming
     return done;
 }
 
+// A hundred thousand of them take some milliseconds, with the engine's mutex held.
 bool append_deliveries(GrowArray<uint8_t> &to, const Deliveries &deliveries)
 {
-    bool done = append_bytes(to, bytes_of_numbers(static_cast<uint32_t>(deliveries.stored().count)));
+    constexpr size_t kUsualSize = 32; // with one subscription identifier
+    const size_t     count      = deliveries.stored().count;
+    bool             done =
+        to.reserve(to.size() + count * kUsualSize) && append_bytes(to, bytes_of_numbers(static_cast<uint32_t>(count)));
     deliveries.for_each([&](const DeliveryRecord &delivery) {
         const uint64_t message = delivery.message ? delivery.message->number() : 0;
-        done                   = done && append_bytes(to, bytes_of_numbers(message)) && append_delivery(to, delivery);
+        done                   = done && append_delivery(to, message, delivery);
     });
     return done;
 }

@@ -15,7 +15,7 @@
 #ifndef TARN_STANDARD_JOURNAL_FILE_H
 #define TARN_STANDARD_JOURNAL_FILE_H
 
-#include "../base/memory.h"
+#include "../../base/memory.h"
 #include "disk.h"
 
 #include <array>

@@ -3,7 +3,7 @@
 #ifndef TARN_STANDARD_STATE_H
 #define TARN_STANDARD_STATE_H
 
-#include "limits.h"
+#include "../limits.h"
 #include "retained_store.h"
 #include "session.h"
 #include "subscription_tree.h"

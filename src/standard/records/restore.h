@@ -3,8 +3,8 @@
 #define TARN_STANDARD_RESTORE_H
 
 #include "records.h"
-#include "replay.h"
-#include "state.h"
+#include "../journal/replay.h"
+#include "../state/state.h"
 
 namespace tarn::standard {
 

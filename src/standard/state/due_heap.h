@@ -2,7 +2,7 @@
 #ifndef TARN_STANDARD_DUE_HEAP_H
 #define TARN_STANDARD_DUE_HEAP_H
 
-#include "base/memory.h"
+#include "../../base/memory.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -27,8 +27,8 @@
 #ifndef TARN_STANDARD_RECORDS_H
 #define TARN_STANDARD_RECORDS_H
 
-#include "session.h"
-#include "subscription_tree.h"
+#include "../state/session.h"
+#include "../state/subscription_tree.h"
 
 #include <array>
 #include <concepts>
@@ -144,13 +144,14 @@ inline auto head_of(uint64_t session, const SubscriptionOptions &options) noexce
     return bytes_of_numbers(session, options.identifier, options.qos, bits);
 }
 
-// False without memory.
-[[nodiscard]] inline bool append_delivery(GrowArray<uint8_t> &to, const DeliveryRecord &delivery) noexcept
+// Behind the number of its session, or of its message. False without memory.
+[[nodiscard]] inline bool append_delivery(GrowArray<uint8_t> &to, uint64_t number,
+                                          const DeliveryRecord &delivery) noexcept
 {
     const auto flags = static_cast<uint8_t>(delivery.qos | (delivery.retain ? kDeliveryRetain : 0) |
                                             (delivery.received ? kDeliveryReceived : 0));
     const auto count = static_cast<uint32_t>(delivery.subscription_identifiers.size());
-    bool       done  = append_bytes(to, bytes_of_numbers(delivery.number, flags, delivery.packet_id, count));
+    bool       done  = append_bytes(to, bytes_of_numbers(number, delivery.number, flags, delivery.packet_id, count));
     for (const uint32_t identifier : delivery.subscription_identifiers)
         done = done && append_bytes(to, bytes_of_numbers(identifier));
     return done;

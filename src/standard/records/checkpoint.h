@@ -2,9 +2,9 @@
 #ifndef TARN_STANDARD_CHECKPOINT_H
 #define TARN_STANDARD_CHECKPOINT_H
 
-#include "journal.h"
+#include "../journal/journal.h"
 #include "records.h"
-#include "state.h"
+#include "../state/state.h"
 
 namespace tarn::standard {
 

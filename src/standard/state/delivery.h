@@ -4,7 +4,7 @@
 
 #include "message.h"
 
-#include "base/memory.h"
+#include "../../base/memory.h"
 
 #include <cstddef>
 #include <cstdint>

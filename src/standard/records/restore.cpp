@@ -1,8 +1,8 @@
 // restore.cpp - see restore.h.
 #include "restore.h"
 
-#include "../codec/standard/standard_codec.hpp"
-#include "object.h"
+#include "../../codec/standard/standard_codec.hpp"
+#include "../state/object.h"
 
 #include <algorithm>
 

@@ -2,9 +2,9 @@
 // checkpoint.
 #include "journal.h"
 
-#include "../base/clock.h"
-#include "../base/thread.h"
-#include "../log/log.h"
+#include "../../base/clock.h"
+#include "../../base/thread.h"
+#include "../../log/log.h"
 
 #include <algorithm>
 #include <cerrno>

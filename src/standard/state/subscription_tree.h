@@ -11,7 +11,7 @@
 #ifndef TARN_STANDARD_SUBSCRIPTION_TREE_H
 #define TARN_STANDARD_SUBSCRIPTION_TREE_H
 
-#include "base/memory.h"
+#include "../../base/memory.h"
 #include "level_tree.h"
 
 #include <cstdint>

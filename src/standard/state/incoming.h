@@ -2,7 +2,7 @@
 #ifndef TARN_STANDARD_INCOMING_H
 #define TARN_STANDARD_INCOMING_H
 
-#include "base/memory.h"
+#include "../../base/memory.h"
 
 #include <bit>
 #include <cstddef>

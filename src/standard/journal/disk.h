@@ -2,7 +2,7 @@
 #ifndef TARN_STANDARD_DISK_H
 #define TARN_STANDARD_DISK_H
 
-#include "../base/fd.h"
+#include "../../base/fd.h"
 
 #include <cstdint>
 #include <span>

@@ -19,10 +19,10 @@
 #ifndef TARN_STANDARD_JOURNAL_H
 #define TARN_STANDARD_JOURNAL_H
 
-#include "../base/mutex.h"
-#include "../base/relaxed.h"
-#include "../base/wakeable_pause.h"
-#include "../persist/save_behind.h"
+#include "../../base/mutex.h"
+#include "../../base/relaxed.h"
+#include "../../base/wakeable_pause.h"
+#include "../../persist/save_behind.h"
 #include "journal_files.h"
 
 namespace tarn::standard {

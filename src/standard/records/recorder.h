@@ -3,9 +3,9 @@
 #ifndef TARN_STANDARD_RECORDER_H
 #define TARN_STANDARD_RECORDER_H
 
-#include "journal.h"
+#include "../journal/journal.h"
 #include "records.h"
-#include "state.h"
+#include "../state/state.h"
 
 namespace tarn::standard {
 
