@@ -117,13 +117,14 @@ TEST_P(session, keeps_many_messages_in_order)
 {
     constexpr int kMessages = 1000;
     Client        client = come_to_stay("c"), sender = come("sender");
-    client.subscribe("t/#", 2);
+    client.subscribe("t", 2);
     client.disconnect();
-    for (int i = 0; i < kMessages; ++i)
-        sender.publish("t/" + std::to_string(i % 3), std::to_string(i), {.qos = 1 + i % 2u});
+    for (int i = 0; i < 20; ++i)
+        sender.publish("t", std::to_string(i), {.qos = 1 + i % 2u});
+    sender.publish_numbers("t", 20, kMessages);
     client = come_to_stay("c");
     for (int i = 0; i < kMessages; ++i)
-        client.take("t/" + std::to_string(i % 3), std::to_string(i), {.qos = 1 + i % 2u});
+        client.take("t", std::to_string(i), {.qos = i < 20 ? 1 + i % 2u : 1});
     client.expect_silence();
 }
 
@@ -235,7 +236,7 @@ TEST_P(session, that_is_new_knows_nothing_of_the_one_before)
 
 TEST_P(session, gets_nothing_twice_while_its_client_comes_and_goes)
 {
-    constexpr int kMessages = 100;
+    constexpr int kMessages = 30;
     Client        client = come_to_stay("c"), sender = come("sender");
     client.subscribe("t", 2);
     for (int i = 0; i < kMessages; ++i) {

@@ -96,6 +96,22 @@ unsigned Client::publish(std::string_view topic, std::string_view payload, Publi
     return answer.reason;
 }
 
+void Client::publish_numbers(std::string_view topic, int from, int to, Where where)
+{
+    constexpr int kAtOnce = 100; // below the Receive Maximum of any broker that is tested
+    for (; from < to; from += kAtOnce) {
+        Bytes                 all;
+        std::vector<unsigned> ids;
+        for (int i = from; i < std::min(from + kAtOnce, to); ++i) {
+            ids.push_back(next_id());
+            all = all + publish_packet(level_, topic, std::to_string(i), {.qos = 1, .id = ids.back()});
+        }
+        send(all);
+        for (const unsigned id : ids)
+            expect_ack(PUBACK, id, where);
+    }
+}
+
 Bytes Client::subscribe(const std::vector<Filter> &filters, const Bytes &properties, Where where)
 {
     const unsigned id = next_id();

@@ -43,6 +43,8 @@ public:
     // The reason of PUBACK or PUBREC; 0 at QoS 0.
     unsigned publish(std::string_view topic, std::string_view payload, Publish options = {},
                      Where where = Where::here());
+    // At QoS 1, the numbers from..to-1 as payloads, none of them waiting for the one before.
+    void publish_numbers(std::string_view topic, int from, int to, Where where = Where::here());
     // The reason of each filter.
     Bytes    subscribe(const std::vector<Filter> &filters, const Bytes &properties = {}, Where where = Where::here());
     unsigned subscribe(std::string_view filter, unsigned options = 0, const Bytes &properties = {},
