@@ -44,6 +44,7 @@ struct Connection : InDueHeap { // due, on the steady clock: what it must have s
 
     std::atomic<Stage> stage{Stage::Closed}; // written with the engine's mutex held
     std::atomic<bool>  is_served{false};     // a thread has a packet of it in hand
+    bool               is_orphan = false;    // the engine has ended under that thread, which frees it
 
     // The engine's mutex.
     Session        *session = nullptr;

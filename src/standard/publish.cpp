@@ -213,6 +213,8 @@ void handle_publish(const Incoming &incoming) noexcept
     MessageRef  message;
     if (is_allowed) {
         api::tell(*connection.record, BROKER_EVENT_PUBLISH, topic.get(), publish.qos);
+        if (connection.stage.load() != Stage::Connected)
+            return; // it was closed meanwhile, perhaps with the engine
         message = message_of(connection, publish);
         if (!message)
             return refuse_packet(connection, {Reason::QuotaExceeded, "there was no memory for its message"});

@@ -118,8 +118,12 @@ public:
         connection_.is_served.store(false);
         if (connection_.stage.load() != Stage::Closed)
             return;
-        const Turn turn;
-        let_go(connection_);
+        {
+            const Turn turn;
+            let_go(connection_);
+        }
+        if (connection_.is_orphan)
+            destroy_object(&connection_);
     }
     Served(const Served &)            = delete;
     Served &operator=(const Served &) = delete;
@@ -205,8 +209,13 @@ Connection *connection_at(uint32_t handle) noexcept
 
 void free_connections() noexcept
 {
-    for (std::atomic<Connection *> &entry : g_by_handle)
-        destroy_object(entry.exchange(nullptr, std::memory_order_relaxed));
+    for (std::atomic<Connection *> &entry : g_by_handle) {
+        Connection *const connection = entry.exchange(nullptr, std::memory_order_relaxed);
+        if (connection && connection->is_served.load()) // by this thread: a callback of the host has ended the engine
+            connection->is_orphan = true;
+        else
+            destroy_object(connection);
+    }
 }
 
 void refuse_packet(Connection &connection, const Verdict &verdict) noexcept

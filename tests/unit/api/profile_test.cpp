@@ -366,6 +366,67 @@ TEST_F(profile, a_client_is_kicked_by_the_standard_one)
     EXPECT_TRUE(eventually([] { return online().empty(); }));
 }
 
+// ---- the end inside a callback
+
+namespace {
+
+void end_all(broker_t *broker)
+{
+    tarn_sdk_mqtt_broker_stop(broker);
+    tarn_sdk_mqtt_broker_deinit(broker);
+}
+
+bool end_in_acl(broker_t *broker, const char * /*id*/, const char * /*topic*/, uint8_t /*action*/, mqtt_client_t *)
+{
+    end_all(broker);
+    return true;
+}
+
+bool end_in_auth(broker_t *broker, const char * /*id*/, const char * /*user*/, const char * /*password*/)
+{
+    end_all(broker);
+    return true;
+}
+
+// The client that was being served sees its connection end, and the next life serves.
+void expect_end_and_new_life(profile &host, Peer &peer)
+{
+    EXPECT_EQ(peer.end(), 0);
+    EXPECT_TRUE(eventually([] { return threads_named("tarn-io") == 0 && threads_named("tarn-lane") == 0; }));
+    EXPECT_FALSE(standard::is_on());
+    host.init();
+    ASSERT_EQ(host.broker.start(), TARN_OK);
+    Peer next;
+    connect_as(next, "s");
+    next.send("C0 00");
+    EXPECT_EQ(hex(next.receive(2)), "D0 00");
+}
+
+} // namespace
+
+TEST_F(profile, a_host_may_end_the_standard_one_while_it_is_asked_about_a_topic)
+{
+    for (const char *const packet : {"30 04 | 00 01 't' 'x'", "82 06 | 00 01 | 00 01 'a' 01"}) {
+        serve_standard();
+        Peer peer;
+        connect_as(peer, "s");
+        tarn_sdk_mqtt_broker_register_acl_callback(broker, end_in_acl);
+        peer.send(packet);
+        expect_end_and_new_life(*this, peer);
+        deinit();
+        init();
+    }
+}
+
+TEST_F(profile, a_host_may_end_the_standard_one_while_it_is_asked_about_a_login)
+{
+    serve_standard();
+    tarn_sdk_mqtt_broker_register_auth_callback(broker, end_in_auth);
+    Peer peer;
+    peer.send("10 0D | 00 04 'MQTT' 04 02 00 3C | 00 01 'c'");
+    expect_end_and_new_life(*this, peer);
+}
+
 // ---- callbacks
 
 TEST(callbacks, are_asked_only_where_there_is_one)
