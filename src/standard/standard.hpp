@@ -21,7 +21,7 @@ bool start(const char *directory, const Limits &limits) noexcept;
 void end_all_connections() noexcept;
 // Between net::stop() and client::deinit(). All that was acknowledged is on the disk afterwards. Harmless
 // while it is not on.
-void stop() noexcept;
+void               stop() noexcept;
 [[nodiscard]] bool is_on() noexcept; // between start() and stop()
 
 // To be called every 10 ms or so: what is due by the clock.
