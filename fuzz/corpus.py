@@ -323,6 +323,58 @@ def conversation():
             yield "packet_" + name, steps((0, CONNECT_5), (0, subscribe), (1, connect(b"two")), (0, data), (1, data))
 
 
+# Steps of standard_conversation.cpp: (client, what happens, what it asks for).
+SAY = {"connect": 0, "subscribe": 2, "unsubscribe": 3, "publish": 4, "answer": 6, "wrong": 7, "release": 8,
+       "disconnect": 9, "drop": 10, "raw": 11, "wait": 12, "host": 13, "stop_reading": 14, "read": 14, "restart": 15,
+       "kill": 15, "full": 15, "checkpoint": 15}
+HIGH = {"wait": 1, "read": 1, "kill": 1, "full": 2, "checkpoint": 3}
+
+
+def said(limits, *conversation):
+    return bytes([limits]) + b"".join(bytes([client | SAY[what] << 2 | HIGH.get(what, 0) << 6, *more])
+                                      for client, what, *more in conversation)
+
+
+def said_at(level):
+    numbers = [2] if level else []  # a minute of session
+
+    def come(client, choices=0, *will, as_id=None):
+        return client, "connect", choices | level, *will, client if as_id is None else as_id, *numbers
+    hello = [come(0), come(1), (1, "subscribe", 0, 3, 2)]  # t/#, QoS 2
+    for qos in (0, 1, 2):
+        publish, answers = (0, "publish", qos, 1, 2), [(1, "answer")] * 2
+        flow = [publish, (1, "answer"), (0, "release"), (1, "answer")]
+        yield f"qos_{qos}", said(0, *hello, *flow, *flow)
+        yield f"retained_{qos}", said(0, *hello, (0, "publish", qos | 4, 1, 2), (0, "release"), come(2, 2),
+                                      (2, "subscribe", 2, 4, 2), (2, "answer"), (1, "restart"))
+        for end in ("restart", "kill", "checkpoint", "drop"):
+            yield f"{end}_{qos}", said(1, *hello, publish, (1, "answer"), publish, (1, end), come(1), *answers,
+                                       (1, "kill"), come(1), (1, "answer"))
+        yield f"full_{qos}", said(0, *hello, (1, "full"), *flow, come(2), (1, "full"), *answers)
+        yield f"slow_{qos}", said(1, *hello, (1, "stop_reading"), *[(0, "publish", qos, 1, 5)] * 12, (1, "read"),
+                                  (1, "answer"))
+    yield "will", said(0, *hello, come(2, 8 | 128, 1), (2, "drop"), (0, "wait", 6), (1, "answer"), (0, "wait", 60))
+    yield "same_id", said(2, *hello, come(2, as_id=1), (0, "publish", 1, 1, 2), (2, "answer"))
+    publish = (2, "host", 12, 1)
+    yield "shared", said(0, come(0), come(1), (0, "subscribe", 0, 11, 1), (1, "subscribe", 0, 11, 2), publish, publish,
+                         (0, "drop"), publish, (1, "wrong", 0, 1, 0))
+    yield "ends", said(0, *hello, (0, "disconnect", 4 | 8), (1, "disconnect", 1), (0, "wait", 70), come(0), come(1))
+
+
+def standard_conversation():
+    for level in (0, 1):
+        for name, data in said_at(level):
+            yield f"{name}_{level + 4}", data
+    both = [(0, "publish", 1, 1, 3), (0, "publish", 1, 1, 1)]
+    yield "sizes", said(0, (0, "connect", 1, 0, 2 | 4 | 16 | 64), (0, "subscribe", 0, 3, 2), *both * 3)
+    aliases = [(0, "publish", 128, 1, 2), (0, "publish", 192, 1, 2)]
+    yield "aliases", said(0, (0, "connect", 1, 0, 128), (0, "subscribe", 0, 3, 2), *aliases * 2)
+    for name, data in PACKETS.items():
+        if len(data) < 256:
+            yield "packet_" + name, said(0, (0, "connect", 1, 0, 2), (0, "subscribe", 0, 3, 2),
+                                         (0, "raw", len(data), *data))
+
+
 def found_file(fuzzer):
     return os.path.join(os.path.dirname(os.path.abspath(__file__)), fuzzer + ".hex")
 
