@@ -117,7 +117,7 @@ std::vector<std::unique_ptr<StandardClient>> g_clients;
 // ---- the broker
 
 // What the journal's thread would do; it waits while the disk is full.
-void settle()
+void do_journals_work()
 {
     const auto journal = [] {
         const ScopedLock        lock(standard::engine_mutex);
@@ -133,10 +133,10 @@ void settle()
 
 void read_all()
 {
-    settle();
+    do_journals_work();
     for (auto &client : g_clients)
         client->read();
-    settle();
+    do_journals_work();
 }
 
 void turn()
@@ -170,7 +170,7 @@ void stop_broker()
         client->read();
         client->hang_up();
     }
-    settle();
+    do_journals_work();
     standard::stop();
 }
 
