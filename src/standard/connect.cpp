@@ -299,9 +299,21 @@ void send_connack(Engine &engine, Connection &connection, const Connack &connack
     send(engine, connection, answer, journaled);
 }
 
+// Before anything of an earlier connection or session ends. False: the journal has no room for what would change.
+bool can_record(Engine &engine, const Login &login) REQUIRES(engine_mutex)
+{
+    constexpr size_t     kRest   = 1024; // bytes beside id and will
+    const Session *const earlier = engine.state.sessions.find(login.id);
+    if (expiry_of(login.connect) == 0 && !(earlier && earlier->is_known_to_files))
+        return true;
+    return engine.journal.can_take(login.id.size() + (login.will.message ? login.will.message->size() : 0) + kRest);
+}
+
 // Not Success: there is no room for its session, or it cannot be recorded.
 Reason log_in(Engine &engine, const Login &login) REQUIRES(engine_mutex)
 {
+    if (!can_record(engine, login))
+        return Reason::ServerUnavailable;
     Connection    &connection = login.connection;
     const uint64_t before     = engine.recorder.position();
     Session       *session    = session_left_by_earlier(engine, login);

@@ -37,6 +37,9 @@ struct ToldWill {
     client_id_text client;
 };
 
+// Deliveries at QoS 1 and 2 on the way to one client, whatever it takes.
+constexpr uint16_t kInFlightMost = 4096;
+
 struct Engine {
     explicit Engine(const Limits &limits) noexcept : state(limits), recorder(journal), checkpointer(state, journal) {}
 
@@ -62,9 +65,9 @@ struct Engine {
 
     bool told_retained_full = false; // a line said so
 
-    size_t retained_budget = kRetainedBudget; // retained messages that are looked at until the next turn()
+    int64_t retained_budget = kRetainedBudget; // retained messages that are looked at until the next turn()
 
-    static constexpr size_t kRetainedBudget = 20'000;
+    static constexpr int64_t kRetainedBudget = 20'000;
 };
 
 // One entry into the engine, with its mutex. At its end what was queued leaves, unless a round of the network layer sends

@@ -10,12 +10,23 @@ namespace {
 constexpr size_t kQueuedMost   = 1000;             // deliveries of a session; above, no more are given
 constexpr size_t kBytesMost    = size_t{1} << 20;  // of them, in memory
 constexpr size_t kUnsyncedMost = size_t{16} << 20; // bytes of the journal
+constexpr size_t kFew          = 200;              // that are given at once
+constexpr size_t kLooksAtOnce  = 2'000;            // of one session, before others have their turn
 
-bool has_room(Engine &engine, const Session &session) REQUIRES(engine_mutex)
+bool fits(const Amount &held, const Amount &bound, size_t bytes)
 {
-    const Amount stored = session.deliveries.stored();
-    const Amount qos0   = session.deliveries.waiting_qos0();
-    return stored.count + qos0.count < kQueuedMost && stored.bytes + qos0.bytes < kBytesMost &&
+    return held.count == 0 ||
+           (held.count < std::min(kQueuedMost, bound.count) && held.bytes + bytes <= std::min(kBytesMost, bound.bytes));
+}
+
+bool has_room(Engine &engine, const Session &session, const Message &message, const SubscriptionOptions &options)
+    REQUIRES(engine_mutex)
+{
+    const DeliveryBounds bounds = engine.state.bounds();
+    const size_t         bytes  = sizeof(Delivery) + message.size();
+    if (std::min(options.qos, message.qos()) == 0)
+        return fits(session.deliveries.waiting_qos0(), bounds.qos0, bytes);
+    return fits(session.deliveries.stored(), bounds.stored, bytes) &&
            (!session.is_kept() || engine.journal.unsynced() < kUnsyncedMost);
 }
 
@@ -32,25 +43,53 @@ void give(Engine &engine, Session &session, const MessageRef &message, const Sub
     (void)engine.recorder.end_publication({}); // what is not recorded is given all the same, and once
 }
 
-// True when it was given all that it is to have.
-bool give_one(Engine &engine, Session &session, RetainedWanted &wanted) REQUIRES(engine_mutex)
+// All: true when it was given all that it is to have.
+bool give_one(Engine &engine, Session &session, const RetainedWanted &wanted) REQUIRES(engine_mutex)
 {
-    --engine.retained_budget;
-    if (const MessageRef message = engine.state.retained.find(wanted.text))
-        give(engine, session, message, wanted.options);
+    const MessageRef message = engine.state.retained.find(wanted.text);
+    if (!message)
+        return true;
+    if (!has_room(engine, session, *message, wanted.options))
+        return false;
+    give(engine, session, message, wanted.options);
+    return true;
+}
+
+// The common case: a filter that matches few.
+bool give_few(Engine &engine, Session &session, const RetainedWanted &wanted) REQUIRES(engine_mutex)
+{
+    const RetainedStore &retained = engine.state.retained;
+    size_t               count = 0, bytes = 0;
+    retained.match(wanted.text, [&](const MessageRef &message) {
+        ++count;
+        bytes += message->size();
+    });
+    engine.retained_budget -= static_cast<int64_t>(count);
+    if (count > kFew || bytes > kBytesMost ||
+        session.deliveries.stored().count + session.deliveries.waiting_qos0().count > 0)
+        return count == 0;
+    auto give_it = [&](const MessageRef &message) NO_LOCK_ANALYSIS { give(engine, session, message, wanted.options); };
+    retained.match(wanted.text, give_it);
     return true;
 }
 
 bool give_some(Engine &engine, Session &session, RetainedWanted &wanted) REQUIRES(engine_mutex)
 {
-    if (!std::exchange(wanted.is_begun, true))
+    if (!wanted.is_begun) {
+        if (give_few(engine, session, wanted))
+            return true;
+        wanted.is_begun = true;
         engine.state.retained.begin(wanted.walk);
-    while (const RetainedEntry *const entry = wanted.walk.at()) {
-        if (engine.retained_budget == 0 || !has_room(engine, session))
+    }
+    for (size_t looks = 0; const RetainedEntry *const entry = wanted.walk.at(); ++looks) {
+        if (looks == kLooksAtOnce || engine.retained_budget <= 0)
+            return false;
+        const bool is_wanted = matches(wanted.text, entry->message->topic());
+        if (is_wanted && !has_room(engine, session, *entry->message, wanted.options))
             return false;
         --engine.retained_budget;
         wanted.walk.go_on();
-        if (matches(wanted.text, entry->message->topic()))
+        if (is_wanted)
             give(engine, session, entry->message, wanted.options);
     }
     return true;
@@ -60,18 +99,22 @@ bool give_some(Engine &engine, Session &session, RetainedWanted &wanted) REQUIRE
 
 bool give_retained(Engine &engine, Session &session) noexcept
 {
-    bool has_given = false;
+    const Amount stored = session.deliveries.stored();
+    const Amount qos0   = session.deliveries.waiting_qos0();
     while (RetainedWanted *const wanted = session.retained.first()) {
-        if (engine.retained_budget == 0 || !has_room(engine, session))
+        if (wanted->is_cancelled) {
+            session.retained.drop_first();
+            continue;
+        }
+        if (!has_wildcard(wanted->text)) {
+            if (!give_one(engine, session, *wanted))
+                break;
+        } else if (engine.retained_budget <= 0 || !give_some(engine, session, *wanted)) {
             break;
-        has_given = true;
-        const bool done =
-            has_wildcard(wanted->text) ? give_some(engine, session, *wanted) : give_one(engine, session, *wanted);
-        if (!done)
-            break;
+        }
         session.retained.drop_first();
     }
-    return has_given;
+    return session.deliveries.stored().count != stored.count || session.deliveries.waiting_qos0().count != qos0.count;
 }
 
 } // namespace tarn::standard

@@ -101,14 +101,14 @@ void Outbox::clear() noexcept
 
 // ---- adding
 
-// The last chunk, if what waits for this place of the journal may stand in it. One that waits itself waits a little
-// longer for it, so that a thousand acknowledgements do not take a chunk each.
+// The last chunk, if what waits for this place of the journal may stand in it. One behind another that waits itself waits
+// a little longer for it, so that a thousand acknowledgements do not take a chunk each; the first one is never put off.
 Outbox::Chunk *Outbox::with_room(uint64_t journaled) noexcept
 {
     if (!last_ || last_->room() == 0)
         return nullptr;
     if (journaled > last_->journaled) {
-        if (last_->journaled == 0 || last_->sent > 0 || !last_->begins_packet)
+        if (last_ == first_ || last_->journaled == 0 || !last_->begins_packet)
             return nullptr;
         last_->journaled = journaled;
     }

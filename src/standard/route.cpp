@@ -35,7 +35,7 @@ bool is_small_enough(const Connection &connection, const Message &message)
 bool takes_at_once(const Session &session, const Message &message)
 {
     return session.connection && !session.connection->is_blocked && !session.told_full &&
-           session.deliveries.in_flight() < session.connection->receive_maximum &&
+           session.deliveries.stored().count < std::min(session.connection->receive_maximum, kInFlightMost) &&
            is_small_enough(*session.connection, message);
 }
 
@@ -98,6 +98,17 @@ private:
     Routed            routed_;
 };
 
+// At most once a second, since it looks at all that is queued. False: it was not time.
+bool drop_expired(Session &session)
+{
+    const uint64_t now_ms = wall_ms();
+    if (now_ms < session.next_look_ms)
+        return false;
+    session.next_look_ms = now_ms + 1000;
+    session.deliveries.drop_expired(now_ms);
+    return true;
+}
+
 } // namespace
 
 bool deliver(Engine &engine, Session &session, const MessageRef &message, const SubscriptionOptions &options,
@@ -106,10 +117,8 @@ bool deliver(Engine &engine, Session &session, const MessageRef &message, const 
     const uint8_t                   qos = std::min(options.qos, message->qos());
     const std::span<const uint32_t> identifiers(&options.identifier, options.identifier != 0 ? 1 : 0);
     Offered                         offered = session.deliveries.offer(message, qos, retain, identifiers);
-    if (offered == Offered::TooMany || offered == Offered::TooManyBytes) {
-        session.deliveries.drop_expired(wall_ms());
+    if ((offered == Offered::TooMany || offered == Offered::TooManyBytes) && drop_expired(session))
         offered = session.deliveries.offer(message, qos, retain, identifiers);
-    }
     if (offered == Offered::Queued) {
         if (!session.connection)
             stats::count(stats::Counter::offline_msg);

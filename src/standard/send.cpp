@@ -16,10 +16,9 @@ using codec::standard::Publish;
 
 namespace {
 
-constexpr size_t   kOutboxMost   = size_t{256} << 10; // bytes of deliveries; a longer one goes alone
-constexpr size_t   kAnswersMost  = size_t{1} << 20;   // bytes that wait for a client that sends and does not read
-constexpr int      kFlushes      = 4;                 // of a full outbox, before others have their turn
-constexpr uint16_t kInFlightMost = 4096;              // deliveries at QoS 1 and 2, whatever the client takes
+constexpr size_t kOutboxMost  = size_t{256} << 10; // bytes of deliveries; a longer one goes alone
+constexpr size_t kAnswersMost = size_t{1} << 20;   // bytes that wait for a client that sends and does not read
+constexpr int    kFlushes     = 4;                 // of a full outbox, before others have their turn
 
 constinit thread_local bool t_in_round = false;
 
@@ -96,6 +95,16 @@ void write_delivery(Engine &engine, Connection &connection, const Outgoing &outg
         send_ack(engine, connection, PUBREL, outgoing.packet_id, Reason::Success, journaled);
 }
 
+// A line tells of a full queue again when it was half empty meanwhile.
+void note_room(const Engine &engine, Session &session)
+{
+    const DeliveryBounds bounds = engine.state.bounds();
+    if (session.deliveries.stored().count <= bounds.stored.count / 2 &&
+        session.deliveries.stored().bytes <= bounds.stored.bytes / 2 &&
+        session.deliveries.waiting_qos0().count <= bounds.qos0.count / 2)
+        session.told_full = false;
+}
+
 // As many of its session's deliveries as the outbox is to hold.
 void fill(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
 {
@@ -108,7 +117,7 @@ void fill(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
             write_delivery(engine, connection, outgoing);
             continue;
         }
-        session.told_full = false;
+        note_room(engine, session);
         if (!give_retained(engine, session))
             break;
     }
@@ -272,7 +281,7 @@ void on_journal_saved(persist::SaveWaiter &waiter) noexcept
 
 void watch_journal(Engine &engine) noexcept
 {
-    if (engine.is_waiting)
+    if (engine.is_waiting || !engine.recorder.catch_up()) // what waits is not in the journal yet: turn() tries again
         return;
     Engine::JournalWaiter &waiter = engine.journal_waiter;
     waiter.position               = engine.recorder.position();

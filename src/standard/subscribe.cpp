@@ -172,11 +172,14 @@ void handle_subscribe(const Incoming &incoming) noexcept
 
 namespace {
 
-Reason remove(Engine &engine, Session &session, std::string_view filter) REQUIRES(engine_mutex)
+Reason remove(Engine &engine, Session &session, const codec::standard::UnsubscribedFilter &entry) REQUIRES(engine_mutex)
 {
+    const std::string_view filter = entry.text;
     if (!engine.state.subscriptions.remove(session.number, filter))
         return Reason::NoSubscriptionExisted;
     session.wildcard_subscriptions -= has_wildcard(filter);
+    if (!entry.filter.is_shared())
+        session.retained.cancel(filter); // [MQTT-3.10.4-2]
     if (session.is_kept() && !engine.recorder.unsubscribed(session, filter))
         return Reason::ImplementationSpecificError;
     return Reason::Success;
@@ -190,7 +193,7 @@ bool unsubscribe_all(Connection &connection, const Unsubscribe &unsubscribe, Rea
         if (!turn || !connection.session)
             return false;
         for (const size_t end = std::min(i + kAtOnce, unsubscribe.filters.size()); i < end; ++i, ++entry)
-            reasons[i] = remove(*turn, *connection.session, entry->text);
+            reasons[i] = remove(*turn, *connection.session, *entry);
     }
     return true;
 }

@@ -11,13 +11,24 @@ RetainedQueue::~RetainedQueue()
         drop_first();
 }
 
+RetainedWanted *RetainedQueue::find(std::string_view filter, uint64_t hash) const noexcept
+{
+    return table_.find(hash, [filter](const RetainedWanted &wanted) { return wanted.text == filter; });
+}
+
+void RetainedQueue::cancel(std::string_view filter) noexcept
+{
+    if (RetainedWanted *const there = find(filter, hash_(filter)))
+        there->is_cancelled = true;
+}
+
 bool RetainedQueue::add(std::string_view filter, const SubscriptionOptions &options) noexcept
 {
     const uint64_t hash = hash_(filter);
-    if (RetainedWanted *const there =
-            table_.find(hash, [filter](const RetainedWanted &wanted) { return wanted.text == filter; })) {
-        there->options  = options;
-        there->is_begun = false;
+    if (RetainedWanted *const there = find(filter, hash)) {
+        there->options      = options;
+        there->is_begun     = false;
+        there->is_cancelled = false;
         return true;
     }
     auto *const made = make_with_text<RetainedWanted>(filter);

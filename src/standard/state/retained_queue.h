@@ -12,8 +12,9 @@ namespace tarn::standard {
 struct RetainedWanted : InTable<RetainedWanted> {
     std::string_view    text; // the filter
     SubscriptionOptions options;
-    RetainedWanted     *next     = nullptr;
-    bool                is_begun = false;
+    RetainedWanted     *next         = nullptr;
+    bool                is_begun     = false;
+    bool                is_cancelled = false;
     RetainedInPieces    walk;
 };
 
@@ -27,10 +28,13 @@ public:
 
     // Also of a filter that is in it already, with other options: it begins again. False without memory.
     [[nodiscard]] bool add(std::string_view filter, const SubscriptionOptions &options) noexcept;
+    void               cancel(std::string_view filter) noexcept; // it is not subscribed to any more
     RetainedWanted    *first() const noexcept { return first_; }
     void               drop_first() noexcept;
 
 private:
+    RetainedWanted *find(std::string_view filter, uint64_t hash) const noexcept;
+
     TextHash                  hash_;
     HashTable<RetainedWanted> table_;
     RetainedWanted           *first_ = nullptr;

@@ -54,6 +54,7 @@ struct Session : InTable<Session>, InDueHeap {
     size_t              wildcard_subscriptions = 0;
     bool                is_known_to_files      = false;
     bool                told_full              = false; // a line said that its queue is full
+    uint64_t            next_look_ms           = 0;     // when expired messages may be looked for again
 
     // All sessions in the order of their numbers: what a checkpoint walks along.
     Session *previous = nullptr;
