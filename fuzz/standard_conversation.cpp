@@ -117,7 +117,7 @@ std::vector<std::unique_ptr<StandardClient>> g_clients;
 // ---- the broker
 
 // What the journal's thread would do; it waits while the disk is full.
-void settle()
+void write_journal()
 {
     const auto journal = [] {
         const ScopedLock        lock(standard::engine_mutex);
@@ -133,10 +133,10 @@ void settle()
 
 void read_all()
 {
-    settle();
+    write_journal();
     for (auto &client : g_clients)
         client->read();
-    settle();
+    write_journal();
 }
 
 void turn()
@@ -170,7 +170,7 @@ void stop_broker()
         client->read();
         client->hang_up();
     }
-    settle();
+    write_journal();
     standard::stop();
 }
 
