@@ -375,14 +375,14 @@ void drain()
         if (client->is_within_packet())
             client->hang_up();
     }
-    constexpr int kRounds = 100'000;
-    bool          any     = true;
-    for (int i = 0; any; ++i) {
+    constexpr int kRounds = 100'000, kQuietRounds = 3; // what waits for the journal comes in the next round
+    for (int i = 0, quiet = 0; quiet < kQuietRounds; ++i) {
         PROMISE(i < kRounds);
         turn();
-        any = false;
+        ++quiet;
         for (auto &client : g_clients)
-            any = client->acknowledge_next() || client->release_next() || any;
+            if (client->acknowledge_next() || client->release_next())
+                quiet = 0;
     }
 }
 
