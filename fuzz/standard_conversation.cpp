@@ -134,6 +134,9 @@ void write_journal()
 void read_all()
 {
     write_journal();
+    for (auto &client : g_clients) // first those that were taken over, for those who did that
+        if (!client->is_open())
+            client->read();
     for (auto &client : g_clients)
         client->read();
     write_journal();
