@@ -95,15 +95,23 @@ void StandardClient::hang_up()
     leave();
 }
 
+// It may have been accepted, and its SUBSCRIBEs too.
+void StandardClient::note_unanswered(const std::string &id)
+{
+    auto &session = world_.sessions[id];
+    if (!session) {
+        session         = std::make_shared<KnownSession>();
+        session->number = ++world_.last_session;
+    }
+    session->is_certain = false;
+    for (const auto &[filter, asked] : early_filters_)
+        session->filters.insert_or_assign(filter, KnownSession::Asked{2, false});
+}
+
 void StandardClient::leave()
 {
-    if (asked_for_ && world_.sessions.contains(*asked_for_))
-        world_.sessions[*asked_for_]->is_certain = false;
-    else if (asked_for_) { // it may have been accepted
-        const auto session = world_.sessions[*asked_for_] = std::make_shared<KnownSession>();
-        session->is_certain                               = false;
-        session->number                                   = ++world_.last_session;
-    }
+    if (asked_for_)
+        note_unanswered(*asked_for_);
     asked_for_.reset();
     const auto session = std::exchange(session_, nullptr);
     if (!session || session->owner != this)

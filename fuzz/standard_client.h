@@ -91,6 +91,7 @@ private:
     void check_wanted(const std::string &topic, const conformance::Received &packet) const;
     void check_answer(const conformance::Received &packet);
     void check_pubrel(const conformance::Received &packet);
+    void note_unanswered(const std::string &id);
     void leave();
     void forget_connection();
 

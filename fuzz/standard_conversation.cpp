@@ -117,7 +117,7 @@ std::vector<std::unique_ptr<StandardClient>> g_clients;
 // ---- the broker
 
 // What the journal's thread would do; it waits while the disk is full.
-void do_journals_work()
+void write_journal()
 {
     const auto journal = [] {
         const ScopedLock        lock(standard::engine_mutex);
@@ -133,10 +133,13 @@ void do_journals_work()
 
 void read_all()
 {
-    do_journals_work();
+    write_journal();
+    for (auto &client : g_clients) // first those that were taken over, for those who did that
+        if (!client->is_open())
+            client->read();
     for (auto &client : g_clients)
         client->read();
-    do_journals_work();
+    write_journal();
 }
 
 void turn()
@@ -170,7 +173,7 @@ void stop_broker()
         client->read();
         client->hang_up();
     }
-    do_journals_work();
+    write_journal();
     standard::stop();
 }
 
@@ -375,14 +378,14 @@ void drain()
         if (client->is_within_packet())
             client->hang_up();
     }
-    constexpr int kRounds = 100'000;
-    bool          any     = true;
-    for (int i = 0; any; ++i) {
+    constexpr int kRounds = 100'000, kQuietRounds = 3; // what waits for the journal comes in the next round
+    for (int i = 0, quiet = 0; quiet < kQuietRounds; ++i) {
         PROMISE(i < kRounds);
         turn();
-        any = false;
+        ++quiet;
         for (auto &client : g_clients)
-            any = client->acknowledge_next() || client->release_next() || any;
+            if (client->acknowledge_next() || client->release_next())
+                quiet = 0;
     }
 }
 

@@ -38,8 +38,10 @@ void on_pubrel(Engine &engine, Connection &connection, const Ack &ack) REQUIRES(
 {
     Session   &session = *connection.session;
     const bool held    = session.incoming.release(ack.packet_id);
-    if (held && session.is_kept() && !engine.recorder.released(session, ack.packet_id))
+    if (held && session.is_kept() && !engine.recorder.released(session, ack.packet_id)) {
+        (void)session.incoming.restore(ack.packet_id); // the client releases it again
         return end_connection(engine, connection, Reason::ServerBusy);
+    }
     send_ack(engine, connection, PUBCOMP, ack.packet_id, held ? Reason::Success : Reason::PacketIdentifierNotFound,
              position_for(engine, session));
 }

@@ -31,9 +31,13 @@ bool has_room(Engine &engine, const Session &session, const Message &message, co
 }
 
 // It is delivered as a retained message, whatever Retain As Published says [MQTT-3.3.1-8].
-void give(Engine &engine, Session &session, const MessageRef &message, const SubscriptionOptions &options)
+void give(Engine &engine, Session &session, const MessageRef &message, const RetainedWanted &wanted)
     REQUIRES(engine_mutex)
 {
+    const SubscriptionOptions &options = wanted.options;
+    if (message->number() > wanted.after)
+        return; // it came live
+
     if (message->expires_ms() != 0 && message->expires_ms() <= wall_ms())
         return;
     if (options.no_local && message->sender() == session.number) // [MQTT-3.8.3-3]
@@ -51,7 +55,7 @@ bool give_one(Engine &engine, Session &session, const RetainedWanted &wanted) RE
         return true;
     if (!has_room(engine, session, *message, wanted.options))
         return false;
-    give(engine, session, message, wanted.options);
+    give(engine, session, message, wanted);
     return true;
 }
 
@@ -68,7 +72,7 @@ bool give_few(Engine &engine, Session &session, const RetainedWanted &wanted) RE
     if (count > kFew || bytes > kBytesMost ||
         session.deliveries.stored().count + session.deliveries.waiting_qos0().count > 0)
         return count == 0;
-    auto give_it = [&](const MessageRef &message) NO_LOCK_ANALYSIS { give(engine, session, message, wanted.options); };
+    auto give_it = [&](const MessageRef &message) NO_LOCK_ANALYSIS { give(engine, session, message, wanted); };
     retained.match(wanted.text, give_it);
     return true;
 }
@@ -90,7 +94,7 @@ bool give_some(Engine &engine, Session &session, RetainedWanted &wanted) REQUIRE
         --engine.retained_budget;
         wanted.walk.go_on();
         if (is_wanted)
-            give(engine, session, entry->message, wanted.options);
+            give(engine, session, entry->message, wanted);
     }
     return true;
 }
@@ -102,10 +106,6 @@ bool give_retained(Engine &engine, Session &session) noexcept
     const Amount stored = session.deliveries.stored();
     const Amount qos0   = session.deliveries.waiting_qos0();
     while (RetainedWanted *const wanted = session.retained.first()) {
-        if (wanted->is_cancelled) {
-            session.retained.drop_first();
-            continue;
-        }
         if (!has_wildcard(wanted->text)) {
             if (!give_one(engine, session, *wanted))
                 break;

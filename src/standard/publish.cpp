@@ -43,7 +43,8 @@ PublishResult publish(Engine &engine, const Publication &publication) noexcept
 {
     const MessageRef &message     = publication.message;
     bool              is_retained = false;
-    if (publication.has_answer && !engine.journal.can_take(message->size() + kReceiversMost))
+    const bool may_be_recorded    = message->retain() || publication.sender || engine.state.sessions.count_kept() > 0;
+    if (publication.has_answer && may_be_recorded && !engine.journal.can_take(message->size() + kReceiversMost))
         return PublishResult::NotRecorded;
     if (message->retain()) {
         is_retained = retain(engine.state.retained, message);

@@ -3,6 +3,7 @@
 // What a round of the network layer makes is flushed at its end: many packets to a client in one write. A session's
 // deliveries are written into the outbox only as far as that stays small, so a client that reads slowly holds up its own
 // session and nobody else.
+#include "../log/log.h"
 #include "../stats/stats.hpp"
 #include "../base/clock.h"
 #include "engine.h"
@@ -176,6 +177,18 @@ void flush(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
 
 } // namespace
 
+namespace {
+
+void fail_for_answers(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
+{
+    stats::count(stats::Counter::drop_send_failed);
+    LOG_INFO("[standard] connection %u ends: it does not read its answers, or there is no memory for them",
+             connection.id.handle);
+    fail(engine, connection);
+}
+
+} // namespace
+
 // What waits for a client that sends and does not read has a bound; its deliveries have another one.
 void send_bytes(Engine &engine, Connection &connection, Bytes packet, uint64_t journaled,
                 const Outbox::Tail &tail) noexcept
@@ -186,7 +199,7 @@ void send_bytes(Engine &engine, Connection &connection, Bytes packet, uint64_t j
     if (connection.outbox.copied_bytes() < kAnswersMost && connection.outbox.add(packet, journaled, tail))
         list_for_flush(engine, connection);
     else
-        fail(engine, connection);
+        fail_for_answers(engine, connection);
 }
 
 void send_ack(Engine &engine, Connection &connection, PacketType type, uint16_t packet_id, Reason reason,

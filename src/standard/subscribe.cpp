@@ -114,7 +114,8 @@ void want_retained(Connection &connection, const Subscribe &subscribe, const Wan
         return;
     for (const Entry &entry : subscribe.subscriptions)
         if ((wanted++)->gets_retained &&
-            !connection.session->retained.add(entry.filter.filter, options_of(connection, subscribe, entry)))
+            !connection.session->retained.add(entry.filter.filter, options_of(connection, subscribe, entry),
+                                              turn->state.last_message))
             return fail(*turn, connection);
     list_for_flush(*turn, connection);
 }
@@ -179,7 +180,7 @@ Reason remove(Engine &engine, Session &session, const codec::standard::Unsubscri
         return Reason::NoSubscriptionExisted;
     session.wildcard_subscriptions -= has_wildcard(filter);
     if (!entry.filter.is_shared())
-        session.retained.cancel(filter); // [MQTT-3.10.4-2]
+        session.retained.remove(filter); // [MQTT-3.10.4-2]
     if (session.is_kept() && !engine.recorder.unsubscribed(session, filter))
         return Reason::ImplementationSpecificError;
     return Reason::Success;

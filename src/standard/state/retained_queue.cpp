@@ -16,39 +16,37 @@ RetainedWanted *RetainedQueue::find(std::string_view filter, uint64_t hash) cons
     return table_.find(hash, [filter](const RetainedWanted &wanted) { return wanted.text == filter; });
 }
 
-void RetainedQueue::cancel(std::string_view filter) noexcept
+bool RetainedQueue::add(std::string_view filter, const SubscriptionOptions &options, uint64_t latest) noexcept
 {
-    if (RetainedWanted *const there = find(filter, hash_(filter)))
-        there->is_cancelled = true;
-}
-
-bool RetainedQueue::add(std::string_view filter, const SubscriptionOptions &options) noexcept
-{
-    const uint64_t hash = hash_(filter);
-    if (RetainedWanted *const there = find(filter, hash)) {
-        there->options      = options;
-        there->is_begun     = false;
-        there->is_cancelled = false;
-        return true;
+    const uint64_t  hash   = hash_(filter);
+    RetainedWanted *wanted = find(filter, hash);
+    if (!wanted) {
+        wanted = make_with_text<RetainedWanted>(filter);
+        if (!wanted)
+            return false;
+        wanted->previous               = last_;
+        (last_ ? last_->next : first_) = wanted;
+        last_                          = wanted;
+        table_.insert(*wanted, hash);
     }
-    auto *const made = make_with_text<RetainedWanted>(filter);
-    if (!made)
-        return false;
-    made->options                  = options;
-    (last_ ? last_->next : first_) = made;
-    last_                          = made;
-    table_.insert(*made, hash);
+    wanted->options  = options;
+    wanted->after    = latest;
+    wanted->is_begun = false;
     return true;
 }
 
-void RetainedQueue::drop_first() noexcept
+void RetainedQueue::remove(std::string_view filter) noexcept
 {
-    RetainedWanted *const dropped = first_;
-    first_                        = dropped->next;
-    if (!first_)
-        last_ = nullptr;
-    table_.remove(*dropped);
-    destroy_object(dropped);
+    if (RetainedWanted *const wanted = find(filter, hash_(filter)))
+        drop(*wanted);
+}
+
+void RetainedQueue::drop(RetainedWanted &wanted) noexcept
+{
+    (wanted.previous ? wanted.previous->next : first_) = wanted.next;
+    (wanted.next ? wanted.next->previous : last_)      = wanted.previous;
+    table_.remove(wanted);
+    destroy_object(&wanted);
 }
 
 } // namespace tarn::standard

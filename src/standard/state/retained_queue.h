@@ -12,9 +12,10 @@ namespace tarn::standard {
 struct RetainedWanted : InTable<RetainedWanted> {
     std::string_view    text; // the filter
     SubscriptionOptions options;
-    RetainedWanted     *next         = nullptr;
-    bool                is_begun     = false;
-    bool                is_cancelled = false;
+    RetainedWanted     *next     = nullptr;
+    RetainedWanted     *previous = nullptr;
+    uint64_t            after    = 0; // the latest message when it was wanted: later ones have come live
+    bool                is_begun = false;
     RetainedInPieces    walk;
 };
 
@@ -27,12 +28,13 @@ public:
     ~RetainedQueue();
 
     // Also of a filter that is in it already, with other options: it begins again. False without memory.
-    [[nodiscard]] bool add(std::string_view filter, const SubscriptionOptions &options) noexcept;
-    void               cancel(std::string_view filter) noexcept; // it is not subscribed to any more
+    [[nodiscard]] bool add(std::string_view filter, const SubscriptionOptions &options, uint64_t latest) noexcept;
+    void               remove(std::string_view filter) noexcept; // it is not subscribed to any more
     RetainedWanted    *first() const noexcept { return first_; }
-    void               drop_first() noexcept;
+    void               drop_first() noexcept { drop(*first_); }
 
 private:
+    void            drop(RetainedWanted &wanted) noexcept;
     RetainedWanted *find(std::string_view filter, uint64_t hash) const noexcept;
 
     TextHash                  hash_;
