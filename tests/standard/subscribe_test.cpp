@@ -187,6 +187,26 @@ TEST_P(subscribe, matches_as_the_rules_say)
     }
 }
 
+// [MQTT-4.7.3-3] 3.1.1 [MQTT-4.7.3-3]
+TEST_P(subscribe, has_filters_of_any_length)
+{
+    const std::string longest(65535, 'x');
+    std::string       deep = "+", topic = "t";
+    for (int i = 0; i < 60; ++i) {
+        deep += "/+";
+        topic += "/t";
+    }
+    Client client = come("c");
+    client.subscribe({{longest, 1}, {deep, 1}});
+    for (const std::string &each : {longest, topic}) {
+        client.publish(each, "x", {.qos = 1});
+        client.take(each, "x", {.qos = 1});
+    }
+    client.unsubscribe({longest, deep});
+    client.publish(longest, "x", {.qos = 1});
+    client.expect_silence();
+}
+
 // [MQTT-3.3.4-2] 3.1.1 [MQTT-3.3.5-1]
 TEST_P(subscribe, several_that_match_give_the_highest_qos)
 {
