@@ -316,6 +316,7 @@ Reason log_in(Engine &engine, const Login &login) REQUIRES(engine_mutex)
         return Reason::ServerUnavailable;
     Connection    &connection = login.connection;
     const uint64_t before     = engine.recorder.position();
+    const bool     was_there  = engine.state.sessions.find(login.id) != nullptr;
     Session       *session    = session_left_by_earlier(engine, login);
     Connack        connack;
     connack.session_present = session != nullptr; // [MQTT-3.2.2-3]
@@ -328,7 +329,8 @@ Reason log_in(Engine &engine, const Login &login) REQUIRES(engine_mutex)
     open_connection(engine, login, *session);
     connack.properties    = agreed(engine, login, *session);
     const uint64_t behind = engine.recorder.position();
-    send_connack(engine, connection, connack, behind != before ? behind : 0);
+    send_connack(engine, connection, connack,
+                 was_there || behind != before ? behind : 0); // also for the end of an earlier session
     return Reason::Success;
 }
 

@@ -161,7 +161,7 @@ void turn() noexcept
     (void)turn->state.retained.discard_expired(now_ms, kExpiredMost);
     (void)turn->recorder.catch_up();
     turn->checkpointer.step();
-    turn->retained_budget = std::min(turn->retained_budget + Engine::kRetainedBudget, Engine::kRetainedBudget);
+    turn->retained_us = std::min(turn->retained_us + Engine::kRetained_us, Engine::kRetained_us);
     list_those_for_later(*turn);
     if (turn->waiting)
         watch_journal(*turn);

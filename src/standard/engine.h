@@ -65,9 +65,9 @@ struct Engine {
 
     bool told_retained_full = false; // a line said so
 
-    int64_t retained_budget = kRetainedBudget; // retained messages that are looked at until the next turn()
+    int64_t retained_us = kRetained_us; // what giving retained messages may take until the next turn()
 
-    static constexpr int64_t kRetainedBudget = 20'000;
+    static constexpr int64_t kRetained_us = 2'000;
 };
 
 // One entry into the engine, with its mutex. At its end what was queued leaves, unless a round of the network layer sends
@@ -161,8 +161,8 @@ void send_what_may_leave(Engine &engine, Connection &connection) noexcept REQUIR
 // It cannot go on, for want of memory or since its socket is broken: it is dropped when it would be flushed.
 void fail(Engine &engine, Connection &connection) noexcept REQUIRES(engine_mutex);
 void flush_listed(Engine &engine) noexcept REQUIRES(engine_mutex);
-// Retained messages for new subscriptions of the session, as many as go now; false: none (give_retained.cpp).
-bool give_retained(Engine &engine, Session &session) noexcept REQUIRES(engine_mutex);
+// Retained messages for new subscriptions of the session, as many as go now (give_retained.cpp).
+void give_retained(Engine &engine, Session &session) noexcept REQUIRES(engine_mutex);
 // Counts what was dropped since the last time.
 void count_drops(Session &session) noexcept;
 // Flushes those that wait for the journal when it is on the disk.

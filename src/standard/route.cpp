@@ -101,11 +101,11 @@ private:
 // At most once a second, since it looks at all that is queued. False: it was not time.
 bool drop_expired(Session &session)
 {
-    const uint64_t now_ms = wall_ms();
+    const uint64_t now_ms = mono_ms();
     if (now_ms < session.next_look_ms)
         return false;
     session.next_look_ms = now_ms + 1000;
-    session.deliveries.drop_expired(now_ms);
+    session.deliveries.drop_expired(wall_ms());
     return true;
 }
 

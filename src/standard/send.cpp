@@ -112,15 +112,17 @@ void fill(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
     const ClientLimits limits(connection);
     const uint64_t     now_ms  = wall_ms();
     Session           &session = *connection.session;
-    while (!connection.is_broken && connection.outbox.bytes() < kOutboxMost) {
+    for (bool has_given = false; !connection.is_broken && connection.outbox.bytes() < kOutboxMost;) {
         const Outgoing outgoing = session.deliveries.next(now_ms, limits);
         if (outgoing.kind != Outgoing::Kind::Nothing) {
             write_delivery(engine, connection, outgoing);
             continue;
         }
         note_room(engine, session);
-        if (!give_retained(engine, session))
+        if (has_given || !session.retained.first())
             break;
+        give_retained(engine, session);
+        has_given = true;
     }
     if (session.retained.first())
         list_for_later(engine, connection);
@@ -193,7 +195,8 @@ void fail_for_answers(Engine &engine, Connection &connection) REQUIRES(engine_mu
 void send_bytes(Engine &engine, Connection &connection, Bytes packet, uint64_t journaled,
                 const Outbox::Tail &tail) noexcept
 {
-    if (connection.stage.load() != Stage::Connected && connection.stage.load() != Stage::Opened)
+    const Stage stage = connection.stage.load();
+    if ((stage != Stage::Connected && stage != Stage::Opened) || connection.is_broken)
         return;
     stats::count(stats::Counter::tx_pkt);
     if (connection.outbox.copied_bytes() < kAnswersMost && connection.outbox.add(packet, journaled, tail))

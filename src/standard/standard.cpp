@@ -134,7 +134,8 @@ Published publish(const HostMessage &message) noexcept
                           .payload    = message.payload});
     if (!made)
         return Published::NoRoom;
-    const PublishResult result = publish(*turn, {.message = made, .has_answer = true, .is_refusable = true});
+    const PublishResult result =
+        publish(*turn, {.message = made, .has_answer = made->qos() > 0 || made->retain(), .is_refusable = true});
     return result == PublishResult::Done || result == PublishResult::NobodyThere ? Published::Done : Published::NoRoom;
 }
 

@@ -65,7 +65,7 @@ class BridgeBench:
         self.as_it_comes = settings == ["default"]
         self.directory, self.column, self.level, self.broker = directory, column, level, broker
         # As it comes it tries the level with the highest bit set first, and pauses 5 to 30 s after each failure.
-        self.patience = 36 if self.as_it_comes else 6
+        self.patience = 36 if self.as_it_comes else 20
         self.started = 0
         self.local, self.extra = None, None
         self.check = ""

@@ -71,3 +71,40 @@ TEST_F(limits, a_connection_has_to_say_connect_in_time)
     EXPECT_GT(tarn::test::now_s() - begin_s, 0.2);
     other.ping();
 }
+
+// [MQTT-3.3.1-9]: a small queue holds retained messages up and loses none.
+TEST_F(limits, retained_messages_come_all_through_a_small_queue)
+{
+    Broker broker(kPacket, {{TARN_LIMIT_QUEUED_MESSAGES, 100}, {TARN_LIMIT_QOS0_MESSAGES, 100}});
+    Client sender(5, "sender");
+    for (int i = 0; i < 500; ++i) {
+        sender.publish("at1/" + std::to_string(i), "x", {.qos = 1, .retain = true});
+        sender.publish("at0/" + std::to_string(i), "x", {.retain = true});
+    }
+    Client reader(5, "reader");
+    reader.subscribe({{"at0/#", 0}, {"at1/+", 1}});
+    for (int i = 0; i < 1000; ++i) {
+        const Received next = reader.next();
+        ASSERT_EQ(next.type, PUBLISH);
+        reader.acknowledge(next);
+    }
+    reader.expect_silence();
+}
+
+// [MQTT-3.10.4-2]: what was not sent yet is not begun.
+TEST_F(limits, retained_messages_end_with_the_subscription)
+{
+    Broker broker(kPacket, {{TARN_LIMIT_QUEUED_MESSAGES, 100}});
+    Client sender(5, "sender"), reader(5, "reader");
+    for (int i = 0; i < 500; ++i)
+        sender.publish("t/" + std::to_string(i), "x", {.qos = 1, .retain = true});
+    reader.subscribe("t/#", 1);
+    reader.unsubscribe({"t/#"});
+    int count = 0;
+    for (const Received &next : reader.take_all()) {
+        reader.acknowledge(next);
+        ++count;
+    }
+    EXPECT_LE(count, 200);
+    reader.expect_silence();
+}

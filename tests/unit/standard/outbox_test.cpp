@@ -126,6 +126,20 @@ TEST(outbox, a_thousand_acknowledgements_that_wait_take_few_chunks)
     EXPECT_EQ(socket.writes, 1);
 }
 
+TEST(outbox, the_first_that_waits_is_never_put_off)
+{
+    Outbox outbox;
+    Socket socket;
+    ASSERT_TRUE(outbox.add(bytes_of("a"), 100));
+    ASSERT_TRUE(outbox.add(bytes_of("b"), 200));
+    ASSERT_TRUE(outbox.add(bytes_of("c"), 300));
+    EXPECT_EQ(flush(outbox, socket, 100), Left::Waits);
+    EXPECT_EQ(socket.got, "a");
+    ASSERT_TRUE(outbox.add(bytes_of("d"), 400));
+    EXPECT_EQ(flush(outbox, socket, 300), Left::Waits);
+    EXPECT_EQ(socket.got, "abc");
+}
+
 TEST(outbox, a_packet_that_began_to_leave_is_not_made_to_wait)
 {
     Outbox      outbox;
