@@ -2,7 +2,7 @@
 #include "crash_disk.h"
 
 #include "promise.h"
-#include "standard/disk.h"
+#include "standard/journal/disk.h"
 
 #include <cerrno>
 #include <filesystem>

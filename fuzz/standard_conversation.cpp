@@ -10,7 +10,7 @@
 #include "promise.h"
 #include "qos/qos_reliable.h"
 #include "standard/engine.h"
-#include "standard/session.h"
+#include "standard/state/session.h"
 #include "standard/standard.hpp"
 #include "standard_client.h"
 
