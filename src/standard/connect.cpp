@@ -2,7 +2,6 @@
 #include "../api/api.hpp"
 #include "../base/clock.h"
 #include "../log/log.h"
-#include "../stats/stats.hpp"
 #include "c_text.h"
 #include "engine.h"
 #include "stored_properties.h"
@@ -144,7 +143,7 @@ bool make_record(Connection &connection)
 }
 
 // All places are taken, one of them by an earlier connection of this client, which has to go anyway: if it is this client
-// indeed. True: it has gone.
+// indeed, for which the host is asked once more. True: it has gone.
 bool end_earlier(const Login &login)
 {
     if (login.is_made_up || !is_accepted(login))

@@ -70,10 +70,10 @@ struct Engine {
     static constexpr int64_t kRetained_us = 2'000;
 };
 
-// One entry into the engine, with its mutex. At its end what was queued leaves, unless a round of the network layer sends
-// it with the rest; then, without the mutex, connections are closed and the host is told.
 Engine *running_engine() noexcept REQUIRES(engine_mutex); // null: the profile is not on
 
+// One entry into the engine, with its mutex. At its end what was queued leaves, unless a round of the network layer sends
+// it with the rest; then, without the mutex, connections are closed and the host is told.
 class SCOPED_CAPABILITY Turn {
 public:
     Turn() noexcept ACQUIRE(engine_mutex);

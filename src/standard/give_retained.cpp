@@ -56,7 +56,6 @@ void give(Engine &engine, Session &session, const MessageRef &message, const Ret
     const SubscriptionOptions &options = wanted.options;
     if (message->number() > wanted.after)
         return; // it came live
-
     if (message->expires_ms() != 0 && message->expires_ms() <= wall_ms())
         return;
     if (options.no_local && message->sender() == session.number) // [MQTT-3.8.3-3]

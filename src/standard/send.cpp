@@ -177,10 +177,6 @@ void flush(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
     list_for_later(engine, connection);
 }
 
-} // namespace
-
-namespace {
-
 void fail_for_answers(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
 {
     stats::count(stats::Counter::drop_send_failed);

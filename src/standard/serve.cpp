@@ -10,8 +10,6 @@
 #include "engine.h"
 #include "profile.h"
 
-#include <new>
-
 namespace tarn::standard {
 
 using codec::standard::check_first_byte;
@@ -152,6 +150,8 @@ void handle(Connection &connection, std::span<const uint8_t> packet)
         return refuse_packet(connection, {Reason::ProtocolError, "the first packet is no CONNECT"});
     connection.last_packet_ms = mono_ms();
     connection.arriving       = 0;
+    if (connection.record)
+        connection.record->last_active = uint64_t{connection.last_packet_ms}; // what a host reads as idle_seconds
     kHandlers[type]({connection, packet});
 }
 

@@ -3,7 +3,6 @@
 // The host is asked about all filters first. Then they are subscribed to, a few at a time, so that a long list keeps
 // nobody waiting; the answer goes out, and behind it the retained messages.
 #include "../api/api.hpp"
-#include "../base/clock.h"
 #include "c_text.h"
 #include "engine.h"
 #include "state/filter_match.h"
@@ -19,8 +18,8 @@ namespace {
 
 using Entry = codec::standard::Subscription;
 
-constexpr size_t kAtOnce   = 64; // filters under one hold of the mutex
-constexpr size_t kLookedAt = 10'000;
+constexpr size_t kAtOnce   = 64;     // filters under one hold of the mutex
+constexpr size_t kLookedAt = 10'000; // filters of one packet that the host is asked about, or more if it allows more
 
 struct Wanted {
     Reason reason;

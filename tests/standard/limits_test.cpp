@@ -108,3 +108,16 @@ TEST_F(limits, retained_messages_end_with_the_subscription)
     EXPECT_LE(count, 200);
     reader.expect_silence();
 }
+
+TEST_F(limits, a_host_sees_how_long_a_client_said_nothing)
+{
+    Broker broker(kPacket, {});
+    Client client(5, "c");
+    tarn::test::pause_ms(2100);
+    tarn_sdk_mqtt_client_info_t info{};
+    ASSERT_EQ(tarn_sdk_mqtt_broker_get_client_info(broker.handle(), "c", &info), 0);
+    EXPECT_GE(info.idle_seconds, 2u);
+    client.ping();
+    ASSERT_EQ(tarn_sdk_mqtt_broker_get_client_info(broker.handle(), "c", &info), 0);
+    EXPECT_LT(info.idle_seconds, 2u);
+}
