@@ -5,6 +5,11 @@
 #include <unistd.h>
 
 namespace tarn {
+namespace {
+
+constinit thread_local uint64_t t_packet_us = 0; // 0: none is handled
+
+} // namespace
 
 uint64_t mono_us() noexcept
 {
@@ -28,6 +33,26 @@ uint64_t wall_ms() noexcept
     timeval now{};
     gettimeofday(&now, nullptr);
     return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_usec) / 1000;
+}
+
+uint64_t packet_ms() noexcept
+{
+    return t_packet_us != 0 ? t_packet_us / 1000 : mono_ms();
+}
+
+PacketTime::PacketTime() noexcept : outer_us_(t_packet_us)
+{
+    t_packet_us = 0;
+}
+
+PacketTime::~PacketTime() noexcept
+{
+    t_packet_us = outer_us_;
+}
+
+uint64_t PacketTime::read() noexcept
+{
+    return t_packet_us = mono_us();
 }
 
 void pause_ms(uint32_t ms) noexcept

@@ -10,7 +10,26 @@ uint64_t mono_us() noexcept; // CLOCK_MONOTONIC
 uint64_t mono_ms() noexcept; // the same
 int64_t  wall_s() noexcept;  // time()
 uint64_t wall_ms() noexcept; // gettimeofday()
-void     pause_ms(uint32_t ms) noexcept;
+
+// mono_ms() for what a packet does to several clients: the reading with which this thread's packet began, as long as a
+// PacketTime exists, else a new one.
+uint64_t packet_ms() noexcept;
+
+// Around the packets that a thread of the network layer handles one after another.
+class PacketTime {
+public:
+    PacketTime() noexcept;
+    ~PacketTime() noexcept;
+    PacketTime(const PacketTime &)            = delete;
+    PacketTime &operator=(const PacketTime &) = delete;
+
+    // Another packet begins. Returns the new reading, in us.
+    uint64_t read() noexcept;
+
+private:
+    uint64_t outer_us_;
+};
+void pause_ms(uint32_t ms) noexcept;
 
 // now - then, never below zero: a clock that was read first may be the older one.
 constexpr uint64_t elapsed(uint64_t now, uint64_t then) noexcept

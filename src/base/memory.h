@@ -18,11 +18,19 @@ struct FreeDeleter {
 
 template <class T> using owned = std::unique_ptr<T[], FreeDeleter>;
 
+inline constexpr size_t kFastAllocation = 1024; // glibc: up to here malloc has a cache for each thread, calloc has none
+
 // count zeroed elements of a plain type, or empty. A count of 0 still allocates.
 template <class T> [[nodiscard]] owned<T> allocate_zeroed(size_t count) noexcept
 {
     static_assert(std::is_trivially_copyable_v<T>);
-    return owned<T>(static_cast<T *>(std::calloc(count ? count : 1, sizeof(T)))); // NOLINT(bugprone-sizeof-expression)
+    if (count == 0)
+        count = 1;
+    if (count > kFastAllocation / sizeof(T)) // NOLINT(bugprone-sizeof-expression): T may be a pointer
+        return owned<T>(static_cast<T *>(std::calloc(count, sizeof(T)))); // NOLINT(bugprone-sizeof-expression)
+    void *bytes = std::malloc(count * sizeof(T));                         // NOLINT(bugprone-sizeof-expression)
+    asm volatile("" : "+r"(bytes));                                       // or the compiler makes a calloc of the two
+    return owned<T>(static_cast<T *>(bytes ? std::memset(bytes, 0, count * sizeof(T)) : nullptr)); // NOLINT
 }
 
 // The same without clearing, for buffers that are overwritten at once.

@@ -43,7 +43,7 @@ void note_active(mqtt_client_t &client) noexcept
         return;
     if (client.timeout_closing)
         client.timeout_closing = 0;
-    client.last_active = mono_ms();
+    client.last_active = packet_ms();
 }
 
 } // namespace tarn::client

@@ -15,8 +15,8 @@ namespace {
 
 constexpr size_t kExpiryBytes = 5;
 constexpr size_t kAliasBytes  = 4;
-constexpr size_t kHeadMax     = 2 + CODEC_TOPIC_MAX + 2 + 1 + kExpiryBytes + kAliasBytes; // body before the payload
-static_assert(kHeadMax <= CODEC_BODY_MAX, "only the payload can be too much");
+static_assert(kPublishBodyHeadMax == 2 + CODEC_TOPIC_MAX + 2 + 1 + kExpiryBytes + kAliasBytes);
+static_assert(kPublishBodyHeadMax <= CODEC_BODY_MAX, "only the payload can be too much");
 
 bool carries_id(const PublishView &message)
 {
@@ -127,7 +127,7 @@ int write_head(uint32_t level, const PublishView &message, uint8_t *buf, int *bu
     const bool traced = log_passes(AGENT_LOG_DEBUG);
     buf[0]            = first_byte(message);
 
-    uint8_t area[kHeadMax];
+    uint8_t area[kPublishBodyHeadMax];
     Writer  head(area);
     size_t  properties_at = 0;
     if (const int refused = put_head(level, message, head, properties_at); refused != CODEC_OK)
@@ -172,9 +172,10 @@ PublishView view_of(const mqtt_publish_para_t &para)
 
 } // namespace
 
-PublishHead encode_publish_head(uint32_t level, const PublishView &message, std::span<uint8_t> buf) noexcept
+PublishHead encode_publish_head(uint32_t level, const PublishView &message, std::span<uint8_t> buf,
+                                size_t capacity) noexcept
 {
-    int length   = static_cast<int>(buf.size());
+    int length   = static_cast<int>(capacity);
     int head_len = 0;
     int refused  = check(level, message, length);
     if (refused == CODEC_OK)

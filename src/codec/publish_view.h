@@ -23,6 +23,9 @@ struct PublishView {
     uint16_t                 topic_alias         = 0; // 0 = absent
 };
 
+constexpr size_t kPublishBodyHeadMax = 2 + CODEC_TOPIC_MAX + 2 + 1 + 5 + 4; // topic, identifier, expiry, alias
+constexpr size_t kPublishHeadMax     = 1 + 4 + kPublishBodyHeadMax;
+
 struct PublishHead {
     Result                   result;
     std::span<const uint8_t> head;   // what stands before the payload; empty unless Ok
@@ -31,9 +34,10 @@ struct PublishHead {
 
 // encode_publish without record and context: the same packet, result and log lines. Three things are left to the caller:
 // the payload, which belongs behind the head but need not be copied there; what `buf` held behind it (a refused call may
-// have written header bytes); and no context learns of it. `buf` is the room for the whole packet.
-[[nodiscard]] PublishHead encode_publish_head(uint32_t level, const PublishView &message,
-                                              std::span<uint8_t> buf) noexcept;
+// have written header bytes); and no context learns of it. `capacity` is the room for the whole packet; `buf` has so many
+// bytes, or kPublishHeadMax.
+[[nodiscard]] PublishHead encode_publish_head(uint32_t level, const PublishView &message, std::span<uint8_t> buf,
+                                              size_t capacity) noexcept;
 
 // Where the two bytes of the packet identifier stand (big-endian) inside an encoded PUBLISH of QoS 1 or 2, of which the
 // head is enough; -1 when the packet is none.

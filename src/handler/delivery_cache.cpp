@@ -21,11 +21,11 @@ DeliveryCache::Encoded DeliveryCache::encode(uint32_t version, uint32_t qos, uin
         return {codec::Result::Ok, {form.bytes.get(), form.length}};
     }
 
-    owned<uint8_t> bytes = allocate<uint8_t>(PACKET_DELIVERY_SIZE);
+    owned<uint8_t> bytes = allocate<uint8_t>(codec::kPublishHeadMax);
     if (!bytes)
         return {.result = codec::Result::Ok, .had_memory = false};
     const codec::PublishHead encoded =
-        codec::encode_publish_head(version, message_, {bytes.get(), size_t{PACKET_DELIVERY_SIZE}});
+        codec::encode_publish_head(version, message_, {bytes.get(), codec::kPublishHeadMax}, PACKET_DELIVERY_SIZE);
     if (failed(encoded.result))
         return {encoded.result};
     form.bytes  = std::move(bytes);

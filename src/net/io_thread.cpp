@@ -95,7 +95,7 @@ enum class Left {
     NotOurs, // a lane has the connection, it waits, it was closed, or the layer goes down
 };
 
-Left serve_whole_packets(const SlotPin &pin, const EventSink &sink, uint32_t start, uint64_t began_us)
+Left serve_whole_packets(const SlotPin &pin, const EventSink &sink, uint32_t start, uint64_t began_us, PacketTime &time)
 {
     const netip_conn_t &slot = pin.slot();
     while (packet_is_whole(slot)) {
@@ -105,36 +105,44 @@ Left serve_whole_packets(const SlotPin &pin, const EventSink &sink, uint32_t sta
         if (!layer_runs(start) || !serves_here(pin, {received_bytes(pin), length}, start) ||
             !hand_up_first(pin, sink, start))
             return Left::NotOurs;
-        if (elapsed(mono_us(), began_us) >= kTimePerTurn_us)
+        if (elapsed(time.read(), began_us) >= kTimePerTurn_us)
             return Left::More;
     }
     return Left::Nothing;
 }
 
+// A read that leaves room has taken all there was, and what comes later is told of again. A broken connection is read to
+// its end at once.
+//
 // QUIRK(packet-size): a packet above 4096 bytes ends the connection without a word, whatever Maximum Packet Size was
 // announced and with no DISCONNECT 0x95 [MQTT-3.2.2-15]. It stays because the receive buffer is part of the slot:
 // memory is bounded by the table, and nobody has to read what cannot be kept.
 //   standard profile: lifted (sizes): up to the limit that the host set, 10 MiB by default; above it DISCONNECT 0x95
 //   test: stream.a_packet_of_4097_bytes_ends_the_connection
-Left read_and_serve(const SlotPin &pin, const EventSink &sink, uint32_t start)
+Left read_and_serve(const SlotPin &pin, const EventSink &sink, uint32_t start, bool broken)
 {
-    netip_conn_t  &slot     = pin.slot();
-    const uint64_t began_us = mono_us();
+    netip_conn_t  &slot = pin.slot();
+    PacketTime     time;
+    const uint64_t began_us = time.read();
     ssize_t        total    = 0;
     // Of an earlier turn first.
-    if (const Left left = serve_whole_packets(pin, sink, start, began_us); left != Left::Nothing)
+    if (const Left left = serve_whole_packets(pin, sink, start, began_us, time); left != Left::Nothing)
         return left;
     for (int reads = 0; reads < kReadsPerTurn && total < kBytesPerTurn && layer_runs(start); ++reads) {
-        const ssize_t got = receive_bytes(pin);
+        const auto    room = static_cast<ssize_t>(room_for_more(pin));
+        const ssize_t got  = receive_bytes(pin);
         if (got < 1)
             return got == 0 ? Left::End : Left::Nothing;
         total += got;
+        (void)time.read(); // what came now came after the reading before
         LOG_DEBUG("[NETIP] 开始解析客户端数据 handle=%d 缓存长度=%d", static_cast<int>(pin.handle()), slot.rx_len);
         measure(pin);
-        if (const Left left = serve_whole_packets(pin, sink, start, began_us); left != Left::Nothing)
+        if (const Left left = serve_whole_packets(pin, sink, start, began_us, time); left != Left::Nothing)
             return left;
         if (room_for_more(pin) == 0)
             return Left::End; // the packet in front will never be whole
+        if (got < room && !broken)
+            return Left::Nothing;
     }
     return Left::More;
 }
@@ -143,7 +151,7 @@ Left read_and_serve(const SlotPin &pin, const EventSink &sink, uint32_t start)
 // of it is read goes on in the next round, as the broken connection is reported until it is closed.
 void take_turn(const SlotPin &pin, const EventSink &sink, uint32_t start, bool broken, Ends &ends)
 {
-    const Left left = read_and_serve(pin, sink, start);
+    const Left left = read_and_serve(pin, sink, start, broken);
     if (left == Left::NotOurs || !pin.is_current())
         return;
     const bool has_ended  = left == Left::End || (broken && left == Left::Nothing);

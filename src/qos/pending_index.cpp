@@ -3,6 +3,7 @@
 #include "qos_internal.h"
 
 #include <cstdlib>
+#include <cstring>
 
 qos_packet_t *g_pending_queue = nullptr;
 tarn_mutex_t  g_queue_mutex{};
@@ -16,6 +17,14 @@ namespace {
 constexpr size_t kIdBuckets            = 1 << 15;
 constexpr size_t kClientBuckets        = 1 << 12;
 constexpr int    kAlwaysCheckedEntries = 64;
+
+// Entries without a delivery that are kept for the next ones: a client with many in flight takes and gives back that
+// many at a time, more than the heap has at hand. The address sanitizer is to see the use of one that is free.
+#if defined(TARN_SANITIZED)
+constexpr int kSparesMax = 0;
+#else
+constexpr int kSparesMax = 1024;
+#endif
 
 struct Tracked;
 
@@ -42,12 +51,20 @@ struct Tracked {
 
 struct Index {
     bool          complete                  = true;    // it knows every entry of the list
+    bool          held                      = false;   // by a QueueLock
+    bool          compared                  = false;   // with the list, since then
     int           size                      = 0;       // entries it knows
     qos_packet_t *head                      = nullptr; // g_pending_queue as the index left it
     Tracked      *by_id[kIdBuckets]         = {};
     Tally        *by_client[kClientBuckets] = {};
 };
 constinit Index g_index GUARDED_BY(g_queue_mutex);
+
+struct Spares {
+    qos_packet_t *first = nullptr; // chained by `next`
+    int           count = 0;
+};
+constinit Spares g_spares GUARDED_BY(g_queue_mutex);
 
 size_t hash_of(const mqtt_client_t *client)
 {
@@ -112,9 +129,12 @@ bool is_list_untouched() REQUIRES(g_queue_mutex)
 // To be asked before the index is believed.
 bool is_complete() REQUIRES(g_queue_mutex)
 {
-    if (g_index.complete && !is_list_untouched())
-        drop_index();
-    g_index.head = g_pending_queue;
+    if (!g_index.compared) {
+        if (g_index.complete && !is_list_untouched())
+            drop_index();
+        g_index.head     = g_pending_queue;
+        g_index.compared = g_index.held;
+    }
     if (!g_pending_queue)
         g_index.complete = true;
     return g_index.complete;
@@ -192,6 +212,18 @@ bool is_delivery(const qos_packet_t &entry, const mqtt_client_t *client, uint16_
     return entry.client == client && entry.msg_id == msg_id;
 }
 
+// free_entry() for one that the index knew: a host's own has the size of a qos_packet_t only.
+void keep_as_spare(qos_packet_t *entry) REQUIRES(g_queue_mutex)
+{
+    if (g_spares.count >= kSparesMax)
+        return free_entry(entry);
+    free_payload(*entry);
+    give_bytes_back(sizeof(Tracked));
+    entry->next    = g_spares.first;
+    g_spares.first = entry;
+    ++g_spares.count;
+}
+
 // The pointer that points to this entry, or null when the list does not hold it.
 qos_packet_t **link_to(qos_packet_t *entry) REQUIRES(g_queue_mutex)
 {
@@ -205,13 +237,35 @@ qos_packet_t **link_to(qos_packet_t *entry) REQUIRES(g_queue_mutex)
 
 } // namespace
 
+QueueLock::QueueLock() noexcept
+{
+    g_queue_mutex.lock();
+    g_index.held = true;
+}
+
+QueueLock::~QueueLock() noexcept
+{
+    g_index.held     = false;
+    g_index.compared = false;
+    g_queue_mutex.unlock();
+}
+
 qos_packet_t *make_entry(int held)
 {
     if (!take_bytes(sizeof(Tracked), held))
         return nullptr;
-    auto *const entry = reinterpret_cast<qos_packet_t *>(calloc(1, sizeof(Tracked)));
-    if (!entry)
+    qos_packet_t *entry = g_spares.first;
+    if (entry) {
+        g_spares.first = entry->next;
+        --g_spares.count;
+    } else {
+        entry = reinterpret_cast<qos_packet_t *>(allocate<Tracked>(1).release());
+    }
+    if (!entry) {
         give_bytes_back(sizeof(Tracked));
+        return nullptr;
+    }
+    memset(tracked(entry), 0, sizeof(Tracked));
     return entry;
 }
 
@@ -220,6 +274,15 @@ void free_entry(qos_packet_t *entry)
     free_payload(*entry);
     give_bytes_back(sizeof(Tracked));
     free(entry);
+}
+
+void free_spare_entries()
+{
+    while (qos_packet_t *const entry = g_spares.first) {
+        g_spares.first = entry->next;
+        free(entry);
+    }
+    g_spares.count = 0;
 }
 
 void link_entry(qos_packet_t *entry)
@@ -265,13 +328,14 @@ qos_packet_t *find_entry(const mqtt_client_t *client, uint16_t msg_id)
 void remove_at(qos_packet_t **link)
 {
     qos_packet_t *const entry = *link;
-    if (is_complete() && !remove_from_index(entry))
+    const bool          known = is_complete() && remove_from_index(entry);
+    if (!known && is_complete())
         drop_index();
     if (g_walk == &entry->next)
         g_walk = link;
     *link        = entry->next;
     g_index.head = g_pending_queue;
-    free_entry(entry);
+    known ? keep_as_spare(entry) : free_entry(entry);
     if (!g_pending_queue)
         forget_bytes();
 }

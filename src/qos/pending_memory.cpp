@@ -21,7 +21,7 @@ struct SharedPayload {
 namespace {
 
 constexpr size_t kBuckets    = 1 << 14;
-constexpr size_t kSharedFrom = 64; // bytes; for a shorter one the entry itself is what costs
+constexpr size_t kSharedFrom = 256; // bytes; for a shorter one the entry itself is what costs
 
 constinit size_t g_bytes      GUARDED_BY(g_queue_mutex)                     = 0;
 constinit size_t g_most_bytes GUARDED_BY(g_queue_mutex)                     = 0; // since bytes_left_over() was called
@@ -104,7 +104,8 @@ size_t bytes_taken()
 
 size_t bytes_left_over() noexcept
 {
-    ScopedLock   lock(g_queue_mutex);
+    ScopedLock lock(g_queue_mutex);
+    free_spare_entries();
     const size_t left_over = g_most_bytes - g_bytes;
     g_most_bytes           = g_bytes;
     return left_over;

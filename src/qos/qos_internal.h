@@ -14,12 +14,25 @@ namespace tarn::qos {
 
 enum Qos2State : uint32_t { QOS2_NONE = 0, QOS2_AWAITS_PUBREC = 1, QOS2_PUBREL_SENT = 2, QOS2_PUBCOMP_SENT = 3 };
 
-// ---- the list and its index (pending_index.cpp); all below: g_queue_mutex held
+// ---- the list and its index (pending_index.cpp)
+
+// Holds g_queue_mutex, during which nobody edits the list: it is compared with the index once, when the index is asked
+// first. Without one it is compared each time.
+class SCOPED_CAPABILITY QueueLock {
+public:
+    QueueLock() noexcept ACQUIRE(g_queue_mutex);
+    ~QueueLock() noexcept RELEASE();
+    QueueLock(const QueueLock &)            = delete;
+    QueueLock &operator=(const QueueLock &) = delete;
+};
+
+// All below: g_queue_mutex held.
 
 // Zeroed, not linked; null when there is no memory. `held`: the entries that its client has.
 qos_packet_t *make_entry(int held) REQUIRES(g_queue_mutex);
 void          link_entry(qos_packet_t *entry) REQUIRES(g_queue_mutex);       // at the head
 void          free_entry(qos_packet_t *entry) REQUIRES(g_queue_mutex);       // not linked, payload included
+void          free_spare_entries() REQUIRES(g_queue_mutex);                  // that are kept for the next ones
 int           count_of(const mqtt_client_t *client) REQUIRES(g_queue_mutex); // entries of this client
 qos_packet_t *find_entry(const mqtt_client_t *client, uint16_t msg_id) REQUIRES(g_queue_mutex); // newest first
 void          remove_entry(qos_packet_t *entry) REQUIRES(g_queue_mutex);                        // unlinks and frees

@@ -68,7 +68,7 @@ Added add(const qos::Delivery &delivery, int &count) REQUIRES(g_queue_mutex)
         qos::free_entry(entry);
         return Added::NoPayloadMemory;
     }
-    fill(*entry, delivery, mono_ms());
+    fill(*entry, delivery, packet_ms());
     qos::link_entry(entry);
     qos::note_due(entry->last_send_ms + QOS_FIRST_RETRY_MS + 1);
     return Added::Yes;
@@ -201,7 +201,7 @@ qos::FirstSend qos::send_and_track(const Delivery &delivery, std::span<const uin
         return {send_to(client, packet)};
     FirstSend first;
     {
-        ScopedLock lock(g_queue_mutex);
+        QueueLock lock;
         first.result = queue_packet(client, packet);
         if (first.result != 0)
             return first;
@@ -234,7 +234,7 @@ Added qos::track(mqtt_client_t &client, uint16_t msg_id, uint8_t qos, const char
     int            count = 0;
     Added          added;
     {
-        ScopedLock lock(g_queue_mutex);
+        QueueLock lock;
         added = add(delivery, count);
     }
     log_added(client, msg_id, qos, static_cast<uint32_t>(payload.size()), added, count);
@@ -247,7 +247,7 @@ Acknowledged qos::acknowledge(mqtt_client_t &client, uint16_t msg_id, uint8_t pa
         LOG_ERROR("[QoS] 处理ACK参数错误：客户端为空");
         return Acknowledged::Unknown;
     }
-    ScopedLock          lock(g_queue_mutex);
+    QueueLock           lock;
     qos_packet_t *const entry = find_entry(&client, msg_id);
     if (!entry) {
         LOG_DEBUG("[QoS] 收到无效ACK报文(msg_id=%d, client=%s, 类型=%d)：未找到对应报文", msg_id, id_of(client).text,
@@ -276,7 +276,7 @@ void qos::set_expiry(mqtt_client_t &client, uint16_t msg_id, uint32_t seconds) n
     if (msg_id == 0)
         return;
     {
-        ScopedLock          lock(g_queue_mutex);
+        QueueLock           lock;
         qos_packet_t *const entry = find_entry(&client, msg_id);
         if (!entry)
             return;
@@ -294,7 +294,7 @@ void qos::drop_deliveries_of(mqtt_client_t &client) noexcept
         LOG_WARN("[QoS_CLEAN] 清理客户端: %s", id.text);
     int removed;
     {
-        ScopedLock lock(g_queue_mutex);
+        QueueLock lock;
         removed = remove_all_of(&client);
     }
     if (is_native)

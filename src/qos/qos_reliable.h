@@ -28,7 +28,7 @@ extern tarn_mutex_t g_queue_mutex; /* valid from load to exit: never initialised
  *
  * qos2_state: 1 awaits PUBREC, 2 has sent PUBREL, 3 has sent PUBCOMP. From 2 on it is not retransmitted any more.
  *
- * payload: freed with the entry. The deliveries that the broker made of one message share a payload of 64 bytes or
+ * payload: freed with the entry. The deliveries that the broker made of one message share a payload of 256 bytes or
  * more, which is freed with the last of them: read it, or put another one from malloc in its place, but do not change or
  * free it. That of qos_reliable_add_packet is the entry's own.
  */

@@ -126,7 +126,7 @@ void log_walk(const ScanResult &result)
 // One step of a walk, begun with `begins`. True when there is more.
 bool take_step(bool begins, uint64_t now_ms, ScanResult &result) EXCLUDES(g_queue_mutex)
 {
-    ScopedLock lock(g_queue_mutex);
+    QueueLock lock;
     if (begins) {
         begin_walk(now_ms);
         g_walk = &g_pending_queue;
@@ -145,7 +145,7 @@ void walk_in_steps(uint64_t now_ms)
         more = take_step(false, now_ms, result);
     }
     log_walk(result);
-    ScopedLock lock(g_queue_mutex);
+    QueueLock lock;
     g_walk      = nullptr;
     g_turn_runs = false;
 }
@@ -153,7 +153,7 @@ void walk_in_steps(uint64_t now_ms)
 // True for one thread at a time, and when an entry may be due.
 bool may_take_turn(uint64_t now_ms)
 {
-    ScopedLock lock(g_queue_mutex);
+    QueueLock  lock;
     const bool nothing_due = now_ms < g_next_due_ms && elapsed(now_ms, g_last_walk_ms) < kFullWalkPeriod_ms;
     if (g_turn_runs || !g_pending_queue || nothing_due)
         return false;
@@ -268,7 +268,7 @@ void scan(uint64_t now_ms)
 {
     ScanResult result;
     {
-        ScopedLock lock(g_queue_mutex);
+        QueueLock lock;
         begin_walk(now_ms);
         qos_packet_t **link = &g_pending_queue;
         walk_on(link, now_ms, INT_MAX, result);
@@ -321,7 +321,7 @@ void destroy() noexcept
     stop_scan_threads();
     int removed;
     {
-        ScopedLock lock(g_queue_mutex);
+        QueueLock lock;
         removed = remove_all();
     }
     LOG_INFO("[QoS] 可靠投递模块已销毁，共清理%d条未完成报文", removed);

@@ -15,17 +15,35 @@
 
 namespace tarn::sub {
 
-// A set of places in the table, read in table order.
+// A set of places in the table, read in table order. Every message makes one and most have a place or two, so the words
+// in use have a set of their own: the others are neither cleared nor read.
 class EntrySet {
 public:
-    void add(int32_t i) noexcept { words_[i / 64] |= uint64_t{1} << (i % 64); }
-    bool has(int32_t i) const noexcept { return words_[i / 64] >> (i % 64) & 1; }
+    EntrySet() noexcept {} // leaves words_ as it is
+
+    void add(int32_t i) noexcept
+    {
+        const int32_t  w    = i / 64;
+        const uint64_t used = uint64_t{1} << (w % 64);
+        if (!(used_[w / 64] & used)) {
+            used_[w / 64] |= used;
+            words_[w] = 0;
+        }
+        words_[w] |= uint64_t{1} << (i % 64);
+    }
+    bool has(int32_t i) const noexcept
+    {
+        const int32_t w = i / 64;
+        return (used_[w / 64] >> (w % 64) & 1) && (words_[w] >> (i % 64) & 1);
+    }
 
     int32_t count() const noexcept
     {
         int32_t count = 0;
-        for (const uint64_t word : words_)
-            count += std::popcount(word);
+        for_each_word([&](int32_t w) {
+            count += std::popcount(words_[w]);
+            return true;
+        });
         return count;
     }
     // The lowest place, or -1.
@@ -41,16 +59,29 @@ public:
     // Calls `visit` for each place until it returns false.
     template <class Visit> void for_each(Visit visit) const noexcept
     {
-        for (int32_t w = 0; w < kWords; ++w)
+        for_each_word([&](int32_t w) {
             for (uint64_t rest = words_[w]; rest; rest &= rest - 1)
                 if (!visit(w * 64 + std::countr_zero(rest)))
-                    return;
+                    return false;
+            return true;
+        });
     }
 
 private:
     static constexpr int32_t kWords = (SUB_CAPACITY + 63) / 64;
+    static constexpr int32_t kUsed  = (kWords + 63) / 64;
 
-    uint64_t words_[kWords] = {};
+    // Calls `visit` for each word in use until it returns false.
+    template <class Visit> void for_each_word(Visit visit) const noexcept
+    {
+        for (int32_t u = 0; u < kUsed; ++u)
+            for (uint64_t rest = used_[u]; rest; rest &= rest - 1)
+                if (!visit(u * 64 + std::countr_zero(rest)))
+                    return;
+    }
+
+    uint64_t used_[kUsed] = {};
+    uint64_t words_[kWords];
 };
 
 // When stamps are compared. Sure: always, which takes some 6 ns an entry. Usual: always in a table of up to

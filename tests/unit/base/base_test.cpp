@@ -27,6 +27,26 @@ TEST(clock, shows_the_same_times_to_everybody)
     EXPECT_EQ(wall_ms(), 1800000001999u);
 }
 
+TEST(clock, is_read_once_a_packet)
+{
+    ManualClock clock;
+    EXPECT_EQ(packet_ms(), 1000000u);
+    {
+        PacketTime time;
+        clock.advance_ms(1);
+        EXPECT_EQ(packet_ms(), 1000001u); // none has begun
+        EXPECT_EQ(time.read(), 1000001000u);
+        clock.advance_ms(5);
+        EXPECT_EQ(packet_ms(), 1000001u);
+        {
+            const PacketTime inner; // a host's callback may serve packets of its own
+            EXPECT_EQ(packet_ms(), 1000006u);
+        }
+        EXPECT_EQ(packet_ms(), 1000001u);
+    }
+    EXPECT_EQ(packet_ms(), 1000006u);
+}
+
 TEST(clock, pauses_for_milliseconds)
 {
     const uint64_t start = mono_ms();

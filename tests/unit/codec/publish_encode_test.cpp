@@ -338,7 +338,7 @@ TEST(publish_encode, traces_no_identifier_and_no_properties_where_there_are_none
 static int encode_publish_view(uint32_t version, const tarn::codec::PublishView &view, uint8_t *buf, int *len)
 {
     const auto [result, head, length] =
-        tarn::codec::encode_publish_head(version, view, {buf, static_cast<size_t>(*len)});
+        tarn::codec::encode_publish_head(version, view, {buf, static_cast<size_t>(*len)}, static_cast<size_t>(*len));
     if (!failed(result)) {
         *len = static_cast<int>(length);
         EXPECT_EQ(length - head.size(), view.payload.size());

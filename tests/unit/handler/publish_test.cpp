@@ -53,10 +53,10 @@ TEST(publish, pending_deliveries_of_one_message_share_its_payload)
     sub_add("r", "t", 1, 1);
     sub_add("q", "t", 2, 1);
     LogCapture log(AGENT_LOG_FATAL);
-    EXPECT_EQ(sender.sends(publish("t", 2, 7, std::string(100, 'x'))), 0);
+    EXPECT_EQ(sender.sends(publish("t", 2, 7, std::string(300, kNoProperties))), 0);
     ASSERT_EQ(pending_count(), 2);
     EXPECT_EQ(g_pending_queue->payload, g_pending_queue->next->payload);
-    EXPECT_EQ(sender.sends(publish("t", 2, 8, std::string(100, 'x'))), 0);
+    EXPECT_EQ(sender.sends(publish("t", 2, 8, std::string(300, kNoProperties))), 0);
     ASSERT_EQ(pending_count(), 4);
     EXPECT_NE(g_pending_queue->payload, g_pending_queue->next->next->payload);
 }

@@ -1,3 +1,4 @@
+#include "qos/qos.hpp"
 #include "qos_fixture.h"
 #include "support/log_lines/qos.h"
 
@@ -113,6 +114,31 @@ TEST(add, names_the_allocation_that_failed)
     EXPECT_EQ(add(client, 2), 0);
     EXPECT_EQ(qos_reliable_handle_ack(client, 1, 4), 0);
     EXPECT_EQ(pending_count(), 1);
+}
+
+TEST(add, takes_the_entry_of_a_delivery_that_has_ended)
+{
+#if defined(TARN_SANITIZED)
+    GTEST_SKIP() << "each entry is one of its own, so that the use of one that is free is seen";
+#endif
+    RingClient client;
+    add(client, 1);
+    add(client, 2);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 1, 4), 0);
+    {
+        Fail fail(Call::Allocate, 2); // the payload is the first
+        EXPECT_EQ(add(client, 3, 1, "t", "hello"), 0);
+        EXPECT_EQ(fail.failed(), 0);
+    }
+    EXPECT_EQ(g_pending_queue->msg_id, 3);
+    EXPECT_STREQ(g_pending_queue->topic, "t");
+    EXPECT_EQ(g_pending_queue->retry_count, 0u);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 2, 4), 0);
+    (void)tarn::qos::bytes_left_over(); // housekeeping gives back what is not in use
+    LogCapture log;
+    Fail       fail(Call::Allocate, 1);
+    EXPECT_EQ(add(client, 4), -1);
+    EXPECT_THAT(log.take(), ElementsAre(error("[QoS] 添加报文失败：分配报文节点内存失败")));
 }
 
 TEST(clean, drops_the_entries_of_one_client)

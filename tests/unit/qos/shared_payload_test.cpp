@@ -11,13 +11,14 @@ using namespace tarn::test;
 
 namespace {
 
-constexpr size_t kMessages  = 4000;
-constexpr int    kReceivers = 2; // of each
+constexpr size_t kMessages     = 4000;
+constexpr size_t kPayloadBytes = 300;
+constexpr int    kReceivers    = 2; // of each
 
 std::string payload_of(size_t message)
 {
     std::string payload = std::to_string(message);
-    payload.resize(100, '.');
+    payload.resize(kPayloadBytes, '.');
     return payload;
 }
 
@@ -51,12 +52,12 @@ TEST(shared_payload, of_many_each_goes_with_its_last_delivery)
     ScopedLock       lock(g_queue_mutex);
     std::vector<int> users(kMessages, kReceivers);
     size_t           shared = kMessages;
-    EXPECT_EQ(qos::bytes_taken(), shared * 100);
+    EXPECT_EQ(qos::bytes_taken(), shared * kPayloadBytes);
     for (const size_t at : order) {
         const size_t message = at / kReceivers;
         ASSERT_EQ(payload_in(entries[at]), payload_of(message));
         qos::free_payload(entries[at]);
         shared -= --users[message] == 0;
-        ASSERT_EQ(qos::bytes_taken(), shared * 100);
+        ASSERT_EQ(qos::bytes_taken(), shared * kPayloadBytes);
     }
 }
