@@ -29,7 +29,7 @@ Result decode_connect(mqtt_codec_ctx_t &ctx, Bytes packet, mqtt_connect_para_t &
 Result decode_publish(mqtt_codec_ctx_t &ctx, Bytes packet, mqtt_publish_para_t &para) noexcept
 {
     int length = size_of(packet);
-    return Result{decode_publish(&ctx, packet.data(), &length, &para)};
+    return Result{decode_publish(&ctx, packet.data(), &length, &para, false)};
 }
 
 Result decode_ack(mqtt_codec_ctx_t &ctx, int type, Bytes packet, mqtt_ack_para_t &para) noexcept

@@ -51,7 +51,7 @@ int mqtt_codec_encode_publish(mqtt_codec_ctx_t *ctx, const mqtt_publish_para_t *
 
 int mqtt_codec_decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_publish_para_t *para)
 {
-    return codec::decode_publish(ctx, buf, buf_len, para);
+    return codec::decode_publish(ctx, buf, buf_len, para, true);
 }
 
 int mqtt_codec_encode_ack(mqtt_codec_ctx_t *ctx, int type, const mqtt_ack_para_t *para, uint8_t *buf, int *buf_len)

@@ -220,10 +220,20 @@ int read_payload(Reader &in, int packet_end, mqtt_publish_para_t &para)
     return CODEC_OK;
 }
 
+void clear(mqtt_publish_para_t &para, bool payload_too)
+{
+    constexpr size_t kPayloadEnd = offsetof(mqtt_publish_para_t, payload) + sizeof para.payload;
+    if (payload_too)
+        memset(para.payload, 0, sizeof para.payload);
+    memset(para.topic, 0, sizeof para.topic);
+    memset(reinterpret_cast<char *>(&para) + kPayloadEnd, 0, sizeof para - kPayloadEnd);
+}
+
 } // namespace
 
 // PUBLISH:  3d:u8  remaining:varint  topic:text  [packet-id:u16, QoS 1 and 2]  [properties, 5.0]  payload
-int codec::decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_publish_para_t *para) noexcept
+int codec::decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_publish_para_t *para,
+                          bool clears_payload) noexcept
 {
     log_input(ctx, buf, buf_len, para);
     if (!buf || !para || !ctx || length_of(buf_len) < 2) {
@@ -231,7 +241,7 @@ int codec::decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_le
                   addr(buf_len), length_of(buf_len), addr(para));
         return ended(CODEC_E_PARAM, "INVALID PARAM");
     }
-    memset(para, 0, sizeof *para);
+    clear(*para, clears_payload);
 
     const int         input  = *buf_len;
     const FixedHeader header = read_fixed_header(buf, input);
