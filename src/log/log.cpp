@@ -6,6 +6,7 @@
 #include "log_internal.h"
 
 #include <cstdio>
+#include <cstring>
 
 constinit const char *g_log_level_str[AGENT_LOG_LEVELS] = {"DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
 
@@ -27,9 +28,14 @@ void print_line(uint32_t level, const char *message) noexcept
     char stamp[kStampSize];
     char line[kStampSize + kMessageSize + 16]; // and the level with its brackets
     write_local_time(stamp, sizeof stamp);
-    const int length = snprintf(line, sizeof line, "[%s] [%s] %s\n", stamp, name_of(level), message);
+    size_t length = 0;
+    for (const char *const part : {"[", static_cast<const char *>(stamp), "] [", name_of(level), "] ", message, "\n"}) {
+        const size_t chars = strnlen(part, sizeof line - length);
+        memcpy(line + length, part, chars);
+        length += chars;
+    }
     flockfile(stdout);
-    (void)fwrite_unlocked(line, 1, static_cast<size_t>(length), stdout);
+    (void)fwrite_unlocked(line, 1, length, stdout);
     funlockfile(stdout);
 }
 

@@ -37,6 +37,26 @@ TEST(platform_get_localtime_str, is_local)
     EXPECT_STREQ(text, "2027-01-15 16:00:00.000");
 }
 
+TEST(platform_get_localtime_str, follows_each_second_and_a_change_of_the_zone)
+{
+    use_utc();
+    ManualClock clock;
+    char        text[64];
+    clock.advance_wall_ms(59'999);
+    platform_get_localtime_str(text, sizeof text);
+    EXPECT_STREQ(text, "2027-01-15 08:00:59.999");
+    clock.advance_wall_ms(1);
+    platform_get_localtime_str(text, sizeof text);
+    EXPECT_STREQ(text, "2027-01-15 08:01:00.000");
+    setenv("TZ", "XXX-8", 1);
+    tzset();
+    platform_get_localtime_str(text, sizeof text);
+    EXPECT_STREQ(text, "2027-01-15 16:01:00.000");
+    clock.advance_wall_ms(-60'000);
+    platform_get_localtime_str(text, sizeof text);
+    EXPECT_STREQ(text, "2027-01-15 16:00:00.000");
+}
+
 TEST(platform_get_localtime_str, leaves_the_last_byte_of_the_buffer_unused)
 {
     use_utc();
