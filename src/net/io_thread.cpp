@@ -7,6 +7,7 @@
 #include "framing.h"
 #include "lane.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <sys/socket.h>
 #include <utility>
@@ -19,6 +20,13 @@ namespace {
 constexpr int      kReadsPerTurn   = 32;
 constexpr ssize_t  kBytesPerTurn   = 64 * 1024;
 constexpr uint64_t kTimePerTurn_us = 2000;
+
+// What a round brought leaves at its end, and what it brought one client leaves in one write. Where sending takes longer
+// than handling, as with a message for a thousand clients, a round of short turns would send each message alone: so
+// turns are not ended until the round has taken as long as the sending of the round before.
+constexpr uint64_t              kLongestHandling_us = 10'000;
+constinit Shared<uint64_t>      g_sending_us        = 0; // of the round before, kLongestHandling_us at most
+constinit thread_local uint64_t t_round_began_us    = 0;
 
 constexpr uint32_t kFailurePause_ms = 100;
 
@@ -105,7 +113,8 @@ Left serve_whole_packets(const SlotPin &pin, const EventSink &sink, uint32_t sta
         if (!layer_runs(start) || !serves_here(pin, {received_bytes(pin), length}, start) ||
             !hand_up_first(pin, sink, start))
             return Left::NotOurs;
-        if (elapsed(time.read(), began_us) >= kTimePerTurn_us)
+        const uint64_t now_us = time.read();
+        if (elapsed(now_us, began_us) >= kTimePerTurn_us && elapsed(now_us, t_round_began_us) >= g_sending_us)
             return Left::More;
     }
     return Left::Nothing;
@@ -202,18 +211,31 @@ void serve_listed(SlotQueue listed, const EventSink &sink, uint32_t start, Ends 
     }
 }
 
+void begin_round()
+{
+    t_round_began_us = mono_us();
+    call_round_begin();
+}
+
+void end_round()
+{
+    const uint64_t began_us = mono_us();
+    call_round_end();
+    g_sending_us = std::min(elapsed(mono_us(), began_us), kLongestHandling_us);
+}
+
 void handle_events(int count, uint32_t start)
 {
     const EventSink sink   = event_sink();
     const SlotQueue listed = take_listed();
     Ends            ends;
-    call_round_begin();
+    begin_round();
     for (int i = 0; i < count && layer_runs(start); ++i)
         handle_event(g_epoll_events[i], sink, start, ends);
     serve_listed(listed, sink, start, ends); // one turn a round for each: what the events list is for the next round
     if (layer_runs(start))
         receive_datagram(sink);
-    call_round_end();
+    end_round();
     hand_over_to_lanes(start);
 }
 
