@@ -156,6 +156,38 @@ TEST(turn, ends_after_a_packet)
     EXPECT_LT(slow_before_other, 5) << "one or two a round";
 }
 
+TEST(turn, goes_on_while_the_round_takes_less_than_the_sending_before_it_took)
+{
+    constexpr int           kPackets = 20;
+    static std::atomic<int> packets{0}, rounds{0}; // rounds: in which packets were handled
+    packets = rounds = 0;
+    Layer      layer([](const Recorder::Event &event) {
+        if (event.event != NETIP_EVENT_DATA)
+            return true;
+        std::this_thread::sleep_for(2100us);
+        ++packets;
+        return true;
+    });
+    static int before = 0;
+    net::set_round_hooks({[] { before = packets; },
+                          [] {
+                              if (packets > before) {
+                                  ++rounds;
+                                  std::this_thread::sleep_for(100ms); // 10 ms of them count
+                              }
+                          }});
+    Peer peer;
+    layer.events.wait_for(1);
+    Bytes all;
+    for (int i = 0; i < kPackets; ++i)
+        all = all + wire("C0 00");
+    peer.send(all);
+    EXPECT_TRUE(eventually([&] { return packets == kPackets; }));
+    net::set_round_hooks({});
+    EXPECT_LT(rounds, kPackets - 3);
+    EXPECT_GT(rounds, 1);
+}
+
 TEST(turn, of_packets_left_comes_without_an_event)
 {
     Layer layer([&](const Recorder::Event &event) {
