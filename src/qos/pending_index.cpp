@@ -2,6 +2,7 @@
 #include "../base/memory.h"
 #include "qos_internal.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -49,12 +50,42 @@ struct Tracked {
     const mqtt_client_t *client;
 };
 
+// All entries of a short list, oldest first. They are compared with it at each use of the index: along this array the
+// processor need not wait for one entry to know where the next one lies.
+struct ShortList {
+    int      count                          = 0;
+    bool     known                          = true; // false: the list was longer, or the index does not know all of it
+    Tracked *entries[kAlwaysCheckedEntries] = {};
+
+    void push(Tracked *entry)
+    {
+        known = known && count < kAlwaysCheckedEntries;
+        if (known)
+            entries[count++] = entry;
+    }
+    void remove(const Tracked *entry)
+    {
+        Tracked **const end = entries + count;
+        Tracked **const at  = std::find(entries, end, entry);
+        if (!known || at == end)
+            return;
+        std::copy(at + 1, end, at);
+        --count;
+    }
+    void clear()
+    {
+        count = 0;
+        known = true;
+    }
+};
+
 struct Index {
-    bool          complete                  = true;    // it knows every entry of the list
-    bool          held                      = false;   // by a QueueLock
-    bool          compared                  = false;   // with the list, since then
-    int           size                      = 0;       // entries it knows
-    qos_packet_t *head                      = nullptr; // g_pending_queue as the index left it
+    bool          complete = true;    // it knows every entry of the list
+    bool          held     = false;   // by a QueueLock
+    bool          compared = false;   // with the list, since then
+    int           size     = 0;       // entries it knows
+    qos_packet_t *head     = nullptr; // g_pending_queue as the index left it
+    ShortList     all;
     Tracked      *by_id[kIdBuckets]         = {};
     Tally        *by_client[kClientBuckets] = {};
 };
@@ -93,8 +124,9 @@ void drop_index() REQUIRES(g_queue_mutex)
             bucket = tally->next;
             free(tally);
         }
-    g_index.size     = 0;
-    g_index.complete = false;
+    g_index.size      = 0;
+    g_index.complete  = false;
+    g_index.all.known = false;
 }
 
 Tracked *tracked(qos_packet_t *entry)
@@ -112,6 +144,19 @@ bool is_untouched(const Tracked &entry) REQUIRES(g_queue_mutex)
            entry.packet.client == entry.client;
 }
 
+// After the list was longer. Stops at what the index does not know, which the comparison finds then.
+void list_all() REQUIRES(g_queue_mutex)
+{
+    ShortList &all = g_index.all;
+    all.clear();
+    for (Tracked *entry = tracked(g_pending_queue); entry && all.known; entry = entry->older) {
+        all.push(entry);
+        if (!is_untouched(*entry))
+            break;
+    }
+    std::reverse(all.entries, all.entries + all.count);
+}
+
 // Whether the list is as a complete index left it. Of a long one only the head is looked at. Each step leads to an
 // entry that the index knows, because the entry before it was found unchanged.
 bool is_list_untouched() REQUIRES(g_queue_mutex)
@@ -120,10 +165,14 @@ bool is_list_untouched() REQUIRES(g_queue_mutex)
         return false;
     if (g_index.size > kAlwaysCheckedEntries)
         return true;
-    const Tracked *entry = tracked(g_pending_queue);
-    while (entry && is_untouched(*entry))
-        entry = entry->older;
-    return !entry;
+    if (!g_index.all.known)
+        list_all();
+    const ShortList &all  = g_index.all;
+    qos_packet_t    *next = g_pending_queue;
+    for (int i = all.count - 1; i >= 0; next = all.entries[i]->packet.next, --i)
+        if (next != entry_of(all.entries[i]) || !is_untouched(*all.entries[i]))
+            return false;
+    return !next;
 }
 
 // To be asked before the index is believed.
@@ -135,8 +184,10 @@ bool is_complete() REQUIRES(g_queue_mutex)
         g_index.head     = g_pending_queue;
         g_index.compared = g_index.held;
     }
-    if (!g_pending_queue)
+    if (!g_pending_queue) {
         g_index.complete = true;
+        g_index.all.clear();
+    }
     return g_index.complete;
 }
 
@@ -181,6 +232,7 @@ bool add_to_index(Tracked *entry) REQUIRES(g_queue_mutex)
     entry->msg_id = entry->packet.msg_id;
     link_to_client(*entry);
     ++g_index.size;
+    g_index.all.push(entry);
     Tracked *&bucket = g_index.by_id[id_bucket(entry->client, entry->msg_id)];
     entry->chain     = bucket;
     bucket           = entry;
@@ -203,6 +255,7 @@ bool remove_from_index(qos_packet_t *packet) REQUIRES(g_queue_mutex)
     if (entry->older)
         entry->older->newer = entry->newer;
     --g_index.size;
+    g_index.all.remove(entry);
     unlink_from_client(*entry);
     return true;
 }

@@ -291,6 +291,25 @@ TEST(list, an_entry_put_into_a_long_list_is_dropped_by_the_scan)
     }
 }
 
+TEST(list, an_edit_by_hand_is_found_once_a_long_list_is_short_again)
+{
+    RingClient client;
+    for (const int acknowledged : {3, 40}) { // to fewer than are looked at each time, and far below
+        add_many(client, 66);
+        for (uint16_t id = 1; id <= acknowledged; ++id)
+            EXPECT_EQ(qos_reliable_handle_ack(client, id, 4), 0);
+        qos_packet_t *entry = g_pending_queue;
+        while (entry->msg_id != 50)
+            entry = entry->next;
+        entry->msg_id = 900;
+        EXPECT_EQ(qos_reliable_handle_ack(client, 50, 4), -1);
+        EXPECT_EQ(qos_reliable_handle_ack(client, 900, 4), 0);
+        EXPECT_EQ(pending_count(), 65 - acknowledged);
+        qos_reliable_clean_client_packets(client);
+        EXPECT_EQ(g_pending_queue, nullptr);
+    }
+}
+
 TEST(list, an_entry_taken_out_by_hand_is_gone)
 {
     RingClient client;
