@@ -138,10 +138,14 @@ qos_packet_t *entry_of(Tracked *entry)
     return reinterpret_cast<qos_packet_t *>(entry);
 }
 
+bool has_its_key(const Tracked &entry) REQUIRES(g_queue_mutex)
+{
+    return entry.packet.msg_id == entry.msg_id && entry.packet.client == entry.client;
+}
+
 bool is_untouched(const Tracked &entry) REQUIRES(g_queue_mutex)
 {
-    return entry.packet.next == entry_of(entry.older) && entry.packet.msg_id == entry.msg_id &&
-           entry.packet.client == entry.client;
+    return entry.packet.next == entry_of(entry.older) && has_its_key(entry);
 }
 
 // After the list was longer. Stops at what the index does not know, which the comparison finds then.
@@ -170,7 +174,7 @@ bool is_list_untouched() REQUIRES(g_queue_mutex)
     const ShortList &all  = g_index.all;
     qos_packet_t    *next = g_pending_queue;
     for (int i = all.count - 1; i >= 0; next = all.entries[i]->packet.next, --i)
-        if (next != entry_of(all.entries[i]) || !is_untouched(*all.entries[i]))
+        if (next != entry_of(all.entries[i]) || !has_its_key(*all.entries[i]))
             return false;
     return !next;
 }
