@@ -13,7 +13,6 @@
 #include <cstring>
 #include <deque>
 #include <random>
-#include <sys/resource.h>
 
 using namespace tarn::beside;
 using tarn::test::Bytes;
@@ -298,11 +297,7 @@ int main(int argc, char **argv)
         fprintf(stderr, "usage: soak [--minutes N] [--clients N] [--rate MESSAGES_A_SECOND] TARN_BROKER\n");
         return 2;
     }
-    rlimit files{};
-    if (getrlimit(RLIMIT_NOFILE, &files) == 0) {
-        files.rlim_cur = files.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &files);
-    }
+    raise_file_limit();
     printf("| minute | published | arrived | came twice | lost | left and came back | memory, MB |\n"
            "|---|---|---|---|---|---|---|\n");
     return Soak(settings).run() ? 0 : 1;

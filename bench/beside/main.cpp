@@ -249,14 +249,6 @@ bool read_arguments(int argc, char **argv, Settings &settings)
     return settings.list || !settings.broker.empty();
 }
 
-void raise_file_limit()
-{
-    rlimit files{};
-    getrlimit(RLIMIT_NOFILE, &files);
-    files.rlim_cur = files.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &files);
-}
-
 } // namespace
 } // namespace tarn::beside
 

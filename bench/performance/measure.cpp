@@ -1,0 +1,152 @@
+#include "measure.h"
+
+#include "arrivals.h"
+#include "idle.h"
+#include "process.h"
+
+#include <algorithm>
+#include <ctime>
+#include <numeric>
+#include <unistd.h>
+
+namespace tarn::performance {
+namespace {
+
+constexpr double   kWarmUp_s = 0.4, kRun_s = 1.25;
+constexpr unsigned kArrivalsAtOnce = 32;
+
+double own_processor_s() // of this thread
+{
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+// What was used since it was made.
+class Meter {
+public:
+    explicit Meter(pid_t broker) : broker_(broker), broker_s_(processor_s(broker)), own_s_(own_processor_s()) {}
+
+    double elapsed_s() const { return static_cast<double>(now_ns() - start_ns_) / 1e9; }
+    double broker_s() const { return processor_s(broker_) - broker_s_; }
+    double own_s() const { return own_processor_s() - own_s_; }
+
+private:
+    const pid_t    broker_;
+    const uint64_t start_ns_ = now_ns();
+    const double   broker_s_, own_s_;
+};
+
+void put_loop(Stage &stage, Load &load, pid_t broker)
+{
+    load.run_for(stage.seconds(kWarmUp_s));
+    const Counts before = load.counts();
+    const Meter  meter(broker);
+    load.run_for(stage.seconds(kRun_s));
+    const double elapsed_s = meter.elapsed_s(), broker_s = meter.broker_s(), own_s = meter.own_s();
+    const Counts done      = load.counts() - before;
+    if (load.has_failed())
+        return stage.fail("a connection ended");
+    if (done.published == 0 || done.deliveries == 0)
+        return stage.fail("nothing arrived");
+    stage.put("rate", static_cast<double>(done.deliveries) / elapsed_s);
+    stage.put("processor_us", broker_s / static_cast<double>(done.published) * 1e6);
+    stage.put("client_share", own_s / elapsed_s);
+    stage.put("lost", static_cast<double>(done.lost));
+}
+
+uint32_t percentile_of(std::vector<uint32_t> &values, double part)
+{
+    const auto at = values.begin() + static_cast<long>(static_cast<double>(values.size() - 1) * part);
+    std::nth_element(values.begin(), at, values.end());
+    return *at;
+}
+
+} // namespace
+
+void measure_closed_loop(Stage &stage, const LoadOptions &options)
+{
+    const auto broker = stage.start();
+    Load       load(options);
+    if (!broker || !load.set_up())
+        return stage.fail("a client could not connect or subscribe");
+    put_loop(stage, load, broker->pid());
+}
+
+void measure_beside_pending(Stage &stage, const LoadOptions &options, unsigned clients)
+{
+    const auto broker = stage.start();
+    Load       load(options);
+    Load       pending(pending_of(clients));
+    if (!broker || !load.set_up() || !make_pending(pending))
+        return stage.fail("a client could not connect or subscribe");
+    load.aside = [&] { pending.turn(0); };
+    stage.put("pending", static_cast<double>(pending.counts().deliveries));
+    put_loop(stage, load, broker->pid());
+}
+
+void measure_latency(Stage &stage, LoadOptions options, double seconds)
+{
+    const auto broker = stage.start();
+    options.latencies = true;
+    Load load(options);
+    if (!broker || !load.set_up())
+        return stage.fail("a client could not connect or subscribe");
+    load.run_for(stage.seconds(kWarmUp_s));
+    load.latencies_ns().clear();
+    const Counts before = load.counts();
+    load.run_for(stage.seconds(seconds));
+    std::vector<uint32_t> &latencies = load.latencies_ns();
+    if (load.has_failed() || latencies.empty())
+        return stage.fail("a connection ended");
+    stage.put("p50_us", percentile_of(latencies, 0.5) / 1e3);
+    stage.put("p99_us", percentile_of(latencies, 0.99) / 1e3);
+    stage.put("p999_us", percentile_of(latencies, 0.999) / 1e3);
+    stage.put("lost", static_cast<double>((load.counts() - before).lost));
+}
+
+void measure_arrivals(Stage &stage)
+{
+    const auto broker = stage.start();
+    if (!broker)
+        return stage.fail("it does not start");
+    Arrivals arrivals(4, kArrivalsAtOnce);
+    arrivals.run_for(stage.seconds(kWarmUp_s));
+    const uint64_t before = arrivals.served();
+    const Meter    meter(broker->pid());
+    arrivals.run_for(stage.seconds(kRun_s));
+    const double elapsed_s = meter.elapsed_s(), broker_s = meter.broker_s(), own_s = meter.own_s();
+    const double served    = static_cast<double>(arrivals.served() - before);
+    if (served == 0)
+        return stage.fail("nobody was let in");
+    stage.put("rate", served / elapsed_s);
+    stage.put("processor_us", broker_s / served * 1e6);
+    stage.put("client_share", own_s / elapsed_s);
+    stage.put("unanswered", static_cast<double>(arrivals.unanswered()));
+}
+
+void measure_idle_clients(Stage &stage, unsigned clients)
+{
+    const auto broker = stage.start(kManyClients);
+    if (!broker)
+        return stage.fail("it does not start");
+    const auto bytes_each = [&, before = private_bytes(broker->pid())] {
+        usleep(200000);
+        return (private_bytes(broker->pid()) - before) / clients;
+    };
+    IdleClients idle;
+    if (!idle.connect(clients))
+        return stage.fail("not all clients could connect");
+    stage.put("connected", bytes_each());
+    if (!idle.ping())
+        return stage.fail("a ping was not answered");
+    stage.put("pinged", bytes_each());
+    for (unsigned i = 0; i < 10; ++i)
+        if (!idle.ping())
+            return stage.fail("a ping was not answered");
+    stage.put("pinged_often", bytes_each());
+    sleep(static_cast<unsigned>(stage.seconds(15)));
+    stage.put("stayed", bytes_each());
+}
+
+} // namespace tarn::performance
