@@ -282,7 +282,7 @@ bool read_arguments(int argc, char **argv, Settings &settings)
             settings.rate = atof(argv[++i]);
         else if (word[0] != '-' && settings.broker.empty())
             settings.broker = word;
-        else if (word != "--alone") // what beside.sh may add
+        else if (word != "--alone") // what apart.sh may add
             return false;
     }
     return !settings.broker.empty() && settings.minutes > 0 && settings.clients >= 2 && settings.rate > 0;

@@ -16,9 +16,9 @@ namespace tarn::beside {
 inline constexpr char kUser[] = "honest", kPassword[] = "secret";
 
 struct BrokerOptions {
-    std::string              tarn_broker; // the program; empty: mosquitto
-    std::vector<std::string> more;        // options for tarn-broker
-    std::string              settings = {}; // further lines for mosquitto
+    std::string              tarn_broker;    // the program; empty: mosquitto
+    std::vector<std::string> more;           // options for tarn-broker
+    std::string              settings  = {}; // further lines for mosquitto
     bool                     passwords = false;
     bool                     log_read  = true; // false: standard output is a pipe that is not read before the end
 };

@@ -55,8 +55,8 @@ void Arrivals::look_after(Link &link)
     bool answered = false;
     if (!link.is_open())
         return; // an event of the connection before
-    const bool alive =
-        link.flush() && link.read(links_.buffer(), [&](Packet packet) { answered |= packet.type() == beside::kConnack; });
+    const bool alive = link.flush() && link.read(links_.buffer(),
+                                                 [&](Packet packet) { answered |= packet.type() == beside::kConnack; });
     if (!alive || answered) {
         link.queue(test::disconnect_packet(level_));
         link.flush();

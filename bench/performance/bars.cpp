@@ -21,7 +21,7 @@ struct Scale {
 
 Scale scale_of(const Bars &bars)
 {
-    double low = INFINITY, high = 0;
+    double     low = INFINITY, high = 0;
     const auto see = [&](std::optional<double> value) {
         if (value && *value > 0)
             low = std::min(low, *value), high = std::max(high, *value);
@@ -71,7 +71,8 @@ std::string legend(const Bars &bars)
         out += text_at(x + 14, 18, "start", bars.series[i]);
         x += 30 + 7 * static_cast<double>(bars.series[i].size());
     }
-    out += format("<line x1=\"%.0f\" x2=\"%.0f\" y1=\"8\" y2=\"20\" stroke=\"#c00000\" stroke-width=\"2\"/>\n", x + 3, x + 3);
+    out += format("<line x1=\"%.0f\" x2=\"%.0f\" y1=\"8\" y2=\"20\" stroke=\"#c00000\" stroke-width=\"2\"/>\n", x + 3,
+                  x + 3);
     return out + text_at(x + 10, 18, "start", "goal");
 }
 

@@ -32,11 +32,11 @@ struct Part { // of a section
 };
 
 struct Case {
-    std::string                   name;
-    std::function<void(Stage &)>  run;
-    std::vector<Part>             parts;
-    bool                          with_relay = true;
-    unsigned                      max_rounds = 99; // where more say nothing
+    std::string                  name;
+    std::function<void(Stage &)> run;
+    std::vector<Part>            parts;
+    bool                         with_relay = true;
+    unsigned                     max_rounds = 99; // where more say nothing
 };
 
 const std::vector<Case> &cases();

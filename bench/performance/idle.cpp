@@ -38,7 +38,8 @@ std::vector<Link *> come(Links &links, unsigned clients, unsigned of_an_address,
     for (Link *&link : all)
         link = &links.add();
     for (unsigned first = 0; first < clients; first += kAtOnce)
-        if (!come(links, std::span(all).subspan(first, std::min(kAtOnce, clients - first)), first, of_an_address, clean))
+        if (!come(links, std::span(all).subspan(first, std::min(kAtOnce, clients - first)), first, of_an_address,
+                  clean))
             return {};
     return all;
 }
@@ -53,7 +54,12 @@ bool IdleClients::connect(unsigned clients)
 
 bool IdleClients::ping()
 {
-    return links_.ask_all(clients_, [](size_t) { return Bytes{0xC0, 0}; }, beside::kPingresp);
+    return links_.ask_all(
+        clients_,
+        [](size_t) {
+            return Bytes{0xC0, 0};
+        },
+        beside::kPingresp);
 }
 
 LoadOptions pending_of(unsigned clients)
@@ -101,9 +107,7 @@ bool leave_sessions(unsigned clients)
 {
     Links                     links;
     const std::vector<Link *> all = come(links, clients, 100, false);
-    const auto                packet = [](size_t i) {
-        return test::subscribe_packet(4, 1, "absent/" + std::to_string(i), 1);
-    };
+    const auto packet = [](size_t i) { return test::subscribe_packet(4, 1, "absent/" + std::to_string(i), 1); };
     if (all.empty() || !links.ask_all(all, packet, beside::kSuback))
         return false;
     for (Link *const link : all) {

@@ -10,16 +10,15 @@
 namespace tarn::performance {
 namespace {
 
-constexpr size_t kReadBytes    = 256 * 1024; // by one call
-constexpr size_t kAskedAtOnce  = 64;
+constexpr size_t kReadBytes     = 256 * 1024; // by one call
+constexpr size_t kAskedAtOnce   = 64;
 constexpr double kAnswerComes_s = 10;
 
 } // namespace
 
 uint64_t now_ns()
 {
-    return static_cast<uint64_t>(
-        std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count());
+    return static_cast<uint64_t>(std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count());
 }
 
 bool Link::open(const std::string &from)
@@ -84,7 +83,7 @@ bool Links::ask_all(std::span<Link *const> links, const std::function<Bytes(size
                     double limit_s)
 {
     size_t         asked = 0, answered = 0;
-    bool           alive = true;
+    bool           alive  = true;
     const uint64_t end_ns = now_ns() + static_cast<uint64_t>(limit_s * 1e9);
     while (answered < links.size()) {
         for (; asked < links.size() && asked - answered < kAskedAtOnce; ++asked) {
@@ -103,7 +102,8 @@ bool Links::ask_all(std::span<Link *const> links, const std::function<Bytes(size
 bool Links::ask(Link &link, const Bytes &request, unsigned answer)
 {
     Link *const one = &link;
-    return ask_all({&one, 1}, [&](size_t) { return request; }, answer, kAnswerComes_s);
+    return ask_all(
+        {&one, 1}, [&](size_t) { return request; }, answer, kAnswerComes_s);
 }
 
 } // namespace tarn::performance

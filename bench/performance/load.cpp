@@ -191,10 +191,10 @@ void Load::send(Flow &flow)
                          .sent_ns = options_.rate > 0 ? due_ns(flow, flow.sent) : turn_ns_};
     memcpy(stamp_at, &stamp, sizeof stamp);
     if (options_.qos > 0) {
-        const unsigned id     = flow.sent % 65535 + 1;
-        uint8_t *const id_at  = stamp_at - (options_.level == 5 ? 1 : 0) - 2;
-        id_at[0]              = static_cast<uint8_t>(id >> 8);
-        id_at[1]              = static_cast<uint8_t>(id);
+        const unsigned id       = flow.sent % 65535 + 1;
+        uint8_t *const id_at    = stamp_at - (options_.level == 5 ? 1 : 0) - 2;
+        id_at[0]                = static_cast<uint8_t>(id >> 8);
+        id_at[1]                = static_cast<uint8_t>(id);
         flow.unacknowledged[id] = true;
     }
     flow.missing[flow.sent % kRing] = static_cast<uint16_t>(flow.next.size());
@@ -275,7 +275,8 @@ void Load::note_acknowledged(Flow &flow, unsigned id)
 void Load::answer(Link &link, uint8_t first, unsigned id)
 {
     const uint8_t high = static_cast<uint8_t>(id >> 8), low = static_cast<uint8_t>(id);
-    if (options_.level == 5) // with the reason code, since without it this broker would take the client for one of 3.1.1
+    if (options_.level ==
+        5) // with the reason code, since without it this broker would take the client for one of 3.1.1
         link.queue(std::array<uint8_t, 5>{first, 3, high, low, 0});
     else
         link.queue(std::array<uint8_t, 4>{first, 2, high, low});

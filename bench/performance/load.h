@@ -41,20 +41,23 @@ public:
 
     bool                   has_failed() const { return failed_; } // a connection has ended
     const Counts          &counts() const { return counts_; }
-    std::vector<uint32_t> &latencies_ns() { return latencies_ns_; } // from send, or from when the schedule says, to arrival
-    std::function<void()>  aside = [] {};                           // called now and then while it runs
+    std::vector<uint32_t> &latencies_ns()
+    {
+        return latencies_ns_;
+    }                                    // from send, or from when the schedule says, to arrival
+    std::function<void()> aside = [] {}; // called now and then while it runs
 
 private:
     static constexpr uint32_t kRing = 4096; // more than are ever in flight of a publisher
 
     struct Flow { // what one publisher sends
         Link                 *publisher;
-        Bytes                 packet; // the next one, but for its number and time
-        std::vector<uint32_t> next;   // for each subscriber the number that comes next
+        Bytes                 packet;                                 // the next one, but for its number and time
+        std::vector<uint32_t> next;                                   // for each subscriber the number that comes next
         std::vector<uint16_t> missing = std::vector<uint16_t>(kRing); // subscribers that do not have that number yet
         std::vector<bool>     unacknowledged = std::vector<bool>(65536); // by identifier
         uint32_t              sent = 0, arrived = 0, acknowledged = 0;   // arrived: everywhere
-        uint32_t              first = 0; // number of the first one of this schedule
+        uint32_t              first = 0;                                 // number of the first one of this schedule
     };
 
     bool     connect(std::span<Link *const> links);
@@ -81,10 +84,10 @@ private:
     Counts                counts_;
     std::vector<uint32_t> latencies_ns_;
     uint32_t              end_number_ = UINT32_MAX; // those below it are sent
-    uint64_t              start_ns_    = 0;          // of the schedule
-    uint64_t              moved_ns_    = 0;          // when something came last
-    uint64_t              turn_ns_     = 0;          // the time, read once a turn
-    bool                  failed_      = false;
+    uint64_t              start_ns_   = 0;          // of the schedule
+    uint64_t              moved_ns_   = 0;          // when something came last
+    uint64_t              turn_ns_    = 0;          // the time, read once a turn
+    bool                  failed_     = false;
 };
 
 } // namespace tarn::performance

@@ -44,7 +44,7 @@ void put_loop(Stage &stage, Load &load, pid_t broker)
     const Meter  meter(broker);
     load.run_for(stage.seconds(kRun_s));
     const double elapsed_s = meter.elapsed_s(), broker_s = meter.broker_s(), own_s = meter.own_s();
-    const Counts done      = load.counts() - before;
+    const Counts done = load.counts() - before;
     if (load.has_failed())
         return stage.fail("a connection ended");
     if (done.published == 0 || done.deliveries == 0)
@@ -116,7 +116,7 @@ void measure_arrivals(Stage &stage)
     const Meter    meter(broker->pid());
     arrivals.run_for(stage.seconds(kRun_s));
     const double elapsed_s = meter.elapsed_s(), broker_s = meter.broker_s(), own_s = meter.own_s();
-    const double served    = static_cast<double>(arrivals.served() - before);
+    const double served = static_cast<double>(arrivals.served() - before);
     if (served == 0)
         return stage.fail("nobody was let in");
     stage.put("rate", served / elapsed_s);

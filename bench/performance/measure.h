@@ -22,7 +22,8 @@ void measure_idle_clients(Stage &stage, unsigned clients);
 // What stands beside the pairs of measure_share. It is called once, and what it made lasts as long as what it returns,
 // which is called now and then; an empty function is a failure.
 using Neighbour = std::function<std::function<void()>(Stage &)>;
-// qos0, qos1: throughput of a pair beside the neighbour, in percent of that of a pair which is alone.
+// qos0, qos1: throughput of a pair beside the neighbour, in percent of that of a pair which is alone; processor-qos0,
+// processor-qos1: the same of the broker's processor time for each message.
 void measure_share(Stage &stage, const Neighbour &neighbour);
 
 Neighbour other_filters(unsigned count), pending_deliveries(unsigned clients), retained_messages(unsigned count),

@@ -61,9 +61,9 @@ private:
     void flush_all();
     void remove(Client &client);
 
-    int                                                                            listener_, epoll_;
-    std::vector<uint8_t>                                                           buffer_;
-    std::vector<Client *>                                                          to_flush_;
+    int                                                                               listener_, epoll_;
+    std::vector<uint8_t>                                                              buffer_;
+    std::vector<Client *>                                                             to_flush_;
     std::unordered_map<std::string, std::vector<Client *>, TextHash, std::equal_to<>> subscribers_;
 };
 
@@ -79,8 +79,8 @@ Relay::Relay()
     setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     setsockopt(listener_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on); // what it accepts inherits this
     epoll_event event{.events = EPOLLIN, .data = {.ptr = nullptr}};
-    if (bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || listen(listener_, kBacklog) != 0 ||
-        epoll_ctl(epoll_, EPOLL_CTL_ADD, listener_, &event) != 0) {
+    if (bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
+        listen(listener_, kBacklog) != 0 || epoll_ctl(epoll_, EPOLL_CTL_ADD, listener_, &event) != 0) {
         perror("relay");
         exit(1);
     }

@@ -24,11 +24,13 @@ struct Heading {
 constexpr Heading kHeadings[] = {
     {Section::messages, "Messages a second", "messages", "times mosquitto",
      "Deliveries a second in a closed loop: 64 in flight of each publisher, 8 at a fan-in of 10, 1 at one of 100."},
-    {Section::processor, "Processor time", "processor", "us", "What the broker's process used, in user and kernel mode."},
+    {Section::processor, "Processor time", "processor", "us",
+     "What the broker's process used, in user and kernel mode."},
     {Section::connections, "Connections", "connections", "bytes",
      "Clients that connect and leave again, 32 at a time; private memory for each of 10000 clients that stay."},
     {Section::latency, "Latency", "latency", "us",
-     "From send to arrival with one message in flight; from the time that the schedule says, at 5000 messages a second."},
+     "From send to arrival with one message in flight; from the time that the schedule says, at 5000 messages a "
+     "second."},
     {Section::beside, "What stands beside", "beside", "%",
      "Throughput of a pair with 64 in flight beside something else, in percent of that of a pair which is alone."},
 };
@@ -94,7 +96,8 @@ std::string met_text(const Report &report, const Case &one, const Row &row)
     std::string missed;
     bool        known = false;
     for (const Contender &contender : report.contenders)
-        if (const auto met = contender.is_tarn() ? report.results.meets_goal(one.name, contender.name, row) : std::nullopt) {
+        if (const auto met =
+                contender.is_tarn() ? report.results.meets_goal(one.name, contender.name, row) : std::nullopt) {
             known = true;
             if (!*met)
                 missed += (missed.empty() ? "not " : ", ") + contender.name;
@@ -137,8 +140,8 @@ std::string processor_name()
 
 std::string machine()
 {
-    utsname    names{};
-    char       date[32];
+    utsname      names{};
+    char         date[32];
     const time_t now = time(nullptr);
     uname(&names);
     strftime(date, sizeof date, "%Y-%m-%d", gmtime(&now));
@@ -228,7 +231,7 @@ std::string Report::text(const std::string &plots) const
     return out.str();
 }
 
-std::string Report::goals_missed() const
+std::string Report::goals_text() const
 {
     std::string text;
     for (const Heading &heading : kHeadings)
@@ -256,7 +259,7 @@ bool write_report(const Report &report, const std::filesystem::path &file)
     const std::string plots = file.stem();
     std::string       text  = read_file(file);
     const size_t      begin = text.find(kBegin), end = text.find(kEnd);
-    const std::string part  = std::string(kBegin) + "\n\n" + report.text(plots) + "\n" + kEnd;
+    const std::string part = std::string(kBegin) + "\n\n" + report.text(plots) + "\n" + kEnd;
     if (begin == std::string::npos || end == std::string::npos || end < begin)
         text += (text.empty() ? "# Performance\n\n" : "\n") + part + "\n";
     else

@@ -11,14 +11,15 @@
 namespace tarn::performance {
 
 struct Report {
-    std::vector<Contender>   contenders;
+    std::vector<Contender>    contenders;
     std::vector<const Case *> cases;
-    unsigned                 rounds = 0;
-    Results                  results;
-    std::vector<std::string> faults; // what failed, a line each
+    unsigned                  rounds = 0;
+    Results                   results;
+    std::vector<std::string>  faults; // what failed, a line each
 
-    std::string text(const std::string &plots = {}) const; // the tables, with the plots from this folder if one is named
-    std::string goals_missed() const;                      // a line for each goal and contender
+    std::string
+    text(const std::string &plots = {}) const; // the tables, with the plots from this folder if one is named
+    std::string goals_text() const;            // a line for each goal and contender
     void        draw(const std::filesystem::path &folder) const;
 };
 

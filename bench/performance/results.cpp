@@ -10,6 +10,8 @@ std::string key_of(const std::string &name, const std::string &contender, const 
     return name + ' ' + contender + ' ' + metric;
 }
 
+} // namespace
+
 std::optional<Summary> summary_of(std::vector<double> values)
 {
     if (values.empty())
@@ -19,8 +21,6 @@ std::optional<Summary> summary_of(std::vector<double> values)
     return Summary{values.size() % 2 ? values[half] : (values[half - 1] + values[half]) / 2, values.front(),
                    values.back()};
 }
-
-} // namespace
 
 void Results::put(const std::string &name, const std::string &contender, unsigned round, const std::string &metric,
                   double value)

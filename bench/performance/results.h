@@ -15,6 +15,8 @@ struct Summary {
     double median, lowest, highest;
 };
 
+std::optional<Summary> summary_of(std::vector<double> values);
+
 class Results {
 public:
     void put(const std::string &name, const std::string &contender, unsigned round, const std::string &metric,

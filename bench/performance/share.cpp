@@ -1,6 +1,8 @@
 // share.cpp - what is left of a pair's throughput beside something else.
 #include "idle.h"
 #include "measure.h"
+#include "process.h"
+#include "results.h"
 
 #include <algorithm>
 #include <memory>
@@ -8,49 +10,62 @@
 namespace tarn::performance {
 namespace {
 
-constexpr double   kWarmUp_s = 0.3, kSlice_s = 0.15;
-constexpr unsigned kSlices = 10;
+constexpr double   kWarmUp_s = 0.3, kSlice_s = 0.1;
+constexpr unsigned kSlices = 12;
 
 // A broker with a pair at QoS 0 and one at QoS 1, which run in turn.
 struct Scene {
     std::unique_ptr<beside::Broker> broker;
-    std::function<void()>           neighbour = [] {}; // before the loads end, so that they may call it
+    std::function<void()>           neighbour = [] {}; // outlives the loads, which call it
     Load                            loads[2]  = {Load({.name = "pair0", .qos = 0}), Load({.name = "pair1", .qos = 1})};
-    double                          deliveries[2] = {}, seconds[2] = {};
 
-    bool set_up() { return loads[0].set_up() && loads[1].set_up(); }
-    bool has_failed() const { return loads[0].has_failed() || loads[1].has_failed(); }
-
-    void run(unsigned qos, double duration_s)
+    bool start(Stage &stage)
     {
-        Load          &load     = loads[qos];
-        const uint64_t start_ns = now_ns();
-        const Counts   before   = load.counts();
-        load.aside              = neighbour;
-        load.run_for(duration_s);
-        deliveries[qos] += static_cast<double>((load.counts() - before).deliveries);
-        seconds[qos] += static_cast<double>(now_ns() - start_ns) / 1e9;
+        broker = stage.start(kManyClients);
+        return broker && loads[0].set_up() && loads[1].set_up();
     }
-    double rate(unsigned qos) const { return deliveries[qos] / seconds[qos]; }
+    bool has_failed() const { return loads[0].has_failed() || loads[1].has_failed(); }
 };
 
-// Both take turns in short slices, first one first, then the other one: what else the machine does falls on both.
-void run_in_turn(Scene &alone, Scene &beside, double slice_s)
+struct Slice {
+    double rate;         // deliveries a second
+    double processor_us; // of the broker, a delivery
+};
+
+Slice run_slice(Scene &scene, unsigned qos, double duration_s)
 {
-    for (unsigned slice = 0; slice < kSlices; ++slice)
-        for (unsigned qos = 0; qos < 2; ++qos) {
-            Scene *const order[] = {slice % 2 ? &beside : &alone, slice % 2 ? &alone : &beside};
-            for (Scene *const scene : order)
-                scene->run(qos, slice_s);
-        }
+    Load          &load     = scene.loads[qos];
+    const uint64_t start_ns = now_ns();
+    const double   broker_s = processor_s(scene.broker->pid());
+    const Counts   before   = load.counts();
+    load.aside              = scene.neighbour;
+    load.run_for(duration_s);
+    const double deliveries = static_cast<double>((load.counts() - before).deliveries);
+    return {.rate         = deliveries / static_cast<double>(now_ns() - start_ns) * 1e9,
+            .processor_us = (processor_s(scene.broker->pid()) - broker_s) / std::max(deliveries, 1.0) * 1e6};
 }
 
-void warm_up(Scene &scene, double duration_s)
+// Both take turns in short slices, first one first, then the other one, and two slices are compared that follow each
+// other: what else the machine does falls on both.
+void compare(Stage &stage, Scene &alone, Scene &beside, unsigned qos)
 {
-    for (unsigned qos = 0; qos < 2; ++qos) {
-        scene.run(qos, duration_s);
-        scene.deliveries[qos] = scene.seconds[qos] = 0;
+    std::vector<double> shares, costs; // in percent
+    for (unsigned i = 0; i < kSlices; ++i) {
+        Slice        slices[2]; // alone, beside
+        const size_t first = i % 2;
+        for (const size_t which : {first, 1 - first})
+            slices[which] = run_slice(which == 0 ? alone : beside, qos, stage.seconds(kSlice_s));
+        shares.push_back(slices[1].rate / slices[0].rate * 100);
+        costs.push_back(slices[1].processor_us / slices[0].processor_us * 100);
     }
+    stage.put("qos" + std::to_string(qos), summary_of(shares)->median);
+    stage.put("processor-qos" + std::to_string(qos), summary_of(costs)->median);
+}
+
+void warm_up(Stage &stage, Scene &scene)
+{
+    for (unsigned qos = 0; qos < 2; ++qos)
+        run_slice(scene, qos, stage.seconds(kWarmUp_s));
 }
 
 } // namespace
@@ -58,22 +73,19 @@ void warm_up(Scene &scene, double duration_s)
 void measure_share(Stage &stage, const Neighbour &neighbour)
 {
     Scene alone, beside;
-    alone.broker = stage.start(kManyClients);
-    if (!alone.broker || !alone.set_up())
+    if (!alone.start(stage))
         return stage.fail("a client could not connect or subscribe");
-    beside.broker = stage.start(kManyClients);
-    if (!beside.broker || !beside.set_up())
+    if (!beside.start(stage))
         return stage.fail("a second broker in a network of its own could not be had");
     beside.neighbour = neighbour(stage);
     if (!beside.neighbour)
         return stage.fail("what was to stand beside could not be made");
-    warm_up(alone, stage.seconds(kWarmUp_s));
-    warm_up(beside, stage.seconds(kWarmUp_s));
-    run_in_turn(alone, beside, stage.seconds(kSlice_s));
-    if (alone.has_failed() || beside.has_failed())
-        return stage.fail("a connection ended");
+    warm_up(stage, alone);
+    warm_up(stage, beside);
     for (unsigned qos = 0; qos < 2; ++qos)
-        stage.put("qos" + std::to_string(qos), beside.rate(qos) / alone.rate(qos) * 100);
+        compare(stage, alone, beside, qos);
+    if (alone.has_failed() || beside.has_failed())
+        stage.fail("a connection ended");
 }
 
 Neighbour other_filters(unsigned count)

@@ -45,9 +45,8 @@ std::unique_ptr<beside::Broker> Stage::start(const std::vector<std::string> &opt
     std::vector<std::string> words = contender_.options;
     if (contender_.is_tarn())
         words.insert(words.end(), options.begin(), options.end());
-    auto broker =
-        std::make_unique<beside::Broker>(beside::BrokerOptions{.tarn_broker = contender_.program, .more = words,
-                                                               .settings = kQuiet});
+    auto broker = std::make_unique<beside::Broker>(
+        beside::BrokerOptions{.tarn_broker = contender_.program, .more = words, .settings = kQuiet});
     std::filesystem::current_path("..");
     const double start_s = beside::now_s();
     while (!is_answered()) {
