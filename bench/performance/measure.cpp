@@ -12,7 +12,8 @@
 namespace tarn::performance {
 namespace {
 
-constexpr double   kWarmUp_s = 0.4, kRun_s = 1.25;
+constexpr double   kWarmUp_s = 0.4, kWarmUpLimit_s = 8, kRun_s = 1.25;
+constexpr unsigned kWarmUpMessages = 300;
 constexpr unsigned kArrivalsAtOnce = 32;
 
 double own_processor_s() // of this thread
@@ -37,9 +38,18 @@ private:
     const double   broker_s_, own_s_;
 };
 
-void put_loop(Stage &stage, Load &load, pid_t broker)
+// Until each subscriber had some hundred messages: by then buffers have been used once.
+void warm_up(Stage &stage, Load &load, unsigned subscribers)
 {
-    load.run_for(stage.seconds(kWarmUp_s));
+    const double end_s = beside::now_s() + stage.seconds(kWarmUpLimit_s);
+    do
+        load.run_for(stage.seconds(kWarmUp_s));
+    while (load.counts().deliveries < uint64_t{kWarmUpMessages} * subscribers && beside::now_s() < end_s);
+}
+
+void put_loop(Stage &stage, Load &load, unsigned subscribers, pid_t broker)
+{
+    warm_up(stage, load, subscribers);
     const Counts before = load.counts();
     const Meter  meter(broker);
     load.run_for(stage.seconds(kRun_s));
@@ -70,7 +80,7 @@ void measure_closed_loop(Stage &stage, const LoadOptions &options)
     Load       load(options);
     if (!broker || !load.set_up())
         return stage.fail("a client could not connect or subscribe");
-    put_loop(stage, load, broker->pid());
+    put_loop(stage, load, options.subscribers, broker->pid());
 }
 
 void measure_beside_pending(Stage &stage, const LoadOptions &options, unsigned clients)
@@ -82,7 +92,7 @@ void measure_beside_pending(Stage &stage, const LoadOptions &options, unsigned c
         return stage.fail("a client could not connect or subscribe");
     load.aside = [&] { pending.turn(0); };
     stage.put("pending", static_cast<double>(pending.counts().deliveries));
-    put_loop(stage, load, broker->pid());
+    put_loop(stage, load, options.subscribers, broker->pid());
 }
 
 void measure_latency(Stage &stage, LoadOptions options, double seconds)

@@ -39,7 +39,7 @@ std::string grouped(long long value)
 {
     std::string text = std::to_string(value);
     for (long at = static_cast<long>(text.size()) - 3; at > (value < 0); at -= 3)
-        text.insert(static_cast<size_t>(at), ",");
+        text.insert(static_cast<size_t>(at), 1, ',');
     return text;
 }
 
@@ -56,6 +56,8 @@ std::string cell(const std::optional<Summary> &value)
 {
     if (!value)
         return "-";
+    if (value->lowest == value->highest)
+        return number(value->median);
     return number(value->median) + " (" + number(value->lowest) + " to " + number(value->highest) + ")";
 }
 

@@ -55,9 +55,13 @@ void compare(Stage &stage, Scene &alone, Scene &beside, unsigned qos)
         const size_t first = i % 2;
         for (const size_t which : {first, 1 - first})
             slices[which] = run_slice(which == 0 ? alone : beside, qos, stage.seconds(kSlice_s));
+        if (slices[0].rate <= 0 || slices[0].processor_us <= 0)
+            continue; // the machine had no time for it
         shares.push_back(slices[1].rate / slices[0].rate * 100);
         costs.push_back(slices[1].processor_us / slices[0].processor_us * 100);
     }
+    if (shares.empty())
+        return stage.fail("nothing arrived");
     stage.put("qos" + std::to_string(qos), summary_of(shares)->median);
     stage.put("processor-qos" + std::to_string(qos), summary_of(costs)->median);
 }
