@@ -177,23 +177,48 @@ std::string losses(const Report &report)
     return text;
 }
 
+std::string colour_of(const Contender &contender, size_t place)
+{
+    static const char *const others[] = {"#6a51a3", "#e377c2", "#17becf", "#bcbd22"};
+    if (contender.relay)
+        return "#8c8c8c";
+    if (contender.program.empty())
+        return "#2a9d5c";
+    return contender.name == "native" ? "#1f6fb4" : contender.name == "standard" ? "#e08214" : others[place % 4];
+}
+
+// The messages are shown as multiples of mosquitto's, all else as it is.
+bool is_relative(const Heading &heading)
+{
+    return heading.section == Section::messages;
+}
+
+std::vector<Contender> shown_in(const Report &report, const Heading &heading)
+{
+    std::vector<Contender> all = report.contenders;
+    std::erase_if(all, [&](const Contender &one) {
+        return (is_relative(heading) && one.program.empty()) || (heading.section == Section::beside && one.relay);
+    });
+    return all;
+}
+
 Bars bars_of(const Report &report, const Heading &heading)
 {
-    const bool times = heading.section == Section::messages;
-    Bars       bars{.title = heading.title, .unit = heading.unit};
-    for (const Contender &one : report.contenders)
-        if (!times || !one.program.empty())
-            bars.series.push_back(one.name);
+    const bool                   relative = is_relative(heading);
+    const std::vector<Contender> shown    = shown_in(report, heading);
+    Bars bars{.title = heading.title, .unit = heading.unit, .linear = heading.section == Section::beside};
+    for (const Contender &one : shown)
+        bars.series.push_back({one.name, colour_of(one, bars.series.size())});
     for_each_row(report, heading.section, [&](const Case &which, const Row &row) {
-        if (row.unit != heading.unit && !times)
+        if (row.unit != heading.unit && !relative)
             return;
         Bars::Group group{.label = row.what};
-        for (const std::string &name : bars.series) {
-            const auto value = times ? report.results.times(which.name, name, "mosquitto", row.metric)
-                                     : report.results.of(which.name, name, row.metric);
+        for (const Contender &one : shown) {
+            const auto value = relative ? report.results.times(which.name, one.name, "mosquitto", row.metric)
+                                        : report.results.of(which.name, one.name, row.metric);
             group.values.push_back(value ? std::optional(value->median) : std::nullopt);
         }
-        if (row.goal.of == (times ? Goal::Of::mosquitto : Goal::Of::itself))
+        if (row.goal.of == (relative ? Goal::Of::mosquitto : Goal::Of::itself))
             group.goal = row.goal.value;
         bars.groups.push_back(group);
     });
