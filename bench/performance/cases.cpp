@@ -17,16 +17,19 @@ std::function<void(Stage &)> closed_loop(const LoadOptions &options)
     return [options](Stage &stage) { measure_closed_loop(stage, options); };
 }
 
-Part rate(const std::string &what, double goal)
+Row rate(const std::string &what, double goal)
 {
-    return {Section::messages, {.metric = "rate", .what = what, .unit = "/s", .goal = times_mosquitto(goal)}};
+    return {.section = Section::messages, .metric = "rate", .what = what, .unit = "/s", .goal = times_mosquitto(goal)};
 }
 
-Part processor(const std::string &what, double goal)
+Row processor(const std::string &what, double goal)
 {
-    return {
-        Section::processor,
-        {.metric = "processor_us", .what = what, .unit = "us", .more_is_better = false, .goal = times_mosquitto(goal)}};
+    return {.section        = Section::processor,
+            .metric         = "processor_us",
+            .what           = what,
+            .unit           = "us",
+            .more_is_better = false,
+            .goal           = times_mosquitto(goal)};
 }
 
 void add_fans(std::vector<Case> &all)
@@ -37,18 +40,20 @@ void add_fans(std::vector<Case> &all)
     } outwards[] = {{10, 0, 5}, {100, 0, 3.7}, {1000, 0, 20}, {100, 1, 4.35}};
     for (const auto &one : outwards) {
         const std::string what = "fan-out to " + std::to_string(one.subscribers) + ", QoS " + std::to_string(one.qos);
-        all.push_back({.name  = "fan-out-" + std::to_string(one.subscribers) + "-qos" + std::to_string(one.qos),
-                       .run   = closed_loop({.qos = one.qos, .subscribers = one.subscribers}),
-                       .parts = {rate(what, one.goal)}});
+        all.push_back({.name = "fan-out-" + std::to_string(one.subscribers) + "-qos" + std::to_string(one.qos),
+                       .run  = closed_loop({.qos = one.qos, .subscribers = one.subscribers}),
+                       .rows = {rate(what, one.goal), processor("a message, " + what, 0)}});
     }
     const struct {
         unsigned publishers, window;
         double   goal;
     } inwards[] = {{10, 8, 3.85}, {100, 1, 1.2}};
-    for (const auto &one : inwards)
-        all.push_back({.name  = "fan-in-" + std::to_string(one.publishers),
-                       .run   = closed_loop({.publishers = one.publishers, .window = one.window}),
-                       .parts = {rate("fan-in of " + std::to_string(one.publishers) + ", QoS 0", one.goal)}});
+    for (const auto &one : inwards) {
+        const std::string what = "fan-in of " + std::to_string(one.publishers) + ", QoS 0";
+        all.push_back({.name = "fan-in-" + std::to_string(one.publishers),
+                       .run  = closed_loop({.publishers = one.publishers, .window = one.window}),
+                       .rows = {rate(what, one.goal), processor("a message, " + what, 0)}});
+    }
 }
 
 void add_pairs(std::vector<Case> &all)
@@ -57,11 +62,13 @@ void add_pairs(std::vector<Case> &all)
         unsigned pairs, qos;
         double   goal;
     } pairs[] = {{10, 0, 7.1}, {100, 0, 9}, {100, 1, 9}};
-    for (const auto &one : pairs)
+    for (const auto &one : pairs) {
+        const std::string what = std::to_string(one.pairs) + " pairs, QoS " + std::to_string(one.qos);
         all.push_back(
-            {.name  = "pairs-" + std::to_string(one.pairs) + "-qos" + std::to_string(one.qos),
-             .run   = closed_loop({.qos = one.qos, .publishers = one.pairs, .subscribers = one.pairs, .pairs = true}),
-             .parts = {rate(std::to_string(one.pairs) + " pairs, QoS " + std::to_string(one.qos), one.goal)}});
+            {.name = "pairs-" + std::to_string(one.pairs) + "-qos" + std::to_string(one.qos),
+             .run  = closed_loop({.qos = one.qos, .publishers = one.pairs, .subscribers = one.pairs, .pairs = true}),
+             .rows = {rate(what, one.goal), processor("a message, " + what, 0)}});
+    }
 }
 
 void add_one_to_one(std::vector<Case> &all)
@@ -72,10 +79,10 @@ void add_one_to_one(std::vector<Case> &all)
     } loops[] = {{4, 0, 7, 0.1}, {4, 1, 11, 0.1}, {4, 2, 10, 0.118}, {5, 0, 0, 0}, {5, 1, 8.3, 0}, {5, 2, 0, 0}};
     for (const auto &one : loops) {
         const std::string what = "one to one, QoS " + std::to_string(one.qos) + (one.level == 5 ? ", level 5.0" : "");
-        all.push_back({.name  = "one-to-one-qos" + std::to_string(one.qos) + (one.level == 5 ? "-v5" : ""),
-                       .run   = closed_loop({.level = one.level, .qos = one.qos}),
-                       .parts = {rate(what, one.goal),
-                                 processor("a message, " + what.substr(what.find("QoS")), one.processor_goal)}});
+        all.push_back({.name = "one-to-one-qos" + std::to_string(one.qos) + (one.level == 5 ? "-v5" : ""),
+                       .run  = closed_loop({.level = one.level, .qos = one.qos}),
+                       .rows = {rate(what, one.goal),
+                                processor("a message, " + what.substr(what.find("QoS")), one.processor_goal)}});
     }
 }
 
@@ -85,7 +92,7 @@ void add_pending(std::vector<Case> &all)
         const std::string pending = std::to_string(clients * 1000);
         all.push_back({.name       = "pending-" + pending,
                        .run        = [clients](Stage &stage) { measure_beside_pending(stage, {.qos = 1}, clients); },
-                       .parts      = {rate("one to one, QoS 1, beside " + pending + " pending", 7.1)},
+                       .rows       = {rate("one to one, QoS 1, beside " + pending + " pending", 7.1)},
                        .with_relay = false});
     }
 }
@@ -93,44 +100,50 @@ void add_pending(std::vector<Case> &all)
 void add_connections(std::vector<Case> &all)
 {
     const auto bytes = [](const char *metric, const char *what, double goal) {
-        return Part{Section::connections,
-                    {.metric         = metric,
-                     .what           = what,
-                     .unit           = "bytes",
-                     .more_is_better = false,
-                     .goal           = {Goal::Of::itself, goal}}};
+        return Row{.section        = Section::connections,
+                   .metric         = metric,
+                   .what           = what,
+                   .unit           = "bytes",
+                   .more_is_better = false,
+                   .goal           = {Goal::Of::itself, goal}};
     };
+    all.push_back({.name = "connections",
+                   .run  = measure_arrivals,
+                   .rows = {{.section = Section::connections,
+                             .metric  = "rate",
+                             .what    = "new connections",
+                             .unit    = "/s",
+                             .goal    = times_mosquitto(0.9)},
+                            processor("a connection", 1.19)}});
     all.push_back(
-        {.name  = "connections",
-         .run   = measure_arrivals,
-         .parts = {{Section::connections,
-                    {.metric = "rate", .what = "new connections", .unit = "/s", .goal = times_mosquitto(0.9)}},
-                   processor("a connection", 1.19)}});
-    all.push_back({.name       = "idle-clients",
-                   .run        = [](Stage &stage) { measure_idle_clients(stage, stage.number(10000)); },
-                   .parts      = {bytes("connected", "a connected client that said nothing", 8192),
-                                  bytes("pinged", "after one ping", 12288),
-                                  bytes("pinged_often", "after eleven pings", 12288), bytes("stayed", "15 s later", 12288)},
-                   .max_rounds = 3});
+        {.name       = "idle-clients",
+         .run        = [](Stage &stage) { measure_idle_clients(stage, stage.number(10000)); },
+         .rows       = {bytes("connected", "a connected client that said nothing", 8192),
+                        bytes("pinged", "after one ping", 12288), bytes("pinged_often", "after eleven pings", 12288),
+                        bytes("stayed", "another 15 s later", 12288)},
+         .max_rounds = 3});
 }
 
 void add_latencies(std::vector<Case> &all)
 {
     const auto part = [](const char *metric, const std::string &what, Goal goal) {
-        return Part{Section::latency,
-                    {.metric = metric, .what = what, .unit = "us", .more_is_better = false, .goal = goal}};
+        return Row{.section        = Section::latency,
+                   .metric         = metric,
+                   .what           = what,
+                   .unit           = "us",
+                   .more_is_better = false,
+                   .goal           = goal};
     };
     const Goal mosquitto = {Goal::Of::mosquitto, 1}, relay = {Goal::Of::relay, 1};
     for (const unsigned qos : {0u, 1u}) {
         const std::string q = std::to_string(qos), trip = "round trip, QoS " + q, open = "5000 a second, QoS " + q;
-        all.push_back(
-            {.name  = "round-trip-qos" + q,
-             .run   = [qos](Stage &stage) { measure_latency(stage, {.qos = qos, .window = 1}, 1.25); },
-             .parts = {part("p50_us", trip + ", p50", mosquitto), part("p99_us", trip + ", p99", mosquitto)}});
-        all.push_back({.name  = "open-loop-qos" + q,
-                       .run   = [qos](Stage &stage) { measure_latency(stage, {.qos = qos, .rate = 5000}, 3); },
-                       .parts = {part("p50_us", open + ", p50", kNone), part("p99_us", open + ", p99", relay),
-                                 part("p999_us", open + ", p99.9", kNone)}});
+        all.push_back({.name = "round-trip-qos" + q,
+                       .run  = [qos](Stage &stage) { measure_latency(stage, {.qos = qos, .window = 1}, 1.25); },
+                       .rows = {part("p50_us", trip + ", p50", mosquitto), part("p99_us", trip + ", p99", mosquitto)}});
+        all.push_back({.name = "open-loop-qos" + q,
+                       .run  = [qos](Stage &stage) { measure_latency(stage, {.qos = qos, .rate = 5000}, 3); },
+                       .rows = {part("p50_us", open + ", p50", kNone), part("p99_us", open + ", p99", relay),
+                                part("p999_us", open + ", p99.9", kNone)}});
     }
 }
 
@@ -146,21 +159,23 @@ void add_shares(std::vector<Case> &all)
                       {"beside-absent", "1000 absent clients with kept sessions", absent_clients(1000)}};
     for (const auto &one : neighbours) {
         const auto part = [&](const char *metric, const char *what) {
-            return Part{
-                Section::beside,
-                {.metric = metric, .what = std::string(one.what) + what, .unit = "%", .goal = {Goal::Of::itself, 95}}};
+            return Row{.section = Section::beside,
+                       .metric  = metric,
+                       .what    = std::string(one.what) + what,
+                       .unit    = "%",
+                       .goal    = {Goal::Of::itself, 95}};
         };
         const auto cost = [&](const char *metric, const char *what) {
-            return Part{Section::beside,
-                        {.metric         = metric,
-                         .what           = std::string(one.what) + what,
-                         .unit           = "% processor time a message",
-                         .more_is_better = false}};
+            return Row{.section        = Section::beside,
+                       .metric         = metric,
+                       .what           = std::string(one.what) + what,
+                       .unit           = "% processor time a message",
+                       .more_is_better = false};
         };
-        all.push_back({.name  = one.name,
-                       .run   = [neighbour = one.neighbour](Stage &stage) { measure_share(stage, neighbour); },
-                       .parts = {part("qos0", ", QoS 0"), part("qos1", ", QoS 1"), cost("processor-qos0", ", QoS 0"),
-                                 cost("processor-qos1", ", QoS 1")},
+        all.push_back({.name = one.name,
+                       .run  = [neighbour = one.neighbour](Stage &stage) { measure_share(stage, neighbour); },
+                       .rows = {part("qos0", ", QoS 0"), part("qos1", ", QoS 1"), cost("processor-qos0", ", QoS 0"),
+                                cost("processor-qos1", ", QoS 1")},
                        .with_relay = false});
     }
 }

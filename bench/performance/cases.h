@@ -18,7 +18,8 @@ struct Goal {
     double value                                        = 0;
 };
 
-struct Row {
+struct Row { // of the table of its section
+    Section     section;
     std::string metric; // as Stage::put has it
     std::string what;
     std::string unit;
@@ -26,15 +27,10 @@ struct Row {
     Goal        goal           = {};
 };
 
-struct Part { // of a section
-    Section section;
-    Row     row;
-};
-
 struct Case {
     std::string                  name;
     std::function<void(Stage &)> run;
-    std::vector<Part>            parts;
+    std::vector<Row>             rows;
     bool                         with_relay = true;
     unsigned                     max_rounds = 99; // where more say nothing
 };

@@ -1,5 +1,5 @@
-// load.h - messages of 64 bytes from some publishers to some subscribers: in a closed loop, with so many in flight, or in
-// an open one, so many a second whatever comes back.
+// load.h - messages of 64 bytes from some publishers to some subscribers: in a closed loop, with so many in flight, or
+// in an open one, so many a second whatever comes back.
 #ifndef TARN_BENCH_PERFORMANCE_LOAD_H
 #define TARN_BENCH_PERFORMANCE_LOAD_H
 
@@ -39,12 +39,11 @@ public:
     bool publish(uint32_t messages, double limit_s); // each publisher so many more; whether all arrived in time
     void turn(uint64_t limit_ns);                    // takes what has come, after so long a wait at most
 
-    bool                   has_failed() const { return failed_; } // a connection has ended
-    const Counts          &counts() const { return counts_; }
-    std::vector<uint32_t> &latencies_ns()
-    {
-        return latencies_ns_;
-    }                                    // from send, or from when the schedule says, to arrival
+    bool          has_failed() const { return failed_; } // a connection has ended
+    const Counts &counts() const { return counts_; }
+    // From send, or from when the schedule says, to arrival; where they are kept.
+    std::vector<uint32_t> &latencies_ns() { return latencies_ns_; }
+
     std::function<void()> aside = [] {}; // called now and then while it runs
 
 private:
@@ -72,7 +71,6 @@ private:
     void     take(Link &link, Packet packet);
     void     deliver(Link &link, Packet packet);
     void     arrive(Flow &flow, uint32_t slot, uint32_t number, uint64_t sent_ns);
-    void     skip_missing(Flow &flow, uint32_t slot, uint32_t number);
     void     note_acknowledged(Flow &flow, unsigned id);
     void     answer(Link &link, uint8_t first, unsigned id);
     void     give_up();

@@ -5,11 +5,11 @@
 //     performance --list
 //
 // Round after round each case meets each broker in turn, which is started for it in a directory and a network of its
-// own. What counts are medians of the rounds, and ratios within a round. Prints Markdown tables, and which goals are met;
-// with --markdown the tables go into FILE between two marks, and plots into a folder beside it. --only takes cases whose
-// name has WORD in it, --broker one of native, standard, mosquitto and relay, --alone leaves mosquitto out, --and adds
-// another tarn-broker in both profiles, --short takes a fifth of the time. Exit status 1 when a case has no result; goals
-// are to be read. bench/apart.sh runs it so that nothing is left behind.
+// own. What counts are medians of the rounds, and ratios within a round. Prints Markdown tables, and which goals are
+// met; with --markdown the tables go into FILE between two marks, and plots into a folder beside it. --only takes cases
+// whose name has WORD in it, --broker one of native, standard, mosquitto and relay, --alone leaves mosquitto out, --and
+// adds another tarn-broker in both profiles, --short takes a fifth of the time. Exit status 1 when a case has no
+// result; goals are to be read. bench/apart.sh runs it so that nothing is left behind.
 #include "beside/crowd.h"
 #include "relay.h"
 #include "report.h"
@@ -81,7 +81,6 @@ std::vector<const Case *> cases_of(const Settings &settings)
 [[noreturn]] void be_case(const Settings &settings, const Case &one, const Contender &contender, int output)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    prctl(PR_SET_TIMERSLACK, 1); // nanosecond: the open loop wakes up when it is to
     Stage stage(contender, settings.shortened, output);
     one.run(stage);
     exit(0);
@@ -226,8 +225,8 @@ bool read_arguments(int argc, char **argv, Settings &settings)
 int list_cases()
 {
     for (const Case &one : cases())
-        for (const Part &part : one.parts)
-            printf("%-22s %s\n", one.name.c_str(), part.row.what.c_str());
+        for (const Row &row : one.rows)
+            printf("%-22s %s, %s\n", one.name.c_str(), row.what.c_str(), row.unit.c_str());
     return 0;
 }
 

@@ -8,7 +8,7 @@
 namespace tarn::performance {
 
 // rate: deliveries a second; processor_us: of the broker for each message published; client_share: of a core, used by
-// this program; lost.
+// this program; lost and again: see Counts.
 void measure_closed_loop(Stage &stage, const LoadOptions &options);
 // The same beside so many clients each of which leaves 1000 deliveries at QoS 1 unacknowledged.
 void measure_beside_pending(Stage &stage, const LoadOptions &options, unsigned clients);

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <functional>
@@ -88,9 +89,9 @@ bool has_mosquitto(const Report &report)
 void for_each_row(const Report &report, Section section, const std::function<void(const Case &, const Row &)> &visit)
 {
     for (const Case *const one : report.cases)
-        for (const Part &part : one->parts)
-            if (part.section == section)
-                visit(*one, part.row);
+        for (const Row &row : one->rows)
+            if (row.section == section)
+                visit(*one, row);
 }
 
 std::string met_text(const Report &report, const Case &one, const Row &row)
@@ -140,6 +141,17 @@ std::string processor_name()
     return "unknown processor";
 }
 
+std::string mosquitto_version()
+{
+    char        line[128] = "";
+    FILE *const output    = popen("mosquitto -h 2>&1", "r");
+    if (output && !fgets(line, sizeof line, output))
+        line[0] = 0;
+    if (output)
+        pclose(output);
+    return std::string(line, strcspn(line, "\n"));
+}
+
 std::string machine()
 {
     utsname      names{};
@@ -148,7 +160,7 @@ std::string machine()
     uname(&names);
     strftime(date, sizeof date, "%Y-%m-%d", gmtime(&now));
     return std::to_string(std::thread::hardware_concurrency()) + " cores (" + processor_name() + "), Linux " +
-           names.release + ", " + date;
+           names.release + ", " + mosquitto_version() + ", " + date;
 }
 
 // How much of a core this program used in closed loops; were it near one, its own speed would be what is measured.
@@ -166,14 +178,19 @@ std::string client_share(const Report &report)
     return text.empty() ? "" : "The load generator used at most so much of a core: " + text + ".\n";
 }
 
-std::string losses(const Report &report)
+// What the brokers did wrong, if anything.
+std::string delivery_faults(const Report &report)
 {
-    std::string text;
+    const std::pair<const char *, const char *> kinds[] = {{"lost", "did not come"}, {"again", "came again or late"}};
+    std::string                                 text;
     for (const Case *const one : report.cases)
         for (const Contender &contender : report.contenders)
-            if (const auto lost = report.results.of(one->name, contender.name, "lost"); lost && lost->highest > 0)
-                text += "* " + one->name + ", " + contender.name + ": " + number(lost->highest) +
-                        " deliveries did not come in the worst round.\n";
+            for (const auto &[metric, what] : kinds)
+                if (const auto count = report.results.of(one->name, contender.name, metric);
+                    count && count->highest > 0)
+                    text += "* " + one->name + ", " + contender.name + ": " +
+                            std::to_string(std::llround(count->highest)) + " deliveries " + what +
+                            " in the worst round.\n";
     return text;
 }
 
@@ -230,6 +247,16 @@ std::string plot_name(const Heading &heading)
     return std::string(heading.plot) + ".svg";
 }
 
+bool write_file(const std::filesystem::path &file, const std::string &text)
+{
+    std::ofstream output(file);
+    output << text;
+    output.close();
+    if (!output)
+        perror(file.c_str());
+    return static_cast<bool>(output);
+}
+
 std::string read_file(const std::filesystem::path &file)
 {
     std::ifstream      input(file);
@@ -252,7 +279,7 @@ std::string Report::text(const std::string &plots) const
         if (!plots.empty())
             out << "\n![" << heading.title << "](" << plots << "/" << plot_name(heading) << ")\n";
     }
-    out << "\n" << client_share(*this) << losses(*this);
+    out << "\n" << client_share(*this) << delivery_faults(*this);
     for (const std::string &fault : faults)
         out << "* " << fault << "\n";
     return out.str();
@@ -271,14 +298,15 @@ std::string Report::goals_text() const
     return text;
 }
 
-void Report::draw(const std::filesystem::path &folder) const
+bool Report::draw(const std::filesystem::path &folder) const
 {
-    std::filesystem::create_directories(folder);
-    for (const Heading &heading : kHeadings) {
-        const Bars bars = bars_of(*this, heading);
-        if (!bars.groups.empty())
-            std::ofstream(folder / plot_name(heading)) << svg_of(bars);
-    }
+    std::error_code failed; // shows when the files are written
+    bool            written = true;
+    std::filesystem::create_directories(folder, failed);
+    for (const Heading &heading : kHeadings)
+        if (const Bars bars = bars_of(*this, heading); !bars.groups.empty())
+            written &= write_file(folder / plot_name(heading), svg_of(bars));
+    return written;
 }
 
 bool write_report(const Report &report, const std::filesystem::path &file)
@@ -291,13 +319,8 @@ bool write_report(const Report &report, const std::filesystem::path &file)
         text += (text.empty() ? "# Performance\n\n" : "\n") + part + "\n";
     else
         text.replace(begin, end + sizeof kEnd - 1 - begin, part);
-    report.draw(file.parent_path() / plots);
-    std::ofstream output(file);
-    output << text;
-    output.close();
-    if (!output)
-        perror(file.c_str());
-    return static_cast<bool>(output);
+    const bool drawn = report.draw(file.parent_path() / plots);
+    return write_file(file, text) && drawn;
 }
 
 } // namespace tarn::performance

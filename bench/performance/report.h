@@ -20,11 +20,11 @@ struct Report {
     std::string
     text(const std::string &plots = {}) const; // the tables, with the plots from this folder if one is named
     std::string goals_text() const;            // a line for each goal and contender
-    void        draw(const std::filesystem::path &folder) const;
+    bool        draw(const std::filesystem::path &folder) const; // false: not all could be written
 };
 
-// Writes the tables between the marks in this file, which keeps what is around them, and draws the plots into the folder
-// that is named like the file. A file that is not there is made. False with a message when it cannot be written.
+// Writes the tables between the marks in this file, which keeps what is around them, and draws the plots into the
+// folder that is named like the file. A file that is not there is made. False with a message when it cannot be written.
 bool write_report(const Report &report, const std::filesystem::path &file);
 
 } // namespace tarn::performance
