@@ -26,6 +26,12 @@ constexpr uint64_t kGiveUp_ns    = 1000000000;
 constexpr uint64_t kAside_ns     = 5000000;
 constexpr uint64_t kTurn_ns      = 20000000; // longest wait
 constexpr unsigned kKeepAlive_s  = 600;
+constexpr double   kFinish_s     = 5;
+
+uint64_t to_ns(double seconds)
+{
+    return static_cast<uint64_t>(std::max(0.0, seconds) * 1e9);
+}
 
 std::string topic_of(const LoadOptions &options, size_t flow)
 {
@@ -101,27 +107,45 @@ bool Load::subscribe()
 
 void Load::run_for(double seconds)
 {
+    start_ns_ = now_ns();
     for (Flow &flow : flows_)
         flow.first = flow.sent;
-    run_until(now_ns() + static_cast<uint64_t>(seconds * 1e9), [] { return false; });
+    run_until(now_ns() + to_ns(seconds), [] { return false; });
+    finish(kFinish_s);
 }
 
 bool Load::publish(uint32_t messages, double limit_s)
 {
-    const auto all_arrived = [&] {
-        return std::all_of(flows_.begin(), flows_.end(), [&](Flow &flow) { return flow.arrived == end_number_; });
+    const double start_s = beside::now_s();
+    end_number_          = flows_[0].sent + messages;
+    run_until(now_ns() + to_ns(limit_s), [&] { return flows_[0].sent == end_number_; });
+    const bool sent = flows_[0].sent == end_number_;
+    end_number_     = UINT32_MAX;
+    return finish(limit_s - (beside::now_s() - start_s)) && sent;
+}
+
+// Until nothing is in flight, so that each run begins alike; whether that is so in time.
+bool Load::finish(double limit_s)
+{
+    const auto finished = [&] {
+        return std::all_of(flows_.begin(), flows_.end(), [&](Flow &flow) { return finished_of(flow) == flow.sent; });
     };
-    end_number_ = flows_[0].sent + messages;
-    run_until(now_ns() + static_cast<uint64_t>(limit_s * 1e9), all_arrived);
-    const bool arrived = all_arrived();
-    end_number_        = UINT32_MAX;
-    return arrived;
+    sending_ = false;
+    run_until(now_ns() + to_ns(limit_s), finished);
+    sending_ = true;
+    return finished();
+}
+
+// So many are not in flight any more.
+uint32_t Load::finished_of(const Flow &flow) const
+{
+    return options_.qos > 0 ? std::min(flow.arrived, flow.acknowledged) : flow.arrived;
 }
 
 void Load::run_until(uint64_t end_ns, const std::function<bool()> &done)
 {
     uint64_t aside_ns = 0;
-    start_ns_ = moved_ns_ = turn_ns_ = now_ns();
+    moved_ns_ = turn_ns_ = now_ns();
     while (!failed_ && turn_ns_ < end_ns && !done()) {
         send_what_may_go();
         turn(wait_ns());
@@ -147,7 +171,9 @@ void Load::turn(uint64_t limit_ns)
 // The number behind the last one that this publisher may send by now.
 uint32_t Load::end_of(const Flow &flow) const
 {
-    const uint32_t finished = options_.qos > 0 ? std::min(flow.arrived, flow.acknowledged) : flow.arrived;
+    if (!sending_)
+        return flow.sent;
+    const uint32_t finished = finished_of(flow);
     uint32_t       end      = finished + options_.window;
     if (options_.rate > 0) {
         const double elapsed_s = static_cast<double>(turn_ns_ - start_ns_) / 1e9;
@@ -163,7 +189,7 @@ uint64_t Load::due_ns(const Flow &flow, uint32_t number) const
 
 uint64_t Load::wait_ns() const
 {
-    if (options_.rate <= 0)
+    if (options_.rate <= 0 || !sending_)
         return kTurn_ns;
     uint64_t next_ns = UINT64_MAX;
     for (const Flow &flow : flows_)

@@ -34,8 +34,8 @@ class Load {
 public:
     explicit Load(const LoadOptions &options);
 
-    bool set_up(); // connects and subscribes
-    void run_for(double seconds);
+    bool set_up();                                   // connects and subscribes
+    void run_for(double seconds);                    // and until what is in flight by then has arrived
     bool publish(uint32_t messages, double limit_s); // each publisher so many more; whether all arrived in time
     void turn(uint64_t limit_ns);                    // takes what has come, after so long a wait at most
 
@@ -63,6 +63,8 @@ private:
     bool     subscribe();
     Bytes    packet_of(const std::string &topic) const;
     void     run_until(uint64_t end_ns, const std::function<bool()> &done);
+    bool     finish(double limit_s);
+    uint32_t finished_of(const Flow &flow) const;
     uint32_t end_of(const Flow &flow) const;
     uint64_t due_ns(const Flow &flow, uint32_t number) const;
     uint64_t wait_ns() const;
@@ -85,6 +87,7 @@ private:
     uint64_t              start_ns_   = 0;          // of the schedule
     uint64_t              moved_ns_   = 0;          // when something came last
     uint64_t              turn_ns_    = 0;          // the time, read once a turn
+    bool                  sending_    = true;
     bool                  failed_     = false;
 };
 
