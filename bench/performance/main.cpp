@@ -138,26 +138,27 @@ Outcome run_case(const Settings &settings, const Case &one, const Contender &con
     return outcome_of(text);
 }
 
-void run_round(const Settings &settings, unsigned round, Report &report)
+void add_outcome(Report &report, const Case &one, const Contender &contender, const Outcome &outcome)
 {
-    for (const Case *const one : report.cases) {
-        if (round >= one->max_rounds)
-            continue;
-        for (const Contender &contender : report.contenders) {
-            if (contender.relay && !one->with_relay)
-                continue;
-            const Outcome outcome = run_case(settings, *one, contender);
-            fprintf(stderr, "round %u  %-22s %-10s", round + 1, one->name.c_str(), contender.name.c_str());
-            for (const auto &[metric, value] : outcome.values) {
-                report.results.put(one->name, contender.name, round, metric, value);
-                fprintf(stderr, "  %s %.*f", metric.c_str(), value < 100 ? 2 : 0, value);
-            }
-            fprintf(stderr, "  %s\n", outcome.fault.c_str());
-            if (!outcome.fault.empty())
-                report.faults.push_back("round " + std::to_string(round + 1) + ", " + one->name + ", " +
-                                        contender.name + ": " + outcome.fault);
-        }
+    const unsigned round = report.rounds + 1;
+    fprintf(stderr, "round %u  %-22s %-10s", round, one.name.c_str(), contender.name.c_str());
+    for (const auto &[metric, value] : outcome.values) {
+        report.results.put(one.name, contender.name, round, metric, value);
+        fprintf(stderr, "  %s %.*f", metric.c_str(), value < 100 ? 2 : 0, value);
     }
+    fprintf(stderr, "  %s\n", outcome.fault.c_str());
+    if (!outcome.fault.empty())
+        report.faults.push_back("round " + std::to_string(round) + ", " + one.name + ", " + contender.name + ": " +
+                                outcome.fault);
+}
+
+void run_round(const Settings &settings, Report &report)
+{
+    for (const Case *const one : report.cases)
+        for (const Contender &contender : report.contenders)
+            if (report.rounds < one->max_rounds && (one->with_relay || !contender.relay))
+                add_outcome(report, *one, contender, run_case(settings, *one, contender));
+    ++report.rounds;
 }
 
 int run(const Settings &settings)
@@ -169,8 +170,7 @@ int run(const Settings &settings)
     }
     bool written = true;
     while (report.rounds < settings.rounds) {
-        run_round(settings, report.rounds, report);
-        ++report.rounds;
+        run_round(settings, report);
         if (!settings.markdown.empty()) // after each round: who has no time for all of them has something
             written = write_report(report, settings.markdown);
     }
