@@ -3,10 +3,10 @@
 #include "arrivals.h"
 #include "idle.h"
 #include "process.h"
+#include "results.h"
+#include "slice.h"
 
 #include <algorithm>
-#include <ctime>
-#include <numeric>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -14,30 +14,9 @@ namespace tarn::performance {
 namespace {
 
 constexpr double   kWarmUp_s = 0.4, kWarmUpLimit_s = 8, kRun_s = 1.25;
+constexpr unsigned kSlices         = 5;
 constexpr unsigned kWarmUpMessages = 300;
 constexpr unsigned kArrivalsAtOnce = 32;
-
-double own_processor_s() // of this thread
-{
-    timespec time{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
-// What was used since it was made.
-class Meter {
-public:
-    explicit Meter(pid_t broker) : broker_(broker), broker_s_(processor_s(broker)), own_s_(own_processor_s()) {}
-
-    double elapsed_s() const { return static_cast<double>(now_ns() - start_ns_) / 1e9; }
-    double broker_s() const { return processor_s(broker_) - broker_s_; }
-    double own_s() const { return own_processor_s() - own_s_; }
-
-private:
-    const pid_t    broker_;
-    const uint64_t start_ns_ = now_ns();
-    const double   broker_s_, own_s_;
-};
 
 void put_faults(Stage &stage, const Counts &counts)
 {
@@ -55,22 +34,27 @@ void warm_up(Stage &stage, Load &load, unsigned subscribers)
     while (load.counts().deliveries < uint64_t{kWarmUpMessages} * subscribers && beside::now_s() < end_s);
 }
 
+// The median of some slices, each of which begins with nothing in flight: how messages flock together on their way, on
+// which their cost depends, differs from one slice to the next.
 void put_loop(Stage &stage, Load &load, unsigned subscribers, pid_t broker)
 {
     warm_up(stage, load, subscribers);
-    const Counts before = load.counts();
-    const Meter  meter(broker);
-    load.run_for(stage.seconds(kRun_s));
-    const double elapsed_s = meter.elapsed_s(), broker_s = meter.broker_s(), own_s = meter.own_s();
-    const Counts done = load.counts() - before;
+    std::vector<double> rates, processor_us, client_shares;
+    const Counts        before = load.counts();
+    for (unsigned i = 0; i < kSlices && !load.has_failed(); ++i) {
+        const Slice slice = run_slice(load, broker, stage.seconds(kRun_s / kSlices));
+        rates.push_back(slice.rate);
+        processor_us.push_back(slice.processor_us);
+        client_shares.push_back(slice.client_share);
+    }
     if (load.has_failed())
         return stage.fail("a connection ended");
-    if (done.published == 0 || done.deliveries == 0)
+    if (summary_of(rates)->median <= 0)
         return stage.fail("nothing arrived");
-    stage.put("rate", static_cast<double>(done.deliveries) / elapsed_s);
-    stage.put("processor_us", broker_s / static_cast<double>(done.published) * 1e6);
-    stage.put("client_share", own_s / elapsed_s);
-    put_faults(stage, done);
+    stage.put("rate", summary_of(rates)->median);
+    stage.put("processor_us", summary_of(processor_us)->median);
+    stage.put("client_share", summary_of(client_shares)->median);
+    put_faults(stage, load.counts() - before);
 }
 
 uint32_t percentile_of(std::vector<uint32_t> &values, double part)

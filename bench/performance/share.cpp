@@ -1,8 +1,8 @@
 // share.cpp - what is left of a pair's throughput beside something else.
 #include "idle.h"
 #include "measure.h"
-#include "process.h"
 #include "results.h"
+#include "slice.h"
 
 #include <algorithm>
 #include <memory>
@@ -27,22 +27,10 @@ struct Scene {
     bool has_failed() const { return loads[0].has_failed() || loads[1].has_failed(); }
 };
 
-struct Slice {
-    double rate;         // deliveries a second
-    double processor_us; // of the broker, a delivery
-};
-
 Slice run_slice(Scene &scene, unsigned qos, double duration_s)
 {
-    Load          &load     = scene.loads[qos];
-    const uint64_t start_ns = now_ns();
-    const double   broker_s = processor_s(scene.broker->pid());
-    const Counts   before   = load.counts();
-    load.aside              = scene.neighbour;
-    load.run_for(duration_s);
-    const double deliveries = static_cast<double>((load.counts() - before).deliveries);
-    return {.rate         = deliveries / static_cast<double>(now_ns() - start_ns) * 1e9,
-            .processor_us = (processor_s(scene.broker->pid()) - broker_s) / std::max(deliveries, 1.0) * 1e6};
+    scene.loads[qos].aside = scene.neighbour;
+    return run_slice(scene.loads[qos], scene.broker->pid(), duration_s);
 }
 
 // Both take turns in short slices, first one first, then the other one, and two slices are compared that follow each
