@@ -13,7 +13,6 @@
 #include <cstring>
 #include <deque>
 #include <random>
-#include <sys/resource.h>
 
 using namespace tarn::beside;
 using tarn::test::Bytes;
@@ -283,7 +282,7 @@ bool read_arguments(int argc, char **argv, Settings &settings)
             settings.rate = atof(argv[++i]);
         else if (word[0] != '-' && settings.broker.empty())
             settings.broker = word;
-        else if (word != "--alone") // what beside.sh may add
+        else if (word != "--alone") // what apart.sh may add
             return false;
     }
     return !settings.broker.empty() && settings.minutes > 0 && settings.clients >= 2 && settings.rate > 0;
@@ -298,11 +297,7 @@ int main(int argc, char **argv)
         fprintf(stderr, "usage: soak [--minutes N] [--clients N] [--rate MESSAGES_A_SECOND] TARN_BROKER\n");
         return 2;
     }
-    rlimit files{};
-    if (getrlimit(RLIMIT_NOFILE, &files) == 0) {
-        files.rlim_cur = files.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &files);
-    }
+    raise_file_limit();
     printf("| minute | published | arrived | came twice | lost | left and came back | memory, MB |\n"
            "|---|---|---|---|---|---|---|\n");
     return Soak(settings).run() ? 0 : 1;

@@ -51,6 +51,7 @@ void write_settings(const BrokerOptions &options)
         fprintf(file, "allow_anonymous false\npassword_file %s\n", kUsers);
     else
         fprintf(file, "allow_anonymous true\n");
+    fprintf(file, "%s", options.settings.c_str());
     fclose(file);
 }
 

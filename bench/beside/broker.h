@@ -16,8 +16,9 @@ namespace tarn::beside {
 inline constexpr char kUser[] = "honest", kPassword[] = "secret";
 
 struct BrokerOptions {
-    std::string              tarn_broker; // the program; empty: mosquitto
-    std::vector<std::string> more;        // options for tarn-broker
+    std::string              tarn_broker;    // the program; empty: mosquitto
+    std::vector<std::string> more;           // options for tarn-broker
+    std::string              settings  = {}; // further lines for mosquitto
     bool                     passwords = false;
     bool                     log_read  = true; // false: standard output is a pipe that is not read before the end
 };
@@ -29,7 +30,8 @@ public:
     Broker(const Broker &)            = delete;
     Broker &operator=(const Broker &) = delete;
 
-    bool has_ended();
+    pid_t pid() const { return pid_; }
+    bool  has_ended();
     // Sends SIGTERM; seconds until the process has ended, nothing when it had to be killed.
     std::optional<double> terminate(double limit_s);
     double                memory_mb() const; // resident now

@@ -10,6 +10,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
@@ -29,7 +30,8 @@ sockaddr_in address_of(const char *text, uint16_t port)
     return address;
 }
 
-// A socket on its way to the broker, -1 when there is none to be had.
+} // namespace
+
 int start_connect(const std::string &from)
 {
     const sockaddr_in source = address_of(from.c_str(), 0), broker = address_of("127.0.0.1", kPort);
@@ -46,7 +48,13 @@ int start_connect(const std::string &from)
     return -1;
 }
 
-} // namespace
+void raise_file_limit()
+{
+    rlimit files{};
+    getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = files.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &files);
+}
 
 double now_s()
 {

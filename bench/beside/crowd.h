@@ -15,6 +15,11 @@ using test::Bytes;
 
 double now_s(); // of the monotonic clock
 
+// A socket on its way from that address to the broker, -1 when there is none to be had.
+int start_connect(const std::string &from);
+
+void raise_file_limit(); // of this process, to what it may have
+
 enum Type : unsigned { kConnack = 2, kPublish = 3, kPuback = 4, kSuback = 9, kUnsuback = 11, kPingresp = 13 };
 
 struct Packet {

@@ -7,7 +7,7 @@
 // same meets mosquitto, where it is installed, as a yardstick for the machine. Honest clients (honest.cpp) are measured
 // before and with the attack, and at its height the broker gets SIGTERM. One line of a Markdown table a broker and
 // attack; exit status 1 when tarn-broker fails in one. --short takes a quarter of the time, --alone leaves mosquitto
-// out, --option goes to tarn-broker. bench/beside.sh runs it so that nothing is left behind.
+// out, --option goes to tarn-broker. bench/apart.sh runs it so that nothing is left behind.
 #include "attacks.h"
 #include "honest.h"
 #include "support/isolation.h"
@@ -247,14 +247,6 @@ bool read_arguments(int argc, char **argv, Settings &settings)
             settings.broker = std::filesystem::absolute(word); // it runs in another directory
     }
     return settings.list || !settings.broker.empty();
-}
-
-void raise_file_limit()
-{
-    rlimit files{};
-    getrlimit(RLIMIT_NOFILE, &files);
-    files.rlim_cur = files.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &files);
 }
 
 } // namespace

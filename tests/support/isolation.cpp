@@ -69,10 +69,13 @@ void wait_for_the_host_network()
 void isolate_process()
 {
     enter_new_directory();
-    const bool own_network =
-        (unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0) && bring_loopback_up();
-    if (!own_network)
+    if (!enter_new_network())
         wait_for_the_host_network();
+}
+
+bool enter_new_network()
+{
+    return (unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0) && bring_loopback_up();
 }
 
 } // namespace tarn::test

@@ -8,6 +8,10 @@ namespace tarn::test {
 // kernel refuses namespaces, takes a lock on the host instead, since port 1883 is one for all.
 void isolate_process();
 
+// Enters a new network namespace with loopback up; the sockets that are open stay where they are. False where the kernel
+// refuses.
+bool enter_new_network();
+
 } // namespace tarn::test
 
 #endif
