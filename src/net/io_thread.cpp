@@ -196,7 +196,7 @@ void handle_event(const epoll_event &event, const EventSink &sink, uint32_t star
     if (!broken && (event.events & EPOLLOUT))
         note_writable(pin);
     if (side_of(pin.handle()).server != Server::Rounds)
-        return; // its turn comes from the list, or not from here
+        return hear_nothing_aside(pin); // its turn comes from the list, or not from here
     if (broken || (event.events & EPOLLIN))
         take_turn(pin, sink, start, broken, ends);
 }
