@@ -323,6 +323,8 @@ void count_and_log(const char *client_id, int32_t subscriptions, const Found &fo
 
     switch (found.messages) {
     case Found::Messages::NoFile: {
+        if (!log_passes(AGENT_LOG_DEBUG))
+            break;
         Path path;
         client_path(path, Kind::Messages, client_id);
         LOG_DEBUG("[persist][定位] 无离线消息文件：%s", path.text);
