@@ -249,9 +249,9 @@ int run_round(uint32_t start, int timeout_ms) noexcept
     const bool listed  = has_listed();
     const int  wait_ms = listed ? 0 : patience_ms(timeout_ms);
     const int  count   = epoll_wait(netip_epoll_fd, g_epoll_events, NETIP_EPOLL_EVENTS, wait_ms);
-    hurry_lanes(count == 0 && !listed);
     if (count < 0)
         LOG_ERROR("[IO] epoll_wait 错误, errno=%d", errno);
+    hurry_lanes(count == 0 && !listed);
     if (count > 0 || (count == 0 && listed))
         handle_events(count, start);
     if (count >= 0 && layer_runs(start))

@@ -5,8 +5,8 @@
 // threads, so that a new client does not wait for the files of two hundred others, nor they for slow logins.
 //
 // One thread takes what waits for as long as its turns are short, because waking another costs more than such a turn. The
-// next is roused when a turn is not over within kPatience: by an I/O thread, which looks as long as turns wait, or
-// by the thread whose last turn was so long.
+// next is roused when a turn is not over within kPatience, by an I/O thread, which looks as long as turns wait. Where the
+// last turn was longer, as with slow logins, each turn that comes rouses a thread.
 //
 // Turns of one group are taken one after another, in the order they came, whichever line they are for: the second waits
 // with its group and joins its line when the first is done.
@@ -44,6 +44,7 @@ constinit int                   g_serving[kLines] GUARDED_BY(g_lane_mutex){}; //
 constinit int g_turns           GUARDED_BY(g_lane_mutex) = 0;                 // in the lines or under way
 constinit int g_asleep          GUARDED_BY(g_lane_mutex) = 0;                 // threads that wait for work
 constinit int g_roused          GUARDED_BY(g_lane_mutex) = 0;                 // of these, told that there is some
+constinit bool g_turns_are_long GUARDED_BY(g_lane_mutex) = false;             // the last that ended was
 constinit std::atomic<int>      g_waiting{0};                                 // turns in the lines
 constinit std::atomic<uint64_t> g_moved_us{0};                                // when one was taken, or a thread roused
 constinit uint8_t g_next_line   GUARDED_BY(g_lane_mutex) = kFirstTurns;
@@ -108,10 +109,11 @@ bool rouse_one() REQUIRES(g_lane_mutex)
     return true;
 }
 
-// The same, where no thread is awake or about to be.
-bool rouse_first() REQUIRES(g_lane_mutex)
+// For a turn that has come: true likewise.
+bool rouse_for_turn() REQUIRES(g_lane_mutex)
 {
-    return g_asleep == g_lane_count && g_roused == 0 && rouse_one();
+    const bool nobody_is_awake = g_asleep == g_lane_count && g_roused == 0;
+    return (nobody_is_awake || g_turns_are_long) && rouse_one();
 }
 
 void enter_group(uint32_t handle) REQUIRES(g_lane_mutex)
@@ -189,14 +191,14 @@ void wait_for_work() REQUIRES(g_lane_mutex)
     g_roused -= g_roused > 0;
 }
 
-bool take_turn(Turn &turn, uint32_t start, bool last_was_long)
+bool take_turn(Turn &turn, uint32_t start)
 {
     ScopedLock lock(g_lane_mutex);
     while (layer_runs(start)) {
         if (!g_pauses.empty())
             end_pauses(mono_us());
         if (pick(turn)) {
-            if (last_was_long && rouse_one())
+            if (g_turns_are_long && rouse_one())
                 pthread_cond_signal(&g_work_came);
             return true;
         }
@@ -254,16 +256,15 @@ void note_done(const Turn &turn, uint32_t start)
         return; // the queues have been emptied, or will be
     --g_serving[turn.errand.line];
     --g_turns;
+    g_turns_are_long = elapsed(mono_us(), turn.began_us) >= kPatience_us;
 }
 
 void *lane_thread(void *arg) noexcept
 {
-    t_on_lane           = true;
-    const auto start    = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(arg));
-    bool       was_long = false;
-    for (Turn turn; take_turn(turn, start, was_long);) {
+    t_on_lane        = true;
+    const auto start = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(arg));
+    for (Turn turn; take_turn(turn, start);) {
         serve(turn, start);
-        was_long = elapsed(mono_us(), turn.began_us) >= kPatience_us;
         note_done(turn, start);
     }
     return nullptr;
@@ -361,7 +362,7 @@ void hand_over_to_lanes(uint32_t start) noexcept
 {
     if (t_given.empty())
         return;
-    bool roused;
+    int roused = 0;
     {
         ScopedLock lock(g_lane_mutex);
         if (!layer_runs(start))
@@ -371,11 +372,11 @@ void hand_over_to_lanes(uint32_t start) noexcept
             Group         &group  = g_groups[errand_of(handle).group % kGroups];
             group.given -= group.given > 0;
             enter_group(handle);
+            roused += rouse_for_turn();
         }
         start_lanes(g_turns, start);
-        roused = rouse_first();
     }
-    if (roused)
+    for (; roused > 0; --roused)
         pthread_cond_signal(&g_work_came);
 }
 
