@@ -43,10 +43,10 @@ constinit SlotQueue             g_lines[kLines] GUARDED_BY(g_lane_mutex){};
 constinit int                   g_serving[kLines] GUARDED_BY(g_lane_mutex){}; // threads
 constinit int g_turns           GUARDED_BY(g_lane_mutex) = 0;                 // in the lines or under way
 constinit int g_asleep          GUARDED_BY(g_lane_mutex) = 0;                 // threads that wait for work
-constinit int g_roused          GUARDED_BY(g_lane_mutex) = 0;                 // of these, told that there is some
 constinit bool g_turns_are_long GUARDED_BY(g_lane_mutex) = false;             // the last that ended was
 constinit std::atomic<int>      g_waiting{0};                                 // turns in the lines
-constinit std::atomic<uint64_t> g_moved_us{0};                                // when one was taken, or a thread roused
+constinit std::atomic<int>      g_roused{0};   // threads that were told of one, and have not looked yet
+constinit std::atomic<uint64_t> g_moved_us{0}; // when one was taken, or a thread roused
 constinit uint8_t g_next_line   GUARDED_BY(g_lane_mutex) = kFirstTurns;
 constinit Group                 g_groups[kGroups] GUARDED_BY(g_lane_mutex){};
 constinit SlotQueue g_pauses    GUARDED_BY(g_lane_mutex){}; // all are equally long: due in this order
@@ -380,14 +380,15 @@ void hand_over_to_lanes(uint32_t start) noexcept
         pthread_cond_signal(&g_work_came);
 }
 
+// Each thread that was roused takes one, as soon as there is a processor for it.
 int patience_ms(int timeout_ms) noexcept
 {
-    return g_waiting > 0 ? std::min(timeout_ms, kPatience_ms) : timeout_ms;
+    return g_waiting > g_roused ? std::min(timeout_ms, kPatience_ms) : timeout_ms;
 }
 
 void hurry_lanes(bool has_waited) noexcept
 {
-    if (g_waiting == 0 || (!has_waited && elapsed(mono_us(), g_moved_us) < kPatience_us))
+    if (g_waiting == 0 || g_roused > 0 || (!has_waited && elapsed(mono_us(), g_moved_us) < kPatience_us))
         return;
     bool roused;
     {
