@@ -4,6 +4,7 @@
 #include <array>
 #include <atomic>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -33,6 +34,19 @@ bool is_open_tcp(uint32_t handle)
     return peek(slot.in_use, std::memory_order_acquire) != 0 && peek(slot.type) == NETIP_TCP;
 }
 
+bool set(int fd, int level, int name, int value)
+{
+    return setsockopt(fd, level, name, &value, sizeof value) == 0;
+}
+
+// Connections have what their listener had when they came, so most need no calls of their own.
+bool is_probed(uint32_t handle)
+{
+    int       on     = 0;
+    socklen_t length = sizeof on;
+    return getsockopt(peek(g_netip_clients[handle].fd), SOL_SOCKET, SO_KEEPALIVE, &on, &length) == 0 && on != 0;
+}
+
 bool has_connected(uint32_t handle)
 {
     mqtt_client_t *const client = client_find_by_handle(handle);
@@ -41,11 +55,21 @@ bool has_connected(uint32_t handle)
 
 } // namespace
 
+void probe_connections()
+{
+    const int listener = peek(g_netip_tcp_listen);
+    // The switch is the last: who has it has the rest.
+    (void)(set(listener, IPPROTO_TCP, TCP_KEEPIDLE, kProbeAfter_s) &&
+           set(listener, IPPROTO_TCP, TCP_KEEPINTVL, kProbeEvery_s) &&
+           set(listener, IPPROTO_TCP, TCP_KEEPCNT, kProbes) && set(listener, SOL_SOCKET, SO_KEEPALIVE, 1));
+}
+
 bool connection_opened(uint32_t handle, int64_t now_ms)
 {
     if (handle >= g_opened_ms.size() || !is_open_tcp(handle))
         return false;
-    netip_set_tcp_keepalive(handle, kProbeAfter_s, kProbeEvery_s, kProbes);
+    if (!is_probed(handle))
+        netip_set_tcp_keepalive(handle, kProbeAfter_s, kProbeEvery_s, kProbes);
     g_opened_ms[handle] = std::max<int64_t>(now_ms, 1);
     return true;
 }

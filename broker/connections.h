@@ -10,6 +10,9 @@
 
 namespace tarn::broker {
 
+// From now on the kernel probes who connects. Behind start.
+void probe_connections();
+
 // By any thread; no memory is needed. UDP senders are left alone: the end of one closes the socket of all.
 bool connection_opened(uint32_t handle, int64_t now_ms); // false when it is none of TCP
 void connection_closed(uint32_t handle);

@@ -214,6 +214,7 @@ void guard(broker_t *broker, Access &access, Quotas &quotas, bool asks, TellRefu
 
 void guard_connections()
 {
+    probe_connections();
     install_gate({.judge_will = g_serves_standard ? nullptr : judge_will, .opened = on_opened, .closed = on_closed});
 }
 

@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 namespace tarn::net {
@@ -63,18 +62,18 @@ bool take_waiting(Arrival &arrival)
     return true;
 }
 
+// To UDP, which is read in rounds only. Before the socket joins epoll, so that its own events never come before this one.
+void owe_a_round()
+{
+    if (peek(g_netip_udp) >= 0)
+        wake_io_thread();
+}
+
 bool accept_one(Arrival &arrival)
 {
     arrival.fd = Fd(accept4(peek(g_netip_tcp_listen), reinterpret_cast<sockaddr *>(&arrival.peer.address),
                             &arrival.peer.length, SOCK_NONBLOCK | SOCK_CLOEXEC));
     return static_cast<bool>(arrival.fd);
-}
-
-// Without delay: each packet is one write, and the peer often waits for it.
-void send_at_once(int fd)
-{
-    const int on = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
 // The callback comes before the socket joins epoll, so that "connected" precedes everything else.
@@ -106,7 +105,7 @@ bool admit(Arrival &arrival)
     }
     if (connection.handle == NETIP_NO_HANDLE)
         return true; // the table is full, and the arrival closes itself
-    send_at_once(arrival.fd.release());
+    arrival.fd.release();
     introduce(SlotPin(connection, SlotPin::Counted), event_sink());
     return true;
 }
@@ -133,7 +132,7 @@ void *accept_thread(void *)
     for (;;) {
         Arrival arrival;
         if (take_waiting(arrival) || accept_one(arrival)) {
-            wake_io_thread(); // before the socket joins epoll, so that its own events never come before this one
+            owe_a_round();
             if (!admit(arrival))
                 return nullptr;
             continue;

@@ -13,10 +13,12 @@ constinit std::atomic<void (*)(uint32_t)> g_writable{nullptr};
 
 } // namespace
 
+// The two change together only while the layer is down, and a host that puts itself in the callback's place leaves the
+// argument: so no lock is needed, which every round and every accepted connection would wait for.
 EventSink event_sink() noexcept
 {
-    ScopedLock lock(g_netip_lock);
-    return {g_netip_cb, g_netip_cb_arg};
+    const netip_event_cb_t call = peek_acquire(g_netip_cb);
+    return {call, peek(g_netip_cb_arg)};
 }
 
 void EventSink::connected(uint32_t handle, uint32_t reason) const noexcept

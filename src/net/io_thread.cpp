@@ -196,7 +196,7 @@ void handle_event(const epoll_event &event, const EventSink &sink, uint32_t star
     if (!broken && (event.events & EPOLLOUT))
         note_writable(pin);
     if (side_of(pin.handle()).server != Server::Rounds)
-        return; // its turn comes from the list, or not from here
+        return hear_nothing_aside(pin); // its turn comes from the list, or not from here
     if (broken || (event.events & EPOLLIN))
         take_turn(pin, sink, start, broken, ends);
 }
@@ -246,14 +246,16 @@ int run_round(uint32_t start, int timeout_ms) noexcept
     RoundLock turn;
     if (!layer_runs(start))
         return 0;
-    const bool listed = has_listed();
-    const int  count  = epoll_wait(netip_epoll_fd, g_epoll_events, NETIP_EPOLL_EVENTS, listed ? 0 : timeout_ms);
+    const bool listed  = has_listed();
+    const int  wait_ms = listed ? 0 : patience_ms(timeout_ms);
+    const int  count   = epoll_wait(netip_epoll_fd, g_epoll_events, NETIP_EPOLL_EVENTS, wait_ms);
     if (count < 0)
         LOG_ERROR("[IO] epoll_wait 错误, errno=%d", errno);
+    hurry_lanes(count == 0 && !listed);
     if (count > 0 || (count == 0 && listed))
         handle_events(count, start);
     if (count >= 0 && layer_runs(start))
-        resume_watching(count == 0 && !listed);
+        resume_watching(count == 0 && !listed && wait_ms == timeout_ms);
     return count;
 }
 

@@ -4,6 +4,10 @@
 // connection, which is its CONNECT as a rule, and one for all others. Both are served in turn, and neither gets all
 // threads, so that a new client does not wait for the files of two hundred others, nor they for slow logins.
 //
+// One thread takes what waits for as long as its turns are short, because waking another costs more than such a turn. The
+// next is roused when a turn is not over within kPatience, by an I/O thread, which looks as long as turns wait. Where the
+// last turn was longer, as with slow logins, each turn that comes rouses a thread.
+//
 // Turns of one group are taken one after another, in the order they came, whichever line they are for: the second waits
 // with its group and joins its line when the first is done.
 #include "lane.h"
@@ -21,6 +25,9 @@ constexpr int      kLanes   = 4;
 constexpr int      kPerLine = kLanes - 1; // threads that serve one line at a time
 constexpr uint32_t kGroups  = 1024;
 
+constexpr int      kPatience_ms = 1;
+constexpr uint64_t kPatience_us = uint64_t{kPatience_ms} * 1000;
+
 enum Line : uint8_t { kFirstTurns, kOtherTurns, kLines };
 
 struct Group {
@@ -32,14 +39,19 @@ struct Group {
 constinit Mutex g_lane_mutex{};
 pthread_cond_t  g_work_came = PTHREAD_COND_INITIALIZER; // with g_lane_mutex
 
-constinit SlotQueue           g_lines[kLines] GUARDED_BY(g_lane_mutex){};
-constinit int                 g_serving[kLines] GUARDED_BY(g_lane_mutex){}; // threads
-constinit int g_turns         GUARDED_BY(g_lane_mutex) = 0;                 // in the lines or under way
-constinit uint8_t g_next_line GUARDED_BY(g_lane_mutex) = kFirstTurns;
-constinit Group               g_groups[kGroups] GUARDED_BY(g_lane_mutex){};
-constinit SlotQueue g_pauses  GUARDED_BY(g_lane_mutex){}; // all are equally long: due in this order
-constinit pthread_t           g_lanes[kLanes] GUARDED_BY(g_lane_mutex){};
-constinit int g_lane_count    GUARDED_BY(g_lane_mutex) = 0;
+constinit SlotQueue             g_lines[kLines] GUARDED_BY(g_lane_mutex){};
+constinit int                   g_serving[kLines] GUARDED_BY(g_lane_mutex){}; // threads
+constinit int g_turns           GUARDED_BY(g_lane_mutex) = 0;                 // in the lines or under way
+constinit int g_asleep          GUARDED_BY(g_lane_mutex) = 0;                 // threads that wait for work
+constinit bool g_turns_are_long GUARDED_BY(g_lane_mutex) = false;             // the last that ended was
+constinit std::atomic<int>      g_waiting{0};                                 // turns in the lines
+constinit std::atomic<int>      g_roused{0};   // threads that were told of one, and have not looked yet
+constinit std::atomic<uint64_t> g_moved_us{0}; // when one was taken, or a thread roused
+constinit uint8_t g_next_line   GUARDED_BY(g_lane_mutex) = kFirstTurns;
+constinit Group                 g_groups[kGroups] GUARDED_BY(g_lane_mutex){};
+constinit SlotQueue g_pauses    GUARDED_BY(g_lane_mutex){}; // all are equally long: due in this order
+constinit pthread_t             g_lanes[kLanes] GUARDED_BY(g_lane_mutex){};
+constinit int g_lane_count      GUARDED_BY(g_lane_mutex) = 0;
 
 constinit Mutex                 g_listed_mutex{};
 constinit SlotQueue g_listed    GUARDED_BY(g_listed_mutex){};
@@ -78,7 +90,30 @@ void enter_line(uint32_t handle) REQUIRES(g_lane_mutex)
 {
     g_lines[errand_of(handle).line].push(handle);
     ++g_turns;
-    pthread_cond_signal(&g_work_came);
+    if (g_waiting++ == 0)
+        g_moved_us = mono_us();
+}
+
+bool may_take_from(int line) REQUIRES(g_lane_mutex)
+{
+    return !g_lines[line].empty() && g_serving[line] < kPerLine;
+}
+
+// True: a thread is to be signalled, best when the mutex was let go.
+bool rouse_one() REQUIRES(g_lane_mutex)
+{
+    if (g_asleep == g_roused || !(may_take_from(kFirstTurns) || may_take_from(kOtherTurns)))
+        return false;
+    ++g_roused;
+    g_moved_us = mono_us();
+    return true;
+}
+
+// For a turn that has come: true likewise.
+bool rouse_for_turn() REQUIRES(g_lane_mutex)
+{
+    const bool nobody_is_awake = g_asleep == g_lane_count && g_roused == 0;
+    return (nobody_is_awake || g_turns_are_long) && rouse_one();
 }
 
 void enter_group(uint32_t handle) REQUIRES(g_lane_mutex)
@@ -103,10 +138,14 @@ void leave_group(uint32_t number) REQUIRES(g_lane_mutex)
         enter_line(group.waiting.pop());
 }
 
+// Several may end at once, and no I/O thread looks how long they take.
 void end_pauses(uint64_t now_us) REQUIRES(g_lane_mutex)
 {
-    while (!g_pauses.empty() && errand_of(g_pauses.front()).due_us <= now_us)
+    while (!g_pauses.empty() && errand_of(g_pauses.front()).due_us <= now_us) {
         enter_group(g_pauses.pop());
+        if (rouse_one())
+            pthread_cond_signal(&g_work_came);
+    }
 }
 
 // ---- a lane
@@ -114,6 +153,7 @@ void end_pauses(uint64_t now_us) REQUIRES(g_lane_mutex)
 struct Turn {
     uint32_t handle;
     Errand   errand; // a copy: the connection may be in the next queue before this turn is done
+    uint64_t began_us;
 };
 
 bool pick(Turn &turn) REQUIRES(g_lane_mutex)
@@ -121,11 +161,14 @@ bool pick(Turn &turn) REQUIRES(g_lane_mutex)
     for (int tried = 0; tried < kLines; ++tried) {
         const uint8_t line = g_next_line;
         g_next_line        = static_cast<uint8_t>((line + 1) % kLines);
-        if (g_lines[line].empty() || g_serving[line] == kPerLine)
+        if (!may_take_from(line))
             continue;
         turn.handle = g_lines[line].pop();
         turn.errand = errand_of(turn.handle);
         ++g_serving[line];
+        --g_waiting;
+        turn.began_us = mono_us();
+        g_moved_us    = turn.began_us;
         return true;
     }
     return false;
@@ -135,14 +178,17 @@ bool pick(Turn &turn) REQUIRES(g_lane_mutex)
 // ends the pause by itself.
 void wait_for_work() REQUIRES(g_lane_mutex)
 {
+    ++g_asleep;
     if (g_pauses.empty()) {
         pthread_cond_wait(&g_work_came, &g_lane_mutex.raw);
-        return;
+    } else {
+        const uint64_t due_us = errand_of(g_pauses.front()).due_us;
+        const timespec until{static_cast<time_t>(due_us / 1000000), static_cast<long>(due_us % 1000000) * 1000};
+        if (pthread_cond_clockwait(&g_work_came, &g_lane_mutex.raw, CLOCK_MONOTONIC, &until) != 0)
+            end_pauses(due_us);
     }
-    const uint64_t due_us = errand_of(g_pauses.front()).due_us;
-    const timespec until{static_cast<time_t>(due_us / 1000000), static_cast<long>(due_us % 1000000) * 1000};
-    if (pthread_cond_clockwait(&g_work_came, &g_lane_mutex.raw, CLOCK_MONOTONIC, &until) != 0)
-        end_pauses(due_us);
+    --g_asleep;
+    g_roused -= g_roused > 0;
 }
 
 bool take_turn(Turn &turn, uint32_t start)
@@ -151,8 +197,11 @@ bool take_turn(Turn &turn, uint32_t start)
     while (layer_runs(start)) {
         if (!g_pauses.empty())
             end_pauses(mono_us());
-        if (pick(turn))
+        if (pick(turn)) {
+            if (g_turns_are_long && rouse_one())
+                pthread_cond_signal(&g_work_came);
             return true;
+        }
         wait_for_work();
     }
     return false;
@@ -207,6 +256,7 @@ void note_done(const Turn &turn, uint32_t start)
         return; // the queues have been emptied, or will be
     --g_serving[turn.errand.line];
     --g_turns;
+    g_turns_are_long = elapsed(mono_us(), turn.began_us) >= kPatience_us;
 }
 
 void *lane_thread(void *arg) noexcept
@@ -312,16 +362,41 @@ void hand_over_to_lanes(uint32_t start) noexcept
 {
     if (t_given.empty())
         return;
-    ScopedLock lock(g_lane_mutex);
-    if (!layer_runs(start))
-        return release_pins(t_given);
-    while (!t_given.empty()) {
-        const uint32_t handle = t_given.pop();
-        Group         &group  = g_groups[errand_of(handle).group % kGroups];
-        group.given -= group.given > 0;
-        enter_group(handle);
+    int roused = 0;
+    {
+        ScopedLock lock(g_lane_mutex);
+        if (!layer_runs(start))
+            return release_pins(t_given);
+        while (!t_given.empty()) {
+            const uint32_t handle = t_given.pop();
+            Group         &group  = g_groups[errand_of(handle).group % kGroups];
+            group.given -= group.given > 0;
+            enter_group(handle);
+            roused += rouse_for_turn();
+        }
+        start_lanes(g_turns, start);
     }
-    start_lanes(g_turns, start);
+    for (; roused > 0; --roused)
+        pthread_cond_signal(&g_work_came);
+}
+
+// Each thread that was roused takes one, as soon as there is a processor for it.
+int patience_ms(int timeout_ms) noexcept
+{
+    return g_waiting > g_roused ? std::min(timeout_ms, kPatience_ms) : timeout_ms;
+}
+
+void hurry_lanes(bool has_waited) noexcept
+{
+    if (g_waiting == 0 || g_roused > 0 || (!has_waited && elapsed(mono_us(), g_moved_us) < kPatience_us))
+        return;
+    bool roused;
+    {
+        ScopedLock lock(g_lane_mutex);
+        roused = rouse_one();
+    }
+    if (roused)
+        pthread_cond_signal(&g_work_came);
 }
 
 // ---- the list of the rounds
@@ -381,7 +456,9 @@ void empty_queues() noexcept
     }
     release_pins(g_pauses);
     std::fill_n(g_serving, int{kLines}, 0);
-    g_turns = 0;
+    g_turns   = 0;
+    g_waiting = 0;
+    g_roused  = 0;
 }
 
 } // namespace tarn::net

@@ -42,6 +42,11 @@ bool give_to_lane(const SlotPin &pin, Work work, uint32_t group, uint32_t start)
 // round that read the packet is going on: who has the answer knows that the round's look at UDP is over.
 void hand_over_to_lanes(uint32_t start) noexcept;
 
+// While turns wait for a lane, the I/O thread looks after at most patience_ms() whether they are taken, and calls
+// hurry_lanes(). `has_waited`: for so long, without an event.
+int  patience_ms(int timeout_ms) noexcept;
+void hurry_lanes(bool has_waited) noexcept;
+
 // `finish` is called kClosePause_ms from now. The same result.
 bool pause_on_lane(const SlotPin &pin, const Finish &finish, uint32_t start) noexcept;
 

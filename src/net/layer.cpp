@@ -10,6 +10,7 @@
 #include "lane.h"
 
 #include <algorithm>
+#include <netinet/tcp.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
@@ -72,6 +73,13 @@ bool is_our_listener(int fd)
            address.sin_family == AF_INET && address.sin_port == htons(NETIP_PORT);
 }
 
+// Without delay: each packet is one write, and the peer often waits for it. Connections have it from their listener.
+void send_at_once(int listener)
+{
+    const int on = 1;
+    setsockopt(listener, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
 Start open_listener(Parts &parts)
 {
     Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -110,23 +118,25 @@ Start make_parts(Parts &parts, int32_t io_threads, Udp udp)
     if (!is_our_listener(parts.listener))
         if (const Start failure = open_listener(parts); failure != Start::Up)
             return failure;
-    (void)watch_shared(parts.epoll.get(), parts.listener);
+    send_at_once(parts.listener);
     parts.wake_fd = Fd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)); // without it UDP waits a little longer
     (void)watch_shared(parts.epoll.get(), parts.wake_fd.get());
     if (udp == Udp::Open)
         parts.udp = open_udp();
+    if (parts.udp) // an arrival is a round, in which UDP is read; without UDP it only would wake the thread for nothing
+        (void)watch_shared(parts.epoll.get(), parts.listener);
     return Start::Up;
 }
 
 void set_callback(netip_event_cb_t cb, void *arg) REQUIRES(g_netip_lock)
 {
-    g_netip_cb     = cb;
     g_netip_cb_arg = arg;
+    poke_release(g_netip_cb, cb); // see event_sink()
 }
 
 void set_descriptors(int epoll, int wake_fd, int listener, int udp) REQUIRES(g_netip_lock)
 {
-    ScopedLock lock(g_shared_fd_mutex);
+    const SharedFds changing(SharedFds::Change);
     netip_epoll_fd     = epoll;
     g_wake_fd          = wake_fd;
     g_netip_tcp_listen = listener;

@@ -4,7 +4,7 @@
 // The exported table decides, and a host may edit it. What the layer must know beyond it is in g_sides, by handle. A
 // slot that a host filled has generation 0 there and is served like any other.
 //
-// Locks, outermost first: g_netip_lock, a slot's own lock, g_shared_fd_mutex. The last two are leaves for everybody
+// Locks, outermost first: g_netip_lock, a slot's own lock, that of SharedFds. The last two are leaves for everybody
 // else: only calls that cannot block are made under them, and nothing is logged.
 #ifndef TARN_NET_NETIP_INTERNAL_H
 #define TARN_NET_NETIP_INTERNAL_H
@@ -66,12 +66,13 @@ struct SlotSide {
     Shared<uint8_t>       paused;         // taken out of epoll for a while; changes under the slot lock
     HalfSent              half_sent;      // Slot lock
     Shared<Server>        server;         // changes under the slot lock
-    Shared<uint8_t>       unwatched;      // not in epoll, since it was aside or waited; changes under the slot lock
-    uint8_t               resumed;        // resume() was called since the hook was asked. Slot lock
-    Shared<uint8_t>       asks_about_all; // see ask_about_all()
-    Shared<uint8_t>       was_aside;      // a packet of it went to a lane before
-    Errand                errand;         // g_lane_mutex
-    uint8_t              *big_packet;     // in front, if it is above NETIP_RX_SIZE (big_packet.cpp); its reader's
+    Shared<uint8_t>
+        unwatched; // not in epoll, since it sent something while it was aside or waited; changes under the slot lock
+    uint8_t         resumed;        // resume() was called since the hook was asked. Slot lock
+    Shared<uint8_t> asks_about_all; // see ask_about_all()
+    Shared<uint8_t> was_aside;      // a packet of it went to a lane before
+    Errand          errand;         // g_lane_mutex
+    uint8_t        *big_packet;     // in front, if it is above NETIP_RX_SIZE (big_packet.cpp); its reader's
 };
 extern SlotSide g_sides[NETIP_CLIENTS_MAX];
 
@@ -164,7 +165,7 @@ struct EventSink {
 };
 enum { REASON_TCP = 0, REASON_LOCAL = 2, REASON_DATAGRAM = 3, REASON_DATA = 3 };
 
-// The callback registered now, read under g_netip_lock. Events are delivered with no lock held.
+// The callback registered now. Events are delivered with no lock held.
 EventSink event_sink() noexcept;
 
 void call_round_begin() noexcept;
@@ -173,8 +174,16 @@ void call_writable_hook(uint32_t handle) noexcept;
 
 // ---- epoll registrations and shared descriptors (watch.cpp)
 
-// The descriptors that all slots share are closed under this lock: netip_epoll_fd, g_netip_udp and g_wake_fd.
-extern Mutex           g_shared_fd_mutex;
+// The descriptors that all slots share: netip_epoll_fd, g_netip_udp and g_wake_fd. Who uses one keeps it open, and does
+// not wait for others who use them; who replaces or closes one waits for those.
+class SharedFds {
+public:
+    enum For { Use, Change };
+    explicit SharedFds(For what) noexcept;
+    ~SharedFds();
+    SharedFds(const SharedFds &)            = delete;
+    SharedFds &operator=(const SharedFds &) = delete;
+};
 extern Shared<int32_t> g_wake_fd; // an eventfd watched by epoll, -1 = none
 
 // Slot lock held for these.
@@ -222,6 +231,9 @@ bool hand_up_first(const SlotPin &pin, const EventSink &sink, uint32_t start) no
 
 // Keeps rounds away from the connection, in favour of this one. False when it was closed.
 bool step_aside(const SlotPin &pin, Server server) noexcept;
+
+// Takes the connection out of epoll, which told of it, until it is through with the lane or resumed.
+void hear_nothing_aside(const SlotPin &pin) noexcept;
 
 // After a turn: whole packets that are left, or an end that is put off, make the connection the next round's, else
 // epoll's.

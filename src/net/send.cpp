@@ -106,7 +106,7 @@ uint32_t send_once(uint32_t handle, const OutPacket &packet)
 Sent send_datagrams(uint32_t handle, const OutPacket *packets, int count)
 {
     const netip_conn_t &slot = slot_of(handle);
-    ScopedLock          lock(g_shared_fd_mutex);
+    const SharedFds     open(SharedFds::Use);
     const int           fd = side_of(handle).generation ? g_netip_udp : slot.fd;
     const auto         *to = reinterpret_cast<const sockaddr *>(&slot.peer);
     for (int i = 0; i < count; ++i)

@@ -1,8 +1,9 @@
 // serve.cpp - which thread serves a connection, and how one packet is handed up.
 //
 // A connection is served by one thread at a time (Server): by I/O threads when epoll tells of it, by the next round
-// while whole packets are left in its buffer, by a lane, or by nobody until it is resumed. In the last two cases it is
-// out of epoll, or what it sends meanwhile would be told again and again.
+// while whole packets are left in its buffer, by a lane, or by nobody until it is resumed. In the last two cases it
+// leaves epoll as soon as that tells of it, or what it sends meanwhile would be told again and again. Most send nothing
+// before they have their answer, and so stay.
 #include "../base/clock.h"
 #include "../log/log.h"
 #include "framing.h"
@@ -31,16 +32,6 @@ void forget_resume(const SlotPin &pin)
     side_of(pin.handle()).resumed = 0;
 }
 
-// Slot lock held.
-void leave_epoll(uint32_t handle, Server server)
-{
-    SlotSide &side = side_of(handle);
-    if (!side.unwatched)
-        unwatch(handle);
-    side.unwatched = 1;
-    side.server    = server;
-}
-
 // False when the connection was resumed since the hook was asked, which is to be asked again.
 bool wait_for_resume(const SlotPin &pin)
 {
@@ -49,7 +40,7 @@ bool wait_for_resume(const SlotPin &pin)
         return true;
     if (side_of(pin.handle()).resumed)
         return false;
-    leave_epoll(pin.handle(), Server::Nobody);
+    side_of(pin.handle()).server = Server::Nobody;
     return true;
 }
 
@@ -140,12 +131,23 @@ bool hand_up_first(const SlotPin &pin, const EventSink &sink, uint32_t start) no
     return pin.is_current();
 }
 
+void hear_nothing_aside(const SlotPin &pin) noexcept
+{
+    SlotLock   slot(pin.handle(), SlotLock::Always);
+    SlotSide  &side     = side_of(pin.handle());
+    const bool is_aside = side.server == Server::Lane || side.server == Server::Nobody;
+    if (!pin.is_current() || !is_aside || side.unwatched)
+        return;
+    unwatch(pin.handle());
+    side.unwatched = 1;
+}
+
 bool step_aside(const SlotPin &pin, Server server) noexcept
 {
     SlotLock slot(pin.handle(), SlotLock::Always);
     if (!pin.is_current())
         return false;
-    leave_epoll(pin.handle(), server);
+    side_of(pin.handle()).server = server;
     side_of(pin.handle()).pins.fetch_add(1, std::memory_order_relaxed);
     return true;
 }

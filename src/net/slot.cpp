@@ -6,6 +6,7 @@
 #include "netip_internal.h"
 
 #include <arpa/inet.h>
+#include <charconv>
 #include <cstring>
 #include <sched.h>
 #include <sys/mman.h>
@@ -76,6 +77,19 @@ void clear_around_lock(netip_conn_t &slot)
     slot.fd          = 0;
     slot.last_active = 0;
     memset(behind, 0, static_cast<size_t>(end - behind));
+}
+
+// As inet_ntop does, which spends a printf on it while others wait for g_netip_lock.
+void write_address(char (&text)[NETIP_IP_CHARS + 1], const in_addr &address)
+{
+    uint8_t bytes[sizeof address];
+    memcpy(bytes, &address, sizeof bytes);
+    char *at = text;
+    for (const uint8_t byte : bytes) {
+        at    = std::to_chars(at, std::end(text), byte).ptr;
+        *at++ = '.';
+    }
+    at[-1] = '\0';
 }
 
 void wipe_received(netip_conn_t &slot)
@@ -161,7 +175,7 @@ Connection open_slot(uint32_t type, int fd, const PeerAddress &peer) noexcept
     slot.peer        = peer.address;
     slot.peer_len    = peer.length;
     slot.port        = ntohs(peer.address.sin_port);
-    inet_ntop(AF_INET, &peer.address.sin_addr, slot.ip, sizeof slot.ip);
+    write_address(slot.ip, peer.address.sin_addr);
 
     side.wants_writable = 0;
     side.half_sent      = {};

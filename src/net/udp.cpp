@@ -22,7 +22,9 @@ struct Datagram {
 //   test: udp.a_datagram_waits_for_tcp_traffic, udp.one_datagram_is_taken_a_round
 bool receive(Datagram &datagram)
 {
-    ScopedLock lock(g_shared_fd_mutex);
+    if (g_netip_udp < 0)
+        return false;
+    const SharedFds open(SharedFds::Use);
     datagram.fd = g_netip_udp;
     if (datagram.fd < 0)
         return false;

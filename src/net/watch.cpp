@@ -11,7 +11,6 @@
 
 namespace tarn::net {
 
-constinit Mutex           g_shared_fd_mutex{};
 constinit Shared<int32_t> g_wake_fd = -1;
 
 namespace {
@@ -19,6 +18,8 @@ namespace {
 constexpr uint32_t kReadable = EPOLLIN | EPOLLERR | EPOLLHUP;
 
 constexpr uint64_t kWatchPause_ms = 100;
+
+pthread_rwlock_t g_shared_fds = PTHREAD_RWLOCK_INITIALIZER;
 
 constinit std::atomic<uint32_t> g_paused{0};          // slots
 constinit std::atomic<uint64_t> g_paused_since_ms{0}; // of the first of them
@@ -28,7 +29,7 @@ bool change_registration(int operation, uint32_t handle, uint32_t events = 0)
     epoll_event event{};
     event.events   = events;
     event.data.u64 = uint64_t{side_of(handle).generation} << 32 | handle;
-    ScopedLock lock(g_shared_fd_mutex);
+    const SharedFds open(SharedFds::Use);
     return epoll_ctl(netip_epoll_fd, operation, slot_of(handle).fd, &event) == 0;
 }
 
@@ -51,11 +52,24 @@ bool is_time_to_resume(bool idle)
 
 Fd take_shared(Shared<int32_t> &descriptor)
 {
-    ScopedLock lock(g_shared_fd_mutex);
+    const SharedFds changing(SharedFds::Change);
     return Fd(swap_in(descriptor, -1));
 }
 
 } // namespace
+
+SharedFds::SharedFds(For what) noexcept
+{
+    if (what == Use)
+        pthread_rwlock_rdlock(&g_shared_fds);
+    else
+        pthread_rwlock_wrlock(&g_shared_fds);
+}
+
+SharedFds::~SharedFds()
+{
+    pthread_rwlock_unlock(&g_shared_fds);
+}
 
 bool watch(uint32_t handle) noexcept
 {
@@ -121,7 +135,7 @@ bool watch_shared(int epoll, int descriptor) noexcept
 // The listener alone is not enough: epoll tells nothing of a connection that was accepted before it looked.
 void wake_io_thread() noexcept
 {
-    ScopedLock lock(g_shared_fd_mutex);
+    const SharedFds open(SharedFds::Use);
     (void)eventfd_write(g_wake_fd, 1);
 }
 

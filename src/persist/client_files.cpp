@@ -3,6 +3,7 @@
 
 #include "../stats/stats.hpp"
 #include "client_file.h"
+#include "known_files.h"
 #include "retain_file.h"
 
 #include <algorithm>
@@ -30,6 +31,17 @@ Stamp stamp_of(const Path &path) noexcept
     if (!path.usable || stat(path.text, &status) != 0)
         return {};
     return {status.st_dev, status.st_ino, status.st_size, status.st_mtim};
+}
+
+bool may_have_files(const char *client_id) noexcept
+{
+    {
+        ScopedLock lock(g_save_mutex); // first: what is saved meanwhile is on the disk by the time that is asked
+        for (const Kind kind : kKinds)
+            if (find(kind, client_id))
+                return true;
+    }
+    return may_be_on_disk(client_id);
 }
 
 Unsaved read_unsaved(Kind kind, const char *client_id, owned<char> &text, size_t limit, size_t room) noexcept

@@ -20,6 +20,9 @@ Stamp stamp_of(const Path &path) noexcept;
 
 // ---- reading
 
+// False when a client certainly has none, neither here nor on the disk.
+bool may_have_files(const char *client_id) noexcept EXCLUDES(g_save_mutex);
+
 enum class Unsaved : uint8_t { No, Removed, Text };
 // What a load finds in place of the file, if that is not what the disk has: up to `limit` bytes of it and zeroes, in
 // `room` bytes, or null without memory.

@@ -297,10 +297,11 @@ Loaded read_session(persist_session_t &record, Found &found) noexcept
     if (!record.client_id[0])
         return Loaded::NoId;
     terminate_id(record);
-
     const owned<Path> path = allocate<Path>(1);
     if (!path)
         return Loaded::NoMemory;
+    if (!may_have_files(record.client_id))
+        return Loaded::Yes;
     const PersistLock lock;
     client_path(path[0], Kind::Session, record.client_id);
     found.session_file = read_session_file(record, path[0]);
@@ -322,6 +323,8 @@ void count_and_log(const char *client_id, int32_t subscriptions, const Found &fo
 
     switch (found.messages) {
     case Found::Messages::NoFile: {
+        if (!log_passes(AGENT_LOG_DEBUG))
+            break;
         Path path;
         client_path(path, Kind::Messages, client_id);
         LOG_DEBUG("[persist][定位] 无离线消息文件：%s", path.text);

@@ -3,6 +3,7 @@
 
 #include "../base/clock.h"
 #include "../log/log.h"
+#include "known_files.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -143,6 +144,7 @@ void replace_files(std::span<NewFile> files) noexcept
         else
             give_up_writing(file);
     }
+    note_told_changes();
 }
 
 } // namespace tarn::persist

@@ -3,6 +3,7 @@
 #include "../log/log.h"
 #include "../stats/stats.hpp"
 #include "client_files.h"
+#include "known_files.h"
 
 #include <cstdio>
 #include <cstring>
@@ -82,6 +83,7 @@ void init(const char *root_path) noexcept
         snprintf(path.text, sizeof path.text, "%s/%s", g_persist_root_path, directory);
         make_directory(path.text);
     }
+    know_files();
     restore_subscriptions();
     load_retained();
     LOG_INFO("[persist] 持久化模块初始化完成，路径：%s", g_persist_root_path);
@@ -94,6 +96,7 @@ void destroy() noexcept
     stop_saver();
     save_everything();
     forget_files();
+    stop_knowing_files();
 }
 
 void flush() noexcept
@@ -108,7 +111,9 @@ bool remove_session(const char *client_id) noexcept
         return false;
     SaveWaiters waiters[std::size(kKinds)];
     {
-        ScopedLock        files(files_mutex(client_id));
+        ScopedLock files(files_mutex(client_id)); // nobody puts one meanwhile
+        if (!may_have_files(client_id))
+            return true;
         const PersistLock lock;
         for (const Kind kind : kKinds)
             remove_file(kind, client_id, path[0], waiters[static_cast<int>(kind)]);

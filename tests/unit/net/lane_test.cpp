@@ -11,6 +11,7 @@
 using namespace tarn;
 using namespace tarn::net;
 using namespace tarn::test;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -322,6 +323,46 @@ TEST(lane, threads_come_with_work_and_end_with_the_layer)
         EXPECT_EQ(threads_named("tarn-lane"), 4u);
     }
     EXPECT_TRUE(eventually([] { return threads_named("tarn-lane") == 0; }));
+}
+
+TEST(lane, a_connection_leaves_epoll_only_when_it_sends_while_it_is_aside)
+{
+    Doored     test;
+    const auto is_in_epoll = [](uint32_t handle) {
+        epoll_event event{};
+        return epoll_ctl(netip_epoll_fd, EPOLL_CTL_ADD, g_netip_clients[handle].fd, &event) != 0 && errno == EEXIST;
+    };
+    Peer silent, talker;
+    test.layer.events.wait_for(2);
+    silent.send(aside(1));
+    talker.send(aside(2));
+    EXPECT_TRUE(eventually([&] { return test.door.waiting() == 2; }));
+    talker.send(now(3));
+    EXPECT_TRUE(eventually([] { return side_of(1).unwatched == 1; }));
+    EXPECT_TRUE(is_in_epoll(0));
+    EXPECT_EQ(side_of(0).unwatched, 0);
+    test.door.open();
+    EXPECT_EQ(test.layer.events.wait_for(5).back(), data(1, now(3)));
+    EXPECT_TRUE(eventually([] { return side_of(1).unwatched == 0; }));
+    silent.send(now(4));
+    talker.send(now(5));
+    test.layer.events.wait_for(7);
+    EXPECT_EQ(test.layer.events.count(data(0, now(4))) + test.layer.events.count(data(1, now(5))), 2u);
+}
+
+// Turns that are over at once are taken by one thread, others wake another in a moment, whatever the clock shows.
+TEST(lane, a_long_turn_keeps_the_next_waiting_for_a_moment_only)
+{
+    const ManualClock clock;
+    Doored            test;
+    Peer              peers[4];
+    test.layer.events.wait_for(4);
+    for (uint8_t i = 0; i < 3; ++i) {
+        peers[i].send(aside(i));
+        EXPECT_TRUE(eventually([&] { return test.door.waiting() == i + 1; }));
+    }
+    peers[3].send(now(9));
+    EXPECT_THAT(test.layer.events.wait_for(8), Contains(data(3, now(9))));
 }
 
 // ---- groups and lines

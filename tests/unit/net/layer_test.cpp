@@ -509,6 +509,37 @@ TEST(round, tells_its_hooks_before_and_after_its_events)
     EXPECT_THAT(order(), ElementsAre("begin", "data", "data", "end"));
 }
 
+TEST(round, a_new_connection_is_one_where_udp_is_read_and_none_where_it_is_not)
+{
+    static std::atomic<int> rounds;
+    for (const bool udp : {true, false}) {
+        Recorder events;
+        ASSERT_EQ(tarn::net::start(Recorder::callback, &events, 1, udp ? Udp::Open : Udp::Closed), Start::Up);
+        rounds = 0;
+        set_round_hooks({[] { ++rounds; }, [] {}});
+        Peer peer;
+        events.wait_for(1);
+        std::this_thread::sleep_for(kSilence);
+        EXPECT_EQ(rounds > 0, udp);
+        peer.send("C0 00");
+        events.wait_for(2);
+        EXPECT_TRUE(eventually([] { return rounds > 0; }));
+        set_round_hooks({});
+        netip_deinit();
+    }
+}
+
+TEST(round, waits_for_nobody_who_holds_the_lock_of_the_table)
+{
+    Layer layer;
+    Peer  peer;
+    layer.events.wait_for(1);
+    std::this_thread::sleep_for(kSilence);
+    ScopedLock lock(g_netip_lock);
+    peer.send("C0 00");
+    EXPECT_EQ(layer.events.wait_for(2).back(), data(0, wire("C0 00")));
+}
+
 TEST(round, an_idle_layer_only_wakes_every_100_ms)
 {
     Layer layer;

@@ -267,6 +267,18 @@ TEST(a_new_slot, is_filled_with_the_peer)
     EXPECT_NE(fcntl(slot.fd, F_GETFD) & FD_CLOEXEC, 0);
 }
 
+TEST(a_new_slot, shows_any_address_as_text)
+{
+    for (const char *const text : {"0.0.0.0", "255.255.255.255", "10.0.200.99"}) {
+        PeerAddress peer{loopback()};
+        ASSERT_EQ(inet_pton(AF_INET, text, &peer.address.sin_addr), 1);
+        ScopedLock    lock(g_netip_lock);
+        const SlotPin pin(open_slot(NETIP_TCP, -1, peer), SlotPin::Counted);
+        EXPECT_EQ(std::string(pin.slot().ip, 64), text + std::string(64 - strlen(text), '\0'));
+        mark_closed(pin.handle());
+    }
+}
+
 TEST(clear_table, zeroes_all_and_gives_the_pages_back)
 {
     memset(static_cast<void *>(g_netip_clients), 0x55, sizeof g_netip_clients);
