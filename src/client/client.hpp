@@ -195,11 +195,13 @@ void     note_active(mqtt_client_t &client) noexcept;                           
 uint32_t close_silent(uint64_t now_ms, uint32_t default_threshold_ms) noexcept; // a turn; returns how many
 void     publish_due_wills(uint64_t now_ms) noexcept;
 
-// ---- memory (pool.cpp)
+// ---- memory (pool.cpp, ring_loans.cpp)
 
 // Gives back the records of each block of 100 that nobody has used since the call before: a closed client leaves some
 // 5 KB in its record. Returns the number of blocks. Takes pool_mutex, for each of them.
 int32_t give_back_unused_blocks() noexcept;
+// Gives back what was lent to rings and is not needed since the call before.
+void give_back_unused_rings() noexcept;
 
 // ---- all clients (client_list.cpp)
 
