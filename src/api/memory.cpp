@@ -27,6 +27,7 @@ void trim_heap()
 void give_back_memory()
 {
     const int32_t blocks = client::give_back_unused_blocks();
+    client::give_back_unused_rings();
     sub::give_back_unused_entries();
     if (qos::bytes_left_over() >= kWorthTrimming || blocks > 0)
         trim_heap();

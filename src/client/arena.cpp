@@ -2,7 +2,8 @@
 //
 // Both are address ranges that are reserved once and stay for the life of the process: late readers of a released
 // record find zeros, never another type. Pages come when they are written and go back when a block or a ring is given
-// up, so a client costs the few pages it touches and not its 150 KB record and 400 KB ring.
+// up, so a client costs the few pages it touches and not its 150 KB record and 400 KB ring. Those of the rings are
+// written only when there is nothing to lend (ring_loans.cpp).
 #include "../base/memory.h"
 #include "client_internal.h"
 
@@ -10,13 +11,6 @@
 
 namespace tarn::client {
 namespace {
-
-constexpr size_t kPage = 4096;
-
-constexpr size_t whole_pages(size_t bytes)
-{
-    return (bytes + kPage - 1) / kPage * kPage;
-}
 
 constexpr size_t kBlockBytes = whole_pages(CLIENT_BLOCK_RECORDS * sizeof(mqtt_client_t));
 constexpr size_t kRingBytes  = whole_pages(CLIENT_SEND_SLOTS * sizeof(client_send_slot_t));
@@ -35,6 +29,8 @@ char *reserve(size_t bytes, int protection) noexcept
     return static_cast<char *>(area);
 }
 
+} // namespace
+
 char *reserved(std::atomic<char *> &area, size_t bytes, int protection) noexcept
 {
     if (char *const there = area.load(std::memory_order_acquire))
@@ -45,7 +41,6 @@ char *reserved(std::atomic<char *> &area, size_t bytes, int protection) noexcept
     return area.load(std::memory_order_relaxed);
 }
 
-// Null for a record outside the pool, and while there are none.
 client_send_slot_t *own_ring(int32_t index) noexcept
 {
     char *const rings = g_rings.load(std::memory_order_acquire);
@@ -53,8 +48,6 @@ client_send_slot_t *own_ring(int32_t index) noexcept
                ? reinterpret_cast<client_send_slot_t *>(rings + static_cast<size_t>(index) * kRingBytes)
                : nullptr;
 }
-
-} // namespace
 
 mqtt_client_t *records_of(int32_t block) noexcept
 {
@@ -102,6 +95,8 @@ client_send_slot_t *make_ring(const mqtt_client_t &client) noexcept
 
 void free_ring(const mqtt_client_t &client, client_send_slot_t *ring) noexcept
 {
+    if (free_lent_ring(ring, false))
+        return;
     if (ring == own_ring(index_of(&client)))
         madvise(ring, kRingBytes, MADV_DONTNEED);
     else
@@ -110,11 +105,13 @@ void free_ring(const mqtt_client_t &client, client_send_slot_t *ring) noexcept
 
 void trim_ring(mqtt_client_t &client) noexcept
 {
-    const int32_t index = index_of(&client);
-    if (!client.send_queue || client.send_queue != own_ring(index) || side_at(index).flushing)
+    client_send_slot_t *const own = own_ring(index_of(&client));
+    if (!own || !client.send_queue || side_of(&client)->flushing)
         return;
-    madvise(client.send_queue, kRingBytes, MADV_DONTNEED);
-    side_at(index).ring_used = 0;
+    if (client.send_queue == own || free_lent_ring(client.send_queue, false)) {
+        madvise(own, kRingBytes, MADV_DONTNEED);
+        client.send_queue = own;
+    }
 }
 
 } // namespace tarn::client

@@ -71,6 +71,8 @@ Mutex &session_mutex(const mqtt_client_t &client) noexcept;
 void clear_session(mqtt_client_t &client) noexcept;
 // To be called before subs[] or msgs[] is filled up to these counts, so that clear_session knows how much to zero.
 void session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg_count) noexcept;
+// Sets both counts to 0 and leaves the lists as they are. session_mutex held.
+void empty_session_lists(mqtt_client_t &client) noexcept;
 
 // ---- its life (life.cpp; close_seen: close.cpp)
 
@@ -193,11 +195,13 @@ void     note_active(mqtt_client_t &client) noexcept;                           
 uint32_t close_silent(uint64_t now_ms, uint32_t default_threshold_ms) noexcept; // a turn; returns how many
 void     publish_due_wills(uint64_t now_ms) noexcept;
 
-// ---- memory (pool.cpp)
+// ---- memory (pool.cpp, ring_loans.cpp)
 
 // Gives back the records of each block of 100 that nobody has used since the call before: a closed client leaves some
-// 12 KB in its record. Returns the number of blocks. Takes pool_mutex, for each of them.
+// 5 KB in its record. Returns the number of blocks. Takes pool_mutex, for each of them.
 int32_t give_back_unused_blocks() noexcept;
+// Gives back what was lent to rings and is not needed since the call before.
+void give_back_unused_rings() noexcept;
 
 // ---- all clients (client_list.cpp)
 

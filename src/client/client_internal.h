@@ -5,7 +5,7 @@
 // pool has none of its own, and every guard lets it pass.
 //
 // Locks, outermost first: one of g_client_mgr.locks; session_mutex; send_lock or will_lock of one record; leaves
-// pool_mutex, bucket_mutex, and id_mutex within it. None is ever destroyed.
+// pool_mutex, bucket_mutex, id_mutex within it, and g_loans_mutex (ring_loans.cpp). None is ever destroyed.
 #ifndef TARN_CLIENT_CLIENT_INTERNAL_H
 #define TARN_CLIENT_CLIENT_INTERNAL_H
 
@@ -46,7 +46,6 @@ struct Side {
     std::atomic<uint8_t>  awaits_retry;   // its socket took no more, and the send thread tries again
     std::atomic<uint8_t>  refusals;       // failed sends in a row, other than "would block"
     uint8_t               flushing;       // one thread sends from the ring; send_lock
-    Shared<uint8_t>       ring_used;      // slots written since its pages were given back; written under send_lock
     LastPacket            last_packet;    // send_lock
     uint8_t               sent_until;     // with LastPacket::Queued: slot behind the last that is sent; send_lock
     std::atomic<int32_t>  next_listed;    // behind it in the send list: index + 1, 0 = end
@@ -94,15 +93,33 @@ void forget_written(Side &side) noexcept;
 
 // ---- memory (arena.cpp)
 
+constexpr size_t whole_pages(size_t bytes)
+{
+    constexpr size_t kPage = 4096;
+    return (bytes + kPage - 1) / kPage * kPage;
+}
+// A range of addresses that stays for the life of the process, made when first asked for; null when it cannot be.
+char *reserved(std::atomic<char *> &area, size_t bytes, int protection) noexcept;
+
 // Makes the records of a block usable; they are zero until written. False when the system gives no memory.
 [[nodiscard]] bool  open_block(int32_t block) noexcept;
 mqtt_client_t      *records_of(int32_t block) noexcept;
 void                give_back_block(int32_t block) noexcept;         // the records read as zero afterwards
 client_send_slot_t *make_ring(const mqtt_client_t &client) noexcept; // zeroed slots, or null
+client_send_slot_t *own_ring(int32_t index) noexcept; // that of a pool record; null for others, and before one was made
 // Frees a ring of this record's. The ring is not used by anyone any more.
 void free_ring(const mqtt_client_t &client, client_send_slot_t *ring) noexcept;
-// Gives back the pages of the record's ring and leaves it in place, if it is one that can do that and nobody sends.
+// Gives back the pages of the record's ring, with the packets in it, if it is one that can do that and nobody sends.
 void trim_ring(mqtt_client_t &client) noexcept REQUIRES(client.send_lock);
+
+// ---- memory lent to rings that have packets in them (ring_loans.cpp)
+
+// A packet is about to be queued into the ring, which is empty.
+void lend_ring(mqtt_client_t &client) noexcept REQUIRES(client.send_lock);
+// Its last packet was sent.
+void ring_is_empty(mqtt_client_t &client) noexcept REQUIRES(client.send_lock);
+// False: it was not lent.
+bool free_lent_ring(const client_send_slot_t *ring, bool is_empty) noexcept;
 
 // ---- the pool (pool.cpp)
 

@@ -32,6 +32,7 @@
 // record_fields.h says which field is reset on which edge. close.cpp decides about session and will.
 #include "life.h"
 
+#include "../base/clear.h"
 #include "../base/clock.h"
 #include "../base/text.h"
 #include "../codec/codec.hpp"
@@ -72,15 +73,17 @@ template <> struct WordOf<8> {
     using type = uint64_t;
 };
 
+// A fresh record is zero, and most clients leave most fields so: what is zero is not written, or a client would cost the
+// pages of fields that it never sets.
 template <When when, Guard guard, size_t row> void zero_field(mqtt_client_t &client)
 {
     constexpr Field field = kRecord[row];
     if constexpr (field.guard == guard && field[when] == Cell::Zero) {
         uint8_t *const at = reinterpret_cast<uint8_t *>(&client) + field.at;
-        if constexpr (field.is_word)
-            shared(*reinterpret_cast<typename WordOf<field.size>::type *>(at)) = 0;
-        else
-            memset(at, 0, field.size);
+        if constexpr (!field.is_word)
+            clear_written(at, field.size);
+        else if (SharedRef word = shared(*reinterpret_cast<typename WordOf<field.size>::type *>(at)); word != 0)
+            word = 0;
     }
 }
 

@@ -138,7 +138,6 @@ inline constexpr Field kSide[] = {
     ROW(awaits_retry,              Kept,  Kept,   Kept,   Kept,  Kept, Word),
     ROW(refusals,                  Set,   Kept,   Kept,   Kept,  Kept, Word),
     ROW(flushing,                  Kept,  Kept,   Kept,   Kept,  Kept, Send),
-    ROW(ring_used,                 Kept,  Kept,   Set,    Set,   Set,  Send),    // drop_ring()
     ROW(last_packet,               Set,   Kept,   Kept,   Kept,  Kept, Send),
     ROW(sent_until,                Kept,  Kept,   Kept,   Kept,  Kept, Send),    // means something with last_packet only
     ROW(next_listed,               Kept,  Kept,   Kept,   Kept,  Kept, Word),

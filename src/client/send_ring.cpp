@@ -76,8 +76,6 @@ Flushed result_of(const net::Sent &sent, int asked)
 
 void note_queued(mqtt_client_t &client, Side &side, int type) REQUIRES(client.send_lock)
 {
-    if (side.ring_used < CLIENT_SEND_SLOTS)
-        side.ring_used = static_cast<uint8_t>(side.ring_used + 1);
     if (type == DISCONNECT && side.last_packet == LastPacket::Announced) {
         side.last_packet = LastPacket::Queued;
         side.sent_until  = client.send_tail;
@@ -131,6 +129,8 @@ Queued enqueue(mqtt_client_t &client, const PacketParts &packet) EXCLUDES(client
             return Queued::Invalid;
         client.send_queue = ring;
     }
+    if (client.send_head == client.send_tail)
+        lend_ring(client);
     const int tail = client.send_tail % CLIENT_SEND_SLOTS;
     const int next = next_of(tail);
     if (next == client.send_head)
@@ -210,6 +210,8 @@ Flushed flush_ring(mqtt_client_t &client, bool online_only) noexcept NO_LOCK_ANA
         result = Flushed::Partly;
     if (side)
         side->flushing = 0;
+    if (client.send_head == client.send_tail)
+        ring_is_empty(client);
     client.send_lock.unlock();
     return result;
 }
@@ -239,13 +241,12 @@ void drop_ring(mqtt_client_t &client) noexcept
 {
     Side *const               side = side_of(&client);
     ScopedLock                lock(client.send_lock);
-    client_send_slot_t *const ring = client.send_queue;
-    client.send_queue              = nullptr;
-    client.send_head               = 0;
-    client.send_tail               = 0;
-    if (side)
-        side->ring_used = 0;
-    if (ring && !(side && side->flushing))
+    client_send_slot_t *const ring     = client.send_queue;
+    const bool                is_empty = client.send_head == client.send_tail;
+    client.send_queue                  = nullptr;
+    client.send_head                   = 0;
+    client.send_tail                   = 0;
+    if (ring && !(side && side->flushing) && !(is_empty && free_lent_ring(ring, true)))
         free_ring(client, ring);
 }
 

@@ -20,12 +20,10 @@ pthread_t             g_send_thread  = 0;
 namespace tarn::client {
 namespace {
 
-constexpr uint32_t kRetry_ms    = 10;  // while records are listed or I/O rounds are watched
-constexpr uint32_t kIdle_ms     = 100; // otherwise
-constexpr uint32_t kWalk_ms     = 500;
-constexpr uint32_t kTrimIdle_ms = 10000;
-constexpr int      kTrimSlots   = 8;  // a ring that was used less is not worth a system call
-constexpr int      kRefusals    = 10; // from then on a record is tried with each walk only
+constexpr uint32_t kRetry_ms = 10;  // while records are listed or I/O rounds are watched
+constexpr uint32_t kIdle_ms  = 100; // otherwise
+constexpr uint32_t kWalk_ms  = 500;
+constexpr int      kRefusals = 10; // from then on a record is tried with each walk only
 
 constinit std::atomic<uint32_t> g_asleep{0};   // the thread waits in the kernel on this word
 constinit std::atomic<uint8_t>  g_is_asked{0}; // to drain the send list. What a round lists alone does not ask for it.
@@ -123,11 +121,6 @@ bool has_unsent(mqtt_client_t &client)
     return is_online(client) && peek(client.send_queue) && has_packets(client);
 }
 
-bool has_idle_pages(mqtt_client_t &client, Side &side, uint64_t now_ms)
-{
-    return side.ring_used >= kTrimSlots && elapsed(now_ms, client.last_active) >= kTrimIdle_ms;
-}
-
 void send_unlisted(mqtt_client_t &client, int32_t index, RetryList &retries)
 {
     if (index == kOutside)
@@ -136,25 +129,14 @@ void send_unlisted(mqtt_client_t &client, int32_t index, RetryList &retries)
         retries.serve(index);
 }
 
-void trim_idle_ring(mqtt_client_t &client)
-{
-    ScopedLock lock(client.send_lock);
-    if (!has_packets(client))
-        trim_ring(client);
-}
-
 // Looks first and pins where there is something to do: most records rest.
-void walk(RetryList &retries, uint64_t now_ms)
+void walk(RetryList &retries)
 {
     int32_t place = 0;
     while (mqtt_client_t *const record = next_flagged(place)) {
-        const int32_t index = index_of(record);
         if (has_unsent(*record)) {
             const client_ref client(record);
-            send_unlisted(*client, index, retries);
-        } else if (index != kOutside && has_idle_pages(*record, side_at(index), now_ms)) {
-            const client_ref client(record);
-            trim_idle_ring(*client);
+            send_unlisted(*client, index_of(record), retries);
         }
     }
 }
@@ -185,7 +167,7 @@ void run()
         }
         const bool watching = rounds_are_watched(quiet_turns);
         if (quiet_ms >= kWalk_ms || now_ms >= next_walk_ms) {
-            walk(retries, now_ms);
+            walk(retries);
             next_walk_ms = now_ms + kWalk_ms;
             quiet_ms     = 0;
         }

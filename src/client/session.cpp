@@ -1,5 +1,6 @@
 // session.cpp - the session record embedded in a client's: its lock, and how much of its lists was written. It is 149
 // KB, nearly all of it lists that few clients fill.
+#include "../base/clear.h"
 #include "client_internal.h"
 
 #include <cstring>
@@ -30,10 +31,9 @@ void empty_session(mqtt_client_t &client) noexcept
     persist_session_t &session = client.session;
     ScopedLock         lock(session_mutex(client));
     session_written(client, session.sub_count, session.msg_count);
-    memset(session.client_id, 0, sizeof session.client_id);
-    session.will_flag = 0;
-    reset_count(session.sub_count);
-    reset_count(session.msg_count);
+    clear_written(session.client_id, sizeof session.client_id);
+    clear_written(&session.will_flag, sizeof session.will_flag);
+    empty_session_lists(client);
 }
 
 void forget_written(Side &side) noexcept
@@ -60,6 +60,12 @@ void tarn::session_written(mqtt_client_t &client, int32_t sub_count, int32_t msg
     raise(side->msgs_high, msg_count, PERSIST_MSGS_MAX);
 }
 
+void tarn::empty_session_lists(mqtt_client_t &client) noexcept
+{
+    reset_count(client.session.sub_count);
+    reset_count(client.session.msg_count);
+}
+
 void tarn::clear_session(mqtt_client_t &client) noexcept
 {
     persist_session_t &session = client.session;
@@ -71,7 +77,7 @@ void tarn::clear_session(mqtt_client_t &client) noexcept
     session_written(client, session.sub_count, session.msg_count);
     const auto subs = static_cast<size_t>(side->subs_high.exchange(0, std::memory_order_relaxed));
     const auto msgs = static_cast<size_t>(side->msgs_high.exchange(0, std::memory_order_relaxed));
-    memset(&session, 0, offsetof(persist_session_t, subs));
+    clear_written(&session, offsetof(persist_session_t, subs)); // mostly a will, which few clients have
     memset(session.subs, 0, subs * sizeof session.subs[0]);
     reset_count(session.sub_count);
     memset(session.msgs, 0, msgs * sizeof session.msgs[0]);

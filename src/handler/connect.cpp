@@ -151,7 +151,8 @@ void take_will(mqtt_client_t &client, const mqtt_connect_para_t &connect)
 {
     if (!connect.will_flag) {
         ScopedLock lock(session_mutex(client));
-        client.session.will_flag = 0;
+        if (client.session.will_flag) // or a page may be spent on a will that is not there
+            client.session.will_flag = 0;
         return;
     }
     log_will(client, connect);
@@ -180,8 +181,7 @@ void drop_session(mqtt_client_t &client)
     client.session_restored = 0;
     {
         ScopedLock lock(session_mutex(client));
-        client.session.sub_count = 0;
-        client.session.msg_count = 0;
+        empty_session_lists(client);
     }
     LOG_INFO("[会话] CleanSession=1 → 清除历史数据 + 内存订阅");
 }

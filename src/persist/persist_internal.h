@@ -25,10 +25,12 @@ constexpr const char *kSessionDirectory      = "session";
 constexpr const char *kSubscriptionDirectory = "subscription";
 constexpr const char *kMessageDirectory      = "message";
 
-// A caller's record may lack its terminator.
+// A caller's record may lack its terminator. Where it is there it is not written: in a client's record it would often
+// take a page of its own.
 inline void terminate_id(persist_session_t &record) noexcept
 {
-    record.client_id[sizeof record.client_id - 1] = '\0';
+    if (char &last = record.client_id[sizeof record.client_id - 1]; last != '\0')
+        last = '\0';
 }
 
 // ---- texts

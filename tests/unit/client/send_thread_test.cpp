@@ -152,26 +152,3 @@ TEST(send_thread, is_idle_when_there_is_nothing_to_send)
     EXPECT_LT(used_us, 10000) << "1 % of a core";
 #endif
 }
-
-TEST(send_thread, gives_back_the_pages_of_rings_that_rest)
-{
-    ManualClock          clock;
-    const Sending        sending;
-    mqtt_client_t *const client = log_in(1, "dev1");
-    Socket               socket(1);
-    for (uint8_t i = 1; i <= 20; ++i) {
-        send(client, {i});
-        socket.wait_for(1);
-    }
-    EXPECT_TRUE(eventually([&] { return peek(client->send_head) == 20; }));
-    const auto first_byte = [&] {
-        ScopedLock lock(client->send_lock);
-        return client->send_queue[0].data[0];
-    };
-    EXPECT_EQ(first_byte(), 1);
-    clock.advance_ms(10000);
-    EXPECT_TRUE(eventually([&] { return first_byte() == 0; }));
-    EXPECT_EQ(peek(client->send_head), 20) << "the ring stays where it was";
-    send(client, {9});
-    EXPECT_EQ(socket.wait_for(1), Bytes{9});
-}
