@@ -21,6 +21,8 @@ void tell(broker_t &broker, const char *client_id, uint32_t kind, const char *to
 
 // Whether allows() and accepts() ask anybody: else the answer is yes, and nobody need be kept waiting for it.
 [[nodiscard]] bool asks_about_topics(mqtt_client_t &client) noexcept;
+// Whether tell() reaches anybody.
+[[nodiscard]] bool hears_events(mqtt_client_t &client) noexcept;
 // Of an instance, null for none, before there is a record.
 bool               accepts(broker_t *owner, const char *client_id, const char *username, const char *password) noexcept;
 [[nodiscard]] bool asks_about_logins(broker_t *owner) noexcept;

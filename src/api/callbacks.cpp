@@ -107,6 +107,12 @@ bool api::asks_about_topics(mqtt_client_t &client) noexcept
     return owner && peek_acquire(owner->acl_cb);
 }
 
+bool api::hears_events(mqtt_client_t &client) noexcept
+{
+    const broker_t *const owner = owner_of(client);
+    return owner && peek_acquire(owner->event_cb);
+}
+
 bool api::asks_about_logins(broker_t *owner) noexcept
 {
     return owner && peek_acquire(owner->auth_cb);

@@ -66,6 +66,7 @@ constinit thread_local RoundLock *RoundLock::t_round_lock = nullptr;
 // for 0 bytes and returns 0 as soon as another byte waits.
 ssize_t receive_bytes(const SlotPin &pin)
 {
+    move_to_front(pin);
     SlotLock slot(pin.handle(), SlotLock::Always);
     if (!pin.is_current())
         return -1;

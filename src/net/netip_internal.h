@@ -66,13 +66,13 @@ struct SlotSide {
     Shared<uint8_t>       paused;         // taken out of epoll for a while; changes under the slot lock
     HalfSent              half_sent;      // Slot lock
     Shared<Server>        server;         // changes under the slot lock
-    Shared<uint8_t>
-        unwatched; // not in epoll, since it sent something while it was aside or waited; changes under the slot lock
-    uint8_t         resumed;        // resume() was called since the hook was asked. Slot lock
-    Shared<uint8_t> asks_about_all; // see ask_about_all()
-    Shared<uint8_t> was_aside;      // a packet of it went to a lane before
-    Errand          errand;         // g_lane_mutex
-    uint8_t        *big_packet;     // in front, if it is above NETIP_RX_SIZE (big_packet.cpp); its reader's
+    Shared<uint8_t>       unwatched;      // out of epoll: it sent while aside or waiting; changes under the slot lock
+    uint8_t               resumed;        // resume() was called since the hook was asked. Slot lock
+    Shared<uint8_t>       asks_about_all; // see ask_about_all()
+    Shared<uint8_t>       was_aside;      // a packet of it went to a lane before
+    Errand                errand;         // g_lane_mutex
+    uint32_t              front;      // of slot.rx_buf: where the packet in front begins (big_packet.cpp); its reader's
+    uint8_t              *big_packet; // in front, if it is above NETIP_RX_SIZE (big_packet.cpp); its reader's
 };
 extern SlotSide g_sides[NETIP_CLIENTS_MAX];
 
@@ -217,6 +217,8 @@ uint8_t             *received_bytes(const SlotPin &pin) noexcept; // slot.rx_len
 void measure(const SlotPin &pin) noexcept;
 // Drops the packet in front and measures the next.
 void drop_packet(const SlotPin &pin) noexcept;
+// What is left stands at the beginning of the slot's buffer; before more is received.
+void move_to_front(const SlotPin &pin) noexcept;
 void drop_big_packet(uint32_t handle) noexcept;
 
 // ---- serving a connection (serve.cpp). Its receive buffer is the calling thread's.

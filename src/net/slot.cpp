@@ -183,6 +183,7 @@ Connection open_slot(uint32_t type, int fd, const PeerAddress &peer) noexcept
     side.unwatched      = 0;
     side.asks_about_all = 0;
     side.was_aside      = 0;
+    side.front          = 0;
     side.pins.fetch_add(1, std::memory_order_relaxed);
     side.generation = next_generation();
     poke_release(slot.in_use, 1);

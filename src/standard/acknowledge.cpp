@@ -18,11 +18,32 @@ void end_if_unexpected(Engine &engine, Connection &connection, const Acknowledge
 {
     if (acknowledged.outcome == Outcome::Unexpected)
         end_connection(engine, connection, Reason::ProtocolError);
-    else
+    else if (connection.session->wants_filling())
         list_for_flush(engine, connection); // there may be room for more
 }
 
-void on_pubrec(Engine &engine, Connection &connection, const Ack &ack) REQUIRES(engine_mutex)
+struct ReceivedAck {
+    PacketType type      = PUBACK;
+    uint16_t   packet_id = 0;
+    Reason     reason    = Reason::Success;
+};
+
+// Most have four bytes: for them the general decoder would take longer than all the rest.
+Verdict read_ack(const Incoming &incoming, ReceivedAck &ack)
+{
+    const codec::standard::Bytes packet   = incoming.packet;
+    const bool                   is_short = packet.size() == sizeof codec::standard::ShortAck::bytes && packet[1] == 2;
+    if (is_short && (packet[2] != 0 || packet[3] != 0)) {
+        ack = {codec::standard::type_of(packet[0]), static_cast<uint16_t>(packet[2] << 8 | packet[3]), Reason::Success};
+        return {};
+    }
+    Ack           whole;
+    const Verdict verdict = decode_ack(packet, incoming.connection.level, whole);
+    ack                   = {whole.type, whole.packet_id, whole.reason};
+    return verdict;
+}
+
+void on_pubrec(Engine &engine, Connection &connection, const ReceivedAck &ack) REQUIRES(engine_mutex)
 {
     Session           &session      = *connection.session;
     const Acknowledged acknowledged = session.deliveries.pubrec(ack.packet_id, static_cast<uint8_t>(ack.reason));
@@ -34,7 +55,7 @@ void on_pubrec(Engine &engine, Connection &connection, const Ack &ack) REQUIRES(
 }
 
 // PUBCOMP lets the client use the identifier again, so a file must know first that it is free.
-void on_pubrel(Engine &engine, Connection &connection, const Ack &ack) REQUIRES(engine_mutex)
+void on_pubrel(Engine &engine, Connection &connection, const ReceivedAck &ack) REQUIRES(engine_mutex)
 {
     Session   &session = *connection.session;
     const bool held    = session.incoming.release(ack.packet_id);
@@ -51,8 +72,8 @@ void on_pubrel(Engine &engine, Connection &connection, const Ack &ack) REQUIRES(
 void handle_ack(const Incoming &incoming) noexcept
 {
     Connection &connection = incoming.connection;
-    Ack         ack;
-    if (const Verdict verdict = decode_ack(incoming.packet, connection.level, ack); !verdict.ok())
+    ReceivedAck ack;
+    if (const Verdict verdict = read_ack(incoming, ack); !verdict.ok())
         return refuse_packet(connection, verdict);
     Turn turn;
     if (!turn || !connection.session)

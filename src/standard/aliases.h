@@ -47,6 +47,7 @@ public:
 
     void clear() noexcept;
     void set_maximum(uint32_t maximum) noexcept { most_ = maximum < kMost ? static_cast<uint16_t>(maximum) : kMost; }
+    [[nodiscard]] bool are_taken() const noexcept { return most_ > 0; } // by the client
 
     struct Found {
         uint16_t alias  = 0;     // 0: none, the topic is to be sent

@@ -5,6 +5,7 @@
 //   connect.cpp      CONNECT: who the client is, what is agreed on, what becomes of its session
 //   publish.cpp      PUBLISH, and each other way in which a message comes about
 //   route.cpp        who gets a message
+//   forward.cpp      the short way of a message into outboxes
 //   acknowledge.cpp  PUBACK, PUBREC, PUBREL, PUBCOMP
 //   subscribe.cpp    SUBSCRIBE and UNSUBSCRIBE
 //   give_retained.cpp  the retained messages that a subscription begins with
@@ -40,6 +41,8 @@ struct ToldWill {
 // Deliveries at QoS 1 and 2 on the way to one client, whatever it takes.
 constexpr uint16_t kInFlightMost = 4096;
 
+constexpr size_t kOutboxMost = size_t{256} << 10; // bytes of deliveries in an outbox; a longer one goes alone
+
 struct Engine {
     explicit Engine(const Limits &limits) noexcept : state(limits), recorder(journal), checkpointer(state, journal) {}
 
@@ -56,6 +59,9 @@ struct Engine {
     broker_t                  *broker     = nullptr; // of the latest connection
     GrowArray<net::Connection> ending;               // to be closed without the mutex
     GrowArray<uint8_t>         scratch;              // a packet that is being written
+    GrowArray<uint8_t>         forwarded;            // the message that is being routed, encoded (forward.h)
+
+    uint32_t sent = 0; // packets put into outboxes, to be counted before any of them leaves
 
     uint64_t synced     = 0;     // the journal is on the disk up to here, as far as is known
     bool     is_waiting = false; // `journal_waiter` is to be told
@@ -115,11 +121,11 @@ void refuse_packet(Connection &connection, const codec::standard::Verdict &verdi
 // ---- messages (publish.cpp, route.cpp)
 
 struct Publication {
-    MessageRef message;
-    Session   *sender       = nullptr; // the session it came from; null: the host, or a will
-    uint16_t   packet_id    = 0;       // that the sender holds at QoS 2
-    bool       has_answer   = false;   // the sender is told whether it is done
-    bool       is_refusable = false;   // and that it cannot be retained; else the rest is done
+    Draft    draft;
+    Session *sender       = nullptr; // the session it came from; null: the host, or a will
+    uint16_t packet_id    = 0;       // that the sender holds at QoS 2
+    bool     has_answer   = false;   // the sender is told whether it is done
+    bool     is_refusable = false;   // and that it cannot be retained; else the rest is done
 };
 enum class PublishResult : uint8_t {
     Done,
@@ -129,14 +135,14 @@ enum class PublishResult : uint8_t {
     NotRecorded,  // the journal takes no more, and nothing was done; or memory for the record was short
 };
 // Gives the message to all who are to have it, keeps it if it is retained, and records that.
-PublishResult publish(Engine &engine, const Publication &publication) noexcept REQUIRES(engine_mutex);
+PublishResult publish(Engine &engine, Publication publication) noexcept REQUIRES(engine_mutex);
 
 struct Routed {
     size_t receivers = 0;
     size_t refused   = 0; // of these, those whose queue is full, at QoS 1 and 2
 };
-Routed route(Engine &engine, const MessageRef &message) noexcept REQUIRES(engine_mutex);
-// To one session that subscribed. False: it should have it and does not get it.
+Routed route(Engine &engine, Draft &draft) noexcept REQUIRES(engine_mutex);
+// Into the queue of one session that subscribed. False: it should have it and does not get it.
 bool deliver(Engine &engine, Session &session, const MessageRef &message, const SubscriptionOptions &options,
              bool retain) noexcept REQUIRES(engine_mutex);
 
@@ -163,6 +169,9 @@ void fail(Engine &engine, Connection &connection) noexcept REQUIRES(engine_mutex
 void flush_listed(Engine &engine) noexcept REQUIRES(engine_mutex);
 // Retained messages for new subscriptions of the session, as many as go now (give_retained.cpp).
 void give_retained(Engine &engine, Session &session) noexcept REQUIRES(engine_mutex);
+// Counts what this thread received; in a round that waits for its end.
+void count_received() noexcept;
+void count_received_publish(uint8_t qos) noexcept;
 // Counts what was dropped since the last time.
 void count_drops(Session &session) noexcept;
 // Flushes those that wait for the journal when it is on the disk.

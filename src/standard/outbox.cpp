@@ -28,8 +28,7 @@ struct Outbox::Chunk {
 
 namespace {
 
-constexpr size_t kCopiedMax = 1024; // bytes of a tail; a longer one is sent from where it lies
-constexpr size_t kSparesMax = 256;  // a megabyte
+constexpr size_t kSparesMax = 256; // a megabyte
 
 constinit size_t g_spare_count = 0; // chunks that wait to be used again; the engine's lock
 

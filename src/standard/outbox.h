@@ -20,6 +20,7 @@ public:
 
     // Adds a packet: `packet`, and behind it a tail. It does not leave before the journal is on the disk up to the place
     // `journaled`. False, and nothing is added, without memory.
+    static constexpr size_t kCopiedMax = 1024; // bytes of a tail; a longer one is sent from where it lies
     struct Tail {
         MessageRef               message; // that has the bytes; empty: there are none
         std::span<const uint8_t> bytes;

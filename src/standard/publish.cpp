@@ -37,14 +37,27 @@ void note_retained(Engine &engine, bool is_retained) REQUIRES(engine_mutex)
     engine.told_retained_full = !is_retained;
 }
 
-} // namespace
-
-PublishResult publish(Engine &engine, const Publication &publication) noexcept
+// Whether a file may have to know of it: it is retained, a kept session may get it at QoS 1 or 2, or the kept one of its
+// sender holds the identifier.
+bool may_be_recorded(const Engine &engine, const Publication &publication)
 {
-    const MessageRef &message     = publication.message;
+    const MessageParts &message = publication.draft.parts();
+    return message.retain || (publication.sender && publication.sender->is_kept()) ||
+           (message.qos > 0 && engine.state.sessions.count_kept() > 0);
+}
+
+PublishResult result_of(const Routed &routed)
+{
+    if (routed.refused > 0 && routed.refused == routed.receivers)
+        return PublishResult::QueueFull;
+    return routed.receivers > 0 ? PublishResult::Done : PublishResult::NobodyThere;
+}
+
+PublishResult publish_and_record(Engine &engine, Publication &publication) REQUIRES(engine_mutex)
+{
+    const MessageRef &message     = publication.draft.message();
     bool              is_retained = false;
-    const bool may_be_recorded    = message->retain() || publication.sender || engine.state.sessions.count_kept() > 0;
-    if (publication.has_answer && may_be_recorded && !engine.journal.can_take(message->size() + kReceiversMost))
+    if (!message || (publication.has_answer && !engine.journal.can_take(message->size() + kReceiversMost)))
         return PublishResult::NotRecorded;
     if (message->retain()) {
         is_retained = retain(engine.state.retained, message);
@@ -53,13 +66,18 @@ PublishResult publish(Engine &engine, const Publication &publication) noexcept
         note_retained(engine, is_retained);
     }
     engine.recorder.begin_publication(message);
-    const Routed routed   = route(engine, message);
+    const Routed routed   = route(engine, publication.draft);
     const bool   recorded = engine.recorder.end_publication({is_retained, publication.sender, publication.packet_id});
-    if (!recorded)
-        return PublishResult::NotRecorded;
-    if (routed.refused > 0 && routed.refused == routed.receivers)
-        return PublishResult::QueueFull;
-    return routed.receivers > 0 ? PublishResult::Done : PublishResult::NobodyThere;
+    return recorded ? result_of(routed) : PublishResult::NotRecorded;
+}
+
+} // namespace
+
+PublishResult publish(Engine &engine, Publication publication) noexcept
+{
+    if (may_be_recorded(engine, publication))
+        return publish_and_record(engine, publication);
+    return result_of(route(engine, publication.draft));
 }
 
 // ---- PUBLISH
@@ -101,23 +119,31 @@ Verdict resolve_alias(Connection &connection, Publish &publish)
     return {};
 }
 
-// Made without the mutex: it may be long.
-MessageRef message_of(const Connection &connection, const Publish &publish)
+// As they are stored and sent on.
+codec::standard::Properties forwarded(const Publish &publish)
 {
-    codec::standard::Properties forwarded = publish.properties;
-    const auto                  expiry_s  = std::exchange(forwarded.message_expiry, std::nullopt);
-    forwarded.topic_alias.reset();
-    const StoredProperties properties(forwarded);
-    if (!properties)
-        return {};
-    return MessageRef::make({.number     = ++*connection.message_numbers,
-                             .expires_ms = expiry_s ? wall_ms() + uint64_t{*expiry_s} * 1000 : 0,
-                             .sender     = connection.session_number,
-                             .qos        = publish.qos,
-                             .retain     = publish.retain,
-                             .topic      = publish.topic,
-                             .properties = properties.bytes(),
-                             .payload    = publish.payload});
+    codec::standard::Properties properties = publish.properties;
+    properties.message_expiry.reset();
+    properties.topic_alias.reset();
+    return properties;
+}
+
+MessageParts parts_of(const Connection &connection, const Publish &publish, const StoredProperties &properties)
+{
+    const auto expiry_s = publish.properties.message_expiry;
+    return {.expires_ms = expiry_s ? wall_ms() + uint64_t{*expiry_s} * 1000 : 0,
+            .sender     = connection.session_number,
+            .qos        = publish.qos,
+            .retain     = publish.retain,
+            .topic      = publish.topic,
+            .properties = properties.bytes(),
+            .payload    = publish.payload};
+}
+
+// It is kept, or sent from where it lies. Then it is made without the mutex, since it may be long.
+bool is_surely_made(const MessageParts &message)
+{
+    return message.qos > 0 || message.retain || message.properties.size() + message.payload.size() > Outbox::kCopiedMax;
 }
 
 // The identifier is free again, as a file must know.
@@ -167,18 +193,30 @@ bool begin_exchange(Engine &engine, Connection &connection, const Publish &publi
     return false;
 }
 
-void accept(Engine &engine, Connection &connection, const Publish &publish, const MessageRef &message)
-    REQUIRES(engine_mutex)
+void accept(Engine &engine, Connection &connection, const Publish &publish, Draft &draft) REQUIRES(engine_mutex)
 {
     if (!begin_exchange(engine, connection, publish))
         return;
     const uint64_t before = engine.recorder.position();
-    Publication    publication{.message = message};
+    Publication    publication{.draft = std::move(draft)};
     publication.sender       = publish.qos == 2 ? connection.session : nullptr;
     publication.packet_id    = publish.packet_id;
     publication.has_answer   = publish.qos > 0;
     publication.is_refusable = publish.qos > 0 && connection.speaks_v5();
-    answer(engine, connection, publish, standard::publish(engine, publication), before);
+    answer(engine, connection, publish, standard::publish(engine, std::move(publication)), before);
+}
+
+// Asks the host, and tells it of what it allows. Most hosts want neither, and then no text is made for them.
+bool is_allowed(Connection &connection, const Publish &publish)
+{
+    mqtt_client_t &record = *connection.record;
+    if (!api::asks_about_topics(record) && !api::hears_events(record))
+        return true;
+    const CText topic(publish.topic);
+    if (!topic || !api::allows(record, topic.get(), BROKER_ACL_PUBLISH))
+        return false;
+    api::tell(record, BROKER_EVENT_PUBLISH, topic.get(), publish.qos);
+    return true;
 }
 
 // The host does not allow it: 3.1.1 acknowledges it nevertheless, as it has no other answer.
@@ -207,24 +245,22 @@ void handle_publish(const Incoming &incoming) noexcept
         verdict = resolve_alias(connection, publish);
     if (!verdict.ok())
         return refuse_packet(connection, verdict);
-    stats::count_qos(publish.qos);
+    count_received_publish(publish.qos);
 
-    const CText topic(publish.topic);
-    const bool  is_allowed = topic && api::allows(*connection.record, topic.get(), BROKER_ACL_PUBLISH);
-    MessageRef  message;
-    if (is_allowed) {
-        api::tell(*connection.record, BROKER_EVENT_PUBLISH, topic.get(), publish.qos);
-        if (connection.stage.load() != Stage::Connected)
-            return; // it was closed meanwhile, perhaps with the engine
-        message = message_of(connection, publish);
-        if (!message)
-            return refuse_packet(connection, {Reason::QuotaExceeded, "there was no memory for its message"});
-    }
+    const bool allowed = is_allowed(connection, publish);
+    if (connection.stage.load() != Stage::Connected)
+        return; // it was closed meanwhile, perhaps with the engine
+    const StoredProperties properties =
+        publish.has_properties ? StoredProperties(forwarded(publish)) : StoredProperties();
+    const MessageParts parts = parts_of(connection, publish, properties);
+    Draft              draft(parts, *connection.message_numbers);
+    if (!properties || (allowed && is_surely_made(parts) && !draft.message()))
+        return refuse_packet(connection, {Reason::QuotaExceeded, "there was no memory for its message"});
     Turn turn;
     if (!turn || !connection.session)
         return; // it was taken over or kicked meanwhile
-    if (is_allowed)
-        accept(*turn, connection, publish, message);
+    if (allowed)
+        accept(*turn, connection, publish, draft);
     else
         deny(*turn, connection, publish);
 }

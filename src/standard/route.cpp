@@ -4,7 +4,7 @@
 #include "../base/clock.h"
 #include "../log/log.h"
 #include "../stats/stats.hpp"
-#include "engine.h"
+#include "forward.h"
 
 namespace tarn::standard {
 namespace {
@@ -25,36 +25,40 @@ bool is_lost(Offered offered, uint8_t qos)
 
 constexpr size_t kHeadMost = 64; // bytes of a PUBLISH beside topic, properties and payload
 
-bool is_small_enough(const Connection &connection, const Message &message)
+bool is_small_enough(const Connection &connection, const MessageParts &message)
 {
-    const size_t size = kHeadMost + message.topic().size() + message.payload().size() +
-                        (connection.speaks_v5() ? message.properties().size() : 0);
+    const size_t size = kHeadMost + message.topic.size() + message.payload.size() +
+                        (connection.speaks_v5() ? message.properties.size() : 0);
     return size <= connection.maximum_packet_size;
 }
 
-bool takes_at_once(const Session &session, const Message &message)
+bool takes_at_once(const Session &session, const MessageParts &message)
 {
     return session.connection && !session.connection->is_blocked && !session.told_full &&
            session.deliveries.stored().count < std::min(session.connection->receive_maximum, kInFlightMost) &&
            is_small_enough(*session.connection, message);
 }
 
-bool can_keep(const Session &session, const Message &message, uint8_t qos, const DeliveryBounds &bounds)
+bool can_keep(const Session &session, const MessageParts &message, uint8_t qos, const DeliveryBounds &bounds)
 {
     if (session.connection && !is_small_enough(*session.connection, message))
         return false;
     const Amount &held  = qos > 0 ? session.deliveries.stored() : session.deliveries.waiting_qos0();
     const Amount &bound = qos > 0 ? bounds.stored : bounds.qos0;
-    return (qos > 0 || session.connection) && held.count < bound.count && held.bytes + message.size() <= bound.bytes;
+    return (qos > 0 || session.connection) && held.count < bound.count &&
+           held.bytes + size_of_message(message) <= bound.bytes;
 }
 
 class Route {
 public:
-    Route(Engine &engine, const MessageRef &message) noexcept : engine_(engine), message_(message) {}
+    Route(Engine &engine, Draft &draft) noexcept
+        : engine_(engine), draft_(draft), message_(draft.parts()), forwarder_(engine, draft)
+    {
+    }
 
     void plain(uint64_t number, const SubscriptionOptions &options) NO_LOCK_ANALYSIS
     {
-        if (options.no_local && number == message_->sender())
+        if (options.no_local && number == message_.sender)
             return; // [MQTT-3.8.3-3]
         if (Session *const session = engine_.state.sessions.find(number))
             give(*session, options);
@@ -64,17 +68,17 @@ public:
     {
         const Subscriber *chosen = group.next([this](uint64_t number, const SubscriptionOptions & /*options*/) {
             const Session *const session = engine_.state.sessions.find(number);
-            return session && takes_at_once(*session, *message_);
+            return session && takes_at_once(*session, message_);
         });
         if (!chosen)
             chosen = group.next([this](uint64_t number, const SubscriptionOptions &options) {
                 const Session *const session = engine_.state.sessions.find(number);
                 return session &&
-                       can_keep(*session, *message_, std::min(options.qos, message_->qos()), engine_.state.bounds());
+                       can_keep(*session, message_, std::min(options.qos, message_.qos), engine_.state.bounds());
             });
         if (chosen)
             give(*engine_.state.sessions.find(chosen->session), chosen->options);
-        else if (message_->qos() > 0)
+        else if (message_.qos > 0)
             refuse();
     }
 
@@ -88,14 +92,24 @@ private:
     }
     void give(Session &session, const SubscriptionOptions &options) REQUIRES(engine_mutex)
     {
+        const bool retain = message_.retain && options.retain_as_published;
         ++routed_.receivers;
-        if (!deliver(engine_, session, message_, options, message_->retain() && options.retain_as_published))
+        if (!forwarder_.give(session, options, retain) && !queue(session, options, retain))
             ++routed_.refused;
     }
+    bool queue(Session &session, const SubscriptionOptions &options, bool retain) REQUIRES(engine_mutex)
+    {
+        if (draft_.message())
+            return deliver(engine_, session, draft_.message(), options, retain);
+        stats::count(stats::Counter::drop_queue_full); // without memory
+        return message_.qos == 0;
+    }
 
-    Engine           &engine_;
-    const MessageRef &message_;
-    Routed            routed_;
+    Engine             &engine_;
+    Draft              &draft_;
+    const MessageParts &message_;
+    Forwarder           forwarder_;
+    Routed              routed_;
 };
 
 // At most once a second, since it looks at all that is queued. False: it was not time.
@@ -135,10 +149,10 @@ bool deliver(Engine &engine, Session &session, const MessageRef &message, const 
     return qos == 0; // which may be lost
 }
 
-Routed route(Engine &engine, const MessageRef &message) noexcept
+Routed route(Engine &engine, Draft &draft) noexcept
 {
-    Route sink(engine, message);
-    engine.state.subscriptions.match(message->topic(), sink);
+    Route sink(engine, draft);
+    engine.state.subscriptions.match(draft.parts().topic, sink);
     return sink.routed();
 }
 

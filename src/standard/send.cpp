@@ -17,11 +17,38 @@ using codec::standard::Publish;
 
 namespace {
 
-constexpr size_t kOutboxMost  = size_t{256} << 10; // bytes of deliveries; a longer one goes alone
-constexpr size_t kAnswersMost = size_t{1} << 20;   // bytes that wait for a client that sends and does not read
-constexpr int    kFlushes     = 4;                 // of a full outbox, before others have their turn
+constexpr size_t kAnswersMost = size_t{1} << 20; // bytes that wait for a client that sends and does not read
+constexpr int    kFlushes     = 4;               // of a full outbox, before others have their turn
 
 constinit thread_local bool t_in_round = false;
+
+// ---- counters, which all threads share: many at once cost as much as one
+
+// Of packets that came in this round.
+struct Received {
+    uint32_t packets   = 0;
+    uint32_t by_qos[3] = {}; // of these, PUBLISH
+};
+constinit thread_local Received t_received;
+
+void count_all_received()
+{
+    const Received received = std::exchange(t_received, {});
+    bump(g_mqtt_stats.pkt_rx, received.packets);
+    bump(g_mqtt_stats.period_rx, received.packets);
+    bump(g_mqtt_stats.qos0, received.by_qos[0]);
+    bump(g_mqtt_stats.qos1, received.by_qos[1]);
+    bump(g_mqtt_stats.qos2, received.by_qos[2]);
+}
+
+void count_sent(Engine &engine) REQUIRES(engine_mutex)
+{
+    if (engine.sent == 0)
+        return;
+    bump(g_mqtt_stats.pkt_tx, engine.sent);
+    bump(g_mqtt_stats.period_tx, engine.sent);
+    engine.sent = 0;
+}
 
 // ---- deliveries as packets
 
@@ -166,11 +193,18 @@ bool send_outbox(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
     return false;
 }
 
+// Most messages come the short way, and then their session has nothing to fill in.
+bool needs_filling(const Connection &connection)
+{
+    return connection.session && connection.stage.load() == Stage::Connected && connection.session->wants_filling();
+}
+
 void flush(Engine &engine, Connection &connection) REQUIRES(engine_mutex)
 {
     for (int i = 0; i < kFlushes; ++i) {
-        if (connection.session && connection.stage.load() == Stage::Connected)
+        if (needs_filling(connection))
             fill(engine, connection);
+        count_sent(engine);
         if (connection.is_blocked || !send_outbox(engine, connection))
             return;
     }
@@ -194,7 +228,7 @@ void send_bytes(Engine &engine, Connection &connection, Bytes packet, uint64_t j
     const Stage stage = connection.stage.load();
     if ((stage != Stage::Connected && stage != Stage::Opened) || connection.is_broken)
         return;
-    stats::count(stats::Counter::tx_pkt);
+    ++engine.sent;
     if (connection.outbox.copied_bytes() < kAnswersMost && connection.outbox.add(packet, journaled, tail))
         list_for_flush(engine, connection);
     else
@@ -204,7 +238,11 @@ void send_bytes(Engine &engine, Connection &connection, Bytes packet, uint64_t j
 void send_ack(Engine &engine, Connection &connection, PacketType type, uint16_t packet_id, Reason reason,
               uint64_t journaled) noexcept
 {
-    send(engine, connection, codec::standard::Ack{type, packet_id, reason, {}}, journaled);
+    const codec::standard::ShortAck packet(type, packet_id); // the common case: four bytes
+    if (reason == Reason::Success && connection.maximum_packet_size >= sizeof packet.bytes)
+        send_bytes(engine, connection, packet.bytes, journaled);
+    else
+        send(engine, connection, codec::standard::Ack{type, packet_id, reason, {}}, journaled);
 }
 
 void count_drops(Session &session) noexcept
@@ -218,6 +256,7 @@ void count_drops(Session &session) noexcept
 
 void send_what_may_leave(Engine &engine, Connection &connection) noexcept
 {
+    count_sent(engine);
     if (!connection.is_blocked)
         (void)connection.outbox.flush(send_pieces, &connection, engine.synced);
 }
@@ -314,12 +353,30 @@ void watch_journal(Engine &engine) noexcept
 void begin_round() noexcept
 {
     t_in_round = true;
+    t_received = {}; // of a round whose end never came, as the host ended the engine in it
 }
 
 void end_round() noexcept
 {
     t_in_round = false;
+    if (t_received.packets > 0)
+        count_all_received();
     const Turn turn;
+}
+
+void count_received() noexcept
+{
+    ++t_received.packets;
+    if (!t_in_round)
+        count_all_received();
+}
+
+void count_received_publish(uint8_t qos) noexcept
+{
+    if (t_in_round)
+        ++t_received.by_qos[qos];
+    else
+        stats::count_qos(qos);
 }
 
 bool in_round() noexcept

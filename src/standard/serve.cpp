@@ -148,7 +148,7 @@ void handle(Connection &connection, std::span<const uint8_t> packet)
     const PacketType type = type_of(packet[0]);
     if (stage == Stage::Opened && type != CONNECT) // [MQTT-3.1.0-1]
         return refuse_packet(connection, {Reason::ProtocolError, "the first packet is no CONNECT"});
-    connection.last_packet_ms = mono_ms();
+    connection.last_packet_ms = packet_ms();
     connection.arriving       = 0;
     if (connection.record)
         connection.record->last_active = uint64_t{connection.last_packet_ms}; // what a host reads as idle_seconds
@@ -160,7 +160,7 @@ void on_packet(net::Connection id, std::span<const uint8_t> packet) noexcept
     Connection *const connection = connection_at(id.handle);
     if (!connection)
         return;
-    stats::count(stats::Counter::rx_pkt);
+    count_received();
     const Served served(*connection);
     handle(*connection, packet);
 }

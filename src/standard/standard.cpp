@@ -135,7 +135,7 @@ Published publish(const HostMessage &message) noexcept
     if (!made)
         return Published::NoRoom;
     const PublishResult result =
-        publish(*turn, {.message = made, .has_answer = made->qos() > 0 || made->retain(), .is_refusable = true});
+        publish(*turn, {.draft = Draft(made), .has_answer = made->qos() > 0 || made->retain(), .is_refusable = true});
     return result == PublishResult::Done || result == PublishResult::NobodyThere ? Published::Done : Published::NoRoom;
 }
 

@@ -10,6 +10,7 @@ namespace tarn::standard {
 // Short ones take no memory.
 class StoredProperties {
 public:
+    StoredProperties() noexcept : bytes_(short_) {} // of a message that has none
     explicit StoredProperties(const codec::standard::Properties &properties) noexcept
         : size_(codec::standard::size_of_properties(properties, PUBLISH))
     {
@@ -30,7 +31,7 @@ private:
     uint8_t        short_[256];
     owned<uint8_t> long_;
     const uint8_t *bytes_ = nullptr;
-    size_t         size_;
+    size_t         size_  = 0;
 };
 
 } // namespace tarn::standard

@@ -15,8 +15,8 @@ Reader open_packet(Bytes packet, PacketType type, Level level) noexcept;
 // Not 0 [MQTT-2.2.1-3], 3.1.1 [MQTT-2.3.1-1].
 uint16_t read_packet_id(Reader &in) noexcept;
 
-// length:varint properties
-void read_properties(Reader &in, PacketType packet, Properties &properties) noexcept;
+// length:varint properties. False: there are none, and `properties` stay as they are.
+bool read_properties(Reader &in, PacketType packet, Properties &properties) noexcept;
 
 } // namespace tarn::codec::standard
 

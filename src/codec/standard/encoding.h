@@ -18,7 +18,10 @@ namespace tarn::codec::standard {
 
 // length:varint properties
 // Of which `behind` bytes more stand behind those that are written here.
-void write_properties(Writer &out, const Properties &properties, PacketType packet, size_t behind = 0) noexcept;
+void write_properties(Writer &out, const Properties &properties, PacketType packet) noexcept;
+// The same where their size is known.
+void write_properties(Writer &out, const Properties &properties, PacketType packet, size_t size,
+                      size_t behind) noexcept;
 
 // How a packet is written that carries a reason: all but PUBLISH. Where a level does not have it, `write_body` refuses.
 //

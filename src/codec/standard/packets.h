@@ -67,9 +67,11 @@ struct Publish {
     std::string_view topic;         // empty: the topic of the alias, 5.0
     uint16_t         packet_id = 0; // QoS 1 and 2
     Properties       properties;
-    Bytes            stored_properties; // encoded: to be sent behind those above. Decoders leave it empty.
+    bool             has_properties = false; // any of them was there; decoders alone say so
+    Bytes            stored_properties;      // encoded: to be sent behind those above. Decoders leave it empty.
     Bytes            payload;
 };
+// `publish` is as it was made: clearing it once more would cost as much as the rest.
 Verdict decode_publish(Bytes packet, Level level, Publish &publish) noexcept;
 
 // The head is all that stands before stored properties and payload, which are sent behind it from where they lie: their
@@ -95,6 +97,17 @@ struct Ack {
 Verdict              decode_ack(Bytes packet, Level level, Ack &ack) noexcept; // of any of the four types
 [[nodiscard]] size_t size_of(const Ack &ack, const Receiver &receiver) noexcept;
 size_t               encode(const Ack &ack, const Receiver &receiver, std::span<uint8_t> to) noexcept;
+
+// One to be sent that says Success and has no properties; the same at both levels.
+struct ShortAck {
+    uint8_t bytes[4];
+
+    constexpr ShortAck(PacketType type, uint16_t packet_id) noexcept
+        : bytes{static_cast<uint8_t>(type << 4 | (type == PUBREL ? 2 : 0)), 2, static_cast<uint8_t>(packet_id >> 8),
+                static_cast<uint8_t>(packet_id)}
+    {
+    }
+};
 
 // ---- SUBSCRIBE, SUBACK, UNSUBSCRIBE and UNSUBACK
 

@@ -208,10 +208,12 @@ Verdict decode_properties(Bytes bytes, PacketType packet, Properties &properties
     return block.verdict();
 }
 
-void read_properties(Reader &in, PacketType packet, Properties &properties) noexcept
+bool read_properties(Reader &in, PacketType packet, Properties &properties) noexcept
 {
     const Bytes block = in.bytes(in.varint());
-    in.refuse(decode_properties(block, packet, properties));
+    if (!block.empty())
+        in.refuse(decode_properties(block, packet, properties));
+    return !block.empty();
 }
 
 // ---- writing
@@ -276,10 +278,16 @@ size_t encode_properties(const Properties &properties, PacketType packet, std::s
     return out.complete() ? size : 0;
 }
 
-void write_properties(Writer &out, const Properties &properties, PacketType packet, size_t behind) noexcept
+void write_properties(Writer &out, const Properties &properties, PacketType packet) noexcept
 {
-    out.varint(size_of_properties(properties, packet) + behind);
-    write_block(out, properties, packet);
+    write_properties(out, properties, packet, size_of_properties(properties, packet), 0);
+}
+
+void write_properties(Writer &out, const Properties &properties, PacketType packet, size_t size, size_t behind) noexcept
+{
+    out.varint(size + behind);
+    if (size > 0)
+        write_block(out, properties, packet);
 }
 
 // ---- User Properties

@@ -28,7 +28,6 @@ void check_topic(Reader &in, const Publish &publish, Level level)
 
 Verdict decode_publish(Bytes packet, Level level, Publish &publish) noexcept
 {
-    publish   = {};
     Reader in = open_packet(packet, PUBLISH, level);
     if (!in.ok())
         return in.verdict();
@@ -39,7 +38,7 @@ Verdict decode_publish(Bytes packet, Level level, Publish &publish) noexcept
     if (publish.qos != 0)
         publish.packet_id = read_packet_id(in);
     if (level == Level::Mqtt5)
-        read_properties(in, PUBLISH, publish.properties);
+        publish.has_properties = read_properties(in, PUBLISH, publish.properties);
     check_topic(in, publish, level);
     if (publish.properties.subscription_identifier)
         in.refuse(Reason::ProtocolError, "a Subscription Identifier in a client's PUBLISH"); // [MQTT-3.3.4-6]
@@ -57,49 +56,52 @@ uint8_t first_byte(const Publish &publish)
                                 (publish.retain ? kRetain : 0));
 }
 
-// What stands between the fixed header and the payload.
-void write_fields(Writer &out, const Publish &publish, Level level)
+struct Sizes {
+    size_t properties = 0; // without stored ones
+    size_t body       = 0;
+    size_t behind     = 0; // the head: stored properties and payload
+};
+
+Sizes sizes_of(const Publish &publish, Level level)
 {
-    out.text(publish.topic);
-    if (publish.qos != 0)
-        out.u16(publish.packet_id);
-    if (level == Level::Mqtt5)
-        write_properties(out, publish.properties, PUBLISH, publish.stored_properties.size());
+    const bool is_v5 = level == Level::Mqtt5;
+    Sizes      sizes;
+    sizes.properties     = is_v5 ? size_of_properties(publish.properties, PUBLISH) : 0;
+    const size_t stored  = is_v5 ? publish.stored_properties.size() : 0;
+    const size_t block   = sizes.properties + stored;
+    const size_t lengths = 2 + (publish.qos != 0 ? 2 : 0) + (is_v5 ? varint_size(block) : 0);
+    sizes.behind         = stored + publish.payload.size();
+    sizes.body =
+        publish.topic.size() > kTextMax ? kTooLarge : lengths + publish.topic.size() + block + publish.payload.size();
+    return sizes;
 }
 
-size_t size_behind_head(const Publish &publish, Level level)
+// 0 if there is no such packet, or none for this receiver [MQTT-3.1.2-24].
+size_t head_size(const Sizes &sizes, const Receiver &receiver)
 {
-    return publish.payload.size() + (level == Level::Mqtt5 ? publish.stored_properties.size() : 0);
-}
-
-size_t body_size(const Publish &publish, Level level)
-{
-    Writer counter;
-    write_fields(counter, publish, level);
-    return counter.size() + size_behind_head(publish, level);
-}
-
-size_t head_size(const Publish &publish, size_t body, const Receiver &receiver)
-{
-    const size_t size = packet_size(body, receiver); // [MQTT-3.1.2-24]
-    return size != 0 ? size - size_behind_head(publish, receiver.level) : 0;
+    const size_t size = packet_size(sizes.body, receiver);
+    return size != 0 ? size - sizes.behind : 0;
 }
 
 } // namespace
 
 size_t size_of_head(const Publish &publish, const Receiver &receiver) noexcept
 {
-    return head_size(publish, body_size(publish, receiver.level), receiver);
+    return head_size(sizes_of(publish, receiver.level), receiver);
 }
 
 size_t encode_head(const Publish &publish, const Receiver &receiver, std::span<uint8_t> to) noexcept
 {
-    const size_t body = body_size(publish, receiver.level);
-    const size_t size = head_size(publish, body, receiver);
+    const Sizes  sizes = sizes_of(publish, receiver.level);
+    const size_t size  = head_size(sizes, receiver);
     if (size == 0 || size > to.size())
         return 0;
     Writer out(to);
-    write_fields(out.u8(first_byte(publish)).varint(body), publish, receiver.level);
+    out.u8(first_byte(publish)).varint(sizes.body).text(publish.topic);
+    if (publish.qos != 0)
+        out.u16(publish.packet_id);
+    if (receiver.level == Level::Mqtt5)
+        write_properties(out, publish.properties, PUBLISH, sizes.properties, publish.stored_properties.size());
     return size;
 }
 

@@ -107,7 +107,7 @@ void Recorder::append_or_keep(const Step &step) noexcept
 // ---- The journal
 
 // Steps that wait are the next records, and all of one size.
-uint64_t Recorder::position() const noexcept
+uint64_t Recorder::position_behind_waiting() const noexcept
 {
     const size_t step = record_size({bytes_of_numbers(uint64_t{0}, uint64_t{0}, uint16_t{0})});
     return position_ + (waiting_.size() - waiting_from_) * step;

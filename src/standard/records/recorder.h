@@ -21,7 +21,10 @@ public:
     explicit Recorder(Journal &journal) noexcept : journal_(journal) {}
 
     // Where the journal has the last record, or will have it, for those who wait until it is on the disk.
-    [[nodiscard]] uint64_t position() const noexcept;
+    [[nodiscard]] uint64_t position() const noexcept
+    {
+        return waiting_from_ == waiting_.size() ? position_ : position_behind_waiting();
+    }
 
     // Records what waits because the journal had no room. To be called now and then; false: some of it waits still.
     bool catch_up() noexcept;
@@ -58,6 +61,8 @@ private:
         uint64_t   session;
         uint64_t   number;
     };
+
+    uint64_t position_behind_waiting() const noexcept;
 
     bool append(RecordType type, RecordParts parts) noexcept;
     bool append_now(RecordType type, RecordParts parts) noexcept;

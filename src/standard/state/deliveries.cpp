@@ -75,6 +75,29 @@ Offered Deliveries::offer(const MessageRef &message, uint8_t qos, bool retain,
     return result;
 }
 
+uint16_t Deliveries::offer_and_send(const MessageRef &message, uint8_t qos, bool retain,
+                                    std::span<const uint32_t> subscription_identifiers,
+                                    uint16_t                  receive_maximum) noexcept
+{
+    if (sink_ || !connected_ || has_waiting() || !has_room_for(receive_maximum))
+        return 0;
+    Delivery *const made = make(message, qos, retain, subscription_identifiers);
+    if (!made)
+        return 0;
+    if (refusal_of(qos, made->bytes()) != Offered::Queued) {
+        pool_.give_back(*made);
+        return 0;
+    }
+    made->number     = ++last_number_;
+    made->packet_id  = in_use_.next_unused();
+    made->connection = connection_;
+    count_in(*made);
+    append(sent_, *made);
+    in_use_.insert(*made);
+    ++awaiting_ack_;
+    return made->packet_id;
+}
+
 // For drop_expired(): nothing in the queue expires before.
 void Deliveries::note_expiry(const Message &message) noexcept
 {
@@ -154,8 +177,7 @@ Outgoing Deliveries::next(uint64_t now_ms, const ReceiverLimits &limits) noexcep
     if (!connected_)
         return {};
     while (true) {
-        // Deliveries that only miss PUBCOMP count as well, whichever connection they began on [MQTT-3.3.4-9].
-        const bool      has_room = awaiting_ack_ + received_.count() < limits.receive_maximum();
+        const bool      has_room = has_room_for(limits.receive_maximum());
         Delivery *const again    = due_again(has_room);
         if (!again)
             return again_sent_ ? Outgoing{} : next_queued(now_ms, has_room, limits);
@@ -163,6 +185,12 @@ Outgoing Deliveries::next(uint64_t now_ms, const ReceiverLimits &limits) noexcep
         if (packet.kind != Outgoing::Kind::Nothing)
             return packet;
     }
+}
+
+// Deliveries that only miss PUBCOMP count as well, whichever connection they began on [MQTT-3.3.4-9].
+bool Deliveries::has_room_for(uint16_t receive_maximum) const noexcept
+{
+    return awaiting_ack_ + received_.count() < receive_maximum;
 }
 
 // Of the packets that a new connection must repeat, the one that went out first [MQTT-4.6.0-1]. Without room PUBLISH

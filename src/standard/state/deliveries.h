@@ -137,6 +137,12 @@ public:
     [[nodiscard]] Offered offer(const MessageRef &message, uint8_t qos, bool retain,
                                 std::span<const uint32_t> subscription_identifiers = {}) noexcept;
 
+    // The same, and next() with it, for a message at QoS 1 or 2 that goes at once: with nothing before it, to a session
+    // that no file knows. Its packet identifier; 0: nothing was done, and offer() is to be called.
+    [[nodiscard]] uint16_t offer_and_send(const MessageRef &message, uint8_t qos, bool retain,
+                                          std::span<const uint32_t> subscription_identifiers,
+                                          uint16_t                  receive_maximum) noexcept;
+
     // A connection of the session begins: what is not acknowledged goes again, then the queue.
     void resume() noexcept;
     // The connection ended.
@@ -175,10 +181,12 @@ public:
     [[nodiscard]] uint64_t session() const noexcept { return session_; }
     [[nodiscard]] uint64_t last_number() const noexcept { return last_number_; }
     [[nodiscard]] bool     is_connected() const noexcept { return connected_; }
-    [[nodiscard]] Amount   stored() const noexcept { return stored_; }
-    [[nodiscard]] Amount   waiting_qos0() const noexcept { return qos0_; }
-    [[nodiscard]] size_t   in_flight() const noexcept { return in_use_.count(); }
-    [[nodiscard]] Drops take_drops() noexcept { return std::exchange(drops_, Drops{}); } // since they were last taken
+    // Something waits to be sent. False: a message that is offered would be the next to go.
+    [[nodiscard]] bool   has_waiting() const noexcept { return queue_.first() || again_sent_ || again_received_; }
+    [[nodiscard]] Amount stored() const noexcept { return stored_; }
+    [[nodiscard]] Amount waiting_qos0() const noexcept { return qos0_; }
+    [[nodiscard]] size_t in_flight() const noexcept { return in_use_.count(); }
+    [[nodiscard]] Drops  take_drops() noexcept { return std::exchange(drops_, Drops{}); } // since they were last taken
 
 private:
     [[nodiscard]] Offered   refusal_of(uint8_t qos, size_t bytes) const noexcept;
@@ -187,6 +195,7 @@ private:
     [[nodiscard]] bool      record_queued(Delivery &delivery) noexcept;
     void                    note_expiry(const Message &message) noexcept;
 
+    [[nodiscard]] bool      has_room_for(uint16_t receive_maximum) const noexcept;
     [[nodiscard]] Delivery *due_again(bool has_room) noexcept;
     [[nodiscard]] Outgoing  next_again(Delivery &delivery, uint64_t now_ms, const ReceiverLimits &limits) noexcept;
     [[nodiscard]] Outgoing  next_queued(uint64_t now_ms, bool has_room, const ReceiverLimits &limits) noexcept;

@@ -17,9 +17,14 @@ uint8_t *append(uint8_t *to, const void *from, size_t size)
 
 } // namespace
 
-size_t Message::size() const
+const MessageRef &Draft::message() noexcept
 {
-    return sizeof(Message) + properties().size() + topic().size() + payload().size();
+    if (message_)
+        return message_;
+    MessageParts numbered = *parts_;
+    numbered.number       = ++*numbers_;
+    message_              = MessageRef::make(numbered);
+    return message_;
 }
 
 MessageRef MessageRef::make(const MessageParts &parts) noexcept

@@ -37,7 +37,8 @@ public:
     {
         return {parts_.properties.data(), parts_.properties.size() + parts_.payload.size()};
     }
-    size_t size() const; // bytes of memory
+    inline size_t       size() const; // bytes of memory
+    const MessageParts &parts() const { return parts_; }
 
     // The latest checkpoint that has it, 0 = none. Under the mutex of the engine.
     uint32_t copied_in() const { return copied_in_; }
@@ -79,6 +80,32 @@ private:
     void let_go() noexcept;
 
     Message *message_ = nullptr;
+};
+
+// Bytes of memory, were it made.
+[[nodiscard]] inline size_t size_of_message(const MessageParts &parts) noexcept
+{
+    return sizeof(Message) + parts.properties.size() + parts.topic.size() + parts.payload.size();
+}
+inline size_t Message::size() const
+{
+    return size_of_message(parts_);
+}
+
+// A message that is being published. One that is only copied into outboxes never gets a block of its own: it is made when
+// a queue, a file or the retained store is to have it. The parts stand where they came from until then.
+class Draft {
+public:
+    explicit Draft(MessageRef message) noexcept : parts_(&message->parts()), message_(std::move(message)) {}
+    Draft(const MessageParts &parts, std::atomic<uint64_t> &numbers) noexcept : parts_(&parts), numbers_(&numbers) {}
+
+    const MessageParts &parts() const noexcept { return *parts_; }
+    const MessageRef   &message() noexcept; // made by now; empty without memory
+
+private:
+    const MessageParts    *parts_;
+    std::atomic<uint64_t> *numbers_ = nullptr; // of messages; the latest
+    MessageRef             message_;
 };
 
 } // namespace tarn::standard

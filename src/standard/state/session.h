@@ -39,6 +39,8 @@ struct Session : InTable<Session>, InDueHeap {
     }
 
     [[nodiscard]] bool is_kept() const { return expiry_s > 0; } // files know it
+    // Something of it is to go into the outbox, or its queue may no longer be full.
+    [[nodiscard]] bool wants_filling() const { return deliveries.has_waiting() || retained.first() || told_full; }
 
     std::string_view text;   // the client identifier, whole
     const uint64_t   number; // never used again

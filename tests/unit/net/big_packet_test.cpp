@@ -107,3 +107,23 @@ TEST(big_packet, without_memory_the_connection_ends)
     EXPECT_THAT(layer.events.wait_for(2), ElementsAre(connected(0), disconnected(0, 0)));
     no_memory.reset();
 }
+
+// Packets are handed up from where they lie; what is left of the last one is moved once the others are gone.
+TEST(big_packet, many_short_ones_in_one_read_and_a_half_one_at_the_end)
+{
+    const Measures           measures;
+    Layer                    layer;
+    Peer                     peer;
+    Bytes                    stream;
+    std::vector<std::string> expected{connected(0)};
+    for (int i = 0; i < 3000; ++i) { // of 3 to 82 bytes, so that each place in the buffer comes to be the last one
+        const Bytes next = packet(0x30, repeat(static_cast<char>('a' + i % 26), static_cast<size_t>(1 + i % 80)));
+        stream           = stream + next;
+        expected.push_back(data(0, next));
+    }
+    const Bytes big = packet(0x30, repeat('x', 9000));
+    stream          = stream + big;
+    expected.push_back(data(0, big));
+    peer.send(stream);
+    EXPECT_EQ(layer.events.wait_for(expected.size()), expected);
+}

@@ -412,3 +412,63 @@ TEST_F(deliveries, tell_the_sink_nothing_when_they_are_deleted)
     }
     EXPECT_THAT(sink.take(), IsEmpty());
 }
+
+// ---- Those that go at once
+
+TEST_F(deliveries, that_go_at_once_are_like_those_that_were_queued)
+{
+    const uint32_t one[] = {5};
+    session.resume();
+    EXPECT_EQ(session.offer_and_send(message("a"), 1, true, one, 3), 1);
+    EXPECT_EQ(session.offer_and_send(message("b"), 2, false, {}, 3), 2);
+    EXPECT_EQ(offer("c", 1), Offered::Queued);
+    EXPECT_THAT(sends(), ElementsAre("c qos1 id3"));
+    EXPECT_THAT(records(), ElementsAre("a number1 qos1 id1 retain for 5", "b number2 qos2 id2", "c number3 qos1 id3"));
+    EXPECT_EQ(session.stored().count, 3u);
+    EXPECT_EQ(session.in_flight(), 3u);
+    EXPECT_EQ(session.offer_and_send(message("d"), 1, false, {}, 3), 0); // no room
+    expect(session.puback(1, 0), Outcome::Completed);
+    EXPECT_EQ(session.offer_and_send(message("d"), 1, false, {}, 3), 4);
+    session.resume();
+    EXPECT_THAT(sends(), ElementsAre("b qos2 id2 dup", "c qos1 id3 dup", "d qos1 id4 dup"));
+    expect(session.pubrec(2, 0), Outcome::Received, Answer::Pubrel);
+    expect(session.pubcomp(2, 0), Outcome::Completed);
+    expect(session.puback(3, 0), Outcome::Completed);
+    expect(session.puback(4, 0), Outcome::Completed);
+    EXPECT_EQ(session.stored().count, 0u);
+    EXPECT_EQ(session.stored().bytes, 0u);
+}
+
+TEST_F(deliveries, go_at_once_only_where_nothing_waits_and_no_file_knows)
+{
+    EXPECT_EQ(session.offer_and_send(message("a"), 1, false, {}, 9), 0); // away
+    session.resume();
+    EXPECT_FALSE(session.has_waiting());
+    EXPECT_EQ(offer("a", 0), Offered::Queued);
+    EXPECT_TRUE(session.has_waiting());
+    EXPECT_EQ(session.offer_and_send(message("b"), 1, false, {}, 9), 0);
+    EXPECT_THAT(sends(), ElementsAre("a qos0"));
+    EXPECT_FALSE(session.has_waiting());
+    EXPECT_EQ(session.offer_and_send(message("b"), 1, false, {}, 9), 1);
+    session.set_bounds({.stored = {1, 1000}, .qos0 = {1, 1000}});
+    EXPECT_EQ(session.offer_and_send(message("c"), 1, false, {}, 9), 0); // full
+    session.set_bounds({.stored = {9, 1000000}, .qos0 = {1, 1000}});
+    Recorder sink;
+    session.set_sink(&sink);
+    EXPECT_EQ(session.offer_and_send(message("c"), 1, false, {}, 9), 0);
+    session.set_sink(nullptr);
+    session.resume();
+    EXPECT_TRUE(session.has_waiting());
+    EXPECT_EQ(session.offer_and_send(message("c"), 1, false, {}, 9), 0); // "b" goes again first
+    EXPECT_THAT(sends(), ElementsAre("b qos1 id1 dup"));
+    EXPECT_THAT(sink.take(), IsEmpty());
+}
+
+TEST_F(deliveries, without_memory_do_not_go_at_once)
+{
+    const MessageRef made = message("a");
+    session.resume();
+    const Fail no_memory(Call::Allocate);
+    EXPECT_EQ(session.offer_and_send(made, 1, false, {}, 9), 0);
+    EXPECT_EQ(session.stored().count, 0u);
+}

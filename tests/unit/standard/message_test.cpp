@@ -49,3 +49,21 @@ TEST(message, lives_as_long_as_one_has_it)
     EXPECT_FALSE(three);
     EXPECT_EQ(four->topic(), "t");
 }
+
+TEST(draft, is_made_when_it_is_asked_for_and_once)
+{
+    std::atomic<uint64_t> numbers = 6;
+    const MessageParts    parts{.topic = "a/b", .payload = kPayload};
+    Draft                 draft(parts, numbers);
+    EXPECT_EQ(&draft.parts(), &parts);
+    EXPECT_EQ(numbers, 6u);
+    const MessageRef first = draft.message();
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->number(), 7u);
+    EXPECT_EQ(first->topic(), "a/b");
+    EXPECT_EQ(&*draft.message(), &*first);
+    EXPECT_EQ(numbers, 7u);
+    Draft made(first);
+    EXPECT_EQ(&*made.message(), &*first);
+    EXPECT_EQ(made.parts().number, 7u);
+}

@@ -1,0 +1,115 @@
+// forward.cpp - see forward.h.
+#include "forward.h"
+
+#include <cstring>
+
+namespace tarn::standard {
+
+using codec::standard::Publish;
+
+namespace {
+
+constexpr size_t kHeadMost = 64; // bytes of a PUBLISH beside topic, properties and payload
+
+bool takes_at_once(const Connection &connection)
+{
+    return connection.stage.load() == Stage::Connected && !connection.is_broken && !connection.is_blocked &&
+           connection.outbox.bytes() < kOutboxMost && !connection.outgoing_aliases.are_taken();
+}
+
+uint8_t *append(uint8_t *to, std::span<const uint8_t> bytes)
+{
+    if (!bytes.empty())
+        memcpy(to, bytes.data(), bytes.size());
+    return to + bytes.size();
+}
+
+} // namespace
+
+// One object for all messages: to clear its properties anew would cost as much as the rest.
+const Publish &Forwarder::publish_of(const MessageParts &parts, const Form &form) noexcept
+{
+    static constinit Publish publish GUARDED_BY(engine_mutex);
+    publish.retain                              = form.retain;
+    publish.qos                                 = form.qos;
+    publish.topic                               = parts.topic;
+    publish.packet_id                           = form.qos > 0 ? 1 : 0; // each receiver has its own
+    publish.properties.subscription_identifiers = identifiers_of(form);
+    publish.stored_properties                   = parts.properties;
+    publish.payload                             = parts.payload;
+    return publish;
+}
+
+std::span<const uint32_t> Forwarder::identifiers_of(const Form &form) noexcept
+{
+    return {&form.identifier, form.identifier != 0 ? 1U : 0U};
+}
+
+bool Forwarder::give(Session &session, const SubscriptionOptions &options, bool retain) noexcept
+{
+    Connection *const connection = session.connection;
+    if (!connection || draft_.parts().expires_ms != 0 || session.deliveries.has_waiting() ||
+        !takes_at_once(*connection))
+        return false;
+    const bool is_v5 = connection->speaks_v5();
+    const Form form{connection->level, std::min(options.qos, draft_.parts().qos), retain,
+                    is_v5 ? options.identifier : 0};
+    if ((size_ == 0 || !(form == form_)) && !encode(form))
+        return false;
+    if (size_ + tail_.bytes.size() > connection->maximum_packet_size)
+        return false;
+    uint8_t *const packet = engine_.forwarded.data();
+    if (form.qos > 0) {
+        const uint16_t packet_id = begin_delivery(session, form);
+        if (packet_id == 0)
+            return false;
+        packet[packet_id_offset_]     = static_cast<uint8_t>(packet_id >> 8);
+        packet[packet_id_offset_ + 1] = static_cast<uint8_t>(packet_id);
+    }
+    send_bytes(engine_, *connection, {packet, size_}, 0, tail_);
+    return true;
+}
+
+uint16_t Forwarder::begin_delivery(Session &session, const Form &form) noexcept
+{
+    const uint16_t most = std::min(session.connection->receive_maximum, kInFlightMost);
+    return session.deliveries.offer_and_send(draft_.message(), form.qos, form.retain, identifiers_of(form), most);
+}
+
+// A short message whole, of a long one the head. False without memory, or if there is no such packet.
+bool Forwarder::encode(const Form &form) noexcept
+{
+    const MessageParts &parts  = draft_.parts();
+    const bool          is_v5  = form.level == codec::standard::Level::Mqtt5;
+    const auto          before = is_v5 ? parts.properties : std::span<const uint8_t>(); // the payload
+    const size_t        rest   = before.size() + parts.payload.size();
+    const size_t        room   = kHeadMost + parts.topic.size();
+    size_                      = 0;
+    if (!engine_.forwarded.reserve(room + Outbox::kCopiedMax))
+        return false;
+    uint8_t *const packet = engine_.forwarded.data();
+    const size_t   head   = codec::standard::encode_head(publish_of(parts, form), {form.level}, {packet, room});
+    if (head == 0 || !refer_to(rest, is_v5))
+        return false;
+    if (!tail_.message)
+        append(append(packet + head, before), parts.payload);
+    size_             = head + (tail_.message ? 0 : rest);
+    packet_id_offset_ = codec::standard::packet_id_offset({packet, head});
+    form_             = form;
+    return true;
+}
+
+// What is too long to be copied leaves from the message. False without memory for that.
+bool Forwarder::refer_to(size_t rest, bool is_v5) noexcept
+{
+    if (tail_.message)
+        tail_ = {};
+    if (rest <= Outbox::kCopiedMax)
+        return true;
+    const MessageRef &message = draft_.message();
+    if (message)
+        tail_ = {message, is_v5 ? message->properties_and_payload() : message->payload()};
+    return static_cast<bool>(message);
+}
+
+} // namespace tarn::standard
