@@ -93,16 +93,29 @@ enum class DiskCall { Open, Read, Write, Sync, Truncate, Rename, Remove, SyncDir
 // of power would leave: contents as they were synced last, under the names that a synced directory had.
 class TestDisk final : public standard::Disk {
 public:
-    // The errno value to fail with, or 0. Called on any thread, one at a time.
-    std::function<int(DiskCall)> before;
-    size_t                       most_at_once   = SIZE_MAX; // bytes that one write takes
-    bool                         loses_unsynced = false;    // a sync that fails spoils what was written since the last
+    // The errno value to fail with, or 0. Called on any thread, one at a time, and not while another is put in.
+    class Before {
+    public:
+        template <class Function> Before &operator=(Function function)
+        {
+            const std::lock_guard lock(mutex_);
+            function_ = std::move(function);
+            return *this;
+        }
+
+    private:
+        friend TestDisk;
+        std::mutex                   mutex_;
+        std::function<int(DiskCall)> function_;
+    } before;
+    size_t most_at_once   = SIZE_MAX; // bytes that one write takes
+    bool   loses_unsynced = false;    // a sync that fails spoils what was written since the last
 
     // The next call of this kind waits at the gate.
     Gate gate;
     void hold_next(DiskCall call)
     {
-        const std::lock_guard lock(before_mutex_);
+        const std::lock_guard lock(before.mutex_);
         held_ = call;
     }
 
@@ -180,12 +193,12 @@ public:
 private:
     bool fails(DiskCall call)
     {
-        const std::lock_guard lock(before_mutex_);
+        const std::lock_guard lock(before.mutex_);
         if (held_ == call) {
             held_.reset();
             gate.pass();
         }
-        const int error = before ? before(call) : 0;
+        const int error = before.function_ ? before.function_(call) : 0;
         errno           = error;
         return error != 0;
     }
@@ -212,7 +225,6 @@ private:
             abort();
     }
 
-    std::mutex                 before_mutex_; // what follows
     std::optional<DiskCall>    held_;
     std::mutex                 mutex_; // what follows
     std::map<ino_t, int>       ids_;   // of the files, as inodes are used again
