@@ -37,7 +37,8 @@ enum {
 
 /*
  * One packet on its way to a client. Slots from send_head on belong to the thread that sends, until it moves send_head;
- * the others are filled under send_lock.
+ * the others are filled under send_lock. Once its packet was sent, a slot reads as anything, and while none waits the
+ * ring may move: take send_queue anew each time, under send_lock.
  */
 typedef struct {
     uint8_t data[CLIENT_SEND_SLOT_BYTES]; /* one whole MQTT packet */

@@ -50,10 +50,11 @@ void put_second(time_t second, char *at) noexcept
 const char *text_of(time_t second) noexcept
 {
     SecondText &last = t_last;
-    if (last.second != second || last.zone != timezone) {
+    const long  zone = __atomic_load_n(&timezone, __ATOMIC_RELAXED); // another thread's localtime_r() writes it
+    if (last.second != second || last.zone != zone) {
         put_second(second, last.text);
         last.second = second;
-        last.zone   = timezone;
+        last.zone   = zone;
     }
     return last.text;
 }

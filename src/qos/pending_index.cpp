@@ -392,7 +392,10 @@ void remove_at(qos_packet_t **link)
         g_walk = link;
     *link        = entry->next;
     g_index.head = g_pending_queue;
-    known ? keep_as_spare(entry) : free_entry(entry);
+    if (known)
+        keep_as_spare(entry);
+    else
+        free_entry(entry);
     if (!g_pending_queue)
         forget_bytes();
 }

@@ -323,6 +323,7 @@ void destroy() noexcept
     {
         QueueLock lock;
         removed = remove_all();
+        free_spare_entries();
     }
     LOG_INFO("[QoS] 可靠投递模块已销毁，共清理%d条未完成报文", removed);
 }

@@ -42,6 +42,7 @@ struct ToldWill {
 constexpr uint16_t kInFlightMost = 4096;
 
 constexpr size_t kOutboxMost = size_t{256} << 10; // bytes of deliveries in an outbox; a longer one goes alone
+constexpr size_t kHeadMost   = 64;                // bytes of a PUBLISH beside topic, properties and payload
 
 struct Engine {
     explicit Engine(const Limits &limits) noexcept : state(limits), recorder(journal), checkpointer(state, journal) {}

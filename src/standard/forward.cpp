@@ -9,8 +9,6 @@ using codec::standard::Publish;
 
 namespace {
 
-constexpr size_t kHeadMost = 64; // bytes of a PUBLISH beside topic, properties and payload
-
 bool takes_at_once(const Connection &connection)
 {
     return connection.stage.load() == Stage::Connected && !connection.is_broken && !connection.is_blocked &&

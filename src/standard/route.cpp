@@ -23,8 +23,6 @@ bool is_lost(Offered offered, uint8_t qos)
     return offered != Offered::Queued && (qos > 0 || offered != Offered::NotConnected);
 }
 
-constexpr size_t kHeadMost = 64; // bytes of a PUBLISH beside topic, properties and payload
-
 bool is_small_enough(const Connection &connection, const MessageParts &message)
 {
     const size_t size = kHeadMost + message.topic.size() + message.payload.size() +
