@@ -17,13 +17,17 @@
 
 namespace tarn {
 
+namespace client {
+struct Side; // what stands beside a record of the pool
+}
+
 // ---- pins (pins.cpp)
 
 class client_ref {
 public:
     client_ref() = default;
     explicit client_ref(mqtt_client_t *client) noexcept; // pins; the caller knows that the record is alive
-    client_ref(client_ref &&other) noexcept : client_(other.client_) { other.client_ = nullptr; }
+    client_ref(client_ref &&other) noexcept : client_(other.client_), side_(other.side_) { other.client_ = nullptr; }
     client_ref &operator=(client_ref &&other) noexcept;
     client_ref(const client_ref &)            = delete;
     client_ref &operator=(const client_ref &) = delete;
@@ -34,9 +38,11 @@ public:
     mqtt_client_t *get() const noexcept { return client_; }
     mqtt_client_t *operator->() const noexcept { return client_; }
     mqtt_client_t &operator*() const noexcept { return *client_; }
+    client::Side  *side() const noexcept { return side_; } // null: the record is outside the pool
 
 private:
     mqtt_client_t *client_ = nullptr;
+    client::Side  *side_   = nullptr; // as long as there is a client
 };
 
 // True from the release of a pool record until it is used again. What is added for it meanwhile would be lost or reach
@@ -125,6 +131,20 @@ void release_called_off(mqtt_client_t &client) noexcept;
 // False while no closed client of this id waits for its delayed will: what CONNECT asks before it looks for one to
 // cancel. True may mean an id that shares the bucket, and on a host's thread any id: it may have edited records.
 [[nodiscard]] bool wills_are_delayed(const char *client_id) noexcept;
+
+// ---- a message for many (prefetch.cpp)
+
+// Has the processor fetch what a delivery touches of its receiver, some deliveries before. Finds and pins nobody.
+class ReceiverPrefetch {
+public:
+    static constexpr int kAhead = 8; // deliveries
+
+    void next(const char *client_id) noexcept; // the receiver kAhead deliveries from now
+
+private:
+    mqtt_client_t *records_[kAhead]{}; // of the last ones that were asked for
+    int            at_ = 0;
+};
 
 // ---- sending (send_ring.cpp)
 

@@ -63,7 +63,11 @@ struct Side {
 int32_t index_of(const mqtt_client_t *client) noexcept; // pool index, or kOutside
 Side   *side_of(const mqtt_client_t *client) noexcept;  // null outside the pool
 // The same, but all records outside the pool share one. Only its locks are used; the rest of it stays zero.
-Side          &guards_of(const mqtt_client_t &client) noexcept;
+Side        &guards_of(const mqtt_client_t &client) noexcept;
+inline Side &guards_of(const client_ref &client) noexcept
+{
+    return client.side() ? *client.side() : guards_of(*client);
+}
 Side          &side_at(int32_t index) noexcept;
 mqtt_client_t *record_at(int32_t index) noexcept;
 
@@ -71,6 +75,7 @@ mqtt_client_t *record_at(int32_t index) noexcept;
 bool               set_mark(const mqtt_client_t &client, Mark mark) noexcept;
 bool               clear_mark(const mqtt_client_t &client, Mark mark) noexcept;
 [[nodiscard]] bool has_mark(const mqtt_client_t &client, Mark mark) noexcept;
+[[nodiscard]] bool has_mark(const Side &side, Mark mark) noexcept;
 // True when nobody holds or wipes the record: it may be given to a new client.
 [[nodiscard]] bool is_idle(int32_t index) noexcept;
 // Keeps everybody else from pinning, if nobody does now. wipe_done() lets them again.
@@ -205,12 +210,20 @@ void list_for_sending(int32_t index) noexcept;
 // The list as a chain of index + 1, linked by Side::next_listed; 0 = it is empty.
 int32_t take_send_list() noexcept;
 
+// ---- memory that is needed soon (prefetch.cpp)
+
+void prefetch_to_write(client_send_slot_t &slot) noexcept;
+void prefetch_to_read(const client_send_slot_t &slot) noexcept;
+void prefetch_to_send(mqtt_client_t &client) noexcept; // the first packets in its ring
+
 template <class Serve> void drain_send_list(Serve serve)
 {
     for (int32_t link = take_send_list(); link != 0;) {
         const int32_t index = link - 1;
         Side         &side  = side_at(index);
         link                = side.next_listed.load(std::memory_order_relaxed);
+        if (link != 0)
+            prefetch_to_send(*record_at(link - 1));
         side.listed.store(0);
         serve(index);
     }

@@ -78,10 +78,14 @@ bool send_saved(HeldList &list, mqtt_client_t &client) REQUIRES(list.mutex)
     return may_go_on;
 }
 
+net::Connection connection_of(const mqtt_client_t &client, int32_t index)
+{
+    return {client.handle, index == kOutside ? 0 : uint32_t{side_at(index).generation}};
+}
+
 net::Connection connection_of(const mqtt_client_t &client)
 {
-    const auto *const side = side_of(&client);
-    return {client.handle, side ? uint32_t{side->generation} : 0};
+    return connection_of(client, index_of(&client));
 }
 
 // The network layer asks about each packet of a client from its first held answer to its last.
@@ -170,7 +174,7 @@ persist::SaveWaiter *PacketScope::ask(void *scope) noexcept
 }
 
 PacketScope::PacketScope(mqtt_client_t &client) noexcept
-    : index_(index_of(&client)), late_close_(connection_of(client)), behind_(ask, this)
+    : index_(index_of(&client)), late_close_(connection_of(client, index_)), behind_(ask, this)
 {
 }
 

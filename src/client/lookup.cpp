@@ -23,21 +23,22 @@ Mutex &mutex_of_hash(uint32_t hash)
 
 // The handle may belong to the next connection as soon as the callback was told of the disconnect, while another thread
 // is still closing this client.
-bool is_of_earlier_connection(mqtt_client_t &client, uint32_t handle)
+bool is_of_earlier_connection(const client_ref &client, uint32_t handle)
 {
     const uint32_t own     = guards_of(client).generation;
     const uint32_t current = own != 0 ? net::generation_of(handle) : 0;
     return current != 0 && current != own;
 }
 
-bool has_id(const mqtt_client_t &client, const char *client_id)
+bool has_id(const client_ref &client, const char *client_id)
 {
-    return strcmp(stored_id(client).text, client_id) == 0;
+    ScopedLock lock(guards_of(client).id_mutex);
+    return strncmp(client->client_id, client_id, sizeof client->client_id) == 0;
 }
 
-bool is_found(mqtt_client_t &client, const char *client_id)
+bool is_found(const client_ref &client, const char *client_id)
 {
-    return peek_acquire(client.used) && client.state != CLIENT_CLOSED && has_id(client, client_id);
+    return peek_acquire(client->used) && client->state != CLIENT_CLOSED && has_id(client, client_id);
 }
 
 } // namespace
@@ -96,7 +97,7 @@ client_ref tarn::find_client_by_handle(uint32_t handle) noexcept
     ScopedLock lock(mutex_of_handle(handle));
     client_ref client(peek_acquire(g_client_mgr.by_handle[handle % CLIENT_MAX]));
     if (client &&
-        (client->state == CLIENT_CLOSED || client->handle != handle || is_of_earlier_connection(*client, handle)))
+        (client->state == CLIENT_CLOSED || client->handle != handle || is_of_earlier_connection(client, handle)))
         client.reset();
     return client;
 }
@@ -121,7 +122,7 @@ client_ref tarn::find_client_by_id(const char *client_id) noexcept
     const uint32_t hash = hash_of(client_id);
     ScopedLock     lock(mutex_of_hash(hash));
     client_ref     client(peek_acquire(g_client_mgr.by_cid[hash % CLIENT_MAX]));
-    if (client && !is_found(*client, client_id))
+    if (client && !is_found(client, client_id))
         client.reset();
     if (!client && client::profile_in_use())
         client = find_in_chain(hash, client_id);

@@ -74,10 +74,15 @@ bool clear_mark(const mqtt_client_t &client, Mark mark) noexcept
     return !side || (side->pins_and_marks.fetch_and(~uint32_t{mark}) & mark) != 0;
 }
 
+bool has_mark(const Side &side, Mark mark) noexcept
+{
+    return (side.pins_and_marks.load(std::memory_order_acquire) & mark) != 0;
+}
+
 bool has_mark(const mqtt_client_t &client, Mark mark) noexcept
 {
     const Side *const side = side_of(&client);
-    return side && (side->pins_and_marks.load(std::memory_order_acquire) & mark) != 0;
+    return side && has_mark(*side, mark);
 }
 
 bool is_idle(int32_t index) noexcept
@@ -108,10 +113,10 @@ namespace tarn {
 using client::Side;
 using client::side_of;
 
-client_ref::client_ref(mqtt_client_t *client) noexcept : client_(client)
+client_ref::client_ref(mqtt_client_t *client) noexcept : client_(client), side_(client ? side_of(client) : nullptr)
 {
-    if (Side *const side = client ? side_of(client) : nullptr)
-        client::pin(*side);
+    if (side_)
+        client::pin(*side_);
 }
 
 client_ref &client_ref::operator=(client_ref &&other) noexcept
@@ -119,6 +124,7 @@ client_ref &client_ref::operator=(client_ref &&other) noexcept
     if (this != &other) {
         reset();
         client_       = other.client_;
+        side_         = other.side_;
         other.client_ = nullptr;
     }
     return *this;
@@ -128,14 +134,14 @@ void client_ref::reset() noexcept
 {
     mqtt_client_t *const client = client_;
     client_                     = nullptr;
-    if (Side *const side = client ? side_of(client) : nullptr)
-        client::unpin(*client, *side);
+    if (client && side_)
+        client::unpin(*client, *side_);
 }
 
 bool is_released(const mqtt_client_t *client) noexcept
 {
     const Side *const side = client ? side_of(client) : nullptr;
-    return side && (client::has_mark(*client, client::kReleased) || !client->used);
+    return side && (client::has_mark(*side, client::kReleased) || !client->used);
 }
 
 } // namespace tarn

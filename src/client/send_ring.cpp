@@ -54,6 +54,7 @@ void gather(mqtt_client_t &client, int limit, Batch &batch) REQUIRES(client.send
         const client_send_slot_t &slot = batch.ring[at % CLIENT_SEND_SLOTS];
         if (!slot.ready)
             return;
+        prefetch_to_read(slot);
         batch.packets[batch.count++] = {slot.data, slot.length};
     }
 }
@@ -80,17 +81,6 @@ void note_queued(mqtt_client_t &client, Side &side, int type) REQUIRES(client.se
         side.last_packet = LastPacket::Queued;
         side.sent_until  = client.send_tail;
     }
-}
-
-// A ring has 400 KB, of which each packet is written to another page: the next one's place is asked for beforehand, and
-// so are packets that are about to be sent.
-constexpr size_t kCacheLine = 64;
-
-void fetch_to_write(client_send_slot_t &slot)
-{
-    __builtin_prefetch(slot.data, 1);
-    __builtin_prefetch(slot.data + kCacheLine, 1);
-    __builtin_prefetch(&slot.length, 1);
 }
 
 enum class Queued { Ok, Invalid, Offline, TooBig, Full };
@@ -142,7 +132,7 @@ Queued enqueue(mqtt_client_t &client, const PacketParts &packet) EXCLUDES(client
     slot.length      = static_cast<int32_t>(length);
     slot.ready       = 1;
     client.send_tail = static_cast<uint8_t>(next);
-    fetch_to_write(client.send_queue[next]);
+    prefetch_to_write(client.send_queue[next]);
     if (Side *const side = side_of(&client))
         note_queued(client, *side, head[0] >> 4);
     return Queued::Ok;

@@ -13,6 +13,27 @@ void on_outcome(Routing &routing, Outcome outcome)
     routing.rules.on_outcome(routing, outcome);
 }
 
+// Of few receivers none is far enough ahead.
+class ReceiversAhead {
+public:
+    explicit ReceiversAhead(const Matches &matches) noexcept
+        : matches_(matches), next_(matches.count() > ReceiverPrefetch::kAhead ? 0 : matches.count())
+    {
+    }
+
+    void prefetch_from(int at) noexcept
+    {
+        const int end = std::min(at + ReceiverPrefetch::kAhead, matches_.count());
+        for (; next_ < end; ++next_)
+            prefetch_.next(matches_[next_].client_id);
+    }
+
+private:
+    const Matches   &matches_;
+    int              next_;
+    ReceiverPrefetch prefetch_;
+};
+
 bool refuse(Routing &routing, Outcome outcome)
 {
     on_outcome(routing, outcome);
@@ -129,9 +150,11 @@ bool route(Routing &routing, const char *topic) noexcept
         return true;
     }
 
-    DeliveryCache cache(routing.message);
-    Receiver     &receiver = routing.receiver;
+    DeliveryCache  cache(routing.message);
+    ReceiversAhead ahead(matches);
+    Receiver      &receiver = routing.receiver;
     for (int at = 0; at < matches.count(); at++) {
+        ahead.prefetch_from(at);
         const sub::Match &to = matches[at];
         if (routing.excluded && *routing.excluded == to.client_id)
             continue;

@@ -55,8 +55,8 @@ uint32_t take_free_handle() noexcept
 
 uint32_t generation_of(uint32_t handle) noexcept
 {
-    SlotLock lock(handle);
-    return lock ? uint32_t{side_of(handle).generation} : 0;
+    const bool is_used = handle < NETIP_CLIENTS_MAX && peek_acquire(slot_of(handle).in_use);
+    return is_used ? uint32_t{side_of(handle).generation} : 0;
 }
 
 bool is_open(Connection connection) noexcept

@@ -23,9 +23,10 @@ constexpr uint64_t kTimePerTurn_us = 2000;
 
 // What a round brought leaves at its end, and what it brought one client leaves in one write. Where sending takes longer
 // than handling, as with a message for a thousand clients, a round of short turns would send each message alone: so
-// turns are not ended until the round has taken as long as the sending of the round before.
+// turns are not ended until the round has taken some times as long as the sending of the round before.
 constexpr uint64_t              kLongestHandling_us = 10'000;
-constinit Shared<uint64_t>      g_sending_us        = 0; // of the round before, kLongestHandling_us at most
+constexpr uint64_t              kTimesSending       = 4;
+constinit Shared<uint64_t>      g_handling_us       = 0; // that turns of this round may take together
 constinit thread_local uint64_t t_round_began_us    = 0;
 
 constexpr uint32_t kFailurePause_ms = 100;
@@ -115,7 +116,7 @@ Left serve_whole_packets(const SlotPin &pin, const EventSink &sink, uint32_t sta
             !hand_up_first(pin, sink, start))
             return Left::NotOurs;
         const uint64_t now_us = time.read();
-        if (elapsed(now_us, began_us) >= kTimePerTurn_us && elapsed(now_us, t_round_began_us) >= g_sending_us)
+        if (elapsed(now_us, began_us) >= kTimePerTurn_us && elapsed(now_us, t_round_began_us) >= g_handling_us)
             return Left::More;
     }
     return Left::Nothing;
@@ -222,7 +223,7 @@ void end_round()
 {
     const uint64_t began_us = mono_us();
     call_round_end();
-    g_sending_us = std::min(elapsed(mono_us(), began_us), kLongestHandling_us);
+    g_handling_us = std::min(kTimesSending * elapsed(mono_us(), began_us), kLongestHandling_us);
 }
 
 void handle_events(int count, uint32_t start)

@@ -173,9 +173,16 @@ bool is_list_untouched() REQUIRES(g_queue_mutex)
         list_all();
     const ShortList &all  = g_index.all;
     qos_packet_t    *next = g_pending_queue;
-    for (int i = all.count - 1; i >= 0; next = all.entries[i]->packet.next, --i)
-        if (next != entry_of(all.entries[i]) || !has_its_key(*all.entries[i]))
+    for (int i = all.count - 1; i >= 0; --i) {
+        Tracked *entry = all.entries[i];
+        if (next != entry_of(entry))
             return false;
+        asm volatile(""
+                     : "+r"(entry)); // or the compiler goes on along `next`, which is the same, and the processor waits
+        if (!has_its_key(*entry))
+            return false;
+        next = entry->packet.next;
+    }
     return !next;
 }
 
