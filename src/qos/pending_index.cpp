@@ -177,8 +177,7 @@ bool is_list_untouched() REQUIRES(g_queue_mutex)
         Tracked *entry = all.entries[i];
         if (next != entry_of(entry))
             return false;
-        asm volatile(""
-                     : "+r"(entry)); // or the compiler goes on along `next`, which is the same, and the processor waits
+        asm volatile("" : "+r"(entry)); // kept from `next`, which is the same, but known later
         if (!has_its_key(*entry))
             return false;
         next = entry->packet.next;
