@@ -8,6 +8,7 @@ using testing::Optional;
 namespace {
 
 constexpr int kPacket = 1 << 20;
+constexpr int kPlaces = 200; // for clients, which Broker asks for
 
 struct limits : testing::Test {
     void SetUp() override
@@ -70,6 +71,87 @@ TEST_F(limits, a_connection_has_to_say_connect_in_time)
     silent.expect_closed();
     EXPECT_GT(tarn::test::now_s() - begin_s, 0.2);
     other.ping();
+}
+
+TEST_F(limits, a_full_queue_refuses_messages_and_keeps_those_it_has)
+{
+    Broker broker(kPacket, {{TARN_LIMIT_QUEUED_MESSAGES, 3}});
+    Client(4, "reader", {.clean = false}).subscribe("t", 1);
+    Client sender(5, "sender"), old_sender(4, "old");
+    for (const char *payload : {"1", "2", "3"})
+        EXPECT_EQ(sender.publish("t", payload, {.qos = 1}), 0u);
+    EXPECT_EQ(sender.publish("t", "4", {.qos = 1}), 0x97u);
+    EXPECT_EQ(sender.publish("t", "5", {.qos = 2}), 0x97u);
+    EXPECT_EQ(broker.publish("t", "6"), 0);   // at QoS 0 it may be lost
+    old_sender.publish("t", "7", {.qos = 1}); // 3.1.1 has no code for it and is told of success
+
+    Client reader(4, "reader", {.clean = false});
+    for (const char *payload : {"1", "2", "3"})
+        reader.take("t", payload, {.qos = 1});
+    EXPECT_EQ(sender.publish("t", "8", {.qos = 1}), 0u);
+    reader.take("t", "8", {.qos = 1});
+    reader.expect_silence();
+}
+
+TEST_F(limits, a_full_queue_makes_room_of_messages_that_expired)
+{
+    Broker broker(kPacket, {{TARN_LIMIT_QUEUED_MESSAGES, 2}});
+    Client(4, "reader", {.clean = false}).subscribe("t", 1);
+    Client sender(5, "sender");
+    for (const char *payload : {"1", "2"})
+        sender.publish("t", payload, {.qos = 1, .properties = property(MessageExpiry, 1)});
+    tarn::test::pause_ms(1500);
+    EXPECT_EQ(sender.publish("t", "3", {.qos = 1}), 0u);
+    Client reader(4, "reader", {.clean = false});
+    reader.take("t", "3", {.qos = 1});
+    reader.expect_silence();
+}
+
+TEST_F(limits, a_shared_subscription_refuses_when_all_its_queues_are_full)
+{
+    Broker broker(kPacket, {{TARN_LIMIT_QUEUED_MESSAGES, 1}});
+    for (const char *id : {"one", "two"})
+        Client(4, id, {.clean = false}).subscribe("$share/group/t", 1);
+    Client sender(5, "sender");
+    for (const char *payload : {"1", "2"})
+        EXPECT_EQ(sender.publish("t", payload, {.qos = 1}), 0u);
+    EXPECT_EQ(sender.publish("t", "3", {.qos = 1}), 0x97u);
+    for (const char *id : {"one", "two"}) {
+        Client member(4, id, {.clean = false});
+        EXPECT_EQ(member.expect(PUBLISH).topic, "t");
+    }
+}
+
+TEST_F(limits, above_the_number_of_retained_messages_only_5_0_can_be_told)
+{
+    Broker broker(kPacket, {{TARN_LIMIT_RETAINED_MESSAGES, 1}});
+    Client sender(5, "sender"), old_sender(4, "old"), reader(5, "reader");
+    reader.subscribe("#", 1);
+    EXPECT_EQ(sender.publish("a", "1", {.qos = 1, .retain = true}), 0u);
+    reader.take("a", "1", {.qos = 1});
+    EXPECT_EQ(sender.publish("b", "2", {.qos = 1, .retain = true}), 0x97u);
+    old_sender.publish("b", "3", {.qos = 1, .retain = true}); // is delivered and not retained
+    reader.take("b", "3", {.qos = 1});
+    Client late(5, "late");
+    late.subscribe("#", 1);
+    late.take("a", "1", {.qos = 1, .retain = true});
+    late.expect_silence();
+}
+
+// Its earlier connection gives its place up.
+TEST_F(limits, a_client_comes_again_when_all_places_are_taken)
+{
+    Broker              broker(kPacket);
+    std::vector<Client> clients;
+    for (int i = 0; i < kPlaces; ++i)
+        clients.emplace_back(5, "c" + std::to_string(i));
+    Client stranger = Client::open(5);
+    stranger.send(connect_packet(5, "stranger", {}));
+    stranger.refused(0x88);
+    Client again(5, "c0");
+    clients[0].expect_end({0x8E});
+    again.ping();
+    clients[1].ping();
 }
 
 // [MQTT-3.3.1-9]: a small queue holds retained messages up and loses none.
