@@ -1,6 +1,10 @@
 // What a host allows its clients, as they are told of it.
 #include "support/levels.h"
 
+#include <cerrno>
+#include <sys/socket.h>
+#include <sys/time.h>
+
 using namespace tarn::conformance;
 using testing::ElementsAre;
 using testing::Optional;
@@ -152,6 +156,27 @@ TEST_F(limits, a_client_comes_again_when_all_places_are_taken)
     clients[0].expect_end({0x8E});
     again.ping();
     clients[1].ping();
+}
+
+// It sends more than both sockets and the broker keep of answers.
+TEST_F(limits, a_client_that_does_not_read_its_answers_is_closed)
+{
+    Broker        broker(kPacket);
+    Client        deaf(4, "deaf"), other(4, "other");
+    const int     receive_bytes = 4096;
+    const timeval patience{.tv_sec = 20, .tv_usec = 0};
+    Bytes         pings;
+    bool          is_closed = false;
+    constexpr int kPings    = 1 << 15;
+    constexpr int kMost     = 400;
+    setsockopt(deaf.peer().fd(), SOL_SOCKET, SO_RCVBUF, &receive_bytes, sizeof receive_bytes);
+    setsockopt(deaf.peer().fd(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    for (int i = 0; i < kPings; ++i)
+        pings.insert(pings.end(), {0xC0, 0x00});
+    for (int i = 0; i < kMost && !is_closed; ++i)
+        is_closed = send(deaf.peer().fd(), pings.data(), pings.size(), MSG_NOSIGNAL) < 0 && errno != EAGAIN;
+    EXPECT_TRUE(is_closed);
+    other.ping();
 }
 
 // [MQTT-3.3.1-9]: a small queue holds retained messages up and loses none.
