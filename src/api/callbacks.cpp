@@ -1,6 +1,7 @@
 // callbacks.cpp - the host's three callbacks: registering them, and how packet handling reaches them.
 //
 // They belong to the instance that owns the client. No lock is held while one runs, so it may call the API.
+#include "../base/clock.h"
 #include "../client/client.hpp"
 #include "../persist/persist.hpp"
 #include "api_internal.h"
@@ -18,7 +19,11 @@ constinit thread_local int t_callbacks = 0; // one inside the other, when a call
 class CallbackScope {
 public:
     CallbackScope() { ++t_callbacks; }
-    ~CallbackScope() { --t_callbacks; }
+    ~CallbackScope()
+    {
+        --t_callbacks;
+        renew_packet_time();
+    }
     CallbackScope(const CallbackScope &)            = delete;
     CallbackScope &operator=(const CallbackScope &) = delete;
 

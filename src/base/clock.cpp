@@ -9,13 +9,18 @@ namespace {
 
 constinit thread_local uint64_t t_packet_us = 0; // 0: none is handled
 
+uint64_t us_of(clockid_t clock)
+{
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
 } // namespace
 
 uint64_t mono_us() noexcept
 {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+    return us_of(CLOCK_MONOTONIC);
 }
 
 uint64_t mono_ms() noexcept
@@ -38,6 +43,13 @@ uint64_t wall_ms() noexcept
 uint64_t packet_ms() noexcept
 {
     return t_packet_us != 0 ? t_packet_us / 1000 : mono_ms();
+}
+
+// The tick is read without asking the hardware.
+void renew_packet_time() noexcept
+{
+    if (t_packet_us != 0 && us_of(CLOCK_MONOTONIC_COARSE) > t_packet_us)
+        t_packet_us = mono_us();
 }
 
 PacketTime::PacketTime() noexcept : outer_us_(t_packet_us)

@@ -15,6 +15,10 @@ uint64_t wall_ms() noexcept; // gettimeofday()
 // PacketTime exists, else a new one.
 uint64_t packet_ms() noexcept;
 
+// A callback of the host's has returned, which may have taken long: the packet's reading is replaced by a new one, unless
+// the system's tick shows that it is a few milliseconds old at most.
+void renew_packet_time() noexcept;
+
 // Around the packets that a thread of the network layer handles one after another.
 class PacketTime {
 public:

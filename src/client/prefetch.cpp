@@ -1,8 +1,8 @@
 // prefetch.cpp - asks the processor for memory some time before it is needed.
 //
 // The records and rings of many clients are in no cache, and each packet of a ring stands on another page. Who waits for
-// each of them in turn waits longer than all else takes that a delivery to one of a thousand clients needs. Nothing is
-// read of what is asked for, so it does no harm when it is another client's by then.
+// each of them in turn waits longer than all else takes that a delivery to one of a thousand clients needs. Of a
+// record only the place of its ring is read, which any thread may; what is asked for may be another client's by then.
 #include "client_internal.h"
 
 #include <algorithm>

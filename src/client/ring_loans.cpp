@@ -41,7 +41,7 @@ constinit int32_t g_unused        GUARDED_BY(g_loans_mutex) = 0; // of those in 
 constinit int32_t g_made          GUARDED_BY(g_loans_mutex) = 0;
 
 struct Borrower {
-    Shared<int32_t> index;      // of the record
+    Shared<int32_t> index;      // of the record; kOutside while the loan is free
     Shared<uint8_t> was_active; // since the last look
 };
 constinit Borrower g_borrowers[kLoansMax]{};
@@ -90,8 +90,9 @@ int32_t take_loan(int32_t borrower) EXCLUDES(g_loans_mutex)
 void give_loan_back(int32_t number) EXCLUDES(g_loans_mutex)
 {
     ScopedLock lock(g_loans_mutex);
-    g_free[g_free_count++] = number;
-    g_out                  = g_out - 1;
+    g_borrowers[number].index = kOutside;
+    g_free[g_free_count++]    = number;
+    g_out                     = g_out - 1;
 }
 
 // The places of the loans differ, or all of them would use the same few lines of the caches.
@@ -126,7 +127,9 @@ void take_from_idle(int32_t number)
         borrower.was_active = 0;
         return;
     }
-    const int32_t    index = borrower.index;
+    const int32_t index = borrower.index;
+    if (index == kOutside)
+        return;
     const client_ref client(record_at(index)); // of whichever client has the record now
     ScopedLock       lock(client->send_lock);
     const bool       is_idle = client->send_head == client->send_tail && !side_at(index).flushing;

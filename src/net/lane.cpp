@@ -99,10 +99,16 @@ bool may_take_from(int line) REQUIRES(g_lane_mutex)
     return !g_lines[line].empty() && g_serving[line] < kPerLine;
 }
 
+// A thread sleeps that could take a turn.
+bool can_rouse() REQUIRES(g_lane_mutex)
+{
+    return g_asleep > g_roused && (may_take_from(kFirstTurns) || may_take_from(kOtherTurns));
+}
+
 // True: a thread is to be signalled, best when the mutex was let go.
 bool rouse_one() REQUIRES(g_lane_mutex)
 {
-    if (g_asleep == g_roused || !(may_take_from(kFirstTurns) || may_take_from(kOtherTurns)))
+    if (!can_rouse())
         return false;
     ++g_roused;
     g_moved_us = mono_us();
@@ -198,7 +204,8 @@ bool take_turn(Turn &turn, uint32_t start)
         if (!g_pauses.empty())
             end_pauses(mono_us());
         if (pick(turn)) {
-            if (g_turns_are_long && rouse_one())
+            const bool leaves_pauses = !g_pauses.empty() && g_asleep > 0; // to a thread that is to wait for their end
+            if ((g_turns_are_long && rouse_one()) || leaves_pauses)
                 pthread_cond_signal(&g_work_came);
             return true;
         }
@@ -272,16 +279,16 @@ void *lane_thread(void *arg) noexcept
 
 // ---- giving work to the lanes
 
-// As many as there are turns to take, or as can be had.
-void start_lanes(int turns, uint32_t start) REQUIRES(g_lane_mutex)
+// As many as there are turns to take, and one that waits for the end of pauses; or as can be had.
+void start_lanes(uint32_t start) REQUIRES(g_lane_mutex)
 {
-    while (g_lane_count < std::min(turns, kLanes) && start_lane(start)) {}
+    const int wanted = std::min(g_turns + !g_pauses.empty(), kLanes);
+    while (g_lane_count < wanted && start_lane(start)) {}
 }
 
 bool has_lane(uint32_t start) REQUIRES(g_lane_mutex)
 {
-    start_lanes(1, start);
-    return g_lane_count > 0;
+    return g_lane_count > 0 || start_lane(start);
 }
 
 // False when there is no thread to take it. True also when the connection was closed: `errand` is not kept then.
@@ -350,6 +357,7 @@ bool pause_on_lane(const SlotPin &pin, const Finish &finish, uint32_t start) noe
     ScopedLock lock(g_lane_mutex);
     if (layer_runs(start)) {
         g_pauses.push(pin.handle());
+        start_lanes(start);
         pthread_cond_signal(&g_work_came);
     } else { // the layer goes down, and closes the connection
         left_out.push(pin.handle());
@@ -374,7 +382,7 @@ void hand_over_to_lanes(uint32_t start) noexcept
             enter_group(handle);
             roused += rouse_for_turn();
         }
-        start_lanes(g_turns, start);
+        start_lanes(start);
     }
     for (; roused > 0; --roused)
         pthread_cond_signal(&g_work_came);
@@ -383,7 +391,10 @@ void hand_over_to_lanes(uint32_t start) noexcept
 // Each thread that was roused takes one, as soon as there is a processor for it.
 int patience_ms(int timeout_ms) noexcept
 {
-    return g_waiting > g_roused ? std::min(timeout_ms, kPatience_ms) : timeout_ms;
+    if (g_waiting <= g_roused)
+        return timeout_ms;
+    ScopedLock lock(g_lane_mutex);
+    return can_rouse() ? std::min(timeout_ms, kPatience_ms) : timeout_ms;
 }
 
 void hurry_lanes(bool has_waited) noexcept

@@ -47,7 +47,7 @@ enum class Work : uint8_t {
     Finish,
 };
 
-// A connection's place in a queue of lane.cpp. The queue has a pin of the slot.
+// A connection's place in a queue of lane.cpp, under the queue's lock. The queue has a pin of the slot.
 struct Errand {
     uint32_t generation;
     uint32_t next; // behind it in the queue: handle + 1, 0 = end
@@ -70,7 +70,7 @@ struct SlotSide {
     uint8_t               resumed;        // resume() was called since the hook was asked. Slot lock
     Shared<uint8_t>       asks_about_all; // see ask_about_all()
     Shared<uint8_t>       was_aside;      // a packet of it went to a lane before
-    Errand                errand;         // g_lane_mutex
+    Errand                errand;         // g_lane_mutex, or g_listed_mutex while it is listed
     uint32_t              front;      // of slot.rx_buf: where the packet in front begins (big_packet.cpp); its reader's
     uint8_t              *big_packet; // in front, if it is above NETIP_RX_SIZE (big_packet.cpp); its reader's
 };

@@ -8,9 +8,11 @@
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <functional>
 #include <linux/fs.h>
 #include <linux/magic.h>
+#include <poll.h>
 #include <sys/inotify.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -47,6 +49,8 @@ constinit int g_told       GUARDED_BY(g_known_mutex) = -1; // inotify; -1: nothi
 constinit int              g_watches[kFolderCount] GUARDED_BY(g_known_mutex){};
 constinit int g_root_watch GUARDED_BY(g_known_mutex) = kNotWatched;
 constinit Identity g_root  GUARDED_BY(g_known_mutex){};
+constinit Identity         g_folders[kFolderCount] GUARDED_BY(g_known_mutex){};
+constinit int g_mounts     GUARDED_BY(g_known_mutex) = -1; // the kernel's list of mounts, which tells of a change
 constinit Owner           *g_owners[kBuckets] GUARDED_BY(g_known_mutex){};
 
 // ---- the owners
@@ -86,6 +90,7 @@ void remove(std::string_view client_id, size_t folder) REQUIRES(g_known_mutex)
 void forget_all() REQUIRES(g_known_mutex)
 {
     Fd(std::exchange(g_told, -1)).reset();
+    Fd(std::exchange(g_mounts, -1)).reset();
     for (Owner *&first : g_owners)
         while (first)
             free(std::exchange(first, first->next_in_bucket));
@@ -135,7 +140,7 @@ bool note(const inotify_event &event) REQUIRES(g_known_mutex)
 }
 
 // Likewise. What is read holds whole events only.
-bool note_all() REQUIRES(g_known_mutex)
+bool note_names() REQUIRES(g_known_mutex)
 {
     alignas(inotify_event) char told[4096];
     for (;;) {
@@ -151,11 +156,40 @@ bool note_all() REQUIRES(g_known_mutex)
     }
 }
 
+Identity identity_of(const char *path)
+{
+    struct stat status;
+    return stat(path, &status) == 0 ? Identity{status.st_dev, status.st_ino} : Identity{};
+}
+
 // Of the folder that the path names now: the program may have changed its directory, or the folder its name.
 Identity root_now()
 {
-    struct stat status;
-    return stat(g_persist_root_path, &status) == 0 ? Identity{status.st_dev, status.st_ino} : Identity{};
+    return identity_of(g_persist_root_path);
+}
+
+Path path_of(size_t folder)
+{
+    Path path;
+    snprintf(path.text, sizeof path.text, "%s/%s", g_persist_root_path, kFolders[folder]);
+    return path;
+}
+
+// What is mounted over a folder hides it, and no watch tells.
+bool are_folders_those_of_the_start() REQUIRES(g_known_mutex)
+{
+    for (size_t folder = 0; folder < kFolderCount; ++folder)
+        if (identity_of(path_of(folder).text) != g_folders[folder])
+            return false;
+    return true;
+}
+
+bool note_all() REQUIRES(g_known_mutex)
+{
+    pollfd told[] = {{g_told, POLLIN, 0}, {g_mounts, POLLPRI, 0}};
+    if (poll(told, std::size(told), 0) < 0)
+        return false;
+    return (told[1].revents == 0 || are_folders_those_of_the_start()) && (told[0].revents == 0 || note_names());
 }
 
 bool is_up_to_date(const Identity &root) REQUIRES(g_known_mutex)
@@ -211,12 +245,12 @@ bool list(DIR *directory, size_t folder) REQUIRES(g_known_mutex)
 // Watched before it is listed, so that no change is missed between the two.
 bool watch_and_list(size_t folder) REQUIRES(g_known_mutex)
 {
-    Path path;
-    snprintf(path.text, sizeof path.text, "%s/%s", g_persist_root_path, kFolders[folder]);
-    const int watch = inotify_add_watch(g_told, path.text, kNames | kFolder);
-    if (watch < 0 || watch == g_root_watch || folder_of(watch) < folder) // two names of one folder
+    const Path path  = path_of(folder);
+    const int  watch = inotify_add_watch(g_told, path.text, kNames | kFolder | IN_DONT_FOLLOW);
+    if (watch < 0 || watch == g_root_watch || folder_of(watch) < folder) // two mounts of one folder
         return false;
     g_watches[folder]    = watch;
+    g_folders[folder]    = identity_of(path.text);
     DIR *const directory = opendir(path.text);
     if (!directory)
         return false;
@@ -227,8 +261,9 @@ bool watch_and_list(size_t folder) REQUIRES(g_known_mutex)
 
 bool begin() REQUIRES(g_known_mutex)
 {
-    g_told = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (g_told < 0)
+    g_told   = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    g_mounts = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+    if (g_told < 0 || g_mounts < 0)
         return false;
     g_root = root_now();
     std::ranges::fill(g_watches, kNotWatched);

@@ -3,8 +3,8 @@
 // Most clients that come and go have none, and yet each connection would open three and unlink six. So the three folders
 // are listed at the start, and from then on the kernel tells of every name that comes or goes in them, by this program,
 // a hand or another one (inotify). What it has told is read before each answer; a change is told before the call that
-// makes it returns. Where the kernel cannot tell of all changes, or one was missed, or the folders are not those of the
-// start any more, every client may have files until the next start.
+// makes it returns. Where the kernel cannot tell of all changes, as when a folder is a symbolic link, or one was missed,
+// or the folders are not those of the start any more, every client may have files until the next start.
 #ifndef TARN_PERSIST_KNOWN_FILES_H
 #define TARN_PERSIST_KNOWN_FILES_H
 

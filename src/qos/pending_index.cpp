@@ -182,7 +182,7 @@ bool is_list_untouched() REQUIRES(g_queue_mutex)
             return false;
         next = entry->packet.next;
     }
-    return !next;
+    return !next && all.count == g_index.size;
 }
 
 // To be asked before the index is believed.

@@ -245,9 +245,10 @@ int __wrap_epoll_wait(int epoll, epoll_event *events, int room, int timeout)
 }
 int __wrap_clock_gettime(clockid_t clock, timespec *now)
 {
-    if (!g_clock_held.load() || (clock != CLOCK_MONOTONIC && clock != CLOCK_REALTIME))
+    const bool is_known = clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE || clock == CLOCK_REALTIME;
+    if (!g_clock_held.load() || !is_known)
         return __real_clock_gettime(clock, now);
-    const int64_t ms = clock == CLOCK_MONOTONIC ? g_mono_ms.load() : g_wall_ms.load();
+    const int64_t ms = clock == CLOCK_REALTIME ? g_wall_ms.load() : g_mono_ms.load();
     now->tv_sec      = ms / 1000;
     now->tv_nsec     = ms % 1000 * 1000000;
     return 0;

@@ -229,6 +229,13 @@ size_t times_said(const BrokerProcess &broker, const LogLine &line) // lines are
     return times_in(broker.log(), line.text);
 }
 
+// Lines of threads that meet are lost.
+void write_until_it_is_said(Served &test, const LogLine &line)
+{
+    for (int i = 0; i < 5 && times_said(test.broker, line) == 0; ++i)
+        test.write_something();
+}
+
 } // namespace
 
 TEST(disk, when_it_is_full_files_stay_and_clients_are_served)
@@ -237,7 +244,7 @@ TEST(disk, when_it_is_full_files_stay_and_clients_are_served)
         GTEST_SKIP() << "no mounts here";
     Served test;
     write_text("broker_data/rest", std::string(200000, 'r')); // all there is
-    test.write_something();
+    write_until_it_is_said(test, kCannotWrite);
     test.expect_old_files();
     EXPECT_EQ(times_said(test.broker, kCannotWrite), 1u);
     EXPECT_EQ(times_said(test.broker, logged::retained_not_saved()), 0u) << "a file that is not whole is not told";
@@ -255,10 +262,10 @@ TEST(disk, when_it_is_read_only_files_stay_and_clients_are_served)
         GTEST_SKIP() << "no mounts here";
     Served test;
     ASSERT_EQ(mount(nullptr, "broker_data", nullptr, MS_REMOUNT | MS_RDONLY, kSmallDisk), 0) << strerror(errno);
-    test.write_something();
+    write_until_it_is_said(test, kCannotWrite);
     test.expect_old_files();
     EXPECT_EQ(times_said(test.broker, kCannotWrite), 1u);
-    EXPECT_EQ(times_said(test.broker, logged::retained_not_saved()), 1u);
+    EXPECT_GE(times_said(test.broker, logged::retained_not_saved()), 1u);
     come(4, "away", {}).disconnect(); // forgotten, but its files stay
     test.expect_old_files();
 

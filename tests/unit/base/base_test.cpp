@@ -47,6 +47,22 @@ TEST(clock, is_read_once_a_packet)
     EXPECT_EQ(packet_ms(), 1000006u);
 }
 
+TEST(clock, is_read_again_behind_a_callback_that_took_long)
+{
+    ManualClock clock;
+    renew_packet_time();
+    EXPECT_EQ(packet_ms(), 1000000u);
+    PacketTime time;
+    renew_packet_time();
+    clock.advance_ms(1);
+    EXPECT_EQ(packet_ms(), 1000001u) << "none has begun";
+    (void)time.read();
+    clock.advance_ms(2000);
+    EXPECT_EQ(packet_ms(), 1000001u);
+    renew_packet_time();
+    EXPECT_EQ(packet_ms(), 1002001u);
+}
+
 TEST(clock, pauses_for_milliseconds)
 {
     const uint64_t start = mono_ms();

@@ -115,6 +115,26 @@ TEST(io_round, that_takes_long_is_helped_by_the_send_thread)
     EXPECT_TRUE(eventually([&] { return queued(client) == 0; })) << "the other thread may be about to note the last";
 }
 
+// The walk over all records, each half second, would need five seconds for them.
+TEST(kept_answer, in_a_turn_that_takes_long_is_sent_by_the_send_thread)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    Socket               socket(1);
+    const auto           began = std::chrono::steady_clock::now();
+    mqtt_start_send_thread();
+    client::begin_io_round();
+    for (uint8_t i = 0; i < 10; ++i) {
+        ASSERT_EQ(queue_packet(*client, {std::span(&i, 1)}), 0u);
+        client::keep_answer(client::index_of(client));
+        EXPECT_EQ(socket.wait_for(1), Bytes{i});
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(3));
+    client::end_io_round();
+    for (const auto &place : client::kept_answers())
+        EXPECT_EQ(place, 0);
+}
+
 TEST(io_round, a_client_closed_in_it_is_not_sent_to)
 {
     const Manager        manager;

@@ -701,6 +701,31 @@ TEST(finish_later, is_called_after_the_pause_and_nothing_is_served_before)
     EXPECT_FALSE(finish_later(0, finish, 1)) << "on a thread that hands up nothing";
 }
 
+TEST(finish_later, does_not_wait_for_callbacks_of_others)
+{
+    Hook  hook;
+    Door  door;
+    Layer layer([&](const Recorder::Event &event) {
+        if (event.event == NETIP_EVENT_DATA && event.bytes[0] == kAsideByte) {
+            door.pass();
+        } else if (event.event == NETIP_EVENT_DATA) {
+            EXPECT_TRUE(finish_later(event.handle, finish, 0));
+        }
+        return true;
+    });
+    Peer  slow, refused, another_slow, another_refused;
+    layer.events.wait_for(4);
+    slow.send(aside(1));
+    EXPECT_TRUE(eventually([&] { return door.waiting() == 1; }));
+    refused.send(now(1));
+    EXPECT_EQ(refused.end(), 0);
+    another_slow.send(aside(2)); // takes the thread that waited for the end of the pause
+    another_refused.send(now(2));
+    EXPECT_EQ(another_refused.end(), 0);
+    EXPECT_TRUE(eventually([&] { return door.waiting() == 2; }));
+    door.open();
+}
+
 TEST(finish_later, many_pauses_pass_side_by_side)
 {
     constexpr size_t                   kPeers = 100;

@@ -310,6 +310,24 @@ TEST(list, an_edit_by_hand_is_found_once_a_long_list_is_short_again)
     }
 }
 
+TEST(list, that_ends_earlier_by_hand_is_that_short_once_a_long_list_is_short_again)
+{
+    RingClient client;
+    add_many(client, 66);
+    for (uint16_t id = 1; id <= 40; ++id)
+        EXPECT_EQ(qos_reliable_handle_ack(client, id, 4), 0);
+    qos_packet_t *last = g_pending_queue;
+    while (last->msg_id != 50)
+        last = last->next;
+    qos_packet_t *const cut_off = std::exchange(last->next, nullptr);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 45, 4), -1);
+    EXPECT_EQ(qos_reliable_handle_ack(client, 55, 4), 0);
+    EXPECT_EQ(pending_count(), 16);
+    last->next = cut_off;
+    qos_reliable_clean_client_packets(client);
+    EXPECT_EQ(g_pending_queue, nullptr);
+}
+
 TEST(list, an_entry_taken_out_by_hand_is_gone)
 {
     RingClient client;
