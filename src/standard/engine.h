@@ -158,6 +158,8 @@ void send_bytes(Engine &engine, Connection &connection, codec::standard::Bytes p
                 const Outbox::Tail &tail = {}) noexcept REQUIRES(engine_mutex);
 void send_ack(Engine &engine, Connection &connection, PacketType type, uint16_t packet_id,
               Reason reason = Reason::Success, uint64_t journaled = 0) noexcept REQUIRES(engine_mutex);
+// Whether the message keeps to the client's Maximum Packet Size, as it would be sent to this subscription of it.
+bool fits(const Connection &connection, const MessageParts &message, const SubscriptionOptions &options) noexcept;
 // Its session has something for it, or its socket takes bytes again.
 void list_for_flush(Engine &engine, Connection &connection) noexcept REQUIRES(engine_mutex);
 // The same at the next turn(), for what would hold others up.
