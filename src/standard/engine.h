@@ -44,6 +44,10 @@ constexpr uint16_t kInFlightMost = 4096;
 constexpr size_t kOutboxMost = size_t{256} << 10; // bytes of deliveries in an outbox; a longer one goes alone
 constexpr size_t kHeadMost   = 64;                // bytes of a PUBLISH beside topic, properties and payload
 
+// Bytes that the short way (forward.h) copies for all connections before they are flushed. A queue refers to a message
+// that many are to have, and costs less memory.
+constexpr size_t kForwardedMost = size_t{16} << 20;
+
 struct Engine {
     explicit Engine(const Limits &limits) noexcept : state(limits), recorder(journal), checkpointer(state, journal) {}
 
@@ -61,6 +65,8 @@ struct Engine {
     GrowArray<net::Connection> ending;               // to be closed without the mutex
     GrowArray<uint8_t>         scratch;              // a packet that is being written
     GrowArray<uint8_t>         forwarded;            // the message that is being routed, encoded (forward.h)
+
+    size_t forwarded_bytes = 0; // that the short way copied since outboxes were last flushed
 
     uint32_t sent = 0; // packets put into outboxes, to be counted before any of them leaves
 

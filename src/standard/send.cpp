@@ -324,6 +324,7 @@ void flush_listed(Engine &engine) noexcept
         if (connection->is_broken)
             drop_connection(engine, *connection, WithWill::Yes);
     }
+    engine.forwarded_bytes = 0;
 }
 
 // ---- the journal is on the disk

@@ -149,6 +149,9 @@ public:
                                           std::span<const uint32_t> subscription_identifiers,
                                           uint16_t                  receive_maximum) noexcept;
 
+    // Undoes the last offer_and_send(), whose packet could not be sent.
+    void take_back(uint16_t packet_id) noexcept;
+
     // A connection of the session begins: what is not acknowledged goes again, then the queue.
     void resume() noexcept;
     // The connection ended.

@@ -1,8 +1,10 @@
-// Who gets a message, with sessions and connections that are made here: nothing is read or sent.
-#include "standard/engine.h"
+// Who gets a message, and which way, with sessions and connections that are made here: nothing is read or sent.
+#include "standard/forward.h"
 #include "stats/mqtt_stats.h"
+#include "support/faults.h"
 #include "support/log_capture.h"
 
+#include <cerrno>
 #include <deque>
 #include <gtest/gtest.h>
 #include <string>
@@ -60,6 +62,8 @@ size_t count_of(const Session &session)
 }
 
 } // namespace
+
+// ---- shared groups
 
 TEST(route, of_a_group_passes_over_a_member_whose_connection_is_broken)
 {
@@ -169,4 +173,65 @@ TEST(route, of_a_group_knows_how_large_a_packet_becomes)
     EXPECT_EQ(count_of(small), 3u);
     EXPECT_EQ(count_of(blocked), 3u);
     EXPECT_EQ(g_mqtt_stats.drop_too_big, 0u);
+}
+
+// ---- the short way
+
+TEST(route, copies_a_bounded_number_of_bytes_before_they_leave)
+{
+    constexpr int     kReaders = 100, kMessages = 200;
+    constexpr size_t  kMost = size_t{16} << 20;
+    const std::string payload(1000, 'x');
+    World             world;
+    for (int i = 0; i < kReaders; ++i)
+        world.there(("reader " + std::to_string(i)).c_str(), "t", 0);
+    for (int i = 0; i < kMessages; ++i)
+        world.publish(0, payload);
+    size_t copied = 0;
+    for (const Connection &connection : world.connections) {
+        copied += connection.outbox.copied_bytes();
+        EXPECT_GT(connection.session->deliveries.waiting_qos0().count, 0u);
+    }
+    EXPECT_GT(copied, kMost - 100'000);
+    EXPECT_LT(copied, kMost + 100'000);
+
+    for (Connection &connection : world.connections)
+        connection.is_blocked = true; // so that nothing is sent
+    flush_listed(world.engine);
+    for (Connection &connection : world.connections) {
+        EXPECT_GT(connection.outbox.copied_bytes(), payload.size() * kMessages);
+        connection.outbox.clear();
+        connection.is_blocked = false;
+    }
+    world.publish(0, payload);
+    for (const Connection &connection : world.connections) {
+        EXPECT_GT(connection.outbox.copied_bytes(), 0u);
+        EXPECT_EQ(connection.session->deliveries.waiting_qos0().count, 0u);
+    }
+}
+
+// Each in a process of its own, in which no memory for outboxes is left over.
+struct route_at_qos : testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(, route_at_qos, testing::Values(0, 1, 2), testing::PrintToStringParamName());
+
+TEST_P(route_at_qos, leaves_to_the_queue_what_there_is_no_memory_to_copy)
+{
+    World      world;
+    Session   &first = world.there("first", "t", 2), &reader = world.there("reader", "t", 2);
+    Draft      draft(MessageRef::make({.number = 1, .qos = static_cast<uint8_t>(GetParam()), .topic = "t"}));
+    Forwarder  forwarder(world.engine, draft);
+    const auto give = [&](Session &session) { return forwarder.give(session, {.qos = 2}, false); };
+    ASSERT_TRUE(give(first));
+    (void)first.deliveries.puback(1, 0);
+    (void)first.deliveries.pubrec(1, 0x80); // what stood for the delivery is used again
+    {
+        const Fail fail(Call::Allocate, 1, ENOMEM, 100);
+        EXPECT_FALSE(give(reader));
+        EXPECT_GT(fail.failed(), 0);
+    }
+    EXPECT_FALSE(reader.connection->is_broken);
+    EXPECT_EQ(count_of(reader), 0u);
+    EXPECT_EQ(reader.deliveries.in_flight(), 0u);
+    EXPECT_TRUE(give(reader));
+    EXPECT_EQ(reader.deliveries.in_flight(), GetParam() > 0 ? 1u : 0u);
 }
