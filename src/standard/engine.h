@@ -44,6 +44,10 @@ constexpr uint16_t kInFlightMost = 4096;
 constexpr size_t kOutboxMost = size_t{256} << 10; // bytes of deliveries in an outbox; a longer one goes alone
 constexpr size_t kHeadMost   = 64;                // bytes of a PUBLISH beside topic, properties and payload
 
+// Bytes that the short way (forward.h) copies for all connections before they are flushed. A queue refers to a message
+// that many are to have, and costs less memory.
+constexpr size_t kForwardedMost = size_t{16} << 20;
+
 struct Engine {
     explicit Engine(const Limits &limits) noexcept : state(limits), recorder(journal), checkpointer(state, journal) {}
 
@@ -61,6 +65,8 @@ struct Engine {
     GrowArray<net::Connection> ending;               // to be closed without the mutex
     GrowArray<uint8_t>         scratch;              // a packet that is being written
     GrowArray<uint8_t>         forwarded;            // the message that is being routed, encoded (forward.h)
+
+    size_t forwarded_bytes = 0; // that the short way copied since outboxes were last flushed
 
     uint32_t sent = 0; // packets put into outboxes, to be counted before any of them leaves
 
@@ -158,6 +164,8 @@ void send_bytes(Engine &engine, Connection &connection, codec::standard::Bytes p
                 const Outbox::Tail &tail = {}) noexcept REQUIRES(engine_mutex);
 void send_ack(Engine &engine, Connection &connection, PacketType type, uint16_t packet_id,
               Reason reason = Reason::Success, uint64_t journaled = 0) noexcept REQUIRES(engine_mutex);
+// Whether the message keeps to the client's Maximum Packet Size, as it would be sent to this subscription of it.
+bool fits(const Connection &connection, const MessageParts &message, const SubscriptionOptions &options) noexcept;
 // Its session has something for it, or its socket takes bytes again.
 void list_for_flush(Engine &engine, Connection &connection) noexcept REQUIRES(engine_mutex);
 // The same at the next turn(), for what would hold others up.

@@ -47,7 +47,7 @@ bool Forwarder::give(Session &session, const SubscriptionOptions &options, bool 
 {
     Connection *const connection = session.connection;
     if (!connection || draft_.parts().expires_ms != 0 || session.deliveries.has_waiting() ||
-        !takes_at_once(*connection))
+        engine_.forwarded_bytes >= kForwardedMost || !takes_at_once(*connection))
         return false;
     const bool is_v5 = connection->speaks_v5();
     const Form form{connection->level, std::min(options.qos, draft_.parts().qos), retain,
@@ -56,15 +56,32 @@ bool Forwarder::give(Session &session, const SubscriptionOptions &options, bool 
         return false;
     if (size_ + tail_.bytes.size() > connection->maximum_packet_size)
         return false;
-    uint8_t *const packet = engine_.forwarded.data();
+    uint16_t packet_id = 0;
     if (form.qos > 0) {
-        const uint16_t packet_id = begin_delivery(session, form);
+        packet_id = begin_delivery(session, form);
         if (packet_id == 0)
             return false;
+    }
+    if (put(*connection, packet_id))
+        return true;
+    if (packet_id != 0)
+        session.deliveries.take_back(packet_id);
+    return false;
+}
+
+// False, and nothing is done, without memory.
+bool Forwarder::put(Connection &connection, uint16_t packet_id) noexcept
+{
+    uint8_t *const packet = engine_.forwarded.data();
+    if (packet_id != 0) {
         packet[packet_id_offset_]     = static_cast<uint8_t>(packet_id >> 8);
         packet[packet_id_offset_ + 1] = static_cast<uint8_t>(packet_id);
     }
-    send_bytes(engine_, *connection, {packet, size_}, 0, tail_);
+    if (!connection.outbox.add({packet, size_}, 0, tail_))
+        return false;
+    ++engine_.sent;
+    engine_.forwarded_bytes += size_;
+    list_for_flush(engine_, connection);
     return true;
 }
 

@@ -15,7 +15,7 @@ public:
     Forwarder(Engine &engine, Draft &draft) noexcept : engine_(engine), draft_(draft) {}
 
     // True: the message is in the outbox of the session's connection, and at QoS 1 and 2 among the session's deliveries.
-    // False: nothing was done, as something waits before it, or it cannot be sent as it is.
+    // False: nothing was done, as something waits before it, it cannot be sent as it is, or memory to copy it is short.
     [[nodiscard]] bool give(Session &session, const SubscriptionOptions &options, bool retain) noexcept
         REQUIRES(engine_mutex);
 
@@ -35,6 +35,7 @@ private:
 
     bool     encode(const Form &form) noexcept REQUIRES(engine_mutex);
     bool     refer_to(size_t rest, bool is_v5) noexcept;
+    bool     put(Connection &connection, uint16_t packet_id) noexcept REQUIRES(engine_mutex);
     uint16_t begin_delivery(Session &session, const Form &form) noexcept REQUIRES(engine_mutex);
 
     Engine      &engine_;

@@ -13,6 +13,7 @@ constexpr size_t  kUnsyncedMost = size_t{16} << 20; // bytes of the journal
 constexpr size_t  kFew          = 200;              // that are given at once
 constexpr int64_t kShare_us     = 500;              // of one session, before others have their turn
 constexpr size_t  kLooks        = 64;               // between two looks at the clock
+constexpr size_t  kAlways       = 64;               // filters without wildcards that need no time to be left
 
 // A message of any size fits while little is held.
 bool fits(const Amount &held, const Amount &bound, size_t bytes)
@@ -126,8 +127,9 @@ bool give_some(Engine &engine, Session &session, RetainedWanted &wanted, const S
 void give_retained(Engine &engine, Session &session) noexcept
 {
     const Share share(engine);
+    size_t      done = 0;
     while (RetainedWanted *const wanted = session.retained.first()) {
-        if (share.is_used_up())
+        if ((done++ >= kAlways || has_wildcard(wanted->text)) && share.is_used_up())
             return;
         const bool is_done = has_wildcard(wanted->text) ? give_some(engine, session, *wanted, share)
                                                         : give_one(engine, session, *wanted);

@@ -146,11 +146,11 @@ bool is_surely_made(const MessageParts &message)
     return message.qos > 0 || message.retain || message.properties.size() + message.payload.size() > Outbox::kCopiedMax;
 }
 
-// The identifier is free again, as a file must know.
-void release(Engine &engine, Session &session, uint16_t packet_id) REQUIRES(engine_mutex)
+// The identifier is free again. False: a file may hold it still, and cannot be told; so the client must not hear of it,
+// or after a restart its next message under that identifier would be taken for this one.
+bool release(Engine &engine, Session &session, uint16_t packet_id) REQUIRES(engine_mutex)
 {
-    if (session.incoming.release(packet_id) && session.is_kept())
-        (void)engine.recorder.released(session, packet_id);
+    return !session.incoming.release(packet_id) || !session.is_kept() || engine.recorder.released(session, packet_id);
 }
 
 // The answer to a PUBLISH at QoS 1 or 2. A refusal at QoS 2 ends the exchange, and 3.1.1 has none: there a message that
@@ -163,8 +163,9 @@ void answer(Engine &engine, Connection &connection, const Publish &publish, Publ
     Reason reason = reason_of(result);
     if (!connection.speaks_v5() && result != PublishResult::NotRecorded)
         reason = Reason::Success;
-    if (publish.qos == 2 && is_failure(reason))
-        release(engine, *connection.session, publish.packet_id);
+    if (publish.qos == 2 && is_failure(reason) && !release(engine, *connection.session, publish.packet_id) &&
+        result == PublishResult::QueueFull) // else it was not recorded, and no file holds it
+        return end_connection(engine, connection, Reason::ServerBusy);
     if (!connection.speaks_v5() && is_failure(reason))
         return end_connection(engine, connection, reason);
     const uint64_t behind = engine.recorder.position();
@@ -219,15 +220,18 @@ bool is_allowed(Connection &connection, const Publish &publish)
     return true;
 }
 
-// The host does not allow it: 3.1.1 acknowledges it nevertheless, as it has no other answer.
+// The host does not allow it: 3.1.1 acknowledges it nevertheless, as it has no other answer. At QoS 2 an earlier
+// connection may have begun the exchange, which ends with the refusal.
 void deny(Engine &engine, Connection &connection, const Publish &publish) REQUIRES(engine_mutex)
 {
     if (publish.qos == 0)
         return;
     const PacketType type = publish.qos == 1 ? PUBACK : PUBREC;
     if (connection.speaks_v5()) {
-        if (publish.qos == 2) // an earlier connection may have begun it
-            release(engine, *connection.session, publish.packet_id);
+        if (publish.qos == 2 && !release(engine, *connection.session, publish.packet_id)) {
+            (void)connection.session->incoming.restore(publish.packet_id); // to be released when it comes again
+            return end_connection(engine, connection, Reason::ServerBusy);
+        }
         return send_ack(engine, connection, type, publish.packet_id, Reason::NotAuthorized, engine.recorder.position());
     }
     if (begin_exchange(engine, connection, publish))

@@ -9,13 +9,18 @@
 namespace tarn::standard {
 namespace {
 
-void note_full(Session &session)
+void log_full(Session &session)
 {
-    stats::count(stats::Counter::drop_queue_full);
     if (std::exchange(session.told_full, true))
         return;
     LOG_WARN("[standard] the queue of client %.*s is full: messages for it are refused",
              static_cast<int>(std::min<size_t>(session.text.size(), CLIENT_ID_CHARS)), session.text.data());
+}
+
+void note_full(Session &session)
+{
+    stats::count(stats::Counter::drop_queue_full);
+    log_full(session);
 }
 
 bool is_lost(Offered offered, uint8_t qos)
@@ -23,28 +28,64 @@ bool is_lost(Offered offered, uint8_t qos)
     return offered != Offered::Queued && (qos > 0 || offered != Offered::NotConnected);
 }
 
-bool is_small_enough(const Connection &connection, const MessageParts &message)
+// At most once a second, since it looks at all that is queued. False: it was not time.
+bool drop_expired(Session &session)
 {
-    const size_t size = kHeadMost + message.topic.size() + message.payload.size() +
-                        (connection.speaks_v5() ? message.properties.size() : 0);
-    return size <= connection.maximum_packet_size;
-}
-
-bool takes_at_once(const Session &session, const MessageParts &message)
-{
-    return session.connection && !session.connection->is_blocked && !session.told_full &&
-           session.deliveries.stored().count < std::min(session.connection->receive_maximum, kInFlightMost) &&
-           is_small_enough(*session.connection, message);
-}
-
-bool can_keep(const Session &session, const MessageParts &message, uint8_t qos, const DeliveryBounds &bounds)
-{
-    if (session.connection && !is_small_enough(*session.connection, message))
+    const uint64_t now_ms = mono_ms();
+    if (now_ms < session.next_look_ms)
         return false;
-    const Amount &held  = qos > 0 ? session.deliveries.stored() : session.deliveries.waiting_qos0();
-    const Amount &bound = qos > 0 ? bounds.stored : bounds.qos0;
-    return (qos > 0 || session.connection) && held.count < bound.count &&
-           held.bytes + size_of_message(message) <= bound.bytes;
+    session.next_look_ms = now_ms + 1000;
+    session.deliveries.drop_expired(wall_ms());
+    return true;
+}
+
+// ---- members of shared groups
+
+bool is_there(const Session &session)
+{
+    return session.connection && !session.connection->is_broken;
+}
+
+// Most are by far, and need not be measured.
+bool is_small_enough(const Connection &connection, const MessageParts &message, const SubscriptionOptions &options)
+{
+    const size_t most = kHeadMost + message.topic.size() + message.payload.size() + message.properties.size();
+    return most <= connection.maximum_packet_size || fits(connection, message, options);
+}
+
+bool takes_at_once(const Session &session, const MessageParts &message, const SubscriptionOptions &options)
+{
+    return is_there(session) && !session.connection->is_blocked && !session.told_full &&
+           session.deliveries.stored().count < std::min(session.connection->receive_maximum, kInFlightMost) &&
+           is_small_enough(*session.connection, message, options);
+}
+
+// Why a member cannot keep a message. With several members, what stands last is what becomes of the message.
+enum class Obstacle : uint8_t {
+    None,
+    Away,     // and nothing is kept for it
+    TooLarge, // for its client's packets
+    Full,     // its queue
+};
+
+bool has_room(const Session &session, const MessageParts &message, const SubscriptionOptions &options)
+{
+    const size_t identifier = options.identifier != 0 ? sizeof options.identifier : 0;
+    return session.deliveries.has_room(std::min(options.qos, message.qos),
+                                       sizeof(Delivery) + identifier + size_of_message(message));
+}
+
+Obstacle obstacle_of(Session &session, const MessageParts &message, const SubscriptionOptions &options)
+{
+    if (is_there(session)) {
+        if (!is_small_enough(*session.connection, message, options))
+            return Obstacle::TooLarge;
+    } else if (std::min(options.qos, message.qos) == 0 || !session.is_kept()) {
+        return Obstacle::Away;
+    }
+    if (has_room(session, message, options) || (drop_expired(session) && has_room(session, message, options)))
+        return Obstacle::None;
+    return Obstacle::Full;
 }
 
 class Route {
@@ -64,29 +105,47 @@ public:
 
     void shared(SharedGroup &group) NO_LOCK_ANALYSIS
     {
-        const Subscriber *chosen = group.next([this](uint64_t number, const SubscriptionOptions & /*options*/) {
+        const Subscriber *chosen = group.next([this](uint64_t number, const SubscriptionOptions &options) {
             const Session *const session = engine_.state.sessions.find(number);
-            return session && takes_at_once(*session, message_);
+            return session && takes_at_once(*session, message_, options);
         });
+        Obstacle          last   = Obstacle::Away;
         if (!chosen)
-            chosen = group.next([this](uint64_t number, const SubscriptionOptions &options) {
-                const Session *const session = engine_.state.sessions.find(number);
-                return session &&
-                       can_keep(*session, message_, std::min(options.qos, message_.qos), engine_.state.bounds());
+            chosen = group.next([this, &last](uint64_t number, const SubscriptionOptions &options) {
+                const Obstacle obstacle = obstacle_for(number, options);
+                last                    = std::max(last, obstacle);
+                return obstacle == Obstacle::None;
             });
         if (chosen)
             give(*engine_.state.sessions.find(chosen->session), chosen->options);
-        else if (message_.qos > 0)
-            refuse();
+        else
+            give_to_nobody(group, last);
     }
 
     const Routed &routed() const { return routed_; }
 
 private:
-    void refuse()
+    Obstacle obstacle_for(uint64_t number, const SubscriptionOptions &options) const
+    {
+        Session *const session = engine_.state.sessions.find(number);
+        return session ? obstacle_of(*session, message_, options) : Obstacle::Away;
+    }
+    // As a plain subscription would: what is too large, or at QoS 0, counts as delivered.
+    void give_to_nobody(const SharedGroup &group, Obstacle why)
     {
         ++routed_.receivers;
-        ++routed_.refused;
+        if (why == Obstacle::TooLarge)
+            stats::count(stats::Counter::drop_too_big);
+        if (why != Obstacle::Full)
+            return;
+        stats::count(stats::Counter::drop_queue_full);
+        bool is_refused = false;
+        for (const Subscriber &member : group.members())
+            if (obstacle_for(member.session, member.options) == Obstacle::Full) {
+                log_full(*engine_.state.sessions.find(member.session));
+                is_refused |= std::min(member.options.qos, message_.qos) > 0;
+            }
+        routed_.refused += is_refused;
     }
     void give(Session &session, const SubscriptionOptions &options) REQUIRES(engine_mutex)
     {
@@ -109,17 +168,6 @@ private:
     Forwarder           forwarder_;
     Routed              routed_;
 };
-
-// At most once a second, since it looks at all that is queued. False: it was not time.
-bool drop_expired(Session &session)
-{
-    const uint64_t now_ms = mono_ms();
-    if (now_ms < session.next_look_ms)
-        return false;
-    session.next_look_ms = now_ms + 1000;
-    session.deliveries.drop_expired(wall_ms());
-    return true;
-}
 
 } // namespace
 

@@ -52,26 +52,34 @@ void count_sent(Engine &engine) REQUIRES(engine_mutex)
 
 // ---- deliveries as packets
 
-// The properties that the message came with go as they were stored.
-Publish publish_of(const Connection &connection, const Outgoing &outgoing, OutgoingAliases::Found &alias)
+// Whatever subscription it is for. The properties that the message came with go as they were stored.
+Publish publish_of(const Connection &connection, const MessageParts &message, OutgoingAliases::Found &alias)
 {
     Publish publish;
-    publish.dup       = outgoing.dup;
-    publish.retain    = outgoing.retain;
-    publish.qos       = outgoing.qos;
-    publish.topic     = outgoing.message->topic();
-    publish.packet_id = outgoing.packet_id;
-    publish.payload   = outgoing.message->payload();
+    publish.topic   = message.topic;
+    publish.payload = message.payload;
     if (!connection.speaks_v5())
         return publish;
-    publish.stored_properties                   = outgoing.message->properties();
-    publish.properties.message_expiry           = outgoing.expiry_s;
-    publish.properties.subscription_identifiers = outgoing.subscription_identifiers;
-    alias                                       = connection.outgoing_aliases.find(publish.topic);
+    publish.stored_properties = message.properties;
+    alias                     = connection.outgoing_aliases.find(publish.topic);
     if (alias.alias != 0)
         publish.properties.topic_alias = alias.alias;
     if (alias.alias != 0 && !alias.is_new)
         publish.topic = {};
+    return publish;
+}
+
+Publish publish_of(const Connection &connection, const Outgoing &outgoing, OutgoingAliases::Found &alias)
+{
+    Publish publish   = publish_of(connection, outgoing.message->parts(), alias);
+    publish.dup       = outgoing.dup;
+    publish.retain    = outgoing.retain;
+    publish.qos       = outgoing.qos;
+    publish.packet_id = outgoing.packet_id;
+    if (connection.speaks_v5()) {
+        publish.properties.message_expiry           = outgoing.expiry_s;
+        publish.properties.subscription_identifiers = outgoing.subscription_identifiers;
+    }
     return publish;
 }
 
@@ -221,6 +229,19 @@ void fail_for_answers(Engine &engine, Connection &connection) REQUIRES(engine_mu
 
 } // namespace
 
+bool fits(const Connection &connection, const MessageParts &message, const SubscriptionOptions &options) noexcept
+{
+    OutgoingAliases::Found alias;
+    Publish                publish = publish_of(connection, message, alias);
+    publish.qos                    = std::min(options.qos, message.qos);
+    publish.packet_id              = publish.qos > 0 ? 1 : 0; // any has two bytes
+    if (connection.speaks_v5() && message.expires_ms != 0)
+        publish.properties.message_expiry = 1; // any has four
+    if (connection.speaks_v5() && options.identifier != 0)
+        publish.properties.subscription_identifiers = {&options.identifier, 1};
+    return codec::standard::size_of_head(publish, connection.receiver()) != 0;
+}
+
 // What waits for a client that sends and does not read has a bound; its deliveries have another one.
 void send_bytes(Engine &engine, Connection &connection, Bytes packet, uint64_t journaled,
                 const Outbox::Tail &tail) noexcept
@@ -303,6 +324,7 @@ void flush_listed(Engine &engine) noexcept
         if (connection->is_broken)
             drop_connection(engine, *connection, WithWill::Yes);
     }
+    engine.forwarded_bytes = 0;
 }
 
 // ---- the journal is on the disk

@@ -1,7 +1,7 @@
 // subscribe.cpp - SUBSCRIBE and UNSUBSCRIBE (3.8 to 3.11), and the retained messages that a subscription begins with.
 //
 // The host is asked about all filters first. Then they are subscribed to, a few at a time, so that a long list keeps
-// nobody waiting; the answer goes out, and behind it the retained messages.
+// nobody waiting; with the last of them the answer is queued, and behind it the retained messages.
 #include "../api/api.hpp"
 #include "c_text.h"
 #include "engine.h"
@@ -22,8 +22,9 @@ constexpr size_t kAtOnce   = 64;     // filters under one hold of the mutex
 constexpr size_t kLookedAt = 10'000; // filters of one packet that the host is asked about, or more if it allows more
 
 struct Wanted {
-    Reason reason;
-    bool   gets_retained;
+    Reason   reason;
+    bool     gets_retained;
+    uint64_t after; // the latest message when it was subscribed to: later ones come live
 };
 
 // A bridge at 3.1.1 has no options, and what it sends must not come back to it.
@@ -85,55 +86,63 @@ bool wants_retained(const Entry &entry, bool is_new)
     return !entry.filter.is_shared() && (entry.retain_handling == 0 || (entry.retain_handling == 1 && is_new));
 }
 
-// False: the session is not this connection's any more.
-bool subscribe_all(Connection &connection, const Subscribe &subscribe, Wanted *wanted)
+void subscribe_one(Engine &engine, Connection &connection, const Subscribe &subscribe, const Entry &entry,
+                   Wanted &wanted) REQUIRES(engine_mutex)
 {
-    auto entry = subscribe.subscriptions.begin();
-    for (size_t i = 0; i < subscribe.subscriptions.size();) {
+    if (is_failure(wanted.reason))
+        return;
+    bool is_new   = false;
+    wanted.reason = add(engine, *connection.session, entry.text, options_of(connection, subscribe, entry), is_new);
+    wanted.gets_retained = !is_failure(wanted.reason) && wants_retained(entry, is_new);
+    wanted.after         = engine.state.last_message;
+}
+
+void answer(Engine &engine, Connection &connection, PacketType type, uint16_t packet_id,
+            std::span<const Reason> reasons) REQUIRES(engine_mutex)
+{
+    const uint64_t journaled = connection.session->is_kept() ? engine.recorder.position() : 0;
+    send(engine, connection, SubscriptionAck{type, packet_id, reasons, {}}, journaled);
+}
+
+// As many as go at once are queued here, before any later message; the others go as the client takes them.
+void want_retained(Engine &engine, Connection &connection, const Subscribe &subscribe, const Wanted *wanted)
+    REQUIRES(engine_mutex)
+{
+    Session &session = *connection.session;
+    for (const Entry &entry : subscribe.subscriptions) {
+        const Wanted &one = *wanted++;
+        if (one.gets_retained &&
+            !session.retained.add(entry.filter.filter, options_of(connection, subscribe, entry), one.after))
+            return fail(engine, connection);
+    }
+    give_retained(engine, session);
+}
+
+// Also answers. False: the session is not this connection's any more.
+bool subscribe_all(Connection &connection, const Subscribe &subscribe, Wanted *wanted, Reason *reasons)
+{
+    const size_t count = subscribe.subscriptions.size();
+    auto         entry = subscribe.subscriptions.begin();
+    for (size_t i = 0; i < count;) {
         Turn turn;
         if (!turn || !connection.session)
             return false;
-        for (const size_t end = std::min(i + kAtOnce, subscribe.subscriptions.size()); i < end; ++i, ++entry) {
-            if (is_failure(wanted[i].reason))
-                continue;
-            bool is_new = false;
-            wanted[i].reason =
-                add(*turn, *connection.session, entry->text, options_of(connection, subscribe, *entry), is_new);
-            wanted[i].gets_retained = !is_failure(wanted[i].reason) && wants_retained(*entry, is_new);
+        for (const size_t end = std::min(i + kAtOnce, count); i < end; ++i, ++entry) {
+            subscribe_one(*turn, connection, subscribe, *entry, wanted[i]);
+            reasons[i] = wanted[i].reason;
+        }
+        if (i == count) { // without letting the mutex go, so that no message comes in between
+            answer(*turn, connection, SUBACK, subscribe.packet_id, {reasons, count});
+            want_retained(*turn, connection, subscribe, wanted);
         }
     }
     return true;
-}
-
-// They are given as the client takes them, behind the answer.
-void want_retained(Connection &connection, const Subscribe &subscribe, const Wanted *wanted)
-{
-    Turn turn;
-    if (!turn || !connection.session)
-        return;
-    for (const Entry &entry : subscribe.subscriptions)
-        if ((wanted++)->gets_retained &&
-            !connection.session->retained.add(entry.filter.filter, options_of(connection, subscribe, entry),
-                                              turn->state.last_message))
-            return fail(*turn, connection);
-    list_for_flush(*turn, connection);
 }
 
 void tell(Connection &connection, uint32_t kind, std::string_view filter, int32_t qos)
 {
     if (const CText text(filter); text)
         api::tell(*connection.record, kind, text.get(), qos);
-}
-
-// False: the connection has no session any more.
-bool answer(Connection &connection, PacketType type, uint16_t packet_id, std::span<const Reason> reasons)
-{
-    Turn turn;
-    if (!turn || !connection.session)
-        return false;
-    const uint64_t journaled = connection.session->is_kept() ? turn->recorder.position() : 0;
-    send(*turn, connection, SubscriptionAck{type, packet_id, reasons, {}}, journaled);
-    return true;
 }
 
 void refuse_for_memory(Connection &connection)
@@ -156,18 +165,13 @@ void handle_subscribe(const Incoming &incoming) noexcept
         return refuse_for_memory(connection);
     size_t i = 0;
     for (const Entry &entry : subscribe.subscriptions)
-        wanted[i++] = {judge(connection, entry.text, i), false};
-    if (!subscribe_all(connection, subscribe, wanted.get()))
-        return;
-    for (i = 0; i < count; ++i)
-        reasons[i] = wanted[i].reason;
-    if (!answer(connection, SUBACK, subscribe.packet_id, {reasons.get(), count}))
+        wanted[i++] = {judge(connection, entry.text, i), false, 0};
+    if (!subscribe_all(connection, subscribe, wanted.get(), reasons.get()))
         return;
     i = 0;
     for (const Entry &entry : subscribe.subscriptions)
         if (!is_failure(reasons[i++]))
             tell(connection, BROKER_EVENT_SUBSCRIBE, entry.text, entry.qos);
-    want_retained(connection, subscribe, wanted.get());
 }
 
 namespace {
@@ -185,15 +189,19 @@ Reason remove(Engine &engine, Session &session, const codec::standard::Unsubscri
     return Reason::Success;
 }
 
+// Also answers. False: the session is not this connection's any more.
 bool unsubscribe_all(Connection &connection, const Unsubscribe &unsubscribe, Reason *reasons)
 {
-    auto entry = unsubscribe.filters.begin();
-    for (size_t i = 0; i < unsubscribe.filters.size();) {
+    const size_t count = unsubscribe.filters.size();
+    auto         entry = unsubscribe.filters.begin();
+    for (size_t i = 0; i < count;) {
         Turn turn;
         if (!turn || !connection.session)
             return false;
-        for (const size_t end = std::min(i + kAtOnce, unsubscribe.filters.size()); i < end; ++i, ++entry)
+        for (const size_t end = std::min(i + kAtOnce, count); i < end; ++i, ++entry)
             reasons[i] = remove(*turn, *connection.session, *entry);
+        if (i == count)
+            answer(*turn, connection, UNSUBACK, unsubscribe.packet_id, {reasons, count});
     }
     return true;
 }
@@ -210,8 +218,7 @@ void handle_unsubscribe(const Incoming &incoming) noexcept
     owned<Reason> reasons = allocate<Reason>(count);
     if (!reasons)
         return refuse_for_memory(connection);
-    if (!unsubscribe_all(connection, unsubscribe, reasons.get()) ||
-        !answer(connection, UNSUBACK, unsubscribe.packet_id, {reasons.get(), count}))
+    if (!unsubscribe_all(connection, unsubscribe, reasons.get()))
         return;
     size_t i = 0;
     for (const codec::standard::UnsubscribedFilter &entry : unsubscribe.filters)

@@ -1,6 +1,7 @@
 // A disk that is full: what is to be kept waits, and so does who was to be told; everybody else is served. With room again
 // all is kept and told.
 #include "support/files.h"
+#include "support/host.h"
 #include "support/levels.h"
 #include "support/process_state.h"
 
@@ -113,6 +114,53 @@ TEST_P(slow_full_disk, what_did_not_wait_for_room_is_published_again_by_its_clie
     Client away = come_to_stay("away");
     away.take("kept", payload, {.qos = 2});
     away.expect_silence();
+}
+
+namespace {
+
+// A kept session that holds identifiers from 1 on.
+Client come_with_exchanges(std::string_view id, unsigned count)
+{
+    Client client(5, id, {.clean = false, .properties = property(SessionExpiry, 3600)});
+    for (unsigned exchange = 1; exchange <= count; ++exchange) {
+        client.send(publish_packet(5, "t", "x", {.qos = 2, .id = exchange}));
+        client.expect_ack(PUBREC, exchange, 0x10);
+    }
+    return client;
+}
+
+// With the disk full: there is no memory left for a record as of PUBREL, nor for a longer one.
+void fill_journal(Client &releases, unsigned exchanges)
+{
+    Client sender(5, "sender");
+    for (const size_t size : {1'000'000, 100'000, 10'000, 1000, 100, 0})
+        for (int i = 0; i < (size == 1'000'000 ? 70 : 12); ++i)
+            sender.send(publish_packet(5, "r", std::string(size, 'x') + "x", {.retain = true}));
+    sender.ping();
+    for (unsigned id = 1; id <= exchanges; ++id)
+        releases.send(ack_packet(PUBREL, id));
+    releases.expect_end({0x89});
+}
+
+struct slow_full_disk_5 : testing::Test {};
+
+} // namespace
+
+// An exchange at QoS 2 ends with a refusal. Unless a file knows that, a restart would bring the identifier back, and
+// the next message that has it would be taken for the old one: so the client is to ask again.
+TEST_F(slow_full_disk_5, a_refusal_that_no_file_can_know_is_not_told)
+{
+    if (!mount_small_disk("broker_data"))
+        GTEST_SKIP() << "the kernel refuses";
+    Broker broker(2 << 20);
+    tarn::test::Hooks::listen(broker.handle());
+    Client client = come_with_exchanges("c", 1), other = come_with_exchanges("other", 20);
+    tarn::test::Hooks::refuse_topic("t");
+    fill_disk();
+    fill_journal(other, 20);
+    client.send(publish_packet(5, "t", "x", {.qos = 2, .dup = true, .id = 1}));
+    client.expect_end({0x89});
+    make_room();
 }
 
 // What waits in memory has a bound.

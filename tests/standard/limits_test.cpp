@@ -126,6 +126,19 @@ TEST_F(limits, a_shared_subscription_refuses_when_all_its_queues_are_full)
     }
 }
 
+TEST_F(limits, a_shared_subscription_makes_room_of_messages_that_expired)
+{
+    Broker broker(kPacket, {{TARN_LIMIT_QUEUED_MESSAGES, 1}});
+    Client(4, "reader", {.clean = false}).subscribe("$share/group/t", 1);
+    Client sender(5, "sender");
+    EXPECT_EQ(sender.publish("t", "1", {.qos = 1, .properties = property(MessageExpiry, 1)}), 0u);
+    tarn::test::pause_ms(1500);
+    EXPECT_EQ(sender.publish("t", "2", {.qos = 1}), 0u);
+    Client reader(4, "reader", {.clean = false});
+    reader.take("t", "2", {.qos = 1});
+    reader.expect_silence();
+}
+
 TEST_F(limits, above_the_number_of_retained_messages_only_5_0_can_be_told)
 {
     Broker broker(kPacket, {{TARN_LIMIT_RETAINED_MESSAGES, 1}});

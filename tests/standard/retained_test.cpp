@@ -168,6 +168,63 @@ TEST_P(retained, messages_are_not_sent_again_on_resumption)
     reader.expect_silence();
 }
 
+// The host keeps one as soon as it hears of a subscription, which is there already: it comes once, like any other.
+TEST_P(retained, message_of_a_host_that_hears_of_a_subscription_comes_once)
+{
+    if (is_other_broker())
+        GTEST_SKIP();
+    tarn_sdk_mqtt_broker_register_event_callback(broker.handle(), [](broker_t *host, uint32_t kind, const char *) {
+        if (kind == BROKER_EVENT_SUBSCRIBE) {
+            EXPECT_EQ(tarn_sdk_mqtt_broker_publish(host, "t", "kept", 4, 1, 1, 0), 0);
+        }
+    });
+    Client reader = come("reader");
+    reader.subscribe("t", 1);
+    reader.take("t", "kept", {.qos = 1});
+    reader.expect_silence();
+}
+
+// What was retained was published first, so it comes first, whatever else the broker has to do meanwhile.
+// [MQTT-4.6.0-5] [MQTT-4.6.0-6] 3.1.1 [MQTT-4.6.0-5] 3.1.1 [MQTT-4.6.0-6]
+TEST_P(retained, message_comes_before_later_ones)
+{
+    for (const char *filter : {"t", "+", "#"})
+        for (unsigned qos = 0; qos < 3; ++qos) {
+            SCOPED_TRACE(filter + std::to_string(qos));
+            Client client = come("c");
+            client.send(publish_packet(level(), "t", "old", {.retain = true}) +
+                        subscribe_packet(level(), 1, {{filter, qos}}) + publish_packet(level(), "t", "new"));
+            client.expect(SUBACK);
+            client.take("t", "old", {.retain = true});
+            client.take("t", "new");
+        }
+}
+
+TEST_P(retained, messages_of_many_filters_come_before_later_ones)
+{
+    constexpr unsigned  kTopics = 300; // the broker takes them in several steps
+    Client              client  = come("c");
+    Bytes               all;
+    std::vector<Filter> filters;
+    for (unsigned i = 0; i < kTopics; ++i) {
+        const std::string topic = "t/" + std::to_string(i);
+        client.publish(topic, "old", {.qos = 1, .retain = true});
+        filters.push_back({topic, 0});
+        all = all + publish_packet(level(), topic, "new");
+    }
+    client.send(subscribe_packet(level(), 1, filters) + all);
+    client.expect(SUBACK);
+    std::set<std::string> old;
+    for (unsigned i = 0; i < 2 * kTopics; ++i) {
+        const Received next = client.next();
+        ASSERT_EQ(next.type, PUBLISH);
+        if (next.payload == "old")
+            EXPECT_TRUE(old.insert(next.topic).second);
+        else
+            EXPECT_TRUE(old.contains(next.topic)) << next.topic;
+    }
+}
+
 TEST_P(retained, messages_may_be_many)
 {
     constexpr int kTopics = 500;

@@ -248,3 +248,25 @@ TEST_F(shared_5, subscription_prefers_members_with_room_for_a_message)
     EXPECT_THAT(other.take_all(), SizeIs(10));
     small.expect_silence();
 }
+
+// One that takes small packets alone gets those that are as small.
+TEST_F(shared_5, subscription_gives_a_member_what_fits_its_packets)
+{
+    Client small = come("small", {.properties = property(MaximumPacketSize, 40)}), sender = come("sender");
+    small.subscribe("$share/group/t", 2);
+    for (unsigned qos = 0; qos < 3; ++qos) {
+        EXPECT_EQ(sender.publish("t", "x", {.qos = qos}), 0u);
+        small.take("t", "x", {.qos = qos});
+        EXPECT_EQ(sender.publish("t", std::string(100, 'x'), {.qos = qos}), 0u); // is dropped, as for all others
+    }
+    small.expect_silence();
+}
+
+// At QoS 0 nothing is kept for a member that is away, and nothing refused.
+TEST_F(shared_5, subscription_at_qos_0_refuses_nothing_while_its_member_is_away)
+{
+    come_to_stay("away").subscribe("$share/group/t", 0);
+    Client sender = come("sender");
+    for (unsigned qos = 1; qos < 3; ++qos)
+        EXPECT_EQ(sender.publish("t", "x", {.qos = qos}), 0u);
+}

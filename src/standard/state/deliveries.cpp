@@ -98,6 +98,12 @@ uint16_t Deliveries::offer_and_send(const MessageRef &message, uint8_t qos, bool
     return made->packet_id;
 }
 
+void Deliveries::take_back(uint16_t packet_id) noexcept
+{
+    if (Delivery *const found = in_use_.find(packet_id))
+        forget(*found);
+}
+
 // For drop_expired(): nothing in the queue expires before.
 void Deliveries::note_expiry(const Message &message) noexcept
 {

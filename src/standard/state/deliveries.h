@@ -137,11 +137,20 @@ public:
     [[nodiscard]] Offered offer(const MessageRef &message, uint8_t qos, bool retain,
                                 std::span<const uint32_t> subscription_identifiers = {}) noexcept;
 
-    // The same, and next() with it, for a message at QoS 1 or 2 that goes at once: with nothing before it, to a session
-    // that no file knows. Its packet identifier; 0: nothing was done, and offer() is to be called.
+    // Whether there is room for one more, of so many bytes (Delivery::bytes()).
+    [[nodiscard]] bool has_room(uint8_t qos, size_t bytes) const noexcept
+    {
+        return refusal_of(qos, bytes) == Offered::Queued;
+    }
+
+    // As offer(), and next() with it, for a message at QoS 1 or 2 that goes at once: with nothing before it, to a
+    // session that no file knows. Its packet identifier; 0: nothing was done, and offer() is to be called.
     [[nodiscard]] uint16_t offer_and_send(const MessageRef &message, uint8_t qos, bool retain,
                                           std::span<const uint32_t> subscription_identifiers,
                                           uint16_t                  receive_maximum) noexcept;
+
+    // Undoes the last offer_and_send(), whose packet could not be sent.
+    void take_back(uint16_t packet_id) noexcept;
 
     // A connection of the session begins: what is not acknowledged goes again, then the queue.
     void resume() noexcept;
