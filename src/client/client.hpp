@@ -165,6 +165,10 @@ uint32_t answer_client(mqtt_client_t &client, std::span<const uint8_t> answer) n
 uint32_t queue_packet(mqtt_client_t &client, const PacketParts &packet) noexcept;
 void     see_to_sending(mqtt_client_t &client) noexcept;
 
+// Sends what the calling lane keeps for the client whose packet it serves until the packet is done, if it is a lane: all
+// that is left to do is a callback of the host's, which may take long.
+void send_kept_answer() noexcept;
+
 // Makes the next DISCONNECT that is queued for this client the last packet sent to it; the caller closes the client
 // next. What is queued behind it, such as the client's own will, stays in the ring. To a record outside the pool
 // everything is sent.

@@ -1,11 +1,8 @@
 // round_flush.cpp - packets that an I/O thread queues while it handles a round of events are sent by that thread when
 // the round ends: many packets in one write, and no other thread has to wake up for them.
 //
-// A lane's own answers to its client are not in the list, or another thread's round would send them, and the client's
-// next packet would come while the lane still has the connection.
-//
 // A callback of the host can hold a round up. The send thread therefore drains the send list every 10 ms while rounds
-// queue packets, and sends in its place; the answers that lanes keep, too.
+// queue packets, and sends in its place.
 #include "client_internal.h"
 
 #include <utility>
@@ -17,38 +14,8 @@ constinit std::atomic<uint32_t> g_rounds{0};
 constinit std::atomic<uint8_t>  g_rounds_watched{0}; // the send thread looks every 10 ms
 constinit std::atomic<uint8_t>  g_queued_since{0};
 
-constinit thread_local uint32_t t_round = 0;
-
-void send_listed(int32_t index)
-{
-    const client_ref client(record_at(index)); // of whichever client has the record now
-    hand_over_rest(*client, flush_ring(*client, true));
-}
-
-// Whose answer the calling lane keeps, and where the send thread sees that: index + 1, 0 = free. There are more places
-// than lanes.
-constinit std::atomic<int32_t>               g_kept_answers[8]{};
-constinit thread_local int32_t               t_answered = kOutside;
-constinit thread_local std::atomic<int32_t> *t_place    = nullptr;
-
-void show_kept_answer(int32_t index)
-{
-    for (std::atomic<int32_t> &place : g_kept_answers) {
-        int32_t free = 0;
-        if (place.compare_exchange_strong(free, index + 1)) {
-            t_place = &place;
-            return;
-        }
-    }
-}
-
-void send_kept_answer()
-{
-    if (std::atomic<int32_t> *const place = std::exchange(t_place, nullptr))
-        place->store(0);
-    if (const int32_t index = std::exchange(t_answered, kOutside); index != kOutside)
-        send_listed(index);
-}
+constinit thread_local uint32_t t_round    = 0;
+constinit thread_local int32_t  t_answered = kOutside;
 
 // A socket that blocked takes bytes again. What is queued from now on need not wait for the send thread's next try,
 // which finds the ring sent.
@@ -70,6 +37,12 @@ void have_rounds_watched()
         g_rounds_watched.store(1);
         wake_send_thread();
     }
+}
+
+void send_listed(int32_t index)
+{
+    const client_ref client(record_at(index)); // of whichever client has the record now
+    hand_over_rest(*client, flush_ring(*client, true));
 }
 
 } // namespace
@@ -95,17 +68,8 @@ bool is_own_answer(const mqtt_client_t &client) noexcept
 
 void keep_answer(int32_t index) noexcept
 {
-    if (t_answered != index) {
-        send_kept_answer();
-        t_answered = index;
-        show_kept_answer(index);
-    }
+    t_answered = index;
     have_rounds_watched(); // or the send thread would wake in the middle of the round that has the client's next packet
-}
-
-std::span<const std::atomic<int32_t>> kept_answers() noexcept
-{
-    return g_kept_answers;
 }
 
 uint32_t io_round() noexcept
@@ -152,3 +116,9 @@ void use_network_hooks() noexcept
 }
 
 } // namespace tarn::client
+
+void tarn::send_kept_answer() noexcept
+{
+    if (const int32_t index = std::exchange(client::t_answered, client::kOutside); index != client::kOutside)
+        client::send_listed(index);
+}

@@ -121,14 +121,6 @@ bool has_unsent(mqtt_client_t &client)
     return is_online(client) && peek(client.send_queue) && has_packets(client);
 }
 
-// Of lanes whose packet takes so long.
-void serve_kept_answers(RetryList &retries)
-{
-    for (const std::atomic<int32_t> &place : kept_answers())
-        if (const int32_t link = place.load(); link != 0)
-            retries.serve(link - 1);
-}
-
 void send_unlisted(mqtt_client_t &client, int32_t index, RetryList &retries)
 {
     if (index == kOutside)
@@ -170,7 +162,6 @@ void run()
         drain_send_list([&](int32_t index) { retries.serve(index); });
         const uint64_t now_ms = mono_ms();
         if (!woken || now_ms >= next_try_ms) {
-            serve_kept_answers(retries);
             retries.try_again();
             next_try_ms = now_ms + kRetry_ms;
         }

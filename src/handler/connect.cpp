@@ -325,6 +325,8 @@ int handle_connect(mqtt_client_t &client, Packet packet) noexcept
     if (!accept(client))
         return -1;
     resume_session(client);
+    if (api::hears_events(client))
+        send_kept_answer();
     api::tell(client, BROKER_EVENT_CONNECTED);
     return 0;
 }
