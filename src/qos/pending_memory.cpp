@@ -41,7 +41,7 @@ static_assert(kBuckets == size_t{1} << (64 - 50));
 void drop_user(SharedPayload **link) REQUIRES(g_queue_mutex)
 {
     SharedPayload *const shared = *link;
-    if (--shared->users > 0)
+    if (!shared || --shared->users > 0)
         return;
     *link = shared->next;
     --g_shared;

@@ -12,7 +12,6 @@
 namespace tarn::standard {
 
 using codec::standard::Bytes;
-using codec::standard::Properties;
 using codec::standard::Publish;
 
 namespace {
