@@ -176,13 +176,11 @@ TEST_F(limits, a_client_that_does_not_read_its_answers_is_closed)
 {
     Broker        broker(kPacket);
     Client        deaf(4, "deaf"), other(4, "other");
-    const int     receive_bytes = 4096;
     const timeval patience{.tv_sec = 20, .tv_usec = 0};
     Bytes         pings;
     bool          is_closed = false;
     constexpr int kPings    = 1 << 15;
     constexpr int kMost     = 400;
-    setsockopt(deaf.peer().fd(), SOL_SOCKET, SO_RCVBUF, &receive_bytes, sizeof receive_bytes);
     setsockopt(deaf.peer().fd(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     for (int i = 0; i < kPings; ++i)
         pings.insert(pings.end(), {0xC0, 0x00});
