@@ -249,7 +249,7 @@ void end_io_round() noexcept;
 [[nodiscard]] uint32_t io_round() noexcept;
 void                   list_in_round(int32_t index) noexcept;
 // What a lane thread queues for the client whose packet it serves leaves when the packet is done, and not with the list,
-// which other threads drain meanwhile: the client is not to answer before the broker is through.
+// which other threads drain meanwhile: the client is not to answer before the broker is through. See send_kept_answer().
 [[nodiscard]] bool is_own_answer(const mqtt_client_t &client) noexcept;
 void               keep_answer(int32_t index) noexcept;
 // For the send thread, every turn: false when no round has queued anything for a while. list_in_round wakes the thread

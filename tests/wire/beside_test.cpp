@@ -261,3 +261,29 @@ TEST(beside, a_disconnect_waits_for_a_login_of_its_id_that_is_under_way)
     other.send("E0 00");
     other.expect_closed();
 }
+
+namespace {
+
+std::atomic<bool> g_has_connack{false};
+
+} // namespace
+
+// Each callback goes on until its client has CONNACK. The walk of the send thread, twice a second, would bring it too.
+TEST(beside, connack_does_not_wait_for_the_callback_that_hears_of_the_connection)
+{
+    Guarded test;
+    Guarded::open();
+    tarn_sdk_mqtt_broker_register_event_callback(test.host.broker(), [](broker_t *, uint32_t kind, const char *) {
+        for (int i = 0; kind == BROKER_EVENT_CONNECTED && !g_has_connack && i < 2000; ++i)
+            std::this_thread::sleep_for(1ms);
+    });
+    const auto began = std::chrono::steady_clock::now();
+    for (int i = 0; i < 8; ++i) {
+        g_has_connack = false;
+        Peer client   = Peer::tcp();
+        client.connect_v4("c");
+        g_has_connack = true;
+        client.ping();
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - began, 2s) << "eight walks take four";
+}
