@@ -126,10 +126,15 @@ size_t cut_to_packet(std::span<const uint8_t> &packet)
 
 } // namespace
 
+bool is_connect(std::span<const uint8_t> packet)
+{
+    return !packet.empty() && packet[0] == kConnect;
+}
+
 std::optional<ConnectWill> find_will(std::span<const uint8_t> packet)
 {
-    if (packet.empty() || packet[0] != kConnect)
-        return {}; // the usual case, at no cost
+    if (!is_connect(packet))
+        return {};
     ConnectWill will{};
     will.body  = cut_to_packet(packet);
     will.flags = will.body + kFlagsAfter;
@@ -159,7 +164,7 @@ namespace {
 // Where the flags of a CONNECT stand, 0 when it is none or too short. Cuts the packet.
 size_t flags_of_connect(std::span<const uint8_t> &packet)
 {
-    if (packet.empty() || packet[0] != kConnect)
+    if (!is_connect(packet))
         return 0;
     const size_t body = cut_to_packet(packet);
     return body != 0 && packet.size() > body + kFlagsAfter ? body + kFlagsAfter : 0;

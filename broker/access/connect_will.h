@@ -22,6 +22,8 @@ struct ConnectWill {
     size_t      begin, end; // of the will's properties, topic and payload
 };
 
+bool is_connect(std::span<const uint8_t> packet);
+
 // Nothing when the packet is no CONNECT, leaves no will, or is one that the library refuses.
 std::optional<ConnectWill> find_will(std::span<const uint8_t> packet);
 

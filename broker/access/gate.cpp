@@ -66,23 +66,29 @@ uint8_t on_connection_event(uint32_t handle, uint32_t event, uint32_t reason, ui
     return result;
 }
 
+uint8_t on_connect(uint32_t handle, std::span<const uint8_t> packet, uint32_t reason, uint32_t error, void *broker)
+{
+    std::vector<uint8_t> stripped;
+    const auto           dropped = judge(handle, packet);
+    t_packet.keeps_session       = g_keeper.judge_will ? keeps_session(packet) : keeps_standard_session(packet);
+    if (dropped) {
+        stripped         = without_will(packet, dropped->will);
+        packet           = stripped;
+        t_packet.dropped = &*dropped;
+    }
+    return g_library(handle, NETIP_EVENT_DATA, packet.data(), static_cast<uint32_t>(packet.size()), reason, error,
+                     broker);
+}
+
 uint8_t on_network_event(uint32_t handle, uint32_t event, const uint8_t *data, uint32_t length, uint32_t reason,
                          uint32_t error, void *broker)
 {
     if (event != NETIP_EVENT_DATA || !data)
         return on_connection_event(handle, event, reason, error, broker);
-    const UnderWay       packet(handle);
-    std::vector<uint8_t> stripped;
-    const auto           dropped = judge(handle, {data, length});
-    t_packet.keeps_session =
-        g_keeper.judge_will ? keeps_session({data, length}) : keeps_standard_session({data, length});
+    const UnderWay packet(handle);
+    if (is_connect({data, length}))
+        return on_connect(handle, {data, length}, reason, error, broker);
     t_packet.is_retained = (data[0] & (kTypeBits | kRetain)) == (kPublish | kRetain);
-    if (dropped) {
-        stripped         = without_will({data, length}, dropped->will);
-        data             = stripped.data();
-        length           = static_cast<uint32_t>(stripped.size());
-        t_packet.dropped = &*dropped;
-    }
     return g_library(handle, event, data, length, reason, error, broker);
 }
 
