@@ -67,6 +67,17 @@ uint64_t PacketTime::read() noexcept
     return t_packet_us = mono_us();
 }
 
+uint64_t PacketTime::next() noexcept
+{
+    if (sharing_ > 0) {
+        --sharing_;
+        return t_packet_us;
+    }
+    const uint64_t before_us = t_packet_us;
+    sharing_                 = elapsed(read(), before_us) < kQuick_us ? kShare - 1 : 0;
+    return t_packet_us;
+}
+
 void pause_ms(uint32_t ms) noexcept
 {
     usleep(ms * 1000);

@@ -19,7 +19,8 @@ uint64_t packet_ms() noexcept;
 // the system's tick shows that it is a few milliseconds old at most.
 void renew_packet_time() noexcept;
 
-// Around the packets that a thread of the network layer handles one after another.
+// Around the packets that a thread of the network layer handles one after another. Small packets take a microsecond or
+// less, of which the clock would be a part: while they are that quick, some of them share a reading.
 class PacketTime {
 public:
     PacketTime() noexcept;
@@ -27,12 +28,19 @@ public:
     PacketTime(const PacketTime &)            = delete;
     PacketTime &operator=(const PacketTime &) = delete;
 
-    // Another packet begins. Returns the new reading, in us.
+    // Returns a new reading, in us. For what came behind the one before.
     uint64_t read() noexcept;
+    // Another packet begins. Returns the reading that it goes by, in us.
+    uint64_t next() noexcept;
 
 private:
+    static constexpr uint64_t kQuick_us = 16; // between two readings
+    static constexpr int      kShare    = 8;  // packets that may share one then
+
     uint64_t outer_us_;
+    int      sharing_ = 0; // packets still to come that go by the reading before
 };
+
 void pause_ms(uint32_t ms) noexcept;
 
 // now - then, never below zero: a clock that was read first may be the older one.

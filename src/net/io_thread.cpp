@@ -115,7 +115,7 @@ Left serve_whole_packets(const SlotPin &pin, const EventSink &sink, uint32_t sta
         if (!layer_runs(start) || !serves_here(pin, {received_bytes(pin), length}, start) ||
             !hand_up_first(pin, sink, start))
             return Left::NotOurs;
-        const uint64_t now_us = time.read();
+        const uint64_t now_us = time.next();
         if (elapsed(now_us, began_us) >= kTimePerTurn_us && elapsed(now_us, t_round_began_us) >= g_handling_us)
             return Left::More;
     }

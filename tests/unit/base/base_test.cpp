@@ -47,6 +47,32 @@ TEST(clock, is_read_once_a_packet)
     EXPECT_EQ(packet_ms(), 1000006u);
 }
 
+TEST(clock, is_read_for_some_packets_together_while_they_are_quick)
+{
+    ManualClock clock;
+    PacketTime  time;
+    (void)time.read();
+    EXPECT_EQ(time.next(), 1000000000u); // so soon that it was quick
+    clock.advance_ms(1);
+    for (int i = 1; i < 8; ++i)
+        EXPECT_EQ(time.next(), 1000000000u) << i;
+    for (int i = 0; i < 20; ++i) { // slow ones have each a reading of its own
+        EXPECT_EQ(time.next(), 1000001000u + 1000u * static_cast<unsigned>(i));
+        clock.advance_ms(1);
+    }
+}
+
+TEST(clock, shares_no_reading_from_before_a_callback_that_took_long)
+{
+    ManualClock clock;
+    PacketTime  time;
+    (void)time.read();
+    (void)time.next();
+    clock.advance_ms(2000);
+    renew_packet_time();
+    EXPECT_EQ(time.next(), 1002000000u);
+}
+
 TEST(clock, is_read_again_behind_a_callback_that_took_long)
 {
     ManualClock clock;
