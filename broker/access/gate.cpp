@@ -106,12 +106,15 @@ void install_gate(const GateKeeper &keeper)
 {
     g_keeper = keeper;
     pthread_mutex_lock(&g_netip_lock);
-    g_library = g_netip_cb;
+    g_library            = g_netip_cb;
+    const uint32_t given = std::atomic_ref(g_last_handle).load(std::memory_order_relaxed);
     if (g_library) // else start has failed
         std::atomic_ref(g_netip_cb).store(CCallback<on_network_event, end_connection>::call, std::memory_order_relaxed);
     pthread_mutex_unlock(&g_netip_lock);
     g_installed = true;
-    for (uint32_t handle = 0; g_library && handle < NETIP_CLIENTS_MAX; ++handle) // who came before
+    // Who came before. Handles are given one after another; a look at a slot that nobody had would cost a page fault,
+    // and another one later.
+    for (uint32_t handle = 0; g_library && handle < given; ++handle)
         if (std::atomic_ref(g_netip_clients[handle].in_use).load(std::memory_order_acquire) != 0)
             unless_short([&] { g_keeper.opened(handle); });
 }

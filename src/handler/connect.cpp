@@ -78,14 +78,13 @@ void negotiate_packet_size(mqtt_client_t &client, const mqtt_connect_para_t &con
 // ---- the saved session
 
 // Refills the embedded record from the client's files; false when it has none.
-bool load_session_of(mqtt_client_t &client)
+bool load_session_of(mqtt_client_t &client, persist::Found &found)
 {
     persist_session_t &session = client.session;
     ScopedLock         lock(session_mutex(client));
     clear_session(client);
     copy_text(session.client_id, client.client_id, sizeof client.client_id - 1);
-    int files_opened = 0;
-    if (persist::load_session(session, files_opened) != persist::Loaded::Yes || files_opened == 0)
+    if (persist::load_session(session, found) != persist::Loaded::Yes || found.files() == 0)
         return false;
     // One place more: a broken file may have left something behind the last entry.
     session_written(client, std::min<int32_t>(session.sub_count + 1, PERSIST_SUBS_MAX),
@@ -114,15 +113,16 @@ void restore_will(mqtt_client_t &client)
 }
 
 // Done for a clean session too: begin_session() drops what was loaded again.
-void restore_session(mqtt_client_t &client)
+persist::Found restore_session(mqtt_client_t &client)
 {
-    const bool found        = load_session_of(client);
-    client.session_restored = found;
-    if (!found)
-        return;
+    persist::Found found;
+    client.session_restored = load_session_of(client, found);
+    if (!client.session_restored)
+        return found;
     LOG_INFO("[会话] 加载客户端持久化数据成功: %s, 订阅数=%d, 离线消息数=%d", client.client_id,
              int32_t{shared(client.session.sub_count)}, int32_t{shared(client.session.msg_count)});
     restore_will(client);
+    return found;
 }
 
 // ---- the will in this CONNECT
@@ -174,10 +174,13 @@ void take_will(mqtt_client_t &client, const mqtt_connect_para_t &connect)
 
 // ---- what becomes of the session
 
-void drop_session(mqtt_client_t &client)
+// Where no file was found before, none has come but for a message to one of the subscriptions.
+void drop_session(mqtt_client_t &client, const persist::Found &before)
 {
-    (void)sub::remove_all_of(client.client_id); // first, or a message of another thread's would be kept for it again
-    (void)persist::remove_session(client.client_id);
+    // First, or a message of another thread's would be kept for it again.
+    const int32_t subscriptions = sub::remove_all_of(client.client_id);
+    if (!before.certainly_none || subscriptions > 0)
+        (void)persist::remove_session(client.client_id);
     client.session_restored = 0;
     {
         ScopedLock lock(session_mutex(client));
@@ -195,10 +198,10 @@ void resubscribe(mqtt_client_t &client)
     LOG_INFO("[会话] 客户端 %s 上下文恢复完成", client.client_id);
 }
 
-void begin_session(mqtt_client_t &client)
+void begin_session(mqtt_client_t &client, const persist::Found &before)
 {
     if (client.clean_session)
-        drop_session(client);
+        drop_session(client, before);
     else if (client.session_restored)
         resubscribe(client);
     else
@@ -318,9 +321,9 @@ int handle_connect(mqtt_client_t &client, Packet packet) noexcept
 
     negotiate_session_expiry(client, connect);
     negotiate_packet_size(client, connect);
-    restore_session(client);
+    const persist::Found found = restore_session(client);
     take_will(client, connect);
-    begin_session(client);
+    begin_session(client, found);
     cancel_delayed_wills(client);
     if (!accept(client))
         return -1;

@@ -5,6 +5,7 @@
 #include "../base/clock.h"
 #include "netip_internal.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
 #include <cstring>
@@ -92,6 +93,27 @@ void write_address(char (&text)[NETIP_IP_CHARS + 1], const in_addr &address)
     at[-1] = '\0';
 }
 
+// ---- memory of slots that nobody had before
+
+constexpr uint32_t kPreparedSlots = 16;
+
+constinit uint32_t g_prepared_end GUARDED_BY(g_netip_lock) = 0; // slots below have had their memory
+
+// A look at such a slot and then a write to it are two page faults, and the second of them interrupts the other
+// processors. So some slots get their pages by one call, where the kernel has it.
+void prepare_slots(uint32_t from) REQUIRES(g_netip_lock)
+{
+    if (from < g_prepared_end || from >= NETIP_CLIENTS_MAX)
+        return;
+    g_prepared_end = std::min<uint32_t>(from + kPreparedSlots, NETIP_CLIENTS_MAX);
+#ifdef MADV_POPULATE_WRITE
+    const auto page  = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    const auto begin = reinterpret_cast<uintptr_t>(g_netip_clients + from) / page * page;
+    const auto end   = reinterpret_cast<uintptr_t>(g_netip_clients + g_prepared_end);
+    (void)madvise(reinterpret_cast<void *>(begin), end - begin, MADV_POPULATE_WRITE);
+#endif
+}
+
 void wipe_received(netip_conn_t &slot)
 {
     memset(slot.rx_buf, 0, sizeof slot.rx_buf);
@@ -161,6 +183,7 @@ SlotPin::~SlotPin()
 
 Connection open_slot(uint32_t type, int fd, const PeerAddress &peer) noexcept
 {
+    prepare_slots(g_last_handle);
     const uint32_t handle = take_free_handle();
     if (handle == NETIP_NO_HANDLE)
         return {};
@@ -198,6 +221,7 @@ void mark_closed(uint32_t handle) noexcept
 
 void clear_table() noexcept
 {
+    g_prepared_end            = 0;
     netip_conn_t *const end   = g_netip_clients + NETIP_CLIENTS_MAX;
     netip_conn_t       *first = g_netip_clients; // of the slots to be cleared together
     for (uint32_t handle = 0; handle < NETIP_CLIENTS_MAX; ++handle) {

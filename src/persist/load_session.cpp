@@ -300,7 +300,8 @@ Loaded read_session(persist_session_t &record, Found &found) noexcept
     const owned<Path> path = allocate<Path>(1);
     if (!path)
         return Loaded::NoMemory;
-    if (!may_have_files(record.client_id))
+    found.certainly_none = !may_have_files(record.client_id);
+    if (found.certainly_none)
         return Loaded::Yes;
     const PersistLock lock;
     client_path(path[0], Kind::Session, record.client_id);
@@ -341,13 +342,11 @@ void count_and_log(const char *client_id, int32_t subscriptions, const Found &fo
     }
 }
 
-Loaded load_session(persist_session_t &record, int &files_opened) noexcept
+Loaded load_session(persist_session_t &record, Found &found) noexcept
 {
-    Found        found;
     const Loaded loaded = read_session(record, found);
     if (loaded == Loaded::Yes)
         count_and_log(record.client_id, record.sub_count, found);
-    files_opened = found.files();
     return loaded;
 }
 

@@ -83,8 +83,8 @@ void persist_flush_single(persist_session_t *rec, uint8_t what)
 
 int persist_load(persist_session_t *rec)
 {
-    int files_opened;
-    return rec ? code_of(persist::load_session(*rec, files_opened)) : -1;
+    persist::Found found;
+    return rec ? code_of(persist::load_session(*rec, found)) : -1;
 }
 
 int persist_load_client_only(persist_session_t *rec)

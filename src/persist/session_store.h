@@ -25,6 +25,7 @@ struct Stamp {
 struct Found {
     enum class Messages : uint8_t { NoFile, NoMemory, NoList, Taken };
 
+    bool     certainly_none    = false; // no file, readable or not
     bool     session_file      = false;
     bool     subscription_file = false;
     bool     subscription_list = false; // in that file
@@ -37,8 +38,8 @@ struct Found {
 
 enum class Loaded : uint8_t { Yes, NoId, NoMemory }; // Yes also when there is nothing
 
-// Fills the record from its client's three files, and tells how many of them were there.
-Loaded load_session(persist_session_t &record, int &files_opened) noexcept;
+// Fills the record from its client's three files, and tells what was there.
+Loaded load_session(persist_session_t &record, Found &found) noexcept;
 
 // The calling thread's own scratch record with this id (127 characters) and everything else empty; null when memory
 // ran out. Valid until the thread's next call.

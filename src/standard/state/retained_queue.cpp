@@ -4,6 +4,16 @@
 #include "object.h"
 
 namespace tarn::standard {
+namespace {
+
+// One key for the queues of all sessions: a key of its own would be a call of the kernel's for each that begins.
+uint64_t hash_of(std::string_view filter)
+{
+    static const TextHash hash;
+    return hash(filter);
+}
+
+} // namespace
 
 RetainedQueue::~RetainedQueue()
 {
@@ -18,7 +28,7 @@ RetainedWanted *RetainedQueue::find(std::string_view filter, uint64_t hash) cons
 
 bool RetainedQueue::add(std::string_view filter, const SubscriptionOptions &options, uint64_t latest) noexcept
 {
-    const uint64_t  hash   = hash_(filter);
+    const uint64_t  hash   = hash_of(filter);
     RetainedWanted *wanted = find(filter, hash);
     if (!wanted) {
         wanted = make_with_text<RetainedWanted>(filter);
@@ -37,7 +47,7 @@ bool RetainedQueue::add(std::string_view filter, const SubscriptionOptions &opti
 
 void RetainedQueue::remove(std::string_view filter) noexcept
 {
-    if (RetainedWanted *const wanted = find(filter, hash_(filter)))
+    if (RetainedWanted *const wanted = find(filter, hash_of(filter)))
         drop(*wanted);
 }
 

@@ -37,7 +37,6 @@ private:
     void            drop(RetainedWanted &wanted) noexcept;
     RetainedWanted *find(std::string_view filter, uint64_t hash) const noexcept;
 
-    TextHash                  hash_;
     HashTable<RetainedWanted> table_;
     RetainedWanted           *first_ = nullptr;
     RetainedWanted           *last_  = nullptr;

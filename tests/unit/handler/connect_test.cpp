@@ -526,6 +526,21 @@ TEST(connect, a_clean_session_discards_what_was_loaded)
     EXPECT_EQ(sub_get_client_sub_count("dev1"), 0);
 }
 
+TEST(connect, a_clean_session_deletes_files_that_cannot_be_read)
+{
+    Handling broker;
+    for (const char *kind : {"session", "subscription", "message"})
+        store(kind, "dev1", "{}");
+    Client client(broker);
+    {
+        Fail no_file(Call::FileOpen, 1, EMFILE, 1000);
+        EXPECT_EQ(client.sends(connect_v4("dev1")), 0);
+        EXPECT_GT(no_file.failed(), 0);
+    }
+    for (const char *kind : {"session", "subscription", "message"})
+        EXPECT_EQ(stored(kind, "dev1"), "");
+}
+
 TEST(connect, a_restored_will_is_never_retained)
 {
     Handling broker;

@@ -687,8 +687,8 @@ TEST(publish, a_kept_subscription_without_a_client_gets_the_message_stored)
     EXPECT_EQ(g_mqtt_stats.offline_msg, 2u);
 
     persist_session_t *saved = persist::scratch_session("gone");
-    int                files = 0;
-    persist::load_session(*saved, files);
+    persist::Found     found;
+    persist::load_session(*saved, found);
     ASSERT_EQ(saved->msg_count, 2);
     EXPECT_EQ(saved->msgs[0].qos, 0); // QoS 0 is kept on this path
     EXPECT_EQ(saved->msgs[1].qos, 1);

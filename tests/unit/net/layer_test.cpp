@@ -5,6 +5,7 @@
 #include "support/log_lines/net.h"
 
 #include <csignal>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
@@ -21,6 +22,20 @@ namespace {
 bool accept_thread_ended()
 {
     return eventually([] { return threads_named("tarn-accept") == 0; });
+}
+
+// By the thread that tells of a new connection.
+int scheduling_of_accept_thread()
+{
+    std::atomic<int> policy{-1};
+    Layer            layer([&](const Recorder::Event &event) {
+        if (event.event == NETIP_EVENT_CONNECTED)
+            policy = sched_getscheduler(0);
+        return true;
+    });
+    Peer             peer;
+    eventually([&] { return policy != -1; });
+    return policy;
 }
 
 } // namespace
@@ -392,6 +407,15 @@ TEST(layer, a_connection_that_cannot_be_watched_is_ended)
     Peer  peer;
     EXPECT_EQ(peer.end(), 0);
     EXPECT_THAT(layer.events.seen(), ElementsAre(connected(0), disconnected(0, 0)));
+}
+
+// ---- how the accept thread is scheduled
+
+TEST(accept, preempts_nobody)
+{
+    EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER);
+    EXPECT_EQ(scheduling_of_accept_thread(), SCHED_BATCH);
+    EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER);
 }
 
 // ---- failing calls

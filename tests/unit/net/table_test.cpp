@@ -267,6 +267,31 @@ TEST(a_new_slot, is_filled_with_the_peer)
     EXPECT_NE(fcntl(slot.fd, F_GETFD) & FD_CLOEXEC, 0);
 }
 
+TEST(a_new_slot, has_had_its_memory_with_some_before_it)
+{
+    constexpr uint32_t kTogether = 16;
+    const auto         page      = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    const auto         is_there  = [page](uint32_t handle) {
+        uint8_t there = 0;
+        EXPECT_EQ(mincore(reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(&slot_of(handle)) / page * page), page,
+                                   &there),
+                           0);
+        return (there & 1) != 0;
+    };
+    ScopedLock lock(g_netip_lock);
+    clear_table();
+    g_last_handle = 100;
+    if (madvise(reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(&slot_of(50)) / page * page), page,
+                MADV_POPULATE_WRITE) != 0)
+        GTEST_SKIP() << "no such call here";
+    EXPECT_FALSE(is_there(100 + kTogether - 1));
+    const SlotPin pin(open_slot(NETIP_TCP, -1, PeerAddress{loopback()}), SlotPin::Counted);
+    EXPECT_EQ(pin.handle(), 100u);
+    EXPECT_TRUE(is_there(100 + kTogether - 1));
+    EXPECT_FALSE(is_there(100 + 2 * kTogether)) << "what nobody uses costs nothing";
+    mark_closed(pin.handle());
+}
+
 TEST(a_new_slot, shows_any_address_as_text)
 {
     for (const char *const text : {"0.0.0.0", "255.255.255.255", "10.0.200.99"}) {

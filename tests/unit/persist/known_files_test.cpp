@@ -1,5 +1,6 @@
 // Which clients have files: what the library knows without asking the disk, and how it hears of what others do there.
 #include "persist/known_files.h"
+#include "persist/session_store.h"
 
 #include "persist_fixture.h"
 
@@ -38,6 +39,19 @@ TEST_F(known_files, an_absent_file_is_neither_opened_nor_deleted)
     EXPECT_EQ(no_open.failed() + no_unlink.failed(), 0);
     EXPECT_EQ(persist_remove("other"), 0);
     EXPECT_EQ(no_unlink.failed(), 3);
+}
+
+TEST_F(known_files, a_load_tells_a_client_without_files_from_one_whose_files_cannot_be_read)
+{
+    write_file("data/session/other.json");
+    Found none, unreadable;
+    load_session(*record, none);
+    EXPECT_TRUE(none.certainly_none);
+    strcpy(record->client_id, "other");
+    const Fail no_open(Call::FileOpen, 1, EMFILE, 1000);
+    load_session(*record, unreadable);
+    EXPECT_FALSE(unreadable.certainly_none);
+    EXPECT_EQ(none.files() + unreadable.files(), 0);
 }
 
 TEST_F(known_files, what_appears_by_hand_is_found_at_once)
