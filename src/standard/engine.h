@@ -56,15 +56,16 @@ struct Engine {
     Recorder     recorder;
     Checkpointer checkpointer;
 
-    DueHeap<Connection>        silent;               // those that must have said something by then
-    Connection                *listed     = nullptr; // to be flushed
-    Connection                *waiting    = nullptr; // for the journal
-    Connection                *later      = nullptr; // to be listed at the next turn()
-    ToldWill                  *told_wills = nullptr;
-    broker_t                  *broker     = nullptr; // of the latest connection
-    GrowArray<net::Connection> ending;               // to be closed without the mutex
-    GrowArray<uint8_t>         scratch;              // a packet that is being written
-    GrowArray<uint8_t>         forwarded;            // the message that is being routed, encoded (forward.h)
+    DueHeap<Connection>        silent;                // those that must have said something by then
+    Connection                *listed      = nullptr; // to be flushed, in this order
+    Connection                *last_listed = nullptr; // of these, while there are any
+    Connection                *waiting     = nullptr; // for the journal
+    Connection                *later       = nullptr; // to be listed at the next turn()
+    ToldWill                  *told_wills  = nullptr;
+    broker_t                  *broker      = nullptr; // of the latest connection
+    GrowArray<net::Connection> ending;                // to be closed without the mutex
+    GrowArray<uint8_t>         scratch;               // a packet that is being written
+    GrowArray<uint8_t>         forwarded;             // the message that is being routed, encoded (forward.h)
 
     size_t forwarded_bytes = 0; // that the short way copied since outboxes were last flushed
 
