@@ -129,7 +129,7 @@ void refuse_packet(Connection &connection, const codec::standard::Verdict &verdi
 // ---- messages (publish.cpp, route.cpp)
 
 struct Publication {
-    Draft    draft;
+    Draft   &draft;
     Session *sender       = nullptr; // the session it came from; null: the host, or a will
     uint16_t packet_id    = 0;       // that the sender holds at QoS 2
     bool     has_answer   = false;   // the sender is told whether it is done
@@ -143,7 +143,7 @@ enum class PublishResult : uint8_t {
     NotRecorded,  // the journal takes no more, and nothing was done; or memory for the record was short
 };
 // Gives the message to all who are to have it, keeps it if it is retained, and records that.
-PublishResult publish(Engine &engine, Publication publication) noexcept REQUIRES(engine_mutex);
+PublishResult publish(Engine &engine, const Publication &publication) noexcept REQUIRES(engine_mutex);
 
 struct Routed {
     size_t receivers = 0;

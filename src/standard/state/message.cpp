@@ -48,7 +48,7 @@ MessageRef MessageRef::make(const MessageParts &parts) noexcept
 
 void MessageRef::let_go() noexcept
 {
-    if (!message_ || message_->refs_.fetch_sub(1, std::memory_order_acq_rel) != 1)
+    if (message_->refs_.fetch_sub(1, std::memory_order_acq_rel) != 1)
         return;
     message_->~Message();
     free(message_);
