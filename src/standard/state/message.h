@@ -58,7 +58,8 @@ private:
 // Any thread; the message goes with the last.
 class MessageRef {
 public:
-    static MessageRef make(const MessageParts &parts) noexcept; // empty without memory
+    static MessageRef make(const MessageParts &parts) noexcept;                  // empty without memory
+    static MessageRef make(const MessageParts &parts, uint64_t number) noexcept; // the same with this number
 
     MessageRef() = default;
     MessageRef(const MessageRef &other) noexcept : message_(other.message_)
