@@ -5,6 +5,7 @@
 #include "../tests/support/standard_packets.h"
 #include "promise.h"
 
+#include <algorithm>
 #include <memory>
 
 using namespace tarn;
@@ -122,8 +123,23 @@ void run_connect(Bytes packet)
             test::decode_connack(test::encoded(connack, {connect.level}), again).ok());
 }
 
+// What the quick decoder takes, the other one takes as well, and sees the same.
+void check_plain(Bytes packet, Level level)
+{
+    PlainPublish plain;
+    Publish      publish;
+    if (!decode_plain_publish(packet, level, plain))
+        return;
+    PROMISE(decode_publish(packet, level, publish).ok());
+    PROMISE(plain.dup == publish.dup && plain.retain == publish.retain && plain.qos == publish.qos);
+    PROMISE(plain.packet_id == publish.packet_id && plain.topic == publish.topic);
+    PROMISE(plain.payload.data() == publish.payload.data() && plain.payload.size() == publish.payload.size());
+    PROMISE(std::ranges::equal(test::encoded(publish, {level}), packet));
+}
+
 void run_publish(Bytes packet, Level level)
 {
+    check_plain(packet, level);
     Publish publish;
     if (!round(
             packet, publish, [&](Bytes bytes, Publish &out) { return decode_publish(bytes, level, out); },

@@ -203,6 +203,10 @@ Turn::~Turn()
     }
     if (!in_round())
         flush_listed(*engine_);
+    if (engine_->ending.empty() && !engine_->told_wills) { // as for nearly each packet
+        engine_mutex.unlock();
+        return;
+    }
     GrowArray<net::Connection> ending;
     ending.swap(engine_->ending);
     ToldWill *const wills  = std::exchange(engine_->told_wills, nullptr);

@@ -56,15 +56,16 @@ struct Engine {
     Recorder     recorder;
     Checkpointer checkpointer;
 
-    DueHeap<Connection>        silent;               // those that must have said something by then
-    Connection                *listed     = nullptr; // to be flushed
-    Connection                *waiting    = nullptr; // for the journal
-    Connection                *later      = nullptr; // to be listed at the next turn()
-    ToldWill                  *told_wills = nullptr;
-    broker_t                  *broker     = nullptr; // of the latest connection
-    GrowArray<net::Connection> ending;               // to be closed without the mutex
-    GrowArray<uint8_t>         scratch;              // a packet that is being written
-    GrowArray<uint8_t>         forwarded;            // the message that is being routed, encoded (forward.h)
+    DueHeap<Connection>        silent;                // those that must have said something by then
+    Connection                *listed      = nullptr; // to be flushed, in this order
+    Connection                *last_listed = nullptr; // of these, while there are any
+    Connection                *waiting     = nullptr; // for the journal
+    Connection                *later       = nullptr; // to be listed at the next turn()
+    ToldWill                  *told_wills  = nullptr;
+    broker_t                  *broker      = nullptr; // of the latest connection
+    GrowArray<net::Connection> ending;                // to be closed without the mutex
+    GrowArray<uint8_t>         scratch;               // a packet that is being written
+    GrowArray<uint8_t>         forwarded;             // the message that is being routed, encoded (forward.h)
 
     size_t forwarded_bytes = 0; // that the short way copied since outboxes were last flushed
 
@@ -128,7 +129,7 @@ void refuse_packet(Connection &connection, const codec::standard::Verdict &verdi
 // ---- messages (publish.cpp, route.cpp)
 
 struct Publication {
-    Draft    draft;
+    Draft   &draft;
     Session *sender       = nullptr; // the session it came from; null: the host, or a will
     uint16_t packet_id    = 0;       // that the sender holds at QoS 2
     bool     has_answer   = false;   // the sender is told whether it is done
@@ -142,7 +143,7 @@ enum class PublishResult : uint8_t {
     NotRecorded,  // the journal takes no more, and nothing was done; or memory for the record was short
 };
 // Gives the message to all who are to have it, keeps it if it is retained, and records that.
-PublishResult publish(Engine &engine, Publication publication) noexcept REQUIRES(engine_mutex);
+PublishResult publish(Engine &engine, const Publication &publication) noexcept REQUIRES(engine_mutex);
 
 struct Routed {
     size_t receivers = 0;

@@ -9,6 +9,8 @@ using codec::standard::Publish;
 
 namespace {
 
+constexpr uint16_t kAnyPacketId = 1; // each receiver has its own
+
 bool takes_at_once(const Connection &connection)
 {
     return connection.stage.load() == Stage::Connected && !connection.is_broken && !connection.is_blocked &&
@@ -31,7 +33,7 @@ const Publish &Forwarder::publish_of(const MessageParts &parts, const Form &form
     publish.retain                              = form.retain;
     publish.qos                                 = form.qos;
     publish.topic                               = parts.topic;
-    publish.packet_id                           = form.qos > 0 ? 1 : 0; // each receiver has its own
+    publish.packet_id                           = kAnyPacketId;
     publish.properties.subscription_identifiers = identifiers_of(form);
     publish.stored_properties                   = parts.properties;
     publish.payload                             = parts.payload;
@@ -72,12 +74,12 @@ bool Forwarder::give(Session &session, const SubscriptionOptions &options, bool 
 // False, and nothing is done, without memory.
 bool Forwarder::put(Connection &connection, uint16_t packet_id) noexcept
 {
-    uint8_t *const packet = engine_.forwarded.data();
     if (packet_id != 0) {
-        packet[packet_id_offset_]     = static_cast<uint8_t>(packet_id >> 8);
-        packet[packet_id_offset_ + 1] = static_cast<uint8_t>(packet_id);
+        uint8_t *const at = &engine_.forwarded[packet_id_offset_];
+        at[0]             = static_cast<uint8_t>(packet_id >> 8);
+        at[1]             = static_cast<uint8_t>(packet_id);
     }
-    if (!connection.outbox.add({packet, size_}, 0, tail_))
+    if (!connection.outbox.add({packet_, size_}, 0, tail_))
         return false;
     ++engine_.sent;
     engine_.forwarded_bytes += size_;
@@ -91,34 +93,63 @@ uint16_t Forwarder::begin_delivery(Session &session, const Form &form) noexcept
     return session.deliveries.offer_and_send(draft_.message(), form.qos, form.retain, identifiers_of(form), most);
 }
 
-// A short message whole, of a long one the head. False without memory, or if there is no such packet.
+// False without memory, or if there is no such packet.
 bool Forwarder::encode(const Form &form) noexcept
 {
-    const MessageParts &parts  = draft_.parts();
-    const bool          is_v5  = form.level == codec::standard::Level::Mqtt5;
-    const auto          before = is_v5 ? parts.properties : std::span<const uint8_t>(); // the payload
-    const size_t        rest   = before.size() + parts.payload.size();
-    const size_t        room   = kHeadMost + parts.topic.size();
-    size_                      = 0;
+    const size_t rest = draft_.parts().properties.size() + draft_.parts().payload.size();
+    const size_t room = kHeadMost + draft_.parts().topic.size();
+    size_             = 0;
+    if (tail_.message)
+        tail_ = {};
     if (!engine_.forwarded.reserve(room + Outbox::kCopiedMax))
         return false;
-    uint8_t *const packet = engine_.forwarded.data();
-    const size_t   head   = codec::standard::encode_head(publish_of(parts, form), {form.level}, {packet, room});
+    form_ = form;
+    size_ = is_as_it_came(form) && rest <= Outbox::kCopiedMax ? take_original() : write_packet(room);
+    if (size_ > 0 && form.qos > 0)
+        packet_id_offset_ = codec::standard::packet_id_offset({engine_.forwarded.data(), size_});
+    return size_ > 0;
+}
+
+bool Forwarder::is_as_it_came(const Form &form) const noexcept
+{
+    const Original &original = draft_.original();
+    return !original.packet.empty() && form.level == original.level && form.qos == draft_.parts().qos && !form.retain &&
+           form.identifier == 0;
+}
+
+// At QoS 0 it is copied from where it lies.
+size_t Forwarder::take_original() noexcept
+{
+    const Original &original = draft_.original();
+    packet_                  = original.packet.data();
+    if (form_.qos > 0) {
+        memcpy(engine_.forwarded.data(), packet_, original.packet.size());
+        packet_ = engine_.forwarded.data();
+    }
+    return original.packet.size();
+}
+
+// A short message whole, of a long one the head.
+size_t Forwarder::write_packet(size_t room) noexcept
+{
+    const MessageParts &parts  = draft_.parts();
+    const bool          is_v5  = form_.level == codec::standard::Level::Mqtt5;
+    const auto          before = is_v5 ? parts.properties : std::span<const uint8_t>(); // the payload
+    const size_t        rest   = before.size() + parts.payload.size();
+    uint8_t *const      packet = engine_.forwarded.data();
+    const size_t        head   = codec::standard::encode_head(publish_of(parts, form_), {form_.level}, {packet, room});
+    packet_                    = packet;
     if (head == 0 || !refer_to(rest, is_v5))
-        return false;
-    if (!tail_.message)
-        append(append(packet + head, before), parts.payload);
-    size_             = head + (tail_.message ? 0 : rest);
-    packet_id_offset_ = codec::standard::packet_id_offset({packet, head});
-    form_             = form;
-    return true;
+        return 0;
+    if (tail_.message)
+        return head;
+    append(append(packet + head, before), parts.payload);
+    return head + rest;
 }
 
 // What is too long to be copied leaves from the message. False without memory for that.
 bool Forwarder::refer_to(size_t rest, bool is_v5) noexcept
 {
-    if (tail_.message)
-        tail_ = {};
     if (rest <= Outbox::kCopiedMax)
         return true;
     const MessageRef &message = draft_.message();

@@ -2,7 +2,8 @@
 //
 // The way through a session's queue is for what has to wait. Where nothing waits, it costs a record of the delivery, a
 // list and a second look at the session for each receiver, and at QoS 0 the only reason to give the message memory of its
-// own. And receivers that are to get the same bytes share one encoding, but for the packet identifier.
+// own. And receivers that are to get the same bytes share one encoding, but for the packet identifier. Where an encoder
+// would write the bytes that came, those are taken.
 #ifndef TARN_STANDARD_FORWARD_H
 #define TARN_STANDARD_FORWARD_H
 
@@ -34,16 +35,20 @@ private:
     static std::span<const uint32_t> identifiers_of(const Form &form) noexcept;
 
     bool     encode(const Form &form) noexcept REQUIRES(engine_mutex);
+    bool     is_as_it_came(const Form &form) const noexcept;
+    size_t   take_original() noexcept REQUIRES(engine_mutex);
+    size_t   write_packet(size_t room) noexcept REQUIRES(engine_mutex);
     bool     refer_to(size_t rest, bool is_v5) noexcept;
     bool     put(Connection &connection, uint16_t packet_id) noexcept REQUIRES(engine_mutex);
     uint16_t begin_delivery(Session &session, const Form &form) noexcept REQUIRES(engine_mutex);
 
-    Engine      &engine_;
-    Draft       &draft_;
-    Form         form_;                 // of what is encoded
-    size_t       size_             = 0; // bytes in engine.forwarded; 0 = nothing is encoded
-    size_t       packet_id_offset_ = 0;
-    Outbox::Tail tail_;
+    Engine        &engine_;
+    Draft         &draft_;
+    Form           form_;                       // of what is encoded
+    const uint8_t *packet_           = nullptr; // in engine.forwarded, or as it came
+    size_t         size_             = 0;       // of it; 0 = there is none
+    size_t         packet_id_offset_ = 0;       // QoS 1 and 2
+    Outbox::Tail   tail_;
 };
 
 } // namespace tarn::standard

@@ -24,6 +24,13 @@ struct Outbox::Chunk {
 
     const uint8_t *bytes() const { return tail ? tail : copied; }
     size_t         room() const { return tail ? 0 : kRoom - size; }
+    void           append(std::span<const uint8_t> more) // for which there is room
+    {
+        if (more.empty())
+            return;
+        memcpy(copied + size, more.data(), more.size());
+        size += more.size();
+    }
 };
 
 namespace {
@@ -126,8 +133,7 @@ Outbox::Chunk *Outbox::copy(std::span<const uint8_t> bytes, Chunk *into, Chunk *
         }
         begins_packet     = false;
         const size_t part = std::min(bytes.size(), into->room());
-        memcpy(into->copied + into->size, bytes.data(), part);
-        into->size += part;
+        into->append(bytes.first(part));
         bytes = bytes.subspan(part);
     }
     return into;
@@ -135,6 +141,12 @@ Outbox::Chunk *Outbox::copy(std::span<const uint8_t> bytes, Chunk *into, Chunk *
 
 bool Outbox::add(std::span<const uint8_t> packet, uint64_t journaled, const Tail &tail) noexcept
 {
+    if (last_ && journaled <= last_->journaled && tail.bytes.empty() && packet.size() <= last_->room()) { // most
+        last_->append(packet);
+        bytes_ += packet.size();
+        copied_ += packet.size();
+        return true;
+    }
     if (last_)
         journaled = std::max(journaled, last_->journaled); // it waits behind that one anyway
     const bool   refers = tail.bytes.size() > kCopiedMax;

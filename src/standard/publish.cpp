@@ -9,6 +9,7 @@
 
 namespace tarn::standard {
 
+using codec::standard::PlainPublish;
 using codec::standard::Publish;
 using codec::standard::Verdict;
 
@@ -53,7 +54,7 @@ PublishResult result_of(const Routed &routed)
     return routed.receivers > 0 ? PublishResult::Done : PublishResult::NobodyThere;
 }
 
-PublishResult publish_and_record(Engine &engine, Publication &publication) REQUIRES(engine_mutex)
+PublishResult publish_and_record(Engine &engine, const Publication &publication) REQUIRES(engine_mutex)
 {
     const MessageRef &message     = publication.draft.message();
     bool              is_retained = false;
@@ -73,7 +74,7 @@ PublishResult publish_and_record(Engine &engine, Publication &publication) REQUI
 
 } // namespace
 
-PublishResult publish(Engine &engine, Publication publication) noexcept
+PublishResult publish(Engine &engine, const Publication &publication) noexcept
 {
     if (may_be_recorded(engine, publication))
         return publish_and_record(engine, publication);
@@ -128,16 +129,39 @@ codec::standard::Properties forwarded(const Publish &publish)
     return properties;
 }
 
-MessageParts parts_of(const Connection &connection, const Publish &publish, const StoredProperties &properties)
+constexpr Verdict kNoMemory = {Reason::QuotaExceeded, "there was no memory for its message"};
+
+// What is left of a PUBLISH once it is read.
+struct Arrived {
+    MessageParts message;
+    uint16_t     packet_id = 0; // QoS 1 and 2
+    Original     original;
+};
+
+Arrived arrived_of(const Incoming &incoming, const PlainPublish &publish)
+{
+    const bool may_go_on = !publish.dup && !publish.retain;
+    return {.message   = {.sender  = incoming.connection.session_number,
+                          .qos     = publish.qos,
+                          .retain  = publish.retain,
+                          .topic   = publish.topic,
+                          .payload = publish.payload},
+            .packet_id = publish.packet_id,
+            .original  = {may_go_on ? incoming.packet : codec::standard::Bytes(), incoming.connection.level}};
+}
+
+Arrived arrived_of(const Connection &connection, const Publish &publish, const StoredProperties &properties)
 {
     const auto expiry_s = publish.properties.message_expiry;
-    return {.expires_ms = expiry_s ? wall_ms() + uint64_t{*expiry_s} * 1000 : 0,
-            .sender     = connection.session_number,
-            .qos        = publish.qos,
-            .retain     = publish.retain,
-            .topic      = publish.topic,
-            .properties = properties.bytes(),
-            .payload    = publish.payload};
+    return {.message   = {.expires_ms = expiry_s ? wall_ms() + uint64_t{*expiry_s} * 1000 : 0,
+                          .sender     = connection.session_number,
+                          .qos        = publish.qos,
+                          .retain     = publish.retain,
+                          .topic      = publish.topic,
+                          .properties = properties.bytes(),
+                          .payload    = publish.payload},
+            .packet_id = publish.packet_id,
+            .original  = {}};
 }
 
 // It is kept, or sent from where it lies. Then it is made without the mutex, since it may be long.
@@ -155,34 +179,34 @@ bool release(Engine &engine, Session &session, uint16_t packet_id) REQUIRES(engi
 
 // The answer to a PUBLISH at QoS 1 or 2. A refusal at QoS 2 ends the exchange, and 3.1.1 has none: there a message that
 // was not recorded ends the connection, so that the client sends it again.
-void answer(Engine &engine, Connection &connection, const Publish &publish, PublishResult result, uint64_t before)
+void answer(Engine &engine, Connection &connection, const Arrived &arrived, PublishResult result, uint64_t before)
     REQUIRES(engine_mutex)
 {
-    if (publish.qos == 0)
+    if (arrived.message.qos == 0)
         return;
     Reason reason = reason_of(result);
     if (!connection.speaks_v5() && result != PublishResult::NotRecorded)
         reason = Reason::Success;
-    if (publish.qos == 2 && is_failure(reason) && !release(engine, *connection.session, publish.packet_id) &&
+    if (arrived.message.qos == 2 && is_failure(reason) && !release(engine, *connection.session, arrived.packet_id) &&
         result == PublishResult::QueueFull) // else it was not recorded, and no file holds it
         return end_connection(engine, connection, Reason::ServerBusy);
     if (!connection.speaks_v5() && is_failure(reason))
         return end_connection(engine, connection, reason);
     const uint64_t behind = engine.recorder.position();
-    send_ack(engine, connection, publish.qos == 1 ? PUBACK : PUBREC, publish.packet_id, reason,
+    send_ack(engine, connection, arrived.message.qos == 1 ? PUBACK : PUBREC, arrived.packet_id, reason,
              behind != before ? behind : 0); // without a record it waits for nothing
 }
 
 // At QoS 2 once for each packet identifier, until it is released. False: there is nothing to publish.
-bool begin_exchange(Engine &engine, Connection &connection, const Publish &publish) REQUIRES(engine_mutex)
+bool begin_exchange(Engine &engine, Connection &connection, const Arrived &arrived) REQUIRES(engine_mutex)
 {
-    if (publish.qos != 2)
+    if (arrived.message.qos != 2)
         return true;
-    switch (connection.session->incoming.begin(publish.packet_id)) {
+    switch (connection.session->incoming.begin(arrived.packet_id)) {
     case Begun::New:
         return true;
     case Begun::Duplicate:
-        send_ack(engine, connection, PUBREC, publish.packet_id, Reason::Success, engine.recorder.position());
+        send_ack(engine, connection, PUBREC, arrived.packet_id, Reason::Success, engine.recorder.position());
         return false;
     case Begun::TooMany:
         end_connection(engine, connection, Reason::ReceiveMaximumExceeded);
@@ -194,48 +218,73 @@ bool begin_exchange(Engine &engine, Connection &connection, const Publish &publi
     return false;
 }
 
-void accept(Engine &engine, Connection &connection, const Publish &publish, Draft &draft) REQUIRES(engine_mutex)
+void accept(Engine &engine, Connection &connection, const Arrived &arrived, Draft &draft) REQUIRES(engine_mutex)
 {
-    if (!begin_exchange(engine, connection, publish))
+    if (!begin_exchange(engine, connection, arrived))
         return;
     const uint64_t before = engine.recorder.position();
-    Publication    publication{.draft = std::move(draft)};
-    publication.sender       = publish.qos == 2 ? connection.session : nullptr;
-    publication.packet_id    = publish.packet_id;
-    publication.has_answer   = publish.qos > 0;
-    publication.is_refusable = publish.qos > 0 && connection.speaks_v5();
-    answer(engine, connection, publish, standard::publish(engine, std::move(publication)), before);
+    Publication    publication{.draft = draft};
+    publication.sender       = arrived.message.qos == 2 ? connection.session : nullptr;
+    publication.packet_id    = arrived.packet_id;
+    publication.has_answer   = arrived.message.qos > 0;
+    publication.is_refusable = arrived.message.qos > 0 && connection.speaks_v5();
+    answer(engine, connection, arrived, standard::publish(engine, publication), before);
 }
 
 // Asks the host, and tells it of what it allows. Most hosts want neither, and then no text is made for them.
-bool is_allowed(Connection &connection, const Publish &publish)
+bool is_allowed(Connection &connection, std::string_view topic_name, uint8_t qos)
 {
     mqtt_client_t &record = *connection.record;
     if (!api::asks_about_topics(record) && !api::hears_events(record))
         return true;
-    const CText topic(publish.topic);
+    const CText topic(topic_name);
     if (!topic || !api::allows(record, topic.get(), BROKER_ACL_PUBLISH))
         return false;
-    api::tell(record, BROKER_EVENT_PUBLISH, topic.get(), publish.qos);
+    api::tell(record, BROKER_EVENT_PUBLISH, topic.get(), qos);
     return true;
 }
 
 // The host does not allow it: 3.1.1 acknowledges it nevertheless, as it has no other answer. At QoS 2 an earlier
 // connection may have begun the exchange, which ends with the refusal.
-void deny(Engine &engine, Connection &connection, const Publish &publish) REQUIRES(engine_mutex)
+void deny(Engine &engine, Connection &connection, const Arrived &arrived) REQUIRES(engine_mutex)
 {
-    if (publish.qos == 0)
+    if (arrived.message.qos == 0)
         return;
-    const PacketType type = publish.qos == 1 ? PUBACK : PUBREC;
+    const PacketType type = arrived.message.qos == 1 ? PUBACK : PUBREC;
     if (connection.speaks_v5()) {
-        if (publish.qos == 2 && !release(engine, *connection.session, publish.packet_id)) {
-            (void)connection.session->incoming.restore(publish.packet_id); // to be released when it comes again
+        if (arrived.message.qos == 2 && !release(engine, *connection.session, arrived.packet_id)) {
+            (void)connection.session->incoming.restore(arrived.packet_id); // to be released when it comes again
             return end_connection(engine, connection, Reason::ServerBusy);
         }
-        return send_ack(engine, connection, type, publish.packet_id, Reason::NotAuthorized, engine.recorder.position());
+        return send_ack(engine, connection, type, arrived.packet_id, Reason::NotAuthorized, engine.recorder.position());
     }
-    if (begin_exchange(engine, connection, publish))
-        send_ack(engine, connection, type, publish.packet_id);
+    if (begin_exchange(engine, connection, arrived))
+        send_ack(engine, connection, type, arrived.packet_id);
+}
+
+// Once it was counted and the host was asked.
+void take(Connection &connection, const Arrived &arrived, bool allowed)
+{
+    Draft draft(arrived.message, *connection.message_numbers, arrived.original);
+    if (allowed && is_surely_made(arrived.message) && !draft.message())
+        return refuse_packet(connection, kNoMemory);
+    Turn turn;
+    if (!turn || !connection.session)
+        return; // it was taken over or kicked meanwhile
+    if (allowed)
+        accept(*turn, connection, arrived, draft);
+    else
+        deny(*turn, connection, arrived);
+}
+
+void handle_plain(const Incoming &incoming, const PlainPublish &publish)
+{
+    Connection &connection = incoming.connection;
+    count_received_publish(publish.qos);
+    const bool allowed = is_allowed(connection, publish.topic, publish.qos);
+    if (connection.stage.load() != Stage::Connected)
+        return; // it was closed meanwhile, perhaps with the engine
+    take(connection, arrived_of(incoming, publish), allowed);
 }
 
 } // namespace
@@ -243,30 +292,22 @@ void deny(Engine &engine, Connection &connection, const Publish &publish) REQUIR
 void handle_publish(const Incoming &incoming) noexcept
 {
     Connection &connection = incoming.connection;
-    Publish     publish;
-    Verdict     verdict = codec::standard::decode_publish(incoming.packet, connection.level, publish);
+    if (PlainPublish plain; codec::standard::decode_plain_publish(incoming.packet, connection.level, plain))
+        return handle_plain(incoming, plain);
+    Publish publish;
+    Verdict verdict = codec::standard::decode_publish(incoming.packet, connection.level, publish);
     if (verdict.ok())
         verdict = resolve_alias(connection, publish);
     if (!verdict.ok())
         return refuse_packet(connection, verdict);
     count_received_publish(publish.qos);
-
-    const bool allowed = is_allowed(connection, publish);
+    const bool allowed = is_allowed(connection, publish.topic, publish.qos);
     if (connection.stage.load() != Stage::Connected)
-        return; // it was closed meanwhile, perhaps with the engine
-    const StoredProperties properties =
-        publish.has_properties ? StoredProperties(forwarded(publish)) : StoredProperties();
-    const MessageParts parts = parts_of(connection, publish, properties);
-    Draft              draft(parts, *connection.message_numbers);
-    if (!properties || (allowed && is_surely_made(parts) && !draft.message()))
-        return refuse_packet(connection, {Reason::QuotaExceeded, "there was no memory for its message"});
-    Turn turn;
-    if (!turn || !connection.session)
-        return; // it was taken over or kicked meanwhile
-    if (allowed)
-        accept(*turn, connection, publish, draft);
-    else
-        deny(*turn, connection, publish);
+        return; // as above
+    const StoredProperties properties(forwarded(publish));
+    if (!properties)
+        return refuse_packet(connection, kNoMemory);
+    take(connection, arrived_of(connection, publish, properties), allowed);
 }
 
 } // namespace tarn::standard

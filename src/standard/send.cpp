@@ -292,7 +292,12 @@ void list_for_flush(Engine &engine, Connection &connection) noexcept
     if (connection.is_listed)
         return;
     connection.is_listed   = true;
-    connection.next_listed = std::exchange(engine.listed, &connection);
+    connection.next_listed = nullptr;
+    if (engine.listed)
+        engine.last_listed->next_listed = &connection;
+    else
+        engine.listed = &connection;
+    engine.last_listed = &connection;
 }
 
 void list_for_later(Engine &engine, Connection &connection) noexcept
@@ -312,6 +317,7 @@ void list_those_for_later(Engine &engine) noexcept
     }
 }
 
+// In the order of listing: a message leaves before it is acknowledged to its publisher, so it arrives one write earlier.
 // While one is flushed it counts as listed: what it is given meanwhile leaves with the rest.
 void flush_listed(Engine &engine) noexcept
 {

@@ -134,8 +134,9 @@ Published publish(const HostMessage &message) noexcept
                           .payload    = message.payload});
     if (!made)
         return Published::NoRoom;
+    Draft               draft(made);
     const PublishResult result =
-        publish(*turn, {.draft = Draft(made), .has_answer = made->qos() > 0 || made->retain(), .is_refusable = true});
+        publish(*turn, {.draft = draft, .has_answer = made->qos() > 0 || made->retain(), .is_refusable = true});
     return result == PublishResult::Done || result == PublishResult::NobodyThere ? Published::Done : Published::NoRoom;
 }
 

@@ -10,7 +10,6 @@ namespace tarn::standard {
 // Short ones take no memory.
 class StoredProperties {
 public:
-    StoredProperties() noexcept : bytes_(short_) {} // of a message that has none
     explicit StoredProperties(const codec::standard::Properties &properties) noexcept
         : size_(codec::standard::size_of_properties(properties, PUBLISH))
     {

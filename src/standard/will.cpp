@@ -41,7 +41,8 @@ void publish_will(Engine &engine, Session &session) noexcept
     session.will             = {};
     if (message) {
         stats::count(stats::Counter::will_sent);
-        (void)publish(engine, {.draft = Draft(message)});
+        Draft draft(message);
+        (void)publish(engine, {.draft = draft});
         note_told(engine, message, session);
     }
     if (session.is_known_to_files) // behind the publication: a kill in between publishes it twice and loses none

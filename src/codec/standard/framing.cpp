@@ -22,7 +22,7 @@ PacketLength packet_length(Bytes stream, size_t limit) noexcept
 
 namespace {
 
-Verdict check_publish_flags(uint8_t first)
+constexpr Verdict check_publish_flags(uint8_t first)
 {
     const bool    dup = first & 0x08;
     const uint8_t qos = first >> 1 & 3;
@@ -33,9 +33,7 @@ Verdict check_publish_flags(uint8_t first)
     return {};
 }
 
-} // namespace
-
-Verdict check_first_byte(uint8_t first, Level level) noexcept
+constexpr Verdict judge_first_byte(uint8_t first, Level level)
 {
     constexpr PacketSet kFromClient =
         packets(CONNECT, PUBLISH, PUBACK, PUBREC, PUBREL, PUBCOMP, SUBSCRIBE, UNSUBSCRIBE, PINGREQ, DISCONNECT, AUTH);
@@ -51,6 +49,26 @@ Verdict check_first_byte(uint8_t first, Level level) noexcept
     if ((first & 0x0F) != (contains(kFlags2, type) ? 2 : 0))
         return {Reason::MalformedPacket, "wrong flags in the fixed header"}; // [MQTT-2.1.3-1], 3.1.1 [MQTT-2.2.2-2]
     return {};
+}
+
+// Each packet's first byte is looked at twice, when it comes and when it is decoded.
+struct RightFirstBytes {
+    bool at[256] = {};
+
+    explicit constexpr RightFirstBytes(Level level)
+    {
+        for (unsigned first = 0; first < 256; ++first)
+            at[first] = judge_first_byte(static_cast<uint8_t>(first), level).ok();
+    }
+};
+constexpr RightFirstBytes kRightAt311(Level::Mqtt311), kRightAt5(Level::Mqtt5);
+
+} // namespace
+
+Verdict check_first_byte(uint8_t first, Level level) noexcept
+{
+    const RightFirstBytes &right = level == Level::Mqtt5 ? kRightAt5 : kRightAt311;
+    return right.at[first] ? Verdict{} : judge_first_byte(first, level);
 }
 
 } // namespace tarn::codec::standard

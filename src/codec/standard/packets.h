@@ -67,12 +67,24 @@ struct Publish {
     std::string_view topic;         // empty: the topic of the alias, 5.0
     uint16_t         packet_id = 0; // QoS 1 and 2
     Properties       properties;
-    bool             has_properties = false; // any of them was there; decoders alone say so
-    Bytes            stored_properties;      // encoded: to be sent behind those above. Decoders leave it empty.
+    Bytes            stored_properties; // encoded: to be sent behind those above. Decoders leave it empty.
     Bytes            payload;
 };
 // `publish` is as it was made: clearing it once more would cost as much as the rest.
 Verdict decode_publish(Bytes packet, Level level, Publish &publish) noexcept;
+
+// One without properties and without a fault, as most are: of it nothing needs to be looked for. An encoder would write
+// the same bytes.
+struct PlainPublish {
+    bool             dup       = false;
+    bool             retain    = false;
+    uint8_t          qos       = 0;
+    uint16_t         packet_id = 0; // QoS 1 and 2
+    std::string_view topic;
+    Bytes            payload;
+};
+// False: it is not such a one, and decode_publish() tells what it is.
+[[nodiscard]] bool decode_plain_publish(Bytes packet, Level level, PlainPublish &publish) noexcept;
 
 // The head is all that stands before stored properties and payload, which are sent behind it from where they lie: their
 // lengths count, their bytes are not read. At 3.1.1 there are no properties.

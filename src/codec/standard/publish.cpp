@@ -3,6 +3,7 @@
 // PUBLISH:  30|dup,qos,retain  remaining:varint  topic:text  [packet-id:u16, QoS 1 and 2]  [properties, 5.0]  payload
 #include "decoding.h"
 #include "encoding.h"
+#include "topic.h"
 
 namespace tarn::codec::standard {
 
@@ -38,12 +39,67 @@ Verdict decode_publish(Bytes packet, Level level, Publish &publish) noexcept
     if (publish.qos != 0)
         publish.packet_id = read_packet_id(in);
     if (level == Level::Mqtt5)
-        publish.has_properties = read_properties(in, PUBLISH, publish.properties);
+        read_properties(in, PUBLISH, publish.properties);
     check_topic(in, publish, level);
     if (publish.properties.subscription_identifier)
         in.refuse(Reason::ProtocolError, "a Subscription Identifier in a client's PUBLISH"); // [MQTT-3.3.4-6]
     publish.payload = in.all();
     return in.verdict();
+}
+
+// ---- without properties
+
+namespace {
+
+constexpr size_t kTextLength = 2, kPacketIdSize = 2, kNoProperties = 1; // bytes
+
+size_t u16_at(const uint8_t *at)
+{
+    return static_cast<size_t>(at[0] << 8 | at[1]);
+}
+
+// Of all that stands between the topic and the payload.
+size_t size_behind_topic(uint8_t qos, Level level)
+{
+    return (qos != 0 ? kPacketIdSize : 0) + (level == Level::Mqtt5 ? kNoProperties : 0);
+}
+
+bool is_any_topic_name(std::string_view topic)
+{
+    return is_ascii_topic_name(topic) || (is_utf8(topic) && is_topic_name(topic));
+}
+
+// Where the body begins; 0 if the packet is no right PUBLISH, or not as long as it says in the shortest form.
+size_t body_of(Bytes packet, Level level)
+{
+    if (packet.empty() || type_of(packet[0]) != PUBLISH || !check_first_byte(packet[0], level).ok())
+        return 0;
+    const Varint length = parse_varint(packet.subspan(1));
+    const size_t body   = 1 + length.bytes;
+    return length.state == Varint::Complete && length.is_shortest() && length.value == packet.size() - body ? body : 0;
+}
+
+} // namespace
+
+bool decode_plain_publish(Bytes packet, Level level, PlainPublish &publish) noexcept
+{
+    const size_t body = body_of(packet, level);
+    if (body == 0 || packet.size() - body < kTextLength)
+        return false;
+    const uint8_t *const topic = packet.data() + body + kTextLength;
+    const size_t         size  = u16_at(packet.data() + body);
+    publish.dup                = packet[0] & kDup;
+    publish.qos                = (packet[0] & kQos) >> 1;
+    publish.retain             = packet[0] & kRetain;
+    publish.topic              = {reinterpret_cast<const char *>(topic), size};
+    const size_t head          = body + kTextLength + size + size_behind_topic(publish.qos, level);
+    if (head > packet.size() || !is_any_topic_name(publish.topic))
+        return false;
+    if (level == Level::Mqtt5 && packet[head - 1] != 0) // the length of its properties
+        return false;
+    publish.packet_id = publish.qos != 0 ? static_cast<uint16_t>(u16_at(topic + size)) : 0;
+    publish.payload   = packet.subspan(head);
+    return publish.qos == 0 || publish.packet_id != 0;
 }
 
 // ---- encoding

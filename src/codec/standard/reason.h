@@ -80,7 +80,7 @@ struct [[nodiscard]] Verdict {
     Reason      reason = Reason::Success;
     const char *text   = "";
 
-    [[nodiscard]] bool ok() const noexcept { return reason == Reason::Success; }
+    [[nodiscard]] constexpr bool ok() const noexcept { return reason == Reason::Success; }
 };
 
 } // namespace tarn::codec::standard

@@ -1,6 +1,9 @@
 // topic.cpp - where wildcards may stand.
 #include "topic.h"
 
+#include <cstdint>
+#include <cstring>
+
 namespace tarn::codec::standard {
 
 namespace {
@@ -35,6 +38,49 @@ bool is_filter(std::string_view filter)
 bool is_topic_name(std::string_view topic) noexcept
 {
     return !topic.empty() && find_wildcard(topic) == topic.npos;
+}
+
+namespace {
+
+constexpr uint64_t kEachByte = 0x0101010101010101;
+
+// Whether eight bytes are all from 0x01 to 0x7F and none is a wildcard.
+bool is_plain(uint64_t bytes)
+{
+    const uint64_t plus = bytes ^ kEachByte * '+';
+    const uint64_t rest = bytes ^ kEachByte * '#';
+    // Without high bits, taking 1 off each byte sets a high bit only if a byte was 0.
+    return ((bytes | (bytes - kEachByte) | (plus - kEachByte) | (rest - kEachByte)) & kEachByte * 0x80) == 0;
+}
+
+template <class Word> uint64_t load(const char *at)
+{
+    Word word;
+    memcpy(&word, at, sizeof word);
+    return word;
+}
+
+// All of one to seven bytes, some of them more than once.
+uint64_t load_short(const char *at, size_t size)
+{
+    if (size >= sizeof(uint32_t))
+        return load<uint32_t>(at) | load<uint32_t>(at + size - sizeof(uint32_t)) << 32;
+    const uint64_t three = load<uint8_t>(at) | load<uint8_t>(at + size / 2) << 8 | load<uint8_t>(at + size - 1) << 16;
+    return three << 40 | three << 16 | ('x' << 8 | 'x');
+}
+
+} // namespace
+
+bool is_ascii_topic_name(std::string_view bytes) noexcept
+{
+    constexpr size_t kAtOnce = sizeof(uint64_t);
+    if (bytes.size() < kAtOnce)
+        return !bytes.empty() && is_plain(load_short(bytes.data(), bytes.size()));
+    const char *const last = bytes.data() + bytes.size() - kAtOnce;
+    for (const char *at = bytes.data(); at < last; at += kAtOnce)
+        if (!is_plain(load<uint64_t>(at)))
+            return false;
+    return is_plain(load<uint64_t>(last));
 }
 
 bool parse_filter(std::string_view text, TopicFilter &parsed) noexcept

@@ -9,6 +9,10 @@ namespace tarn::codec::standard {
 // At least one character [MQTT-4.7.3-1] and no wildcard [MQTT-3.3.2-2].
 [[nodiscard]] bool is_topic_name(std::string_view topic) noexcept;
 
+// The same of bytes that may be anything: a topic name of ASCII characters but U+0000, as most are. It takes one look at
+// eight of them.
+[[nodiscard]] bool is_ascii_topic_name(std::string_view bytes) noexcept;
+
 // A filter as a client sent it, in its parts.
 struct TopicFilter {
     std::string_view group;  // of "$share/group/filter"; empty if the subscription is not shared

@@ -1,7 +1,8 @@
 // message.cpp - see message.h. A message is one block of memory: the object, then topic, properties and payload.
 #include "message.h"
 
-#include <cstdlib>
+#include "spare_blocks.h"
+
 #include <cstring>
 #include <new>
 
@@ -19,39 +20,42 @@ uint8_t *append(uint8_t *to, const void *from, size_t size)
 
 const MessageRef &Draft::message() noexcept
 {
-    if (message_)
-        return message_;
-    MessageParts numbered = *parts_;
-    numbered.number       = ++*numbers_;
-    message_              = MessageRef::make(numbered);
+    if (!message_)
+        message_ = MessageRef::make(*parts_, ++*numbers_);
     return message_;
 }
 
 MessageRef MessageRef::make(const MessageParts &parts) noexcept
 {
+    return make(parts, parts.number);
+}
+
+MessageRef MessageRef::make(const MessageParts &parts, uint64_t number) noexcept
+{
     MessageRef  made;
-    const auto  rest  = parts.properties.size() + parts.topic.size() + parts.payload.size();
-    void *const block = malloc(sizeof(Message) + rest);
+    void *const block = take_block(size_of_message(parts));
     if (!block)
         return made;
     auto *const          at         = static_cast<uint8_t *>(block) + sizeof(Message);
     uint8_t *const       properties = append(at, parts.topic.data(), parts.topic.size());
     uint8_t *const       payload    = append(properties, parts.properties.data(), parts.properties.size());
     const uint8_t *const end        = append(payload, parts.payload.data(), parts.payload.size());
-    MessageParts         inside     = parts;
-    inside.topic                    = {reinterpret_cast<const char *>(at), parts.topic.size()};
-    inside.properties               = {properties, payload};
-    inside.payload                  = {static_cast<const uint8_t *>(payload), end};
-    made.message_                   = new (block) Message(inside);
+    auto *const          message    = new (block) Message(parts);
+    message->parts_.number          = number;
+    message->parts_.topic           = {reinterpret_cast<const char *>(at), parts.topic.size()};
+    message->parts_.properties      = {properties, payload};
+    message->parts_.payload         = {static_cast<const uint8_t *>(payload), end};
+    made.message_                   = message;
     return made;
 }
 
 void MessageRef::let_go() noexcept
 {
-    if (!message_ || message_->refs_.fetch_sub(1, std::memory_order_acq_rel) != 1)
+    if (message_->refs_.fetch_sub(1, std::memory_order_acq_rel) != 1)
         return;
+    const size_t size = message_->size();
     message_->~Message();
-    free(message_);
+    give_back_block(message_, size);
 }
 
 } // namespace tarn::standard

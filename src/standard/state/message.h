@@ -3,6 +3,8 @@
 #ifndef TARN_STANDARD_MESSAGE_H
 #define TARN_STANDARD_MESSAGE_H
 
+#include "../../codec/standard/types.h"
+
 #include <atomic>
 #include <cstdint>
 #include <span>
@@ -56,7 +58,8 @@ private:
 // Any thread; the message goes with the last.
 class MessageRef {
 public:
-    static MessageRef make(const MessageParts &parts) noexcept; // empty without memory
+    static MessageRef make(const MessageParts &parts) noexcept;                  // empty without memory
+    static MessageRef make(const MessageParts &parts, uint64_t number) noexcept; // the same with this number
 
     MessageRef() = default;
     MessageRef(const MessageRef &other) noexcept : message_(other.message_)
@@ -70,7 +73,11 @@ public:
         std::swap(message_, other.message_);
         return *this;
     }
-    ~MessageRef() { let_go(); }
+    ~MessageRef()
+    {
+        if (message_)
+            let_go();
+    }
 
     explicit       operator bool() const { return message_ != nullptr; }
     const Message &operator*() const { return *message_; }
@@ -92,19 +99,31 @@ inline size_t Message::size() const
     return size_of_message(parts_);
 }
 
+// The PUBLISH that brought a message, if it may go on as it is to clients of that level who are to have it at its QoS: it
+// has neither properties nor DUP nor RETAIN.
+struct Original {
+    std::span<const uint8_t> packet; // empty: there is none
+    codec::standard::Level   level = codec::standard::Level::Mqtt311;
+};
+
 // A message that is being published. One that is only copied into outboxes never gets a block of its own: it is made when
 // a queue, a file or the retained store is to have it. The parts stand where they came from until then.
 class Draft {
 public:
     explicit Draft(MessageRef message) noexcept : parts_(&message->parts()), message_(std::move(message)) {}
-    Draft(const MessageParts &parts, std::atomic<uint64_t> &numbers) noexcept : parts_(&parts), numbers_(&numbers) {}
+    Draft(const MessageParts &parts, std::atomic<uint64_t> &numbers, const Original &original = {}) noexcept
+        : parts_(&parts), numbers_(&numbers), original_(original)
+    {
+    }
 
     const MessageParts &parts() const noexcept { return *parts_; }
+    const Original     &original() const noexcept { return original_; }
     const MessageRef   &message() noexcept; // made by now; empty without memory
 
 private:
     const MessageParts    *parts_;
     std::atomic<uint64_t> *numbers_ = nullptr; // of messages; the latest
+    Original               original_;
     MessageRef             message_;
 };
 

@@ -247,6 +247,8 @@ void SubscriptionTree::discard(Filter &filter) noexcept
         tree_.release(filter.node);
     }
     filters_.remove(filter);
+    if (last_found_ == &filter)
+        last_found_ = nullptr;
     destroy_object(&filter);
 }
 
@@ -254,7 +256,12 @@ void SubscriptionTree::discard(Filter &filter) noexcept
 
 Filter *SubscriptionTree::find_filter(std::string_view text) const noexcept
 {
-    return filters_.find(hash_(text), [&](const Filter &filter) { return filter.text == text; });
+    if (last_found_ && last_found_->text == text)
+        return last_found_;
+    Filter *const found = filters_.find(hash_(text), [&](const Filter &filter) { return filter.text == text; });
+    if (found)
+        last_found_ = found;
+    return found;
 }
 
 SharedGroup *SubscriptionTree::find_group(const Filter &filter, std::string_view name) const noexcept
@@ -394,12 +401,9 @@ private:
 
 } // namespace
 
-void SubscriptionTree::match_filters(std::string_view topic, const Visitor<Filter> &found) const
+void SubscriptionTree::match_wildcards(std::string_view topic, const Visitor<Filter> &found) const
 {
-    if (Filter *const exact = find_filter(topic))
-        found(*exact);
-    if (tree_.nodes() > 0)
-        FilterWalk(tree_, topic, found).run();
+    FilterWalk(tree_, topic, found).run();
 }
 
 } // namespace tarn::standard

@@ -3,8 +3,9 @@
 // A filter without wildcards is found by one look-up of the whole topic, so any number of them costs a publish nothing.
 // Filters with wildcards stand in a tree. A walk goes on from a node by the topic's level, by "+" and by "#", and comes
 // to a node at most once: of honest filters to a few, and at worst to less than two for each that is stored, comparing
-// at most kMaxLevels addresses for each. Matched topics are not remembered: that would save less than keeping it right
-// costs.
+// at most kMaxLevels addresses for each. What a topic matches is not remembered: that would save less than keeping it
+// right costs. But the filter that was looked up last is at hand, as a publisher's messages come on one topic after each
+// other.
 //
 // No locks: the engine's mutex is held around every call. match() takes no memory, and what it calls must not change
 // the tree.
@@ -196,14 +197,17 @@ public:
             for (SharedGroup *group = filter.groups; group; group = group->next_group_)
                 sink.shared(*group);
         };
-        match_filters(topic, Visitor<Filter>(give));
+        if (Filter *const exact = find_filter(topic))
+            give(*exact);
+        if (tree_.nodes() > 0)
+            match_wildcards(topic, Visitor<Filter>(give));
     }
 
 private:
     struct Parts;
     static Parts parts_of(std::string_view filter) noexcept;
 
-    void match_filters(std::string_view topic, const Visitor<Filter> &found) const;
+    void match_wildcards(std::string_view topic, const Visitor<Filter> &found) const;
 
     Filter               *find_filter(std::string_view text) const noexcept;
     SessionSubscriptions *find_session(uint64_t session) const noexcept;
@@ -224,10 +228,11 @@ private:
 
     LevelTree<Filter>               tree_; // of the filters with wildcards
     TextHash                        hash_;
-    HashTable<Filter>               filters_;       // by text
-    HashTable<SessionSubscriptions> sessions_;      // by number
-    HashTable<Subscription>         subscriptions_; // by session, filter and group
-    const Subscription             *cursor_ = nullptr;
+    HashTable<Filter>               filters_;              // by text
+    HashTable<SessionSubscriptions> sessions_;             // by number
+    HashTable<Subscription>         subscriptions_;        // by session, filter and group
+    mutable Filter                 *last_found_ = nullptr; // by text
+    const Subscription             *cursor_     = nullptr;
 };
 
 } // namespace tarn::standard

@@ -30,6 +30,28 @@ Publish message(uint8_t qos = 0)
     return out;
 }
 
+// Whether the quick decoder takes it. If so, it says the same as the other one, and an encoder would write these bytes.
+bool is_plain(const Bytes &bytes, Level level)
+{
+    const auto             whole = decode(bytes, level);
+    standard::PlainPublish plain;
+    if (!standard::decode_plain_publish(whole.packet, level, plain))
+        return false;
+    EXPECT_OK(whole);
+    EXPECT_EQ(plain.dup, whole.value.dup);
+    EXPECT_EQ(plain.retain, whole.value.retain);
+    EXPECT_EQ(plain.qos, whole.value.qos);
+    EXPECT_EQ(plain.packet_id, whole.value.packet_id);
+    EXPECT_EQ(plain.topic, whole.value.topic);
+    EXPECT_EQ(text_of(plain.payload), text_of(whole.value.payload));
+    EXPECT_EQ(encoded(whole.value, {level}), bytes);
+    return true;
+}
+bool is_plain(const char *text, Level level)
+{
+    return is_plain(wire(text), level);
+}
+
 } // namespace
 
 // ---- decoding
@@ -152,6 +174,65 @@ TEST(publish, of_ten_mebibytes)
     EXPECT_OK(found);
     EXPECT_EQ(found.value.payload.size(), payload.size());
     EXPECT_EQ(found.value.payload.data(), found.packet.data() + 1 + 4 + 3);
+}
+
+// ---- decoding what has neither properties nor a fault
+
+TEST(plain_publish, is_taken_at_each_qos)
+{
+    EXPECT_TRUE(is_plain("30 07 00 03 'a/b' 'hi'", k311));
+    EXPECT_TRUE(is_plain("31 05 00 03 'a/b'", k311));
+    EXPECT_TRUE(is_plain("3A 09 00 03 'a/b' 12 34 'hi'", k311));
+    EXPECT_TRUE(is_plain("34 07 00 03 'a/b' FF FF", k311));
+    EXPECT_TRUE(is_plain("30 08 00 03 'a/b' 00 'hi'", k5));
+    EXPECT_TRUE(is_plain("33 08 00 03 'a/b' 12 34 00", k5));
+    EXPECT_TRUE(is_plain("30 08 00 04 'a/' C3 A4 'hi'", k311));
+}
+
+TEST(plain_publish, with_something_unusual_is_left_to_the_other_decoder)
+{
+    EXPECT_FALSE(is_plain("30 0A 00 03 'a/b' 02 01 01 'hi'", k5)); // a property
+    EXPECT_FALSE(is_plain("30 06 00 00 03 23 00 05", k5));         // an alias for the topic
+    EXPECT_FALSE(is_plain("30 87 00 00 03 'a/b' 'hi'", k311));     // a length that could be shorter
+    EXPECT_FALSE(is_plain("30 09 00 03 'a/b' 80 00 'hi'", k5));    // likewise, that of the properties
+    EXPECT_FALSE(is_plain("32 07 00 03 'a/b' 00 00", k311));       // the identifier is 0
+    EXPECT_FALSE(is_plain("30 07 00 03 'a/+' 'hi'", k311));        // a wildcard
+    EXPECT_FALSE(is_plain("30 04 00 00 'hi'", k311));              // no topic
+    EXPECT_FALSE(is_plain("38 07 00 03 'a/b' 'hi'", k311));        // DUP at QoS 0
+    EXPECT_FALSE(is_plain("36 09 00 03 'a/b' 12 34 'hi'", k311));  // QoS 3
+    EXPECT_FALSE(is_plain("40 07 00 03 'a/b' 'hi'", k311));        // another type
+    EXPECT_FALSE(is_plain("30 07 00 03 'a' FF 'b' 'hi'", k311));   // no UTF-8
+    EXPECT_FALSE(is_plain("30 05 00 03 'a/b'", k5));               // cut before its properties
+}
+
+// Each packet that is cut, or has another byte somewhere, is judged as the other decoder does.
+TEST(plain_publish, is_never_one_that_is_refused)
+{
+    for (const Level level : {k311, k5})
+        for (const char *const text : {"32 0D 00 05 'a/b/c' 12 34 00 'hi'", "30 0D 00 09 'topics/of' 00 'x'"}) {
+            const Bytes packet = wire(text);
+            for (size_t at = 0; at < packet.size(); ++at) {
+                (void)is_plain(Bytes(packet.begin(), packet.begin() + static_cast<ptrdiff_t>(at)), level);
+                for (unsigned byte = 0; byte < 256; ++byte) {
+                    Bytes changed = packet;
+                    changed[at]   = static_cast<uint8_t>(byte);
+                    (void)is_plain(changed, level);
+                }
+            }
+        }
+}
+
+TEST(ascii_topic_name, is_a_topic_name_of_ascii_characters)
+{
+    EXPECT_FALSE(standard::is_ascii_topic_name(""));
+    for (size_t size = 1; size < 20; ++size)
+        for (size_t at = 0; at < size; ++at)
+            for (unsigned byte = 0; byte < 256; ++byte) {
+                std::string topic(size, '/');
+                topic[at] = static_cast<char>(byte);
+                EXPECT_EQ(standard::is_ascii_topic_name(topic), byte > 0 && byte < 0x80 && byte != '+' && byte != '#')
+                    << size << " " << at << " " << byte;
+            }
 }
 
 // ---- encoding

@@ -8,6 +8,7 @@
 #include <deque>
 #include <gtest/gtest.h>
 #include <string>
+#include <vector>
 
 using namespace tarn;
 using namespace tarn::standard;
@@ -176,6 +177,93 @@ TEST(route, of_a_group_knows_how_large_a_packet_becomes)
 }
 
 // ---- the short way
+
+namespace {
+
+// What waits in an outbox, which is empty then.
+std::string sent_of(Connection &connection)
+{
+    std::string bytes;
+    const auto  send = [](void *to, const net::OutPacket *pieces, int count) noexcept {
+        for (int i = 0; i < count; ++i)
+            static_cast<std::string *>(to)->append(reinterpret_cast<const char *>(pieces[i].bytes),
+                                                    static_cast<size_t>(pieces[i].length));
+        return net::Sent{count, NETIP_OK};
+    };
+    EXPECT_EQ(connection.outbox.flush(send, &bytes, 0), Outbox::Left::Nothing);
+    return bytes;
+}
+
+// The QoS and payload of what a reader gets of a message with the payload "x", for which a PUBLISH of 3.1.1 stands that
+// says "o".
+std::string sent_for(World &world, Session &reader, uint8_t qos, const SubscriptionOptions &options,
+                     bool retain = false)
+{
+    using namespace std::string_view_literals;
+    const MessageParts parts{.qos = qos, .topic = "t", .payload = World::bytes_of("x")};
+    const auto         original = qos == 0 ? "0\4\0\1to"sv : qos == 1 ? "2\6\0\1t\xFF\xFFo"sv : "4\6\0\1t\xFF\xFFo"sv;
+    Draft draft(parts, world.engine.state.last_message, {World::bytes_of(original), codec::standard::Level::Mqtt311});
+    EXPECT_TRUE(Forwarder(world.engine, draft).give(reader, options, retain));
+    const std::string packet = sent_of(*reader.connection);
+    return std::to_string(packet[0] >> 1 & 3) + packet.back();
+}
+
+} // namespace
+
+TEST(route, sends_a_packet_as_it_came_to_those_for_whom_nothing_of_it_changes)
+{
+    World    world;
+    Session &reader          = world.there("reader", "t", 2);
+    reader.connection->level = codec::standard::Level::Mqtt311;
+    for (const char *const same : {"0o", "1o", "2o"})
+        EXPECT_EQ(sent_for(world, reader, static_cast<uint8_t>(same[0] - '0'), {.qos = 2}), same);
+    EXPECT_EQ(sent_for(world, reader, 2, {.qos = 1}), "1x");
+    EXPECT_EQ(sent_for(world, reader, 1, {.qos = 0}), "0x");
+    EXPECT_EQ(sent_for(world, reader, 0, {.qos = 0}, true), "0x");
+
+    Session &other = world.there("other", "t", 2); // of 5.0
+    EXPECT_EQ(sent_for(world, other, 0, {.qos = 0}), "0x");
+    EXPECT_EQ(sent_for(world, other, 1, {.identifier = 5, .qos = 1}), "1x");
+}
+
+TEST(route, gives_a_packet_as_it_came_the_identifier_of_each_reader)
+{
+    using namespace std::string_view_literals;
+    World world;
+    for (const char *const id : {"one", "two"})
+        world.there(id, "t", 1).connection->level = codec::standard::Level::Mqtt311;
+    Session           &two = *world.connections[1].session;
+    const MessageParts parts{.qos = 1, .topic = "t", .payload = World::bytes_of("x")};
+    Draft              draft(parts, world.engine.state.last_message,
+                             {World::bytes_of("2\6\0\1t\xFF\xFFx"sv), codec::standard::Level::Mqtt311});
+    (void)two.deliveries.offer_and_send(draft.message(), 1, false, {}, 10); // has identifier 1
+    route(world.engine, draft);
+    EXPECT_EQ(sent_of(world.connections[0]), "2\6\0\1t\0\1x"sv);
+    EXPECT_EQ(sent_of(world.connections[1]), "2\6\0\1t\0\2x"sv);
+}
+
+// What was listed first leaves first: a message before its acknowledgement, which its publisher is listed for.
+TEST(route, lists_connections_in_the_order_in_which_they_have_something)
+{
+    World world;
+    for (const char *const id : {"first", "second", "third"})
+        world.there(id, "t", 0);
+    std::deque<Connection> &made = world.connections;
+    for (const int i : {1, 0, 2, 1})
+        list_for_flush(world.engine, made[static_cast<size_t>(i)]);
+    std::vector<const Connection *> listed;
+    for (const Connection *at = world.engine.listed; at; at = at->next_listed)
+        listed.push_back(at);
+    EXPECT_EQ(listed, (std::vector<const Connection *>{&made[1], &made[0], &made[2]}));
+
+    for (Connection &connection : made)
+        connection.is_blocked = true; // so that nothing is sent
+    flush_listed(world.engine);
+    EXPECT_EQ(world.engine.listed, nullptr);
+    list_for_flush(world.engine, made[2]);
+    EXPECT_EQ(world.engine.listed, &made[2]);
+    EXPECT_EQ(made[2].next_listed, nullptr);
+}
 
 TEST(route, copies_a_bounded_number_of_bytes_before_they_leave)
 {

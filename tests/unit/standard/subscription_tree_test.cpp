@@ -225,6 +225,31 @@ TEST(subscription_tree, removes_what_was_added)
     }
 }
 
+// The one that was found last is at hand.
+TEST(subscription_tree, forgets_a_filter_that_goes)
+{
+    SubscriptionTree tree;
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(tree.add(1, "a/b", {}), Added::New);
+        ASSERT_EQ(tree.add(2, "$share/group/a/b", {}), Added::New);
+        ASSERT_EQ(tree.add(3, "a/c", {}), Added::New);
+        for (int j = 0; j < 2; ++j) {
+            EXPECT_THAT(match(tree, "a/b").plain, ElementsAre(1));
+            EXPECT_THAT(match(tree, "a/c").plain, ElementsAre(3));
+            EXPECT_THAT(match(tree, "a/d").plain, IsEmpty());
+            EXPECT_THAT(match(tree, "a").plain, IsEmpty());
+        }
+        EXPECT_THAT(match(tree, "a/b").plain, ElementsAre(1));
+        EXPECT_TRUE(tree.remove(1, "a/b"));
+        EXPECT_THAT(match(tree, "a/b").plain, IsEmpty());
+        EXPECT_EQ(match(tree, "a/b").groups.size(), 1u);
+        EXPECT_TRUE(tree.remove(2, "$share/group/a/b"));
+        EXPECT_EQ(match(tree, "a/b").groups.size(), 0u);
+        tree.remove_all_of(3);
+        EXPECT_THAT(match(tree, "a/c").plain, IsEmpty());
+    }
+}
+
 TEST(subscription_tree, lists_what_a_session_has_in_the_order_of_subscribing)
 {
     SubscriptionTree tree;
