@@ -26,14 +26,19 @@ struct Side; // what stands beside a record of the pool
 class client_ref {
 public:
     client_ref() = default;
-    explicit client_ref(mqtt_client_t *client) noexcept; // pins; the caller knows that the record is alive
+    explicit client_ref(mqtt_client_t *client) noexcept { pin(client); }
     client_ref(client_ref &&other) noexcept : client_(other.client_), side_(other.side_) { other.client_ = nullptr; }
     client_ref &operator=(client_ref &&other) noexcept;
     client_ref(const client_ref &)            = delete;
     client_ref &operator=(const client_ref &) = delete;
-    ~client_ref() { reset(); }
+    ~client_ref()
+    {
+        if (client_)
+            reset();
+    }
 
-    void           reset() noexcept; // unpins
+    void           pin(mqtt_client_t *client) noexcept; // of an empty one; the caller knows that the record is alive
+    void           reset() noexcept;                    // unpins
     explicit       operator bool() const noexcept { return client_ != nullptr; }
     mqtt_client_t *get() const noexcept { return client_; }
     mqtt_client_t *operator->() const noexcept { return client_; }

@@ -92,10 +92,11 @@ using namespace tarn::client;
 
 client_ref tarn::find_client_by_handle(uint32_t handle) noexcept
 {
+    client_ref client;
     if (handle == NETIP_NO_HANDLE)
-        return {};
+        return client;
     ScopedLock lock(mutex_of_handle(handle));
-    client_ref client(peek_acquire(g_client_mgr.by_handle[handle % CLIENT_MAX]));
+    client.pin(peek_acquire(g_client_mgr.by_handle[handle % CLIENT_MAX]));
     if (client &&
         (client->state == CLIENT_CLOSED || client->handle != handle || is_of_earlier_connection(client, handle)))
         client.reset();
@@ -117,11 +118,12 @@ client_ref tarn::find_client_by_handle(uint32_t handle) noexcept
 //   client_hash.a_prefix_and_three_letters_of_which_the_first_is_a_to_k_have_a_bucket_of_their_own
 client_ref tarn::find_client_by_id(const char *client_id) noexcept
 {
+    client_ref client; // the only one that is returned, so that it is not moved
     if (!*client_id)
-        return {};
+        return client;
     const uint32_t hash = hash_of(client_id);
     ScopedLock     lock(mutex_of_hash(hash));
-    client_ref     client(peek_acquire(g_client_mgr.by_cid[hash % CLIENT_MAX]));
+    client.pin(peek_acquire(g_client_mgr.by_cid[hash % CLIENT_MAX]));
     if (client && !is_found(client, client_id))
         client.reset();
     if (!client && client::profile_in_use())

@@ -59,7 +59,7 @@ void on_disconnected(uint32_t handle, uint32_t reason, uint32_t error)
         return; // never sent a packet, or closed from above: then this is its own netip_close
     std::optional<PacketScope> scope;
     if (is_saved_behind())
-        scope.emplace(*client);
+        scope.emplace(client);
     const uint32_t state = client->state;
     if (state == CLIENT_LOGINED)
         handler::forget(id_of(*client).text, client->clean_session);
@@ -88,7 +88,9 @@ client_ref make_client(uint32_t handle, broker_t *broker)
 client_ref client_of(uint32_t handle, broker_t *broker)
 {
     client_ref client = find_client_by_handle(handle);
-    return client ? std::move(client) : make_client(handle, broker);
+    if (!client)
+        client = make_client(handle, broker);
+    return client;
 }
 
 void handle_packet(uint32_t handle, std::span<const uint8_t> packet, broker_t *broker)
@@ -100,7 +102,7 @@ void handle_packet(uint32_t handle, std::span<const uint8_t> packet, broker_t *b
         return;
     std::optional<PacketScope> scope;
     if (is_saved_behind())
-        scope.emplace(*client);
+        scope.emplace(client);
     (void)handler::dispatch(*client, packet);
 }
 

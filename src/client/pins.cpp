@@ -113,8 +113,10 @@ namespace tarn {
 using client::Side;
 using client::side_of;
 
-client_ref::client_ref(mqtt_client_t *client) noexcept : client_(client), side_(client ? side_of(client) : nullptr)
+void client_ref::pin(mqtt_client_t *client) noexcept
 {
+    client_ = client;
+    side_   = client ? side_of(client) : nullptr;
     if (side_)
         client::pin(*side_);
 }

@@ -4,6 +4,7 @@
 #include "../qos/qos.hpp"
 
 #include <algorithm>
+#include <cstring>
 
 namespace tarn::handler {
 namespace {
@@ -156,7 +157,7 @@ bool route(Routing &routing, const char *topic) noexcept
     for (int at = 0; at < matches.count(); at++) {
         ahead.prefetch_from(at);
         const sub::Match &to = matches[at];
-        if (routing.excluded && *routing.excluded == to.client_id)
+        if (routing.excluded && strcmp(routing.excluded, to.client_id) == 0)
             continue;
         receiver = {.number = at + 1, .to = &to, .qos = std::min<uint32_t>(routing.qos, to.qos)};
         if (matches.skips(at)) {
