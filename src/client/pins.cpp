@@ -121,17 +121,6 @@ void client_ref::pin(mqtt_client_t *client) noexcept
         client::pin(*side_);
 }
 
-client_ref &client_ref::operator=(client_ref &&other) noexcept
-{
-    if (this != &other) {
-        reset();
-        client_       = other.client_;
-        side_         = other.side_;
-        other.client_ = nullptr;
-    }
-    return *this;
-}
-
 void client_ref::reset() noexcept
 {
     mqtt_client_t *const client = client_;

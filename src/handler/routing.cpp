@@ -164,9 +164,9 @@ bool route(Routing &routing, const char *topic) noexcept
             on_outcome(routing, Outcome::NotChosen);
             continue;
         }
-        const client_ref client = find_client_by_id(to.client_id);
-        receiver.client         = client.get();
-        receiver.state          = client ? uint32_t{client->state} : uint32_t{CLIENT_UNUSED};
+        const RoundClient client(to.client_id);
+        receiver.client = client.get();
+        receiver.state  = client ? uint32_t{client->state} : uint32_t{CLIENT_UNUSED};
         if (receiver.state == CLIENT_CONNECTED || receiver.state == CLIENT_LOGINED)
             routing.sent += deliver_to_receiver(routing, cache);
         else
