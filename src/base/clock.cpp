@@ -40,9 +40,14 @@ uint64_t wall_ms() noexcept
     return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_usec) / 1000;
 }
 
+uint64_t packet_us() noexcept
+{
+    return t_packet_us != 0 ? t_packet_us : mono_us();
+}
+
 uint64_t packet_ms() noexcept
 {
-    return t_packet_us != 0 ? t_packet_us / 1000 : mono_ms();
+    return packet_us() / 1000;
 }
 
 // The tick is read without asking the hardware.

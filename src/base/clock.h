@@ -11,9 +11,10 @@ uint64_t mono_ms() noexcept; // the same
 int64_t  wall_s() noexcept;  // time()
 uint64_t wall_ms() noexcept; // gettimeofday()
 
-// mono_ms() for what a packet does to several clients: the reading with which this thread's packet began, as long as a
-// PacketTime exists, else a new one.
+// mono_ms() and mono_us() for what a packet does to several clients: the reading with which this thread's packet began,
+// as long as a PacketTime exists, else a new one.
 uint64_t packet_ms() noexcept;
+uint64_t packet_us() noexcept;
 
 // A callback of the host's has returned, which may have taken long: the packet's reading is replaced by a new one, unless
 // the system's tick shows that it is a few milliseconds old at most.

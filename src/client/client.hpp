@@ -14,6 +14,7 @@
 #include "profile.h"
 
 #include <span>
+#include <utility>
 
 namespace tarn {
 
@@ -23,17 +24,40 @@ struct Side; // what stands beside a record of the pool
 
 // ---- pins (pins.cpp)
 
+// A pin where no client_ref may stand: who has it gives it to one again. Null: none.
+struct LoosePin {
+    mqtt_client_t *client;
+    client::Side  *side;
+};
+
 class client_ref {
 public:
     client_ref() = default;
-    explicit client_ref(mqtt_client_t *client) noexcept; // pins; the caller knows that the record is alive
+    explicit client_ref(LoosePin pin) noexcept : client_(pin.client), side_(pin.side) {}
+    explicit client_ref(mqtt_client_t *client) noexcept { pin(client); }
     client_ref(client_ref &&other) noexcept : client_(other.client_), side_(other.side_) { other.client_ = nullptr; }
-    client_ref &operator=(client_ref &&other) noexcept;
+    client_ref &operator=(client_ref &&other) noexcept
+    {
+        if (this == &other)
+            return *this;
+        if (client_)
+            reset();
+        client_       = other.client_;
+        side_         = other.side_;
+        other.client_ = nullptr;
+        return *this;
+    }
     client_ref(const client_ref &)            = delete;
     client_ref &operator=(const client_ref &) = delete;
-    ~client_ref() { reset(); }
+    ~client_ref()
+    {
+        if (client_)
+            reset();
+    }
 
-    void           reset() noexcept; // unpins
+    void           pin(mqtt_client_t *client) noexcept; // of an empty one; the caller knows that the record is alive
+    void           reset() noexcept;                    // unpins
+    LoosePin       let_go() noexcept { return {std::exchange(client_, nullptr), side_}; }
     explicit       operator bool() const noexcept { return client_ != nullptr; }
     mqtt_client_t *get() const noexcept { return client_; }
     mqtt_client_t *operator->() const noexcept { return client_; }
@@ -54,6 +78,37 @@ private:
 // As client.h says, found and pinned in one step under the table's lock.
 client_ref find_client_by_handle(uint32_t handle) noexcept;
 client_ref find_client_by_id(const char *client_id) noexcept;
+
+// A client found by its handle, or by its id, for one packet. Packets come in runs, from one client and to one: so a
+// thread of the network layer keeps the last client of each kind pinned until its round ends or the client is closed,
+// and the next packet has it without the table's lock, if it is still the one that the table names.
+class RoundClient {
+public:
+    explicit RoundClient(uint32_t handle) noexcept;
+    explicit RoundClient(const char *client_id) noexcept;
+    ~RoundClient();
+    RoundClient(const RoundClient &)            = delete;
+    RoundClient &operator=(const RoundClient &) = delete;
+
+    RoundClient &operator=(client_ref &&client) noexcept
+    {
+        client_ = std::move(client);
+        return *this;
+    }
+    explicit          operator bool() const noexcept { return static_cast<bool>(client_); }
+    const client_ref &ref() const noexcept { return client_; }
+    mqtt_client_t    *get() const noexcept { return client_.get(); }
+    mqtt_client_t    *operator->() const noexcept { return client_.get(); }
+    mqtt_client_t    &operator*() const noexcept { return *client_; }
+
+private:
+    explicit RoundClient(LoosePin *kept) noexcept;
+
+    LoosePin  *kept_; // where the thread keeps it; null outside a round
+    client_ref client_;
+};
+// The end of a round, or of a client that the thread has closed.
+void drop_round_clients() noexcept;
 
 // The next used record in pool order at or after `index` (0 at first), pinned; empty at the end. `index` is moved
 // behind it.

@@ -78,14 +78,14 @@ bool send_saved(HeldList &list, mqtt_client_t &client) REQUIRES(list.mutex)
     return may_go_on;
 }
 
-net::Connection connection_of(const mqtt_client_t &client, int32_t index)
+net::Connection connection_of(const mqtt_client_t &client, const Side *side)
 {
-    return {client.handle, index == kOutside ? 0 : uint32_t{side_at(index).generation}};
+    return {client.handle, side ? uint32_t{side->generation} : 0};
 }
 
 net::Connection connection_of(const mqtt_client_t &client)
 {
-    return connection_of(client, index_of(&client));
+    return connection_of(client, side_of(&client));
 }
 
 // The network layer asks about each packet of a client from its first held answer to its last.
@@ -154,17 +154,18 @@ Held::~Held()
 
 persist::SaveWaiter *PacketScope::ask(void *scope) noexcept
 {
-    auto &packet = *static_cast<PacketScope *>(scope);
-    if (packet.held_ || packet.index_ == kOutside)
+    auto          &packet = *static_cast<PacketScope *>(scope);
+    mqtt_client_t &client = packet.client_;
+    const int32_t  index  = index_of(&client);
+    if (packet.held_ || index == kOutside)
         return packet.held_;
     auto *const held = new (std::nothrow) Held;
     if (!held)
         return nullptr;
-    held->saved                 = on_saved;
-    held->client                = packet.index_;
-    const mqtt_client_t &client = *record_at(packet.index_);
+    held->saved  = on_saved;
+    held->client = index;
     net::ask_about_all(connection_of(client), true);
-    HeldList  &list = g_lists[packet.index_];
+    HeldList  &list = g_lists[index];
     ScopedLock lock(list.mutex);
     if (is_released(&client)) // by another thread: there is nobody to answer any more
         held->client = kOutside;
@@ -173,8 +174,8 @@ persist::SaveWaiter *PacketScope::ask(void *scope) noexcept
     return packet.held_ = held;
 }
 
-PacketScope::PacketScope(mqtt_client_t &client) noexcept
-    : index_(index_of(&client)), late_close_(connection_of(client, index_)), behind_(ask, this)
+PacketScope::PacketScope(const client_ref &client) noexcept
+    : client_(*client), late_close_(connection_of(*client, client.side())), behind_(ask, this)
 {
 }
 

@@ -41,6 +41,30 @@ bool is_found(const client_ref &client, const char *client_id)
     return peek_acquire(client->used) && client->state != CLIENT_CLOSED && has_id(client, client_id);
 }
 
+bool is_found(const client_ref &client, uint32_t handle)
+{
+    return client->state != CLIENT_CLOSED && client->handle == handle && !is_of_earlier_connection(client, handle);
+}
+
+mqtt_client_t *entry_of(uint32_t handle)
+{
+    return peek_acquire(g_client_mgr.by_handle[handle % CLIENT_MAX]);
+}
+
+mqtt_client_t *entry_of_hash(uint32_t hash)
+{
+    return peek_acquire(g_client_mgr.by_cid[hash % CLIENT_MAX]);
+}
+
+// Kept from packet to packet of a round. A client_ref would have a destructor, to note which the C library allocates.
+constinit thread_local LoosePin t_by_handle{};
+constinit thread_local LoosePin t_by_id{};
+
+client_ref taken_from(LoosePin &kept)
+{
+    return client_ref(std::exchange(kept, {}));
+}
+
 } // namespace
 
 uint32_t hash_of(const char *client_id) noexcept
@@ -92,12 +116,12 @@ using namespace tarn::client;
 
 client_ref tarn::find_client_by_handle(uint32_t handle) noexcept
 {
+    client_ref client;
     if (handle == NETIP_NO_HANDLE)
-        return {};
+        return client;
     ScopedLock lock(mutex_of_handle(handle));
-    client_ref client(peek_acquire(g_client_mgr.by_handle[handle % CLIENT_MAX]));
-    if (client &&
-        (client->state == CLIENT_CLOSED || client->handle != handle || is_of_earlier_connection(client, handle)))
+    client.pin(entry_of(handle));
+    if (client && !is_found(client, handle))
         client.reset();
     return client;
 }
@@ -117,16 +141,53 @@ client_ref tarn::find_client_by_handle(uint32_t handle) noexcept
 //   client_hash.a_prefix_and_three_letters_of_which_the_first_is_a_to_k_have_a_bucket_of_their_own
 client_ref tarn::find_client_by_id(const char *client_id) noexcept
 {
+    client_ref client; // the only one that is returned, so that it is not moved
     if (!*client_id)
-        return {};
+        return client;
     const uint32_t hash = hash_of(client_id);
     ScopedLock     lock(mutex_of_hash(hash));
-    client_ref     client(peek_acquire(g_client_mgr.by_cid[hash % CLIENT_MAX]));
+    client.pin(entry_of_hash(hash));
     if (client && !is_found(client, client_id))
         client.reset();
     if (!client && client::profile_in_use())
         client = find_in_chain(hash, client_id);
     return client;
+}
+
+tarn::RoundClient::RoundClient(LoosePin *kept) noexcept : kept_(io_round() != 0 ? kept : nullptr)
+{
+    if (kept_)
+        client_ = taken_from(*kept_);
+}
+
+// What was kept is pinned already, so to look at its entry without the lock is enough.
+tarn::RoundClient::RoundClient(uint32_t handle) noexcept : RoundClient(&t_by_handle)
+{
+    if (!client_ || client_.get() != entry_of(handle) || !is_found(client_, handle))
+        client_ = find_client_by_handle(handle);
+}
+
+tarn::RoundClient::RoundClient(const char *client_id) noexcept : RoundClient(&t_by_id)
+{
+    if (!client_ || client_.get() != entry_of_hash(hash_of(client_id)) || !is_found(client_, client_id))
+        client_ = find_client_by_id(client_id);
+}
+
+tarn::RoundClient::~RoundClient()
+{
+    if (!kept_ || !client_)
+        return;
+    const client_ref before = taken_from(*kept_); // of a packet that was handled within this one
+    if (client_->state == CLIENT_CLOSED)
+        drop_round_clients();
+    else
+        *kept_ = client_.let_go();
+}
+
+void tarn::drop_round_clients() noexcept
+{
+    const client_ref by_handle = taken_from(t_by_handle);
+    const client_ref by_id     = taken_from(t_by_id);
 }
 
 // QUIRK(auto-client-id): an empty client id becomes "auto_" and the second of the wall clock, so two clients that come

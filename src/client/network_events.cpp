@@ -54,12 +54,13 @@ void on_disconnected(uint32_t handle, uint32_t reason, uint32_t error)
     LOG_INFO("Client disconnected: handle=%u, reason=%d, error=%u", handle, static_cast<int>(reason), error);
     if (const Profile *const profile = profile_in_use())
         return profile->closed(handle);
+    drop_round_clients(); // it may be one of them, and is to leave its record at once
     const client_ref client = find_client_by_handle(handle);
     if (!client)
         return; // never sent a packet, or closed from above: then this is its own netip_close
     std::optional<PacketScope> scope;
     if (is_saved_behind())
-        scope.emplace(*client);
+        scope.emplace(client);
     const uint32_t state = client->state;
     if (state == CLIENT_LOGINED)
         handler::forget(id_of(*client).text, client->clean_session);
@@ -84,23 +85,18 @@ client_ref make_client(uint32_t handle, broker_t *broker)
     return client;
 }
 
-// The record of this connection, made with its first packet.
-client_ref client_of(uint32_t handle, broker_t *broker)
-{
-    client_ref client = find_client_by_handle(handle);
-    return client ? std::move(client) : make_client(handle, broker);
-}
-
 void handle_packet(uint32_t handle, std::span<const uint8_t> packet, broker_t *broker)
 {
     if (const Profile *const profile = profile_in_use())
         return profile->packet(connection_of(handle), packet);
-    const client_ref client = client_of(handle, broker);
+    RoundClient client(handle);
+    if (!client)
+        client = make_client(handle, broker); // with the first packet of its connection
     if (!client)
         return;
     std::optional<PacketScope> scope;
     if (is_saved_behind())
-        scope.emplace(*client);
+        scope.emplace(client.ref());
     (void)handler::dispatch(*client, packet);
 }
 

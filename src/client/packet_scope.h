@@ -4,7 +4,7 @@
 
 #include "../net/net.hpp"
 #include "../persist/save_behind.h"
-#include "client_types.h"
+#include "client.hpp"
 
 namespace tarn::client {
 
@@ -15,7 +15,7 @@ struct Held;
 // other is answered as soon as its changes are saved.
 class PacketScope {
 public:
-    explicit PacketScope(mqtt_client_t &client) noexcept;
+    explicit PacketScope(const client_ref &client) noexcept; // which stays pinned
     ~PacketScope();
     PacketScope(const PacketScope &)            = delete;
     PacketScope &operator=(const PacketScope &) = delete;
@@ -23,7 +23,7 @@ public:
 private:
     static persist::SaveWaiter *ask(void *scope) noexcept;
 
-    int32_t             index_;
+    mqtt_client_t      &client_;
     Held               *held_ = nullptr; // made with the first change
     net::LateClose      late_close_;
     persist::SaveBehind behind_;

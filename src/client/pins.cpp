@@ -113,21 +113,12 @@ namespace tarn {
 using client::Side;
 using client::side_of;
 
-client_ref::client_ref(mqtt_client_t *client) noexcept : client_(client), side_(client ? side_of(client) : nullptr)
+void client_ref::pin(mqtt_client_t *client) noexcept
 {
+    client_ = client;
+    side_   = client ? side_of(client) : nullptr;
     if (side_)
         client::pin(*side_);
-}
-
-client_ref &client_ref::operator=(client_ref &&other) noexcept
-{
-    if (this != &other) {
-        reset();
-        client_       = other.client_;
-        side_         = other.side_;
-        other.client_ = nullptr;
-    }
-    return *this;
 }
 
 void client_ref::reset() noexcept

@@ -57,6 +57,7 @@ void begin_io_round() noexcept
 void end_io_round() noexcept
 {
     t_round = 0;
+    drop_round_clients();
     send_kept_answer();
     drain_send_list(send_listed);
 }

@@ -14,7 +14,9 @@ constinit std::atomic<int32_t> g_newest{0}; // index + 1, 0 = empty
 void list_for_sending(int32_t index) noexcept
 {
     Side &side = side_at(index);
-    if (side.listed.exchange(1) != 0)
+    // Most packets find it listed, and are spared the exchange. A thread that takes it off the list does so before it
+    // takes send_lock to look at the ring, so what was queued under that lock is sent.
+    if (side.listed.load() != 0 || side.listed.exchange(1) != 0)
         return;
     int32_t newest = g_newest.load(std::memory_order_relaxed);
     do

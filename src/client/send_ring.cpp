@@ -75,11 +75,12 @@ Flushed result_of(const net::Sent &sent, int asked)
     return sent.result == NETIP_AGAIN ? Flushed::Full : Flushed::Refused;
 }
 
-void note_queued(mqtt_client_t &client, Side &side, int type) REQUIRES(client.send_lock)
+void note_disconnect_queued(mqtt_client_t &client) REQUIRES(client.send_lock)
 {
-    if (type == DISCONNECT && side.last_packet == LastPacket::Announced) {
-        side.last_packet = LastPacket::Queued;
-        side.sent_until  = client.send_tail;
+    Side *const side = side_of(&client);
+    if (side && side->last_packet == LastPacket::Announced) {
+        side->last_packet = LastPacket::Queued;
+        side->sent_until  = client.send_tail;
     }
 }
 
@@ -133,8 +134,8 @@ Queued enqueue(mqtt_client_t &client, const PacketParts &packet) EXCLUDES(client
     slot.ready       = 1;
     client.send_tail = static_cast<uint8_t>(next);
     prefetch_to_write(client.send_queue[next]);
-    if (Side *const side = side_of(&client))
-        note_queued(client, *side, head[0] >> 4);
+    if (head[0] >> 4 == DISCONNECT)
+        note_disconnect_queued(client);
     return Queued::Ok;
 }
 

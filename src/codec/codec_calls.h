@@ -13,9 +13,9 @@ int decode_connect(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt
 int encode_connack(mqtt_codec_ctx_t *ctx, const mqtt_connack_para_t *para, uint8_t *buf, int *buf_len) noexcept;
 int decode_connack(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_connack_para_t *para) noexcept;
 int encode_publish(mqtt_codec_ctx_t *ctx, const mqtt_publish_para_t *para, uint8_t *buf, int *buf_len) noexcept;
-// Behind its payload the record's payload is cleared if asked for, which takes longer than all else.
+// What topic and payload leave of their arrays is cleared if asked for, which takes longer than all else.
 int decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_publish_para_t *para,
-                   bool clears_payload) noexcept;
+                   bool clears_arrays) noexcept;
 int encode_ack(mqtt_codec_ctx_t *ctx, int type, const mqtt_ack_para_t *para, uint8_t *buf, int *buf_len) noexcept;
 int decode_ack(mqtt_codec_ctx_t *ctx, int type, const uint8_t *buf, int *buf_len, mqtt_ack_para_t *para) noexcept;
 int encode_simple(mqtt_codec_ctx_t *ctx, int type, uint8_t *buf, int *buf_len) noexcept;

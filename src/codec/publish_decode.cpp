@@ -104,7 +104,7 @@ int read_topic(Reader &in, mqtt_publish_para_t &para)
         LOG_ERROR("PUBLISH decode: topic length exceed max (%d > %d)", length, CODEC_TOPIC_MAX);
         return ended(CODEC_E_MALFORMED, "TOPIC TOO LONG");
     }
-    if (!in.bytes(para.topic, length)) {
+    if (!in.text(para.topic, length)) {
         LOG_ERROR("PUBLISH decode: buffer too short for topic content - pos+len=%d > buf_len=%d", in.pos() + length,
                   in.end());
         return ended(CODEC_E_MALFORMED, "TOPIC CONTENT SHORT");
@@ -220,12 +220,13 @@ int read_payload(Reader &in, int packet_end, mqtt_publish_para_t &para)
     return CODEC_OK;
 }
 
-void clear(mqtt_publish_para_t &para, bool payload_too)
+void clear(mqtt_publish_para_t &para, bool arrays_too)
 {
     constexpr size_t kPayloadEnd = offsetof(mqtt_publish_para_t, payload) + sizeof para.payload;
-    if (payload_too)
+    if (arrays_too) {
+        memset(para.topic, 0, sizeof para.topic);
         memset(para.payload, 0, sizeof para.payload);
-    memset(para.topic, 0, sizeof para.topic);
+    }
     memset(reinterpret_cast<char *>(&para) + kPayloadEnd, 0, sizeof para - kPayloadEnd);
 }
 
@@ -233,7 +234,7 @@ void clear(mqtt_publish_para_t &para, bool payload_too)
 
 // PUBLISH:  3d:u8  remaining:varint  topic:text  [packet-id:u16, QoS 1 and 2]  [properties, 5.0]  payload
 int codec::decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_publish_para_t *para,
-                          bool clears_payload) noexcept
+                          bool clears_arrays) noexcept
 {
     log_input(ctx, buf, buf_len, para);
     if (!buf || !para || !ctx || length_of(buf_len) < 2) {
@@ -241,7 +242,7 @@ int codec::decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_le
                   addr(buf_len), length_of(buf_len), addr(para));
         return ended(CODEC_E_PARAM, "INVALID PARAM");
     }
-    clear(*para, clears_payload);
+    clear(*para, clears_arrays);
 
     const int         input  = *buf_len;
     const FixedHeader header = read_fixed_header(buf, input);

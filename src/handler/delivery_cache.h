@@ -37,7 +37,10 @@ public:
         bool ready() const noexcept { return had_memory && !failed(result); }
     };
 
-    explicit DeliveryCache(Message &message) noexcept : message_(message) {}
+    explicit DeliveryCache(Message &message) noexcept : message_(message) {} // leaves forms_ as they are
+    ~DeliveryCache();
+    DeliveryCache(const DeliveryCache &)            = delete;
+    DeliveryCache &operator=(const DeliveryCache &) = delete;
 
     Encoded encode(uint32_t version, uint32_t qos, uint16_t id) noexcept;
 
@@ -47,14 +50,19 @@ public:
 
 private:
     struct Form {
-        owned<uint8_t> bytes;
-        size_t         length = 0; // of the head
-        int            id_at  = 0; // place of the packet identifier; -1 where the host's retain flag hides it
+        uint8_t *bytes;
+        size_t   length; // of the head
+        int      id_at;  // place of the packet identifier; -1 where the host's retain flag hides it
     };
+    static constexpr uint32_t kForms = 2 * 3;  // by version and QoS
+    static constexpr uint32_t kOther = kForms; // of a version or QoS that should not be
+
+    bool has(uint32_t form) const noexcept { return made_ >> form & 1; }
+    void keep(uint32_t form, owned<uint8_t> bytes, size_t length, int id_at) noexcept;
 
     Message &message_;
-    Form     forms_[2][3]; // by version and QoS
-    Form     other_;       // of a version or QoS that should not be
+    uint32_t made_ = 0; // a bit a form; of a message most are not, and are neither cleared nor freed
+    Form     forms_[kForms + 1];
 };
 
 } // namespace tarn::handler

@@ -119,7 +119,7 @@ Reply answer_publisher(mqtt_client_t &client, uint32_t qos, uint16_t id)
 
 int handle_publish(mqtt_client_t &client, Packet packet) noexcept
 {
-    mqtt_publish_para_t message; // the decoder clears it
+    mqtt_publish_para_t message; // the decoder sets it
     if (const codec::Result result = codec::decode_publish(client.codec, packet, message); failed(result))
         return refuse_undecodable(client, "解码PUBLISH失败：ClientID=%s, 错误码=%d", result);
 

@@ -4,6 +4,7 @@
 #include "../qos/qos.hpp"
 
 #include <algorithm>
+#include <cstring>
 
 namespace tarn::handler {
 namespace {
@@ -156,16 +157,16 @@ bool route(Routing &routing, const char *topic) noexcept
     for (int at = 0; at < matches.count(); at++) {
         ahead.prefetch_from(at);
         const sub::Match &to = matches[at];
-        if (routing.excluded && *routing.excluded == to.client_id)
+        if (routing.excluded && strcmp(routing.excluded, to.client_id) == 0)
             continue;
         receiver = {.number = at + 1, .to = &to, .qos = std::min<uint32_t>(routing.qos, to.qos)};
         if (matches.skips(at)) {
             on_outcome(routing, Outcome::NotChosen);
             continue;
         }
-        const client_ref client = find_client_by_id(to.client_id);
-        receiver.client         = client.get();
-        receiver.state          = client ? uint32_t{client->state} : uint32_t{CLIENT_UNUSED};
+        const RoundClient client(to.client_id);
+        receiver.client = client.get();
+        receiver.state  = client ? uint32_t{client->state} : uint32_t{CLIENT_UNUSED};
         if (receiver.state == CLIENT_CONNECTED || receiver.state == CLIENT_LOGINED)
             routing.sent += deliver_to_receiver(routing, cache);
         else

@@ -12,8 +12,6 @@
 #include "handler_internal.h"
 #include "workspace.h"
 
-#include <optional>
-
 namespace tarn::handler {
 
 // The matching subscriptions of one topic in table order. One at a time on each thread.
@@ -92,14 +90,14 @@ struct Receiver {
 struct Routing {
     Routing(const Rules &route, const Message &what) noexcept : rules(route), message(what), qos(what.qos) {}
 
-    const Rules                    &rules;
-    Message                         message;  // its QoS and identifier change with every delivery
-    const uint32_t                  qos;      // of the message itself
-    std::optional<std::string_view> excluded; // no receiver of this id, without a word
-    Matches                         matches;
-    Receiver                        receiver;
-    qos::PayloadCopy                payload_copy; // of the deliveries that are tracked
-    int                             sent = 0;     // receivers that the message was queued for
+    const Rules     &rules;
+    Message          message;            // its QoS and identifier change with every delivery
+    const uint32_t   qos;                // of the message itself
+    const char      *excluded = nullptr; // no receiver of this id, without a word
+    Matches          matches;
+    Receiver         receiver;
+    qos::PayloadCopy payload_copy; // of the deliveries that are tracked
+    int              sent = 0;     // receivers that the message was queued for
 };
 
 // Sends the message to whom `topic` matches. False without memory.

@@ -11,6 +11,7 @@
 
 #include <bit>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 
 namespace tarn::sub {
@@ -29,6 +30,12 @@ constexpr uint64_t hash_of(std::string_view text, uint64_t hash = kTextBasis) no
     for (const char c : text)
         hash = hash_step(hash, c);
     return hash;
+}
+inline uint64_t word_at(const char *text) noexcept
+{
+    uint64_t word;
+    memcpy(&word, text, sizeof word);
+    return word;
 }
 constexpr uint64_t hash_mix(uint64_t a, uint64_t b) noexcept
 {

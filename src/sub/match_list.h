@@ -11,13 +11,13 @@
 namespace tarn::sub {
 
 struct Match {
-    char     client_id[CODEC_CLIENT_ID_MAX + 1];
-    uint8_t  shared;        // the filter begins with "$share/"
-    uint8_t  qos;           // granted
-    uint8_t  clean_session; // of the subscriber, when it subscribed
-    uint16_t group_size;    // characters of the group name at `group`
-    uint32_t group;         // offset of the group name in MatchList::names; group_size 0xFFFF = no second slash
-    int32_t  index;         // place in the subscription table, in whose order matches stand
+    char     client_id[CODEC_CLIENT_ID_MAX + 1]; // bytes behind the terminator mean nothing
+    uint8_t  shared;                             // the filter begins with "$share/"
+    uint8_t  qos;                                // granted
+    uint8_t  clean_session;                      // of the subscriber, when it subscribed
+    uint16_t group_size;                         // characters of the group name at `group`
+    uint32_t group; // offset of the group name in MatchList::names; group_size 0xFFFF = no second slash
+    int32_t  index; // place in the subscription table, in whose order matches stand
 };
 constexpr uint16_t kNoGroup = 0xFFFF;
 

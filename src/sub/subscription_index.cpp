@@ -18,21 +18,29 @@ constexpr size_t kStampBytes    = 48;
 constexpr size_t kStampLastChar = kStampFrom + kStampBytes - offsetof(sub_entry_t, topic_filter) - 1; // of the filter
 constexpr size_t kStampWords    = kStampBytes / 8;
 
-constexpr std::array<uint64_t, kStampWords> kFactors = [] {
-    std::array<uint64_t, kStampWords> factors{};
-    uint64_t                          factor = 0x9E3779B97F4A7C15;
-    for (uint64_t &each : factors)
-        each = factor = factor * 0xD1342543DE82EF95 + 2; // odd stays odd
-    return factors;
+constexpr std::array<uint64_t, kStampWords> kSalts = [] {
+    std::array<uint64_t, kStampWords> salts{};
+    uint64_t                          salt = 0x9E3779B97F4A7C15;
+    for (uint64_t &each : salts)
+        each = salt = salt * 0xD1342543DE82EF95 + 2;
+    return salts;
 }();
+
+// Both halves of the product, so that each bit of either word changes bits all over.
+uint64_t folded_product(uint64_t a, uint64_t b) noexcept
+{
+    __extension__ using Wide = unsigned __int128;
+    const Wide product       = static_cast<Wide>(a) * b;
+    return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64);
+}
 
 uint64_t stamp_of(const sub_entry_t &entry) noexcept
 {
-    uint64_t words[kStampWords];
-    memcpy(words, reinterpret_cast<const char *>(&entry) + kStampFrom, sizeof words);
-    uint64_t stamp = 0;
-    for (size_t i = 0; i < kStampWords; ++i) // products that do not wait for each other
-        stamp += (words[i] ^ words[i] >> 32) * kFactors[i];
+    const char *const text   = reinterpret_cast<const char *>(&entry) + kStampFrom;
+    const auto        salted = [&](size_t i) { return word_at(text + 8 * i) ^ kSalts[i]; };
+    uint64_t          stamp  = 0;
+    for (size_t i = 0; i < kStampWords; i += 2) // products that do not wait for each other
+        stamp += folded_product(salted(i), salted(i + 1));
     const char *rest = entry.topic_filter + kStampLastChar;
     return *rest ? hash_mix(stamp, hash_of(cut(rest, kFilterChars - kStampLastChar))) : stamp;
 }
@@ -68,6 +76,7 @@ static_assert(Chains::kHeads == size_t{1} << (64 - 50));
 struct Index {
     const sub_entry_t *subs; // the table it was built from
     int32_t            count;
+    uint64_t           edition;
     uint64_t           checked_at_us;
     uint64_t           pairs_checked_at_us;
     uint64_t           stamp[SUB_CAPACITY];
@@ -149,6 +158,7 @@ void rebuild(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock)
     for (int32_t i = 0; i < g_index.count; ++i)
         note_entry(i);
     link_all();
+    ++g_index.edition;
 }
 
 bool fits(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock)
@@ -182,9 +192,9 @@ bool ids_fit() noexcept
 // True when stamps are to be compared now, which begins a new pause.
 bool is_due(uint64_t &checked_at_us) noexcept
 {
-    const uint64_t now   = mono_us();
+    const uint64_t now   = packet_us();
     const uint64_t pause = static_cast<uint64_t>(g_index.count) * kPauseNsPerEntry / 1000;
-    if (now - checked_at_us < pause)
+    if (elapsed(now, checked_at_us) < pause)
         return false;
     checked_at_us = now;
     return true;
@@ -222,6 +232,22 @@ bool index_was_wrong(const sub_mgr_t &manager) noexcept
         return false;
     rebuild(manager);
     return true;
+}
+
+uint64_t index_edition() noexcept
+{
+    return g_index.edition;
+}
+
+// Of a small table all were compared a moment ago.
+bool are_as_indexed(const sub_mgr_t &manager, std::span<const int32_t> places) noexcept
+{
+    if (is_always_checked(Trust::Usual))
+        return true;
+    uint64_t difference = 0;
+    for (const int32_t i : places)
+        difference |= stamp_of(manager.subs[i]) ^ g_index.stamp[i];
+    return difference == 0;
 }
 
 void candidates_for(const sub_mgr_t &, std::string_view topic, EntrySet &found) noexcept
@@ -265,6 +291,7 @@ void index_appended(const sub_mgr_t &) noexcept
     const int32_t place = g_index.count++;
     note_entry(place);
     g_index.by_key.link(place, g_index.key[place]);
+    ++g_index.edition;
 }
 
 void index_removed(const sub_mgr_t &, const EntrySet &removed) noexcept
@@ -284,6 +311,7 @@ void index_removed(const sub_mgr_t &, const EntrySet &removed) noexcept
     }
     g_index.count = kept;
     link_all();
+    ++g_index.edition;
 }
 
 } // namespace tarn::sub

@@ -12,6 +12,7 @@
 #include "sub_internal.h"
 
 #include <bit>
+#include <span>
 
 namespace tarn::sub {
 
@@ -99,6 +100,12 @@ void fit_index(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock);
 void check_index(const sub_mgr_t &manager, Trust trust) noexcept REQUIRES(manager.lock);
 // Asked when a search found nothing that matches: true when the index was wrong and is built anew.
 [[nodiscard]] bool index_was_wrong(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock);
+
+// Another number whenever an entry came, left or was found to have another filter than the index knew.
+[[nodiscard]] uint64_t index_edition() noexcept;
+// After check_index: the filters at these places are those that the index knows, and were so when it was built.
+[[nodiscard]] bool are_as_indexed(const sub_mgr_t &manager, std::span<const int32_t> places) noexcept
+    REQUIRES(manager.lock);
 
 // Adds every entry that could match the topic: those that do, and those whose filter is invalid, because matching them
 // has to complain.

@@ -5,7 +5,7 @@
 // walks, too. Otherwise the index names the few entries to look at; what is returned, written and logged is the same.
 #include "../base/thread.h"
 #include "../log/log.h"
-#include "subscription_index.h"
+#include "match_memo.h"
 
 namespace tarn::sub {
 
@@ -273,16 +273,18 @@ int32_t remove_where(const char *client_id, const char *filter, Filters only) no
 
 // ---- matching
 
-// Hands the matching entries to `take` in table order, until it returns false. Returns how many it took.
+// Hands the matching entries to `take` in table order, until it returns false. Returns how many it took. The topic ends
+// with a NUL.
 template <class Take>
-int walk_matches(const sub_mgr_t &manager, const char *topic, Trust trust, Take take) noexcept REQUIRES(manager.lock)
+int walk_matches(const sub_mgr_t &manager, std::string_view topic, Trust trust, Take take) noexcept
+    REQUIRES(manager.lock)
 {
     int  taken = 0;
     auto visit = [&](int32_t i) {
         const sub_entry_t &entry = manager.subs[i];
         LOG_DEBUG("[TRACE] sub_match：检查订阅（索引=%d, client_id=%s, topic_filter=%s）", i, entry.client_id,
                   entry.topic_filter);
-        if (!matches(entry.topic_filter, topic))
+        if (!matches(entry.topic_filter, topic.data()))
             return true;
         const bool more = take(i, entry);
         ++taken;
@@ -297,10 +299,19 @@ int walk_matches(const sub_mgr_t &manager, const char *topic, Trust trust, Take 
         return taken;
     }
     check_index(manager, trust);
+    for (const int32_t i : remembered_matches(manager, topic)) {
+        ++taken;
+        if (!take(i, manager.subs[i]))
+            break;
+    }
+    if (taken != 0)
+        return taken;
     do {
         EntrySet candidates;
         candidates_for(manager, topic, candidates);
         candidates.for_each(visit);
+        if (taken != 0 && taken == candidates.count())
+            remember_matches(manager, topic, candidates);
     } while (taken == 0 && trust == Trust::Usual && index_was_wrong(manager));
     return taken;
 }
@@ -329,8 +340,6 @@ template <class Take> int match(const char *topic, const void *into, int32_t roo
 
 [[nodiscard]] bool add_group(MatchList &list, Match &match, std::string_view filter) noexcept
 {
-    match.group                      = static_cast<uint32_t>(list.names.size());
-    match.group_size                 = kNoGroup;
     match.shared                     = is_shared(filter);
     const std::optional<Share> share = share_of(filter);
     if (!share)
@@ -351,13 +360,17 @@ template <class Take> int match(const char *topic, const void *into, int32_t roo
 
 [[nodiscard]] bool add_match(MatchList &list, int32_t index, const sub_entry_t &entry) noexcept
 {
-    Match                  match{};
-    const std::string_view id = text_of(entry.client_id).substr(0, kClientIdChars);
-    memcpy(match.client_id, id.data(), id.size());
-    match.qos           = static_cast<uint8_t>(entry.qos);
-    match.clean_session = entry.clean_session;
-    match.index         = index;
-    return add_group(list, match, text_of(entry.topic_filter)) && list.matches.push(match);
+    Match match;
+    memcpy(match.client_id, entry.client_id, sizeof match.client_id);
+    match.client_id[kClientIdChars] = '\0';
+    match.shared                    = 0;
+    match.qos                       = static_cast<uint8_t>(entry.qos);
+    match.clean_session             = entry.clean_session;
+    match.group                     = static_cast<uint32_t>(list.names.size());
+    match.group_size                = kNoGroup;
+    match.index                     = index;
+    const bool may_be_shared        = entry.topic_filter[0] == '$';
+    return (!may_be_shared || add_group(list, match, text_of(entry.topic_filter))) && list.matches.push(match);
 }
 
 } // namespace

@@ -109,7 +109,8 @@ TEST(packet_scope, of_a_record_outside_the_pool_saves_at_once)
 {
     const Manager             manager;
     const auto                own = std::make_unique<mqtt_client_t>();
-    const client::PacketScope scope(*own);
+    const client_ref          pin(own.get());
+    const client::PacketScope scope(pin);
     ASSERT_NE(persist::SaveBehind::of_this_thread(), nullptr);
     EXPECT_EQ(persist::SaveBehind::of_this_thread()->waiter(), nullptr);
     EXPECT_FALSE(client::has_held_answers(*own));

@@ -280,3 +280,140 @@ TEST(retried_record, of_the_send_thread_is_let_go_with_its_last_packet)
     EXPECT_THAT(socket.wait_for(1), SizeIs(1));
     EXPECT_TRUE(eventually([] { return client::side_at(0).awaits_retry.load() == 0; }));
 }
+
+// ---- clients that stay pinned from packet to packet
+
+namespace {
+
+void release(mqtt_client_t *client)
+{
+    client->state = CLIENT_CLOSED;
+    pool_free(client);
+}
+
+template <class Key> mqtt_client_t *found(Key key)
+{
+    return RoundClient(key).get();
+}
+
+} // namespace
+
+TEST(round_client, stays_pinned_until_the_round_ends)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    EXPECT_EQ(found(1u), client);
+    EXPECT_TRUE(client::is_idle(0)) << "outside a round it does not";
+    client::begin_io_round();
+    EXPECT_EQ(found(1u), client);
+    EXPECT_FALSE(client::is_idle(0));
+    EXPECT_EQ(found("dev1"), client);
+    release(client);
+    EXPECT_EQ(found(1u), nullptr) << "a released record is not found";
+    EXPECT_EQ(found("dev1"), nullptr);
+    EXPECT_STREQ(client->client_id, "") << "and nobody holds it any more";
+    mqtt_client_t *const other = log_in(2, "dev2");
+    EXPECT_EQ(found("dev2"), other);
+    release(other);
+    EXPECT_STREQ(other->client_id, "dev2");
+    client::end_io_round();
+    EXPECT_STREQ(other->client_id, "");
+    EXPECT_TRUE(client::is_idle(0));
+}
+
+TEST(round_client, is_had_again_without_the_lock_of_its_table)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    client::begin_io_round();
+    EXPECT_EQ(found(1u), client);
+    EXPECT_EQ(found("dev1"), client);
+    {
+        ScopedLock lock(client::mutex_of_handle(1));
+        EXPECT_EQ(found(1u), client);
+    }
+    {
+        ScopedLock lock(g_client_mgr.locks[client::hash_of("dev1") % CLIENT_LOCKS]);
+        EXPECT_EQ(found("dev1"), client);
+    }
+    client::end_io_round();
+}
+
+TEST(round_client, is_the_one_that_the_table_names)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    mqtt_client_t *const other  = log_in(2, "dev2");
+    client::begin_io_round();
+    EXPECT_EQ(found(1u), client);
+    EXPECT_EQ(found(2u), other);
+    EXPECT_EQ(found(3u), nullptr);
+    EXPECT_EQ(found("dev1"), client);
+    EXPECT_EQ(found("dev2"), other);
+    EXPECT_EQ(found("dev"), nullptr);
+
+    EXPECT_EQ(found("dev1"), client);
+    strcpy(client->client_id, "dev3"); // by hand, or a second CONNECT
+    EXPECT_EQ(found("dev1"), nullptr);
+    strcpy(client->client_id, "dev1");
+    EXPECT_EQ(found("dev1"), client);
+    mqtt_client_t *const again = log_in(3, "dev1"); // while the old connection is there
+    EXPECT_EQ(found("dev1"), again);
+    EXPECT_EQ(found(1u), client);
+    g_client_mgr.by_handle[1] = nullptr;
+    EXPECT_EQ(found(1u), nullptr);
+    g_client_mgr.by_handle[1] = client;
+    EXPECT_EQ(found(1u), client);
+    client->handle = 4;
+    EXPECT_EQ(found(1u), nullptr);
+    client->handle = 1;
+    client::end_io_round();
+}
+
+TEST(round_client, gives_its_record_up_when_the_packet_closed_it)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    client::begin_io_round();
+    EXPECT_EQ(found("dev1"), client); // as the receiver of another's message
+    {
+        const RoundClient packet(1u);
+        release(client);
+        EXPECT_STREQ(client->client_id, "dev1");
+    }
+    EXPECT_STREQ(client->client_id, "");
+    EXPECT_EQ(client_create(2, "", 0, nullptr), client) << "its place is free in the same round";
+    client::end_io_round();
+}
+
+TEST(round_client, within_another_takes_nothing_away)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    mqtt_client_t *const other  = log_in(2, "dev2");
+    client::begin_io_round();
+    {
+        const RoundClient outer("dev1");
+        const RoundClient inner("dev2"); // a callback published
+        EXPECT_EQ(outer.get(), client);
+        EXPECT_EQ(inner.get(), other);
+        EXPECT_EQ(found("dev1"), client);
+    }
+    client::end_io_round();
+    EXPECT_TRUE(client::is_idle(0));
+    EXPECT_TRUE(client::is_idle(1));
+}
+
+TEST(round_client, that_disconnects_leaves_its_record_in_the_same_round)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    client::begin_io_round();
+    const Bytes ping = wire("C0 00");
+    mqtt_netip_event_cb(1, NETIP_EVENT_DATA, ping.data(), static_cast<uint32_t>(ping.size()), 0, 0, nullptr);
+    EXPECT_EQ(found("dev1"), client);
+    mqtt_netip_event_cb(1, NETIP_EVENT_DISCONNECTED, nullptr, 0, 0, 0, nullptr);
+    EXPECT_TRUE(client::is_idle(0));
+    EXPECT_STREQ(client->client_id, "");
+    client::end_io_round();
+}
