@@ -50,12 +50,18 @@ struct Stretch {
     {
         memcpy(parts, reinterpret_cast<const char *>(&entry) + kStampFrom, kStampBytes);
     }
-    void add_difference(const sub_entry_t &entry, Part &difference) const noexcept
+    template <size_t kFirst> void add_difference(const sub_entry_t &entry, Part &difference) const noexcept
     {
-        Stretch now;
-        now.take(entry);
-        for (size_t i = 0; i < kParts; ++i)
-            difference |= now.parts[i] ^ parts[i];
+        Part now[kFirst];
+        memcpy(now, reinterpret_cast<const char *>(&entry) + kStampFrom, sizeof now);
+        for (size_t i = 0; i < kFirst; ++i)
+            difference |= now[i] ^ parts[i];
+    }
+    // Up to the one with the end of the filter: what stands behind it means nothing. A long filter has no end here.
+    size_t used_parts() const noexcept
+    {
+        const char *const text = reinterpret_cast<const char *>(parts) + 1;
+        return std::min(kParts, (1 + strnlen(text, kStampBytes - 1)) / sizeof(Part) + 1);
     }
 };
 
@@ -105,7 +111,8 @@ struct Index {
     int32_t shape_count;
 
     Stretch stretch[kAlwaysCheckedEntries];
-    int32_t stretches; // those of so many entries are kept; others than `count` are not of the table as it is
+    size_t  used_parts; // of any of them, at most
+    int32_t stretches;  // those of so many entries are kept; others than `count` are not of the table as it is
 };
 constinit Index g_index{}; // under g_sub_mgr.lock
 
@@ -196,22 +203,38 @@ bool stamps_fit() noexcept
 
 void keep_stretches() noexcept
 {
-    for (int32_t i = 0; i < g_index.count; ++i)
+    g_index.used_parts = 1;
+    for (int32_t i = 0; i < g_index.count; ++i) {
         g_index.stretch[i].take(g_index.subs[i]);
+        g_index.used_parts = std::max(g_index.used_parts, g_index.stretch[i].used_parts());
+    }
     g_index.stretches = g_index.count;
 }
 
-bool stretches_fit() noexcept
+// A filter that becomes longer differs where it ended.
+template <size_t kParts> bool stretches_fit() noexcept
 {
     Stretch::Part difference = {};
     uint64_t      of_long    = 0;
     for (int32_t i = 0; i < g_index.count; ++i) {
         const sub_entry_t &entry = g_index.subs[i];
-        g_index.stretch[i].add_difference(entry, difference);
-        if (entry.topic_filter[kStampLastChar] != '\0')
+        g_index.stretch[i].add_difference<kParts>(entry, difference);
+        if (kParts == Stretch::kParts && entry.topic_filter[kStampLastChar] != '\0')
             of_long |= stamp_of(entry) ^ g_index.stamp[i];
     }
     return (difference[0] | difference[1] | of_long) == 0;
+}
+
+bool stretches_fit() noexcept
+{
+    switch (g_index.used_parts) {
+    case 1:
+        return stretches_fit<1>();
+    case 2:
+        return stretches_fit<2>();
+    default:
+        return stretches_fit<Stretch::kParts>();
+    }
 }
 
 // Whether the filters are those that the index knows.
