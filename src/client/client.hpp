@@ -220,6 +220,24 @@ uint32_t answer_client(mqtt_client_t &client, std::span<const uint8_t> answer) n
 uint32_t queue_packet(mqtt_client_t &client, const PacketParts &packet) noexcept;
 void     see_to_sending(mqtt_client_t &client) noexcept;
 
+// What a thread outside the I/O rounds does instead of see_to_sending() when it queues many packets for many clients in
+// turn (send_batch.cpp). One thread at a time; zeroed memory is an empty batch.
+class SendBatch {
+public:
+    enum class Part { Worthwhile, All }; // of the clients: those with many packets waiting, or each of them
+
+    void add(mqtt_client_t &client) noexcept; // ignores a record outside the pool, as see_to_sending() does
+    // Its ring should be sent before more is queued. Not true again before the next add().
+    [[nodiscard]] bool is_due(mqtt_client_t &client) const noexcept;
+    // Sends on the calling thread, which holds no lock that a host's thread may wait for: it is a write for each client.
+    void send(Part part) noexcept;
+
+private:
+    int32_t places_[CLIENT_MAX]; // each record at most once
+    bool    has_[CLIENT_MAX];
+    int32_t count_;
+};
+
 // Sends what the calling lane keeps for the client whose packet it serves until the packet is done, if it is a lane: all
 // that is left to do is a callback of the host's, which may take long.
 void send_kept_answer() noexcept;

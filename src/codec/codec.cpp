@@ -68,6 +68,12 @@ Result encode_publish(mqtt_codec_ctx_t &ctx, const mqtt_publish_para_t &para, st
     return cut(packet, length, encode_publish(&ctx, &para, packet.data(), &length));
 }
 
+Result encode_publish(mqtt_codec_ctx_t &ctx, const PublishView &message, std::span<uint8_t> &packet) noexcept
+{
+    int length = size_of(packet);
+    return cut(packet, length, encode_publish(ctx, message, packet.data(), &length));
+}
+
 Result encode_ack(mqtt_codec_ctx_t &ctx, int type, const mqtt_ack_para_t &para, std::span<uint8_t> &packet) noexcept
 {
     int length = size_of(packet);

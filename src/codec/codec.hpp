@@ -52,6 +52,7 @@ Result decode_disconnect(mqtt_codec_ctx_t &ctx, Bytes packet, mqtt_disconnect_pa
 
 Result encode_connack(mqtt_codec_ctx_t &ctx, const mqtt_connack_para_t &para, std::span<uint8_t> &packet) noexcept;
 Result encode_publish(mqtt_codec_ctx_t &ctx, const mqtt_publish_para_t &para, std::span<uint8_t> &packet) noexcept;
+Result encode_publish(mqtt_codec_ctx_t &ctx, const PublishView &message, std::span<uint8_t> &packet) noexcept;
 Result encode_ack(mqtt_codec_ctx_t &ctx, int type, const mqtt_ack_para_t &para, std::span<uint8_t> &packet) noexcept;
 Result encode_disconnect(mqtt_codec_ctx_t &ctx, const mqtt_disconnect_para_t &para,
                          std::span<uint8_t> &packet) noexcept;

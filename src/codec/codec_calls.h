@@ -4,6 +4,7 @@
 #define TARN_CODEC_CODEC_CALLS_H
 
 #include "mqtt_codec_types.h"
+#include "publish_view.h"
 
 namespace tarn::codec {
 
@@ -13,6 +14,7 @@ int decode_connect(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt
 int encode_connack(mqtt_codec_ctx_t *ctx, const mqtt_connack_para_t *para, uint8_t *buf, int *buf_len) noexcept;
 int decode_connack(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_connack_para_t *para) noexcept;
 int encode_publish(mqtt_codec_ctx_t *ctx, const mqtt_publish_para_t *para, uint8_t *buf, int *buf_len) noexcept;
+int encode_publish(mqtt_codec_ctx_t &ctx, const PublishView &message, uint8_t *buf, int *buf_len) noexcept;
 // What topic and payload leave of their arrays is cleared if asked for, which takes longer than all else.
 int decode_publish(mqtt_codec_ctx_t *ctx, const uint8_t *buf, int *buf_len, mqtt_publish_para_t *para,
                    bool clears_arrays) noexcept;

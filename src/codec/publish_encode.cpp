@@ -209,8 +209,12 @@ int encode_publish(mqtt_codec_ctx_t *ctx, const mqtt_publish_para_t *para, uint8
                       "[PUBLISH ENCODE] Step 1 ERROR: Null pointer detected (ctx=%p, para=%p, buf=%p, buf_len=%p)\n",
                       addr(ctx), addr(para), addr(buf), addr(buf_len));
 
-    const uint32_t    level   = level_of(ctx);
-    const PublishView message = view_of(*para);
+    return encode_publish(*ctx, view_of(*para), buf, buf_len);
+}
+
+int encode_publish(mqtt_codec_ctx_t &ctx, const PublishView &message, uint8_t *buf, int *buf_len) noexcept
+{
+    const uint32_t level = level_of(&ctx);
     if (const int refused = check(level, message, *buf_len); refused != CODEC_OK)
         return refused;
     memset(buf, 0, static_cast<size_t>(*buf_len));
@@ -220,7 +224,7 @@ int encode_publish(mqtt_codec_ctx_t *ctx, const mqtt_publish_para_t *para, uint8
         return refused;
     if (!message.payload.empty())
         memcpy(buf + head_len, message.payload.data(), message.payload.size());
-    return encoded(ctx, PUBLISH, total, buf_len);
+    return encoded(&ctx, PUBLISH, total, buf_len);
 }
 
 } // namespace tarn::codec

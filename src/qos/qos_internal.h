@@ -10,6 +10,10 @@
 #include "../base/mutex.h"
 #include "qos.hpp"
 
+namespace tarn {
+class SendBatch;
+}
+
 namespace tarn::qos {
 
 enum Qos2State : uint32_t { QOS2_NONE = 0, QOS2_AWAITS_PUBREC = 1, QOS2_PUBREL_SENT = 2, QOS2_PUBCOMP_SENT = 3 };
@@ -66,8 +70,8 @@ void free_payload(const qos_packet_t &entry) REQUIRES(g_queue_mutex);
 
 // ---- the scan (scan.cpp)
 
-// One retransmission; 0 when it was queued.
-int resend(qos_packet_t *entry, uint64_t now_ms) REQUIRES(g_queue_mutex);
+// One retransmission; 0 when it was queued. With `batch` it is sent with that.
+int resend(qos_packet_t *entry, uint64_t now_ms, SendBatch *batch) REQUIRES(g_queue_mutex);
 
 // One walk over the list at this time, without letting go of the lock.
 void scan(uint64_t now_ms) EXCLUDES(g_queue_mutex);

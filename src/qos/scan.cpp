@@ -26,13 +26,15 @@ constexpr uint64_t kNever             = UINT64_MAX;
 // who waits for the lock, such as the I/O thread with an acknowledgement, gets it meanwhile.
 constexpr int      kStepWork     = 4096;
 constexpr int      kWorkToLook   = 1;  // at an entry
-constexpr int      kWorkToSend   = 50; // to send it again or to drop it, with the line
+constexpr int      kWorkToSend   = 8;  // it again, without a line
+constexpr int      kWorkToSay    = 50; // what became of it, in a line
 constexpr uint32_t kStepPause_ms = 1;
 
 constinit uint64_t g_next_due_ms GUARDED_BY(g_queue_mutex) = kNever;
 constinit bool g_turn_runs       GUARDED_BY(g_queue_mutex) = false; // a scan thread walks
 constinit Shared<uint64_t>       g_last_walk_ms            = 0;
 constinit Shared<uint64_t>       g_last_turn_ms            = 0;
+constinit SendBatch              g_batch; // of the scan thread that walks; others send what they resend one by one
 
 struct ScanResult {
     int resent  = 0;
@@ -48,9 +50,10 @@ bool has_expired(const qos_packet_t &entry, uint64_t now_ms) REQUIRES(g_queue_mu
     return entry.expiry_s != 0 && entry.create_ms + uint64_t{entry.expiry_s} * 1000 <= now_ms;
 }
 
+// The state first: it stands beside what else the walk reads, in the same line of the processor's cache.
 bool waits_for_client(const qos_packet_t &entry) REQUIRES(g_queue_mutex)
 {
-    return entry.qos == 2 && (entry.qos2_state == QOS2_PUBREL_SENT || entry.qos2_state == QOS2_PUBCOMP_SENT);
+    return (entry.qos2_state == QOS2_PUBREL_SENT || entry.qos2_state == QOS2_PUBCOMP_SENT) && entry.qos == 2;
 }
 
 uint64_t due_at(const qos_packet_t &entry) REQUIRES(g_queue_mutex)
@@ -62,10 +65,11 @@ uint64_t due_at(const qos_packet_t &entry) REQUIRES(g_queue_mutex)
     return retry_ms < expires_ms ? retry_ms : expires_ms;
 }
 
-enum class Looked { NothingDue, Resent, Dropped };
+enum class Looked { NothingDue, Waits, Resent, Failed, Dropped };
 
-// What is due for the entry that `link` points to. Resent: or tried.
-Looked resend_or_drop(qos_packet_t **link, uint64_t now_ms, ScanResult &result) REQUIRES(g_queue_mutex)
+// What is due for the entry that `link` points to. Waits: the batch is to be sent first.
+Looked resend_or_drop(qos_packet_t **link, uint64_t now_ms, SendBatch *batch, ScanResult &result)
+    REQUIRES(g_queue_mutex)
 {
     qos_packet_t &entry = **link;
     if (has_expired(entry, now_ms)) {
@@ -76,7 +80,11 @@ Looked resend_or_drop(qos_packet_t **link, uint64_t now_ms, ScanResult &result) 
         if (elapsed(now_ms, entry.last_send_ms) <= entry.retry_interval_ms)
             return Looked::NothingDue;
         if (entry.retry_count < QOS_RETRIES_MAX) {
-            result.resent += resend(&entry, now_ms) == 0;
+            if (batch && entry.client && batch->is_due(*entry.client))
+                return Looked::Waits;
+            if (resend(&entry, now_ms, batch) != 0)
+                return Looked::Failed;
+            ++result.resent;
             return Looked::Resent;
         }
         LOG_ERROR("[QoS] 报文重试次数超限(msg_id=%d)，丢弃", entry.msg_id);
@@ -84,6 +92,18 @@ Looked resend_or_drop(qos_packet_t **link, uint64_t now_ms, ScanResult &result) 
     remove_at(link);
     ++result.dropped;
     return Looked::Dropped;
+}
+
+int work_of(Looked looked)
+{
+    switch (looked) {
+    case Looked::NothingDue:
+        return kWorkToLook;
+    case Looked::Resent:
+        return log_passes(AGENT_LOG_INFO) ? kWorkToSay : kWorkToSend;
+    default:
+        return kWorkToSay;
+    }
 }
 
 // QUIRK(timed-retransmission): deliveries are repeated while the connection stands, where MQTT repeats them after a
@@ -98,12 +118,15 @@ Looked resend_or_drop(qos_packet_t **link, uint64_t now_ms, ScanResult &result) 
 //   standard profile: lifted (delivery)
 //   test: scan.what_is_due_at_one_time_goes_newest_first, offline.three_kept_messages_come_a_second_after_the_connack
 //
-// Goes on from the entry that `link` points to, until the list ends or this much work is done.
-void walk_on(qos_packet_t **&link, uint64_t now_ms, int work, ScanResult &result) REQUIRES(g_queue_mutex)
+// Goes on from the entry that `link` points to, until the list ends, this much work is done, or the batch is to be sent.
+void walk_on(qos_packet_t **&link, uint64_t now_ms, int work, SendBatch *batch, ScanResult &result)
+    REQUIRES(g_queue_mutex)
 {
     while (*link && work > 0) {
-        const Looked looked = resend_or_drop(link, now_ms, result);
-        work -= looked == Looked::NothingDue ? kWorkToLook : kWorkToSend;
+        const Looked looked = resend_or_drop(link, now_ms, batch, result);
+        if (looked == Looked::Waits)
+            return;
+        work -= work_of(looked);
         if (looked == Looked::Dropped)
             continue;
         note_due(due_at(**link));
@@ -123,16 +146,21 @@ void log_walk(const ScanResult &result)
         LOG_DEBUG("[QoS] 队列扫描完成：重发%d条，丢弃%d条", result.resent, result.dropped);
 }
 
-// One step of a walk, begun with `begins`. True when there is more.
+// One step of a walk, begun with `begins`, and the writes that it made worthwhile. True when there is more.
 bool take_step(bool begins, uint64_t now_ms, ScanResult &result) EXCLUDES(g_queue_mutex)
 {
-    QueueLock lock;
-    if (begins) {
-        begin_walk(now_ms);
-        g_walk = &g_pending_queue;
+    bool more;
+    {
+        QueueLock lock;
+        if (begins) {
+            begin_walk(now_ms);
+            g_walk = &g_pending_queue;
+        }
+        walk_on(g_walk, now_ms, kStepWork, &g_batch, result);
+        more = *g_walk != nullptr;
     }
-    walk_on(g_walk, now_ms, kStepWork, result);
-    return *g_walk != nullptr;
+    g_batch.send(SendBatch::Part::Worthwhile);
+    return more;
 }
 
 void walk_in_steps(uint64_t now_ms)
@@ -144,6 +172,7 @@ void walk_in_steps(uint64_t now_ms)
         pause_ms(kStepPause_ms);
         more = take_step(false, now_ms, result);
     }
+    g_batch.send(SendBatch::Part::All);
     log_walk(result);
     QueueLock lock;
     g_walk      = nullptr;
@@ -198,7 +227,7 @@ int start_scan_thread()
 
 } // namespace
 
-int resend(qos_packet_t *entry, uint64_t now_ms)
+int resend(qos_packet_t *entry, uint64_t now_ms, SendBatch *batch)
 {
     mqtt_client_t *const client = entry->client;
     LOG_DEBUG("[QoS_SEND] msg_id=%d, client=%s", entry->msg_id, client ? id_of(*client).text : "null");
@@ -220,14 +249,11 @@ int resend(qos_packet_t *entry, uint64_t now_ms)
     // one. The first repeat of an offline message is its first transmission, and both share this path.
     //   standard profile: lifted (delivery)
     //   test: scan.the_first_retransmission_carries_dup_0_and_later_ones_dup_1
-    mqtt_publish_para_t message;
-    memset(&message, 0, sizeof message);
-    copy_text(message.topic, entry->topic, sizeof entry->topic - 1);
-    memcpy(message.payload, entry->payload, entry->payload_len);
-    message.payload_len = entry->payload_len;
-    message.msg_id      = entry->msg_id;
-    message.qos         = entry->qos;
-    message.dup         = entry->dup;
+    const codec::PublishView message{.topic   = {entry->topic, strnlen(entry->topic, QOS_TOPIC_CHARS)},
+                                     .payload = {entry->payload, entry->payload_len},
+                                     .qos     = entry->qos,
+                                     .msg_id  = entry->msg_id,
+                                     .dup     = entry->dup};
 
     const size_t         size = entry->payload_len + QOS_ENCODE_EXTRA;
     const owned<uint8_t> room = allocate<uint8_t>(size);
@@ -242,10 +268,14 @@ int resend(qos_packet_t *entry, uint64_t now_ms)
         return -1;
     }
     const client_ref pin(client);
-    if (const uint32_t result = send_to(*client, {packet}); result != 0) {
+    if (const uint32_t result = queue_packet(*client, {packet}); result != 0) {
         LOG_ERROR("[QoS] 重发报文失败(msg_id=%d)：发送错误（返回码：%d）", entry->msg_id, static_cast<int>(result));
         return -1;
     }
+    if (batch)
+        batch->add(*client);
+    else
+        see_to_sending(*client);
 
     entry->dup          = 1;
     entry->last_send_ms = now_ms;
@@ -271,7 +301,7 @@ void scan(uint64_t now_ms)
         QueueLock lock;
         begin_walk(now_ms);
         qos_packet_t **link = &g_pending_queue;
-        walk_on(link, now_ms, INT_MAX, result);
+        walk_on(link, now_ms, INT_MAX, nullptr, result);
     }
     log_walk(result);
 }

@@ -45,6 +45,34 @@ uint64_t stamp_of(const sub_entry_t &entry) noexcept
     return *rest ? hash_mix(stamp, hash_of(cut(rest, kFilterChars - kStampLastChar))) : stamp;
 }
 
+// Of a short table the stretches themselves are kept as well: it is compared with each message, and comparing them takes
+// a fifth of what stamps take.
+struct Stretch {
+    using Part = uint64_t __attribute__((vector_size(16)));
+    static_assert(kStampBytes % sizeof(Part) == 0);
+    static constexpr size_t kParts = kStampBytes / sizeof(Part);
+
+    Part parts[kParts];
+
+    void take(const sub_entry_t &entry) noexcept
+    {
+        memcpy(parts, reinterpret_cast<const char *>(&entry) + kStampFrom, kStampBytes);
+    }
+    template <size_t kFirst> void add_difference(const sub_entry_t &entry, Part &difference) const noexcept
+    {
+        Part now[kFirst];
+        memcpy(now, reinterpret_cast<const char *>(&entry) + kStampFrom, sizeof now);
+        for (size_t i = 0; i < kFirst; ++i)
+            difference |= now[i] ^ parts[i];
+    }
+    // Up to the one with the end of the filter: what stands behind it means nothing. A long filter has no end here.
+    size_t used_parts() const noexcept
+    {
+        const char *const text = reinterpret_cast<const char *>(parts) + 1;
+        return std::min(kParts, (1 + strnlen(text, kStampBytes - 1)) / sizeof(Part) + 1);
+    }
+};
+
 // ---- chains
 
 // A hash table of places, chained through a second array. A place is kept as place + 1, so that zeroed memory is empty.
@@ -90,6 +118,10 @@ struct Index {
     Shape   shapes[SUB_CAPACITY];
     int32_t shape_uses[SUB_CAPACITY];
     int32_t shape_count;
+
+    Stretch stretch[kAlwaysCheckedEntries];
+    size_t  used_parts; // of any of them, at most
+    int32_t stretches;  // those of so many entries are kept; others than `count` are not of the table as it is
 };
 constinit Index g_index{}; // under g_sub_mgr.lock
 
@@ -155,6 +187,7 @@ void rebuild(const sub_mgr_t &manager) noexcept REQUIRES(manager.lock)
     g_index.count = entries_in(manager);
     memset(g_index.shape_uses, 0, sizeof(int32_t) * static_cast<size_t>(g_index.shape_count));
     g_index.shape_count = 0;
+    g_index.stretches   = 0;
     for (int32_t i = 0; i < g_index.count; ++i)
         note_entry(i);
     link_all();
@@ -176,6 +209,55 @@ bool stamps_fit() noexcept
         difference |= stamp_of(entry) ^ g_index.stamp[i];
     }
     return difference == 0;
+}
+
+void keep_stretches() noexcept
+{
+    g_index.used_parts = 1;
+    for (int32_t i = 0; i < g_index.count; ++i) {
+        g_index.stretch[i].take(g_index.subs[i]);
+        g_index.used_parts = std::max(g_index.used_parts, g_index.stretch[i].used_parts());
+    }
+    g_index.stretches = g_index.count;
+}
+
+// A filter that becomes longer differs where it ended.
+template <size_t kParts> bool stretches_fit() noexcept
+{
+    Stretch::Part difference = {};
+    uint64_t      of_long    = 0;
+    for (int32_t i = 0; i < g_index.count; ++i) {
+        const sub_entry_t &entry = g_index.subs[i];
+        g_index.stretch[i].add_difference<kParts>(entry, difference);
+        if (kParts == Stretch::kParts && entry.topic_filter[kStampLastChar] != '\0')
+            of_long |= stamp_of(entry) ^ g_index.stamp[i];
+    }
+    return (difference[0] | difference[1] | of_long) == 0;
+}
+
+bool stretches_fit() noexcept
+{
+    switch (g_index.used_parts) {
+    case 1:
+        return stretches_fit<1>();
+    case 2:
+        return stretches_fit<2>();
+    default:
+        return stretches_fit<Stretch::kParts>();
+    }
+}
+
+// Whether the filters are those that the index knows.
+bool filters_fit() noexcept
+{
+    if (g_index.count > kAlwaysCheckedEntries)
+        return stamps_fit();
+    if (g_index.stretches == g_index.count)
+        return stretches_fit();
+    if (!stamps_fit())
+        return false;
+    keep_stretches();
+    return true;
 }
 
 bool ids_fit() noexcept
@@ -222,13 +304,13 @@ void fit_index(const sub_mgr_t &manager) noexcept
 
 void check_index(const sub_mgr_t &manager, Trust trust) noexcept
 {
-    if (!fits(manager) || ((is_always_checked(trust) || is_due(g_index.checked_at_us)) && !stamps_fit()))
+    if (!fits(manager) || ((is_always_checked(trust) || is_due(g_index.checked_at_us)) && !filters_fit()))
         rebuild(manager);
 }
 
 bool index_was_wrong(const sub_mgr_t &manager) noexcept
 {
-    if (is_always_checked(Trust::Usual) || stamps_fit())
+    if (is_always_checked(Trust::Usual) || filters_fit())
         return false;
     rebuild(manager);
     return true;
@@ -272,7 +354,7 @@ void candidates_for(const sub_mgr_t &, std::string_view topic, EntrySet &found) 
 void check_pairs(const sub_mgr_t &manager) noexcept
 {
     if (!fits(manager) ||
-        ((is_always_checked(Trust::Usual) || is_due(g_index.pairs_checked_at_us)) && !(stamps_fit() && ids_fit())))
+        ((is_always_checked(Trust::Usual) || is_due(g_index.pairs_checked_at_us)) && !(filters_fit() && ids_fit())))
         rebuild(manager);
 }
 
@@ -309,7 +391,8 @@ void index_removed(const sub_mgr_t &, const EntrySet &removed) noexcept
         g_index.shape[kept] = g_index.shape[i];
         ++kept;
     }
-    g_index.count = kept;
+    g_index.count     = kept;
+    g_index.stretches = 0;
     link_all();
     ++g_index.edition;
 }

@@ -1,6 +1,6 @@
 #include "calls.h"
 
-#include "codec/publish_view.h"
+#include "codec/codec.hpp"
 #include "support/log_lines/codec.h"
 
 #include <gmock/gmock.h>
@@ -365,6 +365,29 @@ TEST(publish_view, gives_the_packet_of_the_record)
             EXPECT_EQ(encode_publish_view(version, view, buf, &len), 0);
             EXPECT_EQ(hex(buf, static_cast<size_t>(len)), encode(para, version).packet());
             EXPECT_EQ(buf[len], 0xEE) << "the rest is the caller's";
+        }
+}
+
+TEST(publish_view, is_encoded_with_a_context_as_the_record_is)
+{
+    const std::string topic(20, 't');
+    const Bytes       payload = repeat('p', 300);
+    Publish           para    = sized(20, 300, 1);
+    para.dup                  = 1;
+    for (const uint32_t version : {4u, 5u, 7u})
+        for (const size_t capacity : {400u, 300u}) {
+            mqtt_codec_ctx_t   ctx = context(version);
+            uint8_t            buf[400];
+            std::span<uint8_t> packet(buf, capacity);
+            LogCapture         log(2);
+            const PublishView  view{.topic = topic, .payload = payload, .qos = 1, .msg_id = para.msg_id, .dup = 1};
+            const int          result = code_of(encode_publish(ctx, view, packet));
+            const auto         lines  = log.take();
+            const Encoded      record = encode(para, version, static_cast<int>(capacity));
+            EXPECT_EQ(result, record.code);
+            EXPECT_EQ(lines, record.log);
+            EXPECT_EQ(result == 0 ? hex(packet.data(), packet.size()) : "", result == 0 ? record.packet() : "");
+            EXPECT_EQ(ctx.last_packet_type, record.ctx.last_packet_type);
         }
 }
 

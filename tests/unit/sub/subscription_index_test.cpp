@@ -451,6 +451,24 @@ TEST_F(index_of_subscriptions, notices_edits_behind_the_first_characters)
     }
 }
 
+TEST_F(index_of_subscriptions, notices_that_a_filter_of_any_length_became_longer_shorter_or_another)
+{
+    for (size_t length = 2; length < 70; ++length) {
+        sub_init();
+        const std::string filter(length, 'e');
+        ASSERT_EQ(sub_add("one", "a", 0, 0), 0);
+        ASSERT_EQ(sub_add("two", filter.c_str(), 0, 0), 0);
+        char *const written = g_sub_mgr.subs[1].topic_filter;
+        EXPECT_EQ(routed(filter).size(), 1u);
+        for (const std::string &next : {filter + "x", filter, filter.substr(1), filter, filter.substr(1) + "y"}) {
+            const std::string before = written;
+            strcpy(written, next.c_str());
+            EXPECT_EQ(routed(before).size(), 0u) << length;
+            EXPECT_EQ(routed(next).size(), 1u) << length;
+        }
+    }
+}
+
 TEST_F(index_of_subscriptions, follows_a_table_put_in_by_hand)
 {
     fill(3);
