@@ -23,10 +23,6 @@ constexpr int32_t kProbes       = 6;
 // When each was opened, in ms of a steady clock; 0 = closed, or known to have connected.
 std::array<std::atomic<int64_t>, NETIP_CLIENTS_MAX> g_opened_ms;
 
-// Connections have what their listener had when they came, and are opened in that order: behind the first that is
-// probed all are.
-std::atomic<bool> g_are_probed{false};
-
 template <class T> T peek(T &field, std::memory_order order = std::memory_order_relaxed)
 {
     return std::atomic_ref<T>(field).load(order);
@@ -43,13 +39,12 @@ bool set(int fd, int level, int name, int value)
     return setsockopt(fd, level, name, &value, sizeof value) == 0;
 }
 
+// Connections have what their listener had when they came, so most need no calls of their own.
 bool is_probed(uint32_t handle)
 {
     int       on     = 0;
     socklen_t length = sizeof on;
-    if (!g_are_probed && getsockopt(peek(g_netip_clients[handle].fd), SOL_SOCKET, SO_KEEPALIVE, &on, &length) == 0)
-        g_are_probed = on != 0;
-    return g_are_probed;
+    return getsockopt(peek(g_netip_clients[handle].fd), SOL_SOCKET, SO_KEEPALIVE, &on, &length) == 0 && on != 0;
 }
 
 bool has_connected(uint32_t handle)

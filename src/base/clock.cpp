@@ -16,6 +16,12 @@ uint64_t us_of(clockid_t clock)
     return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
 }
 
+// A tick of the system has passed since then, a few milliseconds at most: known without asking the hardware.
+bool tick_is_behind(uint64_t then_us)
+{
+    return us_of(CLOCK_MONOTONIC_COARSE) > then_us;
+}
+
 } // namespace
 
 uint64_t mono_us() noexcept
@@ -50,10 +56,9 @@ uint64_t packet_ms() noexcept
     return packet_us() / 1000;
 }
 
-// The tick is read without asking the hardware.
 void renew_packet_time() noexcept
 {
-    if (t_packet_us != 0 && us_of(CLOCK_MONOTONIC_COARSE) > t_packet_us)
+    if (t_packet_us != 0 && tick_is_behind(t_packet_us))
         t_packet_us = mono_us();
 }
 
@@ -74,7 +79,7 @@ uint64_t PacketTime::read() noexcept
 
 uint64_t PacketTime::next() noexcept
 {
-    if (sharing_ > 0) {
+    if (sharing_ > 0 && !tick_is_behind(t_packet_us)) {
         --sharing_;
         return t_packet_us;
     }

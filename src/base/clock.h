@@ -21,7 +21,8 @@ uint64_t packet_us() noexcept;
 void renew_packet_time() noexcept;
 
 // Around the packets that a thread of the network layer handles one after another. Small packets take a microsecond or
-// less, of which the clock would be a part: while they are that quick, some of them share a reading.
+// less, of which the clock would be a part: while they are that quick, some of them share a reading, but none that is more
+// than a tick old.
 class PacketTime {
 public:
     PacketTime() noexcept;

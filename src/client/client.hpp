@@ -227,7 +227,8 @@ public:
     enum class Part { Worthwhile, All }; // of the clients: those with many packets waiting, or each of them
 
     void add(mqtt_client_t &client) noexcept; // ignores a record outside the pool, as see_to_sending() does
-    // Its ring should be sent before more is queued. Not true again before the next add().
+    // Its ring should be sent before more is queued. Not true again before the next add(), nor of a client that takes
+    // nothing: its ring fills up, and what comes then fails.
     [[nodiscard]] bool is_due(mqtt_client_t &client) const noexcept;
     // Sends on the calling thread, which holds no lock that a host's thread may wait for: it is a write for each client.
     void send(Part part) noexcept;

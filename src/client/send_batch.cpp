@@ -17,10 +17,16 @@ int packets_in(mqtt_client_t &client)
     return count < 0 ? count + CLIENT_SEND_SLOTS : count;
 }
 
+// The socket takes nothing, and who sees it writable sends.
+bool is_stalled(int32_t index)
+{
+    return client::side_at(index).awaits_retry.load() != 0;
+}
+
 void send_now(int32_t index)
 {
-    if (client::side_at(index).awaits_retry.load() != 0)
-        return; // the socket takes nothing, and who sees it writable sends
+    if (is_stalled(index))
+        return;
     const client_ref client(client::record_at(index));
     client::hand_over_rest(*client, client::flush_ring(*client, true));
 }
@@ -39,7 +45,7 @@ void SendBatch::add(mqtt_client_t &client) noexcept
 bool SendBatch::is_due(mqtt_client_t &client) const noexcept
 {
     const int32_t index = client::index_of(&client);
-    return index != client::kOutside && has_[index] && packets_in(client) >= kMostAtOnce;
+    return index != client::kOutside && has_[index] && packets_in(client) >= kMostAtOnce && !is_stalled(index);
 }
 
 void SendBatch::send(Part part) noexcept

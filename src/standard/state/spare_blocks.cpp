@@ -4,6 +4,8 @@
 // it ends the process.
 #include "spare_blocks.h"
 
+#include "../../base/thread.h"
+
 #include <cstdlib>
 #include <new>
 #include <pthread.h>
@@ -74,7 +76,7 @@ void give_back_block(void *block, size_t size) noexcept
 {
     const size_t units  = units_of(size);
     Spares      &spares = t_spares;
-    if (units > kUnits || spares.count == kMost || !keep(spares))
+    if (units > kUnits || spares.count == kMost || !on_library_thread() || !keep(spares))
         return free(block);
     spares.first[units] = new (block) Spare{spares.first[units]};
     ++spares.count;

@@ -80,6 +80,15 @@ TEST_F(send_batch, is_due_while_a_ring_has_little_room_that_sending_could_make)
     EXPECT_EQ(client::side_at(0).listed.load(), 1) << "the rest is the send thread's";
 }
 
+TEST_F(send_batch, is_not_due_for_a_client_that_is_known_to_take_nothing)
+{
+    queue(one, 70);
+    EXPECT_TRUE(g_batch.is_due(*one));
+    client::side_at(0).awaits_retry.store(1);
+    EXPECT_FALSE(g_batch.is_due(*one)) << "or a scan would make a pause for each packet";
+    client::side_at(0).awaits_retry.store(0);
+}
+
 TEST_F(send_batch, leaves_a_socket_that_is_known_to_be_full_to_the_send_thread)
 {
     client::side_at(0).awaits_retry.store(1);

@@ -1,14 +1,13 @@
 // What adding and removing cost in a full table, and that they do the same on the library's own threads, which ask the
 // index, as on a host's.
-#include "base/thread.h"
 #include "log/agent_log.h"
 #include "sub/sub.h"
 #include "sub/subscription_index.h"
 #include "support/faults.h"
+#include "support/library_thread.h"
 #include "support/log_capture.h"
 #include "support/log_lines/sub.h"
 
-#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <random>
@@ -21,17 +20,6 @@ using namespace tarn::test;
 using testing::ElementsAre;
 
 namespace {
-
-void on_a_library_thread(const std::function<void()> &act)
-{
-    const auto body = [](void *arg) -> void * {
-        (*static_cast<const std::function<void()> *>(arg))();
-        return nullptr;
-    };
-    pthread_t thread = 0;
-    ASSERT_EQ(tarn::start_thread(&thread, "io", body, const_cast<std::function<void()> *>(&act)), 0);
-    tarn::join_or_detach(thread);
-}
 
 class cost : public testing::Test {
 protected:

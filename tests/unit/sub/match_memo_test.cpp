@@ -1,14 +1,13 @@
 // What matched a topic is remembered for the next message on it, until the table changes, by whomever.
 #include "sub/match_memo.h"
 
-#include "base/thread.h"
 #include "log/agent_log.h"
 #include "sub/match_list.h"
 #include "sub/sub.h"
 #include "support/faults.h"
+#include "support/library_thread.h"
 #include "support/log_capture.h"
 
-#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -21,17 +20,6 @@ using testing::IsEmpty;
 namespace {
 
 using Texts = std::vector<std::string>;
-
-void on_a_library_thread(const std::function<void()> &act)
-{
-    const auto body = [](void *arg) -> void * {
-        (*static_cast<const std::function<void()> *>(arg))();
-        return nullptr;
-    };
-    pthread_t thread = 0;
-    ASSERT_EQ(tarn::start_thread(&thread, "io", body, const_cast<std::function<void()> *>(&act)), 0);
-    tarn::join_or_detach(thread);
-}
 
 // In a table of 65 or more, stamps are not all compared for a message of the library's threads; the clock stands still,
 // so they are not compared after a pause either.
