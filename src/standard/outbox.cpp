@@ -37,15 +37,22 @@ namespace {
 
 constexpr size_t kSparesMax = 256; // a megabyte
 
-constinit size_t g_spare_count = 0; // chunks that wait to be used again; the engine's lock
+// Chunks that wait to be used again, linked by their first word; the engine's lock.
+constinit void  *g_spares      = nullptr;
+constinit size_t g_spare_count = 0;
 
 } // namespace
 
 // ---- chunks
 
-namespace {
-constinit void *g_spares = nullptr; // linked by their first word
-} // namespace
+void Outbox::free_spares() noexcept
+{
+    while (void *const spare = g_spares) {
+        g_spares = *static_cast<void **>(spare);
+        free(spare);
+    }
+    g_spare_count = 0;
+}
 
 void Outbox::let_go(Chunk *chunk) noexcept
 {

@@ -44,6 +44,8 @@ public:
     void drop_waiting(uint64_t journaled) noexcept;
     void clear() noexcept;
 
+    static void free_spares() noexcept; // memory that outboxes let go and would use again
+
 private:
     struct Chunk;
 

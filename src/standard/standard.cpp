@@ -94,6 +94,10 @@ void stop() noexcept
     }
     client::use_profile(nullptr);
     free_connections();
+    {
+        const ScopedLock lock(engine_mutex);
+        Outbox::free_spares();
+    }
     delete engine;
 }
 

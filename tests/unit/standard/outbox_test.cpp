@@ -3,6 +3,7 @@
 
 #include "support/faults.h"
 
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <random>
 #include <string>
@@ -207,4 +208,19 @@ TEST(outbox, a_broken_connection_is_told)
     outbox.clear();
     EXPECT_TRUE(outbox.empty());
     EXPECT_EQ(outbox.bytes(), 0u);
+}
+
+TEST(outbox, uses_memory_again_until_it_is_given_back)
+{
+    Outbox outbox;
+    ASSERT_TRUE(outbox.add(bytes_of("one"), 0));
+    outbox.clear();
+    {
+        const Fail fail(Call::Allocate, 1, ENOMEM, 100);
+        EXPECT_TRUE(outbox.add(bytes_of("two"), 0));
+    }
+    outbox.clear();
+    Outbox::free_spares();
+    const Fail fail(Call::Allocate, 1, ENOMEM, 100);
+    EXPECT_FALSE(outbox.add(bytes_of("three"), 0));
 }
