@@ -13,7 +13,7 @@ constexpr size_t  kUnsyncedMost = size_t{16} << 20; // bytes of the journal
 constexpr size_t  kFew          = 200;              // that are given at once
 constexpr int64_t kShare_us     = 500;              // of one session, before others have their turn
 constexpr size_t  kLooks        = 64;               // between two looks at the clock
-constexpr size_t  kAlways       = 64;               // filters without wildcards that need no time to be left
+constexpr size_t  kAlways       = 512;              // filters without wildcards that need no time to be left
 
 // A message of any size fits while little is held.
 bool fits(const Amount &held, const Amount &bound, size_t bytes)
