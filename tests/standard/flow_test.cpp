@@ -41,6 +41,30 @@ AT_EACH_LEVEL(largest);
 
 } // namespace
 
+TEST_F(receive_maximum, makes_room_with_an_acknowledgement_that_says_its_reason)
+{
+    const auto five_bytes = [](unsigned type, unsigned id, uint8_t reason) {
+        return Bytes{static_cast<uint8_t>(type << 4), 3, static_cast<uint8_t>(id >> 8), static_cast<uint8_t>(id),
+                     reason};
+    };
+    Client client = reader(1), sender = come("sender");
+    sender.publish("t", "acknowledged", {.qos = 1});
+    sender.publish("t", "refused", {.qos = 1});
+    sender.publish("t", "not received", {.qos = 2});
+    sender.publish("t", "last", {.qos = 0});
+    client.send(five_bytes(PUBACK, client.expect_publish("t", "acknowledged", {.qos = 1}).id, 0));
+    client.send(five_bytes(PUBACK, client.expect_publish("t", "refused", {.qos = 1}).id, 0x83));
+    client.send(five_bytes(PUBREC, client.expect_publish("t", "not received", {.qos = 2}).id, 0x83)); // no PUBREL
+    client.expect_publish("t", "last");
+    client.expect_silence();
+
+    Client old(4, "old");
+    old.subscribe("t", 1);
+    sender.publish("t", "to 3.1.1", {.qos = 1});
+    old.send(five_bytes(PUBACK, old.expect_publish("t", "to 3.1.1", {.qos = 1}).id, 0)); // which knows no reasons
+    old.expect_closed();
+}
+
 // [MQTT-3.3.4-9] [MQTT-4.9.0-1] [MQTT-4.9.0-2]
 TEST_F(receive_maximum, of_a_client_is_not_exceeded)
 {

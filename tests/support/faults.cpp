@@ -248,9 +248,11 @@ int __wrap_clock_gettime(clockid_t clock, timespec *now)
     const bool is_known = clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE || clock == CLOCK_REALTIME;
     if (!g_clock_held.load() || !is_known)
         return __real_clock_gettime(clock, now);
-    const int64_t ms = clock == CLOCK_REALTIME ? g_wall_ms.load() : g_mono_ms.load();
-    now->tv_sec      = ms / 1000;
-    now->tv_nsec     = ms % 1000 * 1000000;
+    int64_t ms = clock == CLOCK_REALTIME ? g_wall_ms.load() : g_mono_ms.load();
+    if (clock == CLOCK_MONOTONIC_COARSE)
+        ms -= ms % ManualClock::kTick_ms;
+    now->tv_sec  = ms / 1000;
+    now->tv_nsec = ms % 1000 * 1000000;
     return 0;
 }
 int __wrap_gettimeofday(timeval *now, void *zone)

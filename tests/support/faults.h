@@ -75,6 +75,8 @@ public:
 // While it lives, all clocks stand still and move only by hand. Starts at wall 1,800,000,000 s and mono 1,000,000 ms.
 class ManualClock {
 public:
+    static constexpr int64_t kTick_ms = 4; // of the clock that is read without asking the hardware
+
     ManualClock();
     ~ManualClock();
     void     advance_ms(int64_t ms);      // both clocks

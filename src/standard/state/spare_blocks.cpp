@@ -1,14 +1,11 @@
 // spare_blocks.cpp - see spare_blocks.h.
-//
-// What a thread keeps is freed when it ends, by a key: to note a destructor the C library allocates, and where that fails
-// it ends the process.
 #include "spare_blocks.h"
 
 #include "../../base/thread.h"
+#include "../../base/thread_end.h"
 
 #include <cstdlib>
 #include <new>
-#include <pthread.h>
 #include <utility>
 
 namespace tarn::standard {
@@ -24,13 +21,9 @@ struct Spare {
 struct Spares {
     Spare *first[kUnits + 1]; // by their units
     size_t count;
-    bool   is_kept; // the key knows of them
+    bool   is_kept; // until the thread ends
 };
 constinit thread_local Spares t_spares{};
-
-constinit pthread_once_t g_once    = PTHREAD_ONCE_INIT;
-constinit pthread_key_t  g_key     = 0;
-constinit bool           g_has_key = false; // a process has 1024 of them
 
 void free_all(void *of_thread)
 {
@@ -42,17 +35,9 @@ void free_all(void *of_thread)
     spares.is_kept = false;
 }
 
-void make_key()
-{
-    g_has_key = pthread_key_create(&g_key, free_all) == 0;
-}
-
 bool keep(Spares &spares)
 {
-    if (spares.is_kept)
-        return true;
-    pthread_once(&g_once, make_key);
-    return spares.is_kept = g_has_key && pthread_setspecific(g_key, &spares) == 0;
+    return spares.is_kept || (spares.is_kept = AtThreadEnd<free_all>::note(&spares));
 }
 
 size_t units_of(size_t size)
