@@ -30,14 +30,15 @@ constexpr uint64_t kPatience_us = uint64_t{kPatience_ms} * 1000;
 
 enum Line : uint8_t { kFirstTurns, kOtherTurns, kLines };
 
-struct Group {
-    bool      is_served = false; // one of its turns is in a line or under way
-    uint32_t  given     = 0;     // turns that a round has given, and not handed over yet
-    SlotQueue waiting;
-};
-
 constinit Mutex g_lane_mutex{};
 pthread_cond_t  g_work_came = PTHREAD_COND_INITIALIZER; // with g_lane_mutex
+
+// Rounds look without the mutex whether one is aside, or would wait for lanes that begin and end their turns.
+struct Group {
+    std::atomic<bool>     is_served{false}; // one of its turns is in a line or under way; changes under g_lane_mutex
+    std::atomic<uint32_t> given{0};         // turns that a round has given, and not handed over yet
+    SlotQueue waiting     GUARDED_BY(g_lane_mutex);
+};
 
 constinit SlotQueue             g_lines[kLines] GUARDED_BY(g_lane_mutex){};
 constinit int                   g_serving[kLines] GUARDED_BY(g_lane_mutex){}; // threads
@@ -48,10 +49,10 @@ constinit std::atomic<int>      g_waiting{0};                                 //
 constinit std::atomic<int>      g_roused{0};   // threads that were told of one, and have not looked yet
 constinit std::atomic<uint64_t> g_moved_us{0}; // when one was taken, or a thread roused
 constinit uint8_t g_next_line   GUARDED_BY(g_lane_mutex) = kFirstTurns;
-constinit Group                 g_groups[kGroups] GUARDED_BY(g_lane_mutex){};
+constinit Group                 g_groups[kGroups]{};
 constinit SlotQueue g_pauses    GUARDED_BY(g_lane_mutex){}; // all are equally long: due in this order
 constinit pthread_t             g_lanes[kLanes] GUARDED_BY(g_lane_mutex){};
-constinit int g_lane_count      GUARDED_BY(g_lane_mutex) = 0;
+constinit std::atomic<int>      g_lane_count{0}; // changes under g_lane_mutex
 
 constinit Mutex                 g_listed_mutex{};
 constinit SlotQueue g_listed    GUARDED_BY(g_listed_mutex){};
@@ -160,6 +161,7 @@ struct Turn {
     uint32_t handle;
     Errand   errand; // a copy: the connection may be in the next queue before this turn is done
     uint64_t began_us;
+    bool     is_under_way;
 };
 
 bool pick(Turn &turn) REQUIRES(g_lane_mutex)
@@ -173,8 +175,9 @@ bool pick(Turn &turn) REQUIRES(g_lane_mutex)
         turn.errand = errand_of(turn.handle);
         ++g_serving[line];
         --g_waiting;
-        turn.began_us = mono_us();
-        g_moved_us    = turn.began_us;
+        turn.began_us     = mono_us();
+        turn.is_under_way = true;
+        g_moved_us        = turn.began_us;
         return true;
     }
     return false;
@@ -197,9 +200,21 @@ void wait_for_work() REQUIRES(g_lane_mutex)
     g_roused -= g_roused > 0;
 }
 
+void note_done(Turn &turn) REQUIRES(g_lane_mutex)
+{
+    if (!std::exchange(turn.is_under_way, false))
+        return;
+    --g_serving[turn.errand.line];
+    --g_turns;
+    g_turns_are_long = elapsed(mono_us(), turn.began_us) >= kPatience_us;
+}
+
+// The next, when this one is done. False: the layer goes down, and the queues have been emptied, or will be.
 bool take_turn(Turn &turn, uint32_t start)
 {
     ScopedLock lock(g_lane_mutex);
+    if (layer_runs(start))
+        note_done(turn);
     while (layer_runs(start)) {
         if (!g_pauses.empty())
             end_pauses(mono_us());
@@ -256,24 +271,12 @@ void serve(const Turn &turn, uint32_t start)
     call_round_end();
 }
 
-void note_done(const Turn &turn, uint32_t start)
-{
-    ScopedLock lock(g_lane_mutex);
-    if (!layer_runs(start))
-        return; // the queues have been emptied, or will be
-    --g_serving[turn.errand.line];
-    --g_turns;
-    g_turns_are_long = elapsed(mono_us(), turn.began_us) >= kPatience_us;
-}
-
 void *lane_thread(void *arg) noexcept
 {
     t_on_lane        = true;
     const auto start = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(arg));
-    for (Turn turn; take_turn(turn, start);) {
+    for (Turn turn{}; take_turn(turn, start);)
         serve(turn, start);
-        note_done(turn, start);
-    }
     return nullptr;
 }
 
@@ -286,19 +289,19 @@ void start_lanes(uint32_t start) REQUIRES(g_lane_mutex)
     while (g_lane_count < wanted && start_lane(start)) {}
 }
 
-bool has_lane(uint32_t start) REQUIRES(g_lane_mutex)
+bool has_lane(uint32_t start) EXCLUDES(g_lane_mutex)
 {
-    return g_lane_count > 0 || start_lane(start);
+    if (g_lane_count > 0)
+        return true;
+    ScopedLock lock(g_lane_mutex);
+    return !layer_runs(start) || g_lane_count > 0 || start_lane(start);
 }
 
 // False when there is no thread to take it. True also when the connection was closed: `errand` is not kept then.
 bool take_aside(const SlotPin &pin, const Errand &errand, uint32_t start, bool &is_taken)
 {
-    {
-        ScopedLock lock(g_lane_mutex);
-        if (layer_runs(start) && !has_lane(start))
-            return false;
-    }
+    if (!has_lane(start))
+        return false;
     is_taken = step_aside(pin, Server::Lane);
     if (is_taken)
         errand_of(pin.handle()) = errand; // this thread's until the connection is in a queue
@@ -314,7 +317,6 @@ bool on_lane() noexcept
 
 bool is_aside(uint32_t group) noexcept
 {
-    ScopedLock   lock(g_lane_mutex);
     const Group &those = g_groups[group % kGroups];
     return group != 0 && (those.is_served || those.given > 0);
 }
@@ -335,8 +337,7 @@ bool give_to_lane(const SlotPin &pin, Work work, uint32_t group, uint32_t start)
     if (!is_taken)
         return true;
     t_given.push(pin.handle());
-    ScopedLock lock(g_lane_mutex);
-    g_groups[group % kGroups].given++;
+    ++g_groups[group % kGroups].given;
     return true;
 }
 
@@ -378,8 +379,9 @@ void hand_over_to_lanes(uint32_t start) noexcept
         while (!t_given.empty()) {
             const uint32_t handle = t_given.pop();
             Group         &group  = g_groups[errand_of(handle).group % kGroups];
-            group.given -= group.given > 0;
-            enter_group(handle);
+            enter_group(handle); // first, so that it is aside all the time
+            if (group.given > 0)
+                --group.given;
             roused += rouse_for_turn();
         }
         start_lanes(start);
