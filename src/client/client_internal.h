@@ -207,7 +207,7 @@ void               drop_ring(mqtt_client_t &client) noexcept;
 // The send list: the records of the pool with packets that no thread has tried to send yet, each once. The thread that
 // drains it takes all of them, oldest first. Each is off the list before it is served, so that a packet which comes
 // behind the flush lists it again.
-void list_for_sending(int32_t index) noexcept;
+bool list_for_sending(int32_t index) noexcept; // false: it was listed already
 // The list as a chain of index + 1, linked by Side::next_listed; 0 = it is empty.
 int32_t take_send_list() noexcept;
 
@@ -245,6 +245,7 @@ net::Choice        way_of(net::Connection connection, std::span<const uint8_t> p
 void use_network_hooks() noexcept; // those of the profile in use
 void begin_io_round() noexcept;    // called by the network layer
 void end_io_round() noexcept;
+bool send_in_io_round() noexcept; // what is queued, if that is for few
 // The number of the I/O round that the calling thread is in, which drains the send list at its end; 0 outside one.
 [[nodiscard]] uint32_t io_round() noexcept;
 void                   list_in_round(int32_t index) noexcept;

@@ -16,6 +16,7 @@ constinit std::atomic<uint8_t>  g_queued_since{0};
 
 constinit thread_local uint32_t t_round    = 0;
 constinit thread_local int32_t  t_answered = kOutside;
+constinit thread_local int      t_listed   = 0; // records, by this thread since it last sent
 
 // A socket that blocked takes bytes again. What is queued from now on need not wait for the send thread's next try,
 // which finds the ring sent.
@@ -45,6 +46,12 @@ void send_listed(int32_t index)
     hand_over_rest(*client, flush_ring(*client, true));
 }
 
+void send_all_listed()
+{
+    t_listed = 0;
+    drain_send_list(send_listed);
+}
+
 } // namespace
 
 void begin_io_round() noexcept
@@ -59,7 +66,17 @@ void end_io_round() noexcept
     t_round = 0;
     drop_round_clients();
     send_kept_answer();
-    drain_send_list(send_listed);
+    send_all_listed();
+}
+
+bool send_in_io_round() noexcept
+{
+    constexpr int kFew = 2; // a publisher, for its acknowledgements, and one receiver
+
+    if (t_listed == 0 || t_listed > kFew)
+        return false;
+    send_all_listed();
+    return true;
 }
 
 bool is_own_answer(const mqtt_client_t &client) noexcept
@@ -80,7 +97,7 @@ uint32_t io_round() noexcept
 
 void list_in_round(int32_t index) noexcept
 {
-    list_for_sending(index);
+    t_listed += list_for_sending(index);
     have_rounds_watched();
 }
 
@@ -105,7 +122,7 @@ void use_network_hooks() noexcept
                                      .packet   = nullptr,
                                      .closed   = nullptr,
                                      .writable = send_to_writable,
-                                     .rounds   = {begin_io_round, end_io_round},
+                                     .rounds   = {begin_io_round, end_io_round, send_in_io_round},
                                      .way      = {kAskedTypes, way_of},
                                      .measure  = nullptr};
     const Profile *const     used    = profile_in_use();

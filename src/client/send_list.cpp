@@ -11,17 +11,18 @@ constinit std::atomic<int32_t> g_newest{0}; // index + 1, 0 = empty
 
 } // namespace
 
-void list_for_sending(int32_t index) noexcept
+bool list_for_sending(int32_t index) noexcept
 {
     Side &side = side_at(index);
     // Most packets find it listed, and are spared the exchange. A thread that takes it off the list does so before it
     // takes send_lock to look at the ring, so what was queued under that lock is sent.
     if (side.listed.load() != 0 || side.listed.exchange(1) != 0)
-        return;
+        return false;
     int32_t newest = g_newest.load(std::memory_order_relaxed);
     do
         side.next_listed.store(newest, std::memory_order_relaxed);
     while (!g_newest.compare_exchange_weak(newest, index + 1));
+    return true;
 }
 
 int32_t take_send_list() noexcept

@@ -9,6 +9,7 @@ constinit thread_local Connection t_current{};
 
 constinit std::atomic<void (*)()>         g_round_begin{nullptr};
 constinit std::atomic<void (*)()>         g_round_end{nullptr};
+constinit std::atomic<bool (*)()>         g_round_send{nullptr};
 constinit std::atomic<void (*)(uint32_t)> g_writable{nullptr};
 
 } // namespace
@@ -60,6 +61,7 @@ void set_round_hooks(RoundHooks hooks) noexcept
 {
     g_round_begin.store(hooks.begin, std::memory_order_release);
     g_round_end.store(hooks.end, std::memory_order_release);
+    g_round_send.store(hooks.send, std::memory_order_release);
 }
 
 void set_writable_hook(void (*writable)(uint32_t handle)) noexcept
@@ -76,6 +78,11 @@ void call_round_end() noexcept
 {
     if (void (*const hook)() = g_round_end.load(std::memory_order_acquire))
         hook();
+}
+bool call_round_send() noexcept
+{
+    bool (*const hook)() = g_round_send.load(std::memory_order_acquire);
+    return hook && hook();
 }
 void call_writable_hook(uint32_t handle) noexcept
 {

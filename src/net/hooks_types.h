@@ -16,10 +16,12 @@ struct Connection {
 };
 
 // Called by every I/O thread before it looks at the events of a round and after it has handled the last one, UDP
-// included; not for a round without events.
+// included; not for a round without events. Between two packets `send` may be called, to send what is queued so far if
+// that is for few; false: it is for nobody or many, and waits for the end.
 struct RoundHooks {
     void (*begin)() = nullptr;
     void (*end)()   = nullptr;
+    bool (*send)()  = nullptr;
 };
 
 enum class Way : uint8_t {

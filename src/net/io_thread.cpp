@@ -6,8 +6,8 @@
 #include "../log/log.h"
 #include "framing.h"
 #include "lane.h"
+#include "round_sending.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <sys/socket.h>
 #include <utility>
@@ -20,14 +20,6 @@ namespace {
 constexpr int      kReadsPerTurn   = 32;
 constexpr ssize_t  kBytesPerTurn   = 64 * 1024;
 constexpr uint64_t kTimePerTurn_us = 2000;
-
-// What a round brought leaves at its end, and what it brought one client leaves in one write. Where sending takes longer
-// than handling, as with a message for a thousand clients, a round of short turns would send each message alone: so
-// turns are not ended until the round has taken some times as long as the sending of the round before.
-constexpr uint64_t              kLongestHandling_us = 10'000;
-constexpr uint64_t              kTimesSending       = 4;
-constinit Shared<uint64_t>      g_handling_us       = 0; // that turns of this round may take together
-constinit thread_local uint64_t t_round_began_us    = 0;
 
 constexpr uint32_t kFailurePause_ms = 100;
 
@@ -116,7 +108,10 @@ Left serve_whole_packets(const SlotPin &pin, const EventSink &sink, uint32_t sta
             !hand_up_first(pin, sink, start))
             return Left::NotOurs;
         const uint64_t now_us = time.next();
-        if (elapsed(now_us, began_us) >= kTimePerTurn_us && elapsed(now_us, t_round_began_us) >= g_handling_us)
+        send_meanwhile(pin, now_us);
+        if (!pin.is_current())
+            return Left::NotOurs;
+        if (elapsed(now_us, began_us) >= kTimePerTurn_us && round_may_end_turns(now_us))
             return Left::More;
     }
     return Left::Nothing;
@@ -213,25 +208,12 @@ void serve_listed(SlotQueue listed, const EventSink &sink, uint32_t start, Ends 
     }
 }
 
-void begin_round()
-{
-    t_round_began_us = mono_us();
-    call_round_begin();
-}
-
-void end_round()
-{
-    const uint64_t began_us = mono_us();
-    call_round_end();
-    g_handling_us = std::min(kTimesSending * elapsed(mono_us(), began_us), kLongestHandling_us);
-}
-
 void handle_events(int count, uint32_t start)
 {
     const EventSink sink   = event_sink();
     const SlotQueue listed = take_listed();
     Ends            ends;
-    begin_round();
+    begin_round(count);
     for (int i = 0; i < count && layer_runs(start); ++i)
         handle_event(g_epoll_events[i], sink, start, ends);
     serve_listed(listed, sink, start, ends); // one turn a round for each: what the events list is for the next round

@@ -170,6 +170,7 @@ EventSink event_sink() noexcept;
 
 void call_round_begin() noexcept;
 void call_round_end() noexcept;
+bool call_round_send() noexcept;
 void call_writable_hook(uint32_t handle) noexcept;
 
 // ---- epoll registrations and shared descriptors (watch.cpp)

@@ -189,6 +189,7 @@ void watch_journal(Engine &engine) noexcept REQUIRES(engine_mutex);
 // The thread is in a round of the network layer, which flushes at its end.
 void begin_round() noexcept;
 void end_round() noexcept;
+bool send_in_round() noexcept; // flushes now, if what is there is for few
 bool in_round() noexcept;
 
 // ---- ends (end.cpp, will.cpp)

@@ -243,7 +243,7 @@ const client::Profile &profile() noexcept
                                               .packet   = on_packet,
                                               .closed   = on_closed,
                                               .writable = on_writable,
-                                              .rounds   = {begin_round, end_round},
+                                              .rounds   = {begin_round, end_round, send_in_round},
                                               .way      = {1 << CONNECT, way_of},
                                               .measure  = measure};
     return kProfile;

@@ -29,6 +29,39 @@ TEST(io_round, sends_at_its_end)
     EXPECT_THAT(socket.received(), IsEmpty());
 }
 
+TEST(io_round, sends_before_its_end_what_is_for_few)
+{
+    const Manager        manager;
+    mqtt_client_t *const client = log_in(1, "dev1");
+    mqtt_client_t *const other  = log_in(2, "dev2");
+    mqtt_client_t *const third  = log_in(3, "dev3");
+    Socket               socket(1), other_socket(2), third_socket(3);
+    client::begin_io_round();
+    const uint32_t round = client::io_round();
+    EXPECT_FALSE(client::send_in_io_round()) << "there is nothing";
+    send(client, {1});
+    send(other, {9});
+    send(client, {2});
+    EXPECT_TRUE(client::send_in_io_round());
+    EXPECT_EQ(hex(socket.received()), "01 02");
+    EXPECT_EQ(hex(other_socket.received()), "09");
+    EXPECT_EQ(client::io_round(), round) << "it goes on";
+    EXPECT_FALSE(client::send_in_io_round()) << "there is nothing any more";
+    send(client, {3});
+    send(other, {10});
+    send(third, {20});
+    EXPECT_FALSE(client::send_in_io_round()) << "they are too many";
+    EXPECT_THAT(socket.received(), IsEmpty());
+    client::end_io_round();
+    EXPECT_EQ(hex(socket.received()), "03");
+    EXPECT_EQ(hex(third_socket.received()), "14");
+    client::begin_io_round();
+    send(third, {21});
+    EXPECT_TRUE(client::send_in_io_round()) << "those of the round before do not count";
+    EXPECT_EQ(hex(third_socket.received()), "15");
+    client::end_io_round();
+}
+
 TEST(io_round, makes_room_in_a_full_ring)
 {
     const Manager        manager;
