@@ -43,8 +43,10 @@ constexpr uint8_t kPublish = 0x30, kRetain = 0x01, kTypeBits = 0xF0;
 
 std::optional<DroppedWill> judge(uint32_t handle, std::span<const uint8_t> packet)
 {
+    if (!has_will_flag(packet))
+        return {};
     if (!g_keeper.judge_will) {
-        t_packet.leaves_will = leaves_standard_will(packet);
+        t_packet.leaves_will = true;
         return {};
     }
     std::optional<ConnectWill> will = find_will(packet);

@@ -78,7 +78,7 @@ void on_closed(uint32_t handle)
 
 // ---- CONNECT
 
-Verdict fits_quotas(const char *client_id, const char *user)
+Verdict fits_quotas(const char *client_id, std::string_view user)
 {
     const uint32_t handle = packet_handle();
     std::string    id(client_id, strnlen(client_id, CLIENT_ID_CHARS)); // as the library takes it

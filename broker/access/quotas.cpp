@@ -64,7 +64,8 @@ void Quotas::end(Connection &connection)
 {
     if (!connection.address)
         return;
-    leave_id(connection);
+    if (connection.id)
+        leave(*connection.id);
     remove(Quota::Connections, *connection.owner);
     --connection.address->connections_from;
     connection = {};
@@ -72,21 +73,21 @@ void Quotas::end(Connection &connection)
 
 // ---- ids
 
-const char *Quotas::connect(uint32_t handle, const std::string &user, std::string client_id, bool keeps_session,
+const char *Quotas::connect(uint32_t handle, std::string_view user, std::string &&client_id, bool keeps_session,
                             int64_t now_ms)
 {
     const std::lock_guard lock(mutex_);
     Connection *const     connection = find(handle);
     if (!connection)
         return nullptr;
-    Owner &owner = user.empty() ? *connection->address : users_[user];
+    Owner &owner = user.empty() ? *connection->address : users_[std::string(user)];
     if (const char *const why = refuses(*connection, owner, client_id, keeps_session, now_ms))
         return why;
     KnownId *const known = client_id.empty() ? nullptr : &remember(std::move(client_id), owner, keeps_session, now_ms);
     if (known)
         ++known->second.connections;
-    leave_id(*connection); // that of a CONNECT before
-    connection->id = known;
+    if (KnownId *const before = std::exchange(connection->id, known)) // which stays until ids are counted
+        --before->second.connections;
     add(Quota::Connections, owner);
     remove(Quota::Connections, *std::exchange(connection->owner, &owner));
     return nullptr;
@@ -114,7 +115,7 @@ const Quotas::Id *Quotas::id_of(const Owner &owner, const std::string &client_id
     return known != ids_.end() && known->second.owner == &owner ? &known->second : nullptr;
 }
 
-Quotas::KnownId &Quotas::remember(std::string client_id, Owner &owner, bool keeps_session, int64_t now_ms)
+Quotas::KnownId &Quotas::remember(std::string &&client_id, Owner &owner, bool keeps_session, int64_t now_ms)
 {
     KnownId &known = *ids_.try_emplace(std::move(client_id)).first;
     set_owner(known.second, &owner);
@@ -149,11 +150,10 @@ void Quotas::set_session(Id &id, bool is_kept)
 }
 
 // A clean session without subscriptions ends with its connection: nothing stays behind the id.
-void Quotas::leave_id(Connection &connection)
+void Quotas::leave(KnownId &known)
 {
-    KnownId *const known = std::exchange(connection.id, nullptr);
-    if (known && --known->second.connections == 0 && !known->second.may_stay)
-        forget(ids_.find(known->first));
+    if (--known.second.connections == 0 && !known.second.may_stay)
+        forget(ids_.find(known.first));
 }
 
 // Some of its connections may be open still, unknown to the library.
@@ -207,7 +207,7 @@ const char *Quotas::subscribe(uint32_t handle, const std::string &client_id, int
         return nullptr;
     const auto known = ids_.find(client_id);
     // One that is not known was chosen by the library.
-    KnownId &id        = known != ids_.end() ? *known : remember(client_id, *connection->owner, false, now_ms);
+    KnownId &id = known != ids_.end() ? *known : remember(std::string(client_id), *connection->owner, false, now_ms);
     id.second.may_stay = true;
     if (const char *const why = fits(Quota::Subscriptions, *connection->owner, now_ms))
         return why;

@@ -17,6 +17,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <variant>
 #include <vector>
@@ -50,7 +51,7 @@ public:
     // the highest.
     const char *open(uint32_t handle, const std::string &address);
     void        close(uint32_t handle);
-    const char *connect(uint32_t handle, const std::string &user, std::string client_id, bool keeps_session,
+    const char *connect(uint32_t handle, std::string_view user, std::string &&client_id, bool keeps_session,
                         int64_t now_ms);
     const char *may_leave_will(uint32_t handle, const std::string &user, int64_t now_ms);
     void leave_will(uint32_t handle, const WillHolder &holder, int64_t now_ms); // of one that connect() let through
@@ -95,10 +96,10 @@ private:
     const char       *fits(Quota quota, const Owner &owner, int64_t now_ms);
     bool              is_full(Quota quota, const Owner &owner) const;
     void              end(Connection &connection);
-    KnownId          &remember(std::string client_id, Owner &owner, bool keeps_session, int64_t now_ms);
+    KnownId          &remember(std::string &&client_id, Owner &owner, bool keeps_session, int64_t now_ms);
     void              set_owner(Id &id, Owner *owner);
     void              set_session(Id &id, bool is_kept);
-    void              leave_id(Connection &connection);
+    void              leave(KnownId &known);
     IdTable::iterator forget(IdTable::iterator known); // returns the next
     void              forget_idle_owners();
     void              count_again(Quota quota, int64_t now_ms);
