@@ -65,12 +65,12 @@ private:
     // A user or an address. Others point to it, and each of them counts here.
     struct Owner {
         std::array<size_t, kQuotas> counts{};             // by Quota
-        size_t                      connections_from = 0; // open ones from this address, whose they may be
+        size_t                      connections_from = 0; // open ones from this address, also those of users
     };
     struct Id {
         Owner   *owner         = nullptr;
         int64_t  since_ms      = 0;
-        uint32_t connections   = 0; // that are open and came with this id last
+        uint32_t connections   = 0; // open ones whose last CONNECT had this id
         bool     keeps_session = false;
         bool     may_stay      = false; // something may be behind it once its connections are closed
     };

@@ -182,6 +182,15 @@ TEST_F(quotas, turns_forget_who_has_nothing_and_nobody_else)
     EXPECT_TRUE(some.publish_retained(handle, "t3", now_ms)) << "t1 is hers still";
 }
 
+TEST_F(quotas, turns_forget_no_address_that_a_user_came_from)
+{
+    EXPECT_FALSE(come("a", kHere, "alice"));
+    some.turn(now_ms);
+    EXPECT_FALSE(some.connect(handle, "", "b", false, now_ms)) << "now it is nobody's but the address's";
+    EXPECT_FALSE(come("c"));
+    EXPECT_STREQ(come("d"), "its user or address has as many connections as one may have");
+}
+
 TEST_F(quotas, ids_with_commas_are_online_in_pieces)
 {
     for (const char *id : {"a,b", "c"})
