@@ -20,8 +20,14 @@ constexpr int32_t kProbeAfter_s = 60;
 constexpr int32_t kProbeEvery_s = 10;
 constexpr int32_t kProbes       = 6;
 
+constexpr uint32_t kProbedEnough = 1000; // in a row: more than can overtake one another on their way into the queue
+
 // When each was opened, in ms of a steady clock; 0 = closed, or known to have connected.
 std::array<std::atomic<int64_t>, NETIP_CLIENTS_MAX> g_opened_ms;
+
+// Connections that this thread found to be probed, one after another. Only one thread accepts, and one more tells of
+// those that came during the start; each sees its own in the order in which they came.
+constinit thread_local uint32_t t_probed_in_a_row = 0;
 
 template <class T> T peek(T &field, std::memory_order order = std::memory_order_relaxed)
 {
@@ -39,12 +45,22 @@ bool set(int fd, int level, int name, int value)
     return setsockopt(fd, level, name, &value, sizeof value) == 0;
 }
 
-// Connections have what their listener had when they came, so most need no calls of their own.
-bool is_probed(uint32_t handle)
+bool has_probes(int fd)
 {
     int       on     = 0;
     socklen_t length = sizeof on;
-    return getsockopt(peek(g_netip_clients[handle].fd), SOL_SOCKET, SO_KEEPALIVE, &on, &length) == 0 && on != 0;
+    return getsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, &length) == 0 && on != 0;
+}
+
+// Connections have what their listener had when they came, so most need no calls of their own. Those that came before it
+// was switched are accepted first: once enough in a row are probed, all that follow are, too.
+bool is_probed(uint32_t handle)
+{
+    if (t_probed_in_a_row == kProbedEnough)
+        return true;
+    const bool on     = has_probes(peek(g_netip_clients[handle].fd));
+    t_probed_in_a_row = on ? t_probed_in_a_row + 1 : 0;
+    return on;
 }
 
 bool has_connected(uint32_t handle)

@@ -122,6 +122,8 @@ Decoded decode_utf8(std::string_view text)
 
 bool is_utf8(std::string_view text)
 {
+    const auto is_ascii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
+    text.remove_prefix(static_cast<size_t>(std::find_if_not(text.begin(), text.end(), is_ascii) - text.begin()));
     while (!text.empty()) {
         const Decoded next = decode_utf8(text);
         if (next.character == kNoCharacter)

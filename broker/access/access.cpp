@@ -147,7 +147,7 @@ bool Access::bind_chosen_id(const std::string &client_id, const std::string &use
 }
 
 // Nothing when the client may not do anything, the empty name where users are not asked for. Packets before a CONNECT come with an empty id.
-std::optional<std::string> Access::user_with_rights(const Files &files, const std::string &client_id) const
+std::optional<std::string> Access::user_with_rights(const Files &files, std::string_view client_id) const
 {
     if (client_id.empty())
         return {};
@@ -157,7 +157,7 @@ std::optional<std::string> Access::user_with_rights(const Files &files, const st
     return user && files.users->has(*user) ? user : std::nullopt;
 }
 
-Verdict Access::may_subscribe(const std::string &client_id, const std::string &filter)
+Verdict Access::may_subscribe(std::string_view client_id, std::string_view filter)
 {
     const Files                      now  = files();
     const std::optional<std::string> user = user_with_rights(now, client_id);
@@ -176,27 +176,27 @@ Verdict Access::may_subscribe(const std::string &client_id, const std::string &f
     return {};
 }
 
-Verdict Access::may_publish(const std::string &client_id, const std::string &topic)
+Verdict Access::may_publish(std::string_view client_id, std::string_view topic)
 {
     const Files                      now  = files();
     const std::optional<std::string> user = user_with_rights(now, client_id);
     return user ? may_write(now, {client_id, *user}, topic) : kNobody;
 }
 
-Verdict Access::may_leave_will(const std::string &client_id, const std::string &user, const std::string &topic) const
+Verdict Access::may_leave_will(std::string_view client_id, std::string_view user, std::string_view topic) const
 {
     const Files now = files();
-    return may_write(now, {taken_id(client_id), now.users ? user : ""}, topic);
+    return may_write(now, {taken_id(client_id), now.users ? user : std::string_view()}, topic);
 }
 
-Verdict Access::may_write(const Files &files, const Asker &asker, const std::string &topic)
+Verdict Access::may_write(const Files &files, const Asker &asker, std::string_view topic)
 {
     if (!is_topic(topic))
         return kNoTopic;
     return files.acl && !files.acl->may_publish(asker, topic) ? kNoRule : Verdict{};
 }
 
-std::string Access::user_of(const std::string &client_id) const
+std::string Access::user_of(std::string_view client_id) const
 {
     return bindings_.user_of(client_id).value_or("");
 }

@@ -15,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tarn::broker {
@@ -52,14 +53,14 @@ public:
     // if is_alone() says that no second client is online with it; else the result is false.
     bool bind_chosen_id(const std::string &client_id, const std::string &user, const std::function<bool()> &is_alone);
 
-    Verdict may_subscribe(const std::string &client_id, const std::string &filter);
-    Verdict may_publish(const std::string &client_id, const std::string &topic);
+    Verdict may_subscribe(std::string_view client_id, std::string_view filter);
+    Verdict may_publish(std::string_view client_id, std::string_view topic);
 
     // What its CONNECT asks for, before it is known whether it may connect. Rules with the id, and sections for ids, do
     // not count for a client that comes without one: the library chooses it later.
-    Verdict may_leave_will(const std::string &client_id, const std::string &user, const std::string &topic) const;
+    Verdict may_leave_will(std::string_view client_id, std::string_view user, std::string_view topic) const;
 
-    std::string user_of(const std::string &client_id) const; // empty when nobody knows
+    std::string user_of(std::string_view client_id) const; // empty when nobody knows
 
     // Ids that belong to users who are no more in the file.
     std::vector<std::string> ids_of_removed_users() const;
@@ -81,10 +82,10 @@ private:
         std::shared_ptr<const Acl> acl;
     };
     Files                      files() const;
-    std::optional<std::string> user_with_rights(const Files &files, const std::string &client_id) const;
+    std::optional<std::string> user_with_rights(const Files &files, std::string_view client_id) const;
     Verdict                    check_password(Users &users, const std::string &user, const std::string &password,
                                               std::string_view address);
-    static Verdict             may_write(const Files &files, const Asker &asker, const std::string &topic);
+    static Verdict             may_write(const Files &files, const Asker &asker, std::string_view topic);
 
     const std::string  user_file_;
     const std::string  acl_file_;

@@ -36,6 +36,14 @@ std::optional<std::string> filled(const std::string &filter, const Asker &asker)
     return text;
 }
 
+bool covers_for(const Asker &asker, const std::string &filter, std::string_view wanted)
+{
+    if (filter.find('%') == filter.npos)
+        return covers(filter, wanted);
+    const std::optional<std::string> own = filled(filter, asker);
+    return own && covers(*own, wanted);
+}
+
 } // namespace
 
 bool matches_pattern(std::string_view pattern, std::string_view text)
@@ -165,8 +173,7 @@ bool Acl::may_subscribe(const Asker &asker, std::string_view filter) const
 {
     const auto allowed = [&](std::string_view wanted) {
         return any_rule(asker, [&](const Rule &rule) {
-            const std::optional<std::string> own = rule.read ? filled(rule.filter, asker) : std::nullopt;
-            return own && covers(*own, without_group(wanted));
+            return rule.read && covers_for(asker, rule.filter, without_group(wanted));
         });
     };
     return allowed(filter) &&
@@ -175,10 +182,7 @@ bool Acl::may_subscribe(const Asker &asker, std::string_view filter) const
 
 bool Acl::may_publish(const Asker &asker, std::string_view topic) const
 {
-    return any_rule(asker, [&](const Rule &rule) {
-        const std::optional<std::string> own = rule.write ? filled(rule.filter, asker) : std::nullopt;
-        return own && covers(*own, topic);
-    });
+    return any_rule(asker, [&](const Rule &rule) { return rule.write && covers_for(asker, rule.filter, topic); });
 }
 
 } // namespace tarn::broker

@@ -53,17 +53,17 @@ bool is_online(const Ids &online, std::string_view client_id)
 bool Bindings::bind(std::string_view client_id, std::string_view user)
 {
     const std::lock_guard lock(mutex_);
-    const std::string     id(client_id), name(user);
-    if (const auto found = table_.find(id); found != table_.end()) {
-        if (found->second.user != name)
+    if (const auto found = table_.find(client_id); found != table_.end()) {
+        if (found->second.user != user)
             return false;
         found->second.bound_in = sweeps_;
         return true;
     }
-    size_t &ids = ids_of_[name];
+    const std::string name(user);
+    size_t           &ids = ids_of_[name];
     if (ids >= kIdsMax)
         return false;
-    table_.emplace(id, Binding{name, sweeps_, false});
+    table_.emplace(client_id, Binding{name, sweeps_, false});
     ++ids;
     return true;
 }
@@ -71,7 +71,7 @@ bool Bindings::bind(std::string_view client_id, std::string_view user)
 std::optional<std::string> Bindings::user_of(std::string_view client_id) const
 {
     const std::lock_guard lock(mutex_);
-    const auto            found = table_.find(std::string(client_id));
+    const auto            found = table_.find(client_id);
     if (found == table_.end())
         return {};
     return found->second.user;
@@ -80,14 +80,14 @@ std::optional<std::string> Bindings::user_of(std::string_view client_id) const
 void Bindings::subscribed(std::string_view client_id)
 {
     const std::lock_guard lock(mutex_);
-    if (const auto found = table_.find(std::string(client_id)); found != table_.end())
+    if (const auto found = table_.find(client_id); found != table_.end())
         found->second.subscribed = true;
 }
 
 void Bindings::forget(std::string_view client_id)
 {
     const std::lock_guard lock(mutex_);
-    if (const auto found = table_.find(std::string(client_id)); found != table_.end())
+    if (const auto found = table_.find(client_id); found != table_.end())
         end(found);
 }
 

@@ -59,7 +59,11 @@ private:
         uint64_t    bound_in; // the sweep before
         bool        subscribed;
     };
-    using Table = std::unordered_map<std::string, Binding>;
+    struct Hash { // finds without a copy of the id
+        using is_transparent = void;
+        size_t operator()(std::string_view id) const { return std::hash<std::string_view>()(id); }
+    };
+    using Table = std::unordered_map<std::string, Binding, Hash, std::equal_to<>>;
     struct Candidate {
         std::string id;
         uint64_t    bound_in;

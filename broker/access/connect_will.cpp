@@ -8,7 +8,6 @@
 namespace tarn::broker {
 namespace {
 
-constexpr uint8_t kConnect    = 0x10;
 constexpr uint8_t kCleanFlag  = 0x02;
 constexpr uint8_t kWillFlag   = 0x04;
 constexpr uint8_t kWillBits   = 0x3C; // the flag, its QoS, its retain flag
@@ -124,22 +123,30 @@ size_t cut_to_packet(std::span<const uint8_t> &packet)
     return 1 + bytes;
 }
 
+// Where the flags of a CONNECT stand, 0 when it is none or too short. Cuts the packet.
+size_t flags_of_connect(std::span<const uint8_t> &packet)
+{
+    if (!is_connect(packet))
+        return 0;
+    const size_t body = cut_to_packet(packet);
+    return body != 0 && packet.size() > body + kFlagsAfter ? body + kFlagsAfter : 0;
+}
+
 } // namespace
 
-bool is_connect(std::span<const uint8_t> packet)
+bool has_will_flag(std::span<const uint8_t> packet)
 {
-    return !packet.empty() && packet[0] == kConnect;
+    const size_t flags = flags_of_connect(packet);
+    return flags != 0 && (packet[flags] & kWillFlag) != 0;
 }
 
 std::optional<ConnectWill> find_will(std::span<const uint8_t> packet)
 {
-    if (!is_connect(packet))
+    if (!has_will_flag(packet))
         return {};
     ConnectWill will{};
-    will.body  = cut_to_packet(packet);
-    will.flags = will.body + kFlagsAfter;
-    if (will.body == 0 || packet.size() <= will.flags || (packet[will.flags] & kWillFlag) == 0)
-        return {};
+    will.body           = cut_to_packet(packet);
+    will.flags          = will.body + kFlagsAfter;
     const uint8_t level = packet[will.flags - 1], flags = packet[will.flags];
     Reader        in(packet, will.flags + 1);
     in.u16(); // the keep-alive
@@ -160,15 +167,6 @@ std::optional<ConnectWill> find_will(std::span<const uint8_t> packet)
 }
 
 namespace {
-
-// Where the flags of a CONNECT stand, 0 when it is none or too short. Cuts the packet.
-size_t flags_of_connect(std::span<const uint8_t> &packet)
-{
-    if (!is_connect(packet))
-        return 0;
-    const size_t body = cut_to_packet(packet);
-    return body != 0 && packet.size() > body + kFlagsAfter ? body + kFlagsAfter : 0;
-}
 
 bool has_expiry_interval(std::span<const uint8_t> packet, size_t flags)
 {
@@ -199,12 +197,6 @@ bool keeps_standard_session(std::span<const uint8_t> packet)
     if (flags == 0)
         return false;
     return packet[flags - 1] == 5 ? has_expiry_interval(packet, flags) : (packet[flags] & kCleanFlag) == 0;
-}
-
-bool leaves_standard_will(std::span<const uint8_t> packet)
-{
-    const size_t flags = flags_of_connect(packet);
-    return flags != 0 && (packet[flags] & kWillFlag) != 0;
 }
 
 std::vector<uint8_t> without_will(std::span<const uint8_t> packet, const ConnectWill &will)

@@ -22,7 +22,15 @@ struct ConnectWill {
     size_t      begin, end; // of the will's properties, topic and payload
 };
 
-bool is_connect(std::span<const uint8_t> packet);
+constexpr uint8_t kConnect = 0x10; // its first byte
+
+inline bool is_connect(std::span<const uint8_t> packet)
+{
+    return !packet.empty() && packet[0] == kConnect;
+}
+
+// Whether it is a CONNECT that says that it leaves a will. One that is refused may read either way.
+bool has_will_flag(std::span<const uint8_t> packet);
 
 // Nothing when the packet is no CONNECT, leaves no will, or is one that the library refuses.
 std::optional<ConnectWill> find_will(std::span<const uint8_t> packet);
@@ -30,10 +38,8 @@ std::optional<ConnectWill> find_will(std::span<const uint8_t> packet);
 // Whether it is a CONNECT that asks for its session to outlive the connection.
 bool keeps_session(std::span<const uint8_t> packet);
 
-// The same of a packet of the standard profile, and whether it is a CONNECT that leaves a will. One that is refused may
-// read either way.
+// The same of a packet of the standard profile. One that is refused may read either way.
 bool keeps_standard_session(std::span<const uint8_t> packet);
-bool leaves_standard_will(std::span<const uint8_t> packet);
 
 // The same CONNECT without its will.
 std::vector<uint8_t> without_will(std::span<const uint8_t> packet, const ConnectWill &will);

@@ -30,7 +30,7 @@ private:
 
 bool is_topic(std::string_view text)
 {
-    return !text.empty() && text.find_first_of("+#") == text.npos && is_utf8(text);
+    return !text.empty() && text.find('+') == text.npos && text.find('#') == text.npos && is_utf8(text);
 }
 
 std::string filter_mistake(std::string_view filter)

@@ -43,8 +43,10 @@ constexpr uint8_t kPublish = 0x30, kRetain = 0x01, kTypeBits = 0xF0;
 
 std::optional<DroppedWill> judge(uint32_t handle, std::span<const uint8_t> packet)
 {
+    if (!has_will_flag(packet))
+        return {};
     if (!g_keeper.judge_will) {
-        t_packet.leaves_will = leaves_standard_will(packet);
+        t_packet.leaves_will = true;
         return {};
     }
     std::optional<ConnectWill> will = find_will(packet);
@@ -92,6 +94,13 @@ uint8_t on_network_event(uint32_t handle, uint32_t event, const uint8_t *data, u
     return g_library(handle, event, data, length, reason, error, broker);
 }
 
+void await_installation()
+{
+    const auto give_up = std::chrono::steady_clock::now() + kStartMax;
+    while (!g_installed && std::chrono::steady_clock::now() < give_up)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
 // A connection that could not be counted, and a CONNECT whose will nobody could look at, end.
 uint8_t end_connection(uint32_t handle, uint32_t /*event*/, const uint8_t * /*data*/, uint32_t /*length*/,
                        uint32_t /*reason*/, uint32_t /*error*/, void * /*broker*/)
@@ -121,9 +130,8 @@ void install_gate(const GateKeeper &keeper)
 
 bool passed_gate()
 {
-    const auto give_up = std::chrono::steady_clock::now() + kStartMax;
-    while (!g_installed && std::chrono::steady_clock::now() < give_up)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (!g_installed)
+        await_installation();
     return t_packet.handle != NETIP_NO_HANDLE;
 }
 

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 #include <string_view>
 #include <utility>
@@ -77,12 +78,11 @@ void on_closed(uint32_t handle)
 
 // ---- CONNECT
 
-Verdict fits_quotas(const std::string &client_id, const char *user)
+Verdict fits_quotas(const char *client_id, std::string_view user)
 {
-    const uint32_t    handle = packet_handle();
-    const std::string id     = client_id.substr(0, CLIENT_ID_CHARS); // as the library takes it
-    const std::string owner  = g_access->asks_for_users() ? user : "";
-    if (const char *const why = g_quotas->connect(handle, owner, id, packet_keeps_session(), now_ms()))
+    const uint32_t handle = packet_handle();
+    std::string    id(client_id, strnlen(client_id, CLIENT_ID_CHARS)); // as the library takes it
+    if (const char *const why = g_quotas->connect(handle, user, std::move(id), packet_keeps_session(), now_ms()))
         return {why};
     if (packet_leaves_will() && !g_serves_standard)
         if (const mqtt_client_t *const client = client_find_by_handle(handle))
@@ -96,6 +96,8 @@ Verdict judge_login(const char *client_id, const char *user, const char *passwor
 {
     if (!passed_gate()) // without users and rules there is nothing to look at, and one client more does not count
         return g_access->is_wanted() ? Verdict{"it came while the broker started"} : Verdict{};
+    if (!g_access->asks_for_users())
+        return fits_quotas(client_id, "");
     return g_access->may_connect(client_id, user, password, peer_ip(), [&] { return fits_quotas(client_id, user); });
 }
 

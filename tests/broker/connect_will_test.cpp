@@ -183,13 +183,13 @@ TEST(connect_session, of_the_standard_profile_is_kept_by_flag_or_interval)
 
 TEST(connect_session, has_a_will_of_the_standard_profile_by_its_flag)
 {
-    EXPECT_FALSE(leaves_standard_will(connect_packet(4, "a")));
-    EXPECT_TRUE(leaves_standard_will(connect_packet(4, "a", {.will = Will{"t", "x"}})));
-    EXPECT_TRUE(leaves_standard_will(connect_packet(5, std::string(100, 'x'), {.will = Will{"t", "x"}})));
-    EXPECT_FALSE(leaves_standard_will(publish_packet(4, "t", "x")));
+    EXPECT_FALSE(has_will_flag(connect_packet(4, "a")));
+    EXPECT_TRUE(has_will_flag(connect_packet(4, "a", {.will = Will{"t", "x"}})));
+    EXPECT_TRUE(has_will_flag(connect_packet(5, std::string(100, 'x'), {.will = Will{"t", "x"}})));
+    EXPECT_FALSE(has_will_flag(publish_packet(4, "t", "x")));
     const Bytes whole = connect_packet(5, "a", {.will = Will{"t", "x"}});
     for (size_t length = 0; length < whole.size(); ++length) {
-        leaves_standard_will(std::span(whole).first(length));
+        has_will_flag(std::span(whole).first(length));
         keeps_standard_session(std::span(whole).first(length));
     }
 }

@@ -43,6 +43,14 @@ struct quotas : testing::Test {
         return some.connect(handle, user, id, keeps, now_ms);
     }
     void go(uint32_t which) { some.close(which); }
+    // And goes again, with a subscription: it may be there still.
+    const char *come_and_go(const char *id)
+    {
+        const char *const why = come(id);
+        some.subscribe(handle, id, now_ms);
+        go(handle);
+        return why;
+    }
 
     std::vector<std::string>                   subscriber_ids, topics;
     std::function<size_t(const std::string &)> subscriptions_of;
@@ -74,16 +82,13 @@ TEST_F(quotas, connections_are_of_an_address_until_they_are_a_users)
 
 TEST_F(quotas, ids_count_as_long_as_something_is_behind_them)
 {
-    for (const char *id : {"a", "b"}) {
-        EXPECT_FALSE(come(id));
-        go(handle);
-    }
+    for (const char *id : {"a", "b"})
+        EXPECT_FALSE(come_and_go(id));
     EXPECT_TRUE(come("c")) << "what is young stays";
     go(handle);
     now_ms += 20'000;
     online = {"a"};
-    EXPECT_FALSE(come("c"));
-    go(handle);
+    EXPECT_FALSE(come_and_go("c"));
     now_ms += 20'000;
     online         = {};
     subscriber_ids = {"a", "c"};
@@ -92,12 +97,104 @@ TEST_F(quotas, ids_count_as_long_as_something_is_behind_them)
     EXPECT_FALSE(come("a")) << "its own is no new one";
 }
 
-TEST_F(quotas, ids_with_commas_are_online_in_pieces)
+TEST_F(quotas, ids_that_leave_nothing_end_with_their_connections)
 {
-    for (const char *id : {"a,b", "c"}) {
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_FALSE(come(("one of many, and too long to stand in a string itself " + std::to_string(i)).c_str()));
+        go(handle);
+    }
+    EXPECT_FALSE(come("a"));
+    EXPECT_FALSE(come("a", kThere)) << "an older connection may stay beside it";
+    go(handle);
+    EXPECT_FALSE(come("b", kThere));
+    go(handle);
+    EXPECT_FALSE(come("b", kThere));
+    EXPECT_STREQ(come("c", kThere), "its user or address has as many ids as one may have") << "a is the last one's";
+}
+
+TEST_F(quotas, ids_that_may_leave_something_stay)
+{
+    EXPECT_FALSE(come("kept", kHere, "", true));
+    go(handle);
+    EXPECT_FALSE(come_and_go("subscribed"));
+    EXPECT_TRUE(come("c"));
+    go(handle);
+    EXPECT_FALSE(come("kept")) << "begins clean";
+    go(handle);
+    EXPECT_TRUE(come("c")) << "whether the library has begun it is not known";
+}
+
+TEST_F(quotas, connections_have_the_id_they_came_with_last)
+{
+    for (const char *id : {"a", "b", "c"}) {
+        EXPECT_FALSE(come("x"));
+        EXPECT_FALSE(some.connect(handle, "", id, false, now_ms));
+        EXPECT_FALSE(some.connect(handle, "", id, false, now_ms)) << "again";
+        go(handle);
+    }
+    EXPECT_FALSE(come("x"));
+    EXPECT_FALSE(some.connect(handle, "", "y", false, now_ms));
+    EXPECT_FALSE(some.connect(handle, "", "", false, now_ms)) << "the library chooses one";
+    EXPECT_STREQ(come("z"), "its user or address has as many ids as one may have");
+    go(handle);
+    go(handle - 1);
+    EXPECT_TRUE(come("z")) << "x and y were not the last of their connection";
+    go(handle);
+    for (const char *id : {"x", "y"}) {
         EXPECT_FALSE(come(id));
         go(handle);
     }
+    EXPECT_FALSE(come("z"));
+}
+
+TEST_F(quotas, connections_whose_ids_the_library_does_not_know_harm_no_other_ids)
+{
+    Quotas::Limits own                           = limits();
+    own[static_cast<size_t>(Quota::Connections)] = 0;
+    Quotas     only(own, holdings());
+    const auto comes = [&](uint32_t on, const char *id) {
+        only.open(on, kHere);
+        return only.connect(on, "", id, false, now_ms);
+    };
+    EXPECT_FALSE(comes(1, "a"));
+    EXPECT_FALSE(comes(2, "b"));
+    now_ms += 20'000;
+    EXPECT_FALSE(comes(3, "c")) << "a and b are gone";
+    only.close(1);
+    only.close(2);
+    EXPECT_FALSE(comes(4, "d"));
+    EXPECT_STREQ(comes(5, "e"), "its user or address has as many ids as one may have");
+}
+
+TEST_F(quotas, turns_forget_who_has_nothing_and_nobody_else)
+{
+    EXPECT_FALSE(come("a", kHere, "alice"));
+    EXPECT_FALSE(some.publish_retained(handle, "t1", now_ms));
+    some.turn(now_ms);
+    EXPECT_FALSE(come("b", kHere, "alice"));
+    EXPECT_STREQ(come("c", kHere, "alice"), "its user or address has as many connections as one may have");
+    for (uint32_t open = 1; open <= handle; ++open)
+        go(open);
+    some.turn(now_ms);
+    EXPECT_FALSE(come("a", kHere, "alice"));
+    EXPECT_FALSE(some.publish_retained(handle, "t2", now_ms));
+    topics = {"t1", "t2"};
+    EXPECT_TRUE(some.publish_retained(handle, "t3", now_ms)) << "t1 is hers still";
+}
+
+TEST_F(quotas, turns_forget_no_address_that_a_user_came_from)
+{
+    EXPECT_FALSE(come("a", kHere, "alice"));
+    some.turn(now_ms);
+    EXPECT_FALSE(some.connect(handle, "", "b", false, now_ms)) << "now it is nobody's but the address's";
+    EXPECT_FALSE(come("c"));
+    EXPECT_STREQ(come("d"), "its user or address has as many connections as one may have");
+}
+
+TEST_F(quotas, ids_with_commas_are_online_in_pieces)
+{
+    for (const char *id : {"a,b", "c"})
+        EXPECT_FALSE(come_and_go(id));
     now_ms += 20'000;
     online = {"a", "b", "c"};
     EXPECT_TRUE(come("d"));
@@ -272,6 +369,19 @@ TEST(quotas_of_the_program, ids_subscriptions_and_sessions)
     a.expect("90 03 00 09 80");
     EXPECT_TRUE(prints(broker, "[WARN] subscription refused: no user, id c, address 127.0.0.1:"));
     expect_refused_connect("d", {});
+    EXPECT_TRUE(ends_well(broker));
+}
+
+TEST(quotas_of_the_program, ids_of_clients_that_left_nothing)
+{
+    Child broker = run({"--quota-ids", "1"});
+    ASSERT_TRUE(serves(broker));
+    for (const char *id : {"a", "b", "c"})
+        EXPECT_TRUE(wait_until([&] { // the broker may not have heard yet that the last one is gone
+            Peer peer = Peer::tcp();
+            peer.send(connect_packet(4, id));
+            return hex(peer.read_packet(kLimit_ms)) == "20 02 00 00";
+        }));
     EXPECT_TRUE(ends_well(broker));
 }
 
