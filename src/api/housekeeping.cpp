@@ -77,7 +77,7 @@ void start_housekeeping(broker_t &broker)
     if (shared(broker.thread) != 0)
         return;
     pthread_t thread = 0;
-    if (start_thread(&thread, "tarn-house", housekeeping_thread, &broker) == 0)
+    if (start_thread(&thread, "tarn-house", housekeeping_thread, &broker, WakesUp::ToWait) == 0)
         shared(broker.thread) = thread;
 }
 

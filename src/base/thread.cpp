@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <initializer_list>
+#include <sched.h>
 #include <signal.h>
 
 namespace tarn {
@@ -16,8 +17,16 @@ constinit thread_local bool t_library_thread = false;
 struct Launch {
     const char *name;
     void *(*body)(void *);
-    void *arg;
+    void   *arg;
+    WakesUp wakes_up;
 };
+
+void give_way_to_who_runs()
+{
+    const sched_param none{};
+    if (sched_getscheduler(0) == SCHED_OTHER)
+        (void)sched_setscheduler(0, SCHED_BATCH, &none);
+}
 
 void *run(void *arg)
 {
@@ -25,6 +34,8 @@ void *run(void *arg)
     free(arg);
     t_library_thread = true;
     pthread_setname_np(pthread_self(), launch.name);
+    if (launch.wakes_up == WakesUp::ToWait)
+        give_way_to_who_runs();
     return launch.body(launch.arg);
 }
 
@@ -40,12 +51,12 @@ sigset_t asynchronous_signals() noexcept
 
 } // namespace
 
-int start_thread(pthread_t *handle, const char *name, void *(*body)(void *), void *arg) noexcept
+int start_thread(pthread_t *handle, const char *name, void *(*body)(void *), void *arg, WakesUp wakes_up) noexcept
 {
     owned<Launch> launch = allocate<Launch>(1);
     if (!launch)
         return ENOMEM;
-    launch[0] = {name, body, arg};
+    launch[0] = {name, body, arg, wakes_up};
 
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);

@@ -6,10 +6,17 @@
 
 namespace tarn {
 
+// What a thread that wakes up does to one that runs on its processor. Who waits begins at once on an idle processor, else
+// when the other sleeps or has had its time slice: for work that may be some milliseconds late, such as that of the clock,
+// or that comes in heaps and is cheaper together.
+enum class WakesUp : bool { ToPreempt, ToWait };
+
 // Starts a thread with a 1 MiB stack (packet handling is deep but never holds big records), a name for debuggers
 // (15 characters at most, a constant) and every asynchronous signal blocked, so that the host's handlers run on the
-// host's threads. Returns 0 or the errno value of the failure.
-int start_thread(pthread_t *handle, const char *name, void *(*body)(void *), void *arg) noexcept;
+// host's threads. A scheduling policy that the host chose for its own thread is inherited and stays. Returns 0 or the
+// errno value of the failure.
+int start_thread(pthread_t *handle, const char *name, void *(*body)(void *), void *arg,
+                 WakesUp wakes_up = WakesUp::ToPreempt) noexcept;
 
 // True on a thread that start_thread made.
 bool on_library_thread() noexcept;

@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/socket.h>
 
 namespace tarn::net {
@@ -126,19 +125,9 @@ void make_listener_blocking()
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
 }
 
-// Who runs when a connection comes is not preempted for it. Then the next ones have come, too, until the thread gets its
-// turn, and a wake-up is paid for once. On an idle processor it begins at once. A host's own choice stays.
-void give_way_to_who_runs()
-{
-    const sched_param none{};
-    if (sched_getscheduler(0) == SCHED_OTHER)
-        (void)sched_setscheduler(0, SCHED_BATCH, &none);
-}
-
 void *accept_thread(void *)
 {
     t_accepting = true;
-    give_way_to_who_runs();
     make_listener_blocking();
     for (;;) {
         Arrival arrival;
@@ -167,7 +156,8 @@ bool start_accepting() noexcept
         g_alive = true;
     }
     pthread_t thread;
-    if (start_thread(&thread, "tarn-accept", accept_thread, nullptr) == 0) {
+    // Where it waits, the next connections have come, too, and a wake-up is paid for once.
+    if (start_thread(&thread, "tarn-accept", accept_thread, nullptr, WakesUp::ToWait) == 0) {
         pthread_detach(thread);
         return true;
     }

@@ -216,7 +216,7 @@ int start_scan_thread()
     owned<ScanThread> thread = allocate<ScanThread>(1);
     if (!thread)
         return ENOMEM;
-    if (const int error = start_thread(&thread[0].handle, "tarn-qos-scan", scan_queue_thread, nullptr))
+    if (const int error = start_thread(&thread[0].handle, "tarn-qos-scan", scan_queue_thread, nullptr, WakesUp::ToWait))
         return error;
     ScopedLock lock(g_threads_mutex);
     g_scan_thread  = thread[0].handle;

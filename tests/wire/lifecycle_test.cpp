@@ -4,8 +4,12 @@
 #include "support/process_state.h"
 
 #include <arpa/inet.h>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <map>
 #include <netinet/in.h>
+#include <sched.h>
 #include <sstream>
 #include <string>
 #include <sys/socket.h>
@@ -122,6 +126,18 @@ void expect_no_growth(auto round)
         << descriptor_count() << " descriptors, were " << descriptors;
 }
 
+// By the names of this process's threads.
+std::map<std::string, int> policies_of_threads()
+{
+    std::map<std::string, int> policies;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        policies[name] = sched_getscheduler(std::stoi(task.path().filename()));
+    }
+    return policies;
+}
+
 } // namespace
 
 TEST(lifecycle, one_round)
@@ -132,6 +148,19 @@ TEST(lifecycle, one_round)
         expect_service();
         host.play("t0 d0 x0");
     });
+}
+
+// What is due by the clock, and connections, which come in heaps, wait for a packet that is being handled.
+TEST(lifecycle, threads_of_the_clock_preempt_nobody)
+{
+    const Host                 host;
+    std::map<std::string, int> policies;
+    EXPECT_TRUE(eventually([&] { // a new thread begins with its name and policy
+        policies = policies_of_threads();
+        return policies["tarn-accept"] == SCHED_BATCH && policies["tarn-house"] == SCHED_BATCH &&
+               policies["tarn-qos-scan"] == SCHED_BATCH && policies["tarn-send"] == SCHED_BATCH;
+    }));
+    EXPECT_EQ(policies["tarn-io"], SCHED_OTHER);
 }
 
 TEST(lifecycle, stop_and_start_again)

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <semaphore>
 #include <string>
 #include <thread>
@@ -22,7 +23,8 @@ struct Self {
     size_t    stack    = 0;
     bool      ours     = false;
     sigset_t  mask{};
-    pthread_t id = 0;
+    pthread_t id     = 0;
+    int       policy = -1;
 
     static void *look(void *self)
     {
@@ -38,15 +40,16 @@ struct Self {
         pthread_attr_getstacksize(&attributes, &stack);
         pthread_attr_destroy(&attributes);
         pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-        ours = on_library_thread();
+        ours   = on_library_thread();
+        policy = sched_getscheduler(0);
     }
 };
 
-Self run()
+Self run(WakesUp wakes_up = WakesUp::ToPreempt)
 {
     Self      self;
     pthread_t thread = 0;
-    EXPECT_EQ(start_thread(&thread, "tarn-test", Self::look, &self), 0);
+    EXPECT_EQ(start_thread(&thread, "tarn-test", Self::look, &self, wakes_up), 0);
     join_or_detach(thread);
     EXPECT_NE(self.id, 0u);
     return self;
@@ -59,6 +62,20 @@ TEST(thread, has_its_name_and_a_stack_of_1_mib)
     const Self self = run();
     EXPECT_STREQ(self.name, "tarn-test");
     EXPECT_EQ(self.stack, 1024u * 1024u);
+}
+
+TEST(thread, preempts_nobody_if_it_is_to_wait)
+{
+    EXPECT_EQ(run().policy, SCHED_OTHER);
+    EXPECT_EQ(run(WakesUp::ToWait).policy, SCHED_BATCH);
+    EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER);
+}
+
+TEST(thread, keeps_the_policy_that_the_host_chose)
+{
+    const sched_param none{};
+    ASSERT_EQ(sched_setscheduler(0, SCHED_IDLE, &none), 0);
+    EXPECT_EQ(run(WakesUp::ToWait).policy, SCHED_IDLE);
 }
 
 TEST(thread, takes_no_signal_but_its_own_faults)
