@@ -189,7 +189,7 @@ void watch_journal(Engine &engine) noexcept REQUIRES(engine_mutex);
 // The thread is in a round of the network layer, which flushes at its end.
 void begin_round() noexcept;
 void end_round() noexcept;
-bool in_round() noexcept;
+void flush_now_or_with_round(Engine &engine) noexcept REQUIRES(engine_mutex);
 
 // ---- ends (end.cpp, will.cpp)
 

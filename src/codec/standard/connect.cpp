@@ -66,7 +66,6 @@ void read_will(Reader &in, uint8_t flags, Connect &connect)
 
 Verdict decode_connect(Bytes packet, Connect &connect) noexcept
 {
-    connect   = {};
     Reader in = open_packet(packet, CONNECT, Level::Mqtt311); // the level is not known yet
     read_protocol(in, connect);
     if (connect.level == Level::Mqtt5)
