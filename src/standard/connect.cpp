@@ -208,12 +208,12 @@ Session *session_left_by_earlier(Engine &engine, const Login &login, Session *se
     return session;
 }
 
-Session *make_session(Engine &engine, const Login &login) REQUIRES(engine_mutex)
+Session *make_session(Engine &engine, const Login &login, const Sessions::Key &key) REQUIRES(engine_mutex)
 {
     State &state = engine.state;
     if (expiry_of(login.connect) > 0 && state.sessions.count_kept() >= state.limits.sessions)
         return nullptr;
-    return state.sessions.make(login.id, state.bounds());
+    return state.sessions.make(key, state.bounds());
 }
 
 // A client that came back has not vanished: its delayed will is forgotten [MQTT-3.1.3-9].
@@ -314,7 +314,8 @@ bool can_record(Engine &engine, const Login &login, const Session *earlier) REQU
 // Not Success: there is no room for its session, or it cannot be recorded.
 Reason log_in(Engine &engine, const Login &login) REQUIRES(engine_mutex)
 {
-    Session *const earlier = engine.state.sessions.find(login.id);
+    const Sessions::Key key     = engine.state.sessions.key_of(login.id);
+    Session *const      earlier = engine.state.sessions.find(key);
     if (!can_record(engine, login, earlier))
         return Reason::ServerUnavailable;
     Connection    &connection = login.connection;
@@ -322,7 +323,7 @@ Reason log_in(Engine &engine, const Login &login) REQUIRES(engine_mutex)
     const bool     was_there  = earlier != nullptr;
     Session       *session    = session_left_by_earlier(engine, login, earlier);
     const bool     is_present = session != nullptr;
-    if (!session && !(session = make_session(engine, login)))
+    if (!session && !(session = make_session(engine, login, key)))
         return Reason::ServerUnavailable;
     if (!begin_session(engine, login, *session)) {
         give_back(engine, *session, is_present);

@@ -31,14 +31,20 @@ struct Received {
 };
 constinit thread_local Received t_received;
 
+void add(Shared<uint64_t> &counter, uint32_t packets)
+{
+    if (packets > 0)
+        bump(counter, packets);
+}
+
 void count_all_received()
 {
     const Received received = std::exchange(t_received, {});
-    bump(g_mqtt_stats.pkt_rx, received.packets);
-    bump(g_mqtt_stats.period_rx, received.packets);
-    bump(g_mqtt_stats.qos0, received.by_qos[0]);
-    bump(g_mqtt_stats.qos1, received.by_qos[1]);
-    bump(g_mqtt_stats.qos2, received.by_qos[2]);
+    add(g_mqtt_stats.pkt_rx, received.packets);
+    add(g_mqtt_stats.period_rx, received.packets);
+    add(g_mqtt_stats.qos0, received.by_qos[0]);
+    add(g_mqtt_stats.qos1, received.by_qos[1]);
+    add(g_mqtt_stats.qos2, received.by_qos[2]);
 }
 
 void count_sent(Engine &engine) REQUIRES(engine_mutex)

@@ -20,9 +20,9 @@ Sessions::~Sessions()
         destroy(*first_);
 }
 
-Session *Sessions::find(std::string_view id) const noexcept
+Session *Sessions::find(const Key &key) const noexcept
 {
-    return by_id_.find(hash_(id), [id](const Session &session) { return session.text == id; });
+    return by_id_.find(key.hash, [&key](const Session &session) { return session.text == key.id; });
 }
 
 Session *Sessions::find(uint64_t number) const noexcept
@@ -32,9 +32,10 @@ Session *Sessions::find(uint64_t number) const noexcept
     return found ? found->session : nullptr;
 }
 
-Session *Sessions::make(std::string_view id, const DeliveryBounds &bounds, uint64_t number) noexcept
+Session *Sessions::make(const Key &key, const DeliveryBounds &bounds, uint64_t number) noexcept
 {
-    void *const block = malloc(sizeof(Session) + id.size());
+    const std::string_view id    = key.id;
+    void *const            block = malloc(sizeof(Session) + id.size());
     if (!block)
         return nullptr;
     if (number == 0)
@@ -44,7 +45,7 @@ Session *Sessions::make(std::string_view id, const DeliveryBounds &bounds, uint6
     char *const text    = reinterpret_cast<char *>(session + 1);
     memcpy(text, id.data(), id.size());
     session->text = {text, id.size()};
-    by_id_.insert(*session, hash_(id));
+    by_id_.insert(*session, key.hash);
     by_number_.insert(session->by_number, hash_of(number));
     session->previous              = last_;
     (last_ ? last_->next : first_) = session;
