@@ -44,8 +44,7 @@ void go_away(Engine &engine, Session &session, WithWill will) REQUIRES(engine_mu
     session.connection = nullptr;
     session.deliveries.absent();
     count_drops(session);
-    if (session.is_kept() || session.is_known_to_files) // nobody asks it of others
-        session.away_ms = wall_ms();
+    session.away_ms = wall_ms();
     if (will == WithWill::No)
         session.will = {};
     if (!session.is_kept())

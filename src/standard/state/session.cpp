@@ -1,8 +1,10 @@
 // session.cpp - the table of sessions. See session.h.
 #include "session.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace tarn::standard {
 namespace {
@@ -18,6 +20,25 @@ Sessions::~Sessions()
 {
     while (first_)
         destroy(*first_);
+    while (spares_)
+        free(std::exchange(spares_, spares_->next));
+}
+
+// Null without memory.
+void *Sessions::take_block(size_t id_size) noexcept
+{
+    if (id_size > kShortId || !spares_)
+        return malloc(sizeof(Session) + std::max(id_size, kShortId));
+    --spare_count_;
+    return std::exchange(spares_, spares_->next);
+}
+
+void Sessions::give_back_block(void *block, size_t id_size) noexcept
+{
+    if (id_size > kShortId || spare_count_ == kSparesMax)
+        return free(block);
+    spares_ = new (block) Spare{spares_};
+    ++spare_count_;
 }
 
 Session *Sessions::find(const Key &key) const noexcept
@@ -35,7 +56,7 @@ Session *Sessions::find(uint64_t number) const noexcept
 Session *Sessions::make(const Key &key, const DeliveryBounds &bounds, uint64_t number) noexcept
 {
     const std::string_view id    = key.id;
-    void *const            block = malloc(sizeof(Session) + id.size());
+    void *const            block = take_block(id.size());
     if (!block)
         return nullptr;
     if (number == 0)
@@ -70,8 +91,9 @@ void Sessions::destroy(Session &session) noexcept
         cursor_ = session.next;
     (session.previous ? session.previous->next : first_) = session.next;
     (session.next ? session.next->previous : last_)      = session.previous;
+    const size_t id_size                                 = session.text.size();
     session.~Session();
-    free(&session);
+    give_back_block(&session, id_size);
 }
 
 void Sessions::set_due(Session &session, uint64_t due_ms) noexcept

@@ -106,6 +106,15 @@ public:
     Session *&cursor() noexcept { return cursor_; }
 
 private:
+    // Blocks of sessions that ended: a client that comes and goes takes one up again, which another thread let go.
+    static constexpr size_t kShortId   = 32; // bytes; a session with a longer id leaves none
+    static constexpr size_t kSparesMax = 256;
+    struct Spare {
+        Spare *next;
+    };
+    void *take_block(size_t id_size) noexcept;
+    void  give_back_block(void *block, size_t id_size) noexcept;
+
     TextHash                 hash_;
     HashTable<Session>       by_id_;
     HashTable<SessionNumber> by_number_;
@@ -116,6 +125,8 @@ private:
     Session                 *cursor_      = nullptr;
     uint64_t                 last_number_ = 0;
     size_t                   kept_        = 0;
+    Spare                   *spares_      = nullptr;
+    size_t                   spare_count_ = 0;
 };
 
 } // namespace tarn::standard
