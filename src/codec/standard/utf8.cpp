@@ -23,8 +23,8 @@ bool is_ascii(uint8_t byte)
     return byte != 0 && byte < 0x80;
 }
 
-// The length of a sequence of two bytes or more at the front, 0 if it is none. The second byte's range keeps out longer forms than needed,
-// surrogates, and all above U+10FFFF.
+// The length of a sequence of two bytes or more at the front, 0 if it is none. The second byte's range keeps out longer
+// forms than needed, surrogates, and all above U+10FFFF.
 size_t sequence_length(const uint8_t *at, size_t left)
 {
     const uint8_t lead = at[0];
