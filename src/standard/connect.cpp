@@ -46,10 +46,9 @@ void refuse(Connection &connection, const Verdict &verdict)
     drop_connection(*turn, connection, WithWill::No);
 }
 
-// What the client can take holds for every answer, the refusal too.
+// What the client can take holds for every answer, the refusal too. Nobody else looks before its stage is Connected.
 void note_receiver(Connection &connection, const Connect &connect)
 {
-    const ScopedLock lock(engine_mutex);
     connection.level               = connect.level;
     connection.is_bridge           = connect.is_bridge;
     connection.maximum_packet_size = connect.properties.maximum_packet_size.value_or(0);
@@ -59,6 +58,16 @@ void note_receiver(Connection &connection, const Connect &connect)
 }
 
 // ---- who it is
+
+// The key does not change while the engine runs, and few identifiers need it.
+IdKey key_for(std::string_view id)
+{
+    if (is_stored_whole(id))
+        return {};
+    const ScopedLock    lock(engine_mutex);
+    const Engine *const engine = running_engine();
+    return engine ? engine->state.id_key : IdKey{};
+}
 
 // Those of any length are accepted; 3.1.1 lets only clean sessions go without [MQTT-3.1.3-8].
 Verdict identify(Login &login)
@@ -71,9 +80,7 @@ Verdict identify(Login &login)
         login.is_made_up = true;
         login.id         = login.made_up.text;
     }
-    const ScopedLock    lock(engine_mutex);
-    const Engine *const engine = running_engine();
-    login.stored               = stored_id(login.id, engine ? engine->state.id_key : IdKey{});
+    login.stored = stored_id(login.id, key_for(login.id));
     return {};
 }
 
@@ -188,13 +195,11 @@ uint32_t expiry_of(const Connect &connect)
 
 // Of an earlier connection of this client, which ends [MQTT-3.1.4-3]; and of a clean start, before which nothing is left
 // [MQTT-3.1.2-4].
-Session *session_left_by_earlier(Engine &engine, const Login &login) REQUIRES(engine_mutex)
+Session *session_left_by_earlier(Engine &engine, const Login &login, Session *session) REQUIRES(engine_mutex)
 {
-    Sessions &sessions = engine.state.sessions;
-    Session  *session  = sessions.find(login.id);
     if (session && session->connection) {
         end_connection(engine, *session->connection, Reason::SessionTakenOver);
-        session = sessions.find(login.id); // it may have ended with its connection
+        session = engine.state.sessions.find(login.id); // it may have ended with its connection
     }
     if (session && login.connect.clean_start) {
         end_session(engine, *session);
@@ -203,12 +208,12 @@ Session *session_left_by_earlier(Engine &engine, const Login &login) REQUIRES(en
     return session;
 }
 
-Session *make_session(Engine &engine, const Login &login) REQUIRES(engine_mutex)
+Session *make_session(Engine &engine, const Login &login, const Sessions::Key &key) REQUIRES(engine_mutex)
 {
     State &state = engine.state;
     if (expiry_of(login.connect) > 0 && state.sessions.count_kept() >= state.limits.sessions)
         return nullptr;
-    return state.sessions.make(login.id, state.bounds());
+    return state.sessions.make(key, state.bounds());
 }
 
 // A client that came back has not vanished: its delayed will is forgotten [MQTT-3.1.3-9].
@@ -290,19 +295,17 @@ void open_connection(Engine &engine, const Login &login, Session &session) REQUI
 void send_connack(Engine &engine, Connection &connection, const Connack &connack, uint64_t journaled)
     REQUIRES(engine_mutex)
 {
-    Connack answer = connack;
-    if (codec::standard::size_of(connack, connection.receiver()) == 0) {
-        answer.properties                    = {};
-        answer.properties.assigned_client_id = connack.properties.assigned_client_id;
-    }
-    send(engine, connection, answer, journaled);
+    if (codec::standard::size_of(connack, connection.receiver()) != 0)
+        return send(engine, connection, connack, journaled);
+    Connack shorter{.session_present = connack.session_present, .reason = connack.reason, .properties = {}};
+    shorter.properties.assigned_client_id = connack.properties.assigned_client_id;
+    send(engine, connection, shorter, journaled);
 }
 
 // Before anything of an earlier connection or session ends. False: the journal has no room for what would change.
-bool can_record(Engine &engine, const Login &login) REQUIRES(engine_mutex)
+bool can_record(Engine &engine, const Login &login, const Session *earlier) REQUIRES(engine_mutex)
 {
-    constexpr size_t     kRest   = 1024; // bytes beside id and will
-    const Session *const earlier = engine.state.sessions.find(login.id);
+    constexpr size_t kRest = 1024; // bytes beside id and will
     if (expiry_of(login.connect) == 0 && !(earlier && earlier->is_known_to_files))
         return true;
     return engine.journal.can_take(login.id.size() + (login.will.message ? login.will.message->size() : 0) + kRest);
@@ -311,22 +314,25 @@ bool can_record(Engine &engine, const Login &login) REQUIRES(engine_mutex)
 // Not Success: there is no room for its session, or it cannot be recorded.
 Reason log_in(Engine &engine, const Login &login) REQUIRES(engine_mutex)
 {
-    if (!can_record(engine, login))
+    const Sessions::Key key     = engine.state.sessions.key_of(login.id);
+    Session *const      earlier = engine.state.sessions.find(key);
+    if (!can_record(engine, login, earlier))
         return Reason::ServerUnavailable;
     Connection    &connection = login.connection;
     const uint64_t before     = engine.recorder.position();
-    const bool     was_there  = engine.state.sessions.find(login.id) != nullptr;
-    Session       *session    = session_left_by_earlier(engine, login);
-    Connack        connack;
-    connack.session_present = session != nullptr; // [MQTT-3.2.2-3]
-    if (!session && !(session = make_session(engine, login)))
+    const bool     was_there  = earlier != nullptr;
+    Session       *session    = session_left_by_earlier(engine, login, earlier);
+    const bool     is_present = session != nullptr;
+    if (!session && !(session = make_session(engine, login, key)))
         return Reason::ServerUnavailable;
     if (!begin_session(engine, login, *session)) {
-        give_back(engine, *session, connack.session_present);
+        give_back(engine, *session, is_present);
         return Reason::ServerUnavailable;
     }
     open_connection(engine, login, *session);
-    connack.properties    = agreed(engine, login, *session);
+    const Connack  connack{.session_present = is_present, // [MQTT-3.2.2-3]
+                           .reason          = Reason::Success,
+                           .properties      = agreed(engine, login, *session)};
     const uint64_t behind = engine.recorder.position();
     send_connack(engine, connection, connack,
                  was_there || behind != before ? behind : 0); // also for the end of an earlier session

@@ -29,18 +29,20 @@ struct Connection : InDueHeap { // due, on the steady clock: what it must have s
 
     // Written by that thread, with the engine's mutex held.
     net::Connection        id;
-    broker_t              *broker              = nullptr;
+    broker_t              *broker             = nullptr;
+    size_t                 longest_packet     = 0; // of the client's next one
+    size_t                 most_subscriptions = 0;
+    uint64_t               session_number     = 0;
+    std::atomic<uint64_t> *message_numbers    = nullptr; // State::last_message
+    uint32_t               silence_ms         = 0;       // after which it is closed; 0 = never
+    Shared<uint64_t>       last_packet_ms     = 0;       // steady clock
+    Shared<uint32_t>       arriving           = 0;       // bytes of a long packet that is on its way
+
+    // Written by that thread before the stage is Connected, from when on others read them.
     codec::standard::Level level               = codec::standard::Level::Mqtt5;
-    size_t                 longest_packet      = 0; // of the client's next one
-    size_t                 most_subscriptions  = 0;
-    uint64_t               session_number      = 0;
-    std::atomic<uint64_t> *message_numbers     = nullptr; // State::last_message
-    bool                   is_bridge           = false;   // gets nothing back that it sent, and retain as it was
-    uint32_t               silence_ms          = 0;       // after which it is closed; 0 = never
+    bool                   is_bridge           = false; // gets nothing back that it sent, and retain as it was
     size_t                 maximum_packet_size = codec::standard::kPacketMax; // that the client takes
     uint16_t               receive_maximum     = 65535;
-    Shared<uint64_t>       last_packet_ms      = 0; // steady clock
-    Shared<uint32_t>       arriving            = 0; // bytes of a long packet that is on its way
 
     std::atomic<Stage> stage{Stage::Closed}; // written with the engine's mutex held
     std::atomic<bool>  is_served{false};     // a thread has a packet of it in hand

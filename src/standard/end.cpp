@@ -63,7 +63,7 @@ void end_connection(Engine &engine, Connection &connection, Reason reason, WithW
 {
     const Stage stage = connection.stage.load();
     connection.outbox.drop_waiting(engine.synced); // the word would stand behind it, and is more to the client
-    if (connection.speaks_v5() && stage == Stage::Connected)
+    if (stage == Stage::Connected && connection.speaks_v5())
         send(engine, connection, codec::standard::Disconnect{reason, {}});
     drop_connection(engine, connection, will);
 }
@@ -201,18 +201,24 @@ Turn::~Turn()
         engine_mutex.unlock();
         return;
     }
-    if (!in_round())
-        flush_listed(*engine_);
+    flush_now_or_with_round(*engine_);
     if (engine_->ending.empty() && !engine_->told_wills) { // as for nearly each packet
         engine_mutex.unlock();
         return;
     }
-    GrowArray<net::Connection> ending;
-    ending.swap(engine_->ending);
+    const bool                 is_one = engine_->ending.size() == 1; // as a rule; then the array's memory stays
+    const net::Connection      one    = is_one ? engine_->ending[0] : net::Connection{};
+    GrowArray<net::Connection> many;
+    if (is_one)
+        engine_->ending.clear();
+    else
+        many.swap(engine_->ending);
     ToldWill *const wills  = std::exchange(engine_->told_wills, nullptr);
     broker_t *const broker = engine_->broker;
     engine_mutex.unlock();
-    for (const net::Connection &connection : ending)
+    if (is_one)
+        net::close_connection(one.handle, one.generation);
+    for (const net::Connection &connection : many)
         net::close_connection(connection.handle, connection.generation);
     report_wills(wills, broker);
 }

@@ -190,7 +190,7 @@ void watch_journal(Engine &engine) noexcept REQUIRES(engine_mutex);
 void begin_round() noexcept;
 void end_round() noexcept;
 bool send_in_round() noexcept; // flushes now, if what is there is for few
-bool in_round() noexcept;
+void flush_now_or_with_round(Engine &engine) noexcept REQUIRES(engine_mutex);
 
 // ---- ends (end.cpp, will.cpp)
 

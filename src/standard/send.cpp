@@ -20,6 +20,7 @@ constexpr size_t kAnswersMost = size_t{1} << 20; // bytes that wait for a client
 constexpr int    kFlushes     = 4;               // of a full outbox, before others have their turn
 
 constinit thread_local bool t_in_round = false;
+constinit thread_local bool t_flushes  = false; // the end of this round: something was listed in it
 
 // ---- counters, which all threads share: many at once cost as much as one
 
@@ -30,14 +31,20 @@ struct Received {
 };
 constinit thread_local Received t_received;
 
+void add(Shared<uint64_t> &counter, uint32_t packets)
+{
+    if (packets > 0)
+        bump(counter, packets);
+}
+
 void count_all_received()
 {
     const Received received = std::exchange(t_received, {});
-    bump(g_mqtt_stats.pkt_rx, received.packets);
-    bump(g_mqtt_stats.period_rx, received.packets);
-    bump(g_mqtt_stats.qos0, received.by_qos[0]);
-    bump(g_mqtt_stats.qos1, received.by_qos[1]);
-    bump(g_mqtt_stats.qos2, received.by_qos[2]);
+    add(g_mqtt_stats.pkt_rx, received.packets);
+    add(g_mqtt_stats.period_rx, received.packets);
+    add(g_mqtt_stats.qos0, received.by_qos[0]);
+    add(g_mqtt_stats.qos1, received.by_qos[1]);
+    add(g_mqtt_stats.qos2, received.by_qos[2]);
 }
 
 void count_sent(Engine &engine) REQUIRES(engine_mutex)
@@ -380,7 +387,8 @@ void watch_journal(Engine &engine) noexcept
 void begin_round() noexcept
 {
     t_in_round = true;
-    t_received = {}; // of a round whose end never came, as the host ended the engine in it
+    t_flushes  = false; // of a round whose end never came, as the host ended the engine in it
+    t_received = {};
 }
 
 void end_round() noexcept
@@ -388,7 +396,16 @@ void end_round() noexcept
     t_in_round = false;
     if (t_received.packets > 0)
         count_all_received();
-    const Turn turn;
+    if (t_flushes)
+        const Turn turn;
+}
+
+void flush_now_or_with_round(Engine &engine) noexcept
+{
+    if (t_in_round)
+        t_flushes = t_flushes || engine.listed;
+    else
+        flush_listed(engine);
 }
 
 namespace {
@@ -425,11 +442,6 @@ void count_received_publish(uint8_t qos) noexcept
         ++t_received.by_qos[qos];
     else
         stats::count_qos(qos);
-}
-
-bool in_round() noexcept
-{
-    return t_in_round;
 }
 
 } // namespace tarn::standard

@@ -13,7 +13,6 @@
 namespace tarn::standard {
 
 using codec::standard::check_first_byte;
-using codec::standard::is_failure;
 using codec::standard::packet_length;
 using codec::standard::type_of;
 using codec::standard::Verdict;
@@ -165,16 +164,17 @@ void on_packet(net::Connection id, std::span<const uint8_t> packet) noexcept
     handle(*connection, packet);
 }
 
-// One CONNECT at a time for an identifier; those without one do not wait for each other.
+// One CONNECT at a time for an identifier; those without one do not wait for each other. Whether it is well formed shows
+// when it is served.
 net::Choice way_of(net::Connection /*connection*/, std::span<const uint8_t> packet) noexcept
 {
     if (packet.empty() || type_of(packet[0]) != CONNECT)
         return {};
-    codec::standard::Connect connect;
-    if (is_failure(codec::standard::decode_connect(packet, connect).reason))
+    const std::optional<std::string_view> id = codec::standard::peek_client_id(packet);
+    if (!id)
         return {};
-    const auto group = static_cast<uint32_t>(std::hash<std::string_view>{}(connect.client_id));
-    return {net::Way::Aside, connect.client_id.empty() ? 0 : std::max(group, 1U)};
+    const auto group = static_cast<uint32_t>(std::hash<std::string_view>{}(*id));
+    return {net::Way::Aside, id->empty() ? 0 : std::max(group, 1U)};
 }
 
 // A long packet may take longer than the keep-alive, which runs from packet to packet.

@@ -14,10 +14,15 @@ constexpr char kMark = '~';
 
 } // namespace
 
+bool is_stored_whole(std::string_view id) noexcept
+{
+    return id.size() <= CLIENT_ID_CHARS && !id.starts_with(kMark);
+}
+
 client_id_text stored_id(std::string_view id, const IdKey &key) noexcept
 {
     client_id_text stored{};
-    if (id.size() <= CLIENT_ID_CHARS && (id.empty() || id[0] != kMark)) {
+    if (is_stored_whole(id)) {
         stored.text[id.copy(stored.text, CLIENT_ID_CHARS)] = '\0';
         return stored;
     }

@@ -66,7 +66,6 @@ void read_will(Reader &in, uint8_t flags, Connect &connect)
 
 Verdict decode_connect(Bytes packet, Connect &connect) noexcept
 {
-    connect   = {};
     Reader in = open_packet(packet, CONNECT, Level::Mqtt311); // the level is not known yet
     read_protocol(in, connect);
     if (connect.level == Level::Mqtt5)
@@ -86,6 +85,22 @@ Verdict decode_connect(Bytes packet, Connect &connect) noexcept
         connect.password = in.binary();
     in.end();
     return in.verdict();
+}
+
+std::optional<std::string_view> peek_client_id(Bytes packet) noexcept
+{
+    Reader in(packet);
+    in.bytes(1);
+    in.bytes(parse_varint(in.rest()).bytes);
+    in.binary(); // the protocol's name
+    const bool has_properties = in.u8() == static_cast<uint8_t>(Level::Mqtt5);
+    in.bytes(3); // flags and keep-alive
+    if (has_properties)
+        in.bytes(in.varint());
+    const Bytes id = in.binary();
+    if (!in.ok())
+        return std::nullopt;
+    return std::string_view(reinterpret_cast<const char *>(id.data()), id.size());
 }
 
 // ---- CONNACK

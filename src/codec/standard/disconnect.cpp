@@ -29,8 +29,7 @@ void check_reason(Reader &in, PacketType packet, Reason reason)
 
 Verdict decode_disconnect(Bytes packet, Level level, Disconnect &disconnect) noexcept
 {
-    disconnect = {};
-    Reader in  = open_packet(packet, DISCONNECT, level);
+    Reader in = open_packet(packet, DISCONNECT, level);
     if (level == Level::Mqtt5) {
         read_reason(in, DISCONNECT, disconnect.reason, disconnect.properties);
         check_reason(in, DISCONNECT, disconnect.reason);

@@ -1,4 +1,4 @@
-// utf8.cpp - eight ASCII characters at a time, everything else one sequence at a time.
+// utf8.cpp - eight ASCII characters at a time, then one at a time, everything else one sequence at a time.
 #include "utf8.h"
 
 #include <cstdint>
@@ -17,13 +17,17 @@ bool starts_with_8_ascii(const char *at)
     return ((word | (word - 0x0101010101010101U)) & 0x8080808080808080U) == 0;
 }
 
-// The length of the sequence at the front, 0 if it is none. The second byte's range keeps out longer forms than needed,
-// surrogates, and all above U+10FFFF.
+// From 0x01 to 0x7F, too.
+bool is_ascii(uint8_t byte)
+{
+    return byte != 0 && byte < 0x80;
+}
+
+// The length of a sequence of two bytes or more at the front, 0 if it is none. The second byte's range keeps out longer
+// forms than needed, surrogates, and all above U+10FFFF.
 size_t sequence_length(const uint8_t *at, size_t left)
 {
     const uint8_t lead = at[0];
-    if (lead < 0x80)
-        return lead != 0 ? 1 : 0;
     if (lead < 0xC2 || lead > 0xF4)
         return 0;
     const size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
@@ -47,6 +51,10 @@ bool is_utf8(std::string_view text) noexcept
         const size_t left = text.size() - pos;
         if (left >= 8 && starts_with_8_ascii(text.data() + pos)) {
             pos += 8;
+            continue;
+        }
+        if (is_ascii(static_cast<uint8_t>(text[pos]))) {
+            ++pos;
             continue;
         }
         const size_t length = sequence_length(reinterpret_cast<const uint8_t *>(text.data()) + pos, left);

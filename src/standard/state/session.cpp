@@ -1,8 +1,10 @@
 // session.cpp - the table of sessions. See session.h.
 #include "session.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace tarn::standard {
 namespace {
@@ -18,11 +20,30 @@ Sessions::~Sessions()
 {
     while (first_)
         destroy(*first_);
+    while (spares_)
+        free(std::exchange(spares_, spares_->next));
 }
 
-Session *Sessions::find(std::string_view id) const noexcept
+// Null without memory.
+void *Sessions::take_block(size_t id_size) noexcept
 {
-    return by_id_.find(hash_(id), [id](const Session &session) { return session.text == id; });
+    if (id_size > kShortId || !spares_)
+        return malloc(sizeof(Session) + std::max(id_size, kShortId));
+    --spare_count_;
+    return std::exchange(spares_, spares_->next);
+}
+
+void Sessions::give_back_block(void *block, size_t id_size) noexcept
+{
+    if (id_size > kShortId || spare_count_ == kSparesMax)
+        return free(block);
+    spares_ = new (block) Spare{spares_};
+    ++spare_count_;
+}
+
+Session *Sessions::find(const Key &key) const noexcept
+{
+    return by_id_.find(key.hash, [&key](const Session &session) { return session.text == key.id; });
 }
 
 Session *Sessions::find(uint64_t number) const noexcept
@@ -32,9 +53,10 @@ Session *Sessions::find(uint64_t number) const noexcept
     return found ? found->session : nullptr;
 }
 
-Session *Sessions::make(std::string_view id, const DeliveryBounds &bounds, uint64_t number) noexcept
+Session *Sessions::make(const Key &key, const DeliveryBounds &bounds, uint64_t number) noexcept
 {
-    void *const block = malloc(sizeof(Session) + id.size());
+    const std::string_view id    = key.id;
+    void *const            block = take_block(id.size());
     if (!block)
         return nullptr;
     if (number == 0)
@@ -44,7 +66,7 @@ Session *Sessions::make(std::string_view id, const DeliveryBounds &bounds, uint6
     char *const text    = reinterpret_cast<char *>(session + 1);
     memcpy(text, id.data(), id.size());
     session->text = {text, id.size()};
-    by_id_.insert(*session, hash_(id));
+    by_id_.insert(*session, key.hash);
     by_number_.insert(session->by_number, hash_of(number));
     session->previous              = last_;
     (last_ ? last_->next : first_) = session;
@@ -69,8 +91,9 @@ void Sessions::destroy(Session &session) noexcept
         cursor_ = session.next;
     (session.previous ? session.previous->next : first_) = session.next;
     (session.next ? session.next->previous : last_)      = session.previous;
+    const size_t id_size                                 = session.text.size();
     session.~Session();
-    free(&session);
+    give_back_block(&session, id_size);
 }
 
 void Sessions::set_due(Session &session, uint64_t due_ms) noexcept

@@ -71,12 +71,24 @@ public:
     Sessions &operator=(const Sessions &) = delete;
     ~Sessions();
 
-    Session *find(std::string_view id) const noexcept;
+    // An id with its hash, for who looks for it more than once.
+    struct Key {
+        std::string_view id;
+        uint64_t         hash;
+    };
+    Key key_of(std::string_view id) const noexcept { return {id, hash_(id)}; }
+
+    Session *find(const Key &key) const noexcept;
+    Session *find(std::string_view id) const noexcept { return find(key_of(id)); }
     Session *find(uint64_t number) const noexcept;
 
     // Of an id that has none; null without memory. `number` 0: the next one.
-    [[nodiscard]] Session *make(std::string_view id, const DeliveryBounds &bounds, uint64_t number = 0) noexcept;
-    void                   destroy(Session &session) noexcept;
+    [[nodiscard]] Session *make(const Key &key, const DeliveryBounds &bounds, uint64_t number = 0) noexcept;
+    [[nodiscard]] Session *make(std::string_view id, const DeliveryBounds &bounds, uint64_t number = 0) noexcept
+    {
+        return make(key_of(id), bounds, number);
+    }
+    void destroy(Session &session) noexcept;
 
     // What is due of it by the wall clock. Without memory for the heap it stays until its client comes back.
     void     set_due(Session &session, uint64_t due_ms) noexcept;
@@ -94,6 +106,15 @@ public:
     Session *&cursor() noexcept { return cursor_; }
 
 private:
+    // Blocks of sessions that ended: a client that comes and goes takes one up again, which another thread let go.
+    static constexpr size_t kShortId   = 32; // bytes; a session with a longer id leaves none
+    static constexpr size_t kSparesMax = 256;
+    struct Spare {
+        Spare *next;
+    };
+    void *take_block(size_t id_size) noexcept;
+    void  give_back_block(void *block, size_t id_size) noexcept;
+
     TextHash                 hash_;
     HashTable<Session>       by_id_;
     HashTable<SessionNumber> by_number_;
@@ -104,6 +125,8 @@ private:
     Session                 *cursor_      = nullptr;
     uint64_t                 last_number_ = 0;
     size_t                   kept_        = 0;
+    Spare                   *spares_      = nullptr;
+    size_t                   spare_count_ = 0;
 };
 
 } // namespace tarn::standard

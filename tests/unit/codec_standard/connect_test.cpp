@@ -10,7 +10,11 @@ namespace {
 
 Decoded<Connect> decode(const Bytes &packet)
 {
-    return decoded<Connect>(packet, standard::decode_connect);
+    const auto found = decoded<Connect>(packet, standard::decode_connect);
+    if (found.verdict.ok()) {
+        EXPECT_EQ(standard::peek_client_id(standard::Bytes(found.packet)), found.value.client_id);
+    }
+    return found;
 }
 
 // Behind the protocol's name.
@@ -90,6 +94,15 @@ TEST(connect, fields_up_to_65535_bytes)
     EXPECT_OK(found);
     EXPECT_TRUE(found.value.client_id == longest && found.value.will->topic == longest);
     EXPECT_TRUE(text_of(*found.value.password) == longest);
+}
+
+TEST(connect, a_packet_that_ends_before_its_client_identifier_has_none)
+{
+    const Bytes whole = packet(0x10, wire("00 04 'MQTT' 05 02 00 3C 05 11 00 00 00 64 00 02 'id'"));
+    for (size_t length = 0; length < whole.size(); ++length)
+        EXPECT_EQ(standard::peek_client_id(standard::Bytes(whole).first(length)), std::nullopt) << length;
+    const Bytes endless = packet(0x10, wire("00 04 'MQTT' 05 02 00 3C FF FF FF FF 01"));
+    EXPECT_EQ(standard::peek_client_id(endless), std::nullopt);
 }
 
 TEST(connect, other_protocols_are_an_unsupported_version) // [MQTT-3.1.2-1]

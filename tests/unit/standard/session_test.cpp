@@ -1,13 +1,17 @@
 // The table of sessions, and the form in which records have client identifiers.
 #include "standard/state/session.h"
 #include "standard/stored_id.h"
+#include "support/faults.h"
 
+#include <cerrno>
 #include <gtest/gtest.h>
 
 #include <set>
 #include <string>
+#include <vector>
 
 using namespace tarn::standard;
+using namespace tarn::test;
 
 namespace {
 
@@ -40,6 +44,37 @@ TEST(sessions, never_get_a_number_again)
     Session *const restored = sessions.make("b", kBounds, 1000);
     EXPECT_EQ(restored->number, 1000u);
     EXPECT_EQ(sessions.make("c", kBounds)->number, 1001u);
+}
+
+TEST(sessions, take_up_the_memory_of_those_with_ids_as_short)
+{
+    Sessions       sessions;
+    Session *const gone = sessions.make("gone", kBounds);
+    gone->expiry_s      = 7;
+    sessions.destroy(*gone);
+    const Fail fail(Call::Allocate, 1, ENOMEM, 1000);
+    EXPECT_EQ(sessions.make(std::string(33, 'x'), kBounds), nullptr) << "it is too long for that block";
+    Session *const next = sessions.make(std::string(32, 'y'), kBounds);
+    ASSERT_EQ(next, gone);
+    EXPECT_EQ(next->text, std::string(32, 'y'));
+    EXPECT_EQ(next->expiry_s, 0u);
+    EXPECT_EQ(sessions.find(std::string(32, 'y')), next);
+    EXPECT_EQ(sessions.make("another", kBounds), nullptr) << "there was one block";
+}
+
+TEST(sessions, keep_the_memory_of_few)
+{
+    Sessions               sessions;
+    std::vector<Session *> many;
+    for (int i = 0; i < 300; ++i)
+        many.push_back(sessions.make(std::to_string(i), kBounds));
+    for (Session *const session : many)
+        sessions.destroy(*session);
+    const Fail fail(Call::Allocate, 1, ENOMEM, 1000);
+    size_t     made = 0;
+    while (sessions.make(std::to_string(made), kBounds))
+        ++made;
+    EXPECT_EQ(made, 256u);
 }
 
 TEST(sessions, are_due_in_the_order_of_their_times)
