@@ -12,20 +12,21 @@ namespace {
 
 constexpr size_t kStackBytes = 1024 * 1024;
 
-constinit thread_local bool t_library_thread = false;
+constinit thread_local bool    t_library_thread = false;
+constinit thread_local WakesUp t_wakes_up       = WakesUp::ToPreempt;
 
 struct Launch {
     const char *name;
     void *(*body)(void *);
     void   *arg;
-    WakesUp wakes_up;
+    WakesUp wakes_up, creator_wakes_up; // a new thread inherits its creator's policy
 };
 
-void give_way_to_who_runs()
+void change_policy(int from, int to)
 {
     const sched_param none{};
-    if (sched_getscheduler(0) == SCHED_OTHER)
-        (void)sched_setscheduler(0, SCHED_BATCH, &none);
+    if (sched_getscheduler(0) == from)
+        (void)sched_setscheduler(0, to, &none);
 }
 
 void *run(void *arg)
@@ -34,8 +35,11 @@ void *run(void *arg)
     free(arg);
     t_library_thread = true;
     pthread_setname_np(pthread_self(), launch.name);
+    t_wakes_up = launch.wakes_up;
     if (launch.wakes_up == WakesUp::ToWait)
-        give_way_to_who_runs();
+        change_policy(SCHED_OTHER, SCHED_BATCH);
+    else if (launch.creator_wakes_up == WakesUp::ToWait)
+        change_policy(SCHED_BATCH, SCHED_OTHER);
     return launch.body(launch.arg);
 }
 
@@ -56,7 +60,7 @@ int start_thread(pthread_t *handle, const char *name, void *(*body)(void *), voi
     owned<Launch> launch = allocate<Launch>(1);
     if (!launch)
         return ENOMEM;
-    launch[0] = {name, body, arg, wakes_up};
+    launch[0] = {name, body, arg, wakes_up, t_wakes_up};
 
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);

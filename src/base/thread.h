@@ -6,9 +6,9 @@
 
 namespace tarn {
 
-// What a thread that wakes up does to one that runs on its processor. Who waits begins at once on an idle processor, else
-// when the other sleeps or has had its time slice: for work that may be some milliseconds late, such as that of the clock,
-// or that comes in heaps and is cheaper together.
+// What the scheduler does to the thread that runs when this one wakes up on its processor. One that is to wait begins at
+// once on an idle processor, else when the other sleeps or has had its time slice: for work that may be some milliseconds
+// late, such as that of the clock, or that comes in heaps and is cheaper together.
 enum class WakesUp : bool { ToPreempt, ToWait };
 
 // Starts a thread with a 1 MiB stack (packet handling is deep but never holds big records), a name for debuggers

@@ -226,7 +226,7 @@ void tarn::client::start_send_thread() noexcept
         return;
     stop_thread(); // one that was ended through the flag alone
     g_send_running = 1;
-    g_started      = start_thread(&g_send_thread, "tarn-send", send_thread_proc, nullptr, WakesUp::ToWait) == 0;
+    g_started      = start_thread(&g_send_thread, "tarn-send", send_thread_proc, nullptr) == 0;
 }
 
 void tarn::client::stop_send_thread() noexcept

@@ -108,7 +108,8 @@ Left serve_whole_packets(const SlotPin &pin, const EventSink &sink, uint32_t sta
             !hand_up_first(pin, sink, start))
             return Left::NotOurs;
         const uint64_t now_us = time.next();
-        send_meanwhile(pin, now_us);
+        if (send_meanwhile(pin, now_us))
+            (void)time.read();
         if (!pin.is_current())
             return Left::NotOurs;
         if (elapsed(now_us, began_us) >= kTimePerTurn_us && round_may_end_turns(now_us))
@@ -192,7 +193,7 @@ void handle_event(const epoll_event &event, const EventSink &sink, uint32_t star
     const bool broken = event.events & (EPOLLERR | EPOLLHUP);
     if (!broken && (event.events & EPOLLOUT))
         note_writable(pin);
-    if (side_of(pin.handle()).server != Server::Rounds)
+    if (peek_acquire(side_of(pin.handle()).server) != Server::Rounds)
         return hear_nothing_aside(pin); // its turn comes from the list, or not from here
     if (broken || (event.events & EPOLLIN))
         take_turn(pin, sink, start, broken, ends);
@@ -211,9 +212,10 @@ void serve_listed(SlotQueue listed, const EventSink &sink, uint32_t start, Ends 
 void handle_events(int count, uint32_t start)
 {
     const EventSink sink   = event_sink();
+    const uint32_t  turns  = listed_count() + static_cast<uint32_t>(count);
     const SlotQueue listed = take_listed();
     Ends            ends;
-    begin_round(count);
+    begin_round(turns);
     for (int i = 0; i < count && layer_runs(start); ++i)
         handle_event(g_epoll_events[i], sink, start, ends);
     serve_listed(listed, sink, start, ends); // one turn a round for each: what the events list is for the next round

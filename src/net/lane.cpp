@@ -318,7 +318,7 @@ bool on_lane() noexcept
 bool is_aside(uint32_t group) noexcept
 {
     const Group &those = g_groups[group % kGroups];
-    return group != 0 && (those.is_served || those.given > 0);
+    return group != 0 && (those.given > 0 || those.is_served); // in this order: see hand_over_to_lanes()
 }
 
 bool give_to_lane(const SlotPin &pin, Work work, uint32_t group, uint32_t start) noexcept
@@ -420,6 +420,11 @@ void list_for_round(Connection connection) noexcept
     errand_of(connection.handle).generation = connection.generation;
     g_listed.push(connection.handle);
     ++g_listed_count;
+}
+
+uint32_t listed_count() noexcept
+{
+    return g_listed_count;
 }
 
 bool has_listed() noexcept

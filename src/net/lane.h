@@ -54,6 +54,7 @@ bool pause_on_lane(const SlotPin &pin, const Finish &finish, uint32_t start) noe
 
 void               list_for_round(Connection connection) noexcept; // the list takes over a pin
 [[nodiscard]] bool has_listed() noexcept;
+uint32_t           listed_count() noexcept;
 // All that are listed; the caller adopts their pins (errand.generation).
 SlotQueue take_listed() noexcept;
 

@@ -14,14 +14,14 @@
 
 namespace tarn::net {
 
-void begin_round(int connections) noexcept; // that it has events of
-void end_round() noexcept;                  // sends
+void begin_round(uint32_t connections) noexcept; // that have a turn in it
+void end_round() noexcept;                       // sends
 
 // A turn that has lasted may end for the others' sake.
 bool round_may_end_turns(uint64_t now_us) noexcept;
 
-// Between two packets of the connection: sends, if it is time to. The connection may be closed afterwards.
-void send_meanwhile(const SlotPin &pin, uint64_t now_us) noexcept;
+// Between two packets of the connection: sends, if it is time to. True: it did, and some time has passed.
+bool send_meanwhile(const SlotPin &pin, uint64_t now_us) noexcept;
 
 } // namespace tarn::net
 

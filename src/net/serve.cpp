@@ -163,7 +163,7 @@ void end_turn(const SlotPin &pin, const EventSink &sink, bool is_put_off) noexce
         SlotLock slot(pin.handle(), SlotLock::Always);
         if (!pin.is_current())
             return;
-        side.server = has_more ? Server::List : Server::Rounds;
+        poke_release(side.server, has_more ? Server::List : Server::Rounds); // with the buffer as this thread left it
         if (has_more)
             side.pins.fetch_add(1, std::memory_order_relaxed);
         else if (side.unwatched && !side.paused)

@@ -417,6 +417,20 @@ bool is_for_few(const Engine &engine) REQUIRES(engine_mutex)
     return first && (!first->next_listed || !first->next_listed->next_listed);
 }
 
+// A connection that turns out to be broken stays listed: what it sent before comes first, and it is dropped at the end.
+void flush_but_drop_none(Engine &engine) REQUIRES(engine_mutex)
+{
+    Connection *next = std::exchange(engine.listed, nullptr);
+    while (Connection *const connection = next) {
+        next = connection->next_listed;
+        if (!connection->is_broken)
+            flush(engine, *connection);
+        connection->is_listed = false;
+        if (connection->is_broken)
+            list_for_flush(engine, *connection);
+    }
+}
+
 } // namespace
 
 bool send_in_round() noexcept
@@ -425,7 +439,7 @@ bool send_in_round() noexcept
     if (!turn || !is_for_few(*turn))
         return false;
     count_all_received();
-    flush_listed(*turn);
+    flush_but_drop_none(*turn);
     return true;
 }
 

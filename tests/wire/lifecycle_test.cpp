@@ -150,7 +150,8 @@ TEST(lifecycle, one_round)
     });
 }
 
-// What is due by the clock, and connections, which come in heaps, wait for a packet that is being handled.
+// What is due by the clock, and connections, which come in heaps, wait for a packet that is being handled. What hosts
+// send does not: the ring of its receiver might be full by then.
 TEST(lifecycle, threads_of_the_clock_preempt_nobody)
 {
     const Host                 host;
@@ -158,9 +159,10 @@ TEST(lifecycle, threads_of_the_clock_preempt_nobody)
     EXPECT_TRUE(eventually([&] { // a new thread begins with its name and policy
         policies = policies_of_threads();
         return policies["tarn-accept"] == SCHED_BATCH && policies["tarn-house"] == SCHED_BATCH &&
-               policies["tarn-qos-scan"] == SCHED_BATCH && policies["tarn-send"] == SCHED_BATCH;
+               policies["tarn-qos-scan"] == SCHED_BATCH && policies.contains("tarn-send");
     }));
     EXPECT_EQ(policies["tarn-io"], SCHED_OTHER);
+    EXPECT_EQ(policies["tarn-send"], SCHED_OTHER);
 }
 
 TEST(lifecycle, stop_and_start_again)

@@ -71,11 +71,27 @@ TEST(thread, preempts_nobody_if_it_is_to_wait)
     EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER);
 }
 
+TEST(thread, does_not_wait_because_its_creator_does)
+{
+    Self       self;
+    pthread_t  thread        = 0;
+    const auto start_another = [](void *other) -> void * {
+        pthread_t inner = 0;
+        EXPECT_EQ(start_thread(&inner, "tarn-test", Self::look, other), 0);
+        join_or_detach(inner);
+        return nullptr;
+    };
+    ASSERT_EQ(start_thread(&thread, "tarn-waits", start_another, &self, WakesUp::ToWait), 0);
+    join_or_detach(thread);
+    EXPECT_EQ(self.policy, SCHED_OTHER);
+}
+
 TEST(thread, keeps_the_policy_that_the_host_chose)
 {
     const sched_param none{};
     ASSERT_EQ(sched_setscheduler(0, SCHED_IDLE, &none), 0);
     EXPECT_EQ(run(WakesUp::ToWait).policy, SCHED_IDLE);
+    EXPECT_EQ(run().policy, SCHED_IDLE);
 }
 
 TEST(thread, takes_no_signal_but_its_own_faults)

@@ -115,6 +115,8 @@ TEST_F(round_sending, waits_for_the_end_where_the_peer_shares_the_processor)
     begin_round(1);
     EXPECT_EQ(sends_after(100), 0);
     comes_in_on(kNoProcessor);
+    EXPECT_EQ(sends_after(100), 0) << "it is looked at once a round";
+    begin_round(1);
     EXPECT_EQ(sends_after(16), 1);
 }
 

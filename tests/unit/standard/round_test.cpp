@@ -37,6 +37,12 @@ protected:
         EXPECT_EQ(hex(peer.receive(5)), "90 03 00 01 00");
         return peer;
     }
+    uint32_t online()
+    {
+        tarn_sdk_mqtt_broker_stats_t stats{};
+        EXPECT_EQ(tarn_sdk_mqtt_broker_get_stats(broker_, &stats), TARN_OK);
+        return stats.online;
+    }
     void publish() { EXPECT_EQ(tarn_sdk_mqtt_broker_publish(broker_, "t", "m", 1, 0, 0, 0), TARN_OK); }
 
     broker_t *const broker_ = tarn_sdk_mqtt_broker_create();
@@ -68,5 +74,21 @@ TEST_F(standard_round, keeps_what_is_for_many_until_its_end)
     }
     standard::end_round();
     EXPECT_EQ(hex(third.receive(6)), kMessage);
+    standard::begin_round();
+}
+
+// What it sent before may still wait to be read.
+TEST_F(standard_round, drops_a_connection_that_cannot_be_written_to_at_its_end)
+{
+    Peer one = subscriber("1");
+    ASSERT_EQ(shutdown(g_netip_clients[0].fd, SHUT_WR), 0);
+    EXPECT_TRUE(eventually([&] { // as above
+        publish();
+        return standard::send_in_round();
+    }));
+    EXPECT_EQ(online(), 1u);
+    publish();
+    standard::end_round();
+    EXPECT_EQ(online(), 0u);
     standard::begin_round();
 }
