@@ -258,7 +258,7 @@ int32_t start(broker_t *broker, const Options &options, Access &access, Quotas &
     if (!options.udp && !options.standard)
         held_port.emplace();
     const int32_t code = tarn_sdk_mqtt_broker_start(broker, kPort, options.max_clients);
-    guard_connections();
+    guard_connections(broker);
     return code;
 }
 

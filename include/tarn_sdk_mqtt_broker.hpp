@@ -211,6 +211,12 @@ inline bool on_auth(broker_t *broker, const char *client_id, const char *usernam
     return call.callable ? call.callable->call(client_id, username, password) : call.known;
 }
 
+/* Another function, since a function is a quick callback for all instances or for none. */
+inline bool on_quick_auth(broker_t *broker, const char *client_id, const char *username, const char *password) noexcept
+{
+    return on_auth(broker, client_id, username, password);
+}
+
 inline bool on_acl(broker_t *broker, const char *client_id, const char *topic, uint8_t action, mqtt_client_t *) noexcept
 {
     const Call call(broker, &Instance::acl);
@@ -474,6 +480,14 @@ public:
         return put<bool, std::string_view, std::string_view, std::string_view>(
             &detail::Instance::auth, std::forward<F>(ask), tarn_sdk_mqtt_broker_register_auth_callback,
             detail::on_auth);
+    }
+
+    /* The same for one that answers at once: see tarn_sdk_mqtt_broker_register_quick_auth_callback. */
+    template <class F> [[nodiscard]] Result on_quick_auth(F &&ask)
+    {
+        return put<bool, std::string_view, std::string_view, std::string_view>(
+            &detail::Instance::auth, std::forward<F>(ask), tarn_sdk_mqtt_broker_register_quick_auth_callback,
+            detail::on_quick_auth);
     }
 
     /* bool (std::string_view client_id, std::string_view topic, Action): true allows. */

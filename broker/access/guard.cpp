@@ -214,10 +214,13 @@ void guard(broker_t *broker, Access &access, Quotas &quotas, bool asks, TellRefu
         listen_to_events(broker, on_event);
 }
 
-void guard_connections()
+// From here on nobody waits for the gate. Without users no password is hashed, and logins are answered at once.
+void guard_connections(broker_t *broker)
 {
     probe_connections();
     install_gate({.judge_will = g_serves_standard ? nullptr : judge_will, .opened = on_opened, .closed = on_closed});
+    if (broker->auth_cb && !g_access->asks_for_users())
+        tarn_sdk_mqtt_broker_register_quick_auth_callback(broker, CCallback<on_auth, refuse_login>::call);
 }
 
 void guard_turn(broker_t *broker, Access &access, Quotas &quotas)

@@ -20,7 +20,7 @@ using TellRefusal = std::function<void(const Refusal &)>;
 void guard(broker_t *broker, Access &access, Quotas &quotas, bool asks, TellRefusal tell);
 
 // To be called as soon as start has returned, also when it failed.
-void guard_connections();
+void guard_connections(broker_t *broker);
 
 // To be called every few seconds, not in a callback: forgets ids that are gone for good, saves whose sessions are, and
 // closes clients of users that are no more.

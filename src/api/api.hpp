@@ -26,6 +26,9 @@ void tell(broker_t &broker, const char *client_id, uint32_t kind, const char *to
 // Of an instance, null for none, before there is a record.
 bool               accepts(broker_t *owner, const char *client_id, const char *username, const char *password) noexcept;
 [[nodiscard]] bool asks_about_logins(broker_t *owner) noexcept;
+// Whether a login keeps nobody waiting in the host's callbacks, as far as the host has said. Clients come in through the
+// instance that serves.
+[[nodiscard]] bool accepts_at_once() noexcept;
 
 } // namespace tarn::api
 

@@ -38,6 +38,9 @@ void               limit_packets_of_standard(int32_t bytes) noexcept; // the hos
 
 // ----
 
+// The instance whose start brought the network layer up, until it is down again; null when a host did so by itself.
+[[nodiscard]] broker_t *owner_of_layer() noexcept;
+
 // True inside one of the host's callbacks: the library goes on with the instance when the callback returns.
 [[nodiscard]] bool in_callback() noexcept;
 

@@ -6,6 +6,7 @@
 #include "../persist/persist.hpp"
 #include "api_internal.h"
 
+#include <atomic>
 #include <cstdio>
 
 using namespace tarn;
@@ -13,6 +14,9 @@ using namespace tarn;
 namespace {
 
 constexpr size_t kEventTextSize = 256;
+
+// The authentication callback that answers at once, of whichever instances.
+constinit std::atomic<broker_auth_cb_t> g_quick_auth{nullptr};
 
 constinit thread_local int t_callbacks = 0; // one inside the other, when a callback kicks a client
 
@@ -51,8 +55,19 @@ void tarn_sdk_mqtt_broker_register_event_callback(broker_t *broker, broker_event
 
 void tarn_sdk_mqtt_broker_register_auth_callback(broker_t *broker, broker_auth_cb_t cb)
 {
-    if (broker)
-        poke_release(broker->auth_cb, cb);
+    if (!broker)
+        return;
+    broker_auth_cb_t no_longer = cb;
+    (void)g_quick_auth.compare_exchange_strong(no_longer, nullptr);
+    poke_release(broker->auth_cb, cb);
+}
+
+void tarn_sdk_mqtt_broker_register_quick_auth_callback(broker_t *broker, broker_auth_cb_t cb)
+{
+    if (!broker)
+        return;
+    g_quick_auth = cb;
+    poke_release(broker->auth_cb, cb);
 }
 
 void tarn_sdk_mqtt_broker_register_acl_callback(broker_t *broker, broker_acl_cb_t cb)
@@ -121,4 +136,13 @@ bool api::hears_events(mqtt_client_t &client) noexcept
 bool api::asks_about_logins(broker_t *owner) noexcept
 {
     return owner && peek_acquire(owner->auth_cb);
+}
+
+bool api::accepts_at_once() noexcept
+{
+    broker_t *const owner = owner_of_layer();
+    if (!owner) // a host that drives the modules itself
+        return false;
+    const broker_auth_cb_t ask = peek_acquire(owner->auth_cb);
+    return ask ? ask == g_quick_auth : !peek_acquire(owner->event_cb);
 }

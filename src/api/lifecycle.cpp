@@ -13,6 +13,7 @@
 #include "../stats/stats.hpp"
 #include "api_internal.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
@@ -34,11 +35,11 @@ struct Instance {
 // to end, or be further up on its stack, half-way through a deinit that closes clients.
 constinit Mutex lifecycle_mutex{};
 
-// Under lifecycle_mutex.
-constinit broker_t *g_owner         = nullptr; // whose start brought the layer up
-constinit bool      g_free_owner    = false;   // destroyed meanwhile, but client records still point to it
-constinit Instance *g_kept          = nullptr; // those that could not be freed, see keep()
-constinit bool      g_left_standing = false;   // a start failed after the layer's threads were up
+// Under lifecycle_mutex, but for looks at the owner, which stays until the layer is down.
+constinit std::atomic<broker_t *> g_owner{nullptr};        // whose start brought the layer up
+constinit bool                    g_free_owner    = false; // destroyed meanwhile, but client records still point to it
+constinit Instance               *g_kept          = nullptr; // those that could not be freed, see keep()
+constinit bool                    g_left_standing = false;   // a start failed after the layer's threads were up
 
 class LifecycleLock {
 public:
@@ -89,9 +90,9 @@ void free_instance(broker_t *broker)
 
 void forget_owner()
 {
+    broker_t *const owner = g_owner.exchange(nullptr);
     if (g_free_owner)
-        free_instance(g_owner);
-    g_owner      = nullptr;
+        free_instance(owner);
     g_free_owner = false;
 }
 
@@ -283,6 +284,11 @@ void tarn_sdk_mqtt_broker_deinit(broker_t *broker)
     forget_owner();
     g_left_standing = false;
     LOG_INFO("[SDK] deinit success"); // never seen: the log is off by now
+}
+
+broker_t *api::owner_of_layer() noexcept
+{
+    return g_owner;
 }
 
 bool tarn_sdk_mqtt_broker_is_running(broker_t *broker)

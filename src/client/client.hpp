@@ -242,6 +242,8 @@ private:
 // Sends what the calling lane keeps for the client whose packet it serves until the packet is done, if it is a lane: all
 // that is left to do is a callback of the host's, which may take long.
 void send_kept_answer() noexcept;
+// The same wherever the client's packet is served, within a round: what is queued for it leaves.
+void send_answer_now(mqtt_client_t &client) noexcept;
 
 // Makes the next DISCONNECT that is queued for this client the last packet sent to it; the caller closes the client
 // next. What is queued behind it, such as the client's own will, stays in the ring. To a record outside the pool

@@ -1,7 +1,7 @@
 // packet_way.cpp - which packets may keep a thread waiting, and so are served by a lane and not by the I/O thread.
 //
 //   CONNECT      a lane: the host's authentication callback may hash or ask elsewhere; the session's files are read,
-//                written (its will) or deleted
+//                written (its will) or deleted. Unless the host answers at once and there are no files
 //   SUBSCRIBE    a lane, unless the session is clean: the subscription file is written
 //   the end      a lane where files are written: of a session with an expiry interval, or with a will
 //   all others   the I/O thread, which waits for no disk (packet_scope.h)
@@ -15,6 +15,7 @@
 // are packets of two connections.
 #include "../base/text.h"
 #include "../codec/codec.hpp"
+#include "../handler/handler.hpp"
 #include "client_internal.h"
 
 namespace tarn::client {
@@ -35,10 +36,12 @@ net::Choice in_turn(const char *client_id)
 
 net::Choice way_of_connect(std::span<const uint8_t> packet)
 {
-    const std::string_view sent = codec::client_id_of(packet);
-    client_id_text         id;
-    id.text[sent.copy(id.text, CLIENT_ID_CHARS)] = '\0';
-    return aside(id.text[0] ? id.text : kMadeUpIds);
+    const codec::ConnectPeek asked = codec::peek_connect(packet);
+    client_id_text           id;
+    id.text[asked.client_id.copy(id.text, CLIENT_ID_CHARS)] = '\0';
+    if (!id.text[0])
+        return aside(kMadeUpIds);
+    return handler::is_quick_connect(id.text, asked.is_clean) ? in_turn(id.text) : aside(id.text);
 }
 
 // A session without an expiry interval is only deleted. A will is routed like a publication, and writes a file where the

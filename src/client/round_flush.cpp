@@ -135,6 +135,15 @@ void use_network_hooks() noexcept
 
 } // namespace tarn::client
 
+void tarn::send_answer_now(mqtt_client_t &client) noexcept
+{
+    using namespace client;
+    if (net::on_lane())
+        send_kept_answer();
+    else if (io_round() != 0)
+        hand_over_rest(client, flush_ring(client, true));
+}
+
 void tarn::send_kept_answer() noexcept
 {
     if (const int32_t index = std::exchange(client::t_answered, client::kOutside); index != client::kOutside)

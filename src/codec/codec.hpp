@@ -34,9 +34,12 @@ inline void note_packet(mqtt_codec_ctx_t &ctx, PacketType type) noexcept
 
 using Bytes = std::span<const uint8_t>;
 
-// The id in a CONNECT, not terminated and of any length, without a line and without judging the packet; empty when it
-// cannot be read. It points into the packet.
-std::string_view client_id_of(Bytes connect) noexcept;
+// What a CONNECT asks for, without a line and without judging the packet; as it is made when that cannot be read.
+struct ConnectPeek {
+    std::string_view client_id;        // in the packet, not terminated and of any length
+    bool             is_clean = false; // no session is to be kept
+};
+ConnectPeek peek_connect(Bytes connect) noexcept;
 
 Result decode_connect(mqtt_codec_ctx_t &ctx, Bytes packet, mqtt_connect_para_t &para) noexcept;
 Result decode_publish(mqtt_codec_ctx_t &ctx, Bytes packet, mqtt_publish_para_t &para) noexcept;

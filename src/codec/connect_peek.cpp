@@ -1,23 +1,24 @@
-// connect_id.cpp - the client id of a CONNECT, before the packet is decoded.
+// connect_peek.cpp - what a CONNECT asks for, before the packet is decoded.
 #include "codec_internal.h"
 
 namespace tarn::codec {
 
-std::string_view client_id_of(Bytes connect) noexcept
+ConnectPeek peek_connect(Bytes connect) noexcept
 {
     if (connect.empty())
         return {};
     const FixedHeader header = read_fixed_header(connect.data(), static_cast<int>(connect.size()));
     Reader            in(connect.data(), static_cast<int>(connect.size()), header.body);
     uint16_t          length = 0;
-    uint8_t           level  = 0;
+    uint8_t           level = 0, flags = 0;
     if (!header.length.ok() || !in.u16(length) || !in.has(length))
         return {};
     in.skip(length);
-    constexpr int kFlagsAndKeepAlive = 3;
-    if (!in.u8(level) || !in.has(kFlagsAndKeepAlive))
+    constexpr int     kKeepAlive  = 2; // bytes
+    constexpr uint8_t kCleanStart = 0x02;
+    if (!in.u8(level) || !in.u8(flags) || !in.has(kKeepAlive))
         return {};
-    in.skip(kFlagsAndKeepAlive);
+    in.skip(kKeepAlive);
     if (level == 5) {
         const VarInt properties = peek_varint(in);
         if (!properties.ok() || !in.has(properties.bytes + properties.value))
@@ -26,7 +27,7 @@ std::string_view client_id_of(Bytes connect) noexcept
     }
     if (!in.u16(length) || !in.has(length))
         return {};
-    return {reinterpret_cast<const char *>(in.at()), length};
+    return {{reinterpret_cast<const char *>(in.at()), length}, (flags & kCleanStart) != 0};
 }
 
 } // namespace tarn::codec

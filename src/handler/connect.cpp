@@ -297,6 +297,11 @@ void resume_session(mqtt_client_t &client)
 
 } // namespace
 
+bool is_quick_connect(const char *client_id, bool is_clean) noexcept
+{
+    return is_clean && api::accepts_at_once() && !persist::seems_to_have_files(client_id);
+}
+
 // QUIRK(connect-unanswered): a CONNECT that does not decode gets no CONNACK and its connection stays, until it has been
 // silent for too long. So a 3.1.1 client whose id has more than 23 characters waits for an answer instead of reading
 // "identifier rejected" [MQTT 3.1.1 3.2.2.3], one that speaks level 3 instead of "unacceptable protocol version"
@@ -329,7 +334,7 @@ int handle_connect(mqtt_client_t &client, Packet packet) noexcept
         return -1;
     resume_session(client);
     if (api::hears_events(client))
-        send_kept_answer();
+        send_answer_now(client);
     api::tell(client, BROKER_EVENT_CONNECTED);
     return 0;
 }

@@ -19,6 +19,10 @@ using Packet = std::span<const uint8_t>; // exactly one packet, fixed header fir
 bool init() noexcept;
 void deinit() noexcept; // ends pending deliveries and persistence
 
+// Whether a CONNECT waits for nothing: the host answers at once, and there is neither a session to be kept nor, as it
+// seems, a file of an earlier one.
+[[nodiscard]] bool is_quick_connect(const char *client_id, bool is_clean) noexcept;
+
 // A packet that a client sent, of any length. False when it was not handled: see packet_dispatch.
 bool dispatch(mqtt_client_t &client, Packet packet) noexcept;
 

@@ -33,15 +33,28 @@ Stamp stamp_of(const Path &path) noexcept
     return {status.st_dev, status.st_ino, status.st_size, status.st_mtim};
 }
 
+namespace {
+
+bool is_to_be_saved(const char *client_id)
+{
+    ScopedLock lock(g_save_mutex);
+    for (const Kind kind : kKinds)
+        if (find(kind, client_id))
+            return true;
+    return false;
+}
+
+} // namespace
+
+// In this order: what is saved meanwhile is on the disk by the time that is asked.
 bool may_have_files(const char *client_id) noexcept
 {
-    {
-        ScopedLock lock(g_save_mutex); // first: what is saved meanwhile is on the disk by the time that is asked
-        for (const Kind kind : kKinds)
-            if (find(kind, client_id))
-                return true;
-    }
-    return may_be_on_disk(client_id);
+    return is_to_be_saved(client_id) || may_be_on_disk(client_id);
+}
+
+bool seems_to_have_files(const char *client_id) noexcept
+{
+    return is_to_be_saved(client_id) || seems_to_be_on_disk(client_id);
 }
 
 Unsaved read_unsaved(Kind kind, const char *client_id, owned<char> &text, size_t limit, size_t room) noexcept

@@ -300,6 +300,12 @@ bool may_be_on_disk(const char *client_id) noexcept
     return !*client_id || !is_up_to_date(root) || link_of(client_id);
 }
 
+bool seems_to_be_on_disk(const char *client_id) noexcept
+{
+    ScopedLock lock(g_known_mutex);
+    return !*client_id || g_told < 0 || link_of(client_id);
+}
+
 void note_told_changes() noexcept
 {
     ScopedLock lock(g_known_mutex);

@@ -14,6 +14,8 @@ namespace tarn::persist {
 void know_files() noexcept;
 void stop_knowing_files() noexcept;
 
+// As far as the kernel had told when that was last looked at; true when nothing is known.
+bool seems_to_be_on_disk(const char *client_id) noexcept;
 // False only when the disk certainly has none of this client. Asks the file system nothing about the client.
 bool may_be_on_disk(const char *client_id) noexcept;
 

@@ -26,6 +26,8 @@ void save(persist_session_t &record, uint8_t what) noexcept;
 void expect_messages_for(const char *client_id) noexcept;
 // Whether messages for the client were kept since it was last away, as far as memory tells.
 bool keeps_messages_for(const char *client_id) noexcept;
+// Whether the client has files, as far as memory tells: what was changed by hand a moment ago may not be noticed yet.
+[[nodiscard]] bool seems_to_have_files(const char *client_id) noexcept;
 // Deletes all files of the client's; false when memory for the paths ran out.
 bool remove_session(const char *client_id) noexcept;
 

@@ -4,6 +4,7 @@
 // its thread waiting, since the host's authentication callback may hash or ask elsewhere: a lane serves it, one at a time
 // for each client identifier. All others are served by the I/O thread, which waits for nothing: what is to be kept goes
 // into the journal's memory, and its acknowledgement leaves when the journal is on the disk.
+#include "../api/api.hpp"
 #include "../base/clock.h"
 #include "../log/log.h"
 #include "../stats/stats.hpp"
@@ -164,8 +165,8 @@ void on_packet(net::Connection id, std::span<const uint8_t> packet) noexcept
     handle(*connection, packet);
 }
 
-// One CONNECT at a time for an identifier; those without one do not wait for each other. Whether it is well formed shows
-// when it is served.
+// A CONNECT goes aside unless the host answers at once. One at a time for an identifier; those without one do not wait for
+// each other. Whether it is well formed shows when it is served.
 net::Choice way_of(net::Connection /*connection*/, std::span<const uint8_t> packet) noexcept
 {
     if (packet.empty() || type_of(packet[0]) != CONNECT)
@@ -173,8 +174,11 @@ net::Choice way_of(net::Connection /*connection*/, std::span<const uint8_t> pack
     const std::optional<std::string_view> id = codec::standard::peek_client_id(packet);
     if (!id)
         return {};
-    const auto group = static_cast<uint32_t>(std::hash<std::string_view>{}(*id));
-    return {net::Way::Aside, id->empty() ? 0 : std::max(group, 1U)};
+    const auto     hash  = static_cast<uint32_t>(std::hash<std::string_view>{}(*id));
+    const uint32_t group = id->empty() ? 0 : std::max(hash, 1U);
+    if (api::accepts_at_once() && !net::is_aside(group))
+        return {};
+    return {net::Way::Aside, group};
 }
 
 // A long packet may take longer than the keep-alive, which runs from packet to packet.

@@ -10,7 +10,7 @@ namespace {
 
 std::string id_in(const Bytes &connect)
 {
-    return std::string(codec::client_id_of(connect));
+    return std::string(codec::peek_connect(connect).client_id);
 }
 std::string id_in(const char *connect)
 {
@@ -19,7 +19,7 @@ std::string id_in(const char *connect)
 
 } // namespace
 
-TEST(client_id_of, stands_behind_the_variable_header)
+TEST(peek_connect, finds_the_id_that_stands_behind_the_variable_header)
 {
     EXPECT_EQ(id_in("10 0F | 00 04 'MQTT' 04 02 00 3C | 00 03 'abc'"), "abc");
     EXPECT_EQ(id_in("10 10 | 00 04 'MQTT' 05 02 00 3C | 00 | 00 03 'abc'"), "abc");
@@ -28,7 +28,15 @@ TEST(client_id_of, stands_behind_the_variable_header)
     EXPECT_EQ(id_in(packet(0x10, wire("00 04 'MQTT' 04 02 00 3C | 00 C8") + repeat('x', 200))), std::string(200, 'x'));
 }
 
-TEST(client_id_of, a_packet_cut_anywhere_has_none)
+TEST(peek_connect, tells_whether_a_session_is_to_be_kept)
+{
+    EXPECT_TRUE(codec::peek_connect(wire("10 0F | 00 04 'MQTT' 04 02 00 3C | 00 03 'abc'")).is_clean);
+    EXPECT_TRUE(codec::peek_connect(wire("10 10 | 00 04 'MQTT' 05 C6 00 3C | 00 | 00 03 'abc'")).is_clean);
+    EXPECT_FALSE(codec::peek_connect(wire("10 0F | 00 04 'MQTT' 04 FD 00 3C | 00 03 'abc'")).is_clean);
+    EXPECT_FALSE(codec::peek_connect(wire("10 0E | 00 04 'MQTT' 04 02 00 3C | 00 03 'ab'")).is_clean) << "cut short";
+}
+
+TEST(peek_connect, finds_no_id_in_a_packet_cut_anywhere)
 {
     const Bytes whole = wire("10 15 | 00 04 'MQTT' 05 02 00 3C | 05 11 00 00 00 01 | 00 03 'abc'");
     for (size_t length = 0; length < whole.size(); ++length)
