@@ -13,7 +13,9 @@ using namespace tarn::test;
 
 namespace {
 
-constexpr int kNoProcessor = 9999; // has this number
+constexpr int      kNoProcessor  = 9999; // has this number
+constexpr int      kSending_ms   = 300;  // longer than a test is interrupted
+constexpr uint64_t kLongAfter_us = 10'000'000;
 
 std::atomic<int>  g_sends, g_sending_ms;
 std::atomic<bool> g_is_for_few;
@@ -76,8 +78,8 @@ TEST_F(round_sending, is_not_for_a_few_packets)
     begin_round(1);
     EXPECT_EQ(sends_after(15), 0);
     EXPECT_EQ(sends_after(1), 1);
-    EXPECT_EQ(sends_after(15, 1000), 0);
-    EXPECT_EQ(sends_after(1, 1000), 1);
+    EXPECT_EQ(sends_after(15, kLongAfter_us), 0);
+    EXPECT_EQ(sends_after(1, kLongAfter_us), 1);
     begin_round(1); // counts anew
     EXPECT_EQ(sends_after(15), 0);
 }
@@ -92,21 +94,21 @@ TEST_F(round_sending, is_at_the_end_where_many_connections_have_a_turn)
 
 TEST_F(round_sending, waits_until_handling_has_taken_as_long_as_the_last)
 {
-    g_sending_ms = 5;
+    g_sending_ms = kSending_ms;
     begin_round(1);
     EXPECT_EQ(sends_after(16), 1); // none took long yet
     EXPECT_EQ(sends_after(100, 1000), 0);
-    EXPECT_EQ(sends_after(1, 1'000'000), 1);
+    EXPECT_EQ(sends_after(1, kLongAfter_us), 1);
 }
 
 TEST_F(round_sending, counts_that_of_the_round_s_end_as_the_last)
 {
     begin_round(1);
-    g_sending_ms = 5;
+    g_sending_ms = kSending_ms;
     end_round();
     begin_round(1);
     EXPECT_EQ(sends_after(100, 1000), 0);
-    EXPECT_EQ(sends_after(1, 1'000'000), 1);
+    EXPECT_EQ(sends_after(1, kLongAfter_us), 1);
 }
 
 TEST_F(round_sending, waits_for_the_end_where_the_peer_shares_the_processor)
