@@ -493,10 +493,10 @@ void tarn_sdk_mqtt_broker_register_auth_callback(broker_t *broker, broker_auth_c
 
 /*
  * The same for a callback that answers at once: it looks into a table in memory, say, and neither hashes a password nor
- * waits for a file, a lock that is held for long, or another service. Logins of clients without files are then no work
- * for threads of their own, and neither are the CONNECTED events behind them: a connection costs a quarter less. A
- * callback that takes its time all the same holds up every client. A function is a quick one for all instances or for
- * none, as it was registered last.
+ * kicks a client nor waits for a file, a lock that is held for long, or another service. Logins of clients without files
+ * are then no work for threads of their own, and neither are the CONNECTED events behind them: a connection costs a
+ * quarter less. A callback that takes its time all the same holds up every client. Only the function that was registered
+ * last in this way is a quick one, of whichever instance.
  */
 void tarn_sdk_mqtt_broker_register_quick_auth_callback(broker_t *broker, broker_auth_cb_t cb);
 

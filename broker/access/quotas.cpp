@@ -1,5 +1,7 @@
 #include "quotas.h"
 
+#include <algorithm>
+#include <chrono>
 #include <iterator>
 #include <set>
 #include <utility>
@@ -8,6 +10,7 @@ namespace tarn::broker {
 namespace {
 
 constexpr int64_t kCountEvery_ms = 100;   // at most, of each quota: counting goes through the library's tables
+constexpr int64_t kRestBetween   = 20;    // times as long as a count took: everybody waits for it
 constexpr int64_t kYoung_ms      = 10000; // the library may not have heard of it yet
 constexpr size_t  kKeptMin       = 1000;  // ids and topics for which looking what is gone is not worth it
 
@@ -282,10 +285,18 @@ void Quotas::remove(Quota quota, Owner &owner)
 
 void Quotas::count_again(Quota quota, int64_t now_ms)
 {
-    int64_t &counted_ms = counted_ms_[place(quota)];
-    if (counted_ms != 0 && now_ms - counted_ms < kCountEvery_ms)
+    int64_t &next_ms = next_count_ms_[place(quota)];
+    if (now_ms < next_ms)
         return;
-    counted_ms = now_ms;
+    using namespace std::chrono;
+    const auto began = steady_clock::now();
+    count(quota, now_ms);
+    const auto took = duration_cast<milliseconds>(steady_clock::now() - began);
+    next_ms         = now_ms + std::max(kCountEvery_ms, kRestBetween * int64_t{took.count()});
+}
+
+void Quotas::count(Quota quota, int64_t now_ms)
+{
     switch (quota) {
     case Quota::Connections: // exact
         break;

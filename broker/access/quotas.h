@@ -102,7 +102,8 @@ private:
     void              leave(KnownId &known);
     IdTable::iterator forget(IdTable::iterator known); // returns the next
     void              forget_idle_owners();
-    void              count_again(Quota quota, int64_t now_ms);
+    void              count_again(Quota quota, int64_t now_ms); // unless it was counted a moment ago
+    void              count(Quota quota, int64_t now_ms);
     void              count_subscriptions();
     void              count_topics();
     void              count_ids(int64_t now_ms);
@@ -120,7 +121,7 @@ private:
     IdTable                                  ids_;
     std::unordered_map<std::string, Owner *> topics_; // whose each is
     std::map<WillHolder, Will>               wills_;
-    std::array<int64_t, kQuotas>             counted_ms_{}; // when each was last counted anew
+    std::array<int64_t, kQuotas>             next_count_ms_{}; // before then none is counted anew
 };
 
 } // namespace tarn::broker

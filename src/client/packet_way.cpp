@@ -1,7 +1,8 @@
 // packet_way.cpp - which packets may keep a thread waiting, and so are served by a lane and not by the I/O thread.
 //
 //   CONNECT      a lane: the host's authentication callback may hash or ask elsewhere; the session's files are read,
-//                written (its will) or deleted. Unless the host answers at once and there are no files
+//                written (its will) or deleted. Unless the host answers at once and there are no files, as long as the
+//                round is a short one
 //   SUBSCRIBE    a lane, unless the session is clean: the subscription file is written
 //   the end      a lane where files are written: of a session with an expiry interval, or with a will
 //   all others   the I/O thread, which waits for no disk (packet_scope.h)
@@ -41,7 +42,8 @@ net::Choice way_of_connect(std::span<const uint8_t> packet)
     id.text[asked.client_id.copy(id.text, CLIENT_ID_CHARS)] = '\0';
     if (!id.text[0])
         return aside(kMadeUpIds);
-    return handler::is_quick_connect(id.text, asked.is_clean) ? in_turn(id.text) : aside(id.text);
+    const bool is_quick = !net::round_is_long() && handler::is_quick_connect(id.text, asked.is_clean);
+    return is_quick ? in_turn(id.text) : aside(id.text);
 }
 
 // A session without an expiry interval is only deleted. A will is routed like a publication, and writes a file where the

@@ -54,6 +54,9 @@ void set_writable_hook(void (*writable)(uint32_t handle)) noexcept;
 bool on_lane() noexcept;                // the calling thread is one of them
 bool is_aside(uint32_t group) noexcept; // a lane serves one of the group, or is about to
 
+// The calling I/O thread's round has lasted 2 ms: what may go aside or not is to go, as others wait for their turn.
+[[nodiscard]] bool round_is_long() noexcept;
+
 // From now on the hook is asked about each packet of this connection, or about those of `types` again. Any thread.
 void ask_about_all(Connection connection, bool all) noexcept;
 

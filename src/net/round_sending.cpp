@@ -62,6 +62,12 @@ void end_round() noexcept
     g_handling_us      = std::min(kTimesSending * t_round.sending_us, kLongestHandling_us);
 }
 
+bool round_is_long() noexcept
+{
+    constexpr uint64_t kLong_us = 2000;
+    return elapsed(packet_us(), t_round.began_us) >= kLong_us;
+}
+
 bool round_may_end_turns(uint64_t now_us) noexcept
 {
     return elapsed(now_us, t_round.began_us) >= g_handling_us;

@@ -1,4 +1,4 @@
-// round_sending.h - when what a round brought leaves: at its end, so that what it brought one client leaves in one write.
+// round_sending.h - how long a round is, and when what it brought leaves: at its end, so that what it brought one client leaves in one write.
 // Two things depend on how long that sending takes.
 //
 // Where it takes longer than handling, as with a message for a thousand clients, a round of short turns would send each

@@ -429,6 +429,7 @@ void flush_but_drop_none(Engine &engine) REQUIRES(engine_mutex)
         if (connection->is_broken)
             list_for_flush(engine, *connection);
     }
+    engine.forwarded_bytes = 0;
 }
 
 } // namespace

@@ -176,7 +176,7 @@ net::Choice way_of(net::Connection /*connection*/, std::span<const uint8_t> pack
         return {};
     const auto     hash  = static_cast<uint32_t>(std::hash<std::string_view>{}(*id));
     const uint32_t group = id->empty() ? 0 : std::max(hash, 1U);
-    if (api::accepts_at_once() && !net::is_aside(group))
+    if (!net::round_is_long() && api::accepts_at_once() && !net::is_aside(group))
         return {};
     return {net::Way::Aside, group};
 }

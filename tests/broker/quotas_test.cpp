@@ -5,10 +5,12 @@
 #include "user_file.h"
 
 #include <algorithm>
+#include <chrono>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <set>
 #include <sstream>
+#include <thread>
 
 using namespace tarn::broker;
 using namespace tarn::test;
@@ -238,6 +240,27 @@ TEST_F(quotas, subscriptions_are_counted_in_the_table_when_it_matters)
     EXPECT_TRUE(some.subscribe(handle, "a", now_ms)) << "the table is not gone through for each packet";
     now_ms += 1000;
     EXPECT_FALSE(some.subscribe(handle, "a", now_ms));
+}
+
+// Everybody waits for a count, and who is at its quota could ask for one all the time.
+TEST_F(quotas, are_not_counted_for_twenty_times_as_long_as_that_took)
+{
+    int counts       = 0;
+    subscriptions_of = [&counts](const std::string &) {
+        ++counts;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return size_t{2};
+    };
+    Quotas slow{limits(), holdings()};
+    ASSERT_FALSE(slow.open(1, kHere));
+    ASSERT_FALSE(slow.connect(1, "", "a", false, now_ms));
+    for (int i = 0; i < 2; ++i)
+        EXPECT_FALSE(slow.subscribe(1, "a", now_ms));
+    for (const int after_ms : {0, 100, 399})
+        EXPECT_TRUE(slow.subscribe(1, "a", now_ms + after_ms));
+    EXPECT_EQ(counts, 1);
+    EXPECT_TRUE(slow.subscribe(1, "a", now_ms + 60'000));
+    EXPECT_EQ(counts, 2);
 }
 
 TEST_F(quotas, a_retained_topic_counts_for_who_brought_it_in)

@@ -2,7 +2,9 @@
 #include "support/host.h"
 #include "support/peer.h"
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -10,6 +12,8 @@
 #include <poll.h>
 #include <pthread.h>
 #include <tarn_sdk_mqtt_broker.hpp>
+#include <thread>
+#include <vector>
 
 using namespace tarn::test;
 
@@ -20,6 +24,9 @@ const std::string kAtOnce = "tarn-io", kAside = "tarn-lane";
 std::mutex  g_mutex;
 std::string g_asked_on, g_told_on; // the threads of the last login and of its event
 
+std::vector<std::string> g_places; // those of all logins
+std::atomic<bool>        g_slow{false};
+
 std::string this_thread()
 {
     char name[16] = "";
@@ -29,8 +36,11 @@ std::string this_thread()
 
 bool on_auth(broker_t *, const char *, const char *username, const char *)
 {
+    if (g_slow)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const std::lock_guard lock(g_mutex);
     g_asked_on = this_thread();
+    g_places.push_back(g_asked_on);
     return std::string_view(username) != "bad";
 }
 
@@ -117,6 +127,25 @@ TEST_F(quick_login, goes_aside_where_a_session_is_kept_or_was)
 TEST_F(quick_login, goes_aside_without_an_id)
 {
     EXPECT_EQ(asked_for(""), kAside); // those that the broker makes up may be alike
+}
+
+// Of a crowd that comes back at once, so that who is connected does not wait for all of them.
+TEST_F(quick_login, goes_aside_in_a_round_that_is_long)
+{
+    g_slow = true;
+    std::vector<Peer> crowd;
+    for (int i = 0; i < 20; ++i)
+        crowd.push_back(Peer::tcp());
+    g_places.clear();
+    crowd[0].send(connect_packet(4, "first")); // the round of this one takes 50 ms, and the next round has all others
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    for (int i = 1; i < 20; ++i)
+        crowd[static_cast<size_t>(i)].send(connect_packet(4, "one-" + std::to_string(i)));
+    for (Peer &peer : crowd)
+        peer.expect("20 02 00 00");
+    const std::lock_guard lock(g_mutex);
+    EXPECT_EQ(std::count(g_places.begin(), g_places.end(), kAtOnce), 2);
+    EXPECT_EQ(std::count(g_places.begin(), g_places.end(), kAside), 18);
 }
 
 TEST_F(quick_login, is_none_once_the_callback_was_registered_as_another)

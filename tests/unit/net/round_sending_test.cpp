@@ -4,6 +4,7 @@
 
 #include "base/clock.h"
 #include "net_fixture.h"
+#include "support/faults.h"
 
 #include <sched.h>
 
@@ -127,6 +128,20 @@ TEST_F(round_sending, asks_again_later_where_it_is_for_many)
     g_is_for_few = false;
     begin_round(1);
     EXPECT_EQ(sends_after(15 + 16 + 16), 2);
+}
+
+TEST(round_length, is_long_from_2_ms_on)
+{
+    ManualClock clock;
+    begin_round(1);
+    EXPECT_FALSE(round_is_long());
+    clock.advance_ms(1);
+    EXPECT_FALSE(round_is_long());
+    clock.advance_ms(1);
+    EXPECT_TRUE(round_is_long());
+    begin_round(1);
+    EXPECT_FALSE(round_is_long());
+    end_round();
 }
 
 TEST_F(round_sending, needs_a_connection)
