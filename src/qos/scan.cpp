@@ -34,7 +34,7 @@ constinit uint64_t g_next_due_ms GUARDED_BY(g_queue_mutex) = kNever;
 constinit bool g_turn_runs       GUARDED_BY(g_queue_mutex) = false; // a scan thread walks
 constinit Shared<uint64_t>       g_last_walk_ms            = 0;
 constinit Shared<uint64_t>       g_last_turn_ms            = 0;
-constinit SendBatch              g_batch; // of the scan thread that walks; others send what they resend one by one
+constinit SendBatch              g_batch{}; // of the scan thread that walks; others send what they resend one by one
 
 struct ScanResult {
     int resent  = 0;

@@ -12,7 +12,7 @@ using Part = SendBatch::Part;
 
 namespace {
 
-constinit SendBatch g_batch;
+constinit SendBatch g_batch{};
 
 struct send_batch : testing::Test {
     ManualClock          clock; // before the manager, whose scan threads note when they had their turn
