@@ -58,10 +58,9 @@ enum { NETIP_TCP = 1, NETIP_UDP = 2 };
  *             is free and the descriptor is closed by netip_deinit. netip_deinit does not heed it.
  *
  *   threads   CONNECTED on the accept thread, for UDP on an I/O thread; DATA on an I/O thread, or on a lane thread if
- *             the client manager is up and the packet may write files or wait (CONNECT, unless the host answers
- *             logins at once or has no callback for them, nor for events); DISCONNECTED on
- *             any of them or on the thread inside netip_close or netip_deinit. DATA of one connection comes in order,
- *             by one thread at a time.
+ *             the client manager is up and the packet may write files or wait (CONNECT, unless the host answers logins
+ *             at once, or has no callback for them, nor for events); DISCONNECTED on any of them or on the thread
+ *             inside netip_close or netip_deinit. DATA of one connection comes in order, by one thread at a time.
  *   locks     none of a slot's and not g_netip_lock are held: every function of netip.h may be called, netip_close and
  *             netip_deinit included. One that takes its time on an I/O thread holds up every connection.
  */

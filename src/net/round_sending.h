@@ -1,5 +1,5 @@
-// round_sending.h - how long a round is, and when what it brought leaves: at its end, so that what it brought one client leaves in one write.
-// Two things depend on how long that sending takes.
+// round_sending.h - how long a round is, and when what it brought leaves: at its end, so that what it brought one client
+// leaves in one write. Two things depend on how long that sending takes.
 //
 // Where it takes longer than handling, as with a message for a thousand clients, a round of short turns would send each
 // message alone. So turns do not end before the round has taken some times as long as the sending of the round before.

@@ -57,14 +57,20 @@ void on_event(broker_t *, uint32_t kind, const char *)
     g_told_on = this_thread();
 }
 
-std::string told_on()
+// Where the host is told of a client that reads nothing until then.
+std::string told_on(broker_t *broker)
 {
+    tarn_sdk_mqtt_broker_register_event_callback(broker, on_event);
+    Peer client = Peer::tcp();
+    g_watched   = client.fd();
+    client.send(connect_packet(4, "a"));
     std::string thread;
     eventually([&] {
         const std::lock_guard lock(g_mutex);
         thread = g_told_on;
         return !thread.empty();
     });
+    client.expect("20 02 00 00");
     return thread;
 }
 
@@ -164,13 +170,8 @@ TEST_F(quick_login, is_none_once_the_callback_was_registered_as_another)
 
 TEST_F(quick_login, has_its_answer_before_the_host_is_told)
 {
-    tarn_sdk_mqtt_broker_register_event_callback(host.broker(), on_event);
-    Peer client = Peer::tcp();
-    g_watched   = client.fd();
-    client.send(connect_packet(4, "a")); // and reads nothing until the host was told
-    EXPECT_EQ(told_on(), kAtOnce);
+    EXPECT_EQ(told_on(host.broker()), kAtOnce);
     EXPECT_TRUE(g_answer_came_first);
-    client.expect("20 02 00 00");
 }
 
 TEST_F(quick_login, of_the_standard_profile_may_keep_its_session)
@@ -188,13 +189,8 @@ TEST_F(quick_login, of_the_standard_profile_may_keep_its_session)
 TEST(login, without_an_authentication_callback_is_quick_where_nobody_is_told)
 {
     Host host;
-    tarn_sdk_mqtt_broker_register_event_callback(host.broker(), on_event);
-    Peer client = Peer::tcp();
-    g_watched   = client.fd();
-    client.send(connect_packet(4, "a")); // and reads nothing until the host was told
-    EXPECT_EQ(told_on(), kAside);
+    EXPECT_EQ(told_on(host.broker()), kAside);
     EXPECT_TRUE(g_answer_came_first);
-    client.expect("20 02 00 00");
 }
 
 TEST(login, is_quick_through_the_cpp_header_too)
